@@ -1,0 +1,87 @@
+"""Fixtures of the end-to-end tests, and what a failed test leaves behind."""
+import ctypes
+import fcntl
+import os
+import re
+import shutil
+import socket
+import struct
+
+import pytest
+
+import world
+
+FAILURES = os.environ.get("SONDREL_FAILURES", f"{os.path.dirname(world.TESTS)}/build/tests/failures")
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "slow: takes long; left out of the quick run")
+
+
+@pytest.fixture(scope="session", autouse=True)
+def private_network():
+    """Loopback of our own: port 22 is free, and nothing listens that a test did not start."""
+    assert os.path.isdir("/mnt/etc.orig"), "run the tests through tests/private-world"
+    libc = ctypes.CDLL(None, use_errno=True)
+    assert libc.unshare(0x40000000) == 0, os.strerror(ctypes.get_errno())  # CLONE_NEWNET
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as any_socket:
+        # SIOCSIFFLAGS, with IFF_UP | IFF_LOOPBACK
+        fcntl.ioctl(any_socket, 0x8914, struct.pack("16sh14x", b"lo", 0x1 | 0x8))
+
+
+@pytest.fixture(autouse=True)
+def clean_world():
+    """Nothing of an earlier test is there, when several of them share a world."""
+    for folder in (world.SESSION, world.SOURCE_TREE, world.RECORDS, world.LOGS, world.RUNS, world.AGENTS):
+        shutil.rmtree(folder, ignore_errors=True)
+    for login in world.LOGINS:
+        shutil.rmtree(login.agent_dir, ignore_errors=True)
+    os.makedirs(world.AGENTS)
+
+
+@pytest.fixture
+def source():
+    """A source host that listens on port 22 and keeps every command that it is sent."""
+    with world.SourceHost() as host:
+        yield host
+
+
+@pytest.fixture
+def system_log():
+    with world.SystemLog() as log:
+        yield log
+
+
+@pytest.fixture(params=list(world.LOGIN_KINDS))
+def login(request):
+    """Each kind of login in turn."""
+    return world.LOGIN_KINDS[request.param]
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    report = outcome.get_result()
+    if report.skipped:
+        report.outcome = "failed"
+        report.longrepr = f"{item.nodeid} was skipped, and no test may be: {report.longrepr}"
+    if report.failed:
+        report.sections.append(("what is left of it", keep_evidence(item.name)))
+
+
+def keep_evidence(name):
+    """Copies the session, the logs and the records out of the private world, to be looked at."""
+    kept = f"{FAILURES}/{re.sub(r'[^A-Za-z0-9_.-]+', '_', name)}"
+    shutil.rmtree(kept, ignore_errors=True)
+    os.makedirs(kept)
+    for folder in (world.SESSION, world.RECORDS, world.LOGS, world.RUNS):
+        if os.path.isdir(folder):
+            # Content files can be large, and fifos would block: those stay behind.
+            shutil.copytree(folder, f"{kept}/{os.path.basename(folder)}", symlinks=True,
+                            ignore=lambda parent, names: [n for n in names if unfit(os.path.join(parent, n))])
+    return kept
+
+
+def unfit(path):
+    return not (os.path.isdir(path) or os.path.islink(path)
+                or os.path.isfile(path) and os.path.getsize(path) <= 1 << 20)
