@@ -1,0 +1,18 @@
+#include "commons/ProgramTerminatedException.h"
+
+#include <atomic>
+
+namespace {
+
+std::atomic<bool> isProgramTerminated{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "must be safe in a signal handler");
+
+}  // namespace
+
+void terminateProgram() noexcept {
+  isProgramTerminated = true;
+}
+
+void checkProgramTerminated() {
+  if (isProgramTerminated) throw MigrationTerminatedException("Migration has been terminated");
+}

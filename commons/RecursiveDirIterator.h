@@ -1,0 +1,19 @@
+#pragma once
+
+#include <boost/filesystem/path.hpp>
+#include <boost/function.hpp>
+
+/// Called with each local path and the remote path that matches it. Its result
+/// tells whether a directory is to be walked into.
+using DirVisitor = boost::function<bool(const boost::filesystem::path& local,
+                                        const boost::filesystem::path& remote)>;
+
+/// Walks a local tree: the visitor sees the starting node first, then, in the order
+/// of the directory listing, what is in it. Symbolic links are followed. Throws
+/// boost::filesystem::filesystem_error, and boost::bad_function_call for an empty
+/// visitor.
+void recursive_dir_walk_sync(const boost::filesystem::path& localDir,
+                             const boost::filesystem::path& remoteDir, const DirVisitor& visitor);
+
+/// The same with "." as the remote side.
+void recursive_dir_walk(const boost::filesystem::path& localDir, const DirVisitor& visitor);

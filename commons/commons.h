@@ -1,0 +1,94 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "commons/exceptions.h"
+
+DECLARE_ERROR_TAG(CantCreateTempFile,
+                  "Can not create temporary file with the template '%1%': %2%.");
+DECLARE_ERROR_TAG(CantStatFS, "Cannot stat filesystem containing %1%: %2%");
+DECLARE_ERROR_TAG(CantRenameFile, "Cannot rename %1% to %2%: %3%");
+
+/// Creates a new, empty temporary file, mode 0600, and returns its name, which
+/// begins with `prefix`. An empty `dir` means the configured folder for temporary
+/// files. The caller overwrites or removes it. Throws CantCreateTempFile.
+std::string DTM_getTempFileName(const std::string& dir, const std::string& prefix);
+
+/// Fills `buffer` with the NUL-terminated template of such a name.
+void initTempName(std::vector<char>& buffer, const std::string& dir, const std::string& prefix);
+
+/// Bytes that an unprivileged user can still write on the file system that holds
+/// `path`. Throws CantStatFS.
+std::uint64_t getFreeSpace(const std::string& path);
+
+/// True when `path` is the name of an existing regular file; symbolic links are
+/// followed. `flag` is not used.
+bool check_input_file(const char* path, bool flag = false);
+
+/// Creates the folder `path` and every missing parent, each with this owner, group
+/// and mode (less the process's umask). Whatever exists already, folder or not,
+/// stays as it is. 0 on success, else non-zero with errno.
+int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode);
+
+/// The text after the last "/", or all of `path` when there is none.
+std::string getFileNameFromPath(const std::string& path);
+
+/// The text before the last "/", or nothing when there is none.
+std::string getPath(const std::string& path);
+
+/// The user and group that own what other programs are to read. 0 and 0 where the
+/// account does not exist.
+struct ServiceAccount {
+  uid_t user;
+  gid_t group;
+};
+
+/// The service account "qrvadm", looked up once per process: every save of a
+/// status document asks.
+const ServiceAccount& serviceAccount();
+
+/// Replaces a file in one step: a temporary file beside it is written by somebody,
+/// given to the service account and moved over the target. Readers see the old
+/// content or the new, never a part.
+///
+///   AtomicReplacement replacement(target);
+///   write(replacement.temporaryName());
+///   replacement.commit();
+///
+/// Without `commit`, as when writing failed, the temporary file is removed. After a
+/// failed `commit` it is left in place, as evidence.
+class AtomicReplacement {
+ public:
+  /// Creates the temporary file. Throws CantCreateTempFile.
+  explicit AtomicReplacement(const std::string& target);
+  ~AtomicReplacement();
+  AtomicReplacement(const AtomicReplacement&) = delete;
+  AtomicReplacement& operator=(const AtomicReplacement&) = delete;
+
+  const std::string& temporaryName() const { return temporaryName_; }
+
+  /// Throws CantTakeFileOwnership or CantRenameFile; the target is then untouched.
+  void commit();
+
+ private:
+  std::string target_;
+  std::string temporaryName_;
+  bool removeTemporary_ = true;
+};
+
+/// Sets the process's file-creation mask and restores the old one, also when an
+/// exception passes.
+class UmaskGuard {
+ public:
+  explicit UmaskGuard(mode_t mask);
+  ~UmaskGuard();
+  UmaskGuard(const UmaskGuard&) = delete;
+  UmaskGuard& operator=(const UmaskGuard&) = delete;
+
+ private:
+  mode_t oldMask_;
+};

@@ -1,0 +1,97 @@
+#include "commons/content_folder.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <cerrno>
+#include <vector>
+
+#include "commons/ExSystemError.h"
+#include "commons/commons.h"
+
+namespace {
+
+constexpr mode_t CONTENT_UMASK = 022;
+constexpr mode_t CONTENT_DIR_MODE = 0755;
+constexpr mode_t NEW_FILE_MODE = 0666;
+
+std::vector<std::string> splitPath(const std::string& path) {
+  std::vector<std::string> components;
+  boost::split(components, path, boost::is_any_of("/"));
+  return components;
+}
+
+bool isRegularFile(const UniqueFd& fd) {
+  struct stat status;
+  return fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+}  // namespace
+
+ContentFolder::ContentFolder(std::string path, uid_t owner, gid_t group)
+    : path_(std::move(path)), owner_(owner), group_(group) {}
+
+OutputFile ContentFolder::create(const std::string& name) const {
+  const UmaskGuard mask(CONTENT_UMASK);
+  UniqueFd folder = openParent(name, true);
+  // O_NONBLOCK: a FIFO in the file's place must not stop the run.
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  UniqueFd file(openat(folder.get(), getFileNameFromPath(name).c_str(), flags, NEW_FILE_MODE));
+  if (!file) throwSystemError(pathOf(name), errno);
+  if (!isRegularFile(file)) throwSystemError(pathOf(name), EINVAL);
+  return OutputFile(pathOf(name), std::move(file), std::move(folder));
+}
+
+UniqueFd ContentFolder::openExisting(const std::string& name) const {
+  try {
+    const UniqueFd folder = openParent(name, false);
+    const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    UniqueFd file(openat(folder.get(), getFileNameFromPath(name).c_str(), flags));
+    if (file && isRegularFile(file)) return file;
+  } catch (const SystemError&) {
+    // A missing folder is a missing file.
+  }
+  return {};
+}
+
+UniqueFd ContentFolder::openParent(const std::string& name, bool makeMissing) const {
+  UniqueFd folder(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder) throwSystemError(path_, errno);
+  std::vector<std::string> components = splitPath(name);
+  components.pop_back();
+  for (const std::string& component : components) {
+    folder = openOrMakeFolder(folder.get(), component, makeMissing);
+  }
+  return folder;
+}
+
+UniqueFd ContentFolder::openOrMakeFolder(int parent, const std::string& name,
+                                         bool makeMissing) const {
+  const bool made = makeMissing && mkdirat(parent, name.c_str(), CONTENT_DIR_MODE) == 0;
+  UniqueFd folder(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!folder) throwSystemError(name, errno);
+  if (made && (fchown(folder.get(), owner_, group_) != 0 || !syncFolder(parent))) {
+    throwSystemError(name, errno);
+  }
+  return folder;
+}
+
+int make_content_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
+  const UmaskGuard mask(CONTENT_UMASK);
+  return make_dir(path, owner, group, mode);
+}
+
+std::string whyUnsafeName(const std::string& name) {
+  if (name.empty()) return "the name is empty";
+  if (name.find('\0') != std::string::npos) return "the name holds a zero byte";
+  if (name.front() == '/') return "the name is absolute";
+  if (name.back() == '/') return "the name ends in '/'";
+  for (const std::string& component : splitPath(name)) {
+    if (component == "." || component == "..") {
+      return "the name has '" + component + "' as a component";
+    }
+  }
+  return {};
+}

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "commons/output_file.h"
+#include "commons/unique_fd.h"
+
+/// Creates files below a folder that belongs to an account which is trusted less
+/// than this process.
+///
+/// Everything below the folder is opened through descriptors that refuse symbolic
+/// links, so that nobody who may write there can lead a write elsewhere. Names are
+/// relative and free of "." and ".." (see whyUnsafeName).
+class ContentFolder {
+ public:
+  /// New folders get this owner and group and mode 0755.
+  ContentFolder(std::string path, uid_t owner, gid_t group);
+
+  /// Opens the file `name` for writing, truncated, with its missing folders made; a
+  /// new file gets mode 0644. Throws SystemError, naming the part that failed.
+  OutputFile create(const std::string& name) const;
+
+  /// Opens the file `name` for reading; no descriptor when it is not there, is no
+  /// regular file or lies behind a symbolic link.
+  UniqueFd openExisting(const std::string& name) const;
+
+  std::string pathOf(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  UniqueFd openParent(const std::string& name, bool makeMissing) const;
+  UniqueFd openOrMakeFolder(int parent, const std::string& name, bool makeMissing) const;
+
+  std::string path_;
+  uid_t owner_;
+  gid_t group_;
+};
+
+/// Creates the folder `path` and its missing parents under umask 022. 0 on success,
+/// else non-zero with errno.
+int make_content_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode);
+
+/// Why `name`, which came from another host, must not be used below a folder: it is
+/// empty, absolute, ends in "/", has "." or ".." as a component, or holds a zero
+/// byte. Empty when it may be used.
+std::string whyUnsafeName(const std::string& name);

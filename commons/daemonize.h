@@ -1,0 +1,12 @@
+#pragma once
+
+#include <boost/function.hpp>
+#include <list>
+
+using DaemonHandlers = std::list<boost::function<void()>>;
+
+/// What is to run, in order, in the parent and in the child when somebody detaches
+/// this process as a daemon. This program registers a child handler and never
+/// detaches; a program that embeds it may.
+DaemonHandlers& parentDaemonHandlers();
+DaemonHandlers& childDaemonHandlers();

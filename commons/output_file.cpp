@@ -1,0 +1,68 @@
+#include "commons/output_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+FdStreamBuf::int_type FdStreamBuf::overflow(int_type c) {
+  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+  const char byte = traits_type::to_char_type(c);
+  return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
+}
+
+std::streamsize FdStreamBuf::xsputn(const char* bytes, std::streamsize size) {
+  std::streamsize done = 0;
+  while (done < size) {
+    const ssize_t written = write(fd_, bytes + done, static_cast<std::size_t>(size - done));
+    if (written >= 0) {
+      done += written;
+    } else if (errno != EINTR) {
+      if (error_ == 0) error_ = errno;
+      break;
+    }
+  }
+  return done;
+}
+
+OutputFile::OutputFile(const std::string& path)
+    : OutputFile(path, UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
+                 UniqueFd()) {}
+
+OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd folder)
+    : path_(path),
+      file_(std::move(file)),
+      folder_(std::move(folder)),
+      error_(file_ ? 0 : errno),
+      buffer_(file_.get()),
+      stream_(&buffer_) {
+  if (!file_) stream_.setstate(std::ios::badbit);
+}
+
+bool OutputFile::noteFailure() {
+  if (error_ == 0) error_ = errno;
+  return false;
+}
+
+bool OutputFile::close() {
+  const bool complete = file_ && stream_.good();
+  if (file_.close() != 0) return noteFailure();
+  return complete;
+}
+
+bool OutputFile::syncAndClose() {
+  // EINVAL: nothing on the way to a disk, as with a device.
+  if (file_ && fdatasync(file_.get()) != 0 && errno != EINVAL) return noteFailure();
+  if (!close()) return false;
+  if (folder_ && !syncFolder(folder_.get())) return noteFailure();
+  return true;
+}
+
+std::string OutputFile::errorText() const {
+  return std::strerror(buffer_.error() ? buffer_.error() : error_);
+}
+
+bool syncFolder(int folder) {
+  return fsync(folder) == 0 || errno == EINVAL;
+}

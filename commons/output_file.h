@@ -1,0 +1,63 @@
+#pragma once
+
+#include <ostream>
+#include <streambuf>
+#include <string>
+
+#include "commons/unique_fd.h"
+
+/// Writes to a descriptor without a buffer of its own, so that a full disk is seen
+/// at the write it hits. Continues short writes and interrupted ones.
+class FdStreamBuf : public std::streambuf {
+ public:
+  /// The descriptor stays the caller's.
+  explicit FdStreamBuf(int fd) : fd_(fd) {}
+  /// errno of the first write that failed, else 0.
+  int error() const { return error_; }
+
+ protected:
+  int_type overflow(int_type c) override;
+  std::streamsize xsputn(const char* bytes, std::streamsize size) override;
+
+ private:
+  int fd_;
+  int error_ = 0;
+};
+
+/// A local file that is being written.
+///
+/// Opening may fail; the stream is then in a bad state from the start and every
+/// write to it fails. What was written is certain only after `close` or
+/// `syncAndClose` returned true; the destructor closes without asking.
+class OutputFile {
+ public:
+  /// Creates or truncates `path`; a new file gets mode 0666 less the umask.
+  explicit OutputFile(const std::string& path);
+  /// Takes over a file that somebody opened in `folder`. `path` is for messages.
+  OutputFile(const std::string& path, UniqueFd file, UniqueFd folder);
+
+  bool isOpen() const { return static_cast<bool>(file_); }
+  const std::string& path() const { return path_; }
+  std::ostream& stream() { return stream_; }
+
+  /// True when every byte went to the system and closing reported no error.
+  bool close();
+  /// The same, with the file and, if it is known, its folder on the disk as well.
+  bool syncAndClose();
+  /// The system's text for what failed first.
+  std::string errorText() const;
+
+ private:
+  bool noteFailure();
+
+  std::string path_;
+  UniqueFd file_;
+  UniqueFd folder_;
+  int error_ = 0;
+  FdStreamBuf buffer_;
+  std::ostream stream_;
+};
+
+/// Puts a folder's entries on the disk; false with errno when that fails. A file
+/// system that cannot sync folders at all (EINVAL) is no failure.
+bool syncFolder(int folder);

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+/// `text` as one word of a command line that a POSIX shell parses: special
+/// characters get a backslash, a line feed stands in single quotes.
+///
+/// No quotes are put around the whole, so the empty string stays empty and would
+/// vanish from a command line; callers never pass it.
+std::string sh_quote(const std::string& text);
+
+/// Throws std::runtime_error unless every byte of `argument` may stand unquoted in
+/// a command line.
+void check_shell_arg(const std::string& argument);
+
+/// The same test: 1 when acceptable, else 0. Null and "" are acceptable.
+int check_shell_arg_nothrow(const char* argument) noexcept;

@@ -1,0 +1,237 @@
+#include "commons/xml_wrap.h"
+
+#include <libxml/encoding.h>
+#include <libxml/parser.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "commons/commons.h"
+
+namespace {
+
+constexpr const char* REPLACEMENT_CHARACTER = "\xEF\xBF\xBD";
+
+/// What the first byte of a UTF-8 character says of it; a length of 0 for a byte
+/// that begins none.
+struct Utf8Lead {
+  std::size_t length;
+  unsigned int bits;
+  /// The smallest value that needs this many bytes.
+  unsigned int smallest;
+};
+
+Utf8Lead decodeLead(unsigned char byte) {
+  if (byte < 0x80) return {1, byte, 0};
+  if ((byte & 0xE0) == 0xC0) return {2, byte & 0x1Fu, 0x80};
+  if ((byte & 0xF0) == 0xE0) return {3, byte & 0x0Fu, 0x800};
+  if ((byte & 0xF8) == 0xF0) return {4, byte & 0x07u, 0x10000};
+  return {0, 0, 0};
+}
+
+bool isXmlCharacter(unsigned int c) {
+  return c == '\t' || c == '\n' || c == '\r' || (c >= 0x20 && c <= 0xD7FF) ||
+         (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
+}
+
+/// Bytes of the XML character at `position`; 0 when there is none.
+std::size_t xmlCharacterLength(const std::string& text, std::size_t position) {
+  const Utf8Lead lead = decodeLead(static_cast<unsigned char>(text[position]));
+  if (lead.length == 0 || position + lead.length > text.size()) return 0;
+  unsigned int c = lead.bits;
+  for (std::size_t i = 1; i < lead.length; ++i) {
+    const auto byte = static_cast<unsigned char>(text[position + i]);
+    if ((byte & 0xC0) != 0x80) return 0;
+    c = c << 6 | (byte & 0x3Fu);
+  }
+  return c >= lead.smallest && isXmlCharacter(c) ? lead.length : 0;
+}
+
+void requireFileName(const char* fileName, const char* function, int line) {
+  const char* failed = !fileName ? "filename != NULL" : *fileName == '\0' ? "*filename != 0" : "";
+  if (*failed != '\0') {
+    throw Exc<&AssertionFailed>(function, sourceFileName(__FILE__), line) % failed;
+  }
+}
+
+}  // namespace
+
+std::string toXmlSafeText(const std::string& text) {
+  std::string safe;
+  safe.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    const std::size_t length = xmlCharacterLength(text, i);
+    if (length == 0) {
+      safe += REPLACEMENT_CHARACTER;
+      ++i;
+    } else {
+      safe.append(text, i, length);
+      i += length;
+    }
+  }
+  return safe;
+}
+
+tXmlDocument::tXmlDocument() {
+  createNewDoc();
+}
+
+tXmlDocument::tXmlDocument(const char* fileName) {
+  readFromFile(fileName);
+}
+
+tXmlDocument::tXmlDocument(const std::string& content) {
+  if (content.empty()) throw Exc<&AssertionFailed>(HERE) % "content.size()";
+  // The library counts in int; a larger text cannot be handed over.
+  if (content.size() > INT_MAX) {
+    throw Exc<&tError_ParseFile>(HERE) % "-" % "the text is larger than 2 GiB";
+  }
+  const LibxmlErrorCollector complaints;
+  adopt(xmlParseMemory(content.data(), static_cast<int>(content.size())));
+  if (!document_) throw Exc<&tError_ParseFile>(HERE) % "-" % complaints.text();
+}
+
+void tXmlDocument::adopt(xmlDocPtr document) {
+  document_.reset(document, [](xmlDocPtr doc) {
+    if (doc) xmlFreeDoc(doc);
+  });
+}
+
+void tXmlDocument::createNewDoc() {
+  adopt(xmlNewDoc(toXmlChar("1.0")));
+  if (!document_) {
+    throw Exc<&tError_XmlInternal>(HERE) % "#0001: Can not create new XML document.";
+  }
+}
+
+void tXmlDocument::readFromFile(const char* fileName) {
+  requireFileName(fileName, __PRETTY_FUNCTION__, __LINE__);
+  if (std::strcmp(fileName, "-") != 0 && !check_input_file(fileName)) {
+    throw Exc<&tError_WrongInputFile>(HERE) % fileName;
+  }
+  const LibxmlErrorCollector complaints;
+  adopt(xmlParseFile(fileName));
+  if (!document_) throw Exc<&tError_ParseFile>(HERE) % fileName % complaints.text();
+}
+
+void tXmlDocument::saveToFile(const char* fileName) const {
+  requireFileName(fileName, __PRETTY_FUNCTION__, __LINE__);
+  const LibxmlErrorCollector complaints;
+  if (xmlSaveFile(fileName, document()) < 0) throw Exc<&tError_SaveFile>(HERE) % fileName;
+}
+
+void tXmlDocument::saveToBuffer(xmlOutputBufferPtr buffer) const {
+  if (!buffer) throw Exc<&AssertionFailed>(HERE) % "buffer != 0";
+  const LibxmlErrorCollector complaints;
+  if (xmlSaveFileTo(buffer, document(), nullptr) < 0) {
+    throw Exc<&tError_SaveFile>(HERE) % "in-memory buffer";
+  }
+}
+
+namespace {
+
+/// libxml2's write callback for a std::ostream. Nothing may be thrown through C
+/// frames: a stream set to throw shows its failure by its state as well.
+int writeToStream(void* context, const char* bytes, int size) {
+  auto& stream = *static_cast<std::ostream*>(context);
+  try {
+    stream.write(bytes, size);
+  } catch (const std::exception&) {
+    return -1;
+  }
+  return stream ? size : -1;
+}
+
+int closeNothing(void* /*context*/) {
+  return 0;
+}
+
+}  // namespace
+
+void tXmlDocument::saveToStream(std::ostream& stream) const {
+  saveToBuffer(xmlOutputBufferCreateIO(writeToStream, closeNothing, &stream,
+                                       xmlFindCharEncodingHandler("UTF-8")));
+}
+
+void tXmlDocument::saveToFileAtomically(const std::string& target) const {
+  AtomicReplacement replacement(target);
+  saveToFile(replacement.temporaryName().c_str());
+  replacement.commit();
+}
+
+int tXmlDtmDocument::initFileDoc(const std::string& rootName) {
+  const xmlNodePtr found = xmlDocGetRootElement(document());
+  if (!found) throw Exc<&tError_EmptyDoc>(HERE) % rootName;
+  const std::string foundName = fromXmlChar(found->name);
+  if (foundName != rootName) throw Exc<&tError_WrongDoc>(HERE) % rootName % foundName;
+  root_ = found;
+  return 1;
+}
+
+void tXmlDtmDocument::initNewDoc(const std::string& rootName) {
+  root_ = xmlNewDocNode(document(), nullptr, toXmlChar(rootName), nullptr);
+  if (!root_) throw Exc<&tError_XmlInternal>(HERE) % "#0002: Can not create new node";
+  xmlDocSetRootElement(document(), root_);
+}
+
+xmlNodePtr tXmlDtmDocument::getRootNodeChild(const std::string& name) const {
+  const xmlNodePtr child = getXmlChild(root_, name);
+  if (child) return child;
+  throw Exc<&tError_WrongContent>(HERE) %
+      ("Can not find '" + name + "' element in '" + fromXmlChar(root_->name) + "' element.");
+}
+
+xmlNodePtr tXmlDtmDocument::newChild(xmlNodePtr parent, const std::string& name) {
+  return xmlAddChild(parent, xmlNewDocNode(document(), nullptr, toXmlChar(name), nullptr));
+}
+
+xmlNodePtr tXmlDtmDocument::newTextChild(xmlNodePtr parent, const std::string& name,
+                                         const std::string& text) {
+  return xmlNewTextChild(parent, nullptr, toXmlChar(name), toXmlChar(toXmlSafeText(text)));
+}
+
+xmlNodePtr tXmlDtmDocument::newCDataBlock(xmlNodePtr parent, const std::string& text) {
+  const std::string safe = toXmlSafeText(text);
+  return xmlAddChild(parent,
+                     xmlNewCDataBlock(document(), toXmlChar(safe), static_cast<int>(safe.size())));
+}
+
+void tXmlDtmDocument::addAttribute(xmlNodePtr node, const std::string& name,
+                                   const std::string& value) {
+  xmlSetProp(node, toXmlChar(name), toXmlChar(toXmlSafeText(value)));
+}
+
+std::string tXmlDtmDocument::getAttribute(xmlNodePtr node, const std::string& name) const {
+  const XmlText value{xmlGetProp(node, toXmlChar(name))};
+  if (!value) throw Exc<&NoSuchAttribute>(HERE) % fromXmlChar(node->name) % name;
+  return fromXmlChar(value.get());
+}
+
+std::string tXmlDtmDocument::getNodeText(xmlNodePtr node) const {
+  return fromXmlChar(XmlText{xmlNodeListGetString(document(), node->children, 1)}.get());
+}
+
+namespace {
+
+/// Writes the element to the file; false when any byte may be missing.
+bool dumpElement(const std::string& fileName, xmlDocPtr document, xmlNodePtr node) {
+  const LibxmlErrorCollector complaints;
+  std::FILE* file = std::fopen(fileName.c_str(), "we");
+  if (!file) return false;
+  // xmlElemDump reports nothing; the stream's state does.
+  xmlElemDump(file, document, node);
+  const bool written = std::fflush(file) == 0 && std::ferror(file) == 0;
+  return std::fclose(file) == 0 && written;
+}
+
+}  // namespace
+
+void XmlNode::saveToFileAtomically(const std::string& target) const {
+  AtomicReplacement replacement(target);
+  const std::string& fileName = replacement.temporaryName();
+  if (!dumpElement(fileName, document_.document(), node_)) {
+    throw Exc<&tError_SaveFile>(HERE) % fileName;
+  }
+  replacement.commit();
+}

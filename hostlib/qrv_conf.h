@@ -1,0 +1,37 @@
+#pragma once
+
+/// The host configuration file /etc/qrv/qrv.conf: lines of a key, white space and
+/// a value that runs to the end of the line; empty lines and lines that begin
+/// with '#' are skipped.
+///
+/// The file is read once per process, on the first lookup, and kept. While it
+/// cannot be read every lookup tries again, reports to the system log and finds
+/// nothing. Of a key that is given twice the last value holds.
+
+/// Slots of the variable table that this program reads. The other slots belong to
+/// the other tools that share the numbering.
+enum QrvConfVariable {
+  QRV_CONF_MIN = 0,
+  KORVO_MAILNAMES_D = 1,
+  MAILMAN_VAR_D = 12,
+  MAILMAN_ROOT_D = 13,
+  PGSQL_BIN_D = 15,
+  MYSQL_BIN_D = 16,
+  HTTPD_VHOSTS_D = 27,
+  PRODUCT_ROOT_D = 28,
+  QRV_CONF_MAX = 29
+};
+
+/// Loads the file unless that was done; false when it could not be read.
+bool autoprepend();
+
+/// The value of `name` in the file; null when the file has none or cannot be read.
+/// Owned by the store, valid until the process ends.
+const char* qrvConfGet(const char* name);
+
+/// The value in the file of the variable in slot `index`, cached per slot; null
+/// when the file has none, or when no variable of ours is in that slot.
+const char* qrvConfGetByIndex(int index);
+
+/// The same, or the compiled-in default when the file has no value.
+const char* qrvConfGetDefaultByIndex(int index);
