@@ -35,8 +35,13 @@ def clean_world():
     for folder in (world.SESSION, world.SOURCE_TREE, world.RECORDS, world.LOGS, world.RUNS, world.AGENTS):
         shutil.rmtree(folder, ignore_errors=True)
     for login in world.LOGINS:
-        shutil.rmtree(login.agent_dir, ignore_errors=True)
+        for entry in os.scandir(login.home):
+            remove = shutil.rmtree if entry.is_dir(follow_symlinks=False) else os.unlink
+            remove(entry.path)
     os.makedirs(world.AGENTS)
+    for path in (f"{world.DTM}/scout.pl", world.SELECTED):
+        if os.path.exists(path):
+            os.unlink(path)
 
 
 @pytest.fixture

@@ -24,6 +24,7 @@ DTM = f"{PRODUCT}/DTM"
 AGENTS = f"{DTM}/agents"
 SESSION = "/mnt/session"
 SOURCE_TREE = "/mnt/source"
+SELECTED = "/mnt/selected.xml"
 SHELL_FOLDER = "/mnt/shell"
 RECORDS = f"{SHELL_FOLDER}/records"
 LOGS = "/mnt/logs"
@@ -76,6 +77,19 @@ def wait_until(condition, what, deadline_seconds=30):
 def die_with_parent():
     """Run in a child: no server or tool survives a test that was killed."""
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+
+
+def process_running(*arguments):
+    """The pid of a process of this private world with exactly this command line, or None."""
+    wanted = b"".join(os.fsencode(argument) + b"\0" for argument in arguments)
+    for name in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            if (read(f"/proc/{name}/cmdline") == wanted
+                    and os.readlink(f"/proc/{name}/ns/mnt") == os.readlink("/proc/self/ns/mnt")):
+                return int(name)
+        except (FileNotFoundError, ProcessLookupError):
+            pass  # it has ended since the folder was listed
+    return None
 
 
 # --- files -----------------------------------------------------------------------------------
@@ -363,7 +377,8 @@ class Running:
     _count = 0
 
     def __init__(self, arguments, password=None, sudo_password=None, stdin=b"", environment=None,
-                 stdout=None, directory="/"):
+                 stdout=None, directory="/", through=(BINARY,), prepare=lambda: None):
+        """`through` is what the arguments are given to; `prepare` is called in the child."""
         Running._count += 1
         self._log = f"{RUNS}/{Running._count:03d}"
         os.makedirs(RUNS, exist_ok=True)
@@ -378,9 +393,9 @@ class Running:
             environment["QRV_SUDO_PASSWORD"] = sudo_password
         with open(f"{self._log}.stdin", "rb") as given, open(f"{self._log}.stderr", "wb") as stderr, \
                 open(stdout or f"{self._log}.stdout", "wb") as output:
-            self._process = subprocess.Popen([BINARY, *map(str, arguments)], env=environment, cwd=directory,
+            self._process = subprocess.Popen([*through, *map(str, arguments)], env=environment, cwd=directory,
                                              stdin=given, stdout=output, stderr=stderr,
-                                             preexec_fn=die_with_parent)
+                                             preexec_fn=lambda: (die_with_parent(), prepare()))
         self.pid = self._process.pid
 
     def send(self, signal_number):
