@@ -1,0 +1,106 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "commons/commons.h"
+#include "support.h"
+
+TEST(AtomicReplacementTest, ReplacesTheTargetByAPrivateFileOfTheServiceAccount) {
+  const ScopedTempDir dir;
+  writeFile(dir / "target", "old");
+  {
+    AtomicReplacement replacement(dir / "target");
+    const std::string& temporary = replacement.temporaryName();
+    EXPECT_THAT(temporary, testing::StartsWith(dir / "target"));
+    EXPECT_EQ(temporary.size(), (dir / "target").size() + 6);
+    writeFile(temporary, "new");
+    EXPECT_EQ(readFile(dir / "target"), "old");
+    replacement.commit();
+  }
+  EXPECT_EQ(readFile(dir / "target"), "new");
+  EXPECT_EQ(ownerAndMode(dir / "target"), "20000:20000 600");
+  EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("target"));
+}
+
+TEST(AtomicReplacementTest, LeavesAnOpenFileOfTheOldTargetItsContent) {
+  const ScopedTempDir dir;
+  writeFile(dir / "target", "old");
+  std::FILE* reader = std::fopen((dir / "target").c_str(), "r");
+  AtomicReplacement replacement(dir / "target");
+  writeFile(replacement.temporaryName(), "new");
+  replacement.commit();
+  char text[8] = {};
+  EXPECT_EQ(std::fread(text, 1, sizeof text, reader), 3u);
+  EXPECT_STREQ(text, "old");
+  std::fclose(reader);
+}
+
+TEST(AtomicReplacementTest, RemovesTheTemporaryFileWhenItIsGivenUp) {
+  const ScopedTempDir dir;
+  writeFile(dir / "target", "old");
+  { const AtomicReplacement replacement(dir / "target"); }
+  EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("target"));
+  EXPECT_EQ(readFile(dir / "target"), "old");
+}
+
+TEST(AtomicReplacementTest, LeavesTheTemporaryFileWhenItCannotBeGivenAway) {
+  const ScopedTempDir dir;
+  writeFile(dir / "target", "old");
+  inChild([&] {
+    becomePlainUser();
+    AtomicReplacement replacement(dir / "target");
+    const std::string temporary = replacement.temporaryName();
+    EXPECT_EQ(whatOf<Exc<&CantTakeFileOwnership>>([&] { replacement.commit(); }),
+              "Cannot take ownership of " + temporary + ": Operation not permitted");
+  });
+  EXPECT_THAT(entriesOf(dir.path()),
+              testing::ElementsAre("target", testing::StartsWith("target")));
+  EXPECT_EQ(readFile(dir / "target"), "old");
+}
+
+TEST(AtomicReplacementTest, LeavesTheTemporaryFileWhenItCannotBeMovedOverTheTarget) {
+  const ScopedTempDir dir;
+  ASSERT_EQ(mkdir((dir / "target").c_str(), 0755), 0);
+  std::string temporary;
+  {
+    AtomicReplacement replacement(dir / "target");
+    temporary = replacement.temporaryName();
+    EXPECT_EQ(whatOf<Exc<&CantRenameFile>>([&] { replacement.commit(); }),
+              "Cannot rename " + temporary + " to " + (dir / "target") + ": Is a directory");
+  }
+  EXPECT_EQ(ownerAndMode(temporary), "20000:20000 600");
+  EXPECT_EQ(ownerAndMode(dir / "target"), "0:0 755");
+}
+
+TEST(AtomicReplacementTest, FailsInAMissingFolderNamingTheTemplate) {
+  EXPECT_EQ(whatOf<Exc<&CantCreateTempFile>>([] { AtomicReplacement("/mnt/missing/target"); }),
+            "Can not create temporary file with the template '/mnt/missing/targetXXXXXX': "
+            "No such file or directory.");
+}
+
+TEST(AtomicReplacementTest, TakesANameWithoutAFolder) {
+  const ScopedTempDir dir;
+  inChild([&] {
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    AtomicReplacement replacement("target");
+    EXPECT_EQ(replacement.temporaryName().rfind("./target", 0), 0u);
+    replacement.commit();
+  });
+  EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("target"));
+}
+
+TEST(AtomicReplacementTest, UsesTheGroupOfTheServiceAccount) {
+  IN_FRESH_PROCESS();
+  const ScopedFile passwd("/etc/passwd", "root:x:0:0::/:/bin/sh\nqrvadm:x:20005:20006::/:/bin/sh\n");
+  const ScopedTempDir dir;
+  AtomicReplacement(dir / "target").commit();
+  EXPECT_EQ(ownerAndMode(dir / "target"), "20005:20006 600");
+  EXPECT_EQ(serviceAccount().user, 20005u);
+  EXPECT_EQ(serviceAccount().group, 20006u);
+}
+
+TEST(ServiceAccountTest, IsRootWhereItDoesNotExist) {
+  IN_FRESH_PROCESS();
+  const ScopedFile passwd("/etc/passwd", "root:x:0:0::/:/bin/sh\n");
+  EXPECT_EQ(serviceAccount().user, 0u);
+  EXPECT_EQ(serviceAccount().group, 0u);
+}

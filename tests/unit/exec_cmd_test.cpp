@@ -1,0 +1,390 @@
+#include "commons/ExecCmd.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
+#include "commons/ExSystemError.h"
+#include "hostlib/env_password.h"
+#include "support.h"
+
+namespace {
+
+/// Far more than a pipe holds.
+const std::string MEGABYTE = [] {
+  std::string text;
+  while (text.size() < 1000000) text += std::to_string(text.size()) + "\n";
+  return text;
+}();
+
+ExecCmd shell(const std::string& script) {
+  return ExecCmd("sh", {"sh", "-c", script});
+}
+
+/// What the program prints, for one that succeeds.
+std::string outputOf(ExecCmd cmd) {
+  EXPECT_EQ(cmd.exec(std::nothrow), 0);
+  EXPECT_EQ(cmd.errorOutput(), "");
+  return cmd.output();
+}
+
+std::string failureOf(ExecCmd cmd) {
+  return whatOf<Exc<&ExecCmd::ExFailed>>([&] { cmd.exec(); });
+}
+
+/// What the child reported instead of running its program.
+std::string reportOf(ExecCmd cmd) {
+  EXPECT_THAT(cmd.exec(std::nothrow), testing::Gt(0));
+  EXPECT_EQ(cmd.output(), "");
+  return cmd.errorOutput();
+}
+
+/// A program that ends before it has read its input.
+void feedInVain() {
+  std::signal(SIGPIPE, SIG_IGN);
+  ExecCmd cmd("true", {"true"});
+  cmd.setInput(MEGABYTE);
+  cmd.exec();
+}
+
+bool hasChildren() {
+  return waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD;
+}
+
+/// Sets a resource limit of this process and returns the old one.
+rlim_t setLimit(__rlimit_resource_t resource, rlim_t value) {
+  rlimit limit;
+  EXPECT_EQ(getrlimit(resource, &limit), 0);
+  std::swap(limit.rlim_cur, value);
+  EXPECT_EQ(setrlimit(resource, &limit), 0);
+  return value;
+}
+
+class ScopedLimit {
+ public:
+  ScopedLimit(__rlimit_resource_t resource, rlim_t value)
+      : resource_(resource), old_(setLimit(resource, value)) {}
+  ~ScopedLimit() { setLimit(resource_, old_); }
+
+ private:
+  __rlimit_resource_t resource_;
+  rlim_t old_;
+};
+
+volatile sig_atomic_t signalsSeen = 0;
+
+}  // namespace
+
+TEST(ExecCmdTest, YieldsTheExitStatus) {
+  for (const int status : {0, 1, 3, 127, 255}) {
+    ExecCmd cmd = shell("exit " + std::to_string(status));
+    EXPECT_EQ(cmd.exec(std::nothrow), status);
+    EXPECT_EQ(cmd.status(), status);
+  }
+}
+
+TEST(ExecCmdTest, YieldsMinusOneForAProgramThatASignalEnded) {
+  for (const char* signal : {"KILL", "TERM", "ABRT"}) {
+    EXPECT_EQ(shell(std::string("kill -") + signal + " $$").exec(std::nothrow), -1);
+  }
+}
+
+TEST(ExecCmdTest, YieldsMinusOneForAProgramThatCannotBeWaitedFor) {
+  inChild([] {
+    std::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(shell("exit 0").exec(std::nothrow), -1);
+  });
+}
+
+TEST(ExecCmdTest, KnowsWhetherItHasRun) {
+  ExecCmd cmd = shell("echo out; echo err >&2; exit 7");
+  EXPECT_FALSE(cmd.executed());
+  EXPECT_FALSE(cmd.errorRecorded());
+  EXPECT_EQ(cmd.exec(std::nothrow), 7);
+  EXPECT_TRUE(cmd.executed());
+  EXPECT_TRUE(cmd.errorRecorded());
+  EXPECT_EQ(cmd.savedErrno(), errno);
+  EXPECT_EQ(cmd.output(), "out\n");
+  EXPECT_EQ(cmd.errorOutput(), "err\n");
+}
+
+TEST(ExecCmdTest, StartsAnewInASecondRun) {
+  ExecCmd cmd = shell("cat; echo err >&2");
+  cmd.setInput("in");
+  cmd.exec();
+  cmd.exec();
+  EXPECT_EQ(cmd.output(), "in");
+  EXPECT_EQ(cmd.errorOutput(), "err\n");
+}
+
+TEST(ExecCmdTest, ReportsAFailureWithTheCommandLineTheStatusAndWhatWentThroughThePipes) {
+  EXPECT_EQ(failureOf(shell("exit 3")),
+            "Execution of sh -c exit\\ 3 failed with return code 3.\n");
+  EXPECT_EQ(failureOf(shell("kill -9 $$")),
+            "Execution of sh -c kill\\ -9\\ \\$\\$ failed with return code -1.\n");
+  EXPECT_EQ(failureOf(ExecCmd("false", {"false", "", "%1%"})),
+            "Execution of false '' %1% failed with return code 1.\n");
+
+  ExecCmd lines = shell("cat >&2; echo out; exit 4");
+  lines.setInput("in\n");
+  EXPECT_EQ(failureOf(lines),
+            "Execution of sh -c cat\\ \\>\\&2\\;\\ echo\\ out\\;\\ exit\\ 4 failed with return code 4.\n"
+            "Stdin is\nin\nStdout is\nout\nStderr is\nin\n");
+
+  ExecCmd noLineEnds("grep", {"grep", "-c", "x"});
+  noLineEnds.setInput("in");
+  EXPECT_EQ(failureOf(noLineEnds),
+            "Execution of grep -c x failed with return code 1.\nStdin is\nin\nStdout is\n0\n");
+
+  EXPECT_EQ(failureOf(shell("printf %s err% >&2; exit 5")),
+            "Execution of sh -c printf\\ %s\\ err%\\ \\>\\&2\\;\\ exit\\ 5 failed with return code 5.\n"
+            "Stderr is\nerr%\n");
+}
+
+TEST(ExecCmdTest, ReportsSuccessByNotThrowing) {
+  ExecCmd cmd = shell("echo err >&2");
+  EXPECT_NO_THROW(cmd.exec());
+  EXPECT_EQ(cmd.errorOutput(), "err\n");
+}
+
+TEST(ExecCmdTest, SumsUpARunForAPerson) {
+  ExecCmd silent = shell("exit 2");
+  silent.exec(std::nothrow);
+  EXPECT_EQ(getReport(silent),
+            "The return code was 2\nNo output on STDOUT were performed by the utility"
+            "\nNo output on STDERR were performed by the utility");
+  ExecCmd talking = shell("echo out; printf err >&2");
+  talking.exec();
+  EXPECT_EQ(getReport(talking),
+            "The return code was 0\nThe output on STDOUT was: \nout\n"
+            "\nThe output on STDERR was: \nerr");
+}
+
+TEST(ExecCmdTest, CarriesMoreThanAPipeHoldsInAllThreeDirectionsAtOnce) {
+  ExecCmd cmd = shell("tee /dev/stderr");
+  cmd.setInput(MEGABYTE);
+  EXPECT_EQ(cmd.exec(std::nothrow), 0);
+  EXPECT_EQ(cmd.output(), MEGABYTE);
+  EXPECT_EQ(cmd.errorOutput(), MEGABYTE);
+}
+
+TEST(ExecCmdTest, CollectsTheOutputOfAProgramThatTalksBeforeItListens) {
+  ExecCmd cmd = shell("seq 200000; seq 200000 >&2; wc -c");
+  cmd.setInput(MEGABYTE);
+  EXPECT_EQ(cmd.exec(std::nothrow), 0);
+  EXPECT_THAT(cmd.output(), testing::EndsWith("\n200000\n" + std::to_string(MEGABYTE.size()) + "\n"));
+  EXPECT_THAT(cmd.errorOutput(), testing::EndsWith("\n200000\n"));
+}
+
+TEST(ExecCmdTest, CarriesEveryByteValue) {
+  std::string bytes;
+  for (int byte = 0; byte < 256; ++byte) bytes += static_cast<char>(byte);
+  ExecCmd cmd("cat", {"cat"});
+  cmd.setInput(bytes);
+  EXPECT_EQ(outputOf(cmd), bytes);
+}
+
+TEST(ExecCmdTest, GivesAProgramWithoutInputTheEndOfItAtOnce) {
+  EXPECT_EQ(outputOf(ExecCmd("wc", {"wc", "-c"})), "0\n");
+}
+
+TEST(ExecCmdTest, HandsOverItsArgumentsUnchanged) {
+  ExecCmd cmd("printf");
+  cmd << "printf" << "<%s>" << "" << "a b" << "$HOME" << "two\nlines" << "";
+  EXPECT_EQ(outputOf(cmd), "<><a b><$HOME><two\nlines><>");
+}
+
+TEST(ExecCmdTest, ShowsTheProgramTheNameOfItsFirstArgument) {
+  EXPECT_EQ(outputOf(ExecCmd("sh", {"another name", "-c", "echo \"$0\""})), "another name\n");
+}
+
+TEST(ExecCmdTest, AddsToTheEnvironmentOfTheProgramOnly) {
+  ExecCmd cmd = shell("echo \"$UNIT_NEW,$UNIT_OLD,$UNIT_KEPT\"");
+  setenv("UNIT_OLD", "old", 1);
+  setenv("UNIT_KEPT", "kept", 1);
+  cmd.setEnv("UNIT_NEW", "first");
+  cmd.setEnv("UNIT_NEW", "second");
+  cmd.setEnv("UNIT_OLD", "replaced");
+  EXPECT_EQ(outputOf(cmd), "second,replaced,kept\n");
+  EXPECT_EQ(getenv("UNIT_NEW"), nullptr);
+  EXPECT_STREQ(getenv("UNIT_OLD"), "old");
+}
+
+TEST(ExecCmdTest, RunsAsTheNamedAccountWithItsGroups) {
+  ExecCmd cmd = shell("id -u; id -g; id -G");
+  cmd.setRunAs("plain");
+  EXPECT_EQ(outputOf(cmd), "20001\n20001\n20001\n");
+}
+
+TEST(ExecCmdTest, RunsAsThePresentUserWhenTheNamedAccountDoesNotExist) {
+  for (const char* account : {"", "no-such-account"}) {
+    ExecCmd cmd("id", {"id", "-u"});
+    cmd.setRunAs(account);
+    EXPECT_EQ(outputOf(cmd), "0\n");
+  }
+}
+
+TEST(ExecCmdTest, ReportsAnAccountThatItCannotBecome) {
+  inChild([] {
+    becomePlainUser();
+    ExecCmd cmd("id", {"id"});
+    cmd.setRunAs("qrvadm");
+    EXPECT_EQ(reportOf(cmd),
+              "Uncaught std::exception: forkExecvPipes: p_setuid() to 'qrvadm' failed: "
+              "Operation not permitted\n");
+  });
+}
+
+TEST(ExecCmdTest, ReportsAnEnvironmentVariableThatCannotBeSet) {
+  ExecCmd cmd("id", {"id"});
+  cmd.setEnv("A=B", "value");
+  EXPECT_EQ(reportOf(cmd),
+            "Uncaught std::exception: forkExecvPipes: setenv() falied: Invalid argument\n");
+}
+
+TEST(ExecCmdTest, ReportsAProgramThatCannotBeExecuted) {
+  const ScopedTempDir dir;
+  writeFile(dir / "not-executable", "#!/bin/sh\n");
+  const std::pair<std::string, std::string> programs[] = {
+      {"no-such-program-anywhere", "No such file or directory"},
+      {dir / "not-executable", "Permission denied"},
+  };
+  SystemLog systemLog;
+  for (const auto& [program, reason] : programs) {
+    SCOPED_TRACE(program);
+    EXPECT_EQ(reportOf(ExecCmd(program, {program})),
+              "Uncaught std::exception: forkExecvGetOutErr: select() failed: Bad file descriptor\n");
+    EXPECT_THAT(systemLog.lines(),
+                testing::ElementsAre("forkExecvPipes: execv() failed: " + reason));
+  }
+}
+
+TEST(ExecCmdTest, GivesTheProgramDefaultSignalDispositionsAndAnEmptyMask) {
+  inChild([] {
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, nullptr);
+    for (const int number : {SIGPIPE, SIGINT, SIGQUIT, SIGHUP, SIGUSR1}) {
+      std::signal(number, SIG_IGN);
+    }
+    EXPECT_EQ(outputOf(ExecCmd("grep", {"grep", "-E", "^Sig(Blk|Ign)", "/proc/self/status"})),
+              "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+  });
+}
+
+TEST(ExecCmdTest, HandsDownNoDescriptorButTheThreeStandardOnes) {
+  const UniqueFd low(open("/dev/null", O_RDONLY));
+  const UniqueFd high(fcntl(low.get(), F_DUPFD, 200));
+  ASSERT_TRUE(high);
+  // 3 is the folder that ls itself has opened.
+  EXPECT_EQ(outputOf(ExecCmd("ls", {"ls", "/proc/self/fd"})), "0\n1\n2\n3\n");
+}
+
+TEST(ExecCmdTest, LeavesNoDescriptorOpen) {
+  const std::size_t before = entriesOf("/proc/self/fd").size();
+  outputOf(shell("echo out"));
+  EXPECT_EQ(entriesOf("/proc/self/fd").size(), before);
+}
+
+TEST(ExecCmdTest, DoesNotHandDownThePassword) {
+  IN_FRESH_PROCESS("QRV_PASSWORD=secret");
+  EXPECT_STREQ(get_env_noncrypted_password(), "secret");
+  EXPECT_EQ(outputOf(shell("echo ${QRV_PASSWORD-unset}")), "unset\n");
+}
+
+TEST(ExecCmdTest, WorksInAProcessWithoutStandardStreams) {
+  inChild([] {
+    UniqueFd saved[3];
+    for (int fd = 0; fd < 3; ++fd) {
+      saved[fd] = UniqueFd(fcntl(fd, F_DUPFD, 10));
+      close(fd);
+    }
+    ExecCmd cmd = shell("cat; echo err >&2");
+    cmd.setInput("in");
+    const int status = cmd.exec(std::nothrow);
+    for (int fd = 0; fd < 3; ++fd) dup2(saved[fd].get(), fd);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(cmd.output(), "in");
+    EXPECT_EQ(cmd.errorOutput(), "err\n");
+  });
+}
+
+TEST(ExecCmdTest, IsNotDisturbedBySignals) {
+  inChild([] {
+    struct sigaction action {};
+    action.sa_handler = [](int) { signalsSeen = 1; };
+    sigaction(SIGUSR1, &action, nullptr);
+    ExecCmd cmd = shell("for i in $(seq 200); do kill -USR1 $PPID; echo $i; done; wc -c");
+    cmd.setInput(MEGABYTE);
+    EXPECT_THAT(outputOf(cmd), testing::EndsWith("\n200\n" + std::to_string(MEGABYTE.size()) + "\n"));
+    EXPECT_EQ(signalsSeen, 1);
+  });
+}
+
+TEST(ExecCmdTest, RaisesASystemErrorForInputThatNobodyReads) {
+  inChild([] {
+    EXPECT_EQ(whatOf<SystemError>(feedInVain), "writeToString failed: Broken pipe");
+  });
+}
+
+TEST(ExecCmdTest, LeavesNoChildBehindWhenFeedingItFails) {
+  inChild([] {
+    EXPECT_THROW(feedInVain(), SystemError);
+    EXPECT_FALSE(hasChildren());
+  });
+}
+
+TEST(ExecCmdDeathTest, EndsTheProcessWhenARunThatMustNotThrowDoes) {
+  EXPECT_EXIT(
+      {
+        std::signal(SIGPIPE, SIG_IGN);
+        ExecCmd cmd("true", {"true"});
+        cmd.setInput(MEGABYTE);
+        cmd.exec(std::nothrow);
+      },
+      testing::KilledBySignal(SIGABRT), "writeToString failed");
+}
+
+TEST(ExecCmdTest, RaisesASystemErrorWhenItCannotFork) {
+  inChild([] {
+    becomePlainUser();
+    const ScopedLimit limit(RLIMIT_NPROC, 0);
+    EXPECT_EQ(whatOf<ExSystemError<EAGAIN>>([] { shell("true").exec(); }),
+              "forkExecvPipes: fork() failed: Resource temporarily unavailable");
+  });
+}
+
+TEST(ExecCmdTest, RefusesDescriptorsThatSelectCannotWaitFor) {
+  inChild([] {
+    const ScopedLimit limit(RLIMIT_NOFILE, 4096);
+    while (dup(STDERR_FILENO) < FD_SETSIZE) {
+    }
+    EXPECT_EQ(whatOf<SystemError>([] { shell("true").exec(); }),
+              "forkExecvGetOutErr: select() failed: Bad file descriptor");
+    EXPECT_FALSE(hasChildren());
+  });
+}
+
+TEST(ExecCmdTest, OnlyLogsPipesThatItCannotMake) {
+  SystemLog systemLog;
+  inChild([] {
+    const CapturedStream errors(STDERR_FILENO);
+    const rlim_t freeDescriptor = static_cast<rlim_t>(UniqueFd(dup(STDERR_FILENO)).get());
+    // One is left for the line in the system log; a pipe needs two.
+    const ScopedLimit limit(RLIMIT_NOFILE, freeDescriptor + 1);
+    // The sanitizers need descriptors of their own in the child.
+    pthread_atfork(nullptr, nullptr, [] { setLimit(RLIMIT_NOFILE, 1024); });
+    EXPECT_THAT(shell("true").exec(std::nothrow), testing::Ne(0));
+    EXPECT_EQ(errors.text(), "Uncaught std::exception: dup2Custom failed: Bad file descriptor\n");
+  });
+  const auto pipeFailed = testing::StartsWith("forkExecvGetOutErr: pipe() failed");
+  const auto fcntlFailed = testing::StartsWith("forkExecvGetOutErr: fcntl(O_NONBLOCK) failed");
+  EXPECT_THAT(systemLog.lines(), testing::ElementsAre(pipeFailed, pipeFailed, pipeFailed,
+                                                      fcntlFailed, fcntlFailed, fcntlFailed));
+}
