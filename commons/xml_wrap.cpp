@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "commons/commons.h"
+#include "commons/secrets.h"
 
 namespace {
 
@@ -89,7 +90,8 @@ tXmlDocument::tXmlDocument(const std::string& content) {
   }
   const LibxmlErrorCollector complaints;
   adopt(xmlParseMemory(content.data(), static_cast<int>(content.size())));
-  if (!document_) throw Exc<&tError_ParseFile>(HERE) % "-" % complaints.text();
+  // The complaints quote the text, which a remote command may have printed.
+  if (!document_) throw Exc<&tError_ParseFile>(HERE) % "-" % maskSecrets(complaints.text());
 }
 
 void tXmlDocument::adopt(xmlDocPtr document) {

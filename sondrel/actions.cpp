@@ -1,0 +1,570 @@
+#include "sondrel/actions.h"
+
+#include <signal.h>
+#include <unistd.h>
+#include <ext/stdio_filebuf.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <log4cpp/Category.hh>
+
+#include "commons/ExSystemError.h"
+#include "commons/ProgramTerminatedException.h"
+#include "commons/checksum.h"
+#include "commons/files.h"
+#include "commons/log.h"
+#include "commons/secrets.h"
+#include "commons/session.h"
+#include "commons/sh_quoting.h"
+
+namespace {
+
+log4cpp::Category& actionLog = log4cpp::Category::getInstance("k.Action");
+
+constexpr std::uint16_t DEFAULT_SSH_PORT = 22;
+constexpr unsigned int REFRESH_INTERVAL_S = 5;
+constexpr mode_t CONTENT_DIR_MODE = 0755;
+constexpr mode_t OUTPUT_UMASK = 022;
+
+/// The action whose dumping status the alarm refreshes; none while no agent dumps and
+/// during a refresh. Read by a signal handler.
+std::atomic<Action*> pAction{nullptr};
+static_assert(std::atomic<Action*>::is_always_lock_free, "read by a signal handler");
+
+void handleAlarm() {
+  struct sigaction action {};
+  action.sa_handler = update_status;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGALRM, &action, nullptr);
+}
+
+/// Holds SIGALRM back, but for the waits that let it in: anywhere else it would make
+/// the SSH library's calls fail.
+class AlarmSignalGuard {
+ public:
+  AlarmSignalGuard() {
+    sigset_t alarmSignal;
+    sigemptyset(&alarmSignal);
+    sigaddset(&alarmSignal, SIGALRM);
+    sigprocmask(SIG_BLOCK, &alarmSignal, &oldMask_);
+  }
+  ~AlarmSignalGuard() { sigprocmask(SIG_SETMASK, &oldMask_, nullptr); }
+  AlarmSignalGuard(const AlarmSignalGuard&) = delete;
+  AlarmSignalGuard& operator=(const AlarmSignalGuard&) = delete;
+
+ private:
+  sigset_t oldMask_;
+};
+
+/// Has the dumping status of `action` refreshed every five seconds.
+class StatusRefreshGuard {
+ public:
+  explicit StatusRefreshGuard(Action* action) {
+    pAction = action;
+    handleAlarm();
+    alarm(REFRESH_INTERVAL_S);
+  }
+  /// The alarm is left as it is: when it goes off it finds no action.
+  ~StatusRefreshGuard() { pAction = nullptr; }
+  StatusRefreshGuard(const StatusRefreshGuard&) = delete;
+  StatusRefreshGuard& operator=(const StatusRefreshGuard&) = delete;
+};
+
+/// Removes a file when it goes, unless told to keep it.
+class RemoveFileGuard {
+ public:
+  explicit RemoveFileGuard(std::string path) : path_(std::move(path)) {}
+  ~RemoveFileGuard() {
+    if (!keep_) std::remove(path_.c_str());
+  }
+  RemoveFileGuard(const RemoveFileGuard&) = delete;
+  RemoveFileGuard& operator=(const RemoveFileGuard&) = delete;
+  void keep() { keep_ = true; }
+
+ private:
+  std::string path_;
+  bool keep_ = false;
+};
+
+/// What a remote command wrote to its error output, for an error's text.
+std::string errorTextOf(const std::ostringstream& err) {
+  return maskSecrets(err.str());
+}
+
+}  // namespace
+
+ArgsBuilder::ArgsBuilder(const std::string& firstWord) : line_(sh_quote(firstWord)) {}
+
+ArgsBuilder& ArgsBuilder::operator<<(const std::string& word) {
+  line_ += " " + sh_quote(word);
+  return *this;
+}
+
+ResultFile::ResultFile(const std::string& path) : ResultFile(path, UmaskGuard(OUTPUT_UMASK)) {}
+
+ResultFile::ResultFile(const std::string& path, const UmaskGuard& /*mask*/) : OutputFile(path) {
+  if (!isOpen()) throw Exc<&FileWrite>(HERE) % path % errorText();
+}
+
+void ResultFile::finish() {
+  if (!close()) throw Exc<&FileWrite>(HERE) % path() % errorText();
+}
+
+// --- Action ---
+
+Action::Action(bool createStatus) {
+  if (!createStatus) return;
+  status_.reset(createMigrationStatusFile());
+  status_->saveFile();
+}
+
+Ssh& Action::getSsh() {
+  if (!ssh_) {
+    const std::uint16_t port = config_->port == PORT_NOT_GIVEN
+                                   ? DEFAULT_SSH_PORT
+                                   : static_cast<std::uint16_t>(config_->port);
+    ssh_ = std::make_unique<Ssh>(config_->host, config_->login, config_->password,
+                                 config_->no_encryption, port);
+  }
+  return *ssh_;
+}
+
+int Action::execUser(const std::string& command, std::istream& in, std::ostream& out,
+                     std::ostream& err, bool quietOutput, bool quietInput) {
+  // The agent directory is trusted and stands unquoted.
+  const std::string script = "cd " + config_->agent_dir + "; " + command;
+  const ArgsBuilder line = ArgsBuilder("sh") << "-c" << script;
+  return getSsh().exec(line.str(), in, out, err, quietOutput, quietInput, Ssh::null_counter);
+}
+
+int Action::execUser(const std::string& command, std::ostream& out, std::ostream& err,
+                     bool quietOutput) {
+  std::istringstream noInput;
+  return execUser(command, noInput, out, err, quietOutput, false);
+}
+
+int Action::execRoot(const std::string& command, std::istream& in, std::ostream& out,
+                     std::ostream& err, bool quietOutput, bool quietInput) {
+  if (!config_->sudo) return execUser(command, in, out, err, quietOutput, quietInput);
+  checkSudoPresence();
+  const std::string sudoCommand = "sudo -k; sudo -S -p ' ' " + command;
+  if (config_->sudo_password.empty()) {
+    return execUser(sudoCommand, in, out, err, quietOutput, quietInput);
+  }
+  std::stringstream withPassword;
+  withPassword << config_->sudo_password << '\n' << in.rdbuf();
+  // Copying nothing counts as a failure.
+  withPassword.clear();
+  return execUser(sudoCommand, withPassword, out, err, quietOutput, quietInput);
+}
+
+int Action::execRoot(const std::string& command, std::ostream& out, std::ostream& err,
+                     bool quietOutput) {
+  std::istringstream noInput;
+  return execRoot(command, noInput, out, err, quietOutput, false);
+}
+
+void Action::checkSudoPresence() {
+  if (sudoChecked_) return;
+  std::ostringstream out;
+  std::ostringstream err;
+  try {
+    getSsh().exec("sudo -V", out, err, false, Ssh::null_counter);
+  } catch (const Exc<&SshCommandNotFound>&) {
+    throw Exc<&SudoNotFound>(HERE) % config_->host;
+  }
+  try {
+    std::istringstream password(config_->sudo_password);
+    getSsh().exec("sudo -k; sudo -S -p ' ' true", password, out, err, false, false,
+                  Ssh::null_counter);
+  } catch (const Exc<&SshUnknown>&) {
+    throw Exc<&SudoNotAllowed>(HERE) % config_->login % config_->host;
+  }
+  sudoChecked_ = true;
+}
+
+void Action::takeFile(const std::string& path) {
+  if (!config_->sudo) return;
+  checkSudoPresence();
+  const ArgsBuilder line = ArgsBuilder("chown") << config_->login << path;
+  std::ostringstream out;
+  std::ostringstream err;
+  if (execRoot(line.str(), out, err, false) != 0) {
+    throw Exc<&CantTakeFileOwnership>(HERE) % path % errorTextOf(err);
+  }
+}
+
+std::string Action::remotePathOf(const std::string& name) const {
+  return config_->agent_dir + "/" + name;
+}
+
+boost::shared_ptr<const Agent> Action::getAgent() const {
+  return theAgentsFactory().getAgent(config_->agent_name);
+}
+
+ArgsBuilder Action::agentCommand() const {
+  const boost::shared_ptr<const Agent> agent = getAgent();
+  return ArgsBuilder(agent->effectiveInterpreter()) << remotePathOf(agent->entryPoint());
+}
+
+void Action::writeSessionFile(const std::string& name, const std::string& text) const {
+  ResultFile file(config_->session_path + "/" + name);
+  file.stream() << text;
+  file.finish();
+}
+
+void update_status(int /*signalNumber*/) {
+  Action* const action = pAction;
+  if (!action) return;
+  action->requestAlarm();
+  handleAlarm();
+  alarm(REFRESH_INTERVAL_S);
+}
+
+void Action::requestAlarm() {
+  // The signal comes in only while the connection waits, so nothing else is at work
+  // on it; before there is one, the next alarm will do.
+  if (ssh_) ssh_->setAlarm(this);
+}
+
+void Action::doAlarm() {
+  Action* const refreshed = pAction.exchange(nullptr);
+  try {
+    getSsh().setAlarm(nullptr);
+    if (!refreshDumpingStatus()) return;
+  } catch (const MigrationTerminatedException&) {
+    throw;
+  } catch (const std::exception&) {
+    // The dump is worth more than its status.
+    return;
+  }
+  alarm(REFRESH_INTERVAL_S);
+  pAction = refreshed;
+}
+
+/// Downloads the dumping status and moves it over the local copy, so that readers
+/// never see a part of it. False when the agent has none to offer.
+bool Action::refreshDumpingStatus() {
+  const std::string target = theSession->getDumpingStatusFileName();
+  const std::string temporary = target + ".tmp";
+  RemoveFileGuard removeTemporary(temporary);
+  if (getSsh().get(temporary, remotePathOf(files::getRemoteDumpingStatusFileName())) != 0) {
+    return false;
+  }
+  if (std::rename(temporary.c_str(), target.c_str()) != 0) return false;
+  removeTemporary.keep();
+  return true;
+}
+
+// --- SendScoutAction ---
+
+void SendScoutAction::execute() {
+  status()->setAgentParams(getConfig().host);
+  status()->setAgentOperation(MigrationStatus::DEPLOY_AGENT);
+  status()->saveFile();
+  std::ifstream script(files::getScoutFileName(), std::ios::binary);
+  // Without its argument this error ends the process: an installation without a
+  // scout is broken.
+  if (!script) throw Exc<&UnableToOpenScoutFile>(HERE);
+  ResultFile result(theSession->getScoutResultFileName());
+  std::ostringstream err;
+  const int exitStatus = execRoot("perl", script, result.stream(), err, false, true);
+  result.finish();
+  if (exitStatus != 0) throw Exc<&FailedToExecuteScout>(HERE) % exitStatus % errorTextOf(err);
+  status()->setAgentOperation(MigrationStatus::WAIT_FOR_AGENT);
+  status()->saveFile();
+}
+
+// --- RetrieveDumpAction ---
+
+RetrieveDumpAction::RetrieveDumpAction(bool createStatus, std::vector<std::string> agentArguments,
+                                       std::string agentInput)
+    : Action(createStatus),
+      agentArguments_(std::move(agentArguments)),
+      agentInput_(std::move(agentInput)) {}
+
+void RetrieveDumpAction::execute() {
+  status()->setAgentParams(getConfig().host);
+  status()->setAgentOperation(MigrationStatus::WAIT_FOR_AGENT);
+  status()->saveFile();
+  try {
+    const std::string command = agentCommandLine();
+    const AlarmSignalGuard holdAlarmBack;
+    runAgent(command);
+    fetchDump();
+    writeSessionFile("dump-name", theSession->getDumpFileName());
+  } catch (const ExTraceable& e) {
+    throw Exc<&CantRetrieveDump>(e, HERE);
+  }
+}
+
+std::string RetrieveDumpAction::agentCommandLine() const {
+  ArgsBuilder line = agentCommand();
+  for (const std::string& argument : agentArguments_) line << argument;
+  if (getConfig().no_content) line << "--no-content";
+  return line.str();
+}
+
+void RetrieveDumpAction::runAgent(const std::string& command) {
+  const StatusRefreshGuard refresh(this);
+  std::ostringstream out;
+  std::ostringstream err;
+  std::istringstream input(agentInput_);
+  const int exitStatus = agentInput_.empty() ? execRoot(command, out, err, false)
+                                             : execRoot(command, input, out, err, false, false);
+  if (exitStatus != 0) throw Exc<&CantRetrieveDumpFile>(HERE) % errorTextOf(err);
+}
+
+void RetrieveDumpAction::fetchDump() {
+  const std::string remotePath = remotePathOf("dump.xml");
+  takeFile(remotePath);
+  ResultFile dump(theSession->getDumpFileName());
+  std::ostringstream err;
+  if (getSsh().get(dump, err, remotePath, Ssh::null_counter) != 0) {
+    throw Exc<&CantRetrieveDumpFile>(HERE) % errorTextOf(err);
+  }
+  dump.finish();
+}
+
+// --- GetDumpingStatusAction ---
+
+void GetDumpingStatusAction::execute() {
+  try {
+    printStatus();
+  } catch (const Exc<&DumpStatusError>&) {
+    throw;
+  } catch (const ExTraceable& e) {
+    throw Exc<&DumpStatusError>(e, HERE);
+  }
+}
+
+void GetDumpingStatusAction::printStatus() {
+  /// From here on a status says that something ended the command, or that it was
+  /// never started.
+  constexpr int FIRST_STATUS_OF_A_SIGNAL = 128;
+  const std::string path = remotePathOf(files::getRemoteDumpingStatusFileName());
+  takeFile(path);
+  const int exitStatus = getSsh().get(std::cout, path);
+  if (!std::cout.flush()) throw Exc<&StreamWrite>(HERE);
+  // Smaller ones are those of cat: the agent may not have written the file yet.
+  if (exitStatus >= FIRST_STATUS_OF_A_SIGNAL) {
+    actionLog.error("Reading " + path + " ended with status " + std::to_string(exitStatus));
+    throw Exc<&DumpStatusError>(HERE);
+  }
+}
+
+// --- RemoveDumpingStatusAction ---
+
+void RemoveDumpingStatusAction::execute() {
+  // On this host, whatever the name says; and whether there was one does not matter.
+  unlink(remotePathOf(files::getRemoteDumpingStatusFileName()).c_str());
+}
+
+// --- RetrieveContentAction ---
+
+FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(MigrationStatus& status,
+                                                           std::int64_t totalBytes, int filesNumber)
+    : status_(status),
+      startTime_(std::time(nullptr)),
+      bytesLeft_(totalBytes),
+      filesLeft_(filesNumber) {
+  status_.setTransferTotals(std::to_string(filesNumber), std::to_string(totalBytes));
+}
+
+void FileRetrievalProgressUpdater::startFile(const DumpFile& file) {
+  currentFileBytesLeft_ = file.size;
+  status_.setCurrentFile(file.name, std::to_string(file.size));
+  status_.saveFile();
+}
+
+void FileRetrievalProgressUpdater::operator()(int bytes) {
+  bytesLeft_ -= bytes;
+  currentFileBytesLeft_ -= bytes;
+  bytesReceived_ += bytes;
+  const std::time_t now = std::time(nullptr);
+  const std::int64_t rate = now == startTime_ ? 0 : bytesReceived_ / (now - startTime_);
+  status_.setTransferSpeed(std::to_string(rate));
+  status_.setTransferSizeLeft(std::to_string(bytesLeft_));
+  status_.setTransferCurrentFileSizeLeft(std::to_string(currentFileBytesLeft_));
+  status_.saveFile();
+}
+
+void FileRetrievalProgressUpdater::finishFile() {
+  --filesLeft_;
+  status_.setTransferFilesLeft(std::to_string(filesLeft_));
+  status_.saveFile();
+}
+
+void RetrieveContentAction::execute() {
+  try {
+    retrieveContent();
+  } catch (const ExTraceable& e) {
+    throw Exc<&CantRetrieveDump>(e, HERE);
+  }
+}
+
+void RetrieveContentAction::retrieveContent() {
+  createContentDir();
+  status()->setAgentParams(getConfig().host);
+  status()->setTransferDump();
+  status()->saveFile();
+  const std::unique_ptr<const AgentFileList> list = requestContentList();
+  refuseUnsafeNames(*list);
+  const std::vector<DumpFile>& entries = list->getFileList();
+  if (!getConfig().no_check_space) checkFreeSpace(*list);
+  FileRetrievalProgressUpdater progress(*status(), list->getUnpackedSize(),
+                                        static_cast<int>(entries.size()));
+  for (const DumpFile& file : entries) retrieveEntry(file, progress);
+  writeSessionFile("dump-name", targetDir() + "/dump.xml");
+  writeSessionFile("migration-result-name", targetDir() + "/migration.result");
+}
+
+void RetrieveContentAction::createContentDir() {
+  const std::string dir = theSession->getCidFilesDir();
+  const ServiceAccount& owner = serviceAccount();
+  if (make_content_dir(dir, owner.user, owner.group, CONTENT_DIR_MODE) != 0) {
+    throw Exc<&FileWrite>(HERE) % dir % std::strerror(errno);
+  }
+}
+
+std::unique_ptr<AgentFileList> RetrieveContentAction::requestContentList() {
+  ArgsBuilder line = agentCommand();
+  line << "--get-content-list";
+  std::ostringstream out;
+  std::ostringstream err;
+  if (execRoot(line.str(), out, err, false) != 0) {
+    throw Exc<&CantRetrieveContentList>(HERE) % errorTextOf(err);
+  }
+  return std::unique_ptr<AgentFileList>(getFileList(out.str()));
+}
+
+/// The names come from another host and are used by root here.
+void RetrieveContentAction::refuseUnsafeNames(const AgentFileList& list) {
+  for (const DumpFile& file : list.getFileList()) {
+    const std::string reason = whyUnsafeName(file.name);
+    if (reason.empty()) continue;
+    throw Exc<&CantRetrieveContentFile>(HERE) % remotePathOf(file.name) % getConfig().host %
+        contentFolder().pathOf(file.name) % reason;
+  }
+}
+
+void RetrieveContentAction::checkFreeSpace(const AgentFileList& list) {
+  const auto freeBytes = static_cast<std::int64_t>(getFreeSpace(targetDir()));
+  const std::int64_t neededBytes = list.getUnpackedSize();
+  if (freeBytes < neededBytes) throw Exc<&NotEnoughSpace>(HERE) % freeBytes % neededBytes;
+}
+
+void RetrieveContentAction::retrieveEntry(const DumpFile& file,
+                                          FileRetrievalProgressUpdater& progress) {
+  progress.startFile(file);
+  if (!checkMD5(file)) {
+    download(file, progress);
+    removeRemoteFile(file);
+  }
+  progress.finishFile();
+}
+
+void RetrieveContentAction::download(const DumpFile& file, FileRetrievalProgressUpdater& progress) {
+  const std::string remotePath = remotePathOf(file.name);
+  const std::string localPath = contentFolder().pathOf(file.name);
+  std::ostringstream err;
+  std::optional<std::string> failure;
+  try {
+    failure = receive(file, err, progress);
+  } catch (const ExTraceable& e) {
+    throw Exc<&CantRetrieveContentFile>(e, HERE) % remotePath % getConfig().host % localPath %
+        errorTextOf(err);
+  }
+  if (failure) {
+    throw Exc<&CantRetrieveContentFile>(HERE) % remotePath % getConfig().host % localPath %
+        *failure;
+  }
+}
+
+/// Nothing once the file is complete and on the disk, for then its remote copy goes;
+/// else what went wrong.
+std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file,
+                                                          std::ostringstream& err,
+                                                          FileRetrievalProgressUpdater& progress) {
+  const ServiceAccount& owner = serviceAccount();
+  if (make_content_dir(targetDir(), owner.user, owner.group, CONTENT_DIR_MODE) != 0) {
+    return std::strerror(errno);
+  }
+  try {
+    OutputFile local = contentFolder().create(file.name);
+    if (getSsh().get(local, err, remotePathOf(file.name), progress) != 0) return errorTextOf(err);
+    if (!local.syncAndClose()) return local.errorText();
+  } catch (const SystemError& e) {
+    return e.what();
+  }
+  return std::nullopt;
+}
+
+void RetrieveContentAction::removeRemoteFile(const DumpFile& file) {
+  const std::string remotePath = remotePathOf(file.name);
+  const auto logFailure = [&](const std::string& reason) {
+    theLog->log(Exc<&UnableToRemoveRemoteFile>(HERE) % remotePath % getConfig().host % reason);
+  };
+  const ArgsBuilder line = ArgsBuilder("rm") << remotePath;
+  std::ostringstream out;
+  std::ostringstream err;
+  try {
+    if (execRoot(line.str(), out, err, false) != 0) logFailure(errorTextOf(err));
+  } catch (const MigrationTerminatedException&) {
+    throw;
+  } catch (const ExTraceable& e) {
+    theLog->log(e);
+  } catch (const std::exception& e) {
+    logFailure(e.what());
+  } catch (...) {
+    logFailure("Unknown internal exception occured");
+  }
+}
+
+std::string RetrieveContentAction::targetDir() const {
+  return getConfig().dumps_dir.empty() ? theSession->getCidFilesDir() : getConfig().dumps_dir;
+}
+
+ContentFolder RetrieveContentAction::contentFolder() const {
+  const ServiceAccount& owner = serviceAccount();
+  return ContentFolder(targetDir(), owner.user, owner.group);
+}
+
+/// The MD5 sum of the local file; empty when it is not there.
+std::string RetrieveContentAction::localSum(const DumpFile& file) {
+  constexpr std::size_t BUFFER_BYTES = 65536;
+  UniqueFd fd = contentFolder().openExisting(file.name);
+  if (!fd) return {};
+  __gnu_cxx::stdio_filebuf<char> buffer(fd.release(), std::ios::in | std::ios::binary,
+                                        BUFFER_BYTES);
+  std::istream stream(&buffer);
+  // A large file takes minutes, in which the server must not take us for dead.
+  return countMd5Sum(stream, [this] { getSsh().keepAlive(); });
+}
+
+bool RetrieveContentAction::checkMD5(const DumpFile& file) {
+  return !file.md5.empty() && localSum(file) == file.md5;
+}
+
+void RetrieveContentAction::checkFile(const DumpFile& file) {
+  if (file.md5.empty()) return;
+  const std::string sum = localSum(file);
+  if (sum != file.md5) theLog->log(Exc<&WrongMd5Sum>(HERE) % file.name % file.md5 % sum);
+}
+
+// --- RemoveAgentAction ---
+
+void RemoveAgentAction::execute() {
+  const ArgsBuilder line = ArgsBuilder("rm") << "-rf" << getConfig().agent_dir;
+  std::ostringstream out;
+  std::ostringstream err;
+  try {
+    execRoot(line.str(), out, err, false);
+  } catch (const ExTraceable&) {
+    // Clean-up never fails a migration.
+  }
+}

@@ -1,0 +1,70 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <iostream>
+
+#include "commons/ProgramTerminatedException.h"
+#include "sondrel/sondrel.h"
+
+namespace {
+
+void unblockSignals() {
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+void stopOnRequest(int /*signalNumber*/) {
+  terminateProgram();
+}
+
+void installSignalHandlers() {
+  struct sigaction action {};
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  action.sa_handler = stopOnRequest;
+  sigaction(SIGUSR1, &action, nullptr);
+  // A reader that went away is a write error, which is reported, and not the silent
+  // end of this process.
+  action.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &action, nullptr);
+}
+
+/// A connection that got the number of a closed standard stream would receive what is
+/// meant for the console.
+void openStandardStreams() {
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) close(fd);
+}
+
+/// Passwords do not belong into a core file. A limit of 1, unlike 0, also stops the
+/// kernel from handing the core to a program.
+void forbidCoreFiles() {
+  const rlimit limit = {1, 1};
+  setrlimit(RLIMIT_CORE, &limit);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  unblockSignals();
+  installSignalHandlers();
+  openStandardStreams();
+  forbidCoreFiles();
+  try {
+    return real_main(argc, argv);
+  } catch (const ExTraceable& e) {
+    std::cerr << "Uncaught ExTraceableException: " << formatPlainTextMessage(e) << std::endl;
+  } catch (const std::exception& e) {
+    std::cerr << "Uncaught std::exception: " << e.what() << std::endl;
+  } catch (...) {
+    std::cerr << "Uncaught unknown exception\n";
+  }
+  return EXIT_FAILURE;
+}

@@ -1,0 +1,94 @@
+#include "sondrel/send_agent.h"
+
+#include <unistd.h>
+
+#include <boost/filesystem/operations.hpp>
+#include <log4cpp/Category.hh>
+
+#include "commons/RecursiveDirIterator.h"
+#include "commons/files.h"
+#include "commons/secrets.h"
+#include "commons/session.h"
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+log4cpp::Category& sendAgentLog = log4cpp::Category::getInstance("k.SendAgentAction");
+
+}  // namespace
+
+void SendAgentAction::execute() {
+  sendAgentLog.notice("Copying agent " + getConfig().agent_name + " to the remote host.");
+  const fs::path agentsDir = files::agents::getDir();
+  const fs::path sharedDir = agentsDir / AGENTS_SHARED_DIR;
+  if (!fs::exists(sharedDir)) throw Exc<&NoSharedAgentsDirectory>(HERE);
+  sendTree(sharedDir);
+  const fs::path agentDir = agentsDir / getConfig().agent_name;
+  if (!fs::exists(agentDir)) throw Exc<&NoAgentDirectory>(HERE) % agentDir.string();
+  sendTree(agentDir);
+  sendAgentLog.notice(std::string("Getting agent deployment status"));
+  requestAgentStatus();
+}
+
+void SendAgentAction::sendTree(const fs::path& dir) {
+  recursive_dir_walk_sync(dir, getConfig().agent_dir,
+                          [this, &dir](const fs::path& local, const fs::path& remote) {
+                            return sendFile(dir, local, remote);
+                          });
+}
+
+bool SendAgentAction::sendFile(const fs::path& root, const fs::path& local,
+                               const fs::path& remote) {
+  if (!fs::is_directory(local)) {
+    sendAgentLog.info("remote <copy " + remote.string() + " (from " + local.string() + ")");
+    uploadFile(local.string(), remote.string());
+    return true;
+  }
+  const bool atTop = local.parent_path().string() == root.string();
+  if (atTop && local.filename() == AGENTS_CONTROL_DIR) return false;
+  sendAgentLog.info("remote mkdir " + remote.string());
+  makeRemoteDir(remote.string());
+  return true;
+}
+
+void SendAgentAction::makeRemoteDir(const std::string& remote) {
+  runForDir(ArgsBuilder("mkdir") << "-p" << remote, remote);
+  // The files in it are uploaded as the login user.
+  runForDir(ArgsBuilder("chown") << getConfig().login << remote, remote);
+}
+
+void SendAgentAction::runForDir(const ArgsBuilder& line, const std::string& remote) {
+  std::ostringstream out;
+  std::ostringstream err;
+  if (execRoot(line.str(), out, err, false) != 0) {
+    throw Exc<&CantCreateAgentDirectory>(HERE) % remote % maskSecrets(err.str());
+  }
+}
+
+void SendAgentAction::uploadFile(const std::string& local, const std::string& remote) {
+  std::string errorText;
+  const int exitStatus = getSsh().put(local, remote, errorText);
+  if (exitStatus == 0) return;
+  throw Exc<&CantUploadAgentFile>(HERE) % remote %
+      (errorText.empty() ? "exit status " + std::to_string(exitStatus) : maskSecrets(errorText));
+}
+
+void SendAgentAction::requestAgentStatus() {
+  const boost::shared_ptr<const Agent> agent = getAgent();
+  const std::string entryPath = remotePathOf(agent->entryPoint());
+  ResultFile statusFile(theSession->getDeploymentStatusFileName());
+  // Trusted, and unquoted inside the script: the configuration and the spec file may
+  // rely on the shell here.
+  const std::string script = "cd " + getConfig().agent_dir + " && " +
+                             agent->effectiveInterpreter() + " " + entryPath + " --get-status";
+  const ArgsBuilder line = ArgsBuilder("sh") << "-c" << script;
+  std::ostringstream err;
+  if (execRoot(line.str(), statusFile.stream(), err, false) != 0) {
+    throw Exc<&CantRequestAgentStatus>(HERE) % entryPath % maskSecrets(err.str());
+  }
+  const ServiceAccount& owner = serviceAccount();
+  // Its readers may be this process's own user; a failure is theirs to notice.
+  [[maybe_unused]] const int ignored = chown(statusFile.path().c_str(), owner.user, owner.group);
+  statusFile.finish();
+}

@@ -1,0 +1,475 @@
+#include "transport/libssh2pp.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <cerrno>
+#include <cstdlib>
+#include <log4cpp/Category.hh>
+#include <map>
+
+namespace libssh2pp {
+
+namespace {
+
+log4cpp::Category& sessionLog = log4cpp::Category::getInstance("k.libssh2pp.Session");
+log4cpp::Category& channelLog = log4cpp::Category::getInstance("k.libssh2pp.Channel");
+
+constexpr std::chrono::seconds LOGIN_LIMIT{120};
+constexpr std::chrono::seconds KEEP_ALIVE_INTERVAL{15};
+/// How long a farewell waits for the peer's.
+constexpr long FAREWELL_LIMIT_MS = 3000;
+constexpr unsigned int WINDOW_BYTES = 65536;
+constexpr unsigned int PACKET_BYTES = 16384;
+constexpr unsigned long CONNECTION_LOST_MASK =
+    LIBSSH2_POLLFD_SESSION_CLOSED | LIBSSH2_POLLFD_CHANNEL_CLOSED;
+
+/// True when the library's last call failed because a signal interrupted its wait:
+/// its older releases report that as a time-out. `errno` must have been 0 before.
+bool wasInterrupted(long result) {
+  return result == LIBSSH2_ERROR_TIMEOUT && errno == EINTR;
+}
+template <class T>
+bool wasInterrupted(T* result) {
+  return !result && errno == EINTR;
+}
+
+/// Repeats a call of the library until no signal interrupts it. The library keeps
+/// the state of an unfinished call, so that it goes on where it was.
+template <class Call>
+auto retryInterrupted(Call call) {
+  for (;;) {
+    errno = 0;
+    const auto result = call();
+    if (!wasInterrupted(result)) return result;
+  }
+}
+
+/// Switches the session to non-blocking calls, and back.
+class NonBlockingGuard {
+ public:
+  explicit NonBlockingGuard(const Session& session) : session_(session) {
+    libssh2_session_set_blocking(session_.get(), 0);
+  }
+  ~NonBlockingGuard() { libssh2_session_set_blocking(session_.get(), 1); }
+  NonBlockingGuard(const NonBlockingGuard&) = delete;
+  NonBlockingGuard& operator=(const NonBlockingGuard&) = delete;
+
+ private:
+  const Session& session_;
+};
+
+/// Gives blocking calls the time of a farewell, and no limit afterwards.
+class FarewellGuard {
+ public:
+  explicit FarewellGuard(const Session& session) : session_(session) {
+    libssh2_session_set_timeout(session_.get(), FAREWELL_LIMIT_MS);
+  }
+  ~FarewellGuard() { libssh2_session_set_timeout(session_.get(), 0); }
+  FarewellGuard(const FarewellGuard&) = delete;
+  FarewellGuard& operator=(const FarewellGuard&) = delete;
+
+ private:
+  const Session& session_;
+};
+
+/// The signal mask of the process, but with SIGALRM let in.
+sigset_t maskLettingAlarmIn() {
+  sigset_t mask;
+  sigprocmask(SIG_SETMASK, nullptr, &mask);
+  sigdelset(&mask, SIGALRM);
+  return mask;
+}
+
+/// What a shell would report for a command ended by the signal, which the protocol
+/// names without "SIG".
+int statusOfSignal(const std::string& name) {
+  static const std::map<std::string, int> numbers = {
+      {"ABRT", SIGABRT}, {"ALRM", SIGALRM}, {"BUS", SIGBUS},   {"FPE", SIGFPE},   {"HUP", SIGHUP},
+      {"ILL", SIGILL},   {"INT", SIGINT},   {"KILL", SIGKILL}, {"PIPE", SIGPIPE}, {"QUIT", SIGQUIT},
+      {"SEGV", SIGSEGV}, {"SYS", SIGSYS},   {"TERM", SIGTERM}, {"TRAP", SIGTRAP}, {"USR1", SIGUSR1},
+      {"USR2", SIGUSR2}, {"XCPU", SIGXCPU}, {"XFSZ", SIGXFSZ}};
+  const auto found = numbers.find(name);
+  return found == numbers.end() ? 255 : 128 + found->second;
+}
+
+/// The name of the signal that ended the command; empty when none did.
+std::string exitSignalOf(LIBSSH2_CHANNEL* channel, LIBSSH2_SESSION* session) {
+  // The peer chooses the name; no real one is longer.
+  constexpr std::size_t LONGEST_NAME = 32;
+  char* raw = nullptr;
+  std::size_t length = 0;
+  libssh2_channel_get_exit_signal(channel, &raw, &length, nullptr, nullptr, nullptr, nullptr);
+  if (!raw) return {};
+  const std::string name(raw, std::min(length, LONGEST_NAME));
+  libssh2_free(session, raw);
+  return name;
+}
+
+}  // namespace
+
+void dtm_libssh2_session_free(LIBSSH2_SESSION* session) noexcept {
+  libssh2_session_free(session);
+}
+
+void dtm_libssh2_channel_free(LIBSSH2_CHANNEL* channel) noexcept {
+  // Left over after its time-out, the channel goes with the session.
+  retryInterrupted([&] { return libssh2_channel_free(channel); });
+}
+
+// --- Channel ---
+
+Channel::Channel(LIBSSH2_CHANNEL* channel, Session& session) : Handle(channel), session_(session) {}
+
+Channel::~Channel() {
+  channelLog.debug(std::string("Closed"));
+  // Freeing waits for the peer's farewell, for ever if it has none. The limit stays
+  // for the handle's destructor, which does it; the next opening lifts it.
+  libssh2_session_set_timeout(session_.get(), FAREWELL_LIMIT_MS);
+}
+
+void Channel::startCommand(const std::string& command, Mode mode) {
+  // This flag is the whole session's, whatever its name says.
+  libssh2_channel_set_blocking(get(), mode);
+  int result;
+  while ((result = retryInterrupted([&] {
+            return libssh2_channel_process_startup(get(), "exec", 4, command.data(),
+                                                   static_cast<unsigned int>(command.size()));
+          })) == LIBSSH2_ERROR_EAGAIN) {
+    session_.waitUntilReady();
+  }
+  libssh2_session_set_blocking(session_.get(), 1);
+  if (result == 0) return;
+  // The server leaves a refused channel open for ever; closed from here, it looks as
+  // if the command had ended at once.
+  refused_ = true;
+  const FarewellGuard limit(session_);
+  libssh2_channel_close(get());
+}
+
+int Channel::poll(int timeoutMs) {
+  // What came along with the answer to an earlier call lies in the library's buffer,
+  // where no wait for the socket would see it.
+  readBufferedPackets();
+  // libssh2_poll itself never returns once the peer has closed the socket, ignores
+  // signals, error output and the end of the output.
+  if (isIdle()) session_.waitForSocket(POLLIN | POLLRDHUP, timeoutMs);
+  LIBSSH2_POLLFD descriptor{};
+  descriptor.type = LIBSSH2_POLLFD_CHANNEL;
+  descriptor.fd.channel = get();
+  descriptor.events = LIBSSH2_POLLFD_POLLIN;
+  const int result = libssh2_poll(&descriptor, 1, 0);
+  const bool lost = (descriptor.revents & CONNECTION_LOST_MASK) == CONNECTION_LOST_MASK;
+  // A socket that the peer closed without a farewell is not reported there.
+  if (lost || (isIdle() && session_.isPeerGone())) {
+    session_.abandon();
+    throw Exc<&SshConnectionFault>(HERE);
+  }
+  return result;
+}
+
+/// Takes in every packet that has arrived already; a read of nothing does just that.
+void Channel::readBufferedPackets() {
+  const NonBlockingGuard nonBlocking(session_);
+  char nothing = 0;
+  libssh2_channel_read_ex(get(), 0, &nothing, 0);
+}
+
+/// True when only the peer can bring anything new.
+bool Channel::isIdle() const {
+  // The first of these takes in what has arrived, so it comes first.
+  return !isClosed() && !hasData(0) && !hasData(1) && !atEof();
+}
+
+bool Channel::atEof() const {
+  return refused_ || libssh2_channel_eof(get()) == 1;
+}
+
+bool Channel::hasData(int stream) const {
+  // The answer may be negative.
+  return libssh2_poll_channel_read(get(), stream) == 1;
+}
+
+bool Channel::isClosed() const {
+  if (refused_) return true;
+  LIBSSH2_POLLFD descriptor{};
+  descriptor.type = LIBSSH2_POLLFD_CHANNEL;
+  descriptor.fd.channel = get();
+  libssh2_poll(&descriptor, 1, 0);
+  return (descriptor.revents & CONNECTION_LOST_MASK) == LIBSSH2_POLLFD_CHANNEL_CLOSED;
+}
+
+int Channel::read(int stream, char* buffer, std::size_t size) {
+  const NonBlockingGuard nonBlocking(session_);
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t got = libssh2_channel_read_ex(get(), stream, buffer + done, size - done);
+    if (got == 0 || got == LIBSSH2_ERROR_EAGAIN) break;
+    if (got < 0) {
+      // What was read before stays good; the error comes again.
+      if (done > 0) break;
+      session_.abandon();
+      throw Exc<&SshConnectionFault>(HERE);
+    }
+    done += static_cast<std::size_t>(got);
+  }
+  return static_cast<int>(done);
+}
+
+int Channel::write(const char* bytes, std::size_t size, const std::function<void()>& onStall) {
+  if (refused_) return static_cast<int>(size);
+  ssize_t written;
+  {
+    const NonBlockingGuard nonBlocking(session_);
+    written = libssh2_channel_write_ex(get(), 0, bytes, size);
+  }
+  if (written > 0) return static_cast<int>(written);
+  if (written < 0 && written != LIBSSH2_ERROR_EAGAIN) {
+    if (!session_.isPeerGone()) return static_cast<int>(written);
+    session_.abandon();
+    throw Exc<&SshConnectionFault>(HERE);
+  }
+  // A packet that was sent in part must be finished before anything else is done.
+  if (!session_.isSendPending()) {
+    if (isClosed()) return static_cast<int>(size);
+    if (isStalled()) {
+      onStall();
+      return 0;
+    }
+    // Looking at the channel took in what had arrived; a wait would not see it.
+    if (libssh2_channel_window_write_ex(get(), nullptr) > 0) return 0;
+  }
+  if (session_.isPeerGone()) {
+    session_.abandon();
+    throw Exc<&SshConnectionFault>(HERE);
+  }
+  session_.waitUntilReady();
+  return 0;
+}
+
+/// True when the command's output fills the window: it waits for us to read, and we
+/// for it.
+bool Channel::isStalled() const {
+  return libssh2_channel_window_read_ex(get(), nullptr, nullptr) < PACKET_BYTES &&
+         (hasData(0) || hasData(1));
+}
+
+int Channel::sendEof() {
+  if (refused_) return 0;
+  return retryInterrupted([&] { return libssh2_channel_send_eof(get()); });
+}
+
+int Channel::waitForExitStatus() {
+  if (refused_ && !session_.isPeerGone()) return REFUSED_STATUS;
+  // Without this a lost connection and a signal would both look like status 0.
+  if (refused_ || retryInterrupted([&] { return libssh2_channel_wait_closed(get()); }) != 0) {
+    session_.abandon();
+    throw Exc<&SshConnectionFault>(HERE);
+  }
+  const std::string signalName = exitSignalOf(get(), session_.get());
+  return signalName.empty() ? libssh2_channel_get_exit_status(get()) : statusOfSignal(signalName);
+}
+
+// --- Session ---
+
+Session::Session(int socket, bool disableEncryption, bool compatibility)
+    : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr)),
+      socket_(socket),
+      compatibility_(compatibility),
+      loginDeadline_(Clock::now() + LOGIN_LIMIT) {
+  sessionLog.debug(std::string("Trying to start SSH session"));
+  if (disableEncryption) {
+    sessionLog.debug(std::string("Disabling SSH encryption"));
+    libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_CS, "none");
+    libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_SC, "none");
+  }
+  if (compatibility_) {
+    libssh2_session_method_pref(get(), LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
+  }
+  start();
+}
+
+void Session::start() {
+  const int result = retryInterrupted([&] {
+    limitNextCall();
+    return libssh2_session_handshake(get(), socket_);
+  });
+  if (result != 0) {
+    const std::string error = lastError();
+    reportStartFailure(error);
+    throw Exc<&UnableToStartSshSession>(HERE) % error;
+  }
+  const char* cipher = libssh2_session_methods(get(), LIBSSH2_METHOD_CRYPT_SC);
+  sessionLog.debug(std::string("Selected ") + (cipher ? cipher : "") + " encryption method");
+  sessionLog.debug(std::string("SSH session started successfully"));
+}
+
+void Session::reportStartFailure(const std::string& error) const {
+  sessionLog.error("SSH session was not started: " + error);
+  // What the peer is tells more than "unable to exchange encryption keys".
+  if (const char* banner = libssh2_session_banner_get(get())) {
+    sessionLog.error(std::string("The remote host presents itself as ") + banner);
+  }
+}
+
+/// Gives the library's next call what is left of the time for logging in.
+void Session::limitNextCall() {
+  using std::chrono::milliseconds;
+  const auto left = std::chrono::duration_cast<milliseconds>(loginDeadline_ - Clock::now());
+  // 0 would mean no limit.
+  libssh2_session_set_timeout(get(), std::max<long>(1, static_cast<long>(left.count())));
+}
+
+Session::~Session() {
+  sessionLog.debug(std::string("SSH session finished"));
+  reserveChannel_.reset();
+  // A channel that could not be closed politely would be waited for once more.
+  abandon();
+}
+
+void Session::authorize(const std::string& login, const std::string& password) {
+  sessionLog.debug("Requested authorization for user " + login);
+  std::vector<std::string> methods;
+  getAuthMethodsList(login, methods);
+  const auto offers = [&](const char* method) {
+    return std::find(methods.begin(), methods.end(), method) != methods.end();
+  };
+  const bool authorized =
+      (offers("password") && authorizeByPassword(login, password)) ||
+      (offers("keyboard-interactive") && authorizeInteractively(login, password));
+  if (!authorized) {
+    sessionLog.error(std::string("Authentication failed"));
+    throw Exc<&SshAuthorizationFailed>(HERE);
+  }
+  libssh2_session_set_timeout(get(), 0);
+  if (compatibility_) create_reserve_channel();
+}
+
+bool Session::authorizeByPassword(const std::string& login, const std::string& password) {
+  sessionLog.debug(std::string("Trying 'password' authentication"));
+  const int result = retryInterrupted([&] {
+    limitNextCall();
+    return libssh2_userauth_password_ex(get(), login.data(), static_cast<unsigned>(login.size()),
+                                        password.data(), static_cast<unsigned>(password.size()),
+                                        nullptr);
+  });
+  if (result != 0) return false;
+  // Not the same text as below; log readers tell the methods apart by it.
+  sessionLog.debug(std::string("Authenticated succesfully"));
+  return true;
+}
+
+bool Session::authorizeInteractively(const std::string& login, const std::string& password) {
+  sessionLog.debug(std::string("Trying 'keyboard-interactive' authentication"));
+  *libssh2_session_abstract(get()) = const_cast<std::string*>(&password);
+  const int result = retryInterrupted([&] {
+    limitNextCall();
+    return libssh2_userauth_keyboard_interactive_ex(
+        get(), login.data(), static_cast<unsigned>(login.size()), userauth_callback);
+  });
+  *libssh2_session_abstract(get()) = nullptr;
+  if (result != 0) return false;
+  sessionLog.debug(std::string("Authenticated successfully"));
+  return true;
+}
+
+void Session::getAuthMethodsList(const std::string& login, std::vector<std::string>& methods) {
+  sessionLog.debug("Getting userauth methods for user '" + login + "'");
+  const char* text = retryInterrupted([&] {
+    limitNextCall();
+    return libssh2_userauth_list(get(), login.data(), static_cast<unsigned>(login.size()));
+  });
+  // The session keeps the text it returned and frees it; ours is a copy.
+  const Handle<char, DefaultDestructionFunc<char>> list(text ? strdup(text) : nullptr);
+  const std::string copy = list.get();
+  sessionLog.debug("Got the following allowed userauth methods: " + copy);
+  boost::split(methods, copy, boost::is_any_of(","), boost::token_compress_off);
+}
+
+void Session::userauth_callback(const char* /*name*/, int /*nameLength*/,
+                                const char* /*instruction*/, int /*instructionLength*/,
+                                int promptsNumber,
+                                const LIBSSH2_USERAUTH_KBDINT_PROMPT* /*prompts*/,
+                                LIBSSH2_USERAUTH_KBDINT_RESPONSE* responses, void** abstract) {
+  sessionLog.debug("'keyboard-interactive' callback requested. Filling " +
+                   std::to_string(promptsNumber) + " responses with the password");
+  const std::string& password = *static_cast<const std::string*>(*abstract);
+  for (int i = 0; i < promptsNumber; ++i) {
+    // The library frees it.
+    auto* response = static_cast<char*>(std::malloc(password.size()));
+    if (response) memcpy(response, password.data(), password.size());
+    responses[i].text = response;
+    responses[i].length = response ? static_cast<unsigned>(password.size()) : 0;
+  }
+}
+
+std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Channel::Mode mode) {
+  sessionLog.debug("Opening SSH channel for command '" + command + "'");
+  libssh2_session_set_blocking(get(), 1);
+  libssh2_session_set_timeout(get(), 0);
+  auto channel = std::make_unique<Channel>(
+      retryInterrupted([&] {
+        return libssh2_channel_open_ex(get(), "session", 7, WINDOW_BYTES, PACKET_BYTES, nullptr, 0);
+      }),
+      *this);
+  channel->startCommand(command, mode);
+  return channel;
+}
+
+void Session::create_reserve_channel() {
+  sessionLog.debug(std::string("Create a reserve channel"));
+  reserveChannel_ = openExecChannel("cat", Channel::NON_BLOCKING);
+}
+
+void Session::keepAlive() {
+  const Clock::time_point now = Clock::now();
+  if (now - lastKeepAlive_ < KEEP_ALIVE_INTERVAL) return;
+  lastKeepAlive_ = now;
+  // An interval that stayed set would end every blocking call after that time.
+  libssh2_keepalive_config(get(), 0, 2);
+  int secondsToNext = 0;
+  // A failure means a lost connection, which the next command reports.
+  libssh2_keepalive_send(get(), &secondsToNext);
+  libssh2_keepalive_config(get(), 0, 0);
+}
+
+std::string Session::lastError() const {
+  char* text = nullptr;
+  libssh2_session_last_error(get(), &text, nullptr, 0);
+  return text ? text : "";
+}
+
+void Session::waitForSocket(short events, int timeoutMs) {
+  pollfd socket = {socket_, events, 0};
+  const timespec limit = {timeoutMs / 1000, (timeoutMs % 1000) * 1000000L};
+  const sigset_t mask = maskLettingAlarmIn();
+  // Whatever ends the wait, a signal included, the caller looks at what there is.
+  ppoll(&socket, 1, &limit, &mask);
+}
+
+void Session::waitUntilReady() {
+  // The limit only bounds how long a lost wake-up could cost.
+  constexpr int LIMIT_MS = 5000;
+  waitForSocket(static_cast<short>(POLLIN | POLLRDHUP | (isSendPending() ? POLLOUT : 0)), LIMIT_MS);
+}
+
+bool Session::isSendPending() const {
+  return libssh2_session_block_directions(get()) & LIBSSH2_SESSION_BLOCK_OUTBOUND;
+}
+
+bool Session::isPeerGone() const {
+  char byte;
+  const ssize_t peeked = recv(socket_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  return peeked == 0 || (peeked < 0 && errno != EAGAIN && errno != EINTR);
+}
+
+void Session::abandon() noexcept {
+  shutdown(socket_, SHUT_RDWR);
+}
+
+}  // namespace libssh2pp

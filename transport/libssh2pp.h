@@ -1,0 +1,143 @@
+#pragma once
+
+#include <libssh2.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "transport/handle.h"
+
+DECLARE_ERROR_TAG(UnableToStartSshSession, "Unable to start SSH session: %1%");
+DECLARE_ERROR_TAG(SshAuthorizationFailed, "No suitable username/password found");
+DECLARE_ERROR_TAG(SshConnectionFault, "Lost connection with the remote host");
+
+/// The SSH library behind owning objects. The library is used in blocking mode
+/// except where this text says otherwise; where it fails because of a signal the
+/// call is repeated here.
+namespace libssh2pp {
+
+void dtm_libssh2_session_free(LIBSSH2_SESSION* session) noexcept;
+void dtm_libssh2_channel_free(LIBSSH2_CHANNEL* channel) noexcept;
+
+class Session;
+
+/// One remote command.
+class Channel : public Handle<LIBSSH2_CHANNEL, dtm_libssh2_channel_free> {
+ public:
+  /// The library's blocking flag.
+  enum Mode { NON_BLOCKING = 0, BLOCKING = 1 };
+
+  /// Exit status of a command that the server refused to start.
+  static constexpr int REFUSED_STATUS = 255;
+
+  /// `session` must outlive the channel.
+  Channel(LIBSSH2_CHANNEL* channel, Session& session);
+  /// Frees the channel; waits at most 3 s for the server to agree.
+  ~Channel() override;
+
+  /// Starts the command. A server that refuses to is seen later, as a closed channel
+  /// with REFUSED_STATUS.
+  void startCommand(const std::string& command, Mode mode);
+
+  /// Waits until the command has something to say, ends, or the connection is lost,
+  /// at most `timeoutMs`; returns at once on a signal. SIGALRM is let in here even
+  /// when the caller holds it blocked. Throws SshConnectionFault.
+  int poll(int timeoutMs);
+
+  /// True when the command will say nothing more and all it said was read.
+  bool atEof() const;
+  /// True when there may be data of the stream (0 output, 1 error output) to read.
+  bool hasData(int stream) const;
+  /// Reads what is there, never waiting, until the buffer is full. Returns the
+  /// number of bytes; 0 when nothing was there. Throws SshConnectionFault.
+  int read(int stream, char* buffer, std::size_t size);
+
+  /// Sends bytes to the command's standard input; returns how many it took, which
+  /// is 0 after a wait, or the library's negative error. A command that has ended
+  /// takes everything: its exit status speaks. `onStall` is called when the command
+  /// can neither take input nor get rid of its output. Throws SshConnectionFault.
+  int write(const char* bytes, std::size_t size, const std::function<void()>& onStall);
+  /// Tells the command that its input ends here; 0, or the library's error.
+  int sendEof();
+
+  /// Waits for the end of the command. 128 plus the number for one ended by a
+  /// signal, 255 when it has no such number or was never started. Throws
+  /// SshConnectionFault when the connection ended first.
+  int waitForExitStatus();
+
+ private:
+  bool isClosed() const;
+  bool isIdle() const;
+  bool isStalled() const;
+  void readBufferedPackets();
+
+  Session& session_;
+  bool refused_ = false;
+};
+
+/// The SSH session over a connected socket.
+class Session : public Handle<LIBSSH2_SESSION, dtm_libssh2_session_free> {
+ public:
+  /// Starts the protocol on `socket`, which stays the caller's and must outlive the
+  /// session. In compatibility mode only the oldest key exchange is offered. Handshake
+  /// and authentication together get 120 s. Throws UnableToStartSshSession.
+  Session(int socket, bool disableEncryption, bool compatibility);
+  ~Session() override;
+
+  /// Throws SshAuthorizationFailed when no method that the server offers succeeds,
+  /// InvalidHandle when it does not tell its methods.
+  void authorize(const std::string& login, const std::string& password);
+  /// Fills `methods` with what the server allows for `login`. Throws InvalidHandle.
+  void getAuthMethodsList(const std::string& login, std::vector<std::string>& methods);
+  /// Answers every prompt with the password.
+  static void userauth_callback(const char* name, int nameLength, const char* instruction,
+                                int instructionLength, int promptsNumber,
+                                const LIBSSH2_USERAUTH_KBDINT_PROMPT* prompts,
+                                LIBSSH2_USERAUTH_KBDINT_RESPONSE* responses, void** abstract);
+
+  /// Starts a command. The channel must be destroyed before the session. Throws
+  /// InvalidHandle when the server opens no channel.
+  std::unique_ptr<Channel> openExecChannel(const std::string& command, Channel::Mode mode);
+  /// Opens an idle channel that stays as long as the session: servers old enough to
+  /// need compatibility mode may end a session with no channel in it.
+  void create_reserve_channel();
+
+  /// Sends a message that needs no answer, at most every 15 s: shows life during
+  /// long local work to a server that would drop a silent client.
+  void keepAlive();
+
+  /// The library's text for its last error.
+  std::string lastError() const;
+
+  /// For Channel. Waits for the socket, at most `timeoutMs`; `events` as for ppoll.
+  void waitForSocket(short events, int timeoutMs);
+  /// Waits until the library, told to wait by LIBSSH2_ERROR_EAGAIN, may go on.
+  void waitUntilReady();
+  /// True when the library still has bytes to send that the socket did not take.
+  bool isSendPending() const;
+  /// True when the peer has ended the connection.
+  bool isPeerGone() const;
+  /// Marks the connection as lost: whatever would still be sent or awaited in a
+  /// polite farewell fails at once.
+  void abandon() noexcept;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void start();
+  void limitNextCall();
+  bool authorizeByPassword(const std::string& login, const std::string& password);
+  bool authorizeInteractively(const std::string& login, const std::string& password);
+  void reportStartFailure(const std::string& error) const;
+
+  int socket_;
+  bool compatibility_;
+  std::unique_ptr<Channel> reserveChannel_;
+  Clock::time_point loginDeadline_;
+  Clock::time_point lastKeepAlive_;
+};
+
+}  // namespace libssh2pp

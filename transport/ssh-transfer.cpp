@@ -1,0 +1,265 @@
+#include "transport/ssh-transfer.h"
+
+#include <fstream>
+#include <log4cpp/Category.hh>
+#include <sstream>
+#include <vector>
+
+#include "commons/ProgramTerminatedException.h"
+#include "commons/commons.h"
+#include "commons/log.h"
+#include "commons/sh_quoting.h"
+
+namespace {
+
+log4cpp::Category& sshLog = log4cpp::Category::getInstance("k.Ssh");
+
+constexpr std::size_t COPY_BUFFER_BYTES = 65536;
+/// How long the loop stays without looking at its alarm while a command is silent.
+constexpr int POLL_LIMIT_MS = 5000;
+/// Downloaded files have mode 0644 whatever the mask of this process was.
+constexpr mode_t DOWNLOAD_UMASK = 022;
+
+/// Swallows everything. A stream without a buffer would count as failed.
+class NullStreamBuf : public std::streambuf {
+ protected:
+  int_type overflow(int_type c) override { return traits_type::not_eof(c); }
+  std::streamsize xsputn(const char* /*bytes*/, std::streamsize size) override { return size; }
+};
+
+class NullStream : public std::ostream {
+ public:
+  NullStream() : std::ostream(nullptr) { rdbuf(&buffer_); }
+
+ private:
+  NullStreamBuf buffer_;
+};
+
+Ssh::Counter& nullCounter() {
+  static Ssh::NullCounter counter;
+  return counter;
+}
+
+void logPump(const char* bytes, int size) {
+  sshLog.debugStream() << "remote stdin <- " << memchunk_log{bytes, static_cast<std::size_t>(size)};
+}
+
+template <class AfterWrite>
+void pumpChunks(IOReadChannel& from, IOWriteChannel& to, AfterWrite afterWrite) {
+  std::vector<char> buffer(COPY_BUFFER_BYTES);
+  for (;;) {
+    const int got = from.read(buffer.data(), static_cast<int>(buffer.size()));
+    if (got == 0) return;
+    if (got < 0) throw Exc<&StreamRead>(HERE);
+    pump_write(to, buffer.data(), got);
+    afterWrite(buffer.data(), got);
+  }
+}
+
+/// One command on its way: its channel, and where its output goes.
+class RemoteExecution {
+ public:
+  RemoteExecution(std::unique_ptr<libssh2pp::Channel> channel, std::ostream& out, std::ostream& err,
+                  bool quietOutput, Ssh::Counter& counter)
+      : channel_(std::move(channel)),
+        out_(out),
+        err_(err),
+        quietOutput_(quietOutput),
+        counter_(counter),
+        buffer_(COPY_BUFFER_BYTES) {}
+
+  /// All input goes before any output is read, unless the command fills its output
+  /// window first: then both sides would wait for ever.
+  void sendInput(std::istream& in, bool quietInput) {
+    IOStreamReadChannel from(in);
+    SshChannelWriteChannel to(*channel_, [this] { readTurn(); });
+    if (quietInput) {
+      pump(from, to);
+    } else {
+      pump_with_log(from, to);
+    }
+  }
+
+  void sendEof(const libssh2pp::Session& session) {
+    if (channel_->sendEof() < 0) throw Exc<&UnableToSendEof>(HERE) % session.lastError();
+  }
+
+  /// At most one chunk of each stream, standard output first.
+  void readTurn() {
+    if (const int size = readChunk(0, "remote stdout -> ")) {
+      counter_(size);
+      pump_write(out_, buffer_.data(), size);
+    }
+    if (const int size = readChunk(1, "remote stderr -> ")) {
+      pump_write(err_, buffer_.data(), size);
+    }
+  }
+
+  libssh2pp::Channel& channel() { return *channel_; }
+
+ private:
+  /// Reads and logs what there is; 0 for nothing.
+  int readChunk(int stream, const char* logPrefix) {
+    if (!channel_->hasData(stream)) return 0;
+    const int size = channel_->read(stream, buffer_.data(), buffer_.size());
+    if (size > 0 && !quietOutput_) {
+      sshLog.debugStream() << logPrefix
+                           << memchunk_log{buffer_.data(), static_cast<std::size_t>(size)};
+    }
+    return size;
+  }
+
+  std::unique_ptr<libssh2pp::Channel> channel_;
+  IOStreamWriteChannel out_;
+  IOStreamWriteChannel err_;
+  bool quietOutput_;
+  Ssh::Counter& counter_;
+  std::vector<char> buffer_;
+};
+
+}  // namespace
+
+int IOStreamReadChannel::read(char* buffer, int size) {
+  if (stream_.eof()) return 0;
+  stream_.read(buffer, size);
+  return static_cast<int>(stream_.gcount());
+}
+
+int IOStreamWriteChannel::write(const char* bytes, int size) {
+  stream_.write(bytes, size);
+  return stream_.fail() ? -1 : size;
+}
+
+int SshChannelWriteChannel::write(const char* bytes, int size) {
+  return channel_.write(bytes, static_cast<std::size_t>(size), onStall_);
+}
+
+void pump_write(IOWriteChannel& to, const char* bytes, int size) {
+  checkProgramTerminated();
+  for (int done = 0; done < size;) {
+    const int written = to.write(bytes + done, size - done);
+    if (written < 0) throw Exc<&StreamWrite>(HERE);
+    done += written;
+  }
+}
+
+void pump(IOReadChannel& from, IOWriteChannel& to) {
+  pumpChunks(from, to, [](const char*, int) {});
+}
+
+void pump_with_log(IOReadChannel& from, IOWriteChannel& to) {
+  pumpChunks(from, to, logPump);
+}
+
+Ssh::NullCounter Ssh::null_counter;
+
+Ssh::Ssh(const std::string& host, const std::string& login, const std::string& password,
+         bool disableEncryption, std::uint16_t port) {
+  try {
+    connect(host, port, disableEncryption, false);
+  } catch (const Exc<&UnableToStartSshSession>&) {
+    sshLog.debug(std::string("Attempt to start SSH session in a 'compatibility' mode"));
+    connect(host, port, disableEncryption, true);
+  }
+  try {
+    session_->authorize(login, password);
+  } catch (const Exc<&SshAuthorizationFailed>&) {
+    throw Exc<&SshInvalidCredentials>(HERE) % host;
+  }
+}
+
+void Ssh::connect(const std::string& host, std::uint16_t port, bool disableEncryption,
+                  bool compatibility) {
+  // The session, if there is one, uses the socket: it goes first.
+  auto socket = std::make_unique<Socket>(host, port);
+  auto session =
+      std::make_unique<libssh2pp::Session>(socket->descriptor(), disableEncryption, compatibility);
+  session_ = std::move(session);
+  socket_ = std::move(socket);
+}
+
+int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+              bool quietOutput, bool quietInput, Counter& counter) {
+  sshLog.debug("Executing " + command + " on the remote host");
+  int status;
+  {
+    RemoteExecution execution(session_->openExecChannel(command, libssh2pp::Channel::BLOCKING), out,
+                              err, quietOutput, counter);
+    execution.sendInput(in, quietInput);
+    execution.sendEof(*session_);
+    while (!execution.channel().atEof()) {
+      if (alarm_) alarm_->doAlarm();
+      execution.channel().poll(POLL_LIMIT_MS);
+      execution.readTurn();
+    }
+    status = execution.channel().waitForExitStatus();
+    sshLog.debug("Execution finished with return code " + std::to_string(status));
+  }
+  return status;
+}
+
+int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput,
+              Counter& counter) {
+  std::istringstream noInput;
+  return exec(command, noInput, out, err, quietOutput, false, counter);
+}
+
+int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath,
+             Counter& counter) {
+  sshLog.debug("Reading data from the remote file " + remotePath);
+  const std::string command = (boost::format("cat %1%") % sh_quote(remotePath)).str();
+  std::istringstream noInput;
+  return exec(command, noInput, out, err, true, true, counter);
+}
+
+int Ssh::get(std::ostream& out, const std::string& remotePath) {
+  NullStream noErrors;
+  return get(out, noErrors, remotePath, nullCounter());
+}
+
+int Ssh::get(OutputFile& localFile, std::ostream& err, const std::string& remotePath,
+             Counter& counter) {
+  sshLog.debug("Reading data to the file " + localFile.path());
+  return get(localFile.stream(), err, remotePath, counter);
+}
+
+int Ssh::get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
+             Counter& counter) {
+  const UmaskGuard mask(DOWNLOAD_UMASK);
+  OutputFile file(localPath);
+  const bool opened = file.isOpen();
+  const int status = get(file, err, remotePath, counter);
+  if (opened && !file.close()) throw Exc<&StreamWrite>(HERE);
+  return status;
+}
+
+int Ssh::get(const std::string& localPath, const std::string& remotePath) {
+  NullStream noErrors;
+  return get(localPath, noErrors, remotePath, nullCounter());
+}
+
+int Ssh::put(std::istream& in, const std::string& remotePath, std::string& errorText) {
+  sshLog.debug("Writing data to the remote file " + remotePath);
+  const std::string command = (boost::format("cat > %1%") % sh_quote(remotePath)).str();
+  std::ostringstream out;
+  std::ostringstream err;
+  const int status = exec(command, in, out, err, true, true, null_counter);
+  errorText = err.str();
+  return status;
+}
+
+int Ssh::put(std::istream& in, const std::string& remotePath) {
+  std::string ignored;
+  return put(in, remotePath, ignored);
+}
+
+int Ssh::put(const std::string& localPath, const std::string& remotePath, std::string& errorText) {
+  sshLog.debug("Writing file " + localPath + " to the remote host");
+  std::ifstream file(localPath, std::ios::binary);
+  return put(file, remotePath, errorText);
+}
+
+int Ssh::put(const std::string& localPath, const std::string& remotePath) {
+  std::string ignored;
+  return put(localPath, remotePath, ignored);
+}

@@ -1,0 +1,152 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include "commons/output_file.h"
+#include "transport/libssh2pp.h"
+#include "transport/socket.h"
+
+DECLARE_ERROR_TAG(StreamWrite, "Cannot write data to the stream");
+DECLARE_ERROR_TAG(UnableToSendEof, "Unable to send EOF to SSH channel: %1%");
+DECLARE_ERROR_TAG(
+    SshInvalidCredentials,
+    "Unable to connect to host %1%: you have specified incorrect username or password");
+/// Kinds of failure that some transports can tell apart. This one reports both by
+/// the exit status of the command; who runs commands is prepared for them.
+DECLARE_ERROR_TAG(SshCommandNotFound, "Command was not found on the remote host");
+DECLARE_ERROR_TAG(SshUnknown, "Unknown SSH error");
+
+/// Where a pump reads from.
+class IOReadChannel {
+ public:
+  virtual ~IOReadChannel() = default;
+  /// Bytes read, 0 at the end, -1 on failure.
+  virtual int read(char* buffer, int size) = 0;
+};
+
+/// Where a pump writes to.
+class IOWriteChannel {
+ public:
+  virtual ~IOWriteChannel() = default;
+  /// Bytes written, 0 when it must be tried again, negative on failure.
+  virtual int write(const char* bytes, int size) = 0;
+};
+
+class IOStreamReadChannel : public IOReadChannel {
+ public:
+  /// The stream must outlive the channel.
+  explicit IOStreamReadChannel(std::istream& stream) : stream_(stream) {}
+  int read(char* buffer, int size) override;
+
+ private:
+  std::istream& stream_;
+};
+
+class IOStreamWriteChannel : public IOWriteChannel {
+ public:
+  /// The stream must outlive the channel.
+  explicit IOStreamWriteChannel(std::ostream& stream) : stream_(stream) {}
+  int write(const char* bytes, int size) override;
+
+ private:
+  std::ostream& stream_;
+};
+
+/// The standard input of a remote command.
+class SshChannelWriteChannel : public IOWriteChannel {
+ public:
+  /// `onStall` as for libssh2pp::Channel::write. The channel must outlive this.
+  SshChannelWriteChannel(libssh2pp::Channel& channel, std::function<void()> onStall)
+      : channel_(channel), onStall_(std::move(onStall)) {}
+  int write(const char* bytes, int size) override;
+
+ private:
+  libssh2pp::Channel& channel_;
+  std::function<void()> onStall_;
+};
+
+/// Writes all of the bytes; nothing for a count below 1. First of all asks whether
+/// the run is to stop. Throws StreamWrite, MigrationTerminatedException.
+void pump_write(IOWriteChannel& to, const char* bytes, int size);
+/// Copies everything. Throws StreamRead, and what pump_write throws.
+void pump(IOReadChannel& from, IOWriteChannel& to);
+/// The same, with each chunk in the debug log.
+void pump_with_log(IOReadChannel& from, IOWriteChannel& to);
+
+/// Called once per turn while a remote command runs.
+class Alarm {
+ public:
+  virtual ~Alarm() = default;
+  virtual void doAlarm() = 0;
+};
+
+/// The one SSH connection of a run: runs commands on the source host and copies
+/// files, by `cat`, in constant memory.
+///
+/// `exec`, `get` and `put` return the exit status of the remote command and do not
+/// judge it. They throw InvalidHandle, StreamRead, StreamWrite, UnableToSendEof,
+/// SshConnectionFault and MigrationTerminatedException.
+class Ssh {
+ public:
+  /// Told the size of each chunk of a command's standard output.
+  class Counter {
+   public:
+    virtual ~Counter() = default;
+    virtual void operator()(int bytes) = 0;
+  };
+  class NullCounter : public Counter {
+   public:
+    void operator()(int /*bytes*/) override {}
+  };
+  static NullCounter null_counter;
+
+  /// Connects and logs in. Throws the errors of Socket, UnableToStartSshSession,
+  /// InvalidHandle, SshInvalidCredentials.
+  Ssh(const std::string& host, const std::string& login, const std::string& password,
+      bool disableEncryption, std::uint16_t port);
+
+  /// Runs a command with `in` as its standard input. Quiet streams stay out of the
+  /// debug log.
+  int exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+           bool quietOutput, bool quietInput, Counter& counter);
+  /// The same without input.
+  int exec(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput,
+           Counter& counter);
+
+  /// Downloads. A local file that cannot be opened fails with the first byte that
+  /// should go into it, so an empty remote file is no failure there.
+  int get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& counter);
+  int get(std::ostream& out, const std::string& remotePath);
+  int get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
+          Counter& counter);
+  int get(const std::string& localPath, const std::string& remotePath);
+  /// Into a file that the caller has opened, and closes.
+  int get(OutputFile& localFile, std::ostream& err, const std::string& remotePath,
+          Counter& counter);
+
+  /// Uploads. A local file that cannot be read becomes an empty remote file.
+  int put(std::istream& in, const std::string& remotePath);
+  int put(const std::string& localPath, const std::string& remotePath);
+  /// The same; what the remote side wrote to its error output goes to `errorText`.
+  int put(const std::string& localPath, const std::string& remotePath, std::string& errorText);
+
+  /// Not owned; null for none.
+  void setAlarm(Alarm* alarm) { alarm_ = alarm; }
+
+  /// Shows life to the server during long local work.
+  void keepAlive() { session_->keepAlive(); }
+
+ private:
+  void connect(const std::string& host, std::uint16_t port, bool disableEncryption,
+               bool compatibility);
+  int put(std::istream& in, const std::string& remotePath, std::string& errorText);
+
+  std::unique_ptr<Socket> socket_;
+  std::unique_ptr<libssh2pp::Session> session_;
+  Alarm* alarm_ = nullptr;
+};
