@@ -124,9 +124,9 @@ def test_empty_list_leaves_the_folder_and_the_names_only(source):
     assert Session().read("dump-name") == b"/mnt/session/archives/dump.xml"
     assert Session().read("migration-result-name") == b"/mnt/session/archives/migration.result"
     assert source.commands() == listing(ROOT)
-    assert Session().status() == ("migration-status", [], "", [("transfer", [], "", [
-        ("host", [], HOST, []),
-        ("files", [("total", "0"), ("left", "0"), ("size-total", "0"), ("size-left", "0")], "", [])])])
+    # Figures are told with the first file, and there is none.
+    assert Session().status() == ("migration-status", [], "", [
+        ("transfer", [], "", [("host", [], HOST, []), ("dumpfile", [], "", [])])])
 
 
 def test_content_goes_to_the_dumps_folder_where_one_is_given(source):

@@ -29,11 +29,11 @@ def log_at_debug():
 
 def test_start_record_quotes_every_argument(source):
     write(f"{DTM}/scout.pl", "print 1")
-    arguments = Destination(PLAIN).arguments("send-scout", "--clients=it's *all* $HERE", "", "--domains=a\nb")
+    arguments = Destination(PLAIN).arguments("send-scout", "--clients=it's *all* $HERE", "--resellers", "", "--domains=a\nb")
     assert sondrel(*arguments, password=PLAIN.password).code == 0
     assert Session().log().startswith(
         f"INFO k.log: Sondrel started : {BINARY} --send-scout --host 127.0.0.1 --login plain --session-path "
-        f"{SESSION} --clients=it\\'s\\ \\*all\\*\\ \\$HERE '' --domains=a'\n'b\n")
+        f"{SESSION} --clients=it\\'s\\ \\*all\\*\\ \\$HERE --resellers '' --domains=a'\n'b\n")
 
 
 def test_end_record_tells_the_exit_code(source):

@@ -98,7 +98,7 @@ def write(path, content=b"", mode=0o644, owner=None):
     """Makes the file, and the folders above it, and returns its path."""
     os.makedirs(os.path.dirname(path), exist_ok=True)
     with open(path, "wb") as out:
-        out.write(content.encode() if isinstance(content, str) else content)
+        out.write(os.fsencode(content))
     os.chmod(path, mode)
     if owner is not None:
         os.chown(path, *owner)
