@@ -24,17 +24,11 @@ const char* SystemError::what() const noexcept {
 
 void throwSystemError(const std::string& text, int code) {
   switch (code) {
-    case EPERM:
-      throw ExSystemError<EPERM>(text, code);
-    case ENOENT:
-      throw ExSystemError<ENOENT>(text, code);
-    case EINTR:
-      throw ExSystemError<EINTR>(text, code);
-    case ECHILD:
-      throw ExSystemError<ECHILD>(text, code);
-    case EAGAIN:
-      throw ExSystemError<EAGAIN>(text, code);
-    default:
-      throw SystemError(text, code);
+    case EPERM: throw ExSystemError<EPERM>(text, code);
+    case ENOENT: throw ExSystemError<ENOENT>(text, code);
+    case EINTR: throw ExSystemError<EINTR>(text, code);
+    case ECHILD: throw ExSystemError<ECHILD>(text, code);
+    case EAGAIN: throw ExSystemError<EAGAIN>(text, code);
+    default: throw SystemError(text, code);
   }
 }

@@ -84,20 +84,11 @@ void XmlMigrationStatus::saveFile() {
   removeRootChildren();
   newTextChild(root(), "pid", pid_);
   switch (state_) {
-    case IDLE:
-      newChild(root(), "idle");
-      break;
-    case AGENT_OPERATION:
-      addAgent();
-      break;
-    case TRANSLATE:
-      newChild(root(), "translate");
-      break;
-    case DEPLOY:
-      addDeploy();
-      break;
-    default:
-      addTransfer();
+    case IDLE: newChild(root(), "idle"); break;
+    case AGENT_OPERATION: addAgent(); break;
+    case TRANSLATE: newChild(root(), "translate"); break;
+    case DEPLOY: addDeploy(); break;
+    default: addTransfer();
   }
   saveToFileAtomically(theSession->getStatusFileName());
 }

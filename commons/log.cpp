@@ -113,7 +113,7 @@ void XmlMsgFormatter::setCode(const std::string& code) {
 
 void XmlMsgFormatter::setId(const std::string& id) {
   // The id's own terminating zero byte has no place in XML.
-  document_.addAttribute(element_, "id", id.c_str());
+  document_.addAttribute(element_, "id", id.substr(0, id.find('\0')));
 }
 
 void XmlMsgFormatter::setMessage(const std::string& message) {

@@ -49,8 +49,7 @@ std::string sh_quote(const std::string& text) {
         // A backslash before a line feed would make the shell drop both.
         quoted += "'\n'";
         break;
-      default:
-        quoted += c;
+      default: quoted += c;
     }
   }
   return quoted;

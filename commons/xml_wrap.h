@@ -96,7 +96,7 @@ class tXmlDtmDocument : public tXmlDocument {
 /// One element of a document with its subtree.
 class XmlNode {
  public:
-  XmlNode(tXmlDocument document, xmlNodePtr node) : document_(std::move(document)), node_(node) {}
+  XmlNode(const tXmlDocument& document, xmlNodePtr node) : document_(document), node_(node) {}
 
   /// Writes the element as a file of its own, replaced in one step as
   /// tXmlDocument::saveToFileAtomically does.

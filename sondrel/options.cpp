@@ -124,77 +124,30 @@ void storeSudoPassword(config* config) {
 
 void storeOption(int code, const char* argument, config* config) {
   switch (code) {
-    case OPT_NO_CONTENT:
-      config->no_content = true;
-      break;
-    case OPT_NO_COMPRESS:
-      config->compression = NO_COMPRESSION;
-      break;
-    case OPT_HOST:
-      config->host = argument;
-      break;
-    case OPT_PORT:
-      config->port = parsePort(argument);
-      break;
-    case OPT_LOGIN:
-      config->login = argument;
-      break;
-    case OPT_AGENT_DIR:
-      config->agent_dir = argument;
-      break;
-    case OPT_AGENT_NAME:
-      config->agent_name = argument;
-      break;
-    case OPT_DUMPS_DIR:
-      config->dumps_dir = argument;
-      break;
-    case OPT_NO_CHECK_SPACE:
-      config->no_check_space = true;
-      break;
-    case OPT_NO_ENCRYPTION:
-      config->no_encryption = true;
-      break;
-    case OPT_SUDO_PASSWORD:
-      storeSudoPassword(config);
-      break;
-    case OPT_SELECTED_OBJECTS_FILE:
-      config->selected_objects_file = argument;
-      break;
-    case OPT_SESSION_PATH:
-      config->session_path = argument;
-      break;
-    case OPT_VERBOSE:
-      config->verbose = true;
-      break;
-    case OPT_RESELLERS:
-      config->resellers = argument;
-      break;
-    case OPT_CLIENTS:
-      config->clients = argument;
-      break;
-    case OPT_DOMAINS:
-      config->domains = argument;
-      break;
-    case OPT_ONLY_MAIL:
-      config->only_mode = ONLY_MAIL;
-      break;
-    case OPT_ONLY_HOSTING:
-      config->only_mode = ONLY_HOSTING;
-      break;
-    case OPT_CONTENT_TRANSPORT:
-      config->content_transport = argument;
-      break;
-    case OPT_SERVER:
-      config->server = true;
-      break;
-    case OPT_ADMIN_INFO:
-      config->admin_info = true;
-      break;
-    case OPT_NO_LICENSE:
-      config->no_license = true;
-      break;
-    default:
-      break;
+    case OPT_NO_CONTENT: config->no_content = true; break;
+    case OPT_NO_COMPRESS: config->compression = NO_COMPRESSION; break;
+    case OPT_HOST: config->host = argument; break;
+    case OPT_PORT: config->port = parsePort(argument); break;
+    case OPT_LOGIN: config->login = argument; break;
+    case OPT_AGENT_DIR: config->agent_dir = argument; break;
+    case OPT_AGENT_NAME: config->agent_name = argument; break;
+    case OPT_DUMPS_DIR: config->dumps_dir = argument; break;
+    case OPT_NO_CHECK_SPACE: config->no_check_space = true; break;
+    case OPT_NO_ENCRYPTION: config->no_encryption = true; break;
+    case OPT_SUDO_PASSWORD: storeSudoPassword(config); break;
+    case OPT_SELECTED_OBJECTS_FILE: config->selected_objects_file = argument; break;
+    case OPT_SESSION_PATH: config->session_path = argument; break;
+    case OPT_VERBOSE: config->verbose = true; break;
+    case OPT_RESELLERS: config->resellers = argument; break;
+    case OPT_CLIENTS: config->clients = argument; break;
+    case OPT_DOMAINS: config->domains = argument; break;
+    case OPT_ONLY_MAIL: config->only_mode = ONLY_MAIL; break;
+    case OPT_ONLY_HOSTING: config->only_mode = ONLY_HOSTING; break;
+    case OPT_CONTENT_TRANSPORT: config->content_transport = argument; break;
+    case OPT_SERVER: config->server = true; break;
+    case OPT_ADMIN_INFO: config->admin_info = true; break;
+    case OPT_NO_LICENSE: config->no_license = true; break;
+    default: break;
   }
 }
 

@@ -168,24 +168,16 @@ std::unique_ptr<Action> getActionById(const config& config) {
 
 Action* getActionByIdInternal(const config& config) {
   switch (config.action) {
-    case SEND_SCOUT:
-      return new SendScoutAction(true);
-    case DEPLOY_AGENT:
-      return new SendAgentAction(true);
-    case GET_DUMPING_STATUS:
-      return new GetDumpingStatusAction(true);
+    case SEND_SCOUT: return new SendScoutAction(true);
+    case DEPLOY_AGENT: return new SendAgentAction(true);
+    case GET_DUMPING_STATUS: return new GetDumpingStatusAction(true);
     case DUMP_SELECTED:
-    case DUMP_ALL:
-      return newDumpAction(config);
-    case GET_CONTENT:
-      return new RetrieveContentAction(true);
+    case DUMP_ALL: return newDumpAction(config);
+    case GET_CONTENT: return new RetrieveContentAction(true);
     // Without a status: removing the agent is no step of a migration to report.
-    case REMOVE_AGENT:
-      return new RemoveAgentAction(false);
-    case REMOVE_DUMPING_STATUS:
-      return new RemoveDumpingStatusAction(true);
-    default:
-      throw Exc<&UnknownAction>(FRONT_END_HERE);
+    case REMOVE_AGENT: return new RemoveAgentAction(false);
+    case REMOVE_DUMPING_STATUS: return new RemoveDumpingStatusAction(true);
+    default: throw Exc<&UnknownAction>(FRONT_END_HERE);
   }
 }
 

@@ -106,7 +106,7 @@ std::string exitSignalOf(LIBSSH2_CHANNEL* channel, LIBSSH2_SESSION* session) {
   std::size_t length = 0;
   libssh2_channel_get_exit_signal(channel, &raw, &length, nullptr, nullptr, nullptr, nullptr);
   if (!raw) return {};
-  const std::string name(raw, std::min(length, LONGEST_NAME));
+  std::string name(raw, std::min(length, LONGEST_NAME));
   libssh2_free(session, raw);
   return name;
 }
@@ -402,7 +402,7 @@ void Session::userauth_callback(const char* /*name*/, int /*nameLength*/,
   for (int i = 0; i < promptsNumber; ++i) {
     // The library frees it.
     auto* response = static_cast<char*>(std::malloc(password.size()));
-    if (response) memcpy(response, password.data(), password.size());
+    if (response) std::copy(password.begin(), password.end(), response);
     responses[i].text = response;
     responses[i].length = response ? static_cast<unsigned>(password.size()) : 0;
   }

@@ -55,16 +55,11 @@ void tuneConnection(int fd) {
 
 [[noreturn]] void raiseConnectError(int error, const std::string& host) {
   switch (error) {
-    case ENETUNREACH:
-      throw Exc<&NetworkUnreachable>(HERE) % host;
-    case ETIMEDOUT:
-      throw Exc<&ConnectionTimedOut>(HERE) % host;
-    case ECONNREFUSED:
-      throw Exc<&ConnectionRefused>(HERE) % host;
-    case EHOSTUNREACH:
-      throw Exc<&HostUnreachable>(HERE) % host;
-    default:
-      throw Exc<&ConnectionFault>(HERE) % host % std::strerror(error);
+    case ENETUNREACH: throw Exc<&NetworkUnreachable>(HERE) % host;
+    case ETIMEDOUT: throw Exc<&ConnectionTimedOut>(HERE) % host;
+    case ECONNREFUSED: throw Exc<&ConnectionRefused>(HERE) % host;
+    case EHOSTUNREACH: throw Exc<&HostUnreachable>(HERE) % host;
+    default: throw Exc<&ConnectionFault>(HERE) % host % std::strerror(error);
   }
 }
 
