@@ -36,7 +36,8 @@ def test_relative_name_is_accepted():
     assert Session().exists("migration.log")
 
 
-@pytest.mark.parametrize("name", ["with blank", "it's", "a\nline", "ärger", "a#b", "${LOG_FILE_NAME}", "100%1%"])
+@pytest.mark.parametrize("name", ["with blank", "it's", "a\nline", "ärger", "a#b", "${LOG_FILE_NAME}", "100%1%"],
+                         ids=["blank", "quote", "newline", "UTF-8", "hash", "variable", "percent signs"])
 def test_odd_name_is_taken_as_it_stands(name):
     path = f"{SESSION}/{name}"
     assert run(path).code == 0
