@@ -64,20 +64,6 @@ class NonBlockingGuard {
   const Session& session_;
 };
 
-/// Gives blocking calls the time of a farewell, and no limit afterwards.
-class FarewellGuard {
- public:
-  explicit FarewellGuard(const Session& session) : session_(session) {
-    libssh2_session_set_timeout(session_.get(), FAREWELL_LIMIT_MS);
-  }
-  ~FarewellGuard() { libssh2_session_set_timeout(session_.get(), 0); }
-  FarewellGuard(const FarewellGuard&) = delete;
-  FarewellGuard& operator=(const FarewellGuard&) = delete;
-
- private:
-  const Session& session_;
-};
-
 /// The signal mask of the process, but with SIGALRM let in.
 sigset_t maskLettingAlarmIn() {
   sigset_t mask;
@@ -124,12 +110,13 @@ void dtm_libssh2_channel_free(LIBSSH2_CHANNEL* channel) noexcept {
 
 // --- Channel ---
 
-Channel::Channel(LIBSSH2_CHANNEL* channel, Session& session) : Handle(channel), session_(session) {}
+Channel::Channel(LIBSSH2_CHANNEL* channel, Session& session)
+    : TimeLimitLifter(session.get()), Handle(channel), session_(session) {}
 
 Channel::~Channel() {
   channelLog.debug(std::string("Closed"));
-  // Freeing waits for the peer's farewell, for ever if it has none. The limit stays
-  // for the handle's destructor, which does it; the next opening lifts it.
+  // Freeing, which the handle does next, waits for the peer's farewell: for ever if it
+  // has none.
   libssh2_session_set_timeout(session_.get(), FAREWELL_LIMIT_MS);
 }
 
@@ -148,7 +135,8 @@ void Channel::startCommand(const std::string& command, Mode mode) {
   // The server leaves a refused channel open for ever; closed from here, it looks as
   // if the command had ended at once.
   refused_ = true;
-  const FarewellGuard limit(session_);
+  libssh2_session_set_timeout(session_.get(), FAREWELL_LIMIT_MS);
+  const TimeLimitLifter liftAfterwards(session_.get());
   libssh2_channel_close(get());
 }
 
@@ -411,7 +399,6 @@ void Session::userauth_callback(const char* /*name*/, int /*nameLength*/,
 std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Channel::Mode mode) {
   sessionLog.debug("Opening SSH channel for command '" + command + "'");
   libssh2_session_set_blocking(get(), 1);
-  libssh2_session_set_timeout(get(), 0);
   auto channel = std::make_unique<Channel>(
       retryInterrupted([&] {
         return libssh2_channel_open_ex(get(), "session", 7, WINDOW_BYTES, PACKET_BYTES, nullptr, 0);

@@ -24,8 +24,21 @@ void dtm_libssh2_channel_free(LIBSSH2_CHANNEL* channel) noexcept;
 
 class Session;
 
-/// One remote command.
-class Channel : public Handle<LIBSSH2_CHANNEL, dtm_libssh2_channel_free> {
+/// Lifts the time limit of a session's blocking calls when it goes.
+class TimeLimitLifter {
+ public:
+  explicit TimeLimitLifter(LIBSSH2_SESSION* session) : limitedSession_(session) {}
+  ~TimeLimitLifter() { libssh2_session_set_timeout(limitedSession_, 0); }
+  TimeLimitLifter(const TimeLimitLifter&) = delete;
+  TimeLimitLifter& operator=(const TimeLimitLifter&) = delete;
+
+ private:
+  LIBSSH2_SESSION* limitedSession_;
+};
+
+/// One remote command. The order of the bases matters: the handle goes first, under
+/// the limit that the destructor sets for it.
+class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libssh2_channel_free> {
  public:
   /// The library's blocking flag.
   enum Mode { NON_BLOCKING = 0, BLOCKING = 1 };
