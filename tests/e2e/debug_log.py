@@ -1,0 +1,23 @@
+"""What the debug log says, for the tests that compare its lines."""
+import re
+
+import pytest
+
+from world import DTM, Session, read, write
+
+PROPERTIES = f"{DTM}/log4cpp.properties"
+
+
+@pytest.fixture
+def debug_log():
+    """Everything is logged; gives the function that reads the lines of a category."""
+    kept = read(PROPERTIES)
+    write(PROPERTIES, kept.replace(b"rootCategory=INFO", b"rootCategory=DEBUG"))
+    yield lines_of
+    write(PROPERTIES, kept)
+
+
+def lines_of(category):
+    """["PRIORITY text"...] of the category, in order; of a text with several lines the first."""
+    found = re.findall(rf"^(\w+) +{re.escape(category)}: (.*)$", Session().log(), re.MULTILINE)
+    return [f"{priority} {text}" for priority, text in found]
