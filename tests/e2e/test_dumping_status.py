@@ -77,9 +77,10 @@ def test_signal_that_ends_the_reading_is_a_failure(source):
     assert messages_inside(running.finish()) == []
 
 
-def test_output_that_cannot_be_written_is_a_failure(source):
+@pytest.mark.parametrize("stdout", ["/dev/full", False], ids=["full", "closed"])
+def test_output_that_cannot_be_written_is_a_failure(source, stdout):
     deployed_agent(ROOT, "", {STATUS: "<status/>"})
-    assert messages_inside(Destination().run("get-dumping-status", stdout="/dev/full")) == [
+    assert messages_inside(Destination().run("get-dumping-status", stdout=stdout)) == [
         ("StreamWrite", "error", "Cannot write data to the stream", [])]
 
 

@@ -1,12 +1,11 @@
 """Where the passwords do not go."""
 import os
 import resource
-import subprocess
 
 import pytest
 
 from world import (DTM, PLAIN, ROOT, RUNS, SUDOER, Destination, Login, Session, deployed_agent, read, set_password,
-                   wait_until, write)
+                   write)
 
 SECRETS = (SUDOER.password.encode(), SUDOER.sudo_password.encode())
 
@@ -29,6 +28,16 @@ def test_running_process_shows_no_password(source, working):
     for shown in (environment, read(f"/proc/{working.pid}/cmdline")):
         for secret in SECRETS:
             assert secret not in shown
+
+
+def test_sudo_password_that_nobody_asked_for_is_not_used_and_not_shown(source):
+    deployed_agent(PLAIN, "read line < \"${0%/*}/pipe\"; : > \"${0%/*}/dump.xml\"")
+    os.mkfifo(f"{PLAIN.agent_dir}/pipe")
+    running = Destination(PLAIN).start("dump-all", sudo_password="unasked-passphrase")
+    with open(f"{PLAIN.agent_dir}/pipe", "wb"):
+        assert b"unasked" not in read(f"/proc/{running.pid}/environ")
+    assert running.finish().code == 0
+    assert not [command for command in source.commands() if "sudo" in command.line or command.stdin]
 
 
 def test_running_process_leaves_no_core(source, working):

@@ -378,7 +378,10 @@ class Running:
 
     def __init__(self, arguments, password=None, sudo_password=None, stdin=b"", environment=None,
                  stdout=None, directory="/", through=(BINARY,), prepare=lambda: None):
-        """`through` is what the arguments are given to; `prepare` is called in the child."""
+        """`through` is what the arguments are given to; `prepare` is called in the child.
+
+        With `stdout` the output goes to that file; False leaves the tool without an output.
+        """
         Running._count += 1
         self._log = f"{RUNS}/{Running._count:03d}"
         os.makedirs(RUNS, exist_ok=True)
@@ -391,6 +394,8 @@ class Running:
             environment["QRV_PASSWORD"] = password
         if sudo_password is not None:
             environment["QRV_SUDO_PASSWORD"] = sudo_password
+        if stdout is False:
+            through = ["sh", "-c", 'exec "$@" >&-', "sh", *through]
         with open(f"{self._log}.stdin", "rb") as given, open(f"{self._log}.stderr", "wb") as stderr, \
                 open(stdout or f"{self._log}.stdout", "wb") as output:
             self._process = subprocess.Popen([*through, *map(str, arguments)], env=environment, cwd=directory,
