@@ -33,14 +33,15 @@ void installSignalHandlers() {
   sigaction(SIGPIPE, &action, nullptr);
 }
 
-/// A connection that got the number of a closed standard stream would receive what is
-/// meant for the console.
-void openStandardStreams() {
-  int fd;
-  do {
-    fd = open("/dev/null", O_RDWR);
-  } while (fd >= 0 && fd <= STDERR_FILENO);
-  if (fd >= 0) close(fd);
+/// Fills closed standard streams: a connection that got the number of one would receive
+/// what is meant for the console. Opened the wrong way round, so that using them still
+/// fails and is reported.
+void occupyClosedStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) >= 0) continue;
+    // The lowest free number is this one.
+    open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
 }
 
 /// Passwords do not belong into a core file. A limit of 1, unlike 0, also stops the
@@ -55,7 +56,7 @@ void forbidCoreFiles() {
 int main(int argc, char** argv) {
   unblockSignals();
   installSignalHandlers();
-  openStandardStreams();
+  occupyClosedStandardStreams();
   forbidCoreFiles();
   try {
     return real_main(argc, argv);
