@@ -18,8 +18,9 @@ std::string statusFileIn(const std::string& text) {
 
 TEST(AgentDeploymentStatusTest, HoldsTheNameOfTheStatusFile) {
   EXPECT_EQ(statusFileIn("<agentstatus><statusfile>a.xml</statusfile></agentstatus>"), "a.xml");
-  EXPECT_EQ(statusFileIn("<agentstatus><x/>text<statusfile>a &amp; b</statusfile><x/></agentstatus>"),
-            "a & b");
+  EXPECT_EQ(
+      statusFileIn("<agentstatus><x/>text<statusfile>a &amp; b</statusfile><x/></agentstatus>"),
+      "a & b");
   EXPECT_EQ(statusFileIn("<agentstatus><statusfile/></agentstatus>"), "");
 }
 
@@ -42,7 +43,7 @@ TEST(AgentDeploymentStatusTest, IsRefusedWithoutAStatusFile) {
 TEST(AgentDeploymentStatusTest, IsRefusedWhenItIsNoXmlOrNotThere) {
   EXPECT_THAT(statusFileIn("<agentstatus>"), testing::StartsWith("tError_ParseFile: "));
   EXPECT_THAT(statusFileIn("\n"), testing::StartsWith("tError_ParseFile: "));
-  EXPECT_EQ(whatOf<Exc<&tError_WrongInputFile>>(
-                [] { XmlAgentDeploymentStatusDocument("/mnt/missing"); }),
-            "The XML file does not exist or is not a regular file. Check the file '/mnt/missing'");
+  EXPECT_EQ(
+      whatOf<Exc<&tError_WrongInputFile>>([] { XmlAgentDeploymentStatusDocument("/mnt/missing"); }),
+      "The XML file does not exist or is not a regular file. Check the file '/mnt/missing'");
 }

@@ -22,7 +22,9 @@ class AgentSpecTest : public testing::Test {
     fs::remove_all(agents_);
     fs::create_directories(agents_);
   }
-  std::string specOf(const std::string& name) const { return agents_ + "/" + name + "/control/spec"; }
+  std::string specOf(const std::string& name) const {
+    return agents_ + "/" + name + "/control/spec";
+  }
   /// Writes the spec file of an agent and returns its path.
   std::string writeSpec(const std::string& name, const std::string& text) const {
     fs::create_directories(agents_ + "/" + name + "/control");
@@ -58,10 +60,12 @@ const char* const COMPLETE =
 // --- The spec file ---
 
 TEST_F(AgentSpecTest, HasFiveValuesInTheOrderOfTheirSlots) {
-  EXPECT_THAT(Agent::parse(writeSpec("a", COMPLETE)),
-              testing::ElementsAre("Sample agent", "sample.pl", "sample.dtd", "sample.xsl", "python3"));
-  EXPECT_THAT(Agent::parse(writeSpec("a", "Interpreter: i\nStylesheet: s\nDocumentType: d\n"
-                                          "EntryPoint: e\nDescription: x")),
+  EXPECT_THAT(
+      Agent::parse(writeSpec("a", COMPLETE)),
+      testing::ElementsAre("Sample agent", "sample.pl", "sample.dtd", "sample.xsl", "python3"));
+  EXPECT_THAT(Agent::parse(writeSpec("a",
+                                     "Interpreter: i\nStylesheet: s\nDocumentType: d\n"
+                                     "EntryPoint: e\nDescription: x")),
               testing::ElementsAre("x", "e", "d", "s", "i"));
 }
 
@@ -112,8 +116,9 @@ TEST_F(AgentSpecTest, RefusesAnUnknownKey) {
   for (const char* key : {"Interpreter ", " Interpreter", "interpreter", "Unknown", "",
                           "# Description", "\tEntryPoint"}) {
     SCOPED_TRACE(key);
-    EXPECT_EQ(parseFailure(std::string(key) + ": value"),
-              "Unable to parse spec file: Illegal parameter found in " + specOf("broken") + ": " + key);
+    EXPECT_EQ(
+        parseFailure(std::string(key) + ": value"),
+        "Unable to parse spec file: Illegal parameter found in " + specOf("broken") + ": " + key);
   }
 }
 
@@ -129,12 +134,12 @@ TEST_F(AgentSpecTest, BecomesAnAgentWhichLogsItsContents) {
   EXPECT_EQ(agent.interpreter(), "python3");
   EXPECT_EQ(agent.effectiveInterpreter(), "python3");
   EXPECT_EQ(agent.documentTypePath(), agents_ + "/sample/control/sample.dtd");
-  EXPECT_THAT(log_.lines(),
-              testing::ElementsAre("INFO k.Agent: Agent sample",
-                                   "INFO k.Agent: Description: Sample agent",
-                                   "INFO k.Agent: EntryPoint: sample.pl",
-                                   "INFO k.Agent: DocumentType: " + agents_ + "/sample/control/sample.dtd",
-                                   "INFO k.Agent: Interpreter: python3"));
+  EXPECT_THAT(
+      log_.lines(),
+      testing::ElementsAre("INFO k.Agent: Agent sample", "INFO k.Agent: Description: Sample agent",
+                           "INFO k.Agent: EntryPoint: sample.pl",
+                           "INFO k.Agent: DocumentType: " + agents_ + "/sample/control/sample.dtd",
+                           "INFO k.Agent: Interpreter: python3"));
 }
 
 TEST_F(AgentSpecTest, BecomesAnAgentThatRunsInPerlUnlessItSaysOtherwise) {
@@ -143,16 +148,17 @@ TEST_F(AgentSpecTest, BecomesAnAgentThatRunsInPerlUnlessItSaysOtherwise) {
   EXPECT_EQ(agent.effectiveInterpreter(), "perl");
   EXPECT_EQ(agent.documentTypePath(), "");
   // The constructor that takes a string logs the name without a blank.
-  EXPECT_THAT(log_.lines(),
-              testing::ElementsAre("INFO k.Agent: Agentsample", "INFO k.Agent: Description: ",
-                                   "INFO k.Agent: EntryPoint: ", "INFO k.Agent: DocumentType: ",
-                                   "INFO k.Agent: Interpreter: perl"));
+  EXPECT_THAT(log_.lines(), testing::ElementsAre(
+                                "INFO k.Agent: Agentsample",
+                                "INFO k.Agent: Description: ", "INFO k.Agent: EntryPoint: ",
+                                "INFO k.Agent: DocumentType: ", "INFO k.Agent: Interpreter: perl"));
 }
 
 TEST_F(AgentSpecTest, IsLoggedAsItIsAlsoWithPercentSigns) {
   const Agent agent("100%s", fs::path(writeSpec("a", "Description: %d%n%s\n")));
-  EXPECT_THAT(log_.lines(), testing::IsSupersetOf({std::string("INFO k.Agent: Agent 100%s"),
-                                                   std::string("INFO k.Agent: Description: %d%n%s")}));
+  EXPECT_THAT(log_.lines(),
+              testing::IsSupersetOf({std::string("INFO k.Agent: Agent 100%s"),
+                                     std::string("INFO k.Agent: Description: %d%n%s")}));
 }
 
 // --- The catalogue ---
@@ -160,12 +166,12 @@ TEST_F(AgentSpecTest, IsLoggedAsItIsAlsoWithPercentSigns) {
 TEST_F(AgentSpecTest, IsParsedByTheCatalogueUnderTheNameOfItsDirectory) {
   writeSpec("sample", "");
   EXPECT_TRUE(factory_.parseAgent("sample"));
-  EXPECT_THAT(log_.lines(),
-              testing::ElementsAre("INFO k.AgentsFactory: Parsing sample",
-                                   "INFO k.AgentsFactory: Parsing " + agents_ + "/sample",
-                                   "INFO k.Agent: Agent sample", "INFO k.Agent: Description: ",
-                                   "INFO k.Agent: EntryPoint: ", "INFO k.Agent: DocumentType: ",
-                                   "INFO k.Agent: Interpreter: perl"));
+  EXPECT_THAT(log_.lines(), testing::ElementsAre(
+                                "INFO k.AgentsFactory: Parsing sample",
+                                "INFO k.AgentsFactory: Parsing " + agents_ + "/sample",
+                                "INFO k.Agent: Agent sample",
+                                "INFO k.Agent: Description: ", "INFO k.Agent: EntryPoint: ",
+                                "INFO k.Agent: DocumentType: ", "INFO k.Agent: Interpreter: perl"));
   EXPECT_TRUE(factory_.parseAgent("another name", agents_ + "/sample"));
   EXPECT_EQ(factory_.getAgent("sample")->name(), "sample");
 
@@ -192,10 +198,11 @@ TEST_F(AgentSpecTest, IsMissingWhenThereIsNoFileOrAFolderInItsPlace) {
     SCOPED_TRACE(name);
     log_.lines();
     EXPECT_FALSE(factory_.parseAgent(name));
-    EXPECT_THAT(log_.lines(),
-                testing::ElementsAre("INFO k.AgentsFactory: Parsing " + name,
-                                     "INFO k.AgentsFactory: Parsing " + agents_ + "/" + name,
-                                     "WARN k.AgentsFactory: " + specOf(name) + " is not a regular file"));
+    EXPECT_THAT(
+        log_.lines(),
+        testing::ElementsAre("INFO k.AgentsFactory: Parsing " + name,
+                             "INFO k.AgentsFactory: Parsing " + agents_ + "/" + name,
+                             "WARN k.AgentsFactory: " + specOf(name) + " is not a regular file"));
   }
 }
 
@@ -208,10 +215,11 @@ TEST_F(AgentSpecTest, MayBeAnyOtherKindOfFile) {
 TEST_F(AgentSpecTest, ThatCannotBeParsedIsLoggedByTheCatalogue) {
   writeSpec("broken", "no colon");
   EXPECT_FALSE(factory_.parseAgent("broken"));
-  EXPECT_THAT(log_.lines(), testing::ElementsAre("INFO k.AgentsFactory: Parsing broken",
-                                                 "INFO k.AgentsFactory: Parsing " + agents_ + "/broken",
-                                                 "WARN k.AgentsFactory: %1% is not a valid agent spec file" +
-                                                     specOf("broken")));
+  EXPECT_THAT(log_.lines(),
+              testing::ElementsAre(
+                  "INFO k.AgentsFactory: Parsing broken",
+                  "INFO k.AgentsFactory: Parsing " + agents_ + "/broken",
+                  "WARN k.AgentsFactory: %1% is not a valid agent spec file" + specOf("broken")));
 }
 
 TEST_F(AgentSpecTest, IsNotLookedForWithoutADirectoryOfThatName) {

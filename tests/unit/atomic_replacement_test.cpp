@@ -52,8 +52,7 @@ TEST(AtomicReplacementTest, LeavesTheTemporaryFileWhenItCannotBeGivenAway) {
     EXPECT_EQ(whatOf<Exc<&CantTakeFileOwnership>>([&] { replacement.commit(); }),
               "Cannot take ownership of " + temporary + ": Operation not permitted");
   });
-  EXPECT_THAT(entriesOf(dir.path()),
-              testing::ElementsAre("target", testing::StartsWith("target")));
+  EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("target", testing::StartsWith("target")));
   EXPECT_EQ(readFile(dir / "target"), "old");
 }
 
@@ -90,7 +89,8 @@ TEST(AtomicReplacementTest, TakesANameWithoutAFolder) {
 
 TEST(AtomicReplacementTest, UsesTheGroupOfTheServiceAccount) {
   IN_FRESH_PROCESS();
-  const ScopedFile passwd("/etc/passwd", "root:x:0:0::/:/bin/sh\nqrvadm:x:20005:20006::/:/bin/sh\n");
+  const ScopedFile passwd("/etc/passwd",
+                          "root:x:0:0::/:/bin/sh\nqrvadm:x:20005:20006::/:/bin/sh\n");
   const ScopedTempDir dir;
   AtomicReplacement(dir / "target").commit();
   EXPECT_EQ(ownerAndMode(dir / "target"), "20005:20006 600");

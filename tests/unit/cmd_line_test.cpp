@@ -19,7 +19,8 @@ TEST(CmdLineTest, ShowsEachWordQuotedAndAnEmptyOneAsTwoSingleQuotes) {
 
 TEST(CmdLineTest, TakesWordsOneAfterAnother) {
   CmdLine line({"chown"});
-  line << "root" << "a b";
+  line << "root"
+       << "a b";
   EXPECT_THAT(line.args(), testing::ElementsAre("chown", "root", "a b"));
   EXPECT_EQ(line.getString(), "chown root a\\ b");
 }

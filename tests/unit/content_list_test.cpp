@@ -22,12 +22,25 @@ std::vector<std::string> entriesIn(const std::string& content) {
   return entries;
 }
 
-const std::pair<const char*, std::int64_t> NUMBERS[] = {
-    {"0", 0}, {"+5", 5}, {"-7", -7}, {"007", 7}, {"5000000000", 5000000000},
-    {"9223372036854775807", LARGEST}, {"-9223372036854775808", SMALLEST}};
+const std::pair<const char*, std::int64_t> NUMBERS[] = {{"0", 0},
+                                                        {"+5", 5},
+                                                        {"-7", -7},
+                                                        {"007", 7},
+                                                        {"5000000000", 5000000000},
+                                                        {"9223372036854775807", LARGEST},
+                                                        {"-9223372036854775808", SMALLEST}};
 
-const char* const NO_NUMBERS[] = {"",    " 12", "12 ", "0x10", "1e3", "1.5", "abc",
-                                  "1 2", "-",   "--1", "9223372036854775808",
+const char* const NO_NUMBERS[] = {"",
+                                  " 12",
+                                  "12 ",
+                                  "0x10",
+                                  "1e3",
+                                  "1.5",
+                                  "abc",
+                                  "1 2",
+                                  "-",
+                                  "--1",
+                                  "9223372036854775808",
                                   "-9223372036854775809"};
 
 }  // namespace

@@ -16,7 +16,8 @@ class DirWalkTest : public testing::Test {
     for (const char* folder : {"tree", "tree/sub", "tree/sub/deep", "tree/empty", "elsewhere"}) {
       mkdir((dir_ / folder).c_str(), 0755);
     }
-    for (const char* file : {"tree/top", "tree/sub/a b", "tree/sub/deep/\n\xC3\xA4'", "elsewhere/file"}) {
+    for (const char* file :
+         {"tree/top", "tree/sub/a b", "tree/sub/deep/\n\xC3\xA4'", "elsewhere/file"}) {
       writeFile(dir_ / file, "");
     }
     tree_ = dir_ / "tree";
@@ -58,10 +59,9 @@ TEST_F(DirWalkTest, VisitsTheStartAndEverythingInItWithTheMatchingRemotePath) {
 
 TEST_F(DirWalkTest, HasADotAsTheRemoteSideByDefault) {
   recursive_dir_walk(tree_ + "/sub", noting());
-  EXPECT_THAT(visits_,
-              testing::UnorderedElementsAre("tree/sub -> .", "tree/sub/a b -> ./a b",
-                                            "tree/sub/deep -> ./deep",
-                                            "tree/sub/deep/\n\xC3\xA4' -> ./deep/\n\xC3\xA4'"));
+  EXPECT_THAT(visits_, testing::UnorderedElementsAre(
+                           "tree/sub -> .", "tree/sub/a b -> ./a b", "tree/sub/deep -> ./deep",
+                           "tree/sub/deep/\n\xC3\xA4' -> ./deep/\n\xC3\xA4'"));
 }
 
 TEST_F(DirWalkTest, DoesNotEnterAFolderThatTheVisitorRefuses) {

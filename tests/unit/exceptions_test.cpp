@@ -86,21 +86,20 @@ static_assert(!std::is_same_v<Exc<&OuterError>, Exc<&InnerError>>,
               "each tag makes a type of its own");
 
 TEST(ExceptionTest, IsVisitedPositionFirstThenCodeIdSeverityAndMessage) {
-  EXPECT_THAT(visit(makeInner()).calls,
-              testing::ElementsAre("context void inner()", "file inner.cpp", "line 3",
-                                   "code InnerError", "id of 37", "severity 3",
-                                   "message First one, then 2"));
+  EXPECT_THAT(
+      visit(makeInner()).calls,
+      testing::ElementsAre("context void inner()", "file inner.cpp", "line 3", "code InnerError",
+                           "id of 37", "severity 3", "message First one, then 2"));
 }
 
 TEST(ExceptionTest, IsVisitedWithItsCausesOutermostFirst) {
-  EXPECT_THAT(
-      visit(makeChain()).calls,
-      testing::ElementsAre("context void outer()", "file outer.cpp", "line 1", "code OuterError",
-                           "id of 37", "severity 3", "message Outer: text", "inner",
-                           "context void middle()", "file middle.cpp", "line 2", "code MiddleError",
-                           "id of 37", "severity 3", "message Middle", "inner",
-                           "context void inner()", "file inner.cpp", "line 3", "code InnerError",
-                           "id of 37", "severity 3", "message First one, then 2"));
+  EXPECT_THAT(visit(makeChain()).calls,
+              testing::ElementsAre(
+                  "context void outer()", "file outer.cpp", "line 1", "code OuterError", "id of 37",
+                  "severity 3", "message Outer: text", "inner", "context void middle()",
+                  "file middle.cpp", "line 2", "code MiddleError", "id of 37", "severity 3",
+                  "message Middle", "inner", "context void inner()", "file inner.cpp", "line 3",
+                  "code InnerError", "id of 37", "severity 3", "message First one, then 2"));
 }
 
 TEST(ExceptionTest, OfTheBaseClassesHasNoPosition) {
@@ -112,26 +111,26 @@ TEST(ExceptionTest, OfTheBaseClassesHasNoPosition) {
 }
 
 TEST(ExceptionTest, IsRenderedAsOneBlockOfTextWithTheWholeId) {
-  const Exc<&InnerError> error = makeInner();
+  const Exc<& InnerError> error = makeInner();
   ASSERT_EQ(error.id().size(), 37u);
   EXPECT_EQ(error.id().back(), '\0');
-  EXPECT_EQ(formatPlainTextMessage(error), "InnerError[" + error.id() +
-                                               "]: First one, then 2 [inner.cpp:3]\nvoid inner()");
+  EXPECT_EQ(formatPlainTextMessage(error),
+            "InnerError[" + error.id() + "]: First one, then 2 [inner.cpp:3]\nvoid inner()");
 }
 
 TEST(ExceptionTest, WithTwoCausesIsRenderedAsThreeBlocksOfText) {
-  const Exc<&OuterError> error = makeChain();
+  const Exc<& OuterError> error = makeChain();
   const std::vector<std::string> ids = idsOf(error);
   ASSERT_EQ(ids.size(), 3u);
   EXPECT_EQ(formatPlainTextMessage(error),
             "OuterError[" + ids[0] + "]: Outer: text [outer.cpp:1]\nvoid outer()" +
                 "\nInner exception:\n" + "MiddleError[" + ids[1] +
-                "]: Middle [middle.cpp:2]\nvoid middle()" + "\nInner exception:\n" +
-                "InnerError[" + ids[2] + "]: First one, then 2 [inner.cpp:3]\nvoid inner()");
+                "]: Middle [middle.cpp:2]\nvoid middle()" + "\nInner exception:\n" + "InnerError[" +
+                ids[2] + "]: First one, then 2 [inner.cpp:3]\nvoid inner()");
 }
 
 TEST(ExceptionTest, IsRenderedAsXmlWithTheCausesNestedAndWithoutPositions) {
-  const Exc<&OuterError> error = makeChain();
+  const Exc<& OuterError> error = makeChain();
   const std::vector<std::string> ids = idsOf(error);
   // The zero byte at the end of an id cannot be part of XML.
   const auto head = [&](const char* code, int i) {
@@ -139,14 +138,16 @@ TEST(ExceptionTest, IsRenderedAsXmlWithTheCausesNestedAndWithoutPositions) {
            ids[static_cast<std::size_t>(i)].c_str() + "\" severity=\"error\">";
   };
   EXPECT_EQ(asXml(error),
-            savedXml(head("OuterError", 0) + "<description>Outer: text</description>" + head("MiddleError", 1) +
-                "<description>Middle</description>" + head("InnerError", 2) +
-                "<description>First one, then 2</description></message></message></message>"));
+            savedXml(head("OuterError", 0) + "<description>Outer: text</description>" +
+                     head("MiddleError", 1) + "<description>Middle</description>" +
+                     head("InnerError", 2) +
+                     "<description>First one, then 2</description></message></message></message>"));
 }
 
 TEST(ExceptionTest, EscapesItsMessageInXml) {
-  const Exc<&OuterError> error = Exc<&OuterError>(HERE) % "<a> & \"b\"";
-  EXPECT_THAT(asXml(error), testing::HasSubstr("<description>Outer: &lt;a&gt; &amp; \"b\"</description>"));
+  const Exc<& OuterError> error = Exc<&OuterError>(HERE) % "<a> & \"b\"";
+  EXPECT_THAT(asXml(error),
+              testing::HasSubstr("<description>Outer: &lt;a&gt; &amp; \"b\"</description>"));
 }
 
 TEST(XmlMsgFormatterTest, WritesWarningForSeverityFourAndErrorForAllOthers) {
@@ -161,7 +162,7 @@ TEST(XmlMsgFormatterTest, WritesWarningForSeverityFourAndErrorForAllOthers) {
 }
 
 TEST(ExceptionTest, ShowsItsMessageThroughEachBaseAndNeverTheCode) {
-  const Exc<&InnerError> error = makeInner();
+  const Exc<& InnerError> error = makeInner();
   const std::string expected = "First one, then 2";
   EXPECT_EQ(error.what(), expected);
   EXPECT_EQ(static_cast<const ExTaggedIncludable&>(error).what(), expected);
@@ -171,12 +172,12 @@ TEST(ExceptionTest, ShowsItsMessageThroughEachBaseAndNeverTheCode) {
 }
 
 TEST(ExceptionTest, BindsItsArgumentsByPlaceholderNumber) {
-  const Exc<&TagOwner::Failed> error = Exc<&TagOwner::Failed>(HERE) % 1 % std::string("50%2%");
+  const Exc<& TagOwner::Failed> error = Exc<&TagOwner::Failed>(HERE) % 1 % std::string("50%2%");
   EXPECT_STREQ(error.what(), "50%2% before 1");
 }
 
 TEST(ExceptionTest, NamesTheOwningClassInItsCode) {
-  const Exc<&TagOwner::Failed> error = Exc<&TagOwner::Failed>(HERE) % 1 % 2;
+  const Exc<& TagOwner::Failed> error = Exc<&TagOwner::Failed>(HERE) % 1 % 2;
   EXPECT_EQ(error.code(), "TagOwner::Failed");
   EXPECT_EQ(makeInner().code(), "InnerError");
 }
@@ -196,8 +197,8 @@ TEST(SourceFileNameTest, IsWhatFollowsTheLastSlash) {
 }
 
 TEST(ExceptionTest, HasAnIdOfItsOwnThatItsCopiesShare) {
-  const Exc<&InnerError> first = makeInner();
-  const Exc<&InnerError> second = makeInner();
+  const Exc<& InnerError> first = makeInner();
+  const Exc<& InnerError> second = makeInner();
   EXPECT_NE(first.id(), second.id());
   EXPECT_EQ(Exc<&InnerError>(first).id(), first.id());
 }
@@ -206,7 +207,7 @@ TEST(ExceptionTest, ClonesToItsMostDerivedTypeWithItsCauses) {
   std::unique_ptr<const ExTraceable> copy;
   std::string expected;
   {
-    const Exc<&OuterError> original = makeChain();
+    const Exc<& OuterError> original = makeChain();
     expected = formatPlainTextMessage(original);
     copy.reset(static_cast<const ExTraceable&>(original).clone());
   }

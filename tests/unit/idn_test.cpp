@@ -22,7 +22,9 @@ const std::string OVERLONG_LABEL(64, 'a');
 TEST(IdnTest, ConvertsInternationalNamesToAsciiAndBack) {
   const std::pair<std::string, std::string> names[] = {
       {"example.com", "example.com"},
-      {"b\xC3\xBC" "cher.example", "xn--bcher-kva.example"},
+      {"b\xC3\xBC"
+       "cher.example",
+       "xn--bcher-kva.example"},
       {"\xD0\xBF\xD1\x80\xD0\xB8\xD0\xBC\xD0\xB5\xD1\x80.example", "xn--e1afmkfd.example"},
       {"", ""},
   };
@@ -46,7 +48,8 @@ TEST(IdnTest, AcceptsALabelOf63Bytes) {
 }
 
 TEST(IdnTest, ConvertsTheDomainOfAnEmailAddress) {
-  EXPECT_EQ(idn::emailToAscii("m\xC3\xA4x@b\xC3\xBC" "cher.example"),
+  EXPECT_EQ(idn::emailToAscii("m\xC3\xA4x@b\xC3\xBC"
+                              "cher.example"),
             "m\xC3\xA4x@xn--bcher-kva.example");
   EXPECT_EQ(idn::emailToAscii("max"), "max");
   EXPECT_EQ(failureCode(idn::emailToAscii, "max@a..b"), 5);

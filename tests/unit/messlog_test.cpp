@@ -10,8 +10,8 @@ TEST(MesslogTest, WritesALineAtErrorPriorityWithTheProgramAndItsPid) {
   const std::string pid = std::to_string(getpid());
   // 11: facility "user", priority "error"; then the time.
   EXPECT_THAT(systemLog.rawLines(),
-              testing::ElementsAre(testing::AllOf(testing::StartsWith("<11>"),
-                                                  testing::EndsWith(" sondrel[" + pid + "]: text"))));
+              testing::ElementsAre(testing::AllOf(
+                  testing::StartsWith("<11>"), testing::EndsWith(" sondrel[" + pid + "]: text"))));
 }
 
 TEST(MesslogTest, DropsLineEndsAtTheEndAndTakesTheTextAsItIs) {

@@ -68,13 +68,15 @@ TEST_F(MigrationStatusTest, ShowsTheTransferOfFiles) {
   status_->setTransferSizeLeft("60");
   expectSaved(transfer("<files total=\"3\" left=\"2\" size-total=\"100\" size-left=\"60\"/>"));
   status_->setCurrentFile("a b", "40");
-  expectSaved(transfer("<files total=\"3\" left=\"2\" size-total=\"100\" size-left=\"60\">"
-                       "<current-file size=\"40\" size-left=\"40\">a b</current-file></files>"));
+  expectSaved(
+      transfer("<files total=\"3\" left=\"2\" size-total=\"100\" size-left=\"60\">"
+               "<current-file size=\"40\" size-left=\"40\">a b</current-file></files>"));
   status_->setTransferCurrentFileSizeLeft("15");
   status_->setTransferSpeed("7");
-  expectSaved("<transfer speed=\"7\"><host>host</host>"
-              "<files total=\"3\" left=\"2\" size-total=\"100\" size-left=\"60\">"
-              "<current-file size=\"40\" size-left=\"15\">a b</current-file></files></transfer>");
+  expectSaved(
+      "<transfer speed=\"7\"><host>host</host>"
+      "<files total=\"3\" left=\"2\" size-total=\"100\" size-left=\"60\">"
+      "<current-file size=\"40\" size-left=\"15\">a b</current-file></files></transfer>");
 }
 
 TEST_F(MigrationStatusTest, LeavesOutSizesThatAreNotBothKnown) {
@@ -105,8 +107,9 @@ TEST_F(MigrationStatusTest, ShowsTheTranslation) {
 
 TEST_F(MigrationStatusTest, ShowsTheDeploymentAndItsFigures) {
   status_->setDeployTotals("5", "9");
-  expectSaved("", " total-accounts=\"5\" total-domains=\"9\" completed-accounts=\"\""
-                  " completed-domains=\"\"");
+  expectSaved("",
+              " total-accounts=\"5\" total-domains=\"9\" completed-accounts=\"\""
+              " completed-domains=\"\"");
   const std::string figures =
       " total-accounts=\"5\" total-domains=\"9\" completed-accounts=\"1\" completed-domains=\"2\"";
   status_->setDeploy("1", "2");
@@ -123,8 +126,9 @@ TEST_F(MigrationStatusTest, KeepsTheFiguresOfTheDeploymentInOtherStates) {
   status_->setCurrentObject("joe", Status::ACCOUNT);
   status_->saveFile();
   status_->setIdle();
-  expectSaved("<idle/>", " total-accounts=\"5\" total-domains=\"9\" completed-accounts=\"1\""
-                         " completed-domains=\"2\"");
+  expectSaved("<idle/>",
+              " total-accounts=\"5\" total-domains=\"9\" completed-accounts=\"1\""
+              " completed-domains=\"2\"");
 }
 
 TEST_F(MigrationStatusTest, ChangesItsStateWithSomeOfTheSettersOnly) {
@@ -138,7 +142,8 @@ TEST_F(MigrationStatusTest, ChangesItsStateWithSomeOfTheSettersOnly) {
       {"setAgentParams", [](Status& s) { s.setAgentParams(""); }, "<translate/>"},
       {"setTransferSpeed", [](Status& s) { s.setTransferSpeed(""); }, "<translate/>"},
       {"setCurrentFile", [](Status& s) { s.setCurrentFile("", ""); }, "<translate/>"},
-      {"setCurrentObject", [](Status& s) { s.setCurrentObject("", Status::ACCOUNT); }, "<translate/>"},
+      {"setCurrentObject", [](Status& s) { s.setCurrentObject("", Status::ACCOUNT); },
+       "<translate/>"},
       {"setTransferTotals", [](Status& s) { s.setTransferTotals("", ""); }, files},
       {"setTransferFilesLeft", [](Status& s) { s.setTransferFilesLeft(""); }, files},
       {"setTransferSizeLeft", [](Status& s) { s.setTransferSizeLeft(""); }, files},
@@ -155,8 +160,9 @@ TEST_F(MigrationStatusTest, ChangesItsStateWithSomeOfTheSettersOnly) {
 }
 
 TEST_F(MigrationStatusTest, IsDeployingAfterBothSettersOfTheDeployment) {
-  const std::string figures = " total-accounts=\"\" total-domains=\"\" completed-accounts=\"\""
-                              " completed-domains=\"\"";
+  const std::string figures =
+      " total-accounts=\"\" total-domains=\"\" completed-accounts=\"\""
+      " completed-domains=\"\"";
   status_->setDeployTotals("", "");
   expectSaved("", figures);
   status_.reset(createMigrationStatusFile());
@@ -185,8 +191,9 @@ TEST_F(MigrationStatusTest, HoldsNamesOfAnyBytes) {
   status_->setAgentParams("host");
   status_->setTransferTotals("1", "1");
   status_->setCurrentFile("<a&b>\n\xFF", "1");
-  expectSaved(transfer("<files total=\"1\" left=\"1\" size-total=\"1\" size-left=\"1\"><current-file"
-                       " size=\"1\" size-left=\"1\">&lt;a&amp;b&gt;\n&#xFFFD;</current-file></files>"));
+  expectSaved(
+      transfer("<files total=\"1\" left=\"1\" size-total=\"1\" size-left=\"1\"><current-file"
+               " size=\"1\" size-left=\"1\">&lt;a&amp;b&gt;\n&#xFFFD;</current-file></files>"));
 }
 
 TEST_F(MigrationStatusTest, SaysSoWhenItCannotBeSaved) {

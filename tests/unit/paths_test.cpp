@@ -13,9 +13,9 @@ TEST(CheckInputFileTest, AcceptsRegularFilesOnlyThroughSymbolicLinksAsWell) {
   ASSERT_EQ(symlink("folder", (dir / "to-folder").c_str()), 0);
   ASSERT_EQ(symlink("missing", (dir / "to-nothing").c_str()), 0);
   const std::pair<const char*, bool> names[] = {
-      {"file", true},   {"to-file", true},    {"folder", false},     {"fifo", false},
-      {"/../", false},  {"to-folder", false}, {"to-nothing", false}, {"missing", false},
-      {"file/x", false}};
+      {"file", true},        {"to-file", true},  {"folder", false},
+      {"fifo", false},       {"/../", false},    {"to-folder", false},
+      {"to-nothing", false}, {"missing", false}, {"file/x", false}};
   for (const auto& [name, accepted] : names) {
     SCOPED_TRACE(name);
     EXPECT_EQ(check_input_file((dir / name).c_str()), accepted);
@@ -32,7 +32,7 @@ TEST(PathTest, IsSplitAtTheLastSlash) {
   struct Example {
     std::string path, folder, name;
   };
-  const Example examples[] = {{"/a/b", "/a", "b"}, {"b", "", "b"},    {"/b", "", "b"},
+  const Example examples[] = {{"/a/b", "/a", "b"}, {"b", "", "b"},      {"/b", "", "b"},
                               {"a/b/", "a/b", ""}, {"a//b", "a/", "b"}, {"", "", ""}};
   for (const Example& example : examples) {
     SCOPED_TRACE(example.path);

@@ -31,10 +31,13 @@ std::string getDefaultByIndex(int index) {
   return value ? value : "(null)";
 }
 
-const std::map<int, std::string> DEFAULTS = {
-    {1, "/var/qmail/mailnames"},         {12, "/var/lib/mailman"}, {13, "/usr/lib/mailman"},
-    {15, "/usr/lib/postgresql/9.1/bin"}, {16, "/usr/bin"},         {27, "/var/www/vhosts"},
-    {28, "/opt/qrv"}};
+const std::map<int, std::string> DEFAULTS = {{1, "/var/qmail/mailnames"},
+                                             {12, "/var/lib/mailman"},
+                                             {13, "/usr/lib/mailman"},
+                                             {15, "/usr/lib/postgresql/9.1/bin"},
+                                             {16, "/usr/bin"},
+                                             {27, "/var/www/vhosts"},
+                                             {28, "/opt/qrv"}};
 
 const std::string UNREADABLE = "unable to open configuration file /etc/qrv/qrv.conf: ";
 
@@ -62,7 +65,9 @@ TEST(QrvConfTest, ReadsKeysAndValues) {
       "42 value\n"
       "TWICE first\n"
       "TWICE second\n"
-      "LONG " + longValue + "\n"
+      "LONG " +
+      longValue +
+      "\n"
       "NO_LINE_END value");
   SystemLog systemLog;
   const std::pair<const char*, std::string> expected[] = {
@@ -95,7 +100,7 @@ TEST(QrvConfTest, ReadsKeysAndValues) {
 
 TEST(QrvConfTest, ReportsMalformedLinesAndSkipsThem) {
   IN_FRESH_PROCESS();
-  const std::vector<std::string> malformed = {"KEY=value", "KEY-1 value", "KEY",
+  const std::vector<std::string> malformed = {"KEY=value", "KEY-1 value",      "KEY",
                                               "- value",   "K\xC3\x84Y value", "KEY: value"};
   std::string text = "FIRST 1\n";
   for (const std::string& line : malformed) text += line + "\n";
@@ -167,10 +172,9 @@ TEST(QrvConfTest, GivesTheDefaultOfEachSlotThatTheFileDoesNotSet) {
 
 TEST(QrvConfTest, HasASlotForEachVariable) {
   IN_FRESH_PROCESS();
-  const std::map<int, std::string> names = {{1, "KORVO_MAILNAMES_D"}, {12, "MAILMAN_VAR_D"},
-                                            {13, "MAILMAN_ROOT_D"},   {15, "PGSQL_BIN_D"},
-                                            {16, "MYSQL_BIN_D"},      {27, "HTTPD_VHOSTS_D"},
-                                            {28, "PRODUCT_ROOT_D"}};
+  const std::map<int, std::string> names = {
+      {1, "KORVO_MAILNAMES_D"}, {12, "MAILMAN_VAR_D"},  {13, "MAILMAN_ROOT_D"}, {15, "PGSQL_BIN_D"},
+      {16, "MYSQL_BIN_D"},      {27, "HTTPD_VHOSTS_D"}, {28, "PRODUCT_ROOT_D"}};
   std::string text = "_MIN_POSSIBLE_QRV_CONF_VAR_NAME min\n_MAX_POSSIBLE_QRV_CONF_VAR_NAME max\n";
   for (const auto& [index, name] : names) text += name + " value " + std::to_string(index) + "\n";
   const ScopedQrvConf file(text);

@@ -29,7 +29,8 @@ TEST(SessionFilesTest, MakesItsFoldersAndTheirParentsForRootAndTheServiceAccount
 
 TEST(SessionFilesTest, UsesTheUserNumberOfTheServiceAccountAsGroup) {
   IN_FRESH_PROCESS();
-  const ScopedFile passwd("/etc/passwd", "root:x:0:0::/:/bin/sh\nqrvadm:x:20005:20006::/:/bin/sh\n");
+  const ScopedFile passwd("/etc/passwd",
+                          "root:x:0:0::/:/bin/sh\nqrvadm:x:20005:20006::/:/bin/sh\n");
   const ScopedTempDir dir;
   const SessionFiles session(dir / "session");
   EXPECT_EQ(ownerAndMode(dir / "session"), "0:20005 750");

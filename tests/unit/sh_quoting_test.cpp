@@ -80,7 +80,8 @@ TEST(CheckShellArgTest, AcceptsExactlyTheBytesThatNeedNoQuoting) {
   for (int byte = 1; byte < 256; ++byte) {
     SCOPED_TRACE(byte);
     const std::string text = std::string("a") + static_cast<char>(byte);
-    const bool plain = byte != '\n' && SPECIAL_BYTES.find(static_cast<char>(byte)) == std::string::npos;
+    const bool plain =
+        byte != '\n' && SPECIAL_BYTES.find(static_cast<char>(byte)) == std::string::npos;
     EXPECT_EQ(check_shell_arg_nothrow(text.c_str()), plain ? 1 : 0);
     EXPECT_EQ(whatOf<std::runtime_error>([&] { check_shell_arg(text); }),
               plain ? "no exception" : "Internal error: bad escape_chars value");

@@ -41,6 +41,7 @@ int waitFor(pid_t child) {
 
 [[noreturn]] void endChild() {
   std::cout.flush();
+  std::fflush(stdout);
   bool failed = testing::Test::HasFailure();
 #if defined(__SANITIZE_ADDRESS__)
   failed = __lsan_do_recoverable_leak_check() != 0 || failed;

@@ -86,8 +86,10 @@ constexpr uid_t PLAIN = 20001;
 ///     IN_FRESH_PROCESS();
 ///     ...
 ///   }
-#define IN_FRESH_PROCESS(...)                                   \
-  do {                                                          \
+///
+/// A fixture is set up in both processes, so it must hold nothing that exists once.
+#define IN_FRESH_PROCESS(...)                                             \
+  do {                                                                    \
     if (ranInFreshProcess(std::vector<std::string>{__VA_ARGS__})) return; \
   } while (false)
 

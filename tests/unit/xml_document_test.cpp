@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <iostream>
 #include <optional>
 #include <sstream>
 
@@ -57,6 +58,18 @@ class NotingDocument : public tXmlDtmDocument {
   std::vector<std::string>& names_;
 };
 
+/// While it lives, libxml2 gets no memory.
+class NoXmlMemory {
+ public:
+  NoXmlMemory() : old_(xmlMalloc) {
+    xmlMalloc = [](std::size_t) -> void* { return nullptr; };
+  }
+  ~NoXmlMemory() { xmlMalloc = old_; }
+
+ private:
+  xmlMallocFunc old_;
+};
+
 }  // namespace
 
 // --- Parsing ---
@@ -100,8 +113,9 @@ TEST(XmlDocumentTest, RefusesWhatIsNoRegularFile) {
   for (const char* name : {"missing", "fifo", "."}) {
     SCOPED_TRACE(name);
     const std::string path = dir / name;
-    EXPECT_EQ(whatOf<Exc<&tError_WrongInputFile>>([&] { tXmlDocument(path.c_str()); }),
-              "The XML file does not exist or is not a regular file. Check the file '" + path + "'");
+    EXPECT_EQ(
+        whatOf<Exc<&tError_WrongInputFile>>([&] { tXmlDocument(path.c_str()); }),
+        "The XML file does not exist or is not a regular file. Check the file '" + path + "'");
   }
 }
 
@@ -240,8 +254,8 @@ TEST(XmlDtmDocumentTest, ReadsTheTextOfANode) {
   for (xmlNodePtr node = document.root()->children; node; node = node->next) {
     texts.push_back(document.getNodeText(node));
   }
-  EXPECT_THAT(texts, testing::ElementsAre("x & \xE2\x98\x83 value", "<raw> and text", " kept \n ",
-                                          "", ""));
+  EXPECT_THAT(
+      texts, testing::ElementsAre("x & \xE2\x98\x83 value", "<raw> and text", " kept \n ", "", ""));
 }
 
 TEST(XmlDocumentTest, IsSharedByItsCopiesUntilTheLastOneIsGone) {
@@ -287,11 +301,11 @@ TEST(XmlDocumentTest, IsSavedToABuffer) {
 
 TEST(XmlDocumentTest, ReportsABufferThatCannotBeWritten) {
   const auto fail = [](void*, const char*, int) { return -1; };
-  EXPECT_EQ(whatOf<Exc<&tError_SaveFile>>([&] {
-              makeDocument("text").saveToBuffer(
-                  xmlOutputBufferCreateIO(fail, nullptr, nullptr, nullptr));
-            }),
-            "Can not save the XML document to file 'in-memory buffer'");
+  EXPECT_EQ(
+      whatOf<Exc<&tError_SaveFile>>([&] {
+        makeDocument("text").saveToBuffer(xmlOutputBufferCreateIO(fail, nullptr, nullptr, nullptr));
+      }),
+      "Can not save the XML document to file 'in-memory buffer'");
 }
 
 TEST(XmlDocumentTest, IsSavedToAStreamFromWhichAParserReadsTheSameText) {
@@ -332,7 +346,8 @@ TEST(XmlDocumentTest, KeepsTheOldFileAndLeavesNoTemporaryOneOnAFullDisk) {
   const ScopedTmpfs fileSystem(dir.path(), 16384);
   writeFile(dir / "file", "old");
   tXmlDtmDocument document = makeDocument(std::string(100000, 'x'));
-  const auto failure = testing::StartsWith("Can not save the XML document to file '" + (dir / "file"));
+  const auto failure =
+      testing::StartsWith("Can not save the XML document to file '" + (dir / "file"));
   EXPECT_THAT(whatOf<Exc<&tError_SaveFile>>([&] { document.saveToFileAtomically(dir / "file"); }),
               failure);
   EXPECT_THAT(whatOf<Exc<&tError_SaveFile>>(
@@ -375,8 +390,23 @@ TEST(XmlNodeTest, ReportsWhyItCannotBeSaved) {
   EXPECT_THROW(node.saveToFileAtomically(dir / "missing/target"), Exc<&CantCreateTempFile>);
   inChild([&] {
     becomePlainUser();
-    EXPECT_THAT(whatOf<Exc<&CantTakeFileOwnership>>([&] { node.saveToFileAtomically(dir / "mine"); }),
-                testing::MatchesRegex("Cannot take ownership of .*/mine......: "
-                                      "Operation not permitted"));
+    EXPECT_THAT(
+        whatOf<Exc<&CantTakeFileOwnership>>([&] { node.saveToFileAtomically(dir / "mine"); }),
+        testing::MatchesRegex("Cannot take ownership of .*/mine......: "
+                              "Operation not permitted"));
   });
+}
+
+TEST(XmlDocumentTest, SaysWhatCouldNotBeMadeWithoutMemory) {
+  const CapturedStream console(STDERR_FILENO);
+  tXmlDtmDocument document;
+  const NoXmlMemory noMemory;
+  EXPECT_EQ(whatOf<Exc<&tError_XmlInternal>>([] { tXmlDocument{}; }),
+            "#0001: Can not create new XML document.");
+  EXPECT_EQ(whatOf<Exc<&tError_XmlInternal>>([&] { document.initNewDoc("root"); }),
+            "#0002: Can not create new node");
+  EXPECT_EQ(whatOf<Exc<&AssertionFailed>>([&] { tXPathExpr(document.document(), "/"); }),
+            "Assertion failed: xpathCtx_.get() != NULL");
+  EXPECT_EQ(whatOf<Exc<&AssertionFailed>>([&] { document.saveToStream(std::cerr); }),
+            "Assertion failed: buffer != 0");
 }

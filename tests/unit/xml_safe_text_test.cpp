@@ -18,37 +18,48 @@ std::string oneByte(int byte) {
 
 /// Texts that XML cannot hold as they are, and what becomes of them.
 const std::vector<std::pair<std::string, std::string>> BROKEN = {
-    {"\xC3", bad(1)},                      // a character that is cut off
+    {"\xC3", bad(1)},  // a character that is cut off
     {"\xE2\x98", bad(2)},
     {"\xF0\x9F\x98", bad(3)},
     {"\xC3z", bad(1) + "z"},
     {"\xE2\x98z", bad(2) + "z"},
-    {"\x98z", bad(1) + "z"},               // a continuation without a beginning
-    {"\xC0\xAF", bad(2)},                  // more bytes than the character needs
+    {"\x98z", bad(1) + "z"},  // a continuation without a beginning
+    {"\xC0\xAF", bad(2)},     // more bytes than the character needs
     {"\xC1\xBF", bad(2)},
     {"\xE0\x80\xAF", bad(3)},
     {"\xF0\x80\x80\xAF", bad(4)},
-    {"\xED\xA0\x80", bad(3)},              // surrogates
+    {"\xED\xA0\x80", bad(3)},  // surrogates
     {"\xED\xBF\xBF", bad(3)},
-    {"\xEF\xBF\xBE", bad(3)},              // U+FFFE and U+FFFF
+    {"\xEF\xBF\xBE", bad(3)},  // U+FFFE and U+FFFF
     {"\xEF\xBF\xBF", bad(3)},
-    {"\xF4\x90\x80\x80", bad(4)},          // above U+10FFFF
-    {"\xF8\x88\x80\x80\x80", bad(5)},      // five bytes
+    {"\xF4\x90\x80\x80", bad(4)},      // above U+10FFFF
+    {"\xF8\x88\x80\x80\x80", bad(5)},  // five bytes
     {"\xFE\xFF", bad(2)},
     {std::string("a\0b", 3), "a" + bad(1) + "b"},
     {"caf\xE9", "caf" + bad(1)},
 };
 
-const std::vector<std::string> SOUND = {
-    "", "plain", "<&>\"'", " \t\n\r ", "\x7F", "\xC2\x80", "na\xC3\xAFve", "\xED\x9F\xBF",
-    "\xEE\x80\x80", "\xEF\xBF\xBD", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF", "]]>"};
+const std::vector<std::string> SOUND = {"",
+                                        "plain",
+                                        "<&>\"'",
+                                        " \t\n\r ",
+                                        "\x7F",
+                                        "\xC2\x80",
+                                        "na\xC3\xAFve",
+                                        "\xED\x9F\xBF",
+                                        "\xEE\x80\x80",
+                                        "\xEF\xBF\xBD",
+                                        "\xF0\x90\x80\x80",
+                                        "\xF4\x8F\xBF\xBF",
+                                        "]]>"};
 
 }  // namespace
 
 TEST(XmlSafeTextTest, ReplacesEachByteThatXmlCannotHold) {
   for (int byte = 0; byte < 256; ++byte) {
     SCOPED_TRACE(byte);
-    const bool sound = (byte >= 0x20 && byte < 0x80) || byte == '\t' || byte == '\n' || byte == '\r';
+    const bool sound =
+        (byte >= 0x20 && byte < 0x80) || byte == '\t' || byte == '\n' || byte == '\r';
     EXPECT_EQ(toXmlSafeText(oneByte(byte)), sound ? oneByte(byte) : BAD);
   }
   for (const auto& [text, safe] : BROKEN) EXPECT_EQ(toXmlSafeText(text), safe);

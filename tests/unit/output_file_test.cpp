@@ -1,0 +1,212 @@
+#include "commons/output_file.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <thread>
+
+#include "commons/commons.h"
+#include "support.h"
+
+namespace {
+
+volatile sig_atomic_t alarms = 0;
+
+/// Everything that comes out of a descriptor, read slowly enough that a pipe fills.
+std::string readAll(int fd) {
+  std::string text;
+  char block[512];
+  for (ssize_t got; (got = read(fd, block, sizeof block)) > 0;) {
+    text.append(block, static_cast<std::size_t>(got));
+  }
+  return text;
+}
+
+}  // namespace
+
+TEST(OutputFileTest, IsCreatedOrTruncated) {
+  const ScopedTempDir dir;
+  writeFile(dir / "old", "a long old text");
+  ASSERT_EQ(chmod((dir / "old").c_str(), 0600), 0);
+  const UmaskGuard mask(027);
+  for (const char* name : {"old", "new"}) {
+    OutputFile file(dir / name);
+    EXPECT_TRUE(file.isOpen());
+    EXPECT_EQ(file.path(), dir / name);
+    file.stream() << "text " << 42 << '\n';
+    EXPECT_TRUE(file.close());
+    EXPECT_EQ(readFile(dir / name), "text 42\n");
+  }
+  EXPECT_EQ(ownerAndMode(dir / "old"), "0:0 600");
+  EXPECT_EQ(ownerAndMode(dir / "new"), "0:0 640");
+}
+
+TEST(OutputFileTest, WritesAtOnce) {
+  const ScopedTempDir dir;
+  OutputFile file(dir / "file");
+  file.stream().put('a');
+  EXPECT_EQ(readFile(dir / "file"), "a");
+  file.stream() << std::string(100000, 'b');
+  EXPECT_EQ(readFile(dir / "file").size(), 100001u);
+}
+
+TEST(OutputFileTest, CarriesEveryByteValue) {
+  const ScopedTempDir dir;
+  std::string bytes;
+  for (int byte = 0; byte < 256; ++byte) bytes += static_cast<char>(byte);
+  OutputFile file(dir / "file");
+  file.stream().write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  for (const char byte : bytes) file.stream().put(byte);
+  EXPECT_TRUE(file.close());
+  EXPECT_EQ(readFile(dir / "file"), bytes + bytes);
+}
+
+TEST(OutputFileTest, ThatCannotBeOpenedTakesNothing) {
+  for (const char* path : {"/mnt/missing/file", "/mnt"}) {
+    SCOPED_TRACE(path);
+    OutputFile file(path);
+    EXPECT_FALSE(file.isOpen());
+    EXPECT_FALSE(file.stream() << "text");
+    EXPECT_EQ(file.errorText(),
+              path == std::string("/mnt") ? "Is a directory" : "No such file or directory");
+    EXPECT_FALSE(file.close());
+    EXPECT_FALSE(OutputFile(path).syncAndClose());
+  }
+}
+
+TEST(OutputFileTest, SeesAFullDiskAtTheWriteThatHitsIt) {
+  const ScopedTempDir dir;
+  const ScopedTmpfs fileSystem(dir.path(), 65536);
+  for (const std::string& path : {dir / "file", std::string("/dev/full")}) {
+    SCOPED_TRACE(path);
+    OutputFile file(path);
+    EXPECT_FALSE(file.stream() << std::string(100000, 'x'));
+    EXPECT_FALSE(file.close());
+    EXPECT_EQ(file.errorText(), "No space left on device");
+
+    OutputFile synced(path);
+    synced.stream() << std::string(100000, 'x');
+    EXPECT_FALSE(synced.syncAndClose());
+    EXPECT_EQ(synced.errorText(), "No space left on device");
+  }
+}
+
+TEST(OutputFileTest, ContinuesAShortWriteAndSeesTheLimitBehindIt) {
+  const ScopedTempDir dir;
+  inChild([&] {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {50000, RLIM_INFINITY};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    OutputFile file(dir / "file");
+    EXPECT_FALSE(file.stream() << std::string(60000, 'x'));
+    EXPECT_FALSE(file.close());
+    EXPECT_EQ(file.errorText(), "File too large");
+  });
+  EXPECT_EQ(readFile(dir / "file").size(), 50000u);
+}
+
+TEST(OutputFileTest, SyncsItselfAndItsFolder) {
+  const ScopedTempDir dir;
+  UniqueFd folder(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd fd(open((dir / "file").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  OutputFile file(dir / "file", std::move(fd), std::move(folder));
+  file.stream() << "text";
+  EXPECT_TRUE(file.syncAndClose());
+  EXPECT_EQ(readFile(dir / "file"), "text");
+}
+
+TEST(OutputFileTest, NeedsNoDiskBehindIt) {
+  OutputFile file("/dev/null");
+  file.stream() << "text";
+  EXPECT_TRUE(file.syncAndClose());
+}
+
+TEST(OutputFileTest, FailsWhenItsFolderCannotBeSynced) {
+  const ScopedTempDir dir;
+  UniqueFd fd(open((dir / "file").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  // A descriptor that can be closed but not synced.
+  UniqueFd folder(open(dir.path().c_str(), O_PATH | O_CLOEXEC));
+  OutputFile file(dir / "file", std::move(fd), std::move(folder));
+  EXPECT_FALSE(file.syncAndClose());
+  EXPECT_EQ(file.errorText(), "Bad file descriptor");
+}
+
+TEST(OutputFileTest, ReportsAnErrorOfClosing) {
+  const ScopedTempDir dir;
+  OutputFile file(dir / "file");
+  const int fd = open("/dev/null", O_RDONLY);
+  // Closed behind its back: the nearest to a disk that loses data at close.
+  close(fd - 1);
+  EXPECT_FALSE(file.close());
+  EXPECT_EQ(file.errorText(), "Bad file descriptor");
+  close(fd);
+}
+
+TEST(OutputFileTest, ClosesItsDescriptorWhenItIsDestroyed) {
+  const ScopedTempDir dir;
+  const std::size_t before = entriesOf("/proc/self/fd").size();
+  { OutputFile file(dir / "file"); }
+  EXPECT_EQ(entriesOf("/proc/self/fd").size(), before);
+}
+
+TEST(FdStreamBufTest, RetriesInterruptedWrites) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  UniqueFd writeEnd(ends[1]);
+  struct sigaction action {};
+  action.sa_handler = [](int) { alarms = alarms + 1; };
+  struct sigaction oldAction;
+  ASSERT_EQ(sigaction(SIGALRM, &action, &oldAction), 0);
+
+  const std::string text(3000000, 'x');
+  std::string received;
+  sigset_t alarm;
+  sigemptyset(&alarm);
+  sigaddset(&alarm, SIGALRM);
+  // The reader inherits the mask: all signals are the writer's.
+  pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
+  std::thread reader([&] { received = readAll(ends[0]); });
+  pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+  const itimerval often = {{0, 500}, {0, 500}};
+  ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+  FdStreamBuf buffer(writeEnd.get());
+  const std::streamsize written =
+      buffer.sputn(text.data(), static_cast<std::streamsize>(text.size()));
+  const itimerval never = {};
+  setitimer(ITIMER_REAL, &never, nullptr);
+  writeEnd.close();
+  reader.join();
+  close(ends[0]);
+  sigaction(SIGALRM, &oldAction, nullptr);
+
+  EXPECT_EQ(written, static_cast<std::streamsize>(text.size()));
+  EXPECT_EQ(received, text);
+  EXPECT_EQ(buffer.error(), 0);
+  EXPECT_GT(alarms, 0);
+}
+
+TEST(FdStreamBufTest, KeepsTheFirstErrorAndLeavesTheDescriptorOpen) {
+  const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+  {
+    FdStreamBuf buffer(full.get());
+    EXPECT_EQ(buffer.sputn("text", 4), 0);
+    EXPECT_EQ(buffer.sputc('x'), std::char_traits<char>::eof());
+    EXPECT_EQ(buffer.error(), ENOSPC);
+  }
+  EXPECT_GE(fcntl(full.get(), F_GETFD), 0);
+}
+
+TEST(SyncFolderTest, ForgivesAFileSystemThatCannotSyncFoldersOnly) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const UniqueFd readEnd(ends[0]);
+  const UniqueFd writeEnd(ends[1]);
+  EXPECT_TRUE(syncFolder(writeEnd.get()));
+  EXPECT_FALSE(syncFolder(-1));
+  EXPECT_EQ(errno, EBADF);
+}
