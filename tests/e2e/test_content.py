@@ -204,12 +204,15 @@ def test_file_of_the_same_last_name_elsewhere_does_not_count(source):
     assert source.commands() == listing(ROOT) + fetching(ROOT, "a/same", "b/same")
 
 
+@pytest.mark.parametrize("there", [b"same", None], ids=["that is there", "that is not there"])
 @pytest.mark.parametrize("attributes", [{"md5sum": ""}, {"md5sum": None}, {"md5sum": md5(b"same").upper()}],
                          ids=["empty", "missing", "in capitals"])
-def test_file_without_a_usable_sum_is_always_fetched(source, attributes):
+def test_file_without_a_usable_sum_is_always_fetched(source, attributes, there):
     offered(ROOT, ("one", b"same", attributes))
-    write(f"{ARCHIVES}/one", b"same")
+    if there is not None:
+        write(f"{ARCHIVES}/one", there)
     get_content()
+    assert files_below(ARCHIVES) == {b"one": b"same"}
     assert source.commands() == listing(ROOT) + fetching(ROOT, "one")
 
 

@@ -205,6 +205,7 @@ def test_refreshes_the_dumping_status_while_the_agent_works(source, login):
     outcome = running.finish()
     assert (outcome.code, outcome.stdout, outcome.stderr) == (0, b"", b"")
     assert not Session().exists(STATUS + ".tmp")
+    assert owner_and_mode(Session().file(STATUS)) == (0, 0, 0o644)
     refreshes = [command for command in source.commands() if command.line.endswith(STATUS)]
     assert refreshes[:2] == [user_line(login, f"cat {login.agent_dir}/{STATUS}")] * 2
     assert Session().read("dump-name") == b"/mnt/session/dump.xml"
