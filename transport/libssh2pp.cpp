@@ -171,16 +171,26 @@ void Channel::readBufferedPackets() {
 /// True when only the peer can bring anything new.
 bool Channel::isIdle() const {
   // The first of these takes in what has arrived, so it comes first.
-  return !isClosed() && !hasData(0) && !hasData(1) && !atEof();
+  return !isClosed() && queuedBytes() == 0 && !atEof();
 }
 
 bool Channel::atEof() const {
   return refused_ || libssh2_channel_eof(get()) == 1;
 }
 
-bool Channel::hasData(int stream) const {
-  // The answer may be negative.
-  return libssh2_poll_channel_read(get(), stream) == 1;
+std::size_t Channel::queuedBytes() const {
+  // libssh2_poll_channel_read does not do: it fails for every channel once the server
+  // has sent a one-byte message, and does not tell the streams apart.
+  unsigned long queued = 0;
+  libssh2_channel_window_read_ex(get(), &queued, nullptr);
+  return queued;
+}
+
+void Channel::dropUnknownStreams() {
+  // Reads that wait for the socket to take a window adjustment found nothing, either.
+  if (session_.isSendPending()) return;
+  const NonBlockingGuard nonBlocking(session_);
+  libssh2_channel_flush_ex(get(), LIBSSH2_CHANNEL_FLUSH_EXTENDED_DATA);
 }
 
 bool Channel::isClosed() const {
@@ -244,7 +254,7 @@ int Channel::write(const char* bytes, std::size_t size, const std::function<void
 /// for it.
 bool Channel::isStalled() const {
   return libssh2_channel_window_read_ex(get(), nullptr, nullptr) < PACKET_BYTES &&
-         (hasData(0) || hasData(1));
+         queuedBytes() > 0;
 }
 
 int Channel::sendEof() {

@@ -62,11 +62,15 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
 
   /// True when the command will say nothing more and all it said was read.
   bool atEof() const;
-  /// True when there may be data of the stream (0 output, 1 error output) to read.
-  bool hasData(int stream) const;
-  /// Reads what is there, never waiting, until the buffer is full. Returns the
-  /// number of bytes; 0 when nothing was there. Throws SshConnectionFault.
+  /// Bytes of both streams that have arrived and were not read.
+  std::size_t queuedBytes() const;
+  /// Reads what is there of the stream (0 output, 1 error output), never waiting,
+  /// until the buffer is full. Returns the number of bytes; 0 when nothing was there.
+  /// Throws SshConnectionFault.
   int read(int stream, char* buffer, std::size_t size);
+  /// Drops what has arrived for streams that do not exist, which only a broken or
+  /// hostile server sends: it would keep the channel from ever being at its end.
+  void dropUnknownStreams();
 
   /// Sends bytes to the command's standard input; returns how many it took, which
   /// is 0 after a wait, or the library's negative error. A command that has ended

@@ -86,13 +86,15 @@ class RemoteExecution {
 
   /// At most one chunk of each stream, standard output first.
   void readTurn() {
-    if (const int size = readChunk(0, "remote stdout -> ")) {
-      counter_(size);
-      pump_write(out_, buffer_.data(), size);
+    if (channel_->queuedBytes() == 0) return;
+    const int outSize = readChunk(0, "remote stdout -> ");
+    if (outSize > 0) {
+      counter_(outSize);
+      pump_write(out_, buffer_.data(), outSize);
     }
-    if (const int size = readChunk(1, "remote stderr -> ")) {
-      pump_write(err_, buffer_.data(), size);
-    }
+    const int errSize = readChunk(1, "remote stderr -> ");
+    if (errSize > 0) pump_write(err_, buffer_.data(), errSize);
+    if (outSize == 0 && errSize == 0) channel_->dropUnknownStreams();
   }
 
   libssh2pp::Channel& channel() { return *channel_; }
@@ -100,7 +102,6 @@ class RemoteExecution {
  private:
   /// Reads and logs what there is; 0 for nothing.
   int readChunk(int stream, const char* logPrefix) {
-    if (!channel_->hasData(stream)) return 0;
     const int size = channel_->read(stream, buffer_.data(), buffer_.size());
     if (size > 0 && !quietOutput_) {
       sshLog.debugStream() << logPrefix
