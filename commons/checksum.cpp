@@ -58,7 +58,8 @@ std::string countMd5Sum(std::istream& in, const std::function<void()>& betweenBl
   std::array<char, BLOCK_BYTES> block;
   do {
     in.read(block.data(), block.size());
-    if (in.bad()) throw Exc<&StreamRead>(HERE);
+    // A stream that was never opened has failed without having come to an end.
+    if (in.bad() || (in.fail() && !in.eof())) throw Exc<&StreamRead>(HERE);
     md5.add(block.data(), static_cast<std::size_t>(in.gcount()));
     if (betweenBlocks) betweenBlocks();
   } while (in);

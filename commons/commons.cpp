@@ -79,7 +79,9 @@ int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
     if (const int failed = make_dir(path.substr(0, slash), owner, group, mode)) return failed;
   }
   // "a/b/" names a folder that the step above has just made as "a/b".
-  if (mkdir(path.c_str(), mode) != 0) return errno == EEXIST ? 0 : -1;
+  if (mkdir(path.c_str(), mode) != 0) {
+    return errno == EEXIST && stat(path.c_str(), &status) == 0 ? 0 : -1;
+  }
   return chown(path.c_str(), owner, group);
 }
 

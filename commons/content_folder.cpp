@@ -19,7 +19,7 @@ constexpr mode_t NEW_FILE_MODE = 0666;
 
 std::vector<std::string> splitPath(const std::string& path) {
   std::vector<std::string> components;
-  boost::split(components, path, boost::is_any_of("/"));
+  boost::split(components, path, boost::is_any_of("/"), boost::token_compress_on);
   return components;
 }
 

@@ -230,7 +230,15 @@ int forkExecvGetInOutErrSuidEnv(std::string input, std::string& output, std::str
   in.readEnd.close();
   out.writeEnd.close();
   err.writeEnd.close();
-  pumpPipes(in.writeEnd, input, out.readEnd, output, err.readEnd, errorOutput);
+  try {
+    pumpPipes(in.writeEnd, input, out.readEnd, output, err.readEnd, errorOutput);
+  } catch (const SystemError&) {
+    // Cut off from its input or its readers, the child must not go on as if all were
+    // well, nor stay as a zombie.
+    kill(child, SIGKILL);
+    waitForExitCode(child);
+    throw;
+  }
   return waitForExitCode(child);
 }
 

@@ -15,8 +15,8 @@ using Environment = std::map<std::string, std::string>;
 /// added to the environment of this process.
 ///
 /// Returns the exit code, or -1 when the child was ended by a signal or could not
-/// be waited for. Throws SystemError when a system call fails. SIGPIPE must be
-/// ignored by the caller: a child may end before it has read all its input.
+/// be waited for. Throws SystemError when a system call fails; the child is ended then. SIGPIPE
+/// must be ignored by the caller: a child may end before it has read all its input.
 int forkExecvGetInOutErrSuidEnv(std::string input, std::string& output, std::string& errorOutput,
                                 const std::string& program, const ArgList& args,
                                 const std::string& account, const Environment& environment);

@@ -89,12 +89,13 @@ bool testXPathExpr(xmlDocPtr document, const std::string& expression, xmlNodePtr
 
 int foreach_xmlnode(const tXPathExpr& expression, tXmlOperator& xmlOperator, tErrorFunc errorFunc) {
   const xmlNodeSetPtr nodes = expression.getNodeSet();
-  if (!nodes) {
+  if (!expression.isEvaluated()) {
     errorFunc(Exc<&tError_XmlInternal>(HERE) %
               ("Can not evaluate XPath expression: " + expression.expression()));
     return 0;
   }
-  for (int i = 0; i < nodes->nodeNr; ++i) {
+  const int count = nodes ? nodes->nodeNr : 0;
+  for (int i = 0; i < count; ++i) {
     try {
       xmlOperator(nodes->nodeTab[i]);
     } catch (const ExTraceable& e) {

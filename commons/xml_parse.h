@@ -63,8 +63,11 @@ class tXPathExpr {
   /// when there is no memory for the context.
   tXPathExpr(xmlDocPtr document, const std::string& expression, xmlNodePtr contextNode = nullptr);
 
-  /// The node set of the result; null when the expression could not be evaluated
-  /// to any. Throws tError_XPath_TypesMismatch when the result is of another type.
+  /// False when the expression could not be evaluated.
+  bool isEvaluated() const { return result_ != nullptr; }
+  /// The node set of the result; null when the expression could not be evaluated,
+  /// and often when it selects nothing. Throws tError_XPath_TypesMismatch when the result is of
+  /// another type.
   xmlNodeSetPtr getNodeSet() const;
   /// The first node in document order. Throws as getNodeSet, and
   /// tError_XPath_CantEvaluate when there is none.
