@@ -159,6 +159,12 @@ def test_fails_when_the_name_of_the_dump_cannot_be_written(source):
                   "Error during /mnt/session/dump-name write: Is a directory")
 
 
+def test_fails_at_the_first_chunk_when_the_dump_cannot_be_written(source):
+    deployed_agent(ROOT, "", {"dump.xml": "<dump/>"})
+    os.makedirs(Session().file("dump.xml"))
+    assert failed(Destination().run("dump-all"), "StreamWrite", "Cannot write data to the stream")
+
+
 def test_fails_when_sudo_refuses(source):
     deployed_agent(SUDOER, "", {"dump.xml": ""})
     outcome = Destination(SUDOER).run("dump-all", sudo_password="wrong-passphrase")
