@@ -246,15 +246,21 @@ TEST(InitializeLog4CppTest, GoesOnWithoutAppendersWhenThePropertiesAreMissing) {
 
 TEST(InitializeLog4CppTest, GoesOnWithoutAppendersWhenThePropertiesAreBroken) {
   IN_FRESH_PROCESS();
-  const LogWorld world(
-      properties("log4cpp.category.k.Ssh=INFO, A3\n"
-                 "log4cpp.appender.A3=NoSuchAppender\n"));
-  SystemLog systemLog;
-  const CapturedStream console(STDERR_FILENO);
-  const DebugLogLifetimeController controller(false, true);
-  theDebugLog->log(std::string("text"));
-  EXPECT_EQ(console.text(), "");
-  EXPECT_THAT(systemLog.lines(), testing::ElementsAre(testing::HasSubstr(PROPERTIES_FILE)));
+  for (const char* broken :
+       {"log4cpp.appender.A3=NoSuchAppender\n",
+        // Found out only after the root category has got its appenders.
+        "log4cpp.category.k.zzz=INFO, A9\n", "log4cpp.category.k.zzz=NOPRIORITY, A1\n"}) {
+    SCOPED_TRACE(broken);
+    inChild([&] {
+      const LogWorld world(properties(broken));
+      SystemLog systemLog;
+      const CapturedStream console(STDERR_FILENO);
+      const DebugLogLifetimeController controller(false, true);
+      theDebugLog->log(std::string("text"));
+      EXPECT_EQ(console.text(), "");
+      EXPECT_THAT(systemLog.lines(), testing::ElementsAre(testing::HasSubstr(PROPERTIES_FILE)));
+    });
+  }
 }
 
 TEST(DebugLogLifetimeControllerTest, ConfiguresLoggingAndTakesTheDebugLogAwayAgain) {

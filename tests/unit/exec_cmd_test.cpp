@@ -1,6 +1,7 @@
 #include "commons/ExecCmd.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -224,10 +225,14 @@ TEST(ExecCmdTest, AddsToTheEnvironmentOfTheProgramOnly) {
   EXPECT_STREQ(getenv("UNIT_OLD"), "old");
 }
 
-TEST(ExecCmdTest, RunsAsTheNamedAccountWithItsGroups) {
-  ExecCmd cmd = shell("id -u; id -g; id -G");
-  cmd.setRunAs("plain");
-  EXPECT_EQ(outputOf(cmd), "20001\n20001\n20001\n");
+TEST(ExecCmdTest, RunsAsTheNamedAccountWithItsGroupsOnly) {
+  inChild([] {
+    const gid_t mine[] = {0, 4};
+    ASSERT_EQ(setgroups(2, mine), 0);
+    ExecCmd cmd = shell("id -u; id -g; id -G");
+    cmd.setRunAs("plain");
+    EXPECT_EQ(outputOf(cmd), "20001\n20001\n20001\n");
+  });
 }
 
 TEST(ExecCmdTest, RunsAsThePresentUserWhenTheNamedAccountDoesNotExist) {

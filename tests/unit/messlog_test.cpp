@@ -25,6 +25,7 @@ TEST(MesslogTest, DropsLineEndsAtTheEndAndTakesTheTextAsItIs) {
 }
 
 TEST(MesslogTest, LeavesNoDescriptorOpen) {
+  IN_FRESH_PROCESS();
   const SystemLog systemLog;
   const std::size_t before = entriesOf("/proc/self/fd").size();
   messlog2("text");
