@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <log4cpp/Category.hh>
 #include <map>
+#include <optional>
 
 namespace libssh2pp {
 
@@ -84,14 +85,14 @@ int statusOfSignal(const std::string& name) {
   return found == numbers.end() ? 255 : 128 + found->second;
 }
 
-/// The name of the signal that ended the command; empty when none did.
-std::string exitSignalOf(LIBSSH2_CHANNEL* channel, LIBSSH2_SESSION* session) {
+/// The name of the signal that ended the command, if one did.
+std::optional<std::string> exitSignalOf(LIBSSH2_CHANNEL* channel, LIBSSH2_SESSION* session) {
   // The peer chooses the name; no real one is longer.
   constexpr std::size_t LONGEST_NAME = 32;
   char* raw = nullptr;
   std::size_t length = 0;
   libssh2_channel_get_exit_signal(channel, &raw, &length, nullptr, nullptr, nullptr, nullptr);
-  if (!raw) return {};
+  if (!raw) return std::nullopt;
   std::string name(raw, std::min(length, LONGEST_NAME));
   libssh2_free(session, raw);
   return name;
@@ -147,12 +148,9 @@ int Channel::poll(int timeoutMs) {
   // libssh2_poll itself never returns once the peer has closed the socket, ignores
   // signals, error output and the end of the output.
   if (isIdle()) session_.waitForSocket(POLLIN | POLLRDHUP, timeoutMs);
-  LIBSSH2_POLLFD descriptor{};
-  descriptor.type = LIBSSH2_POLLFD_CHANNEL;
-  descriptor.fd.channel = get();
-  descriptor.events = LIBSSH2_POLLFD_POLLIN;
-  const int result = libssh2_poll(&descriptor, 1, 0);
-  const bool lost = (descriptor.revents & CONNECTION_LOST_MASK) == CONNECTION_LOST_MASK;
+  unsigned long events = 0;
+  const int result = libraryPoll(events);
+  const bool lost = (events & CONNECTION_LOST_MASK) == CONNECTION_LOST_MASK;
   // A socket that the peer closed without a farewell is not reported there.
   if (lost || (isIdle() && session_.isPeerGone())) {
     session_.abandon();
@@ -187,22 +185,48 @@ std::size_t Channel::queuedBytes() const {
 }
 
 void Channel::dropUnknownStreams() {
-  // Reads that wait for the socket to take a window adjustment found nothing, either.
-  if (session_.isSendPending()) return;
-  const NonBlockingGuard nonBlocking(session_);
-  libssh2_channel_flush_ex(get(), LIBSSH2_CHANNEL_FLUSH_EXTENDED_DATA);
+  retryInterrupted(
+      [&] { return libssh2_channel_flush_ex(get(), LIBSSH2_CHANNEL_FLUSH_EXTENDED_DATA); });
 }
 
 bool Channel::isClosed() const {
-  if (refused_) return true;
+  const auto reportsClosed = [this] {
+    unsigned long events = 0;
+    libraryPoll(events);
+    return (events & CONNECTION_LOST_MASK) == LIBSSH2_POLLFD_CHANNEL_CLOSED;
+  };
+  // A pass tells what was known before it, and then takes in what has arrived.
+  return refused_ || reportsClosed() || reportsClosed();
+}
+
+/// One pass of libssh2_poll, never waiting; returns its result.
+int Channel::libraryPoll(unsigned long& events) const {
   LIBSSH2_POLLFD descriptor{};
   descriptor.type = LIBSSH2_POLLFD_CHANNEL;
   descriptor.fd.channel = get();
-  libssh2_poll(&descriptor, 1, 0);
-  return (descriptor.revents & CONNECTION_LOST_MASK) == LIBSSH2_POLLFD_CHANNEL_CLOSED;
+  // Without a wanted event it would not look at the channel at all.
+  descriptor.events = LIBSSH2_POLLFD_POLLIN;
+  const int result = libssh2_poll(&descriptor, 1, 0);
+  events = descriptor.revents;
+  return result;
+}
+
+/// Keeps the window so far open that a read of `size` bytes, which never waits, need
+/// not do it. A window adjustment that has to be tried again, as in a key exchange,
+/// is otherwise announced with one number and counted with another by the library,
+/// which then drops what it takes for too much data.
+void Channel::openWindow(std::size_t size) {
+  const std::size_t wanted = WINDOW_BYTES + size;
+  const std::size_t window = libssh2_channel_window_read_ex(get(), nullptr, nullptr);
+  // Three quarters is where the library's reads begin to adjust it.
+  if (window >= WINDOW_BYTES / 4 * 3 + size) return;
+  // A failure is a lost connection, and the read's to report.
+  retryInterrupted(
+      [&] { return libssh2_channel_receive_window_adjust2(get(), wanted - window, 1, nullptr); });
 }
 
 int Channel::read(int stream, char* buffer, std::size_t size) {
+  openWindow(size);
   const NonBlockingGuard nonBlocking(session_);
   std::size_t done = 0;
   while (done < size) {
@@ -232,15 +256,16 @@ int Channel::write(const char* bytes, std::size_t size, const std::function<void
     session_.abandon();
     throw Exc<&SshConnectionFault>(HERE);
   }
+  const auto windowIsShut = [this] { return libssh2_channel_window_write_ex(get(), nullptr) == 0; };
   // A packet that was sent in part must be finished before anything else is done.
-  if (!session_.isSendPending()) {
+  if (!session_.isSendPending() && windowIsShut()) {
     if (isClosed()) return static_cast<int>(size);
     if (isStalled()) {
       onStall();
       return 0;
     }
     // Looking at the channel took in what had arrived; a wait would not see it.
-    if (libssh2_channel_window_write_ex(get(), nullptr) > 0) return 0;
+    if (!windowIsShut()) return 0;
   }
   if (session_.isPeerGone()) {
     session_.abandon();
@@ -253,8 +278,10 @@ int Channel::write(const char* bytes, std::size_t size, const std::function<void
 /// True when the command's output fills the window: it waits for us to read, and we
 /// for it.
 bool Channel::isStalled() const {
-  return libssh2_channel_window_read_ex(get(), nullptr, nullptr) < PACKET_BYTES &&
-         queuedBytes() > 0;
+  // The window counts what was not read yet.
+  unsigned long queued = 0;
+  const unsigned long window = libssh2_channel_window_read_ex(get(), &queued, nullptr);
+  return queued > 0 && window < queued + PACKET_BYTES;
 }
 
 int Channel::sendEof() {
@@ -269,8 +296,8 @@ int Channel::waitForExitStatus() {
     session_.abandon();
     throw Exc<&SshConnectionFault>(HERE);
   }
-  const std::string signalName = exitSignalOf(get(), session_.get());
-  return signalName.empty() ? libssh2_channel_get_exit_status(get()) : statusOfSignal(signalName);
+  const std::optional<std::string> signalName = exitSignalOf(get(), session_.get());
+  return signalName ? statusOfSignal(*signalName) : libssh2_channel_get_exit_status(get());
 }
 
 // --- Session ---
@@ -450,8 +477,8 @@ void Session::waitForSocket(short events, int timeoutMs) {
 }
 
 void Session::waitUntilReady() {
-  // The limit only bounds how long a lost wake-up could cost.
-  constexpr int LIMIT_MS = 5000;
+  // Bounds what a wake-up costs that came while the channel was looked at.
+  constexpr int LIMIT_MS = 1000;
   waitForSocket(static_cast<short>(POLLIN | POLLRDHUP | (isSendPending() ? POLLOUT : 0)), LIMIT_MS);
 }
 

@@ -87,8 +87,10 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
 
  private:
   bool isClosed() const;
+  int libraryPoll(unsigned long& events) const;
   bool isIdle() const;
   bool isStalled() const;
+  void openWindow(std::size_t size);
   void readBufferedPackets();
 
   Session& session_;
