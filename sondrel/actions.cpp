@@ -106,9 +106,7 @@ ArgsBuilder& ArgsBuilder::operator<<(const std::string& word) {
 
 ResultFile::ResultFile(const std::string& path) : ResultFile(path, UmaskGuard(OUTPUT_UMASK)) {}
 
-ResultFile::ResultFile(const std::string& path, const UmaskGuard& /*mask*/) : OutputFile(path) {
-  if (!isOpen()) throw Exc<&FileWrite>(HERE) % path % errorText();
-}
+ResultFile::ResultFile(const std::string& path, const UmaskGuard& /*mask*/) : OutputFile(path) {}
 
 void ResultFile::finish() {
   if (!close()) throw Exc<&FileWrite>(HERE) % path() % errorText();

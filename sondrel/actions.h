@@ -60,9 +60,9 @@ class ArgsBuilder {
 /// process's umask is.
 class ResultFile : public OutputFile {
  public:
-  /// Creates or truncates the file. Throws FileWrite.
+  /// Creates or truncates the file. When that fails every write to it will.
   explicit ResultFile(const std::string& path);
-  /// Ends the writing. Throws FileWrite when a byte may be missing.
+  /// Ends the writing. Throws FileWrite when a byte may be missing, or the file.
   void finish();
 
  private:
