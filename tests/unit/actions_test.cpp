@@ -1,0 +1,125 @@
+#include "sondrel/actions.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include "support.h"
+
+namespace {
+
+/// Notes each call as a line.
+class NotedStatus : public MigrationStatus {
+ public:
+  void setIdle() override { note("idle"); }
+  void setAgentParams(const std::string& host) override { note("host " + host); }
+  void setAgentOperation(agentOperation operation) override {
+    note("operation " + std::to_string(operation));
+  }
+  void setTransferSpeed(const std::string& speed) override { note("speed " + speed); }
+  void setTransferDump() override { note("dump"); }
+  void setTransferTotals(const std::string& files, const std::string& size) override {
+    note("totals " + files + " " + size);
+  }
+  void setTransferFilesLeft(const std::string& files) override { note("files " + files); }
+  void setTransferSizeLeft(const std::string& size) override { note("size " + size); }
+  void setCurrentFile(const std::string& name, const std::string& size) override {
+    note("file " + name + " " + size);
+  }
+  void setTransferCurrentFileSizeLeft(const std::string& size) override { note("current " + size); }
+  void setDeployTotals(const std::string&, const std::string&) override { note("deploy totals"); }
+  void setDeploy(const std::string&, const std::string&) override { note("deploy"); }
+  void setCurrentObject(const std::string&, objectType) override { note("object"); }
+  void setTranslate() override { note("translate"); }
+  void saveFile() override { note("save"); }
+
+  /// The calls since the last one.
+  std::vector<std::string> takeCalls() { return std::exchange(calls_, {}); }
+
+ private:
+  void note(const std::string& call) { calls_.push_back(call); }
+
+  std::vector<std::string> calls_;
+};
+
+}  // namespace
+
+TEST(ArgsBuilderTest, QuotesEachWordAndPutsOneBlankBetween) {
+  const ArgsBuilder line = ArgsBuilder("rm it") << "-rf"
+                                                << "/a b/it's\n$HOME";
+  EXPECT_EQ(line.str(), "rm\\ it -rf /a\\ b/it\\'s'\n'\\$HOME");
+}
+
+TEST(ArgsBuilderTest, AppendsABlankForAnEmptyWord) {
+  EXPECT_EQ((ArgsBuilder("a") << ""
+                              << "b")
+                .str(),
+            "a  b");
+}
+
+TEST(ProgressTest, CountsDownFilesAndBytesPastTheEndOfInt) {
+  using testing::ElementsAre;
+  NotedStatus status;
+  FileRetrievalProgressUpdater progress(status, 6000000000, 2);
+  EXPECT_THAT(status.takeCalls(), ElementsAre("totals 2 6000000000"));
+  progress.startFile({"big", 5000000000, ""});
+  EXPECT_THAT(status.takeCalls(), ElementsAre("file big 5000000000", "save"));
+  // In the second in which it began there is no rate yet; a slow machine may be past it.
+  progress(65536);
+  EXPECT_THAT(status.takeCalls(), ElementsAre(testing::AnyOf("speed 0", "speed 65536"),
+                                              "size 5999934464", "current 4999934464", "save"));
+  progress.finishFile();
+  EXPECT_THAT(status.takeCalls(), ElementsAre("files 1", "save"));
+  progress.startFile({"next", 0, ""});
+  EXPECT_THAT(status.takeCalls(), ElementsAre("file next 0", "save"));
+  progress(1);
+  const std::vector<std::string> calls = status.takeCalls();
+  EXPECT_EQ(calls[1], "size 5999934463");
+  // A file that is larger than announced shows it.
+  EXPECT_EQ(calls[2], "current -1");
+}
+
+TEST(ProgressTest, RateIsWholeBytesPerWholeSecond) {
+  NotedStatus status;
+  FileRetrievalProgressUpdater progress(status, 10, 1);
+  std::int64_t received = 0;
+  const std::time_t started = std::time(nullptr);
+  ASSERT_TRUE(eventually([&] {
+    const std::time_t before = std::time(nullptr);
+    progress(3);
+    received += 3;
+    const std::string speed = status.takeCalls().front();
+    // A second that ends between the two looks at the clock leaves two answers.
+    const std::time_t now = std::time(nullptr);
+    if (before != now || now == started) return false;
+    EXPECT_THAT(speed,
+                testing::AnyOf("speed " + std::to_string(received / (now - started)), "speed 0"));
+    return speed != "speed 0";
+  }));
+}
+
+TEST(ResultFileTest, IsReadableForOthersWhateverTheUmask) {
+  const ScopedTempDir dir;
+  const UmaskGuard mask(077);
+  ResultFile file(dir / "result");
+  file.stream() << "text";
+  file.finish();
+  EXPECT_EQ(readFile(dir / "result"), "text");
+  EXPECT_EQ(ownerAndMode(dir / "result"), "0:0 644");
+}
+
+TEST(ResultFileTest, FailsAtTheEndWhenItCouldNotBeOpenedOrWritten) {
+  const ScopedTempDir dir;
+  EXPECT_EQ(whatOf<Exc<&FileWrite>>([&] { ResultFile(dir.path()).finish(); }),
+            "Error during " + dir.path() + " write: Is a directory");
+  EXPECT_EQ(whatOf<Exc<&FileWrite>>([&] {
+              ResultFile file("/dev/full");
+              file.stream() << "text";
+              file.finish();
+            }),
+            "Error during /dev/full write: No space left on device");
+}
+
+TEST(UpdateStatusTest, DoesNothingWithoutAnActionThatDumps) {
+  update_status(SIGALRM);
+  EXPECT_EQ(alarm(0), 0u);
+}
