@@ -51,6 +51,19 @@ class Command:
         """Standard error."""
         self._channel.sendall_stderr(text)
 
+    def say_on_stream(self, stream, text):
+        """Data of a stream that need not exist; 1 would be standard error."""
+        def add(message):
+            message.add_int(stream)
+            message.add_string(text)
+        self._send(common.cMSG_CHANNEL_EXTENDED_DATA, add)
+
+    def answer_nobodys_request(self):
+        """A message of a single byte, which belongs to no channel."""
+        message = Message()
+        message.add_byte(common.cMSG_REQUEST_SUCCESS)
+        self.connection.transport._send_user_message(message)
+
     def status(self, number):
         self._request("exit-status", lambda message: message.add_bytes(struct.pack(">I", number)))
 

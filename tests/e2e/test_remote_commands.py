@@ -189,6 +189,31 @@ def test_outputs_do_not_mix():
     assert outcome.stderr == scout_failure(1, "".join(f"{n} e\n" for n in range(200)) + "e" * MIB)
 
 
+def test_data_of_streams_that_do_not_exist_is_dropped():
+    def answer(command):
+        command.take_input()
+        for stream in (0, 2, 7, 0xffffffff):
+            command.say_on_stream(stream, b"nobody asked")
+            command.say(b"o")
+            command.complain(b"e")
+        command.end(1)
+
+    outcome, _ = scouted(answer)
+    assert (outcome.stderr, result()) == (scout_failure(1, "eeee"), b"oooo")
+
+
+def test_answer_to_a_request_that_nobody_made_hides_no_data():
+    def answer(command):
+        command.take_input()
+        for _ in range(3):
+            command.answer_nobodys_request()
+            command.say(b"o" * MIB)
+        command.end()
+
+    outcome, _ = scouted(answer)
+    assert (outcome.code, result()) == (0, b"o" * 3 * MIB)
+
+
 def test_standard_output_goes_first_when_both_have_come(debug_log):
     def answer(command):
         command.take_input()
