@@ -241,7 +241,9 @@ class Connection(paramiko.ServerInterface):
             action(self)
 
     def message_arrived(self, number, message):
-        point = common.MSG_NAMES.get(number, str(number))
+        # The library's name for this number is that of another method of logging in.
+        point = {common.MSG_USERAUTH_INFO_RESPONSE: "userauth-info-response"}.get(
+            number, common.MSG_NAMES.get(number, str(number)))
         if point == "userauth-request":
             copy = Message(message.asbytes())
             point = "userauth " + [copy.get_text() for _ in range(3)][2]

@@ -1,0 +1,269 @@
+"""What becomes of a run whose connection is lost, or whose server falls silent."""
+import re
+import signal
+import subprocess
+import threading
+import time
+
+import pytest
+
+from scripted_server import Script, ScriptedServer, disconnect, ends, fin, mute, rst
+from world import DTM, PLAIN, ROOT, Destination, Session, install_agent, write
+
+LOST = "Lost connection with the remote host"
+CREDENTIALS = "Unable to connect to host 127.0.0.1: you have specified incorrect username or password"
+MIB = 1 << 20
+# What the tool may take to notice; the time that a busy machine takes to end a process is in it.
+LIMIT_SECONDS = 2
+
+
+@pytest.fixture(autouse=True)
+def scout():
+    write(f"{DTM}/scout.pl", "the script")
+
+
+class Timed:
+    """Does something to a connection and keeps the time when it was last done."""
+
+    def __init__(self, action):
+        self._action = action
+        self.when = None
+
+    def __call__(self, connection):
+        self.when = time.monotonic()
+        self._action(connection)
+
+
+def run_until_lost(timed, script, action="send-scout", destination=None):
+    """The outcome of a run, which must come within the limit after the connection is lost."""
+    with ScriptedServer(script):
+        outcome = (destination or Destination(PLAIN)).run(action)
+        ended = time.monotonic()
+        assert timed.when is not None, "the connection was never lost"
+        assert ended - timed.when < LIMIT_SECONDS
+    assert outcome.stdout == b""
+    return outcome
+
+
+ways = pytest.mark.parametrize("way", [fin, rst], ids=["closed", "reset"])
+
+
+@ways
+@pytest.mark.parametrize("point", ["connected", "version", "kexinit", "newkeys", "service-request"])
+def test_loss_in_the_handshake_is_a_session_that_does_not_start(way, point):
+    timed = Timed(way)
+    outcome = run_until_lost(timed, Script(at={point: timed}))
+    assert outcome.code == 2 and outcome.stderr.startswith(b"Unable to start SSH session: ")
+    assert [message[0] for message in Session().messages()] == ["UnableToStartSshSession"]
+
+
+# A login that fails because the connection does is told like one that is refused: the
+# methods are tried one after the other, whatever became of the one before.
+@ways
+@pytest.mark.parametrize("point, methods, code, text", [
+    ("userauth none", "password", 2, "Invalid handle passed"),
+    ("userauth password", "password,keyboard-interactive", 17, CREDENTIALS),
+    ("userauth keyboard-interactive", "keyboard-interactive", 17, CREDENTIALS),
+    ("userauth-info-response", "keyboard-interactive", 17, CREDENTIALS),
+    ("channel-open", "password", 2, "Invalid handle passed"),
+    ("channel-request", "password", 18, LOST),
+    ("channel-eof", "password", 18, LOST)],
+    ids=["list of methods", "password", "keyboard-interactive", "answers", "channel", "command", "end of input"])
+def test_loss_is_told_by_the_step_it_falls_in(way, point, methods, code, text):
+    timed = Timed(way)
+    outcome = run_until_lost(timed, Script(methods=methods, at={point: timed}))
+    assert (outcome.code, outcome.stderr) == (code, text.encode())
+    assert Session().messages()[0][2] == text
+
+
+def silent(command):
+    command.take_input()
+
+
+def after_output(command):
+    command.take_input()
+    command.say(b"half")
+
+
+def after_error_output(command):
+    command.take_input()
+    command.complain(b"half")
+
+
+def after_end_of_output(command):
+    command.take_input()
+    command.eof()
+
+
+def after_all_but_the_close(command):
+    command.take_input()
+    command.say(b"half")
+    command.status(0)
+    command.eof()
+
+
+def amid_input(command):
+    command.take_input(MIB)
+
+
+def at_full_windows(command):
+    command.say(b"o" * 65536)
+
+
+@ways
+@pytest.mark.parametrize("stage", [silent, after_output, after_error_output, after_end_of_output,
+                                   after_all_but_the_close, amid_input, at_full_windows],
+                         ids=lambda stage: stage.__name__.replace("_", " "))
+def test_loss_while_a_command_runs_ends_with_18(way, stage):
+    def answer(command):
+        stage(command)
+        timed(command.connection)
+
+    timed = Timed(way)
+    if stage in (amid_input, at_full_windows):
+        write(f"{DTM}/scout.pl", b"x" * (50 * MIB))
+    outcome = run_until_lost(timed, Script(answer=answer))
+    assert (outcome.code, outcome.stderr) == (18, LOST.encode())
+    assert Session().messages() == [("SshConnectionFault", "error", LOST, [])]
+    assert Session().log().endswith("INFO k.log: Sondrel finished. Exit code: 18\n")
+
+
+def test_farewell_of_the_server_amid_a_command_ends_with_18():
+    def answer(command):
+        command.take_input()
+        timed(command.connection)
+
+    timed = Timed(disconnect)
+    outcome = run_until_lost(timed, Script(answer=answer))
+    assert (outcome.code, outcome.stderr) == (18, LOST.encode())
+
+
+@ways
+@pytest.mark.parametrize("action, code, text", [
+    ("dump-all", "CantRetrieveDump", "Error during dump retrieval"),
+    ("get-content", "CantRetrieveDump", "Error during dump retrieval"),
+    ("get-dumping-status", "DumpStatusError", "Error during getting dumping status")],
+    ids=["dump", "content", "dumping status"])
+def test_dump_content_and_status_wrap_the_loss(way, action, code, text):
+    def answer(command):
+        command.take_input()
+        timed(command.connection)
+
+    timed = Timed(way)
+    install_agent()
+    outcome = run_until_lost(timed, Script(answer=answer), action)
+    assert (outcome.code, outcome.stderr) == (2, text.encode())
+    result = "transfer.result" if action == "get-content" else "migration.result"
+    assert Session().messages(result) == [(code, "error", text, [("SshConnectionFault", "error", LOST, [])])]
+
+
+@ways
+def test_content_file_that_is_lost_half_way_stays_on_the_source_host(way):
+    def answer(command):
+        if "--get-content-list" in command.line:
+            ends(b'<contentlist size="10" unpacked="10"><file size="10">one</file></contentlist>')(command)
+        else:
+            command.take_input()
+            command.say(b"half")
+            way(command.connection)
+
+    install_agent()
+    with ScriptedServer(Script(answer=answer)) as server:
+        outcome = Destination(ROOT).run("get-content")
+    assert (outcome.code, outcome.stderr) == (2, b"Error during dump retrieval")
+    ((_, _, _, (cause,)),) = Session().messages("transfer.result")
+    assert cause[0] == "CantRetrieveContentFile" and cause[3] == [("SshConnectionFault", "error", LOST, [])]
+    assert [command.line.split()[0] for command in server.commands] == ["sh", "cat"]
+
+
+def test_lost_removal_ends_well():
+    with ScriptedServer(Script(answer=lambda command: fin(command.connection))):
+        outcome = Destination(PLAIN).run("remove-agent")
+    assert (outcome.code, outcome.stderr) == (0, b"")
+
+
+# --- silence ---------------------------------------------------------------------------------
+
+def test_farewell_to_a_silent_server_takes_no_longer_than_its_limit():
+    def answer(command):
+        command.take_input()
+        taken.set()
+        assert asked.wait(60)
+        command.say(b"x")
+
+    taken, asked = threading.Event(), threading.Event()
+    # The server takes note of the end and says nothing to it.
+    with ScriptedServer(Script(answer=answer, at={"channel-close": mute})) as server:
+        running = Destination(PLAIN).start("send-scout")
+        assert taken.wait(60)
+        running.send(signal.SIGUSR1)
+        begin = time.monotonic()
+        asked.set()
+        outcome = running.finish()
+        took = time.monotonic() - begin
+    assert (outcome.code, outcome.stdout) == (0, b"Migration has been terminated")
+    assert server.connections[0].points[-1] == "channel-close"
+    assert took < 3 + LIMIT_SECONDS
+
+
+# One second of the clock that it shows is a hundredth of one.
+FAST_CLOCK = r"""
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <poll.h>
+#include <time.h>
+static const int SPEED = 100;
+int clock_gettime(clockid_t id, struct timespec* t) {
+  static int (*real)(clockid_t, struct timespec*);
+  static struct timespec begin;
+  if (!real) real = dlsym(RTLD_NEXT, "clock_gettime");
+  if (real(id, t)) return -1;
+  if (id != CLOCK_MONOTONIC) return 0;
+  if (!begin.tv_sec) begin = *t;
+  long long ns = ((t->tv_sec - begin.tv_sec) * 1000000000LL + t->tv_nsec - begin.tv_nsec) * SPEED;
+  ns += begin.tv_sec * 1000000000LL + begin.tv_nsec;
+  t->tv_sec = ns / 1000000000; t->tv_nsec = ns % 1000000000;
+  return 0;
+}
+time_t time(time_t* out) {
+  struct timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  if (out) *out = t.tv_sec;
+  return t.tv_sec;
+}
+int poll(struct pollfd* fds, nfds_t n, int ms) {
+  static int (*real)(struct pollfd*, nfds_t, int);
+  if (!real) real = dlsym(RTLD_NEXT, "poll");
+  return real(fds, n, ms > 0 ? (ms + SPEED - 1) / SPEED : ms);
+}
+"""
+
+
+@pytest.fixture
+def fast_clock():
+    """An environment in which time passes a hundred times as fast."""
+    write("/mnt/clock/clock.c", FAST_CLOCK)
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", "/mnt/clock/clock.so", "/mnt/clock/clock.c", "-ldl"], check=True)
+    # A session that is freed amid its key exchange loses memory in the SSH library itself.
+    return {"LD_PRELOAD": "/mnt/clock/clock.so",
+            "ASAN_OPTIONS": "exitcode=99:detect_leaks=0:verify_asan_link_order=0"}
+
+
+@pytest.mark.parametrize("point, connections, code, text", [
+    ("connected", 2, 2, "Unable to start SSH session: .*"),
+    ("version", 2, 2, "Unable to start SSH session: .*"),
+    ("kexinit", 2, 2, "Unable to start SSH session: .*"),
+    ("service-request", 2, 2, "Unable to start SSH session: .*"),
+    ("userauth none", 1, 2, "Invalid handle passed"),
+    ("userauth password", 1, 17, re.escape(CREDENTIALS))],
+    ids=["from the beginning", "after its version", "at the key exchange", "at the login service",
+         "at the list of methods", "at the password"])
+def test_server_that_falls_silent_before_the_login_is_done_is_given_up(fast_clock, point, connections, code, text):
+    with ScriptedServer(Script(methods="password", at={point: mute})) as server:
+        begin = time.monotonic()
+        outcome = Destination(PLAIN).run("send-scout", environment=fast_clock)
+        took = time.monotonic() - begin
+    assert outcome.code == code and re.fullmatch(text, outcome.stderr.decode(), re.DOTALL), outcome
+    assert len(server.connections) == connections
+    # 120 s for each connection, a hundredth of it here, and what the run takes without waiting.
+    assert 1.1 * connections < took < 1.3 * connections + LIMIT_SECONDS
