@@ -2,16 +2,13 @@
 
 #include <idna.h>
 
-#include <cstdlib>
 #include <memory>
+
+#include "hostlib/free_memory.h"
 
 namespace idn {
 
 namespace {
-
-struct FreeMemory {
-  void operator()(char* memory) const noexcept { std::free(memory); }
-};
 
 using Converter = int (*)(const char* input, char** output, int flags);
 

@@ -3,7 +3,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -12,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "hostlib/free_memory.h"
 #include "hostlib/messlog.h"
 
 namespace {
@@ -80,10 +80,6 @@ void reportUnreadable(int error) {
 
 struct CloseFile {
   void operator()(std::FILE* file) const noexcept { std::fclose(file); }
-};
-
-struct FreeMemory {
-  void operator()(char* memory) const noexcept { std::free(memory); }
 };
 
 /// The next line without its line end; nothing at the end of the file and on a
