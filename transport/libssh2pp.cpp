@@ -25,7 +25,7 @@ constexpr std::chrono::seconds LOGIN_LIMIT{120};
 constexpr std::chrono::seconds KEEP_ALIVE_INTERVAL{15};
 /// How long a farewell waits for the peer's.
 constexpr long FAREWELL_LIMIT_MS = 3000;
-constexpr unsigned int WINDOW_BYTES = 65536;
+constexpr std::size_t WINDOW_BYTES = 65536;
 constexpr unsigned int PACKET_BYTES = 16384;
 constexpr unsigned long CONNECTION_LOST_MASK =
     LIBSSH2_POLLFD_SESSION_CLOSED | LIBSSH2_POLLFD_CHANNEL_CLOSED;
@@ -219,7 +219,8 @@ void Channel::openWindow(std::size_t size) {
   const std::size_t wanted = WINDOW_BYTES + size;
   const std::size_t window = libssh2_channel_window_read_ex(get(), nullptr, nullptr);
   // Three quarters is where the library's reads begin to adjust it.
-  if (window >= WINDOW_BYTES / 4 * 3 + size) return;
+  constexpr std::size_t THREE_QUARTERS = WINDOW_BYTES / 4 * 3;
+  if (window >= THREE_QUARTERS + size) return;
   // A failure is a lost connection, and the read's to report.
   retryInterrupted(
       [&] { return libssh2_channel_receive_window_adjust2(get(), wanted - window, 1, nullptr); });
