@@ -500,7 +500,7 @@ LEAKY = {"ASAN_OPTIONS": "exitcode=99:detect_leaks=0"}
 @pytest.mark.parametrize("limit", ["1M", "4M"])
 def test_change_of_keys_amid_a_transfer_loses_nothing(limit):
     with SourceHost(options=[f"RekeyLimit {limit}"], recording=False):
-        printed_status(30 * MIB, environment=LEAKY)
+        printed_status(80 * MIB, environment=LEAKY)
 
 
 def test_change_of_keys_amid_an_upload_loses_nothing():
