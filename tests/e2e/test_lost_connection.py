@@ -7,7 +7,7 @@ import time
 
 import pytest
 
-from scripted_server import Script, ScriptedServer, disconnect, ends, fin, mute, rst
+from scripted_server import Script, ScriptedServer, Stopped, disconnect, ends, fin, mute, rst
 from world import DTM, PLAIN, ROOT, Destination, Session, install_agent, write
 
 LOST = "Lost connection with the remote host"
@@ -126,6 +126,25 @@ def test_loss_while_a_command_runs_ends_with_18(way, stage):
     assert (outcome.code, outcome.stderr) == (18, LOST.encode())
     assert Session().messages() == [("SshConnectionFault", "error", LOST, [])]
     assert Session().log().endswith("INFO k.log: Sondrel finished. Exit code: 18\n")
+
+
+def test_reset_behind_output_that_was_not_read_yet_ends_with_18():
+    """While the tool sends its input: what it can still read does not hide that it cannot write."""
+    def answer(command):
+        command.take_input(MIB)
+        assert began.wait(60)
+        with Stopped(runs[0]):
+            command.say(b"unread")
+            rst(command.connection)
+            command.connection.transport.join(60)  # the reset goes out when nobody reads any more
+
+    runs, began = [], threading.Event()
+    write(f"{DTM}/scout.pl", b"x" * (50 * MIB))
+    with ScriptedServer(Script(answer=answer)):
+        runs.append(Destination(PLAIN).start("send-scout"))
+        began.set()
+        outcome = runs[0].finish()
+    assert (outcome.code, outcome.stderr) == (18, LOST.encode())
 
 
 def test_farewell_of_the_server_amid_a_command_ends_with_18():

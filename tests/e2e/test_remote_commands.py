@@ -9,8 +9,8 @@ import pytest
 
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from scripted_server import Script, ScriptedServer, Stopped, ends
-from world import (BINARY, DTM, PLAIN, ROOT, SUDOER, Destination, Outcome, Session, SourceHost, deployed_agent, install_agent,
-                   process_running, wait_until, write)
+from world import (BINARY, DTM, PLAIN, ROOT, SUDOER, Destination, Outcome, Session, SourceHost, deployed_agent,
+                   install_agent, process_running, wait_until, write)
 
 SCOUT = f"{DTM}/scout.pl"
 MIB = 1 << 20
@@ -270,7 +270,7 @@ def test_steps_of_an_upload_are_logged_in_order(debug_log):
 
 # --- input -----------------------------------------------------------------------------------
 
-@pytest.mark.parametrize("text", [b"", b"\0", b"no line end", some_bytes(65536), some_bytes(65537), some_bytes(5 * MIB)],
+@pytest.mark.parametrize("text", [b"", b"\0", b"no line end", *map(some_bytes, (65536, 65537, 5 * MIB))],
                          ids=["nothing", "zero byte", "no line end", "one buffer", "one buffer and a byte", "5 MiB"])
 def test_input_arrives_byte_for_byte(text):
     write(SCOUT, text)
