@@ -65,6 +65,12 @@ class NonBlockingGuard {
   const Session& session_;
 };
 
+/// True when the library could not use the connection any more.
+bool isSocketError(long result) {
+  return result == LIBSSH2_ERROR_SOCKET_SEND || result == LIBSSH2_ERROR_SOCKET_RECV ||
+         result == LIBSSH2_ERROR_SOCKET_DISCONNECT;
+}
+
 /// The signal mask of the process, but with SIGALRM let in.
 sigset_t maskLettingAlarmIn() {
   sigset_t mask;
@@ -253,7 +259,8 @@ int Channel::write(const char* bytes, std::size_t size, const std::function<void
   }
   if (written > 0) return static_cast<int>(written);
   if (written < 0 && written != LIBSSH2_ERROR_EAGAIN) {
-    if (!session_.isPeerGone()) return static_cast<int>(written);
+    // A reset does not show at the socket while there is something to be read.
+    if (!isSocketError(written) && !session_.isPeerGone()) return static_cast<int>(written);
     session_.abandon();
     throw Exc<&SshConnectionFault>(HERE);
   }
