@@ -4,11 +4,11 @@ import re
 
 import pytest
 
+from debug_log import PROPERTIES, debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from world import (BINARY, DTM, PLAIN, PRODUCT, ROOT, SESSION, SUDOER, Destination, Session, deployed_agent,
                    owner_and_mode, sondrel, write)
 
 REMOVAL = ["--remove-dumping-status", "--session-path", SESSION]
-PROPERTIES = f"{DTM}/log4cpp.properties"
 
 
 @pytest.fixture(autouse=True)
@@ -19,12 +19,6 @@ def keeps_configuration():
     yield
     for path, content in kept.items():
         write(path, content)
-
-
-def log_at_debug():
-    with open(PROPERTIES, encoding="utf-8") as properties:
-        content = properties.read()
-    write(PROPERTIES, content.replace("rootCategory=INFO", "rootCategory=DEBUG"))
 
 
 def test_start_record_quotes_every_argument(source):
@@ -125,13 +119,12 @@ def test_product_root_is_the_last_one_that_the_host_configuration_gives(source):
     assert Session().read("scout-result.xml") == b"the other product"
 
 
-def test_debug_log_holds_each_step_of_the_connection_in_order(source):
-    log_at_debug()
+def test_debug_log_holds_each_step_of_the_connection_in_order(source, debug_log):
     deployed_agent(PLAIN, "", {"dumping-status.xml": "<status/>"})
     path = f"{PLAIN.agent_dir}/dumping-status.xml"
     assert Destination(PLAIN).run("get-dumping-status").code == 0
     log = Session().log()
-    by_category = {category: re.findall(rf"^\w+ +{re.escape(category)}: (.*)$", log, re.MULTILINE)
+    by_category = {category: [line.partition(" ")[2] for line in debug_log(category)]
                    for category in ("k.Ssh", "k.libssh2pp.Socket", "k.libssh2pp.Session", "k.libssh2pp.Channel")}
     assert by_category["k.Ssh"] == [f"Reading data from the remote file {path}",
                                     f"Executing cat {path} on the remote host",
@@ -150,8 +143,8 @@ def test_debug_log_holds_each_step_of_the_connection_in_order(source):
     assert "DEBUG k.libssh2pp.Socket: Connecting to 127.0.0.1:22\n\nERROR k.libssh2pp.Socket: Resolving" in log
 
 
+@pytest.mark.usefixtures("debug_log")
 def test_debug_log_holds_what_was_sent_and_received(source):
-    log_at_debug()
     deployed_agent(SUDOER, "printf 'out\\001put'; echo problem >&2; : > dump.xml")
     assert Destination(SUDOER).run("dump-selected", "--domains=a.test").code == 0
     log = Session().log()
