@@ -26,6 +26,9 @@ constexpr std::chrono::seconds KEEP_ALIVE_INTERVAL{15};
 /// How long a farewell waits for the peer's.
 constexpr long FAREWELL_LIMIT_MS = 3000;
 constexpr std::size_t WINDOW_BYTES = 65536;
+/// Once a command talks. Large enough not to be the limit between neighbours; what is
+/// not read yet stays in memory, and the library walks through it.
+constexpr std::size_t OPEN_WINDOW_BYTES = 1 << 20;
 constexpr unsigned int PACKET_BYTES = 16384;
 constexpr unsigned long CONNECTION_LOST_MASK =
     LIBSSH2_POLLFD_SESSION_CLOSED | LIBSSH2_POLLFD_CHANNEL_CLOSED;
@@ -151,9 +154,10 @@ int Channel::poll(int timeoutMs) {
   // What came along with the answer to an earlier call lies in the library's buffer,
   // where no wait for the socket would see it.
   readBufferedPackets();
+  if (!isIdle()) return 1;
   // libssh2_poll itself never returns once the peer has closed the socket, ignores
   // signals, error output and the end of the output.
-  if (isIdle()) session_.waitForSocket(POLLIN | POLLRDHUP, timeoutMs);
+  session_.waitForSocket(POLLIN | POLLRDHUP, timeoutMs);
   unsigned long events = 0;
   const int result = libraryPoll(events);
   const bool lost = (events & CONNECTION_LOST_MASK) == CONNECTION_LOST_MASK;
@@ -172,10 +176,9 @@ void Channel::readBufferedPackets() {
   libssh2_channel_read_ex(get(), 0, &nothing, 0);
 }
 
-/// True when only the peer can bring anything new.
+/// True when only the peer can bring anything new. A closed channel is at its end.
 bool Channel::isIdle() const {
-  // The first of these takes in what has arrived, so it comes first.
-  return !isClosed() && queuedBytes() == 0 && !atEof();
+  return queuedBytes() == 0 && !atEof();
 }
 
 bool Channel::atEof() const {
@@ -217,23 +220,22 @@ int Channel::libraryPoll(unsigned long& events) const {
   return result;
 }
 
-/// Keeps the window so far open that a read of `size` bytes, which never waits, need
-/// not do it. A window adjustment that has to be tried again, as in a key exchange,
-/// is otherwise announced with one number and counted with another by the library,
-/// which then drops what it takes for too much data.
-void Channel::openWindow(std::size_t size) {
-  const std::size_t wanted = WINDOW_BYTES + size;
+/// Tops the window up, when half of it is used, so that the server need not wait for
+/// each of our reads; and so far that a read, which never waits, need not do it. A
+/// window adjustment that has to be tried again, as in a key exchange, is otherwise
+/// announced with one number and counted with another by the library, which then drops
+/// what it takes for too much data.
+void Channel::openWindow() {
   const std::size_t window = libssh2_channel_window_read_ex(get(), nullptr, nullptr);
-  // Three quarters is where the library's reads begin to adjust it.
-  constexpr std::size_t THREE_QUARTERS = WINDOW_BYTES / 4 * 3;
-  if (window >= THREE_QUARTERS + size) return;
+  if (window >= OPEN_WINDOW_BYTES / 2) return;
   // A failure is a lost connection, and the read's to report.
-  retryInterrupted(
-      [&] { return libssh2_channel_receive_window_adjust2(get(), wanted - window, 1, nullptr); });
+  retryInterrupted([&] {
+    return libssh2_channel_receive_window_adjust2(get(), OPEN_WINDOW_BYTES - window, 1, nullptr);
+  });
 }
 
 int Channel::read(int stream, char* buffer, std::size_t size) {
-  openWindow(size);
+  openWindow();
   const NonBlockingGuard nonBlocking(session_);
   std::size_t done = 0;
   while (done < size) {

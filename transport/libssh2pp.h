@@ -90,7 +90,7 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
   int libraryPoll(unsigned long& events) const;
   bool isIdle() const;
   bool isStalled() const;
-  void openWindow(std::size_t size);
+  void openWindow();
   void readBufferedPackets();
 
   Session& session_;
