@@ -225,6 +225,8 @@ def test_failed_refresh_is_the_last_and_leaves_the_old_status(source):
     line = f"cat {PLAIN.agent_dir}/{STATUS}"
     try:
         wait_until(lambda: line in source.lines(), "the refresh that finds no status")
+        # Its command is recorded before it runs; its temporary file goes when it has failed.
+        wait_until(lambda: not Session().exists(STATUS + ".tmp"), "the end of that refresh")
     finally:
         go_on("sign-1")
     # The agent now goes on for longer than the time between two refreshes.
