@@ -42,15 +42,11 @@ int complain(const char* text) {
   return EXIT_USAGE;
 }
 
-void readLineFromStandardInput(std::string& line) {
-  std::getline(std::cin, line);
-}
-
 /// One list of names at the most comes from standard input.
 void readNamesFromStandardInput(config& config) {
   for (std::string* names : {&config.resellers, &config.clients, &config.domains}) {
     if (*names != "-") continue;
-    readLineFromStandardInput(*names);
+    std::getline(std::cin, *names);
     return;
   }
 }

@@ -163,8 +163,7 @@ int Channel::poll(int timeoutMs) {
   const bool lost = (events & CONNECTION_LOST_MASK) == CONNECTION_LOST_MASK;
   // A socket that the peer closed without a farewell is not reported there.
   if (lost || (isIdle() && session_.isPeerGone())) {
-    session_.abandon();
-    throw Exc<&SshConnectionFault>(HERE);
+    session_.raiseLost();
   }
   return result;
 }
@@ -244,8 +243,7 @@ int Channel::read(int stream, char* buffer, std::size_t size) {
     if (got < 0) {
       // What was read before stays good; the error comes again.
       if (done > 0) break;
-      session_.abandon();
-      throw Exc<&SshConnectionFault>(HERE);
+      session_.raiseLost();
     }
     done += static_cast<std::size_t>(got);
   }
@@ -263,8 +261,7 @@ int Channel::write(const char* bytes, std::size_t size, const std::function<void
   if (written < 0 && written != LIBSSH2_ERROR_EAGAIN) {
     // A reset does not show at the socket while there is something to be read.
     if (!isSocketError(written) && !session_.isPeerGone()) return static_cast<int>(written);
-    session_.abandon();
-    throw Exc<&SshConnectionFault>(HERE);
+    session_.raiseLost();
   }
   const auto windowIsShut = [this] { return libssh2_channel_window_write_ex(get(), nullptr) == 0; };
   // A packet that was sent in part must be finished before anything else is done.
@@ -278,8 +275,7 @@ int Channel::write(const char* bytes, std::size_t size, const std::function<void
     if (!windowIsShut()) return 0;
   }
   if (session_.isPeerGone()) {
-    session_.abandon();
-    throw Exc<&SshConnectionFault>(HERE);
+    session_.raiseLost();
   }
   session_.waitUntilReady();
   return 0;
@@ -303,8 +299,7 @@ int Channel::waitForExitStatus() {
   if (refused_ && !session_.isPeerGone()) return REFUSED_STATUS;
   // Without this a lost connection and a signal would both look like status 0.
   if (refused_ || retryInterrupted([&] { return libssh2_channel_wait_closed(get()); }) != 0) {
-    session_.abandon();
-    throw Exc<&SshConnectionFault>(HERE);
+    session_.raiseLost();
   }
   const std::optional<std::string> signalName = exitSignalOf(get(), session_.get());
   return signalName ? statusOfSignal(*signalName) : libssh2_channel_get_exit_status(get());
@@ -500,6 +495,11 @@ bool Session::isPeerGone() const {
   char byte;
   const ssize_t peeked = recv(socket_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   return peeked == 0 || (peeked < 0 && errno != EAGAIN && errno != EINTR);
+}
+
+void Session::raiseLost() {
+  abandon();
+  throw Exc<&SshConnectionFault>(HERE);
 }
 
 void Session::abandon() noexcept {

@@ -142,6 +142,8 @@ class Session : public Handle<LIBSSH2_SESSION, dtm_libssh2_session_free> {
   /// Marks the connection as lost: whatever would still be sent or awaited in a
   /// polite farewell fails at once.
   void abandon() noexcept;
+  /// Marks it so and throws SshConnectionFault.
+  [[noreturn]] void raiseLost();
 
  private:
   using Clock = std::chrono::steady_clock;
