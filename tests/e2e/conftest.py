@@ -16,6 +16,8 @@ FAILURES = os.environ.get("SONDREL_FAILURES", f"{os.path.dirname(world.TESTS)}/b
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "slow: takes long; left out of the quick run")
+    config.addinivalue_line("markers", "matrix(group): a case of the fault and attack matrix, see scripts/matrix")
+    config.addinivalue_line("markers", "release_only: replaces functions of the system, which a sanitizer does too")
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -61,6 +63,34 @@ def system_log():
 def login(request):
     """Each kind of login in turn."""
     return world.LOGIN_KINDS[request.param]
+
+
+CONTENT_VERIFY = {"unverified": "", "verified": "CONTENT_VERIFY yes\n"}
+
+
+@pytest.fixture(params=list(CONTENT_VERIFY))
+def content_verify(request):
+    """Once as shipped, and once with CONTENT_VERIFY in the host's configuration; true for that."""
+    kept = world.read(world.CONFIGURATION)
+    world.write(world.CONFIGURATION, kept + CONTENT_VERIFY[request.param].encode())
+    yield request.param == "verified"
+    world.write(world.CONFIGURATION, kept)
+
+
+@pytest.fixture
+def cases(request):
+    """For a test of many cases: cases(12) counts twelve of them. Without it a test is one case."""
+    def count(number):
+        request.config.stash[COUNTED] = request.config.stash.get(COUNTED, 0) + number
+    return count
+
+
+COUNTED = pytest.StashKey()
+
+
+def pytest_terminal_summary(terminalreporter, config):
+    if COUNTED in config.stash:
+        terminalreporter.write_line(f"cases: {config.stash[COUNTED]}")
 
 
 @pytest.hookimpl(hookwrapper=True)

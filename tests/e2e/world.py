@@ -30,6 +30,7 @@ RECORDS = f"{SHELL_FOLDER}/records"
 LOGS = "/mnt/logs"
 RUNS = "/mnt/runs"
 HOST = "127.0.0.1"
+CONFIGURATION = "/etc/qrv/qrv.conf"
 SERVICE_ACCOUNT = 20000  # uid and gid of qrvadm
 
 
