@@ -148,8 +148,9 @@ MigrationStatus* createMigrationStatusFile() {
 void XmlAgentFileList::parse() {
   for (xmlNodePtr node = root()->children; node; node = node->next) {
     if (node->type != XML_ELEMENT_NODE || fromXmlChar(node->name) != "file") continue;
-    files_.push_back(
-        {getNodeText(node), getNumber(node, "size"), getAttributeOr(node, "md5sum", "")});
+    files_.push_back({getNodeText(node), getNumber(node, "size"),
+                      findAttribute(node, "md5sum").value_or(""),
+                      findAttribute(node, "size").has_value()});
   }
 }
 
@@ -161,17 +162,17 @@ std::int64_t XmlAgentFileList::getUnpackedSize() const {
   return getNumber(root(), "unpacked");
 }
 
-std::string XmlAgentFileList::getAttributeOr(xmlNodePtr node, const std::string& name,
-                                             const std::string& missing) const {
+std::optional<std::string> XmlAgentFileList::findAttribute(xmlNodePtr node,
+                                                           const std::string& name) const {
   try {
     return getAttribute(node, name);
   } catch (const Exc<&NoSuchAttribute>&) {
-    return missing;
+    return std::nullopt;
   }
 }
 
 std::int64_t XmlAgentFileList::getNumber(xmlNodePtr node, const std::string& name) const {
-  return boost::lexical_cast<std::int64_t>(getAttributeOr(node, name, "0"));
+  return boost::lexical_cast<std::int64_t>(findAttribute(node, name).value_or("0"));
 }
 
 AgentFileList* getFileList(const std::string& text) {

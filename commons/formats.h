@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -94,6 +95,8 @@ struct DumpFile {
   std::int64_t size;
   /// Lower-case hexadecimal; may be empty.
   std::string md5;
+  /// False where the list gives no size, and `size` is 0 for want of one.
+  bool sizeIsListed = true;
 };
 
 /// The agent's list of content files.
@@ -123,8 +126,7 @@ class XmlAgentFileList : public tXmlDtmDocument, public AgentFileList {
   const std::vector<DumpFile>& getFileList() const override { return files_; }
 
  private:
-  std::string getAttributeOr(xmlNodePtr node, const std::string& name,
-                             const std::string& missing) const;
+  std::optional<std::string> findAttribute(xmlNodePtr node, const std::string& name) const;
   std::int64_t getNumber(xmlNodePtr node, const std::string& name) const;
 
   std::vector<DumpFile> files_;

@@ -23,6 +23,7 @@ std::streamsize FdStreamBuf::xsputn(const char* bytes, std::streamsize size) {
       break;
     }
   }
+  if (sum_) sum_->add(bytes, static_cast<std::size_t>(done));
   return done;
 }
 

@@ -4,6 +4,7 @@
 #include <streambuf>
 #include <string>
 
+#include "commons/checksum.h"
 #include "commons/unique_fd.h"
 
 /// Writes to a descriptor without a buffer of its own, so that a full disk is seen
@@ -12,6 +13,9 @@ class FdStreamBuf : public std::streambuf {
  public:
   /// The descriptor stays the caller's.
   explicit FdStreamBuf(int fd) : fd_(fd) {}
+  /// From now on counts what was written; `sum` must outlive the buffer, or the next
+  /// call, which may give null.
+  void setSum(Md5Sum* sum) { sum_ = sum; }
   /// errno of the first write that failed, else 0.
   int error() const { return error_; }
 
@@ -22,6 +26,7 @@ class FdStreamBuf : public std::streambuf {
  private:
   int fd_;
   int error_ = 0;
+  Md5Sum* sum_ = nullptr;
 };
 
 /// A local file that is being written.
@@ -39,6 +44,8 @@ class OutputFile {
   bool isOpen() const { return static_cast<bool>(file_); }
   const std::string& path() const { return path_; }
   std::ostream& stream() { return stream_; }
+  /// Counts from now on what goes into the file; `sum` must outlive it.
+  void setSum(Md5Sum* sum) { buffer_.setSum(sum); }
 
   /// True when every byte went to the system and closing reported no error.
   bool close();

@@ -5,6 +5,7 @@
 #include <ext/stdio_filebuf.h>
 
 #include <atomic>
+#include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -20,6 +21,7 @@
 #include "commons/secrets.h"
 #include "commons/session.h"
 #include "commons/sh_quoting.h"
+#include "hostlib/qrv_conf.h"
 
 namespace {
 
@@ -89,6 +91,23 @@ class RemoveFileGuard {
   std::string path_;
   bool keep_ = false;
 };
+
+/// True when content files are to be compared with the list as they arrive. It costs
+/// processor time, and a list with wrong figures then fails: hence not by itself.
+bool isVerificationConfigured() {
+  const char* const configured = qrvConfGet("CONTENT_VERIFY");
+  if (!configured) return false;
+  const std::string value = boost::trim_right_copy(std::string(configured));
+  if (value != "yes" && value != "no") {
+    actionLog.warn(R"(CONTENT_VERIFY is neither "yes" nor "no" but ")" + value +
+                   R"(": content is not verified)");
+  }
+  return value == "yes";
+}
+
+void recordWrongSum(const DumpFile& file, const std::string& sum) {
+  theLog->log(Exc<&WrongMd5Sum>(HERE) % file.name % file.md5 % sum);
+}
 
 /// What a remote command wrote to its error output, for an error's text.
 std::string errorTextOf(const std::ostringstream& err) {
@@ -406,6 +425,7 @@ void RetrieveContentAction::execute() {
 }
 
 void RetrieveContentAction::retrieveContent() {
+  verify_ = isVerificationConfigured();
   createContentDir();
   status()->setAgentParams(getConfig().host);
   status()->setTransferDump();
@@ -417,6 +437,9 @@ void RetrieveContentAction::retrieveContent() {
   FileRetrievalProgressUpdater progress(*status(), list->getUnpackedSize(),
                                         static_cast<int>(entries.size()));
   for (const DumpFile& file : entries) retrieveEntry(file, progress);
+  if (filesUnlikeTheList_ > 0) {
+    throw Exc<&ContentVerificationFailed>(HERE) % filesUnlikeTheList_;
+  }
   writeSessionFile("dump-name", targetDir() + "/dump.xml");
   writeSessionFile("migration-result-name", targetDir() + "/migration.result");
 }
@@ -460,19 +483,25 @@ void RetrieveContentAction::retrieveEntry(const DumpFile& file,
                                           FileRetrievalProgressUpdater& progress) {
   progress.startFile(file);
   if (!checkMD5(file)) {
-    download(file, progress);
-    removeRemoteFile(file);
+    if (download(file, progress)) {
+      removeRemoteFile(file);
+    } else {
+      ++filesUnlikeTheList_;
+    }
   }
   progress.finishFile();
 }
 
-void RetrieveContentAction::download(const DumpFile& file, FileRetrievalProgressUpdater& progress) {
+/// True when the file is here and may go there; false when it is not what the list says.
+bool RetrieveContentAction::download(const DumpFile& file, FileRetrievalProgressUpdater& progress) {
   const std::string remotePath = remotePathOf(file.name);
   const std::string localPath = contentFolder().pathOf(file.name);
   std::ostringstream err;
+  std::optional<Md5Sum> sum;
+  if (verify_) sum.emplace();
   std::optional<std::string> failure;
   try {
-    failure = receive(file, err, progress);
+    failure = receive(file, err, progress, sum ? &*sum : nullptr);
   } catch (const ExTraceable& e) {
     throw Exc<&CantRetrieveContentFile>(e, HERE) % remotePath % getConfig().host % localPath %
         errorTextOf(err);
@@ -481,25 +510,40 @@ void RetrieveContentAction::download(const DumpFile& file, FileRetrievalProgress
     throw Exc<&CantRetrieveContentFile>(HERE) % remotePath % getConfig().host % localPath %
         *failure;
   }
+  return !sum || isAsListed(file, *sum);
 }
 
 /// Nothing once the file is complete and on the disk, for then its remote copy goes;
 /// else what went wrong.
 std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file,
                                                           std::ostringstream& err,
-                                                          FileRetrievalProgressUpdater& progress) {
+                                                          FileRetrievalProgressUpdater& progress,
+                                                          Md5Sum* sum) {
   const ServiceAccount& owner = serviceAccount();
   if (make_content_dir(targetDir(), owner.user, owner.group, CONTENT_DIR_MODE) != 0) {
     return std::strerror(errno);
   }
   try {
     OutputFile local = contentFolder().create(file.name);
+    local.setSum(sum);
     if (getSsh().get(local, err, remotePathOf(file.name), progress) != 0) return errorTextOf(err);
     if (!local.syncAndClose()) return local.errorText();
   } catch (const SystemError& e) {
     return e.what();
   }
   return std::nullopt;
+}
+
+/// Records each difference in the result log.
+bool RetrieveContentAction::isAsListed(const DumpFile& file, Md5Sum& received) {
+  const bool sameSize = !file.sizeIsListed || received.size() == file.size;
+  if (!sameSize) {
+    theLog->log(Exc<&WrongFileSize>(HERE) % file.name % received.size() % file.size);
+  }
+  const std::string sum = received.finish();
+  const bool sameSum = file.md5.empty() || sum == file.md5;
+  if (!sameSum) recordWrongSum(file, sum);
+  return sameSize && sameSum;
 }
 
 void RetrieveContentAction::removeRemoteFile(const DumpFile& file) {
@@ -551,7 +595,7 @@ bool RetrieveContentAction::checkMD5(const DumpFile& file) {
 void RetrieveContentAction::checkFile(const DumpFile& file) {
   if (file.md5.empty()) return;
   const std::string sum = localSum(file);
-  if (sum != file.md5) theLog->log(Exc<&WrongMd5Sum>(HERE) % file.name % file.md5 % sum);
+  if (sum != file.md5) recordWrongSum(file, sum);
 }
 
 // --- RemoveAgentAction ---

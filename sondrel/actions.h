@@ -41,6 +41,12 @@ DECLARE_ERROR_TAG(UnableToRemoveRemoteFile, "Unable to remove remote file '%1%' 
 DECLARE_ERROR_TAG(WrongMd5Sum,
                   "Problem during content retrieval: downloaded %1% has MD5 sum %2%, but it has to "
                   "be %3%. Restarting download.");
+DECLARE_ERROR_TAG(WrongFileSize,
+                  "Problem during content retrieval: downloaded %1% has %2% bytes, but the content "
+                  "list says %3%");
+DECLARE_ERROR_TAG(ContentVerificationFailed,
+                  "%1% of the retrieved files differ from the content list; their remote copies "
+                  "were kept");
 
 /// A sink for what an action has to tell its caller; nobody makes one yet.
 class Result;
@@ -227,14 +233,19 @@ class RetrieveContentAction : public Action {
   void refuseUnsafeNames(const AgentFileList& list);
   void checkFreeSpace(const AgentFileList& list);
   void retrieveEntry(const DumpFile& file, FileRetrievalProgressUpdater& progress);
-  void download(const DumpFile& file, FileRetrievalProgressUpdater& progress);
+  bool download(const DumpFile& file, FileRetrievalProgressUpdater& progress);
   std::optional<std::string> receive(const DumpFile& file, std::ostringstream& err,
-                                     FileRetrievalProgressUpdater& progress);
+                                     FileRetrievalProgressUpdater& progress, Md5Sum* sum);
+  static bool isAsListed(const DumpFile& file, Md5Sum& received);
   void removeRemoteFile(const DumpFile& file);
 
   std::string targetDir() const;
   ContentFolder contentFolder() const;
   std::string localSum(const DumpFile& file);
+
+  /// Whether what arrives is compared with the list, which this host's configuration says.
+  bool verify_ = false;
+  int filesUnlikeTheList_ = 0;
 };
 
 /// Deletes the remote agent directory. Never fails for the remote side's sake, so

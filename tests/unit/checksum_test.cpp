@@ -77,6 +77,14 @@ TEST(Md5SumTest, FailsForAFileThatCouldNotBeOpened) {
             "Cannot read data from the stream");
 }
 
+TEST(Md5SumTest, GrowsWithEachPart) {
+  Md5Sum sum;
+  EXPECT_EQ(sum.size(), 0);
+  for (const std::string part : {"message", "", " ", "digest"}) sum.add(part.data(), part.size());
+  EXPECT_EQ(sum.size(), 14);
+  EXPECT_EQ(sum.finish(), countMd5Sum(std::string("message digest")));
+}
+
 TEST(Bin2AsciiTest, WritesEachByteAsTwoLowerCaseDigits) {
   const unsigned char bytes[] = {0x00, 0x01, 0x0F, 0x10, 0x7F, 0x80, 0xAB, 0xFF};
   EXPECT_EQ(bin2ascii(bytes, sizeof bytes), "00010f107f80abff");

@@ -79,6 +79,12 @@ TEST(ContentListTest, HasDefaultsForMissingAttributes) {
   EXPECT_EQ(list->getUnpackedSize(), 0);
 }
 
+TEST(ContentListTest, KnowsWhichSizesItHasNot) {
+  const auto list = parse("<contentlist><file>a</file><file size='0'>b</file></contentlist>");
+  EXPECT_FALSE(list->getFileList()[0].sizeIsListed);
+  EXPECT_TRUE(list->getFileList()[1].sizeIsListed);
+}
+
 TEST(ContentListTest, WithoutFilesStillHasATotal) {
   const auto list = parse("<contentlist size=\"12\" unpacked=\"34\"/>");
   EXPECT_THAT(list->getFileList(), testing::IsEmpty());

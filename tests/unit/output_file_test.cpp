@@ -55,6 +55,27 @@ TEST(OutputFileTest, WritesAtOnce) {
   EXPECT_EQ(readFile(dir / "file").size(), 100001u);
 }
 
+TEST(OutputFileTest, CountsWhatWasWrittenFromThereOn) {
+  const ScopedTempDir dir;
+  OutputFile file(dir / "file");
+  file.stream() << "before";
+  Md5Sum sum;
+  file.setSum(&sum);
+  file.stream() << "counted" << ' ' << 42;
+  file.setSum(nullptr);
+  file.stream() << "after";
+  EXPECT_EQ(sum.size(), 10);
+  EXPECT_EQ(sum.finish(), countMd5Sum(std::string("counted 42")));
+}
+
+TEST(OutputFileTest, DoesNotCountWhatCouldNotBeWritten) {
+  OutputFile file("/dev/full");
+  Md5Sum sum;
+  file.setSum(&sum);
+  file.stream() << "text";
+  EXPECT_EQ(sum.size(), 0);
+}
+
 TEST(OutputFileTest, CarriesEveryByteValue) {
   const ScopedTempDir dir;
   std::string bytes;
