@@ -1,5 +1,6 @@
 #include "commons/commons.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <cstring>
 
 #include "commons/files.h"
+#include "commons/output_file.h"
 #include "commons/unique_fd.h"
 #include "hostlib/accounts.h"
 #include "hostlib/qrv_conf.h"
@@ -24,8 +26,7 @@ std::string getTempBaseDir(const std::string& dir) {
   return configured ? configured : files::getTmpDir();
 }
 
-/// The folder in which the target of a replacement lies, as a name that can be
-/// used as one.
+/// The folder in which `target` lies, as a name that can be used as one.
 std::string getFolderOf(const std::string& target) {
   if (target.find('/') == std::string::npos) return ".";
   const std::string folder = getPath(target);
@@ -82,7 +83,10 @@ int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
   if (mkdir(path.c_str(), mode) != 0) {
     return errno == EEXIST && stat(path.c_str(), &status) == 0 ? 0 : -1;
   }
-  return chown(path.c_str(), owner, group);
+  if (chown(path.c_str(), owner, group) != 0) return -1;
+  // What is put into the folder is on the disk only if the folder is.
+  const UniqueFd parent(open(getFolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return parent && syncFolder(parent.get()) ? 0 : -1;
 }
 
 std::string getFileNameFromPath(const std::string& path) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
@@ -28,6 +29,14 @@ bool isRegularFile(const UniqueFd& fd) {
   return fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
+/// 0, or the error number that says why root must not write into what was opened.
+int whyNotToBeWritten(const UniqueFd& fd) {
+  struct stat status;
+  if (fstat(fd.get(), &status) != 0) return errno;
+  if (!S_ISREG(status.st_mode)) return EINVAL;
+  return status.st_nlink > 1 ? EMLINK : 0;
+}
+
 }  // namespace
 
 ContentFolder::ContentFolder(std::string path, uid_t owner, gid_t group)
@@ -37,10 +46,12 @@ OutputFile ContentFolder::create(const std::string& name) const {
   const UmaskGuard mask(CONTENT_UMASK);
   UniqueFd folder = openParent(name, true);
   // O_NONBLOCK: a FIFO in the file's place must not stop the run.
-  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   UniqueFd file(openat(folder.get(), getFileNameFromPath(name).c_str(), flags, NEW_FILE_MODE));
   if (!file) throwSystemError(pathOf(name), errno);
-  if (!isRegularFile(file)) throwSystemError(pathOf(name), EINVAL);
+  if (const int error = whyNotToBeWritten(file)) throwSystemError(pathOf(name), error);
+  // Not when it was opened, for it may have been somebody's hard link.
+  if (ftruncate(file.get(), 0) != 0) throwSystemError(pathOf(name), errno);
   return OutputFile(pathOf(name), std::move(file), std::move(folder));
 }
 
@@ -54,6 +65,13 @@ UniqueFd ContentFolder::openExisting(const std::string& name) const {
     // A missing folder is a missing file.
   }
   return {};
+}
+
+bool ContentFolder::isInPlace(const std::string& name, const FileIdentity& written) const {
+  const UniqueFd file = openExisting(name);
+  struct stat status;
+  return file && fstat(file.get(), &status) == 0 && status.st_dev == written.device &&
+         status.st_ino == written.inode;
 }
 
 UniqueFd ContentFolder::openParent(const std::string& name, bool makeMissing) const {

@@ -19,8 +19,14 @@ class ContentFolder {
   ContentFolder(std::string path, uid_t owner, gid_t group);
 
   /// Opens the file `name` for writing, truncated, with its missing folders made; a
-  /// new file gets mode 0644. Throws SystemError, naming the part that failed.
+  /// new file gets mode 0644. One that has another name as well is refused, since what
+  /// it holds is not this folder's alone. Throws SystemError, naming the part that
+  /// failed.
   OutputFile create(const std::string& name) const;
+
+  /// True when `name` leads to that very file: what was written may have been removed
+  /// or moved since it was created.
+  bool isInPlace(const std::string& name, const FileIdentity& written) const;
 
   /// Opens the file `name` for reading; no descriptor when it is not there, is no
   /// regular file or lies behind a symbolic link.

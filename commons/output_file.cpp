@@ -1,6 +1,7 @@
 #include "commons/output_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,6 +40,12 @@ OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd folder)
       buffer_(file_.get()),
       stream_(&buffer_) {
   if (!file_) stream_.setstate(std::ios::badbit);
+}
+
+FileIdentity OutputFile::identity() const {
+  struct stat status {};
+  fstat(file_.get(), &status);
+  return {status.st_dev, status.st_ino};
 }
 
 bool OutputFile::noteFailure() {

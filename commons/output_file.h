@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -29,6 +31,12 @@ class FdStreamBuf : public std::streambuf {
   Md5Sum* sum_ = nullptr;
 };
 
+/// Which file it is, whatever its name.
+struct FileIdentity {
+  dev_t device;
+  ino_t inode;
+};
+
 /// A local file that is being written.
 ///
 /// Opening may fail; the stream is then in a bad state from the start and every
@@ -44,6 +52,8 @@ class OutputFile {
   bool isOpen() const { return static_cast<bool>(file_); }
   const std::string& path() const { return path_; }
   std::ostream& stream() { return stream_; }
+  /// To be asked before the file is closed.
+  FileIdentity identity() const;
   /// Counts from now on what goes into the file; `sum` must outlive it.
   void setSum(Md5Sum* sum) { buffer_.setSum(sum); }
 

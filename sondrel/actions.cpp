@@ -527,7 +527,9 @@ std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file,
     OutputFile local = contentFolder().create(file.name);
     local.setSum(sum);
     if (getSsh().get(local, err, remotePathOf(file.name), progress) != 0) return errorTextOf(err);
+    const FileIdentity written = local.identity();
     if (!local.syncAndClose()) return local.errorText();
+    if (!contentFolder().isInPlace(file.name, written)) return "The file is no longer there";
   } catch (const SystemError& e) {
     return e.what();
   }

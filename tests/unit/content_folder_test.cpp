@@ -165,6 +165,39 @@ TEST_F(ContentFolderTest, RefusesWhateverElseIsInTheFilesPlaceWithoutWaiting) {
   EXPECT_EQ(failureOf("fifo"), path("fifo") + ": Invalid argument");
 }
 
+TEST_F(ContentFolderTest, RefusesAFileThatHasAnotherNameToo) {
+  writeFile(dir_ / "outside", "untouched");
+  ASSERT_EQ(::link((dir_ / "outside").c_str(), path("hard").c_str()), 0);
+  EXPECT_EQ(failureOf("hard"), path("hard") + ": Too many links");
+  EXPECT_EQ(readFile(dir_ / "outside"), "untouched");
+  // It may well be what an earlier run fetched.
+  EXPECT_EQ(read("hard"), "untouched");
+}
+
+TEST_F(ContentFolderTest, TruncatesAnOlderFile) {
+  ASSERT_TRUE(write("file", "a long old text"));
+  ASSERT_TRUE(write("file", "new"));
+  EXPECT_EQ(readFile(path("file")), "new");
+}
+
+TEST_F(ContentFolderTest, KnowsAFileThatIsNoLongerInItsPlace) {
+  const auto isInPlaceAfter = [&](const std::function<void()>& change) {
+    OutputFile file = folder_.create("a/b/file");
+    const FileIdentity written = file.identity();
+    file.stream() << "text";
+    change();
+    EXPECT_TRUE(file.syncAndClose());
+    return folder_.isInPlace("a/b/file", written);
+  };
+  EXPECT_TRUE(isInPlaceAfter([] {}));
+  EXPECT_FALSE(isInPlaceAfter([&] { unlink(path("a/b/file").c_str()); }));
+  EXPECT_FALSE(isInPlaceAfter([&] { rename(path("a").c_str(), path("moved").c_str()); }));
+  EXPECT_FALSE(isInPlaceAfter([&] {
+    rename(path("a/b/file").c_str(), path("a/b/moved").c_str());
+    writeFile(path("a/b/file"), "another");
+  }));
+}
+
 TEST_F(ContentFolderTest, RefusesAFileInAFoldersPlace) {
   ASSERT_TRUE(write("a/file", "text"));
   EXPECT_EQ(failureOf("a/file/x"), "file: Not a directory");
