@@ -9,44 +9,15 @@
 
 #include "commons/commons.h"
 #include "commons/secrets.h"
+#include "commons/utf8.h"
 
 namespace {
 
 constexpr const char* REPLACEMENT_CHARACTER = "\xEF\xBF\xBD";
 
-/// What the first byte of a UTF-8 character says of it; a length of 0 for a byte
-/// that begins none.
-struct Utf8Lead {
-  std::size_t length;
-  unsigned int bits;
-  /// The smallest value that needs this many bytes.
-  unsigned int smallest;
-};
-
-Utf8Lead decodeLead(unsigned char byte) {
-  if (byte < 0x80) return {1, byte, 0};
-  if ((byte & 0xE0) == 0xC0) return {2, byte & 0x1Fu, 0x80};
-  if ((byte & 0xF0) == 0xE0) return {3, byte & 0x0Fu, 0x800};
-  if ((byte & 0xF8) == 0xF0) return {4, byte & 0x07u, 0x10000};
-  return {0, 0, 0};
-}
-
 bool isXmlCharacter(unsigned int c) {
   return c == '\t' || c == '\n' || c == '\r' || (c >= 0x20 && c <= 0xD7FF) ||
          (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
-}
-
-/// Bytes of the XML character at `position`; 0 when there is none.
-std::size_t xmlCharacterLength(const std::string& text, std::size_t position) {
-  const Utf8Lead lead = decodeLead(static_cast<unsigned char>(text[position]));
-  if (lead.length == 0 || position + lead.length > text.size()) return 0;
-  unsigned int c = lead.bits;
-  for (std::size_t i = 1; i < lead.length; ++i) {
-    const auto byte = static_cast<unsigned char>(text[position + i]);
-    if ((byte & 0xC0) != 0x80) return 0;
-    c = c << 6 | (byte & 0x3Fu);
-  }
-  return c >= lead.smallest && isXmlCharacter(c) ? lead.length : 0;
 }
 
 void requireFileName(const char* fileName, const char* function, int line) {
@@ -62,13 +33,13 @@ std::string toXmlSafeText(const std::string& text) {
   std::string safe;
   safe.reserve(text.size());
   for (std::size_t i = 0; i < text.size();) {
-    const std::size_t length = xmlCharacterLength(text, i);
-    if (length == 0) {
+    const Utf8Character character = decodeUtf8(text, i);
+    if (character.length > 0 && isXmlCharacter(character.code)) {
+      safe.append(text, i, character.length);
+      i += character.length;
+    } else {
       safe += REPLACEMENT_CHARACTER;
       ++i;
-    } else {
-      safe.append(text, i, length);
-      i += length;
     }
   }
   return safe;

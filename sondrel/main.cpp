@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "commons/ProgramTerminatedException.h"
+#include "commons/console.h"
 #include "sondrel/sondrel.h"
 
 namespace {
@@ -58,6 +59,7 @@ int main(int argc, char** argv) {
   installSignalHandlers();
   occupyClosedStandardStreams();
   forbidCoreFiles();
+  const TerminalGuard guardTerminal(std::cerr, STDERR_FILENO);
   try {
     return real_main(argc, argv);
   } catch (const ExTraceable& e) {

@@ -1,0 +1,62 @@
+#include "commons/console.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <ostream>
+
+#include "commons/utf8.h"
+
+namespace {
+
+/// The second range are the controls that some terminals obey as they do those of ASCII.
+bool isControl(unsigned int code) {
+  return (code < 0x20 && code != '\n' && code != '\t') || (code >= 0x7F && code <= 0x9F);
+}
+
+std::string escaped(char byte) {
+  char text[8];
+  std::snprintf(text, sizeof text, "\\x%02x", static_cast<unsigned char>(byte));
+  return text;
+}
+
+}  // namespace
+
+std::string escapeForTerminal(const std::string& text) {
+  std::string shown;
+  for (std::size_t i = 0; i < text.size();) {
+    const Utf8Character character = decodeUtf8(text, i);
+    if (character.length > 0 && !isControl(character.code)) {
+      shown.append(text, i, character.length);
+      i += character.length;
+    } else {
+      shown += escaped(text[i++]);
+    }
+  }
+  return shown;
+}
+
+TerminalGuard::TerminalGuard(std::ostream& stream, int descriptor)
+    : stream_(stream), original_(stream.rdbuf()), escaping_(original_) {
+  if (isatty(descriptor)) stream_.rdbuf(&escaping_);
+}
+
+TerminalGuard::~TerminalGuard() {
+  stream_.rdbuf(original_);
+}
+
+TerminalGuard::EscapingBuf::int_type TerminalGuard::EscapingBuf::overflow(int_type c) {
+  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+  const char byte = traits_type::to_char_type(c);
+  return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
+}
+
+std::streamsize TerminalGuard::EscapingBuf::xsputn(const char* bytes, std::streamsize size) {
+  const std::string shown = escapeForTerminal({bytes, static_cast<std::size_t>(size)});
+  const auto length = static_cast<std::streamsize>(shown.size());
+  return target_->sputn(shown.data(), length) == length ? size : 0;
+}
+
+int TerminalGuard::EscapingBuf::sync() {
+  return target_->pubsync();
+}
