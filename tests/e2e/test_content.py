@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 
-from content import content_list, left, md5, offered
+from content import left, md5, offered
 from world import (BINARY, HOST, PLAIN, ROOT, SOURCE_TREE, SUDOER, Destination, RemoteCommand, Session, deployed_agent,
                    files_below, install_agent, install_sample_agent, owner_and_mode, read, root_command, sh_quote,
                    sudo_check, user_line, wait_until, write)
@@ -384,22 +384,6 @@ def test_name_that_cannot_be_written_is_a_failure(source, name):
     offered(ROOT)
     os.makedirs(Session().file(name))
     assert cause_of_failure() == ("FileWrite", f"Error during /mnt/session/{name} write: Is a directory")
-
-
-REFUSED = {"empty": "", "absolute": "/mnt/outside/file", "slash behind": "folder/", "dot": ".", "two dots": "..",
-           "dot inside": "a/./b", "dot behind": "a/.", "dot ahead": "./a", "two dots ahead": "../outside",
-           "two dots inside": "a/../b", "two dots behind": "a/b/.."}
-
-
-@pytest.mark.parametrize("name", REFUSED.values(), ids=REFUSED.keys())
-def test_name_that_leads_elsewhere_is_refused_before_anything_is_done(source, name):
-    entries = [("good", b"1", {}), (name, None, {"md5sum": ""})]
-    deployed_agent(ROOT, 'cat "${0%/*}/list.xml"\n', {"list.xml": content_list(entries), "good": b"1"})
-    code, _ = cause_of_failure()
-    assert code == "CantRetrieveContentFile"
-    assert os.listdir(ARCHIVES) == []
-    assert left(ROOT) == ["good"]
-    assert source.commands() == listing(ROOT)
 
 
 @pytest.mark.parametrize("link, name", [

@@ -1,0 +1,73 @@
+"""What the file system holds outside the folders of a run, before it and after it."""
+import contextlib
+import hashlib
+import os
+import stat
+import subprocess
+
+import pytest
+
+import world
+
+ROOTS = ("/mnt", "/etc", "/tmp", "/run", "/var/log", "/root", "/dev")
+# The machine's own entries, behind the links in /etc and /dev; and what the test itself writes.
+LEFT_OUT = ("/mnt/etc.orig", "/mnt/dev.orig", world.SHELL_FOLDER, world.LOGS, world.RUNS)
+
+
+def entry(path):
+    """All that tells whether the entry of a folder was touched."""
+    status = os.lstat(path)
+    kind = stat.S_IFMT(status.st_mode)
+    found = {"mode": oct(status.st_mode), "owner": (status.st_uid, status.st_gid), "inode": status.st_ino,
+             "mtime": status.st_mtime_ns, "device": status.st_rdev}
+    if kind == stat.S_IFREG:
+        found |= {"size": status.st_size, "content": hashlib.md5(world.read(path)).hexdigest(),
+                  "links": status.st_nlink}
+    elif kind == stat.S_IFLNK:
+        found["target"] = os.readlink(path)
+    return found
+
+
+def take(*left_out):
+    """{path: entry} of everything below ROOTS, but for these paths and what lies below them."""
+    left_out = {os.path.realpath(path) for path in (*left_out, *LEFT_OUT)}
+    parents = {os.path.dirname(path) for path in left_out}
+    found = {}
+
+    def add(path):
+        if path in left_out:
+            return
+        found[path] = entry(path)
+        if path in parents:
+            del found[path]["mtime"]
+        if stat.S_ISDIR(os.lstat(path).st_mode):
+            for name in os.listdir(path):
+                add(os.path.join(path, name))
+
+    for root in ROOTS:
+        add(root)
+    return found
+
+
+@contextlib.contextmanager
+def unchanged(*left_out):
+    """Nothing may change meanwhile, but for these paths and what lies below them."""
+    before = take(*left_out)
+    yield
+    after = take(*left_out)
+    changed = {path: (before.get(path), after.get(path)) for path in sorted(before.keys() | after.keys())
+               if before.get(path) != after.get(path)}
+    assert not changed, changed
+
+
+@pytest.fixture
+def own_folders():
+    """/tmp and /root of our own, which no other process of the machine writes to."""
+    program = (os.path.realpath(world.BINARY), world.TESTS)
+    folders = [folder for folder in ("/tmp", "/root")
+               if not any(path.startswith(folder + "/") for path in program)]
+    for folder in folders:
+        subprocess.run(["mount", "-t", "tmpfs", "own", folder], check=True)
+    yield
+    for folder in folders:
+        subprocess.run(["umount", "-l", folder], check=True)
