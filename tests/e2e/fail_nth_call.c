@@ -1,0 +1,162 @@
+/* Preloaded into the tool: lets one call of the system fail, as if the system itself had.
+ *
+ * FAIL_KIND    write close fsync rename mkstemp chown mkdir statfs recv send
+ * FAIL_NTH     which of these calls fails, counted from 1
+ * FAIL_STAYS   set: what failed stays so, as with a disk that is full; a connection is closed
+ * FAIL_REPORT  file that gets a line for each call that failed: its kind and on what
+ *
+ * What the C library calls inside itself cannot be replaced. Of that only its buffered files
+ * matter here, in which documents are saved: those that are opened for writing write and
+ * close by way of this file. Out of reach are the console, the system log, the files of
+ * accounts and names that the C library reads, and closing what was opened for reading.
+ */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+static const char* failing_kind = "";
+static char report[4096];
+static long nth, count;
+static int stays;
+static pid_t tool;
+
+/* Programs that the tool starts are none of ours. */
+__attribute__((constructor)) static void begin(void) {
+  const char* kind = getenv("FAIL_KIND");
+  if (!kind) return;
+  failing_kind = strdup(kind);
+  nth = atol(getenv("FAIL_NTH"));
+  stays = getenv("FAIL_STAYS") != NULL;
+  strncpy(report, getenv("FAIL_REPORT"), sizeof report - 1);
+  tool = getpid();
+  unsetenv("LD_PRELOAD");
+  unsetenv("FAIL_KIND");
+}
+
+static int fails(const char* kind, int error, const char* what) {
+  if (strcmp(kind, failing_kind) != 0 || getpid() != tool) return 0;
+  ++count;
+  if (count != nth && !(stays && count > nth)) return 0;
+  char line[8192];
+  const int size = snprintf(line, sizeof line, "%s %s\n", kind, what);
+  const int fd = syscall(SYS_openat, AT_FDCWD, report, O_WRONLY | O_CREAT | O_APPEND, 0644);
+  if (fd < 0 || syscall(SYS_write, fd, line, size) != size) abort();
+  syscall(SYS_close, fd);
+  errno = error;
+  return 1;
+}
+
+static int fails_on_descriptor(const char* kind, int error, int fd) {
+  char link[64], path[4096];
+  snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  const int kept = errno;
+  const ssize_t size = readlink(link, path, sizeof path - 1);
+  errno = kept;
+  /* Not open: it fails without us. */
+  if (size < 0) return 0;
+  path[size] = '\0';
+  return fails(kind, error, path);
+}
+
+#define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
+
+/* A full disk. */
+ssize_t write(int fd, const void* bytes, size_t size) {
+  return fails_on_descriptor("write", ENOSPC, fd) ? -1 : REAL(write)(fd, bytes, size);
+}
+ssize_t writev(int fd, const struct iovec* parts, int number) {
+  return fails_on_descriptor("write", ENOSPC, fd) ? -1 : REAL(writev)(fd, parts, number);
+}
+
+/* Linux has released the descriptor when it reports that what was written is lost. */
+int close(int fd) {
+  const int failed = fails_on_descriptor("close", EIO, fd);
+  const int result = REAL(close)(fd);
+  if (!failed) return result;
+  errno = EIO;
+  return -1;
+}
+
+/* A medium that is broken. */
+int fsync(int fd) { return fails_on_descriptor("fsync", EIO, fd) ? -1 : REAL(fsync)(fd); }
+int fdatasync(int fd) { return fails_on_descriptor("fsync", EIO, fd) ? -1 : REAL(fdatasync)(fd); }
+int statfs(const char* path, struct statfs* status) {
+  return fails("statfs", EIO, path) ? -1 : REAL(statfs)(path, status);
+}
+int statfs64(const char* path, struct statfs64* status) {
+  return fails("statfs", EIO, path) ? -1 : REAL(statfs64)(path, status);
+}
+
+/* A folder that cannot grow. */
+int rename(const char* from, const char* to) {
+  char both[8192];
+  snprintf(both, sizeof both, "%s -> %s", from, to);
+  return fails("rename", ENOSPC, both) ? -1 : REAL(rename)(from, to);
+}
+int mkstemp(char* name) { return fails("mkstemp", ENOSPC, name) ? -1 : REAL(mkstemp)(name); }
+int mkstemp64(char* name) { return fails("mkstemp", ENOSPC, name) ? -1 : REAL(mkstemp64)(name); }
+int mkdir(const char* path, mode_t mode) {
+  return fails("mkdir", ENOSPC, path) ? -1 : REAL(mkdir)(path, mode);
+}
+int mkdirat(int folder, const char* path, mode_t mode) {
+  return fails("mkdir", ENOSPC, path) ? -1 : REAL(mkdirat)(folder, path, mode);
+}
+
+/* A file system on which root is nobody special, as over the network. */
+int chown(const char* path, uid_t user, gid_t group) {
+  return fails("chown", EPERM, path) ? -1 : REAL(chown)(path, user, group);
+}
+int fchown(int fd, uid_t user, gid_t group) {
+  return fails_on_descriptor("chown", EPERM, fd) ? -1 : REAL(fchown)(fd, user, group);
+}
+
+/* A peer that is gone. A reset is reported once; what the system says to all later calls it
+ * says by itself once the connection is shut. */
+static int resets(const char* kind, int fd) {
+  if (count >= nth || !fails_on_descriptor(kind, ECONNRESET, fd)) return 0;
+  if (stays) shutdown(fd, SHUT_RDWR);
+  errno = ECONNRESET;
+  return 1;
+}
+/* A call that finds nothing to receive fails as it is, and how many of these there are is a
+ * matter of speed: they are not counted. */
+ssize_t recv(int fd, void* bytes, size_t size, int flags) {
+  char byte;
+  const int kept = errno;
+  const ssize_t there = REAL(recv)(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  errno = kept;
+  if (there >= 0 && resets("recv", fd)) return -1;
+  return REAL(recv)(fd, bytes, size, flags);
+}
+ssize_t send(int fd, const void* bytes, size_t size, int flags) {
+  return resets("send", fd) ? -1 : REAL(send)(fd, bytes, size, flags);
+}
+
+/* Buffered files whose writing and closing come back to the functions above. */
+static ssize_t write_file(void* fd, const char* bytes, size_t size) {
+  const ssize_t written = write((int)(intptr_t)fd, bytes, size);
+  return written < 0 ? 0 : written;
+}
+static int close_file(void* fd) { return close((int)(intptr_t)fd); }
+static FILE* open_for_writing(const char* path) {
+  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  const cookie_io_functions_t functions = {NULL, write_file, NULL, close_file};
+  return fd < 0 ? NULL : fopencookie((void*)(intptr_t)fd, "w", functions);
+}
+FILE* fopen(const char* path, const char* mode) {
+  return *mode == 'w' ? open_for_writing(path) : REAL(fopen)(path, mode);
+}
+FILE* fopen64(const char* path, const char* mode) {
+  return *mode == 'w' ? open_for_writing(path) : REAL(fopen64)(path, mode);
+}
