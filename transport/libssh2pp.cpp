@@ -18,13 +18,14 @@ namespace libssh2pp {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 log4cpp::Category& sessionLog = log4cpp::Category::getInstance("k.libssh2pp.Session");
 log4cpp::Category& channelLog = log4cpp::Category::getInstance("k.libssh2pp.Channel");
 
-constexpr std::chrono::seconds LOGIN_LIMIT{120};
 constexpr std::chrono::seconds KEEP_ALIVE_INTERVAL{15};
 /// How long a farewell waits for the peer's.
-constexpr long FAREWELL_LIMIT_MS = 3000;
+constexpr std::chrono::seconds FAREWELL_LIMIT{3};
 constexpr std::size_t WINDOW_BYTES = 65536;
 /// Once a command talks. Large enough not to be the limit between neighbours; what is
 /// not read yet stays in memory, and the library walks through it.
@@ -107,7 +108,43 @@ std::optional<std::string> exitSignalOf(LIBSSH2_CHANNEL* channel, LIBSSH2_SESSIO
   return name;
 }
 
+CallbackData& callbackDataOf(LIBSSH2_SESSION* session) {
+  return **reinterpret_cast<CallbackData**>(libssh2_session_abstract(session));
+}
+
+/// In place of the library's own, which knows no deadline. Its result is a negative
+/// error number when nothing was received.
+ssize_t receive(libssh2_socket_t socket, void* buffer, std::size_t size, int flags,
+                void** abstract) {
+  const auto deadline = static_cast<const CallbackData*>(*abstract)->deadline;
+  if (deadline != Clock::time_point::max() && Clock::now() >= deadline) return -ETIMEDOUT;
+  const ssize_t received = recv(socket, buffer, size, flags);
+  return received < 0 ? -errno : received;
+}
+
+void setReceiveCallback(LIBSSH2_SESSION* session) {
+#if LIBSSH2_VERSION_NUM >= 0x010b01
+  libssh2_session_callback_set2(session, LIBSSH2_CALLBACK_RECV,
+                                reinterpret_cast<libssh2_cb_generic*>(receive));
+#else
+  libssh2_session_callback_set(session, LIBSSH2_CALLBACK_RECV, reinterpret_cast<void*>(receive));
+#endif
+}
+
 }  // namespace
+
+void limitCalls(LIBSSH2_SESSION* session, Clock::time_point deadline) {
+  using std::chrono::milliseconds;
+  callbackDataOf(session).deadline = deadline;
+  const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
+  // 0 would mean no limit.
+  libssh2_session_set_timeout(session, std::max<long>(1, static_cast<long>(left.count())));
+}
+
+void liftLimit(LIBSSH2_SESSION* session) {
+  callbackDataOf(session).deadline = Clock::time_point::max();
+  libssh2_session_set_timeout(session, 0);
+}
 
 void dtm_libssh2_session_free(LIBSSH2_SESSION* session) noexcept {
   libssh2_session_free(session);
@@ -127,7 +164,7 @@ Channel::~Channel() {
   channelLog.debug(std::string("Closed"));
   // Freeing, which the handle does next, waits for the peer's farewell: for ever if it
   // has none.
-  libssh2_session_set_timeout(session_.get(), FAREWELL_LIMIT_MS);
+  limitCalls(session_.get(), Clock::now() + FAREWELL_LIMIT);
 }
 
 void Channel::startCommand(const std::string& command, Mode mode) {
@@ -145,7 +182,7 @@ void Channel::startCommand(const std::string& command, Mode mode) {
   // The server leaves a refused channel open for ever; closed from here, it looks as
   // if the command had ended at once.
   refused_ = true;
-  libssh2_session_set_timeout(session_.get(), FAREWELL_LIMIT_MS);
+  limitCalls(session_.get(), Clock::now() + FAREWELL_LIMIT);
   const TimeLimitLifter liftAfterwards(session_.get());
   libssh2_channel_close(get());
 }
@@ -307,12 +344,14 @@ int Channel::waitForExitStatus() {
 
 // --- Session ---
 
-Session::Session(int socket, bool disableEncryption, bool compatibility)
-    : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr)),
+Session::Session(int socket, bool disableEncryption, bool compatibility,
+                 std::chrono::milliseconds loginLimit)
+    : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, static_cast<CallbackData*>(this))),
       socket_(socket),
       compatibility_(compatibility),
-      loginDeadline_(Clock::now() + LOGIN_LIMIT) {
+      loginDeadline_(Clock::now() + loginLimit) {
   sessionLog.debug(std::string("Trying to start SSH session"));
+  setReceiveCallback(get());
   if (disableEncryption) {
     sessionLog.debug(std::string("Disabling SSH encryption"));
     libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_CS, "none");
@@ -326,7 +365,7 @@ Session::Session(int socket, bool disableEncryption, bool compatibility)
 
 void Session::start() {
   const int result = retryInterrupted([&] {
-    limitNextCall();
+    limitCalls(get(), loginDeadline_);
     return libssh2_session_handshake(get(), socket_);
   });
   if (result != 0) {
@@ -345,14 +384,6 @@ void Session::reportStartFailure(const std::string& error) const {
   if (const char* banner = libssh2_session_banner_get(get())) {
     sessionLog.error(std::string("The remote host presents itself as ") + banner);
   }
-}
-
-/// Gives the library's next call what is left of the time for logging in.
-void Session::limitNextCall() {
-  using std::chrono::milliseconds;
-  const auto left = std::chrono::duration_cast<milliseconds>(loginDeadline_ - Clock::now());
-  // 0 would mean no limit.
-  libssh2_session_set_timeout(get(), std::max<long>(1, static_cast<long>(left.count())));
 }
 
 Session::~Session() {
@@ -376,14 +407,14 @@ void Session::authorize(const std::string& login, const std::string& password) {
     sessionLog.error(std::string("Authentication failed"));
     throw Exc<&SshAuthorizationFailed>(HERE);
   }
-  libssh2_session_set_timeout(get(), 0);
+  liftLimit(get());
   if (compatibility_) create_reserve_channel();
 }
 
 bool Session::authorizeByPassword(const std::string& login, const std::string& password) {
   sessionLog.debug(std::string("Trying 'password' authentication"));
   const int result = retryInterrupted([&] {
-    limitNextCall();
+    limitCalls(get(), loginDeadline_);
     return libssh2_userauth_password_ex(get(), login.data(), static_cast<unsigned>(login.size()),
                                         password.data(), static_cast<unsigned>(password.size()),
                                         nullptr);
@@ -396,13 +427,13 @@ bool Session::authorizeByPassword(const std::string& login, const std::string& p
 
 bool Session::authorizeInteractively(const std::string& login, const std::string& password) {
   sessionLog.debug(std::string("Trying 'keyboard-interactive' authentication"));
-  *libssh2_session_abstract(get()) = const_cast<std::string*>(&password);
+  promptAnswer = &password;
   const int result = retryInterrupted([&] {
-    limitNextCall();
+    limitCalls(get(), loginDeadline_);
     return libssh2_userauth_keyboard_interactive_ex(
         get(), login.data(), static_cast<unsigned>(login.size()), userauth_callback);
   });
-  *libssh2_session_abstract(get()) = nullptr;
+  promptAnswer = nullptr;
   if (result != 0) return false;
   sessionLog.debug(std::string("Authenticated successfully"));
   return true;
@@ -411,7 +442,7 @@ bool Session::authorizeInteractively(const std::string& login, const std::string
 void Session::getAuthMethodsList(const std::string& login, std::vector<std::string>& methods) {
   sessionLog.debug("Getting userauth methods for user '" + login + "'");
   const char* text = retryInterrupted([&] {
-    limitNextCall();
+    limitCalls(get(), loginDeadline_);
     return libssh2_userauth_list(get(), login.data(), static_cast<unsigned>(login.size()));
   });
   // The session keeps the text it returned and frees it; ours is a copy.
@@ -428,7 +459,7 @@ void Session::userauth_callback(const char* /*name*/, int /*nameLength*/,
                                 LIBSSH2_USERAUTH_KBDINT_RESPONSE* responses, void** abstract) {
   sessionLog.debug("'keyboard-interactive' callback requested. Filling " +
                    std::to_string(promptsNumber) + " responses with the password");
-  const std::string& password = *static_cast<const std::string*>(*abstract);
+  const std::string& password = *static_cast<const CallbackData*>(*abstract)->promptAnswer;
   for (int i = 0; i < promptsNumber; ++i) {
     // The library frees it.
     auto* response = static_cast<char*>(std::malloc(password.size()));

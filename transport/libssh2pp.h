@@ -24,11 +24,25 @@ void dtm_libssh2_channel_free(LIBSSH2_CHANNEL* channel) noexcept;
 
 class Session;
 
-/// Lifts the time limit of a session's blocking calls when it goes.
+/// What the library's callbacks for a session need; the session's abstract pointer
+/// leads to it.
+struct CallbackData {
+  std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
+  /// Goes into every answer of keyboard-interactive; not owned.
+  const std::string* promptAnswer = nullptr;
+};
+
+/// Limits the session's calls until `deadline`: the waits of each, and all that they
+/// read together, since a peer that never stops talking leaves no wait to limit.
+void limitCalls(LIBSSH2_SESSION* session, std::chrono::steady_clock::time_point deadline);
+/// Lets the session's calls take any time.
+void liftLimit(LIBSSH2_SESSION* session);
+
+/// Lifts the time limit of a session's calls when it goes.
 class TimeLimitLifter {
  public:
   explicit TimeLimitLifter(LIBSSH2_SESSION* session) : limitedSession_(session) {}
-  ~TimeLimitLifter() { libssh2_session_set_timeout(limitedSession_, 0); }
+  ~TimeLimitLifter() { liftLimit(limitedSession_); }
   TimeLimitLifter(const TimeLimitLifter&) = delete;
   TimeLimitLifter& operator=(const TimeLimitLifter&) = delete;
 
@@ -97,13 +111,18 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
   bool refused_ = false;
 };
 
-/// The SSH session over a connected socket.
-class Session : public Handle<LIBSSH2_SESSION, dtm_libssh2_session_free> {
+/// The SSH session over a connected socket. The order of the bases matters: what the
+/// library's callbacks use outlives the handle.
+class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2_session_free> {
  public:
+  /// What handshake and authentication together may take.
+  static constexpr std::chrono::milliseconds LOGIN_LIMIT = std::chrono::seconds(120);
+
   /// Starts the protocol on `socket`, which stays the caller's and must outlive the
-  /// session. In compatibility mode only the oldest key exchange is offered. Handshake
-  /// and authentication together get 120 s. Throws UnableToStartSshSession.
-  Session(int socket, bool disableEncryption, bool compatibility);
+  /// session. In compatibility mode only the oldest key exchange is offered. Throws
+  /// UnableToStartSshSession.
+  Session(int socket, bool disableEncryption, bool compatibility,
+          std::chrono::milliseconds loginLimit = LOGIN_LIMIT);
   ~Session() override;
 
   /// Throws SshAuthorizationFailed when no method that the server offers succeeds,
@@ -111,7 +130,7 @@ class Session : public Handle<LIBSSH2_SESSION, dtm_libssh2_session_free> {
   void authorize(const std::string& login, const std::string& password);
   /// Fills `methods` with what the server allows for `login`. Throws InvalidHandle.
   void getAuthMethodsList(const std::string& login, std::vector<std::string>& methods);
-  /// Answers every prompt with the password.
+  /// Answers every prompt with the one of the CallbackData.
   static void userauth_callback(const char* name, int nameLength, const char* instruction,
                                 int instructionLength, int promptsNumber,
                                 const LIBSSH2_USERAUTH_KBDINT_PROMPT* prompts,
@@ -149,7 +168,6 @@ class Session : public Handle<LIBSSH2_SESSION, dtm_libssh2_session_free> {
   using Clock = std::chrono::steady_clock;
 
   void start();
-  void limitNextCall();
   bool authorizeByPassword(const std::string& login, const std::string& password);
   bool authorizeInteractively(const std::string& login, const std::string& password);
   void reportStartFailure(const std::string& error) const;

@@ -3,9 +3,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <thread>
+
 #include "support.h"
 
 using libssh2pp::Session;
+using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::StartsWith;
 
@@ -15,7 +19,9 @@ namespace {
 std::vector<std::string> answers(int prompts, std::string password) {
   std::vector<LIBSSH2_USERAUTH_KBDINT_PROMPT> questions(static_cast<std::size_t>(prompts));
   std::vector<LIBSSH2_USERAUTH_KBDINT_RESPONSE> responses(static_cast<std::size_t>(prompts));
-  void* abstract = &password;
+  libssh2pp::CallbackData data;
+  data.promptAnswer = &password;
+  void* abstract = &data;
   Session::userauth_callback("name", 4, "instruction", 11, prompts, questions.data(),
                              responses.data(), &abstract);
   std::vector<std::string> texts;
@@ -77,6 +83,34 @@ TEST(SessionStartTest, FailsWithTheLibrarysTextWhichIsLoggedToo) {
   EXPECT_THAT(log, ElementsAre("DEBUG k.libssh2pp.Session: Trying to start SSH session",
                                "ERROR k.libssh2pp.Session: SSH session was not started: " +
                                    error.substr(prefix.size())));
+}
+
+TEST(SessionStartTest, GivesASilentPeerTheLoginLimitOnly) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  const UniqueFd ours(ends[0]);
+  const UniqueFd theirs(ends[1]);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_THROW(Session(ours.get(), false, false, 50ms), Exc<&UnableToStartSshSession>);
+  EXPECT_GT(std::chrono::steady_clock::now() - begin, 25ms);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s);
+}
+
+TEST(SessionStartTest, GivesAPeerThatNeverStopsTalkingTheLoginLimitOnly) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  UniqueFd ours(ends[0]);
+  UniqueFd theirs(ends[1]);
+  std::thread peer([&] {
+    std::string lines;
+    for (int i = 0; i < 1000; ++i) lines += "a greeting\r\n";
+    while (send(theirs.get(), lines.data(), lines.size(), MSG_NOSIGNAL) > 0) continue;
+  });
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_THROW(Session(ours.get(), false, false, 50ms), Exc<&UnableToStartSshSession>);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s);
+  ours.close();
+  peer.join();
 }
 
 TEST(SessionStartTest, LogsHowThePeerPresentedItself) {
