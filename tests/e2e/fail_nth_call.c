@@ -1,6 +1,8 @@
 /* Preloaded into the tool: lets one call of the system fail, as if the system itself had.
  *
- * FAIL_KIND    write close fsync rename mkstemp chown mkdir statfs recv send
+ * FAIL_KIND    write close fsync rename mkstemp chown mkdir statfs recv send; or full: the
+ *              disk is, for each file whose path begins with FAIL_PATH, when FAIL_NTH bytes
+ *              have been written
  * FAIL_NTH     which of these calls fails, counted from 1
  * FAIL_STAYS   set: what failed stays so, as with a disk that is full; a connection is closed
  * FAIL_REPORT  file that gets a line for each call that failed: its kind and on what
@@ -26,6 +28,7 @@
 #include <unistd.h>
 
 static const char* failing_kind = "";
+static const char* failing_path = "";
 static char report[4096];
 static long nth, count;
 static int stays;
@@ -37,6 +40,7 @@ __attribute__((constructor)) static void begin(void) {
   if (!kind) return;
   failing_kind = strdup(kind);
   nth = atol(getenv("FAIL_NTH"));
+  if (getenv("FAIL_PATH")) failing_path = strdup(getenv("FAIL_PATH"));
   stays = getenv("FAIL_STAYS") != NULL;
   strncpy(report, getenv("FAIL_REPORT"), sizeof report - 1);
   tool = getpid();
@@ -44,36 +48,65 @@ __attribute__((constructor)) static void begin(void) {
   unsetenv("FAIL_KIND");
 }
 
-static int fails(const char* kind, int error, const char* what) {
-  if (strcmp(kind, failing_kind) != 0 || getpid() != tool) return 0;
-  ++count;
-  if (count != nth && !(stays && count > nth)) return 0;
+static int is_kind(const char* kind) { return strcmp(kind, failing_kind) == 0 && getpid() == tool; }
+
+static void tell(const char* what) {
   char line[8192];
-  const int size = snprintf(line, sizeof line, "%s %s\n", kind, what);
+  const int size = snprintf(line, sizeof line, "%s %s\n", failing_kind, what);
   const int fd = syscall(SYS_openat, AT_FDCWD, report, O_WRONLY | O_CREAT | O_APPEND, 0644);
   if (fd < 0 || syscall(SYS_write, fd, line, size) != size) abort();
   syscall(SYS_close, fd);
+}
+
+static int fails(const char* kind, int error, const char* what) {
+  if (!is_kind(kind)) return 0;
+  ++count;
+  if (count != nth && !(stays && count > nth)) return 0;
+  tell(what);
   errno = error;
   return 1;
 }
 
-static int fails_on_descriptor(const char* kind, int error, int fd) {
-  char link[64], path[4096];
+typedef char Path[4096];
+
+/* False when the descriptor is not open. */
+static int find_path(int fd, Path path) {
+  char link[64];
   snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
   const int kept = errno;
-  const ssize_t size = readlink(link, path, sizeof path - 1);
+  const ssize_t size = readlink(link, path, sizeof(Path) - 1);
   errno = kept;
-  /* Not open: it fails without us. */
-  if (size < 0) return 0;
-  path[size] = '\0';
-  return fails(kind, error, path);
+  if (size >= 0) path[size] = '\0';
+  return size >= 0;
+}
+
+static int fails_on_descriptor(const char* kind, int error, int fd) {
+  Path path;
+  return find_path(fd, path) && fails(kind, error, path);
 }
 
 #define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
 
+/* What of `size` bytes finds room; 0 for none. */
+static size_t room(int fd, size_t size) {
+  Path path;
+  if (!is_kind("full") || !find_path(fd, path)) return size;
+  if (strncmp(path, failing_path, strlen(failing_path)) != 0) return size;
+  const off_t at = lseek(fd, 0, SEEK_CUR);
+  if (at + (off_t)size <= nth) return size;
+  if (at < nth) return nth - at;
+  tell(path);
+  return 0;
+}
+
 /* A full disk. */
 ssize_t write(int fd, const void* bytes, size_t size) {
-  return fails_on_descriptor("write", ENOSPC, fd) ? -1 : REAL(write)(fd, bytes, size);
+  const size_t fitting = room(fd, size);
+  if (size > 0 && fitting == 0) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return fails_on_descriptor("write", ENOSPC, fd) ? -1 : REAL(write)(fd, bytes, fitting);
 }
 ssize_t writev(int fd, const struct iovec* parts, int number) {
   return fails_on_descriptor("write", ENOSPC, fd) ? -1 : REAL(writev)(fd, parts, number);

@@ -2,31 +2,27 @@
 import os
 import re
 import shutil
-import subprocess
 
 import pytest
 
 from content import offered
 from invariants import ARCHIVES, TEMPORARY, check, complete
-from world import HERE, ROOT, SESSION, Destination, Session, SourceHost, read, write
+from system_faults import Fault, preload  # a fixture  # noqa: F401  # pylint: disable=unused-import
+from world import ROOT, SESSION, Destination, Session, SourceHost
 
 pytestmark = [pytest.mark.matrix("calls"), pytest.mark.release_only]
 
-FOLDER = "/mnt/calls"
-REPORT = f"{FOLDER}/report"
 # The first file comes in several pieces.
 ENTRIES = {"first": bytes(range(256)) * 400, "sub/second": b"22", "third": b""}
 LIMIT_SECONDS = 20
-# By how far the system may get when the calls are counted.
+# Of one kind in one run: more of them would mean that the tool goes round in circles.
 MOST_CALLS = 500
 
 CONTENT = f"{ARCHIVES}/(first|sub/second|third)"
 # The debug log is not the run's work; a result log that cannot be saved does not undo it.
 LOGS = r"/mnt/session/(migration\.log|transfer\.result.*)"
-# What may fail for the connection's sake, by how far the run has got.
+# How a lost connection is told, by how far the run has got.
 LOST = {"UnableToStartSshSession", "SshInvalidCredentials", "InvalidHandle", "UnableToSendEof", "SshConnectionFault"}
-# A single error, after which the connection lives on, may look as if the command had failed.
-HICCUP = LOST | {"CantRetrieveContentList", "CantRetrieveContentFile"}
 NEVER = "(?!)"
 # kind: (the fewest calls there are, what may be told in the end, on what a failure does no harm)
 KINDS = {
@@ -41,9 +37,15 @@ KINDS = {
     "chown": (12, {"CantTakeFileOwnership", "CantRetrieveContentFile"}, f"{SESSION}(/archives)?|{LOGS}"),
     "mkdir": (3, {"UnableToCreateSession", "CantRetrieveContentFile"}, NEVER),
     "statfs": (1, {"CantStatFS"}, NEVER),
-    "recv": (40, HICCUP, "socket:.*"),
-    "send": (30, HICCUP, "socket:.*"),
+    "recv": (40, LOST, "socket:.*"),
+    "send": (30, LOST, "socket:.*"),
 }
+
+
+def each(kinds):
+    """Those of the connection are called often."""
+    return pytest.mark.parametrize("kind", [
+        pytest.param(kind, marks=[pytest.mark.slow] * (kind in ("recv", "send"))) for kind in kinds])
 
 
 @pytest.fixture(autouse=True)
@@ -53,26 +55,8 @@ def source():
         yield host
 
 
-@pytest.fixture
-def preload():
-    """Path of the compiled fail_nth_call.c."""
-    os.makedirs(FOLDER, exist_ok=True)
-    library = f"{FOLDER}/fail_nth_call.so"
-    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, f"{HERE}/fail_nth_call.c", "-ldl"], check=True)
-    yield library
-    shutil.rmtree(FOLDER)
-
-
 def get_content(environment=None):
     return Destination(ROOT).start("get-content", environment=environment).finish(LIMIT_SECONDS)
-
-
-def run_with_failure(library, kind, nth, stays):
-    """(the Outcome, on what each failed call was made)"""
-    write(REPORT)
-    environment = {"LD_PRELOAD": library, "FAIL_KIND": kind, "FAIL_NTH": str(nth), "FAIL_REPORT": REPORT}
-    outcome = get_content({**environment, "FAIL_STAYS": "1"} if stays else environment)
-    return outcome, [line.removeprefix(f"{kind} ") for line in os.fsdecode(read(REPORT)).splitlines()]
 
 
 def innermost_code(outcome):
@@ -90,7 +74,9 @@ def try_each(library, kind, stays, told, harmless):
     for nth in range(1, MOST_CALLS):
         shutil.rmtree(SESSION, ignore_errors=True)
         offered(ROOT, *ENTRIES.items())
-        outcome, failed = run_with_failure(library, kind, nth, stays)
+        fault = Fault(library, kind, nth, stays)
+        outcome = get_content(fault.environment)
+        failed = fault.struck()
         saved = Session().exists("transfer.result")
         assert saved or outcome.code == 1 or any("transfer.result" in what for what in failed), failed
         # A document that was written in full stays when it can neither be given away nor moved.
@@ -116,7 +102,7 @@ def rerun_completes(leaves):
 
 
 @pytest.mark.usefixtures("content_verify")
-@pytest.mark.parametrize("kind", KINDS)
+@each(KINDS)
 def test_one_that_fails_loses_nothing(preload, cases, kind):
     fewest, told, harmless = KINDS[kind]
     number = try_each(preload, kind, False, told, harmless)
@@ -125,9 +111,9 @@ def test_one_that_fails_loses_nothing(preload, cases, kind):
 
 
 @pytest.mark.usefixtures("content_verify")
-@pytest.mark.parametrize("kind", ["write", "mkstemp", "rename", "recv", "send"])
+@each(["write", "mkstemp", "rename", "recv", "send"])
 def test_all_from_one_on_that_fail_lose_nothing(preload, cases, kind):
     fewest, told, harmless = KINDS[kind]
-    number = try_each(preload, kind, True, LOST if kind in ("recv", "send") else told, harmless)
+    number = try_each(preload, kind, True, told, harmless)
     assert number >= fewest
     cases(number)

@@ -1,0 +1,36 @@
+"""Runs in which calls of the system fail, by a library that is preloaded into the tool."""
+import os
+import shutil
+import subprocess
+
+import pytest
+
+from world import HERE, read, write
+
+FOLDER = "/mnt/faults"
+REPORT = f"{FOLDER}/report"
+
+
+class Fault:
+    """What of fail_nth_call.c a run is to suffer."""
+
+    def __init__(self, library, kind, nth, stays=False, path=None):
+        self._kind = kind
+        given = {"LD_PRELOAD": library, "FAIL_KIND": kind, "FAIL_NTH": str(nth), "FAIL_REPORT": REPORT,
+                 "FAIL_STAYS": "1" if stays else None, "FAIL_PATH": path}
+        self.environment = {key: value for key, value in given.items() if value is not None}
+        write(REPORT)
+
+    def struck(self):
+        """On what each call was made that failed."""
+        return [line.removeprefix(f"{self._kind} ") for line in os.fsdecode(read(REPORT)).splitlines()]
+
+
+@pytest.fixture
+def preload():
+    """Path of the compiled fail_nth_call.c."""
+    library = f"{FOLDER}/fail_nth_call.so"
+    os.makedirs(FOLDER, exist_ok=True)
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, f"{HERE}/fail_nth_call.c", "-ldl"], check=True)
+    yield library
+    shutil.rmtree(FOLDER)
