@@ -10,6 +10,8 @@ from scripted_server import Held, Script, ScriptedServer, ends
 from world import (DTM, PLAIN, ROOT, Destination, Session, SourceHost, deployed_agent, install_agent,
                    wait_until, write)
 
+pytestmark = pytest.mark.matrix("signals")
+
 STOPPED = b"Migration has been terminated"
 MIB = 1 << 20
 POINTS = ["connected", "kexinit", "service-request", "userauth none", "userauth keyboard-interactive",

@@ -8,6 +8,8 @@ from content import left, offered
 from world import (DTM, PLAIN, ROOT, Destination, Session, SourceHost, deployed_agent, files_below, wait_until,
                    write)
 
+pytestmark = pytest.mark.matrix("signals")
+
 TEXT = b"Migration has been terminated"
 
 

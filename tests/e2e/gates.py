@@ -1,0 +1,90 @@
+"""A source host on which the commands of a content run wait wherever a test has put a gate."""
+import os
+import shutil
+
+from content import content_list
+from world import ROOT, SourceHost, deployed_agent, wait_until, write
+
+FOLDER = "/mnt/gates"
+PROGRAMS = "/mnt/bin"
+
+# Waits at the gate of this name, where there is one, and says first who it is that waits.
+WAIT = f"""
+gate() {{
+  [ -p "{FOLDER}/$1" ] || return 0
+  echo $$ > "{FOLDER}/$1.pid"
+  read -r line < "{FOLDER}/$1"
+}}
+"""
+
+CAT = f"""#!/bin/sh
+{WAIT}
+name=${{1##*/}}
+half=$(($(stat -c %s "$1") / 2))
+gate "before cat $name"
+head -c $half "$1"
+gate "amid cat $name"
+tail -c +$((half + 1)) "$1"
+gate "after cat $name"
+"""
+
+RM = f"""#!/bin/sh
+{WAIT}
+gate "before rm ${{1##*/}}"
+/bin/rm "$@" || exit
+gate "after rm ${{1##*/}}"
+"""
+
+AGENT = f"""
+{WAIT}
+list=${{0%/*}}/list.xml
+half=$(($(stat -c %s "$list") / 2))
+gate "before the list"
+head -c $half "$list"
+gate "amid the list"
+tail -c +$((half + 1)) "$list"
+"""
+
+
+def gated_host():
+    """A SourceHost whose `cat` and `rm` know the gates."""
+    write(f"{PROGRAMS}/cat", CAT, mode=0o755)
+    write(f"{PROGRAMS}/rm", RM, mode=0o755)
+    return SourceHost(options=[f"SetEnv PATH={PROGRAMS}:/usr/bin:/bin"])
+
+
+def offered_behind_gates(files, listed=()):
+    """An agent that offers the files ({name: content}) and lists them where `listed` does not say otherwise."""
+    shutil.rmtree(ROOT.agent_dir, ignore_errors=True)
+    entries = listed or [(name, content, {}) for name, content in files.items()]
+    deployed_agent(ROOT, AGENT, {"list.xml": content_list(entries), **files})
+
+
+class Gate:
+    """A point, as "amid cat NAME", at which the next command to come there waits."""
+
+    def __init__(self, point):
+        os.makedirs(FOLDER, exist_ok=True)
+        self._path = f"{FOLDER}/{point}"
+        self._point = point
+        self._pid = None
+        os.mkfifo(self._path)
+
+    def reached(self):
+        """Waits until a command waits here."""
+        self._pid = wait_until(self._waiting, f"a command to come to: {self._point}").strip()
+
+    def _waiting(self):
+        try:
+            with open(f"{self._path}.pid", encoding="utf-8") as pid:
+                return pid.read()
+        except FileNotFoundError:
+            return None
+
+    def open(self):
+        """Lets the command go on, and waits for its end; there is no gate here any more."""
+        with open(self._path, "wb") as pipe:
+            os.unlink(self._path)
+            os.unlink(f"{self._path}.pid")
+            pipe.write(b"go on\n")
+        wait_until(lambda: not os.path.exists(f"/proc/{self._pid}"), f"the end of the command at: {self._point}")
