@@ -1,8 +1,9 @@
 """What holds after every run of --get-content, whatever befell it."""
 import os
 import re
+import stat
 
-from world import ROOT, Session, files_below
+from world import ROOT, Session, read
 
 ARCHIVES = "/mnt/session/archives"
 # 0 to 2 and the failures of the connection; no other code, and no signal, ends a run by itself.
@@ -31,15 +32,22 @@ def check_documents(session):
             assert root in (None, found[0]), f"{name} has the root {found[0]}"
 
 
+def regular_files(folder):
+    """{path relative to the folder, as bytes: content}; a fifo or a device would be read for ever."""
+    top = os.fsencode(folder)
+    paths = [os.path.join(parent, name) for parent, _, names in os.walk(top) for name in names]
+    return {os.path.relpath(path, top): read(path) for path in paths if stat.S_ISREG(os.lstat(path).st_mode)}
+
+
 def complete(entries, target):
     """Names of the entries that lie below the target as they were offered."""
-    here = files_below(target)
+    here = regular_files(target)
     return {name for name, content in entries.items() if here.get(os.fsencode(name)) == content}
 
 
 def check_nothing_lost(entries, target=ARCHIVES, login=ROOT):
     """Every content file ({name: content}) is complete here, or unchanged on the source host, or both."""
-    there = files_below(login.agent_dir)
+    there = regular_files(login.agent_dir)
     lost = [name for name in set(entries) - complete(entries, target)
             if there.get(os.fsencode(name)) != entries[name]]
     assert not lost, f"neither here nor there: {lost}"
@@ -68,7 +76,7 @@ def check(outcome, entries, target=ARCHIVES, login=ROOT, session=None, leaves=0,
         check_result(outcome, terminated, session)
     if outcome.code == 0 and not terminated:
         check_work_done(outcome, entries, target, session)
-        stayed = set(files_below(login.agent_dir)) & {os.fsencode(name) for name in set(entries) - set(already)}
+        stayed = set(regular_files(login.agent_dir)) & {os.fsencode(name) for name in set(entries) - set(already)}
         assert not stayed or not result_saved or session.messages("transfer.result"), (
             f"{stayed} stayed on the source host without a word")
     else:
