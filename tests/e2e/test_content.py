@@ -386,29 +386,6 @@ def test_name_that_cannot_be_written_is_a_failure(source, name):
     assert cause_of_failure() == ("FileWrite", f"Error during /mnt/session/{name} write: Is a directory")
 
 
-@pytest.mark.parametrize("link, name", [
-    ("trap", "trap/file"), ("sub/trap", "sub/trap/deep/file"), ("file", "file"), ("sub/file", "sub/file"),
-], ids=["folder", "deeper folder", "file", "deeper file"])
-def test_link_that_was_planted_in_the_content_folder_is_not_followed(source, link, name):
-    offered(ROOT, (name, b"new content"))
-    target = write("/mnt/outside/file", b"kept") if link.endswith("file") else "/mnt/outside"
-    write("/mnt/outside/file", b"kept")
-    os.makedirs(os.path.dirname(f"{ARCHIVES}/{link}"))
-    os.symlink(target, f"{ARCHIVES}/{link}")
-    code, _ = cause_of_failure()
-    assert code == "CantRetrieveContentFile"
-    assert files_below("/mnt/outside") == {b"file": b"kept"}
-    assert left(ROOT) == [name]
-
-
-def test_folder_in_the_place_of_a_file_is_a_failure(source):
-    offered(ROOT, ("one", b""))
-    os.makedirs(f"{ARCHIVES}/one")
-    code, _ = cause_of_failure()
-    assert code == "CantRetrieveContentFile"
-    assert left(ROOT) == ["one"]
-
-
 def test_fails_when_sudo_refuses(source):
     offered(SUDOER, ("one", b"1"))
     outcome = Destination(SUDOER).run("get-content", sudo_password="wrong-passphrase")
