@@ -4,11 +4,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <map>
-#include <memory>
 #include <new>
 #include <optional>
-#include <string>
 #include <string_view>
 
 #include "hostlib/free_memory.h"
@@ -18,9 +15,7 @@ namespace {
 
 const char* const CONFIGURATION_FILE = "/etc/qrv/qrv.conf";
 
-using Store = std::map<std::string, std::string>;
-
-std::unique_ptr<const Store> theStore;
+std::unique_ptr<const QrvConfValues> theStore;
 
 struct Variable {
   const char* name = nullptr;
@@ -58,24 +53,23 @@ constexpr std::string_view WHITE_SPACE = " \t\n\v\f\r";
 constexpr std::string_view KEY_CHARACTERS =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
 
-void parseLine(const std::string& line, Store& store) {
+void parseLine(const char* path, const std::string& line, QrvConfValues& values) {
   const std::size_t start = line.find_first_not_of(WHITE_SPACE);
   if (start == std::string::npos || line[start] == '#') return;
   const std::size_t keyEnd = line.find_first_not_of(KEY_CHARACTERS, start);
   if (keyEnd == start || keyEnd == std::string::npos ||
       WHITE_SPACE.find(line[keyEnd]) == std::string_view::npos) {
-    messlog2(std::string("malformed line in configuration file ") + CONFIGURATION_FILE + ": " +
-             line);
+    messlog2(std::string("malformed line in configuration file ") + path + ": " + line);
     return;
   }
   const std::size_t valueStart = line.find_first_not_of(WHITE_SPACE, keyEnd);
-  store[line.substr(start, keyEnd - start)] =
+  values[line.substr(start, keyEnd - start)] =
       valueStart == std::string::npos ? "" : line.substr(valueStart);
 }
 
-void reportUnreadable(int error) {
-  messlog2(std::string("unable to open configuration file ") + CONFIGURATION_FILE + ": " +
-           std::strerror(error) + "\n");
+void reportUnreadable(const char* path, int error) {
+  messlog2(std::string("unable to open configuration file ") + path + ": " + std::strerror(error) +
+           "\n");
 }
 
 struct CloseFile {
@@ -95,27 +89,29 @@ std::optional<std::string> readLine(std::FILE* file) {
   return line;
 }
 
-std::unique_ptr<const Store> loadStore() {
-  const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(CONFIGURATION_FILE, "re"));
-  if (!file) {
-    reportUnreadable(errno);
-    return nullptr;
-  }
-  auto store = std::make_unique<Store>();
-  while (const std::optional<std::string> line = readLine(file.get())) parseLine(*line, *store);
-  if (std::ferror(file.get())) {
-    reportUnreadable(errno);
-    return nullptr;
-  }
-  return store;
-}
-
 }  // namespace
+
+std::unique_ptr<const QrvConfValues> readQrvConf(const char* path) {
+  const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path, "re"));
+  if (!file) {
+    reportUnreadable(path, errno);
+    return nullptr;
+  }
+  auto values = std::make_unique<QrvConfValues>();
+  while (const std::optional<std::string> line = readLine(file.get())) {
+    parseLine(path, *line, *values);
+  }
+  if (std::ferror(file.get())) {
+    reportUnreadable(path, errno);
+    return nullptr;
+  }
+  return values;
+}
 
 bool autoprepend() {
   if (theStore) return true;
   try {
-    theStore = loadStore();
+    theStore = readQrvConf(CONFIGURATION_FILE);
   } catch (const std::bad_alloc&) {
     messlog2("Not enough memory to allocate Korvo runtime configuration structure\n");
   }

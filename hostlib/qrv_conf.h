@@ -1,5 +1,9 @@
 #pragma once
 
+#include <map>
+#include <memory>
+#include <string>
+
 /// The host configuration file /etc/qrv/qrv.conf: lines of a key, white space and
 /// a value that runs to the end of the line; empty lines and lines that begin
 /// with '#' are skipped.
@@ -21,6 +25,12 @@ enum QrvConfVariable {
   PRODUCT_ROOT_D = 28,
   QRV_CONF_MAX = 29
 };
+
+using QrvConfValues = std::map<std::string, std::string>;
+
+/// Reads a file of that form. Null, with a line in the system log, when it cannot be
+/// read; a malformed line is reported there, too, and skipped.
+std::unique_ptr<const QrvConfValues> readQrvConf(const char* path);
 
 /// Loads the file unless that was done; false when it could not be read.
 bool autoprepend();

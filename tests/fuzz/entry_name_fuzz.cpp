@@ -1,0 +1,26 @@
+#include <boost/filesystem/path.hpp>
+
+#include "commons/content_folder.h"
+#include "tests/fuzz/fuzz.h"
+
+namespace {
+
+/// Where the system would go with the name, as if nothing were a symbolic link; another
+/// reading of it than the check's own.
+bool staysBelow(const std::string& folder, const std::string& name) {
+  const boost::filesystem::path below = boost::filesystem::path(folder) / name.c_str();
+  const std::string reached = below.lexically_normal().string();
+  return reached.size() > folder.size() + 1 && reached.compare(0, folder.size(), folder) == 0 &&
+         reached[folder.size()] == '/' && reached.back() != '/' && below.filename() != ".";
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string name = asText(data, size);
+  if (whyUnsafeName(name).empty()) {
+    require(staysBelow("/folder", name));
+    require(name.find('\0') == std::string::npos);
+  }
+  return 0;
+}
