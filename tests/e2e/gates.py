@@ -21,6 +21,7 @@ CAT = f"""#!/bin/sh
 {WAIT}
 name=${{1##*/}}
 half=$(($(stat -c %s "$1") / 2))
+/bin/cat > /dev/null  # the end of its input is the last that the tool sends before it waits
 gate "before cat $name"
 head -c $half "$1"
 gate "amid cat $name"
@@ -46,11 +47,11 @@ tail -c +$((half + 1)) "$list"
 """
 
 
-def gated_host():
+def gated_host(options=(), port=22):
     """A SourceHost whose `cat` and `rm` know the gates."""
     write(f"{PROGRAMS}/cat", CAT, mode=0o755)
     write(f"{PROGRAMS}/rm", RM, mode=0o755)
-    return SourceHost(options=[f"SetEnv PATH={PROGRAMS}:/usr/bin:/bin"])
+    return SourceHost(options=[*options, f"SetEnv PATH={PROGRAMS}:/usr/bin:/bin"], port=port)
 
 
 def offered_behind_gates(files, listed=()):
@@ -61,18 +62,18 @@ def offered_behind_gates(files, listed=()):
 
 
 class Gate:
-    """A point, as "amid cat NAME", at which the next command to come there waits."""
+    """A point, as "amid cat NAME", at which the next command to come there waits; its pid is known then."""
 
     def __init__(self, point):
         os.makedirs(FOLDER, exist_ok=True)
         self._path = f"{FOLDER}/{point}"
         self._point = point
-        self._pid = None
+        self.pid = None
         os.mkfifo(self._path)
 
     def reached(self):
         """Waits until a command waits here."""
-        self._pid = wait_until(self._waiting, f"a command to come to: {self._point}").strip()
+        self.pid = int(wait_until(self._waiting, f"a command to come to: {self._point}"))
 
     def _waiting(self):
         try:
@@ -87,4 +88,14 @@ class Gate:
             os.unlink(self._path)
             os.unlink(f"{self._path}.pid")
             pipe.write(b"go on\n")
-        wait_until(lambda: not os.path.exists(f"/proc/{self._pid}"), f"the end of the command at: {self._point}")
+        self._gone()
+
+    def kill(self, number):
+        """Ends the command that waits, by this signal."""
+        os.unlink(self._path)
+        os.unlink(f"{self._path}.pid")
+        os.kill(self.pid, number)
+        self._gone()
+
+    def _gone(self):
+        wait_until(lambda: not os.path.exists(f"/proc/{self.pid}"), f"the end of the command at: {self._point}")

@@ -5,6 +5,8 @@ from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=un
 from scripted_server import Script, ScriptedServer
 from world import DTM, PLAIN, Destination, Login, Session, install_agent, write
 
+pytestmark = pytest.mark.matrix("servers")
+
 REFUSED = "Unable to connect to host 127.0.0.1: you have specified incorrect username or password"
 
 

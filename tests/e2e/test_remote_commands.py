@@ -12,6 +12,8 @@ from scripted_server import Script, ScriptedServer, Stopped, ends
 from world import (BINARY, DTM, PLAIN, ROOT, SUDOER, Destination, Outcome, Session, SourceHost, deployed_agent,
                    install_agent, process_running, wait_until, write)
 
+pytestmark = pytest.mark.matrix("commands")
+
 SCOUT = f"{DTM}/scout.pl"
 MIB = 1 << 20
 
@@ -309,8 +311,8 @@ def test_input_and_output_in_step_come_through():
     assert result() == command.stdin == some_bytes(5 * MIB)
 
 
-@pytest.mark.parametrize("size", [1, 2 * MIB - 1, 2 * MIB, 2 * MIB + 1, 50 * MIB],
-                         ids=["one byte", "less than the window", "the window", "more than the window", "50 MiB"])
+@pytest.mark.parametrize("size", [0, 1, 2 * MIB - 1, 2 * MIB, 2 * MIB + 1, 50 * MIB],
+                         ids=["nothing", "one byte", "less than the window", "the window", "more than the window", "50 MiB"])
 @pytest.mark.parametrize("status", [0, 7])
 def test_command_that_has_ended_does_not_hold_its_input_up(size, status):
     def answer(command):

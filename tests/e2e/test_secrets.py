@@ -7,6 +7,8 @@ import pytest
 from world import (DTM, PLAIN, ROOT, RUNS, SUDOER, Destination, Login, Session, deployed_agent, read, set_password,
                    write)
 
+pytestmark = pytest.mark.matrix("secrets")
+
 SECRETS = (SUDOER.password.encode(), SUDOER.sudo_password.encode())
 
 
