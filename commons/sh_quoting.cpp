@@ -55,6 +55,14 @@ std::string sh_quote(const std::string& text) {
   return quoted;
 }
 
+bool hasBraceExpansion(const std::string& text) {
+  const std::string::size_type open = text.find('{');
+  const std::string::size_type close = text.rfind('}');
+  if (open == std::string::npos || close == std::string::npos || close < open) return false;
+  const std::string inside = text.substr(open, close - open);
+  return inside.find(',') != std::string::npos || inside.find("..") != std::string::npos;
+}
+
 void check_shell_arg(const std::string& argument) {
   if (!std::all_of(argument.begin(), argument.end(), isPlain)) {
     throw std::runtime_error("Internal error: bad escape_chars value");

@@ -9,6 +9,10 @@
 /// vanish from a command line; callers never pass it.
 std::string sh_quote(const std::string& text);
 
+/// True for a word that a shell other than POSIX's may expand to several, for sh_quote
+/// leaves braces as they are: "{a,b}" or "{1..3}". In doubt true.
+bool hasBraceExpansion(const std::string& text);
+
 /// Throws std::runtime_error unless every byte of `argument` may stand unquoted in
 /// a command line.
 void check_shell_arg(const std::string& argument);

@@ -498,7 +498,8 @@ bool RetrieveContentAction::download(const DumpFile& file, FileRetrievalProgress
   const std::string localPath = contentFolder().pathOf(file.name);
   std::ostringstream err;
   std::optional<Md5Sum> sum;
-  if (verify_) sum.emplace();
+  // Some login shells fetch, and would remove, other files than the one of that name.
+  if (verify_ || hasBraceExpansion(file.name)) sum.emplace();
   std::optional<std::string> failure;
   try {
     failure = receive(file, err, progress, sum ? &*sum : nullptr);

@@ -3,7 +3,8 @@ import pytest
 
 from content import left, md5, offered
 from scripted_server import Script, ScriptedServer, ends
-from world import (CONFIGURATION, ROOT, SUDOER, Destination, Session, files_below, install_agent, read, write)
+from world import (CONFIGURATION, ROOT, SUDOER, Destination, Session, SourceHost, files_below, install_agent, read,
+                   use_shell, write)
 
 ARCHIVES = f"{Session().path}/archives"
 WRAPPING = "Error during dump retrieval"
@@ -141,6 +142,23 @@ def test_output_cut_without_an_exit_status_is_found_out(content_verify):
     removed = any("rm" in command.line for command in server.commands)
     assert (outcome.code, removed) == ((2, False) if content_verify else (0, True))
     assert files_below(ARCHIVES) == {b"one": b"comp"}
+
+
+@pytest.mark.parametrize("shell, code", [("/bin/dash", 0), ("/bin/bash", 2)], ids=["dash", "bash"])
+def test_name_that_some_login_shells_expand_is_always_compared(shell, code):
+    """As bash takes it, the first name means the other two files."""
+    with SourceHost(recording=False):
+        use_shell(shell)
+        offered(ROOT, ("{a,b}", b"braces"), ("a", b"1"), ("b", b"2"))
+        outcome = Destination().run("get-content")
+    assert outcome.code == code
+    fetched = files_below(ARCHIVES)
+    assert (fetched.pop(b"a"), fetched.pop(b"b")) == (b"1", b"2")
+    if code == 0:
+        assert fetched == {b"{a,b}": b"braces"} and left(ROOT) == []
+    else:
+        assert left(ROOT) == ["{a,b}"]
+        assert Session().messages("transfer.result")[0] == wrong_size("{a,b}", 2, 6)
 
 
 @pytest.mark.parametrize("value", ["no", "", "maybe", "YES"], ids=["no", "nothing", "another word", "capitals"])

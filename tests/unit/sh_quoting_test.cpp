@@ -76,6 +76,17 @@ TEST(ShQuoteTest, LetsAnEmptyWordVanish) {
   EXPECT_EQ(throughShell(sh_quote("")), "0/");
 }
 
+TEST(BraceExpansionTest, IsSeenWhereAShellMightExpandTheWord) {
+  for (const char* word : {"{a,b}", "x{a,b}y", "{,}", "{a,{b,c}}", "{1..3}", "{{a,b}", "a{b}{c,d}",
+                           "{a..c..2}", "{..}", "{a}..{b}"}) {
+    EXPECT_TRUE(hasBraceExpansion(word)) << word;
+  }
+  for (const char* word : {"", "plain", "{}", "{a}", "!{}=%,^@", "},{", "a,b", "}a,b{", "{a}{b}",
+                           "{a,b", "a..b}", "{", "{a.b}"}) {
+    EXPECT_FALSE(hasBraceExpansion(word)) << word;
+  }
+}
+
 TEST(CheckShellArgTest, AcceptsExactlyTheBytesThatNeedNoQuoting) {
   for (int byte = 1; byte < 256; ++byte) {
     SCOPED_TRACE(byte);
