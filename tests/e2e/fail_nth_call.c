@@ -178,8 +178,13 @@ ssize_t send(int fd, const void* bytes, size_t size, int flags) {
 
 /* Buffered files whose writing and closing come back to the functions above. */
 static ssize_t write_file(void* fd, const char* bytes, size_t size) {
-  const ssize_t written = write((int)(intptr_t)fd, bytes, size);
-  return written < 0 ? 0 : written;
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t written = write((int)(intptr_t)fd, bytes + done, size - done);
+    if (written < 0) break;
+    done += written;
+  }
+  return done;
 }
 static int close_file(void* fd) { return close((int)(intptr_t)fd); }
 static FILE* open_for_writing(const char* path) {

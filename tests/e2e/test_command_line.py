@@ -45,6 +45,7 @@ def test_help_prints_the_usage_text_and_leaves_no_trace(arguments):
     assert not Session().exists("")
 
 
+@pytest.mark.matrix("local")
 @pytest.mark.parametrize("stdout", ["/dev/full", False], ids=["full", "closed"])
 def test_help_that_cannot_be_written_is_no_success(stdout):
     assert sondrel("--help", stdout=stdout).code == 1

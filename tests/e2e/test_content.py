@@ -294,6 +294,7 @@ def test_room_for_exactly_the_content_is_enough(source, small_disk):
     get_content(ROOT, "--dumps-dir", DUMPS)
 
 
+@pytest.mark.matrix("local")
 def test_one_byte_too_many_is_refused_before_anything_is_fetched(source, small_disk):
     offered(ROOT, ("one", b"1"), unpacked=small_disk + 1)
     assert cause_of_failure("--dumps-dir", DUMPS) == (
@@ -319,6 +320,7 @@ def test_dumps_folder_that_is_not_there_has_no_room_to_measure(source):
         "CantStatFS", f"Cannot stat filesystem containing {DUMPS}: No such file or directory")
 
 
+@pytest.mark.matrix("local")
 def test_disk_that_fills_up_loses_nothing_on_the_source(source, small_disk):
     offered(ROOT, ("large", b"x" * (small_disk + 4096)))
     code, _ = cause_of_failure("--dumps-dir", DUMPS, "--no-check-space")
@@ -379,6 +381,7 @@ def test_file_that_cannot_be_removed_is_told_and_does_not_end_the_run(source):
     assert left(PLAIN) == ["sub/one"]
 
 
+@pytest.mark.matrix("local")
 @pytest.mark.parametrize("name", ["dump-name", "migration-result-name"])
 def test_name_that_cannot_be_written_is_a_failure(source, name):
     offered(ROOT)

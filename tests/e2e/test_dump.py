@@ -152,6 +152,7 @@ def test_fails_before_it_connects_when_the_spec_is_unusable():
                   "Agent sample was not found or does not contain proper spec file")
 
 
+@pytest.mark.matrix("local")
 def test_fails_when_the_name_of_the_dump_cannot_be_written(source):
     deployed_agent(ROOT, "", {"dump.xml": ""})
     os.makedirs(Session().file("dump-name"))
@@ -159,6 +160,7 @@ def test_fails_when_the_name_of_the_dump_cannot_be_written(source):
                   "Error during /mnt/session/dump-name write: Is a directory")
 
 
+@pytest.mark.matrix("local")
 def test_fails_at_the_first_chunk_when_the_dump_cannot_be_written(source):
     deployed_agent(ROOT, "", {"dump.xml": "<dump/>"})
     os.makedirs(Session().file("dump.xml"))

@@ -77,6 +77,7 @@ def test_signal_that_ends_the_reading_is_a_failure(source):
     assert messages_inside(running.finish()) == []
 
 
+@pytest.mark.matrix("local")
 @pytest.mark.parametrize("stdout", ["/dev/full", False], ids=["full", "closed"])
 def test_output_that_cannot_be_written_is_a_failure(source, stdout):
     deployed_agent(ROOT, "", {STATUS: "<status/>"})

@@ -45,6 +45,7 @@ def test_odd_name_is_taken_as_it_stands(name):
     assert sorted(os.listdir(SESSION)) == [name]
 
 
+@pytest.mark.matrix("local")
 @pytest.mark.parametrize("taken, text", [
     ("session", b"Unable to create session: Unable to create session directory"),
     ("session/archives", b"Unable to create session: Unable to create session archives directory"),
