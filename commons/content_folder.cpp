@@ -7,6 +7,7 @@
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <cerrno>
+#include <climits>
 #include <vector>
 
 #include "commons/ExSystemError.h"
@@ -43,6 +44,9 @@ ContentFolder::ContentFolder(std::string path, uid_t owner, gid_t group)
     : path_(std::move(path)), owner_(owner), group_(group) {}
 
 OutputFile ContentFolder::create(const std::string& name) const {
+  // One part after the other it could be made all the same, and then not be used by
+  // anybody.
+  if (pathOf(name).size() >= PATH_MAX) throwSystemError(pathOf(name), ENAMETOOLONG);
   const UmaskGuard mask(CONTENT_UMASK);
   UniqueFd folder = openParent(name, true);
   // O_NONBLOCK: a FIFO in the file's place must not stop the run.

@@ -174,6 +174,17 @@ TEST_F(ContentFolderTest, RefusesAFileThatHasAnotherNameToo) {
   EXPECT_EQ(read("hard"), "untouched");
 }
 
+TEST_F(ContentFolderTest, RefusesANameThatIsTooLongForTheSystemBeforeAnythingIsMade) {
+  std::string name = "first";
+  while (path(name).size() < 4096) name += "/" + std::string(50, 'n');
+  EXPECT_EQ(failureOf(name), path(name) + ": File name too long");
+  EXPECT_FALSE(exists(path("first")));
+  // The longest that can be: a path of 4095 bytes.
+  name.resize(name.size() - (path(name).size() - 4095));
+  EXPECT_TRUE(write(name, "text"));
+  EXPECT_EQ(readFile(path(name)), "text");
+}
+
 TEST_F(ContentFolderTest, TruncatesAnOlderFile) {
   ASSERT_TRUE(write("file", "a long old text"));
   ASSERT_TRUE(write("file", "new"));
