@@ -1,12 +1,12 @@
 """What becomes of a run whose connection is lost, or whose server falls silent."""
 import re
 import signal
-import subprocess
 import threading
 import time
 
 import pytest
 
+from fast_clock import fast_clock  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from scripted_server import Script, ScriptedServer, Stopped, disconnect, ends, fin, mute, rst
 from world import DTM, PLAIN, ROOT, Destination, Session, install_agent, write
 
@@ -223,49 +223,6 @@ def test_farewell_to_a_silent_server_takes_no_longer_than_its_limit():
     assert (outcome.code, outcome.stdout) == (0, b"Migration has been terminated")
     assert server.connections[0].points[-1] == "channel-close"
     assert took < 3 + LIMIT_SECONDS
-
-
-# One second of the clock that it shows is a hundredth of one.
-FAST_CLOCK = r"""
-#define _GNU_SOURCE
-#include <dlfcn.h>
-#include <poll.h>
-#include <time.h>
-static const int SPEED = 100;
-int clock_gettime(clockid_t id, struct timespec* t) {
-  static int (*real)(clockid_t, struct timespec*);
-  static struct timespec begin;
-  if (!real) real = dlsym(RTLD_NEXT, "clock_gettime");
-  if (real(id, t)) return -1;
-  if (id != CLOCK_MONOTONIC) return 0;
-  if (!begin.tv_sec) begin = *t;
-  long long ns = ((t->tv_sec - begin.tv_sec) * 1000000000LL + t->tv_nsec - begin.tv_nsec) * SPEED;
-  ns += begin.tv_sec * 1000000000LL + begin.tv_nsec;
-  t->tv_sec = ns / 1000000000; t->tv_nsec = ns % 1000000000;
-  return 0;
-}
-time_t time(time_t* out) {
-  struct timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  if (out) *out = t.tv_sec;
-  return t.tv_sec;
-}
-int poll(struct pollfd* fds, nfds_t n, int ms) {
-  static int (*real)(struct pollfd*, nfds_t, int);
-  if (!real) real = dlsym(RTLD_NEXT, "poll");
-  return real(fds, n, ms > 0 ? (ms + SPEED - 1) / SPEED : ms);
-}
-"""
-
-
-@pytest.fixture
-def fast_clock():
-    """An environment in which time passes a hundred times as fast."""
-    write("/mnt/clock/clock.c", FAST_CLOCK)
-    subprocess.run(["cc", "-shared", "-fPIC", "-o", "/mnt/clock/clock.so", "/mnt/clock/clock.c", "-ldl"], check=True)
-    # A session that is freed amid its key exchange loses memory in the SSH library itself.
-    return {"LD_PRELOAD": "/mnt/clock/clock.so",
-            "ASAN_OPTIONS": "exitcode=99:detect_leaks=0:verify_asan_link_order=0"}
 
 
 @pytest.mark.parametrize("point, connections, code, text", [

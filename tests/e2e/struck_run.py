@@ -1,0 +1,100 @@
+"""A run of --get-content that a fault of the network strikes at a chosen point."""
+import contextlib
+import dataclasses
+import os
+import typing
+import xml.etree.ElementTree
+
+from gates import Gate, gated_host, offered_behind_gates
+from relay import Dialog, Relay
+from world import Destination, read, wait_until
+
+SIZE = 100_000
+
+
+def numbered_lines(name):
+    """Content in which no two places are the same."""
+    return b"".join(b"%s %06d\n" % (name.encode(), number) for number in range(SIZE // 10))[:SIZE]
+
+
+# What befalls a run strikes at the second one.
+FILES = {name: numbered_lines(name) for name in ("one", "two", "three")}
+STRUCK = "two"
+# Packets of known sizes: the length goes ahead of the rest, all of it encrypted, and is not
+# authenticated by itself.
+METHODS = ["KexAlgorithms curve25519-sha256,diffie-hellman-group14-sha256", "Ciphers aes256-ctr", "MACs hmac-sha2-256"]
+KEX_INIT = 30  # the message by which the client begins the exchange itself
+
+
+@dataclasses.dataclass(frozen=True)
+class Point:
+    """Where a run is struck: by what is said; or at a gate of the second file, when so many bytes of
+    it were received, and `after` so many bytes more from the server."""
+    causes: list  # tags of the errors inside the one that wraps every failure
+    at: typing.Any = None
+    gate: str = None
+    received: int = 0
+    after: int = 0
+
+
+NO_SESSION = ["UnableToStartSshSession"]
+NO_LOGIN = ["SshInvalidCredentials"]
+NO_FILE = ["CantRetrieveContentFile", "SshConnectionFault"]
+EARLY = {
+    "before the banner": Point(NO_SESSION, at="connected"),
+    "in the key exchange": Point(NO_SESSION, at=lambda: Dialog(message=KEX_INIT)),
+    # Its turns: the service, the question for the methods, the password.
+    "in authentication": Point(NO_LOGIN, at=lambda: Dialog(turn=3))}
+LATE = {
+    "at the start of the command": Point(NO_FILE, gate="before cat"),
+    "amid the download": Point(NO_FILE, gate="amid cat", received=SIZE // 2, after=1000),  # amid a packet, too
+    "between the last byte and the close": Point(NO_FILE, gate="after cat", received=SIZE)}
+POINTS = {**EARLY, **LATE}
+
+
+def source_host():
+    """A source host for relays, with content files on it."""
+    return gated_host(METHODS, port=2222)
+
+
+def commands_running():
+    """Processes of this private world that are neither ours nor our children: what a login has started."""
+    found = []
+    for name in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            parent = int(read(f"/proc/{name}/stat").rpartition(b")")[2].split()[1])
+            if os.getpid() not in (int(name), parent) and (
+                    os.readlink(f"/proc/{name}/ns/mnt") == os.readlink("/proc/self/ns/mnt")):
+                found.append(int(name))
+        except (FileNotFoundError, ProcessLookupError, PermissionError):
+            pass  # it has ended since the folder was listed, or is not of our container
+    return found
+
+
+def received(session):
+    """Bytes of the second file that the status tells; None before it is that one's turn."""
+    if not session.exists("migration.status"):
+        return None
+    current = xml.etree.ElementTree.fromstring(session.read("migration.status")).find("transfer/files/current-file")
+    if current is None or current.text != STRUCK:
+        return None
+    return int(current.get("size")) - int(current.get("size-left"))
+
+
+@contextlib.contextmanager
+def struck_run(fault, point, destination=None, environment=None, **where):
+    """(relay, running) of a run that was struck; `where` as for Relay."""
+    destination = destination or Destination()
+    gate = point.gate and Gate(f"{point.gate} {STRUCK}")
+    with Relay(fault, point.at, **where) as relay:
+        running = destination.start("get-content", environment=environment)
+        try:
+            if gate:
+                gate.reached()
+                wait_until(lambda: received(destination.session) == point.received, "all that was sent so far")
+                relay.strike(point.after)
+                gate.open()
+            wait_until(lambda: relay.struck_at, "the fault")
+            yield relay, running
+        finally:
+            running.kill()

@@ -1,0 +1,190 @@
+"""What the network does to a run of --get-content, at each of its steps."""
+import signal
+import time
+
+import pytest
+
+from fast_clock import fast_clock  # a fixture  # noqa: F401  # pylint: disable=unused-import
+from gates import offered_behind_gates
+from invariants import ARCHIVES, check, check_documents, check_nothing_lost, complete
+from relay import Dialog, Relay, corrupt, delay, fin, one_byte, rst, stall, throttle
+from struck_run import EARLY, FILES, LATE, POINTS, Point, commands_running, source_host, struck_run
+from world import ROOT, Destination, Session, wait_until
+
+pytestmark = pytest.mark.matrix("network")
+
+WRAPPING = "Error during dump retrieval"
+# From the fault to the end of the run.
+LIMIT_SECONDS = 1
+
+
+@pytest.fixture
+def source():
+    with source_host() as host:
+        offered_behind_gates(FILES)
+        yield host
+
+
+@pytest.fixture
+def no_leak_check():
+    """For a run whose session is freed amid its key exchange: the SSH library itself loses memory then."""
+    return {"ASAN_OPTIONS": "exitcode=99:detect_leaks=0"}
+
+
+def each(table):
+    return pytest.mark.parametrize("point", table.values(), ids=table.keys())
+
+
+def chain(message):
+    """Tags of a message and of those inside it."""
+    return [message[0]] + [tag for inner in message[3] for tag in chain(inner)]
+
+
+def check_failed(outcome, causes):
+    assert (outcome.code, outcome.stdout, outcome.stderr) == (2, b"", WRAPPING.encode())
+    assert [chain(message) for message in Session().messages("transfer.result")] == [["CantRetrieveDump", *causes]]
+    check(outcome, FILES)
+
+
+def check_next_run(source):
+    """Without the fault the next run completes, and fetches nothing that is here already."""
+    wait_until(lambda: not commands_running(), "the end of what the source host still does")
+    here = complete(FILES, ARCHIVES)
+    before = len(source.lines())
+    with Relay():
+        outcome = Destination().run("get-content")
+    assert outcome.code == 0
+    check(outcome, FILES, already=here)
+    assert [line for line in source.lines()[before:] if line.startswith("cat ")] == [
+        f"cat {ROOT.agent_dir}/{name}" for name in FILES if name not in here]
+
+
+def processor_ticks(running):
+    with open(f"/proc/{running.pid}/stat", encoding="utf-8") as stat:
+        fields = stat.read().rpartition(")")[2].split()
+    return int(fields[11]) + int(fields[12])
+
+
+def check_idle(running):
+    """It does not busy itself while it waits; a tick is 10 ms."""
+    before = processor_ticks(running)
+    time.sleep(0.3)
+    assert not running.ended()
+    assert processor_ticks(running) - before <= 1
+
+
+def check_stalled(running):
+    """It waits idly, and SIGTERM ends it at once."""
+    check_idle(running)
+    begin = time.monotonic()
+    running.send(signal.SIGTERM)
+    outcome = running.finish()
+    took = time.monotonic() - begin
+    assert (outcome.code, outcome.stdout, outcome.stderr) == (-signal.SIGTERM, b"", b"")
+    assert took < LIMIT_SECONDS
+    check(outcome, FILES)
+    assert not Session().exists("transfer.result")
+
+
+@pytest.mark.parametrize("way", [fin, rst], ids=["closed", "reset"])
+@each(POINTS)
+def test_lost_connection_is_noticed_at_once(source, content_verify, way, point):
+    with struck_run(way, point) as (relay, running):
+        outcome = running.finish()
+        took = time.monotonic() - relay.struck_at
+    check_failed(outcome, point.causes)
+    assert took < LIMIT_SECONDS
+    check_next_run(source)
+
+
+# A session that does not start is tried once more; with a key exchange that this server does not know.
+@pytest.mark.parametrize("point, connections, stalls", zip(EARLY.values(), (2, 2, 1), (2, 1, 1)), ids=EARLY)
+def test_stall_before_the_login_is_done_ends_by_its_limit(source, content_verify, fast_clock, point, connections,
+                                                          stalls):
+    begin = time.monotonic()
+    with struck_run(stall, point, environment=fast_clock) as (relay, running):
+        outcome = running.finish()
+        took = time.monotonic() - begin
+    check_failed(outcome, point.causes)
+    assert len(relay.links) == connections
+    # 120 s for each that stalls, a hundredth of it here.
+    assert 1.1 * stalls < took < 1.3 * stalls + 2
+    check_next_run(source)
+
+
+@each(LATE)
+def test_stall_after_the_login_is_waited_for_idly_and_ended_by_sigterm(source, content_verify, point):
+    with struck_run(stall, point) as (_, running):
+        check_stalled(running)
+    check_next_run(source)
+
+
+# The second file's end, or the third one, is still to come, and several answers with it.
+@pytest.mark.parametrize("way, at_least_seconds", [(delay, 0.5), (one_byte, 0), (throttle, 0.5)],
+                         ids=["delayed", "byte by byte", "throttled"])
+@each(POINTS)
+def test_slow_connection_brings_everything(source, content_verify, way, at_least_seconds, point):
+    with struck_run(way, point) as (relay, running):
+        outcome = running.finish()
+        took = time.monotonic() - relay.struck_at
+    assert outcome.code == 0
+    check(outcome, FILES)
+    assert took > at_least_seconds
+
+
+# --- corrupted bytes -------------------------------------------------------------------------
+
+# Behind the length, which is another matter: in the software's name, in the host's key, in what is encrypted.
+@pytest.mark.parametrize("point, offset", zip(POINTS.values(), (10, 60, 10, 10, 10, 10)), ids=POINTS)
+def test_corrupted_byte_is_found_out(source, content_verify, no_leak_check, point, offset):
+    with struck_run(corrupt(offset), point, environment=no_leak_check) as (_, running):
+        outcome = running.finish(15)
+    check_failed(outcome, point.causes)
+    check_next_run(source)
+
+
+# The client's turns from the login on: it opens a channel, and starts the command in it.
+@pytest.mark.parametrize("turn", [4, 5, 8, 9], ids=["channel of the list", "start of the list",
+                                                   "channel of a file", "start of a file"])
+def test_corrupted_answer_to_a_request_is_found_out(source, turn):
+    with struck_run(corrupt(10), Point([], at=lambda: Dialog(turn=turn))) as (_, running):
+        outcome = running.finish()
+    assert outcome.code == 2
+    check(outcome, FILES)
+    check_next_run(source)
+
+
+# What a packet's length says is believed until all of it is there; in the key exchange and at the login
+# that has its limit.
+@pytest.mark.parametrize("name, offset, mask", [
+    ("before the banner", 0, 0x01),  # the version is taken for a line of text ahead of it
+    ("in the key exchange", 3, 0x10),
+    ("in authentication", 3, 0x10),
+    ("in authentication", 0, 0x80),
+    ("at the start of the command", 3, 0x10),
+    ("at the start of the command", 0, 0x80),
+    ("between the last byte and the close", 0, 0x80)],
+    ids=["version", "key exchange", "login", "login, beyond all bounds", "content", "content, beyond all bounds",
+         "end, beyond all bounds"])
+def test_corrupted_length_is_found_out(source, fast_clock, name, offset, mask):
+    with struck_run(corrupt(offset, mask), POINTS[name], environment=fast_clock) as (_, running):
+        outcome = running.finish(15)
+    check_failed(outcome, POINTS[name].causes)
+    check_next_run(source)
+
+
+def test_corrupted_length_that_waits_for_more_than_comes_is_a_stall(source):
+    """No one can tell: it is the last packet, and the server waits for an answer."""
+    with struck_run(corrupt(3, 0x10), POINTS["between the last byte and the close"]) as (_, running):
+        check_stalled(running)
+    check_next_run(source)
+
+
+def test_corrupted_length_that_no_cipher_has_loses_nothing(source):
+    """The SSH library itself may abort the run where a length is no multiple of the cipher's block."""
+    with struck_run(corrupt(3, 0x01), POINTS["at the start of the command"]) as (_, running):
+        outcome = running.finish()
+    assert outcome.code in (2, -signal.SIGABRT)
+    check_nothing_lost(FILES)
+    check_documents(Session())
+    check_next_run(source)
