@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iostream>
 #include <log4cpp/Category.hh>
+#include <sstream>
 
 #include "commons/ExSystemError.h"
 #include "commons/ProgramTerminatedException.h"
@@ -31,6 +32,8 @@ constexpr std::uint16_t DEFAULT_SSH_PORT = 22;
 constexpr unsigned int REFRESH_INTERVAL_S = 5;
 constexpr mode_t CONTENT_DIR_MODE = 0755;
 constexpr mode_t OUTPUT_UMASK = 022;
+/// More than a million entries.
+constexpr std::size_t CONTENT_LIST_LIMIT = std::size_t{256} << 20;
 
 /// The action whose dumping status the alarm refreshes; none while no agent dumps and
 /// during a refresh. Read by a signal handler.
@@ -110,7 +113,7 @@ void recordWrongSum(const DumpFile& file, const std::string& sum) {
 }
 
 /// What a remote command wrote to its error output, for an error's text.
-std::string errorTextOf(const std::ostringstream& err) {
+std::string errorTextOf(const CollectedText& err) {
   return maskSecrets(err.str());
 }
 
@@ -187,8 +190,8 @@ int Action::execRoot(const std::string& command, std::ostream& out, std::ostream
 
 void Action::checkSudoPresence() {
   if (sudoChecked_) return;
-  std::ostringstream out;
-  std::ostringstream err;
+  CollectedText out;
+  CollectedText err;
   try {
     getSsh().exec("sudo -V", out, err, false, Ssh::null_counter);
   } catch (const Exc<&SshCommandNotFound>&) {
@@ -208,8 +211,8 @@ void Action::takeFile(const std::string& path) {
   if (!config_->sudo) return;
   checkSudoPresence();
   const ArgsBuilder line = ArgsBuilder("chown") << config_->login << path;
-  std::ostringstream out;
-  std::ostringstream err;
+  CollectedText out;
+  CollectedText err;
   if (execRoot(line.str(), out, err, false) != 0) {
     throw Exc<&CantTakeFileOwnership>(HERE) % path % errorTextOf(err);
   }
@@ -288,7 +291,7 @@ void SendScoutAction::execute() {
   // scout is broken.
   if (!script) throw Exc<&UnableToOpenScoutFile>(HERE);
   ResultFile result(theSession->getScoutResultFileName());
-  std::ostringstream err;
+  CollectedText err;
   const int exitStatus = execRoot("perl", script, result.stream(), err, false, true);
   result.finish();
   if (exitStatus != 0) throw Exc<&FailedToExecuteScout>(HERE) % exitStatus % errorTextOf(err);
@@ -328,8 +331,8 @@ std::string RetrieveDumpAction::agentCommandLine() const {
 
 void RetrieveDumpAction::runAgent(const std::string& command) {
   const StatusRefreshGuard refresh(this);
-  std::ostringstream out;
-  std::ostringstream err;
+  CollectedText out;
+  CollectedText err;
   std::istringstream input(agentInput_);
   const int exitStatus = agentInput_.empty() ? execRoot(command, out, err, false)
                                              : execRoot(command, input, out, err, false, false);
@@ -340,7 +343,7 @@ void RetrieveDumpAction::fetchDump() {
   const std::string remotePath = remotePathOf("dump.xml");
   takeFile(remotePath);
   ResultFile dump(theSession->getDumpFileName());
-  std::ostringstream err;
+  CollectedText err;
   if (getSsh().get(dump, err, remotePath, Ssh::null_counter) != 0) {
     throw Exc<&CantRetrieveDumpFile>(HERE) % errorTextOf(err);
   }
@@ -455,8 +458,8 @@ void RetrieveContentAction::createContentDir() {
 std::unique_ptr<AgentFileList> RetrieveContentAction::requestContentList() {
   ArgsBuilder line = agentCommand();
   line << "--get-content-list";
-  std::ostringstream out;
-  std::ostringstream err;
+  CollectedText out(CONTENT_LIST_LIMIT, CollectedText::REFUSE);
+  CollectedText err;
   if (execRoot(line.str(), out, err, false) != 0) {
     throw Exc<&CantRetrieveContentList>(HERE) % errorTextOf(err);
   }
@@ -496,7 +499,7 @@ void RetrieveContentAction::retrieveEntry(const DumpFile& file,
 bool RetrieveContentAction::download(const DumpFile& file, FileRetrievalProgressUpdater& progress) {
   const std::string remotePath = remotePathOf(file.name);
   const std::string localPath = contentFolder().pathOf(file.name);
-  std::ostringstream err;
+  CollectedText err;
   std::optional<Md5Sum> sum;
   // Some login shells fetch, and would remove, other files than the one of that name.
   if (verify_ || hasBraceExpansion(file.name)) sum.emplace();
@@ -516,8 +519,7 @@ bool RetrieveContentAction::download(const DumpFile& file, FileRetrievalProgress
 
 /// Nothing once the file is complete and on the disk, for then its remote copy goes;
 /// else what went wrong.
-std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file,
-                                                          std::ostringstream& err,
+std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file, CollectedText& err,
                                                           FileRetrievalProgressUpdater& progress,
                                                           Md5Sum* sum) {
   const ServiceAccount& owner = serviceAccount();
@@ -555,8 +557,8 @@ void RetrieveContentAction::removeRemoteFile(const DumpFile& file) {
     theLog->log(Exc<&UnableToRemoveRemoteFile>(HERE) % remotePath % getConfig().host % reason);
   };
   const ArgsBuilder line = ArgsBuilder("rm") << remotePath;
-  std::ostringstream out;
-  std::ostringstream err;
+  CollectedText out;
+  CollectedText err;
   try {
     if (execRoot(line.str(), out, err, false) != 0) logFailure(errorTextOf(err));
   } catch (const MigrationTerminatedException&) {
@@ -605,8 +607,8 @@ void RetrieveContentAction::checkFile(const DumpFile& file) {
 
 void RemoveAgentAction::execute() {
   const ArgsBuilder line = ArgsBuilder("rm") << "-rf" << getConfig().agent_dir;
-  std::ostringstream out;
-  std::ostringstream err;
+  CollectedText out;
+  CollectedText err;
   try {
     execRoot(line.str(), out, err, false);
   } catch (const ExTraceable&) {

@@ -7,11 +7,11 @@
 #include <ctime>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "commons/agent_spec.h"
+#include "commons/collected_text.h"
 #include "commons/commons.h"
 #include "commons/content_folder.h"
 #include "commons/formats.h"
@@ -234,7 +234,7 @@ class RetrieveContentAction : public Action {
   void checkFreeSpace(const AgentFileList& list);
   void retrieveEntry(const DumpFile& file, FileRetrievalProgressUpdater& progress);
   bool download(const DumpFile& file, FileRetrievalProgressUpdater& progress);
-  std::optional<std::string> receive(const DumpFile& file, std::ostringstream& err,
+  std::optional<std::string> receive(const DumpFile& file, CollectedText& err,
                                      FileRetrievalProgressUpdater& progress, Md5Sum* sum);
   static bool isAsListed(const DumpFile& file, Md5Sum& received);
   void removeRemoteFile(const DumpFile& file);

@@ -59,8 +59,8 @@ void SendAgentAction::makeRemoteDir(const std::string& remote) {
 }
 
 void SendAgentAction::runForDir(const ArgsBuilder& line, const std::string& remote) {
-  std::ostringstream out;
-  std::ostringstream err;
+  CollectedText out;
+  CollectedText err;
   if (execRoot(line.str(), out, err, false) != 0) {
     throw Exc<&CantCreateAgentDirectory>(HERE) % remote % maskSecrets(err.str());
   }
@@ -83,7 +83,7 @@ void SendAgentAction::requestAgentStatus() {
   const std::string script = "cd " + getConfig().agent_dir + " && " +
                              agent->effectiveInterpreter() + " " + entryPath + " --get-status";
   const ArgsBuilder line = ArgsBuilder("sh") << "-c" << script;
-  std::ostringstream err;
+  CollectedText err;
   if (execRoot(line.str(), statusFile.stream(), err, false) != 0) {
     throw Exc<&CantRequestAgentStatus>(HERE) % entryPath % maskSecrets(err.str());
   }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commons/ProgramTerminatedException.h"
+#include "commons/collected_text.h"
 #include "commons/commons.h"
 #include "commons/log.h"
 #include "commons/sh_quoting.h"
@@ -242,8 +243,8 @@ int Ssh::get(const std::string& localPath, const std::string& remotePath) {
 int Ssh::put(std::istream& in, const std::string& remotePath, std::string& errorText) {
   sshLog.debug("Writing data to the remote file " + remotePath);
   const std::string command = (boost::format("cat > %1%") % sh_quote(remotePath)).str();
-  std::ostringstream out;
-  std::ostringstream err;
+  CollectedText out;
+  CollectedText err;
   const int status = exec(command, in, out, err, true, true, null_counter);
   errorText = err.str();
   return status;

@@ -5,9 +5,9 @@ import subprocess
 import pytest
 
 from content import left, md5, offered
-from world import (BINARY, HOST, PLAIN, ROOT, SOURCE_TREE, SUDOER, Destination, RemoteCommand, Session, deployed_agent,
-                   files_below, install_agent, install_sample_agent, owner_and_mode, read, root_command, sh_quote,
-                   sudo_check, user_line, wait_until, write)
+from world import (BINARY, HOST, PLAIN, ROOT, SOURCE_TREE, SUDOER, Destination, RemoteCommand, Session, SourceHost,
+                   deployed_agent, files_below, install_agent, install_sample_agent, owner_and_mode, read,
+                   root_command, sh_quote, sudo_check, user_line, wait_until, write)
 
 ARCHIVES = "/mnt/session/archives"
 DUMPS = "/mnt/dumps"
@@ -349,6 +349,27 @@ def test_listing_of_something_else_is_refused(source, printed, code, text):
     found = cause_of_failure()
     assert (found[0], found[1][:len(text)]) == (code, text)
     assert os.listdir(ARCHIVES) == []
+
+
+@pytest.mark.matrix("commands")
+def test_listing_without_an_end_is_given_up():
+    deployed_agent(ROOT, "exec yes")
+    with SourceHost(recording=False):
+        running = Destination().start("get-content")
+        assert running.finish().code == 2
+    (_, _, _, ((code, _, text, _),)), = Session().messages("transfer.result")
+    assert (code, text) == ("StreamWrite", "Cannot write data to the stream")
+
+
+@pytest.mark.matrix("commands")
+def test_complaints_without_measure_are_told_in_part():
+    deployed_agent(ROOT, "head -c 20000000 /dev/zero | tr '\\0' x >&2; exit 1")
+    with SourceHost(recording=False):
+        assert Destination().run("get-content").code == 2
+    (_, _, _, ((code, _, text, _),)), = Session().messages("transfer.result")
+    assert code == "CantRetrieveContentList"
+    assert text == ("Error during content list retrieval: " + "x" * (4 << 20)
+                    + f"\n[{20000000 - (4 << 20)} more bytes were left out]\n")
 
 
 def test_missing_agent_is_told_before_the_host_is_asked():

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <ostream>
+#include <streambuf>
+#include <string>
+
+/// Keeps what a remote command writes, but no more than a limit: another host must not
+/// decide how much memory this one has left.
+class CollectedText : public std::ostream {
+ public:
+  /// What becomes of the bytes behind the limit.
+  enum Excess {
+    /// They are left out, and `str` says how many.
+    LEAVE_OUT,
+    /// The stream fails.
+    REFUSE
+  };
+
+  /// Enough for whatever a command has to complain about.
+  static constexpr std::size_t DEFAULT_LIMIT = std::size_t{4} << 20;
+
+  explicit CollectedText(std::size_t limit = DEFAULT_LIMIT, Excess excess = LEAVE_OUT);
+
+  std::string str() const;
+
+ private:
+  class Buf : public std::streambuf {
+   public:
+    Buf(std::size_t limit, Excess excess) : limit_(limit), excess_(excess) {}
+    std::string str() const;
+
+   protected:
+    int_type overflow(int_type c) override;
+    std::streamsize xsputn(const char* bytes, std::streamsize size) override;
+
+   private:
+    std::size_t limit_;
+    Excess excess_;
+    std::string kept_;
+    std::size_t leftOut_ = 0;
+  };
+
+  Buf buffer_;
+};
