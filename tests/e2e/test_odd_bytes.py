@@ -6,6 +6,8 @@ import pytest
 from content import left, offered
 from world import DTM, PLAIN, ROOT, Destination, Session, files_below, write
 
+pytestmark = pytest.mark.matrix("documents")
+
 
 @pytest.mark.parametrize("first", range(0, 256, 64))
 def test_result_log_can_be_read_whatever_a_command_printed(source, first):
