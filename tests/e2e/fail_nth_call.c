@@ -114,7 +114,14 @@ ssize_t writev(int fd, const struct iovec* parts, int number) {
 
 /* Linux has released the descriptor when it reports that what was written is lost. */
 int close(int fd) {
-  const int failed = fails_on_descriptor("close", EIO, fd);
+  Path path;
+  char what[sizeof(Path) + 16];
+  int failed = 0;
+  if (is_kind("close") && find_path(fd, path)) {
+    const int only_read = (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY;
+    snprintf(what, sizeof what, "%s%s", only_read ? "(only read) " : "", path);
+    failed = fails("close", EIO, what);
+  }
   const int result = REAL(close)(fd);
   if (!failed) return result;
   errno = EIO;
