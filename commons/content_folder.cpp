@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
@@ -49,13 +48,12 @@ OutputFile ContentFolder::create(const std::string& name) const {
   if (pathOf(name).size() >= PATH_MAX) throwSystemError(pathOf(name), ENAMETOOLONG);
   const UmaskGuard mask(CONTENT_UMASK);
   UniqueFd folder = openParent(name, true);
-  // O_NONBLOCK: a FIFO in the file's place must not stop the run.
+  // O_NONBLOCK: a FIFO in the file's place must not stop the run. No O_TRUNC: it may be
+  // somebody's hard link.
   const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   UniqueFd file(openat(folder.get(), getFileNameFromPath(name).c_str(), flags, NEW_FILE_MODE));
   if (!file) throwSystemError(pathOf(name), errno);
   if (const int error = whyNotToBeWritten(file)) throwSystemError(pathOf(name), error);
-  // Not when it was opened, for it may have been somebody's hard link.
-  if (ftruncate(file.get(), 0) != 0) throwSystemError(pathOf(name), errno);
   return OutputFile(pathOf(name), std::move(file), std::move(folder));
 }
 

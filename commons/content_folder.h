@@ -18,10 +18,10 @@ class ContentFolder {
   /// New folders get this owner and group and mode 0755.
   ContentFolder(std::string path, uid_t owner, gid_t group);
 
-  /// Opens the file `name` for writing, truncated, with its missing folders made; a
-  /// new file gets mode 0644. One that has another name as well is refused, since what
-  /// it holds is not this folder's alone. Throws SystemError, naming the part that
-  /// failed.
+  /// Opens the file `name` for writing, with its missing folders made; a new file gets
+  /// mode 0644, and what an older one holds is replaced as OutputFile says. One that has another
+  /// name as well is refused, since what it holds is not this folder's alone. Throws SystemError,
+  /// naming the part that failed.
   OutputFile create(const std::string& name) const;
 
   /// True when `name` leads to that very file: what was written may have been removed

@@ -13,7 +13,17 @@ FdStreamBuf::int_type FdStreamBuf::overflow(int_type c) {
   return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
 }
 
+bool FdStreamBuf::finish() {
+  if (replacing_ && ftruncate(fd_, 0) != 0) {
+    error_ = errno;
+    return false;
+  }
+  replacing_ = false;
+  return true;
+}
+
 std::streamsize FdStreamBuf::xsputn(const char* bytes, std::streamsize size) {
+  if (size > 0 && !finish()) return 0;
   std::streamsize done = 0;
   while (done < size) {
     const ssize_t written = write(fd_, bytes + done, static_cast<std::size_t>(size - done));
@@ -30,14 +40,17 @@ std::streamsize FdStreamBuf::xsputn(const char* bytes, std::streamsize size) {
 
 OutputFile::OutputFile(const std::string& path)
     : OutputFile(path, UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
-                 UniqueFd()) {}
+                 UniqueFd(), false) {}
 
 OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd folder)
+    : OutputFile(path, std::move(file), std::move(folder), true) {}
+
+OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd folder, bool replaceContent)
     : path_(path),
       file_(std::move(file)),
       folder_(std::move(folder)),
       error_(file_ ? 0 : errno),
-      buffer_(file_.get()),
+      buffer_(file_.get(), replaceContent),
       stream_(&buffer_) {
   if (!file_) stream_.setstate(std::ios::badbit);
 }
@@ -54,12 +67,13 @@ bool OutputFile::noteFailure() {
 }
 
 bool OutputFile::close() {
-  const bool complete = file_ && stream_.good();
+  const bool complete = file_ && stream_.good() && buffer_.finish();
   if (file_.close() != 0) return noteFailure();
   return complete;
 }
 
 bool OutputFile::syncAndClose() {
+  if (!buffer_.finish()) return false;
   // EINVAL: nothing on the way to a disk, as with a device.
   if (file_ && fdatasync(file_.get()) != 0 && errno != EINVAL) return noteFailure();
   if (!close()) return false;

@@ -14,7 +14,11 @@
 class FdStreamBuf : public std::streambuf {
  public:
   /// The descriptor stays the caller's.
-  explicit FdStreamBuf(int fd) : fd_(fd) {}
+  /// With `replaceContent` the first write, or `finish` if there is none, truncates the
+  /// file.
+  explicit FdStreamBuf(int fd, bool replaceContent = false) : fd_(fd), replacing_(replaceContent) {}
+  /// False when what the file held could not be truncated.
+  bool finish();
   /// From now on counts what was written; `sum` must outlive the buffer, or the next
   /// call, which may give null.
   void setSum(Md5Sum* sum) { sum_ = sum; }
@@ -27,6 +31,7 @@ class FdStreamBuf : public std::streambuf {
 
  private:
   int fd_;
+  bool replacing_;
   int error_ = 0;
   Md5Sum* sum_ = nullptr;
 };
@@ -46,7 +51,9 @@ class OutputFile {
  public:
   /// Creates or truncates `path`; a new file gets mode 0666 less the umask.
   explicit OutputFile(const std::string& path);
-  /// Takes over a file that somebody opened in `folder`. `path` is for messages.
+  /// Takes over a file that somebody opened in `folder`. `path` is for messages. What
+  /// the file holds is kept until the first byte comes, or until it is closed without
+  /// one: an attempt that brings nothing destroys nothing.
   OutputFile(const std::string& path, UniqueFd file, UniqueFd folder);
 
   bool isOpen() const { return static_cast<bool>(file_); }
@@ -65,6 +72,7 @@ class OutputFile {
   std::string errorText() const;
 
  private:
+  OutputFile(const std::string& path, UniqueFd file, UniqueFd folder, bool replaceContent);
   bool noteFailure();
 
   std::string path_;

@@ -389,6 +389,22 @@ def test_file_that_is_not_there_ends_the_run(source):
     assert not Session().exists("dump-name") and not Session().exists("migration-result-name")
 
 
+@pytest.mark.parametrize("attributes", [{"md5sum": ""}, {"md5sum": md5(b"another")}], ids=["no sum", "another sum"])
+def test_local_copy_is_left_alone_when_the_remote_one_has_gone(source, content_verify, attributes):
+    """It may be the only one: an earlier run has fetched the file and removed it there."""
+    offered(ROOT, ("one", None, attributes))
+    write(f"{ARCHIVES}/one", b"the only copy")
+    assert cause_of_failure()[0] == "CantRetrieveContentFile"
+    assert files_below(ARCHIVES) == {b"one": b"the only copy"}
+
+
+def test_empty_file_replaces_an_older_one(source):
+    offered(ROOT, ("one", b""))
+    write(f"{ARCHIVES}/one", b"an older and longer content")
+    get_content()
+    assert files_below(ARCHIVES) == {b"one": b""}
+
+
 def test_file_that_cannot_be_removed_is_told_and_does_not_end_the_run(source):
     offered(PLAIN, ("sub/one", b"1"), ("two", b"22"))
     os.chown(f"{PLAIN.agent_dir}/sub", 0, 0)

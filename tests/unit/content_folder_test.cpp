@@ -185,10 +185,17 @@ TEST_F(ContentFolderTest, RefusesANameThatIsTooLongForTheSystemBeforeAnythingIsM
   EXPECT_EQ(readFile(path(name)), "text");
 }
 
-TEST_F(ContentFolderTest, TruncatesAnOlderFile) {
+TEST_F(ContentFolderTest, TruncatesAnOlderFileAtTheFirstByteOrWhenItIsClosed) {
   ASSERT_TRUE(write("file", "a long old text"));
-  ASSERT_TRUE(write("file", "new"));
+  { const OutputFile abandoned = folder_.create("file"); }
+  EXPECT_EQ(readFile(path("file")), "a long old text");
+  {
+    OutputFile begun = folder_.create("file");
+    begun.stream() << "new";
+  }
   EXPECT_EQ(readFile(path("file")), "new");
+  ASSERT_TRUE(write("file", ""));
+  EXPECT_EQ(readFile(path("file")), "");
 }
 
 TEST_F(ContentFolderTest, KnowsAFileThatIsNoLongerInItsPlace) {
