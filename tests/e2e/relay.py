@@ -13,6 +13,7 @@ import time
 
 from world import HOST
 
+SERVER = (HOST, 2222)
 READ_BYTES = 65536
 NEWKEYS = 21
 END = b""
@@ -238,17 +239,16 @@ class Link:
 
 
 class Relay:
-    """Carries connections to port 2222 while it is entered. With a fault, each of them is struck at
+    """Carries connections from port 22, or the listener, to port 2222 while it is entered. With a fault, each of them is struck at
     the point: "connected", or where `dialog()` finds it; or when the test says so."""
 
-    def __init__(self, fault=None, at=None, address=(HOST, 22), server=(HOST, 2222)):
+    def __init__(self, fault=None, at=None, listener=None):
         self.links = []
         self.struck_at = None  # when a fault was last done, on the monotonic clock
         self.selector = selectors.DefaultSelector()
         self._fault = fault
         self._at = at
-        self._server = server
-        self._listener = socket.create_server(address)
+        self._listener = listener or socket.create_server((HOST, 22))
         self._posted, self._posting = socket.socketpair()
         self._work = collections.deque()
         self._running = True
@@ -319,7 +319,7 @@ class Relay:
     def _accept(self):
         client = self._listener.accept()[0]
         dialog = self._at() if callable(self._at) else None
-        link = Link(self, client, socket.create_connection(self._server), dialog)
+        link = Link(self, client, socket.create_connection(SERVER), dialog)
         self.links.append(link)
         if self._at == "connected":
             self.struck(link)

@@ -6,14 +6,14 @@ import pytest
 
 from fast_clock import fast_clock  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from gates import offered_behind_gates
-from invariants import ARCHIVES, check, check_documents, check_nothing_lost, complete
-from relay import Dialog, Relay, corrupt, delay, fin, one_byte, rst, stall, throttle
-from struck_run import EARLY, FILES, LATE, POINTS, Point, commands_running, source_host, struck_run
-from world import ROOT, Destination, Session, wait_until
+from invariants import check, check_documents, check_nothing_lost
+from relay import Dialog, corrupt, delay, fin, one_byte, rst, stall, throttle
+from struck_run import (EARLY, FILES, LATE, NO_LEAK_CHECK, POINTS, Point, check_failed, check_next_run, processor_ticks,
+                        source_host, struck_run)
+from world import Session
 
 pytestmark = pytest.mark.matrix("network")
 
-WRAPPING = "Error during dump retrieval"
 # From the fault to the end of the run.
 LIMIT_SECONDS = 1
 
@@ -25,44 +25,8 @@ def source():
         yield host
 
 
-@pytest.fixture
-def no_leak_check():
-    """For a run whose session is freed amid its key exchange: the SSH library itself loses memory then."""
-    return {"ASAN_OPTIONS": "exitcode=99:detect_leaks=0"}
-
-
 def each(table):
     return pytest.mark.parametrize("point", table.values(), ids=table.keys())
-
-
-def chain(message):
-    """Tags of a message and of those inside it."""
-    return [message[0]] + [tag for inner in message[3] for tag in chain(inner)]
-
-
-def check_failed(outcome, causes):
-    assert (outcome.code, outcome.stdout, outcome.stderr) == (2, b"", WRAPPING.encode())
-    assert [chain(message) for message in Session().messages("transfer.result")] == [["CantRetrieveDump", *causes]]
-    check(outcome, FILES)
-
-
-def check_next_run(source):
-    """Without the fault the next run completes, and fetches nothing that is here already."""
-    wait_until(lambda: not commands_running(), "the end of what the source host still does")
-    here = complete(FILES, ARCHIVES)
-    before = len(source.lines())
-    with Relay():
-        outcome = Destination().run("get-content")
-    assert outcome.code == 0
-    check(outcome, FILES, already=here)
-    assert [line for line in source.lines()[before:] if line.startswith("cat ")] == [
-        f"cat {ROOT.agent_dir}/{name}" for name in FILES if name not in here]
-
-
-def processor_ticks(running):
-    with open(f"/proc/{running.pid}/stat", encoding="utf-8") as stat:
-        fields = stat.read().rpartition(")")[2].split()
-    return int(fields[11]) + int(fields[12])
 
 
 def check_idle(running):
@@ -92,7 +56,7 @@ def test_lost_connection_is_noticed_at_once(source, content_verify, way, point):
     with struck_run(way, point) as (relay, running):
         outcome = running.finish()
         took = time.monotonic() - relay.struck_at
-    check_failed(outcome, point.causes)
+    check_failed(outcome, point.causes, Session())
     assert took < LIMIT_SECONDS
     check_next_run(source)
 
@@ -105,7 +69,7 @@ def test_stall_before_the_login_is_done_ends_by_its_limit(source, content_verify
     with struck_run(stall, point, environment=fast_clock) as (relay, running):
         outcome = running.finish()
         took = time.monotonic() - begin
-    check_failed(outcome, point.causes)
+    check_failed(outcome, point.causes, Session())
     assert len(relay.links) == connections
     # 120 s for each that stalls, a hundredth of it here.
     assert 1.1 * stalls < took < 1.3 * stalls + 2
@@ -136,10 +100,10 @@ def test_slow_connection_brings_everything(source, content_verify, way, at_least
 
 # Behind the length, which is another matter: in the software's name, in the host's key, in what is encrypted.
 @pytest.mark.parametrize("point, offset", zip(POINTS.values(), (10, 60, 10, 10, 10, 10)), ids=POINTS)
-def test_corrupted_byte_is_found_out(source, content_verify, no_leak_check, point, offset):
-    with struck_run(corrupt(offset), point, environment=no_leak_check) as (_, running):
+def test_corrupted_byte_is_found_out(source, content_verify, point, offset):
+    with struck_run(corrupt(offset), point, environment=NO_LEAK_CHECK) as (_, running):
         outcome = running.finish(15)
-    check_failed(outcome, point.causes)
+    check_failed(outcome, point.causes, Session())
     check_next_run(source)
 
 
@@ -169,7 +133,7 @@ def test_corrupted_answer_to_a_request_is_found_out(source, turn):
 def test_corrupted_length_is_found_out(source, fast_clock, name, offset, mask):
     with struck_run(corrupt(offset, mask), POINTS[name], environment=fast_clock) as (_, running):
         outcome = running.finish(15)
-    check_failed(outcome, POINTS[name].causes)
+    check_failed(outcome, POINTS[name].causes, Session())
     check_next_run(source)
 
 
