@@ -195,8 +195,8 @@ DOCUMENTS = {
     "scout result": (JOBS["scout"], "scout-result.xml", len(TEXT), "StreamWrite"),
     "deployment status": (JOBS["deployment"], "agent-deployment.status", len(TEXT), "StreamWrite"),
     "name of the dump": (DUMP, "dump-name", len("/mnt/session/dump.xml"), "FileWrite"),
-    "name of the dump of a content run": (CONTENT, "dump-name", len("/mnt/session/archives/dump.xml"), "FileWrite"),
-    "name of the result": (CONTENT, "migration-result-name", len("/mnt/session/archives/migration.result"), "FileWrite"),
+    "name of the dump of a content run": (CONTENT, "dump-name", len(f"{ARCHIVES}/dump.xml"), "FileWrite"),
+    "name of the result": (CONTENT, "migration-result-name", len(f"{ARCHIVES}/migration.result"), "FileWrite"),
     "status": (CONTENT, "migration.status", 100, "tError_SaveFile"),
     # All the work is done without these two.
     "result log": (DUMP, "migration.result", 50, None),
