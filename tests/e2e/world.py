@@ -213,6 +213,10 @@ class SourceHost:
         assert self._server.poll() is None, "sshd has ended:\n" + read(self.log).decode()
         return b"Server listening on" in read(self.log)
 
+    def serves(self):
+        """True while a process of the server is there for a connection."""
+        return read(f"/proc/{self._server.pid}/task/{self._server.pid}/children") != b""
+
     def stop(self):
         if self._server:
             self._server.kill()
