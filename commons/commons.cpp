@@ -33,6 +33,13 @@ std::string getFolderOf(const std::string& target) {
   return folder.empty() ? "/" : folder;
 }
 
+/// Puts the entry `path` of its folder on the disk: what is in a new folder is there
+/// only if the folder is. False with errno.
+bool syncFolderOf(const std::string& path) {
+  const UniqueFd folder(open(getFolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return folder && syncFolder(folder.get());
+}
+
 }  // namespace
 
 void initTempName(std::vector<char>& buffer, const std::string& dir, const std::string& prefix) {
@@ -83,10 +90,14 @@ int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
   if (mkdir(path.c_str(), mode) != 0) {
     return errno == EEXIST && stat(path.c_str(), &status) == 0 ? 0 : -1;
   }
-  if (chown(path.c_str(), owner, group) != 0) return -1;
-  // What is put into the folder is on the disk only if the folder is.
-  const UniqueFd parent(open(getFolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return parent && syncFolder(parent.get()) ? 0 : -1;
+  if (!syncFolderOf(path)) {
+    // Left in place it would be taken for good by the next run.
+    const int error = errno;
+    rmdir(path.c_str());
+    errno = error;
+    return -1;
+  }
+  return chown(path.c_str(), owner, group);
 }
 
 std::string getFileNameFromPath(const std::string& path) {

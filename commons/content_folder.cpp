@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
@@ -90,10 +91,14 @@ UniqueFd ContentFolder::openParent(const std::string& name, bool makeMissing) co
 UniqueFd ContentFolder::openOrMakeFolder(int parent, const std::string& name,
                                          bool makeMissing) const {
   const bool made = makeMissing && mkdirat(parent, name.c_str(), CONTENT_DIR_MODE) == 0;
+  if (makeMissing && !made && errno != EEXIST) throwSystemError(name, errno);
   UniqueFd folder(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!folder) throwSystemError(name, errno);
   if (made && (fchown(folder.get(), owner_, group_) != 0 || !syncFolder(parent))) {
-    throwSystemError(name, errno);
+    const int error = errno;
+    // Left in place it would be taken for good by the next run.
+    unlinkat(parent, name.c_str(), AT_REMOVEDIR);
+    throwSystemError(name, error);
   }
   return folder;
 }

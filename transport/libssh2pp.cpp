@@ -179,6 +179,7 @@ void Channel::startCommand(const std::string& command, Mode mode) {
   }
   libssh2_session_set_blocking(session_.get(), 1);
   if (result == 0) return;
+  if (isSocketError(result)) session_.raiseLost();
   // The server leaves a refused channel open for ever; closed from here, it looks as
   // if the command had ended at once.
   refused_ = true;

@@ -66,7 +66,7 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
   ~Channel() override;
 
   /// Starts the command. A server that refuses to is seen later, as a closed channel
-  /// with REFUSED_STATUS.
+  /// with REFUSED_STATUS. Throws SshConnectionFault.
   void startCommand(const std::string& command, Mode mode);
 
   /// Waits until the command has something to say, ends, or the connection is lost,
