@@ -149,6 +149,7 @@ class Way:
             self._link.forget(self._source)
             self._carry([END])
             return
+        self._link.heard(self)
         offset = self.place(data) if self.place else None
         if offset is not None:
             self.place = None
@@ -208,14 +209,17 @@ class Link:
     def _guarded(self, work):
         """An end that is reset, or gone, ends both."""
         try:
-            if self._dialog and work == self.down.read:
-                self._dialog.server_speaks()
             work()
-        except (ConnectionError, OSError) as error:
+        except OSError as error:
             if error.errno not in (errno.ECONNRESET, errno.EPIPE, errno.ENOTCONN, errno.ETIMEDOUT):
                 raise
             self.fall_silent()
             self.close()
+
+    def heard(self, way):
+        """Tells the dialog whose turn is over."""
+        if self._dialog and way is self.down:
+            self._dialog.server_speaks()
 
     def deliver(self):
         for way in self.ways:
@@ -239,8 +243,9 @@ class Link:
 
 
 class Relay:
-    """Carries connections from port 22, or the listener, to port 2222 while it is entered. With a fault, each of them is struck at
-    the point: "connected", or where `dialog()` finds it; or when the test says so."""
+    """Carries connections from port 22, or the listener, to port 2222 while it is entered. With a
+    fault, each of them is struck at the point: "connected", or where the Dialog that at() makes
+    finds it; or when the test says so."""
 
     def __init__(self, fault=None, at=None, listener=None):
         self.links = []

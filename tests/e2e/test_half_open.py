@@ -87,7 +87,8 @@ class NumberedRoot(Login):
 
 @contextlib.contextmanager
 def struck_runs(first):
-    """[(point, destination, running)...], the first with this number, of a run for each point, all of them with nobody at the other end."""
+    """[(point, destination, running)...]: a run for each point, numbered from the first on, that has
+    nobody at the other end any more."""
     with contextlib.ExitStack() as stack:
         runs = []
         for number, point in enumerate(POINTS.values(), first):
