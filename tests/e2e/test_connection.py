@@ -195,6 +195,7 @@ def test_unresolved_name_is_logged_before_anything_is_opened(debug_log):
         "DEBUG Connecting to nowhere.invalid:22", "ERROR Resolving nowhere.invalid"]
 
 
+@pytest.mark.matrix("servers")
 def test_session_without_encryption_is_encrypted_where_the_library_knows_no_other_way(source, debug_log):
     offered(ROOT, ("one", b"1"))
     assert Destination().run("get-content", "--no-encryption").code == 0
@@ -265,6 +266,7 @@ def test_steps_of_both_attempts_are_logged_in_order(debug_log):
     assert debug_log("k.libssh2pp.Channel") == 2 * ["DEBUG Closed"]
 
 
+@pytest.mark.matrix("servers")
 def test_session_that_cannot_be_started_fails_after_two_attempts():
     with ScriptedServer(Script(ciphers=("a-cipher-of-the-future",))) as server:
         outcome = Destination(PLAIN).run("send-scout")
@@ -288,6 +290,7 @@ def test_failure_to_reach_the_host_again_is_what_the_second_attempt_reports():
                       "No one listening on the remote address at host 127.0.0.1")
 
 
+@pytest.mark.matrix("servers")
 @pytest.mark.parametrize("script", [
     Script(before_version=b"Welcome\r\nto this host\n"),
     Script(before_version=b"x" * 2000 + b"\r\n"),
@@ -303,6 +306,7 @@ def test_server_of_odd_manners_is_accepted(script):
     assert server.commands[-1].stdin == b"the script"
 
 
+@pytest.mark.matrix("servers")
 @pytest.mark.parametrize("greeting", [b"HTTP/1.1 400 Bad Request\r\n\r\n", b"SSH-1.5-ancient\r\n", b""],
                          ids=["another protocol", "version 1.5", "nothing"])
 def test_server_of_another_kind_is_no_session(greeting):

@@ -85,6 +85,7 @@ def test_output_that_cannot_be_written_is_a_failure(source, stdout):
         ("StreamWrite", "error", "Cannot write data to the stream", [])]
 
 
+@pytest.mark.matrix("signals")
 def test_reader_that_has_gone_is_a_failure_and_no_signal(source):
     deployed_agent(ROOT, "", {STATUS: "<status/>" * 100_000})
     os.mkfifo("/mnt/gone")

@@ -139,22 +139,23 @@ def allow_cores():
     resource.setrlimit(resource.RLIMIT_CORE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
 
 
-@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL, signal.SIGABRT, signal.SIGSEGV, signal.SIGQUIT],
-                         ids=lambda number: number.name)
-def test_killed_run_leaves_no_password_and_no_core(source, login, number):
-    offered_by(login, 'read line < "${0%/*}/pipe"')
-    os.mkfifo(f"{login.agent_dir}/pipe")
-    running = Destination(login).start("dump-all", "--verbose", directory=WORK, environment=AS_THEY_ARE,
-                                       prepare=allow_cores)
-    with open(f"{login.agent_dir}/pipe", "wb"):  # returns when the agent reads
-        running.send(number)
-        # Not waited for yet, so that what the kernel has to say can be asked.
-        ended = os.waitid(os.P_PID, running.pid, os.WEXITED | os.WNOWAIT)
-    assert (ended.si_code, ended.si_status) == (os.CLD_KILLED, number)  # and not CLD_DUMPED
-    assert running.finish().code == -number
-    for folder in (WORK, Session().path):
-        assert [name for name in os.listdir(folder) if name.startswith("core")] == []
-    check_nothing_told(login.password, login.sudo_password)
+def test_killed_run_leaves_no_password_and_no_core(source, login, cases):
+    for number in (signal.SIGTERM, signal.SIGKILL, signal.SIGABRT, signal.SIGSEGV, signal.SIGQUIT):
+        cases(1)
+        offered_by(login, 'read line < "${0%/*}/pipe"')
+        os.mkfifo(f"{login.agent_dir}/pipe")
+        running = Destination(login).start("dump-all", "--verbose", directory=WORK, environment=AS_THEY_ARE,
+                                           prepare=allow_cores)
+        with open(f"{login.agent_dir}/pipe", "wb"):  # returns when the agent reads
+            running.send(number)
+            # Not waited for yet, so that what the kernel has to say can be asked.
+            ended = os.waitid(os.P_PID, running.pid, os.WEXITED | os.WNOWAIT)
+        assert (ended.si_code, ended.si_status) == (os.CLD_KILLED, number)  # and not CLD_DUMPED
+        assert running.finish().code == -number
+        for folder in (WORK, Session().path):
+            assert [name for name in os.listdir(folder) if name.startswith("core")] == []
+        check_nothing_told(login.password, login.sudo_password)
+    assert source.lines()
 
 
 # --- what the source host makes of them ------------------------------------------------------
