@@ -1,11 +1,7 @@
 """Fixtures of the end-to-end tests, and what a failed test leaves behind."""
-import ctypes
-import fcntl
 import os
 import re
 import shutil
-import socket
-import struct
 
 import pytest
 
@@ -22,13 +18,7 @@ def pytest_configure(config):
 
 @pytest.fixture(scope="session", autouse=True)
 def private_network():
-    """Loopback of our own: port 22 is free, and nothing listens that a test did not start."""
-    assert os.path.isdir("/mnt/etc.orig"), "run the tests through tests/private-world"
-    libc = ctypes.CDLL(None, use_errno=True)
-    assert libc.unshare(0x40000000) == 0, os.strerror(ctypes.get_errno())  # CLONE_NEWNET
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as any_socket:
-        # SIOCSIFFLAGS, with IFF_UP | IFF_LOOPBACK
-        fcntl.ioctl(any_socket, 0x8914, struct.pack("16sh14x", b"lo", 0x1 | 0x8))
+    world.enter_private_network()
 
 
 @pytest.fixture(autouse=True)
