@@ -108,6 +108,13 @@ std::optional<std::string> exitSignalOf(LIBSSH2_CHANNEL* channel, LIBSSH2_SESSIO
   return name;
 }
 
+/// True when the library has received what is no proper packet: it says so once, drops
+/// it, and goes on with the next one.
+bool isDamage(long result) {
+  return result < 0 && result != LIBSSH2_ERROR_EAGAIN && result != LIBSSH2_ERROR_CHANNEL_CLOSED &&
+         !isSocketError(result);
+}
+
 CallbackData& callbackDataOf(LIBSSH2_SESSION* session) {
   return **reinterpret_cast<CallbackData**>(libssh2_session_abstract(session));
 }
@@ -116,20 +123,46 @@ CallbackData& callbackDataOf(LIBSSH2_SESSION* session) {
 /// error number when nothing was received.
 ssize_t receive(libssh2_socket_t socket, void* buffer, std::size_t size, int flags,
                 void** abstract) {
-  const auto deadline = static_cast<const CallbackData*>(*abstract)->deadline;
-  if (deadline != Clock::time_point::max() && Clock::now() >= deadline) return -ETIMEDOUT;
+  const CallbackData& data = *static_cast<const CallbackData*>(*abstract);
+  if (data.lost) return -ECONNRESET;
+  if (data.paused) return -EAGAIN;
+  if (data.deadline != Clock::time_point::max() && Clock::now() >= data.deadline) {
+    return -ETIMEDOUT;
+  }
   const ssize_t received = recv(socket, buffer, size, flags);
   return received < 0 ? -errno : received;
 }
 
-void setReceiveCallback(LIBSSH2_SESSION* session) {
+/// A packet whose authentication code is wrong. Its bytes are missing from now on, so
+/// that nothing that follows can be trusted.
+int noteDamage(LIBSSH2_SESSION* /*session*/, const char* /*packet*/, int /*length*/,
+               void** abstract) {
+  static_cast<CallbackData*>(*abstract)->lost = true;
+  return -1;
+}
+
+template <class Callback>
+void setCallback(LIBSSH2_SESSION* session, int kind, Callback callback) {
 #if LIBSSH2_VERSION_NUM >= 0x010b01
-  libssh2_session_callback_set2(session, LIBSSH2_CALLBACK_RECV,
-                                reinterpret_cast<libssh2_cb_generic*>(receive));
+  libssh2_session_callback_set2(session, kind, reinterpret_cast<libssh2_cb_generic*>(callback));
 #else
-  libssh2_session_callback_set(session, LIBSSH2_CALLBACK_RECV, reinterpret_cast<void*>(receive));
+  libssh2_session_callback_set(session, kind, reinterpret_cast<void*>(callback));
 #endif
 }
+
+/// Nothing is received while it lives.
+class ReceivePause {
+ public:
+  explicit ReceivePause(LIBSSH2_SESSION* session) : data_(callbackDataOf(session)) {
+    data_.paused = true;
+  }
+  ~ReceivePause() { data_.paused = false; }
+  ReceivePause(const ReceivePause&) = delete;
+  ReceivePause& operator=(const ReceivePause&) = delete;
+
+ private:
+  CallbackData& data_;
+};
 
 }  // namespace
 
@@ -207,10 +240,12 @@ int Channel::poll(int timeoutMs) {
 }
 
 /// Takes in every packet that has arrived already; a read of nothing does just that.
-void Channel::readBufferedPackets() {
+void Channel::readBufferedPackets() const {
   const NonBlockingGuard nonBlocking(session_);
   char nothing = 0;
-  libssh2_channel_read_ex(get(), 0, &nothing, 0);
+  // A lost connection can wait until what has come before is read.
+  if (isDamage(libssh2_channel_read_ex(get(), 0, &nothing, 0))) session_.raiseLost();
+  session_.requireIntact();
 }
 
 /// True when only the peer can bring anything new. A closed channel is at its end.
@@ -252,6 +287,9 @@ int Channel::libraryPoll(unsigned long& events) const {
   descriptor.fd.channel = get();
   // Without a wanted event it would not look at the channel at all.
   descriptor.events = LIBSSH2_POLLFD_POLLIN;
+  // What it received it would take in without a word of what was wrong with it.
+  readBufferedPackets();
+  const ReceivePause pause(session_.get());
   const int result = libssh2_poll(&descriptor, 1, 0);
   events = descriptor.revents;
   return result;
@@ -279,8 +317,8 @@ int Channel::read(int stream, char* buffer, std::size_t size) {
     const ssize_t got = libssh2_channel_read_ex(get(), stream, buffer + done, size - done);
     if (got == 0 || got == LIBSSH2_ERROR_EAGAIN) break;
     if (got < 0) {
-      // What was read before stays good; the error comes again.
-      if (done > 0) break;
+      // What was read before a loss stays good, and the loss comes again.
+      if (done > 0 && isSocketError(got)) break;
       session_.raiseLost();
     }
     done += static_cast<std::size_t>(got);
@@ -339,6 +377,8 @@ int Channel::waitForExitStatus() {
   if (refused_ || retryInterrupted([&] { return libssh2_channel_wait_closed(get()); }) != 0) {
     session_.raiseLost();
   }
+  // What was told behind a damaged packet may have been in the library's buffer.
+  session_.requireIntact();
   const std::optional<std::string> signalName = exitSignalOf(get(), session_.get());
   return signalName ? statusOfSignal(*signalName) : libssh2_channel_get_exit_status(get());
 }
@@ -352,7 +392,8 @@ Session::Session(int socket, bool disableEncryption, bool compatibility,
       compatibility_(compatibility),
       loginDeadline_(Clock::now() + loginLimit) {
   sessionLog.debug(std::string("Trying to start SSH session"));
-  setReceiveCallback(get());
+  setCallback(get(), LIBSSH2_CALLBACK_RECV, receive);
+  setCallback(get(), LIBSSH2_CALLBACK_MACERROR, noteDamage);
   if (disableEncryption) {
     sessionLog.debug(std::string("Disabling SSH encryption"));
     libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_CS, "none");
@@ -534,7 +575,12 @@ void Session::raiseLost() {
   throw Exc<&SshConnectionFault>(HERE);
 }
 
+void Session::requireIntact() {
+  if (lost) raiseLost();
+}
+
 void Session::abandon() noexcept {
+  lost = true;
   shutdown(socket_, SHUT_RDWR);
 }
 

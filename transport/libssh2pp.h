@@ -30,6 +30,10 @@ struct CallbackData {
   std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
   /// Goes into every answer of keyboard-interactive; not owned.
   const std::string* promptAnswer = nullptr;
+  /// Nothing more is to be received for now, as if nothing had come.
+  bool paused = false;
+  /// Nothing more is to be received ever.
+  bool lost = false;
 };
 
 /// Limits the session's calls until `deadline`: the waits of each, and all that they
@@ -105,7 +109,7 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
   bool isIdle() const;
   bool isStalled() const;
   void openWindow();
-  void readBufferedPackets();
+  void readBufferedPackets() const;
 
   Session& session_;
   bool refused_ = false;
@@ -163,6 +167,9 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   void abandon() noexcept;
   /// Marks it so and throws SshConnectionFault.
   [[noreturn]] void raiseLost();
+  /// Throws SshConnectionFault when a packet has come damaged. The library drops it,
+  /// tells whoever called it last, and goes on as if nothing was missing.
+  void requireIntact();
 
  private:
   using Clock = std::chrono::steady_clock;
