@@ -10,10 +10,13 @@
 #include "commons/commons.h"
 #include "commons/secrets.h"
 #include "commons/utf8.h"
+#include "commons/xml_entities.h"
 
 namespace {
 
 constexpr const char* REPLACEMENT_CHARACTER = "\xEF\xBF\xBD";
+/// For what entities add to a document. Nobody who means well uses any.
+constexpr std::size_t ENTITY_TEXT_LIMIT = 1 << 20;
 
 bool isXmlCharacter(unsigned int c) {
   return c == '\t' || c == '\n' || c == '\r' || (c >= 0x20 && c <= 0xD7FF) ||
@@ -63,6 +66,7 @@ tXmlDocument::tXmlDocument(const std::string& content) {
   adopt(xmlParseMemory(content.data(), static_cast<int>(content.size())));
   // The complaints quote the text, which a remote command may have printed.
   if (!document_) throw Exc<&tError_ParseFile>(HERE) % "-" % maskSecrets(complaints.text());
+  refuseBomb("-");
 }
 
 void tXmlDocument::adopt(xmlDocPtr document) {
@@ -86,6 +90,12 @@ void tXmlDocument::readFromFile(const char* fileName) {
   const LibxmlErrorCollector complaints;
   adopt(xmlParseFile(fileName));
   if (!document_) throw Exc<&tError_ParseFile>(HERE) % fileName % complaints.text();
+  refuseBomb(fileName);
+}
+
+void tXmlDocument::refuseBomb(const char* fileName) const {
+  if (doEntitiesStayBelow(document(), ENTITY_TEXT_LIMIT)) return;
+  throw Exc<&tError_ParseFile>(HERE) % fileName % "its entities grow without measure\n";
 }
 
 void tXmlDocument::saveToFile(const char* fileName) const {

@@ -58,6 +58,7 @@ class tXmlDocument {
 
  private:
   void adopt(xmlDocPtr document);
+  void refuseBomb(const char* fileName) const;
 
   std::shared_ptr<xmlDoc> document_;
 };

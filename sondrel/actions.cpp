@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <limits>
 #include <log4cpp/Category.hh>
 #include <sstream>
 
@@ -106,6 +107,12 @@ bool isVerificationConfigured() {
                    R"(": content is not verified)");
   }
   return value == "yes";
+}
+
+/// The figure began with what another host has listed, which may be any number.
+void countDown(std::int64_t& left, int bytes) {
+  constexpr std::int64_t LEAST = std::numeric_limits<std::int64_t>::min();
+  left = left < LEAST + bytes ? LEAST : left - bytes;
 }
 
 void recordWrongSum(const DumpFile& file, const std::string& sum) {
@@ -402,8 +409,8 @@ void FileRetrievalProgressUpdater::startFile(const DumpFile& file) {
 }
 
 void FileRetrievalProgressUpdater::operator()(int bytes) {
-  bytesLeft_ -= bytes;
-  currentFileBytesLeft_ -= bytes;
+  countDown(bytesLeft_, bytes);
+  countDown(currentFileBytesLeft_, bytes);
   bytesReceived_ += bytes;
   const std::time_t now = std::time(nullptr);
   const std::int64_t rate = now == startTime_ ? 0 : bytesReceived_ / (now - startTime_);

@@ -3,6 +3,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <limits>
+
 #include "support.h"
 
 namespace {
@@ -76,6 +78,17 @@ TEST(ProgressTest, CountsDownFilesAndBytesPastTheEndOfInt) {
   EXPECT_EQ(calls[1], "size 5999934463");
   // A file that is larger than announced shows it.
   EXPECT_EQ(calls[2], "current -1");
+}
+
+TEST(ProgressTest, StopsAtTheLeastNumberThereIs) {
+  const std::int64_t least = std::numeric_limits<std::int64_t>::min();
+  NotedStatus status;
+  FileRetrievalProgressUpdater progress(status, least + 1, 1);
+  progress.startFile({"file", least, ""});
+  progress(1);
+  progress(65536);
+  EXPECT_THAT(status.takeCalls(),
+              testing::IsSupersetOf({"size -9223372036854775808", "current -9223372036854775808"}));
 }
 
 TEST(ProgressTest, RateIsWholeBytesPerWholeSecond) {
