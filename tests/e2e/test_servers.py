@@ -343,6 +343,7 @@ def test_server_hears_of_the_run_while_the_sum_of_a_large_local_file_is_taken(se
     assert left(ROOT) == []
 
 
+@pytest.mark.slow
 @impatient
 def test_server_hears_of_the_run_while_a_command_is_silent(seconds, server):
     deployed_agent(ROOT, f'sleep {seconds + 1}; echo "<dump/>" > "${{0%/*}}/dump.xml"')
