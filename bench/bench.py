@@ -1,0 +1,326 @@
+#!/usr/bin/python3
+"""Compares the tool with scp and rsync; started by bench/run. See README.md."""
+import argparse
+import dataclasses
+import json
+import os
+import platform
+import socket
+import statistics
+import subprocess
+import sys
+import threading
+import time
+
+from contestants import (BINARY, CATALOGUED, ENVIRONMENT, HOST, OFFERED, PEER, PRISTINE, ROOT, TOP, BenchHost, Link,
+                         catalogue, link_files, make_pristine, measure, negotiated_algorithms, offer, remove, rsync,
+                         same, scp, sondrel, ssh, ssh_cat)
+from world import enter_private_network
+
+MEMORY = "/mnt/target"  # tmpfs
+DISK = f"{TOP}/build/bench/disk.{os.getpid()}"
+MB = 10**6
+KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
+SMALL = 8 * KIB
+
+
+@dataclasses.dataclass
+class Figure:
+    """A number that was found, and its target: at least that, or at most."""
+    what: str
+    value: float
+    unit: str
+    least: float = None
+    most: float = None
+
+    def met(self):
+        """None without a target."""
+        if self.least is not None:
+            return self.value >= self.least
+        return self.value <= self.most if self.most is not None else None
+
+    def __str__(self):
+        text = f"{self.what} {self.value:.4g} {self.unit}".rstrip()
+        if self.met() is None:
+            return text
+        target = f"at most {self.most:g}" if self.least is None else f"at least {self.least:g}"
+        return f"{text} ({target}: {'met' if self.met() else 'MISSED'})"
+
+
+def speed(measured, peers=("scp", "rsync"), least=None):
+    """How many times as fast as the fastest of the peers."""
+    fastest = min(peers, key=lambda peer: measured[peer].seconds)
+    return Figure(f"speed, {fastest} = 1:", measured[fastest].seconds / measured["sondrel"].seconds, "", least=least)
+
+
+def peak(measured):
+    return Figure("peak memory", measured["sondrel"].peak_mib, "MiB", most=96)
+
+
+class Bench:
+    """What the cases are made of. A case returns what it measured ({contestant: Runs}) and its figures."""
+
+    def __init__(self, pairs, scale):
+        self._pairs = pairs
+        self._scale = scale
+
+    def scaled(self, number):
+        return max(1, round(number * self._scale))
+
+    def fetch(self, count, size, link, target=MEMORY, with_cat=False, removal=False):
+        """--get-content and its peers; with `removal` the peers remove what they have copied, as it does."""
+        algorithms = negotiated_algorithms() if with_cat else None
+        offer(make_pristine(count, size), size)
+        here = f"{target}/archives"
+        contestants = {"sondrel": sondrel(link, target), "scp": scp(link, f"{PEER}:{OFFERED}", here),
+                       "rsync": rsync(link, f"{PEER}:{OFFERED}", here)}
+        if with_cat:
+            name = "content/000/000000"
+            contestants["ssh cat"] = ssh_cat(link, f"{ROOT.agent_dir}/{name}", f"{here}/{name}", *algorithms)
+        if removal:
+            for name in "scp", "rsync":
+                contestants[name] += ssh(link, "rm", "-r", OFFERED)
+
+        def prepare():
+            remove(target)
+            os.makedirs(here)
+            link_files(OFFERED)
+            os.sync()  # what another one has left to be written is not ours to wait for
+
+        def check(name):
+            same(PRISTINE, f"{here}/content")
+            left = sum(len(files) for _, _, files in os.walk(OFFERED))
+            if left != (0 if removal or name == "sondrel" else count):
+                sys.exit(f"{name} has left {left} files")
+
+        return measure(contestants, self._pairs, prepare, check)
+
+    def set_up(self, link, action="get-content"):
+        """Median seconds of a run that has no file to transfer."""
+        if action == "get-content":
+            offer({})
+        else:
+            catalogue(0, 0)
+        contestants = {"sondrel": sondrel(link, MEMORY, action)}
+        return measure(contestants, self._pairs)["sondrel"].seconds
+
+    def one_file(self, size, rtt_ms=0, gbit=None, target=MEMORY, with_cat=False, least=None):
+        size = self.scaled(size)
+        with Link(rtt_ms, gbit) as link:
+            measured = self.fetch(1, size, link, target, with_cat)
+        figures = [speed(measured, least=least), peak(measured),
+                   Figure("rate", size / MB / measured["sondrel"].seconds, "MB/s")]
+        if with_cat:
+            figures.append(speed(measured, ["ssh cat"], least=1))
+        return measured, figures
+
+    def per_file(self, transfer, count, rtt_ms, action, most=None):
+        """Many small files: what each one costs beside the set-up, and how much of it is the link's."""
+        count = self.scaled(count)
+        costs = []
+        for distance in sorted({rtt_ms, 0}):
+            with Link(distance) as link:
+                measured = transfer(count, link)
+                costs.append((measured["sondrel"].seconds - self.set_up(link, action)) / count * 1000)
+        figures = [speed(measured), peak(measured), Figure("per file on loopback", costs[0], "ms", most=most)]
+        if rtt_ms:
+            figures += [Figure(f"per file at {rtt_ms} ms", costs[1], "ms", most=most and 4 * rtt_ms + most),
+                        Figure("round trips per file", (costs[1] - costs[0]) / rtt_ms, "")]
+        return measured, figures
+
+    def fetch_many(self, count, rtt_ms=0):
+        return self.per_file(lambda files, link: self.fetch(files, SMALL, link, removal=True), count, rtt_ms,
+                             "get-content", most=6)
+
+    def deploy(self, count, rtt_ms=0):
+        return self.per_file(self.upload, count, rtt_ms, "deploy-agent")
+
+    def upload(self, count, link):
+        catalogue(count, SMALL)
+        contestants = {"sondrel": sondrel(link, MEMORY, "deploy-agent"),
+                       "scp": scp(link, CATALOGUED, f"{PEER}:{ROOT.agent_dir}"),
+                       "rsync": rsync(link, f"{CATALOGUED}/", f"{PEER}:{ROOT.agent_dir}")}
+        return measure(contestants, self._pairs, lambda: remove(MEMORY, ROOT.agent_dir),
+                       lambda name: same(CATALOGUED, ROOT.agent_dir))
+
+    # --- files that are here already
+
+    def hash_present(self, count, size):
+        """The tool and md5sum, for files that are all here already; and the tool's set-up."""
+        sums = make_pristine(count, size)
+        set_up = self.set_up(Link())
+        offer(sums, size)
+        remove(MEMORY)
+        link_files(f"{MEMORY}/archives/content")
+        md5sum = [["sh", "-c", f"cd {PRISTINE} && find . -type f -print0 | xargs -0 md5sum"]]
+        return measure({"sondrel": sondrel(Link(), MEMORY), "md5sum": md5sum}, self._pairs), set_up
+
+    def present_large(self):
+        measured, set_up = self.hash_present(1, self.scaled(GIB))
+        hashing = measured["sondrel"].seconds - set_up
+        return measured, [Figure("speed beside the set-up, md5sum = 1:", measured["md5sum"].seconds / hashing, "",
+                                 least=0.8), peak(measured)]
+
+    def present_many(self):
+        few, many = self.scaled(10_000), self.scaled(100_000)
+        of_few, _ = self.hash_present(few, 100)
+        measured, set_up = self.hash_present(many, 100)
+        beside = measured["sondrel"].seconds - set_up - measured["md5sum"].seconds
+        growth = (measured["sondrel"].peak_mib - of_few["sondrel"].peak_mib) * 1024 / (many - few)
+        return measured, [Figure("per entry beside the hashing", beside / many * 1000, "ms", most=0.2),
+                          Figure("memory per entry", growth, "KiB", most=2.5),
+                          Figure("peak memory", measured["sondrel"].peak_mib, "MiB")]
+
+    # --- the rest
+
+    def memory(self):
+        """The largest file for which there is room; nobody else fetches it."""
+        available = int(next(line for line in open("/proc/meminfo", encoding="ascii")
+                             if line.startswith("MemAvailable")).split()[1]) * KIB
+        filesystem = os.statvfs("/mnt")
+        room = min(available, filesystem.f_bavail * filesystem.f_frsize) - GIB
+        size = self.scaled(4 * GIB if room > 4 * GIB else 2 * GIB)
+        offer(make_pristine(1, size, sparse=True), size)
+        remove(MEMORY)
+        link_files(OFFERED)
+        measured = measure({"sondrel": sondrel(Link(), MEMORY)}, 1,
+                           check=lambda name: same(PRISTINE, f"{MEMORY}/archives/content"))
+        return measured, [peak(measured), Figure("size", size / GIB, "GiB")]
+
+    def usage_text(self):
+        seconds = []
+        for _ in range(21):
+            start = time.perf_counter()
+            subprocess.run([BINARY, "--help"], env=ENVIRONMENT, stdout=subprocess.DEVNULL, check=True)
+            seconds.append(time.perf_counter() - start)
+        return {}, [Figure("median of 21", statistics.median(seconds) * 1000, "ms", most=10)]
+
+    def relay(self):
+        """What the relay itself adds, to judge the other cases by."""
+        size = self.scaled(4 * GIB)
+        rtt_ms = 50
+        with socket.create_server((HOST, 0)) as echo:
+            port = echo.getsockname()[1]
+            with Link(target=port) as direct, Link(target=port, relayed=True) as relayed, \
+                    Link(rtt_ms, target=port) as far:
+                rates = [size / MB / seconds_to_send(echo, link.port, size) for link in (direct, relayed)]
+                trips = round_trips(echo, far.port, 20)
+        return {}, [Figure("without a relay", rates[0], "MB/s"), Figure("through it", rates[1], "MB/s", least=1000),
+                    Figure(f"median round trip at {rtt_ms} ms", statistics.median(trips) * 1000, "ms", least=rtt_ms),
+                    Figure("longest", max(trips) * 1000, "ms")]
+
+
+def seconds_to_send(listener, port, size):
+    """Until the last byte has arrived."""
+    block = bytes(MIB)
+
+    def send():
+        with socket.create_connection((HOST, port)) as sender:
+            for begin in range(0, size, MIB):
+                sender.sendall(block[:size - begin])
+    start = time.perf_counter()
+    thread = threading.Thread(target=send)
+    thread.start()
+    with listener.accept()[0] as receiver:
+        buffer = bytearray(MIB)
+        received = 0
+        while count := receiver.recv_into(buffer):
+            received += count
+    thread.join()
+    assert received == size, f"{received} bytes have arrived, and not {size}"
+    return time.perf_counter() - start
+
+
+def round_trips(listener, port, count):
+    """Seconds for each of so many single bytes to come back."""
+    trips = []
+    with socket.create_connection((HOST, port)) as near, listener.accept()[0] as far:
+        for _ in range(count):
+            start = time.perf_counter()
+            near.sendall(b"!")
+            far.sendall(far.recv(1))
+            near.recv(1)
+            trips.append(time.perf_counter() - start)
+    return trips
+
+
+def distance(rtt_ms, least=None):
+    return {f"rtt-{rtt_ms}": lambda bench: bench.one_file(256 * MIB, rtt_ms, least=least),
+            f"rtt-{rtt_ms}-1gbit": lambda bench: bench.one_file(256 * MIB, rtt_ms, gbit=1, least=least)}
+
+
+CASES = {
+    "relay": Bench.relay,
+    "loopback-tmpfs": lambda bench: bench.one_file(GIB, with_cat=True, least=0.9),
+    "loopback-disk": lambda bench: bench.one_file(GIB, target=DISK, least=0.7),
+    **distance(10), **distance(50, 1.3), **distance(100, 1.6), **distance(200, 2.2),
+    "many-loopback": lambda bench: bench.fetch_many(2000),
+    "many-50ms": lambda bench: bench.fetch_many(200, 50),
+    "present-many": Bench.present_many,
+    "present-large": Bench.present_large,
+    "deploy-loopback": lambda bench: bench.deploy(300),
+    "deploy-50ms": lambda bench: bench.deploy(300, 50),
+    "memory": Bench.memory,
+    "help": Bench.usage_text,
+}
+
+
+# --- the report ------------------------------------------------------------------------------
+
+def machine():
+    def first_line(*command):
+        done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=True)
+        return done.stdout.splitlines()[0]
+    cpu = next(line for line in open("/proc/cpuinfo", encoding="utf-8") if line.startswith("model name"))
+    return {"cpu": cpu.split(":", 1)[1].strip(), "cores": os.cpu_count(), "kernel": platform.release(),
+            "memory_gib": os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE") / GIB,
+            "load_before": os.getloadavg()[0], "ssh": first_line("ssh", "-V"), "rsync": first_line("rsync", "--version"),
+            "libssh2": first_line("dpkg-query", "-W", "-f", "${Version}\n", "libssh2-1*")}
+
+
+def as_json(measured, figures):
+    return {"contestants": {name: {"median_seconds": runs.seconds, "median_cpu_seconds": runs.cpu_seconds,
+                                   "peak_mib": runs.peak_mib, "seconds": [run.seconds for run in runs]}
+                            for name, runs in measured.items()},
+            "figures": [{**dataclasses.asdict(figure), "met": figure.met()} for figure in figures]}
+
+
+def row(case, measured, figures):
+    medians = "; ".join(f"{name} {runs.seconds:.3f} s" for name, runs in measured.items())
+    return f"| {case} | {medians} | {'; '.join(map(str, figures))} |"
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="bench/run", description=__doc__)
+    parser.add_argument("--pairs", type=int, default=5, help="runs of each contestant")
+    parser.add_argument("--scale", type=float, default=1, help="of sizes and numbers of files; targets hold for 1 only")
+    parser.add_argument("--json", default=f"{TOP}/build/bench/results.json")
+    parser.add_argument("cases", nargs="*", metavar="CASE", help=", ".join(CASES))
+    options = parser.parse_args()
+    unknown = set(options.cases) - set(CASES)
+    if unknown:
+        parser.error(f"no such case: {', '.join(sorted(unknown))}; there are {', '.join(CASES)}")
+
+    enter_private_network()
+    results = {"machine": machine(), "pairs": options.pairs, "scale": options.scale, "cases": {}}
+    rows = ["| case | medians | figures |", "|---|---|---|"]
+    bench = Bench(options.pairs, options.scale)
+    os.makedirs(os.path.dirname(options.json), exist_ok=True)
+    try:
+        with BenchHost():
+            for case in options.cases or CASES:
+                print(case, file=sys.stderr)
+                measured, figures = CASES[case](bench)
+                if options.scale != 1:
+                    figures = [dataclasses.replace(figure, least=None, most=None) for figure in figures]
+                rows.append(row(case, measured, figures))
+                results["cases"][case] = as_json(measured, figures)
+                with open(options.json, "w", encoding="utf-8") as out:
+                    json.dump(results, out, indent=1)
+    finally:
+        remove(DISK)
+    print("\n".join(rows))
+
+
+if __name__ == "__main__":
+    main()

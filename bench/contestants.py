@@ -1,0 +1,205 @@
+"""The programs that are compared, the link between them and the source host, and the stop-watch."""
+import dataclasses
+import hashlib
+import os
+import re
+import shlex
+import statistics
+import subprocess
+import sys
+import time
+from xml.sax.saxutils import escape
+
+TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, f"{TOP}/tests/e2e")
+from world import (AGENTS, BINARY, HOST, ROOT, SPEC, Destination, SourceHost, deployed_agent,  # noqa: E402
+                   die_with_parent, install_agent, read, write)
+
+RELAY = os.environ["RELAY_BINARY"]
+PRISTINE = "/mnt/pristine/content"  # links to these files are fetched, and removed
+OFFERED = f"{ROOT.agent_dir}/content"
+CATALOGUED = f"{AGENTS}/sample"
+PEER = f"{ROOT.name}@{HOST}"
+KEY = "/mnt/bench.key"
+# Nothing that the machine configures for ssh, and no question.
+SSH_OPTIONS = ["-F", "none", "-i", KEY, "-o", "IdentitiesOnly=yes", "-o", "BatchMode=yes", "-o", "LogLevel=ERROR",
+               "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null"]
+ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C", "QRV_PASSWORD": ROOT.password}
+
+
+def remove(*paths):
+    subprocess.run(["rm", "-rf", "--", *paths], check=True)
+
+
+# --- the stop-watch --------------------------------------------------------------------------
+
+@dataclasses.dataclass
+class Run:
+    """One command, or several in a row."""
+    seconds: float = 0.0
+    cpu_seconds: float = 0.0
+    peak_kib: int = 0
+
+
+def timed(*commands):
+    """The Run of the commands, none of which may fail."""
+    run = Run()
+    for command in commands:
+        # What becomes the measured program must not be a copy of this one, whose memory would count.
+        watched = ["time", "--quiet", "--output=/mnt/time", "--format=%M %U %S", *command]
+        start = time.perf_counter()
+        done = subprocess.run(watched, env=ENVIRONMENT, cwd="/", stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False)
+        run.seconds += time.perf_counter() - start
+        if done.returncode != 0:
+            sys.exit(f"{shlex.join(command)}: exit code {done.returncode}\n{os.fsdecode(done.stderr)}")
+        peak, user, system = read("/mnt/time").split()
+        run.peak_kib = max(run.peak_kib, int(peak))
+        run.cpu_seconds += float(user) + float(system)
+    return run
+
+
+class Runs(list):
+    """The Run objects of one contestant in one case."""
+
+    @property
+    def seconds(self):
+        return statistics.median(run.seconds for run in self)
+
+    @property
+    def cpu_seconds(self):
+        return statistics.median(run.cpu_seconds for run in self)
+
+    @property
+    def peak_mib(self):
+        return max(run.peak_kib for run in self) / 1024
+
+
+def measure(contestants, pairs, prepare=lambda: None, check=lambda name: None):
+    """{name: Runs} of the contestants ({name: commands}), by turns."""
+    measured = {name: Runs() for name in contestants}
+    for pair in range(pairs):
+        for name, commands in contestants.items():
+            prepare()
+            run = timed(*commands)
+            check(name)
+            measured[name].append(run)
+            print(f"  {pair + 1}/{pairs} {name}: {run.seconds:.3f} s", file=sys.stderr)
+    return measured
+
+
+# --- the source host and the way there -------------------------------------------------------
+
+class BenchHost(SourceHost):
+    """A source host with Debian's settings, which knows the key of the other programs."""
+
+    def __init__(self, *options, port=22):
+        super().__init__([*options, "LogLevel INFO", "Subsystem sftp /usr/lib/openssh/sftp-server"], port=port,
+                         recording=False)
+        if not os.path.exists(KEY):
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", KEY], check=True)
+        write(f"{ROOT.home}/.ssh/authorized_keys", read(f"{KEY}.pub"), 0o600)
+
+
+class Link:
+    """The way to a port of this host, direct when it has neither delay nor limit."""
+
+    def __init__(self, rtt_ms=0, gbit=None, target=22, relayed=None):
+        self.port = target
+        self._relay = None
+        if rtt_ms or gbit or relayed:
+            limit = [str(gbit * 1e9)] if gbit else []
+            self._relay = subprocess.Popen([RELAY, str(target), str(rtt_ms * 500), *limit],
+                                           stdout=subprocess.PIPE, preexec_fn=die_with_parent)
+            self.port = int(self._relay.stdout.readline())
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exception):
+        if self._relay:
+            self._relay.kill()
+            self._relay.communicate()
+
+
+# --- the contestants: each function gives the commands ---------------------------------------
+
+def sondrel(link, session, action="get-content"):
+    return [[BINARY, *Destination(ROOT, session=session).arguments(action, "--port", str(link.port))]]
+
+
+def scp(link, source, target):
+    return [["scp", "-q", "-r", *SSH_OPTIONS, "-o", f"Port={link.port}", source, target]]
+
+
+def rsync(link, source, target):
+    return [["rsync", "-a", "-e", shlex.join(["ssh", *SSH_OPTIONS, "-p", str(link.port)]), source, target]]
+
+
+def ssh(link, *command, options=()):
+    return [["ssh", *SSH_OPTIONS, "-p", str(link.port), *options, PEER, shlex.join(command)]]
+
+
+def ssh_cat(link, source, target, cipher, mac):
+    command, = ssh(link, "cat", source, options=["-c", cipher, "-m", mac])
+    return [["sh", "-c", 'out=$1; shift; mkdir -p "${out%/*}" && exec "$@" > "$out"', "sh", target, *command]]
+
+
+def negotiated_algorithms():
+    """(cipher, MAC) that the tool and the source host agree on for what the tool receives."""
+    offer({})
+    with BenchHost("LogLevel DEBUG1", port=2222) as host:
+        timed(*sondrel(Link(target=host.port), "/mnt/session"))
+        return re.search(r"kex: server->client cipher: (\S+) MAC: (\S+)", read(host.log).decode()).groups()
+
+
+# --- files -----------------------------------------------------------------------------------
+
+def make_pristine(count, size, sparse=False):
+    """{name: MD5 sum} of new files, which lie in folders of 100."""
+    remove(PRISTINE)
+    os.makedirs(PRISTINE)
+    sums = {}
+    for number in range(count):
+        name = f"content/{number // 100:03d}/{number:06d}"
+        path = f"{os.path.dirname(PRISTINE)}/{name}"
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "w+b") as file:
+            if sparse:
+                file.truncate(size)
+            for begin in range(0, 0 if sparse else size, 1 << 20):
+                file.write(os.urandom(min(1 << 20, size - begin)))
+            file.seek(0)
+            sums[name] = hashlib.file_digest(file, "md5").hexdigest()
+    return sums
+
+
+def offer(sums, size=0):
+    """Has the agent on the source host list these files, all of one size."""
+    files = "".join(f'<file size="{size}" md5sum="{md5}">{escape(name)}</file>' for name, md5 in sums.items())
+    total = size * len(sums)
+    deployed_agent(ROOT, f'cat "${{0%/*}}/list.xml"\n', {
+        "list.xml": f'<contentlist size="{total}" unpacked="{total}">{files}</contentlist>'})
+
+
+def catalogue(count, size):
+    """Puts an agent of so many files in the catalogue."""
+    remove(CATALOGUED)
+    install_agent("echo deployed\n", spec=SPEC)
+    make_pristine(count, size)
+    subprocess.run(["cp", "-a", PRISTINE, CATALOGUED], check=True)
+
+
+def link_files(target):
+    """Puts links to the pristine files below the folder, as if they had just been made there."""
+    remove(target)
+    os.makedirs(os.path.dirname(target), exist_ok=True)
+    subprocess.run(["cp", "-al", PRISTINE, target], check=True)
+
+
+def same(left, right):
+    """Ends the benchmark when the files of two folders differ."""
+    done = subprocess.run(["diff", "-rq", "--exclude=control", left, right], stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, check=False)
+    if done.returncode != 0:
+        sys.exit(f"{left} and {right} are not the same:\n{os.fsdecode(done.stdout)}")
