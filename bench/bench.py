@@ -305,7 +305,7 @@ def main():
     results = {"machine": machine(), "pairs": options.pairs, "scale": options.scale, "cases": {}}
     rows = ["| case | medians | figures |", "|---|---|---|"]
     bench = Bench(options.pairs, options.scale)
-    os.makedirs(os.path.dirname(options.json), exist_ok=True)
+    os.makedirs(os.path.dirname(os.path.abspath(options.json)), exist_ok=True)
     try:
         with BenchHost():
             for case in options.cases or CASES:
