@@ -23,7 +23,10 @@ using Clock = std::chrono::steady_clock;
 log4cpp::Category& sessionLog = log4cpp::Category::getInstance("k.libssh2pp.Session");
 log4cpp::Category& channelLog = log4cpp::Category::getInstance("k.libssh2pp.Channel");
 
-constexpr std::chrono::seconds KEEP_ALIVE_INTERVAL{15};
+/// The library sends no more often than that; the least patient servers wait 3 s.
+constexpr unsigned int KEEP_ALIVE_SECONDS = 2;
+/// How long a server may take to clear a command away that has ended.
+constexpr std::chrono::seconds CLEARANCE_LIMIT{2};
 /// How long a farewell waits for the peer's.
 constexpr std::chrono::seconds FAREWELL_LIMIT{3};
 constexpr std::size_t WINDOW_BYTES = 65536;
@@ -191,10 +194,13 @@ void dtm_libssh2_channel_free(LIBSSH2_CHANNEL* channel) noexcept {
 // --- Channel ---
 
 Channel::Channel(LIBSSH2_CHANNEL* channel, Session& session)
-    : TimeLimitLifter(session.get()), Handle(channel), session_(session) {}
+    : TimeLimitLifter(session.get()), Handle(channel), session_(session) {
+  session_.countChannel(1);
+}
 
 Channel::~Channel() {
   channelLog.debug(std::string("Closed"));
+  session_.countChannel(-1);
   // Freeing, which the handle does next, waits for the peer's farewell: for ever if it
   // has none.
   limitCalls(session_.get(), Clock::now() + FAREWELL_LIMIT);
@@ -514,13 +520,31 @@ void Session::userauth_callback(const char* /*name*/, int /*nameLength*/,
 std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Channel::Mode mode) {
   sessionLog.debug("Opening SSH channel for command '" + command + "'");
   libssh2_session_set_blocking(get(), 1);
-  auto channel = std::make_unique<Channel>(
-      retryInterrupted([&] {
-        return libssh2_channel_open_ex(get(), "session", 7, WINDOW_BYTES, PACKET_BYTES, nullptr, 0);
-      }),
-      *this);
+  auto channel = std::make_unique<Channel>(openChannel(), *this);
   channel->startCommand(command, mode);
   return channel;
+}
+
+LIBSSH2_CHANNEL* Session::openChannel() {
+  constexpr int PAUSE_MS = 20;
+  const Clock::time_point end = Clock::now() + CLEARANCE_LIMIT;
+  // A server that allows one command at a time may still be busy with the last one when
+  // it has said farewell to it.
+  const bool mayWait = hasClosedChannel_ && openChannels_ == 0;
+  for (;;) {
+    LIBSSH2_CHANNEL* const channel = retryInterrupted([&] {
+      return libssh2_channel_open_ex(get(), "session", 7, WINDOW_BYTES, PACKET_BYTES, nullptr, 0);
+    });
+    const bool refused =
+        !channel && libssh2_session_last_errno(get()) == LIBSSH2_ERROR_CHANNEL_FAILURE;
+    if (!refused || !mayWait || Clock::now() >= end) return channel;
+    waitForSocket(POLLRDHUP, PAUSE_MS);
+  }
+}
+
+void Session::countChannel(int change) {
+  openChannels_ += change;
+  if (change < 0) hasClosedChannel_ = true;
 }
 
 void Session::create_reserve_channel() {
@@ -529,11 +553,12 @@ void Session::create_reserve_channel() {
 }
 
 void Session::keepAlive() {
+  // The library looks at whole seconds; asked between two of them it has nothing to do.
   const Clock::time_point now = Clock::now();
-  if (now - lastKeepAlive_ < KEEP_ALIVE_INTERVAL) return;
+  if (now - lastKeepAlive_ < std::chrono::seconds(1)) return;
   lastKeepAlive_ = now;
   // An interval that stayed set would end every blocking call after that time.
-  libssh2_keepalive_config(get(), 0, 2);
+  libssh2_keepalive_config(get(), 0, KEEP_ALIVE_SECONDS);
   int secondsToNext = 0;
   // A failure means a lost connection, which the next command reports.
   libssh2_keepalive_send(get(), &secondsToNext);

@@ -147,8 +147,8 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   /// need compatibility mode may end a session with no channel in it.
   void create_reserve_channel();
 
-  /// Sends a message that needs no answer, at most every 15 s: shows life during
-  /// long local work to a server that would drop a silent client.
+  /// Sends a message that needs no answer, every 2 s at most: shows life during long
+  /// local work to a server that would drop a silent client.
   void keepAlive();
 
   /// The library's text for its last error.
@@ -158,6 +158,8 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   void waitForSocket(short events, int timeoutMs);
   /// Waits until the library, told to wait by LIBSSH2_ERROR_EAGAIN, may go on.
   void waitUntilReady();
+  /// For Channel. Another command is running, or has ended.
+  void countChannel(int change);
   /// True when the library still has bytes to send that the socket did not take.
   bool isSendPending() const;
   /// True when the peer has ended the connection.
@@ -175,6 +177,7 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   using Clock = std::chrono::steady_clock;
 
   void start();
+  LIBSSH2_CHANNEL* openChannel();
   bool authorizeByPassword(const std::string& login, const std::string& password);
   bool authorizeInteractively(const std::string& login, const std::string& password);
   void reportStartFailure(const std::string& error) const;
@@ -184,6 +187,8 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   std::unique_ptr<Channel> reserveChannel_;
   Clock::time_point loginDeadline_;
   Clock::time_point lastKeepAlive_;
+  int openChannels_ = 0;
+  bool hasClosedChannel_ = false;
 };
 
 }  // namespace libssh2pp

@@ -308,7 +308,7 @@ def openssh_alive(times):
 
 # The seconds after which a silent client has surely been given up: OpenSSH asks it once more than that, and for
 # each time takes up to two.
-PATIENCE = {"OpenSSH, 1 s": (4, lambda: openssh_alive(1)), "OpenSSH, 3 s": (8, lambda: openssh_alive(3)),
+PATIENCE = {"OpenSSH, 2 s": (6, lambda: openssh_alive(2)), "OpenSSH, 3 s": (8, lambda: openssh_alive(3)),
             "Dropbear, 3 s": (5, lambda: dropbear("-K", "1"))}
 
 impatient = pytest.mark.parametrize("seconds, server", PATIENCE.values(), ids=PATIENCE.keys())
