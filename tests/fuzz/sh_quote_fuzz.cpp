@@ -1,7 +1,9 @@
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 
 #include <array>
-#include <cstdio>
+#include <cerrno>
 #include <vector>
 
 #include "commons/sh_quoting.h"
@@ -9,66 +11,75 @@
 
 namespace {
 
-/// A shell that reads commands for as long as this process lives.
-class Shell {
- public:
-  explicit Shell(const std::vector<const char*>& command) {
-    std::array<int, 2> toShell;
-    std::array<int, 2> fromShell;
-    require(pipe(toShell.data()) == 0 && pipe(fromShell.data()) == 0);
-    const pid_t child = fork();
-    require(child >= 0);
-    if (child == 0) {
-      dup2(toShell[0], STDIN_FILENO);
-      dup2(fromShell[1], STDOUT_FILENO);
-      for (const int end : {toShell[0], toShell[1], fromShell[0], fromShell[1]}) close(end);
-      std::vector<char*> words;
-      for (const char* word : command) words.push_back(const_cast<char*>(word));
-      words.push_back(nullptr);
-      setenv("LC_ALL", "C", 1);
-      execvp(words[0], words.data());
-      _exit(127);
-    }
-    close(toShell[0]);
-    close(fromShell[1]);
-    commands_ = fdopen(toShell[1], "w");
-    answers_ = fdopen(fromShell[0], "r");
+/// The fuzzer sets an alarm for itself.
+template <class Call>
+auto retryInterrupted(Call call) {
+  for (;;) {
+    const auto result = call();
+    if (result >= 0 || errno != EINTR) return result;
   }
+}
 
-  /// The words that the shell makes of a text, each with a zero byte behind it.
-  std::string wordsOf(const std::string& text) {
-    std::fprintf(commands_, "set -- %s\nprintf '%%s\\0' $# \"$@\" end-of-words\n", text.c_str());
-    std::fflush(commands_);
-    std::string words;
-    const std::string end("end-of-words\0", 13);
-    while (words.size() < end.size() || words.compare(words.size() - end.size(), end.size(), end)) {
-      const int byte = std::fgetc(answers_);
-      require(byte != EOF);
-      words += static_cast<char>(byte);
-    }
-    return words.substr(0, words.size() - end.size());
+std::string readAll(int fd) {
+  std::string text;
+  std::array<char, 4096> block;
+  for (;;) {
+    const ssize_t got = retryInterrupted([&] { return read(fd, block.data(), block.size()); });
+    require(got >= 0);
+    if (got == 0) return text;
+    text.append(block.data(), static_cast<std::size_t>(got));
   }
+}
 
- private:
-  std::FILE* commands_;
-  std::FILE* answers_;
-};
+/// What a shell prints that is given the script as a remote host's would be: in an
+/// argument. It must end well.
+std::string printedBy(std::vector<std::string> shell, const std::string& script) {
+  std::array<int, 2> ends;
+  require(pipe2(ends.data(), O_CLOEXEC) == 0);
+  const UniqueFd ours(ends[0]);
+  UniqueFd theirs(ends[1]);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, theirs.get(), STDOUT_FILENO);
+  shell.insert(shell.end(), {"-c", script});
+  std::vector<char*> words;
+  for (std::string& word : shell) words.push_back(word.data());
+  words.push_back(nullptr);
+  std::string locale = "LC_ALL=C";
+  std::array<char*, 2> environment = {locale.data(), nullptr};
+  pid_t child = 0;
+  require(posix_spawnp(&child, words[0], &actions, nullptr, words.data(), environment.data()) == 0);
+  posix_spawn_file_actions_destroy(&actions);
+  theirs.close();
+  const std::string printed = readAll(ours.get());
+  int status = 0;
+  require(retryInterrupted([&] { return waitpid(child, &status, 0); }) == child && status == 0);
+  return printed;
+}
+
+/// A script that prints the number of words that the text makes, and the words, each
+/// with a zero byte behind it.
+std::string showWords(const std::string& text) {
+  return "set -- " + text + "\nprintf '%s\\0' $# \"$@\"\n";
+}
+
+std::string oneWord(const std::string& word) {
+  return std::string("1\0", 2) + word + '\0';
+}
 
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static Shell dash({"dash"});
-  // Braces are left alone on purpose, and bash alone of the two expands them.
-  static Shell bash({"bash", "--norc", "+B"});
   const std::string word = asText(data, size);
   // An empty word vanishes, and no argument holds a zero byte.
   if (word.empty() || word.find('\0') != std::string::npos) return 0;
-  const std::string expected = std::string("1\0", 2) + word + '\0';
   const std::string quoted = sh_quote(word);
-  require(dash.wordsOf(quoted) == expected);
-  require(bash.wordsOf(quoted) == expected);
-  // In a command that is itself an argument of sh -c.
-  const std::string nested = sh_quote("a " + quoted);
-  require(dash.wordsOf(nested) == std::string("1\0", 2) + "a " + quoted + '\0');
+  // A word of a command may be a command line itself.
+  const std::string line = "a " + quoted;
+  const std::string script = showWords(quoted) + showWords(sh_quote(line));
+  const std::string expected = oneWord(word) + oneWord(line);
+  require(printedBy({"dash"}, script) == expected);
+  // Braces are left alone on purpose, and bash alone of the two expands them.
+  require(printedBy({"bash", "+B"}, script) == expected);
   return 0;
 }
