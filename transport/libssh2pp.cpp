@@ -30,9 +30,9 @@ constexpr std::chrono::seconds CLEARANCE_LIMIT{2};
 /// How long a farewell waits for the peer's.
 constexpr std::chrono::seconds FAREWELL_LIMIT{3};
 constexpr std::size_t WINDOW_BYTES = 65536;
-/// Once a command talks. Large enough not to be the limit between neighbours; what is
-/// not read yet stays in memory, and the library walks through it.
-constexpr std::size_t OPEN_WINDOW_BYTES = 1 << 20;
+/// What the library may hold of a command's output. It walks through all of it with
+/// each read; the rest is better off in the system's buffers.
+constexpr std::size_t QUEUE_BYTES = 256 << 10;
 constexpr unsigned int PACKET_BYTES = 16384;
 constexpr unsigned long CONNECTION_LOST_MASK =
     LIBSSH2_POLLFD_SESSION_CLOSED | LIBSSH2_POLLFD_CHANNEL_CLOSED;
@@ -118,6 +118,8 @@ bool isDamage(long result) {
          !isSocketError(result);
 }
 
+constexpr std::size_t UNLIMITED = std::numeric_limits<std::size_t>::max();
+
 CallbackData& callbackDataOf(LIBSSH2_SESSION* session) {
   return **reinterpret_cast<CallbackData**>(libssh2_session_abstract(session));
 }
@@ -126,14 +128,16 @@ CallbackData& callbackDataOf(LIBSSH2_SESSION* session) {
 /// error number when nothing was received.
 ssize_t receive(libssh2_socket_t socket, void* buffer, std::size_t size, int flags,
                 void** abstract) {
-  const CallbackData& data = *static_cast<const CallbackData*>(*abstract);
+  CallbackData& data = *static_cast<CallbackData*>(*abstract);
   if (data.lost) return -ECONNRESET;
-  if (data.paused) return -EAGAIN;
+  if (data.allowance == 0) return -EAGAIN;
   if (data.deadline != Clock::time_point::max() && Clock::now() >= data.deadline) {
     return -ETIMEDOUT;
   }
-  const ssize_t received = recv(socket, buffer, size, flags);
-  return received < 0 ? -errno : received;
+  const ssize_t received = recv(socket, buffer, std::min(size, data.allowance), flags);
+  if (received < 0) return -errno;
+  if (data.allowance != UNLIMITED) data.allowance -= static_cast<std::size_t>(received);
+  return received;
 }
 
 /// A packet whose authentication code is wrong. Its bytes are missing from now on, so
@@ -153,15 +157,16 @@ void setCallback(LIBSSH2_SESSION* session, int kind, Callback callback) {
 #endif
 }
 
-/// Nothing is received while it lives.
-class ReceivePause {
+/// No more than so many bytes are received while it lives. Only for calls that do not
+/// wait: the others would wait for what they may not have.
+class ReceiveLimit {
  public:
-  explicit ReceivePause(LIBSSH2_SESSION* session) : data_(callbackDataOf(session)) {
-    data_.paused = true;
+  ReceiveLimit(LIBSSH2_SESSION* session, std::size_t bytes) : data_(callbackDataOf(session)) {
+    data_.allowance = bytes;
   }
-  ~ReceivePause() { data_.paused = false; }
-  ReceivePause(const ReceivePause&) = delete;
-  ReceivePause& operator=(const ReceivePause&) = delete;
+  ~ReceiveLimit() { data_.allowance = UNLIMITED; }
+  ReceiveLimit(const ReceiveLimit&) = delete;
+  ReceiveLimit& operator=(const ReceiveLimit&) = delete;
 
  private:
   CallbackData& data_;
@@ -245,9 +250,10 @@ int Channel::poll(int timeoutMs) {
   return result;
 }
 
-/// Takes in every packet that has arrived already; a read of nothing does just that.
+/// Takes in the packets that have arrived already; a read of nothing does just that.
 void Channel::readBufferedPackets() const {
   const NonBlockingGuard nonBlocking(session_);
+  const ReceiveLimit limit(session_.get(), queueRoom());
   char nothing = 0;
   // A lost connection can wait until what has come before is read.
   if (isDamage(libssh2_channel_read_ex(get(), 0, &nothing, 0))) session_.raiseLost();
@@ -295,29 +301,37 @@ int Channel::libraryPoll(unsigned long& events) const {
   descriptor.events = LIBSSH2_POLLFD_POLLIN;
   // What it received it would take in without a word of what was wrong with it.
   readBufferedPackets();
-  const ReceivePause pause(session_.get());
+  const ReceiveLimit nothing(session_.get(), 0);
   const int result = libssh2_poll(&descriptor, 1, 0);
   events = descriptor.revents;
   return result;
 }
 
-/// Tops the window up, when half of it is used, so that the server need not wait for
-/// each of our reads; and so far that a read, which never waits, need not do it. A
-/// window adjustment that has to be tried again, as in a key exchange, is otherwise
-/// announced with one number and counted with another by the library, which then drops
-/// what it takes for too much data.
+std::size_t Channel::queueRoom() const {
+  const std::size_t queued = queuedBytes();
+  return queued < QUEUE_BYTES ? QUEUE_BYTES - queued : 0;
+}
+
+/// Early, so that the server need not wait for each of our reads; and so far that a
+/// read, which never waits, need not do it. A window adjustment that has to be tried
+/// again, as in a key exchange, is otherwise announced with one number and counted with
+/// another by the library, which then drops what it takes for too much data.
 void Channel::openWindow() {
   const std::size_t window = libssh2_channel_window_read_ex(get(), nullptr, nullptr);
-  if (window >= OPEN_WINDOW_BYTES / 2) return;
+  const auto now = Clock::now();
+  if (!talking_) session_.receiveWindow().begin(window, now);
+  talking_ = true;
+  const std::size_t granted = session_.receiveWindow().grant(window, now);
+  if (granted == 0) return;
   // A failure is a lost connection, and the read's to report.
-  retryInterrupted([&] {
-    return libssh2_channel_receive_window_adjust2(get(), OPEN_WINDOW_BYTES - window, 1, nullptr);
-  });
+  retryInterrupted(
+      [&] { return libssh2_channel_receive_window_adjust2(get(), granted, 1, nullptr); });
 }
 
 int Channel::read(int stream, char* buffer, std::size_t size) {
   openWindow();
   const NonBlockingGuard nonBlocking(session_);
+  const ReceiveLimit limit(session_.get(), queueRoom());
   std::size_t done = 0;
   while (done < size) {
     const ssize_t got = libssh2_channel_read_ex(get(), stream, buffer + done, size - done);
@@ -521,6 +535,8 @@ std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Ch
   sessionLog.debug("Opening SSH channel for command '" + command + "'");
   libssh2_session_set_blocking(get(), 1);
   auto channel = std::make_unique<Channel>(openChannel(), *this);
+  // On a way that is known to be long the first bytes need not wait to be asked for more.
+  if (receiveWindow_.target() > ReceiveWindow::SMALLEST) channel->openWindow();
   channel->startCommand(command, mode);
   return channel;
 }
@@ -532,11 +548,13 @@ LIBSSH2_CHANNEL* Session::openChannel() {
   // it has said farewell to it.
   const bool mayWait = hasClosedChannel_ && openChannels_ == 0;
   for (;;) {
+    const Clock::time_point asked = Clock::now();
     LIBSSH2_CHANNEL* const channel = retryInterrupted([&] {
       return libssh2_channel_open_ex(get(), "session", 7, WINDOW_BYTES, PACKET_BYTES, nullptr, 0);
     });
     const bool refused =
         !channel && libssh2_session_last_errno(get()) == LIBSSH2_ERROR_CHANNEL_FAILURE;
+    if (channel) receiveWindow_.addRoundTrip(Clock::now() - asked);
     if (!refused || !mayWait || Clock::now() >= end) return channel;
     waitForSocket(POLLRDHUP, PAUSE_MS);
   }

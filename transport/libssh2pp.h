@@ -4,11 +4,13 @@
 
 #include <chrono>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "transport/handle.h"
+#include "transport/receive_window.h"
 
 DECLARE_ERROR_TAG(UnableToStartSshSession, "Unable to start SSH session: %1%");
 DECLARE_ERROR_TAG(SshAuthorizationFailed, "No suitable username/password found");
@@ -30,8 +32,8 @@ struct CallbackData {
   std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
   /// Goes into every answer of keyboard-interactive; not owned.
   const std::string* promptAnswer = nullptr;
-  /// Nothing more is to be received for now, as if nothing had come.
-  bool paused = false;
+  /// Bytes that may still be received; beyond them it is as if nothing had come.
+  std::size_t allowance = std::numeric_limits<std::size_t>::max();
   /// Nothing more is to be received ever.
   bool lost = false;
 };
@@ -73,6 +75,9 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
   /// with REFUSED_STATUS. Throws SshConnectionFault.
   void startCommand(const std::string& command, Mode mode);
 
+  /// Lets the server send more of the command's output, if the time has come.
+  void openWindow();
+
   /// Waits until the command has something to say, ends, or the connection is lost,
   /// at most `timeoutMs`; returns at once on a signal. SIGALRM is let in here even
   /// when the caller holds it blocked. Throws SshConnectionFault.
@@ -106,13 +111,14 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
  private:
   bool isClosed() const;
   int libraryPoll(unsigned long& events) const;
+  std::size_t queueRoom() const;
   bool isIdle() const;
   bool isStalled() const;
-  void openWindow();
   void readBufferedPackets() const;
 
   Session& session_;
   bool refused_ = false;
+  bool talking_ = false;
 };
 
 /// The SSH session over a connected socket. The order of the bases matters: what the
@@ -158,6 +164,8 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   void waitForSocket(short events, int timeoutMs);
   /// Waits until the library, told to wait by LIBSSH2_ERROR_EAGAIN, may go on.
   void waitUntilReady();
+  /// For Channel. What is known of the way to the server.
+  ReceiveWindow& receiveWindow() { return receiveWindow_; }
   /// For Channel. Another command is running, or has ended.
   void countChannel(int change);
   /// True when the library still has bytes to send that the socket did not take.
@@ -187,6 +195,7 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   std::unique_ptr<Channel> reserveChannel_;
   Clock::time_point loginDeadline_;
   Clock::time_point lastKeepAlive_;
+  ReceiveWindow receiveWindow_;
   int openChannels_ = 0;
   bool hasClosedChannel_ = false;
 };
