@@ -180,6 +180,13 @@ def set_password(login_name, password):
             shadow.write(":".join(fields) + "\n")
 
 
+def without_penalties():
+    """Settings for a server that need not mind how many connections of ours fail: later ones refuse us then."""
+    version = subprocess.run(["ssh", "-V"], check=True, stderr=subprocess.PIPE, text=True).stderr
+    major, minor = map(int, re.match(r"OpenSSH_(\d+)\.(\d+)", version).groups())
+    return ["PerSourcePenalties no"] if (major, minor) >= (9, 8) else []
+
+
 class SourceHost:
     """An OpenSSH server for the logins of the private world.
 
@@ -206,7 +213,7 @@ class SourceHost:
         lines = list(options) + [f"HostKey {self._key(kind)}" for kind in host_keys] + [
             f"ListenAddress {address}:{port}", "PidFile none", "UsePAM yes", "PasswordAuthentication yes",
             "KbdInteractiveAuthentication yes", "PermitRootLogin yes", "UseDNS no", "LogLevel VERBOSE",
-            "PrintMotd no"]
+            "PrintMotd no", *without_penalties()]
         self._config = write(f"{self._folder}/sshd_config", "\n".join(lines) + "\n")
         self._server = None
 
