@@ -16,12 +16,6 @@ std::string CollectedText::Buf::str() const {
   return kept_ + "\n[" + std::to_string(leftOut_) + " more bytes were left out]\n";
 }
 
-CollectedText::Buf::int_type CollectedText::Buf::overflow(int_type c) {
-  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
-  const char byte = traits_type::to_char_type(c);
-  return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
-}
-
 std::streamsize CollectedText::Buf::xsputn(const char* bytes, std::streamsize size) {
   const auto offered = static_cast<std::size_t>(size);
   const std::size_t taken = std::min(offered, limit_ - kept_.size());

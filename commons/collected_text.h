@@ -1,8 +1,9 @@
 #pragma once
 
 #include <ostream>
-#include <streambuf>
 #include <string>
+
+#include "commons/unbuffered_streambuf.h"
 
 /// Keeps what a remote command writes, but no more than a limit: another host must not
 /// decide how much memory this one has left.
@@ -24,13 +25,12 @@ class CollectedText : public std::ostream {
   std::string str() const;
 
  private:
-  class Buf : public std::streambuf {
+  class Buf : public UnbufferedStreamBuf {
    public:
     Buf(std::size_t limit, Excess excess) : limit_(limit), excess_(excess) {}
     std::string str() const;
 
    protected:
-    int_type overflow(int_type c) override;
     std::streamsize xsputn(const char* bytes, std::streamsize size) override;
 
    private:

@@ -45,12 +45,6 @@ TerminalGuard::~TerminalGuard() {
   stream_.rdbuf(original_);
 }
 
-TerminalGuard::EscapingBuf::int_type TerminalGuard::EscapingBuf::overflow(int_type c) {
-  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
-  const char byte = traits_type::to_char_type(c);
-  return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
-}
-
 std::streamsize TerminalGuard::EscapingBuf::xsputn(const char* bytes, std::streamsize size) {
   const std::string shown = escapeForTerminal({bytes, static_cast<std::size_t>(size)});
   const auto length = static_cast<std::streamsize>(shown.size());

@@ -1,8 +1,9 @@
 #pragma once
 
 #include <iosfwd>
-#include <streambuf>
 #include <string>
+
+#include "commons/unbuffered_streambuf.h"
 
 /// `text` as it may be shown on a terminal: control characters, but for line ends and
 /// tabs, and bytes that are not UTF-8 become "\x" and two hexadecimal digits.
@@ -22,12 +23,11 @@ class TerminalGuard {
  private:
   /// Each write stands for itself: a character that comes in two of them is shown as
   /// bytes.
-  class EscapingBuf : public std::streambuf {
+  class EscapingBuf : public UnbufferedStreamBuf {
    public:
     explicit EscapingBuf(std::streambuf* target) : target_(target) {}
 
    protected:
-    int_type overflow(int_type c) override;
     std::streamsize xsputn(const char* bytes, std::streamsize size) override;
     int sync() override;
 

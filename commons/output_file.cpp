@@ -7,12 +7,6 @@
 #include <cerrno>
 #include <cstring>
 
-FdStreamBuf::int_type FdStreamBuf::overflow(int_type c) {
-  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
-  const char byte = traits_type::to_char_type(c);
-  return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
-}
-
 bool FdStreamBuf::finish() {
   if (replacing_ && ftruncate(fd_, 0) != 0) {
     error_ = errno;

@@ -3,15 +3,15 @@
 #include <sys/types.h>
 
 #include <ostream>
-#include <streambuf>
 #include <string>
 
 #include "commons/checksum.h"
+#include "commons/unbuffered_streambuf.h"
 #include "commons/unique_fd.h"
 
 /// Writes to a descriptor without a buffer of its own, so that a full disk is seen
 /// at the write it hits. Continues short writes and interrupted ones.
-class FdStreamBuf : public std::streambuf {
+class FdStreamBuf : public UnbufferedStreamBuf {
  public:
   /// The descriptor stays the caller's.
   /// With `replaceContent` the first write, or `finish` if there is none, truncates the
@@ -26,7 +26,6 @@ class FdStreamBuf : public std::streambuf {
   int error() const { return error_; }
 
  protected:
-  int_type overflow(int_type c) override;
   std::streamsize xsputn(const char* bytes, std::streamsize size) override;
 
  private:

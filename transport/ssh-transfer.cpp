@@ -10,6 +10,7 @@
 #include "commons/commons.h"
 #include "commons/log.h"
 #include "commons/sh_quoting.h"
+#include "commons/unbuffered_streambuf.h"
 
 namespace {
 
@@ -22,9 +23,8 @@ constexpr int POLL_LIMIT_MS = 5000;
 constexpr mode_t DOWNLOAD_UMASK = 022;
 
 /// Swallows everything. A stream without a buffer would count as failed.
-class NullStreamBuf : public std::streambuf {
+class NullStreamBuf : public UnbufferedStreamBuf {
  protected:
-  int_type overflow(int_type c) override { return traits_type::not_eof(c); }
   std::streamsize xsputn(const char* /*bytes*/, std::streamsize size) override { return size; }
 };
 
