@@ -3,7 +3,7 @@ import os
 import shutil
 
 from content import content_list
-from world import ROOT, SourceHost, deployed_agent, wait_until, write
+from world import ROOT, Destination, Session, SourceHost, deployed_agent, wait_until, write
 
 FOLDER = "/mnt/gates"
 PROGRAMS = "/mnt/bin"
@@ -59,6 +59,16 @@ def offered_behind_gates(files, listed=()):
     shutil.rmtree(ROOT.agent_dir, ignore_errors=True)
     entries = listed or [(name, content, {}) for name, content in files.items()]
     deployed_agent(ROOT, AGENT, {"list.xml": content_list(entries), **files})
+
+
+def run_to(point, files):
+    """(running, gate) of a content run in a new session that waits at the point."""
+    shutil.rmtree(Session().path, ignore_errors=True)
+    offered_behind_gates(files)
+    gate = Gate(point)
+    running = Destination().start("get-content")
+    gate.reached()
+    return running, gate
 
 
 class Gate:

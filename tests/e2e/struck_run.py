@@ -74,12 +74,6 @@ def commands_running():
     return found
 
 
-def processor_ticks(running):
-    """The processor time that a run has used, in ticks of 10 ms."""
-    fields = read(f"/proc/{running.pid}/stat").rpartition(b")")[2].split()
-    return int(fields[11]) + int(fields[12])
-
-
 def chain(message):
     """Tags of a message of the result log and of those inside it."""
     return [message[0]] + [tag for inner in message[3] for tag in chain(inner)]

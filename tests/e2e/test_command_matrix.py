@@ -1,14 +1,13 @@
 """How commands of a source host can end, refuse, stall and babble, and what a run makes of it."""
 import hashlib
 import os
-import shutil
 import signal
 import time
 
 import pytest
 
 from content import left, offered
-from gates import Gate, gated_host, offered_behind_gates
+from gates import gated_host, run_to
 from invariants import ARCHIVES, check, complete
 from scripted_server import Script, ScriptedServer
 from test_remote_commands import LEAKY, MIB, SCOUT, peak_bytes, processor_time, result, scout_failure, sum_of
@@ -85,11 +84,7 @@ def test_signal_that_ends_a_removal_is_told_and_loses_nothing(content_verify, ca
 
 def run_with_a_death(point, number):
     """The outcome of a content run one command of which is ended by a signal."""
-    shutil.rmtree(Session().path, ignore_errors=True)
-    offered_behind_gates(FILES)
-    gate = Gate(point)
-    running = Destination().start("get-content")
-    gate.reached()
+    running, gate = run_to(point, FILES)
     gate.kill(number)
     outcome = running.finish()
     check(outcome, FILES)

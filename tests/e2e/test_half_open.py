@@ -11,10 +11,10 @@ import time
 import pytest
 
 from gates import offered_behind_gates
-from struck_run import (FILES, NO_LEAK_CHECK, NO_SESSION, POINTS, check_failed, check_next_run, processor_ticks,
-                        source_host, struck_run)
+from struck_run import (FILES, NO_LEAK_CHECK, NO_SESSION, POINTS, check_failed, check_next_run, source_host,
+                        struck_run)
 from test_connection import few_attempts
-from world import CONFIGURATION, ROOT, SESSION, Destination, Login, read, wait_until, write
+from world import CONFIGURATION, ROOT, SESSION, Destination, Login, processor_ticks, read, wait_until, write
 
 pytestmark = [pytest.mark.matrix("network"), pytest.mark.slow]
 
@@ -121,11 +121,11 @@ def test_peer_that_vanishes_is_given_up_after_two_minutes_at_each_step(cases):
             runs = plain + verified
             cases(len(runs))
             begin = time.monotonic()
-            used = [processor_ticks(running) for _, _, running in runs]
+            used = [processor_ticks(running.pid) for _, _, running in runs]
             wait_until(lambda: any(running.ended() for _, _, running in runs), "the end of a run", MOST_SECONDS)
             assert time.monotonic() - begin > LEAST_SECONDS
             for (_, _, running), before in zip(runs, used):
-                assert running.ended() or processor_ticks(running) - before <= 5, "a run is busy while it waits"
+                assert running.ended() or processor_ticks(running.pid) - before <= 5, "a run is busy while it waits"
             outcomes = [running.finish(begin + MOST_SECONDS - time.monotonic()) for _, _, running in runs]
         for (point, destination, _), outcome in zip(runs, outcomes):
             # The second attempt to start a session finds nobody.

@@ -8,9 +8,9 @@ from fast_clock import fast_clock  # a fixture  # noqa: F401  # pylint: disable=
 from gates import offered_behind_gates
 from invariants import check, check_documents, check_nothing_lost
 from relay import Dialog, corrupt, delay, fin, one_byte, rst, stall, throttle
-from struck_run import (EARLY, FILES, LATE, NO_LEAK_CHECK, POINTS, Point, check_failed, check_next_run, processor_ticks,
-                        source_host, struck_run)
-from world import Session
+from struck_run import (EARLY, FILES, LATE, NO_LEAK_CHECK, POINTS, Point, check_failed, check_next_run, source_host,
+                        struck_run)
+from world import Session, processor_ticks
 
 pytestmark = pytest.mark.matrix("network")
 
@@ -31,10 +31,10 @@ def each(table):
 
 def check_idle(running):
     """It does not busy itself while it waits; a tick is 10 ms."""
-    before = processor_ticks(running)
+    before = processor_ticks(running.pid)
     time.sleep(0.3)
     assert not running.ended()
-    assert processor_ticks(running) - before <= 1
+    assert processor_ticks(running.pid) - before <= 1
 
 
 def check_stalled(running):

@@ -10,7 +10,7 @@ import pytest
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from scripted_server import Script, ScriptedServer, Stopped, ends
 from world import (BINARY, DTM, PLAIN, ROOT, SUDOER, Destination, Outcome, Session, SourceHost, deployed_agent,
-                   install_agent, process_running, wait_until, write)
+                   install_agent, process_running, processor_ticks, wait_until, write)
 
 pytestmark = pytest.mark.matrix("commands")
 
@@ -350,9 +350,7 @@ def test_real_command_that_has_ended_does_not_hold_its_input_up(size):
 
 def processor_time(pid):
     """Seconds, of the process and the system for it."""
-    with open(f"/proc/{pid}/stat", encoding="utf-8") as stat:
-        fields = stat.read().rpartition(")")[2].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    return processor_ticks(pid) / os.sysconf("SC_CLK_TCK")
 
 
 @pytest.mark.parametrize("before", ["nothing", "output", "error output", "exit status", "end of output"])

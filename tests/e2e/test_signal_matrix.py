@@ -10,7 +10,7 @@ import time
 import pytest
 
 from content import offered
-from gates import Gate, gated_host, offered_behind_gates
+from gates import gated_host, offered_behind_gates, run_to
 from invariants import ARCHIVES, TERMINATED, check, check_documents, check_nothing_lost, complete, temporaries
 from scripted_server import Held, Script, ScriptedServer, fin
 from test_signals import signals_of
@@ -228,10 +228,7 @@ def complete_it(source, files=FILES):
 
 @pytest.mark.parametrize("point", POINTS)
 def test_stop_request_ends_a_content_run_cleanly(host, content_verify, point):
-    offered_behind_gates(FILES)
-    gate = Gate(point)
-    running = Destination().start("get-content")
-    gate.reached()
+    running, gate = run_to(point, FILES)
     running.send(signal.SIGUSR1)
     gate.open()
     outcome = running.finish()
@@ -245,11 +242,7 @@ def test_stop_request_ends_a_content_run_cleanly(host, content_verify, point):
 def test_killed_content_run_is_completed_by_the_next(host, content_verify, cases, point):
     cases(2)
     for number in (signal.SIGTERM, signal.SIGKILL):
-        shutil.rmtree(Session().path, ignore_errors=True)
-        offered_behind_gates(FILES)
-        gate = Gate(point)
-        running = Destination().start("get-content")
-        gate.reached()
+        running, gate = run_to(point, FILES)
         running.send(number)
         outcome = running.finish()
         assert outcome == Outcome(-number, b"", b"")

@@ -105,6 +105,12 @@ def process_running(*arguments):
     return None
 
 
+def processor_ticks(pid):
+    """The processor time that a process and the system for it have used, in the system's ticks."""
+    fields = read(f"/proc/{pid}/stat").rpartition(b")")[2].split()
+    return int(fields[11]) + int(fields[12])
+
+
 # --- files -----------------------------------------------------------------------------------
 
 def write(path, content=b"", mode=0o644, owner=None):
