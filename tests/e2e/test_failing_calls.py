@@ -63,10 +63,11 @@ def cpu_seconds():
     return used.ru_utime + used.ru_stime
 
 
-def get_content(environment=None):
+def get_content(source, environment=None):
     before = cpu_seconds()
     outcome = Destination(ROOT).start("get-content", environment=environment).finish(LIMIT_SECONDS)
     assert cpu_seconds() - before < CPU_LIMIT_SECONDS, "the tool goes round in circles"
+    source.wait_until_idle()
     return outcome
 
 
@@ -80,13 +81,13 @@ def innermost_code(outcome):
     return message[0]
 
 
-def try_each(library, kind, stays, told, harmless):
+def try_each(source, library, kind, stays, told, harmless):
     """Lets the first call fail, then the second ... until there is none left; returns how many failed."""
     for nth in range(1, MOST_CALLS):
         shutil.rmtree(SESSION, ignore_errors=True)
         offered(ROOT, *ENTRIES.items())
         fault = Fault(library, kind, nth, stays)
-        outcome = get_content(fault.environment)
+        outcome = get_content(source, fault.environment)
         failed = fault.struck()
         saved = Session().exists("transfer.result")
         assert saved or outcome.code == 1 or any("transfer.result" in what for what in failed), failed
@@ -101,30 +102,30 @@ def try_each(library, kind, stays, told, harmless):
             assert all(re.fullmatch(harmless, what) for what in failed), failed
         else:
             assert not saved or innermost_code(outcome) in told, outcome
-            rerun_completes(leaves)
+            rerun_completes(source, leaves)
     raise AssertionError(f"{kind} is called more than {MOST_CALLS} times")
 
 
-def rerun_completes(leaves):
+def rerun_completes(source, leaves):
     already = complete(ENTRIES, ARCHIVES)
-    outcome = get_content()
+    outcome = get_content(source)
     check(outcome, ENTRIES, leaves=leaves, already=already)
     assert outcome.code == 0
 
 
 @pytest.mark.usefixtures("content_verify")
 @each(KINDS)
-def test_one_that_fails_loses_nothing(preload, cases, kind):
+def test_one_that_fails_loses_nothing(source, preload, cases, kind):
     fewest, told, harmless = KINDS[kind]
-    number = try_each(preload, kind, False, told, harmless)
+    number = try_each(source, preload, kind, False, told, harmless)
     assert number >= fewest
     cases(number)
 
 
 @pytest.mark.usefixtures("content_verify")
 @each(["write", "mkstemp", "rename", "recv", "send"])
-def test_all_from_one_on_that_fail_lose_nothing(preload, cases, kind):
+def test_all_from_one_on_that_fail_lose_nothing(source, preload, cases, kind):
     fewest, told, harmless = KINDS[kind]
-    number = try_each(preload, kind, True, told, harmless)
+    number = try_each(source, preload, kind, True, told, harmless)
     assert number >= fewest
     cases(number)

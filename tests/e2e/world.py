@@ -92,17 +92,21 @@ def enter_private_network():
         fcntl.ioctl(any_socket, 0x8914, struct.pack("16sh14x", b"lo", 0x1 | 0x8))
 
 
+def processes():
+    """(pid, command line) of each process of this private world."""
+    here = os.readlink("/proc/self/ns/mnt")
+    for name in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            if os.readlink(f"/proc/{name}/ns/mnt") == here:
+                yield int(name), read(f"/proc/{name}/cmdline")
+        except (FileNotFoundError, ProcessLookupError, PermissionError):
+            pass  # it has ended since the folder was listed, or is one that not even root may look into
+
+
 def process_running(*arguments):
     """The pid of a process of this private world with exactly this command line, or None."""
     wanted = b"".join(os.fsencode(argument) + b"\0" for argument in arguments)
-    for name in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            if (read(f"/proc/{name}/cmdline") == wanted
-                    and os.readlink(f"/proc/{name}/ns/mnt") == os.readlink("/proc/self/ns/mnt")):
-                return int(name)
-        except (FileNotFoundError, ProcessLookupError):
-            pass  # it has ended since the folder was listed
-    return None
+    return next((pid for pid, command in processes() if command == wanted), None)
 
 
 def processor_ticks(pid):
@@ -241,6 +245,11 @@ class SourceHost:
     def serves(self):
         """True while a process of the server is there for a connection."""
         return read(f"/proc/{self._server.pid}/task/{self._server.pid}/children") != b""
+
+    def wait_until_idle(self):
+        """A command goes on when its connection is lost; the next run is not to meet it."""
+        known = {os.getpid(), self._server.pid}
+        wait_until(lambda: {pid for pid, _ in processes()} <= known, "the last remote command to end")
 
     def stop(self):
         if self._server:
