@@ -33,6 +33,18 @@ std::string getFolderOf(const std::string& target) {
   return folder.empty() ? "/" : folder;
 }
 
+/// Creates an empty file and tells its name. Throws CantCreateTempFile.
+UniqueFd makeTempFile(const std::string& dir, const std::string& prefix, std::string& name) {
+  std::vector<char> buffer;
+  initTempName(buffer, dir, prefix);
+  // mkstemp may spoil the template when it fails.
+  const std::string nameTemplate = buffer.data();
+  UniqueFd fd(mkstemp(buffer.data()));
+  if (!fd) throw Exc<&CantCreateTempFile>(HERE) % nameTemplate % std::strerror(errno);
+  name = buffer.data();
+  return fd;
+}
+
 /// Puts the entry `path` of its folder on the disk: what is in a new folder is there
 /// only if the folder is. False with errno.
 bool syncFolderOf(const std::string& path) {
@@ -53,13 +65,9 @@ void initTempName(std::vector<char>& buffer, const std::string& dir, const std::
 }
 
 std::string DTM_getTempFileName(const std::string& dir, const std::string& prefix) {
-  std::vector<char> name;
-  initTempName(name, dir, prefix);
-  // mkstemp may spoil the template when it fails.
-  const std::string nameTemplate = name.data();
-  const UniqueFd fd(mkstemp(name.data()));
-  if (!fd) throw Exc<&CantCreateTempFile>(HERE) % nameTemplate % std::strerror(errno);
-  return name.data();
+  std::string name;
+  makeTempFile(dir, prefix, name);
+  return name;
 }
 
 std::uint64_t getFreeSpace(const std::string& path) {
@@ -115,9 +123,10 @@ const ServiceAccount& serviceAccount() {
   return account;
 }
 
-AtomicReplacement::AtomicReplacement(const std::string& target)
+AtomicReplacement::AtomicReplacement(const std::string& target, Price price)
     : target_(target),
-      temporaryName_(DTM_getTempFileName(getFolderOf(target), getFileNameFromPath(target))) {}
+      price_(price),
+      temporary_(makeTempFile(getFolderOf(target), getFileNameFromPath(target), temporaryName_)) {}
 
 AtomicReplacement::~AtomicReplacement() {
   if (removeTemporary_) std::remove(temporaryName_.c_str());
@@ -129,9 +138,30 @@ void AtomicReplacement::commit() {
   if (chown(temporaryName_.c_str(), owner.user, owner.group) != 0) {
     throw Exc<&CantTakeFileOwnership>(HERE) % temporaryName_ % std::strerror(errno);
   }
-  if (std::rename(temporaryName_.c_str(), target_.c_str()) != 0) {
+  if (!moveOverTarget()) {
     throw Exc<&CantRenameFile>(HERE) % temporaryName_ % target_ % std::strerror(errno);
   }
+}
+
+/// False with errno, the target being untouched.
+bool AtomicReplacement::moveOverTarget() const {
+  const char* const from = temporaryName_.c_str();
+  const char* const to = target_.c_str();
+  const auto exchange = [&] {
+    return renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_EXCHANGE) == 0;
+  };
+  if (price_ == CRASH_SAFE) return std::rename(from, to) == 0;
+  if (exchange()) {
+    if (unlink(from) == 0) return true;
+    // A folder, which a rename would not have moved away either.
+    const int error = errno;
+    exchange();
+    errno = error;
+    return false;
+  }
+  // There is no target yet, or the file system knows nothing of exchanges.
+  const bool mayRename = errno == ENOENT || errno == EINVAL || errno == ENOSYS;
+  return mayRename && std::rename(from, to) == 0;
 }
 
 UmaskGuard::UmaskGuard(mode_t mask) : oldMask_(umask(mask)) {}

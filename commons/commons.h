@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "commons/exceptions.h"
+#include "commons/unique_fd.h"
 
 DECLARE_ERROR_TAG(CantCreateTempFile,
                   "Can not create temporary file with the template '%1%': %2%.");
@@ -63,20 +64,33 @@ const ServiceAccount& serviceAccount();
 /// failed `commit` it is left in place, as evidence.
 class AtomicReplacement {
  public:
+  /// What replaces the same file thousands of times in a run had better be CHEAP: file
+  /// systems write out what is renamed over something, so that a crash of the machine
+  /// leaves the old content or the new; a cheap replacement may leave an empty file then.
+  enum Price { CRASH_SAFE, CHEAP };
+
   /// Creates the temporary file. Throws CantCreateTempFile.
-  explicit AtomicReplacement(const std::string& target);
+  explicit AtomicReplacement(const std::string& target, Price price = CRASH_SAFE);
   ~AtomicReplacement();
   AtomicReplacement(const AtomicReplacement&) = delete;
   AtomicReplacement& operator=(const AtomicReplacement&) = delete;
 
   const std::string& temporaryName() const { return temporaryName_; }
+  /// The temporary file, open for writing.
+  int descriptor() const { return temporary_.get(); }
+  /// False with errno when what was written to the descriptor may be lost.
+  bool close() { return temporary_.close() == 0; }
 
   /// Throws CantTakeFileOwnership or CantRenameFile; the target is then untouched.
   void commit();
 
  private:
+  bool moveOverTarget() const;
+
   std::string target_;
+  Price price_;
   std::string temporaryName_;
+  UniqueFd temporary_;
   bool removeTemporary_ = true;
 };
 

@@ -90,7 +90,7 @@ void XmlMigrationStatus::saveFile() {
     case DEPLOY: addDeploy(); break;
     default: addTransfer();
   }
-  saveToFileAtomically(theSession->getStatusFileName());
+  saveOftenAtomically(theSession->getStatusFileName());
 }
 
 /// The root's own attributes stay: they keep the deployment's figures in sight when

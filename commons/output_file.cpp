@@ -7,6 +7,13 @@
 #include <cerrno>
 #include <cstring>
 
+namespace {
+
+/// How much a disk is given to write at a time, while more comes in.
+constexpr off_t WRITE_OUT_BYTES = 8 << 20;
+
+}  // namespace
+
 bool FdStreamBuf::finish() {
   if (replacing_ && ftruncate(fd_, 0) != 0) {
     error_ = errno;
@@ -29,22 +36,31 @@ std::streamsize FdStreamBuf::xsputn(const char* bytes, std::streamsize size) {
     }
   }
   if (sum_) sum_->add(bytes, static_cast<std::size_t>(done));
+  written_ += done;
+  if (kind_ == CONTENT && written_ - writtenOut_ >= WRITE_OUT_BYTES) writeOut();
   return done;
+}
+
+/// Only begins to: what fails shows when the file is synced.
+void FdStreamBuf::writeOut() {
+  sync_file_range(fd_, writtenOut_, written_ - writtenOut_, SYNC_FILE_RANGE_WRITE);
+  writtenOut_ = written_;
 }
 
 OutputFile::OutputFile(const std::string& path)
     : OutputFile(path, UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
-                 UniqueFd(), false) {}
+                 UniqueFd(), FdStreamBuf::PLAIN) {}
 
 OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd folder)
-    : OutputFile(path, std::move(file), std::move(folder), true) {}
+    : OutputFile(path, std::move(file), std::move(folder), FdStreamBuf::CONTENT) {}
 
-OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd folder, bool replaceContent)
+OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd folder,
+                       FdStreamBuf::Kind kind)
     : path_(path),
       file_(std::move(file)),
       folder_(std::move(folder)),
       error_(file_ ? 0 : errno),
-      buffer_(file_.get(), replaceContent),
+      buffer_(file_.get(), kind),
       stream_(&buffer_) {
   if (!file_) stream_.setstate(std::ios::badbit);
 }

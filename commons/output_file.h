@@ -13,10 +13,15 @@
 /// at the write it hits. Continues short writes and interrupted ones.
 class FdStreamBuf : public UnbufferedStreamBuf {
  public:
-  /// The descriptor stays the caller's.
-  /// With `replaceContent` the first write, or `finish` if there is none, truncates the
-  /// file.
-  explicit FdStreamBuf(int fd, bool replaceContent = false) : fd_(fd), replacing_(replaceContent) {}
+  /// Where the bytes go. The descriptor stays the caller's.
+  enum Kind {
+    PLAIN,
+    /// A file that will be synced: it is on its way to the disk while more is written.
+    /// The first write, or `finish` if there is none, truncates it.
+    CONTENT
+  };
+  explicit FdStreamBuf(int fd, Kind kind = PLAIN)
+      : fd_(fd), kind_(kind), replacing_(kind == CONTENT) {}
   /// False when what the file held could not be truncated.
   bool finish();
   /// From now on counts what was written; `sum` must outlive the buffer, or the next
@@ -29,8 +34,13 @@ class FdStreamBuf : public UnbufferedStreamBuf {
   std::streamsize xsputn(const char* bytes, std::streamsize size) override;
 
  private:
+  void writeOut();
+
   int fd_;
+  Kind kind_;
   bool replacing_;
+  off_t written_ = 0;
+  off_t writtenOut_ = 0;
   int error_ = 0;
   Md5Sum* sum_ = nullptr;
 };
@@ -71,7 +81,7 @@ class OutputFile {
   std::string errorText() const;
 
  private:
-  OutputFile(const std::string& path, UniqueFd file, UniqueFd folder, bool replaceContent);
+  OutputFile(const std::string& path, UniqueFd file, UniqueFd folder, FdStreamBuf::Kind kind);
   bool noteFailure();
 
   std::string path_;

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "commons/commons.h"
+#include "commons/output_file.h"
 #include "commons/secrets.h"
 #include "commons/utf8.h"
 #include "commons/xml_entities.h"
@@ -140,6 +141,20 @@ void tXmlDocument::saveToStream(std::ostream& stream) const {
 void tXmlDocument::saveToFileAtomically(const std::string& target) const {
   AtomicReplacement replacement(target);
   saveToFile(replacement.temporaryName().c_str());
+  replacement.commit();
+}
+
+void tXmlDocument::saveOftenAtomically(const std::string& target) const {
+  AtomicReplacement replacement(target, AtomicReplacement::CHEAP);
+  // The library's own way to write to a descriptor takes a short write for a whole one.
+  FdStreamBuf file(replacement.descriptor());
+  std::ostream stream(&file);
+  const xmlOutputBufferPtr buffer =
+      xmlOutputBufferCreateIO(writeToStream, closeNothing, &stream, nullptr);
+  const LibxmlErrorCollector complaints;
+  if (xmlSaveFileTo(buffer, document(), nullptr) < 0 || !replacement.close()) {
+    throw Exc<&tError_SaveFile>(HERE) % replacement.temporaryName();
+  }
   replacement.commit();
 }
 

@@ -53,6 +53,9 @@ class tXmlDocument {
   /// Replaces `target` in one step, for other programs to read: its owner becomes
   /// the service account. Throws what AtomicReplacement and saveToFile throw.
   void saveToFileAtomically(const std::string& target) const;
+  /// The same, without saveToFile, for what is saved thousands of times in a run: see
+  /// AtomicReplacement::CHEAP.
+  void saveOftenAtomically(const std::string& target) const;
 
   xmlDocPtr document() const { return document_.get(); }
 

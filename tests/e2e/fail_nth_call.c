@@ -139,10 +139,16 @@ int statfs64(const char* path, struct statfs64* status) {
 }
 
 /* A folder that cannot grow. */
-int rename(const char* from, const char* to) {
+static int fails_to_rename(const char* from, const char* to) {
   char both[8192];
   snprintf(both, sizeof both, "%s -> %s", from, to);
-  return fails("rename", ENOSPC, both) ? -1 : REAL(rename)(from, to);
+  return fails("rename", ENOSPC, both);
+}
+int rename(const char* from, const char* to) {
+  return fails_to_rename(from, to) ? -1 : REAL(rename)(from, to);
+}
+int renameat2(int folder, const char* from, int other, const char* to, unsigned flags) {
+  return fails_to_rename(from, to) ? -1 : REAL(renameat2)(folder, from, other, to, flags);
 }
 int mkstemp(char* name) { return fails("mkstemp", ENOSPC, name) ? -1 : REAL(mkstemp)(name); }
 int mkstemp64(char* name) { return fails("mkstemp", ENOSPC, name) ? -1 : REAL(mkstemp64)(name); }

@@ -70,6 +70,44 @@ TEST(AtomicReplacementTest, LeavesTheTemporaryFileWhenItCannotBeMovedOverTheTarg
   EXPECT_EQ(ownerAndMode(dir / "target"), "0:0 755");
 }
 
+TEST(AtomicReplacementTest, ReplacesCheaplyWhetherThereIsATargetOrNot) {
+  const ScopedTempDir dir;
+  for (const std::string text : {"first", "second", "third"}) {
+    AtomicReplacement replacement(dir / "target", AtomicReplacement::CHEAP);
+    ASSERT_EQ(write(replacement.descriptor(), text.data(), text.size()),
+              static_cast<ssize_t>(text.size()));
+    EXPECT_TRUE(replacement.close());
+    replacement.commit();
+    EXPECT_EQ(readFile(dir / "target"), text);
+    EXPECT_EQ(ownerAndMode(dir / "target"), "20000:20000 600");
+    EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("target"));
+  }
+}
+
+TEST(AtomicReplacementTest, ReplacesALinkCheaplyAndNotWhatItLeadsTo) {
+  const ScopedTempDir dir;
+  writeFile(dir / "other", "old");
+  ASSERT_EQ(symlink("other", (dir / "target").c_str()), 0);
+  AtomicReplacement(dir / "target", AtomicReplacement::CHEAP).commit();
+  EXPECT_EQ(readFile(dir / "other"), "old");
+  EXPECT_EQ(readFile(dir / "target"), "");
+  EXPECT_THAT(entriesOf(dir.path()), testing::UnorderedElementsAre("other", "target"));
+}
+
+TEST(AtomicReplacementTest, LeavesTheFolderThatCannotBeReplacedCheaplyInItsPlace) {
+  const ScopedTempDir dir;
+  ASSERT_EQ(mkdir((dir / "target").c_str(), 0755), 0);
+  std::string temporary;
+  {
+    AtomicReplacement replacement(dir / "target", AtomicReplacement::CHEAP);
+    temporary = replacement.temporaryName();
+    EXPECT_EQ(whatOf<Exc<&CantRenameFile>>([&] { replacement.commit(); }),
+              "Cannot rename " + temporary + " to " + (dir / "target") + ": Is a directory");
+  }
+  EXPECT_EQ(ownerAndMode(temporary), "20000:20000 600");
+  EXPECT_EQ(ownerAndMode(dir / "target"), "0:0 755");
+}
+
 TEST(AtomicReplacementTest, FailsInAMissingFolderNamingTheTemplate) {
   EXPECT_EQ(whatOf<Exc<&CantCreateTempFile>>([] { AtomicReplacement("/mnt/missing/target"); }),
             "Can not create temporary file with the template '/mnt/missing/targetXXXXXX': "

@@ -341,6 +341,16 @@ TEST(XmlDocumentTest, IsSavedAtomicallyForTheServiceAccount) {
   EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("file"));
 }
 
+TEST(XmlDocumentTest, IsTheSameFileWhenItIsSavedOften) {
+  const ScopedTempDir dir;
+  tXmlDtmDocument document = makeDocument("caf\xC3\xA9 <&> \xF0\x9F\x98\x80");
+  document.saveToFileAtomically(dir / "once");
+  for (int i = 0; i < 3; ++i) document.saveOftenAtomically(dir / "often");
+  EXPECT_EQ(readFile(dir / "often"), readFile(dir / "once"));
+  EXPECT_EQ(ownerAndMode(dir / "often"), ownerAndMode(dir / "once"));
+  EXPECT_THAT(entriesOf(dir.path()), testing::UnorderedElementsAre("often", "once"));
+}
+
 TEST(XmlDocumentTest, KeepsTheOldFileAndLeavesNoTemporaryOneOnAFullDisk) {
   const ScopedTempDir dir;
   const ScopedTmpfs fileSystem(dir.path(), 16384);
@@ -349,6 +359,8 @@ TEST(XmlDocumentTest, KeepsTheOldFileAndLeavesNoTemporaryOneOnAFullDisk) {
   const auto failure =
       testing::StartsWith("Can not save the XML document to file '" + (dir / "file"));
   EXPECT_THAT(whatOf<Exc<&tError_SaveFile>>([&] { document.saveToFileAtomically(dir / "file"); }),
+              failure);
+  EXPECT_THAT(whatOf<Exc<&tError_SaveFile>>([&] { document.saveOftenAtomically(dir / "file"); }),
               failure);
   EXPECT_THAT(whatOf<Exc<&tError_SaveFile>>(
                   [&] { XmlNode(document, document.root()).saveToFileAtomically(dir / "file"); }),
