@@ -250,6 +250,17 @@ int Channel::poll(int timeoutMs) {
   return result;
 }
 
+bool Channel::awaitMore(int timeoutMs) {
+  const std::size_t there = queuedBytes();
+  openWindow();
+  readBufferedPackets();
+  if (queuedBytes() > there) return true;
+  // The end of the output is not told before all of it is read, but a farewell is.
+  if (isClosed() || session_.isPeerGone()) return false;
+  session_.waitForSocket(POLLIN | POLLRDHUP, timeoutMs);
+  return true;
+}
+
 /// Takes in the packets that have arrived already; a read of nothing does just that.
 void Channel::readBufferedPackets() const {
   const NonBlockingGuard nonBlocking(session_);

@@ -83,6 +83,11 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
   /// when the caller holds it blocked. Throws SshConnectionFault.
   int poll(int timeoutMs);
 
+  /// Waits, at most `timeoutMs`, for more than what is there to be read already, and lets
+  /// the server send it; returns early, and on a signal. False when no more will come.
+  /// Throws SshConnectionFault.
+  bool awaitMore(int timeoutMs);
+
   /// True when the command will say nothing more and all it said was read.
   bool atEof() const;
   /// Bytes of both streams that have arrived and were not read.

@@ -1,5 +1,6 @@
 #include "transport/ssh-transfer.h"
 
+#include <chrono>
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <sstream>
@@ -14,9 +15,13 @@
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 log4cpp::Category& sshLog = log4cpp::Category::getInstance("k.Ssh");
 
 constexpr std::size_t COPY_BUFFER_BYTES = 65536;
+/// How long a chunk that has begun to come in may take to be complete.
+constexpr std::chrono::milliseconds GATHER_LIMIT{100};
 /// How long the loop stays without looking at its alarm while a command is silent.
 constexpr int POLL_LIMIT_MS = 5000;
 /// Downloaded files have mode 0644 whatever the mask of this process was.
@@ -88,6 +93,7 @@ class RemoteExecution {
   /// At most one chunk of each stream, standard output first.
   void readTurn() {
     if (channel_->queuedBytes() == 0) return;
+    if (quietOutput_) gatherChunk();
     const int outSize = readChunk(0, "remote stdout -> ");
     if (outSize > 0) {
       counter_(outSize);
@@ -101,6 +107,16 @@ class RemoteExecution {
   libssh2pp::Channel& channel() { return *channel_; }
 
  private:
+  /// Bulk data is counted and stored chunk by chunk, which costs more than the bytes do:
+  /// a chunk that is coming in is waited for, but not for long.
+  void gatherChunk() {
+    const auto end = Clock::now() + GATHER_LIMIT;
+    while (channel_->queuedBytes() < buffer_.size()) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+      if (left.count() <= 0 || !channel_->awaitMore(static_cast<int>(left.count()))) return;
+    }
+  }
+
   /// Reads and logs what there is; 0 for nothing.
   int readChunk(int stream, const char* logPrefix) {
     const int size = channel_->read(stream, buffer_.data(), buffer_.size());

@@ -3,7 +3,7 @@
  * FAIL_KIND    write close fsync rename mkstemp chown mkdir statfs recv send; or full: the
  *              disk is, for each file whose path begins with FAIL_PATH, when FAIL_NTH bytes
  *              have been written
- * FAIL_NTH     which of these calls fails, counted from 1
+ * FAIL_NTH     which of these calls fails, counted from 1; with 0 none does, and all are told
  * FAIL_STAYS   set: what failed stays so, as with a disk that is full; a connection is closed
  * FAIL_REPORT  file that gets a line for each call that failed: its kind and on what
  *
@@ -61,6 +61,10 @@ static void tell(const char* what) {
 static int fails(const char* kind, int error, const char* what) {
   if (!is_kind(kind)) return 0;
   ++count;
+  if (nth == 0) {
+    tell(what);
+    return 0;
+  }
   if (count != nth && !(stays && count > nth)) return 0;
   tell(what);
   errno = error;

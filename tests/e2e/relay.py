@@ -59,6 +59,12 @@ def throttle(link):
         way.piece, way.interval = 1024, 1 / 128
 
 
+def trickle(link):
+    """2 MiB in a second, by less than a packet at a time."""
+    for way in link.ways:
+        way.piece, way.interval = 8192, 1 / 256
+
+
 def corrupt(offset, mask=1):
     """The fault that flips bits of one byte of those that the server sends next."""
     def flip(link):

@@ -12,7 +12,7 @@ REPORT = f"{FOLDER}/report"
 
 
 class Fault:
-    """What of fail_nth_call.c a run is to suffer."""
+    """What of fail_nth_call.c a run is to suffer; with `nth` 0 nothing, but each call counts as struck."""
 
     def __init__(self, library, kind, nth, stays=False, path=None):
         self._kind = kind

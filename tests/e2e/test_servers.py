@@ -335,7 +335,7 @@ def test_server_hears_of_the_run_while_the_sum_of_a_large_local_file_is_taken(se
         running = Destination().start("get-content")
         wait_until(lambda: holds_open(running, large), "the sum to be taken")
         begin = time.monotonic()
-        wait_until(lambda: not holds_open(running, large), "the sum")
+        wait_until(lambda: not holds_open(running, large), "the sum", 120)
         assert time.monotonic() - begin > seconds, "too quick to try anybody's patience"
         outcome = running.finish()
     assert outcome == DONE
