@@ -33,18 +33,6 @@ std::string getFolderOf(const std::string& target) {
   return folder.empty() ? "/" : folder;
 }
 
-/// Creates an empty file and tells its name. Throws CantCreateTempFile.
-UniqueFd makeTempFile(const std::string& dir, const std::string& prefix, std::string& name) {
-  std::vector<char> buffer;
-  initTempName(buffer, dir, prefix);
-  // mkstemp may spoil the template when it fails.
-  const std::string nameTemplate = buffer.data();
-  UniqueFd fd(mkstemp(buffer.data()));
-  if (!fd) throw Exc<&CantCreateTempFile>(HERE) % nameTemplate % std::strerror(errno);
-  name = buffer.data();
-  return fd;
-}
-
 /// Puts the entry `path` of its folder on the disk: what is in a new folder is there
 /// only if the folder is. False with errno.
 bool syncFolderOf(const std::string& path) {
@@ -65,9 +53,18 @@ void initTempName(std::vector<char>& buffer, const std::string& dir, const std::
 }
 
 std::string DTM_getTempFileName(const std::string& dir, const std::string& prefix) {
-  std::string name;
-  makeTempFile(dir, prefix, name);
-  return name;
+  UniqueFd file;
+  return DTM_getTempFileName(dir, prefix, file);
+}
+
+std::string DTM_getTempFileName(const std::string& dir, const std::string& prefix, UniqueFd& file) {
+  std::vector<char> name;
+  initTempName(name, dir, prefix);
+  // mkstemp may spoil the template when it fails.
+  const std::string nameTemplate = name.data();
+  file = UniqueFd(mkstemp(name.data()));
+  if (!file) throw Exc<&CantCreateTempFile>(HERE) % nameTemplate % std::strerror(errno);
+  return name.data();
 }
 
 std::uint64_t getFreeSpace(const std::string& path) {
@@ -126,7 +123,8 @@ const ServiceAccount& serviceAccount() {
 AtomicReplacement::AtomicReplacement(const std::string& target, Price price)
     : target_(target),
       price_(price),
-      temporary_(makeTempFile(getFolderOf(target), getFileNameFromPath(target), temporaryName_)) {}
+      temporaryName_(
+          DTM_getTempFileName(getFolderOf(target), getFileNameFromPath(target), temporary_)) {}
 
 AtomicReplacement::~AtomicReplacement() {
   if (removeTemporary_) std::remove(temporaryName_.c_str());

@@ -18,6 +18,8 @@ DECLARE_ERROR_TAG(CantRenameFile, "Cannot rename %1% to %2%: %3%");
 /// begins with `prefix`. An empty `dir` means the configured folder for temporary
 /// files. The caller overwrites or removes it. Throws CantCreateTempFile.
 std::string DTM_getTempFileName(const std::string& dir, const std::string& prefix);
+/// The same, with the file open for writing in `file`.
+std::string DTM_getTempFileName(const std::string& dir, const std::string& prefix, UniqueFd& file);
 
 /// Fills `buffer` with the NUL-terminated template of such a name.
 void initTempName(std::vector<char>& buffer, const std::string& dir, const std::string& prefix);
@@ -89,8 +91,8 @@ class AtomicReplacement {
 
   std::string target_;
   Price price_;
-  std::string temporaryName_;
   UniqueFd temporary_;
+  std::string temporaryName_;
   bool removeTemporary_ = true;
 };
 
