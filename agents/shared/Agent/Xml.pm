@@ -26,7 +26,8 @@ sub clean {
     $string = '' if !defined $string;
     utf8::encode($string) if utf8::is_utf8($string);
     return $string if $string !~ /[^\x20-\x7E]/;
-    $string =~ s/($CHARACTER+)|(.)/defined $1 ? $1 : '?'/gse;
+    # No plain "+": perl warns where a group repeats more often than it can count.
+    $string =~ s/($CHARACTER{1,30000})|(.)/defined $1 ? $1 : '?'/gse;
     return $string;
 }
 
