@@ -19,7 +19,7 @@ my @newer_code = (
     ['indented here-document', qr/<<~/],
     ['delete local', qr/\bdelete\s+local\b/],
     ['list assigned to a state variable', qr/\bstate\s*[\@%(]/],
-    ['package with a block or a version', qr/\bpackage\s+[\w:]+\s*[\w.{]/],
+    ['package with a block or a version', qr/\bpackage\s+[\w:]+(?:\s+v?\d|\s*\{)/],
     ['class or try syntax', qr/\b(?:try|defer|class|method|field)\s*\{/],
     ['__SUB__ or fc', qr/\b(?:__SUB__|fc)\b/],
 );
