@@ -1,0 +1,163 @@
+"""Database servers of a source host: private ones that only listen on a socket.
+
+For the tests that are not in Python:
+
+    source_databases.py mariadb|postgresql FOLDER [SOCKETS]
+
+runs a server in the new folder FOLDER, prints "ready" and ends it when its own standard
+input ends. Without SOCKETS the server is where the clients look for it by default.
+"""
+import contextlib
+import glob
+import os
+import pwd
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+import world
+
+
+class DatabaseServer:
+    """A server with its data in a new folder; `with` starts and stops it. Restart with start()."""
+
+    ACCOUNT = None  # who runs it
+    SOCKETS = None  # the folder where clients look for the socket
+    STOP = None
+
+    def __init__(self, folder, sockets=None):
+        self.folder = folder
+        self.sockets = sockets or self.SOCKETS
+        self.data = f"{folder}/data"
+        self.log = f"{folder}/log"
+        self.process = None
+        account = pwd.getpwnam(self.ACCOUNT)
+        self._ids = account.pw_uid, account.pw_gid
+        for path in folder, self.sockets:
+            os.makedirs(path, exist_ok=True)
+            os.chown(path, *self._ids)
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    def start(self):
+        if not os.path.isdir(self.data):
+            self._run(self._initialization(), user=self._ids[0])
+        with open(self.log, "ab") as log:
+            self.process = subprocess.Popen(self._command(), stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+                                            cwd="/", user=self._ids[0], group=self._ids[1], extra_groups=[],
+                                            preexec_fn=world.die_with_parent)
+        try:
+            world.wait_until(self._answers, f"a server to answer in {self.sockets}")
+        except BaseException:
+            self.kill()
+            raise
+
+    def stop(self):
+        if self.process:
+            self.process.send_signal(self.STOP)
+            self.process.wait(30)
+            self.process = None
+
+    def kill(self):
+        """The server dies without a word; its socket stays."""
+        self.process.kill()
+        self.process.wait()
+        self.process = None
+
+    def sql(self, text, database=None):
+        """Runs SQL as the server's administrator and returns what it prints."""
+        return self._run(self._client(database), text, user=self._client_user())
+
+    def _answers(self):
+        assert self.process.poll() is None, world.read(self.log).decode(errors="replace")
+        return subprocess.run(self._client(None), input=b"SELECT 1;", cwd="/", user=self._client_user(),
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False).returncode == 0
+
+    def _run(self, command, text="", *, user):
+        result = subprocess.run(command, input=os.fsencode(text), capture_output=True, cwd="/",
+                                user=user, check=False)
+        assert result.returncode == 0, f"{command}: {result.stderr.decode(errors='replace')}"
+        return result.stdout
+
+
+class MariaDb(DatabaseServer):
+    ACCOUNT = "mysql"
+    SOCKETS = "/run/mysqld"
+    STOP = signal.SIGTERM
+
+    @property
+    def socket(self):
+        return f"{self.sockets}/mysqld.sock"
+
+    def _initialization(self):
+        return ["mariadb-install-db", "--no-defaults", f"--datadir={self.data}", "--skip-test-db",
+                "--auth-root-authentication-method=socket", "--innodb-log-file-size=8M"]
+
+    def _command(self):
+        return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.data}", f"--socket={self.socket}",
+                f"--pid-file={self.folder}/pid", "--skip-networking", "--innodb-buffer-pool-size=32M",
+                "--innodb-log-file-size=8M", "--innodb-flush-log-at-trx-commit=0", "--skip-log-bin",
+                "--event-scheduler=OFF", "--max-allowed-packet=64M"]
+
+    def _client(self, database):
+        return ["mariadb", "--no-defaults", f"--socket={self.socket}", "--batch", "--skip-column-names",
+                "--default-character-set=utf8mb4", "--max-allowed-packet=64M"] + ([database] if database else [])
+
+    def _client_user(self):
+        return 0
+
+
+class PostgreSql(DatabaseServer):
+    ACCOUNT = "postgres"
+    SOCKETS = "/run/postgresql"
+    STOP = signal.SIGINT
+
+    def __init__(self, folder, sockets=None, port=5432):
+        super().__init__(folder, sockets)
+        self.port = port
+        # The newest of the versions that are here.
+        self.programs = max(glob.glob("/usr/lib/postgresql/*/bin"), key=lambda path: int(path.split("/")[-2]))
+
+    def _initialization(self):
+        return [f"{self.programs}/initdb", "--pgdata", self.data, "--auth=peer", "--encoding=UTF8",
+                "--locale=C.UTF-8", "--no-sync"]
+
+    def _command(self):
+        options = {"listen_addresses": "", "port": self.port, "unix_socket_directories": self.sockets, "fsync": "off",
+                   "shared_buffers": "16MB", "autovacuum": "off"}
+        return [f"{self.programs}/postgres", "-D", self.data] + [
+            word for name, value in options.items() for word in ("-c", f"{name}={value}")]
+
+    def _client(self, database):
+        return [f"{self.programs}/psql", "-X", "-q", "-A", "-t", "-v", "ON_ERROR_STOP=1", "-h", self.sockets,
+                "-p", str(self.port), "-d", database or "postgres", "-f", "-"]
+
+    def _client_user(self):
+        return self._ids[0]
+
+
+def hide_installed():
+    """What the packages have put on this machine is not there for the private world."""
+    for path in "/var/lib/mysql", "/var/lib/postgresql":
+        if os.path.isdir(path):
+            subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "hidden", path], check=True)
+    for path in "/etc/mysql", "/etc/postgresql":
+        if os.path.islink(path):
+            os.unlink(path)
+
+
+def main(kind, folder, sockets=None):
+    with {"mariadb": MariaDb, "postgresql": PostgreSql}[kind](folder, sockets):
+        print("ready", flush=True)
+        sys.stdin.buffer.read()
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])
