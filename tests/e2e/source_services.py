@@ -1,0 +1,255 @@
+"""A web host to migrate from: accounts, sites, nginx, Apache, Maildirs and cron tables.
+
+Everything is laid out as Debian lays it out, in a private world, so that an agent finds it
+where it finds it in life.
+"""
+import contextlib
+import ctypes
+import os
+import shutil
+import signal
+import socket
+import subprocess
+
+from world import read, wait_until, write
+
+# Folders of the machine that a host's data lies in: here they are ours.
+FOLDERS = ("/home", "/srv", "/var/www", "/var/mail", "/var/spool", "/var/lib/nginx")
+CERTIFICATES = "/etc/letsencrypt"
+FIRST_USER = 30001
+
+
+@contextlib.contextmanager
+def own_folders(storage=None):
+    """Empty folders in the place of the machine's, below `storage` where that is given."""
+    for folder in FOLDERS:
+        if storage is None:
+            subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", folder], check=True)
+        else:
+            os.makedirs(storage + folder, exist_ok=True)
+            subprocess.run(["mount", "--bind", storage + folder, folder], check=True)
+    os.makedirs("/var/www/html")
+    os.makedirs("/var/spool/cron/crontabs", mode=0o1730)
+    try:
+        yield
+    finally:
+        for folder in reversed(FOLDERS):
+            subprocess.run(["umount", "-l", folder], check=True)
+
+
+def own_copy(folder):
+    """Turns the link in /etc into a copy of the machine's folder, to be changed at will."""
+    path = f"/etc/{folder}"
+    if os.path.islink(path):
+        os.unlink(path)
+        # Links in it name /etc/..., and so lead into the copy.
+        shutil.copytree(f"/mnt/etc.orig/{folder}", path, symlinks=True)
+    return path
+
+
+# --- accounts --------------------------------------------------------------------------------
+
+def accounts():
+    """{name: (uid, gid)} of all accounts of the private world."""
+    fields = [line.split(":") for line in read("/etc/passwd").decode().splitlines()]
+    return {entry[0]: (int(entry[2]), int(entry[3])) for entry in fields}
+
+
+def append(path, line):
+    with open(path, "a", encoding="utf-8") as file:
+        file.write(line + "\n")
+
+
+def add_user(name, home=None):
+    """Makes the account with a home of its own, or gives the one that is there; (uid, gid)."""
+    known = accounts()
+    if name in known:
+        return known[name]
+    number = max([FIRST_USER - 1, *(uid for uid, _ in known.values() if uid < 60000)]) + 1
+    home = home or f"/home/{name}"
+    append("/etc/passwd", f"{name}:x:{number}:{number}::{home}:/bin/sh")
+    append("/etc/group", f"{name}:x:{number}:")
+    append("/etc/shadow", f"{name}:!:19000::::::")
+    if not os.path.isdir(home):
+        os.makedirs(home)
+        os.chmod(home, 0o711)
+        os.chown(home, number, number)
+    return number, number
+
+
+def owned(path, content, owner, mode=0o644):
+    """A file of the owner, and so are the folders above it that are missing."""
+    missing = []
+    parent = os.path.dirname(path)
+    while not os.path.isdir(parent):
+        missing.append(parent)
+        parent = os.path.dirname(parent)
+    write(path, content, mode, owner)
+    for folder in missing:
+        os.chown(folder, *owner)
+    return path
+
+
+def add_crontab(user, text):
+    return write(f"/var/spool/cron/crontabs/{user}", text, 0o600, add_user(user))
+
+
+def add_maildir(path, owner, messages=3):
+    """A Maildir with messages in its inbox and in one folder of its own."""
+    for folder in ("", ".Sent"):
+        for part in ("cur", "new", "tmp"):
+            os.makedirs(os.path.join(path, folder, part), mode=0o700)
+        for number in range(messages):
+            name = f"{1600000000 + number}.M{number}P1.host:2,S"
+            write(os.path.join(path, folder, "cur", name), f"Subject: {folder} {number}\n\n{path}\n", 0o600)
+    for parent, folders, names in os.walk(path):
+        for name in ["."] + names:
+            os.lchown(os.path.join(parent, name), *owner)
+    return path
+
+
+# --- sites -----------------------------------------------------------------------------------
+
+def fill_root(root, owner, pages=None):
+    """The document root with what a plain site holds: {relative path: content}."""
+    for path, content in (pages or {"index.html": f"<h1>{root}</h1>\n"}).items():
+        owned(os.path.join(root, path), content, owner)
+    return root
+
+
+def fill_awkwardly(root, owner):
+    """Everything that an archive can get wrong, below the root."""
+    fill_root(root, owner)
+    names = ["with blanks", "two\nlines", "-rf", "quote\"'", "$HOME", "*", "back\\slash", "größe-Ω-日本",
+             b"\xff\xfe not UTF-8", b"control\x01", "..hidden", "n" * 255, "=41", "a;b|c&d"]
+    for number, name in enumerate(names):
+        path = os.path.join(os.fsencode(root), b"awkward", os.fsencode(name))
+        owned(path, f"{number}\n", owner, 0o640)
+        os.utime(path, ns=(10**18, 10**18 + 123456789 * (number + 1)))
+    deep = "/".join(["d" * 100] * 12)
+    owned(f"{root}/{deep}/leaf", "deep", owner)
+    owned(f"{root}/empty", "", owner, 0o400)
+    os.makedirs(f"{root}/empty folder", mode=0o2770)
+    os.chmod(f"{root}/empty folder", 0o3770)
+    os.chown(f"{root}/empty folder", 12345, 54321)
+    owned(f"{root}/program.cgi", "#!/bin/sh\n", owner)
+    os.chmod(f"{root}/program.cgi", 0o4755)
+    os.link(f"{root}/index.html", f"{root}/hard link.html")
+    os.symlink("index.html", f"{root}/link")
+    os.symlink("/nowhere/at all", f"{root}/broken link")
+    os.symlink("..", f"{root}/loop")
+    os.lchown(f"{root}/link", *owner)
+    with open(owned(f"{root}/sparse", "", owner), "r+b") as file:
+        file.seek(64 << 20)
+        file.write(b"end")
+    owned(f"{root}/of somebody", "x", owner)
+    subprocess.run(["setfacl", "-m", "u:4711:rw-,g:4712:r--,m::rw-", f"{root}/of somebody"], check=True)
+    subprocess.run(["setfacl", "-d", "-m", "u:4711:rwx", f"{root}/awkward"], check=True)
+    for folder in (f"{root}/awkward", root):
+        os.utime(folder, ns=(10**18, 15 * 10**17 + 987654321))
+    return root
+
+
+def certificate(name):
+    """A certificate for the name, and its key: their paths, which are links as they are in life."""
+    live, archive = f"{CERTIFICATES}/live/{name}", f"{CERTIFICATES}/archive/{name}"
+    if not os.path.isdir(live):
+        os.makedirs(live)
+        os.makedirs(archive)
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                        "-days", "30", "-subj", f"/CN={name}", "-addext", f"subjectAltName=DNS:{name}",
+                        "-keyout", f"{archive}/privkey1.pem", "-out", f"{archive}/fullchain1.pem"],
+                       check=True, stderr=subprocess.DEVNULL)
+        for kind in ("privkey", "fullchain"):
+            os.symlink(f"../../archive/{name}/{kind}1.pem", f"{live}/{kind}.pem")
+    return f"{live}/fullchain.pem", f"{live}/privkey.pem"
+
+
+def end_with_parent():
+    """Run in a child: its own end, which the servers' workers see, when the test was killed."""
+    ctypes.CDLL(None).prctl(1, signal.SIGTERM)  # PR_SET_PDEATHSIG
+
+
+class Server:
+    """A web server of ours in the foreground; as a context it runs, and must answer."""
+
+    def __init__(self, folder, port):
+        self.folder = own_copy(folder)
+        self.port = port
+        for name in (f"/var/log/{folder}", f"/run/{folder}", f"/run/lock/{folder}"):
+            os.makedirs(name, exist_ok=True)
+        self._process = None
+
+    def enable(self, name, text):
+        """The site's file the Debian way: in sites-available, with a link to it."""
+        write(f"{self.folder}/sites-available/{name}", text)
+        link = f"{self.folder}/sites-enabled/{name}"
+        if not os.path.lexists(link):
+            os.symlink(f"../sites-available/{name}", link)
+
+    def disable(self, name):
+        os.unlink(f"{self.folder}/sites-enabled/{name}")
+
+    def __enter__(self):
+        self._process = subprocess.Popen(
+            self.command, env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}, stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, preexec_fn=end_with_parent)
+        wait_until(self._answers, f"{self.folder} to answer")
+        return self
+
+    def _answers(self):
+        if self._process.poll() is not None:
+            raise AssertionError(f"{self.folder} has ended:\n{self._process.stderr.read().decode()}")
+        with socket.socket() as probe:
+            return probe.connect_ex(("127.0.0.1", self.port)) == 0
+
+    def __exit__(self, *exception):
+        self._process.send_signal(signal.SIGTERM)
+        self._process.wait(20)
+        self._process.stderr.close()
+
+    def get(self, name, path="/"):
+        """(status, body) of a page of the site."""
+        with socket.create_connection(("127.0.0.1", self.port), 10) as connection:
+            connection.sendall(f"GET {path} HTTP/1.0\r\nHost: {name}\r\n\r\n".encode())
+            answer = b"".join(iter(lambda: connection.recv(65536), b""))
+        head, _, body = answer.partition(b"\r\n\r\n")
+        return int(head.split()[1]), body
+
+
+class Nginx(Server):
+    """Its configuration is that of the package, without the default site."""
+
+    command = ["/usr/sbin/nginx", "-e", "stderr", "-g", "daemon off;"]
+
+    def __init__(self, port=80):
+        super().__init__("nginx", port)
+        with contextlib.suppress(FileNotFoundError):
+            self.disable("default")
+
+    def add_site(self, name, root, names=(), more="", tls=False):
+        secured = ""
+        if tls:
+            pem, key = certificate(name)
+            secured = f"    listen 443 ssl;\n    ssl_certificate {pem};\n    ssl_certificate_key {key};\n"
+        self.enable(name, f"server {{\n    listen {self.port};\n{secured}"
+                          f"    server_name {' '.join([name, *names])};\n    root \"{root}\";\n{more}}}\n")
+
+
+class Apache(Server):
+    """Its configuration is that of the package on another port, without the default site."""
+
+    command = ["sh", "-c", ". /etc/apache2/envvars; exec /usr/sbin/apache2 -DFOREGROUND"]
+
+    def __init__(self, port=8080):
+        super().__init__("apache2", port)
+        write(f"{self.folder}/ports.conf", f"Listen {port}\n")
+        write(f"{self.folder}/conf-enabled/zz-served.conf",
+              "ServerName localhost\n<Directory /home>\n    Require all granted\n    AllowOverride All\n</Directory>\n")
+        with contextlib.suppress(FileNotFoundError):
+            self.disable("000-default.conf")
+
+    def add_site(self, name, root, names=(), more=""):
+        aliases = f"    ServerAlias {' '.join(names)}\n" if names else ""
+        self.enable(f"{name}.conf", f"<VirtualHost *:{self.port}>\n    ServerName {name}\n{aliases}"
+                                    f"    DocumentRoot \"{root}\"\n{more}</VirtualHost>\n")
