@@ -81,6 +81,17 @@ stream(perl_code('$| = 1; for (1..20) { select undef, undef, undef, 0.1; print "
     out => sub {1}, tick => sub { $count++ });
 cmp_ok $count, '>=', 3, 'ticks come at least every second';
 
+my $heard = '';
+stream([perl_code('print STDERR "a" x 40_000'), perl_code('print STDERR "b" x 40_000')], errors => sub { $heard .= $_[0] });
+is_deeply [map { eval "\$heard =~ tr/$_//" } qw(a b)], [40_000, 40_000], 'all errors of a chain can be heard';
+
+{
+    my $waited = 0;
+    local $Agent::Process::while_waiting = sub { $waited++ };
+    run(perl_code('sleep 1'));
+    cmp_ok $waited, '>=', 2, 'short questions are waited for with what the caller wants done';
+}
+
 my $child = start(perl_code('print while <STDIN>; exit 6'), stdin => 'pipe');
 syswrite $child->{in}, 'hello';
 close delete $child->{in};

@@ -14,6 +14,9 @@ use Time::HiRes ();
 
 our @EXPORT_OK = qw(run stream start finish which lower_priority);
 
+# Called at least every second while a program without a `tick` of its own runs.
+our $while_waiting;
+
 my $PIECE         = 65536;
 my $KEPT_ERRORS   = 16384;
 my $TICK_SECONDS  = 0.5;
@@ -59,8 +62,8 @@ sub run {
 
 # Runs a program, or a list of them each of which reads what the one before it
 # writes, and hands over pieces of the last one's output: out => sub { ($bytes) },
-# which ends the programs by returning false. Other options: tick => sub {} called
-# at least every second, stdin => text or a file handle, env and limit as in run().
+# which ends the programs by returning false. Other options: errors => sub { ($bytes) }
+# for what any of them writes as errors, tick => sub {} called at least every second, stdin => text or a file handle, env and limit as in run().
 # Gives { status, statuses, err, why, stopped }: status is the first that is not 0,
 # err the last 16 KiB that any of them wrote as errors. When a callback dies the
 # programs are ended and it dies on.
@@ -194,6 +197,7 @@ sub copy_streams {
         fcntl $first->{in}, F_SETFL, O_NONBLOCK | fcntl $first->{in}, F_GETFL, 0;
         $writing->add($first->{in});
     }
+    my $tick      = $options->{tick} || $while_waiting;
     my $started   = Time::HiRes::time();
     my $next_tick = $started;
     while ($reading->count || !all_ended(@$children)) {
@@ -202,8 +206,8 @@ sub copy_streams {
             $result->{why} = 'limit';
             return;
         }
-        if ($options->{tick} && $now >= $next_tick) {
-            $options->{tick}->();
+        if ($tick && $now >= $next_tick) {
+            $tick->();
             $next_tick = $now + $TICK_SECONDS;
         }
         # A program that has closed its outputs gives no event when it ends.
@@ -213,6 +217,7 @@ sub copy_streams {
         for my $handle (@{ $readable || [] }) {
             my $bytes = take($handle, $reading);
             if ($handle != $last->{out}) {
+                $options->{errors}->($bytes) if $options->{errors} && length $bytes;
                 $result->{err} .= $bytes;
                 $result->{err} = substr $result->{err}, -$KEPT_ERRORS if length $result->{err} > $KEPT_ERRORS;
             }
