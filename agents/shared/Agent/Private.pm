@@ -182,6 +182,9 @@ sub write {
     return;
 }
 
+# Where other programs find the bytes before the file is kept.
+sub temporary_path { return "$_[0]{path}.new" }
+
 sub keep {
     my ($self) = @_;
     my $path = $self->{path};
