@@ -1,0 +1,370 @@
+# The PostgreSQL servers of this host, one object for each; asked and dumped by their
+# own client programs as the account that runs the server, or as ourselves without
+# root. Nothing on a server changes.
+package Linux::PostgreSql;
+
+use strict;
+use warnings;
+use base 'Linux::DatabaseServer';
+use Agent::Process qw(run which);
+use Digest::MD5 qw(md5_hex);
+use Digest::SHA qw(hmac_sha256 sha256);
+use Errno qw(EACCES);
+use Linux::DatabaseServer qw(one_line escaped);
+use List::Util qw(first);
+use MIME::Base64 qw(decode_base64);
+
+my @SOCKET_FOLDERS = qw(/run/postgresql /var/run/postgresql /tmp);
+my @PROGRAM_FOLDERS = qw(/usr/lib/postgresql/*/bin /usr/pgsql-*/bin);
+
+# The folders with the settings of a server: those of Debian and of Red Hat.
+my @CLUSTERS = qw(/etc/postgresql/*/* /var/lib/pgsql/data /var/lib/pgsql/*/data);
+my $DEFAULT_PORT = 5432;
+
+# Between fields and rows; all texts that others choose are asked for in hexadecimal.
+my ($FIELD, $ROW) = ("\x1f", "\x1e");
+
+# Becomes the account given by its ids before it runs the program. Its folder may be
+# one that this account cannot enter.
+my $AS_ACCOUNT = 'my ($uid, $gid) = splice @ARGV, 0, 2; chdir "/"; $( = $gid; $) = "$gid $gid"; '
+    . '($<, $>) = ($uid, $uid); exit 126 if $< != $uid || $> != $uid; exec { $ARGV[0] } @ARGV; exit 127';
+
+# All servers that the host has, running or not. Options: tree, problems, limit =>
+# seconds for one question, restrict_key => what makes dumps equal (see dump()).
+sub found {
+    my ($class, %options) = @_;
+    my $tree = $options{tree};
+    my %by_port;
+    for my $folder (@SOCKET_FOLDERS) {
+        for my $name ($tree->list($folder)) {
+            next if $name !~ /\A\.s\.PGSQL\.([0-9]+)\z/ || $by_port{$1};
+            $by_port{$1} = { folder => $folder, owner => [($tree->stat("$folder/$name"))[4, 5]] };
+        }
+    }
+    $by_port{ $_->{port} }{automatic} ||= $_->{automatic} for clusters($tree);
+    my @servers;
+    for my $port (sort { $a <=> $b } keys %by_port) {
+        my $self = bless { limit => 60, product => 'PostgreSQL', label => "PostgreSQL (port $port)", port => $port,
+            %options, %{ $by_port{$port} } }, $class;
+        $self->connect;
+        push @servers, $self;
+    }
+    return @servers;
+}
+
+# The servers that are set up: { port, automatic => whether they start with the host }.
+sub clusters {
+    my ($tree) = @_;
+    my @found;
+    for my $folder (map { $tree->glob($_) } @CLUSTERS) {
+        my @lines = $tree->read_lines("$folder/postgresql.conf");
+        next if !@lines && !$tree->exists("$folder/postgresql.conf") && $! != EACCES;
+        my ($port) = map { /^\s*port\s*=?\s*'?([0-9]+)/ ? $1 : () } reverse @lines;
+        my $start = first { /^\w/ } $tree->read_lines("$folder/start.conf");
+        push @found, { port => $port || $DEFAULT_PORT, automatic => !defined $start || $start =~ /^auto/ ? 1 : 0 };
+    }
+    return @found;
+}
+
+sub connect {
+    my ($self) = @_;
+    my $error = 'it is not running';
+    if ($self->{folder}) {
+        my $rows;
+        ($rows, $error) = $self->choose_program('psql') ? $self->ask('SHOW server_version')
+            : (undef, 'its client program is not installed');
+        ($self->{version}) = $rows->[0][0] =~ /\A(\S+)/ if $rows;
+    }
+    return if !defined $error;
+    # One that somebody stopped on purpose is no fault.
+    my $severity = $self->{folder} || $self->{automatic} ? 'error' : 'info';
+    $self->problem($severity, undef, "The server cannot be asked: $error");
+    return;
+}
+
+# What a list of servers tells about this one.
+sub description {
+    my ($self) = @_;
+    my $address = $self->{folder} ? "$self->{folder}/.s.PGSQL.$self->{port}" : undef;
+    return { kind => 'postgresql', product => 'PostgreSQL', version => $self->{version}, address => $address,
+        running => defined $self->{version} ? 1 : 0 };
+}
+
+# The program of the server's own major version, or the newest: older ones refuse.
+sub choose_program {
+    my ($self, $name) = @_;
+    my @programs = grep { -x && -f _ } map { $self->{tree}->path($_) . "/$name" }
+        map { $self->{tree}->glob($_) } @PROGRAM_FOLDERS;
+    my ($major) = defined $self->{version} ? $self->{version} =~ /\A([0-9]{2}|[0-9]\.[0-9]+)/ : ();
+    my ($same) = defined $major ? grep { m{[/-]\Q$major\E/bin/} } @programs : ();
+    my ($newest) = sort { number($b) <=> number($a) } @programs;
+    return $same || $newest || which($name);
+}
+
+sub number { return $_[0] =~ m{([0-9.]+)/bin/} ? $1 : 0 }
+
+# The command that runs a program of the server's clients: as the server's own
+# account when we may, which it knows without a password.
+sub command {
+    my ($self, $program, @arguments) = @_;
+    my ($uid, $gid) = @{ $self->{owner} };
+    my @to = ('--host', $self->{tree}->path($self->{folder}), '--port', $self->{port}, '--no-password');
+    return [$program, @to, @arguments] if $> || !$uid;
+    my $name = getpwuid $uid;
+    return [$^X, '-e', $AS_ACCOUNT, $uid, $gid, $program, @to, defined $name ? ('--username', $name) : (), @arguments];
+}
+
+# Objects that somebody made in a database must not stand in for the system's own.
+sub environment {
+    my %clean = map { $_ => undef } grep { /\APG/ } keys %ENV;
+    return { %clean, PGCLIENTENCODING => 'UTF8', PGOPTIONS => '-c search_path=pg_catalog', PGCONNECT_TIMEOUT => 10 };
+}
+
+# Runs one query: (rows, undef), or (undef, what went wrong).
+sub ask {
+    my ($self, $sql, $database) = @_;
+    my ($out, $error) = $self->question($self->command($self->choose_program('psql'), '--no-psqlrc', '--quiet',
+        '--no-align', '--tuples-only', '--field-separator', $FIELD, '--record-separator', $ROW,
+        '--set', 'ON_ERROR_STOP=1', '--dbname', 'dbname=' . escaped(defined $database ? $database : 'postgres'),
+        '--file', '-'), "$sql;");
+    return undef, $error if defined $error;
+    $out =~ s/\n\z//;
+    return [map { [split /$FIELD/, $_, -1] } split /$ROW/, $out], undef;
+}
+
+sub hex_of { return "encode(textsend(($_[0])::text), 'hex')" }
+
+sub text_of { return pack 'H*', $_[0] }
+
+# Every database but templates and, unless somebody uses it, the server's own.
+sub databases {
+    my ($self) = @_;
+    return if !defined $self->{version};
+    my ($rows, $error) = $self->ask('SELECT oid, ' . hex_of('datname') . ", datallowconn,
+        CASE WHEN has_database_privilege(oid, 'CONNECT') THEN pg_database_size(oid) END
+        FROM pg_database WHERE NOT datistemplate ORDER BY datname");
+    if (defined $error) {
+        $self->problem('error', undef, "The databases cannot be listed: $error");
+        return;
+    }
+    my @databases;
+    for (@$rows) {
+        my ($id, $name, $allowed, $bytes) = @$_;
+        $name = text_of($name);
+        next if $name eq 'postgres' && !$self->in_use($name);
+        push @databases, { kind => 'postgresql', server => $self->{label}, name => $name, id => $id,
+            bytes => length $bytes ? $bytes : undef, users => [$self->users($id)], closed => $allowed eq 'f' };
+    }
+    return @databases;
+}
+
+sub in_use {
+    my ($self, $name) = @_;
+    my ($rows) = $self->ask("SELECT 1 FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace WHERE c.oid >= 16384
+        AND n.nspname NOT IN ('pg_catalog', 'information_schema') AND n.nspname !~ '^pg_' LIMIT 1", $name);
+    return $rows && @$rows;
+}
+
+# The roles that own or may do something in the database, and their members.
+sub users {
+    my ($self, $database) = @_;
+    my $roles = $self->roles;
+    my %chosen = map { $_ => 1 } grep { $roles->{$_} } @{ $self->involved->{$database} || [] };
+    my $before = -1;
+    while ($before != keys %chosen) {
+        $before = keys %chosen;
+        $chosen{ $_->[1] } = 1 for grep { $chosen{ $_->[0] } && $roles->{ $_->[1] } } @{ $self->memberships };
+    }
+    my @users = sort { $a->{name} cmp $b->{name} } map { $roles->{$_} } keys %chosen;
+    return map { { name => $_->{name}, id => $_->{id}, role => $_->{login} ? 0 : 1 } } @users;
+}
+
+# The roles by their id, without those that every server has.
+sub roles {
+    my ($self) = @_;
+    return $self->{roles} if $self->{roles};
+    my $columns = 'rolcanlogin, rolinherit, rolconnlimit, ' . hex_of("coalesce(rolvaliduntil::text, '')")
+        . ', array_to_string(ARRAY[CASE WHEN rolsuper THEN \'SUPERUSER\' END, CASE WHEN rolcreatedb THEN \'CREATEDB\' END,'
+        . ' CASE WHEN rolcreaterole THEN \'CREATEROLE\' END], \', \')';
+    my ($rows, $error) = $self->ask('SELECT oid, ' . hex_of('rolname') . ", $columns, "
+        . hex_of("coalesce(rolpassword, '')") . ' FROM pg_authid');
+    ($rows, $error) = $self->ask('SELECT oid, ' . hex_of('rolname') . ", $columns FROM pg_roles") if defined $error;
+    $self->problem('warning', undef, "The roles cannot be read: $error") if defined $error;
+    my %roles;
+    for (@{ $rows || [] }) {
+        my ($id, $name, $login, $inherit, $connections, $until, $rights, $password) = @$_;
+        $name = text_of($name);
+        next if $name =~ /\Apg_/ || $id == 10;
+        $roles{$id} = { id => $id, name => $name, login => $login eq 't', inherit => $inherit eq 't',
+            connections => $connections, until => text_of($until), rights => $rights,
+            password => defined $password ? text_of($password) : undef };
+    }
+    return $self->{roles} = \%roles;
+}
+
+# The ids of the roles that each database depends on.
+sub involved {
+    my ($self) = @_;
+    return $self->{involved} if $self->{involved};
+    my ($rows) = $self->ask("SELECT DISTINCT d.oid, s.refobjid FROM pg_shdepend s JOIN pg_database d ON s.dbid = d.oid
+        OR (s.dbid = 0 AND s.classid = 'pg_database'::regclass AND s.objid = d.oid)
+        WHERE s.refclassid = 'pg_authid'::regclass UNION SELECT oid, datdba FROM pg_database");
+    my %involved;
+    push @{ $involved{ $_->[0] } }, $_->[1] for @{ $rows || [] };
+    return $self->{involved} = \%involved;
+}
+
+# Who is in which role: [role, member, whether the member may give it on].
+sub memberships {
+    my ($self) = @_;
+    return $self->{memberships} if $self->{memberships};
+    my ($rows) = $self->ask('SELECT roleid, member, admin_option FROM pg_auth_members ORDER BY 1, 2');
+    return $self->{memberships} = $rows || [];
+}
+
+# Settings kept for a role or a database, as [name, value]; 0 stands for all of them.
+sub settings {
+    my ($self, $role, $database) = @_;
+    my ($rows) = $self->ask('SELECT ' . hex_of('unnest(setconfig)')
+        . " FROM pg_db_role_setting WHERE setrole = $role AND setdatabase = $database");
+    return map { [text_of($_->[0]) =~ /\A([^=]+)=(.*)\z/s] } @{ $rows || [] };
+}
+
+# Whether a password is that of the role: 1, 0, or undef where this cannot be told.
+sub password_matches {
+    my ($self, $name, $password) = @_;
+    my $role = first { $_->{name} eq $name } values %{ $self->roles };
+    my $hash = $role ? $role->{password} : undef;
+    return if !defined $hash;
+    return $hash eq 'md5' . md5_hex($password . $name) ? 1 : 0 if $hash =~ /\Amd5[0-9a-f]{32}\z/;
+    # Other characters may have been prepared in ways that are not known here.
+    return if $hash !~ /\ASCRAM-SHA-256\$([0-9]+):([^\$]+)\$([^:]+):/ || $password =~ /[^\x20-\x7e]/;
+    my ($rounds, $salt, $stored) = ($1, decode_base64($2), decode_base64($3));
+    my $round = my $salted = hmac_sha256($salt . pack('N', 1), $password);
+    for (2 .. $rounds) {
+        $round = hmac_sha256($round, $password);
+        $salted ^= $round;
+    }
+    return sha256(hmac_sha256('Client Key', $salted)) eq $stored ? 1 : 0;
+}
+
+# Hands over the SQL that makes the database anew, piece by piece: its roles, the
+# database with what was granted. undef when it is whole; else why it is not. Two
+# dumps of the same content are equal when found() was given a restrict_key, a
+# secret of letters and digits. Options: tick => sub {}.
+sub dump {
+    my ($self, $database, $sink, %options) = @_;
+    return 'it takes no connections' if $database->{closed};
+    my $program = $self->choose_program('pg_dump');
+    return 'the program that dumps is not installed' if !$program;
+    $sink->($self->role_statements($database));
+    my $result = $self->stream_dump($self->dump_command($program, $database),
+        qr/^-- PostgreSQL database dump complete$/m, $sink, %options);
+    return one_line($result->{err}) if $result->{status} || !$result->{complete};
+    $self->problem('warning', $database, one_line($result->{err})) if $result->{err} =~ /\S/;
+    my ($version) = run([$program, '--version'], limit => 20)->{out} =~ /([0-9]+)/;
+    $sink->($self->database_statements($database)) if defined $version && $version < 11;
+    return;
+}
+
+sub dump_command {
+    my ($self, $program, $database) = @_;
+    my @more;
+    if (defined $self->{restrict_key} && run([$program, '--help'], limit => 20)->{out} =~ /--restrict-key/) {
+        push @more, "--restrict-key=$self->{restrict_key}";
+    }
+    return $self->command($program, '--create', '--lock-wait-timeout=60000', @more,
+        'dbname=' . escaped($database->{name}));
+}
+
+sub identifier {
+    my ($name) = @_;
+    $name =~ s/"/""/g;
+    return qq("$name");
+}
+
+sub literal {
+    my ($text) = @_;
+    my $escaped = $text =~ s/\\/\\\\/g ? 'E' : '';
+    $text =~ s/'/''/g;
+    return "$escaped'$text'";
+}
+
+my $ENCODING = "SET client_encoding = 'UTF8';\n";
+
+sub role_statements {
+    my ($self, $database) = @_;
+    my %chosen = map { $_->{id} => $self->roles->{ $_->{id} } } @{ $database->{users} };
+    my $out = $ENCODING;
+    for my $user (@{ $database->{users} }) {
+        my $role = $chosen{ $user->{id} };
+        $out .= $self->role_statement($role);
+        $self->problem('warning', $database, "The password of the role $role->{name} is not in the dump,"
+            . ' since only administrators may read it') if !defined $role->{password};
+        $self->problem('info', $database, "The role $role->{name} loses its server-wide rights: $role->{rights}")
+            if length $role->{rights};
+    }
+    for (grep { $chosen{ $_->[0] } && $chosen{ $_->[1] } } @{ $self->memberships }) {
+        my ($role, $member, $admin) = @$_;
+        $out .= 'GRANT ' . identifier($chosen{$role}{name}) . ' TO ' . identifier($chosen{$member}{name})
+            . ($admin eq 't' ? ' WITH ADMIN OPTION' : '') . ";\n";
+    }
+    return $out;
+}
+
+# Makes a role unless there is one of its name.
+sub role_statement {
+    my ($self, $role) = @_;
+    my $name = identifier($role->{name});
+    my $create = "CREATE ROLE $name " . ($role->{login} ? 'LOGIN ' : '') . ($role->{inherit} ? '' : 'NOINHERIT ')
+        . "CONNECTION LIMIT $role->{connections}"
+        . (length $role->{until} ? ' VALID UNTIL ' . literal($role->{until}) : '')
+        . (defined $role->{password} && length $role->{password} ? ' PASSWORD ' . literal($role->{password}) : '') . ';';
+    my @settings = map { " ALTER ROLE $name SET " . setting(@$_) } $self->settings($role->{id}, 0);
+    my $body = 'BEGIN IF NOT EXISTS (SELECT 1 FROM pg_catalog.pg_roles WHERE rolname = ' . literal($role->{name})
+        . ") THEN $create@settings END IF; END";
+    my $tag = 'role';
+    $tag .= 'x' while index($body, "\$$tag\$") >= 0;
+    return "DO \$$tag\$$body\$$tag\$;\n";
+}
+
+# Lists are kept as the names between commas that they are given by.
+sub setting {
+    my ($name, $value) = @_;
+    my @values = ($value);
+    if ($name =~ /\A(?:search_path|temp_tablespaces|\w+_preload_libraries)\z/) {
+        @values = ();
+        while ($value =~ /\G\s*(?:"((?:[^"]|"")*)"|([^",]+?))\s*(?:,|\z)/gc) {
+            my $one = defined $1 ? $1 : $2;
+            $one =~ s/""/"/g if defined $1;
+            push @values, $one;
+        }
+    }
+    return join('.', map { identifier($_) } split /\./, $name) . ' TO ' . join(', ', map { literal($_) } @values) . ';';
+}
+
+# What the programs before version 11 leave to others: the settings of the database
+# and the rights on itself.
+sub database_statements {
+    my ($self, $database) = @_;
+    my ($id, $name) = ($database->{id}, identifier($database->{name}));
+    my $roles = $self->roles;
+    my $out = $ENCODING;
+    $out .= "ALTER DATABASE $name SET " . setting(@$_) . "\n" for $self->settings(0, $id);
+    for my $user (@{ $database->{users} }) {
+        my $role = identifier($user->{name});
+        $out .= "ALTER ROLE $role IN DATABASE $name SET " . setting(@$_) . "\n" for $self->settings($user->{id}, $id);
+    }
+    my ($rights) = $self->ask("SELECT (x).grantee, (x).privilege_type, (x).is_grantable FROM
+        (SELECT aclexplode(datacl) AS x FROM pg_database WHERE oid = $id) AS rights ORDER BY 1, 2");
+    return $out if !$rights || !@$rights;
+    $out .= "REVOKE ALL ON DATABASE $name FROM PUBLIC;\n";
+    for (grep { !$_->[0] || $roles->{ $_->[0] } } @$rights) {
+        my ($grantee, $right, $on) = @$_;
+        $out .= "GRANT $right ON DATABASE $name TO " . ($grantee ? identifier($roles->{$grantee}{name}) : 'PUBLIC')
+            . ($on eq 't' ? ' WITH GRANT OPTION' : '') . ";\n";
+    }
+    return $out;
+}
+
+1;

@@ -1,0 +1,42 @@
+# A private database server for one test, ended with it: see source_databases.py.
+package PrivateServer;
+
+use strict;
+use warnings;
+use Agent::Process qw(run start);
+use FindBin;
+
+# kind: mariadb or postgresql; sockets: the folder of its socket, the usual one if not given.
+sub new {
+    my ($class, $kind, $folder, $sockets) = @_;
+    $sockets = { mariadb => '/run/mysqld', postgresql => '/run/postgresql' }->{$kind} if !defined $sockets;
+    my $child = start(['/usr/bin/python3', "$FindBin::Bin/../e2e/source_databases.py", $kind, $folder, $sockets],
+        stdin => 'pipe', stderr => \*STDERR);
+    defined readline $child->{out} or die "The private $kind does not start\n";
+    return bless { kind => $kind, sockets => $sockets, child => $child }, $class;
+}
+
+# What SQL prints, fields apart by tabs; dies when it fails.
+sub sql {
+    my ($self, $sql, $database) = @_;
+    my @client = $self->{kind} eq 'mariadb'
+        ? ('mariadb', '--no-defaults', "--socket=$self->{sockets}/mysqld.sock", '--batch', '--skip-column-names',
+            '--default-character-set=utf8mb4', '--max-allowed-packet=64M', defined $database ? "--database=$database" : ())
+        : (qw(runuser -u postgres -- psql -X -q -A -t -v ON_ERROR_STOP=1 -h), $self->{sockets}, '-F', "\t", '-d',
+            defined $database ? $database : 'postgres', '-f', '-');
+    my $result = run(\@client, stdin => $sql);
+    die "$result->{err}\n" if $result->{status};
+    return $result->{out};
+}
+
+sub stop {
+    my ($self) = @_;
+    my $child = delete $self->{child} or return;
+    close delete $child->{in};
+    Agent::Process::finish($child);
+    return;
+}
+
+sub DESTROY { $_[0]->stop }
+
+1;

@@ -1,0 +1,184 @@
+# The MariaDB server of a host: what it holds is listed, dumped whole and made anew.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Agent::Problems;
+use Linux::MySql;
+use Linux::Tree;
+use PrivateServer;
+use Test::More;
+
+sub look {
+    my $problems = Agent::Problems->new;
+    my ($server) = Linux::MySql->found(tree => Linux::Tree->new(@_), problems => $problems, limit => 20);
+    return ($server, $problems);
+}
+
+sub dumped {
+    my ($server, $database) = @_;
+    my $sql = '';
+    is $server->dump($database, sub { $sql .= $_[0] }), undef, "$database->{name} is dumped";
+    return $sql;
+}
+
+sub texts {
+    my ($problems) = @_;
+    return map {"$_->{severity} $_->{object}: $_->{text}"} $problems->all;
+}
+
+my $source = PrivateServer->new('mariadb', '/mnt/source-server');
+$source->sql(<<'END');
+CREATE DATABASE shop COLLATE utf8mb4_bin;
+USE shop;
+CREATE TABLE orders (id INT PRIMARY KEY AUTO_INCREMENT, item TEXT, picture BLOB, flags BIT(5), price DECIMAL(9,2),
+    at TIMESTAMP NULL, total DECIMAL(9,2) AS (price * 2) STORED, KEY (price));
+INSERT INTO orders (item, picture, flags, price, at) VALUES ('tea ''🍵'' \\ \n and', x'00ff0a0d271a5c', b'10101', 1.50,
+    '2020-01-02 03:04:05'), (NULL, NULL, NULL, NULL, NULL), ('', '', 0, 0, NULL);
+CREATE TABLE log (line VARCHAR(50)) ENGINE=MyISAM;
+INSERT INTO log VALUES ('one');
+CREATE TABLE kept (a INT) WITH SYSTEM VERSIONING;
+INSERT INTO kept VALUES (1);
+UPDATE kept SET a = 2;
+CREATE SEQUENCE numbers START WITH 7;
+CREATE VIEW cheap AS SELECT item FROM orders WHERE price < 2;
+CREATE TABLE gone (a INT);
+CREATE VIEW broken AS SELECT a FROM gone;
+DROP TABLE gone;
+CREATE USER 'shop'@'%' IDENTIFIED BY 'pa''ss';
+CREATE USER 'o''brien'@'localhost' IDENTIFIED BY '';
+CREATE USER 'reader'@'10.0.0.%' IDENTIFIED BY 'x';
+CREATE USER 'stranger'@'localhost' IDENTIFIED BY 'y';
+CREATE ROLE buyers;
+GRANT ALL ON shop.* TO 'shop'@'%';
+GRANT FILE ON *.* TO 'shop'@'%';
+GRANT SELECT (item), UPDATE (price) ON shop.orders TO 'o''brien'@'localhost';
+GRANT SELECT ON shop.* TO buyers;
+GRANT buyers TO 'reader'@'10.0.0.%';
+SET DEFAULT ROLE buyers FOR 'reader'@'10.0.0.%';
+DELIMITER //
+CREATE DEFINER='shop'@'%' PROCEDURE count_them() BEGIN SELECT COUNT(*) FROM orders; END//
+CREATE FUNCTION twice(a INT) RETURNS INT DETERMINISTIC RETURN a * 2//
+CREATE TRIGGER mark BEFORE INSERT ON log FOR EACH ROW BEGIN SET NEW.line = CONCAT('<', NEW.line, '>'); END//
+CREATE EVENT daily ON SCHEDULE EVERY 1 DAY DO DELETE FROM log//
+DELIMITER ;
+GRANT EXECUTE ON PROCEDURE shop.count_them TO 'stranger'@'localhost';
+CREATE DATABASE `sh%p`;
+CREATE DATABASE `-x ``é`;
+CREATE TABLE `-x ``é`.`t ``"'é` (`c ``"'é` INT);
+INSERT INTO `-x ``é`.`t ``"'é` VALUES (5);
+CREATE DATABASE client_a;
+CREATE DATABASE clientba;
+GRANT SELECT ON `client\_%`.* TO 'stranger'@'localhost';
+END
+
+my ($server, $problems) = look();
+is_deeply $server->description, { kind => 'mysql', product => 'MariaDB', running => 1,
+    version => (split /\n/, $source->sql('SELECT VERSION()'))[0], address => '/run/mysqld/mysqld.sock' },
+    'the server is described';
+my %databases = map { $_->{name} => $_ } $server->databases;
+is_deeply [sort keys %databases], ['-x `é', qw(client_a clientba sh%p shop)], 'all databases but its own are found';
+is_deeply [texts($problems)], [], 'a good server has no problems';
+cmp_ok $databases{shop}{bytes}, '>', 16384, 'the size of a database is known';
+is $databases{client_a}{bytes}, 0, 'an empty database has no bytes';
+is_deeply [map {"$_->{name}\@$_->{host}"} @{ $databases{shop}{users} }],
+    ['buyers@', 'o\'brien@localhost', 'reader@10.0.0.%', 'shop@%', 'stranger@localhost'],
+    'the accounts of a database are found by all kinds of grants and by roles';
+is_deeply [map { $_->{name} } @{ $databases{client_a}{users} }], ['stranger'], 'a grant may have wildcards';
+is_deeply $databases{clientba}{users}, [], 'an escaped wildcard is a plain character';
+is_deeply $databases{'sh%p'}{users}, [], 'a name like a pattern is no pattern';
+
+is $server->password_matches('shop', "pa'ss"), 1, 'a password is known to be right';
+is $server->password_matches('shop', 'pass'), 0, 'a password is known to be wrong';
+is $server->password_matches('nobody', 'pass'), undef, 'nothing is known of a missing account';
+
+my %sql = map { $_ => dumped($server, $databases{$_}) } sort keys %databases;
+is_deeply [texts($problems)], [
+    'warning MariaDB database shop: The view broken cannot be read and stays out: ERROR 1356 (HY000) at line 1:'
+        . " View 'shop.broken' references invalid table(s) or column(s) or function(s) or definer/invoker of view"
+        . ' lack rights to use them',
+    'warning MariaDB database shop: What changes in these tables while they are dumped may be half in the'
+        . ' dump, since their engine has no transactions: log',
+    'info MariaDB database shop: The account `shop`@`%` loses its server-wide rights: FILE',
+], 'what does not come along is named';
+is dumped((look())[0], $databases{shop}), $sql{shop}, 'a second dump is equal';
+like $sql{shop}, qr/^-- This view could not be read:\n-- CREATE .* VIEW `shop`\.`broken` AS/m,
+    'a broken view is kept as a comment';
+
+# A second server gets the dumps, and then answers as the first one.
+my $target = PrivateServer->new('mariadb', '/mnt/target-server', '/mnt/target');
+$target->sql($sql{$_}) for sort keys %sql;
+my @questions = (
+    'SELECT *, HEX(picture), HEX(item), HEX(flags) FROM shop.orders',
+    'SELECT * FROM shop.log',
+    'SELECT a, row_start, row_end FROM shop.kept FOR SYSTEM_TIME ALL ORDER BY 1',
+    'SELECT * FROM shop.cheap',
+    'SHOW CREATE TABLE shop.orders',
+    'SHOW CREATE VIEW shop.cheap',
+    'SHOW CREATE PROCEDURE shop.count_them',
+    'SHOW CREATE FUNCTION shop.twice',
+    'SELECT action_statement, action_timing, definer, sql_mode FROM information_schema.triggers',
+    'SHOW CREATE DATABASE shop',
+    'SELECT definer, event_definition, interval_value, interval_field, starts FROM information_schema.events',
+    q{SELECT * FROM `-x ``é`.`t ``"'é`},
+    "SHOW GRANTS FOR 'o''brien'\@'localhost'",
+    "SHOW GRANTS FOR 'reader'\@'10.0.0.%'",
+    "SHOW GRANTS FOR 'stranger'\@'localhost'",
+    'SHOW GRANTS FOR buyers',
+    "SHOW CREATE USER 'shop'\@'%'",
+    'SELECT User, Host, default_role, authentication_string FROM mysql.user ORDER BY 1, 2',
+    'SELECT NEXTVAL(shop.numbers)',
+);
+is $target->sql("$_;"), $source->sql("$_;"), "equal: $_" for @questions;
+(my $without = $source->sql("SHOW GRANTS FOR 'shop'\@'%'")) =~ s/GRANT FILE/GRANT USAGE/;
+is $target->sql("SHOW GRANTS FOR 'shop'\@'%'"), $without, 'server-wide rights stay behind';
+$target->stop;
+
+# A damaged table is named, and the others are dumped all the same.
+$source->sql('FLUSH TABLES shop.log');
+truncate '/mnt/source-server/data/shop/log.MYI', 10 or die $!;
+($server, $problems) = look();
+like dumped($server, $databases{shop}), qr/INSERT INTO `orders`/, 'the rest of a damaged database is dumped';
+like join("\n", texts($problems)), qr/^error MariaDB database shop: Not in the dump: .*\blog\b/m,
+    'a damaged table is named';
+
+# A password is in a file or nowhere.
+$source->sql("CREATE USER 'agent'\@'localhost' IDENTIFIED BY 'secret-word';"
+    . " GRANT ALL ON *.* TO 'agent'\@'localhost' WITH GRANT OPTION;"
+    . " ALTER USER 'root'\@'localhost' IDENTIFIED BY 'other-word'");
+($server, $problems) = look();
+is $server->description->{running}, 0, 'a server that refuses us counts as one that cannot be asked';
+like join("\n", texts($problems)), qr/\Aerror MariaDB: The server cannot be asked: ERROR 1045 .*Access denied/,
+    'a refusal is named';
+mkdir '/etc/sondrel' or die $!;
+open my $file, '>', '/etc/sondrel/mysql.cnf' or die $!;
+print {$file} "[client]\nuser=agent\npassword=secret-word\n";
+close $file or die $!;
+($server, $problems) = look();
+is_deeply [map { $_->{name} } $server->databases], [sort keys %databases], 'an option file of the host opens the server';
+is_deeply [texts($problems)], [], 'a login that another one replaces is no problem';
+like dumped($server, $databases{client_a}), qr/CREATE DATABASE/, 'the file opens it for a dump too';
+
+# A dump that is cut off is no dump.
+my $pieces = 0;
+ok !eval { $server->dump($databases{shop}, sub { die "disk full\n" if $pieces++ }); 1 }, 'a sink that dies ends the dump';
+is $@, "disk full\n", 'the reason of the sink is kept';
+$source->stop;
+like $server->dump($databases{shop}, sub { }), qr/Can't connect/, 'a dump from a server that went away fails';
+
+# Down, and not there at all.
+mkdir $_ or die "$_: $!"
+    for map {"/mnt/system$_"} '', qw(/usr /usr/sbin /var /var/lib /var/lib/mysql /var/lib/mysql/mysql);
+open $file, '>', '/mnt/system/usr/sbin/mysqld' or die $!;
+($server, $problems) = look(root => '/mnt/system');
+is_deeply $server->description,
+    { kind => 'mysql', product => 'MySQL', running => 0, version => undef, address => undef },
+    'a server that is down is there';
+is_deeply [$server->databases], [], 'a server that is down lists nothing';
+is_deeply [texts($problems)], ['error MySQL: The server cannot be asked: there is no socket of it'],
+    'a server that is down is named';
+rmdir '/mnt/system/var/lib/mysql/mysql' or die $!;
+is_deeply [Linux::MySql->found(tree => Linux::Tree->new(root => '/mnt/system'), problems => $problems)], [],
+    'a program without data is no server';
+
+done_testing;
