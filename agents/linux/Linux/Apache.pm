@@ -1,0 +1,394 @@
+# The sites that an Apache configuration serves: its virtual hosts, and the main
+# server where these leave it something to serve.
+package Linux::Apache;
+
+use strict;
+use warnings;
+use Agent::Process qw(run which);
+use Linux::ApacheConfig;
+use Linux::Site qw(new_block add_once is_host_name target_host join_blocks below);
+
+our @MAIN_FILES = qw(
+    /etc/apache2/apache2.conf /etc/httpd/conf/httpd.conf /usr/local/apache2/conf/httpd.conf /etc/apache2/httpd.conf
+);
+
+my %CODE_OF = (permanent => 301, temp => 302, seeother => 303, gone => 410);
+
+# Directives whose meaning is the same wherever they stand in a virtual host.
+my %COLLECT = (
+    alias => \&add_alias, scriptalias => \&add_alias, customlog => \&add_log, errorlog => \&add_log,
+    transferlog => \&add_log, redirect => \&add_redirect, redirectmatch => \&add_redirect,
+    redirectpermanent => sub { add_redirect($_[0], $_[1], 'permanent', @_[2 .. $#_]) },
+    redirecttemp => sub { add_redirect($_[0], $_[1], 'temp', @_[2 .. $#_]) },
+    rewriterule => \&add_rewrite, authuserfile => \&add_file, authgroupfile => \&add_file,
+    proxypass => \&add_proxy, proxypassmatch => \&add_proxy, sethandler => \&add_handler,
+    addhandler => \&add_handler, fcgidwrapper => \&add_wrapper,
+    suexecusergroup => \&add_user, assignuserid => \&add_user,
+    (map { $_ => \&add_php } qw(php_value php_admin_value php_flag php_admin_flag)),
+);
+
+my %ACCESS = map { $_ => 1 } qw(
+    require requireall requireany allow deny order satisfy authtype authname allowoverride sslverifyclient sslrequiressl
+);
+
+# Version of the installed server; undef without one.
+sub version {
+    my ($program) = grep { which($_) } qw(apache2 httpd) or return;
+    return run([$program, '-v'], limit => 5)->{out} =~ m{Apache/([\w.]+)} ? $1 : undef;
+}
+
+sub main_file {
+    my ($tree) = @_;
+    return (grep { $tree->lstat($_) } @MAIN_FILES)[0];
+}
+
+sub sites {
+    my ($tree, $problems) = @_;
+    my $main = main_file($tree);
+    return if !defined $main;
+    my $config = Linux::ApacheConfig->new(tree => $tree, problems => $problems);
+    my @directives = $config->load($main);
+    my $self = bless { tree => $tree, problems => $problems, config => $config }, __PACKAGE__;
+    my @hosts = virtual_hosts(@directives);
+    $self->{global} = [grep { $_->{name} ne 'virtualhost' } @directives];
+    $self->{base_block} = $self->main_block($main);
+    my @blocks = map { $self->host_blocks($_) } @hosts;
+    push @blocks, $self->{base_block} if $self->main_serves(@hosts);
+    $self->note_user_folders;
+    return join_blocks($tree, $problems, @blocks);
+}
+
+# Also those inside another one, whose end is missing.
+sub virtual_hosts {
+    my @directives = @_;
+    return map { ($_->{name} eq 'virtualhost' ? $_ : (), virtual_hosts(@{ $_->{block} })) }
+        grep { $_->{block} } @directives;
+}
+
+sub main_block {
+    my ($self, $main) = @_;
+    my $block = new_block('apache', $main, 1);
+    my @plain = grep { !$_->{block} } @{ $self->{global} };
+    $self->{block} = $block;
+    $self->add_names(@plain);
+    for my $directive (grep { $_->{name} eq 'loadmodule' && @{ $_->{args} } == 2 } @plain) {
+        my ($module, $file) = @{ $directive->{args} };
+        $block->{php_module} = $file =~ /libphp(\d+\.\d+)/ ? $1 : 1 if $module =~ /\Aphp\d*_module\z/;
+    }
+    $self->collect($self->{global}, '/');
+    $block->{root} = $self->document_root(@plain);
+    $block->{roots} = [];
+    $block->{content} = defined $block->{root};
+    $block->{config} = [$main];
+    push @{ $block->{listen} }, map { listen_of($_->{args}[0], 0) }
+        grep { $_->{name} eq 'listen' && @{ $_->{args} } } @plain;
+    return $block;
+}
+
+# True if a port is left on which no virtual host takes every request.
+sub main_serves {
+    my ($self, @hosts) = @_;
+    my $block = $self->{base_block};
+    return 0 if !$block->{content} || !$self->{tree}->exists($block->{root});
+    my %taken = map { ($_->{port} || '*') => 1 } grep { $_->{address} eq '*' }
+        map { listen_of($_, 0) } map { @{ $_->{args} } } @hosts;
+    return 0 if $taken{'*'};
+    return !@hosts if !@{ $block->{listen} };
+    return scalar grep { !$taken{ $_->{port} || 80 } } @{ $block->{listen} };
+}
+
+sub listen_of {
+    my ($where, $tls) = @_;
+    my ($address, $port) = $where =~ /\A(\d+)\z/ ? ('*', $1)
+        : $where =~ /\A(\[.*\]|[^:]+)(?::(\d+|\*))?\z/ ? ($1, $2) : ($where, undef);
+    $address = '*' if $address eq '_default_';
+    $port = undef if defined $port && $port eq '*';
+    return { address => $address, port => $port, tls => $tls };
+}
+
+# The record of a virtual host, and of those that its folders make.
+sub host_blocks {
+    my ($self, $host) = @_;
+    my $base = $self->{base_block};
+    my $block = new_block('apache', @$host{qw(file line)});
+    my @directives = @{ $host->{block} };
+    my @plain = grep { !$_->{block} } @directives;
+    $self->{block} = $block;
+    $self->add_names(@plain);
+    $self->collect(\@directives, '/');
+    my %last = map { $_->{name} => $_->{args}[0] } grep { @{ $_->{args} } } @plain;
+    my $tls = defined $last{sslengine} && lc $last{sslengine} ne 'off' ? 1 : 0;
+    push @{ $block->{listen} }, map { listen_of($_, $tls) } @{ $host->{args} };
+    $self->add_tls(\%last) if $tls;
+    $block->{php_addresses} = $base->{php_addresses} if !@{ $block->{php_addresses} };
+    $block->{php_module} = $base->{php_module} if $base->{php_module};
+    $block->{php_settings} = { %{ $base->{php_settings} }, %{ $block->{php_settings} } };
+    my $own = $self->document_root(@plain);
+    my @own_hosts = defined $last{virtualdocumentroot} ? $self->add_folders($last{virtualdocumentroot}) : ();
+    my $forwards = @{ $block->{redirects} } || @{ $block->{proxies} };
+    $own = $base->{root} if !defined $own && !$forwards && !@{ $block->{roots} };
+    $block->{root} = $own if defined $own;
+    $block->{content} = (defined $block->{root} || @{ $block->{roots} } || @{ $block->{proxies} })
+        && !$self->leads_away ? 1 : 0;
+    $self->add_global_access;
+    add_once($block->{config}, $host->{file}, files_of(@directives));
+    return ($block, @own_hosts);
+}
+
+sub files_of {
+    return map { ($_->{file}, $_->{block} && $_->{name} ne 'virtualhost' ? files_of(@{ $_->{block} }) : ()) } @_;
+}
+
+# True if every request is sent to another host or to https.
+sub leads_away {
+    my ($self) = @_;
+    my $block = $self->{block};
+    return grep { ($_->{from} eq '/' || $_->{from} =~ m{\A\^?/?\??(?:\(\.\*\)|\.\*)?\$?\z}) && !$_->{conditions}
+            && $_->{to} =~ m{\Ahttps?://} } @{ $block->{redirects} };
+}
+
+sub add_names {
+    my ($self, @directives) = @_;
+    for my $kind (qw(servername serveralias)) {
+        for my $word (map { @{ $_->{args} } } grep { $_->{name} eq $kind } @directives) {
+            (my $name = lc $word) =~ s{\A\w+://}{};
+            $name =~ s/:\d+\z//;
+            $name =~ s/\.\z//;
+            add_once($self->{block}{names}, $name) if length $name && $name ne '*';
+        }
+    }
+    return;
+}
+
+sub document_root {
+    my ($self, @directives) = @_;
+    my ($root) = reverse map { $_->{args}[0] } grep { $_->{name} eq 'documentroot' && @{ $_->{args} } } @directives;
+    return defined $root ? $self->folder($root) : undef;
+}
+
+sub folder {
+    my ($self, $path) = @_;
+    return $self->{tree}->tidy($self->{config}->absolute($path));
+}
+
+# Takes from a virtual host and the sections in it what belongs to a site.
+sub collect {
+    my ($self, $directives, $path) = @_;
+    my $conditions = 0;
+    for my $directive (@$directives) {
+        my ($name, $args) = @$directive{qw(name args)};
+        if ($directive->{block}) {
+            next if $name eq 'virtualhost' || $name eq 'proxy';
+            $self->collect($directive->{block}, section_path($directive, $path));
+            next;
+        }
+        $conditions = 1 if $name eq 'rewritecond';
+        if (my $add = $COLLECT{$name}) {
+            my $before = @{ $self->{block}{redirects} };
+            $add->($self, $path, @$args) if @$args;
+            my $redirects = $self->{block}{redirects};
+            $redirects->[-1]{conditions} = 1 if $conditions && $name eq 'rewriterule' && @$redirects > $before;
+        }
+        elsif ($ACCESS{$name}) {
+            push @{ $self->{block}{access} }, { path => $path, rule => join ' ', $name, @$args };
+        }
+        $conditions = 0 if $name eq 'rewriterule';
+    }
+    return;
+}
+
+sub section_path {
+    my ($directive, $path) = @_;
+    my @args = @{ $directive->{args} };
+    return join ' ', @args if $directive->{name} =~ /\A(?:directory|location)(?:match)?\z/;
+    return join ' ', ($path eq '/' ? () : $path), $directive->{name}, @args;
+}
+
+sub add_alias {
+    my ($self, $path, $from, $to) = @_;
+    # Inside of a section that names the place the target stands alone.
+    $to = $from if !defined $to;
+    $self->add_root_folder($from, $to);
+    return;
+}
+
+sub add_root_folder {
+    my ($self, $from, $to) = @_;
+    return if $from =~ m{\A/\.well-known/acme-challenge};
+    my $folder = $self->folder($to);
+    add_once($self->{block}{roots}, $folder) if $self->{tree}->is_dir($folder);
+    return;
+}
+
+sub add_log {
+    my ($self, $path, $where) = @_;
+    add_once($self->{block}{logs}, $self->folder($where)) if $where =~ m{/} && $where !~ /\A\||\$|\%/;
+    return;
+}
+
+sub add_file {
+    my ($self, $path, $file) = @_;
+    add_once($self->{block}{files}, $self->{config}->absolute($file));
+    return;
+}
+
+sub add_redirect {
+    my ($self, $path, @args) = @_;
+    my $code = 302;
+    $code = $CODE_OF{ lc $args[0] } || $args[0] and shift @args if $args[0] =~ /\A(?:permanent|temp|seeother|gone|\d+)\z/i;
+    my ($from, $to) = @args > 1 ? @args : ($path, @args);
+    return if !defined $to || $code !~ /\A3/;
+    push @{ $self->{block}{redirects} }, { from => $from, to => $to, code => $code };
+    return;
+}
+
+sub add_rewrite {
+    my ($self, $path, $from, $to, $flags) = @_;
+    return if !defined $to;
+    $flags = defined $flags ? $flags : '';
+    my ($redirects, $code) = $flags =~ /[\[,]\s*(R|redirect)(?:=(\w+))?\s*[\],]/i;
+    return if !$redirects && $to !~ m{\Ahttps?://};
+    $code = defined $code ? $CODE_OF{ lc $code } || $code : 302;
+    return if $code !~ /\A3/;
+    push @{ $self->{block}{redirects} }, { from => $from, to => $to, code => $code };
+    return;
+}
+
+sub add_proxy {
+    my ($self, $path, @args) = @_;
+    my $to = $args[0] =~ m{\A(?:unix:|\w+://)} ? $args[0] : $args[1];
+    return if !defined $to || $to eq '!';
+    if (defined(my $address = php_address($to))) { add_once($self->{block}{php_addresses}, $address) }
+    else                                         { add_once($self->{block}{proxies}, $to) }
+    return;
+}
+
+# "unix:/socket|fcgi://any" or "fcgi://host:port/..." as the address of a pool.
+sub php_address {
+    my ($to) = @_;
+    return $1 if $to =~ m{\A(unix:[^|]+)\|fcgi:};
+    return $1 if $to =~ m{\Afcgi://([^/]+)};
+    return;
+}
+
+sub add_handler {
+    my ($self, $path, $handler) = @_;
+    my $address = $handler =~ /\Aproxy:(.*)/s ? php_address($1) : undef;
+    add_once($self->{block}{php_addresses}, $address);
+    $self->{block}{php_module} ||= 1 if $handler =~ m{\A(?:application/x-httpd-php|php\d*-script)};
+    return;
+}
+
+sub add_wrapper {
+    my ($self, $path, $file) = @_;
+    $self->{block}{php_wrapper} = $file;
+    add_once($self->{block}{files}, $file);
+    return;
+}
+
+sub add_user {
+    my ($self, $path, $user) = @_;
+    $self->{block}{php_user} = $user;
+    return;
+}
+
+sub add_php {
+    my ($self, $path, $name, $value) = @_;
+    $self->{block}{php_settings}{$name} = $value if defined $value;
+    return;
+}
+
+sub add_tls {
+    my ($self, $last) = @_;
+    my $certificate = $last->{sslcertificatefile};
+    return if !defined $certificate;
+    my $key = defined $last->{sslcertificatekeyfile} ? $last->{sslcertificatekeyfile} : $certificate;
+    my %tls = (certificate => $certificate, key => $key, chain => $last->{sslcertificatechainfile});
+    delete $tls{chain} if !defined $tls{chain};
+    $_ = $self->{config}->absolute($_) for values %tls;
+    $self->{block}{tls} = \%tls;
+    add_once($self->{block}{files}, grep {defined} @tls{qw(certificate key chain)});
+    return;
+}
+
+# Rules for the site's own folders may stand outside of the virtual host.
+sub add_global_access {
+    my ($self) = @_;
+    my $block = $self->{block};
+    my $root = $block->{root};
+    return if !defined $root || defined $self->{base_block}{root} && $root eq $self->{base_block}{root};
+    for my $rule (@{ $self->{base_block}{access} }) {
+        push @{ $block->{access} }, $rule if below($rule->{path}, $root);
+    }
+    return;
+}
+
+# One folder for each host: what they are for the names that are known, and a
+# record for each host that a folder shows.
+sub add_folders {
+    my ($self, $pattern) = @_;
+    my $block = $self->{block};
+    my @exact = grep { is_host_name($_) } @{ $block->{names} };
+    my @known = grep { $self->{tree}->is_dir($_) } map { $self->folder(host_folder($pattern, $_)) } @exact;
+    $block->{root} = $known[0];
+    add_once($block->{roots}, @known);
+    my %taken = map { $_ => 1 } @known;
+    my ($before, $after) = $pattern =~ /\A([^%]*)%0([^%]*)\z/;
+    if (!defined $before) {
+        $self->{problems}->add(severity => 'warning', object => defined $exact[0] ? $exact[0] : $block->{file},
+            text => "The folder $pattern ($block->{file}) depends on the request; only those of its names are taken");
+        return;
+    }
+    (my $glob = $self->folder("$before\x01$after")) =~ s/([*?\[\\])/\\$1/g;
+    $glob =~ s/\x01/*/;
+    my $matches = join '([^/]+)', map { quotemeta } split /\x01/, $self->folder("$before\x01$after"), -1;
+    return map { /\A$matches\z/ && is_host_name($1) && $1 =~ /\./ ? $self->host_block(lc $1, $_) : () }
+        grep { !$taken{$_} && $self->{tree}->is_dir($_) } $self->{tree}->glob($glob);
+}
+
+sub host_block {
+    my ($self, $host, $root) = @_;
+    my $block = $self->{block};
+    my %copy = map { $_ => ref $block->{$_} eq 'ARRAY' ? [@{ $block->{$_} }] : $block->{$_} } keys %$block;
+    return { %copy, names => [$host], root => $root, content => 1, roots => [] };
+}
+
+# Fills a folder pattern with a host: %0 all of it, %N its part N, %-N counted from
+# the end, with "+" that part and all on that side of it; %N.M letter M of a part.
+sub host_folder {
+    my ($pattern, $host) = @_;
+    my @parts = split /\./, $host;
+    $pattern =~ s{%(?:(-?\d+)(\+?)(?:\.(-?\d+)(\+?))?|(%))}
+        {defined $5 ? '%' : piece(piece_of_list(\@parts, '.', $1, $2), $3, $4)}ge;
+    return $pattern;
+}
+
+sub piece {
+    my ($text, $number, $open) = @_;
+    return $text if !defined $number;
+    return piece_of_list([split //, $text], '', $number, $open);
+}
+
+sub piece_of_list {
+    my ($list, $glue, $number, $open) = @_;
+    return join $glue, @$list if $number == 0;
+    my $at = $number > 0 ? $number - 1 : @$list + $number;
+    # The server, too, writes "_" for a part that the host does not have.
+    return '_' if $at < 0 || $at > $#$list;
+    my @taken = !$open ? $at : $number > 0 ? ($at .. $#$list) : (0 .. $at);
+    return join $glue, @$list[@taken];
+}
+
+sub note_user_folders {
+    my ($self) = @_;
+    my @words = map { @{ $_->{args} } } grep { $_->{name} eq 'userdir' } flat(@{ $self->{global} });
+    my ($folder) = grep { !/\A(?:disabled|enabled)\z/i && !m{/} } @words or return;
+    my @found = $self->{tree}->glob("/home/*/$folder") or return;
+    $self->{problems}->add(severity => 'warning', object => $self->{base_block}{file},
+        text => "Folders of users served as /~user are no sites and are left out: @found");
+    return;
+}
+
+sub flat { return map { ($_, $_->{block} ? flat(@{ $_->{block} }) : ()) } @_ }
+
+1;

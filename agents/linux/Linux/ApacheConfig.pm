@@ -1,0 +1,295 @@
+# Reads Apache's configuration into a list of directives: included files, macros,
+# definitions and conditions of the start are already worked out. A mistake in a
+# file is named as a problem; what can be read before and after it is kept.
+package Linux::ApacheConfig;
+
+use strict;
+use warnings;
+
+my $MOST_DEPTH = 20;
+
+# What <IfVersion> is compared with: the oldest that all its configurations name.
+my @VERSION = (2, 4, 0);
+
+# Sections that the running server decides about, or that hold other directives.
+my %SECTION = map { $_ => 1 } qw(
+    virtualhost directory directorymatch location locationmatch files filesmatch limit limitexcept proxy proxymatch
+    if elseif else ifmodule ifdefine ifversion iffile ifdirective ifsection macro requireall requireany requirenone
+    perl authnprovideralias authzprovideralias mdomainset
+);
+
+sub new {
+    my ($class, %self) = @_;
+    return bless { %self, defines => {}, modules => {}, macros => {}, parsed => {} }, $class;
+}
+
+# The directives of the main file: { name in lower case, args, block => [...] or
+# undef, file, line }.
+sub load {
+    my ($self, $main) = @_;
+    ($self->{base}) = $main =~ m{\A(.*)/};
+    $self->{base} =~ s{/conf\z}{};
+    $self->read_environment($_) for "$self->{base}/envvars", '/etc/sysconfig/httpd';
+    return $self->expand($self->parsed($main), $main);
+}
+
+# The start script gives the server the variables of this file.
+sub read_environment {
+    my ($self, $file) = @_;
+    for my $line ($self->{tree}->read_lines($file)) {
+        next if $line !~ /\A\s*(?:export\s+)?(\w+)=(["']?)(.*?)\2\s*\z/;
+        my ($name, $value) = ($1, $3);
+        $value =~ s/\$\{?(\w+)\}?/defined $self->{defines}{$1} ? $self->{defines}{$1} : ''/ge;
+        $self->{defines}{$name} = $value;
+        next if $name ne 'OPTIONS' && $name ne 'APACHE_ARGUMENTS';
+        $self->{defines}{$1} = '' while $value =~ /-D\s*(\w+)/g;
+    }
+    return;
+}
+
+sub absolute {
+    my ($self, $path) = @_;
+    return $path =~ m{^/} ? $path : "$self->{base}/$path";
+}
+
+sub problem {
+    my ($self, $severity, $file, $line, $text) = @_;
+    $self->{problems}->add(severity => $severity, object => $file, text => ($line ? "Line $line: " : '') . $text);
+    return;
+}
+
+sub expand {
+    my ($self, $directives, @stack) = @_;
+    return map { $self->expand_one($_, @stack) } @$directives;
+}
+
+sub expand_one {
+    my ($self, $raw, @stack) = @_;
+    my $name = $raw->{name};
+    my $directive = { %$raw, args => [map { $self->defined_text($_) } @{ $raw->{args} }] };
+    my ($first, $second) = @{ $directive->{args} };
+    if (!$raw->{block}) {
+        return $self->included($directive, @stack) if $name =~ /\Ainclude(?:optional)?\z/;
+        return $self->used($directive, @stack) if $name eq 'use';
+        if    (!defined $first)        { }
+        elsif ($name eq 'define')      { $self->{defines}{ $raw->{args}[0] } = defined $second ? $second : '' }
+        elsif ($name eq 'undefine')    { delete $self->{defines}{ $raw->{args}[0] } }
+        elsif ($name eq 'loadmodule')  { $self->load_module($directive) }
+        elsif ($name eq 'serverroot')  { $self->{base} = $first }
+        return $directive;
+    }
+    if ($name eq 'macro') {
+        $self->{macros}{ lc $first } = { %$raw, args => [@{ $raw->{args} }] } if defined $first;
+        return;
+    }
+    if ($name =~ /\Aif(?:module|define|version|file|directive|section)\z/) {
+        return $self->holds($directive) ? $self->expand($raw->{block}, @stack) : ();
+    }
+    return { %$directive, block => [$self->expand($raw->{block}, @stack)] };
+}
+
+sub load_module {
+    my ($self, $directive) = @_;
+    my ($name, $file) = @{ $directive->{args} };
+    $self->{modules}{$name} = 1;
+    $self->{modules}{$1} = 1 if defined $file && $file =~ m{([^/]+)\.so\z};
+    return;
+}
+
+# Tells if a condition of the start is met.
+sub holds {
+    my ($self, $directive) = @_;
+    my ($test, @more) = @{ $directive->{args} };
+    return 1 if !defined $test;
+    my $not = $test =~ s/\A!\s*//;
+    my $is = $directive->{name} eq 'ifmodule' ? $self->has_module($test)
+        : $directive->{name} eq 'ifdefine'    ? exists $self->{defines}{$test}
+        : $directive->{name} eq 'iffile'      ? $self->{tree}->lstat($self->absolute($test))
+        : $directive->{name} eq 'ifversion'   ? version_fits($test, @more)
+        :                                       1;
+    return $not ? !$is : $is;
+}
+
+# Modules have a name in code (ssl_module) and one of a source file (mod_ssl.c).
+# Where no module is loaded at all they are built in, and nothing is known of them.
+sub has_module {
+    my ($self, $name) = @_;
+    my $loaded = $self->{modules};
+    return 1 if !%$loaded;
+    (my $file = $name) =~ s/\.c\z//;
+    (my $code = $file) =~ s/\Amod_(.*)/$1_module/;
+    return 1 if grep { $loaded->{$_} } $name, $file, $code;
+    return $file =~ /\A(?:core|http_core|mod_so|prefork|event|worker)\z/;
+}
+
+sub version_fits {
+    my ($operator, $version) = @_;
+    ($operator, $version) = ('=', $operator) if !defined $version;
+    return 1 if $version !~ /\A\d+(?:\.\d+)*\z/;
+    my @asked = split /\./, $version;
+    my $order = 0;
+    for my $place (0 .. $#VERSION) {
+        $order ||= $VERSION[$place] <=> $asked[$place] if defined $asked[$place];
+    }
+    return $operator =~ /\A(?:=|==|~)\z/ ? $order == 0
+        : $operator eq '>'  ? $order > 0
+        : $operator eq '>=' ? $order >= 0
+        : $operator eq '<'  ? $order < 0
+        : $operator eq '<=' ? $order <= 0
+        :                     1;
+}
+
+sub defined_text {
+    my ($self, $text) = @_;
+    $text =~ s/\$\{(\w+)\}/defined $self->{defines}{$1} ? $self->{defines}{$1} : "\${$1}"/ge;
+    return $text;
+}
+
+# The lines of a macro with its parameters filled in.
+sub used {
+    my ($self, $directive, @stack) = @_;
+    my ($name, @values) = @{ $directive->{args} };
+    my $macro = defined $name ? $self->{macros}{ lc $name } : undef;
+    if (!$macro || @stack > $MOST_DEPTH) {
+        $self->problem('error', @$directive{qw(file line)},
+            'uses the macro ' . (defined $name ? $name : '') . ($macro ? ' within itself' : ', which is not defined'));
+        return;
+    }
+    my (undef, @parameters) = @{ $macro->{args} };
+    my %value_of;
+    @value_of{@parameters} = map { defined $_ ? $_ : '' } @values[0 .. $#parameters];
+    # A longer name first: it may begin with a shorter one.
+    my $any = join '|', map { quotemeta } sort { length $b <=> length $a } @parameters;
+    return $self->expand(filled($macro->{block}, \%value_of, $any), @stack, "macro $name");
+}
+
+sub filled {
+    my ($directives, $value_of, $any) = @_;
+    return $directives if !%$value_of;
+    return [map {
+        my $directive = $_;
+        my @args = @{ $directive->{args} };
+        s/($any)/$value_of->{$1}/g for @args;
+        +{ %$directive, args => \@args,
+            $directive->{block} ? (block => filled($directive->{block}, $value_of, $any)) : () };
+    } @$directives];
+}
+
+sub included {
+    my ($self, $directive, @stack) = @_;
+    my ($file, $line, $args) = @$directive{qw(file line args)};
+    return if !@$args;
+    my @out;
+    for my $included ($self->included_files($args->[0])) {
+        if (@stack > $MOST_DEPTH || grep { $_ eq $included } @stack) {
+            $self->problem('warning', $file, $line, "includes $included, which includes itself");
+            next;
+        }
+        next if $directive->{name} eq 'includeoptional' && !$self->{tree}->lstat($included);
+        my $parsed = $self->parsed($included, $directive) or next;
+        push @out, $self->expand($parsed, @stack, $included);
+    }
+    return @out;
+}
+
+# A folder stands for all the files in it and below.
+sub included_files {
+    my ($self, $word) = @_;
+    my $pattern = $self->absolute($word);
+    my @files = $pattern =~ /[*?\[]/ ? $self->{tree}->glob($pattern) : $pattern;
+    return map { $self->{tree}->is_dir($_) ? $self->files_below($_, 0) : $_ } @files;
+}
+
+sub files_below {
+    my ($self, $dir, $depth) = @_;
+    return if $depth > $MOST_DEPTH;
+    return map { $self->{tree}->is_dir("$dir/$_") ? $self->files_below("$dir/$_", $depth + 1) : "$dir/$_" }
+        $self->{tree}->list($dir);
+}
+
+sub parsed {
+    my ($self, $file, $by) = @_;
+    return $self->{parsed}{$file} if exists $self->{parsed}{$file};
+    my $text = $self->{tree}->read_file($file);
+    if (!defined $text) {
+        my $why = "$!";
+        $self->problem('error', $file, 0, "Cannot be read: $why" . ($by ? " (included by $by->{file})" : ''));
+        return $self->{parsed}{$file} = $by ? undef : [];
+    }
+    return $self->{parsed}{$file} = $self->parse($file, $text);
+}
+
+sub parse {
+    my ($self, $file, $text) = @_;
+    my @blocks = ([]);
+    my @openings;
+    my $number = 0;
+    my $next = 1;
+    # A backslash at the end of a line continues it, and lines keep their numbers.
+    while ($text =~ /\G((?:[^\\\n]++|\\(?!\r?\n)|\\\r?\n)*+)(?:\n|\z)/gc) {
+        my $line = $1;
+        $number = $next;
+        $next += 1 + ($line =~ tr/\n//);
+        $line =~ s/\\\r?\n/ /g;
+        $line =~ s/\A\s+|\s+\z//g;
+        last if $line eq '' && (pos($text) || 0) >= length $text;
+        next if $line eq '' || $line =~ /\A#/;
+        if ($line =~ m{\A</\s*(\w+)\s*>}) {
+            $self->close_section(lc $1, \@blocks, \@openings, $file, $number);
+            next;
+        }
+        my $directive = $self->directive($line, $file, $number) or next;
+        push @{ $blocks[-1] }, $directive;
+        next if !$directive->{block};
+        push @blocks, $directive->{block};
+        push @openings, $directive;
+    }
+    $self->problem('error', $file, $_->{line}, "the section <$_->{name}> is not closed") for @openings;
+    return $blocks[0];
+}
+
+sub directive {
+    my ($self, $line, $file, $number) = @_;
+    my $is_section = $line =~ s/\A<\s*//;
+    if ($is_section && $line !~ s/>\s*\z//) {
+        $self->problem('error', $file, $number, 'the section has no ">"');
+    }
+    if ($line !~ /\A([A-Za-z_]\w*)(?:\s+|\z)(.*)\z/s) {
+        $self->problem('error', $file, $number, 'cannot be understood: ' . substr $line, 0, 80);
+        return;
+    }
+    my ($name, $rest) = (lc $1, $2);
+    if ($is_section && !$SECTION{$name}) {
+        $self->problem('warning', $file, $number, "the section <$name> is not known");
+    }
+    return { name => $name, args => [words($rest)], file => $file, line => $number, block => $is_section ? [] : undef };
+}
+
+# Closing what was not opened is a mistake; closing an outer section closes the inner.
+sub close_section {
+    my ($self, $name, $blocks, $openings, $file, $number) = @_;
+    if (!grep { $_->{name} eq $name } @$openings) {
+        $self->problem('error', $file, $number, "</$name> closes nothing");
+        return;
+    }
+    while (my $opening = pop @$openings) {
+        pop @$blocks;
+        return if $opening->{name} eq $name;
+        $self->problem('error', $file, $opening->{line}, "the section <$opening->{name}> is not closed");
+    }
+    return;
+}
+
+# Cuts a line into words; quotes hold words together.
+sub words {
+    my ($line) = @_;
+    my @words;
+    while ($line =~ /\G\s*(?:"((?:[^"\\]|\\.)*)"?|'((?:[^'\\]|\\.)*)'?|(\S+))/gc) {
+        my $word = defined $1 ? $1 : defined $2 ? $2 : $3;
+        $word =~ s/\\(["'\\])/$1/g if !defined $3;
+        push @words, $word;
+    }
+    return @words;
+}
+
+1;

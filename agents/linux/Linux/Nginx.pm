@@ -1,0 +1,398 @@
+# The sites that an nginx configuration serves. Variables are followed where the
+# configuration alone decides them; where not, that is a problem of the site.
+package Linux::Nginx;
+
+use strict;
+use warnings;
+use Agent::Process qw(run which);
+use Linux::NginxConfig;
+use Linux::Site qw(new_block add_once is_host_name join_blocks);
+
+our @MAIN_FILES = qw(/etc/nginx/nginx.conf /usr/local/nginx/conf/nginx.conf /opt/nginx/conf/nginx.conf);
+
+# Where relative paths of documents and logs start, and the documents of a server without a root are.
+my @PREFIXES = qw(/usr/share/nginx /usr/local/nginx /opt/nginx);
+
+my $MOST_VALUES = 1000;
+my $HOST_VARIABLE = qr/\A(?:host|http_host|server_name|ssl_server_name)\z/;
+
+# Stands for what only a request decides; no path holds it.
+my $OPEN = "\x01";
+
+# Version of the installed server; undef without one.
+sub version {
+    return if !which('nginx');
+    return run(['nginx', '-v'], limit => 5)->{err} =~ m{nginx/([\w.]+)} ? $1 : undef;
+}
+
+sub main_file {
+    my ($tree) = @_;
+    return (grep { $tree->lstat($_) } @MAIN_FILES)[0];
+}
+
+sub sites {
+    my ($tree, $problems) = @_;
+    my $main = main_file($tree);
+    return if !defined $main;
+    my $config = Linux::NginxConfig->new(tree => $tree, problems => $problems);
+    my ($prefix) = grep { $tree->is_dir($_) } @PREFIXES;
+    my $self = bless { tree => $tree, problems => $problems, config => $config,
+        prefix => defined $prefix ? $prefix : $PREFIXES[0] }, __PACKAGE__;
+    my @directives = $config->load($main);
+    my @blocks = map { $self->http_blocks($_->{block}) } named('http', @directives);
+    return join_blocks($tree, $problems, @blocks);
+}
+
+sub named {
+    my ($name, @directives) = @_;
+    return grep { $_->{name} eq $name && $_->{block} } @directives;
+}
+
+sub http_blocks {
+    my ($self, $http) = @_;
+    $self->{maps} = {};
+    $self->{upstreams} = {};
+    for my $map (named('map', @$http)) {
+        $self->{maps}{ variable_name($map->{args}[1]) } = $map if @{ $map->{args} } == 2;
+    }
+    for my $upstream (named('upstream', @$http)) {
+        my $servers = [map { $_->{args}[0] } grep { $_->{name} eq 'server' } @{ $upstream->{block} }];
+        $self->{upstreams}{ $upstream->{args}[0] } = $servers if @{ $upstream->{args} };
+    }
+    my %inherited = simple_values($http);
+    return map { $self->server_blocks($_, \%inherited) } named('server', @$http);
+}
+
+sub variable_name {
+    my ($word) = @_;
+    $word =~ s/\A\$\{?(\w+)\}?\z/$1/;
+    return $word;
+}
+
+# The last value of what a block inside takes over unless it sets it itself.
+sub simple_values {
+    my ($directives) = @_;
+    my %inherits = map { $_ => 1 } qw(root ssl_certificate ssl_certificate_key);
+    return map { $_->{name} => $_ } grep { $inherits{ $_->{name} } && @{ $_->{args} } } @$directives;
+}
+
+# The record of a server, and of those that an unclosed block has swallowed.
+sub server_blocks {
+    my ($self, $server, $inherited) = @_;
+    my @directives = @{ $server->{block} };
+    my %scope = (%$inherited, simple_values(\@directives));
+    my $block = new_block('nginx', @$server{qw(file line)});
+    $self->{block} = $block;
+    $self->{sets}  = {};
+    $self->{patterns} = [];
+    $self->add_names(map { @{ $_->{args} } } grep { $_->{name} eq 'server_name' } @directives);
+    add_listens($block, @directives);
+    my $returns = grep { $_->{name} eq 'return' } @directives;
+    $self->collect_sets(\@directives);
+    $self->collect(\@directives, '/', {});
+    $self->add_tls(\%scope);
+    my @own_hosts = $returns ? () : $self->add_root(\%scope);
+    $block->{content} = !$returns && (defined $block->{root} || @{ $block->{roots} } || @{ $block->{proxies} }
+            || @{ $block->{php_addresses} }) ? 1 : 0;
+    add_once($block->{config}, $server->{file}, files_of(@directives));
+    return ($block, @own_hosts, map { $self->server_blocks($_, $inherited) } named('server', @directives));
+}
+
+sub files_of {
+    return map { ($_->{file}, $_->{block} && $_->{name} ne 'server' ? files_of(@{ $_->{block} }) : ()) } @_;
+}
+
+sub add_names {
+    my ($self, @names) = @_;
+    my $block = $self->{block};
+    for my $name (@names) {
+        if ($name =~ /\A~/) {
+            push @{ $self->{patterns} }, substr $name, 1;
+            add_once($block->{names}, $name);
+            next;
+        }
+        next if $name eq '_' || $name eq '' || $name eq '*' || $name eq '""' || $name eq '$hostname';
+        $name = lc $name;
+        $name =~ s/\.\z//;
+        add_once($block->{names}, $name =~ /\A\.(.+)/ ? ($1, "*.$1") : $name);
+    }
+    return;
+}
+
+sub add_listens {
+    my ($block, @directives) = @_;
+    my @listens = map { $_->{args} } grep { $_->{name} eq 'listen' && @{ $_->{args} } } @directives;
+    my ($ssl) = map { $_->{args}[0] } grep { $_->{name} eq 'ssl' && @{ $_->{args} } } @directives;
+    for my $args (@listens ? @listens : ['80']) {
+        my ($where, @flags) = @$args;
+        my $tls = (grep { $_ eq 'ssl' || $_ eq 'quic' } @flags) || (defined $ssl && $ssl eq 'on') ? 1 : 0;
+        my ($address, $port) = $where =~ /\Aunix:/ ? ($where, undef)
+            : $where =~ /\A(\d+)\z/ ? ('*', $1)
+            : $where =~ /\A(\[.*\]|[^:]+)(?::(\d+))?\z/ ? ($1, defined $2 ? $2 : 80) : ($where, undef);
+        push @{ $block->{listen} }, { address => $address, port => $port, tls => $tls };
+    }
+    return;
+}
+
+# Values that "set" gives to variables anywhere in the server.
+sub collect_sets {
+    my ($self, $directives) = @_;
+    for my $directive (@$directives) {
+        my ($name, $args) = @$directive{qw(name args)};
+        push @{ $self->{sets}{ variable_name($args->[0]) } }, $args->[1] if $name eq 'set' && @$args == 2;
+        $self->collect_sets($directive->{block}) if $directive->{block} && $name ne 'server';
+    }
+    return;
+}
+
+# Takes from a server and the blocks in it what belongs to the record of a site.
+sub collect {
+    my ($self, $directives, $path, $scope) = @_;
+    my $block = $self->{block};
+    for my $directive (@$directives) {
+        my ($name, $args) = @$directive{qw(name args)};
+        if ($directive->{block}) {
+            $self->collect_inner($directive, $path) if $name ne 'server';
+            next;
+        }
+        next if !@$args;
+        if ($name =~ /\A(?:allow|deny|auth_basic|satisfy|auth_request|internal)\z/) {
+            push @{ $block->{access} }, { path => $path, rule => join ' ', $name, @$args };
+        }
+        elsif ($name eq 'auth_basic_user_file') {
+            add_once($block->{files}, $self->files($args->[0]));
+        }
+        elsif ($name =~ /\A(?:access|error)_log\z/) {
+            add_once($block->{logs}, $self->prefixed($args->[0])) if $args->[0] =~ m{\A[^\$]*/[^\$]*\z};
+        }
+        elsif ($name eq 'return')  { $self->add_return($path, @$args) }
+        elsif ($name eq 'rewrite') { $self->add_rewrite($path, @$args) }
+        elsif ($name eq 'fastcgi_pass') { add_once($block->{php_addresses}, $self->addresses($args->[0])) }
+        elsif ($name =~ /\A(?:proxy|uwsgi|scgi|grpc)_pass\z/) {
+            add_once($block->{proxies}, $self->addresses($args->[0]));
+        }
+        elsif ($name eq 'fastcgi_param' && $args->[0] =~ /\APHP_(?:ADMIN_)?VALUE\z/ && @$args > 1) {
+            $block->{php_settings} = { %{ $block->{php_settings} },
+                map { /\A\s*([\w.]+)\s*=\s*(.*?)\s*\z/ ? ($1 => $2) : () } split /\n/, $args->[1] };
+        }
+        elsif ($name =~ /\A(?:root|alias)\z/ && $path ne '/' && $path !~ m{/\.well-known/acme-challenge}) {
+            add_once($block->{roots}, map { $_->{path} } $self->folders($args->[0], $directive));
+        }
+    }
+    return;
+}
+
+sub collect_inner {
+    my ($self, $directive, $path) = @_;
+    my @args = @{ $directive->{args} };
+    return if $directive->{name} =~ /\A(?:types|map|geo|split_clients|upstream)\z/;
+    my $inner = $path;
+    $inner = join ' ', @args if $directive->{name} eq 'location';
+    $inner = join ' ', $path, 'if', @args if $directive->{name} eq 'if';
+    $self->collect($directive->{block}, $inner);
+    return;
+}
+
+sub add_return {
+    my ($self, $path, $code, $to) = @_;
+    ($code, $to) = (302, $code) if !defined $to && $code =~ m{\A(?:https?://|\$scheme)};
+    return if !defined $to || $code !~ /\A30[12378]\z/;
+    push @{ $self->{block}{redirects} }, { from => $path, to => $to, code => $code };
+    return;
+}
+
+sub add_rewrite {
+    my ($self, $path, $from, $to, $flag) = @_;
+    return if !defined $to;
+    my $code = ($flag || '') eq 'permanent' ? 301
+        : ($flag || '') eq 'redirect' || $to =~ m{\A(?:https?://|\$scheme)} ? 302 : undef;
+    return if !defined $code;
+    $from = "$path $from" if $path ne '/';
+    push @{ $self->{block}{redirects} }, { from => $from, to => $to, code => $code };
+    return;
+}
+
+# The servers behind an address or the name of a group of them.
+sub addresses {
+    my ($self, $address) = @_;
+    my ($scheme, $name) = $address =~ m{\A(\w+://)?([^/]*)}g;
+    my $group = $self->{upstreams}{ defined $name ? $name : '' };
+    return $group ? map { (defined $scheme ? $scheme : '') . $_ } @$group : $address;
+}
+
+sub add_tls {
+    my ($self, $scope) = @_;
+    my $block = $self->{block};
+    my $certificate = $scope->{ssl_certificate};
+    return if !$certificate || !grep { $_->{tls} } @{ $block->{listen} };
+    my $key = $scope->{ssl_certificate_key} || $certificate;
+    my @certificates = $self->files($certificate->{args}[0]);
+    my @keys = $self->files($key->{args}[0]);
+    $block->{tls} = { certificate => $certificates[0], key => $keys[0] } if @certificates;
+    add_once($block->{files}, @certificates, @keys);
+    return;
+}
+
+# Existing or plainly named files that a word of the configuration means.
+sub files {
+    my ($self, $word) = @_;
+    return if $word =~ /\A(?:data|engine):/;
+    return map { $self->{config}->absolute($_) } grep { !/$OPEN/o } map { $_->{text} } $self->values_of($word);
+}
+
+sub prefixed {
+    my ($self, $path) = @_;
+    return $self->{tree}->tidy($path =~ m{^/} ? $path : "$self->{prefix}/$path");
+}
+
+# Sets the document root; with one folder for each host, gives a record for each.
+sub add_root {
+    my ($self, $scope) = @_;
+    my $block = $self->{block};
+    my $directive = $scope->{root};
+    if (!$directive) {
+        $block->{root} = "$self->{prefix}/html" if !@{ $block->{proxies} } && !@{ $block->{redirects} };
+        return;
+    }
+    my @folders = $self->folders($directive->{args}[0], $directive);
+    my @hosts = grep { defined $_->{host} } @folders;
+    @folders = grep { !defined $_->{host} } @folders;
+    $block->{root} = $folders[0]{path} if @folders;
+    add_once($block->{roots}, map { $_->{path} } @folders);
+    return map { $self->host_block($_) } @hosts;
+}
+
+# A copy of the server's record for one of the hosts that a folder shows.
+sub host_block {
+    my ($self, $folder) = @_;
+    my $block = $self->{block};
+    my %copy = map { $_ => ref $block->{$_} eq 'ARRAY' ? [@{ $block->{$_} }] : $block->{$_} } keys %$block;
+    return { %copy, names => [$folder->{host}], root => $folder->{path}, content => 1,
+        roots => [grep { $_ ne $folder->{path} } @{ $copy{roots} }] };
+}
+
+# The folders that a word means: { path, host }, host where the folder is named by
+# a host that the server's names do not list.
+sub folders {
+    my ($self, $word, $directive) = @_;
+    my $block = $self->{block};
+    my @found;
+    for my $value ($self->values_of($word)) {
+        my $path = $self->prefixed($value->{text});
+        if ($path !~ /$OPEN/o) {
+            push @found, { path => $path };
+            next;
+        }
+        my @matches = defined $value->{because} ? () : $self->existing($path);
+        push @found, @matches;
+        next if @matches && $word =~ /\$/;
+        my $object = @{ $block->{names} } ? $block->{names}[0] : $directive->{file};
+        $self->{problems}->add(severity => 'warning', object => $object, text =>
+            "The folder $word ($directive->{file} line $directive->{line}) depends on the request and was not found");
+    }
+    return @found;
+}
+
+# Folders that fit a path in which the name of the host is open.
+sub existing {
+    my ($self, $path) = @_;
+    (my $pattern = $path) =~ s/([*?\[\\])/\\$1/g;
+    $pattern =~ s/$OPEN/*/go;
+    my $matches = join '([^/]+)', map { quotemeta } split /$OPEN/o, $path, -1;
+    return map {
+        my ($host) = /\A$matches\z/;
+        my $serves = $self->serves($host);
+        defined $serves ? { path => $_, host => $serves ? lc $host : undef } : ();
+    } grep { /\A$matches\z/ && $self->{tree}->is_dir($_) } $self->{tree}->glob($pattern);
+}
+
+# Tells if the name of a folder is a host that reaches this server by an open name;
+# undef if the server's names exclude it.
+sub serves {
+    my ($self, $host) = @_;
+    my $is_host = is_host_name($host) && $host =~ /\./ ? 1 : 0;
+    return $is_host if !@{ $self->{block}{names} } || @{ $self->{patterns} };
+    my @ends = map { /\A\*(\..+)/ ? $1 : () } @{ $self->{block}{names} };
+    return $is_host && (grep { $host =~ /.\Q$_\E\z/i } @ends) ? 1 : undef;
+}
+
+# What a word with variables can be, at most $MOST_VALUES of { text, because };
+# what requests decide is $OPEN in it, with the variable as `because` where it is not the host.
+sub values_of {
+    my ($self, $word) = @_;
+    return { text => $word } if $word !~ /\$/;
+    my (@out, %seen);
+    my @exact = grep { is_host_name($_) } @{ $self->{block}{names} };
+    my $only_exact = @exact && @exact == @{ $self->{block}{names} };
+    for my $host (@exact, $only_exact ? () : undef) {
+        push @out, grep { !$seen{ $_->{text} }++ } $self->expand($word, $host, 0);
+        last if @out >= $MOST_VALUES;
+    }
+    return @out;
+}
+
+sub expand {
+    my ($self, $word, $host, $depth) = @_;
+    my @out = { text => '' };
+    for my $piece (grep {length} split /(\$\{?\w+\}?)/, $word) {
+        my @values = $piece =~ /\A\$/ ? $self->variable(variable_name($piece), $host, $depth) : { text => $piece };
+        my @longer;
+        for my $start (@out) {
+            push @longer, map { join_texts($start, $_) } @values;
+        }
+        @out = @longer > $MOST_VALUES ? @longer[0 .. $MOST_VALUES - 1] : @longer;
+    }
+    return @out;
+}
+
+sub join_texts {
+    my ($start, $end) = @_;
+    my $because = defined $start->{because} ? $start->{because} : $end->{because};
+    return { text => "$start->{text}$end->{text}", because => $because };
+}
+
+sub variable {
+    my ($self, $name, $host, $depth) = @_;
+    my $unknown = { text => $OPEN, because => $name };
+    return $unknown if $depth > 10;
+    return $self->server_name if $name eq 'server_name';
+    return { text => defined $host ? $host : $OPEN } if $name =~ $HOST_VARIABLE;
+    return map { $self->expand($_, $host, $depth + 1) } @{ $self->{sets}{$name} } if $self->{sets}{$name};
+    return $self->map_values($self->{maps}{$name}, $host, $depth + 1) if $self->{maps}{$name};
+    return { text => $OPEN } if grep { /\(\?P?[<']\Q$name\E[>']/ } @{ $self->{patterns} };
+    return { text => $OPEN } if $name =~ /\A[1-9]\z/ && @{ $self->{patterns} };
+    return $unknown;
+}
+
+# Only the first name ever stands in this variable.
+sub server_name {
+    my ($self) = @_;
+    my $name = $self->{block}{names}[0];
+    return { text => defined $name && is_host_name($name) ? $name : $OPEN };
+}
+
+# The values of a variable that a map gives to a host, or all that it can give.
+sub map_values {
+    my ($self, $map, $host, $depth) = @_;
+    my @rules = grep { @{ $_->{args} } == 1 } @{ $map->{block} };
+    my $of_host = defined $host && variable_name($map->{args}[0]) =~ $HOST_VARIABLE;
+    if ($of_host) {
+        my ($rule) = ((grep { lc $_->{name} eq $host } @rules), (grep { in_map($_->{name}, $host) } @rules),
+            (grep { $_->{name} eq 'default' } @rules));
+        @rules = $rule || ();
+    }
+    return map { $self->expand($_->{args}[0], $host, $depth) } grep { length $_->{args}[0] } @rules;
+}
+
+sub in_map {
+    my ($key, $host) = @_;
+    return $host =~ /.\Q$1\E\z/i if $key =~ /\A\*(\..+)/;
+    return $host eq lc $1 || $host =~ /\.\Q$1\E\z/i if $key =~ /\A\.(.+)/;
+    return if $key !~ /\A~(\*?)(.+)/s;
+    my ($any_case, $expression) = ($1, $2);
+    # An expression that perl does not know matches nothing.
+    my $pattern = eval { $any_case ? qr/$expression/i : qr/$expression/ } or return;
+    return $host =~ $pattern;
+}
+
+1;

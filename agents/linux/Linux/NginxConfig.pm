@@ -1,0 +1,193 @@
+# Reads nginx configuration into a list of directives with everything included
+# already in place. A mistake in a file is named as a problem; what can be read
+# before and after it is kept.
+package Linux::NginxConfig;
+
+use strict;
+use warnings;
+
+my $MOST_DEPTH = 20;
+
+# First words of lines that show that the ";" of the line before is missing.
+my %STARTS_DIRECTIVE = map { $_ => 1 } qw(
+    server server_name listen root alias location include index return rewrite try_files access_log error_log
+    ssl_certificate ssl_certificate_key fastcgi_pass proxy_pass allow deny auth_basic auth_basic_user_file
+    add_header client_max_body_size set if upstream http events
+);
+
+sub new {
+    my ($class, %self) = @_;
+    return bless { %self, parsed => {} }, $class;
+}
+
+# The directives of the main file: { name, args, block => [...] or undef, file,
+# line }. Relative includes start in the folder of the main file.
+sub load {
+    my ($self, $main) = @_;
+    ($self->{base}) = $main =~ m{\A(.*)/};
+    return $self->expand($self->parsed($main), $main);
+}
+
+sub absolute {
+    my ($self, $path) = @_;
+    return $path =~ m{^/} ? $path : "$self->{base}/$path";
+}
+
+sub problem {
+    my ($self, $severity, $file, $line, $text) = @_;
+    $self->{problems}->add(severity => $severity, object => $file, text => ($line ? "Line $line: " : '') . $text);
+    return;
+}
+
+# Puts included files in the place of the directives that include them.
+sub expand {
+    my ($self, $directives, @stack) = @_;
+    my @out;
+    for my $directive (@$directives) {
+        if ($directive->{name} eq 'include' && !$directive->{block} && @{ $directive->{args} }) {
+            push @out, $self->included($directive, @stack);
+        }
+        elsif ($directive->{block}) {
+            push @out, { %$directive, block => [$self->expand($directive->{block}, @stack)] };
+        }
+        else { push @out, $directive }
+    }
+    return @out;
+}
+
+sub included {
+    my ($self, $directive, @stack) = @_;
+    my ($file, $line) = @$directive{qw(file line)};
+    my $pattern = $self->absolute($directive->{args}[0]);
+    my @files = $pattern =~ /[*?\[]/ ? $self->{tree}->glob($pattern) : $pattern;
+    my @out;
+    for my $included (@files) {
+        if (@stack > $MOST_DEPTH || grep { $_ eq $included } @stack) {
+            $self->problem('warning', $file, $line, "includes $included, which includes itself");
+            next;
+        }
+        my $parsed = $self->parsed($included, $directive) or next;
+        push @out, $self->expand($parsed, @stack, $included);
+    }
+    return @out;
+}
+
+# The directives of one file as they stand; undef where it cannot be read.
+sub parsed {
+    my ($self, $file, $by) = @_;
+    return $self->{parsed}{$file} if exists $self->{parsed}{$file};
+    my $text = $self->{tree}->read_file($file);
+    if (!defined $text) {
+        my $why = "$!";
+        $self->problem('error', $file, 0, "Cannot be read: $why" . ($by ? " (included by $by->{file})" : ""));
+        return $self->{parsed}{$file} = $by ? undef : [];
+    }
+    return $self->{parsed}{$file} = $self->parse($file, $text);
+}
+
+sub parse {
+    my ($self, $file, $text) = @_;
+    my @blocks = ([]);
+    my @openings;
+    my @words;
+    my $finish = sub {
+        my ($block) = @_;
+        return if !@words;
+        my ($name, @args) = map { $_->{text} } @words;
+        my $directive = { name => $name, args => \@args, file => $file, line => $words[0]{line} };
+        $directive->{block} = $block if $block;
+        push @{ $blocks[-1] }, $directive;
+        @words = ();
+    };
+    my $missing = sub {
+        my ($line) = @_;
+        $self->problem('error', $file, $words[0]{line}, qq("$words[0]{text}" is not ended by ";" before line $line));
+        $finish->();
+    };
+    for my $token ($self->tokens($file, $text)) {
+        my ($kind, $line) = @$token{qw(kind line)};
+        if ($kind eq 'word') {
+            $missing->($line) if @words && $token->{first} && $STARTS_DIRECTIVE{ $token->{text} };
+            push @words, $token;
+        }
+        elsif ($kind eq ';') { $finish->() }
+        elsif ($kind eq '{') {
+            push @openings, @words ? $words[0] : $token;
+            @words = ($token) if !@words;
+            my $block = [];
+            $finish->($block);
+            push @blocks, $block;
+        }
+        else {
+            $missing->($line) if @words;
+            if (@blocks > 1) {
+                pop @blocks;
+                pop @openings;
+            }
+            else { $self->problem('error', $file, $line, 'unexpected "}"') }
+        }
+    }
+    $missing->('of the end') if @words;
+    $self->problem('error', $file, $_->{line}, qq("$_->{text}" opens a block that is not closed)) for @openings;
+    return $blocks[0];
+}
+
+# Cuts a text into { kind => 'word', ';', '{' or '}', text, line, first }, `first`
+# telling that nothing stands before it on its line.
+sub tokens {
+    my ($self, $file, $text) = @_;
+    my ($line, $last, @tokens) = (1, 0);
+    my $add = sub {
+        my ($kind, $word) = @_;
+        push @tokens, { kind => $kind, text => $word, line => $line, first => $line != $last };
+        $last = $line;
+    };
+    while (1) {
+        if ($text =~ /\G(\s+)/gc) { $line += $1 =~ tr/\n// }
+        last if (pos($text) || 0) >= length $text;
+        if    ($text =~ /\G#[^\n]*/gc) { next }
+        elsif ($text =~ /\G([;{}])/gc) {
+            $add->($1, $1);
+            $line += skip_foreign(\$text) if $1 eq '{' && @tokens > 1 && $tokens[-2]{text} =~ /_by_lua_block\z/;
+        }
+        elsif ($text =~ /\G"((?:[^"\\]++|\\.)*+)"/gcs || $text =~ /\G'((?:[^'\\]++|\\.)*+)'/gcs) {
+            my $word = $1;
+            $add->('word', plain($word));
+            $line += $word =~ tr/\n//;
+        }
+        elsif ($text =~ /\G(["'])([^\n;{}]*)/gc) {
+            $self->problem('error', $file, $line, "the text after $1 is not ended");
+            $add->('word', $2);
+        }
+        elsif ($text =~ /\G((?:[^\s;{\\\$]++|\\.|\$\{[^}\s]*\}|\$)++)/gcs) { $add->('word', plain($1)) }
+        else {
+            $text =~ /\G(.)/gcs or last;
+            $add->('word', $1);
+        }
+    }
+    return @tokens;
+}
+
+# Only quotes and blanks lose their backslash; in patterns it means something.
+sub plain {
+    my ($word) = @_;
+    $word =~ s/\\(["'\s\\])/$1/g;
+    return $word;
+}
+
+# Moves behind a block in another language; gives the number of its lines.
+sub skip_foreign {
+    my ($text) = @_;
+    my ($depth, $lines) = (1, 0);
+    while ($$text =~ /\G(--[^\n]*|"(?:[^"\\\n]|\\.)*"|'(?:[^'\\\n]|\\.)*'|[{}]|\n|.)/gcs) {
+        my $piece = $1;
+        $lines++ if $piece eq "\n";
+        $depth++ if $piece eq '{';
+        next if $piece ne '}' || --$depth;
+        pos($$text)--;
+        last;
+    }
+    return $lines;
+}
+
+1;

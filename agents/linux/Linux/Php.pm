@@ -1,0 +1,175 @@
+# Which PHP runs a site, as whom and with which settings of its own, taken from
+# the pools, the web server's configuration and the files in the document root.
+package Linux::Php;
+
+use strict;
+use warnings;
+use Agent::Process qw(run which);
+
+# Folders of pool files; "*" in the second place holds the version.
+my @POOL_FOLDERS = (
+    ['/etc/php/*/fpm/pool.d', qr{/php/([\d.]+)/}],
+    ['/etc/php5/fpm/pool.d', qr{/php(5)/}],
+    ['/etc/php-fpm.d', undef],
+    ['/etc/opt/remi/php*/php-fpm.d', qr{/php(\d+)/}],
+    ['/opt/remi/php*/root/etc/php-fpm.d', qr{/php(\d+)/}],
+    ['/etc/opt/rh/rh-php*/php-fpm.d', qr{/rh-php(\d+)/}],
+    ['/usr/local/etc/php-fpm.d', undef],
+);
+
+# Installations without a pool show by their configuration folders.
+my @VERSION_FOLDERS = (
+    ['/etc/php/*', qr{/(\d+\.\d+)\z}],
+    ['/etc/opt/remi/php*', qr{/php(\d+)\z}],
+    ['/opt/rh/rh-php*', qr{/rh-php(\d+)\z}],
+);
+
+sub new {
+    my ($class, $tree, $problems) = @_;
+    my $self = bless { tree => $tree, problems => $problems, pools => [], by_listen => {} }, $class;
+    $self->read_pools;
+    return $self;
+}
+
+# Versions of all PHP installations that can be seen, sorted.
+sub versions {
+    my ($tree) = @_;
+    my %found;
+    for my $place (@VERSION_FOLDERS) {
+        my ($pattern, $version) = @$place;
+        $_ =~ $version and $found{ dotted($1) } = 1 for $tree->glob($pattern);
+    }
+    my $default = default_version($tree);
+    $found{$default} = 1 if defined $default;
+    return sort { by_version($a, $b) } keys %found;
+}
+
+sub by_version {
+    my ($left, $right) = @_;
+    my @left  = split /\./, $left;
+    my @right = split /\./, $right;
+    return $left[0] <=> $right[0] || ($left[1] || 0) <=> ($right[1] || 0);
+}
+
+# "82" and "8.2" as "8.2".
+sub dotted {
+    my ($version) = @_;
+    return $version =~ /\A(\d)(\d+)\z/ ? "$1.$2" : $version;
+}
+
+# The version of the distribution's own package; only a live system can tell.
+my %default_version;
+sub default_version {
+    my ($tree) = @_;
+    return if $tree->root ne '/';
+    return $default_version{known} if exists $default_version{known};
+    my ($program) = grep { which($_) } qw(php-fpm php);
+    my $text = $program ? run([$program, '-v'], limit => 5, most => 10_000)->{out} : '';
+    return $default_version{known} = $text =~ /\APHP (\d+\.\d+)/m ? $1 : undef;
+}
+
+sub read_pools {
+    my ($self) = @_;
+    for my $place (@POOL_FOLDERS) {
+        my ($folder, $version) = @$place;
+        for my $file ($self->{tree}->glob("$folder/*.conf")) {
+            my $of_file = $version && $file =~ $version ? dotted($1) : default_version($self->{tree});
+            $self->read_pool_file($file, $of_file);
+        }
+    }
+    return;
+}
+
+sub read_pool_file {
+    my ($self, $file, $version) = @_;
+    my $text = $self->{tree}->read_file($file);
+    if (!defined $text) {
+        $self->{problems}->add(severity => 'error', object => $file, text => "Cannot be read: $!");
+        return;
+    }
+    my $pool;
+    for my $line (split /\r?\n/, $text) {
+        if ($line =~ /\A\s*\[([^\]]+)\]/) {
+            $pool = { name => $1, file => $file, version => $version, settings => {}, admin => {} };
+            push @{ $self->{pools} }, $pool if $1 ne 'global';
+            next;
+        }
+        set_in_pool($pool, $1, $2) if $pool && $line =~ /\A\s*([\w.\[\]-]+)\s*=\s*(.*?)\s*(?:;.*)?\z/;
+    }
+    for my $one (grep { $_->{file} eq $file && defined $_->{listen} } @{ $self->{pools} }) {
+        $self->{by_listen}{ address($one->{listen}) } ||= $one;
+    }
+    return;
+}
+
+sub set_in_pool {
+    my ($pool, $key, $value) = @_;
+    $value =~ s/\A(["'])(.*)\1\z/$2/;
+    $value =~ s/\$pool\b/$pool->{name}/g;
+    if ($key =~ /\Aphp_(admin_)?(?:value|flag)\[(.+)\]\z/) {
+        $pool->{settings}{$2} = $value;
+        $pool->{admin}{$2} = 1 if $1;
+    }
+    $pool->{$key} = $value if $key =~ /\A(?:user|group|listen|chroot|prefix)\z/;
+    return;
+}
+
+# One way to write an address that servers and pools write in several.
+sub address {
+    my ($address) = @_;
+    $address =~ s/\Aunix://;
+    return "127.0.0.1:$address" if $address =~ /\A\d+\z/;
+    $address =~ s{\A/var/run/}{/run/};
+    $address =~ s/\A(?:localhost|\[::1\]|\*)?:/127.0.0.1:/;
+    $address =~ s/\A0\.0\.0\.0:/127.0.0.1:/;
+    return $address;
+}
+
+# What runs a site; undef where nothing does: { version, handler => 'fpm',
+# 'module', 'cgi' or 'fastcgi', pool, pool_user, pool_file, listen, settings }.
+sub of_site {
+    my ($self, $site) = @_;
+    my ($listen, $pool) = $self->pool_of(@{ $site->{php_addresses} });
+    my $own = { %{ $site->{php_settings} } };
+    if (defined $listen) {
+        $pool ||= { settings => {}, admin => {} };
+        my %user = $self->user_settings($site);
+        delete @user{ keys %{ $pool->{admin} } };
+        return { version => $pool->{version}, handler => $pool->{name} ? 'fpm' : 'fastcgi', pool => $pool->{name},
+            pool_user => $pool->{user}, pool_file => $pool->{file}, listen => $listen,
+            settings => { %{ $pool->{settings} }, %$own, %user } };
+    }
+    return { version => undef, handler => 'cgi', pool_user => $site->{php_user},
+        settings => { %$own, $self->user_settings($site) } } if defined $site->{php_wrapper};
+    return if !$site->{php_module};
+    my $version = $site->{php_module} =~ /\./ ? $site->{php_module} : default_version($self->{tree});
+    return { version => $version, handler => 'module', pool_user => $site->{php_user},
+        settings => { %$own, $self->folder_settings($site) } };
+}
+
+sub pool_of {
+    my ($self, @addresses) = @_;
+    for my $address (@addresses) {
+        my $pool = $self->{by_listen}{ address($address) };
+        return ($address, $pool) if $pool;
+    }
+    return $addresses[0];
+}
+
+sub user_settings {
+    my ($self, $site) = @_;
+    return $self->file_settings($site, '.user.ini', qr/\A\s*([\w.]+)\s*=\s*["']?(.*?)["']?\s*(?:;.*)?\z/);
+}
+
+sub folder_settings {
+    my ($self, $site) = @_;
+    return $self->file_settings($site, '.htaccess', qr/\A\s*php_(?:value|flag)\s+([\w.]+)\s+["']?(.*?)["']?\s*\z/i);
+}
+
+sub file_settings {
+    my ($self, $site, $name, $pattern) = @_;
+    return if !defined $site->{root};
+    return map { $_ =~ $pattern ? ($1 => $2) : () } $self->{tree}->read_lines("$site->{root}/$name", 1_000_000);
+}
+
+1;

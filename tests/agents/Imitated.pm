@@ -1,0 +1,44 @@
+# Lays out a system's files in a folder of its own that is gone after the test.
+package Imitated;
+
+use strict;
+use warnings;
+use Exporter 'import';
+use File::Basename qw(dirname);
+use File::Path qw(mkpath);
+use File::Temp qw(tempdir);
+use Agent::Problems;
+use Linux::Tree;
+
+our @EXPORT_OK = qw(imitated problem_texts);
+
+# A Linux::Tree of { path => text, "path/" => [uid, gid] or undef for a folder, path
+# => \target for a symbolic link }, and new problems.
+sub imitated {
+    my %files = @_;
+    my $root = tempdir(CLEANUP => 1);
+    for my $path (sort keys %files) {
+        my ($value, $place) = ($files{$path}, "$root/$path");
+        if ($path =~ m{/\z}) {
+            mkpath($place);
+            chown @$value, $place or die "$place: $!\n" if $value;
+            next;
+        }
+        mkpath(dirname($place));
+        if (ref $value) {
+            symlink $$value, $place or die "$place: $!\n";
+            next;
+        }
+        open my $file, '>', $place or die "$place: $!\n";
+        print $file $value;
+        close $file or die "$place: $!\n";
+    }
+    return (Linux::Tree->new(root => $root), Agent::Problems->new);
+}
+
+sub problem_texts {
+    my ($problems) = @_;
+    return [map {"$_->{severity} $_->{object}: $_->{text}"} $problems->all];
+}
+
+1;

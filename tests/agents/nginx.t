@@ -1,0 +1,201 @@
+# Sites of nginx on imitated systems.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Test::More;
+use Imitated qw(imitated problem_texts);
+use Linux::Nginx;
+
+my $DEBIAN = <<'END';
+user www-data;
+include /etc/nginx/modules-enabled/*.conf;
+events { worker_connections 768; }
+http {
+    log_format main '$remote_addr "$request" {x}' # a comment { with a brace
+                    '"$http_user_agent"';
+    types { text/html html htm; root x; }
+    access_log /var/log/nginx/access.log;
+    include conf.d/*.conf;
+    include /etc/nginx/sites-enabled/*;
+}
+END
+
+# The sites of a tree with Debian's main file and one file of servers.
+sub sites_of {
+    my ($servers, %more) = @_;
+    my ($tree, $problems) = imitated('etc/nginx/nginx.conf' => $DEBIAN,
+        'etc/nginx/sites-enabled/sites' => $servers, %more);
+    my %sites = map { $_->{name} => $_ } Linux::Nginx::sites($tree, $problems);
+    return (\%sites, problem_texts($problems));
+}
+
+{
+    my ($sites, $problems) = sites_of(<<'END', 'srv/a/sub/' => undef, 'srv/media/' => undef);
+server {
+    listen 80;
+    listen [::]:80;
+    server_name A.test www.a.test.;
+    return 301 https://a.test$request_uri;
+}
+server {
+    listen 443 ssl http2;
+    listen unix:/run/a.sock;
+    listen 127.0.0.1:8443 ssl;
+    server_name a.test;
+    root /srv/a/./;
+    ssl_certificate     ssl/a.pem;
+    ssl_certificate_key /etc/nginx/ssl/a.key;
+    error_log /var/log/nginx/a.error;
+    location /static/ { alias /srv/a/sub/; }
+    location /media { root /srv/media; auth_basic "Only { us }; ok"; auth_basic_user_file htpasswd; }
+    location ~ /\.ht { deny all; }
+    location ~ \.php$ { fastcgi_pass unix:/run/php/a.sock; fastcgi_param PHP_VALUE "memory_limit=64M
+upload_max_filesize = 8M"; }
+    location = /50x.html { root /usr/share/nginx/html; }
+    location /.well-known/acme-challenge/ { root /srv/acme; }
+    rewrite ^/old$ /new permanent;
+    if ($http_user_agent ~ bad) { return 302 /bad; }
+}
+END
+    is_deeply [keys %$sites], ['a.test'], 'blocks with the same name are one site';
+    my $site = $sites->{'a.test'};
+    is_deeply $site->{names}, ['a.test', 'www.a.test'], 'names are in lower case and without the last point';
+    is $site->{root}, '/srv/a', 'the document root is tidy';
+    is_deeply $site->{roots}, ['/srv/a', '/srv/media'],
+        'folders inside the root, of packages and for certificate challenges are no further roots';
+    is_deeply $site->{listen}, [
+        { address => '*', port => 443, tls => 1 }, { address => 'unix:/run/a.sock', port => undef, tls => 0 },
+        { address => '127.0.0.1', port => 8443, tls => 1 }, { address => '*', port => 80, tls => 0 },
+        { address => '[::]', port => 80, tls => 0 },
+    ], 'all addresses are listed';
+    is_deeply $site->{tls}, { certificate => '/etc/nginx/ssl/a.pem', key => '/etc/nginx/ssl/a.key' },
+        'certificate and key are found from the configuration folder';
+    is_deeply $site->{redirects}, [
+        { from => '^/old$', to => '/new', code => 301 }, { from => '/ if ($http_user_agent ~ bad)', to => '/bad', code => 302 },
+        { from => '/', to => 'https://a.test$request_uri', code => 301 },
+    ], 'redirects are listed' or diag explain $site->{redirects};
+    is_deeply $site->{access}, [
+        { path => '/media', rule => 'auth_basic Only { us }; ok' }, { path => '~ /\.ht', rule => 'deny all' },
+    ], 'access rules have their place';
+    is_deeply $site->{files}, [map {"/etc/nginx/$_"} 'htpasswd', 'ssl/a.pem', 'ssl/a.key'], 'files that belong to it';
+    is_deeply $site->{php_addresses}, ['unix:/run/php/a.sock'], 'PHP is where it is sent';
+    is_deeply $site->{php_settings}, { memory_limit => '64M', upload_max_filesize => '8M' }, 'with its values';
+    is_deeply $site->{logs}, ['/var/log/nginx/a.error'], 'logs of its own';
+    is_deeply $site->{config}, ['/etc/nginx/sites-enabled/sites'], 'and configuration';
+    is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
+}
+
+{
+    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(a b c d x y));
+server { server_name a.test b.test c.test; return 301 https://$host$request_uri; }
+server { server_name a.test; root /srv/a; }
+server { server_name b.test; root /srv/b; }
+server { server_name c.test; listen 8080; root /srv/c; }
+server { server_name c.test; listen 8081; root /srv/d; }
+server { server_name www.b.test old.test; return 301 http://b.test/; }
+server { server_name x.test; root /srv/x; }
+server { server_name x2.test x.test; listen 81; root /srv/y; }
+server { server_name away.test; return 301 https://elsewhere.test/; }
+server { listen 80 default_server; return 444; }
+END
+    is_deeply [sort keys %$sites], [qw(a.test away.test b.test c.test x.test x2.test)],
+        'one redirect for many sites does not make them one';
+    is_deeply $sites->{'b.test'}{names}, ['b.test', 'www.b.test', 'old.test'], 'names that lead to a site are its names';
+    is_deeply $sites->{'c.test'}{roots}, ['/srv/c', '/srv/d'], 'a site may have several roots';
+    is $sites->{'away.test'}{root}, undef, 'a site may be only a redirect';
+    is_deeply $problems, ['info /etc/nginx/sites-enabled/sites: Line 10: has neither a name nor content and is left out'],
+        'a server that refuses is mentioned' or diag explain $problems;
+}
+
+{
+    my ($sites, $problems) = sites_of(<<'END',
+map $host $folder { hostnames; default none; m.test mm; *.map.test wild; ~^r(.)\.test$ regex; }
+map $http_host $other { default /srv/other; }
+upstream php { server unix:/run/php-fpm/www.sock; server 127.0.0.1:9001 backup; }
+upstream app { server 127.0.0.1:3000; }
+server { server_name s.test; set $base /srv/sites; set $sub s; root ${base}/$sub/htdocs; location ~ \.php { fastcgi_pass php; } }
+server { server_name h1.test h2.test; root /srv/hosts/$host; }
+server { server_name m.test; root /srv/$folder; }
+server { server_name x.map.test; root /srv/$folder; }
+server { server_name r1.test; root /srv/$folder; }
+server { server_name n.test; root /srv/names/$server_name; }
+server { server_name p.test; location / { proxy_pass http://app/x; } }
+server { server_name *.mass.test mass.test; root /srv/mass/$host/www; }
+server { server_name ~^(?<who>.+)\.users\.test$; root /srv/users/$who; }
+server { server_name u.test; root /srv/$arg_x/y; }
+server { server_name o.test; root $other; }
+END
+        (map { ("srv/$_/" => undef) } qw(sites/s/htdocs hosts/h1.test hosts/h2.test mm wild regex names/n.test other
+            mass/mass.test/www mass/one.mass.test/www mass/two.mass.test/www mass/else.test/www mass/plain
+            users/ann users/bob)));
+    is $sites->{'s.test'}{root}, '/srv/sites/s/htdocs', 'variables that are set are followed';
+    is_deeply $sites->{'s.test'}{php_addresses}, ['unix:/run/php-fpm/www.sock', '127.0.0.1:9001'],
+        'groups of servers are looked up';
+    is_deeply $sites->{'h1.test'}{roots}, ['/srv/hosts/h1.test', '/srv/hosts/h2.test'], 'each name may have its folder';
+    is $sites->{'m.test'}{root}, '/srv/mm', 'a map gives a folder to a name';
+    is $sites->{'x.map.test'}{root}, '/srv/wild', 'or to an open name';
+    is $sites->{'r1.test'}{root}, '/srv/regex', 'or to an expression';
+    is $sites->{'o.test'}{root}, '/srv/other', 'or to all';
+    is $sites->{'n.test'}{root}, '/srv/names/n.test', 'the first name is a variable';
+    is_deeply $sites->{'p.test'}{proxies}, ['http://127.0.0.1:3000'], 'a site may be served by another server';
+    is $sites->{'p.test'}{root}, undef, 'and has no folder then';
+    is_deeply $sites->{'mass.test'}{roots}, ['/srv/mass/mass.test/www'], 'the plain name has its own folder';
+    is $sites->{'two.mass.test'}{root}, '/srv/mass/two.mass.test/www', 'a folder for a host makes a site';
+    ok !$sites->{'else.test'}, 'unless its name is of another server';
+    is_deeply $sites->{'~^(?<who>.+)\.users\.test$'}{roots}, ['/srv/users/ann', '/srv/users/bob'],
+        'folders that an expression selects are all taken';
+    is_deeply $sites->{'u.test'}{roots}, [], 'a folder that only a request decides is not taken';
+    is_deeply $problems, ['warning u.test: The folder /srv/$arg_x/y (/etc/nginx/sites-enabled/sites line 14)'
+        . ' depends on the request and was not found'], 'but a problem' or diag explain $problems;
+}
+
+{
+    my ($sites, $problems) = sites_of(<<'END', 'usr/share/nginx/html/' => undef, 'var/www/html/' => undef, 'srv/o/' => undef);
+server { listen 80 default_server; server_name _; root /var/www/html; }
+server { listen 443 ssl default_server; root /var/www/html; }
+server { listen 8080; }
+server { server_name .wild.test; root /srv/o; }
+server { server_name *.only.test; root /srv/o; }
+server { server_name "~^a{1,2}\.test$"; root /srv/missing; }
+END
+    is_deeply [sort keys %$sites], [sort 'default', 'default-8080', 'wild.test', '*.only.test', '~^a{1,2}\.test$'],
+        'sites without a plain name get one';
+    is $sites->{'default-8080'}{root}, '/usr/share/nginx/html', 'nginx serves its own folder where none is given';
+    is_deeply $sites->{'wild.test'}{names}, ['wild.test', '*.wild.test'], 'a point in front means the name and all below';
+    is_deeply $sites->{'~^a{1,2}\.test$'}{roots}, [], 'a missing root is not taken';
+    is_deeply $problems, ['warning ~^a{1,2}\.test$: Document root /srv/missing does not exist'], 'but named';
+}
+
+{
+    my ($sites, $problems) = sites_of("server { server_name ok.test; root /srv/ok; }\n", 'srv/ok/' => undef,
+        'srv/b/' => undef, 'srv/c/' => undef, 'srv/d/' => undef, 'srv/e/' => undef,
+        'etc/nginx/conf.d/b.conf' => "server {\n  root /srv/b\n  server_name b.test;\n}\n}\n",
+        'etc/nginx/conf.d/c.conf' => "server {\n  server_name c.test;\n  root /srv/c;\n\nserver {\n server_name d.test;\n"
+            . "  root /srv/d;\n}\n",
+        'etc/nginx/conf.d/e.conf' => qq(server { server_name e.test;\n root /srv/e;\n index "x;\n include gone.conf;\n}\n),
+        'etc/nginx/conf.d/f.conf' => \'/etc/nginx/nowhere.conf',
+        'etc/nginx/conf.d/l.conf' => "init_by_lua_block {\n -- }\n local s = '}' {\n }\n}\ninclude conf.d/l.conf;\n");
+    is_deeply [sort keys %$sites], [map {"$_.test"} qw(b c d e ok)], 'mistakes cost no site';
+    is_deeply [map { $sites->{"$_.test"}{root} } qw(b c d e)], [map {"/srv/$_"} qw(b c d e)], 'nor its root';
+    is_deeply $problems, [
+        'error /etc/nginx/conf.d/b.conf: Line 2: "root" is not ended by ";" before line 3',
+        'error /etc/nginx/conf.d/b.conf: Line 5: unexpected "}"',
+        'error /etc/nginx/conf.d/c.conf: Line 1: "server" opens a block that is not closed',
+        'error /etc/nginx/conf.d/e.conf: Line 3: the text after " is not ended',
+        'error /etc/nginx/gone.conf: Cannot be read: No such file or directory (included by /etc/nginx/conf.d/e.conf)',
+        'error /etc/nginx/conf.d/f.conf: Cannot be read: No such file or directory (included by /etc/nginx/nginx.conf)',
+        'warning /etc/nginx/conf.d/l.conf: Line 6: includes /etc/nginx/conf.d/l.conf, which includes itself',
+    ], 'and every one is named' or diag explain $problems;
+}
+
+{
+    my ($tree, $problems) = imitated('etc/passwd' => '');
+    is_deeply [Linux::Nginx::sites($tree, $problems)], [], 'a system without nginx has no sites';
+    is $problems->count, 0, 'and no problem';
+    ($tree, $problems) = imitated('etc/nginx/nginx.conf/' => undef);
+    is_deeply [Linux::Nginx::sites($tree, $problems)], [], 'a main file that cannot be read has none';
+    is $problems->count('error'), 1, 'and a problem';
+}
+
+done_testing;
