@@ -80,18 +80,14 @@ sub newer_modules {
 sub newer_functions {
     my ($document, $code) = @_;
     my %used = used_modules($document);
+    my $imports = join ' ', map { $_->content } pieces($document, 'Statement::Include');
     my @found = map { "function of $_" } grep {
-        $used{$_} && code_and_imports($document, $code) =~ $newer_functions{$_}
+        my ($module, $newer) = ($_, $newer_functions{$_});
+        $used{$module} && ($imports =~ $newer || $code =~ /\b${module}::$newer/)
     } sort keys %newer_functions;
     push @found, 'method of a file handle without IO::Handle'
         if $code =~ $handle_method && !grep { /^IO::|^FileHandle\z/ } keys %used;
     return @found;
-}
-
-# The code and the lists of imported names, which are quoted words.
-sub code_and_imports {
-    my ($document, $code) = @_;
-    return join ' ', $code, map { $_->content } pieces($document, 'Statement::Include');
 }
 
 sub newer_regexps {
@@ -144,13 +140,14 @@ my @newer = (
     'use strict; my @x = $r->@*;', 'my %h; my %s = %h{qw(a b)};', 'my @a; for my $i (keys @a) { }',
     'print <<~END;' . "\n  x\n  END\n", 'my $x = "a"; my $y = $x =~ s/a/b/r;', 'package Some { }',
     'sub f { ... }', 'use JSON::PP;', 'use HTTP::Tiny;', 'use DBI;', 'use File::Path qw(make_path);',
-    'use List::Util qw(any);', '$out->autoflush(1);', 'use v5.12;', 'use 5.014;', "use feature 'fc';",
+    'use List::Util qw(any);', 'use List::Util (); List::Util::all(1);', '$out->autoflush(1);', 'use v5.12;', 'use 5.014;', "use feature 'fc';",
     'sub f ($x, $y) { }', 'my $x = /\bx\b/a;', 'my $x = "\N{LATIN SMALL LETTER A}";', 'my %h; delete local $h{a};',
 );
 my @old_enough = (
     'use strict; use 5.010; use feature qw(say state); my $x = shift // 1; say $x;',
     'use IO::Handle; STDOUT->autoflush(1);', 'my $n = 7 %$x; my @k = keys %{ $x->{y} }; my @s = @{$x}{qw(a b)};',
     'sub f ($$) { } my $x = $h->{a}[1]; $x =~ s/(\w+)\n/$1/gmsx;', 'my ($x) = grep { defined } @$y; keys %$x;',
+    'use List::Util qw(first sum); my @all = $x->all;',
 );
 for my $text (@newer) {
     my @found = all_newer(PPI::Document->new(\$text));
