@@ -342,8 +342,12 @@ sub add_folders {
     (my $glob = $self->folder("$before\x01$after")) =~ s/([*?\[\\])/\\$1/g;
     $glob =~ s/\x01/*/;
     my $matches = join '([^/]+)', map { quotemeta } split /\x01/, $self->folder("$before\x01$after"), -1;
-    return map { /\A$matches\z/ && is_host_name($1) && $1 =~ /\./ ? $self->host_block(lc $1, $_) : () }
-        grep { !$taken{$_} && $self->{tree}->is_dir($_) } $self->{tree}->glob($glob);
+    my @hosts;
+    for my $folder (grep { !$taken{$_} && $self->{tree}->is_dir($_) } $self->{tree}->glob($glob)) {
+        my ($host) = $folder =~ /\A$matches\z/ or next;
+        push @hosts, $self->host_block(lc $host, $folder) if is_host_name($host) && $host =~ /\./;
+    }
+    return @hosts;
 }
 
 sub host_block {

@@ -265,7 +265,8 @@ sub directive {
     return { name => $name, args => [words($rest)], file => $file, line => $number, block => $is_section ? [] : undef };
 }
 
-# Closing what was not opened is a mistake; closing an outer section closes the inner.
+# Closing what was not opened is a mistake; closing an outer section closes the inner,
+# whose content then counts as the outer's.
 sub close_section {
     my ($self, $name, $blocks, $openings, $file, $number) = @_;
     if (!grep { $_->{name} eq $name } @$openings) {
@@ -276,6 +277,7 @@ sub close_section {
         pop @$blocks;
         return if $opening->{name} eq $name;
         $self->problem('error', $file, $opening->{line}, "the section <$opening->{name}> is not closed");
+        push @{ $blocks->[-1] }, splice @{ $opening->{block} };
     }
     return;
 }

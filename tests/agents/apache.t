@@ -1,0 +1,239 @@
+# Sites of Apache on imitated systems of both families.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Test::More;
+use Imitated qw(imitated problem_texts);
+use Linux::Apache;
+
+my %DEBIAN = (
+    'etc/apache2/envvars' => <<'END',
+if [ "${APACHE_CONFDIR##/etc/apache2-}" != "${APACHE_CONFDIR}" ] ; then
+	SUFFIX="-${APACHE_CONFDIR##/etc/apache2-}"
+else
+	SUFFIX=
+fi
+export APACHE_RUN_USER=www-data
+export APACHE_LOG_DIR=/var/log/apache2$SUFFIX
+END
+    'etc/apache2/apache2.conf' => <<'END',
+ErrorLog ${APACHE_LOG_DIR}/error.log
+IncludeOptional mods-enabled/*.load
+IncludeOptional mods-enabled/*.conf
+Include ports.conf
+<Directory />
+	Require all denied
+</Directory>
+<Directory /srv/a/private>
+	Require ip 10.0.0.0/8
+</Directory>
+IncludeOptional conf-enabled/*.conf
+IncludeOptional sites-enabled/*.conf
+IncludeOptional nowhere.conf
+END
+    'etc/apache2/ports.conf' => "Listen 80\n<IfModule ssl_module>\n\tListen 443\n</IfModule>\n",
+    'etc/apache2/mods-enabled/ssl.load' => "LoadModule ssl_module /usr/lib/apache2/modules/mod_ssl.so\n",
+    'etc/apache2/conf-enabled/more.conf' => "Alias /icons /usr/share/apache2/icons\n",
+);
+
+sub sites_of {
+    my ($hosts, %more) = @_;
+    my ($tree, $problems) = imitated(%DEBIAN, 'etc/apache2/sites-enabled/sites.conf' => $hosts, %more);
+    my %sites = map { $_->{name} => $_ } Linux::Apache::sites($tree, $problems);
+    return (\%sites, problem_texts($problems));
+}
+
+{
+    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(a/private media));
+<VirtualHost *:80>
+    ServerName A.test:80
+    Redirect permanent / https://a.test/
+</VirtualHost>
+<VirtualHost *:443 [::1]:8443>
+    ServerName a.test
+    ServerAlias www.a.test \
+                *.a.test
+    DocumentRoot "/srv/a/"
+    SSLEngine on
+    SSLCertificateFile /etc/ssl/a.pem
+    SSLCertificateKeyFile /etc/ssl/a.key
+    SSLCertificateChainFile ssl/chain.pem
+    CustomLog ${APACHE_LOG_DIR}/a.log combined
+    CustomLog "|/usr/bin/logger -t a" combined
+    Alias /media "/srv/media"
+    Alias /doc /usr/share/doc
+    ScriptAlias /cgi-bin/ /usr/lib/cgi-bin/
+    <Directory "/srv/a/in">
+        AuthType Basic
+        AuthName "Only us"
+        AuthUserFile /etc/apache2/a.htpasswd
+        Require valid-user
+    </Directory>
+    <IfModule mod_ssl.c>
+        Redirect 301 /old /new
+    </IfModule>
+    <IfModule !mod_ssl.c>
+        Redirect 301 /never /new
+    </IfModule>
+    <IfModule mod_absent.c>
+        Redirect 301 /absent /new
+    </IfModule>
+    <IfVersion < 2.4>
+        Redirect 301 /ancient /new
+    </IfVersion>
+    RewriteEngine On
+    RewriteCond %{HTTP_HOST} ^www\.
+    RewriteRule ^/(.*)$ https://a.test/$1 [L,R=301]
+    RewriteRule ^/inner$ /elsewhere [L]
+    <FilesMatch \.php$>
+        SetHandler "proxy:unix:/run/php/a.sock|fcgi://localhost"
+    </FilesMatch>
+    php_admin_value open_basedir "/srv/a:/tmp"
+    SuexecUserGroup ann ann
+</VirtualHost>
+END
+    is_deeply [keys %$sites], ['a.test'], 'hosts of the same name are one site';
+    my $site = $sites->{'a.test'};
+    is_deeply $site->{names}, ['a.test', 'www.a.test', '*.a.test'], 'with all its names, over continued lines';
+    is $site->{root}, '/srv/a', 'its document root';
+    is_deeply $site->{roots}, ['/srv/a', '/srv/media'], 'other folders, but not those of packages';
+    is_deeply $site->{listen}, [
+        { address => '*', port => 443, tls => 1 }, { address => '[::1]', port => 8443, tls => 1 },
+        { address => '*', port => 80, tls => 0 },
+    ], 'addresses';
+    is_deeply $site->{tls}, { certificate => '/etc/ssl/a.pem', key => '/etc/ssl/a.key', chain => '/etc/apache2/ssl/chain.pem' },
+        'certificate, key and chain';
+    is_deeply $site->{logs}, ['/var/log/apache2/a.log'], 'its log by the variables of the start script';
+    is_deeply [map {"$_->{code} $_->{from} $_->{to}"} @{ $site->{redirects} }],
+        ['301 /old /new', '301 ^/(.*)$ https://a.test/$1', '301 / https://a.test/'],
+        'its redirects under the conditions that hold';
+    is_deeply $site->{access}, [
+        { path => '/srv/a/in', rule => 'authtype Basic' }, { path => '/srv/a/in', rule => 'authname Only us' },
+        { path => '/srv/a/in', rule => 'require valid-user' },
+        { path => '/srv/a/private', rule => 'require ip 10.0.0.0/8' },
+    ], 'its access rules, also those outside of the host' or diag explain $site->{access};
+    is_deeply $site->{files}, [qw(/etc/apache2/a.htpasswd /etc/ssl/a.pem /etc/ssl/a.key /etc/apache2/ssl/chain.pem)],
+        'files that belong to it';
+    is_deeply $site->{php_addresses}, ['unix:/run/php/a.sock'], 'what runs its PHP';
+    is_deeply $site->{php_settings}, { open_basedir => '/srv/a:/tmp' }, 'with its values';
+    is $site->{php_user}, 'ann', 'and account';
+    is_deeply $site->{config}, ['/etc/apache2/sites-enabled/sites.conf'], 'and its configuration';
+    is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
+}
+
+{
+    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(m1 m2 d));
+Define BASE /srv
+<Macro Site $name $n>
+<VirtualHost *:80>
+    ServerName $name
+    DocumentRoot ${BASE}/$n
+</VirtualHost>
+</Macro>
+Use Site m1.test m1
+use site m2.test m2
+Use Missing x
+UnDefine BASE
+<IfDefine !NOT_DEFINED>
+<VirtualHost *:80>
+    ServerName d.test
+    DocumentRoot /srv/d
+    ProxyPass /app http://127.0.0.1:3000/
+    ProxyPass /static !
+    ProxyPassMatch ^/(.*\.php)$ fcgi://127.0.0.1:9000/srv/d/$1
+</VirtualHost>
+</IfDefine>
+<IfDefine NOT_DEFINED>
+<VirtualHost *:80>
+    ServerName never.test
+</VirtualHost>
+</IfDefine>
+END
+    is_deeply [sort keys %$sites], [qw(d.test m1.test m2.test)], 'macros and definitions are worked out';
+    is $sites->{'m2.test'}{root}, '/srv/m2', 'with their values';
+    is_deeply $sites->{'d.test'}{proxies}, ['http://127.0.0.1:3000/'], 'what is handed on';
+    is_deeply $sites->{'d.test'}{php_addresses}, ['127.0.0.1:9000'], 'or to PHP';
+    is_deeply $problems, ['error /etc/apache2/sites-enabled/sites.conf: Line 10: uses the macro Missing, which is not defined'],
+        'an unknown macro is a problem' or diag explain $problems;
+}
+
+{
+    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } 'one', 'v/a.test/www', 'v/b.test/www', 'v/plain/www', 't/a/a.test');
+<VirtualHost *:80>
+    ServerName one.test
+    VirtualDocumentRoot /srv/v/%0/www
+</VirtualHost>
+<VirtualHost *:81>
+    ServerName a.test
+    VirtualDocumentRoot /srv/t/%1.1/%-2+.%-1
+</VirtualHost>
+END
+    is_deeply [sort keys %$sites], [qw(a.test b.test one.test)], 'a folder for each host makes sites';
+    is_deeply $sites->{'a.test'}{roots}, ['/srv/v/a.test/www', '/srv/t/a/a.test'], 'parts of names lead to folders';
+    is_deeply [map {/depends/ ? 1 : $_} @$problems], [1], 'what requests decide is a problem' or diag explain $problems;
+}
+
+{
+    my ($sites, $problems) = sites_of("<VirtualHost *:80>\nServerName ok.test\nDocumentRoot /srv/ok\n</VirtualHost>\n",
+        'srv/ok/' => undef, 'srv/b/' => undef, 'srv/c/' => undef,
+        'etc/apache2/sites-enabled/b.conf' => "<VirtualHost *:80>\n<Directory /x>\nServerName b.test\nDocumentRoot /srv/b\n"
+            . "</VirtualHost>\n</Directory>\n)nonsense\n",
+        'etc/apache2/sites-enabled/c.conf' => "<VirtualHost *:80\nServerName c.test\nDocumentRoot /srv/c\n"
+            . "<VirtualHost *:80>\nServerName e.test\nDocumentRoot /srv/e\n</VirtualHost>\n<Odd>\n</Odd>\n",
+        'etc/apache2/sites-enabled/f.conf' => \'/nowhere', 'etc/apache2/sites-enabled/g.conf' => "Include gone.conf\n");
+    is_deeply [sort keys %$sites], [qw(b.test c.test e.test ok.test)], 'mistakes cost no site';
+    is_deeply $problems, [
+        'error /etc/apache2/sites-enabled/b.conf: Line 2: the section <directory> is not closed',
+        'error /etc/apache2/sites-enabled/b.conf: Line 6: </directory> closes nothing',
+        'error /etc/apache2/sites-enabled/b.conf: Line 7: cannot be understood: )nonsense',
+        'error /etc/apache2/sites-enabled/c.conf: Line 1: the section has no ">"',
+        'warning /etc/apache2/sites-enabled/c.conf: Line 8: the section <odd> is not known',
+        'error /etc/apache2/sites-enabled/c.conf: Line 1: the section <virtualhost> is not closed',
+        'error /etc/apache2/sites-enabled/f.conf: Cannot be read: No such file or directory (included by /etc/apache2/apache2.conf)',
+        'error /etc/apache2/gone.conf: Cannot be read: No such file or directory (included by /etc/apache2/sites-enabled/g.conf)',
+        'warning e.test: Document root /srv/e does not exist',
+    ], 'and every one is named' or diag explain $problems;
+}
+
+{
+    my ($tree, $problems) = imitated(
+        'etc/httpd/conf/httpd.conf' => <<'END',
+ServerRoot "/etc/httpd"
+Listen 80
+Include conf.modules.d/*.conf
+ServerName main.test
+DocumentRoot "/var/www/html"
+<IfModule alias_module>
+    ScriptAlias /cgi-bin/ "/var/www/cgi-bin/"
+</IfModule>
+IncludeOptional conf.d/*.conf
+END
+        'etc/httpd/modules' => \'../../usr/lib64/httpd/modules',
+        'etc/httpd/conf.modules.d/00-base.conf' => "LoadModule alias_module modules/mod_alias.so\n",
+        'etc/httpd/conf.modules.d/10-php.conf' => "<IfModule prefork.c>\nLoadModule php7_module modules/libphp7.so\n</IfModule>\n",
+        'etc/httpd/conf.d/ssl.conf' => "Listen 443 https\n<VirtualHost _default_:443>\nSSLEngine on\n"
+            . "SSLCertificateFile /etc/pki/tls/certs/localhost.crt\n</VirtualHost>\n",
+        'etc/httpd/conf.d/userdir.conf' => "<IfModule !absent.c>\nUserDir public_html\n</IfModule>\n",
+        'etc/httpd/conf.d/vhosts' => \'/srv/vhosts', 'etc/httpd/conf.d/all.conf' => "Include conf.d/vhosts/\n",
+        'srv/vhosts/deep/v.conf' => "<VirtualHost *:8080>\nServerName v.test\nDocumentRoot /srv/v\n</VirtualHost>\n",
+        'srv/v/' => undef, 'var/www/html/' => undef, 'var/www/cgi-bin/' => undef, 'home/ann/public_html/' => undef,
+    );
+    my %sites = map { $_->{name} => $_ } Linux::Apache::sites($tree, $problems);
+    is_deeply [sort keys %sites], [qw(default main.test v.test)], 'the main server serves the ports that are left';
+    is $sites{'main.test'}{root}, '/var/www/html', 'from its own folder';
+    is $sites{default}{root}, '/var/www/html', 'which hosts without one take over';
+    is $sites{'v.test'}{root}, '/srv/v', 'folders are included with all below';
+    is $sites{'v.test'}{php_module}, 1, 'PHP may be a module';
+    is_deeply problem_texts($problems), ['warning /etc/httpd/conf/httpd.conf: Folders of users served as /~user'
+        . ' are no sites and are left out: /home/ann/public_html'], 'folders of users are mentioned'
+        or diag explain problem_texts($problems);
+}
+
+{
+    my ($tree, $problems) = imitated('etc/passwd' => '');
+    is_deeply [Linux::Apache::sites($tree, $problems)], [], 'a system without Apache has no sites';
+    is $problems->count, 0, 'and no problem';
+}
+
+done_testing;
