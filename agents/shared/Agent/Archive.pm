@@ -106,6 +106,7 @@ sub complete {
         my $status = finish(delete $self->{gzip});
         die "gzip has failed with status $status\n" if $status;
     }
+    $self->{file}->settle;
     $self->{file}->keep;
     return {
         name => $self->{name}, size => $self->{size}, unpacked => $self->{unpacked},

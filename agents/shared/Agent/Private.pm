@@ -92,6 +92,7 @@ sub replace {
     my ($self, $name, $bytes) = @_;
     my $file = $self->create($name);
     $file->write($bytes);
+    $file->settle;
     $file->keep;
     return;
 }
@@ -185,11 +186,16 @@ sub write {
 # Where other programs find the bytes before the file is kept.
 sub temporary_path { return "$_[0]{path}.new" }
 
+# Has the bytes on the disk, for what must hold after a power cut too.
+sub settle {
+    my ($self) = @_;
+    $self->{handle}->sync or die "Cannot write $self->{path}: $!\n";
+    return;
+}
+
 sub keep {
     my ($self) = @_;
     my $path = $self->{path};
-    # What the state of the agent says about a file must hold after a power cut too.
-    $self->{handle}->sync or die "Cannot write $path: $!\n";
     close $self->{handle} or die "Cannot write $path: $!\n";
     rename "$path.new", $path or die "Cannot rename $path.new: $!\n";
     delete $self->{handle};

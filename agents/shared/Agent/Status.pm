@@ -12,6 +12,10 @@ use Time::HiRes ();
 
 our $FILE = 'dumping-status.xml';
 
+# Set by the handler of a signal to the text to end with. Whoever waits comes by
+# here, so that an eval in between does not lose it.
+our $ended;
+
 my $TICK_SECONDS = 0.5;
 
 sub new {
@@ -43,8 +47,8 @@ sub tick {
 
 sub write_or_wait {
     my ($self) = @_;
-    local $@;
     eval { $self->write };
+    die $ended if defined $ended;
     return;
 }
 
@@ -53,10 +57,12 @@ sub write {
     my ($self) = @_;
     $self->{written} = Time::HiRes::time();
     my @attributes = map { $_ => $self->{$_} } qw(stage object done total bytes);
-    $self->{private}->replace($FILE, document(element('dumping-status', [
+    my $file = $self->{private}->create($FILE);
+    $file->write(document(element('dumping-status', [
         version => 1, @attributes, problems => $self->{problems}->count, pid => $$,
         started => $self->{started}, updated => now(),
     ])));
+    $file->keep;
     return;
 }
 

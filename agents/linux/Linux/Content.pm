@@ -1,0 +1,311 @@
+# The content of a dump: which archives there are for what was selected, and how
+# each is made. An archive whose sources are as they were is taken over from the
+# dump before; one that cannot be made is a problem and the others are made.
+package Linux::Content;
+
+use strict;
+use warnings;
+use Agent::Archive;
+use Agent::Private;
+use Agent::Tar;
+use Linux::Site qw(below);
+
+our $FOLDER = 'content';
+
+my $MOST_NOTES   = 100;
+my $MOST_LINKS   = 40;
+my $NOT_REUSABLE = '-';
+
+# Folders that belong to the system whatever a site's configuration says.
+my %OF_SYSTEM = map { $_ => 1 } qw(/ /bin /boot /dev /etc /home /lib /lib64 /proc /root /run /sbin /sys /tmp /usr
+    /usr/share /usr/lib /var /var/lib /var/log /var/mail /var/spool /var/tmp);
+
+# What a new host may want to look up: servers' settings and the accounts.
+my @SETTINGS = qw(/etc/nginx /etc/apache2 /etc/httpd /etc/php /etc/php.ini /etc/php.d /etc/php-fpm.conf
+    /etc/php-fpm.d /etc/opt/remi /etc/mysql /etc/my.cnf /etc/my.cnf.d /etc/postgresql /etc/postfix /etc/dovecot
+    /etc/exim4 /etc/exim /etc/aliases /etc/mailname /etc/crontab /etc/cron.d /etc/logrotate.d /etc/hosts
+    /etc/hostname /etc/passwd /etc/group /etc/os-release /etc/sondrel);
+
+# tree, problems, private, kept, status, inventory, options.
+sub new {
+    my ($class, %options) = @_;
+    return bless {%options, used => {}, packed => {}, made => {}, bytes => 0 }, $class;
+}
+
+# What is to be made for a Linux::Selection: [{ kind, name, label, object, ... }].
+# `server` is the object that stands for the host itself.
+sub plan {
+    my ($self, $selection, $server) = @_;
+    my @plan;
+    push @plan, $self->settings_of($server) if $self->{options}{server};
+    for my $part ($selection->clients) {
+        push @plan, $self->client($part->{client}) if $part->{whole};
+        push @plan, $self->objects(%$part);
+    }
+    push @plan, $self->objects($selection->unassigned);
+    my $only = $self->{options}{only};
+    return @plan if !defined $only;
+    return grep { $_->{kind} eq 'settings' || ($_->{kind} eq 'mailbox') == ($only eq 'mail') } @plan;
+}
+
+sub objects {
+    my ($self, %part) = @_;
+    my @plan;
+    for my $domain (@{ $part{domains} }) {
+        push @plan, $self->site($domain) if $domain->{site};
+        push @plan, $self->objects(databases => $domain->{databases}, mailboxes => $domain->{mailboxes});
+    }
+    push @plan, map { $self->database($_) } @{ $part{databases} || [] };
+    push @plan, map { $self->mailbox($_) } @{ $part{mailboxes} || [] };
+    return @plan;
+}
+
+# A name below the content folder that no other archive of this dump has.
+sub name_for {
+    my ($self, $folder, $text, $ending) = @_;
+    my $base = "$FOLDER/$folder/" . Agent::Private::safe_name($text);
+    my $name = $base;
+    my $number = 2;
+    # Nothing else makes this sign before a digit and a dash.
+    $name = $base . '=-' . $number++ while $self->{used}{"$name$ending"}++;
+    return $name . $ending . ($self->{options}{compress} ? '.gz' : '');
+}
+
+sub item {
+    my ($self, $kind, $label, $object, $name, %more) = @_;
+    return { kind => $kind, label => $label, object => $object, name => $name, %more };
+}
+
+sub settings_of {
+    my ($self, $server) = @_;
+    my $name = $self->name_for('server', 'settings', '.tar');
+    return $self->item('settings', 'server', $server, $name, paths => [grep { $self->{tree}->exists($_) } @SETTINGS]);
+}
+
+sub client {
+    my ($self, $client) = @_;
+    my $cron = $client->{cron} || { files => [] };
+    my @paths = grep {defined} $cron->{crontab}, @{ $cron->{files} }, map { $_->{php} ? $_->{php}{pool_file} : undef }
+        @{ $client->{sites} };
+    my $home = $self->home_of($client);
+    push @paths, $home if defined $home;
+    return if !@paths;
+    return $self->item('client', $client->{name}, $client, $self->name_for('clients', $client->{name}, '.tar'),
+        paths => \@paths, left_out => ['sites', 'mailboxes']);
+}
+
+# The home of a person's account, which may hold what its sites need besides their
+# document roots.
+sub home_of {
+    my ($self, $client) = @_;
+    return if $client->{system} || !defined $client->{home};
+    my $real = $self->{tree}->real($client->{home});
+    return if !defined $real || $OF_SYSTEM{$real} || !$self->{tree}->is_dir($real);
+    my @stat = $self->{tree}->stat($real);
+    return $stat[4] == $client->{uid} ? $client->{home} : undef;
+}
+
+sub site {
+    my ($self, $domain) = @_;
+    my $site = $domain->{site};
+    my (@paths, @with);
+    for my $root (@{ $site->{roots} }) {
+        my $real = $self->{tree}->real($root);
+        $real = $root if !defined $real;
+        if ($OF_SYSTEM{$real}) {
+            $self->problem('error', $domain->{name}, "The document root $root is a folder of the system; not packed");
+            next;
+        }
+        my $other = $self->{packed}{$real} ||= $domain;
+        if ($other == $domain) { push @paths, $root }
+        else                   { push @with, $other }
+    }
+    push @paths, @{ $site->{config} }, @{ $site->{files} || [] }, values %{ $site->{tls} || {} };
+    push @paths, $site->{php}{pool_file} if $site->{php};
+    return $self->item('site', $domain->{name}, $domain, $self->name_for('sites', $domain->{name}, '.tar'),
+        paths => [grep { defined && m{\A/} } @paths], with => \@with,
+        left_out => ['mailboxes']);
+}
+
+sub database {
+    my ($self, $database) = @_;
+    my $folder = defined $database->{server} ? 'databases/' . Agent::Private::safe_name($database->{server}) : 'databases';
+    return $self->item('database', "$database->{kind} $database->{name}", $database,
+        $self->name_for($folder, "$database->{kind}-$database->{name}", '.sql'), database => $database);
+}
+
+sub mailbox {
+    my ($self, $mailbox) = @_;
+    return $self->item('mailbox', $mailbox->{address}, $mailbox,
+        $self->name_for('mailboxes', $mailbox->{address}, '.tar'), paths => [$mailbox->{path}]);
+}
+
+sub problem {
+    my ($self, $severity, $object, $text) = @_;
+    $self->{problems}->add(severity => $severity, object => $object, text => $text);
+    return;
+}
+
+# Makes all that is planned, and removes all other content.
+sub make {
+    my ($self, @plan) = @_;
+    my ($status, $kept) = @$self{qw(status kept)};
+    # What is not asked for any more makes room first.
+    $kept->retain($FOLDER, map { $_->{name} } @plan);
+    $status->set(done => 0, total => scalar @plan);
+    for my $item (@plan) {
+        $status->set(object => $item->{label});
+        $self->make_one($item);
+        $self->{bytes} = $self->bytes;
+        delete $self->{archive};
+        $status->set(done => $status->{done} + 1, bytes => $self->{bytes});
+    }
+    $kept->retain($FOLDER, keys %{ $self->{made} });
+    return;
+}
+
+# Bytes read so far.
+sub bytes {
+    my ($self) = @_;
+    return $self->{bytes} + ($self->{archive} ? $self->{archive}{unpacked} : 0);
+}
+
+sub make_one {
+    my ($self, $item) = @_;
+    my $notes = { count => 0, packing => 0 };
+    $self->try($item, sub {
+        my $made = $item->{database} ? $self->dump_database($item) : $self->pack_item($item, $notes);
+        $self->has_content($item, $item->{kind}, $made);
+    });
+    $self->try($item, sub {
+        my $list = $self->{kept}->add($notes->{archive}->complete, $NOT_REUSABLE);
+        $self->has_content($item, 'problems', $list);
+    }) if $notes->{archive};
+    for my $other (@{ $item->{with} || [] }) {
+        my ($shared) = grep { $_->{kind} eq 'site' } @{ $other->{content} || [] };
+        if ($shared) { push @{ $item->{object}{content} }, $shared }
+        else         { $self->problem('error', $item->{label}, "Its files were to be packed with $other->{name}") }
+    }
+    return;
+}
+
+# A failure is a problem of the item, unless the agent is told to end.
+sub try {
+    my ($self, $item, $step) = @_;
+    return if eval { $step->(); 1 };
+    my $error = $@;
+    die $error if $error =~ /\AEnded by /;
+    chomp $error;
+    return $self->problem('error', $item->{label}, ucfirst "$item->{kind} is not whole in the dump: $error");
+}
+
+sub has_content {
+    my ($self, $item, $kind, $archive) = @_;
+    push @{ $item->{object}{content} }, { %$archive, kind => $kind };
+    $self->{made}{ $archive->{name} } = 1;
+    return;
+}
+
+sub new_archive {
+    my ($self, $name, $bytes) = @_;
+    return Agent::Archive->new(private => $self->{private}, name => $name, compress => $self->{options}{compress},
+        bytes => $bytes);
+}
+
+sub dump_database {
+    my ($self, $item) = @_;
+    $self->{private}->remove($item->{name});
+    my $archive = $self->{archive} = $self->new_archive($item->{name}, $item->{database}{bytes});
+    my $error = $self->{inventory}->database_servers->dump($item->{database}, sub { $archive->put($_[0]); 1 });
+    die "$error\n" if defined $error;
+    # Nothing says cheaply whether a database has changed.
+    return $self->{kept}->add($archive->complete, $NOT_REUSABLE);
+}
+
+sub pack_item {
+    my ($self, $item, $notes) = @_;
+    my ($tree, $kept) = @$self{qw(tree kept)};
+    my @paths = grep { $self->is_there($_, $item->{label}) } @{ $item->{paths} };
+    my %seen;
+    @paths = grep { !$seen{$_}++ } map { trail($tree, $_) } @paths;
+    my @folders = grep { $tree->is_dir($_) } @paths;
+    my @inside = grep { my $path = $_; grep { below($path, $_) } @folders }
+        map { $self->folders_of($_) } @{ $item->{left_out} || [] };
+    my $tar = Agent::Tar->new(
+        private => $self->{private}, top => $tree->root, paths => \@paths,
+        exclude => [$self->{private}->dir, map { $tree->path($_) } @inside],
+        note => sub { $self->note($item, $notes, @_) },
+    );
+    my $found = $tar->scan;
+    my $old = $kept->find($item->{name});
+    return $old if $old && $old->{fingerprint} eq $found->{fingerprint};
+    $self->{private}->remove($item->{name});
+    my $archive = $self->{archive} = $self->new_archive($item->{name}, $found->{bytes});
+    $notes->{packing} = 0;
+    $tar->pack($archive);
+    # What was said while it was packed must be said again with the next dump.
+    return $kept->add($archive->complete, $notes->{packing} ? $NOT_REUSABLE : $found->{fingerprint});
+}
+
+# The real folders of all sites or mailboxes.
+sub folders_of {
+    my ($self, $kind) = @_;
+    my $folders = $self->{folders}{$kind} ||= [
+        grep {defined} map { $self->{tree}->real($_) }
+            map { $kind eq 'sites' ? @{ $_->{roots} } : $_->{path} } $self->{inventory}->$kind
+    ];
+    return @$folders;
+}
+
+sub is_there {
+    my ($self, $path, $label) = @_;
+    return 1 if $self->{tree}->lstat($path);
+    $self->problem('error', $label, "$path is not packed: $!");
+    return 0;
+}
+
+# The links that a path leads through, each as a path without links, and the path's
+# own end.
+sub trail {
+    my ($tree, $path) = @_;
+    my @todo = grep { $_ ne '' && $_ ne '.' } split m{/+}, $path;
+    my ($at, @links) = ('');
+    while (@todo) {
+        my $part = shift @todo;
+        if ($part eq '..') {
+            $at =~ s{/[^/]*\z}{};
+            next;
+        }
+        $at .= "/$part";
+        next if !$tree->is_link($at);
+        push @links, $at;
+        return @links if @links > $MOST_LINKS;
+        my $target = $tree->link_target($at);
+        $target = '' if !defined $target;
+        $at =~ s{/[^/]*\z}{};
+        $at = '' if $target =~ m{\A/};
+        unshift @todo, grep { $_ ne '' && $_ ne '.' } split m{/+}, $target;
+    }
+    return (@links, grep { $tree->lstat($_) } $at);
+}
+
+# Tells what was found about an object's files: the first of them as problems of
+# the dump, all the others in a list of its own.
+sub note {
+    my ($self, $item, $notes, $severity, $path, $text) = @_;
+    $notes->{packing}++;
+    if (++$notes->{count} <= $MOST_NOTES) {
+        return $self->problem($severity, $item->{label}, length $path ? "$path $text" : $text);
+    }
+    if (!$notes->{archive}) {
+        (my $name = $item->{name}) =~ s{\A\Q$FOLDER\E/}{};
+        $name =~ s{/}{-}g;
+        my $gz = $name =~ s/\.gz\z// ? '.gz' : '';
+        $notes->{archive} = $self->new_archive("$FOLDER/problems/$name.txt$gz", 0);
+        $self->problem('warning', $item->{label}, "More of its problems are listed in $FOLDER/problems/$name.txt$gz");
+    }
+    $notes->{archive}->put("$severity: $path $text\n");
+    return;
+}
+
+1;

@@ -1,0 +1,76 @@
+# The jobs that cron runs for each account: its own table and the entries of the
+# system's tables that run as that account.
+package Linux::Cron;
+
+use strict;
+use warnings;
+
+# Debian's and the Red Hat family's folder of the users' own tables.
+my @SPOOLS = qw(/var/spool/cron/crontabs /var/spool/cron);
+my $SYSTEM_TABLE  = '/etc/crontab';
+my $SYSTEM_FOLDER = '/etc/cron.d';
+
+# { user => { crontab => path or undef, files => [system tables with jobs of the
+# user], jobs => [{ when, command, file }] } }
+sub all {
+    my ($tree, $problems) = @_;
+    my %cron;
+    for my $spool (@SPOOLS) {
+        for my $user (names_in($tree, $problems, $spool)) {
+            next if !$tree->is_file("$spool/$user");
+            my $own = $cron{$user} ||= new_user();
+            $own->{crontab} = "$spool/$user";
+            push @{ $own->{jobs} }, map { job($_, "$spool/$user", 0) } lines_of($tree, $problems, "$spool/$user");
+        }
+    }
+    for my $table (system_tables($tree, $problems)) {
+        add_system_job(\%cron, job($_, $table, 1)) for lines_of($tree, $problems, $table);
+    }
+    return \%cron;
+}
+
+sub new_user { return { crontab => undef, files => [], jobs => [] } }
+
+sub add_system_job {
+    my ($cron, $job) = @_;
+    return if !$job;
+    my $own = $cron->{ delete $job->{user} } ||= new_user();
+    push @{ $own->{jobs} }, $job;
+    push @{ $own->{files} }, $job->{file} if !grep { $_ eq $job->{file} } @{ $own->{files} };
+    return;
+}
+
+sub system_tables {
+    my ($tree, $problems) = @_;
+    # cron itself reads no other names there.
+    my @names = grep {/\A[A-Za-z0-9_-]+\z/} names_in($tree, $problems, $SYSTEM_FOLDER);
+    return grep { $tree->is_file($_) } $SYSTEM_TABLE, map {"$SYSTEM_FOLDER/$_"} @names;
+}
+
+sub names_in {
+    my ($tree, $problems, $folder) = @_;
+    return if !$tree->is_dir($folder);
+    my @names = $tree->list($folder);
+    $problems->add(severity => 'error', object => $folder, text => "Cannot be read: $!") if !@names && $!;
+    return @names;
+}
+
+sub lines_of {
+    my ($tree, $problems, $path) = @_;
+    my $text = $tree->read_file($path);
+    $problems->add(severity => 'error', object => $path, text => "Cannot be read: $!") if !defined $text;
+    return defined $text ? split(/\n/, $text) : ();
+}
+
+# A line of a table as a job; nothing for settings and comments.
+sub job {
+    my ($line, $file, $names_user) = @_;
+    $line =~ s/\A\s+//;
+    return if $line eq '' || $line =~ /\A#/ || $line =~ /\A["']?\w+["']?\s*=/;
+    my ($when, $rest) = $line =~ /\A(@\w+|\S+\s+\S+\s+\S+\s+\S+\s+\S+)\s+(.*)\z/ or return;
+    my $user;
+    ($user, $rest) = $rest =~ /\A(\S+)\s+(.*)\z/ or return if $names_user;
+    return { when => $when, command => $rest, file => $file, $names_user ? (user => $user) : () };
+}
+
+1;

@@ -1,0 +1,204 @@
+# The document dump.xml: what was selected with its properties, the content that
+# there is for it, and all problems.
+package Linux::DumpDocument;
+
+use strict;
+use warnings;
+use Agent::Xml qw(element text document);
+use Linux::Apache;
+use Linux::Nginx;
+use Linux::Php;
+use Linux::Tls;
+use POSIX ();
+
+my $VERSION = 1;
+
+# Lists of a site and the element for each of their entries: its text, or the
+# attributes it has.
+my @OF_SITE = (
+    [listen => 'listen', qw(address port tls)],
+    [redirects => 'redirect', qw(from to code)],
+    [access => 'access', qw(path rule)],
+    [roots => 'root'], [config => 'config'], [files => 'needs'], [logs => 'log'], [proxies => 'proxy'],
+    [shares_root_with => 'shares-root-with'],
+);
+
+# tree, options, selection, inventory, problems, server => { facts, content }.
+sub text_of {
+    my (%given) = @_;
+    my $self = bless { %given, certificates => {} }, __PACKAGE__;
+    my ($options, $selection) = @given{qw(options selection)};
+    my %unassigned = $selection->unassigned;
+    my @unassigned = $self->objects(%unassigned);
+    my @children = (
+        ($options->{server} ? $self->server : ()),
+        ($options->{admin_info} ? $self->admin_info : ()),
+        $self->clients($selection->clients),
+        (@unassigned ? element('unassigned', [], @unassigned) : ()),
+    );
+    # What only the description finds out is a problem too.
+    push @children, element('problems', [], $given{problems}->elements);
+    return document(element('dump', [
+        version => $VERSION, agent => 'linux', host => $given{server}{facts}{hostname},
+        created => time_text(time), scope => $options->{all} ? 'all' : 'selected', only => $options->{only},
+        content => $options->{content} ? 'yes' : 'no',
+    ], @children));
+}
+
+sub time_text { return POSIX::strftime('%Y-%m-%dT%H:%M:%SZ', gmtime $_[0]) }
+
+sub has_hosting { return ($_[0]{options}{only} || '') ne 'mail' }
+
+sub has_mail { return ($_[0]{options}{only} || '') ne 'hosting' }
+
+# One element for each value, or for each hash with these attributes.
+sub each_as {
+    my ($name, $attributes, @values) = @_;
+    return map { element($name, [], text($_)) } @values if !@$attributes;
+    return map { my $value = $_; element($name, [map { $_ => $value->{$_} } @$attributes]) } @values;
+}
+
+sub contents {
+    my ($object) = @_;
+    return map {
+        element('content', [kind => $_->{kind}, file => $_->{name}, size => $_->{size}, md5sum => $_->{md5},
+            unpacked => $_->{unpacked}])
+    } @{ $object->{content} || [] };
+}
+
+# A reseller's clients are in its element.
+sub clients {
+    my ($self, @parts) = @_;
+    my (%of, @elements);
+    for my $part (@parts) {
+        my $reseller = $part->{client}{reseller};
+        if (defined $reseller) { push @{ $of{$reseller} }, $self->client($part) }
+        else                   { push @elements, $self->client($part) }
+    }
+    return ((map { element('reseller', [name => $_], @{ $of{$_} }) } sort keys %of), @elements);
+}
+
+sub client {
+    my ($self, $part) = @_;
+    my $client = $part->{client};
+    my $cron = $client->{cron} && $part->{whole} && $self->has_hosting ? $client->{cron} : { jobs => [] };
+    return element('client', [
+        (map { $_ => $client->{$_} } qw(name uid gid group home shell)),
+        system => $client->{system} ? 'yes' : 'no', whole => $part->{whole} ? 'yes' : 'no',
+    ],
+        ($part->{whole} ? contents($client) : ()),
+        (map { element('cron', [when => $_->{when}, file => $_->{file}], text($_->{command})) } @{ $cron->{jobs} }),
+        $self->objects(%$part));
+}
+
+sub objects {
+    my ($self, %part) = @_;
+    return (
+        (map { $self->domain($_) } @{ $part{domains} || [] }),
+        ($self->has_hosting ? map { database($_) } @{ $part{databases} || [] } : ()),
+        ($self->has_mail ? map { mailbox($_) } @{ $part{mailboxes} || [] } : ()),
+    );
+}
+
+sub domain {
+    my ($self, $domain) = @_;
+    my @hosting = $domain->{site} && $self->has_hosting ? $self->site($domain->{site}) : ();
+    return element('domain', [name => $domain->{name}],
+        each_as('name', [], @{ $domain->{names} }), @hosting, contents($domain),
+        $self->objects(databases => $domain->{databases}, mailboxes => $domain->{mailboxes}));
+}
+
+sub site {
+    my ($self, $site) = @_;
+    my @properties = map {
+        my ($list, $name, @attributes) = @$_;
+        each_as($name, \@attributes, @{ $site->{$list} || [] });
+    } @OF_SITE;
+    return element('site', [
+        server => join(' ', @{ $site->{servers} || [$site->{server}] }), root => $site->{root},
+        owner => $site->{owner}, group => $site->{group}, because => $site->{owner_because},
+    ], php($site->{php}), $self->tls($site), @properties);
+}
+
+sub php {
+    my ($php) = @_;
+    return if !$php;
+    my $settings = $php->{settings} || {};
+    return element('php', [
+        version => $php->{version}, handler => $php->{handler}, pool => $php->{pool}, user => $php->{pool_user},
+        file => $php->{pool_file},
+    ], map { element('setting', [name => $_], text($settings->{$_})) } sort keys %$settings);
+}
+
+sub tls {
+    my ($self, $site) = @_;
+    my $tls = $site->{tls} or return;
+    my $facts = defined $tls->{certificate} ? $self->certificate($site->{name}, $tls->{certificate}) : {};
+    return element('tls', [
+        certificate => $tls->{certificate}, key => $tls->{key}, chain => $tls->{chain},
+        subject => $facts->{subject}, issuer => $facts->{issuer},
+        map { $_ => defined $facts->{$_} ? time_text($facts->{$_}) : undef } qw(from until)
+    ], each_as('name', [], @{ $facts->{names} || [] }));
+}
+
+# Many sites may have the same one.
+sub certificate {
+    my ($self, $site, $path) = @_;
+    return $self->{certificates}{$path} if $self->{certificates}{$path};
+    my ($facts, $why) = Linux::Tls::facts($self->{tree}, $path);
+    $self->{problems}->add(severity => 'warning', object => $site, text => "The certificate $path: $why") if !$facts;
+    return $self->{certificates}{$path} = $facts || {};
+}
+
+sub assigned {
+    my ($object, $reason) = @_;
+    return (sure => $object->{sure}, because => $reason);
+}
+
+sub database {
+    my ($database) = @_;
+    my @users = map { ref $_ ? $_ : { name => $_ } } @{ $database->{users} || [] };
+    return element('database', [
+        kind => $database->{kind}, server => $database->{server}, name => $database->{name},
+        bytes => $database->{bytes}, assigned($database, $database->{because}),
+    ], each_as('user', [qw(name host)], @users), contents($database));
+}
+
+sub mailbox {
+    my ($mailbox) = @_;
+    return element('mailbox', [
+        (map { $_ => $mailbox->{$_} } qw(address path format owner)), found => $mailbox->{because},
+        assigned($mailbox, $mailbox->{reason}),
+    ], contents($mailbox));
+}
+
+sub server {
+    my ($self) = @_;
+    my $facts = $self->{server}{facts};
+    my $distribution = $facts->{distribution} || {};
+    my $memory = $facts->{memory} || {};
+    my @web = map { my ($name, $version) = @$_; defined $version ? element('web-server', [name => $name,
+        version => $version]) : () } ['nginx', Linux::Nginx::version()], ['apache', Linux::Apache::version()];
+    my @databases = map {
+        element('database-server', [kind => $_->{kind}, product => $_->{product}, version => $_->{version},
+            address => $_->{address}, running => $_->{running} ? 'yes' : 'no'])
+    } $self->{inventory}->servers;
+    return element('server', [
+        hostname => $facts->{hostname}, kernel => $facts->{kernel}, architecture => $facts->{architecture},
+        distribution => $distribution->{id}, release => $distribution->{version}, family => $distribution->{family},
+        memory => $memory->{total},
+    ],
+        @web, (map { element('php', [version => $_]) } Linux::Php::versions($self->{tree})), @databases,
+        each_as('file-system', [qw(mount type bytes free)], @{ $facts->{filesystems} || [] }),
+        contents($self->{server}));
+}
+
+# Whom the host's own mail goes to.
+sub admin_info {
+    my ($self) = @_;
+    my ($alias) = map { /\A\s*"?root"?\s*:\s*(.*?)\s*\z/ ? $1 : () } $self->{tree}->read_lines('/etc/aliases');
+    my $root = $self->{inventory}->users->by_uid(0);
+    return element('admin-info', [account => $root ? $root->{name} : undef, mail => $alias]);
+}
+
+1;

@@ -1,0 +1,156 @@
+# All that there is on the host, and what belongs to whom: sites, databases,
+# mailboxes and cron jobs, by the accounts that own sites.
+package Linux::Inventory;
+
+use strict;
+use warnings;
+use Linux::Cron;
+use Linux::Databases;
+use Linux::Mail;
+use Linux::Resellers;
+use Linux::Sites;
+use Linux::Users;
+
+# tree => Linux::Tree, problems => Agent::Problems, limit => seconds for a question
+# to a database server, tick => sub {} called between the steps.
+sub new {
+    my ($class, %options) = @_;
+    my ($tree, $problems) = @options{qw(tree problems)};
+    my $tick = $options{tick} || sub { };
+    my $self = bless { tree => $tree, problems => $problems }, $class;
+    $self->{users} = Linux::Users->new($tree);
+    $self->{sites} = [Linux::Sites::all($tree, $problems)];
+    $tick->();
+    $self->{cron} = Linux::Cron::all($tree, $problems);
+    $self->{clients} = [$self->owners_of_sites];
+    $tick->();
+    $self->{mailboxes} = [Linux::Mail::all($tree, $problems, $self->{users})];
+    Linux::Mail::assign($self->{mailboxes}, $self->{clients}, $self->{sites});
+    $tick->();
+    $self->{database_servers} = Linux::Databases->new(tree => $tree, problems => $problems,
+        defined $options{limit} ? (limit => $options{limit}) : ());
+    $self->{databases} = [@{ as_list($self->{database_servers}->all) }];
+    $tick->();
+    $self->{database_servers}->assign($self->{clients}, $self->{sites});
+    $self->share_out;
+    $self->name_those_left_over;
+    return $self;
+}
+
+sub as_list { return @_ == 1 && ref $_[0] eq 'ARRAY' ? $_[0] : \@_ }
+
+sub users { return $_[0]{users} }
+
+# [{ name, uid, gid, home, shell, system, reseller, sites, databases, mailboxes, cron,
+# domains }]; system is 1 for accounts such as root.
+sub clients { return @{ $_[0]{clients} } }
+
+sub sites { return @{ $_[0]{sites} } }
+
+sub databases { return @{ $_[0]{databases} } }
+
+sub mailboxes { return @{ $_[0]{mailboxes} } }
+
+# Every site, and every domain that has mailboxes only: { name, names, site or undef,
+# client (name) or undef, databases, mailboxes }.
+sub domains { return @{ $_[0]{domains} } }
+
+# The database servers.
+sub servers { return @{ as_list($_[0]{database_servers}->servers) } }
+
+# The object that dumps databases.
+sub database_servers { return $_[0]{database_servers} }
+
+# { domains, databases, mailboxes } that belong to no client. What is in the domains
+# is not named again.
+sub unassigned { return $_[0]{unassigned} }
+
+sub owners_of_sites {
+    my ($self) = @_;
+    my $resellers = Linux::Resellers::map_of(@$self{qw(tree problems)});
+    my %client;
+    for my $site (grep { defined $_->{owner} } $self->sites) {
+        my $name = $site->{owner};
+        my $account = $self->{users}->by_name($name);
+        my $client = $client{$name} ||= {
+            name => $name, ($account ? %$account : $name =~ /\A\d+\z/ ? (uid => $name) : ()),
+            system => $account && !$self->{users}->is_system($account) ? 0 : 1,
+            reseller => $resellers->{$name}, cron => $self->{cron}{$name},
+            sites => [], databases => [], mailboxes => [], domains => [],
+        };
+        push @{ $client->{sites} }, $site;
+    }
+    $self->report_unknown_users($resellers);
+    return map { $client{$_} } sort keys %client;
+}
+
+sub report_unknown_users {
+    my ($self, $resellers) = @_;
+    for my $user (grep { !$self->{users}->by_name($_) } sort keys %$resellers) {
+        $self->{problems}->add(severity => 'warning', object => $Linux::Resellers::FILE,
+            text => "$resellers->{$user} has a user $user, which is no account");
+    }
+    return;
+}
+
+# Gives every database and mailbox to its domain and to its client. What `in` is of
+# one that has no domain is undef.
+sub share_out {
+    my ($self) = @_;
+    my %client = map { $_->{name} => $_ } $self->clients;
+    my (%domain, @domains);
+    for my $site ($self->sites) {
+        push @domains, $domain{ $site->{name} } = new_domain($site->{name}, $site, $site->{owner});
+    }
+    for my $mailbox (grep { defined $_->{domain} && !defined $_->{site} } $self->mailboxes) {
+        my $domain = $domain{ $mailbox->{domain} };
+        if (!$domain) {
+            push @domains, $domain = $domain{ $mailbox->{domain} }
+                = new_domain($mailbox->{domain}, undef, $mailbox->{client});
+        }
+        $mailbox->{site} = $domain->{name};
+        $domain->{client} = $mailbox->{client} if !defined $domain->{client};
+    }
+    my %unassigned = (domains => [], databases => [], mailboxes => []);
+    for my $kind (qw(databases mailboxes)) {
+        for my $object ($self->$kind) {
+            my $owner = defined $object->{client} ? $client{ $object->{client} } : undef;
+            $object->{in} = defined $object->{site} ? $domain{ $object->{site} } : undef;
+            push @{ $_->{$kind} }, $object for grep {defined} $owner, $object->{in};
+            push @{ $unassigned{$kind} }, $object if !$owner && !$object->{in};
+        }
+    }
+    for my $domain (@domains) {
+        my $client = defined $domain->{client} ? $client{ $domain->{client} } : undef;
+        push @{ ($client || \%unassigned)->{domains} }, $domain;
+    }
+    @$self{qw(domains unassigned)} = (\@domains, \%unassigned);
+    return;
+}
+
+sub new_domain {
+    my ($name, $site, $client) = @_;
+    return {
+        name => $name, names => $site ? $site->{names} : [$name], site => $site, client => $client,
+        databases => [], mailboxes => [],
+    };
+}
+
+# What no object of the dump has is told.
+sub name_those_left_over {
+    my ($self) = @_;
+    my %client = map { $_->{name} => 1 } $self->clients;
+    for my $name (grep { !$client{$_} } sort keys %{ $self->{cron} }) {
+        my $account = $self->{users}->by_name($name);
+        next if $account && $self->{users}->is_system($account);
+        $self->{problems}->add(severity => 'warning', object => $name,
+            text => 'Has cron jobs but no site, so that the jobs are in no dump');
+    }
+    for my $site (grep { !defined $_->{owner} } $self->sites) {
+        $self->{problems}->add(severity => 'warning', object => $site->{name},
+            text => 'Nobody is found to own this site; a dump of everything or of its domain has it');
+    }
+    return;
+}
+
+1;

@@ -1,0 +1,92 @@
+# What of the inventory a dump is asked for. A name that does not exist becomes a
+# problem of the dump; the rest is dumped.
+package Linux::Selection;
+
+use strict;
+use warnings;
+
+# inventory => Linux::Inventory, options => what Agent::Options gave, problems.
+sub new {
+    my ($class, %options) = @_;
+    my $self = bless {%options, clients => [], unassigned => {} }, $class;
+    my $wanted = $self->{options};
+    my @all = $self->{inventory}->clients;
+    my %whole = map { $_->{name} => 1 } $wanted->{all} ? @all : $self->clients_asked_for(@all);
+    my @domains = $wanted->{all} ? () : $self->domains_asked_for;
+    for my $client (@all) {
+        my @own = grep { defined $_->{client} && $_->{client} eq $client->{name} } @domains;
+        if    ($whole{ $client->{name} }) { push @{ $self->{clients} }, $self->whole($client) }
+        elsif (@own)                      { push @{ $self->{clients} }, $self->part($client, @own) }
+    }
+    my %is_client = map { $_->{name} => 1 } @all;
+    my @alone = grep { !defined $_->{client} || !$is_client{ $_->{client} } } @domains;
+    my $unassigned = $self->{inventory}->unassigned;
+    $self->{unassigned} = $wanted->{all} ? $unassigned : { domains => \@alone };
+    return $self;
+}
+
+# [{ client, whole, domains, databases, mailboxes }]: databases and mailboxes that are
+# in none of the domains; whole is 1 where everything of the client was asked for.
+sub clients { return @{ $_[0]{clients} } }
+
+# { domains, databases, mailboxes } of no client.
+sub unassigned {
+    my ($self) = @_;
+    return map { $_ => $self->{unassigned}{$_} || [] } qw(domains databases mailboxes);
+}
+
+sub whole {
+    my ($self, $client) = @_;
+    return {
+        client => $client, whole => 1, domains => $client->{domains},
+        map { my $kind = $_; $kind => [grep { !$_->{in} } @{ $client->{$kind} }] } qw(databases mailboxes),
+    };
+}
+
+sub part {
+    my ($self, $client, @domains) = @_;
+    my @left = grep { !$_->{in} } @{ $client->{databases} };
+    $self->problem('info', $client->{name}, 'Databases that belong to none of its sites are in a dump of '
+        . 'the whole client only: ' . join(', ', sort map { $_->{name} } @left)) if @left;
+    return { client => $client, whole => 0, domains => \@domains, databases => [], mailboxes => [] };
+}
+
+sub clients_asked_for {
+    my ($self, @all) = @_;
+    my %by_name = map { $_->{name} => [$_] } @all;
+    my %of_reseller;
+    push @{ $of_reseller{ $_->{reseller} } }, $_ for grep { defined $_->{reseller} } @all;
+    return ($self->named('clients', \%by_name), $self->named('resellers', \%of_reseller));
+}
+
+# Domains may be asked for by any of their names.
+sub domains_asked_for {
+    my ($self) = @_;
+    my %by_name;
+    my @domains = $self->{inventory}->domains;
+    for my $domain (@domains) {
+        $by_name{ lc $_ } ||= [$domain] for @{ $domain->{names} };
+    }
+    $by_name{ lc $_->{name} } = [$_] for @domains;
+    my %seen;
+    return grep { !$seen{$_}++ } $self->named('domains', \%by_name, sub { lc $_[0] });
+}
+
+sub named {
+    my ($self, $kind, $by_name, $as) = @_;
+    my @found;
+    for my $name (@{ $self->{options}{$kind} || [] }) {
+        my $objects = $by_name->{ $as ? $as->($name) : $name };
+        push @found, @{ $objects || [] };
+        $self->problem('error', $name, 'Was asked for, but there is no such ' . substr $kind, 0, -1) if !$objects;
+    }
+    return @found;
+}
+
+sub problem {
+    my ($self, $severity, $object, $text) = @_;
+    $self->{problems}->add(severity => $severity, object => $object, text => $text);
+    return;
+}
+
+1;
