@@ -9,7 +9,8 @@ use Linux::ApacheConfig;
 use Linux::Site qw(new_block add_once is_host_name target_host join_blocks below);
 
 our @MAIN_FILES = qw(
-    /etc/apache2/apache2.conf /etc/httpd/conf/httpd.conf /usr/local/apache2/conf/httpd.conf /etc/apache2/httpd.conf
+    /etc/apache2/apache2.conf /etc/httpd/conf/httpd.conf /usr/local/apache2/conf/httpd.conf
+    /etc/apache2/httpd.conf
 );
 
 my %CODE_OF = (permanent => 301, temp => 302, seeother => 303, gone => 410);
@@ -28,7 +29,8 @@ my %COLLECT = (
 );
 
 my %ACCESS = map { $_ => 1 } qw(
-    require requireall requireany allow deny order satisfy authtype authname allowoverride sslverifyclient sslrequiressl
+    require requireall requireany allow deny order satisfy authtype authname allowoverride sslverifyclient
+    sslrequiressl
 );
 
 # Version of the installed server; undef without one.
@@ -136,15 +138,16 @@ sub host_blocks {
 }
 
 sub files_of {
-    return map { ($_->{file}, $_->{block} && $_->{name} ne 'virtualhost' ? files_of(@{ $_->{block} }) : ()) } @_;
+    my @inner = map { @{ $_->{block} } } grep { $_->{block} && $_->{name} ne 'virtualhost' } @_;
+    return ((map { $_->{file} } @_), @inner ? files_of(@inner) : ());
 }
 
 # True if every request is sent to another host or to https.
 sub leads_away {
     my ($self) = @_;
-    my $block = $self->{block};
-    return grep { ($_->{from} eq '/' || $_->{from} =~ m{\A\^?/?\??(?:\(\.\*\)|\.\*)?\$?\z}) && !$_->{conditions}
-            && $_->{to} =~ m{\Ahttps?://} } @{ $block->{redirects} };
+    my $everything = qr{\A\^?/?\??(?:\(\.\*\)|\.\*)?\$?\z};
+    return grep { $_->{from} =~ $everything && !$_->{conditions} && $_->{to} =~ m{\Ahttps?://} }
+        @{ $self->{block}{redirects} };
 }
 
 sub add_names {
@@ -162,8 +165,8 @@ sub add_names {
 
 sub document_root {
     my ($self, @directives) = @_;
-    my ($root) = reverse map { $_->{args}[0] } grep { $_->{name} eq 'documentroot' && @{ $_->{args} } } @directives;
-    return defined $root ? $self->folder($root) : undef;
+    my @roots = map { $_->{args}[0] } grep { $_->{name} eq 'documentroot' && @{ $_->{args} } } @directives;
+    return @roots ? $self->folder($roots[-1]) : undef;
 }
 
 sub folder {
@@ -184,10 +187,11 @@ sub collect {
         }
         $conditions = 1 if $name eq 'rewritecond';
         if (my $add = $COLLECT{$name}) {
-            my $before = @{ $self->{block}{redirects} };
-            $add->($self, $path, @$args) if @$args;
             my $redirects = $self->{block}{redirects};
-            $redirects->[-1]{conditions} = 1 if $conditions && $name eq 'rewriterule' && @$redirects > $before;
+            my $before = @$redirects;
+            $add->($self, $path, @$args) if @$args;
+            my $conditional = $conditions && $name eq 'rewriterule' && @$redirects > $before;
+            $redirects->[-1]{conditions} = 1 if $conditional;
         }
         elsif ($ACCESS{$name}) {
             push @{ $self->{block}{access} }, { path => $path, rule => join ' ', $name, @$args };
@@ -234,8 +238,10 @@ sub add_file {
 
 sub add_redirect {
     my ($self, $path, @args) = @_;
-    my $code = 302;
-    $code = $CODE_OF{ lc $args[0] } || $args[0] and shift @args if $args[0] =~ /\A(?:permanent|temp|seeother|gone|\d+)\z/i;
+    my $word = lc $args[0];
+    my $code = $CODE_OF{$word} || ($word =~ /\A\d+\z/ ? $word : undef);
+    shift @args if defined $code;
+    $code = 302 if !defined $code;
     my ($from, $to) = @args > 1 ? @args : ($path, @args);
     return if !defined $to || $code !~ /\A3/;
     push @{ $self->{block}{redirects} }, { from => $from, to => $to, code => $code };
@@ -335,8 +341,10 @@ sub add_folders {
     my %taken = map { $_ => 1 } @known;
     my ($before, $after) = $pattern =~ /\A([^%]*)%0([^%]*)\z/;
     if (!defined $before) {
-        $self->{problems}->add(severity => 'warning', object => defined $exact[0] ? $exact[0] : $block->{file},
-            text => "The folder $pattern ($block->{file}) depends on the request; only those of its names are taken");
+        my $object = defined $exact[0] ? $exact[0] : $block->{file};
+        my $text = "The folder $pattern ($block->{file}) depends on the request;"
+            . ' only those of its names are taken';
+        $self->{problems}->add(severity => 'warning', object => $object, text => $text);
         return;
     }
     (my $glob = $self->folder("$before\x01$after")) =~ s/([*?\[\\])/\\$1/g;

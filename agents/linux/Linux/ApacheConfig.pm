@@ -5,22 +5,23 @@ package Linux::ApacheConfig;
 
 use strict;
 use warnings;
+use Linux::ConfigReader;
 
-my $MOST_DEPTH = 20;
+our @ISA = qw(Linux::ConfigReader);
 
 # What <IfVersion> is compared with: the oldest that all its configurations name.
 my @VERSION = (2, 4, 0);
 
 # Sections that the running server decides about, or that hold other directives.
 my %SECTION = map { $_ => 1 } qw(
-    virtualhost directory directorymatch location locationmatch files filesmatch limit limitexcept proxy proxymatch
-    if elseif else ifmodule ifdefine ifversion iffile ifdirective ifsection macro requireall requireany requirenone
-    perl authnprovideralias authzprovideralias mdomainset
+    virtualhost directory directorymatch location locationmatch files filesmatch limit limitexcept proxy
+    proxymatch if elseif else ifmodule ifdefine ifversion iffile ifdirective ifsection macro requireall
+    requireany requirenone perl authnprovideralias authzprovideralias mdomainset
 );
 
 sub new {
     my ($class, %self) = @_;
-    return bless { %self, defines => {}, modules => {}, macros => {}, parsed => {} }, $class;
+    return $class->SUPER::new(%self, defines => {}, modules => {}, macros => {});
 }
 
 # The directives of the main file: { name in lower case, args, block => [...] or
@@ -47,17 +48,6 @@ sub read_environment {
     return;
 }
 
-sub absolute {
-    my ($self, $path) = @_;
-    return $path =~ m{^/} ? $path : "$self->{base}/$path";
-}
-
-sub problem {
-    my ($self, $severity, $file, $line, $text) = @_;
-    $self->{problems}->add(severity => $severity, object => $file, text => ($line ? "Line $line: " : '') . $text);
-    return;
-}
-
 sub expand {
     my ($self, $directives, @stack) = @_;
     return map { $self->expand_one($_, @stack) } @$directives;
@@ -71,11 +61,7 @@ sub expand_one {
     if (!$raw->{block}) {
         return $self->included($directive, @stack) if $name =~ /\Ainclude(?:optional)?\z/;
         return $self->used($directive, @stack) if $name eq 'use';
-        if    (!defined $first)        { }
-        elsif ($name eq 'define')      { $self->{defines}{ $raw->{args}[0] } = defined $second ? $second : '' }
-        elsif ($name eq 'undefine')    { delete $self->{defines}{ $raw->{args}[0] } }
-        elsif ($name eq 'loadmodule')  { $self->load_module($directive) }
-        elsif ($name eq 'serverroot')  { $self->{base} = $first }
+        $self->take_over($name, $raw->{args}[0], $first, $second) if defined $first;
         return $directive;
     }
     if ($name eq 'macro') {
@@ -88,11 +74,17 @@ sub expand_one {
     return { %$directive, block => [$self->expand($raw->{block}, @stack)] };
 }
 
-sub load_module {
-    my ($self, $directive) = @_;
-    my ($name, $file) = @{ $directive->{args} };
-    $self->{modules}{$name} = 1;
-    $self->{modules}{$1} = 1 if defined $file && $file =~ m{([^/]+)\.so\z};
+# What changes how the rest is read. $plain is the first word before definitions.
+sub take_over {
+    my ($self, $name, $plain, $first, $second) = @_;
+    $second = '' if !defined $second;
+    if    ($name eq 'define')     { $self->{defines}{$plain} = $second }
+    elsif ($name eq 'undefine')   { delete $self->{defines}{$plain} }
+    elsif ($name eq 'serverroot') { $self->{base} = $first }
+    elsif ($name eq 'loadmodule') {
+        $self->{modules}{$first} = 1;
+        $self->{modules}{$1} = 1 if $second =~ m{([^/]+)\.so\z};
+    }
     return;
 }
 
@@ -150,9 +142,11 @@ sub used {
     my ($self, $directive, @stack) = @_;
     my ($name, @values) = @{ $directive->{args} };
     my $macro = defined $name ? $self->{macros}{ lc $name } : undef;
-    if (!$macro || @stack > $MOST_DEPTH) {
-        $self->problem('error', @$directive{qw(file line)},
-            'uses the macro ' . (defined $name ? $name : '') . ($macro ? ' within itself' : ', which is not defined'));
+    my $wrong = !$macro ? ', which is not defined'
+        : @stack > $Linux::ConfigReader::MOST_DEPTH ? ' within itself' : '';
+    if ($wrong) {
+        $name = '' if !defined $name;
+        $self->problem('error', @$directive{qw(file line)}, "uses the macro $name$wrong");
         return;
     }
     my (undef, @parameters) = @{ $macro->{args} };
@@ -177,46 +171,23 @@ sub filled {
 
 sub included {
     my ($self, $directive, @stack) = @_;
-    my ($file, $line, $args) = @$directive{qw(file line args)};
-    return if !@$args;
-    my @out;
-    for my $included ($self->included_files($args->[0])) {
-        if (@stack > $MOST_DEPTH || grep { $_ eq $included } @stack) {
-            $self->problem('warning', $file, $line, "includes $included, which includes itself");
-            next;
-        }
-        next if $directive->{name} eq 'includeoptional' && !$self->{tree}->lstat($included);
-        my $parsed = $self->parsed($included, $directive) or next;
-        push @out, $self->expand($parsed, @stack, $included);
-    }
-    return @out;
+    return if !@{ $directive->{args} };
+    my @files = $self->included_files($directive->{args}[0]);
+    @files = grep { $self->{tree}->lstat($_) } @files if $directive->{name} eq 'includeoptional';
+    return $self->directives_of($directive, \@files, @stack);
 }
 
 # A folder stands for all the files in it and below.
 sub included_files {
     my ($self, $word) = @_;
-    my $pattern = $self->absolute($word);
-    my @files = $pattern =~ /[*?\[]/ ? $self->{tree}->glob($pattern) : $pattern;
-    return map { $self->{tree}->is_dir($_) ? $self->files_below($_, 0) : $_ } @files;
+    return map { $self->{tree}->is_dir($_) ? $self->files_below($_, 0) : $_ } $self->matching($word);
 }
 
 sub files_below {
     my ($self, $dir, $depth) = @_;
-    return if $depth > $MOST_DEPTH;
+    return if $depth > $Linux::ConfigReader::MOST_DEPTH;
     return map { $self->{tree}->is_dir("$dir/$_") ? $self->files_below("$dir/$_", $depth + 1) : "$dir/$_" }
         $self->{tree}->list($dir);
-}
-
-sub parsed {
-    my ($self, $file, $by) = @_;
-    return $self->{parsed}{$file} if exists $self->{parsed}{$file};
-    my $text = $self->{tree}->read_file($file);
-    if (!defined $text) {
-        my $why = "$!";
-        $self->problem('error', $file, 0, "Cannot be read: $why" . ($by ? " (included by $by->{file})" : ''));
-        return $self->{parsed}{$file} = $by ? undef : [];
-    }
-    return $self->{parsed}{$file} = $self->parse($file, $text);
 }
 
 sub parse {
@@ -262,7 +233,8 @@ sub directive {
     if ($is_section && !$SECTION{$name}) {
         $self->problem('warning', $file, $number, "the section <$name> is not known");
     }
-    return { name => $name, args => [words($rest)], file => $file, line => $number, block => $is_section ? [] : undef };
+    return { name => $name, args => [words($rest)], file => $file, line => $number,
+        block => $is_section ? [] : undef };
 }
 
 # Closing what was not opened is a mistake; closing an outer section closes the inner,

@@ -237,7 +237,8 @@ sub add_tls {
 sub files {
     my ($self, $word) = @_;
     return if $word =~ /\A(?:data|engine):/;
-    return map { $self->{config}->absolute($_) } grep { !/$OPEN/o } map { $_->{text} } $self->values_of($word);
+    my @paths = grep { !/$OPEN/o } map { $_->{text} } $self->values_of($word);
+    return map { $self->{config}->absolute($_) } @paths;
 }
 
 sub prefixed {
@@ -287,8 +288,9 @@ sub folders {
         push @found, @matches;
         next if @matches && $word =~ /\$/;
         my $object = @{ $block->{names} } ? $block->{names}[0] : $directive->{file};
-        $self->{problems}->add(severity => 'warning', object => $object, text =>
-            "The folder $word ($directive->{file} line $directive->{line}) depends on the request and was not found");
+        my $text = "The folder $word ($directive->{file} line $directive->{line}) depends on the request"
+            . ' and was not found';
+        $self->{problems}->add(severity => 'warning', object => $object, text => $text);
     }
     return @found;
 }
@@ -335,7 +337,9 @@ sub expand {
     my ($self, $word, $host, $depth) = @_;
     my @out = { text => '' };
     for my $piece (grep {length} split /(\$\{?\w+\}?)/, $word) {
-        my @values = $piece =~ /\A\$/ ? $self->variable(variable_name($piece), $host, $depth) : { text => $piece };
+        my $is_variable = $piece =~ /\A\$/;
+        my @values = $is_variable ? $self->variable(variable_name($piece), $host, $depth)
+            : { text => $piece };
         my @longer;
         for my $start (@out) {
             push @longer, map { join_texts($start, $_) } @values;

@@ -5,8 +5,9 @@ package Linux::NginxConfig;
 
 use strict;
 use warnings;
+use Linux::ConfigReader;
 
-my $MOST_DEPTH = 20;
+our @ISA = qw(Linux::ConfigReader);
 
 # First words of lines that show that the ";" of the line before is missing.
 my %STARTS_DIRECTIVE = map { $_ => 1 } qw(
@@ -14,11 +15,6 @@ my %STARTS_DIRECTIVE = map { $_ => 1 } qw(
     ssl_certificate ssl_certificate_key fastcgi_pass proxy_pass allow deny auth_basic auth_basic_user_file
     add_header client_max_body_size set if upstream http events
 );
-
-sub new {
-    my ($class, %self) = @_;
-    return bless { %self, parsed => {} }, $class;
-}
 
 # The directives of the main file: { name, args, block => [...] or undef, file,
 # line }. Relative includes start in the folder of the main file.
@@ -28,24 +24,13 @@ sub load {
     return $self->expand($self->parsed($main), $main);
 }
 
-sub absolute {
-    my ($self, $path) = @_;
-    return $path =~ m{^/} ? $path : "$self->{base}/$path";
-}
-
-sub problem {
-    my ($self, $severity, $file, $line, $text) = @_;
-    $self->{problems}->add(severity => $severity, object => $file, text => ($line ? "Line $line: " : '') . $text);
-    return;
-}
-
 # Puts included files in the place of the directives that include them.
 sub expand {
     my ($self, $directives, @stack) = @_;
     my @out;
     for my $directive (@$directives) {
         if ($directive->{name} eq 'include' && !$directive->{block} && @{ $directive->{args} }) {
-            push @out, $self->included($directive, @stack);
+            push @out, $self->directives_of($directive, [$self->matching($directive->{args}[0])], @stack);
         }
         elsif ($directive->{block}) {
             push @out, { %$directive, block => [$self->expand($directive->{block}, @stack)] };
@@ -53,36 +38,6 @@ sub expand {
         else { push @out, $directive }
     }
     return @out;
-}
-
-sub included {
-    my ($self, $directive, @stack) = @_;
-    my ($file, $line) = @$directive{qw(file line)};
-    my $pattern = $self->absolute($directive->{args}[0]);
-    my @files = $pattern =~ /[*?\[]/ ? $self->{tree}->glob($pattern) : $pattern;
-    my @out;
-    for my $included (@files) {
-        if (@stack > $MOST_DEPTH || grep { $_ eq $included } @stack) {
-            $self->problem('warning', $file, $line, "includes $included, which includes itself");
-            next;
-        }
-        my $parsed = $self->parsed($included, $directive) or next;
-        push @out, $self->expand($parsed, @stack, $included);
-    }
-    return @out;
-}
-
-# The directives of one file as they stand; undef where it cannot be read.
-sub parsed {
-    my ($self, $file, $by) = @_;
-    return $self->{parsed}{$file} if exists $self->{parsed}{$file};
-    my $text = $self->{tree}->read_file($file);
-    if (!defined $text) {
-        my $why = "$!";
-        $self->problem('error', $file, 0, "Cannot be read: $why" . ($by ? " (included by $by->{file})" : ""));
-        return $self->{parsed}{$file} = $by ? undef : [];
-    }
-    return $self->{parsed}{$file} = $self->parse($file, $text);
 }
 
 sub parse {
@@ -101,7 +56,8 @@ sub parse {
     };
     my $missing = sub {
         my ($line) = @_;
-        $self->problem('error', $file, $words[0]{line}, qq("$words[0]{text}" is not ended by ";" before line $line));
+        my $text = qq("$words[0]{text}" is not ended by ";" before line $line);
+        $self->problem('error', $file, $words[0]{line}, $text);
         $finish->();
     };
     for my $token ($self->tokens($file, $text)) {
@@ -128,7 +84,9 @@ sub parse {
         }
     }
     $missing->('of the end') if @words;
-    $self->problem('error', $file, $_->{line}, qq("$_->{text}" opens a block that is not closed)) for @openings;
+    for my $word (@openings) {
+        $self->problem('error', $file, $word->{line}, qq("$word->{text}" opens a block that is not closed));
+    }
     return $blocks[0];
 }
 
@@ -148,7 +106,8 @@ sub tokens {
         if    ($text =~ /\G#[^\n]*/gc) { next }
         elsif ($text =~ /\G([;{}])/gc) {
             $add->($1, $1);
-            $line += skip_foreign(\$text) if $1 eq '{' && @tokens > 1 && $tokens[-2]{text} =~ /_by_lua_block\z/;
+            my $opens_foreign = $1 eq '{' && @tokens > 1 && $tokens[-2]{text} =~ /_by_lua_block\z/;
+            $line += skip_foreign(\$text) if $opens_foreign;
         }
         elsif ($text =~ /\G"((?:[^"\\]++|\\.)*+)"/gcs || $text =~ /\G'((?:[^'\\]++|\\.)*+)'/gcs) {
             my $word = $1;

@@ -135,8 +135,8 @@ sub of_site {
         $pool ||= { settings => {}, admin => {} };
         my %user = $self->user_settings($site);
         delete @user{ keys %{ $pool->{admin} } };
-        return { version => $pool->{version}, handler => $pool->{name} ? 'fpm' : 'fastcgi', pool => $pool->{name},
-            pool_user => $pool->{user}, pool_file => $pool->{file}, listen => $listen,
+        return { version => $pool->{version}, handler => $pool->{name} ? 'fpm' : 'fastcgi',
+            pool => $pool->{name}, pool_user => $pool->{user}, pool_file => $pool->{file}, listen => $listen,
             settings => { %{ $pool->{settings} }, %$own, %user } };
     }
     return { version => undef, handler => 'cgi', pool_user => $site->{php_user},
@@ -163,13 +163,15 @@ sub user_settings {
 
 sub folder_settings {
     my ($self, $site) = @_;
-    return $self->file_settings($site, '.htaccess', qr/\A\s*php_(?:value|flag)\s+([\w.]+)\s+["']?(.*?)["']?\s*\z/i);
+    my $setting = qr/\A\s*php_(?:value|flag)\s+([\w.]+)\s+["']?(.*?)["']?\s*\z/i;
+    return $self->file_settings($site, '.htaccess', $setting);
 }
 
 sub file_settings {
     my ($self, $site, $name, $pattern) = @_;
     return if !defined $site->{root};
-    return map { $_ =~ $pattern ? ($1 => $2) : () } $self->{tree}->read_lines("$site->{root}/$name", 1_000_000);
+    my @lines = $self->{tree}->read_lines("$site->{root}/$name", 1_000_000);
+    return map { $_ =~ $pattern ? ($1 => $2) : () } @lines;
 }
 
 1;

@@ -17,9 +17,10 @@ my $PACKAGED = qr{\A/usr/(?!local/)[^/]};
 sub new_block {
     my ($server, $file, $line) = @_;
     return {
-        server => $server, file => $file, line => $line, names => [], root => undef, roots => [], listen => [],
-        tls => undef, redirects => [], access => [], logs => [], config => [], files => [], proxies => [],
-        php_settings => {}, php_addresses => [], php_module => 0, php_user => undef, content => 0,
+        server => $server, file => $file, line => $line, names => [], root => undef, roots => [],
+        listen => [], tls => undef, redirects => [], access => [], logs => [], config => [],
+        files => [], proxies => [], php_settings => {}, php_addresses => [], php_module => 0, php_user => undef,
+        content => 0,
     };
 }
 

@@ -43,8 +43,7 @@ sub merge {
     my @sites = @_;
     my (@merged, %by_name, %taken);
     for my $site (@sites) {
-        my ($same) = grep { $_->{server} ne $site->{server} && same($_, $site) }
-            map { @{ $by_name{$_} || [] } } @{ $site->{names} };
+        my ($same) = grep { $_->{server} ne $site->{server} } map { @{ $by_name{$_} || [] } } keys_of($site);
         if ($same) {
             Linux::Site::absorb($same, $site);
             add_once($same->{servers} ||= [$same->{server}], $site->{server});
@@ -55,16 +54,16 @@ sub merge {
         $site->{name} = "$name-" . $number++ while $taken{ $site->{name} };
         $taken{ $site->{name} } = 1;
         push @merged, $site;
-        push @{ $by_name{$_} }, $site for @{ $site->{names} };
+        push @{ $by_name{$_} }, $site for keys_of($site);
     }
     return @merged;
 }
 
 # Sites without a name of their own are the same only if they serve the same.
-sub same {
-    my ($one, $other) = @_;
-    return 1 if $one->{name} !~ /\Adefault(?:-|\z)/;
-    return defined $one->{root} && defined $other->{root} && $one->{root} eq $other->{root};
+sub keys_of {
+    my ($site) = @_;
+    return @{ $site->{names} } if $site->{name} !~ /\Adefault(?:-\d+)?\z/;
+    return "\0" . (defined $site->{root} ? $site->{root} : $site->{name});
 }
 
 # { home => account } of the accounts of persons.
@@ -85,15 +84,12 @@ sub set_owner {
     my @choices = (
         [defined $uid ? $users->by_uid($uid) : undef, 'document root'],
         [defined $runs_as ? $users->by_name($runs_as) : undef, 'account that runs PHP'],
-        [account_above($homes, $site->{root}), 'home that holds the document root'],
+        [scalar account_above($homes, $site->{root}), 'home that holds the document root'],
     );
     my ($choice) = grep { $_->[0] && !$users->is_system($_->[0]) } @choices;
-    if (!$choice && defined $uid) {
-        @$site{qw(owner owner_because)} = ($users->name_of($uid), 'document root');
-    }
-    else {
-        @$site{qw(owner owner_because)} = $choice ? ($choice->[0]{name}, $choice->[1]) : ('root', 'nothing else is known');
-    }
+    my ($name, $because) = $choice ? ($choice->[0]{name}, $choice->[1])
+        : defined $uid ? ($users->name_of($uid), 'document root') : ('root', 'nothing else is known');
+    @$site{qw(owner owner_because)} = ($name, $because);
     my $account = $users->by_name($site->{owner});
     $site->{group} = defined $gid ? $users->group_of($gid) : $account ? $account->{group} : undef;
     return;

@@ -22,7 +22,7 @@ my @OLD_RELEASES = (
 
 my %FAMILY = (
     (map { $_ => 'debian' } qw(debian ubuntu raspbian devuan linuxmint)),
-    (map { $_ => 'redhat' } qw(rhel redhat centos fedora almalinux rocky ol scientific amzn cloudlinux virtuozzo)),
+    (map { $_ => 'redhat' } qw(rhel redhat centos fedora almalinux rocky ol scientific amzn)),
 );
 
 sub facts {
@@ -52,7 +52,8 @@ sub hostname {
 sub distribution {
     my ($tree) = @_;
     my %is = os_release($tree);
-    return { id => $is{ID}, name => $is{NAME}, version => $is{VERSION_ID}, family => family(@is{qw(ID ID_LIKE)}) }
+    my $family = family(@is{qw(ID ID_LIKE)});
+    return { id => $is{ID}, name => $is{NAME}, version => $is{VERSION_ID}, family => $family }
         if defined $is{ID};
     for my $release (@OLD_RELEASES) {
         my ($file, $id, $pattern) = @$release;
@@ -71,7 +72,7 @@ sub os_release {
 
 sub family {
     my ($id, $like) = @_;
-    for my $name ($id, split ' ', defined $like ? $like : '') {
+    for my $name (grep {defined} $id, split ' ', defined $like ? $like : '') {
         return $FAMILY{$name} if $FAMILY{$name};
     }
     return 'other';

@@ -33,14 +33,16 @@ sub parsed {
     my ($names) = $text =~ /Subject Alternative Name:[^\n]*\n([^\n]*)/;
     $facts{names} = [$names =~ /(?:DNS|IP Address):([^,\s]+)/g] if defined $names;
     # Certificates of old name their only host here.
-    $facts{names} = [$1] if !@{ $facts{names} } && defined $facts{subject} && $facts{subject} =~ /(?:\A|,)CN=([^,]+)/;
+    my ($host) = defined $facts{subject} ? $facts{subject} =~ /(?:\A|,)CN=([^,]+)/ : ();
+    $facts{names} = [$host] if !@{ $facts{names} } && defined $host;
     return \%facts;
 }
 
 # "Jan  2 03:04:05 2030 GMT"
 sub seconds {
     my ($text) = @_;
-    my ($month, $day, $hour, $minute, $second, $year) = $text =~ /\A(\w{3}) +(\d+) (\d+):(\d+):(\d+) (\d{4})/ or return;
+    my ($month, $day, $hour, $minute, $second, $year) = $text =~ /\A(\w{3}) +(\d+) (\d+):(\d+):(\d+) (\d{4})/
+        or return undef;
     return timegm($second, $minute, $hour, $day, $MONTH{$month}, $year);
 }
 

@@ -60,7 +60,7 @@ sub by_name {
     my ($self, $name) = @_;
     return $self->{names}{$name} if exists $self->{names}{$name};
     my @entry = $self->is_live ? getpwnam $name : ();
-    return if !@entry;
+    return undef if !@entry;
     return $self->keep(@entry[0, 2, 3, 7, 8]);
 }
 

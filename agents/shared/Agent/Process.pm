@@ -62,8 +62,9 @@ sub run {
 
 # Runs a program, or a list of them each of which reads what the one before it
 # writes, and hands over pieces of the last one's output: out => sub { ($bytes) },
-# which ends the programs by returning false. Other options: errors => sub { ($bytes) }
-# for what any of them writes as errors, tick => sub {} called at least every second, stdin => text or a file handle, env and limit as in run().
+# which ends the programs by returning false. Other options: errors => sub {
+# ($bytes) } for what any of them writes as errors, tick => sub {} called at least
+# every second, stdin => text or a file handle, env and limit as in run().
 # Gives { status, statuses, err, why, stopped }: status is the first that is not 0,
 # err the last 16 KiB that any of them wrote as errors. When a callback dies the
 # programs are ended and it dies on.

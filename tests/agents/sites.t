@@ -1,0 +1,234 @@
+# All sites of imitated systems, with their owners, PHP and what they share.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Test::More;
+use Time::HiRes ();
+use Agent::Process qw(run);
+use Imitated qw(imitated problem_texts);
+use Linux::Php;
+use Linux::Resellers;
+use Linux::Sites;
+use Linux::System;
+use Linux::Tls;
+use Linux::Users;
+
+my $PASSWD = <<'END';
+root:x:0:0:root:/root:/bin/bash
+www-data:x:33:33:www-data:/var/www:/usr/sbin/nologin
+nobody:x:65534:65534:nobody:/nonexistent:/usr/sbin/nologin
+ann:x:4101:4101::/home/ann:/bin/bash
+bob:x:4102:4100::/home/bob:/bin/sh
+cid:x:4103:4103::/home/cid
++nis::::::
+broken line
+ann2:x:4101:4101::/home/ann2:/bin/bash
+END
+my $GROUP = "root:x:0:\nwww-data:x:33:\nclients:x:4100:ann\nann:x:4101:\n";
+
+sub sites_in {
+    my ($tree, $problems) = imitated('etc/passwd' => $PASSWD, 'etc/group' => $GROUP, @_);
+    my %sites = map { $_->{name} => $_ } Linux::Sites::all($tree, $problems);
+    return (\%sites, problem_texts($problems), $tree);
+}
+
+{
+    my ($tree) = imitated('etc/passwd' => $PASSWD, 'etc/group' => $GROUP);
+    my $users = Linux::Users->new($tree);
+    is_deeply [map { $_->{name} } $users->all], [qw(root www-data ann ann2 bob cid nobody)], 'accounts are sorted';
+    is_deeply $users->by_name('bob'),
+        { name => 'bob', uid => 4102, gid => 4100, group => 'clients', home => '/home/bob', shell => '/bin/sh' },
+        'an account has its facts';
+    is $users->name_of(4101), 'ann', 'the first of two accounts has the number';
+    is $users->name_of(4999), 4999, 'a number without an account stays';
+    is_deeply [map { $users->is_system($_) } map { $users->by_name($_) } qw(root www-data nobody ann)], [1, 1, 1, 0],
+        'accounts of services are told from those of persons';
+    my ($old) = imitated('etc/passwd' => "joe:x:501:501::/home/joe:/bin/bash\n", 'etc/login.defs' => "UID_MIN\t500\n");
+    $users = Linux::Users->new($old);
+    is $users->is_system($users->by_name('joe')), 0, 'old systems begin with lower numbers';
+}
+
+{
+    my ($sites, $problems) = sites_in(
+        'etc/nginx/nginx.conf' => <<'END',
+http {
+    upstream php-fpm { server unix:/run/php-fpm/www.sock; }
+    server { server_name ann.test; root /home/ann/www; location ~ \.php { fastcgi_pass unix:/var/run/php/ann.sock; } }
+    server { server_name pool.test; root /srv/pool; location ~ \.php { fastcgi_pass 127.0.0.1:9002; } }
+    server { server_name gone.test; root /home/bob/sites/gone; }
+    server { server_name web.test; root /srv/web; }
+    server { server_name none.test; location / { proxy_pass http://127.0.0.1:1; } }
+    server { server_name number.test; root /srv/number; location ~ \.php { fastcgi_pass 127.0.0.1:7000; } }
+    server { server_name link.test; root /srv/link; auth_basic_user_file /etc/nginx/gone.passwd; }
+    server { server_name both.test www.both.test; location / { proxy_pass http://127.0.0.1:8080; } }
+    server { server_name _; root /var/www/html; }
+}
+END
+        'etc/apache2/apache2.conf' => <<'END',
+Include ports.conf
+LoadModule php_module /usr/lib/apache2/modules/libphp8.2.so
+<VirtualHost *:8080>
+    ServerName both.test
+    ServerAlias more.both.test
+    DocumentRoot /srv/both
+    php_value upload_max_filesize 9M
+</VirtualHost>
+<VirtualHost *:8081>
+    DocumentRoot /srv/other
+</VirtualHost>
+<VirtualHost *:8080>
+    DocumentRoot /var/www/html
+</VirtualHost>
+<VirtualHost *:8080>
+    ServerName suexec.test
+    DocumentRoot /srv/web/in
+    AssignUserId cid cid
+</VirtualHost>
+END
+        'etc/apache2/ports.conf' => "Listen 8080\n",
+        'etc/php/8.2/fpm/pool.d/ann.conf' => <<'END',
+; a comment
+[ann]
+user = ann
+listen = /run/php/$pool.sock
+php_admin_value[open_basedir] = "/home/ann:/tmp"
+php_value[memory_limit] = 64M ; as sold
+php_flag[display_errors] = on
+[bob]
+user = bob
+listen = 9002
+END
+        'home/ann/www/' => [4101, 33], 'srv/pool/' => [33, 33], 'srv/web/in/' => [0, 0], 'srv/web/' => [33, 33],
+        'srv/number/' => [4999, 4998], 'srv/both/' => [4103, 4100], 'var/www/html/' => undef, 'srv/other/' => undef,
+        'srv/link' => \'/home/ann/www/../www', 'home/bob/' => [4102, 4100],
+        'home/ann/www/.user.ini' => "memory_limit = 256M\nopen_basedir = /\n",
+        'srv/both/.htaccess' => "php_value post_max_size 10M\n<Files x>\n</Files>\n",
+    );
+    my %owner = map { $_ => $sites->{$_}{owner} } keys %$sites;
+    is_deeply \%owner, { 'ann.test' => 'ann', 'pool.test' => 'bob', 'gone.test' => 'bob', 'web.test' => 'www-data',
+        'none.test' => 'root', 'number.test' => 4999, 'link.test' => 'ann', 'both.test' => 'cid', 'default' => 'root',
+        'default-8081' => 'root', 'suexec.test' => 'cid' }, 'every site has an owner' or diag explain \%owner;
+    is $sites->{'ann.test'}{group}, 'www-data', 'the group is that of the document root';
+    is $sites->{'pool.test'}{owner_because}, 'account that runs PHP', 'with a reason';
+    is_deeply $sites->{'ann.test'}{php}, { version => '8.2', handler => 'fpm', pool => 'ann', pool_user => 'ann',
+        pool_file => '/etc/php/8.2/fpm/pool.d/ann.conf', listen => 'unix:/var/run/php/ann.sock',
+        settings => { open_basedir => '/home/ann:/tmp', memory_limit => '256M', display_errors => 'on' } },
+        'PHP has its pool and settings' or diag explain $sites->{'ann.test'}{php};
+    is $sites->{'number.test'}{php}{handler}, 'fastcgi', 'an address without a pool is another program';
+    is_deeply $sites->{'both.test'}{php}{settings}, { upload_max_filesize => '9M', post_max_size => '10M' },
+        'the module reads the settings of the folder';
+    is $sites->{'both.test'}{php}{version}, '8.2', 'and has a version';
+    is_deeply $sites->{'both.test'}{servers}, [qw(nginx apache)], 'a site behind another server is one site';
+    is_deeply $sites->{'both.test'}{names}, [qw(both.test www.both.test more.both.test)], 'with the names of both';
+    is $sites->{'both.test'}{root}, '/srv/both', 'and the root of the one that has it';
+    is_deeply $sites->{default}{servers}, [qw(nginx apache)], 'a nameless site of the same folder is one, too';
+    is $sites->{'web.test'}{php}, undef, 'a site may be without PHP';
+    is_deeply $sites->{'ann.test'}{shares_root_with}, ['link.test'], 'a shared root is seen through links';
+    is_deeply $sites->{'pool.test'}{shares_root_with}, [], 'others share nothing';
+    ok !exists $sites->{'ann.test'}{php_addresses}, 'no inner facts are left';
+    is_deeply $problems, [
+        'warning gone.test: Document root /home/bob/sites/gone does not exist',
+        'error link.test: The file /etc/nginx/gone.passwd cannot be found: No such file or directory',
+    ], 'what is missing is named' or diag explain $problems;
+}
+
+{
+    my ($sites, $problems, $tree) = sites_in(
+        'etc/os-release' => qq(NAME="Rocky Linux"\nVERSION_ID="8.9"\nID="rocky"\nID_LIKE="rhel centos fedora"\n),
+        'etc/nginx/nginx.conf' => "http {\n include /etc/nginx/conf.d/*.conf;\n server {\n listen 80;\n server_name _;\n"
+            . " root /usr/share/nginx/html;\n include /etc/nginx/default.d/*.conf;\n }\n}\n",
+        'etc/nginx/conf.d/php-fpm.conf' => "upstream php-fpm { server unix:/run/php-fpm/www.sock; }\n",
+        'etc/nginx/default.d/php.conf' => "location ~ \\.(php|phar)\$ { fastcgi_pass php-fpm; }\n",
+        'etc/nginx/conf.d/n.conf' => "server { server_name n.test; root /var/www/n; include default.d/*.conf; }\n",
+        'etc/php-fpm.d/www.conf' => "[www]\nuser = apache\nlisten = /run/php-fpm/www.sock\n",
+        'etc/opt/remi/php81/php-fpm.d/h.conf' => "[h]\nuser = bob\nlisten = /var/opt/remi/php81/h.sock\n",
+        'etc/httpd/conf/httpd.conf' => "ServerRoot /etc/httpd\nListen 8080\nDocumentRoot /var/www/html\n"
+            . "IncludeOptional conf.d/*.conf\n",
+        'etc/httpd/conf.d/php.conf' => "<FilesMatch \\.(php|phar)\$>\n"
+            . "SetHandler \"proxy:unix:/run/php-fpm/www.sock|fcgi://localhost\"\n</FilesMatch>\n",
+        'etc/httpd/conf.d/h.conf' => "<VirtualHost *:8080>\nServerName h.test\nDocumentRoot /var/www/h\n<FilesMatch x>\n"
+            . "SetHandler \"proxy:unix:/var/opt/remi/php81/h.sock|fcgi://localhost\"\n</FilesMatch>\n</VirtualHost>\n"
+            . "<VirtualHost *:8080>\nServerName i.test\nDocumentRoot /var/www/i\n</VirtualHost>\n",
+        (map { ("var/www/$_/" => [48, 48]) } qw(n h i html)), 'usr/share/nginx/html/' => undef,
+    );
+    is_deeply [sort keys %$sites], [qw(default h.test i.test n.test)], 'the layout of the Red Hat family is known';
+    is_deeply [map { my $php = $sites->{$_}{php}; $php ? $php->{pool} : undef } qw(default h.test i.test n.test)],
+        [qw(www h www www)], 'with its pools';
+    is $sites->{'h.test'}{php}{version}, '8.1', 'and further versions of PHP';
+    is $sites->{'h.test'}{owner}, 'bob', 'whose account owns a site of the server';
+    is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
+    is_deeply(Linux::System::distribution($tree),
+        { id => 'rocky', name => 'Rocky Linux', version => '8.9', family => 'redhat' }, 'the distribution is known');
+    is_deeply [Linux::Php::versions($tree)], ['8.1'], 'versions of PHP are seen';
+}
+
+{
+    my ($centos) = imitated('etc/redhat-release' => "CentOS release 6.10 (Final)\n");
+    is_deeply(Linux::System::distribution($centos), { id => 'redhat', name => 'CentOS', version => '6.10', family => 'redhat' },
+        'old members of the Red Hat family are known');
+    my ($ubuntu) = imitated('usr/lib/os-release' => "ID=ubuntu\nNAME='Ubuntu'\nVERSION_ID=22.04\nID_LIKE=debian\n");
+    is(Linux::System::distribution($ubuntu)->{family}, 'debian', 'Ubuntu is of the Debian family');
+    my ($debian) = imitated('etc/debian_version' => "6.0.10\n");
+    is(Linux::System::distribution($debian)->{version}, '6.0.10', 'old releases of Debian are known');
+    my ($other) = imitated('etc/os-release' => "ID=void\n");
+    is(Linux::System::distribution($other)->{family}, 'other', 'others are others');
+}
+
+my $facts = Linux::System::facts(Linux::Tree->new);
+ok $facts->{$_}, "the host has: $_" for qw(hostname kernel architecture processors perl);
+cmp_ok $facts->{memory}{total}, '>', 1 << 20, 'memory is given in bytes';
+ok((grep { $_->{mount} eq '/' && $_->{free} > 0 && $_->{bytes} >= $_->{free} } @{ $facts->{filesystems} })
+    || !run(['findmnt', '-n', '/'])->{out}, 'file systems have their free space') or diag explain $facts->{filesystems};
+like $facts->{tools}{tar}, qr{/tar\z}, 'tools are found';
+
+{
+    my ($tree, $problems) = imitated('etc/sondrel/resellers' => <<'END');
+# who sells for whom
+big: ann, bob
+small: cid bob # one too many
+no colon
+END
+    is_deeply(Linux::Resellers::map_of($tree, $problems), { ann => 'big', bob => 'big', cid => 'small' },
+        'users have their resellers');
+    is_deeply problem_texts($problems), ['warning /etc/sondrel/resellers: Line 3: bob already belongs to big',
+        'error /etc/sondrel/resellers: Line 4: expected "reseller: user ..."'], 'mistakes are named';
+    ($tree, $problems) = imitated('etc/passwd' => '');
+    is_deeply(Linux::Resellers::map_of($tree, $problems), {}, 'without the file there are none');
+}
+
+{
+    my ($tree) = imitated('etc/ssl/bad.pem' => "no certificate\n", 'etc/ssl/here' => '');
+    my $made = run(['openssl', 'req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:prime256v1', '-nodes',
+        '-keyout', '/dev/null', '-out', $tree->path('/etc/ssl/a.pem'), '-days', '30', '-subj', '/O=A, B/CN=a.test',
+        '-addext', 'subjectAltName=DNS:a.test,DNS:*.a.test,IP:10.0.0.1']);
+    is $made->{status}, 0, 'a certificate is made' or diag $made->{err};
+    my $certificate = Linux::Tls::facts($tree, '/etc/ssl/a.pem');
+    is_deeply $certificate->{names}, ['a.test', '*.a.test', '10.0.0.1'], 'a certificate has its names';
+    is $certificate->{subject}, 'CN=a.test,O=A\, B', 'its subject';
+    is $certificate->{until} - $certificate->{from}, 30 * 86400, 'and its time';
+    cmp_ok abs($certificate->{from} - time), '<', 3600, 'in seconds since 1970';
+    is((Linux::Tls::facts($tree, '/etc/ssl/bad.pem'))[1], 'openssl cannot read it as a certificate', 'no certificate is named');
+    is((Linux::Tls::facts($tree, '/etc/ssl/gone'))[1], 'cannot be read: No such file or directory', 'a missing one, too');
+}
+
+{
+    my $many = join '', map {
+        "server { listen 80; server_name n$_.test www.n$_.test; return 301 https://n$_.test; }\n"
+            . "server { listen 443 ssl; server_name n$_.test; root /srv/n/$_; include snippet.conf; }\n"
+    } 1 .. 1000;
+    my $hosts = join '', map {
+        "<VirtualHost *:80>\nServerName a$_.test\nDocumentRoot /srv/a/$_\n<IfModule mod_x.c>\nAlias /x /srv/x\n</IfModule>\n"
+            . "</VirtualHost>\n"
+    } 1 .. 1000;
+    my ($tree, $problems) = imitated('etc/passwd' => $PASSWD, 'etc/nginx/nginx.conf' => "http {\n$many}\n",
+        'etc/nginx/snippet.conf' => "location ~ \\.php { fastcgi_pass unix:/run/php/x.sock; }\n",
+        'etc/apache2/apache2.conf' => $hosts, map { ("srv/n/$_/" => undef, "srv/a/$_/" => undef) } 1 .. 1000);
+    my $before = (times)[0];
+    my @sites = Linux::Sites::all($tree, $problems);
+    cmp_ok((times)[0] - $before, '<', 3, 'many sites are found in a short time');
+    is scalar @sites, 2000, 'all of them';
+    is $problems->count, 0, 'without a problem';
+}
+
+done_testing;
