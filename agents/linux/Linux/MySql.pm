@@ -122,8 +122,8 @@ sub environment {
 # Runs SQL: (rows, undef), or (undef, what went wrong).
 sub ask {
     my ($self, $sql) = @_;
-    my ($out, $error) = $self->question([$self->{client}, @{ $self->{login} }, '--batch', '--skip-column-names',
-        '--no-auto-rehash', '--default-character-set=utf8'], $sql);
+    my ($out, $error) = $self->question([$self->{client}, @{ $self->{login} }, '--batch',
+        '--skip-column-names', '--no-auto-rehash', '--default-character-set=utf8'], $sql);
     # Some clients repeat the statement before they say what is wrong with it.
     $error =~ s/\A-{5}.*-{5} (?=ERROR [0-9])//s if defined $error;
     return undef, $error if defined $error;
@@ -211,11 +211,13 @@ sub grants {
     return $self->{grants} if $self->{grants};
     my @grants;
     for my $table (qw(schema_privileges table_privileges column_privileges)) {
-        my ($rows, $error) = $self->ask("SELECT DISTINCT grantee, table_schema FROM information_schema.$table;");
+        my ($rows, $error)
+            = $self->ask("SELECT DISTINCT grantee, table_schema FROM information_schema.$table;");
         $self->problem('warning', undef, "The grants cannot be read: $error") if defined $error;
         for (@{ $rows || [] }) {
             my ($grantee, $scope) = @$_;
-            push @grants, [$1, $2, $scope, $table eq 'schema_privileges'] if $grantee =~ /\A'(.*)'\@'([^']*)'\z/s;
+            next if $grantee !~ /\A'(.*)'\@'([^']*)'\z/s;
+            push @grants, [$1, $2, $scope, $table eq 'schema_privileges'];
         }
     }
     # Grants for single routines are nowhere else; only administrators may read this.
@@ -228,7 +230,8 @@ sub grants {
 sub memberships {
     my ($self) = @_;
     return $self->{memberships} if $self->{memberships};
-    my ($rows) = $self->ask("SELECT User, Host, Role, '' FROM mysql.roles_mapping WHERE Admin_option = 'N' OR User <> 'root';");
+    # Who makes a role is its member: root is no account of a database for that.
+    my ($rows) = $self->ask("SELECT User, Host, Role, '' FROM mysql.roles_mapping WHERE User <> 'root';");
     ($rows) = $self->ask('SELECT TO_USER, TO_HOST, FROM_USER, FROM_HOST FROM mysql.role_edges;') if !$rows;
     return $self->{memberships} = $rows || [];
 }
@@ -245,7 +248,8 @@ sub accounts {
     my %accounts;
     for (@{ $rows || [] }) {
         my ($name, $host, $plugin, $hash, $role) = @$_;
-        $accounts{$name}{$host} = { plugin => $plugin, hash => pack('H*', $hash eq 'NULL' ? '' : $hash), role => $role };
+        $hash = $hash eq 'NULL' ? '' : pack 'H*', $hash;
+        $accounts{$name}{$host} = { plugin => $plugin, hash => $hash, role => $role };
     }
     return $self->{accounts} = \%accounts;
 }
@@ -313,23 +317,26 @@ sub broken_views {
 sub fields_error {
     my ($self, $database, @views) = @_;
     my $in = identifier($database->{name});
-    my (undef, $error) = $self->ask(join '', map { 'SHOW FIELDS FROM ' . identifier($_) . " FROM $in;\n" } @views);
+    my @questions = map { 'SHOW FIELDS FROM ' . identifier($_) . " FROM $in;\n" } @views;
+    my (undef, $error) = $self->ask(join '', @questions);
     return $error;
 }
 
 sub name_unsteady_tables {
     my ($self, $database) = @_;
     my ($rows) = $self->ask('SELECT table_name FROM information_schema.tables WHERE table_schema = '
-        . escaped($database->{name}) . " AND table_type = 'BASE TABLE' AND engine NOT IN ($TRANSACTIONAL) ORDER BY 1;");
+        . escaped($database->{name})
+        . " AND table_type = 'BASE TABLE' AND engine NOT IN ($TRANSACTIONAL) ORDER BY 1;");
     return if !$rows || !@$rows;
-    $self->problem('warning', $database, 'What changes in these tables while they are dumped may be half in the dump,'
-        . ' since their engine has no transactions: ' . join ', ', map { $_->[0] } @$rows);
+    $self->problem('warning', $database, 'What changes in these tables while they are dumped may be half in'
+        . ' the dump, since their engine has no transactions: ' . join ', ', map { $_->[0] } @$rows);
     return;
 }
 
 sub dump_tables {
     my ($self, $database, $broken, $sink, %options) = @_;
-    my $result = $self->stream_dump($self->dump_command($database, $broken), qr/^-- Dump completed/m, $sink, %options);
+    my $command = $self->dump_command($database, $broken);
+    my $result = $self->stream_dump($command, qr/^-- Dump completed/m, $sink, %options);
     my @errors = grep { /\S/ && !/\A(?:\S+: )?(?:-- )?\[?warning\b/i } split /\n/, $result->{err};
     return one_line($result->{err}) if !$result->{complete} || grep { $_ =~ $CONNECTION_ERROR } @errors;
     return "the program that dumps ended with status $result->{status}" if $result->{status} && !@errors;
@@ -340,9 +347,11 @@ sub dump_tables {
 # What these programs know differs much between their versions.
 sub dump_command {
     my ($self, $database, $broken) = @_;
-    $self->{knows} = run([$self->{dump}, '--no-defaults', '--help'], limit => 20)->{out} if !defined $self->{knows};
-    my @known = grep { my ($word) = /^--(?:skip-)?([\w-]+)/; $self->{knows} =~ /--(?:skip-)?\Q$word\E\b/ } qw(
-        --no-tablespaces --dump-history --events --skip-dump-date --set-gtid-purged=OFF --column-statistics=0);
+    if (!defined $self->{knows}) {
+        $self->{knows} = run([$self->{dump}, '--no-defaults', '--help'], limit => 20)->{out};
+    }
+    my @known = grep { my ($word) = /^--(?:skip-)?([\w-]+)/; $self->{knows} =~ /--(?:skip-)?\Q$word\E\b/ } qw(--no-tablespaces
+        --dump-history --events --skip-dump-date --set-gtid-purged=OFF --column-statistics=0);
     my $utf8 = $self->{version} =~ /\A5\.(?:[01]\.|5\.[012]\b)/ ? 'utf8' : 'utf8mb4';
     return [$self->{dump}, @{ $self->{login} }, '--single-transaction', '--quick', '--force', '--routines',
         '--triggers', '--hex-blob', '--max-allowed-packet=1G', "--default-character-set=$utf8", @known,
@@ -354,7 +363,8 @@ sub definitions {
     my ($self, $database, @views) = @_;
     my $out = '';
     for my $view (@views) {
-        my ($rows) = $self->ask('SHOW CREATE VIEW ' . identifier($database->{name}) . '.' . identifier($view) . ';');
+        my $name = identifier($database->{name}) . '.' . identifier($view);
+        my ($rows) = $self->ask("SHOW CREATE VIEW $name;");
         $out .= comment("This view could not be read:\n$rows->[0][1]") if $rows && @$rows;
     }
     return $out;
@@ -374,8 +384,9 @@ sub account_statements {
         my $statement = $self->account_statement($user);
         my ($given, $error) = $self->given($user, $database);
         if (!defined $statement || defined $error) {
-            $self->problem('warning', $database, "The account " . account($user) . ' and its grants are not in the dump'
-                . (defined $error ? ": $error" : ', since the server does not show its password'));
+            my $why = defined $error ? ": $error" : ', since the server does not show its password';
+            $self->problem('warning', $database,
+                'The account ' . account($user) . " and its grants are not in the dump$why");
             next;
         }
         push @accounts, $statement;
@@ -397,7 +408,8 @@ sub account_statement {
     my $account = account($user);
     return "CREATE ROLE IF NOT EXISTS $account" if $user->{role};
     # The hashes of MySQL 8 are bytes that no text holds; others take this for a comment.
-    my ($rows) = $self->ask("/*!80017 SET SESSION print_identified_with_as_hex = 1 */; SHOW CREATE USER $account;");
+    my ($rows) = $self->ask('/*!80017 SET SESSION print_identified_with_as_hex = 1 */;'
+        . " SHOW CREATE USER $account;");
     if ($rows && @$rows) {
         my $statement = $rows->[-1][0];
         $statement =~ s/\ACREATE USER (?!IF NOT EXISTS)/CREATE USER IF NOT EXISTS /;
@@ -423,13 +435,15 @@ sub given {
     for my $statement (map { $_->[0] } @$rows) {
         if ($statement =~ /\AGRANT (?:[^`]|$QUOTED)*? ON (?:[A-Z ]+ )?($QUOTED)\.(\*?)/s) {
             my ($scope, $all) = (name($1), $2);
-            push @given, $statement if $all ? $database->{name} =~ pattern($scope) : $database->{name} eq $scope;
+            push @given, $statement
+                if $all ? $database->{name} =~ pattern($scope) : $database->{name} eq $scope;
         }
         elsif ($statement =~ /\A(?:GRANT|SET DEFAULT ROLE) ($QUOTED|[^`\s]+)/ && $roles{ name($1) }) {
             push @given, $statement;
         }
         elsif ($statement =~ /\AGRANT (?!USAGE ON)(.*) ON \*\.\*/s) {
-            $self->problem('info', $database, 'The account ' . account($user) . " loses its server-wide rights: $1");
+            $self->problem('info', $database,
+                'The account ' . account($user) . " loses its server-wide rights: $1");
         }
     }
     return \@given, undef;

@@ -44,8 +44,8 @@ sub found {
     $by_port{ $_->{port} }{automatic} ||= $_->{automatic} for clusters($tree);
     my @servers;
     for my $port (sort { $a <=> $b } keys %by_port) {
-        my $self = bless { limit => 60, product => 'PostgreSQL', label => "PostgreSQL (port $port)", port => $port,
-            %options, %{ $by_port{$port} } }, $class;
+        my $self = bless { limit => 60, product => 'PostgreSQL', label => "PostgreSQL (port $port)",
+            port => $port, %options, %{ $by_port{$port} } }, $class;
         $self->connect;
         push @servers, $self;
     }
@@ -61,7 +61,8 @@ sub clusters {
         next if !@lines && !$tree->exists("$folder/postgresql.conf") && $! != EACCES;
         my ($port) = map { /^\s*port\s*=?\s*'?([0-9]+)/ ? $1 : () } reverse @lines;
         my $start = first { /^\w/ } $tree->read_lines("$folder/start.conf");
-        push @found, { port => $port || $DEFAULT_PORT, automatic => !defined $start || $start =~ /^auto/ ? 1 : 0 };
+        push @found, { port => $port || $DEFAULT_PORT,
+            automatic => !defined $start || $start =~ /^auto/ ? 1 : 0 };
     }
     return @found;
 }
@@ -111,22 +112,24 @@ sub command {
     my @to = ('--host', $self->{tree}->path($self->{folder}), '--port', $self->{port}, '--no-password');
     return [$program, @to, @arguments] if $> || !$uid;
     my $name = getpwuid $uid;
-    return [$^X, '-e', $AS_ACCOUNT, $uid, $gid, $program, @to, defined $name ? ('--username', $name) : (), @arguments];
+    push @to, '--username', $name if defined $name;
+    return [$^X, '-e', $AS_ACCOUNT, $uid, $gid, $program, @to, @arguments];
 }
 
 # Objects that somebody made in a database must not stand in for the system's own.
 sub environment {
     my %clean = map { $_ => undef } grep { /\APG/ } keys %ENV;
-    return { %clean, PGCLIENTENCODING => 'UTF8', PGOPTIONS => '-c search_path=pg_catalog', PGCONNECT_TIMEOUT => 10 };
+    return { %clean, PGCLIENTENCODING => 'UTF8', PGOPTIONS => '-c search_path=pg_catalog',
+        PGCONNECT_TIMEOUT => 10 };
 }
 
 # Runs one query: (rows, undef), or (undef, what went wrong).
 sub ask {
     my ($self, $sql, $database) = @_;
-    my ($out, $error) = $self->question($self->command($self->choose_program('psql'), '--no-psqlrc', '--quiet',
-        '--no-align', '--tuples-only', '--field-separator', $FIELD, '--record-separator', $ROW,
-        '--set', 'ON_ERROR_STOP=1', '--dbname', 'dbname=' . escaped(defined $database ? $database : 'postgres'),
-        '--file', '-'), "$sql;");
+    my $name = defined $database ? $database : 'postgres';
+    my ($out, $error) = $self->question($self->command($self->choose_program('psql'), '--no-psqlrc',
+        '--quiet', '--no-align', '--tuples-only', '--field-separator', $FIELD, '--record-separator', $ROW,
+        '--set', 'ON_ERROR_STOP=1', '--dbname', 'dbname=' . escaped($name), '--file', '-'), "$sql;");
     return undef, $error if defined $error;
     $out =~ s/\n\z//;
     return [map { [split /$FIELD/, $_, -1] } split /$ROW/, $out], undef;
@@ -153,15 +156,16 @@ sub databases {
         $name = text_of($name);
         next if $name eq 'postgres' && !$self->in_use($name);
         push @databases, { kind => 'postgresql', server => $self->{label}, name => $name, id => $id,
-            bytes => length $bytes ? $bytes : undef, users => [$self->users($id)], closed => $allowed eq 'f' };
+            bytes => length $bytes ? $bytes : undef, users => [$self->users($id)],
+            closed => $allowed eq 'f' };
     }
     return @databases;
 }
 
 sub in_use {
     my ($self, $name) = @_;
-    my ($rows) = $self->ask("SELECT 1 FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace WHERE c.oid >= 16384
-        AND n.nspname NOT IN ('pg_catalog', 'information_schema') AND n.nspname !~ '^pg_' LIMIT 1", $name);
+    my ($rows) = $self->ask("SELECT 1 FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace
+        WHERE c.oid >= 16384 AND n.nspname NOT IN ('pg_catalog', 'information_schema') AND n.nspname !~ '^pg_' LIMIT 1", $name);
     return $rows && @$rows;
 }
 
@@ -184,11 +188,11 @@ sub roles {
     my ($self) = @_;
     return $self->{roles} if $self->{roles};
     my $columns = 'rolcanlogin, rolinherit, rolconnlimit, ' . hex_of("coalesce(rolvaliduntil::text, '')")
-        . ', array_to_string(ARRAY[CASE WHEN rolsuper THEN \'SUPERUSER\' END, CASE WHEN rolcreatedb THEN \'CREATEDB\' END,'
-        . ' CASE WHEN rolcreaterole THEN \'CREATEROLE\' END], \', \')';
-    my ($rows, $error) = $self->ask('SELECT oid, ' . hex_of('rolname') . ", $columns, "
-        . hex_of("coalesce(rolpassword, '')") . ' FROM pg_authid');
-    ($rows, $error) = $self->ask('SELECT oid, ' . hex_of('rolname') . ", $columns FROM pg_roles") if defined $error;
+        . q{, array_to_string(ARRAY[CASE WHEN rolsuper THEN 'SUPERUSER' END, CASE WHEN rolcreatedb THEN}
+        . q{ 'CREATEDB' END, CASE WHEN rolcreaterole THEN 'CREATEROLE' END], ', ')};
+    my $select = 'SELECT oid, ' . hex_of('rolname') . ", $columns";
+    my ($rows, $error) = $self->ask("$select, " . hex_of("coalesce(rolpassword, '')") . ' FROM pg_authid');
+    ($rows, $error) = $self->ask("$select FROM pg_roles") if defined $error;
     $self->problem('warning', undef, "The roles cannot be read: $error") if defined $error;
     my %roles;
     for (@{ $rows || [] }) {
@@ -206,8 +210,8 @@ sub roles {
 sub involved {
     my ($self) = @_;
     return $self->{involved} if $self->{involved};
-    my ($rows) = $self->ask("SELECT DISTINCT d.oid, s.refobjid FROM pg_shdepend s JOIN pg_database d ON s.dbid = d.oid
-        OR (s.dbid = 0 AND s.classid = 'pg_database'::regclass AND s.objid = d.oid)
+    my ($rows) = $self->ask("SELECT DISTINCT d.oid, s.refobjid FROM pg_shdepend s JOIN pg_database d
+        ON s.dbid = d.oid OR (s.dbid = 0 AND s.classid = 'pg_database'::regclass AND s.objid = d.oid)
         WHERE s.refclassid = 'pg_authid'::regclass UNION SELECT oid, datdba FROM pg_database");
     my %involved;
     push @{ $involved{ $_->[0] } }, $_->[1] for @{ $rows || [] };
@@ -301,8 +305,9 @@ sub role_statements {
         $out .= $self->role_statement($role);
         $self->problem('warning', $database, "The password of the role $role->{name} is not in the dump,"
             . ' since only administrators may read it') if !defined $role->{password};
-        $self->problem('info', $database, "The role $role->{name} loses its server-wide rights: $role->{rights}")
-            if length $role->{rights};
+        next if !length $role->{rights};
+        $self->problem('info', $database,
+            "The role $role->{name} loses its server-wide rights: $role->{rights}");
     }
     for (grep { $chosen{ $_->[0] } && $chosen{ $_->[1] } } @{ $self->memberships }) {
         my ($role, $member, $admin) = @$_;
@@ -316,13 +321,14 @@ sub role_statements {
 sub role_statement {
     my ($self, $role) = @_;
     my $name = identifier($role->{name});
-    my $create = "CREATE ROLE $name " . ($role->{login} ? 'LOGIN ' : '') . ($role->{inherit} ? '' : 'NOINHERIT ')
-        . "CONNECTION LIMIT $role->{connections}"
-        . (length $role->{until} ? ' VALID UNTIL ' . literal($role->{until}) : '')
-        . (defined $role->{password} && length $role->{password} ? ' PASSWORD ' . literal($role->{password}) : '') . ';';
+    my %text = map { $_ => defined $role->{$_} && length $role->{$_} ? literal($role->{$_}) : undef }
+        qw(until password);
+    my $create = join ' ', "CREATE ROLE $name", $role->{login} ? 'LOGIN' : (), $role->{inherit} ? () : 'NOINHERIT',
+        "CONNECTION LIMIT $role->{connections}", $text{until} ? "VALID UNTIL $text{until}" : (),
+        $text{password} ? "PASSWORD $text{password}" : ();
     my @settings = map { " ALTER ROLE $name SET " . setting(@$_) } $self->settings($role->{id}, 0);
-    my $body = 'BEGIN IF NOT EXISTS (SELECT 1 FROM pg_catalog.pg_roles WHERE rolname = ' . literal($role->{name})
-        . ") THEN $create@settings END IF; END";
+    my $missing = 'NOT EXISTS (SELECT 1 FROM pg_catalog.pg_roles WHERE rolname = ' . literal($role->{name}) . ')';
+    my $body = "BEGIN IF $missing THEN $create;@settings END IF; END";
     my $tag = 'role';
     $tag .= 'x' while index($body, "\$$tag\$") >= 0;
     return "DO \$$tag\$$body\$$tag\$;\n";
@@ -340,7 +346,8 @@ sub setting {
             push @values, $one;
         }
     }
-    return join('.', map { identifier($_) } split /\./, $name) . ' TO ' . join(', ', map { literal($_) } @values) . ';';
+    my $variable = join '.', map { identifier($_) } split /\./, $name;
+    return "$variable TO " . join(', ', map { literal($_) } @values) . ';';
 }
 
 # What the programs before version 11 leave to others: the settings of the database
@@ -353,7 +360,8 @@ sub database_statements {
     $out .= "ALTER DATABASE $name SET " . setting(@$_) . "\n" for $self->settings(0, $id);
     for my $user (@{ $database->{users} }) {
         my $role = identifier($user->{name});
-        $out .= "ALTER ROLE $role IN DATABASE $name SET " . setting(@$_) . "\n" for $self->settings($user->{id}, $id);
+        $out .= "ALTER ROLE $role IN DATABASE $name SET " . setting(@$_) . "\n"
+            for $self->settings($user->{id}, $id);
     }
     my ($rights) = $self->ask("SELECT (x).grantee, (x).privilege_type, (x).is_grantable FROM
         (SELECT aclexplode(datacl) AS x FROM pg_database WHERE oid = $id) AS rights ORDER BY 1, 2");
@@ -361,8 +369,8 @@ sub database_statements {
     $out .= "REVOKE ALL ON DATABASE $name FROM PUBLIC;\n";
     for (grep { !$_->[0] || $roles->{ $_->[0] } } @$rights) {
         my ($grantee, $right, $on) = @$_;
-        $out .= "GRANT $right ON DATABASE $name TO " . ($grantee ? identifier($roles->{$grantee}{name}) : 'PUBLIC')
-            . ($on eq 't' ? ' WITH GRANT OPTION' : '') . ";\n";
+        my $to = $grantee ? identifier($roles->{$grantee}{name}) : 'PUBLIC';
+        $out .= "GRANT $right ON DATABASE $name TO $to" . ($on eq 't' ? ' WITH GRANT OPTION' : '') . ";\n";
     }
     return $out;
 }

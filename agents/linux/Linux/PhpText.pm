@@ -1,0 +1,174 @@
+# Reads the constants, variables and arrays that a PHP text sets to plain values. The
+# text is never run: what is computed is left out, whatever branch it stands in counts.
+package Linux::PhpText;
+
+use strict;
+use warnings;
+
+my %ESCAPED = (n => "\n", t => "\t", r => "\r", v => "\x0b", e => "\e", f => "\f");
+
+# { key => value }, where $a['b']['c'], $a->b->c and nested arrays give "a.b.c", and
+# what a file returns has keys of its own.
+sub settings {
+    my ($text) = @_;
+    my $self = bless { tokens => tokens($text), at => 0, values => {} }, __PACKAGE__;
+    while (defined(my $token = $self->next_token)) {
+        my ($type, $content) = @$token;
+        if    ($type eq 'variable')                          { $self->assignment($content) }
+        elsif ($type eq 'word' && lc $content eq 'define')   { $self->definition }
+        elsif ($type eq 'word' && lc $content eq 'const')    { $self->constant }
+        elsif ($type eq 'word' && lc $content eq 'return')   { $self->value('') }
+    }
+    return $self->{values};
+}
+
+# [type, content]: variable, word, number, string (content undef where it depends on
+# more than its text) or mark.
+sub tokens {
+    my ($text) = @_;
+    $text =~ s/\A.*?<\?(?:php\b|=)?//s;
+    my @tokens;
+    for ($text) {
+        while (1) {
+            if    (/\G(?:\s+|#(?!\[)[^\n]*|\/\/[^\n]*|\/\*.*?(?:\*\/|\z))/gcs) { next }
+            elsif (/\G'([^'\\]*(?:\\.[^'\\]*)*)'/gcs) { push @tokens, [string => single_quoted($1)] }
+            elsif (/\G"([^"\\]*(?:\\.[^"\\]*)*)"/gcs) { push @tokens, [string => double_quoted($1)] }
+            elsif (/\G<<<\s*(['"]?)(\w+)\1\r?\n.*?^\s*\2\b/gcms) { push @tokens, [string => undef] }
+            elsif (/\G\$(\w+)/gc)              { push @tokens, [variable => $1] }
+            elsif (/\G([\w\\]*[A-Za-z_]\w*)/gc) { push @tokens, [word => $1] }
+            elsif (/\G([0-9]+)(?![\w.])/gc)     { push @tokens, [number => $1] }
+            elsif (/\G(=>|->|::|[=!<>]=+|.)/gcs) { push @tokens, [mark => $1] }
+            else                               { last }
+        }
+    }
+    return \@tokens;
+}
+
+sub single_quoted {
+    my ($text) = @_;
+    $text =~ s/\\([\\'])/$1/g;
+    return $text;
+}
+
+sub double_quoted {
+    my ($text) = @_;
+    return if $text =~ /(?<!\\)(?:\\\\)*(?:\$[\w{]|\{\$)/;
+    $text =~ s/\\(?:([ntrvef])|([\\\$"])|x([0-9A-Fa-f]{1,2})|([0-7]{1,3}))/
+        defined $1 ? $ESCAPED{$1} : defined $2 ? $2 : chr(defined $3 ? hex $3 : oct($4) & 255)/gex;
+    return $text;
+}
+
+sub next_token { return $_[0]{tokens}[ $_[0]{at}++ ] }
+
+# Whether the next token is one of these marks; looks only.
+sub comes {
+    my ($self, @marks) = @_;
+    my $token = $self->{tokens}[ $self->{at} ];
+    return $token && $token->[0] eq 'mark' && grep { $_ eq $token->[1] } @marks;
+}
+
+# Takes the next token if it is the mark.
+sub take {
+    my ($self, $mark) = @_;
+    return if !$self->comes($mark);
+    $self->{at}++;
+    return 1;
+}
+
+# Takes the next token if it is a string.
+sub take_string {
+    my ($self) = @_;
+    my $token = $self->{tokens}[ $self->{at} ];
+    return if !$token || $token->[0] ne 'string';
+    $self->{at}++;
+    return $token->[1];
+}
+
+sub definition {
+    my ($self) = @_;
+    return if !$self->take('(');
+    my $name = $self->take_string;
+    $self->value($name) if defined $name && $self->take(',');
+    return;
+}
+
+sub constant {
+    my ($self) = @_;
+    my $name = $self->{tokens}[ $self->{at} ];
+    return if !$name || $name->[0] ne 'word';
+    $self->{at}++;
+    $self->value($name->[1]) if $self->take('=');
+    return;
+}
+
+sub assignment {
+    my ($self, $key) = @_;
+    while (1) {
+        if ($self->take('[')) {
+            my $part = $self->take_string;
+            return if !defined $part || !$self->take(']');
+            $key .= ".$part";
+        }
+        elsif ($self->take('->')) {
+            my $part = $self->next_token;
+            return if !$part || $part->[0] ne 'word';
+            $key .= ".$part->[1]";
+        }
+        else { last }
+    }
+    $self->value($key) if $self->take('=');
+    return;
+}
+
+# A value for a key: a plain one, which is kept, or an array, whose entries are.
+sub value {
+    my ($self, $key) = @_;
+    my $token = $self->{tokens}[ $self->{at} ] or return;
+    my ($type, $content) = @$token;
+    if ($type eq 'mark' && $content eq '[') {
+        $self->{at}++;
+        return $self->entries($key, ']');
+    }
+    if ($type eq 'word' && lc $content eq 'array') {
+        $self->{at}++;
+        return $self->take('(') ? $self->entries($key, ')') : ();
+    }
+    return if $type ne 'string' && $type ne 'number';
+    $self->{at}++;
+    $self->{values}{$key} = $content if defined $content && $self->comes(';', ',', ']', ')');
+    return;
+}
+
+sub entries {
+    my ($self, $above, $end) = @_;
+    my $number = 0;
+    while ($self->{at} < @{ $self->{tokens} } && !$self->take($end)) {
+        my $token = $self->{tokens}[ $self->{at} ];
+        my $after = $self->{tokens}[ $self->{at} + 1 ];
+        my $key = $number++;
+        if ($after && $after->[0] eq 'mark' && $after->[1] eq '=>') {
+            $key = $token->[1];
+            $self->{at} += 2;
+        }
+        $self->value(length $above ? "$above.$key" : $key) if defined $key;
+        $self->skip_entry($end);
+    }
+    return;
+}
+
+# Goes on after the next comma of this array, or before its end.
+sub skip_entry {
+    my ($self, $end) = @_;
+    my $depth = 0;
+    while ($self->{at} < @{ $self->{tokens} }) {
+        return if !$depth && $self->comes($end);
+        my ($type, $content) = @{ $self->next_token };
+        next if $type ne 'mark';
+        return if !$depth && $content eq ',';
+        $depth++ if $content =~ /\A[\[({]\z/;
+        $depth-- if $content =~ /\A[\])}]\z/;
+    }
+    return;
+}
+
+1;
