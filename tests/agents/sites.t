@@ -175,6 +175,37 @@ END
     is(Linux::System::distribution($other)->{family}, 'other', 'others are others');
 }
 
+{
+    my ($tree, $problems) = imitated('etc/passwd' => $PASSWD, 'etc/nginx/nginx.conf' => <<'END',
+http {
+    include sites/*;
+    include closed/*;
+    server { listen 443 ssl; server_name a.test; root /home/ann/www; ssl_certificate a.pem; ssl_certificate_key a.key; }
+}
+END
+        'etc/apache2/apache2.conf' => 'ServerName x', 'etc/nginx/sites/b' => 'server {}', 'etc/nginx/a.pem' => 'x',
+        'etc/nginx/a.key' => 'x', 'home/ann/www/' => [4101, 4101], 'etc/nginx/closed/c' => 'server {}',
+        'etc/php/8.2/fpm/pool.d/a.conf' => 'x');
+    my %modes = ('etc/apache2' => 0700, 'etc/nginx/sites/b' => 0600, 'etc/nginx/a.key' => 0600, 'home/ann' => 0700,
+        'etc/nginx/closed' => 0700, 'etc/php/8.2/fpm/pool.d' => 0700, '' => 0755);
+    chmod $modes{$_}, $tree->path("/$_") for keys %modes;
+    my @sites;
+    {
+        local $> = 65534;
+        @sites = Linux::Sites::all($tree, $problems);
+    }
+    is_deeply [map {"$_->{name} $_->{owner} @{ $_->{roots} }"} @sites], ['a.test ann /home/ann/www'],
+        'a plain account finds what it may see, and names the rest of a site';
+    is_deeply [sort @{ problem_texts($problems) }], [
+        'error /etc/apache2/apache2.conf: Cannot be read: Permission denied',
+        'error /etc/nginx/closed: Cannot be read: Permission denied',
+        'error /etc/nginx/sites/b: Cannot be read: Permission denied (included by /etc/nginx/nginx.conf)',
+        'error /etc/php/8.2/fpm/pool.d: Cannot be read: Permission denied',
+        'error a.test: Document root /home/ann/www cannot be read: Permission denied',
+        'error a.test: The file /etc/nginx/a.key may not be read',
+    ], 'what it may not see is named' or diag explain problem_texts($problems);
+}
+
 my $facts = Linux::System::facts(Linux::Tree->new);
 ok $facts->{$_}, "the host has: $_" for qw(hostname kernel architecture processors perl);
 cmp_ok $facts->{memory}{total}, '>', 1 << 20, 'memory is given in bytes';
@@ -225,9 +256,12 @@ END
         'etc/nginx/snippet.conf' => "location ~ \\.php { fastcgi_pass unix:/run/php/x.sock; }\n",
         'etc/apache2/apache2.conf' => $hosts, map { ("srv/n/$_/" => undef, "srv/a/$_/" => undef) } 1 .. 1000);
     my $before = (times)[0];
+    my $breaths = 0;
+    local $Agent::Process::while_waiting = sub { $breaths++ };
     my @sites = Linux::Sites::all($tree, $problems);
     cmp_ok((times)[0] - $before, '<', 3, 'many sites are found in a short time');
     is scalar @sites, 2000, 'all of them';
+    cmp_ok $breaths, '>=', 1, 'while other work is not kept waiting';
     is $problems->count, 0, 'without a problem';
 }
 

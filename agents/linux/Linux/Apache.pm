@@ -4,7 +4,7 @@ package Linux::Apache;
 
 use strict;
 use warnings;
-use Agent::Process qw(run which);
+use Agent::Process qw(run which breathe);
 use Linux::ApacheConfig;
 use Linux::Site qw(new_block add_once is_host_name target_host join_blocks below);
 
@@ -35,20 +35,15 @@ my %ACCESS = map { $_ => 1 } qw(
 
 # Version of the installed server; undef without one.
 sub version {
-    my ($program) = grep { which($_) } qw(apache2 httpd) or return;
+    my ($program) = grep { which($_) } qw(apache2 httpd) or return undef;
     return run([$program, '-v'], limit => 5)->{out} =~ m{Apache/([\w.]+)} ? $1 : undef;
-}
-
-sub main_file {
-    my ($tree) = @_;
-    return (grep { $tree->lstat($_) } @MAIN_FILES)[0];
 }
 
 sub sites {
     my ($tree, $problems) = @_;
-    my $main = main_file($tree);
-    return if !defined $main;
     my $config = Linux::ApacheConfig->new(tree => $tree, problems => $problems);
+    my $main = $config->first_of(@MAIN_FILES);
+    return if !defined $main;
     my @directives = $config->load($main);
     my $self = bless { tree => $tree, problems => $problems, config => $config }, __PACKAGE__;
     my @hosts = virtual_hosts(@directives);
@@ -111,6 +106,7 @@ sub listen_of {
 # The record of a virtual host, and of those that its folders make.
 sub host_blocks {
     my ($self, $host) = @_;
+    breathe();
     my $base = $self->{base_block};
     my $block = new_block('apache', @$host{qw(file line)});
     my @directives = @{ $host->{block} };

@@ -5,6 +5,8 @@ package Linux::ConfigReader;
 
 use strict;
 use warnings;
+use Agent::Process qw(breathe);
+use Errno qw(EACCES);
 
 our $MOST_DEPTH = 20;
 
@@ -30,7 +32,29 @@ sub problem {
 sub matching {
     my ($self, $word) = @_;
     my $pattern = $self->absolute($word);
-    return $pattern =~ /[*?\[]/ ? $self->{tree}->glob($pattern) : $pattern;
+    return $pattern if $pattern !~ /[*?\[]/;
+    note_unreadable(@$self{qw(tree problems)}, $pattern);
+    return $self->{tree}->glob($pattern);
+}
+
+# A pattern finds nothing in a folder that this account may not read.
+sub note_unreadable {
+    my ($tree, $problems, $pattern) = @_;
+    my ($folders) = $pattern =~ m{\A(.*)/};
+    for my $folder ($tree->glob($folders)) {
+        $tree->list($folder);
+        $problems->add(severity => 'error', object => $folder, text => "Cannot be read: $!") if $! == EACCES;
+    }
+    return;
+}
+
+# The first of some files that is there; also one that may only not be looked at.
+sub first_of {
+    my ($self, @files) = @_;
+    for my $file (@files) {
+        return $file if $self->{tree}->lstat($file) || $! == EACCES;
+    }
+    return undef;
 }
 
 # The directives of files that stand for the directive that includes them; the stack
@@ -53,6 +77,7 @@ sub directives_of {
 sub parsed {
     my ($self, $file, $by) = @_;
     return $self->{parsed}{$file} if exists $self->{parsed}{$file};
+    breathe();
     my $text = $self->{tree}->read_file($file);
     return $self->{parsed}{$file} = $self->parse($file, $text) if defined $text;
     my $why = "Cannot be read: $!";

@@ -4,7 +4,7 @@ package Linux::Nginx;
 
 use strict;
 use warnings;
-use Agent::Process qw(run which);
+use Agent::Process qw(run which breathe);
 use Linux::NginxConfig;
 use Linux::Site qw(new_block add_once is_host_name join_blocks);
 
@@ -21,20 +21,15 @@ my $OPEN = "\x01";
 
 # Version of the installed server; undef without one.
 sub version {
-    return if !which('nginx');
+    return undef if !which('nginx');
     return run(['nginx', '-v'], limit => 5)->{err} =~ m{nginx/([\w.]+)} ? $1 : undef;
-}
-
-sub main_file {
-    my ($tree) = @_;
-    return (grep { $tree->lstat($_) } @MAIN_FILES)[0];
 }
 
 sub sites {
     my ($tree, $problems) = @_;
-    my $main = main_file($tree);
-    return if !defined $main;
     my $config = Linux::NginxConfig->new(tree => $tree, problems => $problems);
+    my $main = $config->first_of(@MAIN_FILES);
+    return if !defined $main;
     my ($prefix) = grep { $tree->is_dir($_) } @PREFIXES;
     my $self = bless { tree => $tree, problems => $problems, config => $config,
         prefix => defined $prefix ? $prefix : $PREFIXES[0] }, __PACKAGE__;
@@ -79,6 +74,7 @@ sub simple_values {
 # The record of a server, and of those that an unclosed block has swallowed.
 sub server_blocks {
     my ($self, $server, $inherited) = @_;
+    breathe();
     my @directives = @{ $server->{block} };
     my %scope = (%$inherited, simple_values(\@directives));
     my $block = new_block('nginx', @$server{qw(file line)});

@@ -5,6 +5,7 @@ package Linux::Php;
 use strict;
 use warnings;
 use Agent::Process qw(run which);
+use Linux::ConfigReader;
 
 # Folders of pool files; "*" in the second place holds the version.
 my @POOL_FOLDERS = (
@@ -61,7 +62,7 @@ sub dotted {
 my %default_version;
 sub default_version {
     my ($tree) = @_;
-    return if $tree->root ne '/';
+    return undef if $tree->root ne '/';
     return $default_version{known} if exists $default_version{known};
     my ($program) = grep { which($_) } qw(php-fpm php);
     my $text = $program ? run([$program, '-v'], limit => 5, most => 10_000)->{out} : '';
@@ -70,10 +71,12 @@ sub default_version {
 
 sub read_pools {
     my ($self) = @_;
+    my $tree = $self->{tree};
     for my $place (@POOL_FOLDERS) {
         my ($folder, $version) = @$place;
-        for my $file ($self->{tree}->glob("$folder/*.conf")) {
-            my $of_file = $version && $file =~ $version ? dotted($1) : default_version($self->{tree});
+        Linux::ConfigReader::note_unreadable($tree, $self->{problems}, "$folder/*.conf");
+        for my $file ($tree->glob("$folder/*.conf")) {
+            my $of_file = $version && $file =~ $version ? dotted($1) : default_version($tree);
             $self->read_pool_file($file, $of_file);
         }
     }

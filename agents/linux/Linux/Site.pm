@@ -19,8 +19,8 @@ sub new_block {
     return {
         server => $server, file => $file, line => $line, names => [], root => undef, roots => [],
         listen => [], tls => undef, redirects => [], access => [], logs => [], config => [],
-        files => [], proxies => [], php_settings => {}, php_addresses => [], php_module => 0, php_user => undef,
-        content => 0,
+        files => [], proxies => [], php_settings => {}, php_addresses => [], php_module => 0,
+        php_user => undef, content => 0,
     };
 }
 

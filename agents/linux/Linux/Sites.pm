@@ -4,6 +4,7 @@ package Linux::Sites;
 
 use strict;
 use warnings;
+use Agent::Process qw(breathe);
 use Linux::Apache;
 use Linux::Nginx;
 use Linux::Php;
@@ -28,6 +29,7 @@ sub all {
     my @sites = merge(Linux::Nginx::sites($tree, $problems), Linux::Apache::sites($tree, $problems));
     my $homes = homes($users);
     for my $site (@sites) {
+        breathe();
         $site->{servers} ||= [$site->{server}];
         $site->{php} = $php->of_site($site);
         set_owner($tree, $users, $homes, $site);

@@ -54,17 +54,17 @@ sub resolve {
         my $here = "$done/$part";
         my $last = !@todo;
         my @stat = lstat $self->{root} . $here;
-        return if !@stat && !($last && !$follow);
+        return undef if !@stat && !($last && !$follow);
         if (!@stat || !S_ISLNK($stat[2]) || ($last && !$follow)) {
             $done = $here;
             next;
         }
         if (++$links > $MOST_LINKS) {
             $! = ELOOP;
-            return;
+            return undef;
         }
         my $target = readlink $self->{root} . $here;
-        return if !defined $target;
+        return undef if !defined $target;
         $done = '' if $target =~ m{^/};
         unshift @todo, grep { $_ ne '' && $_ ne '.' } split m{/+}, $target;
     }
@@ -124,18 +124,18 @@ sub read_file {
     my ($self, $path, $most) = @_;
     $most = $MOST_BYTES if !defined $most;
     my $real = $self->real($path);
-    return if !defined $real;
-    sysopen my $file, $self->{root} . $real, O_RDONLY | O_NONBLOCK or return;
+    return undef if !defined $real;
+    sysopen my $file, $self->{root} . $real, O_RDONLY | O_NONBLOCK or return undef;
     my @stat = CORE::stat $file;
     if (!@stat || !S_ISREG($stat[2])) {
         $! = EINVAL;
-        return;
+        return undef;
     }
     my $bytes = '';
     while (my $got = sysread $file, $bytes, 65536, length $bytes) {
         next if length $bytes <= $most;
         $! = EFBIG;
-        return;
+        return undef;
     }
     return $bytes;
 }

@@ -12,9 +12,10 @@ use IO::Select;
 use POSIX ();
 use Time::HiRes ();
 
-our @EXPORT_OK = qw(run stream start finish which lower_priority);
+our @EXPORT_OK = qw(run stream start finish which lower_priority breathe);
 
-# Called at least every second while a program without a `tick` of its own runs.
+# Called at least every second while a program without a `tick` of its own runs,
+# and from breathe().
 our $while_waiting;
 
 my $PIECE         = 65536;
@@ -33,6 +34,16 @@ sub which {
     for my $dir (split(/:/, defined $ENV{PATH} ? $ENV{PATH} : ''), @MORE_PLACES) {
         return "$dir/$program" if $dir =~ m{^/} && -f "$dir/$program" && -x _;
     }
+    return undef;
+}
+
+# To be called often by long work that runs no programs.
+my $last_breath = 0;
+sub breathe {
+    my $now = Time::HiRes::time();
+    return if !$while_waiting || $now - $last_breath < $TICK_SECONDS;
+    $last_breath = $now;
+    $while_waiting->();
     return;
 }
 
