@@ -17,14 +17,14 @@ my $MOST_LINKS   = 40;
 my $NOT_REUSABLE = '-';
 
 # Folders that belong to the system whatever a site's configuration says.
-my %OF_SYSTEM = map { $_ => 1 } qw(/ /bin /boot /dev /etc /home /lib /lib64 /proc /root /run /sbin /sys /tmp /usr
-    /usr/share /usr/lib /var /var/lib /var/log /var/mail /var/spool /var/tmp);
+my %OF_SYSTEM = map { $_ => 1 } qw(/ /bin /boot /dev /etc /home /lib /lib64 /proc /root /run /sbin /sys /tmp
+    /usr /usr/share /usr/lib /var /var/lib /var/log /var/mail /var/spool /var/tmp);
 
 # What a new host may want to look up: servers' settings and the accounts.
 my @SETTINGS = qw(/etc/nginx /etc/apache2 /etc/httpd /etc/php /etc/php.ini /etc/php.d /etc/php-fpm.conf
-    /etc/php-fpm.d /etc/opt/remi /etc/mysql /etc/my.cnf /etc/my.cnf.d /etc/postgresql /etc/postfix /etc/dovecot
-    /etc/exim4 /etc/exim /etc/aliases /etc/mailname /etc/crontab /etc/cron.d /etc/logrotate.d /etc/hosts
-    /etc/hostname /etc/passwd /etc/group /etc/os-release /etc/sondrel);
+    /etc/php-fpm.d /etc/opt/remi /etc/mysql /etc/my.cnf /etc/my.cnf.d /etc/postgresql /etc/postfix
+    /etc/dovecot /etc/exim4 /etc/exim /etc/aliases /etc/mailname /etc/crontab /etc/cron.d /etc/logrotate.d
+    /etc/hosts /etc/hostname /etc/passwd /etc/group /etc/os-release /etc/sondrel);
 
 # tree, problems, private, kept, status, inventory, options.
 sub new {
@@ -79,18 +79,20 @@ sub item {
 sub settings_of {
     my ($self, $server) = @_;
     my $name = $self->name_for('server', 'settings', '.tar');
-    return $self->item('settings', 'server', $server, $name, paths => [grep { $self->{tree}->exists($_) } @SETTINGS]);
+    my @paths = grep { $self->{tree}->exists($_) } @SETTINGS;
+    return $self->item('settings', 'server', $server, $name, paths => \@paths);
 }
 
 sub client {
     my ($self, $client) = @_;
     my $cron = $client->{cron} || { files => [] };
-    my @paths = grep {defined} $cron->{crontab}, @{ $cron->{files} }, map { $_->{php} ? $_->{php}{pool_file} : undef }
-        @{ $client->{sites} };
+    my @pools = map { $_->{php} ? $_->{php}{pool_file} : undef } @{ $client->{sites} };
+    my @paths = grep {defined} $cron->{crontab}, @{ $cron->{files} }, @pools;
     my $home = $self->home_of($client);
     push @paths, $home if defined $home;
     return if !@paths;
-    return $self->item('client', $client->{name}, $client, $self->name_for('clients', $client->{name}, '.tar'),
+    my $name = $self->name_for('clients', $client->{name}, '.tar');
+    return $self->item('client', $client->{name}, $client, $name,
         paths => \@paths, left_out => ['sites', 'mailboxes']);
 }
 
@@ -113,7 +115,7 @@ sub site {
         my $real = $self->{tree}->real($root);
         $real = $root if !defined $real;
         if ($OF_SYSTEM{$real}) {
-            $self->problem('error', $domain->{name}, "The document root $root is a folder of the system; not packed");
+            $self->problem('error', $domain->{name}, "$root is a folder of the system and is not packed");
             next;
         }
         my $other = $self->{packed}{$real} ||= $domain;
@@ -129,9 +131,11 @@ sub site {
 
 sub database {
     my ($self, $database) = @_;
-    my $folder = defined $database->{server} ? 'databases/' . Agent::Private::safe_name($database->{server}) : 'databases';
-    return $self->item('database', "$database->{kind} $database->{name}", $database,
-        $self->name_for($folder, "$database->{kind}-$database->{name}", '.sql'), database => $database);
+    my ($kind, $server, $name) = @$database{qw(kind server name)};
+    my %servers = map { $_->{server} => 1 } grep { $_->{kind} eq $kind } $self->{inventory}->databases;
+    my $folder = 'databases' . (keys %servers > 1 ? '/' . Agent::Private::safe_name($server) : '');
+    return $self->item('database', "$kind $name", $database, $self->name_for($folder, "$kind-$name", '.sql'),
+        database => $database);
 }
 
 sub mailbox {
@@ -173,24 +177,24 @@ sub bytes {
 sub make_one {
     my ($self, $item) = @_;
     my $notes = { count => 0, packing => 0 };
-    $self->try($item, sub {
+    $self->attempt($item, sub {
         my $made = $item->{database} ? $self->dump_database($item) : $self->pack_item($item, $notes);
         $self->has_content($item, $item->{kind}, $made);
     });
-    $self->try($item, sub {
+    $self->attempt($item, sub {
         my $list = $self->{kept}->add($notes->{archive}->complete, $NOT_REUSABLE);
         $self->has_content($item, 'problems', $list);
     }) if $notes->{archive};
     for my $other (@{ $item->{with} || [] }) {
         my ($shared) = grep { $_->{kind} eq 'site' } @{ $other->{content} || [] };
-        if ($shared) { push @{ $item->{object}{content} }, $shared }
-        else         { $self->problem('error', $item->{label}, "Its files were to be packed with $other->{name}") }
+        push @{ $item->{object}{content} }, $shared || ();
+        $self->problem('error', $item->{label}, "Its files are packed with $other->{name}") if !$shared;
     }
     return;
 }
 
 # A failure is a problem of the item, unless the agent is told to end.
-sub try {
+sub attempt {
     my ($self, $item, $step) = @_;
     return if eval { $step->(); 1 };
     my $error = $@;
@@ -208,15 +212,17 @@ sub has_content {
 
 sub new_archive {
     my ($self, $name, $bytes) = @_;
-    return Agent::Archive->new(private => $self->{private}, name => $name, compress => $self->{options}{compress},
-        bytes => $bytes);
+    return Agent::Archive->new(
+        private => $self->{private}, name => $name, bytes => $bytes, compress => $self->{options}{compress},
+    );
 }
 
 sub dump_database {
     my ($self, $item) = @_;
     $self->{private}->remove($item->{name});
     my $archive = $self->{archive} = $self->new_archive($item->{name}, $item->{database}{bytes});
-    my $error = $self->{inventory}->database_servers->dump($item->{database}, sub { $archive->put($_[0]); 1 });
+    my $servers = $self->{inventory}->database_servers;
+    my $error = $servers->dump($item->{database}, sub { $archive->put($_[0]); 1 });
     die "$error\n" if defined $error;
     # Nothing says cheaply whether a database has changed.
     return $self->{kept}->add($archive->complete, $NOT_REUSABLE);
@@ -301,8 +307,9 @@ sub note {
         (my $name = $item->{name}) =~ s{\A\Q$FOLDER\E/}{};
         $name =~ s{/}{-}g;
         my $gz = $name =~ s/\.gz\z// ? '.gz' : '';
-        $notes->{archive} = $self->new_archive("$FOLDER/problems/$name.txt$gz", 0);
-        $self->problem('warning', $item->{label}, "More of its problems are listed in $FOLDER/problems/$name.txt$gz");
+        my $list = "$FOLDER/problems/$name.txt$gz";
+        $notes->{archive} = $self->new_archive($list, 0);
+        $self->problem('warning', $item->{label}, "More of its problems are listed in $list");
     }
     $notes->{archive}->put("$severity: $path $text\n");
     return;

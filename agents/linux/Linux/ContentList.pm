@@ -18,7 +18,7 @@ sub text_of {
     my @files;
     for my $archive ($kept->all) {
         next if !$private->facts($archive->{name});
-        die "$archive->{name} is not as the dump has left it: make a new one\n" if !$kept->find($archive->{name});
+        $kept->find($archive->{name}) or die "$archive->{name} has changed since: make a new dump\n";
         push @files, $archive;
     }
     my $dump = $private->read($Linux::Dump::FILE);
@@ -26,8 +26,11 @@ sub text_of {
         name => $Linux::Dump::FILE, size => length $dump, unpacked => length $dump,
         md5 => Digest::MD5::md5_hex($dump),
     } if defined $dump;
-    return document(element('contentlist', [size => sum('size', @files), unpacked => sum('unpacked', @files)],
-        map { element('file', [size => $_->{size}, md5sum => $_->{md5}], Agent::Xml::text($_->{name})) } @files));
+    my @elements = map {
+        element('file', [size => $_->{size}, md5sum => $_->{md5}], Agent::Xml::text($_->{name}))
+    } @files;
+    my @sums = map { $_ => sum($_, @files) } qw(size unpacked);
+    return document(element('contentlist', \@sums, @elements));
 }
 
 # What does not become smaller by packing still needs the room of its file.

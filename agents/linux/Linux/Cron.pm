@@ -17,10 +17,11 @@ sub all {
     my %cron;
     for my $spool (@SPOOLS) {
         for my $user (names_in($tree, $problems, $spool)) {
-            next if !$tree->is_file("$spool/$user");
+            my $table = "$spool/$user";
+            next if !$tree->is_file($table);
             my $own = $cron{$user} ||= new_user();
-            $own->{crontab} = "$spool/$user";
-            push @{ $own->{jobs} }, map { job($_, "$spool/$user", 0) } lines_of($tree, $problems, "$spool/$user");
+            $own->{crontab} = $table;
+            push @{ $own->{jobs} }, map { job($_, $table, 0) } lines_of($tree, $problems, $table);
         }
     }
     for my $table (system_tables($tree, $problems)) {

@@ -18,6 +18,7 @@ use Linux::System;
 our $FILE = 'dump.xml';
 
 my $LOCK = 'lock';
+my $KEY  = 'key';
 
 # Makes the dump that the options ask for; dies where there can be none. tree =>
 # Linux::Tree, private => Agent::Private, options => what Agent::Options gave.
@@ -25,8 +26,8 @@ sub run {
     my (%given) = @_;
     my $lock = take_lock($given{private});
     my $problems = Agent::Problems->new;
-    my $self = bless { %given, problems => $problems, status => Agent::Status->new($given{private}, $problems) },
-        __PACKAGE__;
+    my $status = Agent::Status->new($given{private}, $problems, $given{options}{transport});
+    my $self = bless { %given, problems => $problems, status => $status }, __PACKAGE__;
     return 1 if eval { $self->make; 1 };
     my $error = $@;
     $Agent::Status::ended = undef;
@@ -50,13 +51,15 @@ sub make {
     my $kept = Agent::Kept->new($private);
     $kept->begin;
     $private->remove($FILE);
-    $problems->add(severity => 'warning', object => 'content', text => 'The agent cannot send content by rsync; '
-        . 'it makes archives') if $options->{transport};
+    $problems->add(severity => 'warning', object => 'content',
+        text => 'The agent cannot send content by rsync; it makes archives') if $options->{transport};
 
     $status->set(stage => 'inventory');
-    $self->{inventory} = Linux::Inventory->new(tree => $self->{tree}, problems => $problems,
-        tick => sub { $status->tick });
-    my $selection = Linux::Selection->new(inventory => $self->{inventory}, options => $options, problems => $problems);
+    $self->{inventory} = Linux::Inventory->new(
+        tree => $self->{tree}, problems => $problems, tick => sub { $status->tick },
+        restrict_key => $self->key,
+    );
+    my $selection = Linux::Selection->new(%$self);
 
     $status->set(stage => 'content');
     my $server = { facts => Linux::System::facts($self->{tree}) };
@@ -65,12 +68,24 @@ sub make {
     $content->make(@plan);
 
     $status->set(stage => 'document', object => undef);
-    $private->replace($FILE, Linux::DumpDocument::text_of(%$self, selection => $selection, server => $server));
+    my $text = Linux::DumpDocument::text_of(%$self, selection => $selection, server => $server);
+    $private->replace($FILE, $text);
     $kept->finish;
     $status->set(stage => 'finished');
     # The last word must be true: a status that cannot be written is a failure.
     $status->write;
     return;
+}
+
+# What pg_dump protects its output with; always the same, for equal dumps to be equal.
+sub key {
+    my ($self) = @_;
+    my $key = $self->{private}->read($KEY);
+    return $key if defined $key && $key =~ /\A[0-9a-f]{32}\z/;
+    open my $random, '<', '/dev/urandom' or die "Cannot open /dev/urandom: $!\n";
+    read $random, my ($bytes), 16;
+    $self->{private}->replace($KEY, $key = unpack 'H*', $bytes);
+    return $key;
 }
 
 sub tick {

@@ -87,8 +87,13 @@ sub client {
         system => $client->{system} ? 'yes' : 'no', whole => $part->{whole} ? 'yes' : 'no',
     ],
         ($part->{whole} ? contents($client) : ()),
-        (map { element('cron', [when => $_->{when}, file => $_->{file}], text($_->{command})) } @{ $cron->{jobs} }),
+        (map { cron_job($_) } @{ $cron->{jobs} }),
         $self->objects(%$part));
+}
+
+sub cron_job {
+    my ($job) = @_;
+    return element('cron', [map { $_ => $job->{$_} } qw(when file)], text($job->{command}));
 }
 
 sub objects {
@@ -125,8 +130,8 @@ sub php {
     return if !$php;
     my $settings = $php->{settings} || {};
     return element('php', [
-        version => $php->{version}, handler => $php->{handler}, pool => $php->{pool}, user => $php->{pool_user},
-        file => $php->{pool_file},
+        (map { $_ => $php->{$_} } qw(version handler pool)),
+        user => $php->{pool_user}, file => $php->{pool_file},
     ], map { element('setting', [name => $_], text($settings->{$_})) } sort keys %$settings);
 }
 
@@ -146,7 +151,9 @@ sub certificate {
     my ($self, $site, $path) = @_;
     return $self->{certificates}{$path} if $self->{certificates}{$path};
     my ($facts, $why) = Linux::Tls::facts($self->{tree}, $path);
-    $self->{problems}->add(severity => 'warning', object => $site, text => "The certificate $path: $why") if !$facts;
+    $self->{problems}->add(
+        severity => 'warning', object => $site, text => "The certificate $path $why",
+    ) if !$facts;
     return $self->{certificates}{$path} = $facts || {};
 }
 
@@ -184,9 +191,9 @@ sub server {
             address => $_->{address}, running => $_->{running} ? 'yes' : 'no'])
     } $self->{inventory}->servers;
     return element('server', [
-        hostname => $facts->{hostname}, kernel => $facts->{kernel}, architecture => $facts->{architecture},
-        distribution => $distribution->{id}, release => $distribution->{version}, family => $distribution->{family},
-        memory => $memory->{total},
+        (map { $_ => $facts->{$_} } qw(hostname kernel architecture)),
+        distribution => $distribution->{id}, release => $distribution->{version},
+        family => $distribution->{family}, memory => $memory->{total},
     ],
         @web, (map { element('php', [version => $_]) } Linux::Php::versions($self->{tree})), @databases,
         each_as('file-system', [qw(mount type bytes free)], @{ $facts->{filesystems} || [] }),
@@ -196,7 +203,8 @@ sub server {
 # Whom the host's own mail goes to.
 sub admin_info {
     my ($self) = @_;
-    my ($alias) = map { /\A\s*"?root"?\s*:\s*(.*?)\s*\z/ ? $1 : () } $self->{tree}->read_lines('/etc/aliases');
+    my @aliases = $self->{tree}->read_lines('/etc/aliases');
+    my ($alias) = map { /\A\s*"?root"?\s*:\s*(.*?)\s*\z/ ? $1 : () } @aliases;
     my $root = $self->{inventory}->users->by_uid(0);
     return element('admin-info', [account => $root ? $root->{name} : undef, mail => $alias]);
 }

@@ -12,7 +12,7 @@ use Linux::Sites;
 use Linux::Users;
 
 # tree => Linux::Tree, problems => Agent::Problems, limit => seconds for a question
-# to a database server, tick => sub {} called between the steps.
+# to a database server, restrict_key => see Linux::Databases, tick => sub {} called between the steps.
 sub new {
     my ($class, %options) = @_;
     my ($tree, $problems) = @options{qw(tree problems)};
@@ -27,17 +27,15 @@ sub new {
     $self->{mailboxes} = [Linux::Mail::all($tree, $problems, $self->{users})];
     Linux::Mail::assign($self->{mailboxes}, $self->{clients}, $self->{sites});
     $tick->();
-    $self->{database_servers} = Linux::Databases->new(tree => $tree, problems => $problems,
-        defined $options{limit} ? (limit => $options{limit}) : ());
-    $self->{databases} = [@{ as_list($self->{database_servers}->all) }];
+    $self->{database_servers} = Linux::Databases->new(map { $_ => $options{$_} }
+        grep { defined $options{$_} } qw(tree problems limit restrict_key));
+    $self->{databases} = [$self->{database_servers}->all];
     $tick->();
     $self->{database_servers}->assign($self->{clients}, $self->{sites});
     $self->share_out;
     $self->name_those_left_over;
     return $self;
 }
-
-sub as_list { return @_ == 1 && ref $_[0] eq 'ARRAY' ? $_[0] : \@_ }
 
 sub users { return $_[0]{users} }
 
@@ -56,7 +54,7 @@ sub mailboxes { return @{ $_[0]{mailboxes} } }
 sub domains { return @{ $_[0]{domains} } }
 
 # The database servers.
-sub servers { return @{ as_list($_[0]{database_servers}->servers) } }
+sub servers { return $_[0]{database_servers}->servers }
 
 # The object that dumps databases.
 sub database_servers { return $_[0]{database_servers} }

@@ -176,11 +176,10 @@ sub postfix_value {
 sub from_dovecot {
     my ($self) = @_;
     my $settings = $self->dovecot_settings($DOVECOT, {});
-    my @homes = map {/(?:\A|\s)home=(\S+)/} @{ $settings->{args} || [] }, @{ $settings->{default_fields} || [] };
-    push @homes, @{ $settings->{mail_home} || [] };
-    my @places = map { /\Amaildir:([^:]+)/i ? $1 : () } @{ $settings->{mail_location} || [] };
-    push @places, @{ $settings->{mail_path} || [] };
-    for my $file (map {m{(?:\A|[\s=])(/\S+)\z}} @{ $settings->{args} || [] }, @{ $settings->{passwd_file_path} || [] }) {
+    my $values = sub { map { @{ $settings->{$_} || [] } } @_ };
+    my @homes  = ((map {/(?:\A|\s)home=(\S+)/} $values->(qw(args default_fields))), $values->('mail_home'));
+    my @places = ((map {/\Amaildir:([^:]+)/i} $values->('mail_location')), $values->('mail_path'));
+    for my $file (map {m{(?:\A|[\s=])(/\S+)\z}} $values->(qw(args passwd_file_path))) {
         push @homes, $self->passwd_file($file, @places);
     }
     for my $place (map { tidy_template($_) } @places) {
@@ -245,7 +244,8 @@ sub from_template {
     my ($self, $template) = @_;
     return if $template !~ m{\A/};
     if ($template =~ /%(?![und])/) {
-        return $self->problem('info', $DOVECOT, "Mailboxes at $template are searched for in usual folders only");
+        $self->problem('info', $DOVECOT, "Mailboxes at $template are searched for in usual folders only");
+        return;
     }
     my @found = ({ path => '' });
     for my $part (grep {length} split m{/+}, $template) {
@@ -290,15 +290,15 @@ sub assign {
         }
     }
     for my $mailbox (@$mailboxes) {
-        my $domain = $mailbox->{domain};
+        my ($domain, $holder) = @$mailbox{qw(domain owner)};
         my $site = defined $domain ? $site_of{$domain} : undef;
         my $near = defined $domain ? $below{$domain} : undef;
         my ($owner, $sure, $reason) =
-              !defined $domain         ? ($mailbox->{owner}, 'certain', "it is that account's own")
-            : $site                    ? ($site->{owner}, 'certain', "the site $site->{name} has its domain")
-            : $client{ $mailbox->{owner} } ? ($mailbox->{owner}, 'likely', 'the folder belongs to that account')
-            : $near                    ? ($near->{owner}, 'likely', "the site $near->{name} is below its domain")
-            :                            ();
+              !defined $domain   ? ($holder, 'certain', "it is that account's own")
+            : $site              ? ($site->{owner}, 'certain', "the site $site->{name} has its domain")
+            : $client{$holder}   ? ($holder, 'likely', 'the folder belongs to that account')
+            : $near              ? ($near->{owner}, 'likely', "the site $near->{name} is below its domain")
+            :                      ();
         next if !defined $owner || !$client{$owner};
         @$mailbox{qw(client sure reason)} = ($owner, $sure, $reason);
         $mailbox->{site} = $site->{name} if $site;

@@ -78,7 +78,8 @@ sub named {
     for my $name (@{ $self->{options}{$kind} || [] }) {
         my $objects = $by_name->{ $as ? $as->($name) : $name };
         push @found, @{ $objects || [] };
-        $self->problem('error', $name, 'Was asked for, but there is no such ' . substr $kind, 0, -1) if !$objects;
+        next if $objects;
+        $self->problem('error', $name, 'Was asked for, but there is no such ' . substr $kind, 0, -1);
     }
     return @found;
 }

@@ -52,7 +52,8 @@ sub dump_options {
         my $settings = $DUMP{$argument} or die "Unknown option: $argument\n";
         die "--only-mail and --only-hosting exclude each other\n"
             if $settings->{only} && $options{only} && $settings->{only} ne $options{only};
-        %options = (%options, map { ref $settings->{$_} ? ($_ => []) : ($_ => $settings->{$_}) } keys %$settings);
+        # A list is this dump's own, to be filled.
+        $options{$_} = ref $settings->{$_} ? [] : $settings->{$_} for keys %$settings;
     }
     die "--dump-all goes with no list of names\n" if $options{all} && grep { $options{$_} } @KINDS;
     # Everything means the host itself too.

@@ -19,6 +19,7 @@ sub new {
     my $self = bless { dir => $dir, safe => {} }, $class;
     my @stat = lstat $dir or die "Cannot find the agent directory $dir: $!\n";
     @$self{qw(uid gid)} = @stat[4, 5];
+    die "The agent directory $dir belongs to another account\n" if $> && $> != $self->{uid};
     $self->take_folder($dir);
     return $self;
 }

@@ -18,10 +18,11 @@ our $ended;
 
 my $TICK_SECONDS = 0.5;
 
+# asked is the way of sending content that was asked for besides archives, if any.
 sub new {
-    my ($class, $private, $problems) = @_;
+    my ($class, $private, $problems, $asked) = @_;
     my $self = bless {
-        private => $private, problems => $problems, written => 0, started => now(),
+        private => $private, problems => $problems, asked => $asked, written => 0, started => now(),
         stage => 'starting', object => undef, done => 0, total => 0, bytes => 0,
     }, $class;
     $self->write;
@@ -61,7 +62,7 @@ sub write {
     $file->write(document(element('dumping-status', [
         version => 1, @attributes, problems => $self->{problems}->count, pid => $$,
         started => $self->{started}, updated => now(),
-    ])));
+    ], $self->{asked} ? element('transport', [asked => $self->{asked}, used => 'archives']) : ())));
     $file->keep;
     return;
 }

@@ -1,0 +1,60 @@
+use strict;
+use warnings;
+use FindBin;
+use lib map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Test::More;
+use Agent::Options;
+
+delete $ENV{SUDO_UID};
+
+sub parse {
+    my ($input, @arguments) = @_;
+    open my $handle, '<', \$input or die $!;
+    return Agent::Options::parse(\@arguments, $handle);
+}
+
+sub refused {
+    my ($why, $input, @arguments) = @_;
+    ok !eval { parse($input, @arguments); 1 }, "refused: $why" or return;
+    unlike $@, qr/secret/, "$why: the input is not told";
+}
+
+is_deeply parse('', '--get-status'), { action => 'status' }, 'the status is asked for';
+is_deeply parse('', '--get-content-list'), { action => 'content-list' }, 'the content list is asked for';
+
+my %nothing = (action => 'dump', all => 0, compress => 1, content => 1, license => 1, server => 0, admin_info => 0);
+is_deeply parse('', '--migration-mode', '--include-app-distrib'), \%nothing, 'a dump of nothing';
+is_deeply parse('left over', '--migration-mode', '--dump-all'), { %nothing, all => 1, server => 1, admin_info => 1 },
+    'a dump of everything takes the host itself along, and reads nothing';
+is_deeply parse("a.test,b.test\nc", '--migration-mode', '--dump-domains=-', '--dump-resellers=-', '--only-mail',
+    '--no-compress', '--server', '--admin-info', '--no-license', '--no-content'),
+    { %nothing, domains => [qw(a.test b.test)], resellers => ['c'], only => 'mail', compress => 0, server => 1,
+        admin_info => 1, license => 0, content => 0 }, 'every option has its setting';
+is_deeply parse("d\nc\nr", '--migration-mode', '--dump-resellers=-', '--dump-clients=-', '--dump-domains=-'),
+    { %nothing, domains => ['d'], clients => ['c'], resellers => ['r'] }, 'the lists have an order of their own';
+is_deeply parse("a,,b,a, b\n", '--migration-mode', '--dump-clients=-')->{clients}, ['a', 'b', ' b'],
+    'names are taken once and as they are';
+is_deeply parse("host\nlogin\nsecret\n0\na.test", '--content-transport=rsync', '--migration-mode', '--dump-domains=-'),
+    { %nothing, domains => ['a.test'], transport => 'rsync' }, 'the lines of a connection are not kept';
+is_deeply parse("host\nlogin\nsecret\n0\n", '--content-transport=rsync', '--migration-mode', '--dump-all')->{all}, 1,
+    'everything with a connection';
+
+refused('nothing to do', '');
+refused('unknown option', '', '--migration-mode', '--verbose');
+refused('no mode', 'a', '--dump-domains=-');
+refused('a list that is not on the input', '', '--migration-mode', '--dump-domains=a');
+refused('status and more', '', '--get-status', '--dump-all');
+refused('everything and a list', 'a', '--migration-mode', '--dump-all', '--dump-clients=-');
+refused('only mail and only hosting', '', '--migration-mode', '--only-mail', '--only-hosting');
+refused('a missing list', 'secret', '--migration-mode', '--dump-domains=-', '--dump-clients=-');
+refused('no list', '', '--migration-mode', '--dump-domains=-');
+refused('a line too many', "secret\na", '--migration-mode', '--dump-domains=-');
+refused('a short connection', "secret\na", '--migration-mode', '--dump-all', '--content-transport=rsync');
+
+$ENV{SUDO_UID} = 1000;
+is_deeply parse("secret\na.test", '--migration-mode', '--dump-domains=-')->{domains}, ['a.test'],
+    'a password that sudo did not want is not taken for a name';
+is_deeply parse("a.test\n", '--migration-mode', '--dump-domains=-')->{domains}, ['a.test'], 'nor a name for one';
+refused('two lines too many', "secret\nsecret\na", '--migration-mode', '--dump-domains=-');
+
+done_testing;
