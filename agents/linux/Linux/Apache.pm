@@ -82,16 +82,23 @@ sub main_block {
     return $block;
 }
 
-# True if a port is left on which no virtual host takes every request.
+# True if an address is left on which no virtual host takes every request.
 sub main_serves {
     my ($self, @hosts) = @_;
     my $block = $self->{base_block};
     return 0 if !$block->{content} || !$self->{tree}->exists($block->{root});
-    my %taken = map { ($_->{port} || '*') => 1 } grep { $_->{address} eq '*' }
-        map { listen_of($_, 0) } map { @{ $_->{args} } } @hosts;
-    return 0 if $taken{'*'};
-    return !@hosts if !@{ $block->{listen} };
-    return scalar grep { !$taken{ $_->{port} || 80 } } @{ $block->{listen} };
+    my @taken = map { listen_of($_, 0) } map { @{ $_->{args} } } @hosts;
+    for my $listen (@{ $block->{listen} }) {
+        return 1 if !grep { takes($_, $listen) } @taken;
+    }
+    return !@taken;
+}
+
+# True if a virtual host of an address gets all that comes to another address.
+sub takes {
+    my ($host, $listen) = @_;
+    return 0 if defined $host->{port} && defined $listen->{port} && $host->{port} != $listen->{port};
+    return $host->{address} eq '*' || $host->{address} eq $listen->{address};
 }
 
 sub listen_of {
@@ -130,6 +137,7 @@ sub host_blocks {
         && !$self->leads_away ? 1 : 0;
     $self->add_global_access;
     add_once($block->{config}, $host->{file}, files_of(@directives));
+    return @own_hosts if Linux::Site::is_spent($block, @own_hosts);
     return ($block, @own_hosts);
 }
 

@@ -91,7 +91,8 @@ sub server_blocks {
     $block->{content} = !$returns && (defined $block->{root} || @{ $block->{roots} } || @{ $block->{proxies} }
             || @{ $block->{php_addresses} }) ? 1 : 0;
     add_once($block->{config}, $server->{file}, files_of(@directives));
-    return ($block, @own_hosts, map { $self->server_blocks($_, $inherited) } named('server', @directives));
+    my @own = Linux::Site::is_spent($block, @own_hosts) ? @own_hosts : ($block, @own_hosts);
+    return (@own, map { $self->server_blocks($_, $inherited) } named('server', @directives));
 }
 
 sub files_of {

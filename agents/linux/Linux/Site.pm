@@ -135,6 +135,12 @@ sub attach {
     return @alone;
 }
 
+# True if all that a block serves has become sites of the hosts of its open names.
+sub is_spent {
+    my ($block, @hosts) = @_;
+    return @hosts && !defined $block->{root} && !grep { is_host_name($_) } @{ $block->{names} };
+}
+
 # The first name that is a plain one names the site.
 sub name_sites {
     my @sites = @_;

@@ -1,0 +1,229 @@
+# What is found in a configuration is what the real server makes of it: every name
+# is asked for a file that tells the folder that it came from.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Test::More;
+use File::Path qw(mkpath);
+use File::Temp qw(tempdir);
+use IO::Socket::INET;
+use Time::HiRes ();
+use Agent::Problems;
+use Agent::Process qw(run start finish which);
+use Imitated qw(problem_texts);
+use Linux::Apache;
+use Linux::Nginx;
+use Linux::Tree;
+
+sub free_port {
+    my $socket = IO::Socket::INET->new(LocalAddr => '127.0.0.1', Listen => 1) or die "No port: $!\n";
+    return $socket->sockport;
+}
+
+sub write_file {
+    my ($path, $text) = @_;
+    open my $file, '>', $path or die "$path: $!\n";
+    print $file $text;
+    close $file or die "$path: $!\n";
+    return;
+}
+
+# A folder for a server with marked document roots below it.
+sub folder_with {
+    my @roots = @_;
+    my $folder = tempdir(CLEANUP => 1);
+    chmod 0755, $folder;
+    for my $root (map {"$folder/$_"} @roots) {
+        mkpath($root);
+        write_file("$root/marker", $root);
+    }
+    return $folder;
+}
+
+# The body that a server gives to a host for /marker, or its redirect.
+sub ask {
+    my ($port, $host) = @_;
+    my $socket = IO::Socket::INET->new(PeerAddr => '127.0.0.1', PeerPort => $port, Timeout => 10) or return;
+    print $socket "GET /marker HTTP/1.0\r\nHost: $host\r\n\r\n";
+    my $answer = do { local $/; <$socket> };
+    return $1 if $answer =~ /^Location: (\S+)\r$/m;
+    return $answer =~ m{\AHTTP/1.. 200 .*?\r\n\r\n(.*)}s ? $1 : substr $answer, 0, 12;
+}
+
+# Runs a server as long as the block does.
+sub with_server {
+    my ($port, $argv, $block) = @_;
+    my $server = start($argv);
+    my $deadline = Time::HiRes::time() + 20;
+    my $up;
+    while (!$up && Time::HiRes::time() < $deadline) {
+        $up = IO::Socket::INET->new(PeerAddr => '127.0.0.1', PeerPort => $port) or Time::HiRes::sleep(0.02);
+    }
+    $block->() if $up;
+    kill 'TERM', $server->{pid};
+    my $said = $up ? '' : readline $server->{err};
+    finish($server);
+    ok $up, "$argv->[0] accepts the configuration" or diag $said;
+    return;
+}
+
+# Compares what sites() says with what the server does, for every plain name.
+sub agrees {
+    my ($port, $sites, $others) = @_;
+    my %expected = %$others;
+    for my $site (@$sites) {
+        my @names = grep { !/[*~]/ } @{ $site->{names} };
+        $expected{$_} = $site->{root} for grep { !exists $expected{$_} } @names;
+    }
+    is_deeply { map { $_ => ask($port, $_) } keys %expected }, \%expected, 'names lead where the server leads them'
+        or diag explain [map { [$_->{name}, $_->{names}, $_->{root}] } @$sites];
+    return;
+}
+
+{
+    my $port = free_port();
+    my $folder = folder_with(qw(a b-inner c/h1.test c/h2.test set/x/y mapped wild regex mass/m1.test mass/m2.test
+        quoted/in default));
+    my @logs = map {"$_ off;"} 'access_log';
+    write_file("$folder/nginx.conf", <<"END");
+daemon off; pid $folder/pid; error_log $folder/error.log;
+user root;
+events {}
+http {
+    @logs
+    client_body_temp_path $folder/t; proxy_temp_path $folder/t; fastcgi_temp_path $folder/t; uwsgi_temp_path $folder/t;
+    scgi_temp_path $folder/t;
+    server_names_hash_bucket_size 128;
+    root $folder/default;
+    map \$host \$mapped { hostnames; default none; m.test mapped; *.map.test wild; ~^r\\d\\.test\$ regex; }
+    include sites/*.conf; # comes first
+    server { listen 127.0.0.1:$port default_server; }
+}
+END
+    mkpath("$folder/sites");
+    write_file("$folder/sites/a.conf", <<"END");
+server{listen 127.0.0.1:$port;server_name a.test www.a.test;root $folder/a;}
+server { listen 127.0.0.1:$port; server_name "b.test"; set \$inner b-inner;
+    include sites/snippet; }
+server {
+    listen 127.0.0.1:$port; # a comment; with } marks {
+    server_name h1.test
+        h2.test;
+    root "$folder/c/\${host}";
+}
+server { listen 127.0.0.1:$port; server_name set.test; set \$one x; set \$both \$one/y; root $folder/set/\$both; }
+server { listen 127.0.0.1:$port; server_name m.test; root $folder/\$mapped; }
+server { listen 127.0.0.1:$port; server_name x.map.test; root $folder/\$mapped; }
+server { listen 127.0.0.1:$port; server_name r7.test; root $folder/\$mapped; }
+server { listen 127.0.0.1:$port; server_name *.test; root $folder/mass/\$host; }
+server { listen 127.0.0.1:$port; server_name inherits.test; }
+server { listen 127.0.0.1:$port; server_name old.test; return 301 http://a.test\$request_uri; }
+server { listen 127.0.0.1:$port; server_name q.test; location ~ "^/(?!x{2,3}).*" { root '$folder/quoted/in'; } root $folder; }
+END
+    write_file("$folder/sites/snippet", "root $folder/\$inner;\n");
+    local @Linux::Nginx::MAIN_FILES = ("$folder/nginx.conf");
+    my $problems = Agent::Problems->new;
+    my @sites = Linux::Nginx::sites(Linux::Tree->new, $problems);
+    is_deeply [sort map { $_->{name} } @sites], [sort "default-$port", map {"$_.test"} qw(a b h1 set m x.map r7 inherits q m1 m2)],
+        'nginx has its sites' or diag explain [map { $_->{name} } @sites];
+    is_deeply problem_texts($problems), [], 'without a problem';
+    with_server($port, ['nginx', '-p', $folder, '-c', "$folder/nginx.conf"], sub {
+        agrees($port, \@sites, { 'h2.test' => "$folder/c/h2.test", 'old.test' => 'http://a.test/marker',
+            'q.test' => "$folder/quoted/in", 'M1.TEST' => "$folder/mass/m1.test" });
+    });
+}
+
+{
+    my $port = free_port();
+    my $folder = folder_with('with blank', qw(a b main v/v1.test v/v2.test w/x/x.w.test conditional macro/one));
+    my $modules = '/usr/lib/apache2/modules';
+    my $loaded = join '', map {"LoadModule ${_}_module $modules/mod_$_.so\n"}
+        qw(mpm_event authz_core vhost_alias macro alias rewrite);
+    write_file("$folder/apache2.conf", <<"END");
+ServerRoot "$folder"
+ServerName main.test
+Listen 127.0.0.1:$port
+PidFile $folder/pid
+ErrorLog $folder/error.log
+Define TOP $folder
+$loaded
+User nobody
+Group nogroup
+DocumentRoot \${TOP}/main
+Include hosts
+IncludeOptional none/*.conf
+END
+    mkpath("$folder/hosts/deep");
+    write_file("$folder/hosts/a.conf", <<"END");
+<virtualhost 127.0.0.1:$port>
+  SERVERNAME a.test
+  ServerAlias www.a.test \\
+     other.a.test
+  DocumentRoot "\${TOP}/a"
+</virtualhost>
+<VirtualHost 127.0.0.1:$port>
+  ServerName b.test:80
+  DocumentRoot b/
+  <IfModule mod_absent.c>
+    DocumentRoot \${TOP}/main
+  </IfModule>
+</VirtualHost>
+<VirtualHost 127.0.0.1:$port>
+  ServerName blank.test
+  DocumentRoot '$folder/with blank'
+</VirtualHost>
+<VirtualHost 127.0.0.1:$port>
+  ServerName nothing.test
+</VirtualHost>
+<VirtualHost 127.0.0.1:$port>
+  ServerName old.test
+  Redirect permanent / http://a.test/
+</VirtualHost>
+<VirtualHost 127.0.0.1:$port>
+  ServerName x.w.test
+  VirtualDocumentRoot \${TOP}/w/%1/%0
+</VirtualHost>
+<IfModule !mod_absent.c>
+<IfModule vhost_alias_module>
+<IfDefine TOP>
+<VirtualHost 127.0.0.1:$port>
+  ServerName conditional.test
+  <IfVersion >= 2.4>
+    DocumentRoot \${TOP}/a
+  </IfVersion>
+  DocumentRoot \${TOP}/conditional
+</VirtualHost>
+</IfDefine>
+</IfModule>
+</IfModule>
+END
+    write_file("$folder/hosts/deep/m.conf", <<"END");
+<Macro Site \$name \$names \$folder>
+  <VirtualHost 127.0.0.1:$port>
+    ServerName \$name
+    ServerAlias \$names
+    DocumentRoot \${TOP}/\$folder/one
+  </VirtualHost>
+</Macro>
+Use Site macro.test www.macro.test macro
+<VirtualHost 127.0.0.1:$port>
+  ServerName v.invalid
+  ServerAlias *.test
+  VirtualDocumentRoot \${TOP}/v/%0
+</VirtualHost>
+END
+    local @Linux::Apache::MAIN_FILES = ("$folder/apache2.conf");
+    my $problems = Agent::Problems->new;
+    my @sites = Linux::Apache::sites(Linux::Tree->new, $problems);
+    is_deeply [sort map { $_->{name} } @sites],
+        [sort 'v.invalid', map {"$_.test"} qw(a b blank nothing x.w conditional macro v1 v2)],
+        'Apache has its sites' or diag explain [map { $_->{name} } @sites];
+    is_deeply [grep { !/depends on the request/ } @{ problem_texts($problems) }], [], 'without a problem';
+    my $apache = which('apache2');
+    with_server($port, [$apache, '-X', '-f', "$folder/apache2.conf"], sub {
+        agrees($port, [grep { $_->{name} ne 'v.invalid' } @sites], { 'old.test' => 'http://a.test/marker' });
+    });
+}
+
+done_testing;
