@@ -61,4 +61,7 @@ is_deeply [$tree->glob('/etc/conf.d/x\[1\].conf')], ['/etc/conf.d/x[1].conf'], '
 is_deeply [$tree->glob('/etc/conf.d/.*.conf')], ['/etc/conf.d/.c.conf'], 'hidden names can be asked for';
 is_deeply [$tree->glob('/etc/?asswd'), $tree->glob('/etc/none')], ['/etc/passwd'], 'what is missing is not found';
 
+is_deeply [$tree->glob('/etc/conf.d/[b-a].conf')], [], 'a class that is none is no mistake of ours';
+is $tree->read_file("/etc/passwd\0x"), undef, 'a name that cannot be is missing';
+
 done_testing;

@@ -392,6 +392,7 @@ sub in_map {
     return if $key !~ /\A~(\*?)(.+)/s;
     my ($any_case, $expression) = ($1, $2);
     # An expression that perl does not know matches nothing.
+    no warnings 'regexp';
     my $pattern = eval { $any_case ? qr/$expression/i : qr/$expression/ } or return;
     return $host =~ $pattern;
 }

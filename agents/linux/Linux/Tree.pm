@@ -6,7 +6,10 @@ package Linux::Tree;
 use strict;
 use warnings;
 use Fcntl qw(O_RDONLY O_NONBLOCK S_ISDIR S_ISREG S_ISLNK);
-use Errno qw(ELOOP EINVAL EFBIG);
+use Errno qw(ELOOP EINVAL EFBIG ENOENT);
+
+# Configurations name files that perl would otherwise wonder about.
+no warnings 'newline';
 
 my $MOST_LINKS = 40;
 my $MOST_BYTES = 16 * 1024 * 1024;
@@ -43,6 +46,10 @@ sub real {
 # $follow == 1 every part must exist; a missing last part is fine otherwise.
 sub resolve {
     my ($self, $path, $follow) = @_;
+    if (index($path, "\0") >= 0) {
+        $! = ENOENT;
+        return undef;
+    }
     my @todo = grep { $_ ne '' && $_ ne '.' } split m{/+}, $path;
     my ($done, $links) = ('', 0);
     while (@todo) {
@@ -170,7 +177,9 @@ sub pattern {
         else               { $out .= quotemeta(defined $1 ? $1 : $5) }
     }
     my $hidden = $part =~ /^\\?\./ ? '' : '(?!\.)';
-    return qr/\A$hidden$out\z/s;
+    my $matches = eval { qr/\A$hidden$out\z/s };
+    # A class such as [z-a] fits nothing in it: it stands for itself.
+    return defined $matches ? $matches : qr/\A\Q$part\E\z/;
 }
 
 sub class_of {
