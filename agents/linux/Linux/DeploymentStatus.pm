@@ -26,7 +26,7 @@ sub text_of {
     problem($problems, 'error', $dir, $@) if !$private;
     eval { $private->replace('written', ''); $private->remove('written'); 1 }
         or problem($problems, 'error', $dir, $@) if $private;
-    my @missing = grep { !which($_) } @NEEDED;
+    my @missing = grep { !is_there($_) } @NEEDED;
     problem($problems, 'error', $_, 'Is not installed; there can be no dump without it') for @missing;
     problem($problems, 'warning', 'rights', 'The agent does not run as root: what this account may not read '
         . 'will be missing from dumps') if $>;
@@ -43,15 +43,17 @@ sub problem {
     return $problems->add(severity => $severity, object => $object, text => $text);
 }
 
+sub is_there { return defined which($_[0]) ? 1 : 0 }
+
 sub capabilities {
     my ($problems, $can_dump) = @_;
     my $tar = run(['tar', '--help'], limit => 30)->{out};
-    my %can = (dump => $can_dump, compress => which('gzip'), 'lower-priority' => which('ionice'),
-        'certificate-facts' => which('openssl'), 'transport-rsync' => 0);
+    my %can = (dump => $can_dump, compress => is_there('gzip'), 'lower-priority' => is_there('ionice'),
+        'certificate-facts' => is_there('openssl'), 'transport-rsync' => 0);
     $can{"tar-$_"} = $tar =~ /\s--$_\b/ for qw(acls xattrs sparse);
     for my $kind (keys %FOR) {
         my ($programs, @data) = @{ $FOR{$kind} };
-        $can{$kind} = grep { which($_) } @$programs;
+        $can{$kind} = grep { is_there($_) } @$programs;
         problem($problems, 'warning', $kind, "There is data, but no $programs->[0] to dump it")
             if !$can{$kind} && grep { -e } @data;
     }

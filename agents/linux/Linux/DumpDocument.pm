@@ -168,7 +168,7 @@ sub database {
     return element('database', [
         kind => $database->{kind}, server => $database->{server}, name => $database->{name},
         bytes => $database->{bytes}, assigned($database, $database->{because}),
-    ], each_as('user', [qw(name host)], @users), contents($database));
+    ], each_as('user', [qw(name host role)], @users), contents($database));
 }
 
 sub mailbox {
