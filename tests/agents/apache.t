@@ -95,21 +95,24 @@ sub sites_of {
 END
     is_deeply [keys %$sites], ['a.test'], 'hosts of the same name are one site';
     my $site = $sites->{'a.test'};
-    is_deeply $site->{names}, ['a.test', 'www.a.test', '*.a.test'], 'with all its names, over continued lines';
+    is_deeply $site->{names}, ['a.test', 'www.a.test', '*.a.test'],
+        'with all its names, over continued lines';
     is $site->{root}, '/srv/a', 'its document root';
     is_deeply $site->{roots}, ['/srv/a', '/srv/media'], 'other folders, but not those of packages';
     is_deeply $site->{listen}, [
         { address => '*', port => 443, tls => 1 }, { address => '[::1]', port => 8443, tls => 1 },
         { address => '*', port => 80, tls => 0 },
     ], 'addresses';
-    is_deeply $site->{tls}, { certificate => '/etc/ssl/a.pem', key => '/etc/ssl/a.key', chain => '/etc/apache2/ssl/chain.pem' },
+    is_deeply $site->{tls}, { certificate => '/etc/ssl/a.pem', key => '/etc/ssl/a.key',
+        chain => '/etc/apache2/ssl/chain.pem' },
         'certificate, key and chain';
     is_deeply $site->{logs}, ['/var/log/apache2/a.log'], 'its log by the variables of the start script';
     is_deeply [map {"$_->{code} $_->{from} $_->{to}"} @{ $site->{redirects} }],
         ['301 /old /new', '301 ^/(.*)$ https://a.test/$1', '301 / https://a.test/'],
         'its redirects under the conditions that hold';
     is_deeply $site->{access}, [
-        { path => '/srv/a/in', rule => 'authtype Basic' }, { path => '/srv/a/in', rule => 'authname Only us' },
+        { path => '/srv/a/in', rule => 'authtype Basic' }, { path => '/srv/a/in',
+            rule => 'authname Only us' },
         { path => '/srv/a/in', rule => 'require valid-user' },
         { path => '/srv/a/private', rule => 'require ip 10.0.0.0/8' },
     ], 'its access rules, also those outside of the host' or diag explain $site->{access};
@@ -159,7 +162,8 @@ END
 }
 
 {
-    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } 'one', 'v/a.test/www', 'v/b.test/www', 'v/plain/www', 't/a/a.test');
+    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } 'one', 'v/a.test/www',
+        'v/b.test/www', 'v/plain/www', 't/a/a.test');
 <VirtualHost *:80>
     ServerName one.test
     VirtualDocumentRoot /srv/v/%0/www
@@ -170,8 +174,10 @@ END
 </VirtualHost>
 END
     is_deeply [sort keys %$sites], [qw(a.test b.test one.test)], 'a folder for each host makes sites';
-    is_deeply $sites->{'a.test'}{roots}, ['/srv/v/a.test/www', '/srv/t/a/a.test'], 'parts of names lead to folders';
-    is_deeply [map {/depends/ ? 1 : $_} @$problems], [1], 'what requests decide is a problem' or diag explain $problems;
+    is_deeply $sites->{'a.test'}{roots}, ['/srv/v/a.test/www', '/srv/t/a/a.test'],
+        'parts of names lead to folders';
+    is_deeply [map {/depends/ ? 1 : $_} @$problems], [1], 'what requests decide is a problem'
+        or diag explain $problems;
 }
 
 {
@@ -181,7 +187,8 @@ END
             . "</VirtualHost>\n</Directory>\n)nonsense\n",
         'etc/apache2/sites-enabled/c.conf' => "<VirtualHost *:80\nServerName c.test\nDocumentRoot /srv/c\n"
             . "<VirtualHost *:80>\nServerName e.test\nDocumentRoot /srv/e\n</VirtualHost>\n<Odd>\n</Odd>\n",
-        'etc/apache2/sites-enabled/f.conf' => \'/nowhere', 'etc/apache2/sites-enabled/g.conf' => "Include gone.conf\n");
+        'etc/apache2/sites-enabled/f.conf' => \'/nowhere',
+            'etc/apache2/sites-enabled/g.conf' => "Include gone.conf\n");
     is_deeply [sort keys %$sites], [qw(b.test c.test e.test ok.test)], 'mistakes cost no site';
     is_deeply $problems, [
         'error /etc/apache2/sites-enabled/b.conf: Line 2: the section <directory> is not closed',
@@ -215,12 +222,15 @@ END
         'etc/httpd/conf.d/ssl.conf' => "Listen 443 https\n<VirtualHost _default_:443>\nSSLEngine on\n"
             . "SSLCertificateFile /etc/pki/tls/certs/localhost.crt\n</VirtualHost>\n",
         'etc/httpd/conf.d/userdir.conf' => "<IfModule !absent.c>\nUserDir public_html\n</IfModule>\n",
-        'etc/httpd/conf.d/vhosts' => \'/srv/vhosts', 'etc/httpd/conf.d/all.conf' => "Include conf.d/vhosts/\n",
+        'etc/httpd/conf.d/vhosts' => \'/srv/vhosts',
+            'etc/httpd/conf.d/all.conf' => "Include conf.d/vhosts/\n",
         'srv/vhosts/deep/v.conf' => "<VirtualHost *:8080>\nServerName v.test\nDocumentRoot /srv/v\n</VirtualHost>\n",
-        'srv/v/' => undef, 'var/www/html/' => undef, 'var/www/cgi-bin/' => undef, 'home/ann/public_html/' => undef,
+        'srv/v/' => undef, 'var/www/html/' => undef, 'var/www/cgi-bin/' => undef,
+            'home/ann/public_html/' => undef,
     );
     my %sites = map { $_->{name} => $_ } Linux::Apache::sites($tree, $problems);
-    is_deeply [sort keys %sites], [qw(default main.test v.test)], 'the main server serves the ports that are left';
+    is_deeply [sort keys %sites], [qw(default main.test v.test)],
+        'the main server serves the ports that are left';
     is $sites{'main.test'}{root}, '/var/www/html', 'from its own folder';
     is $sites{default}{root}, '/var/www/html', 'which hosts without one take over';
     is $sites{'v.test'}{root}, '/srv/v', 'folders are included with all below';

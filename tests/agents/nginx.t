@@ -72,15 +72,18 @@ END
     is_deeply $site->{tls}, { certificate => '/etc/nginx/ssl/a.pem', key => '/etc/nginx/ssl/a.key' },
         'certificate and key are found from the configuration folder';
     is_deeply $site->{redirects}, [
-        { from => '^/old$', to => '/new', code => 301 }, { from => '/ if ($http_user_agent ~ bad)', to => '/bad', code => 302 },
+        { from => '^/old$', to => '/new', code => 301 }, { from => '/ if ($http_user_agent ~ bad)',
+            to => '/bad', code => 302 },
         { from => '/', to => 'https://a.test$request_uri', code => 301 },
     ], 'redirects are listed' or diag explain $site->{redirects};
     is_deeply $site->{access}, [
         { path => '/media', rule => 'auth_basic Only { us }; ok' }, { path => '~ /\.ht', rule => 'deny all' },
     ], 'access rules have their place';
-    is_deeply $site->{files}, [map {"/etc/nginx/$_"} 'htpasswd', 'ssl/a.pem', 'ssl/a.key'], 'files that belong to it';
+    is_deeply $site->{files}, [map {"/etc/nginx/$_"} 'htpasswd', 'ssl/a.pem', 'ssl/a.key'],
+        'files that belong to it';
     is_deeply $site->{php_addresses}, ['unix:/run/php/a.sock'], 'PHP is where it is sent';
-    is_deeply $site->{php_settings}, { memory_limit => '64M', upload_max_filesize => '8M' }, 'with its values';
+    is_deeply $site->{php_settings}, { memory_limit => '64M', upload_max_filesize => '8M' },
+        'with its values';
     is_deeply $site->{logs}, ['/var/log/nginx/a.error'], 'logs of its own';
     is_deeply $site->{config}, ['/etc/nginx/sites-enabled/sites'], 'and configuration';
     is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
@@ -101,7 +104,8 @@ server { listen 80 default_server; return 444; }
 END
     is_deeply [sort keys %$sites], [qw(a.test away.test b.test c.test x.test x2.test)],
         'one redirect for many sites does not make them one';
-    is_deeply $sites->{'b.test'}{names}, ['b.test', 'www.b.test', 'old.test'], 'names that lead to a site are its names';
+    is_deeply $sites->{'b.test'}{names}, ['b.test', 'www.b.test', 'old.test'],
+        'names that lead to a site are its names';
     is_deeply $sites->{'c.test'}{roots}, ['/srv/c', '/srv/d'], 'a site may have several roots';
     is $sites->{'away.test'}{root}, undef, 'a site may be only a redirect';
     is_deeply $problems, ['info /etc/nginx/sites-enabled/sites: Line 10: has neither a name nor content and is left out'],
@@ -132,13 +136,15 @@ END
     is $sites->{'s.test'}{root}, '/srv/sites/s/htdocs', 'variables that are set are followed';
     is_deeply $sites->{'s.test'}{php_addresses}, ['unix:/run/php-fpm/www.sock', '127.0.0.1:9001'],
         'groups of servers are looked up';
-    is_deeply $sites->{'h1.test'}{roots}, ['/srv/hosts/h1.test', '/srv/hosts/h2.test'], 'each name may have its folder';
+    is_deeply $sites->{'h1.test'}{roots}, ['/srv/hosts/h1.test', '/srv/hosts/h2.test'],
+        'each name may have its folder';
     is $sites->{'m.test'}{root}, '/srv/mm', 'a map gives a folder to a name';
     is $sites->{'x.map.test'}{root}, '/srv/wild', 'or to an open name';
     is $sites->{'r1.test'}{root}, '/srv/regex', 'or to an expression';
     is $sites->{'o.test'}{root}, '/srv/other', 'or to all';
     is $sites->{'n.test'}{root}, '/srv/names/n.test', 'the first name is a variable';
-    is_deeply $sites->{'p.test'}{proxies}, ['http://127.0.0.1:3000'], 'a site may be served by another server';
+    is_deeply $sites->{'p.test'}{proxies}, ['http://127.0.0.1:3000'],
+        'a site may be served by another server';
     is $sites->{'p.test'}{root}, undef, 'and has no folder then';
     is_deeply $sites->{'mass.test'}{roots}, ['/srv/mass/mass.test/www'], 'the plain name has its own folder';
     is $sites->{'two.mass.test'}{root}, '/srv/mass/two.mass.test/www', 'a folder for a host makes a site';
@@ -151,7 +157,8 @@ END
 }
 
 {
-    my ($sites, $problems) = sites_of(<<'END', 'usr/share/nginx/html/' => undef, 'var/www/html/' => undef, 'srv/o/' => undef);
+    my ($sites, $problems) = sites_of(<<'END', 'usr/share/nginx/html/' => undef, 'var/www/html/' => undef,
+        'srv/o/' => undef);
 server { listen 80 default_server; server_name _; root /var/www/html; }
 server { listen 443 ssl default_server; root /var/www/html; }
 server { listen 8080; }
@@ -159,10 +166,13 @@ server { server_name .wild.test; root /srv/o; }
 server { server_name *.only.test; root /srv/o; }
 server { server_name "~^a{1,2}\.test$"; root /srv/missing; }
 END
-    is_deeply [sort keys %$sites], [sort 'default', 'default-8080', 'wild.test', '*.only.test', '~^a{1,2}\.test$'],
+    is_deeply [sort keys %$sites], [sort 'default', 'default-8080', 'wild.test', '*.only.test',
+        '~^a{1,2}\.test$'],
         'sites without a plain name get one';
-    is $sites->{'default-8080'}{root}, '/usr/share/nginx/html', 'nginx serves its own folder where none is given';
-    is_deeply $sites->{'wild.test'}{names}, ['wild.test', '*.wild.test'], 'a point in front means the name and all below';
+    is $sites->{'default-8080'}{root}, '/usr/share/nginx/html',
+        'nginx serves its own folder where none is given';
+    is_deeply $sites->{'wild.test'}{names}, ['wild.test', '*.wild.test'],
+        'a point in front means the name and all below';
     is_deeply $sites->{'~^a{1,2}\.test$'}{roots}, [], 'a missing root is not taken';
     is_deeply $problems, ['warning ~^a{1,2}\.test$: Document root /srv/missing does not exist'], 'but named';
 }
@@ -187,6 +197,16 @@ END
         'error /etc/nginx/conf.d/f.conf: Cannot be read: No such file or directory (included by /etc/nginx/nginx.conf)',
         'warning /etc/nginx/conf.d/l.conf: Line 6: includes /etc/nginx/conf.d/l.conf, which includes itself',
     ], 'and every one is named' or diag explain $problems;
+}
+
+{
+    my ($sites, $problems) = sites_of("server { server_name all.test; root /; }\nserver { server_name up.test;\n"
+        . "root /srv/link; location /x { root /srv/x; }\n}\n", 'srv/link' => \'..', 'srv/x/' => undef);
+    is_deeply [map { $sites->{$_}{roots} } qw(all.test up.test)], [[], ['/srv/x']],
+        'no site takes the whole system along';
+    is_deeply $problems, ['error all.test: Document root / is a folder of the system and is left out',
+        'error up.test: Document root /srv/link is a folder of the system and is left out'],
+            'but a problem says so';
 }
 
 {

@@ -25,7 +25,8 @@ is run(['printf', '%s|', '$HOME', '`id`', '*'])->{out}, '$HOME|`id`|*|', 'argume
 is run(perl_code('print $ENV{LC_ALL}'))->{out}, 'C', 'programs speak plain English';
 {
     local $ENV{GONE} = 'x';
-    is run(perl_code('print exists $ENV{GONE} ? 1 : 0, $ENV{NEW}'), env => { GONE => undef, NEW => 'n' })->{out},
+    is run(perl_code('print exists $ENV{GONE} ? 1 : 0, $ENV{NEW}'), env => { GONE => undef,
+        NEW => 'n' })->{out},
         '0n', 'the environment can be changed for a program';
     is $ENV{GONE}, 'x', 'the own environment stays';
 }
@@ -35,12 +36,15 @@ is $missing->{err}, "no-such-program: not found\n", 'a missing program is named'
 is run(perl_code('kill 9, $$'))->{status}, 128 + 9, 'a signal is told by the status';
 
 my $text = join '', map {"line $_\n"} 1 .. 100_000;
-is run(perl_code('print while <STDIN>'), stdin => $text)->{out}, $text, 'long input and output flow both ways';
-is run(perl_code('print STDERR "x" x 500_000; print "done"'))->{out}, 'done', 'many errors do not block a program';
+is run(perl_code('print while <STDIN>'), stdin => $text)->{out}, $text,
+    'long input and output flow both ways';
+is run(perl_code('print STDERR "x" x 500_000; print "done"'))->{out}, 'done',
+    'many errors do not block a program';
 is length run(perl_code('print STDERR "x" x 500_000'))->{err}, 16384, 'the last errors are kept';
 is run(perl_code('close STDIN; print "early"'), stdin => $text)->{out}, 'early',
     'a program need not read its input';
-is run(perl_code('print "nothing" if !defined <STDIN>'))->{out}, 'nothing', 'input is empty where none is given';
+is run(perl_code('print "nothing" if !defined <STDIN>'))->{out}, 'nothing',
+    'input is empty where none is given';
 
 my $began = Time::HiRes::time();
 my $slow = run(perl_code('$| = 1; print "begun"; sleep 60'), limit => 0.5);
@@ -82,7 +86,8 @@ stream(perl_code('$| = 1; for (1..20) { select undef, undef, undef, 0.1; print "
 cmp_ok $count, '>=', 3, 'ticks come at least every second';
 
 my $heard = '';
-stream([perl_code('print STDERR "a" x 40_000'), perl_code('print STDERR "b" x 40_000')], errors => sub { $heard .= $_[0] });
+stream([perl_code('print STDERR "a" x 40_000'), perl_code('print STDERR "b" x 40_000')],
+    errors => sub { $heard .= $_[0] });
 is_deeply [map { eval "\$heard =~ tr/$_//" } qw(a b)], [40_000, 40_000], 'all errors of a chain can be heard';
 
 {

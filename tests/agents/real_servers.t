@@ -76,7 +76,8 @@ sub agrees {
         my @names = grep { !/[*~]/ } @{ $site->{names} };
         $expected{$_} = $site->{root} for grep { !exists $expected{$_} } @names;
     }
-    is_deeply { map { $_ => ask($port, $_) } keys %expected }, \%expected, 'names lead where the server leads them'
+    is_deeply { map { $_ => ask($port, $_) } keys %expected }, \%expected,
+        'names lead where the server leads them'
         or diag explain [map { [$_->{name}, $_->{names}, $_->{root}] } @$sites];
     return;
 }
@@ -125,7 +126,8 @@ END
     local @Linux::Nginx::MAIN_FILES = ("$folder/nginx.conf");
     my $problems = Agent::Problems->new;
     my @sites = Linux::Nginx::sites(Linux::Tree->new, $problems);
-    is_deeply [sort map { $_->{name} } @sites], [sort "default-$port", map {"$_.test"} qw(a b h1 set m x.map r7 inherits q m1 m2)],
+    is_deeply [sort map { $_->{name} } @sites], [sort "default-$port",
+        map {"$_.test"} qw(a b h1 set m x.map r7 inherits q m1 m2)],
         'nginx has its sites' or diag explain [map { $_->{name} } @sites];
     is_deeply problem_texts($problems), [], 'without a problem';
     with_server($port, ['nginx', '-p', $folder, '-c', "$folder/nginx.conf"], sub {
@@ -136,7 +138,8 @@ END
 
 {
     my $port = free_port();
-    my $folder = folder_with('with blank', qw(a b main v/v1.test v/v2.test w/x/x.w.test conditional macro/one));
+    my $folder = folder_with('with blank',
+        qw(a b main v/v1.test v/v2.test w/x/x.w.test conditional macro/one));
     my $modules = '/usr/lib/apache2/modules';
     my $loaded = join '', map {"LoadModule ${_}_module $modules/mod_$_.so\n"}
         qw(mpm_event authz_core vhost_alias macro alias rewrite);

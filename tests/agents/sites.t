@@ -36,15 +36,19 @@ sub sites_in {
 {
     my ($tree) = imitated('etc/passwd' => $PASSWD, 'etc/group' => $GROUP);
     my $users = Linux::Users->new($tree);
-    is_deeply [map { $_->{name} } $users->all], [qw(root www-data ann ann2 bob cid nobody)], 'accounts are sorted';
+    is_deeply [map { $_->{name} } $users->all], [qw(root www-data ann ann2 bob cid nobody)],
+        'accounts are sorted';
     is_deeply $users->by_name('bob'),
-        { name => 'bob', uid => 4102, gid => 4100, group => 'clients', home => '/home/bob', shell => '/bin/sh' },
+        { name => 'bob', uid => 4102, gid => 4100, group => 'clients', home => '/home/bob',
+            shell => '/bin/sh' },
         'an account has its facts';
     is $users->name_of(4101), 'ann', 'the first of two accounts has the number';
     is $users->name_of(4999), 4999, 'a number without an account stays';
-    is_deeply [map { $users->is_system($_) } map { $users->by_name($_) } qw(root www-data nobody ann)], [1, 1, 1, 0],
+    is_deeply [map { $users->is_system($_) } map { $users->by_name($_) } qw(root www-data nobody ann)], [1,
+        1, 1, 0],
         'accounts of services are told from those of persons';
-    my ($old) = imitated('etc/passwd' => "joe:x:501:501::/home/joe:/bin/bash\n", 'etc/login.defs' => "UID_MIN\t500\n");
+    my ($old) = imitated('etc/passwd' => "joe:x:501:501::/home/joe:/bin/bash\n",
+        'etc/login.defs' => "UID_MIN\t500\n");
     $users = Linux::Users->new($old);
     is $users->is_system($users->by_name('joe')), 0, 'old systems begin with lower numbers';
 }
@@ -99,19 +103,24 @@ php_flag[display_errors] = on
 user = bob
 listen = 9002
 END
-        'home/ann/www/' => [4101, 33], 'srv/pool/' => [33, 33], 'srv/web/in/' => [0, 0], 'srv/web/' => [33, 33],
-        'srv/number/' => [4999, 4998], 'srv/both/' => [4103, 4100], 'var/www/html/' => undef, 'srv/other/' => undef,
+        'home/ann/www/' => [4101, 33], 'srv/pool/' => [33, 33], 'srv/web/in/' => [0, 0], 'srv/web/' => [33,
+            33],
+        'srv/number/' => [4999, 4998], 'srv/both/' => [4103, 4100], 'var/www/html/' => undef,
+            'srv/other/' => undef,
         'srv/link' => \'/home/ann/www/../www', 'home/bob/' => [4102, 4100],
         'home/ann/www/.user.ini' => "memory_limit = 256M\nopen_basedir = /\n",
         'srv/both/.htaccess' => "php_value post_max_size 10M\n<Files x>\n</Files>\n",
     );
     my %owner = map { $_ => $sites->{$_}{owner} } keys %$sites;
-    is_deeply \%owner, { 'ann.test' => 'ann', 'pool.test' => 'bob', 'gone.test' => 'bob', 'web.test' => 'www-data',
-        'none.test' => 'root', 'number.test' => 4999, 'link.test' => 'ann', 'both.test' => 'cid', 'default' => 'root',
+    is_deeply \%owner, { 'ann.test' => 'ann', 'pool.test' => 'bob', 'gone.test' => 'bob',
+        'web.test' => 'www-data',
+        'none.test' => 'root', 'number.test' => 4999, 'link.test' => 'ann', 'both.test' => 'cid',
+            'default' => 'root',
         'default-8081' => 'root', 'suexec.test' => 'cid' }, 'every site has an owner' or diag explain \%owner;
     is $sites->{'ann.test'}{group}, 'www-data', 'the group is that of the document root';
     is $sites->{'pool.test'}{owner_because}, 'account that runs PHP', 'with a reason';
-    is_deeply $sites->{'ann.test'}{php}, { version => '8.2', handler => 'fpm', pool => 'ann', pool_user => 'ann',
+    is_deeply $sites->{'ann.test'}{php}, { version => '8.2', handler => 'fpm', pool => 'ann',
+        pool_user => 'ann',
         pool_file => '/etc/php/8.2/fpm/pool.d/ann.conf', listen => 'unix:/var/run/php/ann.sock',
         settings => { open_basedir => '/home/ann:/tmp', memory_limit => '256M', display_errors => 'on' } },
         'PHP has its pool and settings' or diag explain $sites->{'ann.test'}{php};
@@ -120,9 +129,11 @@ END
         'the module reads the settings of the folder';
     is $sites->{'both.test'}{php}{version}, '8.2', 'and has a version';
     is_deeply $sites->{'both.test'}{servers}, [qw(nginx apache)], 'a site behind another server is one site';
-    is_deeply $sites->{'both.test'}{names}, [qw(both.test www.both.test more.both.test)], 'with the names of both';
+    is_deeply $sites->{'both.test'}{names}, [qw(both.test www.both.test more.both.test)],
+        'with the names of both';
     is $sites->{'both.test'}{root}, '/srv/both', 'and the root of the one that has it';
-    is_deeply $sites->{default}{servers}, [qw(nginx apache)], 'a nameless site of the same folder is one, too';
+    is_deeply $sites->{default}{servers}, [qw(nginx apache)],
+        'a nameless site of the same folder is one, too';
     is $sites->{'web.test'}{php}, undef, 'a site may be without PHP';
     is_deeply $sites->{'ann.test'}{shares_root_with}, ['link.test'], 'a shared root is seen through links';
     is_deeply $sites->{'pool.test'}{shares_root_with}, [], 'others share nothing';
@@ -152,20 +163,23 @@ END
             . "<VirtualHost *:8080>\nServerName i.test\nDocumentRoot /var/www/i\n</VirtualHost>\n",
         (map { ("var/www/$_/" => [48, 48]) } qw(n h i html)), 'usr/share/nginx/html/' => undef,
     );
-    is_deeply [sort keys %$sites], [qw(default h.test i.test n.test)], 'the layout of the Red Hat family is known';
+    is_deeply [sort keys %$sites], [qw(default h.test i.test n.test)],
+        'the layout of the Red Hat family is known';
     is_deeply [map { my $php = $sites->{$_}{php}; $php ? $php->{pool} : undef } qw(default h.test i.test n.test)],
         [qw(www h www www)], 'with its pools';
     is $sites->{'h.test'}{php}{version}, '8.1', 'and further versions of PHP';
     is $sites->{'h.test'}{owner}, 'bob', 'whose account owns a site of the server';
     is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
     is_deeply(Linux::System::distribution($tree),
-        { id => 'rocky', name => 'Rocky Linux', version => '8.9', family => 'redhat' }, 'the distribution is known');
+        { id => 'rocky', name => 'Rocky Linux', version => '8.9', family => 'redhat' },
+            'the distribution is known');
     is_deeply [Linux::Php::versions($tree)], ['8.1'], 'versions of PHP are seen';
 }
 
 {
     my ($centos) = imitated('etc/redhat-release' => "CentOS release 6.10 (Final)\n");
-    is_deeply(Linux::System::distribution($centos), { id => 'redhat', name => 'CentOS', version => '6.10', family => 'redhat' },
+    is_deeply(Linux::System::distribution($centos), { id => 'redhat', name => 'CentOS', version => '6.10',
+        family => 'redhat' },
         'old members of the Red Hat family are known');
     my ($ubuntu) = imitated('usr/lib/os-release' => "ID=ubuntu\nNAME='Ubuntu'\nVERSION_ID=22.04\nID_LIKE=debian\n");
     is(Linux::System::distribution($ubuntu)->{family}, 'debian', 'Ubuntu is of the Debian family');
@@ -183,10 +197,12 @@ http {
     server { listen 443 ssl; server_name a.test; root /home/ann/www; ssl_certificate a.pem; ssl_certificate_key a.key; }
 }
 END
-        'etc/apache2/apache2.conf' => 'ServerName x', 'etc/nginx/sites/b' => 'server {}', 'etc/nginx/a.pem' => 'x',
+        'etc/apache2/apache2.conf' => 'ServerName x', 'etc/nginx/sites/b' => 'server {}',
+            'etc/nginx/a.pem' => 'x',
         'etc/nginx/a.key' => 'x', 'home/ann/www/' => [4101, 4101], 'etc/nginx/closed/c' => 'server {}',
         'etc/php/8.2/fpm/pool.d/a.conf' => 'x');
-    my %modes = ('etc/apache2' => 0700, 'etc/nginx/sites/b' => 0600, 'etc/nginx/a.key' => 0600, 'home/ann' => 0700,
+    my %modes = ('etc/apache2' => 0700, 'etc/nginx/sites/b' => 0600, 'etc/nginx/a.key' => 0600,
+        'home/ann' => 0700,
         'etc/nginx/closed' => 0700, 'etc/php/8.2/fpm/pool.d' => 0700, '' => 0755);
     chmod $modes{$_}, $tree->path("/$_") for keys %modes;
     my @sites;
@@ -210,7 +226,8 @@ my $facts = Linux::System::facts(Linux::Tree->new);
 ok $facts->{$_}, "the host has: $_" for qw(hostname kernel architecture processors perl);
 cmp_ok $facts->{memory}{total}, '>', 1 << 20, 'memory is given in bytes';
 ok((grep { $_->{mount} eq '/' && $_->{free} > 0 && $_->{bytes} >= $_->{free} } @{ $facts->{filesystems} })
-    || !run(['findmnt', '-n', '/'])->{out}, 'file systems have their free space') or diag explain $facts->{filesystems};
+    || !run(['findmnt', '-n', '/'])->{out}, 'file systems have their free space')
+        or diag explain $facts->{filesystems};
 like $facts->{tools}{tar}, qr{/tar\z}, 'tools are found';
 
 {
@@ -230,8 +247,10 @@ END
 
 {
     my ($tree) = imitated('etc/ssl/bad.pem' => "no certificate\n", 'etc/ssl/here' => '');
-    my $made = run(['openssl', 'req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:prime256v1', '-nodes',
-        '-keyout', '/dev/null', '-out', $tree->path('/etc/ssl/a.pem'), '-days', '30', '-subj', '/O=A, B/CN=a.test',
+    my $made = run(['openssl', 'req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:prime256v1',
+        '-nodes',
+        '-keyout', '/dev/null', '-out', $tree->path('/etc/ssl/a.pem'), '-days', '30', '-subj',
+            '/O=A, B/CN=a.test',
         '-addext', 'subjectAltName=DNS:a.test,DNS:*.a.test,IP:10.0.0.1']);
     is $made->{status}, 0, 'a certificate is made' or diag $made->{err};
     my $certificate = Linux::Tls::facts($tree, '/etc/ssl/a.pem');
@@ -239,8 +258,10 @@ END
     is $certificate->{subject}, 'CN=a.test,O=A\, B', 'its subject';
     is $certificate->{until} - $certificate->{from}, 30 * 86400, 'and its time';
     cmp_ok abs($certificate->{from} - time), '<', 3600, 'in seconds since 1970';
-    is((Linux::Tls::facts($tree, '/etc/ssl/bad.pem'))[1], 'openssl cannot read it as a certificate', 'no certificate is named');
-    is((Linux::Tls::facts($tree, '/etc/ssl/gone'))[1], 'cannot be read: No such file or directory', 'a missing one, too');
+    is((Linux::Tls::facts($tree, '/etc/ssl/bad.pem'))[1], 'openssl cannot read it as a certificate',
+        'no certificate is named');
+    is((Linux::Tls::facts($tree, '/etc/ssl/gone'))[1], 'cannot be read: No such file or directory',
+        'a missing one, too');
 }
 
 {

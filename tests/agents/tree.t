@@ -10,7 +10,8 @@ use Linux::Tree;
 
 my $root = tempdir(CLEANUP => 1);
 mkpath(["$root/etc/conf.d", "$root/srv/www", "$root/etc/conf.d/.hidden.d"]);
-my %files = ('etc/conf.d/a.conf' => "one\r\ntwo\nthree", 'etc/conf.d/b.conf' => '', 'etc/conf.d/.c.conf' => 'c',
+my %files = ('etc/conf.d/a.conf' => "one\r\ntwo\nthree", 'etc/conf.d/b.conf' => '',
+    'etc/conf.d/.c.conf' => 'c',
     'etc/conf.d/x[1].conf' => 'odd', 'etc/passwd' => 'inside');
 for my $name (keys %files) {
     open my $file, '>', "$root/$name" or die $!;
@@ -57,9 +58,11 @@ ok $tree->is_file('/srv/chain') && !$tree->is_dir('/srv/chain'), 'and files from
 is_deeply [$tree->glob('/etc/conf.d/*.conf')], [map {"/etc/conf.d/$_.conf"} 'a', 'b', 'x[1]'],
     'patterns leave hidden names out';
 is_deeply [$tree->glob('/srv/*/[!b-z].conf')], ['/srv/absolute/a.conf'], 'patterns reach through links';
-is_deeply [$tree->glob('/etc/conf.d/x\[1\].conf')], ['/etc/conf.d/x[1].conf'], 'a backslash takes the meaning away';
+is_deeply [$tree->glob('/etc/conf.d/x\[1\].conf')], ['/etc/conf.d/x[1].conf'],
+    'a backslash takes the meaning away';
 is_deeply [$tree->glob('/etc/conf.d/.*.conf')], ['/etc/conf.d/.c.conf'], 'hidden names can be asked for';
-is_deeply [$tree->glob('/etc/?asswd'), $tree->glob('/etc/none')], ['/etc/passwd'], 'what is missing is not found';
+is_deeply [$tree->glob('/etc/?asswd'), $tree->glob('/etc/none')], ['/etc/passwd'],
+    'what is missing is not found';
 
 is_deeply [$tree->glob('/etc/conf.d/[b-a].conf')], [], 'a class that is none is no mistake of ours';
 is $tree->read_file("/etc/passwd\0x"), undef, 'a name that cannot be is missing';

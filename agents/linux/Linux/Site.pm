@@ -12,6 +12,12 @@ our @EXPORT_OK = qw(new_block add_once is_host_name target_host join_blocks belo
 # Folders of installed packages; what is served from there is not of a site.
 my $PACKAGED = qr{\A/usr/(?!local/)[^/]};
 
+# Folders that hold a whole system, and file systems without files: no site's content.
+my $SYSTEM = qr{\A/(?:
+    (?:bin|boot|etc|home|lib\w*|opt|root|sbin|tmp|usr|var)?
+    | (?:dev|proc|run|sys)(?:/.*)?
+)\z}sx;
+
 # An empty record. Blocks have besides: content (something is served here),
 # settings and pools of PHP as they are configured, file and line.
 sub new_block {
@@ -166,7 +172,7 @@ sub default_name {
     return "default-$ports[0]";
 }
 
-# Leaves the existing roots that are not inside another one; the site's own first.
+# Leaves the existing roots that are a site's and not inside another one; its own first.
 sub finish_roots {
     my ($tree, $problems, $site) = @_;
     my (@kept, @real);
@@ -184,6 +190,11 @@ sub finish_roots {
             $real = $root;
         }
         next if grep { below($real, $_) } @real;
+        if ($real =~ $SYSTEM) {
+            $problems->add(severity => 'error', object => $site->{name},
+                text => "Document root $root is a folder of the system and is left out");
+            next;
+        }
         push @kept, $root;
         push @real, $real;
     }
