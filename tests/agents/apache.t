@@ -162,8 +162,8 @@ END
 }
 
 {
-    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } 'one', 'v/a.test/www',
-        'v/b.test/www', 'v/plain/www', 't/a/a.test');
+    my @folders = ('one', 'v/a.test/www', 'v/b.test/www', 'v/plain/www', 't/a/a.test');
+    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } @folders);
 <VirtualHost *:80>
     ServerName one.test
     VirtualDocumentRoot /srv/v/%0/www

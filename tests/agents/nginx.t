@@ -157,8 +157,8 @@ END
 }
 
 {
-    my ($sites, $problems) = sites_of(<<'END', 'usr/share/nginx/html/' => undef, 'var/www/html/' => undef,
-        'srv/o/' => undef);
+    my @folders = ('usr/share/nginx/html/' => undef, 'var/www/html/' => undef, 'srv/o/' => undef);
+    my ($sites, $problems) = sites_of(<<'END', @folders);
 server { listen 80 default_server; server_name _; root /var/www/html; }
 server { listen 443 ssl default_server; root /var/www/html; }
 server { listen 8080; }
