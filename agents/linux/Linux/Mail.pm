@@ -282,6 +282,8 @@ sub matching {
 sub assign {
     my ($mailboxes, $clients, $sites) = @_;
     my %client = map { $_->{name} => 1 } @$clients;
+    # Services own mailboxes of others.
+    my %person = map { $_->{name} => 1 } grep { !$_->{system} } @$clients;
     my (%site_of, %below);
     for my $site (@$sites) {
         for my $name (map {lc} @{ $site->{names} }) {
@@ -294,9 +296,9 @@ sub assign {
         my $site = defined $domain ? $site_of{$domain} : undef;
         my $near = defined $domain ? $below{$domain} : undef;
         my ($owner, $sure, $reason) =
-              !defined $domain   ? ($holder, 'certain', "it is that account's own")
+              !defined $domain   ? ($mailbox->{user}, 'certain', "it is that account's own")
             : $site              ? ($site->{owner}, 'certain', "the site $site->{name} has its domain")
-            : $client{$holder}   ? ($holder, 'likely', 'the folder belongs to that account')
+            : $person{$holder}   ? ($holder, 'likely', 'the folder belongs to that account')
             : $near              ? ($near->{owner}, 'likely', "the site $near->{name} is below its domain")
             :                      ();
         next if !defined $owner || !$client{$owner};

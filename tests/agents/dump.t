@@ -1,0 +1,272 @@
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Agent::Kept;
+use Agent::Options;
+use Agent::Private;
+use Agent::Process qw(run);
+use File::Temp qw(tempdir);
+use Imitated qw(imitated);
+use Linux::ContentList;
+use Linux::Dump;
+use Test::More;
+
+my ($ALICE, $BOB, $VMAIL) = (31001, 31002, 5000);
+my $FORMATS = "$FindBin::Bin/../../docs/formats";
+
+sub server_block {
+    my ($name, $root) = @_;
+    return "server { listen 80; server_name $name; root $root; }\n";
+}
+
+my ($tree) = imitated(
+    'etc/passwd' => "root:x:0:0:root:/root:/bin/sh\nwww-data:x:33:33::/var/www:/bin/false\n"
+        . "vmail:x:${VMAIL}:${VMAIL}::/var/vmail:/bin/false\nalice:x:${ALICE}:${ALICE}::/home/alice:/bin/sh\n"
+        . "bob:x:${BOB}:${BOB}::/home/bob:/bin/sh\n",
+    'etc/group' => "root:x:0:\nalice:x:$ALICE:\nbob:x:$BOB:\n",
+    'etc/aliases' => "root: admin\@a.test\n",
+    'etc/sondrel/resellers' => "big: bob nobody-here\n",
+    'etc/nginx/nginx.conf' => "http { include /etc/nginx/sites-enabled/*; }\n",
+    'etc/nginx/sites-enabled/a' => server_block('a.test www.a.test', '/home/alice/app/public'),
+    'etc/nginx/sites-enabled/b' => server_block('b.test', '/home/alice/app/public'),
+    'etc/nginx/sites-enabled/c' => \'../sites-available/c',
+    'etc/nginx/sites-available/c' => server_block('c.test', '/srv/current/web'),
+    'etc/nginx/sites-enabled/missing' => server_block('missing.test', '/srv/absent'),
+    'etc/nginx/sites-enabled/whole' => server_block('whole.test', '/'),
+    'home/alice/' => [$ALICE, $ALICE], 'home/alice/app/public/' => [$ALICE, $ALICE],
+    'home/alice/app/config.php' => 'code above the root', 'home/alice/app/public/index.php' => 'index',
+    'home/bob/' => [$BOB, $BOB], 'home/bob/Maildir/cur/' => undef, 'home/bob/Maildir/new/' => undef,
+    'home/bob/Maildir/new/1' => 'a letter', 'home/bob/notes' => 'x',
+    'srv/releases/5/web/' => [$BOB, $BOB], 'srv/releases/5/web/index.html' => 'c',
+    'srv/current' => \'releases/5',
+    'var/mail/vhosts/a.test/info/new/' => undef, 'var/mail/vhosts/a.test/info/cur/' => undef,
+    'var/vmail/only-mail.test/x/new/' => undef, 'var/vmail/only-mail.test/x/cur/' => undef,
+    'var/spool/cron/crontabs/alice' => "# mine\nMAILTO=x\n5 * * * * run this\n",
+    'etc/cron.d/app' => "\@daily bob /home/bob/job\n",
+    'etc/crontab' => "1 2 * * * root system job\n",
+);
+
+my $dir = tempdir(CLEANUP => 1);
+my $private = Agent::Private->new($dir);
+
+# Dumps with the options and the lists; gives the document's path.
+sub dumped {
+    my ($input, @arguments) = @_;
+    open my $handle, '<', \$input or die $!;
+    my $options = Agent::Options::parse(['--migration-mode', @arguments], $handle);
+    Linux::Dump::run(tree => $tree, private => $private, options => $options);
+    return "$dir/dump.xml";
+}
+
+sub found {
+    my ($xpath, $file) = @_;
+    my $result = run(['xmllint', '--xpath', $xpath, $file || "$dir/dump.xml"]);
+    return '' if $result->{status} == 10;
+    die $result->{err} if $result->{status};
+    chomp $result->{out};
+    return $result->{out};
+}
+
+sub valid {
+    my ($schema, $text, $what) = @_;
+    my $result = run(['xmllint', '--noout', '--schema', "$FORMATS/$schema.xsd", '-'], stdin => $text);
+    is $result->{status}, 0, $what or diag $result->{err};
+    return;
+}
+
+sub values_of {
+    my ($xpath) = @_;
+    return [sort map {/"(.*)"/} split /\n/, found($xpath)];
+}
+
+sub members {
+    my ($file) = @_;
+    my $result = run(['tar', '-tf', "$dir/$file"]);
+    die $result->{err} if $result->{status};
+    return [sort grep { !m{/\z} } split /\n/, $result->{out}];
+}
+
+sub files { return [$private->files_below('content')] }
+
+my @EVERYTHING = qw(content/clients/alice.tar.gz content/clients/bob.tar.gz content/clients/root.tar.gz
+    content/mailboxes/bob.tar.gz content/mailboxes/info=40a.test.tar.gz content/mailboxes/x=40only-mail.test.tar.gz
+    content/server/settings.tar.gz content/sites/a.test.tar.gz content/sites/b.test.tar.gz
+    content/sites/c.test.tar.gz content/sites/missing.test.tar.gz content/sites/whole.test.tar.gz);
+
+dumped('', '--dump-all');
+valid('dump', $private->read('dump.xml'), 'a dump of everything is valid');
+valid('dumping-status', $private->read('dumping-status.xml'), 'so is its status');
+is_deeply files(), \@EVERYTHING, 'everything has an archive';
+is found('string(/dumping-status/@stage)', "$dir/dumping-status.xml"), 'finished', 'the status says it is done';
+is found('string(/dumping-status/@done)', "$dir/dumping-status.xml"), scalar @EVERYTHING, 'with all of them';
+is_deeply values_of('//client/@name'), [qw(alice bob root)], 'all owners of sites are clients';
+is_deeply values_of('/dump/reseller[@name="big"]/client/@name'), ['bob'], 'one of them in its reseller';
+is_deeply values_of('//client[@name="alice"]/domain/@name'), [qw(a.test b.test)], 'with their domains';
+is_deeply values_of('//domain[@name="a.test"]/mailbox/@address'), ['info@a.test'], 'which have their mailboxes';
+is_deeply values_of('//client[@name="bob"]/mailbox/@address'), ['bob'], "an account's own mail is the client's";
+is_deeply values_of('/dump/unassigned/domain/mailbox/@address'), ['x@only-mail.test'],
+    "mail of nobody's domain is not lost";
+is found('string(//admin-info/@mail)'), 'admin@a.test', 'the administrator is told';
+is found('string(//client[@name="alice"]/cron)'), 'run this', 'jobs are told';
+is found('string(//client[@name="bob"]/cron/@when)'), '@daily', "so are those of the system's tables";
+
+is_deeply members('content/sites/a.test.tar.gz'),
+    [qw(./etc/nginx/sites-enabled/a ./home/alice/app/public/index.php)], 'a site has its root and its configuration';
+is_deeply members('content/sites/b.test.tar.gz'), ['./etc/nginx/sites-enabled/b'],
+    'a root that sites share is packed once';
+is_deeply values_of('//domain[@name="b.test"]/content/@file'),
+    [qw(content/sites/a.test.tar.gz content/sites/b.test.tar.gz)], 'and both have it';
+is_deeply members('content/sites/c.test.tar.gz'),
+    [qw(./etc/nginx/sites-available/c ./etc/nginx/sites-enabled/c ./srv/current ./srv/releases/5/web/index.html)],
+    'links on the way are packed with what they lead to';
+is_deeply members('content/clients/alice.tar.gz'),
+    [qw(./home/alice/app/config.php ./var/spool/cron/crontabs/alice)],
+    'a client has jobs, and files of the home that are in no site';
+is_deeply members('content/clients/bob.tar.gz'), [qw(./etc/cron.d/app ./home/bob/notes)], 'or in no mailbox';
+is_deeply members('content/mailboxes/bob.tar.gz'), ['./home/bob/Maildir/new/1'], 'mailboxes are packed';
+
+sub problem_of { return found(qq(string(//problem[\@object="$_[0]" and contains(., "$_[1]")]/\@severity))) }
+
+is problem_of('missing.test', 'does not exist'), 'warning', 'a missing root is a problem';
+is problem_of('whole.test', '/ is a folder of the system'), 'error', 'the system is not packed as a site';
+is problem_of('/etc/sondrel/resellers', 'nobody-here'), 'warning', 'an unknown user of a reseller is a problem';
+
+# --- the list ---
+
+my $list = Linux::ContentList::text_of($private);
+valid('content-list', $list, 'the content list is valid');
+open my $out, '>', "$dir/../list-$$.xml" or die $!;
+print $out $list;
+close $out;
+my $listed = "$dir/../list-$$.xml";
+is found('count(//file)', $listed), @EVERYTHING + 1, 'it has everything and the dump';
+is found('string(//file[last()])', $listed), 'dump.xml', 'which comes last';
+is found('string(/*/@size)', $listed), found('sum(//file/@size)', $listed), 'it sums up';
+for my $name (@EVERYTHING, 'dump.xml') {
+    my ($sum) = run(['md5sum', "$dir/$name"])->{out} =~ /\A(\w+)/;
+    my @both = map { found(qq(string(//file[.="$name"]/\@$_)), $listed) } qw(md5sum size);
+    is_deeply \@both, [$sum, -s "$dir/$name"], "$name is as it is listed";
+}
+unlink $listed;
+unlink "$dir/content/sites/a.test.tar.gz", "$dir/dump.xml" or die $!;
+$list = Linux::ContentList::text_of($private);
+unlike $list, qr{sites/a\.test\.tar|dump\.xml}, 'what was fetched and removed is not listed';
+like $list, qr/b\.test\.tar/, 'the rest is';
+
+# --- a second dump ---
+
+# Lets what was done become older than what may change again without a trace.
+sub rest { return select undef, undef, undef, 0.1 }
+
+sub inodes { return { map { $_ => join ' ', (stat "$dir/$_")[1, 9] } @{ files() } } }
+
+rest();
+dumped('', '--dump-all');
+my $first = inodes();
+open my $page, '>>', $tree->path('/home/alice/app/public/index.php') or die $!;
+print $page 'changed';
+close $page;
+rest();
+unlink "$dir/content/sites/c.test.tar.gz" or die $!;
+dumped('', '--dump-all');
+my $second = inodes();
+my @made = grep { ($first->{$_} || '') ne $second->{$_} } sort keys %$second;
+is_deeply \@made, [qw(content/sites/a.test.tar.gz content/sites/c.test.tar.gz)],
+    'a second dump makes what has changed or is gone';
+is run(['tar', '-xOf', "$dir/content/sites/a.test.tar.gz", './home/alice/app/public/index.php'])->{out},
+    'indexchanged', 'as it is now';
+open my $archive, '>>', "$dir/content/sites/b.test.tar.gz" or die $!;
+print $archive 'x';
+close $archive;
+ok !eval { Linux::ContentList::text_of($private); 1 }, 'an archive that was touched is not listed as good';
+dumped('', '--dump-all');
+is run(['gzip', '-t', "$dir/content/sites/b.test.tar.gz"])->{status}, 0, 'and made again';
+
+# --- what was asked for ---
+
+my %SELECTED = (
+    'a domain' => ["a.test", ['--dump-domains=-'], [qw(sites/a.test mailboxes/info=40a.test)]],
+    'a domain by another name' => ['WWW.a.test', ['--dump-domains=-'], [qw(sites/a.test mailboxes/info=40a.test)]],
+    'only mail of a domain' => ['a.test', ['--dump-domains=-', '--only-mail'], ['mailboxes/info=40a.test']],
+    'only hosting of a domain' => ['a.test', ['--dump-domains=-', '--only-hosting'], ['sites/a.test']],
+    'a domain without site' => ['only-mail.test', ['--dump-domains=-'], ['mailboxes/x=40only-mail.test']],
+    'a client' => ['bob', ['--dump-clients=-'], [qw(sites/c.test clients/bob mailboxes/bob)]],
+    'only mail of a client' => ['bob', ['--dump-clients=-', '--only-mail'], ['mailboxes/bob']],
+    'only hosting of a client' => ['bob', ['--dump-clients=-', '--only-hosting'], [qw(sites/c.test clients/bob)]],
+    'a reseller' => ['big', ['--dump-resellers=-'], [qw(sites/c.test clients/bob mailboxes/bob)]],
+    'a domain and a reseller' => ["b.test\nbig", ['--dump-domains=-', '--dump-resellers=-'],
+        [qw(sites/b.test sites/c.test clients/bob mailboxes/bob)]],
+    'the server' => ['', ['--server'], ['server/settings']],
+    'the server and a domain' => ['b.test', ['--server', '--dump-domains=-', '--only-mail'], ['server/settings']],
+    'nothing' => ['', [], []],
+    'no content' => ['bob', ['--dump-clients=-', '--no-content'], []],
+    'an unknown name' => ['absent,b.test', ['--dump-domains=-'], ['sites/b.test']],
+);
+for my $what (sort keys %SELECTED) {
+    my ($input, $arguments, $expected) = @{ $SELECTED{$what} };
+    dumped($input, @$arguments);
+    is_deeply files(), [sort map {"content/$_.tar.gz"} @$expected], "$what: exactly its archives are there";
+    my %named = map { $_ => 1 } @{ values_of('//content/@file') };
+    is_deeply [sort keys %named], files(), "$what: and in the document";
+    valid('dump', $private->read('dump.xml'), "$what: which is valid");
+    like Linux::ContentList::text_of($private), qr/dump\.xml/, "$what: the list is right";
+}
+dumped('absent,b.test', '--dump-domains=-');
+is problem_of('absent', 'no such domain'), 'error', 'an unknown name is a problem';
+is_deeply members('content/sites/b.test.tar.gz'),
+    [qw(./etc/nginx/sites-enabled/b ./home/alice/app/public/index.php)],
+    'a site whose root was shared has it when it is dumped alone';
+dumped('bob', '--dump-clients=-', '--only-mail');
+is found('count(//site)'), 0, 'only mail tells nothing of sites';
+dumped('bob', '--dump-clients=-', '--only-hosting');
+is found('count(//mailbox)'), 0, 'only hosting tells nothing of mailboxes';
+is found('count(/dump/server | /dump/admin-info)'), 0, 'the host is told of only when asked for';
+dumped('bob', '--dump-clients=-', '--no-compress');
+is_deeply files(), [map {"content/$_.tar"} qw(clients/bob mailboxes/bob sites/c.test)], 'without compression';
+is members('content/sites/c.test.tar')->[-1], './srv/releases/5/web/index.html', 'they are plain archives';
+dumped("host\nlogin\nsecret word\n0\nbob", '--content-transport=rsync', '--dump-clients=-');
+is found('string(/dumping-status/transport/@used)', "$dir/dumping-status.xml"), 'archives',
+    'the status says that content is archives';
+is run(['grep', '-r', 'secret word', $dir])->{status}, 1, 'the password is nowhere';
+
+# --- when it does not work ---
+
+{
+    my $lock = Linux::Dump::take_lock($private);
+    ok !eval { dumped('', '--dump-all'); 1 }, 'a second dump at the same time is refused';
+    ok !eval { Linux::ContentList::text_of($private); 1 }, 'so is the list of an unfinished one';
+}
+Agent::Kept->new($private)->begin;
+ok !eval { Linux::ContentList::text_of($private); 1 }, 'there is no list of a dump that was not completed';
+like $@, qr/no complete dump/, 'and it says so';
+
+my $child = fork;
+die $! if !defined $child;
+if (!$child) {
+    $SIG{TERM} = sub { die $Agent::Status::ended = "Ended by SIGTERM\n" };
+    no warnings 'redefine';
+    my $pack = \&Agent::Tar::pack;
+    my $count = 0;
+    *Agent::Tar::pack = sub { kill TERM => $$ if ++$count == 3; eval { $pack->(@_); 1 } or die $@ };
+    eval { dumped('', '--dump-all'); };
+    require POSIX;
+    POSIX::_exit($@ =~ /\AEnded by SIGTERM/ ? 7 : 1);
+}
+waitpid $child, 0;
+is $? >> 8, 7, 'a dump that is told to end does so';
+is found('string(/dumping-status/@stage)', "$dir/dumping-status.xml"), 'failed', 'and says that it has failed';
+is_deeply [grep {/\.new\z/} @{ files() }], [], 'without leaving half an archive';
+ok !-e "$dir/dump.xml", 'or a dump';
+my $kept = inodes();
+rest();
+dumped('', '--dump-all');
+my $after = inodes();
+is_deeply [grep { $after->{$_} ne $kept->{$_} } keys %$kept], [], 'the next one goes on from there';
+is_deeply files(), \@EVERYTHING, 'to the end';
+
+my @modes = map { sprintf '%o', (lstat)[2] & 07777 } map {"$dir/$_"} @{ files() }, 'dump.xml', 'dumping-status.xml',
+    'state', 'lock', 'key';
+is_deeply [grep { $_ ne '600' } @modes], [], 'no file is open to others';
+
+done_testing;
