@@ -1,0 +1,42 @@
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Imitated qw(imitated problem_texts);
+use Linux::Cron;
+use Test::More;
+
+for my $spool ('var/spool/cron/crontabs', 'var/spool/cron') {
+    my ($tree, $problems) = imitated(
+        "$spool/alice" => "# comment\nPATH=/bin\n\"MAILTO\" = x\n\n*/5 * * * *  one two\n\@reboot   three\nnonsense\n",
+        'etc/crontab' => "17 * * * * root cd / && run-parts\n",
+        'etc/cron.d/app' => "SHELL=/bin/sh\n0 1 * * 1-5 alice four %five\n\@daily bob six\n",
+        'etc/cron.d/app.bak' => "0 1 * * * alice not read by cron\n",
+    );
+    is_deeply Linux::Cron::all($tree, $problems), {
+        alice => {
+            crontab => "/$spool/alice", files => ['/etc/cron.d/app'], jobs => [
+                { when => '*/5 * * * *', command => 'one two', file => "/$spool/alice" },
+                { when => '@reboot', command => 'three', file => "/$spool/alice" },
+                { when => '0 1 * * 1-5', command => 'four %five', file => '/etc/cron.d/app' },
+            ],
+        },
+        bob => { crontab => undef, files => ['/etc/cron.d/app'],
+            jobs => [{ when => '@daily', command => 'six', file => '/etc/cron.d/app' }] },
+        root => { crontab => undef, files => ['/etc/crontab'],
+            jobs => [{ when => '17 * * * *', command => 'cd / && run-parts', file => '/etc/crontab' }] },
+    }, "tables in $spool and those of the system are read";
+    is_deeply problem_texts($problems), [], 'without a problem';
+}
+
+my ($tree, $problems) = imitated('var/spool/cron/crontabs/alice' => 'x', 'etc/cron.d/' => undef);
+chmod 0711, $tree->root or die $!;
+chmod 0700, $tree->path('/var/spool/cron/crontabs') or die $!;
+{
+    local ($), $>) = ('65534 65534', 65534);
+    is_deeply Linux::Cron::all($tree, $problems), {}, 'a plain user may see no tables';
+}
+is_deeply problem_texts($problems), ['error /var/spool/cron/crontabs: Cannot be read: Permission denied'],
+    'and that is a problem';
+
+done_testing;

@@ -1,0 +1,102 @@
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Imitated qw(imitated problem_texts);
+use Linux::Mail;
+use Linux::Users;
+use Test::More;
+
+my $ACCOUNTS = "root:x:0:0::/root:/bin/sh\nvmail:x:5000:5000::/var/vmail:/bin/false\n"
+    . "alice:x:1001:1001::/home/alice:/bin/sh\nbob:x:1002:1002::/home/bob:/bin/sh\n";
+
+sub maildir { return map { ("$_[0]/cur/" => undef, "$_[0]/new/" => undef) } 1 }
+
+# The addresses and paths that are found, and the problems.
+sub found {
+    my %files = ('etc/passwd' => $ACCOUNTS, @_);
+    my ($tree, $problems) = imitated(%files);
+    my @mailboxes = Linux::Mail::all($tree, $problems, Linux::Users->new($tree));
+    return ({ map { $_->{address} => $_->{path} } @mailboxes }, problem_texts($problems), @mailboxes);
+}
+
+is_deeply [found()], [{}, []], 'a host without mail has no mailboxes';
+
+my ($mailboxes) = found(maildir('home/alice/Maildir'), maildir('home/bob/other'));
+is_deeply $mailboxes, { alice => '/home/alice/Maildir' }, 'an account has its usual folder';
+
+($mailboxes) = found(
+    maildir('var/mail/vhosts/a.test/info'), maildir('var/vmail/b.test/sales/Maildir'), 'var/vmail/b.test/empty/' => undef,
+    maildir('var/vmail/deep/c.test/x/y/user'),
+);
+is_deeply $mailboxes, {
+    'info@a.test' => '/var/mail/vhosts/a.test/info', 'sales@b.test' => '/var/vmail/b.test/sales/Maildir',
+    'user@c.test' => '/var/vmail/deep/c.test/x/y/user',
+}, 'the usual folders are searched';
+
+($mailboxes) = found('var/mail/alice' => "From x\n", 'var/mail/bob' => '', 'var/mail/nobody-here' => 'x');
+is_deeply $mailboxes, { alice => '/var/mail/alice' }, 'a file named like an account is its mailbox unless it is empty';
+
+my $problems;
+($mailboxes, $problems) = found(
+    'etc/postfix/main.cf' => "# virtual_mailbox_base = /wrong\nhome_mailbox = .mail/\nwhere = /data\n"
+        . "virtual_mailbox_base = \${where}/mail\nvirtual_mailbox_maps = hash:/etc/postfix/boxes,\n"
+        . "    mysql:/etc/postfix/sql.cf\n",
+    'etc/postfix/boxes' => "# comment\nInfo\@A.test  a/info/\nfile\@a.test  a/file\n\@b.test b/all/\ngone\@a.test a/gone/\n",
+    maildir('data/mail/a/info'), 'data/mail/a/file' => 'From', maildir('data/mail/b/all'), maildir('home/bob/.mail'),
+);
+is_deeply $mailboxes, {
+    'Info@a.test' => '/data/mail/a/info', 'file@a.test' => '/data/mail/a/file', '*@b.test' => '/data/mail/b/all',
+    bob => '/home/bob/.mail',
+}, "the mail server's maps are read";
+is_deeply $problems, ['info /etc/postfix/sql.cf: Mailboxes are named in a mysql map, which is not read; they are '
+    . 'searched for in folders'], 'what is in a database is told';
+
+for my $template ('maildir:/data/%d/%n', 'maildir:/data/%Ld/%Ln:LAYOUT=fs', 'maildir:/data/%{user|domain}/%{user | username}') {
+    ($mailboxes) = found(
+        'etc/dovecot/dovecot.conf' => "!include conf.d/*.conf\n!include_try absent.conf\n",
+        'etc/dovecot/conf.d/10-mail.conf' => "mail_location = $template\n",
+        maildir('data/a.test/info'), maildir('data/b.test/x'), 'data/b.test/no/' => undef,
+    );
+    is_deeply $mailboxes, { 'info@a.test' => '/data/a.test/info', 'x@b.test' => '/data/b.test/x' },
+        "mailboxes at $template are found";
+}
+($mailboxes) = found('etc/dovecot/dovecot.conf' => "mail_location = maildir:/data/%u\n", maildir('data/me@a.test'));
+is_deeply $mailboxes, { 'me@a.test' => '/data/me@a.test' }, 'a whole address may be one folder';
+($mailboxes) = found(
+    'etc/dovecot/dovecot.conf' => "mail_location = maildir:~/box\nuserdb {\n  driver = static\n"
+        . "  args = uid=5000 home=/data/%d/%n\n}\n",
+    maildir('data/a.test/info/box'), maildir('home/alice/box'),
+);
+is_deeply $mailboxes, { 'info@a.test' => '/data/a.test/info/box', alice => '/home/alice/box' },
+    'homes may have a place for all users';
+($mailboxes) = found(
+    'etc/dovecot/dovecot.conf' => "mail_location = maildir:~/box\npassdb {\n  args = scheme=CRYPT /etc/dovecot/users\n}\n",
+    'etc/dovecot/users' => "info\@A.test:{X}secret:5000:5000::/data/one::\nno-home\@a.test:x\n",
+    maildir('data/one/box'),
+);
+is_deeply $mailboxes, { 'info@a.test' => '/data/one/box' }, 'or one of its own in a file of passwords';
+($mailboxes, $problems) = found('etc/dovecot/dovecot.conf' => "mail_location = maildir:/data/%1n/%n\n");
+like $problems->[0], qr{\Ainfo .*/data/%1n/%n are searched for}, 'a place that is not understood is told';
+($mailboxes) = found('etc/dovecot/dovecot.conf' => "!include dovecot.conf\nmail_location = mbox:~/x\n");
+is_deeply $mailboxes, {}, 'a file that includes itself is read once';
+
+my ($same) = found(
+    'etc/dovecot/dovecot.conf' => "mail_location = maildir:/var/vmail/%d/%n\n", maildir('var/vmail/a.test/info'),
+    'srv/mail' => \'../var/vmail',
+);
+is_deeply $same, { 'info@a.test' => '/var/vmail/a.test/info' }, 'no mailbox is found twice';
+
+my @sites = ({ name => 'a.test', names => ['www.a.test', 'A.test'], owner => 'alice' },
+    { name => 'shop.b.test', names => ['shop.b.test'], owner => 'bob' },
+    { name => 'root.test', names => ['root.test'], owner => undef });
+my @clients = map { { name => $_, system => 0 } } qw(alice bob);
+my @mine = map { my ($user, $domain, $owner) = @$_; { user => $user, domain => $domain, owner => $owner } }
+    ['info', 'a.test', 'vmail'], ['info', 'b.test', 'vmail'], ['info', 'c.test', 'bob'], ['info', 'd.test', 'vmail'],
+    ['alice', undef, 'alice'], ['root', undef, 'root'], ['info', 'root.test', 'vmail'];
+Linux::Mail::assign(\@mine, \@clients, \@sites);
+is_deeply [map { join ' ', map { defined $_ ? $_ : '-' } @$_{qw(client sure site)} } @mine],
+    ['alice certain a.test', 'bob likely -', 'bob likely -', '- - -', 'alice certain -', '- - -', '- - -'],
+    'a mailbox belongs to whom its domain or its folder belongs';
+
+done_testing;
