@@ -40,6 +40,8 @@ def web_host(storage=None):
     """An empty host: folders, no database server, nginx and Apache laid out but not running."""
     with source_services.own_folders(storage):
         source_databases.hide_installed()
+        for servers in (source_databases.MariaDb, source_databases.PostgreSql):
+            shutil.rmtree(servers.SOCKETS, ignore_errors=True)
         apache = Apache() if os.path.isdir("/etc/apache2") else None
         yield types.SimpleNamespace(nginx=Nginx(), apache=apache)
 
@@ -73,6 +75,9 @@ def many_sites(host, number, users):
         host.nginx.add_site(name, f"/home/{user}/{name}", [f"www.{name}"])
 
 
+TREES = ["/home/alice/a.test", "/home/alice/shop", "/var/mail/vhosts/a.test/info"]
+FULL_TREES = ["/home/bob/public html", "/home/bob/Maildir"]
+
 # The names are those that the application's file uses.
 WORDPRESS_LIKE = """<?php
 define( 'DB_NAME', 'shop' );
@@ -82,6 +87,7 @@ define( 'DB_HOST', 'localhost' );
 $table_prefix = 'wp_';
 """
 
+DATABASE_FOLDERS = ["/mnt/mariadb", "/mnt/postgresql"]
 DATABASE_SECRETS = [b"shop-passphrase"]
 
 MYSQL_CONTENT = """
@@ -116,8 +122,10 @@ GRANT SELECT ON titles TO PUBLIC;
 @contextlib.contextmanager
 def databases():
     """Both database servers with one database each, of alice and of bob."""
-    with source_databases.MariaDb("/mnt/mariadb") as mysql, \
-            source_databases.PostgreSql("/mnt/postgresql") as postgresql:
+    for folder in DATABASE_FOLDERS:
+        shutil.rmtree(folder, ignore_errors=True)
+    with source_databases.MariaDb(DATABASE_FOLDERS[0]) as mysql, \
+            source_databases.PostgreSql(DATABASE_FOLDERS[1]) as postgresql:
         mysql.sql(MYSQL_CONTENT)
         postgresql.sql(POSTGRESQL_CONTENT)
         yield types.SimpleNamespace(mysql=mysql, postgresql=postgresql)
@@ -163,6 +171,7 @@ class Agent:
 
     def __init__(self, folder=AGENT_DIR, owner=(0, 0)):
         self.folder = folder
+        self._started = []
         shutil.rmtree(folder, ignore_errors=True)
         for part in ("shared", "linux"):
             shutil.copytree(f"{SOURCES}/{part}", folder, dirs_exist_ok=True, ignore=shutil.ignore_patterns("control"))
@@ -172,10 +181,18 @@ class Agent:
 
     def start(self, *arguments, given=b"", environment=None, user=0):
         with open(write("/mnt/agent.stdin", given), "rb") as stdin:
-            return subprocess.Popen(
+            self._started.append(subprocess.Popen(
                 ["perl", f"{self.folder}/agent.pl", *arguments], stdin=stdin, stdout=subprocess.PIPE,
                 stderr=subprocess.PIPE, cwd="/", user=user, group=user, extra_groups=[], preexec_fn=die_with_parent,
-                env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", **(environment or {})})
+                env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", **(environment or {})}))
+        return self._started[-1]
+
+    def end(self):
+        """Ends what a failed test has left running."""
+        for process in self._started:
+            if process.poll() is None:
+                process.terminate()
+                process.communicate(timeout=20)
 
     def run(self, *arguments, **how):
         """The finished run: returncode, stdout, stderr."""
@@ -193,9 +210,10 @@ class Agent:
         return xml.etree.ElementTree.fromstring(read(f"{self.folder}/dumping-status.xml"))
 
     def content(self):
-        """Paths of the content files, relative to the agent directory."""
+        """Paths of the finished content files, relative to the agent directory."""
         return sorted(os.path.relpath(os.path.join(parent, name), self.folder)
-                      for parent, _, names in os.walk(f"{self.folder}/content") for name in names)
+                      for parent, _, names in os.walk(f"{self.folder}/content") for name in names
+                      if not name.endswith(".new"))
 
 
 def check_schema(text, schema):
@@ -214,14 +232,14 @@ class Dump:
 
     def names(self, kind):
         """Names of all objects of the kind."""
-        return sorted(element.get("name") for element in self.root.iter(kind))
+        return sorted(element.get("address" if kind == "mailbox" else "name") for element in self.root.iter(kind))
 
     def objects(self):
         return {kind: self.names(kind) for kind in ("reseller", "client", "domain", "database", "mailbox")
                 if self.names(kind)}
 
     def find(self, kind, name):
-        found = [element for element in self.root.iter(kind) if element.get("name") == name]
+        found = [element for element in self.root.iter(kind) if name in (element.get("name"), element.get("address"))]
         assert len(found) == 1, f"{kind} {name}: {len(found)}"
         return found[0]
 
@@ -302,11 +320,6 @@ def assert_same_tree(original, copy):
 
 # --- for scripts/demo ------------------------------------------------------------------------
 
-TREES = ["/home/alice/a.test", "/home/alice/shop", "/var/mail/vhosts/a.test/info",
-         "/etc/letsencrypt/live/a.test", "/etc/letsencrypt/archive/a.test"]
-FULL_TREES = ["/home/bob/public html", "/home/bob/Maildir"]
-
-
 def run_host(full):
     with contextlib.ExitStack() as running:
         host = running.enter_context(web_host())
@@ -329,7 +342,7 @@ def compare(session, full):
         assert_same_tree(tree, STAGE + tree)
         print(f"   identical: {tree}")
     if full:
-        originals = source_databases.MariaDb("/mnt/mariadb"), source_databases.PostgreSql("/mnt/postgresql")
+        originals = source_databases.MariaDb(DATABASE_FOLDERS[0]), source_databases.PostgreSql(DATABASE_FOLDERS[1])
         with restored(f"{session}/archives", files) as second:
             assert mysql_state(originals[0], "shop") == mysql_state(second.mysql, "shop")
             print("   identical: database shop, restored")

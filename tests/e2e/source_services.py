@@ -15,13 +15,18 @@ from world import read, wait_until, write
 
 # Folders of the machine that a host's data lies in: here they are ours.
 FOLDERS = ("/home", "/srv", "/var/www", "/var/mail", "/var/spool", "/var/lib/nginx")
+ACCOUNT_FILES = ("/etc/passwd", "/etc/group", "/etc/shadow")
 CERTIFICATES = "/etc/letsencrypt"
 FIRST_USER = 30001
 
 
 @contextlib.contextmanager
 def own_folders(storage=None):
-    """Empty folders in the place of the machine's, below `storage` where that is given."""
+    """Empty folders in the place of the machine's, below `storage` where that is given.
+
+    Accounts and certificates that are made meanwhile are gone afterwards.
+    """
+    kept = {path: read(path) for path in ACCOUNT_FILES}
     for folder in FOLDERS:
         if storage is None:
             subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", folder], check=True)
@@ -35,15 +40,20 @@ def own_folders(storage=None):
     finally:
         for folder in reversed(FOLDERS):
             subprocess.run(["umount", "-l", folder], check=True)
+        for path, content in kept.items():
+            with open(path, "wb") as file:
+                file.write(content)
+        shutil.rmtree(CERTIFICATES, ignore_errors=True)
 
 
 def own_copy(folder):
-    """Turns the link in /etc into a copy of the machine's folder, to be changed at will."""
+    """Puts a fresh copy of the machine's folder into /etc, to be changed at will."""
     path = f"/etc/{folder}"
     if os.path.islink(path):
         os.unlink(path)
-        # Links in it name /etc/..., and so lead into the copy.
-        shutil.copytree(f"/mnt/etc.orig/{folder}", path, symlinks=True)
+    shutil.rmtree(path, ignore_errors=True)
+    # Links in it name /etc/..., and so lead into the copy.
+    shutil.copytree(f"/mnt/etc.orig/{folder}", path, symlinks=True)
     return path
 
 

@@ -1,0 +1,306 @@
+"""The agent "linux" through the tool, from a web host with real servers to the unpacked archives."""
+import os
+import shutil
+import subprocess
+import xml.etree.ElementTree
+
+import pytest
+
+from linux_host import (DATABASE_SECRETS, FULL_TREES, STAGE, TREES, Dump, assert_same_tree, check_schema, databases,
+                        entry, install_linux_agent, mysql_state, populate, populate_apache, postgresql_state, restored,
+                        unpack, web_host)
+from source_services import add_user, owned
+from world import (LOGIN_KINDS, PLAIN, ROOT, SUDOER, Destination, Session, files_below, owner_and_mode,
+                   read, wait_until, write)
+
+# Configuration, certificate and key: what they lead to is taken along.
+LINKS = ["/etc/nginx/sites-enabled/a.test", "/etc/apache2/sites-enabled/b.test.conf",
+         "/etc/letsencrypt/live/a.test/privkey.pem", "/etc/letsencrypt/live/a.test/fullchain.pem"]
+ARCHIVES = "/mnt/session/archives"
+
+
+@pytest.fixture
+def host():
+    """A populated web host with its web servers running."""
+    install_linux_agent()
+    shutil.rmtree(STAGE, ignore_errors=True)
+    with web_host() as found:
+        populate(found)
+        populate_apache(found)
+        with found.nginx, found.apache:
+            yield found
+
+
+def run(login, action, *options, **how):
+    """A run of the tool that must succeed without a word."""
+    outcome = Destination(login, agent="linux").run(action, *options, **how)
+    assert (outcome.code, outcome.stdout, outcome.stderr) == (0, b"", b""), (action, outcome)
+
+
+def dumped(login, action="dump-all", *options):
+    """The document of a dump by an agent that is deployed already."""
+    run(login, action, *options)
+    text = Session().read("dump.xml")
+    check_schema(text, "dump")
+    check_schema(read(f"{login.agent_dir}/dumping-status.xml"), "dumping-status")
+    return Dump(text)
+
+
+def migrate(login=ROOT, *selection):
+    """Deploys, dumps and fetches everything that is selected, and unpacks it."""
+    run(login, "deploy-agent")
+    dump = dumped(login, *selection)
+    run(login, "get-content")
+    assert Session().messages("transfer.result") == []
+    assert set(files_below(ARCHIVES)) == {os.fsencode(name) for name in [*dump.files(), "dump.xml"]}
+    assert read(f"{ARCHIVES}/dump.xml") == dump.text
+    for name in dump.files():
+        if ".tar" in name:
+            unpack(f"{ARCHIVES}/{name}")
+    return dump
+
+
+def arrived(*folders):
+    """Each folder is the same on the source host and in what was unpacked."""
+    for folder in folders:
+        assert_same_tree(folder, STAGE + folder)
+
+
+def entries(login):
+    """{path relative to the agent directory: (owner, group, mode)}"""
+    return {os.path.relpath(os.path.join(parent, name), login.agent_dir): owner_and_mode(os.path.join(parent, name))
+            for parent, folders, names in os.walk(login.agent_dir) for name in [*folders, *names]}
+
+
+ROOTS = ["root login", "sudo by password", "sudo without password"]
+
+
+@pytest.mark.parametrize("kind", ROOTS)
+def test_every_archive_unpacked_is_what_was_on_the_source_host(source, host, kind):
+    login = LOGIN_KINDS[kind]
+    dump = migrate(login)
+    assert dump.problems("error") == dump.problems("warning") == []
+    assert dump.objects() == {"client": ["alice", "bob"], "domain": ["a.test", "b.test", "shop.a.test"],
+                              "mailbox": ["bob", "info@a.test"]}
+    arrived(*TREES, *FULL_TREES)
+    for path in (*LINKS, *map(os.path.realpath, LINKS), "/var/spool/cron/crontabs/alice", "/etc/passwd"):
+        assert entry(STAGE + path) == entry(path), path
+    # Everything was taken away after it had arrived.
+    assert not os.path.exists(f"{login.agent_dir}/dump.xml")
+    assert [name for name in entries(login) if name.startswith("content/") and "." in name] == []
+    run(login, "remove-agent")
+    assert not os.path.exists(login.agent_dir)
+
+
+@pytest.mark.slow
+def test_restored_databases_are_what_they_were(source, host):
+    with databases() as original:
+        dump = migrate(SUDOER)
+        assert dump.problems("error") == []
+        shop, wiki = dump.find("database", "shop"), dump.find("database", "wiki")
+        assert (shop.get("sure"), wiki.get("sure")) == ("certain", "likely")
+        parents = {child: parent for parent in dump.root.iter() for child in parent}
+        assert parents[shop].get("name") == "shop.a.test"
+        while parents[wiki].tag != "client":
+            wiki = parents[wiki]
+        assert parents[wiki].get("name") == "bob"
+        with restored(ARCHIVES, dump.files()) as second:
+            assert mysql_state(second.mysql, "shop") == mysql_state(original.mysql, "shop")
+            assert postgresql_state(second.postgresql, "wiki") == postgresql_state(original.postgresql, "wiki")
+            # The application finds its database with the password that it has.
+            second.mysql.sql("SET PASSWORD FOR root@localhost = PASSWORD('x');")
+            assert subprocess.run(
+                ["mariadb", "--no-defaults", f"--socket={second.mysql.socket}", "-u", "shop",
+                 "--password=shop-passphrase", "-N", "-e", "SELECT COUNT(*) FROM goods; CALL many();", "shop"],
+                check=True, stdout=subprocess.PIPE).stdout.split() == [b"3", b"3"]
+
+
+def test_says_that_it_is_in_place(source, host, login):
+    run(login, "deploy-agent")
+    text = Session().read("agent-deployment.status")
+    check_schema(text, "agent-deployment-status")
+    document = xml.etree.ElementTree.fromstring(text)
+    assert document.tag == "agentstatus" and document.findtext("statusfile")
+
+
+@pytest.mark.parametrize("kind", LOGIN_KINDS)
+def test_what_it_makes_is_for_its_owner_only(source, host, kind):
+    login = LOGIN_KINDS[kind]
+    run(login, "deploy-agent")
+    deployed = set(entries(login))
+    dumped(login)
+    uid, gid, mode = owner_and_mode(login.agent_dir)
+    assert (uid, mode) == (login.ids[0], 0o700)
+    made = {path: facts for path, facts in entries(login).items() if path not in deployed}
+    assert "dump.xml" in made and "content/sites" in made
+    for path, facts in made.items():
+        is_folder = os.path.isdir(f"{login.agent_dir}/{path}")
+        assert facts == (uid, gid, 0o700 if is_folder else 0o600), path
+
+
+def test_shows_its_progress_through_the_tool(source, host):
+    run(ROOT, "deploy-agent")
+    dumped(ROOT)
+    outcome = Destination(ROOT, agent="linux").run("get-dumping-status")
+    assert outcome.code == 0
+    check_schema(outcome.stdout, "dumping-status")
+    status = xml.etree.ElementTree.fromstring(outcome.stdout)
+    assert (status.get("stage"), status.get("done")) == ("finished", status.get("total"))
+
+
+SELECTIONS = {
+    "a domain": (["--domains=a.test"], {"client": ["alice"], "domain": ["a.test"], "mailbox": ["info@a.test"]}),
+    "a domain by another name": (["--domains=WWW.b.test"], {"client": ["bob"], "domain": ["b.test"]}),
+    "a client": (["--clients=bob"], {"client": ["bob"], "domain": ["b.test"], "mailbox": ["bob"]}),
+    "a reseller": (["--resellers=agency"], {
+        "reseller": ["agency"], "client": ["alice"], "domain": ["a.test", "shop.a.test"],
+        "mailbox": ["info@a.test"]}),
+    "a domain and a client": (["--domains=shop.a.test", "--clients=bob"], {
+        "client": ["alice", "bob"], "domain": ["b.test", "shop.a.test"], "mailbox": ["bob"]}),
+    "all three": (["--domains=b.test", "--clients=alice", "--resellers=agency"], {
+        "client": ["alice", "bob"], "domain": ["a.test", "b.test", "shop.a.test"], "mailbox": ["info@a.test"]}),
+}
+
+
+@pytest.mark.parametrize("name", SELECTIONS)
+def test_a_selected_dump_has_what_was_asked_for(source, host, name):
+    options, expected = SELECTIONS[name]
+    write("/etc/sondrel/resellers", "agency: alice\n")
+    try:
+        dump = migrate(SUDOER, "dump-selected", *options)
+    finally:
+        shutil.rmtree("/etc/sondrel")
+    found = dump.objects()
+    if "reseller" not in expected:
+        found.pop("reseller", None)
+    assert found == expected
+    assert dump.problems("error") == []
+    assert dump.root.find("server") is None and dump.root.find("admin-info") is None
+    if "a.test" in expected["domain"]:
+        arrived("/home/alice/a.test")
+
+
+@pytest.mark.parametrize("option, kinds", [("--only-mail", {"mailbox"}), ("--only-hosting", {"site", "client"})])
+def test_only_a_kind_of_content_is_dumped_when_asked_for(source, host, option, kinds):
+    dump = migrate(ROOT, "dump-selected", "--clients=alice,bob", option)
+    assert {content.get("kind") for content in dump.root.iter("content")} == kinds
+    assert bool(dump.names("mailbox")) == (option == "--only-mail")
+
+
+def test_content_is_not_compressed_when_asked_for(source, host):
+    dump = migrate(ROOT, "dump-selected", "--clients=alice,bob", "--no-compress")
+    assert dump.files() and not [name for name in dump.files() if name.endswith(".gz")]
+    arrived("/home/alice/a.test", "/home/bob/Maildir")
+
+
+def test_a_dump_without_content_has_the_description_only(source, host):
+    run(ROOT, "deploy-agent")
+    dump = dumped(ROOT, "dump-all", "--no-content")
+    assert dump.files() == {} and dump.names("domain") == ["a.test", "b.test", "shop.a.test"]
+    run(ROOT, "get-content")
+    assert set(files_below(ARCHIVES)) == {b"dump.xml"}
+
+
+def test_the_lines_of_another_transport_are_never_stored(source, host):
+    run(SUDOER, "deploy-agent")
+    dump = dumped(SUDOER, "dump-selected", "--content-transport=rsync", "--clients=bob")
+    assert dump.names("client") == ["bob"] and "content/sites/b.test.tar.gz" in dump.files()
+    assert any("rsync" in text for _, text in dump.problems("warning"))
+    for path, content in files_below(SUDOER.agent_dir).items():
+        assert SUDOER.password.encode() not in content, path
+    text = Session().read("agent-deployment.status")
+    assert SUDOER.password.encode() not in text and b"rsync" in text
+
+
+def test_no_password_of_a_database_is_in_an_argument_or_the_environment(source, host):
+    # What every process of the dump was started with, from the kernel's own record of it.
+    seen = "/mnt/seen"
+    write("/mnt/programs/mariadb-dump", f"""#!/bin/sh
+tr '\\0' '\\n' < /proc/$$/cmdline >> {seen}; tr '\\0' '\\n' < /proc/$PPID/environ >> {seen}
+env >> {seen}
+exec /usr/bin/mariadb-dump "$@"
+""", mode=0o755)
+    shutil.copy("/mnt/programs/mariadb-dump", "/mnt/programs/mysqldump")
+    run(ROOT, "deploy-agent")
+    with databases():
+        result = subprocess.run(
+            ["perl", f"{ROOT.agent_dir}/agent.pl", "--migration-mode", "--dump-all"], check=True, capture_output=True,
+            env={"PATH": "/mnt/programs:/usr/sbin:/usr/bin:/sbin:/bin"})
+    assert result.stderr == b""
+    assert b"shop" in read(seen)
+    for secret in DATABASE_SECRETS:
+        assert secret not in read(seen)
+
+
+def test_a_second_dump_makes_only_what_has_changed(source, host):
+    run(ROOT, "deploy-agent")
+
+    def identity():
+        return {name: (os.stat(f"{ROOT.agent_dir}/{name}").st_ino, os.stat(f"{ROOT.agent_dir}/{name}").st_mtime_ns)
+                for name in dumped(ROOT).files()}
+
+    first = identity()
+    assert identity() == first
+    owned("/home/alice/shop/new.html", "new", add_user("alice"))
+    os.chmod("/home/bob/public html/index.html", 0o600)
+    third = identity()
+    assert {name for name in first if first[name] != third[name]} == {
+        "content/sites/shop.a.test.tar.gz", "content/sites/b.test.tar.gz"}
+    run(ROOT, "get-content")
+    for name in third:
+        if ".tar" in name:
+            unpack(f"{ARCHIVES}/{name}")
+    arrived("/home/alice/shop", "/home/bob/public html")
+
+
+def test_a_fetch_that_was_stopped_goes_on_where_it_was(source, host):
+    owned("/home/alice/shop/large", os.urandom(30 << 20), add_user("alice"))
+    run(ROOT, "deploy-agent")
+    dump = dumped(ROOT)
+    stopped = Destination(ROOT, agent="linux").start("get-content")
+    large = "content/sites/shop.a.test.tar.gz"
+    wait_until(lambda: os.path.exists(f"{ARCHIVES}/{large}"), "the large archive to come")
+    stopped.send(9)
+    stopped.finish()
+    before = set(files_below(ARCHIVES))
+    assert os.path.exists(f"{ROOT.agent_dir}/{large}") and len(before) < len(dump.files()) + 1
+    run(ROOT, "get-content")
+    for name in dump.files():
+        if ".tar" in name:
+            unpack(f"{ARCHIVES}/{name}")
+    arrived(*TREES, *FULL_TREES)
+    assert read(f"{ARCHIVES}/dump.xml") == dump.text
+
+
+def test_sites_that_share_a_root_are_packed_once(source, host):
+    host.nginx.add_site("other.test", "/home/alice/shop")
+    dump = migrate()
+    other, shop = dump.find("domain", "other.test"), dump.find("domain", "shop.a.test")
+    assert [shared.text for shared in other.iter("shares-root-with")] == ["shop.a.test"]
+    assert [shared.text for shared in shop.iter("shares-root-with")] == ["other.test"]
+    files = [sorted(content.get("file") for content in domain.iter("content")) for domain in (other, shop)]
+    assert set(files[0]) & set(files[1])
+    packed = [name for name in dump.files() if name.startswith("content/sites/")
+              and b"home/alice/shop/index.php" in subprocess.run(
+                  ["tar", "-tf", f"{ARCHIVES}/{name}"], check=True, stdout=subprocess.PIPE).stdout]
+    assert len(packed) == 1
+    arrived("/home/alice/shop")
+
+
+def test_a_root_behind_symbolic_links_is_packed_with_them(source, host):
+    alice = add_user("alice")
+    owned("/srv/releases/7/index.html", "seven", alice)
+    os.symlink("releases/7", "/srv/current")
+    host.nginx.add_site("linked.test", "/srv/current")
+    migrate()
+    arrived("/srv/releases/7")
+    assert os.readlink(f"{STAGE}/srv/current") == "releases/7"
+
+
+def test_a_plain_login_migrates_what_it_can_see(source, host):
+    uid, gid = PLAIN.ids
+    os.makedirs("/home/plain")
+    owned("/home/plain/www/index.html", "mine", (uid, gid))
+    host.nginx.add_site("mine.test", "/home/plain/www")
+    migrate(PLAIN, "dump-selected", "--domains=mine.test")
+    arrived("/home/plain/www")

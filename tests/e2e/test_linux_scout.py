@@ -1,0 +1,165 @@
+"""The scout: what it says of a web host, by itself and through the tool."""
+import os
+import subprocess
+import time
+import xml.etree.ElementTree
+
+import pytest
+
+import snapshot
+from linux_host import (check_schema, databases, described, install_linux_agent, many_sites, populate,
+                        populate_apache, web_host)
+from snapshot import own_folders  # noqa: F401  a fixture
+from source_services import FOLDERS, fill_root
+from world import DTM, PLAIN, SESSION, Destination, Session
+
+
+@pytest.fixture
+def host():
+    install_linux_agent()
+    with web_host() as found:
+        yield found
+
+
+def look(user=0, environment=None):
+    """The scout's document, after a run as the tool runs it."""
+    with open(f"{DTM}/scout.pl", "rb") as script:
+        result = subprocess.run(
+            ["perl"], stdin=script, capture_output=True, cwd="/", user=user, group=user, extra_groups=[], check=False,
+            env={"PATH": "/usr/bin:/bin", **(environment or {})})
+    assert (result.returncode, result.stderr) == (0, b""), result
+    return checked(result.stdout)
+
+
+def checked(text):
+    check_schema(text, "scout-result")
+    return xml.etree.ElementTree.fromstring(text)
+
+
+def findings(document, severity):
+    return {finding.get("object"): finding.text for finding in document.iter("finding")
+            if finding.get("severity") == severity}
+
+
+def counts(document):
+    """{client: numbers of sites, databases, mailboxes, cron jobs}"""
+    return {client.get("name"): tuple(int(client.get(kind)) for kind in ("sites", "databases", "mailboxes", "cron"))
+            for client in document.iter("client")}
+
+
+def test_tells_what_there_is(source, host, login):
+    populate(host)
+    populate_apache(host)
+    outcome = Destination(login).run("send-scout")
+    assert (outcome.code, outcome.stdout, outcome.stderr) == (0, b"", b"")
+    document = checked(Session().read("scout-result.xml"))
+    servers = {server.get("name"): server.get("sites") for server in document.iter("web-server")}
+    assert servers == {"nginx": "2", "apache": "1"}
+    is_root = login is not PLAIN
+    assert document.find("login").get("uid") == ("0" if is_root else "20001")
+    if is_root:
+        assert counts(document) == {"alice": (2, 0, 1, 1), "bob": (1, 0, 1, 0)}
+        assert findings(document, "error") == findings(document, "warning") == {}
+        assert document.find("needs").get("complete") == "yes"
+
+
+def test_tells_what_it_cannot_see_without_root(host):
+    populate(host)
+    document = look(user=PLAIN.ids[0])
+    assert counts(document) == {"alice": (2, 0, 0, 0)}
+    assert "is not root" in findings(document, "warning")["plain"]
+    errors = findings(document, "error")
+    assert errors["/var/mail/vhosts"] == "Cannot be read, mailboxes in it are not found: Permission denied"
+    assert errors["/var/spool/cron/crontabs"] == "Cannot be read: Permission denied"
+    assert "privkey.pem may not be read" in errors["a.test"]
+    assert errors["files"] == "1 of the folders cannot be read by this login"
+    assert document.find("needs").get("complete") == "no"
+
+
+def test_names_databases_and_whose_they_are(host):
+    populate(host)
+    populate_apache(host)
+    with databases():
+        document = look()
+    found = {(server.get("product"), database.get("name")): database.get("client")
+             for server in document.iter("database-server") for database in server}
+    assert found == {("MariaDB", "shop"): "alice", ("PostgreSQL", "wiki"): "bob"}
+    assert all(int(database.get("bytes")) > 0 for database in document.iter("database"))
+    assert int(document.find("needs").get("database-bytes")) > 0
+    assert {server.get("running") for server in document.iter("database-server")} == {"yes"}
+
+
+def test_names_a_database_server_that_does_not_run(host):
+    with databases() as servers:
+        servers.mysql.kill()
+        started = time.monotonic()
+        document = look()
+        assert time.monotonic() - started < 5
+    assert {server.get("product"): server.get("running") for server in document.iter("database-server")} == {
+        "MariaDB": "no", "PostgreSQL": "yes"}
+    assert len(findings(document, "error")) == 1, findings(document, "error")
+
+
+def test_says_of_an_empty_host_that_nothing_is_there(host):
+    document = look()
+    assert counts(document) == {}
+    assert document.find("web-servers").get("sites") == document.find("mail").get("mailboxes") == "0"
+    assert findings(document, "error") == {}
+
+
+def test_names_a_configuration_that_is_broken_and_tells_the_rest(host):
+    populate(host)
+    host.nginx.enable("broken.test", "}\n")
+    document = look()
+    assert counts(document)["alice"][0] == 2
+    assert "/etc/nginx/sites-enabled/broken.test" in findings(document, "error")
+
+
+def test_finds_that_a_needed_program_is_missing(host):
+    # No file that can be run is there, wherever one looks for it.
+    subprocess.run(["mount", "--bind", "/dev/null", "/usr/bin/tar"], check=True)
+    try:
+        assert findings(look(), "error") == {"tar": "No archives can be made without tar"}
+    finally:
+        subprocess.run(["umount", "/usr/bin/tar"], check=True)
+
+
+def test_warns_of_sites_that_belong_to_a_service(host):
+    fill_root("/var/www/one", (33, 33))
+    host.nginx.add_site("one.test", "/var/www/one")
+    document = look()
+    assert counts(document) == {"www-data": (1, 0, 0, 0)}
+    assert "1 of the sites" in findings(document, "warning")["www-data"]
+
+
+def test_changes_nothing_on_the_host(host, own_folders):  # noqa: F811
+    populate(host)
+    populate_apache(host)
+    before = [described(folder) for folder in FOLDERS]
+    with snapshot.unchanged(SESSION):
+        look()
+        look(user=PLAIN.ids[0])
+    assert [described(folder) for folder in FOLDERS] == before
+
+
+def test_takes_less_than_five_seconds_for_a_thousand_sites(host):
+    many_sites(host, 1000, 200)
+    started = time.monotonic()
+    document = look()
+    assert time.monotonic() - started < 5
+    assert document.find("web-servers").get("sites") == "1000"
+    assert len(counts(document)) == 200 and set(counts(document).values()) == {(5, 0, 0, 0)}
+
+
+def test_stops_counting_the_files_of_a_large_host(host):
+    populate(host)
+    for number in range(300):
+        folder = f"/home/alice/shop/{number}"
+        os.mkdir(folder)
+        for name in range(1000):
+            os.mkdir(f"{folder}/{name}")
+    started = time.monotonic()
+    document = look()
+    assert time.monotonic() - started < 5
+    assert document.find("needs").get("complete") == "no"
+    assert "more files than could be counted" in findings(document, "info")["space"]
