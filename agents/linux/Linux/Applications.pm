@@ -232,7 +232,7 @@ sub setting {
     my $port = $raw->{port};
     $host =~ s/\Ap://;
     $port = $1 if $host =~ s/:([0-9]+)\z//;
-    $host =~ s{:(?=/)}{};
+    $host =~ s{\A[^/]*:(?=/)}{};
     return { kind => kind_of($raw->{driver}), name => $raw->{database}, host => $host,
         port => defined $port && $port =~ /\A[0-9]+\z/ && $port ? $port : undef,
         map { $_ => $raw->{$_} } qw(user password prefix) };
@@ -242,8 +242,7 @@ sub setting {
 sub kind_of {
     my ($driver) = @_;
     return 'mysql' if !defined $driver || $driver =~ /mysql|maria|\A\z/i;
-    return 'postgresql' if $driver =~ /pgsql|postgres/i;
-    return;
+    return $driver =~ /pgsql|postgres/i ? 'postgresql' : undef;
 }
 
 sub unquoted {

@@ -157,7 +157,7 @@ sub proof {
     return undef, "the password there is not that of the user $user" if defined $right && !$right;
     return 'certain', 'and the user and the password there open it' if $may && $right;
     return 'likely', "and the user $user has grants for it" if $may;
-    return 'guess', 'while nobody has grants for it' if $right || !@{ $database->{users} };
+    return 'guess', 'while nobody has grants for it' if !@{ $database->{users} };
     return undef, "the user $user has no grants for it";
 }
 

@@ -183,8 +183,8 @@ sub users {
         $users{"$name\0$host"} = { name => $name, host => $host, role => $self->is_role($name, $host) };
     };
     for my $grant (@{ $self->grants }) {
-        my ($name, $host, $scope, $wild) = @$grant;
-        $add->($name, $host) if $wild ? $database =~ pattern($scope) : $database eq $scope;
+        my ($name, $host, $scope) = @$grant;
+        $add->($name, $host) if ref $scope ? $database =~ $scope : $database eq $scope;
     }
     # A role's members have what it has, and so have theirs.
     my $before = -1;
@@ -205,7 +205,7 @@ sub pattern {
     return qr/\A$out\z/s;
 }
 
-# Every grant for a part of the server: [name, host, database, whether this is a pattern].
+# Every grant for a part of the server: [name, host, database or a pattern of names].
 sub grants {
     my ($self) = @_;
     return $self->{grants} if $self->{grants};
@@ -217,12 +217,12 @@ sub grants {
         for (@{ $rows || [] }) {
             my ($grantee, $scope) = @$_;
             next if $grantee !~ /\A'(.*)'\@'([^']*)'\z/s;
-            push @grants, [$1, $2, $scope, $table eq 'schema_privileges'];
+            push @grants, [$1, $2, $table eq 'schema_privileges' ? pattern($scope) : $scope];
         }
     }
     # Grants for single routines are nowhere else; only administrators may read this.
     my ($routines) = $self->ask('SELECT DISTINCT User, Host, Db FROM mysql.procs_priv;');
-    push @grants, map { [@$_, 0] } @{ $routines || [] };
+    push @grants, @{ $routines || [] };
     return $self->{grants} = \@grants;
 }
 
@@ -350,7 +350,7 @@ sub dump_command {
     if (!defined $self->{knows}) {
         $self->{knows} = run([$self->{dump}, '--no-defaults', '--help'], limit => 20)->{out};
     }
-    my @known = grep { my ($word) = /^--(?:skip-)?([\w-]+)/; $self->{knows} =~ /--(?:skip-)?\Q$word\E\b/ } qw(--no-tablespaces
+    my @known = grep { /^--(?:skip-)?([\w-]+)/ && $self->{knows} =~ /--(?:skip-)?\Q$1\E\b/ } qw(--no-tablespaces
         --dump-history --events --skip-dump-date --set-gtid-purged=OFF --column-statistics=0);
     my $utf8 = $self->{version} =~ /\A5\.(?:[01]\.|5\.[012]\b)/ ? 'utf8' : 'utf8mb4';
     return [$self->{dump}, @{ $self->{login} }, '--single-transaction', '--quick', '--force', '--routines',

@@ -31,8 +31,8 @@ sub tokens {
     for ($text) {
         while (1) {
             if    (/\G(?:\s+|#(?!\[)[^\n]*|\/\/[^\n]*|\/\*.*?(?:\*\/|\z))/gcs) { next }
-            elsif (/\G'([^'\\]*(?:\\.[^'\\]*)*)'/gcs) { push @tokens, [string => single_quoted($1)] }
-            elsif (/\G"([^"\\]*(?:\\.[^"\\]*)*)"/gcs) { push @tokens, [string => double_quoted($1)] }
+            elsif (/\G'/gc)                    { push @tokens, [string => single_quoted(up_to_quote(q{'}))] }
+            elsif (/\G"/gc)                    { push @tokens, [string => double_quoted(up_to_quote('"'))] }
             elsif (/\G<<<\s*(['"]?)(\w+)\1\r?\n.*?^\s*\2\b/gcms) { push @tokens, [string => undef] }
             elsif (/\G\$(\w+)/gc)              { push @tokens, [variable => $1] }
             elsif (/\G([\w\\]*[A-Za-z_]\w*)/gc) { push @tokens, [word => $1] }
@@ -44,15 +44,24 @@ sub tokens {
     return \@tokens;
 }
 
+# Takes the rest of a string in $_ with its end; one pattern for all of it would fail
+# for a long one.
+sub up_to_quote {
+    my ($quote) = @_;
+    my $text = '';
+    while (/\G([^\\$quote]+|\\.)/gcs) { $text .= $1 }
+    return /\G$quote/gc ? $text : undef;
+}
+
 sub single_quoted {
     my ($text) = @_;
-    $text =~ s/\\([\\'])/$1/g;
+    $text =~ s/\\([\\'])/$1/g if defined $text;
     return $text;
 }
 
 sub double_quoted {
     my ($text) = @_;
-    return if $text =~ /(?<!\\)(?:\\\\)*(?:\$[\w{]|\{\$)/;
+    return undef if !defined $text || $text =~ /(?<!\\)(?:\\\\)*(?:\$[\w{]|\{\$)/;
     $text =~ s/\\(?:([ntrvef])|([\\\$"])|x([0-9A-Fa-f]{1,2})|([0-7]{1,3}))/
         defined $1 ? $ESCAPED{$1} : defined $2 ? $2 : chr(defined $3 ? hex $3 : oct($4) & 255)/gex;
     return $text;

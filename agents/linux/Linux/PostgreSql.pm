@@ -165,7 +165,7 @@ sub databases {
 sub in_use {
     my ($self, $name) = @_;
     my ($rows) = $self->ask("SELECT 1 FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace
-        WHERE c.oid >= 16384 AND n.nspname NOT IN ('pg_catalog', 'information_schema') AND n.nspname !~ '^pg_' LIMIT 1", $name);
+        WHERE c.oid >= 16384 AND n.nspname <> 'information_schema' AND n.nspname !~ '^pg_' LIMIT 1", $name);
     return $rows && @$rows;
 }
 
@@ -323,12 +323,12 @@ sub role_statement {
     my $name = identifier($role->{name});
     my %text = map { $_ => defined $role->{$_} && length $role->{$_} ? literal($role->{$_}) : undef }
         qw(until password);
-    my $create = join ' ', "CREATE ROLE $name", $role->{login} ? 'LOGIN' : (), $role->{inherit} ? () : 'NOINHERIT',
-        "CONNECTION LIMIT $role->{connections}", $text{until} ? "VALID UNTIL $text{until}" : (),
+    my $create = join ' ', "CREATE ROLE $name", $role->{login} ? 'LOGIN' : (),
+        $role->{inherit} ? () : 'NOINHERIT', "CONNECTION LIMIT $role->{connections}", $text{until} ? "VALID UNTIL $text{until}" : (),
         $text{password} ? "PASSWORD $text{password}" : ();
     my @settings = map { " ALTER ROLE $name SET " . setting(@$_) } $self->settings($role->{id}, 0);
-    my $missing = 'NOT EXISTS (SELECT 1 FROM pg_catalog.pg_roles WHERE rolname = ' . literal($role->{name}) . ')';
-    my $body = "BEGIN IF $missing THEN $create;@settings END IF; END";
+    my $same = 'SELECT 1 FROM pg_catalog.pg_roles WHERE rolname = ' . literal($role->{name});
+    my $body = "BEGIN IF NOT EXISTS ($same) THEN $create;@settings END IF; END";
     my $tag = 'role';
     $tag .= 'x' while index($body, "\$$tag\$") >= 0;
     return "DO \$$tag\$$body\$$tag\$;\n";

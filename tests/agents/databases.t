@@ -1,0 +1,126 @@
+# Whose the databases of a host are: what the settings of sites open, then what the
+# accounts and the names of the databases say.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Agent::Problems;
+use File::Path ();
+use Linux::Databases;
+use Linux::Tree;
+use PrivateServer;
+use Test::More;
+
+# What the packages have left on this machine is not part of the test.
+unlink '/etc/postgresql', '/etc/mysql';
+
+my $mysql = PrivateServer->new('mariadb', '/mnt/mysql-server');
+my $postgresql = PrivateServer->new('postgresql', '/mnt/postgresql-server');
+my %mysql = (
+    # database => [users with grants]
+    alice_shop => ['shop_user'], second => ['shop_user'], stale => ['stale_user'], foreign => ['other_user'],
+    loose => [], named => ['bob'], bob_things => [], solo_test => [], both => ['both_user'], lost => ['nobody_known'],
+    victim => ['carol'], 'big-shop.test' => [], unread => ['socket_user'],
+);
+my @sql = map {"CREATE DATABASE `$_`;"} sort keys %mysql;
+my %seen;
+for my $database (sort keys %mysql) {
+    for my $user (@{ $mysql{$database} }) {
+        push @sql, "CREATE USER $user\@localhost IDENTIFIED BY 'right';" if !$seen{$user}++;
+        push @sql, "GRANT ALL ON `$database`.* TO $user\@localhost;";
+    }
+}
+push @sql, 'ALTER USER socket_user@localhost IDENTIFIED VIA unix_socket;', "CREATE USER ungranted IDENTIFIED BY 'right';";
+$mysql->sql(join "\n", @sql);
+$postgresql->sql(<<'END');
+CREATE ROLE forum_user LOGIN PASSWORD 'right';
+CREATE DATABASE alice_shop;
+CREATE DATABASE forum OWNER forum_user;
+END
+
+my @sites;
+sub site {
+    my ($name, $owner, %settings) = @_;
+    my $root = "/mnt/sites/$name";
+    push @sites, { name => $name, names => [$name], owner => $owner, root => $root, roots => [$root] };
+    for my $folder (keys %settings) {
+        File::Path::mkpath("$root/$folder");
+        my ($database, $user, $password, $host) = @{ $settings{$folder} };
+        open my $file, '>', "$root/$folder/wp-config.php" or die $!;
+        print {$file} "<?php define('DB_NAME', '$database'); define('DB_USER', '$user');",
+            " define('DB_PASSWORD', '$password'); define('DB_HOST', '", $host || 'localhost', "');";
+        close $file or die $!;
+    }
+    return;
+}
+site('shop.test', 'alice', '.' => [qw(alice_shop shop_user right)], old => [qw(stale stale_user wrong)],
+    far => [qw(far u p db.example:3306)], gone => [qw(gone u p)], stolen => [qw(foreign shop_user right)],
+    free => [qw(loose ungranted right)], victim => [qw(unread socket_user guessed)]);
+site('blog.test', 'alice');
+site('forum.test', 'dave');
+File::Path::mkpath('/mnt/sites/forum.test');
+open my $file, '>', '/mnt/sites/forum.test/.env' or die $!;
+print {$file} "DB_CONNECTION=pgsql\nDB_DATABASE=forum\nDB_USERNAME=forum_user\nDB_PASSWORD=right\n";
+close $file or die $!;
+site('solo.test', 'bob');
+site('big-shop.test', 'carol', x => [qw(both both_user right)]);
+site('eve.test', 'eve', '.' => [qw(victim carol guessed)], x => [qw(both both_user right)]);
+my @clients = map { { name => $_ } } qw(alice bob carol dave eve);
+
+my $problems = Agent::Problems->new;
+my $databases = Linux::Databases->new(tree => Linux::Tree->new, problems => $problems, limit => 20);
+is_deeply [map {"$_->{kind} $_->{running}"} $databases->servers], ['mysql 1', 'postgresql 1'], 'all servers are listed';
+$databases->assign(\@clients, \@sites);
+my %assigned = map { ("$_->{kind} $_->{name}" => $_) } $databases->all;
+
+sub told {
+    my ($name) = @_;
+    return join ' ', map { defined $_ ? $_ : '-' } @{ $assigned{$name} }{qw(client sure site)};
+}
+
+my %expected = (
+    'mysql alice_shop' => 'alice certain shop.test',     # the settings open it
+    'mysql second'     => 'alice likely -',              # the same user
+    'mysql stale'      => '- - -',                       # settings with a wrong password
+    'mysql foreign'    => '- - -',                       # settings whose user may not use it
+    'mysql loose'      => 'alice guess shop.test',       # settings, and nobody has grants
+    'mysql unread'     => 'alice likely shop.test',      # settings whose password cannot be checked
+    'mysql named'      => 'bob likely solo.test',        # the user is called as the client
+    'mysql bob_things' => 'bob guess solo.test',         # the name is like that of the client
+    'mysql solo_test'  => 'bob guess solo.test',         # the name is like that of the site
+    'mysql both'       => 'carol likely big-shop.test',  # two clients open it
+    'mysql lost'       => '- - -',                       # nothing tells
+    'mysql victim'     => 'carol likely big-shop.test',  # others' settings with a guessed password
+    'mysql big-shop.test'   => 'carol guess big-shop.test',
+    'postgresql forum'      => 'dave certain forum.test',
+    'postgresql alice_shop' => 'alice guess -',          # of the same name on another server
+);
+is told($_), $expected{$_}, "$_ belongs to: $expected{$_}" for sort keys %expected;
+is_deeply [sort keys %assigned], [sort keys %expected], 'there are no other databases';
+is $assigned{'mysql alice_shop'}{because}, '/mnt/sites/shop.test/wp-config.php (WordPress) of shop.test names it,'
+    . ' and the user and the password there open it', 'the assignment tells why';
+is_deeply [map {"$_->{severity} $_->{object}: $_->{text}"} $problems->all], [
+    'info shop.test: /mnt/sites/shop.test/far/wp-config.php names the database far, which is on another host: db.example',
+    'info shop.test: /mnt/sites/shop.test/gone/wp-config.php names the database gone, which is not there',
+    'info shop.test: /mnt/sites/shop.test/old/wp-config.php names the database stale, but the password there is not'
+        . ' that of the user stale_user, so that this does not count',
+    'info shop.test: /mnt/sites/shop.test/stolen/wp-config.php names the database foreign, but the user shop_user has'
+        . ' no grants for it, so that this does not count',
+    'info eve.test: /mnt/sites/eve.test/wp-config.php names the database victim, but the password there is not that'
+        . ' of the user carol, so that this does not count',
+    'warning MariaDB database both: Given to carol, but may be of eve: /mnt/sites/big-shop.test/x/wp-config.php'
+        . ' (WordPress) of big-shop.test names it, and the user and the password there open it; but also:'
+        . ' /mnt/sites/eve.test/x/wp-config.php (WordPress) of eve.test names it, and the user and the password there'
+        . ' open it',
+    (map {"warning MariaDB database $_: Belongs to no client: no settings of a site name it, and neither does its own"
+        . ' name'} qw(foreign lost stale)),
+], 'what is doubtful is named';
+
+for my $name ('mysql alice_shop', 'postgresql forum') {
+    my $sql = '';
+    is $databases->dump($assigned{$name}, sub { $sql .= $_[0] }), undef, "$name is dumped by its own server";
+    like $sql, $name =~ /^mysql/ ? qr/^-- MariaDB dump/m : qr/^-- PostgreSQL database dump/m, "$name: the right kind of dump";
+}
+
+$_->stop for $mysql, $postgresql;
+done_testing;
