@@ -223,7 +223,7 @@ sub copy_streams {
             $next_tick = $now + $TICK_SECONDS;
         }
         # A program that has closed its outputs gives no event when it ends.
-        my $wait = $reading->count ? 0.1 : 0.01;
+        my $wait = $reading->count ? 0.1 : 0.001;
         my ($readable, $writable) = IO::Select::select($reading, $writing, undef, $wait);
         feed($first, $writing) if @{ $writable || [] };
         for my $handle (@{ $readable || [] }) {
