@@ -200,6 +200,15 @@ class Agent:
         stdout, stderr = process.communicate(timeout=100)
         return subprocess.CompletedProcess(process.args, process.returncode, stdout, stderr)
 
+    def peak_memory(self, *arguments):
+        """Bytes that the largest process of a run that succeeds had at most."""
+        process = self.start(*arguments)
+        assert (process.stdout.read(), process.stderr.read()) == (b"", b"")
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+        assert process.returncode == 0
+        return usage.ru_maxrss * 1024
+
     def dump(self, *arguments, **how):
         """A dump that must succeed."""
         result = self.run("--migration-mode", *arguments, **how)
