@@ -73,7 +73,7 @@ GRANT SELECT ON `client\_%`.* TO 'stranger'@'localhost';
 END
 
 my ($server, $problems) = look();
-is_deeply $server->description, { kind => 'mysql', product => 'MariaDB', running => 1,
+is_deeply $server->description, { kind => 'mysql', label => 'MariaDB', product => 'MariaDB', running => 1,
     version => (split /\n/, $source->sql('SELECT VERSION()'))[0], address => '/run/mysqld/mysqld.sock' },
     'the server is described';
 my %databases = map { $_->{name} => $_ } $server->databases;
@@ -154,10 +154,46 @@ mkdir '/etc/sondrel' or die $!;
 open my $file, '>', '/etc/sondrel/mysql.cnf' or die $!;
 print {$file} "[client]\nuser=agent\npassword=secret-word\n";
 close $file or die $!;
+chmod 0600, '/etc/sondrel/mysql.cnf' or die $!;
 ($server, $problems) = look();
 is_deeply [map { $_->{name} } $server->databases], [sort keys %databases], 'an option file of the host opens the server';
 is_deeply [texts($problems)], [], 'a login that another one replaces is no problem';
 like dumped($server, $databases{client_a}), qr/CREATE DATABASE/, 'the file opens it for a dump too';
+
+# A server that is stuck.
+open $file, '<', '/mnt/source-server/pid' or die $!;
+chomp(my $pid = readline $file);
+kill STOP => $pid or die $!;
+$problems = Agent::Problems->new;
+Linux::MySql->found(tree => Linux::Tree->new, problems => $problems, limit => 1);
+kill CONT => $pid or die $!;
+is_deeply [texts($problems)], ['error MariaDB: The server cannot be asked: no answer within 1 seconds'],
+    'a server that does not answer is asked once';
+
+# A plain account takes what its own login may see.
+mkdir '/mnt/plain' or die $!;
+open $file, '>', '/mnt/plain/.my.cnf' or die $!;
+print {$file} "[client]\nuser=shop\npassword=\"pa'ss\"\n";
+close $file or die $!;
+my $code = <<'END';
+    use Linux::MySql; use Linux::Tree; use Agent::Problems;
+    my $problems = Agent::Problems->new;
+    my ($server) = Linux::MySql->found(tree => Linux::Tree->new, problems => $problems);
+    for my $database ($server->databases) {
+        print "database $database->{name}\n";
+        my $error = $server->dump($database, sub { print $_[0] });
+        print defined $error ? "failed: $error\n" : "whole\n";
+    }
+    print "$_->{severity} $_->{text}\n" for $problems->all;
+END
+my $result = Agent::Process::run(['runuser', '-u', 'nobody', '--', 'env', 'HOME=/mnt/plain', $^X,
+    (map {"-I$_"} @INC), '-e', $code]);
+like $result->{out}, qr/^database shop$/m, 'a plain account sees its own database';
+unlike $result->{out}, qr/^database client/m, 'and no others';
+like $result->{out}, qr/^INSERT INTO `orders`.*^GRANT ALL PRIVILEGES ON `shop`\.\* TO `shop`\@`%`;\n.*^whole$/ms,
+    'it dumps its database with its grants';
+like $result->{out}, qr/^CREATE USER IF NOT EXISTS `shop`\@`%` IDENTIFIED/m, 'its own account is in the dump';
+is $result->{err}, '', 'without a word about what it may not do';
 
 # A dump that is cut off is no dump.
 my $pieces = 0;
@@ -172,7 +208,7 @@ mkdir $_ or die "$_: $!"
 open $file, '>', '/mnt/system/usr/sbin/mysqld' or die $!;
 ($server, $problems) = look(root => '/mnt/system');
 is_deeply $server->description,
-    { kind => 'mysql', product => 'MySQL', running => 0, version => undef, address => undef },
+    { kind => 'mysql', label => 'MySQL', product => 'MySQL', running => 0, version => undef, address => undef },
     'a server that is down is there';
 is_deeply [$server->databases], [], 'a server that is down lists nothing';
 is_deeply [texts($problems)], ['error MySQL: The server cannot be asked: there is no socket of it'],

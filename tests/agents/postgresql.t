@@ -73,8 +73,8 @@ END
 my ($problems, $server) = look();
 is_deeply [texts($problems)], [], 'a good server has no problems';
 my ($version) = $source->sql('SHOW server_version') =~ /\A(\S+)/;
-is_deeply $server->description, { kind => 'postgresql', product => 'PostgreSQL', running => 1, version => $version,
-    address => '/run/postgresql/.s.PGSQL.5432' }, 'the server is described';
+is_deeply $server->description, { kind => 'postgresql', label => 'PostgreSQL (port 5432)',
+    product => 'PostgreSQL', running => 1, version => $version, address => '/run/postgresql/.s.PGSQL.5432' }, 'the server is described';
 my %databases = map { $_->{name} => $_ } $server->databases;
 is_deeply [sort keys %databases], [$awkward, 'closed', 'shop'], 'all databases are found but templates and its own';
 is $databases{shop}{server}, 'PostgreSQL (port 5432)', 'a database tells its server';

@@ -141,7 +141,8 @@ sub folders {
     for my $root (grep { defined && $tree->is_dir($_) } $site->{root}, @{ $site->{roots} || [] }) {
         my ($above, $last) = $root =~ m{\A(.*)/([^/]+)/*\z};
         next if !defined $last;
-        my @below = grep { $tree->is_dir("$root/$_") && !$tree->is_link("$root/$_") } $tree->list($root);
+        my $here = $tree->path($root);
+        my @below = grep { lstat "$here/$_" and -d _ } $tree->list($root);
         @below = @below[0 .. $MOST_FOLDERS - 1] if @below > $MOST_FOLDERS;
         push @folders, $root, (length $above && $self->is_inner($root, $last) ? $above : ()),
             map {"$root/$_"} @below;

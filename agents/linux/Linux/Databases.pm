@@ -5,6 +5,7 @@ package Linux::Databases;
 
 use strict;
 use warnings;
+use Agent::Process qw(breathe);
 use List::Util qw(first);
 use Linux::Applications;
 use Linux::MySql;
@@ -22,8 +23,8 @@ sub new {
     return $self;
 }
 
-# The servers: { kind, product, version, address, running }. One that is down is also
-# an error among the problems.
+# The servers: { kind, label (the `server` of their databases), product, version,
+# address, running }. One that is down is also an error among the problems.
 sub servers { return map { $_->description } @{ $_[0]{found} } }
 
 # The databases: { kind, server, name, bytes (undef: not known), users => [{ name,
@@ -105,6 +106,7 @@ sub claim_by_settings {
     my ($self, $claims, $sites) = @_;
     my $applications = Linux::Applications->new(tree => $self->{tree}, problems => $self->{problems});
     for my $site (@$sites) {
+        breathe();
         for my $setting ($applications->settings($site)) {
             for my $database ($self->named_by($setting)) {
                 my ($sure, $why) = $self->proof($setting, $database);

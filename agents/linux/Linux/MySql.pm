@@ -57,7 +57,8 @@ sub found {
 sub description {
     my ($self) = @_;
     my $running = defined $self->{version} ? 1 : 0;
-    return { kind => 'mysql', running => $running, map { $_ => $self->{$_} } qw(product version address) };
+    my %known = map { $_ => $self->{$_} } qw(label product version address);
+    return { kind => 'mysql', running => $running, %known };
 }
 
 sub product {
@@ -96,6 +97,7 @@ sub connect {
             return;
         }
         push @errors, $error if !grep { $_ eq $error } @errors;
+        last if $error =~ /\Ano answer/;
     }
     return @errors ? join '; ', @errors : 'there is no socket of it';
 }
@@ -106,7 +108,7 @@ sub logins {
     my ($self, @sockets) = @_;
     my $tree  = $self->{tree};
     my $here  = $tree->root eq '/';
-    my @files = grep { $tree->is_file($_) } @LOGINS;
+    my @files = grep { $tree->is_file($_) && -r $tree->path($_) } @LOGINS;
     my $own   = @files && $files[0] eq $LOGINS[0] ? shift @files : undef;
     my $option = $here ? '--defaults-extra-file=' : '--defaults-file=';
     my @by = map { defined $_ ? [$option . $tree->path($_)] : [$here ? () : '--no-defaults'] }
@@ -350,8 +352,9 @@ sub dump_command {
     if (!defined $self->{knows}) {
         $self->{knows} = run([$self->{dump}, '--no-defaults', '--help'], limit => 20)->{out};
     }
-    my @known = grep { /^--(?:skip-)?([\w-]+)/ && $self->{knows} =~ /--(?:skip-)?\Q$1\E\b/ } qw(--no-tablespaces
-        --dump-history --events --skip-dump-date --set-gtid-purged=OFF --column-statistics=0);
+    my @known = grep { /^--(?:skip-)?([\w-]+)/ && $self->{knows} =~ /--(?:skip-)?\Q$1\E\b/ } qw(
+        --no-tablespaces --dump-history --events --skip-dump-date --set-gtid-purged=OFF
+        --column-statistics=0);
     my $utf8 = $self->{version} =~ /\A5\.(?:[01]\.|5\.[012]\b)/ ? 'utf8' : 'utf8mb4';
     return [$self->{dump}, @{ $self->{login} }, '--single-transaction', '--quick', '--force', '--routines',
         '--triggers', '--hex-blob', '--max-allowed-packet=1G', "--default-character-set=$utf8", @known,

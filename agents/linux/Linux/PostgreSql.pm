@@ -87,8 +87,8 @@ sub connect {
 sub description {
     my ($self) = @_;
     my $address = $self->{folder} ? "$self->{folder}/.s.PGSQL.$self->{port}" : undef;
-    return { kind => 'postgresql', product => 'PostgreSQL', version => $self->{version}, address => $address,
-        running => defined $self->{version} ? 1 : 0 };
+    return { kind => 'postgresql', label => $self->{label}, product => 'PostgreSQL',
+        version => $self->{version}, address => $address, running => defined $self->{version} ? 1 : 0 };
 }
 
 # The program of the server's own major version, or the newest: older ones refuse.
@@ -324,7 +324,8 @@ sub role_statement {
     my %text = map { $_ => defined $role->{$_} && length $role->{$_} ? literal($role->{$_}) : undef }
         qw(until password);
     my $create = join ' ', "CREATE ROLE $name", $role->{login} ? 'LOGIN' : (),
-        $role->{inherit} ? () : 'NOINHERIT', "CONNECTION LIMIT $role->{connections}", $text{until} ? "VALID UNTIL $text{until}" : (),
+        $role->{inherit} ? () : 'NOINHERIT', "CONNECTION LIMIT $role->{connections}",
+        $text{until} ? "VALID UNTIL $text{until}" : (),
         $text{password} ? "PASSWORD $text{password}" : ();
     my @settings = map { " ALTER ROLE $name SET " . setting(@$_) } $self->settings($role->{id}, 0);
     my $same = 'SELECT 1 FROM pg_catalog.pg_roles WHERE rolname = ' . literal($role->{name});
