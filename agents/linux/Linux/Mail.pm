@@ -4,6 +4,7 @@ package Linux::Mail;
 
 use strict;
 use warnings;
+use Agent::Process qw(breathe);
 use Errno qw(ENOENT ENOTDIR);
 
 my $DOVECOT = '/etc/dovecot/dovecot.conf';
@@ -58,6 +59,7 @@ sub is_maildir {
 # The names of the folders in a folder; that it cannot be read is a problem.
 sub folders_in {
     my ($self, $folder) = @_;
+    breathe();
     return @{ $self->{folders}{$folder} } if $self->{folders}{$folder};
     my $tree = $self->{tree};
     my @names = $tree->list($folder);
