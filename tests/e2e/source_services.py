@@ -40,6 +40,8 @@ def own_folders(storage=None):
     finally:
         for folder in reversed(FOLDERS):
             subprocess.run(["umount", "-l", folder], check=True)
+            if storage is not None:
+                shutil.rmtree(storage + folder)
         for path, content in kept.items():
             with open(path, "wb") as file:
                 file.write(content)
