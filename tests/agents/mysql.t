@@ -134,6 +134,23 @@ is $target->sql("$_;"), $source->sql("$_;"), "equal: $_" for @questions;
 is $target->sql("SHOW GRANTS FOR 'shop'\@'%'"), $without, 'server-wide rights stay behind';
 $target->stop;
 
+# What is written while a dump runs is not in it.
+my $rows = 50_000;
+$source->sql("CREATE DATABASE `long`; USE `long`; CREATE TABLE a (t VARCHAR(200)); CREATE TABLE z (t TEXT);"
+    . " INSERT INTO a SELECT CONCAT('row-', seq, REPEAT(' ', 100)) FROM seq_1_to_$rows");
+my ($written, $dumped) = (0, '');
+my %long = (%{ $databases{shop} }, name => 'long', users => []);
+is $server->dump(\%long, sub {
+    $dumped .= $_[0];
+    return if $written || $dumped !~ /row-1\b/;
+    $source->sql('DELETE FROM a; INSERT INTO z VALUES ("row-too-late")', 'long');
+    $written++;
+}), undef, 'a long dump is whole';
+is $written, 1, 'somebody wrote while it ran';
+is scalar(() = $dumped =~ /row-[0-9]+/g), $rows, 'the rows of a dump are those of its beginning';
+unlike $dumped, qr/row-too-late/, 'in all tables';
+$source->sql('DROP DATABASE `long`');
+
 # A damaged table is named, and the others are dumped all the same.
 $source->sql('FLUSH TABLES shop.log');
 truncate '/mnt/source-server/data/shop/log.MYI', 10 or die $!;

@@ -133,6 +133,24 @@ is $target->sql(@$_), $source->sql(@$_), "equal: $_->[0]" for @questions;
 is $target->sql("SELECT rolcreatedb FROM pg_roles WHERE rolname = 'team'"), "f\n", 'server-wide rights stay behind';
 is $target->sql("SELECT 1 FROM pg_roles WHERE rolname = 'stranger'"), '', 'strangers stay behind';
 
+# What is written while a dump runs is not in it.
+my $rows = 50_000;
+$source->sql('CREATE DATABASE long');
+$source->sql("CREATE TABLE a (t text); CREATE TABLE z (t text);"
+    . " INSERT INTO a SELECT 'row-' || n || repeat(' ', 100) FROM generate_series(1, $rows) AS n", 'long');
+my ($written, $dumped) = (0, '');
+my %long = (%{ $databases{shop} }, name => 'long', users => []);
+is $server->dump(\%long, sub {
+    $dumped .= $_[0];
+    return if $written || $dumped !~ /row-1\b/;
+    $source->sql('DELETE FROM a; INSERT INTO z VALUES ($$row-too-late$$)', 'long');
+    $written++;
+}), undef, 'a long dump is whole';
+is $written, 1, 'somebody wrote while it ran';
+is scalar(() = $dumped =~ /row-[0-9]+/g), $rows, 'the rows of a dump are those of its beginning';
+unlike $dumped, qr/row-too-late/, 'in all tables';
+$source->sql('DROP DATABASE long');
+
 # The server's own database counts once somebody uses it.
 $source->sql('CREATE TABLE mine (a int)');
 is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, 'closed', 'postgres', 'shop'],
