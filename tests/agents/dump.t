@@ -132,6 +132,20 @@ is problem_of('missing.test', 'does not exist'), 'warning', 'a missing root is a
 is problem_of('whole.test', '/ is a folder of the system'), 'error', 'the system is not packed as a site';
 is problem_of('/etc/sondrel/resellers', 'nobody-here'), 'warning', 'an unknown user of a reseller is a problem';
 
+# --- more problems than a document should have ---
+
+symlink "/absent/$_", $tree->path('/srv/releases/5/web') . "/link$_" or die $! for 1 .. 120;
+dumped('c.test', '--dump-domains=-');
+is found('count(//problem[contains(., "is a symbolic link to /absent")])'), 50, 'the first problems are in the document';
+my $more = 'content/problems/sites-c.test.tar.txt.gz';
+is found('string(//domain/content[@kind="problems"]/@file)'), $more, 'which names a list of the others';
+my $lines = run(['gzip', '-dc', "$dir/$more"])->{out};
+my @others = $lines =~ m{^info: /srv/releases/5/web/link\d+ is a symbolic link to /absent/\d+}mg;
+is @others, 70, 'which has them all';
+valid('dump', $private->read('dump.xml'), 'the document is valid');
+unlink $tree->path('/srv/releases/5/web') . "/link$_" or die $! for 1 .. 120;
+dumped('', '--dump-all');
+
 # --- the list ---
 
 my $list = Linux::ContentList::text_of($private);

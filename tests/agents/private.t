@@ -41,7 +41,13 @@ close $x;
 chmod 0644, "$secret/x" or die $!;
 
 symlink $secret, "$dir/folder" or die $!;
-ok !eval { $private->replace('folder/x', 'y'); 1 }, 'a link in place of a folder is refused';
+for my $step (
+    [replace => 'folder/x', 'y'], [remove => 'folder/x'], [facts => 'folder/x'], [read => 'folder/x'],
+    [open_append => 'folder/y'], [files_below => 'folder'],
+) {
+    my ($method, @arguments) = @$step;
+    ok !eval { $private->$method(@arguments); 1 }, "a link in place of a folder is refused: $method";
+}
 untouched('folder');
 symlink "$secret/x", "$dir/document" or die $!;
 $private->replace('document', 'new');

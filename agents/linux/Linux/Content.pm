@@ -12,7 +12,7 @@ use Linux::Site qw(below);
 
 our $FOLDER = 'content';
 
-my $MOST_NOTES   = 100;
+my $MOST_NOTES   = 50;
 my $MOST_LINKS   = 40;
 my $NOT_REUSABLE = '-';
 

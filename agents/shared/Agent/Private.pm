@@ -98,11 +98,25 @@ sub replace {
     return;
 }
 
+# Path of a file below real folders of the agent; dies where a link would lead out.
+sub inner_path {
+    my ($self, $name) = @_;
+    my $folder = $self->{dir};
+    my @parts = split m{/}, $name;
+    pop @parts;
+    for my $part (@parts) {
+        $folder .= "/$part";
+        my @stat = lstat $folder or last;
+        die "$folder is not a folder of its own\n" if !S_ISDIR($stat[2]);
+    }
+    return $self->path($name);
+}
+
 # A file of this directory, opened for reading or appending; undef where it is not
 # there. Dies for anything that is not a plain file of the right owner.
 sub open_own {
     my ($self, $name, $flags) = @_;
-    my $path = $self->path($name);
+    my $path = $self->inner_path($name);
     if (!sysopen my $handle, $path, $flags | O_NOFOLLOW | O_NONBLOCK, 0600) {
         return if $! == ENOENT;
         die "Cannot open $path: $!\n";
@@ -135,13 +149,13 @@ sub read {
 # Size and time of change of a plain file; nothing where there is none.
 sub facts {
     my ($self, $name) = @_;
-    my @stat = lstat $self->path($name);
+    my @stat = lstat $self->inner_path($name);
     return @stat && S_ISREG($stat[2]) ? @stat[7, 9] : ();
 }
 
 sub remove {
     my ($self, $name) = @_;
-    my $path = $self->path($name);
+    my $path = $self->inner_path($name);
     unlink $path or $! == ENOENT or die "Cannot remove $path: $!\n";
     return;
 }
@@ -149,7 +163,7 @@ sub remove {
 # The names of all that lies below a folder and is not a folder itself.
 sub files_below {
     my ($self, $folder) = @_;
-    opendir my $listing, $self->path($folder) or return ();
+    opendir my $listing, $self->inner_path("$folder/.") or return ();
     my @names = grep { !/\A\.\.?\z/ } readdir $listing;
     closedir $listing;
     return map {
