@@ -208,8 +208,9 @@ def test_the_lines_of_another_transport_are_never_stored(source, host):
     assert any("rsync" in text for _, text in dump.problems("warning"))
     for path, content in files_below(SUDOER.agent_dir).items():
         assert SUDOER.password.encode() not in content, path
-    text = Session().read("agent-deployment.status")
-    assert SUDOER.password.encode() not in text and b"rsync" in text
+    status = xml.etree.ElementTree.fromstring(read(f"{SUDOER.agent_dir}/dumping-status.xml"))
+    assert dict(status.find("transport").items()) == {"asked": "rsync", "used": "archives"}
+    assert b'name="transport-rsync" available="no"' in Session().read("agent-deployment.status")
 
 
 def test_no_password_of_a_database_is_in_an_argument_or_the_environment(source, host):
