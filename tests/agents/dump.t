@@ -11,6 +11,7 @@ use Imitated qw(imitated);
 use Linux::ContentList;
 use Linux::Dump;
 use Test::More;
+use Time::HiRes ();
 
 my ($ALICE, $BOB, $VMAIL) = (31001, 31002, 5000);
 my $FORMATS = "$FindBin::Bin/../../docs/formats";
@@ -173,7 +174,7 @@ like $list, qr/b\.test\.tar/, 'the rest is';
 # Lets what was done become older than what may change again without a trace.
 sub rest { return select undef, undef, undef, 0.1 }
 
-sub inodes { return { map { $_ => join ' ', (stat "$dir/$_")[1, 9] } @{ files() } } }
+sub inodes { return { map { $_ => join q( ), (Time::HiRes::stat("$dir/$_"))[1, 9] } @{ files() } } }
 
 rest();
 dumped('', '--dump-all');
