@@ -18,7 +18,7 @@ import xml.etree.ElementTree
 import source_databases
 import source_services
 from source_services import Apache, Nginx, add_crontab, add_maildir, add_user, fill_awkwardly, fill_root, owned
-from world import AGENTS, DTM, TESTS, die_with_parent, read, write
+from world import AGENTS, DTM, TESTS, die_with_parent, read, wait_until, write
 
 SOURCES = f"{os.path.dirname(TESTS)}/agents"
 FORMATS = f"{os.path.dirname(TESTS)}/docs/formats"
@@ -223,6 +223,41 @@ class Agent:
         return sorted(os.path.relpath(os.path.join(parent, name), self.folder)
                       for parent, _, names in os.walk(f"{self.folder}/content") for name in names
                       if not name.endswith(".new"))
+
+
+PROGRAMS = "/mnt/programs"
+GATE = f"{PROGRAMS}/gate"
+# Waits when it is to make the archive of this number, counted from 1, and says that it does.
+TAR = f"""#!/bin/sh
+case " $* " in
+*" --create "*)
+  echo x >> {PROGRAMS}/calls
+  if [ "$(grep -c x {PROGRAMS}/calls)" = "$(cat {PROGRAMS}/which)" ]; then
+    echo $$ > {PROGRAMS}/waiting
+    read -r line < {GATE}
+  fi ;;
+esac
+exec /usr/bin/tar "$@"
+"""
+
+
+class Gate:
+    """Lets a dump wait just before it makes its archive of this number."""
+
+    def __init__(self, which):
+        shutil.rmtree(PROGRAMS, ignore_errors=True)
+        write(f"{PROGRAMS}/tar", TAR, mode=0o755)
+        write(f"{PROGRAMS}/which", f"{which}\n")
+        os.mkfifo(GATE)
+        self.path = f"{PROGRAMS}:/usr/sbin:/usr/bin:/sbin:/bin"
+
+    def wait(self):
+        wait_until(lambda: os.path.exists(f"{PROGRAMS}/waiting") and read(f"{PROGRAMS}/waiting").endswith(b"\n"),
+                   "the archive to be begun")
+
+    def open(self):
+        with open(GATE, "wb"):
+            pass
 
 
 def check_schema(text, schema):

@@ -6,12 +6,12 @@ import xml.etree.ElementTree
 
 import pytest
 
-from linux_host import (DATABASE_SECRETS, FULL_TREES, STAGE, TREES, Dump, assert_same_tree, check_schema, databases,
-                        entry, install_linux_agent, mysql_state, populate, populate_apache, postgresql_state, restored,
-                        unpack, web_host)
+from linux_host import (DATABASE_SECRETS, FULL_TREES, STAGE, TREES, Dump, Gate, assert_same_tree,
+                        check_schema, databases, entry, install_linux_agent, mysql_state, populate,
+                        populate_apache, postgresql_state, restored, unpack, web_host)
 from source_services import add_user, owned
-from world import (LOGIN_KINDS, PLAIN, ROOT, SUDOER, Destination, Session, files_below, owner_and_mode,
-                   read, wait_until, write)
+from world import (LOGIN_KINDS, PLAIN, ROOT, SUDOER, Destination, Session, SourceHost, files_below,
+                   owner_and_mode, read, wait_until, write)
 
 # Configuration, certificate and key: what they lead to is taken along.
 LINKS = ["/etc/nginx/sites-enabled/a.test", "/etc/apache2/sites-enabled/b.test.conf",
@@ -271,6 +271,32 @@ def test_a_fetch_that_was_stopped_goes_on_where_it_was(source, host):
             unpack(f"{ARCHIVES}/{name}")
     arrived(*TREES, *FULL_TREES)
     assert read(f"{ARCHIVES}/dump.xml") == dump.text
+
+
+def test_a_dump_whose_caller_is_gone_ends_by_itself_and_counts_for_the_next(host):
+    gate = Gate(2)
+    with SourceHost(options=[f"SetEnv PATH={gate.path}"]):
+        run(ROOT, "deploy-agent")
+        gone = Destination(ROOT, agent="linux").start("dump-all")
+        gate.wait()
+        gone.send(9)
+        gone.finish()
+        # Nothing is disturbed meanwhile.
+        outcome = Destination(ROOT, agent="linux").run("dump-all")
+        cause, = Session().messages()[-1][3]
+        assert outcome.code == 2 and "Another dump is still running" in cause[2], cause
+        gate.open()
+        pid = xml.etree.ElementTree.fromstring(read(f"{ROOT.agent_dir}/dumping-status.xml")).get("pid")
+        wait_until(lambda: not os.path.exists(f"/proc/{pid}"), "the dump to end")
+        kept = {name: os.stat(name).st_ino for name in archives_of(ROOT)}
+        dump = dumped(ROOT)
+        assert {name: os.stat(name).st_ino for name in archives_of(ROOT)} == kept
+        assert dump.problems("error") == [] and len(kept) == len(dump.files())
+
+
+def archives_of(login):
+    return [f"{login.agent_dir}/{name}" for name in entries(login)
+            if name.startswith("content/") and os.path.isfile(f"{login.agent_dir}/{name}")]
 
 
 def test_sites_that_share_a_root_are_packed_once(source, host):

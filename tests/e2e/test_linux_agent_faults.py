@@ -6,25 +6,10 @@ import xml.etree.ElementTree
 
 import pytest
 
-from linux_host import (AGENT_DIR, STAGE, Agent, Dump, assert_same_tree, check_schema, databases, populate,
+from linux_host import (AGENT_DIR, STAGE, Agent, Dump, Gate, assert_same_tree, check_schema, databases, populate,
                         populate_apache, unpack, web_host)
 from source_services import add_user, fill_root, owned
-from world import PLAIN, die_with_parent, owner_and_mode, read, wait_until, write
-
-PROGRAMS = "/mnt/programs"
-GATE = f"{PROGRAMS}/gate"
-# Waits when it is to make the archive of this number, counted from 1, and says that it does.
-TAR = f"""#!/bin/sh
-case " $* " in
-*" --create "*)
-  echo x >> {PROGRAMS}/calls
-  if [ "$(grep -c x {PROGRAMS}/calls)" = "$(cat {PROGRAMS}/which)" ]; then
-    echo $$ > {PROGRAMS}/waiting
-    read -r line < {GATE}
-  fi ;;
-esac
-exec /usr/bin/tar "$@"
-"""
+from world import PLAIN, die_with_parent, owner_and_mode, read, wait_until
 
 
 @pytest.fixture
@@ -40,25 +25,6 @@ def agent(host):
     deployed = Agent()
     yield deployed
     deployed.end()
-
-
-class Gate:
-    """Lets a dump wait just before it makes its archive of this number."""
-
-    def __init__(self, which):
-        shutil.rmtree(PROGRAMS, ignore_errors=True)
-        write(f"{PROGRAMS}/tar", TAR, mode=0o755)
-        write(f"{PROGRAMS}/which", f"{which}\n")
-        os.mkfifo(GATE)
-        self.environment = {"PATH": f"{PROGRAMS}:/usr/sbin:/usr/bin:/sbin:/bin"}
-
-    def wait(self):
-        wait_until(lambda: os.path.exists(f"{PROGRAMS}/waiting") and read(f"{PROGRAMS}/waiting").endswith(b"\n"),
-                   "the archive to be begun")
-
-    def open(self):
-        with open(GATE, "wb"):
-            pass
 
 
 def finished(agent, process):
@@ -85,7 +51,7 @@ def temporaries(agent):
 
 def test_a_killed_dump_leaves_no_dump_and_the_next_one_goes_on_from_there(agent):
     gate = Gate(2)
-    process = agent.start("--migration-mode", "--dump-all", environment=gate.environment)
+    process = agent.start("--migration-mode", "--dump-all", environment={"PATH": gate.path})
     gate.wait()
     first, = agent.content()
     before = os.stat(f"{agent.folder}/{first}")
@@ -110,7 +76,7 @@ def test_a_killed_dump_leaves_no_dump_and_the_next_one_goes_on_from_there(agent)
 @pytest.mark.parametrize("signal", [1, 2, 15], ids=["hangup", "interrupt", "termination"])
 def test_a_dump_that_is_asked_to_end_says_so_and_leaves_nothing_half_done(agent, signal):
     gate = Gate(1)
-    process = agent.start("--migration-mode", "--dump-all", environment=gate.environment)
+    process = agent.start("--migration-mode", "--dump-all", environment={"PATH": gate.path})
     gate.wait()
     process.send_signal(signal)
     _, stderr = process.communicate(timeout=20)
@@ -122,7 +88,7 @@ def test_a_dump_that_is_asked_to_end_says_so_and_leaves_nothing_half_done(agent,
 
 def test_a_second_dump_does_not_disturb_one_that_runs(agent):
     gate = Gate(1)
-    process = agent.start("--migration-mode", "--dump-all", environment=gate.environment)
+    process = agent.start("--migration-mode", "--dump-all", environment={"PATH": gate.path})
     gate.wait()
     for arguments in (["--migration-mode", "--dump-all"], ["--get-content-list"]):
         result = agent.run(*arguments)
@@ -133,7 +99,7 @@ def test_a_second_dump_does_not_disturb_one_that_runs(agent):
 
 def test_the_status_is_renewed_every_second_while_one_archive_is_made(agent):
     gate = Gate(1)
-    process = agent.start("--migration-mode", "--dump-all", environment=gate.environment)
+    process = agent.start("--migration-mode", "--dump-all", environment={"PATH": gate.path})
     gate.wait()
     for _ in range(3):
         known = os.stat(f"{agent.folder}/dumping-status.xml").st_mtime_ns
