@@ -1,0 +1,65 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "migrate/console.h"
+#include "migrate/options.h"
+#include "migrate/passwords.h"
+#include "migrate/session_lock.h"
+#include "migrate/signals.h"
+#include "migrate/sondrel_command.h"
+#include "migrate/sondrel_run.h"
+#include "migrate/state.h"
+
+namespace migrate {
+
+/// The exit codes that are not those of a run of sondrel.
+enum ExitCode {
+  EXIT_DONE = 0,
+  EXIT_IMPOSSIBLE = 1,
+  EXIT_STOPPED = 3,
+  EXIT_BUSY = 4,
+  EXIT_OF_FIRST_SIGNAL = 128
+};
+
+/// The exit code for a request to end; 0 stands for one that was made to sondrel itself.
+int exitCodeForRequest(int signal);
+
+/// One migration: begins it in its session directory, or goes on with it there.
+class Migration {
+ public:
+  /// All must outlive it.
+  Migration(const Request& request, Passwords environment, Console& console, Signals& signals);
+
+  /// Makes the steps that are not done yet, up to the first that fails; returns the exit
+  /// code. Throws MigrateBadSettings, MigrateImpossible, MigrateSessionBusy, Interrupted,
+  /// UnableToCreateSession.
+  int execute();
+
+ private:
+  void prepareSession();
+  void loadState();
+  void takeSettings();
+  void introduce();
+  int makeSteps();
+  int makeStep(Step step);
+  RunOutcome runStep(Step step);
+  void recordBegin(Step step);
+  void recordEnd(Step step, const RunOutcome& outcome);
+  int reportEnd(Step step, const RunOutcome& outcome);
+  void reportFailure(Step step, int exitCode);
+  int reportFinished(const std::string& introduction);
+  std::string purposeOf(Step step) const;
+
+  const Request& request_;
+  Passwords environment_;
+  Console& console_;
+  Signals& signals_;
+  std::optional<SessionLock> lock_;
+  std::optional<Passwords> passwords_;
+  State state_ = State::fresh();
+  std::string program_;
+};
+
+}  // namespace migrate

@@ -1,0 +1,189 @@
+#include "migrate/options.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
+#include <cstring>
+#include <sstream>
+#include <vector>
+
+#include "commons/xml_wrap.h"
+
+namespace migrate {
+
+namespace {
+
+/// Codes of the options that are no settings; those have their index.
+enum OptionCode {
+  OPT_SESSION_PATH = 1000,
+  OPT_SETTINGS,
+  OPT_FROM,
+  OPT_PASSWORD_FD,
+  OPT_SUDO_PASSWORD_FD,
+  OPT_HELP,
+  OPT_VERSION
+};
+
+struct OwnOption {
+  const char* name;
+  const char* argument;
+  OptionCode code;
+  const char* help;
+};
+
+const OwnOption OWN_OPTIONS[] = {
+    {"session-path", "DIR", OPT_SESSION_PATH, "the session directory; made if missing"},
+    {"settings", "FILE", OPT_SETTINGS, "a file of lines \"name = value\" for the settings below"},
+    {"from", "STEP", OPT_FROM, "make this step again, and all that follow"},
+    {"password-fd", "N", OPT_PASSWORD_FD, "read the password from this descriptor, one line"},
+    {"sudo-password-fd", "N", OPT_SUDO_PASSWORD_FD, "the same for the password of sudo"},
+    {"help", nullptr, OPT_HELP, "print this text"},
+    {"version", nullptr, OPT_VERSION, "print the version"},
+};
+
+const char* const INTRODUCTION =
+    "Usage: sondrel-migrate --session-path=DIR [--settings=FILE] [OPTION...]\n"
+    "       sondrel-migrate status DIR\n"
+    "\n"
+    "Moves sites from another host to this one: asks the host what it is (scout), copies\n"
+    "the agent there (deploy), has it dump what is wanted (dump), fetches the files\n"
+    "(content) and removes the agent (remove). Each step is a run of sondrel. Run again\n"
+    "on the same session it goes on at the step that failed, with the settings it had:\n"
+    "--session-path is enough then. \"status\" shows how far a migration is.\n";
+
+const char* const PASSWORDS =
+    "\n"
+    "The passwords come from the descriptors given above, else from the environment\n"
+    "(QRV_PASSWORD, QRV_SUDO_PASSWORD), else they are asked for on the terminal. No option\n"
+    "and no file takes one.\n"
+    "\n"
+    "Exit status: 0 done; 1 nothing could be begun; 2, 11 to 18 that of the run of sondrel\n"
+    "that failed; 3 stopped by SIGUSR1; 4 another run is at work; 128 and more a signal.\n";
+
+[[noreturn]] void refuse(const std::string& text) {
+  throw Exc<&MigrateBadSettings>(HERE) % text;
+}
+
+std::vector<option> longOptions() {
+  std::vector<option> all;
+  for (const OwnOption& own : OWN_OPTIONS) {
+    all.push_back({own.name, own.argument ? required_argument : no_argument, nullptr, own.code});
+  }
+  for (std::size_t i = 0; i < settingKinds().size(); ++i) {
+    const SettingKind& kind = settingKinds()[i];
+    all.push_back({kind.name, kind.argument ? required_argument : optional_argument, nullptr,
+                   static_cast<int>(i)});
+  }
+  all.push_back({nullptr, 0, nullptr, 0});
+  return all;
+}
+
+std::string absolute(const std::string& path, const char* what) {
+  if (path.empty()) refuse(std::string(what) + " needs a value");
+  return boost::filesystem::absolute(path).string();
+}
+
+int parseDescriptor(const char* text, const char* name) {
+  const std::size_t length = std::strlen(text);
+  if (length == 0 || length > 6 || std::strspn(text, "0123456789") != length) {
+    refuse(std::string("--") + name + " is to be the number of an open descriptor");
+  }
+  return std::stoi(text);
+}
+
+Step parseStep(const std::string& name) {
+  const std::optional<Step> step = stepNamed(name);
+  if (!step) refuse("--from is to be scout, deploy, dump, content or remove");
+  return *step;
+}
+
+/// The option that the library complains of, as it was written, without its value.
+std::string offender(char** argv) {
+  const std::string text = argv[optind - 1];
+  const bool isLong = text.rfind("--", 0) == 0;
+  if (!isLong && optopt != 0) return std::string("-") + static_cast<char>(optopt);
+  return toXmlSafeText(text.substr(0, text.find('=')));
+}
+
+class Parser {
+ public:
+  Request parse(int argc, char** argv) {
+    const std::vector<option> options = longOptions();
+    optind = 0;
+    // The library's own complaints would repeat a value.
+    opterr = 0;
+    int code;
+    while ((code = getopt_long(argc, argv, "+:h", options.data(), nullptr)) != -1) {
+      if (code == ':') refuse(offender(argv) + " needs a value");
+      if (code == '?') refuse("no such option: " + offender(argv));
+      store(code == 'h' ? OPT_HELP : code);
+    }
+    if (optind < argc) takeOperands(argc - optind, argv + optind);
+    return finish();
+  }
+
+ private:
+  void store(int code) {
+    switch (code) {
+      case OPT_SESSION_PATH: request_.sessionPath = absolute(optarg, "--session-path"); break;
+      case OPT_SETTINGS: settingsFile_ = absolute(optarg, "--settings"); break;
+      case OPT_FROM: request_.from = parseStep(optarg); break;
+      case OPT_PASSWORD_FD: request_.passwordFd = parseDescriptor(optarg, "password-fd"); break;
+      case OPT_SUDO_PASSWORD_FD:
+        request_.sudoPasswordFd = parseDescriptor(optarg, "sudo-password-fd");
+        break;
+      case OPT_HELP: request_.command = Request::HELP; break;
+      case OPT_VERSION: request_.command = Request::VERSION; break;
+      default:
+        given_.set(settingKinds()[static_cast<std::size_t>(code)].name, optarg ? optarg : "");
+    }
+  }
+
+  void takeOperands(int count, char** operands) {
+    if (std::strcmp(operands[0], "status") != 0) refuse("an argument that is no option");
+    if (count != 2) refuse("status takes one session directory");
+    request_.command = Request::SHOW_STATUS;
+    request_.sessionPath = absolute(operands[1], "status");
+  }
+
+  Request finish() {
+    if (request_.command != Request::MIGRATE) return request_;
+    if (request_.sessionPath.empty()) refuse("--session-path is missing");
+    if (!settingsFile_.empty()) request_.settings = readSettingsFile(settingsFile_);
+    request_.settings.overrideBy(given_);
+    return request_;
+  }
+
+  Request request_;
+  std::string settingsFile_;
+  Settings given_;
+};
+
+void appendLine(std::ostream& out, const char* name, const char* argument, const char* help) {
+  constexpr std::size_t COLUMN = 32;
+  std::string option = std::string("  --") + name;
+  if (argument) option += std::string("=") + argument;
+  option.resize(std::max(option.size() + 1, COLUMN), ' ');
+  out << option << help << '\n';
+}
+
+}  // namespace
+
+Request parseOptions(int argc, char** argv) {
+  return Parser().parse(argc, argv);
+}
+
+std::string usageText() {
+  std::ostringstream out;
+  out << INTRODUCTION << '\n';
+  for (const OwnOption& own : OWN_OPTIONS) appendLine(out, own.name, own.argument, own.help);
+  out << "\nSettings, as options or in the file (switches may be given as =yes or =no):\n\n";
+  for (const SettingKind& kind : settingKinds()) {
+    appendLine(out, kind.name, kind.argument, kind.help);
+  }
+  out << PASSWORDS;
+  return out.str();
+}
+
+}  // namespace migrate

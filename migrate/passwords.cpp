@@ -1,0 +1,171 @@
+#include "migrate/passwords.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "commons/unique_fd.h"
+#include "hostlib/env_password.h"
+
+namespace migrate {
+
+const char* const LOGIN_VARIABLE = "QRV_PASSWORD";
+const char* const SUDO_VARIABLE = "QRV_SUDO_PASSWORD";
+
+namespace {
+
+/// sondrel cuts longer ones, and would then be refused by the source host.
+constexpr std::size_t MAX_PASSWORD_BYTES = 4096;
+
+[[noreturn]] void fail(const std::string& text) {
+  throw Exc<&MigrateImpossible>(HERE) % text;
+}
+
+/// One byte; nothing at the end of the file.
+std::optional<char> readByte(int fd, const std::string& what, Signals& signals) {
+  for (;;) {
+    std::vector<pollfd> waiting = {{fd, POLLIN, 0}};
+    const int ready = signals.wait(waiting, -1);
+    if (signals.requested() != 0) throw Interrupted{signals.requested()};
+    if (ready == 0) continue;
+    char byte = 0;
+    const ssize_t got = ready < 0 ? -1 : read(fd, &byte, 1);
+    if (got == 1) return byte;
+    if (got == 0) return std::nullopt;
+    if (errno != EINTR && errno != EAGAIN)
+      fail("reading the " + what + ": " + std::strerror(errno));
+  }
+}
+
+/// The next line without its end. Byte by byte: what follows belongs to somebody else.
+Secret readLine(int fd, const std::string& what, Signals& signals) {
+  std::string text;
+  // In full at once, so that growing leaves no copies behind.
+  text.reserve(MAX_PASSWORD_BYTES + 1);
+  while (const std::optional<char> byte = readByte(fd, what, signals)) {
+    if (*byte == '\n') break;
+    if (*byte == '\0') fail("the " + what + " holds a zero byte");
+    if (text.size() == MAX_PASSWORD_BYTES) fail("the " + what + " is longer than 4096 bytes");
+    text.push_back(*byte);
+  }
+  Secret secret(text);
+  explicit_bzero(text.data(), text.size());
+  return secret;
+}
+
+/// While it lives, the terminal does not show what is typed.
+class HiddenInput {
+ public:
+  explicit HiddenInput(int terminal) : terminal_(terminal) {
+    if (tcgetattr(terminal_, &original_) != 0) fail("the terminal cannot hide a password");
+    termios hidden = original_;
+    hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHOE | ECHOK | ECHONL);
+    hidden.c_lflag |= ICANON;
+    // Suspended now, it would leave a shell that shows nothing.
+    hidden.c_cc[VSUSP] = _POSIX_VDISABLE;
+    if (tcsetattr(terminal_, TCSAFLUSH, &hidden) != 0) fail("the terminal cannot hide a password");
+  }
+  ~HiddenInput() { tcsetattr(terminal_, TCSAFLUSH, &original_); }
+  HiddenInput(const HiddenInput&) = delete;
+  HiddenInput& operator=(const HiddenInput&) = delete;
+
+ private:
+  int terminal_;
+  termios original_{};
+};
+
+void show(int terminal, const std::string& text) {
+  // What cannot be shown is noticed by whoever looks.
+  [[maybe_unused]] const ssize_t written = write(terminal, text.data(), text.size());
+}
+
+Secret askOnTerminal(const std::string& what, const char* variable, const char* option,
+                     Signals& signals) {
+  const UniqueFd terminal(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+  if (!terminal) {
+    fail("the " + what + " is missing: there is no terminal to ask on, " + variable +
+         " is not set, and " + option + " is not given");
+  }
+  const HiddenInput hidden(terminal.get());
+  show(terminal.get(), "The " + what + ": ");
+  try {
+    Secret secret = readLine(terminal.get(), what, signals);
+    show(terminal.get(), "\n");
+    return secret;
+  } catch (...) {
+    show(terminal.get(), "\n");
+    throw;
+  }
+}
+
+Secret readDescriptor(int fd, const std::string& what, Signals& signals) {
+  if (fcntl(fd, F_GETFD) < 0) fail("the descriptor for the " + what + " is not open");
+  return readLine(fd, what, signals);
+}
+
+/// Where one of the two comes from.
+struct Sources {
+  std::string what;
+  std::optional<int> fd;
+  const char* option;
+  Secret fromEnvironment;
+  const char* variable;
+};
+
+Secret obtain(Sources sources, Signals& signals) {
+  if (sources.fd) return readDescriptor(*sources.fd, sources.what, signals);
+  if (sources.fromEnvironment.isGiven()) return std::move(sources.fromEnvironment);
+  return askOnTerminal(sources.what, sources.variable, sources.option, signals);
+}
+
+/// What else it holds is nobody's, and no child's.
+void closeDescriptor(std::optional<int> fd) {
+  if (fd && *fd > STDERR_FILENO) close(*fd);
+}
+
+Secret takeVariable(const char* name) {
+  const char* const value = getenv(name);
+  Secret secret = value ? Secret(value) : Secret();
+  wipe_env_variable(name);
+  return secret;
+}
+
+}  // namespace
+
+Secret::~Secret() {
+  if (text_) explicit_bzero(text_->data(), text_->size());
+}
+
+const std::string& Secret::reveal() const {
+  static const std::string none;
+  return text_ ? *text_ : none;
+}
+
+Passwords takePasswordsFromEnvironment() {
+  return {takeVariable(LOGIN_VARIABLE), takeVariable(SUDO_VARIABLE)};
+}
+
+Passwords obtainPasswords(const Request& request, const Settings& settings, Passwords environment,
+                          Signals& signals) {
+  const std::string account = settings.get("login") + "@" + settings.get("host");
+  Secret login = obtain({"password of " + account, request.passwordFd, "--password-fd",
+                         std::move(environment.login), LOGIN_VARIABLE},
+                        signals);
+  // No server takes an empty one, and sondrel refuses it.
+  if (login.reveal().empty()) fail("the password of " + account + " is empty");
+  Secret sudo = settings.isOn("sudo")
+                    ? obtain({"password for sudo of " + account, request.sudoPasswordFd,
+                              "--sudo-password-fd", std::move(environment.sudo), SUDO_VARIABLE},
+                             signals)
+                    : Secret();
+  closeDescriptor(request.passwordFd);
+  if (request.sudoPasswordFd != request.passwordFd) closeDescriptor(request.sudoPasswordFd);
+  return {std::move(login), std::move(sudo)};
+}
+
+}  // namespace migrate

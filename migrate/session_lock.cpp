@@ -1,0 +1,70 @@
+#include "migrate/session_lock.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+namespace migrate {
+
+namespace {
+
+std::string lockFileIn(const std::string& folder) {
+  return folder + "/lock";
+}
+
+/// The whole file, for writing.
+struct flock wholeFile() {
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  return lock;
+}
+
+[[noreturn]] void failWithErrno(const std::string& path) {
+  throw Exc<&MigrateImpossible>(HERE) % (path + ": " + std::strerror(errno));
+}
+
+[[noreturn]] void throwBusy(const std::string& folder) {
+  const std::optional<pid_t> pid = SessionLock::holder(folder);
+  throw Exc<&MigrateSessionBusy>(HERE) % folder %
+      (pid ? " (process " + std::to_string(*pid) + ")" : "");
+}
+
+}  // namespace
+
+SessionLock::SessionLock(const std::string& folder) {
+  const std::string path = lockFileIn(folder);
+  file_ = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640));
+  if (!file_) failWithErrno(path);
+  struct flock lock = wholeFile();
+  if (fcntl(file_.get(), F_OFD_SETLK, &lock) != 0) {
+    if (errno == EAGAIN || errno == EACCES) throwBusy(folder);
+    failWithErrno(path);
+  }
+  const std::string text = std::to_string(getpid()) + "\n";
+  if (ftruncate(file_.get(), 0) != 0 ||
+      pwrite(file_.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+    failWithErrno(path);
+  }
+}
+
+bool SessionLock::isHeld(const std::string& folder) {
+  const UniqueFd file(open(lockFileIn(folder).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  if (!file) return false;
+  struct flock lock = wholeFile();
+  return fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+std::optional<pid_t> SessionLock::holder(const std::string& folder) {
+  std::ifstream file(lockFileIn(folder));
+  pid_t pid = 0;
+  if (!(file >> pid) || pid <= 0) return std::nullopt;
+  return pid;
+}
+
+}  // namespace migrate

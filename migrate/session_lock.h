@@ -1,0 +1,35 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "commons/unique_fd.h"
+#include "migrate/errors.h"
+
+namespace migrate {
+
+/// Keeps two runs on one session apart, by "migrate/lock".
+///
+/// The lock belongs to the open descriptor: a child that inherits it holds it as well, so
+/// that the session is busy as long as a sondrel is at work on it, even when the program that
+/// started it was killed.
+class SessionLock {
+ public:
+  /// `folder` must exist. Throws MigrateSessionBusy when somebody holds the lock,
+  /// MigrateImpossible when it cannot be had at all.
+  explicit SessionLock(const std::string& folder);
+
+  int descriptor() const { return file_.get(); }
+
+  /// Whether somebody holds the lock of that folder; asking disturbs nobody.
+  static bool isHeld(const std::string& folder);
+  /// The process that took it last, as far as the file tells.
+  static std::optional<pid_t> holder(const std::string& folder);
+
+ private:
+  UniqueFd file_;
+};
+
+}  // namespace migrate

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+
+#include "commons/cmd_line.h"
+#include "migrate/settings.h"
+#include "migrate/step.h"
+
+namespace migrate {
+
+/// The sondrel that lies beside this program, or else the first one in PATH. Throws
+/// MigrateImpossible when there is none.
+std::string findSondrel();
+
+/// Where things are in one migration.
+struct Places {
+  std::string session;
+  /// The agent's own folder on the source host.
+  std::string agentDir;
+};
+
+/// The command line of sondrel for a step, the program's name first. Without passwords:
+/// those go into its environment.
+ArgList sondrelCommand(Step step, const Settings& settings, const Places& places);
+
+/// The folder on this host that the content files go to.
+std::string contentDirOf(const Settings& settings, const std::string& session);
+
+}  // namespace migrate

@@ -1,0 +1,228 @@
+#include "migrate/sondrel_run.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "commons/ExSystemError.h"
+#include "commons/unique_fd.h"
+
+namespace migrate {
+
+namespace {
+
+constexpr int CANNOT_EXECUTE = 127;
+constexpr int FIRST_STATUS_OF_A_SIGNAL = 128;
+
+struct Pipe {
+  UniqueFd readEnd;
+  UniqueFd writeEnd;
+};
+
+Pipe openPipe() {
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) throwSystemError("pipe", errno);
+  return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+
+/// The environment of this process with the passwords; wiped when it goes.
+class ChildEnvironment {
+ public:
+  explicit ChildEnvironment(const Passwords& passwords) {
+    for (char** entry = environ; entry && *entry; ++entry) {
+      if (!isVariable(*entry, LOGIN_VARIABLE) && !isVariable(*entry, SUDO_VARIABLE)) {
+        pointers_.push_back(*entry);
+      }
+    }
+    add(login_, LOGIN_VARIABLE, passwords.login);
+    if (passwords.sudo.isGiven()) add(sudo_, SUDO_VARIABLE, passwords.sudo);
+    pointers_.push_back(nullptr);
+  }
+  ~ChildEnvironment() {
+    explicit_bzero(login_.data(), login_.size());
+    explicit_bzero(sudo_.data(), sudo_.size());
+  }
+  ChildEnvironment(const ChildEnvironment&) = delete;
+  ChildEnvironment& operator=(const ChildEnvironment&) = delete;
+
+  char** pointers() { return pointers_.data(); }
+
+ private:
+  static bool isVariable(const char* entry, const std::string& name) {
+    return std::strncmp(entry, (name + "=").c_str(), name.size() + 1) == 0;
+  }
+  void add(std::string& entry, const std::string& name, const Secret& secret) {
+    entry.reserve(name.size() + 1 + secret.reveal().size());
+    entry.append(name).append("=").append(secret.reveal());
+    pointers_.push_back(entry.data());
+  }
+
+  std::string login_;
+  std::string sudo_;
+  std::vector<char*> pointers_;
+};
+
+std::vector<char*> pointersTo(const ArgList& arguments) {
+  std::vector<char*> pointers;
+  for (const std::string& argument : arguments) {
+    pointers.push_back(const_cast<char*>(argument.c_str()));
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+// --- The child's side, between fork and exec ---
+
+bool wireDescriptors(int out, int err, int lock) {
+  const int nothing = open("/dev/null", O_RDONLY);
+  if (nothing < 0 || dup2(nothing, STDIN_FILENO) < 0) return false;
+  if (dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0) return false;
+  // The lock alone comes along. It may be 3 itself, which dup2 would leave to be closed.
+  const int spare = fcntl(lock, F_DUPFD, 4);
+  return spare >= 0 && dup2(spare, 3) >= 0 && close_range(4, ~0U, 0) == 0;
+}
+
+[[noreturn]] void runChild(const SondrelRun& run, const Signals& signals, int out, int err,
+                           pid_t parent, char** arguments, char** environment) {
+  // Nobody would take what it says, nor keep the record of it.
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  if (getppid() != parent) _exit(CANNOT_EXECUTE);
+  signals.restoreInChild();
+  if (wireDescriptors(out, err, run.lockDescriptor)) {
+    execve(run.program.c_str(), arguments, environment);
+  }
+  const std::string text = run.program + ": " + std::strerror(errno) + "\n";
+  // Nobody is left to tell if this fails; the exit status speaks.
+  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+  _exit(CANNOT_EXECUTE);
+}
+
+// --- This side ---
+
+/// Reads once from a pipe that has something; closes it at its end. Returns what came.
+std::string readSome(UniqueFd& fd) {
+  std::array<char, 4096> chunk;
+  const ssize_t got = read(fd.get(), chunk.data(), chunk.size());
+  if (got > 0) return {chunk.data(), static_cast<std::size_t>(got)};
+  if (got == 0 || errno != EINTR) fd.close();
+  return {};
+}
+
+class Child {
+ public:
+  Child(const SondrelRun& run, Signals& signals) : run_(run), signals_(signals) {
+    Pipe out = openPipe();
+    Pipe err = openPipe();
+    ChildEnvironment environment(run.passwords);
+    std::vector<char*> arguments = pointersTo(run.arguments);
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ < 0) throwSystemError("fork", errno);
+    if (pid_ == 0) {
+      runChild(run, signals, out.writeEnd.get(), err.writeEnd.get(), parent, arguments.data(),
+               environment.pointers());
+    }
+    out_ = std::move(out.readEnd);
+    err_ = std::move(err.readEnd);
+  }
+  ~Child() {
+    if (hasEnded_) return;
+    // Somebody threw: it must not go on unwatched.
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  /// To the end of both pipes, and then of the process.
+  void attend() {
+    while (out_ || err_) {
+      turn();
+      passSignalsOn();
+      if (run_.tickMs >= 0) run_.onTick();
+    }
+    while (!hasEnded_) {
+      reap();
+      if (hasEnded_) break;
+      std::vector<pollfd> nothing;
+      signals_.wait(nothing, run_.tickMs);
+      passSignalsOn();
+    }
+    // A terminal sends its signals to both: this one's may still wait.
+    signals_.letIn();
+  }
+
+  RunOutcome outcome() const {
+    if (WIFSIGNALED(status_)) {
+      const int number = WTERMSIG(status_);
+      // The request for a clean stop may come before sondrel is ready for it.
+      const bool asked = number == SIGUSR1 || number == signals_.requested();
+      return {asked ? RunOutcome::STOPPED : RunOutcome::FAILED, FIRST_STATUS_OF_A_SIGNAL + number};
+    }
+    const int code = WEXITSTATUS(status_);
+    if (code != 0) return {RunOutcome::FAILED, code};
+    return {saidSomething_ ? RunOutcome::STOPPED : RunOutcome::DONE, code};
+  }
+
+ private:
+  void turn() {
+    std::vector<pollfd> waiting;
+    for (const UniqueFd* const fd : {&out_, &err_}) {
+      if (*fd) waiting.push_back({fd->get(), POLLIN, 0});
+    }
+    if (signals_.wait(waiting, run_.tickMs) <= 0) return;
+    for (const pollfd& ready : waiting) {
+      if (ready.revents == 0) continue;
+      if (ready.fd == out_.get()) {
+        takeOutput();
+      } else {
+        run_.onError(readSome(err_));
+      }
+    }
+  }
+
+  void takeOutput() {
+    const std::string text = readSome(out_);
+    if (text.empty()) return;
+    saidSomething_ = true;
+    run_.onOutput(text);
+  }
+
+  void passSignalsOn() {
+    for (const int number : signals_.take()) kill(pid_, number);
+  }
+
+  void reap() {
+    // SIGCHLD is held back here: the wait that follows is ended by it at once.
+    const pid_t reaped = waitpid(pid_, &status_, WNOHANG);
+    if (reaped < 0) throwSystemError("waitpid", errno);
+    hasEnded_ = reaped == pid_;
+  }
+
+  const SondrelRun& run_;
+  Signals& signals_;
+  pid_t pid_ = -1;
+  UniqueFd out_;
+  UniqueFd err_;
+  bool saidSomething_ = false;
+  bool hasEnded_ = false;
+  int status_ = 0;
+};
+
+}  // namespace
+
+RunOutcome runSondrel(const SondrelRun& run, Signals& signals) {
+  Child child(run, signals);
+  child.attend();
+  return child.outcome();
+}
+
+}  // namespace migrate

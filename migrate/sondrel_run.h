@@ -1,0 +1,47 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "commons/cmd_line.h"
+#include "migrate/passwords.h"
+#include "migrate/signals.h"
+
+namespace migrate {
+
+/// How a run of sondrel ended.
+struct RunOutcome {
+  enum Kind {
+    DONE,
+    /// Stopped on request before it had done its work. Its exit status is 0 then, too: what it
+    /// says on standard output tells the two apart.
+    STOPPED,
+    FAILED
+  };
+  Kind kind;
+  /// 128 and the signal's number where a signal ended it.
+  int exitCode;
+};
+
+/// One run of sondrel, as a child of this process.
+struct SondrelRun {
+  std::string program;
+  ArgList arguments;
+  const Passwords& passwords;
+  /// Stays open in the child, so that a lock lasts as long as it does.
+  int lockDescriptor;
+  /// Gets what the child writes to its standard error.
+  std::function<void(const std::string&)> onError;
+  /// Gets what it writes to standard output: the text of a stop.
+  std::function<void(const std::string&)> onOutput;
+  /// Called now and then while it runs; every `tickMs`, or not at all for -1.
+  std::function<void()> onTick;
+  int tickMs = -1;
+};
+
+/// Runs it to its end. The child reads nothing, has the passwords in its environment and
+/// nowhere else, and ends with this process. Each signal that asks this process for an end is
+/// passed on. Throws SystemError when there can be no child.
+RunOutcome runSondrel(const SondrelRun& run, Signals& signals);
+
+}  // namespace migrate

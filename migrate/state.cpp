@@ -1,0 +1,217 @@
+#include "migrate/state.h"
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/lexical_cast.hpp>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "commons/commons.h"
+#include "commons/output_file.h"
+#include "commons/xml_wrap.h"
+
+namespace migrate {
+
+namespace {
+
+const char* const ROOT = "sondrel-migration";
+const char* const VERSION = "1";
+const char* const FOLDER_PREFIX = "sondrel-agent-";
+constexpr mode_t DOCUMENT_MODE = 0640;
+
+constexpr std::array<Progress, 5> ALL_PROGRESS = {
+    Progress::WAITING, Progress::RUNNING, Progress::DONE, Progress::FAILED, Progress::STOPPED};
+constexpr std::array<const char*, ALL_PROGRESS.size()> PROGRESS_NAMES = {
+    "waiting", "running", "done", "failed", "stopped"};
+
+[[noreturn]] void fail(const std::string& text) {
+  throw Exc<&MigrateImpossible>(HERE) % text;
+}
+
+[[noreturn]] void failWithErrno(const std::string& what) {
+  fail(what + ": " + std::strerror(errno));
+}
+
+std::string randomFolderName() {
+  std::uint32_t number = 0;
+  // So few bytes come whole or, before the kernel has any, not at all.
+  if (getrandom(&number, sizeof number, 0) != sizeof number) failWithErrno("no random number");
+  char digits[9];
+  std::snprintf(digits, sizeof digits, "%08x", number);
+  return std::string(FOLDER_PREFIX) + digits;
+}
+
+/// The host and the folder in it are believed: nobody else may have written them.
+void refuseForeign(const std::string& path, mode_t kind) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0) failWithErrno(path);
+  if ((status.st_mode & S_IFMT) == kind && (status.st_uid == geteuid() || status.st_uid == 0) &&
+      (status.st_mode & (S_IWGRP | S_IWOTH)) == 0) {
+    return;
+  }
+  fail(path + " is not this account's alone, and is not believed");
+}
+
+Progress progressNamed(const std::string& name) {
+  const auto* const found = std::find(PROGRESS_NAMES.begin(), PROGRESS_NAMES.end(), name);
+  if (found == PROGRESS_NAMES.end()) fail("unknown progress " + name);
+  return ALL_PROGRESS[static_cast<std::size_t>(found - PROGRESS_NAMES.begin())];
+}
+
+std::string optionalAttribute(const tXmlDtmDocument& document, xmlNodePtr node, const char* name) {
+  return xmlHasProp(node, toXmlChar(name)) ? document.getAttribute(node, name) : "";
+}
+
+StepRecord readRecord(const tXmlDtmDocument& document, xmlNodePtr node) {
+  StepRecord record;
+  record.progress = progressNamed(document.getAttribute(node, "state"));
+  record.started = optionalAttribute(document, node, "started");
+  record.ended = optionalAttribute(document, node, "ended");
+  const std::string code = optionalAttribute(document, node, "exit-code");
+  if (!code.empty()) record.exitCode = boost::lexical_cast<int>(code);
+  record.reason = document.getNodeText(node);
+  return record;
+}
+
+void writeRecord(tXmlDtmDocument& document, Step step, const StepRecord& record) {
+  const xmlNodePtr node = document.newTextChild(document.root(), "step", record.reason);
+  document.addAttribute(node, "name", nameOf(step));
+  document.addAttribute(node, "state", nameOf(record.progress));
+  if (!record.started.empty()) document.addAttribute(node, "started", record.started);
+  if (record.ended.empty()) return;
+  document.addAttribute(node, "ended", record.ended);
+  document.addAttribute(node, "exit-code", std::to_string(record.exitCode));
+}
+
+/// Removes a file that is still there when it goes.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(std::string path) : path_(std::move(path)) {}
+  ~TemporaryFile() { std::remove(path_.c_str()); }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+/// Replaces `target`. Not an AtomicReplacement: that gives its files to the service account.
+void replaceByRootsFile(const tXmlDocument& document, const std::string& target) {
+  const TemporaryFile temporary(DTM_getTempFileName(getPath(target), "state.xml."));
+  OutputFile file(temporary.path());
+  document.saveToStream(file.stream());
+  if (!file.syncAndClose()) fail(temporary.path() + ": " + file.errorText());
+  const std::string& path = temporary.path();
+  if (chown(path.c_str(), geteuid(), serviceAccount().group) != 0 ||
+      chmod(path.c_str(), DOCUMENT_MODE) != 0 || std::rename(path.c_str(), target.c_str()) != 0) {
+    failWithErrno(target);
+  }
+}
+
+}  // namespace
+
+const char* nameOf(Progress progress) {
+  return PROGRESS_NAMES[static_cast<std::size_t>(progress)];
+}
+
+std::string State::folderIn(const std::string& session) {
+  return session + "/migrate";
+}
+
+std::string State::documentIn(const std::string& session) {
+  return folderIn(session) + "/state.xml";
+}
+
+State State::fresh() {
+  State state;
+  state.agentFolder_ = randomFolderName();
+  return state;
+}
+
+bool State::exists(const std::string& session) {
+  struct stat status {};
+  return lstat(documentIn(session).c_str(), &status) == 0;
+}
+
+State State::load(const std::string& session) {
+  const std::string path = documentIn(session);
+  refuseForeign(folderIn(session), S_IFDIR);
+  refuseForeign(path, S_IFREG);
+  try {
+    tXmlDtmDocument document(path.c_str());
+    document.initFileDoc(ROOT);
+    if (document.getAttribute(document.root(), "version") != VERSION) fail("unknown version");
+    State state;
+    state.agentFolder_ = document.getAttribute(document.root(), "agent-folder");
+    for (xmlNodePtr node = document.root()->children; node; node = node->next) {
+      if (node->type != XML_ELEMENT_NODE) continue;
+      const std::string name = document.getAttribute(node, "name");
+      if (fromXmlChar(node->name) == "setting") {
+        state.settings.set(name, document.getNodeText(node));
+      } else if (const auto step = stepNamed(name)) {
+        state.of(*step) = readRecord(document, node);
+      } else {
+        fail("unknown step " + name);
+      }
+    }
+    return state;
+  } catch (const std::exception& e) {
+    fail(path + " cannot be used: " + e.what());
+  }
+}
+
+void State::save(const std::string& session) const {
+  tXmlDtmDocument document;
+  document.initNewDoc(ROOT);
+  document.addAttribute(document.root(), "version", VERSION);
+  document.addAttribute(document.root(), "agent-folder", agentFolder_);
+  for (const auto& [name, value] : settings.values()) {
+    const xmlNodePtr node = document.newTextChild(document.root(), "setting", value);
+    document.addAttribute(node, "name", name);
+  }
+  for (const Step step : ALL_STEPS) writeRecord(document, step, of(step));
+  replaceByRootsFile(document, documentIn(session));
+}
+
+std::vector<Step> State::doneSteps() const {
+  std::vector<Step> done;
+  std::copy_if(ALL_STEPS.begin(), ALL_STEPS.end(), std::back_inserter(done),
+               [&](Step step) { return isDone(step); });
+  return done;
+}
+
+std::vector<Step> State::plan() const {
+  std::vector<Step> steps;
+  for (const Step step : ALL_STEPS) {
+    const bool leftOut = (step == Step::CONTENT && settings.isOn("no-content")) ||
+                         (step == Step::REMOVE && settings.isOn("keep-agent"));
+    if (!leftOut) steps.push_back(step);
+  }
+  return steps;
+}
+
+bool State::isFinished() const {
+  const std::vector<Step> steps = plan();
+  return std::all_of(steps.begin(), steps.end(), [&](Step step) { return isDone(step); });
+}
+
+void State::goBackTo(Step step) {
+  const bool agentIsGone = of(Step::REMOVE).progress != Progress::WAITING;
+  const Step first = agentIsGone ? std::min(step, Step::DEPLOY) : step;
+  for (const Step later : ALL_STEPS) {
+    if (later >= first) of(later) = {};
+  }
+}
+
+std::string State::agentDir() const {
+  return agentParentOf(settings) + "/" + agentFolder_;
+}
+
+}  // namespace migrate

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include "migrate/settings.h"
+#include "migrate/step.h"
+
+namespace migrate {
+
+/// How far a step is. A running one that nobody runs was cut short.
+enum class Progress { WAITING, RUNNING, DONE, FAILED, STOPPED };
+
+const char* nameOf(Progress progress);
+
+struct StepRecord {
+  Progress progress = Progress::WAITING;
+  /// UTC, as in "2026-11-21T10:00:00Z"; empty for what has not come.
+  std::string started;
+  std::string ended;
+  /// Of the last run; meaningful once it has ended.
+  int exitCode = 0;
+  /// Why it failed.
+  std::string reason;
+};
+
+/// What a migration is and how far it is, kept in the document "migrate/state.xml" of the
+/// session directory.
+///
+/// It tells root which host to give a password to: the document and its folder belong to
+/// root alone, and the service account may only read them.
+class State {
+ public:
+  /// The folder of this program in a session directory.
+  static std::string folderIn(const std::string& session);
+  static std::string documentIn(const std::string& session);
+
+  /// A migration that has not begun. Its folder on the source host gets a name that no other
+  /// migration has.
+  static State fresh();
+  /// Throws MigrateImpossible when the document is not what this program writes, or when
+  /// somebody else than this account may write it.
+  static State load(const std::string& session);
+  /// True when the session has such a document.
+  static bool exists(const std::string& session);
+
+  /// Replaces the document in one step, with the bytes on the disk. Throws
+  /// MigrateImpossible.
+  void save(const std::string& session) const;
+
+  Settings settings;
+
+  const StepRecord& of(Step step) const { return steps_[indexOf(step)]; }
+  StepRecord& of(Step step) { return steps_[indexOf(step)]; }
+  bool isDone(Step step) const { return of(step).progress == Progress::DONE; }
+  std::vector<Step> doneSteps() const;
+
+  /// The steps that the settings ask for, in order.
+  std::vector<Step> plan() const;
+  /// True when all of them are done.
+  bool isFinished() const;
+
+  /// Takes it that `step` and all later ones were not made. Once the agent is gone it has to
+  /// be deployed again for them.
+  void goBackTo(Step step);
+
+  /// The agent's own folder on the source host.
+  std::string agentDir() const;
+
+ private:
+  std::array<StepRecord, ALL_STEPS.size()> steps_;
+  std::string agentFolder_;
+};
+
+}  // namespace migrate
