@@ -11,8 +11,9 @@ import pytest
 import gates
 from content import offered
 from linux_host import FORMATS, check_schema, install_linux_agent, populate, web_host
-from world import (DTM, HOST, PLAIN, ROOT, SELECTED, SESSION, SUDOER, Destination, Running, Session, deployed_agent,
-                   read, write)
+from test_dumping_status import IN_THROW_AWAY_ROOT, throw_away_root  # noqa: F401  a fixture
+from world import (BINARY, DTM, HOST, PLAIN, ROOT, SELECTED, SESSION, SUDOER, Destination, Running, Session,
+                   deployed_agent, read, write)
 
 EXAMPLES = f"{FORMATS}/examples"
 # The documents in a session directory, and the schema of each.
@@ -142,8 +143,9 @@ def test_selected_objects_dumped_by_the_agent_have_the_form_of_a_dump(source, ho
     assert check_session() == {"migration.status", "migration.result", "agent-deployment.status", "dump.xml"}
 
 
-def test_removal_of_the_dumping_status_leaves_documents_of_the_form(source):
-    assert Running(["--remove-dumping-status", "--session-path", SESSION]).finish().code == 0
+def test_removal_of_the_dumping_status_leaves_documents_of_the_form(throw_away_root):  # noqa: F811
+    assert Running(["--remove-dumping-status", "--session-path", SESSION],
+                   through=[*IN_THROW_AWAY_ROOT, throw_away_root, BINARY]).finish().code == 0
     assert check_session() == {"migration.status", "migration.result"}
 
 

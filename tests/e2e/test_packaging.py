@@ -1,0 +1,66 @@
+"""The packages in debian/, as far as that can be seen without building them (scripts/packages does)."""
+import os
+import re
+import subprocess
+
+import pytest
+
+from world import CONFIGURATION, PRODUCT, SESSION, TESTS, Running, Session, read, write
+
+TOP = os.path.dirname(TESTS)
+# What every build of a package has, and what is fetched with.
+ALWAYS_THERE = {"g++", "ca-certificates"}
+FOR_PACKAGES = {"debhelper-compat", "dh-sequence-installsysusers"}
+
+
+def build_dependencies(profile):
+    """Names in Build-Depends; with a profile, those that are left out of such a build."""
+    control = read(f"{TOP}/debian/control").decode()
+    field = re.search(r"^Build-Depends:(.*?)^\S", control + "\n.", re.MULTILINE | re.DOTALL)[1]
+    entries = [entry.strip() for entry in field.partition("\n\n")[0].split(",")]
+    return {entry.split()[0] for entry in entries if ("<" in entry) == bool(profile)
+            and (not profile or f"<!{profile}>" in entry)}
+
+
+def installed_for(purpose):
+    return set(subprocess.run([f"{TOP}/scripts/install-packages", "--list", purpose], check=True,
+                              stdout=subprocess.PIPE, text=True).stdout.split())
+
+
+def test_source_package_names_what_building_needs():
+    assert build_dependencies(None) - FOR_PACKAGES == installed_for("build") - ALWAYS_THERE
+
+
+def test_source_package_names_what_the_tests_need():
+    assert build_dependencies("nocheck") == installed_for("check") - installed_for("build")
+
+
+def test_version_of_the_packages_is_that_of_the_program():
+    package = re.match(r"sondrel \(([\d.]+)\)", read(f"{TOP}/debian/changelog").decode())[1]
+    program = re.search(r"project\(sondrel VERSION ([\d.]+)", read(f"{TOP}/CMakeLists.txt").decode())[1]
+    assert package == program
+
+
+@pytest.fixture
+def configuration():
+    """Writes the host's configuration; the one before comes back."""
+    kept = read(CONFIGURATION)
+    yield lambda text: write(CONFIGURATION, text)
+    write(CONFIGURATION, kept)
+
+
+@pytest.mark.parametrize("in_force", [False, True], ids=["as it is", "with every line in force"])
+def test_configuration_of_the_package_is_read_without_a_complaint(configuration, system_log, in_force):
+    text = read(f"{TOP}/debian/qrv.conf").decode()
+    if in_force:
+        text, keys = re.subn(r"^#(?=[A-Z_]+ )", "", text, flags=re.MULTILINE)
+        assert keys >= 3
+        text = text.replace("/opt/qrv", PRODUCT)
+    else:
+        assert not re.search(r"^[^#\s]", text, re.MULTILINE)
+        text += f"PRODUCT_ROOT_D {PRODUCT}\n"
+    configuration(text)
+    outcome = Running(["--send-scout", "--session-path", SESSION]).finish()
+    assert (outcome.code, outcome.stdout, outcome.stderr) == (1, b"", b"")
+    assert "host is required" in Session().log()
+    assert system_log.text() == ""
