@@ -231,7 +231,7 @@ def test_completion_looks_for_agents_where_the_product_is():
 @pytest.mark.parametrize("option, expected", [
     ("--session-path", ["/mnt/complete/folder"]), ("--dumps-dir", ["/mnt/complete/folder"]),
     ("--selected-objects-file", ["/mnt/complete/file", "/mnt/complete/folder"]),
-])
+], ids=["the session", "the dumps", "selected objects"])
 def test_completion_offers_paths_for(option, expected):
     os.makedirs("/mnt/complete/folder", exist_ok=True)
     write("/mnt/complete/file")
@@ -240,11 +240,14 @@ def test_completion_offers_paths_for(option, expected):
 
 @pytest.mark.parametrize("option, expected", [
     ("--content-transport", ["rsync"]), ("--domains", ["-"]), ("--clients", ["-"]), ("--resellers", ["-"]),
-    ("--port", []), ("--login", []), ("--agent-dir", []), ("--host", ["localhost"]),
-])
-def test_completion_offers_values_for(option, expected):
-    found = completed(f"sondrel {option}=")
-    assert set(expected) <= set(found) if option == "--host" else found == expected
+    ("--port", []), ("--login", []), ("--agent-dir", []),
+], ids=lambda given: given if isinstance(given, str) else "")
+def test_completion_offers_what_can_be_known_for(option, expected):
+    assert completed(f"sondrel {option}=") == expected
+
+
+def test_completion_offers_names_of_hosts():
+    assert "localhost" in completed("sondrel --host=")
 
 
 def test_completion_works_where_an_equals_sign_parts_no_words():
