@@ -241,7 +241,7 @@ def test_completion_offers_paths_for(option, expected):
 @pytest.mark.parametrize("option, expected", [
     ("--content-transport", ["rsync"]), ("--domains", ["-"]), ("--clients", ["-"]), ("--resellers", ["-"]),
     ("--port", []), ("--login", []), ("--agent-dir", []),
-], ids=lambda given: given if isinstance(given, str) else "")
+], ids=["the transport", "domains", "clients", "resellers", "the port", "the login", "the agent directory"])
 def test_completion_offers_what_can_be_known_for(option, expected):
     assert completed(f"sondrel {option}=") == expected
 
