@@ -10,12 +10,13 @@ import time
 
 import pytest
 
-from world import (CONFIGURATION, PRODUCT, ROOT, SESSION, SOURCE_TREE, TESTS, Destination, Session, install_agent,
+from world import (BINARY, CONFIGURATION, PRODUCT, ROOT, SESSION, SOURCE_TREE, TESTS, Destination, Session, install_agent,
                    install_sample_agent, read, sondrel, write)
 
 TOP = os.path.dirname(TESTS)
 MANUAL = f"{TOP}/docs/man"
 COMPLETION = f"{TOP}/completion/sondrel"
+MIGRATE = f"{os.path.dirname(BINARY)}/sondrel-migrate"
 PAGES = sorted(os.path.basename(path) for path in glob.glob(f"{MANUAL}/*.[1-9]"))
 
 # What no caller needs is not in the usage text.
@@ -165,8 +166,9 @@ def completed(line):
     """What the completion offers behind a line."""
     # Readline takes "=" for a word.
     words = [word for part in line.split(" ") for word in re.findall(r"=|[^=]+", part) or [""]]
+    call = "_sondrel" if words[0] == "sondrel" else f"_sondrel_migrate {words[0]}"
     script = (f"source {COMPLETION}; compopt() {{ :; }}; COMP_WORDS=({' '.join(map(shlex.quote, words))}); "
-              f"COMP_CWORD={len(words) - 1}; _sondrel; printf '%s\\n' \"${{COMPREPLY[@]}}\"")
+              f"COMP_CWORD={len(words) - 1}; {call}; printf '%s\\n' \"${{COMPREPLY[@]}}\"")
     shell = subprocess.run(["bash", "--norc", "-c", script], capture_output=True, text=True, check=True, cwd="/mnt")
     assert shell.stderr == ""
     return shell.stdout.split()
@@ -248,6 +250,25 @@ def test_completion_offers_what_can_be_known_for(option, expected):
 
 def test_completion_offers_names_of_hosts():
     assert "localhost" in completed("sondrel --host=")
+
+
+def test_completion_offers_what_a_whole_migration_takes():
+    offered = offered_options(f"{MIGRATE} ")
+    assert offered.pop("status") is False
+    shown = subprocess.run([MIGRATE, "--help"], capture_output=True, check=True, text=True).stdout
+    assert offered == {name: bool(value) for name, value in re.findall(r"^ +(--[a-z-]+)(=?)", shown, re.MULTILINE)}
+    assert {"--host", "--sudo", "--from"} <= set(offered)
+    later = offered_options(f"{MIGRATE} --host=source.example --sudo ")
+    assert set(offered) - set(later) == {"--host", "--sudo"}
+
+
+def test_completion_offers_values_for_a_whole_migration():
+    install_agent(name="one")
+    os.makedirs("/mnt/complete/folder", exist_ok=True)
+    assert completed(f"{MIGRATE} --agent-name=") == ["one"]
+    assert completed(f"{MIGRATE} --from=de") == ["deploy"]
+    assert completed(f"{MIGRATE} status /mnt/complete/fo") == ["/mnt/complete/folder"]
+    assert completed(f"{MIGRATE} --domains=") == []
 
 
 def test_completion_works_where_an_equals_sign_parts_no_words():
