@@ -14,7 +14,10 @@ namespace migrate {
 
 namespace {
 
-/// Codes of the options that are no settings; those have their index.
+/// Codes of the options; settings have this one and their index more. All are larger than
+/// those of the letters of short options.
+constexpr int FIRST_SETTING = 2000;
+
 enum OptionCode {
   OPT_SESSION_PATH = 1000,
   OPT_SETTINGS,
@@ -59,7 +62,7 @@ const char* const PASSWORDS =
     "and no file takes one.\n"
     "\n"
     "Exit status: 0 done; 1 nothing could be begun; 2, 11 to 18 that of the run of sondrel\n"
-    "that failed; 3 stopped by SIGUSR1; 4 another run is at work; 128 and more a signal.\n";
+    "that failed; 3 stopped by SIGUSR1; 4 another run is at work; 128 and more a signal.";
 
 [[noreturn]] void refuse(const std::string& text) {
   throw Exc<&MigrateBadSettings>(HERE) % text;
@@ -73,7 +76,7 @@ std::vector<option> longOptions() {
   for (std::size_t i = 0; i < settingKinds().size(); ++i) {
     const SettingKind& kind = settingKinds()[i];
     all.push_back({kind.name, kind.argument ? required_argument : optional_argument, nullptr,
-                   static_cast<int>(i)});
+                   FIRST_SETTING + static_cast<int>(i)});
   }
   all.push_back({nullptr, 0, nullptr, 0});
   return all;
@@ -100,9 +103,9 @@ Step parseStep(const std::string& name) {
 
 /// The option that the library complains of, as it was written, without its value.
 std::string offender(char** argv) {
+  const bool isShort = optopt > 0 && optopt < OPT_SESSION_PATH;
+  if (isShort) return std::string("-") + static_cast<char>(optopt);
   const std::string text = argv[optind - 1];
-  const bool isLong = text.rfind("--", 0) == 0;
-  if (!isLong && optopt != 0) return std::string("-") + static_cast<char>(optopt);
   return toXmlSafeText(text.substr(0, text.find('=')));
 }
 
@@ -136,7 +139,8 @@ class Parser {
       case OPT_HELP: request_.command = Request::HELP; break;
       case OPT_VERSION: request_.command = Request::VERSION; break;
       default:
-        given_.set(settingKinds()[static_cast<std::size_t>(code)].name, optarg ? optarg : "");
+        given_.set(settingKinds()[static_cast<std::size_t>(code - FIRST_SETTING)].name,
+                   optarg ? optarg : "");
     }
   }
 

@@ -107,13 +107,21 @@ bool wireDescriptors(int out, int err, int lock) {
 
 // --- This side ---
 
-/// Reads once from a pipe that has something; closes it at its end. Returns what came.
+/// Reads once from a pipe; closes it at its end. Returns what was there.
 std::string readSome(UniqueFd& fd) {
   std::array<char, 4096> chunk;
   const ssize_t got = read(fd.get(), chunk.data(), chunk.size());
   if (got > 0) return {chunk.data(), static_cast<std::size_t>(got)};
-  if (got == 0 || errno != EINTR) fd.close();
+  if (got == 0 || (errno != EINTR && errno != EAGAIN)) fd.close();
   return {};
+}
+
+UniqueFd takeNonBlocking(UniqueFd& fd) {
+  const int flags = fcntl(fd.get(), F_GETFL);
+  if (flags < 0 || fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
+    throwSystemError("fcntl", errno);
+  }
+  return std::move(fd);
 }
 
 class Child {
@@ -130,8 +138,8 @@ class Child {
       runChild(run, signals, out.writeEnd.get(), err.writeEnd.get(), parent, arguments.data(),
                environment.pointers());
     }
-    out_ = std::move(out.readEnd);
-    err_ = std::move(err.readEnd);
+    out_ = takeNonBlocking(out.readEnd);
+    err_ = takeNonBlocking(err.readEnd);
   }
   ~Child() {
     if (hasEnded_) return;
@@ -142,20 +150,16 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  /// To the end of both pipes, and then of the process.
+  /// To the end of the process. Whoever else has inherited its pipes is not waited for.
   void attend() {
-    while (out_ || err_) {
+    while (!hasEnded_) {
       turn();
       passSignalsOn();
       if (run_.tickMs >= 0) run_.onTick();
-    }
-    while (!hasEnded_) {
       reap();
-      if (hasEnded_) break;
-      std::vector<pollfd> nothing;
-      signals_.wait(nothing, run_.tickMs);
-      passSignalsOn();
     }
+    // What it said last.
+    while (takeOutput() || takeErrors()) continue;
     // A terminal sends its signals to both: this one's may still wait.
     signals_.letIn();
   }
@@ -179,21 +183,24 @@ class Child {
       if (*fd) waiting.push_back({fd->get(), POLLIN, 0});
     }
     if (signals_.wait(waiting, run_.tickMs) <= 0) return;
-    for (const pollfd& ready : waiting) {
-      if (ready.revents == 0) continue;
-      if (ready.fd == out_.get()) {
-        takeOutput();
-      } else {
-        run_.onError(readSome(err_));
-      }
-    }
+    takeOutput();
+    takeErrors();
   }
 
-  void takeOutput() {
-    const std::string text = readSome(out_);
-    if (text.empty()) return;
+  /// Both: false when nothing was there.
+  bool takeOutput() {
+    const std::string text = out_ ? readSome(out_) : "";
+    if (text.empty()) return false;
     saidSomething_ = true;
     run_.onOutput(text);
+    return true;
+  }
+
+  bool takeErrors() {
+    const std::string text = err_ ? readSome(err_) : "";
+    if (text.empty()) return false;
+    run_.onError(text);
+    return true;
   }
 
   void passSignalsOn() {
@@ -201,7 +208,7 @@ class Child {
   }
 
   void reap() {
-    // SIGCHLD is held back here: the wait that follows is ended by it at once.
+    // A SIGCHLD from now on is held back, and ends the next wait at once.
     const pid_t reaped = waitpid(pid_, &status_, WNOHANG);
     if (reaped < 0) throwSystemError("waitpid", errno);
     hasEnded_ = reaped == pid_;

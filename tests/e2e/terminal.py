@@ -1,0 +1,80 @@
+"""A program on a terminal of its own."""
+import fcntl
+import os
+import pty
+import select
+import signal
+import struct
+import termios
+import time
+
+from world import die_with_parent, wait_until
+
+
+class Terminal:
+    """Runs a program as the leader of a session on a new terminal; keeps all that it shows."""
+
+    def __init__(self, arguments, environment=None, columns=80, stdout=None):
+        """With `stdout` the output goes to that file, and the terminal has the rest."""
+        self.shown = b""
+        self.status = None
+        self.pid, self._terminal = pty.fork()
+        if self.pid == 0:
+            self._become(arguments, environment, columns, stdout)
+        os.set_blocking(self._terminal, False)
+
+    @staticmethod
+    def _become(arguments, environment, columns, stdout):
+        try:
+            die_with_parent()
+            fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", 25, columns, 0, 0))
+            if stdout:
+                os.dup2(os.open(stdout, os.O_WRONLY | os.O_CREAT | os.O_TRUNC), 1)
+            os.execve(arguments[0], arguments, {"PATH": "/usr/bin:/bin", "LC_ALL": "C", **(environment or {})})
+        finally:
+            os._exit(126)
+
+    def read(self):
+        """Takes what has come; true while there may be more."""
+        if not select.select([self._terminal], [], [], 0.005)[0]:
+            return True
+        try:
+            got = os.read(self._terminal, 65536)
+        except OSError:  # nobody holds the other side any more
+            return False
+        self.shown += got
+        return bool(got)
+
+    def shows(self, text, deadline_seconds=30):
+        """Waits until this was shown."""
+        def is_there():
+            self.read()
+            return text in self.shown
+        wait_until(is_there, f"the terminal to show {text!r}; it shows {self.shown!r}", deadline_seconds)
+
+    def echoes(self):
+        return bool(termios.tcgetattr(self._terminal)[3] & termios.ECHO)
+
+    def type(self, text):
+        os.write(self._terminal, text)
+
+    def finish(self, deadline_seconds=60):
+        """The exit code, or minus the signal's number; everything was read then."""
+        end = time.monotonic() + deadline_seconds
+        while self.read():
+            assert time.monotonic() < end, f"no end within {deadline_seconds} s; shown: {self.shown!r}"
+            if os.waitid(os.P_PID, self.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT) and not select.select(
+                    [self._terminal], [], [], 0)[0]:
+                break
+        _, status = os.waitpid(self.pid, 0)
+        self.status = status
+        return os.waitstatus_to_exitcode(status)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exception):
+        if self.status is None:
+            os.kill(self.pid, signal.SIGKILL)
+            os.waitpid(self.pid, 0)
+        os.close(self._terminal)

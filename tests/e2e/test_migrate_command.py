@@ -1,0 +1,510 @@
+"""sondrel-migrate with an imitated sondrel: what it runs, with what, and what it takes from where."""
+import os
+import re
+import signal
+import subprocess
+
+import pytest
+
+from migrating import IMITATION, STEPS, ImitatedSondrel, State, migrate, progress_of, status
+from terminal import Terminal
+from world import SESSION, SUDOER, owner_and_mode, read, wait_until, write
+
+PLACE = [f"--session-path={SESSION}", "--host=src.example", "--login=root"]
+ALL = [*PLACE, "--dump-all"]
+SUDO_ALL = [f"--session-path={SESSION}", "--host=src.example", "--login=sudoer", "--sudo", "--dump-all",
+            "--agent-parent=/home/sudoer"]
+
+
+@pytest.fixture
+def imitated():
+    return ImitatedSondrel()
+
+
+def complaint(outcome):
+    """The one line that tells why nothing was begun."""
+    assert outcome.code == 1 and outcome.stdout == b"", outcome
+    lines = outcome.stderr.decode().splitlines()
+    assert len(lines) == 1 and lines[0].startswith("sondrel-migrate: "), lines
+    return lines[0].removeprefix("sondrel-migrate: ")
+
+
+# --- what sondrel is given -------------------------------------------------------------------
+
+def test_runs_the_five_steps_with_what_each_needs(imitated):
+    assert imitated.run(*ALL).code == 0
+    agent_dir = f"--agent-dir=/root/{State().agent_folder}"
+    connection = [f"--session-path={SESSION}", "--host=src.example", "--login=root"]
+    agent = [*connection, agent_dir, "--agent-name=linux"]
+    assert imitated.runs() == STEPS
+    assert [imitated.arguments(number) for number in range(5)] == [
+        [*connection, "--send-scout"], [*agent, "--deploy-agent"], [*agent, "--dump-all"],
+        [*agent, "--get-content"], [*agent, "--remove-agent"]]
+    assert re.fullmatch("sondrel-agent-[0-9a-f]{8}", State().agent_folder)
+
+
+HANDED_ON = {
+    "everything": (["--port=2222", "--verbose", "--dump-all"], 2,
+                   ["--port=2222", "--verbose", "--dump-all"]),
+    "lists": (["--domains=a,b", "--clients=c", "--resellers=d"], 2,
+              ["--dump-selected", "--domains=a,b", "--clients=c", "--resellers=d"]),
+    "file": (["--selected-objects-file=/mnt/selected.xml"], 2,
+             ["--dump-selected", "--selected-objects-file=/mnt/selected.xml"]),
+    "parts": (["--server", "--admin-info", "--only-hosting", "--no-license", "--no-compress"], 2,
+              ["--dump-selected", "--server", "--admin-info", "--only-hosting", "--no-license", "--no-compress"]),
+    "mail": (["--domains=a", "--only-mail", "--server=no"], 2, ["--dump-selected", "--domains=a", "--only-mail"]),
+    "no content": (["--dump-all", "--no-content"], 2, ["--no-content", "--dump-all"]),
+    "content": (["--dump-all", "--dumps-dir=/mnt/x", "--no-check-space"], 3,
+                ["--get-content", "--dumps-dir=/mnt/x", "--no-check-space"]),
+}
+
+
+@pytest.mark.parametrize("case", HANDED_ON)
+def test_hands_settings_on(imitated, case):
+    given, number, expected = HANDED_ON[case]
+    assert imitated.run(*PLACE, *given).code == 0
+    common = {f"--session-path={SESSION}", "--host=src.example", "--login=root", "--agent-name=linux",
+              f"--agent-dir=/root/{State().agent_folder}"}
+    assert [word for word in imitated.arguments(number) if word not in common] == expected
+
+
+@pytest.mark.parametrize("options, steps", [
+    (["--no-content"], ["scout", "deploy", "dump", "remove"]),
+    (["--keep-agent"], ["scout", "deploy", "dump", "content"]),
+], ids=["no content", "keep agent"])
+def test_leaves_out_the_steps_that_are_not_wanted(imitated, options, steps):
+    assert imitated.run(*ALL, *options).code == 0
+    assert imitated.runs() == steps
+    assert list(status())[3:] == steps
+
+
+def test_gives_sondrel_nothing_to_read_and_no_descriptor_but_the_lock(imitated):
+    assert imitated.run(*ALL, stdin=b"not for sondrel").code == 0
+    assert imitated.kept(0, "input") == b""
+    targets = dict(re.findall(r" (\d+) -> (\S+)", imitated.kept(0, "descriptors").decode()))
+    # 255 is the imitation's own script.
+    assert set(targets) - {"255"} == {"0", "1", "2", "3"}
+    assert os.path.basename(targets["0"]) == "null"
+    assert targets["3"] == f"{SESSION}/migrate/lock"
+
+
+def test_gives_sondrel_the_passwords_in_its_environment_only(imitated):
+    outcome = imitated.run(*SUDO_ALL, login=SUDOER, environment={"KEPT": "value"})
+    assert outcome.code == 0
+    for number in range(5):
+        environment = imitated.environment(number)
+        assert environment["QRV_PASSWORD"] == "sudoer-passphrase"
+        assert environment["QRV_SUDO_PASSWORD"] == "root-passphrase"
+        assert environment["KEPT"] == "value"
+        assert "passphrase" not in imitated.kept(number, "arguments").decode()
+        assert "--sudo-password" in imitated.arguments(number)
+
+
+def test_gives_no_sudo_password_where_sudo_is_not_used(imitated):
+    assert imitated.run(*ALL, sudo_password="needless").code == 0
+    assert "QRV_SUDO_PASSWORD" not in imitated.environment(0)
+
+
+def test_wipes_the_passwords_from_its_own_environment(imitated):
+    imitated.does("scout", f"while [ ! -e {IMITATION}/go ]; do sleep 0.01; done")
+    running = imitated.start(*SUDO_ALL, login=SUDOER)
+    wait_until(lambda: imitated.is_at("scout"), "the scout")
+    assert b"passphrase" not in read(f"/proc/{running.pid}/environ") + read(f"/proc/{running.pid}/cmdline")
+    write(f"{IMITATION}/go")
+    assert running.finish().code == 0
+
+
+def test_takes_the_sondrel_in_path_where_none_is_beside_it():
+    imitated = ImitatedSondrel(beside=False)
+    assert complaint(imitated.run(*ALL)) == "sondrel is neither beside this program nor in PATH"
+    assert imitated.run(*ALL, environment={"PATH": f":/nonexistent:{imitated.folder}:/usr/bin:/bin"}).code == 0
+    assert imitated.runs() == STEPS
+
+
+def test_does_not_take_the_sondrel_of_the_present_folder():
+    imitated = ImitatedSondrel(beside=False)
+    outcome = imitated.run(*ALL, environment={"PATH": ":/usr/bin:/bin:"}, directory=imitated.folder)
+    assert complaint(outcome) == "sondrel is neither beside this program nor in PATH"
+
+
+# --- what comes of a step --------------------------------------------------------------------
+
+@pytest.mark.parametrize("code", [1, 2, 11, 12, 13, 14, 15, 16, 17, 18])
+def test_passes_on_every_exit_code(imitated, code):
+    imitated.does("dump", f"printf 'what it says' >&2; exit {code}")
+    outcome = imitated.run(*ALL)
+    assert outcome.code == code
+    assert outcome.stderr.decode().splitlines() == [
+        "what it says",
+        f"dump: failed with exit code {code}; {SESSION}/migration.log tells more. Run this again to go on"]
+    assert imitated.runs() == ["scout", "deploy", "dump"]
+    assert State().progress() == progress_of("done", "done", "failed")
+    assert status()["state"] == f"failed at dump with exit code {code}"
+
+
+def test_a_signal_that_ended_sondrel_is_128_more(imitated):
+    imitated.does("content", "kill -KILL $$")
+    assert imitated.run(*ALL).code == 128 + signal.SIGKILL
+    assert State().progress() == progress_of("done", "done", "done", "failed")
+
+
+def test_takes_a_success_that_tells_of_a_stop_for_a_stop(imitated):
+    imitated.does("dump", "echo Migration has been terminated")
+    outcome = imitated.run(*ALL)
+    assert (outcome.code, outcome.stderr) == (3, b"")
+    assert State().progress() == progress_of("done", "done", "stopped")
+
+
+def test_a_request_between_steps_lets_the_next_one_wait(imitated):
+    # It comes while the step ends well, and so late that sondrel no longer minds.
+    imitated.does("deploy", "trap '' USR1; kill -USR1 $PPID; sleep 0.1")
+    outcome = imitated.run(*ALL)
+    assert outcome.code == 3
+    assert outcome.stderr == b"sondrel-migrate: stopped. Run it again to go on\n"
+    assert imitated.runs() == ["scout", "deploy"]
+    assert State().progress() == progress_of("done", "done")
+    os.unlink(f"{IMITATION}/deploy")
+    assert imitated.run(f"--session-path={SESSION}").code == 0
+    assert imitated.runs() == STEPS
+
+
+def test_a_signal_that_its_caller_ignores_changes_nothing(imitated):
+    imitated.does("deploy", "kill -HUP $PPID; sleep 0.1")
+    assert imitated.run(*ALL, prepare=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN)).code == 0
+    assert imitated.runs() == STEPS
+
+
+def test_signals_that_its_caller_holds_back_come_through(imitated):
+    imitated.does("deploy", "kill -TERM $PPID; sleep 60 & wait")
+    held = {signal.SIGTERM, signal.SIGCHLD, signal.SIGUSR1}
+    outcome = imitated.run(*ALL, prepare=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, held))
+    assert outcome.code == 128 + signal.SIGTERM
+
+
+def test_waits_without_using_the_processor(imitated):
+    # Its outputs have ended long before it does.
+    imitated.does("deploy", "exec >&- 2>&-; sleep 2")
+    outcome = imitated.run(*ALL, through=("/usr/bin/time", "-f", "%U %S", "-o", "/mnt/time", imitated.program))
+    assert outcome.code == 0 and imitated.runs() == STEPS
+    # Half of it is more than the sanitizers need.
+    assert sum(map(float, read("/mnt/time").split())) < 1
+
+
+def test_goes_on_when_nobody_reads_what_it_says(imitated):
+    outcome = imitated.run(*ALL, stdout=False)
+    assert outcome.code == 0 and imitated.runs() == STEPS
+
+
+def test_a_failed_record_ends_it(imitated):
+    imitated.does("deploy", f"mount -t tmpfs -o ro full {SESSION}/migrate")
+    try:
+        outcome = imitated.run(*ALL)
+    finally:
+        subprocess.run(["umount", f"{SESSION}/migrate"], check=True)
+    assert outcome.code == 1
+    assert f"{SESSION}/migrate/state.xml." in outcome.stderr.decode()
+    assert imitated.runs() == ["scout", "deploy"]
+
+
+# --- settings --------------------------------------------------------------------------------
+
+NO_SETTINGS = {
+    "nothing": ([], "--session-path is missing (see --help)"),
+    "no host": ([f"--session-path={SESSION}"], "--host is missing (see --help)"),
+    "no login": ([f"--session-path={SESSION}", "--host=x"], "--login is missing (see --help)"),
+    "no parent": ([f"--session-path={SESSION}", "--host=x", "--login=jo"],
+                  "--agent-parent is missing: only root has one by itself (see --help)"),
+    "no dump": (PLACE, "what to dump is missing: --dump-all, or a selection such as --domains=... (see --help)"),
+    "all and some": ([*ALL, "--domains=a"], "--dump-all dumps everything, and goes with no selection (see --help)"),
+    "all and mail": ([*ALL, "--only-mail"], "--dump-all dumps everything, and goes with no selection (see --help)"),
+    "two kinds": ([*PLACE, "--domains=a", "--only-mail", "--only-hosting"],
+                  "--only-mail and --only-hosting exclude each other (see --help)"),
+    "standard input": ([*PLACE, "--domains=-"], "--domains cannot be read from standard input (see --help)"),
+    "port": ([*ALL, "--port=65536"], "--port is to be a number from 1 to 65535 (see --help)"),
+    "port text": ([*ALL, "--port=22a"], "--port is to be a number from 1 to 65535 (see --help)"),
+    "relative parent": ([*ALL, "--agent-parent=agent"],
+                        '--agent-parent is to be an absolute path of letters, digits and "._-" (see --help)'),
+    "parent with a shell": ([*ALL, "--agent-parent=/x;y"],
+                            '--agent-parent is to be an absolute path of letters, digits and "._-" (see --help)'),
+    "parent upwards": ([*ALL, "--agent-parent=/x/.."],
+                       '--agent-parent is to be an absolute path of letters, digits and "._-" (see --help)'),
+    "empty": ([*ALL, "--host="], "--host needs a value (see --help)"),
+    "control character": ([*ALL, "--host=a\nb"], "--host holds control characters, or is not UTF-8 (see --help)"),
+    "bytes": ([*ALL, os.fsdecode(b"--host=a\xff")], "--host holds control characters, or is not UTF-8 (see --help)"),
+    "switch": ([*ALL, "--sudo=perhaps"], '--sudo is to be "yes" or "no" (see --help)'),
+    "step": ([*ALL, "--from=start"], "--from is to be scout, deploy, dump, content or remove (see --help)"),
+    "no value": ([*ALL, "--port"], "--port needs a value (see --help)"),
+    "operand": ([*ALL, "secret-passphrase"], "an argument that is no option (see --help)"),
+    "unknown": ([*ALL, "--passwort=secret-passphrase"], "no such option: --passwort (see --help)"),
+    "mistaken": ([*ALL, "--password=secret-passphrase"],
+                 "--password-fd is to be the number of an open descriptor (see --help)"),
+    "short": ([*ALL, "-psecret-passphrase"], "no such option: -p (see --help)"),
+    "file": ([*ALL, "--settings=/mnt/absent"],
+             "/mnt/absent cannot be read: No such file or directory (see --help)"),
+}
+
+
+@pytest.mark.parametrize("case", NO_SETTINGS)
+def test_says_what_is_wrong_with_the_settings_and_repeats_no_value(imitated, case):
+    arguments, expected = NO_SETTINGS[case]
+    outcome = imitated.run(*arguments)
+    assert complaint(outcome) == expected
+    assert b"secret" not in outcome.stderr
+    assert imitated.runs() == [] and not os.path.exists(f"{SESSION}/migrate/state.xml")
+
+
+BAD_LINES = {"unknown": ("password = x", "no such setting: password"), "no value": ("host =", 'no value behind "="'),
+             "no name": ("= x", "no such setting: "), "bare": ("host", "--host needs a value")}
+
+
+@pytest.mark.parametrize("case", BAD_LINES)
+def test_says_which_line_of_a_settings_file_is_wrong(imitated, case):
+    line, expected = BAD_LINES[case]
+    write("/mnt/settings", f"# a file\n\n{line}\n")
+    outcome = imitated.run("--settings=/mnt/settings", *ALL)
+    assert complaint(outcome) == f"/mnt/settings, line 3: {expected} (see --help)"
+
+
+def test_goes_on_with_the_settings_it_had_and_takes_new_ones(imitated):
+    imitated.does("dump", "exit 2")
+    assert imitated.run(*ALL).code == 2
+    os.unlink(f"{IMITATION}/dump")
+    assert imitated.run(f"--session-path={SESSION}", "--port=2222", "--dump-all=no", "--clients=c").code == 0
+    assert imitated.runs() == ["scout", "deploy", "dump", *STEPS[2:]]
+    assert {"--port=2222", "--dump-selected", "--clients=c"} <= set(imitated.arguments(3))
+    assert imitated.arguments(3)[-3:-1] != imitated.arguments(2)[-3:-1]
+
+
+@pytest.mark.parametrize("option, name, old", [
+    ("--host=other", "host", "src.example"), ("--agent-name=other", "agent-name", ""),
+    ("--agent-parent=/srv", "agent-parent", ""),
+], ids=["host", "agent", "folder"])
+def test_refuses_another_setting_for_a_step_that_is_done(imitated, option, name, old):
+    imitated.does("dump", "exit 2")
+    assert imitated.run(*ALL).code == 2
+    outcome = imitated.run(f"--session-path={SESSION}", option)
+    assert complaint(outcome) == (f'--{name} was "{old}" in the steps that are done. '
+                                  "Use another session directory, or --from (see --help)")
+    assert len(imitated.runs()) == 3
+    os.unlink(f"{IMITATION}/dump")
+    assert imitated.run(f"--session-path={SESSION}", option, "--from=scout").code == 0
+
+
+def test_session_path_may_be_relative(imitated):
+    arguments = [argument for argument in ALL if not argument.startswith("--session-path")]
+    assert imitated.run("--session-path=session", *arguments, directory="/mnt").code == 0
+    assert imitated.arguments(0)[0] == f"--session-path={SESSION}"
+
+
+@pytest.mark.parametrize("make_foreign", [
+    lambda: os.chown(State().path, 20000, 20000), lambda: os.chmod(State().path, 0o660),
+    lambda: os.chown(f"{SESSION}/migrate", 20000, 20000), lambda: os.chmod(f"{SESSION}/migrate", 0o777),
+    lambda: (os.rename(State().path, "/mnt/kept.xml"), os.symlink("/mnt/kept.xml", f"{SESSION}/migrate/state.xml")),
+], ids=["owner", "mode", "owner of the folder", "mode of the folder", "link"])
+def test_does_not_believe_a_record_that_others_may_write(imitated, make_foreign):
+    imitated.does("dump", "exit 2")
+    assert imitated.run(*ALL).code == 2
+    make_foreign()
+    outcome = imitated.run(f"--session-path={SESSION}")
+    assert complaint(outcome).endswith("is not this account's alone, and is not believed")
+    assert len(imitated.runs()) == 3
+
+
+@pytest.mark.parametrize("text", [b"", b"<sondrel-migration", b"<other/>", b"<sondrel-migration version='2'/>",
+                                  b"<sondrel-migration version='1' agent-folder='x'><setting name='new'>1</setting>"
+                                  b"</sondrel-migration>",
+                                  b"<sondrel-migration version='1' agent-folder='x'><step name='nap' state='done'/>"
+                                  b"</sondrel-migration>"],
+                         ids=["empty", "cut", "other", "version", "setting", "step"])
+def test_does_not_go_on_with_a_record_that_it_does_not_understand(imitated, text):
+    imitated.does("dump", "exit 2")
+    assert imitated.run(*ALL).code == 2
+    write(State().path, text, mode=0o640)
+    outcome = imitated.run(f"--session-path={SESSION}")
+    assert outcome.code == 1
+    assert outcome.stderr.decode().startswith(f"sondrel-migrate: {SESSION}/migrate/state.xml cannot be used: ")
+    assert len(imitated.runs()) == 3
+
+
+def test_the_session_is_made_as_sondrel_makes_it(imitated):
+    assert imitated.run(*ALL).code == 0
+    assert owner_and_mode(SESSION) == (0, 20000, 0o750)
+    assert os.path.isdir(f"{SESSION}/archives")
+
+
+# --- passwords -------------------------------------------------------------------------------
+
+def test_reads_both_passwords_from_standard_input(imitated):
+    outcome = imitated.run(*SUDO_ALL, "--password-fd=0", "--sudo-password-fd=0", password=None,
+                           stdin=b"first one\nsecond\nnot theirs\n")
+    assert outcome.code == 0, outcome
+    environment = imitated.environment(4)
+    assert (environment["QRV_PASSWORD"], environment["QRV_SUDO_PASSWORD"]) == ("first one", "second")
+
+
+def test_a_descriptor_wins_over_the_environment(imitated):
+    assert imitated.run(*ALL, "--password-fd=0", password="other", stdin=b"first").code == 0
+    assert imitated.environment(0)["QRV_PASSWORD"] == "first"
+
+
+@pytest.mark.parametrize("given, expected", [
+    (b"", "the password of root@src.example is empty"), (b"\nx", "the password of root@src.example is empty"),
+    (b"a\0b\n", "the password of root@src.example holds a zero byte"),
+    (b"x" * 4097, "the password of root@src.example is longer than 4096 bytes"),
+], ids=["nothing", "empty line", "zero byte", "too long"])
+def test_refuses_what_is_no_password(imitated, given, expected):
+    assert complaint(imitated.run(*ALL, "--password-fd=0", password=None, stdin=given)) == expected
+    assert imitated.runs() == []
+
+
+def test_an_empty_password_for_sudo_is_one(imitated):
+    assert imitated.run(*SUDO_ALL, login=SUDOER, sudo_password="").code == 0
+    assert imitated.environment(0)["QRV_SUDO_PASSWORD"] == ""
+
+
+def test_says_that_a_descriptor_is_not_open(imitated):
+    outcome = imitated.run(*ALL, "--password-fd=99", password=None)
+    assert complaint(outcome) == "the descriptor for the password of root@src.example is not open"
+
+
+def test_says_what_is_missing_where_there_is_nobody_to_ask(imitated):
+    outcome = imitated.run(*ALL, password=None, prepare=os.setsid)
+    assert complaint(outcome) == ("the password of root@src.example is missing: there is no terminal to ask on, "
+                                  "QRV_PASSWORD is not set, and --password-fd is not given")
+
+
+def test_asks_for_passwords_on_the_terminal_and_shows_none(imitated):
+    with Terminal([imitated.program, *SUDO_ALL]) as terminal:
+        terminal.shows(b"The password of sudoer@src.example: ")
+        assert not terminal.echoes()
+        terminal.type(b"first one\n")
+        terminal.shows(b"The password for sudo of sudoer@src.example: ")
+        assert not terminal.echoes()
+        terminal.type(b"second\n")
+        assert terminal.finish() == 0
+        assert b"first" not in terminal.shown and b"second" not in terminal.shown
+    environment = imitated.environment(0)
+    assert (environment["QRV_PASSWORD"], environment["QRV_SUDO_PASSWORD"]) == ("first one", "second")
+
+
+def test_an_interrupted_question_leaves_a_terminal_that_shows_what_is_typed(imitated):
+    with Terminal(["/bin/sh", "-c", 'trap "" INT; "$@"; echo "ended with $?"; read line', "sh",
+                   "/usr/bin/env", "--default-signal=INT", imitated.program, *ALL]) as terminal:
+        terminal.shows(b"The password of root@src.example: ")
+        assert not terminal.echoes()
+        terminal.type(b"\x03")
+        terminal.shows(b"ended with 130")
+        assert terminal.echoes()
+        terminal.type(b"\n")
+        terminal.finish()
+    assert imitated.runs() == []
+
+
+# --- what a person sees ----------------------------------------------------------------------
+
+TRANSFER = ('<migration-status><pid>1</pid><transfer speed="1000000"><host>h</host><files total="10" left="7" '
+            'size-total="4000000" size-left="3000000"><current-file size="9" size-left="9">{name}</current-file>'
+            "</files></transfer></migration-status>")
+DUMPING = '<dumping-status version="1" stage="content" done="2" total="5" bytes="123456" object="a.test"/>'
+
+
+def held_at(imitated, step, name, text):
+    """The imitated step leaves this document and waits for `go`."""
+    write(f"{IMITATION}/document", text)
+    imitated.does(step, f"cp {IMITATION}/document {SESSION}/{name}\n"
+                        f"while [ ! -e {IMITATION}/go ]; do sleep 0.01; done")
+
+
+PROGRESS = {
+    "content": ("migration.status", TRANSFER.format(name="content/a"),
+                b"content: 3 of 10 files, 1.0 MB of 4.0 MB (25 %), 1.0 MB/s, 0:03 left, content/a"),
+    "dump": ("dumping-status.xml", DUMPING, b"dump: content, 2 of 5 objects, 123.5 kB read, a.test"),
+}
+
+
+@pytest.mark.parametrize("step", PROGRESS)
+def test_shows_progress_on_a_terminal(imitated, step):
+    name, document, expected = PROGRESS[step]
+    held_at(imitated, step, name, document)
+    with Terminal([imitated.program, *ALL], {"QRV_PASSWORD": "x"}, columns=100) as terminal:
+        terminal.shows(b"\r\x1b[K" + expected)
+        assert status()[step].endswith(": " + expected.decode().partition(": ")[2])
+        write(f"{IMITATION}/go")
+        assert terminal.finish() == 0
+        # The line is gone where the next one begins.
+        assert re.search(rb"\r\x1b\[K" + step.encode() + rb": done in 0:0\d\r\n", terminal.shown), terminal.shown
+
+
+def test_draws_at_most_ten_times_a_second_and_within_the_width(imitated):
+    held_at(imitated, "content", "migration.status",
+            TRANSFER.format(name="long" * 50 + "&#9;\N{EURO SIGN}"))
+    with Terminal([imitated.program, *ALL], {"QRV_PASSWORD": "x"}, columns=40) as terminal:
+        wait_until(lambda: terminal.read() and terminal.shown.count(b"\r\x1b[Kcontent: 3 of") >= 5, "five drawings")
+        write(f"{IMITATION}/go")
+        assert terminal.finish() == 0
+    drawn = re.findall(rb"\r\x1b\[K(content: 3 of[^\r]*)", terminal.shown)
+    assert {len(line) for line in drawn} == {39}
+
+
+def test_names_from_the_source_host_do_not_command_the_terminal(imitated):
+    held_at(imitated, "content", "migration.status", TRANSFER.format(name="&#x9b;2J\N{EURO SIGN}"))
+    imitated.does("deploy", r"printf 'half \033[2J\303\244 line' >&2; exit 2")
+    with Terminal([imitated.program, *ALL], {"QRV_PASSWORD": "x"}) as terminal:
+        assert terminal.finish() == 2
+        assert "half \\x1b[2J\N{LATIN SMALL LETTER A WITH DIAERESIS} line\r\n".encode() in terminal.shown
+    os.unlink(f"{IMITATION}/deploy")
+    with Terminal([imitated.program, f"--session-path={SESSION}"], {"QRV_PASSWORD": "x"}, columns=120) as terminal:
+        terminal.shows("left, \\xc2\\x9b2J\N{EURO SIGN}".encode())
+        write(f"{IMITATION}/go")
+        assert terminal.finish() == 0
+
+
+@pytest.mark.parametrize("document", [
+    "<migration-status><transfer/>", "<migration-status/>", "<other/>", "",
+    "<!DOCTYPE x [<!ENTITY a 'b'>]><migration-status>&a;</migration-status>",
+    TRANSFER.format(name="x").replace('"4000000"', '"-4"').replace('"7"', '"many"'),
+], ids=["cut", "nothing", "other", "empty", "entity", "odd figures"])
+def test_odd_documents_do_no_harm(imitated, document):
+    held_at(imitated, "content", "migration.status", document)
+    with Terminal([imitated.program, *ALL], {"QRV_PASSWORD": "x"}) as terminal:
+        wait_until(lambda: terminal.read() and imitated.is_at("content"), "the content step")
+        assert status()["content"].startswith("running, begun ")
+        write(f"{IMITATION}/go")
+        assert terminal.finish() == 0
+
+
+def test_shows_no_progress_without_a_terminal(imitated):
+    held_at(imitated, "content", *PROGRESS["content"][:2])
+    running = imitated.start(*ALL)
+    wait_until(lambda: imitated.is_at("content") and os.path.exists(f"{SESSION}/migration.status"), "the document")
+    write(f"{IMITATION}/go")
+    outcome = running.finish()
+    assert (outcome.code, outcome.stderr) == (0, b"") and b"\r" not in outcome.stdout and b"MB" not in outcome.stdout
+
+
+def test_an_old_document_is_no_progress(imitated):
+    os.makedirs(SESSION)
+    write(f"{SESSION}/dumping-status.xml", DUMPING)
+    os.utime(f"{SESSION}/dumping-status.xml", (1, 1))
+    imitated.does("dump", f"while [ ! -e {IMITATION}/go ]; do sleep 0.01; done")
+    running = imitated.start(*ALL)
+    wait_until(lambda: imitated.is_at("dump"), "the dump")
+    assert "objects" not in status()["dump"]
+    write(f"{IMITATION}/go")
+    assert running.finish().code == 0
+
+
+def test_counts_the_problems_of_the_content(imitated):
+    imitated.does("content", f"echo '<execution-result status=\"success\"><message/><message/></execution-result>' "
+                             f"> {SESSION}/transfer.result")
+    assert b", problems in transfer.result: 2\n" in imitated.run(*ALL).stdout
+
+
+def test_help_and_version_need_nothing_and_leave_nothing():
+    for option in ("--help", "-h"):
+        outcome = migrate(option, password=None)
+        assert (outcome.code, outcome.stderr) == (0, b"")
+        assert outcome.stdout.startswith(b"Usage: sondrel-migrate --session-path=DIR ")
+    outcome = migrate("--version", password=None)
+    assert re.fullmatch(rb"sondrel-migrate \d+\.\d+\.\d+\n", outcome.stdout)
+    assert not os.path.exists(SESSION)

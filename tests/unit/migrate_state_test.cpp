@@ -1,0 +1,147 @@
+#include <sys/stat.h>
+
+#include "commons/session.h"
+#include "migrate/documents.h"
+#include "migrate/session_lock.h"
+#include "migrate/state.h"
+#include "support.h"
+
+using migrate::Progress;
+using migrate::SessionLock;
+using migrate::State;
+using migrate::Step;
+
+namespace {
+
+/// A session directory with the folder of the state document.
+class MigrateStateTest : public testing::Test {
+ protected:
+  MigrateStateTest() { mkdir(State::folderIn(session()).c_str(), 0750); }
+  const std::string& session() const { return folder_.path(); }
+
+ private:
+  ScopedTempDir folder_;
+};
+
+State allDone() {
+  State state = State::fresh();
+  for (const Step step : migrate::ALL_STEPS) state.of(step).progress = Progress::DONE;
+  return state;
+}
+
+std::vector<std::string> progressOf(const State& state) {
+  std::vector<std::string> names;
+  for (const Step step : migrate::ALL_STEPS) names.emplace_back(nameOf(state.of(step).progress));
+  return names;
+}
+
+}  // namespace
+
+TEST_F(MigrateStateTest, ComesBackAsItWasSaved) {
+  State state = State::fresh();
+  state.settings.set("host", "caf\xC3\xA9 <&\">");
+  state.settings.set("sudo", "no");
+  state.of(Step::SCOUT) = {Progress::DONE, "2026-11-21T10:00:00Z", "2026-11-21T10:00:01Z", 0, ""};
+  state.of(Step::DUMP) = {Progress::FAILED, "2026-11-21T10:00:02Z", "2026-11-21T10:00:03Z", 2,
+                          "a: b\n <c>"};
+  state.save(session());
+  const State loaded = State::load(session());
+  EXPECT_EQ(loaded.settings.values(), state.settings.values());
+  EXPECT_EQ(loaded.agentDir(), state.agentDir());
+  EXPECT_EQ(progressOf(loaded), progressOf(state));
+  const migrate::StepRecord& dump = loaded.of(Step::DUMP);
+  EXPECT_EQ(dump.started, "2026-11-21T10:00:02Z");
+  EXPECT_EQ(dump.ended, "2026-11-21T10:00:03Z");
+  EXPECT_EQ(dump.exitCode, 2);
+  EXPECT_EQ(dump.reason, "a: b\n <c>");
+}
+
+TEST_F(MigrateStateTest, LeavesNothingBesideTheDocument) {
+  const State state = State::fresh();
+  state.save(session());
+  state.save(session());
+  EXPECT_EQ(entriesOf(State::folderIn(session())), std::vector<std::string>{"state.xml"});
+  EXPECT_EQ(ownerAndMode(State::documentIn(session())), "0:20000 640");
+}
+
+TEST_F(MigrateStateTest, EachMigrationHasAFolderOfItsOwn) {
+  EXPECT_NE(State::fresh().agentDir(), State::fresh().agentDir());
+}
+
+TEST_F(MigrateStateTest, IsFinishedWhenAllThatIsWantedIsDone) {
+  State state = allDone();
+  EXPECT_TRUE(state.isFinished());
+  state.of(Step::REMOVE).progress = Progress::WAITING;
+  EXPECT_FALSE(state.isFinished());
+  state.settings.set("keep-agent", "");
+  EXPECT_TRUE(state.isFinished());
+  state.of(Step::CONTENT).progress = Progress::STOPPED;
+  EXPECT_FALSE(state.isFinished());
+  state.settings.set("no-content", "");
+  EXPECT_TRUE(state.isFinished());
+}
+
+TEST_F(MigrateStateTest, GoesBackToTheStepAndToThoseBehindIt) {
+  State state = allDone();
+  state.of(Step::REMOVE).progress = Progress::WAITING;
+  state.goBackTo(Step::CONTENT);
+  EXPECT_EQ(progressOf(state),
+            (std::vector<std::string>{"done", "done", "done", "waiting", "waiting"}));
+}
+
+TEST_F(MigrateStateTest, GoesBackToTheDeploymentWhereTheAgentMayBeGone) {
+  for (const Progress removal : {Progress::DONE, Progress::FAILED, Progress::RUNNING}) {
+    State state = allDone();
+    state.of(Step::REMOVE).progress = removal;
+    state.goBackTo(Step::CONTENT);
+    EXPECT_EQ(progressOf(state),
+              (std::vector<std::string>{"done", "waiting", "waiting", "waiting", "waiting"}));
+  }
+}
+
+TEST_F(MigrateStateTest, LockIsSeenByWhoeverAsksAndFreedWithItsOwner) {
+  const std::string folder = State::folderIn(session());
+  EXPECT_FALSE(SessionLock::isHeld(folder));
+  {
+    const SessionLock lock(folder);
+    EXPECT_TRUE(SessionLock::isHeld(folder));
+    EXPECT_EQ(SessionLock::holder(folder), getpid());
+    EXPECT_EQ(
+        whatOf<Exc<&MigrateSessionBusy>>([&] { const SessionLock second(folder); }),
+        "Another run is at work on " + folder + " (process " + std::to_string(getpid()) + ")");
+  }
+  EXPECT_FALSE(SessionLock::isHeld(folder));
+  const SessionLock again(folder);
+}
+
+TEST_F(MigrateStateTest, LockDoesNotFollowALink) {
+  const std::string folder = State::folderIn(session());
+  writeFile(session() + "/precious", "kept");
+  ASSERT_EQ(symlink((session() + "/precious").c_str(), (folder + "/lock").c_str()), 0);
+  EXPECT_NE(whatOf<Exc<&MigrateImpossible>>([&] { const SessionLock lock(folder); }),
+            "no exception");
+  EXPECT_EQ(readFile(session() + "/precious"), "kept");
+}
+
+TEST_F(MigrateStateTest, CausesAreThoseOfTheLastErrorOutermostFirst) {
+  writeFile(session() + "/transfer.result",
+            "<execution-result><message><description>a warning</description></message>"
+            "<message><description>outer</description><message><description>inner</description>"
+            "</message></message></execution-result>");
+  EXPECT_EQ(migrate::readCauses(session(), Step::CONTENT),
+            (std::vector<std::string>{"outer", "inner"}));
+  EXPECT_EQ(migrate::countProblems(session(), Step::CONTENT), 2);
+  EXPECT_EQ(migrate::readCauses(session(), Step::DUMP), std::vector<std::string>{});
+}
+
+TEST_F(MigrateStateTest, ProgressIsReadFromNoLinkAndNoHugeDocument) {
+  writeFile(session() + "/elsewhere", "<s done='1' total='2'/>");
+  ASSERT_EQ(symlink("elsewhere", (session() + "/dumping-status.xml").c_str()), 0);
+  EXPECT_EQ(migrate::describeProgress(session(), Step::DUMP, ""), "");
+  unlink((session() + "/dumping-status.xml").c_str());
+  writeFile(session() + "/dumping-status.xml", "<s done='1' total='2'/>");
+  EXPECT_EQ(migrate::describeProgress(session(), Step::DUMP, ""), "1 of 2 objects");
+  writeFile(session() + "/dumping-status.xml",
+            "<s done='1' total='2'/>" + std::string(1 << 20, ' '));
+  EXPECT_EQ(migrate::describeProgress(session(), Step::DUMP, ""), "");
+}
