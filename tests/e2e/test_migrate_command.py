@@ -8,7 +8,7 @@ import pytest
 
 from migrating import IMITATION, STEPS, ImitatedSondrel, State, migrate, progress_of, status
 from terminal import Terminal
-from world import SESSION, SUDOER, owner_and_mode, read, wait_until, write
+from world import SESSION, SUDOER, TESTS, owner_and_mode, read, wait_until, write
 
 PLACE = [f"--session-path={SESSION}", "--host=src.example", "--login=root"]
 ALL = [*PLACE, "--dump-all"]
@@ -508,3 +508,15 @@ def test_help_and_version_need_nothing_and_leave_nothing():
     outcome = migrate("--version", password=None)
     assert re.fullmatch(rb"sondrel-migrate \d+\.\d+\.\d+\n", outcome.stdout)
     assert not os.path.exists(SESSION)
+
+
+def test_man_page_has_every_option_of_the_program_and_no_other():
+    shown = migrate("--help", password=None).stdout.decode()
+    options = {name: bool(value) for name, value in re.findall(r"^  (--[a-z-]+)(=?)", shown, re.MULTILINE)}
+    page = read(f"{os.path.dirname(TESTS)}/docs/man/sondrel-migrate.8").decode()
+    heads = [line for line in page.splitlines() if line.startswith(".It Fl")]
+    described = {f"-{name}": bool(value) for head in heads
+                 for name, value in re.findall(r"Fl (-\S+)( Ns = Ns )?", head)}
+    assert len(options) > 25 and described == options
+    everywhere = {f"-{name}" for name in re.findall(r"Fl (-\S+)", page)}
+    assert everywhere == set(options)
