@@ -42,6 +42,12 @@ def options_of_the_program():
             else False for name in names}
 
 
+def options_of_a_whole_migration():
+    """The same for the program of whole migrations, which makes its usage text of its table."""
+    shown = subprocess.run([MIGRATE, "--help"], capture_output=True, check=True, text=True).stdout
+    return {name: bool(value) for name, value in re.findall(r"^ +(--[a-z-]+)(=?)", shown, re.MULTILINE)}
+
+
 def text_of(pattern):
     """All sources of that pattern, one behind the other."""
     paths = sorted(glob.glob(f"{TOP}/{pattern}"))
@@ -88,6 +94,11 @@ def test_synopsis_has_every_option_but_an_old_name_and_a_help_for_diagnosis():
     expected = options_of_the_program()
     del expected["--ip"], expected["--verbose"]
     assert options_in(section("sondrel.8", "SYNOPSIS")) == expected
+
+
+def test_man_page_of_a_whole_migration_has_every_option_of_its_program_and_no_other():
+    heads = [line for line in section("sondrel-migrate.8", "OPTIONS") if line.startswith(".It Fl")]
+    assert options_in(heads) == options_of_a_whole_migration()
 
 
 def test_man_page_speaks_of_no_option_that_there_is_not():
@@ -255,8 +266,7 @@ def test_completion_offers_names_of_hosts():
 def test_completion_offers_what_a_whole_migration_takes():
     offered = offered_options(f"{MIGRATE} ")
     assert offered.pop("status") is False
-    shown = subprocess.run([MIGRATE, "--help"], capture_output=True, check=True, text=True).stdout
-    assert offered == {name: bool(value) for name, value in re.findall(r"^ +(--[a-z-]+)(=?)", shown, re.MULTILINE)}
+    assert offered == options_of_a_whole_migration()
     assert {"--host", "--sudo", "--from"} <= set(offered)
     later = offered_options(f"{MIGRATE} --host=source.example --sudo ")
     assert set(offered) - set(later) == {"--host", "--sudo"}
