@@ -109,7 +109,7 @@ std::string describeDump(const tXmlDtmDocument& document) {
   const auto done = numberOf(document, root, "done");
   const auto total = numberOf(document, root, "total");
   if (done && total) {
-    append(line, std::to_string(*done) + " of " + std::to_string(*total) + " objects");
+    append(line, std::to_string(*done) + " of " + std::to_string(*total) + " done");
   }
   const auto bytes = numberOf(document, root, "bytes");
   if (bytes && *bytes > 0) append(line, formatBytes(*bytes) + " read");

@@ -1,8 +1,8 @@
 #include "migrate/migration.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -118,19 +118,18 @@ int Migration::makeStep(Step step) {
 RunOutcome Migration::runStep(Step step) {
   const Places places{request_.sessionPath, state_.agentDir()};
   const std::string since = state_.of(step).started;
-  const SondrelRun run{program_,
-                       sondrelCommand(step, state_.settings, places),
-                       *passwords_,
-                       lock_->descriptor(),
-                       [this](const std::string& text) { console_.relay(text); },
-                       [this](const std::string& text) { console_.say(text); },
-                       [&] {
-                         const std::string progress =
-                             describeProgress(request_.sessionPath, step, since);
-                         if (!progress.empty())
-                           console_.showProgress(nameOf(step) + (": " + progress));
-                       },
-                       console_.showsProgress() ? PROGRESS_TICK_MS : NO_TICK};
+  const SondrelRun run{
+      program_,
+      sondrelCommand(step, state_.settings, places),
+      *passwords_,
+      lock_->descriptor(),
+      [this](const std::string& text) { console_.relay(text); },
+      [this](const std::string& text) { console_.say(boost::trim_right_copy(text)); },
+      [&] {
+        const std::string progress = describeProgress(request_.sessionPath, step, since);
+        if (!progress.empty()) console_.showProgress(nameOf(step) + (": " + progress));
+      },
+      console_.showsProgress() ? PROGRESS_TICK_MS : NO_TICK};
   const RunOutcome outcome = runSondrel(run, signals_);
   console_.finishRelay();
   console_.eraseProgress();

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <fstream>
 
+#include "commons/commons.h"
+
 namespace migrate {
 
 namespace {
@@ -41,6 +43,10 @@ SessionLock::SessionLock(const std::string& folder) {
   const std::string path = lockFileIn(folder);
   file_ = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640));
   if (!file_) failWithErrno(path);
+  // For the status that the service account may ask for.
+  if (fchown(file_.get(), static_cast<uid_t>(-1), serviceAccount().group) != 0) {
+    failWithErrno(path);
+  }
   struct flock lock = wholeFile();
   if (fcntl(file_.get(), F_OFD_SETLK, &lock) != 0) {
     if (errno == EAGAIN || errno == EACCES) throwBusy(folder);

@@ -47,14 +47,21 @@ Signals::Signals() {
 }
 
 Signals::~Signals() {
-  restoreInChild();
+  restoreActions();
+  sigprocmask(SIG_SETMASK, &originalMask_, nullptr);
 }
 
-void Signals::restoreInChild() const {
+void Signals::prepareChild() const {
+  restoreActions();
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+void Signals::restoreActions() const {
   for (std::size_t i = 0; i < HANDLED.size(); ++i) {
     sigaction(HANDLED[i], &originalActions_[i], nullptr);
   }
-  sigprocmask(SIG_SETMASK, &originalMask_, nullptr);
 }
 
 int Signals::wait(std::vector<pollfd>& descriptors, int timeoutMs) {

@@ -37,11 +37,13 @@ class Signals {
   /// The same; throws Interrupted when an end was asked for, now or earlier.
   void check();
 
-  /// For a child: gives it the signals as this program found them.
-  void restoreInChild() const;
+  /// For a child: what this program found ignored stays so, and nothing is held back, for what
+  /// is passed on must arrive.
+  void prepareChild() const;
 
  private:
   void collect();
+  void restoreActions() const;
 
   sigset_t originalMask_;
   std::vector<struct sigaction> originalActions_;

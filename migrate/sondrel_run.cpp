@@ -95,7 +95,7 @@ bool wireDescriptors(int out, int err, int lock) {
   // Nobody would take what it says, nor keep the record of it.
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   if (getppid() != parent) _exit(CANNOT_EXECUTE);
-  signals.restoreInChild();
+  signals.prepareChild();
   if (wireDescriptors(out, err, run.lockDescriptor)) {
     execve(run.program.c_str(), arguments, environment);
   }

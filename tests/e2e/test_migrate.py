@@ -1,11 +1,12 @@
 """sondrel-migrate and the real sondrel: a whole migration by one command."""
 import os
+import re
 import shutil
 import signal
 
 import pytest
 
-from gates import Gate, gated_host
+from gates import CAT, PROGRAMS, Gate, gated_host
 from linux_host import check_schema
 from migrating import (MIGRATE, STEPS, State, in_place, migrate, progress_of, sample_source, start, status)
 from world import (DTM, HOST, LOGIN_KINDS, PLAIN, RECORDS, ROOT, SESSION, SOURCE_TREE, SUDOER, Destination, Running, Session,
@@ -19,6 +20,33 @@ def archives():
     found = files_below(f"{SESSION}/archives")
     found.pop(b"dump.xml", None)
     return found
+
+
+def gated_source():
+    """A source host whose `cat` waits at gates where it reads a file; uploads go straight on."""
+    host = gated_host()
+    interpreter, rest = CAT.split("\n", 1)
+    write(f"{PROGRAMS}/cat", f"{interpreter}\n[ $# -gt 0 ] || exec /bin/cat\n{rest}", mode=0o755)
+    return host
+
+
+def status_field(pid, name):
+    """A line of /proc/PID/status."""
+    return re.search(rf"^{name}:\s*(\S+)$", read(f"/proc/{pid}/status").decode(), re.MULTILINE)[1]
+
+
+def child_of(running):
+    return int(read(f"/proc/{running.pid}/task/{running.pid}/children"))
+
+
+def send_through(running, number):
+    """Sends a signal, and waits until sondrel has taken it."""
+    waits = int(status_field(running.pid, "voluntary_ctxt_switches"))
+    running.send(number)
+    # It waits again: it has passed the signal on.
+    wait_until(lambda: int(status_field(running.pid, "voluntary_ctxt_switches")) > waits, "the signal to be passed on")
+    pending = 1 << (number - 1)
+    wait_until(lambda: not int(status_field(child_of(running), "ShdPnd"), 16) & pending, "sondrel to take the signal")
 
 
 def agent_folders(login):
@@ -55,6 +83,7 @@ def test_dumps_what_a_settings_file_selects(source):
     write("/mnt/settings", "\n".join([
         "# a migration", "", f"host = {HOST}", "login=root", "agent-name = sample", f"agent-parent = {ROOT.home}",
         "domains = a.test", "only-mail", "keep-agent = yes", "dumps-dir = relative/folder"]))
+    os.makedirs("/mnt/relative/folder")
     outcome = migrate("--settings=/mnt/settings", f"--session-path={SESSION}", directory="/mnt")
     assert (outcome.code, outcome.stderr) == (0, b""), outcome
     assert set(files_below("/mnt/relative/folder")) == {b"content/domains/a.test/mail/1", b"dump.xml"}
@@ -133,12 +162,11 @@ def test_makes_steps_again_from_the_one_that_is_named(source):
 
 
 def test_a_clean_stop_is_3_and_the_next_run_goes_on():
-    with gated_host():
+    with gated_source():
         gate = Gate("amid cat dump.xml")
         running = start(*in_place(ROOT, "--dump-all"))
         gate.reached()
-        running.send(signal.SIGUSR1)
-        wait_until(lambda: not read(f"/proc/{running.pid}/status").count(b"ShdPnd:\t0000000000000200"), "it is taken")
+        send_through(running, signal.SIGUSR1)
         gate.open()
         outcome = running.finish()
         assert outcome.code == 3, outcome
@@ -153,11 +181,11 @@ def test_a_clean_stop_is_3_and_the_next_run_goes_on():
 @pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTERM],
                          ids=["SIGHUP", "SIGINT", "SIGQUIT", "SIGTERM"])
 def test_passes_a_signal_on_to_sondrel_and_says_by_its_status_which(number):
-    with gated_host() as host:
+    with gated_source() as host:
         gate = Gate("amid cat dump.xml")
         running = start(*in_place(ROOT, "--dump-all"))
         gate.reached()
-        child = int(read(f"/proc/{running.pid}/task/{running.pid}/children"))
+        child = child_of(running)
         running.send(number)
         assert running.finish().code == 128 + number
         assert not os.path.exists(f"/proc/{child}")
@@ -169,7 +197,7 @@ def test_passes_a_signal_on_to_sondrel_and_says_by_its_status_which(number):
 
 
 def test_a_second_run_leaves_the_first_alone():
-    with gated_host():
+    with gated_source():
         gate = Gate("amid cat dump.xml")
         running = start(*in_place(ROOT, "--dump-all"))
         gate.reached()
@@ -186,11 +214,11 @@ def test_a_second_run_leaves_the_first_alone():
 
 
 def test_sondrel_does_not_outlive_it_and_the_next_run_goes_on():
-    with gated_host() as host:
+    with gated_source() as host:
         gate = Gate("amid cat dump.xml")
         running = start(*in_place(ROOT, "--dump-all"))
         gate.reached()
-        child = int(read(f"/proc/{running.pid}/task/{running.pid}/children"))
+        child = child_of(running)
         running.kill()
         wait_until(lambda: b"\nState:\tZ" in read(f"/proc/{child}/status") if os.path.exists(f"/proc/{child}")
                    else True, "sondrel to end")
@@ -204,7 +232,7 @@ def test_sondrel_does_not_outlive_it_and_the_next_run_goes_on():
 
 def test_status_shows_a_migration_at_work_and_its_end():
     write(f"{SOURCE_TREE}/domains/a.test/web/large", b"x" * 4_000_000)
-    with gated_host():
+    with gated_source():
         gate = Gate("amid cat large")
         running = start(*in_place(ROOT, "--dump-all"))
         gate.reached()

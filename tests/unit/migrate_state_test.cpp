@@ -140,7 +140,7 @@ TEST_F(MigrateStateTest, ProgressIsReadFromNoLinkAndNoHugeDocument) {
   EXPECT_EQ(migrate::describeProgress(session(), Step::DUMP, ""), "");
   unlink((session() + "/dumping-status.xml").c_str());
   writeFile(session() + "/dumping-status.xml", "<s done='1' total='2'/>");
-  EXPECT_EQ(migrate::describeProgress(session(), Step::DUMP, ""), "1 of 2 objects");
+  EXPECT_EQ(migrate::describeProgress(session(), Step::DUMP, ""), "1 of 2 done");
   writeFile(session() + "/dumping-status.xml",
             "<s done='1' total='2'/>" + std::string(1 << 20, ' '));
   EXPECT_EQ(migrate::describeProgress(session(), Step::DUMP, ""), "");
