@@ -67,7 +67,7 @@ void addContent(const Settings& settings, ArgList& line) {
 std::string findSondrel() {
   boost::system::error_code ignored;
   const boost::filesystem::path self = boost::filesystem::read_symlink("/proc/self/exe", ignored);
-  const std::string beside = (self.parent_path() / PROGRAM).string();
+  std::string beside = (self.parent_path() / PROGRAM).string();
   if (!self.empty() && isProgram(beside)) return beside;
   const char* const path = std::getenv("PATH");
   std::istringstream folders(path ? path : "");
