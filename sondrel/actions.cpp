@@ -13,6 +13,8 @@
 #include <iostream>
 #include <limits>
 #include <log4cpp/Category.hh>
+#include <map>
+#include <optional>
 #include <sstream>
 
 #include "commons/ExSystemError.h"
@@ -96,17 +98,44 @@ class RemoveFileGuard {
   bool keep_ = false;
 };
 
+/// A value of the host's configuration, without the blanks at its end.
+std::optional<std::string> configuredWord(const char* name) {
+  const char* const configured = qrvConfGet(name);
+  if (!configured) return std::nullopt;
+  return boost::trim_right_copy(std::string(configured));
+}
+
 /// True when content files are to be compared with the list as they arrive. It costs
 /// processor time, and a list with wrong figures then fails: hence not by itself.
 bool isVerificationConfigured() {
-  const char* const configured = qrvConfGet("CONTENT_VERIFY");
-  if (!configured) return false;
-  const std::string value = boost::trim_right_copy(std::string(configured));
+  const std::string value = configuredWord("CONTENT_VERIFY").value_or("no");
   if (value != "yes" && value != "no") {
     actionLog.warn(R"(CONTENT_VERIFY is neither "yes" nor "no" but ")" + value +
                    R"(": content is not verified)");
   }
   return value == "yes";
+}
+
+/// What the host's configuration demands of the keys of source hosts. A setting that
+/// cannot be met is no reason to do without: throws SshHostKeyRejected.
+HostKeyRules configuredHostKeyRules(const std::string& host) {
+  static const std::map<std::string, HostKeyRules::Policy> policies = {
+      {"ignore", HostKeyRules::IGNORE},
+      {"accept-new", HostKeyRules::ACCEPT_NEW},
+      {"strict", HostKeyRules::STRICT}};
+  const std::string name = configuredWord("SSH_HOST_KEY_POLICY").value_or("ignore");
+  const auto policy = policies.find(name);
+  if (policy == policies.end()) {
+    throw Exc<&SshHostKeyRejected>(HERE) % host %
+        ("SSH_HOST_KEY_POLICY is \"" + name +
+         R"(", which is none of "ignore", "accept-new" and "strict")");
+  }
+  const std::string file = configuredWord("SSH_KNOWN_HOSTS_F").value_or("");
+  if (policy->second != HostKeyRules::IGNORE && file.empty()) {
+    throw Exc<&SshHostKeyRejected>(HERE) % host %
+        ("SSH_HOST_KEY_POLICY is \"" + name + "\", and SSH_KNOWN_HOSTS_F names no file");
+  }
+  return {policy->second, file};
 }
 
 /// The figure began with what another host has listed, which may be any number.
@@ -154,8 +183,9 @@ Ssh& Action::getSsh() {
     const std::uint16_t port = config_->port == PORT_NOT_GIVEN
                                    ? DEFAULT_SSH_PORT
                                    : static_cast<std::uint16_t>(config_->port);
-    ssh_ = std::make_unique<Ssh>(config_->host, config_->login, config_->password,
-                                 config_->no_encryption, port);
+    ssh_ =
+        std::make_unique<Ssh>(config_->host, config_->login, config_->password,
+                              config_->no_encryption, port, configuredHostKeyRules(config_->host));
   }
   return *ssh_;
 }

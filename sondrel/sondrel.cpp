@@ -149,6 +149,8 @@ int do_actions(config& config) {
     return reportFailure(e, EXIT_INVALID_CREDENTIALS);
   } catch (const Exc<&SshConnectionFault>& e) {
     return reportFailure(e, EXIT_SSH_FAULT);
+  } catch (const Exc<&SshHostKeyRejected>& e) {
+    return reportFailure(e, EXIT_SSH_FAULT);
   } catch (const ExTraceable& e) {
     return reportFailure(e, EXIT_ACTION_FAILED);
   } catch (const MigrationTerminatedException& e) {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <cerrno>
 #include <cstdlib>
@@ -417,7 +418,7 @@ int Channel::waitForExitStatus() {
 // --- Session ---
 
 Session::Session(int socket, bool disableEncryption, bool compatibility,
-                 std::chrono::milliseconds loginLimit)
+                 std::chrono::milliseconds loginLimit, const std::vector<std::string>& hostKeyTypes)
     : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, static_cast<CallbackData*>(this))),
       socket_(socket),
       compatibility_(compatibility),
@@ -433,7 +434,24 @@ Session::Session(int socket, bool disableEncryption, bool compatibility,
   if (compatibility_) {
     libssh2_session_method_pref(get(), LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
   }
+  if (!hostKeyTypes.empty()) preferHostKeys(hostKeyTypes);
   start();
+}
+
+/// The others stay on offer behind them: a server whose key was replaced by one of
+/// another kind is better told apart by the key than by a failed key exchange.
+void Session::preferHostKeys(const std::vector<std::string>& types) {
+  const char** supported = nullptr;
+  const int count = libssh2_session_supported_algs(get(), LIBSSH2_METHOD_HOSTKEY, &supported);
+  if (count <= 0) return;
+  std::vector<std::string> algorithms(supported, supported + count);
+  libssh2_free(get(), supported);
+  std::stable_partition(algorithms.begin(), algorithms.end(), [&](const std::string& algorithm) {
+    // One kind of key signs in several ways.
+    const std::string type = algorithm.rfind("rsa-sha2-", 0) == 0 ? "ssh-rsa" : algorithm;
+    return std::find(types.begin(), types.end(), type) != types.end();
+  });
+  libssh2_session_method_pref(get(), LIBSSH2_METHOD_HOSTKEY, boost::join(algorithms, ",").c_str());
 }
 
 void Session::start() {
@@ -457,6 +475,13 @@ void Session::reportStartFailure(const std::string& error) const {
   if (const char* banner = libssh2_session_banner_get(get())) {
     sessionLog.error(std::string("The remote host presents itself as ") + banner);
   }
+}
+
+HostKey Session::hostKey() const {
+  std::size_t size = 0;
+  int type = 0;
+  const char* blob = libssh2_session_hostkey(get(), &size, &type);
+  return HostKey(blob ? std::string(blob, size) : "");
 }
 
 Session::~Session() {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "transport/handle.h"
+#include "transport/known_hosts.h"
 #include "transport/receive_window.h"
 
 DECLARE_ERROR_TAG(UnableToStartSshSession, "Unable to start SSH session: %1%");
@@ -134,12 +135,15 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   static constexpr std::chrono::milliseconds LOGIN_LIMIT = std::chrono::seconds(120);
 
   /// Starts the protocol on `socket`, which stays the caller's and must outlive the
-  /// session. In compatibility mode only the oldest key exchange is offered. Throws
-  /// UnableToStartSshSession.
+  /// session. In compatibility mode only the oldest key exchange is offered. Of the
+  /// server's keys one of `hostKeyTypes` is preferred. Throws UnableToStartSshSession.
   Session(int socket, bool disableEncryption, bool compatibility,
-          std::chrono::milliseconds loginLimit = LOGIN_LIMIT);
+          std::chrono::milliseconds loginLimit = LOGIN_LIMIT,
+          const std::vector<std::string>& hostKeyTypes = {});
   ~Session() override;
 
+  /// The key by which the server has proved who it is.
+  HostKey hostKey() const;
   /// Throws SshAuthorizationFailed when no method that the server offers succeeds,
   /// InvalidHandle when it does not tell its methods.
   void authorize(const std::string& login, const std::string& password);
@@ -189,6 +193,7 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
  private:
   using Clock = std::chrono::steady_clock;
 
+  void preferHostKeys(const std::vector<std::string>& types);
   void start();
   LIBSSH2_CHANNEL* openChannel();
   bool authorizeByPassword(const std::string& login, const std::string& password);

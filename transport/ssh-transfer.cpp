@@ -172,13 +172,15 @@ void pump_with_log(IOReadChannel& from, IOWriteChannel& to) {
 Ssh::NullCounter Ssh::null_counter;
 
 Ssh::Ssh(const std::string& host, const std::string& login, const std::string& password,
-         bool disableEncryption, std::uint16_t port) {
+         bool disableEncryption, std::uint16_t port, const HostKeyRules& hostKeyRules) {
+  HostKeyCheck hostKeyCheck(hostKeyRules, host, port);
   try {
-    connect(host, port, disableEncryption, false);
+    connect(host, port, disableEncryption, false, hostKeyCheck);
   } catch (const Exc<&UnableToStartSshSession>&) {
     sshLog.debug(std::string("Attempt to start SSH session in a 'compatibility' mode"));
-    connect(host, port, disableEncryption, true);
+    connect(host, port, disableEncryption, true, hostKeyCheck);
   }
+  hostKeyCheck.check(session_->hostKey());
   try {
     session_->authorize(login, password);
   } catch (const Exc<&SshAuthorizationFailed>&) {
@@ -187,11 +189,12 @@ Ssh::Ssh(const std::string& host, const std::string& login, const std::string& p
 }
 
 void Ssh::connect(const std::string& host, std::uint16_t port, bool disableEncryption,
-                  bool compatibility) {
+                  bool compatibility, const HostKeyCheck& hostKeyCheck) {
   // The session, if there is one, uses the socket: it goes first.
   auto socket = std::make_unique<Socket>(host, port);
   auto session =
-      std::make_unique<libssh2pp::Session>(socket->descriptor(), disableEncryption, compatibility);
+      std::make_unique<libssh2pp::Session>(socket->descriptor(), disableEncryption, compatibility,
+                                           libssh2pp::Session::LOGIN_LIMIT, hostKeyCheck.types());
   session_ = std::move(session);
   socket_ = std::move(socket);
 }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "commons/output_file.h"
+#include "transport/host_key_check.h"
 #include "transport/libssh2pp.h"
 #include "transport/socket.h"
 
@@ -105,10 +106,11 @@ class Ssh {
   };
   static NullCounter null_counter;
 
-  /// Connects and logs in. Throws the errors of Socket, UnableToStartSshSession,
-  /// InvalidHandle, SshInvalidCredentials.
+  /// Connects, judges the server's key by the rules, and logs in. Throws the errors of
+  /// Socket, UnableToStartSshSession, SshHostKeyRejected, InvalidHandle,
+  /// SshInvalidCredentials.
   Ssh(const std::string& host, const std::string& login, const std::string& password,
-      bool disableEncryption, std::uint16_t port);
+      bool disableEncryption, std::uint16_t port, const HostKeyRules& hostKeyRules = {});
 
   /// Runs a command with `in` as its standard input. Quiet streams stay out of the
   /// debug log.
@@ -143,7 +145,7 @@ class Ssh {
 
  private:
   void connect(const std::string& host, std::uint16_t port, bool disableEncryption,
-               bool compatibility);
+               bool compatibility, const HostKeyCheck& hostKeyCheck);
   int put(std::istream& in, const std::string& remotePath, std::string& errorText);
 
   std::unique_ptr<Socket> socket_;

@@ -211,8 +211,8 @@ class SourceHost:
         os.makedirs(self._folder, mode=0o700, exist_ok=True)
         os.makedirs(LOGS, exist_ok=True)
         for kind in host_keys:
-            if not os.path.exists(self._key(kind)):
-                subprocess.run(["ssh-keygen", "-q", "-t", kind, "-N", "", "-f", self._key(kind)], check=True)
+            if not os.path.exists(self.key_file(kind)):
+                subprocess.run(["ssh-keygen", "-q", "-t", kind, "-N", "", "-f", self.key_file(kind)], check=True)
         if recording:
             os.makedirs(RECORDS, exist_ok=True)
             os.chmod(RECORDS, 0o1777)
@@ -220,14 +220,14 @@ class SourceHost:
             shutil.copy(f"{HERE}/recording-shell", shell)
         use_shell(shell if recording else "/bin/sh")
         # sshd holds on to the first value of a keyword.
-        lines = list(options) + [f"HostKey {self._key(kind)}" for kind in host_keys] + [
+        lines = list(options) + [f"HostKey {self.key_file(kind)}" for kind in host_keys] + [
             f"ListenAddress {address}:{port}", "PidFile none", "UsePAM yes", "PasswordAuthentication yes",
             "KbdInteractiveAuthentication yes", "PermitRootLogin yes", "UseDNS no", "LogLevel VERBOSE",
             "PrintMotd no", *without_penalties()]
         self._config = write(f"{self._folder}/sshd_config", "\n".join(lines) + "\n")
         self._server = None
 
-    def _key(self, kind):
+    def key_file(self, kind):
         return f"{self._folder}/{kind}.key"
 
     def start(self):
