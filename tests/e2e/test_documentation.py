@@ -138,7 +138,7 @@ def test_man_page_has_every_file_of_a_session(source):
 
 
 def test_man_page_of_the_configuration_has_every_key_that_is_read():
-    by_name = re.findall(r'qrvConfGet\("(\w+)"\)', sources())
+    by_name = re.findall(r'(?:qrvConfGet|configuredWord)\("(\w+)"\)', sources())
     by_index = re.findall(r"qrvConfGet(?:Default)?ByIndex\(([A-Z]\w+)\)", sources())
     assert by_name and by_index
     assert sorted(items("qrv.conf.5", "KEYS", "Ic")) == sorted(by_name + by_index)
