@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <ostream>
 
+#include "commons/progress_line.h"
 #include "commons/utf8.h"
 
 namespace {
@@ -36,8 +38,20 @@ std::string escapeForTerminal(const std::string& text) {
   return shown;
 }
 
-TerminalGuard::TerminalGuard(std::ostream& stream, int descriptor)
-    : stream_(stream), original_(stream.rdbuf()), escaping_(original_) {
+void writeAll(int descriptor, const std::string& text) {
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t written = write(descriptor, text.data() + done, text.size() - done);
+    if (written > 0) {
+      done += static_cast<std::size_t>(written);
+    } else if (errno != EINTR) {
+      return;
+    }
+  }
+}
+
+TerminalGuard::TerminalGuard(std::ostream& stream, int descriptor, ProgressLine* line)
+    : stream_(stream), original_(stream.rdbuf()), escaping_(original_, line) {
   if (isatty(descriptor)) stream_.rdbuf(&escaping_);
 }
 
@@ -46,6 +60,7 @@ TerminalGuard::~TerminalGuard() {
 }
 
 std::streamsize TerminalGuard::EscapingBuf::xsputn(const char* bytes, std::streamsize size) {
+  if (line_ && size > 0) line_->makeWay();
   const std::string shown = escapeForTerminal({bytes, static_cast<std::size_t>(size)});
   const auto length = static_cast<std::streamsize>(shown.size());
   return target_->sputn(shown.data(), length) == length ? size : 0;

@@ -9,13 +9,20 @@
 /// tabs, and bytes that are not UTF-8 become "\x" and two hexadecimal digits.
 std::string escapeForTerminal(const std::string& text);
 
+/// Writes all of `text`, if the system takes it: a reader that went away is no reason to
+/// stop. Waits for a terminal that is stopped.
+void writeAll(int descriptor, const std::string& text);
+
+class ProgressLine;
+
 /// While it lives, a stream whose descriptor is a terminal shows what is written to it
 /// through escapeForTerminal: texts of a source host must not command the terminal of
 /// whoever looks on. Other streams stay as they are, byte for byte.
 class TerminalGuard {
  public:
-  /// `stream` must outlive the guard.
-  TerminalGuard(std::ostream& stream, int descriptor);
+  /// `stream` must outlive the guard, and so must `line`: the line of that terminal, which
+  /// makes way for each text, or null.
+  TerminalGuard(std::ostream& stream, int descriptor, ProgressLine* line = nullptr);
   ~TerminalGuard();
   TerminalGuard(const TerminalGuard&) = delete;
   TerminalGuard& operator=(const TerminalGuard&) = delete;
@@ -25,7 +32,7 @@ class TerminalGuard {
   /// bytes.
   class EscapingBuf : public UnbufferedStreamBuf {
    public:
-    explicit EscapingBuf(std::streambuf* target) : target_(target) {}
+    EscapingBuf(std::streambuf* target, ProgressLine* line) : target_(target), line_(line) {}
 
    protected:
     std::streamsize xsputn(const char* bytes, std::streamsize size) override;
@@ -33,6 +40,7 @@ class TerminalGuard {
 
    private:
     std::streambuf* target_;
+    ProgressLine* line_;
   };
 
   std::ostream& stream_;

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <chrono>
+#include <functional>
+#include <memory>
 #include <string>
+
+#include "commons/progress_line.h"
 
 namespace migrate {
 
@@ -26,25 +27,21 @@ class Console {
   /// Shows the rest of such a line, with an end. To be called when the child has ended.
   void finishRelay();
 
-  bool showsProgress() const { return showsProgress_; }
-  /// Redraws the line of progress: cut to the width of the terminal, and not more than ten
-  /// times a second. Nothing without a terminal.
-  void showProgress(const std::string& text);
+  bool showsProgress() const { return line_ != nullptr; }
+  /// Shows what `describe` says on the line of progress, as ProgressLine has it. Nothing
+  /// without a terminal.
+  void showProgress(const std::function<std::string()>& describe);
   void eraseProgress();
 
  private:
-  std::string presentable(const std::string& text, bool isTerminal) const;
+  static std::string presentable(const std::string& text, bool isTerminal);
+  void makeWay();
 
   bool outIsTerminal_;
-  bool showsProgress_;
-  bool progressIsShown_ = false;
+  bool errIsTerminal_;
+  std::unique_ptr<ProgressLine> line_;
   bool relayedLineIsOpen_ = false;
   std::string pending_;
-  std::chrono::steady_clock::time_point lastDrawn_;
 };
-
-/// `text` as one line of at most `columns` columns: line ends and tabs become blanks, the
-/// rest is as escapeForTerminal shows it. A character beyond ASCII is taken to need two.
-std::string fitLine(const std::string& text, std::size_t columns);
 
 }  // namespace migrate

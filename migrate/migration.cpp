@@ -8,9 +8,9 @@
 #include <ctime>
 
 #include "commons/commons.h"
+#include "commons/figures.h"
 #include "commons/session.h"
 #include "migrate/documents.h"
-#include "migrate/figures.h"
 
 namespace migrate {
 
@@ -126,8 +126,10 @@ RunOutcome Migration::runStep(Step step) {
       [this](const std::string& text) { console_.relay(text); },
       [this](const std::string& text) { console_.say(boost::trim_right_copy(text)); },
       [&] {
-        const std::string progress = describeProgress(request_.sessionPath, step, since);
-        if (!progress.empty()) console_.showProgress(nameOf(step) + (": " + progress));
+        console_.showProgress([&] {
+          const std::string progress = describeProgress(request_.sessionPath, step, since);
+          return progress.empty() ? progress : nameOf(step) + (": " + progress);
+        });
       },
       console_.showsProgress() ? PROGRESS_TICK_MS : NO_TICK};
   const RunOutcome outcome = runSondrel(run, signals_);

@@ -2,9 +2,9 @@
 
 #include <string>
 
+#include "commons/figures.h"
 #include "migrate/documents.h"
 #include "migrate/errors.h"
-#include "migrate/figures.h"
 #include "migrate/session_lock.h"
 #include "migrate/state.h"
 

@@ -190,6 +190,11 @@ Ssh& Action::getSsh() {
   return *ssh_;
 }
 
+std::unique_ptr<ProgressDisplay> Action::showProgress(std::function<std::string()> describe) {
+  if (!theProgressLine) return nullptr;
+  return ProgressDisplay::on(*theProgressLine, getSsh(), std::move(describe));
+}
+
 int Action::execUser(const std::string& command, std::istream& in, std::ostream& out,
                      std::ostream& err, bool quietOutput, bool quietInput) {
   // The agent directory is trusted and stands unquoted.
@@ -367,6 +372,8 @@ std::string RetrieveDumpAction::agentCommandLine() const {
 }
 
 void RetrieveDumpAction::runAgent(const std::string& command) {
+  const DumpProgress progress(theSession->getDumpingStatusFileName());
+  const auto display = showProgress([&] { return progress.describe(); });
   const StatusRefreshGuard refresh(this);
   CollectedText out;
   CollectedText err;
@@ -424,21 +431,25 @@ void RemoveDumpingStatusAction::execute() {
 // --- RetrieveContentAction ---
 
 FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(MigrationStatus& status,
-                                                           std::int64_t totalBytes, int filesNumber)
+                                                           std::int64_t totalBytes, int filesNumber,
+                                                           ContentProgress* shown)
     : status_(status),
       startTime_(std::time(nullptr)),
       bytesLeft_(totalBytes),
-      filesLeft_(filesNumber) {
+      filesLeft_(filesNumber),
+      shown_(shown) {
   status_.setTransferTotals(std::to_string(filesNumber), std::to_string(totalBytes));
 }
 
 void FileRetrievalProgressUpdater::startFile(const DumpFile& file) {
+  if (shown_) shown_->startFile(file.name, file.size);
   currentFileBytesLeft_ = file.size;
   status_.setCurrentFile(file.name, std::to_string(file.size));
   status_.saveFile();
 }
 
 void FileRetrievalProgressUpdater::operator()(int bytes) {
+  if (shown_) shown_->receive(bytes);
   countDown(bytesLeft_, bytes);
   countDown(currentFileBytesLeft_, bytes);
   bytesReceived_ += bytes;
@@ -451,6 +462,7 @@ void FileRetrievalProgressUpdater::operator()(int bytes) {
 }
 
 void FileRetrievalProgressUpdater::finishFile() {
+  if (shown_) shown_->finishFile();
   --filesLeft_;
   status_.setTransferFilesLeft(std::to_string(filesLeft_));
   status_.saveFile();
@@ -474,8 +486,11 @@ void RetrieveContentAction::retrieveContent() {
   refuseUnsafeNames(*list);
   const std::vector<DumpFile>& entries = list->getFileList();
   if (!getConfig().no_check_space) checkFreeSpace(*list);
+  ContentProgress shown(entries);
+  const auto display = showProgress([&] { return shown.describe(RateMeter::Clock::now()); });
   FileRetrievalProgressUpdater progress(*status(), list->getUnpackedSize(),
-                                        static_cast<int>(entries.size()));
+                                        static_cast<int>(entries.size()),
+                                        display ? &shown : nullptr);
   for (const DumpFile& file : entries) retrieveEntry(file, progress);
   if (filesUnlikeTheList_ > 0) {
     throw Exc<&ContentVerificationFailed>(HERE) % filesUnlikeTheList_;

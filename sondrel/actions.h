@@ -16,6 +16,7 @@
 #include "commons/content_folder.h"
 #include "commons/formats.h"
 #include "sondrel/options.h"
+#include "sondrel/progress.h"
 #include "transport/ssh-transfer.h"
 
 DECLARE_ERROR_TAG(SudoNotFound,
@@ -103,6 +104,10 @@ class Action : public Alarm {
  protected:
   /// The connection; made by the first call. Throws what Ssh's constructor throws.
   Ssh& getSsh();
+
+  /// Shows a person what `describe` says, on the connection, which it makes if there is
+  /// none; null, with nothing done, where nobody looks on. Throws as getSsh does.
+  std::unique_ptr<ProgressDisplay> showProgress(std::function<std::string()> describe);
 
   /// Runs a command as the login user in the agent directory; returns its status.
   int execUser(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
@@ -196,8 +201,9 @@ class RemoveDumpingStatusAction : public Action {
 /// Keeps the migration status up to date while content files come in.
 class FileRetrievalProgressUpdater : public Ssh::Counter {
  public:
-  /// `status` must outlive the updater.
-  FileRetrievalProgressUpdater(MigrationStatus& status, std::int64_t totalBytes, int filesNumber);
+  /// `status` must outlive the updater, and so must what is shown to a person, if anything.
+  FileRetrievalProgressUpdater(MigrationStatus& status, std::int64_t totalBytes, int filesNumber,
+                               ContentProgress* shown = nullptr);
 
   void startFile(const DumpFile& file);
   /// Counts received bytes and saves the status.
@@ -211,6 +217,7 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   std::int64_t bytesLeft_;
   int filesLeft_;
   std::int64_t currentFileBytesLeft_ = 0;
+  ContentProgress* shown_;
 };
 
 /// Fetches the content files that are not here yet, and removes each from the source

@@ -1,6 +1,4 @@
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -8,6 +6,8 @@
 
 #include "commons/ProgramTerminatedException.h"
 #include "commons/console.h"
+#include "commons/process_start.h"
+#include "sondrel/progress.h"
 #include "sondrel/sondrel.h"
 
 namespace {
@@ -34,24 +34,6 @@ void installSignalHandlers() {
   sigaction(SIGPIPE, &action, nullptr);
 }
 
-/// Fills closed standard streams: a connection that got the number of one would receive
-/// what is meant for the console. Opened the wrong way round, so that using them still
-/// fails and is reported.
-void occupyClosedStandardStreams() {
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (fcntl(stream, F_GETFD) >= 0) continue;
-    // The lowest free number is this one.
-    open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
-  }
-}
-
-/// Passwords do not belong into a core file. A limit of 1, unlike 0, also stops the
-/// kernel from handing the core to a program.
-void forbidCoreFiles() {
-  const rlimit limit = {1, 1};
-  setrlimit(RLIMIT_CORE, &limit);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -59,7 +41,8 @@ int main(int argc, char** argv) {
   installSignalHandlers();
   occupyClosedStandardStreams();
   forbidCoreFiles();
-  const TerminalGuard guardTerminal(std::cerr, STDERR_FILENO);
+  const ProgressLineController progressLine(STDERR_FILENO);
+  const TerminalGuard guardTerminal(std::cerr, STDERR_FILENO, theProgressLine);
   try {
     return real_main(argc, argv);
   } catch (const ExTraceable& e) {

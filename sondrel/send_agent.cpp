@@ -16,6 +16,21 @@ namespace {
 
 log4cpp::Category& sendAgentLog = log4cpp::Category::getInstance("k.SendAgentAction");
 
+/// What stays here of the tree that begins at `root`.
+bool isLeftOut(const fs::path& root, const fs::path& local) {
+  return local.parent_path().string() == root.string() && local.filename() == AGENTS_CONTROL_DIR;
+}
+
+int countFilesIn(const fs::path& root) {
+  int files = 0;
+  recursive_dir_walk(root, [&](const fs::path& local, const fs::path& /*remote*/) {
+    if (fs::is_directory(local)) return !isLeftOut(root, local);
+    ++files;
+    return true;
+  });
+  return files;
+}
+
 }  // namespace
 
 void SendAgentAction::execute() {
@@ -23,12 +38,31 @@ void SendAgentAction::execute() {
   const fs::path agentsDir = files::agents::getDir();
   const fs::path sharedDir = agentsDir / AGENTS_SHARED_DIR;
   if (!fs::exists(sharedDir)) throw Exc<&NoSharedAgentsDirectory>(HERE);
+  if (theProgressLine) countFiles(agentsDir);
+  const auto display = showProgress([this] { return describe(); });
   sendTree(sharedDir);
   const fs::path agentDir = agentsDir / getConfig().agent_name;
   if (!fs::exists(agentDir)) throw Exc<&NoAgentDirectory>(HERE) % agentDir.string();
   sendTree(agentDir);
   sendAgentLog.notice(std::string("Getting agent deployment status"));
   requestAgentStatus();
+}
+
+void SendAgentAction::countFiles(const fs::path& agentsDir) {
+  try {
+    filesTotal_ = countFilesIn(agentsDir / AGENTS_SHARED_DIR) +
+                  countFilesIn(agentsDir / getConfig().agent_name);
+  } catch (const fs::filesystem_error& e) {
+    // What keeps it from being walked keeps it from being sent, which tells it.
+    sendAgentLog.debug(std::string("The agent's files cannot be counted: ") + e.what());
+  }
+}
+
+std::string SendAgentAction::describe() const {
+  if (file_.empty()) return "";
+  std::string line = std::to_string(filesSent_);
+  if (filesTotal_ > 0) line += " of " + std::to_string(filesTotal_);
+  return line + " files sent, " + file_;
 }
 
 void SendAgentAction::sendTree(const fs::path& dir) {
@@ -45,8 +79,7 @@ bool SendAgentAction::sendFile(const fs::path& root, const fs::path& local,
     uploadFile(local.string(), remote.string());
     return true;
   }
-  const bool atTop = local.parent_path().string() == root.string();
-  if (atTop && local.filename() == AGENTS_CONTROL_DIR) return false;
+  if (isLeftOut(root, local)) return false;
   sendAgentLog.info("remote mkdir " + remote.string());
   makeRemoteDir(remote.string());
   return true;
@@ -67,8 +100,10 @@ void SendAgentAction::runForDir(const ArgsBuilder& line, const std::string& remo
 }
 
 void SendAgentAction::uploadFile(const std::string& local, const std::string& remote) {
+  file_ = remote;
   std::string errorText;
   const int exitStatus = getSsh().put(local, remote, errorText);
+  ++filesSent_;
   if (exitStatus == 0) return;
   throw Exc<&CantUploadAgentFile>(HERE) % remote %
       (errorText.empty() ? "exit status " + std::to_string(exitStatus) : maskSecrets(errorText));

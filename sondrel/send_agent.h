@@ -28,9 +28,16 @@ class SendAgentAction : public Action {
                 const boost::filesystem::path& remote);
 
  private:
+  void countFiles(const boost::filesystem::path& agentsDir);
+  std::string describe() const;
   void sendTree(const boost::filesystem::path& dir);
   void makeRemoteDir(const std::string& remote);
   void runForDir(const ArgsBuilder& line, const std::string& remote);
   void uploadFile(const std::string& local, const std::string& remote);
   void requestAgentStatus();
+
+  int filesSent_ = 0;
+  /// 0 while nobody wants to know, or where they cannot be counted.
+  int filesTotal_ = 0;
+  std::string file_;
 };

@@ -24,6 +24,8 @@ constexpr std::size_t COPY_BUFFER_BYTES = 65536;
 constexpr std::chrono::milliseconds GATHER_LIMIT{100};
 /// How long the loop stays without looking at its alarm while a command is silent.
 constexpr int POLL_LIMIT_MS = 5000;
+/// The same where somebody looks on.
+constexpr int WATCHED_POLL_LIMIT_MS = 1000;
 /// Downloaded files have mode 0644 whatever the mask of this process was.
 constexpr mode_t DOWNLOAD_UMASK = 022;
 
@@ -210,7 +212,8 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
     execution.sendEof(*session_);
     while (!execution.channel().atEof()) {
       if (alarm_) alarm_->doAlarm();
-      execution.channel().poll(POLL_LIMIT_MS);
+      if (onlooker_) onlooker_->look();
+      execution.channel().poll(onlooker_ ? WATCHED_POLL_LIMIT_MS : POLL_LIMIT_MS);
       execution.readTurn();
     }
     status = execution.channel().waitForExitStatus();
@@ -283,4 +286,9 @@ int Ssh::put(const std::string& localPath, const std::string& remotePath, std::s
 int Ssh::put(const std::string& localPath, const std::string& remotePath) {
   std::string ignored;
   return put(localPath, remotePath, ignored);
+}
+
+void Ssh::keepAlive() {
+  session_->keepAlive();
+  if (onlooker_) onlooker_->look();
 }

@@ -86,6 +86,14 @@ class Alarm {
   virtual void doAlarm() = 0;
 };
 
+/// Called once per turn while a remote command runs, at least once a second, and during
+/// long local work.
+class Onlooker {
+ public:
+  virtual ~Onlooker() = default;
+  virtual void look() = 0;
+};
+
 /// The one SSH connection of a run: runs commands on the source host and copies
 /// files, by `cat`, in constant memory.
 ///
@@ -140,8 +148,11 @@ class Ssh {
   /// Not owned; null for none.
   void setAlarm(Alarm* alarm) { alarm_ = alarm; }
 
-  /// Shows life to the server during long local work.
-  void keepAlive() { session_->keepAlive(); }
+  /// Not owned; null for none.
+  void setOnlooker(Onlooker* onlooker) { onlooker_ = onlooker; }
+
+  /// Shows life to the server, and the onlooker, during long local work.
+  void keepAlive();
 
  private:
   void connect(const std::string& host, std::uint16_t port, bool disableEncryption,
@@ -151,4 +162,5 @@ class Ssh {
   std::unique_ptr<Socket> socket_;
   std::unique_ptr<libssh2pp::Session> session_;
   Alarm* alarm_ = nullptr;
+  Onlooker* onlooker_ = nullptr;
 };

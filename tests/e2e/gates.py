@@ -92,6 +92,9 @@ class Gate:
         except FileNotFoundError:
             return None
 
+    def is_shut(self):
+        return os.path.exists(self._path)
+
     def open(self):
         """Lets the command go on, and waits for its end; there is no gate here any more."""
         with open(self._path, "wb") as pipe:

@@ -11,6 +11,10 @@ import time
 from world import die_with_parent, wait_until
 
 
+def set_width(descriptor, columns):
+    fcntl.ioctl(descriptor, termios.TIOCSWINSZ, struct.pack("HHHH", 25, columns, 0, 0))
+
+
 class Terminal:
     """Runs a program as the leader of a session on a new terminal; keeps all that it shows."""
 
@@ -27,7 +31,7 @@ class Terminal:
     def _become(arguments, environment, columns, stdout):
         try:
             die_with_parent()
-            fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", 25, columns, 0, 0))
+            set_width(0, columns)
             if stdout:
                 os.dup2(os.open(stdout, os.O_WRONLY | os.O_CREAT | os.O_TRUNC), 1)
             os.execve(arguments[0], arguments, {"PATH": "/usr/bin:/bin", "LC_ALL": "C", **(environment or {})})
@@ -57,6 +61,22 @@ class Terminal:
 
     def type(self, text):
         os.write(self._terminal, text)
+
+    def resize(self, columns):
+        set_width(self._terminal, columns)
+
+    def stop(self):
+        """Has it take nothing more, as a person does by Ctrl-S; returns all that it has shown."""
+        side = os.open(f"/proc/{self.pid}/fd/2", os.O_WRONLY | os.O_NOCTTY | os.O_NONBLOCK)
+        self.type(b"\x13")
+        wait_until(lambda: not select.select([], [side], [], 0)[1], "the terminal to stop")
+        os.close(side)
+        while select.select([self._terminal], [], [], 0)[0]:
+            self.read()
+        return self.shown
+
+    def go_on(self):
+        self.type(b"\x11")
 
     def finish(self, deadline_seconds=60):
         """The exit code, or minus the signal's number; everything was read then."""

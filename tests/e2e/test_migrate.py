@@ -254,7 +254,7 @@ def test_status_shows_steps_that_another_program_makes(source):
     assert Destination().run("deploy-agent").code == 0
     assert Destination().run("dump-all").code == 0
     assert Destination().run("get-content").code == 0
-    assert status()["content"].startswith("4 of 4 files, ")
+    assert status()["content"].startswith("0 of 4 files left, ")
 
 
 def test_status_of_a_folder_without_a_migration_fails():

@@ -417,7 +417,7 @@ def held_at(imitated, step, name, text):
 
 PROGRESS = {
     "content": ("migration.status", TRANSFER.format(name="content/a"),
-                b"content: 3 of 10 files, 1.0 MB of 4.0 MB (25 %), 1.0 MB/s, 0:03 left, content/a"),
+                b"content: 7 of 10 files left, 1.0 MB of 4.0 MB (25 %), 1.0 MB/s, 0:03 left, content/a"),
     "dump": ("dumping-status.xml", DUMPING, b"dump: content, 2 of 5 done, 123.5 kB read, a.test"),
 }
 
@@ -439,10 +439,10 @@ def test_draws_at_most_ten_times_a_second_and_within_the_width(imitated):
     held_at(imitated, "content", "migration.status",
             TRANSFER.format(name="long" * 50 + "&#9;\N{EURO SIGN}"))
     with Terminal([imitated.program, *ALL], {"QRV_PASSWORD": "x"}, columns=40) as terminal:
-        wait_until(lambda: terminal.read() and terminal.shown.count(b"\r\x1b[Kcontent: 3 of") >= 5, "five drawings")
+        wait_until(lambda: terminal.read() and terminal.shown.count(b"\r\x1b[Kcontent: 7 of") >= 5, "five drawings")
         write(f"{IMITATION}/go")
         assert terminal.finish() == 0
-    drawn = re.findall(rb"\r\x1b\[K(content: 3 of[^\r]*)", terminal.shown)
+    drawn = re.findall(rb"\r\x1b\[K(content: 7 of[^\r]*)", terminal.shown)
     assert {len(line) for line in drawn} == {39}
 
 

@@ -1,10 +1,8 @@
-#include "migrate/figures.h"
+#include "commons/figures.h"
 
 #include <array>
 #include <cstdio>
 #include <optional>
-
-namespace migrate {
 
 namespace {
 
@@ -60,5 +58,3 @@ std::int64_t secondsBetween(const std::string& earlier, const std::string& later
   const auto end = parseTime(later);
   return begin && end ? *end - *begin : 0;
 }
-
-}  // namespace migrate

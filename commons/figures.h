@@ -4,8 +4,6 @@
 #include <ctime>
 #include <string>
 
-namespace migrate {
-
 /// "999 B", "1.2 kB", "3.4 GB": powers of 1000.
 std::string formatBytes(std::int64_t bytes);
 
@@ -17,5 +15,3 @@ std::string formatTime(std::time_t time);
 
 /// The seconds between two such texts; 0 when one is not of that form.
 std::int64_t secondsBetween(const std::string& earlier, const std::string& later);
-
-}  // namespace migrate

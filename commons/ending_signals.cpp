@@ -1,0 +1,93 @@
+#include "commons/ending_signals.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+/// Of the signals that end a process on somebody's request, those that will.
+sigset_t endingSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+    struct sigaction action {};
+    sigaction(number, nullptr, &action);
+    if (action.sa_handler == SIG_DFL) sigaddset(&set, number);
+  }
+  return set;
+}
+
+UniqueFd checked(int descriptor, const char* what) {
+  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), what);
+  return UniqueFd(descriptor);
+}
+
+/// Gives the thread that made it another signal mask.
+class SignalMaskGuard {
+ public:
+  SignalMaskGuard(int how, const sigset_t& set) { pthread_sigmask(how, &set, &original_); }
+  ~SignalMaskGuard() { pthread_sigmask(SIG_SETMASK, &original_, nullptr); }
+  SignalMaskGuard(const SignalMaskGuard&) = delete;
+  SignalMaskGuard& operator=(const SignalMaskGuard&) = delete;
+
+ private:
+  sigset_t original_;
+};
+
+sigset_t allSignals() {
+  sigset_t set;
+  sigfillset(&set);
+  return set;
+}
+
+[[noreturn]] void endBy(int number) {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, number);
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  raise(number);
+  // By the default action nobody comes here.
+  std::abort();
+}
+
+}  // namespace
+
+EndingSignals::EndingSignals(std::function<void()> atEnd) : atEnd_(std::move(atEnd)) {
+  const sigset_t ending = endingSignals();
+  arrived_ = checked(signalfd(-1, &ending, SFD_CLOEXEC), "signalfd");
+  over_ = checked(eventfd(0, EFD_CLOEXEC), "eventfd");
+  {
+    // The thread inherits it: every other signal is for the one that works.
+    const SignalMaskGuard none(SIG_BLOCK, allSignals());
+    thread_ = std::thread([this] { watch(); });
+  }
+  pthread_sigmask(SIG_BLOCK, &ending, &originalMask_);
+}
+
+EndingSignals::~EndingSignals() {
+  const std::uint64_t once = 1;
+  // It has room for it, and then the other side has it.
+  [[maybe_unused]] const ssize_t written = write(over_.get(), &once, sizeof once);
+  thread_.join();
+  // One that has arrived since ends the process here.
+  pthread_sigmask(SIG_SETMASK, &originalMask_, nullptr);
+}
+
+void EndingSignals::watch() {
+  pollfd waiting[] = {{arrived_.get(), POLLIN, 0}, {over_.get(), POLLIN, 0}};
+  while (poll(waiting, 2, -1) < 0) continue;
+  signalfd_siginfo signal{};
+  if (waiting[0].revents == 0 || read(arrived_.get(), &signal, sizeof signal) != sizeof signal) {
+    return;
+  }
+  atEnd_();
+  endBy(static_cast<int>(signal.ssi_signo));
+}
