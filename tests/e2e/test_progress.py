@@ -14,8 +14,8 @@ from gates import FOLDER, Gate, gated_host, offered_behind_gates, run_to
 from migrating import MIGRATE, in_place, sample_source
 from relay import Relay, throttle
 from terminal import Terminal
-from world import (AGENTS, BINARY, HOST, RECORDS, ROOT, SESSION, Destination, Session, SourceHost, as_root, deployed_agent,
-                   die_with_parent, files_below, install_agent, read, wait_until, write)
+from world import (AGENTS, BINARY, HOST, RECORDS, ROOT, SESSION, Destination, Session, SourceHost, as_root,
+                   deployed_agent, die_with_parent, files_below, install_agent, read, wait_until, write)
 
 ERASED = b"\r\x1b[K"
 HALF = {"one": b"1" * 1_000_000, "two": b"2" * 1_000_000}
