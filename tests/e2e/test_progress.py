@@ -1,4 +1,5 @@
 """The line of progress of a run whose standard error is a terminal, and that there is none without one."""
+import contextlib
 import os
 import re
 import shutil
@@ -44,17 +45,24 @@ def gated():
     shutil.rmtree(FOLDER, ignore_errors=True)
 
 
-@pytest.fixture
-def amid_two(gated):
-    """A content run on a terminal that shows half of its second file; and the gate at which it waits."""
-    offered_behind_gates(HALF)
-    gate = Gate("amid cat two")
-    with on_terminal("get-content") as terminal:
+@contextlib.contextmanager
+def held_at(point, shown, *options, **how):
+    """(terminal, gate) of a content run that waits at the point and shows this."""
+    gate = Gate(point)
+    with on_terminal("get-content", *options, **how) as terminal:
         gate.reached()
-        terminal.shows(AMID_TWO)
+        terminal.shows(shown)
         yield terminal, gate
         if gate.is_shut():
             gate.open()
+
+
+@pytest.fixture
+def amid_two(gated):
+    """The same for a run that shows half of its second file."""
+    offered_behind_gates(HALF)
+    with held_at("amid cat two", AMID_TWO) as held:
+        yield held
 
 
 # --- what it shows ---------------------------------------------------------------------------
@@ -106,10 +114,8 @@ def test_stays_within_the_width_that_the_terminal_has(amid_two):
 def test_name_of_a_content_file_is_shown_and_obeyed_by_no_terminal(gated):
     name = "a\u009b2J\r\u20ac"
     offered_behind_gates({name: b"x" * 1000})
-    gate = Gate(f"amid cat {name}")
-    with on_terminal("get-content") as terminal:
-        gate.reached()
-        terminal.shows(", a\\xc2\\x9b2J\\x0d\u20ac".encode() + ERASED)
+    shown = ", a\\xc2\\x9b2J\\x0d\u20ac".encode() + ERASED
+    with held_at(f"amid cat {name}", shown) as (terminal, gate):
         gate.open()
         assert terminal.finish() == 0
     assert not re.search(rb"[\x00-\x1f\x7f]|\xc2\x9b", terminal.shown.replace(ERASED, b""))
@@ -120,11 +126,9 @@ def test_counts_what_is_here_already_as_done(gated):
     running.kill()
     gate.open()
     gated.wait_until_idle()
-    again = Gate("before cat two")
-    with on_terminal("get-content") as terminal:
-        again.reached()
-        terminal.shows(b"1 of 2 files left, 1.0 MB of 2.0 MB (50 %), 0 B/s, two")
-        again.open()
+    half = b"1 of 2 files left, 1.0 MB of 2.0 MB (50 %), 0 B/s, two"
+    with held_at("before cat two", half) as (terminal, gate):
+        gate.open()
         assert terminal.finish() == 0
 
 
@@ -178,10 +182,7 @@ def test_deployment_shows_how_many_files_were_sent(source):
 
 def test_error_begins_on_a_clean_line(gated):
     offered_behind_gates({"one": b"1" * 1000}, [("one", b"1" * 1000, {}), ("missing", b"", {"md5sum": ""})])
-    gate = Gate("amid cat one")
-    with on_terminal("get-content") as terminal:
-        gate.reached()
-        terminal.shows(b"500 B of 1.0 kB")
+    with held_at("amid cat one", b"500 B of 1.0 kB") as (terminal, gate):
         gate.open()
         assert terminal.finish() == 2
     assert terminal.shown.endswith(ERASED + FAILED)
@@ -191,10 +192,7 @@ def test_error_begins_on_a_clean_line(gated):
 @pytest.mark.usefixtures("debug_log")
 def test_log_lines_begin_on_a_clean_line(gated):
     offered_behind_gates(HALF)
-    gate = Gate("amid cat two")
-    with on_terminal("get-content", "--verbose") as terminal:
-        gate.reached()
-        terminal.shows(AMID_TWO)
+    with held_at("amid cat two", AMID_TWO, "--verbose") as (terminal, gate):
         gate.open()
         assert terminal.finish() == 0
     # A line of the log has an end; the line of progress has none, and is erased.
@@ -222,10 +220,8 @@ def test_is_erased_when_a_key_ends_the_run(amid_two):
 
 def test_ignored_signals_stay_ignored(gated):
     offered_behind_gates(HALF)
-    gate = Gate("amid cat two")
-    with on_terminal("get-content", through=["/bin/sh", "-c", 'trap "" INT TERM; exec "$@"', "sh"]) as terminal:
-        gate.reached()
-        terminal.shows(AMID_TWO)
+    deaf = ["/bin/sh", "-c", 'trap "" INT TERM; exec "$@"', "sh"]
+    with held_at("amid cat two", AMID_TWO, through=deaf) as (terminal, gate):
         os.kill(terminal.pid, signal.SIGTERM)
         terminal.type(b"\x03")
         gate.open()
@@ -253,10 +249,8 @@ def test_stopped_terminal_does_not_stop_the_run(amid_two):
 
 def test_line_that_could_not_be_erased_makes_way_for_an_error(gated):
     offered_behind_gates(HALF, [*((name, content, {}) for name, content in HALF.items()), ("missing", b"", {})])
-    gate = Gate("amid cat two")
-    with on_terminal("get-content") as terminal:
-        gate.reached()
-        terminal.shows(b"2 of 3 files left, 1.5 MB of 2.0 MB (75 %), ")
+    amid = b"2 of 3 files left, 1.5 MB of 2.0 MB (75 %), "
+    with held_at("amid cat two", amid) as (terminal, gate):
         shown = terminal.stop()
         gate.open()
         wait_until(lambda: FAILED.decode() in Session().log(), "the error to be logged")
