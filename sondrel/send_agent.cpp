@@ -103,8 +103,10 @@ void SendAgentAction::uploadFile(const std::string& local, const std::string& re
   file_ = remote;
   std::string errorText;
   const int exitStatus = getSsh().put(local, remote, errorText);
-  ++filesSent_;
-  if (exitStatus == 0) return;
+  if (exitStatus == 0) {
+    ++filesSent_;
+    return;
+  }
   throw Exc<&CantUploadAgentFile>(HERE) % remote %
       (errorText.empty() ? "exit status " + std::to_string(exitStatus) : maskSecrets(errorText));
 }
