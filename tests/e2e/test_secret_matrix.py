@@ -45,7 +45,7 @@ def written():
                 path = os.path.join(parent, name)
                 # The input of a remote command is where the passwords belong.
                 if os.path.isfile(path) and not os.path.islink(path) and not (
-                        parent == RECORDS and name.endswith(".stdin")):
+                        os.path.basename(parent) == os.path.basename(RECORDS) and name.endswith(".stdin")):
                     yield path
 
 

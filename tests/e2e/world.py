@@ -163,12 +163,12 @@ class RemoteCommand:
     stdin: bytes
 
 
-def use_shell(path):
+def use_shell(path, passwd="/etc/passwd"):
     """Gives all logins this shell; the accounts are those of the private world."""
-    with open("/etc/passwd", encoding="utf-8") as accounts:
+    with open(passwd, encoding="utf-8") as accounts:
         lines = accounts.read().splitlines()
     names = {login.name for login in LOGINS}
-    with open("/etc/passwd", "w", encoding="utf-8") as accounts:
+    with open(passwd, "w", encoding="utf-8") as accounts:
         for line in lines:
             fields = line.split(":")
             if fields[0] in names:
@@ -176,18 +176,18 @@ def use_shell(path):
             accounts.write(":".join(fields) + "\n")
 
 
-def set_password(login_name, password):
+def set_password(login_name, password, shadow="/etc/shadow"):
     """Another password for an account of the private world."""
     hashed = subprocess.run(["perl", "-e", "print crypt $ARGV[0], '$6$rounds=1000$other$'", password],
                             check=True, stdout=subprocess.PIPE, text=True).stdout
-    with open("/etc/shadow", encoding="utf-8") as shadow:
-        lines = shadow.read().splitlines()
-    with open("/etc/shadow", "w", encoding="utf-8") as shadow:
+    with open(shadow, encoding="utf-8") as accounts:
+        lines = accounts.read().splitlines()
+    with open(shadow, "w", encoding="utf-8") as accounts:
         for line in lines:
             fields = line.split(":")
             if fields[0] == login_name:
                 fields[1] = hashed
-            shadow.write(":".join(fields) + "\n")
+            accounts.write(":".join(fields) + "\n")
 
 
 def without_penalties():
@@ -201,24 +201,29 @@ class SourceHost:
     """An OpenSSH server for the logins of the private world.
 
     `options` are lines of sshd_config and win over the defaults. With `recording`, the
-    logins' shell keeps every command and its standard input: see commands().
+    logins' shell keeps every command and its standard input: see commands(). It runs in the
+    node (nodes.py) that is given, if one is.
     """
 
-    def __init__(self, options=(), address=HOST, port=22, host_keys=("ed25519", "ecdsa"), recording=True):
+    def __init__(self, options=(), address=HOST, port=22, host_keys=("ed25519", "ecdsa"), recording=True, node=None):
+        name = f"{node.name}.{port}" if node else str(port)
         self.port = port
-        self.log = f"{LOGS}/sshd.{port}.log"
-        self._folder = f"/mnt/sshd.{port}"
+        self.log = f"{LOGS}/sshd.{name}.log"
+        own = node.own if node else str
+        self.records = own(RECORDS)
+        self._through = node.through if node else []
+        self._folder = f"/mnt/sshd.{name}"
         os.makedirs(self._folder, mode=0o700, exist_ok=True)
         os.makedirs(LOGS, exist_ok=True)
         for kind in host_keys:
             if not os.path.exists(self.key_file(kind)):
                 subprocess.run(["ssh-keygen", "-q", "-t", kind, "-N", "", "-f", self.key_file(kind)], check=True)
         if recording:
-            os.makedirs(RECORDS, exist_ok=True)
-            os.chmod(RECORDS, 0o1777)
+            os.makedirs(self.records, exist_ok=True)
+            os.chmod(self.records, 0o1777)
             shell = f"{SHELL_FOLDER}/recording-shell"
-            shutil.copy(f"{HERE}/recording-shell", shell)
-        use_shell(shell if recording else "/bin/sh")
+            shutil.copy(f"{HERE}/recording-shell", own(shell))
+        use_shell(shell if recording else "/bin/sh", own("/etc/passwd"))
         # sshd holds on to the first value of a keyword.
         lines = list(options) + [f"HostKey {self.key_file(kind)}" for kind in host_keys] + [
             f"ListenAddress {address}:{port}", "PidFile none", "UsePAM yes", "PasswordAuthentication yes",
@@ -233,8 +238,8 @@ class SourceHost:
     def start(self):
         write(self.log)
         self._server = subprocess.Popen(
-            ["/usr/sbin/sshd", "-D", "-E", self.log, "-f", self._config], stdin=subprocess.DEVNULL,
-            preexec_fn=die_with_parent)
+            [*self._through, "/usr/sbin/sshd", "-D", "-E", self.log, "-f", self._config],
+            stdin=subprocess.DEVNULL, preexec_fn=die_with_parent)
         wait_until(self._listening, "the ssh server to listen")
         return self
 
@@ -266,8 +271,8 @@ class SourceHost:
     def commands(self):
         """All RemoteCommands so far, in the order of their starts."""
         def part(number, kind):
-            return read(f"{RECORDS}/{number}.{kind}")
-        numbers = sorted(name.split(".")[0] for name in os.listdir(RECORDS) if name.endswith(".command"))
+            return read(f"{self.records}/{number}.{kind}")
+        numbers = sorted(name.split(".")[0] for name in os.listdir(self.records) if name.endswith(".command"))
         return [RemoteCommand(part(number, "login").decode(), os.fsdecode(part(number, "command")),
                               part(number, "stdin")) for number in numbers]
 

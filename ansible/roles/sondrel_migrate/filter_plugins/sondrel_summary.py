@@ -1,0 +1,41 @@
+"""The summary of many migrations, as lines of text."""
+
+
+def size_text(size):
+    """Bytes, as sondrel-migrate writes them."""
+    if size < 1000:
+        return "%d B" % size
+    for unit in ("kB", "MB", "GB", "TB"):
+        size /= 1000.0
+        if size < 1000 or unit == "TB":
+            return "%.1f %s" % (size, unit)
+
+
+def line_of(name, migration):
+    """State, step, exit code, bytes, place and reason of one migration."""
+    if not migration:
+        return name + ": not begun"
+    parts = [migration["state"] + (" at " + migration["step"] if migration["step"] else "")]
+    if migration["exit_code"]:
+        parts.append("exit code %s" % migration["exit_code"])
+    parts.append("%s in %s files" % (size_text(migration["bytes"]), migration["files"]))
+    if migration["problems"]:
+        parts.append("problems: %s" % migration["problems"])
+    parts.append("%s:%s" % (migration["destination"], migration["session"]))
+    # Of a source host's complaint, which may have lines of its own, one line is made.
+    reason = " ".join(migration["reason"].split())
+    return name + ": " + ", ".join(parts) + (": " + reason if reason else "")
+
+
+def sondrel_summary(hosts, hostvars):
+    """A line for each host that a migration is made from, and one for all of them."""
+    migrations = [(name, hostvars[name].get("sondrel_migration")) for name in hosts]
+    finished = [found for _, found in migrations if found and found["state"] == "finished"]
+    return [line_of(name, found) for name, found in migrations] + [
+        "%d of %d finished, %s" % (len(finished), len(migrations),
+                                   size_text(sum(found["bytes"] for _, found in migrations if found)))]
+
+
+class FilterModule:
+    def filters(self):
+        return {"sondrel_summary": sondrel_summary}

@@ -1,0 +1,100 @@
+"""What the modules of the role know of a session directory."""
+import contextlib
+import fcntl
+import os
+import signal
+import stat
+import xml.etree.ElementTree
+
+# A longer document is none of sondrel's.
+LARGEST_DOCUMENT_BYTES = 1 << 20
+BEGUN, ENDED = "# begun ", "# ended "
+
+
+class SessionProblem(Exception):
+    """Something is not as sondrel leaves it; the text is for the administrator."""
+
+
+def log_of(session):
+    """Beside the session directory, which sondrel-migrate makes itself: what the runs say.
+
+    Whoever runs sondrel-migrate for the role holds a lock on it (flock) from before the
+    run is begun until its end is written down.
+    """
+    return session.rstrip("/") + ".log"
+
+
+def is_at_work(session):
+    """Whether a run that the role began has not ended yet."""
+    return not wait_for_end(session, 0)
+
+
+def wait_for_end(session, seconds):
+    """True as soon as no run of the role is at work; false after so many seconds."""
+    try:
+        log = open(log_of(session), "rb")
+    except FileNotFoundError:
+        return True
+    with log:
+        try:
+            if seconds:
+                with alarm_after(seconds):
+                    fcntl.flock(log, fcntl.LOCK_SH)
+            else:
+                fcntl.flock(log, fcntl.LOCK_SH | fcntl.LOCK_NB)
+        except (BlockingIOError, TimeoutError):
+            return False
+    return True
+
+
+@contextlib.contextmanager
+def alarm_after(seconds):
+    """Raises TimeoutError in what takes longer."""
+    def raise_timeout(number, frame):
+        raise TimeoutError
+
+    before = signal.signal(signal.SIGALRM, raise_timeout)
+    signal.setitimer(signal.ITIMER_REAL, seconds)
+    try:
+        yield
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        signal.signal(signal.SIGALRM, before)
+
+
+def status_of(module, program, session):
+    """The lines of `sondrel-migrate status` as {name: text}; empty where nothing was begun."""
+    if not os.path.lexists(session + "/migrate/state.xml"):
+        return {}
+    code, out, err = module.run_command([program, "status", session])
+    if code != 0:
+        raise SessionProblem(err.strip())
+    return dict(line.split(": ", 1) for line in out.splitlines() if ": " in line)
+
+
+def read_document(path):
+    """The root of an XML document; None where there is none.
+
+    The service account may write some of them: one that could do harm is refused.
+    """
+    try:
+        descriptor = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK)
+    except FileNotFoundError:
+        return None
+    with open(descriptor, "rb") as file:
+        status = os.fstat(descriptor)
+        if not stat.S_ISREG(status.st_mode) or status.st_size > LARGEST_DOCUMENT_BYTES:
+            raise SessionProblem(path + " is no document of sondrel")
+        text = file.read(LARGEST_DOCUMENT_BYTES)
+    if b"<!DOCTYPE" in text:
+        raise SessionProblem(path + " is no document of sondrel")
+    try:
+        return xml.etree.ElementTree.fromstring(text)
+    except xml.etree.ElementTree.ParseError as error:
+        raise SessionProblem("%s: %s" % (path, error))
+
+
+def recorded_settings(session):
+    """What the migration was begun with, as {name: text}."""
+    state = read_document(session + "/migrate/state.xml")
+    return {} if state is None else {node.get("name"): node.text or "" for node in state.iter("setting")}

@@ -1,0 +1,110 @@
+"""Ansible with the role sondrel_migrate, for its tests."""
+import json
+import os
+import re
+import subprocess
+import threading
+import time
+
+from migrating import MIGRATE
+from world import BINARY, TESTS, Running, SystemLog, read, write
+
+PLAYS = f"{os.path.dirname(TESTS)}/ansible"
+ROLE = f"{PLAYS}/roles/sondrel_migrate"
+PLAYBOOK = f"{PLAYS}/migrate.yml"
+CONTROLLER = "/mnt/controller"
+LOG = f"{CONTROLLER}/ansible.log"
+# Everything that Ansible has begun on this side ends with it.
+ALONE = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "--"]
+ENVIRONMENT = {"HOME": CONTROLLER, "LC_ALL": "C.UTF-8", "ANSIBLE_NOCOLOR": "1", "PYTHONDONTWRITEBYTECODE": "1",
+               "ANSIBLE_LOG_PATH": LOG, "ANSIBLE_LIBRARY": f"{ROLE}/library",
+               "ANSIBLE_MODULE_UTILS": f"{ROLE}/module_utils"}
+
+
+def inventory(destinations, migrations, common):
+    """Writes it, as JSON, which is YAML as well; {host: its variables}, and those of all migrations."""
+    os.makedirs(CONTROLLER, exist_ok=True)
+    return write(f"{CONTROLLER}/inventory.yml", json.dumps({"all": {"children": {
+        "sondrel_destinations": {"hosts": destinations, "vars": {"ansible_python_interpreter": "/usr/bin/python3"}},
+        "sondrel_migrations": {"hosts": migrations, "vars": {"sondrel_migrate_program": MIGRATE, **common}}}}}))
+
+
+def start_ansible(program, *arguments, environment=None, alone=True):
+    os.makedirs(CONTROLLER, exist_ok=True)
+    return Running(arguments, through=[*(ALONE if alone else []), program],
+                   environment={**ENVIRONMENT, **(environment or {})})
+
+
+def play(*arguments, **how):
+    """A run of the example playbook on the inventory that was written: its Play."""
+    return Play(start_ansible("ansible-playbook", "-i", f"{CONTROLLER}/inventory.yml", *arguments, PLAYBOOK,
+                              **how).finish(150))
+
+
+class Play:
+    """What came of a run of the playbook."""
+
+    def __init__(self, outcome):
+        self.code = outcome.code
+        self.text = (outcome.stdout + outcome.stderr).decode()
+        self.recap = {name: {key: int(value) for key, value in re.findall(r"(\w+)=(\d+)", counts)}
+                      for name, counts in re.findall(r"^(\S+) +: (ok=.*)$", self.text, re.MULTILINE)}
+
+    def count(self, what):
+        """{migration: the number of tasks that were `what`, such as "changed"}"""
+        return {name: counts[what] for name, counts in self.recap.items()}
+
+    def summary(self):
+        """{migration: its line}, with "" for the line of all."""
+        shown = self.text.split("TASK [sondrel_migrate : Summary]")[1].split(" => ", 1)[1]
+        lines = json.JSONDecoder().raw_decode(shown)[0]["msg"]
+        return {"": lines[-1], **dict(line.split(": ", 1) for line in lines[:-1])}
+
+
+def module(name, check=False, environment=None, **arguments):
+    """What a module of the role answers here, without a host between."""
+    outcome = start_ansible("ansible", "localhost", "-c", "local", "-e", "ansible_pipelining=true",
+                            "-e", "ansible_python_interpreter=/usr/bin/python3", *(["--check"] if check else []),
+                            "-m", name, "-a", json.dumps(arguments), environment=environment, alone=False).finish()
+    found = re.search(r"localhost \| \S+ (?:=>|>>) (\{.*\})", outcome.stdout.decode(), re.DOTALL)
+    assert found, outcome
+    return json.loads(found[1])
+
+
+class Watch:
+    """Looks at the arguments and variables of all processes, again and again, while it is open."""
+
+    def __init__(self, secrets):
+        self._secrets = [os.fsencode(secret) for secret in secrets]
+        self._over = threading.Event()
+        self._thread = threading.Thread(target=self._look_on)
+        self.told = set()
+        self.programs = set()
+
+    def __enter__(self):
+        self._log = SystemLog().__enter__()
+        self._thread.start()
+        return self
+
+    def __exit__(self, *exception):
+        self._over.set()
+        self._thread.join()
+        self._log.__exit__()
+
+    def _look_on(self):
+        while not self._over.wait(0.005):
+            for name in filter(str.isdigit, os.listdir("/proc")):
+                self._look_at(f"/proc/{name}")
+            # A full one would hold up whoever logs.
+            self._log.text()
+
+    def _look_at(self, process):
+        try:
+            words, variables = read(f"{process}/cmdline"), read(f"{process}/environ")
+        except (FileNotFoundError, ProcessLookupError, PermissionError):
+            return
+        program = words.split(b"\0")[0]
+        self.programs.add(os.path.basename(program.decode(errors="replace")))
+        # sondrel itself gets them by its variables, and wipes them.
+        seen = words if program == os.fsencode(BINARY) else words + variables
+        self.told |= {words for secret in self._secrets if secret in seen}

@@ -1,0 +1,153 @@
+"""Several machines in one test: each with a network, an address, processes and folders of its own."""
+import contextlib
+import ctypes
+import os
+import shutil
+import signal
+import subprocess
+
+from world import LOGINS, PRODUCT, SHELL_FOLDER, SourceHost, die_with_parent, set_password
+
+STORE = "/mnt/nodes"
+NETWORK = "10.77.0"
+SESSIONS = "/mnt/migrations"
+# What a machine has for itself lies in STORE/NAME, where the test can look at it.
+EMPTY_FOLDERS = ["/tmp", "/run", PRODUCT, SHELL_FOLDER, SESSIONS, *(login.home for login in LOGINS)]
+OWN_FOLDERS = ["/etc", *EMPTY_FOLDERS]
+CLONE_NEWNS, CLONE_NEWPID, CLONE_NEWNET = 0x20000, 0x20000000, 0x40000000
+
+
+def run(*words):
+    subprocess.run(words, check=True, stdin=subprocess.DEVNULL)
+
+
+@contextlib.contextmanager
+def cables():
+    """What the machines are plugged into; the test itself has the first address."""
+    for folder in EMPTY_FOLDERS:
+        os.makedirs(folder, exist_ok=True)
+    run("ip", "link", "add", "name", "cables", "type", "bridge")
+    run("ip", "address", "add", f"{NETWORK}.1/24", "dev", "cables")
+    run("ip", "link", "set", "cables", "up")
+    yield
+    run("ip", "link", "delete", "cables")
+    shutil.rmtree(STORE)
+
+
+def close_all_but(*kept):
+    """Of what the test has open a machine knows nothing but the standard streams."""
+    for name in os.listdir("/proc/self/fd"):
+        if int(name) > 2 and int(name) not in kept:
+            # That of the listing itself has gone.
+            with contextlib.suppress(OSError):
+                os.close(int(name))
+
+
+class Node:
+    """A machine; what runs in it ends with it.
+
+    Its folders begin empty, /etc as that of the private world. `furnish` is called inside, before
+    it is on the network.
+    """
+
+    def __init__(self, name, number, furnish=lambda: None):
+        self.name = name
+        self.address = f"{NETWORK}.{number}"
+        self.store = f"{STORE}/{name}"
+        self._make_folders()
+        self._life, life_inside = os.pipe()[::-1]
+        answer, told = os.pipe()
+        self._child = os.fork()
+        if self._child == 0:
+            self._live(furnish, told, life_inside)
+        os.close(life_inside)
+        os.close(told)
+        with open(answer, "rb") as file:
+            self.pid = int(file.read())
+        self._plug_in()
+
+    @property
+    def through(self):
+        """What a command is given to that is to run in it."""
+        return ["nsenter", "--target", str(self.pid), "--mount", "--net", "--pid", "--"]
+
+    def run(self, *words):
+        run(*self.through, *words)
+
+    def own(self, path):
+        """Where the test finds a path of the machine."""
+        if any(path == folder or path.startswith(folder + "/") for folder in OWN_FOLDERS):
+            return self.store + path
+        return f"/proc/{self.pid}/root{path}"
+
+    def set_password(self, login, password):
+        set_password(login.name, password, self.own("/etc/shadow"))
+
+    def server(self, options=(), recording=True):
+        """Its SSH server, which has not been started."""
+        return SourceHost(options, self.address, host_keys=("ed25519",), recording=recording, node=self)
+
+    def stop(self):
+        os.close(self._life)
+        os.waitpid(self._child, 0)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exception):
+        self.stop()
+
+    def _make_folders(self):
+        shutil.copytree("/etc", f"{self.store}/etc", symlinks=True)
+        for folder in EMPTY_FOLDERS:
+            os.makedirs(self.store + folder)
+        for login in LOGINS:
+            os.chown(self.store + login.home, *login.ids)
+        os.chmod(f"{self.store}/tmp", 0o1777)
+        os.makedirs(f"{self.store}/run/sshd")
+
+    def _plug_in(self):
+        inside, outside = f"{self.name}-in", f"{self.name}-out"
+        run("ip", "link", "add", "name", outside, "type", "veth", "peer", "name", inside, "netns", str(self.pid))
+        run("ip", "link", "set", "dev", outside, "master", "cables", "up")
+        self.run("ip", "link", "set", "dev", "lo", "up")
+        self.run("ip", "address", "add", f"{self.address}/24", "dev", inside)
+        self.run("ip", "link", "set", "dev", inside, "up")
+
+    # --- inside ---
+
+    def _live(self, furnish, told, life):
+        """Never returns. The machine's first process has to be a child of the one that makes it."""
+        status = 1
+        try:
+            die_with_parent()
+            close_all_but(told, life)
+            libc = ctypes.CDLL(None, use_errno=True)
+            if libc.unshare(CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET) != 0:
+                raise OSError(ctypes.get_errno(), "unshare")
+            first = os.fork()
+            if first == 0:
+                die_with_parent()
+                self._be_first(furnish, told, life)
+            else:
+                os.close(told)
+                os.waitpid(first, 0)
+            status = 0
+        except BaseException as error:
+            os.write(2, f"{self.name}: {error!r}\n".encode())
+        finally:
+            os._exit(status)
+
+    def _be_first(self, furnish, told, life):
+        """Returns when the machine is to end."""
+        # By the numbers of whoever mounted it.
+        pid = os.readlink("/proc/self")
+        for path in OWN_FOLDERS:
+            run("mount", "--bind", self.store + path, path)
+        run("mount", "-t", "proc", "proc", "/proc")
+        furnish()
+        # Orphans need no burial.
+        signal.signal(signal.SIGCHLD, signal.SIG_IGN)
+        os.write(told, pid.encode())
+        os.close(told)
+        os.read(life, 1)
