@@ -4,10 +4,9 @@ import os
 import re
 import subprocess
 import threading
-import time
 
 from migrating import MIGRATE
-from world import BINARY, TESTS, Running, SystemLog, read, write
+from world import TESTS, Running, SystemLog, read, write
 
 PLAYS = f"{os.path.dirname(TESTS)}/ansible"
 ROLE = f"{PLAYS}/roles/sondrel_migrate"
@@ -103,8 +102,9 @@ class Watch:
             words, variables = read(f"{process}/cmdline"), read(f"{process}/environ")
         except (FileNotFoundError, ProcessLookupError, PermissionError):
             return
-        program = words.split(b"\0")[0]
-        self.programs.add(os.path.basename(program.decode(errors="replace")))
+        # An interpreter's script is the second word.
+        programs = [os.path.basename(word) for word in os.fsdecode(words).split("\0")[:2]]
+        self.programs |= set(programs)
         # sondrel itself gets them by its variables, and wipes them.
-        seen = words if program == os.fsencode(BINARY) else words + variables
+        seen = words if programs[0] == "sondrel" else words + variables
         self.told |= {words for secret in self._secrets if secret in seen}

@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """Begins a migration, or goes on with one, and leaves it to itself."""
 import fcntl
 import os

@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """Tells how far a migration is, from its session directory."""
 import os
 import re
