@@ -2,7 +2,6 @@
 import json
 import os
 import re
-import subprocess
 import threading
 
 from migrating import MIGRATE

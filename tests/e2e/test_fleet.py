@@ -10,7 +10,7 @@ import subprocess
 import pytest
 
 from fleet import (CONTROLLER, LOG, PLAYBOOK, PLAYS, Watch, inventory, module, play, start_ansible)
-from linux_host import AGENTS, Dump, assert_same_tree, install_linux_agent, unpack, web_host
+from linux_host import Dump, assert_same_tree, install_linux_agent, unpack, web_host
 from migrating import IMITATION, STEPS, ImitatedSondrel
 from nodes import SESSIONS, Node, cables
 from source_services import add_user, fill_root
@@ -119,8 +119,8 @@ class Fleet:
     def _encrypt(self, path, variables):
         write(f"{CONTROLLER}/vault-pass", "the key to the vault\n", mode=0o600)
         os.makedirs(os.path.dirname(path))
-        subprocess.run(["ansible-vault", "encrypt", "--vault-password-file", f"{CONTROLLER}/vault-pass", "--output", path,
-                        "-"], input=json.dumps(variables), text=True, check=True, capture_output=True,
+        subprocess.run(["ansible-vault", "encrypt", "--vault-password-file", f"{CONTROLLER}/vault-pass", "--output",
+                        path, "-"], input=json.dumps(variables), text=True, check=True, capture_output=True,
                        env={"PATH": "/usr/bin:/bin", "HOME": CONTROLLER, "LC_ALL": "C.UTF-8"})
 
     def play(self):
@@ -332,6 +332,11 @@ def test_a_password_of_two_lines_is_none(imitated):
     assert imitated.runs() == []
 
 
+def test_a_password_among_the_settings_does_not_become_an_argument(imitated):
+    assert begin(imitated, settings={"host": "src.example", "password": "a"})["msg"] == "A password is no setting"
+    assert not os.path.exists(SESSION)
+
+
 @pytest.mark.slow
 def test_a_destination_out_of_reach_and_one_without_the_program_stop_nobody(imitated):
     local = {"ansible_connection": "local"}
@@ -339,8 +344,9 @@ def test_a_destination_out_of_reach_and_one_without_the_program_stop_nobody(imit
               {"one": {"sondrel_migrate_destination": "nowhere"},
                "two": {"sondrel_migrate_destination": "here", "sondrel_migrate_program": "/mnt/absent"},
                "three": {"sondrel_migrate_destination": "here"}},
-              {"sondrel_migrate_session": SESSION + "/{{ inventory_hostname }}", "sondrel_migrate_password": "a-passphrase",
-               "sondrel_migrate_connection_attempts": 0, "sondrel_migrate_program": imitated.program})
+              {"sondrel_migrate_session": SESSION + "/{{ inventory_hostname }}",
+               "sondrel_migrate_password": "a-passphrase", "sondrel_migrate_connection_attempts": 0,
+               "sondrel_migrate_program": imitated.program})
     # One batch after the other; the first two come to nothing.
     found = play("-e", "batch=1")
     assert found.code == 2

@@ -22,11 +22,12 @@ options:
   settings:
     type: dict
     required: true
-    description: Settings of sondrel-migrate by their names, such as C(host). Lists are joined by commas.
+    description: Settings of sondrel-migrate by their names, such as C(host); lists are joined by commas.
   password:
     type: str
     description: >-
-      Of the login; a finished migration needs none. Pipelining has to be on (C(ansible_pipelining)), so that no file holds it.
+      Of the login; a finished migration needs none. Pipelining has to be on (C(ansible_pipelining)), so that no
+      file holds it.
   sudo_password: {type: str, description: What sudo asks for; may be empty.}
   from_step:
     type: str
@@ -213,6 +214,10 @@ def main():
             program=dict(type="str", default="sondrel-migrate")),
         supports_check_mode=True)
     refuse_files(module)
+    if any("password" in name for name in module.params["settings"]):
+        # It would be an argument.
+        module.fail_json(msg="A password is no setting")
+    module.params["session"] = os.path.abspath(module.params["session"])
     try:
         begun = begin(module)
     except (SessionProblem, OSError) as error:

@@ -26,10 +26,11 @@ migration:
   type: dict
   returned: always
   description: >-
-    C(state): finished, failed, stopped, cut short, waiting, running, queued (for a free slot), refused where the last
-    run could not begin, or absent where there was none; C(step) at which it stands, and C(exit_code) of that;
-    C(reason) of a failure; C(output), what the last run said at its end; C(steps), how each one went; C(bytes) and C(files) of the content
-    that is here; C(problems), messages of the result though it is a success; C(session), C(dump) and C(content), where it lies.
+    C(state): finished, failed, stopped, cut short, waiting, running, queued (for a free slot), refused where the
+    last run could not begin, or absent where there was none; C(step) at which it stands, and C(exit_code) of that;
+    C(reason) of a failure; C(output), what the last run said at its end; C(steps), how each one went; C(bytes) and
+    C(files) of the content that is here; C(problems), messages of the result though it is a success; C(session),
+    C(dump) and C(content), where it lies.
 """
 
 LAST_LINES = 5
@@ -128,7 +129,7 @@ def main():
             wait_seconds=dict(type="float", default=0),
             program=dict(type="str", default="sondrel-migrate")),
         supports_check_mode=True)
-    session = module.params["session"]
+    session = os.path.abspath(module.params["session"])
     program = module.get_bin_path(module.params["program"], required=True)
     try:
         if module.params["wait_seconds"]:

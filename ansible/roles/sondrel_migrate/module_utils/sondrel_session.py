@@ -21,7 +21,7 @@ def log_of(session):
     Whoever runs sondrel-migrate for the role holds a lock on it (flock) from before the
     run is begun until its end is written down.
     """
-    return session.rstrip("/") + ".log"
+    return session + ".log"
 
 
 def is_at_work(session):
