@@ -99,6 +99,10 @@ class Watch:
     def _look_at(self, process):
         try:
             words, variables = read(f"{process}/cmdline"), read(f"{process}/environ")
+            # A process that becomes another program has no words for a moment, or words of the one and
+            # variables of the other. The next look has it as it is.
+            if not words or words != read(f"{process}/cmdline"):
+                return
         except (FileNotFoundError, ProcessLookupError, PermissionError):
             return
         # An interpreter's script is the second word.
