@@ -7,6 +7,7 @@ use Agent::Private;
 use Agent::Process qw(run);
 use Agent::Tar;
 use Digest::MD5 ();
+use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
 use IO::Socket::UNIX;
 use Socket;
@@ -182,8 +183,7 @@ packed($slow, 0);
 $copy = unpacked();
 is_deeply listing("$copy/live")->{sums}, listing("$top/live")->{sums}, 'what changed after the scan is read again';
 is_deeply [map { (stat "$copy/live/$_")[3] } 'changed', 'changed too'], [2, 2], 'and stays linked';
-is_deeply [sort @notes], [map {"info|/live/$_|was removed before it could be read"} qw(removed renamed)],
-    'what was removed is named';
+is_deeply \@notes, [], 'what was removed before its turn is not missed';
 
 # A file that grows whenever tar has begun to read it.
 mkdir "$top/log" or die $!;
@@ -205,6 +205,78 @@ is_deeply \@notes, ['warning|/log/growing|changed each of the 3 times it was rea
 $copy = unpacked();
 cmp_ok -s "$copy/log/growing", '>=', 5_000_000, 'and packed nevertheless';
 is -s "$copy/log/quiet", 1, 'with all the others';
+
+# --- who has a folder makes nothing else be read ---
+
+# Tells if the secret is anywhere below a folder.
+sub seen { return run(['grep', '-rq', 'SECRET', $_[0]])->{status} == 0 }
+
+# Packs a folder of an account with something done before tar begins.
+sub packed_while {
+    my ($between, @paths) = @_;
+    rest();
+    packed((bless tar_of([@paths], between => [$between]), 'Slow'), 0);
+    return;
+}
+
+# Folders above what is packed are made by who unpacks it.
+sub unpacked_app {
+    my $app = unpacked() . '/home/*/app';
+    ($app) = glob $app;
+    chown 1234, 1234, $app or die $!;
+    return $app;
+}
+
+my $FOLDER = "/home/ali\nce \\& ,x";
+mkpath("$top$FOLDER/app/public/sub");
+mkpath("$top/secret/$_") for qw(public sub);
+fill("secret/$_/key", 'SECRET') for qw(public sub);
+fill("$FOLDER/app/public/$_", 'own') for qw(page sub/key);
+link "$top$FOLDER/app/public/page", "$top$FOLDER/app/public/page too" or die $!;
+symlink 'page', "$top$FOLDER/app/public/link" or die $!;
+ran('chown', '-R', '1234:1234', "$top$FOLDER");
+chmod 0700, "$top/secret" or die $!;
+
+packed_while(sub { }, "$FOLDER/app/public");
+is_deeply listing(unpacked_app()), listing("$top$FOLDER/app"),
+    'a folder whose path is not only root\'s is packed at its place';
+packed(tar_of(["$FOLDER/app/public"], exclude => ["$top$FOLDER/app/public/sub"]), 0);
+ok !-e unpacked() . "$FOLDER/app/public/sub", 'without what is to be left out';
+packed_while(sub { fill("$FOLDER/app/public/page", 'newer') }, "$FOLDER/app/public");
+is_deeply listing(unpacked_app()), listing("$top$FOLDER/app"), 'and read again when it changes';
+is_deeply \@notes, [], 'without a word';
+
+packed_while(sub {
+    rename "$top$FOLDER/app/public/sub", "$top$FOLDER/kept" or die $!;
+    symlink "$top/secret/sub", "$top$FOLDER/app/public/sub" or die $!;
+}, "$FOLDER/app/public");
+ok -l unpacked() . "$FOLDER/app/public/sub", 'a link that takes the place of a folder is packed as a link';
+ok !seen(unpacked()), 'and not what it leads to';
+unlink "$top$FOLDER/app/public/sub" or die $!;
+rename "$top$FOLDER/kept", "$top$FOLDER/app/public/sub" or die $!;
+packed_while(sub {
+    rename "$top$FOLDER/app", "$top$FOLDER/away" or die $!;
+    symlink "$top/secret", "$top$FOLDER/app" or die $!;
+}, "$FOLDER/app/public");
+ok !seen(unpacked()), 'nor is it when it takes the place of a folder above';
+my %named = map { $_ => 1 } @notes;
+is_deeply [keys %named], ["error|$FOLDER/app/public|cannot be read: Permission denied"], 'which is named';
+unlink "$top$FOLDER/app" or die $!;
+rename "$top$FOLDER/away", "$top$FOLDER/app" or die $!;
+
+link "$top/secret/sub/key", "$top$FOLDER/app/public/stolen" or die $!;
+fill('secret/open', 'open to all');
+link "$top/secret/open", "$top$FOLDER/app/public/open" or die $!;
+chmod 0600, "$top/secret/sub/key" or die $!;
+packed_while(sub { }, "$FOLDER/app/public");
+my $stolen = unpacked();
+ok !seen($stolen), 'a second name of a file of somebody else is left out';
+ok -e "$stolen$FOLDER/app/public/open", 'unless everybody may read it';
+is_deeply \@notes, ["error|$FOLDER/app/public/stolen|is left out: it is a further name of a file of another"
+    . ' account (0) that lies elsewhere too'], 'and named';
+unlink "$top$FOLDER/app/public/stolen" or die $!;
+packed(tar_of(["$FOLDER/app/public", '/secret']), 0);
+is_deeply listing(unpacked() . '/secret/sub'), listing("$top/secret/sub"), 'root has its own';
 
 # --- what cannot be read ---
 

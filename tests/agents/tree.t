@@ -6,6 +6,8 @@ use Test::More;
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
 use POSIX qw(mkfifo);
+use Agent::Process qw(run);
+use Errno;
 use Linux::Tree;
 
 my $root = tempdir(CLEANUP => 1);
@@ -66,5 +68,78 @@ is_deeply [$tree->glob('/etc/?asswd'), $tree->glob('/etc/none')], ['/etc/passwd'
 
 is_deeply [$tree->glob('/etc/conf.d/[b-a].conf')], [], 'a class that is none is no mistake of ours';
 is $tree->read_file("/etc/passwd\0x"), undef, 'a name that cannot be is missing';
+
+# --- links of those who own sites ---
+
+my ($ALICE, $BOB) = (4711, 4712);
+
+# Lays out folders and files of somebody: { path => content, undef for a folder }.
+sub lay_out {
+    my ($owner, %paths) = @_;
+    for my $path (sort keys %paths) {
+        my $place = "$root$path";
+        if (!defined $paths{$path}) { mkpath($place) }
+        elsif (ref $paths{$path}) { symlink ${ $paths{$path} }, $place or die "$place: $!" }
+        else {
+            open my $file, '>', $place or die "$place: $!";
+            print $file $paths{$path};
+            close $file;
+        }
+        run(['chown', '-h', "$owner:$owner", $place])->{status} == 0 or die "chown: $place";
+    }
+    return;
+}
+
+lay_out(0, '/root' => undef, '/root/key' => 'secret', '/home' => undef);
+lay_out($BOB, '/home/bob' => undef, '/home/bob/config.php' => 'secret');
+lay_out($ALICE, '/home/alice' => undef, '/home/alice/app' => undef, '/home/alice/app/page' => 'own',
+    '/home/alice/app/link' => \'page', '/home/alice/current' => \'app', '/home/alice/stolen' => \'/root/key',
+    '/home/alice/folder' => \'/root', '/home/alice/config' => \'../bob/config.php', '/home/alice/all' => \'/',
+    '/home/alice/long' => \'current/../../alice/../bob/config.php', '/home/alice/again' => \'folder/key',
+    '/home/alice/ghost' => \'/root/absent', '/home/alice/uploads' => \'app/of php');
+lay_out(33, '/home/alice/app/of php' => undef, '/home/alice/app/of php/picture' => 'picture');
+lay_out(0, '/home/alice/app/shared' => \'/root');
+symlink '/root', "$root/srv/of-root" or die $!;
+
+is $tree->read_file("/home/alice/$_->[0]"), $_->[1], "$_->[0] is followed: it is root's, or leads to one's own"
+    for ['current/link', 'own'], ['uploads/picture', 'picture'], ['app/shared/key', 'secret'];
+for my $path (qw(stolen folder/key config all/root/key long again)) {
+    ok !defined $tree->read_file("/home/alice/$path") && $!{EACCES}, "$path is not followed";
+    ok !$tree->exists("/home/alice/$path"), "$path is as if nothing were there";
+}
+is_deeply [$tree->list('/home/alice/folder')], [], 'no folder is listed through one';
+is_deeply [$tree->trail('/home/alice/folder/key')], ['/home/alice/folder'], 'a trail ends there';
+is_deeply [$tree->trail('/home/alice/current/link')],
+    ['/home/alice/current', '/home/alice/app/link', '/home/alice/app/page'], 'it has all that may be followed';
+is_deeply [map {"$_->{path} $_->{owner} $_->{target}"} $tree->refused], [map {"/home/alice/$_"}
+    "all $ALICE /", "config $ALICE ../bob/config.php", "folder $ALICE /root",
+    "long $ALICE current/../../alice/../bob/config.php", "stolen $ALICE /root/key"], 'all of them are told'
+    or diag explain [$tree->refused];
+link "$root/srv/of-root", "$root/home/alice/second" or die $!;
+ok !defined $tree->read_file('/home/alice/second/key'), "a second name of root's link is of who made it";
+
+# --- what is put in the way at the last moment ---
+
+sub put_while {
+    my ($path, $change) = @_;
+    no warnings 'redefine';
+    my $real = \&Linux::Tree::real;
+    local *Linux::Tree::real = sub { my $found = $real->(@_); $change->(); return $found };
+    return $tree->read_file($path);
+}
+
+ok !defined put_while('/home/alice/app/page', sub {
+    rename "$root/home/alice/app/page", "$root/home/alice/app/kept" or die $!;
+    symlink '/root/key', "$root/home/alice/app/page" or die $!;
+}), 'a link in the place of a file is not followed';
+lay_out($ALICE, '/home/alice/app/key' => 'own');
+ok !defined put_while('/home/alice/app/key', sub {
+    rename "$root/home/alice/app", "$root/home/alice/away" or die $!;
+    symlink "$root/root", "$root/home/alice/app" or die $!;
+}), 'nor one in the place of a folder';
+unlink "$root/home/alice/app" or die $!;
+mkfifo("$root/home/alice/pipe", 0600);
+run(['mknod', "$root/home/alice/device", 'c', 1, 5])->{status} == 0 or die 'mknod';
+ok !defined $tree->read_file("/home/alice/$_") && $!{EINVAL}, "a $_ is never opened" for qw(pipe device);
 
 done_testing;

@@ -8,12 +8,12 @@ use warnings;
 use Agent::Archive;
 use Agent::Private;
 use Agent::Tar;
+use Errno qw(ENOENT);
 use Linux::Site qw(below);
 
 our $FOLDER = 'content';
 
 my $MOST_NOTES   = 50;
-my $MOST_LINKS   = 40;
 my $NOT_REUSABLE = '-';
 
 # Folders that belong to the system whatever a site's configuration says.
@@ -233,7 +233,7 @@ sub pack_item {
     my ($tree, $kept) = @$self{qw(tree kept)};
     my @paths = grep { $self->is_there($_, $item->{label}) } @{ $item->{paths} };
     my %seen;
-    @paths = grep { !$seen{$_}++ } map { trail($tree, $_) } @paths;
+    @paths = grep { !$seen{$_}++ } map { $tree->trail($_) } @paths;
     my @folders = grep { $tree->is_dir($_) } @paths;
     my @inside = grep { my $path = $_; grep { below($path, $_) } @folders }
         map { $self->folders_of($_) } @{ $item->{left_out} || [] };
@@ -265,34 +265,12 @@ sub folders_of {
 
 sub is_there {
     my ($self, $path, $label) = @_;
-    return 1 if $self->{tree}->lstat($path);
-    $self->problem('error', $label, "$path is not packed: $!");
+    return 1 if $self->{tree}->exists($path);
+    my $why = $!;
+    # A link to nothing is packed as it is.
+    return 1 if $why == ENOENT && $self->{tree}->lstat($path);
+    $self->problem('error', $label, "$path is not packed: $why");
     return 0;
-}
-
-# The links that a path leads through, each as a path without links, and the path's
-# own end.
-sub trail {
-    my ($tree, $path) = @_;
-    my @todo = grep { $_ ne '' && $_ ne '.' } split m{/+}, $path;
-    my ($at, @links) = ('');
-    while (@todo) {
-        my $part = shift @todo;
-        if ($part eq '..') {
-            $at =~ s{/[^/]*\z}{};
-            next;
-        }
-        $at .= "/$part";
-        next if !$tree->is_link($at);
-        push @links, $at;
-        return @links if @links > $MOST_LINKS;
-        my $target = $tree->link_target($at);
-        $target = '' if !defined $target;
-        $at =~ s{/[^/]*\z}{};
-        $at = '' if $target =~ m{\A/};
-        unshift @todo, grep { $_ ne '' && $_ ne '.' } split m{/+}, $target;
-    }
-    return (@links, grep { $tree->lstat($_) } $at);
 }
 
 # Tells what was found about an object's files: the first of them as problems of

@@ -67,6 +67,7 @@ sub make {
     my @plan = $options->{content} ? $content->plan($selection, $server) : ();
     $content->make(@plan);
 
+    $self->{inventory}->name_refused_links;
     $status->set(stage => 'document', object => undef);
     my $text = Linux::DumpDocument::text_of(%$self, selection => $selection, server => $server);
     $private->replace($FILE, $text);

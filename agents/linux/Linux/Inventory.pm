@@ -34,6 +34,7 @@ sub new {
     $self->{database_servers}->assign($self->{clients}, $self->{sites});
     $self->share_out;
     $self->name_those_left_over;
+    $self->name_refused_links;
     return $self;
 }
 
@@ -132,6 +133,17 @@ sub new_domain {
         name => $name, names => $site ? $site->{names} : [$name], site => $site, client => $client,
         databases => [], mailboxes => [],
     };
+}
+
+# Links that were not followed so far.
+sub name_refused_links {
+    my ($self) = @_;
+    for my $link ($self->{tree}->refused) {
+        my $owner = $self->{users}->name_of($link->{owner});
+        $self->{problems}->add(severity => 'error', object => $link->{path}, text => "Is a symbolic link of"
+            . " $owner to $link->{target}, which does not belong to $owner, and is not followed");
+    }
+    return;
 }
 
 # What no object of the dump has is told.

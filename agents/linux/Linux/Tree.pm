@@ -1,12 +1,17 @@
 # Read access to the files of a system whose root may be another folder than "/".
 # Every path given and returned is one inside that system; symbolic links are
 # followed inside it and never lead out. Failures leave their reason in $!.
+#
+# Whoever owns a site can put links into it, and root would follow them anywhere. So a
+# link counts only if it is root's, or leads to what belongs to its owner or lies in a
+# folder of the owner. Others are as if they could not be read, and refused() has them.
 package Linux::Tree;
 
 use strict;
 use warnings;
-use Fcntl qw(O_RDONLY O_NONBLOCK S_ISDIR S_ISREG S_ISLNK);
-use Errno qw(ELOOP EINVAL EFBIG ENOENT);
+use Agent::Folder qw(enter leave);
+use Errno qw(EACCES ELOOP EINVAL EFBIG ENOENT);
+use Fcntl qw(O_RDONLY O_NOFOLLOW O_NONBLOCK S_ISDIR S_ISREG S_ISLNK);
 
 # Configurations name files that perl would otherwise wonder about.
 no warnings 'newline';
@@ -18,7 +23,7 @@ sub new {
     my ($class, %options) = @_;
     my $root = defined $options{root} ? $options{root} : '/';
     $root =~ s{/+\z}{};
-    return bless { root => $root }, $class;
+    return bless { root => $root, refused => {} }, $class;
 }
 
 # The folder that serves as "/".
@@ -42,40 +47,79 @@ sub real {
     return $self->resolve($path, 1);
 }
 
+# The links that a path leads through, each by its own path without links, and what
+# the path ends at, if that is there.
+sub trail {
+    my ($self, $path) = @_;
+    my @links;
+    my $real = $self->resolve($path, 1, \@links);
+    return (@links, defined $real ? $real : ());
+}
+
+# Links that were not followed: { path, owner (number), target }.
+sub refused {
+    my ($self) = @_;
+    return map { $self->{refused}{$_} } sort keys %{ $self->{refused} };
+}
+
 # Resolves the links of all parts, the last one only if $follow. With
 # $follow == 1 every part must exist; a missing last part is fine otherwise.
+# Puts the links that were followed into the list, if there is one.
 sub resolve {
-    my ($self, $path, $follow) = @_;
+    my ($self, $path, $follow, $followed) = @_;
     if (index($path, "\0") >= 0) {
         $! = ENOENT;
         return undef;
     }
     my @todo = grep { $_ ne '' && $_ ne '.' } split m{/+}, $path;
-    my ($done, $links) = ('', 0);
-    while (@todo) {
+    # The parts that are done, who they belong to, and the links whose targets are not.
+    my (@done, @owners, @open);
+    my $links = 0;
+    while (1) {
+        while (@open && @todo <= $open[-1]{rest}) {
+            $self->may_follow(pop @open, \@done, \@owners) or return undef;
+        }
+        last if !@todo;
         my $part = shift @todo;
         if ($part eq '..') {
-            $done =~ s{/[^/]*\z}{};
+            pop @done;
+            pop @owners;
             next;
         }
-        my $here = "$done/$part";
-        my $last = !@todo;
+        my $here = join '/', '', @done, $part;
         my @stat = lstat $self->{root} . $here;
-        return undef if !@stat && !($last && !$follow);
-        if (!@stat || !S_ISLNK($stat[2]) || ($last && !$follow)) {
-            $done = $here;
+        return undef if !@stat && !(!@todo && !$follow);
+        if (!@stat || !S_ISLNK($stat[2]) || (!@todo && !$follow)) {
+            push @done, $part;
+            push @owners, @stat ? $stat[4] : -1;
             next;
         }
-        if (++$links > $MOST_LINKS) {
-            $! = ELOOP;
-            return undef;
-        }
-        my $target = readlink $self->{root} . $here;
+        my $target = $self->link_followed($here, ++$links);
         return undef if !defined $target;
-        $done = '' if $target =~ m{^/};
+        push @$followed, $here if $followed;
+        # A second name of a link is of who could make it.
+        my $owner = $stat[4] || $stat[3] == 1 ? $stat[4] : @owners ? $owners[-1] : 0;
+        push @open, { path => $here, owner => $owner, target => $target, rest => scalar @todo } if $owner;
+        @done = @owners = () if $target =~ m{^/};
         unshift @todo, grep { $_ ne '' && $_ ne '.' } split m{/+}, $target;
     }
-    return length $done ? $done : '/';
+    return join '/', '', @done ? @done : '';
+}
+
+sub link_followed {
+    my ($self, $link, $number) = @_;
+    return readlink $self->{root} . $link if $number <= $MOST_LINKS;
+    $! = ELOOP;
+    return undef;
+}
+
+# Tells if the owner of a link may lead others to what it has led to.
+sub may_follow {
+    my ($self, $link, $done, $owners) = @_;
+    return 1 if grep { $_ == $link->{owner} } @$owners;
+    $self->{refused}{ $link->{path} } = { map { $_ => $link->{$_} } qw(path owner target) };
+    $! = EACCES;
+    return 0;
 }
 
 # Where the running system finds the object; a final link is resolved too. A path
@@ -130,14 +174,8 @@ sub link_target {
 sub read_file {
     my ($self, $path, $most) = @_;
     $most = $MOST_BYTES if !defined $most;
-    my $real = $self->real($path);
-    return undef if !defined $real;
-    sysopen my $file, $self->{root} . $real, O_RDONLY | O_NONBLOCK or return undef;
-    my @stat = CORE::stat $file;
-    if (!@stat || !S_ISREG($stat[2])) {
-        $! = EINVAL;
-        return undef;
-    }
+    my $file = $self->open_file($path);
+    return undef if !defined $file;
     my $bytes = '';
     while (my $got = sysread $file, $bytes, 65536, length $bytes) {
         next if length $bytes <= $most;
@@ -145,6 +183,26 @@ sub read_file {
         return undef;
     }
     return $bytes;
+}
+
+# Opens a regular file; nothing else, since opening alone does something to devices.
+sub open_file {
+    my ($self, $path) = @_;
+    my $real = $self->real($path);
+    return undef if !defined $real;
+    my ($folder, $name) = $real =~ m{\A(.*)/([^/]*)\z}s;
+    my $file;
+    my $opened = enter($self->root, $folder) && is_regular(CORE::lstat $name)
+        && sysopen($file, $name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK) && is_regular(CORE::stat $file);
+    leave();
+    return $opened ? $file : undef;
+}
+
+sub is_regular {
+    my @stat = @_ or return 0;
+    return 1 if S_ISREG($stat[2]);
+    $! = EINVAL;
+    return 0;
 }
 
 # The lines of a file without their ends; empty for a file that cannot be read.
@@ -160,7 +218,10 @@ sub list {
     my ($self, $path) = @_;
     my $real = $self->real($path);
     return if !defined $real;
-    opendir my $dir, $self->{root} . $real or return;
+    my $dir;
+    my $opened = enter($self->root, $real) && opendir $dir, '.';
+    leave();
+    return if !$opened;
     my @names = sort grep { $_ ne '.' && $_ ne '..' } readdir $dir;
     $! = 0;
     return @names;

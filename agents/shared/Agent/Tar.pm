@@ -2,31 +2,37 @@
 # archive whose members are "./" and those paths. scan() looks at everything first;
 # pack() reads it, and what changed meanwhile again. All that cannot be packed, or
 # that is not what it was, is told to `note`.
+#
+# Whoever may change the files cannot make it read others: the programs begin in the
+# folder that holds what they pack, and from there they follow no link.
 package Agent::Tar;
 
 use strict;
 use warnings;
+use Agent::Folder qw(enter leave);
 use Agent::Process qw(run stream);
 use Digest::MD5 qw(md5 md5_hex);
+use Fcntl qw(S_IWGRP S_IWOTH);
 use Time::HiRes ();
 
-my $PASSES    = 3;
-my $END       = "\0" x 1024;
-my $MADE_HOW  = 'posix 1';
-my $LIST_NAME = 'list';
+my $PASSES       = 3;
+my $END          = "\0" x 1024;
+my $MADE_HOW     = 'posix 2';
+my $MOST_FOREIGN = 1000;
 # How far the clock of a file system may be behind that of programs.
 my $CLOCK_SECONDS = 0.05;
 
-my $FACTS = '%i %y %m %U %G %n %s %b %T@ %C@\0%l\0%p\0';
+my $FACTS = '%D:%i %d %y %m %U %G %n %s %b %T@ %C@\0%l\0%p\0';
 
 # private => Agent::Private, top => the folder that is the system's "/", paths =>
-# [paths in it], exclude => [folders that are left out, as the running system finds
-# them], note => sub { ($severity, $object, $text) }.
+# [paths in it without links on the way], exclude => [folders that are left out, as the
+# running system finds them], note => sub { ($severity, $object, $text) }.
 sub new {
     my ($class, %options) = @_;
     my $self = bless { exclude => [], note => sub { }, %options }, $class;
-    $self->{starts} = [map {".$_"} outermost(@{ $self->{paths} })];
-    ($self->{before} = $self->{top}) =~ s{/*\z}{/};
+    ($self->{before} = $self->{top}) =~ s{/+\z}{};
+    $self->{starts} = [outermost(@{ $self->{paths} })];
+    $self->{parts} = [$self->parts];
     return $self;
 }
 
@@ -43,95 +49,179 @@ sub outermost {
     return @kept;
 }
 
+# What is packed from one folder: { folder, names => [as the programs are given them] }.
+# All that only root could move is packed from the root of the system.
+sub parts {
+    my ($self) = @_;
+    my (@parts, $fixed);
+    for my $start (@{ $self->{starts} }) {
+        my ($folder, $name) = $start =~ m{\A(.*)/([^/]*)\z}s;
+        if ($self->is_fixed($folder)) {
+            push @parts, $fixed = { folder => '', names => [] } if !$fixed;
+            push @{ $fixed->{names} }, ".$start";
+        }
+        else { push @parts, { folder => $folder, names => ["./$name"] } }
+    }
+    return @parts;
+}
+
+# Tells if a folder and all above it are root's, and nobody else may write there.
+sub is_fixed {
+    my ($self, $folder) = @_;
+    my $path = $self->{before};
+    for my $part (grep {length} split m{/}, $folder) {
+        $path .= "/$part";
+        if (!exists $self->{fixed}{$path}) {
+            my @stat = lstat $path;
+            $self->{fixed}{$path} = @stat && -d _ && !$stat[4] && !($stat[2] & (S_IWGRP | S_IWOTH));
+        }
+        return 0 if !$self->{fixed}{$path};
+    }
+    return 1;
+}
+
 # Looks at everything: { entries, bytes, fingerprint }. bytes is what an archive
 # takes without compression at most. The same fingerprint comes again only when
 # nothing has changed.
 sub scan {
     my ($self, %options) = @_;
     my $begun = Time::HiRes::time() - $CLOCK_SECONDS;
-    # It takes its file away, which is the next one's too.
-    delete $self->{list};
     my $found = {
-        entries => 0, bytes => 0, newest => 0, buffer => '', names => '',
-        sum => md5(join "\0", $MADE_HOW, @{ $self->{starts} }),
-        first => !defined $options{since}, list => $self->{private}->create($LIST_NAME),
+        entries => 0, bytes => 0, newest => 0, sum => md5(join "\0", $MADE_HOW, @{ $self->{starts} }),
+        first => !defined $options{since},
     };
-    my $lines = line_reader(sub { $self->find_has_said($_[0]) });
-    my $result = stream([$self->find_command($options{since})],
-        errors => $lines, out => sub { $self->take_records($found, $_[0]); 1 });
-    $lines->("\n");
-    # It ends with 1 after an unreadable folder, which it has named by then.
-    die "find has failed: $result->{err}\n" if $result->{status} > 1;
-    $found->{list}->write($found->{names});
+    $self->scan_part($_, $found, $options{since}) for @{ $self->{parts} };
     # What changes in this very moment may change again without a trace.
     $found->{sum} .= "$begun $$" if $found->{newest} >= $begun;
-    @$self{qw(begun list)} = ($begun, $found->{list});
+    $self->{begun} = $begun;
     return { entries => $found->{entries}, bytes => $found->{bytes}, fingerprint => md5_hex($found->{sum}) };
 }
 
+sub scan_part {
+    my ($self, $part, $found, $since) = @_;
+    my $before = $found->{entries};
+    @$found{qw(part buffer owners foreign)} = ($part, '', [], {});
+    $self->in_folder($part, sub {
+        my @stat = lstat '.';
+        $found->{owners} = [$stat[4]];
+        my $lines = line_reader(sub { $self->find_has_said($part, $_[0]) });
+        my $result = stream([$self->find_command($part, $since)],
+            errors => $lines, out => sub { $self->take_records($found, $_[0]); 1 });
+        $lines->("\n");
+        # It ends with 1 after an unreadable folder, which it has named by then.
+        die "find has failed: $result->{err}\n" if $result->{status} > 1;
+    });
+    $part->{entries} = $found->{entries} - $before;
+    $self->leave_out_foreign($found) if $found->{first};
+    return;
+}
+
+# Does something in the folder that a part is packed from, if that is there.
+sub in_folder {
+    my ($self, $part, $do) = @_;
+    my $done = eval { enter($self->{top}, $part->{folder}) ? $do->() : $self->no_folder($part); 1 };
+    my $error = $@;
+    leave();
+    die $error if !$done;
+    return;
+}
+
+sub no_folder {
+    my ($self, $part) = @_;
+    my $why = "$!";
+    $self->{note}->('error', "$part->{folder}/" . substr($_, 2), "cannot be read: $why") for @{ $part->{names} };
+    return;
+}
+
 sub find_command {
-    my ($self, $since) = @_;
+    my ($self, $part, $since) = @_;
     my @left_out = map { ('-o', '-samefile', $_) } grep { lstat $_ } @{ $self->{exclude} };
     splice @left_out, 0, 1, '(' if @left_out;
     push @left_out, ')', '-prune', '-o' if @left_out;
-    my @only = defined $since ? ('-newerct', sprintf '@%.3f', $since) : ();
-    my @starts = map {"$self->{before}$_"} @{ $self->{starts} };
-    return ('find', @starts, @left_out, @only, '-printf', $FACTS);
+    my @only = defined $since ? ('-newerct', time_text($since)) : ();
+    return ('find', @{ $part->{names} }, @left_out, @only, '-printf', $FACTS);
 }
+
+sub time_text { return sprintf '@%.3f', $_[0] }
 
 sub take_records {
     my ($self, $found, $bytes) = @_;
     $found->{buffer} .= $bytes;
     my $taken = 0;
     while ($found->{buffer} =~ /\G([^\0]*)\0([^\0]*)\0([^\0]*)\0/g) {
-        my ($facts, $target, $path) = ($1, $2, substr $3, length $self->{before});
+        my ($facts, $target, $name) = ($1, $2, $3);
         $taken = pos $found->{buffer};
-        my ($type, $links, $size, $blocks, $changed) = (split / /, $facts)[1, 5, 6, 7, 9];
+        my %is;
+        @is{qw(file depth type mode uid gid links size blocks modified changed)} = split / /, $facts;
+        my $path = $found->{part}{folder} . substr $name, 1;
         $found->{entries}++;
         # Headers of a member; names and attributes of unusual length take more.
         $found->{bytes} += 2048 + length $path;
-        $found->{bytes} += least($size, $blocks * 512) / $links if $type eq 'f';
-        $found->{newest} = $changed if $changed > $found->{newest};
+        $found->{bytes} += least($is{size}, $is{blocks} * 512) / $is{links} if $is{type} eq 'f';
+        $found->{newest} = $is{changed} if $is{changed} > $found->{newest};
         $found->{sum} ^= md5("$facts\0$target\0$path");
-        $found->{names} .= "$path\0";
-        $self->check_link($path, $target) if $type eq 'l' && $found->{first};
+        next if !$found->{first};
+        $self->check_link($path, $target) if $is{type} eq 'l';
+        note_foreign($found, \%is, $name);
     }
     substr($found->{buffer}, 0, $taken) = '';
-    return if length $found->{names} < 65536;
-    $found->{list}->write($found->{names});
-    $found->{names} = '';
     return;
 }
 
 sub least { return $_[0] < $_[1] ? $_[0] : $_[1] }
 
+# Who has a folder may have given a second name there to a file of somebody else that
+# only its owner may read.
+sub note_foreign {
+    my ($found, $is, $name) = @_;
+    my ($owners, $depth) = ($found->{owners}, $is->{depth});
+    $owners->[$depth + 1] = $is->{uid} if $is->{type} eq 'd';
+    return if $is->{type} ne 'f' || $is->{links} == 1 || oct($is->{mode}) & 4;
+    # The folder of a name with more than one part, which only root could move.
+    my $owner = !$depth && $found->{part}{folder} eq '' ? 0 : $owners->[$depth];
+    return if $is->{uid} == $owner;
+    my $file = $found->{foreign}{ $is->{file} } ||= { %$is, names => [] };
+    push @{ $file->{names} }, $name;
+    die "Too many files of others have names there\n" if keys %{ $found->{foreign} } > $MOST_FOREIGN;
+    return;
+}
+
+sub leave_out_foreign {
+    my ($self, $found) = @_;
+    my $part = $found->{part};
+    for my $file (map { $found->{foreign}{$_} } sort keys %{ $found->{foreign} }) {
+        next if @{ $file->{names} } == $file->{links};
+        push @{ $part->{without} }, @{ $file->{names} };
+        $self->{note}->('error', $part->{folder} . substr($_, 1), 'is left out: it is a further name of a file'
+            . " of another account ($file->{uid}) that lies elsewhere too") for @{ $file->{names} };
+    }
+    return;
+}
+
 # Says when what a link points to is not in the archive.
 sub check_link {
     my ($self, $path, $target) = @_;
-    my ($folder) = $path =~ m{\A\.(.*)/};
+    my ($folder) = $path =~ m{\A(.*)/}s;
     my @parts;
     for my $part (split m{/+}, $target =~ m{\A/} ? $target : "$folder/$target") {
         next if $part eq '' || $part eq '.';
         if ($part eq '..') { pop @parts }
         else               { push @parts, $part }
     }
-    my $to = join '/', '.', @parts;
+    my $to = join '/', '', @parts;
     # A link on the way to the files has them packed under their own path.
     return if grep { $path eq $_ } @{ $self->{starts} };
     return if grep { $to eq $_ || index($to, "$_/") == 0 } @{ $self->{starts} };
-    $self->{note}->('info', inside($path), "is a symbolic link to $target, which is not in this archive");
+    $self->{note}->('info', $path, "is a symbolic link to $target, which is not in this archive");
     return;
 }
 
-# The path as it is in the system.
-sub inside { return substr $_[0], 1 }
-
 sub find_has_said {
-    my ($self, $line) = @_;
-    my ($path, $why) = $line =~ /\Afind: ['`]\Q$self->{before}\E\.(.*)': (.*)\z/s;
+    my ($self, $part, $line) = @_;
+    my ($path, $why) = $line =~ /\Afind: ['`]\.(.*)': (.*)\z/s;
     return $self->{note}->('warning', '', $line) if !defined $path;
-    return $self->gone($path) if $why eq 'No such file or directory';
-    return $self->{note}->('error', $path, "cannot be read: $why");
+    return $self->gone($part->{folder} . $path) if $why eq 'No such file or directory';
+    return $self->{note}->('error', $part->{folder} . $path, "cannot be read: $why");
 }
 
 sub gone {
@@ -142,31 +232,37 @@ sub gone {
 # Packs what scan() has found into the archive, an Agent::Archive.
 sub pack {
     my ($self, $archive) = @_;
+    my $since;
     for my $pass (1 .. $PASSES) {
-        $self->run_tar($archive, $pass == $PASSES);
+        $self->run_tar($archive, $_, $since, $pass == $PASSES)
+            for grep { !defined $since || $_->{entries} } @{ $self->{parts} };
         last if $pass == $PASSES;
-        last if !$self->scan(since => $self->{begun})->{entries};
+        $since = $self->{begun};
+        last if !$self->scan(since => $since)->{entries};
     }
-    delete $self->{list};
     $archive->put($END);
     return;
 }
 
-# One run of tar without the blocks that end an archive: another may follow.
+# One run of tar without the blocks that end an archive: another may follow. With
+# $since it packs what has changed after that time.
 sub run_tar {
-    my ($self, $archive, $last) = @_;
-    my $held = '';
-    my $lines = line_reader(sub { $self->tar_has_said($_[0], $last) });
-    my $result = stream([$self->tar_command], errors => $lines, out => sub {
-        $held .= $_[0];
-        # Exactly these blocks come after the last member, with one block in a record.
-        $archive->put(substr $held, 0, length($held) - length $END, '') if length $held > length $END;
-        1;
+    my ($self, $archive, $part, $since, $last) = @_;
+    $self->in_folder($part, sub {
+        my $held = '';
+        my $lines = line_reader(sub { $self->tar_has_said($part, $_[0], $last) });
+        my $result = stream([$self->tar_command($part, $since)], errors => $lines, out => sub {
+            $held .= $_[0];
+            # Exactly these blocks come after the last member, with one block in a record.
+            $archive->put(substr $held, 0, length($held) - length $END, '') if length $held > length $END;
+            1;
+        });
+        $lines->("\n");
+        return if $held eq $END && $result->{status} <= 2;
+        my ($why) = $result->{err} =~ /([^\n]*)\n?\z/;
+        die "tar has failed with status $result->{status}: $why\n";
     });
-    $lines->("\n");
-    return if $held eq $END && $result->{status} <= 2;
-    my ($why) = $result->{err} =~ /([^\n]*)\n?\z/;
-    die "tar has failed with status $result->{status}: $why\n";
+    return;
 }
 
 my @options_here;
@@ -175,17 +271,32 @@ my @options_here;
 sub tar_options {
     if (!@options_here) {
         my $help = run(['tar', '--help'], limit => 30)->{out};
-        @options_here = grep { $help =~ /\s$_\b/ } qw(--acls --xattrs --sparse --no-unquote);
+        @options_here = grep { $help =~ /\s$_\b/ } qw(--acls --xattrs --sparse);
     }
     return @options_here;
 }
 
 sub tar_command {
-    my ($self) = @_;
+    my ($self, $part, $since) = @_;
+    my @without = map {"--exclude=$_"} @{ $part->{without} || [] }, $self->excluded($part);
+    unshift @without, '--anchored', '--no-wildcards' if @without;
     return ('tar', '--create', '--file=-', '--format=posix', '--blocking-factor=1', tar_options(),
-        '--pax-option=exthdr.name=%d/PaxHeaders/%f,delete=atime,delete=ctime',
-        "--directory=$self->{top}", '--no-recursion', '--null',
-        '--files-from=' . $self->{list}->temporary_path);
+        '--pax-option=exthdr.name=%d/PaxHeaders/%f,delete=atime,delete=ctime', transform($part), @without,
+        (defined $since ? '--newer=' . time_text($since) : ()), @{ $part->{names} });
+}
+
+# Folders that are left out, as a part has them.
+sub excluded {
+    my ($self, $part) = @_;
+    my $folder = "$self->{before}$part->{folder}/";
+    return map { index($_, $folder) == 0 ? './' . substr $_, length $folder : () } @{ $self->{exclude} };
+}
+
+# Puts the folder that a part is packed from before its names.
+sub transform {
+    my ($part) = @_;
+    (my $folder = $part->{folder}) =~ s/([\\&,])/\\$1/g;
+    return length $folder ? "--transform=flags=rhS;s,^\\.,.$folder," : ();
 }
 
 # What tar says about a file: severity and text; changes count in the last pass only.
@@ -199,11 +310,14 @@ my @SAYINGS = (
 );
 
 sub tar_has_said {
-    my ($self, $line, $last) = @_;
+    my ($self, $part, $line, $last) = @_;
     return if $line =~ /\Atar: Exiting with failure status due to previous errors\z/;
+    # An old file in a later pass.
+    return if $line =~ /: file is unchanged; not dumped\z/;
     for my $saying (@SAYINGS) {
         my ($pattern, $what, $text) = @$saying;
         my ($path, $why) = $line =~ /\Atar: \.(.*): $pattern\z/ or next;
+        $path = $part->{folder} . $path;
         return $self->gone($path) if $what eq 'gone';
         return $self->{note}->($what, $path, $text . (defined $why ? $why : '')) if $what ne 'changed';
         return if !$last;
