@@ -11,8 +11,16 @@
 # single objects are in dump.xml), 1 failed, 2 wrong use.
 use strict;
 use warnings;
+
+# Before anything else: what finds the folder of the agent may be missing too.
+BEGIN {
+    my ($folder) = $0 =~ m{\A(.*)/}s;
+    unshift @INC, defined $folder ? $folder : '.';
+    require Agent::Perl;
+    Agent::Perl::demand(@Agent::Perl::FOR_LOOKING, @Agent::Perl::FOR_DUMPS);
+}
+
 use FindBin;
-use lib $FindBin::RealBin;
 use Agent::Options;
 use Agent::Private;
 use Agent::Status;

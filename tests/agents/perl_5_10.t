@@ -157,6 +157,12 @@ for my $text (@old_enough) {
     is_deeply([all_newer(PPI::Document->new(\$text))], [], "finds nothing new in: $text");
 }
 
+# What is missing on a host is told only if it is in the list of what is needed.
+my %used = map { used_modules(PPI::Document->new($_)) } files();
+require "$agents/shared/Agent/Perl.pm";
+is_deeply([sort grep { !/^(?:strict|warnings)\z/ } keys %used],
+    [sort @Agent::Perl::FOR_LOOKING, @Agent::Perl::FOR_DUMPS], 'the list of needed modules is complete');
+
 for my $file (files()) {
     (my $name = $file) =~ s{^\Q$agents\E/}{};
     my $document = PPI::Document->new($file);

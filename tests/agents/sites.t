@@ -286,4 +286,23 @@ END
     is $problems->count, 0, 'without a problem';
 }
 
+{
+    my ($tree, $problems) = imitated(
+        'etc/passwd' => "ann:x:4711:4711::/home/ann:/bin/sh\n",
+        'etc/apache2/apache2.conf' => join('', map {"<VirtualHost *:80>\nServerName $_.test\n"
+            . "DocumentRoot /home/ann/$_\n</VirtualHost>\n"} qw(a plain)),
+        'home/ann/a/' => [4711, 4711], 'home/ann/plain/' => [4711, 4711], 'home/ann/a/in/.htpasswd' => '',
+        'home/ann/plain/.htaccess' => "php_value memory_limit 1M\nOptions -Indexes\n",
+        'home/ann/a/.htaccess' => "RewriteEngine on\nRewriteRule ^x\$ /y [R]\n  require valid-user\nAuthType Basic\n"
+            . "AuthUserFile /etc/shadow\nAuthGroupFile \"/home/ann/a/in/.htpasswd\"\n", 'etc/shadow' => 'secret',
+    );
+    my ($site) = Linux::Sites::all($tree, $problems);
+    is_deeply problem_texts($problems), [
+        'info a.test: /home/ann/a/.htaccess has rules of its own (authtype, require, rewriterule), which are in the'
+            . ' archive with it and not listed here; files of this name in the folders below are not looked into',
+        "warning a.test: /home/ann/a/.htaccess names the file /etc/shadow, which is not in the site's archive",
+    ], 'what .htaccess says and the record does not is named' or diag explain problem_texts($problems);
+    is_deeply $site->{files}, [], 'and makes no other file a part of the site';
+}
+
 done_testing;

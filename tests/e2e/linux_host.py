@@ -154,6 +154,8 @@ def postgresql_state(server, database):
 @contextlib.contextmanager
 def restored(archives, files):
     """Second servers, into which the database dumps among the archives were restored."""
+    for folder in ("/mnt/second-mariadb", "/mnt/second-postgresql"):
+        shutil.rmtree(folder, ignore_errors=True)
     with source_databases.MariaDb("/mnt/second-mariadb", "/run/second-mariadb") as mysql, \
             source_databases.PostgreSql("/mnt/second-postgresql", "/run/second-postgresql") as postgresql:
         for name in files:

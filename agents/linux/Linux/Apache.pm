@@ -13,11 +13,14 @@ our @MAIN_FILES = qw(
     /etc/apache2/httpd.conf
 );
 
+my $MOST_NAMED = 20;
+
 my %CODE_OF = (permanent => 301, temp => 302, seeother => 303, gone => 410);
 
 # Directives whose meaning is the same wherever they stand in a virtual host.
 my %COLLECT = (
-    alias => \&add_alias, scriptalias => \&add_alias, customlog => \&add_log, errorlog => \&add_log,
+    alias => \&add_alias, scriptalias => \&add_alias, aliasmatch => \&note_alias_match,
+    scriptaliasmatch => \&note_alias_match, customlog => \&add_log, errorlog => \&add_log,
     transferlog => \&add_log, redirect => \&add_redirect, redirectmatch => \&add_redirect,
     redirectpermanent => sub { add_redirect($_[0], $_[1], 'permanent', @_[2 .. $#_]) },
     redirecttemp => sub { add_redirect($_[0], $_[1], 'temp', @_[2 .. $#_]) },
@@ -51,7 +54,7 @@ sub sites {
     $self->{base_block} = $self->main_block($main);
     my @blocks = map { $self->host_blocks($_) } @hosts;
     push @blocks, $self->{base_block} if $self->main_serves(@hosts);
-    $self->note_user_folders;
+    $self->note_user_folders(@hosts);
     return join_blocks($tree, $problems, @blocks);
 }
 
@@ -217,6 +220,16 @@ sub add_alias {
     # Inside of a section that names the place the target stands alone.
     $to = $from if !defined $to;
     $self->add_root_folder($from, $to);
+    return;
+}
+
+sub note_alias_match {
+    my ($self, $path, $pattern, $to) = @_;
+    my $block = $self->{block};
+    my $object = @{ $block->{names} } ? $block->{names}[0] : $block->{file};
+    my $where = defined $to ? "$pattern leads to $to" : "$path leads to $pattern";
+    $self->{problems}->add(severity => 'warning', object => $object, text => "AliasMatch: $where; folders that an"
+        . ' expression leads to are taken only where they lie in a document root');
     return;
 }
 
@@ -396,13 +409,26 @@ sub piece_of_list {
 }
 
 sub note_user_folders {
-    my ($self) = @_;
-    my @words = map { @{ $_->{args} } } grep { $_->{name} eq 'userdir' } flat(@{ $self->{global} });
-    my ($folder) = grep { !/\A(?:disabled|enabled)\z/i && !m{/} } @words or return;
-    my @found = $self->{tree}->glob("/home/*/$folder") or return;
-    $self->{problems}->add(severity => 'warning', object => $self->{base_block}{file},
-        text => "Folders of users served as /~user are no sites and are left out: @found");
+    my ($self, @hosts) = @_;
+    my @rules = grep { $_->{name} eq 'userdir' } flat(@{ $self->{global} }, @hosts);
+    my %seen;
+    for my $word (grep { !$seen{$_}++ } map { user_folders($_) } @rules) {
+        my $pattern = $word =~ m{\A/} ? $word =~ /\*/ ? $word : "$word/*" : "/home/*/$word";
+        my @found = grep { $self->{tree}->is_dir($_) } $self->{tree}->glob($pattern) or next;
+        my $number = @found;
+        splice @found, $MOST_NAMED, @found, '...' if @found > $MOST_NAMED;
+        $self->{problems}->add(severity => 'warning', object => $self->{base_block}{file},
+            text => "$number folders of users served as /~user are no sites and are left out: @found");
+    }
     return;
+}
+
+# The words of a rule that name folders; it may also name users and other hosts.
+sub user_folders {
+    my ($rule) = @_;
+    my @words = @{ $rule->{args} };
+    return if @words && $words[0] =~ /\A(?:disabled|enabled)\z/i;
+    return grep { !m{\A\w+://} } @words;
 }
 
 sub flat { return map { ($_, $_->{block} ? flat(@{ $_->{block} }) : ()) } @_ }

@@ -5,10 +5,13 @@ package Linux::Applications;
 
 use strict;
 use warnings;
+use Errno qw(EFBIG);
 use Linux::PhpText;
 
 my $MOST_FOLDERS = 200;
-my $MOST_BYTES   = 1024 * 1024;
+# Of one file, and of all those of a site.
+my $MOST_BYTES = 256 * 1024;
+my $MOST_BYTES_OF_SITE = 1024 * 1024;
 
 # Document roots that an application's other files lie beside.
 my $PUBLIC = qr/\A(?:public|public_html|web|webroot|www|wwwroot|pub|html|htdocs|httpdocs|docroot)\z/;
@@ -119,6 +122,7 @@ sub new {
 sub settings {
     my ($self, $site) = @_;
     my (@found, %seen);
+    @$self{qw(read bytes)} = ({}, 0);
     for my $folder ($self->folders($site)) {
         my %parts = map { $_ => 1 } $self->{tree}->list($folder);
         for my $case (map { @{ $BY_FIRST_PART{$_} } } grep { $parts{$_} } sort keys %BY_FIRST_PART) {
@@ -167,7 +171,7 @@ sub settings_of {
     return grep { defined $_->{kind} } @found;
 }
 
-# All settings of a file by their keys, or undef. Read once for all who ask.
+# All settings of a file by their keys, or undef. Read once for all who ask of a site.
 sub values_of {
     my ($self, $site, $folder, $file) = @_;
     my $tree = $self->{tree};
@@ -175,6 +179,11 @@ sub values_of {
     my $real = $tree->real($file);
     return $self->{read}{$real} if exists $self->{read}{$real};
     my $text = $tree->read_file($file, $MOST_BYTES);
+    $self->{bytes} += defined $text ? length $text : 0;
+    if ($self->{bytes} > $MOST_BYTES_OF_SITE) {
+        $text = undef;
+        $! = EFBIG;
+    }
     if (!defined $text) {
         $self->{problems}->add(severity => 'warning', object => $site->{name},
             text => "The databases that $file names are not known: $!");
@@ -190,9 +199,10 @@ sub is_own {
     my ($self, $site, $folder, $file) = @_;
     my $tree = $self->{tree};
     my ($real, $home) = map { $tree->real($_) } $file, $folder;
-    return 1 if defined $home && index($real, $home eq '/' ? '/' : "$home/") == 0;
     my ($owner) = ($tree->stat($folder))[4];
-    my ($file_owner) = ($tree->stat($file))[4];
+    my ($links, $file_owner) = ($tree->stat($file))[3, 4];
+    # So could a second name of the file itself.
+    return 1 if $links == 1 && defined $home && index($real, $home eq '/' ? '/' : "$home/") == 0;
     return defined $owner && $owner != 0 && $owner == $file_owner;
 }
 
@@ -249,14 +259,20 @@ sub kind_of {
 sub unquoted {
     my ($value) = @_;
     return $1 if $value =~ /\A'([^']*)'/;
+    # Too long a text is none.
+    no warnings 'regexp';
     if ($value =~ /\A"((?:[^"\\]|\\.)*)"/) {
         $value = $1;
         $value =~ s/\\(.)/$1/g;
         return $value;
     }
-    $value =~ s/\s+[#;].*//;
-    return $value;
+    $value =~ s/\s[#;].*//s;
+    return without_end_blanks($value);
 }
+
+# Not by a pattern with blanks and the end in it: where many blanks come before
+# something else, that takes time by the square of their number.
+sub without_end_blanks { return $_[0] =~ /\A(.*\S)/s ? $1 : '' }
 
 sub keyed {
     my ($text, $line) = @_;
@@ -266,7 +282,7 @@ sub keyed {
 # Names with a plain value, one a line, as in a shell.
 sub variables {
     my ($text) = @_;
-    return keyed($text, qr/\A\s*(?:export\s+)?(\w+)\s*=\s*(.*?)\s*\z/);
+    return keyed($text, qr/\A\s*(?:export\s+)?(\w+)\s*=\s*(.*)\z/);
 }
 
 sub ini_settings {
@@ -274,7 +290,7 @@ sub ini_settings {
     my ($section, %values) = ('');
     for (split /\r?\n/, $text) {
         if (/\A\s*\[([^\]]+)\]/) { $section = "$1." }
-        elsif (/\A\s*(\w+)\s*=\s*(.*?)\s*\z/) { $values{"$section$1"} = unquoted($2) }
+        elsif (/\A\s*(\w+)\s*=\s*(.*)\z/) { $values{"$section$1"} = unquoted($2) }
     }
     return \%values;
 }
@@ -283,15 +299,16 @@ sub xml_settings {
     my ($text) = @_;
     my %values;
     $text =~ s/<!--.*?-->//gs;
-    while ($text =~ m{<(\w+)>\s*(?:<!\[CDATA\[(.*?)\]\]>|([^<]*?))\s*</\1>}gs) {
-        $values{$1} = defined $2 ? $2 : $3 if !exists $values{$1};
+    while ($text =~ m{<(\w+)>\s*(?:<!\[CDATA\[(.*?)\]\]>\s*|([^<]*))</\1>}gs) {
+        my ($key, $raw, $plain) = ($1, $2, $3);
+        $values{$key} = defined $raw ? $raw : without_end_blanks($plain) if !exists $values{$key};
     }
     return \%values;
 }
 
 sub yaml_settings {
     my ($text) = @_;
-    return keyed($text, qr/\A\s+(\w+):\s+(.*?)\s*\z/);
+    return keyed($text, qr/\A\s+(\w+):\s+(.*)\z/);
 }
 
 1;

@@ -161,20 +161,27 @@ sub pool_of {
 
 sub user_settings {
     my ($self, $site) = @_;
-    return $self->file_settings($site, '.user.ini', qr/\A\s*([\w.]+)\s*=\s*["']?(.*?)["']?\s*(?:;.*)?\z/);
+    return $self->file_settings($site, '.user.ini', qr/\A\s*([\w.]+)\s*=\s*(.*)\z/s, qr/;.*/s);
 }
 
 sub folder_settings {
     my ($self, $site) = @_;
-    my $setting = qr/\A\s*php_(?:value|flag)\s+([\w.]+)\s+["']?(.*?)["']?\s*\z/i;
-    return $self->file_settings($site, '.htaccess', $setting);
+    return $self->file_settings($site, '.htaccess', qr/\A\s*php_(?:value|flag)\s+([\w.]+)\s+(.*)\z/is);
 }
 
 sub file_settings {
-    my ($self, $site, $name, $pattern) = @_;
+    my ($self, $site, $name, $pattern, $comment) = @_;
     return if !defined $site->{root};
     my @lines = $self->{tree}->read_lines("$site->{root}/$name", 1_000_000);
-    return map { $_ =~ $pattern ? ($1 => $2) : () } @lines;
+    return map { $_ =~ $pattern ? ($1 => value_of($2, $comment)) : () } @lines;
+}
+
+# A value without its quotes, or without the comment and the blanks after it.
+sub value_of {
+    my ($text, $comment) = @_;
+    return $2 if $text =~ /\A(["'])(.*?)\1/s;
+    $text =~ s/$comment// if $comment;
+    return $text =~ /\A(.*\S)/s ? $1 : '';
 }
 
 1;

@@ -1,9 +1,13 @@
 # Reads the constants, variables and arrays that a PHP text sets to plain values. The
 # text is never run: what is computed is left out, whatever branch it stands in counts.
+# Whatever the text, reading takes time in proportion to its length, and little memory.
 package Linux::PhpText;
 
 use strict;
 use warnings;
+
+# Arrays in arrays; what lies deeper is left out.
+my $MOST_DEPTH = 40;
 
 my %ESCAPED = (n => "\n", t => "\t", r => "\r", v => "\x0b", e => "\e", f => "\f");
 
@@ -11,7 +15,8 @@ my %ESCAPED = (n => "\n", t => "\t", r => "\r", v => "\x0b", e => "\e", f => "\f
 # what a file returns has keys of its own.
 sub settings {
     my ($text) = @_;
-    my $self = bless { tokens => tokens($text), at => 0, values => {} }, __PACKAGE__;
+    $text =~ s/\A.*?<\?(?:php\b|=)?//s;
+    my $self = bless { text => $text, tokens => [], depth => 0, values => {} }, __PACKAGE__;
     while (defined(my $token = $self->next_token)) {
         my ($type, $content) = @$token;
         if    ($type eq 'variable')                          { $self->assignment($content) }
@@ -22,26 +27,25 @@ sub settings {
     return $self->{values};
 }
 
-# [type, content]: variable, word, number, string (content undef where it depends on
-# more than its text) or mark.
-sub tokens {
-    my ($text) = @_;
-    $text =~ s/\A.*?<\?(?:php\b|=)?//s;
-    my @tokens;
-    for ($text) {
-        while (1) {
-            if    (/\G(?:\s+|#(?!\[)[^\n]*|\/\/[^\n]*|\/\*.*?(?:\*\/|\z))/gcs) { next }
-            elsif (/\G'/gc)                    { push @tokens, [string => single_quoted(up_to_quote(q{'}))] }
-            elsif (/\G"/gc)                    { push @tokens, [string => double_quoted(up_to_quote('"'))] }
-            elsif (/\G<<<\s*(['"]?)(\w+)\1\r?\n.*?^\s*\2\b/gcms) { push @tokens, [string => undef] }
-            elsif (/\G\$(\w+)/gc)              { push @tokens, [variable => $1] }
-            elsif (/\G([\w\\]*[A-Za-z_]\w*)/gc) { push @tokens, [word => $1] }
-            elsif (/\G([0-9]+)(?![\w.])/gc)     { push @tokens, [number => $1] }
-            elsif (/\G(=>|->|::|[=!<>]=+|.)/gcs) { push @tokens, [mark => $1] }
-            else                               { last }
+# The next token of the text, or nothing at its end: [type, content]: variable, word,
+# number, string (content undef where it depends on more than its text) or mark.
+sub read_token {
+    my ($self) = @_;
+    for ($self->{text}) {
+        1 while /\G(?:\s+|#(?!\[)[^\n]*|\/\/[^\n]*|\/\*.*?(?:\*\/|\z))/gcs;
+        if    (/\G'/gc)                     { return [string => single_quoted(up_to_quote(q{'}))] }
+        elsif (/\G"/gc)                     { return [string => double_quoted(up_to_quote('"'))] }
+        elsif (/\G<<<[ \t]*(['"]?)(\w+)\1\r?\n/gc) {
+            # Without its end it takes all the rest.
+            pos = length if !/^[ \t]*\Q$2\E\b/gcm;
+            return [string => undef];
         }
+        elsif (/\G\$(\w+)/gc)               { return [variable => $1] }
+        elsif (/\G([\w\\]*[A-Za-z_]\w*)/gc)  { return [word => $1] }
+        elsif (/\G([0-9]+)(?![\w.])/gc)     { return [number => $1] }
+        elsif (/\G(=>|->|::|[=!<>]=+|.)/gcs) { return [mark => $1] }
     }
-    return \@tokens;
+    return;
 }
 
 # Takes the rest of a string in $_ with its end; one pattern for all of it would fail
@@ -67,12 +71,27 @@ sub double_quoted {
     return $text;
 }
 
-sub next_token { return $_[0]{tokens}[ $_[0]{at}++ ] }
+sub next_token {
+    my ($self) = @_;
+    my $token = $self->ahead(0);
+    shift @{ $self->{tokens} };
+    return $token;
+}
+
+# The token that comes after so many others; looks only.
+sub ahead {
+    my ($self, $others) = @_;
+    my $tokens = $self->{tokens};
+    while (@$tokens <= $others) {
+        push @$tokens, $self->read_token || return undef;
+    }
+    return $tokens->[$others];
+}
 
 # Whether the next token is one of these marks; looks only.
 sub comes {
     my ($self, @marks) = @_;
-    my $token = $self->{tokens}[ $self->{at} ];
+    my $token = $self->ahead(0);
     return $token && $token->[0] eq 'mark' && grep { $_ eq $token->[1] } @marks;
 }
 
@@ -80,17 +99,16 @@ sub comes {
 sub take {
     my ($self, $mark) = @_;
     return if !$self->comes($mark);
-    $self->{at}++;
+    $self->next_token;
     return 1;
 }
 
 # Takes the next token if it is a string.
 sub take_string {
     my ($self) = @_;
-    my $token = $self->{tokens}[ $self->{at} ];
+    my $token = $self->ahead(0);
     return if !$token || $token->[0] ne 'string';
-    $self->{at}++;
-    return $token->[1];
+    return $self->next_token->[1];
 }
 
 sub definition {
@@ -103,9 +121,9 @@ sub definition {
 
 sub constant {
     my ($self) = @_;
-    my $name = $self->{tokens}[ $self->{at} ];
+    my $name = $self->ahead(0);
     return if !$name || $name->[0] ne 'word';
-    $self->{at}++;
+    $self->next_token;
     $self->value($name->[1]) if $self->take('=');
     return;
 }
@@ -132,18 +150,18 @@ sub assignment {
 # A value for a key: a plain one, which is kept, or an array, whose entries are.
 sub value {
     my ($self, $key) = @_;
-    my $token = $self->{tokens}[ $self->{at} ] or return;
+    my $token = $self->ahead(0) or return;
     my ($type, $content) = @$token;
     if ($type eq 'mark' && $content eq '[') {
-        $self->{at}++;
+        $self->next_token;
         return $self->entries($key, ']');
     }
     if ($type eq 'word' && lc $content eq 'array') {
-        $self->{at}++;
+        $self->next_token;
         return $self->take('(') ? $self->entries($key, ')') : ();
     }
     return if $type ne 'string' && $type ne 'number';
-    $self->{at}++;
+    $self->next_token;
     $self->{values}{$key} = $content if defined $content && $self->comes(';', ',', ']', ')');
     return;
 }
@@ -151,17 +169,18 @@ sub value {
 sub entries {
     my ($self, $above, $end) = @_;
     my $number = 0;
-    while ($self->{at} < @{ $self->{tokens} } && !$self->take($end)) {
-        my $token = $self->{tokens}[ $self->{at} ];
-        my $after = $self->{tokens}[ $self->{at} + 1 ];
+    $self->{depth}++;
+    while ($self->ahead(0) && !$self->take($end)) {
+        my ($token, $after) = map { $self->ahead($_) } 0, 1;
         my $key = $number++;
         if ($after && $after->[0] eq 'mark' && $after->[1] eq '=>') {
             $key = $token->[1];
-            $self->{at} += 2;
+            $self->next_token for 1, 2;
         }
-        $self->value(length $above ? "$above.$key" : $key) if defined $key;
+        $self->value(length $above ? "$above.$key" : $key) if defined $key && $self->{depth} < $MOST_DEPTH;
         $self->skip_entry($end);
     }
+    $self->{depth}--;
     return;
 }
 
@@ -169,7 +188,7 @@ sub entries {
 sub skip_entry {
     my ($self, $end) = @_;
     my $depth = 0;
-    while ($self->{at} < @{ $self->{tokens} }) {
+    while ($self->ahead(0)) {
         return if !$depth && $self->comes($end);
         my ($type, $content) = @{ $self->next_token };
         next if $type ne 'mark';

@@ -7,12 +7,9 @@ use strict;
 use warnings;
 use base 'Linux::DatabaseServer';
 use Agent::Process qw(run which);
-use Digest::MD5 qw(md5_hex);
-use Digest::SHA qw(hmac_sha256 sha256);
 use Errno qw(EACCES);
 use Linux::DatabaseServer qw(one_line escaped);
 use List::Util qw(first);
-use MIME::Base64 qw(decode_base64);
 
 my @SOCKET_FOLDERS = qw(/run/postgresql /var/run/postgresql /tmp);
 my @PROGRAM_FOLDERS = qw(/usr/lib/postgresql/*/bin /usr/pgsql-*/bin);
@@ -239,17 +236,17 @@ sub password_matches {
     my ($self, $name, $password) = @_;
     my $role = first { $_->{name} eq $name } values %{ $self->roles };
     my $hash = $role ? $role->{password} : undef;
-    return if !defined $hash;
-    return $hash eq 'md5' . md5_hex($password . $name) ? 1 : 0 if $hash =~ /\Amd5[0-9a-f]{32}\z/;
+    return if !defined $hash || !eval { require Digest::MD5; require Digest::SHA; require MIME::Base64 };
+    return $hash eq 'md5' . Digest::MD5::md5_hex($password . $name) ? 1 : 0 if $hash =~ /\Amd5[0-9a-f]{32}\z/;
     # Other characters may have been prepared in ways that are not known here.
     return if $hash !~ /\ASCRAM-SHA-256\$([0-9]+):([^\$]+)\$([^:]+):/ || $password =~ /[^\x20-\x7e]/;
-    my ($rounds, $salt, $stored) = ($1, decode_base64($2), decode_base64($3));
-    my $round = my $salted = hmac_sha256($salt . pack('N', 1), $password);
+    my ($rounds, $salt, $stored) = ($1, map { MIME::Base64::decode_base64($_) } $2, $3);
+    my $round = my $salted = Digest::SHA::hmac_sha256($salt . pack('N', 1), $password);
     for (2 .. $rounds) {
-        $round = hmac_sha256($round, $password);
+        $round = Digest::SHA::hmac_sha256($round, $password);
         $salted ^= $round;
     }
-    return sha256(hmac_sha256('Client Key', $salted)) eq $stored ? 1 : 0;
+    return Digest::SHA::sha256(Digest::SHA::hmac_sha256('Client Key', $salted)) eq $stored ? 1 : 0;
 }
 
 # Hands over the SQL that makes the database anew, piece by piece: its roles, the

@@ -6,6 +6,7 @@ use strict;
 use warnings;
 use Agent::Process qw(breathe);
 use Linux::Apache;
+use Linux::FolderRules;
 use Linux::Nginx;
 use Linux::Php;
 use Linux::Site qw(add_once below);
@@ -34,6 +35,7 @@ sub all {
         $site->{php} = $php->of_site($site);
         set_owner($tree, $users, $homes, $site);
         check_files($tree, $problems, $site);
+        Linux::FolderRules::note($tree, $problems, $site) if grep { $_ eq 'apache' } @{ $site->{servers} };
         delete @$site{@INNER};
     }
     mark_shared($tree, @sites);

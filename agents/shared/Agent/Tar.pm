@@ -129,7 +129,7 @@ sub in_folder {
 sub no_folder {
     my ($self, $part) = @_;
     my $why = "$!";
-    $self->{note}->('error', "$part->{folder}/" . substr($_, 2), "cannot be read: $why") for @{ $part->{names} };
+    $self->{note}->('error', $part->{folder} . substr($_, 1), "cannot be read: $why") for @{ $part->{names} };
     return;
 }
 
@@ -192,8 +192,9 @@ sub leave_out_foreign {
     for my $file (map { $found->{foreign}{$_} } sort keys %{ $found->{foreign} }) {
         next if @{ $file->{names} } == $file->{links};
         push @{ $part->{without} }, @{ $file->{names} };
-        $self->{note}->('error', $part->{folder} . substr($_, 1), 'is left out: it is a further name of a file'
-            . " of another account ($file->{uid}) that lies elsewhere too") for @{ $file->{names} };
+        my $text = "is left out: it is a further name of a file of another account ($file->{uid})"
+            . ' that lies elsewhere too';
+        $self->{note}->('error', $part->{folder} . substr($_, 1), $text) for @{ $file->{names} };
     }
     return;
 }
