@@ -13,7 +13,7 @@ FAILURES = os.environ.get("SONDREL_FAILURES", f"{os.path.dirname(world.TESTS)}/b
 def pytest_configure(config):
     config.addinivalue_line("markers", "slow: takes long; left out of the quick run")
     config.addinivalue_line("markers", "matrix(group): a case of the fault and attack matrix, see scripts/matrix")
-    config.addinivalue_line("markers", "release_only: replaces functions of the system, which a sanitizer does too")
+    config.addinivalue_line("markers", "release_only: replaces functions of the system, as a sanitizer does, or runs no sondrel")
 
 
 @pytest.fixture(scope="session", autouse=True)

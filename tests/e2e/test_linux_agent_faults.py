@@ -7,9 +7,12 @@ import xml.etree.ElementTree
 import pytest
 
 from linux_host import (AGENT_DIR, STAGE, Agent, Dump, Gate, assert_same_tree, check_schema, databases, populate,
-                        populate_apache, unpack, web_host)
+                        populate_apache, unpack, web_host, without_perl_modules)
 from source_services import add_user, fill_root, owned
 from world import PLAIN, die_with_parent, owner_and_mode, read, wait_until
+
+# The agent alone.
+pytestmark = pytest.mark.release_only
 
 
 @pytest.fixture
@@ -251,6 +254,15 @@ def test_names_that_do_not_exist_are_problems_of_the_dump(host, agent):
                                        "--dump-resellers=-", given=b"nosuch.test,a.test\nnobody,\nnone"))
     assert {name for name, _ in dump.problems("error")} == {"nosuch.test", "nobody", "none"}
     assert dump.names("domain") == ["a.test"]
+
+
+@pytest.mark.parametrize("arguments", [["--get-status"], ["--get-content-list"], ["--migration-mode", "--dump-all"]],
+                         ids=["status", "content list", "dump"])
+def test_says_which_modules_of_perl_are_missing(agent, arguments):
+    with without_perl_modules("Digest::MD5"):
+        result = agent.run(*arguments)
+    assert (result.returncode, result.stdout) == (1, b"")
+    assert result.stderr.startswith(b"perl lacks Digest::MD5 Digest::SHA, ") and b"perl-core" in result.stderr
 
 
 @pytest.mark.parametrize("arguments, given", [

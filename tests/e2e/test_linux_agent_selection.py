@@ -9,6 +9,9 @@ from linux_host import Agent, check_schema, databases, many_sites, populate, pop
 from source_services import add_crontab, add_user, fill_root
 from world import read, write
 
+# The agent alone.
+pytestmark = pytest.mark.release_only
+
 # What there is: whose it is, and in which domain.
 CLIENTS = {"alice": "agency", "bob": None, "carol": "agency"}
 DOMAINS = {"a.test": "alice", "shop.a.test": "alice", "b.test": "bob", "c.test": "carol"}
@@ -130,6 +133,7 @@ def test_each_switch_does_what_it_says_by_itself(agent, cases):
         check(agent, ("clients",), [switch])
 
 
+@pytest.mark.slow
 def test_keeps_its_memory_small_with_many_sites():
     with web_host() as host:
         many_sites(host, 300, 50)

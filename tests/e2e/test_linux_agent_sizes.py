@@ -87,6 +87,7 @@ AWKWARD = ["with blank", "größe-Ω-日本", "it's", "semi;colon", "-dash", "n"
            "tab\there", "#hash", "[x]", "star*", "comma,comma", "~tilde", "new\nline"]
 
 
+@pytest.mark.slow
 def test_every_one_of_many_sites_arrives_as_it_was(host):
     for index in range(SIZES.sites):
         user = f"user{index % SIZES.users:04d}"

@@ -6,9 +6,9 @@ import time
 
 import pytest
 
-from linux_host import (STAGE, Agent, Gate, WORDPRESS_LIKE, check_schema, databases, fill_root, populate, unpack,
+from linux_host import (STAGE, Agent, Gate, WORDPRESS_LIKE, check_schema, databases, populate, unpack,
                         web_host)
-from source_services import add_user, owned
+from source_services import add_user, fill_root, owned
 from world import LOGINS, read, write
 
 pytestmark = pytest.mark.release_only

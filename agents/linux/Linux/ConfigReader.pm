@@ -68,6 +68,8 @@ sub directives_of {
             next;
         }
         my $parsed = $self->parsed($file, $directive) or next;
+        # A file may hold nothing but further inclusions.
+        push @out, { name => 'included file', args => [], file => $file, line => 1 };
         push @out, $self->expand($parsed, @stack, $file);
     }
     return @out;
