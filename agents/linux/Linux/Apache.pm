@@ -228,8 +228,8 @@ sub note_alias_match {
     my $block = $self->{block};
     my $object = @{ $block->{names} } ? $block->{names}[0] : $block->{file};
     my $where = defined $to ? "$pattern leads to $to" : "$path leads to $pattern";
-    $self->{problems}->add(severity => 'warning', object => $object, text => "AliasMatch: $where; folders that an"
-        . ' expression leads to are taken only where they lie in a document root');
+    $self->{problems}->add(severity => 'warning', object => $object, text => "AliasMatch: $where; folders"
+        . ' that an expression leads to are taken only where they lie in a document root');
     return;
 }
 
