@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <deque>
 #include <iostream>
 #include <list>
@@ -306,7 +307,8 @@ class Relay {
     using namespace std::chrono;
     const auto left = std::max(Clock::duration(0), due - Clock::now());
     const auto whole = duration_cast<seconds>(left);
-    const timespec limit{whole.count(), (nanoseconds(left) - whole).count()};
+    const auto rest = static_cast<long>((nanoseconds(left) - whole).count());
+    const timespec limit{static_cast<std::time_t>(whole.count()), rest};
     ppoll(waitList.data(), waitList.size(), due == Time::max() ? nullptr : &limit, nullptr);
   }
 
