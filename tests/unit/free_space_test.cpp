@@ -5,7 +5,7 @@
 
 TEST(FreeSpaceTest, IsCountedInBytesBeyond32Bits) {
   const ScopedTempDir dir;
-  const ScopedTmpfs fileSystem(dir.path(), std::size_t{5} << 30);
+  const ScopedTmpfs fileSystem(dir.path(), std::uint64_t{5} << 30);
   EXPECT_EQ(getFreeSpace(dir.path()), std::uint64_t{5} << 30);
 }
 

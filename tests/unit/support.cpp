@@ -63,7 +63,7 @@ ScopedTempDir::~ScopedTempDir() {
   fs::remove_all(path_, ignored);
 }
 
-ScopedTmpfs::ScopedTmpfs(std::string path, std::size_t sizeBytes) : path_(std::move(path)) {
+ScopedTmpfs::ScopedTmpfs(std::string path, std::uint64_t sizeBytes) : path_(std::move(path)) {
   const std::string options = "mode=777,size=" + std::to_string(sizeBytes);
   require(mount("unit", path_.c_str(), "tmpfs", 0, options.c_str()) == 0, "mount");
 }

@@ -38,7 +38,7 @@ class ScopedTempDir {
 /// as it lives.
 class ScopedTmpfs {
  public:
-  ScopedTmpfs(std::string path, std::size_t sizeBytes);
+  ScopedTmpfs(std::string path, std::uint64_t sizeBytes);
   ~ScopedTmpfs();
   ScopedTmpfs(const ScopedTmpfs&) = delete;
   ScopedTmpfs& operator=(const ScopedTmpfs&) = delete;
