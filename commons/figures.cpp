@@ -20,13 +20,15 @@ std::optional<std::time_t> parseTime(const std::string& text) {
 std::string formatBytes(std::int64_t bytes) {
   constexpr std::array<const char*, 6> UNITS = {"B", "kB", "MB", "GB", "TB", "PB"};
   if (bytes < 1000) return std::to_string(bytes) + " B";
-  auto figure = static_cast<double>(bytes);
-  std::size_t unit = 0;
-  // What would be shown as 1000.0 belongs to the next unit.
-  while (figure >= 999.95 && unit + 1 < UNITS.size()) {
-    figure /= 1000;
+  std::size_t unit = 1;
+  std::int64_t unitBytes = 1000;
+  // What would be shown as 1000.0 belongs to the next unit. In whole numbers, for not
+  // every processor takes 999.95 for the same.
+  while (bytes >= unitBytes / 20 * 19999 && unit + 1 < UNITS.size()) {
+    unitBytes *= 1000;
     ++unit;
   }
+  const double figure = static_cast<double>(bytes) / static_cast<double>(unitBytes);
   std::array<char, 32> text;
   std::snprintf(text.data(), text.size(), "%.1f %s", figure, UNITS[unit]);
   return text.data();
