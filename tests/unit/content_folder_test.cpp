@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <ctime>
 
 #include "commons/ExSystemError.h"
 #include "commons/commons.h"
@@ -110,6 +111,20 @@ TEST_F(ContentFolderTest, OpensExistingRegularFilesOnly) {
   EXPECT_EQ(read("a"), "(none)");
   EXPECT_EQ(read("a/file/x"), "(none)");
   EXPECT_FALSE(exists(path("missing")));
+}
+
+TEST_F(ContentFolderTest, OpensFilesWhoseSizeOrTimeIsBeyond32Bits) {
+  constexpr std::int64_t BEYOND = std::int64_t{5} << 30;
+  ASSERT_TRUE(write("large", "text"));
+  ASSERT_EQ(truncate(path("large").c_str(), static_cast<off_t>(BEYOND)), 0);
+  EXPECT_EQ(read("large").substr(0, 4), "text");
+  ASSERT_TRUE(write("late", "text"));
+  const timespec time = {static_cast<std::time_t>(BEYOND), 0};
+  ASSERT_EQ(time.tv_sec, BEYOND);
+  const timespec times[] = {time, time};
+  ASSERT_EQ(utimensat(AT_FDCWD, path("late").c_str(), times, 0), 0);
+  EXPECT_EQ(read("late"), "text");
+  EXPECT_TRUE(write("late", "new"));
 }
 
 TEST_F(ContentFolderTest, RefusesASymbolicLinkInTheFilesPlace) {

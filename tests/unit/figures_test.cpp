@@ -27,3 +27,9 @@ TEST(FiguresTest, TimesAreUtcAndTheirDifferenceIsInSeconds) {
   EXPECT_EQ(secondsBetween("", "2026-11-22T10:00:01Z"), 0);
   EXPECT_EQ(secondsBetween("2026-11-21T10:00:00Z", "2026-11-22T10:00:01Z more"), 0);
 }
+
+TEST(FiguresTest, TimesMayBeBeyond32Bits) {
+  constexpr std::int64_t BEYOND_32_BITS = 4102444800;
+  EXPECT_EQ(formatTime(static_cast<std::time_t>(BEYOND_32_BITS)), "2100-01-01T00:00:00Z");
+  EXPECT_EQ(secondsBetween("1970-01-01T00:00:00Z", "2100-01-01T00:00:00Z"), BEYOND_32_BITS);
+}
