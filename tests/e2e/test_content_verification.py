@@ -1,14 +1,22 @@
 """--get-content with CONTENT_VERIFY in the host's configuration: what arrives is compared with the list."""
+import os
+import subprocess
+
 import pytest
 
 from content import left, md5, offered
 from scripted_server import Script, ScriptedServer, ends
-from world import (CONFIGURATION, ROOT, SUDOER, Destination, Session, SourceHost, files_below, install_agent, read,
-                   use_shell, write)
+from world import (CONFIGURATION, ROOT, SUDOER, Destination, Outcome, Session, SourceHost, files_below, install_agent,
+                   read, use_shell, wait_until, write)
 
 ARCHIVES = f"{Session().path}/archives"
 WRAPPING = "Error during dump retrieval"
 SUCCESS = ("execution-result", [("status", "success")], "", [])
+
+# A hole, and a few bytes behind it.
+HOLE = 4 << 30
+BEHIND_THE_HOLE = b"end"
+SUM_WITH_THE_HOLE = "29f9fe6f34f27cd12fbdee8ce0645c90"
 
 
 @pytest.fixture
@@ -67,6 +75,34 @@ def test_file_of_another_sum_stays_on_both_sides_and_the_next_ones_come(verified
     assert left(SUDOER) == ["one"]
     (_, _, _, (_, files)), = Session().status()[3]
     assert dict(files[1])["left"] == "0"
+
+
+@pytest.mark.slow
+def test_file_beyond_32_bits_arrives_whole_and_is_known_again(verified, source):
+    size = HOLE + len(BEHIND_THE_HOLE)
+    offered(ROOT, ("large", None, {"size": size, "md5sum": SUM_WITH_THE_HOLE}), unpacked=size)
+    with open(f"{ROOT.agent_dir}/large", "wb") as large:
+        large.seek(HOLE)
+        large.write(BEHIND_THE_HOLE)
+    running = Destination().start("get-content", "--no-check-space")
+
+    def ended():
+        # So that the copy, which is in memory here, need not fit there.
+        if os.path.exists(f"{ARCHIVES}/large"):
+            subprocess.run(["fallocate", "--dig-holes", f"{ARCHIVES}/large"], check=True)
+        return running.ended()
+
+    wait_until(ended, "the large file", 120)
+    assert running.finish() == Outcome(0, b"", b"")
+    assert os.path.getsize(f"{ARCHIVES}/large") == size
+    (_, _, _, (_, files)), = Session().status()[3]
+    assert dict(files[1])["size-total"] == str(size) and dict(files[1])["size-left"] == "0"
+    assert left(ROOT) == []
+    before = len(source.lines())
+    # The sum takes a while, and is not of a file that is fetched.
+    assert Destination().start("get-content", "--no-check-space").finish(120) == Outcome(0, b"", b"")
+    assert len(source.lines()) == before + 1
+    os.unlink(f"{ARCHIVES}/large")  # too much to look into
 
 
 @pytest.mark.parametrize("attributes", [{"md5sum": ""}, {"md5sum": None}], ids=["empty", "missing"])
