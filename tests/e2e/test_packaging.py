@@ -36,7 +36,8 @@ def test_source_package_names_what_the_tests_need():
 
 
 def test_version_of_the_packages_is_that_of_the_program():
-    package = re.match(r"sondrel \(([\d.]+)\)", read(f"{TOP}/debian/changelog").decode())[1]
+    # A build for a certain release of Debian says so behind it.
+    package = re.match(r"sondrel \(([\d.]+)(?:\+deb\d+)?\)", read(f"{TOP}/debian/changelog").decode())[1]
     program = re.search(r"project\(sondrel VERSION ([\d.]+)", read(f"{TOP}/CMakeLists.txt").decode())[1]
     assert package == program
 
