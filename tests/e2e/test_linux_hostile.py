@@ -66,7 +66,7 @@ LINKS = {
     "document root to a folder of root": ["mv shop kept", "ln -s /srv/keys shop"],
     "document root to a folder of another client": ["mv shop kept", "ln -s /home/bob/www shop"],
     "document root to everything": ["mv shop kept", "ln -s / shop"],
-    "document root over a link of one's own": ["mv shop kept", "ln -s /srv/keys other", "ln -s other shop"],
+    "document root over a link of her own": ["mv shop kept", "ln -s /srv/keys other", "ln -s other shop"],
     "in the document root": ["ln -s /srv/keys shop/keys", "ln -s /home/bob/www/private/config.php shop/page"],
     "settings of PHP": ["ln -s /srv/keys/key.pem shop/.user.ini", "ln -s /srv/keys/key.pem shop/.htaccess"],
     "settings of an application": ["ln -sf /home/bob/www/private/config.php shop/wp-config.php"],
@@ -80,7 +80,8 @@ def test_follows_no_link_of_an_owner_to_what_is_others(agent, steps):
     assert files_with_secret() == []
 
 
-@pytest.mark.parametrize("link, target", [("shop", "/srv/keys"), ("shop", "/home/bob/www")])
+@pytest.mark.parametrize("link, target", [("shop", "/srv/keys"), ("shop", "/home/bob/www")],
+                         ids=["to a folder of root", "to a folder of another client"])
 def test_names_a_link_that_it_does_not_follow(agent, link, target):
     dump = as_alice(agent, f"mv {link} kept", f"ln -s {target} {link}")
     errors = dict(dump.problems("error"))
@@ -95,7 +96,7 @@ def test_follows_links_of_an_owner_to_what_is_his_own(agent):
     assert read(f"{STAGE}/home/alice/kept/index.php") == b"<?php"
 
 
-@pytest.mark.parametrize("path", ["/home/alice/htpasswd", "/home/alice/tls.key"])
+@pytest.mark.parametrize("path", ["/home/alice/htpasswd", "/home/alice/tls.key"], ids=["passwords", "key"])
 def test_takes_no_file_of_others_in_the_place_of_one_that_a_site_needs(host, agent, path):
     pem = "/home/alice/tls.pem"
     host.nginx.add_site("more.test", "/home/alice/shop", more=f"""
