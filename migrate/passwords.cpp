@@ -103,8 +103,15 @@ Secret askOnTerminal(const std::string& what, const char* variable, const char* 
   }
 }
 
+/// One that this program opened itself, such as the lock's, has a flag that none of its caller's
+/// can have.
+bool isOfCaller(int fd) {
+  const int flags = fcntl(fd, F_GETFD);
+  return flags >= 0 && (flags & FD_CLOEXEC) == 0;
+}
+
 Secret readDescriptor(int fd, const std::string& what, Signals& signals) {
-  if (fcntl(fd, F_GETFD) < 0) fail("the descriptor for the " + what + " is not open");
+  if (!isOfCaller(fd)) fail("the descriptor for the " + what + " is not open");
   return readLine(fd, what, signals);
 }
 

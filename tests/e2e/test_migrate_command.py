@@ -362,9 +362,12 @@ def test_an_empty_password_for_sudo_is_one(imitated):
     assert imitated.environment(0)["QRV_SUDO_PASSWORD"] == ""
 
 
-def test_says_that_a_descriptor_is_not_open(imitated):
-    outcome = imitated.run(*ALL, "--password-fd=99", password=None)
+@pytest.mark.parametrize("number", [3, 4, 99])
+def test_says_that_a_descriptor_is_not_open(imitated, number):
+    """Those that it has opened itself, such as the lock, hold no password."""
+    outcome = imitated.run(*ALL, f"--password-fd={number}", password=None)
     assert complaint(outcome) == "the descriptor for the password of root@src.example is not open"
+    assert imitated.runs() == []
 
 
 def test_says_what_is_missing_where_there_is_nobody_to_ask(imitated):
