@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 #include <optional>
+#include <set>
 #include <string_view>
 
 #include "hostlib/free_memory.h"
@@ -16,6 +17,9 @@ namespace {
 const char* const CONFIGURATION_FILE = "/etc/qrv/qrv.conf";
 
 std::unique_ptr<const QrvConfValues> theStore;
+
+/// The keys of the lines that were skipped.
+std::set<std::string> theMalformedKeys;
 
 struct Variable {
   const char* name = nullptr;
@@ -60,6 +64,7 @@ void parseLine(const char* path, const std::string& line, QrvConfValues& values)
   if (keyEnd == start || keyEnd == std::string::npos ||
       WHITE_SPACE.find(line[keyEnd]) == std::string_view::npos) {
     messlog2(std::string("malformed line in configuration file ") + path + ": " + line);
+    theMalformedKeys.insert(line.substr(start, keyEnd - start));
     return;
   }
   const std::size_t valueStart = line.find_first_not_of(WHITE_SPACE, keyEnd);
@@ -122,6 +127,10 @@ const char* qrvConfGet(const char* name) {
   if (!autoprepend()) return nullptr;
   const auto found = theStore->find(name);
   return found == theStore->end() ? nullptr : found->second.c_str();
+}
+
+bool qrvConfIsMalformed(const char* name) {
+  return autoprepend() && theMalformedKeys.count(name) != 0;
 }
 
 const char* qrvConfGetByIndex(int index) {

@@ -39,6 +39,10 @@ bool autoprepend();
 /// Owned by the store, valid until the process ends.
 const char* qrvConfGet(const char* name);
 
+/// True when the file has a line that begins with `name` and was skipped, for want of white
+/// space behind it: somebody has set it, and nobody knows to what.
+bool qrvConfIsMalformed(const char* name);
+
 /// The value in the file of the variable in slot `index`, cached per slot; null
 /// when the file has none, or when no variable of ours is in that slot.
 const char* qrvConfGetByIndex(int index);

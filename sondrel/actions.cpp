@@ -116,6 +116,24 @@ bool isVerificationConfigured() {
   return value == "yes";
 }
 
+[[noreturn]] void rejectHostKeys(const std::string& host, const std::string& reason) {
+  throw Exc<&SshHostKeyRejected>(HERE) % host % reason;
+}
+
+/// SSH_KNOWN_HOSTS_F, for the policy of that name. Throws SshHostKeyRejected.
+std::string configuredKnownHosts(const std::string& host, const std::string& policy) {
+  std::string file = configuredWord("SSH_KNOWN_HOSTS_F").value_or("");
+  if (file.empty()) {
+    rejectHostKeys(
+        host, "SSH_HOST_KEY_POLICY is \"" + policy + "\", and SSH_KNOWN_HOSTS_F names no file");
+  }
+  // Whoever else may write to the present folder would decide whom to trust.
+  if (file.front() != '/') {
+    rejectHostKeys(host, "SSH_KNOWN_HOSTS_F is \"" + file + "\", which is no absolute path");
+  }
+  return file;
+}
+
 /// What the host's configuration demands of the keys of source hosts. A setting that
 /// cannot be met is no reason to do without: throws SshHostKeyRejected.
 HostKeyRules configuredHostKeyRules(const std::string& host) {
@@ -123,19 +141,18 @@ HostKeyRules configuredHostKeyRules(const std::string& host) {
       {"ignore", HostKeyRules::IGNORE},
       {"accept-new", HostKeyRules::ACCEPT_NEW},
       {"strict", HostKeyRules::STRICT}};
+  if (qrvConfIsMalformed("SSH_HOST_KEY_POLICY")) {
+    rejectHostKeys(host,
+                   "a line of the host's configuration has no blank behind SSH_HOST_KEY_POLICY");
+  }
   const std::string name = configuredWord("SSH_HOST_KEY_POLICY").value_or("ignore");
   const auto policy = policies.find(name);
   if (policy == policies.end()) {
-    throw Exc<&SshHostKeyRejected>(HERE) % host %
-        ("SSH_HOST_KEY_POLICY is \"" + name +
-         R"(", which is none of "ignore", "accept-new" and "strict")");
+    rejectHostKeys(host, "SSH_HOST_KEY_POLICY is \"" + name +
+                             R"(", which is none of "ignore", "accept-new" and "strict")");
   }
-  const std::string file = configuredWord("SSH_KNOWN_HOSTS_F").value_or("");
-  if (policy->second != HostKeyRules::IGNORE && file.empty()) {
-    throw Exc<&SshHostKeyRejected>(HERE) % host %
-        ("SSH_HOST_KEY_POLICY is \"" + name + "\", and SSH_KNOWN_HOSTS_F names no file");
-  }
-  return {policy->second, file};
+  if (policy->second == HostKeyRules::IGNORE) return {};
+  return {policy->second, configuredKnownHosts(host, name)};
 }
 
 /// The figure began with what another host has listed, which may be any number.

@@ -176,10 +176,16 @@ def test_keys_are_not_looked_at_unless_the_configuration_says_so(source, configu
     assert Destination().run("send-scout").code == 0
 
 
+MALFORMED = "a line of the host's configuration has no blank behind SSH_HOST_KEY_POLICY"
+
+
 @pytest.mark.parametrize("lines, reason", [
     (["SSH_HOST_KEY_POLICY yes"],
      'SSH_HOST_KEY_POLICY is "yes", which is none of "ignore", "accept-new" and "strict"'),
-    (["SSH_HOST_KEY_POLICY"], 'SSH_HOST_KEY_POLICY is "", which is none of "ignore", "accept-new" and "strict"'),
+    (["SSH_HOST_KEY_POLICY "], 'SSH_HOST_KEY_POLICY is "", which is none of "ignore", "accept-new" and "strict"'),
+    (["SSH_HOST_KEY_POLICY"], MALFORMED),
+    (["SSH_HOST_KEY_POLICY=strict", f"SSH_KNOWN_HOSTS_F {FILE}"], MALFORMED),
+    (["SSH_HOST_KEY_POLICY: strict", "SSH_HOST_KEY_POLICY ignore"], MALFORMED),
     (["SSH_HOST_KEY_POLICY strict"], 'SSH_HOST_KEY_POLICY is "strict", and SSH_KNOWN_HOSTS_F names no file'),
     (["SSH_HOST_KEY_POLICY accept-new", "SSH_KNOWN_HOSTS_F  "],
      'SSH_HOST_KEY_POLICY is "accept-new", and SSH_KNOWN_HOSTS_F names no file'),
@@ -187,10 +193,15 @@ def test_keys_are_not_looked_at_unless_the_configuration_says_so(source, configu
      "the file of known host keys cannot be used: /mnt: not a regular file"),
     (["SSH_HOST_KEY_POLICY accept-new", "SSH_KNOWN_HOSTS_F /mnt/none/known"],
      "the file of known host keys cannot be used: /mnt/none/known: No such file or directory"),
-], ids=["unknown policy", "empty policy", "strict without a file", "accept-new without a file", "a folder",
-        "no folder for the file"])
+    (["SSH_HOST_KEY_POLICY accept-new", "SSH_KNOWN_HOSTS_F ~/.ssh/known_hosts"],
+     'SSH_KNOWN_HOSTS_F is "~/.ssh/known_hosts", which is no absolute path'),
+    (["SSH_HOST_KEY_POLICY strict", "SSH_KNOWN_HOSTS_F mnt/known_hosts"],
+     'SSH_KNOWN_HOSTS_F is "mnt/known_hosts", which is no absolute path'),
+], ids=["unknown policy", "empty policy", "policy without a blank", "policy behind an equals sign",
+        "policy behind a colon", "strict without a file", "accept-new without a file", "a folder",
+        "no folder for the file", "a file in the home", "a relative file"])
 def test_settings_that_cannot_be_met_let_nobody_in(configure, lines, reason):
-    configure(*(line if " " in line else line + " " for line in lines))
+    configure(*lines)
     with ScriptedServer(Script()) as server:
         outcome = Destination(PLAIN).run("send-scout")
     rejected(outcome, 18, reason)

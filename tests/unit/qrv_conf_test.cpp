@@ -109,6 +109,9 @@ TEST(QrvConfTest, ReportsMalformedLinesAndSkipsThem) {
   EXPECT_EQ(get("FIRST"), "1");
   EXPECT_EQ(get("LAST"), "2");
   EXPECT_EQ(get("KEY"), "(null)");
+  EXPECT_TRUE(qrvConfIsMalformed("KEY"));
+  EXPECT_FALSE(qrvConfIsMalformed("FIRST"));
+  EXPECT_FALSE(qrvConfIsMalformed("NONE"));
   const std::vector<std::string> lines = systemLog.lines();
   ASSERT_EQ(lines.size(), malformed.size());
   for (std::size_t i = 0; i < lines.size(); ++i) {
