@@ -82,7 +82,7 @@ void Migration::takeSettings() {
   settings.overrideBy(request_.settings);
   if (const auto name = findForbiddenChange(state_.settings, settings, state_.doneSteps())) {
     throw Exc<&MigrateBadSettings>(HERE) %
-        ("--" + *name + " was \"" + state_.settings.get(*name) +
+        ("--" + *name + " was \"" + state_.settings.inForce(*name) +
          "\" in the steps that are done. Use another session directory, or --from");
   }
   checkComplete(settings);

@@ -159,6 +159,14 @@ std::string Settings::get(const std::string& name) const {
   return found == values_.end() ? "" : found->second;
 }
 
+std::string Settings::inForce(const std::string& name) const {
+  const SettingKind* const kind = findKind(name);
+  if (kind && !kind->argument) return isOn(name) ? "yes" : "no";
+  if (name == "agent-name") return agentNameOf(*this);
+  if (name == "agent-parent") return agentParentOf(*this);
+  return get(name);
+}
+
 void Settings::overrideBy(const Settings& newer) {
   for (const auto& [name, value] : newer.values_) values_[name] = value;
 }
@@ -194,7 +202,7 @@ std::optional<std::string> findForbiddenChange(const Settings& older, const Sett
   for (const SettingKind& kind : settingKinds()) {
     const bool stands = kind.shapes && std::find(doneSteps.begin(), doneSteps.end(),
                                                  *kind.shapes) != doneSteps.end();
-    if (stands && older.get(kind.name) != newer.get(kind.name)) return kind.name;
+    if (stands && older.inForce(kind.name) != newer.inForce(kind.name)) return kind.name;
   }
   return std::nullopt;
 }

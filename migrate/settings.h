@@ -38,6 +38,9 @@ class Settings {
   /// True for a switch that is "yes".
   bool isOn(const std::string& name) const { return get(name) == "yes"; }
 
+  /// The value that holds: the default of one that was not set, empty where there is none.
+  std::string inForce(const std::string& name) const;
+
   /// Takes over what `newer` has.
   void overrideBy(const Settings& newer);
 
@@ -55,7 +58,7 @@ Settings readSettingsFile(const std::string& path);
 void checkComplete(const Settings& settings);
 
 /// The first setting, by name, that `newer` has in another way and that a finished step
-/// was shaped by; nothing when all changes are allowed. `isDone` tells of each step.
+/// was shaped by; nothing when all changes are allowed. A default that is given is no change.
 std::optional<std::string> findForbiddenChange(const Settings& older, const Settings& newer,
                                                const std::vector<Step>& doneSteps);
 

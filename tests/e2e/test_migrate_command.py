@@ -276,8 +276,8 @@ def test_goes_on_with_the_settings_it_had_and_takes_new_ones(imitated):
 
 
 @pytest.mark.parametrize("option, name, old", [
-    ("--host=other", "host", "src.example"), ("--agent-name=other", "agent-name", ""),
-    ("--agent-parent=/srv", "agent-parent", ""),
+    ("--host=other", "host", "src.example"), ("--agent-name=other", "agent-name", "linux"),
+    ("--agent-parent=/srv", "agent-parent", "/root"),
 ], ids=["host", "agent", "folder"])
 def test_refuses_another_setting_for_a_step_that_is_done(imitated, option, name, old):
     imitated.does("dump", "exit 2")
@@ -288,6 +288,16 @@ def test_refuses_another_setting_for_a_step_that_is_done(imitated, option, name,
     assert len(imitated.runs()) == 3
     os.unlink(f"{IMITATION}/dump")
     assert imitated.run(f"--session-path={SESSION}", option, "--from=scout").code == 0
+
+
+def test_takes_a_default_that_is_given_later_for_no_change(imitated):
+    imitated.does("content", "exit 2")
+    assert imitated.run(*ALL).code == 2
+    os.unlink(f"{IMITATION}/content")
+    given = ["--agent-name=linux", "--agent-parent=/root", "--server=no", "--no-content=no", "--sudo=no", "--port=22"]
+    outcome = imitated.run(f"--session-path={SESSION}", *given)
+    assert outcome.code == 0, outcome
+    assert imitated.runs() == ["scout", "deploy", "dump", "content", "content", "remove"]
 
 
 def test_session_path_may_be_relative(imitated):
