@@ -308,6 +308,15 @@ def test_a_run_begun_by_hand_is_waited_for_and_left_alone(imitated):
     assert look(imitated, wait_seconds=30)["state"] == "finished"
 
 
+def test_what_was_refused_and_then_made_by_hand_is_finished(imitated):
+    begin(imitated, password="")
+    assert look(imitated, wait_seconds=30)["state"] == "refused"
+    assert imitated.run(f"--session-path={PLACE}").code == 0
+    assert begin(imitated)["changed"] is False
+    found = look(imitated)
+    assert (found["state"], found["exit_code"], found["reason"]) == ("finished", 0, "")
+
+
 def test_no_more_are_at_work_than_there_are_slots(imitated):
     go_on = hold(imitated, "scout")
     for number in range(3):

@@ -91,6 +91,14 @@ def standing(text, at_work):
     return found.group(1) or "absent", found.group(2) or "", found.group(3) and int(found.group(3))
 
 
+def is_newer(path, other):
+    """Whether the file was written after the other one; false where one is missing."""
+    try:
+        return os.lstat(path).st_mtime_ns > os.lstat(other).st_mtime_ns
+    except FileNotFoundError:
+        return False
+
+
 def collected(module, program, session):
     # In this order: a run that ends in between has written down its end.
     at_work = is_at_work(session)
@@ -99,6 +107,9 @@ def collected(module, program, session):
     steps = steps_in(session)
     reason = steps.get(step, {}).get("reason", "")
     is_over = state not in ("running", "queued")
+    # Somebody may have gone on by hand since the role was refused.
+    if is_newer(session + "/migrate/state.xml", log_of(session)):
+        run_code = None
     if is_over and run_code in BEGUN_NOTHING and code != run_code:
         state, step, code, reason = "refused", "", run_code, output[-1] if output else ""
     elif state == "finished":
