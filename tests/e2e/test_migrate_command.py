@@ -148,6 +148,14 @@ def test_a_signal_that_ended_sondrel_is_128_more(imitated):
     assert State().progress() == progress_of("done", "done", "done", "failed")
 
 
+def test_a_sondrel_that_cannot_be_started_is_127(imitated):
+    write(f"{imitated.folder}/sondrel", b"\x7fELF", mode=0o755)
+    outcome = imitated.run(*ALL)
+    assert outcome.code == 127
+    assert outcome.stderr.startswith(f"{imitated.folder}/sondrel: Exec format error\n".encode())
+    assert State().progress() == progress_of("failed")
+
+
 def test_takes_a_success_that_tells_of_a_stop_for_a_stop(imitated):
     imitated.does("dump", "echo Migration has been terminated")
     outcome = imitated.run(*ALL)
