@@ -1,5 +1,6 @@
 """Whether the source host is the one it should be: SSH_HOST_KEY_POLICY and SSH_KNOWN_HOSTS_F."""
 import os
+import re
 import subprocess
 
 import pytest
@@ -77,6 +78,17 @@ def test_the_server_is_asked_for_the_kind_of_key_that_it_is_known_by(policy, kin
         write(FILE, f"{HOST} {public_key(host, kind)}\n")
         assert Destination().run("send-scout").code == 0
         assert f"kex: host key algorithm: {KEY_TYPES[kind]} " in read(host.log).decode()
+
+
+def test_a_server_that_is_known_by_an_rsa_key_is_asked_for_that_one(policy):
+    """Its signatures have other names than the key."""
+    policy("strict")
+    signatures = "ssh-ed25519,ecdsa-sha2-nistp256,rsa-sha2-512,rsa-sha2-256,ssh-rsa"
+    with SourceHost(["LogLevel DEBUG1", f"HostKeyAlgorithms {signatures}"], port=2222,
+                    host_keys=("ed25519", "ecdsa", "rsa")) as host:
+        write(FILE, f"[{HOST}]:2222 {public_key(host, 'rsa')}\n")
+        assert Destination().run("send-scout", "--port=2222").code == 0
+        assert re.search("kex: host key algorithm: (ssh-rsa|rsa-sha2-(256|512)) ", read(host.log).decode())
 
 
 @pytest.mark.parametrize("changed", [
