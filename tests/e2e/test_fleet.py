@@ -346,6 +346,12 @@ def test_a_password_among_the_settings_does_not_become_an_argument(imitated):
     assert not os.path.exists(SESSION)
 
 
+def test_a_setting_without_a_value_names_nothing(imitated):
+    answer = begin(imitated, settings={"host": "src.example", "login": "root", "domains": None})
+    assert answer["msg"] == "The setting domains has no value"
+    assert not os.path.exists(SESSION)
+
+
 @pytest.mark.slow
 def test_a_destination_out_of_reach_and_one_without_the_program_stop_nobody(imitated):
     local = {"ansible_connection": "local"}

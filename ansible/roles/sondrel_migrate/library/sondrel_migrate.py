@@ -217,6 +217,10 @@ def main():
     if any("password" in name for name in module.params["settings"]):
         # It would be an argument.
         module.fail_json(msg="A password is no setting")
+    for name, value in module.params["settings"].items():
+        if value is None:
+            # "domains:" with nothing behind it would name a domain "None".
+            module.fail_json(msg="The setting %s has no value" % name)
     module.params["session"] = os.path.abspath(module.params["session"])
     try:
         begun = begin(module)
