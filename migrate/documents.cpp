@@ -1,6 +1,14 @@
 #include "migrate/documents.h"
 
+#include <fcntl.h>
+#include <libxml/xmlreader.h>
+#include <sys/stat.h>
+
+#include <memory>
+
 #include "commons/progress_text.h"
+#include "commons/unique_fd.h"
+#include "commons/xml_parse.h"
 
 namespace migrate {
 
@@ -8,11 +16,28 @@ namespace {
 
 const char* const MIGRATION_STATUS = "/migration.status";
 const char* const DUMPING_STATUS = "/dumping-status.xml";
+const char* const DUMP = "/dump.xml";
 
 xmlNodePtr firstNode(const tXmlDtmDocument& document, const char* expression) {
   const tXPathExpr found(document.document(), expression);
   const xmlNodeSetPtr nodes = found.getNodeSet();
   return nodes && nodes->nodeNr > 0 ? nodes->nodeTab[0] : nullptr;
+}
+
+/// The reader of an open file, which stays the caller's; null when there can be none.
+std::unique_ptr<xmlTextReader, void (*)(xmlTextReaderPtr)> readerOf(const UniqueFd& file) {
+  constexpr int OPTIONS = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+  return {xmlReaderForFd(file.get(), nullptr, nullptr, OPTIONS), xmlFreeTextReader};
+}
+
+/// True where the reader is at <dump><problems><problem severity="error">.
+bool isAtError(xmlTextReaderPtr reader) {
+  if (xmlTextReaderNodeType(reader) != XML_READER_TYPE_ELEMENT || xmlTextReaderDepth(reader) != 2 ||
+      fromXmlChar(xmlTextReaderConstName(reader)) != "problem") {
+    return false;
+  }
+  const XmlText severity(xmlTextReaderGetAttribute(reader, toXmlChar("severity")));
+  return severity && fromXmlChar(severity.get()) == "error";
 }
 
 }  // namespace
@@ -41,6 +66,19 @@ int countProblems(const std::string& session, Step step) {
   const tXPathExpr found(document->document(), "/execution-result/message");
   const xmlNodeSetPtr nodes = found.getNodeSet();
   return nodes ? nodes->nodeNr : 0;
+}
+
+int countDumpErrors(const std::string& session) {
+  const UniqueFd file(
+      open((session + DUMP).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status {};
+  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
+  const auto reader = readerOf(file);
+  int errors = 0;
+  while (reader && xmlTextReaderRead(reader.get()) == 1) {
+    if (isAtError(reader.get())) ++errors;
+  }
+  return errors;
 }
 
 std::string describeProgress(const std::string& session, Step step, const std::string& since) {

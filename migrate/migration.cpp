@@ -34,7 +34,7 @@ std::string joined(const std::vector<std::string>& texts) {
 /// The errors of a run that has ended with this code. Only the action phase writes them down:
 /// after another end the result log is that of an earlier run.
 std::vector<std::string> causesOf(const std::string& session, Step step, int exitCode) {
-  const bool isWritten = exitCode > EXIT_IMPOSSIBLE && exitCode < EXIT_OF_FIRST_SIGNAL;
+  const bool isWritten = exitCode > EXIT_IMPOSSIBLE && exitCode < EXIT_NOT_STARTED;
   return isWritten ? readCauses(session, step) : std::vector<std::string>();
 }
 
@@ -187,6 +187,9 @@ void Migration::reportFailure(Step step, int exitCode) {
 
 int Migration::reportFinished(const std::string& introduction) {
   std::string text = introduction + " Dump: " + request_.sessionPath + "/dump.xml";
+  if (const int errors = countDumpErrors(request_.sessionPath)) {
+    text += ", errors in it: " + std::to_string(errors);
+  }
   if (!state_.settings.isOn("no-content")) {
     text += ", content: " + contentDirOf(state_.settings, request_.sessionPath);
     if (const int problems = countProblems(request_.sessionPath, Step::CONTENT)) {

@@ -42,6 +42,11 @@ std::string stepText(const State& state, Step step, bool isRunning, const std::s
     text += ", took " + formatDuration(secondsBetween(record.started, record.ended));
   }
   if (!record.reason.empty()) text += ": " + record.reason;
+  if (step == Step::DUMP && record.progress == Progress::DONE) {
+    if (const int errors = countDumpErrors(session)) {
+      text += ", errors in dump.xml: " + std::to_string(errors);
+    }
+  }
   if (record.progress == Progress::RUNNING && isRunning) {
     const std::string progress = describeProgress(session, step, record.started);
     if (!progress.empty()) text += ": " + progress;

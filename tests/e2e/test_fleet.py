@@ -308,6 +308,15 @@ def test_a_run_begun_by_hand_is_waited_for_and_left_alone(imitated):
     assert look(imitated, wait_seconds=30)["state"] == "finished"
 
 
+def test_tells_of_problems_of_a_success(imitated):
+    imitated.does("dump", f"echo '<dump><problems><problem severity=\"error\"/></problems></dump>' > {PLACE}/dump.xml")
+    imitated.does("content", "echo '<execution-result status=\"success\"><message/><message/></execution-result>' "
+                             f"> {PLACE}/transfer.result")
+    begin(imitated)
+    found = look(imitated, wait_seconds=30)
+    assert (found["state"], found["problems"]) == ("finished", 3)
+
+
 def test_what_was_refused_and_then_made_by_hand_is_finished(imitated):
     begin(imitated, password="")
     assert look(imitated, wait_seconds=30)["state"] == "refused"

@@ -150,10 +150,15 @@ def test_a_signal_that_ended_sondrel_is_128_more(imitated):
 
 def test_a_sondrel_that_cannot_be_started_is_127(imitated):
     write(f"{imitated.folder}/sondrel", b"\x7fELF", mode=0o755)
+    write(f"{SESSION}/migration.result",
+          "<execution-result><message><description>failed</description><message><description>of another run"
+          "</description></message></message></execution-result>")
     outcome = imitated.run(*ALL)
     assert outcome.code == 127
-    assert outcome.stderr.startswith(f"{imitated.folder}/sondrel: Exec format error\n".encode())
-    assert State().progress() == progress_of("failed")
+    assert outcome.stderr.decode().splitlines() == [
+        f"{imitated.folder}/sondrel: Exec format error",
+        f"scout: failed with exit code 127; {SESSION}/migration.log tells more. Run this again to go on"]
+    assert State().progress() == progress_of("failed") and State().steps["scout"].text is None
 
 
 def test_takes_a_success_that_tells_of_a_stop_for_a_stop(imitated):
@@ -519,6 +524,15 @@ def test_counts_the_problems_of_the_content(imitated):
     imitated.does("content", f"echo '<execution-result status=\"success\"><message/><message/></execution-result>' "
                              f"> {SESSION}/transfer.result")
     assert b", problems in transfer.result: 2\n" in imitated.run(*ALL).stdout
+
+
+def test_counts_what_the_dump_says_to_be_missing(imitated):
+    problems = "".join(f'<problem severity="{severity}" object="a"/>' for severity in ("error", "info", "error"))
+    imitated.does("dump", f"echo '<dump><problems>{problems}</problems></dump>' > {SESSION}/dump.xml")
+    expected = f" Dump: {SESSION}/dump.xml, errors in it: 2, content: {SESSION}/archives\n"
+    assert imitated.run(*ALL).stdout.decode().endswith(f"\nFinished.{expected}")
+    assert imitated.run(*ALL, password=None).stdout.decode() == f"Finished already.{expected}"
+    assert re.fullmatch(r"done, begun \S+, took 0:0\d, errors in dump\.xml: 2", status()["dump"])
 
 
 def test_help_and_version_need_nothing_and_leave_nothing():

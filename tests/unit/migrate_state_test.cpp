@@ -134,6 +134,30 @@ TEST_F(MigrateStateTest, CausesAreThoseOfTheLastErrorOutermostFirst) {
   EXPECT_EQ(migrate::readCauses(session(), Step::DUMP), std::vector<std::string>{});
 }
 
+TEST_F(MigrateStateTest, CountsWhatTheDumpSaysToBeMissing) {
+  EXPECT_EQ(migrate::countDumpErrors(session()), 0);
+  const std::string problems =
+      "<problems><problem severity='error'>a</problem><problem severity='warning'/>"
+      "<problem severity='error' object='x'/></problems>";
+  const std::string path = session() + "/dump.xml";
+  writeFile(path, "<dump>" + problems + "</dump>");
+  EXPECT_EQ(migrate::countDumpErrors(session()), 2);
+  // Of any size, as that of a host with thousands of sites.
+  const std::string domain = "<domain name='a.test'>" + std::string(1000, 'x') + "</domain>";
+  std::string large = "<dump>";
+  for (int i = 0; i < 3000; ++i) large += domain;
+  writeFile(path, large + problems + "</dump>");
+  EXPECT_EQ(migrate::countDumpErrors(session()), 2);
+  for (const std::string& other : {std::string("<dump><domain>") + problems + "</domain></dump>",
+                                   std::string("no XML"), std::string(), std::string("<dump/>")}) {
+    writeFile(path, other);
+    EXPECT_EQ(migrate::countDumpErrors(session()), 0) << other;
+  }
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(migrate::countDumpErrors(session()), 0);
+}
+
 TEST_F(MigrateStateTest, ProgressIsReadFromNoLinkAndNoHugeDocument) {
   writeFile(session() + "/elsewhere", "<s done='1' total='2'/>");
   ASSERT_EQ(symlink("elsewhere", (session() + "/dumping-status.xml").c_str()), 0);

@@ -29,8 +29,8 @@ migration:
     C(state): finished, failed, stopped, cut short, waiting, running, queued (for a free slot), refused where the
     last run could not begin, or absent where there was none; C(step) at which it stands, and C(exit_code) of that;
     C(reason) of a failure; C(output), what the last run said at its end; C(steps), how each one went; C(bytes) and
-    C(files) of the content that is here; C(problems), messages of the result though it is a success; C(session),
-    C(dump) and C(content), where it lies.
+    C(files) of the content that is here; C(problems), messages of the result though it is a success, and errors
+    that the dump names; C(session), C(dump) and C(content), where it lies.
 """
 
 LAST_LINES = 5
@@ -75,10 +75,12 @@ def size_of(folder):
     return size, count
 
 
-def problems_in(session):
-    """How many messages the content came with; those of a failure are its reason."""
+def problems_in(session, status):
+    """How many messages the content came with, those of a failure being its reason, and how many errors the dump."""
     result = read_document(session + "/transfer.result")
-    return len(result.findall("message")) if result is not None and result.get("status") == "success" else 0
+    messages = len(result.findall("message")) if result is not None and result.get("status") == "success" else 0
+    errors = re.search(r", errors in dump\.xml: (\d+)\Z", status.get("dump", ""))
+    return messages + (int(errors.group(1)) if errors else 0)
 
 
 def standing(text, at_work):
@@ -102,7 +104,8 @@ def is_newer(path, other):
 def collected(module, program, session):
     # In this order: a run that ends in between has written down its end.
     at_work = is_at_work(session)
-    state, step, code = standing(status_of(module, program, session).get("state", ""), at_work)
+    status = status_of(module, program, session)
+    state, step, code = standing(status.get("state", ""), at_work)
     run_code, output = last_run(session)
     steps = steps_in(session)
     reason = steps.get(step, {}).get("reason", "")
@@ -119,7 +122,7 @@ def collected(module, program, session):
     content = recorded_settings(session).get("dumps-dir", session + "/archives")
     size, count = size_of(content)
     return {"state": state, "step": step, "exit_code": code, "reason": reason, "output": output, "steps": steps,
-            "bytes": size, "files": count, "problems": problems_in(session), "session": session,
+            "bytes": size, "files": count, "problems": problems_in(session, status), "session": session,
             "dump": session + "/dump.xml", "content": content}
 
 
