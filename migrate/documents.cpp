@@ -18,6 +18,9 @@ const char* const MIGRATION_STATUS = "/migration.status";
 const char* const DUMPING_STATUS = "/dumping-status.xml";
 const char* const DUMP = "/dump.xml";
 
+/// Some seconds to read. Who sends more wants to hold whoever asks.
+constexpr off_t LARGEST_COUNTED_BYTES = 256 << 20;
+
 xmlNodePtr firstNode(const tXmlDtmDocument& document, const char* expression) {
   const tXPathExpr found(document.document(), expression);
   const xmlNodeSetPtr nodes = found.getNodeSet();
@@ -30,12 +33,36 @@ std::unique_ptr<xmlTextReader, void (*)(xmlTextReaderPtr)> readerOf(const Unique
   return {xmlReaderForFd(file.get(), nullptr, nullptr, OPTIONS), xmlFreeTextReader};
 }
 
-/// True where the reader is at <dump><problems><problem severity="error">.
-bool isAtError(xmlTextReaderPtr reader) {
-  if (xmlTextReaderNodeType(reader) != XML_READER_TYPE_ELEMENT || xmlTextReaderDepth(reader) != 2 ||
-      fromXmlChar(xmlTextReaderConstName(reader)) != "problem") {
-    return false;
+/// How many elements of the document, be it as long as it is, are what `isCounted` looks for.
+int countElements(const std::string& path, bool (*isCounted)(xmlTextReaderPtr)) {
+  const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status {};
+  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+      status.st_size > LARGEST_COUNTED_BYTES) {
+    return 0;
   }
+  const auto reader = readerOf(file);
+  int count = 0;
+  while (reader && xmlTextReaderRead(reader.get()) == 1) {
+    if (xmlTextReaderNodeType(reader.get()) == XML_READER_TYPE_ELEMENT && isCounted(reader.get())) {
+      ++count;
+    }
+  }
+  return count;
+}
+
+bool isAt(xmlTextReaderPtr reader, int depth, const char* name) {
+  return xmlTextReaderDepth(reader) == depth && fromXmlChar(xmlTextReaderConstName(reader)) == name;
+}
+
+/// True at <execution-result><message>.
+bool isAtMessage(xmlTextReaderPtr reader) {
+  return isAt(reader, 1, "message");
+}
+
+/// True at <dump><problems><problem severity="error">.
+bool isAtError(xmlTextReaderPtr reader) {
+  if (!isAt(reader, 2, "problem")) return false;
   const XmlText severity(xmlTextReaderGetAttribute(reader, toXmlChar("severity")));
   return severity && fromXmlChar(severity.get()) == "error";
 }
@@ -61,24 +88,11 @@ std::vector<std::string> readCauses(const std::string& session, Step step) {
 }
 
 int countProblems(const std::string& session, Step step) {
-  const auto document = readDocument(session + "/" + resultLogOf(step), "");
-  if (!document) return 0;
-  const tXPathExpr found(document->document(), "/execution-result/message");
-  const xmlNodeSetPtr nodes = found.getNodeSet();
-  return nodes ? nodes->nodeNr : 0;
+  return countElements(session + "/" + resultLogOf(step), isAtMessage);
 }
 
 int countDumpErrors(const std::string& session) {
-  const UniqueFd file(
-      open((session + DUMP).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  struct stat status {};
-  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
-  const auto reader = readerOf(file);
-  int errors = 0;
-  while (reader && xmlTextReaderRead(reader.get()) == 1) {
-    if (isAtError(reader.get())) ++errors;
-  }
-  return errors;
+  return countElements(session + DUMP, isAtError);
 }
 
 std::string describeProgress(const std::string& session, Step step, const std::string& since) {

@@ -14,11 +14,11 @@ namespace migrate {
 /// caused it.
 std::vector<std::string> readCauses(const std::string& session, Step step);
 
-/// How many problems the result log of a step holds.
+/// How many problems the result log of a step holds; 0 for one of more than 256 MiB.
 int countProblems(const std::string& session, Step step);
 
-/// How many things the description of the dump says to be missing from it, in whatever size
-/// it has. Agents of others may say so in another way.
+/// How many things the description of the dump says to be missing from it; 0 for one of more
+/// than 256 MiB. Agents of others may say so in another way.
 int countDumpErrors(const std::string& session);
 
 /// The name of the step's result log in the session directory.

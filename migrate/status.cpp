@@ -33,6 +33,15 @@ std::string restingText(const State& state) {
   return "finished";
 }
 
+/// What a step that is done could not do.
+std::string problemsText(const std::string& session, Step step) {
+  const int errors = step == Step::DUMP ? countDumpErrors(session) : 0;
+  if (errors > 0) return ", errors in dump.xml: " + std::to_string(errors);
+  const int problems = step == Step::CONTENT ? countProblems(session, step) : 0;
+  if (problems > 0) return ", problems in transfer.result: " + std::to_string(problems);
+  return "";
+}
+
 std::string stepText(const State& state, Step step, bool isRunning, const std::string& session) {
   const StepRecord& record = state.of(step);
   const bool isCutShort = record.progress == Progress::RUNNING && !isRunning;
@@ -42,11 +51,7 @@ std::string stepText(const State& state, Step step, bool isRunning, const std::s
     text += ", took " + formatDuration(secondsBetween(record.started, record.ended));
   }
   if (!record.reason.empty()) text += ": " + record.reason;
-  if (step == Step::DUMP && record.progress == Progress::DONE) {
-    if (const int errors = countDumpErrors(session)) {
-      text += ", errors in dump.xml: " + std::to_string(errors);
-    }
-  }
+  if (record.progress == Progress::DONE) text += problemsText(session, step);
   if (record.progress == Progress::RUNNING && isRunning) {
     const std::string progress = describeProgress(session, step, record.started);
     if (!progress.empty()) text += ": " + progress;

@@ -310,11 +310,12 @@ def test_a_run_begun_by_hand_is_waited_for_and_left_alone(imitated):
 
 def test_tells_of_problems_of_a_success(imitated):
     imitated.does("dump", f"echo '<dump><problems><problem severity=\"error\"/></problems></dump>' > {PLACE}/dump.xml")
-    imitated.does("content", "echo '<execution-result status=\"success\"><message/><message/></execution-result>' "
-                             f"> {PLACE}/transfer.result")
+    # Longer than a document that the role itself would read.
+    imitated.does("content", "echo \"<execution-result status='success'>$(yes '<message/>' | head -n 200000)"
+                             f"</execution-result>\" > {PLACE}/transfer.result")
     begin(imitated)
     found = look(imitated, wait_seconds=30)
-    assert (found["state"], found["problems"]) == ("finished", 3)
+    assert (found["state"], found["problems"]) == ("finished", 200001)
 
 
 def test_what_was_refused_and_then_made_by_hand_is_finished(imitated):

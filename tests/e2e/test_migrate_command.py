@@ -524,6 +524,7 @@ def test_counts_the_problems_of_the_content(imitated):
     imitated.does("content", f"echo '<execution-result status=\"success\"><message/><message/></execution-result>' "
                              f"> {SESSION}/transfer.result")
     assert b", problems in transfer.result: 2\n" in imitated.run(*ALL).stdout
+    assert status()["content"].endswith(", problems in transfer.result: 2")
 
 
 def test_counts_what_the_dump_says_to_be_missing(imitated):

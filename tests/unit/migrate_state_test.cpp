@@ -134,6 +134,16 @@ TEST_F(MigrateStateTest, CausesAreThoseOfTheLastErrorOutermostFirst) {
   EXPECT_EQ(migrate::readCauses(session(), Step::DUMP), std::vector<std::string>{});
 }
 
+TEST_F(MigrateStateTest, CountsTheProblemsOfALongResult) {
+  std::string result = "<execution-result status='success'>";
+  for (int i = 0; i < 5000; ++i) {
+    result +=
+        "<message><description>" + std::string(300, 'x') + "</description><message/></message>";
+  }
+  writeFile(session() + "/transfer.result", result + "</execution-result>");
+  EXPECT_EQ(migrate::countProblems(session(), Step::CONTENT), 5000);
+}
+
 TEST_F(MigrateStateTest, CountsWhatTheDumpSaysToBeMissing) {
   EXPECT_EQ(migrate::countDumpErrors(session()), 0);
   const std::string problems =
@@ -148,6 +158,8 @@ TEST_F(MigrateStateTest, CountsWhatTheDumpSaysToBeMissing) {
   for (int i = 0; i < 3000; ++i) large += domain;
   writeFile(path, large + problems + "</dump>");
   EXPECT_EQ(migrate::countDumpErrors(session()), 2);
+  ASSERT_EQ(truncate(path.c_str(), (256 << 20) + 1), 0);
+  EXPECT_EQ(migrate::countDumpErrors(session()), 0);
   for (const std::string& other : {std::string("<dump><domain>") + problems + "</domain></dump>",
                                    std::string("no XML"), std::string(), std::string("<dump/>")}) {
     writeFile(path, other);

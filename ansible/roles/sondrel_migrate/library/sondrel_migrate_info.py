@@ -38,6 +38,8 @@ LOOK_SECONDS = 5
 LOG_TAIL_BYTES = 1 << 16
 # The settings were refused, somebody else was at work, the program is missing.
 BEGUN_NOTHING = (1, 4, 127)
+# What the status of sondrel-migrate ends with.
+PROBLEMS = {"dump": r", errors in dump\.xml: (\d+)\Z", "content": r", problems in transfer\.result: (\d+)\Z"}
 
 
 def last_run(session):
@@ -75,12 +77,10 @@ def size_of(folder):
     return size, count
 
 
-def problems_in(session, status):
-    """How many messages the content came with, those of a failure being its reason, and how many errors the dump."""
-    result = read_document(session + "/transfer.result")
-    messages = len(result.findall("message")) if result is not None and result.get("status") == "success" else 0
-    errors = re.search(r", errors in dump\.xml: (\d+)\Z", status.get("dump", ""))
-    return messages + (int(errors.group(1)) if errors else 0)
+def problems_in(status):
+    """How many messages the content came with, and how many errors the dump, though both are done."""
+    found = [re.search(pattern, status.get(step, "")) for step, pattern in PROBLEMS.items()]
+    return sum(int(number.group(1)) for number in found if number)
 
 
 def standing(text, at_work):
@@ -122,7 +122,7 @@ def collected(module, program, session):
     content = recorded_settings(session).get("dumps-dir", session + "/archives")
     size, count = size_of(content)
     return {"state": state, "step": step, "exit_code": code, "reason": reason, "output": output, "steps": steps,
-            "bytes": size, "files": count, "problems": problems_in(session, status), "session": session,
+            "bytes": size, "files": count, "problems": problems_in(status), "session": session,
             "dump": session + "/dump.xml", "content": content}
 
 

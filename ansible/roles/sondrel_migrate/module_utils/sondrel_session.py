@@ -75,7 +75,7 @@ def status_of(module, program, session):
 def read_document(path):
     """The root of an XML document; None where there is none.
 
-    The service account may write some of them: one that could do harm is refused.
+    One that could do harm is refused.
     """
     try:
         descriptor = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK)
