@@ -263,6 +263,44 @@ END
 }
 
 {
+    my ($sites, $problems) = sites_of(<<'END', 'srv/robots' => 'x', map { ("srv/$_/" => undef) } qw(a b));
+<VirtualHost *:80>
+    ServerName a.test
+    DocumentRoot /srv/a
+</VirtualHost>
+<VirtualHost *:443>
+    ServerName a.test
+    DocumentRoot /srv/b
+    Alias /robots.txt /srv/robots
+    Alias /icons /usr/share/apache2/icons
+    SSLEngine on
+    SSLCertificateFile ssl/rsa.pem
+    SSLCertificateFile ssl/ec.pem
+    SSLCertificateKeyFile ssl/rsa.key
+    SSLCertificateKeyFile ssl/ec.key
+    SSLCACertificateFile ssl/ca.pem
+</VirtualHost>
+<VirtualHost *:80>
+    ServerName moved.test
+    DocumentRoot /srv/unused
+    Redirect permanent / https://moved.test/
+</VirtualHost>
+<VirtualHost *:443>
+    ServerName moved.test
+    DocumentRoot /srv/a
+</VirtualHost>
+END
+    my $site = $sites->{'a.test'};
+    is_deeply $site->{roots}, ['/srv/a', '/srv/b'], 'hosts of one name may have several document roots';
+    is_deeply $sites->{'moved.test'}{roots}, ['/srv/a'], 'one that nothing is served from is none';
+    is_deeply $site->{tls}, { certificate => '/etc/apache2/ssl/rsa.pem', key => '/etc/apache2/ssl/rsa.key' },
+        'the first of several certificates is that of the site';
+    is_deeply [sort @{ $site->{files} }], [sort '/srv/robots', map {"/etc/apache2/ssl/$_"} qw(rsa.pem rsa.key ec.pem
+        ec.key ca.pem)], 'and it needs all of them, and single files';
+    is_deeply $problems, [], 'without a problem';
+}
+
+{
     my ($tree, $problems) = imitated('etc/passwd' => '');
     is_deeply [Linux::Apache::sites($tree, $problems)], [], 'a system without Apache has no sites';
     is $problems->count, 0, 'and no problem';

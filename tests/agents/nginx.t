@@ -210,6 +210,43 @@ END
 }
 
 {
+    my ($sites, $problems) = sites_of(<<'END', map { ("$_/" => undef) } qw(srv/a srv/b srv/c usr/share/nginx/html));
+server { server_name a.test; location / { root /srv/a; index index.html; } location = /50x.html { root /usr/share/nginx/html; } }
+server { server_name b.test; location ^~ / { alias /srv/b/; } }
+server { server_name both.test; root /srv/a; location /x { root /srv/c; } location / { root /srv/b; } }
+server { server_name packaged.test; location / { root /usr/share/nginx/html; } }
+server { server_name part.test; location /part { root /srv/c; } }
+END
+    my %found = map { $_ => [$sites->{$_}{root}, @{ $sites->{$_}{roots} }] } keys %$sites;
+    is_deeply \%found, {
+        'a.test' => [('/srv/a') x 2], 'b.test' => [('/srv/b') x 2], 'both.test' => [qw(/srv/b /srv/b /srv/c /srv/a)],
+        'packaged.test' => [('/usr/share/nginx/html') x 2], 'part.test' => [undef, '/srv/c'],
+    }, 'the folder of the location of everything is the document root' or diag explain \%found;
+    is_deeply $problems, [], 'without a problem';
+}
+
+{
+    my ($sites) = sites_of(<<'END', 'srv/a/' => undef, 'srv/robots' => 'x', 'etc/nginx/ca.pem' => 'x');
+ssl_certificate of-all.pem; ssl_certificate_key of-all.key;
+server {
+    listen 443 ssl; server_name a.test; root /srv/a;
+    ssl_certificate rsa.pem; ssl_certificate_key rsa.key;
+    ssl_certificate ec.pem; ssl_certificate_key ec.key;
+    ssl_trusted_certificate ca.pem; ssl_dhparam dh.pem; ssl_password_file passwords;
+    location = /robots.txt { alias /srv/robots; }
+}
+server { listen 443 ssl; server_name b.test; root /srv/a; }
+END
+    my $site = $sites->{'a.test'};
+    is_deeply $site->{tls}, { certificate => '/etc/nginx/rsa.pem', key => '/etc/nginx/rsa.key' },
+        'the first of several certificates is that of the site';
+    is_deeply [sort @{ $site->{files} }], [sort '/srv/robots', map {"/etc/nginx/$_"} qw(rsa.pem rsa.key ec.pem ec.key
+        ca.pem dh.pem passwords)], 'and it needs all of them, what goes with them, and single files';
+    is_deeply $site->{roots}, ['/srv/a'], 'which are no roots';
+    is $sites->{'b.test'}{tls}{key}, '/etc/nginx/of-all.key', 'a server without one has that of all';
+}
+
+{
     my ($tree, $problems) = imitated('etc/passwd' => '');
     is_deeply [Linux::Nginx::sites($tree, $problems)], [], 'a system without nginx has no sites';
     is $problems->count, 0, 'and no problem';

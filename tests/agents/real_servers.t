@@ -85,7 +85,7 @@ sub agrees {
 {
     my $port = free_port();
     my $folder = folder_with(qw(a b-inner c/h1.test c/h2.test set/x/y mapped wild regex mass/m1.test mass/m2.test
-        quoted/in default));
+        quoted/in default location alias));
     my @logs = map {"$_ off;"} 'access_log';
     write_file("$folder/nginx.conf", <<"END");
 daemon off; pid $folder/pid; error_log $folder/error.log;
@@ -120,6 +120,8 @@ server { listen 127.0.0.1:$port; server_name r7.test; root $folder/\$mapped; }
 server { listen 127.0.0.1:$port; server_name *.test; root $folder/mass/\$host; }
 server { listen 127.0.0.1:$port; server_name inherits.test; }
 server { listen 127.0.0.1:$port; server_name old.test; return 301 http://a.test\$request_uri; }
+server { listen 127.0.0.1:$port; server_name l.test; root $folder; location / { root $folder/location; } }
+server { listen 127.0.0.1:$port; server_name s.test; location ^~ / { alias $folder/alias/; } }
 server { listen 127.0.0.1:$port; server_name q.test; location ~ "^/(?!x{2,3}).*" { root '$folder/quoted/in'; } root $folder; }
 END
     write_file("$folder/sites/snippet", "root $folder/\$inner;\n");
@@ -127,7 +129,7 @@ END
     my $problems = Agent::Problems->new;
     my @sites = Linux::Nginx::sites(Linux::Tree->new, $problems);
     is_deeply [sort map { $_->{name} } @sites], [sort "default-$port",
-        map {"$_.test"} qw(a b h1 set m x.map r7 inherits q m1 m2)],
+        map {"$_.test"} qw(a b h1 set m x.map r7 inherits q l s m1 m2)],
         'nginx has its sites' or diag explain [map { $_->{name} } @sites];
     is_deeply problem_texts($problems), [], 'without a problem';
     with_server($port, ['nginx', '-p', $folder, '-c', "$folder/nginx.conf"], sub {

@@ -5,6 +5,7 @@ package Linux::Apache;
 use strict;
 use warnings;
 use Agent::Process qw(run which breathe);
+use Errno qw(EACCES);
 use Linux::ApacheConfig;
 use Linux::Site qw(new_block add_once is_host_name target_host join_blocks below);
 
@@ -25,6 +26,7 @@ my %COLLECT = (
     redirectpermanent => sub { add_redirect($_[0], $_[1], 'permanent', @_[2 .. $#_]) },
     redirecttemp => sub { add_redirect($_[0], $_[1], 'temp', @_[2 .. $#_]) },
     rewriterule => \&add_rewrite, authuserfile => \&add_file, authgroupfile => \&add_file,
+    sslcacertificatefile => \&add_file, sslcarevocationfile => \&add_file,
     proxypass => \&add_proxy, proxypassmatch => \&add_proxy, sethandler => \&add_handler,
     addhandler => \&add_handler, fcgidwrapper => \&add_wrapper,
     suexecusergroup => \&add_user, assignuserid => \&add_user,
@@ -124,10 +126,14 @@ sub host_blocks {
     $self->{block} = $block;
     $self->add_names(@plain);
     $self->collect(\@directives, '/');
-    my %last = map { $_->{name} => $_->{args}[0] } grep { @{ $_->{args} } } @plain;
+    my (%last, %all);
+    for my $directive (grep { @{ $_->{args} } } @plain) {
+        $last{ $directive->{name} } = $directive->{args}[0];
+        push @{ $all{ $directive->{name} } }, $directive->{args}[0];
+    }
     my $tls = defined $last{sslengine} && lc $last{sslengine} ne 'off' ? 1 : 0;
     push @{ $block->{listen} }, map { listen_of($_, $tls) } @{ $host->{args} };
-    $self->add_tls(\%last) if $tls;
+    $self->add_tls(\%all) if $tls;
     $block->{php_addresses} = $base->{php_addresses} if !@{ $block->{php_addresses} };
     $block->{php_module} = $base->{php_module} if $base->{php_module};
     $block->{php_settings} = { %{ $base->{php_settings} }, %{ $block->{php_settings} } };
@@ -138,6 +144,8 @@ sub host_blocks {
     $block->{root} = $own if defined $own;
     $block->{content} = (defined $block->{root} || @{ $block->{roots} } || @{ $block->{proxies} })
         && !$self->leads_away ? 1 : 0;
+    # A host of the same name may have another one.
+    add_once($block->{roots}, $block->{root}) if $block->{content};
     $self->add_global_access;
     add_once($block->{config}, $host->{file}, files_of(@directives));
     return @own_hosts if Linux::Site::is_spent($block, @own_hosts);
@@ -237,7 +245,8 @@ sub add_root_folder {
     my ($self, $from, $to) = @_;
     return if $from =~ m{\A/\.well-known/acme-challenge};
     my $folder = $self->folder($to);
-    add_once($self->{block}{roots}, $folder) if $self->{tree}->is_dir($folder);
+    # One that this account may not look at is there all the same.
+    add_once($self->{block}{roots}, $folder) if $self->{tree}->exists($folder) || $! == EACCES;
     return;
 }
 
@@ -321,16 +330,19 @@ sub add_php {
     return;
 }
 
+# There may be several certificates, of different kinds; the first of them is the site's.
 sub add_tls {
-    my ($self, $last) = @_;
-    my $certificate = $last->{sslcertificatefile};
-    return if !defined $certificate;
-    my $key = defined $last->{sslcertificatekeyfile} ? $last->{sslcertificatekeyfile} : $certificate;
-    my %tls = (certificate => $certificate, key => $key, chain => $last->{sslcertificatechainfile});
-    delete $tls{chain} if !defined $tls{chain};
-    $_ = $self->{config}->absolute($_) for values %tls;
-    $self->{block}{tls} = \%tls;
-    add_once($self->{block}{files}, grep {defined} @tls{qw(certificate key chain)});
+    my ($self, $values) = @_;
+    my %files;
+    for my $name (grep { $values->{$_} } map {"sslcertificate${_}file"} '', 'key', 'chain') {
+        $files{$name} = [map { $self->{config}->absolute($_) } @{ $values->{$name} }];
+    }
+    my $certificates = $files{sslcertificatefile} or return;
+    my $keys = $files{sslcertificatekeyfile} || $certificates;
+    my $chains = $files{sslcertificatechainfile} || [];
+    $self->{block}{tls} = { certificate => $certificates->[0], key => $keys->[0],
+        @$chains ? (chain => $chains->[0]) : () };
+    add_once($self->{block}{files}, @$certificates, @$keys, @$chains);
     return;
 }
 

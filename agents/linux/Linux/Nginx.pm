@@ -13,6 +13,11 @@ our @MAIN_FILES = qw(/etc/nginx/nginx.conf /usr/local/nginx/conf/nginx.conf /opt
 # Where relative paths of documents and logs start, and the documents of a server without a root are.
 my @PREFIXES = qw(/usr/share/nginx /usr/local/nginx /opt/nginx);
 
+# Directives that name a file that a site cannot be served without.
+my %NEEDED_FILE = map { $_ => 1 } qw(
+    auth_basic_user_file ssl_client_certificate ssl_trusted_certificate ssl_crl ssl_dhparam ssl_password_file
+);
+
 my $MOST_VALUES = 1000;
 my $HOST_VARIABLE = qr/\A(?:host|http_host|server_name|ssl_server_name)\z/;
 
@@ -64,11 +69,26 @@ sub variable_name {
     return $word;
 }
 
-# The last value of what a block inside takes over unless it sets it itself.
+# What a block inside takes over unless it sets it itself: { name => [directives] }. There
+# may be several certificates, of different kinds.
 sub simple_values {
     my ($directives) = @_;
     my %inherits = map { $_ => 1 } qw(root ssl_certificate ssl_certificate_key);
-    return map { $_->{name} => $_ } grep { $inherits{ $_->{name} } && @{ $_->{args} } } @$directives;
+    my %values;
+    push @{ $values{ $_->{name} } }, $_ for grep { $inherits{ $_->{name} } && @{ $_->{args} } } @$directives;
+    return %values;
+}
+
+# The folder that the location of everything has of its own, if any: it, and not that of
+# the server, is the document root then.
+sub main_folder {
+    my @directives = @_;
+    for my $location (named('location', @directives)) {
+        next if join(' ', @{ $location->{args} }) !~ m{\A(?:\^~ )?/\z};
+        my ($folder) = grep { $_->{name} =~ /\A(?:root|alias)\z/ && @{ $_->{args} } } @{ $location->{block} };
+        return $folder if $folder;
+    }
+    return undef;
 }
 
 # The record of a server, and of those that an unclosed block has swallowed.
@@ -76,7 +96,8 @@ sub server_blocks {
     my ($self, $server, $inherited) = @_;
     breathe();
     my @directives = @{ $server->{block} };
-    my %scope = (%$inherited, simple_values(\@directives));
+    my %own = simple_values(\@directives);
+    my %scope = (%$inherited, %own);
     my $block = new_block('nginx', @$server{qw(file line)});
     $self->{block} = $block;
     $self->{sets}  = {};
@@ -87,7 +108,7 @@ sub server_blocks {
     $self->collect_sets(\@directives);
     $self->collect(\@directives, '/', {});
     $self->add_tls(\%scope);
-    my @own_hosts = $returns ? () : $self->add_root(\%scope);
+    my @own_hosts = $returns ? () : $self->add_roots(scalar main_folder(@directives), $own{root}, $scope{root});
     $block->{content} = !$returns && (defined $block->{root} || @{ $block->{roots} } || @{ $block->{proxies} }
             || @{ $block->{php_addresses} }) ? 1 : 0;
     add_once($block->{config}, $server->{file}, files_of(@directives));
@@ -156,9 +177,7 @@ sub collect {
         if ($name =~ /\A(?:allow|deny|auth_basic|satisfy|auth_request|internal)\z/) {
             push @{ $block->{access} }, { path => $path, rule => join ' ', $name, @$args };
         }
-        elsif ($name eq 'auth_basic_user_file') {
-            add_once($block->{files}, $self->files($args->[0]));
-        }
+        elsif ($NEEDED_FILE{$name}) { add_once($block->{files}, $self->files($args->[0])) }
         elsif ($name =~ /\A(?:access|error)_log\z/) {
             add_once($block->{logs}, $self->prefixed($args->[0])) if $args->[0] =~ m{\A[^\$]*/[^\$]*\z};
         }
@@ -223,8 +242,8 @@ sub add_tls {
     my $certificate = $scope->{ssl_certificate};
     return if !$certificate || !grep { $_->{tls} } @{ $block->{listen} };
     my $key = $scope->{ssl_certificate_key} || $certificate;
-    my @certificates = $self->files($certificate->{args}[0]);
-    my @keys = $self->files($key->{args}[0]);
+    my @certificates = map { $self->files($_->{args}[0]) } @$certificate;
+    my @keys = map { $self->files($_->{args}[0]) } @$key;
     $block->{tls} = { certificate => $certificates[0], key => $keys[0] } if @certificates;
     add_once($block->{files}, @certificates, @keys);
     return;
@@ -243,16 +262,18 @@ sub prefixed {
     return $self->{tree}->tidy($path =~ m{^/} ? $path : "$self->{prefix}/$path");
 }
 
-# Sets the document root; with one folder for each host, gives a record for each.
-sub add_root {
-    my ($self, $scope) = @_;
+# Sets the document root from the folder of the main location, or from the root that counts
+# in the server, of which `own` are the server's own. With one folder for each host, gives
+# a record for each.
+sub add_roots {
+    my ($self, $main, $own, $root) = @_;
     my $block = $self->{block};
-    my $directive = $scope->{root};
-    if (!$directive) {
-        $block->{root} = "$self->{prefix}/html" if !@{ $block->{proxies} } && !@{ $block->{redirects} };
+    my @directives = $main ? ($main, @{ $own || [] }) : @{ $root || [] };
+    if (!@directives) {
+        $block->{root} = "$self->{prefix}/html" if !grep {@$_} @$block{qw(roots proxies redirects)};
         return;
     }
-    my @folders = $self->folders($directive->{args}[0], $directive);
+    my @folders = map { $self->folders($_->{args}[0], $_) } @directives;
     my @hosts = grep { defined $_->{host} } @folders;
     @folders = grep { !defined $_->{host} } @folders;
     $block->{root} = $folders[0]{path} if @folders;

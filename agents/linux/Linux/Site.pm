@@ -172,7 +172,8 @@ sub default_name {
     return "default-$ports[0]";
 }
 
-# Leaves the existing roots that are a site's and not inside another one; its own first.
+# Leaves the existing roots that are a site's and not inside another one; its own first. A
+# single file in the place of a folder is one that the site needs besides.
 sub finish_roots {
     my ($tree, $problems, $site) = @_;
     my (@kept, @real);
@@ -190,6 +191,10 @@ sub finish_roots {
             $real = $root;
         }
         next if grep { below($real, $_) } @real;
+        if (!$is_own && $tree->is_file($real)) {
+            add_once($site->{files}, $root);
+            next;
+        }
         if ($real =~ $SYSTEM) {
             $problems->add(severity => 'error', object => $site->{name},
                 text => "Document root $root is a folder of the system and is left out");
