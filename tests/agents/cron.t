@@ -29,6 +29,11 @@ for my $spool ('var/spool/cron/crontabs', 'var/spool/cron') {
     is_deeply problem_texts($problems), [], 'without a problem';
 }
 
+my ($red_hat, $none) = imitated('etc/os-release' => "ID=rocky\n", map { ("etc/cron.d/$_" => "\@daily bob $_\n") }
+    '#old', qw(shop.example 0hourly .hidden copy~ a.rpmsave a.rpmnew a.rpmorig));
+is_deeply [map { $_->{command} } @{ Linux::Cron::all($red_hat, $none)->{bob}{jobs} }], [qw(0hourly shop.example)],
+    'cron of the Red Hat family reads other names too';
+
 my ($tree, $problems) = imitated('var/spool/cron/crontabs/alice' => 'x', 'etc/cron.d/' => undef);
 chmod 0711, $tree->root or die $!;
 chmod 0700, $tree->path('/var/spool/cron/crontabs') or die $!;

@@ -23,7 +23,7 @@ sub server_block {
 
 my ($tree) = imitated(
     'etc/passwd' => "root:x:0:0:root:/root:/bin/sh\nwww-data:x:33:33::/var/www:/bin/false\n"
-        . "vmail:x:${VMAIL}:${VMAIL}::/var/vmail:/bin/false\nalice:x:${ALICE}:${ALICE}::/home/alice:/bin/sh\n"
+        . "vmail:x:${VMAIL}:${VMAIL}::/var/vmail:/bin/false\ndaemon:x:1:1::/:/bin/false\nalice:x:${ALICE}:${ALICE}::/home/alice:/bin/sh\n"
         . "bob:x:${BOB}:${BOB}::/home/bob:/bin/sh\n",
     'etc/group' => "root:x:0:\nalice:x:$ALICE:\nbob:x:$BOB:\n",
     'etc/aliases' => "root: admin\@a.test\n",
@@ -44,7 +44,10 @@ my ($tree) = imitated(
     'var/mail/vhosts/a.test/info/new/' => undef, 'var/mail/vhosts/a.test/info/cur/' => undef,
     'var/vmail/only-mail.test/x/new/' => undef, 'var/vmail/only-mail.test/x/cur/' => undef,
     'var/spool/cron/crontabs/alice' => "# mine\nMAILTO=x\n5 * * * * run this\n",
+    'var/spool/cron/crontabs/www-data' => "\@daily tidy\n",
+    'var/spool/cron/crontabs/carol' => "\@daily back up\n",
     'etc/cron.d/app' => "\@daily bob /home/bob/job\n",
+    'etc/cron.d/packaged' => "\@daily daemon job of a package\n",
     'etc/crontab' => "1 2 * * * root system job\n",
 );
 
@@ -127,12 +130,18 @@ is_deeply members('content/clients/alice.tar.gz'),
     [qw(./home/alice/app/config.php ./var/spool/cron/crontabs/alice)],
     'a client has jobs, and files of the home that are in no site';
 is_deeply members('content/clients/bob.tar.gz'), [qw(./etc/cron.d/app ./home/bob/notes)], 'or in no mailbox';
+is_deeply [grep {/spool/} @{ members('content/server/settings.tar.gz') }],
+    [map {"./var/spool/cron/crontabs/$_"} qw(carol www-data)],
+    "cron tables of accounts without a site are with the host's settings";
 is_deeply members('content/mailboxes/bob.tar.gz'), ['./home/bob/Maildir/new/1'], 'mailboxes are packed';
 
 sub problem_of { return found(qq(string(//problem[\@object="$_[0]" and contains(., "$_[1]")]/\@severity))) }
 
 is problem_of('missing.test', 'does not exist'), 'warning', 'a missing root is a problem';
 is problem_of('whole.test', '/ is a folder of the system'), 'error', 'the system is not packed as a site';
+is problem_of('carol', 'cron jobs but no site'), 'warning', 'jobs of an account without a site are named';
+is problem_of('www-data', 'cron jobs but no site'), 'info', 'so are those of a service';
+is problem_of('daemon', 'cron jobs but no site'), '', 'but not those of packages';
 is problem_of('/etc/sondrel/resellers', 'nobody-here'), 'warning', 'an unknown user of a reseller is a problem';
 
 # --- more problems than a document should have ---

@@ -79,7 +79,7 @@ sub item {
 sub settings_of {
     my ($self, $server) = @_;
     my $name = $self->name_for('server', 'settings', '.tar');
-    my @paths = grep { $self->{tree}->exists($_) } @SETTINGS;
+    my @paths = grep { $self->{tree}->exists($_) } @SETTINGS, $self->{inventory}->tables_of_others;
     return $self->item('settings', 'server', $server, $name, paths => \@paths);
 }
 

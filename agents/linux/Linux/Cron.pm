@@ -4,11 +4,16 @@ package Linux::Cron;
 
 use strict;
 use warnings;
+use Linux::System;
 
 # Debian's and the Red Hat family's folder of the users' own tables.
 my @SPOOLS = qw(/var/spool/cron/crontabs /var/spool/cron);
 my $SYSTEM_TABLE  = '/etc/crontab';
 my $SYSTEM_FOLDER = '/etc/cron.d';
+
+# The names that cron reads in that folder: Debian's own, and that of the Red Hat family.
+my $DEBIAN_NAME  = qr/\A[A-Za-z0-9_-]+\z/;
+my $RED_HAT_NAME = qr/\A(?![.#]).*(?<!~)(?<!\.rpmsave)(?<!\.rpmorig)(?<!\.rpmnew)\z/s;
 
 # { user => { crontab => path or undef, files => [system tables with jobs of the
 # user], jobs => [{ when, command, file }] } }
@@ -43,8 +48,9 @@ sub add_system_job {
 
 sub system_tables {
     my ($tree, $problems) = @_;
-    # cron itself reads no other names there.
-    my @names = grep {/\A[A-Za-z0-9_-]+\z/} names_in($tree, $problems, $SYSTEM_FOLDER);
+    my $is_red_hat = Linux::System::distribution($tree)->{family} eq 'redhat';
+    my $read = $is_red_hat ? $RED_HAT_NAME : $DEBIAN_NAME;
+    my @names = grep { $_ =~ $read } names_in($tree, $problems, $SYSTEM_FOLDER);
     return grep { $tree->is_file($_) } $SYSTEM_TABLE, map {"$SYSTEM_FOLDER/$_"} @names;
 }
 

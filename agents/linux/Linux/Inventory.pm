@@ -60,6 +60,13 @@ sub servers { return $_[0]{database_servers}->servers }
 # The object that dumps databases.
 sub database_servers { return $_[0]{database_servers} }
 
+# The cron tables of accounts that are no clients.
+sub tables_of_others {
+    my ($self) = @_;
+    my %client = map { $_->{name} => 1 } $self->clients;
+    return grep {defined} map { $self->{cron}{$_}{crontab} } grep { !$client{$_} } sort keys %{ $self->{cron} };
+}
+
 # { domains, databases, mailboxes } that belong to no client. What is in the domains
 # is not named again.
 sub unassigned { return $_[0]{unassigned} }
@@ -152,9 +159,11 @@ sub name_those_left_over {
     my %client = map { $_->{name} => 1 } $self->clients;
     for my $name (grep { !$client{$_} } sort keys %{ $self->{cron} }) {
         my $account = $self->{users}->by_name($name);
-        next if $account && $self->{users}->is_system($account);
-        $self->{problems}->add(severity => 'warning', object => $name,
-            text => 'Has cron jobs but no site, so that the jobs are in no dump');
+        my $is_system = $account && $self->{users}->is_system($account);
+        # What packages have put into the system's own tables comes with them again.
+        next if $is_system && !defined $self->{cron}{$name}{crontab};
+        $self->{problems}->add(severity => $is_system ? 'info' : 'warning', object => $name,
+            text => "Has cron jobs but no site: the jobs are only in the archive of the host's own settings");
     }
     for my $site (grep { !defined $_->{owner} } $self->sites) {
         $self->{problems}->add(severity => 'warning', object => $site->{name},
