@@ -39,6 +39,32 @@ is_deeply $mailboxes, { alice => '/var/mail/alice' }, 'a file named like an acco
 
 my $problems;
 ($mailboxes, $problems) = found(
+    maildir('var/mail/alice'), maildir('var/mail/c.test/info'), 'var/mail/stranger' => 'From x',
+    'var/spool/mail' => \'../mail', maildir('data/spool/bob'),
+    'etc/postfix/main.cf' => "mail_spool_directory = /data/spool/\nvirtual_mailbox_maps = hash:/etc/postfix/none\n",
+);
+is_deeply $mailboxes, { alice => '/var/mail/alice', 'info@c.test' => '/var/mail/c.test/info', bob => '/data/spool/bob' },
+    'Maildirs may be where the files of the accounts are, and that is where the mail server says';
+is_deeply $problems, [
+    'info /etc/postfix/none: The map is not there as a text; mailboxes are searched for in folders',
+    'info /var/mail/stranger: Is named like no account and is not taken as a mailbox',
+], 'what is nobody\'s is told' or diag explain $problems;
+
+for my $other (["mail_location = mdbox:/data/%d/%n\n", 'warning', 'mdbox'],
+    ["mail_location = mbox:~/mail:INBOX=/var/mail/%u\n", 'info', 'mbox'],
+    ["mail_driver = sdbox\nmail_path = %{home}/mail\n", 'info', 'sdbox'])
+{
+    my ($settings, $severity, $format) = @$other;
+    (undef, $problems) = found('etc/dovecot/dovecot.conf' => $settings);
+    is @$problems, 1, "mail in the format $format is a problem";
+    like $problems->[0], qr{\A$severity /etc/dovecot/dovecot.conf: Mail at \S+ is in the format $format }, 'that says so';
+}
+(undef, $problems, my @both) = found(maildir('data/me/all'), maildir('data/me/in'),
+    'etc/dovecot/dovecot.conf' => "mail_location = maildir:/data/%n/all:INBOX=/data/%n/in\n");
+is_deeply [map { $_->{path} } @both], ['/data/me/all', '/data/me/in'], 'an inbox may have a place of its own';
+is_deeply $problems, [], 'Maildirs are no problem';
+
+($mailboxes, $problems) = found(
     'etc/postfix/main.cf' => "# virtual_mailbox_base = /wrong\nhome_mailbox = .mail/\nwhere = /data\n"
         . "virtual_mailbox_base = \${where}/mail\nvirtual_mailbox_maps = hash:/etc/postfix/boxes,\n"
         . "    mysql:/etc/postfix/sql.cf\n",

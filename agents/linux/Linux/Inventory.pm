@@ -64,7 +64,8 @@ sub database_servers { return $_[0]{database_servers} }
 sub tables_of_others {
     my ($self) = @_;
     my %client = map { $_->{name} => 1 } $self->clients;
-    return grep {defined} map { $self->{cron}{$_}{crontab} } grep { !$client{$_} } sort keys %{ $self->{cron} };
+    my @others = grep { !$client{$_} } sort keys %{ $self->{cron} };
+    return grep {defined} map { $self->{cron}{$_}{crontab} } @others;
 }
 
 # { domains, databases, mailboxes } that belong to no client. What is in the domains

@@ -26,7 +26,9 @@ sub all {
     $self->from_dovecot;
     $self->from_accounts("Maildir", 'the usual folder in a home');
     $self->from_folder($_, $_, 0) for grep { $tree->is_dir($_) } @USUAL_FOLDERS;
-    $self->from_spool($_) for @SPOOLS;
+    my %seen;
+    $self->from_spool($_)
+        for grep { $tree->is_dir($_) && !$seen{ $tree->real($_) }++ } @SPOOLS, $self->{own_spool} || ();
     return sort { $a->{address} cmp $b->{address} || $a->{path} cmp $b->{path} } @{ $self->{found} };
 }
 
@@ -79,14 +81,21 @@ sub from_accounts {
     return;
 }
 
-# Files named like accounts.
+# Files named like accounts, and Maildirs.
 sub from_spool {
     my ($self, $spool) = @_;
     my $tree = $self->{tree};
     for my $name ($tree->list($spool)) {
-        my @stat = $tree->stat("$spool/$name");
-        next if !$tree->is_file("$spool/$name") || !$stat[7] || !$self->{users}->by_name($name);
-        $self->take('mbox', "$spool/$name", $name, undef, 'named like the account');
+        my $path = "$spool/$name";
+        if ($tree->is_dir($path)) {
+            $self->from_folder($spool, $path, 1);
+            next;
+        }
+        next if !$tree->is_file($path) || !($tree->stat($path))[7];
+        if ($self->{users}->by_name($name)) {
+            $self->take('mbox', $path, $name, undef, 'named like the account');
+        }
+        else { $self->problem('info', $path, 'Is named like no account and is not taken as a mailbox') }
     }
     return;
 }
@@ -120,6 +129,7 @@ sub from_postfix {
     return if !defined $text;
     my $settings = postfix_settings($text);
     my $base = postfix_value($settings, 'virtual_mailbox_base');
+    ($self->{own_spool}) = postfix_value($settings, 'mail_spool_directory') =~ m{\A(/.*?)/*\z};
     for my $map (split /[\s,]+/, postfix_value($settings, 'virtual_mailbox_maps')) {
         my ($type, $path) = $map =~ m{\A(?:proxy:)?(\w+):(/.*)\z} or next;
         if ($type !~ /\A(?:hash|texthash|lmdb|btree|cdb|dbm|sdbm)\z/) {
@@ -128,6 +138,8 @@ sub from_postfix {
             next;
         }
         my $lines = $self->settings_file($path);
+        $self->problem('info', $path, 'The map is not there as a text; mailboxes are searched for in folders')
+            if !$tree->lstat($path);
         next if !defined $lines;
         for my $line (grep { !/\A\s*(?:#|\z)/ } split /\n/, $lines) {
             my ($address, $place) = $line =~ m{\A(\S+)\s+(\S.*?)\s*\z} or next;
@@ -180,7 +192,9 @@ sub from_dovecot {
     my $settings = $self->dovecot_settings($DOVECOT, {});
     my $values = sub { map { @{ $settings->{$_} || [] } } @_ };
     my @homes  = ((map {/(?:\A|\s)home=(\S+)/} $values->(qw(args default_fields))), $values->('mail_home'));
-    my @places = ((map {/\Amaildir:([^:]+)/i} $values->('mail_location')), $values->('mail_path'));
+    my @maildirs = grep {/\Amaildir:/i} $values->('mail_location');
+    my @places = ((map { (/\Amaildir:([^:]+)/i, /:INBOX=([^:]+)/) } @maildirs), $values->('mail_path'));
+    $self->note_other_formats($values);
     for my $file (map {m{(?:\A|[\s=])(/\S+)\z}} $values->(qw(args passwd_file_path))) {
         push @homes, $self->passwd_file($file, @places);
     }
@@ -190,6 +204,23 @@ sub from_dovecot {
             $self->from_template("$_/$place") for grep {/%/} map { tidy_template($_) } @homes;
         }
         else { $self->from_template($place) }
+    }
+    return;
+}
+
+# Mail that is not in Maildirs; of mboxes only those of accounts are found elsewhere.
+sub note_other_formats {
+    my ($self, $values) = @_;
+    my @others = map { /\A(\w+):([^:]+)/ && lc $1 ne 'maildir' ? [$1, $2] : () } $values->('mail_location');
+    for my $driver (grep { lc $_ ne 'maildir' } $values->('mail_driver')) {
+        push @others, map { [$driver, $_] } $values->('mail_path');
+    }
+    for my $other (@others) {
+        my ($format, $place) = @$other;
+        my $in_home = tidy_template($place) =~ m{\A(?:~|%h)(?:/|\z)};
+        my $text = "Mail at $place is in the format $format and is no mailbox of the dump";
+        $text .= "; it is in the archive of a client's home" if $in_home;
+        $self->problem($in_home ? 'info' : 'warning', $DOVECOT, $text);
     }
     return;
 }

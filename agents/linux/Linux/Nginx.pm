@@ -108,7 +108,8 @@ sub server_blocks {
     $self->collect_sets(\@directives);
     $self->collect(\@directives, '/', {});
     $self->add_tls(\%scope);
-    my @own_hosts = $returns ? () : $self->add_roots(scalar main_folder(@directives), $own{root}, $scope{root});
+    my @own_hosts = $returns ? ()
+        : $self->add_roots(scalar main_folder(@directives), $own{root}, $scope{root});
     $block->{content} = !$returns && (defined $block->{root} || @{ $block->{roots} } || @{ $block->{proxies} }
             || @{ $block->{php_addresses} }) ? 1 : 0;
     add_once($block->{config}, $server->{file}, files_of(@directives));
