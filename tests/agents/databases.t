@@ -6,6 +6,7 @@ use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Agent::Problems;
 use File::Path ();
+use Imitated qw(imitated problem_texts);
 use Linux::Databases;
 use Linux::Tree;
 use PrivateServer;
@@ -123,4 +124,13 @@ for my $name ('mysql alice_shop', 'postgresql forum') {
 }
 
 $_->stop for $mysql, $postgresql;
+
+# What runs in a container, or listens where nobody looks.
+{
+    my ($tree, $told) = imitated('srv/a/wp-config.php' => "<?php define('DB_NAME', 'inner'); define('DB_HOST', '127.0.0.1:3307');");
+    Linux::Databases->new(tree => $tree, problems => $told)->assign([],
+        [{ name => 'a.test', names => ['a.test'], owner => 'alice', root => '/srv/a', roots => ['/srv/a'] }]);
+    is_deeply problem_texts($told), ['info a.test: /srv/a/wp-config.php names the database inner, for which no server was'
+        . ' found on this host'], 'a database without a server is named';
+}
 done_testing;

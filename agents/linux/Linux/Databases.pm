@@ -131,7 +131,10 @@ sub named_by {
         @named = grep { $self->server_of($_)->{port} == $setting->{port} } @named;
     }
     return @named if @named;
-    return if !first { $_->{kind} eq $setting->{kind} && $_->{running} } $self->servers;
+    my @servers = grep { $_->{kind} eq $setting->{kind} } $self->servers;
+    return $self->tell($setting, 'for which no server was found on this host') if !@servers;
+    # One that is down has been named.
+    return if !grep { $_->{running} } @servers;
     return $self->tell($setting, 'which is not there');
 }
 
