@@ -241,6 +241,16 @@ END
 }
 
 {
+    my @cases = ('IfModule mod_version.c', 'IfModule log_config_module', 'IfModule !mod_ssl.c', 'IfVersion >= 2.4.6',
+        'IfVersion < 2.4.6');
+    my $hosts = join '', map {"<$cases[$_]>\n<VirtualHost *:80>\nServerName $_.test\nDocumentRoot /srv/a\n</VirtualHost>\n</"
+        . (split ' ', $cases[$_])[0] . ">\n"} 0 .. $#cases;
+    my ($sites, $problems) = sites_of($hosts, 'srv/a/' => undef);
+    is_deeply [sort keys %$sites], [qw(0.test 1.test 3.test)], 'modules that are built in and late releases count';
+    is_deeply $problems, [], 'without a problem';
+}
+
+{
     my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(a/in u/ann m/x));
 <VirtualHost *:80>
     ServerName a.test

@@ -226,6 +226,19 @@ END
 }
 
 {
+    my ($sites, $problems) = sites_of("upstream x {\n server 127.0.0.1:1;\nserver { server_name a.test; root /srv/a; }\n",
+        'etc/nginx/conf.d/mark.conf' => "\xef\xbb\xbfserver { server_name b.test; root /srv/a; }\n",
+        'etc/nginx/conf.d/wrong.conf' => "serverr { server_name c.test; root /srv/a; }\ngeo \$x { default 1; }\n",
+        'srv/a/' => undef);
+    is_deeply [sort keys %$sites], [qw(a.test b.test)], 'other mistakes cost no site either';
+    is_deeply $problems, [
+        'error /etc/nginx/conf.d/mark.conf: Line 1: begins with a byte order mark',
+        'error /etc/nginx/sites-enabled/sites: Line 1: "upstream" opens a block that is not closed',
+        'warning /etc/nginx/conf.d/wrong.conf: Line 1: the block "serverr" is not known and is left out',
+    ], 'or a block that is left out is named' or diag explain $problems;
+}
+
+{
     my ($sites) = sites_of(<<'END', 'srv/a/' => undef, 'srv/robots' => 'x', 'etc/nginx/ca.pem' => 'x');
 ssl_certificate of-all.pem; ssl_certificate_key of-all.key;
 server {

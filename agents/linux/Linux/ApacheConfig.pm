@@ -9,8 +9,12 @@ use Linux::ConfigReader;
 
 our @ISA = qw(Linux::ConfigReader);
 
-# What <IfVersion> is compared with: the oldest that all its configurations name.
-my @VERSION = (2, 4, 0);
+# What <IfVersion> is compared with: a late one of the series that hosts have.
+my @VERSION = (2, 4, 99);
+
+# Modules that distributions build in.
+my $BUILT_IN = qr/\A(?:(?:http_)?core|mod_(?:http|so|watchdog|log_config|logio|version|unixd)
+    |(?:core|http|so|watchdog|log_config|logio|version|unixd)_module|prefork|event|worker)\z/x;
 
 # Sections that the running server decides about, or that hold other directives.
 my %SECTION = map { $_ => 1 } qw(
@@ -111,7 +115,7 @@ sub has_module {
     (my $file = $name) =~ s/\.c\z//;
     (my $code = $file) =~ s/\Amod_(.*)/$1_module/;
     return 1 if grep { $loaded->{$_} } $name, $file, $code;
-    return $file =~ /\A(?:core|http_core|mod_so|prefork|event|worker)\z/;
+    return $file =~ $BUILT_IN;
 }
 
 sub version_fits {

@@ -18,6 +18,10 @@ my %NEEDED_FILE = map { $_ => 1 } qw(
     auth_basic_user_file ssl_client_certificate ssl_trusted_certificate ssl_crl ssl_dhparam ssl_password_file
 );
 
+# The blocks that may stand by themselves, and in "http".
+my %MAIN_BLOCK = map { $_ => 1 } qw(events http stream mail rtmp);
+my %HTTP_BLOCK = map { $_ => 1 } qw(server upstream map geo geoip2 types split_clients charset_map match);
+
 my $MOST_VALUES = 1000;
 my $HOST_VARIABLE = qr/\A(?:host|http_host|server_name|ssl_server_name)\z/;
 
@@ -39,6 +43,7 @@ sub sites {
     my $self = bless { tree => $tree, problems => $problems, config => $config,
         prefix => defined $prefix ? $prefix : $PREFIXES[0] }, __PACKAGE__;
     my @directives = $config->load($main);
+    $self->name_unknown(\%MAIN_BLOCK, @directives);
     my @blocks = map { $self->http_blocks($_->{block}) } named('http', @directives);
     return join_blocks($tree, $problems, @blocks);
 }
@@ -48,19 +53,37 @@ sub named {
     return grep { $_->{name} eq $name && $_->{block} } @directives;
 }
 
+# A block whose name is written wrong may be one of a site.
+sub name_unknown {
+    my ($self, $known, @directives) = @_;
+    for my $block (grep { $_->{block} && !$known->{ $_->{name} } } @directives) {
+        my ($name, $file, $line) = @$block{qw(name file line)};
+        next if $name =~ /_by_lua_block\z/;
+        $self->{config}->problem('warning', $file, $line, qq(the block "$name" is not known and is left out));
+    }
+    return;
+}
+
+# The servers, also those that a block has swallowed whose end is missing.
+sub servers_in {
+    return map { $_->{name} eq 'server' ? $_ : servers_in(@{ $_->{block} }) } grep { $_->{block} } @_;
+}
+
 sub http_blocks {
     my ($self, $http) = @_;
+    $self->name_unknown(\%HTTP_BLOCK, @$http);
     $self->{maps} = {};
     $self->{upstreams} = {};
     for my $map (named('map', @$http)) {
         $self->{maps}{ variable_name($map->{args}[1]) } = $map if @{ $map->{args} } == 2;
     }
     for my $upstream (named('upstream', @$http)) {
-        my $servers = [map { $_->{args}[0] } grep { $_->{name} eq 'server' } @{ $upstream->{block} }];
+        my $servers = [map { $_->{args}[0] } grep { $_->{name} eq 'server' && !$_->{block} && @{ $_->{args} } }
+            @{ $upstream->{block} }];
         $self->{upstreams}{ $upstream->{args}[0] } = $servers if @{ $upstream->{args} };
     }
     my %inherited = simple_values($http);
-    return map { $self->server_blocks($_, \%inherited) } named('server', @$http);
+    return map { $self->server_blocks($_, \%inherited) } servers_in(@$http);
 }
 
 sub variable_name {
@@ -114,7 +137,7 @@ sub server_blocks {
             || @{ $block->{php_addresses} }) ? 1 : 0;
     add_once($block->{config}, $server->{file}, files_of(@directives));
     my @own = Linux::Site::is_spent($block, @own_hosts) ? @own_hosts : ($block, @own_hosts);
-    return (@own, map { $self->server_blocks($_, $inherited) } named('server', @directives));
+    return (@own, map { $self->server_blocks($_, $inherited) } servers_in(@directives));
 }
 
 sub files_of {

@@ -42,6 +42,7 @@ sub expand {
 
 sub parse {
     my ($self, $file, $text) = @_;
+    $self->problem('error', $file, 1, 'begins with a byte order mark') if $text =~ s/\A\xEF\xBB\xBF//;
     my @blocks = ([]);
     my @openings;
     my @words;
