@@ -32,6 +32,8 @@ sub texts {
 }
 
 my $source = PrivateServer->new('postgresql', '/mnt/source-server');
+mkdir '/mnt/space' or die $!;
+chown((getpwnam 'postgres')[2, 3], '/mnt/space') or die $!;
 my $awkward = q{-x dbname='q' "é\\};
 (my $awkward_quoted = $awkward) =~ s/"/""/g;
 $source->sql(<<"END");
@@ -52,7 +54,14 @@ ALTER ROLE member IN DATABASE shop SET search_path TO public;
 CREATE DATABASE "$awkward_quoted";
 CREATE DATABASE closed;
 ALTER DATABASE closed ALLOW_CONNECTIONS false;
+CREATE TABLESPACE "fast ""one""" LOCATION '/mnt/space';
+CREATE DATABASE raw ENCODING 'SQL_ASCII' LOCALE 'C' TEMPLATE template0 TABLESPACE "fast ""one""";
+CREATE DATABASE latin ENCODING 'LATIN1' LOCALE 'C' TEMPLATE template0;
 END
+# Bytes that are no UTF-8.
+$source->sql(q{CREATE TABLE t (v text); INSERT INTO t VALUES (E'gr\\xfcn'); ALTER TABLE t SET TABLESPACE pg_default}, 'raw');
+$source->sql(q{SET client_encoding = 'UTF8'; CREATE TABLE "größe" (v text); INSERT INTO "größe" VALUES ('grün')},
+    'latin');
 $source->sql(<<'END', 'shop');
 CREATE EXTENSION IF NOT EXISTS plpgsql;
 CREATE TYPE colour AS ENUM ('red', 'green');
@@ -76,7 +85,7 @@ my ($version) = $source->sql('SHOW server_version') =~ /\A(\S+)/;
 is_deeply $server->description, { kind => 'postgresql', label => 'PostgreSQL (port 5432)',
     product => 'PostgreSQL', running => 1, version => $version, address => '/run/postgresql/.s.PGSQL.5432' }, 'the server is described';
 my %databases = map { $_->{name} => $_ } $server->databases;
-is_deeply [sort keys %databases], [$awkward, 'closed', 'shop'], 'all databases are found but templates and its own';
+is_deeply [sort keys %databases], [$awkward, qw(closed latin raw shop)], 'all databases are found but templates and its own';
 is $databases{shop}{server}, 'PostgreSQL (port 5432)', 'a database tells its server';
 cmp_ok $databases{shop}{bytes}, '>', 1_000_000, 'the size of a database is known';
 is_deeply [map { $_->{name} } @{ $databases{shop}{users} }], ['member', 'old "quoted" $role$', 'shop', 'team'],
@@ -89,8 +98,9 @@ is $server->password_matches('old "quoted" $role$', 'old'), 1, 'an old kind of h
 is $server->password_matches('old "quoted" $role$', 'new'), 0, 'an old kind of hash is known to be wrong';
 is $server->password_matches('nobody', 'pass'), undef, 'nothing is known of a missing role';
 
-my %sql = map { $_ => dumped($server, $databases{$_}) } $awkward, 'shop';
-is_deeply [texts($problems)], ['info PostgreSQL database shop: The role team loses its server-wide rights: CREATEDB'],
+my %sql = map { $_ => dumped($server, $databases{$_}) } $awkward, qw(latin raw shop);
+is_deeply [texts($problems)], ['info PostgreSQL database raw: What lies in these tablespaces comes into the default one:'
+    . ' fast "one"', 'info PostgreSQL database shop: The role team loses its server-wide rights: CREATEDB'],
     'what does not come along is named';
 is dumped((look())[1], $databases{shop}), $sql{shop}, 'a second dump is equal';
 is $server->dump($databases{closed}, sub { }), 'it takes no connections', 'a closed database is refused';
@@ -115,6 +125,8 @@ $target->sql($server->database_statements($databases{shop}));
 my @questions = (
     ['SELECT * FROM orders ORDER BY id', 'shop'],
     ['SELECT * FROM cheap', 'shop'],
+    ['SELECT encode(textsend(v), $$hex$$) FROM t', 'raw'],
+    [q{SET client_encoding = 'UTF8'; SELECT v, encode(v::bytea, 'hex') FROM "größe"}, 'latin'],
     ['SELECT twice(4), encode(lo_get(4711), $$hex$$)', 'shop'],
     ['SELECT tgname, pg_get_triggerdef(oid) FROM pg_trigger', 'shop'],
     ['SELECT relname, relacl, pg_get_userbyid(relowner) FROM pg_class WHERE relnamespace = $$public$$::regnamespace'
@@ -153,7 +165,7 @@ $source->sql('DROP DATABASE long');
 
 # The server's own database counts once somebody uses it.
 $source->sql('CREATE TABLE mine (a int)');
-is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, 'closed', 'postgres', 'shop'],
+is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, qw(closed latin postgres raw shop)],
     'a used database of the server is found';
 
 # Objects in a database cannot stand in for what we ask with.
@@ -161,7 +173,7 @@ $source->sql(<<'END', 'postgres');
 CREATE FUNCTION public.textsend(text) RETURNS bytea LANGUAGE sql AS 'SELECT ''\x66616b65''::bytea';
 ALTER DATABASE postgres SET search_path TO public, pg_catalog;
 END
-is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, 'closed', 'postgres', 'shop'],
+is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, qw(closed latin postgres raw shop)],
     'functions that others made are not called';
 
 # A dump that is cut off is no dump.

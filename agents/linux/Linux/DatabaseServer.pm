@@ -30,11 +30,12 @@ sub question {
 }
 
 # Streams a dump into $sink. Gives { status, err, complete }: whether it ends with the
-# line that its program writes last of all.
+# line that its program writes last of all. The option env changes environment().
 sub stream_dump {
     my ($self, $argv, $last_line, $sink, %options) = @_;
     my $tail = '';
-    my $result = stream($argv, %options, env => $self->environment, out => sub {
+    my $environment = { %{ $self->environment }, %{ $options{env} || {} } };
+    my $result = stream($argv, %options, env => $environment, out => sub {
         $tail .= $_[0];
         $tail = substr $tail, -$TAIL_BYTES if length $tail > $TAIL_BYTES;
         $sink->($_[0]);

@@ -259,8 +259,10 @@ sub dump {
     my $program = $self->choose_program('pg_dump');
     return 'the program that dumps is not installed' if !$program;
     $sink->($self->role_statements($database));
+    $self->name_tablespaces($database);
+    # In the encoding of the database: not all of them hold what UTF-8 has a place for.
     my $result = $self->stream_dump($self->dump_command($program, $database),
-        qr/^-- PostgreSQL database dump complete$/m, $sink, %options);
+        qr/^-- PostgreSQL database dump complete$/m, $sink, %options, env => { PGCLIENTENCODING => undef });
     return one_line($result->{err}) if $result->{status} || !$result->{complete};
     $self->problem('warning', $database, one_line($result->{err})) if $result->{err} =~ /\S/;
     my ($version) = run([$program, '--version'], limit => 20)->{out} =~ /([0-9]+)/;
@@ -274,8 +276,20 @@ sub dump_command {
     if (defined $self->{restrict_key} && run([$program, '--help'], limit => 20)->{out} =~ /--restrict-key/) {
         push @more, "--restrict-key=$self->{restrict_key}";
     }
-    return $self->command($program, '--create', '--lock-wait-timeout=60000', @more,
+    return $self->command($program, '--create', '--no-tablespaces', '--lock-wait-timeout=60000', @more,
         'dbname=' . escaped($database->{name}));
+}
+
+# The folders of tablespaces are the host's: on another one there is but the default.
+sub name_tablespaces {
+    my ($self, $database) = @_;
+    my ($rows, $error) = $self->ask('SELECT ' . hex_of('spcname') . " FROM pg_tablespace WHERE oid IN
+        (SELECT reltablespace FROM pg_class UNION
+        SELECT dattablespace FROM pg_database WHERE oid = $database->{id}) AND spcname NOT IN ('pg_default', 'pg_global') ORDER BY spcname", $database->{name});
+    return if defined $error || !@$rows;
+    $self->problem('info', $database, 'What lies in these tablespaces comes into the default one: '
+        . join ', ', map { text_of($_->[0]) } @$rows);
+    return;
 }
 
 sub identifier {
