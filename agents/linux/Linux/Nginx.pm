@@ -78,8 +78,9 @@ sub http_blocks {
         $self->{maps}{ variable_name($map->{args}[1]) } = $map if @{ $map->{args} } == 2;
     }
     for my $upstream (named('upstream', @$http)) {
-        my @servers = grep { $_->{name} eq 'server' && !$_->{block} && @{ $_->{args} } } @{ $upstream->{block} };
-        $self->{upstreams}{ $upstream->{args}[0] } = [map { $_->{args}[0] } @servers] if @{ $upstream->{args} };
+        next if !@{ $upstream->{args} };
+        my @servers = grep { $_->{name} eq 'server' && !$_->{block} } @{ $upstream->{block} };
+        $self->{upstreams}{ $upstream->{args}[0] } = [grep {defined} map { $_->{args}[0] } @servers];
     }
     my %inherited = simple_values($http);
     return map { $self->server_blocks($_, \%inherited) } servers_in(@$http);

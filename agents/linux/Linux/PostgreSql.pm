@@ -285,7 +285,8 @@ sub name_tablespaces {
     my ($self, $database) = @_;
     my ($rows, $error) = $self->ask('SELECT ' . hex_of('spcname') . " FROM pg_tablespace WHERE oid IN
         (SELECT reltablespace FROM pg_class UNION
-        SELECT dattablespace FROM pg_database WHERE oid = $database->{id}) AND spcname NOT IN ('pg_default', 'pg_global') ORDER BY spcname", $database->{name});
+        SELECT dattablespace FROM pg_database WHERE oid = $database->{id})
+        AND spcname NOT IN ('pg_default', 'pg_global') ORDER BY spcname", $database->{name});
     return if defined $error || !@$rows;
     $self->problem('info', $database, 'What lies in these tablespaces comes into the default one: '
         . join ', ', map { text_of($_->[0]) } @$rows);
