@@ -60,6 +60,9 @@ DELIMITER //
 CREATE DEFINER='shop'@'%' PROCEDURE count_them() BEGIN SELECT COUNT(*) FROM orders; END//
 CREATE FUNCTION twice(a INT) RETURNS INT DETERMINISTIC RETURN a * 2//
 CREATE TRIGGER mark BEFORE INSERT ON log FOR EACH ROW BEGIN SET NEW.line = CONCAT('<', NEW.line, '>'); END//
+CREATE USER 'admin'@'%' IDENTIFIED BY 'z'//
+CREATE DEFINER='admin'@'%' FUNCTION of_admin() RETURNS INT RETURN 1//
+CREATE DEFINER='admin'@'%' VIEW seen_by_admin AS SELECT item FROM orders//
 CREATE EVENT daily ON SCHEDULE EVERY 1 DAY DO DELETE FROM log//
 DELIMITER ;
 GRANT EXECUTE ON PROCEDURE shop.count_them TO 'stranger'@'localhost';
@@ -99,6 +102,8 @@ is_deeply [texts($problems)], [
         . ' lack rights to use them',
     'warning MariaDB database shop: What changes in these tables while they are dumped may be half in the'
         . ' dump, since their engine has no transactions: log',
+    'warning MariaDB database shop: Views, routines, triggers or events of it run as accounts that are not in the dump,'
+        . ' and fail until the new host has them: admin@%',
     'info MariaDB database shop: The account `shop`@`%` loses its server-wide rights: FILE',
 ], 'what does not come along is named';
 is dumped((look())[0], $databases{shop}), $sql{shop}, 'a second dump is equal';
@@ -126,7 +131,7 @@ my @questions = (
     "SHOW GRANTS FOR 'stranger'\@'localhost'",
     'SHOW GRANTS FOR buyers',
     "SHOW CREATE USER 'shop'\@'%'",
-    'SELECT User, Host, default_role, authentication_string FROM mysql.user ORDER BY 1, 2',
+    q{SELECT User, Host, default_role, authentication_string FROM mysql.user WHERE User <> 'admin' ORDER BY 1, 2},
     'SELECT NEXTVAL(shop.numbers)',
 );
 is $target->sql("$_;"), $source->sql("$_;"), "equal: $_" for @questions;

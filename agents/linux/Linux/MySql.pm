@@ -286,6 +286,7 @@ sub dump {
     my ($broken, $error) = $self->broken_views($database);
     return $error if defined $error;
     $self->name_unsteady_tables($database);
+    $self->name_missing_definers($database);
     my ($before, $after) = $self->account_statements($database);
     $sink->($before);
     $error = $self->dump_tables($database, $broken, $sink, %options);
@@ -332,6 +333,22 @@ sub name_unsteady_tables {
     return if !$rows || !@$rows;
     $self->problem('warning', $database, 'What changes in these tables while they are dumped may be half in'
         . ' the dump, since their engine has no transactions: ' . join ', ', map { $_->[0] } @$rows);
+    return;
+}
+
+# What runs as an account that is not there fails when it is used, not when it is made.
+sub name_missing_definers {
+    my ($self, $database) = @_;
+    my $name = escaped($database->{name});
+    my %column = (views => 'table', routines => 'routine', triggers => 'trigger', events => 'event');
+    my ($rows) = $self->ask(join(' UNION ', map { "SELECT definer FROM information_schema.$_"
+            . " WHERE $column{$_}_schema = $name" } sort keys %column) . ' ORDER BY 1;');
+    my %known = map { ("$_->{name}\@$_->{host}" => 1) } @{ $database->{users} };
+    my @missing = grep { length && !$known{$_} && !/\A(?:root|mariadb\.sys|mysql\.sys)\@/ }
+        map { $_->[0] } @{ $rows || [] };
+    return if !@missing;
+    $self->problem('warning', $database, 'Views, routines, triggers or events of it run as accounts that are'
+        . ' not in the dump, and fail until the new host has them: ' . join ', ', @missing);
     return;
 }
 
