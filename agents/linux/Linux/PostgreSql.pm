@@ -200,7 +200,22 @@ sub roles {
             connections => $connections, until => text_of($until), rights => $rights,
             password => defined $password ? text_of($password) : undef };
     }
+    $self->add_rights(\%roles);
     return $self->{roles} = \%roles;
+}
+
+# Rights on the whole server that old servers do not know.
+sub add_rights {
+    my ($self, $roles) = @_;
+    my ($rows) = $self->ask("SELECT oid, 'REPLICATION' FROM pg_roles WHERE rolreplication
+        UNION ALL SELECT oid, 'BYPASSRLS' FROM pg_roles WHERE rolbypassrls
+        UNION ALL SELECT m.member, r.rolname::text FROM pg_auth_members m JOIN pg_roles r ON r.oid = m.roleid
+            WHERE r.rolname ~ '^pg_' ORDER BY 1, 2");
+    for (grep { $roles->{ $_->[0] } } @{ $rows || [] }) {
+        my $role = $roles->{ $_->[0] };
+        $role->{rights} = join ', ', grep {length} $role->{rights}, $_->[1];
+    }
+    return;
 }
 
 # The ids of the roles that each database depends on.
