@@ -27,6 +27,10 @@ Include ports.conf
 </Directory>
 <Directory /srv/a/private>
 	Require ip 10.0.0.0/8
+	AuthGroupFile /etc/apache2/groups
+</Directory>
+<Directory /srv/other>
+	AuthUserFile /etc/apache2/others
 </Directory>
 IncludeOptional conf-enabled/*.conf
 IncludeOptional sites-enabled/*.conf
@@ -116,7 +120,8 @@ END
         { path => '/srv/a/in', rule => 'require valid-user' },
         { path => '/srv/a/private', rule => 'require ip 10.0.0.0/8' },
     ], 'its access rules, also those outside of the host' or diag explain $site->{access};
-    is_deeply $site->{files}, [qw(/etc/apache2/a.htpasswd /etc/ssl/a.pem /etc/ssl/a.key /etc/apache2/ssl/chain.pem)],
+    is_deeply $site->{files}, [qw(/etc/apache2/a.htpasswd /etc/ssl/a.pem /etc/ssl/a.key /etc/apache2/ssl/chain.pem
+        /etc/apache2/groups)],
         'files that belong to it';
     is_deeply $site->{php_addresses}, ['unix:/run/php/a.sock'], 'what runs its PHP';
     is_deeply $site->{php_settings}, { open_basedir => '/srv/a:/tmp' }, 'with its values';
@@ -305,8 +310,8 @@ END
     is_deeply $sites->{'moved.test'}{roots}, ['/srv/a'], 'one that nothing is served from is none';
     is_deeply $site->{tls}, { certificate => '/etc/apache2/ssl/rsa.pem', key => '/etc/apache2/ssl/rsa.key' },
         'the first of several certificates is that of the site';
-    is_deeply [sort @{ $site->{files} }], [sort '/srv/robots', map {"/etc/apache2/ssl/$_"} qw(rsa.pem rsa.key ec.pem
-        ec.key ca.pem)], 'and it needs all of them, and single files';
+    is_deeply [sort @{ $site->{files} }], [sort '/srv/robots', map {"/etc/apache2/$_"} 'groups',
+        map {"ssl/$_"} qw(rsa.pem rsa.key ec.pem ec.key ca.pem)], 'and it needs all of them, and single files';
     is_deeply $problems, [], 'without a problem';
 }
 

@@ -239,6 +239,19 @@ END
 }
 
 {
+    my ($sites) = sites_of(<<'END', 'srv/a/' => undef);
+auth_basic "Closed"; auth_basic_user_file all; allow 10.0.0.0/8; deny all;
+server { server_name a.test; root /srv/a; }
+server { server_name b.test; root /srv/a; auth_basic off; deny 10.0.0.1; }
+END
+    is_deeply [map { $_->{rule} } @{ $sites->{'a.test'}{access} }], ['auth_basic Closed', 'allow 10.0.0.0/8', 'deny all'],
+        'a server has the access rules of all';
+    is_deeply [map { $_->{rule} } @{ $sites->{'b.test'}{access} }], ['auth_basic off', 'deny 10.0.0.1'],
+        'unless it has its own';
+    is_deeply $sites->{'a.test'}{files}, ['/etc/nginx/all'], 'with the file of passwords';
+}
+
+{
     my ($sites) = sites_of(<<'END', 'srv/a/' => undef, 'srv/robots' => 'x', 'etc/nginx/ca.pem' => 'x');
 ssl_certificate of-all.pem; ssl_certificate_key of-all.key;
 server {

@@ -50,7 +50,7 @@ sub sites {
     my $main = $config->first_of(@MAIN_FILES);
     return if !defined $main;
     my @directives = $config->load($main);
-    my $self = bless { tree => $tree, problems => $problems, config => $config }, __PACKAGE__;
+    my $self = bless { tree => $tree, problems => $problems, config => $config, needed => [] }, __PACKAGE__;
     my @hosts = virtual_hosts(@directives);
     $self->{global} = [grep { $_->{name} ne 'virtualhost' } @directives];
     $self->{base_block} = $self->main_block($main);
@@ -258,7 +258,9 @@ sub add_log {
 
 sub add_file {
     my ($self, $path, $file) = @_;
-    add_once($self->{block}{files}, $self->{config}->absolute($file));
+    $file = $self->{config}->absolute($file);
+    push @{ $self->{needed} }, { path => $path, file => $file } if !$self->{base_block};
+    add_once($self->{block}{files}, $file);
     return;
 }
 
@@ -355,6 +357,7 @@ sub add_global_access {
     for my $rule (@{ $self->{base_block}{access} }) {
         push @{ $block->{access} }, $rule if below($rule->{path}, $root);
     }
+    add_once($block->{files}, map { $_->{file} } grep { below($_->{path}, $root) } @{ $self->{needed} });
     return;
 }
 

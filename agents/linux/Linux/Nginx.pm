@@ -18,6 +18,10 @@ my %NEEDED_FILE = map { $_ => 1 } qw(
     auth_basic_user_file ssl_client_certificate ssl_trusted_certificate ssl_crl ssl_dhparam ssl_password_file
 );
 
+# Rules of access. A block takes over those around it unless it has some of the same kind.
+my %ACCESS_RULE = ((map { $_ => $_ } qw(auth_basic satisfy auth_request internal)),
+    map { $_ => 'address' } qw(allow deny));
+
 # The blocks that may stand by themselves, and in "http".
 my %MAIN_BLOCK = map { $_ => 1 } qw(events http stream mail rtmp);
 my %HTTP_BLOCK = map { $_ => 1 } qw(server upstream map geo geoip2 types split_clients charset_map match);
@@ -83,6 +87,8 @@ sub http_blocks {
         $self->{upstreams}{ $upstream->{args}[0] } = [grep {defined} map { $_->{args}[0] } @servers];
     }
     my %inherited = simple_values($http);
+    my @plain = grep { !$_->{block} } @$http;
+    $self->{rules} = [grep { $ACCESS_RULE{ $_->{name} } || $NEEDED_FILE{ $_->{name} } } @plain];
     return map { $self->server_blocks($_, \%inherited) } servers_in(@$http);
 }
 
@@ -129,7 +135,8 @@ sub server_blocks {
     add_listens($block, @directives);
     my $returns = grep { $_->{name} eq 'return' } @directives;
     $self->collect_sets(\@directives);
-    $self->collect(\@directives, '/', {});
+    $self->collect_outer(@directives);
+    $self->collect(\@directives, '/');
     $self->add_tls(\%scope);
     my @own_hosts = $returns ? ()
         : $self->add_roots(scalar main_folder(@directives), $own{root}, $scope{root});
@@ -187,9 +194,18 @@ sub collect_sets {
     return;
 }
 
+# Takes what a server with these directives has from outside.
+sub collect_outer {
+    my ($self, @directives) = @_;
+    my $kind = sub { $ACCESS_RULE{ $_[0]{name} } || $_[0]{name} };
+    my %own = map { $kind->($_) => 1 } @directives;
+    $self->collect([grep { !$own{ $kind->($_) } } @{ $self->{rules} }], '/');
+    return;
+}
+
 # Takes from a server and the blocks in it what belongs to the record of a site.
 sub collect {
-    my ($self, $directives, $path, $scope) = @_;
+    my ($self, $directives, $path) = @_;
     my $block = $self->{block};
     for my $directive (@$directives) {
         my ($name, $args) = @$directive{qw(name args)};
@@ -198,7 +214,7 @@ sub collect {
             next;
         }
         next if !@$args;
-        if ($name =~ /\A(?:allow|deny|auth_basic|satisfy|auth_request|internal)\z/) {
+        if ($ACCESS_RULE{$name}) {
             push @{ $block->{access} }, { path => $path, rule => join ' ', $name, @$args };
         }
         elsif ($NEEDED_FILE{$name}) { add_once($block->{files}, $self->files($args->[0])) }
