@@ -54,6 +54,7 @@ GRANT CONNECT ON DATABASE shop TO "old ""quoted"" \$role\$" WITH GRANT OPTION;
 ALTER ROLE member IN DATABASE shop SET search_path TO public;
 CREATE DATABASE "$awkward_quoted";
 CREATE DATABASE closed;
+CREATE DATABASE pattern IS_TEMPLATE true;
 ALTER DATABASE closed ALLOW_CONNECTIONS false;
 CREATE TABLESPACE "fast ""one""" LOCATION '/mnt/space';
 CREATE DATABASE raw ENCODING 'SQL_ASCII' LOCALE 'C' TEMPLATE template0 TABLESPACE "fast ""one""";
@@ -86,7 +87,7 @@ my ($version) = $source->sql('SHOW server_version') =~ /\A(\S+)/;
 is_deeply $server->description, { kind => 'postgresql', label => 'PostgreSQL (port 5432)',
     product => 'PostgreSQL', running => 1, version => $version, address => '/run/postgresql/.s.PGSQL.5432' }, 'the server is described';
 my %databases = map { $_->{name} => $_ } $server->databases;
-is_deeply [sort keys %databases], [$awkward, qw(closed latin raw shop)], 'all databases are found but templates and its own';
+is_deeply [sort keys %databases], [$awkward, qw(closed latin pattern raw shop)], 'all databases are found but its own';
 is $databases{shop}{server}, 'PostgreSQL (port 5432)', 'a database tells its server';
 cmp_ok $databases{shop}{bytes}, '>', 1_000_000, 'the size of a database is known';
 is_deeply [map { $_->{name} } @{ $databases{shop}{users} }], ['member', 'old "quoted" $role$', 'shop', 'team'],
@@ -99,7 +100,7 @@ is $server->password_matches('old "quoted" $role$', 'old'), 1, 'an old kind of h
 is $server->password_matches('old "quoted" $role$', 'new'), 0, 'an old kind of hash is known to be wrong';
 is $server->password_matches('nobody', 'pass'), undef, 'nothing is known of a missing role';
 
-my %sql = map { $_ => dumped($server, $databases{$_}) } $awkward, qw(latin raw shop);
+my %sql = map { $_ => dumped($server, $databases{$_}) } $awkward, qw(latin pattern raw shop);
 is_deeply [texts($problems)], ['info PostgreSQL database raw: What lies in these tablespaces comes into the default one:'
     . ' fast "one"', 'info PostgreSQL database shop: The role shop loses its server-wide rights: pg_monitor',
     'info PostgreSQL database shop: The role team loses its server-wide rights: CREATEDB, BYPASSRLS, REPLICATION'],
@@ -168,15 +169,19 @@ $source->sql('DROP DATABASE long');
 
 # The server's own database counts once somebody uses it.
 $source->sql('CREATE TABLE mine (a int)');
-is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, qw(closed latin postgres raw shop)],
+is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, qw(closed latin pattern postgres raw shop)],
     'a used database of the server is found';
+$source->sql('INSERT INTO mine VALUES (7); ALTER DATABASE postgres SET work_mem TO $$7MB$$');
+my ($of_server) = grep { $_->{name} eq 'postgres' } (look())[1]->databases;
+$target->sql(dumped($server, $of_server));
+is $target->sql($_), $source->sql($_), "equal: $_" for 'SELECT * FROM mine', 'SHOW work_mem';
 
 # Objects in a database cannot stand in for what we ask with.
 $source->sql(<<'END', 'postgres');
 CREATE FUNCTION public.textsend(text) RETURNS bytea LANGUAGE sql AS 'SELECT ''\x66616b65''::bytea';
 ALTER DATABASE postgres SET search_path TO public, pg_catalog;
 END
-is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, qw(closed latin postgres raw shop)],
+is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, qw(closed latin pattern postgres raw shop)],
     'functions that others made are not called';
 
 # A dump that is cut off is no dump.

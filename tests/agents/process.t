@@ -116,5 +116,6 @@ is which('/etc/passwd'), undef, 'a file that cannot be executed is no program';
 }
 is Agent::Process::lower_priority(), undef, 'priority can be lowered';
 is getpriority(0, 0), 15, 'and then is';
+is run(['ionice', '-p', $$])->{out}, "best-effort: prio 7\n", 'for disks too';
 
 done_testing;

@@ -136,13 +136,13 @@ sub hex_of { return "encode(textsend(($_[0])::text), 'hex')" }
 
 sub text_of { return pack 'H*', $_[0] }
 
-# Every database but templates and, unless somebody uses it, the server's own.
+# Every database but the server's own: its templates, and the other one unless somebody uses it.
 sub databases {
     my ($self) = @_;
     return if !defined $self->{version};
     my ($rows, $error) = $self->ask('SELECT oid, ' . hex_of('datname') . ", datallowconn,
         CASE WHEN has_database_privilege(oid, 'CONNECT') THEN pg_database_size(oid) END
-        FROM pg_database WHERE NOT datistemplate ORDER BY datname");
+        FROM pg_database WHERE datname NOT IN ('template0', 'template1') ORDER BY datname");
     if (defined $error) {
         $self->problem('error', undef, "The databases cannot be listed: $error");
         return;
@@ -151,7 +151,7 @@ sub databases {
     for (@$rows) {
         my ($id, $name, $allowed, $bytes) = @$_;
         $name = text_of($name);
-        next if $name eq 'postgres' && !$self->in_use($name);
+        next if is_of_server({ name => $name }) && !$self->in_use($name);
         push @databases, { kind => 'postgresql', server => $self->{label}, name => $name, id => $id,
             bytes => length $bytes ? $bytes : undef, users => [$self->users($id)],
             closed => $allowed eq 'f' };
@@ -281,7 +281,8 @@ sub dump {
     return one_line($result->{err}) if $result->{status} || !$result->{complete};
     $self->problem('warning', $database, one_line($result->{err})) if $result->{err} =~ /\S/;
     my ($version) = run([$program, '--version'], limit => 20)->{out} =~ /([0-9]+)/;
-    $sink->($self->database_statements($database)) if defined $version && $version < 11;
+    $sink->($self->database_statements($database))
+        if is_of_server($database) || defined $version && $version < 11;
     return;
 }
 
@@ -291,9 +292,13 @@ sub dump_command {
     if (defined $self->{restrict_key} && run([$program, '--help'], limit => 20)->{out} =~ /--restrict-key/) {
         push @more, "--restrict-key=$self->{restrict_key}";
     }
-    return $self->command($program, '--create', '--no-tablespaces', '--lock-wait-timeout=60000', @more,
+    push @more, '--create' if !is_of_server($database);
+    return $self->command($program, '--no-tablespaces', '--lock-wait-timeout=60000', @more,
         'dbname=' . escaped($database->{name}));
 }
+
+# A database that every server has is not made anew, only filled.
+sub is_of_server { return $_[0]{name} eq 'postgres' }
 
 # The folders of tablespaces are the host's: on another one there is but the default.
 sub name_tablespaces {
@@ -378,8 +383,8 @@ sub setting {
     return "$variable TO " . join(', ', map { literal($_) } @values) . ';';
 }
 
-# What the programs before version 11 leave to others: the settings of the database
-# and the rights on itself.
+# What programs leave to others that are older than version 11, or that do not make the
+# database: its settings and the rights on itself.
 sub database_statements {
     my ($self, $database) = @_;
     my ($id, $name) = ($database->{id}, identifier($database->{name}));
