@@ -309,6 +309,27 @@ is_deeply [sort keys %said], ['error|/private/closed|cannot be read: Permission 
 is_deeply [sort split /\n/, ran('tar', '-tf', "$own/x.tar")], ['./private/', './private/open'],
     'the rest is packed';
 
+# --- the disk ---
+
+{
+    # What waits for the disk cannot tell how far it is: never for much at a time.
+    my ($written, $settled, $most) = (0, 0, 0);
+    my ($write, $settle) = (\&Agent::Private::File::write, \&Agent::Private::File::settle);
+    no warnings 'redefine';
+    local *Agent::Private::File::write = sub { $written += length $_[1]; $write->(@_) };
+    local *Agent::Private::File::settle = sub {
+        $most = $written - $settled if $written - $settled > $most;
+        $settled = $written;
+        $settle->(@_);
+    };
+    my $archive = Agent::Archive->new(private => $private, name => 'content/large', compress => 0);
+    $archive->put('x' x 1_000_000) for 1 .. 100;
+    is $archive->complete->{size}, 100_000_000, 'a large archive is whole';
+    is $settled, 100_000_000, 'and on the disk';
+    cmp_ok $most, '<', 35_000_000, 'where it came in pieces';
+    $private->remove('content/large');
+}
+
 # --- no room ---
 
 my $small = tempdir(CLEANUP => 1);

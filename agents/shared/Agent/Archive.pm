@@ -93,6 +93,8 @@ sub store {
     $self->{size} += length $bytes;
     return if $self->{size} - $self->{checked} < $CHECK_BYTES;
     $self->{checked} = $self->{size};
+    # Nothing else can be done while the disk takes what has come together.
+    $self->{file}->settle;
     $self->check_room(0);
     return;
 }
