@@ -6,6 +6,7 @@ use Agent::Kept;
 use Agent::Options;
 use Agent::Private;
 use Agent::Process qw(run);
+use File::Path ();
 use File::Temp qw(tempdir);
 use Imitated qw(imitated);
 use Linux::ContentList;
@@ -208,6 +209,18 @@ close $archive;
 ok !eval { Linux::ContentList::text_of($private); 1 }, 'an archive that was touched is not listed as good';
 dumped('', '--dump-all');
 is run(['gzip', '-t', "$dir/content/sites/b.test.tar.gz"])->{status}, 0, 'and made again';
+
+# --- what is no file of anybody ---
+
+my $jail = $tree->path('/home/bob') . '/jail of bob/proc';
+File::Path::mkpath($jail);
+is run(['mount', '-t', 'proc', 'proc', $jail])->{status}, 0, 'a home has a file system of the kernel in it';
+dumped('bob', '--dump-clients=-');
+is_deeply members('content/clients/bob.tar.gz'), [qw(./etc/cron.d/app ./home/bob/notes)], 'which is left out';
+is problem_of('bob', 'jail of bob/proc is a file system of the kernel'), 'info', 'and named';
+is run(['umount', $jail])->{status}, 0, 'it is gone';
+rmdir $jail or die $!;
+rmdir $tree->path('/home/bob/jail of bob') or die $!;
 
 # --- what was asked for ---
 

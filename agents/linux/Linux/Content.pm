@@ -10,6 +10,7 @@ use Agent::Private;
 use Agent::Tar;
 use Errno qw(ENOENT);
 use Linux::Site qw(below);
+use Linux::System;
 
 our $FOLDER = 'content';
 
@@ -237,9 +238,9 @@ sub pack_item {
     my @folders = grep { $tree->is_dir($_) } @paths;
     my @inside = grep { my $path = $_; grep { below($path, $_) } @folders }
         map { $self->folders_of($_) } @{ $item->{left_out} || [] };
+    my @exclude = ($self->{private}->dir, $self->of_kernel($item, @folders), map { $tree->path($_) } @inside);
     my $tar = Agent::Tar->new(
-        private => $self->{private}, top => $tree->root, paths => \@paths,
-        exclude => [$self->{private}->dir, map { $tree->path($_) } @inside],
+        private => $self->{private}, top => $tree->root, paths => \@paths, exclude => \@exclude,
         note => sub { $self->note($item, $notes, @_) },
     );
     my $found = $tar->scan;
@@ -251,6 +252,17 @@ sub pack_item {
     $tar->pack($archive);
     # What was said while it was packed must be said again with the next dump.
     return $kept->add($archive->complete, $notes->{packing} ? $NOT_REUSABLE : $found->{fingerprint});
+}
+
+# File systems of the kernel below some folders, as a home that is a jail has: to read them
+# may never end.
+sub of_kernel {
+    my ($self, $item, @folders) = @_;
+    $self->{of_kernel} ||= [Linux::System::kernel_folders()];
+    my @tops = map { $self->{tree}->path($_) } @folders;
+    my @found = grep { my $folder = $_; grep { below($folder, $_) } @tops } @{ $self->{of_kernel} };
+    $self->problem('info', $item->{label}, "$_ is a file system of the kernel and is left out") for @found;
+    return @found;
 }
 
 # The real folders of all sites or mailboxes.

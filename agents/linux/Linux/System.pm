@@ -5,6 +5,7 @@ package Linux::System;
 use strict;
 use warnings;
 use Agent::Process qw(run which);
+use Linux::Tree;
 use POSIX ();
 
 my $LIMIT = 5;
@@ -12,6 +13,11 @@ my $LIMIT = 5;
 my @TOOLS = qw(
     tar gzip sudo openssl nice ionice mysql mysqldump mariadb mariadb-dump psql pg_dump pg_dumpall php
     getfacl setfacl rsync crontab df
+);
+
+my %OF_KERNEL = map { $_ => 1 } qw(
+    autofs binfmt_misc bpf cgroup cgroup2 configfs debugfs devpts devtmpfs efivarfs fusectl mqueue nsfs proc
+    pstore rpc_pipefs securityfs selinuxfs sysfs tracefs
 );
 
 # Newer distributions describe themselves in os-release, older ones only here.
@@ -103,6 +109,14 @@ sub file_systems {
         +{ %$_, bytes => bytes($_->{bytes}), free => bytes($_->{free}),
             inodes => $inodes->{bytes}, inodes_free => $inodes->{free} }
     } grep { $_->{bytes} } df('-PTkl');
+}
+
+# The folders of the running system where the kernel shows things that are no files.
+sub kernel_folders {
+    my @mounts = map { [split / /] } Linux::Tree->new->read_lines('/proc/self/mounts');
+    my @folders = map { $_->[1] } grep { $OF_KERNEL{ $_->[2] } } @mounts;
+    s/\\([0-7]{3})/chr oct $1/ge for @folders;
+    return @folders;
 }
 
 sub df {
