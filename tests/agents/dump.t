@@ -222,6 +222,12 @@ is run(['umount', $jail])->{status}, 0, 'it is gone';
 rmdir $jail or die $!;
 rmdir $tree->path('/home/bob/jail of bob') or die $!;
 
+chown 0, 0, $tree->path('/home/bob') or die $!;
+dumped('bob', '--dump-clients=-');
+is_deeply members('content/clients/bob.tar.gz'), ['./etc/cron.d/app'], "a home that is somebody else's is not packed";
+is problem_of('bob', 'The home /home/bob belongs to root'), 'warning', 'and named';
+chown $BOB, $BOB, $tree->path('/home/bob') or die $!;
+
 # --- what was asked for ---
 
 my %SELECTED = (

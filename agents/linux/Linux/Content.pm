@@ -104,8 +104,11 @@ sub home_of {
     return if $client->{system} || !defined $client->{home};
     my $real = $self->{tree}->real($client->{home});
     return if !defined $real || $OF_SYSTEM{$real} || !$self->{tree}->is_dir($real);
-    my @stat = $self->{tree}->stat($real);
-    return $stat[4] == $client->{uid} ? $client->{home} : undef;
+    my $owner = ($self->{tree}->stat($real))[4];
+    return $client->{home} if $owner == $client->{uid};
+    $self->problem('warning', $client->{name}, "The home $client->{home} belongs to "
+        . $self->{inventory}->users->name_of($owner) . ', so that only the sites in it are packed');
+    return;
 }
 
 sub site {
