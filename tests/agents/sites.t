@@ -177,6 +177,26 @@ END
 }
 
 {
+    my ($sites, $problems) = sites_in(
+        'etc/nginx/nginx.conf' => <<'END',
+http {
+    server { server_name a.test; root /srv/x; location ~ \.php { fastcgi_pass unix:/run/php-fpm/a.sock; } }
+    server { server_name b.test; root /srv/x; location ~ \.php { fastcgi_pass $php; } set $php unix:/run/php/b.sock; }
+    server { server_name c.test; root /srv/x; location ~ \.php { fastcgi_pass localhost:9005; } }
+    server { server_name d.test; root /srv/x; location ~ \.php { fastcgi_pass $http_x; } }
+}
+END
+        'etc/php-fpm.conf' => "include=/etc/pools/*\n[a]\nuser=ann\nlisten=/run/php-fpm/a.sock\n",
+        'etc/pools/b' => "[b]\nprefix=/run/php\nlisten=\$pool.sock\nuser=bob\ninclude=/etc/php-fpm.conf\n",
+        'etc/php/8.1/fpm/pool.d/c.conf' => "[c]\nlisten = [::]:9005\nuser = cid\n", 'srv/x/' => undef,
+    );
+    is_deeply [map { $_->{php}{pool} } @$sites{qw(a.test b.test c.test d.test)}], [qw(a b c), undef],
+        'pools are found in the main file, in what it includes and at all kinds of addresses';
+    is $sites->{'b.test'}{owner}, 'bob', 'with their accounts';
+    is_deeply $problems, [], 'without a problem';
+}
+
+{
     my ($centos) = imitated('etc/redhat-release' => "CentOS release 6.10 (Final)\n");
     is_deeply(Linux::System::distribution($centos), { id => 'redhat', name => 'CentOS', version => '6.10',
         family => 'redhat' },

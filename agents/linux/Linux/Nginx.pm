@@ -270,6 +270,12 @@ sub add_rewrite {
 
 # The servers behind an address or the name of a group of them.
 sub addresses {
+    my ($self, $word) = @_;
+    my @known = grep { !/$OPEN/o } map { $_->{text} } $self->values_of($word);
+    return map { $self->servers_at($_) } @known ? @known : $word;
+}
+
+sub servers_at {
     my ($self, $address) = @_;
     my ($scheme, $name) = $address =~ m{\A(\w+://)?([^/]*)}g;
     my $group = $self->{upstreams}{ defined $name ? $name : '' };

@@ -7,15 +7,16 @@ use warnings;
 use Agent::Process qw(run which);
 use Linux::ConfigReader;
 
-# Folders of pool files; "*" in the second place holds the version.
-my @POOL_FOLDERS = (
-    ['/etc/php/*/fpm/pool.d', qr{/php/([\d.]+)/}],
-    ['/etc/php5/fpm/pool.d', qr{/php(5)/}],
-    ['/etc/php-fpm.d', undef],
-    ['/etc/opt/remi/php*/php-fpm.d', qr{/php(\d+)/}],
-    ['/opt/remi/php*/root/etc/php-fpm.d', qr{/php(\d+)/}],
-    ['/etc/opt/rh/rh-php*/php-fpm.d', qr{/rh-php(\d+)/}],
-    ['/usr/local/etc/php-fpm.d', undef],
+# Folders of pool files, the file above them that may have pools too, and what tells the
+# version in their paths.
+my @POOLS = (
+    ['/etc/php/*/fpm/pool.d', '/etc/php/*/fpm/php-fpm.conf', qr{/php/([\d.]+)/}],
+    ['/etc/php5/fpm/pool.d', '/etc/php5/fpm/php-fpm.conf', qr{/php(5)/}],
+    ['/etc/php-fpm.d', '/etc/php-fpm.conf', undef],
+    ['/etc/opt/remi/php*/php-fpm.d', '/etc/opt/remi/php*/php-fpm.conf', qr{/php(\d+)/}],
+    ['/opt/remi/php*/root/etc/php-fpm.d', '/opt/remi/php*/root/etc/php-fpm.conf', qr{/php(\d+)/}],
+    ['/etc/opt/rh/rh-php*/php-fpm.d', '/etc/opt/rh/rh-php*/php-fpm.conf', qr{/rh-php(\d+)/}],
+    ['/usr/local/etc/php-fpm.d', '/usr/local/etc/php-fpm.conf', undef],
 );
 
 # Installations without a pool show by their configuration folders.
@@ -72,10 +73,10 @@ sub default_version {
 sub read_pools {
     my ($self) = @_;
     my $tree = $self->{tree};
-    for my $place (@POOL_FOLDERS) {
-        my ($folder, $version) = @$place;
+    for my $place (@POOLS) {
+        my ($folder, $main, $version) = @$place;
         Linux::ConfigReader::note_unreadable($tree, $self->{problems}, "$folder/*.conf");
-        for my $file ($tree->glob("$folder/*.conf")) {
+        for my $file (map { $tree->glob($_) } "$folder/*.conf", $main) {
             my $of_file = $version && $file =~ $version ? dotted($1) : default_version($tree);
             $self->read_pool_file($file, $of_file);
         }
@@ -85,6 +86,7 @@ sub read_pools {
 
 sub read_pool_file {
     my ($self, $file, $version) = @_;
+    return if $self->{read}{$file}++;
     my $text = $self->{tree}->read_file($file);
     if (!defined $text) {
         $self->{problems}->add(severity => 'error', object => $file, text => "Cannot be read: $!");
@@ -97,10 +99,16 @@ sub read_pool_file {
             push @{ $self->{pools} }, $pool if $1 ne 'global';
             next;
         }
+        if ($line =~ /\A\s*include\s*=\s*(\/\S+)/) {
+            $self->read_pool_file($_, $version) for $self->{tree}->glob($1);
+            next;
+        }
         set_in_pool($pool, $1, $2) if $pool && $line =~ /\A\s*([\w.\[\]-]+)\s*=\s*(.*?)\s*(?:;.*)?\z/;
     }
     for my $one (grep { $_->{file} eq $file && defined $_->{listen} } @{ $self->{pools} }) {
-        $self->{by_listen}{ address($one->{listen}) } ||= $one;
+        my $listen = $one->{listen};
+        $listen = "$one->{prefix}/$listen" if defined $one->{prefix} && $listen !~ m{\A/|:|\A\d+\z};
+        $self->{by_listen}{ address($listen) } ||= $one;
     }
     return;
 }
@@ -123,7 +131,7 @@ sub address {
     $address =~ s/\Aunix://;
     return "127.0.0.1:$address" if $address =~ /\A\d+\z/;
     $address =~ s{\A/var/run/}{/run/};
-    $address =~ s/\A(?:localhost|\[::1\]|\*)?:/127.0.0.1:/;
+    $address =~ s/\A(?:localhost|\[::1?\]|\*)?:/127.0.0.1:/;
     $address =~ s/\A0\.0\.0\.0:/127.0.0.1:/;
     return $address;
 }
