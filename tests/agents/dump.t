@@ -278,6 +278,21 @@ is run(['grep', '-r', 'secret word', $dir])->{status}, 1, 'the password is nowhe
 # --- when it does not work ---
 
 {
+    my ($before, $stage, $pid);
+    no warnings 'redefine';
+    my $look = \&Linux::Inventory::new;
+    local *Linux::Inventory::new = sub {
+        ($stage, $pid) = map { found("string(/dumping-status/\@$_)", "$dir/dumping-status.xml") } qw(stage pid);
+        $before = -e "$dir/dump.xml";
+        return $look->(@_);
+    };
+    unlink "$dir/dumping-status.xml" or die $!;
+    dumped('', '--dump-all', '--no-content');
+    is_deeply [$stage, $pid, $before], ['inventory', $$, undef],
+        'before anything is looked at the status is there, and the dump before is not';
+}
+
+{
     my $lock = Linux::Dump::take_lock($private);
     ok !eval { dumped('', '--dump-all'); 1 }, 'a second dump at the same time is refused';
     ok !eval { Linux::ContentList::text_of($private); 1 }, 'so is the list of an unfinished one';
