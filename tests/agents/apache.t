@@ -303,7 +303,9 @@ END
 <VirtualHost *:443>
     ServerName moved.test
     DocumentRoot /srv/a
+    SSLEngine on
 </VirtualHost>
+SSLCertificateFile ssl/all.pem
 END
     my $site = $sites->{'a.test'};
     is_deeply $site->{roots}, ['/srv/a', '/srv/b'], 'hosts of one name may have several document roots';
@@ -312,6 +314,8 @@ END
         'the first of several certificates is that of the site';
     is_deeply [sort @{ $site->{files} }], [sort '/srv/robots', map {"/etc/apache2/$_"} 'groups',
         map {"ssl/$_"} qw(rsa.pem rsa.key ec.pem ec.key ca.pem)], 'and it needs all of them, and single files';
+    is_deeply $sites->{'moved.test'}{tls}, { map { $_ => '/etc/apache2/ssl/all.pem' } qw(certificate key) },
+        'a host without a certificate has that of all';
     is_deeply $problems, [], 'without a problem';
 }
 

@@ -48,6 +48,7 @@ my ($tree) = imitated(
     'var/spool/cron/crontabs/www-data' => "\@daily tidy\n",
     'var/spool/cron/crontabs/carol' => "\@daily back up\n",
     'etc/cron.d/app' => "\@daily bob /home/bob/job\n",
+    'etc/cron.daily/tidy' => "#!/bin/sh\n",
     'etc/cron.d/packaged' => "\@daily daemon job of a package\n",
     'etc/crontab' => "1 2 * * * root system job\n",
 );
@@ -131,9 +132,10 @@ is_deeply members('content/clients/alice.tar.gz'),
     [qw(./home/alice/app/config.php ./var/spool/cron/crontabs/alice)],
     'a client has jobs, and files of the home that are in no site';
 is_deeply members('content/clients/bob.tar.gz'), [qw(./etc/cron.d/app ./home/bob/notes)], 'or in no mailbox';
-is_deeply [grep {/spool/} @{ members('content/server/settings.tar.gz') }],
-    [map {"./var/spool/cron/crontabs/$_"} qw(carol www-data)],
-    "cron tables of accounts without a site are with the host's settings";
+is_deeply [grep {/cron/} @{ members('content/server/settings.tar.gz') }],
+    [qw(./etc/cron.d/app ./etc/cron.d/packaged ./etc/cron.daily/tidy ./etc/crontab),
+        map {"./var/spool/cron/crontabs/$_"} qw(carol www-data)],
+    "what cron runs for the system and for accounts without a site is with the host's settings";
 is_deeply members('content/mailboxes/bob.tar.gz'), ['./home/bob/Maildir/new/1'], 'mailboxes are packed';
 
 sub problem_of { return found(qq(string(//problem[\@object="$_[0]" and contains(., "$_[1]")]/\@severity))) }

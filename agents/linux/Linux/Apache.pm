@@ -126,14 +126,10 @@ sub host_blocks {
     $self->{block} = $block;
     $self->add_names(@plain);
     $self->collect(\@directives, '/');
-    my (%last, %all);
-    for my $directive (grep { @{ $_->{args} } } @plain) {
-        $last{ $directive->{name} } = $directive->{args}[0];
-        push @{ $all{ $directive->{name} } }, $directive->{args}[0];
-    }
+    my %last = map { $_->{name} => $_->{args}[0] } grep { @{ $_->{args} } } @plain;
     my $tls = defined $last{sslengine} && lc $last{sslengine} ne 'off' ? 1 : 0;
     push @{ $block->{listen} }, map { listen_of($_, $tls) } @{ $host->{args} };
-    $self->add_tls(\%all) if $tls;
+    $self->add_tls(certificates(@plain) || certificates(@{ $self->{global} })) if $tls;
     $block->{php_addresses} = $base->{php_addresses} if !@{ $block->{php_addresses} };
     $block->{php_module} = $base->{php_module} if $base->{php_module};
     $block->{php_settings} = { %{ $base->{php_settings} }, %{ $block->{php_settings} } };
@@ -332,19 +328,25 @@ sub add_php {
     return;
 }
 
-# There may be several certificates, of different kinds; the first of them is the site's.
-sub add_tls {
-    my ($self, $values) = @_;
+# The files that directives name, { certificate, key, chain => [...] }; undef without a
+# certificate. There may be several, of different kinds.
+sub certificates {
     my %files;
-    for my $name (grep { $values->{$_} } map {"sslcertificate${_}file"} '', 'key', 'chain') {
-        $files{$name} = [map { $self->{config}->absolute($_) } @{ $values->{$name} }];
+    for my $directive (grep { @{ $_->{args} } } @_) {
+        push @{ $files{ $1 || 'certificate' } }, $directive->{args}[0]
+            if $directive->{name} =~ /\Asslcertificate(key|chain)?file\z/;
     }
-    my $certificates = $files{sslcertificatefile} or return;
-    my $keys = $files{sslcertificatekeyfile} || $certificates;
-    my $chains = $files{sslcertificatechainfile} || [];
-    $self->{block}{tls} = { certificate => $certificates->[0], key => $keys->[0],
-        @$chains ? (chain => $chains->[0]) : () };
-    add_once($self->{block}{files}, @$certificates, @$keys, @$chains);
+    return $files{certificate} ? \%files : undef;
+}
+
+# The first certificate is the site's; all their files are needed.
+sub add_tls {
+    my ($self, $found) = @_;
+    return if !$found;
+    my %files = (key => $found->{certificate}, %$found);
+    $_ = [map { $self->{config}->absolute($_) } @$_] for values %files;
+    $self->{block}{tls} = { map { $_ => $files{$_}[0] } keys %files };
+    add_once($self->{block}{files}, map { @{ $files{$_} || [] } } qw(certificate key chain));
     return;
 }
 

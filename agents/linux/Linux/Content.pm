@@ -24,7 +24,8 @@ my %OF_SYSTEM = map { $_ => 1 } qw(/ /bin /boot /dev /etc /home /lib /lib64 /pro
 # What a new host may want to look up: servers' settings and the accounts.
 my @SETTINGS = qw(/etc/nginx /etc/apache2 /etc/httpd /etc/php /etc/php.ini /etc/php.d /etc/php-fpm.conf
     /etc/php-fpm.d /etc/opt/remi /etc/mysql /etc/my.cnf /etc/my.cnf.d /etc/postgresql /etc/postfix
-    /etc/dovecot /etc/exim4 /etc/exim /etc/aliases /etc/mailname /etc/crontab /etc/cron.d /etc/logrotate.d
+    /etc/dovecot /etc/exim4 /etc/exim /etc/aliases /etc/mailname /etc/crontab /etc/anacrontab /etc/cron.d
+    /etc/cron.hourly /etc/cron.daily /etc/cron.weekly /etc/cron.monthly /etc/logrotate.d
     /etc/hosts /etc/hostname /etc/passwd /etc/group /etc/os-release /etc/sondrel);
 
 # tree, problems, private, kept, status, inventory, options.
