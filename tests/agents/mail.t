@@ -50,6 +50,13 @@ is_deeply $problems, [
     'info /var/mail/stranger: Is named like no account and is not taken as a mailbox',
 ], 'what is nobody\'s is told' or diag explain $problems;
 
+($mailboxes) = found(
+    'etc/postfix/main.cf' => "virtual_mailbox_base = /data\nvirtual_mailbox_maps = hash:\$config_directory/boxes mysql:/x\n",
+    'etc/postfix/boxes' => "all\@a.test a.test/catch-all/\n", maildir('data/a.test/catch-all'), maildir('data/a.test/info'),
+);
+is_deeply $mailboxes, { 'all@a.test' => '/data/a.test/catch-all', 'info@a.test' => '/data/a.test/info' },
+    'the folder of all mailboxes is searched for those that no map in a file names';
+
 for my $other (["mail_location = mdbox:/data/%d/%n\n", 'warning', 'mdbox'],
     ["mail_location = mbox:~/mail:INBOX=/var/mail/%u\n", 'info', 'mbox'],
     ["mail_driver = sdbox\nmail_path = %{home}/mail\n", 'info', 'sdbox'])

@@ -150,6 +150,7 @@ sub from_postfix {
             $self->take($format, $full, length $user ? $user : '*', lc $domain, "named in $path");
         }
     }
+    $self->from_folder($base, $base, 0) if $base =~ m{\A/.} && $tree->is_dir($base);
     my $home_mailbox = postfix_value($settings, 'home_mailbox');
     $self->from_accounts($home_mailbox, "home_mailbox in $POSTFIX") if $home_mailbox =~ s{/+\z}{};
     return;
@@ -167,7 +168,7 @@ sub settings_file {
 
 sub postfix_settings {
     my ($text) = @_;
-    my %settings;
+    my %settings = (config_directory => '/etc/postfix');
     $text =~ s/^\s*#.*\n?//mg;
     $text =~ s/\n[ \t]+/ /g;
     $settings{$1} = $2 while $text =~ /^(\w+)\s*=[ \t]*(.*?)\s*$/mg;
