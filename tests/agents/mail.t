@@ -57,6 +57,10 @@ is_deeply $problems, [
 is_deeply $mailboxes, { 'all@a.test' => '/data/a.test/catch-all', 'info@a.test' => '/data/a.test/info' },
     'the folder of all mailboxes is searched for those that no map in a file names';
 
+(undef, $problems) = found('etc/exim4/exim4.conf' => 'x');
+is_deeply $problems, ['info /etc/exim4: Is not read; mailboxes are searched for in the usual folders'],
+    'mail servers whose settings are not read are told';
+
 for my $other (["mail_location = mdbox:/data/%d/%n\n", 'warning', 'mdbox'],
     ["mail_location = mbox:~/mail:INBOX=/var/mail/%u\n", 'info', 'mbox'],
     ["mail_driver = sdbox\nmail_path = %{home}/mail\n", 'info', 'sdbox'])

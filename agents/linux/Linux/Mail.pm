@@ -12,6 +12,8 @@ my $POSTFIX = '/etc/postfix/main.cf';
 my @USUAL_FOLDERS = qw(/var/mail/vhosts /var/vmail /home/vmail /srv/vmail /var/spool/vmail /var/mail/virtual
     /var/lib/vmail /srv/mail);
 my @SPOOLS = qw(/var/mail /var/spool/mail);
+# Settings of other mail servers.
+my @NOT_READ = qw(/etc/exim4 /etc/exim /etc/courier /etc/cyrus);
 my $DEEPEST = 7;
 my $MOST_INCLUDED = 500;
 
@@ -24,6 +26,8 @@ sub all {
     }, __PACKAGE__;
     $self->from_postfix;
     $self->from_dovecot;
+    $self->problem('info', $_, 'Is not read; mailboxes are searched for in the usual folders')
+        for grep { $tree->is_dir($_) } @NOT_READ;
     $self->from_accounts("Maildir", 'the usual folder in a home');
     $self->from_folder($_, $_, 0) for grep { $tree->is_dir($_) } @USUAL_FOLDERS;
     my %seen;
