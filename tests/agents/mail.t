@@ -61,6 +61,9 @@ is_deeply $mailboxes, { 'all@a.test' => '/data/a.test/catch-all', 'info@a.test' 
 is_deeply $problems, ['info /etc/exim4: Is not read; mailboxes are searched for in the usual folders'],
     'mail servers whose settings are not read are told';
 
+($mailboxes) = found(maildir('var/mail/eve/x/y'), map { ("var/mail/eve/$_" => \'.', "var/mail/eve/x/$_" => \'..') } 'a' .. 'm');
+is_deeply $mailboxes, { y => '/var/mail/eve/x/y' }, 'folders that lead back to themselves are searched once';
+
 for my $other (["mail_location = mdbox:/data/%d/%n\n", 'warning', 'mdbox'],
     ["mail_location = mbox:~/mail:INBOX=/var/mail/%u\n", 'info', 'mbox'],
     ["mail_driver = sdbox\nmail_path = %{home}/mail\n", 'info', 'sdbox'])

@@ -108,6 +108,9 @@ sub from_spool {
 # domain is one, the last part is the user.
 sub from_folder {
     my ($self, $top, $folder, $depth) = @_;
+    # Links may lead here again, and again.
+    my $real = $self->{tree}->real($folder);
+    return if !defined $real || $self->{searched}{$real}++;
     if ($depth && $self->is_maildir($folder)) {
         my @parts = split m{/}, substr $folder, 1 + length $top;
         my ($domain) = grep {/\.[^.]/} @parts;
