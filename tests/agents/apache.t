@@ -237,12 +237,23 @@ END
     is_deeply [sort keys %sites], [qw(default main.test v.test)],
         'the main server serves the ports that are left';
     is $sites{'main.test'}{root}, '/var/www/html', 'from its own folder';
+    is_deeply $sites{'main.test'}{roots}, ['/var/www/html', '/var/www/cgi-bin'], 'and others';
     is $sites{default}{root}, '/var/www/html', 'which hosts without one take over';
     is $sites{'v.test'}{root}, '/srv/v', 'folders are included with all below';
     is $sites{'v.test'}{php_module}, 1, 'PHP may be a module';
     is_deeply problem_texts($problems), ['warning /etc/httpd/conf/httpd.conf: 1 folders of users served as /~user'
         . ' are no sites and are left out: /home/ann/public_html'], 'folders of users are mentioned'
         or diag explain problem_texts($problems);
+}
+
+{
+    my $hosts = join '', "Alias /all /srv/all\nAlias /in /srv/a/in\nAlias /empty /srv/empty\nAlias /gone /srv/gone\n",
+        "<VirtualHost *>\nServerName a.test\nDocumentRoot /srv/a\n</VirtualHost>\n";
+    my ($sites, $problems) = sites_of($hosts, 'srv/all/page' => 'x', 'srv/a/in/page' => 'x', 'srv/empty/' => undef,
+        'usr/share/apache2/icons/page' => 'x');
+    is_deeply $sites->{'a.test'}{roots}, ['/srv/a'], 'what all sites serve is no folder of one';
+    is_deeply $problems, ['warning /etc/apache2/apache2.conf: The folder /srv/all is served for all sites and belongs to'
+        . ' none: it is in no archive'], 'but named' or diag explain $problems;
 }
 
 {

@@ -7,7 +7,7 @@ use warnings;
 use Agent::Process qw(run which breathe);
 use Errno qw(EACCES);
 use Linux::ApacheConfig;
-use Linux::Site qw(new_block add_once is_host_name target_host join_blocks below);
+use Linux::Site qw(new_block add_once is_host_name target_host join_blocks below is_packaged);
 
 our @MAIN_FILES = qw(
     /etc/apache2/apache2.conf /etc/httpd/conf/httpd.conf /usr/local/apache2/conf/httpd.conf
@@ -55,9 +55,28 @@ sub sites {
     $self->{global} = [grep { $_->{name} ne 'virtualhost' } @directives];
     $self->{base_block} = $self->main_block($main);
     my @blocks = map { $self->host_blocks($_) } @hosts;
-    push @blocks, $self->{base_block} if $self->main_serves(@hosts);
+    if ($self->main_serves(@hosts)) {
+        $self->{base_block}{roots} = $self->{folders_of_all};
+        push @blocks, $self->{base_block};
+    }
     $self->note_user_folders(@hosts);
-    return join_blocks($tree, $problems, @blocks);
+    my @sites = join_blocks($tree, $problems, @blocks);
+    $self->note_folders_of_all(@sites);
+    return @sites;
+}
+
+# An alias outside of the virtual hosts is in all of them, and its folder in no site.
+sub note_folders_of_all {
+    my ($self, @sites) = @_;
+    my $tree = $self->{tree};
+    my @roots = grep {defined} map { $tree->real($_) } map { @{ $_->{roots} } } @sites;
+    for my $folder (grep { !is_packaged($_) && $tree->list($_) } @{ $self->{folders_of_all} }) {
+        my $real = $tree->real($folder);
+        next if grep { below($real, $_) } @roots;
+        $self->{problems}->add(severity => 'warning', object => $self->{base_block}{file},
+            text => "The folder $folder is served for all sites and belongs to none: it is in no archive");
+    }
+    return;
 }
 
 # Also those inside another one, whose end is missing.
@@ -79,6 +98,7 @@ sub main_block {
     }
     $self->collect($self->{global}, '/');
     $block->{root} = $self->document_root(@plain);
+    $self->{folders_of_all} = $block->{roots};
     $block->{roots} = [];
     $block->{content} = defined $block->{root};
     $block->{config} = [$main];

@@ -7,7 +7,7 @@ use warnings;
 use Errno qw(ENOENT ENOTDIR);
 use Exporter 'import';
 
-our @EXPORT_OK = qw(new_block add_once is_host_name target_host join_blocks below);
+our @EXPORT_OK = qw(new_block add_once is_host_name target_host join_blocks below is_packaged);
 
 # Folders of installed packages; what is served from there is not of a site.
 my $PACKAGED = qr{\A/usr/(?!local/)[^/]};
@@ -64,6 +64,8 @@ sub below {
     my ($path, $folder) = @_;
     return $path eq $folder || index($path, $folder eq '/' ? '/' : "$folder/") == 0;
 }
+
+sub is_packaged { return $_[0] =~ $PACKAGED }
 
 # The sites that the blocks of one server make, in their order. Blocks are of one
 # site when they share a name, and the first name or the document root.
@@ -181,7 +183,7 @@ sub finish_roots {
     add_once(my $roots = [], $own, @{ $site->{roots} });
     for my $root (@$roots) {
         my $is_own = defined $own && $root eq $own;
-        next if !$is_own && $root =~ $PACKAGED;
+        next if !$is_own && is_packaged($root);
         my $real = $tree->real($root);
         if (!defined $real) {
             my $missing = $! == ENOENT || $! == ENOTDIR;
