@@ -69,7 +69,8 @@ class Node:
     @property
     def through(self):
         """What a command is given to that is to run in it."""
-        return ["nsenter", "--target", str(self.pid), "--mount", "--net", "--pid", "--"]
+        # Its root, too: this may be a chroot, which is left with the namespace otherwise.
+        return ["nsenter", "--target", str(self.pid), "--mount", "--net", "--pid", "--root", "--wd=/", "--"]
 
     def run(self, *words):
         run(*self.through, *words)

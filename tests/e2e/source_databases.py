@@ -54,10 +54,10 @@ class DatabaseServer:
                                             cwd="/", user=self._ids[0], group=self._ids[1], extra_groups=[],
                                             preexec_fn=world.die_with_parent)
         try:
-            world.wait_until(self._answers, f"a server to answer in {self.sockets}")
-        except BaseException:
+            world.wait_until(self._answers, f"a server to answer in {self.sockets}", 60)
+        except BaseException as error:
             self.kill()
-            raise
+            raise RuntimeError(f"no database server: {world.read(self.log).decode(errors='replace')}") from error
 
     def stop(self):
         if self.process:
@@ -76,7 +76,10 @@ class DatabaseServer:
         return self._run(self._client(database), text, user=self._client_user())
 
     def _answers(self):
-        assert self.process.poll() is None, world.read(self.log).decode(errors="replace")
+        assert self.process.poll() is None, f"ended with {self.process.returncode}"
+        # Whoever asks starts a program, again and again, which would hold up the server that is to start.
+        if not os.path.exists(self.socket):
+            return False
         return subprocess.run(self._client(None), input=b"SELECT 1;", cwd="/", user=self._client_user(),
                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False).returncode == 0
 
@@ -124,6 +127,10 @@ class PostgreSql(DatabaseServer):
         self.port = port
         # The newest of the versions that are here.
         self.programs = max(glob.glob("/usr/lib/postgresql/*/bin"), key=lambda path: int(path.split("/")[-2]))
+
+    @property
+    def socket(self):
+        return f"{self.sockets}/.s.PGSQL.{self.port}"
 
     def _initialization(self):
         return [f"{self.programs}/initdb", "--pgdata", self.data, "--auth=peer", "--encoding=UTF8",
