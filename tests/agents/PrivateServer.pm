@@ -29,6 +29,20 @@ sub sql {
     return $result->{out};
 }
 
+# Dumps one of its databases by the agent's object of the server, and calls `write` once, as soon
+# as the dump has what `pattern` matches: (error, what was dumped, how often it was called).
+sub dump_while_written {
+    my ($server, $database, $pattern, $write) = @_;
+    my ($dumped, $calls) = ('', 0);
+    my $error = $server->dump($database, sub {
+        $dumped .= $_[0];
+        return if $calls || $dumped !~ $pattern;
+        $calls++;
+        $write->();
+    });
+    return ($error, $dumped, $calls);
+}
+
 sub stop {
     my ($self) = @_;
     my $child = delete $self->{child} or return;

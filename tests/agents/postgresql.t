@@ -154,14 +154,10 @@ my $rows = 50_000;
 $source->sql('CREATE DATABASE long');
 $source->sql("CREATE TABLE a (t text); CREATE TABLE z (t text);"
     . " INSERT INTO a SELECT 'row-' || n || repeat(' ', 100) FROM generate_series(1, $rows) AS n", 'long');
-my ($written, $dumped) = (0, '');
 my %long = (%{ $databases{shop} }, name => 'long', users => []);
-is $server->dump(\%long, sub {
-    $dumped .= $_[0];
-    return if $written || $dumped !~ /row-1\b/;
-    $source->sql('DELETE FROM a; INSERT INTO z VALUES ($$row-too-late$$)', 'long');
-    $written++;
-}), undef, 'a long dump is whole';
+my ($error, $dumped, $written) = PrivateServer::dump_while_written($server, \%long, qr/row-1\b/,
+    sub { $source->sql('DELETE FROM a; INSERT INTO z VALUES ($$row-too-late$$)', 'long') });
+is $error, undef, 'a long dump is whole';
 is $written, 1, 'somebody wrote while it ran';
 is scalar(() = $dumped =~ /row-[0-9]+/g), $rows, 'the rows of a dump are those of its beginning';
 unlike $dumped, qr/row-too-late/, 'in all tables';

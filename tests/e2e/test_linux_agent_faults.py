@@ -6,6 +6,7 @@ import xml.etree.ElementTree
 
 import pytest
 
+from linux_fixtures import agent  # noqa: F401  a fixture
 from linux_host import (AGENT_DIR, STAGE, Agent, Dump, Gate, assert_same_tree, check_schema, databases, populate,
                         populate_apache, unpack, web_host, without_perl_modules)
 from source_services import add_user, fill_root, owned
@@ -21,13 +22,6 @@ def host():
     with web_host() as found:
         populate(found)
         yield found
-
-
-@pytest.fixture
-def agent(host):
-    deployed = Agent()
-    yield deployed
-    deployed.end()
 
 
 def finished(agent, process):

@@ -6,6 +6,7 @@ import time
 
 import pytest
 
+from linux_fixtures import agent  # noqa: F401  a fixture
 from linux_host import (STAGE, Agent, Gate, WORDPRESS_LIKE, check_schema, databases, populate, unpack,
                         web_host)
 from source_services import add_user, fill_root, owned
@@ -28,13 +29,6 @@ def host():
         write("/srv/keys/key.pem", SECRET, 0o600)
         os.chmod("/srv/keys", 0o700)
         yield found
-
-
-@pytest.fixture
-def agent(host):
-    deployed = Agent()
-    yield deployed
-    deployed.end()
 
 
 def unpacked(agent):
