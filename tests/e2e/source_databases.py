@@ -35,7 +35,8 @@ class DatabaseServer:
         self.process = None
         account = pwd.getpwnam(self.ACCOUNT)
         self._ids = account.pw_uid, account.pw_gid
-        for path in folder, self.sockets:
+        self.temporary = f"{folder}/tmp"
+        for path in folder, self.temporary, self.sockets:
             os.makedirs(path, exist_ok=True)
             os.chown(path, *self._ids)
 
@@ -101,13 +102,16 @@ class MariaDb(DatabaseServer):
 
     def _initialization(self):
         return ["mariadb-install-db", "--no-defaults", f"--datadir={self.data}", "--skip-test-db",
-                "--auth-root-authentication-method=socket", "--innodb-log-file-size=8M"]
+                "--auth-root-authentication-method=socket", "--innodb-log-file-size=8M",
+                f"--tmpdir={self.temporary}"]
 
     def _command(self):
         return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.data}", f"--socket={self.socket}",
                 f"--pid-file={self.folder}/pid", "--skip-networking", "--innodb-buffer-pool-size=32M",
                 "--innodb-log-file-size=8M", "--innodb-flush-log-at-trx-commit=0", "--skip-log-bin",
-                "--event-scheduler=OFF", "--max-allowed-packet=64M"]
+                "--event-scheduler=OFF", "--max-allowed-packet=64M",
+                # A server that starts removes the temporary tables of all that share the folder.
+                f"--tmpdir={self.temporary}"]
 
     def _client(self, database):
         return ["mariadb", "--no-defaults", f"--socket={self.socket}", "--batch", "--skip-column-names",
