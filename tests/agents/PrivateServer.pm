@@ -4,7 +4,11 @@ package PrivateServer;
 use strict;
 use warnings;
 use Agent::Process qw(run start);
+use Exporter 'import';
 use FindBin;
+use Test::More;
+
+our @EXPORT_OK = qw(dumped dump_while_written);
 
 # kind: mariadb or postgresql; sockets: the folder of its socket, the usual one if not given.
 sub new {
@@ -29,7 +33,15 @@ sub sql {
     return $result->{out};
 }
 
-# Dumps one of its databases by the agent's object of the server, and calls `write` once, as soon
+# Dumps a database by the agent's object of the server: the dump, which has to succeed.
+sub dumped {
+    my ($server, $database) = @_;
+    my $sql = '';
+    is $server->dump($database, sub { $sql .= $_[0] }), undef, "$database->{name} is dumped";
+    return $sql;
+}
+
+# Dumps a database by the agent's object of the server, and calls `write` once, as soon
 # as the dump has what `pattern` matches: (error, what was dumped, how often it was called).
 sub dump_while_written {
     my ($server, $database, $pattern, $write) = @_;

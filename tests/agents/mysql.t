@@ -4,27 +4,16 @@ use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Agent::Problems;
+use Imitated qw(problem_texts);
 use Linux::MySql;
 use Linux::Tree;
-use PrivateServer;
+use PrivateServer qw(dumped dump_while_written);
 use Test::More;
 
 sub look {
     my $problems = Agent::Problems->new;
     my ($server) = Linux::MySql->found(tree => Linux::Tree->new(@_), problems => $problems, limit => 20);
     return ($server, $problems);
-}
-
-sub dumped {
-    my ($server, $database) = @_;
-    my $sql = '';
-    is $server->dump($database, sub { $sql .= $_[0] }), undef, "$database->{name} is dumped";
-    return $sql;
-}
-
-sub texts {
-    my ($problems) = @_;
-    return map {"$_->{severity} $_->{object}: $_->{text}"} $problems->all;
 }
 
 my $source = PrivateServer->new('mariadb', '/mnt/source-server');
@@ -81,7 +70,7 @@ is_deeply $server->description, { kind => 'mysql', label => 'MariaDB', product =
     'the server is described';
 my %databases = map { $_->{name} => $_ } $server->databases;
 is_deeply [sort keys %databases], ['-x `é', qw(client_a clientba sh%p shop)], 'all databases but its own are found';
-is_deeply [texts($problems)], [], 'a good server has no problems';
+is_deeply problem_texts($problems), [], 'a good server has no problems';
 cmp_ok $databases{shop}{bytes}, '>', 16384, 'the size of a database is known';
 is $databases{client_a}{bytes}, 0, 'an empty database has no bytes';
 is_deeply [map {"$_->{name}\@$_->{host}"} @{ $databases{shop}{users} }],
@@ -96,7 +85,7 @@ is $server->password_matches('shop', 'pass'), 0, 'a password is known to be wron
 is $server->password_matches('nobody', 'pass'), undef, 'nothing is known of a missing account';
 
 my %sql = map { $_ => dumped($server, $databases{$_}) } sort keys %databases;
-is_deeply [texts($problems)], [
+is_deeply problem_texts($problems), [
     'warning MariaDB database shop: The view broken cannot be read and stays out: ERROR 1356 (HY000) at line 1:'
         . " View 'shop.broken' references invalid table(s) or column(s) or function(s) or definer/invoker of view"
         . ' lack rights to use them',
@@ -144,7 +133,7 @@ my $rows = 50_000;
 $source->sql("CREATE DATABASE `long`; USE `long`; CREATE TABLE a (t VARCHAR(200)); CREATE TABLE z (t TEXT);"
     . " INSERT INTO a SELECT CONCAT('row-', seq, REPEAT(' ', 100)) FROM seq_1_to_$rows");
 my %long = (%{ $databases{shop} }, name => 'long', users => []);
-my ($error, $dumped, $written) = PrivateServer::dump_while_written($server, \%long, qr/row-1\b/,
+my ($error, $dumped, $written) = dump_while_written($server, \%long, qr/row-1\b/,
     sub { $source->sql('DELETE FROM a; INSERT INTO z VALUES ("row-too-late")', 'long') });
 is $error, undef, 'a long dump is whole';
 is $written, 1, 'somebody wrote while it ran';
@@ -157,7 +146,7 @@ $source->sql('FLUSH TABLES shop.log');
 truncate '/mnt/source-server/data/shop/log.MYI', 10 or die $!;
 ($server, $problems) = look();
 like dumped($server, $databases{shop}), qr/INSERT INTO `orders`/, 'the rest of a damaged database is dumped';
-like join("\n", texts($problems)), qr/^error MariaDB database shop: Not in the dump: .*\blog\b/m,
+like join("\n", @{ problem_texts($problems) }), qr/^error MariaDB database shop: Not in the dump: .*\blog\b/m,
     'a damaged table is named';
 
 # A password is in a file or nowhere.
@@ -166,7 +155,7 @@ $source->sql("CREATE USER 'agent'\@'localhost' IDENTIFIED BY 'secret-word';"
     . " ALTER USER 'root'\@'localhost' IDENTIFIED BY 'other-word'");
 ($server, $problems) = look();
 is $server->description->{running}, 0, 'a server that refuses us counts as one that cannot be asked';
-like join("\n", texts($problems)), qr/\Aerror MariaDB: The server cannot be asked: ERROR 1045 .*Access denied/,
+like join("\n", @{ problem_texts($problems) }), qr/\Aerror MariaDB: The server cannot be asked: ERROR 1045 .*Access denied/,
     'a refusal is named';
 mkdir '/etc/sondrel' or die $!;
 open my $file, '>', '/etc/sondrel/mysql.cnf' or die $!;
@@ -175,7 +164,7 @@ close $file or die $!;
 chmod 0600, '/etc/sondrel/mysql.cnf' or die $!;
 ($server, $problems) = look();
 is_deeply [map { $_->{name} } $server->databases], [sort keys %databases], 'an option file of the host opens the server';
-is_deeply [texts($problems)], [], 'a login that another one replaces is no problem';
+is_deeply problem_texts($problems), [], 'a login that another one replaces is no problem';
 like dumped($server, $databases{client_a}), qr/CREATE DATABASE/, 'the file opens it for a dump too';
 
 # A server that is stuck.
@@ -185,7 +174,7 @@ kill STOP => $pid or die $!;
 $problems = Agent::Problems->new;
 Linux::MySql->found(tree => Linux::Tree->new, problems => $problems, limit => 1);
 kill CONT => $pid or die $!;
-is_deeply [texts($problems)], ['error MariaDB: The server cannot be asked: no answer within 1 seconds'],
+is_deeply problem_texts($problems), ['error MariaDB: The server cannot be asked: no answer within 1 seconds'],
     'a server that does not answer is asked once';
 
 # A plain account takes what its own login may see.
@@ -229,7 +218,7 @@ is_deeply $server->description,
     { kind => 'mysql', label => 'MySQL', product => 'MySQL', running => 0, version => undef, address => undef },
     'a server that is down is there';
 is_deeply [$server->databases], [], 'a server that is down lists nothing';
-is_deeply [texts($problems)], ['error MySQL: The server cannot be asked: there is no socket of it'],
+is_deeply problem_texts($problems), ['error MySQL: The server cannot be asked: there is no socket of it'],
     'a server that is down is named';
 rmdir '/mnt/system/var/lib/mysql/mysql' or die $!;
 is_deeply [Linux::MySql->found(tree => Linux::Tree->new(root => '/mnt/system'), problems => $problems)], [],

@@ -4,9 +4,10 @@ use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Agent::Problems;
+use Imitated qw(problem_texts);
 use Linux::PostgreSql;
 use Linux::Tree;
-use PrivateServer;
+use PrivateServer qw(dumped dump_while_written);
 use Test::More;
 
 # The settings that the package has left on this machine are not those of the test.
@@ -17,18 +18,6 @@ sub look {
     my $problems = Agent::Problems->new;
     my @servers = Linux::PostgreSql->found(tree => Linux::Tree->new, problems => $problems, @look);
     return ($problems, @servers);
-}
-
-sub dumped {
-    my ($server, $database) = @_;
-    my $sql = '';
-    is $server->dump($database, sub { $sql .= $_[0] }), undef, "$database->{name} is dumped";
-    return $sql;
-}
-
-sub texts {
-    my ($problems) = @_;
-    return map {"$_->{severity} $_->{object}: $_->{text}"} $problems->all;
 }
 
 my $source = PrivateServer->new('postgresql', '/mnt/source-server');
@@ -82,7 +71,7 @@ SELECT lo_from_bytea(4711, '\xcafe');
 END
 
 my ($problems, $server) = look();
-is_deeply [texts($problems)], [], 'a good server has no problems';
+is_deeply problem_texts($problems), [], 'a good server has no problems';
 my ($version) = $source->sql('SHOW server_version') =~ /\A(\S+)/;
 is_deeply $server->description, { kind => 'postgresql', label => 'PostgreSQL (port 5432)',
     product => 'PostgreSQL', running => 1, version => $version, address => '/run/postgresql/.s.PGSQL.5432' }, 'the server is described';
@@ -101,7 +90,7 @@ is $server->password_matches('old "quoted" $role$', 'new'), 0, 'an old kind of h
 is $server->password_matches('nobody', 'pass'), undef, 'nothing is known of a missing role';
 
 my %sql = map { $_ => dumped($server, $databases{$_}) } $awkward, qw(latin pattern raw shop);
-is_deeply [texts($problems)], ['info PostgreSQL database raw: What lies in these tablespaces comes into the default one:'
+is_deeply problem_texts($problems), ['info PostgreSQL database raw: What lies in these tablespaces comes into the default one:'
     . ' fast "one"', 'info PostgreSQL database shop: The role shop loses its server-wide rights: pg_monitor',
     'info PostgreSQL database shop: The role team loses its server-wide rights: CREATEDB, BYPASSRLS, REPLICATION'],
     'what does not come along is named';
@@ -155,7 +144,7 @@ $source->sql('CREATE DATABASE long');
 $source->sql("CREATE TABLE a (t text); CREATE TABLE z (t text);"
     . " INSERT INTO a SELECT 'row-' || n || repeat(' ', 100) FROM generate_series(1, $rows) AS n", 'long');
 my %long = (%{ $databases{shop} }, name => 'long', users => []);
-my ($error, $dumped, $written) = PrivateServer::dump_while_written($server, \%long, qr/row-1\b/,
+my ($error, $dumped, $written) = dump_while_written($server, \%long, qr/row-1\b/,
     sub { $source->sql('DELETE FROM a; INSERT INTO z VALUES ($$row-too-late$$)', 'long') });
 is $error, undef, 'a long dump is whole';
 is $written, 1, 'somebody wrote while it ran';
@@ -202,7 +191,7 @@ $target->stop;
 ($problems, my @servers) = look();
 is_deeply [map { [@$_{qw(address running)}] } map { $_->description } @servers],
     [['/run/postgresql/.s.PGSQL.5432', 1], [undef, 0], [undef, 0]], 'servers are found by sockets and by settings';
-is_deeply [texts($problems)], ['error PostgreSQL (port 5434): The server cannot be asked: it is not running',
+is_deeply problem_texts($problems), ['error PostgreSQL (port 5434): The server cannot be asked: it is not running',
     'info PostgreSQL (port 5435): The server cannot be asked: it is not running'], 'servers that are down are named';
 
 # Without root we ask as ourselves.
