@@ -18,7 +18,7 @@ const char* const CONFIGURATION_FILE = "/etc/qrv/qrv.conf";
 
 std::unique_ptr<const QrvConfValues> theStore;
 
-/// The keys of the lines that were skipped.
+/// The keys of the lines that were skipped in the file that was read last.
 std::set<std::string> theMalformedKeys;
 
 struct Variable {
@@ -103,6 +103,7 @@ std::unique_ptr<const QrvConfValues> readQrvConf(const char* path) {
     return nullptr;
   }
   auto values = std::make_unique<QrvConfValues>();
+  theMalformedKeys.clear();
   while (const std::optional<std::string> line = readLine(file.get())) {
     parseLine(path, *line, *values);
   }

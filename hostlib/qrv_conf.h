@@ -29,7 +29,7 @@ enum QrvConfVariable {
 using QrvConfValues = std::map<std::string, std::string>;
 
 /// Reads a file of that form. Null, with a line in the system log, when it cannot be
-/// read; a malformed line is reported there, too, and skipped.
+/// read; a malformed line is reported there, too, skipped, and kept for qrvConfIsMalformed().
 std::unique_ptr<const QrvConfValues> readQrvConf(const char* path);
 
 /// Loads the file unless that was done; false when it could not be read.
