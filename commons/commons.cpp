@@ -26,21 +26,18 @@ std::string getTempBaseDir(const std::string& dir) {
   return configured ? configured : files::getTmpDir();
 }
 
-/// The folder in which `target` lies, as a name that can be used as one.
-std::string getFolderOf(const std::string& target) {
-  if (target.find('/') == std::string::npos) return ".";
-  const std::string folder = getPath(target);
+}  // namespace
+
+std::string getFolderOf(const std::string& path) {
+  if (path.find('/') == std::string::npos) return ".";
+  const std::string folder = getPath(path);
   return folder.empty() ? "/" : folder;
 }
 
-/// Puts the entry `path` of its folder on the disk: what is in a new folder is there
-/// only if the folder is. False with errno.
 bool syncFolderOf(const std::string& path) {
   const UniqueFd folder(open(getFolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return folder && syncFolder(folder.get());
 }
-
-}  // namespace
 
 void initTempName(std::vector<char>& buffer, const std::string& dir, const std::string& prefix) {
   buffer.reserve(TEMP_NAME_BYTES);

@@ -43,6 +43,13 @@ std::string getFileNameFromPath(const std::string& path);
 /// The text before the last "/", or nothing when there is none.
 std::string getPath(const std::string& path);
 
+/// The folder in which `path` lies, as a name that can be used as one.
+std::string getFolderOf(const std::string& path);
+
+/// Puts the entry `path` of its folder on the disk: what is in a new folder is there
+/// only if the folder is. False with errno.
+bool syncFolderOf(const std::string& path);
+
 /// The user and group that own what other programs are to read. 0 and 0 where the
 /// account does not exist.
 struct ServiceAccount {

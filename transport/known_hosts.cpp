@@ -1,7 +1,6 @@
 #include "transport/known_hosts.h"
 
 #include <fcntl.h>
-#include <libgen.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <sys/stat.h>
@@ -19,6 +18,7 @@
 #include <stdexcept>
 
 #include "commons/ExSystemError.h"
+#include "commons/commons.h"
 #include "commons/output_file.h"
 #include "commons/unique_fd.h"
 
@@ -150,13 +150,6 @@ std::optional<std::string> readWhole(const std::string& path) {
   }
 }
 
-void syncFolderOf(std::string path) {
-  // dirname may cut its argument.
-  const std::string folder = dirname(path.data());
-  const UniqueFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!opened || !syncFolder(opened.get())) throwSystemError(folder, errno);
-}
-
 bool endsInsideLine(int file) {
   char last = '\n';
   const off_t size = lseek(file, 0, SEEK_END);
@@ -262,6 +255,9 @@ void KnownHosts::add(const HostKey& key) {
   // before it.
   const std::string before = endsInsideLine(file.get()) ? "\n" : "";
   appendDurably(file.get(), path_, before + name + " " + key.type() + " " + key.text() + "\n");
-  if (isNew) syncFolderOf(path_);
+  if (isNew && !syncFolderOf(path_)) {
+    const int error = errno;
+    throwSystemError(getFolderOf(path_), error);
+  }
   own_.push_back({key.type(), key.text()});
 }
