@@ -168,13 +168,10 @@ def detach(work, log):
 
 # --- the module ---
 
-def is_finished(module, program):
-    """Whether the session is finished, with these very settings."""
-    session = module.params["session"]
-    if status_of(module, program, session).get("state") != "finished":
-        return False
+def has_settings(session, settings):
+    """Whether the migration was begun with these very settings."""
     known = recorded_settings(session)
-    return all(known.get(name) == text_of(value) for name, value in module.params["settings"].items())
+    return all(known.get(name) == text_of(value) for name, value in settings.items())
 
 
 def begin(module):
@@ -182,11 +179,15 @@ def begin(module):
     params = module.params
     program = module.get_bin_path(params["program"], required=True)
     passwords = password_lines(module)
-    if is_at_work(params["session"]) or is_running_otherwise(module, program):
+    # In this order: a run that ends in between has written down its end.
+    at_work = is_at_work(params["session"])
+    state = status_of(module, program, params["session"]).get("state", "")
+    # Somebody may run it by hand.
+    if at_work or state.startswith("running"):
         if params["from_step"]:
             module.fail_json(msg="The migration is at work: it cannot go back to " + params["from_step"])
         return False
-    if not params["from_step"] and is_finished(module, program):
+    if not params["from_step"] and state == "finished" and has_settings(params["session"], params["settings"]):
         return False
     if module.check_mode:
         return True
@@ -195,11 +196,6 @@ def begin(module):
         return False  # another controller was faster
     detach(lambda: run_to_its_end(command_of(params, program), passwords, params["slots"]), log)
     return True
-
-
-def is_running_otherwise(module, program):
-    """Whether somebody runs it by hand."""
-    return status_of(module, program, module.params["session"]).get("state", "").startswith("running")
 
 
 def main():
