@@ -11,7 +11,7 @@ use Linux::Php;
 use Linux::Tls;
 use POSIX ();
 
-my $VERSION = 1;
+my $VERSION = 2;
 
 # Lists of a site and the element for each of their entries: its text, or the
 # attributes it has.
