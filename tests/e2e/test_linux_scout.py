@@ -11,8 +11,8 @@ import snapshot
 from linux_host import (check_schema, databases, described, install_linux_agent, many_sites, populate,
                         populate_apache, web_host, without_perl_modules)
 from snapshot import own_folders  # noqa: F401  a fixture
-from source_services import FOLDERS, fill_root
-from world import DTM, PLAIN, SESSION, Destination, Session
+from source_services import FOLDERS, add_user, fill_root
+from world import DTM, PLAIN, SESSION, Destination, Session, write
 
 
 @pytest.fixture
@@ -74,6 +74,18 @@ def test_tells_what_there_is(source, host, login):
 
 
 @pytest.mark.release_only
+def test_counts_a_mailbox_that_is_a_single_file(host):
+    populate(host)
+    write("/var/mail/alice", "From x\n" * 1000, 0o600, add_user("alice"))
+    document = look()
+    assert findings(document, "error") == {}
+    needs = document.find("needs")
+    assert needs.get("complete") == "yes"
+    os.unlink("/var/mail/alice")
+    assert int(needs.get("file-bytes")) - int(look().find("needs").get("file-bytes")) == 8192
+
+
+@pytest.mark.release_only
 def test_tells_what_it_cannot_see_without_root(host):
     populate(host)
     document = look(user=PLAIN.ids[0])
@@ -83,7 +95,7 @@ def test_tells_what_it_cannot_see_without_root(host):
     assert errors["/var/mail/vhosts"] == "Cannot be read, mailboxes in it are not found: Permission denied"
     assert errors["/var/spool/cron/crontabs"] == "Cannot be read: Permission denied"
     assert "privkey.pem may not be read" in errors["a.test"]
-    assert errors["files"] == "1 of the folders cannot be read by this login"
+    assert errors["files"] == "1 of the directories cannot be read by this login: migrate as root, or with sudo"
     assert document.find("needs").get("complete") == "no"
 
 
