@@ -5,6 +5,7 @@ use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Agent::Kept;
 use Agent::Options;
 use Agent::Private;
+use Agent::Problems;
 use Agent::Process qw(run);
 use File::Path ();
 use File::Temp qw(tempdir);
@@ -278,6 +279,14 @@ is found('string(/dumping-status/transport/@used)', "$dir/dumping-status.xml"), 
 is run(['grep', '-r', 'secret word', $dir])->{status}, 1, 'the password is nowhere';
 
 # --- when it does not work ---
+
+{
+    my $problems = Agent::Problems->new;
+    my $content = Linux::Content->new(problems => $problems);
+    ok eval { $content->attempt({ kind => 'site', label => 'a.test' }, sub { die "Ended by chance\n" }); 1 },
+        'a failure is a problem of its object whatever its text';
+    is $problems->count('error'), 1, 'which is named';
+}
 
 {
     my ($before, $stage, $pid);

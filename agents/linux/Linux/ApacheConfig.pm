@@ -5,9 +5,7 @@ package Linux::ApacheConfig;
 
 use strict;
 use warnings;
-use Linux::ConfigReader;
-
-our @ISA = qw(Linux::ConfigReader);
+use base 'Linux::ConfigReader';
 
 # What <IfVersion> is compared with: a late one of the series that hosts have.
 my @VERSION = (2, 4, 99);

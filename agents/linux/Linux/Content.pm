@@ -7,19 +7,16 @@ use strict;
 use warnings;
 use Agent::Archive;
 use Agent::Private;
+use Agent::Status;
 use Agent::Tar;
 use Errno qw(ENOENT);
-use Linux::Site qw(below);
+use Linux::Site qw(below is_of_system);
 use Linux::System;
 
 our $FOLDER = 'content';
 
 my $MOST_NOTES   = 50;
 my $NOT_REUSABLE = '-';
-
-# Folders that belong to the system whatever a site's configuration says.
-my %OF_SYSTEM = map { $_ => 1 } qw(/ /bin /boot /dev /etc /home /lib /lib64 /proc /root /run /sbin /sys /tmp
-    /usr /usr/share /usr/lib /var /var/lib /var/log /var/mail /var/spool /var/tmp);
 
 # What a new host may want to look up: servers' settings and the accounts.
 my @SETTINGS = qw(/etc/nginx /etc/apache2 /etc/httpd /etc/php /etc/php.ini /etc/php.d /etc/php-fpm.conf
@@ -104,7 +101,7 @@ sub home_of {
     my ($self, $client) = @_;
     return if $client->{system} || !defined $client->{home};
     my $real = $self->{tree}->real($client->{home});
-    return if !defined $real || $OF_SYSTEM{$real} || !$self->{tree}->is_dir($real);
+    return if !defined $real || is_of_system($real) || !$self->{tree}->is_dir($real);
     my $owner = ($self->{tree}->stat($real))[4];
     return $client->{home} if $owner == $client->{uid};
     $self->problem('warning', $client->{name}, "The home $client->{home} belongs to "
@@ -119,7 +116,7 @@ sub site {
     for my $root (@{ $site->{roots} }) {
         my $real = $self->{tree}->real($root);
         $real = $root if !defined $real;
-        if ($OF_SYSTEM{$real}) {
+        if (is_of_system($real)) {
             $self->problem('error', $domain->{name}, "$root is a folder of the system and is not packed");
             next;
         }
@@ -203,7 +200,7 @@ sub attempt {
     my ($self, $item, $step) = @_;
     return if eval { $step->(); 1 };
     my $error = $@;
-    die $error if $error =~ /\AEnded by /;
+    die $error if defined $Agent::Status::ended;
     chomp $error;
     return $self->problem('error', $item->{label}, ucfirst "$item->{kind} is not whole in the dump: $error");
 }

@@ -5,9 +5,7 @@ package Linux::NginxConfig;
 
 use strict;
 use warnings;
-use Linux::ConfigReader;
-
-our @ISA = qw(Linux::ConfigReader);
+use base 'Linux::ConfigReader';
 
 # First words of lines that show that the ";" of the line before is missing.
 my %STARTS_DIRECTIVE = map { $_ => 1 } qw(

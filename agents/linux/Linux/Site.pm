@@ -7,14 +7,17 @@ use warnings;
 use Errno qw(ENOENT ENOTDIR);
 use Exporter 'import';
 
-our @EXPORT_OK = qw(new_block add_once is_host_name target_host join_blocks below is_packaged);
+our @EXPORT_OK = qw(new_block add_once is_host_name target_host join_blocks below is_packaged is_of_system);
 
 # Folders of installed packages; what is served from there is not of a site.
 my $PACKAGED = qr{\A/usr/(?!local/)[^/]};
 
-# Folders that hold a whole system, and file systems without files: no site's content.
+# Directories that hold a whole system or what all of it shares, and file systems without files: no
+# site's content, whatever a configuration says.
 my $SYSTEM = qr{\A/(?:
     (?:bin|boot|etc|home|lib\w*|opt|root|sbin|tmp|usr|var)?
+    | usr/(?:share|lib\w*|local)
+    | var/(?:cache|lib|log|mail|spool|tmp)
     | (?:dev|proc|run|sys)(?:/.*)?
 )\z}sx;
 
@@ -66,6 +69,9 @@ sub below {
 }
 
 sub is_packaged { return $_[0] =~ $PACKAGED }
+
+# True for a directory that is of the system as a whole, given without links on the way.
+sub is_of_system { return $_[0] =~ $SYSTEM ? 1 : 0 }
 
 # The sites that the blocks of one server make, in their order. Blocks are of one
 # site when they share a name, and the first name or the document root.
@@ -197,7 +203,7 @@ sub finish_roots {
             add_once($site->{files}, $root);
             next;
         }
-        if ($real =~ $SYSTEM) {
+        if (is_of_system($real)) {
             $problems->add(severity => 'error', object => $site->{name},
                 text => "Document root $root is a folder of the system and is left out");
             next;
