@@ -26,8 +26,13 @@ sub server_block {
 my ($tree) = imitated(
     'etc/passwd' => "root:x:0:0:root:/root:/bin/sh\nwww-data:x:33:33::/var/www:/bin/false\n"
         . "vmail:x:${VMAIL}:${VMAIL}::/var/vmail:/bin/false\ndaemon:x:1:1::/:/bin/false\nalice:x:${ALICE}:${ALICE}::/home/alice:/bin/sh\n"
-        . "bob:x:${BOB}:${BOB}::/home/bob:/bin/sh\n",
-    'etc/group' => "root:x:0:\nalice:x:$ALICE:\nbob:x:$BOB:\n",
+        . "bob:x:${BOB}:${BOB}::/home/bob:/bin/sh\ndave:x:31004:31004::/home/dave:/bin/sh\n",
+    'etc/group' => "root:x:0:\nadm:x:4:alice\ntape:x:26:\nalice:x:$ALICE:\nbob:x:$BOB:\nteam:x:32000:alice,bob\nmail:x:8:\n",
+    'etc/systemd/system/shop.service' => "[Service]\nUser=alice\nExecStart=/home/alice/run --key=secret\n",
+    'etc/systemd/system/shop.timer' => "[Timer]\nOnCalendar=daily\n",
+    'etc/systemd/system/backup.service' => "[Service]\nUser=www-data\nExecStart=/usr/local/bin/backup\nEnvironmentFile=/etc/backup.env\n",
+    'etc/backup.env' => 'WHERE=x',
+    'home/dave/.config/systemd/user/sync.service' => "[Service]\nExecStart=/home/dave/sync\n",
     'etc/aliases' => "root: admin\@a.test\n",
     'etc/sondrel/resellers' => "big: bob nobody-here\n",
     'etc/nginx/nginx.conf' => "http { include /etc/nginx/sites-enabled/*; }\n",
@@ -43,7 +48,9 @@ my ($tree) = imitated(
     'home/bob/Maildir/new/1' => 'a letter', 'home/bob/notes' => 'x',
     'srv/releases/5/web/' => [$BOB, $BOB], 'srv/releases/5/web/index.html' => 'c',
     'srv/current' => \'releases/5',
+    'var/mail/vhosts/a.test/info/' => [$VMAIL, $VMAIL],
     'var/mail/vhosts/a.test/info/new/' => undef, 'var/mail/vhosts/a.test/info/cur/' => undef,
+    'home/dave/' => [31004, 31004],
     'var/vmail/only-mail.test/x/new/' => undef, 'var/vmail/only-mail.test/x/cur/' => undef,
     'var/spool/cron/crontabs/alice' => "# mine\nMAILTO=x\n5 * * * * run this\n",
     'var/spool/cron/crontabs/www-data' => "\@daily tidy\n",
@@ -130,8 +137,9 @@ is_deeply members('content/sites/c.test.tar.gz'),
     [qw(./etc/nginx/sites-available/c ./etc/nginx/sites-enabled/c ./srv/current ./srv/releases/5/web/index.html)],
     'links on the way are packed with what they lead to';
 is_deeply members('content/clients/alice.tar.gz'),
-    [qw(./home/alice/app/config.php ./var/spool/cron/crontabs/alice)],
-    'a client has jobs, and files of the home that are in no site';
+    [qw(./etc/systemd/system/shop.service ./etc/systemd/system/shop.timer ./home/alice/app/config.php
+        ./var/spool/cron/crontabs/alice)],
+    'a client has jobs, units, and files of the home that are in no site';
 is_deeply members('content/clients/bob.tar.gz'), [qw(./etc/cron.d/app ./home/bob/notes)], 'or in no mailbox';
 is_deeply [grep {/cron/} @{ members('content/server/settings.tar.gz') }],
     [qw(./etc/cron.d/app ./etc/cron.d/packaged ./etc/cron.daily/tidy ./etc/crontab),
@@ -139,12 +147,33 @@ is_deeply [grep {/cron/} @{ members('content/server/settings.tar.gz') }],
     "what cron runs for the system and for accounts without a site is with the host's settings";
 is_deeply members('content/mailboxes/bob.tar.gz'), ['./home/bob/Maildir/new/1'], 'mailboxes are packed';
 
+my @of_others = qw(./etc/backup.env ./etc/systemd/system/backup.service ./home/dave/.config/systemd/user/sync.service);
+my %setting = map { $_ => 1 } @{ members('content/server/settings.tar.gz') };
+is_deeply [grep { !$setting{$_} } @of_others], [], 'so are units of the system and of accounts without a site';
+is_deeply values_of('/dump/server/unit/@name'), [qw(backup.service sync.service)], 'which are described there';
+is_deeply values_of('//client[@name="alice"]/unit/@name'), [qw(shop.service shop.timer)], 'those of a client with it';
+is found('string(//unit[@name="shop.timer"]/when)'), 'OnCalendar=daily', 'timers say when';
+unlike $private->read('dump.xml'), qr/--key/, 'arguments of programs are not in the document';
+
+# --- the accounts that must be there before anything is unpacked ---
+
+is_deeply values_of('/dump/accounts/account/@name'), [qw(alice bob root vmail)],
+    'the owners of what is packed are described, and no others';
+is found('string(/dump/accounts/account[@name="vmail"]/@uid)'), $VMAIL, 'with their numbers';
+is_deeply values_of('//client[@name="alice"]/group/@name'), [qw(adm team)], 'clients have their further groups';
+is_deeply values_of('/dump/accounts/group/@name'), [qw(adm alice bob root team)],
+    'groups of files, of accounts and of persons are described';
+is found('string(/dump/accounts/group[@name="team"]/@gid)'), 32000, 'with their numbers';
+is found('string(/dump/accounts/group[@name="team"]/member[2])'), 'bob', 'and members';
+
 sub problem_of { return found(qq(string(//problem[\@object="$_[0]" and contains(., "$_[1]")]/\@severity))) }
 
 is problem_of('missing.test', 'does not exist'), 'warning', 'a missing root is a problem';
 is problem_of('whole.test', '/ is a folder of the system'), 'error', 'the system is not packed as a site';
 is problem_of('carol', 'cron jobs but no site'), 'warning', 'jobs of an account without a site are named';
 is problem_of('www-data', 'cron jobs but no site'), 'info', 'so are those of a service';
+is problem_of('dave', 'units of systemd but no site: sync.service'), 'warning', 'units of an account without a site too';
+is problem_of("www-data", "units of systemd"), "", "those of a service are the host's";
 is problem_of('daemon', 'cron jobs but no site'), '', 'but not those of packages';
 is problem_of('/etc/sondrel/resellers', 'nobody-here'), 'warning', 'an unknown user of a reseller is a problem';
 

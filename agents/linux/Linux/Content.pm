@@ -23,12 +23,13 @@ my @SETTINGS = qw(/etc/nginx /etc/apache2 /etc/httpd /etc/php /etc/php.ini /etc/
     /etc/php-fpm.d /etc/opt/remi /etc/mysql /etc/my.cnf /etc/my.cnf.d /etc/postgresql /etc/postfix
     /etc/dovecot /etc/exim4 /etc/exim /etc/aliases /etc/mailname /etc/crontab /etc/anacrontab /etc/cron.d
     /etc/cron.hourly /etc/cron.daily /etc/cron.weekly /etc/cron.monthly /etc/logrotate.d
-    /etc/hosts /etc/hostname /etc/passwd /etc/group /etc/os-release /etc/sondrel);
+    /etc/hosts /etc/hostname /etc/passwd /etc/group /etc/os-release /etc/sondrel
+    /etc/systemd/system /etc/systemd/user /usr/local/lib/systemd);
 
 # tree, problems, private, kept, status, inventory, options.
 sub new {
     my ($class, %options) = @_;
-    return bless {%options, used => {}, packed => {}, made => {}, bytes => 0 }, $class;
+    return bless {%options, used => {}, packed => {}, made => {}, owners => {}, bytes => 0 }, $class;
 }
 
 # What is to be made for a Linux::Selection: [{ kind, name, label, object, ... }].
@@ -78,7 +79,7 @@ sub item {
 sub settings_of {
     my ($self, $server) = @_;
     my $name = $self->name_for('server', 'settings', '.tar');
-    my @paths = grep { $self->{tree}->exists($_) } @SETTINGS, $self->{inventory}->tables_of_others;
+    my @paths = grep { $self->{tree}->exists($_) } @SETTINGS, $self->{inventory}->files_of_others;
     return $self->item('settings', 'server', $server, $name, paths => \@paths);
 }
 
@@ -86,7 +87,9 @@ sub client {
     my ($self, $client) = @_;
     my $cron = $client->{cron} || { files => [] };
     my @pools = map { $_->{php} ? $_->{php}{pool_file} : undef } @{ $client->{sites} };
-    my @paths = grep {defined} $cron->{crontab}, @{ $cron->{files} }, @pools;
+    my @units = map { ($_->{file}, @{ $_->{needs} }) } @{ $client->{units} || [] };
+    my @paths = grep {defined} $cron->{crontab}, @{ $cron->{files} }, @pools,
+        grep { $self->{tree}->exists($_) } @units;
     my $home = $self->home_of($client);
     push @paths, $home if defined $home;
     return if !@paths;
@@ -170,6 +173,12 @@ sub make {
     return;
 }
 
+# [uid, gid] of all that was packed, each pair once.
+sub owners {
+    my ($self) = @_;
+    return map { [split / /] } sort keys %{ $self->{owners} };
+}
+
 # Bytes read so far.
 sub bytes {
     my ($self) = @_;
@@ -245,6 +254,7 @@ sub pack_item {
         note => sub { $self->note($item, $notes, @_) },
     );
     my $found = $tar->scan;
+    $self->{owners}{$_} = 1 for keys %{ $found->{owners} };
     my $old = $kept->find($item->{name});
     return $old if $old && $old->{fingerprint} eq $found->{fingerprint};
     $self->{private}->remove($item->{name});

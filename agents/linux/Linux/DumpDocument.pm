@@ -33,6 +33,7 @@ sub text_of {
     my @children = (
         ($options->{server} ? $self->server : ()),
         ($options->{admin_info} ? $self->admin_info : ()),
+        $self->accounts,
         $self->clients($selection->clients),
         (@unassigned ? element('unassigned', [], @unassigned) : ()),
     );
@@ -46,6 +47,8 @@ sub text_of {
 }
 
 sub time_text { return POSIX::strftime('%Y-%m-%dT%H:%M:%SZ', gmtime $_[0]) }
+
+sub yes_or_no { return $_[0] ? 'yes' : 'no' }
 
 sub has_hosting { return ($_[0]{options}{only} || '') ne 'mail' }
 
@@ -81,19 +84,66 @@ sub clients {
 sub client {
     my ($self, $part) = @_;
     my $client = $part->{client};
-    my $cron = $client->{cron} && $part->{whole} && $self->has_hosting ? $client->{cron} : { jobs => [] };
+    my $has_jobs = $part->{whole} && $self->has_hosting;
+    my $cron = $client->{cron} && $has_jobs ? $client->{cron} : { jobs => [] };
     return element('client', [
         (map { $_ => $client->{$_} } qw(name uid gid group home shell)),
         system => $client->{system} ? 'yes' : 'no', whole => $part->{whole} ? 'yes' : 'no',
     ],
         ($part->{whole} ? contents($client) : ()),
+        each_as('group', [qw(name gid)], $self->{inventory}->users->memberships($client->{name})),
         (map { cron_job($_) } @{ $cron->{jobs} }),
+        ($has_jobs ? map { unit($_) } @{ $client->{units} || [] } : ()),
         $self->objects(%$part));
 }
 
 sub cron_job {
     my ($job) = @_;
     return element('cron', [map { $_ => $job->{$_} } qw(when file)], text($job->{command}));
+}
+
+sub unit {
+    my ($unit) = @_;
+    return element('unit', [
+        (map { $_ => $unit->{$_} } qw(name file user)),
+        enabled => yes_or_no($unit->{enabled}), 'drop-in' => yes_or_no($unit->{drop_in}),
+        (map { $_ => $unit->{$_} } qw(description program directory)),
+    ], each_as('when', [], @{ $unit->{when} }), each_as('needs', [], @{ $unit->{needs} }));
+}
+
+# The accounts and groups that files of the dump, clients and mailboxes belong to, and all groups
+# of persons: a new host needs them before it unpacks.
+sub accounts {
+    my ($self) = @_;
+    my $users = $self->{inventory}->users;
+    my (%uid, %gid);
+    my @described = map { [@$_{qw(uid gid)}] } $self->selected_clients, $self->selected_mailboxes;
+    for my $pair ($self->{content} ? $self->{content}->owners : (), @described) {
+        $uid{ $pair->[0] } = 1 if defined $pair->[0];
+        $gid{ $pair->[1] } = 1 if defined $pair->[1];
+    }
+    my %named;
+    my @accounts = map {
+        my $account = $users->by_uid($_) || { uid => $_ };
+        $gid{ $account->{gid} } = 1 if defined $account->{gid};
+        $named{ $account->{name} } = 1 if defined $account->{name};
+        element('account', [(map { $_ => $account->{$_} } qw(name uid gid group home shell)),
+            system => $users->is_system($account) ? 'yes' : 'no'])
+    } sort { $a <=> $b } keys %uid;
+    my @groups = map { element('group', [name => $_->{name}, gid => $_->{gid}], each_as('member', [], @{ $_->{members} })) }
+        grep { delete $gid{ $_->{gid} } || $users->is_of_persons($_) || grep { $named{$_} } @{ $_->{members} } }
+        $users->groups;
+    return element('accounts', [], @accounts, @groups, map { element('group', [gid => $_]) } sort { $a <=> $b } keys %gid);
+}
+
+sub selected_clients { return map { $_->{client} } $_[0]{selection}->clients }
+
+sub selected_mailboxes {
+    my ($self) = @_;
+    return if !$self->has_mail;
+    my %unassigned = $self->{selection}->unassigned;
+    return map { my $part = $_; map { @{ $_->{mailboxes} || [] } } $part, @{ $part->{domains} || [] } }
+        $self->{selection}->clients, \%unassigned;
 }
 
 sub objects {
@@ -174,7 +224,7 @@ sub database {
 sub mailbox {
     my ($mailbox) = @_;
     return element('mailbox', [
-        (map { $_ => $mailbox->{$_} } qw(address path format owner)), found => $mailbox->{because},
+        (map { $_ => $mailbox->{$_} } qw(address path format owner uid gid)), found => $mailbox->{because},
         assigned($mailbox, $mailbox->{reason}),
     ], contents($mailbox));
 }
@@ -197,6 +247,7 @@ sub server {
     ],
         @web, (map { element('php', [version => $_]) } Linux::Php::versions($self->{tree})), @databases,
         each_as('file-system', [qw(mount type bytes free)], @{ $facts->{filesystems} || [] }),
+        (map { unit($_) } $self->{inventory}->units_of_others),
         contents($self->{server}));
 }
 

@@ -9,6 +9,7 @@ use Linux::Databases;
 use Linux::Mail;
 use Linux::Resellers;
 use Linux::Sites;
+use Linux::Units;
 use Linux::Users;
 
 # tree => Linux::Tree, problems => Agent::Problems, limit => seconds for a question
@@ -22,6 +23,7 @@ sub new {
     $self->{sites} = [Linux::Sites::all($tree, $problems)];
     $tick->();
     $self->{cron} = Linux::Cron::all($tree, $problems);
+    $self->{units} = [Linux::Units::all($tree, $problems, $self->{users})];
     $self->{clients} = [$self->owners_of_sites];
     $tick->();
     $self->{mailboxes} = [Linux::Mail::all($tree, $problems, $self->{users})];
@@ -40,7 +42,7 @@ sub new {
 
 sub users { return $_[0]{users} }
 
-# [{ name, uid, gid, home, shell, system, reseller, sites, databases, mailboxes, cron,
+# [{ name, uid, gid, home, shell, system, reseller, sites, databases, mailboxes, cron, units,
 # domains }]; system is 1 for accounts such as root.
 sub clients { return @{ $_[0]{clients} } }
 
@@ -60,12 +62,20 @@ sub servers { return $_[0]{database_servers}->servers }
 # The object that dumps databases.
 sub database_servers { return $_[0]{database_servers} }
 
-# The cron tables of accounts that are no clients.
-sub tables_of_others {
+# The units that belong to no client: those of the system, and of accounts without sites.
+sub units_of_others {
+    my ($self) = @_;
+    my %client = map { $_->{name} => 1 } $self->clients;
+    return grep { !$client{ $_->{user} } } @{ $self->{units} };
+}
+
+# The cron tables, and the files of units, of accounts that are no clients.
+sub files_of_others {
     my ($self) = @_;
     my %client = map { $_->{name} => 1 } $self->clients;
     my @others = grep { !$client{$_} } sort keys %{ $self->{cron} };
-    return grep {defined} map { $self->{cron}{$_}{crontab} } @others;
+    my @units = map { ($_->{file}, @{ $_->{needs} }) } $self->units_of_others;
+    return grep({defined} map { $self->{cron}{$_}{crontab} } @others), @units;
 }
 
 # { domains, databases, mailboxes } that belong to no client. What is in the domains
@@ -83,6 +93,7 @@ sub owners_of_sites {
             name => $name, ($account ? %$account : $name =~ /\A\d+\z/ ? (uid => $name) : ()),
             system => $account && !$self->{users}->is_system($account) ? 0 : 1,
             reseller => $resellers->{$name}, cron => $self->{cron}{$name},
+            units => [grep { $_->{user} eq $name } @{ $self->{units} }],
             sites => [], databases => [], mailboxes => [], domains => [],
         };
         push @{ $client->{sites} }, $site;
@@ -143,6 +154,22 @@ sub new_domain {
     };
 }
 
+sub name_units_left_over {
+    my ($self) = @_;
+    my %of_person;
+    for my $unit ($self->units_of_others) {
+        my $account = $self->{users}->by_name($unit->{user});
+        next if $account && $self->{users}->is_system($account);
+        push @{ $of_person{ $unit->{user} } }, $unit->{name};
+    }
+    for my $name (sort keys %of_person) {
+        $self->{problems}->add(severity => 'warning', object => $name, text => 'Has units of systemd but no site: '
+            . join(', ', @{ $of_person{$name} }) . " are only in the archive of the host's own settings, and what they"
+            . ' run is in no archive; copy it by hand if the new host shall run them');
+    }
+    return;
+}
+
 # Links that were not followed so far.
 sub name_refused_links {
     my ($self) = @_;
@@ -166,6 +193,7 @@ sub name_those_left_over {
         $self->{problems}->add(severity => $is_system ? 'info' : 'warning', object => $name,
             text => "Has cron jobs but no site: the jobs are only in the archive of the host's own settings");
     }
+    $self->name_units_left_over;
     for my $site (grep { !defined $_->{owner} } $self->sites) {
         $self->{problems}->add(severity => 'warning', object => $site->{name},
             text => 'Nobody is found to own this site; a dump of everything or of its domain has it');

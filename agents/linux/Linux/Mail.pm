@@ -52,7 +52,7 @@ sub take {
     my @stat = $self->{tree}->stat($real);
     push @{ $self->{found} }, {
         address => defined $domain ? "$user\@$domain" : $user, user => $user, domain => $domain,
-        path => $path, format => $format, owner => $self->{users}->name_of($stat[4]), because => $because,
+        path => $path, format => $format, owner => $self->{users}->name_of($stat[4]), uid => $stat[4], gid => $stat[5], because => $because,
     };
     return 1;
 }

@@ -9,7 +9,7 @@ my $NOBODY = 65534;
 
 sub new {
     my ($class, $tree) = @_;
-    my $self = bless { tree => $tree, names => {}, uids => {}, groups => {} }, $class;
+    my $self = bless { tree => $tree, names => {}, uids => {}, groups => {}, all_groups => [] }, $class;
     $self->read_groups;
     $self->read_accounts;
     ($self->{first_uid}) = map { /^\s*UID_MIN\s+(\d+)/ ? $1 : () } $tree->read_lines('/etc/login.defs');
@@ -20,8 +20,11 @@ sub new {
 sub read_groups {
     my ($self) = @_;
     for my $line ($self->{tree}->read_lines('/etc/group')) {
-        my ($name, undef, $gid) = split /:/, $line;
-        $self->{groups}{$gid} = $name if is_id($gid) && !exists $self->{groups}{$gid};
+        my ($name, undef, $gid, $members) = split /:/, $line;
+        next if !is_id($gid) || $name !~ /\A[^+-]/;
+        $self->{groups}{$gid} = $name if !exists $self->{groups}{$gid};
+        my @members = grep {length} split /[,\s]+/, defined $members ? $members : '';
+        push @{ $self->{all_groups} }, { name => $name, gid => $gid, members => \@members };
     }
     return;
 }
@@ -86,10 +89,34 @@ sub group_of {
     return $self->{groups}{$gid} = defined $name ? $name : $gid;
 }
 
+# The groups of the host's own file, sorted by number: { name, gid, members => [accounts that
+# have it besides their own group] }.
+sub groups {
+    my ($self) = @_;
+    return sort { $a->{gid} <=> $b->{gid} || $a->{name} cmp $b->{name} } @{ $self->{all_groups} };
+}
+
+# The groups that an account is a member of, besides its own group.
+sub memberships {
+    my ($self, $name) = @_;
+    if (!$self->{memberships}) {
+        for my $group ($self->groups) {
+            push @{ $self->{memberships}{$_} }, $group for @{ $group->{members} };
+        }
+    }
+    return @{ $self->{memberships}{$name} || [] };
+}
+
 # Tells an account of the system or of a service from one of a person.
 sub is_system {
     my ($self, $account) = @_;
     return $account->{uid} < $self->{first_uid} || $account->{uid} == $NOBODY ? 1 : 0;
+}
+
+# Tells a group of persons from one of the system or of a service.
+sub is_of_persons {
+    my ($self, $group) = @_;
+    return $group->{gid} >= $self->{first_uid} && $group->{gid} != $NOBODY ? 1 : 0;
 }
 
 1;

@@ -82,19 +82,22 @@ sub is_fixed {
 
 # Looks at everything: { entries, bytes, fingerprint }. bytes is what an archive
 # takes without compression at most. The same fingerprint comes again only when
-# nothing has changed.
+# nothing has changed. owners has "uid gid" of all that was found as its keys.
 sub scan {
     my ($self, %options) = @_;
     my $begun = Time::HiRes::time() - $CLOCK_SECONDS;
     my $found = {
         entries => 0, bytes => 0, newest => 0, sum => md5(join "\0", $MADE_HOW, @{ $self->{starts} }),
-        first => !defined $options{since},
+        first => !defined $options{since}, ids => {},
     };
     $self->scan_part($_, $found, $options{since}) for @{ $self->{parts} };
     # What changes in this very moment may change again without a trace.
     $found->{sum} .= "$begun $$" if $found->{newest} >= $begun;
     $self->{begun} = $begun;
-    return { entries => $found->{entries}, bytes => $found->{bytes}, fingerprint => md5_hex($found->{sum}) };
+    return {
+        entries => $found->{entries}, bytes => $found->{bytes}, fingerprint => md5_hex($found->{sum}),
+        owners => $found->{ids},
+    };
 }
 
 sub scan_part {
@@ -155,6 +158,7 @@ sub take_records {
         @is{qw(file depth type mode uid gid links size blocks modified changed)} = split / /, $facts;
         my $path = $found->{part}{folder} . substr $name, 1;
         $found->{entries}++;
+        $found->{ids}{"$is{uid} $is{gid}"} = 1;
         # Headers of a member; names and attributes of unusual length take more.
         $found->{bytes} += 2048 + length $path;
         $found->{bytes} += least($is{size}, $is{blocks} * 512) / $is{links} if $is{type} eq 'f';
