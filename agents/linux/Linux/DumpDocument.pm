@@ -130,10 +130,20 @@ sub accounts {
         element('account', [(map { $_ => $account->{$_} } qw(name uid gid group home shell)),
             system => $users->is_system($account) ? 'yes' : 'no'])
     } sort { $a <=> $b } keys %uid;
-    my @groups = map { element('group', [name => $_->{name}, gid => $_->{gid}], each_as('member', [], @{ $_->{members} })) }
-        grep { delete $gid{ $_->{gid} } || $users->is_of_persons($_) || grep { $named{$_} } @{ $_->{members} } }
-        $users->groups;
-    return element('accounts', [], @accounts, @groups, map { element('group', [gid => $_]) } sort { $a <=> $b } keys %gid);
+    return element('accounts', [], @accounts, groups($users, \%gid, \%named));
+}
+
+# The groups with these numbers, those that these accounts have, and those of persons.
+sub groups {
+    my ($users, $gid, $named) = @_;
+    my @groups = grep {
+        delete $gid->{ $_->{gid} } || $users->is_of_persons($_) || grep { $named->{$_} } @{ $_->{members} }
+    } $users->groups;
+    return (
+        (map { element('group', [name => $_->{name}, gid => $_->{gid}], each_as('member', [], @{ $_->{members} })) }
+            @groups),
+        (map { element('group', [gid => $_]) } sort { $a <=> $b } keys %$gid),
+    );
 }
 
 sub selected_clients { return map { $_->{client} } $_[0]{selection}->clients }

@@ -163,9 +163,10 @@ sub name_units_left_over {
         push @{ $of_person{ $unit->{user} } }, $unit->{name};
     }
     for my $name (sort keys %of_person) {
-        $self->{problems}->add(severity => 'warning', object => $name, text => 'Has units of systemd but no site: '
-            . join(', ', @{ $of_person{$name} }) . " are only in the archive of the host's own settings, and what they"
-            . ' run is in no archive; copy it by hand if the new host shall run them');
+        $self->{problems}->add(severity => 'warning', object => $name,
+            text => 'Has units of systemd but no site: ' . join(', ', @{ $of_person{$name} })
+                . " are only in the archive of the host's own settings, and what they run is in no archive;"
+                . ' copy it by hand if the new host shall run them');
     }
     return;
 }

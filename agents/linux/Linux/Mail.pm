@@ -52,7 +52,8 @@ sub take {
     my @stat = $self->{tree}->stat($real);
     push @{ $self->{found} }, {
         address => defined $domain ? "$user\@$domain" : $user, user => $user, domain => $domain,
-        path => $path, format => $format, owner => $self->{users}->name_of($stat[4]), uid => $stat[4], gid => $stat[5], because => $because,
+        path => $path, format => $format, because => $because,
+        owner => $self->{users}->name_of($stat[4]), uid => $stat[4], gid => $stat[5],
     };
     return 1;
 }

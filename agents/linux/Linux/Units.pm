@@ -34,8 +34,8 @@ sub in_directory {
     my ($tree, $problems, $directory, $of) = @_;
     return if !$tree->is_dir($directory);
     my @names = $tree->list($directory);
-    $problems->add(severity => 'error', object => $directory, text => "Cannot be read: $!; the units in it are not"
-        . ' in the dump') if !@names && $!;
+    $problems->add(severity => 'error', object => $directory,
+        text => "Cannot be read: $!; the units in it are not in the dump") if !@names && $!;
     my %enabled = enabled_in($tree, $directory, @names);
     my @units;
     for my $name (@names) {
@@ -80,8 +80,9 @@ sub unit {
     my $last = sub { my $values = $settings->{ $_[0] }{ $_[1] } || []; return $values->[-1] };
     my ($program) = map {m{\A[-\@:+!|]*(/\S+)} ? $1 : ()} @{ $settings->{Service}{ExecStart} || [] };
     return {
-        name => $name, file => $file, of => $of, enabled => 0, drop_in => 0, user => $last->('Service', 'User'),
-        description => $last->('Unit', 'Description'), program => $program, starts => $last->('Timer', 'Unit'),
+        name => $name, file => $file, of => $of, enabled => 0, drop_in => 0, program => $program,
+        user => $last->('Service', 'User'), starts => $last->('Timer', 'Unit'),
+        description => $last->('Unit', 'Description'),
         directory => $last->('Service', 'WorkingDirectory'),
         needs => [is_of_root($tree, $file) ? environment_files($settings) : ()],
         when => [map { my $key = $_; map {"$key=$_"} @{ $settings->{Timer}{$key} || [] } } @WHEN],
