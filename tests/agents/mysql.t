@@ -218,7 +218,8 @@ is_deeply $server->description,
     { kind => 'mysql', label => 'MySQL', product => 'MySQL', running => 0, version => undef, address => undef },
     'a server that is down is there';
 is_deeply [$server->databases], [], 'a server that is down lists nothing';
-is_deeply problem_texts($problems), ['error MySQL: The server cannot be asked: there is no socket of it'],
+is_deeply problem_texts($problems), ['error MySQL: The server cannot be asked: no server of the host listens at'
+    . ' any of its sockets'],
     'a server that is down is named';
 rmdir '/mnt/system/var/lib/mysql/mysql' or die $!;
 is_deeply [Linux::MySql->found(tree => Linux::Tree->new(root => '/mnt/system'), problems => $problems)], [],

@@ -7,10 +7,59 @@ use strict;
 use warnings;
 use Agent::Process qw(run stream);
 use Exporter 'import';
+use Linux::LocalSocket qw(look_at_socket);
+use Linux::Users;
 
-our @EXPORT_OK = qw(one_line escaped);
+our @EXPORT_OK = qw(one_line escaped trusted_sockets);
 
 my $TAIL_BYTES = 400;
+my $NAMED_SOCKETS = 3;
+
+# Tells which of the sockets (paths of the tree) count: ([{ path, owner => [uid, gid] }],
+# [paths of others]). Those count at which servers of root or of the named service accounts
+# listen (see Linux::LocalSocket). The others become problems, one for each account; sockets
+# at which nobody listens are in neither list. Options: tree, problems, product => what
+# such a server is called, accounts => [names], dump => the program that dumps.
+sub trusted_sockets {
+    my ($options, @paths) = @_;
+    my ($tree, $users) = ($options->{tree}, Linux::Users->new($options->{tree}));
+    my @accounts = map { [@$_{qw(uid gid)}] } grep {defined} map { $users->by_name($_) }
+        @{ $options->{accounts} };
+    my (@trusted, @foreign, %seen);
+    for my $path (@paths) {
+        my $real = $tree->real($path);
+        next if !defined $real || $seen{$real}++;
+        my $found = look_at_socket($tree->path($real), @accounts);
+        push @trusted, { path => $path, owner => $found->{owner} } if $found->{state} eq 'trusted';
+        push @foreign, { path => $path, %$found } if $found->{state} eq 'foreign';
+    }
+    name_open_directory($options, $_) for grep { defined $_->{directory} } @foreign;
+    my %of;
+    push @{ $of{ $_->{uid} } }, $_->{path} for grep { !defined $_->{directory} } @foreign;
+    name_own_server($options, $users->name_of($_), @{ $of{$_} }) for sort { $a <=> $b } keys %of;
+    return (\@trusted, [map { $_->{path} } @foreign]);
+}
+
+sub name_open_directory {
+    my ($options, $socket) = @_;
+    $options->{problems}->add(severity => 'error', object => $options->{product}, text =>
+        "The server at $socket->{path} is not asked, since other accounts may write into the directory"
+        . " $socket->{directory}: its databases are not dumped. Let only root and the server's account"
+        . ' write there, and dump again');
+    return;
+}
+
+sub name_own_server {
+    my ($options, $account, @paths) = @_;
+    my $more = @paths - $NAMED_SOCKETS;
+    my $where = join ', ', @paths[0 .. ($more > 0 ? $NAMED_SOCKETS : @paths) - 1];
+    $where .= " and $more more" if $more > 0;
+    $options->{problems}->add(severity => 'error', object => $account, text =>
+        "The account has a $options->{product} server of its own at $where, which is not the host's and is"
+        . ' not asked: its databases are not dumped. Dump those that are needed as this account, with '
+        . $options->{dump});
+    return;
+}
 
 sub problem {
     my ($self, $severity, $database, $text) = @_;
@@ -24,7 +73,8 @@ sub problem {
 sub question {
     my ($self, $argv, $sql) = @_;
     my $result = run($argv, stdin => $sql, limit => $self->{limit}, env => $self->environment);
-    return undef, "no answer within $self->{limit} seconds" if ($result->{why} || '') eq 'limit';
+    return undef, sprintf 'no answer within %.3g seconds', $self->{limit}
+        if ($result->{why} || '') eq 'limit';
     return undef, one_line($result->{err}) if $result->{status};
     return $result->{out}, undef;
 }

@@ -8,7 +8,7 @@ use warnings;
 use base 'Linux::DatabaseServer';
 use Agent::Process qw(run which);
 use Errno qw(EACCES);
-use Linux::DatabaseServer qw(one_line escaped);
+use Linux::DatabaseServer qw(one_line escaped trusted_sockets);
 use List::Util qw(first);
 
 my $VIEWS_AT_ONCE = 50;
@@ -18,6 +18,8 @@ my @SERVER_PROGRAMS = map { my $dir = $_; map {"$dir/$_"} qw(mariadbd mysqld) }
 my @SETTINGS = qw(/etc/my.cnf /etc/my.cnf.d/*.cnf /etc/mysql/my.cnf /etc/mysql/*/*.cnf);
 my @SOCKETS  = qw(/run/mysqld/mysqld.sock /var/run/mysqld/mysqld.sock /var/lib/mysql/mysql.sock
     /run/mysql/mysql.sock /tmp/mysql.sock);
+my $ACCOUNT = 'mysql';
+my $SECTION_OF_SERVER = qr/\A(?:mysqld|mariadbd?|server|galera)(?:_safe|[.-].*)?\z/;
 my @LOGINS = qw(/etc/sondrel/mysql.cnf /root/.my.cnf /etc/mysql/debian.cnf);
 my $SYSTEM = qr/\A(?:information_schema|performance_schema|mysql|sys|ndbinfo)\z/i;
 
@@ -40,14 +42,17 @@ my @ACCOUNT_COLUMNS = (
 sub found {
     my ($class, %options) = @_;
     my $self = bless { limit => 60, %options }, $class;
+    $self->{settings} = [map { $self->settings_of($_) } map { $self->{tree}->glob($_) } @SETTINGS];
     my $installed = $self->installed;
-    my @sockets = $self->sockets;
-    return if !$installed && !@sockets;
+    my ($sockets, $foreign) = trusted_sockets({ %options, product => 'MySQL or MariaDB', dump => 'mysqldump',
+        accounts => [$ACCOUNT, $self->set('user')] }, $self->sockets);
+    return if !$installed && !@$sockets;
     $self->{client} = which('mariadb') || which('mysql');
     $self->{dump}   = which('mariadb-dump') || which('mysqldump');
-    my $error = $self->connect(@sockets);
+    my $error = $self->connect(@$sockets);
     $self->{product} = $self->{label} = $self->product;
     return $self if !defined $error;
+    $error .= ', except one that is not the host\'s: ' . join ', ', @$foreign if !@$sockets && @$foreign;
     $self->problem('error', undef, "The server cannot be asked: $error");
     return $self;
 }
@@ -70,17 +75,37 @@ sub installed {
     my ($self) = @_;
     my $tree = $self->{tree};
     return if !grep { $tree->exists($_) } @SERVER_PROGRAMS;
-    my @settings = map { $tree->read_lines($_) } map { $tree->glob($_) } @SETTINGS;
-    for my $folder ('/var/lib/mysql', map { /^\s*datadir\s*=\s*(\/\S+)/ ? $1 : () } @settings) {
+    for my $folder ('/var/lib/mysql', $self->set('datadir')) {
         return 1 if $tree->is_dir("$folder/mysql") || $! == EACCES;
     }
     return 0;
 }
 
+# The settings in an option file: [section, name, value].
+sub settings_of {
+    my ($self, $file) = @_;
+    my ($section, @settings) = ('');
+    for ($self->{tree}->read_lines($file)) {
+        if    (/^\s*\[([^\]]*)\]/) { $section = $1 }
+        elsif (/^\s*([\w-]+)\s*=\s*["']?(.*?)["']?\s*(?:\s#.*)?\z/) {
+            push @settings, [$section, $1, $2];
+        }
+    }
+    return @settings;
+}
+
+# What root's settings give a server for a name.
+sub set {
+    my ($self, $name) = @_;
+    return map { $_->[2] } grep { $_->[0] =~ $SECTION_OF_SERVER && $_->[1] eq $name && length $_->[2] }
+        @{ $self->{settings} };
+}
+
+# Where the server may listen: as it or its clients have it, and the usual places.
 sub sockets {
     my ($self) = @_;
-    my %seen;
-    return grep { $self->{tree}->exists($_) && !$seen{ $self->{tree}->real($_) }++ } @SOCKETS;
+    my @settings = ((map { $self->settings_of($_) } @LOGINS), @{ $self->{settings} });
+    return ((grep {m{\A/}} map { $_->[1] eq 'socket' ? $_->[2] : () } @settings), @SOCKETS);
 }
 
 # Finds out how to log in. Returns undef, or why it did not succeed.
@@ -91,18 +116,20 @@ sub connect {
     for my $login ($self->logins(@sockets)) {
         $self->{login} = $login;
         my ($rows, $error) = $self->ask('SELECT VERSION(), @@socket;');
-        if (!defined $error) {
+        if (!defined $error && @$rows) {
             @$self{qw(version address)} = @{ $rows->[0] };
             return;
         }
+        $error = 'it does not say what it is' if !defined $error;
         push @errors, $error if !grep { $_ eq $error } @errors;
         last if $error =~ /\Ano answer/;
     }
-    return @errors ? join '; ', @errors : 'there is no socket of it';
+    return @errors ? join '; ', @errors : 'no server of the host listens at any of its sockets';
 }
 
 # The arguments to log in with, in the order to try: by each option file and to
-# each socket. Below another root than "/" the settings of this host do not count.
+# each socket, whatever socket or host the file names. Below another root than "/" the
+# settings of this host do not count.
 sub logins {
     my ($self, @sockets) = @_;
     my $tree  = $self->{tree};
@@ -112,19 +139,35 @@ sub logins {
     my $option = $here ? '--defaults-extra-file=' : '--defaults-file=';
     my @by = map { defined $_ ? [$option . $tree->path($_)] : [$here ? () : '--no-defaults'] }
         (defined $own ? $own : ()), undef, @files;
-    my @to = (($here ? [] : ()), map { ['--socket=' . $tree->path($_)] } @sockets);
+    my @to = map { ['--protocol=socket', '--host=localhost', '--socket=' . $tree->path($_->{path})] }
+        @sockets;
     return map { my $by = $_; map { [@$by, @$_] } @to } @by;
 }
 
+# Passwords, other servers, option files and plugins of the one who calls us do not count.
 sub environment {
-    return { map { $_ => undef } qw(MYSQL_PWD MYSQL_HOST MYSQL_UNIX_PORT MYSQL_TCP_PORT) };
+    return { map { $_ => undef } grep {/\A(?:LIB)?(?:MYSQL|MARIADB)_/} keys %ENV };
+}
+
+# The arguments that keep a server from getting more than an answer to a challenge: it can
+# ask for the password as it is, which is what some plugins of the client programs give,
+# and for any file that root may read. Each program knows its own of them.
+sub guards {
+    my ($self, $program) = @_;
+    my $knows = $self->{knows}{$program} ||= run([$program, '--no-defaults', '--help'], limit => 20)->{out};
+    return (
+        ($knows =~ /^\s+--plugin-dir=/m ? '--plugin-dir=/dev/null' : ()),
+        ($knows =~ /^\s+--enable-cleartext-plugin\s+Enable/m ? '--skip-enable-cleartext-plugin' : ()),
+        ($knows =~ /^\s+--local-infile\b/m ? '--local-infile=0' : ()),
+    );
 }
 
 # Runs SQL: (rows, undef), or (undef, what went wrong).
 sub ask {
     my ($self, $sql) = @_;
-    my ($out, $error) = $self->question([$self->{client}, @{ $self->{login} }, '--batch',
-        '--skip-column-names', '--no-auto-rehash', '--default-character-set=utf8'], $sql);
+    my ($out, $error) = $self->question([$self->{client}, @{ $self->{login} },
+        $self->guards($self->{client}), '--batch', '--skip-column-names', '--no-auto-rehash',
+        '--default-character-set=utf8'], $sql);
     # Some clients repeat the statement before they say what is wrong with it.
     $error =~ s/\A-{5}.*-{5} (?=ERROR [0-9])//s if defined $error;
     return undef, $error if defined $error;
@@ -366,15 +409,14 @@ sub dump_tables {
 # What these programs know differs much between their versions.
 sub dump_command {
     my ($self, $database, $broken) = @_;
-    if (!defined $self->{knows}) {
-        $self->{knows} = run([$self->{dump}, '--no-defaults', '--help'], limit => 20)->{out};
-    }
-    my @known = grep { /^--(?:skip-)?([\w-]+)/ && $self->{knows} =~ /--(?:skip-)?\Q$1\E\b/ } qw(
+    my @guards = $self->guards($self->{dump});
+    my $knows = $self->{knows}{ $self->{dump} };
+    my @known = grep { /^--(?:skip-)?([\w-]+)/ && $knows =~ /--(?:skip-)?\Q$1\E\b/ } qw(
         --no-tablespaces --dump-history --events --skip-dump-date --set-gtid-purged=OFF
         --column-statistics=0);
     my $utf8 = $self->{version} =~ /\A5\.(?:[01]\.|5\.[012]\b)/ ? 'utf8' : 'utf8mb4';
-    return [$self->{dump}, @{ $self->{login} }, '--single-transaction', '--quick', '--force', '--routines',
-        '--triggers', '--hex-blob', '--max-allowed-packet=1G', "--default-character-set=$utf8", @known,
+    return [$self->{dump}, @{ $self->{login} }, @guards, '--single-transaction', '--quick', '--force',
+        '--routines', '--triggers', '--hex-blob', '--max-allowed-packet=1G', "--default-character-set=$utf8", @known,
         (map {"--ignore-table=$database->{name}.$_"} @$broken), '--databases', '--', $database->{name}];
 }
 

@@ -8,9 +8,11 @@ use warnings;
 use base 'Linux::DatabaseServer';
 use Agent::Process qw(run which);
 use Errno qw(EACCES);
-use Linux::DatabaseServer qw(one_line escaped);
+use Linux::DatabaseServer qw(one_line escaped trusted_sockets);
 use List::Util qw(first);
+use Time::HiRes ();
 
+my $ACCOUNT = 'postgres';
 my @SOCKET_FOLDERS = qw(/run/postgresql /var/run/postgresql /tmp);
 my @PROGRAM_FOLDERS = qw(/usr/lib/postgresql/*/bin /usr/pgsql-*/bin);
 
@@ -27,26 +29,50 @@ my $AS_ACCOUNT = 'my ($uid, $gid) = splice @ARGV, 0, 2; chdir "/"; $( = $gid; $)
     . '($<, $>) = ($uid, $uid); exit 126 if $< != $uid || $> != $uid; exec { $ARGV[0] } @ARGV; exit 127';
 
 # All servers that the host has, running or not. Options: tree, problems, limit =>
-# seconds for one question, restrict_key => what makes dumps equal (see dump()).
+# seconds for one question and for the first one to all servers together, restrict_key =>
+# what makes dumps equal, lock_milliseconds => how long a dump waits for a locked table.
 sub found {
     my ($class, %options) = @_;
-    my $tree = $options{tree};
-    my %by_port;
-    for my $folder (@SOCKET_FOLDERS) {
-        for my $name ($tree->list($folder)) {
-            next if $name !~ /\A\.s\.PGSQL\.([0-9]+)\z/ || $by_port{$1};
-            $by_port{$1} = { folder => $folder, owner => [($tree->stat("$folder/$name"))[4, 5]] };
-        }
+    my ($tree, %by_port) = ($options{tree});
+    my ($sockets, $foreign) = trusted_sockets({ %options, product => 'PostgreSQL', accounts => [$ACCOUNT],
+        dump => 'pg_dump' }, sockets($tree));
+    for my $socket (@$sockets) {
+        my ($folder, $port) = folder_and_port($socket->{path});
+        $by_port{$port} ||= { folder => $folder, owner => $socket->{owner} };
     }
     $by_port{ $_->{port} }{automatic} ||= $_->{automatic} for clusters($tree);
-    my @servers;
-    for my $port (sort { $a <=> $b } keys %by_port) {
-        my $self = bless { limit => 60, product => 'PostgreSQL', label => "PostgreSQL (port $port)",
-            port => $port, %options, %{ $by_port{$port} } }, $class;
-        $self->connect;
-        push @servers, $self;
+    for my $path (@$foreign) {
+        my ($folder, $port) = folder_and_port($path);
+        $by_port{$port}{foreign} = $path if $by_port{$port} && !$by_port{$port}{folder};
     }
+    my @servers = map { bless { limit => 60, lock_milliseconds => 60_000, product => 'PostgreSQL',
+        label => "PostgreSQL (port $_)", port => $_, %options, %{ $by_port{$_} } }, $class }
+        sort { $a <=> $b } keys %by_port;
+    connect_all(@servers);
     return @servers;
+}
+
+# All that may be sockets of servers.
+sub sockets {
+    my ($tree) = @_;
+    return map {
+        my $folder = $_;
+        map {"$folder/$_"} grep {/\A\.s\.PGSQL\.[0-9]{1,5}\z/} $tree->list($folder)
+    } @SOCKET_FOLDERS;
+}
+
+sub folder_and_port { return $_[0] =~ m{\A(.*)/[^/]*\.([0-9]+)\z} }
+
+# Those that do not answer take together no longer than one that does not.
+sub connect_all {
+    my (@servers) = @_;
+    my $until = @servers ? Time::HiRes::time() + $servers[0]{limit} : 0;
+    while (my $server = shift @servers) {
+        my $left = $until - Time::HiRes::time();
+        local $server->{limit} = $left > 0 ? $left / (1 + @servers) : 0.1;
+        $server->connect;
+    }
+    return;
 }
 
 # The servers that are set up: { port, automatic => whether they start with the host }.
@@ -67,11 +93,12 @@ sub clusters {
 sub connect {
     my ($self) = @_;
     my $error = 'it is not running';
+    $error .= ", and the server at $self->{foreign} is not the host's" if defined $self->{foreign};
     if ($self->{folder}) {
         my $rows;
         ($rows, $error) = $self->choose_program('psql') ? $self->ask('SHOW server_version')
             : (undef, 'its client program is not installed');
-        ($self->{version}) = $rows->[0][0] =~ /\A(\S+)/ if $rows;
+        ($self->{version}) = $rows->[0][0] =~ /\A(\S+)/ if $rows && @$rows;
     }
     return if !defined $error;
     # One that somebody stopped on purpose is no fault.
@@ -113,6 +140,24 @@ sub command {
     return [$^X, '-e', $AS_ACCOUNT, $uid, $gid, $program, @to, @arguments];
 }
 
+# What names a database to the clients. They go away when another account has put a
+# server there meanwhile.
+sub connection_to {
+    my ($self, $name) = @_;
+    my $account = $self->clients_know_peers ? getpwuid $self->{owner}[0] : undef;
+    return 'dbname=' . escaped($name) . (defined $account ? ' requirepeer=' . escaped($account) : '');
+}
+
+# The clients look whose the server is since version 9.1.
+sub clients_know_peers {
+    my ($self) = @_;
+    if (!defined $self->{knows_peers}) {
+        my $version = run([$self->choose_program('psql'), '--version'], limit => 20)->{out};
+        $self->{knows_peers} = $version =~ /\b([0-9]+)\.([0-9]+)/ && ($1 > 9 || $1 == 9 && $2 > 0) ? 1 : 0;
+    }
+    return $self->{knows_peers};
+}
+
 # Objects that somebody made in a database must not stand in for the system's own.
 sub environment {
     my %clean = map { $_ => undef } grep { /\APG/ } keys %ENV;
@@ -126,7 +171,7 @@ sub ask {
     my $name = defined $database ? $database : 'postgres';
     my ($out, $error) = $self->question($self->command($self->choose_program('psql'), '--no-psqlrc',
         '--quiet', '--no-align', '--tuples-only', '--field-separator', $FIELD, '--record-separator', $ROW,
-        '--set', 'ON_ERROR_STOP=1', '--dbname', 'dbname=' . escaped($name), '--file', '-'), "$sql;");
+        '--set', 'ON_ERROR_STOP=1', '--dbname', $self->connection_to($name), '--file', '-'), "$sql;");
     return undef, $error if defined $error;
     $out =~ s/\n\z//;
     return [map { [split /$FIELD/, $_, -1] } split /$ROW/, $out], undef;
@@ -293,8 +338,9 @@ sub dump_command {
         push @more, "--restrict-key=$self->{restrict_key}";
     }
     push @more, '--create' if !is_of_server($database);
-    return $self->command($program, '--no-tablespaces', '--lock-wait-timeout=60000', @more,
-        'dbname=' . escaped($database->{name}));
+    return $self->command($program, '--no-tablespaces',
+        "--lock-wait-timeout=$self->{lock_milliseconds}", @more,
+        $self->connection_to($database->{name}));
 }
 
 # A database that every server has is not made anew, only filled.

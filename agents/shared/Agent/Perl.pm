@@ -7,7 +7,7 @@ use warnings;
 
 # Without these not even a look at the host is possible.
 our @FOR_LOOKING = qw(
-    Cwd Errno Exporter Fcntl IO::Select List::Util POSIX Time::HiRes base
+    Cwd Errno Exporter Fcntl IO::Select List::Util POSIX Socket Time::HiRes base
 );
 
 # What a dump needs besides.

@@ -1,0 +1,205 @@
+# What others than root and the service accounts put where database servers are looked
+# for: it hides nothing, learns nothing and is not believed.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Agent::Problems;
+use Agent::Process qw(run);
+use FakeServer;
+use Imitated qw(problem_texts);
+use Linux::MySql;
+use Linux::PostgreSql;
+use Linux::Tree;
+use Test::More;
+use Time::HiRes ();
+
+my $SECRET = 'the-word-of-root';
+my @LOOK = (limit => 3);
+
+# A /tmp of our own, and nothing of what the packages have left on this machine.
+run(['mount', '-t', 'tmpfs', '-o', 'mode=1777', 'own', $_])->{status} and die "Cannot mount $_\n" for '/tmp', '/var/lib/mysql';
+unlink '/etc/postgresql', '/etc/mysql';
+mkdir '/etc/sondrel' or die $!;
+open my $file, '>', '/etc/sondrel/mysql.cnf' or die $!;
+# Files that a server asks for are given, unless the agent says otherwise.
+print {$file} "[mysql]\nlocal-infile=1\n[client]\nuser=agent\npassword=$SECRET\n";
+close $file or die $!;
+chmod 0600, '/etc/sondrel/mysql.cnf' or die $!;
+
+sub look {
+    my ($class) = @_;
+    my $problems = Agent::Problems->new;
+    my @servers = $class->found(tree => Linux::Tree->new, problems => $problems, @LOOK);
+    return ($problems, @servers);
+}
+
+# --- what speaks as MySQL ---
+
+sub send_packet {
+    my ($connection, $number, $payload) = @_;
+    print {$connection} substr(pack('V', length $payload), 0, 3), chr $number, $payload;
+    $connection->flush;
+    return;
+}
+
+sub receive_packet {
+    my ($connection) = @_;
+    my $got = read $connection, my $head, 4;
+    return undef if !$got || $got < 4;
+    my $payload = '';
+    read $connection, $payload, unpack 'V', substr($head, 0, 3) . "\0";
+    return (ord substr($head, 3), $payload);
+}
+
+my $OK = "\0\0\0\2\0\0\0";
+
+# Takes every login, after it has asked for the password by the plugin, if one is given.
+# Answers every statement by asking for a file of the client's, if one is given.
+sub mysql_server {
+    my ($plugin, $wanted) = @_;
+    my $abilities = 0x1 | 0x8 | 0x80 | 0x200 | 0x2000 | 0x8000 | 0x80000;
+    return sub {
+        my ($connection, $said) = @_;
+        send_packet($connection, 0, "\x0a" . "8.0.36\0" . pack('V', 1) . 'saltsalt' . "\0" . pack('v', $abilities & 0xffff)
+            . "\x21" . pack('v', 2) . pack('v', $abilities >> 16) . chr(21) . "\0" x 10 . "saltsaltsalt\0"
+            . "mysql_native_password\0");
+        my ($number, $login) = receive_packet($connection);
+        return if !defined $login;
+        syswrite $said, "login\n";
+        if (defined $plugin) {
+            send_packet($connection, $number + 1, "\xfe$plugin\0" . ($plugin eq 'dialog' ? "\4Password: " : 'x' x 20 . "\0"));
+            ($number, my $answer) = receive_packet($connection);
+            syswrite $said, "answer: $answer\n" if defined $answer;
+            return if !defined $answer;
+        }
+        send_packet($connection, $number + 1, $OK);
+        while (defined((($number, my $command) = receive_packet($connection))[1])) {
+            if (!defined $wanted || $command =~ /\A\x01/) {
+                send_packet($connection, $number + 1, $OK);
+                next;
+            }
+            send_packet($connection, $number + 1, "\xfb$wanted");
+            while (my ($next, $content) = receive_packet($connection)) {
+                last if !defined $content;
+                syswrite $said, "file: $content\n" if length $content;
+                $number = $next;
+                last if !length $content;
+            }
+            send_packet($connection, $number + 1, $OK);
+        }
+    };
+}
+
+my $OF_PLAIN = 'error plain: The account has a MySQL or MariaDB server of its own at /tmp/mysql.sock, which is not the'
+    . " host's and is not asked: its databases are not dumped. Dump those that are needed as this account, with mysqldump";
+
+for my $plugin ('mysql_clear_password', 'dialog', 'mysql_native_password') {
+    my $fake = FakeServer->new(account => 'plain', path => '/tmp/mysql.sock', talk => mysql_server($plugin));
+    my ($problems, @servers) = look('Linux::MySql');
+    is $fake->said, '', "an account's server that asks by $plugin is not spoken to";
+    is_deeply [\@servers, problem_texts($problems)], [[], [$OF_PLAIN]], 'it is named, and no server of the host';
+}
+unlink '/tmp/mysql.sock';
+
+mkdir '/run/mysqld' or die $!;
+chown((getpwnam 'mysql')[2, 3], '/run/mysqld') or die $!;
+for my $plugin ('mysql_clear_password', 'dialog', 'caching_sha2_password', 'sha256_password') {
+    my $fake = FakeServer->new(account => 'mysql', path => '/run/mysqld/mysqld.sock', talk => mysql_server($plugin));
+    my ($problems) = look('Linux::MySql');
+    like $fake->said, qr/\Alogin\n/, "the service account's server that asks by $plugin is asked";
+    unlike $fake->said, qr/\Q$SECRET\E/, 'and does not learn the password as it is';
+    like join("\n", @{ problem_texts($problems) }), qr/\Aerror MariaDB: The server cannot be asked: .*\Q$plugin\E/,
+        'which is said';
+}
+
+{
+    my $wanted = '/etc/sondrel/mysql.cnf';
+    my $fake = FakeServer->new(account => 'mysql', path => '/run/mysqld/mysqld.sock', talk => mysql_server(undef, $wanted));
+    look('Linux::MySql');
+    like $fake->said, qr/\Alogin\n/, 'a server that asks for a file is asked';
+    unlike $fake->said, qr/file:/, 'and gets none';
+    my $server = bless { tree => Linux::Tree->new, problems => Agent::Problems->new, version => '8.0.36',
+        dump => '/usr/bin/mariadb-dump', limit => 3,
+        login => ["--defaults-extra-file=$wanted", '--protocol=socket', '--socket=/run/mysqld/mysqld.sock'] }, 'Linux::MySql';
+    $server->dump_tables({ name => 'shop' }, [], sub { });
+    unlike $fake->said, qr/file:/, 'nor by a dump';
+}
+
+# What option files of the host say about other servers does not lead the login there.
+{
+    my $fake = FakeServer->new(account => 'mysql', path => '/run/mysqld/mysqld.sock', talk => mysql_server());
+    my $other = FakeServer->new(account => 'plain', path => '/tmp/other.sock', talk => mysql_server('mysql_clear_password'));
+    open $file, '>>', '/etc/sondrel/mysql.cnf' or die $!;
+    print {$file} "host=127.0.0.1\nprotocol=tcp\nsocket=/tmp/other.sock\n";
+    close $file or die $!;
+    my ($problems) = look('Linux::MySql');
+    like $fake->said, qr/\Alogin\n/, "the host's server is asked";
+    is $other->said, '', 'and no other that an option file names';
+    like join("\n", @{ problem_texts($problems) }), qr{^error plain: .* own at /tmp/other\.sock,}m, 'but that is named';
+}
+
+# An account that clients log in as is no account that a server runs as.
+mkdir $_ or die $! for '/etc/mysql', '/etc/mysql/conf.d';
+open $file, '>', '/etc/mysql/conf.d/own.cnf' or die $!;
+print {$file} "[client]\nuser = plain\n[mysqld]\nuser = sudoer\n";
+close $file or die $!;
+for my $case ([plain => 0], [sudoer => 1]) {
+    my ($account, $counts) = @$case;
+    chmod 0777, '/run/mysqld' or die $!;
+    my $fake = FakeServer->new(account => $account, path => '/run/mysqld/mysqld.sock', talk => mysql_server('none'));
+    chmod 0755, '/run/mysqld' or die $!;
+    look('Linux::MySql');
+    is $fake->said =~ /\Alogin\n/ ? 1 : 0, $counts, "a server that runs as $account: $counts";
+}
+
+# --- what speaks as PostgreSQL ---
+
+sub silent_server {
+    return sub {
+        my ($connection, $said) = @_;
+        while (sysread $connection, my $bytes, 4096) { syswrite $said, $bytes }
+    };
+}
+
+{
+    my @fakes = map { FakeServer->new(account => 'plain', path => "/tmp/.s.PGSQL.$_", talk => silent_server()) } 5401 .. 5420;
+    my $began = Time::HiRes::time();
+    my ($problems, @servers) = look('Linux::PostgreSql');
+    cmp_ok Time::HiRes::time() - $began, '<', 2, 'twenty servers of an account cost no time';
+    is_deeply [join('', map { $_->said } @fakes), scalar @servers], ['', 0], 'none of them is spoken to';
+    is_deeply problem_texts($problems), ['error plain: The account has a PostgreSQL server of its own at /tmp/.s.PGSQL.5401,'
+        . " /tmp/.s.PGSQL.5402, /tmp/.s.PGSQL.5403 and 17 more, which is not the host's and is not asked: its databases are"
+        . ' not dumped. Dump those that are needed as this account, with pg_dump'], 'they are named once';
+}
+unlink glob '/tmp/.s.PGSQL.*';
+
+# Servers of the service account that hang take together what one may take.
+{
+    my @fakes = map { FakeServer->new(account => 'postgres', path => "/tmp/.s.PGSQL.$_", talk => silent_server()) } 5401 .. 5406;
+    my $began = Time::HiRes::time();
+    my ($problems, @servers) = look('Linux::PostgreSql');
+    cmp_ok Time::HiRes::time() - $began, '<', 6, 'servers that hang take together what one may take';
+    is_deeply [map { /no answer within [\d.]+ seconds/ ? 'no answer within N seconds' : $_ } @{ problem_texts($problems) }],
+        [('no answer within N seconds') x 6], 'each is named';
+}
+unlink glob '/tmp/.s.PGSQL.*';
+
+# An account takes the port of a server that is down.
+mkdir $_ or die $! for '/etc/postgresql', '/etc/postgresql/15', '/etc/postgresql/15/main';
+open $file, '>', '/etc/postgresql/15/main/postgresql.conf' or die $!;
+print {$file} "port = 5432\n";
+close $file or die $!;
+my $squatter = FakeServer->new(account => 'plain', path => '/tmp/.s.PGSQL.5432', talk => silent_server());
+my ($problems, $server) = look('Linux::PostgreSql');
+is $squatter->said, '', 'who takes the place of a server that is down is not spoken to';
+is problem_texts($problems)->[-1], 'error PostgreSQL (port 5432): The server cannot be asked: it is not running, and the'
+    . " server at /tmp/.s.PGSQL.5432 is not the host's", 'the server is not running for all that';
+
+# And takes it after it was looked at.
+@$server{qw(folder owner)} = ('/tmp', [(getpwnam 'postgres')[2, 3]]);
+my (undef, $error) = $server->ask('SELECT 1');
+like $error, qr/requirepeer/, 'who takes it later is found out by the client';
+is $squatter->said, '', 'who says nothing to it';
+
+done_testing;
