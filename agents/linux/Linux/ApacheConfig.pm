@@ -26,8 +26,8 @@ sub new {
     return $class->SUPER::new(%self, defines => {}, modules => {}, macros => {});
 }
 
-# The directives of the main file: { name in lower case, args, block => [...] or
-# undef, file, line }.
+# The directives of the main file: { name in lower case, args, raw, block => [...] or
+# undef, file, line }. `raw` is the rest of the line, with its quotes.
 sub load {
     my ($self, $main) = @_;
     ($self->{base}) = $main =~ m{\A(.*)/};
@@ -58,7 +58,7 @@ sub expand {
 sub expand_one {
     my ($self, $raw, @stack) = @_;
     my $name = $raw->{name};
-    my $directive = { %$raw, args => [map { $self->defined_text($_) } @{ $raw->{args} }] };
+    my $directive = with_raw($raw, $self->defined_text($raw->{raw}));
     my ($first, $second) = @{ $directive->{args} };
     if (!$raw->{block}) {
         return $self->included($directive, @stack) if $name =~ /\Ainclude(?:optional)?\z/;
@@ -133,6 +133,13 @@ sub version_fits {
         :                     1;
 }
 
+# A copy of a directive with another rest of its line; itself where that is the same.
+sub with_raw {
+    my ($directive, $raw) = @_;
+    return $directive if $raw eq $directive->{raw};
+    return { %$directive, raw => $raw, args => [words($directive->{name}, $raw)] };
+}
+
 sub defined_text {
     my ($self, $text) = @_;
     $text =~ s/\$\{(\w+)\}/defined $self->{defines}{$1} ? $self->{defines}{$1} : "\${$1}"/ge;
@@ -163,11 +170,10 @@ sub filled {
     my ($directives, $value_of, $any) = @_;
     return $directives if !%$value_of;
     return [map {
-        my $directive = $_;
-        my @args = @{ $directive->{args} };
-        s/($any)/$value_of->{$1}/g for @args;
-        +{ %$directive, args => \@args,
-            $directive->{block} ? (block => filled($directive->{block}, $value_of, $any)) : () };
+        (my $raw = $_->{raw}) =~ s/($any)/$value_of->{$1}/g;
+        my $directive = with_raw($_, $raw);
+        my $block = $directive->{block} ? filled($directive->{block}, $value_of, $any) : undef;
+        $block ? +{ %$directive, block => $block } : $directive;
     } @$directives];
 }
 
@@ -182,7 +188,8 @@ sub included {
 # A folder stands for all the files in it and below.
 sub included_files {
     my ($self, $word) = @_;
-    return map { $self->{tree}->is_dir($_) ? $self->files_below($_, 0) : $_ } $self->matching($word);
+    return map { $self->{tree}->is_dir($_) ? $self->files_below($self->{tree}->tidy($_), 0) : $_ }
+        $self->matching($word);
 }
 
 sub files_below {
@@ -203,7 +210,7 @@ sub parse {
         my $line = $1;
         $number = $next;
         $next += 1 + ($line =~ tr/\n//);
-        $line =~ s/\\\r?\n/ /g;
+        $line =~ s/\\\r?\n//g;
         $line =~ s/\A\s+|\s+\z//g;
         last if $line eq '' && (pos($text) || 0) >= length $text;
         next if $line eq '' || $line =~ /\A#/;
@@ -235,7 +242,7 @@ sub directive {
     if ($is_section && !$SECTION{$name}) {
         $self->problem('warning', $file, $number, "the section <$name> is not known");
     }
-    return { name => $name, args => [words($rest)], file => $file, line => $number,
+    return { name => $name, args => [words($name, $rest)], raw => $rest, file => $file, line => $number,
         block => $is_section ? [] : undef };
 }
 
@@ -256,14 +263,27 @@ sub close_section {
     return;
 }
 
-# Cuts a line into words; quotes hold words together.
+# Cuts the rest of a directive's line into words as the server does: quotes hold words
+# together, and a backslash before the quote or another one is left out.
 sub words {
+    my ($name, $line) = @_;
+    return rewrite_words($line) if $name =~ /\Arewrite(?:rule|cond)\z/;
+    my @words;
+    while ($line =~ /\G\s*(?:"((?:[^"\\]++|\\.)*+)"?|'((?:[^'\\]++|\\.)*+)'?|(\S+))/gc) {
+        my ($word, $quote) = defined $1 ? ($1, '"') : defined $2 ? ($2, q{'}) : ($3, '');
+        $word =~ s/\\([\\$quote])/$1/g if length $quote;
+        $word =~ s/\\\\/\\/g           if !length $quote;
+        push @words, $word;
+    }
+    return @words;
+}
+
+# The rewriting module cuts its lines itself, and leaves every backslash to its expressions.
+sub rewrite_words {
     my ($line) = @_;
     my @words;
-    while ($line =~ /\G\s*(?:"((?:[^"\\]|\\.)*)"?|'((?:[^'\\]|\\.)*)'?|(\S+))/gc) {
-        my $word = defined $1 ? $1 : defined $2 ? $2 : $3;
-        $word =~ s/\\(["'\\])/$1/g if !defined $3;
-        push @words, $word;
+    while ($line =~ /\G\s*(?:"([^"]*)"?|'([^']*)'?|((?:\\\s|\S)+))/gc) {
+        push @words, grep {defined} $1, $2, $3;
     }
     return @words;
 }

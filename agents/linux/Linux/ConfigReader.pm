@@ -10,6 +10,9 @@ use Errno qw(EACCES);
 
 our $MOST_DEPTH = 20;
 
+# The name of what stands for the beginning of an included file: it may hold nothing else.
+our $INCLUDED = 'included file';
+
 # tree => Linux::Tree, problems => Agent::Problems
 sub new {
     my ($class, %self) = @_;
@@ -68,8 +71,7 @@ sub directives_of {
             next;
         }
         my $parsed = $self->parsed($file, $directive) or next;
-        # A file may hold nothing but further inclusions.
-        push @out, { name => 'included file', args => [], file => $file, line => 1 };
+        push @out, { name => $INCLUDED, args => [], file => $file, line => 1 };
         push @out, $self->expand($parsed, @stack, $file);
     }
     return @out;

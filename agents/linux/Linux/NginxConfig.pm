@@ -14,8 +14,9 @@ my %STARTS_DIRECTIVE = map { $_ => 1 } qw(
     add_header client_max_body_size set if upstream http events
 );
 
-# The directives of the main file: { name, args, block => [...] or undef, file,
-# line }. Relative includes start in the folder of the main file.
+# The directives of the main file: { name, args, block => [...] or undef, text, file,
+# line }; `text` is what a block in another language holds, byte for byte. Relative
+# includes start in the directory of the main file.
 sub load {
     my ($self, $main) = @_;
     ($self->{base}) = $main =~ m{\A(.*)/};
@@ -65,7 +66,8 @@ sub parse {
             $missing->($line) if @words && $token->{first} && $STARTS_DIRECTIVE{ $token->{text} };
             push @words, $token;
         }
-        elsif ($kind eq ';') { $finish->() }
+        elsif ($kind eq ';')    { $finish->() }
+        elsif ($kind eq 'text') { $blocks[-2][-1]{text} = $token->{text} }
         elsif ($kind eq '{') {
             push @openings, @words ? $words[0] : $token;
             @words = ($token) if !@words;
@@ -89,8 +91,8 @@ sub parse {
     return $blocks[0];
 }
 
-# Cuts a text into { kind => 'word', ';', '{' or '}', text, line, first }, `first`
-# telling that nothing stands before it on its line.
+# Cuts a text into { kind => 'word', ';', '{', '}' or 'text' (a block in another language),
+# text, line, first }, `first` telling that nothing stands before it on its line.
 sub tokens {
     my ($self, $file, $text) = @_;
     my ($line, $last, @tokens) = (1, 0);
@@ -106,7 +108,10 @@ sub tokens {
         elsif ($text =~ /\G([;{}])/gc) {
             $add->($1, $1);
             my $opens_foreign = $1 eq '{' && @tokens > 1 && $tokens[-2]{text} =~ /_by_lua_block\z/;
-            $line += skip_foreign(\$text) if $opens_foreign;
+            next if !$opens_foreign;
+            my $foreign = take_foreign(\$text);
+            $add->('text', $foreign);
+            $line += $foreign =~ tr/\n//;
         }
         elsif ($text =~ /\G"((?:[^"\\]++|\\.)*+)"/gcs || $text =~ /\G'((?:[^'\\]++|\\.)*+)'/gcs) {
             my $word = $1;
@@ -126,26 +131,29 @@ sub tokens {
     return @tokens;
 }
 
-# Only quotes and blanks lose their backslash; in patterns it means something.
+my %ESCAPED = ('t' => "\t", 'r' => "\r", 'n' => "\n");
+
+# A word as the server takes it: a backslash before anything else stays.
 sub plain {
     my ($word) = @_;
-    $word =~ s/\\(["'\s\\])/$1/g;
+    $word =~ s/\\(["'\\trn])/$ESCAPED{$1} || $1/ge;
     return $word;
 }
 
-# Moves behind a block in another language; gives the number of its lines.
-sub skip_foreign {
+# Moves to the end of a block in Lua; gives what is in it. Braces in its texts and
+# comments count for nothing.
+sub take_foreign {
     my ($text) = @_;
-    my ($depth, $lines) = (1, 0);
-    while ($$text =~ /\G(--[^\n]*|"(?:[^"\\\n]|\\.)*"|'(?:[^'\\\n]|\\.)*'|[{}]|\n|.)/gcs) {
-        my $piece = $1;
-        $lines++ if $piece eq "\n";
-        $depth++ if $piece eq '{';
-        next if $piece ne '}' || --$depth;
+    my ($depth, $start) = (1, pos $$text);
+    while ($$text =~ /\G(?:--\[(=*)\[.*?\]\1\]|--[^\n]*|\[(=*)\[.*?\]\2\]
+            |"(?:[^"\\\n]|\\.)*"|'(?:[^'\\\n]|\\.)*'|([{}])|[^-\["'{}]+|.)/gcsx) {
+        next if !defined $3;
+        $depth += $3 eq '{' ? 1 : -1;
+        next if $depth;
         pos($$text)--;
         last;
     }
-    return $lines;
+    return substr $$text, $start, pos($$text) - $start;
 }
 
 1;
