@@ -124,7 +124,7 @@ END
         /etc/apache2/groups)],
         'files that belong to it';
     is_deeply $site->{php_addresses}, ['unix:/run/php/a.sock'], 'what runs its PHP';
-    is_deeply $site->{php_settings}, { open_basedir => '/srv/a:/tmp' }, 'with its values';
+    is_deeply $site->{module_settings}, { open_basedir => '/srv/a:/tmp' }, 'with its values';
     is $site->{php_user}, 'ann', 'and account';
     is_deeply $site->{config}, ['/etc/apache2/sites-enabled/sites.conf'], 'and its configuration';
     is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
@@ -328,6 +328,70 @@ END
     is_deeply $sites->{'moved.test'}{tls}, { map { $_ => '/etc/apache2/ssl/all.pem' } qw(certificate key) },
         'a host without a certificate has that of all';
     is_deeply $problems, [], 'without a problem';
+}
+
+{
+    my ($tree, $problems) = imitated(
+        'etc/apache2/apache2.conf' => "ServerRoot \"/opt/web\"\nListen 80\nDocumentRoot docs\nInclude hosts.conf\n",
+        'opt/web/hosts.conf' => "<VirtualHost _default_:80>\nServerName r.test\nDocumentRoot r\n</VirtualHost>\n",
+        'opt/web/docs/' => undef, 'opt/web/r/' => undef,
+    );
+    my @sites = Linux::Apache::sites($tree, $problems);
+    is_deeply [map {"$_->{name} $_->{root} $_->{listen}[0]{address}"} @sites], ['r.test /opt/web/r *'],
+        'relative paths start at ServerRoot, and _default_ takes what comes to any address' or diag explain \@sites;
+    is_deeply problem_texts($problems), [], 'without a problem';
+}
+
+{
+    my ($sites) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(a/in b c));
+php_value memory_limit 1M
+php_admin_value open_basedir /srv
+<Directory /home/*/public_html>
+    php_admin_flag engine Off
+</Directory>
+<Directory /srv/a/in>
+    php_value of_part 1
+</Directory>
+<Directory /srv/*/>
+    php_value of_pattern 1
+    <FilesMatch "\.ph(?:ar|p|tml)$">
+        php_value of_scripts 1
+    </FilesMatch>
+    <Files secret.php>
+        php_value of_file 1
+    </Files>
+</Directory>
+<DirectoryMatch ^/srv/[ab]/>
+    php_value of_expression 1
+</DirectoryMatch>
+<Location /admin>
+    php_value of_location 1
+</Location>
+<Location />
+    php_value of_all 1
+</Location>
+<VirtualHost *:80>
+    ServerName a.test
+    DocumentRoot /srv/a
+    php_value open_basedir /
+    php_value memory_limit 2M
+    <Directory /srv>
+        php_value memory_limit 3M
+    </Directory>
+    <If "%{HTTP_HOST} == 'x'">
+        php_value of_request 1
+    </If>
+</VirtualHost>
+<VirtualHost *:80>
+    ServerName c.test
+    DocumentRoot /srv/c
+</VirtualHost>
+END
+    my %of_all = (open_basedir => '/srv', of_pattern => 1, of_scripts => 1, of_all => 1);
+    is_deeply $sites->{'a.test'}{module_settings}, { %of_all, memory_limit => '3M', of_expression => 1 },
+        'a site has the settings of the sections that hold for all of its directory, as they win'
+        or diag explain $sites->{'a.test'}{module_settings};
+    is_deeply $sites->{'c.test'}{module_settings}, { %of_all, memory_limit => '1M' }, 'and no others';
 }
 
 {

@@ -123,6 +123,9 @@ is_deeply values_of('//domain[@name="a.test"]/mailbox/@address'), ['info@a.test'
 is_deeply values_of('//client[@name="bob"]/mailbox/@address'), ['bob'], "an account's own mail is the client's";
 is_deeply values_of('/dump/unassigned/domain/mailbox/@address'), ['x@only-mail.test'],
     "mail of nobody's domain is not lost";
+is found('count(//site[block/directive[@name="server"]/directive[@name="root"]])'), found('count(//site)'),
+    'sites have the blocks that they are made of';
+is found('string(/dump/web-configuration/@file)'), '/etc/nginx/nginx.conf', 'and the host has the rest';
 is found('string(//admin-info/@mail)'), 'admin@a.test', 'the administrator is told';
 is found('string(//client[@name="alice"]/cron)'), 'run this', 'jobs are told';
 is found('string(//client[@name="bob"]/cron/@when)'), '@daily', "so are those of the system's tables";

@@ -71,11 +71,13 @@ END
     ], 'all addresses are listed';
     is_deeply $site->{tls}, { certificate => '/etc/nginx/ssl/a.pem', key => '/etc/nginx/ssl/a.key' },
         'certificate and key are found from the configuration folder';
+    my @of_second = (server => 'nginx', names => 'a.test', listen => '*:443 unix:/run/a.sock 127.0.0.1:8443');
     is_deeply $site->{redirects}, [
-        { from => '^/old$', to => '/new', code => 301 }, { from => '/ if ($http_user_agent ~ bad)',
-            to => '/bad', code => 302 },
-        { from => '/', to => 'https://a.test$request_uri', code => 301 },
-    ], 'redirects are listed' or diag explain $site->{redirects};
+        { from => '^/old$', to => '/new', code => 301, @of_second },
+        { from => '/ if ($http_user_agent ~ bad)', to => '/bad', code => 302, @of_second },
+        { from => '/', to => 'https://a.test$request_uri', code => 301, server => 'nginx', names => 'a.test www.a.test',
+            listen => '*:80 [::]:80' },
+    ], 'redirects are listed, with the names and addresses that they are for' or diag explain $site->{redirects};
     is_deeply $site->{access}, [
         { path => '/media', rule => 'auth_basic Only { us }; ok' }, { path => '~ /\.ht', rule => 'deny all' },
     ], 'access rules have their place';
@@ -148,6 +150,8 @@ END
     is $sites->{'p.test'}{root}, undef, 'and has no folder then';
     is_deeply $sites->{'mass.test'}{roots}, ['/srv/mass/mass.test/www'], 'the plain name has its own folder';
     is $sites->{'two.mass.test'}{root}, '/srv/mass/two.mass.test/www', 'a folder for a host makes a site';
+    is_deeply [map { "$_->{directive}{name} $_->{directive}{line}" } @{ $sites->{'two.mass.test'}{blocks} }], ['server 12'],
+        'of the block that serves it';
     ok !$sites->{'else.test'}, 'unless its name is of another server';
     is_deeply $sites->{'~^(?<who>.+)\.users\.test$'}{roots}, ['/srv/users/ann', '/srv/users/bob'],
         'folders that an expression selects are all taken';
@@ -270,6 +274,24 @@ END
         ca.pem dh.pem passwords)], 'and it needs all of them, what goes with them, and single files';
     is_deeply $site->{roots}, ['/srv/a'], 'which are no roots';
     is $sites->{'b.test'}{tls}{key}, '/etc/nginx/of-all.key', 'a server without one has that of all';
+}
+
+{
+    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(a b));
+server { listen 80; server_name a.test b.test c.test; proxy_pass x; location / { proxy_pass http://127.0.0.1:1; } }
+server { listen 443; server_name b.test; root /srv/b; return 301 https://x.test; location / { root /srv/b; } }
+server { listen 444; server_name b.test; root /srv/b; }
+server { listen 443; server_name c.test; location / { proxy_pass http://127.0.0.1:2; } }
+server { listen 443; server_name www.a.test a.test; location / { proxy_pass http://127.0.0.1:3; } }
+END
+    is_deeply { map { $_ => $sites->{$_}{names} } keys %$sites },
+        { 'a.test' => ['a.test'], 'b.test' => ['b.test'], 'c.test' => ['c.test'], 'www.a.test' => ['www.a.test'] },
+        'names of one block are sites of their own where other blocks serve something else for them'
+        or diag explain [map { $_->{names} } values %$sites];
+    is_deeply [map { $_->{directive}{line} } @{ $sites->{'c.test'}{blocks} }], [4, 1],
+        'the block that serves several of them is part of each';
+    is_deeply [map { $_->{port} } @{ $sites->{'b.test'}{listen} }], [444, 80, 443], 'with its addresses';
+    is_deeply $sites->{'a.test'}{redirects}, [], 'redirects are of the site that has them';
 }
 
 {

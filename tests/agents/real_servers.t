@@ -82,6 +82,29 @@ sub agrees {
     return;
 }
 
+sub quoted {
+    my ($text) = @_;
+    $text =~ s/(["\\])/\\$1/g;
+    return qq("$text");
+}
+
+# A configuration made of nothing but the directives that were read.
+sub written_for_nginx {
+    my @directives = grep { $_->{name} ne 'included file' } @_;
+    return join '', map {
+        my $line = join ' ', ($_->{name} =~ /\A\w+\z/ ? $_->{name} : quoted($_->{name})), map { quoted($_) } @{ $_->{args} };
+        $_->{block} ? "$line {\n" . written_for_nginx(@{ $_->{block} }) . "}\n" : "$line;\n"
+    } @directives;
+}
+
+sub written_for_apache {
+    my @directives = grep { $_->{name} ne 'included file' } @_;
+    return join '', map {
+        my ($name, $raw) = @$_{qw(name raw)};
+        $_->{block} ? "<$name $raw>\n" . written_for_apache(@{ $_->{block} }) . "</$name>\n" : "$name $raw\n"
+    } @directives;
+}
+
 {
     my $port = free_port();
     my $folder = folder_with(qw(a b-inner c/h1.test c/h2.test set/x/y mapped wild regex mass/m1.test mass/m2.test
@@ -122,20 +145,26 @@ server { listen 127.0.0.1:$port; server_name inherits.test; }
 server { listen 127.0.0.1:$port; server_name old.test; return 301 http://a.test\$request_uri; }
 server { listen 127.0.0.1:$port; server_name l.test; root $folder; location / { root $folder/location; } }
 server { listen 127.0.0.1:$port; server_name s.test; location ^~ / { alias $folder/alias/; } }
+server { listen 127.0.0.1:$port; server_name e.test; location ~ ^/mark[e]r\$ { return 200 'a "b" \\\\ \\d it\\'s'; }
+    if (\$http_x ~ "^a b{2}\$") { return 403; } location /x { root $folder/a; } }
 server { listen 127.0.0.1:$port; server_name q.test; location ~ "^/(?!x{2,3}).*" { root '$folder/quoted/in'; } root $folder; }
 END
     write_file("$folder/sites/snippet", "root $folder/\$inner;\n");
     local @Linux::Nginx::MAIN_FILES = ("$folder/nginx.conf");
     my $problems = Agent::Problems->new;
-    my @sites = Linux::Nginx::sites(Linux::Tree->new, $problems);
+    my $found = Linux::Nginx::look(Linux::Tree->new, $problems);
+    my @sites = @{ $found->{sites} };
     is_deeply [sort map { $_->{name} } @sites], [sort "default-$port",
-        map {"$_.test"} qw(a b h1 set m x.map r7 inherits q l s m1 m2)],
+        map {"$_.test"} qw(a b h1 set m x.map r7 inherits q l s e m1 m2)],
         'nginx has its sites' or diag explain [map { $_->{name} } @sites];
     is_deeply problem_texts($problems), [], 'without a problem';
-    with_server($port, ['nginx', '-p', $folder, '-c', "$folder/nginx.conf"], sub {
-        agrees($port, \@sites, { 'h2.test' => "$folder/c/h2.test", 'old.test' => 'http://a.test/marker',
-            'q.test' => "$folder/quoted/in", 'M1.TEST' => "$folder/mass/m1.test" });
-    });
+    write_file("$folder/again.conf", written_for_nginx(@{ $found->{configurations}[0]{directives} }));
+    for my $main ('nginx.conf', 'again.conf') {
+        with_server($port, ['nginx', '-p', $folder, '-c', "$folder/$main"], sub {
+            agrees($port, \@sites, { 'h2.test' => "$folder/c/h2.test", 'old.test' => 'http://a.test/marker',
+                'q.test' => "$folder/quoted/in", 'M1.TEST' => "$folder/mass/m1.test", 'e.test' => 'a "b" \\ \\d it\'s' });
+        });
+    }
 }
 
 {
@@ -186,6 +215,12 @@ END
   Redirect permanent / http://a.test/
 </VirtualHost>
 <VirtualHost 127.0.0.1:$port>
+  ServerName x.test
+  RewriteEngine On
+  RewriteCond "%{HTTP_HOST}" "^x\\.test\$"
+  RewriteRule ^/m(a)r\\Ser\$ "http://a.test/x\\\\y'z" [R,NE]
+</VirtualHost>
+<VirtualHost 127.0.0.1:$port>
   ServerName x.w.test
   VirtualDocumentRoot \${TOP}/w/%1/%0
 </VirtualHost>
@@ -220,15 +255,20 @@ Use Site macro.test www.macro.test macro
 END
     local @Linux::Apache::MAIN_FILES = ("$folder/apache2.conf");
     my $problems = Agent::Problems->new;
-    my @sites = Linux::Apache::sites(Linux::Tree->new, $problems);
+    my $found = Linux::Apache::look(Linux::Tree->new, $problems);
+    my @sites = @{ $found->{sites} };
     is_deeply [sort map { $_->{name} } @sites],
         [sort 'v.invalid', map {"$_.test"} qw(a b blank nothing x.w conditional macro v1 v2)],
         'Apache has its sites' or diag explain [map { $_->{name} } @sites];
     is_deeply [grep { !/depends on the request/ } @{ problem_texts($problems) }], [], 'without a problem';
     my $apache = which('apache2');
-    with_server($port, [$apache, '-X', '-f', "$folder/apache2.conf"], sub {
-        agrees($port, [grep { $_->{name} ne 'v.invalid' } @sites], { 'old.test' => 'http://a.test/marker' });
-    });
+    write_file("$folder/again.conf", written_for_apache(@{ $found->{configurations}[0]{directives} }));
+    for my $main ('apache2.conf', 'again.conf') {
+        with_server($port, [$apache, '-X', '-f', "$folder/$main"], sub {
+            agrees($port, [grep { $_->{name} ne 'v.invalid' } @sites], { 'old.test' => 'http://a.test/marker',
+                'x.test' => q(http://a.test/x\\y'z) });
+        });
+    }
 }
 
 done_testing;

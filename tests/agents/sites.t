@@ -122,6 +122,7 @@ END
     is_deeply $sites->{'ann.test'}{php}, { version => '8.2', handler => 'fpm', pool => 'ann',
         pool_user => 'ann',
         pool_file => '/etc/php/8.2/fpm/pool.d/ann.conf', listen => 'unix:/var/run/php/ann.sock',
+        pool_files => ['/etc/php/8.2/fpm/pool.d/ann.conf'], env => {},
         settings => { open_basedir => '/home/ann:/tmp', memory_limit => '256M', display_errors => 'on' } },
         'PHP has its pool and settings' or diag explain $sites->{'ann.test'}{php};
     is $sites->{'number.test'}{php}{handler}, 'fastcgi', 'an address without a pool is another program';
@@ -193,6 +194,85 @@ END
     is_deeply [map { $_->{php}{pool} } @$sites{qw(a.test b.test c.test d.test)}], [qw(a b c), undef],
         'pools are found in the main file, in what it includes and at all kinds of addresses';
     is $sites->{'b.test'}{owner}, 'bob', 'with their accounts';
+    is_deeply $problems, [], 'without a problem';
+}
+
+{
+    my ($sites, $problems) = sites_in(
+        'etc/nginx/nginx.conf' => <<'END',
+http {
+    server { listen 80; server_name shop.test www.shop.test wiki.test blog.test other.test; return 301 https://$host$request_uri; }
+    server { listen 443 ssl; server_name shop.test www.shop.test wiki.test blog.test other.test;
+        location / { proxy_pass http://127.0.0.1:8080; } }
+    server { listen 444 ssl; server_name wiki.test; location / { proxy_pass http://127.0.0.1:8080; } }
+}
+END
+        'etc/apache2/apache2.conf' => <<'END',
+Listen 8080
+<VirtualHost *:8080>
+    ServerName shop.test
+    ServerAlias www.shop.test
+    DocumentRoot /srv/shop
+    Redirect 301 /old /new
+</VirtualHost>
+<VirtualHost *:8080>
+    ServerName wiki.test
+    DocumentRoot /srv/wiki
+    Redirect 302 /a /b
+</VirtualHost>
+<VirtualHost *:8080>
+    ServerName blog.test
+    DocumentRoot /srv/blog
+</VirtualHost>
+END
+        map { ("srv/$_/" => undef) } qw(shop wiki blog),
+    );
+    is_deeply { map { $_ => $sites->{$_}{names} } keys %$sites }, { 'shop.test' => ['shop.test', 'www.shop.test'],
+        'wiki.test' => ['wiki.test'], 'blog.test' => ['blog.test'], 'other.test' => ['other.test'] },
+        'the sites behind a block with all their names stay sites' or diag explain [values %$sites];
+    is_deeply [map { $sites->{$_}{root} } qw(shop.test wiki.test blog.test other.test)],
+        ['/srv/shop', '/srv/wiki', '/srv/blog', undef], 'with their document roots';
+    is_deeply $sites->{'wiki.test'}{servers}, [qw(nginx apache)], 'and both servers';
+    is_deeply [map {"$_->{server} $_->{listen} $_->{from} $_->{to}"} @{ $sites->{'wiki.test'}{redirects} }],
+        ['nginx *:80 / https://$host$request_uri', 'apache *:8080 /a /b'], 'and their own redirects'
+        or diag explain $sites->{'wiki.test'}{redirects};
+    is_deeply [map {"$_->{directive}{name} $_->{directive}{line}"} @{ $sites->{'wiki.test'}{blocks} }],
+        ['server 3', 'server 5', 'server 2', 'virtualhost 8'], 'and all blocks that serve it';
+    is_deeply [map {"$_->{directive}{name} $_->{directive}{line}"} @{ $sites->{'blog.test'}{blocks} }],
+        ['server 3', 'server 2', 'virtualhost 13'], 'and no others';
+    is_deeply $problems, [], 'without a problem';
+}
+
+{
+    my ($sites, $problems) = sites_in(
+        'etc/nginx/nginx.conf' => <<'END',
+http {
+    server { server_name a.test; root /srv/x; location ~ \.php { fastcgi_pass 127.0.0.1:9001;
+        fastcgi_param PHP_VALUE "by_admin=2
+by_request=1"; fastcgi_param PHP_ADMIN_VALUE "of_request=1"; } }
+    server { server_name b.test; root /srv/x; location ~ \.php { fastcgi_pass 127.0.0.1:9002; } }
+}
+END
+        'etc/php/8.2/fpm/pool.d/all.conf' => <<'END',
+[a]
+listen = 9001
+include = /etc/php/8.2/fpm/of-all.inc
+php_admin_value[by_admin] = 1
+env[PLACE] = "north; west" ; a comment
+[b]
+include = "/etc/php/8.2/fpm/of-*.inc"
+listen = 9002
+END
+        'etc/php/8.2/fpm/of-all.inc' => "user = ann\nphp_value[from_file] = 1\nenv[TMPDIR] = /tmp\n",
+        'srv/x/.user.ini' => "of_request=3\nby_request=2\nby_admin=3\n",
+    );
+    my @php = map { $sites->{$_}{php} } qw(a.test b.test);
+    is_deeply [map { $_->{pool_user} } @php], [qw(ann ann)], 'a file that pools include is part of each of them';
+    is_deeply $php[0]{settings}, { from_file => 1, by_admin => 1, by_request => 2, of_request => 1 },
+        'what an administrator sets counts' or diag explain $php[0]{settings};
+    is_deeply $php[0]{env}, { PLACE => 'north; west', TMPDIR => '/tmp' }, 'the environment of a pool is known';
+    is_deeply $sites->{'b.test'}{config}, [map {"/etc/$_"} qw(nginx/nginx.conf php/8.2/fpm/pool.d/all.conf
+        php/8.2/fpm/of-all.inc)], 'and the files that make it are those of the site';
     is_deeply $problems, [], 'without a problem';
 }
 

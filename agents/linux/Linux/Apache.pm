@@ -7,7 +7,11 @@ use warnings;
 use Agent::Process qw(run which breathe);
 use Errno qw(EACCES);
 use Linux::ApacheConfig;
-use Linux::Site qw(new_block add_once is_host_name target_host join_blocks below is_packaged);
+use Linux::Definitions;
+use Linux::Site qw(
+    new_block source_of add_once is_host_name target_host join_blocks below is_packaged
+);
+use Linux::Tree;
 
 our @MAIN_FILES = qw(
     /etc/apache2/apache2.conf /etc/httpd/conf/httpd.conf /usr/local/apache2/conf/httpd.conf
@@ -30,7 +34,6 @@ my %COLLECT = (
     proxypass => \&add_proxy, proxypassmatch => \&add_proxy, sethandler => \&add_handler,
     addhandler => \&add_handler, fcgidwrapper => \&add_wrapper,
     suexecusergroup => \&add_user, assignuserid => \&add_user,
-    (map { $_ => \&add_php } qw(php_value php_admin_value php_flag php_admin_flag)),
 );
 
 my %ACCESS = map { $_ => 1 } qw(
@@ -44,25 +47,109 @@ sub version {
     return run([$program, '-v'], limit => 5)->{out} =~ m{Apache/([\w.]+)} ? $1 : undef;
 }
 
-sub sites {
+# The sites of the host, and what its configurations say besides: { sites, configurations }.
+sub look {
     my ($tree, $problems) = @_;
     my $config = Linux::ApacheConfig->new(tree => $tree, problems => $problems);
     my $main = $config->first_of(@MAIN_FILES);
-    return if !defined $main;
+    return { sites => [], configurations => [] } if !defined $main;
     my @directives = $config->load($main);
     my $self = bless { tree => $tree, problems => $problems, config => $config, needed => [] }, __PACKAGE__;
     my @hosts = virtual_hosts(@directives);
+    $self->{configuration} = { name => 'apache', server => 'apache', file => $main, prefix => $config->{base},
+        directives => \@directives, of_sites => { map { $_ => 1 } @hosts } };
+    $self->{definitions} = $self->definitions(grep { $_->{name} ne 'virtualhost' } @directives);
     $self->{global} = [grep { $_->{name} ne 'virtualhost' } @directives];
     $self->{base_block} = $self->main_block($main);
     my @blocks = map { $self->host_blocks($_) } @hosts;
     if ($self->main_serves(@hosts)) {
-        $self->{base_block}{roots} = $self->{folders_of_all};
-        push @blocks, $self->{base_block};
+        my $block = $self->{block} = $self->{base_block};
+        $block->{roots} = $self->{folders_of_all};
+        my @uses = $self->sections_for($block->{root}, @{ $block->{roots} });
+        $block->{blocks} = [source_of($block, $self->{configuration}, undef, @uses)];
+        push @blocks, $block;
     }
     $self->note_user_folders(@hosts);
     my @sites = join_blocks($tree, $problems, @blocks);
     $self->note_folders_of_all(@sites);
-    return @sites;
+    return { sites => \@sites, configurations => [$self->{configuration}] };
+}
+
+sub sites { return @{ look(@_)->{sites} } }
+
+# Takes what the main server defines for all virtual hosts, by name or for directories.
+sub definitions {
+    my ($self, @directives) = @_;
+    my $definitions = $self->{configuration}{definitions}
+        = Linux::Definitions->new(prefix => 'apache', names_of => \&defined_names);
+    my @others = $definitions->take(@directives);
+    $self->{configuration}{uses} = [$definitions->used_by(grep { !$_->{block} } @others)];
+    $self->{sections} = { above => {}, below => {}, open => [] };
+    for my $section (grep { $_->{block} && @{ $_->{args} } } @others) {
+        next if $section->{name} !~ /\Adirectory(?:match)?\z/;
+        $self->add_section($definitions->add($section), $section);
+    }
+    return $definitions;
+}
+
+# The names under which virtual hosts use what a directive of the main server defines.
+sub defined_names {
+    my ($directive) = @_;
+    my ($name, $args, $block) = @$directive{qw(name args block)};
+    my ($first, $second) = @$args;
+    return if !defined $first;
+    return $second if @$args == 2 && $name =~ ($block ? qr/\Aauth[nz]provideralias\z/ : qr/\Alogformat\z/);
+    return $first =~ m{\Abalancer://([^/]+)} ? $1 : () if $block && $name eq 'proxy';
+    return if $block || $name !~ /\A(?:rewritemap|wsgidaemonprocess|extfilterdefine|filterdeclare)\z/;
+    return $first;
+}
+
+# Keeps a section so that those for a directory are found without looking at all of them.
+sub add_section {
+    my ($self, $definition, $section) = @_;
+    my $sections = $self->{sections};
+    my $path = $section->{args}[0];
+    if ($section->{name} eq 'directorymatch' || $path =~ /\A~|[*?\[]/) {
+        push @{ $sections->{open} }, $definition;
+        return;
+    }
+    $path = $self->folder($path);
+    push @{ $sections->{above}{$path} }, $definition;
+    while ($path =~ s{/[^/]+\z}{}) {
+        push @{ $sections->{below}{ length $path ? $path : '/' } }, $definition;
+    }
+    return;
+}
+
+# The sections that may count for some directories: those of them, above and below them,
+# and all that are given as a pattern.
+sub sections_for {
+    my ($self, @folders) = @_;
+    my $sections = $self->{sections};
+    my @found = @{ $sections->{open} };
+    for my $folder (grep {defined} @folders) {
+        push @found, @{ $sections->{below}{$folder} || [] };
+        for (my $path = $folder; length $path; $path =~ s{/[^/]*\z}{}) {
+            push @found, @{ $sections->{above}{$path} || [] };
+        }
+        push @found, @{ $sections->{above}{'/'} || [] };
+    }
+    my %seen;
+    return grep { !$seen{ $_->{number} }++ } @found;
+}
+
+# What the block of a site is made of, with what it uses from outside.
+sub add_source {
+    my ($self, $directive, @inner) = @_;
+    my ($block, $definitions) = @$self{qw(block definitions)};
+    my @uses = $definitions->with_inner(
+        $definitions->used_by(@inner), $self->sections_for($block->{root}, @{ $block->{roots} }),
+    );
+    $block->{blocks} = [source_of($block, $self->{configuration}, $directive, @uses)];
+    # The main file is the host's own; what a site uses of it is in the description.
+    add_once($block->{config}, $directive->{file}, files_of(@inner),
+        grep { $_ ne $self->{configuration}{file} } files_of(map { $_->{directive} } @uses));
+    return;
 }
 
 # An alias outside of the virtual hosts is in all of them, and its folder in no site.
@@ -101,6 +188,7 @@ sub main_block {
     $self->{folders_of_all} = $block->{roots};
     $block->{roots} = [];
     $block->{content} = defined $block->{root};
+    set_php($block, @{ $block->{php_rules} });
     $block->{config} = [$main];
     push @{ $block->{listen} }, map { listen_of($_->{args}[0], 0) }
         grep { $_->{name} eq 'listen' && @{ $_->{args} } } @plain;
@@ -152,7 +240,6 @@ sub host_blocks {
     $self->add_tls(certificates(@plain) || certificates(@{ $self->{global} })) if $tls;
     $block->{php_addresses} = $base->{php_addresses} if !@{ $block->{php_addresses} };
     $block->{php_module} = $base->{php_module} if $base->{php_module};
-    $block->{php_settings} = { %{ $base->{php_settings} }, %{ $block->{php_settings} } };
     my $own = $self->document_root(@plain);
     my @own_hosts = defined $last{virtualdocumentroot} ? $self->add_folders($last{virtualdocumentroot}) : ();
     my $forwards = @{ $block->{redirects} } || @{ $block->{proxies} };
@@ -163,7 +250,9 @@ sub host_blocks {
     # A host of the same name may have another one.
     add_once($block->{roots}, $block->{root}) if $block->{content};
     $self->add_global_access;
-    add_once($block->{config}, $host->{file}, files_of(@directives));
+    $self->add_source($host, @directives);
+    set_php($_, @{ $base->{php_rules} }, @{ $block->{php_rules} }) for $block, @own_hosts;
+    $_->{blocks} = [{ %{ $block->{blocks}[0] }, names => [@{ $_->{names} }] }] for @own_hosts;
     return @own_hosts if Linux::Site::is_spent($block, @own_hosts);
     return ($block, @own_hosts);
 }
@@ -207,14 +296,18 @@ sub folder {
 
 # Takes from a virtual host and the sections in it what belongs to a site.
 sub collect {
-    my ($self, $directives, $path) = @_;
+    my ($self, $directives, $path, @sections) = @_;
     my $conditions = 0;
     for my $directive (@$directives) {
         my ($name, $args) = @$directive{qw(name args)};
         if ($directive->{block}) {
             next if $name eq 'virtualhost' || $name eq 'proxy';
-            $self->collect($directive->{block}, section_path($directive, $path));
+            $self->collect($directive->{block}, section_path($directive, $path), @sections, $directive);
             next;
+        }
+        if ($name =~ /\Aphp_(admin_)?(?:value|flag)\z/ && @$args > 1) {
+            push @{ $self->{block}{php_rules} },
+                { admin => $1 ? 1 : 0, name => $args->[0], value => $args->[1], sections => [@sections] };
         }
         $conditions = 1 if $name eq 'rewritecond';
         if (my $add = $COLLECT{$name}) {
@@ -342,10 +435,57 @@ sub add_user {
     return;
 }
 
-sub add_php {
-    my ($self, $path, $name, $value) = @_;
-    $self->{block}{php_settings}{$name} = $value if defined $value;
+# The settings of PHP that rules make for the document root of a record; those of sections
+# count more, and those of the administrator most.
+sub set_php {
+    my ($block, @rules) = @_;
+    my @fit = grep { all_cover($block->{root}, @{ $_->{sections} }) } @rules;
+    my ($settings, $admin) = @$block{qw(module_settings module_admin)} = ({}, {});
+    for my $rule ((grep { !@{ $_->{sections} } } @fit), (grep { @{ $_->{sections} } } @fit)) {
+        my $name = $rule->{name};
+        next if $admin->{$name} && !$rule->{admin};
+        $settings->{$name} = $rule->{value};
+        $admin->{$name} = 1 if $rule->{admin};
+    }
     return;
+}
+
+sub all_cover {
+    my ($root, @sections) = @_;
+    return !grep { !covers($_, $root) } @sections;
+}
+
+# True if a section holds for all scripts of a document root.
+sub covers {
+    my ($section, $root) = @_;
+    my ($name, @args) = ($section->{name}, @{ $section->{args} });
+    my $is_expression = $name =~ s/match\z// || (@args && $args[0] eq '~' && shift @args) ? 1 : 0;
+    my $word = $args[0];
+    return 0 if $name =~ /\A(?:if|elseif|else|limit|limitexcept)\z/ || !defined $word;
+    return is_like('/index.php', $is_expression ? $word : "$word*", $is_expression) if $name eq 'location';
+    return is_like('index.php', $word, $is_expression) if $name eq 'files';
+    return 1 if $name ne 'directory';
+    return 0 if !defined $root;
+    return is_like("$root/", $word, 1) if $is_expression;
+    $word =~ s{(?<=.)/\z}{};
+    return 1 if $word eq '/';
+    for (my $path = $root; length $path; $path =~ s{/[^/]*\z}{}) {
+        return 1 if is_like($path, $word, 0);
+    }
+    return 0;
+}
+
+# Whether a text fits a pattern of the shell, part by part of its path, or holds what an
+# expression means; one that perl does not know fits nothing.
+sub is_like {
+    my ($text, $pattern, $is_expression) = @_;
+    if ($is_expression) {
+        no warnings 'regexp';
+        return eval { $text =~ /$pattern/ } ? 1 : 0;
+    }
+    my @texts = split m{/}, $text, -1;
+    my @patterns = split m{/}, $pattern, -1;
+    return @texts == @patterns && !grep { $texts[$_] !~ Linux::Tree::pattern($patterns[$_]) } 0 .. $#texts;
 }
 
 # The files that directives name, { certificate, key, chain => [...] }; undef without a
@@ -415,8 +555,8 @@ sub add_folders {
 sub host_block {
     my ($self, $host, $root) = @_;
     my $block = $self->{block};
-    my %copy = map { $_ => ref $block->{$_} eq 'ARRAY' ? [@{ $block->{$_} }] : $block->{$_} } keys %$block;
-    return { %copy, names => [$host], root => $root, content => 1, roots => [] };
+    my $copy = Linux::Site::copy_of($block);
+    return { %$copy, names => [$host], root => $root, content => 1, roots => [] };
 }
 
 # Fills a folder pattern with a host: %0 all of it, %N its part N, %-N counted from

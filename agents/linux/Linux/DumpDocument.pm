@@ -9,6 +9,7 @@ use Linux::Apache;
 use Linux::Nginx;
 use Linux::Php;
 use Linux::Tls;
+use Linux::WebElements;
 use POSIX ();
 
 my $VERSION = 2;
@@ -17,7 +18,7 @@ my $VERSION = 2;
 # attributes it has.
 my @OF_SITE = (
     [listen => 'listen', qw(address port tls)],
-    [redirects => 'redirect', qw(from to code)],
+    [redirects => 'redirect', qw(from to code server names listen)],
     [access => 'access', qw(path rule)],
     [roots => 'root'], [config => 'config'], [files => 'needs'], [logs => 'log'], [proxies => 'proxy'],
     [shares_root_with => 'shares-root-with'],
@@ -34,6 +35,7 @@ sub text_of {
         ($options->{server} ? $self->server : ()),
         ($options->{admin_info} ? $self->admin_info : ()),
         $self->accounts,
+        $self->web_configurations,
         $self->clients($selection->clients),
         (@unassigned ? element('unassigned', [], @unassigned) : ()),
     );
@@ -182,17 +184,25 @@ sub site {
     return element('site', [
         server => join(' ', @{ $site->{servers} || [$site->{server}] }), root => $site->{root},
         owner => $site->{owner}, group => $site->{group}, because => $site->{owner_because},
-    ], php($site->{php}), $self->tls($site), @properties);
+    ], php($site->{php}), $self->tls($site), @properties, Linux::WebElements::blocks($site));
+}
+
+# Blocks of sites refer to these, whatever is selected.
+sub web_configurations {
+    my ($self) = @_;
+    return if !$self->has_hosting;
+    return map { Linux::WebElements::configuration($_) } $self->{inventory}->configurations;
 }
 
 sub php {
     my ($php) = @_;
     return if !$php;
-    my $settings = $php->{settings} || {};
+    my ($settings, $env) = map { $_ || {} } @$php{qw(settings env)};
     return element('php', [
         (map { $_ => $php->{$_} } qw(version handler pool)),
         user => $php->{pool_user}, file => $php->{pool_file},
-    ], map { element('setting', [name => $_], text($settings->{$_})) } sort keys %$settings);
+    ], (map { element('setting', [name => $_], text($settings->{$_})) } sort keys %$settings),
+        (map { element('env', [name => $_], text($env->{$_})) } sort keys %$env));
 }
 
 sub tls {

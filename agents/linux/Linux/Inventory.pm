@@ -20,7 +20,7 @@ sub new {
     my $tick = $options{tick} || sub { };
     my $self = bless { tree => $tree, problems => $problems }, $class;
     $self->{users} = Linux::Users->new($tree);
-    $self->{sites} = [Linux::Sites::all($tree, $problems)];
+    @$self{qw(sites configurations)} = @{ Linux::Sites::look($tree, $problems) }{qw(sites configurations)};
     $tick->();
     $self->{cron} = Linux::Cron::all($tree, $problems);
     $self->{units} = [Linux::Units::all($tree, $problems, $self->{users})];
@@ -47,6 +47,9 @@ sub users { return $_[0]{users} }
 sub clients { return @{ $_[0]{clients} } }
 
 sub sites { return @{ $_[0]{sites} } }
+
+# What the configurations of web servers say besides their sites, see Linux::Sites.
+sub configurations { return @{ $_[0]{configurations} } }
 
 sub databases { return @{ $_[0]{databases} } }
 

@@ -5,8 +5,9 @@ package Linux::Nginx;
 use strict;
 use warnings;
 use Agent::Process qw(run which breathe);
+use Linux::Definitions;
 use Linux::NginxConfig;
-use Linux::Site qw(new_block add_once is_host_name join_blocks);
+use Linux::Site qw(new_block source_of add_once is_host_name join_blocks);
 
 our @MAIN_FILES = qw(/etc/nginx/nginx.conf /usr/local/nginx/conf/nginx.conf /opt/nginx/conf/nginx.conf);
 
@@ -38,18 +39,37 @@ sub version {
     return run(['nginx', '-v'], limit => 5)->{err} =~ m{nginx/([\w.]+)} ? $1 : undef;
 }
 
-sub sites {
+# The sites of the host, and what its configurations say besides: { sites, configurations }.
+sub look {
     my ($tree, $problems) = @_;
     my $config = Linux::NginxConfig->new(tree => $tree, problems => $problems);
     my $main = $config->first_of(@MAIN_FILES);
-    return if !defined $main;
+    return { sites => [], configurations => [] } if !defined $main;
     my ($prefix) = grep { $tree->is_dir($_) } @PREFIXES;
     my $self = bless { tree => $tree, problems => $problems, config => $config,
         prefix => defined $prefix ? $prefix : $PREFIXES[0] }, __PACKAGE__;
     my @directives = $config->load($main);
     $self->name_unknown(\%MAIN_BLOCK, @directives);
+    $self->{configuration} = { name => 'nginx', server => 'nginx', file => $main, prefix => $self->{prefix},
+        directives => \@directives, of_sites => {},
+        definitions => Linux::Definitions->new(prefix => 'nginx', names_of => \&defined_names) };
     my @blocks = map { $self->http_blocks($_->{block}) } named('http', @directives);
-    return join_blocks($tree, $problems, @blocks);
+    $self->{configuration}{uses} ||= [];
+    return { sites => [join_blocks($tree, $problems, @blocks)], configurations => [$self->{configuration}] };
+}
+
+sub sites { return @{ look(@_)->{sites} } }
+
+# The names under which blocks of sites use what a directive of "http" defines.
+sub defined_names {
+    my ($directive) = @_;
+    my ($name, $args, $block) = @$directive{qw(name args block)};
+    return grep { /\A\$/ } @$args[-1 .. -1] if $block && $name =~ /\A(?:map|geo|split_clients)\z/ && @$args;
+    return grep { /\A\$/ } map { $_->{name} } @$block if $block && $name eq 'geoip2';
+    return @$args[0 .. 0] if @$args && ($block ? $name =~ /\A(?:upstream|match)\z/
+        : $name =~ /\A(?:log_format|lua_shared_dict|(?:js|perl)_set)\z/);
+    return map { /\A(?:keys_)?zone=([^:]+)/ ? $1 : () } @$args if $name =~ /_(?:zone|cache_path)\z/;
+    return;
 }
 
 sub named {
@@ -87,9 +107,15 @@ sub http_blocks {
         $self->{upstreams}{ $upstream->{args}[0] } = [grep {defined} map { $_->{args}[0] } @servers];
     }
     my %inherited = simple_values($http);
+    my @servers = servers_in(@$http);
+    my $configuration = $self->{configuration};
+    $configuration->{of_sites}{$_} = 1 for @servers;
+    my $definitions = $configuration->{definitions};
+    my @others = $definitions->take(grep { !$configuration->{of_sites}{$_} } @$http);
+    push @{ $configuration->{uses} }, $definitions->used_by(grep { !$_->{block} } @others);
     my @plain = grep { !$_->{block} } @$http;
     $self->{rules} = [grep { $ACCESS_RULE{ $_->{name} } || $NEEDED_FILE{ $_->{name} } } @plain];
-    return map { $self->server_blocks($_, \%inherited) } servers_in(@$http);
+    return map { $self->server_blocks($_, \%inherited) } @servers;
 }
 
 sub variable_name {
@@ -142,9 +168,16 @@ sub server_blocks {
         : $self->add_roots(scalar main_folder(@directives), $own{root}, $scope{root});
     $block->{content} = !$returns && (defined $block->{root} || @{ $block->{roots} } || @{ $block->{proxies} }
             || @{ $block->{php_addresses} }) ? 1 : 0;
-    add_once($block->{config}, $server->{file}, files_of(@directives));
+    my @uses = $self->{configuration}{definitions}->used_by(@directives);
+    $block->{blocks} = [source_of($block, $self->{configuration}, $server, @uses)];
+    $_->{blocks} = [{ %{ $block->{blocks}[0] }, names => [@{ $_->{names} }] }] for @own_hosts;
+    # The main file is the host's own; what a site uses of it is in the description.
+    add_once($block->{config}, $server->{file}, files_of(@directives),
+        grep { $_ ne $self->{configuration}{file} } files_of(map { $_->{directive} } @uses));
     my @own = Linux::Site::is_spent($block, @own_hosts) ? @own_hosts : ($block, @own_hosts);
-    return (@own, map { $self->server_blocks($_, $inherited) } servers_in(@directives));
+    my @swallowed = servers_in(@directives);
+    $self->{configuration}{of_sites}{$_} = 1 for @swallowed;
+    return (@own, map { $self->server_blocks($_, $inherited) } @swallowed);
 }
 
 sub files_of {
@@ -227,13 +260,24 @@ sub collect {
         elsif ($name =~ /\A(?:proxy|uwsgi|scgi|grpc)_pass\z/) {
             add_once($block->{proxies}, $self->addresses($args->[0]));
         }
-        elsif ($name eq 'fastcgi_param' && $args->[0] =~ /\APHP_(?:ADMIN_)?VALUE\z/ && @$args > 1) {
-            $block->{php_settings} = { %{ $block->{php_settings} },
-                map { /\A\s*([\w.]+)\s*=\s*(.*?)\s*\z/ ? ($1 => $2) : () } split /\n/, $args->[1] };
-        }
+        elsif ($name eq 'fastcgi_param' && @$args > 1) { $self->add_php(@$args) }
         elsif ($name =~ /\A(?:root|alias)\z/ && $path ne '/' && $path !~ m{/\.well-known/acme-challenge}) {
             add_once($block->{roots}, map { $_->{path} } $self->folders($args->[0], $directive));
         }
+    }
+    return;
+}
+
+# Settings that go with each request to PHP.
+sub add_php {
+    my ($self, $parameter, $values) = @_;
+    my ($admin) = $parameter =~ /\APHP_(ADMIN_)?VALUE\z/ or return;
+    my ($settings, $of_admin) = @{ $self->{block} }{qw(php_settings php_admin)};
+    for my $line (split /\n/, $values) {
+        my ($name, $value) = $line =~ /\A\s*([\w.]+)\s*=\s*(.*?)\s*\z/ or next;
+        next if $of_admin->{$name} && !$admin;
+        $settings->{$name} = $value;
+        $of_admin->{$name} = 1 if $admin;
     }
     return;
 }
@@ -331,9 +375,9 @@ sub add_roots {
 sub host_block {
     my ($self, $folder) = @_;
     my $block = $self->{block};
-    my %copy = map { $_ => ref $block->{$_} eq 'ARRAY' ? [@{ $block->{$_} }] : $block->{$_} } keys %$block;
-    return { %copy, names => [$folder->{host}], root => $folder->{path}, content => 1,
-        roots => [grep { $_ ne $folder->{path} } @{ $copy{roots} }] };
+    my $copy = Linux::Site::copy_of($block);
+    return { %$copy, names => [$folder->{host}], root => $folder->{path}, content => 1,
+        roots => [grep { $_ ne $folder->{path} } @{ $copy->{roots} }] };
 }
 
 # The folders that a word means: { path, host }, host where the folder is named by

@@ -19,6 +19,8 @@ my @POOLS = (
     ['/usr/local/etc/php-fpm.d', '/usr/local/etc/php-fpm.conf', undef],
 );
 
+my $MOST_DEPTH = 10;
+
 # Installations without a pool show by their configuration folders.
 my @VERSION_FOLDERS = (
     ['/etc/php/*', qr{/(\d+\.\d+)\z}],
@@ -81,31 +83,40 @@ sub read_pools {
             $self->read_pool_file($file, $of_file);
         }
     }
+    $self->index_pools;
     return;
 }
 
+# Reads a file and those that it includes. A file without a heading of its own goes on
+# with the pool that includes it, $pool; gives the pool that its end belongs to.
 sub read_pool_file {
-    my ($self, $file, $version) = @_;
-    return if $self->{read}{$file}++;
+    my ($self, $file, $version, $pool, @stack) = @_;
+    return $pool if $self->{has_pools}{$file} || @stack > $MOST_DEPTH || grep { $_ eq $file } @stack;
     my $text = $self->{tree}->read_file($file);
     if (!defined $text) {
         $self->{problems}->add(severity => 'error', object => $file, text => "Cannot be read: $!");
-        return;
+        return $pool;
     }
-    my $pool;
+    push @{ $pool->{files} }, $file if $pool;
     for my $line (split /\r?\n/, $text) {
         if ($line =~ /\A\s*\[([^\]]+)\]/) {
-            $pool = { name => $1, file => $file, version => $version, settings => {}, admin => {} };
+            $self->{has_pools}{$file} = 1;
+            $pool = { name => $1, file => $file, files => [$file], version => $version,
+                settings => {}, admin => {}, env => {} };
             push @{ $self->{pools} }, $pool if $1 ne 'global';
-            next;
         }
-        if ($line =~ /\A\s*include\s*=\s*(\/\S+)/) {
-            $self->read_pool_file($_, $version) for $self->{tree}->glob($1);
-            next;
+        elsif ($line =~ /\A\s*include\s*=\s*["']?(\/[^\s"']+)/) {
+            $pool = $self->read_pool_file($_, $version, $pool, @stack, $file) for $self->{tree}->glob($1);
         }
-        set_in_pool($pool, $1, $2) if $pool && $line =~ /\A\s*([\w.\[\]-]+)\s*=\s*(.*?)\s*(?:;.*)?\z/;
+        elsif ($pool && $line =~ /\A\s*([\w.\[\]-]+)\s*=\s*(.*?)\s*\z/) { set_in_pool($pool, $1, $2) }
     }
-    for my $one (grep { $_->{file} eq $file && defined $_->{listen} } @{ $self->{pools} }) {
+    return $pool;
+}
+
+# Makes the pools known by the addresses that they listen at.
+sub index_pools {
+    my ($self) = @_;
+    for my $one (grep { defined $_->{listen} } @{ $self->{pools} }) {
         my $listen = $one->{listen};
         $listen = "$one->{prefix}/$listen" if defined $one->{prefix} && $listen !~ m{\A/|:|\A\d+\z};
         $self->{by_listen}{ address($listen) } ||= $one;
@@ -115,12 +126,13 @@ sub read_pool_file {
 
 sub set_in_pool {
     my ($pool, $key, $value) = @_;
-    $value =~ s/\A(["'])(.*)\1\z/$2/;
+    $value = value_of($value, qr/;.*/s);
     $value =~ s/\$pool\b/$pool->{name}/g;
     if ($key =~ /\Aphp_(admin_)?(?:value|flag)\[(.+)\]\z/) {
         $pool->{settings}{$2} = $value;
         $pool->{admin}{$2} = 1 if $1;
     }
+    $pool->{env}{$1} = $value if $key =~ /\Aenv\[(.+)\]\z/;
     $pool->{$key} = $value if $key =~ /\A(?:user|group|listen|chroot|prefix)\z/;
     return;
 }
@@ -137,25 +149,40 @@ sub address {
 }
 
 # What runs a site; undef where nothing does: { version, handler => 'fpm',
-# 'module', 'cgi' or 'fastcgi', pool, pool_user, pool_file, listen, settings }.
+# 'module', 'cgi' or 'fastcgi', pool, pool_user, pool_file, pool_files (all that the
+# pool is made of), listen, settings, env (of the pool) }.
 sub of_site {
     my ($self, $site) = @_;
     my ($listen, $pool) = $self->pool_of(@{ $site->{php_addresses} });
-    my $own = { %{ $site->{php_settings} } };
     if (defined $listen) {
         $pool ||= { settings => {}, admin => {} };
-        my %user = $self->user_settings($site);
-        delete @user{ keys %{ $pool->{admin} } };
         return { version => $pool->{version}, handler => $pool->{name} ? 'fpm' : 'fastcgi',
-            pool => $pool->{name}, pool_user => $pool->{user}, pool_file => $pool->{file}, listen => $listen,
-            settings => { %{ $pool->{settings} }, %$own, %user } };
+            pool => $pool->{name}, pool_user => $pool->{user}, pool_file => $pool->{file},
+            pool_files => $pool->{files}, listen => $listen, env => $pool->{env},
+            settings => in_force([@$pool{qw(settings admin)}], [@$site{qw(php_settings php_admin)}],
+                [{ $self->user_settings($site) }]) };
     }
     return { version => undef, handler => 'cgi', pool_user => $site->{php_user},
-        settings => { %$own, $self->user_settings($site) } } if defined $site->{php_wrapper};
+        settings => { $self->user_settings($site) } } if defined $site->{php_wrapper};
     return if !$site->{php_module};
     my $version = $site->{php_module} =~ /\./ ? $site->{php_module} : default_version($self->{tree});
     return { version => $version, handler => 'module', pool_user => $site->{php_user},
-        settings => { %$own, $self->folder_settings($site) } };
+        settings => in_force([@$site{qw(module_settings module_admin)}],
+            [{ $self->folder_settings($site) }]) };
+}
+
+# The settings that hold where each of [settings, names in it that are the administrator's]
+# is set after the one before it: what an administrator has set, only one changes again.
+sub in_force {
+    my (%settings, %admin);
+    for my $level (@_) {
+        my ($own, $of_admin) = ($level->[0], $level->[1] || {});
+        for my $name (grep { !$admin{$_} || $of_admin->{$_} } keys %$own) {
+            $settings{$name} = $own->{$name};
+            $admin{$name} = 1 if $of_admin->{$name};
+        }
+    }
+    return \%settings;
 }
 
 sub pool_of {

@@ -7,7 +7,9 @@ use warnings;
 use Errno qw(ENOENT ENOTDIR);
 use Exporter 'import';
 
-our @EXPORT_OK = qw(new_block add_once is_host_name target_host join_blocks below is_packaged is_of_system);
+our @EXPORT_OK = qw(
+    new_block source_of add_once is_host_name target_host join_blocks below is_packaged is_of_system
+);
 
 # Folders of installed packages; what is served from there is not of a site.
 my $PACKAGED = qr{\A/usr/(?!local/)[^/]};
@@ -28,9 +30,18 @@ sub new_block {
     return {
         server => $server, file => $file, line => $line, names => [], root => undef, roots => [],
         listen => [], tls => undef, redirects => [], access => [], logs => [], config => [],
-        files => [], proxies => [], php_settings => {}, php_addresses => [], php_module => 0,
-        php_user => undef, content => 0,
+        files => [], proxies => [], blocks => [], php_settings => {}, php_admin => {}, php_addresses => [],
+        php_module => 0, module_settings => {}, module_admin => {}, php_rules => [], php_user => undef,
+        content => 0,
     };
+}
+
+# What tells of a record which directive of a configuration it is made of, with the
+# definitions that this one uses. Without a directive it is the configuration itself.
+sub source_of {
+    my ($block, $configuration, $directive, @uses) = @_;
+    return { configuration => $configuration, directive => $directive, uses => \@uses,
+        names => [@{ $block->{names} }] };
 }
 
 # Adds values that are not in the list.
@@ -74,11 +85,15 @@ sub is_packaged { return $_[0] =~ $PACKAGED }
 sub is_of_system { return $_[0] =~ $SYSTEM ? 1 : 0 }
 
 # The sites that the blocks of one server make, in their order. Blocks are of one
-# site when they share a name, and the first name or the document root.
+# site when they share a name, and the first name or what they serve. A block that
+# serves several sites by their names is part of each of them.
 sub join_blocks {
     my ($tree, $problems, @blocks) = @_;
+    place_redirects($_) for @blocks;
     my (@sites, %by_name);
-    for my $block (grep { $_->{content} } @blocks) {
+    my @content = grep { $_->{content} } @blocks;
+    my @parts = give_up_names(@content);
+    for my $block (@content) {
         my ($site) = grep { same_site($_, $block) } map { @{ $by_name{$_} || [] } } keys_of($block);
         if ($site) { absorb($site, $block) }
         else       { push @sites, $site = $block }
@@ -86,9 +101,53 @@ sub join_blocks {
             push @{ $by_name{$key} }, $site if !grep { $_ == $site } @{ $by_name{$key} || [] };
         }
     }
+    for my $part (@parts) {
+        my ($name, $block) = @$part;
+        absorb($_, $block, $name) for @{ $by_name{$name} };
+    }
     push @sites, attach($problems, \%by_name, grep { !$_->{content} } @blocks);
     name_sites(@sites);
     return map { finish_roots($tree, $problems, $_) } @sites;
+}
+
+# A redirect says little without the names and addresses that it is for: sites have several.
+sub place_redirects {
+    my ($block) = @_;
+    my @listens = map { join ':', grep {defined} @$_{qw(address port)} } @{ $block->{listen} };
+    for my $redirect (@{ $block->{redirects} }) {
+        $redirect->{server} = $block->{server};
+        $redirect->{names}  = join ' ', @{ $block->{names} };
+        $redirect->{listen} = join ' ', @listens;
+    }
+    return;
+}
+
+# Takes from blocks the names that are the first of others which serve something else: those
+# are sites of their own. Gives [name, block as it was] for each.
+sub give_up_names {
+    my @blocks = @_;
+    my (%first, @parts);
+    push @{ $first{ $_->{names}[0] } }, $_ for grep { @{ $_->{names} } } @blocks;
+    for my $block (@blocks) {
+        my ($own, @others) = @{ $block->{names} };
+        my %gone = map { $_ => 1 }
+            grep { $first{$_} && !grep { serves_same($_, $block) } @{ $first{$_} } } @others;
+        next if !%gone;
+        my $whole = { %$block };
+        push @parts, map { [$_ => $whole] } grep { $gone{$_} } @others;
+        $block->{names} = [grep { !$gone{$_} } $own, @others];
+    }
+    return @parts;
+}
+
+# Whether two records serve the same directory, or hand on to the same servers.
+sub serves_same {
+    my ($one, $other) = @_;
+    my @roots = map { $_->{root} } $one, $other;
+    return 1 if defined $roots[0] && defined $roots[1] && $roots[0] eq $roots[1];
+    return 0 if defined $roots[0] || defined $roots[1];
+    my @targets = map { join "\0", sort map {@$_} @$_{qw(proxies php_addresses roots)} } $one, $other;
+    return $targets[0] eq $targets[1];
 }
 
 # Under what a block can be found; those without a name by what they serve.
@@ -101,17 +160,35 @@ sub keys_of {
 sub same_site {
     my ($site, $block) = @_;
     return 1 if !@{ $site->{names} } && !@{ $block->{names} };
-    return 1 if $site->{names}[0] eq $block->{names}[0];
-    return 1 if !defined $site->{root} || !defined $block->{root};
-    return $site->{root} eq $block->{root};
+    return $site->{names}[0] eq $block->{names}[0] || serves_same($site, $block);
+}
+
+# Leaves of a record what is for some of its names.
+sub keep_names {
+    my ($record, @names) = @_;
+    my %kept = map { $_ => 1 } @names;
+    $record->{names} = [grep { $kept{$_} } @{ $record->{names} }];
+    $record->{blocks} = [grep { grep { $kept{$_} } @{ $_->{names} } } @{ $record->{blocks} }];
+    $record->{redirects} = [grep { grep { $kept{$_} } split / /, $_->{names} } @{ $record->{redirects} }];
+    return;
+}
+
+# A copy whose lists are its own.
+sub copy_of {
+    my ($record) = @_;
+    my %copy = %$record;
+    $_ = [@$_] for grep { ref eq 'ARRAY' } values %copy;
+    return \%copy;
 }
 
 sub absorb {
     my ($site, $block, @names) = @_;
     add_once($site->{names}, @names ? @names : @{ $block->{names} });
-    add_once($site->{$_}, @{ $block->{$_} }) for qw(roots logs config files proxies php_addresses);
+    add_once($site->{$_}, @{ $block->{$_} }) for qw(roots logs config files proxies php_addresses blocks);
     add_records($site->{$_}, @{ $block->{$_} }) for qw(listen redirects access);
-    $site->{php_settings} = { %{ $block->{php_settings} }, %{ $site->{php_settings} } };
+    for my $values (qw(php_settings php_admin module_settings module_admin)) {
+        $site->{$values} = { %{ $block->{$values} }, %{ $site->{$values} } };
+    }
     for my $one (qw(root tls php_user php_wrapper)) {
         $site->{$one} = $block->{$one} if !defined $site->{$one};
     }

@@ -13,60 +13,133 @@ use Linux::Site qw(add_once below);
 use Linux::Users;
 
 # What only the steps here need.
-my @INNER = qw(php_addresses php_settings php_module php_user php_wrapper content file line);
+my @INNER = qw(php_addresses php_settings php_admin php_module module_settings module_admin php_rules php_user
+    php_wrapper content file line front);
+
+# The name of a site that has none of its own.
+my $DEFAULT_NAME = qr/\Adefault(?:-\d+)?\z/;
 
 # The sites, sorted by name:
 # { name, names => [...], server, servers => [...], root, roots => [...], owner,
 #   owner_because, group, listen => [{ address, port, tls }], tls => { certificate,
 #   key, chain } or undef, php => { see Linux::Php } or undef, redirects => [{ from,
-#   to, code }], access => [{ path, rule }], logs, config, files, proxies,
-#   shares_root_with => [names] }
+#   to, code, server, names, listen }], access => [{ path, rule }], logs, config, files,
+#   proxies, shares_root_with => [names],
+#   blocks => [{ configuration, directive, uses => [definitions of it], names }] }
 # `root` is the document root as it is configured; `roots` are all folders that
 # there are, `files` those that the site needs besides, as password files.
-sub all {
+sub all { return @{ look(@_)->{sites} } }
+
+# { sites, configurations => [what the configuration of a web server says besides: { name,
+# server, file, prefix, directives, definitions, uses, of_sites }] }
+sub look {
     my ($tree, $problems) = @_;
+    my @found = (Linux::Nginx::look($tree, $problems), Linux::Apache::look($tree, $problems));
     my $users = Linux::Users->new($tree);
     my $php   = Linux::Php->new($tree, $problems);
-    my @sites = merge(Linux::Nginx::sites($tree, $problems), Linux::Apache::sites($tree, $problems));
+    my @sites = merge(map { @{ $_->{sites} } } @found);
     my $homes = homes($users);
     for my $site (@sites) {
         breathe();
         $site->{servers} ||= [$site->{server}];
         $site->{php} = $php->of_site($site);
+        add_once($site->{config}, @{ $site->{php}{pool_files} || [] }) if $site->{php};
         set_owner($tree, $users, $homes, $site);
         check_files($tree, $problems, $site);
         Linux::FolderRules::note($tree, $problems, $site) if grep { $_ eq 'apache' } @{ $site->{servers} };
         delete @$site{@INNER};
     }
     mark_shared($tree, @sites);
-    return sort { $a->{name} cmp $b->{name} } @sites;
+    @sites = sort { $a->{name} cmp $b->{name} } @sites;
+    return { sites => \@sites, configurations => [map { @{ $_->{configurations} } } @found] };
 }
 
-# One record for what several servers serve under the same name.
+# One record for what several servers serve under the same name. One that hands several
+# sites of the server behind it on, by their names, is part of each of these.
 sub merge {
     my @sites = @_;
-    my (@merged, %by_name, %taken);
+    my $first = @sites ? $sites[0]{server} : '';
+    my @front = grep { $_->{server} eq $first } @sites;
+    my @behind = grep { $_->{server} ne $first } @sites;
+    my (%by_name, @merged, %done);
+    for my $site (@behind) { push @{ $by_name{$_} }, $site for keys_of($site) }
+    for my $site (@front) {
+        my %seen;
+        my @others = grep { !$seen{$_}++ } map { @{ $by_name{$_} || [] } } keys_of($site);
+        push @merged, grep { !$done{$_}++ } joined($site, @others);
+        $done{$_} = 1 for @others;
+    }
+    return named_once(@merged, grep { !$done{$_} } @behind);
+}
+
+# The records of a site and of those behind it that have a name of it.
+sub joined {
+    my ($site, @others) = @_;
+    my ($different) = grep { !Linux::Site::serves_same($_, $others[0]) } @others;
+    return with_behind($site, @others) if !$different;
+    my (%taken, @joined);
+    for my $other (@others) {
+        my %of_other = map { $_ => 1 } @{ $other->{names} };
+        my @names = grep { $of_other{$_} } @{ $site->{names} };
+        $taken{$_} = 1 for @names;
+        push @joined, put_before($other, $site, @names);
+    }
+    my @left = grep { !$taken{$_} } @{ $site->{names} };
+    return @joined if !@left || $site->{name} =~ $DEFAULT_NAME;
+    Linux::Site::keep_names($site, @left);
+    my ($plain) = grep { Linux::Site::is_host_name($_) } @left;
+    $site->{name} = defined $plain ? $plain : $left[0] if $taken{ $site->{name} };
+    return ($site, @joined);
+}
+
+# Makes a site that hands on, as far as it does so for some names, the front of the site
+# behind it; gives the record of both.
+sub put_before {
+    my ($behind, $site, @names) = @_;
+    my $front = Linux::Site::copy_of($site);
+    Linux::Site::keep_names($front, @names);
+    if ($behind->{front}) {
+        Linux::Site::absorb($behind->{front}, $front);
+        return $behind->{front};
+    }
+    $front->{$_} = $behind->{$_} for 'name', defined $behind->{root} ? 'root' : ();
+    return with_behind($front, $behind);
+}
+
+sub with_behind {
+    my ($site, @others) = @_;
+    return $site if !@others;
+    # One that is behind several is what these are: one site with all their names.
+    my ($known) = grep { $_->{front} } @others;
+    if ($known) {
+        Linux::Site::absorb($known->{front}, $site);
+        $site = $known->{front};
+    }
+    for my $other (grep { !$_->{front} } @others) {
+        Linux::Site::absorb($site, $other);
+        add_once($site->{servers} ||= [$site->{server}], $other->{server});
+        $other->{front} = $site;
+    }
+    return $site;
+}
+
+# Sites with names that no other has.
+sub named_once {
+    my @sites = @_;
+    my %taken;
     for my $site (@sites) {
-        my ($same) = grep { $_->{server} ne $site->{server} } map { @{ $by_name{$_} || [] } } keys_of($site);
-        if ($same) {
-            Linux::Site::absorb($same, $site);
-            add_once($same->{servers} ||= [$same->{server}], $site->{server});
-            next;
-        }
         my ($name, $number) = ($site->{name}, 2);
         $site->{name} = $name = "$site->{name}-$site->{server}" if $taken{$name};
         $site->{name} = "$name-" . $number++ while $taken{ $site->{name} };
         $taken{ $site->{name} } = 1;
-        push @merged, $site;
-        push @{ $by_name{$_} }, $site for keys_of($site);
     }
-    return @merged;
+    return @sites;
 }
 
 # Sites without a name of their own are the same only if they serve the same.
 sub keys_of {
     my ($site) = @_;
-    return @{ $site->{names} } if $site->{name} !~ /\Adefault(?:-\d+)?\z/;
+    return @{ $site->{names} } if $site->{name} !~ $DEFAULT_NAME;
     return "\0" . (defined $site->{root} ? $site->{root} : $site->{name});
 }
 

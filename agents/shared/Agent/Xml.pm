@@ -7,7 +7,7 @@ use strict;
 use warnings;
 use Exporter 'import';
 
-our @EXPORT_OK = qw(element text document);
+our @EXPORT_OK = qw(element exact_element text document);
 
 my $TAIL = '[\x80-\xBF]';
 
@@ -59,6 +59,15 @@ sub element {
     return "$start/>" if !@children;
     my $line = (grep { !/^</ } @children) ? '' : "\n";
     return join $line, "$start>", @children, "</$name>";
+}
+
+# An element whose text is some bytes to the last. Where XML cannot hold them, each "%" and
+# each byte that it cannot hold is written as "%XX", and the attribute encoded="percent" says so.
+sub exact_element {
+    my ($name, $attributes, $bytes) = @_;
+    return element($name, $attributes, text($bytes)) if $bytes !~ /[^\x20-\x7E]/ || clean($bytes) eq $bytes;
+    $bytes =~ s/([^\x20-\x24\x26-\x7E])/sprintf '%%%02X', ord $1/ge;
+    return element($name, [@{ $attributes || [] }, encoded => 'percent'], text($bytes));
 }
 
 sub document { return qq(<?xml version="1.0" encoding="UTF-8"?>\n$_[0]\n) }
