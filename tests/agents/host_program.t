@@ -23,6 +23,7 @@ sub asked { return answer_of($tree, [$program, @_]) }
 
 is asked(0, 'word'), "said 0 word\n", 'a program of root in directories of root is asked';
 is asked(1), undef, 'its answer does not count when it fails';
+is answer_of($tree, [$program, 1], partly => 1), "said 1\n", 'unless a part of it is enough';
 is answer_of((imitated())[0], [$program, 0]), undef, 'nothing is asked about a system that does not run';
 is answer_of($tree, ['/usr/bin/tail', '-f', '/dev/null'], limit => 0.2), undef, 'or when it does not end';
 is answer_of($tree, ['no-such-program-anywhere']), undef, 'a program may be missing';

@@ -16,7 +16,7 @@ sub maildir { return map { ("$_[0]/cur/" => undef, "$_[0]/new/" => undef) } 1 }
 sub found {
     my %files = ('etc/passwd' => $ACCOUNTS, @_);
     my ($tree, $problems) = imitated(%files);
-    my @mailboxes = Linux::Mail::all($tree, $problems, Linux::Users->new($tree));
+    my @mailboxes = @{ Linux::Mail::all($tree, $problems, Linux::Users->new($tree))->{mailboxes} };
     return ({ map { $_->{address} => $_->{path} } @mailboxes }, problem_texts($problems), @mailboxes);
 }
 
@@ -46,8 +46,10 @@ my $problems;
 is_deeply $mailboxes, { alice => '/var/mail/alice', 'info@c.test' => '/var/mail/c.test/info', bob => '/data/spool/bob' },
     'Maildirs may be where the files of the accounts are, and that is where the mail server says';
 is_deeply $problems, [
-    'info /etc/postfix/none: The map is not there as a text; mailboxes are searched for in folders',
-    'info /var/mail/stranger: Is named like no account and is not taken as a mailbox',
+    'warning /etc/postfix/none: The map of virtual mailboxes is named in the settings, but is not there: see whether it'
+        . ' is still needed',
+    'error /var/mail/stranger: Is named like no account and is not in the dump: copy it by hand if it is a mailbox that'
+        . ' is still needed',
 ], 'what is nobody\'s is told' or diag explain $problems;
 
 ($mailboxes) = found(
@@ -58,24 +60,41 @@ is_deeply $mailboxes, { 'all@a.test' => '/data/a.test/catch-all', 'info@a.test' 
     'the folder of all mailboxes is searched for those that no map in a file names';
 
 (undef, $problems) = found('etc/exim4/exim4.conf' => 'x');
-is_deeply $problems, ['info /etc/exim4: Is not read; mailboxes are searched for in the usual folders'],
-    'mail servers whose settings are not read are told';
+is_deeply $problems, ['warning /etc/exim4: Is not read; mailboxes are searched for in the usual directories only: compare'
+    . ' them with those that the server delivers to'], 'mail servers whose settings are not read are named';
+(undef, $problems) = found('etc/imapd.conf' => 'x');
+is_deeply $problems, ['error /etc/imapd.conf: The mailboxes of Cyrus are not in the dump: copy them by IMAP'],
+    'so are mailboxes that are not read';
 
 ($mailboxes) = found(maildir('var/mail/eve/x/y'), map { ("var/mail/eve/$_" => \'.', "var/mail/eve/x/$_" => \'..') } 'a' .. 'm');
 is_deeply $mailboxes, { y => '/var/mail/eve/x/y' }, 'folders that lead back to themselves are searched once';
 
-for my $other (["mail_location = mdbox:/data/%d/%n\n", 'warning', 'mdbox'],
-    ["mail_location = mbox:~/mail:INBOX=/var/mail/%u\n", 'info', 'mbox'],
-    ["mail_driver = sdbox\nmail_path = %{home}/mail\n", 'info', 'sdbox'])
-{
-    my ($settings, $severity, $format) = @$other;
-    (undef, $problems) = found('etc/dovecot/dovecot.conf' => $settings);
-    is @$problems, 1, "mail in the format $format is a problem";
-    like $problems->[0], qr{\A$severity /etc/dovecot/dovecot.conf: Mail at \S+ is in the format $format }, 'that says so';
+(undef, $problems) = found('etc/dovecot/dovecot.conf' => "mail_location = cydir:/data/%d/%n\n");
+is_deeply $problems, ['error /etc/dovecot/dovecot.conf: Mail at /data/%d/%n is in the format cydir and is not in the dump'
+    . ' as mailboxes: copy it by doveadm backup'], 'mail in a format that is not known is missing from the dump';
+(undef, $problems) = found('etc/dovecot/dovecot.conf' => "!include conf.d/*.conf\n",
+    'etc/dovecot/conf.d/1.conf' => "mail_location = cydir:/data/%d/%n\n",
+    'etc/dovecot/conf.d/2.conf' => "mail_location = maildir:/data/%d/%n\n");
+is_deeply $problems, [], 'what a later setting overrides is none';
+
+for my $other (
+    ["mail_location = mdbox:/data/%d/%n\n", 'mdbox', 'data/a.test/info/storage/', '/data/a.test/info', []],
+    ["mail_driver = sdbox\nmail_path = %{home}/mail\n", 'sdbox', 'home/alice/mail/mailboxes/', '/home/alice/mail', []],
+    ["mail_driver = mdbox\nmail_path = ~/mail\nmail_control_path=/var/control/%{user}\n", 'mdbox',
+        'home/alice/mail/storage/', '/home/alice/mail', ['/var/control/alice']],
+    ["mail_location = mbox:~/mail\n", 'mbox', 'home/alice/mail/', '/home/alice/mail', []],
+    ["mail_location = mbox:~/mail:INBOX=/inboxes/%u\n", 'mbox', 'home/alice/mail/', '/inboxes/alice', ['/home/alice/mail']],
+) {
+    my ($settings, $format, $directory, $path, $besides) = @$other;
+    (undef, $problems, my @found) = found('etc/dovecot/dovecot.conf' => $settings, $directory => undef,
+        'inboxes/alice' => 'From x', 'var/control/alice/' => undef);
+    is_deeply [map { [@$_{qw(format path besides)}] } @found], [[$format, $path, $besides]], "mail in $format is found";
+    is_deeply $problems, [], 'and is no problem';
 }
 (undef, $problems, my @both) = found(maildir('data/me/all'), maildir('data/me/in'),
     'etc/dovecot/dovecot.conf' => "mail_location = maildir:/data/%n/all:INBOX=/data/%n/in\n");
-is_deeply [map { $_->{path} } @both], ['/data/me/all', '/data/me/in'], 'an inbox may have a place of its own';
+is_deeply [map { ($_->{path}, @{ $_->{besides} }) } @both], ['/data/me/all', '/data/me/in'],
+    'an inbox may have a place of its own';
 is_deeply $problems, [], 'Maildirs are no problem';
 
 ($mailboxes, $problems) = found(
@@ -89,8 +108,9 @@ is_deeply $mailboxes, {
     'Info@a.test' => '/data/mail/a/info', 'file@a.test' => '/data/mail/a/file', '*@b.test' => '/data/mail/b/all',
     bob => '/home/bob/.mail',
 }, "the mail server's maps are read";
-is_deeply $problems, ['info /etc/postfix/sql.cf: Mailboxes are named in a mysql map, which is not read; they are '
-    . 'searched for in folders'], 'what is in a database is told';
+is_deeply $problems, ['warning /etc/postfix/sql.cf: The virtual mailboxes are in a mysql database and not described: see'
+    . ' that the dump has that database, and that the mail server of the new host reaches it'],
+    'what is in a database is named';
 
 for my $template ('maildir:/data/%d/%n', 'maildir:/data/%Ld/%Ln:LAYOUT=fs', 'maildir:/data/%{user|domain}/%{user | username}') {
     ($mailboxes) = found(
@@ -111,13 +131,13 @@ is_deeply $mailboxes, { 'me@a.test' => '/data/me@a.test' }, 'a whole address may
 is_deeply $mailboxes, { 'info@a.test' => '/data/a.test/info/box', alice => '/home/alice/box' },
     'homes may have a place for all users';
 ($mailboxes) = found(
-    'etc/dovecot/dovecot.conf' => "mail_location = maildir:~/box\npassdb {\n  args = scheme=CRYPT /etc/dovecot/users\n}\n",
+    'etc/dovecot/dovecot.conf' => "mail_location = maildir:~/box\npassdb {\n  driver = passwd-file\n  args = scheme=CRYPT /etc/dovecot/users\n}\n",
     'etc/dovecot/users' => "info\@A.test:{X}secret:5000:5000::/data/one::\nno-home\@a.test:x\n",
     maildir('data/one/box'),
 );
 is_deeply $mailboxes, { 'info@a.test' => '/data/one/box' }, 'or one of its own in a file of passwords';
 ($mailboxes, $problems) = found('etc/dovecot/dovecot.conf' => "mail_location = maildir:/data/%1n/%n\n");
-like $problems->[0], qr{\Ainfo .*/data/%1n/%n are searched for}, 'a place that is not understood is told';
+like $problems->[0], qr{\Aerror .*/data/%1n/%n are searched for}, 'a place that is not understood is named';
 ($mailboxes) = found('etc/dovecot/dovecot.conf' => "!include dovecot.conf\nmail_location = mbox:~/x\n");
 is_deeply $mailboxes, {}, 'a file that includes itself is read once';
 

@@ -146,7 +146,8 @@ sub database {
 sub mailbox {
     my ($self, $mailbox) = @_;
     return $self->item('mailbox', $mailbox->{address}, $mailbox,
-        $self->name_for('mailboxes', $mailbox->{address}, '.tar'), paths => [$mailbox->{path}]);
+        $self->name_for('mailboxes', $mailbox->{address}, '.tar'),
+        paths => [$mailbox->{path}, @{ $mailbox->{besides} }], left_out => ['sites']);
 }
 
 sub problem {

@@ -142,8 +142,10 @@ sub groups {
         delete $gid->{ $_->{gid} } || $users->is_of_persons($_) || grep { $named->{$_} } @{ $_->{members} }
     } $users->groups;
     return (
-        (map { element('group', [name => $_->{name}, gid => $_->{gid}], each_as('member', [], @{ $_->{members} })) }
-            @groups),
+        (map {
+            my ($name, $gid, $members) = @$_{qw(name gid members)};
+            element('group', [name => $name, gid => $gid], each_as('member', [], @$members))
+        } @groups),
         (map { element('group', [gid => $_]) } sort { $a <=> $b } keys %$gid),
     );
 }
@@ -172,6 +174,7 @@ sub domain {
     my @hosting = $domain->{site} && $self->has_hosting ? $self->site($domain->{site}) : ();
     return element('domain', [name => $domain->{name}],
         each_as('name', [], @{ $domain->{names} }), @hosting, contents($domain),
+        ($self->has_mail ? $self->aliases($domain) : ()),
         $self->objects(databases => $domain->{databases}, mailboxes => $domain->{mailboxes}));
 }
 
@@ -244,9 +247,9 @@ sub database {
 sub mailbox {
     my ($mailbox) = @_;
     return element('mailbox', [
-        (map { $_ => $mailbox->{$_} } qw(address path format owner uid gid)), found => $mailbox->{because},
-        assigned($mailbox, $mailbox->{reason}),
-    ], contents($mailbox));
+        (map { $_ => $mailbox->{$_} } qw(address path format owner uid gid home quota)),
+        found => $mailbox->{because}, assigned($mailbox, $mailbox->{reason}),
+    ], each_as('needs', [], @{ $mailbox->{besides} }), contents($mailbox));
 }
 
 sub server {
@@ -268,7 +271,45 @@ sub server {
         @web, (map { element('php', [version => $_]) } Linux::Php::versions($self->{tree})), @databases,
         each_as('file-system', [qw(mount type bytes free)], @{ $facts->{filesystems} || [] }),
         (map { unit($_) } $self->{inventory}->units_of_others),
+        ($self->has_mail ? $self->mail_servers : ()),
         contents($self->{server}));
+}
+
+sub mail_servers {
+    my ($self) = @_;
+    my $mail = $self->{inventory}->mail;
+    return (
+        (map { element('mail-server', [name => $_->{name}], settings(@{ $_->{settings} }),
+            each_as('needs', [], @{ $_->{files} })) } @{ $mail->{servers} }),
+        (map { element('mail-map', [kind => $_->{kind}, type => $_->{type}, file => $_->{file}],
+            map { map_entry($_) } @{ $_->{entries} }) } @{ $mail->{maps} }),
+    );
+}
+
+sub settings { return map { element('setting', [name => $_->{name}], text($_->{value})) } @_ }
+
+sub map_entry {
+    my ($entry) = @_;
+    my @to = defined $entry->{to} && length $entry->{to} ? text($entry->{to}) : ();
+    return element('entry', [from => $entry->{from}, line => $entry->{line}], @to);
+}
+
+# The addresses of a domain that lead elsewhere.
+sub aliases {
+    my ($self, $domain) = @_;
+    if (!$self->{aliases}) {
+        for my $map (grep { $_->{kind} eq 'virtual-alias' } @{ $self->{inventory}->mail->{maps} }) {
+            for my $entry (grep { $_->{from} =~ /@/ } @{ $map->{entries} }) {
+                my ($of) = $entry->{from} =~ /@([^@]*)\z/;
+                push @{ $self->{aliases}{ lc $of } }, { %$entry, file => $map->{file} };
+            }
+        }
+        $self->{aliases} ||= {};
+    }
+    return map {
+        element('alias', [from => $_->{from}, file => $_->{file}, line => $_->{line}],
+            text(defined $_->{to} ? $_->{to} : ''))
+    } map { @{ $self->{aliases}{$_} || [] } } map {lc} @{ $domain->{names} };
 }
 
 # Whom the host's own mail goes to.

@@ -16,8 +16,9 @@ my $MOST_BYTES = 16 * 1024 * 1024;
 my @PLACES = qw(/usr/sbin /usr/bin /sbin /bin /usr/local/sbin /usr/local/bin);
 
 # What a program prints, undef where it is not there, is not root's, fails, or takes too
-# long. argv => its name or path, and its arguments; options: limit => seconds. It reads
-# nothing on its standard input. No program of another system than the running one is asked.
+# long. argv => its name or path, and its arguments; options: limit => seconds, partly => 1
+# for what it prints even if it fails. It reads nothing on its standard input. No program of
+# another system than the running one is asked.
 sub answer_of {
     my ($tree, $argv, %options) = @_;
     return undef if $tree->root ne '/';
@@ -26,7 +27,8 @@ sub answer_of {
     return undef if !defined $program;
     my $limit = defined $options{limit} ? $options{limit} : $SECONDS;
     my $asked = run([$program, @arguments], limit => $limit, most => $MOST_BYTES);
-    return $asked->{status} || $asked->{why} ? undef : $asked->{out};
+    return undef if $asked->{why} || $asked->{status} && !$options{partly};
+    return $asked->{out};
 }
 
 # Path of an installed program that only root can have put there; undef otherwise.

@@ -26,7 +26,8 @@ sub new {
     $self->{units} = [Linux::Units::all($tree, $problems, $self->{users})];
     $self->{clients} = [$self->owners_of_sites];
     $tick->();
-    $self->{mailboxes} = [Linux::Mail::all($tree, $problems, $self->{users})];
+    $self->{mail} = Linux::Mail::all($tree, $problems, $self->{users});
+    $self->{mailboxes} = $self->{mail}{mailboxes};
     Linux::Mail::assign($self->{mailboxes}, $self->{clients}, $self->{sites});
     $tick->();
     $self->{database_servers} = Linux::Databases->new(map { $_ => $options{$_} }
@@ -55,6 +56,17 @@ sub databases { return @{ $_[0]{databases} } }
 
 sub mailboxes { return @{ $_[0]{mailboxes} } }
 
+# What Linux::Mail has found: mailboxes, maps and servers.
+sub mail { return $_[0]{mail} }
+
+# The files that the mail servers of a new host need: maps, certificates, files of users.
+sub mail_files {
+    my ($self) = @_;
+    my $mail = $self->{mail};
+    return ((map { ($_->{file}, @{ $_->{needs} || [] }) } @{ $mail->{maps} }),
+        map { @{ $_->{files} } } @{ $mail->{servers} });
+}
+
 # Every site, and every domain that has mailboxes only: { name, names, site or undef,
 # client (name) or undef, databases, mailboxes }.
 sub domains { return @{ $_[0]{domains} } }
@@ -72,13 +84,14 @@ sub units_of_others {
     return grep { !$client{ $_->{user} } } @{ $self->{units} };
 }
 
-# The cron tables, and the files of units, of accounts that are no clients.
+# The cron tables, and the files of units, of accounts that are no clients; the files that mail
+# servers need.
 sub files_of_others {
     my ($self) = @_;
     my %client = map { $_->{name} => 1 } $self->clients;
     my @others = grep { !$client{$_} } sort keys %{ $self->{cron} };
     my @units = map { ($_->{file}, @{ $_->{needs} }) } $self->units_of_others;
-    return grep({defined} map { $self->{cron}{$_}{crontab} } @others), @units;
+    return grep({defined} map { $self->{cron}{$_}{crontab} } @others), @units, $self->mail_files;
 }
 
 # { domains, databases, mailboxes } that belong to no client. What is in the domains

@@ -1,39 +1,54 @@
-# The mailboxes of the host: those that the settings of the mail servers lead to,
-# the accounts' own, and those in folders where they usually lie.
+# The mailboxes of the host: those that the mail servers know or their settings lead to, the
+# accounts' own, and those in directories where they usually lie.
 package Linux::Mail;
 
 use strict;
 use warnings;
 use Agent::Process qw(breathe);
 use Errno qw(ENOENT ENOTDIR);
+use Linux::Dovecot;
+use Linux::MailMaps;
+use Linux::Postfix;
+use Linux::Site qw(below);
 
-my $DOVECOT = '/etc/dovecot/dovecot.conf';
-my $POSTFIX = '/etc/postfix/main.cf';
 my @USUAL_FOLDERS = qw(/var/mail/vhosts /var/vmail /home/vmail /srv/vmail /var/spool/vmail /var/mail/virtual
     /var/lib/vmail /srv/mail);
 my @SPOOLS = qw(/var/mail /var/spool/mail);
 # Settings of other mail servers.
-my @NOT_READ = qw(/etc/exim4 /etc/exim /etc/courier /etc/cyrus);
+my @NOT_READ = qw(/etc/exim4 /etc/exim /etc/courier);
+my @OF_CYRUS = qw(/etc/cyrus.conf /etc/imapd.conf);
 my $DEEPEST = 7;
-my $MOST_INCLUDED = 500;
+# What is packed as it lies; how a directory of each is known.
+my %PART_OF = (maildir => 'cur', sdbox => 'mailboxes', dbox => 'mailboxes', mdbox => 'storage');
+# What belongs to the mail of an account in its home.
+my @IN_HOME = qw(.dovecot.sieve .dovecot.svbin .dovecot.lda-dupes sieve .sieve .forward .procmailrc
+    .mailfilter .vacation.msg .subscriptions);
 
-# The mailboxes: { address, user, domain (undef for an account's own), path, format
-# ('maildir' or 'mbox'), owner (account), because }. No path comes twice.
+# { mailboxes, maps (of Linux::MailMaps), servers => [{ name, settings => [{ name, value }],
+# files => [what a new host needs besides /etc] }] }. A mailbox is { address, user, domain (undef
+# for an account's own), path, format ('maildir', 'mbox', 'sdbox' or 'mdbox'), owner (account),
+# uid, gid, home and quota (undef where they are not known), besides => [further paths of it],
+# because }. No path comes twice.
 sub all {
     my ($tree, $problems, $users) = @_;
     my $self = bless {
         tree => $tree, problems => $problems, users => $users, found => [], seen => {}, folders => {},
     }, __PACKAGE__;
-    $self->from_postfix;
-    $self->from_dovecot;
-    $self->problem('info', $_, 'Is not read; mailboxes are searched for in the usual folders')
-        for grep { $tree->is_dir($_) } @NOT_READ;
-    $self->from_accounts("Maildir", 'the usual folder in a home');
+    $self->{postfix} = Linux::Postfix->new($tree, $problems);
+    $self->{dovecot} = Linux::Dovecot->new($tree, $problems);
+    my @maps = Linux::MailMaps::all($tree, $problems, $self->{postfix});
+    $self->from_dovecot_users if $self->{dovecot};
+    $self->from_postfix(@maps) if $self->{postfix};
+    $self->from_dovecot_settings if $self->{dovecot};
+    $self->note_other_servers;
+    $self->from_accounts('maildir', '~/Maildir', 'the usual folder in a home');
     $self->from_folder($_, $_, 0) for grep { $tree->is_dir($_) } @USUAL_FOLDERS;
     my %seen;
     $self->from_spool($_)
         for grep { $tree->is_dir($_) && !$seen{ $tree->real($_) }++ } @SPOOLS, $self->{own_spool} || ();
-    return sort { $a->{address} cmp $b->{address} || $a->{path} cmp $b->{path} } @{ $self->{found} };
+    $self->find_what_is_beside;
+    my @mailboxes = sort { $a->{address} cmp $b->{address} || $a->{path} cmp $b->{path} } @{ $self->{found} };
+    return { mailboxes => \@mailboxes, maps => \@maps, servers => [$self->servers] };
 }
 
 sub problem {
@@ -42,20 +57,51 @@ sub problem {
     return;
 }
 
-# Takes the path in as a mailbox if it is one that was not found before.
+sub note_other_servers {
+    my ($self) = @_;
+    my $tree = $self->{tree};
+    $self->problem('warning', $_, 'Is not read; mailboxes are searched for in the usual directories only:'
+        . ' compare them with those that the server delivers to') for grep { $tree->is_dir($_) } @NOT_READ;
+    $self->problem('error', $_, 'The mailboxes of Cyrus are not in the dump: copy them by IMAP')
+        for grep { $tree->is_file($_) } @OF_CYRUS;
+    return;
+}
+
+# What the mail servers need besides their own directories in /etc.
+sub servers {
+    my ($self) = @_;
+    return map {
+        my $server = $self->{$_};
+        +{ name => $_, settings => [$server->described], files => [$server->files] }
+    } grep { $self->{$_} } qw(postfix dovecot);
+}
+
+# Takes the path as a mailbox if it is one: the mailbox, also where it was found before. more
+# => what is known of it besides.
 sub take {
-    my ($self, $format, $path, $user, $domain, $because) = @_;
+    my ($self, $format, $path, $user, $domain, $because, %more) = @_;
     my $real = $self->{tree}->real($path);
-    return if !defined $real || $self->{seen}{$real};
-    return if $format eq 'maildir' && !$self->is_maildir($real);
-    $self->{seen}{$real} = 1;
+    # The top of what users share need not be a mailbox itself.
+    return if !defined $real || !defined $more{shared} && !$self->is_mailbox($format, $real);
+    my $known = $self->{seen}{$real};
+    if ($known) {
+        defined $known->{$_} or $known->{$_} = $more{$_} for keys %more;
+        return $known;
+    }
     my @stat = $self->{tree}->stat($real);
-    push @{ $self->{found} }, {
+    push @{ $self->{found} }, $self->{seen}{$real} = {
         address => defined $domain ? "$user\@$domain" : $user, user => $user, domain => $domain,
-        path => $path, format => $format, because => $because,
-        owner => $self->{users}->name_of($stat[4]), uid => $stat[4], gid => $stat[5],
+        path => $path, format => $format eq 'dbox' ? 'sdbox' : $format, because => $because,
+        owner => $self->{users}->name_of($stat[4]), uid => $stat[4], gid => $stat[5], besides => [], %more,
     };
-    return 1;
+    return $self->{seen}{$real};
+}
+
+sub is_mailbox {
+    my ($self, $format, $path) = @_;
+    return $self->is_maildir($path) if $format eq 'maildir';
+    return $self->{tree}->is_dir("$path/$PART_OF{$format}") if $PART_OF{$format};
+    return $self->{tree}->exists($path);
 }
 
 sub is_maildir {
@@ -80,10 +126,38 @@ sub accounts_with_home {
     return grep { $_->{home} ne '/' && $self->{tree}->is_dir($_->{home}) } $self->{users}->all;
 }
 
+# A location in the home of each account. inbox and the like are templates.
 sub from_accounts {
-    my ($self, $name, $because) = @_;
-    $self->take('maildir', "$_->{home}/$name", $_->{name}, undef, $because) for $self->accounts_with_home;
+    my ($self, $format, $template, $because, %more) = @_;
+    for my $account ($self->accounts_with_home) {
+        $self->take_location({ %more, format => $format, path => $template }, $account->{name},
+            $account->{home}, $because);
+    }
     return;
+}
+
+# The mailbox of one user at a location of Dovecot's, if it is there.
+sub take_location {
+    my ($self, $location, $name, $home, $because, %more) = @_;
+    my %at = map { $_ => Linux::Dovecot::expanded($location->{$_}, $name, $home) }
+        grep { defined $location->{$_} } qw(path inbox control index);
+    return if !defined $at{path};
+    my ($user, $domain) = $name =~ /\A(.+)@([^@]+)\z/s ? ($1, lc $2) : ($name, undef);
+    my @order = $location->{format} eq 'mbox' ? qw(inbox path control index) : qw(path inbox control index);
+    my ($main, @places) = grep { defined && $self->has_something($_) } @at{@order};
+    return if !defined $main;
+    my @what = ($location->{format}, $main, $user, $domain, $because, home => $home, %more);
+    my $mailbox = $self->take(@what) or return;
+    my %there = map { $_ => 1 } @{ $mailbox->{besides} };
+    push @{ $mailbox->{besides} }, grep { !$there{$_}++ && !below($_, $mailbox->{path}) } @places;
+    return $mailbox;
+}
+
+# True for what is there and is not an empty file.
+sub has_something {
+    my ($self, $path) = @_;
+    my @stat = $self->{tree}->stat($path);
+    return @stat && ($stat[7] || $self->{tree}->is_dir($path));
 }
 
 # Files named like accounts, and Maildirs.
@@ -100,7 +174,10 @@ sub from_spool {
         if ($self->{users}->by_name($name)) {
             $self->take('mbox', $path, $name, undef, 'named like the account');
         }
-        else { $self->problem('info', $path, 'Is named like no account and is not taken as a mailbox') }
+        else {
+            $self->problem('error', $path, 'Is named like no account and is not in the dump:'
+                . ' copy it by hand if it is a mailbox that is still needed');
+        }
     }
     return;
 }
@@ -122,7 +199,8 @@ sub from_folder {
         return $self->take('maildir', $folder, $user, $domain, "found in $top");
     }
     if ($depth > $DEEPEST) {
-        return $self->problem('warning', $folder, 'Is not searched for mailboxes any deeper');
+        return $self->problem('error', $folder,
+            'Is not searched for mailboxes any deeper: copy those in it by hand');
     }
     $self->from_folder($top, "$folder/$_", $depth + 1) for $self->folders_in($folder);
     return;
@@ -131,162 +209,133 @@ sub from_folder {
 # --- Postfix ---
 
 sub from_postfix {
-    my ($self) = @_;
-    my $tree = $self->{tree};
-    my $text = $self->settings_file($POSTFIX);
-    return if !defined $text;
-    my $settings = postfix_settings($text);
-    my $base = postfix_value($settings, 'virtual_mailbox_base');
-    ($self->{own_spool}) = postfix_value($settings, 'mail_spool_directory') =~ m{\A(/.*?)/*\z};
-    for my $map (split /[\s,]+/, postfix_value($settings, 'virtual_mailbox_maps')) {
-        my ($type, $path) = $map =~ m{\A(?:proxy:)?(\w+):(/.*)\z} or next;
-        if ($type !~ /\A(?:hash|texthash|lmdb|btree|cdb|dbm|sdbm)\z/) {
-            $self->problem('info', $path,
-                "Mailboxes are named in a $type map, which is not read; they are searched for in folders");
-            next;
-        }
-        my $lines = $self->settings_file($path);
-        $self->problem('info', $path, 'The map is not there as a text; mailboxes are searched for in folders')
-            if !$tree->lstat($path);
-        next if !defined $lines;
-        for my $line (grep { !/\A\s*(?:#|\z)/ } split /\n/, $lines) {
-            my ($address, $place) = $line =~ m{\A(\S+)\s+(\S.*?)\s*\z} or next;
-            my ($user, $domain) = $address =~ /\A(.*)@([^@]+)\z/ or next;
-            my $full = $place =~ m{\A/} && $base eq '' ? $place : "$base/$place";
-            my $format = $full =~ s{/+\z}{} ? 'maildir' : 'mbox';
-            next if $format eq 'mbox' && !$tree->is_file($full);
-            $self->take($format, $full, length $user ? $user : '*', lc $domain, "named in $path");
-        }
+    my ($self, @maps) = @_;
+    my ($tree, $postfix) = @$self{qw(tree postfix)};
+    my $base = $postfix->value('virtual_mailbox_base');
+    ($self->{own_spool}) = $postfix->value('mail_spool_directory') =~ m{\A(/.*?)/*\z};
+    for my $map (grep { $_->{kind} eq 'virtual-mailbox' } @maps) {
+        $self->from_virtual_mailbox($base, $map->{file}, $_) for @{ $map->{entries} };
     }
     $self->from_folder($base, $base, 0) if $base =~ m{\A/.} && $tree->is_dir($base);
-    my $home_mailbox = postfix_value($settings, 'home_mailbox');
-    $self->from_accounts($home_mailbox, "home_mailbox in $POSTFIX") if $home_mailbox =~ s{/+\z}{};
+    my $home_mailbox = $postfix->value('home_mailbox');
+    return if $home_mailbox eq '';
+    my $format = $home_mailbox =~ s{/+\z}{} ? 'maildir' : 'mbox';
+    $self->from_accounts($format, "~/$home_mailbox", "home_mailbox in $Linux::Postfix::MAIN");
     return;
 }
 
-# A file's text; where it is there and cannot be read, that is a problem.
-sub settings_file {
-    my ($self, $path) = @_;
-    my $text = $self->{tree}->read_file($path);
-    return $text if defined $text;
-    $self->problem('warning', $path, "Cannot be read, mailboxes named in it are not found: $!")
-        if $self->{tree}->lstat($path);
+sub from_virtual_mailbox {
+    my ($self, $base, $file, $entry) = @_;
+    my ($user, $domain) = $entry->{from} =~ /\A(.*)@([^@]+)\z/ or return;
+    return if !defined $entry->{to} || !length $entry->{to};
+    my $full = $entry->{to} =~ m{\A/} && $base eq '' ? $entry->{to} : "$base/$entry->{to}";
+    my $format = $full =~ s{/+\z}{} ? 'maildir' : 'mbox';
+    return if $format eq 'mbox' && !$self->{tree}->is_file($full);
+    $self->take($format, $full, length $user ? $user : '*', lc $domain, "named in $file");
     return;
-}
-
-sub postfix_settings {
-    my ($text) = @_;
-    my %settings = (config_directory => '/etc/postfix');
-    $text =~ s/^\s*#.*\n?//mg;
-    $text =~ s/\n[ \t]+/ /g;
-    $settings{$1} = $2 while $text =~ /^(\w+)\s*=[ \t]*(.*?)\s*$/mg;
-    return \%settings;
-}
-
-sub postfix_value {
-    my ($settings, $name) = @_;
-    my $value = defined $settings->{$name} ? $settings->{$name} : '';
-    for (1 .. 10) {
-        last if $value !~ s/\$(?:\{(\w+)\}|\((\w+)\)|(\w+))/
-            my ($used) = grep {defined} $1, $2, $3;
-            defined $settings->{$used} ? $settings->{$used} : ''/gex;
-    }
-    return $value;
 }
 
 # --- Dovecot ---
 
-sub from_dovecot {
+# The users that Dovecot itself names, which may be in a database or a directory.
+sub from_dovecot_users {
     my ($self) = @_;
-    my $settings = $self->dovecot_settings($DOVECOT, {});
-    my $values = sub { map { @{ $settings->{$_} || [] } } @_ };
-    my @homes  = ((map {/(?:\A|\s)home=(\S+)/} $values->(qw(args default_fields))), $values->('mail_home'));
-    my @maildirs = grep {/\Amaildir:/i} $values->('mail_location');
-    my @places = ((map { (/\Amaildir:([^:]+)/i, /:INBOX=([^:]+)/) } @maildirs), $values->('mail_path'));
-    $self->note_other_formats($values);
-    for my $file (map {m{(?:\A|[\s=])(/\S+)\z}} $values->(qw(args passwd_file_path))) {
-        push @homes, $self->passwd_file($file, @places);
+    my $dovecot = $self->{dovecot};
+    my $users = $dovecot->users;
+    return $self->note_databases if !defined $users;
+    my @locations = grep { !defined $_->{shared} } $dovecot->locations;
+    for my $user (@$users) {
+        my @own = Linux::Dovecot::location_of({ %$user, mail_location => $user->{mail} });
+        @own = @locations if !@own;
+        my %more = (quota => $user->{quota});
+        $self->take_location($_, $user->{user}, $user->{home}, 'Dovecot names the user', %more)
+            for grep { $self->is_known_format($_) } @own;
     }
-    for my $place (map { tidy_template($_) } @places) {
-        if ($place =~ s{\A(?:~|%h)(?:/|\z)}{}) {
-            $self->from_accounts($place, "mail_location in $DOVECOT");
-            $self->from_template("$_/$place") for grep {/%/} map { tidy_template($_) } @homes;
+    return;
+}
+
+# Users of databases can only be asked from Dovecot.
+sub note_databases {
+    my ($self) = @_;
+    for my $database (grep { $_->{driver} =~ /\A(?:sql|ldap|dict|lua)\z/ } $self->{dovecot}->databases) {
+        my $place = defined $database->{file} ? $database->{file} : $Linux::Dovecot::MAIN;
+        $self->problem('error', $place, "Dovecot's users are asked from $database->{driver}, and doveadm does"
+            . ' not name them: mailboxes outside of the usual directories are not in the dump.'
+            . ' Dump again while Dovecot runs');
+    }
+    return;
+}
+
+sub from_dovecot_settings {
+    my ($self) = @_;
+    my $dovecot = $self->{dovecot};
+    my @homes = $dovecot->homes;
+    my $because = "mail_location in $Linux::Dovecot::MAIN";
+    my @locations = grep { $self->is_known_format($_) } $dovecot->locations;
+    $self->from_user_file($_, @locations) for $dovecot->user_files;
+    for my $location (@locations) {
+        if (defined $location->{shared}) {
+            $self->take_shared($location, $because);
+            next;
         }
-        else { $self->from_template($place) }
+        my $at = { %$location };
+        if ($at->{path} =~ s{\A(?:~|%h)(?=/|\z)}{~}) {
+            $self->from_accounts($at->{format}, $at->{path}, $because, %$at);
+            $self->from_template($at, $_, $because) for grep {/%/} @homes;
+        }
+        else { $self->from_template($at, undef, $because) }
     }
     return;
 }
 
-# Mail that is not in Maildirs; of mboxes only those of accounts are found elsewhere.
-sub note_other_formats {
-    my ($self, $values) = @_;
-    my @others = map { /\A(\w+):([^:]+)/ && lc $1 ne 'maildir' ? [$1, $2] : () } $values->('mail_location');
-    for my $driver (grep { lc $_ ne 'maildir' } $values->('mail_driver')) {
-        push @others, map { [$driver, $_] } $values->('mail_path');
-    }
-    for my $other (@others) {
-        my ($format, $place) = @$other;
-        my $in_home = tidy_template($place) =~ m{\A(?:~|%h)(?:/|\z)};
-        my $text = "Mail at $place is in the format $format and is no mailbox of the dump";
-        $text .= "; it is in the archive of a client's home" if $in_home;
-        $self->problem($in_home ? 'info' : 'warning', $DOVECOT, $text);
-    }
+sub is_known_format {
+    my ($self, $location) = @_;
+    return 1 if $PART_OF{ $location->{format} } || $location->{format} eq 'mbox';
+    $self->problem('error', $Linux::Dovecot::MAIN, "Mail at $location->{path} is in the format"
+        . " $location->{format} and is not in the dump as mailboxes: copy it by doveadm backup");
+    return 0;
+}
+
+# Mail of a namespace that is of no single user.
+sub take_shared {
+    my ($self, $location, $because) = @_;
+    return if $location->{path} =~ /%|\A~/ || !$self->{tree}->is_dir($location->{path});
+    $self->take($location->{format}, $location->{path}, "namespace $location->{shared}", undef, $because,
+        shared => $location->{shared});
     return;
 }
 
-# { name => [values] } whatever section they stand in.
-sub dovecot_settings {
-    my ($self, $file, $read, $settings) = @_;
-    $settings ||= {};
-    return $settings if $read->{$file}++ || keys %$read > $MOST_INCLUDED;
-    my $text = $self->settings_file($file);
-    return $settings if !defined $text;
-    my ($folder) = $file =~ m{\A(.*)/};
+# Mailboxes of the users that a file gives a home of their own.
+sub from_user_file {
+    my ($self, $file, @locations) = @_;
+    my $text = $self->{tree}->read_file($file);
+    if (!defined $text) {
+        $self->problem('error', $file, "Cannot be read, mailboxes named in it are not found: $!")
+            if $self->{tree}->lstat($file);
+        return;
+    }
     for my $line (split /\n/, $text) {
-        if (my ($pattern) = $line =~ /\A\s*!include(?:_try)?\s+(\S+)/) {
-            $pattern = "$folder/$pattern" if $pattern !~ m{\A/};
-            $self->dovecot_settings($_, $read, $settings) for $self->{tree}->glob($pattern);
-        }
-        elsif (my ($name, $value) = $line =~ /\A\s*(\w+)\s*=\s*(.*?)\s*\z/) {
-            push @{ $settings->{$name} }, $value =~ /\A"(.*)"\z/ ? $1 : $value;
-        }
-    }
-    return $settings;
-}
-
-# The forms in which Dovecot writes parts of an address, as %u, %n, %d and %h.
-sub tidy_template {
-    my ($template) = @_;
-    my %letter = (user => 'u', username => 'n', domain => 'd', home => 'h');
-    $template =~ s/%\{\s*(?:user\s*\|\s*)?(user(?:name)?|domain|home)\s*(?:\|[^}]*)?\}/%$letter{$1}/g;
-    $template =~ s/%[LU]([und])/%$1/g;
-    return $template;
-}
-
-# Mailboxes of the users that a password file gives a home of their own.
-sub passwd_file {
-    my ($self, $file, @places) = @_;
-    my $text = $self->settings_file($file);
-    return if !defined $text;
-    for my $line (split /\n/, $text) {
-        my ($name, undef, undef, undef, undef, $home) = split /:/, $line;
-        next if !defined $home || $home !~ m{\A/} || $name !~ /\A([^#@]+)(?:@(.+))?\z/;
-        my ($user, $domain) = ($1, defined $2 ? lc $2 : undef);
-        for my $place (map { tidy_template($_) } @places) {
-            my $path = $place;
-            $path =~ s{\A(?:~|%h)(?=/|\z)}{$home} or next;
-            $self->take('maildir', $path, $user, $domain, "home in $file");
-        }
+        my ($name, undef, undef, undef, undef, $home, undef, $more) = split /:/, $line, 8;
+        next if !defined $home || $home !~ m{\A/} || $name !~ /\A[^#@]+(?:@.+)?\z/;
+        my %more = defined $more ? $more =~ /(?:\A|\s)userdb_(mail|quota_rule)=(\S+)/g : ();
+        my @own = defined $more{mail} ? Linux::Dovecot::parsed_location($more{mail}) : ();
+        @own = grep { $_->{path} =~ m{\A(?:~|%h)} } @locations if !@own;
+        $self->take_location($_, $name, $home, "home in $file", quota => $more{quota_rule})
+            for grep { $self->is_known_format($_) } @own;
     }
     return;
 }
 
-# All mailboxes that a path with %u, %n and %d may mean.
+# All mailboxes that a location with %u, %n and %d in its path, or in the home that its path
+# begins with, may mean.
 sub from_template {
-    my ($self, $template) = @_;
+    my ($self, $location, $home, $because) = @_;
+    my $template = $location->{path};
+    $template =~ s{\A~}{$home} if defined $home;
     return if $template !~ m{\A/};
     if ($template =~ /%(?![und])/) {
-        $self->problem('info', $DOVECOT, "Mailboxes at $template are searched for in usual folders only");
+        $self->problem('error', $Linux::Dovecot::MAIN, "Mailboxes at $template are searched for in usual"
+            . ' directories only: look there for more, and copy them by hand');
         return;
     }
     my @found = ({ path => '' });
@@ -294,10 +343,11 @@ sub from_template {
         @found = map { $self->matching($part, $_) } @found;
     }
     for my $mailbox (@found) {
-        my ($user, $domain) = @$mailbox{qw(n d)};
-        ($user, $domain) = split /@/, $mailbox->{u}, 2 if defined $mailbox->{u};
-        next if !defined $user;
-        $self->take('maildir', $mailbox->{path}, $user, $domain, "mail_location in $DOVECOT");
+        my $name = $mailbox->{u};
+        $name = join '@', grep {defined} @$mailbox{qw(n d)} if !defined $name;
+        next if $name eq '' || !defined $mailbox->{u} && !defined $mailbox->{n};
+        my $own = defined $home ? Linux::Dovecot::expanded($home, $name, undef) : undef;
+        $self->take_location({ %$location, path => $mailbox->{path} }, $name, $own, $because);
     }
     return;
 }
@@ -316,6 +366,49 @@ sub matching {
         push @found, \%next;
     }
     return @found;
+}
+
+# --- What lies beside mail ---
+
+# Adds what belongs to each mailbox and does not lie in it: scripts, lists, and the whole home
+# of a user that has it for mail only.
+sub find_what_is_beside {
+    my ($self) = @_;
+    my %is_home = map { $_->{home} => 1 } $self->{users}->all;
+    my @scripts = $self->{dovecot} ? $self->{dovecot}->scripts : ();
+    my (%mailboxes_in, %has_home);
+    for my $mailbox (@{ $self->{found} }) {
+        my $above = $mailbox->{path};
+        $mailboxes_in{$above}++ while $above =~ s{/[^/]*\z}{};
+        my $home = $self->home_of($mailbox);
+        $has_home{$home}++ if defined $home;
+    }
+    for my $mailbox (@{ $self->{found} }) {
+        my $home = $mailbox->{home};
+        my $name = $mailbox->{address};
+        my @more = map { Linux::Dovecot::expanded($_, $name, $home) } @scripts;
+        if (defined $home && $is_home{$home}) { push @more, map {"$home/$_"} @IN_HOME }
+        elsif (defined $home && $has_home{$home} == 1 && ($mailboxes_in{$home} || 0) <= 1) {
+            # A home of its own lies deeper than the directories of the system.
+            push @more, $home if $home =~ m{\A/[^/]+/[^/]+/} && !below($home, $mailbox->{path});
+        }
+        my %seen = map { $_ => 1 } @{ $mailbox->{besides} };
+        push @{ $mailbox->{besides} }, grep {
+            defined && !$seen{$_}++ && !below($_, $mailbox->{path}) && $self->{tree}->lstat($_)
+        } @more;
+    }
+    return;
+}
+
+# The home of a mailbox's user, as far as it is known; a directory around "Maildir" is one.
+sub home_of {
+    my ($self, $mailbox) = @_;
+    my $account = defined $mailbox->{domain} ? undef : $self->{users}->by_name($mailbox->{user});
+    $mailbox->{home} = $account->{home} if !defined $mailbox->{home} && $account;
+    $mailbox->{home} = $1 if !defined $mailbox->{home}
+        && $mailbox->{path} =~ m{\A(/.+)/(?:Maildir|maildir|mail|\.maildir)\z};
+    $mailbox->{home} =~ s{(?<=.)/+\z}{} if defined $mailbox->{home};
+    return $mailbox->{home};
 }
 
 # --- Whose they are ---

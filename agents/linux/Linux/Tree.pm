@@ -11,7 +11,7 @@ use strict;
 use warnings;
 use Agent::Folder qw(enter leave);
 use Errno qw(EACCES ELOOP EINVAL EFBIG ENOENT);
-use Fcntl qw(O_RDONLY O_NOFOLLOW O_NONBLOCK S_ISDIR S_ISREG S_ISLNK);
+use Fcntl qw(O_RDONLY O_NOFOLLOW O_NONBLOCK S_ISDIR S_ISREG S_ISLNK S_IWGRP S_IWOTH);
 
 # Configurations name files that perl would otherwise wonder about.
 no warnings 'newline';
@@ -160,6 +160,13 @@ sub is_link {
     my ($self, $path) = @_;
     my @stat = $self->lstat($path);
     return @stat && S_ISLNK($stat[2]) ? 1 : 0;
+}
+
+# True for what root owns and no other account may write.
+sub is_of_root {
+    my ($self, $path) = @_;
+    my @stat = $self->stat($path);
+    return @stat && $stat[4] == 0 && !($stat[2] & (S_IWGRP | S_IWOTH)) ? 1 : 0;
 }
 
 # Where a link points, as it is written in it.

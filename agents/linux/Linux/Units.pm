@@ -4,7 +4,6 @@ package Linux::Units;
 
 use strict;
 use warnings;
-use Fcntl qw(S_IWGRP S_IWOTH);
 
 # In the order in which systemd looks: the first file of a name counts.
 my @OF_HOST = qw(/etc/systemd/system /usr/local/lib/systemd/system);
@@ -84,17 +83,11 @@ sub unit {
         user => $last->('Service', 'User'), starts => $last->('Timer', 'Unit'),
         description => $last->('Unit', 'Description'),
         directory => $last->('Service', 'WorkingDirectory'),
-        needs => [is_of_root($tree, $file) ? environment_files($settings) : ()],
+        # What an account writes into a unit of its own must not decide which other files are packed.
+        needs => [$tree->is_of_root($file) ? environment_files($settings) : ()],
         when => [map { my $key = $_; map {"$key=$_"} @{ $settings->{Timer}{$key} || [] } } @WHEN],
         map { $_ => $more{$_} } grep { defined $more{$_} } keys %more,
     };
-}
-
-# What an account writes into a unit of its own must not decide which other files are packed.
-sub is_of_root {
-    my ($tree, $file) = @_;
-    my @stat = $tree->stat($file);
-    return @stat && $stat[4] == 0 && !($stat[2] & (S_IWGRP | S_IWOTH));
 }
 
 sub environment_files {

@@ -1,0 +1,230 @@
+# Mail servers as they are installed: what is found is what Postfix and Dovecot say, and what is
+# packed is mail that Dovecot reads again.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Agent::Options;
+use Agent::Private;
+use Agent::Problems;
+use Agent::Process qw(run start finish);
+use File::Path qw(mkpath);
+use File::Temp qw(tempdir);
+use Imitated qw(problem_texts);
+use Linux::Dump;
+use Linux::Mail;
+use Linux::Tree;
+use Linux::Users;
+use Test::More;
+use Time::HiRes ();
+
+my $VMAIL = 5000;
+my $SECRET = 'passphrase-of-info';
+
+sub write_file {
+    my ($path, $text, $mode) = @_;
+    mkpath($path =~ m{\A(.*)/});
+    open my $file, '>', $path or die "$path: $!\n";
+    print $file $text;
+    close $file or die "$path: $!\n";
+    chmod defined $mode ? $mode : 0644, $path or die $!;
+    return;
+}
+
+sub ran {
+    my ($argv, %options) = @_;
+    my $result = run($argv, limit => 60, %options);
+    die "@$argv: $result->{status} $result->{err}" if $result->{status};
+    return $result->{out};
+}
+
+# The private world's own copies, in the place of links to the machine's.
+for my $server (qw(postfix dovecot)) {
+    unlink "/etc/$server" or die "/etc/$server: $!\n";
+    ran(['cp', '-a', "/mnt/etc.orig/$server", "/etc/$server"]);
+}
+# Nothing of the machine's mail is looked at.
+ran(['mount', '-t', 'tmpfs', 'own', $_]) for qw(/var/mail /home);
+open my $accounts, '>>', '/etc/passwd' or die $!;
+print $accounts "vmail:x:${VMAIL}:${VMAIL}::/mnt/mail:/bin/false\nalice:x:31001:31001::/home/alice:/bin/sh\n";
+close $accounts or die $!;
+mkpath("/mnt/mail");
+chown $VMAIL, $VMAIL, '/mnt/mail' or die $!;
+for my $open (qw(/mnt/control /mnt/index)) {
+    mkpath($open);
+    chmod 01777, $open or die $!;
+}
+mkpath('/home/alice');
+chown 31001, 31001, '/home/alice' or die $!;
+
+# --- Postfix ---
+
+write_file('/etc/postfix/main.cf', <<'END');
+compatibility_level = 3.6
+place = /mnt/mail
+myhostname = mail.a.test
+mydestination = $myhostname, localhost
+virtual_mailbox_domains = a.test, /etc/postfix/domains
+virtual_mailbox_base = ${place?{$place}:{/wrong}}/virtual
+virtual_mailbox_maps = hash:/etc/postfix/boxes
+virtual_alias_maps = hash:/etc/postfix/virtual, regexp:/etc/postfix/patterns
+virtual_alias_domains =
+alias_maps = hash:/etc/aliases
+transport_maps = hash:/etc/postfix/built
+smtp_sasl_password_maps = hash:/etc/postfix/passwords
+smtpd_tls_cert_file = /etc/postfix/own.pem
+smtpd_tls_key_file = ${config_directory}/own.key
+END
+write_file('/etc/postfix/domains', "b.test\n# none\nc.test\n");
+write_file('/etc/postfix/boxes', "box\@a.test  a/box/\n");
+write_file('/etc/postfix/virtual', "# comment\nsales\@a.test  info\@a.test,\n    alice\n\@b.test info\@a.test\n");
+write_file('/etc/postfix/patterns', "if /x/\n/^list-(.*)\@a\\.test\$/  info\@a.test\nendif\n");
+write_file('/etc/postfix/built', "c.test  smtp:[relay.test]\n");
+write_file('/etc/postfix/passwords', "[relay.test] user:relay-passphrase\n", 0600);
+unlink '/etc/aliases';
+write_file('/etc/aliases', "root: alice\n\"two words\": alice\nteam: :include:/etc/postfix/team,\n  alice\n");
+write_file('/etc/postfix/team', "alice\n");
+mkpath('/mnt/mail/virtual/a/box/' . $_) for qw(cur new tmp);
+ran(['postmap', "hash:/etc/postfix/$_"]) for qw(boxes virtual built passwords);
+unlink '/etc/postfix/built' or die $!;
+
+# --- Dovecot ---
+
+write_file('/etc/dovecot/dovecot.conf', <<"END");
+protocols =
+log_path = /mnt/dovecot.log
+ssl = no
+ssl_cert = </etc/dovecot/own.pem
+ssl_key = </etc/dovecot/own.key
+first_valid_uid = 1000
+mail_location = maildir:~/Maildir:CONTROL=/mnt/control/%u:INDEX=/mnt/index/%u
+plugin {
+  sieve = file:~/sieve;active=~/.dovecot.sieve
+}
+userdb {
+  driver = passwd-file
+  args = username_format=%u /etc/dovecot/users
+}
+userdb {
+  driver = passwd
+}
+passdb {
+  driver = passwd-file
+  args = username_format=%u /etc/dovecot/users
+}
+END
+write_file("/etc/dovecot/own.$_", 'x') for qw(pem key);
+write_file('/etc/dovecot/users', "info\@a.test:{PLAIN}$SECRET:${VMAIL}:${VMAIL}::/mnt/mail/a.test/info::"
+    . "userdb_quota_rule=*:storage=5M\nbig\@a.test:{PLAIN}x:${VMAIL}:${VMAIL}::/mnt/mail/a.test/big::"
+    . "userdb_mail=mdbox:~/mdbox\n-x\@a.test:{PLAIN}x:${VMAIL}:${VMAIL}::/mnt/mail/a.test/x::\n", 0640);
+chown 0, scalar getgrnam 'dovecot', '/etc/dovecot/users' or die $!;
+
+sub with_dovecot {
+    my ($block) = @_;
+    my $server = start(['/usr/sbin/dovecot', '-F']);
+    my $deadline = Time::HiRes::time() + 20;
+    my $is_up;
+    while (!$is_up && Time::HiRes::time() < $deadline) {
+        $is_up = -S '/run/dovecot/auth-userdb' or Time::HiRes::sleep(0.02);
+    }
+    my $done = $is_up && eval { $block->(); 1 };
+    my $error = $@;
+    kill 'TERM', $server->{pid};
+    finish($server);
+    diag ran(['cat', '/mnt/dovecot.log']) if !$done;
+    die $error if $is_up && !$done;
+    ok $is_up, 'Dovecot runs';
+    return;
+}
+
+sub deliver {
+    my ($to, $text) = @_;
+    ran(['/usr/lib/dovecot/dovecot-lda', '-d', $to], stdin => "From: x\@x.test\nSubject: $text\n\n$text\n");
+    return;
+}
+
+sub looked_at {
+    my $tree = Linux::Tree->new;
+    my $problems = Agent::Problems->new;
+    my $mail = Linux::Mail::all($tree, $problems, Linux::Users->new($tree));
+    return ($mail, $problems);
+}
+
+my @everybody = qw(-x@a.test alice big@a.test info@a.test);
+my %archive = (
+    'info@a.test' => 'content/mailboxes/info=40a.test.tar.gz', 'big@a.test' => 'content/mailboxes/big=40a.test.tar.gz',
+);
+my $private = Agent::Private->new(tempdir(CLEANUP => 1));
+with_dovecot(sub {
+    deliver($_, "to $_") for @everybody;
+    write_file('/mnt/mail/a.test/info/.dovecot.sieve', "keep;\n");
+    chown $VMAIL, $VMAIL, '/mnt/mail/a.test/info/.dovecot.sieve';
+    my ($mail, $problems) = looked_at();
+    my %mailbox = map { $_->{address} => $_ } @{ $mail->{mailboxes} };
+    is_deeply [sort keys %mailbox], [sort @everybody, 'box@a.test'], 'all mailboxes are found';
+    is_deeply [@{ $mailbox{'info@a.test'} }{qw(path format home quota uid owner)}],
+        ['/mnt/mail/a.test/info/Maildir', 'maildir', '/mnt/mail/a.test/info', '*:storage=5M', $VMAIL, 'vmail'],
+        'with what Dovecot knows of them';
+    is $mailbox{'big@a.test'}{format}, 'mdbox', 'a user may have another format';
+    is $mailbox{'info@a.test'}{because}, 'Dovecot names the user', 'Dovecot was asked for them';
+    is_deeply [map {"$_->{path} $_->{format}"} $mailbox{'box@a.test'}], ['/mnt/mail/virtual/a/box maildir'],
+        'settings of Postfix that only its program understands are understood';
+    is_deeply problem_texts($problems), [], 'without a problem';
+
+    open my $none, '<', '/dev/null' or die $!;
+    my $options = Agent::Options::parse(['--migration-mode', '--dump-all', '--only-mail'], $none);
+    Linux::Dump::run(tree => Linux::Tree->new, private => $private, options => $options);
+});
+
+my ($mail, $problems) = looked_at();
+my %entries = map { my $map = $_; ("$map->{kind} $map->{file}" => [map {
+    join ' ', grep {defined} @$_{qw(line from to)} } @{ $map->{entries} }]) } @{ $mail->{maps} };
+is_deeply \%entries, {
+    'alias /etc/aliases' => ['1 root alice', '2 two words alice', '3 team :include:/etc/postfix/team, alice'],
+    'virtual-alias /etc/postfix/virtual' => ['2 sales@a.test info@a.test, alice', '4 @b.test info@a.test'],
+    'virtual-alias /etc/postfix/patterns' => ['2 /^list-(.*)@a\.test$/ info@a.test'],
+    'virtual-mailbox /etc/postfix/boxes' => ['1 box@a.test a/box/'],
+    'transport /etc/postfix/built' => ['1 c.test smtp:[relay.test]'], 'passwords /etc/postfix/passwords' => [],
+    'local-domain /etc/postfix/main.cf' => ['mail.a.test', 'localhost'],
+    'virtual-mailbox-domain /etc/postfix/main.cf' => ['a.test'],
+    'virtual-mailbox-domain /etc/postfix/domains' => ['1 b.test', '3 c.test'],
+}, 'the maps are described, also one whose text is gone';
+for my $asked (['sales@a.test', 'virtual', 'info@a.test, alice'], ['@b.test', 'virtual', 'info@a.test'],
+    ['c.test', 'built', 'smtp:[relay.test]']) {
+    my ($key, $map, $value) = @$asked;
+    chomp(my $answer = ran(['postmap', '-q', $key, "hash:/etc/postfix/$map"]));
+    (my $described = $value) =~ s/\s+/ /g;
+    $answer =~ s/\s+/ /g;
+    is $described, $answer, "as Postfix has $key";
+}
+my %files = map { $_->{name} => $_->{files} } @{ $mail->{servers} };
+is_deeply \%files, { postfix => [qw(/etc/postfix/own.pem /etc/postfix/own.key)],
+    dovecot => [qw(/etc/dovecot/own.pem /etc/dovecot/own.key /etc/dovecot/users)] },
+    'certificates, keys and files of users are known';
+
+# --- without the program ---
+
+my %there = map { $_->{address} => $_->{path} } @{ $mail->{mailboxes} };
+is_deeply \%there, {
+    alice => '/home/alice/Maildir', 'box@a.test' => '/mnt/mail/virtual/a/box',
+    'info@a.test' => '/mnt/mail/a.test/info/Maildir', '-x@a.test' => '/mnt/mail/a.test/x/Maildir',
+    'big@a.test' => '/mnt/mail/a.test/big/mdbox',
+}, 'while Dovecot does not run its files lead to the same mailboxes';
+
+# --- what is packed ---
+
+my $document = $private->read('dump.xml');
+unlike $document, qr/relay-passphrase|\Q$SECRET/, 'no password is in the document';
+like $document, qr{<setting name="virtual_mailbox_base">/mnt/mail/virtual</setting>}, 'but what a new host needs to know';
+ran(['rm', '-r', qw(/mnt/mail/a.test /mnt/control /mnt/index)]);
+ran(['tar', '-xpf', $private->dir . "/$archive{$_}", '-C', '/']) for sort keys %archive;
+ok -f '/mnt/mail/a.test/info/.dovecot.sieve', 'a script beside the mail is in the archive';
+ok -d '/mnt/control/info@a.test', 'so are lists that lie elsewhere';
+with_dovecot(sub {
+    for my $user (sort keys %archive) {
+        like ran(['doveadm', 'fetch', '-u', $user, 'hdr.subject', 'all']), qr/\Ahdr.subject: to \Q$user\E\n/,
+            "the unpacked mail of $user is read by Dovecot";
+    }
+});
+
+done_testing;
