@@ -159,7 +159,7 @@ def hide_installed():
     for path in "/var/lib/mysql", "/var/lib/postgresql":
         if os.path.isdir(path):
             subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "hidden", path], check=True)
-    for path in "/etc/mysql", "/etc/postgresql":
+    for path in "/etc/mysql", "/etc/postgresql", "/etc/postfix", "/etc/dovecot":
         if os.path.islink(path):
             os.unlink(path)
 
