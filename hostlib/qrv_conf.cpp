@@ -1,5 +1,9 @@
 #include "hostlib/qrv_conf.h"
 
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -8,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <string_view>
+#include <vector>
 
 #include "hostlib/free_memory.h"
 #include "hostlib/messlog.h"
@@ -20,6 +25,32 @@ std::unique_ptr<const QrvConfValues> theStore;
 
 /// The keys of the lines that were skipped in the file that was read last.
 std::set<std::string> theMalformedKeys;
+
+/// Whether the file that was read last is there and could not be read.
+bool theFileIsUnreadable = false;
+
+/// A key of this program, and the values that it may have: certain words, or an absolute path.
+struct Key {
+  std::string_view name;
+  std::vector<std::string_view> words = {};
+};
+
+const std::vector<Key>& knownKeys() {
+  static const std::vector<Key> keys = {
+      {"KORVO_MAILNAMES_D"},
+      {"MAILMAN_VAR_D"},
+      {"MAILMAN_ROOT_D"},
+      {"PGSQL_BIN_D"},
+      {"MYSQL_BIN_D"},
+      {"HTTPD_VHOSTS_D"},
+      {"PRODUCT_ROOT_D"},
+      {"DUMP_TMP_D"},
+      {"SSH_KNOWN_HOSTS_F"},
+      {"SSH_HOST_KEY_POLICY", {"ignore", "accept-new", "strict"}},
+      {"CONTENT_VERIFY", {"yes", "no"}},
+  };
+  return keys;
+}
 
 struct Variable {
   const char* name = nullptr;
@@ -57,19 +88,94 @@ constexpr std::string_view WHITE_SPACE = " \t\n\v\f\r";
 constexpr std::string_view KEY_CHARACTERS =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
 
+bool isKeyCharacter(char c) {
+  return KEY_CHARACTERS.find(c) != std::string_view::npos;
+}
+
+/// Whether `text` has the key at `at`, in any case, and no longer word.
+bool hasWordAt(std::string_view text, std::size_t at, std::string_view key) {
+  const std::size_t end = at + key.size();
+  return end <= text.size() && strncasecmp(text.data() + at, key.data(), key.size()) == 0 &&
+         (at == 0 || !isKeyCharacter(text[at - 1])) &&
+         (end == text.size() || !isKeyCharacter(text[end]));
+}
+
+bool hasWord(std::string_view text, std::string_view key) {
+  for (std::size_t at = 0; at + key.size() <= text.size(); ++at) {
+    if (hasWordAt(text, at, key)) return true;
+  }
+  return false;
+}
+
+void skipMalformedLine(const char* path, const std::string& line, const std::string& key) {
+  messlog2(std::string("malformed line in configuration file ") + path + ": " + line);
+  theMalformedKeys.insert(key);
+  for (const Key& known : knownKeys()) {
+    if (hasWord(line, known.name)) theMalformedKeys.insert(std::string(known.name));
+  }
+}
+
+/// Reports "product_root_d /srv" and "export PRODUCT_ROOT_D=/srv", which set nothing.
+void reportNearMiss(const char* path, const std::string& line, const std::string& key,
+                    const std::string& value) {
+  for (const Key& known : knownKeys()) {
+    if (key == known.name) return;
+  }
+  for (const Key& known : knownKeys()) {
+    if (!hasWordAt(key, 0, known.name) && !hasWordAt(value, 0, known.name)) continue;
+    messlog2("line in configuration file " + std::string(path) + " does not set " +
+             std::string(known.name) + ": " + line);
+    theMalformedKeys.insert(std::string(known.name));
+  }
+}
+
 void parseLine(const char* path, const std::string& line, QrvConfValues& values) {
   const std::size_t start = line.find_first_not_of(WHITE_SPACE);
   if (start == std::string::npos || line[start] == '#') return;
   const std::size_t keyEnd = line.find_first_not_of(KEY_CHARACTERS, start);
+  const std::string key = line.substr(start, keyEnd - start);
   if (keyEnd == start || keyEnd == std::string::npos ||
       WHITE_SPACE.find(line[keyEnd]) == std::string_view::npos) {
-    messlog2(std::string("malformed line in configuration file ") + path + ": " + line);
-    theMalformedKeys.insert(line.substr(start, keyEnd - start));
+    skipMalformedLine(path, line, key);
     return;
   }
   const std::size_t valueStart = line.find_first_not_of(WHITE_SPACE, keyEnd);
-  values[line.substr(start, keyEnd - start)] =
-      valueStart == std::string::npos ? "" : line.substr(valueStart);
+  const std::string value = valueStart == std::string::npos ? "" : line.substr(valueStart);
+  reportNearMiss(path, line, key, value);
+  values[key] = value;
+}
+
+bool isInRange(const Key& key, const std::string& value) {
+  if (key.words.empty()) return !value.empty() && value.front() == '/';
+  // The readers of words drop the blanks at their end.
+  const std::string word = value.substr(0, value.find_last_not_of(WHITE_SPACE) + 1);
+  return std::find(key.words.begin(), key.words.end(), word) != key.words.end();
+}
+
+std::string describeRange(const Key& key) {
+  if (key.words.empty()) return "no absolute path";
+  std::string text = "none of";
+  for (const std::string_view word : key.words) text += " " + std::string(word);
+  return text;
+}
+
+void reportValuesOutOfRange(const char* path, const QrvConfValues& values) {
+  for (const Key& key : knownKeys()) {
+    const auto found = values.find(std::string(key.name));
+    if (found == values.end() || isInRange(key, found->second)) continue;
+    messlog2("value in configuration file " + std::string(path) + " is " + describeRange(key) +
+             ": " + found->first + " " + found->second);
+  }
+}
+
+/// True when the path leads to nothing only because a symbolic link in it does.
+bool hasDanglingLink(const std::string& path) {
+  for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    const std::string part = path.substr(0, end);
+    struct stat status;
+    if (lstat(part.c_str(), &status) != 0) return false;
+    if (stat(part.c_str(), &status) != 0 || end == std::string::npos) return true;
+  }
 }
 
 void reportUnreadable(const char* path, int error) {
@@ -97,13 +203,16 @@ std::optional<std::string> readLine(std::FILE* file) {
 }  // namespace
 
 std::unique_ptr<const QrvConfValues> readQrvConf(const char* path) {
+  theFileIsUnreadable = true;
+  theMalformedKeys.clear();
   const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path, "re"));
   if (!file) {
-    reportUnreadable(path, errno);
+    const int error = errno;
+    theFileIsUnreadable = error != ENOENT || hasDanglingLink(path);
+    reportUnreadable(path, error);
     return nullptr;
   }
   auto values = std::make_unique<QrvConfValues>();
-  theMalformedKeys.clear();
   while (const std::optional<std::string> line = readLine(file.get())) {
     parseLine(path, *line, *values);
   }
@@ -111,6 +220,8 @@ std::unique_ptr<const QrvConfValues> readQrvConf(const char* path) {
     reportUnreadable(path, errno);
     return nullptr;
   }
+  theFileIsUnreadable = false;
+  reportValuesOutOfRange(path, *values);
   return values;
 }
 
@@ -132,6 +243,10 @@ const char* qrvConfGet(const char* name) {
 
 bool qrvConfIsMalformed(const char* name) {
   return autoprepend() && theMalformedKeys.count(name) != 0;
+}
+
+bool qrvConfIsUnreadable() {
+  return !autoprepend() && theFileIsUnreadable;
 }
 
 const char* qrvConfGetByIndex(int index) {

@@ -11,6 +11,10 @@
 /// The file is read once per process, on the first lookup, and kept. While it
 /// cannot be read every lookup tries again, reports to the system log and finds
 /// nothing. Of a key that is given twice the last value holds.
+///
+/// The file belongs to the whole product, so keys that this program does not have are
+/// ignored. A line that is one of its keys but for the case or the separator, and a value
+/// of one of its keys that is out of range, are reported to the system log.
 
 /// Slots of the variable table that this program reads. The other slots belong to
 /// the other tools that share the numbering.
@@ -29,7 +33,8 @@ enum QrvConfVariable {
 using QrvConfValues = std::map<std::string, std::string>;
 
 /// Reads a file of that form. Null, with a line in the system log, when it cannot be
-/// read; a malformed line is reported there, too, skipped, and kept for qrvConfIsMalformed().
+/// read, which is kept for qrvConfIsUnreadable(); a malformed line is reported there, too,
+/// skipped, and kept for qrvConfIsMalformed().
 std::unique_ptr<const QrvConfValues> readQrvConf(const char* path);
 
 /// Loads the file unless that was done; false when it could not be read.
@@ -39,9 +44,13 @@ bool autoprepend();
 /// Owned by the store, valid until the process ends.
 const char* qrvConfGet(const char* name);
 
-/// True when the file has a line that begins with `name` and was skipped, for want of white
-/// space behind it: somebody has set it, and nobody knows to what.
+/// True when the file has a line that names `name`, a key of this program, and sets nothing:
+/// its case or its separator is wrong. An operator meant to set the key.
 bool qrvConfIsMalformed(const char* name);
+
+/// True when the file is there, as a symbolic link at least, and cannot be read: what it sets
+/// is unknown. A file that does not exist sets nothing.
+bool qrvConfIsUnreadable();
 
 /// The value in the file of the variable in slot `index`, cached per slot; null
 /// when the file has none, or when no variable of ours is in that slot.

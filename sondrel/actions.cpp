@@ -105,13 +105,21 @@ std::optional<std::string> configuredWord(const char* name) {
   return boost::trim_right_copy(std::string(configured));
 }
 
-/// True when content files are to be compared with the list as they arrive. It costs
-/// processor time, and a list with wrong figures then fails: hence not by itself.
+[[noreturn]] void refuseVerification(const std::string& reason) {
+  throw Exc<&ContentVerifyUnknown>(HERE) % reason;
+}
+
+/// True when content files must be compared with the list as they arrive. It costs
+/// processor time, and a list with wrong figures then fails: hence not by itself. Fails
+/// closed: throws ContentVerifyUnknown when an operator's setting cannot be understood.
 bool isVerificationConfigured() {
+  if (qrvConfIsUnreadable()) refuseVerification("the host's configuration cannot be read");
+  if (qrvConfIsMalformed("CONTENT_VERIFY")) {
+    refuseVerification("a line of the host's configuration names CONTENT_VERIFY and sets nothing");
+  }
   const std::string value = configuredWord("CONTENT_VERIFY").value_or("no");
   if (value != "yes" && value != "no") {
-    actionLog.warn(R"(CONTENT_VERIFY is neither "yes" nor "no" but ")" + value +
-                   R"(": content is not verified)");
+    refuseVerification(R"(CONTENT_VERIFY is neither "yes" nor "no" but ")" + value + '"');
   }
   return value == "yes";
 }
@@ -120,8 +128,17 @@ bool isVerificationConfigured() {
   throw Exc<&SshHostKeyRejected>(HERE) % host % reason;
 }
 
+/// Throws SshHostKeyRejected when a line of the host's configuration is meant to set the key
+/// and does not.
+void requireWellFormed(const std::string& host, const char* key) {
+  if (!qrvConfIsMalformed(key)) return;
+  rejectHostKeys(
+      host, std::string("a line of the host's configuration names ") + key + " and sets nothing");
+}
+
 /// SSH_KNOWN_HOSTS_F, for the policy of that name. Throws SshHostKeyRejected.
 std::string configuredKnownHosts(const std::string& host, const std::string& policy) {
+  requireWellFormed(host, "SSH_KNOWN_HOSTS_F");
   std::string file = configuredWord("SSH_KNOWN_HOSTS_F").value_or("");
   if (file.empty()) {
     rejectHostKeys(
@@ -134,17 +151,17 @@ std::string configuredKnownHosts(const std::string& host, const std::string& pol
   return file;
 }
 
-/// What the host's configuration demands of the keys of source hosts. A setting that
-/// cannot be met is no reason to do without: throws SshHostKeyRejected.
+/// What the host's configuration demands of the keys of source hosts. Fails closed: throws
+/// SshHostKeyRejected for a setting that cannot be met or read.
 HostKeyRules configuredHostKeyRules(const std::string& host) {
   static const std::map<std::string, HostKeyRules::Policy> policies = {
       {"ignore", HostKeyRules::IGNORE},
       {"accept-new", HostKeyRules::ACCEPT_NEW},
       {"strict", HostKeyRules::STRICT}};
-  if (qrvConfIsMalformed("SSH_HOST_KEY_POLICY")) {
-    rejectHostKeys(host,
-                   "a line of the host's configuration has no blank behind SSH_HOST_KEY_POLICY");
+  if (qrvConfIsUnreadable()) {
+    rejectHostKeys(host, "the host's configuration, which may demand certain keys, cannot be read");
   }
+  requireWellFormed(host, "SSH_HOST_KEY_POLICY");
   const std::string name = configuredWord("SSH_HOST_KEY_POLICY").value_or("ignore");
   const auto policy = policies.find(name);
   if (policy == policies.end()) {

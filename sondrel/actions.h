@@ -45,6 +45,11 @@ DECLARE_ERROR_TAG(WrongMd5Sum,
 DECLARE_ERROR_TAG(WrongFileSize,
                   "Problem during content retrieval: downloaded %1% has %2% bytes, but the content "
                   "list says %3%");
+DECLARE_ERROR_TAG(CantCompareFile,
+                  "Problem during content retrieval: downloaded %1% may be other files that the "
+                  "login shell takes its name for, and the content list has neither its size nor "
+                  "its MD5 sum");
+DECLARE_ERROR_TAG(ContentVerifyUnknown, "Cannot tell whether content must be verified: %1%");
 DECLARE_ERROR_TAG(ContentVerificationFailed,
                   "%1% of the retrieved files differ from the content list; their remote copies "
                   "were kept");

@@ -16,6 +16,7 @@ SUCCESS = ("execution-result", [("status", "success")], "", [])
 # A hole, and a few bytes behind it.
 HOLE = 4 << 30
 BEHIND_THE_HOLE = b"end"
+MALFORMED = "a line of the host's configuration names CONTENT_VERIFY and sets nothing"
 SUM_WITH_THE_HOLE = "29f9fe6f34f27cd12fbdee8ce0645c90"
 
 
@@ -34,7 +35,7 @@ def verified(configured):
 
 def wrong_sum(name, expected, found):
     return ("WrongMd5Sum", "error",
-            f"Problem during content retrieval: downloaded {name} has MD5 sum {expected}, but it has to be {found}. "
+            f"Problem during content retrieval: downloaded {name} has MD5 sum {found}, but it has to be {expected}. "
             "Restarting download.", [])
 
 
@@ -197,14 +198,52 @@ def test_name_that_some_login_shells_expand_is_always_compared(shell, code):
         assert Session().messages("transfer.result")[0] == wrong_size("{a,b}", 2, 6)
 
 
-@pytest.mark.parametrize("value", ["no", "", "maybe", "YES"], ids=["no", "nothing", "another word", "capitals"])
-def test_any_other_value_leaves_everything_as_it_was(configured, source, value):
-    configured(value)
+@pytest.mark.parametrize("shell", ["/bin/dash", "/bin/bash"], ids=["dash", "bash"])
+def test_name_that_some_login_shells_expand_stays_when_there_is_nothing_to_compare(shell):
+    """By bash the first name fetches, and would remove, the other two files, which come later."""
+    nothing = {"size": None, "md5sum": None}
+    with SourceHost(recording=False):
+        use_shell(shell)
+        offered(ROOT, ("{a,b}", b"braces", nothing), ("a", b"1"), ("b", b"2"), unpacked=8)
+        found = unlike_the_list()
+    assert found == [("CantCompareFile", "error",
+                      "Problem during content retrieval: downloaded {a,b} may be other files that the login shell takes "
+                      "its name for, and the content list has neither its size nor its MD5 sum", [])]
+    assert left(ROOT) == ["{a,b}"]
+    fetched = files_below(ARCHIVES)
+    assert (fetched[b"a"], fetched[b"b"]) == (b"1", b"2")
+
+
+def test_no_leaves_everything_as_it_was(configured, source):
+    configured("no")
     offered(ROOT, ("one", b"1", {"md5sum": md5(b"2"), "size": 7}))
     assert Destination().run("get-content").code == 0
     assert left(ROOT) == []
-    warned = 'k.Action: CONTENT_VERIFY is neither "yes" nor "no" but "' + value + '": content is not verified\n'
-    assert (warned in Session().log()) == (value != "no")
+
+
+@pytest.mark.parametrize("line, reason", [
+    ("CONTENT_VERIFY ", 'CONTENT_VERIFY is neither "yes" nor "no" but ""'),
+    ("CONTENT_VERIFY maybe", 'CONTENT_VERIFY is neither "yes" nor "no" but "maybe"'),
+    ("CONTENT_VERIFY YES", 'CONTENT_VERIFY is neither "yes" nor "no" but "YES"'),
+    ("CONTENT_VERIFY = yes", 'CONTENT_VERIFY is neither "yes" nor "no" but "= yes"'),
+    ("CONTENT_VERIFY=yes", MALFORMED), ("CONTENT_VERIFY", MALFORMED), ("content_verify yes", MALFORMED),
+    ("CONTENT_VERIFY: no\nCONTENT_VERIFY no", MALFORMED),
+], ids=["nothing", "another word", "capitals", "equals sign and blanks", "equals sign", "no blank", "small letters",
+        "colon"])
+def test_setting_that_is_not_understood_ends_the_run_before_it_connects(system_log, line, reason):
+    kept = read(CONFIGURATION)
+    write(CONFIGURATION, kept + line.encode() + b"\n")
+    offered(ROOT, ("one", b"1"))
+    try:
+        with ScriptedServer(Script()) as server:
+            outcome = Destination().run("get-content")
+    finally:
+        write(CONFIGURATION, kept)
+    assert (outcome.code, outcome.stdout, outcome.stderr) == (2, b"", WRAPPING.encode())
+    assert Session().messages("transfer.result")[0][3] == [
+        ("ContentVerifyUnknown", "error", f"Cannot tell whether content must be verified: {reason}", [])]
+    assert server.connections == []
+    assert f"{CONFIGURATION}" in system_log.text() and line.split("\n", maxsplit=1)[0] in system_log.text()
 
 
 def test_blanks_behind_the_value_do_no_harm(configured, source):

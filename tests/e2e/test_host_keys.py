@@ -189,16 +189,21 @@ def test_keys_are_not_looked_at_unless_the_configuration_says_so(source, configu
     assert Destination().run("send-scout").code == 0
 
 
-MALFORMED = "a line of the host's configuration has no blank behind SSH_HOST_KEY_POLICY"
+MALFORMED = "a line of the host's configuration names {} and sets nothing"
+POLICY_MALFORMED = MALFORMED.format("SSH_HOST_KEY_POLICY")
 
 
 @pytest.mark.parametrize("lines, reason", [
     (["SSH_HOST_KEY_POLICY yes"],
      'SSH_HOST_KEY_POLICY is "yes", which is none of "ignore", "accept-new" and "strict"'),
     (["SSH_HOST_KEY_POLICY "], 'SSH_HOST_KEY_POLICY is "", which is none of "ignore", "accept-new" and "strict"'),
-    (["SSH_HOST_KEY_POLICY"], MALFORMED),
-    (["SSH_HOST_KEY_POLICY=strict", f"SSH_KNOWN_HOSTS_F {FILE}"], MALFORMED),
-    (["SSH_HOST_KEY_POLICY: strict", "SSH_HOST_KEY_POLICY ignore"], MALFORMED),
+    (["SSH_HOST_KEY_POLICY"], POLICY_MALFORMED),
+    (["SSH_HOST_KEY_POLICY=strict", f"SSH_KNOWN_HOSTS_F {FILE}"], POLICY_MALFORMED),
+    (["SSH_HOST_KEY_POLICY: strict", "SSH_HOST_KEY_POLICY ignore"], POLICY_MALFORMED),
+    (["ssh_host_key_policy strict", f"SSH_KNOWN_HOSTS_F {FILE}"], POLICY_MALFORMED),
+    (["export SSH_HOST_KEY_POLICY=strict"], POLICY_MALFORMED),
+    ([f"SSH_KNOWN_HOSTS_F={FILE}", f"SSH_KNOWN_HOSTS_F {FILE}.other", "SSH_HOST_KEY_POLICY accept-new"],
+     MALFORMED.format("SSH_KNOWN_HOSTS_F")),
     (["SSH_HOST_KEY_POLICY strict"], 'SSH_HOST_KEY_POLICY is "strict", and SSH_KNOWN_HOSTS_F names no file'),
     (["SSH_HOST_KEY_POLICY accept-new", "SSH_KNOWN_HOSTS_F  "],
      'SSH_HOST_KEY_POLICY is "accept-new", and SSH_KNOWN_HOSTS_F names no file'),
@@ -211,7 +216,8 @@ MALFORMED = "a line of the host's configuration has no blank behind SSH_HOST_KEY
     (["SSH_HOST_KEY_POLICY strict", "SSH_KNOWN_HOSTS_F mnt/known_hosts"],
      'SSH_KNOWN_HOSTS_F is "mnt/known_hosts", which is no absolute path'),
 ], ids=["unknown policy", "empty policy", "policy without a blank", "policy behind an equals sign",
-        "policy behind a colon", "strict without a file", "accept-new without a file", "a folder",
+        "policy behind a colon", "policy in small letters", "policy as in a script", "malformed file",
+        "strict without a file", "accept-new without a file", "a folder",
         "no folder for the file", "a file in the home", "a relative file"])
 def test_settings_that_cannot_be_met_let_nobody_in(configure, lines, reason):
     configure(*lines)
@@ -219,6 +225,31 @@ def test_settings_that_cannot_be_met_let_nobody_in(configure, lines, reason):
         outcome = Destination(PLAIN).run("send-scout")
     rejected(outcome, 18, reason)
     assert all(not connection.passwords for connection in server.connections)
+
+
+@pytest.fixture
+def unreadable():
+    """Puts something in the place of the host's configuration that cannot be read."""
+    kept = read(CONFIGURATION)
+    os.unlink(CONFIGURATION)
+    yield
+    subprocess.run(["rm", "-rf", CONFIGURATION], check=True)
+    write(CONFIGURATION, kept)
+
+
+@pytest.mark.usefixtures("unreadable")
+@pytest.mark.parametrize("put", [lambda: os.symlink("/mnt/missing", CONFIGURATION), lambda: os.mkdir(CONFIGURATION),
+                                 lambda: os.symlink("qrv.conf", CONFIGURATION)],
+                         ids=["a dangling link", "a directory", "a link to itself"])
+def test_configuration_that_cannot_be_read_ends_the_run_before_any_password(put):
+    put()
+    with ScriptedServer(Script()) as server:
+        outcome = Destination(PLAIN).run("get-dumping-status")
+    assert (outcome.code, outcome.stdout) == (2, b"")
+    (code, _, text, _), = Session().messages()[0][3]
+    assert (code, text) == ("SshHostKeyRejected", f"Unable to connect to host {HOST}: the host's configuration, which "
+                                                  "may demand certain keys, cannot be read")
+    assert server.connections == []
 
 
 # Every action that connects, with the exit status that a rejected key gives it.

@@ -120,6 +120,95 @@ TEST(QrvConfTest, ReportsMalformedLinesAndSkipsThem) {
   }
 }
 
+TEST(QrvConfTest, NamesLinesThatMeanAKeyOfItsOwnAndSetNothing) {
+  IN_FRESH_PROCESS();
+  const std::vector<std::string> meant = {"product_root_d /srv", "export DUMP_TMP_D=/srv",
+                                          "set Content_Verify yes"};
+  const std::vector<std::string> malformed = {"\"SSH_HOST_KEY_POLICY\" strict",
+                                              "ssh_known_hosts_f=/srv/known"};
+  std::string text;
+  for (const auto& lines : {meant, malformed}) {
+    for (const std::string& line : lines) text += line + "\n";
+  }
+  const ScopedQrvConf file(text + "MY_PRODUCT_ROOT_D x\nother content_verify_too\n");
+  SystemLog systemLog;
+  for (const char* key : {"PRODUCT_ROOT_D", "DUMP_TMP_D", "CONTENT_VERIFY", "SSH_HOST_KEY_POLICY",
+                          "SSH_KNOWN_HOSTS_F"}) {
+    EXPECT_EQ(get(key), "(null)");
+    EXPECT_TRUE(qrvConfIsMalformed(key)) << key;
+  }
+  EXPECT_FALSE(qrvConfIsMalformed("HTTPD_VHOSTS_D"));
+  const std::string notSet = "line in configuration file " + CONFIGURATION_FILE + " does not set ";
+  const std::string skipped = "malformed line in configuration file " + CONFIGURATION_FILE + ": ";
+  EXPECT_THAT(systemLog.lines(),
+              testing::ElementsAre(notSet + "PRODUCT_ROOT_D: " + meant[0],
+                                   notSet + "DUMP_TMP_D: " + meant[1],
+                                   notSet + "CONTENT_VERIFY: " + meant[2], skipped + malformed[0],
+                                   skipped + malformed[1]));
+}
+
+TEST(QrvConfTest, NamesValuesThatAreOutOfRange) {
+  IN_FRESH_PROCESS();
+  const ScopedQrvConf file(
+      "PRODUCT_ROOT_D = /srv\n"
+      "DUMP_TMP_D \n"
+      "CONTENT_VERIFY maybe\n"
+      "SSH_HOST_KEY_POLICY Strict\n"
+      "SSH_KNOWN_HOSTS_F ~/known\n"
+      "HTTPD_VHOSTS_D /srv/sites\n"
+      "OTHER maybe\n");
+  SystemLog systemLog;
+  EXPECT_EQ(get("PRODUCT_ROOT_D"), "= /srv");
+  const std::string begin = "value in configuration file " + CONFIGURATION_FILE + " is ";
+  EXPECT_THAT(
+      systemLog.lines(),
+      testing::UnorderedElementsAre(
+          begin + "no absolute path: PRODUCT_ROOT_D = /srv",
+          begin + "no absolute path: DUMP_TMP_D ", begin + "none of yes no: CONTENT_VERIFY maybe",
+          begin + "none of ignore accept-new strict: SSH_HOST_KEY_POLICY Strict",
+          begin + "no absolute path: SSH_KNOWN_HOSTS_F ~/known"));
+}
+
+TEST(QrvConfTest, FindsNothingWrongWithBlanksBehindAWord) {
+  IN_FRESH_PROCESS();
+  const ScopedQrvConf file("CONTENT_VERIFY yes \t\r\nSSH_HOST_KEY_POLICY strict\r\n");
+  SystemLog systemLog;
+  EXPECT_EQ(get("CONTENT_VERIFY"), "yes \t\r");
+  EXPECT_THAT(systemLog.lines(), testing::IsEmpty());
+}
+
+TEST(QrvConfTest, IsUnreadableWhenItIsThereAndCannotBeRead) {
+  IN_FRESH_PROCESS();
+  const ScopedQrvConf file("");
+  ASSERT_EQ(unlink(CONFIGURATION_FILE.c_str()), 0);
+  EXPECT_FALSE(qrvConfIsUnreadable());
+  ASSERT_EQ(symlink("missing", CONFIGURATION_FILE.c_str()), 0);
+  EXPECT_TRUE(qrvConfIsUnreadable());
+  ASSERT_EQ(unlink(CONFIGURATION_FILE.c_str()), 0);
+  ASSERT_EQ(mkdir(CONFIGURATION_FILE.c_str(), 0755), 0);
+  EXPECT_TRUE(qrvConfIsUnreadable());
+  ASSERT_EQ(rmdir(CONFIGURATION_FILE.c_str()), 0);
+  EXPECT_FALSE(qrvConfIsUnreadable());
+  writeFile(CONFIGURATION_FILE, "KEY value\n");
+  EXPECT_FALSE(qrvConfIsUnreadable());
+}
+
+TEST(QrvConfTest, IsUnreadableWhenItsFolderLeadsNowhereOrIsClosed) {
+  IN_FRESH_PROCESS();
+  ASSERT_EQ(rename("/etc/qrv", "/etc/qrv.kept"), 0);
+  EXPECT_FALSE(qrvConfIsUnreadable());
+  ASSERT_EQ(symlink("missing", "/etc/qrv"), 0);
+  EXPECT_TRUE(qrvConfIsUnreadable());
+  ASSERT_EQ(unlink("/etc/qrv"), 0);
+  ASSERT_EQ(rename("/etc/qrv.kept", "/etc/qrv"), 0);
+  ASSERT_EQ(chmod("/etc/qrv", 0700), 0);
+  inChild([] {
+    becomePlainUser();
+    EXPECT_TRUE(qrvConfIsUnreadable());
+  });
+  ASSERT_EQ(chmod("/etc/qrv", 0755), 0);
+}
+
 TEST(QrvConfTest, IsReadOnce) {
   IN_FRESH_PROCESS();
   const ScopedQrvConf file("KEY old\n");
