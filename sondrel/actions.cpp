@@ -178,10 +178,6 @@ void countDown(std::int64_t& left, int bytes) {
   left = left < LEAST + bytes ? LEAST : left - bytes;
 }
 
-void recordWrongSum(const DumpFile& file, const std::string& sum) {
-  theLog->log(Exc<&WrongMd5Sum>(HERE) % file.name % file.md5 % sum);
-}
-
 /// What a remote command wrote to its error output, for an error's text.
 std::string errorTextOf(const CollectedText& err) {
   return maskSecrets(err.str());
@@ -615,7 +611,7 @@ std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file, 
   try {
     OutputFile local = contentFolder().create(file.name);
     local.setSum(sum);
-    if (getSsh().get(local, err, remotePathOf(file.name), progress) != 0) return errorTextOf(err);
+    if (fetch(file, local, err, progress) != 0) return errorTextOf(err);
     const FileIdentity written = local.identity();
     if (!local.syncAndClose()) return local.errorText();
     if (!contentFolder().isInPlace(file.name, written)) return "The file is no longer there";
@@ -625,15 +621,31 @@ std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file, 
   return std::nullopt;
 }
 
+/// The exit status of the remote command. When the local file cannot be written, the reason
+/// goes to `err` before the error is thrown.
+int RetrieveContentAction::fetch(const DumpFile& file, OutputFile& local, CollectedText& err,
+                                 FileRetrievalProgressUpdater& progress) {
+  try {
+    return getSsh().get(local, err, remotePathOf(file.name), progress);
+  } catch (const Exc<&StreamWrite>&) {
+    if (!local.stream()) err << local.errorText();
+    throw;
+  }
+}
+
 /// Records each difference in the result log.
 bool RetrieveContentAction::isAsListed(const DumpFile& file, Md5Sum& received) {
+  if (!file.sizeIsListed && file.md5.empty() && hasBraceExpansion(file.name)) {
+    theLog->log(Exc<&CantCompareFile>(HERE) % file.name);
+    return false;
+  }
   const bool sameSize = !file.sizeIsListed || received.size() == file.size;
   if (!sameSize) {
     theLog->log(Exc<&WrongFileSize>(HERE) % file.name % received.size() % file.size);
   }
   const std::string sum = received.finish();
   const bool sameSum = file.md5.empty() || sum == file.md5;
-  if (!sameSum) recordWrongSum(file, sum);
+  if (!sameSum) theLog->log(Exc<&WrongMd5Sum>(HERE) % file.name % sum % file.md5);
   return sameSize && sameSum;
 }
 
@@ -686,7 +698,8 @@ bool RetrieveContentAction::checkMD5(const DumpFile& file) {
 void RetrieveContentAction::checkFile(const DumpFile& file) {
   if (file.md5.empty()) return;
   const std::string sum = localSum(file);
-  if (sum != file.md5) recordWrongSum(file, sum);
+  // This record has the two sums the other way round, and its readers know it so.
+  if (sum != file.md5) theLog->log(Exc<&WrongMd5Sum>(HERE) % file.name % file.md5 % sum);
 }
 
 // --- RemoveAgentAction ---

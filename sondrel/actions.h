@@ -248,6 +248,8 @@ class RetrieveContentAction : public Action {
   bool download(const DumpFile& file, FileRetrievalProgressUpdater& progress);
   std::optional<std::string> receive(const DumpFile& file, CollectedText& err,
                                      FileRetrievalProgressUpdater& progress, Md5Sum* sum);
+  int fetch(const DumpFile& file, OutputFile& local, CollectedText& err,
+            FileRetrievalProgressUpdater& progress);
   static bool isAsListed(const DumpFile& file, Md5Sum& received);
   void removeRemoteFile(const DumpFile& file);
 

@@ -320,6 +320,17 @@ def test_target_that_is_read_only_keeps_the_content_on_the_source_host():
     assert left(ROOT) == sorted(ENTRIES)
 
 
+@pytest.mark.usefixtures("content_verify")
+def test_disk_that_is_full_for_a_content_file_is_named():
+    mount(DUMPS, f"size={2 * PAGE}")
+    content()
+    outcome = Destination(ROOT).run("get-content", "--no-check-space", "--dumps-dir", DUMPS)
+    check(outcome, ENTRIES, target=DUMPS)
+    (_, _, _, ((code, _, text, ((cause, _, _, _),)),)), = Session().messages("transfer.result")
+    assert (code, cause, text.rpartition(": ")[2]) == (
+        "CantRetrieveContentFile", "StreamWrite", "No space left on device")
+
+
 def test_folder_that_finds_no_inode_is_told_with_the_reason():
     mount(DUMPS, "size=1m,nr_inodes=1")
     entries = {"sub/second": b"22"}
