@@ -37,8 +37,9 @@ void installSignalHandlers() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  unblockSignals();
   installSignalHandlers();
+  // Only now: a stop that is pending from before this program began must find its handler.
+  unblockSignals();
   occupyClosedStandardStreams();
   forbidCoreFiles();
   const ProgressLineController progressLine(STDERR_FILENO);

@@ -1,6 +1,9 @@
 #include "sondrel/sondrel.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <iostream>
 #include <vector>
@@ -42,11 +45,16 @@ int complain(const char* text) {
   return EXIT_USAGE;
 }
 
-/// One list of names at the most comes from standard input.
+/// One list of names at the most comes from standard input. An input that ends at once is an
+/// empty list; throws CantReadNames for one that cannot be read, or not to the end of its line.
 void readNamesFromStandardInput(config& config) {
   for (std::string* names : {&config.resellers, &config.clients, &config.domains}) {
     if (*names != "-") continue;
+    errno = 0;
     std::getline(std::cin, *names);
+    const int error = errno;
+    // To a stream of C++ a failure is an end.
+    if (std::ferror(stdin) != 0) throw Exc<&CantReadNames>(HERE) % std::strerror(error);
     return;
   }
 }

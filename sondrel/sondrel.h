@@ -11,6 +11,7 @@
 
 DECLARE_ERROR_TAG(UnknownAction,
                   "Unknown action passed to the function. Probably bug in the options parser");
+DECLARE_ERROR_TAG(CantReadNames, "Cannot read the names from standard input: %1%");
 
 /// The whole run; returns the exit code. Failures outside the action phase, but for
 /// option errors, are exceptions.

@@ -1,7 +1,7 @@
 """What --dump-selected and --dump-all ask of the agent: its arguments and its standard input."""
 import pytest
 
-from world import (PLAIN, ROOT, SELECTED, Destination, Session, as_root, deployed_agent, root_command,
+from world import (BINARY, PLAIN, ROOT, SELECTED, Destination, Session, as_root, deployed_agent, root_command,
                    sh_quote, write)
 
 # An agent that does nothing but leave a dump behind.
@@ -124,6 +124,17 @@ def test_dash_stands_for_one_line_of_standard_input(source, options, given, list
     deployed_agent(ROOT, AGENT)
     assert Destination().run("dump-selected", *options, stdin=given).code == 0
     assert source.commands()[0] == agent_command(ROOT, ["--migration-mode", *lists, DISTRIB], stdin)
+
+
+@pytest.mark.parametrize("given, reason", [("<&-", b"Bad file descriptor"), ("</", b"Is a directory")],
+                         ids=["closed", "a folder"])
+def test_standard_input_that_cannot_be_read_ends_the_dump_before_it_begins(source, given, reason):
+    deployed_agent(ROOT, AGENT)
+    outcome = Destination().run("dump-selected", "--domains=-", through=["sh", "-c", f'exec "$@" {given}', "sh", BINARY])
+    text = b"Cannot read the names from standard input: " + reason
+    assert (outcome.code, outcome.stdout, outcome.stderr) == (2, b"", text)
+    assert Session().messages() == [("CantReadNames", "error", text.decode(), [])]
+    assert source.commands() == []
 
 
 @pytest.mark.parametrize("options, port", [([], b"0"), (["--port=22"], b"22")], ids=["without a port", "with a port"])

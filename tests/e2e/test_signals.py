@@ -71,6 +71,15 @@ def test_stop_request_lets_the_present_step_finish(point):
     assert Session().result() == ("execution-result", [("status", "success")], "", [])
 
 
+def test_stop_request_from_before_the_program_began_stops_it_cleanly(source):
+    def pend():
+        signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGUSR1])
+        os.kill(os.getpid(), signal.SIGUSR1)
+
+    outcome = Destination(PLAIN).run("send-scout", prepare=pend)
+    assert (outcome.code, outcome.stdout, outcome.stderr) == (0, STOPPED, b"")
+
+
 def test_stop_request_does_not_end_a_wait_in_which_nothing_moves():
     def answer(command):
         command.take_input()
