@@ -400,7 +400,9 @@ bool Channel::isStalled() const {
 
 int Channel::sendEof() {
   if (refused_) return 0;
-  return retryInterrupted([&] { return libssh2_channel_send_eof(get()); });
+  const int result = retryInterrupted([&] { return libssh2_channel_send_eof(get()); });
+  if (isSocketError(result)) session_.raiseLost();
+  return result;
 }
 
 int Channel::waitForExitStatus() {
@@ -517,7 +519,10 @@ bool Session::authorizeByPassword(const std::string& login, const std::string& p
                                         password.data(), static_cast<unsigned>(password.size()),
                                         nullptr);
   });
-  if (result != 0) return false;
+  if (result != 0) {
+    requireLoginTime();
+    return false;
+  }
   // Not the same text as below; log readers tell the methods apart by it.
   sessionLog.debug(std::string("Authenticated succesfully"));
   return true;
@@ -532,9 +537,17 @@ bool Session::authorizeInteractively(const std::string& login, const std::string
         get(), login.data(), static_cast<unsigned>(login.size()), userauth_callback);
   });
   promptAnswer = nullptr;
-  if (result != 0) return false;
+  if (result != 0) {
+    requireLoginTime();
+    return false;
+  }
   sessionLog.debug(std::string("Authenticated successfully"));
   return true;
+}
+
+/// A server that has not answered within the limit has refused nothing.
+void Session::requireLoginTime() {
+  if (Clock::now() >= loginDeadline_) raiseLost();
 }
 
 void Session::getAuthMethodsList(const std::string& login, std::vector<std::string>& methods) {

@@ -106,7 +106,8 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
   /// takes everything: its exit status speaks. `onStall` is called when the command
   /// can neither take input nor get rid of its output. Throws SshConnectionFault.
   int write(const char* bytes, std::size_t size, const std::function<void()>& onStall);
-  /// Tells the command that its input ends here; 0, or the library's error.
+  /// Tells the command that its input ends here; 0, or the library's error. Throws
+  /// SshConnectionFault.
   int sendEof();
 
   /// Waits for the end of the command. 128 plus the number for one ended by a
@@ -198,6 +199,7 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   LIBSSH2_CHANNEL* openChannel();
   bool authorizeByPassword(const std::string& login, const std::string& password);
   bool authorizeInteractively(const std::string& login, const std::string& password);
+  void requireLoginTime();
   void reportStartFailure(const std::string& error) const;
 
   int socket_;

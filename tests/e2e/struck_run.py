@@ -42,6 +42,7 @@ class Point:
 
 NO_SESSION = ["UnableToStartSshSession"]
 NO_LOGIN = ["SshInvalidCredentials"]
+LOST = ["SshConnectionFault"]
 NO_FILE = ["CantRetrieveContentFile", "SshConnectionFault"]
 EARLY = {
     "before the banner": Point(NO_SESSION, at="connected"),

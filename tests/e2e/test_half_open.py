@@ -11,7 +11,7 @@ import time
 import pytest
 
 from gates import offered_behind_gates
-from struck_run import (FILES, NO_LEAK_CHECK, NO_SESSION, POINTS, check_failed, check_next_run, source_host,
+from struck_run import (FILES, LOST, NO_LEAK_CHECK, NO_LOGIN, NO_SESSION, POINTS, check_failed, check_next_run, source_host,
                         struck_run)
 from test_connection import few_attempts
 from world import CONFIGURATION, ROOT, SESSION, Destination, Login, processor_ticks, read, wait_until, write
@@ -128,7 +128,8 @@ def test_peer_that_vanishes_is_given_up_after_two_minutes_at_each_step(cases):
                 assert running.ended() or processor_ticks(running.pid) - before <= 5, "a run is busy while it waits"
             outcomes = [running.finish(begin + MOST_SECONDS - time.monotonic()) for _, _, running in runs]
         for (point, destination, _), outcome in zip(runs, outcomes):
-            # The second attempt to start a session finds nobody.
-            causes = ["ConnectionTimedOut"] if point.causes == NO_SESSION else point.causes
+            # The second attempt to start a session finds nobody; the limit of the login is over
+            # before the system gives the connection up.
+            causes = {NO_SESSION[0]: ["ConnectionTimedOut"], NO_LOGIN[0]: LOST}.get(point.causes[0], point.causes)
             check_failed(outcome, causes, destination.session, destination.login)
             check_next_run(source, Destination(destination.login, session=destination.session.path))
