@@ -1,5 +1,6 @@
 #include "commons/xml_wrap.h"
 
+#include <fcntl.h>
 #include <libxml/encoding.h>
 #include <libxml/parser.h>
 
@@ -18,6 +19,7 @@ namespace {
 constexpr const char* REPLACEMENT_CHARACTER = "\xEF\xBF\xBD";
 /// For what entities add to a document. Nobody who means well uses any.
 constexpr std::size_t ENTITY_TEXT_LIMIT = 1 << 20;
+constexpr mode_t NEW_FILE_MODE = 0666;
 
 bool isXmlCharacter(unsigned int c) {
   return c == '\t' || c == '\n' || c == '\r' || (c >= 0x20 && c <= 0xD7FF) ||
@@ -99,12 +101,6 @@ void tXmlDocument::refuseBomb(const char* fileName) const {
   throw Exc<&tError_ParseFile>(HERE) % fileName % "its entities grow without measure\n";
 }
 
-void tXmlDocument::saveToFile(const char* fileName) const {
-  requireFileName(fileName, __PRETTY_FUNCTION__, __LINE__);
-  const LibxmlErrorCollector complaints;
-  if (xmlSaveFile(fileName, document()) < 0) throw Exc<&tError_SaveFile>(HERE) % fileName;
-}
-
 void tXmlDocument::saveToBuffer(xmlOutputBufferPtr buffer) const {
   if (!buffer) throw Exc<&AssertionFailed>(HERE) % "buffer != 0";
   const LibxmlErrorCollector complaints;
@@ -138,6 +134,25 @@ void tXmlDocument::saveToStream(std::ostream& stream) const {
                                        xmlFindCharEncodingHandler("UTF-8")));
 }
 
+/// False when any byte may be missing. The library's own way to write to a descriptor takes a
+/// short write for a whole one.
+bool tXmlDocument::saveToDescriptor(int fd) const {
+  FdStreamBuf file(fd);
+  std::ostream stream(&file);
+  const xmlOutputBufferPtr buffer =
+      xmlOutputBufferCreateIO(writeToStream, closeNothing, &stream, nullptr);
+  const LibxmlErrorCollector complaints;
+  return xmlSaveFileTo(buffer, document(), nullptr) >= 0;
+}
+
+void tXmlDocument::saveToFile(const char* fileName) const {
+  requireFileName(fileName, __PRETTY_FUNCTION__, __LINE__);
+  // Opened here: the library takes a name for a URI, and "%41" in it for "A".
+  UniqueFd file(open(fileName, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, NEW_FILE_MODE));
+  const bool saved = file && saveToDescriptor(file.get());
+  if (file.close() != 0 || !saved) throw Exc<&tError_SaveFile>(HERE) % fileName;
+}
+
 void tXmlDocument::saveToFileAtomically(const std::string& target) const {
   AtomicReplacement replacement(target);
   saveToFile(replacement.temporaryName().c_str());
@@ -146,13 +161,7 @@ void tXmlDocument::saveToFileAtomically(const std::string& target) const {
 
 void tXmlDocument::saveOftenAtomically(const std::string& target) const {
   AtomicReplacement replacement(target, AtomicReplacement::CHEAP);
-  // The library's own way to write to a descriptor takes a short write for a whole one.
-  FdStreamBuf file(replacement.descriptor());
-  std::ostream stream(&file);
-  const xmlOutputBufferPtr buffer =
-      xmlOutputBufferCreateIO(writeToStream, closeNothing, &stream, nullptr);
-  const LibxmlErrorCollector complaints;
-  if (xmlSaveFileTo(buffer, document(), nullptr) < 0 || !replacement.close()) {
+  if (!saveToDescriptor(replacement.descriptor()) || !replacement.close()) {
     throw Exc<&tError_SaveFile>(HERE) % replacement.temporaryName();
   }
   replacement.commit();

@@ -62,6 +62,7 @@ class tXmlDocument {
  private:
   void adopt(xmlDocPtr document);
   void refuseBomb(const char* fileName) const;
+  bool saveToDescriptor(int fd) const;
 
   std::shared_ptr<xmlDoc> document_;
 };

@@ -43,6 +43,14 @@ def test_odd_name_is_taken_as_it_stands(name):
     assert run(path).code == 0
     assert Session(path).log().endswith("Exit code: 0\n")
     assert sorted(os.listdir(SESSION)) == [name]
+    assert Session(path).result() == ("execution-result", [("status", "success")], "", [])
+
+
+def test_results_lie_in_it_whatever_its_name_means_in_a_uri():
+    os.makedirs(f"{SESSION}/sA")
+    assert run(f"{SESSION}/s%41").code == 0
+    assert os.listdir(f"{SESSION}/sA") == []
+    assert Session(f"{SESSION}/s%41").result() == ("execution-result", [("status", "success")], "", [])
 
 
 @pytest.mark.matrix("local")

@@ -289,6 +289,22 @@ TEST(XmlDocumentTest, NamesTheFileThatCannotBeSaved) {
   EXPECT_EQ(console.text(), "");
 }
 
+TEST(XmlDocumentTest, IsSavedUnderItsNameWhateverThatMeansInAUri) {
+  const ScopedTempDir dir;
+  ASSERT_EQ(mkdir((dir / "file:").c_str(), 0755), 0);
+  inChild([&] {
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    for (const char* name : {"s%41", "file:/a", "100%", "a?b#c"}) {
+      makeDocument("text").saveToFile(name);
+      EXPECT_EQ(readFile(name), savedXml("<root><child>text</child></root>")) << name;
+      makeDocument("atomic").saveToFileAtomically(name);
+      EXPECT_EQ(readFile(name), savedXml("<root><child>atomic</child></root>")) << name;
+    }
+  });
+  EXPECT_THAT(entriesOf(dir.path()),
+              testing::UnorderedElementsAre("file:", "s%41", "100%", "a?b#c"));
+}
+
 TEST(XmlDocumentTest, IsSavedToABuffer) {
   std::string saved;
   const auto append = [](void* context, const char* bytes, int size) {
