@@ -92,14 +92,12 @@ int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
   if (mkdir(path.c_str(), mode) != 0) {
     return errno == EEXIST && stat(path.c_str(), &status) == 0 ? 0 : -1;
   }
-  if (!syncFolderOf(path)) {
-    // Left in place it would be taken for good by the next run.
-    const int error = errno;
-    rmdir(path.c_str());
-    errno = error;
-    return -1;
-  }
-  return chown(path.c_str(), owner, group);
+  if (syncFolderOf(path) && chown(path.c_str(), owner, group) == 0) return 0;
+  // Left in place it would be taken for good by the next run.
+  const int error = errno;
+  rmdir(path.c_str());
+  errno = error;
+  return -1;
 }
 
 std::string getFileNameFromPath(const std::string& path) {
@@ -133,9 +131,16 @@ void AtomicReplacement::commit() {
   if (chown(temporaryName_.c_str(), owner.user, owner.group) != 0) {
     throw Exc<&CantTakeFileOwnership>(HERE) % temporaryName_ % std::strerror(errno);
   }
-  if (!moveOverTarget()) {
+  const bool crashSafe = price_ == CRASH_SAFE;
+  if ((crashSafe && !syncTemporary()) || !moveOverTarget() ||
+      (crashSafe && !syncFolderOf(target_))) {
     throw Exc<&CantRenameFile>(HERE) % temporaryName_ % target_ % std::strerror(errno);
   }
+}
+
+/// Puts on the disk what was written by whatever descriptor. False with errno.
+bool AtomicReplacement::syncTemporary() const {
+  return fsync(temporary_.get()) == 0 || errno == EINVAL;
 }
 
 /// False with errno, the target being untouched.

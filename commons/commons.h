@@ -34,7 +34,8 @@ bool check_input_file(const char* path, bool flag = false);
 
 /// Creates the folder `path` and every missing parent, each with this owner, group
 /// and mode (less the process's umask). Whatever exists already, folder or not,
-/// stays as it is. 0 on success, else non-zero with errno.
+/// stays as it is. 0 on success, else non-zero with errno; a folder that could not be
+/// given to the owner does not stay.
 int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode);
 
 /// The text after the last "/", or all of `path` when there is none.
@@ -73,9 +74,9 @@ const ServiceAccount& serviceAccount();
 /// failed `commit` it is left in place, as evidence.
 class AtomicReplacement {
  public:
-  /// What replaces the same file thousands of times in a run had better be CHEAP: file
-  /// systems write out what is renamed over something, so that a crash of the machine
-  /// leaves the old content or the new; a cheap replacement may leave an empty file then.
+  /// CRASH_SAFE: the new content and its entry in the folder are on the disk after `commit`.
+  /// CHEAP: for files replaced thousands of times in a run; may be empty after a crash of the
+  /// machine.
   enum Price { CRASH_SAFE, CHEAP };
 
   /// Creates the temporary file. Throws CantCreateTempFile.
@@ -87,13 +88,16 @@ class AtomicReplacement {
   const std::string& temporaryName() const { return temporaryName_; }
   /// The temporary file, open for writing.
   int descriptor() const { return temporary_.get(); }
-  /// False with errno when what was written to the descriptor may be lost.
+  /// For a CHEAP replacement. False with errno when what was written to the descriptor may be
+  /// lost.
   bool close() { return temporary_.close() == 0; }
 
-  /// Throws CantTakeFileOwnership or CantRenameFile; the target is then untouched.
+  /// Throws CantTakeFileOwnership or CantRenameFile; the target is then untouched, or, if only
+  /// its folder could not be put on the disk, replaced.
   void commit();
 
  private:
+  bool syncTemporary() const;
   bool moveOverTarget() const;
 
   std::string target_;

@@ -11,7 +11,8 @@ class SessionFiles {
  public:
   /// Creates the directory `path` and its folder "archives" unless they exist:
   /// owner root, the service account's number as group, mode 0750. An existing
-  /// session is reused as it is. Throws UnableToCreateSession.
+  /// session is reused as it is. A directory that is open to the group of that number, which
+  /// is not the account's own, is reported to the system log. Throws UnableToCreateSession.
   explicit SessionFiles(const std::string& path);
 
   std::string getDir() const { return dir_; }

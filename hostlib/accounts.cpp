@@ -1,5 +1,6 @@
 #include "hostlib/accounts.h"
 
+#include <grp.h>
 #include <pwd.h>
 
 #include <cerrno>
@@ -33,4 +34,9 @@ unsigned int korvo_ugid(const std::string& account, UgidSelector selector) {
   const passwd* entry = findAccount(account);
   if (!entry) return 0;
   return selector == UGID_USER ? entry->pw_uid : entry->pw_gid;
+}
+
+std::string getGroupName(gid_t group) {
+  const struct group* const entry = getgrgid(group);
+  return entry ? entry->gr_name : "no name";
 }

@@ -24,7 +24,7 @@ CONTENT = f"{ARCHIVES}/(first|sub/second|third)"
 # The debug log is not the run's work; a result log that cannot be saved does not undo it.
 LOGS = r"/mnt/session/(migration\.log|transfer\.result.*)"
 # How a lost connection is told, by how far the run has got.
-LOST = {"UnableToStartSshSession", "SshInvalidCredentials", "InvalidHandle", "UnableToSendEof", "SshConnectionFault"}
+LOST = {"UnableToStartSshSession", "SshInvalidCredentials", "InvalidHandle", "SshConnectionFault"}
 NEVER = "(?!)"
 # kind: (the fewest calls there are, what may be told in the end, on what a failure does no harm)
 KINDS = {
@@ -32,7 +32,8 @@ KINDS = {
     # Nothing is lost with a descriptor that was only read from, or is closed before it is written to.
     "close": (30, {"tError_SaveFile", "CantRetrieveContentFile", "FileWrite"},
               f"(?!({CONTENT}|.*-name)$).*"),
-    "fsync": (7, {"CantRetrieveContentFile"}, NEVER),
+    # The session's own folder is synced for the result log alone once it is there.
+    "fsync": (11, {"CantRetrieveContentFile", "UnableToCreateSession"}, f"{SESSION}|{LOGS}"),
     "rename": (10, {"CantRenameFile"}, f".* -> {LOGS}"),
     "mkstemp": (10, {"CantCreateTempFile"}, LOGS),
     # The session belongs to root even where it cannot be given to the service account's group.
@@ -92,7 +93,7 @@ def try_each(source, library, kind, stays, told, harmless):
         saved = Session().exists("transfer.result")
         assert saved or outcome.code == 1 or any("transfer.result" in what for what in failed), failed
         # A document that was written in full stays when it can neither be given away nor moved.
-        leaves = sum(kind in ("chown", "rename") and TEMPORARY.fullmatch(os.path.basename(what.split(" -> ")[0]))
+        leaves = sum(kind in ("chown", "rename", "fsync") and TEMPORARY.fullmatch(os.path.basename(what.split(" -> ")[0]))
                      is not None for what in failed)
         check(outcome, ENTRIES, leaves=leaves, result_saved=saved)
         if not failed:

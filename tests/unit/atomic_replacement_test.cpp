@@ -1,8 +1,24 @@
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "commons/commons.h"
 #include "support.h"
+
+namespace {
+
+/// What is called with the path of each file before it is synced.
+std::function<void(const std::string& path)> onSync;
+
+}  // namespace
+
+/// In place of the C library's.
+extern "C" int fsync(int fd) {
+  char path[4096] = {};
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  if (onSync && readlink(link.c_str(), path, sizeof path - 1) > 0) onSync(path);
+  return static_cast<int>(syscall(SYS_fsync, fd));
+}
 
 TEST(AtomicReplacementTest, ReplacesTheTargetByAPrivateFileOfTheServiceAccount) {
   const ScopedTempDir dir;
@@ -19,6 +35,30 @@ TEST(AtomicReplacementTest, ReplacesTheTargetByAPrivateFileOfTheServiceAccount) 
   EXPECT_EQ(readFile(dir / "target"), "new");
   EXPECT_EQ(ownerAndMode(dir / "target"), "20000:20000 600");
   EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("target"));
+}
+
+TEST(AtomicReplacementTest, PutsTheFileOnTheDiskBeforeAndItsFolderAfterItIsMoved) {
+  const ScopedTempDir dir;
+  writeFile(dir / "target", "old");
+  AtomicReplacement replacement(dir / "target");
+  writeFile(replacement.temporaryName(), "new");
+  std::vector<std::string> syncs;
+  onSync = [&](const std::string& path) {
+    syncs.push_back(path + ", and the target is " + readFile(dir / "target"));
+  };
+  replacement.commit();
+  onSync = nullptr;
+  EXPECT_THAT(syncs, testing::ElementsAre(replacement.temporaryName() + ", and the target is old",
+                                          dir.path() + ", and the target is new"));
+}
+
+TEST(AtomicReplacementTest, SyncsNothingWhenItIsCheap) {
+  const ScopedTempDir dir;
+  int syncs = 0;
+  onSync = [&](const std::string& /*path*/) { ++syncs; };
+  AtomicReplacement(dir / "target", AtomicReplacement::CHEAP).commit();
+  onSync = nullptr;
+  EXPECT_EQ(syncs, 0);
 }
 
 TEST(AtomicReplacementTest, LeavesAnOpenFileOfTheOldTargetItsContent) {

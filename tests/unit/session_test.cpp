@@ -37,6 +37,46 @@ TEST(SessionFilesTest, UsesTheUserNumberOfTheServiceAccountAsGroup) {
   EXPECT_EQ(ownerAndMode(dir / "session/archives"), "0:20005 750");
 }
 
+TEST(SessionFilesTest, SaysInTheSystemLogThatItsGroupIsAnothers) {
+  IN_FRESH_PROCESS();
+  const ScopedFile passwd("/etc/passwd",
+                          "root:x:0:0::/:/bin/sh\nqrvadm:x:20005:20006::/:/bin/sh\n");
+  const ScopedFile group("/etc/group", "users:x:20005:\n");
+  const ScopedTempDir dir;
+  const std::string path = dir / "session";
+  SystemLog systemLog;
+  const std::string line = "The session directory " + path +
+                           " is open to group 20005 (users), which is not the group of the account "
+                           "qrvadm: its members can read what is fetched";
+  for (int run = 0; run < 2; ++run) {
+    const SessionFiles session(path);
+    EXPECT_THAT(systemLog.lines(), testing::ElementsAre(line));
+  }
+  ASSERT_EQ(chmod(path.c_str(), 0700), 0);
+  { const SessionFiles closed(path); }
+  ASSERT_EQ(chown(path.c_str(), 0, 20006), 0);
+  ASSERT_EQ(chmod(path.c_str(), 0750), 0);
+  { const SessionFiles own(path); }
+  EXPECT_THAT(systemLog.lines(), testing::IsEmpty());
+}
+
+TEST(SessionFilesTest, HasNothingToSayOfTheGroupOfTheServiceAccount) {
+  const ScopedTempDir dir;
+  SystemLog systemLog;
+  const SessionFiles session(dir / "session");
+  EXPECT_THAT(systemLog.lines(), testing::IsEmpty());
+}
+
+TEST(SessionFilesTest, IsItsMakersWhereItCannotBeGivenAway) {
+  const ScopedTempDir dir;
+  inChild([&] {
+    becomePlainUser();
+    const SessionFiles session(dir / "session");
+  });
+  EXPECT_EQ(ownerAndMode(dir / "session"), "20001:20001 750");
+  EXPECT_EQ(ownerAndMode(dir / "session/archives"), "20001:20001 750");
+}
+
 TEST(SessionFilesTest, UsesTheGroupOfRootWhereTheServiceAccountDoesNotExist) {
   IN_FRESH_PROCESS();
   const ScopedFile passwd("/etc/passwd", "root:x:0:0::/:/bin/sh\n");
