@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
+#include <poll.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -156,8 +158,21 @@ bool endsInsideLine(int file) {
   return size > 0 && pread(file, &last, 1, size - 1) == 1 && last != '\n';
 }
 
-/// Appends all of the text, on the disk, or leaves the file as it was.
-void appendDurably(int file, const std::string& path, const std::string& text) {
+/// Waits until no other run appends to the file; the lock goes with the descriptor. False after
+/// a time limit: every account that can read the file can hold a lock on it for ever.
+bool lockForAppending(int file) {
+  constexpr int PAUSE_MS = 20;
+  constexpr int MOST_PAUSES = 100;
+  for (int pauses = 0; flock(file, LOCK_EX | LOCK_NB) != 0; ++pauses) {
+    if (errno != EWOULDBLOCK || pauses == MOST_PAUSES) return false;
+    poll(nullptr, 0, PAUSE_MS);
+  }
+  return true;
+}
+
+/// Appends all of the text, on the disk, or leaves the file as it was. The latter only
+/// with `locked`: else another run may have appended since, and its line would go.
+void appendDurably(int file, const std::string& path, const std::string& text, bool locked) {
   struct stat before;
   if (fstat(file, &before) != 0) throwSystemError(path, errno);
   FdStreamBuf buffer(file);
@@ -165,8 +180,8 @@ void appendDurably(int file, const std::string& path, const std::string& text) {
   out << text;
   if (out && fsync(file) == 0) return;
   const int error = buffer.error() ? buffer.error() : errno;
-  if (ftruncate(file, before.st_size) != 0) {
-    // The half line names this server and no key of it: nobody is let in by it.
+  if (!locked || ftruncate(file, before.st_size) != 0) {
+    // The half line names this server and no key of it: it lets no server in.
     sshLog.warn("Unable to take an unfinished line out of " + path);
   }
   throwSystemError(path, error);
@@ -251,10 +266,12 @@ void KnownHosts::add(const HostKey& key) {
   const UniqueFd file(
       open(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0644));
   if (!file) throwSystemError(path_, errno);
-  // In one write: lines of several runs do not mix. An unfinished line of somebody else ends
+  const bool locked = lockForAppending(file.get());
+  // In one write: lines of several runs do not mix. Another program's unfinished line ends
   // before it.
   const std::string before = endsInsideLine(file.get()) ? "\n" : "";
-  appendDurably(file.get(), path_, before + name + " " + key.type() + " " + key.text() + "\n");
+  appendDurably(file.get(), path_, before + name + " " + key.type() + " " + key.text() + "\n",
+                locked);
   if (isNew && !syncFolderOf(path_)) {
     const int error = errno;
     throwSystemError(getFolderOf(path_), error);

@@ -1,6 +1,9 @@
 #include "transport/known_hosts.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +11,19 @@
 #include "commons/ExSystemError.h"
 #include "support.h"
 #include "transport/host_key_check.h"
+
+namespace {
+
+/// What is called before a file is cut off.
+std::function<void()> onTruncate;
+
+}  // namespace
+
+/// In place of the C library's.
+extern "C" int ftruncate(int fd, off_t size) noexcept {
+  if (onTruncate) onTruncate();
+  return static_cast<int>(syscall(SYS_ftruncate, fd, size));
+}
 
 namespace {
 
@@ -197,6 +213,38 @@ TEST_F(KnownHostsTest, LeavesTheFileAsItWasWhenTheDiskIsFull) {
   EXPECT_THROW(known.add(KEY_A), std::runtime_error);
   EXPECT_EQ(readFile(path), text);
   EXPECT_EQ(known.judge(KEY_A), KnownHosts::UNKNOWN);
+}
+
+TEST_F(KnownHostsTest, DoesNotCutOffTheLineOfAnotherRunWhenTheDiskIsFull) {
+  ASSERT_EQ(mkdir((dir_ / "full").c_str(), 0755), 0);
+  const std::string path = dir_ / "full/known_hosts";
+  const ScopedTmpfs full(dir_ / "full", 8192);
+  const std::string text = std::string(8150, '#') + "\n";
+  writeFile(path, text);
+  KnownHosts known(path, "source.example", 22);
+  // The other run does as this one does, once there is room.
+  const UniqueFd other(open(path.c_str(), O_WRONLY | O_APPEND));
+  bool waits = false;
+  onTruncate = [&] { waits = flock(other.get(), LOCK_EX | LOCK_NB) != 0; };
+  EXPECT_THROW(known.add(KEY_A), std::runtime_error);
+  EXPECT_TRUE(waits);
+  onTruncate = nullptr;
+  EXPECT_EQ(flock(other.get(), LOCK_EX | LOCK_NB), 0) << "the lock outlives the line";
+  EXPECT_EQ(readFile(path), text);
+}
+
+TEST_F(KnownHostsTest, IsNotHeldUpForeverByALockAndCutsNothingOffWithoutIt) {
+  ASSERT_EQ(mkdir((dir_ / "full").c_str(), 0755), 0);
+  const std::string path = dir_ / "full/known_hosts";
+  const ScopedTmpfs full(dir_ / "full", 4096);
+  writeFile(path, std::string(4050, '#') + "\n");
+  const UniqueFd reader(open(path.c_str(), O_RDONLY));
+  ASSERT_EQ(flock(reader.get(), LOCK_SH), 0);
+  EXPECT_THROW(KnownHosts(path, "source.example", 22).add(KEY_A), std::runtime_error);
+  EXPECT_EQ(readFile(path).size(), 4096u);
+  writeFile(path, "");
+  KnownHosts(path, "source.example", 22).add(KEY_A);
+  EXPECT_EQ(readFile(path), "source.example" + A_LINE);
 }
 
 TEST_F(KnownHostsTest, AddsNoNameThatMeansSomethingElseInAFile) {
