@@ -101,7 +101,8 @@ void Agent::logContents() const {
 bool AgentsFactory::parseAgent(const std::string& name, const fs::path& agentDir) {
   factoryLog.info("Parsing " + agentDir.string());
   const fs::path specPath = agentDir / AGENTS_CONTROL_DIR / "spec";
-  if (!fs::exists(specPath) || fs::is_directory(specPath)) {
+  boost::system::error_code unusable;
+  if (!fs::exists(specPath, unusable) || fs::is_directory(specPath, unusable)) {
     factoryLog.warn((boost::format("%1% is not a regular file") % specPath.string()).str());
     return false;
   }
@@ -119,13 +120,17 @@ bool AgentsFactory::parseAgent(const std::string& name, const fs::path& agentDir
 bool AgentsFactory::parseAgent(const std::string& name) {
   factoryLog.info("Parsing " + name);
   const fs::path agentDir = fs::path(files::agents::getDir()) / name;
-  return fs::is_directory(agentDir) && parseAgent(name, agentDir);
+  // A name may be one that no file can have.
+  boost::system::error_code unusable;
+  return fs::is_directory(agentDir, unusable) && parseAgent(name, agentDir);
 }
 
 const AgentsFactory::Agents& AgentsFactory::getAllAgents() {
   factoryLog.info(std::string("Parsing available agents info"));
   for (const fs::directory_entry& entry : fs::directory_iterator(files::agents::getDir())) {
-    if (fs::is_directory(entry.path())) parseAgent(entry.path().filename().string());
+    boost::system::error_code unusable;
+    if (!fs::is_directory(entry.path(), unusable)) continue;
+    parseAgent(entry.path().filename().string());
   }
   return agents_;
 }

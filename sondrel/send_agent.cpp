@@ -16,6 +16,17 @@ namespace {
 
 log4cpp::Category& sendAgentLog = log4cpp::Category::getInstance("k.SendAgentAction");
 
+bool isThere(const fs::path& path) {
+  boost::system::error_code unusable;
+  return fs::exists(path, unusable);
+}
+
+/// False, too, for what cannot be looked at, as a link that leads to itself.
+bool isDirectory(const fs::path& path) {
+  boost::system::error_code unusable;
+  return fs::is_directory(path, unusable);
+}
+
 /// What stays here of the tree that begins at `root`.
 bool isLeftOut(const fs::path& root, const fs::path& local) {
   return local.parent_path().string() == root.string() && local.filename() == AGENTS_CONTROL_DIR;
@@ -24,7 +35,7 @@ bool isLeftOut(const fs::path& root, const fs::path& local) {
 int countFilesIn(const fs::path& root) {
   int files = 0;
   recursive_dir_walk(root, [&](const fs::path& local, const fs::path& /*remote*/) {
-    if (fs::is_directory(local)) return !isLeftOut(root, local);
+    if (isDirectory(local)) return !isLeftOut(root, local);
     ++files;
     return true;
   });
@@ -37,12 +48,12 @@ void SendAgentAction::execute() {
   sendAgentLog.notice("Copying agent " + getConfig().agent_name + " to the remote host.");
   const fs::path agentsDir = files::agents::getDir();
   const fs::path sharedDir = agentsDir / AGENTS_SHARED_DIR;
-  if (!fs::exists(sharedDir)) throw Exc<&NoSharedAgentsDirectory>(HERE);
+  if (!isThere(sharedDir)) throw Exc<&NoSharedAgentsDirectory>(HERE);
   if (theProgressLine) countFiles(agentsDir);
   const auto display = showProgress([this] { return describe(); });
   sendTree(sharedDir);
   const fs::path agentDir = agentsDir / getConfig().agent_name;
-  if (!fs::exists(agentDir)) throw Exc<&NoAgentDirectory>(HERE) % agentDir.string();
+  if (!isThere(agentDir)) throw Exc<&NoAgentDirectory>(HERE) % agentDir.string();
   sendTree(agentDir);
   sendAgentLog.notice(std::string("Getting agent deployment status"));
   requestAgentStatus();
@@ -66,15 +77,19 @@ std::string SendAgentAction::describe() const {
 }
 
 void SendAgentAction::sendTree(const fs::path& dir) {
-  recursive_dir_walk_sync(dir, getConfig().agent_dir,
-                          [this, &dir](const fs::path& local, const fs::path& remote) {
-                            return sendFile(dir, local, remote);
-                          });
+  try {
+    recursive_dir_walk_sync(dir, getConfig().agent_dir,
+                            [this, &dir](const fs::path& local, const fs::path& remote) {
+                              return sendFile(dir, local, remote);
+                            });
+  } catch (const fs::filesystem_error& e) {
+    throw Exc<&CantReadAgentDirectory>(HERE) % e.path1().string() % e.code().message();
+  }
 }
 
 bool SendAgentAction::sendFile(const fs::path& root, const fs::path& local,
                                const fs::path& remote) {
-  if (!fs::is_directory(local)) {
+  if (!isDirectory(local)) {
     sendAgentLog.info("remote <copy " + remote.string() + " (from " + local.string() + ")");
     uploadFile(local.string(), remote.string());
     return true;

@@ -8,6 +8,7 @@ DECLARE_ERROR_TAG(NoSharedAgentsDirectory, "'shared' agents directory not found"
 DECLARE_ERROR_TAG(NoAgentDirectory, "Directory for agent '%1%' does not exist");
 DECLARE_ERROR_TAG(CantCreateAgentDirectory,
                   "Can't create agent directory %1% on the remote host: %2%");
+DECLARE_ERROR_TAG(CantReadAgentDirectory, "Can't read agent directory %1%: %2%");
 DECLARE_ERROR_TAG(CantUploadAgentFile, "Can't upload agent file %1% to the remote host: %2%");
 DECLARE_ERROR_TAG(CantRequestAgentStatus,
                   "Cannot request remote agent status using command line %1%: %2%");

@@ -59,6 +59,47 @@ def test_merges_the_shared_files_and_those_of_the_agent(source, login):
     assert Session().status() == ("migration-status", [], "", [("idle", [], "", [])])
 
 
+@pytest.mark.parametrize("name, wanted", [
+    ("n" * 300, ("NoAgentDirectory", f"Directory for agent '{AGENTS}/{'n' * 300}' does not exist")),
+    ("loop", ("NoAgentDirectory", f"Directory for agent '{AGENTS}/loop' does not exist")),
+], ids=["too long", "a link to itself"])
+def test_name_that_no_directory_can_have_is_reported(source, name, wanted):
+    install_agent(SCRIPT)
+    os.symlink("loop", f"{AGENTS}/loop")
+    outcome = Destination(PLAIN, agent=name).run("deploy-agent")
+    assert (outcome.code, outcome.stderr.decode()) == (2, wanted[1])
+    assert [message[0] for message in Session().messages()] == [wanted[0]]
+
+
+@pytest.mark.parametrize("action", ["dump-all", "get-content"])
+def test_name_that_no_directory_can_have_is_reported_by_other_actions(action):
+    install_agent(SCRIPT)
+    assert Destination(PLAIN, agent="n" * 300).run(action).code == 2
+    result = "transfer.result" if action == "get-content" else "migration.result"
+    assert [message[0] for message in Session().messages(result)[0][3]] == ["AgentNotFound"]
+
+
+def test_spec_that_is_a_link_to_itself_is_no_spec(source):
+    install_agent(SCRIPT, spec=None)
+    os.makedirs(f"{AGENTS}/sample/control", exist_ok=True)
+    os.symlink("spec", f"{AGENTS}/sample/control/spec")
+    outcome = Destination(PLAIN).run("deploy-agent")
+    assert outcome.code == 2 and [message[0] for message in Session().messages()] == ["AgentNotFound"]
+
+
+def test_link_that_leads_back_is_left_out(source):
+    install_agent(SCRIPT)
+    write(f"{AGENTS}/sample/d/file", "1")
+    os.symlink(".", f"{AGENTS}/sample/d/again")
+    os.symlink("..", f"{AGENTS}/sample/d/up")
+    os.symlink("itself", f"{AGENTS}/sample/itself")
+    assert Destination(PLAIN).run("deploy-agent").code == 0
+    assert files_below(PLAIN.agent_dir) == {b"agent": SCRIPT.encode(), b"d/file": b"1", b"itself": b""}
+    assert sorted(os.listdir(f"{PLAIN.agent_dir}/d")) == ["file"]
+    for name in ("again", "up"):
+        assert f"{AGENTS}/sample/d/{name} leads back to a directory above it and is left out\n" in Session().log()
+
+
 def test_sends_these_very_lines(source):
     install_agent(SCRIPT)
     os.unlink(f"{AGENTS}/sample/agent")

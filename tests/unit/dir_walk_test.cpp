@@ -85,6 +85,32 @@ TEST_F(DirWalkTest, FollowsSymbolicLinksToFolders) {
                                             "tree/empty/link/file -> r/link/file"));
 }
 
+TEST_F(DirWalkTest, DoesNotFollowALinkThatLeadsBackToAFolderAboveIt) {
+  ASSERT_EQ(symlink(".", (tree_ + "/sub/deep/again").c_str()), 0);
+  ASSERT_EQ(symlink("../..", (tree_ + "/sub/deep/up").c_str()), 0);
+  // The same folder twice, and neither below the other.
+  ASSERT_EQ(symlink("../empty", (tree_ + "/sub/beside").c_str()), 0);
+  CategoryRecorder log("k.RecursiveDirIterator");
+  recursive_dir_walk_sync(tree_, "r", noting());
+  EXPECT_THAT(
+      visits_,
+      testing::UnorderedElementsAre(
+          "tree -> r", "tree/top -> r/top", "tree/sub -> r/sub", "tree/sub/a b -> r/sub/a b",
+          "tree/sub/beside -> r/sub/beside", "tree/sub/deep -> r/sub/deep",
+          "tree/sub/deep/\n\xC3\xA4' -> r/sub/deep/\n\xC3\xA4'", "tree/empty -> r/empty"));
+  const std::string leftOut = " leads back to a directory above it and is left out";
+  EXPECT_THAT(log.lines(),
+              testing::UnorderedElementsAre(
+                  "WARN k.RecursiveDirIterator: " + tree_ + "/sub/deep/again" + leftOut,
+                  "WARN k.RecursiveDirIterator: " + tree_ + "/sub/deep/up" + leftOut));
+}
+
+TEST_F(DirWalkTest, VisitsALinkThatLeadsToItselfAsAFile) {
+  ASSERT_EQ(symlink("link", (tree_ + "/empty/link").c_str()), 0);
+  recursive_dir_walk_sync(tree_ + "/empty", "r", noting());
+  EXPECT_THAT(visits_, testing::ElementsAre("tree/empty -> r", "tree/empty/link -> r/link"));
+}
+
 TEST_F(DirWalkTest, RefusesAnEmptyVisitor) {
   EXPECT_THROW(recursive_dir_walk_sync(tree_, "r", DirVisitor()), boost::bad_function_call);
   EXPECT_THROW(recursive_dir_walk(tree_, DirVisitor()), boost::bad_function_call);
