@@ -295,7 +295,8 @@ for my $what (sort keys %SELECTED) {
 dumped('absent,b.test', '--dump-domains=-');
 is problem_of('absent', 'no such domain'), 'error', 'an unknown name is a problem';
 is_deeply members('content/sites/b.test.tar.gz'),
-    [qw(./etc/nginx/sites-enabled/b ./home/alice/app/public/index.php)],
+    [qw(./etc/nginx/sites-enabled/b ./etc/systemd/system/shop.service ./etc/systemd/system/shop.timer
+        ./home/alice/app/public/index.php ./var/spool/cron/crontabs/alice)],
     'a site whose root was shared has it when it is dumped alone';
 dumped('bob', '--dump-clients=-', '--only-mail');
 is found('count(//site)'), 0, 'only mail tells nothing of sites';

@@ -33,6 +33,8 @@ my %COLLECT = (
     sslcacertificatefile => \&add_file, sslcarevocationfile => \&add_file,
     proxypass => \&add_proxy, proxypassmatch => \&add_proxy, sethandler => \&add_handler,
     addhandler => \&add_handler, fcgidwrapper => \&add_wrapper,
+    wsgiscriptalias => \&add_script, wsgiscriptaliasmatch => \&add_script, wsgidaemonprocess => \&add_daemon,
+    passengerapproot => \&add_program,
     suexecusergroup => \&add_user, assignuserid => \&add_user,
 );
 
@@ -242,11 +244,11 @@ sub host_blocks {
     $block->{php_module} = $base->{php_module} if $base->{php_module};
     my $own = $self->document_root(@plain);
     my @own_hosts = defined $last{virtualdocumentroot} ? $self->add_folders($last{virtualdocumentroot}) : ();
-    my $forwards = @{ $block->{redirects} } || @{ $block->{proxies} };
+    my $forwards = @{ $block->{redirects} } || @{ $block->{proxies} } || @{ $block->{programs} };
     $own = $base->{root} if !defined $own && !$forwards && !@{ $block->{roots} };
     $block->{root} = $own if defined $own;
-    $block->{content} = (defined $block->{root} || @{ $block->{roots} } || @{ $block->{proxies} })
-        && !$self->leads_away ? 1 : 0;
+    $block->{content} = (defined $block->{root} || @{ $block->{roots} } || @{ $block->{proxies} }
+            || @{ $block->{programs} }) && !$self->leads_away ? 1 : 0;
     # A host of the same name may have another one.
     add_once($block->{roots}, $block->{root}) if $block->{content};
     $self->add_global_access;
@@ -426,6 +428,31 @@ sub add_wrapper {
     my ($self, $path, $file) = @_;
     $self->{block}{php_wrapper} = $file;
     add_once($self->{block}{files}, $file);
+    return;
+}
+
+# Programs that a module of the server runs: "WSGIScriptAlias /address file [option=value...]".
+sub add_script {
+    my ($self, $path, $from, $to) = @_;
+    $self->add_program($path, $to) if defined $to;
+    return;
+}
+
+# Directories of a program: "WSGIDaemonProcess name [option=value...]".
+sub add_daemon {
+    my ($self, $path, $name, @options) = @_;
+    for my $option (@options) {
+        my ($key, $value) = $option =~ /\A([\w-]+)=(.*)\z/ or next;
+        $self->{block}{php_user} = $value if $key eq 'user';
+        $self->add_program($path, $_) for $key =~ /\A(?:home|python-home)\z/ ? $value
+            : $key eq 'python-path' ? split /:/, $value : ();
+    }
+    return;
+}
+
+sub add_program {
+    my ($self, $path, $program) = @_;
+    add_once($self->{block}{programs}, $self->folder($program));
     return;
 }
 

@@ -9,7 +9,7 @@ use Agent::Archive;
 use Agent::Private;
 use Agent::Status;
 use Agent::Tar;
-use Errno qw(ENOENT);
+use Errno qw(ENOENT ENOTDIR);
 use Linux::Site qw(below is_of_system);
 use Linux::System;
 
@@ -52,7 +52,8 @@ sub objects {
     my ($self, %part) = @_;
     my @plan;
     for my $domain (@{ $part{domains} }) {
-        push @plan, $self->site($domain) if $domain->{site};
+        push @plan, $self->site($domain, \%part) if $domain->{site} && ($self->{options}{only}
+            || '') ne 'mail';
         push @plan, $self->objects(databases => $domain->{databases}, mailboxes => $domain->{mailboxes});
     }
     push @plan, map { $self->database($_) } @{ $part{databases} || [] };
@@ -113,25 +114,52 @@ sub home_of {
 }
 
 sub site {
-    my ($self, $domain) = @_;
+    my ($self, $domain, $part) = @_;
     my $site = $domain->{site};
+    $self->{inventory}->parts->describe($site);
     my (@paths, @with);
-    for my $root (@{ $site->{roots} }) {
-        my $real = $self->{tree}->real($root);
-        $real = $root if !defined $real;
+    for my $path (@{ $site->{packed} }) {
+        my $real = $self->{tree}->real($path);
+        $real = $path if !defined $real;
         if (is_of_system($real)) {
-            $self->problem('error', $domain->{name}, "$root is a folder of the system and is not packed");
+            $self->problem('error', $domain->{name}, "$path is a directory of the system and is not packed");
             next;
         }
         my $other = $self->{packed}{$real} ||= $domain;
-        if ($other == $domain) { push @paths, $root }
+        if ($other == $domain) { push @paths, $path, @{ $site->{ways}{$path} || [] } }
         else                   { push @with, $other }
     }
     push @paths, @{ $site->{config} }, @{ $site->{files} || [] }, values %{ $site->{tls} || {} };
     push @paths, $site->{php}{pool_file} if $site->{php};
+    push @paths, $self->files_of_jobs($part);
+    my $home = $part && $part->{whole} ? $self->home_of($part->{client}) : undef;
+    $self->name_beside($domain, $home);
+    my %seen;
     return $self->item('site', $domain->{name}, $domain, $self->name_for('sites', $domain->{name}, '.tar'),
-        paths => [grep { defined && m{\A/} } @paths], with => \@with,
-        left_out => ['mailboxes']);
+        paths => [grep { defined && m{\A/} } @paths], with => [grep { !$seen{$_}++ } @with], home => $home,
+        site => $site, left_out => ['mailboxes']);
+}
+
+# Files with jobs and units of an account of which only some domains are packed, once for all of them.
+sub files_of_jobs {
+    my ($self, $part) = @_;
+    return if !$part || $part->{whole} || $part->{has_jobs}++;
+    my @files = ((map { $_->{file} } @{ $part->{jobs} || [] }),
+        map { ($_->{file}, @{ $_->{needs} }) } @{ $part->{units} || [] });
+    my %seen;
+    return grep { !$seen{$_}++ && $self->{tree}->exists($_) } @files;
+}
+
+# Names what an application may need and no archive has.
+sub name_beside {
+    my ($self, $domain, $home) = @_;
+    my $real = defined $home ? $self->{tree}->real($home) : undef;
+    for my $beside (@{ $domain->{site}{beside} || [] }) {
+        next if defined $real && below($beside->{directory}, $real);
+        $self->problem('error', $domain->{name}, "$beside->{directory} is not packed, though $beside->{text}:"
+            . ' copy what the site needs by hand, or dump the whole client if it is in the client\'s home');
+    }
+    return;
 }
 
 sub database {
@@ -242,19 +270,9 @@ sub dump_database {
 
 sub pack_item {
     my ($self, $item, $notes) = @_;
-    my ($tree, $kept) = @$self{qw(tree kept)};
+    my $kept = $self->{kept};
     my @paths = grep { $self->is_there($_, $item->{label}) } @{ $item->{paths} };
-    my %seen;
-    @paths = grep { !$seen{$_}++ } map { $tree->trail($_) } @paths;
-    my @folders = grep { $tree->is_dir($_) } @paths;
-    my @inside = grep { my $path = $_; grep { below($path, $_) } @folders }
-        map { $self->folders_of($_) } @{ $item->{left_out} || [] };
-    my @exclude = ($self->{private}->dir, $self->of_kernel($item, @folders), map { $tree->path($_) } @inside);
-    my $tar = Agent::Tar->new(
-        private => $self->{private}, top => $tree->root, paths => \@paths, exclude => \@exclude,
-        note => sub { $self->note($item, $notes, @_) },
-    );
-    my $found = $tar->scan;
+    my ($tar, $found) = $self->scanned($item, $notes, @paths);
     $self->{owners}{$_} = 1 for keys %{ $found->{owners} };
     my $old = $kept->find($item->{name});
     return $old if $old && $old->{fingerprint} eq $found->{fingerprint};
@@ -264,6 +282,97 @@ sub pack_item {
     $tar->pack($archive);
     # What was said while it was packed must be said again with the next dump.
     return $kept->add($archive->complete, $notes->{packing} ? $NOT_REUSABLE : $found->{fingerprint});
+}
+
+# Looks at all files of an object, and at those that links of a site lead to, until no link leads to
+# more: (Agent::Tar, what its scan has found).
+sub scanned {
+    my ($self, $item, $notes, @paths) = @_;
+    my %taken;
+    while (1) {
+        my (@said, @links);
+        my $tar = $self->tar_of($item, \@paths, leads_out => sub { push @links, [@_] },
+            note => sub { push @said, [@_] });
+        my $found = $tar->scan;
+        @links = grep { !$self->is_inside($tar, $_->[0]) } @links;
+        my @more = grep { !$taken{$_}++ } map { $self->behind_link($item, @$_) } @links;
+        if (@more) {
+            push @paths, @more;
+            push @{ $item->{site}{packed} }, @more;
+            next;
+        }
+        $tar->{note} = sub { $self->note($item, $notes, @_) };
+        $tar->{note}->(@$_) for @said;
+        $self->note_links($item, $notes, @links);
+        return ($tar, $found);
+    }
+}
+
+# Tells if a link leads into its archive by a way that has links itself.
+sub is_inside {
+    my ($self, $tar, $link) = @_;
+    my $real = $self->{tree}->real($link);
+    return defined $real && grep { below($real, $_) } $tar->starts;
+}
+
+sub tar_of {
+    my ($self, $item, $paths, %options) = @_;
+    my $tree = $self->{tree};
+    my %seen;
+    my @paths = grep { !$seen{$_}++ } map { $tree->trail($_) } @$paths;
+    my @folders = grep { $tree->is_dir($_) } @paths;
+    my @inside = grep { my $path = $_; grep { below($path, $_) } @folders }
+        map { $self->folders_of($_) } @{ $item->{left_out} || [] };
+    my @exclude = ($self->{private}->dir, $self->of_kernel($item, @folders), map { $tree->path($_) } @inside);
+    return Agent::Tar->new(private => $self->{private}, top => $tree->root, paths => \@paths,
+        exclude => \@exclude, %options);
+}
+
+# What a link of a site leads to, if it is to be packed with the site: not the system's, not what
+# holds many things, and of the account that made the link where that was not root.
+sub behind_link {
+    my ($self, $item, $link) = @_;
+    my $tree = $self->{tree};
+    my $real = $item->{site} ? $tree->real($link) : undef;
+    return if !defined $real || !$self->{inventory}->parts->is_place($real);
+    return if defined $item->{home} && below($real, $tree->real($item->{home}));
+    my ($maker) = ($tree->lstat($link))[4];
+    my ($owner) = ($tree->stat($real))[4];
+    return $maker && $maker != $owner ? () : $real;
+}
+
+# Says of links that lead out of their archive what is there.
+sub note_links {
+    my ($self, $item, $notes, @links) = @_;
+    my $tree = $self->{tree};
+    my %real = map { $_->[0] => $tree->real($_->[0]) } @links;
+    my $brought = $self->{inventory}->parts->brought_by_packages(grep {defined} values %real);
+    for my $link (sort { $a->[0] cmp $b->[0] } @links) {
+        my ($path, $target) = @$link;
+        my $real = $real{$path};
+        my ($severity, $text) = !defined $real ? $self->of_broken_link($path)
+            : $brought->{$real} ? ('warning', 'is not packed: install there what it belongs to')
+            : $self->of_link($item, $real);
+        $self->note($item, $notes, $severity, $path, "is a symbolic link to $target, which $text");
+    }
+    return;
+}
+
+sub of_broken_link {
+    my ($self, $path) = @_;
+    my $is_there = defined $self->{tree}->real($path) || $! != ENOENT && $! != ENOTDIR;
+    return $is_there ? ('error',
+        "cannot be followed ($!) and is in no archive with it: copy it by hand if it is needed")
+        : ('info', 'is not there');
+}
+
+sub of_link {
+    my ($self, $item, $real) = @_;
+    my $home = defined $item->{home} ? $self->{tree}->real($item->{home}) : undef;
+    return ('info', 'is in the archive of the client') if defined $home && below($real, $home);
+    return ('info', 'is of a site and in its archive') if grep { below($real,
+        $_) } $self->folders_of('sites');
+    return ('error', 'is not packed: copy it by hand');
 }
 
 # File systems of the kernel below some folders, as a home that is a jail has: to read them
@@ -282,7 +391,8 @@ sub folders_of {
     my ($self, $kind) = @_;
     my $folders = $self->{folders}{$kind} ||= [
         grep {defined} map { $self->{tree}->real($_) }
-            map { $kind eq 'sites' ? @{ $_->{roots} } : $_->{path} } $self->{inventory}->$kind
+            map { $kind eq 'sites' ? $self->{inventory}->parts->directories_of($_) : $_->{path} }
+                $self->{inventory}->$kind
     ];
     return @$folders;
 }

@@ -21,7 +21,7 @@ my @OF_SITE = (
     [redirects => 'redirect', qw(from to code server names listen)],
     [access => 'access', qw(path rule)],
     [roots => 'root'], [config => 'config'], [files => 'needs'], [logs => 'log'], [proxies => 'proxy'],
-    [shares_root_with => 'shares-root-with'],
+    [shares_root_with => 'shares-root-with'], [applications => 'application', qw(kind directory because)],
 );
 
 # tree, options, selection, inventory, problems, server => { facts, content }.
@@ -86,16 +86,16 @@ sub clients {
 sub client {
     my ($self, $part) = @_;
     my $client = $part->{client};
-    my $has_jobs = $part->{whole} && $self->has_hosting;
-    my $cron = $client->{cron} && $has_jobs ? $client->{cron} : { jobs => [] };
+    my ($jobs, $units) = !$self->has_hosting ? ([], [])
+        : $part->{whole} ? (($client->{cron} || {})->{jobs}, $client->{units}) : @$part{qw(jobs units)};
     return element('client', [
         (map { $_ => $client->{$_} } qw(name uid gid group home shell)),
         system => $client->{system} ? 'yes' : 'no', whole => $part->{whole} ? 'yes' : 'no',
     ],
         ($part->{whole} ? contents($client) : ()),
         each_as('group', [qw(name gid)], $self->{inventory}->users->memberships($client->{name})),
-        (map { cron_job($_) } @{ $cron->{jobs} }),
-        ($has_jobs ? map { unit($_) } @{ $client->{units} || [] } : ()),
+        (map { cron_job($_) } @{ $jobs || [] }),
+        (map { unit($_) } @{ $units || [] }),
         $self->objects(%$part));
 }
 
@@ -184,10 +184,32 @@ sub site {
         my ($list, $name, @attributes) = @$_;
         each_as($name, \@attributes, @{ $site->{$list} || [] });
     } @OF_SITE;
+    $self->{inventory}->parts->describe($site);
     return element('site', [
         server => join(' ', @{ $site->{servers} || [$site->{server}] }), root => $site->{root},
         owner => $site->{owner}, group => $site->{group}, because => $site->{owner_because},
-    ], php($site->{php}), $self->tls($site), @properties, Linux::WebElements::blocks($site));
+    ], php($site->{php}), $self->tls($site), @properties, services($site), packages($site),
+        each_as('packed', [], @{ $site->{packed} }), Linux::WebElements::blocks($site));
+}
+
+sub services {
+    my ($site) = @_;
+    return map {
+        my $service = $_;
+        element('service', [map { $_ => $service->{$_} }
+            qw(address unit file account directory program version runtime found)],
+            each_as('needs', [], @{ $service->{files} }))
+    } @{ $site->{services} };
+}
+
+sub packages {
+    my ($site) = @_;
+    return map {
+        my $package = $_;
+        element('package', [map { $_ => $package->{$_} }
+            qw(name version architecture manager because changed)],
+            each_as('directory', [], @{ $package->{directories} }))
+    } @{ $site->{packages} };
 }
 
 # Blocks of sites refer to these, whatever is selected.

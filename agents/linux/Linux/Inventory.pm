@@ -8,6 +8,7 @@ use Linux::Cron;
 use Linux::Databases;
 use Linux::Mail;
 use Linux::Resellers;
+use Linux::SiteParts;
 use Linux::Sites;
 use Linux::Units;
 use Linux::Users;
@@ -21,6 +22,8 @@ sub new {
     my $self = bless { tree => $tree, problems => $problems }, $class;
     $self->{users} = Linux::Users->new($tree);
     @$self{qw(sites configurations)} = @{ Linux::Sites::look($tree, $problems) }{qw(sites configurations)};
+    $tick->();
+    $self->{parts} = Linux::SiteParts->new(map { $_ => $self->{$_} } qw(tree problems users sites));
     $tick->();
     $self->{cron} = Linux::Cron::all($tree, $problems);
     $self->{units} = [Linux::Units::all($tree, $problems, $self->{users})];
@@ -52,6 +55,9 @@ sub sites { return @{ $_[0]{sites} } }
 # What the configurations of web servers say besides their sites, see Linux::Sites.
 sub configurations { return @{ $_[0]{configurations} } }
 
+# The object that knows what sites consist of.
+sub parts { return $_[0]{parts} }
+
 sub databases { return @{ $_[0]{databases} } }
 
 sub mailboxes { return @{ $_[0]{mailboxes} } }
@@ -76,6 +82,35 @@ sub servers { return $_[0]{database_servers}->servers }
 
 # The object that dumps databases.
 sub database_servers { return $_[0]{database_servers} }
+
+# (jobs => [...], units => [...]) of a client that may concern some of its domains: for an account of a
+# person all but those that name files of its other domains only, for others those that name files of
+# these domains.
+sub jobs_for {
+    my ($self, $client, @domains) = @_;
+    my %wanted = map { $_ => 1 } @domains;
+    my @others = grep { !$wanted{$_} } @{ $client->{domains} };
+    my ($own, $of_others) = map { names_one_of($self->directories_of(@$_)) } \@domains, \@others;
+    my $concerns = sub {
+        my $text = join ' ', grep {defined} @_;
+        return $text =~ $own || !$client->{system} && $text !~ $of_others;
+    };
+    return (
+        jobs => [grep { $concerns->($_->{command}) } @{ ($client->{cron} || {})->{jobs} || [] }],
+        units => [grep { $concerns->(@$_{qw(program directory)}) } @{ $client->{units} || [] }],
+    );
+}
+
+sub directories_of {
+    my ($self, @domains) = @_;
+    return map { $_->{site} ? (@{ $_->{site}{roots} }, $self->parts->directories_of($_->{site}))
+        : () } @domains;
+}
+
+sub names_one_of {
+    my $directories = join '|', map {quotemeta} @_;
+    return length $directories ? qr{(?:$directories)(?![\w.-])} : qr/(?!)/;
+}
 
 # The units that belong to no client: those of the system, and of accounts without sites.
 sub units_of_others {

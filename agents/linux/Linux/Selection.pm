@@ -26,7 +26,8 @@ sub new {
 }
 
 # [{ client, whole, domains, databases, mailboxes }]: databases and mailboxes that are
-# in none of the domains; whole is 1 where everything of the client was asked for.
+# in none of the domains; whole is 1 where everything of the client was asked for. Where not, also jobs
+# and units, those of the client that may concern the domains.
 sub clients { return @{ $_[0]{clients} } }
 
 # { domains, databases, mailboxes } of no client.
@@ -46,9 +47,11 @@ sub whole {
 sub part {
     my ($self, $client, @domains) = @_;
     my @left = grep { !$_->{in} } @{ $client->{databases} };
-    $self->problem('info', $client->{name}, 'Databases that belong to none of its sites are in a dump of '
-        . 'the whole client only: ' . join(', ', sort map { $_->{name} } @left)) if @left;
-    return { client => $client, whole => 0, domains => \@domains, databases => [], mailboxes => [] };
+    $self->problem('error', $client->{name}, 'Databases that belong to none of its sites are in a dump of '
+        . 'the whole client only: ' . join(', ', sort map { $_->{name} } @left)
+        . '; dump the client too if the selected domains use them') if @left;
+    return { client => $client, whole => 0, domains => \@domains, databases => [], mailboxes => [],
+        $self->{inventory}->jobs_for($client, @domains) };
 }
 
 sub clients_asked_for {

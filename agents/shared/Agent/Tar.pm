@@ -19,6 +19,7 @@ my $PASSES       = 3;
 my $END          = "\0" x 1024;
 my $MADE_HOW     = 'posix 2';
 my $MOST_FOREIGN = 1000;
+my $MOST_NAMES   = 1000;
 # How far the clock of a file system may be behind that of programs.
 my $CLOCK_SECONDS = 0.05;
 
@@ -26,15 +27,19 @@ my $FACTS = '%D:%i %d %y %m %U %G %n %s %b %T@ %C@\0%l\0%p\0';
 
 # private => Agent::Private, top => the folder that is the system's "/", paths =>
 # [paths in it without links on the way], exclude => [folders that are left out, as the
-# running system finds them], note => sub { ($severity, $object, $text) }.
+# running system finds them], note => sub { ($severity, $object, $text) }, leads_out => sub {
+# ($link, $target) }, called by the first scan for links to what is not in the archive.
 sub new {
     my ($class, %options) = @_;
-    my $self = bless { exclude => [], note => sub { }, %options }, $class;
+    my $self = bless { exclude => [], note => sub { }, leads_out => sub { }, %options }, $class;
     ($self->{before} = $self->{top}) =~ s{/+\z}{};
     $self->{starts} = [outermost(@{ $self->{paths} })];
     $self->{parts} = [$self->parts];
     return $self;
 }
+
+# The paths that are packed, with all below them.
+sub starts { return @{ $_[0]{starts} } }
 
 # The paths that do not lie below another one of them.
 sub outermost {
@@ -49,18 +54,19 @@ sub outermost {
     return @kept;
 }
 
-# What is packed from one folder: { folder, names => [as the programs are given them] }.
+# What is packed by one run from one folder: { folder, names => [as the programs are given them] }.
 # All that only root could move is packed from the root of the system.
 sub parts {
     my ($self) = @_;
-    my (@parts, $fixed);
+    my (@parts, %part);
     for my $start (@{ $self->{starts} }) {
         my ($folder, $name) = $start =~ m{\A(.*)/([^/]*)\z}s;
-        if ($self->is_fixed($folder)) {
-            push @parts, $fixed = { folder => '', names => [] } if !$fixed;
-            push @{ $fixed->{names} }, ".$start";
-        }
-        else { push @parts, { folder => $folder, names => ["./$name"] } }
+        ($folder, $name) = ('', substr $start, 1) if $self->is_fixed($folder);
+        my $part = $part{$folder};
+        # The arguments of a program have a limit.
+        push @parts, $part = $part{$folder} = { folder => $folder, names => [] }
+            if !$part || @{ $part->{names} } >= $MOST_NAMES;
+        push @{ $part->{names} }, "./$name";
     }
     return @parts;
 }
@@ -203,7 +209,7 @@ sub leave_out_foreign {
     return;
 }
 
-# Says when what a link points to is not in the archive.
+# Calls back when what a link points to is not in the archive.
 sub check_link {
     my ($self, $path, $target) = @_;
     my ($folder) = $path =~ m{\A(.*)/}s;
@@ -217,7 +223,7 @@ sub check_link {
     # A link on the way to the files has them packed under their own path.
     return if grep { $path eq $_ } @{ $self->{starts} };
     return if grep { $to eq $_ || index($to, "$_/") == 0 } @{ $self->{starts} };
-    $self->{note}->('info', $path, "is a symbolic link to $target, which is not in this archive");
+    $self->{leads_out}->($path, $target);
     return;
 }
 
