@@ -150,9 +150,8 @@ server { listen 127.0.0.1:$port; server_name e.test; location ~ ^/mark[e]r\$ { r
 server { listen 127.0.0.1:$port; server_name q.test; location ~ "^/(?!x{2,3}).*" { root '$folder/quoted/in'; } root $folder; }
 END
     write_file("$folder/sites/snippet", "root $folder/\$inner;\n");
-    local @Linux::Nginx::MAIN_FILES = ("$folder/nginx.conf");
     my $problems = Agent::Problems->new;
-    my $found = Linux::Nginx::look(Linux::Tree->new, $problems);
+    my $found = Linux::Nginx::look(Linux::Tree->new, $problems, instances => [{ main => "$folder/nginx.conf", prefix => $folder }]);
     my @sites = @{ $found->{sites} };
     is_deeply [sort map { $_->{name} } @sites], [sort "default-$port",
         map {"$_.test"} qw(a b h1 set m x.map r7 inherits q l s e m1 m2)],
@@ -253,9 +252,8 @@ Use Site macro.test www.macro.test macro
   VirtualDocumentRoot \${TOP}/v/%0
 </VirtualHost>
 END
-    local @Linux::Apache::MAIN_FILES = ("$folder/apache2.conf");
     my $problems = Agent::Problems->new;
-    my $found = Linux::Apache::look(Linux::Tree->new, $problems);
+    my $found = Linux::Apache::look(Linux::Tree->new, $problems, instances => [{ main => "$folder/apache2.conf" }]);
     my @sites = @{ $found->{sites} };
     is_deeply [sort map { $_->{name} } @sites],
         [sort 'v.invalid', map {"$_.test"} qw(a b blank nothing x.w conditional macro v1 v2)],

@@ -7,16 +7,25 @@ use warnings;
 use Agent::Process qw(run which breathe);
 use Errno qw(EACCES);
 use Linux::ApacheConfig;
+use Linux::ConfigReader;
 use Linux::Definitions;
+use Linux::HostProgram qw(program);
 use Linux::Site qw(
     new_block source_of add_once is_host_name target_host join_blocks below is_packaged
 );
 use Linux::Tree;
+use Linux::WebServers;
 
-our @MAIN_FILES = qw(
+# Where the main file is, where the server does not say it.
+my @MAIN_FILES = qw(
     /etc/apache2/apache2.conf /etc/httpd/conf/httpd.conf /usr/local/apache2/conf/httpd.conf
     /etc/apache2/httpd.conf
 );
+
+my @PROGRAMS = qw(apache2 httpd /usr/local/apache2/bin/httpd);
+
+my $LIMIT = 10;
+my $MOST_BYTES = 16 * 1024 * 1024;
 
 my $MOST_NAMED = 20;
 
@@ -50,16 +59,71 @@ sub version {
 }
 
 # The sites of the host, and what its configurations say besides: { sites, configurations }.
+# servers => Linux::WebServers, which knows those that run; instances => [as instances() gives
+# them], where others are not to be looked for.
 sub look {
-    my ($tree, $problems) = @_;
-    my $config = Linux::ApacheConfig->new(tree => $tree, problems => $problems);
-    my $main = $config->first_of(@MAIN_FILES);
-    return { sites => [], configurations => [] } if !defined $main;
-    my @directives = $config->load($main);
-    my $self = bless { tree => $tree, problems => $problems, config => $config, needed => [] }, __PACKAGE__;
+    my ($tree, $problems, %options) = @_;
+    my (@sites, @configurations);
+    for my $instance (@{ $options{instances} || [instances($tree, $options{servers})] }) {
+        my $self = bless { tree => $tree, problems => $problems, needed => [], %$instance }, __PACKAGE__;
+        push @sites, $self->sites_of_one(@configurations ? 'apache-' . (@configurations + 1) : 'apache');
+        push @configurations, $self->{configuration};
+    }
+    return { sites => \@sites, configurations => \@configurations };
+}
+
+# The servers that run, those that are installed, and those that files tell of, each once:
+# { main }, where the server says it { base, defines => [names] }, and, of one that runs,
+# { program, arguments }.
+sub instances {
+    my ($tree, $servers) = @_;
+    my (@found, %known);
+    my @running = $servers ? $servers->running('apache') : ();
+    my @programs = $tree->root eq '/' ? grep {defined} map { program($_) } @PROGRAMS : ();
+    for my $one (@running, map { { program => $_ } } @programs) {
+        my $instance = instance_of($one) or next;
+        my $is_there = $one->{arguments} || $tree->lstat($instance->{main});
+        push @found, $instance if $is_there && !$known{ $instance->{main} }++;
+    }
+    push @found, map { { main => $_ } }
+        grep { !$known{$_} } Linux::ConfigReader::present($tree, @MAIN_FILES);
+    return @found;
+}
+
+# What a program says of itself, changed by the arguments that it runs with.
+sub instance_of {
+    my ($one) = @_;
+    my $said = run([$one->{program}, '-V'], limit => $LIMIT, most => $MOST_BYTES)->{out};
+    my ($base) = $said =~ /-D HTTPD_ROOT="(.*)"/;
+    my ($main) = $said =~ /-D SERVER_CONFIG_FILE="(.*)"/;
+    my (%given, @defines);
+    my @arguments = @{ $one->{arguments} || [] };
+    while (defined(my $argument = shift @arguments)) {
+        next if $argument !~ /\A-([Ddf])(.*)\z/s;
+        my $value = length $2 ? $2 : shift @arguments;
+        if ($1 eq 'D') { push @defines, $value }
+        else           { $given{$1} = $value }
+    }
+    $base = $given{d} if defined $given{d};
+    $main = $given{f} if defined $given{f};
+    return if !defined $base || !defined $main;
+    $main = "$base/$main" if $main !~ m{\A/};
+    return { %$one, main => $main, base => $base, defines => [grep {defined} @defines] };
+}
+
+# The sites of one server with a main file.
+sub sites_of_one {
+    my ($self, $name) = @_;
+    my ($tree, $problems, $main) = @$self{qw(tree problems main)};
+    my $config = $self->{config} = Linux::ApacheConfig->new(tree => $tree, problems => $problems);
+    $config->begin($main, $self->{base}, @{ $self->{defines} || [] });
+    my $told = $self->told;
+    my @directives = $config->load($main, @{ $told->{modules} });
+    $config->note_missed('Apache', @{ $told->{files} });
     my @hosts = virtual_hosts(@directives);
-    $self->{configuration} = { name => 'apache', server => 'apache', file => $main, prefix => $config->{base},
-        directives => \@directives, of_sites => { map { $_ => 1 } @hosts } };
+    $self->{configuration} = { name => $name, server => 'apache', file => $main, prefix => $config->{base},
+        directives => \@directives, of_sites => { map { $_ => 1 } @hosts },
+        modules => [modules($told->{modules}, @directives)] };
     $self->{definitions} = $self->definitions(grep { $_->{name} ne 'virtualhost' } @directives);
     $self->{global} = [grep { $_->{name} ne 'virtualhost' } @directives];
     $self->{base_block} = $self->main_block($main);
@@ -74,7 +138,33 @@ sub look {
     $self->note_user_folders(@hosts);
     my @sites = join_blocks($tree, $problems, @blocks);
     $self->note_folders_of_all(@sites);
-    return { sites => \@sites, configurations => [$self->{configuration}] };
+    return @sites;
+}
+
+# What a server says of its files and of the modules built into it: { files => [paths],
+# modules => [names] }. It is asked only while it runs: modules may open their logs to answer.
+sub told {
+    my ($self) = @_;
+    my %told = (files => [], modules => []);
+    return \%told if !$self->{arguments};
+    my @argv = ($self->{program}, '-d', $self->{base}, '-f', $self->{main},
+        map { ('-D', $_) } @{ $self->{defines} }, qw(DUMP_INCLUDES DUMP_MODULES));
+    my $asked = run([@argv, '-t'], limit => $LIMIT, most => $MOST_BYTES, env => $self->{config}->environment);
+    if ($asked->{status} || $asked->{why}) {
+        my ($why) = $asked->{err} =~ /^(?:AH\d+: )?((?:[\w.\/]+: )?Syntax error.*(?:\n.*)?)/m;
+        Linux::WebServers::note_refusal($self->{problems}, 'Apache', $self->{main}, $why);
+        return \%told;
+    }
+    $told{files} = [$asked->{out} =~ /^ +\((?:\*|\d+)\) (\/.*)$/mg];
+    $told{modules} = [$asked->{out} =~ /^ (\w+) \(static\)$/mg];
+    return \%told;
+}
+
+# { name, file } of the modules that are loaded, or built in, which have no file.
+sub modules {
+    my ($static, @directives) = @_;
+    my @loads = map { $_->{args} } grep { $_->{name} eq 'loadmodule' && @{ $_->{args} } == 2 } @directives;
+    return ((map { { name => $_ } } @$static), map { { name => $_->[0], file => $_->[1] } } @loads);
 }
 
 sub sites { return @{ look(@_)->{sites} } }
@@ -83,7 +173,8 @@ sub sites { return @{ look(@_)->{sites} } }
 sub definitions {
     my ($self, @directives) = @_;
     my $definitions = $self->{configuration}{definitions}
-        = Linux::Definitions->new(prefix => 'apache', names_of => \&defined_names);
+        = Linux::Definitions->new(prefix => $self->{configuration}{name},
+            names_of => \&defined_names);
     my @others = $definitions->take(@directives);
     $self->{configuration}{uses} = [$definitions->used_by(grep { !$_->{block} } @others)];
     $self->{sections} = { above => {}, below => {}, open => [] };

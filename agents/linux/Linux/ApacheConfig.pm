@@ -27,14 +27,30 @@ sub new {
 }
 
 # The directives of the main file: { name in lower case, args, raw, block => [...] or
-# undef, file, line }. `raw` is the rest of the line, with its quotes.
+# undef, file, line }. `raw` is the rest of the line, with its quotes. Modules are named that
+# are built into the server, where that is known.
 sub load {
-    my ($self, $main) = @_;
-    ($self->{base}) = $main =~ m{\A(.*)/};
-    $self->{base} =~ s{/conf\z}{};
-    $self->read_environment($_) for "$self->{base}/envvars", '/etc/sysconfig/httpd';
+    my ($self, $main, @built_in) = @_;
+    $self->begin($main) if !defined $self->{base};
+    $self->{modules}{$_} = 1 for @built_in;
     return $self->expand($self->parsed($main), $main);
 }
+
+# What is known before the main file is read: where relative paths start, and the
+# definitions of the start, of its script and of the command line.
+sub begin {
+    my ($self, $main, $base, @defines) = @_;
+    ($self->{base}) = defined $base ? $base : $main =~ m{\A(.*)/};
+    $self->{base} =~ s{/conf\z}{} if !defined $base;
+    my ($script) = map {"$_/envvars"} $main =~ m{\A(.*?)(?:/conf)?/[^/]*\z};
+    $self->read_environment($_) for $script, '/etc/sysconfig/httpd';
+    $self->{environment} = { %{ $self->{defines} } };
+    $self->{defines}{$_} = '' for @defines;
+    return;
+}
+
+# The variables that the start script gives the server.
+sub environment { return $_[0]{environment} }
 
 # The start script gives the server the variables of this file.
 sub read_environment {

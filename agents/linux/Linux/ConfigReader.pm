@@ -13,7 +13,8 @@ our $MOST_DEPTH = 20;
 # The name of what stands for the beginning of an included file: it may hold nothing else.
 our $INCLUDED = 'included file';
 
-# tree => Linux::Tree, problems => Agent::Problems
+# tree => Linux::Tree, problems => Agent::Problems, texts => { path => the text of a file
+# as the server itself tells it } or undef
 sub new {
     my ($class, %self) = @_;
     return bless { %self, parsed => {} }, $class;
@@ -51,13 +52,12 @@ sub note_unreadable {
     return;
 }
 
-# The first of some files that is there; also one that may only not be looked at.
-sub first_of {
-    my ($self, @files) = @_;
-    for my $file (@files) {
-        return $file if $self->{tree}->lstat($file) || $! == EACCES;
-    }
-    return undef;
+# Those of some files that are there; of a directory that may not be looked into, the first,
+# which is a problem when it is read.
+sub present {
+    my ($tree, @files) = @_;
+    my %closed;
+    return grep { $tree->lstat($_) || ($! == EACCES && m{\A(.*)/} && !$closed{$1}++) } @files;
 }
 
 # The directives of files that stand for the directive that includes them; the stack
@@ -77,12 +77,30 @@ sub directives_of {
     return @out;
 }
 
+# A file that the agent may not read stays so, whatever the server says.
+sub text_of {
+    my ($self, $file) = @_;
+    my $told = $self->{texts}{$file};
+    return defined $told && $self->{tree}->is_file($file) ? $told : $self->{tree}->read_file($file);
+}
+
+# Compares what was read with the files that the server itself says it reads.
+sub note_missed {
+    my ($self, $server, @files) = @_;
+    my %read = map { $self->{tree}->tidy($_) => 1 } keys %{ $self->{parsed} };
+    for my $file (grep { !$read{$_} } map { $self->{tree}->tidy($_) } @files) {
+        $self->problem('error', $file, 0, "$server says that it reads this file, to which no inclusion has"
+            . ' led the agent: look whether sites in it are missing, and move them by hand');
+    }
+    return;
+}
+
 # The directives of one file as they stand; undef where it cannot be read.
 sub parsed {
     my ($self, $file, $by) = @_;
     return $self->{parsed}{$file} if exists $self->{parsed}{$file};
     breathe();
-    my $text = $self->{tree}->read_file($file);
+    my $text = $self->text_of($file);
     return $self->{parsed}{$file} = $self->parse($file, $text) if defined $text;
     my $why = "Cannot be read: $!";
     $why .= " (included by $by->{file})" if $by;

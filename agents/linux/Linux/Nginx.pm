@@ -5,14 +5,29 @@ package Linux::Nginx;
 use strict;
 use warnings;
 use Agent::Process qw(run which breathe);
+use Linux::ConfigReader;
 use Linux::Definitions;
+use Linux::HostProgram qw(program);
 use Linux::NginxConfig;
 use Linux::Site qw(new_block source_of add_once is_host_name join_blocks);
+use Linux::WebServers;
 
-our @MAIN_FILES = qw(/etc/nginx/nginx.conf /usr/local/nginx/conf/nginx.conf /opt/nginx/conf/nginx.conf);
+# Where the main file is, where the server does not say it.
+my @MAIN_FILES = qw(
+    /etc/nginx/nginx.conf /usr/local/nginx/conf/nginx.conf /opt/nginx/conf/nginx.conf
+    /usr/local/openresty/nginx/conf/nginx.conf
+);
 
 # Where relative paths of documents and logs start, and the documents of a server without a root are.
 my @PREFIXES = qw(/usr/share/nginx /usr/local/nginx /opt/nginx);
+
+# Programs outside of the usual places.
+my @PROGRAMS = qw(
+    nginx openresty /usr/local/nginx/sbin/nginx /opt/nginx/sbin/nginx /usr/local/openresty/nginx/sbin/nginx
+);
+
+my $LIMIT = 10;
+my $MOST_BYTES = 64 * 1024 * 1024;
 
 # Directives that name a file that a site cannot be served without.
 my %NEEDED_FILE = map { $_ => 1 } qw(
@@ -40,22 +55,99 @@ sub version {
 }
 
 # The sites of the host, and what its configurations say besides: { sites, configurations }.
+# servers => Linux::WebServers, which knows those that run; instances => [as instances() gives
+# them], where others are not to be looked for.
 sub look {
-    my ($tree, $problems) = @_;
-    my $config = Linux::NginxConfig->new(tree => $tree, problems => $problems);
-    my $main = $config->first_of(@MAIN_FILES);
-    return { sites => [], configurations => [] } if !defined $main;
-    my ($prefix) = grep { $tree->is_dir($_) } @PREFIXES;
-    my $self = bless { tree => $tree, problems => $problems, config => $config,
-        prefix => defined $prefix ? $prefix : $PREFIXES[0] }, __PACKAGE__;
-    my @directives = $config->load($main);
+    my ($tree, $problems, %options) = @_;
+    my (@sites, @configurations);
+    for my $instance (@{ $options{instances} || [instances($tree, $options{servers})] }) {
+        my $self = bless { tree => $tree, problems => $problems, %$instance }, __PACKAGE__;
+        push @sites, $self->sites_of_one(@configurations ? 'nginx-' . (@configurations + 1) : 'nginx');
+        push @configurations, $self->{configuration};
+    }
+    return { sites => \@sites, configurations => \@configurations };
+}
+
+# The servers that run, those that are installed, and those that files tell of, each once:
+# { main, prefix } and, of one that runs, { program, arguments }.
+sub instances {
+    my ($tree, $servers) = @_;
+    my (@found, %known);
+    my @running = $servers ? $servers->running('nginx') : ();
+    my @programs = $tree->root eq '/' ? grep {defined} map { program($_) } @PROGRAMS : ();
+    for my $one (@running, map { { program => $_ } } @programs) {
+        my $instance = instance_of($one);
+        my $is_there = $one->{arguments} || $tree->lstat($instance->{main});
+        push @found, $instance if $is_there && !$known{ $instance->{main} }++;
+    }
+    my ($share) = grep { $tree->is_dir($_) } @PREFIXES;
+    for my $main (grep { !$known{$_} } Linux::ConfigReader::present($tree, @MAIN_FILES)) {
+        my ($prefix) = $main =~ m{\A(.*)/conf/} ? $1 : defined $share ? $share : $PREFIXES[0];
+        push @found, { main => $main, prefix => $prefix };
+    }
+    return @found;
+}
+
+# What a program says of itself, changed by the arguments that it runs with.
+sub instance_of {
+    my ($one) = @_;
+    my $said = run([$one->{program}, '-V'], limit => $LIMIT, most => $MOST_BYTES)->{err};
+    my ($prefix) = $said =~ /--prefix=(\S+)/;
+    my ($main) = $said =~ /--conf-path=(\S+)/;
+    my @arguments = @{ $one->{arguments} || [] };
+    my %given;
+    while (defined(my $argument = shift @arguments)) {
+        next if $argument !~ /\A-([cp])(.*)\z/s;
+        $given{$1} = length $2 ? $2 : shift @arguments;
+    }
+    $prefix = defined $given{p} ? $given{p} : defined $prefix ? $prefix : '/usr/local/nginx';
+    $prefix =~ s{(?<=.)/+\z}{};
+    $main = defined $given{c} ? $given{c} : defined $main ? $main : 'conf/nginx.conf';
+    return { %$one, main => $main =~ m{\A/} ? $main : "$prefix/$main", prefix => $prefix };
+}
+
+# The sites of one server with a main file.
+sub sites_of_one {
+    my ($self, $name) = @_;
+    my ($tree, $problems) = @$self{qw(tree problems)};
+    my $told = $self->told;
+    my $config = $self->{config} = Linux::NginxConfig->new(tree => $tree, problems => $problems,
+        texts => $told->{texts});
+    my @directives = $config->load($self->{main});
+    $config->note_missed('nginx', @{ $told->{files} });
     $self->name_unknown(\%MAIN_BLOCK, @directives);
-    $self->{configuration} = { name => 'nginx', server => 'nginx', file => $main, prefix => $self->{prefix},
-        directives => \@directives, of_sites => {},
-        definitions => Linux::Definitions->new(prefix => 'nginx', names_of => \&defined_names) };
-    my @blocks = map { $self->http_blocks($_->{block}) } named('http', @directives);
-    $self->{configuration}{uses} ||= [];
-    return { sites => [join_blocks($tree, $problems, @blocks)], configurations => [$self->{configuration}] };
+    $self->{configuration} = { name => $name, server => 'nginx', file => $self->{main},
+        prefix => $self->{prefix}, modules => [modules(@directives)],
+        directives => \@directives, of_sites => {}, uses => [],
+        definitions => Linux::Definitions->new(prefix => $name, names_of => \&defined_names) };
+    return join_blocks($tree, $problems, map { $self->http_blocks($_->{block}) } named('http', @directives));
+}
+
+# What a server says of its files: { texts => { path => text }, files => [paths] }. It is asked
+# only while it runs: to answer, it opens its logs, which are there then.
+sub told {
+    my ($self) = @_;
+    return { files => [] } if !$self->{arguments};
+    my @argv = ($self->{program}, '-T', '-p', "$self->{prefix}/", '-c', $self->{main});
+    my $asked = run(\@argv, limit => $LIMIT, most => $MOST_BYTES);
+    if ($asked->{status} || $asked->{why}) {
+        return { files => [] } if $asked->{err} =~ /invalid option/;
+        my ($why) = $asked->{err} =~ /\[emerg\] (?:\d+#\d+: )?(.*)/;
+        Linux::WebServers::note_refusal($self->{problems}, 'nginx', $self->{main}, $why);
+        return { files => [] };
+    }
+    my (%texts, @files);
+    my (undef, @parts) = split /^# configuration file (\/.*):\n/m, $asked->{out};
+    while (my ($file, $text) = splice @parts, 0, 2) {
+        push @files, $file if !exists $texts{$file};
+        $texts{$file} = $text if !exists $texts{$file};
+    }
+    return { texts => \%texts, files => \@files };
+}
+
+sub modules {
+    my @loads = grep { $_->{name} eq 'load_module' && @{ $_->{args} } } @_;
+    return map { +{ name => m{([^/]+?)(?:\.so)?\z}, file => $_ } } map { $_->{args}[0] } @loads;
 }
 
 sub sites { return @{ look(@_)->{sites} } }

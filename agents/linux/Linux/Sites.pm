@@ -11,6 +11,7 @@ use Linux::Nginx;
 use Linux::Php;
 use Linux::Site qw(add_once below);
 use Linux::Users;
+use Linux::WebServers;
 
 # What only the steps here need.
 my @INNER = qw(php_addresses php_settings php_admin php_module module_settings module_admin php_rules php_user
@@ -34,7 +35,10 @@ sub all { return @{ look(@_)->{sites} } }
 # server, file, prefix, directives, definitions, uses, of_sites }] }
 sub look {
     my ($tree, $problems) = @_;
-    my @found = (Linux::Nginx::look($tree, $problems), Linux::Apache::look($tree, $problems));
+    my $servers = Linux::WebServers->new(tree => $tree, problems => $problems);
+    my @found = map { $_->($tree, $problems, servers => $servers) }
+        \&Linux::Nginx::look, \&Linux::Apache::look;
+    $servers->note_unread;
     my $users = Linux::Users->new($tree);
     my $php   = Linux::Php->new($tree, $problems);
     my @sites = merge(map { @{ $_->{sites} } } @found);

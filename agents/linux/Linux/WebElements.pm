@@ -15,7 +15,8 @@ sub configuration {
     my $writer = { id_of => \%id_of, left_out => $configuration->{of_sites} };
     return element('web-configuration', [
         (map { $_ => $configuration->{$_} } qw(name server file prefix)), uses => ids($configuration->{uses}),
-    ], map { directive($writer, $_, '') } told($writer, $configuration->{directives}));
+    ], (map { element('module', [name => $_->{name}, file => $_->{file}]) } @{ $configuration->{modules} }),
+        map { directive($writer, $_, '') } told($writer, $configuration->{directives}));
 }
 
 # The blocks of a site. What the main server of Apache serves by itself has none.

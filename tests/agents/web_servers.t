@@ -1,0 +1,185 @@
+# The web servers that run: what they were started with counts, their own answers are used,
+# and those that the agent cannot read are named. All of it in a network of its own, where
+# nobody else's servers are seen.
+use strict;
+use warnings;
+
+BEGIN {
+    if (!$ENV{WEB_SERVERS_NETWORK}) {
+        local $ENV{WEB_SERVERS_NETWORK} = 1;
+        exec 'unshare', '--net', 'sh', '-c', 'ip link set lo up && exec "$@"', 'sh', $^X,
+            (map {"-I$_"} @INC), $0 or die "unshare: $!\n";
+    }
+}
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Test::More;
+use File::Path qw(mkpath);
+use File::Temp qw(tempdir);
+use IO::Socket::INET;
+use Time::HiRes ();
+use Agent::Problems;
+use Agent::Process qw(run start finish which);
+use Imitated qw(imitated problem_texts);
+use Linux::Apache;
+use Linux::Nginx;
+use Linux::Tree;
+use Linux::WebServers;
+
+sub write_file {
+    my ($path, $text) = @_;
+    open my $file, '>', $path or die "$path: $!\n";
+    print $file $text;
+    close $file or die "$path: $!\n";
+    return;
+}
+
+# Runs a program that listens at a port as long as the block does.
+sub with_server {
+    my ($port, $argv, $block) = @_;
+    my $server = start($argv);
+    my $deadline = Time::HiRes::time() + 20;
+    my $up;
+    while (!$up && Time::HiRes::time() < $deadline) {
+        $up = IO::Socket::INET->new(PeerAddr => '127.0.0.1', PeerPort => $port) or Time::HiRes::sleep(0.02);
+    }
+    $block->($server->{pid}) if $up;
+    kill 'TERM', $server->{pid};
+    my $said = $up ? '' : readline $server->{err};
+    finish($server);
+    ok $up, "$argv->[0] runs" or diag $said;
+    return;
+}
+
+# What is found of a server, and the problems of it.
+sub looked {
+    my ($look) = @_;
+    my ($tree, $problems) = (Linux::Tree->new, Agent::Problems->new);
+    my $found = $look->($tree, $problems, servers => Linux::WebServers->new(tree => $tree, problems => $problems));
+    return ($found, problem_texts($problems));
+}
+
+sub unread {
+    my ($tree, $problems) = (Linux::Tree->new, Agent::Problems->new);
+    Linux::WebServers->new(tree => $tree, problems => $problems)->note_unread;
+    return join "\n", @{ problem_texts($problems) };
+}
+
+my $folder = tempdir(CLEANUP => 1);
+chmod 0755, $folder;
+mkpath(["$folder/docs", "$folder/more", "$folder/run"]);
+write_file("$folder/docs/marker", 'x');
+
+write_file("$folder/nginx.conf", <<"END");
+pid $folder/pid; error_log $folder/error.log; user root;
+events { worker_connections 16; }
+http {
+    access_log off; client_body_temp_path t; proxy_temp_path t; fastcgi_temp_path t; uwsgi_temp_path t; scgi_temp_path t;
+    include more/*.conf;
+}
+END
+write_file("$folder/more/a.conf", "server { listen 127.0.0.1:8080; server_name a.test; root docs; }\n");
+with_server(8080, ['nginx', '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'], sub {
+    my ($found, $problems) = looked(\&Linux::Nginx::look);
+    my ($site) = grep { $_->{name} eq 'a.test' } @{ $found->{sites} };
+    is $site && $site->{root}, "$folder/docs", 'a server that runs is read with the files and paths it was started with';
+    is $found->{configurations}[0]{file}, "$folder/nginx.conf", 'before others';
+    is_deeply [grep {/\Q$folder\E/} @$problems], [], 'without a problem' or diag explain $problems;
+    is unread(), '', 'a server that is read is not named';
+
+    no warnings qw(redefine once);
+    local *Linux::NginxConfig::matching = sub { return };
+    (undef, $problems) = looked(\&Linux::Nginx::look);
+    is_deeply [grep {m{/more/a.conf}} @$problems], ["error $folder/more/a.conf: nginx says that it reads this file, to"
+        . ' which no inclusion has led the agent: look whether sites in it are missing, and move them by hand'],
+        'a file that only the server knows is named' or diag explain $problems;
+});
+
+with_server(8080, ['nginx', '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'], sub {
+    write_file("$folder/more/b.conf", "server { server_name b.test; root docs; wrong; }\n");
+    my ($found, $problems) = looked(\&Linux::Nginx::look);
+    is_deeply [map { $_->{name} } grep { $_->{name} =~ /test/ } @{ $found->{sites} }], [qw(a.test b.test)],
+        'files are read where the server does not answer';
+    like join("\n", @$problems), qr{^warning \Q$folder\E/nginx.conf: nginx runs, but would not start with its files.*: unknown directive "wrong" in }, 'and why is told';
+});
+unlink "$folder/more/b.conf";
+
+my $modules = '/usr/lib/apache2/modules';
+write_file("$folder/web.conf", <<"END");
+ServerName main.test
+Listen 127.0.0.1:8081
+PidFile $folder/run/pid
+ErrorLog $folder/error.log
+LoadModule mpm_event_module $modules/mod_mpm_event.so
+LoadModule authz_core_module $modules/mod_authz_core.so
+<IfModule mod_unixd.c>
+<IfDefine ASKED>
+Include more/*.vhost
+</IfDefine>
+</IfModule>
+END
+write_file("$folder/more/a.vhost", "<VirtualHost *:8081>\nServerName a.test\nDocumentRoot docs\n</VirtualHost>\n");
+my @apache = ('/usr/sbin/apache2', '-X', '-d', $folder, '-f', 'web.conf', '-D', 'ASKED');
+with_server(8081, \@apache, sub {
+    my ($found, $problems) = looked(\&Linux::Apache::look);
+    my ($site) = grep { $_->{name} eq 'a.test' } @{ $found->{sites} };
+    is $site && $site->{root}, "$folder/docs", 'Apache is read with what it was started with, definitions too';
+    my %module = map { $_->{name} => $_->{file} } @{ $found->{configurations}[0]{modules} };
+    is_deeply [@module{qw(unixd_module mpm_event_module)}], [undef, "$modules/mod_mpm_event.so"],
+        'its modules are told, with those that are built in' or diag explain \%module;
+    ok exists $module{unixd_module}, 'as it says itself';
+    is_deeply [grep {/\Q$folder\E/} @$problems], [], 'without a problem' or diag explain $problems;
+
+    no warnings qw(redefine once);
+    local *Linux::ApacheConfig::matching = sub { return };
+    (undef, $problems) = looked(\&Linux::Apache::look);
+    like join("\n", @$problems), qr{^error \Q$folder\E/more/a.vhost: Apache says that it reads this file}m,
+        'a file that only the server knows is named';
+});
+with_server(8081, \@apache, sub {
+    write_file("$folder/more/b.vhost", "Wrong\n");
+    my ($found, $problems) = looked(\&Linux::Apache::look);
+    ok((grep { $_->{name} eq 'a.test' } @{ $found->{sites} }), 'files are read where Apache does not answer');
+    like join("\n", @$problems), qr{^warning \Q$folder\E/web.conf: Apache runs, but would not start with its files.*b\.vhost.*'Wrong'}, 'and why is told' or diag explain $problems;
+});
+unlink "$folder/more/b.vhost";
+
+# Another program with the name of the server: what is looked at is who runs and listens.
+run(['cp', $^X, "$folder/lighttpd"]);
+my @listens = ('-MIO::Socket::INET', '-e',
+    'my $s = IO::Socket::INET->new(LocalAddr => "127.0.0.1", LocalPort => shift, ReuseAddr => 1, Listen => 5) or die; 1 while $s->accept');
+with_server(80, ["$folder/lighttpd", @listens, 80], sub {
+    is unread(), "error lighttpd: Runs (process $_[0]) and listens on port 80, but is not read by the agent: its sites are"
+        . ' in no archive. Move its configuration and its files by hand', 'a web server that is not read is an error';
+});
+with_server(8080, ["$folder/lighttpd", @listens, 8080], sub {
+    like unread(), qr{\Aerror lighttpd: Runs \(process $_[0]\), but is not read}, 'wherever it listens';
+});
+with_server(443, [$^X, @listens, 443], sub {
+    like unread(), qr/\Aerror perl[\d.]*: Runs \(process $_[0]\) and listens on port 443, but is no web server that the agent reads/,
+        'so is any program where browsers come';
+});
+
+{
+    my $own = "$folder/own";
+    mkpath($own);
+    run(['cp', which('nginx'), "$own/nginx"]);
+    run(['chown', '-R', 'nobody', $own]);
+    with_server(8080, ["$own/nginx", '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'], sub {
+        my ($found) = looked(\&Linux::Nginx::look);
+        ok !(grep { $_->{name} eq 'a.test' } @{ $found->{sites} }), "an account's own program is not believed";
+        like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but is a program of an account other than root: its sites},
+            'but named';
+    });
+}
+
+{
+    my ($tree, $problems) = imitated('usr/sbin/lighttpd' => '', 'etc/lighttpd/lighttpd.conf' => '', 'etc/caddy/x' => '',
+        'usr/bin/caddy/' => undef);
+    Linux::WebServers->new(tree => $tree, problems => $problems)->note_unread;
+    is_deeply problem_texts($problems), ['error lighttpd: Is installed (/usr/sbin/lighttpd) with a configuration in'
+        . ' /etc/lighttpd, but is not read by the agent: if it serves sites, its sites are in no archive. Move its'
+        . ' configuration and its files by hand'], 'one that is only installed is named too';
+}
+
+done_testing;
