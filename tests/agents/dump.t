@@ -37,7 +37,7 @@ my ($tree) = imitated(
     'etc/sondrel/resellers' => "big: bob nobody-here\n",
     'etc/nginx/nginx.conf' => "http { include /etc/nginx/sites-enabled/*; }\n",
     'etc/nginx/sites-enabled/a' => server_block('a.test www.a.test', '/home/alice/app/public'),
-    'etc/nginx/sites-enabled/b' => server_block('b.test', '/home/alice/app/public'),
+    'etc/nginx/sites-enabled/b' => server_block('b.test xn--bcher-kva.test müller.test', '/home/alice/app/public'),
     'etc/nginx/sites-enabled/c' => \'../sites-available/c',
     'etc/nginx/sites-available/c' => server_block('c.test', '/srv/current/web'),
     'etc/nginx/sites-enabled/missing' => server_block('missing.test', '/srv/absent'),
@@ -268,6 +268,8 @@ chown $BOB, $BOB, $tree->path('/home/bob') or die $!;
 my %SELECTED = (
     'a domain' => ["a.test", ['--dump-domains=-'], [qw(sites/a.test mailboxes/info=40a.test)]],
     'a domain by another name' => ['WWW.a.test', ['--dump-domains=-'], [qw(sites/a.test mailboxes/info=40a.test)]],
+    'an international domain' => ['BÜCHER.test', ['--dump-domains=-'], ['sites/b.test']],
+    'one that is configured so' => ['xn--mller-kva.test', ['--dump-domains=-'], ['sites/b.test']],
     'only mail of a domain' => ['a.test', ['--dump-domains=-', '--only-mail'], ['mailboxes/info=40a.test']],
     'only hosting of a domain' => ['a.test', ['--dump-domains=-', '--only-hosting'], ['sites/a.test']],
     'a domain without site' => ['only-mail.test', ['--dump-domains=-'], ['mailboxes/x=40only-mail.test']],

@@ -4,6 +4,7 @@ package Linux::Selection;
 
 use strict;
 use warnings;
+use Linux::Idn;
 
 # inventory => Linux::Inventory, options => what Agent::Options gave, problems.
 sub new {
@@ -62,24 +63,28 @@ sub clients_asked_for {
     return ($self->named('clients', \%by_name), $self->named('resellers', \%of_reseller));
 }
 
-# Domains may be asked for by any of their names.
+# Domains may be asked for by any of their names, international ones in both spellings.
 sub domains_asked_for {
     my ($self) = @_;
     my %by_name;
     my @domains = $self->{inventory}->domains;
     for my $domain (@domains) {
-        $by_name{ lc $_ } ||= [$domain] for @{ $domain->{names} };
+        $by_name{$_} ||= [$domain] for map { Linux::Idn::forms($_) } @{ $domain->{names} };
     }
-    $by_name{ lc $_->{name} } = [$_] for @domains;
+    for my $domain (@domains) {
+        $by_name{$_} = [$domain] for Linux::Idn::forms($domain->{name});
+    }
     my %seen;
-    return grep { !$seen{$_}++ } $self->named('domains', \%by_name, sub { lc $_[0] });
+    return grep { !$seen{$_}++ } $self->named('domains', \%by_name, \&Linux::Idn::forms);
 }
 
+# What the options name, by its names. forms => sub { ($name) } gives the names under which it
+# may be known, the likeliest first.
 sub named {
-    my ($self, $kind, $by_name, $as) = @_;
+    my ($self, $kind, $by_name, $forms) = @_;
     my @found;
     for my $name (@{ $self->{options}{$kind} || [] }) {
-        my $objects = $by_name->{ $as ? $as->($name) : $name };
+        my ($objects) = grep {defined} map { $by_name->{$_} } $forms ? $forms->($name) : $name;
         push @found, @{ $objects || [] };
         next if $objects;
         $self->problem('error', $name, 'Was asked for, but there is no such ' . substr $kind, 0, -1);
