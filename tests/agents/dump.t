@@ -40,8 +40,13 @@ my ($tree) = imitated(
     'etc/nginx/sites-enabled/b' => server_block('b.test xn--bcher-kva.test müller.test', '/home/alice/app/public'),
     'etc/nginx/sites-enabled/c' => \'../sites-available/c',
     'etc/nginx/sites-available/c' => server_block('c.test', '/srv/current/web'),
+    (map { ("etc/letsencrypt/live/tls.test/$_.pem" => \"../../archive/tls.test/${_}1.pem",
+        "etc/letsencrypt/archive/tls.test/${_}1.pem" => $_) } qw(cert chain fullchain privkey)),
+    'etc/letsencrypt/renewal/tls.test.conf' => "archive_dir = x\n",
     'etc/nginx/sites-enabled/missing' => server_block('missing.test', '/srv/absent'),
-    'etc/nginx/sites-enabled/whole' => server_block('whole.test', '/'),
+    'etc/nginx/sites-enabled/whole' => "server { listen 443 ssl; server_name whole.test; root /;\n"
+        . "ssl_certificate /etc/letsencrypt/live/tls.test/fullchain.pem;\n"
+        . "ssl_certificate_key /etc/letsencrypt/live/tls.test/privkey.pem; }\n",
     'home/alice/' => [$ALICE, $ALICE], 'home/alice/app/public/' => [$ALICE, $ALICE],
     'home/alice/app/config.php' => 'code above the root', 'home/alice/app/public/index.php' => 'index',
     'home/bob/' => [$BOB, $BOB], 'home/bob/Maildir/cur/' => undef, 'home/bob/Maildir/new/' => undef,
@@ -106,7 +111,7 @@ sub files { return [$private->files_below('content')] }
 my @EVERYTHING = qw(content/clients/alice.tar.gz content/clients/bob.tar.gz content/clients/root.tar.gz
     content/mailboxes/bob.tar.gz content/mailboxes/info=40a.test.tar.gz content/mailboxes/x=40only-mail.test.tar.gz
     content/server/settings.tar.gz content/sites/a.test.tar.gz content/sites/b.test.tar.gz
-    content/sites/c.test.tar.gz content/sites/missing.test.tar.gz content/sites/whole.test.tar.gz);
+    content/sites/c.test.tar.gz content/sites/missing.test.tar.gz  content/sites/whole.test.tar.gz);
 
 # What was laid out in this very moment counts as changing.
 rest();
@@ -149,6 +154,14 @@ is_deeply [grep {/cron/} @{ members('content/server/settings.tar.gz') }],
         map {"./var/spool/cron/crontabs/$_"} qw(carol www-data)],
     "what cron runs for the system and for accounts without a site is with the host's settings";
 is_deeply members('content/mailboxes/bob.tar.gz'), ['./home/bob/Maildir/new/1'], 'mailboxes are packed';
+
+is_deeply [grep {/letsencrypt/} @{ members('content/sites/whole.test.tar.gz') }], [
+    (map {"./etc/letsencrypt/archive/tls.test/${_}1.pem"} qw(cert chain fullchain privkey)),
+    (map {"./etc/letsencrypt/live/tls.test/$_.pem"} qw(cert chain fullchain privkey)),
+    './etc/letsencrypt/renewal/tls.test.conf',
+], 'a certificate comes with what renews it';
+is found('string(//domain[@name="whole.test"]//renewal/directory[@path="/etc/letsencrypt/archive"]/@mode)'), '0755',
+    'and the modes of the directories above';
 
 my @of_others = qw(./etc/backup.env ./etc/systemd/system/backup.service ./home/dave/.config/systemd/user/sync.service);
 my %setting = map { $_ => 1 } @{ members('content/server/settings.tar.gz') };

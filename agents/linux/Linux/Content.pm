@@ -24,7 +24,8 @@ my @SETTINGS = qw(/etc/nginx /etc/apache2 /etc/httpd /etc/php /etc/php.ini /etc/
     /etc/dovecot /etc/exim4 /etc/exim /etc/aliases /etc/mailname /etc/crontab /etc/anacrontab /etc/cron.d
     /etc/cron.hourly /etc/cron.daily /etc/cron.weekly /etc/cron.monthly /etc/logrotate.d
     /etc/hosts /etc/hostname /etc/passwd /etc/group /etc/os-release /etc/sondrel
-    /etc/systemd/system /etc/systemd/user /usr/local/lib/systemd);
+    /etc/systemd/system /etc/systemd/user /usr/local/lib/systemd
+    /etc/letsencrypt /etc/dehydrated /root/.acme.sh);
 
 # tree, problems, private, kept, status, inventory, options.
 sub new {
@@ -130,6 +131,7 @@ sub site {
         else                   { push @with, $other }
     }
     push @paths, @{ $site->{config} }, @{ $site->{files} || [] }, values %{ $site->{tls} || {} };
+    push @paths, map { @{ $_->{paths} } } @{ $site->{lineages} || [] };
     push @paths, $site->{php}{pool_file} if $site->{php};
     push @paths, $self->files_of_jobs($part);
     my $home = $part && $part->{whole} ? $self->home_of($part->{client}) : undef;

@@ -238,7 +238,15 @@ sub tls {
         certificate => $tls->{certificate}, key => $tls->{key}, chain => $tls->{chain},
         subject => $facts->{subject}, issuer => $facts->{issuer},
         map { $_ => defined $facts->{$_} ? time_text($facts->{$_}) : undef } qw(from until)
-    ], each_as('name', [], @{ $facts->{names} || [] }));
+    ], each_as('name', [], @{ $facts->{names} || [] }), map { lineage($_) } @{ $site->{lineages} || [] });
+}
+
+# What renews a certificate.
+sub lineage {
+    my ($lineage) = @_;
+    return element('renewal', [program => $lineage->{program}, name => $lineage->{name}],
+        each_as('path', [], @{ $lineage->{paths} }),
+        each_as('directory', [qw(path mode uid gid)], @{ $lineage->{directories} }));
 }
 
 # Many sites may have the same one.

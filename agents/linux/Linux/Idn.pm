@@ -3,6 +3,7 @@ package Linux::Idn;
 
 use strict;
 use warnings;
+use Agent::Perl;
 
 # Parameters of Punycode, by RFC 3492.
 my ($BASE, $TMIN, $TMAX, $SKEW, $DAMP, $FIRST_BIAS, $FIRST_N) = (36, 1, 26, 38, 700, 72, 128);
@@ -31,7 +32,7 @@ sub forms {
 # the module, and with it only these rarer forms.
 sub composed {
     my ($text) = @_;
-    return $text if !eval { require Unicode::Normalize; 1 };
+    return $text if Agent::Perl::missing('Unicode::Normalize');
     return lc Unicode::Normalize::NFKC($text) if $text =~ /[\x{ff01}-\x{ff5e}]/;
     return Unicode::Normalize::NFC($text);
 }

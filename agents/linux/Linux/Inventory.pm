@@ -6,6 +6,7 @@ use strict;
 use warnings;
 use Linux::Cron;
 use Linux::Databases;
+use Linux::Lineage;
 use Linux::Mail;
 use Linux::Resellers;
 use Linux::SiteParts;
@@ -25,6 +26,8 @@ sub new {
     $tick->();
     $self->{parts} = Linux::SiteParts->new(map { $_ => $self->{$_} } qw(tree problems users sites));
     $tick->();
+    $self->{lineage} = Linux::Lineage->new($tree);
+    $_->{lineages} = [$self->{lineage}->of(values %{ $_->{tls} || {} })] for $self->sites;
     $self->{cron} = Linux::Cron::all($tree, $problems);
     $self->{units} = [Linux::Units::all($tree, $problems, $self->{users})];
     $self->{clients} = [$self->owners_of_sites];
@@ -65,12 +68,14 @@ sub mailboxes { return @{ $_[0]{mailboxes} } }
 # What Linux::Mail has found: mailboxes, maps and servers.
 sub mail { return $_[0]{mail} }
 
-# The files that the mail servers of a new host need: maps, certificates, files of users.
+# The files that the mail servers of a new host need: maps, certificates with what renews them,
+# files of users.
 sub mail_files {
     my ($self) = @_;
     my $mail = $self->{mail};
-    return ((map { ($_->{file}, @{ $_->{needs} || [] }) } @{ $mail->{maps} }),
-        map { @{ $_->{files} } } @{ $mail->{servers} });
+    my @files = map { @{ $_->{files} } } @{ $mail->{servers} };
+    return ((map { ($_->{file}, @{ $_->{needs} || [] }) } @{ $mail->{maps} }), @files,
+        map { @{ $_->{paths} } } $self->{lineage}->of(@files));
 }
 
 # Every site, and every domain that has mailboxes only: { name, names, site or undef,
