@@ -43,6 +43,12 @@ my ($tree) = imitated(
     (map { ("etc/letsencrypt/live/tls.test/$_.pem" => \"../../archive/tls.test/${_}1.pem",
         "etc/letsencrypt/archive/tls.test/${_}1.pem" => $_) } qw(cert chain fullchain privkey)),
     'etc/letsencrypt/renewal/tls.test.conf' => "archive_dir = x\n",
+    'etc/bind/named.conf' => 'options { directory "/var/bind"; }; zone "a.test" { type master; file "db.a"; };'
+        . ' zone "only-mail.test" { type master; file "db.m"; };',
+    'var/bind/db.a' => 'x', 'var/bind/db.m' => 'x',
+    'etc/opendkim.conf' => "KeyTable /etc/opendkim/keys\n",
+    'etc/opendkim/keys' => "a a.test:mail:/etc/opendkim/a.key\n", 'etc/opendkim/a.key' => 'x',
+    'etc/pure-ftpd/pureftpd.passwd' => "shop:x:${BOB}:${BOB}::/home/bob::\n",
     'etc/nginx/sites-enabled/missing' => server_block('missing.test', '/srv/absent'),
     'etc/nginx/sites-enabled/whole' => "server { listen 443 ssl; server_name whole.test; root /;\n"
         . "ssl_certificate /etc/letsencrypt/live/tls.test/fullchain.pem;\n"
@@ -136,7 +142,14 @@ is found('string(//client[@name="alice"]/cron)'), 'run this', 'jobs are told';
 is found('string(//client[@name="bob"]/cron/@when)'), '@daily', "so are those of the system's tables";
 
 is_deeply members('content/sites/a.test.tar.gz'),
-    [qw(./etc/nginx/sites-enabled/a ./home/alice/app/public/index.php)], 'a site has its root and its configuration';
+    [qw(./etc/nginx/sites-enabled/a ./etc/opendkim/a.key ./home/alice/app/public/index.php ./var/bind/db.a)],
+    'a site has its root, its configuration, its zone and the key that signs its mail';
+is_deeply values_of('//domain[@name="a.test"]/zone/@file'), ['/var/bind/db.a'], 'which are described';
+is found('string(//domain[@name="a.test"]/mail-key/@selector)'), 'mail', 'as a new host needs them';
+is_deeply values_of('//server/zone/@name'), [qw(a.test only-mail.test)], 'the host has them all';
+is found('string(//server/ftp-account/@uid)'), $BOB, 'and the accounts of its FTP servers';
+is_deeply [grep { !{ map { $_ => 1 } @{ members('content/server/settings.tar.gz') } }->{$_} }
+    qw(./var/bind/db.a ./etc/opendkim/keys ./etc/pure-ftpd/pureftpd.passwd)], [], "which are in the archive of its settings";
 is_deeply members('content/sites/b.test.tar.gz'), ['./etc/nginx/sites-enabled/b'],
     'a root that sites share is packed once';
 is_deeply values_of('//domain[@name="b.test"]/content/@file'),
@@ -307,6 +320,12 @@ for my $what (sort keys %SELECTED) {
     valid('dump', $private->read('dump.xml'), "$what: which is valid");
     like Linux::ContentList::text_of($private), qr/dump\.xml/, "$what: the list is right";
 }
+dumped('only-mail.test', '--dump-domains=-');
+is problem_of('only-mail.test', 'zone only-mail.test; dump with --server too'), 'error', 'what no archive has is named';
+dumped('bob', '--dump-clients=-');
+is problem_of('bob', 'FTP account shop; dump with --server too'), 'error', 'also that of a client';
+dumped('bob', '--dump-clients=-', '--server');
+is problem_of('bob', 'FTP account'), '', 'but not where the archive of the settings has it';
 dumped('absent,b.test', '--dump-domains=-');
 is problem_of('absent', 'no such domain'), 'error', 'an unknown name is a problem';
 is_deeply members('content/sites/b.test.tar.gz'),

@@ -25,7 +25,11 @@ my @SETTINGS = qw(/etc/nginx /etc/apache2 /etc/httpd /etc/php /etc/php.ini /etc/
     /etc/cron.hourly /etc/cron.daily /etc/cron.weekly /etc/cron.monthly /etc/logrotate.d
     /etc/hosts /etc/hostname /etc/passwd /etc/group /etc/os-release /etc/sondrel
     /etc/systemd/system /etc/systemd/user /usr/local/lib/systemd
-    /etc/letsencrypt /etc/dehydrated /root/.acme.sh);
+    /etc/letsencrypt /etc/dehydrated /root/.acme.sh
+    /etc/courier /etc/cyrus.conf /etc/imapd.conf /etc/mail /etc/sasldb2 /etc/bind /etc/named.conf /etc/named
+    /etc/powerdns /etc/pdns /etc/nsd /etc/knot /etc/opendkim /etc/opendkim.conf /etc/dkimkeys /etc/rspamd
+    /var/lib/rspamd/dkim /etc/amavis /etc/proftpd /etc/proftpd.conf /etc/pure-ftpd /etc/vsftpd.conf
+    /etc/vsftpd);
 
 # tree, problems, private, kept, status, inventory, options.
 sub new {
@@ -132,6 +136,8 @@ sub site {
     }
     push @paths, @{ $site->{config} }, @{ $site->{files} || [] }, values %{ $site->{tls} || {} };
     push @paths, map { @{ $_->{paths} } } @{ $site->{lineages} || [] };
+    push @paths, map { @{ $_->{files} } } @{ $domain->{zones} };
+    push @paths, map { $_->{file} } @{ $domain->{mail_keys} };
     push @paths, $site->{php}{pool_file} if $site->{php};
     push @paths, $self->files_of_jobs($part);
     my $home = $part && $part->{whole} ? $self->home_of($part->{client}) : undef;

@@ -175,7 +175,14 @@ sub domain {
     return element('domain', [name => $domain->{name}],
         each_as('name', [], @{ $domain->{names} }), @hosting, contents($domain),
         ($self->has_mail ? $self->aliases($domain) : ()),
+        zones_and_keys(@$domain{qw(zones mail_keys)}),
         $self->objects(databases => $domain->{databases}, mailboxes => $domain->{mailboxes}));
+}
+
+sub zones_and_keys {
+    my ($zones, $keys) = @_;
+    return (each_as('zone', [qw(name type file)], @$zones),
+        each_as('mail-key', [qw(program domain selector file)], @$keys));
 }
 
 sub site {
@@ -287,6 +294,7 @@ sub server {
     my $facts = $self->{server}{facts};
     my $distribution = $facts->{distribution} || {};
     my $memory = $facts->{memory} || {};
+    my $further = $self->{inventory}->further;
     my @web = map { my ($name, $version) = @$_; defined $version ? element('web-server', [name => $name,
         version => $version]) : () } ['nginx', Linux::Nginx::version()], ['apache', Linux::Apache::version()];
     my @databases = map {
@@ -302,6 +310,8 @@ sub server {
         each_as('file-system', [qw(mount type bytes free)], @{ $facts->{filesystems} || [] }),
         (map { unit($_) } $self->{inventory}->units_of_others),
         ($self->has_mail ? $self->mail_servers : ()),
+        zones_and_keys([$further->zones], [$further->keys_of_mail]),
+        each_as('ftp-account', [qw(server name uid gid home file)], $further->ftp_accounts),
         contents($self->{server}));
 }
 

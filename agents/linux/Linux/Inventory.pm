@@ -6,6 +6,7 @@ use strict;
 use warnings;
 use Linux::Cron;
 use Linux::Databases;
+use Linux::FurtherServers;
 use Linux::Lineage;
 use Linux::Mail;
 use Linux::Resellers;
@@ -41,7 +42,9 @@ sub new {
     $self->{databases} = [$self->{database_servers}->all];
     $tick->();
     $self->{database_servers}->assign($self->{clients}, $self->{sites});
+    $self->{further} = Linux::FurtherServers->new($tree, $problems);
     $self->share_out;
+    $self->{further}->assign($self->domains);
     $self->name_those_left_over;
     $self->name_refused_links;
     return $self;
@@ -64,6 +67,9 @@ sub parts { return $_[0]{parts} }
 sub databases { return @{ $_[0]{databases} } }
 
 sub mailboxes { return @{ $_[0]{mailboxes} } }
+
+# The Linux::FurtherServers.
+sub further { return $_[0]{further} }
 
 # What Linux::Mail has found: mailboxes, maps and servers.
 sub mail { return $_[0]{mail} }
@@ -125,13 +131,14 @@ sub units_of_others {
 }
 
 # The cron tables, and the files of units, of accounts that are no clients; the files that mail
-# servers need.
+# servers and further servers need.
 sub files_of_others {
     my ($self) = @_;
     my %client = map { $_->{name} => 1 } $self->clients;
     my @others = grep { !$client{$_} } sort keys %{ $self->{cron} };
     my @units = map { ($_->{file}, @{ $_->{needs} }) } $self->units_of_others;
-    return grep({defined} map { $self->{cron}{$_}{crontab} } @others), @units, $self->mail_files;
+    return grep({defined} map { $self->{cron}{$_}{crontab} } @others), @units,
+        $self->mail_files, $self->further->files;
 }
 
 # { domains, databases, mailboxes } that belong to no client. What is in the domains

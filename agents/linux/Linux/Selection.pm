@@ -23,18 +23,45 @@ sub new {
     my @alone = grep { !defined $_->{client} || !$is_client{ $_->{client} } } @domains;
     my $unassigned = $self->{inventory}->unassigned;
     $self->{unassigned} = $wanted->{all} ? $unassigned : { domains => \@alone };
+    $self->name_what_only_settings_have if !$wanted->{server};
     return $self;
 }
 
 # [{ client, whole, domains, databases, mailboxes }]: databases and mailboxes that are
-# in none of the domains; whole is 1 where everything of the client was asked for. Where not, also jobs
-# and units, those of the client that may concern the domains.
+# in none of the domains; whole is 1 where everything of the client was asked for. Where not, also
+# jobs and units, those of the client that may concern the domains.
 sub clients { return @{ $_[0]{clients} } }
 
 # { domains, databases, mailboxes } of no client.
 sub unassigned {
     my ($self) = @_;
     return map { $_ => $self->{unassigned}{$_} || [] } qw(domains databases mailboxes);
+}
+
+# What belongs to the selection and is in no archive but that of the host's settings.
+sub name_what_only_settings_have {
+    my ($self) = @_;
+    my $has_sites = ($self->{options}{only} || '') ne 'mail';
+    for my $domain (map { @{ $_->{domains} } } $self->clients, $self->{unassigned}) {
+        # The archive of a site has these.
+        next if $domain->{site} && $has_sites;
+        my @left = ((map {"zone $_->{name}"} @{ $domain->{zones} }),
+            map {"key $_->{selector} for signing mail"} @{ $domain->{mail_keys} });
+        $self->only_with_settings($domain->{name}, @left);
+    }
+    for my $client (map { $_->{client} } $self->clients) {
+        my @own = grep { defined $_->{uid} && defined $client->{uid} && $_->{uid} == $client->{uid} }
+            $self->{inventory}->further->ftp_accounts;
+        $self->only_with_settings($client->{name}, map {"FTP account $_->{name}"} @own);
+    }
+    return;
+}
+
+sub only_with_settings {
+    my ($self, $object, @left) = @_;
+    return if !@left;
+    return $self->problem('error', $object, "Not in the dump, but only in the archive of the host's settings: "
+        . join(', ', @left) . '; dump with --server too');
 }
 
 sub whole {

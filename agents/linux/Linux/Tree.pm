@@ -169,6 +169,15 @@ sub is_of_root {
     return @stat && $stat[4] == 0 && !($stat[2] & (S_IWGRP | S_IWOTH)) ? 1 : 0;
 }
 
+# True if what a file says may lead to another file: it is root's alone, or both have the same
+# owner. So nobody makes root pack what is another account's.
+sub may_name {
+    my ($self, $file, $other) = @_;
+    return 1 if $self->is_of_root($file);
+    my ($owner, $its) = map { ($self->stat($_))[4] } $file, $other;
+    return defined $owner && defined $its && $owner == $its ? 1 : 0;
+}
+
 # Where a link points, as it is written in it.
 sub link_target {
     my ($self, $path) = @_;
