@@ -48,12 +48,18 @@ def own_folders(storage=None):
         shutil.rmtree(CERTIFICATES, ignore_errors=True)
 
 
-def own_copy(folder):
-    """Puts a fresh copy of the machine's folder into /etc, to be changed at will."""
+def take_away(folder):
+    """The path of a folder in /etc, where nothing is afterwards: neither the machine's nor an earlier one."""
     path = f"/etc/{folder}"
     if os.path.islink(path):
         os.unlink(path)
     shutil.rmtree(path, ignore_errors=True)
+    return path
+
+
+def own_copy(folder):
+    """Puts a fresh copy of the machine's folder into /etc, to be changed at will."""
+    path = take_away(folder)
     # Links in it name /etc/..., and so lead into the copy.
     shutil.copytree(f"/mnt/etc.orig/{folder}", path, symlinks=True)
     return path
@@ -203,9 +209,10 @@ class Server:
         os.unlink(f"{self.folder}/sites-enabled/{name}")
 
     def __enter__(self):
+        # A session of its own: Apache with mod_php ends its whole process group, and so would end the test.
         self._process = subprocess.Popen(
             self.command, env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}, stdin=subprocess.DEVNULL,
-            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, preexec_fn=end_with_parent)
+            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, preexec_fn=end_with_parent, start_new_session=True)
         wait_until(self._answers, f"{self.folder} to answer")
         return self
 

@@ -7,7 +7,7 @@ import ssl
 import pytest
 
 from linux_host import STAGE, Agent, check_schema, unpack, web_host
-from source_services import add_user, certificate, fill_root, owned
+from source_services import add_user, certificate, fill_root, owned, take_away
 from world import read, write
 
 pytestmark = pytest.mark.release_only
@@ -99,6 +99,8 @@ def lay_out():
 @pytest.fixture(params=["nginx", "apache"])
 def server(request):
     shutil.rmtree(STAGE, ignore_errors=True)
+    # The pools of the machine, if it has PHP, are not this host's.
+    take_away("php")
     with web_host() as host:
         lay_out()
         names = dict(zip(("pem", "key"), certificate("full.test")))
@@ -113,8 +115,8 @@ def server(request):
             write(f"{found.folder}/{name}", content)
         with found:
             yield found
-        for folder in ("/etc/sites", "/etc/php/8.9"):
-            shutil.rmtree(folder)
+        for folder in ("sites", "php"):
+            take_away(folder)
 
 
 def served_certificate():
