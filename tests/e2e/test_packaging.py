@@ -63,6 +63,27 @@ def test_version_of_the_packages_is_that_of_the_program():
     assert package == program
 
 
+def test_copyright_can_be_read_by_programs():
+    paragraphs = [dict(re.findall(r"^([\w-]+): *(.*)$", text, re.MULTILINE))
+                  for text in read(f"{TOP}/debian/copyright").decode().strip().split("\n\n")]
+    assert paragraphs[0]["Format"].endswith("/copyright-format/1.0/")
+    assert paragraphs[1]["Files"] == "*"
+    assert all({"Files", "Copyright", "License"} <= set(paragraph) for paragraph in paragraphs[1:])
+
+
+@pytest.mark.release_only
+@pytest.mark.parametrize("directory", ["/opt", "/opt/qrv/DTM/tmp"], ids=["is gone", "holds what a run has left"])
+def test_package_can_be_removed_when_its_directory_for_temporary_files(directory):
+    subprocess.run(["mount", "-t", "tmpfs", "own", "/opt"], check=True)
+    try:
+        os.makedirs(directory, exist_ok=True)
+        write(f"{directory}/left/by-a-run")
+        subprocess.run(["sh", f"{TOP}/debian/sondrel.prerm", "remove"], check=True)
+        assert os.listdir(directory) == (["left"] if directory == "/opt" else [])
+    finally:
+        subprocess.run(["umount", "/opt"], check=True)
+
+
 @pytest.fixture
 def configuration():
     """Writes the host's configuration; the one before comes back."""
