@@ -1,4 +1,4 @@
-"""Man pages, completion and usage text tell of the program as it is."""
+"""Man pages, completion and usage text tell of the program as it is; commands of the documents can be run."""
 import glob
 import os
 import pty
@@ -170,6 +170,54 @@ def test_man_page_has_no_fault_that_a_checker_finds(name):
     checked = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", f"{MANUAL}/{name}"], capture_output=True,
                              text=True, check=False)
     assert (checked.returncode, checked.stdout) == (0, "")
+
+
+# --- commands of the documents, which scripts/fresh-roots runs ----------------------------------
+
+DOCUMENTS = [path for path in sorted(glob.glob("**/*.md", root_dir=TOP, recursive=True)) if not path.startswith("build/")]
+SHOWN = {"text", "console"}
+RUN_HOW = {"online", "last", "long"}
+
+
+def blocks(document):
+    """[(words behind the fence, text)] of each fenced block, and the lines outside of them."""
+    found, outside, fence = [], [], None
+    for line in read(f"{TOP}/{document}").decode().splitlines():
+        mark = re.match(r"\s*```(.*)$", line)
+        if mark and fence is None:
+            fence = (mark[1].split(), [])
+        elif mark:
+            found.append((fence[0], "\n".join(fence[1])))
+            fence = None
+        elif fence:
+            fence[1].append(line)
+        else:
+            outside.append(line)
+    assert fence is None, "a block is not closed"
+    return found, outside
+
+
+@pytest.mark.parametrize("document", DOCUMENTS)
+def test_block_of_a_document_says_whether_and_how_it_is_run(document):
+    found, outside = blocks(document)
+    for words, text in found:
+        assert words and (words[0] in SHOWN and not words[1:] or words[0] == "sh" and set(words[1:]) <= RUN_HOW), text
+    indented = [line for before, line in zip(outside, outside[1:]) if not before and line.startswith("    ")]
+    assert not indented, "commands that are not run, or text that looks like them"
+
+
+@pytest.mark.parametrize("document", DOCUMENTS)
+def test_commands_of_a_document_are_words_of_a_shell(document):
+    for words, text in blocks(document)[0]:
+        if words[0] == "sh":
+            checked = subprocess.run(["bash", "-n"], input=text, text=True, capture_output=True, check=False)
+            assert (checked.returncode, checked.stderr) == (0, ""), text
+
+
+def test_every_document_that_has_commands_is_run_in_fresh_roots():
+    listed = re.search(r"^documents=\((.*?)\)", read(f"{TOP}/scripts/fresh-roots").decode(), re.DOTALL | re.MULTILINE)[1]
+    with_commands = {document for document in DOCUMENTS if any(words[0] == "sh" for words, _ in blocks(document)[0])}
+    assert with_commands and with_commands <= set(listed.split())
 
 
 # --- completion ------------------------------------------------------------------------------
