@@ -8,6 +8,7 @@ use Agent::Xml qw(element text document);
 use Linux::Apache;
 use Linux::Nginx;
 use Linux::Php;
+use Linux::ServerPackages;
 use Linux::Tls;
 use Linux::WebElements;
 use POSIX ();
@@ -310,9 +311,19 @@ sub server {
         each_as('file-system', [qw(mount type bytes free)], @{ $facts->{filesystems} || [] }),
         (map { unit($_) } $self->{inventory}->units_of_others),
         ($self->has_mail ? $self->mail_servers : ()),
+        $self->server_packages,
         zones_and_keys([$further->zones], [$further->keys_of_mail]),
         each_as('ftp-account', [qw(server name uid gid home file)], $further->ftp_accounts),
         contents($self->{server}));
+}
+
+# What web servers, databases and the like are from.
+sub server_packages {
+    my ($self) = @_;
+    my @modules = grep { defined && m{\A/} } map { $_->{file} }
+        map { @{ $_->{modules} || [] } } $self->{inventory}->configurations;
+    return each_as('package', [qw(name version architecture manager use)],
+        Linux::ServerPackages::all($self->{tree}, @modules));
 }
 
 sub mail_servers {

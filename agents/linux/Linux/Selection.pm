@@ -60,8 +60,9 @@ sub name_what_only_settings_have {
 sub only_with_settings {
     my ($self, $object, @left) = @_;
     return if !@left;
-    return $self->problem('error', $object, "Not in the dump, but only in the archive of the host's settings: "
-        . join(', ', @left) . '; dump with --server too');
+    return $self->problem('error', $object,
+        'Not in the dump, but only in the archive of the settings: ' . join(', ', @left)
+            . '; dump with --server too');
 }
 
 sub whole {
