@@ -122,7 +122,7 @@ END
     is_deeply $sites->{'ann.test'}{php}, { version => '8.2', handler => 'fpm', pool => 'ann',
         pool_user => 'ann',
         pool_file => '/etc/php/8.2/fpm/pool.d/ann.conf', listen => 'unix:/var/run/php/ann.sock',
-        pool_files => ['/etc/php/8.2/fpm/pool.d/ann.conf'], env => {},
+        pool_files => ['/etc/php/8.2/fpm/pool.d/ann.conf'], env => {}, extensions => [],
         settings => { open_basedir => '/home/ann:/tmp', memory_limit => '256M', display_errors => 'on' } },
         'PHP has its pool and settings' or diag explain $sites->{'ann.test'}{php};
     is $sites->{'number.test'}{php}{handler}, 'fastcgi', 'an address without a pool is another program';
@@ -263,6 +263,10 @@ env[PLACE] = "north; west" ; a comment
 include = "/etc/php/8.2/fpm/of-*.inc"
 listen = 9002
 END
+        'etc/php/8.2/fpm/php.ini' => "; extension=shmop\nextension = gd.so\nmemory_limit=1\n",
+        'etc/php/8.2/fpm/conf.d/10-opcache.ini' => "zend_extension=/usr/lib/php/opcache.so\n",
+        'etc/php/8.2/fpm/conf.d/20-curl.ini' => qq(extension="curl" ; x\n),
+        'etc/php/8.2/cli/conf.d/20-xdebug.ini' => "zend_extension=xdebug\n",
         'etc/php/8.2/fpm/of-all.inc' => "user = ann\nphp_value[from_file] = 1\nenv[TMPDIR] = /tmp\n",
         'srv/x/.user.ini' => "of_request=3\nby_request=2\nby_admin=3\n",
     );
@@ -270,6 +274,7 @@ END
     is_deeply [map { $_->{pool_user} } @php], [qw(ann ann)], 'a file that pools include is part of each of them';
     is_deeply $php[0]{settings}, { from_file => 1, by_admin => 1, by_request => 2, of_request => 1 },
         'what an administrator sets counts' or diag explain $php[0]{settings};
+    is_deeply $php[0]{extensions}, [qw(curl gd opcache)], 'the extensions are those of the way that runs it';
     is_deeply $php[0]{env}, { PLACE => 'north; west', TMPDIR => '/tmp' }, 'the environment of a pool is known';
     is_deeply $sites->{'b.test'}{config}, [map {"/etc/$_"} qw(nginx/nginx.conf php/8.2/fpm/pool.d/all.conf
         php/8.2/fpm/of-all.inc)], 'and the files that make it are those of the site';

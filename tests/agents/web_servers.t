@@ -23,6 +23,7 @@ use Agent::Process qw(run start finish which);
 use Imitated qw(imitated problem_texts);
 use Linux::Apache;
 use Linux::Nginx;
+use Linux::Php;
 use Linux::Tree;
 use Linux::WebServers;
 
@@ -143,6 +144,47 @@ with_server(8081, \@apache, sub {
     like join("\n", @$problems), qr{^warning \Q$folder\E/web.conf: Apache runs, but would not start with its files.*b\.vhost.*'Wrong'}, 'and why is told' or diag explain $problems;
 });
 unlink "$folder/more/b.vhost";
+
+{
+    my $fpm = "$folder/fpm.conf";
+    write_file($fpm, "[global]\nerror_log = $folder/fpm.log\ndaemonize = no\ninclude = $folder/pool?.conf\n");
+    write_file("$folder/pool1.conf", "[one]\nlisten = 127.0.0.1:9000\nuser = nobody\npm = static\npm.max_children = 1\n"
+        . "env[PLACE] = 'north; west'\ninclude = $folder/of-all\n");
+    write_file("$folder/of-all", "php_admin_value[memory_limit] = 3M\n");
+    my ($program) = glob '/usr/sbin/php-fpm?.?';
+    my ($version) = $program =~ /([\d.]+)\z/;
+    my @fpm = ($program, '-y', $fpm);
+    my $of_site = sub {
+        my ($tree, $problems) = (Linux::Tree->new, Agent::Problems->new);
+        my $servers = Linux::WebServers->new(tree => $tree, problems => $problems);
+        my $php = Linux::Php->new($tree, $problems, $servers);
+        return ($php->of_site({ php_addresses => ['localhost:9000'], php_settings => {}, php_admin => {} }),
+            [grep {/\Q$folder\E/} @{ problem_texts($problems) }]);
+    };
+    with_server(9000, \@fpm, sub {
+        my ($php, $problems) = $of_site->();
+        is_deeply [@$php{qw(pool pool_user version pool_file)}], ['one', 'nobody', $version, "$folder/pool1.conf"],
+            'a pool is found by the file that its process manager was started with' or diag explain $php;
+        is_deeply $php->{settings}, { memory_limit => '3M' }, 'with its settings';
+        is_deeply $php->{env}, { PLACE => 'north; west' }, 'and environment';
+        ok((grep { $_ eq 'opcache' } @{ $php->{extensions} }) && (grep { $_ eq 'cgi-fcgi' } @{ $php->{extensions} }),
+            'extensions are those that the program names') or diag explain $php->{extensions};
+        is_deeply $problems, [], 'without a problem' or diag explain $problems;
+
+        no warnings qw(redefine once);
+        local *Linux::Php::read_pool_file = sub { return };
+        ($php) = $of_site->();
+        is_deeply [@$php{qw(pool pool_user settings env)}],
+            ['one', 'nobody', { memory_limit => '3M' }, { PLACE => 'north; west' }],
+            'a pool that no file shows is the one that the process manager tells' or diag explain $php;
+    });
+    with_server(9000, \@fpm, sub {
+        write_file("$folder/of-all", "wrong = 1\n");
+        my ($php, $problems) = $of_site->();
+        is $php->{pool}, 'one', 'files are read where the process manager does not answer';
+        like "@$problems", qr{\Awarning \Q$fpm\E: PHP-FPM runs, but would not start with its files.*'wrong'}, 'and why is told';
+    });
+}
 
 # Another program with the name of the server: what is looked at is who runs and listens.
 run(['cp', $^X, "$folder/lighttpd"]);

@@ -234,8 +234,20 @@ sub php {
     return element('php', [
         (map { $_ => $php->{$_} } qw(version handler pool)),
         user => $php->{pool_user}, file => $php->{pool_file},
+        extensions => words(@{ $php->{extensions} || [] }),
     ], (map { element('setting', [name => $_], text($settings->{$_})) } sort keys %$settings),
         (map { element('env', [name => $_], text($env->{$_})) } sort keys %$env));
+}
+
+sub words { return @_ ? join ' ', @_ : undef }
+
+# An installed version of PHP, with the ways to run it that there are.
+sub php_version {
+    my ($self, $version) = @_;
+    my %extensions = map { $_ => [Linux::Php::extensions($self->{tree}, $version, $_)] } @Linux::Php::WAYS;
+    return element('php', [version => $version], map {
+        element('way', [handler => $_, extensions => words(@{ $extensions{$_} })])
+    } grep { @{ $extensions{$_} } } @Linux::Php::WAYS);
 }
 
 sub tls {
@@ -307,7 +319,7 @@ sub server {
         distribution => $distribution->{id}, release => $distribution->{version},
         family => $distribution->{family}, memory => $memory->{total},
     ],
-        @web, (map { element('php', [version => $_]) } Linux::Php::versions($self->{tree})), @databases,
+        @web, (map { $self->php_version($_) } Linux::Php::versions($self->{tree})), @databases,
         each_as('file-system', [qw(mount type bytes free)], @{ $facts->{filesystems} || [] }),
         (map { unit($_) } $self->{inventory}->units_of_others),
         ($self->has_mail ? $self->mail_servers : ()),

@@ -4,8 +4,10 @@ package Linux::Php;
 
 use strict;
 use warnings;
-use Agent::Process qw(run which);
+use Agent::Process qw(run);
 use Linux::ConfigReader;
+use Linux::HostProgram qw(answer_of program);
+use Linux::WebServers;
 
 # Folders of pool files, the file above them that may have pools too, and what tells the
 # version in their paths.
@@ -21,6 +23,35 @@ my @POOLS = (
 
 my $MOST_DEPTH = 10;
 
+my $LIMIT = 10;
+my $MOST_BYTES = 1_000_000;
+
+# Each way to run PHP: the files that name what it loads, and programs that can be asked; "%s"
+# is the version, "%d" the version without its point. A module of Apache cannot be asked.
+my %LOADED = (
+    fpm => [
+        ['/etc/php/%s/fpm', '/usr/sbin/php-fpm%s'],
+        ['/etc/opt/remi/php%d', '/opt/remi/php%d/root/usr/sbin/php-fpm'],
+        ['/etc/opt/rh/rh-php%d', '/opt/rh/rh-php%d/root/usr/sbin/php-fpm'],
+        ['/etc', '/usr/sbin/php-fpm'], ['/usr/local/etc/php', '/usr/local/sbin/php-fpm'],
+    ],
+    module => [['/etc/php/%s/apache2'], ['/etc/opt/remi/php%d'], ['/etc/opt/rh/rh-php%d'], ['/etc']],
+    cgi => [
+        ['/etc/php/%s/cgi', '/usr/bin/php-cgi%s'],
+        ['/etc/opt/remi/php%d', '/opt/remi/php%d/root/usr/bin/php-cgi'], ['/etc', '/usr/bin/php-cgi'],
+    ],
+    cli => [
+        ['/etc/php/%s/cli', '/usr/bin/php%s'],
+        ['/etc/opt/remi/php%d', '/opt/remi/php%d/root/usr/bin/php'], ['/etc', '/usr/bin/php'],
+    ],
+);
+
+# Ways to run PHP, as in the handler of a site.
+our @WAYS = sort keys %LOADED;
+
+# Settings of extensions below a directory of those above.
+my @INI = qw(php.ini php.d/*.ini conf.d/*.ini);
+
 # Installations without a pool show by their configuration folders.
 my @VERSION_FOLDERS = (
     ['/etc/php/*', qr{/(\d+\.\d+)\z}],
@@ -28,11 +59,65 @@ my @VERSION_FOLDERS = (
     ['/opt/rh/rh-php*', qr{/rh-php(\d+)\z}],
 );
 
+# tree, problems and, where running process managers count, Linux::WebServers.
 sub new {
-    my ($class, $tree, $problems) = @_;
+    my ($class, $tree, $problems, $servers) = @_;
     my $self = bless { tree => $tree, problems => $problems, pools => [], by_listen => {} }, $class;
+    my @running = $servers ? $servers->process_managers : ();
     $self->read_pools;
+    for my $manager (@running) {
+        $self->read_pool_file($manager->{main}, version_of($manager->{main}, $manager->{program}));
+        $self->believe($manager);
+    }
+    $self->index_pools;
     return $self;
+}
+
+# What the path of a file says of the version, or else the program that reads it.
+sub version_of {
+    my ($file, $program) = @_;
+    my ($version) = grep {defined} map { $_->[2] && $file =~ $_->[2] ? dotted($1) : () } @POOLS;
+    return $version if defined $version;
+    my $said = run([$program, '-v'], limit => $LIMIT, most => $MOST_BYTES)->{out};
+    return $said =~ /^PHP (\d+\.\d+)/m ? $1 : undef;
+}
+
+# Takes over what a running process manager says of its pools: pools that no file has shown, and
+# at which address and as which account the others run. Its own words are of the same form as
+# its files, without quotes.
+sub believe {
+    my ($self, $manager) = @_;
+    my @argv = ($manager->{program}, '-y', $manager->{main}, '-tt');
+    my $asked = run(\@argv, limit => $LIMIT, most => $MOST_BYTES);
+    if ($asked->{status} || $asked->{why}) {
+        my ($why) = $asked->{err} =~ /(?:ERROR|ALERT): (.*)/;
+        Linux::WebServers::note_refusal($self->{problems}, 'PHP-FPM', $manager->{main}, $why);
+        return;
+    }
+    my $version = version_of(@$manager{qw(main program)});
+    my @of_version = grep { defined $_->{version} && defined $version && $_->{version} eq $version }
+        @{ $self->{pools} };
+    my %known = map { ($_->{name} => $_) } @of_version;
+    my $pool;
+    for my $line ($asked->{err} =~ /NOTICE: (.*)/g) {
+        if ($line =~ /\A\[(.+)\]\z/) {
+            $pool = $1 eq 'global' ? undef : $known{$1} || $self->new_pool($1, $manager->{main}, $version);
+        }
+        elsif ($pool && $line =~ /\A\s+(\S+) = (.*)\z/ && $2 ne 'undefined') {
+            my ($key, $value) = ($1, $2);
+            my $counts = !$known{ $pool->{name} } || $key =~ /\A(?:user|group|listen)\z/;
+            put_in_pool($pool, $key, $value) if $counts;
+        }
+    }
+    return;
+}
+
+sub new_pool {
+    my ($self, $name, $file, $version) = @_;
+    my $pool = { name => $name, file => $file, files => [$file], version => $version,
+        settings => {}, admin => {}, env => {} };
+    push @{ $self->{pools} }, $pool if $name ne 'global';
+    return $pool;
 }
 
 # Versions of all PHP installations that can be seen, sorted.
@@ -46,6 +131,55 @@ sub versions {
     my $default = default_version($tree);
     $found{$default} = 1 if defined $default;
     return sort { by_version($a, $b) } keys %found;
+}
+
+# The names of the extensions that a version of PHP has where it is run in a way (fpm, module,
+# cgi, cli), sorted; none where nothing tells them. The program is asked; without one its
+# files are read, which do not name what is built in.
+my %extensions;
+sub extensions {
+    my ($tree, $version, $way) = @_;
+    return if !defined $version;
+    my $known = $extensions{ join "\0", $tree->root, $version, $way } ||= [loaded($tree, $version, $way)];
+    return @$known;
+}
+
+sub loaded {
+    my ($tree, $version, $way) = @_;
+    (my $number = $version) =~ s{\.}{}g;
+    my $default = default_version($tree);
+    for my $place (@{ $LOADED{$way} || [] }) {
+        # A place without a version is that of the distribution's own.
+        next if $place->[0] !~ /%/ && (!defined $default || $default ne $version);
+        my ($directory, $program) = @$place;
+        for (grep {defined} $directory, $program) {
+            s/%s/$version/;
+            s/%d/$number/;
+        }
+        my @names = told_by($tree, $program);
+        @names = named_in($tree, $directory) if !@names;
+        return @names if @names;
+    }
+    return;
+}
+
+sub told_by {
+    my ($tree, $program) = @_;
+    my $told = defined $program ? answer_of($tree, [$program, '-m'], limit => $LIMIT) : undef;
+    return if !defined $told;
+    return sorted_once(map { s/\AZend //; $_ } grep { /\A\w/ } split /\n/, $told);
+}
+
+sub named_in {
+    my ($tree, $directory) = @_;
+    my @lines = map { $tree->read_lines($_) } map { $tree->glob("$directory/$_") } @INI;
+    my @loads = map { /\A\s*(?:zend_)?extension\s*=\s*["']?([^\s"';]+)/ ? $1 : () } @lines;
+    return sorted_once(map { m{([^/]+?)(?:\.so)?\z} ? $1 : () } @loads);
+}
+
+sub sorted_once {
+    my %names = map { lc $_ => 1 } @_;
+    return sort keys %names;
 }
 
 sub by_version {
@@ -67,7 +201,7 @@ sub default_version {
     my ($tree) = @_;
     return undef if $tree->root ne '/';
     return $default_version{known} if exists $default_version{known};
-    my ($program) = grep { which($_) } qw(php-fpm php);
+    my ($program) = grep {defined} map { program($_) } qw(php-fpm php);
     my $text = $program ? run([$program, '-v'], limit => 5, most => 10_000)->{out} : '';
     return $default_version{known} = $text =~ /\APHP (\d+\.\d+)/m ? $1 : undef;
 }
@@ -83,7 +217,6 @@ sub read_pools {
             $self->read_pool_file($file, $of_file);
         }
     }
-    $self->index_pools;
     return;
 }
 
@@ -101,12 +234,15 @@ sub read_pool_file {
     for my $line (split /\r?\n/, $text) {
         if ($line =~ /\A\s*\[([^\]]+)\]/) {
             $self->{has_pools}{$file} = 1;
-            $pool = { name => $1, file => $file, files => [$file], version => $version,
-                settings => {}, admin => {}, env => {} };
-            push @{ $self->{pools} }, $pool if $1 ne 'global';
+            $pool = $self->new_pool($1, $file, $version);
         }
-        elsif ($line =~ /\A\s*include\s*=\s*["']?(\/[^\s"']+)/) {
-            $pool = $self->read_pool_file($_, $version, $pool, @stack, $file) for $self->{tree}->glob($1);
+        elsif ($line =~ /\A\s*include\s*=\s*["']?([^\s"']+)/) {
+            my $pattern = $1;
+            # Others start where PHP is installed.
+            $pattern = "$1/$pattern" if $pattern !~ m{\A/} && $file =~ m{\A(.*?)/etc/};
+            for my $inner ($self->{tree}->glob($pattern)) {
+                $pool = $self->read_pool_file($inner, $version, $pool, @stack, $file);
+            }
         }
         elsif ($pool && $line =~ /\A\s*([\w.\[\]-]+)\s*=\s*(.*?)\s*\z/) { set_in_pool($pool, $1, $2) }
     }
@@ -126,7 +262,11 @@ sub index_pools {
 
 sub set_in_pool {
     my ($pool, $key, $value) = @_;
-    $value = value_of($value, qr/;.*/s);
+    return put_in_pool($pool, $key, value_of($value, qr/;.*/s));
+}
+
+sub put_in_pool {
+    my ($pool, $key, $value) = @_;
     $value =~ s/\$pool\b/$pool->{name}/g;
     if ($key =~ /\Aphp_(admin_)?(?:value|flag)\[(.+)\]\z/) {
         $pool->{settings}{$2} = $value;
@@ -150,8 +290,14 @@ sub address {
 
 # What runs a site; undef where nothing does: { version, handler => 'fpm',
 # 'module', 'cgi' or 'fastcgi', pool, pool_user, pool_file, pool_files (all that the
-# pool is made of), listen, settings, env (of the pool) }.
+# pool is made of), listen, settings, env (of the pool), extensions => [names] }.
 sub of_site {
+    my ($self, $site) = @_;
+    my $php = $self->run_of_site($site) or return;
+    return { %$php, extensions => [extensions($self->{tree}, @$php{qw(version handler)})] };
+}
+
+sub run_of_site {
     my ($self, $site) = @_;
     my ($listen, $pool) = $self->pool_of(@{ $site->{php_addresses} });
     if (defined $listen) {

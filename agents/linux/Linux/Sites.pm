@@ -40,7 +40,7 @@ sub look {
         \&Linux::Nginx::look, \&Linux::Apache::look;
     $servers->note_unread;
     my $users = Linux::Users->new($tree);
-    my $php   = Linux::Php->new($tree, $problems);
+    my $php   = Linux::Php->new($tree, $problems, $servers);
     my @sites = merge(map { @{ $_->{sites} } } @found);
     my $homes = homes($users);
     for my $site (@sites) {

@@ -83,6 +83,21 @@ sub running {
         $self->first_of($server);
 }
 
+# The process managers of PHP that root has started from a program of root's, and the file
+# that each was started with: { pid, program, main }.
+sub process_managers {
+    my ($self) = @_;
+    my @found;
+    for my $process (grep { $_->{name} =~ /\Aphp\d*-?fpm[\d.]*\z/ } @{ $self->{processes} }) {
+        next if $process->{uid} || !$process->{own_root} || !defined program($process->{program});
+        my ($main) = join(' ', @{ $process->{words} }) =~ /master process \((.*)\)/ or next;
+        my $directory = readlink "$PROC/$process->{pid}/cwd";
+        $main = "$directory/$main" if $main !~ m{\A/} && defined $directory;
+        push @found, { pid => $process->{pid}, program => $process->{program}, main => $main };
+    }
+    return @found;
+}
+
 sub key_of { return join "\0", $_[0]{program}, arguments($_[0]) }
 
 # The processes of a server, without the children of others of it.
