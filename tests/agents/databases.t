@@ -21,7 +21,7 @@ my %mysql = (
     # database => [users with grants]
     alice_shop => ['shop_user'], second => ['shop_user'], stale => ['stale_user'], foreign => ['other_user'],
     loose => [], named => ['bob'], bob_things => [], solo_test => [], both => ['both_user'], lost => ['nobody_known'],
-    victim => ['carol'], 'big-shop.test' => [], unread => ['socket_user'],
+    by_admin => ['local'], victim => ['carol'], 'big-shop.test' => [], unread => ['socket_user'],
 );
 my @sql = map {"CREATE DATABASE `$_`;"} sort keys %mysql;
 my %seen;
@@ -31,7 +31,8 @@ for my $database (sort keys %mysql) {
         push @sql, "GRANT ALL ON `$database`.* TO $user\@localhost;";
     }
 }
-push @sql, 'ALTER USER socket_user@localhost IDENTIFIED VIA unix_socket;', "CREATE USER ungranted IDENTIFIED BY 'right';";
+push @sql, 'ALTER USER socket_user@localhost IDENTIFIED VIA unix_socket;', "CREATE USER ungranted IDENTIFIED BY 'right';",
+    "CREATE USER almighty\@localhost IDENTIFIED BY 'right';", 'GRANT ALL ON *.* TO almighty@localhost;';
 $mysql->sql(join "\n", @sql);
 $postgresql->sql(<<'END');
 CREATE ROLE forum_user LOGIN PASSWORD 'right';
@@ -56,7 +57,7 @@ sub site {
 }
 site('shop.test', 'alice', '.' => [qw(alice_shop shop_user right)], old => [qw(stale stale_user wrong)],
     far => [qw(far u p db.example:3306)], gone => [qw(gone u p)], stolen => [qw(foreign shop_user right)],
-    free => [qw(loose ungranted right)], victim => [qw(unread socket_user guessed)]);
+    free => [qw(loose ungranted right)], admin => [qw(by_admin almighty right)], victim => [qw(unread socket_user guessed)]);
 site('blog.test', 'alice');
 site('forum.test', 'dave');
 File::Path::mkpath('/mnt/sites/forum.test');
@@ -90,6 +91,7 @@ my %expected = (
     'mysql bob_things' => 'bob guess solo.test',         # the name is like that of the client
     'mysql solo_test'  => 'bob guess solo.test',         # the name is like that of the site
     'mysql both'       => 'carol likely big-shop.test',  # two clients open it
+    'mysql by_admin'   => 'alice certain shop.test',     # settings with an account of the whole server
     'mysql lost'       => '- - -',                       # nothing tells
     'mysql victim'     => 'carol likely big-shop.test',  # others' settings with a guessed password
     'mysql big-shop.test'   => 'carol guess big-shop.test',
@@ -100,15 +102,26 @@ is told($_), $expected{$_}, "$_ belongs to: $expected{$_}" for sort keys %expect
 is_deeply [sort keys %assigned], [sort keys %expected], 'there are no other databases';
 is $assigned{'mysql alice_shop'}{because}, '/mnt/sites/shop.test/wp-config.php (WordPress) of shop.test names it,'
     . ' and the user and the password there open it', 'the assignment tells why';
+my $elsewhere = 'It may be in a container, or the server of another account, or the settings may be old: if the site uses'
+    . ' it, dump it where it runs';
+my $does_not_count = 'so that this does not count. If the site uses the database, take it along by its client or by a dump'
+    . ' of everything';
 is_deeply [map {"$_->{severity} $_->{object}: $_->{text}"} $problems->all], [
-    'info shop.test: /mnt/sites/shop.test/far/wp-config.php names the database far, which is on another host: db.example',
-    'info shop.test: /mnt/sites/shop.test/gone/wp-config.php names the database gone, which is not there',
-    'info shop.test: /mnt/sites/shop.test/old/wp-config.php names the database stale, but the password there is not'
-        . ' that of the user stale_user, so that this does not count',
-    'info shop.test: /mnt/sites/shop.test/stolen/wp-config.php names the database foreign, but the user shop_user has'
-        . ' no grants for it, so that this does not count',
-    'info eve.test: /mnt/sites/eve.test/wp-config.php names the database victim, but the password there is not that'
-        . ' of the user carol, so that this does not count',
+    'warning MariaDB: These accounts have rights on the whole server only and are in no dump: `almighty`@`localhost`. Make'
+        . ' those on the new host that something logs in as',
+    'error shop.test: /mnt/sites/shop.test/admin/wp-config.php names the database by_admin, and opens it as almighty, which'
+        . ' has rights on the whole server and is not in the dump. Give the site an account of its own on the new host, with'
+        . ' all rights in this database',
+    'error shop.test: /mnt/sites/shop.test/far/wp-config.php names the database far, which is on another host, db.example.'
+        . " Move it with that host's own tools, or let the new host reach it there",
+    "error shop.test: /mnt/sites/shop.test/gone/wp-config.php names the database gone, which none of the host's own servers"
+        . " has. $elsewhere",
+    'warning shop.test: /mnt/sites/shop.test/old/wp-config.php names the database stale, but the password there is not'
+        . " that of the user stale_user, $does_not_count",
+    'warning shop.test: /mnt/sites/shop.test/stolen/wp-config.php names the database foreign, but the user shop_user has'
+        . " no grants for it, $does_not_count",
+    'warning eve.test: /mnt/sites/eve.test/wp-config.php names the database victim, but the password there is not that'
+        . " of the user carol, $does_not_count",
     'warning MariaDB database both: Given to carol, but may be of eve: /mnt/sites/big-shop.test/x/wp-config.php'
         . ' (WordPress) of big-shop.test names it, and the user and the password there open it; but also:'
         . ' /mnt/sites/eve.test/x/wp-config.php (WordPress) of eve.test names it, and the user and the password there'
@@ -130,7 +143,7 @@ $_->stop for $mysql, $postgresql;
     my ($tree, $told) = imitated('srv/a/wp-config.php' => "<?php define('DB_NAME', 'inner'); define('DB_HOST', '127.0.0.1:3307');");
     Linux::Databases->new(tree => $tree, problems => $told)->assign([],
         [{ name => 'a.test', names => ['a.test'], owner => 'alice', root => '/srv/a', roots => ['/srv/a'] }]);
-    is_deeply problem_texts($told), ['info a.test: /srv/a/wp-config.php names the database inner, for which no server was'
-        . ' found on this host'], 'a database without a server is named';
+    is_deeply problem_texts($told), ['error a.test: /srv/a/wp-config.php names the database inner, for which no server was'
+        . " found on this host. $elsewhere"], 'a database without a server is named';
 }
 done_testing;

@@ -185,6 +185,15 @@ unlink glob '/tmp/.s.PGSQL.*';
 }
 unlink glob '/tmp/.s.PGSQL.*';
 
+# What the service account has left behind is a server that is down; what others have left is nothing.
+for my $case ([postgres => ['error PostgreSQL (port 5401): The server cannot be asked: it is not running'
+    . ' (/tmp/.s.PGSQL.5401: Connection refused)']], [plain => []]) {
+    FakeServer->new(account => $case->[0], path => '/tmp/.s.PGSQL.5401')->stop;
+    my ($problems) = look('Linux::PostgreSql');
+    is_deeply problem_texts($problems), $case->[1], "a socket that $case->[0] has left";
+    unlink '/tmp/.s.PGSQL.5401';
+}
+
 # An account takes the port of a server that is down.
 mkdir $_ or die $! for '/etc/postgresql', '/etc/postgresql/15', '/etc/postgresql/15/main';
 open $file, '>', '/etc/postgresql/15/main/postgresql.conf' or die $!;

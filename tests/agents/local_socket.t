@@ -53,8 +53,8 @@ is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL), { state => 'foreig
     'and one of another account among them is enough';
 chown 0, 0, '/mnt/outer' or die $!;
 $inner->stop;
-is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL), { state => 'none', why => 'Connection refused' },
-    'a socket that is left over is none';
+is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL), { state => 'none', why => 'Connection refused',
+    left_over => 1 }, 'a socket that the service account has left is told from others';
 is_deeply look_at_socket('/mnt/outer/inner/missing', \@MYSQL), { state => 'none', why => 'No such file or directory' },
     'neither is one that is missing';
 is_deeply look_at_socket('/mnt/outer', \@MYSQL), { state => 'none', why => 'it is no socket' }, 'nor what is no socket';
@@ -81,7 +81,8 @@ is_deeply look_at_socket("/mnt/busy/$_", \@MYSQL), { state => 'foreign', uid => 
     for 1 .. 20;
 cmp_ok Time::HiRes::time() - $began, '<', 1.5, 'nobody waits for them';
 push @busy, busy('mysql', '/mnt/busy/own');
-is_deeply look_at_socket('/mnt/busy/own', \@MYSQL), { state => 'none', why => 'it takes no connections' },
+is_deeply look_at_socket('/mnt/busy/own', \@MYSQL), { state => 'none', why => 'it takes no connections',
+    left_over => 1 },
     'one of the service account is waited for, not for ever';
 
 done_testing;

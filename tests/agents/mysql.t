@@ -59,6 +59,9 @@ CREATE DATABASE `sh%p`;
 CREATE DATABASE `-x ``é`;
 CREATE TABLE `-x ``é`.`t ``"'é` (`c ``"'é` INT);
 INSERT INTO `-x ``é`.`t ``"'é` VALUES (5);
+CREATE VIEW `-x ``é`.`v ``w` AS SELECT * FROM `-x ``é`.`t ``"'é`;
+CREATE USER 'ba``ck``'@'localhost' IDENTIFIED BY 'x';
+GRANT SELECT ON `-x ``é`.* TO 'ba``ck``'@'localhost' WITH GRANT OPTION;
 CREATE DATABASE client_a;
 CREATE DATABASE clientba;
 GRANT SELECT ON `client\_%`.* TO 'stranger'@'localhost';
@@ -77,12 +80,46 @@ is_deeply [map {"$_->{name}\@$_->{host}"} @{ $databases{shop}{users} }],
     ['buyers@', 'o\'brien@localhost', 'reader@10.0.0.%', 'shop@%', 'stranger@localhost'],
     'the accounts of a database are found by all kinds of grants and by roles';
 is_deeply [map { $_->{name} } @{ $databases{client_a}{users} }], ['stranger'], 'a grant may have wildcards';
+is_deeply [map { $_->{name} } @{ $databases{'-x `é'}{users} }], ['ba``ck``'], 'a name may have backticks';
 is_deeply $databases{clientba}{users}, [], 'an escaped wildcard is a plain character';
 is_deeply $databases{'sh%p'}{users}, [], 'a name like a pattern is no pattern';
 
 is $server->password_matches('shop', "pa'ss"), 1, 'a password is known to be right';
 is $server->password_matches('shop', 'pass'), 0, 'a password is known to be wrong';
 is $server->password_matches('nobody', 'pass'), undef, 'nothing is known of a missing account';
+
+# What a restore needs to know, in the form of the document.
+my $details = $server->details($databases{shop});
+is_deeply [@$details{qw(version encoding collation)}], [$server->{version}, 'utf8mb4', 'utf8mb4_bin'],
+    'a database has its character set, its collation and the version of its server';
+my %setting = map {@$_} @{ $details->{settings} };
+my @expected_settings = map { [split /\t/] } split /\n/, $source->sql(q{SHOW GLOBAL VARIABLES WHERE Variable_name IN
+    ('sql_mode', 'lower_case_table_names', 'character_set_server', 'collation_server')});
+is_deeply [map { [$_, $setting{$_}] } map { $_->[0] } @expected_settings], \@expected_settings,
+    'and what its SQL means with this server';
+my %plain = (host => 'localhost', authentication => 'mysql_native_password');
+is_deeply $details->{users}, [{ name => 'buyers', host => undef, kind => 'role', authentication => undef },
+    (map { { %plain, %$_, kind => 'login' } } { name => "o'brien" }, { name => 'reader', host => '10.0.0.%' },
+        { name => 'shop', host => '%' }, { name => 'stranger' })], 'accounts are described without a hash';
+is_deeply $details->{memberships}, [{ role => 'buyers', 'role-host' => undef, to => 'reader', host => '10.0.0.%',
+    grantable => 0, default => 1 }], 'so is who is in which role';
+my %right = (host => 'localhost', object => 'orders', column => undef, grantable => 0);
+my @grants = sort { "$a->{to} $a->{on}" cmp "$b->{to} $b->{on}" } grep { $_->{to} ne 'shop' } @{ $details->{grants} };
+is_deeply \@grants, [
+    { %right, to => 'buyers', host => undef, on => 'database', object => 'shop', rights => ['SELECT'] },
+    { %right, to => "o'brien", on => 'column', column => 'item', rights => ['SELECT'] },
+    { %right, to => "o'brien", on => 'column', column => 'price', rights => ['UPDATE'] },
+    { %right, to => 'stranger', on => 'procedure', object => 'count_them', rights => ['EXECUTE'] },
+], 'rights are in parts';
+my ($all) = grep { $_->{to} eq 'shop' } @{ $details->{grants} };
+cmp_ok scalar @{ $all->{rights} }, '>', 15, 'all rights are many';
+is_deeply [map { $_->{grantable} } @{ $server->details($databases{'-x `é'})->{grants} }], [1], 'rights may be given on';
+is_deeply [map { "$_->{object} $_->{rights}[0]" } @{ $server->details($databases{client_a})->{grants} }],
+    ['client\_% SELECT'], 'rights on many databases keep their pattern';
+is_deeply [map {"$_->{kind} $_->{object} $_->{name}\@$_->{host} $_->{known}"} @{ $details->{definers} }], [
+    'event daily root@localhost 0', 'function of_admin admin@% 0', 'function twice root@localhost 0',
+    'procedure count_them shop@% 1', 'trigger mark root@localhost 0', 'view broken root@localhost 0',
+    'view cheap root@localhost 0', 'view seen_by_admin admin@% 0'], 'what runs as which account is told';
 
 my %sql = map { $_ => dumped($server, $databases{$_}) } sort keys %databases;
 is_deeply problem_texts($problems), [
@@ -93,7 +130,8 @@ is_deeply problem_texts($problems), [
         . ' dump, since their engine has no transactions: log',
     'warning MariaDB database shop: Views, routines, triggers or events of it run as accounts that are not in the dump,'
         . ' and fail until the new host has them: admin@%',
-    'info MariaDB database shop: The account `shop`@`%` loses its server-wide rights: FILE',
+    'warning MariaDB database shop: The account `shop`@`%` loses its server-wide rights. Give it those anew that it needs:'
+        . ' FILE',
 ], 'what does not come along is named';
 is dumped((look())[0], $databases{shop}), $sql{shop}, 'a second dump is equal';
 like $sql{shop}, qr/^-- This view could not be read:\n-- CREATE .* VIEW `shop`\.`broken` AS/m,
@@ -164,7 +202,11 @@ close $file or die $!;
 chmod 0600, '/etc/sondrel/mysql.cnf' or die $!;
 ($server, $problems) = look();
 is_deeply [map { $_->{name} } $server->databases], [sort keys %databases], 'an option file of the host opens the server';
-is_deeply problem_texts($problems), [], 'a login that another one replaces is no problem';
+is_deeply problem_texts($problems), ['warning MariaDB: These accounts have rights on the whole server only and are in no'
+    . ' dump: `agent`@`localhost`. Make those on the new host that something logs in as'],
+    'a login that another one replaces is no problem, and accounts of the whole server are named';
+ok $server->opens_all('agent'), 'such an account opens every database';
+ok !$server->opens_all($_), "$_ does not" for 'shop', 'admin';
 like dumped($server, $databases{client_a}), qr/CREATE DATABASE/, 'the file opens it for a dump too';
 
 # A server that is stuck.

@@ -38,6 +38,8 @@ ALTER ROLE shop SET search_path TO "own ""one""", public;
 ALTER ROLE shop SET application_name TO 'it''s';
 CREATE DATABASE shop OWNER shop;
 ALTER DATABASE shop SET work_mem TO '5MB';
+ALTER DATABASE shop SET TimeZone TO 'Asia/Tokyo';
+CREATE DATABASE german ICU_LOCALE 'de-DE' LOCALE_PROVIDER icu TEMPLATE template0;
 REVOKE CONNECT ON DATABASE shop FROM PUBLIC;
 GRANT CONNECT ON DATABASE shop TO "old ""quoted"" \$role\$" WITH GRANT OPTION;
 ALTER ROLE member IN DATABASE shop SET search_path TO public;
@@ -67,6 +69,10 @@ CREATE FUNCTION mark() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN NEW.item := 
 CREATE TRIGGER mark BEFORE INSERT ON orders FOR EACH ROW EXECUTE FUNCTION mark();
 ALTER TABLE orders OWNER TO shop;
 GRANT SELECT (item) ON orders TO team;
+GRANT SELECT ON cheap TO PUBLIC;
+CREATE EXTENSION citext;
+CREATE FUNCTION as_shop() RETURNS int LANGUAGE sql SECURITY DEFINER AS 'SELECT 1';
+ALTER FUNCTION as_shop() OWNER TO shop;
 SELECT lo_from_bytea(4711, '\xcafe');
 END
 
@@ -76,7 +82,7 @@ my ($version) = $source->sql('SHOW server_version') =~ /\A(\S+)/;
 is_deeply $server->description, { kind => 'postgresql', label => 'PostgreSQL (port 5432)',
     product => 'PostgreSQL', running => 1, version => $version, address => '/run/postgresql/.s.PGSQL.5432' }, 'the server is described';
 my %databases = map { $_->{name} => $_ } $server->databases;
-is_deeply [sort keys %databases], [$awkward, qw(closed latin pattern raw shop)], 'all databases are found but its own';
+is_deeply [sort keys %databases], [$awkward, qw(closed german latin pattern raw shop)], 'all databases are found but its own';
 is $databases{shop}{server}, 'PostgreSQL (port 5432)', 'a database tells its server';
 cmp_ok $databases{shop}{bytes}, '>', 1_000_000, 'the size of a database is known';
 is_deeply [map { $_->{name} } @{ $databases{shop}{users} }], ['member', 'old "quoted" $role$', 'shop', 'team'],
@@ -87,12 +93,45 @@ is $server->password_matches('shop', "pa'ss"), 1, 'a password is known to be rig
 is $server->password_matches('shop', 'pass'), 0, 'a password is known to be wrong';
 is $server->password_matches('old "quoted" $role$', 'old'), 1, 'an old kind of hash is known to be right';
 is $server->password_matches('old "quoted" $role$', 'new'), 0, 'an old kind of hash is known to be wrong';
+# Every role may set such a hash for itself, which takes the server as long; here it is put there at once.
+$source->sql(q{UPDATE pg_authid SET rolpassword = 'SCRAM-SHA-256$900000000:c2FsdA==$} . 'A' x 43 . '=:' . 'A' x 43
+    . q{=' WHERE rolname = 'member'});
+is +(look())[1]->password_matches('member', 'pass'), undef, 'nobody counts to a number of rounds that is made up';
+$source->sql(q{UPDATE pg_authid SET rolpassword = NULL WHERE rolname = 'member'});
 is $server->password_matches('nobody', 'pass'), undef, 'nothing is known of a missing role';
 
-my %sql = map { $_ => dumped($server, $databases{$_}) } $awkward, qw(latin pattern raw shop);
+# What a restore needs to know, in the form of the document.
+my $details = $server->details($databases{shop});
+is_deeply [@$details{qw(version owner encoding collation ctype provider locale)}],
+    [$version, 'shop', 'UTF8', 'C.UTF-8', 'C.UTF-8', 'libc', undef], 'a database has its owner and its locale';
+is_deeply [@{ $server->details($databases{latin}) }{qw(encoding collation)}], ['LATIN1', 'C'], 'each has its own';
+is_deeply [@{ $server->details($databases{german}) }{qw(provider locale)}], ['icu', 'de-DE'], 'also one of ICU';
+is_deeply $details->{extensions}, [map { my ($name, $its, $schema) = split /\t/; { name => $name, version => $its,
+    schema => $schema } } split /\n/, $source->sql('SELECT extname, extversion, extnamespace::regnamespace FROM pg_extension'
+    . ' ORDER BY 1', 'shop')], 'extensions have version and schema';
+is_deeply [map { $_->{name} } @{ $details->{extensions} }], ['citext', 'plpgsql'], 'all of them are there';
+is_deeply $details->{users}, [map { { name => $_->[0], kind => $_->[1], authentication => $_->[2] } }
+    ['member', 'login', undef], ['old "quoted" $role$', 'login', 'md5'], ['shop', 'login', 'scram-sha-256'],
+    ['team', 'role', undef]], 'roles are described without a hash';
+is_deeply $details->{memberships}, [{ role => 'team', to => 'member', grantable => 1 }], 'so is who is in which role';
+my @told = map { join ' ', $_->{to}, $_->{on}, $_->{object}, defined $_->{column} ? $_->{column} : '-', $_->{grantable},
+    join ',', @{ $_->{rights} } } @{ $details->{grants} };
+is_deeply \@told, [
+    'PUBLIC database shop - 0 TEMPORARY', 'old "quoted" $role$ database shop - 1 CONNECT',
+    'PUBLIC schema public - 0 USAGE', 'PUBLIC view public.cheap - 0 SELECT', 'team column public.orders item 0 SELECT',
+], 'rights are in parts, without those of owners';
+is_deeply $details->{definers}, [{ name => 'shop', kind => 'routine', object => 'public.as_shop', known => 1 }],
+    'what runs with the rights of its owner is told';
+my %setting = map {@$_} @{ $details->{settings} };
+is_deeply [@setting{qw(TimeZone standard_conforming_strings)}], ['Asia/Tokyo', 'on'], 'settings are those of the database';
+is_deeply [sort grep { defined $server->details($databases{closed})->{$_} } qw(encoding owner grants extensions)],
+    [qw(encoding owner)], 'what is closed is described from outside';
+
+my %sql = map { $_ => dumped($server, $databases{$_}) } $awkward, qw(german latin pattern raw shop);
+my $loses = 'loses its server-wide rights. Give it those anew that it needs:';
 is_deeply problem_texts($problems), ['info PostgreSQL database raw: What lies in these tablespaces comes into the default one:'
-    . ' fast "one"', 'info PostgreSQL database shop: The role shop loses its server-wide rights: pg_monitor',
-    'info PostgreSQL database shop: The role team loses its server-wide rights: CREATEDB, BYPASSRLS, REPLICATION'],
+    . ' fast "one"', map {"warning PostgreSQL database shop: The role $_"} "shop $loses pg_monitor",
+    "team $loses CREATEDB, BYPASSRLS, REPLICATION"],
     'what does not come along is named';
 is dumped((look())[1], $databases{shop}), $sql{shop}, 'a second dump is equal';
 is $server->dump($databases{closed}, sub { }), 'it takes no connections', 'a closed database is refused';
@@ -101,6 +140,7 @@ is $server->dump($databases{closed}, sub { }), 'it takes no connections', 'a clo
 is $server->database_statements($databases{shop}), <<'END', 'settings and rights of the database are known too';
 SET client_encoding = 'UTF8';
 ALTER DATABASE "shop" SET "work_mem" TO '5MB';
+ALTER DATABASE "shop" SET "TimeZone" TO 'Asia/Tokyo';
 ALTER ROLE "member" IN DATABASE "shop" SET "search_path" TO 'public';
 REVOKE ALL ON DATABASE "shop" FROM PUBLIC;
 GRANT TEMPORARY ON DATABASE "shop" TO PUBLIC;
@@ -152,9 +192,46 @@ is scalar(() = $dumped =~ /row-[0-9]+/g), $rows, 'the rows of a dump are those o
 unlike $dumped, qr/row-too-late/, 'in all tables';
 $source->sql('DROP DATABASE long');
 
+# A locked table holds a dump up for a limited time only.
+{
+    my @locked = (limit => 20, lock_milliseconds => 300);
+    my ($patient) = Linux::PostgreSql->found(tree => Linux::Tree->new, problems => Agent::Problems->new, @locked);
+    my $client = Agent::Process::start([qw(runuser -u postgres -- psql -X -q -A -t -h /run/postgresql -d shop)],
+        stdin => 'pipe');
+    print {$client->{in}} "BEGIN; LOCK TABLE orders; SELECT 'locked';\n";
+    $client->{in}->flush;
+    is readline $client->{out}, "locked\n", 'a table is locked';
+    my $until = time + 15;
+    # It would come to its end once the lock has gone.
+    my $error = $patient->dump($databases{shop}, sub { }, tick => sub { close delete $client->{in}
+        if $client->{in} && time > $until });
+    like $error, qr/timeout/, 'a dump does not wait for it for ever';
+    ok $client->{in}, 'nor until it has gone';
+    Agent::Process::finish($client);
+}
+
+# What a server says does not go into SQL as it is.
+{
+    my $evil = '1 SUPERUSER; DROP ROLE shop; --';
+    my $lying = bless { %$server, roles => undef, involved => undef, memberships => undef }, 'Linux::PostgreSql';
+    my $hex = unpack 'H*', 'eve';
+    no warnings 'redefine';
+    local *Linux::PostgreSql::ask = sub {
+        my (undef, $sql) = @_;
+        return [['16999', $hex, 't', 't', $evil, '', '', '']], undef if $sql =~ /FROM pg_authid/;
+        return [['16999', "ALL ON DATABASE shop TO eve; $evil", 'f'], ['0', 'CONNECT', 'f']], undef if $sql =~ /aclexplode/;
+        return [], undef;
+    };
+    my $database = { name => 'shop', id => 1, users => [{ name => 'eve', id => 16999 }] };
+    my $sql = $lying->role_statements($database) . $lying->database_statements($database);
+    like $sql, qr/CREATE ROLE "eve" LOGIN CONNECTION LIMIT -1.*GRANT CONNECT ON DATABASE "shop" TO PUBLIC;/s,
+        'what is as it must be goes into the dump';
+    unlike $sql, qr/SUPERUSER|DROP/, 'what a server makes up does not';
+}
+
 # The server's own database counts once somebody uses it.
 $source->sql('CREATE TABLE mine (a int)');
-is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, qw(closed latin pattern postgres raw shop)],
+is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, qw(closed german latin pattern postgres raw shop)],
     'a used database of the server is found';
 $source->sql('INSERT INTO mine VALUES (7); ALTER DATABASE postgres SET work_mem TO $$7MB$$');
 my ($of_server) = grep { $_->{name} eq 'postgres' } (look())[1]->databases;
@@ -166,7 +243,7 @@ $source->sql(<<'END', 'postgres');
 CREATE FUNCTION public.textsend(text) RETURNS bytea LANGUAGE sql AS 'SELECT ''\x66616b65''::bytea';
 ALTER DATABASE postgres SET search_path TO public, pg_catalog;
 END
-is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, qw(closed latin pattern postgres raw shop)],
+is_deeply [map { $_->{name} } (look())[1]->databases], [$awkward, qw(closed german latin pattern postgres raw shop)],
     'functions that others made are not called';
 
 # A dump that is cut off is no dump.

@@ -92,6 +92,25 @@ def test_every_archive_unpacked_is_what_was_on_the_source_host(source, host, kin
     assert not os.path.exists(login.agent_dir)
 
 
+def check_description(shop, wiki):
+    """What a program that makes the databases anew reads besides the dumps."""
+    assert (shop.get("encoding"), shop.get("collation")) == ("utf8mb4", "utf8mb4_general_ci")
+    assert (wiki.get("owner"), wiki.get("encoding"), wiki.get("collation"), wiki.get("provider")) == (
+        "bob", "UTF8", "C.UTF-8", "libc")
+    assert shop.find("user").attrib == {
+        "name": "shop", "host": "localhost", "kind": "login", "authentication": "mysql_native_password"}
+    assert wiki.find("user").attrib == {"name": "bob", "kind": "login"}
+    grant, = shop.findall("grant")
+    assert grant.attrib == {"to": "shop", "host": "localhost", "on": "database", "object": "shop", "grantable": "no"}
+    assert {"SELECT", "INSERT", "DROP"} < {right.text for right in grant.iter("right")}
+    view, = [grant for grant in wiki.findall("grant") if grant.get("on") == "view"]
+    assert view.attrib == {"to": "PUBLIC", "on": "view", "object": "public.titles", "grantable": "no"}
+    assert {"name": "root", "host": "localhost", "kind": "procedure", "object": "many", "in-dump": "no"} in [
+        definer.attrib for definer in shop.findall("definer")]
+    assert [extension.get("name") for extension in wiki.findall("extension")] == ["plpgsql"]
+    assert {"sql_mode", "lower_case_table_names"} < {setting.get("name") for setting in shop.findall("setting")}
+
+
 @pytest.mark.slow
 def test_restored_databases_are_what_they_were(source, host):
     with databases() as original:
@@ -99,6 +118,7 @@ def test_restored_databases_are_what_they_were(source, host):
         assert dump.problems("error") == []
         shop, wiki = dump.find("database", "shop"), dump.find("database", "wiki")
         assert (shop.get("sure"), wiki.get("sure")) == ("certain", "likely")
+        check_description(shop, wiki)
         parents = {child: parent for parent in dump.root.iter() for child in parent}
         assert parents[shop].get("name") == "shop.a.test"
         while parents[wiki].tag != "client":
@@ -223,11 +243,14 @@ exec /usr/bin/mariadb-dump "$@"
 """, mode=0o755)
     shutil.copy("/mnt/programs/mariadb-dump", "/mnt/programs/mysqldump")
     run(ROOT, "deploy-agent")
-    with databases():
+    with databases() as servers:
         result = subprocess.run(
             ["perl", f"{ROOT.agent_dir}/agent.pl", "--migration-mode", "--dump-all"], check=True, capture_output=True,
             env={"PATH": "/mnt/programs:/usr/sbin:/usr/bin:/sbin:/bin"})
+        hashed = servers.mysql.sql("SELECT authentication_string FROM mysql.user WHERE User = 'shop';").strip()
     assert result.stderr == b""
+    # Not even what was made of it is in the description.
+    assert len(hashed) == 41 and hashed not in read(f"{ROOT.agent_dir}/dump.xml")
     assert b"shop" in read(seen)
     for secret in DATABASE_SECRETS:
         assert secret not in read(seen)

@@ -16,28 +16,29 @@ my $TAIL_BYTES = 400;
 my $NAMED_SOCKETS = 3;
 
 # Tells which of the sockets (paths of the tree) count: ([{ path, owner => [uid, gid] }],
-# [paths of others]). Those count at which servers of root or of the named service accounts
-# listen (see Linux::LocalSocket). The others become problems, one for each account; sockets
-# at which nobody listens are in neither list. Options: tree, problems, product => what
+# [paths of others], [{ path, why } of those that a server has left]). Those count at which
+# servers of root or of the named service accounts listen (see Linux::LocalSocket). The
+# servers of others become problems, one for each account. Options: tree, problems, product => what
 # such a server is called, accounts => [names], dump => the program that dumps.
 sub trusted_sockets {
     my ($options, @paths) = @_;
     my ($tree, $users) = ($options->{tree}, Linux::Users->new($options->{tree}));
     my @accounts = map { [@$_{qw(uid gid)}] } grep {defined} map { $users->by_name($_) }
         @{ $options->{accounts} };
-    my (@trusted, @foreign, %seen);
+    my (@trusted, @foreign, @left, %seen);
     for my $path (@paths) {
         my $real = $tree->real($path);
         next if !defined $real || $seen{$real}++;
         my $found = look_at_socket($tree->path($real), @accounts);
         push @trusted, { path => $path, owner => $found->{owner} } if $found->{state} eq 'trusted';
         push @foreign, { path => $path, %$found } if $found->{state} eq 'foreign';
+        push @left, { path => $path, why => $found->{why} } if $found->{left_over};
     }
     name_open_directory($options, $_) for grep { defined $_->{directory} } @foreign;
     my %of;
     push @{ $of{ $_->{uid} } }, $_->{path} for grep { !defined $_->{directory} } @foreign;
     name_own_server($options, $users->name_of($_), @{ $of{$_} }) for sort { $a <=> $b } keys %of;
-    return (\@trusted, [map { $_->{path} } @foreign]);
+    return (\@trusted, [map { $_->{path} } @foreign], \@left);
 }
 
 sub name_open_directory {

@@ -11,6 +11,9 @@ use Linux::Applications;
 use Linux::MySql;
 use Linux::PostgreSql;
 
+my $ELSEWHERE = 'It may be in a container, or the server of another account, or the settings may be old:'
+    . ' if the site uses it, dump it where it runs';
+
 my %RANK = (certain => 3, likely => 2, guess => 1);
 
 # tree => Linux::Tree, problems => Agent::Problems, limit => seconds for one question
@@ -41,6 +44,12 @@ sub all {
 sub dump {
     my ($self, $database, $sink, %options) = @_;
     return $self->server_of($database)->dump($database, $sink, %options);
+}
+
+# What making a database anew needs besides its dump. See the kinds of servers.
+sub details {
+    my ($self, $database) = @_;
+    return $self->server_of($database)->details($database);
 }
 
 sub server_of {
@@ -111,20 +120,36 @@ sub claim_by_settings {
             for my $database ($self->named_by($setting)) {
                 my ($sure, $why) = $self->proof($setting, $database);
                 if (defined $sure) {
+                    $self->name_account_of_server($setting, $database);
                     claim($claims, $database, $sure, $site->{owner}, $site->{name},
                         "$setting->{file} ($setting->{application}) of $site->{name} names it, $why");
                 }
-                else { $self->tell($setting, "but $why, so that this does not count") }
+                else {
+                    $self->tell('warning', $setting, "but $why, so that this does not count. If the site uses"
+                        . ' the database, take it along by its client or by a dump of everything');
+                }
             }
         }
     }
     return;
 }
 
+# The new host has no such account.
+sub name_account_of_server {
+    my ($self, $setting, $database) = @_;
+    my $user = $setting->{user};
+    return if !defined $user || grep { $_->{name} eq $user } @{ $database->{users} };
+    return if !$self->server_of($database)->opens_all($user);
+    return $self->tell('error', $setting, "and opens it as $user, which has rights on the whole server and is"
+        . ' not in the dump. Give the site an account of its own on the new host, with all rights in this'
+        . ' database');
+}
+
 sub named_by {
     my ($self, $setting) = @_;
     if (!$self->is_here($setting->{host})) {
-        return $self->tell($setting, "which is on another host: $setting->{host}");
+        return $self->miss($setting, "which is on another host, $setting->{host}. Move it with that"
+            . " host's own tools, or let the new host reach it there");
     }
     my @named = grep { $_->{kind} eq $setting->{kind} && $_->{name} eq $setting->{name} } $self->all;
     if (@named > 1 && defined $setting->{port}) {
@@ -132,15 +157,21 @@ sub named_by {
     }
     return @named if @named;
     my @servers = grep { $_->{kind} eq $setting->{kind} } $self->servers;
-    return $self->tell($setting, 'for which no server was found on this host') if !@servers;
+    return $self->miss($setting, "for which no server was found on this host. $ELSEWHERE") if !@servers;
     # One that is down has been named.
     return if !grep { $_->{running} } @servers;
-    return $self->tell($setting, 'which is not there');
+    return $self->miss($setting, "which none of the host's own servers has. $ELSEWHERE");
+}
+
+# A site will be without this database.
+sub miss {
+    my ($self, $setting, $text) = @_;
+    return $self->tell('error', $setting, $text);
 }
 
 sub tell {
-    my ($self, $setting, $text) = @_;
-    $self->{problems}->add(severity => 'info', object => $setting->{site},
+    my ($self, $severity, $setting, $text) = @_;
+    $self->{problems}->add(severity => $severity, object => $setting->{site},
         text => "$setting->{file} names the database $setting->{name}, $text");
     return;
 }
@@ -158,7 +189,8 @@ sub proof {
     my ($self, $setting, $database) = @_;
     my ($user, $password) = map { defined $_ ? $_ : '' } @$setting{qw(user password)};
     my $right = $self->password_matches($database, $user, $password);
-    my $may = first { $_->{name} eq $user } @{ $database->{users} };
+    my $may = (first { $_->{name} eq $user } @{ $database->{users} })
+        || $self->server_of($database)->opens_all($user);
     return undef, "the password there is not that of the user $user" if defined $right && !$right;
     return 'certain', 'and the user and the password there open it' if $may && $right;
     return 'likely', "and the user $user has grants for it" if $may;

@@ -165,7 +165,7 @@ sub objects {
     my ($self, %part) = @_;
     return (
         (map { $self->domain($_) } @{ $part{domains} || [] }),
-        ($self->has_hosting ? map { database($_) } @{ $part{databases} || [] } : ()),
+        ($self->has_hosting ? map { $self->database($_) } @{ $part{databases} || [] } : ()),
         ($self->has_mail ? map { mailbox($_) } @{ $part{mailboxes} || [] } : ()),
     );
 }
@@ -285,13 +285,37 @@ sub assigned {
     return (sure => $object->{sure}, because => $reason);
 }
 
+# With what making it anew needs besides its dump.
 sub database {
-    my ($database) = @_;
-    my @users = map { ref $_ ? $_ : { name => $_ } } @{ $database->{users} || [] };
+    my ($self, $database) = @_;
+    my $details = $self->{inventory}->database_servers->details($database);
     return element('database', [
-        kind => $database->{kind}, server => $database->{server}, name => $database->{name},
-        bytes => $database->{bytes}, assigned($database, $database->{because}),
-    ], each_as('user', [qw(name host role)], @users), contents($database));
+        (map { $_ => $database->{$_} } qw(kind server name bytes)),
+        (map { $_ => $details->{$_} } qw(version owner encoding collation ctype provider locale)),
+        assigned($database, $database->{because}),
+    ],
+        each_as('user', [qw(name host kind authentication)], @{ $details->{users} || [] }),
+        each_as('membership', [qw(role role-host to host grantable default)],
+            map { with_yes_or_no($_, qw(grantable default)) } @{ $details->{memberships} || [] }),
+        (map { grant($_) } @{ $details->{grants} || [] }),
+        each_as('definer', [qw(name host kind object in-dump)],
+            map { with_yes_or_no({ %$_, 'in-dump' => $_->{known} }, 'in-dump') }
+                @{ $details->{definers} || [] }),
+        each_as('extension', [qw(name version schema)], @{ $details->{extensions} || [] }),
+        (map { element('setting', [name => $_->[0]], text($_->[1])) } @{ $details->{settings} || [] }),
+        contents($database));
+}
+
+sub grant {
+    my ($grant) = @_;
+    return element('grant', [map { $_ => with_yes_or_no($grant, 'grantable')->{$_} }
+        qw(to host on object column grantable)], each_as('right', [], @{ $grant->{rights} }));
+}
+
+# The hash with some of its values, where they are known, as the document has them.
+sub with_yes_or_no {
+    my ($values, @names) = @_;
+    return { %$values, map { $_ => $values->{$_} ? 'yes' : 'no' } grep { defined $values->{$_} } @names };
 }
 
 sub mailbox {

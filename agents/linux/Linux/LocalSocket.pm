@@ -31,7 +31,8 @@ my $SECONDS = 2;
 #   'trusted'  and owner => [uid, gid] of the socket
 #   'foreign'  and uid => who is behind it, or could be; directory => the one that others
 #              may write into, where that is the only reason
-#   'none'     where nobody listens, and why => text
+#   'none'     where nobody listens, and why => text; left_over => 1 where a server of an
+#              account that counts has left the socket
 sub look_at_socket {
     my ($path, @accounts) = @_;
     my @stat = lstat $path;
@@ -41,7 +42,8 @@ sub look_at_socket {
     my %groups = map { $_ => 1 } 0, map { $_->[1] } @accounts;
     # Nobody waits for the server of an account that does not count.
     my ($listener, $why, $busy) = listener($path, $known{ $stat[4] } ? $SECONDS : 0);
-    return { state => 'none', why => $why } if !defined $listener && ($known{ $stat[4] } || !$busy);
+    return { state => 'none', why => $why, $known{ $stat[4] } ? (left_over => 1) : () }
+        if !defined $listener && ($known{ $stat[4] } || !$busy);
     for my $uid (grep {defined} $listener, $stat[4]) {
         return { state => 'foreign', uid => $uid } if !$known{$uid};
     }

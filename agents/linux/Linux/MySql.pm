@@ -29,6 +29,36 @@ my $TRANSACTIONAL = join ', ', map {"'$_'"} qw(InnoDB XtraDB TokuDB RocksDB ndbc
 # After these the rest of a dump is missing, not only one table's rows.
 my $CONNECTION_ERROR = qr/\b(?:1040|1045|1053|1130|1317|1698|1927|2002|2003|2006|2013|2055|4031)\b/;
 
+# Where the server tells rights: what they are on, the table, and its columns for the
+# database, the object in it and the column.
+my @RIGHTS = (
+    [database => 'schema_privileges', q{table_schema, '', ''}],
+    [table    => 'table_privileges',  q{table_schema, table_name, ''}],
+    [column   => 'column_privileges', q{table_schema, table_name, column_name}],
+);
+
+# Who is in which role: member, its host, role, its host, whether it may be given on,
+# whether it is on from the login. MariaDB, its first versions with roles, MySQL from 8. Who
+# makes a role is its member: root is no account of a database for that.
+my @MEMBERSHIPS = (
+    q{SELECT m.User, m.Host, m.Role, '', m.Admin_option, IF(u.default_role = m.Role, 'Y', 'N')
+        FROM mysql.roles_mapping m LEFT JOIN mysql.user u ON u.User = m.User AND u.Host = m.Host
+        WHERE m.User <> 'root' ORDER BY 1, 2, 3;},
+    q{SELECT User, Host, Role, '', Admin_option, 'N' FROM mysql.roles_mapping
+        WHERE User <> 'root' ORDER BY 1, 2, 3;},
+    q{SELECT e.TO_USER, e.TO_HOST, e.FROM_USER, e.FROM_HOST, e.WITH_ADMIN_OPTION,
+        IF(d.USER IS NULL, 'N', 'Y') FROM mysql.role_edges e LEFT JOIN mysql.default_roles d
+        ON d.USER = e.TO_USER AND d.HOST = e.TO_HOST AND d.DEFAULT_ROLE_USER = e.FROM_USER
+        AND d.DEFAULT_ROLE_HOST = e.FROM_HOST ORDER BY 1, 2, 3, 4;},
+);
+
+# Accounts that every server has for itself.
+my $OF_SERVER = qr/\A(?:|root|mysql|(?:mysql|mariadb)\.[a-z]+|debian-sys-maint)\z/;
+
+# What an application's SQL means depends on these.
+my @SETTINGS_OF_MEANING = qw(character_set_server collation_server default_storage_engine event_scheduler
+    explicit_defaults_for_timestamp lower_case_table_names sql_mode system_time_zone time_zone);
+
 # Where the hashes of the passwords are: MariaDB, MySQL from 5.7, 5.5 and before.
 my @ACCOUNT_COLUMNS = (
     q{plugin, HEX(IF(authentication_string = '', Password, authentication_string)), is_role = 'Y'},
@@ -44,14 +74,15 @@ sub found {
     my $self = bless { limit => 60, %options }, $class;
     $self->{settings} = [map { $self->settings_of($_) } map { $self->{tree}->glob($_) } @SETTINGS];
     my $installed = $self->installed;
-    my ($sockets, $foreign) = trusted_sockets({ %options, product => 'MySQL or MariaDB', dump => 'mysqldump',
-        accounts => [$ACCOUNT, $self->set('user')] }, $self->sockets);
-    return if !$installed && !@$sockets;
+    my ($sockets, $foreign, $left) = trusted_sockets({ %options, product => 'MySQL or MariaDB',
+        dump => 'mysqldump', accounts => [$ACCOUNT, $self->set('user')] }, $self->sockets);
+    return if !$installed && !@$sockets && !@$left;
     $self->{client} = which('mariadb') || which('mysql');
     $self->{dump}   = which('mariadb-dump') || which('mysqldump');
     my $error = $self->connect(@$sockets);
     $self->{product} = $self->{label} = $self->product;
     return $self if !defined $error;
+    $error = join '; ', map {"$_->{path}: $_->{why}"} @$left if !@$sockets && @$left;
     $error .= ', except one that is not the host\'s: ' . join ', ', @$foreign if !@$sockets && @$foreign;
     $self->problem('error', undef, "The server cannot be asked: $error");
     return $self;
@@ -205,8 +236,50 @@ sub databases {
         $database->{users} = [$self->users($name)];
         push @databases, $database;
     }
+    $self->name_accounts_of_no_database(@databases);
     return @databases;
 }
+
+# Accounts whose rights are all on the whole server are in no dump.
+sub name_accounts_of_no_database {
+    my ($self, @databases) = @_;
+    my %in_dumps = map { account($_) => 1 } map { @{ $_->{users} } } @databases;
+    my @left = grep { !$in_dumps{$_} } map { account($_) }
+        grep { $_->{name} !~ $OF_SERVER } $self->global_accounts;
+    return if !@left;
+    $self->problem('warning', undef, 'These accounts have rights on the whole server only and are in no'
+        . ' dump: ' . join(', ', @left) . '. Make those on the new host that something logs in as');
+    return;
+}
+
+# Accounts with rights on the whole server: { name, host, role, rights => { right => 1 } }.
+sub global_accounts {
+    my ($self) = @_;
+    if (!$self->{global_accounts}) {
+        my ($rows) = $self->ask('SELECT grantee, privilege_type FROM information_schema.user_privileges'
+            . " WHERE privilege_type <> 'USAGE' ORDER BY 1, 2;");
+        my %accounts;
+        for (@{ $rows || [] }) {
+            my ($grantee, $right) = @$_;
+            my ($name, $host) = grantee($grantee) or next;
+            my $account = $accounts{$grantee}
+                ||= { name => $name, host => $host, role => $self->is_role($name, $host), rights => {} };
+            $account->{rights}{$right} = 1;
+        }
+        $self->{global_accounts} = [map { $accounts{$_} } sort keys %accounts];
+    }
+    return @{ $self->{global_accounts} };
+}
+
+# Whether an account of this name may read and write every database.
+sub opens_all {
+    my ($self, $name) = @_;
+    return first { $_->{name} eq $name && $_->{rights}{SELECT} && $_->{rights}{INSERT} }
+        $self->global_accounts;
+}
+
+# Name and host of an account as information_schema has it; nothing for what is none.
+sub grantee { return $_[0] =~ /\A'(.*)'\@'([^']*)'\z/s }
 
 sub sizes {
     my ($self) = @_;
@@ -226,10 +299,7 @@ sub users {
         return if !length $name;
         $users{"$name\0$host"} = { name => $name, host => $host, role => $self->is_role($name, $host) };
     };
-    for my $grant (@{ $self->grants }) {
-        my ($name, $host, $scope) = @$grant;
-        $add->($name, $host) if ref $scope ? $database =~ $scope : $database eq $scope;
-    }
+    $add->(@$_{qw(name host)}) for grep { is_about($_, $database) } @{ $self->grants };
     # A role's members have what it has, and so have theirs.
     my $before = -1;
     while ($before != keys %users) {
@@ -237,6 +307,11 @@ sub users {
         $users{"$_->[2]\0$_->[3]"} && $add->(@$_[0, 1]) for @{ $self->memberships };
     }
     return map { $users{$_} } sort keys %users;
+}
+
+sub is_about {
+    my ($grant, $database) = @_;
+    return $grant->{pattern} ? $database =~ $grant->{pattern} : $database eq $grant->{database};
 }
 
 # What a name of a database in a grant stands for, where it may hold wildcards.
@@ -249,34 +324,70 @@ sub pattern {
     return qr/\A$out\z/s;
 }
 
-# Every grant for a part of the server: [name, host, database or a pattern of names].
+# Every grant for a part of the server: { name, host, on => database, table, column,
+# procedure or function, database => its name, pattern => of names of databases where it
+# is on these, object, column, rights => [names], grantable }.
 sub grants {
     my ($self) = @_;
     return $self->{grants} if $self->{grants};
-    my @grants;
-    for my $table (qw(schema_privileges table_privileges column_privileges)) {
-        my ($rows, $error)
-            = $self->ask("SELECT DISTINCT grantee, table_schema FROM information_schema.$table;");
-        $self->problem('warning', undef, "The grants cannot be read: $error") if defined $error;
-        for (@{ $rows || [] }) {
-            my ($grantee, $scope) = @$_;
-            next if $grantee !~ /\A'(.*)'\@'([^']*)'\z/s;
-            push @grants, [$1, $2, $table eq 'schema_privileges' ? pattern($scope) : $scope];
-        }
+    my (%grants, @order);
+    for my $right ($self->rights_on_data, $self->rights_on_routines) {
+        my $key = join "\0", map { $right->{$_} } qw(name host on database object column grantable);
+        push @order, $key if !$grants{$key};
+        my $grant = $grants{$key} ||= { %$right, rights => [] };
+        push @{ $grant->{rights} }, $right->{right};
     }
-    # Grants for single routines are nowhere else; only administrators may read this.
-    my ($routines) = $self->ask('SELECT DISTINCT User, Host, Db FROM mysql.procs_priv;');
-    push @grants, @{ $routines || [] };
-    return $self->{grants} = \@grants;
+    for (grep { $_->{on} eq 'database' } values %grants) {
+        $_->{pattern} = pattern($_->{database});
+    }
+    return $self->{grants} = [map { $grants{$_} } @order];
 }
 
-# Who was given which role: [name, host, role's name, role's host].
+# Every single right as grants() has it, with `right` for its name.
+sub rights_on_data {
+    my ($self) = @_;
+    my @found;
+    for (@RIGHTS) {
+        my ($on, $table, $columns) = @$_;
+        my ($rows, $error) = $self->ask("SELECT grantee, $columns, privilege_type, is_grantable"
+            . " FROM information_schema.$table ORDER BY 1, 2, 3, 4, 5;");
+        $self->problem('warning', undef, "The grants cannot be read: $error") if defined $error;
+        for (@{ $rows || [] }) {
+            my ($grantee, $database, $object, $column, $right, $grantable) = @$_;
+            my ($name, $host) = grantee($grantee) or next;
+            push @found, { name => $name, host => $host, on => $on, database => $database, object => $object,
+                column => $column, right => $right, grantable => $grantable eq 'YES' ? 1 : 0 };
+        }
+    }
+    return @found;
+}
+
+# Grants for single routines are nowhere else; only administrators may read this.
+sub rights_on_routines {
+    my ($self) = @_;
+    my ($rows) = $self->ask('SELECT User, Host, Db, Routine_name, Routine_type, Proc_priv'
+        . ' FROM mysql.procs_priv ORDER BY 1, 2, 3, 4, 5;');
+    my @found;
+    for (@{ $rows || [] }) {
+        my ($name, $host, $database, $object, $type, $rights) = @$_;
+        my @rights = map {uc} split /,/, $rights;
+        my $grantable = (grep { $_ eq 'GRANT' } @rights) ? 1 : 0;
+        push @found, map { { name => $name, host => $host, on => lc $type, database => $database,
+            object => $object, column => '', right => $_, grantable => $grantable } }
+            grep { $_ ne 'GRANT' } @rights;
+    }
+    return @found;
+}
+
+# Who was given which role, each as @MEMBERSHIPS has it.
 sub memberships {
     my ($self) = @_;
     return $self->{memberships} if $self->{memberships};
-    # Who makes a role is its member: root is no account of a database for that.
-    my ($rows) = $self->ask("SELECT User, Host, Role, '' FROM mysql.roles_mapping WHERE User <> 'root';");
-    ($rows) = $self->ask('SELECT TO_USER, TO_HOST, FROM_USER, FROM_HOST FROM mysql.role_edges;') if !$rows;
+    my $rows;
+    for my $question (@MEMBERSHIPS) {
+        ($rows) = $self->ask($question);
+        last if $rows;
+    }
     return $self->{memberships} = $rows || [];
 }
 
@@ -382,17 +493,94 @@ sub name_unsteady_tables {
 # What runs as an account that is not there fails when it is used, not when it is made.
 sub name_missing_definers {
     my ($self, $database) = @_;
-    my $name = escaped($database->{name});
-    my %column = (views => 'table', routines => 'routine', triggers => 'trigger', events => 'event');
-    my ($rows) = $self->ask(join(' UNION ', map { "SELECT definer FROM information_schema.$_"
-            . " WHERE $column{$_}_schema = $name" } sort keys %column) . ' ORDER BY 1;');
-    my %known = map { ("$_->{name}\@$_->{host}" => 1) } @{ $database->{users} };
-    my @missing = grep { length && !$known{$_} && !/\A(?:root|mariadb\.sys|mysql\.sys)\@/ }
-        map { $_->[0] } @{ $rows || [] };
-    return if !@missing;
+    my %missing = map { ("$_->{name}\@$_->{host}" => 1) }
+        grep { !$_->{known} && $_->{name} !~ /\A(?:root|mariadb\.sys|mysql\.sys)\z/ }
+        $self->definers($database);
+    return if !%missing;
     $self->problem('warning', $database, 'Views, routines, triggers or events of it run as accounts that are'
-        . ' not in the dump, and fail until the new host has them: ' . join ', ', @missing);
+        . ' not in the dump, and fail until the new host has them: ' . join ', ', sort keys %missing);
     return;
+}
+
+# Whose rights the views, routines, triggers and events of a database run with: { name,
+# host, kind, object, known => whether it is an account of the database }.
+sub definers {
+    my ($self, $database) = @_;
+    my $name = escaped($database->{name});
+    my %known = map { ("$_->{name}\@$_->{host}" => 1) } @{ $database->{users} };
+    my %kind = (views => q{'view'}, routines => 'LOWER(routine_type)', triggers => q{'trigger'},
+        events => q{'event'});
+    my ($rows) = $self->ask(join(' UNION ALL ', map {
+        (my $object = $_) =~ s/s\z//;
+        my $column = $object eq 'view' ? 'table' : $object;
+        "SELECT $kind{$_}, ${column}_name, definer FROM information_schema.$_ WHERE ${column}_schema = $name"
+    } sort keys %kind) . ' ORDER BY 1, 2;');
+    return map {
+        my ($kind, $object, $definer) = @$_;
+        my ($user, $host) = $definer =~ /\A(.*?)(?:\@([^\@]*))?\z/s;
+        { name => $user, host => defined $host ? $host : '', kind => $kind, object => $object,
+            known => $known{$definer} ? 1 : 0 }
+    } grep { length $_->[2] } @{ $rows || [] };
+}
+
+# What a restore must know of a database besides its dump: { version, encoding, collation,
+# users, memberships, grants, definers, settings } as the element `database` of dump.xml has
+# them. No hash of a password is among it. What cannot be read is missing, and a problem.
+sub details {
+    my ($self, $database) = @_;
+    my @users = map { $self->described($_) } @{ $database->{users} };
+    my ($rows, $error) = $self->ask('SELECT default_character_set_name, default_collation_name'
+        . ' FROM information_schema.schemata WHERE schema_name = ' . escaped($database->{name}) . ';');
+    $error = 'it is no longer there' if !defined $error && !@$rows;
+    if (defined $error) {
+        $self->problem('warning', $database, "Its properties are not described: $error");
+        return { users => \@users };
+    }
+    my %user = map { ("$_->{name}\0$_->{host}" => 1) } @{ $database->{users} };
+    return {
+        users => \@users, version => $self->{version}, encoding => $rows->[0][0], collation => $rows->[0][1],
+        memberships => [map { membership($_) }
+            grep { $user{"$_->[0]\0$_->[1]"} && $user{"$_->[2]\0$_->[3]"} } @{ $self->memberships }],
+        grants => [map { grant($_) } grep { is_about($_, $database->{name}) } @{ $self->grants }],
+        definers => [$self->definers($database)], settings => $self->settings_of_meaning,
+    };
+}
+
+sub described {
+    my ($self, $user) = @_;
+    my ($name, $host) = @$user{qw(name host)};
+    # In MySQL 8 an account is a role as soon as it is given to another one.
+    my $is_role = $user->{role}
+        || grep { length $_->[3] && $_->[2] eq $name && $_->[3] eq $host } @{ $self->memberships };
+    my $plugin = (($self->accounts->{$name} || {})->{$host} || {})->{plugin};
+    return { name => $name, host => length $host ? $host : undef, kind => $is_role ? 'role' : 'login',
+        authentication => $is_role || !defined $plugin || !length $plugin ? undef : $plugin };
+}
+
+sub membership {
+    my ($member, $host, $role, $role_host, $admin, $default) = @{ $_[0] };
+    my ($its_host, $role_its) = map { length $_ ? $_ : undef } $host, $role_host;
+    return { role => $role, 'role-host' => $role_its, to => $member, host => $its_host,
+        grantable => $admin eq 'Y' ? 1 : 0, default => $default eq 'Y' ? 1 : 0 };
+}
+
+sub grant {
+    my ($grant) = @_;
+    my ($host, $object, $column) = map { length $_ ? $_ : undef } @$grant{qw(host object column)};
+    return { to => $grant->{name}, host => $host, on => $grant->{on}, column => $column,
+        object => $grant->{on} eq 'database' ? $grant->{database} : $object,
+        grantable => $grant->{grantable}, rights => $grant->{rights} };
+}
+
+# [name, value] of what the server is set to; nothing of what it does not know.
+sub settings_of_meaning {
+    my ($self) = @_;
+    if (!$self->{meaning}) {
+        my $names = join ', ', map { escaped($_) } @SETTINGS_OF_MEANING;
+        my ($rows) = $self->ask("SHOW GLOBAL VARIABLES WHERE Variable_name IN ($names);");
+        $self->{meaning} = $rows || [];
+    }
+    return $self->{meaning};
 }
 
 sub dump_tables {
@@ -416,7 +604,8 @@ sub dump_command {
         --column-statistics=0);
     my $utf8 = $self->{version} =~ /\A5\.(?:[01]\.|5\.[012]\b)/ ? 'utf8' : 'utf8mb4';
     return [$self->{dump}, @{ $self->{login} }, @guards, '--single-transaction', '--quick', '--force',
-        '--routines', '--triggers', '--hex-blob', '--max-allowed-packet=1G', "--default-character-set=$utf8", @known,
+        '--routines', '--triggers', '--hex-blob', '--max-allowed-packet=1G',
+        "--default-character-set=$utf8", @known,
         (map {"--ignore-table=$database->{name}.$_"} @$broken), '--databases', '--', $database->{name}];
 }
 
@@ -437,13 +626,20 @@ sub comment {
     return join '', map {"-- $_\n"} split /[\r\n]+/, $text;
 }
 
+# A name in backticks, a text, a role by its name or name and host, and a list of these,
+# as parts of longer expressions.
+my $QUOTED = qr/`(?:[^`]|``)*`/;
+my $TEXT = qr/'(?:[^'\\]|\\.|'')*'/s;
+my $ROLE = qr/(?:$QUOTED|[^`'\s,\@]+)(?:\@(?:$QUOTED|$TEXT))?/;
+my $ROLES = qr/$ROLE(?:, *$ROLE)*/;
+
 # The statements for the accounts, which come first, and for what they may do, which
 # need the tables to be there.
 sub account_statements {
     my ($self, $database) = @_;
-    my (@accounts, @grants);
+    my (@accounts, @grants, @defaults_of);
     for my $user (@{ $database->{users} }) {
-        my $statement = $self->account_statement($user);
+        my ($statement, @defaults) = $self->account_statement($user);
         my ($given, $error) = $self->given($user, $database);
         if (!defined $statement || defined $error) {
             my $why = defined $error ? ": $error" : ', since the server does not show its password';
@@ -453,9 +649,11 @@ sub account_statements {
         }
         push @accounts, $statement;
         push @grants, @$given;
+        @defaults = roles_of($database, @defaults);
+        push @defaults_of, 'SET DEFAULT ROLE ' . join(', ', @defaults) . ' TO ' . account($user) if @defaults;
     }
     my $before = comment("Accounts of the database $database->{name}") . join '', map {"$_;\n"} @accounts;
-    my $after = "\n" . comment('What the accounts may do') . join '', map {"$_;\n"} @grants;
+    my $after = "\n" . comment('What the accounts may do') . join '', map {"$_;\n"} @grants, @defaults_of;
     return "$before\n", $after;
 }
 
@@ -465,6 +663,9 @@ sub account {
     return identifier($user->{name}) . '@' . identifier($user->{host});
 }
 
+# The statement that makes an account, undef where it cannot be known; and the roles that
+# are on from its login. MySQL has these in the statement, which fails where they are not
+# there yet and not given: they come after all accounts and grants instead.
 sub account_statement {
     my ($self, $user) = @_;
     my $account = account($user);
@@ -476,7 +677,8 @@ sub account_statement {
         my $statement = $rows->[-1][0];
         $statement =~ s/\ACREATE USER (?!IF NOT EXISTS)/CREATE USER IF NOT EXISTS /;
         $statement =~ s/ IDENTIFIED BY PASSWORD ('[^']*')/ IDENTIFIED WITH mysql_native_password AS $1/;
-        return $statement;
+        my @roles = $statement =~ s/\A((?:$QUOTED|$TEXT|[^`'])*?) DEFAULT ROLE ($ROLES)/$1/ ? roles($2) : ();
+        return ($statement, @roles);
     }
     my $known = ($self->accounts->{ $user->{name} } || {})->{ $user->{host} };
     return if !$known;
@@ -484,15 +686,27 @@ sub account_statement {
     return "CREATE USER IF NOT EXISTS $account IDENTIFIED WITH $plugin AS " . escaped($known->{hash});
 }
 
-# A name in backticks, as a part of a longer expression.
-my $QUOTED = qr/`(?:[^`]|``)*`/;
+# The roles in a list of them, each as it is written there.
+sub roles {
+    my ($list) = @_;
+    return $list =~ /\G(?:, *)?($ROLE)/g;
+}
+
+# Those of the written roles that are in the dump of a database.
+sub roles_of {
+    my ($database, @roles) = @_;
+    my %known = map { ("$_->{name}\0$_->{host}" => 1) } @{ $database->{users} };
+    return grep {
+        my ($name, $host) = /\A($QUOTED|[^`\@]+)(?:\@(.+))?\z/s;
+        $known{ name($name) . "\0" . (defined $host ? name($host) : '') }
+    } @roles;
+}
 
 # The grants of an account that are about the database, or about a role of it.
 sub given {
     my ($self, $user, $database) = @_;
     my ($rows, $error) = $self->ask('SHOW GRANTS FOR ' . account($user) . ';');
     return undef, $error if defined $error;
-    my %roles = map { $_->{name} => 1 } @{ $database->{users} };
     my @given;
     for my $statement (map { $_->[0] } @$rows) {
         if ($statement =~ /\AGRANT (?:[^`]|$QUOTED)*? ON (?:[A-Z ]+ )?($QUOTED)\.(\*?)/s) {
@@ -500,12 +714,13 @@ sub given {
             push @given, $statement
                 if $all ? $database->{name} =~ pattern($scope) : $database->{name} eq $scope;
         }
-        elsif ($statement =~ /\A(?:GRANT|SET DEFAULT ROLE) ($QUOTED|[^`\s]+)/ && $roles{ name($1) }) {
-            push @given, $statement;
+        elsif ($statement =~ /\A(GRANT|SET DEFAULT ROLE) ($ROLES)( (?:TO|FOR) .*)\z/s) {
+            my ($what, $to, @roles) = ($1, $3, roles_of($database, roles($2)));
+            push @given, "$what " . join(', ', @roles) . $to if @roles;
         }
-        elsif ($statement =~ /\AGRANT (?!USAGE ON)(.*) ON \*\.\*/s) {
-            $self->problem('info', $database,
-                'The account ' . account($user) . " loses its server-wide rights: $1");
+        elsif ($statement =~ /\AGRANT (?!USAGE ON)(?:(.*) ON \*\.\*|(PROXY ON .*) TO )/s) {
+            $self->problem('warning', $database, 'The account ' . account($user) . ' loses its server-wide'
+                . ' rights. Give it those anew that it needs: ' . (defined $1 ? $1 : $2));
         }
     }
     return \@given, undef;
@@ -514,6 +729,7 @@ sub given {
 sub name {
     my ($quoted) = @_;
     $quoted =~ s/``/`/g if $quoted =~ s/\A`(.*)`\z/$1/s;
+    $quoted =~ s/''/'/g if $quoted =~ s/\A'(.*)'\z/$1/s;
     return $quoted;
 }
 
