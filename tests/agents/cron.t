@@ -34,6 +34,11 @@ my ($red_hat, $none) = imitated('etc/os-release' => "ID=rocky\n", map { ("etc/cr
 is_deeply [map { $_->{command} } @{ Linux::Cron::all($red_hat, $none)->{bob}{jobs} }], [qw(0hourly shop.example)],
     'cron of the Red Hat family reads other names too';
 
+my ($at, $named) = imitated(map { ("var/spool/cron/atjobs/$_" => 'x') } qw(a0000101b2c3d4 .SEQ =0000101b2c3d5 notes));
+Linux::Cron::all($at, $named);
+is_deeply problem_texts($named), ['error /var/spool/cron/atjobs: 2 jobs of "at" are not in the dump: give them to the new'
+    . ' host by hand'], 'what at runs once is named';
+
 my ($tree, $problems) = imitated('var/spool/cron/crontabs/alice' => 'x', 'etc/cron.d/' => undef);
 chmod 0711, $tree->root or die $!;
 chmod 0700, $tree->path('/var/spool/cron/crontabs') or die $!;
@@ -41,7 +46,8 @@ chmod 0700, $tree->path('/var/spool/cron/crontabs') or die $!;
     local ($), $>) = ('65534 65534', 65534);
     is_deeply Linux::Cron::all($tree, $problems), {}, 'a plain user may see no tables';
 }
-is_deeply problem_texts($problems), ['error /var/spool/cron/crontabs: Cannot be read: Permission denied'],
+is_deeply problem_texts($problems), ['error /var/spool/cron/crontabs: Cannot be read: Permission denied;'
+    . ' the jobs in it are not in the dump, copy them by hand'],
     'and that is a problem';
 
 done_testing;

@@ -200,7 +200,7 @@ sub problem_of { return found(qq(string(//problem[\@object="$_[0]" and contains(
 is problem_of('missing.test', 'does not exist'), 'warning', 'a missing root is a problem';
 is problem_of('whole.test', '/ is a folder of the system'), 'error', 'the system is not packed as a site';
 is problem_of('carol', 'cron jobs but no site'), 'warning', 'jobs of an account without a site are named';
-is problem_of('www-data', 'cron jobs but no site'), 'info', 'so are those of a service';
+is problem_of('www-data', 'cron jobs but no site'), 'warning', 'so are those of a service';
 is problem_of('dave', 'units of systemd but no site: sync.service'), 'warning', 'units of an account without a site too';
 is problem_of("www-data", "units of systemd"), "", "those of a service are the host's";
 is problem_of('daemon', 'cron jobs but no site'), '', 'but not those of packages';

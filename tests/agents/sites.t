@@ -344,8 +344,8 @@ no colon
 END
     is_deeply(Linux::Resellers::map_of($tree, $problems), { ann => 'big', bob => 'big', cid => 'small' },
         'users have their resellers');
-    is_deeply problem_texts($problems), ['warning /etc/sondrel/resellers: Line 3: bob already belongs to big',
-        'error /etc/sondrel/resellers: Line 4: expected "reseller: user ..."'], 'mistakes are named';
+    is_deeply problem_texts($problems), ['warning /etc/sondrel/resellers: Line 3: bob already belongs to big, and stays there',
+        'error /etc/sondrel/resellers: Line 4: expected "reseller: user ...", the line is left out'], 'mistakes are named';
     ($tree, $problems) = imitated('etc/passwd' => '');
     is_deeply(Linux::Resellers::map_of($tree, $problems), {}, 'without the file there are none');
 }

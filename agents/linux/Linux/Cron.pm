@@ -8,6 +8,8 @@ use Linux::System;
 
 # Debian's and the Red Hat family's folder of the users' own tables.
 my @SPOOLS = qw(/var/spool/cron/crontabs /var/spool/cron);
+my @SPOOLS_OF_AT = qw(/var/spool/cron/atjobs /var/spool/at);
+my $JOB_OF_AT = qr/\A[a-zA-Z=][0-9a-f]{13}\z/;
 my $SYSTEM_TABLE  = '/etc/crontab';
 my $SYSTEM_FOLDER = '/etc/cron.d';
 
@@ -32,6 +34,7 @@ sub all {
     for my $table (system_tables($tree, $problems)) {
         add_system_job(\%cron, job($_, $table, 1)) for lines_of($tree, $problems, $table);
     }
+    name_jobs_of_at($tree, $problems);
     return \%cron;
 }
 
@@ -58,14 +61,28 @@ sub names_in {
     my ($tree, $problems, $folder) = @_;
     return if !$tree->is_dir($folder);
     my @names = $tree->list($folder);
-    $problems->add(severity => 'error', object => $folder, text => "Cannot be read: $!") if !@names && $!;
+    $problems->add(severity => 'error', object => $folder, text => unreadable("$!")) if !@names && $!;
     return @names;
+}
+
+sub unreadable { return "Cannot be read: $_[0]; the jobs in it are not in the dump, copy them by hand" }
+
+# Jobs of "at" run once, and are no tables.
+sub name_jobs_of_at {
+    my ($tree, $problems) = @_;
+    for my $spool (grep { $tree->is_dir($_) } @SPOOLS_OF_AT) {
+        my @jobs = grep { $_ =~ $JOB_OF_AT && $tree->is_file("$spool/$_") } $tree->list($spool);
+        $problems->add(severity => 'error', object => $spool,
+            text => scalar(@jobs) . ' jobs of "at" are not in the dump: give them to the new host by hand')
+            if @jobs;
+    }
+    return;
 }
 
 sub lines_of {
     my ($tree, $problems, $path) = @_;
     my $text = $tree->read_file($path);
-    $problems->add(severity => 'error', object => $path, text => "Cannot be read: $!") if !defined $text;
+    $problems->add(severity => 'error', object => $path, text => unreadable("$!")) if !defined $text;
     return defined $text ? split(/\n/, $text) : ();
 }
 

@@ -169,7 +169,7 @@ sub report_unknown_users {
     my ($self, $resellers) = @_;
     for my $user (grep { !$self->{users}->by_name($_) } sort keys %$resellers) {
         $self->{problems}->add(severity => 'warning', object => $Linux::Resellers::FILE,
-            text => "$resellers->{$user} has a user $user, which is no account");
+            text => "$resellers->{$user} has a user $user, which is no account: remove it there");
     }
     return;
 }
@@ -240,7 +240,8 @@ sub name_refused_links {
     for my $link ($self->{tree}->refused) {
         my $owner = $self->{users}->name_of($link->{owner});
         $self->{problems}->add(severity => 'error', object => $link->{path}, text => "Is a symbolic link of"
-            . " $owner to $link->{target}, which does not belong to $owner, and is not followed");
+            . " $owner to $link->{target}, which does not belong to $owner, and is not followed: copy by hand"
+            . ' what it leads to if it is needed');
     }
     return;
 }
@@ -254,8 +255,9 @@ sub name_those_left_over {
         my $is_system = $account && $self->{users}->is_system($account);
         # What packages have put into the system's own tables comes with them again.
         next if $is_system && !defined $self->{cron}{$name}{crontab};
-        $self->{problems}->add(severity => $is_system ? 'info' : 'warning', object => $name,
-            text => "Has cron jobs but no site: the jobs are only in the archive of the host's own settings");
+        $self->{problems}->add(severity => 'warning', object => $name,
+            text => "Has cron jobs but no site: the jobs are only in the archive of the host's own settings;"
+                . ' set them up by it if they are needed');
     }
     $self->name_units_left_over;
     for my $site (grep { !defined $_->{owner} } $self->sites) {

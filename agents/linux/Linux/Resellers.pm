@@ -14,7 +14,8 @@ sub map_of {
     return \%reseller_of if !$tree->lstat($FILE);
     my $text = $tree->read_file($FILE);
     if (!defined $text) {
-        $problems->add(severity => 'error', object => $FILE, text => "Cannot be read: $!");
+        $problems->add(severity => 'error', object => $FILE,
+            text => "Cannot be read: $!; the clients in it stand outside of resellers");
         return \%reseller_of;
     }
     my $number = 0;
@@ -25,13 +26,13 @@ sub map_of {
         my ($reseller, $users) = $line =~ /\A\s*([^\s:]+)\s*:(.*)\z/;
         if (!defined $reseller) {
             $problems->add(severity => 'error', object => $FILE,
-                text => qq(Line $number: expected "reseller: user ..."));
+                text => qq(Line $number: expected "reseller: user ...", the line is left out));
             next;
         }
         for my $user (grep {length} split /[\s,]+/, $users) {
             if (defined $reseller_of{$user} && $reseller_of{$user} ne $reseller) {
                 $problems->add(severity => 'warning', object => $FILE,
-                    text => "Line $number: $user already belongs to $reseller_of{$user}");
+                    text => "Line $number: $user already belongs to $reseller_of{$user}, and stays there");
                 next;
             }
             $reseller_of{$user} = $reseller;

@@ -6,6 +6,12 @@ use strict;
 use warnings;
 use Linux::Idn;
 
+my %WHERE_NAMES_ARE = (
+    domains => 'ask for it by a name that the web server has for it, or that its mailboxes have',
+    clients => 'ask for it by the account that owns its sites',
+    resellers => 'ask for one that /etc/sondrel/resellers names with accounts that own sites',
+);
+
 # inventory => Linux::Inventory, options => what Agent::Options gave, problems.
 sub new {
     my ($class, %options) = @_;
@@ -115,7 +121,8 @@ sub named {
         my ($objects) = grep {defined} map { $by_name->{$_} } $forms ? $forms->($name) : $name;
         push @found, @{ $objects || [] };
         next if $objects;
-        $self->problem('error', $name, 'Was asked for, but there is no such ' . substr $kind, 0, -1);
+        $self->problem('error', $name, 'Was asked for, but there is no such ' . substr($kind, 0, -1)
+            . ': ' . $WHERE_NAMES_ARE{$kind});
     }
     return @found;
 }

@@ -18,7 +18,8 @@ my @PARTS = (
         /usr/bin/postgres /usr/pgsql-*/bin/postgres /usr/share/postgresql/*/extension/*.control
         /usr/share/pgsql/extension/*.control /usr/bin/redis-server /usr/bin/memcached /usr/bin/mongod)],
     [mail => qw(/usr/lib/postfix/sbin/master /usr/libexec/postfix/master /usr/lib/postfix/*.so
-        /usr/sbin/dovecot /usr/lib/dovecot/modules/*.so /usr/lib/dovecot/modules/*/*.so /usr/lib64/dovecot/*.so
+        /usr/sbin/dovecot /usr/lib/dovecot/modules/*.so /usr/lib/dovecot/modules/*/*.so
+        /usr/lib64/dovecot/*.so
         /usr/lib/dovecot/imap /usr/lib/dovecot/pop3 /usr/lib/dovecot/lmtp /usr/lib/dovecot/managesieve
         /usr/sbin/exim4 /usr/sbin/exim /usr/sbin/opendkim /usr/bin/rspamd /usr/sbin/spamd
         /usr/sbin/amavisd-new)],

@@ -20,7 +20,7 @@ my $USUAL = qr/\A(?:\.|localhost(?:\.localdomain)?)\z
 sub all {
     my ($tree, $problems) = @_;
     $problems->add(severity => 'warning', object => $_, text => 'The zones of this name server are not'
-        . ' described: its settings are in the archive of the settings, copy zones that lie elsewhere by hand')
+        . ' described: its settings are in the archive of the settings; copy zones that lie elsewhere')
         for grep { $tree->is_dir($_) } @NOT_READ;
     my ($main) = grep { $tree->lstat($_) } @MAIN or return;
     my $self = bless { tree => $tree, problems => $problems, read => {} }, __PACKAGE__;
