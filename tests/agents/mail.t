@@ -147,6 +147,95 @@ my ($same) = found(
 );
 is_deeply $same, { 'info@a.test' => '/var/vmail/a.test/info' }, 'no mailbox is found twice';
 
+# --- what lies beside mail ---
+
+# { address => what lies beside it }
+sub besides {
+    my (undef, undef, @found) = found(@_);
+    return { map { $_->{address} => [sort @{ $_->{besides} }] } @found };
+}
+
+is_deeply besides(maildir('home/alice/Maildir'), 'home/alice/.dovecot.sieve' => 'x', 'home/alice/sieve/a' => 'x',
+    'home/alice/.forward' => 'x', 'home/alice/private' => 'x'),
+    { alice => [map {"/home/alice/$_"} qw(.dovecot.sieve .forward sieve)] },
+    'scripts in the home of an account belong to its mail, and nothing else there';
+is_deeply besides(maildir('var/vmail/a.test/info/Maildir'), 'var/vmail/a.test/info/.dovecot.sieve' => 'x',
+    maildir('var/vmail/a.test/sales')), { 'info@a.test' => ['/var/vmail/a.test/info'], 'sales@a.test' => [] },
+    'the home of a user that has it for mail only belongs to the mail';
+my $STATIC = "mail_location = maildir:/var/vmail/%d/%n\nuserdb {\n  driver = static\n  args = uid=5000 home=/data/homes/%d\n}\n";
+is_deeply besides('etc/dovecot/dovecot.conf' => $STATIC, 'data/homes/a.test/x' => 'x',
+    map { maildir("var/vmail/a.test/$_") } qw(info sales)), { 'info@a.test' => [], 'sales@a.test' => [] },
+    'but not one that several share';
+is_deeply besides('etc/dovecot/dovecot.conf' => "mail_location = maildir:/data/%d/%n:CONTROL=/control/%d/%n:INDEX=/gone/%u\n"
+    . "plugin {\n  sieve = file:/scripts/%u;active=/scripts/%u.active\n}\n", maildir('data/a.test/info'),
+    'control/a.test/info/' => undef, 'scripts/info@a.test/x' => 'x', 'scripts/info@a.test.active' => \'info@a.test/x'),
+    { 'info@a.test' => ['/control/a.test/info', '/scripts/info@a.test', '/scripts/info@a.test.active'] },
+    'lists and scripts may have places of their own';
+
+# Settings as Dovecot 2.4 writes them.
+my $NEW = <<'END';
+dovecot_config_version = 2.4.0
+mail_driver = maildir
+mail_home = /data/homes/%{user | domain}/%{user | username | lower}
+mail_path = ~/mail
+mail_control_path = /control/%{user}
+ssl_server_cert_file = /etc/new.pem
+ssl_server {
+  key_file = x
+}
+userdb static {
+  fields {
+    uid = 5000
+    home = /data/other/%{user | domain}/%{user | username}
+  }
+}
+passdb passwd-file {
+  passwd_file_path = /etc/dovecot/users
+}
+sieve_script personal {
+  driver = file
+  path = ~/sieve
+  active_path = ~/.active
+}
+namespace shared {
+  type = public
+  mail_path = /data/public
+}
+END
+my ($new, $said, @new) = found('etc/dovecot/dovecot.conf' => $NEW, maildir('data/homes/a.test/info/mail'),
+    'control/info@a.test/' => undef, maildir('data/other/b.test/x/mail'), maildir('data/one/mail'),
+    'etc/dovecot/users' => "own\@c.test:x:5000:5000::/data/one::\n", 'data/public/.All/cur/' => undef);
+is_deeply $new, { 'info@a.test' => '/data/homes/a.test/info/mail', 'x@b.test' => '/data/other/b.test/x/mail',
+    'own@c.test' => '/data/one/mail', 'namespace shared' => '/data/public' }, 'settings of Dovecot 2.4 are understood';
+is_deeply $said, [], 'without a problem';
+is_deeply [map { @{ $_->{besides} } } grep { $_->{address} eq 'info@a.test' } @new],
+    ['/control/info@a.test', '/data/homes/a.test/info'], 'also what lies beside mail';
+
+# --- maps ---
+
+# The files that maps need, and the problems.
+sub needs_of_maps {
+    my ($owner, %files) = @_;
+    my ($tree, $problems) = imitated('etc/passwd' => $ACCOUNTS, %files);
+    chown $owner, $owner, $tree->path('/etc/aliases') or die $!;
+    my $mail = Linux::Mail::all($tree, $problems, Linux::Users->new($tree));
+    return [map { @{ $_->{needs} } } @{ $mail->{maps} }];
+}
+
+my @ALIASES = ('etc/aliases' => "team: :include:/etc/shadow\n", 'etc/shadow' => 'x');
+is_deeply needs_of_maps(0, @ALIASES), ['/etc/shadow'], 'aliases of root name further files';
+is_deeply needs_of_maps(1001, @ALIASES), [], 'those of another account do not make root pack what is not its own';
+for my $case (['mysql', 'warning'], ['ldap', 'error'], ['socketmap', 'error']) {
+    my ($type, $severity) = @$case;
+    (undef, $problems) = found('etc/postfix/main.cf' => "virtual_alias_maps = proxy:$type:/etc/postfix/x.cf\n");
+    like $problems->[0], qr{\A$severity /etc/postfix/x.cf: The virtual aliases }, "virtual aliases in $type are named";
+}
+(undef, $problems) = found('etc/postfix/main.cf' => "alias_maps = hash:/etc/postfix/a\n", 'etc/postfix/a.db' => 'x');
+like $problems->[0], qr{\Aerror /etc/postfix/a: The map is there as /etc/postfix/a.db only}, 'so is a map without its text';
+(undef, $problems) = found('etc/dovecot/dovecot.conf' => "userdb {\n  driver = sql\n  args = /etc/dovecot/sql.ext\n}\n");
+like $problems->[0], qr{\Aerror /etc/dovecot/sql.ext: Dovecot's users are asked from sql, and doveadm does not name them},
+    'and users that only a running Dovecot knows';
+
 my @sites = ({ name => 'a.test', names => ['www.a.test', 'A.test'], owner => 'alice' },
     { name => 'shop.b.test', names => ['shop.b.test'], owner => 'bob' },
     { name => 'root.test', names => ['root.test'], owner => undef });
