@@ -121,7 +121,8 @@ sub by_process {
         program => $process->{program}, unit => $process->{unit}, files => [] };
     my $unit = defined $process->{unit} ? $self->unit($process) : undef;
     $self->add_unit($service, $unit) if $unit;
-    my @named = $unit && !$self->runs_others($process) ? () : $self->files_naming($address);
+    my @named = $unit && !$self->runs_others($process) ? ()
+        : ($self->files_naming($address), $self->files_of_directory($process->{directory}));
     $self->add_starter($service, $_) for @named;
     $self->add_settings($service, $process);
     $self->add_directory($service, $process, $unit, @named);
@@ -287,9 +288,14 @@ sub application_at {
             && !$self->{roots}->holds_many($above);
         return if !defined $directory;
     }
-    my @stat = $tree->stat($directory);
-    return if defined $uid && $uid && $stat[4] != $uid;
-    return ($directory, $kind);
+    return defined $uid && !$self->is_of_account($directory, $uid) ? () : ($directory, $kind);
+}
+
+# What runs as a service may lie in a directory of root's, if all may read it.
+sub is_of_account {
+    my ($self, $directory, $uid) = @_;
+    my @stat = $self->{tree}->stat($directory);
+    return !$uid || $stat[4] == $uid || !$self->is_person($uid) && !$stat[4] && $stat[2] & S_IROTH;
 }
 
 # Tells if a path may be of an application, and not of the system.
@@ -361,6 +367,15 @@ sub files_naming {
     }
     my @of_host = grep { $_->{file} !~ m{\A/(?:usr/)?lib/} } @found;
     return @of_host ? @of_host : @found;
+}
+
+# Files that start services in a directory.
+sub files_of_directory {
+    my ($self, $directory) = @_;
+    return if !defined $directory || !$self->is_place($directory);
+    return grep {
+        grep { my $real = $self->{tree}->real($_); defined $real && $real eq $directory } @{ $_->{directories} }
+    } $self->starters;
 }
 
 # Read once for all sites.

@@ -161,7 +161,7 @@ sub facts_of_dpkg {
         my $needs = join ',', grep {defined} @entry{ 'Depends', 'Pre-Depends' };
         my $facts = { name => $name, version => $entry{Version}, architecture => $architecture,
             source => $source, needs => { map { /\A\s*([^\s:(]+)/ ? ($1 => 1) : () } split /[,|]/, $needs },
-            settings => { map { /\A\s+(\S+)\s+([0-9a-f]{32})/ ? ($1 => $2) : () }
+            settings => { map { /\A\s*(\S+)\s+([0-9a-f]{32})/ ? ($1 => $2) : () }
                 split /\n/, $entry{Conffiles} || '' } };
         # Packages that may be there for several architectures have it in the names of their records.
         my ($id) = grep { $self->{tree}->lstat("$INFO/$_.list") } $name, "$name:$architecture" or next;

@@ -1,0 +1,177 @@
+# Sites that packages of the distribution have brought: what an administrator and their users have made
+# of them is packed, and what installing the packages brings is not.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Agent::Process qw(run);
+use Digest::MD5 qw(md5_hex);
+use Dumped;
+use File::Basename qw(dirname);
+use File::Path qw(mkpath);
+use Imitated qw(imitated);
+use Linux::Applications;
+use Linux::Packages;
+use Linux::SiteParts;
+use Linux::Sites;
+use Linux::Users;
+use Test::More;
+
+my $ARCHIVES = '/var/cache/sondrel-tests';
+my $WEB = 33;
+
+sub host {
+    my ($name, $root, @more) = @_;
+    return join "\n", '<VirtualHost *:80>', "ServerName $name", "DocumentRoot $root", @more, '</VirtualHost>', '';
+}
+
+my ($tree, $problems) = imitated(
+    'etc/passwd' => "root:x:0:0:root:/root:/bin/sh\nwww-data:x:$WEB:${WEB}::/var/www:/bin/false\n",
+    'etc/apache2/apache2.conf' => "ServerRoot /etc/apache2\nListen 80\nIncludeOptional sites-enabled/*.conf\n",
+    'etc/apache2/sites-enabled/blog.conf' => host('blog.test', '/usr/share/wordpress',
+        'Alias /wp-content /var/lib/wordpress/wp-content'),
+    'etc/apache2/sites-enabled/wiki.conf' => host('wiki.test', '/var/lib/mediawiki'),
+    'etc/apache2/sites-enabled/pages.conf' => host('pages.test', '/usr/share/dokuwiki'),
+    'etc/apache2/sites-enabled/mail.conf' => host('mail.test', '/var/lib/roundcube/public_html'),
+    'etc/apache2/sites-enabled/plain.conf' => host('plain.test', '/srv/plain'),
+    'srv/plain/index.html' => 'x',
+    'var/lib/dpkg/status' => '',
+);
+(my $root = $tree->root) =~ s{/\z}{};
+
+sub ran {
+    my (@argv) = @_;
+    my $result = run(\@argv);
+    die "@argv: $result->{err}" if $result->{status};
+    return $result->{out};
+}
+
+sub put {
+    my ($path, $text, $how) = @_;
+    mkpath(dirname("$root$path"));
+    open my $file, $how || '>', "$root$path" or die "$path: $!\n";
+    print $file $text;
+    close $file or die "$path: $!\n";
+    return;
+}
+
+# Unpacks a package and notes it in the records, as dpkg does; documents, translations and the like, which
+# are the most of it, are left out as by an administrator who has no room for them.
+sub install {
+    my ($name) = @_;
+    my ($archive) = glob "$ARCHIVES/${name}_*.deb" or die "No $name in $ARCHIVES: run scripts/install-packages\n";
+    my $unpack = 'dpkg-deb --fsys-tarfile "$1" | tar -xv -C "$2" --exclude="*/i18n/*" --exclude="*/languages/*"'
+        . ' --exclude="./usr/share/doc/*" --exclude="*/lang/*" --exclude="*/localization/*"'
+        . ' --exclude="*/resources/*" --exclude="*/vendor/*" --exclude="*/modules/*" --exclude="*/skinStyles/*"';
+    my @paths = map {m{\A\./(.+?)/?\z} ? "/$1" : ()} split /\n/, ran('sh', '-c', $unpack, 'sh', $archive, $root);
+    my $control = "$root/control-of-$name";
+    ran('dpkg-deb', '-e', $archive, $control);
+    put("/var/lib/dpkg/info/$name.list", join "\n", '/.', @paths, '');
+    put("/var/lib/dpkg/info/$name.md5sums", ran('cat', "$control/md5sums"));
+    my @settings = -e "$control/conffiles" ? grep {m{\A/}} split /\n/, ran('cat', "$control/conffiles") : ();
+    my $fields = ran('dpkg-deb', '-f', $archive);
+    put('/var/lib/dpkg/status', "${fields}Status: install ok installed\n"
+        . (@settings ? "Conffiles:\n" . join '', map { ' ' . $_ . ' ' . md5_hex(bytes_of($_)) . "\n" } @settings : '')
+        . "\n", '>>');
+    ran('rm', '-r', $control);
+    return;
+}
+
+sub bytes_of { return ran('cat', "$root$_[0]") }
+
+put('/var/lib/dpkg/info/apache2.list', join "\n", '/.', '/etc', '/etc/apache2', '/etc/apache2/conf-available', '');
+put('/var/lib/dpkg/status', "Package: apache2\nStatus: install ok installed\nVersion: 2\nArchitecture: all\n\n");
+install($_) for qw(wordpress mediawiki dokuwiki roundcube-core);
+
+# What their scripts, an administrator and users do afterwards.
+put('/etc/wordpress/config-blog.test.php',
+    "<?php define('DB_NAME', 'blog'); define('DB_USER', 'writer'); define('DB_PASSWORD', 'x'); ?>\n");
+put('/usr/share/wordpress/wp-login.php', "// changed\n", '>>');
+put('/usr/share/wordpress/robots.txt', 'new');
+put('/var/lib/wordpress/wp-content/uploads/2026/photo.jpg', 'photo');
+put('/var/lib/wordpress/wp-content/plugins/mine/mine.php', '<?php');
+put('/etc/mediawiki/LocalSettings.php', "<?php \$wgDBtype = 'mysql'; \$wgDBserver = 'localhost';\n"
+    . "\$wgDBname = 'wiki'; \$wgDBuser = 'editor'; \$wgDBpassword = 'x';\n");
+put('/var/lib/mediawiki/images/a/map.png', 'map');
+put('/var/lib/mediawiki/extensions/Mine/extension.json', '{}');
+put('/etc/dokuwiki/local.php', '<?php');
+put('/var/lib/dokuwiki/data/pages/start.txt', 'first page');
+put('/var/lib/dokuwiki/data/pages/team/plan.txt', 'plan');
+put('/var/lib/dokuwiki/data/pages/wiki/welcome.txt', "changed\n", '>>');
+put('/var/lib/dokuwiki/acl/users.auth.php', 'admin:hash');
+put('/etc/roundcube/config.inc.php', "<?php include('/etc/roundcube/debian-db-roundcube.php');\n");
+put('/etc/roundcube/debian-db.php', "<?php \$dbname='roundcube';\n");
+put('/etc/dbconfig-common/roundcube.conf', "# of dbconfig\ndbc_dbtype='mysql'\ndbc_dbuser='cube'\ndbc_dbpass='x'\n"
+    . "dbc_dbserver='localhost'\ndbc_dbport='3306'\ndbc_dbname='roundcube'\n");
+put('/etc/dbconfig-common/other.conf', "dbc_dbname='other'\n");
+put('/var/lib/ucf/registry', "roundcube-core \t /etc/dbconfig-common/roundcube.conf\n"
+    . "other \t /etc/dbconfig-common/other.conf\n");
+put('/var/lib/roundcube/plugins/mine/mine.php', '<?php');
+put('/var/lib/unrelated/state', 'of another package');
+
+my $dump = Dumped->new($tree, '', '--dump-all');
+is $dump->errors, '', 'the description is valid';
+
+sub below_of {
+    my ($site, $directory) = @_;
+    return [map { m{\A\.\Q$directory\E/(.*)} ? $1 : () } @{ $dump->members($site) }];
+}
+
+sub package_of {
+    my ($site, $attribute) = @_;
+    return $dump->found(qq(string(//domain[\@name="$site"]/site/package/\@$attribute)));
+}
+
+my %EXPECTED = (
+    'blog.test' => ['wordpress', {
+        '/usr' => [qw(share/wordpress/robots.txt share/wordpress/wp-login.php)],
+        '/var' => [qw(lib/wordpress/wp-content/plugins/mine/mine.php lib/wordpress/wp-content/uploads/2026/photo.jpg)],
+        '/etc/wordpress' => [qw(config-blog.test.php htaccess)],
+    }],
+    'wiki.test' => ['mediawiki', {
+        '/usr' => [], '/var' => [qw(lib/mediawiki/extensions/Mine/extension.json lib/mediawiki/images/a/map.png)],
+        '/etc/mediawiki' => ['LocalSettings.php'],
+    }],
+    'pages.test' => ['dokuwiki', {
+        '/usr' => [], '/var' => [map {"lib/dokuwiki/$_"} qw(acl/users.auth.php data/pages/start.txt
+            data/pages/team/plan.txt data/pages/wiki/welcome.txt)],
+        '/etc/default' => ['dokuwiki'],
+    }],
+    'mail.test' => ['roundcube-core', {
+        '/usr' => [], '/var' => ['lib/roundcube/plugins/mine/mine.php'], '/etc/cron.d' => ['roundcube-core'],
+        '/etc/dbconfig-common' => ['roundcube.conf'],
+    }],
+);
+for my $site (sort keys %EXPECTED) {
+    my ($name, $files) = @{ $EXPECTED{$site} };
+    is package_of($site, 'name'), $name, "$site: its package is named";
+    my $version = ran('dpkg-deb', '-f', glob("$ARCHIVES/${name}_*.deb"), 'Version');
+    chomp $version;
+    is package_of($site, 'version'), $version, 'with its version';
+    is_deeply below_of($site, $_), $files->{$_}, "$site: of $_ it has what installing does not bring"
+        for sort keys %$files;
+    is_deeply [grep {/\Aerror/} @{ $dump->problems_of($site) }], [], 'nothing is missing';
+}
+is package_of('blog.test', 'changed'), 1, 'changed files are counted';
+is_deeply [grep {/\A(?:config\.inc|debian-db\.php)/} @{ below_of('mail.test', '/etc/roundcube') }],
+    [qw(config.inc.php debian-db.php)], 'settings that scripts have made are packed';
+is scalar(grep {/\Alocal\.php\z/} @{ below_of('pages.test', '/etc/dokuwiki') }), 1, 'so is what the administrator made';
+is_deeply $dump->texts_of('//domain[@name="wiki.test"]/site/package/directory'),
+    [qw(/etc/mediawiki /usr/share/mediawiki /var/lib/mediawiki)], 'the directories of the application are named';
+is $dump->found('count(//domain[@name="plain.test"]/site/package)'), 0, 'a site of files has no package';
+
+# --- their databases ---
+
+my $users = Linux::Users->new($tree);
+my @sites = @{ Linux::Sites::look($tree, $problems)->{sites} };
+Linux::SiteParts->new(tree => $tree, problems => $problems, users => $users, sites => \@sites);
+my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
+my %settings = map { my $site = $_; ($site->{name} => [map {"$_->{name} $_->{user} $_->{file}"} $applications->settings($site)]) }
+    @sites;
+is_deeply $settings{'blog.test'}, ['blog writer /etc/wordpress/config-blog.test.php'], 'settings of the host that is asked for';
+is_deeply $settings{'wiki.test'}, ['wiki editor /var/lib/mediawiki/LocalSettings.php'], "those behind root's link";
+is_deeply $settings{'mail.test'}, ['roundcube cube /etc/dbconfig-common/roundcube.conf'], 'those of the package manager';
+
+# Much faster than perl's own way.
+ran('rm', '-r', "$root/usr");
+done_testing;
