@@ -374,7 +374,8 @@ sub files_of_directory {
     my ($self, $directory) = @_;
     return if !defined $directory || !$self->is_place($directory);
     return grep {
-        grep { my $real = $self->{tree}->real($_); defined $real && $real eq $directory } @{ $_->{directories} }
+        grep { my $real = $self->{tree}->real($_); defined $real
+            && $real eq $directory } @{ $_->{directories} }
     } $self->starters;
 }
 
