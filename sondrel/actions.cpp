@@ -197,7 +197,8 @@ ResultFile::ResultFile(const std::string& path) : ResultFile(path, UmaskGuard(OU
 ResultFile::ResultFile(const std::string& path, const UmaskGuard& /*mask*/) : OutputFile(path) {}
 
 void ResultFile::finish() {
-  if (!close()) throw Exc<&FileWrite>(HERE) % path() % errorText();
+  // The result, which is on the disk itself, may say that this document is there.
+  if (!syncAndClose()) throw Exc<&FileWrite>(HERE) % path() % errorText();
 }
 
 // --- Action ---

@@ -33,7 +33,7 @@ KINDS = {
     "close": (30, {"tError_SaveFile", "CantRetrieveContentFile", "FileWrite"},
               f"(?!({CONTENT}|.*-name)$).*"),
     # The session's own folder is synced for the result log alone once it is there.
-    "fsync": (11, {"CantRetrieveContentFile", "UnableToCreateSession"}, f"{SESSION}|{LOGS}"),
+    "fsync": (13, {"CantRetrieveContentFile", "FileWrite", "UnableToCreateSession"}, f"{SESSION}|{LOGS}"),
     "rename": (10, {"CantRenameFile"}, f".* -> {LOGS}"),
     "mkstemp": (10, {"CantCreateTempFile"}, LOGS),
     # The session belongs to root even where it cannot be given to the service account's group.

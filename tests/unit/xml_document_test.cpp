@@ -167,6 +167,17 @@ TEST(XmlDocumentTest, RefusesEntitiesThatGrowWithoutMeasure) {
               testing::StartsWith(parseFailureOf("-")));
 }
 
+TEST(XmlDocumentTest, RefusesMoreThanAMebibyteOfEntitiesThatTheLibraryAccepts) {
+  const auto documentWith = [](int references) {
+    std::string text = "<!DOCTYPE root [<!ENTITY e \"" + std::string(300000, 'x') + "\">]><root>";
+    for (int i = 0; i < references; ++i) text += "&e;";
+    return text + "</root>";
+  };
+  tXmlDocument{documentWith(3)};
+  EXPECT_EQ(whatOf<Exc<&tError_ParseFile>>([&] { tXmlDocument{documentWith(5)}; }),
+            parseFailureOf("-") + "its entities grow without measure\n");
+}
+
 TEST(LibxmlErrorCollectorTest, GivesTheErrorFunctionBackAlsoAfterAFailure) {
   std::string mine;
   const xmlGenericErrorFunc oldFunction = xmlGenericError;
