@@ -175,6 +175,8 @@ def test_man_page_has_no_fault_that_a_checker_finds(name):
 # --- commands of the documents, which scripts/fresh-roots runs ----------------------------------
 
 DOCUMENTS = [path for path in sorted(glob.glob("**/*.md", root_dir=TOP, recursive=True)) if not path.startswith("build/")]
+# A slash does not go with the name of a test.
+each_document = pytest.mark.parametrize("document", DOCUMENTS, ids=lambda path: path.replace("/", " "))
 SHOWN = {"text", "console"}
 RUN_HOW = {"online", "last", "long"}
 
@@ -197,7 +199,7 @@ def blocks(document):
     return found, outside
 
 
-@pytest.mark.parametrize("document", DOCUMENTS)
+@each_document
 def test_block_of_a_document_says_whether_and_how_it_is_run(document):
     found, outside = blocks(document)
     for words, text in found:
@@ -206,7 +208,7 @@ def test_block_of_a_document_says_whether_and_how_it_is_run(document):
     assert not indented, "commands that are not run, or text that looks like them"
 
 
-@pytest.mark.parametrize("document", DOCUMENTS)
+@each_document
 def test_commands_of_a_document_are_words_of_a_shell(document):
     for words, text in blocks(document)[0]:
         if words[0] == "sh":
