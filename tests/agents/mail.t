@@ -230,6 +230,13 @@ for my $case (['mysql', 'warning'], ['ldap', 'error'], ['socketmap', 'error']) {
     (undef, $problems) = found('etc/postfix/main.cf' => "virtual_alias_maps = proxy:$type:/etc/postfix/x.cf\n");
     like $problems->[0], qr{\A$severity /etc/postfix/x.cf: The virtual aliases }, "virtual aliases in $type are named";
 }
+(undef, $problems) = found('etc/postfix/main.cf' => "virtual_alias_maps = ldap:people inline:{a=b} static:x\n");
+is @$problems, 1, 'maps whose settings are in the main file';
+like $problems->[0], qr{\Aerror /etc/postfix/main.cf: The virtual aliases are asked from ldap }, 'are named, too';
+($mailboxes, $problems) = found('etc/postfix/main.cf' => "virtual_mailbox_base = /data\n"
+    . "virtual_mailbox_maps = unionmap:{hash:/etc/postfix/boxes, proxy:mysql:/etc/postfix/sql.cf}\n",
+    'etc/postfix/boxes' => "a\@a.test a/\n", maildir('data/a'));
+is_deeply [$mailboxes, scalar @$problems], [{ 'a@a.test' => '/data/a' }, 1], 'maps that are made of maps are read';
 (undef, $problems) = found('etc/postfix/main.cf' => "alias_maps = hash:/etc/postfix/a\n", 'etc/postfix/a.db' => 'x');
 like $problems->[0], qr{\Aerror /etc/postfix/a: The map is there as /etc/postfix/a.db only}, 'so is a map without its text';
 (undef, $problems) = found('etc/dovecot/dovecot.conf' => "userdb {\n  driver = sql\n  args = /etc/dovecot/sql.ext\n}\n");

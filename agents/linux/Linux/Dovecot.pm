@@ -203,22 +203,30 @@ sub files {
         map({ @{ $_->{values} }{@FILES} } @blocks), $self->user_files;
 }
 
-# The users that Dovecot knows, in files, databases or directories: [{ user, uid, gid, home,
-# mail, quota }], what is unknown undef. undef where it does not answer.
+# The users that Dovecot knows, in files, databases or directories: { users => [{ user, uid, gid,
+# home, mail, quota }], complete => 1 if it has named all of them }. What is unknown is undef.
 sub users {
     my ($self) = @_;
-    my $answer = answer_of($self->{tree}, ['doveadm', 'user', '*'], limit => 60);
-    return undef if !defined $answer;
-    my @names = grep {length} split /\r?\n/, $answer;
-    my @users;
+    my @argv = ('doveadm', 'user', '*');
+    my $answer = answer_of($self->{tree}, \@argv);
+    my $is_complete = defined $answer ? 1 : 0;
+    # Some databases cannot list their users.
+    $answer = answer_of($self->{tree}, \@argv, partly => 1) if !$is_complete;
+    my @names = grep {length} split /\r?\n/, defined $answer ? $answer : '';
+    return { users => [$self->details(@names)], complete => $is_complete };
+}
+
+sub details {
+    my ($self, @names) = @_;
+    my ($answer, @users) = ('');
     while (my @some = splice @names, 0, $USERS_AT_ONCE) {
         # It fails where one of them is not there any more.
         my @argv = ('doveadm', 'user', '-u', '--', @some);
-        my $details = answer_of($self->{tree}, \@argv, limit => 60, partly => 1);
-        my %known = map { $_->{user} => $_ } users_in(defined $details ? $details : '');
+        $answer = answer_of($self->{tree}, \@argv, partly => 1) if defined $answer;
+        my %known = map { $_->{user} => $_ } users_in(defined $answer ? $answer : '');
         push @users, map { $known{$_} || { user => $_ } } @some;
     }
-    return \@users;
+    return @users;
 }
 
 sub users_in {

@@ -241,10 +241,10 @@ sub from_virtual_mailbox {
 sub from_dovecot_users {
     my ($self) = @_;
     my $dovecot = $self->{dovecot};
-    my $users = $dovecot->users;
-    return $self->note_databases if !defined $users;
+    my $known = $dovecot->users;
+    $self->note_databases if !$known->{complete};
     my @locations = grep { !defined $_->{shared} } $dovecot->locations;
-    for my $user (@$users) {
+    for my $user (@{ $known->{users} }) {
         my @own = Linux::Dovecot::location_of({ %$user, mail_location => $user->{mail} });
         @own = @locations if !@own;
         my %more = (quota => $user->{quota});

@@ -45,6 +45,7 @@ sub map_of {
     my ($self, $map) = @_;
     my ($kind, $type, $file) = @$map{qw(kind type file)};
     my $what = $self->what($kind);
+    return if $file eq $Linux::Postfix::MAIN && $type !~ $ELSEWHERE && $type !~ $IN_DATABASE;
     if ($type =~ $IN_DATABASE) {
         $self->problem('warning', $file, "The $what are in a $type database and not described: see that the"
             . ' dump has that database, and that the mail server of the new host reaches it');

@@ -105,15 +105,24 @@ sub maps {
     my (@maps, %seen);
     for my $parameter (@MAPS) {
         my ($name, $kind) = @$parameter;
-        for my $word ($self->value($name) =~ /\G[\s,]*((?:\w+:)*\{.*?\}+|[^\s,]+)/g) {
-            my ($type, $file) = $word =~ m{\A(?:proxy:)*(\w+):(/.*)\z};
+        for my $word (words($self->value($name))) {
+            my ($type, $file) = $word =~ /\A(?:proxy:)*(\w+):(.+)\z/s;
+            # What other maps ask from may be set here, too.
+            $file = $MAIN if defined $file && $file !~ m{\A/};
             ($type, $file) = ('names', $word) if $word =~ m{\A/};
             # The domains of virtual aliases are those in their maps, unless something else is said.
-            next if defined $file && $seen{$file}++ && $kind =~ /-domain\z/;
+            next if defined $file && $file ne $MAIN && $seen{$file}++ && $kind =~ /-domain\z/;
             push @maps, { kind => $kind, word => $word, type => $type, file => $file };
         }
     }
     return @maps;
+}
+
+# The words of a value; those of maps that are made of maps as well.
+sub words {
+    my ($value) = @_;
+    return map { /\A(?:proxy:)*(?:union|pipe)map:\{(.*)\}\z/s ? words($1) : $_ }
+        $value =~ /\G[\s,]*((?:\w+:)*\{.*?\}+|[^\s,]+)/g;
 }
 
 # Certificates, keys and the like.
