@@ -1,5 +1,7 @@
 #include "commons/agent_spec.h"
 
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/trim.hpp>
 #include <boost/filesystem/operations.hpp>
 #include <boost/make_shared.hpp>
 #include <fstream>
@@ -136,10 +138,12 @@ const AgentsFactory::Agents& AgentsFactory::getAllAgents() {
 }
 
 boost::shared_ptr<const Agent> AgentsFactory::getAgent(const std::string& name) {
-  auto found = agents_.find(name);
+  // A shell that completes the name of a directory puts a slash behind it.
+  const std::string plainName = boost::trim_right_copy_if(name, boost::is_any_of("/"));
+  auto found = agents_.find(plainName);
   if (found == agents_.end()) {
-    if (!parseAgent(name)) throw Exc<&AgentNotFound>(HERE) % name;
-    found = agents_.find(name);
+    if (!parseAgent(plainName)) throw Exc<&AgentNotFound>(HERE) % name;
+    found = agents_.find(plainName);
   }
   // An agent name with a trailing "/." is a directory whose own name is another.
   if (found == agents_.end()) throw Exc<&AgentNotFound>(HERE) % name;

@@ -65,8 +65,8 @@ class AgentsFactory {
   /// Throws boost::filesystem::filesystem_error when the agents directory cannot be
   /// listed.
   const Agents& getAllAgents();
-  /// The agent, loaded when it is asked for first. Throws AgentNotFound; failures
-  /// are not remembered.
+  /// The agent, loaded when it is asked for first; slashes behind the name do not matter.
+  /// Throws AgentNotFound; failures are not remembered.
   boost::shared_ptr<const Agent> getAgent(const std::string& name);
 
   /// Loads one agent; false when its directory holds no usable spec file.

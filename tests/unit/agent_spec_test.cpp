@@ -180,6 +180,15 @@ TEST_F(AgentSpecTest, IsParsedByTheCatalogueUnderTheNameOfItsDirectory) {
   EXPECT_EQ(other.getAgent("sample")->name(), "another name");
 }
 
+TEST_F(AgentSpecTest, IsFoundByANameWithTheSlashThatAShellCompletes) {
+  writeSpec("sample", "Description: text\n");
+  EXPECT_EQ(factory_.getAgent("sample/")->name(), "sample");
+  EXPECT_EQ(factory_.getAgent("sample//"), factory_.getAgent("sample"));
+  EXPECT_EQ(whatOf<Exc<&AgentNotFound>>([&] { factory_.getAgent("other/"); }),
+            "Agent other/ was not found or does not contain proper spec file");
+  EXPECT_NE(whatOf<Exc<&AgentNotFound>>([&] { factory_.getAgent("/"); }), "no exception");
+}
+
 TEST_F(AgentSpecTest, IsKeptByTheCatalogueWhenItIsParsedAgain) {
   writeSpec("sample", "Description: first\n");
   EXPECT_TRUE(factory_.parseAgent("sample"));
