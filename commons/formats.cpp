@@ -48,6 +48,11 @@ void XmlMigrationStatus::setTransferSizeLeft(const std::string& size) {
   sizeLeft_ = size;
 }
 
+void XmlMigrationStatus::setListedSizes(const std::string& total, const std::string& left) {
+  listedTotal_ = total;
+  listedLeft_ = left;
+}
+
 void XmlMigrationStatus::setCurrentFile(const std::string& name, const std::string& size) {
   currentFile_ = name;
   currentFileSize_ = currentFileSizeLeft_ = size;
@@ -123,6 +128,10 @@ void XmlMigrationStatus::addFiles(xmlNodePtr transfer) {
   if (!sizeTotal_.empty() && !sizeLeft_.empty()) {
     addAttribute(files, "size-total", sizeTotal_);
     addAttribute(files, "size-left", sizeLeft_);
+  }
+  if (!listedTotal_.empty()) {
+    addAttribute(files, "listed-total", listedTotal_);
+    addAttribute(files, "listed-left", listedLeft_);
   }
   if (currentFile_.empty()) return;
   const xmlNodePtr current = newTextChild(files, "current-file", currentFile_);

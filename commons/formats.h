@@ -23,6 +23,9 @@ class MigrationStatus {
   virtual void setTransferTotals(const std::string& files, const std::string& size) = 0;
   virtual void setTransferFilesLeft(const std::string& files) = 0;
   virtual void setTransferSizeLeft(const std::string& size) = 0;
+  /// The bytes that are listed for the transfer, and those of them that are still to come, for
+  /// readers who asked for them; a document need not have them.
+  virtual void setListedSizes(const std::string& /*total*/, const std::string& /*left*/) {}
   virtual void setCurrentFile(const std::string& name, const std::string& size) = 0;
   virtual void setTransferCurrentFileSizeLeft(const std::string& size) = 0;
   virtual void setDeployTotals(const std::string& accounts, const std::string& domains) = 0;
@@ -47,6 +50,7 @@ class XmlMigrationStatus : public tXmlDtmDocument, public MigrationStatus {
   void setTransferTotals(const std::string& files, const std::string& size) override;
   void setTransferFilesLeft(const std::string& files) override;
   void setTransferSizeLeft(const std::string& size) override;
+  void setListedSizes(const std::string& total, const std::string& left) override;
   void setCurrentFile(const std::string& name, const std::string& size) override;
   void setTransferCurrentFileSizeLeft(const std::string& size) override;
   void setDeployTotals(const std::string& accounts, const std::string& domains) override;
@@ -73,6 +77,8 @@ class XmlMigrationStatus : public tXmlDtmDocument, public MigrationStatus {
   std::string filesLeft_;
   std::string sizeTotal_;
   std::string sizeLeft_;
+  std::string listedTotal_;
+  std::string listedLeft_;
   std::string currentFileSizeLeft_;
   std::string currentFile_;
   std::string currentFileSize_;

@@ -79,8 +79,17 @@ std::string describeTransfer(const tXmlDtmDocument& migrationStatus) {
   TransferFigures figures;
   figures.filesTotal = numberOf(migrationStatus, files, "total");
   figures.filesLeft = numberOf(migrationStatus, files, "left");
-  figures.bytesTotal = numberOf(migrationStatus, files, "size-total");
-  figures.bytesLeft = numberOf(migrationStatus, files, "size-left");
+  figures.bytesTotal = numberOf(migrationStatus, files, "listed-total");
+  figures.bytesLeft = numberOf(migrationStatus, files, "listed-left");
+  // These count what the content takes when it is unpacked, less what has come: only their
+  // difference is a number of transferred bytes.
+  const auto unpacked = numberOf(migrationStatus, files, "size-total");
+  const auto unpackedLeft = numberOf(migrationStatus, files, "size-left");
+  std::int64_t received = 0;
+  if (unpacked && unpackedLeft && !__builtin_sub_overflow(*unpacked, *unpackedLeft, &received) &&
+      received > 0) {
+    figures.bytesReceived = received;
+  }
   const auto speed = numberOf(migrationStatus, transfer, "speed");
   // In the first second there is none.
   if (speed && *speed > 0) figures.rate = speed;

@@ -28,7 +28,8 @@ struct TransferFigures {
 /// what is not known or not possible. What may be cut off comes last.
 std::string describeTransfer(const TransferFigures& figures);
 
-/// What a migration status says of the transfer of files; empty while there is none.
+/// What a migration status says of the transfer of files; empty while there is none. Sizes and
+/// the time left come from what is listed for the transfer, where the document has that.
 std::string describeTransfer(const tXmlDtmDocument& migrationStatus);
 
 /// What the agents' dumping status have in common, as "content, 2 of 5 done, 1.2 kB read,

@@ -8,6 +8,7 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -122,6 +123,13 @@ bool isVerificationConfigured() {
     refuseVerification(R"(CONTENT_VERIFY is neither "yes" nor "no" but ")" + value + '"');
   }
   return value == "yes";
+}
+
+/// True when the caller wants to read in the migration status how far the transfer is by what
+/// is listed. Other callers know the document without that.
+bool areListedSizesWanted() {
+  const char* const value = std::getenv("QRV_LISTED_SIZES");
+  return value && std::strcmp(value, "yes") == 0;
 }
 
 [[noreturn]] void rejectHostKeys(const std::string& host, const std::string& reason) {
@@ -463,24 +471,28 @@ void RemoveDumpingStatusAction::execute() {
 
 FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(MigrationStatus& status,
                                                            std::int64_t totalBytes, int filesNumber,
-                                                           ContentProgress* shown)
+                                                           ContentProgress* listed,
+                                                           bool tellsListed)
     : status_(status),
       startTime_(std::time(nullptr)),
       bytesLeft_(totalBytes),
       filesLeft_(filesNumber),
-      shown_(shown) {
+      listed_(listed),
+      tellsListed_(tellsListed) {
   status_.setTransferTotals(std::to_string(filesNumber), std::to_string(totalBytes));
 }
 
 void FileRetrievalProgressUpdater::startFile(const DumpFile& file) {
-  if (shown_) shown_->startFile(file.name, file.size);
+  if (listed_) listed_->startFile(file.name, file.size);
+  tellListed();
   currentFileBytesLeft_ = file.size;
   status_.setCurrentFile(file.name, std::to_string(file.size));
   status_.saveFile();
 }
 
 void FileRetrievalProgressUpdater::operator()(int bytes) {
-  if (shown_) shown_->receive(bytes);
+  if (listed_) listed_->receive(bytes);
+  tellListed();
   countDown(bytesLeft_, bytes);
   countDown(currentFileBytesLeft_, bytes);
   bytesReceived_ += bytes;
@@ -493,10 +505,17 @@ void FileRetrievalProgressUpdater::operator()(int bytes) {
 }
 
 void FileRetrievalProgressUpdater::finishFile() {
-  if (shown_) shown_->finishFile();
+  if (listed_) listed_->finishFile();
+  tellListed();
   --filesLeft_;
   status_.setTransferFilesLeft(std::to_string(filesLeft_));
   status_.saveFile();
+}
+
+void FileRetrievalProgressUpdater::tellListed() {
+  if (!tellsListed_ || !listed_ || !listed_->bytesTotal()) return;
+  status_.setListedSizes(std::to_string(*listed_->bytesTotal()),
+                         std::to_string(*listed_->bytesLeft()));
 }
 
 void RetrieveContentAction::execute() {
@@ -520,8 +539,8 @@ void RetrieveContentAction::retrieveContent() {
   ContentProgress shown(entries);
   const auto display = showProgress([&] { return shown.describe(RateMeter::Clock::now()); });
   FileRetrievalProgressUpdater progress(*status(), list->getUnpackedSize(),
-                                        static_cast<int>(entries.size()),
-                                        display ? &shown : nullptr);
+                                        static_cast<int>(entries.size()), &shown,
+                                        areListedSizesWanted());
   for (const DumpFile& file : entries) retrieveEntry(file, progress);
   if (filesUnlikeTheList_ > 0) {
     throw Exc<&ContentVerificationFailed>(HERE) % filesUnlikeTheList_;

@@ -206,9 +206,10 @@ class RemoveDumpingStatusAction : public Action {
 /// Keeps the migration status up to date while content files come in.
 class FileRetrievalProgressUpdater : public Ssh::Counter {
  public:
-  /// `status` must outlive the updater, and so must what is shown to a person, if anything.
+  /// `status` must outlive the updater, and so must `listed`, if it is given: the progress by
+  /// what is listed, which a person is shown. With `tellsListed` it goes into the status, too.
   FileRetrievalProgressUpdater(MigrationStatus& status, std::int64_t totalBytes, int filesNumber,
-                               ContentProgress* shown = nullptr);
+                               ContentProgress* listed = nullptr, bool tellsListed = false);
 
   void startFile(const DumpFile& file);
   /// Counts received bytes and saves the status.
@@ -216,13 +217,16 @@ class FileRetrievalProgressUpdater : public Ssh::Counter {
   void finishFile();
 
  private:
+  void tellListed();
+
   MigrationStatus& status_;
   std::time_t startTime_;
   std::int64_t bytesReceived_ = 0;
   std::int64_t bytesLeft_;
   int filesLeft_;
   std::int64_t currentFileBytesLeft_ = 0;
-  ContentProgress* shown_;
+  ContentProgress* listed_;
+  bool tellsListed_;
 };
 
 /// Fetches the content files that are not here yet, and removes each from the source

@@ -107,16 +107,19 @@ void ContentProgress::finishFile() {
   bytesOfFile_ = 0;
 }
 
+std::optional<std::int64_t> ContentProgress::bytesLeft() const {
+  if (!bytesTotal_) return std::nullopt;
+  // A file that is not what the list says has no more bytes here than there.
+  return *bytesTotal_ - bytesOfDoneFiles_ - std::min(bytesOfFile_, sizeOfFile_);
+}
+
 std::string ContentProgress::describe(RateMeter::Clock::time_point now) {
   rate_.note(now, bytesReceived_);
   TransferFigures figures;
   figures.filesTotal = filesTotal_;
   figures.filesLeft = filesLeft_;
-  if (bytesTotal_) {
-    figures.bytesTotal = bytesTotal_;
-    // A file that is not what the list says has no more bytes here than there.
-    figures.bytesLeft = *bytesTotal_ - bytesOfDoneFiles_ - std::min(bytesOfFile_, sizeOfFile_);
-  }
+  figures.bytesTotal = bytesTotal_;
+  figures.bytesLeft = bytesLeft();
   figures.bytesReceived = bytesReceived_;
   figures.rate = rate_.rate();
   figures.file = file_;

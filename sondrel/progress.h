@@ -85,6 +85,11 @@ class ContentProgress {
   void finishFile();
   std::string describe(RateMeter::Clock::time_point now);
 
+  /// The bytes that are listed, and those of them that are still to come; none where the list
+  /// has impossible sizes.
+  std::optional<std::int64_t> bytesTotal() const { return bytesTotal_; }
+  std::optional<std::int64_t> bytesLeft() const;
+
  private:
   std::int64_t filesTotal_;
   std::int64_t filesLeft_;

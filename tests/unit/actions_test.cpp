@@ -24,6 +24,9 @@ class NotedStatus : public MigrationStatus {
   }
   void setTransferFilesLeft(const std::string& files) override { note("files " + files); }
   void setTransferSizeLeft(const std::string& size) override { note("size " + size); }
+  void setListedSizes(const std::string& total, const std::string& left) override {
+    note("listed " + total + " " + left);
+  }
   void setCurrentFile(const std::string& name, const std::string& size) override {
     note("file " + name + " " + size);
   }
@@ -78,6 +81,28 @@ TEST(ProgressTest, CountsDownFilesAndBytesPastTheEndOfInt) {
   EXPECT_EQ(calls[1], "size 5999934463");
   // A file that is larger than announced shows it.
   EXPECT_EQ(calls[2], "current -1");
+}
+
+TEST(ProgressTest, TellsWhatIsListedWhereItWasAskedFor) {
+  using testing::Contains;
+  NotedStatus status;
+  ContentProgress listed({{"a", 100, ""}, {"b", 50, ""}});
+  FileRetrievalProgressUpdater progress(status, 6000, 2, &listed, true);
+  progress.startFile({"a", 100, ""});
+  EXPECT_THAT(status.takeCalls(), Contains("listed 150 150"));
+  progress(30);
+  EXPECT_THAT(status.takeCalls(), Contains("listed 150 120"));
+  progress.finishFile();
+  EXPECT_THAT(status.takeCalls(), Contains("listed 150 50"));
+  // It is here already.
+  progress.startFile({"b", 50, ""});
+  progress.finishFile();
+  EXPECT_THAT(status.takeCalls(), Contains("listed 150 0"));
+
+  ContentProgress withoutSizes({{"a", 0, "", false}});
+  FileRetrievalProgressUpdater unknown(status, 6000, 1, &withoutSizes, true);
+  unknown.startFile({"a", 0, "", false});
+  EXPECT_THAT(status.takeCalls(), testing::Each(testing::Not(testing::StartsWith("listed"))));
 }
 
 TEST(ProgressTest, StopsAtTheLeastNumberThereIs) {

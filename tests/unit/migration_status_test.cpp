@@ -79,6 +79,15 @@ TEST_F(MigrationStatusTest, ShowsTheTransferOfFiles) {
       "<current-file size=\"40\" size-left=\"15\">a b</current-file></files></transfer>");
 }
 
+TEST_F(MigrationStatusTest, ShowsWhatIsListedWhereItWasAskedFor) {
+  status_->setAgentParams("host");
+  status_->setTransferTotals("3", "100");
+  status_->setListedSizes("40", "30");
+  expectSaved(
+      transfer("<files total=\"3\" left=\"3\" size-total=\"100\" size-left=\"100\" "
+               "listed-total=\"40\" listed-left=\"30\"/>"));
+}
+
 TEST_F(MigrationStatusTest, LeavesOutSizesThatAreNotBothKnown) {
   status_->setAgentParams("host");
   status_->setTransferTotals("3", "100");

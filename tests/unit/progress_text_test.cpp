@@ -68,11 +68,20 @@ TEST(DescribeTransferTest, TakesNoFiguresThatDoNotFitEachOther) {
 
 TEST(DescribeTransferTest, ReadsThemFromAMigrationStatus) {
   const std::string files =
-      "<files total='10' left='7' size-total='4000000' size-left='3000000'>"
+      "<files total='10' left='7' size-total='9001000' size-left='9000000' "
+      "listed-total='4000000' listed-left='3000000'>"
       "<current-file size='9' size-left='9'>content/a</current-file></files>";
   EXPECT_EQ(transferIn("<migration-status><pid>1</pid><transfer speed='500000'><host>h</host>" +
                        files + "</transfer></migration-status>"),
             describeTransfer(usual()));
+  // What the content takes unpacked says nothing of how much is still to come.
+  EXPECT_EQ(transferIn("<migration-status><transfer speed='500000'><files total='10' left='7' "
+                       "size-total='9001000' size-left='9000000'/></transfer></migration-status>"),
+            "7 of 10 files left, 1.0 kB, 500.0 kB/s");
+  EXPECT_EQ(transferIn("<migration-status><transfer><files total='10' left='7' "
+                       "size-total='9223372036854775807' size-left='-9223372036854775808'/>"
+                       "</transfer></migration-status>"),
+            "7 of 10 files left");
   EXPECT_EQ(transferIn("<migration-status><transfer speed='0'><files total='2' left='2'/>"
                        "</transfer></migration-status>"),
             "2 of 2 files left");
