@@ -9,10 +9,12 @@ static_assert(std::atomic<bool>::is_always_lock_free, "must be safe in a signal 
 
 }  // namespace
 
+const char* const TERMINATION_TEXT = "Migration has been terminated";
+
 void terminateProgram() noexcept {
   isProgramTerminated = true;
 }
 
 void checkProgramTerminated() {
-  if (isProgramTerminated) throw MigrationTerminatedException("Migration has been terminated");
+  if (isProgramTerminated) throw MigrationTerminatedException(TERMINATION_TEXT);
 }

@@ -2,6 +2,9 @@
 
 #include <stdexcept>
 
+/// What a run says on standard output when it was stopped by an operator.
+extern const char* const TERMINATION_TEXT;
+
 /// Raised when an operator asked for a stop. Not an ExTraceable: it is no failure,
 /// and it must pass every handler for failures.
 class MigrationTerminatedException : public std::runtime_error {

@@ -10,9 +10,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "commons/ExSystemError.h"
+#include "commons/ProgramTerminatedException.h"
 #include "commons/unique_fd.h"
 
 namespace migrate {
@@ -21,16 +23,28 @@ namespace {
 
 constexpr int CANNOT_EXECUTE = 127;
 constexpr int FIRST_STATUS_OF_A_SIGNAL = 128;
+/// Asks sondrel for the sizes that the line of progress needs.
+const char* const LISTED_SIZES_VARIABLE = "QRV_LISTED_SIZES";
 
 struct Pipe {
   UniqueFd readEnd;
   UniqueFd writeEnd;
 };
 
+void setNonBlocking(const UniqueFd& fd) {
+  const int flags = fcntl(fd.get(), F_GETFL);
+  if (flags < 0 || fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
+    throwSystemError("fcntl", errno);
+  }
+}
+
+/// A pipe that a child can be given the end to write to; the other end never blocks.
 Pipe openPipe() {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) throwSystemError("pipe", errno);
-  return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+  Pipe pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
+  setNonBlocking(pipe.readEnd);
+  return pipe;
 }
 
 /// The environment of this process with the passwords; wiped when it goes.
@@ -38,12 +52,15 @@ class ChildEnvironment {
  public:
   explicit ChildEnvironment(const Passwords& passwords) {
     for (char** entry = environ; entry && *entry; ++entry) {
-      if (!isVariable(*entry, LOGIN_VARIABLE) && !isVariable(*entry, SUDO_VARIABLE)) {
+      if (!isVariable(*entry, LOGIN_VARIABLE) && !isVariable(*entry, SUDO_VARIABLE) &&
+          !isVariable(*entry, LISTED_SIZES_VARIABLE)) {
         pointers_.push_back(*entry);
       }
     }
     add(login_, LOGIN_VARIABLE, passwords.login);
     if (passwords.sudo.isGiven()) add(sudo_, SUDO_VARIABLE, passwords.sudo);
+    listedSizes_ = std::string(LISTED_SIZES_VARIABLE) + "=yes";
+    pointers_.push_back(listedSizes_.data());
     pointers_.push_back(nullptr);
   }
   ~ChildEnvironment() {
@@ -67,6 +84,7 @@ class ChildEnvironment {
 
   std::string login_;
   std::string sudo_;
+  std::string listedSizes_;
   std::vector<char*> pointers_;
 };
 
@@ -116,13 +134,28 @@ std::string readSome(UniqueFd& fd) {
   return {};
 }
 
-UniqueFd takeNonBlocking(UniqueFd& fd) {
-  const int flags = fcntl(fd.get(), F_GETFL);
-  if (flags < 0 || fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
-    throwSystemError("fcntl", errno);
+/// Makes whole lines of a text that comes in pieces.
+class Lines {
+ public:
+  /// Calls `take` for each line that is complete now, without its end.
+  void add(const std::string& text, const std::function<void(const std::string&)>& take) {
+    rest_ += text;
+    for (std::string::size_type end; (end = rest_.find('\n')) != std::string::npos;) {
+      take(rest_.substr(0, end));
+      rest_.erase(0, end + 1);
+    }
+    // A line without an end must not fill the memory.
+    if (rest_.size() > LONGEST_BYTES) finish(take);
   }
-  return std::move(fd);
-}
+  /// The same for what has no end.
+  void finish(const std::function<void(const std::string&)>& take) {
+    if (!rest_.empty()) take(std::exchange(rest_, ""));
+  }
+
+ private:
+  static constexpr std::size_t LONGEST_BYTES = 65536;
+  std::string rest_;
+};
 
 class Child {
  public:
@@ -138,8 +171,9 @@ class Child {
       runChild(run, signals, out.writeEnd.get(), err.writeEnd.get(), parent, arguments.data(),
                environment.pointers());
     }
-    out_ = takeNonBlocking(out.readEnd);
-    err_ = takeNonBlocking(err.readEnd);
+    // From here on nothing may throw: without a destructor the child would be left alone.
+    out_ = std::move(out.readEnd);
+    err_ = std::move(err.readEnd);
   }
   ~Child() {
     if (hasEnded_) return;
@@ -160,6 +194,7 @@ class Child {
     }
     // What it said last.
     while (takeOutput() || takeErrors()) continue;
+    lines_.finish([this](const std::string& line) { takeLine(line); });
     // A terminal sends its signals to both: this one's may still wait.
     signals_.letIn();
   }
@@ -173,7 +208,7 @@ class Child {
     }
     const int code = WEXITSTATUS(status_);
     if (code != 0) return {RunOutcome::FAILED, code};
-    return {saidSomething_ ? RunOutcome::STOPPED : RunOutcome::DONE, code};
+    return {saidStopped_ ? RunOutcome::STOPPED : RunOutcome::DONE, code};
   }
 
  private:
@@ -191,9 +226,15 @@ class Child {
   bool takeOutput() {
     const std::string text = out_ ? readSome(out_) : "";
     if (text.empty()) return false;
-    saidSomething_ = true;
-    run_.onOutput(text);
+    lines_.add(text, [this](const std::string& line) { takeLine(line); });
     return true;
+  }
+
+  void takeLine(const std::string& line) {
+    // A log on standard output comes there as well, and may go on behind the text, which has no
+    // line end of its own.
+    if (line.compare(0, std::strlen(TERMINATION_TEXT), TERMINATION_TEXT) == 0) saidStopped_ = true;
+    run_.onOutput(line);
   }
 
   bool takeErrors() {
@@ -219,7 +260,8 @@ class Child {
   pid_t pid_ = -1;
   UniqueFd out_;
   UniqueFd err_;
-  bool saidSomething_ = false;
+  Lines lines_;
+  bool saidStopped_ = false;
   bool hasEnded_ = false;
   int status_ = 0;
 };

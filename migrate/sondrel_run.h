@@ -9,12 +9,15 @@
 
 namespace migrate {
 
+/// sondrel's exit status when an action failed for another reason than the connection.
+constexpr int EXIT_OF_FAILED_ACTION = 2;
+
 /// How a run of sondrel ended.
 struct RunOutcome {
   enum Kind {
     DONE,
-    /// Stopped on request before it had done its work. Its exit status is 0 then, too: what it
-    /// says on standard output tells the two apart.
+    /// Stopped on request before it had done its work. Its exit status is 0 then, too: a line of
+    /// its standard output that begins with TERMINATION_TEXT tells the two apart.
     STOPPED,
     FAILED
   };
@@ -32,7 +35,8 @@ struct SondrelRun {
   int lockDescriptor;
   /// Gets what the child writes to its standard error.
   std::function<void(const std::string&)> onError;
-  /// Gets what it writes to standard output: the text of a stop.
+  /// Gets what it writes to standard output, a line at a time, without its end: the text of a
+  /// stop, the answer of an action that prints one, and a log that is configured to go there.
   std::function<void(const std::string&)> onOutput;
   /// Called now and then while it runs; every `tickMs`, or not at all for -1.
   std::function<void()> onTick;

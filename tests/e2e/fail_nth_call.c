@@ -1,6 +1,6 @@
 /* Preloaded into the tool: lets one call of the system fail, as if the system itself had.
  *
- * FAIL_KIND    write close fsync rename mkstemp chown mkdir statfs recv send; or full: the
+ * FAIL_KIND    write close fsync rename mkstemp chown mkdir statfs recv send setfl; or full: the
  *              disk is, for each file whose path begins with FAIL_PATH, when FAIL_NTH bytes
  *              have been written
  * FAIL_NTH     which of these calls fails, counted from 1; with 0 none does, and all are told
@@ -16,6 +16,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -140,6 +141,26 @@ int statfs(const char* path, struct statfs* status) {
 }
 int statfs64(const char* path, struct statfs64* status) {
   return fails("statfs", EIO, path) ? -1 : REAL(statfs64)(path, status);
+}
+
+/* Flags of an open file that cannot be set; what else fcntl does is left alone. */
+static int control(const char* name, int fd, int command, void* argument) {
+  if (command == F_SETFL && fails_on_descriptor("setfl", ENOMEM, fd)) return -1;
+  return ((int (*)(int, int, ...))dlsym(RTLD_NEXT, name))(fd, command, argument);
+}
+int fcntl(int fd, int command, ...) {
+  va_list rest;
+  va_start(rest, command);
+  void* const argument = va_arg(rest, void*);
+  va_end(rest);
+  return control("fcntl", fd, command, argument);
+}
+int fcntl64(int fd, int command, ...) {
+  va_list rest;
+  va_start(rest, command);
+  void* const argument = va_arg(rest, void*);
+  va_end(rest);
+  return control("fcntl64", fd, command, argument);
 }
 
 /* A folder that cannot grow. */
