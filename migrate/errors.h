@@ -7,4 +7,4 @@ DECLARE_ERROR_TAG(MigrateBadSettings, "%1%");
 /// Why nothing could be begun or gone on with.
 DECLARE_ERROR_TAG(MigrateImpossible, "%1%");
 /// Another run is at work on the same session.
-DECLARE_ERROR_TAG(MigrateSessionBusy, "Another run is at work on %1%%2%");
+DECLARE_ERROR_TAG(MigrateSessionBusy, "%1%");

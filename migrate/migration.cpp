@@ -2,15 +2,18 @@
 
 #include <unistd.h>
 
-#include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <utility>
+#include <vector>
 
 #include "commons/commons.h"
 #include "commons/figures.h"
 #include "commons/session.h"
 #include "migrate/documents.h"
+#include "migrate/earlier_dump.h"
+#include "migrate/session_access.h"
 
 namespace migrate {
 
@@ -20,6 +23,14 @@ constexpr mode_t FOLDER_MODE = 0750;
 /// Often enough for a line that is redrawn at most ten times a second.
 constexpr int PROGRESS_TICK_MS = 200;
 constexpr int NO_TICK = -1;
+/// Each look at an earlier dump is a login on the source host.
+constexpr std::chrono::seconds TIME_BETWEEN_LOOKS{5};
+/// Between the last word of a dump and the end of its process.
+constexpr std::chrono::seconds TIME_TO_END{1};
+constexpr std::size_t LARGEST_HELD_BYTES = std::size_t{1} << 20;
+/// How long a sondrel may take to end by a signal.
+constexpr std::chrono::seconds ORPHAN_WAIT{10};
+constexpr int ORPHAN_TICK_MS = 50;
 
 std::string now() {
   return formatTime(std::time(nullptr));
@@ -69,6 +80,19 @@ void Migration::prepareSession() {
   if (make_dir(folder, geteuid(), serviceAccount().group, FOLDER_MODE) != 0) {
     throw Exc<&MigrateImpossible>(HERE) % (folder + ": " + std::strerror(errno));
   }
+  refuseForeignGroup(request_.sessionPath, console_);
+  takeLock(folder);
+}
+
+/// A run that was killed may have left a sondrel that is just ending: that is no reason to be run
+/// a third time.
+void Migration::takeLock(const std::string& folder) {
+  const auto deadline = std::chrono::steady_clock::now() + ORPHAN_WAIT;
+  while (SessionLock::isHeldByOrphan(folder) && std::chrono::steady_clock::now() < deadline) {
+    std::vector<pollfd> nothing;
+    signals_.wait(nothing, ORPHAN_TICK_MS);
+    signals_.check();
+  }
   lock_.emplace(folder);
 }
 
@@ -80,6 +104,7 @@ void Migration::loadState() {
 void Migration::takeSettings() {
   Settings settings = state_.settings;
   settings.overrideBy(request_.settings);
+  planStepToGoBackTo(settings);
   if (const auto name = findForbiddenChange(state_.settings, settings, state_.doneSteps())) {
     throw Exc<&MigrateBadSettings>(HERE) %
         ("--" + *name + " was \"" + state_.settings.inForce(*name) +
@@ -88,6 +113,22 @@ void Migration::takeSettings() {
   checkComplete(settings);
   state_.settings = settings;
   state_.save(request_.sessionPath);
+}
+
+/// Whoever names a step wants it made, whatever earlier runs left out.
+void Migration::planStepToGoBackTo(Settings& settings) const {
+  const auto leavesOut = [&](Step step, const char* name) {
+    if (request_.from != step || !settings.isOn(name)) return false;
+    if (!request_.settings.isOn(name)) return true;
+    throw Exc<&MigrateBadSettings>(HERE) %
+        ("--from=" + std::string(nameOf(step)) + " and --" + name + " exclude each other");
+  };
+  if (leavesOut(Step::REMOVE, "keep-agent")) settings.set("keep-agent", "no");
+  if (leavesOut(Step::CONTENT, "no-content")) {
+    throw Exc<&MigrateBadSettings>(HERE) %
+        "there is no content to fetch: the dump was made with --no-content. Make it again with "
+        "--from=dump --no-content=no";
+  }
 }
 
 void Migration::introduce() {
@@ -115,27 +156,107 @@ int Migration::makeStep(Step step) {
   return reportEnd(step, outcome);
 }
 
+/// What an earlier run began on the source host goes on there when that run is gone. It is waited
+/// for, and then gone on with.
 RunOutcome Migration::runStep(Step step) {
+  RunOutcome outcome = runAction(step);
+  bool wasTold = false;
+  while (isBlockedByEarlierDump(request_.sessionPath, step, outcome)) {
+    if (!wasTold) {
+      console_.say(std::string(nameOf(step)) +
+                   ": a dump that an earlier run started is still at "
+                   "work on " +
+                   state_.settings.get("host") + "; waiting for its end");
+    }
+    wasTold = true;
+    if (const auto ended = waitForEarlierDump(step)) return *ended;
+    outcome = runAction(step);
+  }
+  return outcome;
+}
+
+RunOutcome Migration::runAction(Step step) {
   const Places places{request_.sessionPath, state_.agentDir()};
-  const std::string since = state_.of(step).started;
-  const SondrelRun run{
-      program_,
-      sondrelCommand(step, state_.settings, places),
-      *passwords_,
-      lock_->descriptor(),
-      [this](const std::string& text) { console_.relay(text); },
-      [this](const std::string& text) { console_.say(boost::trim_right_copy(text)); },
-      [&] {
-        console_.showProgress([&] {
-          const std::string progress = describeProgress(request_.sessionPath, step, since);
-          return progress.empty() ? progress : nameOf(step) + (": " + progress);
-        });
-      },
-      console_.showsProgress() ? PROGRESS_TICK_MS : NO_TICK};
-  const RunOutcome outcome = runSondrel(run, signals_);
+  // An earlier dump makes these fail, which is no error then. A log must be seen as it comes.
+  const bool isHeld =
+      (step == Step::DUMP || step == Step::CONTENT) && !state_.settings.isOn("verbose");
+  std::string held;
+  const TextSink relay = [this](const std::string& text) { console_.relay(text); };
+  const TextSink hold = [&](const std::string& text) {
+    held += text;
+    if (held.size() > LARGEST_HELD_BYTES) relay(std::exchange(held, ""));
+  };
+  const RunOutcome outcome =
+      run(step, sondrelCommand(step, state_.settings, places), isHeld ? hold : relay,
+          [this](const std::string& line) { console_.say(line); });
+  if (!isBlockedByEarlierDump(request_.sessionPath, step, outcome)) relay(held);
   console_.finishRelay();
+  return outcome;
+}
+
+/// Nothing when the step can be tried again; else how the waiting ended.
+std::optional<RunOutcome> Migration::waitForEarlierDump(Step step) {
+  EarlierDump dump(EarlierDump::Clock::now());
+  for (;;) {
+    std::string status;
+    const RunOutcome asked = fetchDumpingStatus(step, status);
+    if (asked.kind != RunOutcome::DONE) return asked;
+    dump.note(status, EarlierDump::Clock::now());
+    dump.publish(request_.sessionPath);
+    const bool isOver = dump.saysItsEnd() || dump.isSilent(EarlierDump::Clock::now());
+    // Its process may not have ended yet.
+    if (!pause(step, isOver ? TIME_TO_END : TIME_BETWEEN_LOOKS)) {
+      return RunOutcome{RunOutcome::STOPPED, exitCodeForRequest(signals_.requested())};
+    }
+    if (isOver) return std::nullopt;
+  }
+}
+
+RunOutcome Migration::fetchDumpingStatus(Step step, std::string& status) {
+  const Places places{request_.sessionPath, state_.agentDir()};
+  const RunOutcome outcome = run(
+      step, dumpingStatusCommand(state_.settings, places),
+      [this](const std::string& text) { console_.relay(text); },
+      [&](const std::string& line) {
+        if (status.size() < LARGEST_HELD_BYTES) status += line + "\n";
+      });
+  console_.finishRelay();
+  return outcome;
+}
+
+/// False when a signal asked for an end meanwhile.
+bool Migration::pause(Step step, std::chrono::milliseconds time) {
+  const auto end = EarlierDump::Clock::now() + time;
+  while (signals_.requested() == 0 && EarlierDump::Clock::now() < end) {
+    showProgress(step);
+    std::vector<pollfd> nothing;
+    signals_.wait(nothing, PROGRESS_TICK_MS);
+  }
+  console_.eraseProgress();
+  return signals_.requested() == 0;
+}
+
+RunOutcome Migration::run(Step step, const ArgList& arguments, const TextSink& onError,
+                          const TextSink& onOutput) {
+  const SondrelRun run{program_,
+                       arguments,
+                       *passwords_,
+                       lock_->descriptor(),
+                       onError,
+                       onOutput,
+                       [this, step] { showProgress(step); },
+                       console_.showsProgress() ? PROGRESS_TICK_MS : NO_TICK};
+  const RunOutcome outcome = runSondrel(run, signals_);
   console_.eraseProgress();
   return outcome;
+}
+
+void Migration::showProgress(Step step) {
+  console_.showProgress([&] {
+    const std::string progress =
+        describeProgress(request_.sessionPath, step, state_.of(step).started);
+    return progress.empty() ? progress : nameOf(step) + (": " + progress);
+  });
 }
 
 void Migration::recordBegin(Step step) {
@@ -164,8 +285,11 @@ int Migration::reportEnd(Step step, const RunOutcome& outcome) {
   const StepRecord& record = state_.of(step);
   const std::string name = nameOf(step);
   if (outcome.kind == RunOutcome::DONE) {
+    const std::string problems =
+        step == Step::DUMP ? readDumpProblems(request_.sessionPath).summary() : "";
     console_.say(name + ": done in " +
-                 formatDuration(secondsBetween(record.started, record.ended)));
+                 formatDuration(secondsBetween(record.started, record.ended)) +
+                 (problems.empty() ? "" : ", " + problems));
     return EXIT_DONE;
   }
   if (outcome.kind == RunOutcome::STOPPED) {
@@ -186,10 +310,7 @@ void Migration::reportFailure(Step step, int exitCode) {
 }
 
 int Migration::reportFinished(const std::string& introduction) {
-  std::string text = introduction + " Dump: " + request_.sessionPath + "/dump.xml";
-  if (const int errors = countDumpErrors(request_.sessionPath)) {
-    text += ", errors in it: " + std::to_string(errors);
-  }
+  std::string text = introduction + " Dump: " + dumpFileIn(request_.sessionPath);
   if (!state_.settings.isOn("no-content")) {
     text += ", content: " + contentDirOf(state_.settings, request_.sessionPath);
     if (const int problems = countProblems(request_.sessionPath, Step::CONTENT)) {
@@ -198,7 +319,26 @@ int Migration::reportFinished(const std::string& introduction) {
     }
   }
   console_.say(text);
+  reportProblems();
   return EXIT_DONE;
+}
+
+/// What dump.xml says to be wrong, in the order of weight: errors with their texts.
+void Migration::reportProblems() {
+  const DumpProblems problems = readDumpProblems(request_.sessionPath);
+  const std::string summary = problems.summary();
+  if (summary.empty()) return;
+  console_.say("Problems in the dump: " + summary);
+  for (const std::string& error : problems.firstErrors) console_.say("  error: " + error);
+  const auto shown = static_cast<int>(problems.firstErrors.size());
+  if (problems.errors > shown) {
+    console_.say("  and " + std::to_string(problems.errors - shown) + " more errors");
+  }
+  if (problems.errors + problems.warnings + problems.notes > 0) {
+    console_.say(
+        "An error is something that is missing from the result, a warning something that "
+        "may not work on the new host; what to do is said in dump.xml");
+  }
 }
 
 std::string Migration::purposeOf(Step step) const {

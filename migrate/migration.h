@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
+#include <optional>
 #include <string>
-#include <vector>
 
 #include "migrate/console.h"
 #include "migrate/options.h"
@@ -27,6 +29,9 @@ enum ExitCode {
 /// The exit code for a request to end; 0 stands for one that was made to sondrel itself.
 int exitCodeForRequest(int signal);
 
+/// Gets a text as it comes.
+using TextSink = std::function<void(const std::string&)>;
+
 /// One migration: begins it in its session directory, or goes on with it there.
 class Migration {
  public:
@@ -40,17 +45,27 @@ class Migration {
 
  private:
   void prepareSession();
+  void takeLock(const std::string& folder);
   void loadState();
   void takeSettings();
+  void planStepToGoBackTo(Settings& settings) const;
   void introduce();
   int makeSteps();
   int makeStep(Step step);
   RunOutcome runStep(Step step);
+  RunOutcome runAction(Step step);
+  std::optional<RunOutcome> waitForEarlierDump(Step step);
+  RunOutcome fetchDumpingStatus(Step step, std::string& status);
+  bool pause(Step step, std::chrono::milliseconds time);
+  RunOutcome run(Step step, const ArgList& arguments, const TextSink& onError,
+                 const TextSink& onOutput);
+  void showProgress(Step step);
   void recordBegin(Step step);
   void recordEnd(Step step, const RunOutcome& outcome);
   int reportEnd(Step step, const RunOutcome& outcome);
   void reportFailure(Step step, int exitCode);
   int reportFinished(const std::string& introduction);
+  void reportProblems();
   std::string purposeOf(Step step) const;
 
   const Request& request_;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -31,10 +32,23 @@ struct flock wholeFile() {
   throw Exc<&MigrateImpossible>(HERE) % (path + ": " + std::strerror(errno));
 }
 
+bool isGone(pid_t pid) {
+  return kill(pid, 0) != 0 && errno == ESRCH;
+}
+
 [[noreturn]] void throwBusy(const std::string& folder) {
+  const std::string session = getPath(folder);
   const std::optional<pid_t> pid = SessionLock::holder(folder);
-  throw Exc<&MigrateSessionBusy>(HERE) % folder %
-      (pid ? " (process " + std::to_string(*pid) + ")" : "");
+  const std::string process = pid ? " (process " + std::to_string(*pid) + ")" : "";
+  if (pid && isGone(*pid)) {
+    throw Exc<&MigrateSessionBusy>(HERE) %
+        ("The run that worked on " + session + process +
+         " was killed, and the sondrel that it started is still at work. Run this again when that "
+         "has ended");
+  }
+  throw Exc<&MigrateSessionBusy>(HERE) %
+      ("Another run is at work on " + session + process + ". \"sondrel-migrate status " + session +
+       "\" shows how far it is");
 }
 
 }  // namespace
@@ -64,6 +78,11 @@ bool SessionLock::isHeld(const std::string& folder) {
   if (!file) return false;
   struct flock lock = wholeFile();
   return fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+bool SessionLock::isHeldByOrphan(const std::string& folder) {
+  const std::optional<pid_t> pid = holder(folder);
+  return pid && isGone(*pid) && isHeld(folder);
 }
 
 std::optional<pid_t> SessionLock::holder(const std::string& folder) {

@@ -25,6 +25,8 @@ class SessionLock {
 
   /// Whether somebody holds the lock of that folder; asking disturbs nobody.
   static bool isHeld(const std::string& folder);
+  /// The same where the process that took the lock is gone: a sondrel that it started has it.
+  static bool isHeldByOrphan(const std::string& folder);
   /// The process that took it last, as far as the file tells.
   static std::optional<pid_t> holder(const std::string& folder);
 

@@ -1,6 +1,7 @@
 #include "migrate/settings.h"
 
 #include <algorithm>
+#include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/filesystem.hpp>
 #include <cerrno>
@@ -77,6 +78,16 @@ bool namesFile(const std::string& name) {
   return name == "dumps-dir" || name == "selected-objects-file";
 }
 
+/// One thing has one spelling, for that of a step that is done is compared with later ones.
+std::string plainValue(const std::string& name, const std::string& value) {
+  // The run that goes on may be made from another directory.
+  if (namesFile(name)) return boost::filesystem::absolute(value).string();
+  // A shell that completes the name of a directory puts a slash behind it.
+  if (name != "agent-name") return value;
+  const std::string plain = boost::trim_right_copy_if(value, boost::is_any_of("/"));
+  return plain.empty() ? value : plain;
+}
+
 void parseLine(const std::string& line, Settings& settings) {
   const std::string text = boost::trim_copy(line);
   if (text.empty() || text.front() == '#') return;
@@ -102,7 +113,12 @@ void checkSelection(const Settings& settings) {
   const bool narrowed =
       isAnyGiven(settings, {"only-mail", "only-hosting", "no-compress", "no-license"});
   if (settings.isOn("dump-all")) {
-    if (selected || narrowed) refuse("--dump-all dumps everything, and goes with no selection");
+    if (selected) refuse("--dump-all dumps everything: leave it out, or the selection");
+    if (narrowed) {
+      refuse(
+          "--dump-all dumps everything. For --only-mail, --only-hosting, --no-compress and "
+          "--no-license name what to dump instead, such as --clients=... or --domains=...");
+    }
   } else if (!selected) {
     refuse("what to dump is missing: --dump-all, or a selection such as --domains=...");
   }
@@ -150,8 +166,7 @@ void Settings::set(const std::string& name, const std::string& value) {
     return;
   }
   checkValue(name, value);
-  // The run that goes on may be made from another folder.
-  values_[name] = namesFile(name) ? boost::filesystem::absolute(value).string() : value;
+  values_[name] = plainValue(name, value);
 }
 
 std::string Settings::get(const std::string& name) const {

@@ -38,6 +38,12 @@ void addConnection(const Settings& settings, ArgList& line) {
   handOnSwitches(settings, {"verbose"}, line);
 }
 
+ArgList beginOfCommand(const Settings& settings, const Places& places) {
+  ArgList line = {PROGRAM, "--session-path=" + places.session};
+  addConnection(settings, line);
+  return line;
+}
+
 void addAgent(const Settings& settings, const Places& places, ArgList& line) {
   line.push_back("--agent-dir=" + places.agentDir);
   line.push_back("--agent-name=" + agentNameOf(settings));
@@ -79,8 +85,7 @@ std::string findSondrel() {
 }
 
 ArgList sondrelCommand(Step step, const Settings& settings, const Places& places) {
-  ArgList line = {PROGRAM, "--session-path=" + places.session};
-  addConnection(settings, line);
+  ArgList line = beginOfCommand(settings, places);
   if (step != Step::SCOUT) addAgent(settings, places, line);
   switch (step) {
     case Step::SCOUT: line.emplace_back("--send-scout"); break;
@@ -89,6 +94,13 @@ ArgList sondrelCommand(Step step, const Settings& settings, const Places& places
     case Step::CONTENT: addContent(settings, line); break;
     case Step::REMOVE: line.emplace_back("--remove-agent"); break;
   }
+  return line;
+}
+
+ArgList dumpingStatusCommand(const Settings& settings, const Places& places) {
+  ArgList line = beginOfCommand(settings, places);
+  addAgent(settings, places, line);
+  line.emplace_back("--get-dumping-status");
   return line;
 }
 

@@ -23,6 +23,9 @@ struct Places {
 /// those go into its environment.
 ArgList sondrelCommand(Step step, const Settings& settings, const Places& places);
 
+/// The command line that prints the dumping status of the agent.
+ArgList dumpingStatusCommand(const Settings& settings, const Places& places);
+
 /// The folder on this host that the content files go to.
 std::string contentDirOf(const Settings& settings, const std::string& session);
 

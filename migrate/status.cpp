@@ -6,6 +6,7 @@
 #include "migrate/documents.h"
 #include "migrate/errors.h"
 #include "migrate/session_lock.h"
+#include "migrate/sondrel_command.h"
 #include "migrate/state.h"
 
 namespace migrate {
@@ -35,8 +36,8 @@ std::string restingText(const State& state) {
 
 /// What a step that is done could not do.
 std::string problemsText(const std::string& session, Step step) {
-  const int errors = step == Step::DUMP ? countDumpErrors(session) : 0;
-  if (errors > 0) return ", errors in dump.xml: " + std::to_string(errors);
+  const std::string inDump = step == Step::DUMP ? readDumpProblems(session).summary() : "";
+  if (!inDump.empty()) return ", " + inDump;
   const int problems = step == Step::CONTENT ? countProblems(session, step) : 0;
   if (problems > 0) return ", problems in transfer.result: " + std::to_string(problems);
   return "";
@@ -59,6 +60,14 @@ std::string stepText(const State& state, Step step, bool isRunning, const std::s
   return text;
 }
 
+void showPlaces(const State& state, const std::string& session, Console& console) {
+  if (state.isDone(Step::DUMP)) console.say("description: " + dumpFileIn(session));
+  if (state.of(Step::CONTENT).progress != Progress::WAITING) {
+    console.say("files: " + contentDirOf(state.settings, session));
+  }
+  console.say("log: " + session + "/migration.log");
+}
+
 void showState(const std::string& session, Console& console) {
   // The lock first: a run that ends in between has recorded its end.
   const bool isRunning = SessionLock::isHeld(State::folderIn(session));
@@ -69,6 +78,7 @@ void showState(const std::string& session, Console& console) {
   for (const Step step : state.plan()) {
     console.say(std::string(nameOf(step)) + ": " + stepText(state, step, isRunning, session));
   }
+  showPlaces(state, session, console);
 }
 
 void showProgressOnly(const std::string& session, Console& console) {

@@ -1,6 +1,7 @@
 """A source host on which the commands of a content run wait wherever a test has put a gate."""
 import os
 import shutil
+import signal
 
 from content import content_list
 from world import ROOT, Destination, Session, SourceHost, deployed_agent, wait_until, write
@@ -105,9 +106,21 @@ class Gate:
 
     def kill(self, number):
         """Ends the command that waits, by this signal."""
+        self.forget()
+        os.kill(self.pid, number)
+        self._gone()
+
+    def forget(self):
+        """Leaves the command waiting; there is no gate here any more for others."""
         os.unlink(self._path)
         os.unlink(f"{self._path}.pid")
-        os.kill(self.pid, number)
+
+    def end(self):
+        """Ends the command that was left waiting, unless it has ended by itself."""
+        try:
+            os.kill(self.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            return
         self._gone()
 
     def _gone(self):

@@ -18,6 +18,7 @@ for word; do
     --dump-all | --dump-selected) step=dump ;;
     --get-content) step=content ;;
     --remove-agent) step=remove ;;
+    --get-dumping-status) step=status ;;
   esac
 done
 kept={IMITATION}/runs/$(ls {IMITATION}/runs | wc -l).$step

@@ -6,7 +6,7 @@ import signal
 
 import pytest
 
-from gates import CAT, PROGRAMS, Gate, gated_host
+from gates import CAT, PROGRAMS, WAIT, Gate, gated_host
 from linux_host import check_schema
 from migrating import (MIGRATE, STEPS, State, in_place, migrate, progress_of, sample_source, start, status)
 from world import (DTM, HOST, LOGIN_KINDS, PLAIN, RECORDS, ROOT, SESSION, SOURCE_TREE, SUDOER, Destination, Running, Session,
@@ -66,6 +66,13 @@ def test_moves_everything_by_each_kind_of_login(source, login):
     assert agent_folders(login) == []
     assert State().progress() == progress_of(*["done"] * 5)
     assert Session().read("scout-result.xml") == b"<scout/>"
+
+
+def test_an_agent_s_name_may_end_as_a_shell_completes_it(source):
+    install = Destination(agent="sample/")
+    assert install.run("deploy-agent").code == 0
+    assert (install.run("dump-all").code, install.run("get-content").code) == (0, 0)
+    assert archives() == PAGES
 
 
 def test_says_what_it_does(source):
@@ -204,8 +211,8 @@ def test_a_second_run_leaves_the_first_alone():
         state = State().text
         outcome = migrate(f"--session-path={SESSION}")
         assert (outcome.code, outcome.stdout) == (4, b"")
-        assert outcome.stderr.decode() == (f"sondrel-migrate: Another run is at work on {SESSION}/migrate "
-                                           f"(process {running.pid})\n")
+        assert outcome.stderr.decode() == (f"sondrel-migrate: Another run is at work on {SESSION} (process "
+                                           f'{running.pid}). "sondrel-migrate status {SESSION}" shows how far it is\n')
         assert State().text == state
         assert status()["state"] == f"running, process {running.pid}"
         gate.open()
@@ -230,6 +237,68 @@ def test_sondrel_does_not_outlive_it_and_the_next_run_goes_on():
     assert (again.code, archives()) == (0, PAGES)
 
 
+# Where a step is interrupted: the gate, and where the agent's own script has it, its place there.
+INTERRUPTED = {"scout": "scout", "deploy": "upload", "dump": "dumping", "content": "amid cat index",
+               "remove": "before rm -rf"}
+
+
+def interrupted_source():
+    """A source host and an agent on which every step comes to a gate of its own."""
+    host = gated_host()
+    wait = write("/mnt/bin/wait-at", f'#!/bin/sh\n{WAIT}\ngate "$1"\n', mode=0o755)
+    cat = read(f"{PROGRAMS}/cat").decode().split("\n", 1)[1]
+    write(f"{PROGRAMS}/cat", f"#!/bin/sh\n[ $# -gt 0 ] || {{ {wait} upload; exec /bin/cat; }}\n{cat}", mode=0o755)
+    write(f"{DTM}/scout.pl", f"system '{wait}', 'scout'; print qq{{<scout/>}};")
+    script = f"{DTM}/agents/sample/sample-agent.pl"
+    write(script, read(script).replace(b"remove_tree(\"$here/content\");",
+                                       f"system '{wait}', 'dumping'; remove_tree(\"$here/content\");".encode()))
+    return host
+
+
+def end_connections(host):
+    """The server's processes for connections vanish, as with the machine's network."""
+    for pid in host.connections():
+        os.kill(pid, signal.SIGKILL)
+
+
+INTERRUPTIONS = {
+    "Ctrl-C": (lambda running, host: running.send(signal.SIGINT), {128 + signal.SIGINT}, "stopped"),
+    "SIGTERM": (lambda running, host: running.send(signal.SIGTERM), {128 + signal.SIGTERM}, "stopped"),
+    "kill": (lambda running, host: running.send(signal.SIGKILL), {-signal.SIGKILL}, "running"),
+    # What of the connection is lost first decides between these two.
+    "connection": (lambda running, host: end_connections(host), {2, 18}, "failed"),
+}
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("step", INTERRUPTED)
+def test_the_same_command_goes_on_after_every_interruption(step, cases):
+    """What was begun on the source host still runs there when the second run begins."""
+    with interrupted_source() as host:
+        for name, (interrupt, codes, state) in INTERRUPTIONS.items():
+            shutil.rmtree(SESSION, ignore_errors=True)
+            gate = Gate(INTERRUPTED[step])
+            command = in_place(ROOT, "--dump-all")
+            running = start(*command)
+            gate.reached()
+            interrupt(running, host)
+            code = running.finish().code
+            if step == "remove" and name == "connection":
+                # Its outcome does not matter to a removal.
+                assert code == 0
+                gate.kill(signal.SIGKILL)
+                shutil.rmtree(f"{ROOT.home}/{agent_folders(ROOT)[0]}")
+                continue
+            assert code in codes, (name, code)
+            assert State().progress()[step] == state
+            gate.forget()
+            again = migrate(*command)
+            assert (again.code, archives(), agent_folders(ROOT)) == (0, PAGES, []), (name, again)
+            assert State().progress() == progress_of(*["done"] * 5)
+            gate.end()
+    cases(len(INTERRUPTIONS))
+
+
 def test_status_shows_a_migration_at_work_and_its_end():
     write(f"{SOURCE_TREE}/domains/a.test/web/large", b"x" * 4_000_000)
     with gated_source():
@@ -248,6 +317,28 @@ def test_status_shows_a_migration_at_work_and_its_end():
         assert running.finish().code == 0
     assert {name: text.partition(",")[0] for name, text in status().items() if name in STEPS} == dict.fromkeys(
         STEPS, "done")
+
+
+def test_progress_counts_what_is_listed_and_not_what_it_takes_unpacked():
+    write(f"{SOURCE_TREE}/domains/a.test/web/large", b"x" * 4_000_000)
+    script = f"{DTM}/agents/sample/sample-agent.pl"
+    write(script, read(script).replace(b"unpacked => $total", b"unpacked => 3 * $total"))
+    with gated_source():
+        gates = [Gate("before cat large"), Gate("before cat dump.xml")]
+        running = start(*in_place(ROOT, "--dump-all", "--keep-agent"))
+        gates[1].reached()
+        gates[1].open()
+        gates[0].reached()
+        # The three files before it have come.
+        assert "2 of 5 files left, 11 B of 4.0 MB (0 %)" in status()["content"]
+        last = Gate("before cat dump.xml")
+        gates[0].open()
+        last.reached()
+        assert re.search(r"1 of 5 files left, 4\.0 MB of 4\.0 MB \(99 %\), .*dump\.xml", status()["content"])
+        last.open()
+        assert running.finish().code == 0
+    check_schema(Session().read("migration.status"), "migration-status")
+    assert b'listed-left="0"' in Session().read("migration.status")
 
 
 def test_status_shows_steps_that_another_program_makes(source):

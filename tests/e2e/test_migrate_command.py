@@ -1,14 +1,17 @@
 """sondrel-migrate with an imitated sondrel: what it runs, with what, and what it takes from where."""
+import ctypes
 import os
 import re
+import shutil
 import signal
 import subprocess
 
 import pytest
 
 from migrating import IMITATION, STEPS, ImitatedSondrel, State, migrate, progress_of, status
+from system_faults import Fault, preload  # noqa: F401  a fixture
 from terminal import Terminal
-from world import SESSION, SUDOER, TESTS, owner_and_mode, read, wait_until, write
+from world import SESSION, SUDOER, TESTS, owner_and_mode, processes, read, wait_until, write
 
 PLACE = [f"--session-path={SESSION}", "--host=src.example", "--login=root"]
 ALL = [*PLACE, "--dump-all"]
@@ -75,7 +78,7 @@ def test_hands_settings_on(imitated, case):
 def test_leaves_out_the_steps_that_are_not_wanted(imitated, options, steps):
     assert imitated.run(*ALL, *options).code == 0
     assert imitated.runs() == steps
-    assert list(status())[3:] == steps
+    assert [name for name in status() if name in STEPS] == steps
 
 
 def test_gives_sondrel_nothing_to_read_and_no_descriptor_but_the_lock(imitated):
@@ -168,6 +171,45 @@ def test_takes_a_success_that_tells_of_a_stop_for_a_stop(imitated):
     assert State().progress() == progress_of("done", "done", "stopped")
 
 
+STANDARD_OUTPUT = {
+    "a log": ("echo 'INFO k.log: begun'; printf 'INFO k.log: ended'", ["INFO k.log: begun", "INFO k.log: ended"], 0),
+    "a log of a stop": ("printf 'INFO k.log: Migration has been terminated\\nMigration has been "
+                        "terminatedINFO k.log: ended\\n'",
+                        ["INFO k.log: Migration has been terminated",
+                         "Migration has been terminatedINFO k.log: ended"], 3),
+    "a stop in two pieces": ("printf 'Migration has '; sleep 0.2; printf 'been terminated'",
+                             ["Migration has been terminated"], 3),
+}
+
+
+@pytest.mark.parametrize("case", STANDARD_OUTPUT)
+def test_takes_nothing_but_the_text_of_a_stop_for_one(imitated, case):
+    script, shown, code = STANDARD_OUTPUT[case]
+    imitated.does("dump", script)
+    outcome = imitated.run(*ALL, "--verbose")
+    assert (outcome.code, outcome.stderr) == (code, b""), outcome
+    lines = outcome.stdout.decode().splitlines()
+    first = lines.index("dump: dumping everything") + 1
+    assert lines[first:first + len(shown)] == shown
+    assert State().progress()["dump"] == ("done" if code == 0 else "stopped")
+
+
+@pytest.mark.release_only
+def test_a_failure_while_it_starts_sondrel_leaves_none_behind(imitated, preload):  # noqa: F811
+    fault = Fault(preload, "setfl", 1)
+    # What is left without a parent becomes this process's.
+    assert ctypes.CDLL(None).prctl(36, 1) == 0  # PR_SET_CHILD_SUBREAPER
+    try:
+        outcome = imitated.run(*ALL, environment=fault.environment)
+    finally:
+        ctypes.CDLL(None).prctl(36, 0)
+    assert len(fault.struck()) == 1
+    assert outcome.code == 1 and b"fcntl" in outcome.stderr, outcome
+    with pytest.raises(ChildProcessError):
+        os.waitpid(-1, 0)
+    assert imitated.runs() == []
+
+
 def test_a_request_between_steps_lets_the_next_one_wait(imitated):
     # It comes while the step ends well, and so late that sondrel no longer minds.
     imitated.does("deploy", "trap '' USR1; kill -USR1 $PPID; sleep 0.1")
@@ -219,6 +261,194 @@ def test_a_failed_record_ends_it(imitated):
     assert imitated.runs() == ["scout", "deploy"]
 
 
+# --- an earlier dump that goes on ------------------------------------------------------------
+
+RESULT = (f"""echo '<execution-result status="error"><message><description>Error during dump retrieval</description>'"""
+          f"""'<message><description>%s</description></message></message></execution-result>' > {SESSION}/%s
+printf 'Error during dump retrieval' >&2; exit 2""")
+REFUSED = RESULT % ("stderr messages: Another dump is still running in this directory", "%s")
+
+
+def refused_until(condition, result="migration.result"):
+    """An agent lets no dump in until the condition, in shell, is true."""
+    return f"{condition} && exit 0\n{REFUSED % result}"
+
+
+def standing(stage, number):
+    return (f'<dumping-status version="1" stage="{stage}" done="{number}" total="5" bytes="0" object="{number}.test" '
+            f'updated="{number}"/>')
+
+
+WAITING = "{0}: a dump that an earlier run started is still at work on src.example; waiting for its end"
+
+
+@pytest.mark.parametrize("step, result", [("dump", "migration.result"), ("content", "transfer.result")])
+@pytest.mark.parametrize("end", ["finished", "failed"])
+def test_waits_for_an_earlier_dump_and_goes_on_with_it(imitated, step, result, end):
+    """The agent still refuses the step when its status says the end for the first time."""
+    imitated.does(step, refused_until(f"[ $(ls -d {IMITATION}/runs/*.status | wc -l) -ge 2 ]", result))
+    imitated.does("status", f"printf '%s' '{standing(end, 5)}'")
+    outcome = imitated.run(*SUDO_ALL, login=SUDOER)
+    assert (outcome.code, outcome.stderr) == (0, b""), outcome
+    before = STEPS[:STEPS.index(step)]
+    assert imitated.runs() == [*before, step, "status", step, "status", *STEPS[len(before):]]
+    assert outcome.stdout.decode().count(WAITING.format(step)) == 1
+    asked = imitated.arguments(len(before) + 1)
+    assert asked == [f"--session-path={SESSION}", "--host=src.example", "--login=sudoer", "--sudo-password",
+                     f"--agent-dir=/home/sudoer/{State().agent_folder}", "--agent-name=linux", "--get-dumping-status"]
+    assert State().progress() == progress_of(*["done"] * 5)
+
+
+def test_shows_how_far_the_dump_is_that_it_waits_for(imitated):
+    write(f"{IMITATION}/document", standing("content", 2))
+    imitated.does("dump", refused_until(f"[ -e {IMITATION}/go ]"))
+    imitated.does("status", f"cat {IMITATION}/document")
+    with Terminal([imitated.program, *ALL], {"QRV_PASSWORD": "x"}, columns=100) as terminal:
+        terminal.shows(b"\r\x1b[Kdump: content, 2 of 5 done, 2.test")
+        assert status()["dump"].endswith(": content, 2 of 5 done, 2.test")
+        write(f"{IMITATION}/document", standing("finished", 5))
+        write(f"{IMITATION}/go")
+        assert terminal.finish() == 0
+        assert b"Error" not in terminal.shown and WAITING.format("dump").encode() in terminal.shown
+    assert owner_and_mode(f"{SESSION}/dumping-status.xml") == (20000, 20000, 0o600)
+
+
+@pytest.mark.slow
+def test_asks_the_agent_again_when_the_status_of_a_dump_stays_as_it_was(imitated):
+    """As after kill -9, or when the host was restarted after the refusal."""
+    imitated.does("dump", refused_until(f"[ $(ls -d {IMITATION}/runs/*.dump | wc -l) -ge 2 ]"))
+    imitated.does("status", f"printf '%s' '{standing('content', 2)}'")
+    outcome = imitated.run(*ALL)
+    assert (outcome.code, outcome.stderr) == (0, b""), outcome
+    assert imitated.runs().count("dump") == 2 and 4 <= imitated.runs().count("status") <= 6
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGUSR1], ids=["SIGINT", "SIGUSR1"])
+def test_waiting_for_an_earlier_dump_can_be_stopped(imitated, number):
+    imitated.does("dump", REFUSED % "migration.result")
+    imitated.does("status", f"printf '%s' '{standing('content', 2)}'")
+    running = imitated.start(*ALL)
+    wait_until(lambda: os.path.exists(f"{SESSION}/dumping-status.xml"), "the status")
+    running.send(number)
+    outcome = running.finish()
+    assert (outcome.code, outcome.stderr) == (3 if number == signal.SIGUSR1 else 130, b"")
+    assert State().progress() == progress_of("done", "done", "stopped")
+    imitated.does("dump", "exit 0")
+    assert imitated.run(f"--session-path={SESSION}").code == 0
+
+
+def test_a_lost_connection_ends_the_waiting_for_an_earlier_dump(imitated):
+    imitated.does("dump", REFUSED % "migration.result")
+    imitated.does("status", "printf 'gone' >&2; exit 18")
+    outcome = imitated.run(*ALL)
+    assert (outcome.code, outcome.stderr.decode().splitlines()[0]) == (18, "gone")
+    assert State().progress() == progress_of("done", "done", "failed")
+
+
+def test_another_failure_of_a_dump_is_shown_and_not_waited_for(imitated):
+    imitated.does("dump", RESULT % ("stderr messages: no dump today", "migration.result"))
+    outcome = imitated.run(*ALL)
+    assert outcome.code == 2 and imitated.runs() == STEPS[:3]
+    assert outcome.stderr.decode().splitlines()[:2] == ["Error during dump retrieval",
+                                                        "  because: stderr messages: no dump today"]
+
+
+def test_what_sondrel_says_of_a_dump_is_seen_as_it_comes_with_verbose(imitated):
+    imitated.does("dump", f"echo first >&2; while [ ! -e {IMITATION}/go ]; do sleep 0.01; done")
+    with Terminal([imitated.program, *ALL, "--verbose"], {"QRV_PASSWORD": "x"}) as terminal:
+        terminal.shows(b"first\r\n")
+        write(f"{IMITATION}/go")
+        assert terminal.finish() == 0
+
+
+def orphaned(imitated, after):
+    """The run is killed, and its sondrel goes on, without minding a signal, until `after` is there."""
+    imitated.does("dump", f"trap '' TERM; while [ ! -e {after} ]; do sleep 0.01; done")
+    running = imitated.start(*ALL)
+    wait_until(lambda: imitated.is_at("dump"), "the dump")
+    running.kill()
+    return running.pid
+
+
+def test_a_run_waits_for_the_sondrel_of_one_that_was_killed(imitated):
+    orphaned(imitated, f"{IMITATION}/go")
+    again = imitated.start(f"--session-path={SESSION}")
+    wait_until(lambda: b"\nState:\tS" in read(f"/proc/{again.pid}/status"), "it to wait")
+    assert imitated.runs() == STEPS[:3] and not again.ended()
+    write(f"{IMITATION}/go")
+    assert again.finish().code == 0
+    assert imitated.runs() == [*STEPS[:3], *STEPS[2:]]
+
+
+@pytest.mark.slow
+def test_a_sondrel_that_outlives_its_run_is_named(imitated):
+    pid = orphaned(imitated, f"{IMITATION}/go")
+    outcome = imitated.run(f"--session-path={SESSION}")
+    assert outcome.code == 4
+    assert outcome.stderr.decode() == (
+        f"sondrel-migrate: The run that worked on {SESSION} (process {pid}) was killed, and the sondrel that it "
+        "started is still at work. Run this again when that has ended\n")
+    write(f"{IMITATION}/go")
+    wait_until(lambda: not any(IMITATION.encode() in command for _, command in processes()), "the sondrel to end")
+
+
+# --- the group of session directories --------------------------------------------------------
+
+@pytest.fixture
+def unequal_numbers():
+    """The account's number is that of the group `users`, to which ordinary accounts belong."""
+    kept = {path: read(path) for path in ("/etc/passwd", "/etc/group")}
+    write("/etc/passwd", kept["/etc/passwd"].replace(b"qrvadm:x:20000:20000:", b"qrvadm:x:100:101:"))
+    groups = re.sub(rb"^(\w+:x:10[01]|users):.*\n", b"", kept["/etc/group"].replace(b"qrvadm:x:20000:", b""),
+                    flags=re.MULTILINE)
+    write("/etc/group", groups + b"users:x:100:\nqrvadm:x:101:\n")
+    yield
+    for path, text in kept.items():
+        write(path, text)
+
+
+FOREIGN = ('sondrel-migrate: session directories are given to the group with the number of the account qrvadm, and '
+           'group 100 ("users") is not its own, which is 101 ("qrvadm"). Make an account whose numbers are equal, as '
+           'sondrel(8) shows')
+
+
+def may_be_read_by_users(path):
+    return subprocess.run(["setpriv", "--reuid=20001", "--regid=20001", "--groups=100", "cat", path], check=False,
+                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
+
+
+def test_fetches_nothing_into_a_directory_that_a_foreign_group_may_enter(imitated, unequal_numbers):
+    # As sondrel fetches content.
+    imitated.does("content", f"echo key > {SESSION}/archives/key")
+    outcome = imitated.run(*ALL)
+    said = outcome.stderr.decode().splitlines()
+    assert (outcome.code, outcome.stdout, imitated.runs(), said[0]) == (1, b"", [], FOREIGN)
+    remedy = re.fullmatch(rf'sondrel-migrate: group 100 \("users"\) may enter {SESSION}, where private keys will be. '
+                          'Close it with "(.*)", and run this again', said[1])[1]
+    subprocess.run(["sh", "-c", remedy], check=True)
+    outcome = imitated.run(*ALL)
+    assert (outcome.code, outcome.stderr.decode().splitlines()) == (0, [FOREIGN])
+    assert imitated.runs() == STEPS
+    assert not may_be_read_by_users(f"{SESSION}/archives/key")
+    os.chown(SESSION, 0, 100)
+    assert may_be_read_by_users(f"{SESSION}/archives/key")
+    assert b"may enter" in imitated.run(*ALL, "--from=scout").stderr
+
+
+def test_a_directory_above_may_keep_a_foreign_group_out(imitated, unequal_numbers):
+    os.makedirs("/mnt/closed", mode=0o700)
+    arguments = [argument for argument in ALL if not argument.startswith("--session-path")]
+    outcome = imitated.run("--session-path=/mnt/closed/session", *arguments)
+    assert (outcome.code, outcome.stderr.decode().splitlines()) == (0, [FOREIGN])
+    os.chmod("/mnt/closed", 0o711)
+    assert imitated.run("--session-path=/mnt/closed/session", "--from=scout").code == 1
+    # What lets the group in may be an access list.
+    os.chmod("/mnt/closed", 0o700)
+    subprocess.run(["setfacl", "-m", "g:users:x", "/mnt/closed"], check=True)
+    assert imitated.run("--session-path=/mnt/closed/session", "--from=scout").code == 1
+    shutil.rmtree("/mnt/closed")
+
+
 # --- settings --------------------------------------------------------------------------------
 
 NO_SETTINGS = {
@@ -228,8 +458,11 @@ NO_SETTINGS = {
     "no parent": ([f"--session-path={SESSION}", "--host=x", "--login=jo"],
                   "--agent-parent is missing: only root has one by itself (see --help)"),
     "no dump": (PLACE, "what to dump is missing: --dump-all, or a selection such as --domains=... (see --help)"),
-    "all and some": ([*ALL, "--domains=a"], "--dump-all dumps everything, and goes with no selection (see --help)"),
-    "all and mail": ([*ALL, "--only-mail"], "--dump-all dumps everything, and goes with no selection (see --help)"),
+    "all and some": ([*ALL, "--domains=a"],
+                     "--dump-all dumps everything: leave it out, or the selection (see --help)"),
+    "all and mail": ([*ALL, "--only-mail"],
+                     "--dump-all dumps everything. For --only-mail, --only-hosting, --no-compress and --no-license "
+                     "name what to dump instead, such as --clients=... or --domains=... (see --help)"),
     "two kinds": ([*PLACE, "--domains=a", "--only-mail", "--only-hosting"],
                   "--only-mail and --only-hosting exclude each other (see --help)"),
     "standard input": ([*PLACE, "--domains=-"], "--domains cannot be read from standard input (see --help)"),
@@ -311,6 +544,36 @@ def test_takes_a_default_that_is_given_later_for_no_change(imitated):
     outcome = imitated.run(f"--session-path={SESSION}", *given)
     assert outcome.code == 0, outcome
     assert imitated.runs() == ["scout", "deploy", "dump", "content", "content", "remove"]
+
+
+def test_an_agent_s_name_may_end_as_a_shell_completes_it(imitated):
+    imitated.does("content", "exit 2")
+    assert imitated.run(*ALL, "--agent-name=other/").code == 2
+    assert "--agent-name=other" in imitated.arguments(1)
+    os.unlink(f"{IMITATION}/content")
+    assert imitated.run(f"--session-path={SESSION}", "--agent-name=other").code == 0
+
+
+def test_going_back_to_the_removal_removes_an_agent_that_was_kept(imitated):
+    assert imitated.run(*ALL, "--keep-agent").code == 0
+    outcome = imitated.run(f"--session-path={SESSION}", "--from=remove", "--keep-agent")
+    assert complaint(outcome) == "--from=remove and --keep-agent exclude each other (see --help)"
+    imitated.does("remove", "exit 2")
+    assert imitated.run(f"--session-path={SESSION}", "--from=remove").code == 2
+    os.unlink(f"{IMITATION}/remove")
+    # It is still wanted when the removal has failed.
+    assert imitated.run(f"--session-path={SESSION}").code == 0
+    assert imitated.runs() == [*STEPS[:4], "remove", "remove"]
+    assert status()["state"] == "finished"
+
+
+def test_says_that_there_is_no_content_to_go_back_to(imitated):
+    assert imitated.run(*ALL, "--no-content").code == 0
+    outcome = imitated.run(f"--session-path={SESSION}", "--from=content")
+    assert complaint(outcome) == ("there is no content to fetch: the dump was made with --no-content. Make it again "
+                                  "with --from=dump --no-content=no (see --help)")
+    assert imitated.run(f"--session-path={SESSION}", "--from=dump", "--no-content=no").code == 0
+    assert imitated.runs() == ["scout", "deploy", "dump", "remove", *STEPS[1:]]
 
 
 def test_session_path_may_be_relative(imitated):
@@ -428,8 +691,9 @@ def test_an_interrupted_question_leaves_a_terminal_that_shows_what_is_typed(imit
 
 # --- what a person sees ----------------------------------------------------------------------
 
+# What is listed has a third of the size that the unpacked content has.
 TRANSFER = ('<migration-status><pid>1</pid><transfer speed="1000000"><host>h</host><files total="10" left="7" '
-            'size-total="4000000" size-left="3000000"><current-file size="9" size-left="9">{name}</current-file>'
+            'size-total="12000000" size-left="11000000" listed-total="4000000" listed-left="3000000"><current-file size="9" size-left="9">{name}</current-file>'
             "</files></transfer></migration-status>")
 DUMPING = '<dumping-status version="1" stage="content" done="2" total="5" bytes="123456" object="a.test"/>'
 
@@ -527,13 +791,66 @@ def test_counts_the_problems_of_the_content(imitated):
     assert status()["content"].endswith(", problems in transfer.result: 2")
 
 
-def test_counts_what_the_dump_says_to_be_missing(imitated):
-    problems = "".join(f'<problem severity="{severity}" object="a"/>' for severity in ("error", "info", "error"))
-    imitated.does("dump", f"echo '<dump><problems>{problems}</problems></dump>' > {SESSION}/dump.xml")
-    expected = f" Dump: {SESSION}/dump.xml, errors in it: 2, content: {SESSION}/archives\n"
-    assert imitated.run(*ALL).stdout.decode().endswith(f"\nFinished.{expected}")
-    assert imitated.run(*ALL, password=None).stdout.decode() == f"Finished already.{expected}"
-    assert re.fullmatch(r"done, begun \S+, took 0:0\d, errors in dump\.xml: 2", status()["dump"])
+def dump_with(problems):
+    """A script that leaves such a dump.xml; [(severity, object, text)]"""
+    listed = "".join(f'<problem severity="{severity}" object="{about}">{text}</problem>'
+                     for severity, about, text in problems)
+    write(f"{IMITATION}/dump.xml", f'<dump version="2"><later><problem/></later><problems>{listed}</problems></dump>')
+    return f"cp {IMITATION}/dump.xml {SESSION}/dump.xml"
+
+
+def ends_of(imitated, *more):
+    """What two runs say behind the removal, the second finding nothing to do."""
+    first = imitated.run(*ALL, *more).stdout.decode().partition("remove: done")[2].splitlines()[1:]
+    second = imitated.run(*ALL, *more, password=None).stdout.decode().splitlines()
+    assert [line.removeprefix("Finished already.") for line in second] == [
+        line.removeprefix("Finished.") for line in first]
+    return first
+
+
+MEANING = ("An error is something that is missing from the result, a warning something that may not work on the new "
+           "host; what to do is said in dump.xml")
+
+
+def test_counts_the_problems_of_the_dump_and_names_its_errors(imitated):
+    imitated.does("dump", dump_with([("error", "a.test", "first\nline"), ("info", "b", "x"), ("error", "", "second"),
+                                     ("warning", "c", "y"), ("info", "d", "z"), ("info", "e", "z")]))
+    outcome = ends_of(imitated)
+    assert outcome == [f"Finished. Dump: {SESSION}/dump.xml, content: {SESSION}/archives",
+                       "Problems in the dump: 2 errors, 1 warning, 3 notes", "  error: a.test: first line",
+                       "  error: second", MEANING]
+    shown = status()
+    assert re.fullmatch(r"done, begun \S+, took 0:0\d, 2 errors, 1 warning, 3 notes", shown["dump"])
+    assert shown["description"] == f"{SESSION}/dump.xml"
+    assert shown["files"] == f"{SESSION}/archives"
+    assert shown["log"] == f"{SESSION}/migration.log"
+
+
+def test_says_that_there_are_no_problems(imitated):
+    imitated.does("dump", dump_with([]))
+    assert ends_of(imitated)[1:] == ["Problems in the dump: 0 errors, 0 warnings, 0 notes"]
+    assert status()["dump"].endswith(", 0 errors, 0 warnings, 0 notes")
+
+
+def test_names_ten_errors_and_counts_the_rest(imitated):
+    imitated.does("dump", dump_with([("error", f"{number}.test", "gone") for number in range(12)]))
+    said = ends_of(imitated)
+    assert said[1] == "Problems in the dump: 12 errors, 0 warnings, 0 notes"
+    assert said[2:-1] == [*[f"  error: {number}.test: gone" for number in range(10)], "  and 2 more errors"]
+
+
+def test_says_that_the_problems_of_a_damaged_dump_cannot_be_counted(imitated):
+    imitated.does("dump", f"echo '<dump><problems><problem severity=\"error\"/>' > {SESSION}/dump.xml")
+    expected = "problems that cannot be counted: the document is damaged or too long"
+    assert ends_of(imitated)[1] == f"Problems in the dump: {expected}"
+    assert status()["dump"].endswith(f", {expected}")
+
+
+def test_status_names_only_what_is_there(imitated):
+    imitated.does("deploy", "exit 2")
+    assert imitated.run(*ALL).code == 2
+    assert "description" not in status() and "files" not in status()
+    assert status()["log"] == f"{SESSION}/migration.log"
 
 
 def test_help_and_version_need_nothing_and_leave_nothing():

@@ -247,9 +247,13 @@ class SourceHost:
         assert self._server.poll() is None, "sshd has ended:\n" + read(self.log).decode()
         return b"Server listening on" in read(self.log)
 
+    def connections(self):
+        """The processes of the server that are there for a connection each."""
+        return [int(pid) for pid in read(f"/proc/{self._server.pid}/task/{self._server.pid}/children").split()]
+
     def serves(self):
         """True while a process of the server is there for a connection."""
-        return read(f"/proc/{self._server.pid}/task/{self._server.pid}/children") != b""
+        return self.connections() != []
 
     def wait_until_idle(self):
         """A command goes on when its connection is lost; the next run is not to meet it."""

@@ -53,6 +53,11 @@ TEST(MigrateSettingsTest, RefusesFoldersThatAShellOrARemovalWouldMistake) {
   }
 }
 
+TEST(MigrateSettingsTest, AnAgentHasOneNameHoweverAShellCompletesIt) {
+  EXPECT_EQ(settingsOf({{"agent-name", "sample/"}}).get("agent-name"), "sample");
+  EXPECT_EQ(settingsOf({{"agent-name", "/"}}).get("agent-name"), "/");
+}
+
 TEST(MigrateSettingsTest, TakesTheValuesOfTheNewerOnes) {
   Settings settings = settingsOf({{"host", "a"}, {"login", "l"}});
   settings.overrideBy(settingsOf({{"host", "b"}, {"port", "1"}}));

@@ -17,6 +17,7 @@ namespace {
 class MigrateStateTest : public testing::Test {
  protected:
   MigrateStateTest() { mkdir(State::folderIn(session()).c_str(), 0750); }
+  std::string summary() const { return migrate::readDumpProblems(session()).summary(); }
   const std::string& session() const { return folder_.path(); }
 
  private:
@@ -106,9 +107,9 @@ TEST_F(MigrateStateTest, LockIsSeenByWhoeverAsksAndFreedWithItsOwner) {
     const SessionLock lock(folder);
     EXPECT_TRUE(SessionLock::isHeld(folder));
     EXPECT_EQ(SessionLock::holder(folder), getpid());
-    EXPECT_EQ(
-        whatOf<Exc<&MigrateSessionBusy>>([&] { const SessionLock second(folder); }),
-        "Another run is at work on " + folder + " (process " + std::to_string(getpid()) + ")");
+    EXPECT_EQ(whatOf<Exc<&MigrateSessionBusy>>([&] { const SessionLock second(folder); }),
+              "Another run is at work on " + session() + " (process " + std::to_string(getpid()) +
+                  "). \"sondrel-migrate status " + session() + "\" shows how far it is");
   }
   EXPECT_FALSE(SessionLock::isHeld(folder));
   const SessionLock again(folder);
@@ -144,30 +145,44 @@ TEST_F(MigrateStateTest, CountsTheProblemsOfALongResult) {
   EXPECT_EQ(migrate::countProblems(session(), Step::CONTENT), 5000);
 }
 
-TEST_F(MigrateStateTest, CountsWhatTheDumpSaysToBeMissing) {
-  EXPECT_EQ(migrate::countDumpErrors(session()), 0);
+TEST_F(MigrateStateTest, CountsWhatTheDumpSaysOfItself) {
+  EXPECT_EQ(summary(), "");
   const std::string problems =
-      "<problems><problem severity='error'>a</problem><problem severity='warning'/>"
-      "<problem severity='error' object='x'/></problems>";
+      "<problems><problem severity='error'> a\n b </problem><problem severity='warning'/>"
+      "<problem severity='error' object='x'>c</problem><problem severity='later'/></problems>";
   const std::string path = session() + "/dump.xml";
   writeFile(path, "<dump>" + problems + "</dump>");
-  EXPECT_EQ(migrate::countDumpErrors(session()), 2);
+  EXPECT_EQ(summary(), "2 errors, 1 warning, 0 notes");
+  EXPECT_THAT(migrate::readDumpProblems(session()).firstErrors,
+              testing::ElementsAre("a b", "x: c"));
   // Of any size, as that of a host with thousands of sites.
   const std::string domain = "<domain name='a.test'>" + std::string(1000, 'x') + "</domain>";
   std::string large = "<dump>";
   for (int i = 0; i < 3000; ++i) large += domain;
   writeFile(path, large + problems + "</dump>");
-  EXPECT_EQ(migrate::countDumpErrors(session()), 2);
-  ASSERT_EQ(truncate(path.c_str(), (256 << 20) + 1), 0);
-  EXPECT_EQ(migrate::countDumpErrors(session()), 0);
-  for (const std::string& other : {std::string("<dump><domain>") + problems + "</domain></dump>",
-                                   std::string("no XML"), std::string(), std::string("<dump/>")}) {
+  EXPECT_EQ(summary(), "2 errors, 1 warning, 0 notes");
+  for (const std::string& other :
+       {std::string("<dump><domain>") + problems + "</domain></dump>", std::string("<dump/>")}) {
     writeFile(path, other);
-    EXPECT_EQ(migrate::countDumpErrors(session()), 0) << other;
+    EXPECT_EQ(summary(), "") << other;
   }
+}
+
+TEST_F(MigrateStateTest, SaysThatADamagedDumpCannotBeCounted) {
+  const std::string unknown =
+      "problems that cannot be counted: the document is damaged or too long";
+  const std::string path = session() + "/dump.xml";
+  for (const std::string& other :
+       {std::string("no XML"), std::string(), std::string("<dump><problems>")}) {
+    writeFile(path, other);
+    EXPECT_EQ(summary(), unknown) << other;
+  }
+  writeFile(path, "<dump/>");
+  ASSERT_EQ(truncate(path.c_str(), (256 << 20) + 1), 0);
+  EXPECT_EQ(summary(), unknown);
   ASSERT_EQ(unlink(path.c_str()), 0);
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  EXPECT_EQ(migrate::countDumpErrors(session()), 0);
+  EXPECT_EQ(summary(), unknown);
 }
 
 TEST_F(MigrateStateTest, ProgressIsReadFromNoLinkAndNoHugeDocument) {
