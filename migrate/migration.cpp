@@ -44,8 +44,10 @@ std::string joined(const std::vector<std::string>& texts) {
 
 /// The errors of a run that has ended with this code. Only the action phase writes them down:
 /// after another end the result log is that of an earlier run.
-std::vector<std::string> causesOf(const std::string& session, Step step, int exitCode) {
-  const bool isWritten = exitCode > EXIT_IMPOSSIBLE && exitCode < EXIT_NOT_STARTED;
+std::vector<std::string> causesOf(const std::string& session, Step step,
+                                  const RunOutcome& outcome) {
+  if (!outcome.reason.empty()) return {outcome.reason};
+  const bool isWritten = outcome.exitCode > EXIT_IMPOSSIBLE && outcome.exitCode < EXIT_NOT_STARTED;
   return isWritten ? readCauses(session, step) : std::vector<std::string>();
 }
 
@@ -159,6 +161,7 @@ int Migration::makeStep(Step step) {
 /// What an earlier run began on the source host goes on there when that run is gone. It is waited
 /// for, and then gone on with.
 RunOutcome Migration::runStep(Step step) {
+  if (step == Step::REMOVE) return runRemoval();
   RunOutcome outcome = runAction(step);
   bool wasTold = false;
   while (isBlockedByEarlierDump(request_.sessionPath, step, outcome)) {
@@ -194,12 +197,35 @@ RunOutcome Migration::runAction(Step step) {
   return outcome;
 }
 
+/// sondrel removes without a word of what became of it, even when the connection was lost. The
+/// dumping status lies in what was to be removed.
+RunOutcome Migration::runRemoval() {
+  const RunOutcome removed = runAction(Step::REMOVE);
+  if (removed.kind != RunOutcome::DONE) return removed;
+  std::string held;
+  std::string status;
+  const RunOutcome asked = fetchDumpingStatus(
+      Step::REMOVE, [&](const std::string& text) { held += text; }, status);
+  const bool couldNotAsk =
+      asked.kind == RunOutcome::FAILED && asked.exitCode != EXIT_OF_FAILED_ACTION;
+  if (asked.kind == RunOutcome::STOPPED || couldNotAsk) {
+    console_.relay(held);
+    console_.finishRelay();
+    return asked;
+  }
+  if (status.find("<dumping-status") == std::string::npos) return removed;
+  return {RunOutcome::FAILED, EXIT_OF_FAILED_ACTION,
+          state_.agentDir() + " is still there on " + state_.settings.get("host")};
+}
+
 /// Nothing when the step can be tried again; else how the waiting ended.
 std::optional<RunOutcome> Migration::waitForEarlierDump(Step step) {
   EarlierDump dump(EarlierDump::Clock::now());
   for (;;) {
     std::string status;
-    const RunOutcome asked = fetchDumpingStatus(step, status);
+    const RunOutcome asked = fetchDumpingStatus(
+        step, [this](const std::string& text) { console_.relay(text); }, status);
+    console_.finishRelay();
     if (asked.kind != RunOutcome::DONE) return asked;
     dump.note(status, EarlierDump::Clock::now());
     dump.publish(request_.sessionPath);
@@ -212,16 +238,12 @@ std::optional<RunOutcome> Migration::waitForEarlierDump(Step step) {
   }
 }
 
-RunOutcome Migration::fetchDumpingStatus(Step step, std::string& status) {
+RunOutcome Migration::fetchDumpingStatus(Step step, const TextSink& onError, std::string& status) {
   const Places places{request_.sessionPath, state_.agentDir()};
-  const RunOutcome outcome = run(
-      step, dumpingStatusCommand(state_.settings, places),
-      [this](const std::string& text) { console_.relay(text); },
-      [&](const std::string& line) {
-        if (status.size() < LARGEST_HELD_BYTES) status += line + "\n";
-      });
-  console_.finishRelay();
-  return outcome;
+  return run(step, dumpingStatusCommand(state_.settings, places), onError,
+             [&](const std::string& line) {
+               if (status.size() < LARGEST_HELD_BYTES) status += line + "\n";
+             });
 }
 
 /// False when a signal asked for an end meanwhile.
@@ -275,7 +297,7 @@ void Migration::recordEnd(Step step, const RunOutcome& outcome) {
     case RunOutcome::STOPPED: record.progress = Progress::STOPPED; break;
     case RunOutcome::FAILED:
       record.progress = Progress::FAILED;
-      record.reason = joined(causesOf(request_.sessionPath, step, outcome.exitCode));
+      record.reason = joined(causesOf(request_.sessionPath, step, outcome));
       break;
   }
   state_.save(request_.sessionPath);
@@ -296,16 +318,17 @@ int Migration::reportEnd(Step step, const RunOutcome& outcome) {
     console_.say(name + ": stopped. Run this again to go on");
     return exitCodeForRequest(signals_.requested());
   }
-  reportFailure(step, outcome.exitCode);
+  reportFailure(step, outcome);
   return outcome.exitCode;
 }
 
 /// sondrel itself has told the outermost error.
-void Migration::reportFailure(Step step, int exitCode) {
-  const std::vector<std::string> causes = causesOf(request_.sessionPath, step, exitCode);
+void Migration::reportFailure(Step step, const RunOutcome& outcome) {
+  if (!outcome.reason.empty()) console_.complain(outcome.reason);
+  const std::vector<std::string> causes = causesOf(request_.sessionPath, step, outcome);
   for (std::size_t i = 1; i < causes.size(); ++i) console_.complain("  because: " + causes[i]);
   console_.complain(std::string(nameOf(step)) + ": failed with exit code " +
-                    std::to_string(exitCode) + "; " + request_.sessionPath +
+                    std::to_string(outcome.exitCode) + "; " + request_.sessionPath +
                     "/migration.log tells more. Run this again to go on");
 }
 

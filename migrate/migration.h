@@ -54,8 +54,9 @@ class Migration {
   int makeStep(Step step);
   RunOutcome runStep(Step step);
   RunOutcome runAction(Step step);
+  RunOutcome runRemoval();
   std::optional<RunOutcome> waitForEarlierDump(Step step);
-  RunOutcome fetchDumpingStatus(Step step, std::string& status);
+  RunOutcome fetchDumpingStatus(Step step, const TextSink& onError, std::string& status);
   bool pause(Step step, std::chrono::milliseconds time);
   RunOutcome run(Step step, const ArgList& arguments, const TextSink& onError,
                  const TextSink& onOutput);
@@ -63,7 +64,7 @@ class Migration {
   void recordBegin(Step step);
   void recordEnd(Step step, const RunOutcome& outcome);
   int reportEnd(Step step, const RunOutcome& outcome);
-  void reportFailure(Step step, int exitCode);
+  void reportFailure(Step step, const RunOutcome& outcome);
   int reportFinished(const std::string& introduction);
   void reportProblems();
   std::string purposeOf(Step step) const;

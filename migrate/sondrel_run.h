@@ -24,6 +24,8 @@ struct RunOutcome {
   Kind kind;
   /// 128 and the signal's number where a signal ended it.
   int exitCode;
+  /// Why it failed, where sondrel itself does not say it.
+  std::string reason = {};
 };
 
 /// One run of sondrel, as a child of this process.

@@ -7,6 +7,7 @@ from world import (BINARY, DTM, HOST, ROOT, SESSION, SOURCE_TREE, Running, insta
 
 MIGRATE = f"{os.path.dirname(BINARY)}/sondrel-migrate"
 STEPS = ["scout", "deploy", "dump", "content", "remove"]
+STEPS_AND_STATUS = [*STEPS, "status"]
 IMITATION = "/mnt/imitation"
 
 # Keeps what it was given, then does what the file of its step says, if there is one.
@@ -111,12 +112,20 @@ class ImitatedSondrel:
         """The steps that were run, in order."""
         return [name.partition(".")[2] for name in self._names()]
 
+    def all_runs(self):
+        """The same, with "status" wherever the agent's dumping status was asked for."""
+        return [name.partition(".")[2] for name in self._names(STEPS_AND_STATUS)]
+
     def kept(self, index, what):
         """"arguments", "environment", "descriptors" or "input" of a run."""
         return read(f"{IMITATION}/runs/{self._names()[index]}/{what}")
 
     def arguments(self, index):
         return self.kept(index, "arguments").decode().splitlines()
+
+    def arguments_of_status(self):
+        """Those of the last run that asked for the dumping status."""
+        return read(f"{IMITATION}/runs/{self._names(['status'])[-1]}/arguments").decode().splitlines()
 
     def environment(self, index):
         entries = self.kept(index, "environment").split(b"\0")
@@ -129,5 +138,6 @@ class ImitatedSondrel:
             f"{IMITATION}/runs/{names[-1]}/complete")
 
     @staticmethod
-    def _names():
-        return sorted(os.listdir(f"{IMITATION}/runs"), key=lambda name: int(name.partition(".")[0]))
+    def _names(kinds=tuple(STEPS)):
+        return sorted((name for name in os.listdir(f"{IMITATION}/runs") if name.partition(".")[2] in kinds),
+                      key=lambda name: int(name.partition(".")[0]))

@@ -6,16 +6,21 @@ import re
 import shutil
 import signal
 import subprocess
+import sys
 
 import pytest
 
-from fleet import (CONTROLLER, LOG, PLAYBOOK, PLAYS, Watch, inventory, module, play, start_ansible)
+from fleet import (CONTROLLER, LOG, PLAYBOOK, PLAYS, ROLE, Watch, inventory, module, play, start_ansible)
 from linux_host import Dump, assert_same_tree, install_linux_agent, unpack, web_host
 from migrating import IMITATION, STEPS, ImitatedSondrel
 from nodes import SESSIONS, Node, cables
 from source_services import add_user, fill_root
 from test_secret_matrix import check_nothing_told
 from world import DTM, HOST, ROOT, SESSION, SUDOER, processes, read, use_shell, wait_until, write
+
+
+sys.path.append(f"{ROLE}/filter_plugins")
+from sondrel_summary import sondrel_failure, sondrel_summary  # noqa: E402  it lies in the role
 
 
 @pytest.fixture(autouse=True)
@@ -170,8 +175,10 @@ def test_moves_four_hosts_to_three_goes_on_where_one_failed_and_then_changes_not
         summary = first.summary()
         for name in ("old1", "old3", "old4"):
             place = re.escape(f"{SOURCES[name][1]}:{SESSIONS}/{name}")
-            assert re.fullmatch(rf"finished, [1-9][\d.]* k?B in \d+ files, {place}", summary[name]), summary
-        assert re.fullmatch(rf"failed at content, exit code 2, 0 B in 1 files, new1:{SESSIONS}/old2: .*"
+            assert re.fullmatch(rf"finished, [1-9][\d.]* k?B in \d+ files, 0 errors, \d+ warnings?, \d+ notes?, {place}",
+                                summary[name]), summary
+        assert re.fullmatch(rf"failed at content, exit code 2, 0 B in 1 files, 0 errors, \d+ warnings?, \d+ notes?, "
+                            rf"new1:{SESSIONS}/old2: .*"
                             + re.escape(COMPLAINT), summary["old2"]), summary
         assert re.fullmatch(r"3 of 4 finished, [1-9][\d.]* k?B", summary[""])
 
@@ -309,13 +316,28 @@ def test_a_run_begun_by_hand_is_waited_for_and_left_alone(imitated):
 
 
 def test_tells_of_problems_of_a_success(imitated):
-    imitated.does("dump", f"echo '<dump><problems><problem severity=\"error\"/></problems></dump>' > {PLACE}/dump.xml")
+    problems = "".join(f'<problem severity="{severity}"/>' for severity in ("error", "warning", "info", "warning"))
+    imitated.does("dump", f"echo '<dump><problems>{problems}</problems></dump>' > {PLACE}/dump.xml")
     # Longer than a document that the role itself would read.
     imitated.does("content", "echo \"<execution-result status='success'>$(yes '<message/>' | head -n 200000)"
                              f"</execution-result>\" > {PLACE}/transfer.result")
     begin(imitated)
     found = look(imitated, wait_seconds=30)
     assert (found["state"], found["problems"]) == ("finished", 200001)
+    assert {key: found[key] for key in ("counted", "errors", "warnings", "notes")} == {
+        "counted": True, "errors": 1, "warnings": 2, "notes": 1}
+    assert (found["dump"], found["log"]) == (f"{PLACE}/dump.xml", f"{PLACE}/migration.log")
+    line = sondrel_summary(["a"], {"a": {"sondrel_migration": {**found, "destination": "new"}}})[0]
+    assert line.endswith(f"1 error, 2 warnings, 1 note, 200000 problems of the content, new:{PLACE}"), line
+
+
+def test_a_failure_says_what_is_known_and_where_to_look(imitated):
+    imitated.does("dump", f"echo '<dump><problems><problem severity=\"error\"/></problems></dump>' > {PLACE}/dump.xml")
+    imitated.does("content", "exit 2")
+    begin(imitated)
+    found = {**look(imitated, wait_seconds=30), "destination": "new"}
+    assert sondrel_failure(found) == (f"new: failed at content, exit code 2, 0 B in 0 files, 1 error, 0 warnings, 0 notes, "
+                                      f"new:{PLACE}. See {PLACE}/migration.log, and {PLACE}.log for what the runs said")
 
 
 def test_what_was_refused_and_then_made_by_hand_is_finished(imitated):
@@ -378,6 +400,6 @@ def test_a_destination_out_of_reach_and_one_without_the_program_stop_nobody(imit
     assert found.count("changed") == {"one": 0, "two": 0, "three": 1}
     assert found.count("failed") == {"one": 1, "two": 1, "three": 0}
     summary = found.summary()
-    assert summary["one"].startswith("unknown, ") and HOST in summary["one"]
+    assert summary["one"].startswith("unknown, 0 B in 0 files, ") and HOST in summary["one"]
     assert summary["two"].startswith("unknown, ") and "/mnt/absent" in summary["two"]
     assert summary["three"].startswith("finished, ") and summary[""] == "1 of 3 finished, 0 B"

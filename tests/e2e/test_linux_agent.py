@@ -1,6 +1,8 @@
 """The agent "linux" through the tool, from a web host with real servers to the unpacked archives."""
 import os
+import re
 import shutil
+import signal
 import subprocess
 import xml.etree.ElementTree
 
@@ -9,8 +11,10 @@ import pytest
 from linux_host import (DATABASE_SECRETS, FULL_TREES, STAGE, TREES, Dump, Gate, assert_same_tree,
                         check_schema, databases, entry, install_linux_agent, mysql_state, populate,
                         populate_apache, postgresql_state, restored, unpack, web_host)
+from migrating import MIGRATE, State, start
 from source_services import add_user, owned
-from world import (LOGIN_KINDS, PLAIN, ROOT, SUDOER, Destination, Session, SourceHost, files_below,
+from terminal import Terminal
+from world import (HOST, LOGIN_KINDS, PLAIN, ROOT, SUDOER, Destination, Session, SourceHost, files_below,
                    owner_and_mode, read, wait_until, write)
 
 # Configuration, certificate and key: what they lead to is taken along.
@@ -315,6 +319,35 @@ def test_a_dump_whose_caller_is_gone_ends_by_itself_and_counts_for_the_next(host
         dump = dumped(ROOT)
         assert {name: os.stat(name).st_ino for name in archives_of(ROOT)} == kept
         assert dump.problems("error") == [] and len(kept) == len(dump.files())
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGKILL], ids=["Ctrl-C", "kill"])
+def test_a_migration_waits_for_the_dump_of_an_interrupted_run(host, number):
+    gate = Gate(2)
+    given = [f"--session-path={Session().path}", f"--host={HOST}", "--login=root", f"--agent-parent={ROOT.home}",
+             "--dump-all", "--keep-agent"]
+    with SourceHost(options=[f"SetEnv PATH={gate.path}"]):
+        stopped = start(*given)
+        gate.wait()
+        stopped.send(number)
+        assert stopped.finish().code in (128 + number, -number)
+        agent_dir = f"{ROOT.home}/{State().agent_folder}"
+        with Terminal([MIGRATE, *given], {"QRV_PASSWORD": ROOT.password}, columns=200) as again:
+            again.shows(f"dump: a dump that an earlier run started is still at work on {HOST}".encode())
+            again.shows(b"\r\x1b[Kdump: content, 1 of ")
+            made, = [os.path.join(parent, name) for parent, _, names in os.walk(f"{agent_dir}/content")
+                     for name in names if re.search(r"\.gz$", name)]
+            kept = os.open(made, os.O_RDONLY)
+            gate.open()
+            assert again.finish() == 0, again.shown
+        # Packed once: what was fetched is this file, and not another one of its name.
+        fetched = made.replace(agent_dir, ARCHIVES)
+        assert os.fstat(kept).st_nlink == 0
+        with os.fdopen(kept, "rb") as archive:
+            assert archive.read() == read(fetched)
+    dump = Dump(Session().read("dump.xml"))
+    assert dump.problems("error") == []
+    assert set(files_below(ARCHIVES)) == {os.fsencode(name) for name in [*dump.files(), "dump.xml"]}
 
 
 def archives_of(login):

@@ -287,14 +287,14 @@ WAITING = "{0}: a dump that an earlier run started is still at work on src.examp
 def test_waits_for_an_earlier_dump_and_goes_on_with_it(imitated, step, result, end):
     """The agent still refuses the step when its status says the end for the first time."""
     imitated.does(step, refused_until(f"[ $(ls -d {IMITATION}/runs/*.status | wc -l) -ge 2 ]", result))
-    imitated.does("status", f"printf '%s' '{standing(end, 5)}'")
+    imitated.does("status", f"[ -d {IMITATION}/runs/*.remove ] || printf '%s' '{standing(end, 5)}'")
     outcome = imitated.run(*SUDO_ALL, login=SUDOER)
     assert (outcome.code, outcome.stderr) == (0, b""), outcome
     before = STEPS[:STEPS.index(step)]
-    assert imitated.runs() == [*before, step, "status", step, "status", *STEPS[len(before):]]
+    # The last one sees whether the agent is gone.
+    assert imitated.all_runs() == [*before, step, "status", step, "status", *STEPS[len(before):], "status"]
     assert outcome.stdout.decode().count(WAITING.format(step)) == 1
-    asked = imitated.arguments(len(before) + 1)
-    assert asked == [f"--session-path={SESSION}", "--host=src.example", "--login=sudoer", "--sudo-password",
+    assert imitated.arguments_of_status() == [f"--session-path={SESSION}", "--host=src.example", "--login=sudoer", "--sudo-password",
                      f"--agent-dir=/home/sudoer/{State().agent_folder}", "--agent-name=linux", "--get-dumping-status"]
     assert State().progress() == progress_of(*["done"] * 5)
 
@@ -302,7 +302,7 @@ def test_waits_for_an_earlier_dump_and_goes_on_with_it(imitated, step, result, e
 def test_shows_how_far_the_dump_is_that_it_waits_for(imitated):
     write(f"{IMITATION}/document", standing("content", 2))
     imitated.does("dump", refused_until(f"[ -e {IMITATION}/go ]"))
-    imitated.does("status", f"cat {IMITATION}/document")
+    imitated.does("status", f"[ -d {IMITATION}/runs/*.remove ] || cat {IMITATION}/document")
     with Terminal([imitated.program, *ALL], {"QRV_PASSWORD": "x"}, columns=100) as terminal:
         terminal.shows(b"\r\x1b[Kdump: content, 2 of 5 done, 2.test")
         assert status()["dump"].endswith(": content, 2 of 5 done, 2.test")
@@ -317,10 +317,10 @@ def test_shows_how_far_the_dump_is_that_it_waits_for(imitated):
 def test_asks_the_agent_again_when_the_status_of_a_dump_stays_as_it_was(imitated):
     """As after kill -9, or when the host was restarted after the refusal."""
     imitated.does("dump", refused_until(f"[ $(ls -d {IMITATION}/runs/*.dump | wc -l) -ge 2 ]"))
-    imitated.does("status", f"printf '%s' '{standing('content', 2)}'")
+    imitated.does("status", f"[ -d {IMITATION}/runs/*.remove ] || printf '%s' '{standing('content', 2)}'")
     outcome = imitated.run(*ALL)
     assert (outcome.code, outcome.stderr) == (0, b""), outcome
-    assert imitated.runs().count("dump") == 2 and 4 <= imitated.runs().count("status") <= 6
+    assert imitated.runs().count("dump") == 2 and 5 <= imitated.all_runs().count("status") <= 7
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGUSR1], ids=["SIGINT", "SIGUSR1"])
@@ -333,7 +333,8 @@ def test_waiting_for_an_earlier_dump_can_be_stopped(imitated, number):
     outcome = running.finish()
     assert (outcome.code, outcome.stderr) == (3 if number == signal.SIGUSR1 else 130, b"")
     assert State().progress() == progress_of("done", "done", "stopped")
-    imitated.does("dump", "exit 0")
+    for step in ("dump", "status"):
+        imitated.does(step, "exit 0")
     assert imitated.run(f"--session-path={SESSION}").code == 0
 
 
@@ -565,6 +566,30 @@ def test_going_back_to_the_removal_removes_an_agent_that_was_kept(imitated):
     assert imitated.run(f"--session-path={SESSION}").code == 0
     assert imitated.runs() == [*STEPS[:4], "remove", "remove"]
     assert status()["state"] == "finished"
+
+
+@pytest.mark.parametrize("code", [11, 18])
+def test_a_removal_that_cannot_be_seen_to_be_done_is_not_done(imitated, code):
+    """sondrel itself ends with 0 when it loses the connection there."""
+    imitated.does("status", f"printf 'gone' >&2; exit {code}")
+    outcome = imitated.run(*ALL)
+    assert (outcome.code, outcome.stderr.decode().splitlines()[0]) == (code, "gone")
+    assert State().progress() == progress_of(*["done"] * 4, "failed")
+    imitated.does("status", "exit 0")
+    assert imitated.run(f"--session-path={SESSION}").code == 0
+    assert imitated.runs() == [*STEPS, "remove"]
+
+
+def test_an_agent_that_is_still_there_was_not_removed(imitated):
+    imitated.does("status", "echo 'INFO k.log: log'; printf '%s' '<dumping-status version=\"1\"/>'")
+    outcome = imitated.run(*ALL)
+    reason = f"/root/{State().agent_folder} is still there on src.example"
+    assert (outcome.code, outcome.stderr.decode().splitlines()[0]) == (2, reason)
+    assert State().steps["remove"].text == reason
+    # With sudo it says so by its failure that there is nothing any more, and a log says nothing of it.
+    imitated.does("status", "echo 'INFO k.log: log'; printf 'Error during getting dumping status' >&2; exit 2")
+    outcome = imitated.run(f"--session-path={SESSION}")
+    assert (outcome.code, outcome.stderr) == (0, b"")
 
 
 def test_says_that_there_is_no_content_to_go_back_to(imitated):

@@ -11,16 +11,27 @@ def size_text(size):
             return "%.1f %s" % (size, unit)
 
 
+def counted(number, what):
+    return "%d %s%s" % (number, what, "" if number == 1 else "s")
+
+
+def problems_of(migration):
+    """What the dump names, and what the content came with, as parts of a line."""
+    counts = [counted(migration[what + "s"], what) for what in ("error", "warning", "note")]
+    messages = migration["problems"] - migration["errors"]
+    return (counts if migration["counted"] else []) + (
+        ["%s of the content" % counted(messages, "problem")] if messages else [])
+
+
 def line_of(name, migration):
-    """State, step, exit code, bytes, place and reason of one migration."""
+    """State, step, exit code, bytes, problems, place and reason of one migration."""
     if not migration:
         return name + ": not begun"
     parts = [migration["state"] + (" at " + migration["step"] if migration["step"] else "")]
     if migration["exit_code"]:
         parts.append("exit code %s" % migration["exit_code"])
     parts.append("%s in %s files" % (size_text(migration["bytes"]), migration["files"]))
-    if migration["problems"]:
-        parts.append("problems: %s" % migration["problems"])
+    parts += problems_of(migration)
     parts.append("%s:%s" % (migration["destination"], migration["session"]))
     # Of a source host's complaint, which may have lines of its own, one line is made.
     reason = " ".join(migration["reason"].split())
@@ -36,6 +47,14 @@ def sondrel_summary(hosts, hostvars):
                                    size_text(sum(found["bytes"] for _, found in migrations if found)))]
 
 
+def sondrel_failure(migration):
+    """Why a migration is not finished, what is known of it, and where to look."""
+    parts = [line_of(migration["destination"], migration)]
+    if migration["state"] != "unknown":
+        parts.append("See %s, and %s.log for what the runs said" % (migration["log"], migration["session"]))
+    return ". ".join(parts)
+
+
 class FilterModule:
     def filters(self):
-        return {"sondrel_summary": sondrel_summary}
+        return {"sondrel_summary": sondrel_summary, "sondrel_failure": sondrel_failure}

@@ -29,8 +29,9 @@ migration:
     C(state): finished, failed, stopped, cut short, waiting, running, queued (for a free slot), refused where the
     last run could not begin, or absent where there was none; C(step) at which it stands, and C(exit_code) of that;
     C(reason) of a failure; C(output), what the last run said at its end; C(steps), how each one went; C(bytes) and
-    C(files) of the content that is here; C(problems), messages of the result though it is a success, and errors
-    that the dump names; C(session), C(dump) and C(content), where it lies.
+    C(files) of the content that is here; C(errors), C(warnings) and C(notes), which the dump names,
+    and C(counted), false where there is no dump yet, or none that names any; C(problems), the errors and the messages of the result though it is a success; C(session), C(dump), C(content)
+    and C(log), where it lies.
 """
 
 LAST_LINES = 5
@@ -39,7 +40,8 @@ LOG_TAIL_BYTES = 1 << 16
 # The settings were refused, somebody else was at work, the program is missing.
 BEGUN_NOTHING = (1, 4, 127)
 # What the status of sondrel-migrate ends with.
-PROBLEMS = {"dump": r", errors in dump\.xml: (\d+)\Z", "content": r", problems in transfer\.result: (\d+)\Z"}
+DUMP_PROBLEMS = r", (\d+) errors?, (\d+) warnings?, (\d+) notes?\Z"
+CONTENT_PROBLEMS = r", problems in transfer\.result: (\d+)\Z"
 
 
 def last_run(session):
@@ -78,9 +80,12 @@ def size_of(folder):
 
 
 def problems_in(status):
-    """How many messages the content came with, and how many errors the dump, though both are done."""
-    found = [re.search(pattern, status.get(step, "")) for step, pattern in PROBLEMS.items()]
-    return sum(int(number.group(1)) for number in found if number)
+    """What the dump names and what the content came with, though both are done."""
+    in_dump = re.search(DUMP_PROBLEMS, status.get("dump", ""))
+    errors, warnings, notes = map(int, in_dump.groups()) if in_dump else (0, 0, 0)
+    in_content = re.search(CONTENT_PROBLEMS, status.get("content", ""))
+    return {"counted": bool(in_dump), "errors": errors, "warnings": warnings, "notes": notes,
+            "problems": errors + (int(in_content.group(1)) if in_content else 0)}
 
 
 def standing(text, at_work):
@@ -122,8 +127,8 @@ def collected(module, program, session):
     content = recorded_settings(session).get("dumps-dir", session + "/archives")
     size, count = size_of(content)
     return {"state": state, "step": step, "exit_code": code, "reason": reason, "output": output, "steps": steps,
-            "bytes": size, "files": count, "problems": problems_in(status), "session": session,
-            "dump": session + "/dump.xml", "content": content}
+            "bytes": size, "files": count, "session": session, "dump": session + "/dump.xml", "content": content,
+            "log": session + "/migration.log", **problems_in(status)}
 
 
 def wait(module, program, session, seconds):
