@@ -66,7 +66,7 @@ void refuseForeignGroup(const std::string& session, Console& console) {
       "sondrel-migrate: session directories are given to the group with the number "
       "of the account qrvadm, and " +
       foreign + " is not its own, which is " + describeGroup(account.group) +
-      ". Make an account whose numbers are equal, as sondrel(8) shows");
+      ". Make an account whose numbers are equal, as sondrel-migrate(8) shows");
   switch (mayGroupEnter(given, session)) {
     case MAY_NOT_ENTER: return;
     case UNKNOWN: fail("cannot find out whether " + foreign + " may enter " + session);

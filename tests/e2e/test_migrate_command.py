@@ -410,7 +410,7 @@ def unequal_numbers():
 
 FOREIGN = ('sondrel-migrate: session directories are given to the group with the number of the account qrvadm, and '
            'group 100 ("users") is not its own, which is 101 ("qrvadm"). Make an account whose numbers are equal, as '
-           'sondrel(8) shows')
+           'sondrel-migrate(8) shows')
 
 
 def may_be_read_by_users(path):
