@@ -252,8 +252,8 @@ END
     my ($sites, $problems) = sites_of($hosts, 'srv/all/page' => 'x', 'srv/a/in/page' => 'x', 'srv/empty/' => undef,
         'usr/share/apache2/icons/page' => 'x');
     is_deeply $sites->{'a.test'}{roots}, ['/srv/a'], 'what all sites serve is no folder of one';
-    is_deeply $problems, ['warning /etc/apache2/apache2.conf: The folder /srv/all is served for all sites and belongs to'
-        . ' none: it is in no archive'], 'but named' or diag explain $problems;
+    is_deeply $sites->{'a.test'}{common}, ['/srv/all'], 'but one that it comes with';
+    is_deeply $problems, [], 'without a problem' or diag explain $problems;
 }
 
 {

@@ -137,7 +137,7 @@ sub sites_of_one {
     }
     $self->note_user_folders(@hosts);
     my @sites = join_blocks($tree, $problems, @blocks);
-    $self->note_folders_of_all(@sites);
+    $self->add_folders_of_all(@sites);
     return @sites;
 }
 
@@ -245,16 +245,15 @@ sub add_source {
     return;
 }
 
-# An alias outside of the virtual hosts is in all of them, and its folder in no site.
-sub note_folders_of_all {
+# An alias outside of the virtual hosts is in all of them: its directory is of each site.
+sub add_folders_of_all {
     my ($self, @sites) = @_;
     my $tree = $self->{tree};
     my @roots = grep {defined} map { $tree->real($_) } map { @{ $_->{roots} } } @sites;
-    for my $folder (grep { !is_packaged($_) && $tree->list($_) } @{ $self->{folders_of_all} }) {
+    for my $folder (grep { $tree->list($_) } @{ $self->{folders_of_all} }) {
         my $real = $tree->real($folder);
         next if grep { below($real, $_) } @roots;
-        $self->{problems}->add(severity => 'warning', object => $self->{base_block}{file},
-            text => "The folder $folder is served for all sites and belongs to none: it is in no archive");
+        add_once($_->{ is_packaged($folder) ? 'packaged' : 'common' }, $folder) for @sites;
     }
     return;
 }

@@ -30,9 +30,9 @@ sub new_block {
     return {
         server => $server, file => $file, line => $line, names => [], root => undef, roots => [],
         listen => [], tls => undef, redirects => [], access => [], logs => [], config => [],
-        files => [], proxies => [], programs => [], packaged => [], blocks => [], php_settings => {},
-        php_admin => {}, php_addresses => [], php_module => 0, module_settings => {}, module_admin => {},
-        php_rules => [], php_user => undef, content => 0,
+        files => [], proxies => [], programs => [], packaged => [], common => [], blocks => [],
+        php_settings => {}, php_admin => {}, php_addresses => [], php_module => 0, module_settings => {},
+        module_admin => {}, php_rules => [], php_user => undef, content => 0,
     };
 }
 
@@ -185,7 +185,7 @@ sub absorb {
     my ($site, $block, @names) = @_;
     add_once($site->{names}, @names ? @names : @{ $block->{names} });
     add_once($site->{$_}, @{ $block->{$_} })
-        for qw(roots logs config files proxies php_addresses blocks programs packaged);
+        for qw(roots logs config files proxies php_addresses blocks programs packaged common);
     add_records($site->{$_}, @{ $block->{$_} }) for qw(listen redirects access);
     for my $values (qw(php_settings php_admin module_settings module_admin)) {
         $site->{$values} = { %{ $block->{$values} }, %{ $site->{$values} } };

@@ -53,7 +53,7 @@ sub find_packages {
     for my $site (@{ $self->{sites} }) {
         @$site{qw(packages settings_files beside)} = ([], [], []);
         breathe();
-        for my $root (@{ $site->{roots} }, $self->served_directories($site)) {
+        for my $root (@{ $site->{roots} }, @{ $site->{common} || [] }, $self->served_directories($site)) {
             my $entries = $self->entries_of($root) or next;
             push @{ $of_site{ $site->{name} } }, { root => $root, entries => $entries };
         }
@@ -194,6 +194,8 @@ sub describe {
         # The links on the way to a root are packed with its application.
         push @{ $site->{ways}{$above} }, $root if defined $above;
     }
+    # These are of all sites of the server, and packed with the first.
+    push @paths, grep { !$site->{of_packages}{ $tree->real($_) || '' } } @{ $site->{common} || [] };
     add_once(\@paths, @directories, map { $_->{runtime} } @{ $site->{services} });
     for my $package (@{ $site->{packages} }) {
         my $content = $self->{content}{ $package->{id} }
