@@ -14,6 +14,7 @@ use Agent::Process qw(run start finish which);
 use Imitated qw(problem_texts);
 use Linux::Apache;
 use Linux::Nginx;
+use Linux::Php;
 use Linux::Tree;
 
 sub free_port {
@@ -267,6 +268,159 @@ END
                 'x.test' => q(http://a.test/x\\y'z) });
         });
     }
+}
+
+# The settings that PHP itself sees, asked from a script in the document root.
+sub php_settings {
+    my ($port, $host, $folder, @names) = @_;
+    write_file("$folder/$host/ask.php", '<?php foreach (explode(",", $_GET["n"]) as $n) { echo $n, "=", ini_get($n), "\n"; }');
+    my $socket = IO::Socket::INET->new(PeerAddr => '127.0.0.1', PeerPort => $port, Timeout => 10) or return;
+    print $socket 'GET /ask.php?n=', join(',', @names), " HTTP/1.0\r\nHost: $host\r\n\r\n";
+    my $answer = do { local $/; <$socket> };
+    $answer =~ s/\A.*?\r\n\r\n//s;
+    return { map { /\A(.*?)=(.*)\z/ ? ($1 => $2) : () } split /\n/, $answer };
+}
+
+# Compares the settings that a site is said to have with what PHP says.
+sub settings_agree {
+    my ($port, $folder, @sites) = @_;
+    for my $site (grep { $_->{php} } @sites) {
+        my $settings = { %{ $site->{php}{settings} } };
+        s/\Aoff\z/0/ for values %$settings;
+        is_deeply php_settings($port, $site->{name}, $folder, keys %$settings), $settings,
+            "PHP has the settings that $site->{name} is said to have" or diag explain $site->{php};
+    }
+    return;
+}
+
+{
+    my $port = free_port();
+    my $folder = folder_with(qw(a.test b.test home/ann/public_html));
+    my ($php) = glob '/etc/apache2/mods-available/php*.load';
+    (my $of_php = $php) =~ s/\.load\z/.conf/;
+    my $modules = '/usr/lib/apache2/modules';
+    write_file("$folder/apache2.conf", join '', <<"END", <<'END', <<"END");
+ServerRoot $folder
+ServerName main.test
+Listen 127.0.0.1:$port
+PidFile $folder/pid
+ErrorLog $folder/error.log
+User nobody
+Group nogroup
+LoadModule mpm_prefork_module $modules/mod_mpm_prefork.so
+LoadModule authz_core_module $modules/mod_authz_core.so
+LoadModule mime_module $modules/mod_mime.so
+LoadModule userdir_module $modules/mod_userdir.so
+TypesConfig /dev/null
+Include $php
+Include $of_php
+Define TOP $folder
+Define PORT $port
+END
+php_admin_value memory_limit 131M
+php_value default_charset latin1
+<Directory ${TOP}>
+    AllowOverride All
+    php_value user_agent of-directory
+</Directory>
+<Directory ${TOP}/b.test/in>
+    php_value user_agent of-part
+</Directory>
+<Directory ${TOP}/home/*/public_html>
+    php_admin_flag engine Off
+</Directory>
+<DirectoryMatch "/a\.test">
+    php_value auto_detect_line_endings 0
+    php_value arg_separator.output of-expression
+</DirectoryMatch>
+<VirtualHost 127.0.0.1:${PORT}>
+    ServerName a.test
+    DocumentRoot ${TOP}/a.test
+    php_value memory_limit 1M
+    php_value user_agent of-host
+    php_value default_charset koi8-r
+    <FilesMatch "\.php$">
+        php_value sendmail_from of-scripts
+    </FilesMatch>
+    <Files "other.php">
+        php_value mail.log of-others
+    </Files>
+</VirtualHost>
+END
+<VirtualHost 127.0.0.1:$port>
+    ServerName b.test
+    DocumentRoot $folder/b.test
+</VirtualHost>
+END
+    write_file("$folder/b.test/.htaccess", "php_value user_agent of-folder\nphp_value memory_limit 2M\n");
+    my $problems = Agent::Problems->new;
+    my $found = Linux::Apache::look(Linux::Tree->new, $problems, instances => [{ main => "$folder/apache2.conf" }]);
+    my @sites = @{ $found->{sites} };
+    my $reader = Linux::Php->new(Linux::Tree->new, $problems);
+    $_->{php} = $reader->of_site($_) for @sites;
+    is_deeply [map { "$_->{name} $_->{php}{handler}" } @sites], ['a.test module', 'b.test module'],
+        'PHP is a module of the server';
+    with_server($port, [which('apache2'), '-X', '-f', "$folder/apache2.conf"], sub {
+        settings_agree($port, $folder, @sites);
+    });
+    is_deeply problem_texts($problems), [], 'without a problem' or diag explain problem_texts($problems);
+}
+
+{
+    my ($port, $php_port) = (free_port(), free_port());
+    my $folder = folder_with(qw(c.test));
+    my ($program) = glob '/usr/sbin/php-fpm?.?';
+    write_file("$folder/fpm.conf", <<"END");
+[global]
+error_log = $folder/fpm.log
+daemonize = no
+[c]
+listen = 127.0.0.1:$php_port
+user = nobody
+pm = static
+pm.max_children = 1
+php_admin_value[memory_limit] = 131M
+php_value[user_agent] = of-pool
+php_value[default_charset] = latin1
+php_admin_flag[html_errors] = off
+END
+    write_file("$folder/c.test/.user.ini", "user_agent = of-folder\nmemory_limit = 2M\nsendmail_from = of-folder\n"
+        . "error_prepend_string = of-folder\nerror_append_string = of-folder\n");
+    write_file("$folder/nginx.conf", <<"END");
+daemon off; pid $folder/pid; error_log $folder/error.log; user root;
+events {}
+http {
+    access_log off;
+    client_body_temp_path $folder/t; proxy_temp_path $folder/t; fastcgi_temp_path $folder/t; uwsgi_temp_path $folder/t;
+    scgi_temp_path $folder/t;
+    server { listen 127.0.0.1:$port; server_name c.test; root $folder/c.test;
+        location ~ \.php\$ {
+            fastcgi_pass 127.0.0.1:$php_port;
+            fastcgi_param SCRIPT_FILENAME \$document_root\$fastcgi_script_name;
+            fastcgi_param DOCUMENT_ROOT \$document_root;
+            fastcgi_param QUERY_STRING \$query_string;
+            fastcgi_param REQUEST_METHOD \$request_method;
+            fastcgi_param PHP_VALUE "default_charset=koi8-r
+memory_limit=3M
+error_prepend_string=of-request";
+            fastcgi_param PHP_ADMIN_VALUE "sendmail_from=of-request";
+        }
+    }
+}
+END
+    my $problems = Agent::Problems->new;
+    my $found = Linux::Nginx::look(Linux::Tree->new, $problems, instances => [{ main => "$folder/nginx.conf", prefix => $folder }]);
+    my ($site) = @{ $found->{sites} };
+    my $reader = Linux::Php->new(Linux::Tree->new, $problems);
+    $reader->read_pool_file("$folder/fpm.conf", '8.2');
+    $reader->index_pools;
+    $site->{php} = $reader->of_site($site);
+    is $site->{php}{pool}, 'c', 'PHP has its pool';
+    with_server($php_port, [$program, '-y', "$folder/fpm.conf"], sub {
+        with_server($port, ['nginx', '-p', $folder, '-c', "$folder/nginx.conf"], sub {
+            settings_agree($port, $folder, $site);
+        });
+    });
 }
 
 done_testing;

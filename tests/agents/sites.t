@@ -272,8 +272,8 @@ END
     );
     my @php = map { $sites->{$_}{php} } qw(a.test b.test);
     is_deeply [map { $_->{pool_user} } @php], [qw(ann ann)], 'a file that pools include is part of each of them';
-    is_deeply $php[0]{settings}, { from_file => 1, by_admin => 1, by_request => 2, of_request => 1 },
-        'what an administrator sets counts' or diag explain $php[0]{settings};
+    is_deeply $php[0]{settings}, { from_file => 1, by_admin => 2, by_request => 2, of_request => 1 },
+        'requests change settings of the pool, a file in the document root what is not an administrator\'s' or diag explain $php[0]{settings};
     is_deeply $php[0]{extensions}, [qw(curl gd opcache)], 'the extensions are those of the way that runs it';
     is_deeply $php[0]{env}, { PLACE => 'north; west', TMPDIR => '/tmp' }, 'the environment of a pool is known';
     is_deeply $sites->{'b.test'}{config}, [map {"/etc/$_"} qw(nginx/nginx.conf php/8.2/fpm/pool.d/all.conf

@@ -271,7 +271,7 @@ sub put_in_pool {
     if ($key =~ /\Aphp_(admin_)?(?:value|flag)\[(.+)\]\z/) {
         $pool->{settings}{$2} = $value;
         $pool->{admin}{$2} = 1 if $1;
-    }
+        }
     $pool->{env}{$1} = $value if $key =~ /\Aenv\[(.+)\]\z/;
     $pool->{$key} = $value if $key =~ /\A(?:user|group|listen|chroot|prefix)\z/;
     return;
@@ -305,30 +305,32 @@ sub run_of_site {
         return { version => $pool->{version}, handler => $pool->{name} ? 'fpm' : 'fastcgi',
             pool => $pool->{name}, pool_user => $pool->{user}, pool_file => $pool->{file},
             pool_files => $pool->{files}, listen => $listen, env => $pool->{env},
-            settings => in_force([@$pool{qw(settings admin)}], [@$site{qw(php_settings php_admin)}],
-                [{ $self->user_settings($site) }]) };
+            settings => $self->pool_settings($site, $pool) };
     }
     return { version => undef, handler => 'cgi', pool_user => $site->{php_user},
         settings => { $self->user_settings($site) } } if defined $site->{php_wrapper};
     return if !$site->{php_module};
     my $version = $site->{php_module} =~ /\./ ? $site->{php_module} : default_version($self->{tree});
     return { version => $version, handler => 'module', pool_user => $site->{php_user},
-        settings => in_force([@$site{qw(module_settings module_admin)}],
-            [{ $self->folder_settings($site) }]) };
+        settings => $self->module_settings($site) };
 }
 
-# The settings that hold where each of [settings, names in it that are the administrator's]
-# is set after the one before it: what an administrator has set, only one changes again.
-sub in_force {
-    my (%settings, %admin);
-    for my $level (@_) {
-        my ($own, $of_admin) = ($level->[0], $level->[1] || {});
-        for my $name (grep { !$admin{$_} || $of_admin->{$_} } keys %$own) {
-            $settings{$name} = $own->{$name};
-            $admin{$name} = 1 if $of_admin->{$name};
-        }
-    }
-    return \%settings;
+# The settings with a pool. What the web server sends with a request changes all that the pool
+# has set, the file in the document root what is not an administrator's.
+sub pool_settings {
+    my ($self, $site, $pool) = @_;
+    my %of_folder = $self->user_settings($site);
+    delete @of_folder{ keys %{ $pool->{admin} }, keys %{ $site->{php_admin} } };
+    return { %{ $pool->{settings} }, %{ $site->{php_settings} }, %of_folder };
+}
+
+# The settings of the module, where the file in the document root changes what is not an
+# administrator's.
+sub module_settings {
+    my ($self, $site) = @_;
+    my %of_folder = $self->folder_settings($site);
+    delete @of_folder{ keys %{ $site->{module_admin} } };
+    return { %{ $site->{module_settings} }, %of_folder };
 }
 
 sub pool_of {
