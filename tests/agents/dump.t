@@ -53,6 +53,9 @@ my ($tree) = imitated(
     'etc/nginx/sites-enabled/whole' => "server { listen 443 ssl; server_name whole.test; root /;\n"
         . "ssl_certificate /etc/letsencrypt/live/tls.test/fullchain.pem;\n"
         . "ssl_certificate_key /etc/letsencrypt/live/tls.test/privkey.pem; }\n",
+    'usr/local/openresty/nginx/conf/nginx.conf' => "http { include /srv/elsewhere/web.conf; }\n",
+    'srv/elsewhere/web.conf' => "gzip on;\n", 'opt/remi/php81/root/etc/php.ini' => '',
+    'usr/local/apache2/conf/httpd.conf' => '',
     'home/alice/' => [$ALICE, $ALICE], 'home/alice/app/public/' => [$ALICE, $ALICE],
     'home/alice/app/config.php' => 'code above the root', 'home/alice/app/public/index.php' => 'index',
     'home/bob/' => [$BOB, $BOB], 'home/bob/Maildir/cur/' => undef, 'home/bob/Maildir/new/' => undef,
@@ -136,7 +139,7 @@ is_deeply values_of('/dump/unassigned/domain/mailbox/@address'), ['x@only-mail.t
     "mail of nobody's domain is not lost";
 is found('count(//site[block/directive[@name="server"]/directive[@name="root"]])'), found('count(//site)'),
     'sites have the blocks that they are made of';
-is found('string(/dump/web-configuration/@file)'), '/etc/nginx/nginx.conf', 'and the host has the rest';
+is found('string(/dump/web-configuration[@name="nginx"]/@file)'), '/etc/nginx/nginx.conf', 'and the host has the rest';
 is found('string(//admin-info/@mail)'), 'admin@a.test', 'the administrator is told';
 is found('string(//client[@name="alice"]/cron)'), 'run this', 'jobs are told';
 is found('string(//client[@name="bob"]/cron/@when)'), '@daily', "so are those of the system's tables";
@@ -150,6 +153,10 @@ is_deeply values_of('//server/zone/@name'), [qw(a.test only-mail.test)], 'the ho
 is found('string(//server/ftp-account/@uid)'), $BOB, 'and the accounts of its FTP servers';
 is_deeply [grep { !{ map { $_ => 1 } @{ members('content/server/settings.tar.gz') } }->{$_} }
     qw(./var/bind/db.a ./etc/opendkim/keys ./etc/pure-ftpd/pureftpd.passwd)], [], "which are in the archive of its settings";
+my @of_servers = map {"./$_"} qw(opt/remi/php81/root/etc/php.ini srv/elsewhere/web.conf
+    usr/local/apache2/conf/httpd.conf usr/local/openresty/nginx/conf/nginx.conf);
+is_deeply [grep { my $file = $_; grep { $_ eq $file } @of_servers } @{ members('content/server/settings.tar.gz') }],
+    \@of_servers, 'the files of web servers and PHP are in the settings wherever they are';
 is_deeply members('content/sites/b.test.tar.gz'), ['./etc/nginx/sites-enabled/b'],
     'a root that sites share is packed once';
 is_deeply values_of('//domain[@name="b.test"]/content/@file'),

@@ -123,7 +123,7 @@ sub sites_of_one {
     my @hosts = virtual_hosts(@directives);
     $self->{configuration} = { name => $name, server => 'apache', file => $main, prefix => $config->{base},
         directives => \@directives, of_sites => { map { $_ => 1 } @hosts },
-        modules => [modules($told->{modules}, @directives)] };
+        modules => [modules($told->{modules}, @directives)], files => [$config->files] };
     $self->{definitions} = $self->definitions(grep { $_->{name} ne 'virtualhost' } @directives);
     $self->{global} = [grep { $_->{name} ne 'virtualhost' } @directives];
     $self->{base_block} = $self->main_block($main);

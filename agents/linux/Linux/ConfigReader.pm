@@ -84,6 +84,12 @@ sub text_of {
     return defined $told && $self->{tree}->is_file($file) ? $told : $self->{tree}->read_file($file);
 }
 
+# All files that were read, sorted.
+sub files {
+    my ($self) = @_;
+    return sort grep { $self->{parsed}{$_} } keys %{ $self->{parsed} };
+}
+
 # Compares what was read with the files that the server itself says it reads.
 sub note_missed {
     my ($self, $server, @files) = @_;

@@ -20,7 +20,9 @@ my $NOT_REUSABLE = '-';
 
 # What a new host may want to look up: servers' settings and the accounts.
 my @SETTINGS = qw(/etc/nginx /etc/apache2 /etc/httpd /etc/php /etc/php.ini /etc/php.d /etc/php-fpm.conf
-    /etc/php-fpm.d /etc/opt/remi /etc/mysql /etc/my.cnf /etc/my.cnf.d /etc/postgresql /etc/postfix
+    /etc/php-fpm.d /etc/opt/remi /etc/opt/rh /etc/sysconfig/httpd /usr/local/nginx/conf /opt/nginx/conf
+    /usr/local/openresty/nginx/conf /usr/local/apache2/conf /usr/local/etc/php /usr/local/etc/php-fpm.conf
+    /usr/local/etc/php-fpm.d /etc/mysql /etc/my.cnf /etc/my.cnf.d /etc/postgresql /etc/postfix
     /etc/dovecot /etc/exim4 /etc/exim /etc/aliases /etc/mailname /etc/crontab /etc/anacrontab /etc/cron.d
     /etc/cron.hourly /etc/cron.daily /etc/cron.weekly /etc/cron.monthly /etc/logrotate.d
     /etc/hosts /etc/hostname /etc/passwd /etc/group /etc/os-release /etc/sondrel
@@ -85,8 +87,17 @@ sub item {
 sub settings_of {
     my ($self, $server) = @_;
     my $name = $self->name_for('server', 'settings', '.tar');
-    my @paths = grep { $self->{tree}->exists($_) } @SETTINGS, $self->{inventory}->files_of_others;
+    my @paths = grep { $self->{tree}->exists($_) } @SETTINGS, $self->files_of_servers,
+        $self->{inventory}->files_of_others;
     return $self->item('settings', 'server', $server, $name, paths => \@paths);
+}
+
+# Files of web servers in other places than the usual ones, and of PHP where these have versions.
+sub files_of_servers {
+    my ($self) = @_;
+    my @files = map { @{ $_->{files} } } $self->{inventory}->configurations;
+    @files = grep { my $file = $_; !grep { below($file, $_) } @SETTINGS } @files;
+    return (@files, $self->{tree}->glob('/opt/remi/php*/root/etc'));
 }
 
 sub client {

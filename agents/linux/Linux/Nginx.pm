@@ -117,7 +117,7 @@ sub sites_of_one {
     $config->note_missed('nginx', @{ $told->{files} });
     $self->name_unknown(\%MAIN_BLOCK, @directives);
     $self->{configuration} = { name => $name, server => 'nginx', file => $self->{main},
-        prefix => $self->{prefix}, modules => [modules(@directives)],
+        prefix => $self->{prefix}, modules => [modules(@directives)], files => [$config->files],
         directives => \@directives, of_sites => {}, uses => [],
         definitions => Linux::Definitions->new(prefix => $name, names_of => \&defined_names) };
     return join_blocks($tree, $problems, map { $self->http_blocks($_->{block}) } named('http', @directives));

@@ -32,7 +32,8 @@ my $DEFAULT_NAME = qr/\Adefault(?:-\d+)?\z/;
 sub all { return @{ look(@_)->{sites} } }
 
 # { sites, configurations => [what the configuration of a web server says besides: { name,
-# server, file, prefix, directives, definitions, uses, of_sites }] }
+# server, file, files => [all that were read], prefix, modules, directives, definitions, uses,
+# of_sites }] }
 sub look {
     my ($tree, $problems) = @_;
     my $servers = Linux::WebServers->new(tree => $tree, problems => $problems);
