@@ -225,6 +225,11 @@ sub needs_of_maps {
 my @ALIASES = ('etc/aliases' => "team: :include:/etc/shadow\n", 'etc/shadow' => 'x');
 is_deeply needs_of_maps(0, @ALIASES), ['/etc/shadow'], 'aliases of root name further files';
 is_deeply needs_of_maps(1001, @ALIASES), [], 'those of another account do not make root pack what is not its own';
+my @NIS = ('etc/postfix/main.cf' => "alias_maps = hash:/etc/aliases, nis:mail.aliases\n", 'etc/aliases' => '');
+(undef, $problems) = found(@NIS);
+is_deeply $problems, [], 'Postfix asks NIS by itself, which is no problem where there is none';
+(undef, $problems) = found(@NIS, 'etc/yp.conf' => 'x');
+like $problems->[0], qr{\Aerror /etc/postfix/main.cf: The aliases are asked from nis}, 'but is where there is';
 for my $case (['mysql', 'warning'], ['ldap', 'error'], ['socketmap', 'error']) {
     my ($type, $severity) = @$case;
     (undef, $problems) = found('etc/postfix/main.cf' => "virtual_alias_maps = proxy:$type:/etc/postfix/x.cf\n");

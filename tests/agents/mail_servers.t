@@ -69,7 +69,6 @@ virtual_mailbox_base = ${place?{$place}:{/wrong}}/virtual
 virtual_mailbox_maps = hash:/etc/postfix/boxes
 virtual_alias_maps = hash:/etc/postfix/virtual, regexp:/etc/postfix/patterns
 virtual_alias_domains =
-alias_maps = hash:/etc/aliases
 transport_maps = hash:/etc/postfix/built
 smtp_sasl_password_maps = hash:/etc/postfix/passwords
 smtpd_tls_cert_file = /etc/postfix/own.pem

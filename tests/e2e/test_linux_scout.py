@@ -148,7 +148,7 @@ def test_finds_that_a_needed_program_is_missing(host):
     # No file that can be run is there, wherever one looks for it.
     subprocess.run(["mount", "--bind", "/dev/null", "/usr/bin/tar"], check=True)
     try:
-        assert findings(look(), "error") == {"tar": "No archives can be made without tar"}
+        assert findings(look(), "error") == {"tar": "No archives can be made without tar: install it"}
     finally:
         subprocess.run(["umount", "/usr/bin/tar"], check=True)
 

@@ -8,6 +8,7 @@ use Linux::HostProgram qw(answer_of);
 use Linux::Postfix;
 
 my $ALIASES = '/etc/aliases';
+my $NIS = '/etc/yp.conf';
 
 # Kept as a text beside the file that the server reads, or as a text only.
 my $WITH_TEXT = qr/\A(?:hash|btree|lmdb|cdb|dbm|sdbm|texthash|cidr|names|regexp|pcre)\z/;
@@ -44,6 +45,8 @@ sub names_of {
 sub map_of {
     my ($self, $map) = @_;
     my ($kind, $type, $file) = @$map{qw(kind type file)};
+    # Postfix asks NIS for aliases unless told otherwise, also where there is none.
+    return if $type eq 'nis' && !$self->{tree}->lstat($NIS);
     my $what = $self->what($kind);
     return if $file eq $Linux::Postfix::MAIN && $type !~ $ELSEWHERE && $type !~ $IN_DATABASE;
     if ($type =~ $IN_DATABASE) {
