@@ -327,6 +327,8 @@ void Migration::reportFailure(Step step, const RunOutcome& outcome) {
   if (!outcome.reason.empty()) console_.complain(outcome.reason);
   const std::vector<std::string> causes = causesOf(request_.sessionPath, step, outcome);
   for (std::size_t i = 1; i < causes.size(); ++i) console_.complain("  because: " + causes[i]);
+  const std::string remedy = remedyFor(step, joined(causes));
+  if (!remedy.empty()) console_.complain(remedy);
   console_.complain(std::string(nameOf(step)) + ": failed with exit code " +
                     std::to_string(outcome.exitCode) + "; " + request_.sessionPath +
                     "/migration.log tells more. Run this again to go on");
@@ -362,6 +364,25 @@ void Migration::reportProblems() {
         "An error is something that is missing from the result, a warning something that "
         "may not work on the new host; what to do is said in dump.xml");
   }
+}
+
+/// What to do about causes whose texts do not say it; empty for others.
+std::string Migration::remedyFor(Step step, const std::string& causes) const {
+  const auto tells = [&](const std::string& text) {
+    return causes.find(text) != std::string::npos;
+  };
+  if (step == Step::CONTENT && tells("Selected filesystem has only")) {
+    return "These are bytes. Make room for " + contentDirOf(state_.settings, request_.sessionPath) +
+           ", name another directory by --dumps-dir, or do without the check by --no-check-space";
+  }
+  const bool needsAgent = step == Step::DUMP || step == Step::CONTENT;
+  // Of a shell that is to go there, and of the agent's interpreter.
+  if (needsAgent && tells(state_.agentDir()) &&
+      (tells("can't cd to ") || tells("No such file or directory"))) {
+    return "The agent is no longer in " + state_.agentDir() + " on " + state_.settings.get("host") +
+           ". Run this again with --from=deploy";
+  }
+  return "";
 }
 
 std::string Migration::purposeOf(Step step) const {

@@ -65,6 +65,7 @@ class Migration {
   void recordEnd(Step step, const RunOutcome& outcome);
   int reportEnd(Step step, const RunOutcome& outcome);
   void reportFailure(Step step, const RunOutcome& outcome);
+  std::string remedyFor(Step step, const std::string& causes) const;
   int reportFinished(const std::string& introduction);
   void reportProblems();
   std::string purposeOf(Step step) const;

@@ -50,10 +50,15 @@ const char* const INTRODUCTION =
     "       sondrel-migrate status DIR\n"
     "\n"
     "Moves sites from another host to this one: asks the host what it is (scout), copies\n"
-    "the agent there (deploy), has it dump what is wanted (dump), fetches the files\n"
+    "the agent there (deploy), makes it dump what is wanted (dump), fetches the files\n"
     "(content) and removes the agent (remove). Each step is a run of sondrel. Run again\n"
     "on the same session it goes on at the step that failed, with the settings it had:\n"
-    "--session-path is enough then. \"status\" shows how far a migration is.\n";
+    "--session-path is enough then. \"status\" shows how far a migration is.\n"
+    "\n"
+    "For example, everything from a host whose root may log in by a password:\n"
+    "\n"
+    "  sondrel-migrate --session-path=/var/lib/migration/1 --host=source.example \\\n"
+    "      --login=root --dump-all\n";
 
 const char* const PASSWORDS =
     "\n"

@@ -137,7 +137,7 @@ const std::vector<SettingKind>& settingKinds() {
       {"sudo", nullptr, std::nullopt, "become root there by sudo"},
       {"agent-name", "NAME", Step::DEPLOY, "the agent; \"linux\" if not given"},
       {"agent-parent", "DIR", Step::DEPLOY,
-       "the folder there in which the agent's own is made; /root for root"},
+       "the directory there in which the agent's own is made; /root for root"},
       {"dump-all", nullptr, Step::DUMP, "dump everything; or else choose:"},
       {"domains", "A,B", Step::DUMP, "these domains"},
       {"clients", "A,B", Step::DUMP, "these clients"},
@@ -153,7 +153,7 @@ const std::vector<SettingKind>& settingKinds() {
       {"dumps-dir", "DIR", Step::CONTENT, "where content files go; the session's archives/"},
       {"no-check-space", nullptr, std::nullopt, "do not ask whether there is room for them"},
       {"keep-agent", nullptr, std::nullopt, "leave the agent on the source host"},
-      {"verbose", nullptr, std::nullopt, "have sondrel log to standard error as well"},
+      {"verbose", nullptr, std::nullopt, "make sondrel log to standard error as well"},
   };
   return kinds;
 }
@@ -207,7 +207,9 @@ void checkComplete(const Settings& settings) {
     if (!settings.has(name)) refuse(std::string("--") + name + " is missing");
   }
   if (!settings.has("agent-parent") && settings.get("login") != "root") {
-    refuse("--agent-parent is missing: only root has one by itself");
+    refuse(
+        "--agent-parent is required unless --login is root: a directory on the source host that "
+        "the login can reach, such as its home");
   }
   checkSelection(settings);
 }

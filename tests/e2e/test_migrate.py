@@ -137,6 +137,18 @@ def test_goes_on_at_the_step_that_failed(source):
     assert archives() == PAGES
 
 
+def test_says_how_an_agent_that_is_gone_is_copied_again(source):
+    """As with a directory in the memory of a host that was restarted."""
+    assert migrate(*in_place(ROOT, "--dump-all", "--keep-agent")).code == 0
+    shutil.rmtree(f"{ROOT.home}/{State().agent_folder}")
+    outcome = migrate(f"--session-path={SESSION}", "--from=dump")
+    remedy = (f"The agent is no longer in {ROOT.home}/{State().agent_folder} on {HOST}. "
+              "Run this again with --from=deploy")
+    assert outcome.code == 2 and remedy in outcome.stderr.decode().splitlines(), outcome
+    assert migrate(f"--session-path={SESSION}", "--from=deploy").code == 0
+    assert archives() == PAGES
+
+
 FAILURES = {
     "refused": (11, dict(port="9"), {}, "scout"),
     "no such name": (16, dict(host="absent.invalid"), {}, "scout"),

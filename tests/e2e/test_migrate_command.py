@@ -354,6 +354,14 @@ def test_another_failure_of_a_dump_is_shown_and_not_waited_for(imitated):
                                                         "  because: stderr messages: no dump today"]
 
 
+def test_says_what_to_do_where_there_is_no_room(imitated):
+    imitated.does("content", RESULT % ("Selected filesystem has only 1 free space, but 2 is needed for operation",
+                                       "transfer.result"))
+    lines = imitated.run(*ALL).stderr.decode().splitlines()
+    assert lines[2] == (f"These are bytes. Make room for {SESSION}/archives, name another directory by --dumps-dir, or do "
+                        "without the check by --no-check-space")
+
+
 def test_what_sondrel_says_of_a_dump_is_seen_as_it_comes_with_verbose(imitated):
     imitated.does("dump", f"echo first >&2; while [ ! -e {IMITATION}/go ]; do sleep 0.01; done")
     with Terminal([imitated.program, *ALL, "--verbose"], {"QRV_PASSWORD": "x"}) as terminal:
@@ -457,7 +465,8 @@ NO_SETTINGS = {
     "no host": ([f"--session-path={SESSION}"], "--host is missing (see --help)"),
     "no login": ([f"--session-path={SESSION}", "--host=x"], "--login is missing (see --help)"),
     "no parent": ([f"--session-path={SESSION}", "--host=x", "--login=jo"],
-                  "--agent-parent is missing: only root has one by itself (see --help)"),
+                  "--agent-parent is required unless --login is root: a directory on the source host that the login can "
+                  "reach, such as its home (see --help)"),
     "no dump": (PLACE, "what to dump is missing: --dump-all, or a selection such as --domains=... (see --help)"),
     "all and some": ([*ALL, "--domains=a"],
                      "--dump-all dumps everything: leave it out, or the selection (see --help)"),
