@@ -241,8 +241,8 @@ END
     is $sites{default}{root}, '/var/www/html', 'which hosts without one take over';
     is $sites{'v.test'}{root}, '/srv/v', 'folders are included with all below';
     is $sites{'v.test'}{php_module}, 1, 'PHP may be a module';
-    is_deeply problem_texts($problems), ['warning /etc/httpd/conf/httpd.conf: 1 folders of users served as /~user'
-        . ' are no sites and are left out: /home/ann/public_html'], 'folders of users are mentioned'
+    is_deeply problem_texts($problems), ['error /etc/httpd/conf/httpd.conf: 1 folders of users served as /~user'
+        . ' are no sites and are left out; copy them by hand: /home/ann/public_html'], 'folders of users are mentioned'
         or diag explain problem_texts($problems);
 }
 
@@ -281,10 +281,10 @@ END
 END
     is_deeply $sites->{'a.test'}{roots}, ['/srv/a'], 'what an expression leads to is no root';
     is_deeply $problems, [
-        (map {"warning a.test: AliasMatch: $_; folders that an expression leads to are taken only where they lie"
-            . ' in a document root'} '^/m/(.*)$ leads to /srv/m/$1', '^/n/(.*) leads to /srv/n/$1'),
-        'warning /etc/apache2/apache2.conf: 1 folders of users served as /~user are no sites and are left out:'
-            . ' /srv/u/ann',
+        (map {"error a.test: AliasMatch: $_; folders that an expression leads to are taken only where they lie"
+            . ' in a document root: copy others by hand'} '^/m/(.*)$ leads to /srv/m/$1', '^/n/(.*) leads to /srv/n/$1'),
+        'error /etc/apache2/apache2.conf: 1 folders of users served as /~user are no sites and are left out; copy'
+            . ' them by hand: /srv/u/ann',
     ], 'but named' or diag explain $problems;
 }
 

@@ -156,8 +156,8 @@ END
     is_deeply $sites->{'~^(?<who>.+)\.users\.test$'}{roots}, ['/srv/users/ann', '/srv/users/bob'],
         'folders that an expression selects are all taken';
     is_deeply $sites->{'u.test'}{roots}, [], 'a folder that only a request decides is not taken';
-    is_deeply $problems, ['warning u.test: The folder /srv/$arg_x/y (/etc/nginx/sites-enabled/sites line 14)'
-        . ' depends on the request and was not found'], 'but a problem' or diag explain $problems;
+    is_deeply $problems, ['error u.test: The folder /srv/$arg_x/y (/etc/nginx/sites-enabled/sites line 14)'
+        . ' depends on the request and was not found: copy by hand what is served from it'], 'but a problem' or diag explain $problems;
 }
 
 {
@@ -238,7 +238,8 @@ END
     is_deeply $problems, [
         'error /etc/nginx/conf.d/mark.conf: Line 1: begins with a byte order mark',
         'error /etc/nginx/sites-enabled/sites: Line 1: "upstream" opens a block that is not closed',
-        'warning /etc/nginx/conf.d/wrong.conf: Line 1: the block "serverr" is not known and is left out',
+        'error /etc/nginx/conf.d/wrong.conf: Line 1: the block "serverr" is not known and is left out: correct its name'
+            . ' and dump again',
     ], 'or a block that is left out is named' or diag explain $problems;
 }
 

@@ -405,7 +405,8 @@ END
     is_deeply problem_texts($problems), [
         'info a.test: /home/ann/a/.htaccess has rules of its own (authtype, require, rewriterule), which are in the'
             . ' archive with it and not listed here; files of this name in the folders below are not looked into',
-        "warning a.test: /home/ann/a/.htaccess names the file /etc/shadow, which is not in the site's archive",
+        "error a.test: /home/ann/a/.htaccess names the file /etc/shadow, which is not in the site's archive: copy it"
+            . ' by hand',
     ], 'what .htaccess says and the record does not is named' or diag explain problem_texts($problems);
     is_deeply $site->{files}, [], 'and makes no other file a part of the site';
 }

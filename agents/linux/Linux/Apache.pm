@@ -437,8 +437,9 @@ sub note_alias_match {
     my $block = $self->{block};
     my $object = @{ $block->{names} } ? $block->{names}[0] : $block->{file};
     my $where = defined $to ? "$pattern leads to $to" : "$path leads to $pattern";
-    $self->{problems}->add(severity => 'warning', object => $object, text => "AliasMatch: $where; folders"
-        . ' that an expression leads to are taken only where they lie in a document root');
+    $self->{problems}->add(severity => 'error', object => $object, text => "AliasMatch: $where; folders"
+        . ' that an expression leads to are taken only where they lie in a document root: copy others by'
+        . ' hand');
     return;
 }
 
@@ -654,8 +655,8 @@ sub add_folders {
     if (!defined $before) {
         my $object = defined $exact[0] ? $exact[0] : $block->{file};
         my $text = "The folder $pattern ($block->{file}) depends on the request;"
-            . ' only those of its names are taken';
-        $self->{problems}->add(severity => 'warning', object => $object, text => $text);
+            . ' only those of its names are taken: copy others by hand';
+        $self->{problems}->add(severity => 'error', object => $object, text => $text);
         return;
     }
     (my $glob = $self->folder("$before\x01$after")) =~ s/([*?\[\\])/\\$1/g;
@@ -711,8 +712,9 @@ sub note_user_folders {
         my @found = grep { $self->{tree}->is_dir($_) } $self->{tree}->glob($pattern) or next;
         my $number = @found;
         splice @found, $MOST_NAMED, @found, '...' if @found > $MOST_NAMED;
-        $self->{problems}->add(severity => 'warning', object => $self->{base_block}{file},
-            text => "$number folders of users served as /~user are no sites and are left out: @found");
+        $self->{problems}->add(severity => 'error', object => $self->{base_block}{file},
+            text => "$number folders of users served as /~user are no sites and are left out; copy them by"
+                . " hand: @found");
     }
     return;
 }

@@ -31,8 +31,8 @@ sub note {
     for my $path (map { $_ =~ $FILE ? $1 : () } @lines) {
         my $real = $tree->real($path);
         next if defined $real && grep { below($real, $_) } map { $tree->real($_) || () } @{ $site->{roots} };
-        $problems->add(severity => 'warning', object => $site->{name},
-            text => "$file names the file $path, which is not in the site's archive");
+        $problems->add(severity => 'error', object => $site->{name},
+            text => "$file names the file $path, which is not in the site's archive: copy it by hand");
     }
     return;
 }

@@ -175,7 +175,8 @@ sub name_unknown {
     for my $block (grep { $_->{block} && !$known->{ $_->{name} } } @directives) {
         my ($name, $file, $line) = @$block{qw(name file line)};
         next if $name =~ /_by_lua_block\z/;
-        $self->{config}->problem('warning', $file, $line, qq(the block "$name" is not known and is left out));
+        $self->{config}->problem('error', $file, $line,
+            qq(the block "$name" is not known and is left out: correct its name and dump again));
     }
     return;
 }
@@ -489,8 +490,8 @@ sub folders {
         next if @matches && $word =~ /\$/;
         my $object = @{ $block->{names} } ? $block->{names}[0] : $directive->{file};
         my $text = "The folder $word ($directive->{file} line $directive->{line}) depends on the request"
-            . ' and was not found';
-        $self->{problems}->add(severity => 'warning', object => $object, text => $text);
+            . ' and was not found: copy by hand what is served from it';
+        $self->{problems}->add(severity => 'error', object => $object, text => $text);
     }
     return @found;
 }
