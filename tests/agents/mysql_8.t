@@ -125,6 +125,10 @@ EOF
 is problem_texts($problems)->[-1], 'warning MySQL database shop: The account `boss`@`%` loses its server-wide rights. Give it'
     . ' those anew that it needs: BACKUP_ADMIN', 'rights on the whole server are named';
 
+dumped($server, $databases{stock});
+like join("\n", @{ problem_texts($problems) }), qr/^error MySQL database stock: The account `audit`\@`%` and its grants are/m,
+    'an account whose grants the server does not tell is missing';
+
 my $details = $server->details($databases{shop});
 is_deeply $details->{users}, [{ name => 'app', host => 'localhost', kind => 'login', authentication => 'caching_sha2_password' },
     { name => 'boss', host => '%', kind => 'login', authentication => 'caching_sha2_password' },

@@ -277,6 +277,14 @@ my $result = Agent::Process::run(['runuser', '-u', 'nobody', '--', $^X, (map {"-
         . 'tree => Linux::Tree->new, problems => $p, limit => 20); print $_->{text}, "\n" for $p->all']);
 like $result->{out}, qr/\AThe server cannot be asked: .*role "nobody" does not exist/, 'a plain account is told what it misses';
 
+$source->sql('CREATE ROLE nobody LOGIN; GRANT shop TO nobody');
+$result = Agent::Process::run(['runuser', '-u', 'nobody', '--', $^X, (map {"-I$_"} @INC), '-MLinux::PostgreSql',
+    '-MLinux::Tree', '-MAgent::Problems', '-e', 'my $p = Agent::Problems->new; my ($s) = Linux::PostgreSql->found('
+        . 'tree => Linux::Tree->new, problems => $p, limit => 20); my ($shop) = grep { $_->{name} eq "shop" } $s->databases;'
+        . '$s->dump($shop, sub { }); print "$_->{severity} $_->{text}\n" for $p->all']);
+like $result->{out}, qr/^error The password of the role shop is not in the dump, since only administrators may read it\. Dump as/m,
+    'what only administrators may read is missing';
+
 $source->stop;
 like $server->dump($databases{shop}, sub { }), qr/failed: No such file or directory/, 'a dump from a server that went away fails';
 done_testing;

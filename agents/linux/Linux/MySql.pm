@@ -351,7 +351,8 @@ sub rights_on_data {
         my ($on, $table, $columns) = @$_;
         my ($rows, $error) = $self->ask("SELECT grantee, $columns, privilege_type, is_grantable"
             . " FROM information_schema.$table ORDER BY 1, 2, 3, 4, 5;");
-        $self->problem('warning', undef, "The grants cannot be read: $error") if defined $error;
+        $self->problem('error', undef, "The grants cannot be read, and are in no dump: $error")
+            if defined $error;
         for (@{ $rows || [] }) {
             my ($grantee, $database, $object, $column, $right, $grantable) = @$_;
             my ($name, $host) = grantee($grantee) or next;
@@ -642,9 +643,9 @@ sub account_statements {
         my ($statement, @defaults) = $self->account_statement($user);
         my ($given, $error) = $self->given($user, $database);
         if (!defined $statement || defined $error) {
-            my $why = defined $error ? ": $error" : ', since the server does not show its password';
-            $self->problem('warning', $database,
-                'The account ' . account($user) . " and its grants are not in the dump$why");
+            my $why = defined $error ? $error : 'the server does not show its password';
+            $self->problem('error', $database, 'The account ' . account($user) . ' and its grants are not in'
+                . " the dump: $why. Dump as root, or make the account on the new host");
             next;
         }
         push @accounts, $statement;

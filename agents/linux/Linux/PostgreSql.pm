@@ -273,7 +273,7 @@ sub roles {
     my $select = 'SELECT oid, ' . hex_of('rolname') . ", $columns";
     my ($rows, $error) = $self->ask("$select, " . hex_of("coalesce(rolpassword, '')") . ' FROM pg_authid');
     ($rows, $error) = $self->ask("$select FROM pg_roles") if defined $error;
-    $self->problem('warning', undef, "The roles cannot be read: $error") if defined $error;
+    $self->problem('error', undef, "The roles cannot be read, and are in no dump: $error") if defined $error;
     my %roles;
     for (@{ $rows || [] }) {
         my ($id, $name, $login, $inherit, $connections, $until, $rights, $password) = @$_;
@@ -556,8 +556,9 @@ sub role_statements {
     for my $user (@{ $database->{users} }) {
         my $role = $chosen{ $user->{id} };
         $out .= $self->role_statement($role);
-        $self->problem('warning', $database, "The password of the role $role->{name} is not in the dump,"
-            . ' since only administrators may read it') if !defined $role->{password};
+        $self->problem('error', $database, "The password of the role $role->{name} is not in the dump, since"
+            . ' only administrators may read it. Dump as root, or set it on the new host')
+            if !defined $role->{password};
         next if !length $role->{rights};
         $self->problem('warning', $database,
             "The role $role->{name} loses its server-wide rights. Give it those anew that it needs:"
