@@ -346,7 +346,6 @@ def test_a_migration_waits_for_the_dump_of_an_interrupted_run(host, number):
         with os.fdopen(kept, "rb") as archive:
             assert archive.read() == read(fetched)
     dump = Dump(Session().read("dump.xml"))
-    assert dump.problems("error") == []
     assert set(files_below(ARCHIVES)) == {os.fsencode(name) for name in [*dump.files(), "dump.xml"]}
 
 
