@@ -2,6 +2,28 @@ use strict;
 use warnings;
 use FindBin;
 use lib map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+# What others do in the moment before the program goes on, and the modes that files had before.
+my ($after_unlink, @modes);
+
+BEGIN {
+    no warnings 'once';
+    *CORE::GLOBAL::unlink = sub {
+        my $done = CORE::unlink(@_);
+        my $why = $!;
+        if (my $step = $after_unlink) {
+            undef $after_unlink;
+            $step->();
+        }
+        $! = $why;
+        return $done;
+    };
+    *CORE::GLOBAL::chmod = sub {
+        my ($mode, @files) = @_;
+        push @modes, map { sprintf '%o', (stat $_)[2] & 07777 } grep {ref} @files;
+        return CORE::chmod($mode, @files);
+    };
+}
+
 use File::Temp qw(tempdir);
 use Test::More;
 use Agent::Private;
@@ -64,6 +86,23 @@ unlink "$dir/document" or die $!;
 link "$secret/x", "$dir/document" or die $!;
 ok !eval { $private->open_append('document'); 1 }, 'neither is a second name of a file';
 is sprintf('%o', (stat "$secret/x")[2] & 07777), '644', 'whose mode stays';
+
+{
+    my $old = umask 0;
+    @modes = ();
+    $private->replace('born', '');
+    is_deeply \@modes, ['600'], 'nor was it ever open to others';
+    umask $old;
+    for my $case (['link', sub { symlink "$secret/z", "$dir/new.new" or die $! }],
+        ['file', sub { open my $planted, '>', "$dir/new.new" or die $! }])
+    {
+        my ($what, $plant) = @$case;
+        $after_unlink = $plant;
+        ok !eval { $private->replace('new', 'secret'); 1 }, "a $what that others have just put there is not written to";
+        CORE::unlink("$dir/new.new");
+    }
+    untouched('new');
+}
 
 {
     my $file = $private->create('half');

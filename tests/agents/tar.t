@@ -74,7 +74,8 @@ sub listing {
         open my $handle, '<', $file or die "$file: $!";
         $sums{ substr $file, length $from } = Digest::MD5->new->addfile($handle)->hexdigest;
     }
-    my $acls = ran('sh', '-c', 'cd "$1" && getfacl -R -n -P .', 'sh', $from);
+    # A directory lists its entries in an order of its own.
+    my $acls = ran('sh', '-c', 'cd "$1" && find . -print0 | LC_ALL=C sort -z | xargs -0 getfacl -n -P --', 'sh', $from);
     return { lines => \@lines, sums => \%sums, acls => $acls };
 }
 
@@ -103,8 +104,17 @@ ran('touch', '-d', '2001-02-03 04:05:06.123456789', "$top/site/~");
 ran('touch', '-h', '-d', '1999-01-01', "$top/site/soft");
 ran('touch', '-d', '2002-01-01', "$top/site/deep");
 
+# perl has no function of its own for this.
+sub set_attribute {
+    my ($path, $value) = @_;
+    ran('python3', '-c', 'import os,sys; os.setxattr(sys.argv[1], "trusted.note", sys.argv[2].encode())', $path, $value);
+    return;
+}
+set_attribute("$top/site/hard", 'noted');
+
 rest();
 my $result = packed(tar_of(['/site', '/site/deep']), 0);
+is ran('grep', '-ac', 'SCHILY.xattr.trusted.note=noted', "$dir/content/x.tar"), "1\n", 'attributes of files are in the archive';
 is_deeply [sort @notes], [
     'link|/site/absolute|/etc/passwd', 'link|/site/deep/out|../../away',
 ], 'links that lead out of the archive are named';
@@ -143,6 +153,16 @@ isnt $scan->(exclude => ["$top/site/deep"]), $before, 'so it does when something
 
 packed(tar_of(['/site'], exclude => ["$top/site/deep", "$top/absent"]), 0);
 ok !-e unpacked() . '/site/deep', 'what is to be left out is not there';
+
+mkdir "$top/site/$_" or die $! for 'deep*', '[d]eep', 'deepest', '[de]';
+fill("site/$_/inside", 'x') for 'deep*', '[d]eep', 'deepest', '[de]';
+packed(tar_of(['/site'], exclude => ["$top/site/deep*", "$top/site/[d]eep", "$top/site/[de]"]), 0);
+{
+    my $there = unpacked();
+    is_deeply [grep { -e "$there/site/$_" } 'deep', 'deep*', '[d]eep', 'deepest', '[de]'], [qw(deep deepest)],
+        'a name with the signs of a pattern leaves out no other';
+}
+ran('rm', '-r', map {"$top/site/$_"} 'deep*', '[d]eep', 'deepest', '[de]');
 
 {
     my $socket = IO::Socket::UNIX->new(Local => "$top/site/socket", Listen => 1) or die $!;

@@ -73,7 +73,8 @@ sub create {
     $self->make_folders($name);
     my $path = $self->path($name);
     unlink "$path.new" or $! == ENOENT or die "Cannot remove $path.new: $!\n";
-    sysopen my $handle, "$path.new", O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600
+    # With O_EXCL nothing that is there is opened, and no link followed.
+    sysopen my $handle, "$path.new", O_WRONLY | O_CREAT | O_EXCL, 0600
         or die "Cannot make $path.new: $!\n";
     my $file = bless { handle => $handle, path => $path, pid => $$ }, 'Agent::Private::File';
     $self->hand_over($handle, "$path.new");

@@ -1,0 +1,55 @@
+# Going into a folder leads to the one that was meant, whatever others put in its way meanwhile.
+use strict;
+use warnings;
+use FindBin;
+use lib map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Test::More;
+
+# Done once just before the program goes into a folder of this name.
+my (%before);
+
+BEGIN {
+    no warnings 'once';
+    *CORE::GLOBAL::chdir = sub {
+        my ($folder) = @_;
+        my $step = delete $before{$folder};
+        $step->() if $step;
+        return CORE::chdir($folder);
+    };
+}
+
+use Agent::Folder qw(enter leave);
+use Errno qw(EACCES);
+use File::Path qw(mkpath);
+use File::Temp qw(tempdir);
+
+my $top = tempdir(CLEANUP => 1);
+mkpath("$top/$_") for qw(site/public site/kept secret/public);
+
+ok enter($top, '/site/public'), 'a folder below others is entered';
+is_deeply [(stat '.')[0, 1]], [(stat "$top/site/public")[0, 1]], 'which is the current one then';
+leave();
+ok !enter($top, '/site/absent'), 'one that is not there is not';
+leave();
+
+symlink 'site', "$top/link" or die $!;
+ok !enter($top, '/link/public') && $! == EACCES, 'a link on the way is refused';
+leave();
+
+$before{site} = sub {
+    rename "$top/site", "$top/moved" or die $!;
+    symlink 'secret', "$top/site" or die $!;
+};
+ok !enter($top, '/site/public') && $! == EACCES, 'so is one that takes the place of a folder at that very moment';
+leave();
+unlink "$top/site" or die $!;
+rename "$top/moved", "$top/site" or die $!;
+
+$before{public} = sub {
+    rename "$top/site/public", "$top/site/old" or die $!;
+    rename "$top/secret/public", "$top/site/public" or die $!;
+};
+ok !enter($top, '/site/public') && $! == EACCES, 'and another folder in its place';
+leave();
+
+done_testing;
