@@ -114,7 +114,7 @@ set_attribute("$top/site/hard", 'noted');
 
 rest();
 my $result = packed(tar_of(['/site', '/site/deep']), 0);
-is ran('grep', '-ac', 'SCHILY.xattr.trusted.note=noted', "$dir/content/x.tar"), "1\n", 'attributes of files are in the archive';
+is run(['grep', '-ac', 'SCHILY.xattr.trusted.note=noted', "$dir/content/x.tar"])->{out}, "1\n", 'attributes of files are in the archive';
 is_deeply [sort @notes], [
     'link|/site/absolute|/etc/passwd', 'link|/site/deep/out|../../away',
 ], 'links that lead out of the archive are named';
