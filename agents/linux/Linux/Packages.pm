@@ -29,13 +29,20 @@ sub new {
 # the records for all of them.
 sub owning {
     my ($self, @paths) = @_;
-    my %wanted = map { $_ => 1 } @paths;
+    my %wanted = map { my $path = $_; map { $_ => $path } $self->spellings($path) } @paths;
     my %owners;
     $self->each_list(sub {
         my ($id, $text) = @_;
-        while ($$text =~ /\G(.*)\n/g) { push @{ $owners{$1} }, $id if $wanted{$1} }
+        while ($$text =~ /\G(.*)\n/g) { push @{ $owners{ $wanted{$1} } }, $id if defined $wanted{$1} }
     }) if @paths;
     return \%owners;
+}
+
+# Records name many files of /usr by links beside it, as /lib, that lead there.
+sub spellings {
+    my ($self, $path) = @_;
+    my ($short, $top) = $path =~ m{\A/usr((/s?bin|/lib[a-z0-9]*)/.*)\z}s;
+    return ($path, defined $short && $self->{tree}->is_link($top) ? $short : ());
 }
 
 # { id, name, version, architecture, source, manager } of a package; undef where it is not installed.
