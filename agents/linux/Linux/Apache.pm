@@ -4,7 +4,7 @@ package Linux::Apache;
 
 use strict;
 use warnings;
-use Agent::Process qw(run which breathe);
+use Agent::Process qw(run breathe);
 use Errno qw(EACCES);
 use Linux::ApacheConfig;
 use Linux::ConfigReader;
@@ -54,8 +54,8 @@ my %ACCESS = map { $_ => 1 } qw(
 
 # Version of the installed server; undef without one.
 sub version {
-    my ($program) = grep { which($_) } qw(apache2 httpd) or return undef;
-    return run([$program, '-v'], limit => 5)->{out} =~ m{Apache/([\w.]+)} ? $1 : undef;
+    my ($program) = grep {defined} map { program($_) } @PROGRAMS or return undef;
+    return run([$program, '-v'], limit => $LIMIT)->{out} =~ m{Apache/([\w.]+)} ? $1 : undef;
 }
 
 # The sites of the host, and what its configurations say besides: { sites, configurations }.
@@ -634,11 +634,23 @@ sub add_global_access {
     my $block = $self->{block};
     my $root = $block->{root};
     return if !defined $root || defined $self->{base_block}{root} && $root eq $self->{base_block}{root};
-    for my $rule (@{ $self->{base_block}{access} }) {
-        push @{ $block->{access} }, $rule if below($rule->{path}, $root);
-    }
-    add_once($block->{files}, map { $_->{file} } grep { below($_->{path}, $root) } @{ $self->{needed} });
+    $self->{outside} ||= { rules => by_folder(@{ $self->{base_block}{access} }),
+        needed => by_folder(@{ $self->{needed} }) };
+    my ($rules, $needed) = @{ $self->{outside} }{qw(rules needed)};
+    push @{ $block->{access} }, @{ $rules->{$root} || [] };
+    add_once($block->{files}, map { $_->{file} } @{ $needed->{$root} || [] });
     return;
+}
+
+# { folder => [those of some records whose path is the folder or lies in it] }
+sub by_folder {
+    my %found;
+    for my $record (@_) {
+        for (my $path = $record->{path}; $path =~ m{\A/.}; $path =~ s{/[^/]*\z}{}) {
+            push @{ $found{$path} }, $record;
+        }
+    }
+    return \%found;
 }
 
 # One folder for each host: what they are for the names that are known, and a

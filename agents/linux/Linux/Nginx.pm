@@ -4,7 +4,7 @@ package Linux::Nginx;
 
 use strict;
 use warnings;
-use Agent::Process qw(run which breathe);
+use Agent::Process qw(run breathe);
 use Linux::ConfigReader;
 use Linux::Definitions;
 use Linux::HostProgram qw(program);
@@ -50,8 +50,8 @@ my $OPEN = "\x01";
 
 # Version of the installed server; undef without one.
 sub version {
-    return undef if !which('nginx');
-    return run(['nginx', '-v'], limit => 5)->{err} =~ m{nginx/([\w.]+)} ? $1 : undef;
+    my ($program) = grep {defined} map { program($_) } @PROGRAMS or return undef;
+    return run([$program, '-v'], limit => $LIMIT)->{err} =~ m{/([\d.]+)} ? $1 : undef;
 }
 
 # The sites of the host, and what its configurations say besides: { sites, configurations }.
