@@ -29,6 +29,7 @@ my ($tree) = imitated(
         . "bob:x:${BOB}:${BOB}::/home/bob:/bin/sh\ndave:x:31004:31004::/home/dave:/bin/sh\n",
     'etc/group' => "root:x:0:\nadm:x:4:alice\ntape:x:26:\nalice:x:$ALICE:\nbob:x:$BOB:\nteam:x:32000:alice,bob\nmail:x:8:\n",
     'etc/systemd/system/shop.service' => "[Service]\nUser=alice\nExecStart=/home/alice/run --key=secret\n",
+    'etc/systemd/system/multi-user.target.wants/cron.service' => \'/lib/systemd/system/cron.service',
     'etc/systemd/system/shop.timer' => "[Timer]\nOnCalendar=daily\n",
     'etc/systemd/system/backup.service' => "[Service]\nUser=www-data\nExecStart=/usr/local/bin/backup\nEnvironmentFile=/etc/backup.env\n",
     'etc/backup.env' => 'WHERE=x',
@@ -189,6 +190,7 @@ is_deeply [grep { !$setting{$_} } @of_others], [], 'so are units of the system a
 is_deeply values_of('/dump/server/unit/@name'), [qw(backup.service sync.service)], 'which are described there';
 is_deeply values_of('//client[@name="alice"]/unit/@name'), [qw(shop.service shop.timer)], 'those of a client with it';
 is found('string(//unit[@name="shop.timer"]/when)'), 'OnCalendar=daily', 'timers say when';
+unlike $private->read('dump.xml'), qr/cron\.service/, "and a package's unit that is enabled is nothing to copy";
 unlike $private->read('dump.xml'), qr/--key/, 'arguments of programs are not in the document';
 
 # --- the accounts that must be there before anything is unpacked ---

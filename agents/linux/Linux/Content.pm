@@ -26,7 +26,6 @@ my @SETTINGS = qw(/etc/nginx /etc/apache2 /etc/httpd /etc/php /etc/php.ini /etc/
     /etc/dovecot /etc/exim4 /etc/exim /etc/aliases /etc/mailname /etc/crontab /etc/anacrontab /etc/cron.d
     /etc/cron.hourly /etc/cron.daily /etc/cron.weekly /etc/cron.monthly /etc/logrotate.d
     /etc/hosts /etc/hostname /etc/passwd /etc/group /etc/os-release /etc/sondrel
-    /etc/systemd/system /etc/systemd/user /usr/local/lib/systemd
     /etc/letsencrypt /etc/dehydrated /root/.acme.sh
     /etc/courier /etc/cyrus.conf /etc/imapd.conf /etc/mail /etc/sasldb2 /etc/bind /etc/named.conf /etc/named
     /etc/powerdns /etc/pdns /etc/nsd /etc/knot /etc/opendkim /etc/opendkim.conf /etc/dkimkeys /etc/rspamd
