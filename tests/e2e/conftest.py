@@ -1,4 +1,5 @@
-"""Fixtures of the end-to-end tests, and what a failed test leaves behind."""
+"""Fixtures of the end-to-end tests, how they are named and ordered, and what a failed test leaves behind."""
+import faulthandler
 import os
 import re
 import shutil
@@ -10,15 +11,83 @@ import world
 FAILURES = os.environ.get("SONDREL_FAILURES", f"{os.path.dirname(world.TESTS)}/build/tests/failures")
 
 
+def pytest_addoption(parser):
+    parser.addoption("--sentence", metavar="REGEX", help="only tests whose sentence (see tests/README.md) matches")
+    parser.addoption("--group", action="append", help="only tests of this group of the matrix; may be repeated")
+    parser.addoption("--show-sentences", action="store_true", help="with --collect-only: list them")
+
+
 def pytest_configure(config):
     config.addinivalue_line("markers", "slow: takes long; left out of the quick run")
     config.addinivalue_line("markers", "matrix(group): a case of the fault and attack matrix, see scripts/matrix")
     config.addinivalue_line("markers", "release_only: replaces functions of the system, as a sanitizer does, or runs no sondrel")
 
 
+def sentence(item):
+    """test_scout.py::test_stores_it[root login] -> "scout: stores it (root login)"."""
+    topic = item.path.stem[len("test_"):]
+    name, _, variant = item.name[len("test_"):].partition("[")
+    text = f"{topic}: {name}".replace("_", " ")
+    return text + (f" ({variant[:-1]})" if variant else "")
+
+
+def pytest_collection_modifyitems(config, items):
+    """Names the tests, takes those that were asked for, and spreads the slow ones over the first half."""
+    names = [sentence(item) for item in items]
+    repeated = sorted({name for name in names if names.count(name) > 1})
+    if repeated:
+        raise pytest.UsageError(f"names given twice: {repeated}")
+    for item, name in zip(items, names):
+        # The JUnit report has these.
+        item.user_properties += [("sentence", name)] + [
+            ("matrix", marker.args[0]) for marker in item.iter_markers("matrix")]
+    wanted = [item for item in items if is_wanted(config, item)]
+    config.hook.pytest_deselected(items=[item for item in items if not is_wanted(config, item)])
+    items[:] = wanted
+    # Each worker is first given a row of neighbours: no worker may get most of the slow ones, or get them last.
+    slow = [item for item in items if item.get_closest_marker("slow")]
+    quick = [item for item in items if not item.get_closest_marker("slow")]
+    step = max(1, len(items) // (2 * len(slow))) if slow else 1
+    items[:] = quick
+    for number, item in enumerate(slow):
+        items.insert(number * step, item)
+
+
+def is_wanted(config, item):
+    pattern, groups = config.getoption("sentence"), config.getoption("group")
+    return (not pattern or re.search(pattern, sentence(item))) and (
+        not groups or any(marker.args[0] in groups for marker in item.iter_markers("matrix")))
+
+
+def pytest_collection_finish(session):
+    if session.config.getoption("show_sentences"):
+        print("\n".join(sentence(item) for item in session.items))
+
+
+@pytest.hookimpl(tryfirst=True)
+def pytest_runtest_setup(item):
+    """Ends a process of one test (--forked) that hangs, in a system call too; the time limit file says where."""
+    if item.config.getoption("forked", False):
+        seconds = 240 if item.get_closest_marker("slow") else 120
+        os.makedirs(FAILURES, exist_ok=True)
+        item.stash[TIME_LIMIT_FILE] = open(failure_path(item.name) + ".time-limit", "w", encoding="utf-8")
+        faulthandler.dump_traceback_later(seconds, exit=True, file=item.stash[TIME_LIMIT_FILE])
+
+
+@pytest.hookimpl(trylast=True)
+def pytest_runtest_teardown(item):
+    if TIME_LIMIT_FILE in item.stash:
+        # Nothing of a test is torn down after this.
+        faulthandler.cancel_dump_traceback_later()
+        os.unlink(item.stash[TIME_LIMIT_FILE].name)
+
+
+TIME_LIMIT_FILE = pytest.StashKey()
+
+
 @pytest.fixture(scope="session", autouse=True)
-def private_network():
-    world.enter_private_network()
+def private_world():
+    world.enter()
 
 
 @pytest.fixture(autouse=True)
@@ -68,19 +137,9 @@ def content_verify(request):
 
 
 @pytest.fixture
-def cases(request):
+def cases(record_property):
     """For a test of many cases: cases(12) counts twelve of them. Without it a test is one case."""
-    def count(number):
-        request.config.stash[COUNTED] = request.config.stash.get(COUNTED, 0) + number
-    return count
-
-
-COUNTED = pytest.StashKey()
-
-
-def pytest_terminal_summary(terminalreporter, config):
-    if COUNTED in config.stash:
-        terminalreporter.write_line(f"cases: {config.stash[COUNTED]}")
+    return lambda number: record_property("cases", number)
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -94,9 +153,13 @@ def pytest_runtest_makereport(item, call):
         report.sections.append(("what is left of it", keep_evidence(item.name)))
 
 
+def failure_path(name):
+    return f"{FAILURES}/{re.sub(r'[^A-Za-z0-9_.-]+', '_', name)}"
+
+
 def keep_evidence(name):
     """Copies the session, the logs and the records out of the private world, to be looked at."""
-    kept = f"{FAILURES}/{re.sub(r'[^A-Za-z0-9_.-]+', '_', name)}"
+    kept = failure_path(name)
     shutil.rmtree(kept, ignore_errors=True)
     os.makedirs(kept)
     for folder in (world.SESSION, world.RECORDS, world.LOGS, world.RUNS):
