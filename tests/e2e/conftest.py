@@ -66,8 +66,14 @@ def pytest_collection_finish(session):
 
 @pytest.hookimpl(tryfirst=True)
 def pytest_runtest_setup(item):
-    """Ends a process of one test (--forked) that hangs, in a system call too; the time limit file says where."""
+    """Keeps the process of one test (--forked) to itself.
+
+    Signals to its process group reach nothing else, and it ends with its worker. One that hangs ends, in a
+    system call too, and the time limit file says where.
+    """
     if item.config.getoption("forked", False):
+        os.setsid()
+        world.die_with_parent()
         seconds = 240 if item.get_closest_marker("slow") else 120
         os.makedirs(FAILURES, exist_ok=True)
         item.stash[TIME_LIMIT_FILE] = open(failure_path(item.name) + ".time-limit", "w", encoding="utf-8")
