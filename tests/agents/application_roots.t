@@ -36,9 +36,11 @@ my ($tree) = imitated(
     'srv/shop/public/admin/index.php' => '<?php',
     'srv/shop/lib' => \'/usr/share/library', 'usr/share/library/code' => 'x', 'srv/shop/own' => \'/usr/share/own',
     'usr/share/own/code' => 'x', 'srv/shop/gone' => \'/srv/gone',
+    'lib' => \'usr/lib', 'usr/lib/systemd/system/web.service' => 'x', 'srv/shop/unit' => \'/lib/systemd/system/web.service',
+    'etc/systemd/system/multi-user.target.wants/web.service' => \'/lib/systemd/system/web.service',
     'var/lib/dpkg/status' => "Package: library\nStatus: install ok installed\nVersion: 1\nArchitecture: all\n",
     'var/lib/dpkg/info/library.list' => "/.\n/usr\n/usr/share\n/usr/share/library\n/usr/share/library/code\n"
-        . "/lib/library.so\n", lib => \'usr/lib', 'usr/lib/library.so' => 'x', 'srv/shop/so' => \'/lib/library.so',
+        . "/lib\n/lib/systemd\n/lib/systemd/system\n/lib/systemd/system/web.service\n",
     'var/www/news/bin/console' => '#!', 'var/www/news/config/x.yaml' => 'x', 'var/www/news/public/index.php' => '<?php',
     'var/www/other/index.html' => 'not of it',
     'opt/drupal/composer.json' => '{}', 'opt/drupal/vendor/autoload.php' => '<?php', 'opt/drupal/web/index.php' => '<?php',
@@ -78,7 +80,7 @@ is $dump->errors, '', 'the description is valid';
 
 my %WHOLE = (
     'laravel.test' => ['/srv/shop', [qw(.env app/Code.php artisan gone lib own public/admin/index.php public/index.php
-        so storage/app/upload storage/linked)], 'Laravel'],
+        storage/app/upload storage/linked unit)], 'Laravel'],
     'symfony.test' => ['/var/www/news', [qw(bin/console config/x.yaml public/index.php)], 'Symfony'],
     'drupal.test' => ['/opt/drupal', [qw(composer.json vendor/autoload.php web/index.php)], 'Composer'],
     'composer.test' => ['/home/alice/wiki', [qw(composer.json htdocs/index.php src/a.php)], 'Composer'],
@@ -100,8 +102,9 @@ is_deeply $dump->problems_of('laravel.test'),
     ['info: /srv/shop/gone is a symbolic link to /srv/gone, which is not there',
     'warning: /srv/shop/lib is a symbolic link to /usr/share/library, which is not packed: install there what it belongs to',
     'error: /srv/shop/own is a symbolic link to /usr/share/own, which is not packed: copy it by hand',
-    'warning: /srv/shop/so is a symbolic link to /lib/library.so, which is not packed: install there what it belongs to'],
+    'warning: /srv/shop/unit is a symbolic link to /lib/systemd/system/web.service, which is not packed: install there what it belongs to'],
     'but not what is of the system, which is named';
+is_deeply $dump->problems_of('server'), [], 'links of enabled units are nothing to do for anyone';
 is_deeply below_of($dump, 'rails.test', '/srv/rails'), [qw(current releases/7/config.ru releases/7/config/application.rb
     releases/7/config/master.key releases/7/public/index.html shared/master.key)],
     'a release comes with what it shares with others, and without these';

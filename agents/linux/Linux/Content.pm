@@ -367,6 +367,8 @@ sub note_links {
     my $brought = $self->{inventory}->parts->brought_by_packages(grep {defined} values %real);
     for my $link (sort { $a->[0] cmp $b->[0] } @links) {
         my ($path, $target) = @$link;
+        # Those of enabled units and of parts of servers' settings; packages make them anew.
+        next if $item->{kind} eq 'settings' && defined $real{$path} && $brought->{ $real{$path} };
         my $real = $real{$path};
         my ($severity, $text) = !defined $real ? $self->of_broken_link($path)
             : $brought->{$real} ? ('warning', 'is not packed: install there what it belongs to')

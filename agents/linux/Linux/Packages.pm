@@ -29,20 +29,23 @@ sub new {
 # the records for all of them.
 sub owning {
     my ($self, @paths) = @_;
-    my %wanted = map { my $path = $_; map { $_ => $path } $self->spellings($path) } @paths;
-    my %owners;
+    my (%wanted, %owners);
+    for my $path (@paths) { push @{ $wanted{$_} }, $path for names_of($path) }
     $self->each_list(sub {
         my ($id, $text) = @_;
-        while ($$text =~ /\G(.*)\n/g) { push @{ $owners{ $wanted{$1} } }, $id if defined $wanted{$1} }
+        while ($$text =~ /\G(.*)\n/g) {
+            push @{ $owners{$_} }, $id for @{ $wanted{$1} || [] };
+        }
     }) if @paths;
     return \%owners;
 }
 
-# Records name many files of /usr by links beside it, as /lib, that lead there.
-sub spellings {
-    my ($self, $path) = @_;
-    my ($short, $top) = $path =~ m{\A/usr((/s?bin|/lib[a-z0-9]*)/.*)\z}s;
-    return ($path, defined $short && $self->{tree}->is_link($top) ? $short : ());
+# Records may have a path as it was before /lib and its like became links into /usr.
+sub names_of {
+    my ($path) = @_;
+    return ($path, "/usr$path") if $path =~ m{\A/(?:s?bin|lib\w*)/};
+    return ($path, $1) if $path =~ m{\A/usr(/(?:s?bin|lib\w*)/.*)\z}s;
+    return $path;
 }
 
 # { id, name, version, architecture, source, manager } of a package; undef where it is not installed.

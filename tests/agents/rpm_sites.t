@@ -1,0 +1,79 @@
+# A site that a package of rpm has brought, by the records that rpm itself has made.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Agent::Process qw(run);
+use Dumped;
+use File::Basename qw(dirname);
+use File::Path qw(mkpath);
+use File::Temp qw(tempdir);
+use Imitated qw(imitated);
+use Test::More;
+
+# Debian's rpm has its records in homes; those of systems that are made of its packages are here.
+my $home = $ENV{HOME} = tempdir(CLEANUP => 1);
+my ($tree) = imitated(
+    'etc/passwd' => "root:x:0:0:root:/root:/bin/sh\n",
+    'etc/nginx/nginx.conf' => "http { server { listen 80; server_name blog.test; root /usr/share/blog; } }\n",
+    'var/lib/rpm/' => undef,
+);
+(my $root = $tree->root) =~ s{/\z}{};
+
+sub ran {
+    my (@argv) = @_;
+    my $result = run(\@argv);
+    die "@argv: $result->{err}" if $result->{status};
+    return $result->{out};
+}
+
+sub put {
+    my ($path, $text) = @_;
+    mkpath(dirname($path));
+    open my $file, '>', $path or die "$path: $!\n";
+    print $file $text;
+    close $file or die "$path: $!\n";
+    return;
+}
+
+put("$home/.rpmmacros", "%_dbpath /var/lib/rpm\n%_topdir $home/build\n");
+put("$home/blog.spec", <<'END');
+Name: blog
+Version: 1.2
+Release: 3
+Summary: A blog
+License: none
+BuildArch: noarch
+%description
+A blog.
+%install
+mkdir -p %{buildroot}/usr/share/blog %{buildroot}/etc/blog %{buildroot}/var/lib/blog/cache
+echo front > %{buildroot}/usr/share/blog/index.php
+echo inner > %{buildroot}/usr/share/blog/inner.php
+echo setting > %{buildroot}/etc/blog/blog.conf
+%files
+%dir /usr/share/blog
+/usr/share/blog/index.php
+/usr/share/blog/inner.php
+%dir /etc/blog
+%config /etc/blog/blog.conf
+%dir /var/lib/blog
+%dir /var/lib/blog/cache
+END
+ran('rpmbuild', '-bb', "$home/blog.spec");
+ran('rpm', "--root=$root", '--initdb');
+ran('rpm', "--root=$root", '--install', '--nodeps', '--noscripts', glob "$home/build/RPMS/noarch/*.rpm");
+put("$root/usr/share/blog/inner.php", 'changed');
+put("$root/etc/blog/local.conf", 'made');
+put("$root/var/lib/blog/posts/first", 'a post');
+
+my $dump = Dumped->new($tree, '', '--dump-all');
+is $dump->errors, '', 'the description is valid';
+is_deeply [map { $dump->found("string(//site/package/\@$_)") } qw(name version architecture manager changed)],
+    ['blog', '1.2-3', 'noarch', 'rpm', 1], 'the package is named with its version and what was changed';
+is_deeply [grep { !/nginx/ } @{ $dump->members('blog.test') }],
+    [map {"./$_"} qw(etc/blog/blog.conf etc/blog/local.conf usr/share/blog/inner.php var/lib/blog/posts/first)],
+    'its configuration, its state and what was changed are packed, and nothing else of it';
+is_deeply [grep {/\Aerror/} @{ $dump->problems_of('blog.test') }], [], 'nothing is missing';
+
+done_testing;
