@@ -133,6 +133,12 @@ Define BASE /srv
 <Directory ${BASE}/ab>
     Require all granted
 </Directory>
+<Directory /home/*/public_html>
+    Require all granted
+</Directory>
+<Directory /srv/*/*>
+    Options None
+</Directory>
 <DirectoryMatch "/\.git">
     Require all denied
 </DirectoryMatch>
@@ -165,7 +171,7 @@ END
         'srv/a/' => undef);
     is_deeply $problems, [], 'nothing is wrong with Apache' or diag explain $problems;
     is uses_of('a.test'), 'logformat=%h "%r" proxy=balancer://pool rewritemap=upper directory=/ directory=/srv/a'
-        . ' directorymatch=/\.git', 'a virtual host comes with what it uses, and the sections for its directories'
+        . ' directory=/srv/*/* directorymatch=/\.git', 'a virtual host comes with what it uses, and the sections for its directories'
         or diag uses_of('a.test');
     my ($a) = grep { $_->{name} eq 'a.test' } @{ $web->{sites} };
     is_deeply $a->{config}, [map {"/etc/apache2/$_"} qw(sites/a more.conf)], 'and with their files';

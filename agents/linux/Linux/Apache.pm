@@ -214,13 +214,15 @@ sub add_section {
     return;
 }
 
-# The sections that may count for some directories: those of them, above and below them,
-# and all that are given as a pattern.
+# The sections that may count for some directories: those of them, above and below them, also
+# by patterns.
 sub sections_for {
     my ($self, @folders) = @_;
     my $sections = $self->{sections};
-    my @found = @{ $sections->{open} };
-    for my $folder (grep {defined} @folders) {
+    @folders = grep {defined} @folders;
+    my @found = grep { my $section = $_->{directive}; grep { may_touch($section, $_) } @folders }
+        @{ $sections->{open} };
+    for my $folder (@folders) {
         push @found, @{ $sections->{below}{$folder} || [] };
         for (my $path = $folder; length $path; $path =~ s{/[^/]*\z}{}) {
             push @found, @{ $sections->{above}{$path} || [] };
@@ -229,6 +231,18 @@ sub sections_for {
     }
     my %seen;
     return grep { !$seen{ $_->{number} }++ } @found;
+}
+
+# Whether a section with a pattern may hold for a directory, what is above it or what is in
+# it; with an expression it may always.
+sub may_touch {
+    my ($section, $folder) = @_;
+    my $pattern = $section->{args}[0];
+    return 1 if $section->{name} eq 'directorymatch' || $pattern =~ /\A~/;
+    my @patterns = grep {length} split m{/}, $pattern;
+    my @parts    = grep {length} split m{/}, $folder;
+    my $last = @patterns < @parts ? $#patterns : $#parts;
+    return !grep { $parts[$_] !~ Linux::Tree::pattern($patterns[$_]) } 0 .. $last;
 }
 
 # What the block of a site is made of, with what it uses from outside.
