@@ -216,6 +216,22 @@ with_server(443, [$^X, @listens, 443], sub {
 }
 
 {
+    my $own = "$folder/of-nobody";
+    mkpath("$own/docs");
+    write_file("$own/nginx.conf", "error_log stderr; pid $own/pid; events {}\nhttp { access_log off; client_body_temp_path t;\n"
+        . "proxy_temp_path t; fastcgi_temp_path t; uwsgi_temp_path t; scgi_temp_path t;\n"
+        . "server { listen 127.0.0.1:8080; server_name n.test; root docs; } }\n");
+    run(['chown', '-R', '65534:65534', $own]);
+    my @nobody = qw(setpriv --reuid=65534 --regid=65534 --clear-groups);
+    with_server(8080, [@nobody, which('nginx'), '-p', "$own/", '-c', "$own/nginx.conf", '-g', 'daemon off;'], sub {
+        my ($found) = looked(\&Linux::Nginx::look);
+        ok !(grep { $_->{name} eq 'n.test' } @{ $found->{sites} }), "what another account has started is not believed";
+        like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but was started by an account other than root: its sites},
+            'but named';
+    });
+}
+
+{
     my ($tree, $problems) = imitated('usr/sbin/lighttpd' => '', 'etc/lighttpd/lighttpd.conf' => '', 'etc/caddy/x' => '',
         'usr/bin/caddy/' => undef);
     Linux::WebServers->new(tree => $tree, problems => $problems)->note_unread;
