@@ -83,7 +83,7 @@ ROOTS = ["root login", "sudo by password", "sudo without password"]
 def test_every_archive_unpacked_is_what_was_on_the_source_host(source, host, kind):
     login = LOGIN_KINDS[kind]
     dump = migrate(login)
-    assert dump.problems("error") == dump.problems("warning") == []
+    assert dump.losses() == dump.problems("warning") == []
     assert dump.objects() == {"client": ["alice", "bob"], "domain": ["a.test", "b.test", "shop.a.test"],
                               "mailbox": ["bob", "info@a.test"]}
     arrived(*TREES, *FULL_TREES)
@@ -198,7 +198,7 @@ def test_a_selected_dump_has_what_was_asked_for(source, host, name):
     if "reseller" not in expected:
         found.pop("reseller", None)
     assert found == expected
-    assert dump.problems("error") == []
+    assert dump.losses() == []
     assert dump.root.find("server") is None and dump.root.find("admin-info") is None
     if "a.test" in expected["domain"]:
         arrived("/home/alice/a.test")
@@ -318,7 +318,7 @@ def test_a_dump_whose_caller_is_gone_ends_by_itself_and_counts_for_the_next(host
         kept = {name: os.stat(name).st_ino for name in archives_of(ROOT)}
         dump = dumped(ROOT)
         assert {name: os.stat(name).st_ino for name in archives_of(ROOT)} == kept
-        assert dump.problems("error") == [] and len(kept) == len(dump.files())
+        assert dump.losses() == [] and len(kept) == len(dump.files())
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGKILL], ids=["Ctrl-C", "kill"])

@@ -60,7 +60,7 @@ def test_a_killed_dump_leaves_no_dump_and_the_next_one_goes_on_from_there(agent)
     assert not os.path.exists(f"{agent.folder}/dump.xml")
     assert agent.run("--get-content-list").returncode == 1
     dump = finished(agent, agent.start("--migration-mode", "--dump-all"))
-    assert dump.problems("error") == []
+    assert dump.losses() == []
     after = os.stat(f"{agent.folder}/{first}")
     assert (before.st_ino, before.st_mtime_ns) == (after.st_ino, after.st_mtime_ns)
     assert temporaries(agent) == []
@@ -124,7 +124,7 @@ def test_a_full_disk_leaves_out_what_has_no_room_and_says_so(host):
         # Once there is room the rest is made.
         subprocess.run(["mount", "-o", "remount,size=200m", AGENT_DIR], check=True)
         dump = finished(agent, agent.start("--migration-mode", "--dump-all"))
-        assert dump.problems("error") == []
+        assert dump.losses() == []
         unpack(f"{agent.folder}/content/sites/shop.a.test.tar.gz")
         assert_same_tree("/home/alice/shop", f"{STAGE}/home/alice/shop")
     finally:
