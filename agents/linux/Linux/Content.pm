@@ -372,7 +372,7 @@ sub note_links {
         my $real = $real{$path};
         my ($severity, $text) = !defined $real ? $self->of_broken_link($path)
             : $brought->{$real} ? ('warning', 'is not packed: install there what it belongs to')
-            : $self->of_link($item, $real);
+            : $self->of_link($item, $path, $real);
         $self->note($item, $notes, $severity, $path, "is a symbolic link to $target, which $text");
     }
     return;
@@ -387,11 +387,15 @@ sub of_broken_link {
 }
 
 sub of_link {
-    my ($self, $item, $real) = @_;
+    my ($self, $item, $path, $real) = @_;
     my $home = defined $item->{home} ? $self->{tree}->real($item->{home}) : undef;
     return ('info', 'is in the archive of the client') if defined $home && below($real, $home);
-    return ('info', 'is of a site and in its archive') if grep { below($real,
-        $_) } $self->folders_of('sites');
+    return ('info', 'is of a site and in its archive') if grep { below($real, $_) } keys %{ $self->{packed} };
+    return ('error', 'is of a site that is not in this dump: dump that site, too')
+        if grep { below($real, $_) } $self->folders_of('sites');
+    # Such as "..": it is there when the link is.
+    return ('warning', 'is above it: only those parts of it are packed that belong to what was asked for')
+        if below($path, $real);
     return ('error', 'is not packed: copy it by hand');
 }
 

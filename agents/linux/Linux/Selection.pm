@@ -44,6 +44,14 @@ sub unassigned {
     return map { $_ => $self->{unassigned}{$_} || [] } qw(domains databases mailboxes);
 }
 
+# The names of the domains that are not in it.
+sub left_out {
+    my ($self) = @_;
+    return if $self->{options}{all};
+    my %selected = map { $_->{name} => 1 } map { @{ $_->{domains} || [] } } $self->clients, $self->{unassigned};
+    return grep { !$selected{$_} } map { $_->{name} } $self->{inventory}->domains;
+}
+
 # What belongs to the selection and is in no archive but that of the host's settings.
 sub name_what_only_settings_have {
     my ($self) = @_;

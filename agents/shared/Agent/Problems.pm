@@ -25,6 +25,14 @@ sub add {
     return;
 }
 
+# Drops what was found about these objects.
+sub forget {
+    my ($self, @objects) = @_;
+    my %dropped = map { $_ => 1 } @objects;
+    $self->{all} = [grep { !$dropped{ $_->{object} } } @{ $self->{all} }];
+    return;
+}
+
 sub all { return @{ $_[0]{all} } }
 
 # Number of problems, or of those with one severity.
