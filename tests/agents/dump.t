@@ -227,6 +227,20 @@ my @others = $lines =~ m{^info: /srv/releases/5/web/link\d+ is a symbolic link t
 is @others, 70, 'which has them all';
 valid('dump', $private->read('dump.xml'), 'the document is valid');
 unlink $tree->path('/srv/releases/5/web') . "/link$_" or die $! for 1 .. 120;
+is problem_of('missing.test', 'does not exist'), '', 'a dump of some domains has no problems of others';
+
+# --- where links lead when not everything was asked for ---
+
+my ($public, $home) = map { $tree->path($_) } '/home/alice/app/public', '/home/bob';
+symlink '../..', "$public/up" or die $!;
+symlink '/home/alice/app/public', "$home/a" or die $!;
+dumped('a.test', '--dump-domains=-');
+is problem_of('a.test', 'up is a symbolic link to ../.., which is above it'), 'warning', 'one to above it lacks nothing itself';
+dumped('bob', '--dump-clients=-');
+is problem_of('bob', 'which is of a site that is not in this dump'), 'error', 'one into a site that was not asked for does';
+dumped("a.test\nbob", '--dump-domains=-', '--dump-clients=-');
+is problem_of('bob', 'which is of a site and in its archive'), 'info', 'but not where that site is dumped too';
+unlink "$public/up", "$home/a" or die $!;
 dumped('', '--dump-all');
 
 # --- the list ---
@@ -295,7 +309,7 @@ rmdir $tree->path('/home/bob/jail of bob') or die $!;
 chown 0, 0, $tree->path('/home/bob') or die $!;
 dumped('bob', '--dump-clients=-');
 is_deeply members('content/clients/bob.tar.gz'), ['./etc/cron.d/app'], "a home that is somebody else's is not packed";
-is problem_of('bob', 'The home /home/bob belongs to root'), 'warning', 'and named';
+is problem_of('bob', 'The home /home/bob belongs to root'), 'error', 'and named';
 chown $BOB, $BOB, $tree->path('/home/bob') or die $!;
 
 # --- what was asked for ---

@@ -123,8 +123,9 @@ sub home_of {
     return if !defined $real || is_of_system($real) || !$self->{tree}->is_dir($real);
     my $owner = ($self->{tree}->stat($real))[4];
     return $client->{home} if $owner == $client->{uid};
-    $self->problem('warning', $client->{name}, "The home $client->{home} belongs to "
-        . $self->{inventory}->users->name_of($owner) . ', so that only the sites in it are packed');
+    $self->problem('error', $client->{name}, "The home $client->{home} belongs to "
+        . $self->{inventory}->users->name_of($owner) . ', so that only the sites in it are packed: copy by hand'
+        . ' what else is needed');
     return;
 }
 

@@ -51,7 +51,7 @@ sub make {
     my $kept = Agent::Kept->new($private);
     $kept->begin;
     $private->remove($FILE);
-    $problems->add(severity => 'warning', object => 'content',
+    $problems->add(severity => 'info', object => 'content',
         text => 'The agent cannot send content by rsync; it makes archives') if $options->{transport};
 
     $status->set(stage => 'inventory');

@@ -48,7 +48,8 @@ sub unassigned {
 sub left_out {
     my ($self) = @_;
     return if $self->{options}{all};
-    my %selected = map { $_->{name} => 1 } map { @{ $_->{domains} || [] } } $self->clients, $self->{unassigned};
+    my @domains = map { @{ $_->{domains} || [] } } $self->clients, $self->{unassigned};
+    my %selected = map { $_->{name} => 1 } @domains;
     return grep { !$selected{$_} } map { $_->{name} } $self->{inventory}->domains;
 }
 
