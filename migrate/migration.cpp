@@ -189,7 +189,7 @@ RunOutcome Migration::runAction(Step step) {
     held += text;
     if (held.size() > LARGEST_HELD_BYTES) relay(std::exchange(held, ""));
   };
-  const RunOutcome outcome =
+  RunOutcome outcome =
       run(step, sondrelCommand(step, state_.settings, places), isHeld ? hold : relay,
           [this](const std::string& line) { console_.say(line); });
   if (!isBlockedByEarlierDump(request_.sessionPath, step, outcome)) relay(held);
@@ -197,14 +197,14 @@ RunOutcome Migration::runAction(Step step) {
   return outcome;
 }
 
-/// sondrel removes without a word of what became of it, even when the connection was lost. The
-/// dumping status lies in what was to be removed.
+/// A removal ends with 0 whatever became of it, even when the connection was lost: asks afterwards.
+/// The dumping status lies in what was to be removed.
 RunOutcome Migration::runRemoval() {
-  const RunOutcome removed = runAction(Step::REMOVE);
+  RunOutcome removed = runAction(Step::REMOVE);
   if (removed.kind != RunOutcome::DONE) return removed;
   std::string held;
   std::string status;
-  const RunOutcome asked = fetchDumpingStatus(
+  RunOutcome asked = fetchDumpingStatus(
       Step::REMOVE, [&](const std::string& text) { held += text; }, status);
   const bool couldNotAsk =
       asked.kind == RunOutcome::FAILED && asked.exitCode != EXIT_OF_FAILED_ACTION;
@@ -223,7 +223,7 @@ std::optional<RunOutcome> Migration::waitForEarlierDump(Step step) {
   EarlierDump dump(EarlierDump::Clock::now());
   for (;;) {
     std::string status;
-    const RunOutcome asked = fetchDumpingStatus(
+    RunOutcome asked = fetchDumpingStatus(
         step, [this](const std::string& text) { console_.relay(text); }, status);
     console_.finishRelay();
     if (asked.kind != RunOutcome::DONE) return asked;
@@ -268,7 +268,7 @@ RunOutcome Migration::run(Step step, const ArgList& arguments, const TextSink& o
                        onOutput,
                        [this, step] { showProgress(step); },
                        console_.showsProgress() ? PROGRESS_TICK_MS : NO_TICK};
-  const RunOutcome outcome = runSondrel(run, signals_);
+  RunOutcome outcome = runSondrel(run, signals_);
   console_.eraseProgress();
   return outcome;
 }
