@@ -58,7 +58,9 @@ sub members {
     my ($self, $site) = @_;
     my $result = run(['tar', '-tf', $self->archive($site)]);
     die $result->{err} if $result->{status};
-    return [sort grep { !m{/\z} } split /\n/, $result->{out}];
+    # What was made a moment before the dump is packed again.
+    my %members = map { $_ => 1 } grep { !m{/\z} } split /\n/, $result->{out};
+    return [sort keys %members];
 }
 
 sub archive { return "$_[0]{dir}/content/sites/$_[1].tar.gz" }
