@@ -124,8 +124,8 @@ sub home_of {
     my $owner = ($self->{tree}->stat($real))[4];
     return $client->{home} if $owner == $client->{uid};
     $self->problem('error', $client->{name}, "The home $client->{home} belongs to "
-        . $self->{inventory}->users->name_of($owner) . ', so that only the sites in it are packed: copy by hand'
-        . ' what else is needed');
+        . $self->{inventory}->users->name_of($owner)
+        . ', so that only the sites in it are packed: copy by hand what else is needed');
     return;
 }
 
