@@ -7,10 +7,11 @@ use Exporter 'import';
 use File::Basename qw(dirname);
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
+use IO::Socket::INET;
 use Agent::Problems;
 use Linux::Tree;
 
-our @EXPORT_OK = qw(imitated problem_texts);
+our @EXPORT_OK = qw(free_port imitated problem_texts write_file);
 
 # A Linux::Tree of { path => text, "path/" => [uid, gid] or undef for a folder, path
 # => \target for a symbolic link }, and new problems.
@@ -29,11 +30,23 @@ sub imitated {
             symlink $$value, $place or die "$place: $!\n";
             next;
         }
-        open my $file, '>', $place or die "$place: $!\n";
-        print $file $value;
-        close $file or die "$place: $!\n";
+        write_file($place, $value);
     }
     return (Linux::Tree->new(root => $root), Agent::Problems->new);
+}
+
+sub write_file {
+    my ($path, $text) = @_;
+    open my $file, '>', $path or die "$path: $!\n";
+    print $file $text;
+    close $file or die "$path: $!\n";
+    return;
+}
+
+# One of the loopback that nothing listened at a moment ago.
+sub free_port {
+    my $socket = IO::Socket::INET->new(LocalAddr => '127.0.0.1', Listen => 1) or die "No port: $!\n";
+    return $socket->sockport;
 }
 
 sub problem_texts {

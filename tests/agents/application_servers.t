@@ -8,7 +8,7 @@ use Agent::Process qw(run start finish);
 use Dumped;
 use File::Basename qw(dirname);
 use File::Path qw(mkpath);
-use Imitated qw(imitated);
+use Imitated qw(free_port imitated);
 use IO::Socket::INET;
 use IO::Socket::UNIX;
 use Linux::Tree;
@@ -34,11 +34,6 @@ sub mounted {
     my $result = run(['mount', '-t', 'tmpfs', '-o', 'mode=755', 'own', $directory]);
     die $result->{err} if $result->{status};
     return;
-}
-
-sub free_port {
-    my $socket = IO::Socket::INET->new(LocalAddr => '127.0.0.1', Listen => 1) or die "No port: $!\n";
-    return $socket->sockport;
 }
 
 my @running;

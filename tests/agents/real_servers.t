@@ -11,24 +11,11 @@ use IO::Socket::INET;
 use Time::HiRes ();
 use Agent::Problems;
 use Agent::Process qw(run start finish which);
-use Imitated qw(problem_texts);
+use Imitated qw(free_port problem_texts write_file);
 use Linux::Apache;
 use Linux::Nginx;
 use Linux::Php;
 use Linux::Tree;
-
-sub free_port {
-    my $socket = IO::Socket::INET->new(LocalAddr => '127.0.0.1', Listen => 1) or die "No port: $!\n";
-    return $socket->sockport;
-}
-
-sub write_file {
-    my ($path, $text) = @_;
-    open my $file, '>', $path or die "$path: $!\n";
-    print $file $text;
-    close $file or die "$path: $!\n";
-    return;
-}
 
 # A folder for a server with marked document roots below it.
 sub folder_with {

@@ -20,20 +20,12 @@ use IO::Socket::INET;
 use Time::HiRes ();
 use Agent::Problems;
 use Agent::Process qw(run start finish which);
-use Imitated qw(imitated problem_texts);
+use Imitated qw(imitated problem_texts write_file);
 use Linux::Apache;
 use Linux::Nginx;
 use Linux::Php;
 use Linux::Tree;
 use Linux::WebServers;
-
-sub write_file {
-    my ($path, $text) = @_;
-    open my $file, '>', $path or die "$path: $!\n";
-    print $file $text;
-    close $file or die "$path: $!\n";
-    return;
-}
 
 # Runs a program that listens at a port as long as the block does.
 sub with_server {

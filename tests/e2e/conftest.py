@@ -41,8 +41,10 @@ def pytest_collection_modifyitems(config, items):
         # The JUnit report has these.
         item.user_properties += [("sentence", name)] + [
             ("matrix", marker.args[0]) for marker in item.iter_markers("matrix")]
-    wanted = [item for item in items if is_wanted(config, item)]
-    config.hook.pytest_deselected(items=[item for item in items if not is_wanted(config, item)])
+    wanted, left_out = [], []
+    for item in items:
+        (wanted if is_wanted(config, item) else left_out).append(item)
+    config.hook.pytest_deselected(items=left_out)
     items[:] = wanted
     # Each worker is first given a row of neighbours: no worker may get most of the slow ones, or get them last.
     slow = [item for item in items if item.get_closest_marker("slow")]
