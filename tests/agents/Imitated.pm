@@ -7,11 +7,10 @@ use Exporter 'import';
 use File::Basename qw(dirname);
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
-use IO::Socket::INET;
 use Agent::Problems;
 use Linux::Tree;
 
-our @EXPORT_OK = qw(free_port imitated problem_texts write_file);
+our @EXPORT_OK = qw(imitated problem_texts write_file);
 
 # A Linux::Tree of { path => text, "path/" => [uid, gid] or undef for a folder, path
 # => \target for a symbolic link }, and new problems.
@@ -41,12 +40,6 @@ sub write_file {
     print $file $text;
     close $file or die "$path: $!\n";
     return;
-}
-
-# One of the loopback that nothing listened at a moment ago.
-sub free_port {
-    my $socket = IO::Socket::INET->new(LocalAddr => '127.0.0.1', Listen => 1) or die "No port: $!\n";
-    return $socket->sockport;
 }
 
 sub problem_texts {

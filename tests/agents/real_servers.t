@@ -8,10 +8,10 @@ use Test::More;
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
 use IO::Socket::INET;
-use Time::HiRes ();
 use Agent::Problems;
-use Agent::Process qw(run start finish which);
-use Imitated qw(free_port problem_texts write_file);
+use Agent::Process qw(run which);
+use Imitated qw(problem_texts write_file);
+use LocalServer qw(free_port with_server);
 use Linux::Apache;
 use Linux::Nginx;
 use Linux::Php;
@@ -37,23 +37,6 @@ sub ask {
     my $answer = do { local $/; <$socket> };
     return $1 if $answer =~ /^Location: (\S+)\r$/m;
     return $answer =~ m{\AHTTP/1.. 200 .*?\r\n\r\n(.*)}s ? $1 : substr $answer, 0, 12;
-}
-
-# Runs a server as long as the block does.
-sub with_server {
-    my ($port, $argv, $block) = @_;
-    my $server = start($argv);
-    my $deadline = Time::HiRes::time() + 20;
-    my $up;
-    while (!$up && Time::HiRes::time() < $deadline) {
-        $up = IO::Socket::INET->new(PeerAddr => '127.0.0.1', PeerPort => $port) or Time::HiRes::sleep(0.02);
-    }
-    $block->() if $up;
-    kill 'TERM', $server->{pid};
-    my $said = $up ? '' : readline $server->{err};
-    finish($server);
-    ok $up, "$argv->[0] accepts the configuration" or diag $said;
-    return;
 }
 
 # Compares what sites() says with what the server does, for every plain name.

@@ -17,32 +17,15 @@ use Test::More;
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
 use IO::Socket::INET;
-use Time::HiRes ();
 use Agent::Problems;
-use Agent::Process qw(run start finish which);
+use Agent::Process qw(run which);
 use Imitated qw(imitated problem_texts write_file);
+use LocalServer qw(with_server);
 use Linux::Apache;
 use Linux::Nginx;
 use Linux::Php;
 use Linux::Tree;
 use Linux::WebServers;
-
-# Runs a program that listens at a port as long as the block does.
-sub with_server {
-    my ($port, $argv, $block) = @_;
-    my $server = start($argv);
-    my $deadline = Time::HiRes::time() + 20;
-    my $up;
-    while (!$up && Time::HiRes::time() < $deadline) {
-        $up = IO::Socket::INET->new(PeerAddr => '127.0.0.1', PeerPort => $port) or Time::HiRes::sleep(0.02);
-    }
-    $block->($server->{pid}) if $up;
-    kill 'TERM', $server->{pid};
-    my $said = $up ? '' : readline $server->{err};
-    finish($server);
-    ok $up, "$argv->[0] runs" or diag $said;
-    return;
-}
 
 # What is found of a server, and the problems of it.
 sub looked {

@@ -1,0 +1,38 @@
+# Servers on loopback that a test starts and ends.
+package LocalServer;
+
+use strict;
+use warnings;
+use Exporter 'import';
+use IO::Socket::INET;
+use Test::More;
+use Time::HiRes ();
+use Agent::Process qw(start finish);
+
+our @EXPORT_OK = qw(free_port with_server);
+
+# One of the loopback that nothing listened at a moment ago.
+sub free_port {
+    my $socket = IO::Socket::INET->new(LocalAddr => '127.0.0.1', Listen => 1) or die "No port: $!\n";
+    return $socket->sockport;
+}
+
+# Runs a program that listens at a port as long as the block does, which gets its process id. A test of its
+# own says whether it came up.
+sub with_server {
+    my ($port, $argv, $block) = @_;
+    my $server = start($argv);
+    my $deadline = Time::HiRes::time() + 20;
+    my $up;
+    while (!$up && Time::HiRes::time() < $deadline) {
+        $up = IO::Socket::INET->new(PeerAddr => '127.0.0.1', PeerPort => $port) or Time::HiRes::sleep(0.02);
+    }
+    $block->($server->{pid}) if $up;
+    kill 'TERM', $server->{pid};
+    my $said = $up ? '' : readline $server->{err};
+    finish($server);
+    ok $up, "$argv->[0] runs" or diag $said;
+    return;
+}
+
+1;
