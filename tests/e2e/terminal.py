@@ -2,6 +2,7 @@
 import fcntl
 import os
 import pty
+import re
 import select
 import signal
 import struct
@@ -50,11 +51,13 @@ class Terminal:
         return bool(got)
 
     def shows(self, text, deadline_seconds=30):
-        """Waits until this was shown."""
+        """Waits until this was shown; `text` is bytes, or a pattern for which one is enough."""
         def is_there():
-            self.read()
-            return text in self.shown
-        wait_until(is_there, f"the terminal to show {text!r}; it shows {self.shown!r}", deadline_seconds)
+            return text.search(self.shown) if isinstance(text, re.Pattern) else text in self.shown
+        end = time.monotonic() + deadline_seconds
+        while not is_there():
+            assert self.read() or is_there(), f"it ended before it showed {text!r}; it shows {self.shown!r}"
+            assert time.monotonic() < end, f"{text!r} is not shown within {deadline_seconds} s, but {self.shown!r}"
 
     def echoes(self):
         return bool(termios.tcgetattr(self._terminal)[3] & termios.ECHO)

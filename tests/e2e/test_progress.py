@@ -143,7 +143,7 @@ def waiting_dump(status):
 def test_dump_shows_what_its_status_says_and_asks_for_nothing_more(source):
     waiting_dump('<dumping-status stage="content" done="2" total="5" bytes="123456" object="a\u009b.test"/>')
     with on_terminal("dump-all") as terminal:
-        terminal.shows(b"dump, 0:02" + ERASED)
+        terminal.shows(re.compile(rb"dump, 0:0[23]" + re.escape(ERASED)))
         terminal.shows(b": content, 2 of 5 done, 123.5 kB read, a\\xc2\\x9b.test" + ERASED)
         write(f"{ROOT.agent_dir}/go")
         assert terminal.finish() == 0
@@ -160,7 +160,8 @@ def test_dump_shows_the_time_where_there_is_no_status(source):
     write(f"{SESSION}/{STATUS}", '<dumping-status stage="finished"/>')
     os.utime(f"{SESSION}/{STATUS}", (1000, 1000))
     with on_terminal("dump-all") as terminal:
-        terminal.shows(b"dump, 0:06" + ERASED)
+        # Drawn about once a second: a second may have no drawing of its own.
+        terminal.shows(re.compile(rb"dump, 0:0[67]" + re.escape(ERASED)))
         write(f"{ROOT.agent_dir}/go")
         assert terminal.finish() == 0
     assert {len(line) for line in drawings(terminal.shown)} == {len(b"dump, 0:00")}
