@@ -8,9 +8,10 @@ use File::Basename qw(dirname);
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
 use Agent::Problems;
+use Agent::Process qw(run);
 use Linux::Tree;
 
-our @EXPORT_OK = qw(imitated problem_texts write_file);
+our @EXPORT_OK = qw(imitated output_of problem_texts write_file);
 
 # A Linux::Tree of { path => text, "path/" => [uid, gid] or undef for a folder, path
 # => \target for a symbolic link }, and new problems.
@@ -24,8 +25,8 @@ sub imitated {
             chown @$value, $place or die "$place: $!\n" if $value;
             next;
         }
-        mkpath(dirname($place));
         if (ref $value) {
+            mkpath(dirname($place));
             symlink $$value, $place or die "$place: $!\n";
             next;
         }
@@ -34,12 +35,22 @@ sub imitated {
     return (Linux::Tree->new(root => $root), Agent::Problems->new);
 }
 
+# Writes the file, or to its end with '>>', and makes the directories above it.
 sub write_file {
-    my ($path, $text) = @_;
-    open my $file, '>', $path or die "$path: $!\n";
+    my ($path, $text, $how) = @_;
+    mkpath(dirname($path));
+    open my $file, $how || '>', $path or die "$path: $!\n";
     print $file $text;
     close $file or die "$path: $!\n";
     return;
+}
+
+# What a program prints that must not fail.
+sub output_of {
+    my (@argv) = @_;
+    my $result = run(\@argv);
+    die "@argv: $result->{err}" if $result->{status};
+    return $result->{out};
 }
 
 sub problem_texts {

@@ -8,7 +8,7 @@ use Agent::Process qw(run start finish);
 use Dumped;
 use File::Basename qw(dirname);
 use File::Path qw(mkpath);
-use Imitated qw(imitated);
+use Imitated qw(imitated write_file);
 use LocalServer qw(free_port);
 use IO::Socket::INET;
 use IO::Socket::UNIX;
@@ -21,10 +21,7 @@ my ($ALICE, $EVE, $WEB) = (31001, 31003, 33);
 # The world is this test's own: see private-world.
 sub put {
     my ($path, $text, $owner) = @_;
-    mkpath(dirname($path));
-    open my $file, '>', $path or die "$path: $!\n";
-    print $file $text;
-    close $file or die "$path: $!\n";
+    write_file($path, $text);
     chown $owner, $owner, dirname($path), $path or die "$path: $!\n" if defined $owner;
     return;
 }

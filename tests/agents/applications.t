@@ -4,7 +4,7 @@ use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Agent::Problems;
-use File::Path ();
+use Imitated qw(write_file);
 use POSIX ();
 use Linux::Applications;
 use Linux::PhpText;
@@ -15,12 +15,7 @@ my $system = '/mnt/system';
 
 sub put {
     my ($path, $text) = @_;
-    (my $folder = "$system$path") =~ s{/[^/]*\z}{};
-    File::Path::mkpath($folder);
-    open my $file, '>', "$system$path" or die "$path: $!";
-    print {$file} $text;
-    close $file or die $!;
-    return;
+    return write_file("$system$path", $text);
 }
 
 my $problems = Agent::Problems->new;

@@ -4,12 +4,9 @@ use strict;
 use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
-use Agent::Process qw(run);
 use Digest::MD5 qw(md5_hex);
 use Dumped;
-use File::Basename qw(dirname);
-use File::Path qw(mkpath);
-use Imitated qw(imitated);
+use Imitated qw(imitated output_of write_file);
 use Linux::Applications;
 use Linux::Packages;
 use Linux::SiteParts;
@@ -43,20 +40,9 @@ my ($tree, $problems) = imitated(
 );
 (my $root = $tree->root) =~ s{/\z}{};
 
-sub ran {
-    my (@argv) = @_;
-    my $result = run(\@argv);
-    die "@argv: $result->{err}" if $result->{status};
-    return $result->{out};
-}
-
 sub put {
-    my ($path, $text, $how) = @_;
-    mkpath(dirname("$root$path"));
-    open my $file, $how || '>', "$root$path" or die "$path: $!\n";
-    print $file $text;
-    close $file or die "$path: $!\n";
-    return;
+    my ($path, @text_and_how) = @_;
+    return write_file("$root$path", @text_and_how);
 }
 
 # Unpacks a package and notes it in the records, as dpkg does; documents, translations and the like, which
@@ -67,21 +53,21 @@ sub install {
     my $unpack = 'dpkg-deb --fsys-tarfile "$1" | tar -xv -C "$2" --exclude="*/i18n/*" --exclude="*/languages/*"'
         . ' --exclude="./usr/share/doc/*" --exclude="*/lang/*" --exclude="*/localization/*"'
         . ' --exclude="*/resources/*" --exclude="*/vendor/*" --exclude="*/modules/*" --exclude="*/skinStyles/*"';
-    my @paths = map {m{\A\./(.+?)/?\z} ? "/$1" : ()} split /\n/, ran('sh', '-c', $unpack, 'sh', $archive, $root);
+    my @paths = map {m{\A\./(.+?)/?\z} ? "/$1" : ()} split /\n/, output_of('sh', '-c', $unpack, 'sh', $archive, $root);
     my $control = "$root/control-of-$name";
-    ran('dpkg-deb', '-e', $archive, $control);
+    output_of('dpkg-deb', '-e', $archive, $control);
     put("/var/lib/dpkg/info/$name.list", join "\n", '/.', @paths, '');
-    put("/var/lib/dpkg/info/$name.md5sums", ran('cat', "$control/md5sums"));
-    my @settings = -e "$control/conffiles" ? grep {m{\A/}} split /\n/, ran('cat', "$control/conffiles") : ();
-    my $fields = ran('dpkg-deb', '-f', $archive);
+    put("/var/lib/dpkg/info/$name.md5sums", output_of('cat', "$control/md5sums"));
+    my @settings = -e "$control/conffiles" ? grep {m{\A/}} split /\n/, output_of('cat', "$control/conffiles") : ();
+    my $fields = output_of('dpkg-deb', '-f', $archive);
     put('/var/lib/dpkg/status', "${fields}Status: install ok installed\n"
         . (@settings ? "Conffiles:\n" . join '', map { ' ' . $_ . ' ' . md5_hex(bytes_of($_)) . "\n" } @settings : '')
         . "\n", '>>');
-    ran('rm', '-r', $control);
+    output_of('rm', '-r', $control);
     return;
 }
 
-sub bytes_of { return ran('cat', "$root$_[0]") }
+sub bytes_of { return output_of('cat', "$root$_[0]") }
 
 put('/var/lib/dpkg/info/apache2.list', join "\n", '/.', '/etc', '/etc/apache2', '/etc/apache2/conf-available', '');
 put('/var/lib/dpkg/status', "Package: apache2\nStatus: install ok installed\nVersion: 2\nArchitecture: all\n\n");
@@ -149,7 +135,7 @@ my %EXPECTED = (
 for my $site (sort keys %EXPECTED) {
     my ($name, $files) = @{ $EXPECTED{$site} };
     is package_of($site, 'name'), $name, "$site: its package is named";
-    my $version = ran('dpkg-deb', '-f', glob("$ARCHIVES/${name}_*.deb"), 'Version');
+    my $version = output_of('dpkg-deb', '-f', glob("$ARCHIVES/${name}_*.deb"), 'Version');
     chomp $version;
     is package_of($site, 'version'), $version, 'with its version';
     is_deeply below_of($site, $_), $files->{$_}, "$site: of $_ it has what installing does not bring"
@@ -189,5 +175,5 @@ is_deeply $settings{'wiki.test'}, ['wiki editor /var/lib/mediawiki/LocalSettings
 is_deeply $settings{'mail.test'}, ['roundcube cube /etc/dbconfig-common/roundcube.conf'], 'those of the package manager';
 
 # Much faster than perl's own way.
-ran('rm', '-r', "$root/usr");
+output_of('rm', '-r', "$root/usr");
 done_testing;

@@ -3,12 +3,9 @@ use strict;
 use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
-use Agent::Process qw(run);
 use Dumped;
-use File::Basename qw(dirname);
-use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
-use Imitated qw(imitated);
+use Imitated qw(imitated output_of write_file);
 use Test::More;
 
 # Debian's rpm has its records in homes; those of systems that are made of its packages are here.
@@ -20,24 +17,8 @@ my ($tree) = imitated(
 );
 (my $root = $tree->root) =~ s{/\z}{};
 
-sub ran {
-    my (@argv) = @_;
-    my $result = run(\@argv);
-    die "@argv: $result->{err}" if $result->{status};
-    return $result->{out};
-}
-
-sub put {
-    my ($path, $text) = @_;
-    mkpath(dirname($path));
-    open my $file, '>', $path or die "$path: $!\n";
-    print $file $text;
-    close $file or die "$path: $!\n";
-    return;
-}
-
-put("$home/.rpmmacros", "%_dbpath /var/lib/rpm\n%_topdir $home/build\n");
-put("$home/blog.spec", <<'END');
+write_file("$home/.rpmmacros", "%_dbpath /var/lib/rpm\n%_topdir $home/build\n");
+write_file("$home/blog.spec", <<'END');
 Name: blog
 Version: 1.2
 Release: 3
@@ -60,12 +41,12 @@ echo setting > %{buildroot}/etc/blog/blog.conf
 %dir /var/lib/blog
 %dir /var/lib/blog/cache
 END
-ran('rpmbuild', '-bb', "$home/blog.spec");
-ran('rpm', "--root=$root", '--initdb');
-ran('rpm', "--root=$root", '--install', '--nodeps', '--noscripts', glob "$home/build/RPMS/noarch/*.rpm");
-put("$root/usr/share/blog/inner.php", 'changed');
-put("$root/etc/blog/local.conf", 'made');
-put("$root/var/lib/blog/posts/first", 'a post');
+output_of('rpmbuild', '-bb', "$home/blog.spec");
+output_of('rpm', "--root=$root", '--initdb');
+output_of('rpm', "--root=$root", '--install', '--nodeps', '--noscripts', glob "$home/build/RPMS/noarch/*.rpm");
+write_file("$root/usr/share/blog/inner.php", 'changed');
+write_file("$root/etc/blog/local.conf", 'made');
+write_file("$root/var/lib/blog/posts/first", 'a post');
 
 my $dump = Dumped->new($tree, '', '--dump-all');
 is $dump->errors, '', 'the description is valid';

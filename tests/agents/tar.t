@@ -1,7 +1,7 @@
 use strict;
 use warnings;
 use FindBin;
-use lib map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Agent::Archive;
 use Agent::Private;
 use Agent::Process qw(run);
@@ -9,6 +9,7 @@ use Agent::Tar;
 use Digest::MD5 ();
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
+use Imitated qw(output_of);
 use IO::Socket::UNIX;
 use Socket;
 use Test::More;
@@ -17,13 +18,6 @@ my $top = tempdir(CLEANUP => 1);
 my $dir = tempdir(CLEANUP => 1);
 my $private = Agent::Private->new($dir);
 my @notes;
-
-sub ran {
-    my (@argv) = @_;
-    my $result = run(\@argv);
-    die "@argv: $result->{err}" if $result->{status};
-    return $result->{out};
-}
 
 sub fill {
     my ($path, $bytes) = @_;
@@ -57,7 +51,7 @@ sub packed {
 # What the archive holds, unpacked elsewhere.
 sub unpacked {
     my $to = tempdir(CLEANUP => 1);
-    ran('tar', '-x', '-p', '-f', "$dir/content/x.tar", '--acls', '--xattrs', '--numeric-owner', '-C', $to);
+    output_of('tar', '-x', '-p', '-f', "$dir/content/x.tar", '--acls', '--xattrs', '--numeric-owner', '-C', $to);
     return $to;
 }
 
@@ -65,17 +59,17 @@ sub unpacked {
 sub listing {
     my ($from) = @_;
     my $format = '%P %y %m %U %G %n %s %T@ %l\n';
-    my @lines = sort split /\n/, ran('find', $from, '-mindepth', '2', '-printf', $format);
+    my @lines = sort split /\n/, output_of('find', $from, '-mindepth', '2', '-printf', $format);
     # The size of a folder is the file system's affair.
     s/\A(.* d \d+ \d+ \d+) \d+ \d+ /$1 / for @lines;
-    my @files = split /\0/, ran('find', $from, '-type', 'f', '-print0');
+    my @files = split /\0/, output_of('find', $from, '-type', 'f', '-print0');
     my %sums;
     for my $file (@files) {
         open my $handle, '<', $file or die "$file: $!";
         $sums{ substr $file, length $from } = Digest::MD5->new->addfile($handle)->hexdigest;
     }
     # A directory lists its entries in an order of its own.
-    my $acls = ran('sh', '-c', 'cd "$1" && find . -print0 | LC_ALL=C sort -z | xargs -0 getfacl -n -P --', 'sh', $from);
+    my $acls = output_of('sh', '-c', 'cd "$1" && find . -print0 | LC_ALL=C sort -z | xargs -0 getfacl -n -P --', 'sh', $from);
     return { lines => \@lines, sums => \%sums, acls => $acls };
 }
 
@@ -90,24 +84,24 @@ symlink 'nowhere', "$top/site/dangling" or die $!;
 symlink '../away/x', "$top/site/deep/away" or die $!;
 symlink '../../away', "$top/site/deep/out" or die $!;
 symlink '/etc/passwd', "$top/site/absolute" or die $!;
-ran('mkfifo', "$top/site/fifo");
-ran('truncate', '-s', '30M', fill('site/sparse', 'begin'));
+output_of('mkfifo', "$top/site/fifo");
+output_of('truncate', '-s', '30M', fill('site/sparse', 'begin'));
 open my $sparse, '>>', "$top/site/sparse" or die $!;
 print $sparse 'end';
 close $sparse;
-ran('setfacl', '-m', 'u:33:r,g:44:rw', "$top/site/hard");
-ran('setfacl', '-m', 'd:u:33:rwx', "$top/site/deep");
+output_of('setfacl', '-m', 'u:33:r,g:44:rw', "$top/site/hard");
+output_of('setfacl', '-m', 'd:u:33:rwx', "$top/site/deep");
 chown 1234, 4321, "$top/site/*", "$top/site/empty" or die $!;
 chmod 04711, fill('site/setuid', 'x') or die $!;
 chmod 0000, "$top/site/closed" or die $!;
-ran('touch', '-d', '2001-02-03 04:05:06.123456789', "$top/site/~");
-ran('touch', '-h', '-d', '1999-01-01', "$top/site/soft");
-ran('touch', '-d', '2002-01-01', "$top/site/deep");
+output_of('touch', '-d', '2001-02-03 04:05:06.123456789', "$top/site/~");
+output_of('touch', '-h', '-d', '1999-01-01', "$top/site/soft");
+output_of('touch', '-d', '2002-01-01', "$top/site/deep");
 
 # perl has no function of its own for this.
 sub set_attribute {
     my ($path, $value) = @_;
-    ran('python3', '-c', 'import os,sys; os.setxattr(sys.argv[1], "trusted.note", sys.argv[2].encode())', $path, $value);
+    output_of('python3', '-c', 'import os,sys; os.setxattr(sys.argv[1], "trusted.note", sys.argv[2].encode())', $path, $value);
     return;
 }
 set_attribute("$top/site/hard", 'noted');
@@ -124,10 +118,10 @@ cmp_ok 512 * (stat "$copy/site/sparse")[12], '<', 1_000_000, 'a sparse file stay
 cmp_ok $result->{size}, '<', $result->{bytes} + 10_000, 'the scan says how large an archive may become';
 is $result->{size}, -s "$dir/content/x.tar", 'the size is right';
 is $result->{unpacked}, $result->{size}, 'and the size without compression';
-is $result->{md5}, ran('md5sum', "$dir/content/x.tar") =~ /\A(\w+)/ && $1, 'so is the sum';
+is $result->{md5}, output_of('md5sum', "$dir/content/x.tar") =~ /\A(\w+)/ && $1, 'so is the sum';
 
 my $gz = packed(tar_of(['/site']), 1);
-is $gz->{md5}, ran('md5sum', "$dir/content/x.tar") =~ /\A(\w+)/ && $1, 'the sum of a compressed archive is right';
+is $gz->{md5}, output_of('md5sum', "$dir/content/x.tar") =~ /\A(\w+)/ && $1, 'the sum of a compressed archive is right';
 is $gz->{unpacked}, $result->{size}, 'it knows how much it unpacks to';
 is_deeply listing(unpacked()), listing($top), 'a compressed archive has the same in it';
 is packed(tar_of(['/site/deep']), 1)->{md5}, packed(tar_of(['/site/deep']), 1)->{md5},
@@ -141,7 +135,7 @@ for my $change (
     ['content', sub { fill('site/~', 'other') }], ['mode', sub { chmod 0600, "$top/site/~" }],
     ['owner', sub { chown 5, 5, "$top/site/~" }], ['time', sub { utime 1, 1, "$top/site/~" }],
     ['new file', sub { fill('site/new', '') }], ['name', sub { rename "$top/site/new", "$top/site/newer" }],
-    ['removal', sub { unlink "$top/site/newer" }], ['ACL', sub { ran('setfacl', '-b', "$top/site/hard") }],
+    ['removal', sub { unlink "$top/site/newer" }], ['ACL', sub { output_of('setfacl', '-b', "$top/site/hard") }],
 ) {
     $change->[1]->();
     rest();
@@ -162,7 +156,7 @@ packed(tar_of(['/site'], exclude => ["$top/site/deep*", "$top/site/[d]eep", "$to
     is_deeply [grep { -e "$there/site/$_" } 'deep', 'deep*', '[d]eep', 'deepest', '[de]'], [qw(deep deepest)],
         'a name with the signs of a pattern leaves out no other';
 }
-ran('rm', '-r', map {"$top/site/$_"} 'deep*', '[d]eep', 'deepest', '[de]');
+output_of('rm', '-r', map {"$top/site/$_"} 'deep*', '[d]eep', 'deepest', '[de]');
 
 {
     my $socket = IO::Socket::UNIX->new(Local => "$top/site/socket", Listen => 1) or die $!;
@@ -254,7 +248,7 @@ fill("secret/$_/key", 'SECRET') for qw(public sub);
 fill("$FOLDER/app/public/$_", 'own') for qw(page sub/key);
 link "$top$FOLDER/app/public/page", "$top$FOLDER/app/public/page too" or die $!;
 symlink 'page', "$top$FOLDER/app/public/link" or die $!;
-ran('chown', '-R', '1234:1234', "$top$FOLDER");
+output_of('chown', '-R', '1234:1234', "$top$FOLDER");
 chmod 0700, "$top/secret" or die $!;
 
 packed_while(sub { }, "$FOLDER/app/public");
@@ -326,7 +320,7 @@ as_nobody(sub {
 my %said = map { $_ => 1 } @notes;
 is_deeply [sort keys %said], ['error|/private/closed|cannot be read: Permission denied',
     'error|/private/folder|cannot be read: Permission denied'], 'what cannot be read is named';
-is_deeply [sort split /\n/, ran('tar', '-tf', "$own/x.tar")], ['./private/', './private/open'],
+is_deeply [sort split /\n/, output_of('tar', '-tf', "$own/x.tar")], ['./private/', './private/open'],
     'the rest is packed';
 
 # --- the disk ---
@@ -353,7 +347,7 @@ is_deeply [sort split /\n/, ran('tar', '-tf', "$own/x.tar")], ['./private/', './
 # --- no room ---
 
 my $small = tempdir(CLEANUP => 1);
-ran('mount', '-t', 'tmpfs', '-o', 'size=2m,mode=700', 'small', $small);
+output_of('mount', '-t', 'tmpfs', '-o', 'size=2m,mode=700', 'small', $small);
 my $tight = Agent::Private->new($small);
 fill('log/growing', join '', map { chr rand 256 } 1 .. 3_000_000);
 my $tar = tar_of(['/log'], private => $tight);
@@ -370,6 +364,6 @@ for my $compress (0, 1) {
     $tar->scan;
 }
 undef $tar;
-ran('umount', $small);
+output_of('umount', $small);
 
 done_testing;
