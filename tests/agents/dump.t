@@ -53,7 +53,8 @@ my ($tree) = imitated(
     'etc/nginx/sites-enabled/missing' => server_block('missing.test', '/srv/absent'),
     'etc/nginx/sites-enabled/whole' => "server { listen 443 ssl; server_name whole.test; root /;\n"
         . "ssl_certificate /etc/letsencrypt/live/tls.test/fullchain.pem;\n"
-        . "ssl_certificate_key /etc/letsencrypt/live/tls.test/privkey.pem; }\n",
+        . "ssl_certificate_key /etc/letsencrypt/live/tls.test/privkey.pem;\n"
+        . "location ~ php { fastcgi_pass unix:/var/run/php/whole.sock; } }\n",
     'usr/local/openresty/nginx/conf/nginx.conf' => "http { include /srv/elsewhere/web.conf; }\n",
     'srv/elsewhere/web.conf' => "gzip on;\n", 'opt/remi/php81/root/etc/php.ini' => '',
     'usr/local/apache2/conf/httpd.conf' => '',
@@ -132,6 +133,8 @@ is_deeply files(), \@EVERYTHING, 'everything has an archive';
 is found('string(/dumping-status/@stage)', "$dir/dumping-status.xml"), 'finished', 'the status says it is done';
 is found('string(/dumping-status/@done)', "$dir/dumping-status.xml"), scalar @EVERYTHING, 'with all of them';
 is_deeply values_of('//client/@name'), [qw(alice bob root)], 'all owners of sites are clients';
+is found('string(//domain[@name="whole.test"]/site/php/@listen)'), 'unix:/var/run/php/whole.sock',
+    'a site with PHP tells where its web server reaches it';
 is_deeply values_of('/dump/reseller[@name="big"]/client/@name'), ['bob'], 'one of them in its reseller';
 is_deeply values_of('//client[@name="alice"]/domain/@name'), [qw(a.test b.test)], 'with their domains';
 is_deeply values_of('//domain[@name="a.test"]/mailbox/@address'), ['info@a.test'], 'which have their mailboxes';

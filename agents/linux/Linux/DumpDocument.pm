@@ -232,7 +232,7 @@ sub php {
     return if !$php;
     my ($settings, $env) = map { $_ || {} } @$php{qw(settings env)};
     return element('php', [
-        (map { $_ => $php->{$_} } qw(version handler pool)),
+        (map { $_ => $php->{$_} } qw(version handler pool listen)),
         user => $php->{pool_user}, file => $php->{pool_file},
         extensions => words(@{ $php->{extensions} || [] }),
     ], (map { element('setting', [name => $_], text($settings->{$_})) } sort keys %$settings),
