@@ -1,0 +1,156 @@
+"""The description of the source host, `dump.xml`, held against its schema. All texts in it are the source host's."""
+from __future__ import annotations
+
+import dataclasses
+import functools
+from collections.abc import Iterator
+from pathlib import Path
+from typing import Any
+
+from lxml import etree
+
+from sondrel_restore.hostfiles import components, read_file
+from sondrel_restore.kind import RestoreError
+
+# An element of lxml, which has no types of its own in Debian.
+Element = Any
+
+LARGEST = 256 << 20
+_SCHEMA = "dump.xsd"
+_VERSION = "2"
+
+
+@dataclasses.dataclass(frozen=True)
+class Account:
+    """An account of the source host. `home` is empty where there is none."""
+
+    name: str
+    uid: int
+    gid: int
+    group: str
+    home: str
+    shell: str
+    system: bool
+
+
+@dataclasses.dataclass(frozen=True)
+class Group:
+    """A group of the source host, with the names of those who are in it besides their own one."""
+
+    name: str
+    gid: int
+    members: tuple[str, ...]
+
+
+@dataclasses.dataclass(frozen=True)
+class Client:
+    """An account that owns sites, with its element."""
+
+    name: str
+    element: Element
+
+
+@dataclasses.dataclass(frozen=True)
+class Domain:
+    """A site or a domain of mail. `client` is empty for one that nobody was found to own."""
+
+    name: str
+    names: tuple[str, ...]
+    client: str
+    element: Element
+
+
+class Description:
+    """What the agent found, as a tree of lxml with helpers for what several kinds need."""
+
+    def __init__(self, path: Path) -> None:
+        """RestoreError if it cannot be read, is another document, or does not follow its schema."""
+        try:
+            content = read_file(str(path), limit=LARGEST)
+        except OSError as error:
+            raise RestoreError(f"{path} cannot be read: {error.strerror}") from error
+        parser = etree.XMLParser(resolve_entities=False, no_network=True, load_dtd=False, huge_tree=False,
+                                 remove_comments=True, remove_pis=True)
+        try:
+            self.tree: Element = etree.fromstring(content, parser)
+        except etree.XMLSyntaxError as error:
+            raise RestoreError(f"{path} is no XML document: {error}") from error
+        if self.tree.getroottree().docinfo.doctype:
+            raise RestoreError(f"{path} has a document type, which no description has")
+        _check(self.tree, path)
+
+    @functools.cached_property
+    def accounts(self) -> dict[str, Account]:
+        """The accounts with a name, by it."""
+        return {account.name: account for account in map(_account, self.tree.iterfind("accounts/account"))
+                if account.name}
+
+    @functools.cached_property
+    def groups(self) -> dict[str, Group]:
+        """The groups with a name, by it."""
+        return {group.name: group for group in map(_group, self.tree.iterfind("accounts/group")) if group.name}
+
+    def clients(self) -> list[Client]:
+        """All clients, those of resellers too."""
+        return [Client(element.get("name"), element)
+                for element in self.tree.iterfind(".//client") if element.getparent().tag in ("dump", "reseller")]
+
+    def domains(self) -> list[Domain]:
+        """All domains, those without a client last."""
+        found = [domain for client in self.clients() for domain in _domains(client.element, client.name)]
+        unassigned = self.tree.find("unassigned")
+        return found if unassigned is None else found + list(_domains(unassigned, ""))
+
+    def contents(self, of: Element) -> list[Element]:
+        """The elements `content` of an object, without lists of problems: the archives that it consists of."""
+        return [content for content in of.iterfind("content") if content.get("kind") != "problems"]
+
+    def client_of(self, element: Element) -> str:
+        """The client around an element; empty where there is none."""
+        return next((str(above.get("name")) for above in element.iterancestors("client")), "")
+
+    def domain_of(self, element: Element) -> str:
+        """The domain around an element, or which it is itself; empty where there is none."""
+        around = [element, *element.iterancestors()]
+        return next((str(above.get("name")) for above in around if above.tag == "domain"), "")
+
+
+def _domains(owner: Element, client: str) -> Iterator[Domain]:
+    for element in owner.iterfind("domain"):
+        yield Domain(element.get("name"), tuple(name.text or "" for name in element.iterfind("name")), client, element)
+
+
+def _account(element: Element) -> Account:
+    uid = int(element.get("uid"))
+    return Account(element.get("name", ""), uid, int(element.get("gid", "-1")), element.get("group", ""),
+                   element.get("home", ""), element.get("shell", ""), element.get("system") == "yes")
+
+
+def _group(element: Element) -> Group:
+    return Group(element.get("name", ""), int(element.get("gid")),
+                 tuple(member.text or "" for member in element.iterfind("member")))
+
+
+def _check(tree: Element, path: Path) -> None:
+    if tree.tag != "dump" or tree.get("agent") != "linux":
+        raise RestoreError(f"{path} is no description of the agent linux: only what it dumps can be restored")
+    if tree.get("version") != _VERSION:
+        raise RestoreError(f"{path} has version {tree.get('version')}; this release restores version {_VERSION}")
+    schema = _schema()
+    if not schema.validate(tree):
+        first = schema.error_log[0]
+        raise RestoreError(f"{path}, line {first.line}: not as descriptions are: {first.message}")
+
+
+def _schema() -> Element:
+    above = Path(__file__).resolve().parent.parent
+    # Installed beside the modules; in a checkout among the documents.
+    for path in (above / _SCHEMA, above.parent / "docs" / "formats" / _SCHEMA):
+        if path.exists():
+            return etree.XMLSchema(etree.parse(str(path)))
+    raise RestoreError(f"{above / _SCHEMA} is missing: the installation is not complete")
+
+
+def is_below(path: str, root: str) -> bool:
+    """Whether an absolute path is that root, or lies below it. RestoreError for one that is not absolute."""
+    return components(path)[:len(components(root))] == components(root)

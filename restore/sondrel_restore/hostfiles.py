@@ -1,0 +1,163 @@
+"""Files of this host: opened component by component, never by a link that an account could have made."""
+from __future__ import annotations
+
+import contextlib
+import errno
+import os
+import secrets
+import stat
+from collections.abc import Iterator
+
+from sondrel_restore.kind import RestoreError
+
+_DIRECTORY = os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW | os.O_CLOEXEC
+_MOST_LINKS = 40
+
+
+def components(path: str) -> list[str]:
+    """The names in an absolute path. A path that is not absolute, or has `..` or a NUL in it, is a RestoreError."""
+    parts = [part for part in path.split("/") if part not in ("", ".")]
+    if not path.startswith("/") or ".." in parts or "\0" in path:
+        raise RestoreError(f"{path} is no absolute path without \"..\"")
+    return parts
+
+
+@contextlib.contextmanager
+def open_directory(path: str) -> Iterator[int]:
+    """A descriptor of the directory, for calls with `dir_fd`; closed at the end.
+
+    On the way a symbolic link is followed only if it is root's and lies in a directory of root's that no other
+    account may write into; any other one is a RestoreError. FileNotFoundError and NotADirectoryError as usual.
+    """
+    descriptor = _walk(path)
+    try:
+        yield descriptor
+    finally:
+        os.close(descriptor)
+
+
+def _walk(path: str) -> int:
+    left = components(path)
+    trail = [os.open("/", _DIRECTORY)]
+    links = 0
+    try:
+        while left:
+            name = left.pop(0)
+            if name == "..":
+                if len(trail) > 1:
+                    os.close(trail.pop())
+                continue
+            target = _trusted_link(trail[-1], name, path)
+            if target is None:
+                trail.append(os.open(name, _DIRECTORY, dir_fd=trail[-1]))
+                continue
+            links += 1
+            if links > _MOST_LINKS:
+                raise OSError(errno.ELOOP, os.strerror(errno.ELOOP), path)
+            if target.startswith("/"):
+                while len(trail) > 1:
+                    os.close(trail.pop())
+            left = [part for part in target.split("/") if part not in ("", ".")] + left
+        return os.dup(trail[-1])
+    finally:
+        for descriptor in trail:
+            os.close(descriptor)
+
+
+def _trusted_link(directory: int, name: str, path: str) -> str | None:
+    """What the link leads to; None where there is none."""
+    about = os.stat(name, dir_fd=directory, follow_symlinks=False)
+    if not stat.S_ISLNK(about.st_mode):
+        return None
+    around = os.fstat(directory)
+    if about.st_uid != 0 or around.st_uid != 0 or around.st_mode & 0o022:
+        raise RestoreError(f"{path} leads through the symbolic link {name}, which others than root may have made")
+    return os.readlink(name, dir_fd=directory)
+
+
+def read_file(path: str, *, limit: int = 64 << 20) -> bytes:
+    """The bytes of a regular file, which no link leads to. More than `limit` of them are a RestoreError."""
+    parent, name = os.path.split(path)
+    with open_directory(parent) as directory:
+        descriptor = os.open(name, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC, dir_fd=directory)
+        with open(descriptor, "rb") as file:
+            if not stat.S_ISREG(os.fstat(descriptor).st_mode):
+                raise RestoreError(f"{path} is no regular file")
+            content = file.read(limit + 1)
+    if len(content) > limit:
+        raise RestoreError(f"{path} has more than {limit} bytes")
+    return content
+
+
+def atomic_write(path: str, content: bytes, *, mode: int, uid: int, gid: int) -> None:
+    """Makes or replaces a file as a whole: whoever reads it, after a crash too, finds the old or the new one.
+
+    The directory must be there. A link at `path` itself is replaced, not followed.
+    """
+    parent, name = os.path.split(path)
+    with open_directory(parent) as directory:
+        temporary = f".{name[:100]}.{secrets.token_hex(6)}"
+        descriptor = os.open(
+            temporary, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600, dir_fd=directory)
+        try:
+            with open(descriptor, "wb") as file:
+                file.write(content)
+                file.flush()
+                os.fchown(descriptor, uid, gid)
+                os.fchmod(descriptor, mode)
+                os.fsync(descriptor)
+            os.rename(temporary, name, src_dir_fd=directory, dst_dir_fd=directory)
+        except BaseException:
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink(temporary, dir_fd=directory)
+            raise
+        os.fsync(directory)
+
+
+def make_link(path: str, target: str) -> None:
+    """Makes or replaces a symbolic link of root's, as a whole."""
+    parent, name = os.path.split(path)
+    with open_directory(parent) as directory:
+        temporary = f".{name[:100]}.{secrets.token_hex(6)}"
+        os.symlink(target, temporary, dir_fd=directory)
+        try:
+            os.rename(temporary, name, src_dir_fd=directory, dst_dir_fd=directory)
+        except BaseException:
+            os.unlink(temporary, dir_fd=directory)
+            raise
+        os.fsync(directory)
+
+
+def remove_file(path: str) -> None:
+    """Removes a file or a link, if it is there."""
+    parent, name = os.path.split(path)
+    try:
+        with open_directory(parent) as directory:
+            os.unlink(name, dir_fd=directory)
+            os.fsync(directory)
+    except FileNotFoundError:
+        return
+
+
+def make_directories(path: str, *, mode: int, uid: int, gid: int) -> list[str]:
+    """Makes a directory with those above it that are missing; returns the paths of the new ones, uppermost first.
+
+    All new ones get this mode and owner. What is there stays as it is.
+    """
+    made: list[str] = []
+    reached = ""
+    for name in components(path):
+        with open_directory(reached or "/") as directory:
+            reached = f"{reached}/{name}"
+            try:
+                os.mkdir(name, 0o700, dir_fd=directory)
+            except FileExistsError:
+                continue
+            made.append(reached)
+            new = os.open(name, _DIRECTORY, dir_fd=directory)
+            try:
+                os.fchown(new, uid, gid)
+                os.fchmod(new, mode)
+            finally:
+                os.close(new)
+    return made

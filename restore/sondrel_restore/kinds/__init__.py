@@ -1,0 +1,36 @@
+"""The kinds of objects, in the order in which they are applied; undone in the reverse one.
+
+A module of this package has `KINDS`, a tuple of classes of `Kind`.
+"""
+from __future__ import annotations
+
+import importlib
+import importlib.util
+from collections.abc import Sequence
+
+from sondrel_restore.kind import Kind
+
+ORDER = (
+    "package",
+    "group",
+    "account",
+    "files",
+    "mysql",
+    "postgresql",
+    "pool",
+    "certificate",
+    "apache",
+    "nginx",
+    "mail",
+    "job",
+)
+
+
+def all_kinds() -> Sequence[Kind]:
+    """One instance of each kind, for one run."""
+    kinds: list[Kind] = []
+    for name in ORDER:
+        full_name = f"{__name__}.{name}"
+        if importlib.util.find_spec(full_name) is not None:
+            kinds += [kind() for kind in importlib.import_module(full_name).KINDS]
+    return kinds

@@ -1,0 +1,158 @@
+"""Files of clients and sites: one object for each archive, since several domains may share one."""
+from __future__ import annotations
+
+import dataclasses
+import re
+from collections.abc import Iterator
+
+from sondrel_restore.accepted import is_vacant, why_not, why_not_owners
+from sondrel_restore.description import Element, is_below
+from sondrel_restore.host import account_of
+from sondrel_restore.journal import Entry
+from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, State
+from sondrel_restore.restore import Restore
+from sondrel_restore.unpacking import remove_unpacked, unpack, verify_unpacked
+
+# Other kinds read these from the archives.
+_OF_OTHER_KINDS = ("/etc/cron.d", "/etc/systemd", "/var/spool/cron", "/etc/nginx", "/etc/apache2", "/etc/php",
+                   "/etc/letsencrypt")
+
+
+@dataclasses.dataclass
+class _Archived:
+    """An archive with what the description says of it."""
+
+    content: Element
+    name: str
+    owner: str
+    roots: set[str] = dataclasses.field(default_factory=set)
+    # The clients and domains that it belongs to.
+    clients: set[str] = dataclasses.field(default_factory=set)
+    domains: set[str] = dataclasses.field(default_factory=set)
+    # Paths that do not come here, with the reason.
+    refused: dict[str, str] = dataclasses.field(default_factory=dict)
+
+
+class FilesKind(Kind):
+    """Unpacks the archives of clients and of sites."""
+
+    name = "files"
+
+    def plan(self, restore: Restore) -> Iterator[Item]:
+        found: dict[str, _Archived] = {}
+        # A home comes before the sites in it.
+        for archived in [*_of_clients(restore), *_of_sites(restore)]:
+            known = found.setdefault(archived.name, archived)
+            known.roots |= archived.roots
+            known.clients |= archived.clients
+            known.domains |= archived.domains
+        for archived in found.values():
+            if archived.roots:
+                yield self._item(restore, archived)
+
+    def _item(self, restore: Restore, archived: _Archived) -> Item:
+        state, says, decisions = _state(restore, archived, f"{self.name}:{archived.name}")
+        item = Item(self.name, archived.name, state, says, decisions, frozenset(archived.domains),
+                    # With a domain comes its archive, with a client all of them.
+                    frozenset(archived.clients), archived)
+        if state is not State.IMPOSSIBLE and restore.selection.takes(item) and not restore.decisions.skip(
+                item.identifier):
+            for root in archived.roots:
+                restore.offer("tree", root, restore.decisions.account_here(archived.owner))
+        return item
+
+    def apply(self, restore: Restore, item: Item) -> Facts:
+        archived = item.data
+        assert isinstance(archived, _Archived)
+        owner = restore.decisions.account_here(archived.owner)
+        facts = unpack(restore, item.identifier, [restore.archive(archived.content)], archived.roots, owner)
+        for path, why in archived.refused.items():
+            restore.name(item.identifier, f"{path} is left out: {why}")
+        return {**facts, "source": _source(archived, owner), "roots": sorted(archived.roots)}
+
+    def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
+        archived = item.data
+        assert isinstance(archived, _Archived)
+        yield from verify_unpacked(
+            restore, item.identifier, [restore.archive(archived.content)], archived.roots)
+
+    def undo(self, restore: Restore, entry: Entry) -> Left | None:
+        return remove_unpacked(restore, entry)
+
+
+def _source(archived: _Archived, owner: str) -> str:
+    return f"{archived.content.get('md5sum')} {owner} {' '.join(sorted(archived.roots))}"
+
+
+def _name_of(content: Element) -> str:
+    """`sites/a.example` of `content/sites/a.example.tar.gz`."""
+    name = re.sub(r"\.tar(\.gz)?\Z", "", str(content.get("file")).removeprefix("content/"))
+    return re.sub("=([0-9A-Fa-f]{2})", lambda match: chr(int(match[1], 16)), name)
+
+
+def _of_clients(restore: Restore) -> Iterator[_Archived]:
+    for client in restore.description.clients():
+        home = client.element.get("home")
+        for content in restore.description.contents(client.element):
+            archived = _Archived(content, _name_of(content), client.name, clients={client.name})
+            if home:
+                _take_roots(restore, archived, [home], {client.name})
+            yield archived
+
+
+def _of_sites(restore: Restore) -> Iterator[_Archived]:
+    for domain in restore.description.domains():
+        site = domain.element.find("site")
+        if site is None:
+            continue
+        owner = site.get("owner") or domain.client
+        packed = [element.text or "" for element in site.iterfind("packed")]
+        packed = packed or [element.text or "" for element in site.iterfind("root")]
+        for content in restore.description.contents(domain.element):
+            archived = _Archived(content, _name_of(content), owner, domains={domain.name},
+                                 clients={domain.client} - {""})
+            _take_roots(restore, archived, packed, {owner, domain.client} - {""})
+            yield archived
+
+
+def _take_roots(restore: Restore, archived: _Archived, paths: list[str], accounts: set[str]) -> None:
+    here = [restore.decisions.account_here(name) for name in accounts]
+    for path in paths:
+        why = why_not(path) or why_not_owners(path, here)
+        if not why:
+            archived.roots.add(path)
+        elif not any(is_below(path, other) for other in _OF_OTHER_KINDS if path.startswith("/")):
+            archived.refused[path] = why
+
+
+def _state(restore: Restore, archived: _Archived, identifier: str) -> tuple[State, str, tuple[str, ...]]:
+    owner = restore.decisions.account_here(archived.owner)
+    entry = restore.journal.entry(identifier)
+    if account_of(owner) is None and archived.owner not in restore.offered("account"):
+        return State.IMPOSSIBLE, (f"it belongs to {archived.owner}, and there will be no account {owner} here: "
+                                  f"make one, or name one by --map-account={archived.owner}:NAME"), ()
+    size = f"{int(archived.content.get('unpacked')):,} bytes in {', '.join(sorted(archived.roots))}"
+    if entry is not None and entry.state == "done":
+        if entry.facts.get("source") == _source(archived, owner):
+            return State.SAME, size, ()
+        return State.RENEW, size, ()
+    occupied = [] if entry is not None else [
+        root for root in sorted(archived.roots) if not is_vacant(root) and not _is_ours(restore, root)]
+    if occupied:
+        return State.CONFLICT, f"{', '.join(occupied)} is here already and is not empty", (
+            f"--replace={identifier}", f"--skip={identifier}")
+    left_out = "".join(f"; {path} is left out: {why}" for path, why in archived.refused.items())
+    return State.MAKE, size + left_out, ()
+
+
+def _is_ours(restore: Restore, root: str) -> bool:
+    """Whether an apply has made it, or what is in it."""
+    for entry in restore.journal.entries("files"):
+        before = entry.facts.get("before", {})
+        if isinstance(before, dict) and any(was is None and (path == root or path.startswith(root + "/"))
+                                            for path, was in before.items()):
+            return True
+    return False
+
+
+KINDS = (FilesKind,)

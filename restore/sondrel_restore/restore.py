@@ -1,0 +1,206 @@
+"""What every verb of a kind is given, and the loops over all kinds: plan, apply, verify, undo."""
+from __future__ import annotations
+
+import contextlib
+import dataclasses
+from collections.abc import Iterator, Mapping, Sequence
+
+from sondrel_restore.archives import Archive
+from sondrel_restore.description import Description, Element
+from sondrel_restore.host import Host
+from sondrel_restore.journal import Journal
+from sondrel_restore.kind import Finding, Item, Kind, Left, Missing, RestoreError, State
+from sondrel_restore.progress import Progress
+from sondrel_restore.selection import Decisions, Selection
+from sondrel_restore.session import Session
+
+
+class Restore:
+    """The context that every verb of a kind is given. Lives for one run."""
+
+    def __init__(self, session: Session, description: Description, selection: Selection,
+                 decisions: Decisions, *, against: str = "") -> None:
+        self.session = session
+        self.description = description
+        self.selection = selection
+        self.decisions = decisions
+        # The address of the live source host, for verify; empty where the description is what counts.
+        self.against = against
+        self.host = Host()
+        self.journal = Journal(session.journal_directory)
+        self.progress = Progress()
+        self._offers: dict[str, dict[str, object]] = {}
+        self._archives: dict[str, Archive] = {}
+        self._named: list[tuple[str, str]] = []
+
+    def offer(self, fact: str, key: str, value: object) -> None:
+        """For kinds after this one; in `plan`, so that their plans have it too: what is here, or will be.
+
+        Facts of the core: "account" (name there -> name here), "group" (the same), "tree" (path -> name of the
+        account here whose it is): a directory that was or will be restored.
+        """
+        self._offers.setdefault(fact, {})[key] = value
+
+    def offered(self, fact: str) -> Mapping[str, object]:
+        """What was offered so far, by key."""
+        return self._offers.get(fact, {})
+
+    def name(self, identifier: str, text: str) -> None:
+        """Something that a person must know of an object that is otherwise done: left out, dropped, kept.
+
+        Shown at the end of an apply, in the order of the calls.
+        """
+        self._named.append((identifier, text))
+
+    @property
+    def named(self) -> Sequence[tuple[str, str]]:
+        """What was named so far: identifiers and texts."""
+        return self._named
+
+    def archive(self, content: Element) -> Archive:
+        """The archive of an element `content`. Its size and sum are checked when it is first read."""
+        file = str(content.get("file"))
+        if file not in self._archives:
+            self._archives[file] = Archive(
+                self.session.archives / file, int(content.get("size")), str(content.get("md5sum")))
+        return self._archives[file]
+
+
+@dataclasses.dataclass
+class Plan:
+    """What a plan found: the objects in the order of apply, and what this host lacks."""
+
+    items: list[Item]
+    missing: list[Missing]
+
+    def undecided(self) -> list[Item]:
+        """Conflicts that no option decides."""
+        return [item for item in self.items if item.state is State.CONFLICT]
+
+    @property
+    def is_ready(self) -> bool:
+        """Whether it can be applied as it is."""
+        return not self.undecided() and not self.missing
+
+
+@dataclasses.dataclass
+class Outcome:
+    """How an apply or an undo went: what was done, and what failed with the reason."""
+
+    changed: list[str] = dataclasses.field(default_factory=list)
+    failed: list[tuple[str, str]] = dataclasses.field(default_factory=list)
+    left: list[Left] = dataclasses.field(default_factory=list)
+
+
+def plan_kind(restore: Restore, kind: Kind) -> Iterator[Item]:
+    """The selected objects of a kind; a conflict that is decided by --replace is to be made."""
+    for item in kind.plan(restore):
+        restore.progress.show(f"looking at {item.kind} {item.name}")
+        if not restore.selection.takes(item) or restore.decisions.skip(item.identifier):
+            continue
+        if item.state is State.CONFLICT and restore.decisions.replace(item.identifier):
+            item = dataclasses.replace(item, state=State.MAKE)
+        yield item
+
+
+def make_plan(restore: Restore, kinds: Sequence[Kind]) -> Plan:
+    """Asks all kinds. Changes nothing. RestoreError if an option names an object that there is not."""
+    items: list[Item] = []
+    missing: list[Missing] = []
+    for kind in kinds:
+        items += plan_kind(restore, kind)
+        missing += [each for each in kind.missing(restore)
+                    if not restore.decisions.skip(f"package:{each.package}")]
+    return Plan(items, missing)
+
+
+def apply_plan(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Outcome:
+    """Makes what the plan says. The journal must be locked. What fails is named, and the rest goes on."""
+    outcome = Outcome()
+    total = len(plan.items)
+    number = 0
+    for kind in kinds:
+        # What an earlier kind has made may have changed what this one finds.
+        items = list(plan_kind(restore, kind)) if outcome.changed else [
+            item for item in plan.items if item.kind == kind.name]
+        changed: list[Item] = []
+        for item in items:
+            number += 1
+            restore.progress.show(f"{number} of {total}, {item.kind} {item.name}")
+            if item.state in (State.MAKE, State.RENEW):
+                if _apply_item(restore, kind, item, outcome):
+                    changed.append(item)
+            elif item.state is State.CONFLICT:
+                outcome.failed.append((item.identifier, item.says))
+        _finish(restore, kind, items, outcome)
+    return outcome
+
+
+def _apply_item(restore: Restore, kind: Kind, item: Item, outcome: Outcome) -> bool:
+    restore.journal.begin(item)
+    with _failure_named(item.identifier, outcome):
+        facts = kind.apply(restore, item)
+        restore.journal.done(item, facts)
+        outcome.changed.append(item.identifier)
+        return True
+    return False
+
+
+@contextlib.contextmanager
+def _failure_named(identifier: str, outcome: Outcome) -> Iterator[None]:
+    try:
+        yield
+    except RestoreError as error:
+        outcome.failed.append((identifier, str(error)))
+    except OSError as error:
+        place = f"{error.filename}: " if error.filename else ""
+        outcome.failed.append((identifier, f"{place}{error.strerror or error}"))
+
+
+def _finish(restore: Restore, kind: Kind, items: Sequence[Item], outcome: Outcome) -> None:
+    """Also for what an earlier run has made that was killed before this."""
+    due = restore.journal.finish_due(kind.name)
+    if not due:
+        return
+    with _failure_named(kind.name, outcome):
+        kind.finish(restore, [item for item in items if item.identifier in due])
+        restore.journal.finished(kind.name)
+
+
+def verify_items(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Iterator[Finding]:
+    """Holds each object of the plan against what was fetched."""
+    for kind in kinds:
+        for item in plan.items:
+            if item.kind != kind.name:
+                continue
+            restore.progress.show(f"verifying {item.kind} {item.name}")
+            entry = restore.journal.entry(item.identifier)
+            if item.state is State.IMPOSSIBLE or entry is None and item.state is not State.SAME:
+                yield Finding(item.identifier, "here", False, f"was not restored: {item.says}")
+                continue
+            try:
+                yield from kind.verify(restore, item)
+            except RestoreError as error:
+                yield Finding(item.identifier, "here", False, str(error))
+            except OSError as error:
+                yield Finding(item.identifier, "here", False, f"{error.filename}: {error.strerror}")
+
+
+def undo_all(restore: Restore, kinds: Sequence[Kind]) -> Outcome:
+    """Takes back what the journal has, the last kind first. The journal must be locked."""
+    outcome = Outcome()
+    for kind in reversed(kinds):
+        # Later kinds find out by plans what there is; those before them are asked as in an apply.
+        for entry in reversed(restore.journal.entries(kind.name)):
+            if restore.decisions.skip(entry.identifier):
+                continue
+            restore.progress.show(f"taking back {entry.kind} {entry.name}")
+            with _failure_named(entry.identifier, outcome):
+                left = kind.undo(restore, entry)
+                if left is None:
+                    restore.journal.undone(entry)
+                    outcome.changed.append(entry.identifier)
+                else:
+                    outcome.left.append(left)
+        _finish(restore, kind, [], outcome)
+    return outcome

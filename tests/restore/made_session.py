@@ -1,0 +1,119 @@
+"""Sessions as `sondrel` leaves them, made by a test: archives by GNU tar or member by member, and the description."""
+import gzip
+import hashlib
+import io
+import os
+import subprocess
+import sys
+import tarfile
+
+from lxml import etree
+
+TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+PROGRAM = f"{TOP}/restore/sondrel-restore"
+
+_ATTRIBUTES = {"version": "2", "agent": "linux", "host": "source", "created": "2026-11-21T11:04:38Z", "scope": "all",
+               "content": "yes"}
+
+
+class MadeSession:
+    """A session directory. `tree` is the description, which is written before each run."""
+
+    def __init__(self, directory):
+        self.directory = directory
+        os.makedirs(f"{directory}/archives/content", mode=0o750)
+        os.chmod(directory, 0o750)
+        os.chmod(f"{directory}/archives", 0o750)
+        self.tree = etree.Element("dump", _ATTRIBUTES)
+        self.accounts = etree.SubElement(self.tree, "accounts")
+        self.problems = etree.SubElement(self.tree, "problems")
+
+    def add(self, xml, parent=None):
+        """An element from its text, at the end of `parent`; without one at its place in the description."""
+        element = etree.fromstring(xml)
+        if parent is not None:
+            parent.append(element)
+        elif element.tag in ("account", "group"):
+            before = [each for each in self.accounts if each.tag == "account"]
+            self.accounts.insert(len(before) if element.tag == "account" else len(self.accounts), element)
+        elif element.tag in ("server", "admin-info"):
+            self.accounts.addprevious(element)
+        else:
+            self.problems.addprevious(element)
+        return element
+
+    def add_account(self, name, uid, home=None, *, system="no", shell="/bin/sh", group=None, gid=None):
+        """An account with its group."""
+        home, group, gid = home or f"/home/{name}", group or name, gid or uid
+        self.add(f'<account name="{name}" uid="{uid}" gid="{gid}" group="{group}" home="{home}" shell="{shell}" '
+                 f'system="{system}"/>')
+        if not self.accounts.xpath("group[@name=$name]", name=group):
+            self.add(f'<group name="{group}" gid="{gid}"/>')
+
+    def add_client(self, name, uid, home=None):
+        """A client with its account; the element."""
+        self.add_account(name, uid, home)
+        return self.add(f'<client name="{name}" uid="{uid}" gid="{uid}" group="{name}" home="{home or f"/home/{name}"}" '
+                        f'shell="/bin/sh" system="no" whole="yes"/>')
+
+    def add_site(self, client, name, root, archive, site=""):
+        """A domain with a site and its archive (see `content`) in a client; `site` is what else its element holds."""
+        owner = client.get("name")
+        return self.add(f'<domain name="{name}"><name>{name}</name><site server="nginx" root="{root}" owner="{owner}" '
+                        f'group="{owner}"><listen address="*" port="80" tls="0"/><root>{root}</root>{site}'
+                        f'<packed>{root}</packed></site>{archive}</domain>', client)
+
+    def content(self, kind, file, archive):
+        """Puts the bytes of an archive into the session; the text of the element `content` for it."""
+        path = f"{self.directory}/archives/{file}"
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as out:
+            out.write(archive)
+        unpacked = len(gzip.decompress(archive)) if file.endswith(".gz") else len(archive)
+        return (f'<content kind="{kind}" file="{file}" size="{len(archive)}" md5sum="{hashlib.md5(archive).hexdigest()}" '
+                f'unpacked="{unpacked}"/>')
+
+    def write(self):
+        """The description as it is now."""
+        with open(f"{self.directory}/dump.xml", "wb") as file:
+            file.write(etree.tostring(self.tree, xml_declaration=True, encoding="UTF-8"))
+
+    def run(self, command, *options, check=None, **how):
+        """Runs sondrel-restore with this session; with `check` its exit code must be that."""
+        self.write()
+        done = subprocess.run([PROGRAM, command, self.directory, *options], capture_output=True, text=True, check=False,
+                              stdin=subprocess.DEVNULL, **how)
+        if check is not None and done.returncode != check:
+            print(done.stdout, done.stderr, file=sys.stderr)
+            raise AssertionError(f"{command} ended with {done.returncode} and not {check}:\n{done.stdout}{done.stderr}")
+        return done
+
+
+def packed(*paths, top="/"):
+    """An archive of paths below `top`, as the agent makes it."""
+    return subprocess.run(
+        ["tar", "--create", "--gzip", "--file=-", "--format=posix", "--acls", "--xattrs", "--sparse",
+         "--pax-option=delete=atime,delete=ctime", f"--directory={top}", *(f"./{path.lstrip('/')}" for path in paths)],
+        check=True, capture_output=True).stdout
+
+
+class Member(tarfile.TarInfo):
+    """A member of an archive that is made by hand."""
+
+    def __init__(self, name, content=b"", **attributes):
+        super().__init__(name)
+        self.content = content
+        self.size = len(content)
+        self.mode = 0o755 if attributes.get("type") == tarfile.DIRTYPE else 0o644
+        self.mtime = 1700000000
+        for key, value in attributes.items():
+            setattr(self, key, value)
+
+
+def made_of(*members):
+    """An archive of such members, hostile ones too."""
+    out = io.BytesIO()
+    with tarfile.open(fileobj=out, mode="w:gz", format=tarfile.PAX_FORMAT) as tar:
+        for member in members:
+            tar.addfile(member, io.BytesIO(member.content))
+    return out.getvalue()

@@ -1,0 +1,210 @@
+"""Files of clients and sites: unpacked, renewed, verified and taken back."""
+import os
+import pwd
+import stat
+import tarfile
+
+import pytest
+from destination import snapshot
+from made_session import Member, made_of
+
+OWNER = {"uname": "alice", "gname": "alice", "uid": 30001, "gid": 30001}
+
+
+def directory(name, **attributes):
+    return Member(name, type=tarfile.DIRTYPE, **{**OWNER, **attributes})
+
+
+def file(name, content=b"text\n", **attributes):
+    return Member(name, content, **{**OWNER, **attributes})
+
+
+def link(name, target, kind=tarfile.SYMTYPE, **attributes):
+    return Member(name, type=kind, linkname=target, **{**OWNER, **attributes})
+
+
+def site(session, *members, root="/home/alice/shop"):
+    """A session with one site of alice's that has these members."""
+    alice = session.add_client("alice", 30001)
+    session.add_site(alice, "shop.test", root, session.content(
+        "site", "content/sites/shop.test.tar.gz", made_of(*members)))
+    return session
+
+
+def renewed(session, *members):
+    """The same site, fetched again."""
+    element = session.tree.find(".//domain/content")
+    text = session.content("site", element.get("file"), made_of(*members))
+    element.getparent().replace(element, session.add(text, element.getparent()))
+
+
+def usual():
+    return (directory("./home/alice/shop"), file("./home/alice/shop/index.php", b"<?php"),
+            directory("./home/alice/shop/pictures", mode=0o2770), file("./home/alice/shop/pictures/a", b"a" * 3000),
+            link("./home/alice/shop/pictures/b", "a"))
+
+
+def test_makes_a_site_with_its_account_and_then_changes_nothing(session):
+    site(session, *usual())
+    assert "1 to make" not in session.run("plan", check=0).stderr
+    done = session.run("apply", check=0)
+    assert "3 changed" in done.stdout
+    about = os.stat("/home/alice/shop/index.php")
+    assert (about.st_uid, about.st_mtime) == (30001, 1700000000)
+    assert os.readlink("/home/alice/shop/pictures/b") == "a"
+    assert stat.S_IMODE(os.stat("/home/alice/shop/pictures").st_mode) == 0o2770
+    assert pwd.getpwnam("alice").pw_dir == "/home/alice"
+    assert "0 changed" in session.run("apply", check=0).stdout
+    assert "same" in session.run("verify", check=0).stdout
+
+
+def test_takes_back_what_it_has_made(session):
+    site(session, *usual())
+    before = snapshot()
+    session.run("apply", check=0)
+    assert snapshot() != before
+    session.run("undo", check=0)
+    assert snapshot() == before
+
+
+def test_names_what_undo_leaves(session):
+    site(session, *usual())
+    session.run("apply", check=0)
+    with open("/home/alice/shop/pictures/new", "w", encoding="ascii"):
+        pass
+    assert "/home/alice/shop/pictures" in session.run("undo", check=1).stdout
+    assert os.listdir("/home/alice/shop") == ["pictures"]
+    assert os.listdir("/home/alice/shop/pictures") == ["new"]
+
+
+def test_applies_a_later_fetch_as_a_difference(session):
+    site(session, *usual())
+    session.run("apply", check=0)
+    for path in ("/home/alice/shop/index.php",):
+        with open(path, "a", encoding="ascii") as out:
+            out.write("changed here")
+    renewed(session, directory("./home/alice/shop"), file("./home/alice/shop/index.php", b"new", mtime=1700000001),
+            file("./home/alice/shop/new.php", b"new"), directory("./home/alice/shop/pictures"),
+            file("./home/alice/shop/pictures/a", b"b" * 10))
+    done = session.run("apply", check=0)
+    assert "1 changed" in done.stdout and "changed here: /home/alice/shop/index.php" in done.stdout
+    with open("/home/alice/shop/index.php", encoding="ascii") as text:
+        assert text.read() == "<?phpchanged here"
+    assert os.path.getsize("/home/alice/shop/pictures/a") == 10
+    assert not os.path.lexists("/home/alice/shop/pictures/b")
+    assert "0 changed" in session.run("apply", check=0).stdout
+
+
+def test_needs_a_decision_where_something_is_here(session):
+    site(session, *usual())
+    os.makedirs("/home/alice/shop")
+    with open("/home/alice/shop/mine", "w", encoding="ascii"):
+        pass
+    os.chown("/home/alice", 0, 0)
+    assert "--replace=files:sites/shop.test" in session.run("plan", check=3).stdout
+    before = snapshot()
+    session.run("apply", check=3)
+    assert snapshot() == before
+    session.run("apply", "--replace=files:sites/shop.test", check=0)
+    assert sorted(os.listdir("/home/alice/shop")) == ["index.php", "mine", "pictures"]
+
+
+@pytest.mark.parametrize("damage", ["cut", "altered", "missing"])
+def test_does_not_unpack_an_archive_that_is_not_the_fetched_one(session, damage):
+    site(session, *usual())
+    path = f"{session.directory}/archives/content/sites/shop.test.tar.gz"
+    if damage == "missing":
+        os.unlink(path)
+    else:
+        with open(path, "r+b") as archive:
+            if damage == "cut":
+                archive.truncate(100)
+            else:
+                archive.seek(50)
+                archive.write(b"\0\1")
+    done = session.run("apply", check=1)
+    assert "fetch it again" in done.stderr
+    assert not os.path.exists("/home/alice/shop")
+
+
+ATTACKS = {
+    "a name that leads upwards": [file("./home/alice/shop/../../bob/x")],
+    "an absolute name": [file("/home/alice/shop/x")],
+    "a place outside": [file("./etc/cron.d/x")],
+    "a place beside the root": [file("./home/alice/shop2")],
+    "a file through a link of the archive": [link("./home/alice/shop/l", "/srv"), file("./home/alice/shop/l/x")],
+    "a directory through a link": [link("./home/alice/shop/l", "/srv"), directory("./home/alice/shop/l/x")],
+    "the root as a link": [link("./home/alice/shop", "/srv"), file("./home/alice/shop/x")],
+    "a mode through a link": [link("./home/alice/shop/l", "/srv"), directory("./home/alice/shop/l", mode=0o777)],
+    "a hard link to a file of this host": [link("./home/alice/shop/l", "./etc/hosts", tarfile.LNKTYPE)],
+    "a hard link upwards": [link("./home/alice/shop/l", "../../../etc/hosts", tarfile.LNKTYPE)],
+    "a hard link by an absolute name": [link("./home/alice/shop/l", "/etc/hosts", tarfile.LNKTYPE)],
+    "a hard link to a link": [link("./home/alice/shop/s", "/etc/hosts"),
+                              link("./home/alice/shop/l", "./home/alice/shop/s", tarfile.LNKTYPE)],
+    "a hard link through a link": [link("./home/alice/shop/s", "/etc"),
+                                   link("./home/alice/shop/l", "./home/alice/shop/s/hosts", tarfile.LNKTYPE)],
+    "a character device": [Member("./home/alice/shop/d", type=tarfile.CHRTYPE, devmajor=1, devminor=3, **OWNER)],
+    "a block device": [Member("./home/alice/shop/d", type=tarfile.BLKTYPE, devmajor=8, devminor=0, **OWNER)],
+    "a pipe": [Member("./home/alice/shop/d", type=tarfile.FIFOTYPE, **OWNER)],
+}
+
+
+@pytest.mark.parametrize("attack", ATTACKS)
+def test_keeps_inside_of_the_tree(session, attack):
+    os.makedirs("/srv/here")
+    site(session, directory("./home/alice/shop"), file("./home/alice/shop/index.php"), *ATTACKS[attack])
+    outside = ("/etc/cron.d", "/srv")
+    before = snapshot(*outside), os.stat("/etc/hosts").st_nlink
+    session.run("apply")
+    assert (snapshot(*outside), os.stat("/etc/hosts").st_nlink) == before
+    assert os.listdir("/srv") == ["here"] and not os.listdir("/srv/here")
+    assert os.listdir("/home") == ["alice"] and os.listdir("/home/alice") in (["shop"], [])
+    kinds = {stat.S_IFMT(os.lstat(f"{place}/{name}").st_mode)
+             for place, directories, files in os.walk("/home/alice") for name in directories + files}
+    assert kinds <= {stat.S_IFDIR, stat.S_IFREG, stat.S_IFLNK}
+    assert not any(os.stat(f"{place}/{name}", follow_symlinks=False).st_nlink > 1
+                   for place, _, files in os.walk("/home/alice") for name in files)
+
+
+def test_drops_and_names_rights_beyond_those_of_an_owner(session):
+    site(session, directory("./home/alice/shop"), file("./home/alice/shop/s", mode=0o4755),
+         file("./home/alice/shop/g", mode=0o2755),
+         file("./home/alice/shop/c", pax_headers={"SCHILY.xattr.security.capability": "x", "SCHILY.xattr.user.a": "b"}))
+    done = session.run("apply", check=0)
+    assert all(f"/home/alice/shop/{name}" in done.stdout for name in "sgc")
+    assert [stat.S_IMODE(os.stat(f"/home/alice/shop/{name}").st_mode) for name in "sgc"] == [0o755, 0o755, 0o644]
+    assert "security.capability" not in os.listxattr("/home/alice/shop/c")
+
+
+def test_gives_files_to_accounts_of_the_restore_only(session):
+    with open("/etc/passwd", "a", encoding="ascii") as passwd:
+        passwd.write("carol:x:40000:40000::/home/carol:/bin/sh\n")
+    site(session, directory("./home/alice/shop"),
+         file("./home/alice/shop/carol", uname="carol", uid=40000), file("./home/alice/shop/40000", uname="", uid=40000),
+         file("./home/alice/shop/shadow", gname="shadow", gid=42),
+         link("./home/alice/shop/link", "/etc/passwd", uname="root", uid=0))
+    assert "carol" in session.run("apply", check=0).stdout
+    found = {name: os.lstat(f"/home/alice/shop/{name}") for name in os.listdir("/home/alice/shop")}
+    assert {about.st_uid for about in found.values()} == {30001}
+    assert {about.st_gid for about in found.values()} == {30001}
+
+
+@pytest.mark.parametrize("root", ["/etc/cron.d", "/root/.ssh", "/usr/local/bin", "/", "/home", "/home/alice/../bob",
+                                  "/var/spool/cron", "/proc/1", "/home/carol/.ssh"])
+def test_takes_no_root_that_is_not_the_owners(session, root):
+    os.makedirs("/home/carol")
+    os.chown("/home/carol", 40000, 40000)
+    member = f".{root}/x"
+    site(session, file(member), root=root)
+    session.run("apply")
+    assert not os.path.lexists(f"{root}/x")
+
+
+def test_follows_no_link_that_an_account_has_made_here(session):
+    site(session, *usual())
+    os.makedirs("/home/alice")
+    os.chown("/home/alice", 30001, 30001)
+    os.symlink("/srv", "/home/alice/shop")
+    os.chown("/home/alice/shop", 30001, 30001, follow_symlinks=False)
+    session.run("apply")
+    assert os.listdir("/srv") == []
