@@ -29,10 +29,12 @@ std::set<std::string> theMalformedKeys;
 /// Whether the file that was read last is there and could not be read.
 bool theFileIsUnreadable = false;
 
-/// A key of this program, and the values that it may have: certain words, or an absolute path.
+/// A key of this program, and the values that it may have: certain words, or an absolute path
+/// where there are none, or where `orPath` says so.
 struct Key {
   std::string_view name;
   std::vector<std::string_view> words = {};
+  bool orPath = false;
 };
 
 const std::vector<Key>& knownKeys() {
@@ -45,6 +47,7 @@ const std::vector<Key>& knownKeys() {
       {"HTTPD_VHOSTS_D"},
       {"PRODUCT_ROOT_D"},
       {"DUMP_TMP_D"},
+      {"SSH_IDENTITY_F", {"agent"}, true},
       {"SSH_KNOWN_HOSTS_F"},
       {"SSH_HOST_KEY_POLICY", {"ignore", "accept-new", "strict"}},
       {"CONTENT_VERIFY", {"yes", "no"}},
@@ -146,7 +149,8 @@ void parseLine(const char* path, const std::string& line, QrvConfValues& values)
 }
 
 bool isInRange(const Key& key, const std::string& value) {
-  if (key.words.empty()) return !value.empty() && value.front() == '/';
+  const bool isPath = !value.empty() && value.front() == '/';
+  if (key.words.empty() || (key.orPath && isPath)) return isPath;
   // The readers of words drop the blanks at their end.
   const std::string word = value.substr(0, value.find_last_not_of(WHITE_SPACE) + 1);
   return std::find(key.words.begin(), key.words.end(), word) != key.words.end();
@@ -156,7 +160,7 @@ std::string describeRange(const Key& key) {
   if (key.words.empty()) return "no absolute path";
   std::string text = "none of";
   for (const std::string_view word : key.words) text += " " + std::string(word);
-  return text;
+  return key.orPath ? text + ", and no absolute path" : text;
 }
 
 void reportValuesOutOfRange(const char* path, const QrvConfValues& values) {

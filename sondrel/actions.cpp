@@ -180,6 +180,25 @@ HostKeyRules configuredHostKeyRules(const std::string& host) {
   return {policy->second, configuredKnownHosts(host, name)};
 }
 
+/// The key of the run. Throws SshIdentityRejected for a setting that cannot be met: a run that
+/// was to use a key does not go on without it.
+LoginIdentity identityOf(const config& config) {
+  const auto reject = [&](const std::string& reason) {
+    throw Exc<&SshIdentityRejected>(HERE) % config.host % reason;
+  };
+  if (std::getenv("SONDREL_IDENTITY") == nullptr) {
+    if (qrvConfIsMalformed("SSH_IDENTITY_F")) {
+      reject("a line of the host's configuration names SSH_IDENTITY_F and sets nothing");
+    }
+    const std::string& named = config.identity;
+    if (!named.empty() && named != LoginIdentity::AGENT && named.front() != '/') {
+      reject("SSH_IDENTITY_F is \"" + named +
+             "\", which is neither \"agent\" nor an absolute path");
+    }
+  }
+  return {config.identity, config.key_password};
+}
+
 /// The figure began with what another host has listed, which may be any number.
 void countDown(std::int64_t& left, int bytes) {
   constexpr std::int64_t LEAST = std::numeric_limits<std::int64_t>::min();
@@ -222,9 +241,9 @@ Ssh& Action::getSsh() {
     const std::uint16_t port = config_->port == PORT_NOT_GIVEN
                                    ? DEFAULT_SSH_PORT
                                    : static_cast<std::uint16_t>(config_->port);
-    ssh_ =
-        std::make_unique<Ssh>(config_->host, config_->login, config_->password,
-                              config_->no_encryption, port, configuredHostKeyRules(config_->host));
+    ssh_ = std::make_unique<Ssh>(config_->host, config_->login, config_->password,
+                                 config_->no_encryption, port,
+                                 configuredHostKeyRules(config_->host), identityOf(*config_));
   }
   return *ssh_;
 }

@@ -2,14 +2,17 @@
 
 #include <getopt.h>
 
+#include <boost/algorithm/string/trim.hpp>
 #include <cstdlib>
 #include <iostream>
 
 #include "hostlib/env_password.h"
+#include "hostlib/qrv_conf.h"
 
 namespace {
 
 constexpr const char* SUDO_PASSWORD_VARIABLE = "QRV_SUDO_PASSWORD";
+constexpr const char* KEY_PASSWORD_VARIABLE = "QRV_KEY_PASSWORD";
 constexpr long LARGEST_PORT = 65535;
 
 /// Codes of the options that are no actions; actions have their ids. 17 is not
@@ -122,6 +125,19 @@ void storeSudoPassword(config* config) {
   config->sudo_password = get_sudo_password();
 }
 
+/// A variable that is set and empty turns off what the host's configuration has.
+std::string chosenIdentity() {
+  if (const char* const value = getenv("SONDREL_IDENTITY")) return value;
+  const char* const configured = qrvConfGet("SSH_IDENTITY_F");
+  return configured ? boost::trim_right_copy(std::string(configured)) : "";
+}
+
+void storeKey(config* config) {
+  config->identity = chosenIdentity();
+  if (const char* const value = getenv(KEY_PASSWORD_VARIABLE)) config->key_password = value;
+  wipe_env_variable(KEY_PASSWORD_VARIABLE);
+}
+
 void storeOption(int code, const char* argument, config* config) {
   switch (code) {
     case OPT_NO_CONTENT: config->no_content = true; break;
@@ -178,7 +194,7 @@ void verifyConnection(const config& config) {
     throw Exc<&OptParsingError>(FRONT_END_HERE) % "port should be a number in [1, 65535] range";
   }
   if (config.login.empty()) req_action_argument_missed("login");
-  if (config.password.empty()) req_action_argument_missed("password");
+  if (config.password.empty() && config.identity.empty()) req_action_argument_missed("password");
   if (config.sudo && !config.sudo_password_provided) {
     throw Exc<&OptParsingError>(FRONT_END_HERE) %
         "QRV_SUDO_PASSWORD environment variable is not provided with --sudo-password\n";
@@ -215,6 +231,7 @@ bool parse_options(int argc, char** argv, config* config) {
   }
   config->password = get_env_noncrypted_password();
   wipe_env_variable(SUDO_PASSWORD_VARIABLE);
+  storeKey(config);
   return true;
 }
 

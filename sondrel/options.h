@@ -47,6 +47,9 @@ struct config {
   int port = PORT_NOT_GIVEN;
   std::string login;
   std::string password;
+  /// A private key file, or "agent"; empty for a login by password.
+  std::string identity;
+  std::string key_password;
   std::string agent_dir;
   std::string agent_name;
   std::string dumps_dir;
@@ -65,9 +68,9 @@ struct config {
   bool no_license = false;
 };
 
-/// Reads the command line and the passwords from the environment, where none of
-/// them is left afterwards. False when the system's option parser has complained,
-/// on standard error.
+/// Reads the command line, the passwords from the environment, where none of them is left
+/// afterwards, and which key to log in by from the environment, else the host's configuration.
+/// False when the system's option parser has complained, on standard error.
 bool parse_options(int argc, char** argv, config* config);
 
 /// Throws OptParsingError for the first rule of the chosen action that is broken.

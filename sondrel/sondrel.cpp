@@ -124,6 +124,7 @@ int real_main(int argc, char** argv) {
   if (!parse_options(argc, argv, &config)) return EXIT_USAGE;
   rememberSecret(config.password);
   rememberSecret(config.sudo_password);
+  rememberSecret(config.key_password);
   if (config.action == HELP) return printUsage();
   if (config.action == NO_ACTION) return complain("Action required. See --help\n");
   if (config.session_path.empty()) return complain("--session-path is required.\n");
@@ -154,6 +155,8 @@ int do_actions(config& config) {
   } catch (const Exc<&HostNotFound>& e) {
     return reportFailure(e, EXIT_HOST_NOT_FOUND);
   } catch (const Exc<&SshInvalidCredentials>& e) {
+    return reportFailure(e, EXIT_INVALID_CREDENTIALS);
+  } catch (const Exc<&SshIdentityRejected>& e) {
     return reportFailure(e, EXIT_INVALID_CREDENTIALS);
   } catch (const Exc<&SshConnectionFault>& e) {
     return reportFailure(e, EXIT_SSH_FAULT);

@@ -119,6 +119,16 @@ bool isDamage(long result) {
          !isSocketError(result);
 }
 
+std::string libraryVersion() {
+  return libssh2_version(0);
+}
+
+/// False for a library of before 1.11.
+bool canSignRsaWithSha2() {
+  constexpr int FIRST_VERSION = 0x010b00;
+  return libssh2_version(FIRST_VERSION) != nullptr;
+}
+
 constexpr std::size_t UNLIMITED = std::numeric_limits<std::size_t>::max();
 
 CallbackData& callbackDataOf(LIBSSH2_SESSION* session) {
@@ -443,17 +453,29 @@ Session::Session(int socket, bool disableEncryption, bool compatibility,
 /// The others stay on offer behind them: a server whose key was replaced by one of
 /// another kind is better told apart by the key than by a failed key exchange.
 void Session::preferHostKeys(const std::vector<std::string>& types) {
-  const char** supported = nullptr;
-  const int count = libssh2_session_supported_algs(get(), LIBSSH2_METHOD_HOSTKEY, &supported);
-  if (count <= 0) return;
-  std::vector<std::string> algorithms(supported, supported + count);
-  libssh2_free(get(), supported);
+  std::vector<std::string> algorithms = supportedAlgorithms(LIBSSH2_METHOD_HOSTKEY);
+  if (algorithms.empty()) return;
   std::stable_partition(algorithms.begin(), algorithms.end(), [&](const std::string& algorithm) {
     // One kind of key signs in several ways.
     const std::string type = algorithm.rfind("rsa-sha2-", 0) == 0 ? "ssh-rsa" : algorithm;
     return std::find(types.begin(), types.end(), type) != types.end();
   });
   libssh2_session_method_pref(get(), LIBSSH2_METHOD_HOSTKEY, boost::join(algorithms, ",").c_str());
+}
+
+/// Those of the library, of a kind of method; empty when it does not tell them.
+std::vector<std::string> Session::supportedAlgorithms(int kind) const {
+  const char** supported = nullptr;
+  const int count = libssh2_session_supported_algs(get(), kind, &supported);
+  if (count <= 0) return {};
+  std::vector<std::string> algorithms(supported, supported + count);
+  libssh2_free(get(), supported);
+  return algorithms;
+}
+
+bool Session::knows(int kind, const std::string& algorithm) const {
+  const std::vector<std::string> known = supportedAlgorithms(kind);
+  return std::find(known.begin(), known.end(), algorithm) != known.end();
 }
 
 void Session::start() {
@@ -507,8 +529,169 @@ void Session::authorize(const std::string& login, const std::string& password) {
     sessionLog.error(std::string("Authentication failed"));
     throw Exc<&SshAuthorizationFailed>(HERE);
   }
+  finishLogin();
+}
+
+void Session::finishLogin() {
   liftLimit(get());
   if (compatibility_) create_reserve_channel();
+}
+
+struct Session::KeyLogin {
+  const std::string& login;
+  const std::string& password;
+  const LoginIdentity& identity;
+  const PrivateKey* key;
+  /// What the server wants now. It changes with each method that it is content with.
+  std::vector<std::string> methods = {};
+  std::vector<std::string> tried = {};
+  /// The server has taken the key, and wants more.
+  bool isKeyTaken = false;
+  /// Why it has not taken the key.
+  std::string refusal = "the server takes no key from this login";
+
+  bool offers(const std::string& method) const {
+    return std::find(methods.begin(), methods.end(), method) != methods.end();
+  }
+  /// The next method that both sides have, each once; empty when there is none.
+  std::string nextMethod() const {
+    for (const char* const method : {"publickey", "password", "keyboard-interactive"}) {
+      const bool isPossible = method == std::string("publickey") || !password.empty();
+      const bool isNew = std::find(tried.begin(), tried.end(), method) == tried.end();
+      if (isPossible && isNew && offers(method)) return method;
+    }
+    return "";
+  }
+  [[noreturn]] void fail() const {
+    sessionLog.error(std::string("Authentication failed"));
+    if (!isKeyTaken) {
+      throw IdentityError(password.empty() ? refusal : refusal + "; nor does it take the password");
+    }
+    const bool wantsPassword = offers("password") || offers("keyboard-interactive");
+    if (wantsPassword && password.empty()) {
+      throw IdentityError("the server wants a password besides the key, and none was given");
+    }
+    throw IdentityError(wantsPassword ? "the server takes the key, and not the password"
+                                      : "the server wants more than the key and a password");
+  }
+};
+
+void Session::authorize(const std::string& login, const std::string& password,
+                        const LoginIdentity& identity, const PrivateKey* key) {
+  sessionLog.debug("Requested authorization for user " + login);
+  KeyLogin attempt{login, password, identity, key};
+  getAuthMethodsList(login, attempt.methods);
+  for (;;) {
+    std::string method = attempt.nextMethod();
+    if (method.empty() && !attempt.tried.empty()) {
+      // One of them may have been right, and not enough.
+      refreshMethods(attempt);
+      method = attempt.nextMethod();
+    }
+    if (method.empty()) attempt.fail();
+    attempt.tried.push_back(method);
+    if (tryMethod(method, attempt)) break;
+  }
+  finishLogin();
+}
+
+bool Session::tryMethod(const std::string& method, KeyLogin& attempt) {
+  if (method == "password") return authorizeByPassword(attempt.login, attempt.password);
+  if (method != "publickey") return authorizeInteractively(attempt.login, attempt.password);
+  sessionLog.debug(std::string("Trying 'publickey' authentication"));
+  const bool authorized = attempt.key ? authorizeByFile(attempt) : authorizeByAgent(attempt);
+  if (authorized) sessionLog.debug(std::string("Authenticated successfully by key"));
+  return authorized;
+}
+
+bool Session::authorizeByFile(KeyLogin& attempt) {
+  const PrivateKey& key = *attempt.key;
+  const int result = retryInterrupted([&] {
+    limitCalls(get(), loginDeadline_);
+    // With a null for the passphrase the library would ask for it on the terminal.
+    return libssh2_userauth_publickey_frommemory(get(), attempt.login.data(), attempt.login.size(),
+                                                 nullptr, 0, key.text().data(), key.text().size(),
+                                                 attempt.identity.passphrase.c_str());
+  });
+  if (result == 0) return true;
+  requireLoginTime();
+  const bool isAnswer =
+      result == LIBSSH2_ERROR_AUTHENTICATION_FAILED || result == LIBSSH2_ERROR_PUBLICKEY_UNVERIFIED;
+  if (!isAnswer && !isSocketError(result) && !isPeerGone()) refuseKey(key);
+  noteRefusal(result, "the key " + key.path(), key.type(), attempt);
+  return false;
+}
+
+bool Session::authorizeByAgent(KeyLogin& attempt) {
+  const Handle<LIBSSH2_AGENT, libssh2_agent_free> agent(libssh2_agent_init(get()));
+  if (libssh2_agent_connect(agent.get()) != 0 || libssh2_agent_list_identities(agent.get()) != 0) {
+    throw IdentityError("the agent at SSH_AUTH_SOCK cannot be asked for keys: " + lastError());
+  }
+  attempt.refusal = "the agent at SSH_AUTH_SOCK has no keys";
+  libssh2_agent_publickey* key = nullptr;
+  while (!attempt.isKeyTaken && !isPeerGone() &&
+         libssh2_agent_get_identity(agent.get(), &key, key) == 0) {
+    const int result = retryInterrupted([&] {
+      limitCalls(get(), loginDeadline_);
+      return libssh2_agent_userauth(agent.get(), attempt.login.c_str(), key);
+    });
+    if (result == 0) return true;
+    requireLoginTime();
+    const std::string blob(reinterpret_cast<const char*>(key->blob), key->blob_len);
+    noteRefusal(result, "any key of the agent at SSH_AUTH_SOCK", HostKey(blob).type(), attempt);
+  }
+  return false;
+}
+
+/// What the server has answered to a key of the type. A signature that was asked for and is not
+/// enough looks like a wrong one, but for what the server wants then.
+void Session::noteRefusal(int result, const std::string& key, const std::string& type,
+                          KeyLogin& attempt) {
+  if (result == LIBSSH2_ERROR_PUBLICKEY_UNVERIFIED) {
+    refreshMethods(attempt);
+    attempt.isKeyTaken = !attempt.methods.empty() && !attempt.offers("publickey");
+    if (attempt.isKeyTaken) return;
+  }
+  attempt.refusal = "the server does not take " + key;
+  if (type == "ssh-rsa" && !canSignRsaWithSha2()) {
+    attempt.refusal += ": the SSH library of this host, libssh2 " + libraryVersion() +
+                       ", signs with RSA keys by SHA-1 only, which servers since OpenSSH 8.8 "
+                       "refuse. Use an ed25519 or ECDSA key";
+  } else if (result == LIBSSH2_ERROR_AUTHENTICATION_FAILED) {
+    attempt.refusal += ": it is not among the authorized keys of " + attempt.login + " there";
+  } else {
+    attempt.refusal += attempt.methods.empty() ? ", and allows no more attempts"
+                                               : ": there was no valid signature by it";
+  }
+}
+
+/// Nothing when the server has had enough.
+void Session::refreshMethods(KeyLogin& attempt) {
+  attempt.methods.clear();
+  try {
+    getAuthMethodsList(attempt.login, attempt.methods);
+  } catch (const Exc<&InvalidHandle>&) {
+    requireLoginTime();
+    sessionLog.debug(std::string("The server allows no more attempts"));
+  }
+}
+
+/// For a key that the library could not use.
+void Session::refuseKey(const PrivateKey& key) const {
+  const std::string library = "the SSH library of this host, libssh2 " + libraryVersion() + ",";
+  const std::string file = "the key file " + key.path();
+  if (!key.type().empty() && !knows(LIBSSH2_METHOD_HOSTKEY, key.type())) {
+    throw IdentityError(file + " holds a key of the kind " + key.type() + ", which " + library +
+                        " cannot use. Use an ed25519 or ECDSA key");
+  }
+  if (key.isEncrypted() && !key.cipher().empty() && !knows(LIBSSH2_METHOD_CRYPT_CS, key.cipher())) {
+    throw IdentityError(file + " is protected by the cipher " + key.cipher() + ", which " +
+                        library + " does not have. Change that by ssh-keygen -p -Z aes256-ctr");
+  }
+  if (key.isEncrypted()) {
+    throw IdentityError("the passphrase of " + file + " is wrong");
+  }
+  throw IdentityError(file + " cannot be used: " + library + " says \"" + lastError() + '"');
 }
 
 bool Session::authorizeByPassword(const std::string& login, const std::string& password) {

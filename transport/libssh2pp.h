@@ -11,6 +11,7 @@
 
 #include "transport/handle.h"
 #include "transport/known_hosts.h"
+#include "transport/private_key.h"
 #include "transport/receive_window.h"
 
 DECLARE_ERROR_TAG(UnableToStartSshSession, "Unable to start SSH session: %1%");
@@ -148,6 +149,11 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   /// Throws SshAuthorizationFailed when no method that the server offers succeeds,
   /// InvalidHandle when it does not tell its methods.
   void authorize(const std::string& login, const std::string& password);
+  /// The same, but by key first, and by the password, if there is one, where the server takes
+  /// no key, does not take this one, or wants both. `key` is what the identity names; null for
+  /// the agent. Throws IdentityError when that does not let the login in, InvalidHandle as above.
+  void authorize(const std::string& login, const std::string& password,
+                 const LoginIdentity& identity, const PrivateKey* key);
   /// Fills `methods` with what the server allows for `login`. Throws InvalidHandle.
   void getAuthMethodsList(const std::string& login, std::vector<std::string>& methods);
   /// Answers every prompt with the one of the CallbackData.
@@ -199,7 +205,19 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   LIBSSH2_CHANNEL* openChannel();
   bool authorizeByPassword(const std::string& login, const std::string& password);
   bool authorizeInteractively(const std::string& login, const std::string& password);
+  void finishLogin();
   void requireLoginTime();
+
+  /// What a login by key has come to.
+  struct KeyLogin;
+  bool tryMethod(const std::string& method, KeyLogin& attempt);
+  bool authorizeByFile(KeyLogin& attempt);
+  bool authorizeByAgent(KeyLogin& attempt);
+  void noteRefusal(int result, const std::string& key, const std::string& type, KeyLogin& attempt);
+  void refreshMethods(KeyLogin& attempt);
+  std::vector<std::string> supportedAlgorithms(int kind) const;
+  bool knows(int kind, const std::string& algorithm) const;
+  [[noreturn]] void refuseKey(const PrivateKey& key) const;
   void reportStartFailure(const std::string& error) const;
 
   int socket_;

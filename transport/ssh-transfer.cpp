@@ -1,6 +1,7 @@
 #include "transport/ssh-transfer.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <sstream>
@@ -42,6 +43,22 @@ class NullStream : public std::ostream {
  private:
   NullStreamBuf buffer_;
 };
+
+/// The file that the identity names; null for the agent, which must be named, too. Throws
+/// IdentityError.
+std::unique_ptr<const PrivateKey> loadKey(const LoginIdentity& identity) {
+  if (!identity.isGiven()) return nullptr;
+  if (identity.isAgent()) {
+    if (!std::getenv("SSH_AUTH_SOCK")) throw IdentityError("SSH_AUTH_SOCK names no agent");
+    return nullptr;
+  }
+  auto key = std::make_unique<const PrivateKey>(identity.source);
+  if (key->isEncrypted() && identity.passphrase.empty()) {
+    throw IdentityError("the key file " + key->path() +
+                        " is protected by a passphrase, and none was given");
+  }
+  return key;
+}
 
 Ssh::Counter& nullCounter() {
   static Ssh::NullCounter counter;
@@ -174,19 +191,32 @@ void pump_with_log(IOReadChannel& from, IOWriteChannel& to) {
 Ssh::NullCounter Ssh::null_counter;
 
 Ssh::Ssh(const std::string& host, const std::string& login, const std::string& password,
-         bool disableEncryption, std::uint16_t port, const HostKeyRules& hostKeyRules) {
+         bool disableEncryption, std::uint16_t port, const HostKeyRules& hostKeyRules,
+         const LoginIdentity& identity) {
   HostKeyCheck hostKeyCheck(hostKeyRules, host, port);
   try {
-    connect(host, port, disableEncryption, false, hostKeyCheck);
-  } catch (const Exc<&UnableToStartSshSession>&) {
-    sshLog.debug(std::string("Attempt to start SSH session in a 'compatibility' mode"));
-    connect(host, port, disableEncryption, true, hostKeyCheck);
-  }
-  hostKeyCheck.check(session_->hostKey());
-  try {
-    session_->authorize(login, password);
+    const std::unique_ptr<const PrivateKey> key = loadKey(identity);
+    try {
+      connect(host, port, disableEncryption, false, hostKeyCheck);
+    } catch (const Exc<&UnableToStartSshSession>&) {
+      sshLog.debug(std::string("Attempt to start SSH session in a 'compatibility' mode"));
+      connect(host, port, disableEncryption, true, hostKeyCheck);
+    }
+    hostKeyCheck.check(session_->hostKey());
+    logIn(login, password, identity, key.get());
   } catch (const Exc<&SshAuthorizationFailed>&) {
     throw Exc<&SshInvalidCredentials>(HERE) % host;
+  } catch (const IdentityError& e) {
+    throw Exc<&SshIdentityRejected>(HERE) % host % e.what();
+  }
+}
+
+void Ssh::logIn(const std::string& login, const std::string& password,
+                const LoginIdentity& identity, const PrivateKey* key) {
+  if (identity.isGiven()) {
+    session_->authorize(login, password, identity, key);
+  } else {
+    session_->authorize(login, password);
   }
 }
 

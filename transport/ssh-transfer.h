@@ -17,6 +17,7 @@ DECLARE_ERROR_TAG(UnableToSendEof, "Unable to send EOF to SSH channel: %1%");
 DECLARE_ERROR_TAG(
     SshInvalidCredentials,
     "Unable to connect to host %1%: you have specified incorrect username or password");
+DECLARE_ERROR_TAG(SshIdentityRejected, "Unable to connect to host %1%: %2%");
 /// Kinds of failure that some transports can tell apart. This one reports both by
 /// the exit status of the command; who runs commands is prepared for them.
 DECLARE_ERROR_TAG(SshCommandNotFound, "Command was not found on the remote host");
@@ -114,11 +115,14 @@ class Ssh {
   };
   static NullCounter null_counter;
 
-  /// Connects, judges the server's key by the rules, and logs in. Throws the errors of
-  /// Socket, UnableToStartSshSession, SshHostKeyRejected, InvalidHandle,
-  /// SshInvalidCredentials.
+  /// Connects, judges the server's key by the rules, and logs in: by the identity first, if one
+  /// is given, else by the password only. Throws the errors of Socket,
+  /// UnableToStartSshSession, SshHostKeyRejected, InvalidHandle, SshInvalidCredentials;
+  /// SshIdentityRejected in place of that one when there is an identity, and, before it
+  /// connects, for a key file that cannot be used.
   Ssh(const std::string& host, const std::string& login, const std::string& password,
-      bool disableEncryption, std::uint16_t port, const HostKeyRules& hostKeyRules = {});
+      bool disableEncryption, std::uint16_t port, const HostKeyRules& hostKeyRules = {},
+      const LoginIdentity& identity = {});
 
   /// Runs a command with `in` as its standard input. Quiet streams stay out of the
   /// debug log.
@@ -157,6 +161,8 @@ class Ssh {
  private:
   void connect(const std::string& host, std::uint16_t port, bool disableEncryption,
                bool compatibility, const HostKeyCheck& hostKeyCheck);
+  void logIn(const std::string& login, const std::string& password, const LoginIdentity& identity,
+             const PrivateKey* key);
   int put(std::istream& in, const std::string& remotePath, std::string& errorText);
 
   std::unique_ptr<Socket> socket_;

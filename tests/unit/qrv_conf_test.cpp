@@ -155,6 +155,7 @@ TEST(QrvConfTest, NamesValuesThatAreOutOfRange) {
       "CONTENT_VERIFY maybe\n"
       "SSH_HOST_KEY_POLICY Strict\n"
       "SSH_KNOWN_HOSTS_F ~/known\n"
+      "SSH_IDENTITY_F agents\n"
       "HTTPD_VHOSTS_D /srv/sites\n"
       "OTHER maybe\n");
   SystemLog systemLog;
@@ -166,12 +167,14 @@ TEST(QrvConfTest, NamesValuesThatAreOutOfRange) {
           begin + "no absolute path: PRODUCT_ROOT_D = /srv",
           begin + "no absolute path: DUMP_TMP_D ", begin + "none of yes no: CONTENT_VERIFY maybe",
           begin + "none of ignore accept-new strict: SSH_HOST_KEY_POLICY Strict",
-          begin + "no absolute path: SSH_KNOWN_HOSTS_F ~/known"));
+          begin + "no absolute path: SSH_KNOWN_HOSTS_F ~/known",
+          begin + "none of agent, and no absolute path: SSH_IDENTITY_F agents"));
 }
 
 TEST(QrvConfTest, FindsNothingWrongWithBlanksBehindAWord) {
   IN_FRESH_PROCESS();
-  const ScopedQrvConf file("CONTENT_VERIFY yes \t\r\nSSH_HOST_KEY_POLICY strict\r\n");
+  const ScopedQrvConf file(
+      "CONTENT_VERIFY yes \t\r\nSSH_HOST_KEY_POLICY strict\r\nSSH_IDENTITY_F agent \n");
   SystemLog systemLog;
   EXPECT_EQ(get("CONTENT_VERIFY"), "yes \t\r");
   EXPECT_THAT(systemLog.lines(), testing::IsEmpty());
