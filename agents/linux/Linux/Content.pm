@@ -340,8 +340,8 @@ sub tar_of {
     my %seen;
     my @paths = grep { !$seen{$_}++ } map { $tree->trail($_) } @$paths;
     my @folders = grep { $tree->is_dir($_) } @paths;
-    my @inside = grep { my $path = $_; grep { below($path, $_) } @folders }
-        map { $self->folders_of($_) } @{ $item->{left_out} || [] };
+    my @inside = map { my $kind = $_; map { $self->folders_inside($kind, $_) } @folders }
+        @{ $item->{left_out} || [] };
     my @exclude = ($self->{private}->dir, $self->of_kernel($item, @folders), map { $tree->path($_) } @inside);
     return Agent::Tar->new(private => $self->{private}, top => $tree->root, paths => \@paths,
         exclude => \@exclude, %options);
@@ -420,6 +420,25 @@ sub folders_of {
                 $self->{inventory}->$kind
     ];
     return @$folders;
+}
+
+# Those of folders_of() that lie in a folder. There may be thousands of both: with the sorted list no folder
+# is compared with each of them.
+sub folders_inside {
+    my ($self, $kind, $folder) = @_;
+    my $sorted = $self->{sorted}{$kind} ||= [sort map {"$_/"} $self->folders_of($kind)];
+    my $start = $folder eq '/' ? '/' : "$folder/";
+    my ($next, $end) = (0, scalar @$sorted);
+    while ($next < $end) {
+        my $middle = int(($next + $end) / 2);
+        if ($sorted->[$middle] lt $start) { $next = $middle + 1 }
+        else                              { $end = $middle }
+    }
+    my @inside;
+    while ($next < @$sorted && index($sorted->[$next], $start) == 0) {
+        push @inside, substr $sorted->[$next++], 0, -1;
+    }
+    return @inside;
 }
 
 sub is_there {

@@ -15,6 +15,11 @@ my $PIECE       = 65536;
 my $CHECK_BYTES = 32 * 1024 * 1024;
 my $MOST_SPARED = 64 * 1024 * 1024;
 
+# What the host has said last of the room in a directory, and what was written there since.
+my %told;
+my $TOLD_SECONDS = 5;
+my $AMPLE = 1024 * 1024 * 1024;
+
 # private => Agent::Private, name => the file's name below it, compress => 0 or 1.
 # Dies where there is no room for `bytes`, which are what it will need at most.
 sub new {
@@ -48,9 +53,16 @@ sub room {
     return int($free * $block - $spared);
 }
 
+# Dies where there is no room for these bytes. The host is not asked again within seconds where far more was
+# free than is needed: a dump has thousands of files, most of them small.
 sub check_room {
     my ($self, $needed) = @_;
-    my $room = room($self->{private}->dir);
+    my $dir = $self->{private}->dir;
+    my $told = $told{$dir};
+    return if $told && time - $told->{at} <= $TOLD_SECONDS && time >= $told->{at}
+        && $told->{room} - $told->{written} - $needed > $AMPLE;
+    my $room = room($dir);
+    $told{$dir} = { room => $room, at => time, written => 0 } if defined $room;
     return if !defined $room || $room >= $needed && $room > 0;
     $room = 0 if $room < 0;
     die "No room: $needed bytes are needed and $room may be used\n" if $needed;
@@ -91,6 +103,7 @@ sub store {
     $self->{file}->write($bytes);
     $self->{md5}->add($bytes);
     $self->{size} += length $bytes;
+    $told{ $self->{private}->dir }{written} += length $bytes if $told{ $self->{private}->dir };
     return if $self->{size} - $self->{checked} < $CHECK_BYTES;
     $self->{checked} = $self->{size};
     # Nothing else can be done while the disk takes what has come together.
