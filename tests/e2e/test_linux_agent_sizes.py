@@ -1,5 +1,6 @@
 """The agent "linux" with many and with large things: small sizes here, the full ones by scripts/full-sizes."""
 import dataclasses
+import hashlib
 import os
 import shutil
 import subprocess
@@ -101,6 +102,11 @@ def test_every_one_of_many_sites_arrives_as_it_was(host):
     with host.nginx:
         dump = migrate()
     assert len(dump.names("domain")) == SIZES.sites
+    for index in range(SIZES.sites):
+        name = f"site{index:04d}.test"
+        pages = [(answer.get("name"), answer.get("path"), answer.get("status"), answer.get("sum"))
+                 for answer in dump.find("domain", name).iter("answer")]
+        assert pages == [(name, "/", "200", hashlib.md5(f"{index} index.html".encode()).hexdigest())], pages
     assert len(dump.names("client")) == len(dump.names("mailbox")) == SIZES.users
     for user in range(SIZES.users):
         assert_same_tree(f"/home/user{user:04d}", f"{STAGE}/home/user{user:04d}")

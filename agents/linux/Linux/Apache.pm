@@ -253,6 +253,7 @@ sub add_source {
         $definitions->used_by(@inner), $self->sections_for($block->{root}, @{ $block->{roots} }),
     );
     $block->{blocks} = [source_of($block, $self->{configuration}, $directive, @uses)];
+    $_->{listen} = [map { $self->with_ports($_) } @{ $_->{listen} }] for @{ $block->{blocks} };
     # The main file is the host's own; what a site uses of it is in the description.
     add_once($block->{config}, $directive->{file}, files_of(@inner),
         grep { $_ ne $self->{configuration}{file} } files_of(map { $_->{directive} } @uses));
@@ -361,6 +362,14 @@ sub host_blocks {
     $_->{blocks} = [{ %{ $block->{blocks}[0] }, names => [@{ $_->{names} }] }] for @own_hosts;
     return @own_hosts if Linux::Site::is_spent($block, @own_hosts);
     return ($block, @own_hosts);
+}
+
+# A virtual host without a port is for all that the server listens at.
+sub with_ports {
+    my ($self, $listen) = @_;
+    return $listen if defined $listen->{port};
+    my %ports = map { $_->{port} => 1 } grep { defined $_->{port} } @{ $self->{base_block}{listen} };
+    return map { +{ %$listen, port => $_ } } sort { $a <=> $b } keys %ports;
 }
 
 sub files_of {

@@ -13,6 +13,7 @@ use Linux::Content;
 use Linux::DumpDocument;
 use Linux::Inventory;
 use Linux::Selection;
+use Linux::SiteAnswers;
 use Linux::System;
 
 our $FILE = 'dump.xml';
@@ -62,6 +63,7 @@ sub make {
     my $selection = Linux::Selection->new(%$self);
     # The inventory looks at all; this dump lacks nothing of what was not asked for.
     $problems->forget($selection->left_out);
+    $self->ask_sites($selection);
 
     $status->set(stage => 'content');
     my $server = { facts => Linux::System::facts($self->{tree}) };
@@ -77,6 +79,18 @@ sub make {
     $status->set(stage => 'finished');
     # The last word must be true: a status that cannot be written is a failure.
     $status->write;
+    return;
+}
+
+sub ask_sites {
+    my ($self, $selection) = @_;
+    return if ($self->{options}{only} || '') eq 'mail';
+    my %unassigned = $selection->unassigned;
+    my @domains = map { @{ $_->{domains} } } $selection->clients, \%unassigned;
+    Linux::SiteAnswers::ask(tree => $self->{tree}, problems => $self->{problems},
+        sites => [grep {defined} map { $_->{site} } @domains],
+        asking => sub { $self->{status}->set(object => $_[0]{name}) });
+    $self->{status}->set(object => undef);
     return;
 }
 

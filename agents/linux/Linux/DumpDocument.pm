@@ -197,7 +197,18 @@ sub site {
         server => join(' ', @{ $site->{servers} || [$site->{server}] }), root => $site->{root},
         owner => $site->{owner}, group => $site->{group}, because => $site->{owner_because},
     ], php($site->{php}), $self->tls($site), @properties, services($site), packages($site),
-        each_as('packed', [], @{ $site->{packed} }), Linux::WebElements::blocks($site));
+        each_as('packed', [], @{ $site->{packed} }), Linux::WebElements::blocks($site), answers($site));
+}
+
+# What the web servers have answered while the host was dumped.
+sub answers {
+    my ($site) = @_;
+    return map {
+        my $answer = $_;
+        my %told = (%$answer, map { $_ => $answer->{$_} ? 'yes' : 'no' } qw(tls whole));
+        element('answer', [map { $_ => $told{$_} }
+            qw(name address port tls path status location title size sum whole)])
+    } @{ $site->{answers} };
 }
 
 sub services {

@@ -28,9 +28,9 @@ sub new {
 sub read_tcp {
     my ($self, $file) = @_;
     for my $line ($self->{tree}->read_lines($file)) {
-        my (undef, $local, undef, $state, undef, undef, undef, undef, undef, $inode) = split ' ', $line;
+        my (undef, $local, undef, $state, undef, undef, undef, $uid, undef, $inode) = split ' ', $line;
         next if !defined $inode || $state ne $LISTENS || $local !~ /\A([0-9A-F]+):([0-9A-F]+)\z/;
-        push @{ $self->{tcp} }, { address => address($1), port => hex $2, inode => $inode };
+        push @{ $self->{tcp} }, { address => address($1), port => hex $2, inode => $inode, uid => $uid };
     }
     return;
 }
@@ -54,6 +54,13 @@ sub read_unix {
         $self->{unix}{ defined $real ? $real : $path } = $inode;
     }
     return;
+}
+
+# What listens at a port, as { address, inode, uid }: uid is the number of the account that has made
+# the socket.
+sub at_port {
+    my ($self, $port) = @_;
+    return grep { $_->{port} == $port } @{ $self->{tcp} };
 }
 
 # Tells if a host's name or address is this host.

@@ -37,11 +37,12 @@ sub new_block {
 }
 
 # What tells of a record which directive of a configuration it is made of, with the
-# definitions that this one uses. Without a directive it is the configuration itself.
+# definitions that this one uses, its names and its addresses. Without a directive it is the
+# configuration itself.
 sub source_of {
     my ($block, $configuration, $directive, @uses) = @_;
     return { configuration => $configuration, directive => $directive, uses => \@uses,
-        names => [@{ $block->{names} }] };
+        names => [@{ $block->{names} }], listen => [@{ $block->{listen} }] };
 }
 
 # Adds values that are not in the list.
