@@ -1,0 +1,272 @@
+"""What a session tells of its migration: gathered for the report from the documents that are there.
+
+What they say comes from the source host, which may be hostile: no name in them is opened here. Archives are
+only asked for their size, below the directory that they were fetched to.
+"""
+from __future__ import annotations
+
+import dataclasses
+import os
+import stat
+from collections import Counter
+from collections.abc import Iterator
+from pathlib import Path
+
+from lxml import etree
+
+from sondrel_restore.description import Description, Element
+from sondrel_restore.figures import seconds_between
+from sondrel_restore.hostfiles import read_file
+from sondrel_restore.kind import RestoreError
+from sondrel_restore.session import Session
+
+LARGEST_DOCUMENT = 64 << 20
+SEVERITIES = ("error", "warning", "info")
+
+
+@dataclasses.dataclass(frozen=True)
+class Step:
+    """A step of the migration. `seconds` is None while it has not ended."""
+
+    name: str
+    state: str
+    started: str
+    seconds: int | None
+    reason: str
+
+
+@dataclasses.dataclass(frozen=True)
+class Moved:
+    """One object and what its archives hold. Sizes are bytes; `is_here` is None where nothing was packed."""
+
+    kind: str
+    name: str
+    detail: str
+    unpacked: int
+    packed: int
+    is_here: bool | None
+
+
+@dataclasses.dataclass(frozen=True)
+class Owner:
+    """A client, the host itself, or nobody, with the objects that belong to it."""
+
+    name: str
+    objects: tuple[Moved, ...]
+
+    @property
+    def unpacked(self) -> int:
+        """The bytes of all its objects."""
+        return sum(each.unpacked for each in self.objects)
+
+
+@dataclasses.dataclass(frozen=True)
+class Problem:
+    """What the agent or a run of the tool has named."""
+
+    severity: str
+    about: str
+    text: str
+
+
+@dataclasses.dataclass(frozen=True)
+class Facts:
+    """All that the report says of the migration itself."""
+
+    host: str
+    distribution: str
+    created: str
+    scope: str
+    has_content: bool
+    steps: tuple[Step, ...]
+    owners: tuple[Owner, ...]
+    problems: tuple[Problem, ...]
+    archives: str
+
+    def count(self, kind: str) -> int:
+        """The number of objects of that kind."""
+        return sum(each.kind == kind for owner in self.owners for each in owner.objects)
+
+    def total(self, attribute: str) -> int:
+        """The bytes of all objects, "unpacked" or "packed"."""
+        return sum(getattr(each, attribute) for owner in self.owners for each in owner.objects)
+
+    @property
+    def missing_archives(self) -> int:
+        """The number of objects whose archive is not where it was fetched to."""
+        return sum(each.is_here is False for owner in self.owners for each in owner.objects)
+
+    def problems_of(self, severity: str) -> list[Problem]:
+        """Those of a severity, in the order of the documents."""
+        return [each for each in self.problems if each.severity == severity]
+
+
+def gather(session: Session, description: Description) -> Facts:
+    """Reads what else is in the session. RestoreError where a document is damaged."""
+    dump = description.tree
+    state = _read(session.directory / "migrate" / "state.xml")
+    archives = _archives(session, state)
+    has_content = dump.get("content") == "yes"
+    return Facts(
+        host=dump.get("host", ""),
+        distribution=_distribution(dump.find("server")),
+        created=dump.get("created", ""),
+        scope=dump.get("scope", ""),
+        has_content=has_content,
+        steps=tuple(_steps(session, state)),
+        owners=tuple(_owners(description, archives, has_content)),
+        problems=tuple(_problems(session, dump)),
+        archives=str(archives),
+    )
+
+
+def _read(path: Path) -> Element | None:
+    """The root of a document; None if it is not there. Nothing outside of the file is read."""
+    parser = etree.XMLParser(resolve_entities=False, no_network=True, load_dtd=False)
+    try:
+        return etree.fromstring(read_file(str(path), limit=LARGEST_DOCUMENT), parser)
+    except (FileNotFoundError, NotADirectoryError):
+        return None
+    except (OSError, etree.XMLSyntaxError) as error:
+        raise RestoreError(f"{path} cannot be read: {error}") from error
+
+
+def _archives(session: Session, state: Element | None) -> Path:
+    chosen = None if state is None else state.findtext("setting[@name='dumps-dir']")
+    return Path(chosen) if chosen else session.archives
+
+
+def _distribution(server: Element | None) -> str:
+    if server is None:
+        return ""
+    return " ".join(filter(None, (server.get("distribution"), server.get("release"))))
+
+
+def _steps(session: Session, state: Element | None) -> Iterator[Step]:
+    """Those of sondrel-migrate; of a session without it the dump alone, which has left its times."""
+    if state is None:
+        status = _read(session.directory / "dumping-status.xml")
+        if status is not None:
+            started = status.get("started", "")
+            seconds = seconds_between(started, status.get("updated", ""))
+            yield Step("dump", status.get("stage", ""), started, seconds, "")
+        return
+    for step in state.iterfind("step"):
+        started = step.get("started", "")
+        yield Step(
+            step.get("name", ""),
+            step.get("state", ""),
+            started,
+            seconds_between(started, step.get("ended", "")),
+            step.text or "",
+        )
+
+
+def _owners(description: Description, archives: Path, has_content: bool) -> Iterator[Owner]:
+    maker = _Maker(description, archives, has_content)
+    server = description.tree.find("server")
+    if server is not None and server.find("content") is not None:
+        yield Owner("The host itself", (maker.moved(server, "settings", "settings of the servers"),))
+    for client in description.clients():
+        yield Owner(client.name, tuple(_objects_of(client.element, maker)))
+    nobody = description.tree.find("unassigned")
+    if nobody is not None and len(nobody):
+        yield Owner("Belongs to no client", tuple(_objects_of(nobody, maker)))
+
+
+def _objects_of(parent: Element, maker: _Maker) -> Iterator[Moved]:
+    if parent.tag == "client" and parent.find("content") is not None:
+        yield maker.moved(parent, "home", parent.get("home", ""))
+    for domain in parent.iterfind("domain"):
+        kind = "mail domain" if domain.find("site") is None else "site"
+        yield maker.moved(domain, kind, _names(domain))
+        yield from _data_of(domain, maker)
+    yield from _data_of(parent, maker)
+
+
+def _data_of(parent: Element, maker: _Maker) -> Iterator[Moved]:
+    for database in parent.iterfind("database"):
+        yield maker.moved(database, "database", database.get("server") or database.get("kind", ""))
+    for mailbox in parent.iterfind("mailbox"):
+        yield maker.moved(mailbox, "mailbox", mailbox.get("format", ""))
+    jobs = len(parent.findall("cron")) + len(parent.findall("unit"))
+    if jobs:
+        yield Moved("jobs", f"{jobs} of {parent.get('name', '')}", "in the archive of the client", 0, 0, None)
+
+
+def _names(domain: Element) -> str:
+    """The other names of a site: the first few, since some have hundreds."""
+    names = [name.text or "" for name in domain.iterfind("name") if name.text != domain.get("name")]
+    more = f" and {len(names) - 5} more" if len(names) > 5 else ""
+    return ", ".join(names[:5]) + more
+
+
+class _Maker:
+    """Makes rows of elements that have contents."""
+
+    def __init__(self, description: Description, archives: Path, has_content: bool) -> None:
+        self.description = description
+        self.archives = archives
+        self.has_content = has_content
+        # An archive that several objects name counts with the first of them.
+        self.seen: Counter[str] = Counter()
+
+    def moved(self, element: Element, kind: str, detail: str) -> Moved:
+        """The row of an object."""
+        contents = self.description.contents(element)
+        own = [each for each in contents if not self.seen[each.get("file", "")]]
+        self.seen.update(each.get("file", "") for each in contents)
+        return Moved(
+            kind=kind,
+            name=_name_of(element),
+            detail=detail,
+            unpacked=sum(_number(each.get("unpacked")) for each in own),
+            packed=sum(_number(each.get("size")) for each in own),
+            is_here=all(map(self._is_here, contents)) if contents and self.has_content else None,
+        )
+
+    def _is_here(self, content: Element) -> bool:
+        """Whether a file of the size that the description gives lies where the archives are fetched to."""
+        try:
+            status = os.lstat(self.archives / content.get("file"))
+        except OSError:
+            return False
+        return stat.S_ISREG(status.st_mode) and status.st_size == _number(content.get("size"))
+
+
+def _name_of(element: Element) -> str:
+    return element.get("address") or element.get("name") or element.get("hostname") or ""
+
+
+def _number(text: str | None) -> int:
+    """A count of bytes; 0 for what is none. No host has a number of more digits than these."""
+    return int(text) if text and text.isascii() and text.isdigit() and len(text) < 19 else 0
+
+
+def _problems(session: Session, dump: Element) -> Iterator[Problem]:
+    for problem in dump.iterfind("problems/problem"):
+        severity = problem.get("severity", "")
+        yield Problem(
+            severity if severity in SEVERITIES else "error", problem.get("object", ""), problem.text or ""
+        )
+    for name in ("migration.result", "transfer.result"):
+        result = _read(session.directory / name)
+        if result is None:
+            continue
+        for message in result.iter("message"):
+            parent = message.getparent()
+            # What caused another message is told with that one.
+            if parent is None or parent.tag == "message":
+                continue
+            severity = "warning" if message.get("severity") == "warning" else "error"
+            about = f"{parent.get('name')} ({name})" if parent.get("name") else name
+            yield Problem(severity, about, ": ".join(_causes(message)))
+
+
+def _causes(message: Element) -> Iterator[str]:
+    current: Element | None = message
+    while current is not None:
+        text = (current.findtext("description") or "").strip()
+        if text:
+            yield text
+        current = current.find("message")
