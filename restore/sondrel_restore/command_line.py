@@ -9,10 +9,11 @@ import signal
 import sys
 from collections.abc import Callable, Sequence
 
-from sondrel_restore import printing
+from sondrel_restore import printing, verification
 from sondrel_restore.description import Description
 from sondrel_restore.kind import Kind, RestoreError
 from sondrel_restore.kinds import all_kinds
+from sondrel_restore.report import write_report
 from sondrel_restore.restore import (Outcome, Plan, Restore, apply_plan, make_plan, undo_all, verify_items)
 from sondrel_restore.selection import Decisions, Selection
 from sondrel_restore.session import Session
@@ -29,6 +30,9 @@ def main(arguments: Sequence[str] | None = None) -> int:
     options = _parser().parse_args(arguments)
     restore = None
     try:
+        if options.command == "report":
+            print(printing.escaped(write_report(Session(options.session))))
+            return DONE
         restore = _restore(options)
         command: Callable[[Restore, argparse.Namespace], int] = options.run
         return command(restore, options)
@@ -104,6 +108,7 @@ def _run_verify(restore: Restore, options: argparse.Namespace) -> int:
     kinds = all_kinds()
     plan = _checked_plan(restore, kinds)
     findings = list(verify_items(restore, kinds, plan))
+    verification.save(restore.session.journal_directory, findings)
     restore.progress.erase()
     if options.format == "json":
         json.dump(printing.findings_document(findings), sys.stdout, indent=1)
@@ -151,6 +156,10 @@ def _parser() -> argparse.ArgumentParser:
     verify.add_argument("--against", default="", metavar="ADDRESS", help="compare the sites with a live host")
     _add_format(verify)
     _command(commands, "undo", _run_undo, "take back what apply made and nobody changed since")
+    report = commands.add_parser(
+        "report", help="write a page about the migration", allow_abbrev=False,
+        description="Writes report.html into the session: what moved, sizes and times, problems, the last verification.")
+    report.add_argument("session", metavar="SESSION", help="the session directory")
     return parser
 
 

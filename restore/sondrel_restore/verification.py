@@ -3,9 +3,12 @@ from __future__ import annotations
 
 import dataclasses
 import json
+import os
 from collections.abc import Iterable
 from pathlib import Path
 
+from sondrel_restore.figures import now
+from sondrel_restore.hostfiles import atomic_write
 from sondrel_restore.kind import Finding, RestoreError
 
 FILE_NAME = "verification.json"
@@ -20,10 +23,12 @@ class Verification:
     findings: tuple[Finding, ...]
 
 
-def to_json(at: str, findings: Iterable[Finding]) -> bytes:
-    """The content of the file: written by the caller, as a whole, into the directory of the journal."""
-    document = {"version": VERSION, "at": at, "findings": [dataclasses.asdict(each) for each in findings]}
-    return json.dumps(document, ensure_ascii=False, indent=0).encode() + b"\n"
+def save(directory: Path, findings: Iterable[Finding]) -> None:
+    """Keeps the findings of a run of `verify`, in the place of those before, if an apply has made the directory."""
+    document = {"version": VERSION, "at": now(), "findings": [dataclasses.asdict(each) for each in findings]}
+    if directory.is_dir():
+        atomic_write(str(directory / FILE_NAME), json.dumps(document, indent=0).encode("ascii") + b"\n",
+                     mode=0o600, uid=os.geteuid(), gid=os.getegid())
 
 
 def load(directory: Path) -> Verification | None:

@@ -7,6 +7,7 @@ from pathlib import Path
 
 import pytest
 from lxml import etree, html
+from made_session import PROGRAM
 
 from sondrel_restore import figures, report, verification
 from sondrel_restore.journal import Journal
@@ -144,10 +145,10 @@ def test_tells_what_was_restored_and_what_was_broken_off(session):
 
 def test_shows_the_last_verification_with_differences_first(session):
     (session / "restore").mkdir(mode=0o700)
-    (session / "restore" / verification.FILE_NAME).write_bytes(verification.to_json("2026-11-22T03:00:00Z", [
+    verification.save(session / "restore", [
         Finding("nginx:a.test", "https://a.test/", True),
         Finding("nginx:b.test", "https://b.test/", True),
-        Finding("nginx:b.test", "title", False, "is \"Error\" here, was \"Shop\" there")]))
+        Finding("nginx:b.test", "title", False, "is \"Error\" here, was \"Shop\" there")])
     page = page_of(session)[1]
     rows = [words(row) for row in section(page, "verification").xpath(".//tbody/tr")]
     assert rows == ['nginx:b.test 2 Differs title: is "Error" here, was "Shop" there', "nginx:a.test 1 Same"]
@@ -159,6 +160,12 @@ def test_refuses_a_verification_that_is_damaged(session):
     (session / "restore" / verification.FILE_NAME).write_bytes(b'{"findings": [{}]}')
     with pytest.raises(RestoreError, match="run verify again"):
         page_of(session)
+
+
+def test_is_written_by_the_command(session):
+    ran = subprocess.run([PROGRAM, "report", str(session)], check=True, capture_output=True, text=True)
+    assert ran.stdout == f"{session}/report.html\n"
+    assert "info@a.test" in (session / "report.html").read_text(encoding="utf-8")
 
 
 def test_is_the_caller_s_alone_and_replaces_a_link(session):
