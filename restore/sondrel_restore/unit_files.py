@@ -1,0 +1,100 @@
+"""Whether a unit of systemd from another host may be installed here: what is in it, line by line.
+
+systemd reads units as root, and much of what a unit may say is done by root: a command with the prefix "+", files
+for output, directories that change their owner. Only what is listed here goes in.
+"""
+from __future__ import annotations
+
+import re
+
+NAME = re.compile(r"[A-Za-z0-9_][A-Za-z0-9_.-]*\.(?:service|timer)")
+LARGEST = 64 << 10
+
+_TIME = r"[0-9A-Za-z .:,/*~-]+"
+_SPAN = r"[0-9]+(?:\.[0-9]+)? ?[a-z]*(?: [0-9]+ ?[a-z]+)*|infinity"
+_YES_OR_NO = r"yes|no|true|false|on|off|1|0"
+# A command with one of the prefixes "+" and "!" is run with the rights of root; "-" and "@" give none.
+_COMMAND = r"[-@]*/[^\s].*"
+_UNITS = r"(?:[A-Za-z0-9_.-]+\.(?:target|service|socket) ?)+"
+
+# What a section may say, and the form of the value. The account is checked besides.
+ALLOWED: dict[str, dict[str, str]] = {
+    "Unit": {"Description": ".*", "Documentation": ".*", "After": _UNITS, "Before": _UNITS,
+             "Wants": r"network(?:-online)?\.target", "ConditionPathExists": r"!?/.*"},
+    "Service": {
+        "Type": "simple|exec|oneshot|notify", "User": ".*", "Group": ".*", "WorkingDirectory": r"/[^%]*",
+        "ExecStart": _COMMAND, "ExecStartPre": _COMMAND, "ExecStartPost": _COMMAND, "ExecStop": _COMMAND,
+        "ExecReload": _COMMAND, "Environment": ".*", "Restart": "[a-z-]+", "RestartSec": _SPAN,
+        "TimeoutSec": _SPAN, "TimeoutStartSec": _SPAN, "TimeoutStopSec": _SPAN, "SyslogIdentifier": r"[\w.-]+",
+        "KillSignal": "SIG[A-Z0-9]+", "KillMode": "control-group|mixed|process", "Nice": r"[0-9]{1,2}",
+        "UMask": "[0-7]{3,4}", "LimitNOFILE": "[0-9]{1,6}", "MemoryMax": "[0-9]+[KMGT]?%?",
+        "CPUQuota": "[0-9]+%", "TasksMax": "[0-9]+%?", "PrivateTmp": _YES_OR_NO, "PrivateDevices": _YES_OR_NO,
+        "NoNewPrivileges": _YES_OR_NO, "ProtectHome": f"{_YES_OR_NO}|read-only|tmpfs",
+        "ProtectSystem": f"{_YES_OR_NO}|full|strict", "RemainAfterExit": _YES_OR_NO,
+        "StandardOutput": "journal|null", "StandardError": "journal|null|inherit"},
+    "Timer": {"OnCalendar": _TIME, "OnBootSec": _SPAN, "OnStartupSec": _SPAN, "OnActiveSec": _SPAN,
+              "OnUnitActiveSec": _SPAN, "OnUnitInactiveSec": _SPAN, "Persistent": _YES_OR_NO,
+              "RandomizedDelaySec": _SPAN, "AccuracySec": _SPAN, "Unit": ".*"},
+    "Install": {"WantedBy": r"multi-user\.target|default\.target|timers\.target"},
+}
+
+
+def objection(name: str, content: bytes, account_there: str, group_there: str) -> str:
+    """Why the unit of that name may not be installed for the account; empty if it may."""
+    if not NAME.fullmatch(name):
+        return "its name is not that of a service or a timer"
+    if len(content) > LARGEST:
+        return "it is too long"
+    try:
+        text = content.decode()
+    except UnicodeDecodeError:
+        return "it is no UTF-8"
+    # Some of them end a line for systemd, also within a comment.
+    if any(character < " " and character not in "\t\n" or character == "\x7f" for character in text):
+        return "it holds control characters"
+    users: list[str] = []
+    section = ""
+    for number, line in enumerate(text.split("\n"), 1):
+        stripped = line.strip(" \t")
+        if not stripped or stripped[0] in "#;":
+            if stripped.endswith("\\"):
+                return f"line {number} goes on in the next one"
+            continue
+        if stripped.startswith("[") and stripped.endswith("]"):
+            section = stripped[1:-1]
+            if section not in ALLOWED or section == "Timer" and not name.endswith(".timer") or (
+                    section == "Service" and not name.endswith(".service")):
+                return f"line {number} begins a section [{section}]"
+            continue
+        against = _against(section, stripped)
+        if against:
+            return f"line {number} has {against}"
+        key, value = (part.strip() for part in stripped.split("=", 1))
+        if key == "User":
+            users.append(value)
+        if key == "Group" and value != group_there:
+            return f"line {number} names another group than the account's own"
+        if key == "Unit" and value != name.removesuffix(".timer") + ".service":
+            return f"line {number} starts another unit than that of its own name"
+    if name.endswith(".service") and set(users) != {account_there}:
+        return "it does not say that it runs as that account, and as no other one"
+    return ""
+
+
+def _against(section: str, line: str) -> str:
+    key, is_setting, value = line.partition("=")
+    key, value = key.strip(), value.strip()
+    form = ALLOWED.get(section, {}).get(key)
+    if not is_setting or form is None:
+        return f"{key[:40]}, which is not among what is installed"
+    if value.endswith("\\"):
+        return f"{key} with a value that goes on in the next line"
+    if re.fullmatch(form, value) is None:
+        return f"{key} with a value that is not among what is installed"
+    return ""
+
+
+def with_account(content: bytes, account_here: str, group_here: str) -> bytes:
+    """The text of a unit without objection, with the names that its account and group have here."""
+    text = re.sub(r"(?m)^[ \t]*User[ \t]*=.*$", f"User={account_here}", content.decode())
+    return re.sub(r"(?m)^[ \t]*Group[ \t]*=.*$", f"Group={group_here}", text).encode()

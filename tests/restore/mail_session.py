@@ -1,0 +1,137 @@
+"""Sessions with mail and jobs, for the tests of these kinds."""
+import hashlib
+import io
+import os
+import tarfile
+from xml.sax.saxutils import quoteattr
+
+from destination import own_etc
+
+from sondrel_restore.description import Description
+from sondrel_restore.restore import Restore, apply_plan, make_plan, undo_all, verify_items
+from sondrel_restore.selection import Decisions, Selection
+from sondrel_restore.session import Session
+
+ALICE, BOB, VMAIL = 30001, 30002, 30050
+
+
+def make_world():
+    """Accounts, and settings of the servers that the tests may write; once for each process."""
+    if os.path.isdir("/home/alice"):
+        return
+    for name in ("postfix", "dovecot", "systemd"):
+        own_etc(name)
+    for name, uid in (("alice", ALICE), ("bob", BOB), ("vmail", VMAIL)):
+        for table, line in (("passwd", f"{name}:x:{uid}:{uid}::/home/{name}:/bin/sh"), ("group", f"{name}:x:{uid}:"),
+                            ("shadow", f"{name}:!:19000::::::")):
+            with open(f"/etc/{table}", "a", encoding="ascii") as file:
+                file.write(line + "\n")
+        os.mkdir(f"/home/{name}", 0o711)
+        os.chown(f"/home/{name}", uid, uid)
+
+
+def archive(files, owner="alice", uid=ALICE):
+    """The bytes of an archive: paths with bytes, None for a directory, or a TarInfo with its kind set."""
+    buffer = io.BytesIO()
+    with tarfile.open(fileobj=buffer, mode="w", format=tarfile.PAX_FORMAT) as tar:
+        for path, content in files.items():
+            member = content if isinstance(content, tarfile.TarInfo) else tarfile.TarInfo()
+            member.name = "." + path
+            member.uid, member.gid, member.uname, member.gname, member.mtime = uid, uid, owner, owner, 1700000000
+            if isinstance(content, bytes):
+                member.size, member.mode = len(content), 0o600
+                tar.addfile(member, io.BytesIO(content))
+            else:
+                if content is None:
+                    member.type, member.mode = tarfile.DIRTYPE, 0o700
+                tar.addfile(member)
+    return buffer.getvalue()
+
+
+class Fetched:
+    """A session that is written to a directory: a description, and archives."""
+
+    def __init__(self, directory):
+        self.directory = directory
+        directory.chmod(0o700)
+        (directory / "archives").mkdir(mode=0o700, exist_ok=True)
+        self.domains = {}
+        self.client = []
+        self.server = []
+
+    def content(self, kind, file, files, **owner):
+        """The element of an archive that is made of these files."""
+        packed = archive(files, **owner)
+        path = self.directory / "archives" / file
+        path.parent.mkdir(mode=0o755, parents=True, exist_ok=True)
+        path.write_bytes(packed)
+        return (f'<content kind="{kind}" file="{file}" size="{len(packed)}" md5sum="{hashlib.md5(packed).hexdigest()}"'
+                f' unpacked="{len(packed)}"/>')
+
+    def mailbox(self, address, path, files, domain="a.test", owner="vmail", uid=VMAIL, **more):
+        """A mailbox of a domain, with its archive."""
+        name = f"content/mailboxes/{hashlib.md5(address.encode()).hexdigest()}.tar"
+        attributes = {"format": "maildir", **more}
+        described = "".join(f" {name}={quoteattr(value)}" for name, value in attributes.items())
+        self.domains.setdefault(domain, {"aliases": [], "mailboxes": []})["mailboxes"].append(
+            f'<mailbox address={quoteattr(address)} path={quoteattr(path)} owner={quoteattr(owner)}{described}>'
+            f'{self.content("mailbox", name, files, owner=owner, uid=uid)}</mailbox>')
+
+    def alias(self, source, target, domain="a.test"):
+        """An alias of a domain."""
+        self.domains.setdefault(domain, {"aliases": [], "mailboxes": []})["aliases"].append(
+            f'<alias from={quoteattr(source)} file="/etc/postfix/virtual">'
+            f'{target.replace("&", "&amp;").replace("<", "&lt;")}</alias>')
+
+    def write(self, client="alice", system="no"):
+        """Writes the description."""
+        domains = "".join(
+            f'<domain name={quoteattr(name)}><name>{name}</name>{"".join(each["aliases"])}{"".join(each["mailboxes"])}'
+            '</domain>' for name, each in self.domains.items())
+        accounts = "".join(
+            f'<account name="{name}" uid="{uid}" gid="{uid}" group="{name}" home="/home/{name}" shell="/bin/sh"'
+            ' system="no"/>' for name, uid in (("alice", ALICE), ("vmail", VMAIL)))
+        server = f"<server>{''.join(self.server)}</server>" if self.server else ""
+        (self.directory / "dump.xml").write_text(
+            '<?xml version="1.0" encoding="UTF-8"?>\n<dump version="2" agent="linux" host="source" '
+            'created="2026-11-21T11:04:38Z" scope="all" content="yes">'
+            f'{server}<accounts>{accounts}</accounts><client name="{client}" uid="{ALICE}" gid="{ALICE}" group="alice" '
+            f'home="/home/alice" system="{system}" whole="yes">{"".join(self.client)}{domains}</client><problems/>'
+            '</dump>\n', encoding="utf-8")
+
+
+class Run:
+    """One run of the program on a session, for some kinds."""
+
+    def __init__(self, fetched, kinds, **decisions):
+        session = Session(str(fetched.directory))
+        description = Description(session.dump)
+        self.restore = Restore(session, description, Selection(description, frozenset(), frozenset()),
+                               Decisions(**decisions))
+        self.restore.progress.show = lambda text: None
+        self.kinds = [kind() for kind in kinds]
+        for name in ("alice", "vmail"):
+            self.restore.offer("account", name, name)
+            self.restore.offer("group", name, name)
+
+    def plan(self):
+        """States by identifier."""
+        return {item.identifier: item for item in make_plan(self.restore, self.kinds).items}
+
+    def apply(self):
+        """What was changed, and what failed."""
+        with self.restore.journal.locked():
+            return apply_plan(self.restore, self.kinds, make_plan(self.restore, self.kinds))
+
+    def verify(self):
+        """All findings."""
+        return list(verify_items(self.restore, self.kinds, make_plan(self.restore, self.kinds)))
+
+    def undo(self):
+        """What was taken back, and what was left."""
+        with self.restore.journal.locked():
+            return undo_all(self.restore, self.kinds)
+
+    def named(self):
+        """All that was named, as one text."""
+        return "\n".join(f"{identifier}: {text}" for identifier, text in self.restore.named)
