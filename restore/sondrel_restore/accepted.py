@@ -12,11 +12,12 @@ from sondrel_restore.kind import RestoreError
 
 # Directories at the root that belong to the system; what else is there, or is not, is the administrator's.
 _SYSTEM = frozenset((
-    "bin", "boot", "dev", "etc", "initrd", "lib", "lib32", "lib64", "libx32", "lost+found", "media", "mnt", "proc", "root",
-    "run", "sbin", "sys", "tmp", "usr", "var"))
+    "bin", "boot", "dev", "etc", "initrd", "lib", "lib32", "lib64", "libx32", "lost+found", "media", "mnt",
+    "proc", "root", "run", "sbin", "sys", "tmp", "usr", "var"))
 # In /var: of the system; in the rest are sites and mailboxes.
 _SYSTEM_IN_VAR = frozenset((
-    "backups", "cache", "crash", "db", "empty", "games", "lib", "local", "lock", "log", "opt", "run", "spool", "tmp", "yp"))
+    "backups", "cache", "crash", "db", "empty", "games", "lib", "local", "lock", "log", "opt", "run", "spool",
+    "tmp", "yp"))
 # These are themselves of the system, what lies below them is not.
 _ONLY_BELOW = frozenset(("/home", "/srv", "/opt", "/var/mail"))
 

@@ -95,7 +95,7 @@ class Kind(abc.ABC):
     def plan(self, restore: Restore) -> Iterator[Item]:
         """Each object of this kind in the description, held against this host and the journal. Changes nothing."""
 
-    def missing(self, restore: Restore) -> Iterator[Missing]:
+    def missing(self, restore: Restore) -> Iterator[Missing]:  # pylint: disable=unused-argument
         """What this host needs for the selected objects and does not have. Changes nothing."""
         return iter(())
 

@@ -9,7 +9,7 @@ import os
 
 @dataclasses.dataclass(frozen=True)
 class Made:
-    """A path that was made. `kind` is "f", "d" or "l"; `mtime` is in nanoseconds; `target` is that of a symbolic link."""
+    """A path that was made. `kind` is "f", "d" or "l"; `mtime` is in nanoseconds; `target` is a symbolic link's."""
 
     path: str
     kind: str

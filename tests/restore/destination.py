@@ -19,8 +19,8 @@ def make():
             os.makedirs(layers, exist_ok=True)
             os.makedirs(f"{layers}/upper")
             os.makedirs(f"{layers}/work")
-            subprocess.run(["mount", "-t", "overlay", "-o",
-                            f"lowerdir={folder},upperdir={layers}/upper,workdir={layers}/work", "own", folder], check=True)
+            where = f"lowerdir={folder},upperdir={layers}/upper,workdir={layers}/work"
+            subprocess.run(["mount", "-t", "overlay", "-o", where, "own", folder], check=True)
         else:
             subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", folder], check=True)
     os.makedirs("/var/spool/cron/crontabs", mode=0o1730)

@@ -53,7 +53,8 @@ class MadeSession:
     def add_client(self, name, uid, home=None):
         """A client with its account; the element."""
         self.add_account(name, uid, home)
-        return self.add(f'<client name="{name}" uid="{uid}" gid="{uid}" group="{name}" home="{home or f"/home/{name}"}" '
+        home = home or f"/home/{name}"
+        return self.add(f'<client name="{name}" uid="{uid}" gid="{uid}" group="{name}" home="{home}" '
                         f'shell="/bin/sh" system="no" whole="yes"/>')
 
     def add_site(self, client, name, root, archive, site=""):
@@ -70,8 +71,8 @@ class MadeSession:
         with open(path, "wb") as out:
             out.write(archive)
         unpacked = len(gzip.decompress(archive)) if file.endswith(".gz") else len(archive)
-        return (f'<content kind="{kind}" file="{file}" size="{len(archive)}" md5sum="{hashlib.md5(archive).hexdigest()}" '
-                f'unpacked="{unpacked}"/>')
+        return (f'<content kind="{kind}" file="{file}" size="{len(archive)}" '
+                f'md5sum="{hashlib.md5(archive).hexdigest()}" unpacked="{unpacked}"/>')
 
     def write(self):
         """The description as it is now."""

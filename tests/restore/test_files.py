@@ -180,7 +180,8 @@ def test_gives_files_to_accounts_of_the_restore_only(session):
     with open("/etc/passwd", "a", encoding="ascii") as passwd:
         passwd.write("carol:x:40000:40000::/home/carol:/bin/sh\n")
     site(session, directory("./home/alice/shop"),
-         file("./home/alice/shop/carol", uname="carol", uid=40000), file("./home/alice/shop/40000", uname="", uid=40000),
+         file("./home/alice/shop/carol", uname="carol", uid=40000),
+         file("./home/alice/shop/40000", uname="", uid=40000),
          file("./home/alice/shop/shadow", gname="shadow", gid=42),
          link("./home/alice/shop/link", "/etc/passwd", uname="root", uid=0))
     assert "carol" in session.run("apply", check=0).stdout

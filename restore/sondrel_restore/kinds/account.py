@@ -125,8 +125,8 @@ def _state(restore: Restore, account: Described, here: str) -> tuple[State, str,
         return State.IMPOSSIBLE, f"{here} is an account of the system here: choose one by --map-account=THERE:HERE", ()
     if is_mapped or (present.pw_uid, present.pw_dir) == (account.uid, account.home):
         return State.SAME, f"here with the number {present.pw_uid}", ()
-    return (State.CONFLICT, f"an account {here} with the number {present.pw_uid} and the home {present.pw_dir} is here; "
-            f"there it has {account.uid} and {account.home}",
+    return (State.CONFLICT, f"an account {here} with the number {present.pw_uid} and the home {present.pw_dir} is here;"
+            f" there it has {account.uid} and {account.home}",
             (f"--map-account={account.name}:{here}", f"--map-account={account.name}:NEW-NAME", f"--skip={identifier}"))
 
 
@@ -184,8 +184,8 @@ def _join_groups(restore: Restore, account: Described, here: str) -> list[str]:
             continue
         there = group_of(str(restore.offered("group").get(group.name, "")))
         if there is None or not _FIRST <= there.gr_gid <= _LAST:
-            restore.name(f"account:{account.name}", f"is not in the group {group.name} here: add it, if it is to be, by "
-                         f"usermod --append --groups {group.name} {here}")
+            restore.name(f"account:{account.name}", f"is not in the group {group.name} here: add it, if it is to be,"
+                         f" by usermod --append --groups {group.name} {here}")
         elif here not in there.gr_mem:
             restore.host.run(["usermod", "--append", "--groups", there.gr_name, here])
             joined.append(there.gr_name)
