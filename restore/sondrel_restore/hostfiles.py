@@ -6,7 +6,7 @@ import errno
 import os
 import secrets
 import stat
-from collections.abc import Iterator
+from collections.abc import Collection, Iterator
 
 from sondrel_restore.kind import RestoreError
 
@@ -139,10 +139,24 @@ def remove_file(path: str) -> None:
         return
 
 
-def make_directories(path: str, *, mode: int, uid: int, gid: int) -> list[str]:
+def missing_directories(path: str) -> list[str]:
+    """Those of a directory and the ones above it that are not there, the uppermost first."""
+    parts = components(path)
+    places = ["/" + "/".join(parts[:number]) for number in range(1, len(parts) + 1)]
+    for number, place in enumerate(places):
+        try:
+            with open_directory(place):
+                pass
+        except FileNotFoundError:
+            return places[number:]
+    return []
+
+
+def make_directories(path: str, *, mode: int, uid: int, gid: int, begun: Collection[str] = ()) -> list[str]:
     """Makes a directory with those above it that are missing; returns the paths of the new ones, uppermost first.
 
-    All new ones get this mode and owner. What is there stays as it is.
+    All new ones get this mode and owner, and those of the paths `begun` that are there: a run that was killed
+    may have left them half made. What else is there stays as it is.
     """
     made: list[str] = []
     reached = ""
@@ -152,7 +166,8 @@ def make_directories(path: str, *, mode: int, uid: int, gid: int) -> list[str]:
             try:
                 os.mkdir(name, 0o700, dir_fd=directory)
             except FileExistsError:
-                continue
+                if reached not in begun:
+                    continue
             made.append(reached)
             new = os.open(name, _DIRECTORY, dir_fd=directory)
             try:

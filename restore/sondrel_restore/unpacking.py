@@ -14,7 +14,7 @@ import grp
 import os
 import pwd
 import stat
-from collections.abc import Iterable, Iterator
+from collections.abc import Collection, Iterable, Iterator
 from typing import TYPE_CHECKING
 
 from sondrel_restore.acl import AclError, encoded
@@ -30,6 +30,8 @@ if TYPE_CHECKING:
 _DIRECTORY = os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW | os.O_CLOEXEC
 _NEW_FILE = os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC
 _TEMPORARY = ".sondrel-restore.new"
+# Of files while they are written; hardly one has it afterwards.
+_HALF_MODE = 0o200
 _DEEPEST = 200
 # Of a kind of thing that is named, the first so many paths.
 _NAMED = 3
@@ -175,15 +177,18 @@ def _outermost(roots: list[list[str]]) -> list[list[str]]:
     return found
 
 
-def _make_above(above: list[str]) -> None:
-    """Makes the directories above a root that are missing: within a home its owner's, else root's."""
+def _make_above(above: list[str], begun: Collection[str]) -> None:
+    """Makes the directories above a root that are missing: within a home its owner's, else root's.
+
+    `begun` are those that an apply that was killed may have left half made.
+    """
     homes = {account.pw_dir: account for account in pwd.getpwall() if account.pw_dir.count("/") > 1}
     owner = (0, 0)
     for number in range(1, len(above) + 1):
         path = "/" + "/".join(above[:number])
         if path in homes:
             owner = homes[path].pw_uid, homes[path].pw_gid
-        make_directories(path, mode=0o755, uid=owner[0], gid=owner[1])
+        make_directories(path, mode=0o755, uid=owner[0], gid=owner[1], begun=begun)
 
 
 class _Tree:
@@ -196,9 +201,13 @@ class _Tree:
         self._owners = owners
         self._old = read_manifest(restore.journal.side_file(identifier, "manifest"))
         # Of an apply that was broken off: what it had made so far.
+        self._is_first = not os.path.exists(restore.journal.side_file(identifier, "manifest"))
         self._begun = read_manifest(restore.journal.side_file(identifier, "begun"), may_be_cut=True)
         self._new = Manifest(restore.journal.side_file(identifier, "begun"), keep=self._begun)
         # The directory above a root, and those below it on the way to the present one, each with its descriptor.
+        before = _facts(restore, identifier)["before"]
+        assert isinstance(before, dict)
+        self._new_above = [path for path, was in before.items() if was is None] if self._is_first else []
         self._base: list[str] | None = None
         self._trail: list[tuple[str, int]] = []
         self._directories: dict[str, Member | None] = {}
@@ -275,7 +284,7 @@ class _Tree:
 
     def _begin_at(self, above: list[str]) -> None:
         """Opens the directory above a root, by links of root's only; it is made if it is missing."""
-        _make_above(above)
+        _make_above(above, self._new_above)
         with open_directory("/" + "/".join(above)) as directory:
             self._trail = [("", os.dup(directory))]
         self._base = above
@@ -389,14 +398,14 @@ class _Tree:
             return True
         if member.kind == "hard link":
             return self._link(member, directory, name)
-        descriptor = os.open(name, _NEW_FILE, 0o600, dir_fd=directory)
+        descriptor = os.open(name, _NEW_FILE, _HALF_MODE, dir_fd=directory)
         try:
             _copy(member, contents, descriptor)
-            os.fchown(descriptor, made.uid, made.gid)
-            os.fchmod(descriptor, made.mode)
-            self._set_attributes(descriptor, member)
-            # The time comes last: by it a rerun knows that the file is whole.
             os.utime(descriptor, ns=(member.mtime, member.mtime))
+            os.fchown(descriptor, made.uid, made.gid)
+            self._set_attributes(descriptor, member)
+            # The mode comes last: by it a rerun knows that the file is whole.
+            os.fchmod(descriptor, made.mode)
         finally:
             os.close(descriptor)
         return True
@@ -592,8 +601,11 @@ def _take_back(path: str, ways: list[Made], may_be_half: bool) -> str:
 
 
 def _is_half(there: os.stat_result) -> bool:
-    """Whether it looks as files do while they are written."""
-    return stat.S_ISREG(there.st_mode) and there.st_uid == 0 and stat.S_IMODE(there.st_mode) == 0o600
+    """Whether it looks as files and links do while they are made."""
+    if stat.S_ISLNK(there.st_mode):
+        return there.st_uid == 0
+    # An access control list changes the bits of the group.
+    return stat.S_ISREG(there.st_mode) and stat.S_IMODE(there.st_mode) & ~0o070 == _HALF_MODE
 
 
 def _restore_roots(before: dict[str, object]) -> None:

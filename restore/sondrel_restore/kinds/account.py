@@ -10,7 +10,7 @@ from collections.abc import Iterator
 from sondrel_restore.accepted import why_not, why_not_owners
 from sondrel_restore.description import Account as Described
 from sondrel_restore.host import account_of, group_of
-from sondrel_restore.hostfiles import make_directories, open_directory
+from sondrel_restore.hostfiles import make_directories, missing_directories, open_directory
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, RestoreError, State
 from sondrel_restore.restore import Restore
@@ -56,7 +56,7 @@ class AccountKind(Kind):
         if made is None:
             raise RestoreError(f"useradd has not made the account {here}")
         joined = _join_groups(restore, account, here)
-        homes = _make_home(made)
+        homes = _make_home(restore, item.identifier, made)
         for note in notes:
             restore.name(item.identifier, note)
         return {"name": here, "uid": made.pw_uid, "home": made.pw_dir, "groups": joined, "made": homes}
@@ -192,13 +192,20 @@ def _join_groups(restore: Restore, account: Described, here: str) -> list[str]:
     return joined
 
 
-def _make_home(account: pwd.struct_passwd) -> list[str]:
-    """The directories that are new."""
+def _make_home(restore: Restore, identifier: str, account: pwd.struct_passwd) -> list[str]:
+    """The directories that are new. They are noted before: undo must know them after a kill, too."""
     if account.pw_dir == _NO_HOME or why_not(account.pw_dir):
         return []
+    entry = restore.journal.entry(identifier)
+    noted = entry.facts.get("made", []) if entry else []
+    assert isinstance(noted, list)
+    begun: list[str] = [*noted, *(path for path in missing_directories(account.pw_dir) if path not in noted)]
+    restore.journal.note(identifier, {"made": begun})
     parent = os.path.dirname(account.pw_dir)
-    made = make_directories(parent, mode=0o755, uid=0, gid=0) if parent != "/" else []
-    return made + make_directories(account.pw_dir, mode=_HOME_MODE, uid=account.pw_uid, gid=account.pw_gid)
+    if parent != "/":
+        make_directories(parent, mode=0o755, uid=0, gid=0, begun=begun)
+    make_directories(account.pw_dir, mode=_HOME_MODE, uid=account.pw_uid, gid=account.pw_gid, begun=begun[-1:])
+    return begun
 
 
 def _remove_empty(path: str) -> bool:
