@@ -158,7 +158,8 @@ def _parser() -> argparse.ArgumentParser:
     _command(commands, "undo", _run_undo, "take back what apply made and nobody changed since")
     report = commands.add_parser(
         "report", help="write a page about the migration", allow_abbrev=False,
-        description="Writes report.html into the session: what moved, sizes and times, problems, the last verification.")
+        description="Writes report.html into the session: what moved, sizes and times, problems, the last "
+                    "verification.")
     report.add_argument("session", metavar="SESSION", help="the session directory")
     return parser
 
