@@ -5,6 +5,7 @@ package Linux::Inventory;
 use strict;
 use warnings;
 use Linux::Cron;
+use Linux::DatabaseProcesses;
 use Linux::Databases;
 use Linux::FurtherServers;
 use Linux::Lineage;
@@ -39,6 +40,7 @@ sub new {
     $tick->();
     $self->{database_servers} = Linux::Databases->new(map { $_ => $options{$_} }
         grep { defined $options{$_} } qw(tree problems limit restrict_key));
+    Linux::DatabaseProcesses::note_others($tree, $problems, $self->servers);
     $self->{databases} = [$self->{database_servers}->all];
     $tick->();
     $self->{database_servers}->assign($self->{clients}, $self->{sites});

@@ -105,6 +105,18 @@ sub answers {
     return $host !~ /\A[0-9.:a-f]+\z/i;
 }
 
+# Where a process listens, as a reader knows it: paths of sockets, and "port N".
+sub places_of {
+    my ($self, $pid) = @_;
+    my $is_its = sub {
+        my ($inode) = @_;
+        return grep { $_ == $pid } @{ $self->holders->{$inode} || [] };
+    };
+    my %ports = map { $_->{port} => 1 } grep { $is_its->($_->{inode}) } @{ $self->{tcp} };
+    return ((sort grep { $is_its->($self->{unix}{$_}) } keys %{ $self->{unix} }),
+        map {"port $_"} sort { $a <=> $b } keys %ports);
+}
+
 # { inode => [pids] } of the sockets that are listened at.
 sub holders {
     my ($self) = @_;
