@@ -167,6 +167,54 @@ END
 }
 
 {
+    my ($sites, $problems) = sites_of(<<'END');
+<Proxy balancer://app>
+    BalancerMember unix:/run/app1.sock|http://localhost/ loadfactor=2
+    BalancerMember http://127.0.0.1:3001 route=b
+    ProxySet lbmethod=byrequests
+</Proxy>
+<VirtualHost *:80>
+    ServerName balanced.test
+    <Proxy "balancer://php/">
+        BalancerMember fcgi://127.0.0.1:9001
+    </Proxy>
+    BalancerMember balancer://more http://127.0.0.1:3002
+    ProxyPass /app balancer://APP/x
+    <Location /more>
+        ProxyPass balancer://more/
+    </Location>
+    <FilesMatch \.php$>
+        SetHandler "proxy:balancer://php"
+    </FilesMatch>
+    ProxyPass /none balancer://none/
+</VirtualHost>
+<VirtualHost *:80>
+    ServerName rewritten.test
+    RewriteEngine On
+    RewriteRule ^/ws$ ws://127.0.0.1:3003%{REQUEST_URI} [P,L]
+    RewriteRule ^/(.*)$ http://127.0.0.1:3004/$1 [NC,proxy]
+    RewriteRule ^/b/ balancer://app%{REQUEST_URI} [P]
+</VirtualHost>
+<VirtualHost *:80>
+    ServerName handled.test
+    <Location />
+        SetHandler proxy:unix:/run/app2.sock|http://localhost
+    </Location>
+</VirtualHost>
+END
+    is_deeply $sites->{'balanced.test'}{proxies}, ['unix:/run/app1.sock|http://localhost/', 'http://127.0.0.1:3001',
+        'http://127.0.0.1:3002', 'balancer://none/'], 'a group of servers is what is in it'
+        or diag explain $sites->{'balanced.test'}{proxies};
+    is_deeply $sites->{'balanced.test'}{php_addresses}, ['127.0.0.1:9001'], 'one for PHP, too';
+    is_deeply $sites->{'rewritten.test'}{proxies}, ['ws://127.0.0.1:3003/', 'http://127.0.0.1:3004/',
+        'unix:/run/app1.sock|http://localhost/', 'http://127.0.0.1:3001'], 'rules that hand on are no redirects'
+        or diag explain $sites->{'rewritten.test'};
+    is_deeply $sites->{'rewritten.test'}{redirects}, [], 'and are not told as such';
+    is_deeply $sites->{'handled.test'}{proxies}, ['unix:/run/app2.sock|http://localhost'], 'a handler hands on, too';
+    is_deeply $problems, [], 'without a problem' or diag explain $problems;
+}
+
+{
     my @folders = ('one', 'v/a.test/www', 'v/b.test/www', 'v/plain/www', 't/a/a.test');
     my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } @folders);
 <VirtualHost *:80>

@@ -304,4 +304,23 @@ END
     is $problems->count('error'), 1, 'and a problem';
 }
 
+{
+    my ($tree, $problems) = imitated('etc/nginx/nginx.conf' => <<'END', 'srv/a/' => undef);
+http { server { server_name a.test; root /srv/a; } }
+stream {
+    upstream db { server 10.0.0.5:5432; }
+    server { listen 5432; proxy_pass db; }
+    server { listen 127.0.0.1:6000 udp; proxy_pass unix:/run/x; }
+}
+mail { server { listen 143; protocol imap; } }
+events { }
+END
+    is_deeply [map { $_->{name} } Linux::Nginx::sites($tree, $problems)], ['a.test'], 'what hands on connections is no site';
+    is_deeply problem_texts($problems), [map {
+        "warning /etc/nginx/nginx.conf: Line $_->[0]: the servers of the block \"$_->[1]\" (listen $_->[2]) belong to no site. They"
+            . ' are described under web-configuration, and their files are in the archive of the settings: set them up on the'
+            . ' new host by hand, with what stands behind them'
+    } [2, 'stream', '5432, 127.0.0.1:6000'], [7, 'mail', '143']], 'and is named' or diag explain problem_texts($problems);
+}
+
 done_testing;

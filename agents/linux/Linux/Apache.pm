@@ -505,6 +505,7 @@ sub add_rewrite {
     my ($self, $path, $from, $to, $flags) = @_;
     return if !defined $to;
     $flags = defined $flags ? $flags : '';
+    return $self->add_proxy($path, $to) if $flags =~ /[\[,]\s*(?:P|proxy)\s*[\],]/i;
     my ($redirects, $code) = $flags =~ /[\[,]\s*(R|redirect)(?:=(\w+))?\s*[\],]/i;
     return if !$redirects && $to !~ m{\Ahttps?://};
     $code = defined $code ? $CODE_OF{ lc $code } || $code : 302;
@@ -517,9 +518,43 @@ sub add_proxy {
     my ($self, $path, @args) = @_;
     my $to = $args[0] =~ m{\A(?:unix:|\w+://)} ? $args[0] : $args[1];
     return if !defined $to || $to eq '!';
-    if (defined(my $address = php_address($to))) { add_once($self->{block}{php_addresses}, $address) }
-    else                                         { add_once($self->{block}{proxies}, $to) }
+    # What a request adds behind the port says nothing about the server.
+    $to =~ s{\A(\w+://[^/\$%]+)(?:/[^\$%]*)?[\$%].*}{$1/}s;
+    for my $server ($self->servers_of($to)) {
+        if (defined(my $address = php_address($server))) {
+            add_once($self->{block}{php_addresses}, $address);
+        }
+        else { add_once($self->{block}{proxies}, $server) }
+    }
     return;
+}
+
+# The members of a group of servers; what is none, or has none, stands for itself.
+sub servers_of {
+    my ($self, $to) = @_;
+    my ($group) = $to =~ m{\Abalancer://([^/]+)}i or return $to;
+    my $members = $self->{members} ||= members_in(undef, @{ $self->{configuration}{directives} });
+    return @{ $members->{ lc $group } || [$to] };
+}
+
+# { name of a group => [addresses] } of all that some directives have, those in a section for a group too.
+sub members_in {
+    my ($group, @directives) = @_;
+    my %members;
+    for my $directive (@directives) {
+        my ($name, $args, $block) = @$directive{qw(name args block)};
+        my ($first, $second) = @$args;
+        my ($named) = defined $first ? $first =~ m{\Abalancer://([^/]+)}i : ();
+        if ($block) {
+            my $inside = members_in($name eq 'proxy' ? $named : $group, @$block);
+            push @{ $members{$_} }, @{ $inside->{$_} } for keys %$inside;
+        }
+        elsif ($name eq 'balancermember') {
+            my ($of, $address) = defined $named ? ($named, $second) : ($group, $first);
+            push @{ $members{ lc $of } }, $address if defined $of && defined $address;
+        }
+    }
+    return \%members;
 }
 
 # "unix:/socket|fcgi://any" or "fcgi://host:port/..." as the address of a pool.
@@ -532,8 +567,7 @@ sub php_address {
 
 sub add_handler {
     my ($self, $path, $handler) = @_;
-    my $address = $handler =~ /\Aproxy:(.*)/s ? php_address($1) : undef;
-    add_once($self->{block}{php_addresses}, $address);
+    return $self->add_proxy($path, $1) if $handler =~ /\Aproxy:(.*)/s;
     $self->{block}{php_module} ||= 1 if $handler =~ m{\A(?:application/x-httpd-php|php\d*-script)};
     return;
 }

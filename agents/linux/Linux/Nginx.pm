@@ -116,6 +116,7 @@ sub sites_of_one {
     my @directives = $config->load($self->{main});
     $config->note_missed('nginx', @{ $told->{files} });
     $self->name_unknown(\%MAIN_BLOCK, @directives);
+    $self->name_other_servers(@directives);
     $self->{configuration} = { name => $name, server => 'nginx', file => $self->{main},
         prefix => $self->{prefix}, modules => [modules(@directives)], files => [$config->files],
         directives => \@directives, of_sites => {}, uses => [],
@@ -177,6 +178,21 @@ sub name_unknown {
         next if $name =~ /_by_lua_block\z/;
         $self->{config}->problem('error', $file, $line,
             qq(the block "$name" is not known and is left out: correct its name and dump again));
+    }
+    return;
+}
+
+# What hands on connections or mail is no site, and may be what the host is for.
+sub name_other_servers {
+    my ($self, @directives) = @_;
+    for my $block (map { named($_, @directives) } qw(stream mail rtmp)) {
+        my @servers = servers_in(@{ $block->{block} }) or next;
+        my @listens = map { $_->{args}[0] } grep { $_->{name} eq 'listen' && @{ $_->{args} } }
+            map { @{ $_->{block} } } @servers;
+        $self->{config}->problem('warning', @$block{qw(file line)},
+            qq(the servers of the block "$block->{name}" \(listen ) . join(', ', @listens)
+                . ') belong to no site. They are described under web-configuration, and their files are in the'
+                . ' archive of the settings: set them up on the new host by hand, with what stands behind them');
     }
     return;
 }
