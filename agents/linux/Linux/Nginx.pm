@@ -189,10 +189,11 @@ sub name_other_servers {
         my @servers = servers_in(@{ $block->{block} }) or next;
         my @listens = map { $_->{args}[0] } grep { $_->{name} eq 'listen' && @{ $_->{args} } }
             map { @{ $_->{block} } } @servers;
+        my $where = join ', ', @listens;
         $self->{config}->problem('warning', @$block{qw(file line)},
-            qq(the servers of the block "$block->{name}" \(listen ) . join(', ', @listens)
-                . ') belong to no site. They are described under web-configuration, and their files are in the'
-                . ' archive of the settings: set them up on the new host by hand, with what stands behind them');
+            qq{the servers of the block "$block->{name}" (listen $where) belong to no site. They are described}
+                . ' under web-configuration, and their files are in the archive of the settings: set them up on'
+                . ' the new host by hand, with what stands behind them');
     }
     return;
 }
