@@ -35,6 +35,8 @@ my ($tree) = imitated(
     'etc/backup.env' => 'WHERE=x',
     'home/dave/.config/systemd/user/sync.service' => "[Service]\nExecStart=/home/dave/sync\n",
     'etc/aliases' => "root: admin\@a.test\n",
+    'etc/shadow' => "root:\$6\$x:1::::::\nalice:\$y\$j9T\$hash-of-alice:1::::::\nbob:!:1::::::\nvmail:*:1::::::\n"
+        . "dave:\$6\$hash-of-dave:1::::::\n",
     'etc/sondrel/resellers' => "big: bob nobody-here\n",
     'etc/nginx/nginx.conf' => "http { include /etc/nginx/sites-enabled/*; }\n",
     'etc/nginx/sites-enabled/a' => server_block('a.test www.a.test', '/home/alice/app/public'),
@@ -204,6 +206,7 @@ is found('string(/dump/accounts/account[@name="vmail"]/@uid)'), $VMAIL, 'with th
 is_deeply values_of('//client[@name="alice"]/group/@name'), [qw(adm team)], 'clients have their further groups';
 is_deeply values_of('/dump/accounts/group/@name'), [qw(adm alice bob root team)],
     'groups of files, of accounts and of persons are described';
+is problem_of('accounts', 'Passwords of alice, root are in no archive'), 'info', 'whose passwords are not moved is told';
 is found('string(/dump/accounts/group[@name="team"]/@gid)'), 32000, 'with their numbers';
 is found('string(/dump/accounts/group[@name="team"]/member[2])'), 'bob', 'and members';
 

@@ -160,6 +160,9 @@ def test_what_it_makes_is_for_its_owner_only(source, host, kind):
     for path, facts in made.items():
         is_folder = os.path.isdir(f"{login.agent_dir}/{path}")
         assert facts == (uid, gid, 0o700 if is_folder else 0o600), path
+    stranger = subprocess.run(["cat", f"{SESSION}/dump.xml"], user=65534, group=65534, extra_groups=[], check=False,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    assert (stranger.returncode, stranger.stdout) == (1, b"") and b"Permission denied" in stranger.stderr
 
 
 def test_shows_its_progress_through_the_tool(source, host):

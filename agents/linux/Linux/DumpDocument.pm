@@ -133,7 +133,18 @@ sub accounts {
         element('account', [(map { $_ => $account->{$_} } qw(name uid gid group home shell)),
             system => $users->is_system($account) ? 'yes' : 'no'])
     } sort { $a <=> $b } keys %uid;
+    $self->note_passwords(grep { $users->has_password($_) } sort keys %named);
     return element('accounts', [], @accounts, groups($users, \%gid, \%named));
+}
+
+# Their hashes would open these accounts on every host that the archives come to.
+sub note_passwords {
+    my ($self, @names) = @_;
+    return if !@names;
+    $self->{problems}->add(severity => 'info', object => 'accounts', text => 'Passwords of '
+        . join(', ', @names) . ' are in no archive: who logs in with one (by SSH, FTP or for mail) needs a new'
+        . ' one on the new host (passwd), or the old hash by hand (usermod -p)');
+    return;
 }
 
 # The groups with these numbers, those that these accounts have, and those of persons.

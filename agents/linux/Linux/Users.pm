@@ -57,6 +57,14 @@ sub all {
     return sort { $a->{uid} <=> $b->{uid} || $a->{name} cmp $b->{name} } values %{ $self->{names} };
 }
 
+# True for an account of the system's own files that has a password. Nobody but root may find that out.
+sub has_password {
+    my ($self, $name) = @_;
+    $self->{with_password} ||= { map { /\A([^:]+):[^:!*]/ ? ($1 => 1) : () }
+        $self->{tree}->read_lines('/etc/shadow') };
+    return $self->{with_password}{$name} ? 1 : 0;
+}
+
 sub is_live { return $_[0]{tree}->root eq '/' }
 
 sub by_name {
