@@ -14,7 +14,7 @@ from linux_host import (DATABASE_SECRETS, FULL_TREES, STAGE, TREES, Dump, Gate, 
 from migrating import MIGRATE, State, start
 from source_services import add_user, owned
 from terminal import Terminal
-from world import (HOST, LOGIN_KINDS, PLAIN, ROOT, SUDOER, Destination, Session, SourceHost, files_below,
+from world import (HOST, LOGIN_KINDS, PLAIN, ROOT, SESSION, SUDOER, Destination, Session, SourceHost, files_below,
                    owner_and_mode, read, wait_until, write)
 
 # Configuration, certificate and key: what they lead to is taken along.

@@ -142,8 +142,8 @@ sub note_passwords {
     my ($self, @names) = @_;
     return if !@names;
     $self->{problems}->add(severity => 'info', object => 'accounts', text => 'Passwords of '
-        . join(', ', @names) . ' are in no archive: who logs in with one (by SSH, FTP or for mail) needs a new'
-        . ' one on the new host (passwd), or the old hash by hand (usermod -p)');
+        . join(', ', @names) . ' are in no archive: who logs in with one (by SSH, FTP or for mail) needs a'
+        . ' new one on the new host (passwd), or the old hash by hand (usermod -p)');
     return;
 }
 

@@ -191,9 +191,9 @@ sub name_other_servers {
             map { @{ $_->{block} } } @servers;
         my $where = join ', ', @listens;
         $self->{config}->problem('warning', @$block{qw(file line)},
-            qq{the servers of the block "$block->{name}" (listen $where) belong to no site. They are described}
-                . ' under web-configuration, and their files are in the archive of the settings: set them up on'
-                . ' the new host by hand, with what stands behind them');
+            qq{the servers of the block "$block->{name}" (listen $where) belong to no site. They are}
+                . ' described under web-configuration, and their files are in the archive of the settings:'
+                . ' set them up on the new host by hand, with what stands behind them');
     }
     return;
 }
