@@ -1,0 +1,175 @@
+"""Sites of nginx: a file of server blocks for each, with the definitions that they use, from the description's blocks."""
+from __future__ import annotations
+
+import glob
+import hashlib
+import os
+import signal
+from collections.abc import Iterable, Iterator
+
+from sondrel_restore.journal import Entry
+from sondrel_restore.kind import Missing, RestoreError
+from sondrel_restore.restore import Restore
+from sondrel_restore.web import nginx_rules, site_kind
+from sondrel_restore.web.config_kind import Candidate
+from sondrel_restore.web.directives import Directive, for_nginx, to_bytes
+from sondrel_restore.web.judge import file_name
+from sondrel_restore.web.nginx_here import NginxHere, read_here
+from sondrel_restore.web.nginx_rules import Names, NginxRules
+from sondrel_restore.web.service import reload_service
+from sondrel_restore.web.site_data import Block, Site
+
+_DIRECTORY = "/etc/nginx"
+_DEFINITIONS = f"{_DIRECTORY}/sondrel-definitions"
+
+# Beginnings of directives with the module that has them and its package.
+_MODULES = (
+    ("image_filter", "ngx_http_image_filter_module.so", "libnginx-mod-http-image-filter"),
+    ("more_", "ngx_http_headers_more_filter_module.so", "libnginx-mod-http-headers-more-filter"),
+    ("brotli", "ngx_http_brotli_filter_module.so", "libnginx-mod-http-brotli-filter"),
+)
+
+
+class Nginx(site_kind.SiteKind):
+    """The part of a site that nginx serves."""
+
+    name = "nginx"
+    program = "nginx"
+    package = "nginx"
+    log_directory = "/var/log/nginx"
+
+    def __init__(self) -> None:
+        super().__init__()
+        self._here = NginxHere()
+        self._defaults: dict[str, str] = {}
+        self._refusal = ""
+        self._release = (0, 0, 0)
+
+    def look(self, restore: Restore) -> None:
+        self._here, self._defaults, self._refusal = NginxHere(), {}, ""
+        if not restore.host.has_program("nginx"):
+            return
+        told = restore.host.run(["nginx", "-T", "-q"], check=False)
+        if told.status != 0:
+            self._refusal = f"nginx refuses the configuration that it has here: {_first_line(told.stderr)}"
+        self._here = read_here(told.stdout)
+        version = restore.host.run(["nginx", "-v"], check=False).stderr.rpartition("/")[2].split()
+        numbers = [int(each) for each in (version[0] if version else "").split(".") if each.isdigit()]
+        self._release = (numbers[0], numbers[1], numbers[2]) if len(numbers) == 3 else (0, 0, 0)
+
+    def candidate(self, restore: Restore, site: Site, blocks: tuple[Block, ...]) -> Candidate:
+        path = f"{_DIRECTORY}/sites-available/{file_name(site.domain.name)}.conf"
+        link = f"{_DIRECTORY}/sites-enabled/{os.path.basename(path)}"
+        judge = self.judge(restore, site)
+        uses = list(dict.fromkeys(use for block in blocks for use in block.uses))
+        names = self._new_names(uses)
+        rules = NginxRules(
+            judge, upstreams=frozenset(use.args[0] for use in uses if use.name == "upstream" and use.args),
+            log_formats=frozenset(use.args[0] for use in uses if use.name == "log_format" and use.args) | {"combined"},
+            zones=frozenset(_zones(uses)), addresses=self.addresses,
+            has_default=lambda address: self._claimed(address, site.domain.name, {path, link}), names=names,
+            has_http2_directive=self._release >= (1, 25, 1))
+        try:
+            servers = [rules.server(block.directive, _inherited(block)) for block in blocks if block.directive is not None]
+            text = for_nginx(servers)
+            definitions = {_definition_path(kept): to_bytes(for_nginx([kept])) for use in uses
+                           if (kept := rules.definition(use)) is not None}
+        except RestoreError as error:
+            return Candidate(site.domain.name, "", {path: b""}, impossible=str(error))
+        shown = for_nginx(left.directive for left in judge.left_out)
+        conflict, disables = self._conflict(restore, site, {path, link}, nginx_rules.ports_of(servers))
+        links = {f"{_DIRECTORY}/conf.d/{os.path.basename(each)}": f"../{os.path.basename(_DEFINITIONS)}/"
+                 + os.path.basename(each) for each in definitions}
+        return self.whole(
+            site, judge, blocks, {path: to_bytes(site_kind.heading(site) + text), **definitions},
+            {**links, link: f"../sites-available/{os.path.basename(path)}"}, shown, conflict, disables, self._refusal)
+
+    def _claimed(self, address: str, site: str, own: set[str]) -> bool:
+        """Whether another file has the default server of an address; if not, this site has it from now on."""
+        if self._here.defaults.get(address, set()) - own:
+            return True
+        return self._defaults.setdefault(address, site) != site
+
+    def _conflict(self, restore: Restore, site: Site, own: set[str], ports: frozenset[int]) -> tuple[str, frozenset[str]]:
+        made = {link for entry in restore.journal.entries(self.name) for link in
+                (*site_kind.links(entry), *site_kind.sums(entry))}
+        for name in site.names:
+            others = {file for file in self._here.served.get(name, set()) if file not in own and file not in made}
+            if others:
+                return f"{name} is served here already by {', '.join(sorted(others))}", frozenset(
+                    file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
+        return self.port_conflict(ports), frozenset()
+
+    def _new_names(self, uses: Iterable[Directive]) -> Names:
+        """New names for definitions whose names something else here has."""
+        names = Names({}, {}, {}, {})
+        for use in uses:
+            for taken, new, name in (
+                (self._here.upstreams, names.upstreams, use.args[0] if use.name == "upstream" and use.args else ""),
+                (self._here.formats, names.formats, use.args[0] if use.name == "log_format" and use.args else ""),
+                (self._here.variables, names.variables, use.args[-1].lstrip("$")
+                 if use.name in ("map", "geo", "split_clients") and use.args else ""),
+                (self._here.zones, names.zones, next(iter(_zones([use])), "")),
+            ):
+                owner = taken.get(name, "")
+                if name and owner and not os.path.basename(owner).startswith("sondrel-"):
+                    assert isinstance(new, dict)
+                    new[name] = f"{name}_{_digest(name + use.place)[:6]}"
+        return names
+
+    def missing(self, restore: Restore) -> Iterator[Missing]:
+        yield from super().missing(restore)
+        used = {each.name for site in self.chosen(restore) for block in site.blocks if block.directive is not None
+                for each in block.directive.within()}
+        for beginning, file, package in _MODULES:
+            if any(name.startswith(beginning) for name in used) and not os.path.exists(f"/usr/lib/nginx/modules/{file}"):
+                yield Missing(package, f"sites use directives of nginx that begin with \"{beginning}\"")
+
+    def check(self, restore: Restore) -> str:
+        told = restore.host.run(["nginx", "-t", "-q"], check=False)
+        return "" if told.status == 0 else _first_line(told.stderr)
+
+    def reload(self, restore: Restore, entries: list[Entry]) -> None:
+        os.makedirs("/var/cache/nginx", mode=0o755, exist_ok=True)
+        reload_service(restore.host, "nginx", "/run/nginx.pid", "nginx", signal.SIGHUP)
+
+    def remove_empty_directories(self) -> None:
+        super().remove_empty_directories()
+        if not glob.glob(f"{_DEFINITIONS}/*") and os.path.isdir(_DEFINITIONS):
+            os.rmdir(_DEFINITIONS)
+
+
+def _zones(uses: Iterable[Directive]) -> Iterator[str]:
+    for use in uses:
+        if use.name.endswith("_zone") or use.name.endswith("_cache_path"):
+            for arg in use.args:
+                key, mark, rest = arg.partition("=")
+                if mark and key in ("zone", "keys_zone"):
+                    yield rest.partition(":")[0]
+
+
+def _inherited(block: Block) -> Iterator[Directive]:
+    for top in block.configuration.directives:
+        if top.name == "http":
+            for inner in top.block or ():
+                if not inner.identifier and inner.block is None:
+                    yield inner
+
+
+def _definition_path(directive: Directive) -> str:
+    """The same for the same definition, whichever sites use it."""
+    kind = directive.name.replace("_", "-")
+    return f"{_DEFINITIONS}/sondrel-{kind}-{_digest(for_nginx([directive]))[:12]}.conf"
+
+
+def _digest(text: str) -> str:
+    return hashlib.sha256(to_bytes(text)).hexdigest()
+
+
+def _first_line(text: str) -> str:
+    """The line that tells what is wrong."""
+    lines = [line for line in text.splitlines() if "[emerg]" in line] or text.splitlines() or ["it says nothing"]
+    return lines[0].replace("nginx: ", "").strip()
+
+
+KINDS = (Nginx,)

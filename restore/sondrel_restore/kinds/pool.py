@@ -1,0 +1,298 @@
+"""Pools of PHP-FPM: one file for each pool of the description, for the PHP that is here, run as the account of the pool."""
+from __future__ import annotations
+
+import dataclasses
+import glob
+import os
+import re
+import signal
+from collections.abc import Iterator
+
+from sondrel_restore.description import Domain, Element
+from sondrel_restore.host import account_of
+from sondrel_restore.journal import Entry
+from sondrel_restore.kind import Finding, Item, Missing, RestoreError, State
+from sondrel_restore.restore import Restore
+from sondrel_restore.web.config_kind import Candidate, ConfigKind, sum_of
+from sondrel_restore.web.directives import to_bytes
+from sondrel_restore.web.judge import Judge, Refused, Trees, normal_address
+from sondrel_restore.web.php_settings import ADMIN, check_setting, check_variable, quoted
+from sondrel_restore.web.service import reload_service, wait_until
+from sondrel_restore.web.site_data import accounts_here
+
+_WEB_ACCOUNT = "www-data"
+_LEFT_OUT = "/etc/sondrel-restore/left-out"
+
+# Extensions by the package of Debian that has them, "php-" or "phpX.Y-" before it. Others are built in or unknown.
+_PACKAGES = {
+    "apcu": "apcu", "bcmath": "bcmath", "bz2": "bz2", "curl": "curl", "dba": "dba", "dom": "xml", "enchant": "enchant",
+    "gd": "gd", "gmp": "gmp", "igbinary": "igbinary", "imagick": "imagick", "imap": "imap", "interbase": "interbase",
+    "intl": "intl", "ldap": "ldap", "mbstring": "mbstring", "memcached": "memcached", "mongodb": "mongodb",
+    "mysqli": "mysql", "mysqlnd": "mysql", "odbc": "odbc", "pdo_mysql": "mysql", "pdo_odbc": "odbc",
+    "pdo_pgsql": "pgsql", "pdo_sqlite": "sqlite3", "pgsql": "pgsql", "pspell": "pspell", "redis": "redis",
+    "simplexml": "xml", "snmp": "snmp", "soap": "soap", "sqlite3": "sqlite3", "tidy": "tidy", "uploadprogress":
+    "uploadprogress", "xml": "xml", "xmlreader": "xml", "xmlrpc": "xmlrpc", "xmlwriter": "xml", "xsl": "xml", "zip": "zip",
+}
+# Packages of extensions that are no part of PHP have no version in their names.
+_UNVERSIONED = frozenset(("apcu", "igbinary", "imagick", "memcached", "mongodb", "redis", "uploadprogress", "xmlrpc"))
+
+
+@dataclasses.dataclass(frozen=True)
+class _Pool:
+    """A pool of the description, with the sites that use it. `element` is that of the first one."""
+
+    name: str
+    version: str
+    user: str
+    element: Element
+    domains: tuple[Domain, ...]
+    addresses: frozenset[str]
+    extensions: frozenset[str]
+
+
+class Pool(ConfigKind):
+    """What runs the PHP of sites behind nginx, or behind Apache without its module."""
+
+    name = "pool"
+
+    def __init__(self) -> None:
+        super().__init__()
+        self._versions: list[str] = []
+        self._trees = Trees(())
+        self._accounts: frozenset[str] = frozenset()
+
+    def candidates(self, restore: Restore) -> Iterator[Candidate]:
+        self._versions = versions()
+        self._trees, self._accounts = Trees(restore.offered("tree")), accounts_here(restore)
+        for pool in _pools(restore):
+            yield self._candidate(restore, pool)
+
+    def _candidate(self, restore: Restore, pool: _Pool) -> Candidate:
+        version = self._version(pool)
+        account = restore.decisions.account_here(pool.user)
+        offered = restore.offered("account").get(pool.user)
+        account = str(offered) if offered is not None else account
+        judge = Judge(pool.name, self._trees, {}, {}, frozenset(), self._accounts, "", str(restore.session.directory),
+                      restore.decisions.trust_configuration)
+        left: list[str] = []
+        label = _label(pool)
+        path = f"/etc/php/{version}/fpm/pool.d/sondrel-{label}.conf"
+        group = _group_of(account)
+        text = _text(judge, pool, label, account, group, left)
+        files = {path: to_bytes(text)}
+        modes = {}
+        if left:
+            beside = f"{_LEFT_OUT}/pool-{label}.txt"
+            files[beside] = to_bytes("".join(f"{line}\n" for line in left))
+            modes[beside] = 0o600
+        says = f"PHP {version} as {account}" + _on_version(pool.version, version)
+        if left:
+            says += f"; {len(left)} settings are left out, see {_LEFT_OUT}"
+        return Candidate(
+            name=_name(pool), says=says, files=files, modes=modes, impossible=self._impossible(restore, pool, account),
+            conflict=self._conflict(restore, account),
+            domains=frozenset(domain.name for domain in pool.domains),
+            clients=frozenset(domain.client for domain in pool.domains if domain.client),
+            notes=tuple(f"left out: {line}" for line in left),
+            facts={"version": version, "socket": _socket(label), "addresses": sorted(pool.addresses)})
+
+    def _version(self, pool: _Pool) -> str:
+        """The one of the source host if it is here; else the newest here, or the one that the distribution brings."""
+        if pool.version in self._versions or not self._versions:
+            return pool.version if pool.version in self._versions else _debian_version()
+        return self._versions[-1]
+
+    def _impossible(self, restore: Restore, pool: _Pool, account: str) -> str:
+        if not re.fullmatch(r"[a-z_][a-z0-9_.-]*\$?", account):
+            return f"it runs as \"{account}\", which is no name of an account"
+        here = account_of(account)
+        if account == "root" or here is not None and (here.pw_uid == 0 or here.pw_gid == 0):
+            return "it runs as root: give the site an account of its own"
+        if account not in self._accounts:
+            return f"it runs as {account}, which is no account of this restore: make the account part of it"
+        if account != _WEB_ACCOUNT and here is not None and here.pw_uid < 1000:
+            return f"it runs as {account}, a service of this host: give the site an account of its own"
+        return "" if pool.addresses else "the description does not say where the web server reaches it"
+
+    def _conflict(self, restore: Restore, account: str) -> str:
+        """Code of the source host as the web servers' account could do all that this host's own sites can."""
+        if account != _WEB_ACCOUNT or restore.decisions.trust_configuration:
+            return ""
+        own = _own_sites(restore)
+        return f"it runs as {account}, as this host's own sites do ({', '.join(own[:3])}), and could change them" if own else ""
+
+    def planned(self, restore: Restore, candidate: Candidate, state: State) -> None:
+        addresses = candidate.facts["addresses"]
+        assert isinstance(addresses, list)
+        for address in addresses:
+            restore.offer("php-socket", normal_address(str(address)), candidate.facts["socket"])
+
+    def missing(self, restore: Restore) -> Iterator[Missing]:
+        chosen = [pool for pool in _pools(restore)
+                  if any(restore.selection.takes_domain(domain.name) for domain in pool.domains)
+                  and not restore.decisions.skip(f"pool:{_name(pool)}")]
+        if chosen and not versions():
+            yield Missing("php-fpm", "sites use pools of PHP")
+        for pool in chosen:
+            version = self._version(pool)
+            here = _extensions_here(restore, version)
+            for extension in sorted(pool.extensions - here):
+                package = _PACKAGES.get(extension)
+                if package is not None:
+                    prefix = f"php{version}-" if versions() and package not in _UNVERSIONED else "php-"
+                    yield Missing(prefix + package, f"{_name(pool)} had the extension {extension}")
+
+    def check(self, restore: Restore) -> str:
+        for version in versions():
+            told = restore.host.run([f"php-fpm{version}", "-t"], check=False)
+            if told.status != 0:
+                return _error_of(told.stderr)
+        return ""
+
+    def reload(self, restore: Restore, entries: list[Entry]) -> None:
+        for version in versions():
+            if any(entry.facts.get("version") == version for entry in entries) or os.path.exists(
+                    f"/run/php/php{version}-fpm.pid"):
+                os.makedirs("/run/php", mode=0o755, exist_ok=True)
+                reload_service(restore.host, f"php{version}-fpm", f"/run/php/php{version}-fpm.pid", "php-fpm",
+                               signal.SIGUSR2)
+        for entry in entries:
+            socket = str(entry.facts.get("socket"))
+            wait_until(lambda path=socket: os.path.exists(path), f"{entry.name} does not listen at {socket}")  # type: ignore[misc]
+
+    def apply(self, restore: Restore, item: Item) -> dict[str, object]:
+        candidate = item.data
+        assert isinstance(candidate, Candidate)
+        version = str(candidate.facts["version"])
+        if version not in versions():
+            raise RestoreError(f"PHP-FPM {version} is not here: install php{version}-fpm, or use --install")
+        return super().apply(restore, item)
+
+    def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
+        candidate = item.data
+        assert isinstance(candidate, Candidate)
+        socket = str(candidate.facts["socket"])
+        yield Finding(item.identifier, "configuration", item.state is State.SAME, "" if item.state is State.SAME else item.says)
+        yield Finding(item.identifier, socket, os.path.exists(socket), "" if os.path.exists(socket) else "nothing listens")
+
+
+def versions() -> list[str]:
+    """The versions of PHP-FPM that are here, the oldest first."""
+    found = [match[1] for path in glob.glob("/usr/sbin/php-fpm*")
+             if (match := re.fullmatch(r".*/php-fpm([0-9]+\.[0-9]+)", path))
+             and os.path.isdir(f"/etc/php/{match[1]}/fpm/pool.d")]
+    return sorted(found, key=_numbers)
+
+
+def _numbers(version: str) -> tuple[int, ...]:
+    return tuple(int(part) for part in version.split("."))
+
+
+def _debian_version() -> str:
+    """What the package php-fpm brings on the releases that this program knows."""
+    try:
+        with open("/etc/debian_version", encoding="ascii") as file:
+            return "8.4" if file.read().startswith(("13", "trixie")) else "8.2"
+    except OSError:
+        return "8.2"
+
+
+def _pools(restore: Restore) -> list[_Pool]:
+    """The pools of the description, in the order of their sites."""
+    found: dict[tuple[str, str], _Pool] = {}
+    for domain in restore.description.domains():
+        php = domain.element.find("site/php")
+        if php is None or php.get("handler") != "fpm" or not php.get("pool"):
+            continue
+        key = (str(php.get("pool")), str(php.get("version") or ""))
+        addresses = frozenset([php.get("listen")] if php.get("listen") else [])
+        extensions = frozenset(str(php.get("extensions") or "").split())
+        known = found.get(key)
+        if known is None:
+            found[key] = _Pool(*key, str(php.get("user") or ""), php, (domain,), addresses, extensions)
+        else:
+            found[key] = dataclasses.replace(
+                known, domains=(*known.domains, domain), addresses=known.addresses | addresses,
+                extensions=known.extensions | extensions)
+    return list(found.values())
+
+
+def _name(pool: _Pool) -> str:
+    return f"{pool.name}/{pool.version}" if pool.version else pool.name
+
+
+def _label(pool: _Pool) -> str:
+    """The name of the pool here; it tells the version of the source host, of which several may have a pool of one name."""
+    whole = f"{pool.name}-{pool.version}" if pool.version else pool.name
+    safe = re.sub(r"[^A-Za-z0-9_.-]", "_", whole)
+    return safe if safe == whole else f"{safe}-{sum_of(to_bytes(whole))[:8]}"
+
+
+def _socket(label: str) -> str:
+    return f"/run/php/sondrel-{label}.sock"
+
+
+def _group_of(account: str) -> str:
+    here = account_of(account)
+    return str(here.pw_gid) if here is not None else account
+
+
+def _on_version(there: str, here: str) -> str:
+    if not there or there == here:
+        return ""
+    return f"; it was PHP {there} there: try the application, and see what `php -l` says"
+
+
+def _text(judge: Judge, pool: _Pool, label: str, account: str, group: str, left: list[str]) -> str:
+    """The file of the pool. How many processes it had is in no description: they come as they are needed."""
+    lines = [
+        f"; The pool {label}, made by sondrel-restore. What is changed here stays.",
+        f"[sondrel-{label}]", f"user = {account}", f"group = {group}", f"listen = {_socket(label)}",
+        f"listen.owner = {_WEB_ACCOUNT}", f"listen.group = {_WEB_ACCOUNT}", "listen.mode = 0660",
+        "pm = ondemand", "pm.max_children = 20", "pm.process_idle_timeout = 30s", "pm.max_requests = 1000",
+    ]
+    for element in pool.element.iterfind("setting"):
+        name, value = str(element.get("name")), str(element.text or "")
+        try:
+            if not re.fullmatch(r"[A-Za-z_][A-Za-z0-9_.-]*", name):
+                raise Refused("no name of a setting")
+            if not judge.trust:
+                check_setting(judge, name, value)
+            lines.append(f"php_{'admin_' if name in ADMIN else ''}value[{name}] = {quoted(value)}")
+        except Refused as refused:
+            left.append(f"setting {_one_line(name)}: {_one_line(str(refused))}")
+    for element in pool.element.iterfind("env"):
+        name, value = str(element.get("name")), str(element.text or "")
+        try:
+            check_variable(name, value)
+            lines.append(f"env[{name}] = {quoted(value)}")
+        except Refused as refused:
+            left.append(f"variable {_one_line(name)}: {_one_line(str(refused))}")
+    return "\n".join(lines) + "\n"
+
+
+def _one_line(text: str) -> str:
+    return re.sub(r"[\x00-\x1f\x7f]", "?", text)
+
+
+def _own_sites(restore: Restore) -> list[str]:
+    """Files of sites that this host had before, without those that packages bring."""
+    made = {link for entry in (*restore.journal.entries("nginx"), *restore.journal.entries("apache"))
+            for link in (entry.facts.get("links") or {})}  # type: ignore[attr-defined]
+    return sorted(path for path in glob.glob("/etc/nginx/sites-enabled/*") + glob.glob("/etc/apache2/sites-enabled/*")
+                  if path not in made and os.path.basename(path) not in ("default", "000-default.conf", "default-ssl.conf"))
+
+
+def _extensions_here(restore: Restore, version: str) -> frozenset[str]:
+    if version not in versions():
+        return frozenset()
+    told = restore.host.run([f"php-fpm{version}", "-m"], check=False).stdout
+    return frozenset(line.lower().removeprefix("zend ") for line in told.splitlines() if line[:1].isalpha())
+
+
+def _error_of(text: str) -> str:
+    lines = [line for line in text.splitlines() if "ERROR" in line or "ALERT" in line] or text.splitlines() or ["it says nothing"]
+    return re.sub(r"\A\[.*?\] ", "", lines[0])
+
+
+KINDS = (Pool,)

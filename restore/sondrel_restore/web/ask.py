@@ -1,0 +1,153 @@
+"""Asks the sites of this host over loopback, and holds the answers against those of the source host."""
+from __future__ import annotations
+
+import dataclasses
+import hashlib
+import http.client
+import re
+import socket
+import ssl
+from collections.abc import Iterator
+
+from sondrel_restore.kind import Finding
+from sondrel_restore.restore import Restore
+from sondrel_restore.web.site_data import Site
+
+# Of a body, as the agent reads it.
+_MOST_BYTES = 1_048_576
+_MOST_OF_TITLE = 200
+_TIME_LIMIT = 15.0
+
+
+@dataclasses.dataclass(frozen=True)
+class Request:
+    """A GET as a visitor sends it."""
+
+    name: str
+    port: int
+    tls: bool
+    path: str
+
+    @property
+    def url(self) -> str:
+        usual = 443 if self.tls else 80
+        port = "" if self.port == usual else f":{self.port}"
+        return f"{'https' if self.tls else 'http'}://{self.name}{port}{self.path}"
+
+
+@dataclasses.dataclass(frozen=True)
+class Answer:
+    """What came back; `trouble` alone where nothing did."""
+
+    status: int = 0
+    location: str = ""
+    title: str = ""
+    size: int = 0
+    sum: str = ""
+    trouble: str = ""
+
+
+class _Connection(http.client.HTTPConnection):
+    """To an address, with the name of the site in Host and SNI. Whose the certificate is does not matter here."""
+
+    def __init__(self, address: str, request: Request) -> None:
+        super().__init__(address, request.port, timeout=_TIME_LIMIT)
+        self._request = request
+
+    def connect(self) -> None:
+        self.sock = socket.create_connection((self.host, self.port), self.timeout)
+        if self._request.tls:
+            context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+            context.check_hostname = False
+            context.verify_mode = ssl.CERT_NONE
+            self.sock = context.wrap_socket(self.sock, server_hostname=_sni(self._request.name))
+
+
+def _sni(name: str) -> str | None:
+    return None if re.fullmatch(r"[0-9.]+|\[.*\]", name) else name
+
+
+def ask(address: str, request: Request) -> Answer:
+    """The answer of the server at an address. One that cannot be had has its trouble."""
+    connection = _Connection(address, request)
+    usual = 443 if request.tls else 80
+    host = request.name if request.port == usual else f"{request.name}:{request.port}"
+    try:
+        connection.putrequest("GET", request.path, skip_host=True, skip_accept_encoding=True)
+        for name, value in (("Host", host), ("Accept-Encoding", "identity"), ("Accept", "text/html,*/*;q=0.8"),
+                            ("User-Agent", "Mozilla/5.0 (sondrel)"), ("Connection", "close")):
+            connection.putheader(name, value)
+        connection.endheaders()
+        response = connection.getresponse()
+        body = response.read(_MOST_BYTES)
+    except (OSError, http.client.HTTPException, ValueError) as error:
+        return Answer(trouble=str(error) or type(error).__name__)
+    finally:
+        connection.close()
+    html = "html" in (response.getheader("Content-Type") or "")
+    return Answer(response.status, response.getheader("Location") or "", title_of(body) if html else "", len(body),
+                  hashlib.md5(body, usedforsecurity=False).hexdigest())
+
+
+def title_of(body: bytes) -> str:
+    """The text of the first element "title" of a page, with single blanks."""
+    found = re.search(rb"<title(?:\s[^>]*)?>(.*?)</title\s*>", body, re.IGNORECASE | re.DOTALL)
+    if not found:
+        return ""
+    text = found[1].decode("utf-8", "replace")
+    return re.sub(r"\s+", " ", text).strip()[:_MOST_OF_TITLE]
+
+
+def compare(restore: Restore, identifier: str, site: Site) -> Iterator[Finding]:
+    """Asks each name of the site here, and compares with what the source host answered, or answers."""
+    expected = _expected(restore, site)
+    if not expected:
+        yield Finding(identifier, "/", False, "the description has no answers of the source host: use --against=ADDRESS")
+    for address, request, there in expected:
+        here = ask(address, request)
+        is_same, says = judged(here, there)
+        yield Finding(identifier, request.url, is_same, says)
+
+
+def _expected(restore: Restore, site: Site) -> list[tuple[str, Request, Answer]]:
+    found = []
+    for element in site.element.iterfind("answer"):
+        request = Request(element.get("name"), int(element.get("port")), element.get("tls") == "yes", element.get("path"))
+        if not re.fullmatch(r"/[\x21-\x7e]*", request.path) or not re.fullmatch(r"[A-Za-z0-9._:\[\]-]+", request.name):
+            continue
+        there = Answer(int(element.get("status")), element.get("location") or "", element.get("title") or "",
+                       int(element.get("size")), element.get("sum"))
+        if restore.against:
+            there = ask(restore.against, request)
+        address = "::1" if ":" in str(element.get("address")) else "127.0.0.1"
+        found.append((address, request, there))
+    return found or _without_answers(restore, site)
+
+
+def _without_answers(restore: Restore, site: Site) -> list[tuple[str, Request, Answer]]:
+    if not restore.against:
+        return []
+    ports = {(int(listen.get("port")), listen.get("tls") == "yes") for listen in site.element.iterfind("listen")
+             if str(listen.get("port")).isdigit()}
+    requests = [Request(name, port, tls, "/") for name in site.names if re.fullmatch(r"[a-z0-9.-]+", name)
+                for port, tls in sorted(ports or {(80, False)})]
+    return [("127.0.0.1", request, ask(restore.against, request)) for request in requests]
+
+
+def judged(here: Answer, there: Answer) -> tuple[bool, str]:
+    """Whether two answers are the same for a visitor, and in words how far."""
+    if there.trouble:
+        return False, f"the source host does not answer: {there.trouble}"
+    if here.trouble:
+        return False, f"no answer here: {here.trouble}"
+    if here.status != there.status:
+        return False, f"status {here.status} in place of {there.status}"
+    if here.location != there.location:
+        return False, f"leads to {here.location or 'nowhere'} in place of {there.location or 'nowhere'}"
+    if here.sum == there.sum:
+        return True, "same bytes"
+    if here.title != there.title:
+        return False, f"title \"{here.title}\" in place of \"{there.title}\""
+    if there.title:
+        return True, f"same status and title, other bytes ({here.size} in place of {there.size})"
+    return False, f"other bytes ({here.size} in place of {there.size}), and no title to tell the page by"

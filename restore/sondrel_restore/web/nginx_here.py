@@ -1,0 +1,71 @@
+"""What nginx of this host serves and has defined already, as it tells it itself (`nginx -T`)."""
+from __future__ import annotations
+
+import dataclasses
+import re
+from collections.abc import Iterator
+
+_FILE = re.compile(r"^# configuration file (/.*):$", re.MULTILINE)
+_TOKEN = re.compile(r"""\s+|\#[^\n]*|(?P<mark>[;{}])|"(?P<double>(?:[^"\\]|\\.)*)"|'(?P<single>(?:[^'\\]|\\.)*)'"""
+                    r"""|(?P<word>(?:\\.|\$\{|[^\s;{}"'\\])(?:\$\{[^}]*\}|\\.|[^\s;{}\\])*)""", re.DOTALL)
+
+
+@dataclasses.dataclass
+class NginxHere:
+    """Names with the file that has them. `defaults` are "address:port" of default servers."""
+
+    served: dict[str, set[str]] = dataclasses.field(default_factory=dict)
+    defaults: dict[str, set[str]] = dataclasses.field(default_factory=dict)
+    upstreams: dict[str, str] = dataclasses.field(default_factory=dict)
+    variables: dict[str, str] = dataclasses.field(default_factory=dict)
+    formats: dict[str, str] = dataclasses.field(default_factory=dict)
+    zones: dict[str, str] = dataclasses.field(default_factory=dict)
+
+    def take(self, file: str, words: list[str]) -> None:
+        """Takes a directive, or the beginning of a block."""
+        name, args = words[0], words[1:]
+        if name == "server_name":
+            for each in args:
+                self.served.setdefault(each.lower(), set()).add(file)
+        elif name == "listen" and {"default_server", "default"} & set(args[1:]):
+            self.defaults.setdefault(normal_listen(args[0]), set()).add(file)
+        elif name == "upstream" and args:
+            self.upstreams[args[0]] = file
+        elif name == "log_format" and args:
+            self.formats[args[0]] = file
+        elif name in ("map", "geo", "split_clients") and args:
+            self.variables[args[-1].lstrip("$")] = file
+        for each in args:
+            match = re.match(r"(?:zone|keys_zone)=([^:]+):", each)
+            if match and (name.endswith("_zone") or name.endswith("_cache_path")):
+                self.zones[match[1]] = file
+
+
+def read_here(output: str) -> NginxHere:
+    """What `nginx -T` has printed."""
+    here = NginxHere()
+    parts = _FILE.split(output)
+    for file, text in zip(parts[1::2], parts[2::2]):
+        for words in _statements(text):
+            here.take(file, words)
+    return here
+
+
+def _statements(text: str) -> Iterator[list[str]]:
+    words: list[str] = []
+    for match in _TOKEN.finditer(text):
+        if match["mark"]:
+            if words:
+                yield words
+            words = []
+        elif match.lastgroup:
+            words.append(match[match.lastgroup])
+
+
+def normal_listen(address: str) -> str:
+    """An address to listen at as "host:port"."""
+    if address.isdigit():
+        return f"*:{address}"
+    if re.fullmatch(r"\[.*\]|[^:]+", address):
+        return f"{address}:80"
+    return re.sub(r"\A0\.0\.0\.0:", "*:", address)

@@ -1,0 +1,68 @@
+"""Servers of this host that take over their configuration: by systemd where it runs, else by a signal of their own."""
+from __future__ import annotations
+
+import os
+import signal
+import time
+from collections.abc import Callable
+from pathlib import Path
+
+from sondrel_restore.host import Host
+from sondrel_restore.kind import RestoreError
+
+_SYSTEMD = "/run/systemd/system"
+
+# In seconds.
+_PATIENCE = 20.0
+
+
+def reload_service(host: Host, name: str, pid_file: str, program: str, number: signal.Signals) -> None:
+    """Has the server `name` (a unit and an init script) read its configuration anew, or starts it if it does not run.
+
+    `program` is the beginning of the name that its process has. RestoreError where that fails.
+    """
+    if os.path.isdir(_SYSTEMD):
+        active = host.run(["systemctl", "is-active", "--quiet", name], check=False).status == 0
+        host.run(["systemctl", "reload" if active else "start", name])
+        return
+    pid = running(pid_file, program)
+    if pid is not None:
+        before = _children(pid)
+        os.kill(pid, number)
+        wait_until(lambda: not before or _serves_anew(pid, before, running(pid_file, program)),
+                   f"{name} has not taken over its configuration")
+        return
+    host.run(["service", name, "start"])
+    wait_until(lambda: running(pid_file, program) is not None, f"{name} does not run after its start")
+
+
+def running(pid_file: str, program: str) -> int | None:
+    """The number of the process in the file, if it is one of that program."""
+    try:
+        pid = int(Path(pid_file).read_text(encoding="ascii").strip())
+        comm = Path(f"/proc/{pid}/comm").read_text(encoding="utf-8", errors="replace")
+    except (OSError, ValueError):
+        return None
+    return pid if comm.startswith(program) else None
+
+
+def _serves_anew(pid: int, before: set[str], now: int | None) -> bool:
+    """PHP-FPM has another number after it has loaded itself anew."""
+    return now is not None and (now != pid or bool(_children(pid) - before))
+
+
+def _children(pid: int) -> set[str]:
+    """The processes that a server has started to serve."""
+    try:
+        return set(Path(f"/proc/{pid}/task/{pid}/children").read_text(encoding="ascii").split())
+    except OSError:
+        return set()
+
+
+def wait_until(holds: Callable[[], bool], otherwise: str) -> None:
+    """Waits until something holds. RestoreError with `otherwise` where it does not come to it."""
+    deadline = time.monotonic() + _PATIENCE
+    while not holds():
+        if time.monotonic() > deadline:
+            raise RestoreError(otherwise)
+        time.sleep(0.02)

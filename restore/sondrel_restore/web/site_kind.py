@@ -1,0 +1,144 @@
+"""What the kinds nginx and apache have in common: which blocks a site brings, whose files it may name, what was left out."""
+from __future__ import annotations
+
+import abc
+import re
+from collections.abc import Iterator, Mapping
+
+from sondrel_restore.kind import Finding, Item, Missing, State
+from sondrel_restore.restore import Restore
+from sondrel_restore.web import ask
+from sondrel_restore.web.config_kind import Candidate, ConfigKind, links, sums
+from sondrel_restore.web.directives import to_bytes
+from sondrel_restore.web.judge import Judge, Trees, file_name, programs_at
+from sondrel_restore.web.site_data import Block, Site, accounts_here, is_chosen, sites_of
+
+__all__ = ["SiteKind", "heading", "links", "sums"]
+
+_LEFT_OUT = "/etc/sondrel-restore/left-out"
+
+
+class SiteKind(ConfigKind):
+    """Sites of one web server. `program` is what its processes are called."""
+
+    program: str
+    package: str
+    log_directory: str
+
+    def __init__(self) -> None:
+        super().__init__()
+        self._ports: dict[int, set[str]] = {}
+        self._trees = Trees(())
+        self._accounts: frozenset[str] = frozenset()
+        self._site_ports: frozenset[int] = frozenset()
+        self.addresses: frozenset[str] = frozenset()
+
+    @abc.abstractmethod
+    def look(self, restore: Restore) -> None:
+        """Looks at what the server has here, at the beginning of a plan."""
+
+    @abc.abstractmethod
+    def candidate(self, restore: Restore, site: Site, blocks: tuple[Block, ...]) -> Candidate:
+        """What a site would be here. `blocks` are those that it brings: others brought the rest."""
+
+    def candidates(self, restore: Restore) -> Iterator[Candidate]:
+        sites = list(sites_of(restore, self.name))
+        if not sites:
+            return
+        self._ports, self._trees = {}, Trees(restore.offered("tree"))
+        self._accounts, self._site_ports = accounts_here(restore), _ports_of_sites(restore)
+        self.addresses = _own_addresses(restore)
+        self.look(restore)
+        brought = self._brought(restore, sites)
+        for site in sites:
+            own = tuple(block for block in site.blocks if brought.get(block.key, site.domain.name) == site.domain.name)
+            yield self.candidate(restore, site, own)
+
+    def chosen(self, restore: Restore) -> list[Site]:
+        """The selected sites of this server."""
+        return [site for site in sites_of(restore, self.name) if is_chosen(restore, self.name, site.domain)]
+
+    def _brought(self, restore: Restore, sites: list[Site]) -> dict[str, str]:
+        """Who brings a block that several sites have: the one that did, else the first that is selected."""
+        found: dict[str, str] = {}
+        for entry in restore.journal.entries(self.name):
+            blocks = entry.facts.get("blocks")
+            for key in blocks if isinstance(blocks, list) else []:
+                found[str(key)] = entry.name
+        for site in sites:
+            if is_chosen(restore, self.name, site.domain):
+                for block in site.blocks:
+                    found.setdefault(block.key, site.domain.name)
+        return found
+
+    def judge(self, restore: Restore, site: Site) -> Judge:
+        """The rules for a site's paths and addresses."""
+        files = restore.offered("certificate-files").get(site.domain.name)
+        return Judge(
+            site=site.domain.name, trees=self._trees, sockets=restore.offered("php-socket"),
+            files=files if isinstance(files, dict) else {}, ports=self._site_ports, accounts=self._accounts,
+            log_directory=self.log_directory,
+            session=str(restore.session.directory), trust=restore.decisions.trust_configuration)
+
+    def port_conflict(self, ports: frozenset[int]) -> str:
+        """Why the server cannot listen at one of the ports; empty where it can."""
+        for port in sorted(ports):
+            if port not in self._ports:
+                self._ports[port] = {each for each in programs_at(port) if not each.startswith(self.program)}
+            if self._ports[port]:
+                return f"{', '.join(sorted(self._ports[port]))} listens at port {port} here already"
+        return ""
+
+    def whole(self, site: Site, judge: Judge, blocks: tuple[Block, ...], files: Mapping[str, bytes],
+              made_links: Mapping[str, str], left_out: str, conflict: str, disables: frozenset[str],
+              refusal: str) -> Candidate:
+        """The candidate with what was left out beside it; `left_out` is that in the words of the server."""
+        modes: dict[str, int] = {}
+        notes = [f"{change}" for change in dict.fromkeys(judge.changed)]
+        beside = dict(files)
+        if judge.left_out:
+            place = f"{_LEFT_OUT}/{self.name}-{file_name(site.domain.name)}.conf"
+            reasons = "".join(f"# {_one_line(left.text)}\n" for left in judge.left_out)
+            beside[place] = to_bytes(reasons + left_out)
+            modes[place] = 0o600
+            notes += [f"left out: {left.text}" for left in judge.left_out]
+        says = f"{len(blocks)} blocks of {self.name} for {', '.join(site.names[:3]) or site.domain.name}"
+        if judge.left_out:
+            says += f"; {len(judge.left_out)} directives are left out, see {_LEFT_OUT} or --trust-configuration: " \
+                + ", ".join(sorted({left.directive.name for left in judge.left_out}))
+        return Candidate(
+            name=site.domain.name, says=says, files=beside, links=made_links, modes=modes, conflict=conflict,
+            impossible=refusal, disables=disables, domains=frozenset((site.domain.name,)),
+            clients=frozenset((site.domain.client,)) if site.domain.client else frozenset(), notes=tuple(notes),
+            facts={"blocks": [block.key for block in blocks]})
+
+    def missing(self, restore: Restore) -> Iterator[Missing]:
+        if self.chosen(restore) and not restore.host.has_program(self.program):
+            yield Missing(self.package, f"{self.name} serves sites")
+
+    def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
+        site = next(each for each in sites_of(restore, self.name) if each.domain.name == item.name)
+        if item.state is not State.SAME:
+            yield Finding(item.identifier, "configuration", False, item.says)
+        if site.is_first:
+            yield from ask.compare(restore, item.identifier, site)
+
+
+def heading(site: Site) -> str:
+    """The first line of a site's file."""
+    return f"# The site {_one_line(site.domain.name)}, made by sondrel-restore. What is changed here stays.\n"
+
+
+def _own_addresses(restore: Restore) -> frozenset[str]:
+    """The addresses of this host's network interfaces."""
+    told = restore.host.run(["ip", "-o", "address"], check=False).stdout if restore.host.has_program("ip") else ""
+    return frozenset(re.findall(r"inet6? ([0-9A-Fa-f:.]+)", told))
+
+
+def _one_line(text: str) -> str:
+    return re.sub(r"[\x00-\x1f\x7f]", "?", text)
+
+
+def _ports_of_sites(restore: Restore) -> frozenset[int]:
+    ports = {str(listen.get("port")) for listen in restore.description.tree.iterfind(".//site/listen")}
+    return frozenset(int(port) for port in ports if port.isdigit())
