@@ -44,19 +44,46 @@ def get(name: str, path: str = "/", port: int = 80) -> Answer:
 def test_serves_a_site_with_all_that_it_uses_and_takes_it_back(world: World) -> None:
     before = snapshot("/etc/nginx")
     world.describe(
-        site("a.test", server(
-            LISTEN, directive("server_name", "a.test", "www.a.test"), ROOT, directive("access_log", "/srv/a/a.log", "of_a"),
-            directive("location", "~", r"^/(?<x>\d{2})\.txt$", block=[directive("return", "200", 'it"s $x \\ {$mapped}')]),
-            directive("location", "/app", block=[directive("proxy_pass", "http://app/x"), directive("limit_req", "zone=z")]),
-        ), uses="d1 d2 d3 d4"),
+        site(
+            "a.test",
+            server(
+                LISTEN,
+                directive("server_name", "a.test", "www.a.test"),
+                ROOT,
+                directive("access_log", "/srv/a/a.log", "of_a"),
+                directive(
+                    "location",
+                    "~",
+                    r"^/(?<x>\d{2})\.txt$",
+                    block=[directive("return", "200", 'it"s $x \\ {$mapped}')],
+                ),
+                directive(
+                    "location",
+                    "/app",
+                    block=[directive("proxy_pass", "http://app/x"), directive("limit_req", "zone=z")],
+                ),
+            ),
+            uses="d1 d2 d3 d4",
+        ),
         site("b.test", server(LISTEN, directive("server_name", "b.test"), directive("root", "/srv/b"), line=9)),
-        configuration=directive("http", block=[
-            directive("map", "$arg_m", "$mapped", block=[directive("default", "no"), directive("~^a b", "yes; {}")],
-                      identifier="d1"),
-            directive("log_format", "of_a", "$remote_addr $mapped", identifier="d2"),
-            directive("upstream", "app", block=[directive("server", "127.0.0.1:3000")], identifier="d3"),
-            directive("limit_req_zone", "$binary_remote_addr", "zone=z:1m", "rate=10r/s", identifier="d4"),
-            directive("add_header", "X-Of", "http"), directive("client_max_body_size", "77m")]))
+        configuration=directive(
+            "http",
+            block=[
+                directive(
+                    "map",
+                    "$arg_m",
+                    "$mapped",
+                    block=[directive("default", "no"), directive("~^a b", "yes; {}")],
+                    identifier="d1",
+                ),
+                directive("log_format", "of_a", "$remote_addr $mapped", identifier="d2"),
+                directive("upstream", "app", block=[directive("server", "127.0.0.1:3000")], identifier="d3"),
+                directive("limit_req_zone", "$binary_remote_addr", "zone=z:1m", "rate=10r/s", identifier="d4"),
+                directive("add_header", "X-Of", "http"),
+                directive("client_max_body_size", "77m"),
+            ],
+        ),
+    )
     assert [item.state for item in world.plan(Nginx).items] == [State.MAKE, State.MAKE]
     assert snapshot("/etc/nginx") == before
     outcome = world.apply(Nginx)
@@ -83,15 +110,22 @@ ATTACKS = {
     "a way up": directive("location", "/x/", block=[directive("alias", "/srv/a/../../etc/")]),
     "a link out of the site": directive("location", "/x/", block=[directive("alias", "/srv/a/link/")]),
     "a path of the visitor": directive("location", "/x/", block=[directive("alias", "/srv/a/$arg_p")]),
-    "a path of the visitor by a variable": directive("location", "/x/", block=[
-        directive("set", "$p", "$http_x"), directive("alias", "/srv/a/$p")]),
+    "a path of the visitor by a variable": directive(
+        "location", "/x/", block=[directive("set", "$p", "$http_x"), directive("alias", "/srv/a/$p")]
+    ),
     "a file above the site": directive("try_files", "/../../etc/passwd", "=404"),
     "another's pool": directive("location", "/x/", block=[directive("fastcgi_pass", "unix:/run/php/bob.sock")]),
-    "this host's socket": directive("location", "/x/", block=[directive("proxy_pass", "http://unix:/run/docker.sock:/")]),
-    "the cloud's metadata": directive("location", "/x/", block=[directive("proxy_pass", "http://169.254.169.254/latest")]),
+    "this host's socket": directive(
+        "location", "/x/", block=[directive("proxy_pass", "http://unix:/run/docker.sock:/")]
+    ),
+    "the cloud's metadata": directive(
+        "location", "/x/", block=[directive("proxy_pass", "http://169.254.169.254/latest")]
+    ),
     "a neighbour": directive("location", "/x/", block=[directive("proxy_pass", "http://10.0.0.7/")]),
     "this host's database": directive("location", "/x/", block=[directive("proxy_pass", "http://127.0.0.1:3306/")]),
-    "this host's cache by name": directive("location", "/x/", block=[directive("proxy_pass", "http://localhost:11211/")]),
+    "this host's cache by name": directive(
+        "location", "/x/", block=[directive("proxy_pass", "http://localhost:11211/")]
+    ),
     "whatever the visitor wants": directive("location", "/x/", block=[directive("proxy_pass", "http://$arg_h/")]),
     "a log to the system": directive("access_log", "syslog:server=10.0.0.1"),
     "code in a block": directive("content_by_lua_block", text="os.execute('id')", block=[]),
@@ -117,17 +151,41 @@ def test_leaves_out_what_could_harm_and_serves_the_rest(world: World, attack: st
     beside = Path("/etc/sondrel-restore/left-out/nginx-a.test.conf")
     assert beside.stat().st_mode & 0o777 == 0o600 and "# /etc/there.conf:1" in beside.read_text(encoding="utf-8")
     written = Path("/etc/nginx/sites-available/a.test.conf").read_text(encoding="utf-8")
-    for secret in ("shadow", "/etc/", "unix:", "evil", "169.254", "3306", "11211", "lua", "perl", "/bob", "arg_h", "x.so"):
+    for secret in (
+        "shadow",
+        "/etc/",
+        "unix:",
+        "evil",
+        "169.254",
+        "3306",
+        "11211",
+        "lua",
+        "perl",
+        "/bob",
+        "arg_h",
+        "x.so",
+    ):
         assert secret not in written
     assert get("a.test", "/index.html").status in (200, 403, 503)
 
 
-INJECTIONS = ["x; } server { listen 81; root /; }", 'x"; root /; #', "x\n root /;", "x';root /;", "x\\", "${x} {", "x}", "# x"]
+INJECTIONS = [
+    "x; } server { listen 81; root /; }",
+    'x"; root /; #',
+    "x\n root /;",
+    "x';root /;",
+    "x\\",
+    "${x} {",
+    "x}",
+    "# x",
+]
 
 
 @pytest.mark.parametrize("text", INJECTIONS)
 def test_an_argument_stays_an_argument(world: World, text: str) -> None:
-    world.describe(site("a.test", server(LISTEN, NAME, ROOT, directive("add_header", "X-Try", text.replace("${x}", "")))))
+    world.describe(
+        site("a.test", server(LISTEN, NAME, ROOT, directive("add_header", "X-Try", text.replace("${x}", ""))))
+    )
     world.apply(Nginx)
     assert get("a.test", "/etc/passwd").status in (0, 404)
     assert get("a.test", "/etc/passwd", 81).status == 0
@@ -143,23 +201,46 @@ def test_a_name_of_a_directive_is_no_more_than_that(world: World) -> None:
 
 def test_php_that_does_not_go_in_is_not_sent_as_text(world: World) -> None:
     Path("/srv/a/secret.php").write_text("<?php $password = 1;", encoding="utf-8")
-    world.describe(site("a.test", server(LISTEN, NAME, ROOT, directive(
-        "location", "~", r"\.php$", block=[directive("fastcgi_pass", "unix:/run/php/bob.sock")]))))
+    world.describe(
+        site(
+            "a.test",
+            server(
+                LISTEN,
+                NAME,
+                ROOT,
+                directive("location", "~", r"\.php$", block=[directive("fastcgi_pass", "unix:/run/php/bob.sock")]),
+            ),
+        )
+    )
     world.apply(Nginx)
     assert get("a.test", "/secret.php").status == 503
 
 
 def test_a_guard_that_does_not_go_in_closes_the_site(world: World) -> None:
-    world.describe(site("a.test", server(LISTEN, NAME, ROOT, directive("auth_basic", "x"),
-                                         directive("auth_basic_user_file", "/etc/nginx/users"))))
+    world.describe(
+        site(
+            "a.test",
+            server(
+                LISTEN,
+                NAME,
+                ROOT,
+                directive("auth_basic", "x"),
+                directive("auth_basic_user_file", "/etc/nginx/users"),
+            ),
+        )
+    )
     world.apply(Nginx)
     assert get("a.test").status == 403
 
 
 def test_an_alias_cannot_be_left_upwards(world: World) -> None:
     Path("/srv/secret.html").write_text("secret", encoding="utf-8")
-    world.describe(site("a.test", server(LISTEN, NAME, ROOT, directive(
-        "location", "/files", block=[directive("alias", "/srv/a/")]))))
+    world.describe(
+        site(
+            "a.test",
+            server(LISTEN, NAME, ROOT, directive("location", "/files", block=[directive("alias", "/srv/a/")])),
+        )
+    )
     world.apply(Nginx)
     assert get("a.test", "/files../secret.html").status == 404 and get("a.test", "/files/index.html").status == 200
 
@@ -167,9 +248,14 @@ def test_an_alias_cannot_be_left_upwards(world: World) -> None:
 def test_a_site_that_nginx_refuses_is_put_back_and_the_others_go_in(world: World) -> None:
     world.describe(
         site("a.test", server(LISTEN, NAME, ROOT, directive("client_max_body_size", "much"))),
-        site("b.test", server(LISTEN, directive("server_name", "b.test"), directive("root", "/srv/b"), line=9)))
+        site("b.test", server(LISTEN, directive("server_name", "b.test"), directive("root", "/srv/b"), line=9)),
+    )
     outcome = world.apply(Nginx)
-    assert len(outcome.failed) == 1 and "a.test" in outcome.failed[0][1] and "client_max_body_size" in outcome.failed[0][1]
+    assert (
+        len(outcome.failed) == 1
+        and "a.test" in outcome.failed[0][1]
+        and "client_max_body_size" in outcome.failed[0][1]
+    )
     assert get("b.test").title == "site b"
     assert not os.path.lexists("/etc/nginx/sites-enabled/a.test.conf")
     assert not os.path.exists("/etc/nginx/sites-available/a.test.conf")
@@ -201,7 +287,9 @@ def test_what_was_changed_here_stays(world: World) -> None:
 
 
 def test_a_name_that_is_served_here_needs_a_decision(world: World) -> None:
-    Path("/etc/nginx/sites-available/mine").write_text("server { listen 80; server_name other.test a.test; return 204; }")
+    Path("/etc/nginx/sites-available/mine").write_text(
+        "server { listen 80; server_name other.test a.test; return 204; }"
+    )
     os.symlink("../sites-available/mine", "/etc/nginx/sites-enabled/mine")
     world.describe(site("a.test", server(LISTEN, NAME, ROOT)))
     item = world.plan(Nginx).items[0]
@@ -225,27 +313,47 @@ def test_a_file_that_apply_has_not_made_needs_a_decision(world: World) -> None:
 
 def test_a_definition_whose_name_is_taken_gets_another(world: World) -> None:
     Path("/etc/nginx/conf.d/mine.conf").write_text(
-        "upstream app { server 127.0.0.1:1; } map $host $mapped { default mine; } log_format of_a mine;", encoding="utf-8")
+        "upstream app { server 127.0.0.1:1; } map $host $mapped { default mine; } log_format of_a mine;",
+        encoding="utf-8",
+    )
     world.describe(
-        site("a.test", server(LISTEN, NAME, ROOT, directive("access_log", "/x/a.log", "of_a"), directive(
-            "location", "/app", block=[directive("proxy_pass", "http://app")]), directive(
-                "location", "/v", block=[directive("return", "302", "/${mapped}/$mapped")])), uses="d1 d2 d3"),
-        configuration=directive("http", block=[
-            directive("upstream", "app", block=[directive("server", "127.0.0.1:3000")], identifier="d1"),
-            directive("map", "$host", "$mapped", block=[directive("default", "theirs")], identifier="d2"),
-            directive("log_format", "of_a", "theirs $mapped", identifier="d3")]))
+        site(
+            "a.test",
+            server(
+                LISTEN,
+                NAME,
+                ROOT,
+                directive("access_log", "/x/a.log", "of_a"),
+                directive("location", "/app", block=[directive("proxy_pass", "http://app")]),
+                directive("location", "/v", block=[directive("return", "302", "/${mapped}/$mapped")]),
+            ),
+            uses="d1 d2 d3",
+        ),
+        configuration=directive(
+            "http",
+            block=[
+                directive("upstream", "app", block=[directive("server", "127.0.0.1:3000")], identifier="d1"),
+                directive("map", "$host", "$mapped", block=[directive("default", "theirs")], identifier="d2"),
+                directive("log_format", "of_a", "theirs $mapped", identifier="d3"),
+            ],
+        ),
+    )
     assert not world.apply(Nginx).failed
     assert get("a.test", "/v").location == "http://a.test/theirs/theirs"
 
 
 def test_the_packages_default_server_stays_and_other_addresses_become_all(world: World) -> None:
-    world.describe(site("a.test", server(directive("listen", "203.0.113.9:80", "default_server", "reuseport"), NAME, ROOT)))
+    world.describe(
+        site("a.test", server(directive("listen", "203.0.113.9:80", "default_server", "reuseport"), NAME, ROOT))
+    )
     assert not world.apply(Nginx).failed
     assert get("a.test").title == "site a" and get("unknown.test").title != "site a"
     assert any("is no address of this host" in text for text in world.named)
 
 
 def test_all_goes_in_where_the_configuration_is_trusted(world: World) -> None:
-    world.describe(site("a.test", server(LISTEN, NAME, ROOT, directive("location", "/d/", block=[directive("alias", "/usr/")]))))
+    world.describe(
+        site("a.test", server(LISTEN, NAME, ROOT, directive("location", "/d/", block=[directive("alias", "/usr/")])))
+    )
     assert not world.apply(Nginx, decisions=Decisions(trust_configuration=True)).failed
     assert get("a.test", "/d/bin/env").status == 200

@@ -15,10 +15,16 @@ from sondrel_restore.web.ask import Request, ask
 from web_world import World, directive, ended, own_copy, own_tmpfs, own_world, server, site, snapshot
 
 VERSION = versions()[-1]
-PHP = directive("location", "~", r"\.php$", block=[
-    directive("fastcgi_pass", "unix:/var/run/php/a.sock"),
-    directive("fastcgi_param", "SCRIPT_FILENAME", "$document_root$fastcgi_script_name"),
-    directive("fastcgi_param", "REQUEST_METHOD", "$request_method")])
+PHP = directive(
+    "location",
+    "~",
+    r"\.php$",
+    block=[
+        directive("fastcgi_pass", "unix:/var/run/php/a.sock"),
+        directive("fastcgi_param", "SCRIPT_FILENAME", "$document_root$fastcgi_script_name"),
+        directive("fastcgi_param", "REQUEST_METHOD", "$request_method"),
+    ],
+)
 
 
 @pytest.fixture(name="world")
@@ -38,7 +44,8 @@ def _world(tmp_path: Path) -> Iterator[World]:
     os.makedirs("/srv/a")
     Path("/srv/a/ask.php").write_text(
         "<?php echo posix_geteuid(), ' ', ini_get('memory_limit'), ' ', getenv('SHOP'), ' ', ini_get('open_basedir');",
-        encoding="utf-8")
+        encoding="utf-8",
+    )
     world = World(tmp_path / "session")
     world.trees["/srv/a"] = "alice"
     world.accounts["alice"] = "alice"
@@ -48,21 +55,33 @@ def _world(tmp_path: Path) -> Iterator[World]:
 
 def described(world: World, inside: str, *, user: str = "alice", version: str = VERSION, name: str = "a") -> None:
     """A site whose pool has these elements."""
-    php = (f'<php version="{version}" handler="fpm" extensions="core json" pool="{name}" user="{user}"'
-           f' listen="unix:/var/run/php/a.sock">{inside}</php>')
-    world.describe(site("a.test", server(directive("listen", "80"), directive("server_name", "a.test"),
-                                         directive("root", "/srv/a"), PHP), inside=php))
+    php = (
+        f'<php version="{version}" handler="fpm" extensions="core json" pool="{name}" user="{user}"'
+        f' listen="unix:/var/run/php/a.sock">{inside}</php>'
+    )
+    world.describe(
+        site(
+            "a.test",
+            server(directive("listen", "80"), directive("server_name", "a.test"), directive("root", "/srv/a"), PHP),
+            inside=php,
+        )
+    )
 
 
 def test_php_runs_as_the_account_with_its_settings(world: World) -> None:
     before = snapshot("/etc/php", "/etc/nginx")
-    described(world, '<setting name="memory_limit">77M</setting><setting name="open_basedir">/srv/a:/tmp</setting>'
-              '<env name="SHOP">it\'s; [www] = "x</env><env name="TAX">a\'b</env>')
+    described(
+        world,
+        '<setting name="memory_limit">77M</setting><setting name="open_basedir">/srv/a:/tmp</setting>'
+        '<env name="SHOP">it\'s; [www] = "x</env><env name="TAX">a\'b</env>',
+    )
     items = world.plan(Pool, Nginx).items
     assert [item.state for item in items] == [State.MAKE, State.MAKE]
     assert not world.apply(Pool, Nginx).failed
     answer = ask("127.0.0.1", Request("a.test", 80, False, "/ask.php"))
-    assert answer.status == 200, Path(f"/etc/php/{VERSION}/fpm/pool.d/sondrel-a-{VERSION}.conf").read_text(encoding="utf-8")
+    assert answer.status == 200, Path(f"/etc/php/{VERSION}/fpm/pool.d/sondrel-a-{VERSION}.conf").read_text(
+        encoding="utf-8"
+    )
     about = os.stat(f"/run/php/sondrel-a-{VERSION}.sock")
     assert about.st_mode & 0o777 == 0o660 and about.st_uid == pwd.getpwnam("www-data").pw_uid
     assert Path("/etc/sondrel-restore/left-out").exists() and any("SHOP" in text for text in world.named)
@@ -71,15 +90,17 @@ def test_php_runs_as_the_account_with_its_settings(world: World) -> None:
 
 
 def test_php_sees_what_the_pool_has(world: World) -> None:
-    described(world, '<setting name="memory_limit">77M</setting><setting name="open_basedir">/srv/a:/tmp</setting>'
-              "<env name=\"SHOP\">of ; [a] = b</env>")
-    Path("/srv/a/ask.php").write_text(
-        "<?php $p = stat('/proc/self'); echo '<title>', $p['uid'], ' ', ini_get('memory_limit'), ' ', getenv('SHOP'), '</title>';",
-        encoding="utf-8")
+    described(
+        world,
+        '<setting name="memory_limit">77M</setting><setting name="open_basedir">/srv/a:/tmp</setting>'
+        '<env name="SHOP">of ; [a] = b</env>',
+    )
     Path("/srv/a/ask.php").write_text(
         "<?php file_put_contents('/tmp/sondrel-owner', 'x'); header('Content-Type: text/html'); echo '<title>',"
         " fileowner('/tmp/sondrel-owner'), ' ', ini_get('memory_limit'), ' ', getenv('SHOP'), '</title>';"
-        " unlink('/tmp/sondrel-owner');", encoding="utf-8")
+        " unlink('/tmp/sondrel-owner');",
+        encoding="utf-8",
+    )
     assert not world.apply(Pool, Nginx).failed
     assert ask("127.0.0.1", Request("a.test", 80, False, "/ask.php")).title == "1500 77M of ; [a] = b"
 
@@ -93,7 +114,7 @@ SETTINGS = {
     "a line of its own": '<setting name="memory_limit">1M\nuser = root</setting>',
     "a name with a line": '<setting name="memory_limit]&#10;user">root</setting>',
     "a pool of its own": '<setting name="x] = 1&#10;[evil]&#10;user">root</setting>',
-    "a variable with a line": "<env name=\"A\">x\nuser = root</env>",
+    "a variable with a line": '<env name="A">x\nuser = root</env>',
     "a variable of the loader": '<env name="LD_PRELOAD">/srv/a/x.so</env>',
     "a variable of this host": '<env name="A">$DATABASE_PASSWORD</env>',
     "a name of a variable with a line": '<env name="A] = 1&#10;user">root</env>',
@@ -149,12 +170,19 @@ def test_another_version_is_said(world: World) -> None:
 
 
 def test_missing_extensions_are_packages(world: World) -> None:
-    world.describe(site("a.test", inside=f'<php version="{VERSION}" handler="fpm" extensions="core imagick tidy" pool="a"'
-                                         ' user="alice" listen="unix:/run/php/a.sock"/>'))
+    world.describe(
+        site(
+            "a.test",
+            inside=f'<php version="{VERSION}" handler="fpm" extensions="core imagick tidy" pool="a"'
+            ' user="alice" listen="unix:/run/php/a.sock"/>',
+        )
+    )
     assert {each.package for each in world.plan(Pool).missing} == {"php-imagick", f"php{VERSION}-tidy"}
 
 
 def test_all_settings_that_the_process_manager_knows_go_in_where_it_is_trusted(world: World) -> None:
     described(world, '<setting name="sendmail_path">/usr/sbin/sendmail -t -i -f a@a.test</setting>')
     assert not world.apply(Pool, decisions=Decisions(trust_configuration=True)).failed
-    assert "php_value[sendmail_path]" in Path(f"/etc/php/{VERSION}/fpm/pool.d/sondrel-a-{VERSION}.conf").read_text("utf-8")
+    assert "php_value[sendmail_path]" in Path(f"/etc/php/{VERSION}/fpm/pool.d/sondrel-a-{VERSION}.conf").read_text(
+        "utf-8"
+    )

@@ -50,12 +50,20 @@ def own_tmpfs(directory: str) -> None:
     subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "world", directory], check=True)
 
 
-def directive(name: str, *args: str, block: Sequence[str] | None = None, raw: str | None = None,
-              identifier: str = "", text: str | None = None, file: str = "/etc/there.conf", line: int = 1) -> str:
+def directive(
+    name: str,
+    *args: str,
+    block: Sequence[str] | None = None,
+    raw: str | None = None,
+    identifier: str = "",
+    text: str | None = None,
+    file: str = "/etc/there.conf",
+    line: int = 1,
+) -> str:
     """An element of the description."""
-    attributes = f" name={quoteattr(name)} file={quoteattr(file)} line=\"{line}\""
-    attributes += f" id=\"{identifier}\"" if identifier else ""
-    attributes += " block=\"yes\"" if block is not None else ""
+    attributes = f' name={quoteattr(name)} file={quoteattr(file)} line="{line}"'
+    attributes += f' id="{identifier}"' if identifier else ""
+    attributes += ' block="yes"' if block is not None else ""
     inner = "".join(f"<arg>{escape(arg)}</arg>" for arg in args)
     inner += f"<raw>{escape(raw)}</raw>" if raw is not None else ""
     inner += f"<text>{escape(text)}</text>" if text is not None else ""
@@ -72,14 +80,25 @@ def virtual_host(*directives: str, at: str = "*:80", line: int = 1) -> str:
     return directive("virtualhost", at, block=directives, line=line)
 
 
-def site(name: str, *blocks: str, configuration: str = "nginx1", uses: str = "", inside: str = "", kind: str = "nginx",
-         names: Sequence[str] = (), answers: str = "", contents: str = "") -> str:
+def site(
+    name: str,
+    *blocks: str,
+    configuration: str = "nginx1",
+    uses: str = "",
+    inside: str = "",
+    kind: str = "nginx",
+    names: Sequence[str] = (),
+    answers: str = "",
+    contents: str = "",
+) -> str:
     """An element "domain" with its site; `inside` comes before the blocks."""
-    uses = f" uses=\"{uses}\"" if uses else ""
-    written = "".join(f"<block configuration=\"{configuration}\"{uses}>{block}</block>" for block in blocks)
+    uses = f' uses="{uses}"' if uses else ""
+    written = "".join(f'<block configuration="{configuration}"{uses}>{block}</block>' for block in blocks)
     listed = "".join(f"<name>{each}</name>" for each in (names or (name,)))
-    return (f"<domain name=\"{name}\">{listed}<site server=\"{kind}\">{inside}{written}{answers}</site>"
-            f"{contents}</domain>")
+    return (
+        f'<domain name="{name}">{listed}<site server="{kind}">{inside}{written}{answers}</site>'
+        f"{contents}</domain>"
+    )
 
 
 class World:
@@ -92,14 +111,18 @@ class World:
         self.accounts: dict[str, str] = {"www-data": "www-data"}
         self.offers: list[tuple[str, str, object]] = []
 
-    def describe(self, *domains: str, configuration: str = "", server_kind: str = "nginx", client: str = "alice") -> None:
+    def describe(
+        self, *domains: str, configuration: str = "", server_kind: str = "nginx", client: str = "alice"
+    ) -> None:
         """Writes the description of one client's domains."""
         (self.session / "dump.xml").write_text(
             '<dump version="2" agent="linux" created="2026-01-01T00:00:00Z" scope="all" content="yes"><accounts/>'
             f'<web-configuration name="{server_kind}1" server="{server_kind}" file="/etc/{server_kind}/main.conf">'
             f"{configuration}</web-configuration>"
             f'<client name="{client}" uid="1500" gid="1500" system="no" whole="yes">{"".join(domains)}</client>'
-            "<problems/></dump>", encoding="utf-8")
+            "<problems/></dump>",
+            encoding="utf-8",
+        )
 
     def archive(self, name: str, members: dict[str, bytes | str]) -> str:
         """An archive of a site with files (bytes) and links (their targets); returns the element for it."""
@@ -117,13 +140,17 @@ class World:
         content = buffer.getvalue()
         file = f"content/sites/{name}.tar.gz"
         (self.session / "archives" / file).write_bytes(content)
-        return (f'<content kind="site" file="{file}" size="{len(content)}" md5sum="{hashlib.md5(content).hexdigest()}"'
-                f' unpacked="{sum(len(value) for value in members.values())}"/>')
+        return (
+            f'<content kind="site" file="{file}" size="{len(content)}" md5sum="{hashlib.md5(content).hexdigest()}"'
+            f' unpacked="{sum(len(value) for value in members.values())}"/>'
+        )
 
     def restore(self, *, decisions: Decisions = Decisions(), domains: frozenset[str] = frozenset()) -> Restore:
         """The context of a new run."""
         description = Description(self.session / "dump.xml")
-        restore = Restore(Session(str(self.session)), description, Selection(description, domains, frozenset()), decisions)
+        restore = Restore(
+            Session(str(self.session)), description, Selection(description, domains, frozenset()), decisions
+        )
         for tree, account in self.trees.items():
             restore.offer("tree", tree, account)
         for there, here in self.accounts.items():

@@ -1,4 +1,6 @@
-"""Sites of nginx: a file of server blocks for each, with the definitions that they use, from the description's blocks."""
+"""Sites of nginx: a file of server blocks for each, with the definitions that they use, from the description's
+blocks.
+"""
 from __future__ import annotations
 
 import glob
@@ -70,7 +72,8 @@ class Nginx(site_kind.SiteKind):
             has_default=lambda address: self._claimed(address, site.domain.name, {path, link}), names=names,
             has_http2_directive=self._release >= (1, 25, 1))
         try:
-            servers = [rules.server(block.directive, _inherited(block)) for block in blocks if block.directive is not None]
+            servers = [rules.server(block.directive, _inherited(block)) for block in blocks
+                       if block.directive is not None]
             text = for_nginx(servers)
             definitions = {_definition_path(kept): to_bytes(for_nginx([kept])) for use in uses
                            if (kept := rules.definition(use)) is not None}
@@ -90,7 +93,8 @@ class Nginx(site_kind.SiteKind):
             return True
         return self._defaults.setdefault(address, site) != site
 
-    def _conflict(self, restore: Restore, site: Site, own: set[str], ports: frozenset[int]) -> tuple[str, frozenset[str]]:
+    def _conflict(self, restore: Restore, site: Site, own: set[str],
+                  ports: frozenset[int]) -> tuple[str, frozenset[str]]:
         made = {link for entry in restore.journal.entries(self.name) for link in
                 (*site_kind.links(entry), *site_kind.sums(entry))}
         for name in site.names:
@@ -122,7 +126,8 @@ class Nginx(site_kind.SiteKind):
         used = {each.name for site in self.chosen(restore) for block in site.blocks if block.directive is not None
                 for each in block.directive.within()}
         for beginning, file, package in _MODULES:
-            if any(name.startswith(beginning) for name in used) and not os.path.exists(f"/usr/lib/nginx/modules/{file}"):
+            is_here = os.path.exists(f"/usr/lib/nginx/modules/{file}")
+            if not is_here and any(name.startswith(beginning) for name in used):
                 yield Missing(package, f"sites use directives of nginx that begin with \"{beginning}\"")
 
     def check(self, restore: Restore) -> str:

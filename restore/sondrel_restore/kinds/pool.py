@@ -1,7 +1,10 @@
-"""Pools of PHP-FPM: one file for each pool of the description, for the PHP that is here, run as the account of the pool."""
+"""Pools of PHP-FPM: one file for each pool of the description, for the PHP that is here, run as the account of the
+pool.
+"""
 from __future__ import annotations
 
 import dataclasses
+import functools
 import glob
 import os
 import re
@@ -21,6 +24,7 @@ from sondrel_restore.web.service import reload_service, wait_until
 from sondrel_restore.web.site_data import accounts_here
 
 _WEB_ACCOUNT = "www-data"
+_OF_PACKAGES = ("default", "000-default.conf", "default-ssl.conf")
 _LEFT_OUT = "/etc/sondrel-restore/left-out"
 
 # Extensions by the package of Debian that has them, "php-" or "phpX.Y-" before it. Others are built in or unknown.
@@ -31,7 +35,8 @@ _PACKAGES = {
     "mysqli": "mysql", "mysqlnd": "mysql", "odbc": "odbc", "pdo_mysql": "mysql", "pdo_odbc": "odbc",
     "pdo_pgsql": "pgsql", "pdo_sqlite": "sqlite3", "pgsql": "pgsql", "pspell": "pspell", "redis": "redis",
     "simplexml": "xml", "snmp": "snmp", "soap": "soap", "sqlite3": "sqlite3", "tidy": "tidy", "uploadprogress":
-    "uploadprogress", "xml": "xml", "xmlreader": "xml", "xmlrpc": "xmlrpc", "xmlwriter": "xml", "xsl": "xml", "zip": "zip",
+    "uploadprogress", "xml": "xml", "xmlreader": "xml", "xmlrpc": "xmlrpc", "xmlwriter": "xml", "xsl": "xml",
+    "zip": "zip",
 }
 # Packages of extensions that are no part of PHP have no version in their names.
 _UNVERSIONED = frozenset(("apcu", "igbinary", "imagick", "memcached", "mongodb", "redis", "uploadprogress", "xmlrpc"))
@@ -89,7 +94,7 @@ class Pool(ConfigKind):
         if left:
             says += f"; {len(left)} settings are left out, see {_LEFT_OUT}"
         return Candidate(
-            name=_name(pool), says=says, files=files, modes=modes, impossible=self._impossible(restore, pool, account),
+            name=_name(pool), says=says, files=files, modes=modes, impossible=self._impossible(pool, account),
             conflict=self._conflict(restore, account),
             domains=frozenset(domain.name for domain in pool.domains),
             clients=frozenset(domain.client for domain in pool.domains if domain.client),
@@ -102,7 +107,7 @@ class Pool(ConfigKind):
             return pool.version if pool.version in self._versions else _debian_version()
         return self._versions[-1]
 
-    def _impossible(self, restore: Restore, pool: _Pool, account: str) -> str:
+    def _impossible(self, pool: _Pool, account: str) -> str:
         if not re.fullmatch(r"[a-z_][a-z0-9_.-]*\$?", account):
             return f"it runs as \"{account}\", which is no name of an account"
         here = account_of(account)
@@ -119,9 +124,11 @@ class Pool(ConfigKind):
         if account != _WEB_ACCOUNT or restore.decisions.trust_configuration:
             return ""
         own = _own_sites(restore)
-        return f"it runs as {account}, as this host's own sites do ({', '.join(own[:3])}), and could change them" if own else ""
+        if not own:
+            return ""
+        return f"it runs as {account}, as this host's own sites do ({', '.join(own[:3])}), and could change them"
 
-    def planned(self, restore: Restore, candidate: Candidate, state: State) -> None:
+    def planned(self, restore: Restore, candidate: Candidate) -> None:
         addresses = candidate.facts["addresses"]
         assert isinstance(addresses, list)
         for address in addresses:
@@ -158,7 +165,7 @@ class Pool(ConfigKind):
                                signal.SIGUSR2)
         for entry in entries:
             socket = str(entry.facts.get("socket"))
-            wait_until(lambda path=socket: os.path.exists(path), f"{entry.name} does not listen at {socket}")  # type: ignore[misc]
+            wait_until(functools.partial(os.path.exists, socket), f"{entry.name} does not listen at {socket}")
 
     def apply(self, restore: Restore, item: Item) -> dict[str, object]:
         candidate = item.data
@@ -172,8 +179,9 @@ class Pool(ConfigKind):
         candidate = item.data
         assert isinstance(candidate, Candidate)
         socket = str(candidate.facts["socket"])
-        yield Finding(item.identifier, "configuration", item.state is State.SAME, "" if item.state is State.SAME else item.says)
-        yield Finding(item.identifier, socket, os.path.exists(socket), "" if os.path.exists(socket) else "nothing listens")
+        is_same, listens = item.state is State.SAME, os.path.exists(socket)
+        yield Finding(item.identifier, "configuration", is_same, "" if is_same else item.says)
+        yield Finding(item.identifier, socket, listens, "" if listens else "nothing listens")
 
 
 def versions() -> list[str]:
@@ -222,7 +230,9 @@ def _name(pool: _Pool) -> str:
 
 
 def _label(pool: _Pool) -> str:
-    """The name of the pool here; it tells the version of the source host, of which several may have a pool of one name."""
+    """The name of the pool here; it tells the version of the source host, of which several may have a pool of one
+    name.
+    """
     whole = f"{pool.name}-{pool.version}" if pool.version else pool.name
     safe = re.sub(r"[^A-Za-z0-9_.-]", "_", whole)
     return safe if safe == whole else f"{safe}-{sum_of(to_bytes(whole))[:8]}"
@@ -280,7 +290,7 @@ def _own_sites(restore: Restore) -> list[str]:
     made = {link for entry in (*restore.journal.entries("nginx"), *restore.journal.entries("apache"))
             for link in (entry.facts.get("links") or {})}  # type: ignore[attr-defined]
     return sorted(path for path in glob.glob("/etc/nginx/sites-enabled/*") + glob.glob("/etc/apache2/sites-enabled/*")
-                  if path not in made and os.path.basename(path) not in ("default", "000-default.conf", "default-ssl.conf"))
+                  if path not in made and os.path.basename(path) not in _OF_PACKAGES)
 
 
 def _extensions_here(restore: Restore, version: str) -> frozenset[str]:
@@ -291,8 +301,8 @@ def _extensions_here(restore: Restore, version: str) -> frozenset[str]:
 
 
 def _error_of(text: str) -> str:
-    lines = [line for line in text.splitlines() if "ERROR" in line or "ALERT" in line] or text.splitlines() or ["it says nothing"]
-    return re.sub(r"\A\[.*?\] ", "", lines[0])
+    errors = [line for line in text.splitlines() if "ERROR" in line or "ALERT" in line]
+    return re.sub(r"\A\[.*?\] ", "", (errors or text.splitlines() or ["it says nothing"])[0])
 
 
 KINDS = (Pool,)

@@ -102,7 +102,8 @@ def compare(restore: Restore, identifier: str, site: Site) -> Iterator[Finding]:
     """Asks each name of the site here, and compares with what the source host answered, or answers."""
     expected = _expected(restore, site)
     if not expected:
-        yield Finding(identifier, "/", False, "the description has no answers of the source host: use --against=ADDRESS")
+        yield Finding(identifier, "/", False,
+                      "the description has no answers of the source host; try --against=ADDRESS")
     for address, request, there in expected:
         here = ask(address, request)
         is_same, says = judged(here, there)
@@ -112,7 +113,8 @@ def compare(restore: Restore, identifier: str, site: Site) -> Iterator[Finding]:
 def _expected(restore: Restore, site: Site) -> list[tuple[str, Request, Answer]]:
     found = []
     for element in site.element.iterfind("answer"):
-        request = Request(element.get("name"), int(element.get("port")), element.get("tls") == "yes", element.get("path"))
+        request = Request(
+            element.get("name"), int(element.get("port")), element.get("tls") == "yes", element.get("path"))
         if not re.fullmatch(r"/[\x21-\x7e]*", request.path) or not re.fullmatch(r"[A-Za-z0-9._:\[\]-]+", request.name):
             continue
         there = Answer(int(element.get("status")), element.get("location") or "", element.get("title") or "",

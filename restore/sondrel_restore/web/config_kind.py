@@ -73,7 +73,7 @@ class ConfigKind(Kind):
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
         """Has the server take over its configuration; `entries` is all that this kind has made."""
 
-    def planned(self, _restore: Restore, _candidate: Candidate, _state: State) -> None:
+    def planned(self, restore: Restore, candidate: Candidate) -> None:
         """For offers to later kinds: the object is selected, and is or will be here."""
 
     def plan(self, restore: Restore) -> Iterator[Item]:
@@ -82,7 +82,7 @@ class ConfigKind(Kind):
             takes = restore.selection.takes(item) and not restore.decisions.skip(item.identifier)
             if takes and item.state is not State.IMPOSSIBLE and (
                     item.state is not State.CONFLICT or restore.decisions.replace(item.identifier)):
-                self.planned(restore, candidate, item.state)
+                self.planned(restore, candidate)
             yield item
 
     def _item(self, restore: Restore, candidate: Candidate) -> Item:
@@ -158,7 +158,8 @@ class ConfigKind(Kind):
         disabled = dict(before) if isinstance(before, dict) else {}
         for link in sorted(candidate.disables):
             if not os.path.islink(link):
-                raise RestoreError(f"{link} serves the name already and is no link that could be taken away: change it by hand")
+                raise RestoreError(
+                    f"{link} serves the name already and is no link that could be taken away: change it by hand")
             disabled[link] = os.readlink(link)
             restore.journal.note(identifier, {"disabled": disabled})
             remove_file(link)
@@ -175,7 +176,8 @@ class ConfigKind(Kind):
             atomic_write(kept, here, mode=0o600, uid=0, gid=0)
 
     def _others_have(self, restore: Restore, identifier: str, path: str) -> bool:
-        return any(path in sums(entry) for entry in restore.journal.entries(self.name) if entry.identifier != identifier)
+        return any(path in sums(entry) for entry in restore.journal.entries(self.name)
+                   if entry.identifier != identifier)
 
     def finish(self, restore: Restore, changed: list[Item]) -> None:
         entries = [entry for item in changed

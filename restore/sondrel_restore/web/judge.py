@@ -178,7 +178,7 @@ class Judge:
         found = ["127.0.0.1"] if host.lower() == "localhost" else self.resolve(host)
         if not found:
             raise Refused(f"{host} has no address as seen from here, and the server would not start")
-        yield from (ipaddress.ip_address(each.split("%")[0]) for each in found)
+        yield from (ipaddress.ip_address(each.partition("%")[0]) for each in found)
 
     def _check_own_port(self, port: int, address: str) -> None:
         if port in _OWN_PORTS:

@@ -9,21 +9,21 @@ from sondrel_restore.web.judge import Judge, Refused
 PLAIN = frozenset("""
     allow_url_fopen allow_url_include arg_separator.output asp_tags assert.active auto_detect_line_endings
     date.timezone default_charset default_mimetype default_socket_timeout disable_classes disable_functions
-    display_errors display_startup_errors enable_dl enable_post_data_reading error_append_string error_prepend_string
-    error_reporting expose_php file_uploads html_errors iconv.input_encoding ignore_repeated_errors
-    iconv.output_encoding ignore_user_abort implicit_flush input_encoding internal_encoding
+    display_errors display_startup_errors enable_dl enable_post_data_reading error_append_string
+    error_prepend_string error_reporting expose_php file_uploads html_errors iconv.input_encoding
+    ignore_repeated_errors iconv.output_encoding ignore_user_abort implicit_flush input_encoding internal_encoding
     intl.default_locale log_errors mail.add_x_header max_execution_time max_file_uploads max_input_nesting_level
     max_input_time max_input_vars mbstring.internal_encoding mbstring.language memory_limit mysqli.default_host
     mysqli.default_port opcache.enable opcache.max_accelerated_files opcache.memory_consumption
     opcache.revalidate_freq opcache.validate_timestamps output_buffering output_encoding output_handler
     pcre.backtrack_limit pcre.jit pcre.recursion_limit post_max_size precision realpath_cache_size
     realpath_cache_ttl request_order sendmail_from serialize_precision session.auto_start session.cache_expire
-    session.cache_limiter session.cookie_domain session.cookie_httponly session.cookie_lifetime session.cookie_path
-    session.cookie_samesite session.cookie_secure session.gc_divisor session.gc_maxlifetime session.gc_probability
-    session.hash_bits_per_character session.name session.sid_bits_per_character session.sid_length
-    session.use_cookies session.use_only_cookies session.use_strict_mode session.use_trans_sid short_open_tag
-    smtp_port track_errors upload_max_filesize url_rewriter.tags user_agent user_ini.cache_ttl user_ini.filename
-    variables_order zend.assertions zend.exception_ignore_args zlib.output_compression
+    session.cache_limiter session.cookie_domain session.cookie_httponly session.cookie_lifetime
+    session.cookie_path session.cookie_samesite session.cookie_secure session.gc_divisor session.gc_maxlifetime
+    session.gc_probability session.hash_bits_per_character session.name session.sid_bits_per_character
+    session.sid_length session.use_cookies session.use_only_cookies session.use_strict_mode session.use_trans_sid
+    short_open_tag smtp_port track_errors upload_max_filesize url_rewriter.tags user_agent user_ini.cache_ttl
+    user_ini.filename variables_order zend.assertions zend.exception_ignore_args zlib.output_compression
     zlib.output_compression_level
 """.split())
 
@@ -79,7 +79,8 @@ def quoted(value: str) -> str:
     """A value as the process manager reads it back. Refused for one that cannot be written without doubt."""
     if _CONTROLS.search(value):
         raise Refused("a value with control characters")
-    if re.fullmatch(r"[A-Za-z0-9_./:@,+-]+|\$[A-Z]+", value) and value.lower() not in ("on", "yes", "true", "null", "none"):
+    is_word = value.lower() in ("on", "yes", "true", "off", "no", "false", "null", "none")
+    if re.fullmatch(r"[A-Za-z0-9_./:@,+-]+|\$[A-Z]+", value) and not is_word:
         return value
     if "'" not in value:
         return f"'{value}'"

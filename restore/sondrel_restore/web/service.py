@@ -46,9 +46,9 @@ def running(pid_file: str, program: str) -> int | None:
     return pid if comm.startswith(program) else None
 
 
-def _serves_anew(pid: int, before: set[str], now: int | None) -> bool:
+def _serves_anew(pid: int | None, before: set[str], now: int | None) -> bool:
     """PHP-FPM has another number after it has loaded itself anew."""
-    return now is not None and (now != pid or bool(_children(pid) - before))
+    return now is not None and (now != pid or bool(_children(now) - before))
 
 
 def _children(pid: int) -> set[str]:

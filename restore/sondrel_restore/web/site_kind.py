@@ -1,4 +1,6 @@
-"""What the kinds nginx and apache have in common: which blocks a site brings, whose files it may name, what was left out."""
+"""What the kinds nginx and apache have in common: which blocks a site brings, whose files it may name, what was left
+out.
+"""
 from __future__ import annotations
 
 import abc
@@ -117,7 +119,7 @@ class SiteKind(ConfigKind):
             yield Missing(self.package, f"{self.name} serves sites")
 
     def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
-        site = next(each for each in sites_of(restore, self.name) if each.domain.name == item.name)
+        site = [each for each in sites_of(restore, self.name) if each.domain.name == item.name][0]
         if item.state is not State.SAME:
             yield Finding(item.identifier, "configuration", False, item.says)
         if site.is_first:
