@@ -7,21 +7,19 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
+from destination import own_etc
 from sondrel_restore.kind import State
 from sondrel_restore.kinds.nginx import Nginx
 from sondrel_restore.selection import Decisions
 from sondrel_restore.web.ask import Answer, Request, ask
 from sondrel_restore.web.service import wait_until
-from web_world import World, directive, ended, own_copy, own_world, own_tmpfs, server, site, snapshot
+from web_world import World, directive, ended, server, site, snapshot
 
 
 @pytest.fixture(name="world")
 def _world(tmp_path: Path) -> Iterator[World]:
-    own_world()
-    own_copy("/etc/nginx")
-    for place in ("/var/log/nginx", "/var/lib/nginx", "/var/cache", "/srv"):
-        own_tmpfs(place)
-    os.makedirs("/run/php", exist_ok=True)
+    own_etc("nginx")
+    os.makedirs("/var/log/nginx")
     world = World(tmp_path / "session")
     for name in ("a", "b"):
         os.makedirs(f"/srv/{name}")

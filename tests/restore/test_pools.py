@@ -7,12 +7,13 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
+from destination import own_etc
 from sondrel_restore.kind import State
 from sondrel_restore.kinds.nginx import Nginx
 from sondrel_restore.kinds.pool import Pool, versions
 from sondrel_restore.selection import Decisions
 from sondrel_restore.web.ask import Request, ask
-from web_world import World, directive, ended, own_copy, own_tmpfs, own_world, server, site, snapshot
+from web_world import World, directive, ended, server, site, snapshot
 
 VERSION = versions()[-1]
 PHP = directive(
@@ -29,12 +30,9 @@ PHP = directive(
 
 @pytest.fixture(name="world")
 def _world(tmp_path: Path) -> Iterator[World]:
-    own_world()
-    for place in ("/etc/nginx", "/etc/php"):
-        own_copy(place)
-    for place in ("/var/log/nginx", "/var/lib/nginx", "/srv"):
-        own_tmpfs(place)
-    os.makedirs("/run/php")
+    for name in ("nginx", "php"):
+        own_etc(name)
+    os.makedirs("/var/log/nginx")
     for path in Path(f"/etc/php/{VERSION}/fpm/pool.d").glob("sondrel-*"):
         path.unlink()
     with open("/etc/passwd", "a", encoding="ascii") as accounts:

@@ -2,13 +2,10 @@
 from __future__ import annotations
 
 import contextlib
-import ctypes
 import hashlib
 import io
 import os
-import shutil
 import signal
-import subprocess
 import tarfile
 import time
 from collections.abc import Iterator, Sequence
@@ -20,34 +17,6 @@ from sondrel_restore.kind import Kind
 from sondrel_restore.restore import Outcome, Plan, Restore, apply_plan, make_plan, undo_all
 from sondrel_restore.selection import Decisions, Selection
 from sondrel_restore.session import Session
-
-_NEW_NETWORK = 0x40000000
-_NEW_MOUNTS = 0x00020000
-_PRIVATE_WORLD = Path(__file__).resolve().parent.parent / "private-world"
-
-
-def own_world() -> None:
-    """Leaves the world of the other tests for a private one, with a network of its own."""
-    libc = ctypes.CDLL(None, use_errno=True)
-    if libc.unshare(_NEW_NETWORK | _NEW_MOUNTS) != 0:
-        raise OSError(ctypes.get_errno(), "unshare")
-    subprocess.run([_PRIVATE_WORLD, "--inside", "true"], check=True)
-    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-
-
-def own_copy(directory: str) -> None:
-    """A writable copy of a directory of /etc, in a private world."""
-    path = Path(directory)
-    if path.is_symlink():
-        source = path.resolve()
-        path.unlink()
-        shutil.copytree(source, path, symlinks=True)
-
-
-def own_tmpfs(directory: str) -> None:
-    """An empty directory in the place of one of the machine."""
-    os.makedirs(directory, exist_ok=True)
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "world", directory], check=True)
 
 
 def directive(

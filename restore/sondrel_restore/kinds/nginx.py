@@ -3,7 +3,6 @@ blocks.
 """
 from __future__ import annotations
 
-import glob
 import hashlib
 import os
 import signal
@@ -137,11 +136,6 @@ class Nginx(site_kind.SiteKind):
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
         os.makedirs("/var/cache/nginx", mode=0o755, exist_ok=True)
         reload_service(restore.host, "nginx", "/run/nginx.pid", "nginx", signal.SIGHUP)
-
-    def remove_empty_directories(self) -> None:
-        super().remove_empty_directories()
-        if not glob.glob(f"{_DEFINITIONS}/*") and os.path.isdir(_DEFINITIONS):
-            os.rmdir(_DEFINITIONS)
 
 
 def _zones(uses: Iterable[Directive]) -> Iterator[str]:

@@ -6,7 +6,6 @@ is put back before the server reloads. Between `apply` and `finish` nothing is l
 from __future__ import annotations
 
 import abc
-import contextlib
 import dataclasses
 import hashlib
 import os
@@ -16,6 +15,9 @@ from sondrel_restore.hostfiles import atomic_write, make_directories, make_link,
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Item, Kind, Left, RestoreError, State
 from sondrel_restore.restore import Restore
+
+
+_OWN_DIRECTORIES = ("/etc/sondrel-restore", "/etc/nginx/sondrel-definitions")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -87,7 +89,10 @@ class ConfigKind(Kind):
 
     def _item(self, restore: Restore, candidate: Candidate) -> Item:
         identifier = f"{self.name}:{candidate.name}"
-        state, why = self._state(restore, candidate, restore.journal.entry(identifier))
+        try:
+            state, why = self._state(restore, candidate, restore.journal.entry(identifier))
+        except RestoreError as error:
+            state, why = State.IMPOSSIBLE, str(error)
         decisions = (f"--replace={identifier}", f"--skip={identifier}") if state is State.CONFLICT else ()
         return Item(self.name, candidate.name, state, why or candidate.says, decisions,
                     candidate.domains, candidate.clients, candidate)
@@ -271,15 +276,19 @@ class ConfigKind(Kind):
         if changed:
             return Left(entry.identifier, f"{', '.join(changed)} was changed here since")
         self._remove(restore, entry, sums(entry))
-        self.remove_empty_directories()
+        for path in sums(entry):
+            _remove_empty(os.path.dirname(path))
         return None
 
-    def remove_empty_directories(self) -> None:
-        """Those that only this kind of program makes files in."""
-        for path in ("/etc/sondrel-restore/left-out", "/etc/sondrel-restore/certificates",
-                     "/etc/sondrel-restore/files", "/etc/sondrel-restore"):
-            with contextlib.suppress(OSError):
-                os.rmdir(path)
+
+def _remove_empty(directory: str) -> None:
+    """A directory that only this program makes files in, with those above it."""
+    while directory.startswith(_OWN_DIRECTORIES):
+        try:
+            os.rmdir(directory)
+        except OSError:
+            return
+        directory = os.path.dirname(directory)
 
 
 def _sum_here(path: str) -> str:

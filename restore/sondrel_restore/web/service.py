@@ -36,6 +36,16 @@ def reload_service(host: Host, name: str, pid_file: str, program: str, number: s
     wait_until(lambda: running(pid_file, program) is not None, f"{name} does not run after its start")
 
 
+def reload_web_servers(host: Host) -> None:
+    """Has nginx and Apache read their files anew, where they run and do not refuse their configuration."""
+    for name, pid_file, check, number in (
+        ("nginx", "/run/nginx.pid", ["nginx", "-t", "-q"], signal.SIGHUP),
+        ("apache2", "/run/apache2/apache2.pid", ["apache2ctl", "configtest"], signal.SIGUSR1),
+    ):
+        if running(pid_file, name) is not None and host.run(check, check=False).status == 0:
+            reload_service(host, name, pid_file, name, number)
+
+
 def running(pid_file: str, program: str) -> int | None:
     """The number of the process in the file, if it is one of that program."""
     try:

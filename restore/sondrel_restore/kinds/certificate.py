@@ -1,0 +1,190 @@
+"""Certificates with their keys, and other single files that the blocks of a site name.
+
+They go into a directory of this program, and not where they were: paths of the source host mean nothing here, and may lead through links. The kinds of
+web servers write the new paths into the blocks. What programs for certificates keep in order to renew them names
+programs that root would run: it is named, and stays in the archive.
+"""
+from __future__ import annotations
+
+import dataclasses
+import os
+from collections.abc import Iterable, Iterator
+
+from sondrel_restore.description import Domain, Element
+from sondrel_restore.host import Host, group_of
+from sondrel_restore.hostfiles import components
+from sondrel_restore.journal import Entry
+from sondrel_restore.kind import Finding, Item, Missing, RestoreError, State
+from sondrel_restore.restore import Restore
+from sondrel_restore.web.config_kind import Candidate, ConfigKind, content_here, sum_of, sums
+from sondrel_restore.web.directives import Directive, read, to_bytes
+from sondrel_restore.web.judge import file_name
+from sondrel_restore.web.service import reload_web_servers
+
+_PLACE = "/etc/sondrel-restore/certificates"
+_LARGEST = 4 << 20
+
+# Directives, in lower case, by what their files are. Apache may have the key in the file of the certificate.
+_CERTIFICATES = frozenset(("ssl_certificate", "sslcertificatefile", "proxy_ssl_certificate"))
+_KEYS = frozenset(("ssl_certificate_key", "sslcertificatekeyfile", "proxy_ssl_certificate_key"))
+_PUBLIC = frozenset(("ssl_trusted_certificate", "ssl_client_certificate", "ssl_crl", "ssl_dhparam",
+                     "proxy_ssl_trusted_certificate", "ssl_stapling_file", "sslcertificatechainfile",
+                     "sslcacertificatefile", "sslcarevocationfile"))
+_PASSWORDS = frozenset(("auth_basic_user_file", "authuserfile", "authgroupfile", "authdigestfile"))
+_ALL = _CERTIFICATES | _KEYS | _PUBLIC | _PASSWORDS
+
+
+@dataclasses.dataclass(frozen=True)
+class _Named:
+    """A file that a site names, by the directive that does."""
+
+    path: str
+    directive: str
+
+
+class Certificate(ConfigKind):
+    """The certificates, keys and files of passwords of a site."""
+
+    name = "certificate"
+
+    def candidates(self, restore: Restore) -> Iterator[Candidate]:
+        for domain in restore.description.domains():
+            site = domain.element.find("site")
+            if site is None:
+                continue
+            named = list(_named(site))
+            if named:
+                yield self._candidate(restore, domain, site, named)
+
+    def _candidate(self, restore: Restore, domain: Domain, site: Element, named: list[_Named]) -> Candidate:
+        base = Candidate(
+            domain.name, "", {}, domains=frozenset((domain.name,)),
+            clients=frozenset((domain.client,)) if domain.client else frozenset())
+        directory = f"{_PLACE}/{file_name(domain.name)}"
+        try:
+            found = _contents(restore, domain, [each.path for each in named])
+        except RestoreError as error:
+            return dataclasses.replace(base, files={f"{directory}/none": b""}, impossible=str(error))
+        files: dict[str, bytes] = {}
+        modes: dict[str, int] = {}
+        here: dict[str, str] = {}
+        notes: list[str] = []
+        for each in named:
+            if each.path not in found:
+                notes.append(f"{each.path} is in no archive of this site")
+                continue
+            path = f"{directory}/{_short(each.path)}"
+            files[path], here[each.path] = found[each.path], path
+            modes[path] = min(modes.get(path, 0o644), _mode(each.directive, found[each.path]))
+        if not files:
+            return dataclasses.replace(base, files={f"{directory}/none": b""}, impossible=notes[0])
+        why = _do_not_fit(restore.host, site, found)
+        notes += [why] if why else []
+        notes += [f"renewal by {renewal.get('program')} is not set up: see the archive, and run the program once here"
+                  for renewal in site.iterfind("tls/renewal")]
+        says = f"{len(files)} files of certificates, keys and passwords" + (f"; {why}" if why else "")
+        return dataclasses.replace(base, says=says, files=files, modes=modes, notes=tuple(notes),
+                                   facts={"here": here, "passwords": sorted(
+                                       here[each.path] for each in named
+                                       if each.directive in _PASSWORDS and each.path in here)})
+
+    def planned(self, restore: Restore, candidate: Candidate) -> None:
+        restore.offer("certificate-files", candidate.name, candidate.facts.get("here", {}))
+
+    def missing(self, restore: Restore) -> Iterator[Missing]:
+        if not restore.host.has_program("openssl") and any(
+                restore.selection.takes_domain(domain.name) and domain.element.find("site/tls") is not None
+                for domain in restore.description.domains()):
+            yield Missing("openssl", "certificates are held against their keys")
+
+    def apply(self, restore: Restore, item: Item) -> dict[str, object]:
+        facts = super().apply(restore, item)
+        candidate = item.data
+        assert isinstance(candidate, Candidate)
+        readers = group_of("www-data")
+        passwords = facts.get("passwords")
+        for path in passwords if isinstance(passwords, list) and readers is not None else ():
+            # The web server asks for them as its account, at each request.
+            assert readers is not None
+            os.chown(str(path), 0, readers.gr_gid, follow_symlinks=False)
+        return facts
+
+    def check(self, restore: Restore) -> str:
+        return ""
+
+    def reload(self, restore: Restore, entries: list[Entry]) -> None:
+        """A renewed certificate needs no other blocks; servers that run already take it over here."""
+        reload_web_servers(restore.host)
+
+    def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
+        entry = restore.journal.entry(item.identifier)
+        for path, known in sums(entry).items() if entry is not None else ():
+            content = content_here(path)
+            is_same = content is not None and sum_of(content) == known
+            yield Finding(item.identifier, path, is_same, "" if is_same else "is not as it was fetched")
+        if item.state is State.RENEW:
+            yield Finding(item.identifier, "session", False, "the session has a newer one: apply again")
+
+
+def _named(site: Element) -> Iterator[_Named]:
+    """The files that the blocks of a site name, each once for each directive."""
+    seen: set[_Named] = set()
+    for block in site.iterfind("block/directive"):
+        for directive in read(block).within():
+            each = _of_directive(directive)
+            if each is not None and each not in seen:
+                seen.add(each)
+                yield each
+
+
+def _of_directive(directive: Directive) -> _Named | None:
+    name = directive.name.lower()
+    if name not in _ALL or not directive.args or not directive.args[0].startswith("/"):
+        return None
+    try:
+        components(directive.args[0])
+    except RestoreError:
+        return None
+    return _Named(directive.args[0], name)
+
+
+def _contents(restore: Restore, domain: Domain, paths: Iterable[str]) -> dict[str, bytes]:
+    wanted = set(paths)
+    found: dict[str, bytes] = {}
+    for content in restore.description.contents(domain.element):
+        if wanted - found.keys():
+            found.update(restore.archive(content).read_all(sorted(wanted - found.keys()), limit=_LARGEST))
+    return found
+
+
+def _short(path: str) -> str:
+    """A name that tells the file, and is another one for each path."""
+    return f"{sum_of(to_bytes(path))[:8]}-{file_name(os.path.basename(path))}"
+
+
+def _mode(directive: str, content: bytes) -> int:
+    if directive in _KEYS or b"PRIVATE KEY" in content:
+        return 0o600
+    return 0o640 if directive in _PASSWORDS else 0o644
+
+
+def _do_not_fit(host: Host, site: Element, found: dict[str, bytes]) -> str:
+    """Why the certificate and the key of a site are no pair, or the certificate is of no use any more."""
+    tls = site.find("tls")
+    if tls is None or not host.has_program("openssl"):
+        return ""
+    certificate, key = found.get(str(tls.get("certificate"))), found.get(str(tls.get("key")))
+    if certificate is None or key is None:
+        return ""
+    of_certificate = host.run(["openssl", "x509", "-noout", "-pubkey"], input=certificate, check=False)
+    of_key = host.run(["openssl", "pkey", "-pubout", "-passin", "pass:"], input=key, check=False)
+    if of_certificate.status != 0 or of_key.status != 0:
+        return "the certificate or its key cannot be read: get a new one"
+    if of_certificate.stdout.strip() != of_key.stdout.strip():
+        return "the key does not fit the certificate: get a new one"
+    if host.run(["openssl", "x509", "-noout", "-checkend", "0"], input=certificate, check=False).status != 0:
+        return "the certificate has expired: get a new one"
+    return ""
+
+
+KINDS = (Certificate,)
