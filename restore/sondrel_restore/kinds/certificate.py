@@ -1,8 +1,8 @@
 """Certificates with their keys, and other single files that the blocks of a site name.
 
-They go into a directory of this program, and not where they were: paths of the source host mean nothing here, and may lead through links. The kinds of
-web servers write the new paths into the blocks. What programs for certificates keep in order to renew them names
-programs that root would run: it is named, and stays in the archive.
+They go into a directory of this program, and not where they were: paths of the source host mean nothing here, and may
+lead through links. The kinds of web servers write the new paths into the blocks. What programs for certificates keep in
+order to renew them names programs that root would run: it is named, and stays in the archive.
 """
 from __future__ import annotations
 
