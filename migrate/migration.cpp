@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -31,6 +32,10 @@ constexpr std::size_t LARGEST_HELD_BYTES = std::size_t{1} << 20;
 /// How long a sondrel may take to end by a signal.
 constexpr std::chrono::seconds ORPHAN_WAIT{10};
 constexpr int ORPHAN_TICK_MS = 50;
+/// sondrel-restore's exit status when somebody must decide.
+constexpr int EXIT_OF_NEEDED_DECISIONS = 3;
+/// A restore reaches no other host.
+const Passwords NO_PASSWORDS;
 
 std::string now() {
   return formatTime(std::time(nullptr));
@@ -49,6 +54,15 @@ std::vector<std::string> causesOf(const std::string& session, Step step,
   if (!outcome.reason.empty()) return {outcome.reason};
   const bool isWritten = outcome.exitCode > EXIT_IMPOSSIBLE && outcome.exitCode < EXIT_NOT_STARTED;
   return isWritten ? readCauses(session, step) : std::vector<std::string>();
+}
+
+std::string reasonOfRestore(Step step, bool needsDecisions) {
+  if (needsDecisions) {
+    return "The restore needs decisions or packages, as said above. Packages are installed with "
+           "--restore-install; decide with sondrel-restore apply (see its --help)";
+  }
+  return step == Step::VERIFY ? "What is here is not what was fetched, as said above"
+                              : "The restore failed, as said above";
 }
 
 }  // namespace
@@ -70,7 +84,10 @@ int Migration::execute() {
   loadState();
   takeSettings();
   if (state_.isFinished()) return reportFinished("Finished already.");
-  passwords_.emplace(obtainPasswords(request_, state_.settings, std::move(environment_), signals_));
+  if (state_.settings.isOn("restore")) restoreProgram_ = findSondrelRestore();
+  passwords_.emplace(needsSourceHost() ? obtainPasswords(request_, state_.settings,
+                                                         std::move(environment_), signals_)
+                                       : Passwords());
   introduce();
   return makeSteps();
 }
@@ -138,6 +155,13 @@ void Migration::introduce() {
                request_.sessionPath);
 }
 
+/// A restore alone is made without a login.
+bool Migration::needsSourceHost() const {
+  const std::vector<Step> steps = state_.plan();
+  return std::any_of(steps.begin(), steps.end(),
+                     [&](Step step) { return !isOfRestore(step) && !state_.isDone(step); });
+}
+
 int Migration::makeSteps() {
   for (const Step step : state_.plan()) {
     if (state_.isDone(step)) {
@@ -162,6 +186,7 @@ int Migration::makeStep(Step step) {
 /// for, and then gone on with.
 RunOutcome Migration::runStep(Step step) {
   if (step == Step::REMOVE) return runRemoval();
+  if (isOfRestore(step)) return runRestore(step);
   RunOutcome outcome = runAction(step);
   bool wasTold = false;
   while (isBlockedByEarlierDump(request_.sessionPath, step, outcome)) {
@@ -189,9 +214,8 @@ RunOutcome Migration::runAction(Step step) {
     held += text;
     if (held.size() > LARGEST_HELD_BYTES) relay(std::exchange(held, ""));
   };
-  RunOutcome outcome =
-      run(step, sondrelCommand(step, state_.settings, places), isHeld ? hold : relay,
-          [this](const std::string& line) { console_.say(line); });
+  RunOutcome outcome = run(step, commandOf(step, state_.settings, places), isHeld ? hold : relay,
+                           [this](const std::string& line) { console_.say(line); });
   if (!isBlockedByEarlierDump(request_.sessionPath, step, outcome)) relay(held);
   console_.finishRelay();
   return outcome;
@@ -216,6 +240,16 @@ RunOutcome Migration::runRemoval() {
   if (status.find("<dumping-status") == std::string::npos) return removed;
   return {RunOutcome::FAILED, EXIT_OF_FAILED_ACTION,
           state_.agentDir() + " is still there on " + state_.settings.get("host")};
+}
+
+/// sondrel-restore needs decisions where a person must choose; all other ends of it are failures.
+RunOutcome Migration::runRestore(Step step) {
+  RunOutcome outcome = runAction(step);
+  if (outcome.kind != RunOutcome::FAILED || outcome.exitCode > EXIT_OF_FIRST_SIGNAL) return outcome;
+  const bool needsDecisions = step != Step::VERIFY && outcome.exitCode == EXIT_OF_NEEDED_DECISIONS;
+  outcome.reason = reasonOfRestore(step, needsDecisions);
+  outcome.exitCode = needsDecisions ? EXIT_NEEDS_DECISIONS : EXIT_NOT_RESTORED;
+  return outcome;
 }
 
 /// Nothing when the step can be tried again; else how the waiting ended.
@@ -260,9 +294,9 @@ bool Migration::pause(Step step, std::chrono::milliseconds time) {
 
 RunOutcome Migration::run(Step step, const ArgList& arguments, const TextSink& onError,
                           const TextSink& onOutput) {
-  const SondrelRun run{program_,
+  const SondrelRun run{isOfRestore(step) ? restoreProgram_ : program_,
                        arguments,
-                       *passwords_,
+                       isOfRestore(step) ? NO_PASSWORDS : *passwords_,
                        lock_->descriptor(),
                        onError,
                        onOutput,
@@ -396,6 +430,9 @@ std::string Migration::purposeOf(Step step) const {
     case Step::CONTENT:
       return "fetching files into " + contentDirOf(settings, request_.sessionPath);
     case Step::REMOVE: return "removing " + state_.agentDir();
+    case Step::PLAN: return "finding out what a restore on this host needs";
+    case Step::APPLY: return "restoring on this host";
+    case Step::VERIFY: return "comparing what is here with what was fetched";
   }
   return "";
 }

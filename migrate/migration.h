@@ -22,6 +22,10 @@ enum ExitCode {
   EXIT_IMPOSSIBLE = 1,
   EXIT_STOPPED = 3,
   EXIT_BUSY = 4,
+  /// The plan of a restore has conflicts, or needs packages.
+  EXIT_NEEDS_DECISIONS = 5,
+  /// The restore failed, or what is here differs from what was fetched.
+  EXIT_NOT_RESTORED = 6,
   EXIT_NOT_STARTED = 127,
   EXIT_OF_FIRST_SIGNAL = 128
 };
@@ -50,11 +54,13 @@ class Migration {
   void takeSettings();
   void planStepToGoBackTo(Settings& settings) const;
   void introduce();
+  bool needsSourceHost() const;
   int makeSteps();
   int makeStep(Step step);
   RunOutcome runStep(Step step);
   RunOutcome runAction(Step step);
   RunOutcome runRemoval();
+  RunOutcome runRestore(Step step);
   std::optional<RunOutcome> waitForEarlierDump(Step step);
   RunOutcome fetchDumpingStatus(Step step, const TextSink& onError, std::string& status);
   bool pause(Step step, std::chrono::milliseconds time);
@@ -78,6 +84,8 @@ class Migration {
   std::optional<Passwords> passwords_;
   State state_ = State::fresh();
   std::string program_;
+  /// Empty where no restore is asked for.
+  std::string restoreProgram_;
 };
 
 }  // namespace migrate

@@ -51,9 +51,10 @@ const char* const INTRODUCTION =
     "\n"
     "Moves sites from another host to this one: asks the host what it is (scout), copies\n"
     "the agent there (deploy), makes it dump what is wanted (dump), fetches the files\n"
-    "(content) and removes the agent (remove). Each step is a run of sondrel. Run again\n"
-    "on the same session it goes on at the step that failed, with the settings it had:\n"
-    "--session-path is enough then. \"status\" shows how far a migration is.\n"
+    "(content) and removes the agent (remove). Each step is a run of sondrel. With\n"
+    "--restore it then makes the sites run on this host, by sondrel-restore (plan, apply,\n"
+    "verify). Run again on the same session it goes on at the step that failed, with the\n"
+    "settings it had: --session-path is enough then. \"status\" shows how far a migration is.\n"
     "\n"
     "For example, everything from a host whose root may log in by a password:\n"
     "\n"
@@ -67,7 +68,8 @@ const char* const PASSWORDS =
     "and no file takes one.\n"
     "\n"
     "Exit status: 0 done; 1 nothing could be begun; 2, 11 to 18 that of the run of sondrel\n"
-    "that failed; 3 stopped by SIGUSR1; 4 another run is at work; 128 and more a signal.";
+    "that failed; 3 stopped by SIGUSR1; 4 another run is at work; 5 the restore needs\n"
+    "decisions or packages; 6 the restore failed or differs; 128 and more a signal.";
 
 [[noreturn]] void refuse(const std::string& text) {
   throw Exc<&MigrateBadSettings>(HERE) % text;
@@ -102,7 +104,7 @@ int parseDescriptor(const char* text, const char* name) {
 
 Step parseStep(const std::string& name) {
   const std::optional<Step> step = stepNamed(name);
-  if (!step) refuse("--from is to be scout, deploy, dump, content or remove");
+  if (!step) refuse("--from is to be scout, deploy, dump, content, remove, plan, apply or verify");
   return *step;
 }
 

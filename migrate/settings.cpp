@@ -127,6 +127,15 @@ void checkSelection(const Settings& settings) {
   }
 }
 
+void checkRestore(const Settings& settings) {
+  if (settings.isOn("restore-install") && !settings.isOn("restore")) {
+    refuse("--restore-install installs what --restore needs: give both");
+  }
+  if (settings.isOn("restore") && settings.isOn("no-content")) {
+    refuse("--restore and --no-content exclude each other: there would be nothing to restore from");
+  }
+}
+
 }  // namespace
 
 const std::vector<SettingKind>& settingKinds() {
@@ -153,6 +162,9 @@ const std::vector<SettingKind>& settingKinds() {
       {"dumps-dir", "DIR", Step::CONTENT, "where content files go; the session's archives/"},
       {"no-check-space", nullptr, std::nullopt, "do not ask whether there is room for them"},
       {"keep-agent", nullptr, std::nullopt, "leave the agent on the source host"},
+      {"restore", nullptr, std::nullopt, "then restore on this host what was fetched"},
+      {"restore-install", nullptr, std::nullopt,
+       "with packages of Debian that are missing for that"},
       {"verbose", nullptr, std::nullopt, "make sondrel log to standard error as well"},
   };
   return kinds;
@@ -212,6 +224,7 @@ void checkComplete(const Settings& settings) {
         "the login can reach, such as its home");
   }
   checkSelection(settings);
+  checkRestore(settings);
 }
 
 std::optional<std::string> findForbiddenChange(const Settings& older, const Settings& newer,

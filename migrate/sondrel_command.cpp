@@ -12,6 +12,7 @@ namespace migrate {
 namespace {
 
 const char* const PROGRAM = "sondrel";
+const char* const RESTORE_PROGRAM = "sondrel-restore";
 
 bool isProgram(const std::string& path) {
   boost::system::error_code ignored;
@@ -68,23 +69,48 @@ void addContent(const Settings& settings, ArgList& line) {
   handOnSwitches(settings, {"no-check-space"}, line);
 }
 
-}  // namespace
+ArgList restoreCommand(Step step, const Settings& settings, const Places& places) {
+  ArgList line = {RESTORE_PROGRAM, nameOf(step)};
+  if (settings.has("dumps-dir")) line.push_back("--archives=" + settings.get("dumps-dir"));
+  if (settings.isOn("restore-install") && step != Step::VERIFY) line.emplace_back("--install");
+  line.push_back(places.session);
+  return line;
+}
 
-std::string findSondrel() {
+/// One that lies beside this program, or else the first one in PATH; empty when there is none.
+std::string findProgram(const std::string& name) {
   boost::system::error_code ignored;
   const boost::filesystem::path self = boost::filesystem::read_symlink("/proc/self/exe", ignored);
-  std::string beside = (self.parent_path() / PROGRAM).string();
+  std::string beside = (self.parent_path() / name).string();
   if (!self.empty() && isProgram(beside)) return beside;
   const char* const path = std::getenv("PATH");
   std::istringstream folders(path ? path : "");
   for (std::string folder; std::getline(folders, folder, ':');) {
     // An empty folder would mean the present one, which is anybody's.
-    if (!folder.empty() && isProgram(folder + "/" + PROGRAM)) return folder + "/" + PROGRAM;
+    std::string program = folder.empty() ? "" : folder + "/" + name;
+    if (isProgram(program)) return program;
   }
+  return "";
+}
+
+}  // namespace
+
+std::string findSondrel() {
+  std::string program = findProgram(PROGRAM);
+  if (!program.empty()) return program;
   throw Exc<&MigrateImpossible>(HERE) % "sondrel is neither beside this program nor in PATH";
 }
 
-ArgList sondrelCommand(Step step, const Settings& settings, const Places& places) {
+std::string findSondrelRestore() {
+  std::string program = findProgram(RESTORE_PROGRAM);
+  if (!program.empty()) return program;
+  throw Exc<&MigrateImpossible>(HERE) %
+      "sondrel-restore, which --restore needs, is neither beside this program nor in PATH: install "
+      "the package sondrel-restore";
+}
+
+ArgList commandOf(Step step, const Settings& settings, const Places& places) {
+  if (isOfRestore(step)) return restoreCommand(step, settings, places);
   ArgList line = beginOfCommand(settings, places);
   if (step != Step::SCOUT) addAgent(settings, places, line);
   switch (step) {
@@ -93,6 +119,9 @@ ArgList sondrelCommand(Step step, const Settings& settings, const Places& places
     case Step::DUMP: addDump(settings, line); break;
     case Step::CONTENT: addContent(settings, line); break;
     case Step::REMOVE: line.emplace_back("--remove-agent"); break;
+    case Step::PLAN:
+    case Step::APPLY:
+    case Step::VERIFY: break;
   }
   return line;
 }

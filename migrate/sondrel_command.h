@@ -12,6 +12,10 @@ namespace migrate {
 /// MigrateImpossible when there is none.
 std::string findSondrel();
 
+/// The sondrel-restore that lies beside this program, or else the first one in PATH. Throws
+/// MigrateImpossible when there is none.
+std::string findSondrelRestore();
+
 /// Where things are in one migration.
 struct Places {
   std::string session;
@@ -19,9 +23,9 @@ struct Places {
   std::string agentDir;
 };
 
-/// The command line of sondrel for a step, the program's name first. Without passwords:
+/// The command line of the program that makes a step, the program's name first. Without passwords:
 /// those go into its environment.
-ArgList sondrelCommand(Step step, const Settings& settings, const Places& places);
+ArgList commandOf(Step step, const Settings& settings, const Places& places);
 
 /// The command line that prints the dumping status of the agent.
 ArgList dumpingStatusCommand(const Settings& settings, const Places& places);

@@ -57,7 +57,7 @@ class ChildEnvironment {
         pointers_.push_back(*entry);
       }
     }
-    add(login_, LOGIN_VARIABLE, passwords.login);
+    if (passwords.login.isGiven()) add(login_, LOGIN_VARIABLE, passwords.login);
     if (passwords.sudo.isGiven()) add(sudo_, SUDO_VARIABLE, passwords.sudo);
     listedSizes_ = std::string(LISTED_SIZES_VARIABLE) + "=yes";
     pointers_.push_back(listedSizes_.data());

@@ -176,7 +176,12 @@ void State::save(const std::string& session) const {
     const xmlNodePtr node = document.newTextChild(document.root(), "setting", value);
     document.addAttribute(node, "name", name);
   }
-  for (const Step step : ALL_STEPS) writeRecord(document, step, of(step));
+  for (const Step step : ALL_STEPS) {
+    // Programs that know migrations without a restore read this, too.
+    const bool isSaid =
+        !isOfRestore(step) || settings.isOn("restore") || of(step).progress != Progress::WAITING;
+    if (isSaid) writeRecord(document, step, of(step));
+  }
   replaceByRootsFile(document, documentIn(session));
 }
 
@@ -191,7 +196,8 @@ std::vector<Step> State::plan() const {
   std::vector<Step> steps;
   for (const Step step : ALL_STEPS) {
     const bool leftOut = (step == Step::CONTENT && settings.isOn("no-content")) ||
-                         (step == Step::REMOVE && settings.isOn("keep-agent"));
+                         (step == Step::REMOVE && settings.isOn("keep-agent")) ||
+                         (isOfRestore(step) && !settings.isOn("restore"));
     if (!leftOut) steps.push_back(step);
   }
   return steps;
@@ -204,7 +210,8 @@ bool State::isFinished() const {
 
 void State::goBackTo(Step step) {
   const bool agentIsGone = of(Step::REMOVE).progress != Progress::WAITING;
-  const Step first = agentIsGone ? std::min(step, Step::DEPLOY) : step;
+  const bool needsAgent = !isOfRestore(step);
+  const Step first = agentIsGone && needsAgent ? std::min(step, Step::DEPLOY) : step;
   for (const Step later : ALL_STEPS) {
     if (later >= first) of(later) = {};
   }

@@ -62,7 +62,7 @@ class State {
   bool isFinished() const;
 
   /// Takes it that `step` and all later ones were not made. Once the agent is gone it has to
-  /// be deployed again for them.
+  /// be deployed again for them, unless they need none.
   void goBackTo(Step step);
 
   /// The agent's own folder on the source host.

@@ -6,8 +6,8 @@ namespace migrate {
 
 namespace {
 
-constexpr std::array<const char*, ALL_STEPS.size()> NAMES = {"scout", "deploy", "dump", "content",
-                                                             "remove"};
+constexpr std::array<const char*, ALL_STEPS.size()> NAMES = {"scout",  "deploy", "dump",  "content",
+                                                             "remove", "plan",   "apply", "verify"};
 
 }  // namespace
 

@@ -7,7 +7,8 @@ from world import (BINARY, DTM, HOST, ROOT, SESSION, SOURCE_TREE, Running, insta
 
 MIGRATE = f"{os.path.dirname(BINARY)}/sondrel-migrate"
 STEPS = ["scout", "deploy", "dump", "content", "remove"]
-STEPS_AND_STATUS = [*STEPS, "status"]
+RESTORE_STEPS = ["plan", "apply", "verify"]
+STEPS_AND_STATUS = [*STEPS, *RESTORE_STEPS, "status"]
 IMITATION = "/mnt/imitation"
 
 # Keeps what it was given, then does what the file of its step says, if there is one.
@@ -20,6 +21,7 @@ for word; do
     --get-content) step=content ;;
     --remove-agent) step=remove ;;
     --get-dumping-status) step=status ;;
+    plan | apply | verify) step=$word ;;
   esac
 done
 kept={IMITATION}/runs/$(ls {IMITATION}/runs | wc -l).$step
@@ -81,9 +83,9 @@ class State:
         return {name: node.get("state") for name, node in self.steps.items()}
 
 
-def progress_of(*states):
+def progress_of(*states, steps=tuple(STEPS)):
     """{step: state}; steps beyond the given states are waiting."""
-    return dict(zip(STEPS, [*states, *["waiting"] * (len(STEPS) - len(states))]))
+    return dict(zip(steps, [*states, *["waiting"] * (len(steps) - len(states))]))
 
 
 class ImitatedSondrel:
@@ -97,6 +99,10 @@ class ImitatedSondrel:
         os.makedirs(os.path.dirname(self.program))
         shutil.copy(MIGRATE, self.program)
         write(f"{self.folder}/sondrel", IMITATED_SONDREL, mode=0o755)
+
+    def can_restore(self):
+        """Puts an imitated sondrel-restore beside it, whose steps are steered in the same way."""
+        write(f"{self.folder}/sondrel-restore", IMITATED_SONDREL, mode=0o755)
 
     def does(self, step, script):
         """What a step does from now on, as lines of shell."""
@@ -138,6 +144,6 @@ class ImitatedSondrel:
             f"{IMITATION}/runs/{names[-1]}/complete")
 
     @staticmethod
-    def _names(kinds=tuple(STEPS)):
+    def _names(kinds=(*STEPS, *RESTORE_STEPS)):
         return sorted((name for name in os.listdir(f"{IMITATION}/runs") if name.partition(".")[2] in kinds),
                       key=lambda name: int(name.partition(".")[0]))

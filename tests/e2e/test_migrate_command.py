@@ -488,7 +488,7 @@ NO_SETTINGS = {
     "control character": ([*ALL, "--host=a\nb"], "--host holds control characters, or is not UTF-8 (see --help)"),
     "bytes": ([*ALL, os.fsdecode(b"--host=a\xff")], "--host holds control characters, or is not UTF-8 (see --help)"),
     "switch": ([*ALL, "--sudo=perhaps"], '--sudo is to be "yes" or "no" (see --help)'),
-    "step": ([*ALL, "--from=start"], "--from is to be scout, deploy, dump, content or remove (see --help)"),
+    "step": ([*ALL, "--from=start"], "--from is to be scout, deploy, dump, content, remove, plan, apply or verify (see --help)"),
     "no value": ([*ALL, "--port"], "--port needs a value (see --help)"),
     "operand": ([*ALL, "secret-passphrase"], "an argument that is no option (see --help)"),
     "unknown": ([*ALL, "--passwort=secret-passphrase"], "no such option: --passwort (see --help)"),

@@ -99,7 +99,7 @@ TEST(MigrateCommandTest, QuotesNothingSinceNoShellReadsIt) {
   const Settings settings = settingsOf(
       {{"host", "h"}, {"login", "a b"}, {"domains", "$(x),'y'"}, {"agent-name", "linux"}});
   EXPECT_EQ(
-      migrate::sondrelCommand(Step::DUMP, settings, {"/s p", "/root/a"}),
+      migrate::commandOf(Step::DUMP, settings, {"/s p", "/root/a"}),
       (ArgList{"sondrel", "--session-path=/s p", "--host=h", "--login=a b", "--agent-dir=/root/a",
                "--agent-name=linux", "--dump-selected", "--domains=$(x),'y'"}));
 }
@@ -112,7 +112,7 @@ TEST(MigrateCommandTest, EachActionTakesTheCommandLineOfItsStep) {
                                                {Step::REMOVE, "--remove-agent"}};
   const Settings settings = settingsOf({{"host", "h"}, {"login", "l"}, {"dump-all", ""}});
   for (const auto& [step, action] : actions) {
-    const ArgList line = migrate::sondrelCommand(step, settings, {"/s", "/root/a"});
+    const ArgList line = migrate::commandOf(step, settings, {"/s", "/root/a"});
     EXPECT_EQ(line.back(), action);
     EXPECT_EQ(line.size(), step == Step::SCOUT ? 5U : 7U);
   }

@@ -31,7 +31,7 @@ options:
   sudo_password: {type: str, description: What sudo asks for; may be empty.}
   from_step:
     type: str
-    choices: [scout, deploy, dump, content, remove]
+    choices: [scout, deploy, dump, content, remove, plan, apply, verify]
     description: Makes this step and those that follow again.
   slots:
     type: int
@@ -205,7 +205,7 @@ def main():
             settings=dict(type="dict", required=True),
             password=dict(type="str", no_log=True),
             sudo_password=dict(type="str", no_log=True),
-            from_step=dict(type="str", choices=["scout", "deploy", "dump", "content", "remove"]),
+            from_step=dict(type="str", choices=["scout", "deploy", "dump", "content", "remove", "plan", "apply", "verify"]),
             slots=dict(type="int", default=0),
             program=dict(type="str", default="sondrel-migrate")),
         supports_check_mode=True)
