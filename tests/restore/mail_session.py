@@ -21,6 +21,8 @@ def make_world():
         return
     for name in ("postfix", "dovecot", "systemd"):
         own_etc(name)
+    # Postfix makes what is in it.
+    os.makedirs("/var/spool/postfix", exist_ok=True)
     for name, uid in (("alice", ALICE), ("bob", BOB), ("vmail", VMAIL)):
         for table, line in (("passwd", f"{name}:x:{uid}:{uid}::/home/{name}:/bin/sh"), ("group", f"{name}:x:{uid}:"),
                             ("shadow", f"{name}:!:19000::::::")):

@@ -1,0 +1,271 @@
+"""The tables of ours that Postfix and Dovecot read, and the few settings that make them read them.
+
+`DIRECTORY` has one document for each domain; `write` makes all tables from them. A setting of Postfix is changed only
+if nobody has set it here; what it was is kept, for the day when the last domain goes.
+"""
+from __future__ import annotations
+
+import dataclasses
+import hashlib
+import json
+import os
+import re
+from collections.abc import Iterator
+from pathlib import Path
+
+from sondrel_restore.host import Host, group_of
+from sondrel_restore.hostfiles import atomic_write, make_directories, read_file, remove_file
+from sondrel_restore.kind import RestoreError
+from sondrel_restore.mail_tables import Alias, User, line_of_dovecot, maps_of_postfix
+from sondrel_restore.restore import Restore
+
+DIRECTORY = "/var/lib/sondrel-restore/mail"
+MADE = "made.json"
+POSTFIX = "/etc/postfix"
+USERS = "/etc/dovecot/sondrel-users"
+DOVECOT_SETTINGS = "/etc/dovecot/conf.d/99-sondrel-restore.conf"
+HEAD = "# Made by sondrel-restore. What is changed here by hand stays, and is not renewed any more.\n"
+# The settings of Postfix that are set, if they are at their default, with the table that each reads; of
+# virtual_mailbox_base the paths in ours begin at the root.
+SETTINGS = {
+    "virtual_alias_maps": "virtual", "virtual_mailbox_domains": "domains", "virtual_mailbox_maps": "mailboxes",
+    "virtual_uid_maps": "uids", "virtual_gid_maps": "gids", "virtual_mailbox_base": "",
+}
+WHERE_DOMAINS_ARE = ("mydestination", "virtual_mailbox_domains", "virtual_alias_domains", "relay_domains")
+DOVECOT_TEXT = """\
+passdb {
+  driver = passwd-file
+  args = username_format=%u /etc/dovecot/sondrel-users
+}
+userdb {
+  driver = passwd-file
+  args = username_format=%u /etc/dovecot/sondrel-users
+}
+"""
+
+
+@dataclasses.dataclass(frozen=True)
+class Tables:
+    """What a domain has in the tables; `refused` are sentences on what is left out."""
+
+    aliases: tuple[Alias, ...]
+    users: tuple[User, ...]
+    refused: tuple[str, ...] = ()
+
+
+def sum_of(tables: Tables) -> str:
+    """Tells whether two fetches say the same of a domain."""
+    return hashlib.sha256(json.dumps(dataclasses.asdict(tables), sort_keys=True).encode()).hexdigest()
+
+
+class MailService:
+    """The mail servers of this host."""
+
+    USERS = USERS
+
+    def __init__(self, restore: Restore) -> None:
+        self._restore = restore
+        self._host: Host = restore.host
+        self._domains_here: dict[str, str] | None = None
+
+    # --- the documents of the domains ---
+
+    def has(self, domain: str) -> bool:
+        """Whether the domain was kept."""
+        return os.path.lexists(_document(domain))
+
+    def keep(self, domain: str, tables: Tables) -> None:
+        """Keeps what a domain has in the tables, for `write`. It holds hashes: it is root's alone."""
+        make_directories(DIRECTORY, mode=0o700, uid=0, gid=0)
+        content = json.dumps({"aliases": [dataclasses.asdict(each) for each in tables.aliases],
+                              "users": [dataclasses.asdict(each) for each in tables.users]}).encode()
+        atomic_write(_document(domain), content, mode=0o600, uid=0, gid=0)
+
+    def drop(self, domain: str) -> None:
+        """The domain is in no table any more after the next `write`."""
+        remove_file(_document(domain))
+
+    def _kept(self) -> tuple[list[Alias], list[User]]:
+        aliases: list[Alias] = []
+        users: list[User] = []
+        for path in sorted(Path(DIRECTORY).glob("*.domain")):
+            document = json.loads(read_file(str(path)))
+            aliases += [Alias(each["source"], tuple(each["targets"])) for each in document["aliases"]]
+            users += [User(**each) for each in document["users"]]
+        return aliases, users
+
+    # --- what this host has without us ---
+
+    def taken(self, domain: str) -> str:
+        """The setting of Postfix by which this host has mail for the domain already; empty if there is none."""
+        if self._domains_here is None:
+            self._domains_here = self._values("-x", *WHERE_DOMAINS_ARE) if self._host.has_program("postconf") else {}
+        for setting, value in self._domains_here.items():
+            for word in re.split(r"[\s,]+", value):
+                if word.lower() == domain.lower() or _is_table(word) and self._found(word, domain):
+                    return setting
+        return ""
+
+    def _values(self, *arguments: str) -> dict[str, str]:
+        """Settings of Postfix by name."""
+        lines = self._host.run(["postconf", *arguments]).stdout.splitlines()
+        return {name.strip(): value.strip() for name, _, value in (line.partition("=") for line in lines)}
+
+    def _found(self, table: str, key: str) -> bool:
+        if f"{POSTFIX}/sondrel-" in table:
+            return False
+        return self._host.run(["postmap", "-q", key, table], check=False).status == 0
+
+    # --- writing ---
+
+    def write(self) -> None:
+        """Makes all tables from what is kept, and has the servers read them once they have checked them.
+
+        A server that refuses gets back what it had, and a RestoreError says so.
+        """
+        aliases, users = self._kept()
+        made = _Made()
+        if self._host.has_program("postconf"):
+            self._write_postfix(aliases, users, made)
+        else:
+            self._restore.name("mail", "Postfix is not here: its tables are made by an apply after its installation")
+        if self._host.has_program("doveconf"):
+            self._write_dovecot(users, made)
+        elif users:
+            self._restore.name("mail", "Dovecot is not here: its users are made by an apply after its installation")
+
+    def _write_postfix(self, aliases: list[Alias], users: list[User], made: _Made) -> None:
+        kind = self._host.run(["postconf", "-h", "default_database_type"]).stdout.strip()
+        main = read_file(f"{POSTFIX}/main.cf")
+        texts = maps_of_postfix(aliases, users)
+        wanted = {setting: f"{kind}:{POSTFIX}/sondrel-{table}" if table else "/"
+                  for setting, table in SETTINGS.items() if texts.get(table) or not table and users}
+        try:
+            for name, text in texts.items():
+                self._write_table(kind, f"{POSTFIX}/sondrel-{name}", text, made)
+            self._set(wanted, made)
+            self._host.run(["postfix", "check"])
+        except RestoreError as error:
+            atomic_write(f"{POSTFIX}/main.cf", main, mode=0o644, uid=0, gid=0)
+            raise RestoreError(f"Postfix keeps the settings that it had: {error}") from error
+        made.save()
+        if os.path.exists(f"{self._values('queue_directory')['queue_directory']}/pid/master.pid"):
+            # A file that is left of a crash: there is nothing to reload then.
+            if self._host.run(["postfix", "status"], check=False).status == 0:
+                self._host.run(["postfix", "reload"])
+
+    def _write_table(self, kind: str, path: str, text: str, made: _Made) -> None:
+        if not made.write(path, text, 0, 0o644):
+            self._restore.name("mail", f"{path} was changed here, and is not renewed: compare it with {DIRECTORY}")
+            return
+        if text:
+            self._host.run(["postmap", f"{kind}:{path}"])
+        else:
+            for ending in ("db", "lmdb", "cdb"):
+                remove_file(f"{path}.{ending}")
+
+    def _set(self, wanted: dict[str, str], made: _Made) -> None:
+        current, set_here = self._values(*SETTINGS), self._values("-n", *SETTINGS)
+        for setting, now in current.items():
+            value, ours = wanted.get(setting), made.settings.get(setting)
+            if value is None:
+                if ours is not None and now == ours:
+                    self._host.run(["postconf", "-X", setting])
+                made.settings.pop(setting, None)
+            elif now == value:
+                continue
+            elif now == ours or setting not in set_here:
+                self._host.run(["postconf", "-e", f"{setting}={value}"])
+                made.settings[setting] = value
+            else:
+                self._restore.name("mail", f"{setting} is set here and stays: add {value} to it in {POSTFIX}/main.cf")
+
+    def _write_dovecot(self, users: list[User], made: _Made) -> None:
+        group = group_of("dovecot")
+        text = "".join(line_of_dovecot(user) + "\n" for user in sorted(users, key=lambda each: each.address))
+        if not made.write(USERS, text, group.gr_gid if group else 0, 0o640):
+            self._restore.name("mail", f"{USERS} was changed here, and is not renewed: compare it with {DIRECTORY}")
+        version = self._host.run(["dovecot", "--version"]).stdout.split()
+        if users and (not version or not version[0].startswith("2.3")):
+            self._restore.name("mail", f"Dovecot here is not of 2.3: add a passdb and a userdb of the driver "
+                               f"passwd-file with {USERS} to its settings")
+            made.save()
+            return
+        if not made.write(DOVECOT_SETTINGS, DOVECOT_TEXT if users else "", 0, 0o644):
+            self._restore.name("mail", f"{DOVECOT_SETTINGS} was changed here, and is not renewed")
+        checked = self._host.run(["doveconf", "-n"], check=False)
+        if checked.status != 0:
+            remove_file(DOVECOT_SETTINGS)
+            raise RestoreError(f"Dovecot keeps the settings that it had: {checked.stderr.strip()[:500]}")
+        if users and USERS not in checked.stdout:
+            self._restore.name("mail", f"Dovecot does not read {DOVECOT_SETTINGS}: include it in dovecot.conf")
+        made.save()
+        if os.path.exists("/run/dovecot/master.pid"):
+            self._host.run(["doveadm", "reload"])
+
+    # --- asking ---
+
+    def answers(self, tables: Tables) -> Iterator[tuple[str, bool, str]]:
+        """What the servers say of each alias and mailbox: what was asked, whether it is right, and the difference."""
+        for alias in tables.aliases:
+            found = self._host.run(
+                ["postmap", "-q", alias.source, self._table("virtual")], check=False).stdout.strip()
+            yield f"alias {alias.source}", found == ", ".join(alias.targets), f"goes to {found or 'nobody'} here"
+        for user in tables.users:
+            found = self._host.run(
+                ["postmap", "-q", user.address, self._table("mailboxes")], check=False).stdout.strip()
+            yield f"delivery to {user.address}", found.strip("/") == user.path.strip("/"), f"{found or 'none'} here"
+
+    def _table(self, name: str) -> str:
+        kind = self._host.run(["postconf", "-h", "default_database_type"]).stdout.strip()
+        return f"{kind}:{POSTFIX}/sondrel-{name}"
+
+
+def _document(domain: str) -> str:
+    if not re.fullmatch(r"[a-z0-9_.-]+", domain) or domain.startswith("."):
+        raise RestoreError(f"{domain} is no domain that mail can have")
+    return f"{DIRECTORY}/{domain}.domain"
+
+
+def _is_table(word: str) -> bool:
+    return re.match(r"(?:hash|btree|lmdb|cdb|texthash|regexp|pcre|cidr):/", word) is not None
+
+
+class _Made:
+    """What was written before: sums of files, and settings, so that what somebody changed since can be told."""
+
+    def __init__(self) -> None:
+        self._path = f"{DIRECTORY}/{MADE}"
+        try:
+            document = json.loads(read_file(self._path))
+        except FileNotFoundError:
+            document = {"files": {}, "settings": {}}
+        self.files: dict[str, str] = document["files"]
+        self.settings: dict[str, str] = document["settings"]
+
+    def write(self, path: str, text: str, gid: int, mode: int) -> bool:
+        """Writes the file, or removes it if there is no text. False where somebody has changed it: then it stays."""
+        try:
+            here: bytes | None = read_file(path)
+        except FileNotFoundError:
+            here = None
+        content = (HEAD + text).encode()
+        if here is not None and here != content and hashlib.sha256(here).hexdigest() != self.files.get(path):
+            return False
+        if text:
+            # Noted first: killed in between, the next run knows the file for its own.
+            self.files[path] = hashlib.sha256(content).hexdigest()
+            if here != content:
+                atomic_write(path, content, mode=mode, uid=0, gid=gid)
+        else:
+            remove_file(path)
+            self.files.pop(path, None)
+        return True
+
+    def save(self) -> None:
+        """Keeps what was written."""
+        if not self.files and not self.settings:
+            remove_file(self._path)
+            return
+        content = json.dumps({"files": self.files, "settings": self.settings}).encode()
+        atomic_write(self._path, content, mode=0o600, uid=0, gid=0)
