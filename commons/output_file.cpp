@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "commons/ExSystemError.h"
 
 namespace {
 
@@ -45,6 +48,22 @@ std::streamsize FdStreamBuf::xsputn(const char* bytes, std::streamsize size) {
 void FdStreamBuf::writeOut() {
   sync_file_range(fd_, writtenOut_, written_ - writtenOut_, SYNC_FILE_RANGE_WRITE);
   writtenOut_ = written_;
+}
+
+void FileSystemSync::add(int descriptor) {
+  struct stat status {};
+  if (fstat(descriptor, &status) != 0) throwSystemError("fstat", errno);
+  for (const FileSystem& known : fileSystems_) {
+    if (known.device == status.st_dev) return;
+  }
+  UniqueFd copy(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+  if (!copy) throwSystemError("dup", errno);
+  fileSystems_.push_back({status.st_dev, std::move(copy)});
+}
+
+bool FileSystemSync::sync() {
+  return std::all_of(fileSystems_.begin(), fileSystems_.end(),
+                     [](const FileSystem& known) { return syncfs(known.file.get()) == 0; });
 }
 
 OutputFile::OutputFile(const std::string& path)

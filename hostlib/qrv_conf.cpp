@@ -51,6 +51,7 @@ const std::vector<Key>& knownKeys() {
       {"SSH_KNOWN_HOSTS_F"},
       {"SSH_HOST_KEY_POLICY", {"ignore", "accept-new", "strict"}},
       {"CONTENT_VERIFY", {"yes", "no"}},
+      {"CONTENT_BATCH", {"yes", "no"}},
   };
   return keys;
 }

@@ -25,6 +25,9 @@ constexpr int CANNOT_EXECUTE = 127;
 constexpr int FIRST_STATUS_OF_A_SIGNAL = 128;
 /// Asks sondrel for the sizes that the line of progress needs.
 const char* const LISTED_SIZES_VARIABLE = "QRV_LISTED_SIZES";
+/// Ask sondrel to have small files travel together. Who has set one decides otherwise.
+const std::array<const char*, 2> BATCH_VARIABLES = {"SONDREL_CONTENT_BATCH",
+                                                    "SONDREL_DEPLOY_BATCH"};
 
 struct Pipe {
   UniqueFd readEnd;
@@ -59,8 +62,11 @@ class ChildEnvironment {
     }
     if (passwords.login.isGiven()) add(login_, LOGIN_VARIABLE, passwords.login);
     if (passwords.sudo.isGiven()) add(sudo_, SUDO_VARIABLE, passwords.sudo);
-    listedSizes_ = std::string(LISTED_SIZES_VARIABLE) + "=yes";
-    pointers_.push_back(listedSizes_.data());
+    requests_ = {std::string(LISTED_SIZES_VARIABLE) + "=yes"};
+    for (const char* variable : BATCH_VARIABLES) {
+      if (!std::getenv(variable)) requests_.push_back(std::string(variable) + "=yes");
+    }
+    for (std::string& request : requests_) pointers_.push_back(request.data());
     pointers_.push_back(nullptr);
   }
   ~ChildEnvironment() {
@@ -84,7 +90,7 @@ class ChildEnvironment {
 
   std::string login_;
   std::string sudo_;
-  std::string listedSizes_;
+  std::vector<std::string> requests_;
   std::vector<char*> pointers_;
 };
 

@@ -5,6 +5,7 @@
 #include <ext/stdio_filebuf.h>
 
 #include <atomic>
+#include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include <map>
 #include <optional>
 #include <sstream>
+#include <utility>
 
 #include "commons/ExSystemError.h"
 #include "commons/ProgramTerminatedException.h"
@@ -35,6 +37,25 @@ log4cpp::Category& actionLog = log4cpp::Category::getInstance("k.Action");
 constexpr std::uint16_t DEFAULT_SSH_PORT = 22;
 constexpr unsigned int REFRESH_INTERVAL_S = 5;
 constexpr mode_t CONTENT_DIR_MODE = 0755;
+/// The status of a shell for a program that is there and cannot be run; the next one is that of
+/// a program that is not there.
+constexpr int NOT_EXECUTABLE_STATUS = 126;
+constexpr int NOT_FOUND_STATUS = 127;
+
+/// Removes the files whose names, each with a zero byte behind it, follow the first zero byte of
+/// its input. A name that was cut on its way could be that of another file: it is left out. Ends
+/// with SOME_NOT_REMOVED and tells then, behind a zero byte for each name, why it was not removed.
+constexpr char REMOVE_FILES[] =
+    R"($/ = "\0"; <STDIN>; )"
+    R"(while (<STDIN>) { chomp or last; push @errors, unlink($_) ? "" : "$!" } )"
+    R"(exit 0 unless grep { length } @errors; )"
+    R"(print map { "\0$_" } @errors; exit 3)";
+constexpr int SOME_NOT_REMOVED = 3;
+
+bool isNotThere(int exitStatus) {
+  return exitStatus == NOT_EXECUTABLE_STATUS || exitStatus == NOT_FOUND_STATUS;
+}
+
 constexpr mode_t OUTPUT_UMASK = 022;
 /// More than a million entries.
 constexpr std::size_t CONTENT_LIST_LIMIT = std::size_t{256} << 20;
@@ -125,11 +146,16 @@ bool isVerificationConfigured() {
   return value == "yes";
 }
 
+/// True when small content files are to travel together. Only speed depends on it: what cannot be
+/// understood, which the system log tells of, is a no.
+bool areBatchesWanted() {
+  return isAskedFor("SONDREL_CONTENT_BATCH") || configuredWord("CONTENT_BATCH") == "yes";
+}
+
 /// True when the caller wants to read in the migration status how far the transfer is by what
 /// is listed. Other callers know the document without that.
 bool areListedSizesWanted() {
-  const char* const value = std::getenv("QRV_LISTED_SIZES");
-  return value && std::strcmp(value, "yes") == 0;
+  return isAskedFor("QRV_LISTED_SIZES");
 }
 
 [[noreturn]] void rejectHostKeys(const std::string& host, const std::string& reason) {
@@ -211,6 +237,11 @@ std::string errorTextOf(const CollectedText& err) {
 }
 
 }  // namespace
+
+bool isAskedFor(const char* variable) {
+  const char* const value = std::getenv(variable);
+  return value && std::strcmp(value, "yes") == 0;
+}
 
 ArgsBuilder::ArgsBuilder(const std::string& firstWord) : line_(sh_quote(firstWord)) {}
 
@@ -465,15 +496,12 @@ void GetDumpingStatusAction::execute() {
 }
 
 void GetDumpingStatusAction::printStatus() {
-  /// From here on a status says that something ended the command, or that it was
-  /// never started.
-  constexpr int FIRST_STATUS_OF_A_SIGNAL = 128;
   const std::string path = remotePathOf(files::getRemoteDumpingStatusFileName());
   takeFile(path);
   const int exitStatus = getSsh().get(std::cout, path);
   if (!std::cout.flush()) throw Exc<&StreamWrite>(HERE);
   // Smaller ones are those of cat: the agent may not have written the file yet.
-  if (exitStatus >= FIRST_STATUS_OF_A_SIGNAL) {
+  if (exitStatus >= libssh2pp::Channel::FIRST_SIGNAL_STATUS) {
     actionLog.error("Reading " + path + " ended with status " + std::to_string(exitStatus));
     throw Exc<&DumpStatusError>(HERE);
   }
@@ -547,6 +575,7 @@ void RetrieveContentAction::execute() {
 
 void RetrieveContentAction::retrieveContent() {
   verify_ = isVerificationConfigured();
+  batching_ = areBatchesWanted();
   createContentDir();
   status()->setAgentParams(getConfig().host);
   status()->setTransferDump();
@@ -561,6 +590,7 @@ void RetrieveContentAction::retrieveContent() {
                                         static_cast<int>(entries.size()), &shown,
                                         areListedSizesWanted());
   for (const DumpFile& file : entries) retrieveEntry(file, progress);
+  retrieveBatch(progress);
   if (filesUnlikeTheList_ > 0) {
     throw Exc<&ContentVerificationFailed>(HERE) % filesUnlikeTheList_;
   }
@@ -605,19 +635,30 @@ void RetrieveContentAction::checkFreeSpace(const AgentFileList& list) {
 
 void RetrieveContentAction::retrieveEntry(const DumpFile& file,
                                           FileRetrievalProgressUpdater& progress) {
+  // The second of two entries of one name finds what the first has brought.
+  if (batch_.has(file.name)) retrieveBatch(progress);
   progress.startFile(file);
   if (!checkMD5(file)) {
-    if (download(file, progress)) {
-      removeRemoteFile(file);
-    } else {
-      ++filesUnlikeTheList_;
+    if (batching_ && ContentBatch::isFor(file)) {
+      if (!batch_.hasRoomFor(file)) retrieveBatch(progress);
+      batch_.add(file);
+      return;
     }
+    retrieveAlone(file, progress);
   }
   progress.finishFile();
 }
 
+void RetrieveContentAction::retrieveAlone(const DumpFile& file, Ssh::Counter& counter) {
+  if (download(file, counter)) {
+    removeRemoteFile(file);
+  } else {
+    ++filesUnlikeTheList_;
+  }
+}
+
 /// True when the file is here and may go there; false when it is not what the list says.
-bool RetrieveContentAction::download(const DumpFile& file, FileRetrievalProgressUpdater& progress) {
+bool RetrieveContentAction::download(const DumpFile& file, Ssh::Counter& counter) {
   const std::string remotePath = remotePathOf(file.name);
   const std::string localPath = contentFolder().pathOf(file.name);
   CollectedText err;
@@ -626,23 +667,27 @@ bool RetrieveContentAction::download(const DumpFile& file, FileRetrievalProgress
   if (verify_ || hasBraceExpansion(file.name)) sum.emplace();
   std::optional<std::string> failure;
   try {
-    failure = receive(file, err, progress, sum ? &*sum : nullptr);
+    failure = receive(file, err, counter, sum ? &*sum : nullptr);
   } catch (const ExTraceable& e) {
     throw Exc<&CantRetrieveContentFile>(e, HERE) % remotePath % getConfig().host % localPath %
         errorTextOf(err);
   }
-  if (failure) {
-    throw Exc<&CantRetrieveContentFile>(HERE) % remotePath % getConfig().host % localPath %
-        *failure;
-  }
-  return !sum || isAsListed(file, *sum);
+  if (failure) throw cantRetrieve(file.name, *failure);
+  if (!sum) return true;
+  const std::int64_t receivedBytes = sum->size();
+  return isAsListed(file, receivedBytes, sum->finish());
+}
+
+Exc<&CantRetrieveContentFile> RetrieveContentAction::cantRetrieve(const std::string& name,
+                                                                  const std::string& reason) const {
+  return Exc<&CantRetrieveContentFile>(HERE) % remotePathOf(name) % getConfig().host %
+         contentFolder().pathOf(name) % reason;
 }
 
 /// Nothing once the file is complete and on the disk, for then its remote copy goes;
 /// else what went wrong.
 std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file, CollectedText& err,
-                                                          FileRetrievalProgressUpdater& progress,
-                                                          Md5Sum* sum) {
+                                                          Ssh::Counter& counter, Md5Sum* sum) {
   const ServiceAccount& owner = serviceAccount();
   if (make_content_dir(targetDir(), owner.user, owner.group, CONTENT_DIR_MODE) != 0) {
     return std::strerror(errno);
@@ -650,7 +695,7 @@ std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file, 
   try {
     OutputFile local = contentFolder().create(file.name);
     local.setSum(sum);
-    if (fetch(file, local, err, progress) != 0) return errorTextOf(err);
+    if (fetch(file, local, err, counter) != 0) return errorTextOf(err);
     const FileIdentity written = local.identity();
     if (!local.syncAndClose()) return local.errorText();
     if (!contentFolder().isInPlace(file.name, written)) return "The file is no longer there";
@@ -663,9 +708,9 @@ std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file, 
 /// The exit status of the remote command. When the local file cannot be written, the reason
 /// goes to `err` before the error is thrown.
 int RetrieveContentAction::fetch(const DumpFile& file, OutputFile& local, CollectedText& err,
-                                 FileRetrievalProgressUpdater& progress) {
+                                 Ssh::Counter& counter) {
   try {
-    return getSsh().get(local, err, remotePathOf(file.name), progress);
+    return getSsh().get(local, err, remotePathOf(file.name), counter);
   } catch (const Exc<&StreamWrite>&) {
     if (!local.stream()) err << local.errorText();
     throw;
@@ -673,31 +718,38 @@ int RetrieveContentAction::fetch(const DumpFile& file, OutputFile& local, Collec
 }
 
 /// Records each difference in the result log.
-bool RetrieveContentAction::isAsListed(const DumpFile& file, Md5Sum& received) {
+bool RetrieveContentAction::isAsListed(const DumpFile& file, std::int64_t receivedBytes,
+                                       const std::string& sum) {
   if (!file.sizeIsListed && file.md5.empty() && hasBraceExpansion(file.name)) {
     theLog->log(Exc<&CantCompareFile>(HERE) % file.name);
     return false;
   }
-  const bool sameSize = !file.sizeIsListed || received.size() == file.size;
+  const bool sameSize = !file.sizeIsListed || receivedBytes == file.size;
   if (!sameSize) {
-    theLog->log(Exc<&WrongFileSize>(HERE) % file.name % received.size() % file.size);
+    theLog->log(Exc<&WrongFileSize>(HERE) % file.name % receivedBytes % file.size);
   }
-  const std::string sum = received.finish();
   const bool sameSum = file.md5.empty() || sum == file.md5;
   if (!sameSum) theLog->log(Exc<&WrongMd5Sum>(HERE) % file.name % sum % file.md5);
   return sameSize && sameSum;
 }
 
 void RetrieveContentAction::removeRemoteFile(const DumpFile& file) {
-  const std::string remotePath = remotePathOf(file.name);
+  const ArgsBuilder line = ArgsBuilder("rm") << remotePathOf(file.name);
+  tryRemoval({&file}, [&] {
+    CollectedText out;
+    CollectedText err;
+    if (execRoot(line.str(), out, err, false) != 0) logRemovalFailure(file, errorTextOf(err));
+  });
+}
+
+/// The files are here: whatever goes wrong with a removal is recorded, and no more.
+void RetrieveContentAction::tryRemoval(const std::vector<const DumpFile*>& files,
+                                       const std::function<void()>& remove) {
   const auto logFailure = [&](const std::string& reason) {
-    theLog->log(Exc<&UnableToRemoveRemoteFile>(HERE) % remotePath % getConfig().host % reason);
+    for (const DumpFile* file : files) logRemovalFailure(*file, reason);
   };
-  const ArgsBuilder line = ArgsBuilder("rm") << remotePath;
-  CollectedText out;
-  CollectedText err;
   try {
-    if (execRoot(line.str(), out, err, false) != 0) logFailure(errorTextOf(err));
+    remove();
   } catch (const MigrationTerminatedException&) {
     throw;
   } catch (const ExTraceable& e) {
@@ -706,6 +758,156 @@ void RetrieveContentAction::removeRemoteFile(const DumpFile& file) {
     logFailure(e.what());
   } catch (...) {
     logFailure("Unknown internal exception occured");
+  }
+}
+
+void RetrieveContentAction::logRemovalFailure(const DumpFile& file,
+                                              const std::string& reason) const {
+  theLog->log(Exc<&UnableToRemoveRemoteFile>(HERE) % remotePathOf(file.name) % getConfig().host %
+              reason);
+}
+
+// --- several files at once ---
+
+void RetrieveContentAction::retrieveBatch(FileRetrievalProgressUpdater& progress) {
+  const ContentBatch batch = std::exchange(batch_, ContentBatch());
+  if (batch.isEmpty()) return;
+  const ContentFolder folder = contentFolder();
+  BatchReceiver receiver(batch, folder, progress);
+  const BatchEnd end = receiveBatch(batch, receiver);
+  if (end.isUnableTo()) {
+    actionLog.notice("Each file is fetched by itself, since tar cannot be used there: " +
+                     end.errorText);
+    batching_ = false;
+  } else {
+    finishBatch(receiver, end);
+  }
+  retrieveEachAlone(receiver, progress);
+}
+
+/// Throws CantRetrieveContentFile, for the file that was coming, when the connection fails or this
+/// host cannot go on.
+BatchEnd RetrieveContentAction::receiveBatch(const ContentBatch& batch, BatchReceiver& receiver) {
+  const ServiceAccount& owner = serviceAccount();
+  if (make_content_dir(targetDir(), owner.user, owner.group, CONTENT_DIR_MODE) != 0) {
+    throw cantRetrieve(batch.files().front()->name, std::strerror(errno));
+  }
+  CollectedText err;
+  try {
+    const auto output = getSsh().getBatch(getConfig().agent_dir, batch.names(), err);
+    BatchEnd end = takeArchive(*output, receiver);
+    end.errorText = errorTextOf(err);
+    return end;
+  } catch (const ExTraceable& e) {
+    const std::string& name = receiver.current().file->name;
+    throw Exc<&CantRetrieveContentFile>(e, HERE) % remotePathOf(name) % getConfig().host %
+        contentFolder().pathOf(name) % errorTextOf(err);
+  }
+}
+
+BatchEnd RetrieveContentAction::takeArchive(RemoteOutput& output, BatchReceiver& receiver) {
+  BatchEnd end;
+  bool hasEnded = false;
+  TarReader archive([&] {
+    const std::string_view bytes = output.next();
+    (bytes.empty() ? hasEnded : end.isEmpty) = bytes.empty();
+    return bytes;
+  });
+  try {
+    receiver.receive(archive);
+    hasEnded = true;
+  } catch (const Exc<&ArchiveDamaged>& e) {
+    end.damage = e.what();
+  }
+  // What is no archive may go on for ever.
+  if (hasEnded) end.exitStatus = output.status();
+  return end;
+}
+
+/// Removes there what is complete and on the disk here. Throws CantRetrieveContentFile when a file
+/// has failed.
+void RetrieveContentAction::finishBatch(BatchReceiver& receiver, const BatchEnd& end) {
+  if (!receiver.sync()) {
+    throw cantRetrieve(receiver.files().front().file->name, std::strerror(errno));
+  }
+  std::vector<const DumpFile*> removable;
+  for (BatchedFile& file : receiver.files()) {
+    // A tar that complains fills up what it cannot read, and does not tell in the archive.
+    file.isStored = file.isStored && (end.isWhole() || file.isProven());
+    if (!file.isStored) continue;
+    if (!verify_ || isAsListed(*file.file, file.size, file.md5)) {
+      removable.push_back(file.file);
+    } else {
+      ++filesUnlikeTheList_;
+    }
+  }
+  receiver.explainMissing(end);
+  removeRemoteFiles(removable);
+  failForBatch(receiver);
+}
+
+/// Throws CantRetrieveContentFile for the first file that has failed; the result log has those
+/// behind it.
+void RetrieveContentAction::failForBatch(const BatchReceiver& receiver) const {
+  std::vector<std::pair<std::string, std::string>> failed;
+  for (const BatchedFile& file : receiver.files()) {
+    if (!file.failure.empty()) failed.emplace_back(file.file->name, file.failure);
+  }
+  if (receiver.surplus()) {
+    failed.emplace_back(*receiver.surplus(), "The archive has it, and nobody asked for it");
+  }
+  for (std::size_t i = 1; i < failed.size(); ++i) {
+    theLog->log(cantRetrieve(failed[i].first, failed[i].second));
+  }
+  if (!failed.empty()) throw cantRetrieve(failed.front().first, failed.front().second);
+}
+
+/// Those that are not here, after a batch that no file was to blame for: each tells by itself what
+/// is wrong with it.
+void RetrieveContentAction::retrieveEachAlone(const BatchReceiver& receiver,
+                                              FileRetrievalProgressUpdater& progress) {
+  for (const BatchedFile& file : receiver.files()) {
+    if (file.isStored) continue;
+    if (file.isCounted) {
+      retrieveAlone(*file.file, Ssh::null_counter);
+      continue;
+    }
+    progress.startFile(*file.file);
+    retrieveAlone(*file.file, progress);
+    progress.finishFile();
+  }
+}
+
+void RetrieveContentAction::removeRemoteFiles(const std::vector<const DumpFile*>& files) {
+  if (files.empty()) return;
+  // With a password that sudo does not want, it is in front of the first zero byte.
+  std::string names(1, '\0');
+  for (const DumpFile* file : files) names.append(remotePathOf(file->name)).push_back('\0');
+  const ArgsBuilder line = ArgsBuilder("perl") << "-e" << REMOVE_FILES;
+  int exitStatus = 0;
+  tryRemoval(files, [&] {
+    std::istringstream in(names);
+    CollectedText out;
+    CollectedText err;
+    exitStatus = execRoot(line.str(), in, out, err, false, true);
+    if (exitStatus != 0 && !isNotThere(exitStatus)) {
+      logRemovals(files, exitStatus, out.str(), errorTextOf(err));
+    }
+  });
+  if (!isNotThere(exitStatus)) return;
+  for (const DumpFile* file : files) removeRemoteFile(*file);
+}
+
+/// Records which of the removals failed, by what the command has told.
+void RetrieveContentAction::logRemovals(const std::vector<const DumpFile*>& files, int exitStatus,
+                                        const std::string& told, const std::string& errorText) {
+  std::vector<std::string> reasons;
+  boost::split(reasons, told, [](char c) { return c == '\0'; });
+  const bool isTold = exitStatus == SOME_NOT_REMOVED && reasons.size() > files.size();
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    // A login shell may have said something in front.
+    const std::string& reason = isTold ? reasons[reasons.size() - files.size() + i] : errorText;
+    if (!isTold || !reason.empty()) logRemovalFailure(*files[i], maskSecrets(reason));
   }
 }
 

@@ -5,6 +5,7 @@
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,6 +16,7 @@
 #include "commons/commons.h"
 #include "commons/content_folder.h"
 #include "commons/formats.h"
+#include "sondrel/content_batch.h"
 #include "sondrel/options.h"
 #include "sondrel/progress.h"
 #include "transport/ssh-transfer.h"
@@ -56,6 +58,9 @@ DECLARE_ERROR_TAG(ContentVerificationFailed,
 
 /// A sink for what an action has to tell its caller; nobody makes one yet.
 class Result;
+
+/// True when the environment variable, by which a caller asks for something, says "yes".
+bool isAskedFor(const char* variable);
 
 /// Builds a remote command line: each word quoted, one blank between words.
 class ArgsBuilder {
@@ -249,13 +254,27 @@ class RetrieveContentAction : public Action {
   void refuseUnsafeNames(const AgentFileList& list);
   void checkFreeSpace(const AgentFileList& list);
   void retrieveEntry(const DumpFile& file, FileRetrievalProgressUpdater& progress);
-  bool download(const DumpFile& file, FileRetrievalProgressUpdater& progress);
+  void retrieveAlone(const DumpFile& file, Ssh::Counter& counter);
+  bool download(const DumpFile& file, Ssh::Counter& counter);
   std::optional<std::string> receive(const DumpFile& file, CollectedText& err,
-                                     FileRetrievalProgressUpdater& progress, Md5Sum* sum);
-  int fetch(const DumpFile& file, OutputFile& local, CollectedText& err,
-            FileRetrievalProgressUpdater& progress);
-  static bool isAsListed(const DumpFile& file, Md5Sum& received);
+                                     Ssh::Counter& counter, Md5Sum* sum);
+  int fetch(const DumpFile& file, OutputFile& local, CollectedText& err, Ssh::Counter& counter);
+  static bool isAsListed(const DumpFile& file, std::int64_t receivedBytes, const std::string& sum);
   void removeRemoteFile(const DumpFile& file);
+  Exc<&CantRetrieveContentFile> cantRetrieve(const std::string& name,
+                                             const std::string& reason) const;
+
+  void retrieveBatch(FileRetrievalProgressUpdater& progress);
+  BatchEnd receiveBatch(const ContentBatch& batch, BatchReceiver& receiver);
+  static BatchEnd takeArchive(RemoteOutput& output, BatchReceiver& receiver);
+  void finishBatch(BatchReceiver& receiver, const BatchEnd& end);
+  void failForBatch(const BatchReceiver& receiver) const;
+  void retrieveEachAlone(const BatchReceiver& receiver, FileRetrievalProgressUpdater& progress);
+  void removeRemoteFiles(const std::vector<const DumpFile*>& files);
+  void logRemovals(const std::vector<const DumpFile*>& files, int exitStatus,
+                   const std::string& told, const std::string& errorText);
+  void logRemovalFailure(const DumpFile& file, const std::string& reason) const;
+  void tryRemoval(const std::vector<const DumpFile*>& files, const std::function<void()>& remove);
 
   std::string targetDir() const;
   ContentFolder contentFolder() const;
@@ -264,6 +283,9 @@ class RetrieveContentAction : public Action {
   /// Whether what arrives is compared with the list, which this host's configuration says.
   bool verify_ = false;
   int filesUnlikeTheList_ = 0;
+  /// Whether small files travel together; not any more once the source host turns out unable to.
+  bool batching_ = false;
+  ContentBatch batch_;
 };
 
 /// Deletes the remote agent directory. Never fails for the remote side's sake, so

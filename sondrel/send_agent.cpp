@@ -3,18 +3,31 @@
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
+#include <cstdint>
+#include <fstream>
 #include <log4cpp/Category.hh>
+#include <memory>
+#include <optional>
+#include <sstream>
 
 #include "commons/RecursiveDirIterator.h"
 #include "commons/files.h"
 #include "commons/secrets.h"
 #include "commons/session.h"
+#include "commons/tar_archive.h"
 
 namespace fs = boost::filesystem;
 
 namespace {
 
 log4cpp::Category& sendAgentLog = log4cpp::Category::getInstance("k.SendAgentAction");
+
+/// A larger file keeps the connection busy by itself.
+constexpr std::uintmax_t LARGEST_FILE_BYTES = std::uintmax_t{2} << 20;
+/// What is held in memory.
+constexpr std::size_t BATCH_BYTES = std::size_t{6} << 20;
+/// Far from what any system takes for a command.
+constexpr std::size_t COMMAND_BYTES = std::size_t{16} << 10;
 
 bool isThere(const fs::path& path) {
   boost::system::error_code unusable;
@@ -42,19 +55,44 @@ int countFilesIn(const fs::path& root) {
   return files;
 }
 
+/// What a file holds that is small enough to travel with others; none for another one, and for
+/// what cannot be read.
+std::optional<std::string> contentToBatch(const fs::path& local) {
+  boost::system::error_code unusable;
+  if (!fs::is_regular_file(local, unusable)) return std::nullopt;
+  const std::uintmax_t size = fs::file_size(local, unusable);
+  if (unusable || size > LARGEST_FILE_BYTES) return std::nullopt;
+  std::ifstream file(local.string(), std::ios::binary);
+  std::ostringstream content;
+  // Copying nothing counts as a failure.
+  if (!file || (size > 0 && !(content << file.rdbuf()))) return std::nullopt;
+  return content.str();
+}
+
 }  // namespace
+
+/// An archive that is being filled, in memory.
+struct SendAgentAction::UploadBatch {
+  std::stringstream archive;
+  TarWriter writer{archive};
+  std::vector<const Upload*> files;
+  std::size_t bytes = 0;
+};
 
 void SendAgentAction::execute() {
   sendAgentLog.notice("Copying agent " + getConfig().agent_name + " to the remote host.");
   const fs::path agentsDir = files::agents::getDir();
   const fs::path sharedDir = agentsDir / AGENTS_SHARED_DIR;
   if (!isThere(sharedDir)) throw Exc<&NoSharedAgentsDirectory>(HERE);
+  batching_ = isAskedFor("SONDREL_DEPLOY_BATCH");
   if (theProgressLine) countFiles(agentsDir);
   const auto display = showProgress([this] { return describe(); });
   sendTree(sharedDir);
   const fs::path agentDir = agentsDir / getConfig().agent_name;
   if (!isThere(agentDir)) throw Exc<&NoAgentDirectory>(HERE) % agentDir.string();
   sendTree(agentDir);
+  makeNotedDirs();
+  sendNotedFiles();
   sendAgentLog.notice(std::string("Getting agent deployment status"));
   requestAgentStatus();
 }
@@ -89,6 +127,7 @@ void SendAgentAction::sendTree(const fs::path& dir) {
 
 bool SendAgentAction::sendFile(const fs::path& root, const fs::path& local,
                                const fs::path& remote) {
+  if (batching_) return note(root, local, remote);
   if (!isDirectory(local)) {
     sendAgentLog.info("remote <copy " + remote.string() + " (from " + local.string() + ")");
     uploadFile(local.string(), remote.string());
@@ -98,6 +137,79 @@ bool SendAgentAction::sendFile(const fs::path& root, const fs::path& local,
   sendAgentLog.info("remote mkdir " + remote.string());
   makeRemoteDir(remote.string());
   return true;
+}
+
+/// Keeps the node for the time when all are known; of two files of one name the second wins.
+bool SendAgentAction::note(const fs::path& root, const fs::path& local, const fs::path& remote) {
+  if (isDirectory(local)) {
+    if (isLeftOut(root, local)) return false;
+    notedDirs_.push_back(remote.string());
+    return true;
+  }
+  const auto [place, isNew] = notedPlaces_.emplace(remote.string(), notedFiles_.size());
+  if (isNew) notedFiles_.emplace_back();
+  notedFiles_[place->second] = {local.string(), remote.string()};
+  return true;
+}
+
+void SendAgentAction::makeNotedDirs() {
+  for (std::size_t first = 0; first < notedDirs_.size();) {
+    ArgsBuilder made = ArgsBuilder("mkdir") << "-p";
+    ArgsBuilder given = ArgsBuilder("chown") << getConfig().login;
+    std::size_t end = first;
+    for (; end < notedDirs_.size() && made.str().size() < COMMAND_BYTES; ++end) {
+      sendAgentLog.info("remote mkdir " + notedDirs_[end]);
+      made << notedDirs_[end];
+      given << notedDirs_[end];
+    }
+    runForDir(made, notedDirs_[first]);
+    runForDir(given, notedDirs_[first]);
+    first = end;
+  }
+}
+
+void SendAgentAction::sendNotedFiles() {
+  // Files of one name were counted twice.
+  if (batching_ && filesTotal_ > 0) filesTotal_ = static_cast<int>(notedFiles_.size());
+  auto batch = std::make_unique<UploadBatch>();
+  for (const Upload& file : notedFiles_) {
+    const std::optional<std::string> content = contentToBatch(file.local);
+    if (!content) {
+      uploadFile(file.local, file.remote);
+      continue;
+    }
+    if (batch->bytes + content->size() > BATCH_BYTES) {
+      uploadBatch(*batch);
+      batch = std::make_unique<UploadBatch>();
+    }
+    sendAgentLog.info("remote <copy " + file.remote + " (from " + file.local + ")");
+    batch->writer.add(memberNameOf(file.remote), *content);
+    batch->bytes += content->size();
+    batch->files.push_back(&file);
+  }
+  uploadBatch(*batch);
+}
+
+/// The path relative to the agent directory.
+std::string SendAgentAction::memberNameOf(const std::string& remote) const {
+  const std::string& dir = getConfig().agent_dir;
+  return "." + std::string(dir.back() == '/' ? "/" : "") + remote.substr(dir.size());
+}
+
+void SendAgentAction::uploadBatch(UploadBatch& batch) {
+  if (batch.files.empty()) return;
+  file_ = batch.files.front()->remote;
+  batch.writer.finish();
+  std::string errorText;
+  const int exitStatus = getSsh().putBatch(batch.archive, getConfig().agent_dir, errorText);
+  if (exitStatus == 0) {
+    filesSent_ += static_cast<int>(batch.files.size());
+    return;
+  }
+  sendAgentLog.notice("Each file is sent by itself, since tar ended with exit status " +
+                      std::to_string(exitStatus) + ": " + maskSecrets(errorText));
+  // What is wrong with one of them is told for that one.
+  for (const Upload* file : batch.files) uploadFile(file->local, file->remote);
 }
 
 void SendAgentAction::makeRemoteDir(const std::string& remote) {

@@ -1,6 +1,10 @@
 #pragma once
 
 #include <boost/filesystem/path.hpp>
+#include <cstddef>
+#include <map>
+#include <string>
+#include <vector>
 
 #include "sondrel/actions.h"
 
@@ -15,7 +19,8 @@ DECLARE_ERROR_TAG(CantRequestAgentStatus,
 
 /// Copies the shared files and the agent's own, which win, into the remote agent
 /// directory, and stores what the agent then says of itself. Nothing is rolled back
-/// on failure.
+/// on failure. Where SONDREL_DEPLOY_BATCH asks for it, the folders are made by one command and the
+/// files travel in one archive, with the same result.
 class SendAgentAction : public Action {
  public:
   using Action::Action;
@@ -24,21 +29,40 @@ class SendAgentAction : public Action {
 
   /// Makes one node of a walked tree on the source host: folders as root, given to
   /// the login user, files as the login user. `root` is the top of the tree. False
-  /// for the top's control directory, which stays here.
+  /// for the top's control directory, which stays here. In batches, only notes the node.
   bool sendFile(const boost::filesystem::path& root, const boost::filesystem::path& local,
                 const boost::filesystem::path& remote);
 
  private:
+  /// A file that waits to be sent, and the path that it is to have.
+  struct Upload {
+    std::string local;
+    std::string remote;
+  };
+
+  struct UploadBatch;
+
   void countFiles(const boost::filesystem::path& agentsDir);
   std::string describe() const;
   void sendTree(const boost::filesystem::path& dir);
   void makeRemoteDir(const std::string& remote);
   void runForDir(const ArgsBuilder& line, const std::string& remote);
   void uploadFile(const std::string& local, const std::string& remote);
+  bool note(const boost::filesystem::path& root, const boost::filesystem::path& local,
+            const boost::filesystem::path& remote);
+  void makeNotedDirs();
+  void sendNotedFiles();
+  std::string memberNameOf(const std::string& remote) const;
+  void uploadBatch(UploadBatch& batch);
   void requestAgentStatus();
 
   int filesSent_ = 0;
   /// 0 while nobody wants to know, or where they cannot be counted.
   int filesTotal_ = 0;
   std::string file_;
+  bool batching_ = false;
+  std::vector<std::string> notedDirs_;
+  std::vector<Upload> notedFiles_;
+  /// Of each remote path, the place of its file.
+  std::map<std::string, std::size_t> notedPlaces_;
 };

@@ -67,6 +67,9 @@ class Channel : private TimeLimitLifter, public Handle<LIBSSH2_CHANNEL, dtm_libs
 
   /// Exit status of a command that the server refused to start.
   static constexpr int REFUSED_STATUS = 255;
+  /// From here on a status says that something ended the command, or that it was
+  /// never started.
+  static constexpr int FIRST_SIGNAL_STATUS = 128;
 
   /// `session` must outlive the channel.
   Channel(LIBSSH2_CHANNEL* channel, Session& session);

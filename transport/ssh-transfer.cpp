@@ -27,6 +27,8 @@ constexpr std::chrono::milliseconds GATHER_LIMIT{100};
 constexpr int POLL_LIMIT_MS = 5000;
 /// The same where somebody looks on.
 constexpr int WATCHED_POLL_LIMIT_MS = 1000;
+/// How much a command may say before its input is with it, where that is kept for its reader.
+constexpr std::size_t OUTPUT_AHEAD_BYTES = std::size_t{8} << 20;
 /// Downloaded files have mode 0644 whatever the mask of this process was.
 constexpr mode_t DOWNLOAD_UMASK = 022;
 
@@ -231,6 +233,72 @@ void Ssh::connect(const std::string& host, std::uint16_t port, bool disableEncry
   socket_ = std::move(socket);
 }
 
+/// One command whose output waits here for its reader, a chunk of it at a time.
+class Ssh::BatchOutput : public RemoteOutput {
+ public:
+  BatchOutput(Ssh& ssh, const std::string& command, std::istream& in, std::ostream& err)
+      : ssh_(ssh),
+        buffer_(pending_),
+        out_(&buffer_),
+        execution_(ssh.session_->openExecChannel(command, libssh2pp::Channel::BLOCKING), out_, err,
+                   true, null_counter) {
+    sshLog.debug("Executing " + command + " on the remote host");
+    execution_.sendInput(in, true);
+    execution_.sendEof(*ssh.session_);
+  }
+
+  std::string_view next() override {
+    given_.clear();
+    // What came while the input was sent is first.
+    while (pending_.empty() && !execution_.channel().atEof()) {
+      ssh_.look();
+      execution_.channel().poll(ssh_.onlooker_ ? WATCHED_POLL_LIMIT_MS : POLL_LIMIT_MS);
+      execution_.readTurn();
+    }
+    given_.swap(pending_);
+    return given_;
+  }
+
+  int status() override {
+    while (!next().empty()) {
+      // What stands behind the end of an archive is nobody's.
+    }
+    const int status = execution_.channel().waitForExitStatus();
+    sshLog.debug("Execution finished with return code " + std::to_string(status));
+    return status;
+  }
+
+ private:
+  /// Keeps a chunk, or what a command says that does not wait for its input; not without end.
+  class PendingBuf : public UnbufferedStreamBuf {
+   public:
+    explicit PendingBuf(std::string& pending) : pending_(pending) {}
+
+   protected:
+    std::streamsize xsputn(const char* bytes, std::streamsize size) override {
+      const auto count = static_cast<std::size_t>(size);
+      if (count > OUTPUT_AHEAD_BYTES - pending_.size()) return 0;
+      pending_.append(bytes, count);
+      return size;
+    }
+
+   private:
+    std::string& pending_;
+  };
+
+  Ssh& ssh_;
+  std::string pending_;
+  std::string given_;
+  PendingBuf buffer_;
+  std::ostream out_;
+  RemoteExecution execution_;
+};
+
+void Ssh::look() {
+  if (alarm_) alarm_->doAlarm();
+  if (onlooker_) onlooker_->look();
+}
+
 int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
               bool quietOutput, bool quietInput, Counter& counter) {
   sshLog.debug("Executing " + command + " on the remote host");
@@ -241,8 +309,7 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
     execution.sendInput(in, quietInput);
     execution.sendEof(*session_);
     while (!execution.channel().atEof()) {
-      if (alarm_) alarm_->doAlarm();
-      if (onlooker_) onlooker_->look();
+      look();
       execution.channel().poll(onlooker_ ? WATCHED_POLL_LIMIT_MS : POLL_LIMIT_MS);
       execution.readTurn();
     }
@@ -294,12 +361,44 @@ int Ssh::get(const std::string& localPath, const std::string& remotePath) {
 
 int Ssh::put(std::istream& in, const std::string& remotePath, std::string& errorText) {
   sshLog.debug("Writing data to the remote file " + remotePath);
-  const std::string command = (boost::format("cat > %1%") % sh_quote(remotePath)).str();
+  return upload(in, (boost::format("cat > %1%") % sh_quote(remotePath)).str(), errorText);
+}
+
+int Ssh::upload(std::istream& in, const std::string& command, std::string& errorText) {
   CollectedText out;
   CollectedText err;
   const int status = exec(command, in, out, err, true, true, null_counter);
   errorText = err.str();
   return status;
+}
+
+std::unique_ptr<RemoteOutput> Ssh::getBatch(const std::string& folder,
+                                            const std::vector<std::string>& names,
+                                            std::ostream& err) {
+  // Nothing in a name means anything to tar behind "./" but a backslash, which it is told.
+  const std::string command =
+      (boost::format("tar --create --file=- --format=gnu --directory=%1% --null --no-unquote "
+                     "--no-recursion --dereference --hard-dereference --files-from=-") %
+       sh_quote(folder))
+          .str();
+  std::string input;
+  for (const std::string& name : names) {
+    sshLog.debug("Reading data from the remote file " + folder + "/" + name);
+    input.append("./").append(name).push_back('\0');
+  }
+  std::istringstream in(input);
+  return std::make_unique<BatchOutput>(*this, command, in, err);
+}
+
+int Ssh::putBatch(std::istream& archive, const std::string& folder, std::string& errorText) {
+  sshLog.debug("Writing files to the remote folder " + folder);
+  // As `cat >` would: through links, into files that stay the same ones, with new times.
+  const std::string command =
+      (boost::format("tar --extract --file=- --directory=%1% --overwrite --dereference --touch "
+                     "--no-same-owner --no-same-permissions") %
+       sh_quote(folder))
+          .str();
+  return upload(archive, command, errorText);
 }
 
 int Ssh::put(std::istream& in, const std::string& remotePath) {

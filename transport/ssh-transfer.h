@@ -6,6 +6,8 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "commons/output_file.h"
 #include "transport/host_key_check.h"
@@ -95,8 +97,24 @@ class Onlooker {
   virtual void look() = 0;
 };
 
+/// The standard output of a remote command that is at work, taken part by part by the one who
+/// reads it. When it goes before its end, the command loses its output.
+class RemoteOutput {
+ public:
+  RemoteOutput() = default;
+  virtual ~RemoteOutput() = default;
+  RemoteOutput(const RemoteOutput&) = delete;
+  RemoteOutput& operator=(const RemoteOutput&) = delete;
+
+  /// The next bytes, valid until the next call; none at the end. Throws what Ssh::exec throws.
+  virtual std::string_view next() = 0;
+  /// The exit status of the command; waits for its end, and drops what it says until then. Throws
+  /// the same.
+  virtual int status() = 0;
+};
+
 /// The one SSH connection of a run: runs commands on the source host and copies
-/// files, by `cat`, in constant memory.
+/// files, by `cat`, or several at once by `tar`, in constant memory.
 ///
 /// `exec`, `get` and `put` return the exit status of the remote command and do not
 /// judge it. They throw InvalidHandle, StreamRead, StreamWrite, UnableToSendEof,
@@ -143,6 +161,16 @@ class Ssh {
   int get(OutputFile& localFile, std::ostream& err, const std::string& remotePath,
           Counter& counter);
 
+  /// Downloads several files below the remote `folder` as one tar archive, in which each has its
+  /// name behind "./". The names, at most 64 KiB of them, must not hold a zero byte; links are
+  /// followed. `err` must outlive what is returned, and so must the connection.
+  std::unique_ptr<RemoteOutput> getBatch(const std::string& folder,
+                                         const std::vector<std::string>& names, std::ostream& err);
+
+  /// Uploads the files of a tar archive into the remote `folder`, over those that are there, as
+  /// the login user and with what the umask leaves of their modes.
+  int putBatch(std::istream& archive, const std::string& folder, std::string& errorText);
+
   /// Uploads. A local file that cannot be read becomes an empty remote file.
   int put(std::istream& in, const std::string& remotePath);
   int put(const std::string& localPath, const std::string& remotePath);
@@ -164,6 +192,10 @@ class Ssh {
   void logIn(const std::string& login, const std::string& password, const LoginIdentity& identity,
              const PrivateKey* key);
   int put(std::istream& in, const std::string& remotePath, std::string& errorText);
+  int upload(std::istream& in, const std::string& command, std::string& errorText);
+  void look();
+
+  class BatchOutput;
 
   std::unique_ptr<Socket> socket_;
   std::unique_ptr<libssh2pp::Session> session_;

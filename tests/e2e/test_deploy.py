@@ -1,9 +1,10 @@
 """--deploy-agent."""
 import os
+import subprocess
 
 import pytest
 
-from world import (AGENTS, HOST, PLAIN, ROOT, SPEC, SUDOER, Destination, RemoteCommand, Session, files_below,
+from world import (AGENTS, HOST, PLAIN, ROOT, SPEC, SUDOER, Destination, RemoteCommand, Session, SourceHost, files_below,
                    install_agent, install_sample_agent, owner_and_mode, root_command, sh_quote, sudo_check,
                    user_line, write)
 
@@ -295,3 +296,97 @@ def test_fails_when_sudo_refuses(source):
 def test_reaches_the_host_by_its_name_too(source):
     install_agent(SCRIPT)
     assert Destination(host="localhost").run("deploy-agent", "--ip", HOST).code == 0
+
+
+# --- in batches ------------------------------------------------------------------------------
+
+ASKED = {"SONDREL_DEPLOY_BATCH": "yes"}
+UNPACKING = ("tar --extract --file=- --directory={} --overwrite --dereference --touch --no-same-owner "
+             "--no-same-permissions")
+
+
+def install_tree():
+    """An agent with names of all kinds; returns what is to be on the source host."""
+    install_agent(SCRIPT)
+    deep = "/".join(["d" * 200] * 3)
+    for path, content in {"shared/both": "shared", "shared/control/hidden": "3", "sample/both": "agent's",
+                          "sample/sub dir/it's\nback\\slash": bytes(range(256)), "sample/sub dir/-rf": "",
+                          f"sample/{deep}/file": "deep"}.items():
+        write(f"{AGENTS}/{path}", content, mode=0o750)
+    os.symlink("nothing", f"{AGENTS}/sample/dangling")
+    return {b"agent": SCRIPT.encode(), b"both": b"agent's", b"sub dir/it's\nback\\slash": bytes(range(256)),
+            b"sub dir/-rf": b"", f"{deep}/file".encode(): b"deep", b"dangling": b""}
+
+
+def owners_and_modes(folder):
+    return {os.path.relpath(f"{parent}/{name}", folder): owner_and_mode(f"{parent}/{name}")
+            for parent, folders, names in os.walk(folder) for name in [*folders, *names]}
+
+
+def test_one_archive_brings_what_single_files_would(source, login):
+    expected = install_tree()
+    assert Destination(login).run("deploy-agent").code == 0
+    assert files_below(login.agent_dir) == expected
+    by_single_files = owners_and_modes(login.agent_dir)
+    lines = len(source.lines())
+    # Over those that are there, and to where none is.
+    for fresh in (False, True):
+        if fresh:
+            subprocess.run(["rm", "-r", login.agent_dir], check=True)
+        outcome = Destination(login).run("deploy-agent", environment=ASKED)
+        assert (outcome.code, outcome.stdout, outcome.stderr) == (0, b"", b"")
+        assert files_below(login.agent_dir) == expected
+        assert owners_and_modes(login.agent_dir) == by_single_files
+    sent = source.lines()[lines:]
+    script = f"cd {login.agent_dir} && sh {login.agent_dir}/agent --get-status"
+    for line in (UNPACKING.format(login.agent_dir), root_command(login, f"sh -c {sh_quote(script)}").line):
+        assert sent.count(line) == 2
+    # The sign of a link that leads nowhere: it is sent by itself, and empty.
+    assert [line for line in sent if line.startswith("cat ")] == 2 * [f"cat > {login.agent_dir}/dangling"]
+    assert len(sent) == 2 * (5 + len(sudo_check(login)))
+    assert b" as " in Session().read("agent-deployment.status")
+
+
+def test_many_and_large_files_go_in_several_archives(source):
+    install_agent(SCRIPT)
+    content = {f"file-{number}": bytes([number]) * (1 << 20) for number in range(8)} | {"large": b"l" * (3 << 20)}
+    for name, text in content.items():
+        write(f"{AGENTS}/sample/{name}", text)
+    assert Destination(PLAIN).run("deploy-agent", environment=ASKED).code == 0
+    assert files_below(PLAIN.agent_dir) == {b"agent": SCRIPT.encode(),
+                                            **{name.encode(): text for name, text in content.items()}}
+    assert source.lines().count(UNPACKING.format(PLAIN.agent_dir)) == 2
+    assert f"cat > {PLAIN.agent_dir}/large" in source.lines()
+
+
+@pytest.mark.parametrize("script", ["exit 127", "cat > /dev/null; echo no such option >&2; exit 1"],
+                         ids=["missing", "of another kind"])
+def test_host_without_such_a_tar_is_sent_single_files(script):
+    expected = install_tree()
+    write("/mnt/bin/tar", f"#!/bin/sh\n{script}\n", mode=0o755)
+    with SourceHost(options=["SetEnv PATH=/mnt/bin:/usr/bin:/bin"], recording=False):
+        assert Destination(PLAIN).run("deploy-agent", environment=ASKED).code == 0
+    assert files_below(PLAIN.agent_dir) == expected
+
+
+def test_file_that_cannot_be_written_is_told_by_name(source):
+    install_tree()
+    os.makedirs(f"{PLAIN.agent_dir}/both")
+    os.chown(PLAIN.agent_dir, *PLAIN.ids)
+    outcome = Destination(PLAIN).run("deploy-agent", environment=ASKED)
+    assert outcome.code == 2
+    (code, _, text, _), = Session().messages()
+    assert code == "CantUploadAgentFile"
+    assert text.startswith(f"Can't upload agent file {PLAIN.agent_dir}/both to the remote host: ")
+    assert "Is a directory" in text
+
+
+def test_folder_that_cannot_be_made_is_told_by_name(source):
+    install_tree()
+    write(f"{PLAIN.agent_dir}/sub dir", "a file", owner=PLAIN.ids)
+    os.chown(PLAIN.agent_dir, *PLAIN.ids)
+    outcome = Destination(PLAIN).run("deploy-agent", environment=ASKED)
+    assert outcome.code == 2
+    (code, _, text, _), = Session().messages()
+    assert code == "CantCreateAgentDirectory"
+    assert f"{PLAIN.agent_dir}/sub dir" in text and "File exists" in text
