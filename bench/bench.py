@@ -135,6 +135,47 @@ class Bench:
     def deploy(self, count, rtt_ms=0):
         return self.per_file(self.upload, count, rtt_ms, "deploy-agent")
 
+    # --- small files in batches
+
+    def fetch_batches(self, count, rtt_ms=0, most=None):
+        """--get-content in batches, and the peer that removes what it has copied as well."""
+        count = self.scaled(count)
+        offer(make_pristine(count, SMALL), SMALL)
+        here = f"{MEMORY}/archives"
+
+        def prepare():
+            remove(MEMORY)
+            os.makedirs(here)
+            link_files(OFFERED)
+            os.sync()
+
+        def check(name):
+            same(PRISTINE, f"{here}/content")
+            if any(files for _, _, files in os.walk(OFFERED)):
+                sys.exit(f"{name} has left files")
+
+        with Link(rtt_ms) as link:
+            contestants = {"sondrel": sondrel(link, MEMORY, batches=True),
+                           "rsync": rsync(link, f"{PEER}:{OFFERED}", here, "--remove-source-files")}
+            return self.batch_figures(measure(contestants, self._pairs, prepare, check), most, 2)
+
+    def deploy_batches(self, count, rtt_ms=0, most=None):
+        count = self.scaled(count)
+        catalogue(count, SMALL)
+        with Link(rtt_ms) as link:
+            contestants = {"sondrel": sondrel(link, MEMORY, "deploy-agent", batches=True),
+                           "rsync": rsync(link, f"{CATALOGUED}/", f"{PEER}:{ROOT.agent_dir}")}
+            measured = measure(contestants, self._pairs, lambda: remove(MEMORY, ROOT.agent_dir),
+                               lambda name: same(CATALOGUED, ROOT.agent_dir))
+        return self.batch_figures(measured, most)
+
+    @staticmethod
+    def batch_figures(measured, most, most_times=None):
+        seconds = measured["sondrel"].seconds
+        return measured, [Figure("median", seconds, "s", most=most),
+                          Figure("time, rsync = 1:", seconds / measured["rsync"].seconds, "", most=most_times),
+                          Figure("peak memory", measured["sondrel"].peak_mib, "MiB", most=32)]
+
     def upload(self, count, link):
         catalogue(count, SMALL)
         contestants = {"sondrel": sondrel(link, MEMORY, "deploy-agent"),
@@ -260,6 +301,9 @@ CASES = {
     "present-large": Bench.present_large,
     "deploy-loopback": lambda bench: bench.deploy(300),
     "deploy-50ms": lambda bench: bench.deploy(300, 50),
+    "batch-loopback": lambda bench: bench.fetch_batches(2000, most=1.5),
+    "batch-50ms": lambda bench: bench.fetch_batches(200, 50, most=2.5),
+    "batch-deploy-50ms": lambda bench: bench.deploy_batches(300, 50, most=2.5),
     "memory": Bench.memory,
     "help": Bench.usage_text,
 }

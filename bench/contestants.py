@@ -124,16 +124,17 @@ class Link:
 
 # --- the contestants: each function gives the commands ---------------------------------------
 
-def sondrel(link, session, action="get-content"):
-    return [[BINARY, *Destination(ROOT, session=session).arguments(action, "--port", str(link.port))]]
+def sondrel(link, session, action="get-content", batches=False):
+    asked = ["env", "SONDREL_CONTENT_BATCH=yes", "SONDREL_DEPLOY_BATCH=yes"] if batches else []
+    return [[*asked, BINARY, *Destination(ROOT, session=session).arguments(action, "--port", str(link.port))]]
 
 
 def scp(link, source, target):
     return [["scp", "-q", "-r", *SSH_OPTIONS, "-o", f"Port={link.port}", source, target]]
 
 
-def rsync(link, source, target):
-    return [["rsync", "-a", "-e", shlex.join(["ssh", *SSH_OPTIONS, "-p", str(link.port)]), source, target]]
+def rsync(link, source, target, *options):
+    return [["rsync", "-a", *options, "-e", shlex.join(["ssh", *SSH_OPTIONS, "-p", str(link.port)]), source, target]]
 
 
 def ssh(link, *command, options=()):

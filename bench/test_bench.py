@@ -11,7 +11,7 @@ from contestants import TOP
 
 HERE = f"{TOP}/bench"
 SMOKE = ["relay", "loopback-tmpfs", "loopback-disk", "rtt-10-1gbit", "many-50ms", "present-many", "present-large",
-         "deploy-loopback", "memory", "help"]
+         "deploy-loopback", "batch-50ms", "batch-deploy-50ms", "memory", "help"]
 RESULTS = "/mnt/results.json"
 
 
@@ -40,6 +40,8 @@ def test_measures_every_kind_of_case():
         assert contestants[name] == ["sondrel", "scp", "rsync"]
         seconds = {peer: runs["median_seconds"] for peer, runs in cases[name]["contestants"].items()}
         assert cases[name]["figures"][0]["value"] == min(seconds["scp"], seconds["rsync"]) / seconds["sondrel"]
+    for name in "batch-50ms", "batch-deploy-50ms":
+        assert contestants[name] == ["sondrel", "rsync"]
     # Nothing gets to know of a file 50 ms away in less than that.
     figures = {figure["what"]: figure["value"] for figure in cases["many-50ms"]["figures"]}
     assert figures["per file at 50 ms"] > 50 and figures["round trips per file"] > 1

@@ -383,7 +383,7 @@ std::unique_ptr<RemoteOutput> Ssh::getBatch(const std::string& folder,
           .str();
   std::string input;
   for (const std::string& name : names) {
-    sshLog.debug("Reading data from the remote file " + folder + "/" + name);
+    sshLog.debugStream() << "Reading data from the remote file " << folder << "/" << name;
     input.append("./").append(name).push_back('\0');
   }
   std::istringstream in(input);

@@ -25,7 +25,7 @@ NOT_IN_USAGE = {"--verbose", "--content-transport"}
 # Codes of errors that no caller ever reads in a result: they are caught, raised by nothing
 # that this program does, or end it before there is a result.
 NOT_IN_RESULTS = {
-    "Agent::ParseFailed", "NoSuchAttribute", "SshAuthorizationFailed",
+    "Agent::ParseFailed", "ArchiveDamaged", "NoSuchAttribute", "SshAuthorizationFailed",
     "ExecCmd::ExFailed", "NoParentNode", "SudoNotFound", "SudoNotAllowed", "SshCommandNotFound", "SshUnknown",
     "tError_WrongContent", "tError_XPath_CantEvaluate", "tError_XPath_TypesMismatch", "tError_XmlInternal",
     "UnknownAction", "OptParsingError", "UnableToCreateSession", "UnableToOpenScoutFile",
@@ -123,7 +123,7 @@ def test_man_page_has_every_code_that_a_result_can_show():
 
 
 def test_man_page_has_every_variable():
-    read_here = re.findall(r'"(QRV_[A-Z_]+)"|getenv\("([A-Z_]+)"\)', sources())
+    read_here = re.findall(r'"((?:QRV|SONDREL)_[A-Z_]+)"|getenv\("([A-Z_]+)"\)', sources())
     assert set(items("sondrel.8", "ENVIRONMENT", "Ev")) == {name for names in read_here for name in names if name}
 
 
