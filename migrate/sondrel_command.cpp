@@ -87,7 +87,8 @@ std::string findProgram(const std::string& name) {
   std::istringstream folders(path ? path : "");
   for (std::string folder; std::getline(folders, folder, ':');) {
     // An empty folder would mean the present one, which is anybody's.
-    std::string program = folder.empty() ? "" : folder + "/" + name;
+    if (folder.empty()) continue;
+    std::string program = folder.append("/").append(name);
     if (isProgram(program)) return program;
   }
   return "";
