@@ -76,6 +76,14 @@ def is_vacant(path: str) -> bool:
         return False
 
 
+def existing_part(path: str) -> str:
+    """The path, or the nearest directory above it that is there."""
+    place = path
+    while not os.path.isdir(place):
+        place = os.path.dirname(place)
+    return place
+
+
 def _name(uid: int) -> str:
     try:
         return pwd.getpwuid(uid).pw_name

@@ -2,7 +2,6 @@
 from __future__ import annotations
 
 import argparse
-import dataclasses
 import json
 import re
 import signal
@@ -11,10 +10,11 @@ from collections.abc import Callable, Sequence
 
 from sondrel_restore import printing, verification
 from sondrel_restore.description import Description
-from sondrel_restore.kind import Kind, RestoreError
+from sondrel_restore.kind import RestoreError
 from sondrel_restore.kinds import all_kinds
 from sondrel_restore.report import write_report
-from sondrel_restore.restore import (Outcome, Plan, Restore, apply_plan, make_plan, undo_all, verify_items)
+from sondrel_restore.packages import install
+from sondrel_restore.restore import (Outcome, Restore, apply_plan, make_plan, undo_all, verify_items)
 from sondrel_restore.selection import Decisions, Selection
 from sondrel_restore.session import Session
 
@@ -64,7 +64,7 @@ def _restore(options: argparse.Namespace) -> Restore:
 # --- commands ---
 
 def _run_plan(restore: Restore, options: argparse.Namespace) -> int:
-    plan = _checked_plan(restore, all_kinds())
+    plan = make_plan(restore, all_kinds())
     restore.progress.erase()
     if options.format == "json":
         json.dump(printing.plan_document(plan), sys.stdout, indent=1)
@@ -74,26 +74,15 @@ def _run_plan(restore: Restore, options: argparse.Namespace) -> int:
     return DONE if plan.is_ready else UNDECIDED
 
 
-def _checked_plan(restore: Restore, kinds: Sequence[Kind]) -> Plan:
-    """A plan, in which each object that an option names is there."""
-    everything = dataclasses.replace(restore.decisions, skipped=frozenset())
-    decisions, restore.decisions = restore.decisions, everything
-    try:
-        plan = make_plan(restore, kinds)
-    finally:
-        restore.decisions = decisions
-    known = {item.identifier for item in plan.items} | {f"package:{each.package}" for each in plan.missing}
-    unknown = sorted((decisions.replaced | decisions.skipped) - known)
-    if unknown:
-        raise RestoreError(f"No object of the plan is {', '.join(unknown)}: `plan` has their names")
-    return Plan([item for item in plan.items if not decisions.skip(item.identifier)],
-                [each for each in plan.missing if not decisions.skip(f"package:{each.package}")])
-
-
 def _run_apply(restore: Restore, _: argparse.Namespace) -> int:
     kinds = all_kinds()
     with restore.journal.locked():
-        plan = _checked_plan(restore, kinds)
+        plan = make_plan(restore, kinds)
+        names = {each.package for each in plan.missing} - {""}
+        # With a decision to be made nothing is changed.
+        if restore.decisions.install and names and not plan.undecided():
+            install(restore, names)
+            plan = make_plan(restore, kinds)
         if not plan.is_ready:
             restore.progress.erase()
             printing.print_undecided(restore, plan)
@@ -106,7 +95,7 @@ def _run_apply(restore: Restore, _: argparse.Namespace) -> int:
 
 def _run_verify(restore: Restore, options: argparse.Namespace) -> int:
     kinds = all_kinds()
-    plan = _checked_plan(restore, kinds)
+    plan = make_plan(restore, kinds)
     findings = list(verify_items(restore, kinds, plan))
     verification.save(restore.session.journal_directory, findings)
     restore.progress.erase()

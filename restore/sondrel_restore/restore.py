@@ -92,9 +92,14 @@ class Outcome:
     left: list[Left] = dataclasses.field(default_factory=list)
 
 
-def plan_kind(restore: Restore, kind: Kind) -> Iterator[Item]:
-    """The selected objects of a kind; a conflict that is decided by --replace is to be made."""
+def plan_kind(restore: Restore, kind: Kind, known: set[str] | None = None) -> Iterator[Item]:
+    """The selected objects of a kind; a conflict that is decided by --replace is to be made.
+
+    Adds to `known` the identifiers of all objects of the description, those that are left out too.
+    """
     for item in kind.plan(restore):
+        if known is not None:
+            known.add(item.identifier)
         restore.progress.show(f"looking at {item.kind} {item.name}")
         if not restore.selection.takes(item) or restore.decisions.skip(item.identifier):
             continue
@@ -107,11 +112,15 @@ def make_plan(restore: Restore, kinds: Sequence[Kind]) -> Plan:
     """Asks all kinds. Changes nothing. RestoreError if an option names an object that there is not."""
     items: list[Item] = []
     missing: list[Missing] = []
+    known = {f"package:{package.get('name')}" for package in restore.description.tree.iterfind(".//site/package")}
     for kind in kinds:
-        items += plan_kind(restore, kind)
-        missing += [each for each in kind.missing(restore)
-                    if not restore.decisions.skip(f"package:{each.package}")]
-    return Plan(items, missing)
+        items += plan_kind(restore, kind, known)
+        missing += kind.missing(restore)
+    known |= {f"package:{each.package}" for each in missing}
+    unknown = sorted((restore.decisions.replaced | restore.decisions.skipped) - known)
+    if unknown:
+        raise RestoreError(f"No object of the plan is {', '.join(unknown)}: `plan` has their names")
+    return Plan(items, [each for each in missing if not restore.decisions.skip(f"package:{each.package}")])
 
 
 def apply_plan(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Outcome:

@@ -42,7 +42,8 @@ class AccountKind(Kind):
             state, says, decisions = _state(restore, account, here)
             item = Item(self.name, account.name, state, says, decisions, frozenset(domains.get(account.name, ())),
                         frozenset({account.name} & clients), (here, account))
-            if state is not State.IMPOSSIBLE and restore.selection.takes(item):
+            if state is not State.IMPOSSIBLE and restore.selection.takes(item) and not restore.decisions.skip(
+                    item.identifier):
                 restore.offer("account", account.name, here)
             yield item
 

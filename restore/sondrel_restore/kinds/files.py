@@ -2,14 +2,15 @@
 from __future__ import annotations
 
 import dataclasses
+import os
 import re
 from collections.abc import Iterator
 
-from sondrel_restore.accepted import is_vacant, why_not, why_not_owners
+from sondrel_restore.accepted import existing_part, is_vacant, why_not, why_not_owners
 from sondrel_restore.description import Element, is_below
 from sondrel_restore.host import account_of
 from sondrel_restore.journal import Entry
-from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, State
+from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing, State
 from sondrel_restore.restore import Restore
 from sondrel_restore.unpacking import remove_unpacked, unpack, verify_unpacked
 
@@ -49,6 +50,26 @@ class FilesKind(Kind):
         for archived in found.values():
             if archived.roots:
                 yield self._item(restore, archived)
+
+    def missing(self, restore: Restore) -> Iterator[Missing]:
+        """Space, by file system; what is renewed needs no more than it has."""
+        needed: dict[int, int] = {}
+        places: dict[int, str] = {}
+        for item in self.plan(restore):
+            if item.state is not State.MAKE or not restore.selection.takes(item) or restore.decisions.skip(
+                    item.identifier):
+                continue
+            assert isinstance(item.data, _Archived)
+            place = existing_part(min(item.data.roots))
+            device = os.stat(place).st_dev
+            places.setdefault(device, place)
+            needed[device] = needed.get(device, 0) + int(item.data.content.get("unpacked"))
+        for device, size in needed.items():
+            about = os.statvfs(places[device])
+            free = about.f_bavail * about.f_frsize
+            if free < size:
+                yield Missing("", f"the file system of {places[device]} has {free:,} bytes free, and the files need "
+                              f"{size:,}")
 
     def _item(self, restore: Restore, archived: _Archived) -> Item:
         state, says, decisions = _state(restore, archived, f"{self.name}:{archived.name}")

@@ -5,7 +5,12 @@ from collections.abc import Iterator
 
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing
+from sondrel_restore.packages import installed_packages, sections
 from sondrel_restore.restore import Restore
+
+# Sections of packages that are applications of sites. Others may bring services that nobody asked for: a source
+# host that was broken into must not choose them.
+_OF_APPLICATIONS = ("web", "php", "httpd", "fonts", "javascript")
 
 
 class PackageKind(Kind):
@@ -24,8 +29,15 @@ class PackageKind(Kind):
             for package in domain.element.iterfind("site/package"):
                 if package.get("manager") == "dpkg":
                     wanted.setdefault(package.get("name"), f"the application of {domain.name} is from it")
-        for name in sorted(set(wanted) - installed_packages(restore)):
-            yield Missing(name, wanted[name])
+        lacking = set(wanted) - installed_packages(restore).keys() if wanted else set()
+        known = sections(restore, lacking)
+        for name in sorted(lacking):
+            if known.get(name) in _OF_APPLICATIONS:
+                yield Missing(name, wanted[name])
+            elif not restore.decisions.skip(f"package:{name}"):
+                why = f"it is of the section {known[name]}" if name in known else "apt does not know it here"
+                yield Missing("", f"{wanted[name]}: {name}; {why}. Install it by hand, or leave it out by "
+                              f"--skip=package:{name}")
 
     def apply(self, restore: Restore, item: Item) -> Facts:
         return {}
@@ -35,12 +47,6 @@ class PackageKind(Kind):
 
     def undo(self, restore: Restore, entry: Entry) -> Left | None:
         return None
-
-
-def installed_packages(restore: Restore) -> set[str]:
-    """The packages that are installed here."""
-    result = restore.host.run(["dpkg-query", "--show", "--showformat=${db:Status-Abbrev}\t${Package}\n"])
-    return {line.split("\t")[1] for line in result.stdout.splitlines() if line.startswith("ii")}
 
 
 KINDS = (PackageKind,)

@@ -1,0 +1,44 @@
+"""Packages of this host, by dpkg and apt."""
+from __future__ import annotations
+
+import re
+from collections.abc import Collection
+
+from sondrel_restore.kind import RestoreError
+from sondrel_restore.restore import Restore
+
+_NAME = re.compile(r"[a-z0-9][a-z0-9+.-]+")
+# In seconds: some are large, and networks are slow.
+_TIME_LIMIT = 3600.0
+
+
+def installed_packages(restore: Restore) -> dict[str, str]:
+    """The packages that are installed here, with their versions."""
+    result = restore.host.run(["dpkg-query", "--show", "--showformat=${db:Status-Abbrev}\t${Package}\t${Version}\n"])
+    fields = (line.split("\t") for line in result.stdout.splitlines())
+    return {name: version for status, name, version in fields if status.startswith("ii")}
+
+
+def sections(restore: Restore, names: Collection[str]) -> dict[str, str]:
+    """The sections of the archive that those of the packages are in which apt knows here ("web", "php")."""
+    known = sorted(name for name in names if _NAME.fullmatch(name))
+    if not known or not restore.host.has_program("apt-cache"):
+        return {}
+    said = restore.host.run(["apt-cache", "show", "--no-all-versions", "--", *known], check=False).stdout
+    found = {}
+    for paragraph in said.split("\n\n"):
+        fields = dict(line.split(": ", 1) for line in paragraph.splitlines() if re.match(r"[A-Z][A-Za-z-]*: ", line))
+        if "Package" in fields:
+            found[fields["Package"]] = fields.get("Section", "").rpartition("/")[2]
+    return found
+
+
+def install(restore: Restore, names: Collection[str]) -> None:
+    """Installs packages with what they depend on, by apt, without questions. RestoreError with what apt says."""
+    wrong = [name for name in names if not _NAME.fullmatch(name)]
+    if wrong:
+        raise RestoreError(f"{', '.join(sorted(wrong))} is no name of a package")
+    restore.progress.show(f"installing {len(names)} packages")
+    options = ["--assume-yes", "--no-install-recommends", "--no-remove"]
+    restore.host.run(["apt-get", "install", *options, "--", *sorted(names)],
+                     env={"DEBIAN_FRONTEND": "noninteractive"}, time_limit=_TIME_LIMIT)
