@@ -43,7 +43,7 @@ class User:
     gid: int
     home: str
     quota: str
-    password: str
+    password: str = dataclasses.field(repr=False)
 
 
 def split_address(address: str) -> tuple[str, str] | None:

@@ -11,10 +11,12 @@ from pathlib import Path
 
 import pytest
 from destination import snapshot
-from mail_session import VMAIL, Fetched, Run, make_world
+from lxml import etree
+from mail_session import VMAIL, Fetched, Run, archive, make_world
 
 from sondrel_restore import mail_service
 from sondrel_restore.kind import State
+from sondrel_restore.kinds.job import OFF
 from sondrel_restore.kinds.mail import Mailbox, MailDomain
 from sondrel_restore.mail_tables import HASH, hash_of, objection_to_target, split_address
 
@@ -371,6 +373,66 @@ def test_knows_addresses_from_other_texts():
     assert objection_to_target("alice", {"alice"}) == "" != objection_to_target("root", {"alice"})
 
 
+# --- delivery ---
+
+@pytest.fixture
+def postfix():
+    """A Postfix that runs with Debian's services, but for the one that listens to the world."""
+    master = Path("/etc/postfix/master.cf")
+    services = master.read_text(encoding="ascii")
+    master.write_text(services.replace("\nsmtp      inet", "\n#smtp      inet"), encoding="ascii")
+    with open("/etc/postfix/main.cf", "a", encoding="ascii") as file:
+        file.write("inet_interfaces = loopback-only\nmaillog_file = /var/log/mail.log\nalias_maps =\n")
+    subprocess.run(["postfix", "start"], check=True, capture_output=True)
+    yield
+    subprocess.run(["postfix", "stop"], check=True, capture_output=True)
+    master.write_text(services, encoding="ascii")
+
+
+@pytest.mark.usefixtures("postfix")
+def test_has_a_running_postfix_deliver_by_an_alias_and_keeps_that_mail_in_a_renewed_mailbox(tmp_path):
+    fetched = fetched_with(tmp_path)
+    fetched.alias("sales@a.test", "info@a.test")
+    fetched.write()
+    assert Run(fetched, KINDS).apply().failed == []
+    subprocess.run(["sendmail", "sales@a.test"], input=b"Subject: arrived\n\nhello\n", check=True)
+    deadline = time.monotonic() + 60
+    while len(os.listdir(f"{BOX}/new")) < 2:
+        assert time.monotonic() < deadline, Path("/var/log/mail.log").read_text(encoding="utf-8")
+        time.sleep(0.05)
+    delivered = (set(os.listdir(f"{BOX}/new")) - {"1.host"}).pop()
+    assert os.stat(f"{BOX}/new/{delivered}").st_uid == VMAIL
+    Run(fetched_with(tmp_path, {"new__3.host": MESSAGE}), KINDS).apply()
+    assert sorted(os.listdir(f"{BOX}/new")) == sorted([delivered, "3.host"])
+
+
+# --- by the command ---
+
+def test_is_applied_verified_and_taken_back_by_the_command(session):
+    alice = session.add_client("carol", 30010)
+    session.add_account("post", 30011)
+    crontab = "/var/spool/cron/crontabs/carol"
+    alice.append(etree.fromstring(session.content(
+        "client", "content/clients/carol.tar", archive({crontab: b"@daily x\n"}, owner="carol", uid=30010))))
+    alice.append(etree.fromstring(f'<cron when="@daily" file="{crontab}">x</cron>'))
+    path = "/var/mail/virtual/c.test/info"
+    packed = session.content("mailbox", "content/mailboxes/info.tar", archive(
+        maildir(path, new__1=MESSAGE), owner="post", uid=30011))
+    session.add('<domain name="c.test"><name>c.test</name><alias from="sales@c.test" file="/etc/postfix/virtual">'
+                f'info@c.test, |id</alias><mailbox address="info@c.test" path="{path}" format="maildir" owner="post">'
+                f'{packed}</mailbox></domain>', alice)
+    before = snapshot()
+    applied = session.run("apply", check=0)
+    assert "the alias sales@c.test is left out: |id is a command" in applied.stdout
+    assert Path(path, "new/1").read_bytes() == MESSAGE
+    assert Path(crontab).read_text(encoding="ascii").endswith(f"{OFF}@daily x\n")
+    assert "0 changed" in session.run("apply", check=0).stdout
+    assert "1 here, 1 fetched" in session.run("verify", check=0).stdout
+    assert f"{session.directory}/report.html" in session.run("report", check=0).stdout
+    session.run("undo", check=0)
+    assert snapshot() == before
+
+
 # --- over IMAP ---
 
 def free_port():
@@ -403,6 +465,21 @@ def logged_in(port, server):
         except OSError:
             assert server.poll() is None and time.monotonic() < deadline
             time.sleep(0.05)
+
+
+def test_renews_the_password_that_was_changed_on_the_source_host(tmp_path):
+    def fetched_again(password):
+        fetched = fetched_with(tmp_path)
+        fetched.server = [
+            '<mail-server name="dovecot"><needs>/etc/dovecot/users</needs></mail-server>',
+            fetched.content("settings", "content/server/settings.tar",
+                            {"/etc/dovecot/users": f"info@a.test:{password}:::\n".encode()}, owner="root", uid=0)]
+        fetched.write()
+        return fetched
+    for letter in "xy":
+        run = Run(fetched_again("$6$salt$" + letter * 86), KINDS)
+        assert "mail:a.test" in run.apply().changed
+        assert "{CRYPT}$6$salt$" + letter * 86 in Path(mail_service.USERS).read_text(encoding="ascii")
 
 
 def test_lets_a_user_read_mail_over_imap_with_the_password_of_before(tmp_path, imap_port):

@@ -110,7 +110,8 @@ def _mailbox_state(restore: Restore, identifier: str, element: Element) -> tuple
     path = str(element.get("path"))
     account = restore.offered("account").get(element.get("owner", ""))
     if account is None:
-        return State.IMPOSSIBLE, f"{path} belongs to {element.get('owner')}, who is not restored", None
+        return State.IMPOSSIBLE, (f"{path} belongs to {element.get('owner')}, who is not restored: if it is an account "
+                                  "for mail only, make it by useradd --system, and run this again"), None
     there = account_of(str(account))
     if there is not None and there.pw_uid == 0:
         return State.IMPOSSIBLE, f"{path} belongs to root: copy the mail by IMAP", None
@@ -204,14 +205,29 @@ class MailDomain(Kind):
 
     name = "mail"
 
+    def __init__(self) -> None:
+        self._hashes: dict[str, str] | None = None
+
+    def _passwords(self, restore: Restore) -> dict[str, str]:
+        """Hashes by address; the archive of the settings is read once in a run."""
+        if self._hashes is None:
+            addresses = {str(box.get("address")) for box in restore.description.tree.iter("mailbox")}
+            self._hashes = _passwords(restore, addresses)
+        return self._hashes
+
     def plan(self, restore: Restore) -> Iterator[Item]:
         service = MailService(restore)
+        try:
+            passwords = self._passwords(restore)
+        except RestoreError:
+            # An apply asks again, and fails where it needs them.
+            passwords = {}
         for domain in restore.description.domains():
             if domain.element.find("alias") is None and domain.element.find("mailbox") is None:
                 continue
             if any("@" in box.get("address") for box in domain.element.iterfind("mailbox")) or (
                     domain.element.find("alias") is not None):
-                yield _domain_item(restore, service, domain)
+                yield _domain_item(restore, service, domain, passwords)
         yield from _listed_maps(restore)
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
@@ -227,8 +243,8 @@ class MailDomain(Kind):
         tables = item.data
         assert isinstance(tables, Tables)
         users = [_with_numbers(user, restore) for user in tables.users]
-        passwords = _passwords(restore, {user.address for user in users})
-        users = [dataclasses.replace(user, password=passwords.get(user.address, "")) for user in users]
+        if users:
+            self._passwords(restore)
         for user in users:
             if not user.password:
                 restore.name(item.identifier, f"{user.address} has no hash that can be moved: set a new password, by "
@@ -254,9 +270,9 @@ class MailDomain(Kind):
         return None
 
 
-def _domain_item(restore: Restore, service: MailService, domain: Domain) -> Item:
+def _domain_item(restore: Restore, service: MailService, domain: Domain, passwords: dict[str, str]) -> Item:
     identifier = f"mail:{domain.name}"
-    tables = _tables(restore, domain)
+    tables = _tables(restore, domain, passwords)
     entry = restore.journal.entry(identifier)
     state, says = State.MAKE, f"mail for {domain.name}: {len(tables.aliases)} aliases, {len(tables.users)} mailboxes"
     decisions: tuple[str, ...] = ()
@@ -274,7 +290,7 @@ def _domain_item(restore: Restore, service: MailService, domain: Domain) -> Item
                 frozenset(filter(None, [domain.client])), tables)
 
 
-def _tables(restore: Restore, domain: Domain) -> Tables:
+def _tables(restore: Restore, domain: Domain, passwords: dict[str, str]) -> Tables:
     """What of a domain may go in, and what is refused."""
     refused: list[str] = []
     own = {domain.name.lower(), *(name.lower() for name in domain.names)}
@@ -297,7 +313,8 @@ def _tables(restore: Restore, domain: Domain) -> Tables:
         if parts is None or parts[1] not in own or not isinstance(here, Here):
             refused.append(f"the mailbox {address} is in no table: it is not restored, or not of this domain")
             continue
-        users.append(User(address, here.path, here.format, -1, -1, here.home, here.quota, ""))
+        users.append(User(address, here.path, here.format, -1, -1, here.home, here.quota,
+                          passwords.get(address, "")))
     return Tables(tuple(aliases), tuple(users), tuple(refused))
 
 
