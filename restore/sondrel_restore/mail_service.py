@@ -175,8 +175,9 @@ class MailService:
             elif now == value:
                 continue
             elif now == ours or setting not in set_here:
-                self._host.run(["postconf", "-e", f"{setting}={value}"])
                 made.settings[setting] = value
+                made.save()
+                self._host.run(["postconf", "-e", f"{setting}={value}"])
             else:
                 self._restore.name("mail", f"{setting} is set here and stays: add {value} to it in {POSTFIX}/main.cf")
 
@@ -231,6 +232,10 @@ def _is_table(word: str) -> bool:
     return re.match(r"(?:hash|btree|lmdb|cdb|texthash|regexp|pcre|cidr):/", word) is not None
 
 
+def _sum(content: bytes) -> str:
+    return hashlib.sha256(content).hexdigest()
+
+
 class _Made:
     """What was written before: sums of files, and settings, so that what somebody changed since can be told."""
 
@@ -240,7 +245,7 @@ class _Made:
             document = json.loads(read_file(self._path))
         except FileNotFoundError:
             document = {"files": {}, "settings": {}}
-        self.files: dict[str, str] = document["files"]
+        self.files: dict[str, list[str]] = document["files"]
         self.settings: dict[str, str] = document["settings"]
 
     def write(self, path: str, text: str, gid: int, mode: int) -> bool:
@@ -250,16 +255,18 @@ class _Made:
         except FileNotFoundError:
             here = None
         content = (HEAD + text).encode()
-        if here is not None and here != content and hashlib.sha256(here).hexdigest() != self.files.get(path):
+        known = self.files.get(path, [])
+        if here is not None and here != content and _sum(here) not in known:
             return False
-        if text:
-            # Noted first: killed in between, the next run knows the file for its own.
-            self.files[path] = hashlib.sha256(content).hexdigest()
-            if here != content:
-                atomic_write(path, content, mode=mode, uid=0, gid=gid)
-        else:
+        if not text:
             remove_file(path)
             self.files.pop(path, None)
+        elif here != content or _sum(content) not in known:
+            # Noted first: killed in between, the next run knows either text for its own.
+            self.files[path] = [_sum(content)] if here is None else [_sum(content), _sum(here)]
+            self.save()
+            atomic_write(path, content, mode=mode, uid=0, gid=gid)
+            self.files[path] = [_sum(content)]
         return True
 
     def save(self) -> None:
@@ -267,5 +274,6 @@ class _Made:
         if not self.files and not self.settings:
             remove_file(self._path)
             return
+        make_directories(DIRECTORY, mode=0o700, uid=0, gid=0)
         content = json.dumps({"files": self.files, "settings": self.settings}).encode()
         atomic_write(self._path, content, mode=0o600, uid=0, gid=0)
