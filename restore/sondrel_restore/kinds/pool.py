@@ -19,12 +19,12 @@ from sondrel_restore.restore import Restore
 from sondrel_restore.web.config_kind import Candidate, ConfigKind, sum_of
 from sondrel_restore.web.directives import to_bytes
 from sondrel_restore.web.judge import Judge, Refused, Trees, normal_address
+from sondrel_restore.web.own_sites import own_sites
 from sondrel_restore.web.php_settings import ADMIN, check_setting, check_variable, quoted
 from sondrel_restore.web.service import reload_service, wait_until
 from sondrel_restore.web.site_data import accounts_here
 
 _WEB_ACCOUNT = "www-data"
-_OF_PACKAGES = ("default", "000-default.conf", "default-ssl.conf")
 _LEFT_OUT = "/etc/sondrel-restore/left-out"
 
 # Extensions by the package of Debian that has them, "php-" or "phpX.Y-" before it. Others are built in or unknown.
@@ -123,7 +123,7 @@ class Pool(ConfigKind):
         """Code of the source host as the web servers' account could do all that this host's own sites can."""
         if account != _WEB_ACCOUNT or restore.decisions.trust_configuration:
             return ""
-        own = _own_sites(restore)
+        own = own_sites(restore)
         if not own:
             return ""
         return f"it runs as {account}, as this host's own sites do ({', '.join(own[:3])}), and could change them"
@@ -283,14 +283,6 @@ def _text(judge: Judge, pool: _Pool, label: str, account: str, group: str, left:
 
 def _one_line(text: str) -> str:
     return re.sub(r"[\x00-\x1f\x7f]", "?", text)
-
-
-def _own_sites(restore: Restore) -> list[str]:
-    """Files of sites that this host had before, without those that packages bring."""
-    made = {link for entry in (*restore.journal.entries("nginx"), *restore.journal.entries("apache"))
-            for link in (entry.facts.get("links") or {})}  # type: ignore[attr-defined]
-    return sorted(path for path in glob.glob("/etc/nginx/sites-enabled/*") + glob.glob("/etc/apache2/sites-enabled/*")
-                  if path not in made and os.path.basename(path) not in _OF_PACKAGES)
 
 
 def _extensions_here(restore: Restore, version: str) -> frozenset[str]:

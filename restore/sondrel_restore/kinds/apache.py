@@ -1,0 +1,215 @@
+"""Sites of Apache: a file of virtual hosts for each, with what they use, from the blocks of the description."""
+from __future__ import annotations
+
+import glob
+import os
+import re
+import signal
+from collections.abc import Iterable, Iterator
+
+from sondrel_restore.journal import Entry
+from sondrel_restore.kind import Item, Missing, RestoreError
+from sondrel_restore.restore import Restore
+from sondrel_restore.web import apache_rules, site_kind
+from sondrel_restore.web.apache_rules import ApacheRules
+from sondrel_restore.web.config_kind import Candidate
+from sondrel_restore.web.directives import Directive, apache_rest, for_apache, to_bytes
+from sondrel_restore.web.judge import file_name
+from sondrel_restore.web.own_sites import own_sites
+from sondrel_restore.web.service import reload_service
+from sondrel_restore.web.site_data import Block, Site
+
+_DIRECTORY = "/etc/apache2"
+
+# Expressions for lines of a site, with the modules that they need.
+_MODULES = (
+    (r"rewrite\w+ ", ("rewrite",)), (r"(request)?header ", ("headers",)), (r"expires\w+ ", ("expires",)),
+    (r"ssl\w+ ", ("ssl", "socache_shmcb")), (r".*\bfcgi://", ("proxy", "proxy_fcgi")), (r".*\bhttps?://.*", ()),
+    (r"(proxypass\w*|balancermember|rewriterule) .*https?://", ("proxy", "proxy_http")),
+    (r".*\bwss?://", ("proxy", "proxy_wstunnel")), (r"proxy\w+ ", ("proxy",)),
+    (r".*balancer://", ("proxy", "proxy_balancer", "slotmem_shm", "lbmethod_byrequests")),
+    (r"protocols .*\bh2", ("http2",)), (r"(set|add)outputfilter.*substitute", ("substitute",)),
+    (r"authtype +digest", ("auth_digest",)), (r"addoutputfilterbytype ", ("filter",)),
+    (r"(set|add)outputfilter\w* .*deflate", ("deflate",)), (r"(set|browser)\w+ ", ("setenvif",)),
+    (r"require +(group)", ("authz_groupfile",)), (r"(order|allow|deny|satisfy) ", ("access_compat",)),
+)
+
+
+class Apache(site_kind.SiteKind):
+    """The part of a site that Apache serves."""
+
+    name = "apache"
+    program = "apache2"
+    package = "apache2"
+    log_directory = "/var/log/apache2"
+
+    def __init__(self) -> None:
+        super().__init__()
+        self._served: dict[str, set[str]] = {}
+        self._refusal = ""
+        self._listens: frozenset[str] = frozenset()
+        self._own_sites: list[str] = []
+
+    def look(self, restore: Restore) -> None:
+        self._served, self._refusal, self._listens = {}, "", frozenset()
+        self._own_sites = own_sites(restore)
+        if not restore.host.has_program("apache2ctl"):
+            return
+        told = restore.host.run(["apache2ctl", "-t", "-D", "DUMP_VHOSTS"], check=False)
+        if told.status != 0:
+            self._refusal = f"Apache refuses the configuration that it has here: {_error_of(told.stderr)}"
+        file = ""
+        for line in told.stdout.splitlines():
+            named = re.search(r"(?:namevhost|^\S+:\S+) +(\S+) +\((/[^)]*):[0-9]+\)", line)
+            alias = re.search(r"^ +(?:wild )?alias (\S+)", line)
+            if named:
+                file = named[2]
+            if (named or alias) and file:
+                self._served.setdefault((named or alias)[1].lower(), set()).add(file)  # type: ignore[index]
+        self._listens = frozenset(_listens_here())
+
+    def candidate(self, restore: Restore, site: Site, blocks: tuple[Block, ...]) -> Candidate:
+        path = f"{_DIRECTORY}/sites-available/{file_name(site.domain.name)}.conf"
+        link = f"{_DIRECTORY}/sites-enabled/{os.path.basename(path)}"
+        if not any(block.directive is not None for block in site.blocks):
+            return Candidate(site.domain.name, "", {path: b""}, domains=frozenset((site.domain.name,)), impossible=(
+                "Apache serves it outside of virtual hosts: make one for it by hand"))
+        judge = self.judge(restore, site)
+        hosts: list[Directive] = []
+        try:
+            for block in blocks:
+                if block.directive is not None:
+                    rules = ApacheRules(
+                        judge, roots=apache_rules.roots_of(judge, block.directive), addresses=self.addresses,
+                        balancers=frozenset(use.args[0].partition("//")[2] for use in block.uses
+                                            if use.name == "proxy" and use.args), has_php=bool(_php_modules()))
+                    hosts.append(rules.virtual_host(block.directive, block.uses))
+            text = for_apache(hosts)
+            shown = "".join(_shown(left.directive) for left in judge.left_out)
+        except RestoreError as error:
+            return Candidate(site.domain.name, "", {path: b""}, domains=frozenset((site.domain.name,)),
+                             impossible=str(error))
+        files = {path: to_bytes(site_kind.heading(site) + text)}
+        listens, made_links = self._listen_files(restore, hosts), {link: f"../sites-available/{os.path.basename(path)}"}
+        for each, content in listens.items():
+            files[each] = content
+            made_links[f"{_DIRECTORY}/conf-enabled/{os.path.basename(each)}"] = (
+                f"../conf-available/{os.path.basename(each)}")
+        made_links.update(self._module_links(restore, hosts))
+        conflict, disables = self._conflict(restore, site, {path, link}, _ports(hosts))
+        return self.whole(site, judge, blocks, files, made_links, shown, conflict, disables, self._refusal)
+
+    def _conflict(self, restore: Restore, site: Site, own: set[str],
+                  ports: frozenset[int]) -> tuple[str, frozenset[str]]:
+        made = {link for entry in restore.journal.entries(self.name)
+                for link in (*site_kind.links(entry), *site_kind.sums(entry))}
+        for name in site.names:
+            others = self._served.get(name, set()) - own - made
+            if others:
+                return f"{name} is served here already by {', '.join(sorted(others))}", frozenset(
+                    file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
+        php = site.element.find("php")
+        if php is not None and php.get("handler") == "module" and self._own_sites \
+                and not restore.decisions.trust_configuration:
+            return ("its PHP runs as the web server, as this host's own sites do "
+                    f"({', '.join(self._own_sites[:3])}), and could change them"), frozenset()
+        return self.port_conflict(ports), frozenset()
+
+    def _listen_files(self, restore: Restore, hosts: Iterable[Directive]) -> dict[str, bytes]:
+        """A file for each port that Apache does not listen at yet; several sites may have one."""
+        made = {path for entry in restore.journal.entries(self.name) for path in site_kind.sums(entry)}
+        found: dict[str, bytes] = {}
+        for port in sorted(_ports([*hosts])):
+            path = f"{_DIRECTORY}/conf-available/sondrel-listen-{port}.conf"
+            if str(port) not in self._listens or path in made:
+                local = all(_is_local(arg) for host in hosts for arg in host.args if arg.endswith(f":{port}"))
+                found[path] = f"Listen {'127.0.0.1:' if local else ''}{port}\n".encode()
+        return found
+
+    def _module_links(self, restore: Restore, hosts: Iterable[Directive]) -> dict[str, str]:
+        """Links that switch on modules, but for those that somebody else has switched on."""
+        made = {link for entry in restore.journal.entries(self.name) for link in site_kind.links(entry)}
+        found: dict[str, str] = {}
+        for module in sorted(_modules_of(hosts)):
+            for suffix in ("load", "conf"):
+                available = f"{_DIRECTORY}/mods-available/{module}.{suffix}"
+                enabled = f"{_DIRECTORY}/mods-enabled/{module}.{suffix}"
+                if os.path.exists(available) and (enabled in made or not os.path.lexists(enabled)):
+                    found[enabled] = f"../mods-available/{module}.{suffix}"
+        return found
+
+    def missing(self, restore: Restore) -> Iterator[Missing]:
+        yield from super().missing(restore)
+        for site in self.chosen(restore):
+            php = site.element.find("php")
+            if php is not None and php.get("handler") == "module" and not _php_modules():
+                yield Missing("libapache2-mod-php", "PHP is a module of Apache")
+                return
+
+    def apply(self, restore: Restore, item: Item) -> dict[str, object]:
+        site = [each for each in self.chosen(restore) if each.domain.name == item.name][0]
+        php = site.element.find("php")
+        if php is not None and php.get("handler") == "module" and not _php_modules():
+            raise RestoreError("PHP is no module of Apache here, and its programs would be sent as text: install "
+                               "libapache2-mod-php, or use --install")
+        return super().apply(restore, item)
+
+    def check(self, restore: Restore) -> str:
+        told = restore.host.run(["apache2ctl", "configtest"], check=False)
+        return "" if told.status == 0 else _error_of(told.stderr)
+
+    def reload(self, restore: Restore, entries: list[Entry]) -> None:
+        reload_service(restore.host, "apache2", "/run/apache2/apache2.pid", "apache2", signal.SIGUSR1)
+
+
+def _shown(directive: Directive) -> str:
+    try:
+        return for_apache([directive])
+    except RestoreError:
+        return ""
+
+
+def _ports(hosts: Iterable[Directive]) -> frozenset[int]:
+    found = [arg.rpartition(":")[2] for host in hosts for arg in host.args]
+    return frozenset(int(port) for port in found if port.isdigit())
+
+
+def _is_local(address: str) -> bool:
+    return address.startswith(("127.", "localhost:", "[::1]"))
+
+
+def _modules_of(hosts: Iterable[Directive]) -> set[str]:
+    found: set[str] = set()
+    for host in hosts:
+        for each in host.within():
+            line = f"{each.name} {apache_rest(each)}".lower()
+            for expression, modules in _MODULES:
+                if re.match(expression, line):
+                    found.update(modules)
+    return found
+
+
+def _php_modules() -> list[str]:
+    return glob.glob(f"{_DIRECTORY}/mods-enabled/php*.load")
+
+
+def _listens_here() -> Iterator[str]:
+    """Ports that Apache's file of ports names, as far as its modules are switched on."""
+    has_tls = os.path.exists(f"{_DIRECTORY}/mods-enabled/ssl.load")
+    try:
+        with open(f"{_DIRECTORY}/ports.conf", encoding="utf-8", errors="replace") as file:
+            text = file.read()
+    except OSError:
+        return
+    for port in re.findall(r"^\s*Listen\s+(?:\S+:)?([0-9]+)\b", text, re.MULTILINE | re.IGNORECASE):
+        # The package's file has it for the case that the module is there; switching it on is enough.
+        if port != "443" or has_tls or os.path.exists(f"{_DIRECTORY}/mods-available/ssl.load"):
+            yield port
+
+
+def _error_of(text: str) -> str:
+    lines = [line for line in text.splitlines() if line.strip() and "AH00558" not in line]
+    return " ".join(lines[:2]) or "it says nothing"
+
+
+KINDS = (Apache,)

@@ -1,0 +1,254 @@
+"""Sites of Apache from the description: what goes in serves, and what could harm this host stays out."""
+from __future__ import annotations
+
+import os
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+from destination import own_etc, snapshot
+from sondrel_restore.kind import State
+from sondrel_restore.kinds.apache import Apache
+from sondrel_restore.selection import Decisions
+from sondrel_restore.web.ask import Answer, Request, ask
+from web_world import World, directive, ended, site, virtual_host
+
+
+@pytest.fixture(name="world")
+def _world(tmp_path: Path) -> Iterator[World]:
+    own_etc("apache2")
+    for place in ("/var/log/apache2", "/run/apache2", "/run/lock"):
+        os.makedirs(place, exist_ok=True)
+    world = World(tmp_path / "session")
+    for name in ("a", "b"):
+        os.makedirs(f"/srv/{name}")
+        Path(f"/srv/{name}/index.html").write_text(f"<title>site {name}</title>", encoding="utf-8")
+        Path(f"/srv/{name}/x.php").write_text("<?php $secret = 1;", encoding="utf-8")
+        world.trees[f"/srv/{name}"] = "www-data"
+    with ended("/run/apache2/apache2.pid"):
+        yield world
+
+
+NAME = directive("servername", "a.test")
+ROOT = directive("documentroot", "/srv/a", raw='"/srv/a"')
+GRANT = directive("directory", "/srv", block=[directive("require", "all", "granted")], identifier="d1")
+
+
+def described(world: World, *inner: str, at: str = "*:80", configuration: str = GRANT, uses: str = "d1") -> None:
+    """A site of one virtual host."""
+    world.describe(
+        site("a.test", virtual_host(NAME, ROOT, *inner, at=at), uses=uses, kind="apache", configuration="apache1"),
+        configuration=configuration,
+        server_kind="apache",
+    )
+
+
+def get(path: str = "/", name: str = "a.test", port: int = 80) -> Answer:
+    """What this host answers."""
+    return ask("127.0.0.1", Request(name, port, False, path))
+
+
+def test_serves_a_site_with_all_that_it_uses_and_takes_it_back(world: World) -> None:
+    before = snapshot("/etc/apache2")
+    configuration = (
+        GRANT
+        + directive("logformat", "%h short", "short", raw='"%h short" short', identifier="d2")
+        + directive("directory", "/", block=[directive("require", "all", "denied")], identifier="d3")
+        + directive("rewritemap", "up", "int:toupper", identifier="d4")
+    )
+    described(
+        world,
+        directive("serveralias", "www.a.test"),
+        directive("customlog", "/srv/a/a.log", "short"),
+        directive("header", "set", "X", 'a "b" c', raw=r'set X "a \"b\" c"'),
+        directive("rewriteengine", "on"),
+        directive("rewriterule", r"^/u/(\w+)\.txt$", "/${up:$1}", "[R,L]"),
+        directive("rewriterule", "^/in/(.*)$", "/$1"),
+        directive(
+            "filesmatch",
+            r"\.php$",
+            raw=r'"\.php$"',
+            block=[directive("sethandler", "proxy:unix:/run/php/bob.sock|fcgi://localhost")],
+        ),
+        configuration=configuration,
+        uses="d1 d2 d3 d4",
+        at="203.0.113.5:8080",
+    )
+    assert world.plan(Apache).items[0].state is State.MAKE
+    outcome = world.apply(Apache)
+    assert not outcome.failed
+    assert get(port=8080).title == "site a" and get("/in/index.html", "www.a.test", 8080).title == "site a"
+    assert get("/u/low.txt", port=8080).location == "http://a.test:8080/LOW"
+    assert get("/x.php", port=8080).status == 503
+    assert Path("/var/log/apache2/a.test-a.log").exists() and not Path("/srv/a/a.log").exists()
+    assert world.plan(Apache).items[0].state is State.SAME and world.apply(Apache).changed == []
+    assert not world.undo(Apache).left
+    assert snapshot("/etc/apache2") == before and not os.path.exists("/etc/sondrel-restore")
+
+
+ATTACKS = {
+    "an inclusion": directive("include", "/etc/shadow"),
+    "a module": directive("loadmodule", "x_module", "/srv/a/x.so"),
+    "an account": directive("user", "root"),
+    "all of this host": directive("alias", "/etc", "/etc"),
+    "all of this host, granted": directive("directory", "/", block=[directive("require", "all", "granted")]),
+    "another root": directive("documentroot", "/etc", raw='"/srv/a"'),
+    "programs": directive("scriptalias", "/cgi/", "/srv/a/cgi/"),
+    "a log to a program": directive("customlog", "|/bin/sh -c id", "short", raw='"|/bin/sh -c id" short'),
+    "errors to a program": directive("errorlog", "|id", raw='"|id"'),
+    "a map that is a program": directive("rewritemap", "m", "prg:/srv/a/evil"),
+    "a path of this host": directive("aliasmatch", "^/x/(.*)", "/etc/$1"),
+    "another's pool": directive("proxypass", "/x", "unix:/run/php/bob.sock|fcgi://localhost/"),
+    "the cloud's metadata": directive("proxypass", "/x", "http://169.254.169.254/"),
+    "the cloud's metadata by a rule": directive("rewriterule", "^/x", "http://169.254.169.254/", "[P]"),
+    "this host's cache": directive("proxypass", "/x", "http://127.0.0.1:11211/"),
+    "a handler by a rule": directive("rewriterule", "^/x", "-", "[H=cgi-script]"),
+    "a variable of the loader": directive("setenv", "LD_PRELOAD", "/srv/a/x.so"),
+    "settings of PHP": directive("setenvif", "Host", ".*", "PHP_ADMIN_VALUE=x"),
+    "what is in a file": directive(
+        "header", "set", "X", "expr=%{file:/etc/passwd}", raw='set X "expr=%{file:/etc/passwd}"'
+    ),
+    "a file as a condition": directive("if", raw="file('/etc/passwd') =~ /root/", block=[]),
+    "an account for programs": directive("suexecusergroup", "root", "root"),
+    "a daemon": directive("wsgidaemonprocess", "x", "user=root"),
+    "a proxy for all": directive("proxyrequests", "On"),
+    "a filter": directive("setoutputfilter", "INCLUDES"),
+    "a key of this host": directive("sslcertificatekeyfile", "/etc/ssl/private/ssl-cert-snakeoil.key"),
+    "settings of PHP's module": directive("php_admin_value", "auto_prepend_file", "/etc/passwd"),
+}
+
+
+@pytest.mark.parametrize("attack", ATTACKS.values(), ids=ATTACKS.keys())
+def test_leaves_out_what_could_harm(world: World, attack: str) -> None:
+    described(world, attack)
+    item = world.plan(Apache).items[0]
+    assert item.state is State.MAKE and "1 directives are left out" in item.says
+    assert not world.apply(Apache).failed
+    written = Path("/etc/apache2/sites-available/a.test.conf").read_text(encoding="utf-8")
+    for secret in (
+        "/etc",
+        "evil",
+        "x.so",
+        "|",
+        "169.254",
+        "11211",
+        "cgi",
+        "unix:",
+        'root"',
+        "INCLUDES",
+        "Daemon",
+        "ADMIN",
+    ):
+        assert secret not in written.replace("sites-available", "")
+    assert get("/index.html").status in (200, 403) and get("/etc/passwd").status in (403, 404)
+
+
+LINES = {
+    "a line in an argument": directive("header", "set", "X", "a\nAlias /etc /etc"),
+    "a line in what stood there": directive("header", "set", raw="set X a\nAlias /etc /etc"),
+    "a line that goes on": directive("header", "set", raw="set X a \\"),
+    "a line in a name": directive("header set x y\nalias", "/etc", "/etc"),
+}
+
+
+@pytest.mark.parametrize("attack", LINES.values(), ids=LINES.keys())
+def test_what_is_no_line_does_not_go_in(world: World, attack: str) -> None:
+    described(world, attack)
+    world.apply(Apache)
+    path = Path("/etc/apache2/sites-available/a.test.conf")
+    assert not path.exists() or "/etc" not in path.read_text(encoding="utf-8")
+
+
+@pytest.mark.parametrize("rule", [("^/(.*)$", "/$1"), ("^(.*)$", "$1"), ("^/x$", "/etc/passwd")])
+def test_a_rule_is_about_the_site_and_not_about_this_hosts_files(world: World, rule: tuple[str, str]) -> None:
+    described(
+        world,
+        directive("rewriteengine", "on"),
+        directive("rewriterule", *rule),
+        directive("location", "/", block=[directive("require", "all", "granted")]),
+    )
+    assert not world.apply(Apache).failed
+    assert get("/etc/passwd").status == 404 and get("/x").status == 404 and get("/index.html").title == "site a"
+
+
+def test_options_and_overrides_run_no_programs(world: World) -> None:
+    Path("/srv/a/run.cgi").write_text("#!/bin/sh\necho; id\n", encoding="utf-8")
+    os.chmod("/srv/a/run.cgi", 0o755)
+    described(
+        world,
+        configuration=directive(
+            "directory",
+            "/srv/a",
+            identifier="d1",
+            block=[
+                directive("require", "all", "granted"),
+                directive("options", "All", "+ExecCGI"),
+                directive("allowoverride", "All"),
+                directive("addhandler", "cgi-script", ".cgi"),
+            ],
+        ),
+    )
+    assert not world.apply(Apache).failed
+    written = Path("/etc/apache2/sites-available/a.test.conf").read_text(encoding="utf-8")
+    assert "ExecCGI" not in written and "AllowOverride All".lower() not in written.lower()
+    assert get("/run.cgi").status == 503
+
+
+def test_a_site_that_apache_refuses_is_put_back_and_the_others_go_in(world: World) -> None:
+    second = virtual_host(directive("servername", "b.test"), directive("documentroot", "/srv/b"), line=9)
+    world.describe(
+        site(
+            "a.test",
+            virtual_host(NAME, ROOT, directive("requestheader", "nonsense")),
+            kind="apache",
+            configuration="apache1",
+            uses="d1",
+        ),
+        site("b.test", second, kind="apache", configuration="apache1", uses="d1"),
+        configuration=GRANT,
+        server_kind="apache",
+    )
+    outcome = world.apply(Apache)
+    assert len(outcome.failed) == 1 and "a.test" in outcome.failed[0][1]
+    assert get(name="b.test").title == "site b" and not os.path.lexists("/etc/apache2/sites-enabled/a.test.conf")
+
+
+def test_a_name_that_is_served_here_needs_a_decision(world: World) -> None:
+    Path("/etc/apache2/sites-enabled/mine.conf").write_text(
+        "<VirtualHost *:80>\nServerName other.test\nServerAlias a.test\nRedirect 410 /\n</VirtualHost>\n",
+        encoding="utf-8",
+    )
+    described(world)
+    item = world.plan(Apache).items[0]
+    assert item.state is State.CONFLICT and "mine.conf" in item.says
+
+
+def test_php_without_its_module_is_a_missing_package_and_not_sent_as_text(world: World) -> None:
+    for path in Path("/etc/apache2/mods-enabled").glob("php*"):
+        path.unlink()
+    world.describe(
+        site(
+            "a.test",
+            virtual_host(NAME, ROOT),
+            inside='<php handler="module"/>',
+            kind="apache",
+            configuration="apache1",
+            uses="d1",
+        ),
+        configuration=GRANT,
+        server_kind="apache",
+    )
+    assert "libapache2-mod-php" in {each.package for each in world.plan(Apache).missing}
+    assert "libapache2-mod-php" in world.apply(Apache).failed[0][1] and not os.path.lexists(
+        "/etc/apache2/sites-enabled/a.test.conf"
+    )
+
+
+def test_all_goes_in_where_the_configuration_is_trusted(world: World) -> None:
+    described(
+        world,
+        directive("alias", "/d", "/usr/bin"),
+        directive("directory", "/usr/bin", block=[directive("require", "all", "granted")]),
+    )
+    assert not world.apply(Apache, decisions=Decisions(trust_configuration=True)).failed
+    assert get("/d/env").status == 200
