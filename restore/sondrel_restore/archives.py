@@ -118,6 +118,14 @@ class Archive:
         return found, links
 
     @contextlib.contextmanager
+    def stream(self) -> Iterator[IO[bytes]]:
+        """What the file has without its compression, for one that is no tar archive. Checks the sum before."""
+        with self._opened() as file:
+            self._check(file)
+            with _unpacked(file, self.path) as plain:
+                yield plain
+
+    @contextlib.contextmanager
     def _opened(self) -> Iterator[io.FileIO]:
         try:
             descriptor = os.open(self.path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)

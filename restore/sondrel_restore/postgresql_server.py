@@ -1,0 +1,205 @@
+"""The PostgreSQL server of this host, asked by its client as the account that runs it."""
+from __future__ import annotations
+
+import base64
+import glob
+import hashlib
+import hmac
+import json
+import os
+import pwd
+import re
+import secrets
+from collections.abc import Iterable, Sequence
+from typing import Any
+
+from sondrel_restore.databases import LOADER, run_sql
+from sondrel_restore.host import Host
+from sondrel_restore.kind import RestoreError
+
+_ACCOUNT = "postgres"
+_DIRECTORY = "/run/postgresql"
+_TIME_LIMIT = 24 * 3600.0
+_ROUNDS = 4096
+_TABLES_AT_ONCE = 200
+# No setting that the owner of a database has made there changes what is asked here.
+_OPTIONS = "-c search_path=pg_catalog -c standard_conforming_strings=on -c default_transaction_read_only=off" \
+    " -c row_security=off -c lock_timeout=60s -c statement_timeout=0 -c client_min_messages=warning"
+
+OF_SERVER = re.compile(r"(?:|pg_.*|public|none|postgres|current_user|current_role|session_user|" + LOADER + ".*)",
+                       re.I | re.S)
+OWN = "n.nspname !~ '^pg_' AND n.nspname <> 'information_schema'"
+# Not what an extension has brought.
+_NO_EXTENSION = "NOT EXISTS (SELECT 1 FROM pg_depend d WHERE d.objid = c.oid AND d.deptype = 'e'" \
+    " AND d.classid = 'pg_class'::regclass)"
+
+
+def identifier(name: str) -> str:
+    """A name in double quotes."""
+    return '"' + name.replace('"', '""') + '"'
+
+
+def literal(text: str) -> str:
+    """A text in quotes."""
+    return "E'" + text.replace("\\", "\\\\").replace("'", "''") + "'"
+
+
+class PostgreSqlServer:
+    """The server with the lowest port, or the usual one. RestoreError if none answers."""
+
+    def __init__(self, host: Host) -> None:
+        self._host = host
+        programs = sorted(glob.glob("/usr/lib/postgresql/*/bin/psql"), key=lambda path: float(path.split("/")[4]))
+        if not programs:
+            raise RestoreError("No PostgreSQL client is here")
+        self._psql = programs[-1]
+        ports = sorted((int(path.rsplit(".", 1)[1]) for path in glob.glob(f"{_DIRECTORY}/.s.PGSQL.*[0-9]")),
+                       key=lambda port: (port != 5432, port))
+        if not ports:
+            raise RestoreError("No PostgreSQL server answers here: there is no socket of it")
+        self.port = ports[0]
+        about = os.stat(_DIRECTORY)
+        if about.st_uid not in (0, pwd.getpwnam(_ACCOUNT).pw_uid):
+            raise RestoreError(f"{_DIRECTORY} is not of the account {_ACCOUNT}")
+        self.version = str(self.ask("SELECT current_setting('server_version') AS version")[0]["version"]).split()[0]
+        self.major = int(self.version.split(".")[0])
+
+    def script(self, sql: str, database: str = "postgres", *, check: bool = True) -> tuple[str, list[str]]:
+        """Runs SQL of ours: what it prints, and its errors; with `check` the first one is a RestoreError."""
+        result = self._host.run(
+            [self._psql, "-X", "-q", "-A", "-t", "-v", f"ON_ERROR_STOP={int(check)}", "-h", _DIRECTORY,
+             "-p", str(self.port), "-U", _ACCOUNT, "-d", _connection(database), "-f", "-"],
+            input=sql.encode("utf-8", "surrogateescape"), account=_ACCOUNT, check=False, time_limit=_TIME_LIMIT,
+            env={"PGCLIENTENCODING": "UTF8", "PGOPTIONS": _OPTIONS, "PGCONNECT_TIMEOUT": "20",
+                 "PGAPPNAME": "sondrel-restore"})
+        errors = [re.sub(r"^psql:<stdin>:[0-9]+: ", "", line) for line in result.stderr.splitlines()
+                  if re.search(r"(?:ERROR|FATAL): ", line)]
+        if check and (result.status or errors):
+            raise RestoreError(f"The database server says: {'; '.join(errors) or result.stderr.strip()}")
+        return result.stdout, errors
+
+    def ask(self, query: str, database: str = "postgres") -> list[dict[str, Any]]:
+        """The rows that a query gives, by the names of their columns."""
+        out, _ = self.script(f"SELECT coalesce(json_agg(row_to_json(asked)), '[]') FROM ({query}) AS asked;", database)
+        rows = json.loads(out)
+        assert isinstance(rows, list)
+        return rows
+
+    def databases(self) -> set[str]:
+        """The names of all databases."""
+        return {row["datname"] for row in self.ask("SELECT datname FROM pg_database")}
+
+    def roles(self) -> set[str]:
+        """The names of all roles."""
+        return {row["rolname"] for row in self.ask("SELECT rolname FROM pg_roles")}
+
+    def extensions(self) -> set[str]:
+        """Those that this host could make in a database."""
+        return {row["name"] for row in self.ask("SELECT name FROM pg_available_extensions")}
+
+    def own_settings(self) -> set[str]:
+        """What any role may set for itself; without what loads code."""
+        return {row["name"] for row in self.ask(
+            "SELECT lower(name) AS name FROM pg_settings WHERE context = 'user' AND name !~ 'preload_libraries'"
+            " AND name NOT IN ('role', 'session_authorization', 'dynamic_library_path')")}
+
+    def address(self) -> str:
+        """Where it takes a login by password on this host; empty if it does not."""
+        listens = str(self.ask("SELECT current_setting('listen_addresses') AS a")[0]["a"]).replace(" ", "").split(",")
+        return "127.0.0.1" if {"*", "localhost", "127.0.0.1", "0.0.0.0"} & set(listens) else ""
+
+    def tables(self, database: str) -> list[tuple[str, str]]:
+        """Schema and name of the tables that have rows of their own."""
+        return [(row["s"], row["t"]) for row in self.ask(
+            "SELECT n.nspname AS s, c.relname AS t FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace"
+            f" WHERE c.relkind = 'r' AND {OWN} AND {_NO_EXTENSION} ORDER BY 1, 2", database)]
+
+    def rows(self, database: str, tables: Iterable[tuple[str, str]]) -> dict[tuple[str, str], int]:
+        """How many rows tables have. Nothing that the database's owner has made is run for it."""
+        return {(schema, table): count for schema, table, count, _ in self._counted(database, sorted(tables))}
+
+    def _counted(self, database: str, tables: Sequence[tuple[str, str]]) -> list[tuple[str, str, int, int]]:
+        """Besides the count, a sum of the transactions that have written the rows."""
+        found: list[tuple[str, str, int, int]] = []
+        for start in range(0, len(tables), _TABLES_AT_ONCE):
+            found += [(row["s"], row["t"], row["n"], row["x"]) for row in self.ask(" UNION ALL ".join(
+                f"SELECT {literal(schema)}::text AS s, {literal(table)}::text AS t, count(*) AS n,"
+                " coalesce(sum(xmin::text::bigint), 0) AS x"
+                f" FROM ONLY {identifier(schema)}.{identifier(table)}"
+                for schema, table in tables[start:start + _TABLES_AT_ONCE]), database)]
+        return found
+
+    def fingerprint(self, database: str) -> str:
+        """Of all rows, by who has written them, and of definitions: another one when somebody has changed something."""
+        definitions = self.ask(
+            "SELECT n.nspname AS s, c.relname AS t, c.relkind::text AS k, string_agg(concat_ws(' ', a.attname,"
+            " a.atttypid, a.atttypmod, a.attnotnull), ',' ORDER BY a.attnum) AS v FROM pg_class c JOIN pg_namespace n"
+            " ON n.oid = c.relnamespace LEFT JOIN pg_attribute a ON a.attrelid = c.oid AND a.attnum > 0"
+            f" WHERE {OWN} GROUP BY 1, 2, 3"
+            " UNION ALL SELECT n.nspname, p.proname || '(' || pg_get_function_identity_arguments(p.oid) || ')', 'f',"
+            f" md5(p.prosrc) FROM pg_proc p JOIN pg_namespace n ON n.oid = p.pronamespace WHERE {OWN}"
+            " UNION ALL SELECT n.nspname, c.relname, r.rulename::text, md5(r.ev_action::text) FROM pg_rewrite r"
+            f" JOIN pg_class c ON c.oid = r.ev_class JOIN pg_namespace n ON n.oid = c.relnamespace WHERE {OWN}"
+            " UNION ALL SELECT n.nspname, c.relname, 't', g.tgname::text FROM pg_trigger g JOIN pg_class c"
+            f" ON c.oid = g.tgrelid JOIN pg_namespace n ON n.oid = c.relnamespace WHERE NOT g.tgisinternal AND {OWN}"
+            " ORDER BY 1, 2, 3, 4", database)
+        return hashlib.sha256(repr((self._counted(database, self.tables(database)), definitions)).encode()).hexdigest()
+
+    def make_loader(self, name: str) -> bytes:
+        """Makes a role that may log in and nothing else; returns its password file."""
+        password = secrets.token_hex(24)
+        self.script(f"CREATE ROLE {identifier(name)} LOGIN PASSWORD {literal(_verifier(password))};")
+        return f"127.0.0.1:{self.port}:*:{name}:{password}\n".encode()
+
+    def remove_loader(self, name: str, database: str = "") -> None:
+        """Ends what the role still does, and removes it with what it has in `database`; also after a kill."""
+        if name not in self.roles():
+            return
+        role = identifier(name)
+        self.script(f"ALTER ROLE {role} NOLOGIN; SELECT pg_terminate_backend(pid, 30000) FROM pg_stat_activity"
+                    f" WHERE usename = {literal(name)};")
+        if database and database in self.databases():
+            self.script(f"DROP OWNED BY {role};", database)
+        self.script(f"DROP OWNED BY {role}; DROP ROLE {role};")
+
+    def drop_database(self, name: str) -> None:
+        """Removes a database, with the connections to it."""
+        self.script(f"DROP DATABASE IF EXISTS {identifier(name)} WITH (FORCE);")
+
+    def load(self, database: str, role: str, login: bytes, statements: Iterable[bytes]) -> list[str]:
+        """Runs SQL in a database as the role of `make_loader`, in a program without rights here.
+
+        Returns the errors of single statements; the others were run.
+        """
+        # After it the client takes no command but the end of it, by the same key.
+        if "--restrict-key" not in self._host.run([f"{os.path.dirname(self._psql)}/pg_dump", "--help"]).stdout:
+            raise RestoreError("psql here does not know \\restrict, without which no foreign SQL is run:"
+                               " upgrade postgresql-client")
+
+        def restricted() -> Iterable[bytes]:
+            yield f"\\restrict {secrets.token_hex(24)}\n".encode()
+            yield from statements
+
+        client = [self._psql, "-X", "-q", "-A", "-t", "-w", "-v", "ON_ERROR_STOP=0", "-h", "127.0.0.1",
+                  "-p", str(self.port), "-U", role, "-d", _connection(database, is_local=False), "-f", "-"]
+        messages = run_sql(client, login, {"PGPASSFILE": "{secret}", "PGCONNECT_TIMEOUT": "20"}, restricted())
+        ended = [message for message in messages if re.search(
+            r"FATAL: |server closed the connection|connection to server .* failed|No space left", message)]
+        if ended:
+            raise RestoreError(f"Loading ended: {'; '.join(ended[:3])}")
+        return [re.sub(r"^psql:<stdin>:[0-9]+: ", "", message) for message in messages
+                if re.search(r"ERROR: |backslash commands are restricted|error: ", message)]
+
+
+def _connection(database: str, *, is_local: bool = True) -> str:
+    quoted = database.replace("\\", "\\\\").replace("'", "\\'")
+    return f"dbname='{quoted}'" + (f" requirepeer={_ACCOUNT}" if is_local else "")
+
+
+def _verifier(password: str) -> str:
+    """What the server keeps of a password, so that no log of it has the password."""
+    salt = secrets.token_bytes(16)
+    salted = hashlib.pbkdf2_hmac("sha256", password.encode(), salt, _ROUNDS)
+    stored = hashlib.sha256(hmac.digest(salted, b"Client Key", "sha256")).digest()
+    keys = [base64.b64encode(part).decode() for part in (salt, stored, hmac.digest(salted, b"Server Key", "sha256"))]
+    return f"SCRAM-SHA-256${_ROUNDS}:{keys[0]}${keys[1]}:{keys[2]}"
