@@ -846,20 +846,28 @@ void RetrieveContentAction::finishBatch(BatchReceiver& receiver, const BatchEnd&
   failForBatch(receiver);
 }
 
+/// The error that a file of its own would end with.
+Exc<&CantRetrieveContentFile> RetrieveContentAction::cantStore(const BatchedFile& file) const {
+  const std::string& name = file.file->name;
+  return Exc<&CantRetrieveContentFile>(Exc<&StreamWrite>(HERE), HERE) % remotePathOf(name) %
+         getConfig().host % contentFolder().pathOf(name) % file.failure;
+}
+
 /// Throws CantRetrieveContentFile for the first file that has failed; the result log has those
 /// behind it.
 void RetrieveContentAction::failForBatch(const BatchReceiver& receiver) const {
-  std::vector<std::pair<std::string, std::string>> failed;
+  std::vector<Exc<&CantRetrieveContentFile>> failures;
   for (const BatchedFile& file : receiver.files()) {
-    if (!file.failure.empty()) failed.emplace_back(file.file->name, file.failure);
+    if (file.failure.empty()) continue;
+    failures.push_back(file.isUnwritable ? cantStore(file)
+                                         : cantRetrieve(file.file->name, file.failure));
   }
   if (receiver.surplus()) {
-    failed.emplace_back(*receiver.surplus(), "The archive has it, and nobody asked for it");
+    failures.push_back(
+        cantRetrieve(*receiver.surplus(), "The archive has it, and nobody asked for it"));
   }
-  for (std::size_t i = 1; i < failed.size(); ++i) {
-    theLog->log(cantRetrieve(failed[i].first, failed[i].second));
-  }
-  if (!failed.empty()) throw cantRetrieve(failed.front().first, failed.front().second);
+  for (std::size_t i = 1; i < failures.size(); ++i) theLog->log(failures[i]);
+  if (!failures.empty()) throw Exc<&CantRetrieveContentFile>(failures.front());
 }
 
 /// Those that are not here, after a batch that no file was to blame for: each tells by itself what

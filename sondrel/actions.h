@@ -268,6 +268,7 @@ class RetrieveContentAction : public Action {
   BatchEnd receiveBatch(const ContentBatch& batch, BatchReceiver& receiver);
   static BatchEnd takeArchive(RemoteOutput& output, BatchReceiver& receiver);
   void finishBatch(BatchReceiver& receiver, const BatchEnd& end);
+  Exc<&CantRetrieveContentFile> cantStore(const BatchedFile& file) const;
   void failForBatch(const BatchReceiver& receiver) const;
   void retrieveEachAlone(const BatchReceiver& receiver, FileRetrievalProgressUpdater& progress);
   void removeRemoteFiles(const std::vector<const DumpFile*>& files);

@@ -145,6 +145,7 @@ void BatchReceiver::storeContent(TarReader& archive, BatchedFile& target) {
     if (!local.stream()) break;
     progress_(static_cast<int>(bytes.size()));
   }
+  target.isUnwritable = !local.stream();
   target.identity = local.identity();
   target.isStored = local.close();
   target.size = sum.size();

@@ -45,6 +45,8 @@ struct BatchedFile {
   bool isStored = false;
   /// Why it is not; empty, too, for a file that did not come.
   std::string failure;
+  /// Its content could not be written, which is the cause of the failure.
+  bool isUnwritable = false;
   FileIdentity identity{};
   std::int64_t size = 0;
   std::string md5;

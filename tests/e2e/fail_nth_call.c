@@ -136,6 +136,7 @@ int close(int fd) {
 /* A medium that is broken. */
 int fsync(int fd) { return fails_on_descriptor("fsync", EIO, fd) ? -1 : REAL(fsync)(fd); }
 int fdatasync(int fd) { return fails_on_descriptor("fsync", EIO, fd) ? -1 : REAL(fdatasync)(fd); }
+int syncfs(int fd) { return fails_on_descriptor("fsync", EIO, fd) ? -1 : REAL(syncfs)(fd); }
 int statfs(const char* path, struct statfs* status) {
   return fails("statfs", EIO, path) ? -1 : REAL(statfs)(path, status);
 }

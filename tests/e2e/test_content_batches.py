@@ -1,14 +1,17 @@
 """--get-content with small files in batches: what holds for single files holds for these."""
 import os
 import re
+import signal
 import subprocess
 
 import pytest
 
+import world
 from content import left, md5, offered
 from invariants import check
 from world import (CONFIGURATION, HOST, ROOT, SUDOER, Destination, Outcome, Session, SourceHost,
-                   files_below, owner_and_mode, read, root_command, sh_quote, sudo_check, user_line, write)
+                   files_below, owner_and_mode, read, root_command, sh_quote, sudo_check, user_line,
+                   wait_until, write)
 
 ARCHIVES = "/mnt/session/archives"
 PROGRAMS = "/mnt/bin"
@@ -357,3 +360,61 @@ def test_archive_that_breaks_off_loses_nothing(program, content_verify, kind):
     assert ("one" in left(ROOT)) == (blamed == "one")
     program("tar", 'exec /bin/tar "$@"')
     assert get_content() == Outcome(0, b"", b"")
+
+
+# --- a run that ends amid an archive -----------------------------------------------------------
+
+GATE = "/mnt/gate"
+
+
+@pytest.fixture
+def halfway(program):
+    """Starts a run over THREE_FILES, and gives it while the second file is half here and tar waits."""
+    os.mkfifo(GATE)
+    program("tar", f"/bin/tar \"$@\" > /mnt/archive; head -c 100000 /mnt/archive; read line < {GATE}; "
+            "tail -c +100001 /mnt/archive")
+    offered(ROOT, *THREE_FILES.items())
+    running = Destination().start("get-content", environment=ASKED)
+    with open(GATE, "wb") as pipe:  # returns when the command waits
+        # What came so far is 65536 bytes and a rest, behind which tar is silent.
+        wait_until(lambda: Session().exists("migration.status")
+                   and b">two<" in Session().read("migration.status"), "the second file")
+        yield running, pipe
+    running.kill()
+    os.unlink(GATE)
+
+
+@pytest.mark.matrix("signals")
+def test_stop_request_amid_an_archive_loses_nothing(halfway, content_verify):
+    running, pipe = halfway
+    running.send(signal.SIGUSR1)
+    pipe.write(b"go on\n")
+    pipe.flush()
+    outcome = running.finish()
+    assert outcome == Outcome(0, b"Migration has been terminated", b"")
+    check(outcome, THREE_FILES)
+    assert left(ROOT) == sorted(THREE_FILES)
+    assert not Session().exists("dump-name")
+
+
+@pytest.mark.matrix("signals")
+def test_run_that_is_killed_amid_an_archive_loses_nothing(halfway, content_verify):
+    running, _ = halfway
+    running.send(signal.SIGKILL)
+    check(running.finish(), THREE_FILES)
+    assert left(ROOT) == sorted(THREE_FILES)
+
+
+@pytest.mark.matrix("network")
+def test_connection_that_is_lost_amid_an_archive_loses_nothing(halfway, content_verify):
+    running, _ = halfway
+    for pid, command in world.processes():
+        if command.startswith(b"sshd: "):
+            os.kill(pid, signal.SIGKILL)
+    outcome = running.finish()
+    assert outcome == Outcome(2, b"", b"Error during dump retrieval")
+    check(outcome, THREE_FILES)
+    (code, _, _, ((inner, _, text, ((cause, _, _, _),)),)), = Session().messages("transfer.result")
+    assert (code, inner, cause) == ("CantRetrieveDump", "CantRetrieveContentFile", "SshConnectionFault")
+    assert text.startswith(f"Failed to retrieve file '{ROOT.agent_dir}/two' ")
+    assert left(ROOT) == sorted(THREE_FILES)

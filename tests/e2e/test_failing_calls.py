@@ -82,13 +82,13 @@ def innermost_code(outcome):
     return message[0]
 
 
-def try_each(source, library, kind, stays, told, harmless):
+def try_each(source, library, kind, stays, told, harmless, asked=None):
     """Lets the first call fail, then the second ... until there is none left; returns how many failed."""
     for nth in range(1, MOST_CALLS):
         shutil.rmtree(SESSION, ignore_errors=True)
         offered(ROOT, *ENTRIES.items())
         fault = Fault(library, kind, nth, stays)
-        outcome = get_content(source, fault.environment)
+        outcome = get_content(source, {**fault.environment, **(asked or {})})
         failed = fault.struck()
         saved = Session().exists("transfer.result")
         assert saved or outcome.code == 1 or any("transfer.result" in what for what in failed), failed
@@ -120,6 +120,18 @@ def test_one_that_fails_loses_nothing(source, preload, cases, kind):
     fewest, told, harmless = KINDS[kind]
     number = try_each(source, preload, kind, False, told, harmless)
     assert number >= fewest
+    cases(number)
+
+
+# In a batch one call syncs all files.
+FEWEST_IN_A_BATCH = {"write": 20, "fsync": 8, "chown": 12, "mkdir": 3}
+
+
+@pytest.mark.parametrize("kind", FEWEST_IN_A_BATCH)
+def test_one_that_fails_in_a_batch_loses_nothing(source, preload, cases, kind):
+    _, told, harmless = KINDS[kind]
+    number = try_each(source, preload, kind, False, told, harmless, {"SONDREL_CONTENT_BATCH": "yes"})
+    assert number >= FEWEST_IN_A_BATCH[kind]
     cases(number)
 
 
