@@ -52,32 +52,42 @@ def objection(name: str, content: bytes, account_there: str, group_there: str) -
     # Some of them end a line for systemd, also within a comment.
     if any(character < " " and character not in "\t\n" or character == "\x7f" for character in text):
         return "it holds control characters"
-    users: list[str] = []
+    return _objection_to_lines(name, text, account_there, group_there)
+
+
+def _objection_to_lines(name: str, text: str, account: str, group: str) -> str:
+    users: set[str] = set()
     section = ""
     for number, line in enumerate(text.split("\n"), 1):
         stripped = line.strip(" \t")
+        if stripped.endswith("\\"):
+            return f"line {number} goes on in the next one"
         if not stripped or stripped[0] in "#;":
-            if stripped.endswith("\\"):
-                return f"line {number} goes on in the next one"
             continue
         if stripped.startswith("[") and stripped.endswith("]"):
             section = stripped[1:-1]
-            if section not in ALLOWED or section == "Timer" and not name.endswith(".timer") or (
-                    section == "Service" and not name.endswith(".service")):
-                return f"line {number} begins a section [{section}]"
-            continue
-        against = _against(section, stripped)
+            against = _against_section(section, name)
+        else:
+            key, _, value = (part.strip() for part in stripped.partition("="))
+            against = _against(section, stripped) or _against_names(key, value, name, group)
+            users |= {value} if key == "User" else set()
         if against:
-            return f"line {number} has {against}"
-        key, value = (part.strip() for part in stripped.split("=", 1))
-        if key == "User":
-            users.append(value)
-        if key == "Group" and value != group_there:
-            return f"line {number} names another group than the account's own"
-        if key == "Unit" and value != name.removesuffix(".timer") + ".service":
-            return f"line {number} starts another unit than that of its own name"
-    if name.endswith(".service") and set(users) != {account_there}:
+            return f"line {number} {against}"
+    if name.endswith(".service") and users != {account}:
         return "it does not say that it runs as that account, and as no other one"
+    return ""
+
+
+def _against_section(section: str, name: str) -> str:
+    of_which = {"Timer": ".timer", "Service": ".service"}.get(section, "")
+    return "" if section in ALLOWED and name.endswith(of_which) else f"begins a section [{section}]"
+
+
+def _against_names(key: str, value: str, name: str, group: str) -> str:
+    if key == "Group" and value != group:
+        return "names another group than the account's own"
+    if key == "Unit" and value != name.removesuffix(".timer") + ".service":
+        return "starts another unit than that of its own name"
     return ""
 
 
@@ -86,11 +96,9 @@ def _against(section: str, line: str) -> str:
     key, value = key.strip(), value.strip()
     form = ALLOWED.get(section, {}).get(key)
     if not is_setting or form is None:
-        return f"{key[:40]}, which is not among what is installed"
-    if value.endswith("\\"):
-        return f"{key} with a value that goes on in the next line"
+        return f"has {key[:40]}, which is not among what is installed"
     if re.fullmatch(form, value) is None:
-        return f"{key} with a value that is not among what is installed"
+        return f"has {key} with a value that is not among what is installed"
     return ""
 
 

@@ -170,11 +170,13 @@ def _give_parents(facts: Facts, box: Box) -> None:
     for path, was in before.items():
         if was is not None or path in box.roots or not any(is_below(path, base) for base in BASES):
             continue
-        if not any(is_below(root, path) for root in box.roots):
+        if not any(is_below(place, path) for place in box.roots):
             continue
         with open_directory(path) as directory:
-            os.fchown(directory, owner.pw_uid, owner.pw_gid)
-            os.fchmod(directory, 0o750)
+            # Root's is one that was made just now; what somebody has set since stays.
+            if os.fstat(directory).st_uid == 0:
+                os.fchown(directory, owner.pw_uid, owner.pw_gid)
+                os.fchmod(directory, 0o750)
 
 
 _FLAGS = re.compile(r":2,[^/]*\Z")
@@ -265,7 +267,7 @@ class MailDomain(Kind):
         for what, is_same, says in answers:
             yield Finding(item.identifier, what, is_same, says)
 
-    def undo(self, restore: Restore, entry: Entry) -> Left | None:
+    def undo(self, restore: Restore, entry: Entry) -> Left | None:  # pylint: disable=useless-return
         MailService(restore).drop(entry.name)
         return None
 
