@@ -214,11 +214,35 @@ RunOutcome Migration::runAction(Step step) {
     held += text;
     if (held.size() > LARGEST_HELD_BYTES) relay(std::exchange(held, ""));
   };
-  RunOutcome outcome = run(step, commandOf(step, state_.settings, places), isHeld ? hold : relay,
-                           [this](const std::string& line) { console_.say(line); });
+  const auto runOnce = [&] {
+    return run(step, commandOf(step, state_.settings, places), isHeld ? hold : relay,
+               [this](const std::string& line) { console_.say(line); });
+  };
+  RunOutcome outcome = runOnce();
+  while (askForWhatIsWanted(step, outcome)) {
+    held.clear();
+    outcome = runOnce();
+  }
   if (!isBlockedByEarlierDump(request_.sessionPath, step, outcome)) relay(held);
   console_.finishRelay();
   return outcome;
+}
+
+/// True when a login by key has failed for want of a password, which a person at the terminal has
+/// given now. A signal at the question ends the step.
+bool Migration::askForWhatIsWanted(Step step, RunOutcome& outcome) {
+  if (outcome.kind != RunOutcome::FAILED || isOfRestore(step)) return false;
+  const std::string causes = joined(causesOf(request_.sessionPath, step, outcome));
+  console_.finishRelay();
+  try {
+    return migrate::askForWhatIsWanted(causes, state_.settings, *passwords_, signals_);
+  } catch (const Exc<&MigrateImpossible>& e) {
+    // Without a terminal the step has failed, and says why.
+    console_.complain(e.what());
+  } catch (const Interrupted&) {
+    outcome = {RunOutcome::STOPPED, exitCodeForRequest(signals_.requested())};
+  }
+  return false;
 }
 
 /// A removal ends with 0 whatever became of it, even when the connection was lost: asks afterwards.
@@ -297,6 +321,7 @@ RunOutcome Migration::run(Step step, const ArgList& arguments, const TextSink& o
   const SondrelRun run{isOfRestore(step) ? restoreProgram_ : program_,
                        arguments,
                        isOfRestore(step) ? NO_PASSWORDS : *passwords_,
+                       isOfRestore(step) ? "" : state_.settings.get("identity"),
                        lock_->descriptor(),
                        onError,
                        onOutput,

@@ -59,6 +59,7 @@ class Migration {
   int makeStep(Step step);
   RunOutcome runStep(Step step);
   RunOutcome runAction(Step step);
+  bool askForWhatIsWanted(Step step, RunOutcome& outcome);
   RunOutcome runRemoval();
   RunOutcome runRestore(Step step);
   std::optional<RunOutcome> waitForEarlierDump(Step step);

@@ -24,6 +24,7 @@ enum OptionCode {
   OPT_FROM,
   OPT_PASSWORD_FD,
   OPT_SUDO_PASSWORD_FD,
+  OPT_KEY_PASSWORD_FD,
   OPT_HELP,
   OPT_VERSION
 };
@@ -41,6 +42,7 @@ const OwnOption OWN_OPTIONS[] = {
     {"from", "STEP", OPT_FROM, "make this step again, and all that follow"},
     {"password-fd", "N", OPT_PASSWORD_FD, "read the password from this descriptor, one line"},
     {"sudo-password-fd", "N", OPT_SUDO_PASSWORD_FD, "the same for the password of sudo"},
+    {"key-password-fd", "N", OPT_KEY_PASSWORD_FD, "the same for the passphrase of the key"},
     {"help", nullptr, OPT_HELP, "print this text"},
     {"version", nullptr, OPT_VERSION, "print the version"},
 };
@@ -64,8 +66,9 @@ const char* const INTRODUCTION =
 const char* const PASSWORDS =
     "\n"
     "The passwords come from the descriptors given above, else from the environment\n"
-    "(QRV_PASSWORD, QRV_SUDO_PASSWORD), else they are asked for on the terminal. No option\n"
-    "and no file takes one.\n"
+    "(QRV_PASSWORD, QRV_SUDO_PASSWORD, QRV_KEY_PASSWORD), else they are asked for on the\n"
+    "terminal. With --identity only what turns out to be needed is asked for. No option and\n"
+    "no file takes one.\n"
     "\n"
     "Exit status: 0 done; 1 nothing could be begun; 2, 11 to 18 that of the run of sondrel\n"
     "that failed; 3 stopped by SIGUSR1; 4 another run is at work; 5 the restore needs\n"
@@ -142,6 +145,9 @@ class Parser {
       case OPT_PASSWORD_FD: request_.passwordFd = parseDescriptor(optarg, "password-fd"); break;
       case OPT_SUDO_PASSWORD_FD:
         request_.sudoPasswordFd = parseDescriptor(optarg, "sudo-password-fd");
+        break;
+      case OPT_KEY_PASSWORD_FD:
+        request_.keyPasswordFd = parseDescriptor(optarg, "key-password-fd");
         break;
       case OPT_HELP: request_.command = Request::HELP; break;
       case OPT_VERSION: request_.command = Request::VERSION; break;

@@ -20,6 +20,7 @@ struct Request {
   /// Descriptors that passwords are read from.
   std::optional<int> passwordFd;
   std::optional<int> sudoPasswordFd;
+  std::optional<int> keyPasswordFd;
   /// The step that is to be made again, with all that follow.
   std::optional<Step> from;
 };

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 #include "commons/unique_fd.h"
 #include "hostlib/env_password.h"
@@ -16,6 +17,7 @@ namespace migrate {
 
 const char* const LOGIN_VARIABLE = "QRV_PASSWORD";
 const char* const SUDO_VARIABLE = "QRV_SUDO_PASSWORD";
+const char* const KEY_VARIABLE = "QRV_KEY_PASSWORD";
 
 namespace {
 
@@ -115,7 +117,7 @@ Secret readDescriptor(int fd, const std::string& what, Signals& signals) {
   return readLine(fd, what, signals);
 }
 
-/// Where one of the two comes from.
+/// Where one of them comes from.
 struct Sources {
   std::string what;
   std::optional<int> fd;
@@ -128,6 +130,17 @@ Secret obtain(Sources sources, Signals& signals) {
   if (sources.fd) return readDescriptor(*sources.fd, sources.what, signals);
   if (sources.fromEnvironment.isGiven()) return std::move(sources.fromEnvironment);
   return askOnTerminal(sources.what, sources.variable, sources.option, signals);
+}
+
+/// Asks nobody; an empty one is none.
+Secret obtainIfGiven(Sources sources, Signals& signals) {
+  Secret secret = sources.fd ? readDescriptor(*sources.fd, sources.what, signals)
+                             : std::move(sources.fromEnvironment);
+  return secret.reveal().empty() ? Secret() : std::move(secret);
+}
+
+std::string accountOf(const Settings& settings) {
+  return settings.get("login") + "@" + settings.get("host");
 }
 
 /// What else it holds is nobody's, and no child's.
@@ -154,25 +167,50 @@ const std::string& Secret::reveal() const {
 }
 
 Passwords takePasswordsFromEnvironment() {
-  return {takeVariable(LOGIN_VARIABLE), takeVariable(SUDO_VARIABLE)};
+  return {takeVariable(LOGIN_VARIABLE), takeVariable(SUDO_VARIABLE), takeVariable(KEY_VARIABLE)};
 }
 
 Passwords obtainPasswords(const Request& request, const Settings& settings, Passwords environment,
                           Signals& signals) {
-  const std::string account = settings.get("login") + "@" + settings.get("host");
-  Secret login = obtain({"password of " + account, request.passwordFd, "--password-fd",
-                         std::move(environment.login), LOGIN_VARIABLE},
-                        signals);
+  const bool isByKey = !identityOf(settings).empty();
+  Sources ofLogin{"password of " + accountOf(settings), request.passwordFd, "--password-fd",
+                  std::move(environment.login), LOGIN_VARIABLE};
+  Secret login =
+      isByKey ? obtainIfGiven(std::move(ofLogin), signals) : obtain(std::move(ofLogin), signals);
   // No server takes an empty one, and sondrel refuses it.
-  if (login.reveal().empty()) fail("the password of " + account + " is empty");
+  if (!isByKey && login.reveal().empty()) {
+    fail("the password of " + accountOf(settings) + " is empty");
+  }
+  // Before that of sudo, which is not always read.
+  Secret key = obtainIfGiven({"passphrase of the key", request.keyPasswordFd, "--key-password-fd",
+                              std::move(environment.key), KEY_VARIABLE},
+                             signals);
   Secret sudo = settings.isOn("sudo")
-                    ? obtain({"password for sudo of " + account, request.sudoPasswordFd,
+                    ? obtain({"password for sudo of " + accountOf(settings), request.sudoPasswordFd,
                               "--sudo-password-fd", std::move(environment.sudo), SUDO_VARIABLE},
                              signals)
                     : Secret();
-  closeDescriptor(request.passwordFd);
-  if (request.sudoPasswordFd != request.passwordFd) closeDescriptor(request.sudoPasswordFd);
-  return {std::move(login), std::move(sudo)};
+  for (const std::optional<int> fd : std::set<std::optional<int>>{
+           request.passwordFd, request.sudoPasswordFd, request.keyPasswordFd}) {
+    closeDescriptor(fd);
+  }
+  return {std::move(login), std::move(sudo), std::move(key)};
+}
+
+bool askForWhatIsWanted(const std::string& causes, const Settings& settings, Passwords& passwords,
+                        Signals& signals) {
+  const auto tells = [&](const char* text) { return causes.find(text) != std::string::npos; };
+  if (!passwords.login.isGiven() && tells("the server wants a password besides the key")) {
+    passwords.login = askOnTerminal("password of " + accountOf(settings), LOGIN_VARIABLE,
+                                    "--password-fd", signals);
+    return true;
+  }
+  if (!passwords.key.isGiven() && tells("is protected by a passphrase, and none was given")) {
+    passwords.key = askOnTerminal("passphrase of " + identityOf(settings), KEY_VARIABLE,
+                                  "--key-password-fd", signals);
+    return true;
+  }
+  return false;
 }
 
 }  // namespace migrate

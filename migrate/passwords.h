@@ -12,6 +12,7 @@ namespace migrate {
 /// The environment variables that sondrel takes its passwords from, and this program too.
 extern const char* const LOGIN_VARIABLE;
 extern const char* const SUDO_VARIABLE;
+extern const char* const KEY_VARIABLE;
 
 /// A password, or none; an empty one is one. Moves and never copies, and is wiped from memory
 /// when it goes. Never printed, never an argument.
@@ -20,7 +21,8 @@ class Secret {
   Secret() = default;
   explicit Secret(const std::string& text) : text_(std::make_unique<std::string>(text)) {}
   Secret(Secret&&) noexcept = default;
-  Secret& operator=(Secret&&) = delete;
+  /// Only for one that is not given.
+  Secret& operator=(Secret&&) noexcept = default;
   ~Secret();
 
   bool isGiven() const { return text_ != nullptr; }
@@ -32,21 +34,29 @@ class Secret {
 };
 
 /// What one migration needs; `sudo` is given when root is had by sudo, and is empty where
-/// sudo asks for none.
+/// sudo asks for none. With a login by key those of the login and of the key may be missing.
 struct Passwords {
   Secret login;
   Secret sudo;
+  Secret key;
 };
 
 /// The passwords of this process's environment, taken out of it: neither a child nor a reader
 /// of /proc sees them there afterwards.
 Passwords takePasswordsFromEnvironment();
 
-/// Gets what `settings` need: from the descriptors of the request, one line each, which are
-/// closed afterwards; else from the environment; else from a person at the terminal, who does
-/// not see what is typed. Throws MigrateImpossible when there is nobody to ask, Interrupted
-/// when a signal ends the waiting.
+/// Gets what `settings` need: from the descriptors of the request, one line each, in the order
+/// login, key, sudo, which are closed afterwards; else from the environment; else from a person at
+/// the terminal, who does not see what is typed. With a login by key nobody is asked for the
+/// password of the login, nor for the key's. Throws MigrateImpossible when there is nobody to ask,
+/// Interrupted when a signal ends the waiting.
 Passwords obtainPasswords(const Request& request, const Settings& settings, Passwords environment,
                           Signals& signals);
+
+/// Asks a person at the terminal for what a login by key lacks, as the causes of its failure tell
+/// it: the password of the login or that of the key. False when they tell nothing of the kind, or
+/// it was given. Throws as obtainPasswords.
+bool askForWhatIsWanted(const std::string& causes, const Settings& settings, Passwords& passwords,
+                        Signals& signals);
 
 }  // namespace migrate

@@ -5,10 +5,12 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/filesystem.hpp>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
 #include "commons/xml_wrap.h"
+#include "hostlib/qrv_conf.h"
 
 namespace migrate {
 
@@ -75,13 +77,19 @@ std::string switchValue(const std::string& name, const std::string& value) {
 }
 
 bool namesFile(const std::string& name) {
-  return name == "dumps-dir" || name == "selected-objects-file";
+  return name == "dumps-dir" || name == "selected-objects-file" || name == "identity";
+}
+
+bool namesAgent(const std::string& name, const std::string& value) {
+  return name == "identity" && value == "agent";
 }
 
 /// One thing has one spelling, for that of a step that is done is compared with later ones.
 std::string plainValue(const std::string& name, const std::string& value) {
   // The run that goes on may be made from another directory.
-  if (namesFile(name)) return boost::filesystem::absolute(value).string();
+  if (namesFile(name) && !namesAgent(name, value)) {
+    return boost::filesystem::absolute(value).string();
+  }
   // A shell that completes the name of a directory puts a slash behind it.
   if (name != "agent-name") return value;
   const std::string plain = boost::trim_right_copy_if(value, boost::is_any_of("/"));
@@ -143,6 +151,7 @@ const std::vector<SettingKind>& settingKinds() {
       {"host", "HOST", Step::SCOUT, "the source host: a name or an address"},
       {"port", "N", std::nullopt, "the port of its SSH server; 22 if not given"},
       {"login", "NAME", std::nullopt, "the login there"},
+      {"identity", "FILE", std::nullopt, "log in by this private key, or \"agent\""},
       {"sudo", nullptr, std::nullopt, "become root there by sudo"},
       {"agent-name", "NAME", Step::DEPLOY, "the agent; \"linux\" if not given"},
       {"agent-parent", "DIR", Step::DEPLOY,
@@ -239,6 +248,13 @@ std::optional<std::string> findForbiddenChange(const Settings& older, const Sett
 
 std::string agentNameOf(const Settings& settings) {
   return settings.has("agent-name") ? settings.get("agent-name") : DEFAULT_AGENT;
+}
+
+std::string identityOf(const Settings& settings) {
+  if (settings.has("identity")) return settings.get("identity");
+  if (const char* const value = std::getenv("SONDREL_IDENTITY")) return value;
+  const char* const configured = qrvConfGet("SSH_IDENTITY_F");
+  return configured ? boost::trim_right_copy(std::string(configured)) : "";
 }
 
 std::string agentParentOf(const Settings& settings) {

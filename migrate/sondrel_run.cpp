@@ -28,6 +28,8 @@ const char* const LISTED_SIZES_VARIABLE = "QRV_LISTED_SIZES";
 /// Ask sondrel to have small files travel together. Who has set one decides otherwise.
 const std::array<const char*, 2> BATCH_VARIABLES = {"SONDREL_CONTENT_BATCH",
                                                     "SONDREL_DEPLOY_BATCH"};
+/// Tells sondrel the key to log in by.
+const char* const IDENTITY_VARIABLE = "SONDREL_IDENTITY";
 
 struct Pipe {
   UniqueFd readEnd;
@@ -50,28 +52,32 @@ Pipe openPipe() {
   return pipe;
 }
 
-/// The environment of this process with the passwords; wiped when it goes.
+/// The environment of this process with the passwords and the key to use; wiped when it goes.
 class ChildEnvironment {
  public:
-  explicit ChildEnvironment(const Passwords& passwords) {
+  ChildEnvironment(const Passwords& passwords, const std::string& identity) {
     for (char** entry = environ; entry && *entry; ++entry) {
       if (!isVariable(*entry, LOGIN_VARIABLE) && !isVariable(*entry, SUDO_VARIABLE) &&
-          !isVariable(*entry, LISTED_SIZES_VARIABLE)) {
+          !isVariable(*entry, LISTED_SIZES_VARIABLE) && !isVariable(*entry, KEY_VARIABLE) &&
+          (identity.empty() || !isVariable(*entry, IDENTITY_VARIABLE))) {
         pointers_.push_back(*entry);
       }
     }
     if (passwords.login.isGiven()) add(login_, LOGIN_VARIABLE, passwords.login);
+    if (passwords.key.isGiven()) add(key_, KEY_VARIABLE, passwords.key);
     if (passwords.sudo.isGiven()) add(sudo_, SUDO_VARIABLE, passwords.sudo);
     requests_ = {std::string(LISTED_SIZES_VARIABLE) + "=yes"};
     for (const char* variable : BATCH_VARIABLES) {
       if (!std::getenv(variable)) requests_.push_back(std::string(variable) + "=yes");
     }
+    if (!identity.empty()) requests_.push_back(std::string(IDENTITY_VARIABLE) + "=" + identity);
     for (std::string& request : requests_) pointers_.push_back(request.data());
     pointers_.push_back(nullptr);
   }
   ~ChildEnvironment() {
     explicit_bzero(login_.data(), login_.size());
     explicit_bzero(sudo_.data(), sudo_.size());
+    explicit_bzero(key_.data(), key_.size());
   }
   ChildEnvironment(const ChildEnvironment&) = delete;
   ChildEnvironment& operator=(const ChildEnvironment&) = delete;
@@ -90,6 +96,7 @@ class ChildEnvironment {
 
   std::string login_;
   std::string sudo_;
+  std::string key_;
   std::vector<std::string> requests_;
   std::vector<char*> pointers_;
 };
@@ -168,7 +175,7 @@ class Child {
   Child(const SondrelRun& run, Signals& signals) : run_(run), signals_(signals) {
     Pipe out = openPipe();
     Pipe err = openPipe();
-    ChildEnvironment environment(run.passwords);
+    ChildEnvironment environment(run.passwords, run.identity);
     std::vector<char*> arguments = pointersTo(run.arguments);
     const pid_t parent = getpid();
     pid_ = fork();

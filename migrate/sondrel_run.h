@@ -33,6 +33,8 @@ struct SondrelRun {
   std::string program;
   ArgList arguments;
   const Passwords& passwords;
+  /// The key to log in by; empty to leave that to the environment of this process.
+  std::string identity;
   /// Stays open in the child, so that a lock lasts as long as it does.
   int lockDescriptor;
   /// Gets what the child writes to its standard error.

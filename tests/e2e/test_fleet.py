@@ -259,6 +259,17 @@ def test_a_migration_goes_on_without_whoever_began_it(imitated):
     assert imitated.environment(0)["QRV_PASSWORD"] == "a-passphrase"
 
 
+def test_a_login_by_key_has_its_passphrase_and_needs_no_password(imitated):
+    settings = {"host": "src.example", "login": "jo", "agent-parent": "/home/jo", "sudo": True, "dump-all": True,
+                "identity": "/root/key"}
+    begin(imitated, settings=settings, password="", key_password="the key's", sudo_password="sudo's")
+    assert look(imitated, wait_seconds=30)["state"] == "finished"
+    environment = imitated.environment(0)
+    assert [environment.get(name) for name in (
+        "SONDREL_IDENTITY", "QRV_PASSWORD", "QRV_KEY_PASSWORD", "QRV_SUDO_PASSWORD")] == [
+            "/root/key", None, "the key's", "sudo's"]
+
+
 def test_a_finished_migration_is_begun_again_only_for_other_settings_or_a_step_to_go_back_to(imitated):
     settings = {"host": "src.example", "login": "root", "domains": ["a.example", "b.example"], "server": False}
     assert begin(imitated, check=True, settings=settings)["changed"] is True

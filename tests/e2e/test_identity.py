@@ -7,9 +7,11 @@ import subprocess
 import pytest
 
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
+from migrating import MIGRATE, in_place, migrate, sample_source
 from scripted_server import Script, ScriptedServer
 from test_servers import dropbear
-from world import (CONFIGURATION, DTM, HOST, ROOT, SUDOER, Destination, Session, SourceHost, deployed_agent,
+from terminal import Terminal
+from world import (CONFIGURATION, DTM, HOST, ROOT, SESSION, SUDOER, Destination, Session, SourceHost, deployed_agent,
                    die_with_parent, files_below, read, set_password, wait_until, write)
 
 KEY = "/mnt/identity"
@@ -333,6 +335,30 @@ def test_key_protected_by_a_cipher_that_the_library_lacks_is_told():
         outcome = log_in(passphrase=PASSPHRASE)
     assert refused(outcome, f"the key file {KEY} is protected by the cipher chacha20-poly1305@openssh.com, which the SSH "
                    f"library of this host, libssh2 {LIBRARY}, does not have. Change that by ssh-keygen -p -Z aes256-ctr")
+
+
+# --- whole migrations ---------------------------------------------------------------------------------
+
+def test_migration_by_a_protected_key_asks_for_no_password():
+    sample_source({"domains/a.test/index": b"page"})
+    authorize(make_key(passphrase=PASSPHRASE), SUDOER)
+    with SourceHost(["PasswordAuthentication no", "KbdInteractiveAuthentication no"], recording=False):
+        outcome = migrate(*in_place(SUDOER, "--dump-all", f"--identity={KEY}"), login=SUDOER, password=None,
+                          environment={"QRV_KEY_PASSWORD": PASSPHRASE, **SANITIZER}, prepare=os.setsid)
+    assert (outcome.code, outcome.stderr) == (0, b""), outcome
+    assert files_below(f"{SESSION}/archives")[b"content/domains/a.test/index"] == b"page"
+    assert PASSPHRASE.encode() not in read(f"{SESSION}/migrate/state.xml")
+
+
+def test_migration_asks_for_the_password_that_the_server_wants_besides_the_key():
+    sample_source({"domains/a.test/index": b"page"})
+    authorize(make_key())
+    with SourceHost(["AuthenticationMethods publickey,password"], recording=False), \
+            Terminal([MIGRATE, *in_place(ROOT, "--dump-all", f"--identity={KEY}")], environment=SANITIZER) as terminal:
+        terminal.shows(f"The password of root@{HOST}: ".encode())
+        terminal.type(f"{ROOT.password}\n".encode())
+        assert terminal.finish() == 0
+    assert files_below(f"{SESSION}/archives")[b"content/domains/a.test/index"] == b"page"
 
 
 # --- secrets -------------------------------------------------------------------------------------------

@@ -29,6 +29,7 @@ options:
       Of the login; a finished migration needs none. Pipelining has to be on (C(ansible_pipelining)), so that no
       file holds it.
   sudo_password: {type: str, description: What sudo asks for; may be empty.}
+  key_password: {type: str, description: 'Of the key that the setting C(identity) names, where it has one.'}
   from_step:
     type: str
     choices: [scout, deploy, dump, content, remove, plan, apply, verify]
@@ -70,7 +71,7 @@ def refuse_files(module):
 def password_lines(module):
     """What sondrel-migrate reads on its standard input."""
     lines = ""
-    for name in ("password", "sudo_password"):
+    for name in ("password", "key_password", "sudo_password"):
         password = module.params[name] or ""
         if "\n" in password:
             module.fail_json(msg="%s is more than one line" % name)
@@ -79,7 +80,8 @@ def password_lines(module):
 
 
 def command_of(params, program):
-    words = [program, "--session-path=" + params["session"], "--password-fd=0", "--sudo-password-fd=0"]
+    words = [program, "--session-path=" + params["session"], "--password-fd=0", "--key-password-fd=0",
+             "--sudo-password-fd=0"]
     if params["from_step"]:
         words.append("--from=" + params["from_step"])
     return words + ["--%s=%s" % (name, text_of(value)) for name, value in sorted(params["settings"].items())]
@@ -205,6 +207,7 @@ def main():
             settings=dict(type="dict", required=True),
             password=dict(type="str", no_log=True),
             sudo_password=dict(type="str", no_log=True),
+            key_password=dict(type="str", no_log=True),
             from_step=dict(type="str", choices=["scout", "deploy", "dump", "content", "remove", "plan", "apply", "verify"]),
             slots=dict(type="int", default=0),
             program=dict(type="str", default="sondrel-migrate")),
