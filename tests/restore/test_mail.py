@@ -90,12 +90,14 @@ def test_restores_a_mailbox_that_can_be_delivered_to_and_takes_it_back(tmp_path)
 def test_renews_a_mailbox_and_keeps_what_arrived_here(tmp_path):
     Run(fetched_with(tmp_path), KINDS).apply()
     Path(BOX, "new/2.here").write_bytes(MESSAGE)
+    os.chmod("/var/mail/vhosts", 0o770)
     again = fetched_with(tmp_path, {"cur__1.host:2,S": MESSAGE, "new__3.host": MESSAGE})
     run = Run(again, KINDS)
     assert run.plan()["mailbox:info@a.test"].state is State.RENEW
     assert "mailbox:info@a.test" in run.apply().changed
     assert sorted(os.listdir(f"{BOX}/new")) == ["2.here", "3.host"]
     assert os.listdir(f"{BOX}/cur") == ["1.host:2,S"]
+    assert stat.S_IMODE(os.stat("/var/mail/vhosts").st_mode) == 0o770
     finding = next(finding for finding in Run(again, KINDS).verify() if finding.what == "messages")
     assert finding.is_same and finding.says == "3 here, 2 fetched"
 

@@ -167,16 +167,18 @@ def _give_parents(facts: Facts, box: Box) -> None:
     before = facts.get("before")
     assert isinstance(before, dict)
     owner = pwd.getpwnam(box.account)
+    # Once: what somebody has set since stays.
+    given = list(facts.get("given") or ())  # type: ignore[call-overload]
     for path, was in before.items():
-        if was is not None or path in box.roots or not any(is_below(path, base) for base in BASES):
+        if was is not None or path in given or path in box.roots or not any(is_below(path, base) for base in BASES):
             continue
         if not any(is_below(place, path) for place in box.roots):
             continue
         with open_directory(path) as directory:
-            # Root's is one that was made just now; what somebody has set since stays.
-            if os.fstat(directory).st_uid == 0:
-                os.fchown(directory, owner.pw_uid, owner.pw_gid)
-                os.fchmod(directory, 0o750)
+            os.fchown(directory, owner.pw_uid, owner.pw_gid)
+            os.fchmod(directory, 0o750)
+        given.append(path)
+    facts["given"] = given
 
 
 _FLAGS = re.compile(r":2,[^/]*\Z")
