@@ -42,6 +42,11 @@ CAT = f"""#!/bin/sh
 case "$*" in *.tar*) [ ! -e {BROKEN} ] || {{ echo '{COMPLAINT}' >&2; exit 1; }} ;; esac
 exec /bin/cat "$@"
 """
+# A tar that sends files would go past that.
+TAR = f"""#!/bin/sh
+case "$*" in *--no-unquote*) [ ! -e {BROKEN} ] || exit 127 ;; esac
+exec /bin/tar "$@"
+"""
 # root's shell at the destinations: it keeps the command lines that Ansible has run there.
 COMMAND_LINES = "/mnt/shell/command-lines"
 LISTING_SHELL = f"""#!/bin/sh
@@ -73,6 +78,7 @@ class Fleet:
             self.nodes[name] = running.enter_context(
                 Node(name, number, lambda name=name: furnish_web_host(name, contextlib.ExitStack())))
             write(self.nodes[name].own("/mnt/shell/programs/cat"), CAT, mode=0o755)
+            write(self.nodes[name].own("/mnt/shell/programs/tar"), TAR, mode=0o755)
         self.servers = {name: running.enter_context(self._server(name)) for name in self.nodes}
         self._give_passwords()
         self._furnish_controller()
