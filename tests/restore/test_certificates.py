@@ -107,6 +107,8 @@ def test_a_site_has_its_certificate_and_a_renewed_one_is_taken_over(world: World
     assert served().strip() == certificate.decode().strip()
     for path in Path("/etc/sondrel-restore/certificates/a.test").iterdir():
         assert (path.stat().st_mode & 0o777, path.stat().st_uid) == ((0o600 if "privkey" in path.name else 0o644), 0)
+    archive = world.session / "archives/content/sites/a.test.tar.gz"
+    archive.rename(archive.with_suffix(".away"))
     assert world.apply(Certificate, Nginx).changed == []
     renewed, new_key = pair()
     described(world, renewed, new_key)

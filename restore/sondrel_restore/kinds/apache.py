@@ -90,21 +90,19 @@ class Apache(site_kind.SiteKind):
             return Candidate(site.domain.name, "", {path: b""}, domains=frozenset((site.domain.name,)),
                              impossible=str(error))
         files = {path: to_bytes(site_kind.heading(site) + text)}
-        listens, made_links = self._listen_files(restore, hosts), {link: f"../sites-available/{os.path.basename(path)}"}
+        listens, made_links = self._listen_files(hosts), {link: f"../sites-available/{os.path.basename(path)}"}
         for each, content in listens.items():
             files[each] = content
             made_links[f"{_DIRECTORY}/conf-enabled/{os.path.basename(each)}"] = (
                 f"../conf-available/{os.path.basename(each)}")
-        made_links.update(self._module_links(restore, hosts))
+        made_links.update(self._module_links(hosts))
         conflict, disables = self._conflict(restore, site, {path, link}, _ports(hosts))
         return self.whole(site, judge, blocks, files, made_links, shown, conflict, disables, self._refusal)
 
     def _conflict(self, restore: Restore, site: Site, own: set[str],
                   ports: frozenset[int]) -> tuple[str, frozenset[str]]:
-        made = {link for entry in restore.journal.entries(self.name)
-                for link in (*site_kind.links(entry), *site_kind.sums(entry))}
         for name in site.names:
-            others = self._served.get(name, set()) - own - made
+            others = self._served.get(name, set()) - own - self.made
             if others:
                 return f"{name} is served here already by {', '.join(sorted(others))}", frozenset(
                     file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
@@ -115,26 +113,24 @@ class Apache(site_kind.SiteKind):
                     f"({', '.join(self._own_sites[:3])}), and could change them"), frozenset()
         return self.port_conflict(ports), frozenset()
 
-    def _listen_files(self, restore: Restore, hosts: Iterable[Directive]) -> dict[str, bytes]:
+    def _listen_files(self, hosts: Iterable[Directive]) -> dict[str, bytes]:
         """A file for each port that Apache does not listen at yet; several sites may have one."""
-        made = {path for entry in restore.journal.entries(self.name) for path in site_kind.sums(entry)}
         found: dict[str, bytes] = {}
         for port in sorted(_ports([*hosts])):
             path = f"{_DIRECTORY}/conf-available/sondrel-listen-{port}.conf"
-            if str(port) not in self._listens or path in made:
+            if str(port) not in self._listens or path in self.made:
                 local = all(_is_local(arg) for host in hosts for arg in host.args if arg.endswith(f":{port}"))
                 found[path] = f"Listen {'127.0.0.1:' if local else ''}{port}\n".encode()
         return found
 
-    def _module_links(self, restore: Restore, hosts: Iterable[Directive]) -> dict[str, str]:
+    def _module_links(self, hosts: Iterable[Directive]) -> dict[str, str]:
         """Links that switch on modules, but for those that somebody else has switched on."""
-        made = {link for entry in restore.journal.entries(self.name) for link in site_kind.links(entry)}
         found: dict[str, str] = {}
         for module in sorted(_modules_of(hosts)):
             for suffix in ("load", "conf"):
                 available = f"{_DIRECTORY}/mods-available/{module}.{suffix}"
                 enabled = f"{_DIRECTORY}/mods-enabled/{module}.{suffix}"
-                if os.path.exists(available) and (enabled in made or not os.path.lexists(enabled)):
+                if os.path.exists(available) and (enabled in self.made or not os.path.lexists(enabled)):
                     found[enabled] = f"../mods-available/{module}.{suffix}"
         return found
 

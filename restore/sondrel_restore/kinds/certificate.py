@@ -61,6 +61,10 @@ class Certificate(ConfigKind):
             domain.name, "", {}, domains=frozenset((domain.name,)),
             clients=frozenset((domain.client,)) if domain.client else frozenset())
         directory = f"{_PLACE}/{file_name(domain.name)}"
+        source = _source(restore, domain, named)
+        known = self._known(restore, base, source)
+        if known is not None:
+            return known
         try:
             found = _contents(restore, domain, [each.path for each in named])
         except RestoreError as error:
@@ -84,9 +88,21 @@ class Certificate(ConfigKind):
                   for renewal in site.iterfind("tls/renewal")]
         says = f"{len(files)} files of certificates, keys and passwords" + (f"; {why}" if why else "")
         return dataclasses.replace(base, says=says, files=files, modes=modes, notes=tuple(notes),
-                                   facts={"here": here, "passwords": sorted(
+                                   facts={"source": source, "here": here, "passwords": sorted(
                                        here[each.path] for each in named
                                        if each.directive in _PASSWORDS and each.path in here)})
+
+    def _known(self, restore: Restore, base: Candidate, source: str) -> Candidate | None:
+        """What an earlier apply has made of the same archives: they may be large, and are not read again."""
+        entry = restore.journal.entry(f"{self.name}:{base.name}")
+        if entry is None or entry.state != "done" or entry.facts.get("source") != source:
+            return None
+        files = {path: content_here(path) for path in sums(entry)}
+        unchanged = {path: content for path, content in files.items()
+                     if content is not None and sum_of(content) == sums(entry)[path]}
+        if len(unchanged) != len(files):
+            return None
+        return dataclasses.replace(base, says="as it was", files=unchanged, facts=entry.facts)
 
     def planned(self, restore: Restore, candidate: Candidate) -> None:
         restore.offer("certificate-files", candidate.name, candidate.facts.get("here", {}))
@@ -146,6 +162,13 @@ def _of_directive(directive: Directive) -> _Named | None:
     except RestoreError:
         return None
     return _Named(directive.args[0], name)
+
+
+def _source(restore: Restore, domain: Domain, named: list[_Named]) -> str:
+    """A sum that is another one when the files may be others."""
+    archives = [f"{content.get('file')} {content.get('md5sum')}"
+                for content in restore.description.contents(domain.element)]
+    return sum_of(to_bytes("\n".join([*archives, *(f"{each.directive} {each.path}" for each in named)])))
 
 
 def _contents(restore: Restore, domain: Domain, paths: Iterable[str]) -> dict[str, bytes]:

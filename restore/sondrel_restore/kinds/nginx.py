@@ -79,7 +79,7 @@ class Nginx(site_kind.SiteKind):
         except RestoreError as error:
             return Candidate(site.domain.name, "", {path: b""}, impossible=str(error))
         shown = for_nginx(left.directive for left in judge.left_out)
-        conflict, disables = self._conflict(restore, site, {path, link}, nginx_rules.ports_of(servers))
+        conflict, disables = self._conflict(site, {path, link}, nginx_rules.ports_of(servers))
         links = {f"{_DIRECTORY}/conf.d/{os.path.basename(each)}": f"../{os.path.basename(_DEFINITIONS)}/"
                  + os.path.basename(each) for each in definitions}
         return self.whole(
@@ -92,12 +92,9 @@ class Nginx(site_kind.SiteKind):
             return True
         return self._defaults.setdefault(address, site) != site
 
-    def _conflict(self, restore: Restore, site: Site, own: set[str],
-                  ports: frozenset[int]) -> tuple[str, frozenset[str]]:
-        made = {link for entry in restore.journal.entries(self.name) for link in
-                (*site_kind.links(entry), *site_kind.sums(entry))}
+    def _conflict(self, site: Site, own: set[str], ports: frozenset[int]) -> tuple[str, frozenset[str]]:
         for name in site.names:
-            others = {file for file in self._here.served.get(name, set()) if file not in own and file not in made}
+            others = {file for file in self._here.served.get(name, set()) if file not in own and file not in self.made}
             if others:
                 return f"{name} is served here already by {', '.join(sorted(others))}", frozenset(
                     file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))

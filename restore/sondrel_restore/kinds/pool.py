@@ -162,7 +162,7 @@ class Pool(ConfigKind):
                     f"/run/php/php{version}-fpm.pid"):
                 os.makedirs("/run/php", mode=0o755, exist_ok=True)
                 reload_service(restore.host, f"php{version}-fpm", f"/run/php/php{version}-fpm.pid", "php-fpm",
-                               signal.SIGUSR2)
+                               signal.SIGUSR2, ends_workers=True)
         for entry in entries:
             socket = str(entry.facts.get("socket"))
             wait_until(functools.partial(os.path.exists, socket), f"{entry.name} does not listen at {socket}")

@@ -16,24 +16,28 @@ _SYSTEMD = "/run/systemd/system"
 _PATIENCE = 20.0
 
 
-def reload_service(host: Host, name: str, pid_file: str, program: str, number: signal.Signals) -> None:
+def reload_service(host: Host, name: str, pid_file: str, program: str, number: signal.Signals, *,
+                   ends_workers: bool = False) -> None:
     """Has the server `name` (a unit and an init script) read its configuration anew, or starts it if it does not run.
 
-    `program` is the beginning of the name that its process has. RestoreError where that fails.
+    `program` is the beginning of the name that its process has. With `ends_workers` its earlier processes are gone
+    at the end: their accounts can be removed. RestoreError where that fails.
     """
+    pid = running(pid_file, program)
+    before = _children(pid) if pid is not None else set()
     if os.path.isdir(_SYSTEMD):
         active = host.run(["systemctl", "is-active", "--quiet", name], check=False).status == 0
         host.run(["systemctl", "reload" if active else "start", name])
-        return
-    pid = running(pid_file, program)
-    if pid is not None:
-        before = _children(pid)
+    elif pid is not None:
         os.kill(pid, number)
         wait_until(lambda: not before or _serves_anew(pid, before, running(pid_file, program)),
                    f"{name} has not taken over its configuration")
-        return
-    host.run(["service", name, "start"])
-    wait_until(lambda: running(pid_file, program) is not None, f"{name} does not run after its start")
+    else:
+        host.run(["service", name, "start"])
+        wait_until(lambda: running(pid_file, program) is not None, f"{name} does not run after its start")
+    if ends_workers:
+        wait_until(lambda: not any(os.path.exists(f"/proc/{each}") for each in before),
+                   f"{name} still has processes with its old configuration")
 
 
 def reload_web_servers(host: Host) -> None:

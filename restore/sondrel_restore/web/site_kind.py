@@ -34,6 +34,8 @@ class SiteKind(ConfigKind):
         self._accounts: frozenset[str] = frozenset()
         self._site_ports: frozenset[int] = frozenset()
         self.addresses: frozenset[str] = frozenset()
+        # Files and links that earlier applies have made, as of the beginning of a plan.
+        self.made: frozenset[str] = frozenset()
 
     @abc.abstractmethod
     def look(self, restore: Restore) -> None:
@@ -50,6 +52,8 @@ class SiteKind(ConfigKind):
         self._ports, self._trees = {}, Trees(restore.offered("tree"))
         self._accounts, self._site_ports = accounts_here(restore), _ports_of_sites(restore)
         self.addresses = _own_addresses(restore)
+        self.made = frozenset(path for entry in restore.journal.entries(self.name)
+                              for path in (*links(entry), *sums(entry)))
         self.look(restore)
         brought = self._brought(restore, sites)
         for site in sites:
