@@ -77,6 +77,8 @@ def test_installs_a_table_switched_off_and_the_option_switches_it_on(tmp_path):
     assert Run(fetched, [Job], start_jobs=True).apply().changed == ["job:cron:alice"]
     assert table_of("alice") == table
     assert all(finding.is_same for finding in Run(fetched, [Job], start_jobs=True).verify())
+    # A later apply without the option does not take it back.
+    assert Run(fetched, [Job]).apply().changed == [] and table_of("alice") == table
 
 
 def test_renews_a_table_that_changed_there_and_keeps_one_that_changed_here(tmp_path):
@@ -140,6 +142,19 @@ def test_installs_a_service_and_its_timer_disabled(tmp_path):
     assert Run(fetched, [Job]).apply().changed == []
     assert Run(fetched, [Job]).undo().left == []
     assert units_here() == before
+
+
+def test_starts_a_timer_that_was_installed_before_when_it_is_asked_to(tmp_path, monkeypatch):
+    os.makedirs("/run/systemd/system", exist_ok=True)
+    fetched = fetched_with(tmp_path, units={"import.service": SERVICE, "import.timer": TIMER})
+    ran = []
+    for options in ({}, {"start_jobs": True}, {}):
+        run = Run(fetched, [Job], **options)
+        real = run.restore.host.run
+        monkeypatch.setattr(run.restore.host, "run", lambda argv, real=real, **more: (
+            ran.append(" ".join(argv[1:])) if argv[0] == "systemctl" else real(argv, **more)))
+        assert run.apply().failed == []
+    assert ran == ["daemon-reload", "daemon-reload", "enable --now import.service", "enable --now import.timer"]
 
 
 def test_gives_a_unit_the_name_of_its_account_here(tmp_path):

@@ -85,7 +85,7 @@ class Job(Kind):
             return
         restore.host.run(["systemctl", "daemon-reload"])
         for item in changed:
-            if isinstance(item.data, Unit) and item.data.is_enabled and restore.decisions.start_jobs:
+            if isinstance(item.data, Unit) and item.data.is_enabled and _is_on(restore, item.identifier):
                 restore.host.run(["systemctl", "enable", "--now", item.data.name])
 
     def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
@@ -199,7 +199,8 @@ def _planned(restore: Restore, name: str, clients: frozenset[str], data: Table |
 
 
 def _state(restore: Restore, identifier: str, data: Table | Unit, what: str) -> tuple[State, str]:
-    how = "switched on" if restore.decisions.start_jobs else "switched off"
+    is_on = _is_on(restore, identifier)
+    how = "switched on" if is_on else "switched off"
     entry = restore.journal.entry(identifier)
     here = _here(restore, data)
     if entry is None or not entry.facts:
@@ -212,7 +213,7 @@ def _state(restore: Restore, identifier: str, data: Table | Unit, what: str) -> 
         return State.RENEW, f"{what} is installed, {how}"
     if _sum(here) != entry.facts.get("sum"):
         return State.KEPT, f"{what} was changed or removed here since it was installed, and stays as it is"
-    if _sum(_wanted(restore, data)) == entry.facts.get("sum"):
+    if _sum(_wanted(restore, data, is_on)) == entry.facts.get("sum") and is_on == entry.facts.get("on"):
         return State.SAME, f"{what} is here, as it was installed"
     return State.RENEW, f"{what} is installed anew, {how}"
 
@@ -247,7 +248,13 @@ def _table_here(restore: Restore, account: str) -> bytes | None:
     return found.stdout.encode("utf-8", "surrogateescape")
 
 
-def _wanted(restore: Restore, data: Table | Unit) -> bytes:
+def _is_on(restore: Restore, identifier: str) -> bool:
+    """Whether the job is switched on: by this run, or by an earlier one, which this one does not take back."""
+    entry = restore.journal.entry(identifier)
+    return restore.decisions.start_jobs or entry is not None and entry.facts.get("on") is True
+
+
+def _wanted(restore: Restore, data: Table | Unit, is_on: bool) -> bytes:
     archive = restore.archive(data.content)
     if isinstance(data, Unit):
         account = account_of(data.account)
@@ -255,7 +262,7 @@ def _wanted(restore: Restore, data: Table | Unit) -> bytes:
             raise RestoreError(f"There is no account {data.account} here: {data.path} cannot run as it")
         group = restore.host.run(["id", "-gn", data.account]).stdout.strip()
         return with_account(archive.read(data.path), data.account, group)
-    return switched(archive.read(data.path, limit=LARGEST_TABLE), restore.decisions.start_jobs)
+    return switched(archive.read(data.path, limit=LARGEST_TABLE), is_on)
 
 
 def switched(table: bytes, is_on: bool) -> bytes:
@@ -273,16 +280,18 @@ def switched(table: bytes, is_on: bool) -> bytes:
 
 
 def _apply_table(restore: Restore, item: Item, table: Table) -> Facts:
-    wanted = _wanted(restore, table)
+    is_on = _is_on(restore, item.identifier)
+    wanted = _wanted(restore, table, is_on)
     here = _table_here(restore, table.account)
     before = _keep_before(restore, item, here)
     # Noted first: killed in between, the next run knows what is its own.
     restore.journal.note(item.identifier, {
         "account": table.account, "sum": _sum(wanted), "was": _sum(here), "before": before})
     restore.host.run(["crontab", "-u", table.account, "-"], input=wanted)
-    if not restore.decisions.start_jobs:
+    if not is_on:
         restore.name(item.identifier, f"is switched off: switch it on by --start-jobs, or take \"{OFF.strip()}\" away")
-    return {"account": table.account, "sum": _sum(_table_here(restore, table.account)), "before": before}
+    return {"account": table.account, "sum": _sum(_table_here(restore, table.account)), "before": before,
+            "on": is_on}
 
 
 def _keep_before(restore: Restore, item: Item, here: bytes | None) -> bool:
@@ -298,13 +307,15 @@ def _keep_before(restore: Restore, item: Item, here: bytes | None) -> bool:
 
 
 def _apply_unit(restore: Restore, item: Item, unit: Unit) -> Facts:
-    wanted = _wanted(restore, unit)
+    is_on = _is_on(restore, item.identifier)
+    wanted = _wanted(restore, unit, is_on)
     here = _file_here(unit.path)
     before = _keep_before(restore, item, here)
     facts: Facts = {"path": unit.path, "sum": _sum(wanted), "before": before}
     restore.journal.note(item.identifier, {**facts, "was": _sum(here)})
+    facts["on"] = is_on
     atomic_write(unit.path, wanted, mode=0o644, uid=0, gid=0)
-    if unit.is_enabled and not restore.decisions.start_jobs:
+    if unit.is_enabled and not is_on:
         restore.name(item.identifier, f"is switched off: systemctl enable --now {unit.name}")
     return facts
 
