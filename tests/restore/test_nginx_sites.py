@@ -355,3 +355,9 @@ def test_all_goes_in_where_the_configuration_is_trusted(world: World) -> None:
     )
     assert not world.apply(Nginx, decisions=Decisions(trust_configuration=True)).failed
     assert get("a.test", "/d/bin/env").status == 200
+
+
+def test_directives_of_modules_that_are_not_here_need_their_packages(world: World) -> None:
+    world.describe(site("a.test", server(LISTEN, NAME, ROOT, directive("more_set_headers", "X: y"))))
+    assert "libnginx-mod-http-headers-more-filter" in {each.package for each in world.plan(Nginx).missing}
+    assert "more_set_headers" in world.apply(Nginx).failed[0][1]

@@ -47,7 +47,7 @@ PLAIN = frozenset("""
     real_ip_recursive recursive_error_pages referer_hash_bucket_size request_pool_size reset_timedout_connection
     return rewrite_log satisfy send_lowat send_timeout sendfile sendfile_max_chunk server_name
     server_name_in_redirect server_names_hash_bucket_size server_tokens set set_real_ip_from slice source_charset
-    ssi_last_modified ssl_buffer_size ssl_ciphers ssl_conf_command_ ssl_early_data ssl_ecdh_curve
+    ssi_last_modified ssl_buffer_size ssl_ciphers ssl_early_data ssl_ecdh_curve
     ssl_prefer_server_ciphers ssl_protocols ssl_session_tickets ssl_session_timeout ssl_stapling
     ssl_stapling_verify ssl_verify_client ssl_verify_depth sub_filter sub_filter_last_modified sub_filter_once
     sub_filter_types subrequest_output_buffer_size tcp_nodelay tcp_nopush types_hash_bucket_size
@@ -60,6 +60,7 @@ PLAIN = frozenset("""
     scgi_pass_header scgi_read_timeout scgi_send_timeout uwsgi_param scgi_param grpc_connect_timeout
     grpc_hide_header grpc_pass_header grpc_read_timeout grpc_send_timeout grpc_set_header valid_referers
     variables_hash_bucket_size
+    more_set_headers more_clear_headers brotli brotli_types
 """.split())
 
 # What "http" says for all sites and each server may say for itself: written into it where it does not.
