@@ -1,4 +1,5 @@
 """What can befall an apply: kills, full disks, cut journals; a rerun completes, and undo leaves what was before."""
+import os
 import signal
 import subprocess
 
@@ -44,3 +45,48 @@ def test_goes_on_after_a_kill_and_can_be_taken_back(session, call, numbers):
         session.run("undo", check=0)
         assert snapshot() == before, (call, number)
     assert hits >= len(numbers) / 2
+
+
+@pytest.mark.parametrize("size", ["100k", "400k", "1m", "2m", "3m"])
+def test_tells_of_a_full_disk_and_goes_on_when_there_is_room(session, size):
+    os.makedirs("/home/alice")
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size},mode=755", "own", "/home"], check=True)
+    site(session, *large())
+    # The room was there when the plan was made: the description says too little.
+    session.tree.find(".//domain/content").set("unpacked", "1000")
+    done = session.run("apply", check=1)
+    assert "No space left on device" in done.stderr and "Traceback" not in done.stderr
+    subprocess.run(["mount", "-o", "remount,size=100m", "/home"], check=True)
+    session.run("apply", check=0)
+    session.run("verify", check=0)
+    session.run("undo", check=0)
+    assert os.listdir("/home") == []
+
+
+@pytest.mark.parametrize("size", ["4k", "8k"])
+def test_tells_of_a_full_disk_of_the_journal(session, size):
+    os.makedirs(f"{session.directory}/restore", 0o700)
+    before = snapshot()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size},mode=700", "own", f"{session.directory}/restore"],
+                   check=True)
+    site(session, *large())
+    done = session.run("apply", check=1)
+    assert "No space left on device" in done.stderr and "Traceback" not in done.stderr
+    subprocess.run(["mount", "-o", "remount,size=10m", f"{session.directory}/restore"], check=True)
+    session.run("apply", check=0)
+    session.run("verify", check=0)
+    session.run("undo", check=0)
+    assert snapshot() == before
+
+
+@pytest.mark.parametrize("cut", [1, 40, 400])
+def test_passes_over_a_line_of_the_journal_that_was_cut_off(session, cut):
+    site(session, *large())
+    before = snapshot()
+    session.run("apply", check=0)
+    path = f"{session.directory}/restore/journal"
+    os.truncate(path, os.path.getsize(path) - cut)
+    session.run("apply", check=0)
+    session.run("verify", check=0)
+    session.run("undo", check=0)
+    assert snapshot() == before
