@@ -51,7 +51,7 @@ def _stop(number: int, _: object) -> None:
 
 
 def _restore(options: argparse.Namespace) -> Restore:
-    session = Session(options.session)
+    session = Session(options.session, options.archives)
     description = Description(session.dump)
     selection = Selection(description, frozenset(options.domains), frozenset(options.clients))
     decisions = Decisions(
@@ -71,7 +71,9 @@ def _run_plan(restore: Restore, options: argparse.Namespace) -> int:
         print()
     else:
         printing.print_plan(restore, plan)
-    return DONE if plan.is_ready else UNDECIDED
+    can_install = restore.decisions.install and all(each.package for each in plan.missing)
+    is_ready = plan.is_ready or can_install and not plan.undecided()
+    return DONE if is_ready else UNDECIDED
 
 
 def _run_apply(restore: Restore, _: argparse.Namespace) -> int:
@@ -137,6 +139,7 @@ def _parser() -> argparse.ArgumentParser:
         description="Restores on this host what sondrel fetched from another one.")
     commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
     plan = _command(commands, "plan", _run_plan, "say what apply would do, and what it needs; changes nothing")
+    plan.add_argument("--install", action="store_true", help="packages that this host lacks will be installed")
     _add_format(plan)
     apply = _command(commands, "apply", _run_apply, "make what the plan says")
     apply.add_argument("--install", action="store_true", help="install the packages that this host lacks")
@@ -161,6 +164,7 @@ def _command(commands: argparse._SubParsersAction[argparse.ArgumentParser], name
     add = parser.add_argument
     add("--domains", type=_names, default=[], metavar="NAME,...", help="only these domains")
     add("--clients", type=_names, default=[], metavar="NAME,...", help="only these clients, with their domains")
+    add("--archives", default="", metavar="DIR", help="where the fetched files are; SESSION/archives if not given")
     add("--map-account", type=_pair, default=[], action="append", metavar="THERE:HERE",
         help="an account of the source host is this one here")
     add("--replace", default=[], action="append", metavar="OBJECT", help="overwrite what is here")

@@ -11,10 +11,13 @@ from sondrel_restore.kind import RestoreError
 class Session:
     """Where the parts of a session lie. Only root may have been able to put them there."""
 
-    def __init__(self, directory: str) -> None:
-        """RestoreError if it is no session, or one into which an account other than root's may write."""
+    def __init__(self, directory: str, archives: str = "") -> None:
+        """With `archives` the fetched files lie there, and not in the directory of that name of the session.
+
+        RestoreError if it is no session, or one into which an account other than root's may write.
+        """
         self.directory = Path(os.path.abspath(directory))
-        self.archives = self.directory / "archives"
+        self.archives = Path(os.path.abspath(archives)) if archives else self.directory / "archives"
         self.journal_directory = self.directory / "restore"
         self.dump = self.directory / "dump.xml"
         for needed in (self.directory, self.dump):

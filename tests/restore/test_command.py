@@ -147,11 +147,28 @@ def with_package(session, name):
 def test_installs_what_is_missing_only_when_told_to(session):
     with_package(session, "shop-application")
     assert "apt install shop-application" in session.run("plan", check=3).stdout
+    session.run("plan", "--install", check=0)
     session.run("apply", check=3)
     assert not os.path.exists("/mnt/apt") and not os.path.exists("/home/alice")
     session.run("apply", "--install", check=0)
     with open("/mnt/apt", encoding="ascii") as said:
         assert said.read().endswith(" -- shop-application\n")
+
+
+def test_does_not_count_on_installing_what_no_package_brings(session):
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "own", "/home"], check=True)
+    site(session, directory("./home/alice/shop"), file("./home/alice/shop/large", bytes(3 << 20)))
+    session.run("plan", "--install", check=3)
+
+
+def test_takes_fetched_files_from_another_directory(session):
+    site(session, *usual())
+    os.rename(f"{session.directory}/archives", "/mnt/fetched")
+    session.run("apply", check=1)
+    session.run("apply", "--archives=/mnt/fetched", check=0)
+    assert os.path.exists("/home/alice/shop/index.php")
+    os.chmod("/mnt/fetched", 0o777)
+    assert "others than root" in session.run("plan", "--archives=/mnt/fetched", check=1).stderr
 
 
 @pytest.mark.parametrize("name", ["sudo-everything", "-o=x", "unknown-package", "/tmp/x.deb"])
