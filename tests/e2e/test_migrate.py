@@ -273,6 +273,9 @@ def end_connections(host):
         os.kill(pid, signal.SIGKILL)
 
 
+# The gates stand before the commands of single files.
+SINGLE_FILES = {"SONDREL_CONTENT_BATCH": "no", "SONDREL_DEPLOY_BATCH": "no"}
+
 INTERRUPTIONS = {
     "Ctrl-C": (lambda running, host: running.send(signal.SIGINT), {128 + signal.SIGINT}, "stopped"),
     "SIGTERM": (lambda running, host: running.send(signal.SIGTERM), {128 + signal.SIGTERM}, "stopped"),
@@ -291,7 +294,7 @@ def test_the_same_command_goes_on_after_every_interruption(step, cases):
             shutil.rmtree(SESSION, ignore_errors=True)
             gate = Gate(INTERRUPTED[step])
             command = in_place(ROOT, "--dump-all")
-            running = start(*command)
+            running = start(*command, environment=SINGLE_FILES)
             gate.reached()
             interrupt(running, host)
             code = running.finish().code
@@ -309,7 +312,7 @@ def test_status_shows_a_migration_at_work_and_its_end():
     write(f"{SOURCE_TREE}/domains/a.test/web/large", b"x" * 4_000_000)
     with gated_source():
         gate = Gate("amid cat large")
-        running = start(*in_place(ROOT, "--dump-all"))
+        running = start(*in_place(ROOT, "--dump-all"), environment=SINGLE_FILES)
         gate.reached()
         # Half of it was sent; how much of that has come is not known.
         shown = wait_until(lambda: " of 4.0 MB (" in status()["content"] and status(), "progress to show")
@@ -331,7 +334,7 @@ def test_progress_counts_what_is_listed_and_not_what_it_takes_unpacked():
     write(script, read(script).replace(b"unpacked => $total", b"unpacked => 3 * $total"))
     with gated_source():
         gates = [Gate("before cat large"), Gate("before cat dump.xml")]
-        running = start(*in_place(ROOT, "--dump-all", "--keep-agent"))
+        running = start(*in_place(ROOT, "--dump-all", "--keep-agent"), environment=SINGLE_FILES)
         gates[1].reached()
         gates[1].open()
         gates[0].reached()
