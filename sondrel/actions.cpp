@@ -45,11 +45,12 @@ constexpr int NOT_FOUND_STATUS = 127;
 /// Removes the files whose names, each with a zero byte behind it, follow the first zero byte of
 /// its input. A name that was cut on its way could be that of another file: it is left out. Ends
 /// with SOME_NOT_REMOVED and tells then, behind a zero byte for each name, why it was not removed.
+/// Without braces: quoting leaves them as they are, and the login's shell may expand them.
 constexpr char REMOVE_FILES[] =
     R"($/ = "\0"; <STDIN>; )"
-    R"(while (<STDIN>) { chomp or last; push @errors, unlink($_) ? "" : "$!" } )"
-    R"(exit 0 unless grep { length } @errors; )"
-    R"(print map { "\0$_" } @errors; exit 3)";
+    R"(push @errors, unlink($_) ? "" : "$!" while defined($_ = <STDIN>) and chomp; )"
+    R"(exit 0 unless grep length, @errors; )"
+    R"(print map "\0$_", @errors; exit 3)";
 constexpr int SOME_NOT_REMOVED = 3;
 
 bool isNotThere(int exitStatus) {

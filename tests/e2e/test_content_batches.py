@@ -11,14 +11,14 @@ from content import left, md5, offered
 from invariants import check
 from world import (CONFIGURATION, HOST, ROOT, SUDOER, Destination, Outcome, Session, SourceHost,
                    files_below, owner_and_mode, read, root_command, sh_quote, sudo_check, user_line,
-                   wait_until, write)
+                   use_shell, wait_until, write)
 
 ARCHIVES = "/mnt/session/archives"
 PROGRAMS = "/mnt/bin"
 ASKED = {"SONDREL_CONTENT_BATCH": "yes"}
 SUCCESS = ("execution-result", [("status", "success")], "", [])
-REMOVER = ('$/ = "\\0"; <STDIN>; while (<STDIN>) { chomp or last; push @errors, unlink($_) ? "" : "$!" } '
-           'exit 0 unless grep { length } @errors; print map { "\\0$_" } @errors; exit 3')
+REMOVER = ('$/ = "\\0"; <STDIN>; push @errors, unlink($_) ? "" : "$!" while defined($_ = <STDIN>) and chomp; '
+           'exit 0 unless grep length, @errors; print map "\\0$_", @errors; exit 3')
 FILES = {"one": b"1" * 3000, "sub/two": b"22" * 100_000, "three": b"", "it's\nthree": b"333"}
 
 
@@ -81,6 +81,17 @@ def test_two_commands_bring_many_files_and_remove_them(source, login, content_ve
     assert left(login) == []
     assert Session().result("transfer.result") == SUCCESS
     assert Session().read("dump-name") == b"/mnt/session/archives/dump.xml"
+
+
+@pytest.mark.parametrize("shell", ["/bin/dash", "/bin/bash"], ids=["dash", "bash"])
+def test_login_s_shell_reads_the_commands_as_they_are(shell):
+    """bash expands what other shells leave: braces with a comma between them, for one."""
+    with SourceHost(recording=False):
+        use_shell(shell)
+        offered(ROOT, *FILES.items())
+        assert get_content() == Outcome(0, b"", b"")
+    assert left(ROOT) == []
+    assert Session().result("transfer.result") == SUCCESS
 
 
 @pytest.mark.parametrize("value, asked", [("yes", True), ("yes \t", True), ("no", False), ("YES", False)])
