@@ -27,6 +27,7 @@ class State(enum.Enum):
     RENEW = "renew"  # an earlier apply made it, and the fetched one differs from that
     CONFLICT = "conflict"  # something else of that name is here: needs a decision
     KEPT = "kept"  # an earlier apply made it, and somebody changed it here: it stays, and is named
+    LISTED = "listed"  # no restore makes it: it is the administrator's; `says` tells what to do
     IMPOSSIBLE = "impossible"  # this host cannot have it; `says` tells why, and what to do
 
 

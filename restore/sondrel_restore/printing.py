@@ -17,6 +17,7 @@ _HEADINGS = (
     (State.CONFLICT, "Needs a decision"),
     (State.IMPOSSIBLE, "Cannot be restored here"),
     (State.KEPT, "Was changed here and stays as it is"),
+    (State.LISTED, "Is for you to look at, and is not restored"),
     (State.MAKE, "Will be made"),
     (State.RENEW, "Will be renewed"),
     (State.SAME, "Is here already"),
@@ -67,7 +68,7 @@ def print_outcome(restore: Restore, plan: Plan, outcome: Outcome) -> None:
     """What an apply did."""
     for identifier in outcome.changed:
         restore.progress.say(f"done: {identifier}")
-    for state in (State.IMPOSSIBLE, State.KEPT):
+    for state in (State.LISTED, State.IMPOSSIBLE, State.KEPT):
         for item in plan.items:
             if item.state is state:
                 restore.progress.say(f"{state.value}: {item.identifier}: {item.says}")
@@ -132,5 +133,6 @@ def _print_missing(restore: Restore, missing: Iterable[Missing]) -> None:
 def _summary(items: Iterable[Item]) -> str:
     counts = collections.Counter(item.state for item in items)
     words = {State.MAKE: "to make", State.RENEW: "to renew", State.SAME: "the same", State.KEPT: "changed here",
-             State.CONFLICT: "to be decided", State.IMPOSSIBLE: "not possible"}
+             State.CONFLICT: "to be decided", State.IMPOSSIBLE: "not possible",
+             State.LISTED: "for you to look at"}
     return ", ".join(f"{counts[state]} {word}" for state, word in words.items() if counts[state]) or "Nothing to do"

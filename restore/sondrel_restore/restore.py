@@ -180,7 +180,7 @@ def verify_items(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Iterato
     """Holds each object of the plan against what was fetched."""
     for kind in kinds:
         for item in plan.items:
-            if item.kind != kind.name:
+            if item.kind != kind.name or item.state is State.LISTED:
                 continue
             restore.progress.show(f"verifying {item.kind} {item.name}")
             entry = restore.journal.entry(item.identifier)

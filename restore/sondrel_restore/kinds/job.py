@@ -110,8 +110,17 @@ def _sum(content: bytes | None) -> str:
     return "" if content is None else hashlib.sha256(content).hexdigest()
 
 
-def _listed(name: str, clients: frozenset[str], says: str) -> Item:
-    return Item("job", name, State.IMPOSSIBLE, says, clients=clients)
+def _listed(name: str, clients: frozenset[str], says: str, *, state: State = State.LISTED) -> Item:
+    return Item("job", name, state, says, clients=clients)
+
+
+def _is_of_system(client: Client) -> bool:
+    return client.element.get("system") != "no" or client.name == "root"
+
+
+def _state_of_refused(client: Client) -> State:
+    """Nobody expects jobs of the system to be installed; those of an account are missing then."""
+    return State.LISTED if _is_of_system(client) else State.IMPOSSIBLE
 
 
 def _content_of(client: Client) -> Element | None:
@@ -124,8 +133,7 @@ def _refused_account(restore: Restore, client: Client) -> str:
     if here is None:
         return f"{client.name} is no account of this restore"
     account = account_of(str(here))
-    if client.element.get("system") != "no" or client.name == "root" or (
-            account is not None and account.pw_uid < 1000):
+    if _is_of_system(client) or account is not None and account.pw_uid < 1000:
         return f"{client.name} is an account of the system, and its jobs are not installed"
     return ""
 
@@ -142,7 +150,8 @@ def _of_cron(restore: Restore, client: Client) -> Iterator[Item]:
         refused = _refused_account(restore, client)
         content = _content_of(client)
         if refused or content is None:
-            yield _listed(name, clients, f"{refused or 'The table was not packed'}: {path} is for you to look at")
+            yield _listed(name, clients, f"{refused or 'The table was not packed'}: {path} is for you to look at",
+                          state=_state_of_refused(client))
             continue
         table = Table(str(restore.offered("account")[client.name]), path, content)
         yield _planned(restore, name, clients, table, f"the table of cron of {table.account}")
@@ -164,7 +173,8 @@ def _of_systemd(restore: Restore, client: Client) -> Iterator[Item]:
         if not refused:
             refused = _refused_unit(restore, client, element, content)
         if refused:
-            yield _listed(name, clients, f"{path} is not installed, {refused}: look at it in the archive of the client")
+            yield _listed(name, clients, f"{path} is not installed, {refused}: look at it in the archive of the client",
+                          state=_state_of_refused(client))
             continue
         unit = Unit(str(restore.offered("account")[client.name]), str(element.get("name")), path, content,
                     element.get("enabled") == "yes")

@@ -365,7 +365,7 @@ def _listed_maps(restore: Restore) -> Iterator[Item]:
         if element.get("kind") in ("virtual-alias", "virtual-mailbox", "virtual-mailbox-domain"):
             continue
         names = ", ".join(str(entry.get("from")) for entry in list(element.iterfind("entry"))[:3])
-        yield Item("mail", f"{element.get('kind')}:{element.get('file')}", State.IMPOSSIBLE, (
+        yield Item("mail", f"{element.get('kind')}:{element.get('file')}", State.LISTED, (
             f"{element.get('file')} ({element.get('kind')}) is a map of the whole host and is not installed"
             f"{': it has ' + names if names else ''}; take from the archive of the settings what is wanted"))
 
