@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -12,6 +13,7 @@
 #include "commons/commons.h"
 #include "commons/figures.h"
 #include "commons/session.h"
+#include "commons/xml_wrap.h"
 #include "migrate/documents.h"
 #include "migrate/earlier_dump.h"
 #include "migrate/session_access.h"
@@ -32,6 +34,8 @@ constexpr std::size_t LARGEST_HELD_BYTES = std::size_t{1} << 20;
 /// How long a sondrel may take to end by a signal.
 constexpr std::chrono::seconds ORPHAN_WAIT{10};
 constexpr int ORPHAN_TICK_MS = 50;
+/// The last line of what sondrel-restore says of a failure is kept, no more of it than this.
+constexpr std::size_t LONGEST_REASON_BYTES = 2000;
 /// sondrel-restore's exit status when somebody must decide.
 constexpr int EXIT_OF_NEEDED_DECISIONS = 3;
 /// A restore reaches no other host.
@@ -56,13 +60,22 @@ std::vector<std::string> causesOf(const std::string& session, Step step,
   return isWritten ? readCauses(session, step) : std::vector<std::string>();
 }
 
-std::string reasonOfRestore(Step step, bool needsDecisions) {
+std::string lastLineOf(const std::string& text) {
+  const std::string trimmed = boost::trim_right_copy(text);
+  const std::string::size_type end = trimmed.rfind('\n');
+  return end == std::string::npos ? trimmed : trimmed.substr(end + 1);
+}
+
+/// `said` is the last line of its errors.
+std::string reasonOfRestore(Step step, bool needsDecisions, const std::string& said) {
   if (needsDecisions) {
-    return "The restore needs decisions or packages, as said above. Packages are installed with "
-           "--restore-install; decide with sondrel-restore apply (see its --help)";
+    return "The restore needs decisions or packages: sondrel-restore plan names them. Packages are "
+           "installed with --restore-install; decide with sondrel-restore apply (see its --help)";
   }
-  return step == Step::VERIFY ? "What is here is not what was fetched, as said above"
-                              : "The restore failed, as said above";
+  if (step == Step::VERIFY) {
+    return "What is here is not what was fetched: sondrel-restore verify names the differences";
+  }
+  return "The restore failed" + (said.empty() ? "" : ": " + toXmlSafeText(said));
 }
 
 }  // namespace
@@ -268,10 +281,18 @@ RunOutcome Migration::runRemoval() {
 
 /// sondrel-restore needs decisions where a person must choose; all other ends of it are failures.
 RunOutcome Migration::runRestore(Step step) {
-  RunOutcome outcome = runAction(step);
+  std::string said;
+  RunOutcome outcome = run(
+      step, commandOf(step, state_.settings, {request_.sessionPath, state_.agentDir()}),
+      [&](const std::string& text) {
+        console_.relay(text);
+        said.append(text).erase(0, said.size() - std::min(said.size(), LONGEST_REASON_BYTES));
+      },
+      [this](const std::string& line) { console_.say(line); });
+  console_.finishRelay();
   if (outcome.kind != RunOutcome::FAILED || outcome.exitCode > EXIT_OF_FIRST_SIGNAL) return outcome;
   const bool needsDecisions = step != Step::VERIFY && outcome.exitCode == EXIT_OF_NEEDED_DECISIONS;
-  outcome.reason = reasonOfRestore(step, needsDecisions);
+  outcome.reason = reasonOfRestore(step, needsDecisions, lastLineOf(said));
   outcome.exitCode = needsDecisions ? EXIT_NEEDS_DECISIONS : EXIT_NOT_RESTORED;
   return outcome;
 }

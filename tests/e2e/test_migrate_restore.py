@@ -79,11 +79,13 @@ def test_needed_decisions_are_told_from_failures(imitated, step):
 
 
 @pytest.mark.parametrize(("step", "reason"), [
-    ("plan", b"The restore failed"), ("apply", b"The restore failed"), ("verify", b"is not what was fetched")])
+    ("plan", b"The restore failed: nginx: broken"), ("apply", b"The restore failed: nginx: broken"),
+    ("verify", b"What is here is not what was fetched: sondrel-restore verify names the differences")])
 def test_a_failure_of_the_restore_ends_the_run_and_is_tried_again(imitated, step, reason):
-    imitated.does(step, "exit 1")
+    imitated.does(step, "printf 'first\\nnginx: broken\\n' >&2; exit 1")
     outcome = imitated.run(*ALL, "--restore")
-    assert outcome.code == 6 and reason in outcome.stderr, outcome
+    assert outcome.code == 6 and outcome.stderr.startswith(b"first\nnginx: broken\n" + reason), outcome
+    assert status()[step].endswith(reason.decode())
     os.unlink(f"{IMITATION}/{step}")
     assert imitated.run(AGAIN).code == 0
     number = ALL_STEPS.index(step)
