@@ -199,7 +199,7 @@ def connect() -> MySqlServer:
             except (pymysql.MySQLError, OSError) as error:
                 reasons.append(_said(error))
     why = "; ".join(reasons) or "none of its sockets is there"
-    raise RestoreError(f"No MySQL or MariaDB server answers here: {why}")
+    raise RestoreError(f"No MySQL or MariaDB server answers here: {why}. Start it, if it is installed")
 
 
 def _is_roots(path: str) -> bool:

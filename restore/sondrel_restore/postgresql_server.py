@@ -56,7 +56,8 @@ class PostgreSqlServer:
         ports = sorted((int(path.rsplit(".", 1)[1]) for path in glob.glob(f"{_DIRECTORY}/.s.PGSQL.*[0-9]")),
                        key=lambda port: (port != 5432, port))
         if not ports:
-            raise RestoreError("No PostgreSQL server answers here: there is no socket of it")
+            raise RestoreError("No PostgreSQL server answers here: there is no socket of it. Start it, if it is "
+                               "installed")
         self.port = ports[0]
         about = os.stat(_DIRECTORY)
         if about.st_uid not in (0, pwd.getpwnam(_ACCOUNT).pw_uid):

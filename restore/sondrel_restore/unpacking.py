@@ -632,7 +632,7 @@ def _restore_roots(before: dict[str, object]) -> None:
 
 def verify_unpacked(
         restore: Restore, identifier: str, archives: Iterable[Archive], roots: Iterable[str]) -> Iterator[Finding]:
-    """Holds each file and link below the roots against the archives, byte for byte."""
+    """Holds each file and link below the roots against the archives, byte for byte; directories must be there."""
     wanted = [components(root) for root in set(roots)]
     differs = _Notes()
     count = 0
@@ -641,9 +641,9 @@ def verify_unpacked(
             parts = components(member.path) if member.path else []
             if not parts or not any(parts[:len(root)] == root for root in wanted):
                 continue
-            if member.kind not in ("file", "link"):
+            if member.kind not in ("file", "link", "directory"):
                 continue
-            count += 1
+            count += member.kind != "directory"
             restore.progress.show(f"{identifier}: {count} files compared")
             what = _difference(member, contents)
             if what:
@@ -660,6 +660,8 @@ def _difference(member: Member, contents: Contents) -> str:
         there = _about(name, directory) if directory is not None else None
         if there is None or directory is None:
             return "missing here"
+        if member.kind == "directory":
+            return "" if stat.S_ISDIR(there.st_mode) else "no directory here"
         if member.kind == "link":
             same = stat.S_ISLNK(there.st_mode) and os.readlink(name, dir_fd=directory) == member.target
             return "" if same else "another link here"

@@ -44,6 +44,22 @@ def usual():
             link("./home/alice/shop/pictures/b", "a"))
 
 
+def test_needs_no_decision_for_what_is_here_already_and_the_same(session):
+    """A server brings a page of its own on both hosts."""
+    site(session, directory("./srv/page"), file("./srv/page/index.html", b"welcome"), root="/srv/page")
+    os.mkdir("/srv/page")
+    with open("/srv/page/index.html", "w", encoding="ascii") as page:
+        page.write("welcome")
+    before = snapshot("/srv")
+    session.run("plan", check=0)
+    session.run("apply", check=0)
+    session.run("verify", check=0)
+    session.run("undo", check=0)
+    assert snapshot("/srv") == before
+    renewed(session, directory("./srv/page"), directory("./srv/page/more"), file("./srv/page/index.html", b"welcome"))
+    assert "--replace=files:sites/shop.test" in session.run("plan", check=3).stdout
+
+
 def test_makes_a_site_with_its_account_and_then_changes_nothing(session):
     site(session, *usual())
     assert "1 to make" not in session.run("plan", check=0).stderr

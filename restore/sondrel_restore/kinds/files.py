@@ -17,6 +17,8 @@ from sondrel_restore.unpacking import remove_unpacked, unpack, verify_unpacked
 # Other kinds read these from the archives.
 _OF_OTHER_KINDS = ("/etc/cron.d", "/etc/systemd", "/var/spool/cron", "/etc/nginx", "/etc/apache2", "/etc/php",
                    "/etc/letsencrypt")
+# In bytes: a plan reads no more than this in order to find out that all of an archive is here.
+_LARGEST_COMPARED = 64 << 20
 
 
 @dataclasses.dataclass
@@ -159,11 +161,21 @@ def _state(restore: Restore, archived: _Archived, identifier: str) -> tuple[Stat
         return State.RENEW, size, ()
     occupied = [] if entry is not None else [
         root for root in sorted(archived.roots) if not is_vacant(root) and not _is_ours(restore, root)]
+    if occupied and _is_here(restore, archived, identifier):
+        return State.SAME, size, ()
     if occupied:
         return State.CONFLICT, f"{', '.join(occupied)} is here already and is not empty", (
             f"--replace={identifier}", f"--skip={identifier}")
     left_out = "".join(f"; {path} is left out: {why}" for path, why in archived.refused.items())
     return State.MAKE, size + left_out, ()
+
+
+def _is_here(restore: Restore, archived: _Archived, identifier: str) -> bool:
+    """Whether all of it is here already, as the pages that packages of servers bring are on both hosts."""
+    if int(archived.content.get("unpacked")) > _LARGEST_COMPARED:
+        return False
+    findings = verify_unpacked(restore, identifier, [restore.archive(archived.content)], archived.roots)
+    return all(finding.is_same for finding in findings)
 
 
 def _is_ours(restore: Restore, root: str) -> bool:

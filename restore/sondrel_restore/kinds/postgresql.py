@@ -5,6 +5,7 @@ import hashlib
 import re
 import secrets
 from collections.abc import Iterator
+from pathlib import Path
 from typing import ClassVar
 
 from sondrel_restore.databases import LOADER, Database, Grant, User, databases, older, some
@@ -86,7 +87,9 @@ class PostgreSql(Kind):
         if not wanted:
             return
         if self._about is None:
-            yield Missing("postgresql", "databases of PostgreSQL")
+            # One that is here and does not answer is what the plan says of its databases.
+            if not any(Path("/usr/lib/postgresql").glob("*/bin/postgres")):
+                yield Missing("postgresql", "databases of PostgreSQL")
             return
         for database in wanted:
             for extension in _lacking_extensions(self._about, database):

@@ -108,7 +108,8 @@ class SiteKind(ConfigKind):
             beside[place] = to_bytes(reasons + left_out)
             modes[place] = 0o600
             notes += [f"left out: {left.text}" for left in judge.left_out]
-        says = f"{len(blocks)} block{'s' if len(blocks) != 1 else ''} of {self.name} for {', '.join(site.names[:3]) or site.domain.name}"
+        blocks_said = "1 block" if len(blocks) == 1 else f"{len(blocks)} blocks"
+        says = f"{blocks_said} of {self.name} for {', '.join(site.names[:3]) or site.domain.name}"
         if judge.left_out:
             says += f"; {len(judge.left_out)} directives are left out, see {_LEFT_OUT} or --trust-configuration: " \
                 + ", ".join(sorted({left.directive.name for left in judge.left_out}))
