@@ -116,26 +116,27 @@ void TarWriter::Free::operator()(archive* handle) const noexcept {
   archive_write_free(handle);
 }
 
-TarWriter::TarWriter(std::ostream& out) : archive_(archive_write_new()) {
+TarWriter::TarWriter(std::ostream& out) : out_(out), archive_(archive_write_new()) {
   check(!archive_ || archive_write_set_format_gnutar(archive_.get()) != ARCHIVE_OK ||
         archive_write_set_bytes_per_block(archive_.get(), 0) != ARCHIVE_OK ||
-        archive_write_open(archive_.get(), &out, nullptr, writeOut, nullptr) != ARCHIVE_OK);
+        archive_write_open(archive_.get(), this, nullptr, writeOut, nullptr) != ARCHIVE_OK);
 }
 
 TarWriter::~TarWriter() = default;
 
-std::ptrdiff_t TarWriter::writeOut(archive* handle, void* out, const void* bytes,
-                                   std::size_t size) {
-  auto& stream = *static_cast<std::ostream*>(out);
+/// The library is told of no failure: after one it never frees what it has of an open archive.
+std::ptrdiff_t TarWriter::writeOut(archive*, void* self, const void* bytes, std::size_t size) {
+  auto& writer = *static_cast<TarWriter*>(self);
   try {
-    if (stream.write(static_cast<const char*>(bytes), static_cast<std::streamsize>(size))) {
-      return static_cast<std::ptrdiff_t>(size);
+    if (!writer.outFailed_ &&
+        !writer.out_.write(static_cast<const char*>(bytes), static_cast<std::streamsize>(size))) {
+      writer.outFailed_ = true;
     }
   } catch (...) {
-    // No exception may pass through the library; the error below stands for it.
+    // No exception may pass through the library.
+    writer.outFailed_ = true;
   }
-  archive_set_error(handle, EIO, "it cannot be written");
-  return -1;
+  return static_cast<std::ptrdiff_t>(size);
 }
 
 void TarWriter::add(const std::string& name, const std::string& content) {
@@ -156,5 +157,6 @@ void TarWriter::finish() {
 }
 
 void TarWriter::check(bool failed) {
+  if (outFailed_) throw Exc<&ArchiveNotMade>(HERE) % "it cannot be written";
   if (failed) throw Exc<&ArchiveNotMade>(HERE) % textOf(archive_.get());
 }

@@ -89,8 +89,10 @@ class TarWriter {
     void operator()(archive* handle) const noexcept;
   };
 
-  static std::ptrdiff_t writeOut(archive* handle, void* out, const void* bytes, std::size_t size);
+  static std::ptrdiff_t writeOut(archive* handle, void* self, const void* bytes, std::size_t size);
   void check(bool failed);
 
+  std::ostream& out_;
+  bool outFailed_ = false;
   std::unique_ptr<archive, Free> archive_;
 };

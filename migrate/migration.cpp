@@ -130,6 +130,8 @@ void Migration::takeLock(const std::string& folder) {
 
 void Migration::loadState() {
   if (State::exists(request_.sessionPath)) state_ = State::load(request_.sessionPath);
+  // What differs was not made, or is no longer as it was made: comparing alone would go on failing.
+  if (state_.of(Step::VERIFY).progress == Progress::FAILED) state_.goBackTo(Step::APPLY);
   if (request_.from) state_.goBackTo(*request_.from);
 }
 

@@ -82,6 +82,7 @@ def test_needed_decisions_are_told_from_failures(imitated, step):
     ("plan", b"The restore failed: nginx: broken"), ("apply", b"The restore failed: nginx: broken"),
     ("verify", b"What is here is not what was fetched: sondrel-restore verify names the differences")])
 def test_a_failure_of_the_restore_ends_the_run_and_is_tried_again(imitated, step, reason):
+    """What differs is applied again, and not only compared."""
     imitated.does(step, "printf 'first\\nnginx: broken\\n' >&2; exit 1")
     outcome = imitated.run(*ALL, "--restore")
     assert outcome.code == 6 and outcome.stderr.startswith(b"first\nnginx: broken\n" + reason), outcome
@@ -89,7 +90,8 @@ def test_a_failure_of_the_restore_ends_the_run_and_is_tried_again(imitated, step
     os.unlink(f"{IMITATION}/{step}")
     assert imitated.run(AGAIN).code == 0
     number = ALL_STEPS.index(step)
-    assert imitated.runs() == [*ALL_STEPS[:number + 1], *ALL_STEPS[number:]]
+    again = ALL_STEPS.index("apply" if step == "verify" else step)
+    assert imitated.runs() == [*ALL_STEPS[:number + 1], *ALL_STEPS[again:]]
 
 
 def test_goes_back_to_a_step_of_the_restore_without_the_agent(imitated):

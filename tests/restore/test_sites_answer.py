@@ -3,12 +3,19 @@ import hashlib
 import os
 import tarfile
 from collections.abc import Iterator
+from pathlib import Path
 
 import pytest
 from destination import own_etc, snapshot
+from lxml import etree
 from made_session import Member, MadeSession, made_of
+from sondrel_restore.description import Description, Domain
 from sondrel_restore.kinds.pool import versions
-from sondrel_restore.web.ask import Answer, judged
+from sondrel_restore.restore import Restore
+from sondrel_restore.selection import Decisions, Selection
+from sondrel_restore.session import Session
+from sondrel_restore.web.ask import Answer, compare, judged
+from sondrel_restore.web.site_data import Site
 from web_world import directive, ended, server, virtual_host
 
 VERSION = versions()[-1]
@@ -151,3 +158,16 @@ def test_a_site_of_apache_answers_as_it_did(host: MadeSession) -> None:
 def test_answers_are_compared_as_a_visitor_would(here: Answer, there: Answer, is_same: bool, says: str) -> None:
     same, text = judged(here, there)
     assert same is is_same and says in text
+
+
+@pytest.mark.parametrize("name, is_same", [("default", True), ("shop.test", False)])
+def test_a_site_that_has_no_name_is_not_missed_among_the_answers(
+    session: MadeSession, name: str, is_same: bool
+) -> None:
+    session.write()
+    description = Description(Path(f"{session.directory}/dump.xml"))
+    restore = Restore(Session(session.directory), description, Selection(description, frozenset(), frozenset()),
+                      Decisions())
+    element = etree.fromstring('<site server="nginx"/>')
+    site = Site(Domain(name, (name,), "alice", element), element, ())
+    assert [finding.is_same for finding in compare(restore, f"nginx:{name}", site)] == [is_same]

@@ -87,7 +87,8 @@ TEST_F(MigrateStateTest, GoesBackToTheStepAndToThoseBehindIt) {
   state.of(Step::REMOVE).progress = Progress::WAITING;
   state.goBackTo(Step::CONTENT);
   EXPECT_EQ(progressOf(state),
-            (std::vector<std::string>{"done", "done", "done", "waiting", "waiting"}));
+            (std::vector<std::string>{"done", "done", "done", "waiting", "waiting", "waiting",
+                                      "waiting", "waiting"}));
 }
 
 TEST_F(MigrateStateTest, GoesBackToTheDeploymentWhereTheAgentMayBeGone) {
@@ -95,9 +96,17 @@ TEST_F(MigrateStateTest, GoesBackToTheDeploymentWhereTheAgentMayBeGone) {
     State state = allDone();
     state.of(Step::REMOVE).progress = removal;
     state.goBackTo(Step::CONTENT);
-    EXPECT_EQ(progressOf(state),
-              (std::vector<std::string>{"done", "waiting", "waiting", "waiting", "waiting"}));
+    std::vector<std::string> expected(migrate::ALL_STEPS.size(), "waiting");
+    expected[0] = "done";
+    EXPECT_EQ(progressOf(state), expected);
   }
+}
+
+TEST_F(MigrateStateTest, GoesBackToAStepOfTheRestoreWithoutTheAgent) {
+  State state = allDone();
+  state.goBackTo(Step::APPLY);
+  EXPECT_EQ(progressOf(state), (std::vector<std::string>{"done", "done", "done", "done", "done",
+                                                         "done", "waiting", "waiting"}));
 }
 
 TEST_F(MigrateStateTest, LockIsSeenByWhoeverAsksAndFreedWithItsOwner) {

@@ -17,6 +17,8 @@ from sondrel_restore.web.site_data import Site
 _MOST_BYTES = 1_048_576
 _MOST_OF_TITLE = 200
 _TIME_LIMIT = 15.0
+# The agent asks for no other: patterns, and what serves all names that no site has.
+_CAN_BE_ASKED = re.compile(r"[a-z0-9-]+(\.[a-z0-9-]+)+")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -101,7 +103,9 @@ def title_of(body: bytes) -> str:
 def compare(restore: Restore, identifier: str, site: Site) -> Iterator[Finding]:
     """Asks each name of the site here, and compares with what the source host answered, or answers."""
     expected = _expected(restore, site)
-    if not expected:
+    if not expected and not any(_CAN_BE_ASKED.fullmatch(name) for name in site.names):
+        yield Finding(identifier, "/", True, "has no name that can be asked for")
+    elif not expected:
         yield Finding(identifier, "/", False,
                       "the description has no answers of the source host; try --against=ADDRESS")
     for address, request, there in expected:
