@@ -18,7 +18,7 @@ def pytest_addoption(parser):
 
 
 def pytest_configure(config):
-    config.addinivalue_line("markers", "slow: takes long; left out of the quick run")
+    config.addinivalue_line("markers", "slow(limit_seconds=240): takes long; left out of the quick run")
     config.addinivalue_line("markers", "matrix(group): a case of the fault and attack matrix, see scripts/matrix")
     config.addinivalue_line("markers", "release_only: replaces functions of the system, as a sanitizer does, or runs no sondrel")
 
@@ -76,7 +76,8 @@ def pytest_runtest_setup(item):
     if item.config.getoption("forked", False):
         os.setsid()
         world.die_with_parent()
-        seconds = 240 if item.get_closest_marker("slow") else 120
+        slow = item.get_closest_marker("slow")
+        seconds = slow.kwargs.get("limit_seconds", 240) if slow else 120
         os.makedirs(FAILURES, exist_ok=True)
         item.stash[TIME_LIMIT_FILE] = open(failure_path(item.name) + ".time-limit", "w", encoding="utf-8")
         faulthandler.dump_traceback_later(seconds, exit=True, file=item.stash[TIME_LIMIT_FILE])
