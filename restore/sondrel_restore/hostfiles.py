@@ -89,23 +89,14 @@ def read_file(path: str, *, limit: int = 64 << 20) -> bytes:
     return content
 
 
-def atomic_write(path: str, content: bytes, *, mode: int, uid: int, gid: int) -> None:
-    """Makes or replaces a file as a whole: whoever reads it, after a crash too, finds the old or the new one.
-
-    The directory must be there. A link at `path` itself is replaced, not followed.
-    """
+@contextlib.contextmanager
+def _replacing(path: str) -> Iterator[tuple[int, str]]:
+    """A descriptor of the directory and a name in it; what was made under that takes the place of `path` at the end."""
     parent, name = os.path.split(path)
     with open_directory(parent) as directory:
         temporary = f".{name[:100]}.{secrets.token_hex(6)}"
-        descriptor = os.open(
-            temporary, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600, dir_fd=directory)
         try:
-            with open(descriptor, "wb") as file:
-                file.write(content)
-                file.flush()
-                os.fchown(descriptor, uid, gid)
-                os.fchmod(descriptor, mode)
-                os.fsync(descriptor)
+            yield directory, temporary
             os.rename(temporary, name, src_dir_fd=directory, dst_dir_fd=directory)
         except BaseException:
             with contextlib.suppress(FileNotFoundError):
@@ -114,18 +105,26 @@ def atomic_write(path: str, content: bytes, *, mode: int, uid: int, gid: int) ->
         os.fsync(directory)
 
 
+def atomic_write(path: str, content: bytes, *, mode: int, uid: int, gid: int) -> None:
+    """Makes or replaces a file as a whole: whoever reads it, after a crash too, finds the old or the new one.
+
+    The directory must be there. A link at `path` itself is replaced, not followed.
+    """
+    with _replacing(path) as (directory, temporary):
+        descriptor = os.open(
+            temporary, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600, dir_fd=directory)
+        with open(descriptor, "wb") as file:
+            file.write(content)
+            file.flush()
+            os.fchown(descriptor, uid, gid)
+            os.fchmod(descriptor, mode)
+            os.fsync(descriptor)
+
+
 def make_link(path: str, target: str) -> None:
     """Makes or replaces a symbolic link of root's, as a whole."""
-    parent, name = os.path.split(path)
-    with open_directory(parent) as directory:
-        temporary = f".{name[:100]}.{secrets.token_hex(6)}"
+    with _replacing(path) as (directory, temporary):
         os.symlink(target, temporary, dir_fd=directory)
-        try:
-            os.rename(temporary, name, src_dir_fd=directory, dst_dir_fd=directory)
-        except BaseException:
-            os.unlink(temporary, dir_fd=directory)
-            raise
-        os.fsync(directory)
 
 
 def remove_file(path: str) -> None:

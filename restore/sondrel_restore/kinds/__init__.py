@@ -5,7 +5,6 @@ A module of this package has `KINDS`, a tuple of classes of `Kind`.
 from __future__ import annotations
 
 import importlib
-import importlib.util
 from collections.abc import Sequence
 
 from sondrel_restore.kind import Kind
@@ -28,9 +27,4 @@ ORDER = (
 
 def all_kinds() -> Sequence[Kind]:
     """One instance of each kind, for one run."""
-    kinds: list[Kind] = []
-    for name in ORDER:
-        full_name = f"{__name__}.{name}"
-        if importlib.util.find_spec(full_name) is not None:
-            kinds += [kind() for kind in importlib.import_module(full_name).KINDS]
-    return kinds
+    return [kind() for name in ORDER for kind in importlib.import_module(f"{__name__}.{name}").KINDS]

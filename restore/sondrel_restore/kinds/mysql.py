@@ -9,10 +9,12 @@ import secrets
 from collections.abc import Iterator
 from typing import ClassVar
 
+from sondrel_restore.database_kind import (DatabaseKind, compared_rows, database_of, left_as_changed,
+                                           left_out_statements, state_of_made)
 from sondrel_restore.databases import LOADER, Database, Grant, User, databases, older, some
 from sondrel_restore.hostfiles import open_directory
 from sondrel_restore.journal import Entry
-from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing, RestoreError, State
+from sondrel_restore.kind import Facts, Finding, Item, Left, Missing, RestoreError, State
 from sondrel_restore.mysql_definers import settle_definers
 from sondrel_restore.mysql_dump import Login, MySqlDump
 from sondrel_restore.mysql_server import OF_SERVER, SYSTEM_DATABASES, MySqlServer, connect, identifier, pattern
@@ -42,7 +44,7 @@ _HASHES = {
 }
 
 
-class MySql(Kind):
+class MySql(DatabaseKind):
     """Each database with its accounts and their rights."""
 
     name: ClassVar[str] = "mysql"
@@ -59,16 +61,8 @@ class MySql(Kind):
             reason = ""
         except RestoreError as error:
             server, reason = None, str(error)
-        seen: set[str] = set()
-        for database in wanted:
-            state, says = (State.IMPOSSIBLE, reason) if server is None else self._state(restore, server, database)
-            if database.name in seen:
-                state, says = State.IMPOSSIBLE, "two servers of the source host have a database of this name"
-            seen.add(database.name)
-            decisions = (f"--replace=mysql:{database.name}", f"--skip=mysql:{database.name}")
-            yield Item(self.name, database.name, state, says,
-                       decisions if state in (State.CONFLICT, State.KEPT) else (),
-                       frozenset(filter(None, [database.domain])), frozenset(filter(None, [database.client])), database)
+        yield from self.items(wanted, lambda database: (
+            (State.IMPOSSIBLE, reason) if server is None else self._state(restore, server, database)))
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
         if databases(restore.description, self.name) and not (
@@ -79,39 +73,27 @@ class MySql(Kind):
         return _Making(restore, item, self._connected()).apply()
 
     def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
-        database = _database(item)
+        database = database_of(item)
         server = self._connected()
         dump = _opened_counts(restore, database)
         if database.name not in server.databases():
             yield Finding(item.identifier, "database", False, "it is not here")
             return
         here = server.rows(database.name, set(server.tables(database.name)) & set(dump))
-        missing = sorted(set(dump) - set(here))
-        if missing:
-            yield Finding(item.identifier, "tables", False, f"missing here: {some(missing)}")
-        different = [f"{table} has {here[table]} rows and not {dump[table]}"
-                     for table in sorted(here) if here[table] != dump[table]]
-        if different:
-            yield Finding(item.identifier, "rows", False, some(different))
-        if not missing and not different:
-            yield Finding(item.identifier, "tables and rows", True,
-                          f"{len(dump)} tables, {sum(dump.values())} rows")
+        yield from compared_rows(item.identifier, dump, here, str)
         wanted = {(user.name, user.host) for user in database.users}
         lacking = [f"{name}@{host}" for name, host in sorted(wanted - server.accounts())]
         if lacking:
             yield Finding(item.identifier, "accounts", False, f"missing here: {some(lacking)}")
-        entry = restore.journal.entry(item.identifier)
-        left_out = entry.facts.get("left_out") if entry else None
-        if isinstance(left_out, list) and left_out:
-            yield Finding(item.identifier, "statements", False, f"left out: {some([str(one) for one in left_out])}")
+        yield from left_out_statements(restore, item.identifier)
 
     def undo(self, restore: Restore, entry: Entry) -> Left | None:
         server = self._connected()
         _remove_loader(server, entry.facts)
         if entry.facts.get("made") and entry.name in server.databases():
-            if entry.state == "done" and server.fingerprint(entry.name) != entry.facts.get("fingerprint"):
-                return Left(entry.identifier, "its rows or definitions were changed here since:"
-                            " remove it yourself if you do not want it")
+            changed = left_as_changed(entry, server.fingerprint)
+            if changed:
+                return changed
             server.run(f"DROP DATABASE {identifier(entry.name)}")
         others = {account for other in restore.journal.entries(self.name) if other.identifier != entry.identifier
                   for account in _accounts_of(other.facts)}
@@ -133,8 +115,9 @@ class MySql(Kind):
         entry = restore.journal.entry(f"{self.name}:{database.name}")
         facts = entry.facts if entry else {}
         is_here = database.name in server.databases()
-        if is_here and facts.get("made"):
-            return self._later_state(restore, server, database, entry)
+        if entry is not None and is_here and facts.get("made"):
+            return state_of_made(restore, entry, database, server.fingerprint,
+                                 "removed and loaded again, since what was fetched later differs")
         foreign = [f"{name}@{host}" for name, host in sorted(_foreign(restore, server, database))]
         if is_here:
             return State.CONFLICT, "a database of this name is here, and not of this session; --replace removes it"
@@ -142,23 +125,6 @@ class MySql(Kind):
             return State.CONFLICT, (f"these accounts are here, and not of this session: {some(foreign)}; with --replace"
                                     " they stay as they are and get their rights in this database")
         return State.MAKE, "; ".join(["loaded from the dump with its accounts", *_warnings(server, database)])
-
-    def _later_state(self, restore: Restore, server: MySqlServer, database: Database,
-                     entry: Entry | None) -> tuple[State, str]:
-        assert entry is not None
-        if entry.state != "done":
-            return State.MAKE, "was begun and broken off: loaded again from the beginning"
-        if entry.facts.get("sum") == database.sum():
-            return State.SAME, "is as it was fetched, or as it was changed here since"
-        if server.fingerprint(database.name) == entry.facts.get("fingerprint") or restore.decisions.replace(
-                entry.identifier):
-            return State.RENEW, "removed and loaded again, since what was fetched later differs"
-        return State.KEPT, "was changed here since it was loaded, and there is a later one: --replace loads that"
-
-
-def _database(item: Item) -> Database:
-    assert isinstance(item.data, Database)
-    return item.data
 
 
 def _accounts_of(facts: Facts) -> set[tuple[str, str]]:
@@ -252,7 +218,7 @@ class _Making:
         self._restore = restore
         self._item = item
         self._server = server
-        self._database = _database(item)
+        self._database = database_of(item)
         entry = restore.journal.entry(item.identifier)
         self._facts: Facts = dict(entry.facts) if entry else {}
         self._left_out: list[str] = []

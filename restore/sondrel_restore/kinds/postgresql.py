@@ -8,10 +8,12 @@ from collections.abc import Iterator
 from pathlib import Path
 from typing import ClassVar
 
+from sondrel_restore.database_kind import (DatabaseKind, compared_rows, database_of, left_as_changed,
+                                           left_out_statements, state_of_made)
 from sondrel_restore.databases import LOADER, Database, Grant, User, databases, older, some
 from sondrel_restore.host import Host
 from sondrel_restore.journal import Entry
-from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing, RestoreError, State
+from sondrel_restore.kind import Facts, Finding, Item, Left, Missing, RestoreError, State
 from sondrel_restore.postgresql_dump import PostgreSqlDump, Role
 from sondrel_restore.postgresql_server import OF_SERVER, OWN, PostgreSqlServer, identifier, literal
 from sondrel_restore.restore import Restore
@@ -50,7 +52,7 @@ _ENCODING = re.compile(r"[A-Za-z0-9_]+")
 _LOCALE = re.compile(r"[A-Za-z0-9_.@=;-]*")
 
 
-class PostgreSql(Kind):
+class PostgreSql(DatabaseKind):
     """Each database with its roles and their rights."""
 
     name: ClassVar[str] = "postgresql"
@@ -70,16 +72,8 @@ class PostgreSql(Kind):
         except (RestoreError, KeyError) as error:
             reason = str(error)
         self._about = about
-        seen: set[str] = set()
-        for database in wanted:
-            state, says = (State.IMPOSSIBLE, reason) if about is None else _state(restore, about, database)
-            if database.name in seen:
-                state, says = State.IMPOSSIBLE, "two servers of the source host have a database of this name"
-            seen.add(database.name)
-            decisions = (f"--replace=postgresql:{database.name}", f"--skip=postgresql:{database.name}")
-            yield Item(self.name, database.name, state, says,
-                       decisions if state in (State.CONFLICT, State.KEPT) else (),
-                       frozenset(filter(None, [database.domain])), frozenset(filter(None, [database.client])), database)
+        yield from self.items(wanted, lambda database: (
+            (State.IMPOSSIBLE, reason) if about is None else _state(restore, about, database)))
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
         wanted = [database for database in databases(restore.description, self.name)
@@ -103,37 +97,26 @@ class PostgreSql(Kind):
         return _Making(restore, item, _About(self._connected(restore), restore.host)).apply()
 
     def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
-        database = _database(item)
+        database = database_of(item)
         server = self._connected(restore)
         dump = _counts(restore, database)
         if database.name not in server.databases():
             yield Finding(item.identifier, "database", False, "it is not here")
             return
         here = server.rows(database.name, set(server.tables(database.name)) & set(dump))
-        missing = sorted(".".join(table) for table in set(dump) - set(here))
-        if missing:
-            yield Finding(item.identifier, "tables", False, f"missing here: {some(missing)}")
-        different = [f"{'.'.join(table)} has {here[table]} rows and not {dump[table]}"
-                     for table in sorted(here) if here[table] != dump[table]]
-        if different:
-            yield Finding(item.identifier, "rows", False, some(different))
-        if not missing and not different:
-            yield Finding(item.identifier, "tables and rows", True, f"{len(dump)} tables, {sum(dump.values())} rows")
+        yield from compared_rows(item.identifier, dump, here, ".".join)
         lacking = sorted({user.name for user in database.users} - server.roles())
         if lacking:
             yield Finding(item.identifier, "roles", False, f"missing here: {some(lacking)}")
-        entry = restore.journal.entry(item.identifier)
-        left_out = entry.facts.get("left_out") if entry else None
-        if isinstance(left_out, list) and left_out:
-            yield Finding(item.identifier, "statements", False, f"left out: {some([str(one) for one in left_out])}")
+        yield from left_out_statements(restore, item.identifier)
 
     def undo(self, restore: Restore, entry: Entry) -> Left | None:
         server = self._connected(restore)
         _clear_away(server, entry.facts)
         if entry.facts.get("made") and entry.name in server.databases():
-            if entry.state == "done" and server.fingerprint(entry.name) != entry.facts.get("fingerprint"):
-                return Left(entry.identifier, "its rows or definitions were changed here since:"
-                            " remove it yourself if you do not want it")
+            changed = left_as_changed(entry, server.fingerprint)
+            if changed:
+                return changed
             server.drop_database(entry.name)
         others = {role for other in restore.journal.entries(self.name) if other.identifier != entry.identifier
                   for role in _roles_of(other.facts)}
@@ -165,11 +148,6 @@ class _About:
 
 def _plain(locale: str) -> str:
     return locale.strip().lower().replace("utf-8", "utf8")
-
-
-def _database(item: Item) -> Database:
-    assert isinstance(item.data, Database)
-    return item.data
 
 
 def _roles_of(facts: Facts) -> dict[str, str]:
@@ -245,15 +223,9 @@ def _state(restore: Restore, about: _About, database: Database) -> tuple[State, 
     entry = restore.journal.entry(f"{PostgreSql.name}:{database.name}")
     facts = entry.facts if entry else {}
     if entry is not None and database.name in about.databases and facts.get("made"):
-        if entry.state != "done":
-            return State.MAKE, "was begun and broken off: loaded again from the beginning"
-        if facts.get("sum") == database.sum():
-            return State.SAME, "is as it was fetched, or as it was changed here since"
-        if about.server.fingerprint(database.name) == facts.get("fingerprint") or restore.decisions.replace(
-                entry.identifier):
-            return State.RENEW, (
-                "loaded anew beside the old one, which it then replaces, since what was fetched later differs")
-        return State.KEPT, "was changed here since it was loaded, and there is a later one: --replace loads that"
+        return state_of_made(
+            restore, entry, database, about.server.fingerprint,
+            "loaded anew beside the old one, which it then replaces, since what was fetched later differs")
     if database.name in about.databases:
         return State.CONFLICT, "a database of this name is here, and not of this session; --replace removes it"
     foreign = sorted({user.name for user in database.users if _is_allowed(user.name)} & about.roles
@@ -275,7 +247,7 @@ class _Making:
         self._item = item
         self._about = about
         self._server = about.server
-        self._database = _database(item)
+        self._database = database_of(item)
         entry = restore.journal.entry(item.identifier)
         self._facts: Facts = dict(entry.facts) if entry else {}
         self._left_out: list[str] = []
