@@ -65,15 +65,21 @@ def _restore(options: argparse.Namespace) -> Restore:
 
 def _run_plan(restore: Restore, options: argparse.Namespace) -> int:
     plan = make_plan(restore, all_kinds())
-    restore.progress.erase()
-    if options.format == "json":
-        json.dump(printing.plan_document(plan), sys.stdout, indent=1)
-        print()
-    else:
-        printing.print_plan(restore, plan)
+    _print(restore, options, printing.plan_document(plan), lambda: printing.print_plan(restore, plan))
     can_install = restore.decisions.install and all(each.package for each in plan.missing)
     is_ready = plan.is_ready or can_install and not plan.undecided()
     return DONE if is_ready else UNDECIDED
+
+
+def _print(restore: Restore, options: argparse.Namespace, document: dict[str, object],
+           print_text: Callable[[], None]) -> None:
+    """As --format asks for it."""
+    restore.progress.erase()
+    if options.format == "json":
+        json.dump(document, sys.stdout, indent=1)
+        print()
+    else:
+        print_text()
 
 
 def _run_apply(restore: Restore, _: argparse.Namespace) -> int:
@@ -100,12 +106,7 @@ def _run_verify(restore: Restore, options: argparse.Namespace) -> int:
     plan = make_plan(restore, kinds)
     findings = list(verify_items(restore, kinds, plan))
     verification.save(restore.session.journal_directory, findings)
-    restore.progress.erase()
-    if options.format == "json":
-        json.dump(printing.findings_document(findings), sys.stdout, indent=1)
-        print()
-    else:
-        printing.print_findings(restore, findings)
+    _print(restore, options, printing.findings_document(findings), lambda: printing.print_findings(restore, findings))
     return DONE if all(finding.is_same for finding in findings) else FAILED
 
 

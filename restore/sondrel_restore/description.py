@@ -60,6 +60,13 @@ class Domain:
     element: Element
 
 
+def parse_document(content: bytes) -> Element:
+    """The root of an XML document, which may be hostile: nothing outside of it is read. etree.XMLSyntaxError."""
+    return etree.fromstring(content, etree.XMLParser(
+        resolve_entities=False, no_network=True, load_dtd=False, huge_tree=False, remove_comments=True,
+        remove_pis=True))
+
+
 class Description:
     """What the agent found, as a tree of lxml with helpers for what several kinds need."""
 
@@ -69,10 +76,8 @@ class Description:
             content = read_file(str(path), limit=LARGEST)
         except OSError as error:
             raise RestoreError(f"{path} cannot be read: {error.strerror}") from error
-        parser = etree.XMLParser(resolve_entities=False, no_network=True, load_dtd=False, huge_tree=False,
-                                 remove_comments=True, remove_pis=True)
         try:
-            self.tree: Element = etree.fromstring(content, parser)
+            self.tree: Element = parse_document(content)
         except etree.XMLSyntaxError as error:
             raise RestoreError(f"{path} is no XML document: {error}") from error
         if self.tree.getroottree().docinfo.doctype:

@@ -14,7 +14,7 @@ from pathlib import Path
 
 from lxml import etree
 
-from sondrel_restore.description import Description, Element
+from sondrel_restore.description import Description, Element, parse_document
 from sondrel_restore.figures import seconds_between
 from sondrel_restore.hostfiles import read_file
 from sondrel_restore.kind import RestoreError
@@ -122,9 +122,8 @@ def gather(session: Session, description: Description) -> Facts:
 
 def _read(path: Path) -> Element | None:
     """The root of a document; None if it is not there. Nothing outside of the file is read."""
-    parser = etree.XMLParser(resolve_entities=False, no_network=True, load_dtd=False)
     try:
-        return etree.fromstring(read_file(str(path), limit=LARGEST_DOCUMENT), parser)
+        return parse_document(read_file(str(path), limit=LARGEST_DOCUMENT))
     except (FileNotFoundError, NotADirectoryError):
         return None
     except (OSError, etree.XMLSyntaxError) as error:

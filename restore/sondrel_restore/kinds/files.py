@@ -41,6 +41,9 @@ class FilesKind(Kind):
 
     name = "files"
 
+    def __init__(self) -> None:
+        self._planned: list[Item] = []
+
     def plan(self, restore: Restore) -> Iterator[Item]:
         found: dict[str, _Archived] = {}
         # A home comes before the sites in it.
@@ -49,15 +52,17 @@ class FilesKind(Kind):
             known.roots |= archived.roots
             known.clients |= archived.clients
             known.domains |= archived.domains
+        self._planned = []
         for archived in found.values():
             if archived.roots:
-                yield self._item(restore, archived)
+                self._planned.append(self._item(restore, archived))
+                yield self._planned[-1]
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
-        """Space, by file system; what is renewed needs no more than it has."""
+        """Space, by file system, for what the last plan has; what is renewed needs no more than it has."""
         needed: dict[int, int] = {}
         places: dict[int, str] = {}
-        for item in self.plan(restore):
+        for item in self._planned:
             if item.state is not State.MAKE or not restore.selection.takes(item) or restore.decisions.skip(
                     item.identifier):
                 continue
