@@ -246,7 +246,7 @@ RunOutcome Migration::runAction(Step step) {
 /// True when a login by key has failed for want of a password, which a person at the terminal has
 /// given now. A signal at the question ends the step.
 bool Migration::askForWhatIsWanted(Step step, RunOutcome& outcome) {
-  if (outcome.kind != RunOutcome::FAILED || isOfRestore(step)) return false;
+  if (outcome.kind != RunOutcome::FAILED) return false;
   const std::string causes = joined(causesOf(request_.sessionPath, step, outcome));
   console_.finishRelay();
   try {
@@ -341,10 +341,11 @@ bool Migration::pause(Step step, std::chrono::milliseconds time) {
 
 RunOutcome Migration::run(Step step, const ArgList& arguments, const TextSink& onError,
                           const TextSink& onOutput) {
-  const SondrelRun run{isOfRestore(step) ? restoreProgram_ : program_,
+  const bool needsLogin = !isOfRestore(step);
+  const SondrelRun run{needsLogin ? program_ : restoreProgram_,
                        arguments,
-                       isOfRestore(step) ? NO_PASSWORDS : *passwords_,
-                       isOfRestore(step) ? "" : state_.settings.get("identity"),
+                       needsLogin ? *passwords_ : NO_PASSWORDS,
+                       needsLogin ? state_.settings.get("identity") : "",
                        lock_->descriptor(),
                        onError,
                        onOutput,

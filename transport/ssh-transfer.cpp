@@ -251,8 +251,7 @@ class Ssh::BatchOutput : public RemoteOutput {
     given_.clear();
     // What came while the input was sent is first.
     while (pending_.empty() && !execution_.channel().atEof()) {
-      ssh_.look();
-      execution_.channel().poll(ssh_.onlooker_ ? WATCHED_POLL_LIMIT_MS : POLL_LIMIT_MS);
+      ssh_.waitForOutput(execution_.channel());
       execution_.readTurn();
     }
     given_.swap(pending_);
@@ -294,9 +293,10 @@ class Ssh::BatchOutput : public RemoteOutput {
   RemoteExecution execution_;
 };
 
-void Ssh::look() {
+void Ssh::waitForOutput(libssh2pp::Channel& channel) {
   if (alarm_) alarm_->doAlarm();
   if (onlooker_) onlooker_->look();
+  channel.poll(onlooker_ ? WATCHED_POLL_LIMIT_MS : POLL_LIMIT_MS);
 }
 
 int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
@@ -309,8 +309,7 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
     execution.sendInput(in, quietInput);
     execution.sendEof(*session_);
     while (!execution.channel().atEof()) {
-      look();
-      execution.channel().poll(onlooker_ ? WATCHED_POLL_LIMIT_MS : POLL_LIMIT_MS);
+      waitForOutput(execution.channel());
       execution.readTurn();
     }
     status = execution.channel().waitForExitStatus();

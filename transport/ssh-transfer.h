@@ -193,7 +193,8 @@ class Ssh {
              const PrivateKey* key);
   int put(std::istream& in, const std::string& remotePath, std::string& errorText);
   int upload(std::istream& in, const std::string& command, std::string& errorText);
-  void look();
+  /// Waits for it a while, after the alarm and the onlooker had their turn.
+  void waitForOutput(libssh2pp::Channel& channel);
 
   class BatchOutput;
 
