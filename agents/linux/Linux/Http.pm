@@ -133,7 +133,7 @@ sub by_openssl {
 
 sub by_curl {
     my ($request) = @_;
-    my ($where) = map {"$request->{name}:$request->{port}"} 1;
+    my $where = "$request->{name}:$request->{port}";
     my @header = map { ('-H', "$_->[0]: $_->[1]") } headers();
     return (['curl', '-q', '-s', '-i', '-k', '-g', '--raw', '--http1.1', '--noproxy', '*', '--path-as-is',
         '--connect-to', "$where:" . place_of($request), @header, "https://$where$request->{path}"]);
