@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import contextlib
 import errno
+import hashlib
 import os
 import secrets
 import stat
@@ -89,6 +90,19 @@ def read_file(path: str, *, limit: int = 64 << 20) -> bytes:
     return content
 
 
+def content_here(path: str) -> bytes | None:
+    """The same; None where there is no such file."""
+    try:
+        return read_file(path)
+    except (FileNotFoundError, NotADirectoryError):
+        return None
+
+
+def sum_of_bytes(content: bytes) -> str:
+    """The sum by which the content of a file is known again."""
+    return hashlib.sha256(content).hexdigest()
+
+
 @contextlib.contextmanager
 def _replacing(path: str) -> Iterator[tuple[int, str]]:
     """A descriptor of the directory and a name in it; what was made under that takes the place of `path` at the end."""
@@ -138,10 +152,15 @@ def remove_file(path: str) -> None:
         return
 
 
+def down_to(path: str) -> list[str]:
+    """The directories above a path and the path itself, the uppermost first, without "/"."""
+    parts = components(path)
+    return ["/" + "/".join(parts[:number]) for number in range(1, len(parts) + 1)]
+
+
 def missing_directories(path: str) -> list[str]:
     """Those of a directory and the ones above it that are not there, the uppermost first."""
-    parts = components(path)
-    places = ["/" + "/".join(parts[:number]) for number in range(1, len(parts) + 1)]
+    places = down_to(path)
     for number, place in enumerate(places):
         try:
             with open_directory(place):

@@ -14,7 +14,8 @@ from collections.abc import Iterator
 from pathlib import Path
 
 from sondrel_restore.host import Host, group_of
-from sondrel_restore.hostfiles import atomic_write, make_directories, read_file, remove_file
+from sondrel_restore.hostfiles import (atomic_write, content_here, make_directories, read_file, remove_file,
+                                       sum_of_bytes)
 from sondrel_restore.kind import RestoreError
 from sondrel_restore.mail_tables import Alias, User, line_of_dovecot, maps_of_postfix
 from sondrel_restore.restore import Restore
@@ -232,10 +233,6 @@ def _is_table(word: str) -> bool:
     return re.match(r"(?:hash|btree|lmdb|cdb|texthash|regexp|pcre|cidr):/", word) is not None
 
 
-def _sum(content: bytes) -> str:
-    return hashlib.sha256(content).hexdigest()
-
-
 class _Made:
     """What was written before: sums of files, and settings, so that what somebody changed since can be told."""
 
@@ -250,23 +247,20 @@ class _Made:
 
     def write(self, path: str, text: str, gid: int, mode: int) -> bool:
         """Writes the file, or removes it if there is no text. False where somebody has changed it: then it stays."""
-        try:
-            here: bytes | None = read_file(path)
-        except FileNotFoundError:
-            here = None
+        here = content_here(path)
         content = (HEAD + text).encode()
         known = self.files.get(path, [])
-        if here is not None and here != content and _sum(here) not in known:
+        if here is not None and here != content and sum_of_bytes(here) not in known:
             return False
         if not text:
             remove_file(path)
             self.files.pop(path, None)
-        elif here != content or _sum(content) not in known:
+        elif here != content or sum_of_bytes(content) not in known:
             # Noted first: killed in between, the next run knows either text for its own.
-            self.files[path] = [_sum(content)] if here is None else [_sum(content), _sum(here)]
+            self.files[path] = [sum_of_bytes(content)] if here is None else [sum_of_bytes(content), sum_of_bytes(here)]
             self.save()
             atomic_write(path, content, mode=mode, uid=0, gid=gid)
-            self.files[path] = [_sum(content)]
+            self.files[path] = [sum_of_bytes(content)]
         return True
 
     def save(self) -> None:

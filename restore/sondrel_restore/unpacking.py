@@ -19,7 +19,7 @@ from typing import TYPE_CHECKING
 
 from sondrel_restore.acl import AclError, encoded
 from sondrel_restore.archives import Archive, Contents, Member
-from sondrel_restore.hostfiles import components, make_directories, open_directory
+from sondrel_restore.hostfiles import components, down_to, make_directories, open_directory
 from sondrel_restore.kind import Facts, Finding, Left, RestoreError
 from sondrel_restore.manifest import Made, Manifest, read_manifest
 
@@ -140,7 +140,7 @@ def _note_roots(restore: Restore, identifier: str, roots: Iterable[str]) -> None
     """How each root was before the first apply, for undo: null, or mode, owner, group and time."""
     noted = dict(_facts(restore, identifier).get("before") or {})  # type: ignore[call-overload]
     for root in roots:
-        for path in _above(root):
+        for path in down_to(root):
             if path in noted:
                 continue
             try:
@@ -151,12 +151,6 @@ def _note_roots(restore: Restore, identifier: str, roots: Iterable[str]) -> None
             except FileNotFoundError:
                 noted[path] = None
     restore.journal.note(identifier, {"before": noted})
-
-
-def _above(path: str) -> list[str]:
-    """The directories above a path and itself, the uppermost first."""
-    parts = components(path)
-    return ["/" + "/".join(parts[:number]) for number in range(1, len(parts) + 1)]
 
 
 def _lstat(path: str) -> os.stat_result:

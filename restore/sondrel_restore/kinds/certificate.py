@@ -12,11 +12,11 @@ from collections.abc import Iterable, Iterator
 
 from sondrel_restore.description import Domain, Element
 from sondrel_restore.host import Host, group_of
-from sondrel_restore.hostfiles import components
+from sondrel_restore.hostfiles import components, content_here, sum_of_bytes
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Finding, Item, Missing, RestoreError, State
 from sondrel_restore.restore import Restore
-from sondrel_restore.web.config_kind import Candidate, ConfigKind, content_here, sum_of, sums
+from sondrel_restore.web.config_kind import Candidate, ConfigKind, sums
 from sondrel_restore.web.directives import Directive, read, to_bytes
 from sondrel_restore.web.judge import file_name
 from sondrel_restore.web.service import reload_web_servers
@@ -99,7 +99,7 @@ class Certificate(ConfigKind):
             return None
         files = {path: content_here(path) for path in sums(entry)}
         unchanged = {path: content for path, content in files.items()
-                     if content is not None and sum_of(content) == sums(entry)[path]}
+                     if content is not None and sum_of_bytes(content) == sums(entry)[path]}
         if len(unchanged) != len(files):
             return None
         return dataclasses.replace(base, says="as it was", files=unchanged, facts=entry.facts)
@@ -136,7 +136,7 @@ class Certificate(ConfigKind):
         entry = restore.journal.entry(item.identifier)
         for path, known in sums(entry).items() if entry is not None else ():
             content = content_here(path)
-            is_same = content is not None and sum_of(content) == known
+            is_same = content is not None and sum_of_bytes(content) == known
             yield Finding(item.identifier, path, is_same, "" if is_same else "is not as it was fetched")
         if item.state is State.RENEW:
             yield Finding(item.identifier, "session", False, "the session has a newer one: apply again")
@@ -168,7 +168,7 @@ def _source(restore: Restore, domain: Domain, named: list[_Named]) -> str:
     """A sum that is another one when the files may be others."""
     archives = [f"{content.get('file')} {content.get('md5sum')}"
                 for content in restore.description.contents(domain.element)]
-    return sum_of(to_bytes("\n".join([*archives, *(f"{each.directive} {each.path}" for each in named)])))
+    return sum_of_bytes(to_bytes("\n".join([*archives, *(f"{each.directive} {each.path}" for each in named)])))
 
 
 def _contents(restore: Restore, domain: Domain, paths: Iterable[str]) -> dict[str, bytes]:
@@ -182,7 +182,7 @@ def _contents(restore: Restore, domain: Domain, paths: Iterable[str]) -> dict[st
 
 def _short(path: str) -> str:
     """A name that tells the file, and is another one for each path."""
-    return f"{sum_of(to_bytes(path))[:8]}-{file_name(os.path.basename(path))}"
+    return f"{sum_of_bytes(to_bytes(path))[:8]}-{file_name(os.path.basename(path))}"
 
 
 def _mode(directive: str, content: bytes) -> int:

@@ -5,7 +5,6 @@ What runs as root, or as an account of the system, is listed and never installed
 from __future__ import annotations
 
 import dataclasses
-import hashlib
 import os
 import re
 from collections.abc import Iterator
@@ -13,7 +12,7 @@ from pathlib import Path
 
 from sondrel_restore.description import Client, Element
 from sondrel_restore.host import account_of
-from sondrel_restore.hostfiles import atomic_write, read_file, remove_file
+from sondrel_restore.hostfiles import atomic_write, content_here, read_file, remove_file, sum_of_bytes
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing, RestoreError, State
 from sondrel_restore.restore import Restore
@@ -107,7 +106,7 @@ class Job(Kind):
 
 
 def _sum(content: bytes | None) -> str:
-    return "" if content is None else hashlib.sha256(content).hexdigest()
+    return "" if content is None else sum_of_bytes(content)
 
 
 def _listed(name: str, clients: frozenset[str], says: str, *, state: State = State.LISTED) -> Item:
@@ -237,14 +236,7 @@ def _here(restore: Restore, data: object) -> bytes | None:
     if isinstance(data, Table):
         return _table_here(restore, data.account)
     assert isinstance(data, Unit)
-    return _file_here(data.path)
-
-
-def _file_here(path: str) -> bytes | None:
-    try:
-        return read_file(path)
-    except FileNotFoundError:
-        return None
+    return content_here(data.path)
 
 
 def _table_here(restore: Restore, account: str) -> bytes | None:
@@ -319,7 +311,7 @@ def _keep_before(restore: Restore, item: Item, here: bytes | None) -> bool:
 def _apply_unit(restore: Restore, item: Item, unit: Unit) -> Facts:
     is_on = _is_on(restore, item.identifier)
     wanted = _wanted(restore, unit, is_on)
-    here = _file_here(unit.path)
+    here = content_here(unit.path)
     before = _keep_before(restore, item, here)
     facts: Facts = {"path": unit.path, "sum": _sum(wanted), "before": before}
     restore.journal.note(item.identifier, {**facts, "was": _sum(here)})
@@ -342,7 +334,7 @@ def _undo_table(restore: Restore, entry: Entry, account: str) -> Left | None:
 
 
 def _undo_unit(restore: Restore, entry: Entry, path: str) -> Left | None:
-    here = _file_here(path)
+    here = content_here(path)
     if here is not None and _sum(here) != entry.facts.get("sum"):
         return Left(entry.identifier, f"{path} was changed here and stays")
     if entry.facts.get("before"):

@@ -3,11 +3,11 @@ blocks.
 """
 from __future__ import annotations
 
-import hashlib
 import os
 import signal
 from collections.abc import Iterable, Iterator
 
+from sondrel_restore.hostfiles import sum_of_bytes
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Missing, RestoreError
 from sondrel_restore.restore import Restore
@@ -114,7 +114,7 @@ class Nginx(site_kind.SiteKind):
                 owner = taken.get(name, "")
                 if name and owner and not os.path.basename(owner).startswith("sondrel-"):
                     assert isinstance(new, dict)
-                    new[name] = f"{name}_{_digest(name + use.place)[:6]}"
+                    new[name] = f"{name}_{sum_of_bytes(to_bytes(name + use.place))[:6]}"
         return names
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
@@ -155,11 +155,7 @@ def _inherited(block: Block) -> Iterator[Directive]:
 def _definition_path(directive: Directive) -> str:
     """The same for the same definition, whichever sites use it."""
     kind = directive.name.replace("_", "-")
-    return f"{_DEFINITIONS}/sondrel-{kind}-{_digest(for_nginx([directive]))[:12]}.conf"
-
-
-def _digest(text: str) -> str:
-    return hashlib.sha256(to_bytes(text)).hexdigest()
+    return f"{_DEFINITIONS}/sondrel-{kind}-{sum_of_bytes(to_bytes(for_nginx([directive])))[:12]}.conf"
 
 
 def _first_line(text: str) -> str:

@@ -13,11 +13,12 @@ from collections.abc import Iterator
 
 from sondrel_restore.description import Domain, Element
 from sondrel_restore.host import account_of
+from sondrel_restore.hostfiles import sum_of_bytes
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Finding, Item, Missing, RestoreError, State
 from sondrel_restore.restore import Restore
-from sondrel_restore.web.config_kind import Candidate, ConfigKind, sum_of
-from sondrel_restore.web.directives import to_bytes
+from sondrel_restore.web.config_kind import Candidate, ConfigKind
+from sondrel_restore.web.directives import one_line, to_bytes
 from sondrel_restore.web.judge import Judge, Refused, Trees, normal_address
 from sondrel_restore.web.own_sites import own_sites
 from sondrel_restore.web.php_settings import ADMIN, check_setting, check_variable, quoted
@@ -235,7 +236,7 @@ def _label(pool: _Pool) -> str:
     """
     whole = f"{pool.name}-{pool.version}" if pool.version else pool.name
     safe = re.sub(r"[^A-Za-z0-9_.-]", "_", whole)
-    return safe if safe == whole else f"{safe}-{sum_of(to_bytes(whole))[:8]}"
+    return safe if safe == whole else f"{safe}-{sum_of_bytes(to_bytes(whole))[:8]}"
 
 
 def _socket(label: str) -> str:
@@ -270,19 +271,15 @@ def _text(judge: Judge, pool: _Pool, label: str, account: str, group: str, left:
                 check_setting(judge, name, value)
             lines.append(f"php_{'admin_' if name in ADMIN else ''}value[{name}] = {quoted(value)}")
         except Refused as refused:
-            left.append(f"setting {_one_line(name)}: {_one_line(str(refused))}")
+            left.append(f"setting {one_line(name)}: {one_line(str(refused))}")
     for element in pool.element.iterfind("env"):
         name, value = str(element.get("name")), str(element.text or "")
         try:
             check_variable(name, value)
             lines.append(f"env[{name}] = {quoted(value)}")
         except Refused as refused:
-            left.append(f"variable {_one_line(name)}: {_one_line(str(refused))}")
+            left.append(f"variable {one_line(name)}: {one_line(str(refused))}")
     return "\n".join(lines) + "\n"
-
-
-def _one_line(text: str) -> str:
-    return re.sub(r"[\x00-\x1f\x7f]", "?", text)
 
 
 def _extensions_here(restore: Restore, version: str) -> frozenset[str]:

@@ -7,11 +7,11 @@ from __future__ import annotations
 
 import abc
 import dataclasses
-import hashlib
 import os
 from collections.abc import Iterable, Iterator, Mapping
 
-from sondrel_restore.hostfiles import atomic_write, make_directories, make_link, read_file, remove_file
+from sondrel_restore.hostfiles import (atomic_write, content_here, make_directories, make_link, remove_file,
+                                       sum_of_bytes)
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Item, Kind, Left, RestoreError, State
 from sondrel_restore.restore import Restore
@@ -41,19 +41,6 @@ class Candidate:
     clients: frozenset[str] = frozenset()
     notes: tuple[str, ...] = ()
     facts: Facts = dataclasses.field(default_factory=dict)
-
-
-def sum_of(content: bytes) -> str:
-    """The sum by which a file is known again."""
-    return hashlib.sha256(content).hexdigest()
-
-
-def content_here(path: str) -> bytes | None:
-    """The bytes of a file of this host; None where there is none."""
-    try:
-        return read_file(path)
-    except (FileNotFoundError, NotADirectoryError):
-        return None
 
 
 class ConfigKind(Kind):
@@ -109,13 +96,13 @@ class ConfigKind(Kind):
             return State.KEPT, f"{', '.join(sorted(changed))} was changed here since; it stays as it is"
         if candidate.impossible:
             return State.IMPOSSIBLE, candidate.impossible
-        if own == {path: sum_of(content) for path, content in candidate.files.items()}:
+        if own == {path: sum_of_bytes(content) for path, content in candidate.files.items()}:
             return State.SAME, ""
         return State.RENEW, candidate.says
 
     @staticmethod
     def _wanted(candidate: Candidate, path: str) -> str:
-        return sum_of(candidate.files[path]) if path in candidate.files else ""
+        return sum_of_bytes(candidate.files[path]) if path in candidate.files else ""
 
     @staticmethod
     def _state_of_new(_restore: Restore, candidate: Candidate, entry: Entry | None) -> tuple[State, str]:
@@ -126,7 +113,7 @@ class ConfigKind(Kind):
         begun = sums(entry) if entry is not None else {}
         for path, content in candidate.files.items():
             here = _sum_here(path)
-            if here and here != sum_of(content) and here != begun.get(path):
+            if here and here != sum_of_bytes(content) and here != begun.get(path):
                 return State.CONFLICT, f"{path} is here already, and no apply of this session has made it"
         for link, target in candidate.links.items():
             if os.path.lexists(link) and not (os.path.islink(link) and os.readlink(link) == target):
@@ -139,13 +126,13 @@ class ConfigKind(Kind):
         entry = restore.journal.entry(item.identifier)
         earlier = sums(entry) if entry is not None else {}
         facts: Facts = {
-            **candidate.facts, "files": {path: sum_of(content) for path, content in candidate.files.items()},
+            **candidate.facts, "files": {path: sum_of_bytes(content) for path, content in candidate.files.items()},
             "links": dict(candidate.links), "disabled": self._disable(restore, item.identifier, candidate),
             "shared": sorted(candidate.shared),
         }
         self._keep_before(restore, item.identifier, earlier, candidate)
         restore.journal.note(item.identifier, {
-            "files": {**earlier, **{path: sum_of(content) for path, content in candidate.files.items()}},
+            "files": {**earlier, **{path: sum_of_bytes(content) for path, content in candidate.files.items()}},
             "links": dict(candidate.links)})
         for path, content in candidate.files.items():
             make_directories(os.path.dirname(path), mode=0o755, uid=0, gid=0)
@@ -251,7 +238,7 @@ class ConfigKind(Kind):
         main = next(iter(sums(entry)))
         if before is not None:
             atomic_write(main, before, mode=0o644, uid=0, gid=0)
-            restore.journal.note(entry.identifier, {"files": {**sums(entry), main: sum_of(before)}})
+            restore.journal.note(entry.identifier, {"files": {**sums(entry), main: sum_of_bytes(before)}})
             self._enable(entry)
             return
         self._remove(restore, entry, sums(entry))
@@ -293,7 +280,7 @@ def _remove_empty(directory: str) -> None:
 
 def _sum_here(path: str) -> str:
     content = content_here(path)
-    return "" if content is None else sum_of(content)
+    return "" if content is None else sum_of_bytes(content)
 
 
 def sums(entry: Entry) -> dict[str, str]:

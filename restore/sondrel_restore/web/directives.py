@@ -70,6 +70,11 @@ def _exact(element: Element) -> str:
     return unquote_to_bytes(text).decode("utf-8", "surrogateescape")
 
 
+def one_line(text: str) -> str:
+    """A text of the source host for a comment: it cannot end the line."""
+    return re.sub(r"[\x00-\x1f\x7f]", "?", text)
+
+
 def to_bytes(text: str) -> bytes:
     """A configuration as it is written to a file."""
     return text.encode("utf-8", "surrogateescape")

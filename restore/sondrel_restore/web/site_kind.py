@@ -11,7 +11,7 @@ from sondrel_restore.kind import Finding, Item, Missing, State
 from sondrel_restore.restore import Restore
 from sondrel_restore.web import ask
 from sondrel_restore.web.config_kind import Candidate, ConfigKind, links, sums
-from sondrel_restore.web.directives import to_bytes
+from sondrel_restore.web.directives import one_line, to_bytes
 from sondrel_restore.web.judge import Judge, Trees, file_name, programs_at
 from sondrel_restore.web.site_data import Block, Site, accounts_here, is_chosen, sites_of
 
@@ -104,7 +104,7 @@ class SiteKind(ConfigKind):
         beside = dict(files)
         if judge.left_out:
             place = f"{_LEFT_OUT}/{self.name}-{file_name(site.domain.name)}.conf"
-            reasons = "".join(f"# {_one_line(left.text)}\n" for left in judge.left_out)
+            reasons = "".join(f"# {one_line(left.text)}\n" for left in judge.left_out)
             beside[place] = to_bytes(reasons + left_out)
             modes[place] = 0o600
             notes += [f"left out: {left.text}" for left in judge.left_out]
@@ -133,17 +133,13 @@ class SiteKind(ConfigKind):
 
 def heading(site: Site) -> str:
     """The first line of a site's file."""
-    return f"# The site {_one_line(site.domain.name)}, made by sondrel-restore. What is changed here stays.\n"
+    return f"# The site {one_line(site.domain.name)}, made by sondrel-restore. What is changed here stays.\n"
 
 
 def _own_addresses(restore: Restore) -> frozenset[str]:
     """The addresses of this host's network interfaces."""
     told = restore.host.run(["ip", "-o", "address"], check=False).stdout if restore.host.has_program("ip") else ""
     return frozenset(re.findall(r"inet6? ([0-9A-Fa-f:.]+)", told))
-
-
-def _one_line(text: str) -> str:
-    return re.sub(r"[\x00-\x1f\x7f]", "?", text)
 
 
 def _ports_of_sites(restore: Restore) -> frozenset[int]:
