@@ -614,7 +614,7 @@ bool Session::authorizeByFile(KeyLogin& attempt) {
                                                  attempt.identity.passphrase.c_str());
   });
   if (result == 0) return true;
-  requireLoginTime();
+  requireLoginTime(result);
   const bool isAnswer =
       result == LIBSSH2_ERROR_AUTHENTICATION_FAILED || result == LIBSSH2_ERROR_PUBLICKEY_UNVERIFIED;
   if (!isAnswer && !isSocketError(result) && !isPeerGone()) refuseKey(key);
@@ -636,7 +636,7 @@ bool Session::authorizeByAgent(KeyLogin& attempt) {
       return libssh2_agent_userauth(agent.get(), attempt.login.c_str(), key);
     });
     if (result == 0) return true;
-    requireLoginTime();
+    requireLoginTime(result);
     const std::string blob(reinterpret_cast<const char*>(key->blob), key->blob_len);
     noteRefusal(result, "any key of the agent at SSH_AUTH_SOCK", HostKey(blob).type(), attempt);
   }
@@ -671,7 +671,7 @@ void Session::refreshMethods(KeyLogin& attempt) {
   try {
     getAuthMethodsList(attempt.login, attempt.methods);
   } catch (const Exc<&InvalidHandle>&) {
-    requireLoginTime();
+    requireLoginTime(libssh2_session_last_errno(get()));
     sessionLog.debug(std::string("The server allows no more attempts"));
   }
 }
@@ -703,7 +703,7 @@ bool Session::authorizeByPassword(const std::string& login, const std::string& p
                                         nullptr);
   });
   if (result != 0) {
-    requireLoginTime();
+    requireLoginTime(result);
     return false;
   }
   // Not the same text as below; log readers tell the methods apart by it.
@@ -721,16 +721,17 @@ bool Session::authorizeInteractively(const std::string& login, const std::string
   });
   promptAnswer = nullptr;
   if (result != 0) {
-    requireLoginTime();
+    requireLoginTime(result);
     return false;
   }
   sessionLog.debug(std::string("Authenticated successfully"));
   return true;
 }
 
-/// A server that has not answered within the limit has refused nothing.
-void Session::requireLoginTime() {
-  if (Clock::now() >= loginDeadline_) raiseLost();
+/// A server that has not answered within the limit has refused nothing. The library counts whole
+/// seconds, so that its time-out may come up to one before the deadline.
+void Session::requireLoginTime(int result) {
+  if (result == LIBSSH2_ERROR_TIMEOUT || Clock::now() >= loginDeadline_) raiseLost();
 }
 
 void Session::getAuthMethodsList(const std::string& login, std::vector<std::string>& methods) {

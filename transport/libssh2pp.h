@@ -209,7 +209,7 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   bool authorizeByPassword(const std::string& login, const std::string& password);
   bool authorizeInteractively(const std::string& login, const std::string& password);
   void finishLogin();
-  void requireLoginTime();
+  void requireLoginTime(int result);
 
   /// What a login by key has come to.
   struct KeyLogin;

@@ -30,10 +30,13 @@ time_t time(time_t* out) {
   if (out) *out = t.tv_sec;
   return t.tv_sec;
 }
+/* Ends a long wait half a second early: the time-outs of the SSH library, which counts whole seconds,
+   may do so. */
 int poll(struct pollfd* fds, nfds_t n, int ms) {
   static int (*real)(struct pollfd*, nfds_t, int);
   if (!real) real = dlsym(RTLD_NEXT, "poll");
-  return real(fds, n, ms > 0 ? (ms + SPEED - 1) / SPEED : ms);
+  if (ms < 0) return real(fds, n, ms);
+  return real(fds, n, ms >= 500 * SPEED ? ms / SPEED - 5 : (ms + SPEED - 1) / SPEED);
 }
 """
 
