@@ -5,7 +5,7 @@
 #include "commons/ExSystemError.h"
 #include "commons/checksum.h"
 #include "commons/sh_quoting.h"
-#include "sondrel/actions.h"
+#include "sondrel/retrieval_progress.h"
 
 namespace {
 

@@ -15,6 +15,8 @@
 #include "commons/secrets.h"
 #include "commons/session.h"
 #include "commons/tar_archive.h"
+#include "sondrel/host_policy.h"
+#include "sondrel/result_file.h"
 
 namespace fs = boost::filesystem;
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "sondrel/actions.h"
+#include "sondrel/action.h"
 
 DECLARE_ERROR_TAG(NoSharedAgentsDirectory, "'shared' agents directory not found");
 DECLARE_ERROR_TAG(NoAgentDirectory, "Directory for agent '%1%' does not exist");

@@ -14,7 +14,12 @@
 #include "commons/session.h"
 #include "hostlib/qrv_conf.h"
 #include "sondrel/dump_selection.h"
+#include "sondrel/dumping_status.h"
+#include "sondrel/remove_agent.h"
+#include "sondrel/retrieve_content.h"
+#include "sondrel/retrieve_dump.h"
 #include "sondrel/send_agent.h"
+#include "sondrel/send_scout.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "sondrel/actions.h"
+#include "sondrel/action.h"
 #include "sondrel/options.h"
 
 /// The driver: reads the command line, sets up session and logs, runs the one action

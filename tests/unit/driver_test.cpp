@@ -3,7 +3,12 @@
 #include <typeinfo>
 
 #include "commons/session.h"
+#include "sondrel/dumping_status.h"
+#include "sondrel/remove_agent.h"
+#include "sondrel/retrieve_content.h"
+#include "sondrel/retrieve_dump.h"
 #include "sondrel/send_agent.h"
+#include "sondrel/send_scout.h"
 #include "support.h"
 
 namespace {

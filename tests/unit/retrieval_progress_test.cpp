@@ -1,7 +1,4 @@
-#include "sondrel/actions.h"
-
-#include <signal.h>
-#include <unistd.h>
+#include "sondrel/retrieval_progress.h"
 
 #include <limits>
 
@@ -47,19 +44,6 @@ class NotedStatus : public MigrationStatus {
 };
 
 }  // namespace
-
-TEST(ArgsBuilderTest, QuotesEachWordAndPutsOneBlankBetween) {
-  const ArgsBuilder line = ArgsBuilder("rm it") << "-rf"
-                                                << "/a b/it's\n$HOME";
-  EXPECT_EQ(line.str(), "rm\\ it -rf /a\\ b/it\\'s'\n'\\$HOME");
-}
-
-TEST(ArgsBuilderTest, AppendsABlankForAnEmptyWord) {
-  EXPECT_EQ((ArgsBuilder("a") << ""
-                              << "b")
-                .str(),
-            "a  b");
-}
 
 TEST(ProgressTest, CountsDownFilesAndBytesPastTheEndOfInt) {
   using testing::ElementsAre;
@@ -133,31 +117,4 @@ TEST(ProgressTest, RateIsWholeBytesPerWholeSecond) {
                 testing::AnyOf("speed " + std::to_string(received / (now - started)), "speed 0"));
     return speed != "speed 0";
   }));
-}
-
-TEST(ResultFileTest, IsReadableForOthersWhateverTheUmask) {
-  const ScopedTempDir dir;
-  const UmaskGuard mask(077);
-  ResultFile file(dir / "result");
-  file.stream() << "text";
-  file.finish();
-  EXPECT_EQ(readFile(dir / "result"), "text");
-  EXPECT_EQ(ownerAndMode(dir / "result"), "0:0 644");
-}
-
-TEST(ResultFileTest, FailsAtTheEndWhenItCouldNotBeOpenedOrWritten) {
-  const ScopedTempDir dir;
-  EXPECT_EQ(whatOf<Exc<&FileWrite>>([&] { ResultFile(dir.path()).finish(); }),
-            "Error during " + dir.path() + " write: Is a directory");
-  EXPECT_EQ(whatOf<Exc<&FileWrite>>([&] {
-              ResultFile file("/dev/full");
-              file.stream() << "text";
-              file.finish();
-            }),
-            "Error during /dev/full write: No space left on device");
-}
-
-TEST(UpdateStatusTest, DoesNothingWithoutAnActionThatDumps) {
-  update_status(SIGALRM);
-  EXPECT_EQ(alarm(0), 0u);
 }

@@ -1,0 +1,131 @@
+#include <cerrno>
+#include <cstring>
+#include <log4cpp/Category.hh>
+#include <utility>
+
+#include "commons/log.h"
+#include "sondrel/retrieve_content.h"
+
+/// The part of RetrieveContentAction that fetches several files at once.
+
+namespace {
+
+log4cpp::Category& actionLog = log4cpp::Category::getInstance("k.Action");
+
+}  // namespace
+
+void RetrieveContentAction::retrieveBatch(FileRetrievalProgressUpdater& progress) {
+  const ContentBatch batch = std::exchange(batch_, ContentBatch());
+  if (batch.isEmpty()) return;
+  const ContentFolder folder = contentFolder();
+  BatchReceiver receiver(batch, folder, progress);
+  const BatchEnd end = receiveBatch(batch, receiver);
+  if (end.isUnableTo()) {
+    actionLog.notice("Each file is fetched by itself, since tar cannot be used there: " +
+                     end.errorText);
+    batching_ = false;
+  } else {
+    finishBatch(receiver, end);
+  }
+  retrieveEachAlone(receiver, progress);
+}
+
+/// Throws CantRetrieveContentFile, for the file that was coming, when the connection fails or this
+/// host cannot go on.
+BatchEnd RetrieveContentAction::receiveBatch(const ContentBatch& batch, BatchReceiver& receiver) {
+  if (!makeDir(targetDir())) {
+    throw cantRetrieve(batch.files().front()->name, std::strerror(errno));
+  }
+  CollectedText err;
+  try {
+    const auto output = getSsh().getBatch(getConfig().agent_dir, batch.names(), err);
+    BatchEnd end = takeArchive(*output, receiver);
+    end.errorText = errorTextOf(err);
+    return end;
+  } catch (const ExTraceable& e) {
+    const std::string& name = receiver.current().file->name;
+    throw Exc<&CantRetrieveContentFile>(e, HERE) % remotePathOf(name) % getConfig().host %
+        contentFolder().pathOf(name) % errorTextOf(err);
+  }
+}
+
+BatchEnd RetrieveContentAction::takeArchive(RemoteOutput& output, BatchReceiver& receiver) {
+  BatchEnd end;
+  bool hasEnded = false;
+  TarReader archive([&] {
+    const std::string_view bytes = output.next();
+    (bytes.empty() ? hasEnded : end.isEmpty) = bytes.empty();
+    return bytes;
+  });
+  try {
+    receiver.receive(archive);
+    hasEnded = true;
+  } catch (const Exc<&ArchiveDamaged>& e) {
+    end.damage = e.what();
+  }
+  // What is no archive may go on for ever.
+  if (hasEnded) end.exitStatus = output.status();
+  return end;
+}
+
+/// Removes there what is complete and on the disk here. Throws CantRetrieveContentFile when a file
+/// has failed.
+void RetrieveContentAction::finishBatch(BatchReceiver& receiver, const BatchEnd& end) {
+  if (!receiver.sync()) {
+    throw cantRetrieve(receiver.files().front().file->name, std::strerror(errno));
+  }
+  std::vector<const DumpFile*> removable;
+  for (BatchedFile& file : receiver.files()) {
+    // A tar that complains fills up what it cannot read, and does not tell in the archive.
+    file.isStored = file.isStored && (end.isWhole() || file.isProven());
+    if (!file.isStored) continue;
+    if (!verify_ || isAsListed(*file.file, file.size, file.md5)) {
+      removable.push_back(file.file);
+    } else {
+      ++filesUnlikeTheList_;
+    }
+  }
+  receiver.explainMissing(end);
+  removeRemoteFiles(removable);
+  failForBatch(receiver);
+}
+
+/// The error that a file of its own would end with.
+Exc<&CantRetrieveContentFile> RetrieveContentAction::cantStore(const BatchedFile& file) const {
+  const std::string& name = file.file->name;
+  return Exc<&CantRetrieveContentFile>(Exc<&StreamWrite>(HERE), HERE) % remotePathOf(name) %
+         getConfig().host % contentFolder().pathOf(name) % file.failure;
+}
+
+/// Throws CantRetrieveContentFile for the first file that has failed; the result log has those
+/// behind it.
+void RetrieveContentAction::failForBatch(const BatchReceiver& receiver) const {
+  std::vector<Exc<&CantRetrieveContentFile>> failures;
+  for (const BatchedFile& file : receiver.files()) {
+    if (file.failure.empty()) continue;
+    failures.push_back(file.isUnwritable ? cantStore(file)
+                                         : cantRetrieve(file.file->name, file.failure));
+  }
+  if (receiver.surplus()) {
+    failures.push_back(
+        cantRetrieve(*receiver.surplus(), "The archive has it, and nobody asked for it"));
+  }
+  for (std::size_t i = 1; i < failures.size(); ++i) theLog->log(failures[i]);
+  if (!failures.empty()) throw Exc<&CantRetrieveContentFile>(failures.front());
+}
+
+/// Those that are not here, after a batch that no file was to blame for: each tells by itself what
+/// is wrong with it.
+void RetrieveContentAction::retrieveEachAlone(const BatchReceiver& receiver,
+                                              FileRetrievalProgressUpdater& progress) {
+  for (const BatchedFile& file : receiver.files()) {
+    if (file.isStored) continue;
+    if (file.isCounted) {
+      retrieveAlone(*file.file, Ssh::null_counter);
+      continue;
+    }
+    progress.startFile(*file.file);
+    retrieveAlone(*file.file, progress);
+    progress.finishFile();
+  }
+}
