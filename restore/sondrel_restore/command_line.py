@@ -31,7 +31,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
     restore = None
     try:
         if options.command == "report":
-            print(printing.escaped(write_report(Session(options.session))))
+            print(printing.escaped(write_report(Session(options.session, options.archives))))
             return DONE
         restore = _restore(options)
         command: Callable[[Restore, argparse.Namespace], int] = options.run
@@ -153,7 +153,7 @@ def _parser() -> argparse.ArgumentParser:
         "report", help="write a page about the migration", allow_abbrev=False,
         description="Writes report.html into the session: what moved, sizes and times, problems, the last "
                     "verification.")
-    report.add_argument("session", metavar="SESSION", help="the session directory")
+    _add_session(report)
     return parser
 
 
@@ -161,17 +161,22 @@ def _command(commands: argparse._SubParsersAction[argparse.ArgumentParser], name
              run: Callable[[Restore, argparse.Namespace], int], text: str) -> argparse.ArgumentParser:
     parser = commands.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".", allow_abbrev=False)
     parser.set_defaults(run=run)
-    parser.add_argument("session", metavar="SESSION", help="the session directory")
+    _add_session(parser)
     add = parser.add_argument
     add("--domains", type=_names, default=[], metavar="NAME,...", help="only these domains")
     add("--clients", type=_names, default=[], metavar="NAME,...", help="only these clients, with their domains")
-    add("--archives", default="", metavar="DIR", help="where the fetched files are; SESSION/archives if not given")
     add("--map-account", type=_pair, default=[], action="append", metavar="THERE:HERE",
         help="an account of the source host is this one here")
     add("--replace", default=[], action="append", metavar="OBJECT", help="overwrite what is here")
     add("--skip", default=[], action="append", metavar="OBJECT", help="leave this object out")
     add("--trust-configuration", action="store_true", help="take all directives of the source host")
     return parser
+
+
+def _add_session(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("session", metavar="SESSION", help="the session directory")
+    parser.add_argument("--archives", default="", metavar="DIR",
+                        help="where the fetched files are, if not where the session says")
 
 
 def _add_format(parser: argparse.ArgumentParser) -> None:

@@ -16,6 +16,7 @@ from sondrel_restore.kind import RestoreError
 Element = Any
 
 LARGEST = 256 << 20
+LARGEST_DOCUMENT = 64 << 20
 _SCHEMA = "dump.xsd"
 _VERSION = "2"
 
@@ -65,6 +66,16 @@ def parse_document(content: bytes) -> Element:
     return etree.fromstring(content, etree.XMLParser(
         resolve_entities=False, no_network=True, load_dtd=False, huge_tree=False, remove_comments=True,
         remove_pis=True))
+
+
+def read_document(path: Path) -> Element | None:
+    """The root of another document of the session; None if it is not there. RestoreError if it cannot be read."""
+    try:
+        return parse_document(read_file(str(path), limit=LARGEST_DOCUMENT))
+    except (FileNotFoundError, NotADirectoryError):
+        return None
+    except (OSError, etree.XMLSyntaxError) as error:
+        raise RestoreError(f"{path} cannot be read: {error}") from error
 
 
 class Description:

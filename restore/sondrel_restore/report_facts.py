@@ -12,15 +12,10 @@ from collections import Counter
 from collections.abc import Iterator
 from pathlib import Path
 
-from lxml import etree
-
-from sondrel_restore.description import Description, Element, parse_document
+from sondrel_restore.description import Description, Element, read_document
 from sondrel_restore.figures import seconds_between
-from sondrel_restore.hostfiles import read_file
-from sondrel_restore.kind import RestoreError
 from sondrel_restore.session import Session
 
-LARGEST_DOCUMENT = 64 << 20
 SEVERITIES = ("error", "warning", "info")
 
 
@@ -104,8 +99,6 @@ class Facts:
 def gather(session: Session, description: Description) -> Facts:
     """Reads what else is in the session. RestoreError where a document is damaged."""
     dump = description.tree
-    state = _read(session.directory / "migrate" / "state.xml")
-    archives = _archives(session, state)
     has_content = dump.get("content") == "yes"
     return Facts(
         host=dump.get("host", ""),
@@ -113,26 +106,11 @@ def gather(session: Session, description: Description) -> Facts:
         created=dump.get("created", ""),
         scope=dump.get("scope", ""),
         has_content=has_content,
-        steps=tuple(_steps(session, state)),
-        owners=tuple(_owners(description, archives, has_content)),
+        steps=tuple(_steps(session)),
+        owners=tuple(_owners(description, session.archives, has_content)),
         problems=tuple(_problems(session, dump)),
-        archives=str(archives),
+        archives=str(session.archives),
     )
-
-
-def _read(path: Path) -> Element | None:
-    """The root of a document; None if it is not there. Nothing outside of the file is read."""
-    try:
-        return parse_document(read_file(str(path), limit=LARGEST_DOCUMENT))
-    except (FileNotFoundError, NotADirectoryError):
-        return None
-    except (OSError, etree.XMLSyntaxError) as error:
-        raise RestoreError(f"{path} cannot be read: {error}") from error
-
-
-def _archives(session: Session, state: Element | None) -> Path:
-    chosen = None if state is None else state.findtext("setting[@name='dumps-dir']")
-    return Path(chosen) if chosen else session.archives
 
 
 def _distribution(server: Element | None) -> str:
@@ -141,16 +119,16 @@ def _distribution(server: Element | None) -> str:
     return " ".join(filter(None, (server.get("distribution"), server.get("release"))))
 
 
-def _steps(session: Session, state: Element | None) -> Iterator[Step]:
+def _steps(session: Session) -> Iterator[Step]:
     """Those of sondrel-migrate; of a session without it the dump alone, which has left its times."""
-    if state is None:
-        status = _read(session.directory / "dumping-status.xml")
+    if session.migration is None:
+        status = read_document(session.directory / "dumping-status.xml")
         if status is not None:
             started = status.get("started", "")
             seconds = seconds_between(started, status.get("updated", ""))
             yield Step("dump", status.get("stage", ""), started, seconds, "")
         return
-    for step in state.iterfind("step"):
+    for step in session.migration.iterfind("step"):
         started = step.get("started", "")
         yield Step(
             step.get("name", ""),
@@ -249,7 +227,7 @@ def _problems(session: Session, dump: Element) -> Iterator[Problem]:
             severity if severity in SEVERITIES else "error", problem.get("object", ""), problem.text or ""
         )
     for name in ("migration.result", "transfer.result"):
-        result = _read(session.directory / name)
+        result = read_document(session.directory / name)
         if result is None:
             continue
         for message in result.iter("message"):

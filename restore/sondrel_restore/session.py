@@ -5,6 +5,7 @@ import os
 import stat
 from pathlib import Path
 
+from sondrel_restore.description import Element, read_document
 from sondrel_restore.kind import RestoreError
 
 
@@ -12,25 +13,34 @@ class Session:
     """Where the parts of a session lie. Only root may have been able to put them there."""
 
     def __init__(self, directory: str, archives: str = "") -> None:
-        """With `archives` the fetched files lie there, and not in the directory of that name of the session.
+        """The fetched files lie in `archives`; without it where sondrel-migrate put them, or in the session.
 
         RestoreError if it is no session, or one into which an account other than root's may write.
         """
         self.directory = Path(os.path.abspath(directory))
-        self.archives = Path(os.path.abspath(archives)) if archives else self.directory / "archives"
         self.journal_directory = self.directory / "restore"
         self.dump = self.directory / "dump.xml"
         for needed in (self.directory, self.dump):
             if not needed.exists():
                 raise RestoreError(f"{needed} is not there: name the session directory of a fetched dump")
-        for path in (self.directory, self.archives, self.journal_directory):
-            if path.is_symlink():
-                raise RestoreError(f"{path} is a symbolic link")
-            if path.exists():
-                _check_private(path)
+        migrate = self.directory / "migrate"
+        for path in (self.directory, self.journal_directory, migrate):
+            _check_private(path)
+        # What sondrel-migrate notes of itself; None in a session that other programs filled.
+        self.migration: Element | None = read_document(migrate / "state.xml")
+        self.archives = Path(os.path.abspath(archives)) if archives else self._archives()
+        _check_private(self.archives)
+
+    def _archives(self) -> Path:
+        chosen = None if self.migration is None else self.migration.findtext("setting[@name='dumps-dir']")
+        return Path(chosen) if chosen else self.directory / "archives"
 
 
 def _check_private(path: Path) -> None:
+    if path.is_symlink():
+        raise RestoreError(f"{path} is a symbolic link")
+    if not path.exists():
+        return
     about = path.stat()
     if not stat.S_ISDIR(about.st_mode):
         raise RestoreError(f"{path} is no directory")

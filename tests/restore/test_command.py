@@ -171,6 +171,22 @@ def test_takes_fetched_files_from_another_directory(session):
     assert "others than root" in session.run("plan", "--archives=/mnt/fetched", check=1).stderr
 
 
+def test_takes_fetched_files_from_where_the_migration_put_them(session):
+    site(session, *usual())
+    os.rename(f"{session.directory}/archives", "/mnt/fetched")
+    os.mkdir(f"{session.directory}/migrate", 0o700)
+    with open(f"{session.directory}/migrate/state.xml", "w", encoding="ascii") as state:
+        state.write('<sondrel-migration version="1"><setting name="dumps-dir">/mnt/fetched</setting>'
+                    "</sondrel-migration>")
+    session.run("apply", "--archives=/mnt/nothing", check=1)
+    session.run("apply", check=0)
+    assert os.path.exists("/home/alice/shop/index.php")
+    session.run("verify", check=0)
+    session.run("report", check=0)
+    os.chmod(f"{session.directory}/migrate", 0o777)
+    assert "others than root" in session.run("plan", check=1).stderr
+
+
 @pytest.mark.parametrize("name", ["sudo-everything", "-o=x", "unknown-package", "/tmp/x.deb"])
 def test_installs_no_package_that_is_no_application(session, name):
     with_package(session, name)
