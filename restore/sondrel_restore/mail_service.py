@@ -33,7 +33,9 @@ SETTINGS = {
     "virtual_uid_maps": "uids", "virtual_gid_maps": "gids", "virtual_mailbox_base": "",
 }
 WHERE_DOMAINS_ARE = ("mydestination", "virtual_mailbox_domains", "virtual_alias_domains", "relay_domains")
-DOVECOT_TEXT = """\
+# By release of Dovecot.
+DOVECOT_TEXTS = {
+    "2.3": """\
 passdb {
   driver = passwd-file
   args = username_format=%u /etc/dovecot/sondrel-users
@@ -42,7 +44,20 @@ userdb {
   driver = passwd-file
   args = username_format=%u /etc/dovecot/sondrel-users
 }
-"""
+""",
+    "2.4": """\
+passdb sondrel-restore {
+  driver = passwd-file
+  passwd_file_path = /etc/dovecot/sondrel-users
+  auth_username_format = %{user}
+}
+userdb sondrel-restore {
+  driver = passwd-file
+  passwd_file_path = /etc/dovecot/sondrel-users
+  auth_username_format = %{user}
+}
+""",
+}
 
 
 @dataclasses.dataclass(frozen=True)
@@ -183,17 +198,16 @@ class MailService:
                 self._restore.name("mail", f"{setting} is set here and stays: add {value} to it in {POSTFIX}/main.cf")
 
     def _write_dovecot(self, users: list[User], made: _Made) -> None:
-        group = group_of("dovecot")
-        text = "".join(line_of_dovecot(user) + "\n" for user in sorted(users, key=lambda each: each.address))
-        if not made.write(USERS, text, group.gr_gid if group else 0, 0o640):
-            self._restore.name("mail", f"{USERS} was changed here, and is not renewed: compare it with {DIRECTORY}")
-        version = self._host.run(["dovecot", "--version"]).stdout.split()
-        if users and (not version or not version[0].startswith("2.3")):
-            self._restore.name("mail", f"Dovecot here is not of 2.3: add a passdb and a userdb of the driver "
-                               f"passwd-file with {USERS} to its settings")
-            made.save()
+        release = ".".join(self._host.run(["dovecot", "--version"]).stdout.split(".")[:2])
+        if users and release not in DOVECOT_TEXTS:
+            self._restore.name("mail", f"Dovecot here is {release}, and its settings can be made for "
+                               f"{' and '.join(DOVECOT_TEXTS)} only: add the mailboxes to its users by hand")
             return
-        if not made.write(DOVECOT_SETTINGS, DOVECOT_TEXT if users else "", 0, 0o644):
+        group = group_of("dovecot")
+        lines = [line_of_dovecot(user, release) + "\n" for user in sorted(users, key=lambda each: each.address)]
+        if not made.write(USERS, "".join(lines), group.gr_gid if group else 0, 0o640):
+            self._restore.name("mail", f"{USERS} was changed here, and is not renewed: compare it with {DIRECTORY}")
+        if not made.write(DOVECOT_SETTINGS, DOVECOT_TEXTS[release] if users else "", 0, 0o644):
             self._restore.name("mail", f"{DOVECOT_SETTINGS} was changed here, and is not renewed")
         checked = self._host.run(["doveconf", "-n"], check=False)
         if checked.status != 0:

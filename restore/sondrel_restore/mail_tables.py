@@ -97,10 +97,28 @@ def quota_of(text: str) -> str:
     return text if _QUOTA.match(text) else ""
 
 
-def line_of_dovecot(user: User) -> str:
-    """A line of a passwd-file of Dovecot 2.3. Without a hash no password opens it."""
-    more = f"userdb_mail={user.format}:{user.path}" + (f" userdb_quota_rule={user.quota}" if user.quota else "")
-    return f"{user.address}:{user.password or '{CRYPT}!'}:{user.uid}:{user.gid}::{user.home}::{more}"
+def line_of_dovecot(user: User, release: str) -> str:
+    """A line of a passwd-file of Dovecot "2.3" or "2.4". Without a hash no password opens it."""
+    more = _fields_of_2_3(user) if release == "2.3" else _fields_of_2_4(user)
+    fields = " ".join(f"userdb_{name}={value}" for name, value in more.items())
+    return f"{user.address}:{user.password or '{CRYPT}!'}:{user.uid}:{user.gid}::{user.home}::{fields}"
+
+
+def _fields_of_2_3(user: User) -> dict[str, str]:
+    quota = {"quota_rule": user.quota} if user.quota else {}
+    return {"mail": f"{user.format}:{user.path}", **quota}
+
+
+def _fields_of_2_4(user: User) -> dict[str, str]:
+    # Debian's settings have INBOX elsewhere, as a file.
+    fields = {"mail_driver": user.format, "mail_path": user.path, "mail_inbox_path": user.path}
+    kind, _, limit = user.quota.removeprefix("*:").partition("=")
+    if kind == "storage":
+        # A number alone was one of kilobytes, and is one of bytes now.
+        fields["quota_storage_size"] = limit + "K" if limit.isdigit() else limit
+    elif kind == "messages" and limit.isdigit():
+        fields["quota_message_count"] = limit
+    return fields
 
 
 def maps_of_postfix(aliases: Sequence[Alias], users: Sequence[User]) -> dict[str, str]:

@@ -10,7 +10,7 @@ from world import CONFIGURATION, PRODUCT, SESSION, TESTS, Running, Session, read
 TOP = os.path.dirname(TESTS)
 # What every build of a package has, and what is fetched with.
 ALWAYS_THERE = {"g++", "ca-certificates"}
-FOR_PACKAGES = {"debhelper-compat", "dh-sequence-installsysusers"}
+FOR_PACKAGES = {"debhelper-compat", "dh-sequence-installsysusers", "dh-sequence-python3"}
 
 
 def build_dependencies(profile):

@@ -18,7 +18,7 @@ from sondrel_restore import mail_service
 from sondrel_restore.kind import State
 from sondrel_restore.kinds.job import OFF
 from sondrel_restore.kinds.mail import Mailbox, MailDomain
-from sondrel_restore.mail_tables import HASH, hash_of, objection_to_target, split_address
+from sondrel_restore.mail_tables import HASH, User, hash_of, line_of_dovecot, objection_to_target, split_address
 
 KINDS = [Mailbox, MailDomain]
 BOX = "/var/mail/vhosts/a.test/info"
@@ -483,11 +483,15 @@ def free_port():
 def dovecot_settings():
     """Debian's settings of Dovecot, with a port of our own."""
     port = free_port()
-    # Debian's settings name them, and they are read although there is no TLS.
+    # Debian's settings name them, and they are read although there is no TLS. They may be links to the machine's.
     for ending in ("pem", "key"):
-        Path(f"/etc/dovecot/private/dovecot.{ending}").write_text("none", encoding="ascii")
+        path = Path(f"/etc/dovecot/private/dovecot.{ending}")
+        path.unlink(missing_ok=True)
+        path.write_text("none", encoding="ascii")
+    is_old = subprocess.run(["dovecot", "--version"], check=True, capture_output=True).stdout.startswith(b"2.3")
+    allow = "disable_plaintext_auth = no" if is_old else "auth_allow_cleartext = yes"
     Path("/etc/dovecot/local.conf").write_text(
-        "protocols = imap\nssl = no\nlog_path = /mnt/dovecot.log\nlisten = 127.0.0.1\ndisable_plaintext_auth = no\n"
+        f"protocols = imap\nssl = no\nlog_path = /mnt/dovecot.log\nlisten = 127.0.0.1\n{allow}\n"
         f"service imap-login {{\n inet_listener imap {{\n  port = {port}\n }}\n inet_listener imaps {{\n  port = 0\n"
         " }\n}\n", encoding="ascii")
     yield port
@@ -518,6 +522,20 @@ def test_renews_the_password_that_was_changed_on_the_source_host(tmp_path):
         run = Run(fetched_again("$6$salt$" + letter * 86), KINDS)
         assert "mail:a.test" in run.apply().changed
         assert "{CRYPT}$6$salt$" + letter * 86 in Path(mail_service.USERS).read_text(encoding="ascii")
+
+
+@pytest.mark.parametrize("quota, of_2_3, of_2_4", [
+    ("", "", ""),
+    ("*:storage=5M", " userdb_quota_rule=*:storage=5M", " userdb_quota_storage_size=5M"),
+    ("*:storage=100", " userdb_quota_rule=*:storage=100", " userdb_quota_storage_size=100K"),
+    ("*:messages=7", " userdb_quota_rule=*:messages=7", " userdb_quota_message_count=7"),
+])
+def test_writes_a_user_as_the_release_of_dovecot_reads_it(quota, of_2_3, of_2_4):
+    user = User("info@a.test", "/m/info", "maildir", 5, 6, "/m", quota, "{CRYPT}$6$salt$hash")
+    begin = "info@a.test:{CRYPT}$6$salt$hash:5:6::/m::"
+    assert line_of_dovecot(user, "2.3") == f"{begin}userdb_mail=maildir:/m/info{of_2_3}"
+    assert line_of_dovecot(user, "2.4") == (
+        f"{begin}userdb_mail_driver=maildir userdb_mail_path=/m/info userdb_mail_inbox_path=/m/info{of_2_4}")
 
 
 def test_lets_a_user_read_mail_over_imap_with_the_password_of_before(tmp_path, imap_port):
