@@ -112,10 +112,14 @@ class MailService:
 
     # --- what this host has without us ---
 
+    def is_set_up(self) -> bool:
+        """Whether Postfix is here with settings: its package makes none where it was told to."""
+        return self._host.has_program("postconf") and os.path.exists(f"{POSTFIX}/main.cf")
+
     def taken(self, domain: str) -> str:
         """The setting of Postfix by which this host has mail for the domain already; empty if there is none."""
         if self._domains_here is None:
-            self._domains_here = self._values("-x", *WHERE_DOMAINS_ARE) if self._host.has_program("postconf") else {}
+            self._domains_here = self._values("-x", *WHERE_DOMAINS_ARE) if self.is_set_up() else {}
         for setting, value in self._domains_here.items():
             for word in re.split(r"[\s,]+", value):
                 if word.lower() == domain.lower() or _is_table(word) and self._found(word, domain):
@@ -141,7 +145,7 @@ class MailService:
         """
         aliases, users = self._kept()
         made = _Made()
-        if self._host.has_program("postconf"):
+        if self.is_set_up():
             self._write_postfix(aliases, users, made)
         else:
             self._restore.name("mail", "Postfix is not here: its tables are made by an apply after its installation")

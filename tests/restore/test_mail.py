@@ -322,6 +322,21 @@ def test_says_what_is_missing_here(tmp_path, monkeypatch):
     assert [each.package for kind in run.kinds for each in kind.missing(run.restore)] == ["postfix", "dovecot-imapd"]
 
 
+def test_needs_no_server_for_mail_that_is_left_out(tmp_path, monkeypatch):
+    run = Run(fetched_with(tmp_path), KINDS, skipped=frozenset(["mail:a.test"]))
+    monkeypatch.setattr(run.restore.host, "has_program", lambda name: name not in ("postconf", "doveconf"))
+    run.plan()
+    assert not [each.package for kind in run.kinds for each in kind.missing(run.restore)]
+
+
+def test_says_that_postfix_has_no_settings(tmp_path):
+    os.unlink("/etc/postfix/main.cf")
+    run = Run(fetched_with(tmp_path), KINDS)
+    run.plan()
+    missing = [each for kind in run.kinds for each in kind.missing(run.restore)]
+    assert [each.package for each in missing] == [""] and "dpkg-reconfigure postfix" in missing[0].because
+
+
 HOSTILE_ALIASES = [
     ("x@a.test", "|/bin/sh -c id"),
     ("x@a.test", '"|/bin/sh -c id"'),

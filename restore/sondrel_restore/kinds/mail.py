@@ -236,9 +236,13 @@ class MailDomain(Kind):
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
         wanted = [item for item in self.plan(restore)
-                  if isinstance(item.data, Tables) and restore.selection.takes(item)]
+                  if isinstance(item.data, Tables) and restore.selection.takes(item)
+                  and not restore.decisions.skip(item.identifier)]
         if wanted and not restore.host.has_program("postconf"):
             yield Missing("postfix", f"{wanted[0].name} gets mail")
+        elif wanted and not MailService(restore).is_set_up():
+            yield Missing("", f"Postfix, which is for the mail of {wanted[0].name}, has no settings: make some by "
+                          "dpkg-reconfigure postfix")
         if any(item.data.users for item in wanted if isinstance(item.data, Tables)) and not restore.host.has_program(
                 "doveconf"):
             yield Missing("dovecot-imapd", f"{wanted[0].name} has mailboxes")
