@@ -1,9 +1,17 @@
-"""This host as a destination, in a private world: what a restore writes goes to throw-away file systems."""
+"""This host as a destination, in a private world: what a restore writes goes to throw-away file systems.
+
+For scripts/demo:
+
+    destination.py run [--full]    makes it of the private world that this is called in, runs its database servers, and
+                                   ends all its servers when its standard input ends
+"""
+import contextlib
 import hashlib
 import os
 import shutil
 import stat
 import subprocess
+import sys
 
 FOLDERS = ("/home", "/srv", "/opt", "/var/www", "/var/mail", "/var/lib", "/var/spool", "/var/cache")
 # Packages have their state there, which programs read.
@@ -69,3 +77,33 @@ def _entry(path):
         with open(path, "rb") as file:
             return [*entry, hashlib.sha256(file.read()).hexdigest()]
     return entry
+
+
+def run_host(full):
+    """A destination whose servers are installed and have nothing to do yet."""
+    # Only the tests put its directory in the way of Python's modules.
+    sys.path.insert(0, f"{os.path.dirname(os.path.dirname(os.path.abspath(__file__)))}/e2e")
+    make()
+    for name in ("nginx", "apache2", "php", "postfix", "dovecot"):
+        own_etc(name)
+    for place in ("/var/log/nginx", "/var/log/apache2", "/run/apache2", "/var/spool/postfix"):
+        os.makedirs(place, exist_ok=True)
+    if full and not os.path.exists("/etc/postfix/main.cf"):
+        # The package makes none if it was told to.
+        with open("/etc/postfix/main.cf", "w", encoding="ascii") as settings:
+            settings.write("compatibility_level = 3.6\nmyhostname = destination.test\nmydestination = $myhostname\n")
+    if full:
+        # nginx has port 80, as on the source host.
+        with open("/etc/apache2/ports.conf", "w", encoding="ascii") as settings:
+            settings.write("Listen 8080\n")
+    with contextlib.ExitStack() as running:
+        if full:
+            import server_dumps  # pylint: disable=import-outside-toplevel
+            running.enter_context(server_dumps.server("mysql", "/mnt/mariadb"))
+            running.enter_context(server_dumps.server("postgresql", "/mnt/postgresql"))
+        print("ready", flush=True)
+        sys.stdin.buffer.read()
+
+
+if __name__ == "__main__":
+    run_host("--full" in sys.argv)
