@@ -33,7 +33,8 @@ def why_not(path: str) -> str:
         return f"{place} itself is the system's"
     if parts[0] == "var" and len(parts) > 1 and parts[1] not in _SYSTEM_IN_VAR:
         return ""
-    return f"{place} is in a directory of the system" if parts[0] in _SYSTEM else ""
+    is_systems = parts[0] in _SYSTEM or parts[0].startswith(".")
+    return f"{place} is in a directory of the system" if is_systems else ""
 
 
 def why_not_owners(path: str, accounts: Collection[str]) -> str:

@@ -10,6 +10,9 @@ import re
 NAME = re.compile(r"[A-Za-z0-9_][A-Za-z0-9_.-]*\.(?:service|timer)")
 LARGEST = 64 << 10
 
+# What systemd passes over around names and values. Other blanks of Unicode are part of a name that it does not know.
+_BLANKS = " \t"
+
 _TIME = r"[0-9A-Za-z .:,/*~-]+"
 _SPAN = r"[0-9]+(?:\.[0-9]+)? ?[a-z]*(?: [0-9]+ ?[a-z]+)*|infinity"
 _YES_OR_NO = r"yes|no|true|false|on|off|1|0"
@@ -59,7 +62,7 @@ def _objection_to_lines(name: str, text: str, account: str, group: str) -> str:
     users: set[str] = set()
     section = ""
     for number, line in enumerate(text.split("\n"), 1):
-        stripped = line.strip(" \t")
+        stripped = line.strip(_BLANKS)
         if stripped.endswith("\\"):
             return f"line {number} goes on in the next one"
         if not stripped or stripped[0] in "#;":
@@ -68,7 +71,7 @@ def _objection_to_lines(name: str, text: str, account: str, group: str) -> str:
             section = stripped[1:-1]
             against = _against_section(section, name)
         else:
-            key, _, value = (part.strip() for part in stripped.partition("="))
+            key, _, value = (part.strip(_BLANKS) for part in stripped.partition("="))
             against = _against(section, stripped) or _against_names(key, value, name, group)
             users |= {value} if key == "User" else set()
         if against:
@@ -93,7 +96,7 @@ def _against_names(key: str, value: str, name: str, group: str) -> str:
 
 def _against(section: str, line: str) -> str:
     key, is_setting, value = line.partition("=")
-    key, value = key.strip(), value.strip()
+    key, value = key.strip(_BLANKS), value.strip(_BLANKS)
     form = ALLOWED.get(section, {}).get(key)
     if not is_setting or form is None:
         return f"has {key[:40]}, which is not among what is installed"

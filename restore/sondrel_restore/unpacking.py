@@ -285,7 +285,8 @@ class _Tree:
 
     def _enter_one(self, parts: list[str]) -> int | None:
         path, name, parent = "/" + "/".join(parts), parts[-1], self._trail[-1][1]
-        for _ in range(2):
+        # Something else in its place goes, it is made, and then opened.
+        for _ in range(3):
             try:
                 descriptor = os.open(name, _DIRECTORY, dir_fd=parent)
                 self._directories.setdefault(path, None)
@@ -325,6 +326,10 @@ class _Tree:
                 os.fchmod(descriptor, 0o755)
             return
         about = os.fstat(descriptor)
+        if not self._is_made_by_us(path):
+            # What is in it may be another one's, who would lose it with the directory.
+            self.notes.add("has the owner and mode that it had here", path)
+            return
         uid = self._owners.user(member.user, member.uid)
         gid = self._owners.group(member.group, member.gid)
         if (about.st_uid, about.st_gid) != (uid, gid):
@@ -337,6 +342,10 @@ class _Tree:
         self._set_attributes(descriptor, member)
         if os.fstat(descriptor).st_mtime_ns != member.mtime:
             os.utime(descriptor, ns=(member.mtime, member.mtime))
+
+    def _is_made_by_us(self, path: str) -> bool:
+        return (path in self._fresh or path in self._old or path in self._begun or components(path) in self._roots
+                or self._restore.decisions.replace(self._identifier))
 
     # --- files and links ---
 
@@ -387,7 +396,7 @@ class _Tree:
         """Returns whether it was made."""
         if member.kind == "link":
             os.symlink(member.target, name, dir_fd=directory)
-            os.chown(name, made.uid, made.gid, dir_fd=directory, follow_symlinks=False)
+            _own_link(name, directory, made)
             os.utime(name, ns=(member.mtime, member.mtime), dir_fd=directory, follow_symlinks=False)
             return True
         if member.kind == "hard link":
@@ -471,6 +480,19 @@ class _Tree:
             if what:
                 self.notes.add(f"kept, although the source host does not have it any more, since it {what}", path)
                 self._new.add(made)
+
+
+def _own_link(name: str, directory: int, made: Made) -> None:
+    """Gives a link that was just made to its owner, who may have put something else in its place meanwhile."""
+    descriptor = os.open(name, os.O_PATH | os.O_NOFOLLOW | os.O_CLOEXEC, dir_fd=directory)
+    try:
+        about = os.fstat(descriptor)
+        if not stat.S_ISLNK(about.st_mode) or about.st_uid != os.geteuid():
+            raise RestoreError(f"{made.path} is changed by something else at the same time")
+        # Not by its name: of the very link that was looked at.
+        os.chown(f"/proc/self/fd/{descriptor}", made.uid, made.gid)
+    finally:
+        os.close(descriptor)
 
 
 def _about(name: str, directory: int) -> os.stat_result | None:

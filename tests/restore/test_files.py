@@ -7,6 +7,7 @@ import tarfile
 import pytest
 from destination import snapshot
 from made_session import Member, made_of
+from sondrel_restore.accepted import why_not
 
 OWNER = {"uname": "alice", "gname": "alice", "uid": 30001, "gid": 30001}
 
@@ -215,6 +216,44 @@ def test_takes_no_root_that_is_not_the_owners(session, root):
     site(session, file(member), root=root)
     session.run("apply")
     assert not os.path.lexists(f"{root}/x")
+
+
+def test_knows_places_of_the_system():
+    assert all(map(why_not, ("/.ssh", "/.autorelabel", "/etc", "/", "/home", "/var/lib/x", "/a/../etc", "relative")))
+    assert not why_not("/srv/a") and not why_not("/var/www") and not why_not("/sites/a")
+
+
+def test_a_later_fetch_takes_no_directory_of_this_host_over(session):
+    """A second site whose root is above that of the first, where there are others that no apply has made."""
+    site(session, directory("./srv/www/alice"), file("./srv/www/alice/index.php"), root="/srv/www/alice")
+    os.makedirs("/srv/www/here")
+    session.run("apply", check=0)
+    above = session.content("site", "content/sites/above.test.tar.gz", made_of(
+        directory("./srv/www"), directory("./srv/www/here", mode=0o777), file("./srv/www/here/evil.php")))
+    session.add_site(session.tree.find("client"), "above.test", "/srv/www", above)
+    assert "--replace=files:sites/above.test" in session.run("plan", check=3).stdout
+    session.run("apply", check=3)
+    assert os.stat("/srv/www/here").st_uid == 0 and os.listdir("/srv/www/here") == []
+
+
+def test_what_is_here_of_a_site_is_not_the_sites_if_there_is_more(session):
+    """One page that is the same does not make a directory of this host one that may be served."""
+    os.makedirs("/srv/www/here")
+    for name in ("index.html", "configuration.php"):
+        with open(f"/srv/www/here/{name}", "w", encoding="ascii") as out:
+            out.write("text\n")
+    site(session, directory("./srv/www/here"), file("./srv/www/here/index.html"), root="/srv/www/here")
+    assert "--replace=files:sites/shop.test" in session.run("plan", check=3).stdout
+
+
+def test_keeps_a_directory_that_was_made_here_meanwhile_as_it_is(session):
+    site(session, *usual())
+    session.run("apply", check=0)
+    os.mkdir("/home/alice/shop/mine", 0o700)
+    renewed(session, *usual(), directory("./home/alice/shop/mine", mode=0o777))
+    assert "has the owner and mode that it had here" in session.run("apply", check=0).stdout
+    about = os.stat("/home/alice/shop/mine")
+    assert (about.st_uid, stat.S_IMODE(about.st_mode)) == (0, 0o700)
 
 
 def test_follows_no_link_that_an_account_has_made_here(session):

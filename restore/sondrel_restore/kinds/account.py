@@ -1,13 +1,15 @@
 """Accounts of persons, with a locked password. Those of the system and of services are matched by name only."""
 from __future__ import annotations
 
+import glob
+import grp
 import os
 import pwd
 import re
 import stat
 from collections.abc import Iterator
 
-from sondrel_restore.accepted import why_not, why_not_owners
+from sondrel_restore.accepted import is_vacant, why_not, why_not_owners
 from sondrel_restore.description import Account as Described
 from sondrel_restore.host import account_of, group_of
 from sondrel_restore.hostfiles import make_directories, missing_directories, open_directory
@@ -36,7 +38,9 @@ class AccountKind(Kind):
         for account in restore.description.accounts.values():
             here = restore.decisions.account_here(account.name)
             if account.system or account.uid == 0:
-                if account_of(here):
+                # The description may call a person's account one of the system: it would be taken without a question.
+                known = account_of(here)
+                if known and (not _FIRST <= known.pw_uid <= _LAST or account.name in restore.decisions.accounts):
                     restore.offer("account", account.name, here)
                 continue
             state, says, decisions = _state(restore, account, here)
@@ -124,11 +128,41 @@ def _state(restore: Restore, account: Described, here: str) -> tuple[State, str,
         return State.KEPT, f"has the number {present.pw_uid} and the home {present.pw_dir} since", ()
     if not _FIRST <= present.pw_uid <= _LAST:
         return State.IMPOSSIBLE, f"{here} is an account of the system here: choose one by --map-account=THERE:HERE", ()
-    if is_mapped or (present.pw_uid, present.pw_dir) == (account.uid, account.home):
+    if is_mapped:
         return State.SAME, f"here with the number {present.pw_uid}", ()
+    if (present.pw_uid, present.pw_dir) == (account.uid, account.home):
+        has = _what_it_has(present)
+        if not has:
+            return State.SAME, f"here with the number {present.pw_uid}", ()
+        return (State.CONFLICT, f"an account {here} with the same number and home is here, and {has}, which what is"
+                " restored would have, too", (f"--map-account={account.name}:{here}",
+                                              f"--map-account={account.name}:NEW-NAME", f"--skip={identifier}"))
     return (State.CONFLICT, f"an account {here} with the number {present.pw_uid} and the home {present.pw_dir} is here;"
             f" there it has {account.uid} and {account.home}",
             (f"--map-account={account.name}:{here}", f"--map-account={account.name}:NEW-NAME", f"--skip={identifier}"))
+
+
+def _what_it_has(account: pwd.struct_passwd) -> str:
+    """What whoever runs programs as an account of this host would get; "" for one that has nothing yet."""
+    groups = [group.gr_name for group in grp.getgrall()
+              if account.pw_name in group.gr_mem and group.gr_gid != account.pw_gid]
+    if groups:
+        return f"is in the group {', '.join(sorted(groups))}"
+    if any(_names(path, account.pw_name) for path in ("/etc/sudoers", *sorted(glob.glob("/etc/sudoers.d/*")))):
+        return "is named by /etc/sudoers"
+    try:
+        return "" if is_vacant(account.pw_dir) else f"has files in {account.pw_dir}"
+    except RestoreError as error:
+        return str(error)
+
+
+def _names(path: str, account: str) -> bool:
+    try:
+        with open(path, encoding="utf-8", errors="replace") as file:
+            text = file.read()
+    except FileNotFoundError:
+        return False
+    return re.search(rf"^[^#]*(?<![\w.-]){re.escape(account)}(?![\w.-])", text, re.MULTILINE) is not None
 
 
 def _made_says(account: Described, here: str) -> str:
@@ -184,13 +218,18 @@ def _join_groups(restore: Restore, account: Described, here: str) -> list[str]:
         if account.name not in group.members:
             continue
         there = group_of(str(restore.offered("group").get(group.name, "")))
-        if there is None or not _FIRST <= there.gr_gid <= _LAST:
+        # What a group that was here before may do nobody has given to the source host.
+        if there is None or not _FIRST <= there.gr_gid <= _LAST or not _is_of_restore(restore, group.name):
             restore.name(f"account:{account.name}", f"is not in the group {group.name} here: add it, if it is to be,"
                          f" by usermod --append --groups {group.name} {here}")
         elif here not in there.gr_mem:
             restore.host.run(["usermod", "--append", "--groups", there.gr_name, here])
             joined.append(there.gr_name)
     return joined
+
+
+def _is_of_restore(restore: Restore, group: str) -> bool:
+    return restore.journal.entry(f"group:{group}") is not None or group in restore.decisions.accounts
 
 
 def _make_home(restore: Restore, identifier: str, account: pwd.struct_passwd) -> list[str]:

@@ -1,6 +1,7 @@
 """Sites of Apache: a file of virtual hosts for each, with what they use, from the blocks of the description."""
 from __future__ import annotations
 
+import fnmatch
 import glob
 import os
 import re
@@ -46,24 +47,28 @@ class Apache(site_kind.SiteKind):
     def __init__(self) -> None:
         super().__init__()
         self._served: dict[str, set[str]] = {}
+        self._at: dict[str, set[str]] = {}
         self._refusal = ""
         self._listens: frozenset[str] = frozenset()
         self._own_sites: list[str] = []
 
     def look(self, restore: Restore) -> None:
-        self._served, self._refusal, self._listens = {}, "", frozenset()
+        self._served, self._at, self._refusal, self._listens = {}, {}, "", frozenset()
         self._own_sites = own_sites(restore)
         if not restore.host.has_program("apache2ctl"):
             return
         told = restore.host.run(["apache2ctl", "-t", "-D", "DUMP_VHOSTS"], check=False)
         if told.status != 0:
             self._refusal = f"Apache refuses the configuration that it has here: {_error_of(told.stderr)}"
-        file = ""
+        file = at = ""
         for line in told.stdout.splitlines():
+            address = re.match(r"(\S+:\S+)\s", line)
+            at = address[1] if address else at
             named = re.search(r"(?:namevhost|^\S+:\S+) +(\S+) +\((/[^)]*):[0-9]+\)", line)
             alias = re.search(r"^ +(?:wild )?alias (\S+)", line)
             if named:
                 file = named[2]
+                self._at.setdefault(at, set()).add(file)
             if (named or alias) and file:
                 self._served.setdefault((named or alias)[1].lower(), set()).add(file)  # type: ignore[index]
         self._listens = frozenset(_listens_here())
@@ -82,7 +87,8 @@ class Apache(site_kind.SiteKind):
                     rules = ApacheRules(
                         judge, roots=apache_rules.roots_of(judge, block.directive), addresses=self.addresses,
                         balancers=frozenset(use.args[0].partition("//")[2] for use in block.uses
-                                            if use.name == "proxy" and use.args), has_php=bool(_php_modules()))
+                                            if use.name == "proxy" and use.args), has_php=bool(_php_modules()),
+                        php=_php_of(site))
                     hosts.append(rules.virtual_host(block.directive, block.uses))
             text = for_apache(hosts)
             shown = "".join(_shown(left.directive) for left in judge.left_out)
@@ -96,22 +102,28 @@ class Apache(site_kind.SiteKind):
             made_links[f"{_DIRECTORY}/conf-enabled/{os.path.basename(each)}"] = (
                 f"../conf-available/{os.path.basename(each)}")
         made_links.update(self._module_links(hosts))
-        conflict, disables = self._conflict(restore, site, {path, link}, _ports(hosts))
+        conflict, disables = self._conflict(restore, site, {path, link}, hosts)
         return self.whole(site, judge, blocks, files, made_links, shown, conflict, disables, self._refusal)
 
+    @staticmethod
+    def meets(name: str, here: str) -> bool:
+        """Apache asks the first of its files that has a name or a pattern for it."""
+        return fnmatch.fnmatchcase(here, name) or fnmatch.fnmatchcase(name, here)
+
     def _conflict(self, restore: Restore, site: Site, own: set[str],
-                  ports: frozenset[int]) -> tuple[str, frozenset[str]]:
-        for name in site.names:
-            others = self._served.get(name, set()) - own - self.made
-            if others:
-                return f"{name} is served here already by {', '.join(sorted(others))}", frozenset(
-                    file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
-        php = site.element.find("php")
-        if php is not None and php.get("handler") == "module" and self._own_sites \
+                  hosts: list[Directive]) -> tuple[str, frozenset[str]]:
+        name, others = self.taken_name((*site.names, *_server_names(hosts)), self._served, own)
+        if others:
+            return f"{name} is served here already by {', '.join(sorted(others))}", frozenset(
+                file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
+        taken = self.taken_address((arg for host in hosts for arg in host.args), self._at, own)
+        if taken:
+            return taken, frozenset()
+        if _php_of(site) == "module" and self._own_sites \
                 and not restore.decisions.trust_configuration:
             return ("its PHP runs as the web server, as this host's own sites do "
                     f"({', '.join(self._own_sites[:3])}), and could change them"), frozenset()
-        return self.port_conflict(ports), frozenset()
+        return self.port_conflict(_ports(hosts)), frozenset()
 
     def _listen_files(self, hosts: Iterable[Directive]) -> dict[str, bytes]:
         """A file for each port that Apache does not listen at yet; several sites may have one."""
@@ -137,15 +149,13 @@ class Apache(site_kind.SiteKind):
     def missing(self, restore: Restore) -> Iterator[Missing]:
         yield from super().missing(restore)
         for site in self.chosen(restore):
-            php = site.element.find("php")
-            if php is not None and php.get("handler") == "module" and not _php_modules():
+            if _php_of(site) == "module" and not _php_modules():
                 yield Missing("libapache2-mod-php", "PHP is a module of Apache")
                 return
 
     def apply(self, restore: Restore, item: Item) -> dict[str, object]:
         site = [each for each in self.chosen(restore) if each.domain.name == item.name][0]
-        php = site.element.find("php")
-        if php is not None and php.get("handler") == "module" and not _php_modules():
+        if _php_of(site) == "module" and not _php_modules():
             raise RestoreError("PHP is no module of Apache here, and its programs would be sent as text: install "
                                "libapache2-mod-php, or use --install")
         return super().apply(restore, item)
@@ -163,6 +173,21 @@ def _shown(directive: Directive) -> str:
         return for_apache([directive])
     except RestoreError:
         return ""
+
+
+def _php_of(site: Site) -> str:
+    """How the site's PHP was run; empty where it had none."""
+    php = site.element.find("php")
+    return "" if php is None else str(php.get("handler") or "other")
+
+
+def _server_names(hosts: Iterable[Directive]) -> Iterator[str]:
+    """What the virtual hosts are for, which need not be what the description says."""
+    for host in hosts:
+        for each in host.block or ():
+            if each.name in ("servername", "serveralias"):
+                for name in apache_rest(each).replace('"', "").split():
+                    yield re.sub(r"\A[a-z]+://|:[0-9]+\Z", "", name.lower())
 
 
 def _ports(hosts: Iterable[Directive]) -> frozenset[int]:

@@ -8,7 +8,6 @@ from collections.abc import Iterator
 
 from sondrel_restore.accepted import existing_part, is_vacant, why_not, why_not_owners
 from sondrel_restore.description import Element, is_below
-from sondrel_restore.host import account_of
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing, State
 from sondrel_restore.restore import Restore
@@ -149,16 +148,17 @@ def _take_roots(restore: Restore, archived: _Archived, paths: list[str], account
         why = why_not(path) or why_not_owners(path, here)
         if not why:
             archived.roots.add(path)
-        elif not any(is_below(path, other) for other in _OF_OTHER_KINDS if path.startswith("/")):
+        elif ".." in path.split("/") or not any(
+                is_below(path, other) for other in _OF_OTHER_KINDS if path.startswith("/")):
             archived.refused[path] = why
 
 
 def _state(restore: Restore, archived: _Archived, identifier: str) -> tuple[State, str, tuple[str, ...]]:
     owner = restore.decisions.account_here(archived.owner)
     entry = restore.journal.entry(identifier)
-    if account_of(owner) is None and archived.owner not in restore.offered("account"):
-        return State.IMPOSSIBLE, (f"it belongs to {archived.owner}, and there will be no account {owner} here: "
-                                  f"make one, or name one by --map-account={archived.owner}:NAME"), ()
+    if archived.owner not in restore.offered("account"):
+        return State.IMPOSSIBLE, (f"it belongs to {archived.owner}, and {owner} is no account of this restore: "
+                                  f"name one by --map-account={archived.owner}:NAME"), ()
     size = f"{int(archived.content.get('unpacked')):,} bytes in {', '.join(sorted(archived.roots))}"
     if entry is not None and entry.state == "done":
         if entry.facts.get("source") == _source(archived, owner):
@@ -176,21 +176,29 @@ def _state(restore: Restore, archived: _Archived, identifier: str) -> tuple[Stat
 
 
 def _is_here(restore: Restore, archived: _Archived, identifier: str) -> bool:
-    """Whether all of it is here already, as the pages that packages of servers bring are on both hosts."""
+    """Whether all of it is here already and nothing else, as the pages that packages bring are on both hosts.
+
+    What else is there would become the site's, which could have it sent to visitors.
+    """
     if int(archived.content.get("unpacked")) > _LARGEST_COMPARED:
         return False
-    findings = verify_unpacked(restore, identifier, [restore.archive(archived.content)], archived.roots)
+    archive = restore.archive(archived.content)
+    here = {f"{place}/{name}" for root in archived.roots for place, folders, files in os.walk(root)
+            for name in folders + files}
+    if not here <= archive.names():
+        return False
+    findings = verify_unpacked(restore, identifier, [archive], archived.roots)
     return all(finding.is_same for finding in findings)
 
 
 def _is_ours(restore: Restore, root: str) -> bool:
-    """Whether an apply has made it, or what is in it."""
+    """Whether an apply has made it, or all that is in it."""
+    made: set[str] = set()
     for entry in restore.journal.entries("files"):
         before = entry.facts.get("before", {})
-        if isinstance(before, dict) and any(was is None and (path == root or path.startswith(root + "/"))
-                                            for path, was in before.items()):
-            return True
-    return False
+        assert isinstance(before, dict)
+        made |= {path for path, was in before.items() if was is None}
+    return any(is_below(root, path) for path in made) or {f"{root}/{name}" for name in os.listdir(root)} <= made
 
 
 KINDS = (FilesKind,)

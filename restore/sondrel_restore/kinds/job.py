@@ -21,8 +21,8 @@ from sondrel_restore.unit_files import objection, with_account
 SPOOLS = ("/var/spool/cron/crontabs/", "/var/spool/cron/")
 UNIT_DIRECTORY = "/etc/systemd/system"
 # Where else a unit of this name may lie: one in /etc would take its place.
-UNIT_DIRECTORIES = (UNIT_DIRECTORY, "/run/systemd/system", "/usr/local/lib/systemd/system",
-                    "/usr/lib/systemd/system", "/lib/systemd/system")
+UNIT_DIRECTORIES = (UNIT_DIRECTORY, "/run/systemd/system", "/run/systemd/generator", "/run/systemd/generator.late",
+                    "/usr/local/lib/systemd/system", "/usr/lib/systemd/system", "/lib/systemd/system")
 # Before each line of a table that is switched off.
 OFF = "#switched-off-by-sondrel-restore: "
 LARGEST_TABLE = 256 << 10
@@ -190,11 +190,22 @@ def _refused_unit(restore: Restore, client: Client, element: Element, content: E
     if against:
         return against
     if name.endswith(".timer"):
-        service = name.removesuffix(".timer") + ".service"
-        if not any(other.get("name") == service and other.get("drop-in") == "no"
-                   for other in client.element.iterfind("unit")):
-            return f"{service}, which it starts, is none of the account's"
+        return _refused_service(restore, client, name.removesuffix(".timer") + ".service", content)
     return ""
+
+
+def _refused_service(restore: Restore, client: Client, service: str, content: Element) -> str:
+    """Why a timer may not start the service: one of this host would run as root, at the time of the timer."""
+    found = next((other for other in client.element.iterfind("unit")
+                  if other.get("name") == service and other.get("drop-in") == "no"
+                  and other.get("file") == f"{UNIT_DIRECTORY}/{service}"), None)
+    if found is None:
+        return f"{service}, which it starts, is none of the account's"
+    entry = restore.journal.entry(f"job:unit:{UNIT_DIRECTORY}/{service}")
+    if _is_of_this_host(service) and (entry is None or not entry.facts):
+        return f"{service}, which it would start, is a unit of this host"
+    against = _refused_unit(restore, client, found, content)
+    return f"{service}, which it starts, is not installed: {against}" if against else ""
 
 
 def _planned(restore: Restore, name: str, clients: frozenset[str], data: Table | Unit, what: str) -> Item:

@@ -280,7 +280,7 @@ class MailDomain(Kind):
 
 def _domain_item(restore: Restore, service: MailService, domain: Domain, passwords: dict[str, str]) -> Item:
     identifier = f"mail:{domain.name}"
-    tables = _tables(restore, domain, passwords)
+    tables = _tables(restore, service, domain, passwords)
     entry = restore.journal.entry(identifier)
     state, says = State.MAKE, f"mail for {domain.name}: {len(tables.aliases)} aliases, {len(tables.users)} mailboxes"
     decisions: tuple[str, ...] = ()
@@ -298,10 +298,11 @@ def _domain_item(restore: Restore, service: MailService, domain: Domain, passwor
                 frozenset(filter(None, [domain.client])), tables)
 
 
-def _tables(restore: Restore, domain: Domain, passwords: dict[str, str]) -> Tables:
+def _tables(restore: Restore, service: MailService, domain: Domain, passwords: dict[str, str]) -> Tables:
     """What of a domain may go in, and what is refused."""
     refused: list[str] = []
-    own = {domain.name.lower(), *(name.lower() for name in domain.names)}
+    own = {domain.name.lower(), *(name.lower() for name in domain.names if not _is_mail_of_this_host(
+        service, domain, name.lower()))}
     names = {str(here) for here in restore.offered("account").values() if _is_person(str(here))}
     aliases: list[Alias] = []
     for element in domain.element.iterfind("alias"):
@@ -324,6 +325,13 @@ def _tables(restore: Restore, domain: Domain, passwords: dict[str, str]) -> Tabl
         users.append(User(address, here.path, here.format, -1, -1, here.home, here.quota,
                           passwords.get(address, "")))
     return Tables(tuple(aliases), tuple(users), tuple(refused))
+
+
+def _is_mail_of_this_host(service: MailService, domain: Domain, name: str) -> bool:
+    """Whether the addresses of a further name, which the description may have of any domain, have mail here already."""
+    has_addresses = any(str(element.get(attribute)).lower().endswith("@" + name) for path, attribute in (
+        ("alias", "from"), ("mailbox", "address")) for element in domain.element.iterfind(path))
+    return has_addresses and bool(service.taken(name))
 
 
 def _is_person(account: str) -> bool:

@@ -15,7 +15,7 @@ from sondrel_restore.web import nginx_rules, site_kind
 from sondrel_restore.web.config_kind import Candidate
 from sondrel_restore.web.directives import Directive, for_nginx, to_bytes
 from sondrel_restore.web.judge import file_name
-from sondrel_restore.web.nginx_here import NginxHere, read_here
+from sondrel_restore.web.nginx_here import NginxHere, normal_listen, read_here
 from sondrel_restore.web.nginx_rules import Names, NginxRules
 from sondrel_restore.web.service import reload_service
 from sondrel_restore.web.site_data import Block, Site
@@ -69,7 +69,7 @@ class Nginx(site_kind.SiteKind):
             log_formats=frozenset(use.args[0] for use in uses if use.name == "log_format" and use.args) | {"combined"},
             zones=frozenset(_zones(uses)), addresses=self.addresses,
             has_default=lambda address: self._claimed(address, site.domain.name, {path, link}), names=names,
-            has_http2_directive=self._release >= (1, 25, 1))
+            has_http2_directive=self._release >= (1, 25, 1), definitions=tuple(uses))
         try:
             servers = [rules.server(block.directive, _inherited(block)) for block in blocks
                        if block.directive is not None]
@@ -79,7 +79,7 @@ class Nginx(site_kind.SiteKind):
         except RestoreError as error:
             return Candidate(site.domain.name, "", {path: b""}, impossible=str(error))
         shown = for_nginx(left.directive for left in judge.left_out)
-        conflict, disables = self._conflict(site, {path, link}, nginx_rules.ports_of(servers))
+        conflict, disables = self._conflict(site, servers, {path, link})
         links = {f"{_DIRECTORY}/conf.d/{os.path.basename(each)}": f"../{os.path.basename(_DEFINITIONS)}/"
                  + os.path.basename(each) for each in definitions}
         return self.whole(
@@ -92,13 +92,13 @@ class Nginx(site_kind.SiteKind):
             return True
         return self._defaults.setdefault(address, site) != site
 
-    def _conflict(self, site: Site, own: set[str], ports: frozenset[int]) -> tuple[str, frozenset[str]]:
-        for name in site.names:
-            others = {file for file in self._here.served.get(name, set()) if file not in own and file not in self.made}
-            if others:
-                return f"{name} is served here already by {', '.join(sorted(others))}", frozenset(
-                    file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
-        return self.port_conflict(ports), frozenset()
+    def _conflict(self, site: Site, servers: list[Directive], own: set[str]) -> tuple[str, frozenset[str]]:
+        name, others = self.taken_name((*site.names, *_server_names(servers)), self._here.served, own)
+        if others:
+            return f"{name} is served here already by {', '.join(sorted(others))}", frozenset(
+                file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
+        taken = self.taken_address(_listens(servers), self._here.listens, own)
+        return taken or self.port_conflict(nginx_rules.ports_of(servers)), frozenset()
 
     def _new_names(self, uses: Iterable[Directive]) -> Names:
         """New names for definitions whose names something else here has."""
@@ -133,6 +133,25 @@ class Nginx(site_kind.SiteKind):
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
         os.makedirs("/var/cache/nginx", mode=0o755, exist_ok=True)
         reload_service(restore.host, "nginx", "/run/nginx.pid", "nginx", signal.SIGHUP)
+
+
+def _server_names(servers: Iterable[Directive]) -> Iterator[str]:
+    """What the blocks are for, which need not be what the description says."""
+    for server in servers:
+        for each in server.block or ():
+            for name in each.args if each.name == "server_name" else ():
+                # As Debian's default server is called, and as several may be.
+                if name.lower() not in ("_", "", "localhost"):
+                    yield name.lower()
+                if name.startswith("."):
+                    yield name[1:].lower()
+
+
+def _listens(servers: Iterable[Directive]) -> Iterator[str]:
+    for server in servers:
+        for each in server.block or ():
+            if each.name == "listen" and each.args:
+                yield normal_listen(each.args[0])
 
 
 def _zones(uses: Iterable[Directive]) -> Iterator[str]:

@@ -31,7 +31,7 @@ PLAIN = frozenset("""
     proxyerroroverride proxypassreverse proxypassreversecookiedomain proxypassreversecookiepath proxypreservehost
     proxytimeout proxyvia redirect redirectmatch redirectpermanent redirecttemp referrerpolicy removecharset
     removeencoding removehandler removetype requestheader requestreadtimeout require rewritebase rewritecond
-    rewriteengine rewriteoptions satisfy serveradmin serveralias servername serversignature setenvifexpr
+    rewriteengine rewriteoptions satisfy serveradmin serveralias servername serversignature
     sslciphersuite sslcompression sslengine sslhonorcipherorder ssloptions sslprotocol sslproxycheckpeercn
     sslproxycheckpeerexpire sslproxycheckpeername sslproxyengine sslproxyprotocol sslproxyverify
     sslproxyverifydepth sslsessiontickets sslstrictsnivhostcheck sslverifyclient sslverifydepth timeout
@@ -57,6 +57,8 @@ _OPTIONS = {"indexes": "Indexes", "followsymlinks": "FollowSymLinks", "symlinksi
             "includes": "IncludesNOEXEC"}
 _FILTERS = frozenset(("deflate", "brotli_compress", "substitute", "ratelimit", "inflate"))
 
+_PROXY_OPTION = re.compile(r"[A-Za-z]+=.*|nocanon|interpolate|noquery|upgrade", re.IGNORECASE | re.DOTALL)
+
 # A handler at which nothing answers, in the place of one that does not go in: files of programs are not sent as text.
 _NO_HANDLER = "proxy:fcgi://127.0.0.1:1"
 
@@ -66,7 +68,8 @@ class ApacheRules:
     """Makes of a virtual host of the source host one that goes in here, with the definitions that it uses.
 
     `roots` are the directories that the site serves, as its DocumentRoot and aliases say; `balancers` the names of
-    groups of servers that go in with it. `addresses` are this host's own. `has_php` tells whether PHP is a module here.
+    groups of servers that go in with it. `addresses` are this host's own. `has_php` tells whether PHP is a module here,
+    `php` how the site's PHP was run ("module", "fpm"), empty where it had none.
     """
 
     judge: Judge
@@ -74,6 +77,7 @@ class ApacheRules:
     balancers: frozenset[str]
     addresses: frozenset[str]
     has_php: bool
+    php: str = "module"
 
     def virtual_host(self, block: Directive, uses: Iterable[Directive]) -> Directive:
         """The virtual host; definitions are put into it, so that their names meet no others of this host."""
@@ -82,8 +86,18 @@ class ApacheRules:
             inner += self._narrowed(use) if use.name == "directory" else self._taken_or_instead(use)
         for directive in block.block or ():
             inner += self._taken_or_instead(directive)
+        if self.has_php and self.php != "module" and not self.judge.trust:
+            inner += self._without_module(block)
         at = tuple(self._address(arg) for arg in block.args)
         return dataclasses.replace(block, args=at, raw=None, block=tuple(inner))
+
+    def _without_module(self, block: Directive) -> list[Directive]:
+        """PHP as a module runs the programs of all virtual hosts, as the web server, unless one says otherwise."""
+        off = _made(block, "ifmodule", "php_module", _made(block, "php_admin_flag", "engine off"))
+        if self.php or any(each.name in ("sethandler", "addhandler") for each in block.within()):
+            return [off]
+        self.judge.changed.append("programs in PHP are refused, since it had no PHP on the source host")
+        return [off, _made(block, "filesmatch", r'"\.ph(?:ar|p|tml)$"', _made(block, "require", "all denied"))]
 
     def _address(self, arg: str) -> str:
         host, colon, port = arg.rpartition(":")
@@ -190,7 +204,8 @@ class ApacheRules:
         return (self.judge.own_file(args[0]),)
 
     def check_pass(self, name: str, args: tuple[str, ...]) -> tuple[str, ...]:
-        place = 0 if name == "balancermember" or "://" in args[0] or args[0] == "!" else 1
+        # In a location there is no path before it. A path may look like an address: what counts is what follows it.
+        place = 0 if name == "balancermember" or all(_PROXY_OPTION.fullmatch(arg) for arg in args[1:]) else 1
         if place >= len(args):
             raise Refused("it has no address")
         return (*args[:place], self._target(args[place]), *args[place + 1:])
@@ -301,7 +316,7 @@ class ApacheRules:
         raise Refused(f"a map of the kind {kind or 'none'} may run a program as root")
 
     def check_variable(self, name: str, args: tuple[str, ...]) -> tuple[str, ...]:
-        first = {"setenv": 0, "browsermatch": 1, "browsermatchnocase": 1}.get(name, 2)
+        first = {"setenv": 0, "browsermatch": 1, "browsermatchnocase": 1, "setenvifexpr": 1}.get(name, 2)
         for each in args[first:first + 1] if name == "setenv" else args[first:]:
             if _VARIABLES_OUT.fullmatch(each.lstrip("!").partition("=")[0]):
                 raise Refused(f"the variable {each} steers programs")
@@ -335,7 +350,7 @@ _CHECKS: Mapping[str, Callable[[ApacheRules, str, tuple[str, ...]], tuple[str, .
     "options": ApacheRules.check_options, "allowoverride": ApacheRules.check_override,
     "rewriterule": ApacheRules.check_rewrite, "rewritemap": ApacheRules.check_map,
     **{name: ApacheRules.check_variable for name in (
-        "setenv", "setenvif", "setenvifnocase", "browsermatch", "browsermatchnocase")},
+        "setenv", "setenvif", "setenvifexpr", "setenvifnocase", "browsermatch", "browsermatchnocase")},
     **{name: ApacheRules.check_filter for name in ("setoutputfilter", "addoutputfilter", "addoutputfilterbytype")},
     **{name: ApacheRules.check_word for name in ("proxyrequests", "authbasicprovider", "authdigestprovider")},
     "headername": ApacheRules.check_name, "readmename": ApacheRules.check_name,
@@ -349,6 +364,11 @@ def _instead_of(directive: Directive) -> list[Directive]:
     if directive.name in _GUARDS:
         return [dataclasses.replace(_written(directive, ("all", "denied")), name="require", block=None)]
     return []
+
+
+def _made(near: Directive, name: str, rest: str, *inner: Directive) -> Directive:
+    """A directive that the source host does not have."""
+    return Directive(name, (), near.file, near.line, raw=rest, block=inner or None)
 
 
 def _written(directive: Directive, args: tuple[str, ...]) -> Directive:

@@ -72,7 +72,8 @@ class Judge:
 
     `sockets` are addresses of pools on the source host with the socket here, `files` certificates and other files
     of the source host with the path here, `ports` those that restored sites listen at, `accounts` the accounts of
-    this restore here. `left_out` collects what did not go in, `changed` what went in otherwise than it was.
+    this restore here, `addresses` are this host's own. `left_out` collects what did not go in, `changed` what went in
+    otherwise than it was.
     """
 
     site: str
@@ -87,6 +88,7 @@ class Judge:
     resolve: Callable[[str], list[str]] = dataclasses.field(default_factory=lambda: addresses_of)
     left_out: list[LeftOut] = dataclasses.field(default_factory=list)
     changed: list[str] = dataclasses.field(default_factory=list)
+    addresses: frozenset[str] = frozenset()
 
     def leave_out(self, directive: Directive, why: str) -> None:
         """Remembers what does not go in."""
@@ -147,7 +149,7 @@ class Judge:
             return self._unix(address)
         host, port = _split(address)
         for each in self._addresses(host):
-            if each.is_loopback or each.is_unspecified:
+            if each.is_loopback or each.is_unspecified or str(each) in self.addresses:
                 self._check_own_port(port or 80, address)
             elif not each.is_global or each.is_multicast:
                 raise Refused(f"{address} is in no public network: the new host may have another neighbour there")

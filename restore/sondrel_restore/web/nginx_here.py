@@ -12,10 +12,11 @@ _TOKEN = re.compile(r"""\s+|\#[^\n]*|(?P<mark>[;{}])|"(?P<double>(?:[^"\\]|\\.)*
 
 @dataclasses.dataclass
 class NginxHere:
-    """Names with the file that has them. `defaults` are "address:port" of default servers."""
+    """Names with the file that has them. `defaults` are "address:port" of default servers, `listens` of all."""
 
     served: dict[str, set[str]] = dataclasses.field(default_factory=dict)
     defaults: dict[str, set[str]] = dataclasses.field(default_factory=dict)
+    listens: dict[str, set[str]] = dataclasses.field(default_factory=dict)
     upstreams: dict[str, str] = dataclasses.field(default_factory=dict)
     variables: dict[str, str] = dataclasses.field(default_factory=dict)
     formats: dict[str, str] = dataclasses.field(default_factory=dict)
@@ -27,8 +28,10 @@ class NginxHere:
         if name == "server_name":
             for each in args:
                 self.served.setdefault(each.lower(), set()).add(file)
-        elif name == "listen" and {"default_server", "default"} & set(args[1:]):
-            self.defaults.setdefault(normal_listen(args[0]), set()).add(file)
+        elif name == "listen" and args:
+            self.listens.setdefault(normal_listen(args[0]), set()).add(file)
+            if {"default_server", "default"} & set(args[1:]):
+                self.defaults.setdefault(normal_listen(args[0]), set()).add(file)
         elif name == "upstream" and args:
             self.upstreams[args[0]] = file
         elif name == "log_format" and args:

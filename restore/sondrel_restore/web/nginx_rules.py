@@ -9,6 +9,7 @@ import ipaddress
 import re
 from collections.abc import Callable, Iterable, Mapping
 
+from sondrel_restore.web import nginx_paths
 from sondrel_restore.web.directives import Directive
 from sondrel_restore.web.judge import Judge, Refused, file_name
 from sondrel_restore.web.php_settings import check_setting
@@ -86,8 +87,11 @@ _GUARDS = frozenset(("allow", "deny", "auth_basic", "auth_basic_user_file", "aut
 _BLOCKS = frozenset(("location", "if", "limit_except", "types"))
 
 # Of a visitor's making, and nothing that a path may be made of.
-_TAINTED = re.compile(r"\$\{?(?:arg_\w+|args\b|query_string\b|cookie_\w+|http_(?!host\b)\w+|request_body\b)")
+_TAINTED = re.compile(r"\$\{?(?:arg_\w+|args\b|query_string\b|cookie_\w+|http_(?!host\b)\w+|request(?:_body|_uri)?\b"
+                      r"|remote_user\b|content_type\b|ssl_client_\w+|ssl_server_name\b|upstream_\w+|sent_\w+)")
 _VARIABLE = re.compile(r"\$\{?(\w+)")
+# nginx takes no name of a host with "/" or "..".
+_HOSTS = frozenset(("$host", "$http_host", "$server_name", "$scheme", "$server_port", "$request_method"))
 _SIZE = re.compile(r"[0-9]+[kKmMgG]?")
 
 _LISTEN_OPTIONS = frozenset(("ssl", "http2", "proxy_protocol", "default_server", "default"))
@@ -109,9 +113,9 @@ class Names:
 class NginxRules:
     """Makes of directives of the source host those that go in here.
 
-    `upstreams` are the groups of servers that go in with the site, by their names there. `addresses` are this
-    host's own; `has_default` says of "address:port" whether a default server is here already. `log_formats` are
-    the names of formats that go in or that every nginx has.
+    `upstreams` are the groups of servers that go in with the site, by their names there; `definitions` are all that
+    it uses. `addresses` are this host's own; `has_default` says of "address:port" whether a default server is here
+    already. `log_formats` are the names of formats that go in or that every nginx has.
     """
 
     judge: Judge
@@ -122,7 +126,10 @@ class NginxRules:
     has_default: Callable[[str], bool]
     names: Names = dataclasses.field(default_factory=Names)
     has_http2_directive: bool = False
+    definitions: tuple[Directive, ...] = ()
     _tainted: set[str] = dataclasses.field(default_factory=set)
+    # The groups of the expressions of the locations around.
+    _edges: dict[str, tuple[bool, bool]] = dataclasses.field(default_factory=dict)
 
     def server(self, block: Directive, inherited: Iterable[Directive]) -> Directive:
         """A server block as it goes in, with what it inherits on the source host."""
@@ -147,6 +154,9 @@ class NginxRules:
 
     def _definition(self, directive: Directive) -> Directive:
         name, args = directive.name, directive.args
+        # It would be written as it stands.
+        if any(each.text is not None for each in directive.within()):
+            raise Refused("it has a block in another language")
         if name in ("map", "geo", "split_clients"):
             bad = [inner for inner in directive.block or () if inner.name == "include" or inner.block is not None]
             if bad:
@@ -202,7 +212,7 @@ class NginxRules:
         if name in PLAIN:
             return [self._renamed(directive)]
         if name in _URIS:
-            self._check_uris(args)
+            self._check_uris(name, args)
             return [self._renamed(directive)]
         check = _CHECKS.get(name)
         if check is None:
@@ -215,15 +225,21 @@ class NginxRules:
         if directive.name not in _BLOCKS or directive.text is not None:
             raise Refused("this block is not among those that are taken")
         if directive.name == "types":
-            if any(inner.name == "include" or inner.block is not None for inner in directive.block or ()):
+            if any(inner.name == "include" or inner.block is not None or inner.text is not None
+                   for inner in directive.block or ()):
                 raise Refused("it includes a file")
             return directive
         if directive.name == "if":
             self._check_condition(directive.args)
         prefix = directive.args[-1] if directive.name == "location" and directive.args else ""
         is_expression = directive.args[:1] in (("~",), ("~*",))
-        return dataclasses.replace(self._renamed_args(directive),
-                                   block=self._inner(directive, "" if is_expression else prefix))
+        around = self._edges
+        self._edges = {**around, **dict(nginx_paths.groups(prefix))} if is_expression else around
+        try:
+            return dataclasses.replace(self._renamed_args(directive),
+                                       block=self._inner(directive, "" if is_expression else prefix))
+        finally:
+            self._edges = around
 
     def _check_condition(self, args: tuple[str, ...]) -> None:
         words = [word.strip("()") for word in args if word.strip("()")]
@@ -233,31 +249,64 @@ class NginxRules:
                 if not word.startswith(("$request_filename", "$document_root")):
                     self.judge.served_path(word)
 
-    def _check_uris(self, args: Iterable[str]) -> None:
+    def _check_uris(self, name: str, args: tuple[str, ...]) -> None:
+        own: nginx_paths.Edges = {}
+        if name == "auth_request_set" or name == "rewrite" and _is_redirect(args):
+            return
+        if name == "rewrite" and len(args) > 1:
+            own = dict(nginx_paths.groups(args[0]))
+            args = args[1:2]
         for arg in args:
             if ".." in arg.split("/"):
                 raise Refused(f"{arg} has \"..\"")
-            self._check_variables([arg.split("?")[0]])
+            self._check_variables([arg.split("?")[0]], own)
 
-    def _check_variables(self, args: Iterable[str]) -> None:
+    def _check_variables(self, args: Iterable[str], own: nginx_paths.Edges | None = None) -> None:
+        """`own` has the groups of a rule's own expression, which has made the numbers."""
+        own = own or {}
         for arg in args:
-            if _TAINTED.search(arg) or any(found in self._tainted for found in _VARIABLE.findall(arg)):
+            if _TAINTED.search(arg) or any(
+                    found in self._tainted and found not in own for found in _VARIABLE.findall(arg)):
                 raise Refused(f"{arg} is a path that visitors could choose")
+            if nginx_paths.leads_upwards(arg, {**self._edges, **own}):
+                raise Refused(f"{arg} is a path that could lead upwards")
 
     def _find_tainted(self, block: Directive) -> None:
-        """Variables that are made of what a visitor sends, also by way of others."""
+        """Variables that are made of what a visitor sends, also by way of others, or that could lead upwards."""
         for _ in range(10):
             before = len(self._tainted)
+            for definition in self.definitions:
+                self._find_tainted_by(definition)
             for each in block.within():
-                if each.name == "set" and len(each.args) == 2 and self._is_tainted(each.args[1]):
+                if each.name == "auth_request_set" and each.args:
                     self._tainted.add(each.args[0].lstrip("$"))
-                if each.name == "if" and any(self._is_tainted(arg) for arg in each.args[:1]):
-                    text = " ".join(each.args)
-                    self._tainted.update(re.findall(r"\(\?P?[<'](\w+)[>']", text))
-                    if re.search(r"\((?!\?)", " ".join(each.args[1:])):
-                        self._tainted.update("123456789")
+                elif each.name == "set" and len(each.args) == 2 and (
+                        self._is_tainted(each.args[1]) or _has_dots(each.args[1])
+                        or nginx_paths.leads_upwards(each.args[1], {})):
+                    self._tainted.add(each.args[0].lstrip("$"))
+                elif each.name == "if" and len(each.args) > 2:
+                    self._taint_groups(each.args[0].lstrip("("), " ".join(each.args[2:]).removesuffix(")"))
+                elif each.name == "rewrite" and each.args:
+                    self._taint_groups("$uri", each.args[0])
             if len(self._tainted) == before:
                 return
+
+    def _find_tainted_by(self, definition: Directive) -> None:
+        """A variable of a map, and the groups of its expressions: the last one that was looked at makes the numbers."""
+        if definition.name not in ("map", "geo", "split_clients") or not definition.args:
+            return
+        for value in definition.block or ():
+            if any("$" in arg or _has_dots(arg) for arg in value.args):
+                self._tainted.add(definition.args[-1].lstrip("$"))
+            if value.name.startswith("~"):
+                self._taint_groups(definition.args[0], value.name.lstrip("~*"))
+
+    def _taint_groups(self, source: str, expression: str) -> None:
+        if source in _HOSTS:
+            return
+        for name, edges in nginx_paths.groups(expression):
+            if self._is_tainted(source) or edges != (True, True):
+                self._tainted.add(name)
 
     def _is_tainted(self, text: str) -> bool:
         return bool(_TAINTED.search(text)) or any(found in self._tainted for found in _VARIABLE.findall(text))
@@ -416,6 +465,16 @@ def _instead_of(directive: Directive) -> list[Directive]:
     if directive.name in _GUARDS or directive.name.startswith("access_by") or directive.name == "auth_pam":
         return [dataclasses.replace(directive, name="deny", args=("all",), block=None, text=None)]
     return []
+
+
+def _has_dots(text: str) -> bool:
+    return not {".", ".."}.isdisjoint(text.split("/"))
+
+
+def _is_redirect(args: tuple[str, ...]) -> bool:
+    """Whether a rule answers with an address, and not with a file."""
+    return args[2:3] in (("redirect",), ("permanent",)) or (
+        re.match(r"(?:https?://|\$scheme://)", "".join(args[1:2])) is not None)
 
 
 def _target(address: str) -> tuple[str, str, str]:

@@ -7,11 +7,11 @@ import os
 from sondrel_restore.restore import Restore
 from sondrel_restore.web.config_kind import links
 
-_OF_PACKAGES = ("default", "000-default.conf", "default-ssl.conf")
+OF_PACKAGES = ("default", "000-default.conf", "default-ssl.conf")
 
 
 def own_sites(restore: Restore) -> list[str]:
     """Their files, without those that packages bring and those that apply has made."""
     made = {link for kind in ("nginx", "apache") for entry in restore.journal.entries(kind) for link in links(entry)}
     return sorted(path for path in glob.glob("/etc/nginx/sites-enabled/*") + glob.glob("/etc/apache2/sites-enabled/*")
-                  if path not in made and os.path.basename(path) not in _OF_PACKAGES)
+                  if path not in made and os.path.basename(path) not in OF_PACKAGES)

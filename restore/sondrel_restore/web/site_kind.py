@@ -4,8 +4,10 @@ out.
 from __future__ import annotations
 
 import abc
+import fnmatch
+import os
 import re
-from collections.abc import Iterator, Mapping
+from collections.abc import Iterable, Iterator, Mapping
 
 from sondrel_restore.kind import Finding, Item, Missing, State
 from sondrel_restore.restore import Restore
@@ -13,6 +15,7 @@ from sondrel_restore.web import ask
 from sondrel_restore.web.config_kind import Candidate, ConfigKind, links, sums
 from sondrel_restore.web.directives import one_line, to_bytes
 from sondrel_restore.web.judge import Judge, Trees, file_name, programs_at
+from sondrel_restore.web.own_sites import OF_PACKAGES
 from sondrel_restore.web.site_data import Block, Site, accounts_here, is_chosen, sites_of
 
 __all__ = ["SiteKind", "heading", "links", "sums"]
@@ -84,7 +87,43 @@ class SiteKind(ConfigKind):
             site=site.domain.name, trees=self._trees, sockets=restore.offered("php-socket"),
             files=files if isinstance(files, dict) else {}, ports=self._site_ports, accounts=self._accounts,
             log_directory=self.log_directory,
-            session=str(restore.session.directory), trust=restore.decisions.trust_configuration)
+            session=str(restore.session.directory), trust=restore.decisions.trust_configuration,
+            addresses=self.addresses)
+
+    def taken_name(self, names: Iterable[str], served: Mapping[str, set[str]], own: set[str]) -> tuple[str, set[str]]:
+        """The first of the names that other files here serve, with these files; ("", set()) if there is none.
+
+        A pattern of a site meets the names that it stands for, but for those of the files that packages bring.
+        """
+        for name in names:
+            for here, files in served.items():
+                others = files - own - self.made
+                if here != name:
+                    others = {file for file in others if os.path.basename(file) not in OF_PACKAGES
+                              and self.meets(name, here)}
+                if others:
+                    return name, others
+        return "", set()
+
+    @staticmethod
+    def meets(name: str, here: str) -> bool:
+        """Whether a name of a site gets requests for another name or pattern that is served here."""
+        return "*" in here and fnmatch.fnmatchcase(name, here)
+
+    def taken_address(self, listens: Iterable[str], here: Mapping[str, set[str]], own: set[str]) -> str:
+        """Why a site may not listen at its addresses; empty if it may.
+
+        At the address itself a server is asked before those for all addresses of the port, whatever the name.
+        """
+        for listen in listens:
+            host, _, port = listen.rpartition(":")
+            if host in ("*", "[::]", "_default_", ""):
+                continue
+            files = {file for wide in (f"*:{port}", f"[::]:{port}") for file in here.get(wide, ())}
+            others = {file for file in files - own - self.made if os.path.basename(file) not in OF_PACKAGES}
+            if others:
+                return f"at {listen} it would be asked before {', '.join(sorted(others))}"
+        return ""
 
     def port_conflict(self, ports: frozenset[int]) -> str:
         """Why the server cannot listen at one of the ports; empty where it can."""
