@@ -151,7 +151,7 @@ def test_man_page_of_agents_has_every_key_of_the_spec_file():
 
 
 def test_man_page_of_agents_has_every_option_that_an_agent_is_given():
-    given = set(re.findall(r'[" ](--[a-z-]+(?:=[a-z-]+)?)"', text_of("sondrel/[ads]*.cpp")))
+    given = set(re.findall(r'[" ](--[a-z-]+(?:=[a-z-]+)?)"', text_of("sondrel/[adrs]*.cpp")))
     shown = set(re.findall(r"^\.Dl cd .*(--get-\S+)$", page("sondrel-agent.7"), re.MULTILINE))
     shown |= {word for word in items("sondrel-agent.7", "COMMAND LINES", "Li") if word.startswith("--")}
     assert shown == given
