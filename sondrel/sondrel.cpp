@@ -15,6 +15,7 @@
 #include "hostlib/qrv_conf.h"
 #include "sondrel/dump_selection.h"
 #include "sondrel/dumping_status.h"
+#include "sondrel/host_policy.h"
 #include "sondrel/remove_agent.h"
 #include "sondrel/retrieve_content.h"
 #include "sondrel/retrieve_dump.h"
@@ -94,6 +95,7 @@ DumpRequest buildDumpRequest(const config& config) {
     request.arguments.push_back("--content-transport=rsync");
   }
   request.arguments.push_back("--migration-mode");
+  if (isAskedFor("SONDREL_DUMP_INCREMENTS")) request.arguments.push_back("--increments");
   if (config.action == DUMP_ALL) {
     request.arguments.push_back("--dump-all");
   } else {

@@ -6,6 +6,9 @@ package Linux::Content;
 use strict;
 use warnings;
 use Agent::Archive;
+use Agent::Chain;
+use Agent::Changes;
+use Agent::Manifest;
 use Agent::Private;
 use Agent::Status;
 use Agent::Tar;
@@ -35,7 +38,9 @@ my @SETTINGS = qw(/etc/nginx /etc/apache2 /etc/httpd /etc/php /etc/php.ini /etc/
 # tree, problems, private, kept, status, inventory, options.
 sub new {
     my ($class, %options) = @_;
-    return bless {%options, used => {}, packed => {}, made => {}, owners => {}, bytes => 0 }, $class;
+    return bless {
+        %options, used => {}, packed => {}, made => {}, manifests => {}, owners => {}, bytes => 0,
+    }, $class;
 }
 
 # What is to be made for a Linux::Selection: [{ kind, name, label, object, ... }].
@@ -208,7 +213,7 @@ sub make {
     my ($self, @plan) = @_;
     my ($status, $kept) = @$self{qw(status kept)};
     # What is not asked for any more makes room first.
-    $kept->retain($FOLDER, map { $_->{name} } @plan);
+    $kept->retain($FOLDER, map { $self->chain_of($_)->names } @plan);
     $status->set(done => 0, total => scalar @plan);
     for my $item (@plan) {
         $status->set(object => $item->{label});
@@ -218,8 +223,19 @@ sub make {
         $status->set(done => $status->{done} + 1, bytes => $self->{bytes});
     }
     $kept->retain($FOLDER, keys %{ $self->{made} });
+    $self->{private}->remove($_)
+        for grep { !$self->{manifests}{$_} } $self->{private}->files_below($Agent::Manifest::FOLDER);
     return;
 }
+
+sub chain_of {
+    my ($self, $item, $signature) = @_;
+    return Agent::Chain->new(kept => $self->{kept}, private => $self->{private}, name => $item->{name},
+        signature => $signature);
+}
+
+# Tells if some of what was made follows earlier archives.
+sub has_increments { return $_[0]{has_increments} }
 
 # [uid, gid] of all that was packed, each pair once.
 sub owners {
@@ -265,7 +281,9 @@ sub attempt {
 sub has_content {
     my ($self, $item, $kind, $archive) = @_;
     push @{ $item->{object}{content} }, { %$archive, kind => $kind };
-    $self->{made}{ $archive->{name} } = 1;
+    my @increments = @{ $archive->{increments} || [] };
+    $self->{has_increments} = 1 if @increments;
+    $self->{made}{ $_->{name} } = 1 for $archive, @increments, grep {defined} map { $_->{gone} } @increments;
     return;
 }
 
@@ -278,7 +296,7 @@ sub new_archive {
 
 sub dump_database {
     my ($self, $item) = @_;
-    $self->{private}->remove($item->{name});
+    $self->chain_of($item)->drop_from(0);
     my $archive = $self->{archive} = $self->new_archive($item->{name}, $item->{database}{bytes});
     my $servers = $self->{inventory}->database_servers;
     my $error = $servers->dump($item->{database}, sub { $archive->put($_[0]); 1 });
@@ -289,18 +307,66 @@ sub dump_database {
 
 sub pack_item {
     my ($self, $item, $notes) = @_;
-    my $kept = $self->{kept};
     my @paths = grep { $self->is_there($_, $item->{label}) } @{ $item->{paths} };
+    $item->{manifest} = $self->{options}{increments} ? Agent::Manifest->new($self->{private}) : undef;
     my ($tar, $found) = $self->scanned($item, $notes, @paths);
     $self->{owners}{$_} = 1 for keys %{ $found->{owners} };
-    my $old = $kept->find($item->{name});
-    return $old if $old && $old->{fingerprint} eq $found->{fingerprint};
-    $self->{private}->remove($item->{name});
-    my $archive = $self->{archive} = $self->new_archive($item->{name}, $found->{bytes});
+    my $chain = $self->chain_of($item, $tar->signature);
+    if (!$chain->holds($found->{fingerprint}, $item->{manifest})) {
+        my $changes = $item->{manifest} ? $self->changes($item, $chain) : undef;
+        if    (!$changes)           { $self->pack_whole($item, $notes, $chain, $tar, $found) }
+        elsif ($changes->is_empty)  { $chain->renew_fingerprint($found->{fingerprint}) }
+        else                        { $self->pack_increment($item, $notes, $chain, $tar, $found, $changes) }
+    }
+    $self->{manifests}{$_} = 1 for $chain->manifest_names;
+    delete $item->{manifest};
+    return $chain->content;
+}
+
+# What has changed since the archives that there are; undef where all is to be packed anew.
+sub changes {
+    my ($self, $item, $chain) = @_;
+    return undef if !$chain->can_be_followed;
+    return Agent::Changes->find(manifest => $item->{manifest}, earlier => $chain->manifest,
+        private => $self->{private}, worth => sub { $chain->is_worth($_[0]) });
+}
+
+sub pack_whole {
+    my ($self, $item, $notes, $chain, $tar, $found) = @_;
+    $chain->drop_from(0);
+    my $archive = $self->packed($chain->next_name, $notes, $tar, $found->{bytes});
+    return $self->append($item, $notes, $chain, $archive, $found->{fingerprint});
+}
+
+sub pack_increment {
+    my ($self, $item, $notes, $chain, $tar, $found, $changes) = @_;
+    my $gone = defined $changes->gone_path
+        ? $chain->make_gone_list($self->{options}{compress}, $changes->gone_path) : undef;
+    my $archive = $self->packed($chain->next_name, $notes, $tar, $changes->bytes, $changes);
+    return $self->append($item, $notes, $chain, $archive, $found->{fingerprint}, $gone);
+}
+
+sub packed {
+    my ($self, $name, $notes, $tar, $bytes, $changes) = @_;
+    my $archive = $self->{archive} = $self->new_archive($name, $bytes);
     $notes->{packing} = 0;
-    $tar->pack($archive);
-    # What was said while it was packed must be said again with the next dump.
-    return $kept->add($archive->complete, $notes->{packing} ? $NOT_REUSABLE : $found->{fingerprint});
+    $tar->pack($archive, $changes);
+    return $archive->complete;
+}
+
+# What was said while it was packed must be said again with the next dump.
+sub append {
+    my ($self, $item, $notes, $chain, $archive, $fingerprint, $gone) = @_;
+    my $is_known = eval {
+        $chain->append($archive, $notes->{packing} ? $NOT_REUSABLE : $fingerprint, $gone, $item->{manifest});
+        1;
+    };
+    return if $is_known;
+    my $error = $@;
+    die $error if defined $Agent::Status::ended;
+    chomp $error;
+    return $self->problem('info', $item->{label}, 'What is in its archive cannot be kept for increments, so'
+        . " that the next dump packs it whole: $error");
 }
 
 # Looks at all files of an object, and at those that links of a site lead to, until no link leads to
@@ -311,6 +377,7 @@ sub scanned {
     while (1) {
         my (@said, @links);
         my $tar = $self->tar_of($item, \@paths, leads_out => sub { push @links, [@_] },
+            manifest => $item->{manifest},
             note => sub { push @said, [@_] });
         my $found = $tar->scan;
         @links = grep { !$self->is_inside($tar, $_->[0]) } @links;

@@ -14,6 +14,8 @@ use Linux::WebElements;
 use POSIX ();
 
 my $VERSION = 2;
+# Of a document with increments, which earlier programs must not take for one without.
+my $VERSION_WITH_INCREMENTS = '2.1';
 
 # Lists of a site and the element for each of their entries: its text, or the
 # attributes it has.
@@ -43,10 +45,15 @@ sub text_of {
     # What only the description finds out is a problem too.
     push @children, element('problems', [], $given{problems}->elements);
     return document(element('dump', [
-        version => $VERSION, agent => 'linux', host => $given{server}{facts}{hostname},
+        version => $self->version, agent => 'linux', host => $given{server}{facts}{hostname},
         created => time_text(time), scope => $options->{all} ? 'all' : 'selected', only => $options->{only},
         content => $options->{content} ? 'yes' : 'no',
     ], @children));
+}
+
+sub version {
+    my ($self) = @_;
+    return $self->{content} && $self->{content}->has_increments ? $VERSION_WITH_INCREMENTS : $VERSION;
 }
 
 sub time_text { return POSIX::strftime('%Y-%m-%dT%H:%M:%SZ', gmtime $_[0]) }
@@ -67,9 +74,22 @@ sub each_as {
 sub contents {
     my ($object) = @_;
     return map {
-        element('content', [kind => $_->{kind}, file => $_->{name}, size => $_->{size}, md5sum => $_->{md5},
-            unpacked => $_->{unpacked}])
+        element('content', [kind => $_->{kind}, attributes_of($_)],
+            map { increment($_) } @{ $_->{increments} || [] })
     } @{ $object->{content} || [] };
+}
+
+sub increment {
+    my ($increment) = @_;
+    my $gone = $increment->{gone};
+    return element('increment', [attributes_of($increment)],
+        $gone ? element('gone', [attributes_of($gone)]) : ());
+}
+
+sub attributes_of {
+    my ($archive) = @_;
+    return (file => $archive->{name}, size => $archive->{size}, md5sum => $archive->{md5},
+        unpacked => $archive->{unpacked});
 }
 
 # A reseller's clients are in its element.

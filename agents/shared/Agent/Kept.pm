@@ -6,6 +6,7 @@ package Agent::Kept;
 
 use strict;
 use warnings;
+use IO::Handle ();
 
 my $FILE   = 'state';
 my $HEADER = "state 1";
@@ -18,8 +19,9 @@ sub new {
     return $self if !@lines || shift @lines ne $HEADER;
     for my $line (@lines) {
         my ($word, @values) = split /\t/, $line;
-        if ($word eq 'complete') { $self->{complete} = 1 }
-        elsif (@values == 6)     { $self->remember(archive_of(@values)) }
+        if    ($word eq 'complete')  { $self->{complete} = 1 }
+        elsif ($word eq 'forgotten') { delete $self->{archives}{ $values[0] } if @values }
+        elsif (@values == 6)         { $self->remember(archive_of(@values)) }
     }
     return $self;
 }
@@ -61,24 +63,53 @@ sub find {
     return $size == $archive->{size} && $changed == $archive->{changed} ? $archive : undef;
 }
 
+# The archive as it was made, whether it is still there or not; undef for one that was not made.
+sub noted { return $_[0]{archives}{ $_[1] } }
+
 # Notes a complete archive, { name, size, md5, unpacked }.
 sub add {
     my ($self, $made, $fingerprint) = @_;
     my ($size, $changed) = $self->{private}->facts($made->{name}) or die "$made->{name} is gone\n";
-    my $archive = { %$made, changed => $changed, fingerprint => $fingerprint };
+    return $self->note({ %$made, changed => $changed, fingerprint => $fingerprint });
+}
+
+# Gives an archive that is noted another fingerprint.
+sub renew {
+    my ($self, $name, $fingerprint) = @_;
+    return $self->note({ %{ $self->{archives}{$name} }, fingerprint => $fingerprint });
+}
+
+sub note {
+    my ($self, $archive) = @_;
     $self->remember($archive);
-    my $handle = $self->{private}->open_append($FILE);
-    Agent::Private::write_all($handle, line_of($archive), $FILE);
-    close $handle or die "Cannot write $FILE: $!\n";
+    $self->append(line_of($archive));
     return $archive;
+}
+
+sub append {
+    my ($self, $text, $settles) = @_;
+    my $handle = $self->{private}->open_append($FILE);
+    Agent::Private::write_all($handle, $text, $FILE);
+    $handle->sync or die "Cannot write $FILE: $!\n" if $settles;
+    close $handle or die "Cannot write $FILE: $!\n";
+    return;
+}
+
+# Takes archives out of the notes, on the disk too: only then may they be removed, for one that is noted and
+# not there was fetched.
+sub forget {
+    my ($self, @names) = @_;
+    my @noted = grep { delete $self->{archives}{$_} } @names;
+    $self->append(join('', map {"forgotten\t$_\n"} @noted), 1) if @noted;
+    return;
 }
 
 # Removes whatever is below the folder but these archives.
 sub retain {
     my ($self, $folder, @names) = @_;
     my %wanted = map { $_ => 1 } @names;
+    $self->forget(grep { !$wanted{$_} } sort keys %{ $self->{archives} });
     $self->{private}->remove($_) for grep { !$wanted{$_} } $self->{private}->files_below($folder);
-    delete $self->{archives}{$_} for grep { !$wanted{$_} } keys %{ $self->{archives} };
     return;
 }
 

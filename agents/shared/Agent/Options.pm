@@ -24,14 +24,15 @@ my %DUMP = (
     '--admin-info'              => { admin_info => 1 },
     '--no-license'              => { license => 0 },
     '--content-transport=rsync' => { transport => 'rsync' },
+    '--increments'              => { increments => 1 },
 );
 
 my %OTHER = ('--get-status' => 'status', '--get-content-list' => 'content-list');
 
 # What is to be done: { action => 'status', 'content-list' or 'dump' } and for a dump
 # all, domains, clients, resellers (lists, or undef where not asked for), only
-# ('mail', 'hosting' or undef), compress, content, server, admin_info, license and
-# transport. Reads from the handle what the options say is there. Dies for wrong use.
+# ('mail', 'hosting' or undef), compress, content, server, admin_info, license, transport
+# and increments. Reads from the handle what the options say is there. Dies for wrong use.
 sub parse {
     my ($arguments, $input) = @_;
     my @others = grep { $OTHER{$_} } @$arguments;

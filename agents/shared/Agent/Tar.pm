@@ -28,7 +28,8 @@ my $FACTS = '%D:%i %d %y %m %U %G %n %s %b %T@ %C@\0%l\0%p\0';
 # private => Agent::Private, top => the folder that is the system's "/", paths =>
 # [paths in it without links on the way], exclude => [folders that are left out, as the
 # running system finds them], note => sub { ($severity, $object, $text) }, leads_out => sub {
-# ($link, $target) }, called by the first scan for links to what is not in the archive.
+# ($link, $target) }, called by the first scan for links to what is not in the archive; manifest =>
+# Agent::Manifest, if wanted, which is told what is in the archive.
 sub new {
     my ($class, %options) = @_;
     my $self = bless { exclude => [], note => sub { }, leads_out => sub { }, %options }, $class;
@@ -36,6 +37,12 @@ sub new {
     $self->{starts} = [outermost(@{ $self->{paths} })];
     $self->{parts} = [$self->parts];
     return $self;
+}
+
+# The same for what would be packed in the same way.
+sub signature {
+    my ($self) = @_;
+    return md5_hex(join "\0", $MADE_HOW, @{ $self->{starts} }, '', sort @{ $self->{exclude} });
 }
 
 # The paths that are packed, with all below them.
@@ -92,7 +99,9 @@ sub is_fixed {
 sub scan {
     my ($self, %options) = @_;
     my $begun = Time::HiRes::time() - $CLOCK_SECONDS;
+    $self->{manifest}->restart if $self->{manifest} && !defined $options{since};
     my $found = {
+        begun => $begun,
         entries => 0, bytes => 0, newest => 0, sum => md5(join "\0", $MADE_HOW, @{ $self->{starts} }),
         first => !defined $options{since}, ids => {},
     };
@@ -166,16 +175,27 @@ sub take_records {
         $found->{entries}++;
         $found->{ids}{"$is{uid} $is{gid}"} = 1;
         # Headers of a member; names and attributes of unusual length take more.
-        $found->{bytes} += 2048 + length $path;
-        $found->{bytes} += least($is{size}, $is{blocks} * 512) / $is{links} if $is{type} eq 'f';
+        my $bytes = 2048 + length $path;
+        $bytes += least($is{size}, $is{blocks} * 512) / $is{links} if $is{type} eq 'f';
+        $found->{bytes} += $bytes;
         $found->{newest} = $is{changed} if $is{changed} > $found->{newest};
         $found->{sum} ^= md5("$facts\0$target\0$path");
+        $self->tell_manifest($found->{begun}, $path, \%is, $target, $bytes) if $self->{manifest};
         next if !$found->{first};
         $self->check_link($path, $target) if $is{type} eq 'l';
         note_foreign($found, \%is, $name);
     }
     substr($found->{buffer}, 0, $taken) = '';
     return;
+}
+
+# The device and the blocks may change while a file stays as it is.
+sub tell_manifest {
+    my ($self, $begun, $path, $is, $target, $bytes) = @_;
+    # What changes in this very moment may change again without a trace.
+    return $self->{manifest}->unsure($path, $is->{type}, $bytes) if $is->{changed} >= $begun;
+    my $facts = join ' ', @$is{qw(type mode uid gid links size modified changed)};
+    return $self->{manifest}->found($path, $is->{type}, "$facts\0$target", $bytes);
 }
 
 sub least { return $_[0] < $_[1] ? $_[0] : $_[1] }
@@ -202,9 +222,11 @@ sub leave_out_foreign {
     for my $file (map { $found->{foreign}{$_} } sort keys %{ $found->{foreign} }) {
         next if @{ $file->{names} } == $file->{links};
         push @{ $part->{without} }, @{ $file->{names} };
+        my @paths = map { $part->{folder} . substr $_, 1 } @{ $file->{names} };
+        $self->{manifest} && $self->{manifest}->leave_out($_) for @paths;
         my $text = "is left out: it is a further name of a file of another account ($file->{uid})"
             . ' that lies elsewhere too';
-        $self->{note}->('error', $part->{folder} . substr($_, 1), $text) for @{ $file->{names} };
+        $self->{note}->('error', $_, $text) for @paths;
     }
     return;
 }
@@ -240,13 +262,19 @@ sub gone {
     return $self->{note}->('info', $path, 'was removed before it could be read');
 }
 
-# Packs what scan() has found into the archive, an Agent::Archive.
+# Packs what scan() has found into the archive, an Agent::Archive. Only what an Agent::Changes has, if that is
+# given; it may be more.
 sub pack {
-    my ($self, $archive) = @_;
+    my ($self, $archive, $changes) = @_;
     my $since;
+    my @parts = @{ $self->{parts} };
+    if ($changes) {
+        $_->{unchanged} = $changes->unchanged($_->{folder}, @{ $_->{names} }) for @parts;
+        @parts = grep { $_->{unchanged} } @parts;
+    }
     for my $pass (1 .. $PASSES) {
         $self->run_tar($archive, $_, $since, $pass == $PASSES)
-            for grep { !defined $since || $_->{entries} } @{ $self->{parts} };
+            for defined $since ? grep { $_->{entries} } @{ $self->{parts} } : @parts;
         last if $pass == $PASSES;
         $since = $self->{begun};
         last if !$self->scan(since => $since)->{entries};
@@ -290,9 +318,12 @@ sub tar_options {
 sub tar_command {
     my ($self, $part, $since) = @_;
     my @without = map {"--exclude=$_"} @{ $part->{without} || [] }, $self->excluded($part);
+    push @without, '--exclude-from=' . $part->{unchanged}->temporary_path
+        if $part->{unchanged} && !defined $since;
     unshift @without, '--anchored', '--no-wildcards' if @without;
     return ('tar', '--create', '--file=-', '--format=posix', '--blocking-factor=1', tar_options(),
-        '--pax-option=exthdr.name=%d/PaxHeaders/%f,delete=atime,delete=ctime', transform($part), @without,
+        '--pax-option=exthdr.name=%d/PaxHeaders/%f,delete=atime,delete=ctime', transform($part),
+        ($self->{manifest} ? '--verbose' : ()), @without,
         (defined $since ? '--newer=' . time_text($since) : ()), @{ $part->{names} });
 }
 
@@ -322,19 +353,41 @@ my @SAYINGS = (
 
 sub tar_has_said {
     my ($self, $part, $line, $last) = @_;
+    return $self->has_packed($part, $1) if $line =~ m{\A\.(/.*)\z};
     return if $line =~ /\Atar: Exiting with failure status due to previous errors\z/;
+    # Of --newer, where --verbose is with it.
+    return if $line =~ /\Atar: Option --after-date: Treating date /;
     # An old file in a later pass.
     return if $line =~ /: file is unchanged; not dumped\z/;
     for my $saying (@SAYINGS) {
         my ($pattern, $what, $text) = @$saying;
         my ($path, $why) = $line =~ /\Atar: \.(.*): $pattern\z/ or next;
         $path = $part->{folder} . $path;
+        $self->{manifest}->unsure($part->{folder} . unquoted($1), '?', 0) if $self->{manifest};
         return $self->gone($path) if $what eq 'gone';
         return $self->{note}->($what, $path, $text . (defined $why ? $why : '')) if $what ne 'changed';
         return if !$last;
         return $self->{note}->('warning', $path, "changed each of the $PASSES times it was read");
     }
+    $self->{manifest}->spoil if $self->{manifest};
     return $self->{note}->('warning', '', $line);
+}
+
+# With --verbose tar names all that it packs, folders with a slash at the end.
+sub has_packed {
+    my ($self, $part, $quoted) = @_;
+    my $path = $part->{folder} . unquoted($quoted);
+    my $type = $path =~ s{/\z}{} ? 'd' : 'f';
+    return $self->{manifest}->packed($path, $type);
+}
+
+my %ESCAPED = (a => "\a", b => "\b", f => "\f", n => "\n", r => "\r", t => "\t", v => "\x0b", '\\' => '\\');
+
+# A name as tar writes it in what it says.
+sub unquoted {
+    my ($name) = @_;
+    $name =~ s/\\(?:([0-7]{3})|([abfnrtv\\]))/defined $1 ? chr oct $1 : $ESCAPED{$2}/ge;
+    return $name;
 }
 
 # Calls back with each whole line of what it is given in pieces.
