@@ -15,7 +15,7 @@ import os
 import stat
 import subprocess
 import tarfile
-from collections.abc import Callable, Iterable, Iterator
+from collections.abc import Callable, Iterable, Iterator, Sequence
 from pathlib import Path
 from typing import IO
 
@@ -24,6 +24,8 @@ from sondrel_restore.kind import RestoreError
 
 # Of what describes one member: names, attributes, where the holes of a file are.
 _LARGEST_HEADER = 8 << 20
+# Of a list of names.
+_LARGEST_LIST = 1 << 30
 _CHUNK = 1 << 20
 _XATTR = "SCHILY.xattr."
 _ACL_ACCESS, _ACL_DEFAULT = "SCHILY.acl.access", "SCHILY.acl.default"
@@ -57,10 +59,12 @@ class Member:
 class Archive:
     """An archive of the session."""
 
-    def __init__(self, path: Path, size: int, md5sum: str) -> None:
+    def __init__(self, path: Path, size: int, md5sum: str, *, remedy: str = "fetch it again") -> None:
+        """`remedy` is what to do where it is not here as it should be."""
         self.path = path
         self.size = size
         self.md5sum = md5sum
+        self._remedy = remedy
         self._is_checked = False
 
     def check(self) -> None:
@@ -130,7 +134,7 @@ class Archive:
         try:
             descriptor = os.open(self.path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
         except OSError as error:
-            hint = ": fetch it again" if error.errno == errno.ENOENT else ""
+            hint = f": {self._remedy}" if error.errno == errno.ENOENT else ""
             raise RestoreError(f"{self.path} cannot be read: {error.strerror}{hint}") from error
         with io.FileIO(descriptor) as file:
             yield file
@@ -142,12 +146,69 @@ class Archive:
             raise RestoreError(f"{self.path} is no regular file")
         if about.st_size != self.size:
             raise RestoreError(
-                f"{self.path} has {about.st_size} bytes and not {self.size}, as the description says: fetch it again")
+                f"{self.path} has {about.st_size} bytes and not {self.size}, as the description says: {self._remedy}")
         if not self._is_checked:
             if _md5_of(file) != self.md5sum:
-                raise RestoreError(f"{self.path} is not what the description says, by its sum: fetch it again")
+                raise RestoreError(f"{self.path} is not what the description says, by its sum: {self._remedy}")
             file.seek(0)
             self._is_checked = True
+
+
+class Increment(Archive):
+    """An archive of what is new or changed, with the list of what had vanished before it, if any."""
+
+    def __init__(self, path: Path, size: int, md5sum: str, *, gone: Archive | None, remedy: str) -> None:
+        super().__init__(path, size, md5sum, remedy=remedy)
+        self._gone = gone
+
+    def check(self) -> None:
+        super().check()
+        if self._gone is not None:
+            self._gone.check()
+
+    def gone(self) -> Iterator[str]:
+        """The absolute paths that the list names; names that no member may have are left out."""
+        if self._gone is None:
+            return
+        with self._gone.stream() as file:
+            rest, size = b"", 0
+            while chunk := file.read(_CHUNK):
+                size += len(chunk)
+                *names, rest = (rest + chunk).split(b"\0")
+                if size > _LARGEST_LIST or len(rest) > _LARGEST_HEADER:
+                    raise RestoreError(f"{self._gone.path} is larger than any list of names")
+                yield from filter(None, (_absolute(name.decode("utf-8", "surrogateescape")) for name in names))
+            if rest:
+                raise RestoreError(f"{self._gone.path} ends in the middle")
+
+
+class FollowedArchive(Archive):
+    """An archive and its increments, read as the one archive that they are together.
+
+    What a later one has again, or names as gone, is passed over in the earlier ones. So a list of names
+    removes nothing by itself: that what was made before has vanished shows by its absence, as ever.
+    """
+
+    def __init__(self, base: Archive, increments: Sequence[Increment]) -> None:
+        super().__init__(base.path, base.size, base.md5sum)
+        self._base = base
+        self._increments = increments
+
+    def check(self) -> None:
+        self._base.check()
+        for increment in self._increments:
+            increment.check()
+
+    def members(self) -> Iterator[tuple[Member, Contents]]:
+        # By path, the number of the last one that has it or names it as gone.
+        last: dict[str, int] = {}
+        for number, increment in enumerate(self._increments, 1):
+            last.update(dict.fromkeys(increment.gone(), number))
+            last.update(dict.fromkeys(increment.names(), number))
+        for number, archive in enumerate([self._base, *self._increments]):
+            for member, contents in archive.members():
+                if last.get(member.path, 0) <= number:
+                    yield member, contents
 
 
 def _md5_of(file: io.FileIO) -> str:

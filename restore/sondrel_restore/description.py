@@ -18,7 +18,8 @@ Element = Any
 LARGEST = 256 << 20
 LARGEST_DOCUMENT = 64 << 20
 _SCHEMA = "dump.xsd"
-_VERSION = "2"
+# The second has increments.
+_VERSIONS = ("2", "2.1")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -150,8 +151,8 @@ def _group(element: Element) -> Group:
 def _check(tree: Element, path: Path) -> None:
     if tree.tag != "dump" or tree.get("agent") != "linux":
         raise RestoreError(f"{path} is no description of the agent linux: only what it dumps can be restored")
-    if tree.get("version") != _VERSION:
-        raise RestoreError(f"{path} has version {tree.get('version')}; this release restores version {_VERSION}")
+    if tree.get("version") not in _VERSIONS:
+        raise RestoreError(f"{path} has version {tree.get('version')}; this release restores version {_VERSIONS[0]}")
     schema = _schema()
     if not schema.validate(tree):
         first = schema.error_log[0]
@@ -165,6 +166,24 @@ def _schema() -> Element:
         if path.exists():
             return etree.XMLSchema(etree.parse(str(path)))
     raise RestoreError(f"{above / _SCHEMA} is missing: the installation is not complete")
+
+
+def files_of(content: Element) -> list[Element]:
+    """The elements of all files of an archive: itself, and its increments in order, each after its list."""
+    files = [content]
+    for increment in content.iterfind("increment"):
+        files += [*increment.iterfind("gone"), increment]
+    return files
+
+
+def archive_sum_of(content: Element) -> str:
+    """A sum that is another one when the archive or its increments are."""
+    return "+".join(str(file.get("md5sum")) for file in files_of(content))
+
+
+def unpacked_of(content: Element) -> int:
+    """Bytes of an archive and its increments without compression."""
+    return sum(int(file.get("unpacked")) for file in files_of(content))
 
 
 def is_below(path: str, root: str) -> bool:

@@ -12,7 +12,7 @@ from collections import Counter
 from collections.abc import Iterator
 from pathlib import Path
 
-from sondrel_restore.description import Description, Element, read_document
+from sondrel_restore.description import Description, Element, files_of, read_document
 from sondrel_restore.figures import seconds_between
 from sondrel_restore.session import Session
 
@@ -197,9 +197,10 @@ class _Maker:
             kind=kind,
             name=_name_of(element),
             detail=detail,
-            unpacked=sum(_number(each.get("unpacked")) for each in own),
-            packed=sum(_number(each.get("size")) for each in own),
-            is_here=all(map(self._is_here, contents)) if contents and self.has_content else None,
+            unpacked=sum(_number(file.get("unpacked")) for each in own for file in files_of(each)),
+            packed=sum(_number(file.get("size")) for each in own for file in files_of(each)),
+            is_here=all(self._is_here(file) for each in contents for file in files_of(each))
+            if contents and self.has_content else None,
         )
 
     def _is_here(self, content: Element) -> bool:

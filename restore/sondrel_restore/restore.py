@@ -4,8 +4,9 @@ from __future__ import annotations
 import contextlib
 import dataclasses
 from collections.abc import Iterator, Mapping, Sequence
+from pathlib import Path
 
-from sondrel_restore.archives import Archive
+from sondrel_restore.archives import Archive, FollowedArchive, Increment
 from sondrel_restore.description import Description, Element
 from sondrel_restore.host import Host
 from sondrel_restore.journal import Journal
@@ -13,6 +14,10 @@ from sondrel_restore.kind import Finding, Item, Kind, Left, Missing, RestoreErro
 from sondrel_restore.progress import Progress
 from sondrel_restore.selection import Decisions, Selection
 from sondrel_restore.session import Session
+
+
+# The source host does not have any more what was fetched once.
+_REMEDY = "dump and fetch it whole (sondrel-migrate --from=dump --full)"
 
 
 class Restore:
@@ -58,12 +63,24 @@ class Restore:
         return self._named
 
     def archive(self, content: Element) -> Archive:
-        """The archive of an element `content`. Its size and sum are checked when it is first read."""
+        """The archive of an element `content`, with its increments. Sizes and sums are checked at the first reading."""
         file = str(content.get("file"))
         if file not in self._archives:
-            self._archives[file] = Archive(
-                self.session.archives / file, int(content.get("size")), str(content.get("md5sum")))
+            increments = [self._increment(element) for element in content.iterfind("increment")]
+            if increments:
+                base = Archive(*self._facts_of(content), remedy=_REMEDY)
+                self._archives[file] = FollowedArchive(base, increments)
+            else:
+                self._archives[file] = Archive(*self._facts_of(content))
         return self._archives[file]
+
+    def _increment(self, element: Element) -> Increment:
+        gone = element.find("gone")
+        return Increment(*self._facts_of(element), remedy=_REMEDY,
+                         gone=None if gone is None else Archive(*self._facts_of(gone), remedy=_REMEDY))
+
+    def _facts_of(self, element: Element) -> tuple[Path, int, str]:
+        return self.session.archives / str(element.get("file")), int(element.get("size")), str(element.get("md5sum"))
 
 
 @dataclasses.dataclass

@@ -362,6 +362,10 @@ class _Tree:
                 return
             if not self._may_replace(member.path, name, directory):
                 return
+            if stat.S_ISDIR(there.st_mode):
+                if not self._remove_directory(member.path):
+                    return
+                there = None
         self._new.add(made)
         temporary = name if there is None else _TEMPORARY
         if there is not None:
@@ -469,9 +473,17 @@ class _Tree:
             return False
         return True
 
-    def _remove_vanished(self) -> None:
+    def _remove_directory(self, path: str) -> bool:
+        """Makes way for something else; False, and named, where somebody made files in it."""
+        self._remove_vanished(path)
+        with _directory_of(path) as directory:
+            is_gone = directory is None or _about(os.path.basename(path), directory) is None
+        return is_gone
+
+    def _remove_vanished(self, top: str = "") -> None:
+        """With `top`, of that path and what is below it only."""
         for path, made in sorted(self._old.items(), reverse=True):
-            if path in self._new.made or path in self._directories:
+            if path in self._new.made or path in self._directories or not f"{path}/".startswith(f"{top}/"):
                 continue
             with _directory_of(path) as directory:
                 if directory is None:

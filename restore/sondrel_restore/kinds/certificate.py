@@ -10,7 +10,7 @@ import dataclasses
 import os
 from collections.abc import Iterable, Iterator
 
-from sondrel_restore.description import Domain, Element
+from sondrel_restore.description import Domain, Element, archive_sum_of
 from sondrel_restore.host import Host, group_of
 from sondrel_restore.hostfiles import components, content_here, sum_of_bytes
 from sondrel_restore.journal import Entry
@@ -166,7 +166,7 @@ def _of_directive(directive: Directive) -> _Named | None:
 
 def _source(restore: Restore, domain: Domain, named: list[_Named]) -> str:
     """A sum that is another one when the files may be others."""
-    archives = [f"{content.get('file')} {content.get('md5sum')}"
+    archives = [f"{content.get('file')} {archive_sum_of(content)}"
                 for content in restore.description.contents(domain.element)]
     return sum_of_bytes(to_bytes("\n".join([*archives, *(f"{each.directive} {each.path}" for each in named)])))
 

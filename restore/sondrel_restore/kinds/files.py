@@ -7,7 +7,7 @@ import re
 from collections.abc import Iterator
 
 from sondrel_restore.accepted import existing_part, is_vacant, why_not, why_not_owners
-from sondrel_restore.description import Element, is_below
+from sondrel_restore.description import Element, archive_sum_of, is_below, unpacked_of
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing, State
 from sondrel_restore.restore import Restore
@@ -69,7 +69,7 @@ class FilesKind(Kind):
             place = existing_part(min(item.data.roots))
             device = os.stat(place).st_dev
             places.setdefault(device, place)
-            needed[device] = needed.get(device, 0) + int(item.data.content.get("unpacked"))
+            needed[device] = needed.get(device, 0) + unpacked_of(item.data.content)
         for device, size in needed.items():
             about = os.statvfs(places[device])
             free = about.f_bavail * about.f_frsize
@@ -108,7 +108,7 @@ class FilesKind(Kind):
 
 
 def _source(archived: _Archived, owner: str) -> str:
-    return f"{archived.content.get('md5sum')} {owner} {' '.join(sorted(archived.roots))}"
+    return f"{archive_sum_of(archived.content)} {owner} {' '.join(sorted(archived.roots))}"
 
 
 def _name_of(content: Element) -> str:
@@ -159,7 +159,7 @@ def _state(restore: Restore, archived: _Archived, identifier: str) -> tuple[Stat
     if archived.owner not in restore.offered("account"):
         return State.IMPOSSIBLE, (f"it belongs to {archived.owner}, and {owner} is no account of this restore: "
                                   f"name one by --map-account={archived.owner}:NAME"), ()
-    size = f"{int(archived.content.get('unpacked')):,} bytes in {', '.join(sorted(archived.roots))}"
+    size = f"{unpacked_of(archived.content):,} bytes in {', '.join(sorted(archived.roots))}"
     if entry is not None and entry.state == "done":
         if entry.facts.get("source") == _source(archived, owner):
             return State.SAME, size, ()
@@ -180,7 +180,7 @@ def _is_here(restore: Restore, archived: _Archived, identifier: str) -> bool:
 
     What else is there would become the site's, which could have it sent to visitors.
     """
-    if int(archived.content.get("unpacked")) > _LARGEST_COMPARED:
+    if unpacked_of(archived.content) > _LARGEST_COMPARED:
         return False
     archive = restore.archive(archived.content)
     here = {f"{place}/{name}" for root in archived.roots for place, folders, files in os.walk(root)

@@ -13,7 +13,7 @@ import re
 from collections.abc import Iterator
 
 from sondrel_restore.accepted import why_not, why_not_owners
-from sondrel_restore.description import Domain, Element, is_below
+from sondrel_restore.description import Domain, Element, archive_sum_of, is_below
 from sondrel_restore.host import account_of
 from sondrel_restore.hostfiles import components, open_directory
 from sondrel_restore.journal import Entry
@@ -72,7 +72,7 @@ class Mailbox(Kind):
         archives = [restore.archive(content) for content in restore.description.contents(box.element)]
         facts = unpack(restore, item.identifier, archives, box.roots, box.account)
         _give_parents(facts, box)
-        facts["archives"] = [content.get("md5sum") for content in restore.description.contents(box.element)]
+        facts["archives"] = [archive_sum_of(content) for content in restore.description.contents(box.element)]
         if box.element.get("format") in FORMATS_WITH_INDEX:
             restore.name(item.identifier, f"run: doveadm force-resync -u {box.element.get('address')} '*'")
         return facts
@@ -131,7 +131,7 @@ def _mailbox_state(restore: Restore, identifier: str, element: Element) -> tuple
         return State.CONFLICT, f"{path} is here already", box
     if entry is None:
         return State.MAKE, f"{path} is made, for {account}", box
-    if entry.state == "done" and entry.facts.get("archives") == [content.get("md5sum") for content in contents]:
+    if entry.state == "done" and entry.facts.get("archives") == [archive_sum_of(content) for content in contents]:
         return State.SAME, f"{path} is here, as it was fetched", box
     return State.RENEW, f"{path} is renewed; what arrived here stays", box
 
