@@ -133,12 +133,17 @@ void Migration::loadState() {
   // What differs was not made, or is no longer as it was made: comparing alone would go on failing.
   if (state_.of(Step::VERIFY).progress == Progress::FAILED) state_.goBackTo(Step::APPLY);
   if (request_.from) state_.goBackTo(*request_.from);
+  if (request_.full && state_.isDone(Step::DUMP)) {
+    throw Exc<&MigrateBadSettings>(HERE) %
+        "--full is for a dump, and that is done: give --from=dump with it";
+  }
 }
 
 void Migration::takeSettings() {
   Settings settings = state_.settings;
   settings.overrideBy(request_.settings);
   planStepToGoBackTo(settings);
+  planEndOfAgent(settings);
   if (const auto name = findForbiddenChange(state_.settings, settings, state_.doneSteps())) {
     throw Exc<&MigrateBadSettings>(HERE) %
         ("--" + *name + " was \"" + state_.settings.inForce(*name) +
@@ -151,18 +156,32 @@ void Migration::takeSettings() {
 
 /// Whoever names a step wants it made, whatever earlier runs left out.
 void Migration::planStepToGoBackTo(Settings& settings) const {
-  const auto leavesOut = [&](Step step, const char* name) {
-    if (request_.from != step || !settings.isOn(name)) return false;
-    if (!request_.settings.isOn(name)) return true;
+  if (request_.from == Step::REMOVE) planRemoval(settings);
+  if (request_.from == Step::CONTENT && settings.isOn("no-content")) {
     throw Exc<&MigrateBadSettings>(HERE) %
-        ("--from=" + std::string(nameOf(step)) + " and --" + name + " exclude each other");
-  };
-  if (leavesOut(Step::REMOVE, "keep-agent")) settings.set("keep-agent", "no");
-  if (leavesOut(Step::CONTENT, "no-content")) {
-    throw Exc<&MigrateBadSettings>(HERE) %
-        "there is no content to fetch: the dump was made with --no-content. Make it again with "
-        "--from=dump --no-content=no";
+        (request_.settings.isOn("no-content")
+             ? "--from=content and --no-content exclude each other"
+             : "there is no content to fetch: the dump was made with --no-content. Make it again "
+               "with --from=dump --no-content=no");
   }
+}
+
+void Migration::planRemoval(Settings& settings) const {
+  if (request_.settings.isOn("keep-agent")) {
+    throw Exc<&MigrateBadSettings>(HERE) % "--from=remove and --keep-agent exclude each other";
+  }
+  settings.set("keep-agent", "no");
+}
+
+/// Of --final and --keep-agent the one that was given last counts.
+void Migration::planEndOfAgent(Settings& settings) const {
+  const bool isFinal = request_.settings.isOn("final");
+  const bool isKept = request_.settings.isOn("keep-agent");
+  if (isFinal && isKept) {
+    throw Exc<&MigrateBadSettings>(HERE) % "--final and --keep-agent exclude each other";
+  }
+  if (isFinal) settings.set("keep-agent", "no");
+  if (isKept) settings.set("final", "no");
 }
 
 void Migration::introduce() {
@@ -346,6 +365,7 @@ RunOutcome Migration::run(Step step, const ArgList& arguments, const TextSink& o
                        arguments,
                        needsLogin ? *passwords_ : NO_PASSWORDS,
                        needsLogin ? state_.settings.get("identity") : "",
+                       !request_.full && knowsIncrements(state_.settings),
                        lock_->descriptor(),
                        onError,
                        onOutput,
@@ -427,8 +447,20 @@ int Migration::reportFinished(const std::string& introduction) {
     }
   }
   console_.say(text);
+  explainKeptAgent();
   reportProblems();
   return EXIT_DONE;
+}
+
+/// What can be done with an agent that is still there, and what is not done by itself.
+void Migration::explainKeptAgent() {
+  if (isAgentRemoved(state_.settings)) return;
+  // An earlier release removed it unless it was told otherwise.
+  if (state_.of(Step::REMOVE).progress != Progress::WAITING) return;
+  console_.say(
+      "The agent stays on " + state_.settings.get("host") + ", in " + state_.agentDir() +
+      ", until the migration is final. What has changed since is fetched with --from=dump; "
+      "with --from=dump --final for the last time. --final alone removes the agent");
 }
 
 /// What dump.xml says to be wrong, in the order of weight: errors with their texts.

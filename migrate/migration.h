@@ -53,6 +53,8 @@ class Migration {
   void loadState();
   void takeSettings();
   void planStepToGoBackTo(Settings& settings) const;
+  void planRemoval(Settings& settings) const;
+  void planEndOfAgent(Settings& settings) const;
   void introduce();
   bool needsSourceHost() const;
   int makeSteps();
@@ -75,6 +77,7 @@ class Migration {
   std::string remedyFor(Step step, const std::string& causes) const;
   int reportFinished(const std::string& introduction);
   void reportProblems();
+  void explainKeptAgent();
   std::string purposeOf(Step step) const;
 
   const Request& request_;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "commons/xml_wrap.h"
+#include "migrate/state.h"
 
 namespace migrate {
 
@@ -22,6 +23,7 @@ enum OptionCode {
   OPT_SESSION_PATH = 1000,
   OPT_SETTINGS,
   OPT_FROM,
+  OPT_FULL,
   OPT_PASSWORD_FD,
   OPT_SUDO_PASSWORD_FD,
   OPT_KEY_PASSWORD_FD,
@@ -40,6 +42,7 @@ const OwnOption OWN_OPTIONS[] = {
     {"session-path", "DIR", OPT_SESSION_PATH, "the session directory; made if missing"},
     {"settings", "FILE", OPT_SETTINGS, "a file of lines \"name = value\" for the settings below"},
     {"from", "STEP", OPT_FROM, "make this step again, and all that follow"},
+    {"full", nullptr, OPT_FULL, "dump whole archives, also where what has changed would do"},
     {"password-fd", "N", OPT_PASSWORD_FD, "read the password from this descriptor, one line"},
     {"sudo-password-fd", "N", OPT_SUDO_PASSWORD_FD, "the same for the password of sudo"},
     {"key-password-fd", "N", OPT_KEY_PASSWORD_FD, "the same for the passphrase of the key"},
@@ -49,14 +52,19 @@ const OwnOption OWN_OPTIONS[] = {
 
 const char* const INTRODUCTION =
     "Usage: sondrel-migrate --session-path=DIR [--settings=FILE] [OPTION...]\n"
+    "       sondrel-migrate [OPTION...] DIR\n"
     "       sondrel-migrate status DIR\n"
     "\n"
     "Moves sites from another host to this one: asks the host what it is (scout), copies\n"
-    "the agent there (deploy), makes it dump what is wanted (dump), fetches the files\n"
-    "(content) and removes the agent (remove). Each step is a run of sondrel. With\n"
-    "--restore it then makes the sites run on this host, by sondrel-restore (plan, apply,\n"
-    "verify). Run again on the same session it goes on at the step that failed, with the\n"
-    "settings it had: --session-path is enough then. \"status\" shows how far a migration is.\n"
+    "the agent there (deploy), makes it dump what is wanted (dump) and fetches the files\n"
+    "(content). Each step is a run of sondrel. With --restore it then makes the sites run on\n"
+    "this host, by sondrel-restore (plan, apply, verify). Run again on the same session it\n"
+    "goes on at the step that failed, with the settings it had: DIR is enough then. \"status\"\n"
+    "shows how far a migration is.\n"
+    "\n"
+    "The agent stays on the source host until a migration is final: with --from=dump what has\n"
+    "changed since is dumped and fetched. --final, with that last pass or by itself, removes\n"
+    "the agent (remove).\n"
     "\n"
     "For example, everything from a host whose root may log in by a password:\n"
     "\n"
@@ -142,6 +150,7 @@ class Parser {
       case OPT_SESSION_PATH: request_.sessionPath = absolute(optarg, "--session-path"); break;
       case OPT_SETTINGS: settingsFile_ = absolute(optarg, "--settings"); break;
       case OPT_FROM: request_.from = parseStep(optarg); break;
+      case OPT_FULL: request_.full = true; break;
       case OPT_PASSWORD_FD: request_.passwordFd = parseDescriptor(optarg, "password-fd"); break;
       case OPT_SUDO_PASSWORD_FD:
         request_.sudoPasswordFd = parseDescriptor(optarg, "sudo-password-fd");
@@ -158,10 +167,22 @@ class Parser {
   }
 
   void takeOperands(int count, char** operands) {
-    if (std::strcmp(operands[0], "status") != 0) refuse("an argument that is no option");
+    if (std::strcmp(operands[0], "status") != 0) {
+      takeSession(count, operands[0]);
+      return;
+    }
     if (count != 2) refuse("status takes one session directory");
     request_.command = Request::SHOW_STATUS;
     request_.sessionPath = absolute(operands[1], "status");
+  }
+
+  /// Only that of a migration that has begun: no directory is made for a mistake.
+  void takeSession(int count, const char* operand) {
+    const std::string path = boost::filesystem::absolute(operand).string();
+    if (count != 1 || !request_.sessionPath.empty() || !State::exists(path)) {
+      refuse("an argument that is no option");
+    }
+    request_.sessionPath = path;
   }
 
   Request finish() {

@@ -23,6 +23,8 @@ struct Request {
   std::optional<int> keyPasswordFd;
   /// The step that is to be made again, with all that follow.
   std::optional<Step> from;
+  /// Whole archives, where increments would do.
+  bool full = false;
 };
 
 /// Throws MigrateBadSettings. No error text repeats a value, for somebody may have put a

@@ -170,7 +170,9 @@ const std::vector<SettingKind>& settingKinds() {
       {"no-content", nullptr, Step::DUMP, "only the description: no archives, nothing is fetched"},
       {"dumps-dir", "DIR", Step::CONTENT, "where content files go; the session's archives/"},
       {"no-check-space", nullptr, std::nullopt, "do not ask whether there is room for them"},
-      {"keep-agent", nullptr, std::nullopt, "leave the agent on the source host"},
+      {"final", nullptr, std::nullopt, "this is the last pass: remove the agent at its end"},
+      {"keep-agent", nullptr, std::nullopt,
+       "leave the agent on the source host; so it is until --final"},
       {"restore", nullptr, std::nullopt, "then restore on this host what was fetched"},
       {"restore-install", nullptr, std::nullopt,
        "with packages of Debian that are missing for that"},
@@ -197,6 +199,7 @@ std::string Settings::get(const std::string& name) const {
 
 std::string Settings::inForce(const std::string& name) const {
   const SettingKind* const kind = findKind(name);
+  if (name == "keep-agent") return isAgentRemoved(*this) ? "no" : "yes";
   if (kind && !kind->argument) return isOn(name) ? "yes" : "no";
   if (name == "agent-name") return agentNameOf(*this);
   if (name == "agent-parent") return agentParentOf(*this);
@@ -244,6 +247,14 @@ std::optional<std::string> findForbiddenChange(const Settings& older, const Sett
     if (stands && older.inForce(kind.name) != newer.inForce(kind.name)) return kind.name;
   }
   return std::nullopt;
+}
+
+bool knowsIncrements(const Settings& settings) {
+  return agentNameOf(settings) == DEFAULT_AGENT;
+}
+
+bool isAgentRemoved(const Settings& settings) {
+  return settings.isOn("final") || settings.get("keep-agent") == "no";
 }
 
 std::string agentNameOf(const Settings& settings) {

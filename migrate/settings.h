@@ -62,6 +62,10 @@ void checkComplete(const Settings& settings);
 std::optional<std::string> findForbiddenChange(const Settings& older, const Settings& newer,
                                                const std::vector<Step>& doneSteps);
 
+/// True for an agent that knows increments; others may refuse an option that they do not know.
+bool knowsIncrements(const Settings& settings);
+/// True when the agent is not to stay on the source host.
+bool isAgentRemoved(const Settings& settings);
 /// The agent's name.
 std::string agentNameOf(const Settings& settings);
 /// The key that sondrel will log in by: that of the settings, of the environment or of the host's

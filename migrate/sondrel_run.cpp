@@ -28,6 +28,8 @@ const char* const LISTED_SIZES_VARIABLE = "QRV_LISTED_SIZES";
 /// Ask sondrel to have small files travel together. Who has set one decides otherwise.
 const std::array<const char*, 2> BATCH_VARIABLES = {"SONDREL_CONTENT_BATCH",
                                                     "SONDREL_DEPLOY_BATCH"};
+/// Asks the agent for archives of what has changed since those that were fetched.
+const char* const INCREMENTS_VARIABLE = "SONDREL_DUMP_INCREMENTS";
 /// Tells sondrel the key to log in by.
 const char* const IDENTITY_VARIABLE = "SONDREL_IDENTITY";
 
@@ -55,10 +57,11 @@ Pipe openPipe() {
 /// The environment of this process with the passwords and the key to use; wiped when it goes.
 class ChildEnvironment {
  public:
-  ChildEnvironment(const Passwords& passwords, const std::string& identity) {
+  ChildEnvironment(const Passwords& passwords, const std::string& identity, bool wantsIncrements) {
     for (char** entry = environ; entry && *entry; ++entry) {
       if (!isVariable(*entry, LOGIN_VARIABLE) && !isVariable(*entry, SUDO_VARIABLE) &&
           !isVariable(*entry, LISTED_SIZES_VARIABLE) && !isVariable(*entry, KEY_VARIABLE) &&
+          (wantsIncrements || !isVariable(*entry, INCREMENTS_VARIABLE)) &&
           (identity.empty() || !isVariable(*entry, IDENTITY_VARIABLE))) {
         pointers_.push_back(*entry);
       }
@@ -69,6 +72,9 @@ class ChildEnvironment {
     requests_ = {std::string(LISTED_SIZES_VARIABLE) + "=yes"};
     for (const char* variable : BATCH_VARIABLES) {
       if (!std::getenv(variable)) requests_.push_back(std::string(variable) + "=yes");
+    }
+    if (wantsIncrements && !std::getenv(INCREMENTS_VARIABLE)) {
+      requests_.push_back(std::string(INCREMENTS_VARIABLE) + "=yes");
     }
     if (!identity.empty()) requests_.push_back(std::string(IDENTITY_VARIABLE) + "=" + identity);
     for (std::string& request : requests_) pointers_.push_back(request.data());
@@ -175,7 +181,7 @@ class Child {
   Child(const SondrelRun& run, Signals& signals) : run_(run), signals_(signals) {
     Pipe out = openPipe();
     Pipe err = openPipe();
-    ChildEnvironment environment(run.passwords, run.identity);
+    ChildEnvironment environment(run.passwords, run.identity, run.wantsIncrements);
     std::vector<char*> arguments = pointersTo(run.arguments);
     const pid_t parent = getpid();
     pid_ = fork();

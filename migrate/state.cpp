@@ -196,7 +196,7 @@ std::vector<Step> State::plan() const {
   std::vector<Step> steps;
   for (const Step step : ALL_STEPS) {
     const bool leftOut = (step == Step::CONTENT && settings.isOn("no-content")) ||
-                         (step == Step::REMOVE && settings.isOn("keep-agent")) ||
+                         (step == Step::REMOVE && !isAgentRemoved(settings)) ||
                          (isOfRestore(step) && !settings.isOn("restore"));
     if (!leftOut) steps.push_back(step);
   }

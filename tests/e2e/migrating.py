@@ -37,9 +37,13 @@ touch "$kept/complete"
 
 
 def in_place(login, *options, host=HOST, session=SESSION):
-    """The arguments of a migration from `host` by `login`; the agent's folder goes into the login's home."""
+    """The arguments of a migration from `host` by `login`; the agent's folder goes into the login's home.
+
+    It is final, so that all steps are made, unless --keep-agent is among the options.
+    """
     given = [f"--session-path={session}", f"--host={host}", f"--login={login.name}", "--agent-name=sample",
              f"--agent-parent={login.home}"]
+    given += ["--final"] * ("--keep-agent" not in options)
     return given + ["--sudo"] * (login.sudo_password is not None) + list(options)
 
 

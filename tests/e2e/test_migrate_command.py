@@ -14,8 +14,9 @@ from terminal import Terminal
 from world import CONFIGURATION, SESSION, SUDOER, TESTS, owner_and_mode, processes, read, wait_until, write
 
 PLACE = [f"--session-path={SESSION}", "--host=src.example", "--login=root"]
-ALL = [*PLACE, "--dump-all"]
-SUDO_ALL = [f"--session-path={SESSION}", "--host=src.example", "--login=sudoer", "--sudo", "--dump-all",
+KEPT = [*PLACE, "--dump-all"]
+ALL = [*KEPT, "--final"]
+SUDO_ALL = [f"--session-path={SESSION}", "--host=src.example", "--login=sudoer", "--sudo", "--dump-all", "--final",
             "--agent-parent=/home/sudoer"]
 
 
@@ -71,12 +72,14 @@ def test_hands_settings_on(imitated, case):
     assert [word for word in imitated.arguments(number) if word not in common] == expected
 
 
-@pytest.mark.parametrize("options, steps", [
-    (["--no-content"], ["scout", "deploy", "dump", "remove"]),
-    (["--keep-agent"], ["scout", "deploy", "dump", "content"]),
-], ids=["no content", "keep agent"])
-def test_leaves_out_the_steps_that_are_not_wanted(imitated, options, steps):
-    assert imitated.run(*ALL, *options).code == 0
+@pytest.mark.parametrize("given, steps", [
+    ([*ALL, "--no-content"], ["scout", "deploy", "dump", "remove"]),
+    ([*KEPT, "--keep-agent"], ["scout", "deploy", "dump", "content"]),
+    (KEPT, ["scout", "deploy", "dump", "content"]),
+    ([*KEPT, "--keep-agent=no"], STEPS),
+], ids=["no content", "keep agent", "not final", "keep no agent"])
+def test_leaves_out_the_steps_that_are_not_wanted(imitated, given, steps):
+    assert imitated.run(*given).code == 0
     assert imitated.runs() == steps
     assert [name for name in status() if name in STEPS] == steps
 
@@ -490,6 +493,7 @@ NO_SETTINGS = {
     "switch": ([*ALL, "--sudo=perhaps"], '--sudo is to be "yes" or "no" (see --help)'),
     "step": ([*ALL, "--from=start"], "--from is to be scout, deploy, dump, content, remove, plan, apply or verify (see --help)"),
     "no value": ([*ALL, "--port"], "--port needs a value (see --help)"),
+    "operand alone": (["secret-passphrase"], "an argument that is no option (see --help)"),
     "operand": ([*ALL, "secret-passphrase"], "an argument that is no option (see --help)"),
     "unknown": ([*ALL, "--passwort=secret-passphrase"], "no such option: --passwort (see --help)"),
     "mistaken": ([*ALL, "--password=secret-passphrase"],
@@ -564,8 +568,51 @@ def test_an_agent_s_name_may_end_as_a_shell_completes_it(imitated):
     assert imitated.run(f"--session-path={SESSION}", "--agent-name=other").code == 0
 
 
+def test_a_finished_migration_tells_what_can_be_done_with_the_agent_that_is_kept(imitated):
+    told = (f"The agent stays on src.example, in /root/{{}}, until the migration is final. What has changed since is fetched "
+            "with --from=dump; with --from=dump --final for the last time. --final alone removes the agent")
+    first = imitated.run(*KEPT).stdout.decode().splitlines()
+    told = told.format(State().agent_folder)
+    assert told in first
+    alone = imitated.run(SESSION)
+    assert (alone.code, alone.stdout.decode().splitlines()) == (
+        0, [f"Finished already. Dump: {SESSION}/dump.xml, content: {SESSION}/archives", told])
+    assert imitated.runs() == STEPS[:4]
+    assert imitated.run(f"--session-path={SESSION}", "--from=dump").code == 0
+    last = imitated.run("--final", SESSION)
+    assert last.code == 0 and told not in last.stdout.decode()
+    assert imitated.runs() == [*STEPS[:4], "dump", "content", "remove"]
+    assert status()["state"] == "finished"
+    # What comes after needs an agent again, and is final as well.
+    assert imitated.run("--from=dump", SESSION).code == 0
+    assert imitated.runs()[7:] == STEPS[1:]
+
+
+def test_final_and_kept_exclude_each_other_and_the_later_one_counts(imitated):
+    assert complaint(imitated.run(*ALL, "--keep-agent")) == "--final and --keep-agent exclude each other (see --help)"
+    imitated.does("dump", "exit 2")
+    assert imitated.run(*ALL).code == 2
+    os.unlink(f"{IMITATION}/dump")
+    assert imitated.run("--keep-agent", SESSION).code == 0
+    assert imitated.runs() == ["scout", "deploy", "dump", "dump", "content"]
+
+
+def test_asks_for_increments_unless_whole_archives_are_wanted_or_the_agent_is_another_one(imitated):
+    name = "SONDREL_DUMP_INCREMENTS"
+    assert imitated.run(*KEPT).code == 0
+    assert imitated.environment(2)[name] == "yes"
+    assert imitated.run("--from=dump", SESSION, environment={name: "no"}).code == 0
+    assert imitated.environment(4)[name] == "no"
+    assert complaint(imitated.run("--full", SESSION)) == (
+        "--full is for a dump, and that is done: give --from=dump with it (see --help)")
+    assert imitated.run("--full", "--from=dump", SESSION, environment={name: "yes"}).code == 0
+    assert name not in imitated.environment(6)
+    assert imitated.run("--from=deploy", "--agent-name=other", SESSION).code == 0
+    assert name not in imitated.environment(9)
+
+
 def test_going_back_to_the_removal_removes_an_agent_that_was_kept(imitated):
-    assert imitated.run(*ALL, "--keep-agent").code == 0
+    assert imitated.run(*KEPT, "--keep-agent").code == 0
     outcome = imitated.run(f"--session-path={SESSION}", "--from=remove", "--keep-agent")
     assert complaint(outcome) == "--from=remove and --keep-agent exclude each other (see --help)"
     imitated.does("remove", "exit 2")

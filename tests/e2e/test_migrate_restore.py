@@ -6,7 +6,7 @@ import pytest
 from migrating import IMITATION, RESTORE_STEPS, STEPS, ImitatedSondrel, State, progress_of, status
 from world import SESSION
 
-ALL = [f"--session-path={SESSION}", "--host=src.example", "--login=root", "--dump-all"]
+ALL = [f"--session-path={SESSION}", "--host=src.example", "--login=root", "--dump-all", "--final"]
 AGAIN = f"--session-path={SESSION}"
 ALL_STEPS = [*STEPS, *RESTORE_STEPS]
 
