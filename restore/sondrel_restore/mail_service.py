@@ -5,6 +5,7 @@ if nobody has set it here; what it was is kept, for the day when the last domain
 """
 from __future__ import annotations
 
+import contextlib
 import dataclasses
 import hashlib
 import json
@@ -285,6 +286,10 @@ class _Made:
         """Keeps what was written."""
         if not self.files and not self.settings:
             remove_file(self._path)
+            for directory in (DIRECTORY, os.path.dirname(DIRECTORY)):
+                with contextlib.suppress(OSError):
+                    # Only if nothing else is in it.
+                    os.rmdir(directory)
             return
         make_directories(DIRECTORY, mode=0o700, uid=0, gid=0)
         content = json.dumps({"files": self.files, "settings": self.settings}).encode()

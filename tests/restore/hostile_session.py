@@ -209,6 +209,13 @@ def _web(session, port):
     }.items():
         blocks.append(directive("location", f"/{len(blocks)}/", block=[*inside, directive("root", path)]))
         yield Attack(f"nginx: {name}", _says(f"root {path};"))
+    for name, inside in {
+        "groups of an expression": directive("root", "/srv/a/$1/$2"),
+        "a rule": directive("rewrite", r"^/b(\.\.)/b(\.\.)/(.*)$", "/$1/$2/$3", "break"),
+    }.items():
+        blocks.append(directive("location", "~", rf"^/{len(blocks)}(\.\.)/a(\.\.)/(.*)$", block=[inside]))
+        yield Attack(f"nginx: a way up by {name}", _says(
+            "root /srv/a/$1/$2;" if "root" in inside else "/$1/$2/$3 break;"))
     for name, address in {"a number that is the cloud's metadata": "http://2852039166/",
                           "the metadata in another form": "http://[::ffff:169.254.169.254]/",
                           "a service of this host at its public address": f"http://{OWN_ADDRESS}:9200/"}.items():

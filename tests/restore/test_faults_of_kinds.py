@@ -1,0 +1,195 @@
+"""What can befall an apply of all kinds: kills, full disks, servers that are down or refuse; and how it goes on."""
+import contextlib
+import os
+import subprocess
+from pathlib import Path
+
+import pytest
+import server_dumps
+from destination import own_etc, snapshot
+from lxml import etree
+from mail_session import archive
+from test_faults import killed_at
+from test_files import directory, file
+from test_mail import MAIN_CF, MESSAGE, maildir
+from test_pools import VERSION
+from test_sites_answer import CONFIGURATION, PHP
+from made_session import made_of
+from web_world import directive, ended, server
+
+BOX = "/var/mail/vhosts/shop.test/info"
+TABLE = "/var/spool/cron/crontabs/alice"
+# Postfix makes what is in its queue, and the first apply what caches of nginx lie in; logs stay.
+PLACES = ("/etc", "/home", "/var/mail", "/var/spool/cron", "/var/lib/sondrel-restore")
+DATABASES = {
+    "mysql": ("CREATE DATABASE shop; CREATE TABLE shop.t (id int); INSERT INTO shop.t VALUES (1), (2);"
+              "CREATE USER shop@localhost IDENTIFIED BY 'right'; GRANT ALL ON shop.* TO shop@localhost;",
+              "DROP DATABASE shop; DROP USER shop@localhost",
+              "SELECT schema_name FROM information_schema.schemata; SELECT user FROM mysql.user"),
+    "postgresql": ("CREATE ROLE shop LOGIN PASSWORD 'right';\nCREATE DATABASE shop OWNER shop;\n\\connect shop\n"
+                   "CREATE TABLE t (id int); INSERT INTO t VALUES (1), (2); ALTER TABLE t OWNER TO shop;",
+                   "DROP DATABASE shop;\nDROP ROLE shop",
+                   "SELECT datname FROM pg_database; SELECT rolname FROM pg_roles"),
+}
+
+
+@pytest.fixture(name="host")
+def host_with_servers(session):
+    """This host with its servers, and a session with something of each kind but databases."""
+    for name in ("nginx", "php", "postfix", "dovecot"):
+        own_etc(name)
+    for place in ("/var/log/nginx", "/var/spool/postfix", "/var/cache/nginx"):
+        os.makedirs(place, exist_ok=True)
+    Path("/etc/postfix/main.cf").write_text(MAIN_CF, encoding="ascii")
+    session.add(CONFIGURATION.format("nginx", ""))
+    # userdel looks at processes of all worlds: no other test has this number.
+    alice = session.add_client("alice", 31000 + os.getpid() % 20000)
+    session.add_account("post", 30050)
+    alice.insert(0, etree.fromstring(session.content(
+        "client", "content/clients/alice.tar", archive({TABLE: b"@daily x\n"}, uid=30001))))
+    alice.insert(1, etree.fromstring(f'<cron when="@daily" file="{TABLE}">x</cron>'))
+    session.add_site(alice, "shop.test", "/home/alice/shop", session.content(
+        "site", "content/sites/shop.test.tar.gz", made_of(
+            directory("./home/alice"), directory("./home/alice/shop"), file("./home/alice/shop/index.html"))))
+    site = session.tree.find(".//site")
+    site.insert(0, etree.fromstring(PHP))
+    session.add('<block configuration="nginx1">' + server(
+        directive("listen", "80"), directive("server_name", "shop.test"), directive("root", "/home/alice/shop"),
+        directive("location", "~", r"\.php$", block=[directive("fastcgi_pass", "unix:/run/php/alice.sock")]),
+        directive("access_log", "/x/a.log")) + "</block>", site)
+    mailbox = session.content("mailbox", "content/mailboxes/info.tar", archive(
+        maildir(BOX, new__1=MESSAGE), owner="post", uid=30050))
+    session.tree.find(".//domain").append(etree.fromstring(
+        '<alias from="sales@shop.test" file="/etc/postfix/virtual">info@shop.test</alias>'))
+    session.tree.find(".//domain").append(etree.fromstring(
+        f'<mailbox address="info@shop.test" path="{BOX}" format="maildir" owner="post">{mailbox}</mailbox>'))
+    with ended("/run/nginx.pid", f"/run/php/php{VERSION}-fpm.pid"):
+        yield session
+
+
+@contextlib.contextmanager
+def databases(session, *kinds):
+    """Servers of these kinds, each with a database in the session; yields what tells its state."""
+    with contextlib.ExitStack() as stack:
+        running = {kind: stack.enter_context(server_dumps.server(kind, f"/mnt/{kind}")) for kind in kinds}
+        # Settings of mail servers are hidden with those of the databases, unless they are ours already.
+        for kind, one in running.items():
+            one.sql(DATABASES[kind][0])
+        for element in list(server_dumps.dump_all(session).values()):
+            assert element.get("name") in ("shop", "postgres")
+        for element in session.tree.xpath("//unassigned/database[@name='postgres']"):
+            element.getparent().remove(element)
+        for kind, one in running.items():
+            one.sql(DATABASES[kind][1])
+        yield running
+
+
+def state(running=()):
+    """What is to be the same again after an undo."""
+    return snapshot(*PLACES), {kind: sorted(running[kind].sql(DATABASES[kind][2]).split()) for kind in running}
+
+
+def assert_is(before, running=()):
+    """That all is as it was, with what is not."""
+    now = state(running)
+    differing = {path: (before[0].get(path), now[0].get(path)) for path in before[0].keys() | now[0].keys()
+                 if before[0].get(path) != now[0].get(path)}
+    assert not differing and before[1] == now[1]
+
+
+def ends_well(session, before, running=()):
+    """The same command completes, all is as it was fetched, and can be taken back."""
+    session.run("apply", check=0)
+    session.run("verify")
+    assert "0 changed" in session.run("apply", check=0).stdout
+    session.run("undo", check=0)
+    assert_is(before, running)
+
+
+@pytest.mark.parametrize("call, numbers", [
+    ("fdatasync", (5, 10, 12, 8, 5)), ("fork,vfork,clone,clone3", (8, 20, 32))])
+def test_goes_on_after_kills_in_all_kinds_and_can_be_taken_back(host, call, numbers):
+    """Killed further and further on, between steps and while programs run."""
+    with databases(host, "mysql", "postgresql") as running:
+        before = state(running)
+        hits = [killed_at(host, call, number) for number in numbers]
+        assert sum(hits) >= len(numbers) - 1
+        host.run("undo", check=0)
+        assert_is(before, running)
+        assert killed_at(host, call, numbers[-2])
+        ends_well(host, before, running)
+
+
+@pytest.mark.parametrize("places", [
+    ("/etc/nginx/sites-available", "/etc/nginx/sites-enabled"),
+    (f"/etc/php/{VERSION}/fpm/pool.d", "/var/lib/sondrel-restore"),
+    ("/var/mail", "/var/spool/cron/crontabs")])
+def test_tells_of_full_file_systems_of_each_kind_and_goes_on(host, places):
+    """No file more can be made there."""
+    host.write()
+    for place in places:
+        content = snapshot(place) if os.path.isdir(place) else {}
+        files = {path: Path(path).read_bytes() for path in content if os.path.isfile(path)}
+        os.makedirs(place, exist_ok=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755,nr_inodes=100,size=1m", "own", place], check=True)
+        for path, text in files.items():
+            Path(path).write_bytes(text)
+        subprocess.run(["mount", "-o", f"remount,nr_inodes={len(os.listdir(place)) + 1}", place], check=True)
+    before = state()
+    done = host.run("apply", check=1)
+    assert "No space left on device" in done.stderr and "Traceback" not in done.stderr
+    for place in places:
+        subprocess.run(["mount", "-o", "remount,nr_inodes=1000", place], check=True)
+    ends_well(host, before)
+
+
+def test_tells_of_a_full_disk_of_a_database_server_and_goes_on(host):
+    os.makedirs("/mnt/postgresql")
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=150m,mode=755", "own", "/mnt/postgresql"], check=True)
+    with databases(host, "postgresql") as running:
+        before = state(running)
+        with open("/mnt/postgresql/ballast", "wb") as ballast:
+            about = os.statvfs("/mnt/postgresql")
+            ballast.write(bytes(about.f_bavail * about.f_frsize - (2 << 20)))
+        done = host.run("apply", check=1)
+        assert "postgresql:shop" in done.stderr and "No space left on device" in done.stderr
+        os.unlink("/mnt/postgresql/ballast")
+        ends_well(host, before, running)
+
+
+REFUSALS = {
+    "/etc/nginx/conf.d/broken.conf": "nonsense;",
+    f"/etc/php/{VERSION}/fpm/pool.d/broken.conf": "[broken]\nnonsense = 1\n",
+    "/etc/dovecot/conf.d/00-broken.conf": "nonsense { nonsense\n",
+    "/etc/postfix/main.cf": MAIN_CF + "queue_directory = /dev/null\n",
+}
+
+
+def test_names_each_server_whose_own_settings_are_refused_and_goes_on(host):
+    """What was broken before an apply stays this host's; the other kinds are made."""
+    before = state()
+    was = {path: Path(path).read_text(encoding="utf-8") if os.path.exists(path) else None for path in REFUSALS}
+    for path, text in REFUSALS.items():
+        Path(path).write_text(text, encoding="utf-8")
+    done = host.run("apply", check=1)
+    assert "Traceback" not in done.stderr
+    assert os.path.exists("/home/alice/shop/index.html") and os.path.exists(TABLE)
+    assert not os.path.lexists("/etc/nginx/sites-enabled/shop.test.conf")
+    for part in ("pool", "mail"):
+        assert f"failed: {part}" in done.stderr, done.stderr
+    for path, text in was.items():
+        os.unlink(path) if text is None else Path(path).write_text(text, encoding="utf-8")
+    ends_well(host, before)
+
+
+def test_names_servers_that_are_down_and_goes_on_when_they_are_up(host):
+    with databases(host, "mysql", "postgresql") as running:
+        before = state(running)
+        for one in running.values():
+            one.stop()
+        done = host.run("apply", check=0)
+        assert "mysql:shop" in done.stdout and "answers here" in done.stdout
+        assert "postgresql:shop" in done.stdout and os.path.exists("/home/alice/shop/index.html")
+        for one in running.values():
+            one.start()
+        ends_well(host, before, running)
