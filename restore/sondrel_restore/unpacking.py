@@ -429,6 +429,9 @@ class _Tree:
 
     def _set_attributes(self, descriptor: int, member: Member) -> None:
         for name, value in member.attributes.items():
+            if name.startswith("system.posix_acl_"):
+                # With numbers of the source host; the list comes as text, too.
+                continue
             if not name.startswith("user."):
                 self.notes.add(f"without its attribute {name}", member.path)
                 continue

@@ -2,6 +2,7 @@
 import os
 import pwd
 import stat
+import subprocess
 import tarfile
 
 import pytest
@@ -59,6 +60,20 @@ def test_needs_no_decision_for_what_is_here_already_and_the_same(session):
     assert snapshot("/srv") == before
     renewed(session, directory("./srv/page"), directory("./srv/page/more"), file("./srv/page/index.html", b"welcome"))
     assert "--replace=files:sites/shop.test" in session.run("plan", check=3).stdout
+
+
+def test_restores_a_list_of_who_may_use_a_file(session):
+    """GNU tar has the list twice, as text and as an attribute with numbers of the source host."""
+    session.add_account("bob", 30002)
+    headers = {"SCHILY.acl.access": "user::rw-,user:bob:rw-,group::r--,mask::rw-,other::---",
+               "SCHILY.xattr.system.posix_acl_access": "numbers"}
+    site(session, *usual(), file("./home/alice/shop/of both", b"x", mode=0o660, pax_headers=headers))
+    done = session.run("apply", check=0)
+    listed = subprocess.run(["getfacl", "--numeric", "--absolute-names", "/home/alice/shop/of both"], check=True,
+                            capture_output=True, text=True).stdout
+    assert "user:30002:rw-\n" in listed
+    assert "posix_acl" not in done.stdout + done.stderr
+    session.run("verify", check=0)
 
 
 def test_makes_a_site_with_its_account_and_then_changes_nothing(session):
