@@ -53,6 +53,13 @@ def test_dumps_what_was_selected_with_the_sample_agent(source, login):
         ("client", [("name", "c")], "", [("file", [("size", "16")], "content/clients/c/mail/x", [])])]
 
 
+def test_asks_the_agent_for_increments_only_where_they_are_wanted(source):
+    for asked, expected in (("yes", " --migration-mode --increments --dump-all"), ("no", " --migration-mode --dump-all")):
+        deployed_agent(PLAIN, "echo \"$*\" > \"${0%/*}/asked\"; echo '<dump/>' > \"${0%/*}/dump.xml\"")
+        assert Destination(PLAIN).run("dump-all", environment={"SONDREL_DUMP_INCREMENTS": asked}).code == 0
+        assert " " + read(f"{PLAIN.agent_dir}/asked").decode().strip() == expected
+
+
 def test_sends_these_very_lines_through_sudo(source):
     deployed_agent(SUDOER, "echo '<dump/>' > \"${0%/*}/dump.xml\"")
     assert Destination(SUDOER).run("dump-all").code == 0

@@ -96,6 +96,67 @@ def test_every_archive_unpacked_is_what_was_on_the_source_host(source, host, kin
     assert not os.path.exists(login.agent_dir)
 
 
+INCREMENTS = {"SONDREL_DUMP_INCREMENTS": "yes"}
+
+
+def fetched_pass():
+    """A dump with increments, fetched; and what came with it."""
+    before = {name: os.stat(f"{ARCHIVES}/{os.fsdecode(name)}").st_mtime_ns for name in files_below(ARCHIVES)}
+    run(ROOT, "dump-all", environment=INCREMENTS)
+    dump = Dump(Session().read("dump.xml"))
+    check_schema(dump.text, "dump")
+    run(ROOT, "get-content")
+    assert Session().messages("transfer.result") == []
+    came = {os.fsdecode(name) for name in files_below(ARCHIVES)
+            if before.get(name) != os.stat(f"{ARCHIVES}/{os.fsdecode(name)}").st_mtime_ns}
+    return dump, came
+
+
+def unpack_in_order(dump):
+    """What docs/linux-agent.md says of increments."""
+    for content in dump.files().values():
+        if ".tar" not in content.get("file"):
+            continue
+        unpack(f"{ARCHIVES}/{content.get('file')}")
+        for increment in content.iter("increment"):
+            for gone in increment.iter("gone"):
+                subprocess.run(["sh", "-c", 'gzip -dc "$1" | xargs -0 -r rm -df --', "sh",
+                                f"{ARCHIVES}/{gone.get('file')}"], cwd=STAGE, check=True)
+            unpack(f"{ARCHIVES}/{increment.get('file')}")
+
+
+def test_a_further_pass_fetches_what_has_changed_and_all_in_order_is_what_is_there(source, host):
+    run(ROOT, "deploy-agent")
+    # An increment must be worth it.
+    write("/home/alice/a.test/large", os.urandom(400000))
+    first, _ = fetched_pass()
+    assert (first.root.get("version"), list(first.root.iter("increment"))) == ("2", [])
+    again, came = fetched_pass()
+    assert {name for name in came if name.endswith(".tar.gz")} == set()
+    assert again.files().keys() == first.files().keys()
+    write("/home/alice/a.test/note", b"changed")
+    os.utime("/home/alice/a.test/note", (1, 1))
+    write("/home/alice/a.test/new", b"new")
+    fetched_pass()
+    write("/home/alice/a.test/note", b"changed again")
+    os.rename("/home/alice/a.test/new", "/home/alice/a.test/renamed")
+    last, came = fetched_pass()
+    site = last.find("domain", "a.test").find("content")
+    assert (last.root.get("version"), len(site.findall("increment"))) == ("2.1", 2)
+    file = site.get("file")
+    assert came - {"dump.xml"} == {file.replace(".tar", "=.2.tar"), file.replace(".tar", "=.2.gone")}
+    unpack_in_order(last)
+    arrived(*TREES, *FULL_TREES)
+    # Who does not ask gets whole archives.
+    write("/home/alice/a.test/note", b"changed once more")
+    whole = dumped(ROOT)
+    assert list(whole.root.iter("increment")) == []
+    run(ROOT, "get-content")
+    shutil.rmtree(STAGE)
+    unpack_in_order(whole)
+    arrived(*TREES, *FULL_TREES)
+
+
 def check_description(shop, wiki):
     """What a program that makes the databases anew reads besides the dumps."""
     assert (shop.get("encoding"), shop.get("collation")) == ("utf8mb4", "utf8mb4_general_ci")

@@ -73,6 +73,12 @@ TEST_F(MigrateStateTest, IsFinishedWhenAllThatIsWantedIsDone) {
   State state = allDone();
   EXPECT_TRUE(state.isFinished());
   state.of(Step::REMOVE).progress = Progress::WAITING;
+  EXPECT_TRUE(state.isFinished());
+  state.settings.set("final", "");
+  EXPECT_FALSE(state.isFinished());
+  state.settings.set("final", "no");
+  EXPECT_TRUE(state.isFinished());
+  state.settings.set("keep-agent", "no");
   EXPECT_FALSE(state.isFinished());
   state.settings.set("keep-agent", "");
   EXPECT_TRUE(state.isFinished());
