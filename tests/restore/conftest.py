@@ -20,7 +20,8 @@ def pytest_runtest_setup(item):
     if item.config.getoption("forked", False):
         os.setsid()
         world.die_with_parent()
-        faulthandler.dump_traceback_later(120, exit=True)
+        # Long enough beside ten others; what waits for something has a deadline of its own.
+        faulthandler.dump_traceback_later(600, exit=True)
 
 
 @pytest.fixture(scope="session", autouse=True)
