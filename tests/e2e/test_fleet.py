@@ -225,7 +225,7 @@ def imitated():
 
 def begin(imitated, session=PLACE, **more):
     given = {"session": session, "program": imitated.program, "password": "a-passphrase",
-             "settings": {"host": "src.example", "login": "root", "dump-all": True}, **more}
+             "settings": {"host": "src.example", "login": "root", "dump-all": True, "final": True}, **more}
     return module("sondrel_migrate", **given)
 
 
@@ -277,7 +277,8 @@ def test_a_login_by_key_has_its_passphrase_and_needs_no_password(imitated):
 
 
 def test_a_finished_migration_is_begun_again_only_for_other_settings_or_a_step_to_go_back_to(imitated):
-    settings = {"host": "src.example", "login": "root", "domains": ["a.example", "b.example"], "server": False}
+    settings = {"host": "src.example", "login": "root", "domains": ["a.example", "b.example"], "server": False,
+                "final": True}
     assert begin(imitated, check=True, settings=settings)["changed"] is True
     assert not os.path.exists(SESSION)
     assert begin(imitated, settings=settings)["changed"] is True
@@ -323,7 +324,8 @@ def test_what_was_killed_is_cut_short_and_is_gone_on_with(imitated):
 
 def test_a_run_begun_by_hand_is_waited_for_and_left_alone(imitated):
     go_on = hold(imitated, "dump")
-    running = imitated.start(f"--session-path={PLACE}", "--host=src.example", "--login=root", "--dump-all")
+    running = imitated.start(f"--session-path={PLACE}", "--host=src.example", "--login=root", "--dump-all",
+                             "--final")
     wait_until(lambda: imitated.is_at("dump"), "the dump")
     assert begin(imitated)["changed"] is False
     assert look(imitated)["state"] == "running"
