@@ -11,6 +11,8 @@
 #include <system_error>
 #include <utility>
 
+#include "commons/signal_mask.h"
+
 namespace {
 
 /// Of the signals that end a process on somebody's request, those that will.
@@ -28,24 +30,6 @@ sigset_t endingSignals() {
 UniqueFd checked(int descriptor, const char* what) {
   if (descriptor < 0) throw std::system_error(errno, std::generic_category(), what);
   return UniqueFd(descriptor);
-}
-
-/// Gives the thread that made it another signal mask.
-class SignalMaskGuard {
- public:
-  SignalMaskGuard(int how, const sigset_t& set) { pthread_sigmask(how, &set, &original_); }
-  ~SignalMaskGuard() { pthread_sigmask(SIG_SETMASK, &original_, nullptr); }
-  SignalMaskGuard(const SignalMaskGuard&) = delete;
-  SignalMaskGuard& operator=(const SignalMaskGuard&) = delete;
-
- private:
-  sigset_t original_;
-};
-
-sigset_t allSignals() {
-  sigset_t set;
-  sigfillset(&set);
-  return set;
 }
 
 [[noreturn]] void endBy(int number) {

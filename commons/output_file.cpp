@@ -7,17 +7,31 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <log4cpp/Category.hh>
+#include <system_error>
 
 #include "commons/ExSystemError.h"
 
 namespace {
 
+log4cpp::Category& outputLog = log4cpp::Category::getInstance("k.OutputFile");
+
 /// How much a disk is given to write at a time, while more comes in.
 constexpr off_t WRITE_OUT_BYTES = 8 << 20;
+/// A smaller file is written sooner than a thread is started.
+constexpr off_t WRITE_BEHIND_FROM_BYTES = 1 << 20;
 
 }  // namespace
 
 bool FdStreamBuf::finish() {
+  return sync() == 0 && truncate();
+}
+
+int FdStreamBuf::sync() {
+  return !behind_ || behind_->drain() ? 0 : -1;
+}
+
+bool FdStreamBuf::truncate() {
   if (replacing_ && ftruncate(fd_, 0) != 0) {
     error_ = errno;
     return false;
@@ -27,7 +41,27 @@ bool FdStreamBuf::finish() {
 }
 
 std::streamsize FdStreamBuf::xsputn(const char* bytes, std::streamsize size) {
-  if (size > 0 && !finish()) return 0;
+  if (behind_) return behind_->put(bytes, static_cast<std::size_t>(size)) ? size : 0;
+  if (size > 0 && !truncate()) return 0;
+  const std::streamsize done = writeNow(bytes, size);
+  if (isBehindWanted_ && done == size && written_ >= WRITE_BEHIND_FROM_BYTES) startBehind();
+  return done;
+}
+
+void FdStreamBuf::startBehind() {
+  isBehindWanted_ = false;
+  try {
+    behind_ = std::make_unique<WriteBehind>([this](const char* bytes, std::size_t size) {
+      const auto count = static_cast<std::streamsize>(size);
+      return writeNow(bytes, count) == count;
+    });
+  } catch (const std::system_error& e) {
+    // It is as well written by this one, only slower.
+    outputLog.debug(std::string("There is no second thread to write a file: ") + e.what());
+  }
+}
+
+std::streamsize FdStreamBuf::writeNow(const char* bytes, std::streamsize size) {
   std::streamsize done = 0;
   while (done < size) {
     const ssize_t written = write(fd_, bytes + done, static_cast<std::size_t>(size - done));
@@ -96,7 +130,9 @@ bool OutputFile::noteFailure() {
 }
 
 bool OutputFile::close() {
-  const bool complete = file_ && stream_.good() && buffer_.finish();
+  // Nothing is written any more when the descriptor goes.
+  const bool isWritten = buffer_.pubsync() == 0;
+  const bool complete = file_ && stream_.good() && isWritten && buffer_.finish();
   if (file_.close() != 0) return noteFailure();
   return complete;
 }

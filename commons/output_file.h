@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "commons/checksum.h"
 #include "commons/unbuffered_streambuf.h"
 #include "commons/unique_fd.h"
+#include "commons/write_behind.h"
 
 /// Writes to a descriptor without a buffer of its own, so that a full disk is seen
 /// at the write it hits. Continues short writes and interrupted ones.
@@ -23,7 +25,11 @@ class FdStreamBuf : public UnbufferedStreamBuf {
   };
   explicit FdStreamBuf(int fd, Kind kind = PLAIN)
       : fd_(fd), kind_(kind), replacing_(kind == CONTENT) {}
-  /// False when what the file held could not be truncated.
+  /// From now on has a thread of its own write and sum what comes, beginning when enough has come
+  /// to be worth it. A write that fails is then seen at a later one, or by `pubsync` or `finish`,
+  /// until which the sum must be left alone.
+  void writeBehind() { isBehindWanted_ = true; }
+  /// False when what the file held could not be truncated, or what was taken could not be written.
   bool finish();
   /// From now on counts what was written; `sum` must outlive the buffer, or the next
   /// call, which may give null.
@@ -33,8 +39,12 @@ class FdStreamBuf : public UnbufferedStreamBuf {
 
  protected:
   std::streamsize xsputn(const char* bytes, std::streamsize size) override;
+  int sync() override;
 
  private:
+  bool truncate();
+  void startBehind();
+  std::streamsize writeNow(const char* bytes, std::streamsize size);
   void writeOut();
 
   int fd_;
@@ -44,6 +54,9 @@ class FdStreamBuf : public UnbufferedStreamBuf {
   off_t writtenOut_ = 0;
   int error_ = 0;
   Md5Sum* sum_ = nullptr;
+  bool isBehindWanted_ = false;
+  /// Null before enough has come. While it is at work the members above are its thread's.
+  std::unique_ptr<WriteBehind> behind_;
 };
 
 /// Which file it is, whatever its name.
@@ -93,6 +106,10 @@ class OutputFile {
   FileIdentity identity() const;
   /// Counts from now on what goes into the file; `sum` must outlive it.
   void setSum(Md5Sum* sum) { buffer_.setSum(sum); }
+  /// Writes and sums a large file in a thread of its own while more of it comes. A flush of the
+  /// stream waits for all of it, and fails when that could not be written; before it, or after
+  /// closing, the sum must not be looked at.
+  void writeBehind() { buffer_.writeBehind(); }
 
   /// True when every byte went to the system and closing reported no error.
   bool close();

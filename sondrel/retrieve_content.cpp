@@ -158,6 +158,7 @@ std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file, 
   try {
     OutputFile local = contentFolder().create(file.name);
     local.setSum(sum);
+    local.writeBehind();
     if (fetch(file, local, err, counter) != 0) return errorTextOf(err);
     const FileIdentity written = local.identity();
     if (!local.syncAndClose()) return local.errorText();

@@ -340,7 +340,11 @@ int Ssh::get(std::ostream& out, const std::string& remotePath) {
 int Ssh::get(OutputFile& localFile, std::ostream& err, const std::string& remotePath,
              Counter& counter) {
   sshLog.debug("Reading data to the file " + localFile.path());
-  return get(localFile.stream(), err, remotePath, counter);
+  std::ostream& stream = localFile.stream();
+  const int status = get(stream, err, remotePath, counter);
+  // What is written behind may have failed. A file that could not be opened takes nothing.
+  if (stream && !stream.flush()) throw Exc<&StreamWrite>(HERE);
+  return status;
 }
 
 int Ssh::get(const std::string& localPath, std::ostream& err, const std::string& remotePath,

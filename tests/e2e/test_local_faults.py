@@ -188,6 +188,29 @@ def test_content_file_that_outgrows_its_disk_stays_on_the_source_host(pages):
     assert os.path.getsize(f"{DUMPS}/first") == pages * PAGE
 
 
+# (size of the file, room): large enough that a second thread writes it
+LARGE = {"amid the file": (6 << 20, 2 << 20), "last bytes": ((2 << 20) + 1000, 2 << 20)}
+
+
+@pytest.mark.usefixtures("content_verify")
+@pytest.mark.parametrize("size, room", LARGE.values(), ids=LARGE)
+def test_large_content_file_that_outgrows_its_disk_stays_on_the_source_host(size, room):
+    entries = {"large": bytes(range(256)) * (size // 256) + b"x" * (size % 256), "next": b"n"}
+    mount(DUMPS, f"size={room}")
+    offered(ROOT, *entries.items())
+    job = dataclasses.replace(CONTENT, options=("--no-check-space", "--dumps-dir", DUMPS))
+    outcome = job.start().finish(60)
+    check(outcome, entries, target=DUMPS)
+    assert (outcome.code, innermost("transfer.result")) == (2, "StreamWrite")
+    assert "No space left on device" in Session().read("transfer.result").decode()
+    assert left(ROOT) == sorted(entries)
+    assert read(f"{DUMPS}/large") == entries["large"][:room]
+    remount(DUMPS, f"size={2 * size}")
+    assert job.start().finish(60).code == 0
+    assert {name: read(f"{DUMPS}/{name}") for name in entries} == entries
+    assert left(ROOT) == []
+
+
 # document: (the run, its path from the start, how many bytes it takes, how the run ends)
 DOCUMENTS = {
     "content file": (CONTENT, "archives/first", len(TEXT), "StreamWrite"),

@@ -260,6 +260,63 @@ TEST(FdStreamBufTest, KeepsTheFirstErrorAndLeavesTheDescriptorOpen) {
   EXPECT_GE(fcntl(full.get(), F_GETFD), 0);
 }
 
+TEST(OutputFileTest, WritesAndSumsALargeFileBehind) {
+  const ScopedTempDir dir;
+  OutputFile file(dir / "file");
+  Md5Sum sum;
+  file.setSum(&sum);
+  file.writeBehind();
+  const std::string bytes = countMd5Sum(std::string("some")) + std::string(5 << 20, 'x') + "end";
+  for (std::size_t done = 0; done < bytes.size(); done += 65536) {
+    const std::string chunk = bytes.substr(done, 65536);
+    ASSERT_TRUE(file.stream().write(chunk.data(), static_cast<std::streamsize>(chunk.size())));
+  }
+  EXPECT_TRUE(file.stream().flush());
+  EXPECT_TRUE(readFile(dir / "file") == bytes);
+  EXPECT_EQ(sum.finish(), countMd5Sum(bytes));
+  EXPECT_TRUE(file.syncAndClose());
+}
+
+TEST(OutputFileTest, SeesAFullDiskThatIsHitBehind) {
+  constexpr std::size_t ROOM = 2 << 20;
+  const ScopedTempDir dir;
+  const ScopedTmpfs fileSystem(dir.path(), ROOM);
+  const auto fill = [&](OutputFile& file, std::size_t size) {
+    file.writeBehind();
+    const std::string chunk(65536, 'x');
+    for (std::size_t done = 0; done < size; done += chunk.size()) file.stream() << chunk;
+  };
+  {
+    // Not before all of it has been brought.
+    OutputFile file(dir / "flushed");
+    fill(file, ROOM + 65536);
+    EXPECT_FALSE(file.stream().flush());
+    EXPECT_EQ(file.errorText(), "No space left on device");
+    EXPECT_FALSE(file.syncAndClose());
+  }
+  for (const bool isSynced : {false, true}) {
+    OutputFile file(dir / "flushed");
+    fill(file, ROOM + 65536);
+    EXPECT_FALSE(isSynced ? file.syncAndClose() : file.close());
+    EXPECT_EQ(file.errorText(), "No space left on device");
+  }
+  OutputFile file(dir / "flushed");
+  fill(file, 10 * ROOM);
+  EXPECT_FALSE(file.stream());
+  EXPECT_EQ(readFile(dir / "flushed").size(), ROOM);
+}
+
+TEST(OutputFileTest, IsWrittenAsFarAsItCameWhenItIsDestroyed) {
+  const ScopedTempDir dir;
+  const std::string bytes(3 << 20, 'x');
+  {
+    OutputFile file(dir / "file");
+    file.writeBehind();
+    for (int i = 0; i < 3; ++i) file.stream() << bytes.substr(0, 1 << 20);
+  }
+  EXPECT_TRUE(readFile(dir / "file") == bytes);
+}
+
 TEST(SyncFolderTest, ForgivesAFileSystemThatCannotSyncFoldersOnly) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
