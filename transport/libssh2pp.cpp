@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <cerrno>
 #include <cstdlib>
@@ -123,8 +124,9 @@ std::string libraryVersion() {
   return libssh2_version(0);
 }
 
-/// False for a library of before 1.11.
-bool canSignRsaWithSha2() {
+/// False for a library of before 1.11: it signs with RSA keys by SHA-1 only, and has no cipher that
+/// authenticates by itself.
+bool isLibrary1_11OrLater() {
   constexpr int FIRST_VERSION = 0x010b00;
   return libssh2_version(FIRST_VERSION) != nullptr;
 }
@@ -148,6 +150,12 @@ ssize_t receive(libssh2_socket_t socket, void* buffer, std::size_t size, int fla
   const ssize_t received = recv(socket, buffer, std::min(size, data.allowance), flags);
   if (received < 0) return -errno;
   if (data.allowance != UNLIMITED) data.allowance -= static_cast<std::size_t>(received);
+  if (!data.ciphers.empty()) {
+    data.offer.add(static_cast<const char*>(buffer), static_cast<std::size_t>(received));
+    data.isPairMixed = data.offer.makesMixedPairOf(data.ciphers);
+    if (data.offer.isKnown()) data.ciphers.clear();
+    if (data.isPairMixed) return -ECONNRESET;
+  }
   return received;
 }
 
@@ -430,7 +438,8 @@ int Channel::waitForExitStatus() {
 // --- Session ---
 
 Session::Session(int socket, bool disableEncryption, bool compatibility,
-                 std::chrono::milliseconds loginLimit, const std::vector<std::string>& hostKeyTypes)
+                 std::chrono::milliseconds loginLimit, const std::vector<std::string>& hostKeyTypes,
+                 Ciphers wanted)
     : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, static_cast<CallbackData*>(this))),
       socket_(socket),
       compatibility_(compatibility),
@@ -442,12 +451,16 @@ Session::Session(int socket, bool disableEncryption, bool compatibility,
     sessionLog.debug(std::string("Disabling SSH encryption"));
     libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_CS, "none");
     libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_SC, "none");
+  } else if (isLibrary1_11OrLater()) {
+    preferCiphers(wanted);
   }
   if (compatibility_) {
     libssh2_session_method_pref(get(), LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
   }
   if (!hostKeyTypes.empty()) preferHostKeys(hostKeyTypes);
   start();
+  // The server may exchange keys again, and no more in plain text.
+  ciphers.clear();
 }
 
 /// The others stay on offer behind them: a server whose key was replaced by one of
@@ -461,6 +474,23 @@ void Session::preferHostKeys(const std::vector<std::string>& types) {
     return std::find(types.begin(), types.end(), type) != types.end();
   });
   libssh2_session_method_pref(get(), LIBSSH2_METHOD_HOSTKEY, boost::join(algorithms, ",").c_str());
+}
+
+/// That library hands those that authenticate by themselves a whole packet, those in counter mode
+/// 16 bytes at a time, and begins its own order with one that is slow everywhere. Both ways alike:
+/// of one that authenticates by itself and one that does not it makes no pair.
+void Session::preferCiphers(Ciphers wanted) {
+  std::vector<std::string> algorithms = supportedAlgorithms(LIBSSH2_METHOD_CRYPT_CS);
+  const auto isCounterMode = [](const std::string& name) { return boost::ends_with(name, "-ctr"); };
+  const auto counterModes =
+      std::stable_partition(algorithms.begin(), algorithms.end(), isGcmCipher);
+  std::stable_partition(counterModes, algorithms.end(), isCounterMode);
+  if (wanted == WITHOUT_GCM) algorithms.erase(algorithms.begin(), counterModes);
+  if (algorithms.empty()) return;
+  const std::string order = boost::join(algorithms, ",");
+  libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_CS, order.c_str());
+  libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_SC, order.c_str());
+  if (wanted == FASTEST_FIRST) ciphers = std::move(algorithms);
 }
 
 /// Those of the library, of a kind of method; empty when it does not tell them.
@@ -483,6 +513,7 @@ void Session::start() {
     limitCalls(get(), loginDeadline_);
     return libssh2_session_handshake(get(), socket_);
   });
+  if (isPairMixed) throw MixedCipherPair();
   if (result != 0) {
     const std::string error = lastError();
     reportStartFailure(error);
@@ -653,7 +684,7 @@ void Session::noteRefusal(int result, const std::string& key, const std::string&
     if (attempt.isKeyTaken) return;
   }
   attempt.refusal = "the server does not take " + key;
-  if (type == "ssh-rsa" && !canSignRsaWithSha2()) {
+  if (type == "ssh-rsa" && !isLibrary1_11OrLater()) {
     attempt.refusal += ": the SSH library of this host, libssh2 " + libraryVersion() +
                        ", signs with RSA keys by SHA-1 only, which servers since OpenSSH 8.8 "
                        "refuse. Use an ed25519 or ECDSA key";

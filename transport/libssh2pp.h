@@ -3,12 +3,14 @@
 #include <libssh2.h>
 
 #include <chrono>
+#include <exception>
 #include <functional>
 #include <limits>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "transport/cipher_offer.h"
 #include "transport/handle.h"
 #include "transport/known_hosts.h"
 #include "transport/private_key.h"
@@ -38,6 +40,20 @@ struct CallbackData {
   std::size_t allowance = std::numeric_limits<std::size_t>::max();
   /// Nothing more is to be received ever.
   bool lost = false;
+  /// The ciphers that are preferred both ways, where one that authenticates by itself is among
+  /// them; else none.
+  std::vector<std::string> ciphers = {};
+  CipherOffer offer = {};
+  /// The server would choose one that authenticates by itself for one way, and another one for the
+  /// other.
+  bool isPairMixed = false;
+};
+
+/// The server's choice of ciphers would be one that the library cannot handle: it aborts the
+/// process. Without ciphers that authenticate by themselves there is none such.
+class MixedCipherPair : public std::exception {
+ public:
+  const char* what() const noexcept override { return "The ciphers of both ways are no pair"; }
 };
 
 /// Limits the session's calls until `deadline`: the waits of each, and all that they
@@ -139,12 +155,17 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   /// What handshake and authentication together may take.
   static constexpr std::chrono::milliseconds LOGIN_LIMIT = std::chrono::seconds(120);
 
+  /// Which ciphers are offered, where the library has some that authenticate by themselves and
+  /// does well with them. Its own order is kept where it has not.
+  enum Ciphers { FASTEST_FIRST, WITHOUT_GCM };
+
   /// Starts the protocol on `socket`, which stays the caller's and must outlive the
   /// session. In compatibility mode only the oldest key exchange is offered. Of the
-  /// server's keys one of `hostKeyTypes` is preferred. Throws UnableToStartSshSession.
+  /// server's keys one of `hostKeyTypes` is preferred. Throws UnableToStartSshSession, and
+  /// MixedCipherPair before anything was enciphered, not for WITHOUT_GCM.
   Session(int socket, bool disableEncryption, bool compatibility,
           std::chrono::milliseconds loginLimit = LOGIN_LIMIT,
-          const std::vector<std::string>& hostKeyTypes = {});
+          const std::vector<std::string>& hostKeyTypes = {}, Ciphers wanted = FASTEST_FIRST);
   ~Session() override;
 
   /// The key by which the server has proved who it is.
@@ -204,6 +225,7 @@ class Session : private CallbackData, public Handle<LIBSSH2_SESSION, dtm_libssh2
   using Clock = std::chrono::steady_clock;
 
   void preferHostKeys(const std::vector<std::string>& types);
+  void preferCiphers(Ciphers wanted);
   void start();
   LIBSSH2_CHANNEL* openChannel();
   bool authorizeByPassword(const std::string& login, const std::string& password);

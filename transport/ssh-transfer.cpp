@@ -224,12 +224,24 @@ void Ssh::logIn(const std::string& login, const std::string& password,
 
 void Ssh::connect(const std::string& host, std::uint16_t port, bool disableEncryption,
                   bool compatibility, const HostKeyCheck& hostKeyCheck) {
+  try {
+    startSession(host, port, disableEncryption, compatibility, hostKeyCheck,
+                 libssh2pp::Session::FASTEST_FIRST);
+  } catch (const libssh2pp::MixedCipherPair& e) {
+    sshLog.debug(std::string(e.what()) + ": AES-GCM is not offered");
+    startSession(host, port, disableEncryption, compatibility, hostKeyCheck,
+                 libssh2pp::Session::WITHOUT_GCM);
+  }
+}
+
+void Ssh::startSession(const std::string& host, std::uint16_t port, bool disableEncryption,
+                       bool compatibility, const HostKeyCheck& hostKeyCheck,
+                       libssh2pp::Session::Ciphers ciphers) {
   // The session, if there is one, uses the socket: it goes first.
   auto socket = std::make_unique<Socket>(host, port);
-  auto session =
-      std::make_unique<libssh2pp::Session>(socket->descriptor(), disableEncryption, compatibility,
-                                           libssh2pp::Session::LOGIN_LIMIT, hostKeyCheck.types());
-  session_ = std::move(session);
+  session_ = std::make_unique<libssh2pp::Session>(socket->descriptor(), disableEncryption,
+                                                  compatibility, libssh2pp::Session::LOGIN_LIMIT,
+                                                  hostKeyCheck.types(), ciphers);
   socket_ = std::move(socket);
 }
 

@@ -189,6 +189,9 @@ class Ssh {
  private:
   void connect(const std::string& host, std::uint16_t port, bool disableEncryption,
                bool compatibility, const HostKeyCheck& hostKeyCheck);
+  void startSession(const std::string& host, std::uint16_t port, bool disableEncryption,
+                    bool compatibility, const HostKeyCheck& hostKeyCheck,
+                    libssh2pp::Session::Ciphers ciphers);
   void logIn(const std::string& login, const std::string& password, const LoginIdentity& identity,
              const PrivateKey* key);
   int put(std::istream& in, const std::string& remotePath, std::string& errorText);
