@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Compares the tool with scp and rsync; started by bench/run. See README.md."""
 import argparse
+import contextlib
 import dataclasses
 import json
 import os
@@ -13,8 +14,8 @@ import threading
 import time
 
 from contestants import (BINARY, CATALOGUED, ENVIRONMENT, HOST, OFFERED, PEER, PRISTINE, ROOT, TOP, BenchHost, Link,
-                         catalogue, link_files, make_pristine, measure, negotiated_algorithms, offer, remove, rsync,
-                         same, scp, sondrel, ssh, ssh_cat)
+                         catalogue, content_verification, link_files, make_pristine, measure, negotiated_algorithms,
+                         offer, remove, rsync, same, scp, sondrel, ssh, ssh_cat)
 from world import enter_private_network
 
 MEMORY = "/mnt/target"  # tmpfs
@@ -54,7 +55,7 @@ def speed(measured, peers=("scp", "rsync"), least=None):
 
 
 def peak(measured):
-    return Figure("peak memory", measured["sondrel"].peak_mib, "MiB", most=96)
+    return Figure("peak memory", measured["sondrel"].peak_mib, "MiB", most=32)
 
 
 class Bench:
@@ -104,9 +105,9 @@ class Bench:
         contestants = {"sondrel": sondrel(link, MEMORY, action)}
         return measure(contestants, self._pairs)["sondrel"].seconds
 
-    def one_file(self, size, rtt_ms=0, gbit=None, target=MEMORY, with_cat=False, least=None):
+    def one_file(self, size, rtt_ms=0, gbit=None, target=MEMORY, with_cat=False, least=None, verify=False):
         size = self.scaled(size)
-        with Link(rtt_ms, gbit) as link:
+        with Link(rtt_ms, gbit) as link, content_verification() if verify else contextlib.nullcontext():
             measured = self.fetch(1, size, link, target, with_cat)
         figures = [speed(measured, least=least), peak(measured),
                    Figure("rate", size / MB / measured["sondrel"].seconds, "MB/s")]
@@ -293,7 +294,8 @@ def distance(rtt_ms, least=None):
 CASES = {
     "relay": Bench.relay,
     "loopback-tmpfs": lambda bench: bench.one_file(GIB, with_cat=True, least=0.9),
-    "loopback-disk": lambda bench: bench.one_file(GIB, target=DISK, least=0.7),
+    "loopback-tmpfs-verify": lambda bench: bench.one_file(GIB, least=0.85, verify=True),
+    "loopback-disk": lambda bench: bench.one_file(GIB, target=DISK, least=0.8),
     **distance(10), **distance(50, 1.3), **distance(100, 1.6), **distance(200, 2.2),
     "many-loopback": lambda bench: bench.fetch_many(2000),
     "many-50ms": lambda bench: bench.fetch_many(200, 50),

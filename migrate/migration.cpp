@@ -365,6 +365,7 @@ RunOutcome Migration::run(Step step, const ArgList& arguments, const TextSink& o
                        arguments,
                        needsLogin ? *passwords_ : NO_PASSWORDS,
                        needsLogin ? state_.settings.get("identity") : "",
+                       needsLogin ? state_.settings.get("jump") : "",
                        !request_.full && knowsIncrements(state_.settings),
                        lock_->descriptor(),
                        onError,

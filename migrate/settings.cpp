@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "commons/jump_host.h"
 #include "commons/xml_wrap.h"
 #include "hostlib/qrv_conf.h"
 
@@ -66,6 +67,9 @@ void checkText(const std::string& name, const std::string& value) {
 void checkValue(const std::string& name, const std::string& value) {
   checkText(name, value);
   if (name == "port") checkPort(value);
+  if (name == "jump" && !parseJumpHost(value)) {
+    refuse("--jump is to be [login@]host[:port], with an address that has colons in brackets");
+  }
   if (name == "agent-parent") checkAgentParent(value);
   if (name == "domains" || name == "clients" || name == "resellers") checkNames(name, value);
 }
@@ -150,6 +154,7 @@ const std::vector<SettingKind>& settingKinds() {
   static const std::vector<SettingKind> kinds = {
       {"host", "HOST", Step::SCOUT, "the source host: a name or an address"},
       {"port", "N", std::nullopt, "the port of its SSH server; 22 if not given"},
+      {"jump", "[LOGIN@]HOST[:PORT]", std::nullopt, "reach it through this host, by ssh"},
       {"login", "NAME", std::nullopt, "the login there"},
       {"identity", "FILE", std::nullopt, "log in by this private key, or \"agent\""},
       {"sudo", nullptr, std::nullopt, "become root there by sudo"},

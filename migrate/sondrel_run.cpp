@@ -32,6 +32,8 @@ const std::array<const char*, 2> BATCH_VARIABLES = {"SONDREL_CONTENT_BATCH",
 const char* const INCREMENTS_VARIABLE = "SONDREL_DUMP_INCREMENTS";
 /// Tells sondrel the key to log in by.
 const char* const IDENTITY_VARIABLE = "SONDREL_IDENTITY";
+/// The same for the host that the way leads through.
+const char* const JUMP_VARIABLE = "SONDREL_JUMP";
 
 struct Pipe {
   UniqueFd readEnd;
@@ -57,12 +59,14 @@ Pipe openPipe() {
 /// The environment of this process with the passwords and the key to use; wiped when it goes.
 class ChildEnvironment {
  public:
-  ChildEnvironment(const Passwords& passwords, const std::string& identity, bool wantsIncrements) {
+  explicit ChildEnvironment(const SondrelRun& run) {
+    const Passwords& passwords = run.passwords;
     for (char** entry = environ; entry && *entry; ++entry) {
       if (!isVariable(*entry, LOGIN_VARIABLE) && !isVariable(*entry, SUDO_VARIABLE) &&
           !isVariable(*entry, LISTED_SIZES_VARIABLE) && !isVariable(*entry, KEY_VARIABLE) &&
-          (wantsIncrements || !isVariable(*entry, INCREMENTS_VARIABLE)) &&
-          (identity.empty() || !isVariable(*entry, IDENTITY_VARIABLE))) {
+          (run.wantsIncrements || !isVariable(*entry, INCREMENTS_VARIABLE)) &&
+          (run.identity.empty() || !isVariable(*entry, IDENTITY_VARIABLE)) &&
+          (run.jump.empty() || !isVariable(*entry, JUMP_VARIABLE))) {
         pointers_.push_back(*entry);
       }
     }
@@ -73,10 +77,11 @@ class ChildEnvironment {
     for (const char* variable : BATCH_VARIABLES) {
       if (!std::getenv(variable)) requests_.push_back(std::string(variable) + "=yes");
     }
-    if (wantsIncrements && !std::getenv(INCREMENTS_VARIABLE)) {
+    if (run.wantsIncrements && !std::getenv(INCREMENTS_VARIABLE)) {
       requests_.push_back(std::string(INCREMENTS_VARIABLE) + "=yes");
     }
-    if (!identity.empty()) requests_.push_back(std::string(IDENTITY_VARIABLE) + "=" + identity);
+    request(IDENTITY_VARIABLE, run.identity);
+    request(JUMP_VARIABLE, run.jump);
     for (std::string& request : requests_) pointers_.push_back(request.data());
     pointers_.push_back(nullptr);
   }
@@ -93,6 +98,9 @@ class ChildEnvironment {
  private:
   static bool isVariable(const char* entry, const std::string& name) {
     return std::strncmp(entry, (name + "=").c_str(), name.size() + 1) == 0;
+  }
+  void request(const std::string& name, const std::string& value) {
+    if (!value.empty()) requests_.push_back(name + "=" + value);
   }
   void add(std::string& entry, const std::string& name, const Secret& secret) {
     entry.reserve(name.size() + 1 + secret.reveal().size());
@@ -181,7 +189,7 @@ class Child {
   Child(const SondrelRun& run, Signals& signals) : run_(run), signals_(signals) {
     Pipe out = openPipe();
     Pipe err = openPipe();
-    ChildEnvironment environment(run.passwords, run.identity, run.wantsIncrements);
+    ChildEnvironment environment(run);
     std::vector<char*> arguments = pointersTo(run.arguments);
     const pid_t parent = getpid();
     pid_ = fork();

@@ -35,6 +35,8 @@ struct SondrelRun {
   const Passwords& passwords;
   /// The key to log in by; empty to leave that to the environment of this process.
   std::string identity;
+  /// The host that the way leads through; empty to leave that to the environment, too.
+  std::string jump;
   /// Whether an agent that can is asked for increments.
   bool wantsIncrements;
   /// Stays open in the child, so that a lock lasts as long as it does.

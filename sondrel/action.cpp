@@ -95,9 +95,9 @@ Ssh& Action::getSsh() {
     const std::uint16_t port = config_->port == PORT_NOT_GIVEN
                                    ? DEFAULT_SSH_PORT
                                    : static_cast<std::uint16_t>(config_->port);
-    ssh_ = std::make_unique<Ssh>(config_->host, config_->login, config_->password,
-                                 config_->no_encryption, port,
-                                 configuredHostKeyRules(config_->host), identityOf(*config_));
+    ssh_ = std::make_unique<Ssh>(
+        config_->host, config_->login, config_->password, config_->no_encryption, port,
+        configuredHostKeyRules(config_->host), identityOf(*config_), jumpHostOf(*config_));
   }
   return *ssh_;
 }

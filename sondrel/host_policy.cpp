@@ -110,3 +110,11 @@ LoginIdentity identityOf(const config& config) {
   }
   return {config.identity, config.key_password};
 }
+
+std::optional<JumpHost> jumpHostOf(const config& config) {
+  if (config.jump.empty()) return std::nullopt;
+  std::optional<JumpHost> jump = parseJumpHost(config.jump);
+  if (jump) return jump;
+  throw Exc<&ConnectionFault>(HERE) % config.host %
+      "the environment variable SONDREL_JUMP should be [login@]host[:port]";
+}

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "commons/exceptions.h"
+#include "commons/jump_host.h"
 #include "sondrel/options.h"
 #include "transport/ssh-transfer.h"
 
@@ -33,3 +35,7 @@ HostKeyRules configuredHostKeyRules(const std::string& host);
 /// The key of the run. Throws SshIdentityRejected for a setting that cannot be met: a run that
 /// was to use a key does not go on without it.
 LoginIdentity identityOf(const config& config);
+
+/// The host that the way to the source host leads through, if one is asked for. Throws
+/// ConnectionFault when what was asked for is none.
+std::optional<JumpHost> jumpHostOf(const config& config);

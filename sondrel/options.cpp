@@ -232,6 +232,7 @@ bool parse_options(int argc, char** argv, config* config) {
   config->password = get_env_noncrypted_password();
   wipe_env_variable(SUDO_PASSWORD_VARIABLE);
   storeKey(config);
+  if (const char* const jump = getenv("SONDREL_JUMP")) config->jump = jump;
   return true;
 }
 

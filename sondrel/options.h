@@ -50,6 +50,8 @@ struct config {
   /// A private key file, or "agent"; empty for a login by password.
   std::string identity;
   std::string key_password;
+  /// The host that the way leads through, as "[login@]host[:port]"; empty for none.
+  std::string jump;
   std::string agent_dir;
   std::string agent_name;
   std::string dumps_dir;

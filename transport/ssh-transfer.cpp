@@ -194,7 +194,8 @@ Ssh::NullCounter Ssh::null_counter;
 
 Ssh::Ssh(const std::string& host, const std::string& login, const std::string& password,
          bool disableEncryption, std::uint16_t port, const HostKeyRules& hostKeyRules,
-         const LoginIdentity& identity) {
+         const LoginIdentity& identity, std::optional<JumpHost> jump)
+    : jump_(std::move(jump)) {
   HostKeyCheck hostKeyCheck(hostKeyRules, host, port);
   try {
     const std::unique_ptr<const PrivateKey> key = loadKey(identity);
@@ -237,11 +238,22 @@ void Ssh::connect(const std::string& host, std::uint16_t port, bool disableEncry
 void Ssh::startSession(const std::string& host, std::uint16_t port, bool disableEncryption,
                        bool compatibility, const HostKeyCheck& hostKeyCheck,
                        libssh2pp::Session::Ciphers ciphers) {
-  // The session, if there is one, uses the socket: it goes first.
-  auto socket = std::make_unique<Socket>(host, port);
-  session_ = std::make_unique<libssh2pp::Session>(socket->descriptor(), disableEncryption,
-                                                  compatibility, libssh2pp::Session::LOGIN_LIMIT,
-                                                  hostKeyCheck.types(), ciphers);
+  auto way = jump_ ? std::make_unique<JumpWay>(*jump_, host, port) : nullptr;
+  auto socket = jump_ ? nullptr : std::make_unique<Socket>(host, port);
+  try {
+    // The session, if there is one, uses what carries it: it goes first.
+    session_ = std::make_unique<libssh2pp::Session>(
+        way ? way->descriptor() : socket->descriptor(), disableEncryption, compatibility,
+        libssh2pp::Session::LOGIN_LIMIT, hostKeyCheck.types(), ciphers);
+  } catch (const Exc<&UnableToStartSshSession>&) {
+    const std::string reason = way ? way->failure() : "";
+    if (reason.empty()) throw;
+    throw Exc<&ConnectionFault>(HERE) % host %
+        ("no way leads through the jump host " + jump_->host + ": " + reason +
+         ". It is used by ssh, which must get there without a question, as by \"ssh -o "
+         "BatchMode=yes\"");
+  }
+  way_ = std::move(way);
   socket_ = std::move(socket);
 }
 

@@ -4,13 +4,16 @@
 #include <functional>
 #include <istream>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "commons/jump_host.h"
 #include "commons/output_file.h"
 #include "transport/host_key_check.h"
+#include "transport/jump_way.h"
 #include "transport/libssh2pp.h"
 #include "transport/socket.h"
 
@@ -137,10 +140,11 @@ class Ssh {
   /// is given, else by the password only. Throws the errors of Socket,
   /// UnableToStartSshSession, SshHostKeyRejected, InvalidHandle, SshInvalidCredentials;
   /// SshIdentityRejected in place of that one when there is an identity, and, before it
-  /// connects, for a key file that cannot be used.
+  /// connects, for a key file that cannot be used. With `jump` the way leads through that host, to
+  /// which nothing of the rest applies, and ConnectionFault says why there is none.
   Ssh(const std::string& host, const std::string& login, const std::string& password,
       bool disableEncryption, std::uint16_t port, const HostKeyRules& hostKeyRules = {},
-      const LoginIdentity& identity = {});
+      const LoginIdentity& identity = {}, std::optional<JumpHost> jump = std::nullopt);
 
   /// Runs a command with `in` as its standard input. Quiet streams stay out of the
   /// debug log.
@@ -201,7 +205,10 @@ class Ssh {
 
   class BatchOutput;
 
+  std::optional<JumpHost> jump_;
+  /// One of both carries the session.
   std::unique_ptr<Socket> socket_;
+  std::unique_ptr<JumpWay> way_;
   std::unique_ptr<libssh2pp::Session> session_;
   Alarm* alarm_ = nullptr;
   Onlooker* onlooker_ = nullptr;
