@@ -476,9 +476,9 @@ void Session::preferHostKeys(const std::vector<std::string>& types) {
   libssh2_session_method_pref(get(), LIBSSH2_METHOD_HOSTKEY, boost::join(algorithms, ",").c_str());
 }
 
-/// That library hands those that authenticate by themselves a whole packet, those in counter mode
-/// 16 bytes at a time, and begins its own order with one that is slow everywhere. Both ways alike:
-/// of one that authenticates by itself and one that does not it makes no pair.
+/// That library begins its own order with one that is slow everywhere. One that authenticates by
+/// itself needs no sum of each packet besides. Both ways alike: of one that does and one that does
+/// not the library makes no pair.
 void Session::preferCiphers(Ciphers wanted) {
   std::vector<std::string> algorithms = supportedAlgorithms(LIBSSH2_METHOD_CRYPT_CS);
   const auto isCounterMode = [](const std::string& name) { return boost::ends_with(name, "-ctr"); };
@@ -715,7 +715,10 @@ void Session::refuseKey(const PrivateKey& key) const {
     throw IdentityError(file + " holds a key of the kind " + key.type() + ", which " + library +
                         " cannot use. Use an ed25519 or ECDSA key");
   }
-  if (key.isEncrypted() && !key.cipher().empty() && !knows(LIBSSH2_METHOD_CRYPT_CS, key.cipher())) {
+  // libssh2 1.11 has that one for connections, and cannot read key files by it.
+  const bool isForConnections = key.cipher() == "chacha20-poly1305@openssh.com";
+  const bool isMissing = !key.cipher().empty() && !knows(LIBSSH2_METHOD_CRYPT_CS, key.cipher());
+  if (key.isEncrypted() && (isMissing || isForConnections)) {
     throw IdentityError(file + " is protected by the cipher " + key.cipher() + ", which " +
                         library + " does not have. Change that by ssh-keygen -p -Z aes256-ctr");
   }
