@@ -16,6 +16,7 @@ import time
 from contestants import (BINARY, CATALOGUED, ENVIRONMENT, HOST, OFFERED, PEER, PRISTINE, ROOT, TOP, BenchHost, Link,
                          catalogue, content_verification, link_files, make_pristine, measure, negotiated_algorithms,
                          offer, remove, rsync, same, scp, sondrel, ssh, ssh_cat)
+from figure import Figure
 from world import enter_private_network
 
 MEMORY = "/mnt/target"  # tmpfs
@@ -23,29 +24,6 @@ DISK = f"{TOP}/build/bench/disk.{os.getpid()}"
 MB = 10**6
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
 SMALL = 8 * KIB
-
-
-@dataclasses.dataclass
-class Figure:
-    """A number that was found, and its target: at least that, or at most."""
-    what: str
-    value: float
-    unit: str
-    least: float = None
-    most: float = None
-
-    def met(self):
-        """None without a target."""
-        if self.least is not None:
-            return self.value >= self.least
-        return self.value <= self.most if self.most is not None else None
-
-    def __str__(self):
-        text = f"{self.what} {self.value:.4g} {self.unit}".rstrip()
-        if self.met() is None:
-            return text
-        target = f"at most {self.most:g}" if self.least is None else f"at least {self.least:g}"
-        return f"{text} ({target}: {'met' if self.met() else 'MISSED'})"
 
 
 def speed(measured, peers=("scp", "rsync"), least=None):

@@ -7,7 +7,7 @@ import json
 import os
 
 
-@dataclasses.dataclass(frozen=True)
+@dataclasses.dataclass(frozen=True, slots=True)
 class Made:
     """A path that was made. `kind` is "f", "d" or "l"; `mtime` is in nanoseconds; `target` is a symbolic link's."""
 
