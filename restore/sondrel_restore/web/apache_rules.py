@@ -97,7 +97,7 @@ class ApacheRules:
         if self.php or any(each.name in ("sethandler", "addhandler") for each in block.within()):
             return [off]
         self.judge.changed.append("programs in PHP are refused, since it had no PHP on the source host")
-        return [off, _made(block, "filesmatch", r'"\.ph(?:ar|p|tml)$"', _made(block, "require", "all denied"))]
+        return [off, _made(block, "filesmatch", r'"\.ph[apt][rm]?l?$"', _made(block, "require", "all denied"))]
 
     def _address(self, arg: str) -> str:
         host, colon, port = arg.rpartition(":")
