@@ -89,6 +89,10 @@ def _run_apply(restore: Restore, _: argparse.Namespace) -> int:
         names = {each.package for each in plan.missing} - {""}
         # With a decision to be made nothing is changed.
         if restore.decisions.install and names and not plan.undecided():
+            # What these packages bring nobody has changed.
+            for item in plan.items:
+                if item.package in names:
+                    restore.journal.begin(item)
             install(restore, names)
             plan = make_plan(restore, kinds)
         if not plan.is_ready:
@@ -98,7 +102,7 @@ def _run_apply(restore: Restore, _: argparse.Namespace) -> int:
         outcome = apply_plan(restore, kinds, plan)
     restore.progress.erase()
     printing.print_outcome(restore, plan, outcome)
-    return FAILED if outcome.failed else DONE
+    return FAILED if outcome.failed or outcome.impossible else DONE
 
 
 def _run_verify(restore: Restore, options: argparse.Namespace) -> int:

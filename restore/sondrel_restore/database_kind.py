@@ -4,7 +4,7 @@ from __future__ import annotations
 from collections.abc import Callable, Iterator, Mapping, Sequence
 from typing import TypeVar
 
-from sondrel_restore.databases import Database, some
+from sondrel_restore.databases import Database, databases, some
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Finding, Item, Kind, Left, State
 from sondrel_restore.restore import Restore
@@ -31,9 +31,17 @@ class DatabaseKind(Kind):
                 state, says = State.IMPOSSIBLE, "two servers of the source host have a database of this name"
             seen.add(database.name)
             decisions = (f"--replace={self.name}:{database.name}", f"--skip={self.name}:{database.name}")
-            yield Item(self.name, database.name, state, says,
-                       decisions if state in (State.CONFLICT, State.KEPT) else (),
-                       frozenset(filter(None, [database.domain])), frozenset(filter(None, [database.client])), database)
+            yield self._item(database, state, says, decisions if state in (State.CONFLICT, State.KEPT) else ())
+
+    def selected(self, restore: Restore) -> list[Database]:
+        """The databases that are asked for and not skipped."""
+        items = (self._item(database, State.MAKE) for database in databases(restore.description, self.name))
+        return [database_of(item) for item in items
+                if restore.selection.takes(item) and not restore.decisions.skip(item.identifier)]
+
+    def _item(self, database: Database, state: State, says: str = "", decisions: tuple[str, ...] = ()) -> Item:
+        return Item(self.name, database.name, state, says, decisions, frozenset(filter(None, [database.domain])),
+                    frozenset(filter(None, [database.client])), database)
 
 
 def state_of_made(restore: Restore, entry: Entry, database: Database, fingerprint: Callable[[str], str],

@@ -27,6 +27,7 @@ class State(enum.Enum):
     RENEW = "renew"  # an earlier apply made it, and the fetched one differs from that
     CONFLICT = "conflict"  # something else of that name is here: needs a decision
     KEPT = "kept"  # an earlier apply made it, and somebody changed it here: it stays, and is named
+    NEEDS_PACKAGE = "needs package"  # it is made when a package is here that `missing` names
     LISTED = "listed"  # no restore makes it: it is the administrator's; `says` tells what to do
     IMPOSSIBLE = "impossible"  # this host cannot have it; `says` tells why, and what to do
 
@@ -40,7 +41,8 @@ class Item:
     made, or what is in the way, or why it cannot be made. `decisions` are the options, ready to be copied,
     one of which resolves a conflict. `domains` and `clients` are those that it belongs to; a selection takes an
     object of which one is selected. One without any is taken where something that is selected asks for it.
-    `data` is what the kind itself wants to find again in `apply`; the core does not look at it.
+    `data` is what the kind itself wants to find again in `apply`; the core does not look at it. `package` is one that
+    the object is a part of: where an apply installs it, what it brings may be overwritten.
     """
 
     kind: str
@@ -51,6 +53,7 @@ class Item:
     domains: frozenset[str] = frozenset()
     clients: frozenset[str] = frozenset()
     data: object = None
+    package: str = ""
 
     @property
     def identifier(self) -> str:

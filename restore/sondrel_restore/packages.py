@@ -8,6 +8,8 @@ from sondrel_restore.kind import RestoreError
 from sondrel_restore.restore import Restore
 
 _NAME = re.compile(r"[a-z0-9][a-z0-9+.-]+")
+# What names of packages of one application end with.
+_PART = re.compile(r"-(?:common|core|mysql|pgsql|sqlite3)\Z")
 # In seconds: some are large, and networks are slow.
 _TIME_LIMIT = 3600.0
 
@@ -33,12 +35,23 @@ def sections(restore: Restore, names: Collection[str]) -> dict[str, str]:
     return found
 
 
+def _leave_databases_to_restore(restore: Restore, names: Collection[str]) -> None:
+    """Scripts of applications would make an empty database, where the restored one goes."""
+    if not restore.host.has_program("debconf-set-selections"):
+        return
+    # The question has the name of the source or of the package.
+    asked = {(name, each) for name in names for each in (name, _PART.sub("", name))}
+    answers = "".join(f"{name} {each}/dbconfig-install boolean false\n" for name, each in sorted(asked))
+    restore.host.run(["debconf-set-selections"], input=answers.encode("ascii"))
+
+
 def install(restore: Restore, names: Collection[str]) -> None:
     """Installs packages with what they depend on, by apt, without questions. RestoreError with what apt says."""
     wrong = [name for name in names if not _NAME.fullmatch(name)]
     if wrong:
         raise RestoreError(f"{', '.join(sorted(wrong))} is no name of a package")
     restore.progress.show(f"installing {len(names)} packages")
+    _leave_databases_to_restore(restore, names)
     options = ["--assume-yes", "--no-install-recommends", "--no-remove"]
     restore.host.run(["apt-get", "install", *options, "--", *sorted(names)],
                      env={"DEBIAN_FRONTEND": "noninteractive"}, time_limit=_TIME_LIMIT)

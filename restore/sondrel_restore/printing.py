@@ -15,6 +15,7 @@ _VERSION = 1
 
 _HEADINGS = (
     (State.CONFLICT, "Needs a decision"),
+    (State.NEEDS_PACKAGE, "Will be made when the packages that are missing are here"),
     (State.IMPOSSIBLE, "Cannot be restored here"),
     (State.KEPT, "Was changed here and stays as it is"),
     (State.LISTED, "Is for you to look at, and is not restored"),
@@ -68,14 +69,18 @@ def print_outcome(restore: Restore, plan: Plan, outcome: Outcome) -> None:
     """What an apply did."""
     for identifier in outcome.changed:
         restore.progress.say(f"done: {identifier}")
-    for state in (State.LISTED, State.IMPOSSIBLE, State.KEPT):
+    for state in (State.LISTED, State.KEPT):
         for item in plan.items:
             if item.state is state:
                 restore.progress.say(f"{state.value}: {item.identifier}: {item.says}")
     for identifier, text in restore.named:
         restore.progress.say(f"note: {identifier}: {text}")
+    for identifier, text in outcome.impossible:
+        restore.progress.complain(f"impossible: {identifier}: {text}")
     _print_failures(restore, outcome)
-    restore.progress.say(f"{len(outcome.changed)} changed, {len(outcome.failed)} failed")
+    impossible = f", {len(outcome.impossible)} not possible here: see above, or leave them out by --skip" \
+        if outcome.impossible else ""
+    restore.progress.say(f"{len(outcome.changed)} changed, {len(outcome.failed)} failed{impossible}")
 
 
 def print_undone(restore: Restore, outcome: Outcome) -> None:
@@ -133,6 +138,6 @@ def _print_missing(restore: Restore, missing: Iterable[Missing]) -> None:
 def _summary(items: Iterable[Item]) -> str:
     counts = collections.Counter(item.state for item in items)
     words = {State.MAKE: "to make", State.RENEW: "to renew", State.SAME: "the same", State.KEPT: "changed here",
-             State.CONFLICT: "to be decided", State.IMPOSSIBLE: "not possible",
+             State.CONFLICT: "to be decided", State.NEEDS_PACKAGE: "after packages", State.IMPOSSIBLE: "not possible",
              State.LISTED: "for you to look at"}
     return ", ".join(f"{counts[state]} {word}" for state, word in words.items() if counts[state]) or "Nothing to do"

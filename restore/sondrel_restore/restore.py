@@ -107,6 +107,8 @@ class Outcome:
     changed: list[str] = dataclasses.field(default_factory=list)
     failed: list[tuple[str, str]] = dataclasses.field(default_factory=list)
     left: list[Left] = dataclasses.field(default_factory=list)
+    # What this host cannot have, with the reason.
+    impossible: list[tuple[str, str]] = dataclasses.field(default_factory=list)
 
 
 def plan_kind(restore: Restore, kind: Kind, known: set[str] | None = None) -> Iterator[Item]:
@@ -158,6 +160,8 @@ def apply_plan(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Outcome:
                     changed.append(item)
             elif item.state is State.CONFLICT:
                 outcome.failed.append((item.identifier, item.says))
+            elif item.state in (State.IMPOSSIBLE, State.NEEDS_PACKAGE):
+                outcome.impossible.append((item.identifier, item.says))
         _finish(restore, kind, items, outcome)
     return outcome
 
@@ -201,7 +205,8 @@ def verify_items(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Iterato
                 continue
             restore.progress.show(f"verifying {item.kind} {item.name}")
             entry = restore.journal.entry(item.identifier)
-            if item.state is State.IMPOSSIBLE or entry is None and item.state is not State.SAME:
+            if item.state in (State.IMPOSSIBLE, State.NEEDS_PACKAGE) or (
+                    entry is None and item.state is not State.SAME):
                 yield Finding(item.identifier, "here", False, f"was not restored: {item.says}")
                 continue
             try:

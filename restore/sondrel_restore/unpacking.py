@@ -14,7 +14,7 @@ import grp
 import os
 import pwd
 import stat
-from collections.abc import Collection, Iterable, Iterator
+from collections.abc import Callable, Collection, Iterable, Iterator
 from typing import TYPE_CHECKING
 
 from sondrel_restore.acl import AclError, encoded
@@ -35,6 +35,10 @@ _HALF_MODE = 0o200
 _DEEPEST = 200
 # Of a kind of thing that is named, the first so many paths.
 _NAMED = 3
+
+
+# Why a member is left out; "" if it is not.
+WhyNot = Callable[[Member], str]
 
 
 class Owners:
@@ -105,18 +109,22 @@ class _Notes:
             yield f"{what}: {', '.join(paths)}{more}"
 
 
-def unpack(restore: Restore, identifier: str, archives: Iterable[Archive], roots: Iterable[str], owner: str) -> Facts:
+def unpack(restore: Restore, identifier: str, archives: Iterable[Archive], roots: Iterable[str], owner: str, *,
+           takes: WhyNot | None = None, overwrites: bool = False) -> Facts:
     """Makes or renews the trees `roots` (absolute paths) from archives, for an object whose apply has begun.
 
     Files belong to the accounts here that were offered as "account" for who they were there, else to the account
     `owner` of this host. What an earlier apply made and the archives do not have any more is removed. What
     somebody changed here since is kept and named, as is what is left out of an archive. Directories above
-    that are missing are made: in a home as its owner's, else as root's. Returns facts for `remove_unpacked`.
+    that are missing are made: in a home as its owner's, else as root's. `takes` says why a member is left out, ""
+    if it is not; with `overwrites` files that no apply has made are replaced. Returns facts for `remove_unpacked`.
     """
     wanted = sorted(set(roots))
     owners = Owners(restore, owner)
     _note_roots(restore, identifier, wanted)
     tree = _Tree(restore, identifier, wanted, owners)
+    tree.takes = takes or tree.takes
+    tree.overwrites = overwrites or restore.decisions.replace(identifier)
     with tree:
         for archive in archives:
             tree.take(archive)
@@ -206,6 +214,8 @@ class _Tree:
         self._trail: list[tuple[str, int]] = []
         self._directories: dict[str, Member | None] = {}
         self._fresh: set[str] = set()
+        self.takes: WhyNot = lambda member: ""
+        self.overwrites = False
         self.notes = _Notes()
         self.count = 0
 
@@ -233,6 +243,10 @@ class _Tree:
         return next((root for root in self._roots if parts[:len(root)] == root), None)
 
     def _take_member(self, member: Member, parts: list[str], root: list[str], contents: Contents) -> None:
+        why_not = self.takes(member)
+        if why_not:
+            self.notes.add(why_not, member.path)
+            return
         if len(parts) > _DEEPEST:
             self.notes.add(f"left out, since it is deeper than {_DEEPEST} directories", member.path)
             return
@@ -468,7 +482,7 @@ class _Tree:
             return there is None or not stat.S_ISDIR(there.st_mode)
         known = self._old.get(path)
         target = os.readlink(name, dir_fd=directory) if stat.S_ISLNK(there.st_mode) else ""
-        if known is None and self._restore.decisions.replace(self._identifier) and not stat.S_ISDIR(there.st_mode):
+        if known is None and self.overwrites and not stat.S_ISDIR(there.st_mode):
             return True
         if known is None or not _is_same(known, there, target):
             what = "kept, since it was changed here" if known else "kept, since it was made here"
@@ -662,8 +676,12 @@ def _restore_roots(before: dict[str, object]) -> None:
 
 
 def verify_unpacked(
-        restore: Restore, identifier: str, archives: Iterable[Archive], roots: Iterable[str]) -> Iterator[Finding]:
-    """Holds each file and link below the roots against the archives, byte for byte; directories must be there."""
+        restore: Restore, identifier: str, archives: Iterable[Archive], roots: Iterable[str], *,
+        takes: WhyNot | None = None) -> Iterator[Finding]:
+    """Holds each file and link below the roots against the archives, byte for byte; directories must be there.
+
+    What `takes` has a reason against is left out.
+    """
     wanted = [components(root) for root in set(roots)]
     differs = _Notes()
     count = 0
@@ -672,7 +690,7 @@ def verify_unpacked(
             parts = components(member.path) if member.path else []
             if not parts or not any(parts[:len(root)] == root for root in wanted):
                 continue
-            if member.kind not in ("file", "link", "directory"):
+            if member.kind not in ("file", "link", "directory") or takes is not None and takes(member):
                 continue
             count += member.kind != "directory"
             restore.progress.show(f"{identifier}: {count} files compared")

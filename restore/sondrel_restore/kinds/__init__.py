@@ -14,6 +14,7 @@ ORDER = (
     "group",
     "account",
     "files",
+    "application",
     "mysql",
     "postgresql",
     "pool",

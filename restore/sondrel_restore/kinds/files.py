@@ -139,7 +139,15 @@ def _of_sites(restore: Restore) -> Iterator[_Archived]:
             archived = _Archived(content, _name_of(content), owner, domains={domain.name},
                                  clients={domain.client} - {""})
             _take_roots(restore, archived, packed, {owner, domain.client} - {""})
+            of_packages = [element.text or "" for element in site.iterfind("package/directory")]
+            for path in [path for path in archived.refused if _is_below_one(path, of_packages)]:
+                del archived.refused[path]
             yield archived
+
+
+def _is_below_one(path: str, roots: list[str]) -> bool:
+    """Whether it is one of the directories of packages, which another kind takes, or lies below one."""
+    return path.startswith("/") and any(root.startswith("/") and is_below(path, root) for root in roots)
 
 
 def _take_roots(restore: Restore, archived: _Archived, paths: list[str], accounts: set[str]) -> None:

@@ -43,6 +43,13 @@ _HASHES = {
     "auth_socket": re.compile(r""),
 }
 
+# What Debian serves such databases with.
+_PACKAGE = "mariadb-server"
+
+
+def _is_installed(restore: Restore) -> bool:
+    return restore.host.has_program("mariadbd") or restore.host.has_program("mysqld")
+
 
 class MySql(DatabaseKind):
     """Each database with its accounts and their rights."""
@@ -56,18 +63,19 @@ class MySql(DatabaseKind):
         wanted = databases(restore.description, self.name)
         if not wanted:
             return
-        try:
-            server: MySqlServer | None = self._connected()
-            reason = ""
-        except RestoreError as error:
-            server, reason = None, str(error)
+        server: MySqlServer | None = None
+        otherwise = State.NEEDS_PACKAGE, f"it is loaded when {_PACKAGE} is here"
+        if _is_installed(restore):
+            try:
+                server = self._connected()
+            except RestoreError as error:
+                otherwise = State.IMPOSSIBLE, str(error)
         yield from self.items(wanted, lambda database: (
-            (State.IMPOSSIBLE, reason) if server is None else self._state(restore, server, database)))
+            otherwise if server is None else self._state(restore, server, database)))
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
-        if databases(restore.description, self.name) and not (
-                restore.host.has_program("mariadbd") or restore.host.has_program("mysqld")):
-            yield Missing("mariadb-server", "databases of MySQL or MariaDB")
+        if self.selected(restore) and not _is_installed(restore):
+            yield Missing(_PACKAGE, "databases of MySQL or MariaDB")
 
     def apply(self, restore: Restore, item: Item) -> Facts:
         return _Making(restore, item, self._connected()).apply()

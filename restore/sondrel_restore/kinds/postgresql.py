@@ -51,6 +51,13 @@ _OBJECTS = f"""
 _ENCODING = re.compile(r"[A-Za-z0-9_]+")
 _LOCALE = re.compile(r"[A-Za-z0-9_.@=;-]*")
 
+# What Debian serves such databases with.
+_PACKAGE = "postgresql"
+
+
+def _is_installed() -> bool:
+    return any(Path("/usr/lib/postgresql").glob("*/bin/postgres"))
+
 
 class PostgreSql(DatabaseKind):
     """Each database with its roles and their rights."""
@@ -65,25 +72,25 @@ class PostgreSql(DatabaseKind):
         wanted = databases(restore.description, self.name)
         if not wanted:
             return
-        reason = ""
         about: _About | None = None
-        try:
-            about = _About(self._connected(restore), restore.host)
-        except (RestoreError, KeyError) as error:
-            reason = str(error)
+        otherwise = State.NEEDS_PACKAGE, f"it is loaded when {_PACKAGE} is here"
+        if _is_installed():
+            try:
+                about = _About(self._connected(restore), restore.host)
+            except (RestoreError, KeyError) as error:
+                otherwise = State.IMPOSSIBLE, str(error)
         self._about = about
         yield from self.items(wanted, lambda database: (
-            (State.IMPOSSIBLE, reason) if about is None else _state(restore, about, database)))
+            otherwise if about is None else _state(restore, about, database)))
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
-        wanted = [database for database in databases(restore.description, self.name)
-                  if not restore.decisions.skip(f"{self.name}:{database.name}")]
+        wanted = self.selected(restore)
         if not wanted:
             return
         if self._about is None:
             # One that is here and does not answer is what the plan says of its databases.
-            if not any(Path("/usr/lib/postgresql").glob("*/bin/postgres")):
-                yield Missing("postgresql", "databases of PostgreSQL")
+            if not _is_installed():
+                yield Missing(_PACKAGE, "databases of PostgreSQL")
             return
         for database in wanted:
             for extension in _lacking_extensions(self._about, database):
