@@ -16,12 +16,17 @@ from sondrel_restore.restore import Restore
 
 # What root or the system runs by itself, reads as its configuration, or may be asked to run.
 _OF_THE_SYSTEM = (
-    "/bin/", "/boot/", "/etc/apt/", "/etc/cron.daily/", "/etc/cron.hourly/", "/etc/cron.monthly/", "/etc/cron.weekly/",
-    "/etc/dbus-1/", "/etc/dpkg/", "/etc/init.d/", "/etc/kernel/", "/etc/ld.so.conf.d/", "/etc/network/", "/etc/pam.d/",
-    "/etc/php/", "/etc/postfix/", "/etc/profile.d/", "/etc/security/", "/etc/sudoers.d/", "/etc/systemd/", "/etc/udev/",
-    "/lib/udev/", "/sbin/", "/usr/lib/udev/", "/usr/libexec/", "/usr/sbin/",
+    "/bin/", "/boot/", "/etc/apt/", "/etc/dbus-1/", "/etc/dpkg/", "/etc/init.d/", "/etc/kernel/",
+    "/etc/ld.so.conf.d/", "/etc/network/", "/etc/pam.d/", "/etc/php/", "/etc/postfix/", "/etc/profile.d/",
+    "/etc/security/", "/etc/sudoers.d/", "/etc/systemd/", "/etc/udev/", "/lib/udev/", "/sbin/", "/usr/lib/udev/",
+    "/usr/libexec/", "/usr/sbin/",
 )
 _UNITS = ("/lib/systemd/system/", "/usr/lib/systemd/system/")
+_SCRIPTS = ("/etc/cron.daily/", "/etc/cron.hourly/", "/etc/cron.monthly/", "/etc/cron.weekly/")
+# In a script of root: interpreters, programs of the package, and settings other than the administrator's.
+_RUNS = re.compile(
+    rb"\b(?:php|perl|python|ruby|node|eval|exec|bash|source)\b|/usr/share/|(?:^|[;&|])\s*\.\s+(?!/etc/default/)",
+    re.MULTILINE)
 _SECTION = "web"
 _USER_OF_UNIT = re.compile(rb"^User=(?!root\s*$|0\s*$)\S+\s*$", re.MULTILINE)
 _JOB = re.compile(r"^\s*[-0-9*@]")
@@ -54,6 +59,8 @@ class ApplicationPackage:
             if path.startswith(_UNITS) and path.endswith(".service") and not _USER_OF_UNIT.search(
                     content_here(path) or b""):
                 return f"it brings {path}, which runs as root"
+            if path.startswith(_SCRIPTS) and _RUNS.search(_without_comments(content_here(path) or b"")):
+                return f"it brings {path}, by which root may run what lies there"
             if path.startswith("/etc/cron.d/") and any(_jobs_of_root(content_here(path) or b"")):
                 return f"it brings {path}, which root runs"
         return "" if self.directories else "it has no directory of its own below /etc or /var/lib here"
@@ -100,6 +107,10 @@ class ApplicationPackage:
             known, _, path = line.partition("  ")
             sums[path.strip()] = known
         return sums
+
+
+def _without_comments(script: bytes) -> bytes:
+    return b"\n".join(line for line in script.splitlines() if not line.lstrip().startswith(b"#"))
 
 
 def _jobs_of_root(table: bytes) -> Iterator[str]:

@@ -10,6 +10,7 @@ from sondrel_restore.restore import Restore
 _NAME = re.compile(r"[a-z0-9][a-z0-9+.-]+")
 # What names of packages of one application end with.
 _PART = re.compile(r"-(?:common|core|mysql|pgsql|sqlite3)\Z")
+_WEB_SERVERS = ("apache2", "nginx")
 # In seconds: some are large, and networks are slow.
 _TIME_LIMIT = 3600.0
 
@@ -53,5 +54,10 @@ def install(restore: Restore, names: Collection[str]) -> None:
     restore.progress.show(f"installing {len(names)} packages")
     _leave_databases_to_restore(restore, names)
     options = ["--assume-yes", "--no-install-recommends", "--no-remove"]
+    new_servers = [name for name in _WEB_SERVERS if not restore.host.has_program(name)]
     restore.host.run(["apt-get", "install", *options, "--", *sorted(names)],
                      env={"DEBIAN_FRONTEND": "noninteractive"}, time_limit=_TIME_LIMIT)
+    # One of them has the port 80 now, whichever was first. They are started with their sites.
+    for name in new_servers:
+        if restore.host.has_program(name):
+            restore.host.run(["service", name, "stop"], check=False)

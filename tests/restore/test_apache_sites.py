@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import os
+import socketserver
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -46,6 +47,18 @@ def described(world: World, *inner: str, at: str = "*:80", configuration: str = 
 def get(path: str = "/", name: str = "a.test", port: int = 80) -> Answer:
     """What this host answers."""
     return ask("127.0.0.1", Request(name, port, False, path))
+
+
+def test_starts_where_another_server_has_the_port_of_its_package(world: World) -> None:
+    """As nginx has port 80, and the sites of Apache another one."""
+    before = snapshot("/etc/apache2")
+    described(world, at="*:8080")
+    with socketserver.TCPServer(("0.0.0.0", 80), socketserver.BaseRequestHandler):
+        assert not world.apply(Apache).failed
+        assert get(port=8080).status == 200
+        assert "#switched-off-by-sondrel-restore: Listen 80" in Path("/etc/apache2/ports.conf").read_text("utf-8")
+        world.undo(Apache)
+    assert snapshot("/etc/apache2") == before
 
 
 def test_serves_a_site_with_all_that_it_uses_and_takes_it_back(world: World) -> None:

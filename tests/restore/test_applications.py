@@ -52,7 +52,8 @@ def add_wiki(session, archive=None, package="sample-wiki", directories=(SETTINGS
     named = "".join(f"<directory>{directory}</directory>" for directory in directories)
     session.add(
         f'<unassigned><domain name="wiki.test"><name>wiki.test</name><site server="nginx" '
-        f'root="/usr/share/sample-wiki" owner="root" group="root"><listen address="*" port="80" tls="0"/><root>/usr/share/sample-wiki</root>'
+        f'root="/usr/share/sample-wiki" owner="root" group="root"><listen address="*" port="80" tls="0"/>'
+        f'<root>/usr/share/sample-wiki</root>'
         f'<package name="{package}" version="1" architecture="all" manager="dpkg" because="/usr/share/sample-wiki" '
         f'changed="0">{named}</package>{"".join(f"<packed>{each}</packed>" for each in directories)}'
         f'</site>{content}</domain></unassigned>')
@@ -123,7 +124,8 @@ def test_keeps_what_is_changed_here_after_the_apply(session):
 OF_ROOT = {
     "server": ({"/usr/local/share/x": ""}, "httpd"),
     "job": ({"/etc/cron.d/sample-wiki": "* * * * * root /usr/share/sample-wiki/job\n"}, "web"),
-    "daily": ({"/etc/cron.daily/sample-wiki": "#!/bin/sh\n"}, "web"),
+    "daily": ({"/etc/cron.daily/sample-wiki": "#!/bin/sh\n. /etc/sample-wiki/main.php\n"}, "web"),
+    "program": ({"/etc/cron.daily/sample-wiki": "#!/bin/sh\nphp /etc/sample-wiki/main.php\n"}, "web"),
     "script": ({"/etc/init.d/sample-wiki": "#!/bin/sh\n"}, "web"),
 }
 
@@ -139,6 +141,14 @@ def test_of_a_package_that_root_runs_is_not_put_in_place(session, which):
     assert "hand what you need" in session.run("apply", check=0).stdout
     assert read(f"{SETTINGS}/main.php") == b"<?php // as it came\n"
     assert read(f"{STATE}/data/first.txt") == b"as it came\n"
+
+
+def test_of_a_package_whose_job_only_cleans_up_is_put_in_place(session):
+    destination.own_etc("cron.daily")
+    install(files={"/etc/cron.daily/sample-wiki": "#!/bin/sh\n# php\n. /etc/default/x\nfind /var/x -empty -delete\n"})
+    add_wiki(session)
+    session.run("apply", check=0)
+    assert read(f"{SETTINGS}/main.php") == PASSWORD
 
 
 def test_does_not_reach_directories_of_others(session):

@@ -15,12 +15,14 @@ from sondrel_restore.web import apache_rules, site_kind
 from sondrel_restore.web.apache_rules import ApacheRules
 from sondrel_restore.web.config_kind import Candidate
 from sondrel_restore.web.directives import Directive, apache_rest, for_apache, to_bytes
-from sondrel_restore.web.judge import file_name
+from sondrel_restore.web.apache_ports import leave_ports, take_ports_back
+from sondrel_restore.web.judge import file_name, programs_at
 from sondrel_restore.web.own_sites import own_sites
-from sondrel_restore.web.service import reload_service
-from sondrel_restore.web.site_data import Block, Site
+from sondrel_restore.web.service import reload_service, running
+from sondrel_restore.web.site_data import Block, Site, is_chosen, listening_ports, sites_of
 
 _DIRECTORY = "/etc/apache2"
+_PID_FILE = "/run/apache2/apache2.pid"
 
 # Expressions for lines of a site, with the modules that they need.
 _MODULES = (
@@ -165,7 +167,31 @@ class Apache(site_kind.SiteKind):
         return "" if told.status == 0 else _error_of(told.stderr)
 
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
-        reload_service(restore.host, "apache2", "/run/apache2/apache2.pid", "apache2", signal.SIGUSR1)
+        if not entries:
+            if take_ports_back() and any(_others_at(port) for port in map(int, _listens_here())):
+                # As it was before: it could not have the port.
+                restore.host.run(["service", "apache2", "stop"], check=False)
+                return
+        elif running(_PID_FILE, self.program) is None:
+            for port in leave_ports(restore.host, self._ports_of_others(restore)):
+                restore.name("apache:configuration", f"the port {port}, which no site of Apache has, is switched off "
+                             f"in {_DIRECTORY}/ports.conf: another server has it")
+        reload_service(restore.host, "apache2", _PID_FILE, self.program, signal.SIGUSR1)
+
+    def _ports_of_others(self, restore: Restore) -> set[int]:
+        """Ports that other programs have or restored sites of nginx need, and no site of Apache."""
+        of_nginx: set[int] = set()
+        of_apache: set[int] = set()
+        for site in (*sites_of(restore, "nginx"), *self.chosen(restore)):
+            server = site.blocks[0].configuration.server
+            if is_chosen(restore, server, site.domain):
+                (of_apache if server == self.name else of_nginx).update(listening_ports(site))
+        taken = {port for port in map(int, _listens_here()) if _others_at(port)}
+        return (of_nginx | taken) - of_apache
+
+
+def _others_at(port: int) -> bool:
+    return any(not program.startswith("apache2") for program in programs_at(port))
 
 
 def _shown(directive: Directive) -> str:

@@ -69,6 +69,10 @@ class ApplicationKind(Kind):
         for each in applications:
             here = ApplicationPackage(restore, each.package)
             is_here = each.package in installed
+            if is_here and not here.directories and any(
+                    other.contents.keys() & each.contents.keys() for other in applications if other is not each):
+                # A part of another one, which has the directories.
+                continue
             state, says = (self._state(restore, each, here) if is_here else
                            (State.NEEDS_PACKAGE, f"its settings and files go in place when {each.package} is here"))
             identifier = f"{self.name}:{each.package}"
@@ -208,9 +212,9 @@ def _settings(restore: Restore, application: _Application,
             if not _is_in(member.path, directories):
                 continue
             why = _why_not_setting(restore, member)
-            if why:
+            if why and (member.kind != "file" or not _is_same(member.path, contents)):
                 left_out[member.path] = why
-            else:
+            elif not why:
                 wanted[member.path] = _setting(owners, member, contents)
     return wanted, left_out
 

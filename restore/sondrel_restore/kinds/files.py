@@ -147,7 +147,7 @@ def _of_sites(restore: Restore) -> Iterator[_Archived]:
 
 def _is_below_one(path: str, roots: list[str]) -> bool:
     """Whether it is one of the directories of packages, which another kind takes, or lies below one."""
-    return path.startswith("/") and any(root.startswith("/") and is_below(path, root) for root in roots)
+    return path.startswith("/") and any(top.startswith("/") and is_below(path, top) for top in roots)
 
 
 def _take_roots(restore: Restore, archived: _Archived, paths: list[str], accounts: set[str]) -> None:

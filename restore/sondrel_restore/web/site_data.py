@@ -90,6 +90,20 @@ def _block(element: Element, known: dict[str, Configuration]) -> Block:
     return Block(key, configuration, directive, uses)
 
 
+def listening_ports(site: Site) -> frozenset[int]:
+    """The ports that the blocks of a site name."""
+    found: set[int] = set()
+    for block in site.blocks:
+        if block.directive is None:
+            continue
+        words = block.directive.args if site.blocks[0].configuration.server == "apache" else tuple(
+            each.args[0] for each in block.directive.block or () if each.name == "listen" and each.args)
+        for word in words:
+            number = word.rpartition(":")[2]
+            found |= {int(number)} if number.isdigit() else set()
+    return frozenset(found)
+
+
 def accounts_here(restore: Restore) -> frozenset[str]:
     """The names here of the accounts that this restore has made or matched; never root."""
     return frozenset(str(here) for here in restore.offered("account").values()) - {"root"}

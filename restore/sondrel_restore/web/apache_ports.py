@@ -1,0 +1,46 @@
+"""Ports that Apache's package has it listen at, where another server of this host or of the restore has them."""
+from __future__ import annotations
+
+import hashlib
+import re
+from collections.abc import Collection
+
+from sondrel_restore.host import Host
+from sondrel_restore.hostfiles import atomic_write, content_here
+
+_FILE = "/etc/apache2/ports.conf"
+_MARK = b"#switched-off-by-sondrel-restore: "
+_LISTEN = re.compile(rb"^[ \t]*Listen[ \t]+(?:\S+:)?([0-9]+)\b.*$", re.MULTILINE | re.IGNORECASE)
+
+
+def leave_ports(host: Host, ports: Collection[int]) -> list[int]:
+    """Switches off in the package's file what listens at one of these ports; returns the ports.
+
+    A file that is not as the package has brought it stays as it is: Apache may not start then.
+    """
+    content = content_here(_FILE)
+    if content is None or not _is_as_it_came(host, content):
+        return []
+    left = sorted({int(number) for number in _LISTEN.findall(content)} & set(ports))
+    if left:
+        _write(_LISTEN.sub(lambda line: _MARK + line[0] if int(line[1]) in left else line[0], content))
+    return left
+
+
+def take_ports_back() -> bool:
+    """Undoes it; returns whether anything was switched off."""
+    content = content_here(_FILE)
+    if content is None or _MARK not in content:
+        return False
+    _write(content.replace(_MARK, b""))
+    return True
+
+
+def _is_as_it_came(host: Host, content: bytes) -> bool:
+    settings = host.run(["dpkg-query", "--show", "--showformat=${Conffiles}", "apache2"], check=False).stdout
+    known = dict(line.split()[:2] for line in settings.splitlines() if len(line.split()) >= 2)
+    return known.get(_FILE) == hashlib.md5(content).hexdigest()
+
+
+def _write(content: bytes) -> None:
+    atomic_write(_FILE, content, mode=0o644, uid=0, gid=0)
