@@ -217,13 +217,23 @@ def verify_items(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Iterato
                 yield Finding(item.identifier, "here", False, f"{error.filename}: {error.strerror}")
 
 
+def _selected_entries(restore: Restore, kinds: Sequence[Kind]) -> set[str]:
+    """The identifiers of what is asked for as a whole."""
+    return {item.identifier for kind in kinds for item in plan_kind(restore, kind)
+            if restore.selection.takes_whole(item)}
+
+
 def undo_all(restore: Restore, kinds: Sequence[Kind]) -> Outcome:
-    """Takes back what the journal has, the last kind first. The journal must be locked."""
+    """Takes back what the journal has and is selected, the last kind first. The journal must be locked.
+
+    With a selection what others have a part in stays, and what the description does not have any more.
+    """
     outcome = Outcome()
+    selected = None if restore.selection.is_all else _selected_entries(restore, kinds)
     for kind in reversed(kinds):
         # Later kinds find out by plans what there is; those before them are asked as in an apply.
         for entry in reversed(restore.journal.entries(kind.name)):
-            if restore.decisions.skip(entry.identifier):
+            if restore.decisions.skip(entry.identifier) or selected is not None and entry.identifier not in selected:
                 continue
             restore.progress.show(f"taking back {entry.kind} {entry.name}")
             with _failure_named(entry.identifier, outcome):

@@ -37,6 +37,12 @@ class Selection:
         """Whether the object is asked for."""
         return self._is_all or not self._domains.isdisjoint(item.domains) or not self._clients.isdisjoint(item.clients)
 
+    def takes_whole(self, item: Item) -> bool:
+        """Whether nothing has a part in the object that is not asked for, so that it can be taken back."""
+        if item.domains:
+            return self._is_all or item.domains <= self._domains
+        return self._is_all or bool(item.clients) and item.clients <= self._clients
+
     def takes_domain(self, name: str) -> bool:
         """Whether the domain, by the name that it has in the description, is asked for."""
         return self._is_all or name in self._domains

@@ -35,6 +35,29 @@ def test_tells_programs_what_it_would_do_and_what_differs(session):
     assert {each["state"] for each in document(session, "plan", "plan", 0)["objects"]} == {"same"}
 
 
+def test_takes_back_what_is_selected(session):
+    site(session, *usual())
+    content = session.content("site", "content/sites/other.test.tar.gz", made_of(
+        directory("./home/alice/other"), file("./home/alice/other/index.php", b"other")))
+    session.add_site(session.tree.find("client"), "other.test", "/home/alice/other", content)
+    session.run("apply", check=0)
+    session.run("undo", "--domains=shop.test", check=0)
+    assert os.path.exists("/home/alice/other/index.php") and not os.path.exists("/home/alice/shop/index.php")
+    assert pwd.getpwnam("alice").pw_uid == 30001
+    session.run("undo", check=0)
+    assert not os.path.exists("/home/alice/other")
+
+
+def test_ends_with_a_failure_that_says_what_cannot_be_made(session):
+    """As files of an account that there will not be."""
+    site(session, *usual())
+    session.accounts.clear()
+    done = session.run("apply", check=1)
+    assert "impossible: files:sites/shop.test: it belongs to alice" in done.stderr
+    assert "not possible here" in done.stdout
+    session.run("apply", "--skip=files:sites/shop.test", check=0)
+
+
 def test_plan_and_verify_change_nothing(session):
     site(session, *usual())
     session.write()
