@@ -69,6 +69,8 @@ class ApplicationKind(Kind):
         for each in applications:
             here = ApplicationPackage(restore, each.package)
             is_here = each.package in installed
+            if not is_here and restore.decisions.skip(f"package:{each.package}"):
+                continue
             if is_here and not here.directories and any(
                     other.contents.keys() & each.contents.keys() for other in applications if other is not each):
                 # A part of another one, which has the directories.
