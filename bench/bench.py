@@ -3,6 +3,7 @@
 import argparse
 import contextlib
 import dataclasses
+import itertools
 import json
 import os
 import platform
@@ -14,10 +15,12 @@ import threading
 import time
 
 from contestants import (BINARY, CATALOGUED, ENVIRONMENT, HOST, OFFERED, PEER, PRISTINE, ROOT, TOP, BenchHost, Link,
-                         catalogue, content_verification, link_files, make_pristine, measure, negotiated_algorithms,
-                         offer, remove, rsync, same, scp, sondrel, ssh, ssh_cat)
+                         catalogue, content_verification, further_pass, link_files, make_pristine, measure,
+                         negotiated_algorithms, offer, remove, rsync, same, scp, sondrel, ssh, ssh_cat, timed)
 from figure import Figure
-from world import enter_private_network
+from linux_host import install_linux_agent, web_host
+from source_services import add_user
+from world import enter_private_network, write
 
 MEMORY = "/mnt/target"  # tmpfs
 DISK = f"{TOP}/build/bench/disk.{os.getpid()}"
@@ -113,6 +116,50 @@ class Bench:
 
     def deploy(self, count, rtt_ms=0):
         return self.per_file(self.upload, count, rtt_ms, "deploy-agent")
+
+    # --- what has changed since the first pass
+
+    def changes(self, sites, files, size, changed, rtt_ms=0, most=None, most_beyond=None):
+        """A further pass over `sites` with `files` of `size` bytes each, of which `changed` have one changed file;
+        of a single site so many of its files."""
+        files = self.scaled(files) if sites == 1 else files
+        sites = self.scaled(sites)
+        install_linux_agent()
+        with web_host() as host:
+            owner = add_user("alice")
+            for number in range(sites):
+                name = f"site{number:04d}.test"
+                make_site(f"/home/alice/{name}", files, size, owner)
+                host.nginx.add_site(name, f"/home/alice/{name}")
+            here, copies = f"{MEMORY}/archives", f"{MEMORY}.copies"
+            remove(MEMORY, copies)
+            os.makedirs(here)
+            with Link(rtt_ms) as link:
+                peer = rsync(link, f"{PEER}:/home/alice/", f"{copies}/", "-HAX", "--delete")
+                timed(*sondrel(link, MEMORY, "deploy-agent", batches=True, agent="linux"))
+                timed(*further_pass(link, MEMORY))
+                timed(*peer)
+                passes = itertools.count()
+
+                def prepare():
+                    number = next(passes)
+                    for index in range(number * changed, (number + 1) * changed):
+                        # Not the same sites again and again: these would be packed whole some day.
+                        site, file = (0, index % files) if sites == 1 else (index % sites, 0)
+                        write(f"/home/alice/site{site:04d}.test/{file // 100:03d}/{file:06d}", f"changed {number}",
+                              owner=owner)
+
+                def check(name):
+                    if name == "rsync":
+                        same("/home/alice", copies)
+                    elif not any(b"increment" in line for line in open(f"{MEMORY}/dump.xml", "rb")):
+                        sys.exit("there is no increment")
+
+                measured = measure({"sondrel": further_pass(link, MEMORY), "rsync": peer}, self._pairs, prepare, check)
+        seconds, others = measured["sondrel"].seconds, measured["rsync"].seconds
+        figures = [Figure("median", seconds, "s", most=most),
+                   Figure("seconds beyond 1.5 times rsync's", seconds - 1.5 * others, "s", most=most_beyond)]
+        return measured, figures
 
     # --- small files in batches
 
@@ -230,6 +277,16 @@ class Bench:
                     Figure("longest", max(trips) * 1000, "ms")]
 
 
+def make_site(folder, files, size, owner):
+    """A site of so many files of random bytes, in folders of 100."""
+    for number in range(files):
+        path = f"{folder}/{number // 100:03d}/{number:06d}"
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as file:
+            file.write(os.urandom(size))
+    subprocess.run(["chown", "-R", f"{owner[0]}:{owner[1]}", folder], check=True)
+
+
 def seconds_to_send(listener, port, size):
     """Until the last byte has arrived."""
     block = bytes(MIB)
@@ -284,6 +341,9 @@ CASES = {
     "batch-loopback": lambda bench: bench.fetch_batches(2000, most=1.5),
     "batch-50ms": lambda bench: bench.fetch_batches(200, 50, most=2.5),
     "batch-deploy-50ms": lambda bench: bench.deploy_batches(300, 50, most=2.5),
+    "changes-loopback": lambda bench: bench.changes(1, 20000, 25 * 1000, 3, most_beyond=2),
+    "changes-50ms": lambda bench: bench.changes(1, 20000, 25 * 1000, 3, 50, most_beyond=2),
+    "changes-1000-sites": lambda bench: bench.changes(1000, 20, 2000, 10, most=60),
     "memory": Bench.memory,
     "help": Bench.usage_text,
 }

@@ -136,9 +136,17 @@ def content_verification():
 
 # --- the contestants: each function gives the commands ---------------------------------------
 
-def sondrel(link, session, action="get-content", batches=False):
+def sondrel(link, session, action="get-content", batches=False, agent="sample"):
     asked = ["env", "SONDREL_CONTENT_BATCH=yes", "SONDREL_DEPLOY_BATCH=yes"] if batches else []
-    return [[*asked, BINARY, *Destination(ROOT, session=session).arguments(action, "--port", str(link.port))]]
+    return [[*asked, BINARY, *Destination(ROOT, session=session, agent=agent).arguments(
+        action, "--port", str(link.port))]]
+
+
+def further_pass(link, session):
+    """A dump of what has changed, and what comes with it, as sondrel-migrate has them made."""
+    commands = [command for action in ("dump-all", "get-content")
+                for command in sondrel(link, session, action, batches=True, agent="linux")]
+    return [[*command[:1], "SONDREL_DUMP_INCREMENTS=yes", *command[1:]] for command in commands]
 
 
 def scp(link, source, target):

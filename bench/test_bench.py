@@ -11,7 +11,7 @@ from contestants import TOP
 
 HERE = f"{TOP}/bench"
 SMOKE = ["relay", "loopback-tmpfs", "loopback-disk", "rtt-10-1gbit", "many-50ms", "present-many", "present-large",
-         "deploy-loopback", "batch-50ms", "batch-deploy-50ms", "memory", "help"]
+         "deploy-loopback", "batch-50ms", "batch-deploy-50ms", "changes-50ms", "memory", "help"]
 RESULTS = "/mnt/results.json"
 
 
