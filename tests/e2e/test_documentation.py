@@ -1,4 +1,5 @@
 """Man pages, completion and usage text tell of the program as it is; commands of the documents can be run."""
+import errno
 import glob
 import os
 import pty
@@ -214,6 +215,36 @@ def test_commands_of_a_document_are_words_of_a_shell(document):
         if words[0] == "sh":
             checked = subprocess.run(["bash", "-n"], input=text, text=True, capture_output=True, check=False)
             assert (checked.returncode, checked.stderr) == (0, ""), text
+
+
+def anchors(document):
+    """What a link can name behind "#": the headings as a web view of the repository names them."""
+    headings = [line.lstrip("#") for line in blocks(document)[1] if line.startswith("#")]
+    return {re.sub(r"[^\w -]", "", heading.strip().lower()).replace(" ", "-") for heading in headings}
+
+
+@each_document
+def test_links_of_a_document_lead_somewhere(document):
+    text = "\n".join(blocks(document)[1])
+    for link in re.findall(r"\]\(([^)\s]+)\)", text):
+        assert "://" not in link, f"a resource of others may vanish: {link}"
+        path, _, anchor = link.partition("#")
+        target = os.path.normpath(os.path.join(os.path.dirname(document), path)) if path else document
+        assert os.path.exists(f"{TOP}/{target}"), link
+        assert not anchor or anchor in anchors(target), link
+
+
+def test_messages_that_the_troubleshooting_page_looks_up_are_those_of_the_programs():
+    rows = [line.split("|")[1] for line in blocks("docs/troubleshooting.md")[1] if line.startswith("| ")]
+    sources = b"".join(read(path) for layer in ("commons", "hostlib", "transport", "sondrel", "migrate")
+                       for path in glob.glob(f"{TOP}/{layer}/*.[ch]*")).decode()
+    # A text may go on in the next line.
+    texts = re.sub(r'"\s*"', "", sources)
+    messages = [message for row in rows for message in re.findall(r"`([A-Z][^`.]+ [^`]+?)`", row)
+                if message != os.strerror(errno.ENOSPC)]
+    assert len(messages) > 10
+    for part in (part for message in messages for part in message.split(" ... ")):
+        assert part in texts, part
 
 
 def test_every_document_that_has_commands_is_run_in_fresh_roots():
