@@ -4,7 +4,7 @@
 #include <boost/function.hpp>
 
 /// Called with each local path and the remote path that matches it. Its result
-/// tells whether a directory is to be walked into.
+/// says whether to walk into a directory.
 using DirVisitor = boost::function<bool(const boost::filesystem::path& local,
                                         const boost::filesystem::path& remote)>;
 

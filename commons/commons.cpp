@@ -88,7 +88,7 @@ int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
   if (slash != std::string::npos && slash != 0) {
     if (const int failed = make_dir(path.substr(0, slash), owner, group, mode)) return failed;
   }
-  // "a/b/" names a folder that the step above has just made as "a/b".
+  // "a/b/" names a directory that the step above has just made as "a/b".
   if (mkdir(path.c_str(), mode) != 0) {
     return errno == EEXIST && stat(path.c_str(), &status) == 0 ? 0 : -1;
   }
@@ -153,7 +153,7 @@ bool AtomicReplacement::moveOverTarget() const {
   if (price_ == CRASH_SAFE) return std::rename(from, to) == 0;
   if (exchange()) {
     if (unlink(from) == 0) return true;
-    // A folder, which a rename would not have moved away either.
+    // A directory, which a rename would not have moved away either.
     const int error = errno;
     exchange();
     errno = error;

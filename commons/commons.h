@@ -15,7 +15,7 @@ DECLARE_ERROR_TAG(CantStatFS, "Cannot stat filesystem containing %1%: %2%");
 DECLARE_ERROR_TAG(CantRenameFile, "Cannot rename %1% to %2%: %3%");
 
 /// Creates a new, empty temporary file, mode 0600, and returns its name, which
-/// begins with `prefix`. An empty `dir` means the configured folder for temporary
+/// begins with `prefix`. An empty `dir` means the configured directory for temporary
 /// files. The caller overwrites or removes it. Throws CantCreateTempFile.
 std::string DTM_getTempFileName(const std::string& dir, const std::string& prefix);
 /// The same, with the file open for writing in `file`.
@@ -32,9 +32,9 @@ std::uint64_t getFreeSpace(const std::string& path);
 /// followed. `flag` is not used.
 bool check_input_file(const char* path, bool flag = false);
 
-/// Creates the folder `path` and every missing parent, each with this owner, group
-/// and mode (less the process's umask). Whatever exists already, folder or not,
-/// stays as it is. 0 on success, else non-zero with errno; a folder that could not be
+/// Creates the directory `path` and every missing parent, each with this owner, group
+/// and mode (less the process's umask). Whatever exists already, directory or not,
+/// stays as it is. 0 on success, else non-zero with errno; a directory that could not be
 /// given to the owner does not stay.
 int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode);
 
@@ -44,11 +44,11 @@ std::string getFileNameFromPath(const std::string& path);
 /// The text before the last "/", or nothing when there is none.
 std::string getPath(const std::string& path);
 
-/// The folder in which `path` lies, as a name that can be used as one.
+/// The directory in which `path` lies, as a name that can be used as one.
 std::string getFolderOf(const std::string& path);
 
-/// Puts the entry `path` of its folder on the disk: what is in a new folder is there
-/// only if the folder is. False with errno.
+/// Puts the entry `path` of its directory on the disk: a new directory's content is safe
+/// only when its own entry is. False with errno.
 bool syncFolderOf(const std::string& path);
 
 /// The user and group that own what other programs are to read. 0 and 0 where the
@@ -62,7 +62,7 @@ struct ServiceAccount {
 /// status document asks.
 const ServiceAccount& serviceAccount();
 
-/// Replaces a file in one step: a temporary file beside it is written by somebody,
+/// Replaces a file in one step: the caller writes a temporary file beside it, which is then
 /// given to the service account and moved over the target. Readers see the old
 /// content or the new, never a part.
 ///
@@ -74,7 +74,7 @@ const ServiceAccount& serviceAccount();
 /// failed `commit` it is left in place, as evidence.
 class AtomicReplacement {
  public:
-  /// CRASH_SAFE: the new content and its entry in the folder are on the disk after `commit`.
+  /// CRASH_SAFE: the new content and its entry in the directory are on the disk after `commit`.
   /// CHEAP: for files replaced thousands of times in a run; may be empty after a crash of the
   /// machine.
   enum Price { CRASH_SAFE, CHEAP };
@@ -93,7 +93,7 @@ class AtomicReplacement {
   bool close() { return temporary_.close() == 0; }
 
   /// Throws CantTakeFileOwnership or CantRenameFile; the target is then untouched, or, if only
-  /// its folder could not be put on the disk, replaced.
+  /// its directory could not be put on the disk, replaced.
   void commit();
 
  private:

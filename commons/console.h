@@ -16,8 +16,8 @@ void writeAll(int descriptor, const std::string& text);
 class ProgressLine;
 
 /// While it lives, a stream whose descriptor is a terminal shows what is written to it
-/// through escapeForTerminal: texts of a source host must not command the terminal of
-/// whoever looks on. Other streams stay as they are, byte for byte.
+/// through escapeForTerminal: texts of a source host must not control the terminal that
+/// shows them. Other streams stay as they are, byte for byte.
 class TerminalGuard {
  public:
   /// `stream` must outlive the guard, and so must `line`: the line of that terminal, which

@@ -65,7 +65,7 @@ UniqueFd ContentFolder::openExisting(const std::string& name) const {
     UniqueFd file(openat(folder.get(), getFileNameFromPath(name).c_str(), flags));
     if (file && isRegularFile(file)) return file;
   } catch (const SystemError&) {
-    // A missing folder is a missing file.
+    // A missing directory is a missing file.
   }
   return {};
 }

@@ -15,7 +15,7 @@
 
 namespace {
 
-/// Of the signals that end a process on somebody's request, those that will.
+/// The termination signals that still have their default disposition.
 sigset_t endingSignals() {
   sigset_t set;
   sigemptyset(&set);
@@ -38,7 +38,7 @@ UniqueFd checked(int descriptor, const char* what) {
   sigaddset(&set, number);
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
   raise(number);
-  // By the default action nobody comes here.
+  // Not reached: the default action terminates.
   std::abort();
 }
 
@@ -49,7 +49,7 @@ EndingSignals::EndingSignals(std::function<void()> atEnd) : atEnd_(std::move(atE
   arrived_ = checked(signalfd(-1, &ending, SFD_CLOEXEC), "signalfd");
   over_ = checked(eventfd(0, EFD_CLOEXEC), "eventfd");
   {
-    // The thread inherits it: every other signal is for the one that works.
+    // The thread inherits this mask: other signals go to the main thread.
     const SignalMaskGuard none(SIG_BLOCK, allSignals());
     thread_ = std::thread([this] { watch(); });
   }
@@ -58,7 +58,7 @@ EndingSignals::EndingSignals(std::function<void()> atEnd) : atEnd_(std::move(atE
 
 EndingSignals::~EndingSignals() {
   const std::uint64_t once = 1;
-  // It has room for it, and then the other side has it.
+  // The counter is 0, so this write cannot block.
   [[maybe_unused]] const ssize_t written = write(over_.get(), &once, sizeof once);
   thread_.join();
   // One that has arrived since ends the process here.

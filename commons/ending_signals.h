@@ -7,10 +7,9 @@
 
 #include "commons/unique_fd.h"
 
-/// While it lives, SIGHUP, SIGINT, SIGQUIT and SIGTERM end the process as they do by
-/// themselves, at once and whatever the process is at, but not before something was done:
-/// by a thread that waits for them, since little may be done in a handler. Those that are
-/// ignored or handled when it is made stay so.
+/// Runs a callback on a helper thread before SIGHUP, SIGINT, SIGQUIT or SIGTERM terminates the
+/// process, as long as this object lives. A thread, since a signal handler may do little. Signals
+/// that are ignored or handled when the object is made are left alone.
 class EndingSignals {
  public:
   /// `atEnd` is called on that thread, and must not wait for anything. Throws

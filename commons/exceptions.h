@@ -91,7 +91,7 @@ class ExTaggedIncludable : public ExTraceable {
   std::shared_ptr<const ExTraceable> inner_;
 };
 
-/// A tag tells one kind of error from another: a function that is declared and
+/// A tag is one kind of error: a function that is declared and
 /// never defined, whose address makes a type of its own of Exc<&Tag>.
 using ErrorTag = void();
 

@@ -21,7 +21,7 @@ std::string getLibxmlProxyFileName();
 std::string getRemoteDumpingStatusFileName();
 
 namespace agents {
-/// One folder for each agent, and "shared" for what all of them need.
+/// One directory for each agent, and "shared" for what all of them need.
 std::string getDir();
 }  // namespace agents
 

@@ -206,7 +206,7 @@ void execute(const std::string& program, const ArgList& args) {
     execute(program, args);
   } catch (const std::exception& e) {
     const std::string report = std::string("Uncaught std::exception: ") + e.what() + "\n";
-    // Nobody is left to tell if this fails; the exit status speaks.
+    // No process is left that could read an error text; the exit status says it.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, report.data(), report.size());
   }
   // Not exit: this is a copy of the parent, and its buffers are not the child's to

@@ -155,8 +155,8 @@ MigrationStatus* createMigrationStatusFile() {
 }
 
 void XmlAgentFileList::parse() {
-  for (xmlNodePtr node = root()->children; node; node = node->next) {
-    if (node->type != XML_ELEMENT_NODE || fromXmlChar(node->name) != "file") continue;
+  for (const xmlNodePtr node : xmlElementsOf(root())) {
+    if (fromXmlChar(node->name) != "file") continue;
     files_.push_back({getNodeText(node), getNumber(node, "size"),
                       findAttribute(node, "md5sum").value_or(""),
                       findAttribute(node, "size").has_value()});
@@ -169,15 +169,6 @@ std::int64_t XmlAgentFileList::getTotalSize() const {
 
 std::int64_t XmlAgentFileList::getUnpackedSize() const {
   return getNumber(root(), "unpacked");
-}
-
-std::optional<std::string> XmlAgentFileList::findAttribute(xmlNodePtr node,
-                                                           const std::string& name) const {
-  try {
-    return getAttribute(node, name);
-  } catch (const Exc<&NoSuchAttribute>&) {
-    return std::nullopt;
-  }
 }
 
 std::int64_t XmlAgentFileList::getNumber(xmlNodePtr node, const std::string& name) const {

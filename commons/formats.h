@@ -132,7 +132,6 @@ class XmlAgentFileList : public tXmlDtmDocument, public AgentFileList {
   const std::vector<DumpFile>& getFileList() const override { return files_; }
 
  private:
-  std::optional<std::string> findAttribute(xmlNodePtr node, const std::string& name) const;
   std::int64_t getNumber(xmlNodePtr node, const std::string& name) const;
 
   std::vector<DumpFile> files_;

@@ -68,10 +68,10 @@ struct FileIdentity {
 /// Puts many files on the disk at once: cheaper than one after the other.
 class FileSystemSync {
  public:
-  /// To be called before the first byte is written to the file, whose descriptor is copied: the
-  /// system tells of a failure only those who were there before it. Throws SystemError.
+  /// Must be called before the first byte is written to the file, whose descriptor is copied: the
+  /// system reports a failure only to descriptors that were open before it. Throws SystemError.
   void add(int descriptor);
-  /// Puts on the disk all that was written to the files' file systems, their folders included.
+  /// Puts on the disk all that was written to the files' file systems, their directories included.
   /// False with errno when a file may not be there.
   bool sync();
 
@@ -92,7 +92,7 @@ class OutputFile {
  public:
   /// Creates or truncates `path`; a new file gets mode 0666 less the umask.
   explicit OutputFile(const std::string& path);
-  /// Takes over a file that somebody opened in `folder`. `path` is for messages. What
+  /// Takes over a file that the caller opened in `folder`. `path` is for messages. What
   /// the file holds is kept until the first byte comes, or until it is closed without
   /// one: an attempt that brings nothing destroys nothing.
   OutputFile(const std::string& path, UniqueFd file, UniqueFd folder);
@@ -102,7 +102,7 @@ class OutputFile {
   std::ostream& stream() { return stream_; }
   /// For FileSystemSync; -1 where the file could not be opened.
   int descriptor() const { return file_.get(); }
-  /// To be asked before the file is closed.
+  /// Must be asked before the file is closed.
   FileIdentity identity() const;
   /// Counts from now on what goes into the file; `sum` must outlive it.
   void setSum(Md5Sum* sum) { buffer_.setSum(sum); }
@@ -113,7 +113,7 @@ class OutputFile {
 
   /// True when every byte went to the system and closing reported no error.
   bool close();
-  /// The same, with the file and, if it is known, its folder on the disk as well.
+  /// The same, with the file and, if it is known, its directory on the disk as well.
   bool syncAndClose();
   /// The system's text for what failed first.
   std::string errorText() const;
@@ -130,6 +130,6 @@ class OutputFile {
   std::ostream stream_;
 };
 
-/// Puts a folder's entries on the disk; false with errno when that fails. A file
-/// system that cannot sync folders at all (EINVAL) is no failure.
+/// Puts a directory's entries on the disk; false with errno when that fails. A file
+/// system that cannot sync directories at all (EINVAL) is no failure.
 bool syncFolder(int folder);

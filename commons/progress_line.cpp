@@ -27,7 +27,7 @@ bool isSmart(int descriptor) {
 
 std::unique_ptr<ProgressLine> ProgressLine::on(int descriptor, Now now) {
   if (!isSmart(descriptor)) return nullptr;
-  // Whoever shares the descriptor shares its flags: for writing without waiting it takes
+  // A process that shares the descriptor shares its flags: for writing without waiting it takes
   // one of our own.
   const std::string name = "/proc/self/fd/" + std::to_string(descriptor);
   UniqueFd terminal(open(name.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));

@@ -8,18 +8,18 @@
 
 #include "commons/unique_fd.h"
 
-/// A line at the end of what a terminal shows, which is drawn over again while something
-/// goes on, and is gone when anything else is to be shown.
+/// The last line of a terminal, redrawn while something goes on, and erased before anything else
+/// is shown.
 ///
-/// Drawing and erasing never wait: where the terminal takes nothing, as after Ctrl-S, they
-/// do nothing. Nor do they while the process is in the background, where the terminal is
-/// somebody else's and writing to it may stop the process.
+/// Drawing and erasing never wait: where the terminal accepts nothing, as after Ctrl-S, they
+/// do nothing. Nor do they while the process is in the background, where another process uses
+/// the terminal and writing to it may stop this one.
 class ProgressLine {
  public:
   using Clock = std::chrono::steady_clock;
   using Now = std::function<Clock::time_point()>;
 
-  /// The line of this terminal; null where nobody would see it: `descriptor`, which stays
+  /// The line of this terminal; null where it could not be seen: `descriptor`, which stays
   /// the caller's, is no terminal, TERM is "dumb", or the terminal cannot be opened.
   static std::unique_ptr<ProgressLine> on(int descriptor, Now now = Clock::now);
   /// Erases it.
@@ -27,13 +27,13 @@ class ProgressLine {
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
 
-  /// Draws what `describe` says, if anything, as fitLine has it for the present width of
+  /// Draws what `describe` says, if anything, cut by fitLine to the present width of
   /// the terminal. Not more than ten times a second: else `describe` is not even called.
   void show(const std::function<std::string()>& describe);
   void erase();
-  /// Erases it for somebody who is about to write to the terminal; waits as he will.
+  /// Erases it before the caller writes to the terminal; waits as that write would.
   void makeWay();
-  /// Erases it, and has it never drawn again. From any thread.
+  /// Erases it; it is never drawn again. From any thread.
   void close();
 
  private:
@@ -47,7 +47,7 @@ class ProgressLine {
   UniqueFd terminal_;
   Now now_;
   Clock::time_point nextDrawing_;
-  /// Guards what follows. Nobody waits for the terminal under it.
+  /// Guards what follows. No thread waits for the terminal while it holds it.
   std::mutex mutex_;
   bool isShown_ = false;
   bool isClosed_ = false;

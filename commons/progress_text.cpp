@@ -12,7 +12,7 @@ namespace {
 constexpr off_t LARGEST_DOCUMENT_BYTES = 1 << 20;
 
 std::string attributeOf(const tXmlDtmDocument& document, xmlNodePtr node, const char* name) {
-  return xmlHasProp(node, toXmlChar(name)) ? document.getAttribute(node, name) : "";
+  return document.findAttribute(node, name).value_or("");
 }
 
 std::optional<std::int64_t> numberOf(const tXmlDtmDocument& document, xmlNodePtr node,

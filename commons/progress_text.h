@@ -8,7 +8,7 @@
 
 #include "commons/xml_wrap.h"
 
-/// What a person is told of something that goes on, in one line.
+/// The progress of something that goes on, in one line for a person.
 
 /// How far a transfer of files is. The numbers of the source host need not fit each other.
 struct TransferFigures {
@@ -16,7 +16,7 @@ struct TransferFigures {
   std::optional<std::int64_t> filesLeft;
   std::optional<std::int64_t> bytesTotal;
   std::optional<std::int64_t> bytesLeft;
-  /// What has come; shown where nobody knows how much there is.
+  /// What has arrived; shown where the total is not known.
   std::optional<std::int64_t> bytesReceived;
   /// Bytes in a second.
   std::optional<std::int64_t> rate;

@@ -9,7 +9,7 @@ DECLARE_ERROR_TAG(UnableToCreateSession, "Unable to create session: %1%");
 /// The session directory of a run and the names of everything in it.
 class SessionFiles {
  public:
-  /// Creates the directory `path` and its folder "archives" unless they exist:
+  /// Creates the directory `path` and its subdirectory "archives" unless they exist:
   /// owner root, the service account's number as group, mode 0750. An existing
   /// session is reused as it is. A directory that is open to the group of that number, which
   /// is not the account's own, is reported to the system log. Throws UnableToCreateSession.

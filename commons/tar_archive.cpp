@@ -63,7 +63,7 @@ std::ptrdiff_t TarReader::readSource(archive* handle, void* self, const void** b
 
 bool TarReader::next() {
   if (!opened_) {
-    // Reads already: the source must not be asked before somebody wants to know.
+    // Reads already: the source must not be asked before the caller asks.
     check(archive_read_open(archive_.get(), this, nullptr, readSource, nullptr) != ARCHIVE_OK);
     opened_ = true;
   }
@@ -124,7 +124,7 @@ TarWriter::TarWriter(std::ostream& out) : out_(out), archive_(archive_write_new(
 
 TarWriter::~TarWriter() = default;
 
-/// The library is told of no failure: after one it never frees what it has of an open archive.
+/// The library does not learn of failures: after one it never frees what it has of an open archive.
 std::ptrdiff_t TarWriter::writeOut(archive*, void* self, const void* bytes, std::size_t size) {
   auto& writer = *static_cast<TarWriter*>(self);
   try {

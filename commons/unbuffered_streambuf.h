@@ -2,8 +2,8 @@
 
 #include <streambuf>
 
-/// A stream's target that keeps nothing back: whoever derives from it says in `xsputn`
-/// what becomes of bytes, and one alone goes the same way.
+/// A stream's target without a buffer: a derived class says in `xsputn` what happens to
+/// bytes; a single one takes the same path.
 class UnbufferedStreamBuf : public std::streambuf {
  protected:
   int_type overflow(int_type c) override {

@@ -6,7 +6,7 @@
 
 /// Owns a file descriptor and closes it. Moves, never copies; -1 stands for none.
 ///
-/// Whoever must know whether closing failed calls `close` itself.
+/// A caller that must know whether closing failed calls `close` itself.
 class UniqueFd {
  public:
   UniqueFd() = default;

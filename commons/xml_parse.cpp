@@ -105,6 +105,14 @@ int foreach_xmlnode(const tXPathExpr& expression, tXmlOperator& xmlOperator, tEr
   return 1;
 }
 
+std::vector<xmlNodePtr> xmlElementsOf(xmlNodePtr node) {
+  std::vector<xmlNodePtr> elements;
+  for (xmlNodePtr child = node->children; child; child = child->next) {
+    if (child->type == XML_ELEMENT_NODE) elements.push_back(child);
+  }
+  return elements;
+}
+
 xmlNodePtr getXmlChild(xmlNodePtr node, const std::string& name) {
   if (!node) throw Exc<&AssertionFailed>(HERE) % "node != NULL";
   for (xmlNodePtr child = node->children; child; child = child->next) {

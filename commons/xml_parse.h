@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "commons/exceptions.h"
 
@@ -107,6 +108,9 @@ using tErrorFunc = void (*)(const ExTraceable& error);
 /// Returns 1 when there was a node set, empty or not; 0, with an error to
 /// `errorFunc`, when there was none. Throws tError_XPath_TypesMismatch.
 int foreach_xmlnode(const tXPathExpr& expression, tXmlOperator& xmlOperator, tErrorFunc errorFunc);
+
+/// The elements among the children of `node`, in order.
+std::vector<xmlNodePtr> xmlElementsOf(xmlNodePtr node);
 
 /// The first child of `node`, of whatever kind, with that name; null if none.
 /// Throws AssertionFailed for a null node.

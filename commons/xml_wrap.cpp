@@ -17,7 +17,7 @@
 namespace {
 
 constexpr const char* REPLACEMENT_CHARACTER = "\xEF\xBF\xBD";
-/// For what entities add to a document. Nobody who means well uses any.
+/// For what entities add to a document. Legitimate documents use none.
 constexpr std::size_t ENTITY_TEXT_LIMIT = 1 << 20;
 constexpr mode_t NEW_FILE_MODE = 0666;
 
@@ -210,8 +210,15 @@ void tXmlDtmDocument::addAttribute(xmlNodePtr node, const std::string& name,
 }
 
 std::string tXmlDtmDocument::getAttribute(xmlNodePtr node, const std::string& name) const {
-  const XmlText value{xmlGetProp(node, toXmlChar(name))};
+  const std::optional<std::string> value = findAttribute(node, name);
   if (!value) throw Exc<&NoSuchAttribute>(HERE) % fromXmlChar(node->name) % name;
+  return *value;
+}
+
+std::optional<std::string> tXmlDtmDocument::findAttribute(xmlNodePtr node,
+                                                          const std::string& name) const {
+  const XmlText value{xmlGetProp(node, toXmlChar(name))};
+  if (!value) return std::nullopt;
   return fromXmlChar(value.get());
 }
 

@@ -4,6 +4,7 @@
 #include <libxml/xmlIO.h>
 
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 
@@ -91,6 +92,8 @@ class tXmlDtmDocument : public tXmlDocument {
   void addAttribute(xmlNodePtr node, const std::string& name, const std::string& value);
   /// Throws NoSuchAttribute; an empty value is a value.
   std::string getAttribute(xmlNodePtr node, const std::string& name) const;
+  /// Nothing when the node does not have it; an empty value is a value.
+  std::optional<std::string> findAttribute(xmlNodePtr node, const std::string& name) const;
   /// The node's text; empty when there is none.
   std::string getNodeText(xmlNodePtr node) const;
 

@@ -10,7 +10,7 @@
 ///
 /// The file is read once per process, on the first lookup, and kept. While it
 /// cannot be read every lookup tries again, reports to the system log and finds
-/// nothing. Of a key that is given twice the last value holds.
+/// nothing. If a key is repeated, the last value wins.
 ///
 /// The file belongs to the whole product, so keys that this program does not have are
 /// ignored. A line that is one of its keys but for the case or the separator, and a value

@@ -53,7 +53,7 @@ const char* resultLogOf(Step step);
 
 /// How far the step is, in one line, as "3 of 10 files, 1.2 of 3.4 MB (35 %), 1.1 MB/s, 0:02
 /// left, content/a". Only what was written at `since` (as formatTime) or later counts: an
-/// older document tells of another run. Empty when there is nothing to say.
+/// older document is about another run. Empty when there is nothing to say.
 std::string describeProgress(const std::string& session, Step step, const std::string& since);
 
 }  // namespace migrate

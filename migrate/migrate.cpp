@@ -34,7 +34,7 @@ int report(Console& console, const std::string& text, int exitCode) {
 }  // namespace
 
 int migrateMain(int argc, char** argv) {
-  // Before anything can fail: nobody is to find them in /proc.
+  // Before anything can fail: no other process may find them in /proc.
   Passwords environment = takePasswordsFromEnvironment();
   // The ids of errors are drawn from it.
   std::srand(static_cast<unsigned int>(std::time(nullptr)));

@@ -36,7 +36,7 @@ constexpr std::chrono::seconds ORPHAN_WAIT{10};
 constexpr int ORPHAN_TICK_MS = 50;
 /// The last line of what sondrel-restore says of a failure is kept, no more of it than this.
 constexpr std::size_t LONGEST_REASON_BYTES = 2000;
-/// sondrel-restore's exit status when somebody must decide.
+/// sondrel-restore's exit status when the administrator must decide.
 constexpr int EXIT_OF_NEEDED_DECISIONS = 3;
 /// A restore reaches no other host.
 const Passwords NO_PASSWORDS;
@@ -154,7 +154,7 @@ void Migration::takeSettings() {
   state_.save(request_.sessionPath);
 }
 
-/// Whoever names a step wants it made, whatever earlier runs left out.
+/// A step that is named is made, whatever earlier runs left out.
 void Migration::planStepToGoBackTo(Settings& settings) const {
   if (request_.from == Step::REMOVE) planRemoval(settings);
   if (request_.from == Step::CONTENT && settings.isOn("no-content")) {
@@ -426,7 +426,7 @@ int Migration::reportEnd(Step step, const RunOutcome& outcome) {
   return outcome.exitCode;
 }
 
-/// sondrel itself has told the outermost error.
+/// sondrel itself has printed the outermost error.
 void Migration::reportFailure(Step step, const RunOutcome& outcome) {
   if (!outcome.reason.empty()) console_.complain(outcome.reason);
   const std::vector<std::string> causes = causesOf(request_.sessionPath, step, outcome);

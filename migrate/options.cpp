@@ -108,14 +108,14 @@ std::string absolute(const std::string& path, const char* what) {
 int parseDescriptor(const char* text, const char* name) {
   const std::size_t length = std::strlen(text);
   if (length == 0 || length > 6 || std::strspn(text, "0123456789") != length) {
-    refuse(std::string("--") + name + " is to be the number of an open descriptor");
+    refuse(std::string("--") + name + " must be the number of an open descriptor");
   }
   return std::stoi(text);
 }
 
 Step parseStep(const std::string& name) {
   const std::optional<Step> step = stepNamed(name);
-  if (!step) refuse("--from is to be scout, deploy, dump, content, remove, plan, apply or verify");
+  if (!step) refuse("--from must be scout, deploy, dump, content, remove, plan, apply or verify");
   return *step;
 }
 

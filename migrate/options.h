@@ -21,13 +21,13 @@ struct Request {
   std::optional<int> passwordFd;
   std::optional<int> sudoPasswordFd;
   std::optional<int> keyPasswordFd;
-  /// The step that is to be made again, with all that follow.
+  /// The step that is made again, with all that follow.
   std::optional<Step> from;
   /// Whole archives, where increments would do.
   bool full = false;
 };
 
-/// Throws MigrateBadSettings. No error text repeats a value, for somebody may have put a
+/// Throws MigrateBadSettings. No error text repeats a value, for a user may have put a
 /// password where none belongs.
 Request parseOptions(int argc, char** argv);
 

@@ -44,7 +44,7 @@ std::optional<char> readByte(int fd, const std::string& what, Signals& signals) 
   }
 }
 
-/// The next line without its end. Byte by byte: what follows belongs to somebody else.
+/// The next line without its end. Byte by byte: what follows belongs to another reader.
 Secret readLine(int fd, const std::string& what, Signals& signals) {
   std::string text;
   // In full at once, so that growing leaves no copies behind.
@@ -82,7 +82,7 @@ class HiddenInput {
 };
 
 void show(int terminal, const std::string& text) {
-  // What cannot be shown is noticed by whoever looks.
+  // Best effort: the user sees when the terminal shows nothing.
   [[maybe_unused]] const ssize_t written = write(terminal, text.data(), text.size());
 }
 
@@ -132,7 +132,7 @@ Secret obtain(Sources sources, Signals& signals) {
   return askOnTerminal(sources.what, sources.variable, sources.option, signals);
 }
 
-/// Asks nobody; an empty one is none.
+/// Does not ask; an empty one is none.
 Secret obtainIfGiven(Sources sources, Signals& signals) {
   Secret secret = sources.fd ? readDescriptor(*sources.fd, sources.what, signals)
                              : std::move(sources.fromEnvironment);
@@ -143,7 +143,7 @@ std::string accountOf(const Settings& settings) {
   return settings.get("login") + "@" + settings.get("host");
 }
 
-/// What else it holds is nobody's, and no child's.
+/// Closed so that no child inherits the rest of it.
 void closeDescriptor(std::optional<int> fd) {
   if (fd && *fd > STDERR_FILENO) close(*fd);
 }

@@ -47,14 +47,14 @@ Passwords takePasswordsFromEnvironment();
 
 /// Gets what `settings` need: from the descriptors of the request, one line each, in the order
 /// login, key, sudo, which are closed afterwards; else from the environment; else from a person at
-/// the terminal, who does not see what is typed. With a login by key nobody is asked for the
-/// password of the login, nor for the key's. Throws MigrateImpossible when there is nobody to ask,
-/// Interrupted when a signal ends the waiting.
+/// the terminal, who does not see what is typed. With a login by key the user is not asked for the
+/// password of the login, nor for the key's. Throws MigrateImpossible when there is no terminal to
+/// ask on, Interrupted when a signal ends the waiting.
 Passwords obtainPasswords(const Request& request, const Settings& settings, Passwords environment,
                           Signals& signals);
 
 /// Asks a person at the terminal for what a login by key lacks, as the causes of its failure tell
-/// it: the password of the login or that of the key. False when they tell nothing of the kind, or
+/// it: the password of the login or that of the key. False when they say nothing of the kind, or
 /// it was given. Throws as obtainPasswords.
 bool askForWhatIsWanted(const std::string& causes, const Settings& settings, Passwords& passwords,
                         Signals& signals);

@@ -17,17 +17,17 @@ namespace migrate {
 /// started it was killed.
 class SessionLock {
  public:
-  /// `folder` must exist. Throws MigrateSessionBusy when somebody holds the lock,
+  /// `folder` must exist. Throws MigrateSessionBusy when another process holds the lock,
   /// MigrateImpossible when it cannot be had at all.
   explicit SessionLock(const std::string& folder);
 
   int descriptor() const { return file_.get(); }
 
-  /// Whether somebody holds the lock of that folder; asking disturbs nobody.
+  /// Whether a process holds the lock of that directory; asking does not change it.
   static bool isHeld(const std::string& folder);
   /// The same where the process that took the lock is gone: a sondrel that it started has it.
   static bool isHeldByOrphan(const std::string& folder);
-  /// The process that took it last, as far as the file tells.
+  /// The process that took it last, as far as the file says.
   static std::optional<pid_t> holder(const std::string& folder);
 
  private:

@@ -32,14 +32,14 @@ const SettingKind* findKind(const std::string& name) {
   return found == kinds.end() ? nullptr : &*found;
 }
 
-/// The folder is removed with everything in it, and its name reaches a shell as it is.
+/// The directory is removed with everything in it, and its name reaches a shell as it is.
 void checkAgentParent(const std::string& path) {
   const std::string parts = path + "/";
   const bool plain = path.find_first_not_of(
                          "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
                          "0123456789/._-") == std::string::npos;
   if (plain && path.front() == '/' && parts.find("/../") == std::string::npos) return;
-  refuse("--agent-parent is to be an absolute path of letters, digits and \"._-\"");
+  refuse("--agent-parent must be an absolute path of letters, digits and \"._-\"");
 }
 
 void checkPort(const std::string& text) {
@@ -47,10 +47,10 @@ void checkPort(const std::string& text) {
                           return c >= '0' && c <= '9';
                         });
   if (isNumber && std::stoul(text) >= 1 && std::stoul(text) <= LARGEST_PORT) return;
-  refuse("--port is to be a number from 1 to 65535");
+  refuse("--port must be a number from 1 to 65535");
 }
 
-/// Standard input is nobody's to read: a run that goes on would find it empty.
+/// Standard input cannot be read: a later run that resumes would find it empty.
 void checkNames(const std::string& name, const std::string& value) {
   if (value == "-") refuse("--" + name + " cannot be read from standard input");
 }
@@ -76,7 +76,7 @@ void checkValue(const std::string& name, const std::string& value) {
 
 std::string switchValue(const std::string& name, const std::string& value) {
   if (value.empty() || value == "yes") return "yes";
-  if (value != "no") refuse("--" + name + R"( is to be "yes" or "no")");
+  if (value != "no") refuse("--" + name + R"( must be "yes" or "no")");
   return value;
 }
 

@@ -71,7 +71,7 @@ std::string agentNameOf(const Settings& settings);
 /// The key that sondrel will log in by: that of the settings, of the environment or of the host's
 /// configuration; empty for a login by password.
 std::string identityOf(const Settings& settings);
-/// The folder on the source host in which the agent's own is made.
+/// The directory on the source host in which the agent's own is made.
 std::string agentParentOf(const Settings& settings);
 
 }  // namespace migrate

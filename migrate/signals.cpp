@@ -65,7 +65,7 @@ void Signals::restoreActions() const {
 }
 
 int Signals::wait(std::vector<pollfd>& descriptors, int timeoutMs) {
-  // Whoever started this may have held signals back; in here they come.
+  // The parent may have blocked signals; here they are unblocked.
   sigset_t none;
   sigemptyset(&none);
   const timespec timeout = {timeoutMs / 1000, timeoutMs % 1000 * 1000000L};

@@ -13,7 +13,7 @@ struct Interrupted {
 };
 
 /// The signals that ask for an end (SIGHUP, SIGINT, SIGQUIT, SIGTERM, and SIGUSR1 for a clean
-/// stop), and the one that tells of a child's end. They are held back but for the waits, so
+/// stop), and the one that reports a child's end. They are blocked except in the waits, so
 /// that nothing is cut short in the middle. What was ignored when the program was started
 /// stays ignored. One object at a time.
 class Signals {
@@ -32,12 +32,12 @@ class Signals {
   /// The first request of all; 0 while there was none.
   int requested() const { return requested_; }
 
-  /// Lets in whatever is waiting.
+  /// Receives the pending signals.
   void letIn();
   /// The same; throws Interrupted when an end was asked for, now or earlier.
   void check();
 
-  /// For a child: what this program found ignored stays so, and nothing is held back, for what
+  /// For a child: what this program found ignored stays so, and nothing is blocked, for what
   /// is passed on must arrive.
   void prepareChild() const;
 

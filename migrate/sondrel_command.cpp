@@ -86,7 +86,7 @@ std::string findProgram(const std::string& name) {
   const char* const path = std::getenv("PATH");
   std::istringstream folders(path ? path : "");
   for (std::string folder; std::getline(folders, folder, ':');) {
-    // An empty folder would mean the present one, which is anybody's.
+    // An empty entry would mean the current directory, which any account may own.
     if (folder.empty()) continue;
     std::string program = folder.append("/").append(name);
     if (isProgram(program)) return program;

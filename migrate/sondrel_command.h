@@ -19,7 +19,7 @@ std::string findSondrelRestore();
 /// Where things are in one migration.
 struct Places {
   std::string session;
-  /// The agent's own folder on the source host.
+  /// The agent's own directory on the source host.
   std::string agentDir;
 };
 
@@ -30,7 +30,7 @@ ArgList commandOf(Step step, const Settings& settings, const Places& places);
 /// The command line that prints the dumping status of the agent.
 ArgList dumpingStatusCommand(const Settings& settings, const Places& places);
 
-/// The folder on this host that the content files go to.
+/// The directory on this host that the content files go to.
 std::string contentDirOf(const Settings& settings, const std::string& session);
 
 }  // namespace migrate

@@ -137,7 +137,7 @@ bool wireDescriptors(int out, int err, int lock) {
 
 [[noreturn]] void runChild(const SondrelRun& run, const Signals& signals, int out, int err,
                            pid_t parent, char** arguments, char** environment) {
-  // Nobody would take what it says, nor keep the record of it.
+  // No process would read its output, nor keep the record of it.
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   if (getppid() != parent) _exit(CANNOT_EXECUTE);
   signals.prepareChild();
@@ -145,7 +145,7 @@ bool wireDescriptors(int out, int err, int lock) {
     execve(run.program.c_str(), arguments, environment);
   }
   const std::string text = run.program + ": " + std::strerror(errno) + "\n";
-  // Nobody is left to tell if this fails; the exit status speaks.
+  // No process is left that could read an error text; the exit status says it.
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
   _exit(CANNOT_EXECUTE);
 }
@@ -204,14 +204,14 @@ class Child {
   }
   ~Child() {
     if (hasEnded_) return;
-    // Somebody threw: it must not go on unwatched.
+    // An exception passes: the child must not go on unwatched.
     kill(pid_, SIGTERM);
     waitpid(pid_, nullptr, 0);
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  /// To the end of the process. Whoever else has inherited its pipes is not waited for.
+  /// To the end of the process. Other processes that inherited its pipes are not waited for.
   void attend() {
     while (!hasEnded_) {
       turn();
@@ -276,7 +276,7 @@ class Child {
   }
 
   void reap() {
-    // A SIGCHLD from now on is held back, and ends the next wait at once.
+    // A SIGCHLD from now on is blocked, and ends the next wait at once.
     const pid_t reaped = waitpid(pid_, &status_, WNOHANG);
     if (reaped < 0) throwSystemError("waitpid", errno);
     hasEnded_ = reaped == pid_;

@@ -47,7 +47,7 @@ std::string randomFolderName() {
   return std::string(FOLDER_PREFIX) + digits;
 }
 
-/// The host and the folder in it are believed: nobody else may have written them.
+/// Passwords go to the host that it names, so no other account may have written it.
 void refuseForeign(const std::string& path, mode_t kind) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0) failWithErrno(path);
@@ -55,7 +55,7 @@ void refuseForeign(const std::string& path, mode_t kind) {
       (status.st_mode & (S_IWGRP | S_IWOTH)) == 0) {
     return;
   }
-  fail(path + " is not this account's alone, and is not believed");
+  fail(path + " is owned or writable by another account; refusing to use it");
 }
 
 Progress progressNamed(const std::string& name) {
@@ -64,16 +64,12 @@ Progress progressNamed(const std::string& name) {
   return ALL_PROGRESS[static_cast<std::size_t>(found - PROGRESS_NAMES.begin())];
 }
 
-std::string optionalAttribute(const tXmlDtmDocument& document, xmlNodePtr node, const char* name) {
-  return xmlHasProp(node, toXmlChar(name)) ? document.getAttribute(node, name) : "";
-}
-
 StepRecord readRecord(const tXmlDtmDocument& document, xmlNodePtr node) {
   StepRecord record;
   record.progress = progressNamed(document.getAttribute(node, "state"));
-  record.started = optionalAttribute(document, node, "started");
-  record.ended = optionalAttribute(document, node, "ended");
-  const std::string code = optionalAttribute(document, node, "exit-code");
+  record.started = document.findAttribute(node, "started").value_or("");
+  record.ended = document.findAttribute(node, "ended").value_or("");
+  const std::string code = document.findAttribute(node, "exit-code").value_or("");
   if (!code.empty()) record.exitCode = boost::lexical_cast<int>(code);
   record.reason = document.getNodeText(node);
   return record;
@@ -150,8 +146,7 @@ State State::load(const std::string& session) {
     if (document.getAttribute(document.root(), "version") != VERSION) fail("unknown version");
     State state;
     state.agentFolder_ = document.getAttribute(document.root(), "agent-folder");
-    for (xmlNodePtr node = document.root()->children; node; node = node->next) {
-      if (node->type != XML_ELEMENT_NODE) continue;
+    for (const xmlNodePtr node : xmlElementsOf(document.root())) {
       const std::string name = document.getAttribute(node, "name");
       if (fromXmlChar(node->name) == "setting") {
         state.settings.set(name, document.getNodeText(node));

@@ -9,7 +9,7 @@
 
 namespace migrate {
 
-/// How far a step is. A running one that nobody runs was cut short.
+/// How far a step is. A running one without a process was interrupted.
 enum class Progress { WAITING, RUNNING, DONE, FAILED, STOPPED };
 
 const char* nameOf(Progress progress);
@@ -28,19 +28,19 @@ struct StepRecord {
 /// What a migration is and how far it is, kept in the document "migrate/state.xml" of the
 /// session directory.
 ///
-/// It tells root which host to give a password to: the document and its folder belong to
+/// It names the host that root sends a password to: the document and its directory belong to
 /// root alone, and the service account may only read them.
 class State {
  public:
-  /// The folder of this program in a session directory.
+  /// The directory of this program in a session directory.
   static std::string folderIn(const std::string& session);
   static std::string documentIn(const std::string& session);
 
-  /// A migration that has not begun. Its folder on the source host gets a name that no other
+  /// A migration that has not begun. Its directory on the source host gets a name that no other
   /// migration has.
   static State fresh();
   /// Throws MigrateImpossible when the document is not what this program writes, or when
-  /// somebody else than this account may write it.
+  /// another account may write it.
   static State load(const std::string& session);
   /// True when the session has such a document.
   static bool exists(const std::string& session);
@@ -61,11 +61,11 @@ class State {
   /// True when all of them are done.
   bool isFinished() const;
 
-  /// Takes it that `step` and all later ones were not made. Once the agent is gone it has to
+  /// Resets `step` and all later ones to WAITING. Once the agent is gone it has to
   /// be deployed again for them, unless they need none.
   void goBackTo(Step step);
 
-  /// The agent's own folder on the source host.
+  /// The agent's own directory on the source host.
   std::string agentDir() const;
 
  private:

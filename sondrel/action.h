@@ -21,7 +21,7 @@ DECLARE_ERROR_TAG(SudoNotFound,
                   "supply root password for the migration.");
 DECLARE_ERROR_TAG(SudoNotAllowed, "sudo is not allowed for user %1% on host %2%.");
 
-/// A sink for what an action has to tell its caller; nobody makes one yet.
+/// A sink for what an action reports to its caller; no caller makes one yet.
 class Result;
 
 /// What a remote command wrote to its error output, for an error's text.
@@ -60,7 +60,7 @@ class Action : public Alarm {
   virtual void setResult(Result* result) { result_ = result; }
   virtual void execute() = 0;
 
-  /// For the alarm's handler: has doAlarm called by the connection, if there is one.
+  /// For the alarm's handler: makes the connection, if there is one, call doAlarm.
   void requestAlarm();
 
  protected:
@@ -68,7 +68,7 @@ class Action : public Alarm {
   Ssh& getSsh();
 
   /// Shows a person what `describe` says, on the connection, which it makes if there is
-  /// none; null, with nothing done, where nobody looks on. Throws as getSsh does.
+  /// none; null, with nothing done, where there is no observer. Throws as getSsh does.
   std::unique_ptr<ProgressDisplay> showProgress(std::function<std::string()> describe);
 
   /// Runs a command as the login user in the agent directory; returns its status.
@@ -111,11 +111,11 @@ class Action : public Alarm {
   bool sudoChecked_ = false;
 };
 
-/// The handler of SIGALRM while the agent dumps: has the current action refresh the
-/// dumping status, and sets the alarm anew.
+/// The handler of SIGALRM while the agent dumps: makes the current action refresh the
+/// dumping status, and sets the alarm again.
 void update_status(int signalNumber);
 
-/// Holds SIGALRM back, but for the waits that let it in: anywhere else it would make
+/// Blocks SIGALRM, except in the waits that unblock it: anywhere else it would make
 /// the SSH library's calls fail.
 class AlarmSignalGuard {
  public:
@@ -128,7 +128,7 @@ class AlarmSignalGuard {
   sigset_t oldMask_;
 };
 
-/// Has the dumping status of `action` refreshed every five seconds.
+/// Refreshes the dumping status of `action` every five seconds.
 class StatusRefreshGuard {
  public:
   explicit StatusRefreshGuard(Action* action);

@@ -15,7 +15,7 @@
 
 class FileRetrievalProgressUpdater;
 
-/// Content files that are to travel together: one command brings them, another removes them.
+/// Content files that travel together: one command brings them, another removes them.
 class ContentBatch {
  public:
   /// True for a file that is worth it: one that is listed as small, and whose name stands for
@@ -50,7 +50,7 @@ struct BatchedFile {
   FileIdentity identity{};
   std::int64_t size = 0;
   std::string md5;
-  /// The progress has it as a file that is done.
+  /// The progress counts it as done.
   bool isCounted = false;
 
   /// True when it is stored and is what the list says, sum included: nothing that went wrong
@@ -76,7 +76,7 @@ struct BatchEnd {
 };
 
 /// Stores the members of an archive as the files of a batch that they are asked to be. What is in
-/// the archive besides harms nothing, and is told.
+/// the archive besides harms nothing, and is reported.
 class BatchReceiver {
  public:
   /// All of them must outlive the receiver.
@@ -89,7 +89,7 @@ class BatchReceiver {
   /// In the order of the batch.
   std::vector<BatchedFile>& files() { return files_; }
   const std::vector<BatchedFile>& files() const { return files_; }
-  /// The first member that nobody asked for; none where all were.
+  /// The first member that was not asked for, if there is one.
   const std::optional<std::string>& surplus() const { return surplus_; }
   /// The file that was coming when `receive` threw; else the first that has not come, or the first
   /// of all.
@@ -98,7 +98,7 @@ class BatchReceiver {
   /// are not stored any more. False with errno when none may be on the disk.
   bool sync();
   /// Gives those a failure that came to none, unless each is worth an attempt by itself: tar has
-  /// complained, and does not tell of which.
+  /// complained, and does not say about which.
   void explainMissing(const BatchEnd& end);
 
  private:
@@ -109,7 +109,7 @@ class BatchReceiver {
   const ContentFolder& folder_;
   FileRetrievalProgressUpdater& progress_;
   std::vector<BatchedFile> files_;
-  /// Of each name that a member is to have, the place of its file.
+  /// For each expected name of a member, the index of its file.
   std::map<std::string, std::size_t> places_;
   FileSystemSync sync_;
   BatchedFile* current_ = nullptr;

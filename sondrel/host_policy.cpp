@@ -41,7 +41,7 @@ std::string configuredKnownHosts(const std::string& host, const std::string& pol
     rejectHostKeys(
         host, "SSH_HOST_KEY_POLICY is \"" + policy + "\", and SSH_KNOWN_HOSTS_F names no file");
   }
-  // Whoever else may write to the present folder would decide whom to trust.
+  // Another account that can write to the current directory would decide whom to trust.
   if (file.front() != '/') {
     rejectHostKeys(host, "SSH_KNOWN_HOSTS_F is \"" + file + "\", which is no absolute path");
   }

@@ -20,8 +20,8 @@ bool isAskedFor(const char* variable);
 /// closed: throws ContentVerifyUnknown when an operator's setting cannot be understood.
 bool isVerificationConfigured();
 
-/// True when small content files are to travel together. Only speed depends on it: what cannot be
-/// understood, which the system log tells of, is a no.
+/// True when small content files must travel together. Only speed depends on it: what cannot be
+/// understood, which the system log names, is a no.
 bool areBatchesWanted();
 
 /// True when the caller wants to read in the migration status how far the transfer is by what

@@ -176,7 +176,7 @@ void verifyContentOptions(const config& config) {
   if (config.no_content && !dumps) extra_option("no-content", "dump-*");
 }
 
-/// For actions that connect to nobody. The password counts although no option gives
+/// For actions that need no connection. The password counts although no option gives
 /// it: a caller that sets it expects a connection.
 void verifyNoConnection(const config& config) {
   if (!config.host.empty()) invalid_option("host");

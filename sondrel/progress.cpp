@@ -14,7 +14,7 @@ log4cpp::Category& progressLog = log4cpp::Category::getInstance("k.Action");
 
 /// Long enough for a number that can be read, short enough to show a stall.
 constexpr std::chrono::seconds RATE_WINDOW{5};
-/// Below it a rate says more of buffers than of the way.
+/// Shorter samples measure buffering.
 constexpr std::chrono::milliseconds SHORTEST_MEASUREMENT{500};
 
 /// None when a size is impossible, or their sum is.
@@ -45,7 +45,7 @@ std::unique_ptr<ProgressDisplay> ProgressDisplay::on(ProgressLine& line, Ssh& ss
   try {
     return std::unique_ptr<ProgressDisplay>(new ProgressDisplay(line, ssh, std::move(describe)));
   } catch (const std::system_error& e) {
-    // The run is worth more than the sight of it.
+    // Progress is optional; go on without.
     progressLog.debug(std::string("No progress is shown: ") + e.what());
     return nullptr;
   }

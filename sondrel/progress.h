@@ -15,10 +15,10 @@
 #include "commons/progress_line.h"
 #include "transport/ssh-transfer.h"
 
-/// What a person who looks on is shown while an action is at work. Without a terminal
+/// Progress display for interactive runs. Without a terminal
 /// nothing of it is made.
 
-/// The line of progress of this process; null where nobody looks on.
+/// The line of progress of this process; null where there is no observer.
 extern ProgressLine* theProgressLine;
 
 /// Sets theProgressLine, to the line of a terminal, and takes it away again.

@@ -17,7 +17,7 @@ constexpr int NOT_FOUND_STATUS = 127;
 
 /// Removes the files whose names, each with a zero byte behind it, follow the first zero byte of
 /// its input. A name that was cut on its way could be that of another file: it is left out. Ends
-/// with SOME_NOT_REMOVED and tells then, behind a zero byte for each name, why it was not removed.
+/// with SOME_NOT_REMOVED and prints then, behind a zero byte for each name, why it was not removed.
 /// Without braces: quoting leaves them as they are, and the login's shell may expand them.
 constexpr char REMOVE_FILES[] =
     R"($/ = "\0"; <STDIN>; )"
@@ -88,7 +88,7 @@ void RetrieveContentAction::removeRemoteFiles(const std::vector<const DumpFile*>
   for (const DumpFile* file : files) removeRemoteFile(*file);
 }
 
-/// Records which of the removals failed, by what the command has told.
+/// Records which of the removals failed, by what the command has printed.
 void RetrieveContentAction::logRemovals(const std::vector<const DumpFile*>& files, int exitStatus,
                                         const std::string& told, const std::string& errorText) {
   std::vector<std::string> reasons;

@@ -76,7 +76,7 @@ void RetrieveContentAction::finishBatch(BatchReceiver& receiver, const BatchEnd&
   }
   std::vector<const DumpFile*> removable;
   for (BatchedFile& file : receiver.files()) {
-    // A tar that complains fills up what it cannot read, and does not tell in the archive.
+    // A tar that complains fills up what it cannot read, and the archive does not show it.
     file.isStored = file.isStored && (end.isWhole() || file.isProven());
     if (!file.isStored) continue;
     if (!verify_ || isAsListed(*file.file, file.size, file.md5)) {
@@ -114,8 +114,8 @@ void RetrieveContentAction::failForBatch(const BatchReceiver& receiver) const {
   if (!failures.empty()) throw Exc<&CantRetrieveContentFile>(failures.front());
 }
 
-/// Those that are not here, after a batch that no file was to blame for: each tells by itself what
-/// is wrong with it.
+/// Those that are not here, after a batch that no file was to blame for: each is fetched alone and
+/// ends with its own error.
 void RetrieveContentAction::retrieveEachAlone(const BatchReceiver& receiver,
                                               FileRetrievalProgressUpdater& progress) {
   for (const BatchedFile& file : receiver.files()) {

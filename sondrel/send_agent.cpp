@@ -104,7 +104,7 @@ void SendAgentAction::countFiles(const fs::path& agentsDir) {
     filesTotal_ = countFilesIn(agentsDir / AGENTS_SHARED_DIR) +
                   countFilesIn(agentsDir / getConfig().agent_name);
   } catch (const fs::filesystem_error& e) {
-    // What keeps it from being walked keeps it from being sent, which tells it.
+    // What prevents the walk also prevents sending, which reports it.
     sendAgentLog.debug(std::string("The agent's files cannot be counted: ") + e.what());
   }
 }
@@ -210,7 +210,7 @@ void SendAgentAction::uploadBatch(UploadBatch& batch) {
   }
   sendAgentLog.notice("Each file is sent by itself, since tar ended with exit status " +
                       std::to_string(exitStatus) + ": " + maskSecrets(errorText));
-  // What is wrong with one of them is told for that one.
+  // An error of one of them is reported for that one.
   for (const Upload* file : batch.files) uploadFile(file->local, file->remote);
 }
 
@@ -254,7 +254,8 @@ void SendAgentAction::requestAgentStatus() {
     throw Exc<&CantRequestAgentStatus>(HERE) % entryPath % maskSecrets(err.str());
   }
   const ServiceAccount& owner = serviceAccount();
-  // Its readers may be this process's own user; a failure is theirs to notice.
+  // Its readers may be this process's own user; best effort: readers running as root do not need
+  // it.
   [[maybe_unused]] const int ignored = chown(statusFile.path().c_str(), owner.user, owner.group);
   statusFile.finish();
 }

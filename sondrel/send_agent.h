@@ -19,22 +19,22 @@ DECLARE_ERROR_TAG(CantRequestAgentStatus,
 
 /// Copies the shared files and the agent's own, which win, into the remote agent
 /// directory, and stores what the agent then says of itself. Nothing is rolled back
-/// on failure. Where SONDREL_DEPLOY_BATCH asks for it, the folders are made by one command and the
-/// files travel in one archive, with the same result.
+/// on failure. Where SONDREL_DEPLOY_BATCH asks for it, the directories are made by one command and
+/// the files travel in one archive, with the same result.
 class SendAgentAction : public Action {
  public:
   using Action::Action;
   /// Throws the tags above, AgentNotFound, FileWrite.
   void execute() override;
 
-  /// Makes one node of a walked tree on the source host: folders as root, given to
+  /// Makes one node of a walked tree on the source host: directories as root, given to
   /// the login user, files as the login user. `root` is the top of the tree. False
   /// for the top's control directory, which stays here. In batches, only notes the node.
   bool sendFile(const boost::filesystem::path& root, const boost::filesystem::path& local,
                 const boost::filesystem::path& remote);
 
  private:
-  /// A file that waits to be sent, and the path that it is to have.
+  /// A file that waits to be sent, and its path on the source host.
   struct Upload {
     std::string local;
     std::string remote;
@@ -57,7 +57,7 @@ class SendAgentAction : public Action {
   void requestAgentStatus();
 
   int filesSent_ = 0;
-  /// 0 while nobody wants to know, or where they cannot be counted.
+  /// 0 where there is no observer, or where they cannot be counted.
   int filesTotal_ = 0;
   std::string file_;
   bool batching_ = false;

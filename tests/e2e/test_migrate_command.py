@@ -479,25 +479,25 @@ NO_SETTINGS = {
     "two kinds": ([*PLACE, "--domains=a", "--only-mail", "--only-hosting"],
                   "--only-mail and --only-hosting exclude each other (see --help)"),
     "standard input": ([*PLACE, "--domains=-"], "--domains cannot be read from standard input (see --help)"),
-    "port": ([*ALL, "--port=65536"], "--port is to be a number from 1 to 65535 (see --help)"),
-    "port text": ([*ALL, "--port=22a"], "--port is to be a number from 1 to 65535 (see --help)"),
+    "port": ([*ALL, "--port=65536"], "--port must be a number from 1 to 65535 (see --help)"),
+    "port text": ([*ALL, "--port=22a"], "--port must be a number from 1 to 65535 (see --help)"),
     "relative parent": ([*ALL, "--agent-parent=agent"],
-                        '--agent-parent is to be an absolute path of letters, digits and "._-" (see --help)'),
+                        '--agent-parent must be an absolute path of letters, digits and "._-" (see --help)'),
     "parent with a shell": ([*ALL, "--agent-parent=/x;y"],
-                            '--agent-parent is to be an absolute path of letters, digits and "._-" (see --help)'),
+                            '--agent-parent must be an absolute path of letters, digits and "._-" (see --help)'),
     "parent upwards": ([*ALL, "--agent-parent=/x/.."],
-                       '--agent-parent is to be an absolute path of letters, digits and "._-" (see --help)'),
+                       '--agent-parent must be an absolute path of letters, digits and "._-" (see --help)'),
     "empty": ([*ALL, "--host="], "--host needs a value (see --help)"),
     "control character": ([*ALL, "--host=a\nb"], "--host holds control characters, or is not UTF-8 (see --help)"),
     "bytes": ([*ALL, os.fsdecode(b"--host=a\xff")], "--host holds control characters, or is not UTF-8 (see --help)"),
-    "switch": ([*ALL, "--sudo=perhaps"], '--sudo is to be "yes" or "no" (see --help)'),
-    "step": ([*ALL, "--from=start"], "--from is to be scout, deploy, dump, content, remove, plan, apply or verify (see --help)"),
+    "switch": ([*ALL, "--sudo=perhaps"], '--sudo must be "yes" or "no" (see --help)'),
+    "step": ([*ALL, "--from=start"], "--from must be scout, deploy, dump, content, remove, plan, apply or verify (see --help)"),
     "no value": ([*ALL, "--port"], "--port needs a value (see --help)"),
     "operand alone": (["secret-passphrase"], "an argument that is no option (see --help)"),
     "operand": ([*ALL, "secret-passphrase"], "an argument that is no option (see --help)"),
     "unknown": ([*ALL, "--passwort=secret-passphrase"], "no such option: --passwort (see --help)"),
     "mistaken": ([*ALL, "--password=secret-passphrase"],
-                 "--password-fd is to be the number of an open descriptor (see --help)"),
+                 "--password-fd must be the number of an open descriptor (see --help)"),
     "short": ([*ALL, "-psecret-passphrase"], "no such option: -p (see --help)"),
     "file": ([*ALL, "--settings=/mnt/absent"],
              "/mnt/absent cannot be read: No such file or directory (see --help)"),
@@ -673,7 +673,7 @@ def test_does_not_believe_a_record_that_others_may_write(imitated, make_foreign)
     assert imitated.run(*ALL).code == 2
     make_foreign()
     outcome = imitated.run(f"--session-path={SESSION}")
-    assert complaint(outcome).endswith("is not this account's alone, and is not believed")
+    assert complaint(outcome).endswith("is owned or writable by another account; refusing to use it")
     assert len(imitated.runs()) == 3
 
 

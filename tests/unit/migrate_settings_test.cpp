@@ -32,7 +32,7 @@ TEST(MigrateSettingsTest, RefusesWhatNoSettingIs) {
   EXPECT_EQ(complaint([] { Settings().set("host", ""); }), "--host needs a value");
   for (const char* const port : {"0", "65536", "22a", "-1", " 22", "000022"}) {
     EXPECT_EQ(complaint([&] { Settings().set("port", port); }),
-              "--port is to be a number from 1 to 65535")
+              "--port must be a number from 1 to 65535")
         << port;
   }
 }

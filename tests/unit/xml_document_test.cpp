@@ -252,6 +252,8 @@ TEST(XmlDtmDocumentTest, ReadsAttributes) {
   document.initFileDoc("root");
   EXPECT_EQ(document.getAttribute(document.root(), "a"), "1 < \xC3\xA4");
   EXPECT_EQ(document.getAttribute(document.root(), "empty"), "");
+  EXPECT_EQ(document.findAttribute(document.root(), "empty"), "");
+  EXPECT_EQ(document.findAttribute(document.root(), "b"), std::nullopt);
   EXPECT_EQ(whatOf<Exc<&NoSuchAttribute>>([&] { document.getAttribute(document.root(), "b"); }),
             "Node root does not have attribute b");
 }
