@@ -187,9 +187,10 @@ def test_names_servers_that_are_down_and_goes_on_when_they_are_up(host):
         before = state(running)
         for one in running.values():
             one.stop()
-        done = host.run("apply", check=0)
-        assert "mysql:shop" in done.stdout and "answers here" in done.stdout
-        assert "postgresql:shop" in done.stdout and os.path.exists("/home/alice/shop/index.html")
+        done = host.run("apply", check=1)
+        assert "mysql:shop: No MySQL or MariaDB server answers here" in done.stderr
+        assert "postgresql:shop: No PostgreSQL server answers here" in done.stderr
+        assert os.path.exists("/home/alice/shop/index.html")
         for one in running.values():
             one.start()
         ends_well(host, before, running)
