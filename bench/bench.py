@@ -15,12 +15,12 @@ import threading
 import time
 
 from contestants import (BINARY, CATALOGUED, ENVIRONMENT, HOST, OFFERED, PEER, PRISTINE, ROOT, TOP, BenchHost, Link,
-                         catalogue, content_verification, further_pass, link_files, make_pristine, measure,
+                         catalogue, further_pass, link_files, make_pristine, measure,
                          negotiated_algorithms, offer, remove, rsync, same, scp, sondrel, ssh, ssh_cat, timed)
 from figure import Figure
 from linux_host import install_linux_agent, web_host
 from source_services import add_user
-from world import enter_private_network, write
+from world import content_verified, enter_private_network, write
 
 MEMORY = "/mnt/target"  # tmpfs
 DISK = f"{TOP}/build/bench/disk.{os.getpid()}"
@@ -88,7 +88,7 @@ class Bench:
 
     def one_file(self, size, rtt_ms=0, gbit=None, target=MEMORY, with_cat=False, least=None, verify=False):
         size = self.scaled(size)
-        with Link(rtt_ms, gbit) as link, content_verification() if verify else contextlib.nullcontext():
+        with Link(rtt_ms, gbit) as link, content_verified() if verify else contextlib.nullcontext():
             measured = self.fetch(1, size, link, target, with_cat)
         figures = [speed(measured, least=least), peak(measured),
                    Figure("rate", size / MB / measured["sondrel"].seconds, "MB/s")]

@@ -1,5 +1,4 @@
 """The programs that are compared, the link between them and the source host, and the stop-watch."""
-import contextlib
 import dataclasses
 import hashlib
 import os
@@ -13,7 +12,7 @@ from xml.sax.saxutils import escape
 
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, f"{TOP}/tests/e2e")
-from world import (AGENTS, BINARY, CONFIGURATION, HOST, ROOT, SPEC, Destination, SourceHost, deployed_agent,  # noqa: E402
+from world import (AGENTS, BINARY, HOST, ROOT, SPEC, Destination, SourceHost, deployed_agent,  # noqa: E402
                    die_with_parent, install_agent, read, write)
 
 RELAY = os.environ["RELAY_BINARY"]
@@ -121,17 +120,6 @@ class Link:
         if self._relay:
             self._relay.kill()
             self._relay.communicate()
-
-
-@contextlib.contextmanager
-def content_verification():
-    """Has the tool sum up what arrives and compare it with the list."""
-    kept = read(CONFIGURATION)
-    write(CONFIGURATION, kept + b"CONTENT_VERIFY yes\n")
-    try:
-        yield
-    finally:
-        write(CONFIGURATION, kept)
 
 
 # --- the contestants: each function gives the commands ---------------------------------------

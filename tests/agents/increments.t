@@ -13,7 +13,7 @@ use Agent::Process qw(run);
 use Digest::MD5 ();
 use File::Path qw(mkpath rmtree);
 use File::Temp qw(tempdir);
-use Imitated qw(output_of);
+use Imitated qw(output_of write_file);
 use Linux::Content;
 use Linux::Tree;
 use Test::More;
@@ -43,9 +43,7 @@ begin_anew();
 
 sub fill {
     my ($path, $bytes) = @_;
-    open my $file, '>', "$top/$path" or die "$path: $!";
-    print $file $bytes;
-    close $file or die $!;
+    write_file("$top/$path", $bytes);
     return "$top/$path";
 }
 

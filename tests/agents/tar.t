@@ -9,7 +9,7 @@ use Agent::Tar;
 use Digest::MD5 ();
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
-use Imitated qw(output_of);
+use Imitated qw(output_of write_file);
 use IO::Socket::UNIX;
 use Socket;
 use Test::More;
@@ -21,9 +21,7 @@ my @notes;
 
 sub fill {
     my ($path, $bytes) = @_;
-    open my $file, '>', "$top/$path" or die "$path: $!";
-    print $file $bytes;
-    close $file or die $!;
+    write_file("$top/$path", $bytes);
     return "$top/$path";
 }
 

@@ -14,7 +14,7 @@ from gates import offered_behind_gates
 from struck_run import (FILES, LOST, NO_LEAK_CHECK, NO_LOGIN, NO_SESSION, POINTS, check_failed, check_next_run, source_host,
                         struck_run)
 from test_connection import few_attempts
-from world import CONFIGURATION, ROOT, SESSION, Destination, Login, processor_ticks, read, wait_until, write
+from world import ROOT, SESSION, Destination, Login, content_verified, processor_ticks, wait_until
 
 pytestmark = [pytest.mark.matrix("network"), pytest.mark.slow]
 
@@ -100,16 +100,6 @@ def struck_runs(first):
                 struck_run(vanish(address), point, destination, NO_LEAK_CHECK, far_listener(address)))
             runs.append((point, destination, running))
         yield runs
-
-
-@contextlib.contextmanager
-def content_verified():
-    kept = read(CONFIGURATION)
-    write(CONFIGURATION, kept + b"CONTENT_VERIFY yes\n")
-    try:
-        yield
-    finally:
-        write(CONFIGURATION, kept)
 
 
 def test_peer_that_vanishes_is_given_up_after_two_minutes_at_each_step(cases):

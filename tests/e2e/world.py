@@ -3,6 +3,7 @@
 Everything lives in the private world that tests/private-world makes, and in a network
 namespace of the test's own (conftest.py), so the source host can have port 22.
 """
+import contextlib
 import ctypes
 import dataclasses
 import fcntl
@@ -142,6 +143,17 @@ def write(path, content=b"", mode=0o644, owner=None):
 def read(path):
     with open(path, "rb") as file:
         return file.read()
+
+
+@contextlib.contextmanager
+def content_verified():
+    """This host's configuration compares content with the list as it arrives."""
+    kept = read(CONFIGURATION)
+    write(CONFIGURATION, kept + b"CONTENT_VERIFY yes\n")
+    try:
+        yield
+    finally:
+        write(CONFIGURATION, kept)
 
 
 def owner_and_mode(path):
