@@ -380,6 +380,19 @@ fill('site/docs/page', 'with a full disk');
 fill('site/docs/page', 'after a full disk');
 rest();
 is_whole(dumped(), 'after one of which nothing could be kept');
+{
+    my (@warnings, $name);
+    local $SIG{__WARN__} = sub { push @warnings, @_ };
+    $name = 'content/databases/mysql-shop.sql.gz';
+    my $kept = Agent::Kept->new($private);
+    $kept->begin;
+    write_file("$dir/$name", 'rows');
+    $kept->add({ name => $name, size => 4, md5 => '0' x 32, unpacked => 4 }, '-');
+    my $chain = Agent::Chain->new(kept => $kept, private => $private, name => $name);
+    is_deeply [[$chain->names], [@warnings]], [[$name], []], 'a dump of a database has no increments';
+    $chain->drop_from(0);
+    is_deeply [$chain->names, -e "$dir/$name" || ()], [], 'and is dropped once';
+}
 is_deeply [grep { (lstat)[2] & 0177 } map {"$dir/$_"} $private->files_below('known')], [],
     'what is kept for increments is for nobody to read';
 is_deeply [grep {/\.new\z/} $private->files_below('known')], [], 'and nothing half done stays';

@@ -24,6 +24,11 @@ sub new {
     my ($stem, $ending) = $self->{name} =~ /\A(.*?)(\.tar(?:\.gz)?)\z/s;
     @$self{qw(stem ending)} = ($stem, $ending);
     my $kept = $self->{kept};
+    if (!defined $stem) {
+        # A dump of a database: it stays whole.
+        push @{ $self->{links} }, grep { $_->{archive} } { archive => $kept->noted($self->{name}) };
+        return $self;
+    }
     while (my $archive = $kept->noted($self->name_of(scalar @{ $self->{links} }))) {
         my $gone = $kept->noted($self->gone_name_of(scalar @{ $self->{links} }));
         push @{ $self->{links} }, { archive => $archive, gone => $gone };
