@@ -11,7 +11,7 @@ use Agent::Problems;
 use Agent::Process qw(run);
 use Linux::Tree;
 
-our @EXPORT_OK = qw(imitated output_of problem_texts write_file);
+our @EXPORT_OK = qw(imitated output_of problem_texts rest write_file);
 
 # A Linux::Tree of { path => text, "path/" => [uid, gid] or undef for a folder, path
 # => \target for a symbolic link }, and new problems.
@@ -44,6 +44,9 @@ sub write_file {
     close $file or die "$path: $!\n";
     return;
 }
+
+# Lets what was done become older than what may change again without a trace.
+sub rest { return select undef, undef, undef, 0.1 }
 
 # What a program prints that must not fail.
 sub output_of {

@@ -13,7 +13,7 @@ use Agent::Process qw(run);
 use Digest::MD5 ();
 use File::Path qw(mkpath rmtree);
 use File::Temp qw(tempdir);
-use Imitated qw(output_of write_file);
+use Imitated qw(output_of rest write_file);
 use Linux::Content;
 use Linux::Tree;
 use Test::More;
@@ -46,9 +46,6 @@ sub fill {
     write_file("$top/$path", $bytes);
     return "$top/$path";
 }
-
-# Lets what was done become older than what counts as the very moment.
-sub rest { return select undef, undef, undef, 0.1 }
 
 # Dumps the folder "site", and gives what dump.xml is made of.
 sub dumped {

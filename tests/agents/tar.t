@@ -9,7 +9,7 @@ use Agent::Tar;
 use Digest::MD5 ();
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
-use Imitated qw(output_of write_file);
+use Imitated qw(output_of rest write_file);
 use IO::Socket::UNIX;
 use Socket;
 use Test::More;
@@ -24,10 +24,6 @@ sub fill {
     write_file("$top/$path", $bytes);
     return "$top/$path";
 }
-
-# Lets what was done become older than what counts as the very moment, and is read
-# twice to be sure.
-sub rest { return select undef, undef, undef, 0.1 }
 
 sub tar_of {
     my ($paths, %options) = @_;
