@@ -68,7 +68,7 @@ void checkValue(const std::string& name, const std::string& value) {
   checkText(name, value);
   if (name == "port") checkPort(value);
   if (name == "jump" && !parseJumpHost(value)) {
-    refuse("--jump is to be [login@]host[:port], with an address that has colons in brackets");
+    refuse("--jump must be [login@]host[:port], with an address that has colons in brackets");
   }
   if (name == "agent-parent") checkAgentParent(value);
   if (name == "domains" || name == "clients" || name == "resellers") checkNames(name, value);

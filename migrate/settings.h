@@ -64,7 +64,7 @@ std::optional<std::string> findForbiddenChange(const Settings& older, const Sett
 
 /// True for an agent that knows increments; others may refuse an option that they do not know.
 bool knowsIncrements(const Settings& settings);
-/// True when the agent is not to stay on the source host.
+/// True when the agent must not stay on the source host.
 bool isAgentRemoved(const Settings& settings);
 /// The agent's name.
 std::string agentNameOf(const Settings& settings);

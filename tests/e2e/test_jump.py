@@ -189,4 +189,4 @@ def test_a_migration_leads_through_it_and_remembers_it(jump):
 
 def test_a_migration_refuses_what_is_no_jump_host():
     outcome = migrate(*in_place(ROOT, "--dump-all", "--jump=-oProxyCommand=x"))
-    assert outcome.code == 1 and b"--jump is to be [login@]host[:port]" in outcome.stderr, outcome
+    assert outcome.code == 1 and b"--jump must be [login@]host[:port]" in outcome.stderr, outcome
