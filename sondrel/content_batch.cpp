@@ -6,6 +6,7 @@
 #include "commons/checksum.h"
 #include "commons/sh_quoting.h"
 #include "sondrel/retrieval_progress.h"
+#include "transport/ssh_channel.h"
 
 namespace {
 

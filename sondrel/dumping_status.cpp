@@ -6,6 +6,7 @@
 #include <log4cpp/Category.hh>
 
 #include "commons/files.h"
+#include "transport/ssh_channel.h"
 
 namespace {
 

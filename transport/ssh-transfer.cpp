@@ -1,28 +1,20 @@
 #include "transport/ssh-transfer.h"
 
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <log4cpp/Category.hh>
 #include <sstream>
-#include <vector>
 
-#include "commons/ProgramTerminatedException.h"
 #include "commons/collected_text.h"
 #include "commons/commons.h"
-#include "commons/log.h"
 #include "commons/sh_quoting.h"
 #include "commons/unbuffered_streambuf.h"
+#include "transport/remote_execution.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 log4cpp::Category& sshLog = log4cpp::Category::getInstance("k.Ssh");
 
-constexpr std::size_t COPY_BUFFER_BYTES = 65536;
-/// How long a chunk that has begun to come in may take to be complete.
-constexpr std::chrono::milliseconds GATHER_LIMIT{100};
 /// How long the loop stays without looking at its alarm while a command is silent.
 constexpr int POLL_LIMIT_MS = 5000;
 /// The same where somebody looks on.
@@ -67,128 +59,7 @@ Ssh::Counter& nullCounter() {
   return counter;
 }
 
-void logPump(const char* bytes, int size) {
-  sshLog.debugStream() << "remote stdin <- " << memchunk_log{bytes, static_cast<std::size_t>(size)};
-}
-
-template <class AfterWrite>
-void pumpChunks(IOReadChannel& from, IOWriteChannel& to, AfterWrite afterWrite) {
-  std::vector<char> buffer(COPY_BUFFER_BYTES);
-  for (;;) {
-    const int got = from.read(buffer.data(), static_cast<int>(buffer.size()));
-    if (got == 0) return;
-    if (got < 0) throw Exc<&StreamRead>(HERE);
-    pump_write(to, buffer.data(), got);
-    afterWrite(buffer.data(), got);
-  }
-}
-
-/// One command on its way: its channel, and where its output goes.
-class RemoteExecution {
- public:
-  RemoteExecution(std::unique_ptr<libssh2pp::Channel> channel, std::ostream& out, std::ostream& err,
-                  bool quietOutput, Ssh::Counter& counter)
-      : channel_(std::move(channel)),
-        out_(out),
-        err_(err),
-        quietOutput_(quietOutput),
-        counter_(counter),
-        buffer_(COPY_BUFFER_BYTES) {}
-
-  /// All input goes before any output is read, unless the command fills its output
-  /// window first: then both sides would wait for ever.
-  void sendInput(std::istream& in, bool quietInput) {
-    IOStreamReadChannel from(in);
-    SshChannelWriteChannel to(*channel_, [this] { readTurn(); });
-    if (quietInput) {
-      pump(from, to);
-    } else {
-      pump_with_log(from, to);
-    }
-  }
-
-  void sendEof(const libssh2pp::Session& session) {
-    if (channel_->sendEof() < 0) throw Exc<&UnableToSendEof>(HERE) % session.lastError();
-  }
-
-  /// At most one chunk of each stream, standard output first.
-  void readTurn() {
-    if (channel_->queuedBytes() == 0) return;
-    if (quietOutput_) gatherChunk();
-    const int outSize = readChunk(0, "remote stdout -> ");
-    if (outSize > 0) {
-      counter_(outSize);
-      pump_write(out_, buffer_.data(), outSize);
-    }
-    const int errSize = readChunk(1, "remote stderr -> ");
-    if (errSize > 0) pump_write(err_, buffer_.data(), errSize);
-    if (outSize == 0 && errSize == 0) channel_->dropUnknownStreams();
-  }
-
-  libssh2pp::Channel& channel() { return *channel_; }
-
- private:
-  /// Bulk data is counted and stored chunk by chunk, which costs more than the bytes do:
-  /// a chunk that is coming in is waited for, but not for long.
-  void gatherChunk() {
-    const auto end = Clock::now() + GATHER_LIMIT;
-    while (channel_->queuedBytes() < buffer_.size()) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-      if (left.count() <= 0 || !channel_->awaitMore(static_cast<int>(left.count()))) return;
-    }
-  }
-
-  /// Reads and logs what there is; 0 for nothing.
-  int readChunk(int stream, const char* logPrefix) {
-    const int size = channel_->read(stream, buffer_.data(), buffer_.size());
-    if (size > 0 && !quietOutput_) {
-      sshLog.debugStream() << logPrefix
-                           << memchunk_log{buffer_.data(), static_cast<std::size_t>(size)};
-    }
-    return size;
-  }
-
-  std::unique_ptr<libssh2pp::Channel> channel_;
-  IOStreamWriteChannel out_;
-  IOStreamWriteChannel err_;
-  bool quietOutput_;
-  Ssh::Counter& counter_;
-  std::vector<char> buffer_;
-};
-
 }  // namespace
-
-int IOStreamReadChannel::read(char* buffer, int size) {
-  if (stream_.eof()) return 0;
-  stream_.read(buffer, size);
-  return static_cast<int>(stream_.gcount());
-}
-
-int IOStreamWriteChannel::write(const char* bytes, int size) {
-  stream_.write(bytes, size);
-  return stream_.fail() ? -1 : size;
-}
-
-int SshChannelWriteChannel::write(const char* bytes, int size) {
-  return channel_.write(bytes, static_cast<std::size_t>(size), onStall_);
-}
-
-void pump_write(IOWriteChannel& to, const char* bytes, int size) {
-  checkProgramTerminated();
-  for (int done = 0; done < size;) {
-    const int written = to.write(bytes + done, size - done);
-    if (written < 0) throw Exc<&StreamWrite>(HERE);
-    done += written;
-  }
-}
-
-void pump(IOReadChannel& from, IOWriteChannel& to) {
-  pumpChunks(from, to, [](const char*, int) {});
-}
-
-void pump_with_log(IOReadChannel& from, IOWriteChannel& to) {
-  pumpChunks(from, to, logPump);
-}
 
 Ssh::NullCounter Ssh::null_counter;
 

@@ -1,5 +1,6 @@
 #include "transport/cipher_offer.h"
 
+#include <libssh2.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "transport/libssh2pp.h"
+#include "transport/ssh_session.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "support.h"
+#include "transport/libssh2pp.h"
 
 using libssh2pp::Session;
 using namespace std::chrono_literals;
