@@ -33,8 +33,8 @@ sub owning {
     for my $path (@paths) { push @{ $wanted{$_} }, $path for names_of($path) }
     $self->each_list(sub {
         my ($id, $text) = @_;
-        while ($$text =~ /\G(.*)\n/g) {
-            push @{ $owners{$_} }, $id for @{ $wanted{$1} || [] };
+        for my $path (grep { $wanted{$_} } split /\n/, $$text) {
+            push @{ $owners{$_} }, $id for @{ $wanted{$path} };
         }
     }) if @paths;
     return \%owners;
@@ -92,7 +92,7 @@ sub shared {
     $self->each_list(sub {
         my ($id, $text) = @_;
         return if $own{$id};
-        while ($$text =~ /\G(.*)\n/g) { $shared{$1} = 1 if $paths->{$1} }
+        $shared{$_} = 1 for grep { $paths->{$_} } split /\n/, $$text;
     });
     return \%shared;
 }

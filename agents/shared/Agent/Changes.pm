@@ -17,7 +17,7 @@ sub find {
     my $gone = $self->{private}->create("$Agent::Manifest::FOLDER/gone");
     my $done = eval {
         $self->{manifest}->compare($self->{earlier},
-            changed => sub { $self->changed($_[0]); $self->{worth}->($self->{bytes}) or die $not_worth },
+            changed => sub { $self->changed(@_); $self->{worth}->($self->{bytes}) or die $not_worth },
             vanished => sub { $gone->write(".$_[0]\0"); $self->{gone} = $gone });
         1;
     };
@@ -27,9 +27,8 @@ sub find {
 }
 
 sub changed {
-    my ($self, $entry) = @_;
-    $self->{bytes} += $entry->{bytes};
-    my $path = $entry->{path};
+    my ($self, $path, $bytes) = @_;
+    $self->{bytes} += $bytes;
     # Each folder above must be gone through; where one is noted, those above it are, too.
     do { return if $self->{entered}{$path}++ } while $path =~ s{/[^/]*\z}{} && length $path;
     return;
@@ -50,9 +49,9 @@ sub unchanged {
     my %start = map { $folder . substr($_, 1) => 1 } @names;
     return if !grep { $self->{entered}{$_} } keys %start;
     my $file = $self->{private}->create("$Agent::Manifest::FOLDER/unchanged" . $self->{files}++);
-    my $entries = $self->{manifest}->entries_again;
-    while (my $entry = $entries->()) {
-        my $path = $entry->{path};
+    my $records = $self->{manifest}->records_again;
+    while (defined(my $record = $records->())) {
+        my $path = Agent::Manifest::path_of($record);
         next if $self->{entered}{$path};
         (my $above = $path) =~ s{/[^/]*\z}{};
         next if !$start{$path} && !$self->{entered}{$above} || index($path, "$folder/") != 0;

@@ -76,10 +76,9 @@ sub spoil {
 
 sub is_spoilt { return $_[0]{spoilt} }
 
-# No path has two slashes in a row, so that these end it; and lines sort by the path alone.
 sub add {
     my ($self, $path, $type, $digest, $bytes) = @_;
-    $self->{buffer} .= "$path//" . join(' ', $type, $digest, int $bytes) . "\0";
+    $self->{buffer} .= record("$path//", $type, $digest, int $bytes) . "\0";
     $self->write_buffer if length $self->{buffer} >= $PIECE;
     return;
 }
@@ -91,9 +90,9 @@ sub write_buffer {
     return;
 }
 
-# The entries in the order of their names, each once: a function that gives { path, key, type, digest,
-# bytes }, and undef after the last.
-sub entries {
+# The records in the order of their names, each once: a function that gives one after the other, and
+# undef after the last. path_of() and facts_of() take one apart.
+sub records {
     my ($self) = @_;
     $self->write_buffer;
     # One that goes takes its file with it.
@@ -103,23 +102,24 @@ sub entries {
     my $result = stream(['sort', '-z', '-S', '16M', '-T', $dir, $self->{seen}->temporary_path],
         out => sub { $sorted->write($_[0]); 1 });
     die "sort has failed: $result->{err}\n" if $result->{status};
-    return $self->entries_again;
+    return $self->records_again;
 }
 
-# The same entries once more, without those that came after.
-sub entries_again {
+# The same records once more, without those that came after.
+sub records_again {
     my ($self) = @_;
     my $without = $self->{without};
-    my $records = records_of($self->{sorted}->temporary_path);
-    my $next = $records->();
+    my $read = reader_of($self->{sorted}->temporary_path);
+    my $next = $read->();
     return sub {
         while (defined $next) {
-            my $entry = $next;
-            while (defined($next = $records->()) && $next->{key} eq $entry->{key}) {
-                $entry = both($entry, $next);
-            }
-            $entry->{digest} = $UNSURE if $entry->{digest} eq $PACKED;
-            return $entry if !$without->{ $entry->{path} };
+            my $record = $next;
+            my $key = key_of($record);
+            while (defined($next = $read->()) && has_key($next, $key)) { $record = both($record, $next) }
+            # Most hosts have no such path, and most records no such mark.
+            return $record if !%$without && index($record, " $PACKED ") < 0;
+            return record($key, map { $_ eq $PACKED ? $UNSURE : $_ } facts_of($record))
+                if !$without->{ path_of($record) };
         }
         return undef;
     };
@@ -127,17 +127,34 @@ sub entries_again {
 
 # What was seen twice, and not alike, may be either.
 sub both {
-    my ($entry, $again) = @_;
-    return $again if $entry->{digest} eq $PACKED;
-    return $entry if $again->{digest} eq $PACKED || $again->{digest} eq $entry->{digest};
-    return { %$again, digest => $UNSURE, type => $entry->{type} eq '?' ? $again->{type} : $entry->{type} };
+    my ($record, $again) = @_;
+    my ($type, $digest) = facts_of($record);
+    my ($again_type, $again_digest, $again_bytes) = facts_of($again);
+    return $again if $digest eq $PACKED;
+    return $record if $again_digest eq $PACKED || $again_digest eq $digest;
+    return record(key_of($record), $type eq '?' ? $again_type : $type, $UNSURE, $again_bytes);
 }
 
-sub records_of {
+# --- One record: "path//type digest bytes". A manifest has one for each of a million files, so it stays
+# a string. No path has two slashes in a row, so that these end it, and records sort by the path alone.
+
+sub record { my ($key, @facts) = @_; return $key . join ' ', @facts }
+
+# The path and the two slashes.
+sub key_of { return substr $_[0], 0, 2 + rindex $_[0], '//' }
+
+sub has_key { return substr($_[0], 0, length $_[1]) eq $_[1] }
+
+sub path_of { return substr $_[0], 0, rindex $_[0], '//' }
+
+# (type, digest, bytes)
+sub facts_of { return split / /, substr $_[0], 2 + rindex $_[0], '//' }
+
+sub reader_of {
     my ($path) = @_;
     open my $handle, '<', $path or die "Cannot open $path: $!\n";
     binmode $handle;
-    return sub { return entry_of(next_record($handle)) };
+    return sub { return next_record($handle) };
 }
 
 sub next_record {
@@ -149,27 +166,17 @@ sub next_record {
     return chomp $record ? $record : undef;
 }
 
-sub entry_of {
-    my ($record) = @_;
-    return undef if !defined $record;
-    my $end = rindex $record, '//';
-    my ($type, $digest, $bytes) = split / /, substr $record, $end + 2;
-    return {
-        path => substr($record, 0, $end), key => substr($record, 0, $end + 2), type => $type,
-        digest => $digest, bytes => $bytes,
-    };
-}
-
 # Writes it under a name below the agent directory; `label` must be given to read it again.
 sub keep {
     my ($self, $name, $label) = @_;
-    my $entries = $self->entries;
+    my $records = $self->records;
     my $file = Agent::Archive->new(private => $self->{private}, name => $name, compress => 0,
         bytes => -s $self->{sorted}->temporary_path);
     $file->put("$HEADER $label\0");
     my $buffer = '';
-    while (my $entry = $entries->()) {
-        $buffer .= $entry->{key} . join(' ', @$entry{qw(type digest)}, 0) . "\0";
+    while (defined(my $record = $records->())) {
+        # The number of bytes at its end is of no use later.
+        $buffer .= substr($record, 0, 1 + rindex $record, ' ') . "0\0";
         next if length $buffer < $PIECE;
         $file->put($buffer);
         $buffer = '';
@@ -179,7 +186,7 @@ sub keep {
     return;
 }
 
-# Entries of a manifest that was kept under this name with this label, as entries() gives them; nothing
+# Records of a manifest that was kept under this name with this label, as records() gives them; nothing
 # where there is no whole one.
 sub kept {
     my ($private, $name, $label) = @_;
@@ -195,31 +202,31 @@ sub kept {
     return if $last ne $end || !defined $header || $header ne "$HEADER $label";
     return sub {
         my $record = next_record($handle);
-        return !defined $record || $record eq $END ? undef : entry_of($record);
+        return !defined $record || $record eq $END ? undef : $record;
     };
 }
 
-# What is different from an earlier manifest, as kept() gives it: changed => sub { ($entry) } for what is
-# new or changed, vanished => sub { ($path) } for what is gone, or in the way of what came in its place.
+# What is different from an earlier manifest, as kept() gives it: changed => sub { ($path, $bytes) } for what
+# is new or changed, vanished => sub { ($path) } for what is gone, or in the way of what came in its place.
 sub compare {
     my ($self, $earlier, %options) = @_;
-    my $entries = $self->entries;
+    my $records = $self->records;
     my $old = $earlier->();
-    while (my $entry = $entries->()) {
-        while ($old && $old->{key} lt $entry->{key}) {
-            $options{vanished}->($old->{path});
+    while (defined(my $record = $records->())) {
+        my $key = key_of($record);
+        # One with the same key has more behind it, and is greater.
+        for (; defined $old && $old lt $key; $old = $earlier->()) { $options{vanished}->(path_of($old)) }
+        my ($type, $digest, $bytes) = facts_of($record);
+        if (defined $old && has_key($old, $key)) {
+            my ($old_type, $old_digest) = facts_of($old);
             $old = $earlier->();
-        }
-        if ($old && $old->{key} eq $entry->{key}) {
-            my $was = $old;
-            $old = $earlier->();
-            next if $was->{digest} eq $entry->{digest} && $was->{digest} ne $UNSURE;
+            next if $old_digest eq $digest && $old_digest ne $UNSURE;
             # A folder is never replaced by what is none, nor the other way round.
-            $options{vanished}->($was->{path}) if ($was->{type} eq 'd') != ($entry->{type} eq 'd');
+            $options{vanished}->(path_of($record)) if ($old_type eq 'd') != ($type eq 'd');
         }
-        $options{changed}->($entry);
+        $options{changed}->(path_of($record), $bytes);
     }
-    for (; $old; $old = $earlier->()) { $options{vanished}->($old->{path}) }
+    for (; defined $old; $old = $earlier->()) { $options{vanished}->(path_of($old)) }
     return;
 }
 
