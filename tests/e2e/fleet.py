@@ -1,4 +1,4 @@
-"""Ansible with the role sondrel_migrate, for its tests."""
+"""Ansible with the collection sondrel.migration, for its tests."""
 import json
 import os
 import re
@@ -7,16 +7,17 @@ import threading
 from migrating import MIGRATE
 from world import TESTS, Running, SystemLog, read, write
 
-PLAYS = f"{os.path.dirname(TESTS)}/ansible"
-ROLE = f"{PLAYS}/roles/sondrel_migrate"
-PLAYBOOK = f"{PLAYS}/migrate.yml"
+COLLECTION = f"{os.path.dirname(TESTS)}/ansible"
+NAME = "sondrel.migration"
+PLAYBOOK = f"{NAME}.migrate"
+# Ansible finds a collection by the path that it lies at; here a link leads to the one of this checkout.
+COLLECTIONS = "/mnt/collections"
 CONTROLLER = "/mnt/controller"
 LOG = f"{CONTROLLER}/ansible.log"
-# Everything that Ansible has begun on this side ends with it.
+# All processes of the controller end with Ansible.
 ALONE = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "--"]
 ENVIRONMENT = {"HOME": CONTROLLER, "LC_ALL": "C.UTF-8", "ANSIBLE_NOCOLOR": "1", "PYTHONDONTWRITEBYTECODE": "1",
-               "ANSIBLE_LOG_PATH": LOG, "ANSIBLE_LIBRARY": f"{ROLE}/library",
-               "ANSIBLE_MODULE_UTILS": f"{ROLE}/module_utils"}
+               "ANSIBLE_LOG_PATH": LOG, "ANSIBLE_COLLECTIONS_PATH": COLLECTIONS}
 
 
 def inventory(destinations, migrations, common):
@@ -27,20 +28,30 @@ def inventory(destinations, migrations, common):
         "sondrel_migrations": {"hosts": migrations, "vars": {"sondrel_migrate_program": MIGRATE, **common}}}}}))
 
 
+def link_collection():
+    """Makes the collection of this checkout one that Ansible finds: its directory there."""
+    place = f"{COLLECTIONS}/ansible_collections/{NAME.replace('.', '/')}"
+    if not os.path.lexists(place):
+        os.makedirs(os.path.dirname(place))
+        os.symlink(COLLECTION, place)
+    return place
+
+
 def start_ansible(program, *arguments, environment=None, alone=True):
+    link_collection()
     os.makedirs(CONTROLLER, exist_ok=True)
     return Running(arguments, through=[*(ALONE if alone else []), program],
                    environment={**ENVIRONMENT, **(environment or {})})
 
 
-def play(*arguments, **how):
-    """A run of the example playbook on the inventory that was written: its Play."""
-    return Play(start_ansible("ansible-playbook", "-i", f"{CONTROLLER}/inventory.yml", *arguments, PLAYBOOK,
+def play(*arguments, playbook=PLAYBOOK, **how):
+    """Runs a playbook, else that of the collection, on the inventory that was written; returns its Play."""
+    return Play(start_ansible("ansible-playbook", "-i", f"{CONTROLLER}/inventory.yml", *arguments, playbook,
                               **how).finish(150))
 
 
 class Play:
-    """What came of a run of the playbook."""
+    """The result of a run of a playbook."""
 
     def __init__(self, outcome):
         self.code = outcome.code
@@ -54,28 +65,28 @@ class Play:
 
     def summary(self):
         """{migration: its line}, with "" for the line of all."""
-        shown = self.text.split("TASK [sondrel_migrate : Summary]")[1].split(" => ", 1)[1]
+        shown = self.text.split(f"TASK [{NAME}.sondrel_migrate : Summary]")[1].split(" => ", 1)[1]
         lines = json.JSONDecoder().raw_decode(shown)[0]["msg"]
         return {"": lines[-1], **dict(line.split(": ", 1) for line in lines[:-1])}
 
 
 def module(name, check=False, environment=None, **arguments):
-    """What a module of the role answers here, without a host between."""
+    """The result of a module of the collection, run on this host."""
     outcome = start_ansible("ansible", "localhost", "-c", "local", "-e", "ansible_pipelining=true",
                             "-e", "ansible_python_interpreter=/usr/bin/python3", *(["--check"] if check else []),
-                            "-m", name, "-a", json.dumps(arguments), environment=environment, alone=False).finish()
+                            "-m", f"{NAME}.{name}", "-a", json.dumps(arguments), environment=environment, alone=False).finish()
     found = re.search(r"localhost \| \S+ (?:=>|>>) (\{.*\})", outcome.stdout.decode(), re.DOTALL)
     assert found, outcome
     return json.loads(found[1])
 
 
 class Watch:
-    """Looks at the arguments and variables of all processes, again and again, while it is open."""
+    """Reads the arguments and variables of all processes, again and again, while it is open."""
 
     def __init__(self, secrets):
         self._secrets = [os.fsencode(secret) for secret in secrets]
         self._over = threading.Event()
-        self._thread = threading.Thread(target=self._look_on)
+        self._thread = threading.Thread(target=self._watch)
         self.told = set()
         self.programs = set()
 
@@ -89,18 +100,18 @@ class Watch:
         self._thread.join()
         self._log.__exit__()
 
-    def _look_on(self):
+    def _watch(self):
         while not self._over.wait(0.005):
             for name in filter(str.isdigit, os.listdir("/proc")):
-                self._look_at(f"/proc/{name}")
-            # A full one would hold up whoever logs.
+                self._read(f"/proc/{name}")
+            # A full one would block the programs that log.
             self._log.text()
 
-    def _look_at(self, process):
+    def _read(self, process):
         try:
             words, variables = read(f"{process}/cmdline"), read(f"{process}/environ")
-            # A process that becomes another program has no words for a moment, or words of the one and
-            # variables of the other. The next look has it as it is.
+            # While a process executes another program it has no words, or words of the one and
+            # variables of the other. The next round reads it as it is then.
             if not words or words != read(f"{process}/cmdline"):
                 return
         except (FileNotFoundError, ProcessLookupError, PermissionError):
@@ -108,6 +119,6 @@ class Watch:
         # An interpreter's script is the second word.
         programs = [os.path.basename(word) for word in os.fsdecode(words).split("\0")[:2]]
         self.programs |= set(programs)
-        # sondrel itself gets them by its variables, and wipes them.
+        # sondrel itself gets the passwords by its variables, and wipes them.
         seen = words if programs[0] == "sondrel" else words + variables
         self.told |= {words for secret in self._secrets if secret in seen}

@@ -1,4 +1,4 @@
-"""Many migrations at once: the Ansible role sondrel_migrate."""
+"""Many migrations at once: the Ansible collection sondrel.migration."""
 import contextlib
 import json
 import os
@@ -9,8 +9,10 @@ import subprocess
 import sys
 
 import pytest
+import yaml
 
-from fleet import (CONTROLLER, LOG, PLAYBOOK, PLAYS, ROLE, Watch, inventory, module, play, start_ansible)
+from fleet import (COLLECTION, CONTROLLER, LOG, NAME, PLAYBOOK, Watch, inventory, link_collection, module,
+                   play, start_ansible)
 from linux_host import Dump, assert_same_tree, install_linux_agent, unpack, web_host
 from migrating import IMITATION, STEPS, ImitatedSondrel
 from nodes import SESSIONS, Node, cables
@@ -19,8 +21,8 @@ from test_secret_matrix import check_nothing_told
 from world import DTM, HOST, ROOT, SESSION, SUDOER, processes, read, use_shell, wait_until, write
 
 
-sys.path.append(f"{ROLE}/filter_plugins")
-from sondrel_summary import sondrel_failure, sondrel_summary  # noqa: E402  it lies in the role
+sys.path.append(f"{COLLECTION}/plugins/filter")
+from sondrel_summary import sondrel_failure, sondrel_summary  # noqa: E402  it lies in the collection
 
 
 @pytest.fixture(autouse=True)
@@ -208,8 +210,66 @@ def test_moves_four_hosts_to_three_goes_on_where_one_failed_and_then_changes_not
         for name in DESTINATIONS:
             lines = read(fleet.nodes[name].own(COMMAND_LINES)).decode()
             assert "python3" in lines and "sftp" not in lines and "AnsiballZ" not in lines
-        assert read(f"{CONTROLLER}/ssh-arguments") and b"TASK [sondrel_migrate : Begin" in read(LOG)
+        assert read(f"{CONTROLLER}/ssh-arguments") and f"TASK [{NAME}.sondrel_migrate : Begin".encode() in read(LOG)
         check_nothing_told(*fleet.all_passwords())
+
+
+# --- the collection ---------------------------------------------------------------------------
+
+@pytest.mark.slow
+@pytest.mark.release_only
+def test_collection_passes_ansible_lint():
+    # Its own rule is that a collection lies where Ansible finds it.
+    place = f"{CONTROLLER}/lint/ansible_collections/{NAME.replace('.', '/')}"
+    shutil.copytree(COLLECTION, place, ignore=shutil.ignore_patterns("__pycache__"))
+    checked = subprocess.run(["ansible-lint", "--offline", "-p", "--nocolor"], cwd=place, text=True, capture_output=True,
+                             check=False, env={"PATH": "/usr/bin:/bin", "HOME": CONTROLLER, "LC_ALL": "C.UTF-8",
+                                               "ANSIBLE_COLLECTIONS_PATH": f"{CONTROLLER}/lint"})
+    assert (checked.returncode, checked.stdout) == (0, ""), checked
+    # Without a list of files from git it finds them itself; nothing found would pass as well.
+    assert int(re.search(r"on (\d+) files", checked.stderr)[1]) > 10, checked
+
+
+def test_collection_is_built_and_installed_with_what_its_playbook_needs():
+    """What is installed elsewhere has no file of the checkout behind it."""
+    target = f"{CONTROLLER}/installed"
+    for words in (["build", COLLECTION, "--output-path", target],
+                  ["install", "--offline", f"{target}/{NAME.replace('.', '-')}-{version_of_program()}.tar.gz", "-p", target]):
+        outcome = start_ansible("ansible-galaxy", "collection", *words, alone=False).finish()
+        assert outcome.code == 0, outcome
+    outcome = start_ansible("ansible-playbook", "-i", f"{COLLECTION}/inventory.example.yml", "--syntax-check", PLAYBOOK,
+                            environment={"ANSIBLE_COLLECTIONS_PATH": target}).finish()
+    assert_only_where_the_playbook_is(outcome)
+
+
+def assert_only_where_the_playbook_is(outcome):
+    """Ansible warns of a playbook that a collection brings, and of nothing else."""
+    assert (outcome.code, outcome.stderr) == (0, f"[WARNING]: running playbook inside collection {NAME}\n".encode()), outcome
+    assert b"playbook: " in outcome.stdout
+
+
+def version_of_program():
+    return re.search(r"project\(sondrel VERSION ([\d.]+)", read(f"{os.path.dirname(COLLECTION)}/CMakeLists.txt").decode())[1]
+
+
+@pytest.mark.parametrize("kind, name", [("module", "sondrel_migrate"), ("module", "sondrel_migrate_info"),
+                                        ("filter", "sondrel_summary"), ("filter", "sondrel_failure"),
+                                        ("role", "sondrel_migrate")])
+def test_collection_documents_its(kind, name):
+    shown = start_ansible("ansible-doc", "--json", "-t", kind, f"{NAME}.{name}", alone=False).finish()
+    assert (shown.code, shown.stderr) == (0, b""), shown
+    found = json.loads(shown.stdout)[f"{NAME}.{name}"]
+    if kind == "role":
+        assert found["entry_points"]["main"]["options"]
+    else:
+        assert found["doc"]["description"] and found["examples"] and found["return"]
+
+
+def test_defaults_that_the_role_documents_are_those_that_it_has():
+    shown = start_ansible("ansible-doc", "--json", "-t", "role", f"{NAME}.sondrel_migrate", alone=False).finish()
+    options = json.loads(shown.stdout)[f"{NAME}.sondrel_migrate"]["entry_points"]["main"]["options"]
+    documented = {name: option["default"] for name, option in options.items() if "default" in option}
+    assert documented == yaml.safe_load(read(f"{COLLECTION}/roles/sondrel_migrate/defaults/main.yml"))
 
 
 # --- one host --------------------------------------------------------------------------------
@@ -242,10 +302,9 @@ def hold(imitated, step):
 
 
 def test_example_playbook_and_inventory_pass_the_syntax_check():
-    outcome = start_ansible("ansible-playbook", "-i", f"{PLAYS}/inventory.example.yml", "--syntax-check",
+    outcome = start_ansible("ansible-playbook", "-i", f"{COLLECTION}/inventory.example.yml", "--syntax-check",
                             PLAYBOOK).finish()
-    assert (outcome.code, outcome.stderr) == (0, b""), outcome
-    assert b"playbook: " in outcome.stdout
+    assert_only_where_the_playbook_is(outcome)
 
 
 def test_a_migration_goes_on_without_whoever_began_it(imitated):
@@ -401,6 +460,26 @@ def test_a_setting_without_a_value_names_nothing(imitated):
     answer = begin(imitated, settings={"host": "src.example", "login": "root", "domains": None})
     assert answer["msg"] == "The setting domains has no value"
     assert not os.path.exists(SESSION)
+
+
+def test_role_by_its_short_name_hands_over_jump_host_and_key(imitated):
+    # As the package links it, for playbooks that were written before the collection.
+    roles = f"{CONTROLLER}/roles"
+    os.makedirs(roles)
+    os.symlink(f"{link_collection()}/roles/sondrel_migrate", f"{roles}/sondrel_migrate")
+    inventory({"here": {"ansible_connection": "local"}}, {"one": {
+        "sondrel_migrate_destination": "here", "sondrel_migrate_host": "src.example",
+        "sondrel_migrate_jump": "jo@gate.example:2222", "sondrel_migrate_identity": "/root/key",
+        "sondrel_migrate_session": PLACE, "sondrel_migrate_password": "a-passphrase"}},
+              {"sondrel_migrate_program": imitated.program})
+    playbook = write(f"{CONTROLLER}/own.yml", json.dumps([
+        {"hosts": "sondrel_migrations", "gather_facts": False, "roles": ["sondrel_migrate"]}]))
+    found = play(playbook=playbook, environment={"ANSIBLE_ROLES_PATH": roles})
+    assert (found.code, found.count("changed")) == (0, {"one": 1}), found.text
+    environment = imitated.environment(0)
+    assert [environment.get(name) for name in ("SONDREL_JUMP", "SONDREL_IDENTITY", "QRV_PASSWORD")] == [
+        "jo@gate.example:2222", "/root/key", "a-passphrase"]
+    assert "--host=src.example" in imitated.arguments(0)
 
 
 @pytest.mark.slow

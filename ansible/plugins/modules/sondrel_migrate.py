@@ -1,55 +1,106 @@
-"""Begins a migration, or goes on with one, and leaves it to itself."""
+# Copyright 2026 the sondrel maintainers
+"""Starts a migration, or continues one, and returns while it runs."""
+from __future__ import absolute_import, division, print_function
+
+__metaclass__ = type
+
+DOCUMENTATION = r"""
+module: sondrel_migrate
+short_description: Starts or continues a migration by sondrel-migrate
+version_added: 0.1.0
+author: sondrel maintainers (@sondrel)
+description:
+  - Starts C(sondrel-migrate) in a process of its own and returns at once. From then on the run needs neither the
+    connection nor the controller; M(sondrel.migration.sondrel_migrate_info) reports its progress.
+  - A migration that is finished with the same settings, or is running already, is left alone.
+  - The passwords reach C(sondrel-migrate) through a pipe. The module receives them among its arguments, so it
+    refuses to run from a file; see I(password).
+options:
+  session:
+    description: The session directory; made if missing.
+    type: path
+    required: true
+  settings:
+    description: Settings of C(sondrel-migrate) by their names, such as C(host). Lists are joined by commas.
+    type: dict
+    required: true
+  password:
+    description:
+      - The password of the login. A finished migration needs none.
+      - Pipelining must be on (C(ansible_pipelining)), so that no file holds it.
+    type: str
+  sudo_password:
+    description: What sudo on the source host asks for; may be empty.
+    type: str
+  key_password:
+    description: The passphrase of the key that the setting C(identity) names, if it has one.
+    type: str
+  from_step:
+    description: Repeats this step and those that follow.
+    type: str
+    choices: [scout, deploy, dump, content, remove, plan, apply, verify]
+  slots:
+    description: How many migrations run on the host at once. Further ones wait; 0 sets no limit.
+    type: int
+    default: 0
+  program:
+    description: Name or path of C(sondrel-migrate).
+    type: str
+    default: sondrel-migrate
+seealso:
+  - module: sondrel.migration.sondrel_migrate_info
+"""
+
+EXAMPLES = r"""
+- name: Start a migration of everything, or continue it
+  sondrel.migration.sondrel_migrate:
+    session: /var/lib/migration/old1.example
+    settings:
+      host: old1.example
+      login: root
+      dump-all: true
+    password: "{{ vault_passwords['old1.example'] }}"
+  vars:
+    ansible_pipelining: true
+  no_log: true
+
+- name: Fetch what has changed since, for the last time
+  sondrel.migration.sondrel_migrate:
+    session: /var/lib/migration/old1.example
+    settings:
+      host: old1.example
+      login: root
+      dump-all: true
+      final: true
+    from_step: dump
+    password: "{{ vault_passwords['old1.example'] }}"
+  vars:
+    ansible_pipelining: true
+  no_log: true
+"""
+
+RETURN = r"""
+begun:
+  description: Whether a run was started, or in check mode would be.
+  type: bool
+  returned: always
+  sample: true
+"""
+
 import fcntl
 import os
 import subprocess
 import time
 
 from ansible.module_utils.basic import AnsibleModule
-from ansible.module_utils.sondrel_session import (BEGUN, ENDED, SessionProblem, alarm_after, is_at_work,
-                                                  log_of, recorded_settings, status_of)
-
-DOCUMENTATION = r"""
-module: sondrel_migrate
-short_description: Begins a migration by sondrel-migrate, or goes on with one
-description:
-  - Starts C(sondrel-migrate) in a process of its own and returns at once. The run needs neither the
-    connection nor the controller from then on; M(sondrel_migrate_info) tells how it goes.
-  - A migration that is finished with the same settings, or is at work already, is left alone.
-  - The passwords reach C(sondrel-migrate) through a pipe. They come in the module's arguments, so the module
-    refuses to work from a file; see O(password).
-options:
-  session: {type: path, required: true, description: The session directory; made if missing.}
-  settings:
-    type: dict
-    required: true
-    description: Settings of sondrel-migrate by their names, such as C(host); lists are joined by commas.
-  password:
-    type: str
-    description: >-
-      Of the login; a finished migration needs none. Pipelining has to be on (C(ansible_pipelining)), so that no
-      file holds it.
-  sudo_password: {type: str, description: What sudo asks for; may be empty.}
-  key_password: {type: str, description: 'Of the key that the setting C(identity) names, where it has one.'}
-  from_step:
-    type: str
-    choices: [scout, deploy, dump, content, remove, plan, apply, verify]
-    description: Makes this step and those that follow again.
-  slots:
-    type: int
-    default: 0
-    description: So many migrations are at work on the host at once, further ones wait; 0 for any number.
-  program: {type: str, default: sondrel-migrate, description: Name or path of the program.}
-"""
-
-RETURN = r"""
-begun: {type: bool, returned: always, description: Whether a run was begun.}
-"""
+from ansible_collections.sondrel.migration.plugins.module_utils.sondrel_session import (
+    BEGUN, ENDED, SessionProblem, alarm_after, is_at_work, log_of, recorded_settings, status_of)
 
 SLOTS = "/run/sondrel-migrate"
 SLOT_CHECK_SECONDS = 1
 CANNOT_EXECUTE = 127
-# Whoever only asks whether a run is at work holds the lock for a moment.
-LONGEST_LOOK_SECONDS = 2
+# A process that asks whether a run is at work holds the lock for a moment.
+LONGEST_QUERY_SECONDS = 2
 
 
 def text_of(value):
@@ -61,7 +112,7 @@ def text_of(value):
 
 
 def refuse_files(module):
-    """A module that came as a file has brought the passwords to the disk."""
+    """Fails if the module was sent as a file: the passwords would be on the disk."""
     with open("/proc/self/cmdline", "rb") as words:
         if b"AnsiballZ" in words.read():
             module.fail_json(msg="Pipelining is off, or cannot be had (ANSIBLE_KEEP_REMOTE_FILES, becoming root by "
@@ -69,7 +120,7 @@ def refuse_files(module):
 
 
 def password_lines(module):
-    """What sondrel-migrate reads on its standard input."""
+    """The passwords, as sondrel-migrate reads them on its standard input."""
     lines = ""
     for name in ("password", "key_password", "sudo_password"):
         password = module.params[name] or ""
@@ -88,11 +139,11 @@ def command_of(params, program):
 
 
 def own_log(session):
-    """The log of the session, locked; None where a run is at work."""
+    """Opens and locks the log of the session; None if a run is at work."""
     os.makedirs(os.path.dirname(session), exist_ok=True)
     log = os.open(log_of(session), os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_NOFOLLOW, 0o600)
     try:
-        with alarm_after(LONGEST_LOOK_SECONDS):
+        with alarm_after(LONGEST_QUERY_SECONDS):
             fcntl.flock(log, fcntl.LOCK_EX)
     except TimeoutError:
         os.close(log)
@@ -100,7 +151,7 @@ def own_log(session):
     return log
 
 
-# --- the process that stays ---
+# --- the background process ---
 
 def slot_if_free(slots):
     for number in range(slots):
@@ -114,11 +165,11 @@ def slot_if_free(slots):
 
 
 def wait_for_slot(slots):
-    """The descriptor that holds the slot. The kernel frees it, however its holders end."""
+    """Returns the descriptor that holds the slot. The kernel frees the slot when all its holders have ended."""
     os.makedirs(SLOTS, 0o700, exist_ok=True)
     slot = slot_if_free(slots)
     while slot is None:
-        # Of several locks none can be waited for.
+        # A process can wait for one lock only, not for the first of several.
         time.sleep(SLOT_CHECK_SECONDS)
         slot = slot_if_free(slots)
     return slot
@@ -128,8 +179,8 @@ def note(kind, more=""):
     os.write(1, (kind + time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()) + more + "\n").encode())
 
 
-def run_to_its_end(command, passwords, slots):
-    """Runs the command on the log, and writes down how it ended."""
+def run_logged(command, passwords, slots):
+    """Runs the command with the log as its output, and notes there how it ended."""
     note(BEGUN)
     code = CANNOT_EXECUTE
     try:
@@ -138,7 +189,7 @@ def run_to_its_end(command, passwords, slots):
         try:
             process.communicate(passwords)
         except BrokenPipeError:
-            pass  # it needed none: what it says tells why
+            pass  # it read none; its output says why
         code = process.returncode if process.returncode >= 0 else 128 - process.returncode
     except Exception as error:
         os.write(1, ("%s\n" % error).encode())
@@ -146,7 +197,7 @@ def run_to_its_end(command, passwords, slots):
 
 
 def detach(work, log):
-    """Does the work in a process of its own, which has the log for its output."""
+    """Does the work in a process of its own, whose output is the log."""
     child = os.fork()
     if child:
         os.waitpid(child, 0)
@@ -160,7 +211,7 @@ def detach(work, log):
             nothing = os.open(os.devnull, os.O_RDONLY)
             for target, source in ((0, nothing), (1, log), (2, log)):
                 os.dup2(source, target)
-            # Whoever waits for the end of the module's output must not wait for this.
+            # Ansible waits until the module's output is closed, and must not wait for this process.
             os.closerange(3, os.sysconf("SC_OPEN_MAX"))
             work()
         status = 0
@@ -171,7 +222,7 @@ def detach(work, log):
 # --- the module ---
 
 def has_settings(session, settings):
-    """Whether the migration was begun with these very settings."""
+    """Whether the migration was begun with these settings."""
     known = recorded_settings(session)
     return all(known.get(name) == text_of(value) for name, value in settings.items())
 
@@ -181,10 +232,10 @@ def begin(module):
     params = module.params
     program = module.get_bin_path(params["program"], required=True)
     passwords = password_lines(module)
-    # In this order: a run that ends in between has written down its end.
+    # In this order: a run that ends in between has noted its end.
     at_work = is_at_work(params["session"])
     state = status_of(module, program, params["session"]).get("state", "")
-    # Somebody may run it by hand.
+    # An administrator may have started it by hand.
     if at_work or state.startswith("running"):
         if params["from_step"]:
             module.fail_json(msg="The migration is at work: it cannot go back to " + params["from_step"])
@@ -195,8 +246,8 @@ def begin(module):
         return True
     log = own_log(params["session"])
     if log is None:
-        return False  # another controller was faster
-    detach(lambda: run_to_its_end(command_of(params, program), passwords, params["slots"]), log)
+        return False  # another controller has just started it
+    detach(lambda: run_logged(command_of(params, program), passwords, params["slots"]), log)
     return True
 
 
@@ -214,7 +265,7 @@ def main():
         supports_check_mode=True)
     refuse_files(module)
     if any("password" in name for name in module.params["settings"]):
-        # It would be an argument.
+        # It would become an argument of the program.
         module.fail_json(msg="A password is no setting")
     for name, value in module.params["settings"].items():
         if value is None:

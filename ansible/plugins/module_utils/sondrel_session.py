@@ -1,4 +1,9 @@
-"""What the modules of the role know of a session directory."""
+# Copyright 2026 the sondrel maintainers
+"""What the modules know about a session directory."""
+from __future__ import absolute_import, division, print_function
+
+__metaclass__ = type
+
 import contextlib
 import fcntl
 import os
@@ -6,20 +11,20 @@ import signal
 import stat
 import xml.etree.ElementTree
 
-# A longer document is none of sondrel's.
+# sondrel writes no document longer than this.
 LARGEST_DOCUMENT_BYTES = 1 << 20
 BEGUN, ENDED = "# begun ", "# ended "
 
 
 class SessionProblem(Exception):
-    """Something is not as sondrel leaves it; the text is for the administrator."""
+    """A file of the session is not as sondrel leaves it; the text is for the administrator."""
 
 
 def log_of(session):
-    """Beside the session directory, which sondrel-migrate makes itself: what the runs say.
+    """The file with the output of the runs, beside the session directory, which sondrel-migrate makes itself.
 
-    Whoever runs sondrel-migrate for the role holds a lock on it (flock) from before the
-    run is begun until its end is written down.
+    The process that runs sondrel-migrate for the role holds a lock on it (flock) from before the
+    start of the run until the end of the run is noted there.
     """
     return session + ".log"
 
@@ -30,7 +35,7 @@ def is_at_work(session):
 
 
 def wait_for_end(session, seconds):
-    """True as soon as no run of the role is at work; false after so many seconds."""
+    """True as soon as no run of the role is at work; false after that many seconds."""
     try:
         log = open(log_of(session), "rb")
     except FileNotFoundError:
@@ -49,7 +54,7 @@ def wait_for_end(session, seconds):
 
 @contextlib.contextmanager
 def alarm_after(seconds):
-    """Raises TimeoutError in what takes longer."""
+    """Raises TimeoutError in a body that takes longer."""
     def raise_timeout(number, frame):
         raise TimeoutError
 
@@ -63,7 +68,7 @@ def alarm_after(seconds):
 
 
 def status_of(module, program, session):
-    """The lines of `sondrel-migrate status` as {name: text}; empty where nothing was begun."""
+    """The lines of `sondrel-migrate status` as {name: text}; empty if no run was started."""
     if not os.path.lexists(session + "/migrate/state.xml"):
         return {}
     code, out, err = module.run_command([program, "status", session])
@@ -73,9 +78,10 @@ def status_of(module, program, session):
 
 
 def read_document(path):
-    """The root of an XML document; None where there is none.
+    """The root of an XML document; None if there is no such file.
 
-    One that could do harm is refused.
+    Raises SessionProblem for a file that sondrel has not written: a special file, one that is too long,
+    one with a document type.
     """
     try:
         descriptor = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK)
@@ -95,6 +101,6 @@ def read_document(path):
 
 
 def recorded_settings(session):
-    """What the migration was begun with, as {name: text}."""
+    """The settings that the migration was begun with, as {name: text}."""
     state = read_document(session + "/migrate/state.xml")
     return {} if state is None else {node.get("name"): node.text or "" for node in state.iter("setting")}

@@ -1,51 +1,140 @@
-"""Tells how far a migration is, from its session directory."""
+# Copyright 2026 the sondrel maintainers
+"""Reports the state of a migration, from its session directory."""
+from __future__ import absolute_import, division, print_function
+
+__metaclass__ = type
+
+DOCUMENTATION = r"""
+module: sondrel_migrate_info
+short_description: Reports the state of a migration
+version_added: 0.1.0
+author: sondrel maintainers (@sondrel)
+description:
+  - Reads what C(sondrel-migrate) and C(sondrel) leave in a session directory, without disturbing a run.
+options:
+  session:
+    description: The session directory.
+    type: path
+    required: true
+  wait_seconds:
+    description: Waits for the end of a run that is at work, at most so many seconds.
+    type: float
+    default: 0
+  program:
+    description: Name or path of C(sondrel-migrate).
+    type: str
+    default: sondrel-migrate
+seealso:
+  - module: sondrel.migration.sondrel_migrate
+"""
+
+EXAMPLES = r"""
+- name: Wait for the end of a migration
+  sondrel.migration.sondrel_migrate_info:
+    session: /var/lib/migration/old1.example
+    wait_seconds: 60
+  register: info
+  until: info.migration.state not in ['running', 'queued']
+  retries: 1440
+  delay: 0
+
+- name: Show what is missing from the dump
+  ansible.builtin.debug:
+    msg: "{{ info.migration.errors }} errors, see {{ info.migration.dump }}"
+"""
+
+RETURN = r"""
+migration:
+  description: The state of the migration.
+  type: dict
+  returned: always
+  contains:
+    state:
+      description:
+        - C(finished), C(failed), C(stopped), C(cut short), C(waiting) or C(running).
+        - C(queued) if the run waits for a free slot, C(refused) if the last run could not begin.
+        - C(absent) if there was no run.
+      type: str
+      sample: finished
+    step:
+      description: The step that failed, was stopped or is next; empty for a finished migration.
+      type: str
+      sample: content
+    exit_code:
+      description: The exit code of that step or run; null if none has ended.
+      type: int
+      sample: 0
+    reason:
+      description: Why the step failed or the run was refused.
+      type: str
+    output:
+      description: The last lines that the last run printed.
+      type: list
+      elements: str
+    steps:
+      description: The state, times, exit code and reason of each step, by its name.
+      type: dict
+    bytes:
+      description: The size of the content on this host.
+      type: int
+      sample: 1900000000
+    files:
+      description: The number of its files.
+      type: int
+      sample: 214
+    counted:
+      description: Whether the dump reports its problems; false if there is no dump yet.
+      type: bool
+    errors:
+      description: How many problems of the dump are errors, something that is missing from the result.
+      type: int
+    warnings:
+      description: How many are warnings, something that may not work on this host.
+      type: int
+    notes:
+      description: How many need no action.
+      type: int
+    problems:
+      description: The errors, and the messages that came with the content though its transfer succeeded.
+      type: int
+    session:
+      description: The session directory.
+      type: str
+      sample: /var/lib/migration/old1.example
+    dump:
+      description: The description of what was found.
+      type: str
+      sample: /var/lib/migration/old1.example/dump.xml
+    content:
+      description: The directory of the content.
+      type: str
+      sample: /var/lib/migration/old1.example/archives
+    log:
+      description: The log of the runs.
+      type: str
+      sample: /var/lib/migration/old1.example/migration.log
+"""
+
 import os
 import re
 import time
 
 from ansible.module_utils.basic import AnsibleModule
-from ansible.module_utils.sondrel_session import (BEGUN, ENDED, SessionProblem, is_at_work, log_of, read_document,
-                                                  recorded_settings, status_of, wait_for_end)
-
-DOCUMENTATION = r"""
-module: sondrel_migrate_info
-short_description: Tells how far a migration is
-description:
-  - Reads what sondrel-migrate and sondrel leave in a session directory, without disturbing a run.
-options:
-  session: {type: path, required: true, description: The session directory.}
-  wait_seconds:
-    type: float
-    default: 0
-    description: Waits for the end of the run that is at work, so long at most.
-  program: {type: str, default: sondrel-migrate, description: Name or path of the program.}
-"""
-
-RETURN = r"""
-migration:
-  type: dict
-  returned: always
-  description: >-
-    C(state): finished, failed, stopped, cut short, waiting, running, queued (for a free slot), refused where the
-    last run could not begin, or absent where there was none; C(step) at which it stands, and C(exit_code) of that;
-    C(reason) of a failure; C(output), what the last run said at its end; C(steps), how each one went; C(bytes) and
-    C(files) of the content that is here; C(errors), C(warnings) and C(notes), which the dump names,
-    and C(counted), false where there is no dump yet, or none that names any; C(problems), the errors and the messages of the result though it is a success; C(session), C(dump), C(content)
-    and C(log), where it lies.
-"""
+from ansible_collections.sondrel.migration.plugins.module_utils.sondrel_session import (
+    BEGUN, ENDED, SessionProblem, is_at_work, log_of, read_document, recorded_settings, status_of, wait_for_end)
 
 LAST_LINES = 5
-LOOK_SECONDS = 5
+POLL_SECONDS = 5
 LOG_TAIL_BYTES = 1 << 16
-# The settings were refused, somebody else was at work, the program is missing.
+# The settings were refused, another run was at work, the program is missing.
 BEGUN_NOTHING = (1, 4, 127)
-# What the status of sondrel-migrate ends with.
+# The ends of lines of `sondrel-migrate status`.
 DUMP_PROBLEMS = r", (\d+) errors?, (\d+) warnings?, (\d+) notes?\Z"
 CONTENT_PROBLEMS = r", problems in transfer\.result: (\d+)\Z"
 
 
 def last_run(session):
-    """(exit code, the last lines) of the last run of the role; (None, []) where it did not tell."""
+    """(exit code, last lines) of the last run of the role; (None, []) if the log does not have them."""
     try:
         with open(log_of(session), "rb") as log:
             log.seek(max(0, os.fstat(log.fileno()).st_size - LOG_TAIL_BYTES))
@@ -69,10 +158,10 @@ def steps_in(session):
     return steps
 
 
-def size_of(folder):
-    """(bytes, files) below a folder."""
+def size_of(directory):
+    """(bytes, files) below a directory."""
     size = count = 0
-    for parent, _, names in os.walk(folder):
+    for parent, _, names in os.walk(directory):
         for name in names:
             size += os.lstat(os.path.join(parent, name)).st_size
             count += 1
@@ -80,7 +169,7 @@ def size_of(folder):
 
 
 def problems_in(status):
-    """What the dump names and what the content came with, though both are done."""
+    """The problems of a dump and of a transfer that have succeeded otherwise."""
     in_dump = re.search(DUMP_PROBLEMS, status.get("dump", ""))
     errors, warnings, notes = map(int, in_dump.groups()) if in_dump else (0, 0, 0)
     in_content = re.search(CONTENT_PROBLEMS, status.get("content", ""))
@@ -89,7 +178,7 @@ def problems_in(status):
 
 
 def standing(text, at_work):
-    """(state, step, exit code or None) by the status of sondrel-migrate."""
+    """(state, step, exit code or None) from the status of sondrel-migrate."""
     if text.startswith("running"):
         return "running", "", None
     if at_work:
@@ -99,7 +188,7 @@ def standing(text, at_work):
 
 
 def is_newer(path, other):
-    """Whether the file was written after the other one; false where one is missing."""
+    """Whether the file was written after the other one; false if either is missing."""
     try:
         return os.lstat(path).st_mtime_ns > os.lstat(other).st_mtime_ns
     except FileNotFoundError:
@@ -107,7 +196,7 @@ def is_newer(path, other):
 
 
 def collected(module, program, session):
-    # In this order: a run that ends in between has written down its end.
+    # In this order: a run that ends in between has noted its end.
     at_work = is_at_work(session)
     status = status_of(module, program, session)
     state, step, code = standing(status.get("state", ""), at_work)
@@ -115,7 +204,7 @@ def collected(module, program, session):
     steps = steps_in(session)
     reason = steps.get(step, {}).get("reason", "")
     is_over = state not in ("running", "queued")
-    # Somebody may have gone on by hand since the role was refused.
+    # An administrator may have continued by hand since the run of the role was refused.
     if is_newer(session + "/migrate/state.xml", log_of(session)):
         run_code = None
     if is_over and run_code in BEGUN_NOTHING and code != run_code:
@@ -135,10 +224,10 @@ def wait(module, program, session, seconds):
     """Returns when no run is at work, or after so many seconds."""
     end = time.monotonic() + seconds
     wait_for_end(session, seconds)
-    # Whoever waited for the lock of a run that was begun by hand could have it in the next one's way.
+    # A run that was started by hand is polled: waiting for its lock could get in the way of the next run.
     while (status_of(module, program, session).get("state", "").startswith("running")
-           and time.monotonic() + LOOK_SECONDS < end):
-        time.sleep(LOOK_SECONDS)
+           and time.monotonic() + POLL_SECONDS < end):
+        time.sleep(POLL_SECONDS)
 
 
 def main():

@@ -1,8 +1,13 @@
+# Copyright 2026 the sondrel maintainers
 """The summary of many migrations, as lines of text."""
+from __future__ import absolute_import, division, print_function
+
+__metaclass__ = type
+
 
 
 def size_text(size):
-    """Bytes, as sondrel-migrate writes them."""
+    """The size in bytes, in the format of sondrel-migrate."""
     if size < 1000:
         return "%d B" % size
     for unit in ("kB", "MB", "GB", "TB"):
@@ -16,7 +21,7 @@ def counted(number, what):
 
 
 def problems_of(migration):
-    """What the dump names, and what the content came with, as parts of a line."""
+    """The counts of problems of the dump and of the content, as parts of a line."""
     counts = [counted(migration[what + "s"], what) for what in ("error", "warning", "note")]
     messages = migration["problems"] - migration["errors"]
     return (counts if migration["counted"] else []) + (
@@ -33,13 +38,13 @@ def line_of(name, migration):
     parts.append("%s in %s files" % (size_text(migration["bytes"]), migration["files"]))
     parts += problems_of(migration)
     parts.append("%s:%s" % (migration["destination"], migration["session"]))
-    # Of a source host's complaint, which may have lines of its own, one line is made.
+    # An error of the source host may have several lines.
     reason = " ".join(migration["reason"].split())
     return name + ": " + ", ".join(parts) + (": " + reason if reason else "")
 
 
 def sondrel_summary(hosts, hostvars):
-    """A line for each host that a migration is made from, and one for all of them."""
+    """A line for each migration, and one for all of them."""
     migrations = [(name, hostvars[name].get("sondrel_migration")) for name in hosts]
     finished = [found for _, found in migrations if found and found["state"] == "finished"]
     return [line_of(name, found) for name, found in migrations] + [
@@ -48,7 +53,7 @@ def sondrel_summary(hosts, hostvars):
 
 
 def sondrel_failure(migration):
-    """Why a migration is not finished, what is known of it, and where to look."""
+    """Why a migration is not finished, its state, and where its logs are."""
     parts = [line_of(migration["destination"], migration)]
     if migration["state"] != "unknown":
         parts.append("See %s, and %s.log for what the runs said" % (migration["log"], migration["session"]))
