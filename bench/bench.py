@@ -19,6 +19,7 @@ from contestants import (BINARY, CATALOGUED, ENVIRONMENT, HOST, OFFERED, PEER, P
                          negotiated_algorithms, offer, remove, rsync, same, scp, sondrel, ssh, ssh_cat, timed)
 from figure import Figure
 from linux_host import install_linux_agent, web_host
+from publish import publish
 from source_services import add_user
 from world import content_verified, enter_private_network, write
 
@@ -379,14 +380,18 @@ def main():
     parser.add_argument("--pairs", type=int, default=5, help="runs of each contestant")
     parser.add_argument("--scale", type=float, default=1, help="of sizes and numbers of files; targets hold for 1 only")
     parser.add_argument("--json", default=f"{TOP}/build/bench/results.json")
+    parser.add_argument("--publish", action="store_true",
+                        help="write the tables and plots of docs/performance.md from the results, too")
     parser.add_argument("cases", nargs="*", metavar="CASE", help=", ".join(CASES))
     options = parser.parse_args()
+    if options.publish and options.scale != 1:
+        parser.error("results of another scale mean nothing")
     unknown = set(options.cases) - set(CASES)
     if unknown:
         parser.error(f"no such case: {', '.join(sorted(unknown))}; there are {', '.join(CASES)}")
 
     enter_private_network()
-    results = {"machine": machine(), "pairs": options.pairs, "scale": options.scale, "cases": {}}
+    results = {"date": time.strftime("%Y-%m-%d"), "machine": machine(), "pairs": options.pairs, "scale": options.scale, "cases": {}}
     rows = ["| case | medians | figures |", "|---|---|---|"]
     bench = Bench(options.pairs, options.scale)
     os.makedirs(os.path.dirname(os.path.abspath(options.json)), exist_ok=True)
@@ -404,6 +409,8 @@ def main():
     finally:
         remove(DISK)
     print("\n".join(rows))
+    if options.publish:
+        publish(results)
 
 
 if __name__ == "__main__":

@@ -55,6 +55,11 @@ def test_believes_no_tool_that_has_fetched_nothing(program, reason):
     assert done.stdout == ""
 
 
+def test_publishes_nothing_that_was_measured_in_small():
+    done = bench("--publish", "--scale", "0.5", "help")
+    assert done.returncode == 2 and "another scale" in done.stderr
+
+
 def test_refuses_a_case_that_there_is_not():
     done = bench("rtt-11")
     assert done.returncode == 2
