@@ -42,11 +42,14 @@ def test_building_installs_the_perl_that_has_the_core_modules():
 
 @pytest.mark.release_only
 def test_release_preset_does_without_what_only_the_tests_need():
-    build = "/mnt/without-GTest"
+    build, editors_link = "/mnt/without-GTest", f"{TOP}/compile_commands.json"
+    before = os.path.lexists(editors_link) and os.readlink(editors_link)
     subprocess.run(["cmake", "--preset", "release", "-B", build, "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON"], cwd=TOP,
                    check=True, stdout=subprocess.DEVNULL)
     targets = subprocess.run(["ninja", "-C", build, "-t", "targets", "all"], check=True, stdout=subprocess.PIPE).stdout
     assert b"bin/sondrel:" in targets and b"unit_tests:" not in targets
+    # What editors read stays that of a preset in the checkout.
+    assert (os.path.lexists(editors_link) and os.readlink(editors_link)) == before
 
 
 def test_version_of_the_packages_is_that_of_the_program():
