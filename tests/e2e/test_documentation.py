@@ -234,6 +234,19 @@ def test_links_of_a_document_lead_somewhere(document):
         assert not anchor or anchor in anchors(target), link
 
 
+def test_files_that_a_first_change_touches_are_there():
+    change = read(f"{TOP}/CONTRIBUTING.md").decode().split("## Your first change")[1].split("\n## ")[0]
+    cells = [row.split("|")[1] for row in change.splitlines() if row.startswith("| `")]
+    named = [path for cell in cells for path in re.findall(r"`([^`]+)`", cell)]
+    assert len(named) > 15
+    for path in named:
+        assert os.path.exists(f"{TOP}/{path}"), path
+
+
+def test_readme_is_short():
+    assert len(read(f"{TOP}/README.md").splitlines()) <= 120
+
+
 def test_messages_that_the_troubleshooting_page_looks_up_are_those_of_the_programs():
     rows = [line.split("|")[1] for line in blocks("docs/troubleshooting.md")[1] if line.startswith("| ")]
     sources = b"".join(read(path) for layer in ("commons", "hostlib", "transport", "sondrel", "migrate")
