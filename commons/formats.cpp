@@ -101,28 +101,25 @@ void XmlMigrationStatus::saveFile() {
 /// The root's own attributes stay: they keep the deployment's figures in sight when
 /// the state changes.
 void XmlMigrationStatus::removeRootChildren() {
-  while (const xmlNodePtr child = root()->children) {
-    xmlUnlinkNode(child);
-    xmlFreeNode(child);
-  }
+  for (XmlNodeRef child : root().children()) child.remove();
 }
 
 void XmlMigrationStatus::addAgent() {
-  const xmlNodePtr agent = newChild(root(), "agent");
+  const XmlNodeRef agent = newChild(root(), "agent");
   addAttribute(agent, "action", agentOperation_ == DEPLOY_AGENT ? "deploy" : "wait");
   newTextChild(agent, "host", host_);
 }
 
 void XmlMigrationStatus::addTransfer() {
-  const xmlNodePtr transfer = newChild(root(), "transfer");
+  const XmlNodeRef transfer = newChild(root(), "transfer");
   if (!speed_.empty()) addAttribute(transfer, "speed", speed_);
   newTextChild(transfer, "host", host_);
   if (state_ == DUMP_TRANSFER) newChild(transfer, "dumpfile");
   if (state_ == FILE_TRANSFER) addFiles(transfer);
 }
 
-void XmlMigrationStatus::addFiles(xmlNodePtr transfer) {
-  const xmlNodePtr files = newChild(transfer, "files");
+void XmlMigrationStatus::addFiles(XmlNodeRef transfer) {
+  const XmlNodeRef files = newChild(transfer, "files");
   addAttribute(files, "total", filesTotal_);
   addAttribute(files, "left", filesLeft_);
   if (!sizeTotal_.empty() && !sizeLeft_.empty()) {
@@ -134,7 +131,7 @@ void XmlMigrationStatus::addFiles(xmlNodePtr transfer) {
     addAttribute(files, "listed-left", listedLeft_);
   }
   if (currentFile_.empty()) return;
-  const xmlNodePtr current = newTextChild(files, "current-file", currentFile_);
+  const XmlNodeRef current = newTextChild(files, "current-file", currentFile_);
   if (currentFileSize_.empty()) return;
   addAttribute(current, "size", currentFileSize_);
   addAttribute(current, "size-left", currentFileSizeLeft_);
@@ -146,7 +143,7 @@ void XmlMigrationStatus::addDeploy() {
   addAttribute(root(), "completed-accounts", completedAccounts_);
   addAttribute(root(), "completed-domains", completedDomains_);
   if (currentObject_.empty()) return;
-  const xmlNodePtr object = newTextChild(root(), "current-object", currentObject_);
+  const XmlNodeRef object = newTextChild(root(), "current-object", currentObject_);
   addAttribute(object, "type", currentObjectType_ == ACCOUNT ? "account" : "domain");
 }
 
@@ -155,8 +152,8 @@ MigrationStatus* createMigrationStatusFile() {
 }
 
 void XmlAgentFileList::parse() {
-  for (const xmlNodePtr node : xmlElementsOf(root())) {
-    if (fromXmlChar(node->name) != "file") continue;
+  for (const XmlNodeRef node : root().elements()) {
+    if (node.name() != "file") continue;
     files_.push_back({getNodeText(node), getNumber(node, "size"),
                       findAttribute(node, "md5sum").value_or(""),
                       findAttribute(node, "size").has_value()});
@@ -171,7 +168,7 @@ std::int64_t XmlAgentFileList::getUnpackedSize() const {
   return getNumber(root(), "unpacked");
 }
 
-std::int64_t XmlAgentFileList::getNumber(xmlNodePtr node, const std::string& name) const {
+std::int64_t XmlAgentFileList::getNumber(XmlNodeRef node, const std::string& name) const {
   return boost::lexical_cast<std::int64_t>(findAttribute(node, name).value_or("0"));
 }
 

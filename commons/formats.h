@@ -65,7 +65,7 @@ class XmlMigrationStatus : public tXmlDtmDocument, public MigrationStatus {
   void removeRootChildren();
   void addAgent();
   void addTransfer();
-  void addFiles(xmlNodePtr transfer);
+  void addFiles(XmlNodeRef transfer);
   void addDeploy();
 
   State state_ = IDLE;
@@ -132,7 +132,7 @@ class XmlAgentFileList : public tXmlDtmDocument, public AgentFileList {
   const std::vector<DumpFile>& getFileList() const override { return files_; }
 
  private:
-  std::int64_t getNumber(xmlNodePtr node, const std::string& name) const;
+  std::int64_t getNumber(XmlNodeRef node, const std::string& name) const;
 
   std::vector<DumpFile> files_;
 };

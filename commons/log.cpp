@@ -94,15 +94,14 @@ void XmlLog::pushObject(const std::string& name, const std::string& type) {
 }
 
 void XmlLog::popObject() {
-  const xmlNodePtr parent = current_->parent;
-  if (!parent || parent->type != XML_ELEMENT_NODE) throw Exc<&NoParentNode>(HERE);
+  const XmlNodeRef parent = current_.parentElement();
+  if (!parent) throw Exc<&NoParentNode>(HERE);
   const bool hadErrors = hasErrors_.back();
   hasErrors_.pop_back();
   if (hadErrors) {
     hasErrors_.back() = true;
   } else {
-    xmlUnlinkNode(current_);
-    xmlFreeNode(current_);
+    current_.remove();
   }
   current_ = parent;
 }

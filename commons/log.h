@@ -49,7 +49,7 @@ class XmlLog : public Log, public tXmlDtmDocument {
  private:
   std::string path_;
   bool success_ = false;
-  xmlNodePtr current_;
+  XmlNodeRef current_;
   /// For each open element, whether an error was recorded in it.
   std::deque<bool> hasErrors_;
 };
@@ -57,7 +57,7 @@ class XmlLog : public Log, public tXmlDtmDocument {
 /// Fills a "message" element from an exception and, nested, from its causes.
 class XmlMsgFormatter : public ExInfoVisitor {
  public:
-  XmlMsgFormatter(tXmlDtmDocument& document, xmlNodePtr element)
+  XmlMsgFormatter(tXmlDtmDocument& document, XmlNodeRef element)
       : document_(document), element_(element) {}
 
   void setCode(const std::string& code) override;
@@ -72,7 +72,7 @@ class XmlMsgFormatter : public ExInfoVisitor {
 
  private:
   tXmlDtmDocument& document_;
-  xmlNodePtr element_;
+  XmlNodeRef element_;
 };
 
 /// The debug log, for the messages that belong to no class with a log of its own.

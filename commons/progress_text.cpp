@@ -11,11 +11,11 @@ namespace {
 /// The agent writes its status as it likes; a longer one is none that a line could show.
 constexpr off_t LARGEST_DOCUMENT_BYTES = 1 << 20;
 
-std::string attributeOf(const tXmlDtmDocument& document, xmlNodePtr node, const char* name) {
+std::string attributeOf(const tXmlDtmDocument& document, XmlNodeRef node, const char* name) {
   return document.findAttribute(node, name).value_or("");
 }
 
-std::optional<std::int64_t> numberOf(const tXmlDtmDocument& document, xmlNodePtr node,
+std::optional<std::int64_t> numberOf(const tXmlDtmDocument& document, XmlNodeRef node,
                                      const char* name) {
   std::int64_t number = 0;
   const std::string text = attributeOf(document, node, name);
@@ -72,9 +72,9 @@ std::string describeTransfer(const TransferFigures& figures) {
 }
 
 std::string describeTransfer(const tXmlDtmDocument& migrationStatus) {
-  const xmlNodePtr root = xmlDocGetRootElement(migrationStatus.document());
-  const xmlNodePtr transfer = root ? getXmlChild(root, "transfer") : nullptr;
-  const xmlNodePtr files = transfer ? getXmlChild(transfer, "files") : nullptr;
+  const XmlNodeRef root = migrationStatus.rootElement();
+  const XmlNodeRef transfer = root ? getXmlChild(root, "transfer") : XmlNodeRef();
+  const XmlNodeRef files = transfer ? getXmlChild(transfer, "files") : XmlNodeRef();
   if (!files) return "";
   TransferFigures figures;
   figures.filesTotal = numberOf(migrationStatus, files, "total");
@@ -93,14 +93,14 @@ std::string describeTransfer(const tXmlDtmDocument& migrationStatus) {
   const auto speed = numberOf(migrationStatus, transfer, "speed");
   // In the first second there is none.
   if (speed && *speed > 0) figures.rate = speed;
-  if (const xmlNodePtr current = getXmlChild(files, "current-file")) {
+  if (const XmlNodeRef current = getXmlChild(files, "current-file")) {
     figures.file = migrationStatus.getNodeText(current);
   }
   return describeTransfer(figures);
 }
 
 std::string describeDump(const tXmlDtmDocument& dumpingStatus) {
-  const xmlNodePtr root = xmlDocGetRootElement(dumpingStatus.document());
+  const XmlNodeRef root = dumpingStatus.rootElement();
   if (!root) return "";
   std::string line = attributeOf(dumpingStatus, root, "stage");
   const auto done = numberOf(dumpingStatus, root, "done");

@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <libxml/encoding.h>
 #include <libxml/parser.h>
+#include <libxml/xmlIO.h>
 
 #include <climits>
 #include <cstdio>
 #include <cstring>
 
 #include "commons/commons.h"
+#include "commons/libxml.h"
 #include "commons/output_file.h"
 #include "commons/secrets.h"
 #include "commons/utf8.h"
@@ -167,74 +169,80 @@ void tXmlDocument::saveOftenAtomically(const std::string& target) const {
   replacement.commit();
 }
 
+XmlNodeRef tXmlDocument::rootElement() const {
+  return XmlNodeRef(xmlDocGetRootElement(document()));
+}
+
 int tXmlDtmDocument::initFileDoc(const std::string& rootName) {
-  const xmlNodePtr found = xmlDocGetRootElement(document());
+  const XmlNodeRef found = rootElement();
   if (!found) throw Exc<&tError_EmptyDoc>(HERE) % rootName;
-  const std::string foundName = fromXmlChar(found->name);
+  const std::string foundName = found.name();
   if (foundName != rootName) throw Exc<&tError_WrongDoc>(HERE) % rootName % foundName;
   root_ = found;
   return 1;
 }
 
 void tXmlDtmDocument::initNewDoc(const std::string& rootName) {
-  root_ = xmlNewDocNode(document(), nullptr, toXmlChar(rootName), nullptr);
+  root_ = XmlNodeRef(xmlNewDocNode(document(), nullptr, toXmlChar(rootName), nullptr));
   if (!root_) throw Exc<&tError_XmlInternal>(HERE) % "#0002: Can not create new node";
-  xmlDocSetRootElement(document(), root_);
+  xmlDocSetRootElement(document(), root_.get());
 }
 
-xmlNodePtr tXmlDtmDocument::getRootNodeChild(const std::string& name) const {
-  const xmlNodePtr child = getXmlChild(root_, name);
+XmlNodeRef tXmlDtmDocument::getRootNodeChild(const std::string& name) const {
+  const XmlNodeRef child = getXmlChild(root_, name);
   if (child) return child;
   throw Exc<&tError_WrongContent>(HERE) %
-      ("Can not find '" + name + "' element in '" + fromXmlChar(root_->name) + "' element.");
+      ("Can not find '" + name + "' element in '" + root_.name() + "' element.");
 }
 
-xmlNodePtr tXmlDtmDocument::newChild(xmlNodePtr parent, const std::string& name) {
-  return xmlAddChild(parent, xmlNewDocNode(document(), nullptr, toXmlChar(name), nullptr));
+XmlNodeRef tXmlDtmDocument::newChild(XmlNodeRef parent, const std::string& name) {
+  return XmlNodeRef(
+      xmlAddChild(parent.get(), xmlNewDocNode(document(), nullptr, toXmlChar(name), nullptr)));
 }
 
-xmlNodePtr tXmlDtmDocument::newTextChild(xmlNodePtr parent, const std::string& name,
+XmlNodeRef tXmlDtmDocument::newTextChild(XmlNodeRef parent, const std::string& name,
                                          const std::string& text) {
-  return xmlNewTextChild(parent, nullptr, toXmlChar(name), toXmlChar(toXmlSafeText(text)));
+  return XmlNodeRef(
+      xmlNewTextChild(parent.get(), nullptr, toXmlChar(name), toXmlChar(toXmlSafeText(text))));
 }
 
-xmlNodePtr tXmlDtmDocument::newCDataBlock(xmlNodePtr parent, const std::string& text) {
+XmlNodeRef tXmlDtmDocument::newCDataBlock(XmlNodeRef parent, const std::string& text) {
   const std::string safe = toXmlSafeText(text);
-  return xmlAddChild(parent,
-                     xmlNewCDataBlock(document(), toXmlChar(safe), static_cast<int>(safe.size())));
+  return XmlNodeRef(xmlAddChild(
+      parent.get(), xmlNewCDataBlock(document(), toXmlChar(safe), static_cast<int>(safe.size()))));
 }
 
-void tXmlDtmDocument::addAttribute(xmlNodePtr node, const std::string& name,
+void tXmlDtmDocument::addAttribute(XmlNodeRef node, const std::string& name,
                                    const std::string& value) {
-  xmlSetProp(node, toXmlChar(name), toXmlChar(toXmlSafeText(value)));
+  xmlSetProp(node.get(), toXmlChar(name), toXmlChar(toXmlSafeText(value)));
 }
 
-std::string tXmlDtmDocument::getAttribute(xmlNodePtr node, const std::string& name) const {
+std::string tXmlDtmDocument::getAttribute(XmlNodeRef node, const std::string& name) const {
   const std::optional<std::string> value = findAttribute(node, name);
-  if (!value) throw Exc<&NoSuchAttribute>(HERE) % fromXmlChar(node->name) % name;
+  if (!value) throw Exc<&NoSuchAttribute>(HERE) % node.name() % name;
   return *value;
 }
 
-std::optional<std::string> tXmlDtmDocument::findAttribute(xmlNodePtr node,
+std::optional<std::string> tXmlDtmDocument::findAttribute(XmlNodeRef node,
                                                           const std::string& name) const {
-  const XmlText value{xmlGetProp(node, toXmlChar(name))};
+  const XmlText value{xmlGetProp(node.get(), toXmlChar(name))};
   if (!value) return std::nullopt;
   return fromXmlChar(value.get());
 }
 
-std::string tXmlDtmDocument::getNodeText(xmlNodePtr node) const {
-  return fromXmlChar(XmlText{xmlNodeListGetString(document(), node->children, 1)}.get());
+std::string tXmlDtmDocument::getNodeText(XmlNodeRef node) const {
+  return fromXmlChar(XmlText{xmlNodeListGetString(document(), node.get()->children, 1)}.get());
 }
 
 namespace {
 
 /// Writes the element to the file; false when any byte may be missing.
-bool dumpElement(const std::string& fileName, xmlDocPtr document, xmlNodePtr node) {
+bool dumpElement(const std::string& fileName, XmlNodeRef node) {
   const LibxmlErrorCollector complaints;
   std::FILE* file = std::fopen(fileName.c_str(), "we");
   if (!file) return false;
   // xmlElemDump reports nothing; the stream's state does.
-  xmlElemDump(file, document, node);
+  xmlElemDump(file, node.get()->doc, node.get());
   const bool written = std::fflush(file) == 0 && std::ferror(file) == 0;
   return std::fclose(file) == 0 && written;
 }
@@ -244,7 +252,7 @@ bool dumpElement(const std::string& fileName, xmlDocPtr document, xmlNodePtr nod
 void XmlNode::saveToFileAtomically(const std::string& target) const {
   AtomicReplacement replacement(target);
   const std::string& fileName = replacement.temporaryName();
-  if (!dumpElement(fileName, document_.document(), node_)) {
+  if (!dumpElement(fileName, node_)) {
     throw Exc<&tError_SaveFile>(HERE) % fileName;
   }
   replacement.commit();

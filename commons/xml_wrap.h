@@ -1,15 +1,16 @@
 #pragma once
 
-#include <libxml/tree.h>
-#include <libxml/xmlIO.h>
-
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
 
 #include "commons/exceptions.h"
+#include "commons/xml_node.h"
 #include "commons/xml_parse.h"
+
+struct _xmlDoc;
+struct _xmlOutputBuffer;
 
 DECLARE_ERROR_TAG(tError_ParseFile,
                   "The XML file %1% was not parsed successfully with the following errors:\n%2%");
@@ -49,7 +50,7 @@ class tXmlDocument {
   virtual void saveToFile(const char* fileName) const;
   /// Writes to a buffer of libxml2, which frees it. Throws AssertionFailed for a
   /// null buffer, tError_SaveFile.
-  void saveToBuffer(xmlOutputBufferPtr buffer) const;
+  void saveToBuffer(_xmlOutputBuffer* buffer) const;
   void saveToStream(std::ostream& stream) const;
   /// Replaces `target` in one step, for other programs to read: its owner becomes
   /// the service account. Throws what AtomicReplacement and saveToFile throw.
@@ -58,14 +59,20 @@ class tXmlDocument {
   /// AtomicReplacement::CHEAP.
   void saveOftenAtomically(const std::string& target) const;
 
-  xmlDocPtr document() const { return document_.get(); }
+  /// The root element; none in an empty document.
+  XmlNodeRef rootElement() const;
+
+ protected:
+  _xmlDoc* document() const { return document_.get(); }
 
  private:
-  void adopt(xmlDocPtr document);
+  friend class tXPathExpr;
+
+  void adopt(_xmlDoc* document);
   void refuseBomb(const char* fileName) const;
   bool saveToDescriptor(int fd) const;
 
-  std::shared_ptr<xmlDoc> document_;
+  std::shared_ptr<_xmlDoc> document_;
 };
 
 /// A document of one of the program's own formats: a fixed root element, and the
@@ -81,36 +88,37 @@ class tXmlDtmDocument : public tXmlDocument {
   /// Gives a new document its root element.
   void initNewDoc(const std::string& rootName);
 
-  xmlNodePtr root() const { return root_; }
+  XmlNodeRef root() const { return root_; }
   /// Throws tError_WrongContent when the root has no such child.
-  xmlNodePtr getRootNodeChild(const std::string& name) const;
+  XmlNodeRef getRootNodeChild(const std::string& name) const;
 
-  xmlNodePtr newChild(xmlNodePtr parent, const std::string& name);
-  xmlNodePtr newTextChild(xmlNodePtr parent, const std::string& name, const std::string& text);
-  xmlNodePtr newCDataBlock(xmlNodePtr parent, const std::string& text);
+  XmlNodeRef newChild(XmlNodeRef parent, const std::string& name);
+  XmlNodeRef newTextChild(XmlNodeRef parent, const std::string& name, const std::string& text);
+  XmlNodeRef newCDataBlock(XmlNodeRef parent, const std::string& text);
   /// Adds or replaces an attribute.
-  void addAttribute(xmlNodePtr node, const std::string& name, const std::string& value);
+  void addAttribute(XmlNodeRef node, const std::string& name, const std::string& value);
   /// Throws NoSuchAttribute; an empty value is a value.
-  std::string getAttribute(xmlNodePtr node, const std::string& name) const;
+  std::string getAttribute(XmlNodeRef node, const std::string& name) const;
   /// Nothing when the node does not have it; an empty value is a value.
-  std::optional<std::string> findAttribute(xmlNodePtr node, const std::string& name) const;
+  std::optional<std::string> findAttribute(XmlNodeRef node, const std::string& name) const;
   /// The node's text; empty when there is none.
-  std::string getNodeText(xmlNodePtr node) const;
+  std::string getNodeText(XmlNodeRef node) const;
 
  private:
-  xmlNodePtr root_ = nullptr;
+  XmlNodeRef root_;
 };
 
 /// One element of a document with its subtree.
 class XmlNode {
  public:
-  XmlNode(const tXmlDocument& document, xmlNodePtr node) : document_(document), node_(node) {}
+  XmlNode(const tXmlDocument& document, XmlNodeRef node) : document_(document), node_(node) {}
 
   /// Writes the element as a file of its own, replaced in one step as
   /// tXmlDocument::saveToFileAtomically does.
   void saveToFileAtomically(const std::string& target) const;
 
  private:
+  /// Keeps the node alive.
   tXmlDocument document_;
-  xmlNodePtr node_;
+  XmlNodeRef node_;
 };

@@ -1,7 +1,6 @@
 #include "migrate/documents.h"
 
 #include <fcntl.h>
-#include <libxml/xmlreader.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -9,11 +8,11 @@
 #include <boost/algorithm/string/trim_all.hpp>
 #include <cerrno>
 #include <functional>
-#include <memory>
 
 #include "commons/progress_text.h"
 #include "commons/unique_fd.h"
 #include "commons/xml_parse.h"
+#include "commons/xml_stream.h"
 
 namespace migrate {
 
@@ -26,23 +25,11 @@ const char* const DUMP = "/dump.xml";
 /// Parses in a few seconds; a larger document is not read.
 constexpr off_t LARGEST_COUNTED_BYTES = 256 << 20;
 
-xmlNodePtr firstNode(const tXmlDtmDocument& document, const char* expression) {
-  const tXPathExpr found(document.document(), expression);
-  const xmlNodeSetPtr nodes = found.getNodeSet();
-  return nodes && nodes->nodeNr > 0 ? nodes->nodeTab[0] : nullptr;
-}
-
-/// The reader of an open file, which stays the caller's; null when there can be none.
-std::unique_ptr<xmlTextReader, void (*)(xmlTextReaderPtr)> readerOf(const UniqueFd& file) {
-  constexpr int OPTIONS = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
-  return {xmlReaderForFd(file.get(), nullptr, nullptr, OPTIONS), xmlFreeTextReader};
-}
-
 enum ReadResult { COMPLETE, MISSING, NOT_READABLE };
 
 /// Calls `visit` at each element of a document, as long as it is.
 ReadResult forEachElement(const std::string& path,
-                          const std::function<void(xmlTextReaderPtr)>& visit) {
+                          const std::function<void(const XmlStreamElement&)>& visit) {
   const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file) return errno == ENOENT ? MISSING : NOT_READABLE;
   struct stat status {};
@@ -50,26 +37,7 @@ ReadResult forEachElement(const std::string& path,
       status.st_size > LARGEST_COUNTED_BYTES) {
     return NOT_READABLE;
   }
-  const auto reader = readerOf(file);
-  int found = reader ? xmlTextReaderRead(reader.get()) : -1;
-  for (; found == 1; found = xmlTextReaderRead(reader.get())) {
-    if (xmlTextReaderNodeType(reader.get()) == XML_READER_TYPE_ELEMENT) visit(reader.get());
-  }
-  return found == 0 ? COMPLETE : NOT_READABLE;
-}
-
-bool isAt(xmlTextReaderPtr reader, int depth, const char* name) {
-  return xmlTextReaderDepth(reader) == depth && fromXmlChar(xmlTextReaderConstName(reader)) == name;
-}
-
-/// True at <execution-result><message>.
-bool isAtMessage(xmlTextReaderPtr reader) {
-  return isAt(reader, 1, "message");
-}
-
-std::string attributeAt(xmlTextReaderPtr reader, const char* name) {
-  const XmlText value(xmlTextReaderGetAttribute(reader, toXmlChar(name)));
-  return fromXmlChar(value.get());
+  return forEachXmlElement(file.get(), visit) ? COMPLETE : NOT_READABLE;
 }
 
 /// Text of another host, as one line.
@@ -79,23 +47,22 @@ std::string oneLine(std::string text) {
   return text;
 }
 
-std::string errorAt(xmlTextReaderPtr reader) {
-  const XmlText text(xmlTextReaderReadString(reader));
-  const std::string object = attributeAt(reader, "object");
-  return oneLine((object.empty() ? "" : object + ": ") + fromXmlChar(text.get()));
+std::string errorIn(const XmlStreamElement& problem) {
+  const std::string object = problem.attribute("object");
+  return oneLine((object.empty() ? "" : object + ": ") + problem.text());
 }
 
 /// Notes <dump><problems><problem severity="...">.
-void noteProblem(xmlTextReaderPtr reader, DumpProblems& problems) {
-  if (isAt(reader, 1, "problems")) problems.standing = DumpProblems::COUNTED;
-  if (!isAt(reader, 2, "problem")) return;
-  const std::string severity = attributeAt(reader, "severity");
+void noteProblem(const XmlStreamElement& element, DumpProblems& problems) {
+  if (element.isAt(1, "problems")) problems.standing = DumpProblems::COUNTED;
+  if (!element.isAt(2, "problem")) return;
+  const std::string severity = element.attribute("severity");
   if (severity == "warning") ++problems.warnings;
   if (severity == "info") ++problems.notes;
   if (severity != "error") return;
   ++problems.errors;
   if (problems.firstErrors.size() < DumpProblems::MOST_SHOWN) {
-    problems.firstErrors.push_back(errorAt(reader));
+    problems.firstErrors.push_back(errorIn(element));
   }
 }
 
@@ -113,9 +80,11 @@ std::vector<std::string> readCauses(const std::string& session, Step step) {
   std::vector<std::string> causes;
   const auto document = readDocument(session + "/" + resultLogOf(step), "");
   if (!document) return causes;
-  xmlNodePtr message = firstNode(*document, "/execution-result/message[last()]");
+  const std::vector<XmlNodeRef> last =
+      tXPathExpr(*document, "/execution-result/message[last()]").getNodeSet();
+  XmlNodeRef message = last.empty() ? XmlNodeRef() : last.front();
   while (message) {
-    if (const xmlNodePtr text = getXmlChild(message, "description")) {
+    if (const XmlNodeRef text = getXmlChild(message, "description")) {
       causes.push_back(document->getNodeText(text));
     }
     message = getXmlChild(message, "message");
@@ -125,8 +94,9 @@ std::vector<std::string> readCauses(const std::string& session, Step step) {
 
 int countProblems(const std::string& session, Step step) {
   int count = 0;
-  forEachElement(session + "/" + resultLogOf(step), [&](xmlTextReaderPtr reader) {
-    if (isAtMessage(reader)) ++count;
+  forEachElement(session + "/" + resultLogOf(step), [&](const XmlStreamElement& element) {
+    // <execution-result><message>
+    if (element.isAt(1, "message")) ++count;
   });
   return count;
 }
@@ -143,8 +113,9 @@ std::string DumpProblems::summary() const {
 
 DumpProblems readDumpProblems(const std::string& session) {
   DumpProblems problems;
-  const ReadResult result = forEachElement(
-      dumpFileIn(session), [&](xmlTextReaderPtr reader) { noteProblem(reader, problems); });
+  const ReadResult result =
+      forEachElement(dumpFileIn(session),
+                     [&](const XmlStreamElement& element) { noteProblem(element, problems); });
   if (result == NOT_READABLE) problems.standing = DumpProblems::UNREADABLE;
   return problems;
 }

@@ -36,7 +36,7 @@ void EarlierDump::note(const std::string& status, Clock::time_point now) {
 bool EarlierDump::saysItsEnd() const {
   try {
     const tXmlDtmDocument document(status_);
-    const xmlNodePtr root = xmlDocGetRootElement(document.document());
+    const XmlNodeRef root = document.rootElement();
     const std::string stage = root ? document.getAttribute(root, "stage") : "";
     return stage == "finished" || stage == "failed";
   } catch (const ExTraceable&) {

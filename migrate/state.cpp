@@ -64,7 +64,7 @@ Progress progressNamed(const std::string& name) {
   return ALL_PROGRESS[static_cast<std::size_t>(found - PROGRESS_NAMES.begin())];
 }
 
-StepRecord readRecord(const tXmlDtmDocument& document, xmlNodePtr node) {
+StepRecord readRecord(const tXmlDtmDocument& document, XmlNodeRef node) {
   StepRecord record;
   record.progress = progressNamed(document.getAttribute(node, "state"));
   record.started = document.findAttribute(node, "started").value_or("");
@@ -76,7 +76,7 @@ StepRecord readRecord(const tXmlDtmDocument& document, xmlNodePtr node) {
 }
 
 void writeRecord(tXmlDtmDocument& document, Step step, const StepRecord& record) {
-  const xmlNodePtr node = document.newTextChild(document.root(), "step", record.reason);
+  const XmlNodeRef node = document.newTextChild(document.root(), "step", record.reason);
   document.addAttribute(node, "name", nameOf(step));
   document.addAttribute(node, "state", nameOf(record.progress));
   if (!record.started.empty()) document.addAttribute(node, "started", record.started);
@@ -146,9 +146,9 @@ State State::load(const std::string& session) {
     if (document.getAttribute(document.root(), "version") != VERSION) fail("unknown version");
     State state;
     state.agentFolder_ = document.getAttribute(document.root(), "agent-folder");
-    for (const xmlNodePtr node : xmlElementsOf(document.root())) {
+    for (const XmlNodeRef node : document.root().elements()) {
       const std::string name = document.getAttribute(node, "name");
-      if (fromXmlChar(node->name) == "setting") {
+      if (node.name() == "setting") {
         state.settings.set(name, document.getNodeText(node));
       } else if (const auto step = stepNamed(name)) {
         state.of(*step) = readRecord(document, node);
@@ -168,7 +168,7 @@ void State::save(const std::string& session) const {
   document.addAttribute(document.root(), "version", VERSION);
   document.addAttribute(document.root(), "agent-folder", agentFolder_);
   for (const auto& [name, value] : settings.values()) {
-    const xmlNodePtr node = document.newTextChild(document.root(), "setting", value);
+    const XmlNodeRef node = document.newTextChild(document.root(), "setting", value);
     document.addAttribute(node, "name", name);
   }
   for (const Step step : ALL_STEPS) {

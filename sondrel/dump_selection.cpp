@@ -16,24 +16,19 @@ class tSondrelXmlDocument : public tXmlDocument {
 
   /// Appends the non-empty contents of the matching nodes to `list`.
   void appendNames(const std::string& expression, std::string& list) const {
-    const tXPathExpr names(document(), expression);
-    const xmlNodeSetPtr nodes = names.getNodeSet();
-    if (!nodes || nodes->nodeNr == 0) return;
+    const tXPathExpr names(*this, expression);
+    if (names.getNodeSet().empty()) return;
     tPeriodSeparatedListOperator append(list);
     foreach_xmlnode(names, append, reportXmlError);
   }
 
   /// The content of the first matching node; empty when there is none.
   std::string stringValue(const std::string& expression) const {
-    const tXPathExpr value(document(), expression);
-    const xmlNodeSetPtr nodes = value.getNodeSet();
-    if (!nodes || nodes->nodeNr == 0) return {};
-    return fromXmlChar(XmlText{xmlNodeGetContent(value.getNode())}.get());
+    const tXPathExpr value(*this, expression);
+    return value.getNodeSet().empty() ? "" : value.getNode().content();
   }
 
-  bool matches(const std::string& expression) const {
-    return testXPathExpr(document(), expression);
-  }
+  bool matches(const std::string& expression) const { return testXPathExpr(*this, expression); }
 };
 
 void appendNames(const std::string& names, std::string& list) {
@@ -64,11 +59,11 @@ class NameLists {
 
 }  // namespace
 
-void tPeriodSeparatedListOperator::operator()(xmlNodePtr node) {
-  const XmlText content{xmlNodeGetContent(node)};
-  if (!is_xml_attr_set(content)) return;
+void tPeriodSeparatedListOperator::operator()(XmlNodeRef node) {
+  const std::string content = node.content();
+  if (content.empty()) return;
   if (count_ > 0) list_ += ",";
-  list_ += fromXmlChar(content.get());
+  list_ += content;
   ++count_;
 }
 

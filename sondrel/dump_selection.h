@@ -14,7 +14,7 @@ class tPeriodSeparatedListOperator : public tXmlOperator {
  public:
   /// Appends to `list`, which must outlive the operator.
   explicit tPeriodSeparatedListOperator(std::string& list) : list_(list) {}
-  void operator()(xmlNodePtr node) override;
+  void operator()(XmlNodeRef node) override;
 
  private:
   std::string& list_;

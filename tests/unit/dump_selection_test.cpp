@@ -256,13 +256,11 @@ TEST(DumpOptionsTest, UnusableFileLeavesArgumentsAndInputAlone) {
 }
 
 TEST(PeriodSeparatedListOperatorTest, PutsACommaBetweenNodesAndNoneAheadOfTheFirst) {
-  const std::string text = "<x><a>1</a><a/><a>2</a></x>";
-  const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(
-      xmlParseMemory(text.data(), static_cast<int>(text.size())), xmlFreeDoc);
+  const tXmlDocument document(std::string("<x><a>1</a><a/><a>2</a></x>"));
   // What the list holds already is not separated: the operator counts its own nodes.
   std::string list = "0";
   tPeriodSeparatedListOperator append(list);
-  for (xmlNodePtr node = xmlDocGetRootElement(document.get())->children; node; node = node->next) {
+  for (const XmlNodeRef node : document.rootElement().children()) {
     append(node);
   }
   EXPECT_EQ(list, "01,2");

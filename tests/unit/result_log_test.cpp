@@ -175,10 +175,10 @@ TEST_F(ResultLogTest, HoldsTextOfAnyBytes) {
   });
   tXmlDtmDocument document(resultFile().c_str());
   document.initFileDoc("execution-result");
-  const xmlNodePtr object = document.getRootNodeChild("object");
+  const XmlNodeRef object = document.getRootNodeChild("object");
   EXPECT_EQ(document.getAttribute(object, "name"), "a\xEF\xBF\xBD");
   EXPECT_EQ(document.getAttribute(object, "type"), "b\xEF\xBF\xBD");
-  EXPECT_EQ(document.getNodeText(tXPathExpr(document.document(), "//description").getNode()),
+  EXPECT_EQ(document.getNodeText(tXPathExpr(document, "//description").getNode()),
             "failed: \xEF\xBF\xBD[31m\xEF\xBF\xBD");
 }
 

@@ -1,3 +1,4 @@
+#include <libxml/xmlIO.h>
 #include <libxml/xmlerror.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -185,7 +186,7 @@ TEST(LibxmlErrorCollectorTest, GivesTheErrorFunctionBackAlsoAfterAFailure) {
   xmlSetGenericErrorFunc(&mine, libxmlErrorHandler);
   EXPECT_THROW(tXmlDocument(std::string("<root>")), Exc<&tError_ParseFile>);
   EXPECT_THROW(tXmlDocument().saveToFile("/mnt/missing/file"), Exc<&tError_SaveFile>);
-  testXPathExpr(tXmlDocument(std::string("<root/>")).document(), "//[");
+  testXPathExpr(tXmlDocument(std::string("<root/>")), "//[");
   EXPECT_EQ(xmlGenericError, libxmlErrorHandler);
   EXPECT_EQ(xmlGenericErrorContext, &mine);
   EXPECT_EQ(mine, "");
@@ -234,7 +235,7 @@ TEST(XmlDtmDocumentTest, FindsTheFirstChildOfTheRootByName) {
 TEST(XmlDtmDocumentTest, BuildsNodesAndAttributes) {
   tXmlDtmDocument document;
   document.initNewDoc("root");
-  const xmlNodePtr empty = document.newChild(document.root(), "empty");
+  const XmlNodeRef empty = document.newChild(document.root(), "empty");
   document.addAttribute(empty, "b", "old");
   document.addAttribute(empty, "a", "<\"&'>");
   document.addAttribute(empty, "b", "new");
@@ -264,7 +265,7 @@ TEST(XmlDtmDocumentTest, ReadsTheTextOfANode) {
                   "<a><![CDATA[<raw>]]> and text</a><a> kept \n </a><a></a><a/></root>"));
   document.initFileDoc("root");
   std::vector<std::string> texts;
-  for (xmlNodePtr node = document.root()->children; node; node = node->next) {
+  for (const XmlNodeRef node : document.root().children()) {
     texts.push_back(document.getNodeText(node));
   }
   EXPECT_THAT(
@@ -446,7 +447,7 @@ TEST(XmlDocumentTest, SaysWhatCouldNotBeMadeWithoutMemory) {
             "#0001: Can not create new XML document.");
   EXPECT_EQ(whatOf<Exc<&tError_XmlInternal>>([&] { document.initNewDoc("root"); }),
             "#0002: Can not create new node");
-  EXPECT_EQ(whatOf<Exc<&AssertionFailed>>([&] { tXPathExpr(document.document(), "/"); }),
+  EXPECT_EQ(whatOf<Exc<&AssertionFailed>>([&] { tXPathExpr(document, "/"); }),
             "Assertion failed: xpathCtx_.get() != NULL");
   EXPECT_EQ(whatOf<Exc<&AssertionFailed>>([&] { document.saveToStream(std::cerr); }),
             "Assertion failed: buffer != 0");

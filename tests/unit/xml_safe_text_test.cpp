@@ -82,19 +82,20 @@ TEST(XmlSafeTextTest, IsWhatAParserReadsBackFromASavedDocument) {
 
   tXmlDtmDocument read((dir / "file").c_str());
   read.initFileDoc("root");
-  xmlNodePtr node = read.root()->children;
+  const std::vector<XmlNodeRef> nodes = read.root().children();
+  auto node = nodes.begin();
   for (const std::string& text : texts) {
     SCOPED_TRACE(testing::PrintToString(text));
-    ASSERT_NE(node, nullptr);
-    EXPECT_EQ(read.getNodeText(node), toXmlSafeText(text));
-    EXPECT_EQ(read.getAttribute(node, "a"), toXmlSafeText(text));
-    node = node->next;
+    ASSERT_NE(node, nodes.end());
+    EXPECT_EQ(read.getNodeText(*node), toXmlSafeText(text));
+    EXPECT_EQ(read.getAttribute(*node, "a"), toXmlSafeText(text));
+    ++node;
     if (text.empty()) continue;
     // A parser turns the line ends of a literal section into line feeds.
     if (text.find('\r') == std::string::npos) {
-      EXPECT_EQ(read.getNodeText(node), toXmlSafeText(text));
+      EXPECT_EQ(read.getNodeText(*node), toXmlSafeText(text));
     }
-    node = node->next;
+    ++node;
   }
-  EXPECT_EQ(node, nullptr);
+  EXPECT_EQ(node, nodes.end());
 }

@@ -1,5 +1,6 @@
 #include <optional>
 
+#include "commons/libxml.h"
 #include "commons/xml_parse.h"
 #include "commons/xml_wrap.h"
 #include "support.h"
@@ -13,16 +14,16 @@ class XPathTest : public testing::Test {
  protected:
   XPathTest() { document_.initFileDoc("root"); }
 
-  tXPathExpr expr(const std::string& text, xmlNodePtr context = nullptr) const {
-    return tXPathExpr(document_.document(), text, context);
+  tXPathExpr expr(const std::string& text, XmlNodeRef context = {}) const {
+    return tXPathExpr(document_, text, context);
   }
-  std::string nameOf(xmlNodePtr node) const { return document_.getAttribute(node, "name"); }
+  std::string nameOf(XmlNodeRef node) const { return document_.getAttribute(node, "name"); }
 
   tXmlDtmDocument document_{std::string(
       "<root><!-- comment -->text<reseller name='r1'><domain name='d1'/><domain "
       "name='d2'/></reseller>"
       "<reseller name='r2'><domain name='d3'/></reseller><reseller name='r3'/></root>")};
-  xmlNodePtr secondReseller() const { return expr("/root/reseller[2]").getNode(); }
+  XmlNodeRef secondReseller() const { return expr("/root/reseller[2]").getNode(); }
 };
 
 /// Notes the names of the nodes; fails on one of them.
@@ -31,8 +32,8 @@ class NotingOperator : public tXmlOperator {
   enum Failure { NONE, OWN, FOREIGN };
   explicit NotingOperator(Failure failure = NONE) : failure_(failure) {}
 
-  void operator()(xmlNodePtr node) override {
-    const XmlText raw{xmlGetProp(node, toXmlChar("name"))};
+  void operator()(XmlNodeRef node) override {
+    const XmlText raw{xmlGetProp(node.get(), toXmlChar("name"))};
     names.push_back(fromXmlChar(raw.get()));
     if (names.back() != "d2") return;
     if (failure_ == OWN) throw Exc<&OperatorError>(HERE) % "d2";
@@ -72,14 +73,14 @@ TEST_F(XPathTest, FindsNodesRelativeToTheContextNode) {
   const tXPathExpr expression = expr("domain", secondReseller());
   EXPECT_EQ(nameOf(expression.getNode()), "d3");
   EXPECT_EQ(expression.getXmlNode(), secondReseller());
-  EXPECT_EQ(expr("//domain").getXmlNode(), nullptr);
+  EXPECT_EQ(expr("//domain").getXmlNode(), XmlNodeRef());
   EXPECT_EQ(nameOf(expr("//domain", secondReseller()).getNode()), "d1");
 }
 
 TEST_F(XPathTest, GivesTheWholeNodeSet) {
-  const tXPathExpr expression = expr("//domain");
-  ASSERT_NE(expression.getNodeSet(), nullptr);
-  EXPECT_EQ(expression.getNodeSet()->nodeNr, 3);
+  std::vector<std::string> names;
+  for (const XmlNodeRef node : expr("//domain").getNodeSet()) names.push_back(nameOf(node));
+  EXPECT_THAT(names, testing::ElementsAre("d1", "d2", "d3"));
 }
 
 TEST_F(XPathTest, RefusesNodesOfAResultThatHasNone) {
@@ -128,7 +129,8 @@ TEST_F(XPathTest, ReportsAnExpressionThatCannotBeEvaluatedWithoutAWordOnTheConso
     EXPECT_EQ(foreach_xmlnode(expression, notes, noteError), 0);
     EXPECT_THAT(absorbed, testing::ElementsAre(
                               "tError_XmlInternal: Can not evaluate XPath expression: " + text));
-    EXPECT_EQ(expression.getNodeSet(), nullptr);
+    EXPECT_FALSE(expression.isEvaluated());
+    EXPECT_THAT(expression.getNodeSet(), testing::IsEmpty());
     EXPECT_EQ(whatOf<Exc<&tError_XPath_CantEvaluate>>([&] { expression.getNode(); }),
               NO_RESULT + text + "'");
   }
@@ -172,11 +174,11 @@ TEST_F(XPathTest, GivesTheResultAsABoolean) {
                                                   {"3", true}};
   for (const auto& [text, result] : results) {
     SCOPED_TRACE(text);
-    EXPECT_EQ(testXPathExpr(document_.document(), text), result);
+    EXPECT_EQ(testXPathExpr(document_, text), result);
     EXPECT_EQ(expr(text).toBool(), result);
   }
-  EXPECT_TRUE(testXPathExpr(document_.document(), "@name = 'r2'", secondReseller()));
-  EXPECT_FALSE(testXPathExpr(document_.document(), "@name = 'r1'", secondReseller()));
+  EXPECT_TRUE(testXPathExpr(document_, "@name = 'r2'", secondReseller()));
+  EXPECT_FALSE(testXPathExpr(document_, "@name = 'r1'", secondReseller()));
 }
 
 TEST_F(XPathTest, SharesItsResultWithItsCopies) {
@@ -189,13 +191,13 @@ TEST_F(XPathTest, SharesItsResultWithItsCopies) {
 }
 
 TEST_F(XPathTest, FindsChildrenByNameWhateverTheirKind) {
-  const xmlNodePtr root = document_.root();
+  const XmlNodeRef root = document_.root();
   EXPECT_EQ(nameOf(getXmlChild(root, "reseller")), "r1");
-  EXPECT_EQ(getXmlChild(root, "text")->type, XML_TEXT_NODE);
-  EXPECT_EQ(getXmlChild(root, "comment")->type, XML_COMMENT_NODE);
-  EXPECT_EQ(getXmlChild(root, "domain"), nullptr);
-  EXPECT_EQ(getXmlChild(root, "Reseller"), nullptr);
-  EXPECT_EQ(whatOf<Exc<&AssertionFailed>>([] { getXmlChild(nullptr, "x"); }),
+  EXPECT_EQ(getXmlChild(root, "text").get()->type, XML_TEXT_NODE);
+  EXPECT_EQ(getXmlChild(root, "comment").get()->type, XML_COMMENT_NODE);
+  EXPECT_EQ(getXmlChild(root, "domain"), XmlNodeRef());
+  EXPECT_EQ(getXmlChild(root, "Reseller"), XmlNodeRef());
+  EXPECT_EQ(whatOf<Exc<&AssertionFailed>>([] { getXmlChild({}, "x"); }),
             "Assertion failed: node != NULL");
 }
 
