@@ -8,18 +8,17 @@ from __future__ import annotations
 import contextlib
 import dataclasses
 import errno
-import fcntl
 import hashlib
 import io
 import os
 import stat
-import subprocess
 import tarfile
+import zlib
 from collections.abc import Callable, Iterable, Iterator, Sequence
 from pathlib import Path
 from typing import IO
 
-from sondrel_restore.host import PATH
+from sondrel_restore.inflating import Inflated
 from sondrel_restore.kind import RestoreError
 
 # Of what describes one member: names, attributes, where the holes of a file are.
@@ -281,7 +280,7 @@ class _Stream:
         self._header_left = _LARGEST_HEADER
 
 
-def _members(file: IO[bytes], path: Path) -> Iterator[tuple[Member, Contents]]:
+def _members(file: io.FileIO, path: Path) -> Iterator[tuple[Member, Contents]]:
     with _unpacked(file, path) as plain:
         stream = _Stream(plain, path)
         try:
@@ -298,7 +297,7 @@ def _members(file: IO[bytes], path: Path) -> Iterator[tuple[Member, Contents]]:
                     yield member, Contents(stream, _stored(member))
         except (tarfile.TarError, ValueError, EOFError) as error:
             raise RestoreError(f"{path} is damaged: {error}") from error
-        # What follows the end mark is read too: gzip finds out by its sum whether all was right.
+        # What follows the end mark is read too: the sum of gzip tells whether all was right.
         while plain.read(_CHUNK):
             pass
 
@@ -309,25 +308,13 @@ def _stored(member: Member) -> int:
 
 
 @contextlib.contextmanager
-def _unpacked(file: IO[bytes], path: Path) -> Iterator[IO[bytes]]:
-    if path.suffix != ".gz":
-        with open(os.dup(file.fileno()), "rb", buffering=_CHUNK) as plain:
-            yield plain
-        return
-    with subprocess.Popen(["gzip", "-dc"], stdin=file, stdout=subprocess.PIPE, stderr=subprocess.PIPE, cwd="/",
-                          env={"PATH": PATH, "LC_ALL": "C"}, bufsize=_CHUNK) as gzip:
-        assert gzip.stdout is not None and gzip.stderr is not None
-        with contextlib.suppress(OSError):
-            # It is only quicker.
-            fcntl.fcntl(gzip.stdout.fileno(), fcntl.F_SETPIPE_SZ, _CHUNK)
+def _unpacked(file: io.FileIO, path: Path) -> Iterator[IO[bytes]]:
+    raw = Inflated(file) if path.suffix == ".gz" else open(os.dup(file.fileno()), "rb", buffering=0)
+    with io.BufferedReader(raw, _CHUNK) as plain:
         try:
-            yield gzip.stdout
-        except BaseException:
-            gzip.kill()
-            raise
-        said = gzip.stderr.read(1000).decode("utf-8", "replace").strip()
-        if gzip.wait() != 0:
-            raise RestoreError(f"{path} is damaged: {said}")
+            yield plain
+        except (zlib.error, EOFError) as error:
+            raise RestoreError(f"{path} is damaged: {error}") from error
 
 
 _KINDS: tuple[tuple[str, Callable[[tarfile.TarInfo], bool]], ...] = (
