@@ -6,7 +6,6 @@ import dataclasses
 import hashlib
 import json
 import os
-import re
 import secrets
 import selectors
 import subprocess
@@ -128,12 +127,6 @@ def _grant(element: Element) -> Grant:
     return Grant(element.get("to"), element.get("host", ""), element.get("on"), element.get("object"),
                  element.get("column", ""), element.get("grantable") == "yes",
                  tuple(right.text or "" for right in element.iterfind("right")))
-
-
-def older(here: str, there: str) -> bool:
-    """Whether the version of a server here is older than that of the one there, by its first two numbers."""
-    ours, theirs = (tuple(map(int, re.findall(r"\d+", version)[:2])) for version in (here, there))
-    return bool(ours) and bool(theirs) and ours < theirs
 
 
 def some(texts: Sequence[str]) -> str:

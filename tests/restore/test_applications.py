@@ -27,8 +27,8 @@ def install(name="sample-wiki", section="web", files=None):
             file.write(content)
     os.makedirs(f"{tree}/DEBIAN")
     with open(f"{tree}/DEBIAN/control", "w", encoding="ascii") as file:
-        file.write(f"Package: {name}\nVersion: 1\nArchitecture: all\nSection: {section}\nMaintainer: x <x@y.test>\n"
-                   "Description: a sample\n")
+        file.write(f"Package: {name}\nVersion: 1:2.1-1\nArchitecture: all\nSection: {section}\n"
+                   "Maintainer: x <x@y.test>\nDescription: a sample\n")
     with open(f"{tree}/DEBIAN/conffiles", "w", encoding="ascii") as file:
         file.write(f"{SETTINGS}/main.php\n")
     subprocess.run(["dpkg-deb", "--build", "--root-owner-group", tree, f"{tree}.deb"], check=True, capture_output=True)
@@ -54,8 +54,8 @@ def add_wiki(session, archive=None, package="sample-wiki", directories=(SETTINGS
         f'<unassigned><domain name="wiki.test"><name>wiki.test</name><site server="nginx" '
         f'root="/usr/share/sample-wiki" owner="root" group="root"><listen address="*" port="80" tls="0"/>'
         f'<root>/usr/share/sample-wiki</root>'
-        f'<package name="{package}" version="1" architecture="all" manager="dpkg" because="/usr/share/sample-wiki" '
-        f'changed="0">{named}</package>{"".join(f"<packed>{each}</packed>" for each in directories)}'
+        f'<package name="{package}" version="1:1.9-3" architecture="all" manager="dpkg" '
+        f'because="/usr/share/sample-wiki" changed="0">{named}</package>{"".join(f"<packed>{each}</packed>" for each in directories)}'
         f'</site>{content}</domain></unassigned>')
 
 
@@ -74,7 +74,8 @@ def test_is_put_in_place_with_its_password_closed(session):
     add_wiki(session)
     before = destination.snapshot(SETTINGS)
     assert "application:sample-wiki: its settings and files" in session.run("plan", check=0).stdout
-    session.run("apply", check=0)
+    applied = session.run("apply", check=0).stdout
+    assert "sample-wiki: it is 1:2.1-1 here, newer than there (1:1.9-3)" in applied and "update its database" in applied
     assert read(f"{SETTINGS}/main.php") == PASSWORD
     assert owners(f"{SETTINGS}/main.php") == (0, WEB_GID, 0o640)
     assert read(f"{STATE}/data/first.txt") == b"changed there\n"

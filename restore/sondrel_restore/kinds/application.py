@@ -24,6 +24,7 @@ from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, RestoreError,
 from sondrel_restore.packages import installed_packages
 from sondrel_restore.restore import Restore
 from sondrel_restore.unpacking import Owners, remove_unpacked, unpack, verify_unpacked
+from sondrel_restore.versions import older
 
 _WEB_ACCOUNT = "www-data"
 # What is read as data or run as the web servers' account. Others are for web servers, cron or shells.
@@ -38,6 +39,8 @@ class _Application:
     """A package that sites of the description are from, with the archives of these."""
 
     package: str
+    # Of the source host.
+    version: str = ""
     contents: dict[str, Element] = dataclasses.field(default_factory=dict)
     directories: list[str] = dataclasses.field(default_factory=list)
     domains: set[str] = dataclasses.field(default_factory=set)
@@ -115,6 +118,10 @@ class ApplicationKind(Kind):
         if roots:
             facts = unpack(restore, item.identifier, _archives(restore, application), roots, _WEB_ACCOUNT,
                            takes=_why_not_in_state, overwrites=item.state is State.MAKE)
+        version = installed_packages(restore).get(application.package, "")
+        if older(application.version, version):
+            restore.name(item.identifier, f"it is {version} here, newer than there ({application.version}): it may "
+                         "have to update its database, as its pages or its README.Debian say, before it works")
         return {**facts, "source": application.source(here), "settings": settings}
 
     def _take_settings(self, restore: Restore, identifier: str, application: _Application,
@@ -178,7 +185,8 @@ def _applications(restore: Restore) -> list[_Application]:
         for package in domain.element.iterfind("site/package"):
             if package.get("manager") != "dpkg":
                 continue
-            each = found.setdefault(package.get("name"), _Application(package.get("name")))
+            each = found.setdefault(package.get("name"), _Application(
+                package.get("name"), package.get("version", "")))
             each.contents.update((content.get("file"), content) for content in restore.description.contents(
                 domain.element))
             each.directories += [element.text or "" for element in package.iterfind("directory")]

@@ -11,7 +11,7 @@ from typing import ClassVar
 
 from sondrel_restore.database_kind import (DatabaseKind, compared_rows, database_of, left_as_changed,
                                            left_out_statements, state_of_made)
-from sondrel_restore.databases import LOADER, Database, Grant, User, databases, older, some
+from sondrel_restore.databases import LOADER, Database, Grant, User, databases, some
 from sondrel_restore.hostfiles import open_directory
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Left, Missing, RestoreError, State
@@ -19,6 +19,7 @@ from sondrel_restore.mysql_definers import settle_definers
 from sondrel_restore.mysql_dump import Login, MySqlDump
 from sondrel_restore.mysql_server import OF_SERVER, SYSTEM_DATABASES, MySqlServer, connect, identifier, pattern
 from sondrel_restore.restore import Restore
+from sondrel_restore.versions import older
 
 _DATABASE_RIGHTS = frozenset((
     "SELECT", "INSERT", "UPDATE", "DELETE", "CREATE", "DROP", "REFERENCES", "INDEX", "ALTER", "CREATE TEMPORARY TABLES",

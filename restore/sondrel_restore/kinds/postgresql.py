@@ -10,13 +10,14 @@ from typing import ClassVar
 
 from sondrel_restore.database_kind import (DatabaseKind, compared_rows, database_of, left_as_changed,
                                            left_out_statements, state_of_made)
-from sondrel_restore.databases import LOADER, Database, Grant, User, databases, older, some
+from sondrel_restore.databases import LOADER, Database, Grant, User, databases, some
 from sondrel_restore.host import Host
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Left, Missing, RestoreError, State
 from sondrel_restore.postgresql_dump import PostgreSqlDump, Role
 from sondrel_restore.postgresql_server import OF_SERVER, OWN, PostgreSqlServer, identifier, literal
 from sondrel_restore.restore import Restore
+from sondrel_restore.versions import older
 
 _LONGEST_NAME = 63  # bytes
 _OF_TABLE = frozenset(("SELECT", "INSERT", "UPDATE", "DELETE", "TRUNCATE", "REFERENCES", "TRIGGER", "MAINTAIN"))
