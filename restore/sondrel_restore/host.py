@@ -56,19 +56,28 @@ class Host:
         quotes what the program said. After `time_limit` seconds the program and what it started are killed,
         which is a RestoreError too.
         """
-        identity = _identity(account) if account is not None else {}
         source = subprocess.PIPE if input is not None else stdin if stdin is not None else subprocess.DEVNULL
-        try:
-            process = subprocess.Popen(  # pylint: disable=consider-using-with
-                list(argv), stdin=source, stdout=subprocess.PIPE, stderr=subprocess.PIPE, cwd="/",
-                env={"PATH": PATH, "LC_ALL": "C.UTF-8", **(env or {})}, start_new_session=True, umask=0o077,
-                **identity)  # type: ignore[call-overload]
-        except OSError as error:
-            raise RestoreError(f"{argv[0]} could not be started: {error.strerror}") from error
+        process = _started(argv, source, account, env)
         result = _result(process, argv, input, time_limit)
         if check and result.status != 0:
             raise RestoreError(f"{_shown(argv)} ended with {_ending(result.status)}: {_said(result)}")
         return result
+
+    def start(self, argv: Sequence[str], *, account: str | None = None,
+              env: Mapping[str, str] | None = None) -> subprocess.Popen[bytes]:
+        """Starts a program as `run` does, with pipes to all that it reads and writes. The caller ends it."""
+        return _started(argv, subprocess.PIPE, account, env)
+
+
+def _started(argv: Sequence[str], source: IO[bytes] | int, account: str | None,
+             env: Mapping[str, str] | None) -> subprocess.Popen[bytes]:
+    identity = _identity(account) if account is not None else {}
+    try:
+        return subprocess.Popen(  # type: ignore[call-overload, no-any-return]
+            list(argv), stdin=source, stdout=subprocess.PIPE, stderr=subprocess.PIPE, cwd="/",
+            env={"PATH": PATH, "LC_ALL": "C.UTF-8", **(env or {})}, start_new_session=True, umask=0o077, **identity)
+    except OSError as error:
+        raise RestoreError(f"{argv[0]} could not be started: {error.strerror}") from error
 
 
 def _identity(account: str) -> dict[str, object]:

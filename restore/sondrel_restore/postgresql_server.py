@@ -16,6 +16,7 @@ from typing import Any
 from sondrel_restore.databases import LOADER, run_sql
 from sondrel_restore.host import Host
 from sondrel_restore.kind import RestoreError
+from sondrel_restore.postgresql_session import PsqlSession
 
 _ACCOUNT = "postgres"
 _DIRECTORY = "/run/postgresql"
@@ -49,6 +50,7 @@ class PostgreSqlServer:
 
     def __init__(self, host: Host) -> None:
         self._host = host
+        self._sessions: dict[str, PsqlSession] = {}
         programs = sorted(glob.glob("/usr/lib/postgresql/*/bin/psql"), key=lambda path: float(path.split("/")[4]))
         if not programs:
             raise RestoreError("No PostgreSQL client is here")
@@ -65,19 +67,43 @@ class PostgreSqlServer:
         self.version = str(self.ask("SELECT current_setting('server_version') AS version")[0]["version"]).split()[0]
         self.major = int(self.version.split(".")[0])
 
+    def __enter__(self) -> PostgreSqlServer:
+        """At the end no connection to it is left open."""
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.leave()
+
     def script(self, sql: str, database: str = "postgres", *, check: bool = True) -> tuple[str, list[str]]:
-        """Runs SQL of ours: what it prints, and its errors; with `check` the first one is a RestoreError."""
-        result = self._host.run(
-            [self._psql, "-X", "-q", "-A", "-t", "-v", f"ON_ERROR_STOP={int(check)}", "-h", _DIRECTORY,
-             "-p", str(self.port), "-U", _ACCOUNT, "-d", _connection(database), "-f", "-"],
-            input=sql.encode("utf-8", "surrogateescape"), account=_ACCOUNT, check=False, time_limit=_TIME_LIMIT,
-            env={"PGCLIENTENCODING": "UTF8", "PGOPTIONS": _OPTIONS, "PGCONNECT_TIMEOUT": "20",
-                 "PGAPPNAME": "sondrel-restore"})
+        """Runs SQL of ours, which ends with a semicolon: what it prints, and its errors.
+
+        With `check` the first error is a RestoreError, and what follows it is not run.
+        """
+        result = self._session(database).run(sql, stops=check, time_limit=_TIME_LIMIT)
         errors = [re.sub(r"^psql:<stdin>:[0-9]+: ", "", line) for line in result.stderr.splitlines()
                   if re.search(r"(?:ERROR|FATAL): ", line)]
-        if check and (result.status or errors):
+        if result.status and (check or not errors) or check and errors:
             raise RestoreError(f"The database server says: {'; '.join(errors) or result.stderr.strip()}")
         return result.stdout, errors
+
+    def _session(self, database: str) -> PsqlSession:
+        """Besides that with the database "postgres" there is one: a database that is connected cannot be renamed."""
+        session = self._sessions.get(database)
+        if session is not None and session.is_usable():
+            return session
+        for other in set(self._sessions) - ({"postgres"} - {database}):
+            self._sessions.pop(other).close()
+        self._sessions[database] = PsqlSession(
+            self._host, [self._psql, "-X", "-q", "-A", "-t", "-h", _DIRECTORY, "-p", str(self.port), "-U", _ACCOUNT,
+                         "-d", _connection(database), "-f", "-"], account=_ACCOUNT,
+            env={"PGCLIENTENCODING": "UTF8", "PGOPTIONS": _OPTIONS, "PGCONNECT_TIMEOUT": "20",
+                 "PGAPPNAME": "sondrel-restore"})
+        return self._sessions[database]
+
+    def leave(self) -> None:
+        """Ends all connections; the next script makes a new one."""
+        while self._sessions:
+            self._sessions.popitem()[1].close()
 
     def ask(self, query: str, database: str = "postgres") -> list[dict[str, Any]]:
         """The rows that a query gives, by the names of their columns."""
@@ -124,9 +150,10 @@ class PostgreSqlServer:
         found: list[tuple[str, str, int, int]] = []
         for start in range(0, len(tables), _TABLES_AT_ONCE):
             found += [(row["s"], row["t"], row["n"], row["x"]) for row in self.ask(" UNION ALL ".join(
-                f"SELECT {literal(schema)}::text AS s, {literal(table)}::text AS t, count(*) AS n,"
-                " coalesce(sum(xmin::text::bigint), 0) AS x"
-                f" FROM ONLY {identifier(schema)}.{identifier(table)}"
+                f"SELECT {literal(schema)}::text AS s, {literal(table)}::text AS t, coalesce(sum(n), 0) AS n,"
+                # A number for each transaction and not for each row: so it takes a third of the time.
+                " coalesce(sum(n * xmin::text::numeric), 0) AS x FROM (SELECT xmin, count(*) AS n"
+                f" FROM ONLY {identifier(schema)}.{identifier(table)} GROUP BY xmin) AS written"
                 for schema, table in tables[start:start + _TABLES_AT_ONCE]), database)]
         return found
 
@@ -165,7 +192,13 @@ class PostgreSqlServer:
 
     def drop_database(self, name: str) -> None:
         """Removes a database, with the connections to it."""
+        self.leave()
         self.script(f"DROP DATABASE IF EXISTS {identifier(name)} WITH (FORCE);")
+
+    def rename_database(self, name: str, new_name: str) -> None:
+        """Gives a database another name, which none has."""
+        self.leave()
+        self.script(f"ALTER DATABASE {identifier(name)} RENAME TO {identifier(new_name)};")
 
     def load(self, database: str, role: str, login: bytes, statements: Iterable[bytes]) -> list[str]:
         """Runs SQL in a database as the role of `make_loader`, in a program without rights here.
@@ -181,6 +214,8 @@ class PostgreSqlServer:
             yield f"\\restrict {secrets.token_hex(24)}\n".encode()
             yield from statements
 
+        # No connection of an administrator is in the database while its own SQL runs.
+        self.leave()
         client = [self._psql, "-X", "-q", "-A", "-t", "-w", "-v", "ON_ERROR_STOP=0", "-h", "127.0.0.1",
                   "-p", str(self.port), "-U", role, "-d", _connection(database, is_local=False), "-f", "-"]
         messages = run_sql(client, login, {"PGPASSFILE": "{secret}", "PGCONNECT_TIMEOUT": "20"}, restricted())

@@ -125,7 +125,11 @@ def test_makes_a_database_of_postgresql_with_roles_and_rights(session, postgresq
     postgresql.sql(POSTGRESQL)
     server_dumps.dump_all(session)
     postgresql.sql(DROP_POSTGRESQL)
+    connections = "SELECT sum(sessions) FROM pg_stat_database"
+    before = int(told(postgresql, connections))
     done = session.run("apply", check=0)
+    made = int(told(postgresql, connections)) - before
+    assert made <= 12, f"{made} connections for one database, each of them by a program that is started"
     rows = server_dumps.as_shop(postgresql, "SELECT v FROM public.t ORDER BY id")
     assert rows.stdout == "x\\y\n1\nx\\y\n2\nx\\y\n3\n"
     assert told(postgresql, "SELECT f(1)", "shop") == "postgres shop"

@@ -83,6 +83,8 @@ class PostgreSql(DatabaseKind):
         self._about = about
         yield from self.items(wanted, lambda database: (
             otherwise if about is None else _state(restore, about, database)))
+        if about is not None:
+            about.server.leave()
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
         wanted = self.selected(restore)
@@ -102,24 +104,28 @@ class PostgreSql(DatabaseKind):
                               " and restart PostgreSQL")
 
     def apply(self, restore: Restore, item: Item) -> Facts:
-        return _Making(restore, item, _About(self._connected(restore), restore.host)).apply()
+        with self._connected(restore) as server:
+            return _Making(restore, item, _About(server, restore.host)).apply()
 
     def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
         database = database_of(item)
-        server = self._connected(restore)
-        dump = _counts(restore, database)
-        if database.name not in server.databases():
-            yield Finding(item.identifier, "database", False, "it is not here")
-            return
-        here = server.rows(database.name, set(server.tables(database.name)) & set(dump))
-        yield from compared_rows(item.identifier, dump, here, ".".join)
-        lacking = sorted({user.name for user in database.users} - server.roles())
-        if lacking:
-            yield Finding(item.identifier, "roles", False, f"missing here: {some(lacking)}")
-        yield from left_out_statements(restore, item.identifier)
+        with self._connected(restore) as server:
+            dump = _counts(restore, database)
+            if database.name not in server.databases():
+                yield Finding(item.identifier, "database", False, "it is not here")
+                return
+            here = server.rows(database.name, set(server.tables(database.name)) & set(dump))
+            yield from compared_rows(item.identifier, dump, here, ".".join)
+            lacking = sorted({user.name for user in database.users} - server.roles())
+            if lacking:
+                yield Finding(item.identifier, "roles", False, f"missing here: {some(lacking)}")
+            yield from left_out_statements(restore, item.identifier)
 
     def undo(self, restore: Restore, entry: Entry) -> Left | None:
-        server = self._connected(restore)
+        with self._connected(restore) as server:
+            return self._taken_back(restore, entry, server)
+
+    def _taken_back(self, restore: Restore, entry: Entry, server: PostgreSqlServer) -> Left | None:
         _clear_away(server, entry.facts)
         if entry.facts.get("made") and entry.name in server.databases():
             changed = left_as_changed(entry, server.fingerprint)
@@ -485,7 +491,7 @@ class _Making:
         self._server.drop_database(self._database.name)
         # Not before: what was here until now is not this session's.
         self._note({"made": True})
-        self._server.script(f"ALTER DATABASE {identifier(loader)} RENAME TO {identifier(self._database.name)};")
+        self._server.rename_database(loader, self._database.name)
 
 
 KINDS = (PostgreSql,)
