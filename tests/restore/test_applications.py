@@ -55,7 +55,8 @@ def add_wiki(session, archive=None, package="sample-wiki", directories=(SETTINGS
         f'root="/usr/share/sample-wiki" owner="root" group="root"><listen address="*" port="80" tls="0"/>'
         f'<root>/usr/share/sample-wiki</root>'
         f'<package name="{package}" version="1:1.9-3" architecture="all" manager="dpkg" '
-        f'because="/usr/share/sample-wiki" changed="0">{named}</package>{"".join(f"<packed>{each}</packed>" for each in directories)}'
+        f'because="/usr/share/sample-wiki" changed="0">{named}</package>'
+        f'{"".join(f"<packed>{each}</packed>" for each in directories)}'
         f'</site>{content}</domain></unassigned>')
 
 
