@@ -45,21 +45,6 @@ std::string now() {
   return formatTime(std::time(nullptr));
 }
 
-std::string joined(const std::vector<std::string>& texts) {
-  std::string all;
-  for (const std::string& text : texts) all += (all.empty() ? "" : ": ") + text;
-  return all;
-}
-
-/// The errors of a run that has ended with this code. Only the action phase writes them down:
-/// after another end the result log is that of an earlier run.
-std::vector<std::string> causesOf(const std::string& session, Step step,
-                                  const RunOutcome& outcome) {
-  if (!outcome.reason.empty()) return {outcome.reason};
-  const bool isWritten = outcome.exitCode > EXIT_IMPOSSIBLE && outcome.exitCode < EXIT_NOT_STARTED;
-  return isWritten ? readCauses(session, step) : std::vector<std::string>();
-}
-
 std::string lastLineOf(const std::string& text) {
   const std::string trimmed = boost::trim_right_copy(text);
   const std::string::size_type end = trimmed.rfind('\n');
@@ -80,28 +65,25 @@ std::string reasonOfRestore(Step step, bool needsDecisions, const std::string& s
 
 }  // namespace
 
-int exitCodeForRequest(int signal) {
-  return signal == 0 || signal == SIGUSR1 ? EXIT_STOPPED : EXIT_OF_FIRST_SIGNAL + signal;
-}
-
 Migration::Migration(const Request& request, Passwords environment, Console& console,
                      Signals& signals)
     : request_(request),
       environment_(std::move(environment)),
       console_(console),
-      signals_(signals) {}
+      signals_(signals),
+      report_(request.sessionPath, state_, console) {}
 
 int Migration::execute() {
   program_ = findSondrel();
   prepareSession();
   loadState();
   takeSettings();
-  if (state_.isFinished()) return reportFinished("Finished already.");
-  if (state_.settings.isOn("restore")) restoreProgram_ = findSondrelRestore();
+  if (state_.isFinished()) return report_.finished("Finished already.");
+  if (state_.settings.isOn(setting::RESTORE)) restoreProgram_ = findSondrelRestore();
   passwords_.emplace(needsSourceHost() ? obtainPasswords(request_, state_.settings,
                                                          std::move(environment_), signals_)
                                        : Passwords());
-  introduce();
+  report_.introduce();
   return makeSteps();
 }
 
@@ -146,7 +128,7 @@ void Migration::takeSettings() {
   planEndOfAgent(settings);
   if (const auto name = findForbiddenChange(state_.settings, settings, state_.doneSteps())) {
     throw Exc<&MigrateBadSettings>(HERE) %
-        ("--" + *name + " was \"" + state_.settings.inForce(*name) +
+        (std::string("--") + name->text + " was \"" + state_.settings.effectiveValue(*name) +
          "\" in the steps that are done. Use another session directory, or --from");
   }
   checkComplete(settings);
@@ -157,9 +139,9 @@ void Migration::takeSettings() {
 /// A step that is named is made, whatever earlier runs left out.
 void Migration::planStepToGoBackTo(Settings& settings) const {
   if (request_.from == Step::REMOVE) planRemoval(settings);
-  if (request_.from == Step::CONTENT && settings.isOn("no-content")) {
+  if (request_.from == Step::CONTENT && settings.isOn(setting::NO_CONTENT)) {
     throw Exc<&MigrateBadSettings>(HERE) %
-        (request_.settings.isOn("no-content")
+        (request_.settings.isOn(setting::NO_CONTENT)
              ? "--from=content and --no-content exclude each other"
              : "there is no content to fetch: the dump was made with --no-content. Make it again "
                "with --from=dump --no-content=no");
@@ -167,26 +149,21 @@ void Migration::planStepToGoBackTo(Settings& settings) const {
 }
 
 void Migration::planRemoval(Settings& settings) const {
-  if (request_.settings.isOn("keep-agent")) {
+  if (request_.settings.isOn(setting::KEEP_AGENT)) {
     throw Exc<&MigrateBadSettings>(HERE) % "--from=remove and --keep-agent exclude each other";
   }
-  settings.set("keep-agent", "no");
+  settings.set(setting::KEEP_AGENT, "no");
 }
 
 /// Of --final and --keep-agent the one that was given last counts.
 void Migration::planEndOfAgent(Settings& settings) const {
-  const bool isFinal = request_.settings.isOn("final");
-  const bool isKept = request_.settings.isOn("keep-agent");
+  const bool isFinal = request_.settings.isOn(setting::FINAL);
+  const bool isKept = request_.settings.isOn(setting::KEEP_AGENT);
   if (isFinal && isKept) {
     throw Exc<&MigrateBadSettings>(HERE) % "--final and --keep-agent exclude each other";
   }
-  if (isFinal) settings.set("keep-agent", "no");
-  if (isKept) settings.set("final", "no");
-}
-
-void Migration::introduce() {
-  console_.say("Migration from " + state_.settings.get("host") + ", session " +
-               request_.sessionPath);
+  if (isFinal) settings.set(setting::KEEP_AGENT, "no");
+  if (isKept) settings.set(setting::FINAL, "no");
 }
 
 /// A restore alone is made without a login.
@@ -199,21 +176,21 @@ bool Migration::needsSourceHost() const {
 int Migration::makeSteps() {
   for (const Step step : state_.plan()) {
     if (state_.isDone(step)) {
-      console_.say(std::string(nameOf(step)) + ": done already");
+      report_.stepIsDone(step);
       continue;
     }
     if (const int code = makeStep(step)) return code;
   }
-  return reportFinished("Finished.");
+  return report_.finished("Finished.");
 }
 
 int Migration::makeStep(Step step) {
   signals_.check();
-  console_.say(std::string(nameOf(step)) + ": " + purposeOf(step));
+  report_.stepBegins(step);
   recordBegin(step);
   const RunOutcome outcome = runStep(step);
   recordEnd(step, outcome);
-  return reportEnd(step, outcome);
+  return report_.stepEnded(step, outcome, signals_.requested());
 }
 
 /// What an earlier run began on the source host goes on there when that run is gone. It is waited
@@ -228,7 +205,7 @@ RunOutcome Migration::runStep(Step step) {
       console_.say(std::string(nameOf(step)) +
                    ": a dump that an earlier run started is still at "
                    "work on " +
-                   state_.settings.get("host") + "; waiting for its end");
+                   state_.settings.get(setting::HOST) + "; waiting for its end");
     }
     wasTold = true;
     if (const auto ended = waitForEarlierDump(step)) return *ended;
@@ -241,7 +218,7 @@ RunOutcome Migration::runAction(Step step) {
   const Places places{request_.sessionPath, state_.agentDir()};
   // An earlier dump makes these fail, which is no error then. A log must be seen as it comes.
   const bool isHeld =
-      (step == Step::DUMP || step == Step::CONTENT) && !state_.settings.isOn("verbose");
+      (step == Step::DUMP || step == Step::CONTENT) && !state_.settings.isOn(setting::VERBOSE);
   std::string held;
   const TextSink relay = [this](const std::string& text) { console_.relay(text); };
   const TextSink hold = [&](const std::string& text) {
@@ -297,7 +274,7 @@ RunOutcome Migration::runRemoval() {
   }
   if (status.find("<dumping-status") == std::string::npos) return removed;
   return {RunOutcome::FAILED, EXIT_OF_FAILED_ACTION,
-          state_.agentDir() + " is still there on " + state_.settings.get("host")};
+          state_.agentDir() + " is still there on " + state_.settings.get(setting::HOST)};
 }
 
 /// sondrel-restore needs decisions where a person must choose; all other ends of it are failures.
@@ -364,8 +341,8 @@ RunOutcome Migration::run(Step step, const ArgList& arguments, const TextSink& o
   const SondrelRun run{needsLogin ? program_ : restoreProgram_,
                        arguments,
                        needsLogin ? *passwords_ : NO_PASSWORDS,
-                       needsLogin ? state_.settings.get("identity") : "",
-                       needsLogin ? state_.settings.get("jump") : "",
+                       needsLogin ? state_.settings.get(setting::IDENTITY) : "",
+                       needsLogin ? state_.settings.get(setting::JUMP) : "",
                        !request_.full && knowsIncrements(state_.settings),
                        lock_->descriptor(),
                        onError,
@@ -405,118 +382,6 @@ void Migration::recordEnd(Step step, const RunOutcome& outcome) {
       break;
   }
   state_.save(request_.sessionPath);
-}
-
-int Migration::reportEnd(Step step, const RunOutcome& outcome) {
-  const StepRecord& record = state_.of(step);
-  const std::string name = nameOf(step);
-  if (outcome.kind == RunOutcome::DONE) {
-    const std::string problems =
-        step == Step::DUMP ? readDumpProblems(request_.sessionPath).summary() : "";
-    console_.say(name + ": done in " +
-                 formatDuration(secondsBetween(record.started, record.ended)) +
-                 (problems.empty() ? "" : ", " + problems));
-    return EXIT_DONE;
-  }
-  if (outcome.kind == RunOutcome::STOPPED) {
-    console_.say(name + ": stopped. Run this again to go on");
-    return exitCodeForRequest(signals_.requested());
-  }
-  reportFailure(step, outcome);
-  return outcome.exitCode;
-}
-
-/// sondrel itself has printed the outermost error.
-void Migration::reportFailure(Step step, const RunOutcome& outcome) {
-  if (!outcome.reason.empty()) console_.complain(outcome.reason);
-  const std::vector<std::string> causes = causesOf(request_.sessionPath, step, outcome);
-  for (std::size_t i = 1; i < causes.size(); ++i) console_.complain("  because: " + causes[i]);
-  const std::string remedy = remedyFor(step, joined(causes));
-  if (!remedy.empty()) console_.complain(remedy);
-  console_.complain(std::string(nameOf(step)) + ": failed with exit code " +
-                    std::to_string(outcome.exitCode) + "; " + request_.sessionPath +
-                    "/migration.log tells more. Run this again to go on");
-}
-
-int Migration::reportFinished(const std::string& introduction) {
-  std::string text = introduction + " Dump: " + dumpFileIn(request_.sessionPath);
-  if (!state_.settings.isOn("no-content")) {
-    text += ", content: " + contentDirOf(state_.settings, request_.sessionPath);
-    if (const int problems = countProblems(request_.sessionPath, Step::CONTENT)) {
-      text += ", problems in " + std::string(resultLogOf(Step::CONTENT)) + ": " +
-              std::to_string(problems);
-    }
-  }
-  console_.say(text);
-  explainKeptAgent();
-  reportProblems();
-  return EXIT_DONE;
-}
-
-/// What can be done with an agent that is still there, and what is not done by itself.
-void Migration::explainKeptAgent() {
-  if (isAgentRemoved(state_.settings)) return;
-  // An earlier release removed it unless it was told otherwise.
-  if (state_.of(Step::REMOVE).progress != Progress::WAITING) return;
-  console_.say(
-      "The agent stays on " + state_.settings.get("host") + ", in " + state_.agentDir() +
-      ", until the migration is final. What has changed since is fetched with --from=dump; "
-      "with --from=dump --final for the last time. --final alone removes the agent");
-}
-
-/// What dump.xml says to be wrong, in the order of weight: errors with their texts.
-void Migration::reportProblems() {
-  const DumpProblems problems = readDumpProblems(request_.sessionPath);
-  const std::string summary = problems.summary();
-  if (summary.empty()) return;
-  console_.say("Problems in the dump: " + summary);
-  for (const std::string& error : problems.firstErrors) console_.say("  error: " + error);
-  const auto shown = static_cast<int>(problems.firstErrors.size());
-  if (problems.errors > shown) {
-    console_.say("  and " + std::to_string(problems.errors - shown) + " more errors");
-  }
-  if (problems.errors + problems.warnings + problems.notes > 0) {
-    console_.say(
-        "An error is something that is missing from the result, a warning something that "
-        "may not work on the new host; what to do is said in dump.xml");
-  }
-}
-
-/// What to do about causes whose texts do not say it; empty for others.
-std::string Migration::remedyFor(Step step, const std::string& causes) const {
-  const auto tells = [&](const std::string& text) {
-    return causes.find(text) != std::string::npos;
-  };
-  if (step == Step::CONTENT && tells("Selected filesystem has only")) {
-    return "These are bytes. Make room for " + contentDirOf(state_.settings, request_.sessionPath) +
-           ", name another directory by --dumps-dir, or do without the check by --no-check-space";
-  }
-  const bool needsAgent = step == Step::DUMP || step == Step::CONTENT;
-  // Of a shell that is to go there, and of the agent's interpreter.
-  if (needsAgent && tells(state_.agentDir()) &&
-      (tells("can't cd to ") || tells("No such file or directory"))) {
-    return "The agent is no longer in " + state_.agentDir() + " on " + state_.settings.get("host") +
-           ". Run this again with --from=deploy";
-  }
-  return "";
-}
-
-std::string Migration::purposeOf(Step step) const {
-  const Settings& settings = state_.settings;
-  switch (step) {
-    case Step::SCOUT: return "asking " + settings.get("host") + " what it is";
-    case Step::DEPLOY:
-      return "copying the agent " + agentNameOf(settings) + " to " + state_.agentDir();
-    case Step::DUMP:
-      return settings.isOn("dump-all") ? "dumping everything" : "dumping a selection";
-    case Step::CONTENT:
-      return "fetching files into " + contentDirOf(settings, request_.sessionPath);
-    case Step::REMOVE: return "removing " + state_.agentDir();
-    case Step::PLAN: return "finding out what a restore on this host needs";
-    case Step::APPLY: return "restoring on this host";
-    case Step::VERIFY: return "comparing what is here with what was fetched";
-  }
-  return "";
 }
 
 }  // namespace migrate

@@ -6,6 +6,8 @@
 #include <string>
 
 #include "migrate/console.h"
+#include "migrate/exit_codes.h"
+#include "migrate/migration_report.h"
 #include "migrate/options.h"
 #include "migrate/passwords.h"
 #include "migrate/session_lock.h"
@@ -15,23 +17,6 @@
 #include "migrate/state.h"
 
 namespace migrate {
-
-/// The exit codes that are not those of a run of sondrel.
-enum ExitCode {
-  EXIT_DONE = 0,
-  EXIT_IMPOSSIBLE = 1,
-  EXIT_STOPPED = 3,
-  EXIT_BUSY = 4,
-  /// The plan of a restore has conflicts, or needs packages.
-  EXIT_NEEDS_DECISIONS = 5,
-  /// The restore failed, or what is here differs from what was fetched.
-  EXIT_NOT_RESTORED = 6,
-  EXIT_NOT_STARTED = 127,
-  EXIT_OF_FIRST_SIGNAL = 128
-};
-
-/// The exit code for a request to end; 0 stands for one that was made to sondrel itself.
-int exitCodeForRequest(int signal);
 
 /// Gets a text as it comes.
 using TextSink = std::function<void(const std::string&)>;
@@ -55,7 +40,6 @@ class Migration {
   void planStepToGoBackTo(Settings& settings) const;
   void planRemoval(Settings& settings) const;
   void planEndOfAgent(Settings& settings) const;
-  void introduce();
   bool needsSourceHost() const;
   int makeSteps();
   int makeStep(Step step);
@@ -72,13 +56,6 @@ class Migration {
   void showProgress(Step step);
   void recordBegin(Step step);
   void recordEnd(Step step, const RunOutcome& outcome);
-  int reportEnd(Step step, const RunOutcome& outcome);
-  void reportFailure(Step step, const RunOutcome& outcome);
-  std::string remedyFor(Step step, const std::string& causes) const;
-  int reportFinished(const std::string& introduction);
-  void reportProblems();
-  void explainKeptAgent();
-  std::string purposeOf(Step step) const;
 
   const Request& request_;
   Passwords environment_;
@@ -87,6 +64,7 @@ class Migration {
   std::optional<SessionLock> lock_;
   std::optional<Passwords> passwords_;
   State state_ = State::fresh();
+  MigrationReport report_;
   std::string program_;
   /// Empty where no restore is asked for.
   std::string restoreProgram_;

@@ -93,7 +93,7 @@ std::vector<option> longOptions() {
   }
   for (std::size_t i = 0; i < settingKinds().size(); ++i) {
     const SettingKind& kind = settingKinds()[i];
-    all.push_back({kind.name, kind.argument ? required_argument : optional_argument, nullptr,
+    all.push_back({kind.name.text, kind.argument ? required_argument : optional_argument, nullptr,
                    FIRST_SETTING + static_cast<int>(i)});
   }
   all.push_back({nullptr, 0, nullptr, 0});
@@ -218,7 +218,7 @@ std::string usageText() {
   for (const OwnOption& own : OWN_OPTIONS) appendLine(out, own.name, own.argument, own.help);
   out << "\nSettings, as options or in the file (switches may be given as =yes or =no):\n\n";
   for (const SettingKind& kind : settingKinds()) {
-    appendLine(out, kind.name, kind.argument, kind.help);
+    appendLine(out, kind.name.text, kind.argument, kind.help);
   }
   out << PASSWORDS;
   return out.str();

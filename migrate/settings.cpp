@@ -28,7 +28,7 @@ constexpr unsigned long LARGEST_PORT = 65535;
 const SettingKind* findKind(const std::string& name) {
   const std::vector<SettingKind>& kinds = settingKinds();
   const auto found = std::find_if(kinds.begin(), kinds.end(),
-                                  [&](const SettingKind& kind) { return kind.name == name; });
+                                  [&](const SettingKind& kind) { return name == kind.name; });
   return found == kinds.end() ? nullptr : &*found;
 }
 
@@ -66,12 +66,13 @@ void checkText(const std::string& name, const std::string& value) {
 
 void checkValue(const std::string& name, const std::string& value) {
   checkText(name, value);
-  if (name == "port") checkPort(value);
-  if (name == "jump" && !parseJumpHost(value)) {
+  if (name == setting::PORT) checkPort(value);
+  if (name == setting::JUMP && !parseJumpHost(value)) {
     refuse("--jump must be [login@]host[:port], with an address that has colons in brackets");
   }
-  if (name == "agent-parent") checkAgentParent(value);
-  if (name == "domains" || name == "clients" || name == "resellers") checkNames(name, value);
+  if (name == setting::AGENT_PARENT) checkAgentParent(value);
+  if (name == setting::DOMAINS || name == setting::CLIENTS || name == setting::RESELLERS)
+    checkNames(name, value);
 }
 
 std::string switchValue(const std::string& name, const std::string& value) {
@@ -81,11 +82,12 @@ std::string switchValue(const std::string& name, const std::string& value) {
 }
 
 bool namesFile(const std::string& name) {
-  return name == "dumps-dir" || name == "selected-objects-file" || name == "identity";
+  return name == setting::DUMPS_DIR || name == setting::SELECTED_OBJECTS_FILE ||
+         name == setting::IDENTITY;
 }
 
 bool namesAgent(const std::string& name, const std::string& value) {
-  return name == "identity" && value == "agent";
+  return name == setting::IDENTITY && value == "agent";
 }
 
 /// One thing has one spelling, for that of a step that is done is compared with later ones.
@@ -95,7 +97,7 @@ std::string plainValue(const std::string& name, const std::string& value) {
     return boost::filesystem::absolute(value).string();
   }
   // A shell that completes the name of a directory puts a slash behind it.
-  if (name != "agent-name") return value;
+  if (name != setting::AGENT_NAME) return value;
   const std::string plain = boost::trim_right_copy_if(value, boost::is_any_of("/"));
   return plain.empty() ? value : plain;
 }
@@ -113,18 +115,19 @@ void parseLine(const std::string& line, Settings& settings) {
   }
 }
 
-bool isAnyGiven(const Settings& settings, std::initializer_list<const char*> names) {
-  return std::any_of(names.begin(), names.end(), [&](const char* name) {
+bool isAnyGiven(const Settings& settings, std::initializer_list<SettingName> names) {
+  return std::any_of(names.begin(), names.end(), [&](SettingName name) {
     return settings.has(name) && settings.get(name) != "no";
   });
 }
 
 void checkSelection(const Settings& settings) {
-  const bool selected = isAnyGiven(settings, {"domains", "clients", "resellers",
-                                              "selected-objects-file", "server", "admin-info"});
-  const bool narrowed =
-      isAnyGiven(settings, {"only-mail", "only-hosting", "no-compress", "no-license"});
-  if (settings.isOn("dump-all")) {
+  const bool selected =
+      isAnyGiven(settings, {setting::DOMAINS, setting::CLIENTS, setting::RESELLERS,
+                            setting::SELECTED_OBJECTS_FILE, setting::SERVER, setting::ADMIN_INFO});
+  const bool narrowed = isAnyGiven(settings, {setting::ONLY_MAIL, setting::ONLY_HOSTING,
+                                              setting::NO_COMPRESS, setting::NO_LICENSE});
+  if (settings.isOn(setting::DUMP_ALL)) {
     if (selected) refuse("--dump-all dumps everything: leave it out, or the selection");
     if (narrowed) {
       refuse(
@@ -134,16 +137,16 @@ void checkSelection(const Settings& settings) {
   } else if (!selected) {
     refuse("what to dump is missing: --dump-all, or a selection such as --domains=...");
   }
-  if (settings.isOn("only-mail") && settings.isOn("only-hosting")) {
+  if (settings.isOn(setting::ONLY_MAIL) && settings.isOn(setting::ONLY_HOSTING)) {
     refuse("--only-mail and --only-hosting exclude each other");
   }
 }
 
 void checkRestore(const Settings& settings) {
-  if (settings.isOn("restore-install") && !settings.isOn("restore")) {
+  if (settings.isOn(setting::RESTORE_INSTALL) && !settings.isOn(setting::RESTORE)) {
     refuse("--restore-install installs what --restore needs: give both");
   }
-  if (settings.isOn("restore") && settings.isOn("no-content")) {
+  if (settings.isOn(setting::RESTORE) && settings.isOn(setting::NO_CONTENT)) {
     refuse("--restore and --no-content exclude each other: there would be nothing to restore from");
   }
 }
@@ -152,36 +155,37 @@ void checkRestore(const Settings& settings) {
 
 const std::vector<SettingKind>& settingKinds() {
   static const std::vector<SettingKind> kinds = {
-      {"host", "HOST", Step::SCOUT, "the source host: a name or an address"},
-      {"port", "N", std::nullopt, "the port of its SSH server; 22 if not given"},
-      {"jump", "[LOGIN@]HOST[:PORT]", std::nullopt, "reach it through this host, by ssh"},
-      {"login", "NAME", std::nullopt, "the login there"},
-      {"identity", "FILE", std::nullopt, "log in by this private key, or \"agent\""},
-      {"sudo", nullptr, std::nullopt, "become root there by sudo"},
-      {"agent-name", "NAME", Step::DEPLOY, "the agent; \"linux\" if not given"},
-      {"agent-parent", "DIR", Step::DEPLOY,
+      {setting::HOST, "HOST", Step::SCOUT, "the source host: a name or an address"},
+      {setting::PORT, "N", std::nullopt, "the port of its SSH server; 22 if not given"},
+      {setting::JUMP, "[LOGIN@]HOST[:PORT]", std::nullopt, "reach it through this host, by ssh"},
+      {setting::LOGIN, "NAME", std::nullopt, "the login there"},
+      {setting::IDENTITY, "FILE", std::nullopt, "log in by this private key, or \"agent\""},
+      {setting::SUDO, nullptr, std::nullopt, "become root there by sudo"},
+      {setting::AGENT_NAME, "NAME", Step::DEPLOY, "the agent; \"linux\" if not given"},
+      {setting::AGENT_PARENT, "DIR", Step::DEPLOY,
        "the directory there in which the agent's own is made; /root for root"},
-      {"dump-all", nullptr, Step::DUMP, "dump everything; or else choose:"},
-      {"domains", "A,B", Step::DUMP, "these domains"},
-      {"clients", "A,B", Step::DUMP, "these clients"},
-      {"resellers", "A,B", Step::DUMP, "these resellers"},
-      {"selected-objects-file", "FILE", Step::DUMP, "what this document names"},
-      {"server", nullptr, Step::DUMP, "the settings of the server"},
-      {"admin-info", nullptr, Step::DUMP, "the administrator"},
-      {"only-mail", nullptr, Step::DUMP, "of what is chosen, only mail"},
-      {"only-hosting", nullptr, Step::DUMP, "of what is chosen, everything but mail"},
-      {"no-license", nullptr, Step::DUMP, "leave out the licence"},
-      {"no-compress", nullptr, Step::DUMP, "archives without compression"},
-      {"no-content", nullptr, Step::DUMP, "only the description: no archives, nothing is fetched"},
-      {"dumps-dir", "DIR", Step::CONTENT, "where content files go; the session's archives/"},
-      {"no-check-space", nullptr, std::nullopt, "do not ask whether there is room for them"},
-      {"final", nullptr, std::nullopt, "this is the last pass: remove the agent at its end"},
-      {"keep-agent", nullptr, std::nullopt,
+      {setting::DUMP_ALL, nullptr, Step::DUMP, "dump everything; or else choose:"},
+      {setting::DOMAINS, "A,B", Step::DUMP, "these domains"},
+      {setting::CLIENTS, "A,B", Step::DUMP, "these clients"},
+      {setting::RESELLERS, "A,B", Step::DUMP, "these resellers"},
+      {setting::SELECTED_OBJECTS_FILE, "FILE", Step::DUMP, "what this document names"},
+      {setting::SERVER, nullptr, Step::DUMP, "the settings of the server"},
+      {setting::ADMIN_INFO, nullptr, Step::DUMP, "the administrator"},
+      {setting::ONLY_MAIL, nullptr, Step::DUMP, "of what is chosen, only mail"},
+      {setting::ONLY_HOSTING, nullptr, Step::DUMP, "of what is chosen, everything but mail"},
+      {setting::NO_LICENSE, nullptr, Step::DUMP, "leave out the licence"},
+      {setting::NO_COMPRESS, nullptr, Step::DUMP, "archives without compression"},
+      {setting::NO_CONTENT, nullptr, Step::DUMP,
+       "only the description: no archives, nothing is fetched"},
+      {setting::DUMPS_DIR, "DIR", Step::CONTENT, "where content files go; the session's archives/"},
+      {setting::NO_CHECK_SPACE, nullptr, std::nullopt, "do not ask whether there is room for them"},
+      {setting::FINAL, nullptr, std::nullopt, "this is the last pass: remove the agent at its end"},
+      {setting::KEEP_AGENT, nullptr, std::nullopt,
        "leave the agent on the source host; so it is until --final"},
-      {"restore", nullptr, std::nullopt, "then restore on this host what was fetched"},
-      {"restore-install", nullptr, std::nullopt,
+      {setting::RESTORE, nullptr, std::nullopt, "then restore on this host what was fetched"},
+      {setting::RESTORE_INSTALL, nullptr, std::nullopt,
        "with packages of Debian that are missing for that"},
-      {"verbose", nullptr, std::nullopt, "make sondrel log to standard error as well"},
+      {setting::VERBOSE, nullptr, std::nullopt, "make sondrel log to standard error as well"},
   };
   return kinds;
 }
@@ -197,17 +201,18 @@ void Settings::set(const std::string& name, const std::string& value) {
   values_[name] = plainValue(name, value);
 }
 
-std::string Settings::get(const std::string& name) const {
-  const auto found = values_.find(name);
+std::string Settings::get(SettingName name) const {
+  const auto found = values_.find(name.text);
   return found == values_.end() ? "" : found->second;
 }
 
-std::string Settings::inForce(const std::string& name) const {
-  const SettingKind* const kind = findKind(name);
-  if (name == "keep-agent") return isAgentRemoved(*this) ? "no" : "yes";
+std::string Settings::effectiveValue(SettingName name) const {
+  const std::string text = name.text;
+  const SettingKind* const kind = findKind(text);
+  if (text == setting::KEEP_AGENT) return isAgentRemoved(*this) ? "no" : "yes";
   if (kind && !kind->argument) return isOn(name) ? "yes" : "no";
-  if (name == "agent-name") return agentNameOf(*this);
-  if (name == "agent-parent") return agentParentOf(*this);
+  if (text == setting::AGENT_NAME) return agentNameOf(*this);
+  if (text == setting::AGENT_PARENT) return agentParentOf(*this);
   return get(name);
 }
 
@@ -232,10 +237,10 @@ Settings readSettingsFile(const std::string& path) {
 }
 
 void checkComplete(const Settings& settings) {
-  for (const char* const name : {"host", "login"}) {
-    if (!settings.has(name)) refuse(std::string("--") + name + " is missing");
+  for (const SettingName name : {setting::HOST, setting::LOGIN}) {
+    if (!settings.has(name)) refuse(std::string("--") + name.text + " is missing");
   }
-  if (!settings.has("agent-parent") && settings.get("login") != "root") {
+  if (!settings.has(setting::AGENT_PARENT) && settings.get(setting::LOGIN) != "root") {
     refuse(
         "--agent-parent is required unless --login is root: a directory on the source host that "
         "the login can reach, such as its home");
@@ -244,12 +249,13 @@ void checkComplete(const Settings& settings) {
   checkRestore(settings);
 }
 
-std::optional<std::string> findForbiddenChange(const Settings& older, const Settings& newer,
+std::optional<SettingName> findForbiddenChange(const Settings& older, const Settings& newer,
                                                const std::vector<Step>& doneSteps) {
   for (const SettingKind& kind : settingKinds()) {
     const bool stands = kind.shapes && std::find(doneSteps.begin(), doneSteps.end(),
                                                  *kind.shapes) != doneSteps.end();
-    if (stands && older.inForce(kind.name) != newer.inForce(kind.name)) return kind.name;
+    if (stands && older.effectiveValue(kind.name) != newer.effectiveValue(kind.name))
+      return kind.name;
   }
   return std::nullopt;
 }
@@ -259,22 +265,23 @@ bool knowsIncrements(const Settings& settings) {
 }
 
 bool isAgentRemoved(const Settings& settings) {
-  return settings.isOn("final") || settings.get("keep-agent") == "no";
+  return settings.isOn(setting::FINAL) || settings.get(setting::KEEP_AGENT) == "no";
 }
 
 std::string agentNameOf(const Settings& settings) {
-  return settings.has("agent-name") ? settings.get("agent-name") : DEFAULT_AGENT;
+  return settings.has(setting::AGENT_NAME) ? settings.get(setting::AGENT_NAME) : DEFAULT_AGENT;
 }
 
 std::string identityOf(const Settings& settings) {
-  if (settings.has("identity")) return settings.get("identity");
+  if (settings.has(setting::IDENTITY)) return settings.get(setting::IDENTITY);
   if (const char* const value = std::getenv("SONDREL_IDENTITY")) return value;
   const char* const configured = qrvConfGet("SSH_IDENTITY_F");
   return configured ? boost::trim_right_copy(std::string(configured)) : "";
 }
 
 std::string agentParentOf(const Settings& settings) {
-  return settings.has("agent-parent") ? settings.get("agent-parent") : DEFAULT_AGENT_PARENT;
+  return settings.has(setting::AGENT_PARENT) ? settings.get(setting::AGENT_PARENT)
+                                             : DEFAULT_AGENT_PARENT;
 }
 
 }  // namespace migrate

@@ -10,10 +10,54 @@
 
 namespace migrate {
 
+/// The name of a setting. One that is misspelt in the code does not compile.
+struct SettingName {
+  const char* text;
+};
+
+inline bool operator==(const std::string& name, SettingName setting) {
+  return name == setting.text;
+}
+inline bool operator!=(const std::string& name, SettingName setting) {
+  return !(name == setting);
+}
+
+namespace setting {
+
+inline constexpr SettingName HOST{"host"};
+inline constexpr SettingName PORT{"port"};
+inline constexpr SettingName JUMP{"jump"};
+inline constexpr SettingName LOGIN{"login"};
+inline constexpr SettingName IDENTITY{"identity"};
+inline constexpr SettingName SUDO{"sudo"};
+inline constexpr SettingName AGENT_NAME{"agent-name"};
+inline constexpr SettingName AGENT_PARENT{"agent-parent"};
+inline constexpr SettingName DUMP_ALL{"dump-all"};
+inline constexpr SettingName DOMAINS{"domains"};
+inline constexpr SettingName CLIENTS{"clients"};
+inline constexpr SettingName RESELLERS{"resellers"};
+inline constexpr SettingName SELECTED_OBJECTS_FILE{"selected-objects-file"};
+inline constexpr SettingName SERVER{"server"};
+inline constexpr SettingName ADMIN_INFO{"admin-info"};
+inline constexpr SettingName ONLY_MAIL{"only-mail"};
+inline constexpr SettingName ONLY_HOSTING{"only-hosting"};
+inline constexpr SettingName NO_LICENSE{"no-license"};
+inline constexpr SettingName NO_COMPRESS{"no-compress"};
+inline constexpr SettingName NO_CONTENT{"no-content"};
+inline constexpr SettingName DUMPS_DIR{"dumps-dir"};
+inline constexpr SettingName NO_CHECK_SPACE{"no-check-space"};
+inline constexpr SettingName FINAL{"final"};
+inline constexpr SettingName KEEP_AGENT{"keep-agent"};
+inline constexpr SettingName RESTORE{"restore"};
+inline constexpr SettingName RESTORE_INSTALL{"restore-install"};
+inline constexpr SettingName VERBOSE{"verbose"};
+
+}  // namespace setting
+
 /// What can be said about a migration: an option of the command line, a line of a
 /// settings file, and an entry of the state document. Passwords are none of these.
 struct SettingKind {
-  const char* name;
+  SettingName name;
   /// Stands for the value in the usage text; null for a switch, which is "yes" or "no".
   const char* argument;
   /// The first step whose outcome it shapes: once that is done the setting stands. None
@@ -31,15 +75,16 @@ class Settings {
   /// Throws MigrateBadSettings for an unknown name and for a value that the setting cannot
   /// have. An empty value for a switch means "yes".
   void set(const std::string& name, const std::string& value);
+  void set(SettingName name, const std::string& value) { set(std::string(name.text), value); }
 
   /// The value; empty when it was not set.
-  std::string get(const std::string& name) const;
-  bool has(const std::string& name) const { return values_.count(name) != 0; }
+  std::string get(SettingName name) const;
+  bool has(SettingName name) const { return values_.count(name.text) != 0; }
   /// True for a switch that is "yes".
-  bool isOn(const std::string& name) const { return get(name) == "yes"; }
+  bool isOn(SettingName name) const { return get(name) == "yes"; }
 
   /// The value that holds: the default of one that was not set, empty where there is none.
-  std::string inForce(const std::string& name) const;
+  std::string effectiveValue(SettingName name) const;
 
   /// Takes over what `newer` has.
   void overrideBy(const Settings& newer);
@@ -59,7 +104,7 @@ void checkComplete(const Settings& settings);
 
 /// The first setting, by name, that `newer` has in another way and that a finished step
 /// was shaped by; nothing when all changes are allowed. A default that is given is no change.
-std::optional<std::string> findForbiddenChange(const Settings& older, const Settings& newer,
+std::optional<SettingName> findForbiddenChange(const Settings& older, const Settings& newer,
                                                const std::vector<Step>& doneSteps);
 
 /// True for an agent that knows increments; others may refuse an option that they do not know.

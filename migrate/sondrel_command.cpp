@@ -20,23 +20,24 @@ bool isProgram(const std::string& path) {
 }
 
 /// Hands settings on under the names they have here, if they were given.
-void handOn(const Settings& settings, std::initializer_list<const char*> names, ArgList& line) {
-  for (const char* const name : names) {
-    if (settings.has(name)) line.push_back(std::string("--") + name + "=" + settings.get(name));
+void handOn(const Settings& settings, std::initializer_list<SettingName> names, ArgList& line) {
+  for (const SettingName name : names) {
+    if (settings.has(name))
+      line.push_back(std::string("--") + name.text + "=" + settings.get(name));
   }
 }
 
-void handOnSwitches(const Settings& settings, std::initializer_list<const char*> names,
+void handOnSwitches(const Settings& settings, std::initializer_list<SettingName> names,
                     ArgList& line) {
-  for (const char* const name : names) {
-    if (settings.isOn(name)) line.push_back(std::string("--") + name);
+  for (const SettingName name : names) {
+    if (settings.isOn(name)) line.push_back(std::string("--") + name.text);
   }
 }
 
 void addConnection(const Settings& settings, ArgList& line) {
-  handOn(settings, {"host", "port", "login"}, line);
-  if (settings.isOn("sudo")) line.emplace_back("--sudo-password");
-  handOnSwitches(settings, {"verbose"}, line);
+  handOn(settings, {setting::HOST, setting::PORT, setting::LOGIN}, line);
+  if (settings.isOn(setting::SUDO)) line.emplace_back("--sudo-password");
+  handOnSwitches(settings, {setting::VERBOSE}, line);
 }
 
 ArgList beginOfCommand(const Settings& settings, const Places& places) {
@@ -51,28 +52,33 @@ void addAgent(const Settings& settings, const Places& places, ArgList& line) {
 }
 
 void addDump(const Settings& settings, ArgList& line) {
-  handOnSwitches(settings, {"no-content"}, line);
-  if (settings.isOn("dump-all")) {
+  handOnSwitches(settings, {setting::NO_CONTENT}, line);
+  if (settings.isOn(setting::DUMP_ALL)) {
     line.emplace_back("--dump-all");
     return;
   }
   line.emplace_back("--dump-selected");
-  handOn(settings, {"domains", "clients", "resellers", "selected-objects-file"}, line);
+  handOn(settings,
+         {setting::DOMAINS, setting::CLIENTS, setting::RESELLERS, setting::SELECTED_OBJECTS_FILE},
+         line);
   handOnSwitches(settings,
-                 {"server", "admin-info", "only-mail", "only-hosting", "no-license", "no-compress"},
+                 {setting::SERVER, setting::ADMIN_INFO, setting::ONLY_MAIL, setting::ONLY_HOSTING,
+                  setting::NO_LICENSE, setting::NO_COMPRESS},
                  line);
 }
 
 void addContent(const Settings& settings, ArgList& line) {
   line.emplace_back("--get-content");
-  handOn(settings, {"dumps-dir"}, line);
-  handOnSwitches(settings, {"no-check-space"}, line);
+  handOn(settings, {setting::DUMPS_DIR}, line);
+  handOnSwitches(settings, {setting::NO_CHECK_SPACE}, line);
 }
 
 ArgList restoreCommand(Step step, const Settings& settings, const Places& places) {
   ArgList line = {RESTORE_PROGRAM, nameOf(step)};
-  if (settings.has("dumps-dir")) line.push_back("--archives=" + settings.get("dumps-dir"));
-  if (settings.isOn("restore-install") && step != Step::VERIFY) line.emplace_back("--install");
+  if (settings.has(setting::DUMPS_DIR))
+    line.push_back("--archives=" + settings.get(setting::DUMPS_DIR));
+  if (settings.isOn(setting::RESTORE_INSTALL) && step != Step::VERIFY)
+    line.emplace_back("--install");
   line.push_back(places.session);
   return line;
 }
@@ -135,7 +141,8 @@ ArgList dumpingStatusCommand(const Settings& settings, const Places& places) {
 }
 
 std::string contentDirOf(const Settings& settings, const std::string& session) {
-  return settings.has("dumps-dir") ? settings.get("dumps-dir") : session + "/archives";
+  return settings.has(setting::DUMPS_DIR) ? settings.get(setting::DUMPS_DIR)
+                                          : session + "/archives";
 }
 
 }  // namespace migrate

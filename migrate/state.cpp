@@ -173,8 +173,8 @@ void State::save(const std::string& session) const {
   }
   for (const Step step : ALL_STEPS) {
     // Programs that know migrations without a restore read this, too.
-    const bool isSaid =
-        !isOfRestore(step) || settings.isOn("restore") || of(step).progress != Progress::WAITING;
+    const bool isSaid = !isOfRestore(step) || settings.isOn(setting::RESTORE) ||
+                        of(step).progress != Progress::WAITING;
     if (isSaid) writeRecord(document, step, of(step));
   }
   replaceByRootsFile(document, documentIn(session));
@@ -190,9 +190,9 @@ std::vector<Step> State::doneSteps() const {
 std::vector<Step> State::plan() const {
   std::vector<Step> steps;
   for (const Step step : ALL_STEPS) {
-    const bool leftOut = (step == Step::CONTENT && settings.isOn("no-content")) ||
+    const bool leftOut = (step == Step::CONTENT && settings.isOn(setting::NO_CONTENT)) ||
                          (step == Step::REMOVE && !isAgentRemoved(settings)) ||
-                         (isOfRestore(step) && !settings.isOn("restore"));
+                         (isOfRestore(step) && !settings.isOn(setting::RESTORE));
     if (!leftOut) steps.push_back(step);
   }
   return steps;

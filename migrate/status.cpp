@@ -72,7 +72,7 @@ void showState(const std::string& session, Console& console) {
   // The lock first: a run that ends in between has recorded its end.
   const bool isRunning = SessionLock::isHeld(State::folderIn(session));
   const State state = State::load(session);
-  console.say("host: " + state.settings.get("host"));
+  console.say("host: " + state.settings.get(setting::HOST));
   console.say("agent: " + agentNameOf(state.settings) + " in " + state.agentDir());
   console.say("state: " + (isRunning ? runningText(session) : restingText(state)));
   for (const Step step : state.plan()) {
