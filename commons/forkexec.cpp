@@ -13,9 +13,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "commons/ExSystemError.h"
+#include "commons/child_process.h"
 #include "commons/unique_fd.h"
 #include "hostlib/messlog.h"
 
@@ -23,25 +23,18 @@ namespace {
 
 constexpr std::size_t READ_CHUNK_BYTES = 4096;
 
-struct Pipe {
-  UniqueFd readEnd;
-  UniqueFd writeEnd;
-};
-
 /// A pipe, or two closed ends when there is none: the child then fails on them and
 /// says so.
 Pipe openPipe() {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+  Pipe pipe = makePipe();
+  if (!pipe.readEnd) {
     messlog2(std::string("forkExecvGetOutErr: pipe() failed: ") + std::strerror(errno));
-    return {};
   }
-  return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+  return pipe;
 }
 
-void setNonBlocking(const UniqueFd& fd) {
-  const int flags = fcntl(fd.get(), F_GETFL);
-  if (flags < 0 || fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
+void keepFromBlocking(const UniqueFd& fd) {
+  if (!setNonBlocking(fd)) {
     messlog2(std::string("forkExecvGetOutErr: fcntl(O_NONBLOCK) failed: ") + std::strerror(errno));
   }
 }
@@ -148,11 +141,6 @@ void wireStandardStreams(int in, int out, int err) {
   dup2Custom(safeIn, STDIN_FILENO);
 }
 
-void closeOtherDescriptors() {
-  if (close_range(3, ~0U, 0) == 0) return;
-  for (int fd = 3; fd < getdtablesize(); ++fd) close(fd);
-}
-
 /// The program must not inherit what this process ignores or blocks for itself.
 void resetSignals() {
   for (int number = 1; number < NSIG; ++number) signal(number, SIG_DFL);
@@ -184,10 +172,7 @@ void extendEnvironment(const Environment& environment) {
 }
 
 void execute(const std::string& program, const ArgList& args) {
-  std::vector<char*> argv;
-  for (const std::string& argument : args) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  execvp(program.c_str(), argv.data());
+  execvp(program.c_str(), pointersTo(args).data());
   messlog2(std::string("forkExecvPipes: execv() failed: ") + std::strerror(errno) + "\n");
   // What callers have always seen of a program that cannot be executed; the reason
   // is in the system log.
@@ -199,7 +184,7 @@ void execute(const std::string& program, const ArgList& args) {
                            const Environment& environment) {
   try {
     wireStandardStreams(in, out, err);
-    closeOtherDescriptors();
+    closeDescriptorsFrom(STDERR_FILENO + 1);
     resetSignals();
     becomeAccount(account);
     extendEnvironment(environment);
@@ -222,9 +207,9 @@ int forkExecvGetInOutErrSuidEnv(std::string input, std::string& output, std::str
   Pipe in = openPipe();
   Pipe out = openPipe();
   Pipe err = openPipe();
-  setNonBlocking(in.writeEnd);
-  setNonBlocking(out.readEnd);
-  setNonBlocking(err.readEnd);
+  keepFromBlocking(in.writeEnd);
+  keepFromBlocking(out.readEnd);
+  keepFromBlocking(err.readEnd);
   const pid_t child = forkExecvPipes(in.readEnd.get(), out.writeEnd.get(), err.writeEnd.get(),
                                      program, args, account, environment);
   in.readEnd.close();

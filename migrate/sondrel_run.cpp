@@ -15,6 +15,7 @@
 
 #include "commons/ExSystemError.h"
 #include "commons/ProgramTerminatedException.h"
+#include "commons/child_process.h"
 #include "commons/unique_fd.h"
 
 namespace migrate {
@@ -35,24 +36,11 @@ const char* const IDENTITY_VARIABLE = "SONDREL_IDENTITY";
 /// The same for the host that the way leads through.
 const char* const JUMP_VARIABLE = "SONDREL_JUMP";
 
-struct Pipe {
-  UniqueFd readEnd;
-  UniqueFd writeEnd;
-};
-
-void setNonBlocking(const UniqueFd& fd) {
-  const int flags = fcntl(fd.get(), F_GETFL);
-  if (flags < 0 || fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
-    throwSystemError("fcntl", errno);
-  }
-}
-
 /// A pipe that a child can be given the end to write to; the other end never blocks.
 Pipe openPipe() {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) throwSystemError("pipe", errno);
-  Pipe pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
-  setNonBlocking(pipe.readEnd);
+  Pipe pipe = makePipe();
+  if (!pipe.readEnd) throwSystemError("pipe", errno);
+  if (!setNonBlocking(pipe.readEnd)) throwSystemError("fcntl", errno);
   return pipe;
 }
 
@@ -115,15 +103,6 @@ class ChildEnvironment {
   std::vector<char*> pointers_;
 };
 
-std::vector<char*> pointersTo(const ArgList& arguments) {
-  std::vector<char*> pointers;
-  for (const std::string& argument : arguments) {
-    pointers.push_back(const_cast<char*>(argument.c_str()));
-  }
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
 // --- The child's side, between fork and exec ---
 
 bool wireDescriptors(int out, int err, int lock) {
@@ -132,7 +111,9 @@ bool wireDescriptors(int out, int err, int lock) {
   if (dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0) return false;
   // The lock alone comes along. It may be 3 itself, which dup2 would leave to be closed.
   const int spare = fcntl(lock, F_DUPFD, 4);
-  return spare >= 0 && dup2(spare, 3) >= 0 && close_range(4, ~0U, 0) == 0;
+  if (spare < 0 || dup2(spare, 3) < 0) return false;
+  closeDescriptorsFrom(4);
+  return true;
 }
 
 [[noreturn]] void runChild(const SondrelRun& run, const Signals& signals, int out, int err,

@@ -1,8 +1,8 @@
 /* Preloaded into the tool: lets one call of the system fail, as if the system itself had.
  *
- * FAIL_KIND    write close fsync rename mkstemp chown mkdir statfs recv send setfl; or full: the
- *              disk is, for each file whose path begins with FAIL_PATH, when FAIL_NTH bytes
- *              have been written
+ * FAIL_KIND    write close fsync rename mkstemp chown mkdir statfs recv send setfl; or
+ *              close_range, whose calls all fail; or full: the disk is, for each file whose path
+ *              begins with FAIL_PATH, when FAIL_NTH bytes have been written
  * FAIL_NTH     which of these calls fails, counted from 1; with 0 none does, and all are told
  * FAIL_STAYS   set: what failed stays so, as with a disk that is full; a connection is closed
  * FAIL_REPORT  file that gets a line for each call that failed: its kind and on what
@@ -130,6 +130,15 @@ int close(int fd) {
   const int result = REAL(close)(fd);
   if (!failed) return result;
   errno = EIO;
+  return -1;
+}
+
+/* An old kernel, or a filter of system calls, also for what the tool starts: it calls this between
+ * fork and exec. */
+int close_range(unsigned first, unsigned last, int flags) {
+  if (strcmp(failing_kind, "close_range") != 0) return REAL(close_range)(first, last, flags);
+  tell("child");
+  errno = ENOSYS;
   return -1;
 }
 

@@ -87,11 +87,23 @@ def test_leaves_out_the_steps_that_are_not_wanted(imitated, given, steps):
 def test_gives_sondrel_nothing_to_read_and_no_descriptor_but_the_lock(imitated):
     assert imitated.run(*ALL, stdin=b"not for sondrel").code == 0
     assert imitated.kept(0, "input") == b""
+    check_descriptors(imitated)
+
+
+def check_descriptors(imitated):
     targets = dict(re.findall(r" (\d+) -> (\S+)", imitated.kept(0, "descriptors").decode()))
     # 255 is the imitation's own script.
     assert set(targets) - {"255"} == {"0", "1", "2", "3"}
     assert os.path.basename(targets["0"]) == "null"
     assert targets["3"] == f"{SESSION}/migrate/lock"
+
+
+@pytest.mark.release_only
+def test_closes_descriptors_one_by_one_where_the_kernel_cannot_do_it_at_once(imitated, preload):  # noqa: F811
+    fault = Fault(preload, "close_range", 1)
+    assert imitated.run(*ALL, environment=fault.environment).code == 0
+    assert fault.struck() == ["child"] * len(imitated.all_runs())
+    check_descriptors(imitated)
 
 
 def test_gives_sondrel_the_passwords_in_its_environment_only(imitated):
