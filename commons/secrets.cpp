@@ -4,13 +4,15 @@
 #include <boost/algorithm/string/replace.hpp>
 #include <vector>
 
+#include "hostlib/secret.h"
+
 namespace {
 
 constexpr std::size_t SHORTEST_SECRET = 8;
 constexpr const char* MASK = "********";
 
-std::vector<std::string>& secrets() {
-  static std::vector<std::string> remembered;
+std::vector<Secret>& secrets() {
+  static std::vector<Secret> remembered;
   return remembered;
 }
 
@@ -18,14 +20,14 @@ std::vector<std::string>& secrets() {
 
 void rememberSecret(const std::string& secret) {
   if (secret.size() < SHORTEST_SECRET) return;
-  secrets().push_back(secret);
+  secrets().emplace_back(secret);
   // The longest first: one password may be the beginning of another.
   std::sort(secrets().begin(), secrets().end(),
-            [](const std::string& a, const std::string& b) { return a.size() > b.size(); });
+            [](const Secret& a, const Secret& b) { return a.reveal().size() > b.reveal().size(); });
 }
 
 std::string maskSecrets(const std::string& text) {
   std::string masked = text;
-  for (const std::string& secret : secrets()) boost::replace_all(masked, secret, MASK);
+  for (const Secret& secret : secrets()) boost::replace_all(masked, secret.reveal(), MASK);
   return masked;
 }

@@ -1,7 +1,6 @@
 #include "migrate/passwords.h"
 
 #include <fcntl.h>
-#include <string.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -55,9 +54,7 @@ Secret readLine(int fd, const std::string& what, Signals& signals) {
     if (text.size() == MAX_PASSWORD_BYTES) fail("the " + what + " is longer than 4096 bytes");
     text.push_back(*byte);
   }
-  Secret secret(text);
-  explicit_bzero(text.data(), text.size());
-  return secret;
+  return Secret(std::move(text));
 }
 
 /// While it lives, the terminal does not show what is typed.
@@ -136,11 +133,11 @@ Secret obtain(Sources sources, Signals& signals) {
 Secret obtainIfGiven(Sources sources, Signals& signals) {
   Secret secret = sources.fd ? readDescriptor(*sources.fd, sources.what, signals)
                              : std::move(sources.fromEnvironment);
-  return secret.reveal().empty() ? Secret() : std::move(secret);
+  return secret.isEmpty() ? Secret() : std::move(secret);
 }
 
 std::string accountOf(const Settings& settings) {
-  return settings.get("login") + "@" + settings.get("host");
+  return settings.get(setting::LOGIN) + "@" + settings.get(setting::HOST);
 }
 
 /// Closed so that no child inherits the rest of it.
@@ -157,15 +154,6 @@ Secret takeVariable(const char* name) {
 
 }  // namespace
 
-Secret::~Secret() {
-  if (text_) explicit_bzero(text_->data(), text_->size());
-}
-
-const std::string& Secret::reveal() const {
-  static const std::string none;
-  return text_ ? *text_ : none;
-}
-
 Passwords takePasswordsFromEnvironment() {
   return {takeVariable(LOGIN_VARIABLE), takeVariable(SUDO_VARIABLE), takeVariable(KEY_VARIABLE)};
 }
@@ -178,14 +166,14 @@ Passwords obtainPasswords(const Request& request, const Settings& settings, Pass
   Secret login =
       isByKey ? obtainIfGiven(std::move(ofLogin), signals) : obtain(std::move(ofLogin), signals);
   // No server takes an empty one, and sondrel refuses it.
-  if (!isByKey && login.reveal().empty()) {
+  if (!isByKey && login.isEmpty()) {
     fail("the password of " + accountOf(settings) + " is empty");
   }
   // Before that of sudo, which is not always read.
   Secret key = obtainIfGiven({"passphrase of the key", request.keyPasswordFd, "--key-password-fd",
                               std::move(environment.key), KEY_VARIABLE},
                              signals);
-  Secret sudo = settings.isOn("sudo")
+  Secret sudo = settings.isOn(setting::SUDO)
                     ? obtain({"password for sudo of " + accountOf(settings), request.sudoPasswordFd,
                               "--sudo-password-fd", std::move(environment.sudo), SUDO_VARIABLE},
                              signals)

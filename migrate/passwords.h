@@ -1,8 +1,8 @@
 #pragma once
 
-#include <memory>
 #include <string>
 
+#include "hostlib/secret.h"
 #include "migrate/options.h"
 #include "migrate/settings.h"
 #include "migrate/signals.h"
@@ -13,25 +13,6 @@ namespace migrate {
 extern const char* const LOGIN_VARIABLE;
 extern const char* const SUDO_VARIABLE;
 extern const char* const KEY_VARIABLE;
-
-/// A password, or none; an empty one is one. Moves and never copies, and is wiped from memory
-/// when it goes. Never printed, never an argument.
-class Secret {
- public:
-  Secret() = default;
-  explicit Secret(const std::string& text) : text_(std::make_unique<std::string>(text)) {}
-  Secret(Secret&&) noexcept = default;
-  /// Only for one that is not given.
-  Secret& operator=(Secret&&) noexcept = default;
-  ~Secret();
-
-  bool isGiven() const { return text_ != nullptr; }
-  /// The password itself; empty when there is none.
-  const std::string& reveal() const;
-
- private:
-  std::unique_ptr<std::string> text_;
-};
 
 /// What one migration needs; `sudo` is given when root is had by sudo, and is empty where
 /// sudo asks for none. With a login by key those of the login and of the key may be missing.

@@ -96,7 +96,7 @@ Ssh& Action::getSsh() {
                                    ? DEFAULT_SSH_PORT
                                    : static_cast<std::uint16_t>(config_->port);
     ssh_ = std::make_unique<Ssh>(
-        config_->host, config_->login, config_->password, config_->no_encryption, port,
+        config_->host, config_->login, config_->password.reveal(), config_->no_encryption, port,
         configuredHostKeyRules(config_->host), identityOf(*config_), jumpHostOf(*config_));
   }
   return *ssh_;
@@ -126,11 +126,11 @@ int Action::execRoot(const std::string& command, std::istream& in, std::ostream&
   if (!config_->sudo) return execUser(command, in, out, err, quietOutput, quietInput);
   checkSudoPresence();
   const std::string sudoCommand = "sudo -k; sudo -S -p ' ' " + command;
-  if (config_->sudo_password.empty()) {
+  if (config_->sudo_password.isEmpty()) {
     return execUser(sudoCommand, in, out, err, quietOutput, quietInput);
   }
   std::stringstream withPassword;
-  withPassword << config_->sudo_password << '\n' << in.rdbuf();
+  withPassword << config_->sudo_password.reveal() << '\n' << in.rdbuf();
   // Copying nothing counts as a failure.
   withPassword.clear();
   return execUser(sudoCommand, withPassword, out, err, quietOutput, quietInput);
@@ -152,7 +152,7 @@ void Action::checkSudoPresence() {
     throw Exc<&SudoNotFound>(HERE) % config_->host;
   }
   try {
-    std::istringstream password(config_->sudo_password);
+    std::istringstream password(config_->sudo_password.reveal());
     getSsh().exec("sudo -k; sudo -S -p ' ' true", password, out, err, false, false,
                   Ssh::null_counter);
   } catch (const Exc<&SshUnknown>&) {

@@ -108,7 +108,7 @@ LoginIdentity identityOf(const config& config) {
              "\", which is neither \"agent\" nor an absolute path");
     }
   }
-  return {config.identity, config.key_password};
+  return {config.identity, config.key_password.reveal()};
 }
 
 std::optional<JumpHost> jumpHostOf(const config& config) {

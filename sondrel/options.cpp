@@ -122,7 +122,7 @@ void storeSudoPassword(config* config) {
   config->sudo = true;
   if (!is_sudo_password_provided()) return;
   config->sudo_password_provided = true;
-  config->sudo_password = get_sudo_password();
+  config->sudo_password = Secret(get_sudo_password());
 }
 
 /// A variable that is set and empty turns off what the host's configuration has.
@@ -132,9 +132,11 @@ std::string chosenIdentity() {
   return configured ? boost::trim_right_copy(std::string(configured)) : "";
 }
 
-void storeKey(config* config) {
-  config->identity = chosenIdentity();
-  if (const char* const value = getenv(KEY_PASSWORD_VARIABLE)) config->key_password = value;
+/// None of them is left in the environment.
+void storePasswords(config* config) {
+  config->password = Secret(get_env_noncrypted_password());
+  wipe_env_variable(SUDO_PASSWORD_VARIABLE);
+  if (const char* const value = getenv(KEY_PASSWORD_VARIABLE)) config->key_password = Secret(value);
   wipe_env_variable(KEY_PASSWORD_VARIABLE);
 }
 
@@ -182,7 +184,7 @@ void verifyNoConnection(const config& config) {
   if (!config.host.empty()) invalid_option("host");
   if (config.port != PORT_NOT_GIVEN) invalid_option("port");
   if (!config.login.empty()) invalid_option("login");
-  if (!config.password.empty()) invalid_option("password");
+  if (!config.password.isEmpty()) invalid_option("password");
   if (!config.agent_dir.empty()) invalid_option("agent directory");
   if (!config.agent_name.empty()) invalid_option("agent name");
   if (config.sudo) invalid_option("sudo parameters");
@@ -194,7 +196,7 @@ void verifyConnection(const config& config) {
     throw Exc<&OptParsingError>(FRONT_END_HERE) % "port should be a number in [1, 65535] range";
   }
   if (config.login.empty()) req_action_argument_missed("login");
-  if (config.password.empty() && config.identity.empty()) req_action_argument_missed("password");
+  if (config.password.isEmpty() && config.identity.empty()) req_action_argument_missed("password");
   if (config.sudo && !config.sudo_password_provided) {
     throw Exc<&OptParsingError>(FRONT_END_HERE) %
         "QRV_SUDO_PASSWORD environment variable is not provided with --sudo-password\n";
@@ -212,13 +214,8 @@ void verifyAgent(const config& config) {
   if (config.agent_name.empty()) req_action_argument_missed("agent name");
 }
 
-}  // namespace
-
-bool isAction(int id) {
-  return static_cast<unsigned int>(id) <= HELP;
-}
-
-bool parse_options(int argc, char** argv, config* config) {
+/// False when getopt has complained.
+bool parseArguments(int argc, char** argv, config* config) {
   int code;
   while ((code = getopt_long(argc, argv, SHORT_OPTIONS, LONG_OPTIONS, nullptr)) != -1) {
     if (code == ':' || code == '?') return false;
@@ -229,9 +226,21 @@ bool parse_options(int argc, char** argv, config* config) {
       storeOption(code, optarg, config);
     }
   }
-  config->password = get_env_noncrypted_password();
-  wipe_env_variable(SUDO_PASSWORD_VARIABLE);
-  storeKey(config);
+  return true;
+}
+
+}  // namespace
+
+bool isAction(int id) {
+  return static_cast<unsigned int>(id) <= HELP;
+}
+
+bool parse_options(int argc, char** argv, config* config) {
+  const bool isUnderstood = parseArguments(argc, argv, config);
+  // Also after a wrong argument: the reason is shown by a process that may be slow to end.
+  storePasswords(config);
+  if (!isUnderstood) return false;
+  config->identity = chosenIdentity();
   if (const char* const jump = getenv("SONDREL_JUMP")) config->jump = jump;
   return true;
 }

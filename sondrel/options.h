@@ -3,6 +3,7 @@
 #include <string>
 
 #include "commons/exceptions.h"
+#include "hostlib/secret.h"
 
 DECLARE_ERROR_TAG(OptParsingError, "Unable to parse command line: %1%");
 
@@ -46,10 +47,10 @@ struct config {
   std::string host;
   int port = PORT_NOT_GIVEN;
   std::string login;
-  std::string password;
+  Secret password;
   /// A private key file, or "agent"; empty for a login by password.
   std::string identity;
-  std::string key_password;
+  Secret key_password;
   /// The host that the way leads through, as "[login@]host[:port]"; empty for none.
   std::string jump;
   std::string agent_dir;
@@ -61,7 +62,7 @@ struct config {
   bool no_encryption = false;
   bool sudo = false;
   bool sudo_password_provided = false;
-  std::string sudo_password;
+  Secret sudo_password;
   bool verbose = false;
   int only_mode = ALL_DATA;
   std::string content_transport;
@@ -71,8 +72,8 @@ struct config {
 };
 
 /// Reads the command line, the passwords from the environment, where none of them is left
-/// afterwards, and which key to log in by from the environment, else the host's configuration.
-/// False when the system's option parser has complained, on standard error.
+/// afterwards in any case, and which key to log in by from the environment, else the host's
+/// configuration. False when the system's option parser has complained, on standard error.
 bool parse_options(int argc, char** argv, config* config);
 
 /// Throws OptParsingError for the first rule of the chosen action that is broken.

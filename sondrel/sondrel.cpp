@@ -90,7 +90,7 @@ DumpRequest buildDumpRequest(const config& config) {
   DumpRequest request;
   if (config.content_transport == "rsync") {
     // The port as it was given: 0 stands for none here.
-    request.input = config.host + "\n" + config.login + "\n" + config.password + "\n" +
+    request.input = config.host + "\n" + config.login + "\n" + config.password.reveal() + "\n" +
                     std::to_string(config.port) + "\n";
     request.arguments.push_back("--content-transport=rsync");
   }
@@ -129,9 +129,9 @@ int real_main(int argc, char** argv) {
   std::srand(static_cast<unsigned int>(std::time(nullptr)));
   config config;
   if (!parse_options(argc, argv, &config)) return EXIT_USAGE;
-  rememberSecret(config.password);
-  rememberSecret(config.sudo_password);
-  rememberSecret(config.key_password);
+  rememberSecret(config.password.reveal());
+  rememberSecret(config.sudo_password.reveal());
+  rememberSecret(config.key_password.reveal());
   if (config.action == HELP) return printUsage();
   if (config.action == NO_ACTION) return complain("Action required. See --help\n");
   if (config.session_path.empty()) return complain("--session-path is required.\n");

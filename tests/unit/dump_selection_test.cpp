@@ -40,7 +40,7 @@ Selection parsed(const std::string& root) {
 }
 
 /// The agent's arguments, and behind them what it reads in brackets.
-std::vector<std::string> prepared(config config, const std::string& root = "") {
+std::vector<std::string> prepared(config& config, const std::string& root = "") {
   const ScopedTempDir dir;
   if (!root.empty()) {
     config.selected_objects_file = dir / "selected.xml";
@@ -51,6 +51,10 @@ std::vector<std::string> prepared(config config, const std::string& root = "") {
   prepareDumpOptions(config, arguments, input);
   arguments.push_back("[" + input + "]");
   return arguments;
+}
+
+std::vector<std::string> prepared(config&& temporary, const std::string& root = "") {
+  return prepared(temporary, root);
 }
 
 config withNames(const std::string& domains, const std::string& clients,

@@ -38,7 +38,7 @@ config valid(int action) {
   c.action = action;
   c.host = "h";
   c.login = "l";
-  c.password = "p";
+  c.password = Secret("p");
   if (action != SEND_SCOUT) {
     c.agent_dir = "d";
     c.agent_name = "a";
@@ -151,8 +151,8 @@ TEST(OptionsTest, SudoPasswordMayBeEmptyAndLeavesTheEnvironment) {
   EXPECT_TRUE(is_sudo_password_provided());
   const config given = parse({"--sudo-password"});
   EXPECT_TRUE(given.sudo && given.sudo_password_provided);
-  EXPECT_EQ(given.sudo_password, "");
-  EXPECT_EQ(given.password, "login's");
+  EXPECT_EQ(given.sudo_password.reveal(), "");
+  EXPECT_EQ(given.password.reveal(), "login's");
   EXPECT_EQ(getenv("QRV_PASSWORD"), nullptr);
   EXPECT_FALSE(is_sudo_password_provided());
   const config again = parse({"--sudo-password"});
@@ -160,12 +160,23 @@ TEST(OptionsTest, SudoPasswordMayBeEmptyAndLeavesTheEnvironment) {
   EXPECT_FALSE(again.sudo_password_provided);
 }
 
+TEST(OptionsTest, PasswordsLeaveTheEnvironmentAlsoWhenAnArgumentIsWrong) {
+  IN_FRESH_PROCESS("QRV_PASSWORD=login's", "QRV_SUDO_PASSWORD=root's", "QRV_KEY_PASSWORD=key's");
+  const CapturedStream errors(STDERR_FILENO);
+  bool complete = true;
+  parse({"--no-such-option"}, &complete);
+  EXPECT_FALSE(complete);
+  for (const char* const name : {"QRV_PASSWORD", "QRV_SUDO_PASSWORD", "QRV_KEY_PASSWORD"}) {
+    EXPECT_EQ(getenv(name), nullptr) << name;
+  }
+}
+
 TEST(OptionsTest, SudoPasswordIsTakenOnlyWhenAskedForAndWipedInAnyCase) {
   IN_FRESH_PROCESS("QRV_SUDO_PASSWORD=root's");
   EXPECT_EQ(get_sudo_password(), "root's");
   const config parsed = parse({});
   EXPECT_FALSE(parsed.sudo || parsed.sudo_password_provided);
-  EXPECT_EQ(parsed.sudo_password, "");
+  EXPECT_EQ(parsed.sudo_password.reveal(), "");
   EXPECT_EQ(get_sudo_password(), "");
 }
 
@@ -199,9 +210,9 @@ TEST(VerifyOptionsTest, NamesTheFirstBrokenRule) {
                 "host is required unless --help or -h requested\n"},
                {SEND_SCOUT, [](config& c) { c.port = -1, c.login.clear(); },
                 "port should be a number in [1, 65535] range"},
-               {SEND_SCOUT, [](config& c) { c.login.clear(), c.password.clear(); },
+               {SEND_SCOUT, [](config& c) { c.login.clear(), c.password.wipe(); },
                 "login is required unless --help or -h requested\n"},
-               {SEND_SCOUT, [](config& c) { c.password.clear(), c.sudo = true; },
+               {SEND_SCOUT, [](config& c) { c.password.wipe(), c.sudo = true; },
                 "password is required unless --help or -h requested\n"},
                {SEND_SCOUT, [](config& c) { c.sudo = true, c.agent_dir = "d"; },
                 "QRV_SUDO_PASSWORD environment variable is not provided with --sudo-password\n"},
@@ -230,8 +241,8 @@ TEST(VerifyOptionsTest, AllowsNoConnectionSettingsWhereNobodyIsConnectedTo) {
   const std::pair<Change, const char*> rules[] = {
       {[](config& c) { c.host = "h", c.port = 1; }, "host"},
       {[](config& c) { c.port = -1, c.login = "l"; }, "port"},
-      {[](config& c) { c.login = "l", c.password = "p"; }, "login"},
-      {[](config& c) { c.password = "p", c.agent_dir = "d"; }, "password"},
+      {[](config& c) { c.login = "l", c.password = Secret("p"); }, "login"},
+      {[](config& c) { c.password = Secret("p"), c.agent_dir = "d"; }, "password"},
       {[](config& c) { c.agent_dir = "d", c.agent_name = "n"; }, "agent directory"},
       {[](config& c) { c.agent_name = "n", c.sudo = true; }, "agent name"},
       {[](config& c) { c.sudo = true; }, "sudo parameters"}};
