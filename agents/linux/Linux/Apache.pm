@@ -4,111 +4,29 @@ package Linux::Apache;
 
 use strict;
 use warnings;
-use Agent::Process qw(run breathe);
-use Errno qw(EACCES);
+use base qw(Linux::ApacheDirectives Linux::ApacheVirtualRoots);
+use Agent::Process qw(breathe);
 use Linux::ApacheConfig;
-use Linux::ConfigReader;
+use Linux::ApacheInstances;
+use Linux::ApachePhp qw(set_php);
+use Linux::ApacheSections;
 use Linux::Definitions;
-use Linux::HostProgram qw(program);
-use Linux::Site qw(
-    new_block source_of add_once is_host_name target_host join_blocks below is_packaged
-);
-use Linux::Tree;
-use Linux::WebServers;
-
-# Where the main file is, where the server does not say it.
-my @MAIN_FILES = qw(
-    /etc/apache2/apache2.conf /etc/httpd/conf/httpd.conf /usr/local/apache2/conf/httpd.conf
-    /etc/apache2/httpd.conf
-);
-
-my @PROGRAMS = qw(apache2 httpd /usr/local/apache2/bin/httpd);
-
-my $LIMIT = 10;
-my $MOST_BYTES = 16 * 1024 * 1024;
+use Linux::Site qw(new_block source_of add_once join_blocks below is_packaged);
 
 my $MOST_NAMED = 20;
 
-my %CODE_OF = (permanent => 301, temp => 302, seeother => 303, gone => 410);
-
-# Directives whose meaning is the same wherever they stand in a virtual host.
-my %COLLECT = (
-    alias => \&add_alias, scriptalias => \&add_alias, aliasmatch => \&note_alias_match,
-    scriptaliasmatch => \&note_alias_match, customlog => \&add_log, errorlog => \&add_log,
-    transferlog => \&add_log, redirect => \&add_redirect, redirectmatch => \&add_redirect,
-    redirectpermanent => sub { add_redirect($_[0], $_[1], 'permanent', @_[2 .. $#_]) },
-    redirecttemp => sub { add_redirect($_[0], $_[1], 'temp', @_[2 .. $#_]) },
-    rewriterule => \&add_rewrite, authuserfile => \&add_file, authgroupfile => \&add_file,
-    sslcacertificatefile => \&add_file, sslcarevocationfile => \&add_file,
-    proxypass => \&add_proxy, proxypassmatch => \&add_proxy, sethandler => \&add_handler,
-    addhandler => \&add_handler, fcgidwrapper => \&add_wrapper,
-    wsgiscriptalias => \&add_script, wsgiscriptaliasmatch => \&add_script, wsgidaemonprocess => \&add_daemon,
-    passengerapproot => \&add_program,
-    suexecusergroup => \&add_user, assignuserid => \&add_user,
-);
-
-my %ACCESS = map { $_ => 1 } qw(
-    require requireall requireany allow deny order satisfy authtype authname allowoverride sslverifyclient
-    sslrequiressl
-);
-
-# Version of the installed server; undef without one.
-sub version {
-    my ($program) = grep {defined} map { program($_) } @PROGRAMS or return undef;
-    return run([$program, '-v'], limit => $LIMIT)->{out} =~ m{Apache/([\w.]+)} ? $1 : undef;
-}
-
 # The sites of the host, and what its configurations say besides: { sites, configurations }.
-# servers => Linux::WebServers, which knows those that run; instances => [as instances() gives
-# them], where others are not to be looked for.
+# servers => Linux::WebServers, which knows those that run; instances => [as
+# Linux::ApacheInstances::all() gives them], where others must not be looked for.
 sub look {
     my ($tree, $problems, %options) = @_;
     my (@sites, @configurations);
-    for my $instance (@{ $options{instances} || [instances($tree, $options{servers})] }) {
+    for my $instance (@{ $options{instances} || [Linux::ApacheInstances::all($tree, $options{servers})] }) {
         my $self = bless { tree => $tree, problems => $problems, needed => [], %$instance }, __PACKAGE__;
         push @sites, $self->sites_of_one(@configurations ? 'apache-' . (@configurations + 1) : 'apache');
         push @configurations, $self->{configuration};
     }
     return { sites => \@sites, configurations => \@configurations };
-}
-
-# The servers that run, those that are installed, and those that files tell of, each once:
-# { main }, where the server says it { base, defines => [names] }, and, of one that runs,
-# { program, arguments }.
-sub instances {
-    my ($tree, $servers) = @_;
-    my (@found, %known);
-    my @running = $servers ? $servers->running('apache') : ();
-    my @programs = $tree->root eq '/' ? grep {defined} map { program($_) } @PROGRAMS : ();
-    for my $one (@running, map { { program => $_ } } @programs) {
-        my $instance = instance_of($one) or next;
-        my $is_there = $one->{arguments} || $tree->lstat($instance->{main});
-        push @found, $instance if $is_there && !$known{ $instance->{main} }++;
-    }
-    push @found, map { { main => $_ } }
-        grep { !$known{$_} } Linux::ConfigReader::present($tree, @MAIN_FILES);
-    return @found;
-}
-
-# What a program says of itself, changed by the arguments that it runs with.
-sub instance_of {
-    my ($one) = @_;
-    my $said = run([$one->{program}, '-V'], limit => $LIMIT, most => $MOST_BYTES)->{out};
-    my ($base) = $said =~ /-D HTTPD_ROOT="(.*)"/;
-    my ($main) = $said =~ /-D SERVER_CONFIG_FILE="(.*)"/;
-    my (%given, @defines);
-    my @arguments = @{ $one->{arguments} || [] };
-    while (defined(my $argument = shift @arguments)) {
-        next if $argument !~ /\A-([Ddf])(.*)\z/s;
-        my $value = length $2 ? $2 : shift @arguments;
-        if ($1 eq 'D') { push @defines, $value }
-        else           { $given{$1} = $value }
-    }
-    $base = $given{d} if defined $given{d};
-    $main = $given{f} if defined $given{f};
-    return if !defined $base || !defined $main;
-    $main = "$base/$main" if $main !~ m{\A/};
-    return { %$one, main => $main, base => $base, defines => [grep {defined} @defines] };
 }
 
 # The sites of one server with a main file.
@@ -117,7 +35,7 @@ sub sites_of_one {
     my ($tree, $problems, $main) = @$self{qw(tree problems main)};
     my $config = $self->{config} = Linux::ApacheConfig->new(tree => $tree, problems => $problems);
     $config->begin($main, $self->{base}, @{ $self->{defines} || [] });
-    my $told = $self->told;
+    my $told = Linux::ApacheInstances::asked($self, $problems, $config->environment);
     my @directives = $config->load($main, @{ $told->{modules} });
     $config->note_missed('Apache', @{ $told->{files} });
     my @hosts = virtual_hosts(@directives);
@@ -131,7 +49,7 @@ sub sites_of_one {
     if ($self->main_serves(@hosts)) {
         my $block = $self->{block} = $self->{base_block};
         $block->{roots} = $self->{folders_of_all};
-        my @uses = $self->sections_for($block->{root}, @{ $block->{roots} });
+        my @uses = $self->{sections}->around($block->{root}, @{ $block->{roots} });
         $block->{blocks} = [source_of($block, $self->{configuration}, undef, @uses)];
         push @blocks, $block;
     }
@@ -139,25 +57,6 @@ sub sites_of_one {
     my @sites = join_blocks($tree, $problems, @blocks);
     $self->add_folders_of_all(@sites);
     return @sites;
-}
-
-# What a server says of its files and of the modules built into it: { files => [paths],
-# modules => [names] }. It is asked only while it runs: modules may open their logs to answer.
-sub told {
-    my ($self) = @_;
-    my %told = (files => [], modules => []);
-    return \%told if !$self->{arguments};
-    my @argv = ($self->{program}, '-d', $self->{base}, '-f', $self->{main},
-        map { ('-D', $_) } @{ $self->{defines} }, qw(DUMP_INCLUDES DUMP_MODULES));
-    my $asked = run([@argv, '-t'], limit => $LIMIT, most => $MOST_BYTES, env => $self->{config}->environment);
-    if ($asked->{status} || $asked->{why}) {
-        my ($why) = $asked->{err} =~ /^(?:AH\d+: )?((?:[\w.\/]+: )?Syntax error.*(?:\n.*)?)/m;
-        Linux::WebServers::note_refusal($self->{problems}, 'Apache', $self->{main}, $why);
-        return \%told;
-    }
-    $told{files} = [$asked->{out} =~ /^ +\((?:\*|\d+)\) (\/.*)$/mg];
-    $told{modules} = [$asked->{out} =~ /^ (\w+) \(static\)$/mg];
-    return \%told;
 }
 
 # { name, file } of the modules that are loaded, or built in, which have no file.
@@ -177,10 +76,10 @@ sub definitions {
             names_of => \&defined_names);
     my @others = $definitions->take(@directives);
     $self->{configuration}{uses} = [$definitions->used_by(grep { !$_->{block} } @others)];
-    $self->{sections} = { above => {}, below => {}, open => [] };
+    my $sections = $self->{sections} = Linux::ApacheSections->new;
     for my $section (grep { $_->{block} && @{ $_->{args} } } @others) {
         next if $section->{name} !~ /\Adirectory(?:match)?\z/;
-        $self->add_section($definitions->add($section), $section);
+        $sections->add($definitions->add($section), $self->folder($section->{args}[0]));
     }
     return $definitions;
 }
@@ -197,60 +96,12 @@ sub defined_names {
     return $first;
 }
 
-# Keeps a section so that those for a directory are found without looking at all of them.
-sub add_section {
-    my ($self, $definition, $section) = @_;
-    my $sections = $self->{sections};
-    my $path = $section->{args}[0];
-    if ($section->{name} eq 'directorymatch' || $path =~ /\A~|[*?\[]/) {
-        push @{ $sections->{open} }, $definition;
-        return;
-    }
-    $path = $self->folder($path);
-    push @{ $sections->{above}{$path} }, $definition;
-    while ($path =~ s{/[^/]+\z}{}) {
-        push @{ $sections->{below}{ length $path ? $path : '/' } }, $definition;
-    }
-    return;
-}
-
-# The sections that may count for some directories: those of them, above and below them, also
-# by patterns.
-sub sections_for {
-    my ($self, @folders) = @_;
-    my $sections = $self->{sections};
-    @folders = grep {defined} @folders;
-    my @found = grep { my $section = $_->{directive}; grep { may_touch($section, $_) } @folders }
-        @{ $sections->{open} };
-    for my $folder (@folders) {
-        push @found, @{ $sections->{below}{$folder} || [] };
-        for (my $path = $folder; length $path; $path =~ s{/[^/]*\z}{}) {
-            push @found, @{ $sections->{above}{$path} || [] };
-        }
-        push @found, @{ $sections->{above}{'/'} || [] };
-    }
-    my %seen;
-    return grep { !$seen{ $_->{number} }++ } @found;
-}
-
-# Whether a section with a pattern may hold for a directory, what is above it or what is in
-# it; with an expression it may always.
-sub may_touch {
-    my ($section, $folder) = @_;
-    my $pattern = $section->{args}[0];
-    return 1 if $section->{name} eq 'directorymatch' || $pattern =~ /\A~/;
-    my @patterns = grep {length} split m{/}, $pattern;
-    my @parts    = grep {length} split m{/}, $folder;
-    my $last = @patterns < @parts ? $#patterns : $#parts;
-    return !grep { $parts[$_] !~ Linux::Tree::pattern($patterns[$_]) } 0 .. $last;
-}
-
 # What the block of a site is made of, with what it uses from outside.
 sub add_source {
     my ($self, $directive, @inner) = @_;
     my ($block, $definitions) = @$self{qw(block definitions)};
     my @uses = $definitions->with_inner(
-        $definitions->used_by(@inner), $self->sections_for($block->{root}, @{ $block->{roots} }),
+        $definitions->used_by(@inner), $self->{sections}->around($block->{root}, @{ $block->{roots} }),
     );
     $block->{blocks} = [source_of($block, $self->{configuration}, $directive, @uses)];
     $_->{listen} = [map { $self->with_ports($_) } @{ $_->{listen} }] for @{ $block->{blocks} };
@@ -404,265 +255,6 @@ sub document_root {
     return @roots ? $self->folder($roots[-1]) : undef;
 }
 
-sub folder {
-    my ($self, $path) = @_;
-    return $self->{tree}->tidy($self->{config}->absolute($path));
-}
-
-# Takes from a virtual host and the sections in it what belongs to a site.
-sub collect {
-    my ($self, $directives, $path, @sections) = @_;
-    my $conditions = 0;
-    for my $directive (@$directives) {
-        my ($name, $args) = @$directive{qw(name args)};
-        if ($directive->{block}) {
-            next if $name eq 'virtualhost' || $name eq 'proxy';
-            $self->collect($directive->{block}, section_path($directive, $path), @sections, $directive);
-            next;
-        }
-        if ($name =~ /\Aphp_(admin_)?(?:value|flag)\z/ && @$args > 1) {
-            push @{ $self->{block}{php_rules} },
-                { admin => $1 ? 1 : 0, name => $args->[0], value => $args->[1], sections => [@sections] };
-        }
-        $conditions = 1 if $name eq 'rewritecond';
-        if (my $add = $COLLECT{$name}) {
-            my $redirects = $self->{block}{redirects};
-            my $before = @$redirects;
-            $add->($self, $path, @$args) if @$args;
-            my $conditional = $conditions && $name eq 'rewriterule' && @$redirects > $before;
-            $redirects->[-1]{conditions} = 1 if $conditional;
-        }
-        elsif ($ACCESS{$name}) {
-            push @{ $self->{block}{access} }, { path => $path, rule => join ' ', $name, @$args };
-        }
-        $conditions = 0 if $name eq 'rewriterule';
-    }
-    return;
-}
-
-sub section_path {
-    my ($directive, $path) = @_;
-    my @args = @{ $directive->{args} };
-    return join ' ', @args if $directive->{name} =~ /\A(?:directory|location)(?:match)?\z/;
-    return join ' ', ($path eq '/' ? () : $path), $directive->{name}, @args;
-}
-
-sub add_alias {
-    my ($self, $path, $from, $to) = @_;
-    # Inside of a section that names the place the target stands alone.
-    $to = $from if !defined $to;
-    $self->add_root_folder($from, $to);
-    return;
-}
-
-sub note_alias_match {
-    my ($self, $path, $pattern, $to) = @_;
-    my $block = $self->{block};
-    my $object = @{ $block->{names} } ? $block->{names}[0] : $block->{file};
-    my $where = defined $to ? "$pattern leads to $to" : "$path leads to $pattern";
-    $self->{problems}->add(severity => 'error', object => $object, text => "AliasMatch: $where; folders"
-        . ' that an expression leads to are taken only where they lie in a document root: copy others by'
-        . ' hand');
-    return;
-}
-
-sub add_root_folder {
-    my ($self, $from, $to) = @_;
-    return if $from =~ m{\A/\.well-known/acme-challenge};
-    my $folder = $self->folder($to);
-    # One that this account may not look at is there all the same.
-    add_once($self->{block}{roots}, $folder) if $self->{tree}->exists($folder) || $! == EACCES;
-    return;
-}
-
-sub add_log {
-    my ($self, $path, $where) = @_;
-    add_once($self->{block}{logs}, $self->folder($where)) if $where =~ m{/} && $where !~ /\A\||\$|\%/;
-    return;
-}
-
-sub add_file {
-    my ($self, $path, $file) = @_;
-    $file = $self->{config}->absolute($file);
-    push @{ $self->{needed} }, { path => $path, file => $file } if !$self->{base_block};
-    add_once($self->{block}{files}, $file);
-    return;
-}
-
-sub add_redirect {
-    my ($self, $path, @args) = @_;
-    my $word = lc $args[0];
-    my $code = $CODE_OF{$word} || ($word =~ /\A\d+\z/ ? $word : undef);
-    shift @args if defined $code;
-    $code = 302 if !defined $code;
-    my ($from, $to) = @args > 1 ? @args : ($path, @args);
-    return if !defined $to || $code !~ /\A3/;
-    push @{ $self->{block}{redirects} }, { from => $from, to => $to, code => $code };
-    return;
-}
-
-sub add_rewrite {
-    my ($self, $path, $from, $to, $flags) = @_;
-    return if !defined $to;
-    $flags = defined $flags ? $flags : '';
-    return $self->add_proxy($path, $to) if $flags =~ /[\[,]\s*(?:P|proxy)\s*[\],]/i;
-    my ($redirects, $code) = $flags =~ /[\[,]\s*(R|redirect)(?:=(\w+))?\s*[\],]/i;
-    return if !$redirects && $to !~ m{\Ahttps?://};
-    $code = defined $code ? $CODE_OF{ lc $code } || $code : 302;
-    return if $code !~ /\A3/;
-    push @{ $self->{block}{redirects} }, { from => $from, to => $to, code => $code };
-    return;
-}
-
-sub add_proxy {
-    my ($self, $path, @args) = @_;
-    my $to = $args[0] =~ m{\A(?:unix:|\w+://)} ? $args[0] : $args[1];
-    return if !defined $to || $to eq '!';
-    # What a request adds behind the port says nothing about the server.
-    $to =~ s{\A(\w+://[^/\$%]+)(?:/[^\$%]*)?[\$%].*}{$1/}s;
-    for my $server ($self->servers_of($to)) {
-        if (defined(my $address = php_address($server))) {
-            add_once($self->{block}{php_addresses}, $address);
-        }
-        else { add_once($self->{block}{proxies}, $server) }
-    }
-    return;
-}
-
-# The members of a group of servers; what is none, or has none, stands for itself.
-sub servers_of {
-    my ($self, $to) = @_;
-    my ($group) = $to =~ m{\Abalancer://([^/]+)}i or return $to;
-    my $members = $self->{members} ||= members_in(undef, @{ $self->{configuration}{directives} });
-    return @{ $members->{ lc $group } || [$to] };
-}
-
-# { name of a group => [addresses] } of all that some directives have, those in a section for a group too.
-sub members_in {
-    my ($group, @directives) = @_;
-    my %members;
-    for my $directive (@directives) {
-        my ($name, $args, $block) = @$directive{qw(name args block)};
-        my ($first, $second) = @$args;
-        my ($named) = defined $first ? $first =~ m{\Abalancer://([^/]+)}i : ();
-        if ($block) {
-            my $inside = members_in($name eq 'proxy' ? $named : $group, @$block);
-            push @{ $members{$_} }, @{ $inside->{$_} } for keys %$inside;
-        }
-        elsif ($name eq 'balancermember') {
-            my ($of, $address) = defined $named ? ($named, $second) : ($group, $first);
-            push @{ $members{ lc $of } }, $address if defined $of && defined $address;
-        }
-    }
-    return \%members;
-}
-
-# "unix:/socket|fcgi://any" or "fcgi://host:port/..." as the address of a pool.
-sub php_address {
-    my ($to) = @_;
-    return $1 if $to =~ m{\A(unix:[^|]+)\|fcgi:};
-    return $1 if $to =~ m{\Afcgi://([^/]+)};
-    return;
-}
-
-sub add_handler {
-    my ($self, $path, $handler) = @_;
-    return $self->add_proxy($path, $1) if $handler =~ /\Aproxy:(.*)/s;
-    $self->{block}{php_module} ||= 1 if $handler =~ m{\A(?:application/x-httpd-php|php\d*-script)};
-    return;
-}
-
-sub add_wrapper {
-    my ($self, $path, $file) = @_;
-    $self->{block}{php_wrapper} = $file;
-    add_once($self->{block}{files}, $file);
-    return;
-}
-
-# Programs that a module of the server runs: "WSGIScriptAlias /address file [option=value...]".
-sub add_script {
-    my ($self, $path, $from, $to) = @_;
-    $self->add_program($path, $to) if defined $to;
-    return;
-}
-
-# Directories of a program: "WSGIDaemonProcess name [option=value...]".
-sub add_daemon {
-    my ($self, $path, $name, @options) = @_;
-    for my $option (@options) {
-        my ($key, $value) = $option =~ /\A([\w-]+)=(.*)\z/ or next;
-        $self->{block}{php_user} = $value if $key eq 'user';
-        $self->add_program($path, $_) for $key =~ /\A(?:home|python-home)\z/ ? $value
-            : $key eq 'python-path' ? split /:/, $value : ();
-    }
-    return;
-}
-
-sub add_program {
-    my ($self, $path, $program) = @_;
-    add_once($self->{block}{programs}, $self->folder($program));
-    return;
-}
-
-sub add_user {
-    my ($self, $path, $user) = @_;
-    $self->{block}{php_user} = $user;
-    return;
-}
-
-# The settings of PHP that rules make for the document root of a record; those of sections
-# count more, and those of the administrator most.
-sub set_php {
-    my ($block, @rules) = @_;
-    my @fit = grep { all_cover($block->{root}, @{ $_->{sections} }) } @rules;
-    my ($settings, $admin) = @$block{qw(module_settings module_admin)} = ({}, {});
-    for my $rule ((grep { !@{ $_->{sections} } } @fit), (grep { @{ $_->{sections} } } @fit)) {
-        my $name = $rule->{name};
-        next if $admin->{$name} && !$rule->{admin};
-        $settings->{$name} = $rule->{value};
-        $admin->{$name} = 1 if $rule->{admin};
-    }
-    return;
-}
-
-sub all_cover {
-    my ($root, @sections) = @_;
-    return !grep { !covers($_, $root) } @sections;
-}
-
-# True if a section holds for all scripts of a document root.
-sub covers {
-    my ($section, $root) = @_;
-    my ($name, @args) = ($section->{name}, @{ $section->{args} });
-    my $is_expression = $name =~ s/match\z// || (@args && $args[0] eq '~' && shift @args) ? 1 : 0;
-    my $word = $args[0];
-    return 0 if $name =~ /\A(?:if|elseif|else|limit|limitexcept)\z/ || !defined $word;
-    return is_like('/index.php', $is_expression ? $word : "$word*", $is_expression) if $name eq 'location';
-    return is_like('index.php', $word, $is_expression) if $name eq 'files';
-    return 1 if $name ne 'directory';
-    return 0 if !defined $root;
-    return is_like("$root/", $word, 1) if $is_expression;
-    $word =~ s{(?<=.)/\z}{};
-    return 1 if $word eq '/';
-    for (my $path = $root; length $path; $path =~ s{/[^/]*\z}{}) {
-        return 1 if is_like($path, $word, 0);
-    }
-    return 0;
-}
-
-# Whether a text fits a pattern of the shell, part by part of its path, or holds what an
-# expression means; one that perl does not know fits nothing.
-sub is_like {
-    my ($text, $pattern, $is_expression) = @_;
-    if ($is_expression) {
-        no warnings 'regexp';
-        return eval { $text =~ /$pattern/ } ? 1 : 0;
-    }
-    my @texts = split m{/}, $text, -1;
-    my @patterns = split m{/}, $pattern, -1;
-    return @texts == @patterns && !grep { $texts[$_] !~ Linux::Tree::pattern($patterns[$_]) } 0 .. $#texts;
-}
-
 # The files that directives name, { certificate, key, chain => [...] }; undef without a
 # certificate. There may be several, of different kinds.
 sub certificates {
@@ -708,68 +300,6 @@ sub by_folder {
         }
     }
     return \%found;
-}
-
-# One folder for each host: what they are for the names that are known, and a
-# record for each host that a folder shows.
-sub add_folders {
-    my ($self, $pattern) = @_;
-    my $block = $self->{block};
-    my @exact = grep { is_host_name($_) } @{ $block->{names} };
-    my @known = grep { $self->{tree}->is_dir($_) } map { $self->folder(host_folder($pattern, $_)) } @exact;
-    $block->{root} = $known[0];
-    add_once($block->{roots}, @known);
-    my %taken = map { $_ => 1 } @known;
-    my ($before, $after) = $pattern =~ /\A([^%]*)%0([^%]*)\z/;
-    if (!defined $before) {
-        my $object = defined $exact[0] ? $exact[0] : $block->{file};
-        my $text = "The folder $pattern ($block->{file}) depends on the request;"
-            . ' only those of its names are taken: copy others by hand';
-        $self->{problems}->add(severity => 'error', object => $object, text => $text);
-        return;
-    }
-    (my $glob = $self->folder("$before\x01$after")) =~ s/([*?\[\\])/\\$1/g;
-    $glob =~ s/\x01/*/;
-    my $matches = join '([^/]+)', map { quotemeta } split /\x01/, $self->folder("$before\x01$after"), -1;
-    my @hosts;
-    for my $folder (grep { !$taken{$_} && $self->{tree}->is_dir($_) } $self->{tree}->glob($glob)) {
-        my ($host) = $folder =~ /\A$matches\z/ or next;
-        push @hosts, $self->host_block(lc $host, $folder) if is_host_name($host) && $host =~ /\./;
-    }
-    return @hosts;
-}
-
-sub host_block {
-    my ($self, $host, $root) = @_;
-    my $block = $self->{block};
-    my $copy = Linux::Site::copy_of($block);
-    return { %$copy, names => [$host], root => $root, content => 1, roots => [] };
-}
-
-# Fills a folder pattern with a host: %0 all of it, %N its part N, %-N counted from
-# the end, with "+" that part and all on that side of it; %N.M letter M of a part.
-sub host_folder {
-    my ($pattern, $host) = @_;
-    my @parts = split /\./, $host;
-    $pattern =~ s{%(?:(-?\d+)(\+?)(?:\.(-?\d+)(\+?))?|(%))}
-        {defined $5 ? '%' : piece(piece_of_list(\@parts, '.', $1, $2), $3, $4)}ge;
-    return $pattern;
-}
-
-sub piece {
-    my ($text, $number, $open) = @_;
-    return $text if !defined $number;
-    return piece_of_list([split //, $text], '', $number, $open);
-}
-
-sub piece_of_list {
-    my ($list, $glue, $number, $open) = @_;
-    return join $glue, @$list if $number == 0;
-    my $at = $number > 0 ? $number - 1 : @$list + $number;
-    # The server, too, writes "_" for a part that the host does not have.
-    return '_' if $at < 0 || $at > $#$list;
-    my @taken = !$open ? $at : $number > 0 ? ($at .. $#$list) : (0 .. $at);
-    return join $glue, @$list[@taken];
 }
 
 sub note_user_folders {

@@ -5,7 +5,7 @@ package Linux::DumpDocument;
 use strict;
 use warnings;
 use Agent::Xml qw(element text document);
-use Linux::Apache;
+use Linux::ApacheInstances;
 use Linux::Nginx;
 use Linux::Php;
 use Linux::ServerPackages;
@@ -375,7 +375,7 @@ sub server {
     my $memory = $facts->{memory} || {};
     my $further = $self->{inventory}->further;
     my @web = map { my ($name, $version) = @$_; defined $version ? element('web-server', [name => $name,
-        version => $version]) : () } ['nginx', Linux::Nginx::version()], ['apache', Linux::Apache::version()];
+        version => $version]) : () } ['nginx', Linux::Nginx::version()], ['apache', Linux::ApacheInstances::version()];
     my @databases = map {
         element('database-server', [kind => $_->{kind}, product => $_->{product}, version => $_->{version},
             address => $_->{address}, running => $_->{running} ? 'yes' : 'no'])
