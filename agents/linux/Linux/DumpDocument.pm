@@ -6,7 +6,7 @@ use strict;
 use warnings;
 use Agent::Xml qw(element text document);
 use Linux::ApacheInstances;
-use Linux::Nginx;
+use Linux::NginxInstances;
 use Linux::Php;
 use Linux::ServerPackages;
 use Linux::Tls;
@@ -375,7 +375,7 @@ sub server {
     my $memory = $facts->{memory} || {};
     my $further = $self->{inventory}->further;
     my @web = map { my ($name, $version) = @$_; defined $version ? element('web-server', [name => $name,
-        version => $version]) : () } ['nginx', Linux::Nginx::version()], ['apache', Linux::ApacheInstances::version()];
+        version => $version]) : () } ['nginx', Linux::NginxInstances::version()], ['apache', Linux::ApacheInstances::version()];
     my @databases = map {
         element('database-server', [kind => $_->{kind}, product => $_->{product}, version => $_->{version},
             address => $_->{address}, running => $_->{running} ? 'yes' : 'no'])
