@@ -216,7 +216,7 @@ $source->sql('DROP DATABASE long');
     my $lying = bless { %$server, roles => undef, involved => undef, memberships => undef }, 'Linux::PostgreSql';
     my $hex = unpack 'H*', 'eve';
     no warnings 'redefine';
-    local *Linux::PostgreSql::ask = sub {
+    local *Linux::PostgreSqlClient::ask = sub {
         my (undef, $sql) = @_;
         return [['16999', $hex, 't', 't', $evil, '', '', '']], undef if $sql =~ /FROM pg_authid/;
         return [['16999', "ALL ON DATABASE shop TO eve; $evil", 'f'], ['0', 'CONNECT', 'f']], undef if $sql =~ /aclexplode/;
