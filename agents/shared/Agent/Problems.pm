@@ -5,6 +5,9 @@ package Agent::Problems;
 use strict;
 use warnings;
 use Agent::Xml qw(element text);
+use Exporter 'import';
+
+our @EXPORT_OK = qw(problem);
 
 my %KNOWN = map { $_ => 1 } qw(error warning info);
 
@@ -23,6 +26,12 @@ sub add {
     return if $self->{seen}{ join "\0", $severity, $object, $text }++;
     push @{ $self->{all} }, { severity => $severity, object => $object, text => $text };
     return;
+}
+
+# A method for classes whose objects have an Agent::Problems as `problems`: adds one to it.
+sub problem {
+    my ($self, $severity, $object, $text) = @_;
+    return $self->{problems}->add(severity => $severity, object => $object, text => $text);
 }
 
 # Drops what was found about these objects.
