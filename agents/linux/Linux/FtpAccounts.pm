@@ -4,6 +4,7 @@ package Linux::FtpAccounts;
 
 use strict;
 use warnings;
+use Agent::Problems qw(problem);
 
 my @OF_PROFTPD = qw(/etc/proftpd/proftpd.conf /etc/proftpd.conf);
 my @OF_PURE_FTPD = qw(/etc/pure-ftpd/pureftpd.passwd /etc/pureftpd.passwd);
@@ -22,12 +23,6 @@ sub all {
     push @accounts, $self->proftpd($_) for grep { $tree->lstat($_) } @OF_PROFTPD;
     $self->vsftpd($_) for grep { $tree->lstat($_) } @OF_VSFTPD;
     return @accounts;
-}
-
-sub problem {
-    my ($self, $severity, $object, $text) = @_;
-    $self->{problems}->add(severity => $severity, object => $object, text => $text);
-    return;
 }
 
 sub elsewhere {

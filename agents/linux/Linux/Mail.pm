@@ -4,6 +4,7 @@ package Linux::Mail;
 
 use strict;
 use warnings;
+use Agent::Problems qw(problem);
 use Agent::Process qw(breathe);
 use Errno qw(ENOENT ENOTDIR);
 use Linux::Dovecot;
@@ -49,12 +50,6 @@ sub all {
     $self->find_what_is_beside;
     my @mailboxes = sort { $a->{address} cmp $b->{address} || $a->{path} cmp $b->{path} } @{ $self->{found} };
     return { mailboxes => \@mailboxes, maps => \@maps, servers => [$self->servers] };
-}
-
-sub problem {
-    my ($self, $severity, $object, $text) = @_;
-    $self->{problems}->add(severity => $severity, object => $object, text => $text);
-    return;
 }
 
 sub note_other_servers {

@@ -4,6 +4,7 @@ package Linux::MailMaps;
 
 use strict;
 use warnings;
+use Agent::Problems qw(problem);
 use Linux::HostProgram qw(answer_of);
 use Linux::Postfix;
 
@@ -143,12 +144,6 @@ sub database_of {
     my ($self, $file) = @_;
     return if !$self->{tree}->is_of_root($file);
     return map {m{\A\s*dbpath\s*=\s*(/\S+)} ? $1 : ()} $self->{tree}->read_lines($file);
-}
-
-sub problem {
-    my ($self, $severity, $object, $text) = @_;
-    $self->{problems}->add(severity => $severity, object => $object, text => $text);
-    return;
 }
 
 1;

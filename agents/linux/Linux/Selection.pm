@@ -4,6 +4,7 @@ package Linux::Selection;
 
 use strict;
 use warnings;
+use Agent::Problems qw(problem);
 use Linux::Idn;
 
 my %WHERE_NAMES_ARE = (
@@ -134,12 +135,6 @@ sub named {
             . ': ' . $WHERE_NAMES_ARE{$kind});
     }
     return @found;
-}
-
-sub problem {
-    my ($self, $severity, $object, $text) = @_;
-    $self->{problems}->add(severity => $severity, object => $object, text => $text);
-    return;
 }
 
 1;

@@ -5,6 +5,7 @@ package Linux::WebServers;
 
 use strict;
 use warnings;
+use Agent::Problems qw(problem);
 use Agent::Process qw(breathe);
 use Linux::HostProgram qw(program);
 
@@ -172,12 +173,6 @@ sub note_installed {
         $self->problem($enabled ? 'error' : 'warning', $name, "Is installed ($program) with a configuration"
             . " in $UNREAD{$name}, but is not read by the agent: if it serves sites, $ADVICE");
     }
-    return;
-}
-
-sub problem {
-    my ($self, $severity, $object, $text) = @_;
-    $self->{problems}->add(severity => $severity, object => $object, text => $text);
     return;
 }
 
