@@ -1,5 +1,6 @@
-# The content of a dump: the archives for what was selected, and how each is made. An archive whose sources are as they were is taken over from the
-# dump before; one that cannot be made is a problem and the others are made.
+# The content of a dump: the archives for what was selected, and how each is made. An archive whose
+# sources are as they were is taken over from the dump before; one that cannot be made is a problem and
+# the others are made.
 package Linux::Content;
 
 use strict;

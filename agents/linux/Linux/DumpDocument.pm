@@ -5,13 +5,11 @@ package Linux::DumpDocument;
 use strict;
 use warnings;
 use Agent::Xml qw(element text document);
-use Linux::ApacheInstances;
-use Linux::NginxInstances;
-use Linux::Php;
-use Linux::ServerPackages;
+use Linux::DumpElements
+    qw(contents cron_job each_as time_text unit with_yes_or_no words yes_or_no zones_and_keys);
+use Linux::ServerElements qw(admin_info server);
 use Linux::Tls;
 use Linux::WebElements;
-use POSIX ();
 
 my $VERSION = 2;
 # Of a document with increments, which earlier programs must not take for one without.
@@ -35,8 +33,8 @@ sub text_of {
     my %unassigned = $selection->unassigned;
     my @unassigned = $self->objects(%unassigned);
     my @children = (
-        ($options->{server} ? $self->server : ()),
-        ($options->{admin_info} ? $self->admin_info : ()),
+        ($options->{server} ? server(%given, has_mail => $self->has_mail) : ()),
+        ($options->{admin_info} ? admin_info($given{tree}, $given{inventory}->users) : ()),
         $self->accounts,
         $self->web_configurations,
         $self->clients($selection->clients),
@@ -47,7 +45,7 @@ sub text_of {
     return document(element('dump', [
         version => $self->version, agent => 'linux', host => $given{server}{facts}{hostname},
         created => time_text(time), scope => $options->{all} ? 'all' : 'selected', only => $options->{only},
-        content => $options->{content} ? 'yes' : 'no',
+        content => yes_or_no($options->{content}),
     ], @children));
 }
 
@@ -56,41 +54,9 @@ sub version {
     return $self->{content} && $self->{content}->has_increments ? $VERSION_WITH_INCREMENTS : $VERSION;
 }
 
-sub time_text { return POSIX::strftime('%Y-%m-%dT%H:%M:%SZ', gmtime $_[0]) }
-
-sub yes_or_no { return $_[0] ? 'yes' : 'no' }
-
 sub has_hosting { return ($_[0]{options}{only} || '') ne 'mail' }
 
 sub has_mail { return ($_[0]{options}{only} || '') ne 'hosting' }
-
-# One element for each value, or for each hash with these attributes.
-sub each_as {
-    my ($name, $attributes, @values) = @_;
-    return map { element($name, [], text($_)) } @values if !@$attributes;
-    return map { my $value = $_; element($name, [map { $_ => $value->{$_} } @$attributes]) } @values;
-}
-
-sub contents {
-    my ($object) = @_;
-    return map {
-        element('content', [kind => $_->{kind}, attributes_of($_)],
-            map { increment($_) } @{ $_->{increments} || [] })
-    } @{ $object->{content} || [] };
-}
-
-sub increment {
-    my ($increment) = @_;
-    my $gone = $increment->{gone};
-    return element('increment', [attributes_of($increment)],
-        $gone ? element('gone', [attributes_of($gone)]) : ());
-}
-
-sub attributes_of {
-    my ($archive) = @_;
-    return (file => $archive->{name}, size => $archive->{size}, md5sum => $archive->{md5},
-        unpacked => $archive->{unpacked});
-}
 
 # A reseller's clients are in its element.
 sub clients {
@@ -111,27 +77,13 @@ sub client {
         : $part->{whole} ? (($client->{cron} || {})->{jobs}, $client->{units}) : @$part{qw(jobs units)};
     return element('client', [
         (map { $_ => $client->{$_} } qw(name uid gid group home shell)),
-        system => $client->{system} ? 'yes' : 'no', whole => $part->{whole} ? 'yes' : 'no',
+        system => yes_or_no($client->{system}), whole => yes_or_no($part->{whole}),
     ],
         ($part->{whole} ? contents($client) : ()),
         each_as('group', [qw(name gid)], $self->{inventory}->users->memberships($client->{name})),
         (map { cron_job($_) } @{ $jobs || [] }),
         (map { unit($_) } @{ $units || [] }),
         $self->objects(%$part));
-}
-
-sub cron_job {
-    my ($job) = @_;
-    return element('cron', [map { $_ => $job->{$_} } qw(when file)], text($job->{command}));
-}
-
-sub unit {
-    my ($unit) = @_;
-    return element('unit', [
-        (map { $_ => $unit->{$_} } qw(name file user)),
-        enabled => yes_or_no($unit->{enabled}), 'drop-in' => yes_or_no($unit->{drop_in}),
-        (map { $_ => $unit->{$_} } qw(description program directory)),
-    ], each_as('when', [], @{ $unit->{when} }), each_as('needs', [], @{ $unit->{needs} }));
 }
 
 # The accounts and groups that files of the dump, clients and mailboxes belong to, and all groups
@@ -151,7 +103,7 @@ sub accounts {
         $gid{ $account->{gid} } = 1 if defined $account->{gid};
         $named{ $account->{name} } = 1 if defined $account->{name};
         element('account', [(map { $_ => $account->{$_} } qw(name uid gid group home shell)),
-            system => $users->is_system($account) ? 'yes' : 'no'])
+            system => yes_or_no($users->is_system($account))])
     } sort { $a <=> $b } keys %uid;
     $self->note_passwords(grep { $users->has_password($_) } sort keys %named);
     return element('accounts', [], @accounts, groups($users, \%gid, \%named));
@@ -211,12 +163,6 @@ sub domain {
         $self->objects(databases => $domain->{databases}, mailboxes => $domain->{mailboxes}));
 }
 
-sub zones_and_keys {
-    my ($zones, $keys) = @_;
-    return (each_as('zone', [qw(name type file)], @$zones),
-        each_as('mail-key', [qw(program domain selector file)], @$keys));
-}
-
 sub site {
     my ($self, $site) = @_;
     my @properties = map {
@@ -236,7 +182,7 @@ sub answers {
     my ($site) = @_;
     return map {
         my $answer = $_;
-        my %told = (%$answer, map { $_ => $answer->{$_} ? 'yes' : 'no' } qw(tls whole));
+        my %told = (%$answer, map { $_ => yes_or_no($answer->{$_}) } qw(tls whole));
         element('answer', [map { $_ => $told{$_} }
             qw(name address port tls path status location title size sum whole)])
     } @{ $site->{answers} };
@@ -279,17 +225,6 @@ sub php {
         extensions => words(@{ $php->{extensions} || [] }),
     ], (map { element('setting', [name => $_], text($settings->{$_})) } sort keys %$settings),
         (map { element('env', [name => $_], text($env->{$_})) } sort keys %$env));
-}
-
-sub words { return @_ ? join ' ', @_ : undef }
-
-# An installed version of PHP, with the ways to run it that there are.
-sub php_version {
-    my ($self, $version) = @_;
-    my %extensions = map { $_ => [Linux::Php::extensions($self->{tree}, $version, $_)] } @Linux::Php::WAYS;
-    return element('php', [version => $version], map {
-        element('way', [handler => $_, extensions => words(@{ $extensions{$_} })])
-    } grep { @{ $extensions{$_} } } @Linux::Php::WAYS);
 }
 
 sub tls {
@@ -354,73 +289,12 @@ sub grant {
         qw(to host on object column grantable)], each_as('right', [], @{ $grant->{rights} }));
 }
 
-# The hash with some of its values, where they are known, as the document has them.
-sub with_yes_or_no {
-    my ($values, @names) = @_;
-    return { %$values, map { $_ => $values->{$_} ? 'yes' : 'no' } grep { defined $values->{$_} } @names };
-}
-
 sub mailbox {
     my ($mailbox) = @_;
     return element('mailbox', [
         (map { $_ => $mailbox->{$_} } qw(address path format owner uid gid home quota)),
         found => $mailbox->{because}, assigned($mailbox, $mailbox->{reason}),
     ], each_as('needs', [], @{ $mailbox->{besides} }), contents($mailbox));
-}
-
-sub server {
-    my ($self) = @_;
-    my $facts = $self->{server}{facts};
-    my $distribution = $facts->{distribution} || {};
-    my $memory = $facts->{memory} || {};
-    my $further = $self->{inventory}->further;
-    my @web = map { my ($name, $version) = @$_; defined $version ? element('web-server', [name => $name,
-        version => $version]) : () } ['nginx', Linux::NginxInstances::version()], ['apache', Linux::ApacheInstances::version()];
-    my @databases = map {
-        element('database-server', [kind => $_->{kind}, product => $_->{product}, version => $_->{version},
-            address => $_->{address}, running => $_->{running} ? 'yes' : 'no'])
-    } $self->{inventory}->servers;
-    return element('server', [
-        (map { $_ => $facts->{$_} } qw(hostname kernel architecture)),
-        distribution => $distribution->{id}, release => $distribution->{version},
-        family => $distribution->{family}, memory => $memory->{total},
-    ],
-        @web, (map { $self->php_version($_) } Linux::Php::versions($self->{tree})), @databases,
-        each_as('file-system', [qw(mount type bytes free)], @{ $facts->{filesystems} || [] }),
-        (map { unit($_) } $self->{inventory}->units_of_others),
-        ($self->has_mail ? $self->mail_servers : ()),
-        $self->server_packages,
-        zones_and_keys([$further->zones], [$further->keys_of_mail]),
-        each_as('ftp-account', [qw(server name uid gid home file)], $further->ftp_accounts),
-        contents($self->{server}));
-}
-
-# What web servers, databases and the like are from.
-sub server_packages {
-    my ($self) = @_;
-    my @modules = grep { defined && m{\A/} } map { $_->{file} }
-        map { @{ $_->{modules} || [] } } $self->{inventory}->configurations;
-    return each_as('package', [qw(name version architecture manager use)],
-        Linux::ServerPackages::all($self->{tree}, @modules));
-}
-
-sub mail_servers {
-    my ($self) = @_;
-    my $mail = $self->{inventory}->mail;
-    return (
-        (map { element('mail-server', [name => $_->{name}], settings(@{ $_->{settings} }),
-            each_as('needs', [], @{ $_->{files} })) } @{ $mail->{servers} }),
-        (map { element('mail-map', [kind => $_->{kind}, type => $_->{type}, file => $_->{file}],
-            map { map_entry($_) } @{ $_->{entries} }) } @{ $mail->{maps} }),
-    );
-}
-
-sub settings { return map { element('setting', [name => $_->{name}], text($_->{value})) } @_ }
-
-sub map_entry {
-    my ($entry) = @_;
-    my @to = defined $entry->{to} && length $entry->{to} ? text($entry->{to}) : ();
-    return element('entry', [from => $entry->{from}, line => $entry->{line}], @to);
 }
 
 # The addresses of a domain that lead elsewhere.
@@ -439,15 +313,6 @@ sub aliases {
         element('alias', [from => $_->{from}, file => $_->{file}, line => $_->{line}],
             text(defined $_->{to} ? $_->{to} : ''))
     } map { @{ $self->{aliases}{$_} || [] } } map {lc} @{ $domain->{names} };
-}
-
-# Whom the host's own mail goes to.
-sub admin_info {
-    my ($self) = @_;
-    my @aliases = $self->{tree}->read_lines('/etc/aliases');
-    my ($alias) = map { /\A\s*"?root"?\s*:\s*(.*?)\s*\z/ ? $1 : () } @aliases;
-    my $root = $self->{inventory}->users->by_uid(0);
-    return element('admin-info', [account => $root ? $root->{name} : undef, mail => $alias]);
 }
 
 1;
