@@ -4,6 +4,7 @@ use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Imitated qw(imitated problem_texts);
 use Linux::Mail;
+use Linux::MailOwners;
 use Linux::Users;
 use Test::More;
 
@@ -255,7 +256,7 @@ my @clients = map { { name => $_, system => 0 } } qw(alice bob);
 my @mine = map { my ($user, $domain, $owner) = @$_; { user => $user, domain => $domain, owner => $owner } }
     ['info', 'a.test', 'vmail'], ['info', 'b.test', 'vmail'], ['info', 'c.test', 'bob'], ['info', 'd.test', 'vmail'],
     ['alice', undef, 'alice'], ['root', undef, 'root'], ['info', 'root.test', 'vmail'];
-Linux::Mail::assign(\@mine, \@clients, \@sites);
+Linux::MailOwners::assign(\@mine, \@clients, \@sites);
 is_deeply [map { join ' ', map { defined $_ ? $_ : '-' } @$_{qw(client sure site)} } @mine],
     ['alice certain a.test', 'bob likely -', 'bob likely -', '- - -', 'alice certain -', '- - -', '- - -'],
     'a mailbox belongs to whom its domain or its folder belongs';

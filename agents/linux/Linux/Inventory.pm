@@ -10,6 +10,7 @@ use Linux::Databases;
 use Linux::FurtherServers;
 use Linux::Lineage;
 use Linux::Mail;
+use Linux::MailOwners;
 use Linux::Resellers;
 use Linux::SiteParts;
 use Linux::Sites;
@@ -36,7 +37,7 @@ sub new {
     $tick->();
     $self->{mail} = Linux::Mail::all($tree, $problems, $self->{users});
     $self->{mailboxes} = $self->{mail}{mailboxes};
-    Linux::Mail::assign($self->{mailboxes}, $self->{clients}, $self->{sites});
+    Linux::MailOwners::assign($self->{mailboxes}, $self->{clients}, $self->{sites});
     $tick->();
     $self->{database_servers} = Linux::Databases->new(map { $_ => $options{$_} }
         grep { defined $options{$_} } qw(tree problems limit restrict_key));
