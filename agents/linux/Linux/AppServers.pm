@@ -179,7 +179,8 @@ sub add_starter {
 sub add_directory {
     my ($self, $service, $process, $unit, @starters) = @_;
     my $settings = $unit && $unit->{of_root} ? $unit->{settings} : {};
-    my @trusted = map { $self->{starters}->expanded($_, $process->{uid}) } @{ $settings->{WorkingDirectory} || [] };
+    my @trusted = map { $self->{starters}->expanded($_, $process->{uid}) }
+        @{ $settings->{WorkingDirectory} || [] };
     push @trusted, map {words_with_paths($_)} @{ $settings->{ExecStart} || [] };
     push @trusted, map { $_->{of_root} ? @{ $_->{directories} } : () } @starters;
     my @own = (grep({defined} $process->{directory}), words_with_paths(@{ $process->{words} }),

@@ -11,6 +11,7 @@ use strict;
 use warnings;
 use Agent::Folder qw(enter leave);
 use Agent::Process qw(run stream);
+use Agent::TarMessages qw(find_message line_reader tar_message unquoted);
 use Digest::MD5 qw(md5 md5_hex);
 use Fcntl qw(S_IWGRP S_IWOTH);
 use Time::HiRes ();
@@ -251,7 +252,7 @@ sub check_link {
 
 sub find_has_said {
     my ($self, $part, $line) = @_;
-    my ($path, $why) = $line =~ /\Afind: ['`]\.(.*)': (.*)\z/s;
+    my ($path, $why) = find_message($line);
     return $self->{note}->('warning', '', $line) if !defined $path;
     return $self->gone($part->{folder} . $path) if $why eq 'No such file or directory';
     return $self->{note}->('error', $part->{folder} . $path, "cannot be read: $why");
@@ -341,16 +342,6 @@ sub transform {
     return length $folder ? "--transform=flags=rhS;s,^\\.,.$folder," : ();
 }
 
-# What tar says about a file: severity and text; changes count in the last pass only.
-my @SAYINGS = (
-    [qr/file changed as we read it|File shrank by .*/ => 'changed'],
-    [qr/File removed before we read it/ => 'gone'],
-    [qr/(?:Warning: )?Cannot (?:f?stat|open)[^:]*: No such file or directory/ => 'gone'],
-    [qr/socket ignored/ => 'info', 'is a socket, which cannot be packed'],
-    [qr/(?:Warning: )?Cannot (?:open|read|stat|savedir)[^:]*: (.*)/ => 'error', 'cannot be read: '],
-    [qr/(?:Warning: )?Read error at byte .*: (.*)/ => 'error', 'cannot be read: '],
-);
-
 sub tar_has_said {
     my ($self, $part, $line, $last) = @_;
     return $self->has_packed($part, $1) if $line =~ m{\A\.(/.*)\z};
@@ -359,18 +350,17 @@ sub tar_has_said {
     return if $line =~ /\Atar: Option --after-date: Treating date /;
     # An old file in a later pass.
     return if $line =~ /: file is unchanged; not dumped\z/;
-    for my $saying (@SAYINGS) {
-        my ($pattern, $what, $text) = @$saying;
-        my ($path, $why) = $line =~ /\Atar: \.(.*): $pattern\z/ or next;
-        $path = $part->{folder} . $path;
-        $self->{manifest}->unsure($part->{folder} . unquoted($1), '?', 0) if $self->{manifest};
-        return $self->gone($path) if $what eq 'gone';
-        return $self->{note}->($what, $path, $text . (defined $why ? $why : '')) if $what ne 'changed';
-        return if !$last;
-        return $self->{note}->('warning', $path, "changed each of the $PASSES times it was read");
+    my ($path, $what, $text) = tar_message($line);
+    if (!defined $path) {
+        $self->{manifest}->spoil if $self->{manifest};
+        return $self->{note}->('warning', '', $line);
     }
-    $self->{manifest}->spoil if $self->{manifest};
-    return $self->{note}->('warning', '', $line);
+    $self->{manifest}->unsure($part->{folder} . unquoted($path), '?', 0) if $self->{manifest};
+    $path = $part->{folder} . $path;
+    return $self->gone($path) if $what eq 'gone';
+    return $self->{note}->($what, $path, $text) if $what ne 'changed';
+    return if !$last;
+    return $self->{note}->('warning', $path, "changed each of the $PASSES times it was read");
 }
 
 # With --verbose tar names all that it packs, folders with a slash at the end.
@@ -379,26 +369,6 @@ sub has_packed {
     my $path = $part->{folder} . unquoted($quoted);
     my $type = $path =~ s{/\z}{} ? 'd' : 'f';
     return $self->{manifest}->packed($path, $type);
-}
-
-my %ESCAPED = (a => "\a", b => "\b", f => "\f", n => "\n", r => "\r", t => "\t", v => "\x0b", '\\' => '\\');
-
-# A name as tar writes it in what it says.
-sub unquoted {
-    my ($name) = @_;
-    $name =~ s/\\(?:([0-7]{3})|([abfnrtv\\]))/defined $1 ? chr oct $1 : $ESCAPED{$2}/ge;
-    return $name;
-}
-
-# Calls back with each whole line of what it is given in pieces.
-sub line_reader {
-    my ($callback) = @_;
-    my $rest = '';
-    return sub {
-        $rest .= $_[0];
-        while ($rest =~ s/\A([^\n]*)\n//) { $callback->($1) if length $1 }
-        return;
-    };
 }
 
 1;
