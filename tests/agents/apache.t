@@ -4,6 +4,7 @@ use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Test::More;
+use Independent;
 use Imitated qw(imitated problem_texts);
 use Linux::Apache;
 
@@ -48,7 +49,7 @@ sub sites_of {
     return (\%sites, problem_texts($problems));
 }
 
-{
+test 'A virtual host is described with all that it has' => sub {
     my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(a/private media));
 <VirtualHost *:80>
     ServerName A.test:80
@@ -128,9 +129,9 @@ END
     is $site->{php_user}, 'ann', 'and account';
     is_deeply $site->{config}, ['/etc/apache2/sites-enabled/sites.conf'], 'and its configuration';
     is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
-}
+};
 
-{
+test 'Macros and definitions are worked out' => sub {
     my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(m1 m2 d));
 Define BASE /srv
 <Macro Site $name $n>
@@ -164,9 +165,9 @@ END
     is_deeply $sites->{'d.test'}{php_addresses}, ['127.0.0.1:9000'], 'or to PHP';
     is_deeply $problems, ['error /etc/apache2/sites-enabled/sites.conf: Line 10: uses the macro Missing, which is not defined'],
         'an unknown macro is a problem' or diag explain $problems;
-}
+};
 
-{
+test 'What is handed on leads to the servers behind it' => sub {
     my ($sites, $problems) = sites_of(<<'END');
 <Proxy balancer://app>
     BalancerMember unix:/run/app1.sock|http://localhost/ loadfactor=2
@@ -212,9 +213,9 @@ END
     is_deeply $sites->{'rewritten.test'}{redirects}, [], 'and are not told as such';
     is_deeply $sites->{'handled.test'}{proxies}, ['unix:/run/app2.sock|http://localhost'], 'a handler hands on, too';
     is_deeply $problems, [], 'without a problem' or diag explain $problems;
-}
+};
 
-{
+test 'VirtualDocumentRoot makes a site of each directory' => sub {
     my @folders = ('one', 'v/a.test/www', 'v/b.test/www', 'v/plain/www', 't/a/a.test');
     my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } @folders);
 <VirtualHost *:80>
@@ -231,9 +232,9 @@ END
         'parts of names lead to folders';
     is_deeply [map {/depends/ ? 1 : $_} @$problems], [1], 'what requests decide is a problem'
         or diag explain $problems;
-}
+};
 
-{
+test 'Mistakes cost no site and are named' => sub {
     my ($sites, $problems) = sites_of("<VirtualHost *:80>\nServerName ok.test\nDocumentRoot /srv/ok\n</VirtualHost>\n",
         'srv/ok/' => undef, 'srv/b/' => undef, 'srv/c/' => undef,
         'etc/apache2/sites-enabled/b.conf' => "<VirtualHost *:80>\n<Directory /x>\nServerName b.test\nDocumentRoot /srv/b\n"
@@ -254,47 +255,9 @@ END
         'error /etc/apache2/gone.conf: Cannot be read: No such file or directory (included by /etc/apache2/sites-enabled/g.conf)',
         'warning e.test: Document root /srv/e does not exist',
     ], 'and every one is named' or diag explain $problems;
-}
+};
 
-{
-    my ($tree, $problems) = imitated(
-        'etc/httpd/conf/httpd.conf' => <<'END',
-ServerRoot "/etc/httpd"
-Listen 80
-Include conf.modules.d/*.conf
-ServerName main.test
-DocumentRoot "/var/www/html"
-<IfModule alias_module>
-    ScriptAlias /cgi-bin/ "/var/www/cgi-bin/"
-</IfModule>
-IncludeOptional conf.d/*.conf
-END
-        'etc/httpd/modules' => \'../../usr/lib64/httpd/modules',
-        'etc/httpd/conf.modules.d/00-base.conf' => "LoadModule alias_module modules/mod_alias.so\n",
-        'etc/httpd/conf.modules.d/10-php.conf' => "<IfModule prefork.c>\nLoadModule php7_module modules/libphp7.so\n</IfModule>\n",
-        'etc/httpd/conf.d/ssl.conf' => "Listen 443 https\n<VirtualHost _default_:443>\nSSLEngine on\n"
-            . "SSLCertificateFile /etc/pki/tls/certs/localhost.crt\n</VirtualHost>\n",
-        'etc/httpd/conf.d/userdir.conf' => "<IfModule !absent.c>\nUserDir public_html\n</IfModule>\n",
-        'etc/httpd/conf.d/vhosts' => \'/srv/vhosts',
-            'etc/httpd/conf.d/all.conf' => "Include conf.d/vhosts/\n",
-        'srv/vhosts/deep/v.conf' => "<VirtualHost *:8080>\nServerName v.test\nDocumentRoot /srv/v\n</VirtualHost>\n",
-        'srv/v/' => undef, 'var/www/html/' => undef, 'var/www/cgi-bin/' => undef,
-            'home/ann/public_html/' => undef,
-    );
-    my %sites = map { $_->{name} => $_ } Linux::Apache::sites($tree, $problems);
-    is_deeply [sort keys %sites], [qw(default main.test v.test)],
-        'the main server serves the ports that are left';
-    is $sites{'main.test'}{root}, '/var/www/html', 'from its own folder';
-    is_deeply $sites{'main.test'}{roots}, ['/var/www/html', '/var/www/cgi-bin'], 'and others';
-    is $sites{default}{root}, '/var/www/html', 'which hosts without one take over';
-    is $sites{'v.test'}{root}, '/srv/v', 'folders are included with all below';
-    is $sites{'v.test'}{php_module}, 1, 'PHP may be a module';
-    is_deeply problem_texts($problems), ['error /etc/httpd/conf/httpd.conf: 1 folders of users served as /~user'
-        . ' are no sites and are left out; copy them by hand: /home/ann/public_html'], 'folders of users are mentioned'
-        or diag explain problem_texts($problems);
-}
-
-{
+test 'A directory that all sites serve comes with each of them' => sub {
     my $hosts = join '', "Alias /all /srv/all\nAlias /in /srv/a/in\nAlias /empty /srv/empty\nAlias /gone /srv/gone\n",
         "<VirtualHost *>\nServerName a.test\nDocumentRoot /srv/a\n</VirtualHost>\n";
     my ($sites, $problems) = sites_of($hosts, 'srv/all/page' => 'x', 'srv/a/in/page' => 'x', 'srv/empty/' => undef,
@@ -302,9 +265,9 @@ END
     is_deeply $sites->{'a.test'}{roots}, ['/srv/a'], 'what all sites serve is no folder of one';
     is_deeply $sites->{'a.test'}{common}, ['/srv/all'], 'but one that it comes with';
     is_deeply $problems, [], 'without a problem' or diag explain $problems;
-}
+};
 
-{
+test 'Sections for modules and versions count as the server takes them' => sub {
     my @cases = ('IfModule mod_version.c', 'IfModule log_config_module', 'IfModule !mod_ssl.c', 'IfVersion >= 2.4.6',
         'IfVersion < 2.4.6');
     my $hosts = join '', map {"<$cases[$_]>\n<VirtualHost *:80>\nServerName $_.test\nDocumentRoot /srv/a\n</VirtualHost>\n</"
@@ -312,9 +275,9 @@ END
     my ($sites, $problems) = sites_of($hosts, 'srv/a/' => undef);
     is_deeply [sort keys %$sites], [qw(0.test 1.test 3.test)], 'modules that are built in and late releases count';
     is_deeply $problems, [], 'without a problem';
-}
+};
 
-{
+test 'What an expression leads to is named' => sub {
     my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(a/in u/ann m/x));
 <VirtualHost *:80>
     ServerName a.test
@@ -334,9 +297,9 @@ END
         'error /etc/apache2/apache2.conf: 1 folders of users served as /~user are no sites and are left out; copy'
             . ' them by hand: /srv/u/ann',
     ], 'but named' or diag explain $problems;
-}
+};
 
-{
+test 'Hosts of one name may differ in root and certificates' => sub {
     my ($sites, $problems) = sites_of(<<'END', 'srv/robots' => 'x', map { ("srv/$_/" => undef) } qw(a b));
 <VirtualHost *:80>
     ServerName a.test
@@ -376,21 +339,9 @@ END
     is_deeply $sites->{'moved.test'}{tls}, { map { $_ => '/etc/apache2/ssl/all.pem' } qw(certificate key) },
         'a host without a certificate has that of all';
     is_deeply $problems, [], 'without a problem';
-}
+};
 
-{
-    my ($tree, $problems) = imitated(
-        'etc/apache2/apache2.conf' => "ServerRoot \"/opt/web\"\nListen 80\nDocumentRoot docs\nInclude hosts.conf\n",
-        'opt/web/hosts.conf' => "<VirtualHost _default_:80>\nServerName r.test\nDocumentRoot r\n</VirtualHost>\n",
-        'opt/web/docs/' => undef, 'opt/web/r/' => undef,
-    );
-    my @sites = Linux::Apache::sites($tree, $problems);
-    is_deeply [map {"$_->{name} $_->{root} $_->{listen}[0]{address}"} @sites], ['r.test /opt/web/r *'],
-        'relative paths start at ServerRoot, and _default_ takes what comes to any address' or diag explain \@sites;
-    is_deeply problem_texts($problems), [], 'without a problem';
-}
-
-{
+test 'Settings of PHP are those of the sections that cover the document root' => sub {
     my ($sites) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(a/in b c));
 php_value memory_limit 1M
 php_admin_value open_basedir /srv
@@ -440,12 +391,6 @@ END
         'a site has the settings of the sections that hold for all of its directory, as they win'
         or diag explain $sites->{'a.test'}{module_settings};
     is_deeply $sites->{'c.test'}{module_settings}, { %of_all, memory_limit => '1M' }, 'and no others';
-}
-
-{
-    my ($tree, $problems) = imitated('etc/passwd' => '');
-    is_deeply [Linux::Apache::sites($tree, $problems)], [], 'a system without Apache has no sites';
-    is $problems->count, 0, 'and no problem';
-}
+};
 
 done_testing;

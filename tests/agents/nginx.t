@@ -4,6 +4,7 @@ use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Test::More;
+use Independent;
 use Imitated qw(imitated problem_texts);
 use Linux::Nginx;
 
@@ -30,7 +31,7 @@ sub sites_of {
     return (\%sites, problem_texts($problems));
 }
 
-{
+test 'A server block is described with all that it has' => sub {
     my ($sites, $problems) = sites_of(<<'END', 'srv/a/sub/' => undef, 'srv/media/' => undef);
 server {
     listen 80;
@@ -89,9 +90,9 @@ END
     is_deeply $site->{logs}, ['/var/log/nginx/a.error'], 'logs of its own';
     is_deeply $site->{config}, ['/etc/nginx/sites-enabled/sites'], 'and configuration';
     is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
-}
+};
 
-{
+test 'Blocks of a site are joined by their names' => sub {
     my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(a b c d x y));
 server { server_name a.test b.test c.test; return 301 https://$host$request_uri; }
 server { server_name a.test; root /srv/a; }
@@ -112,9 +113,9 @@ END
     is $sites->{'away.test'}{root}, undef, 'a site may be only a redirect';
     is_deeply $problems, ['info /etc/nginx/sites-enabled/sites: Line 10: has neither a name nor content and is left out'],
         'a server that refuses is mentioned' or diag explain $problems;
-}
+};
 
-{
+test 'Variables are followed where the configuration decides them' => sub {
     my ($sites, $problems) = sites_of(<<'END',
 map $host $folder { hostnames; default none; m.test mm; *.map.test wild; ~^r(.)\.test$ regex; }
 map $http_host $other { default /srv/other; }
@@ -158,9 +159,9 @@ END
     is_deeply $sites->{'u.test'}{roots}, [], 'a folder that only a request decides is not taken';
     is_deeply $problems, ['error u.test: The folder /srv/$arg_x/y (/etc/nginx/sites-enabled/sites line 14)'
         . ' depends on the request and was not found: copy by hand what is served from it'], 'but a problem' or diag explain $problems;
-}
+};
 
-{
+test 'A server without a name or a root has those of nginx' => sub {
     my @folders = ('usr/share/nginx/html/' => undef, 'var/www/html/' => undef, 'srv/o/' => undef);
     my ($sites, $problems) = sites_of(<<'END', @folders);
 server { listen 80 default_server; server_name _; root /var/www/html; }
@@ -179,9 +180,9 @@ END
         'a point in front means the name and all below';
     is_deeply $sites->{'~^a{1,2}\.test$'}{roots}, [], 'a missing root is not taken';
     is_deeply $problems, ['warning ~^a{1,2}\.test$: Document root /srv/missing does not exist'], 'but named';
-}
+};
 
-{
+test 'Mistakes cost no site and are named' => sub {
     my ($sites, $problems) = sites_of("server { server_name ok.test; root /srv/ok; }\n", 'srv/ok/' => undef,
         'srv/b/' => undef, 'srv/c/' => undef, 'srv/d/' => undef, 'srv/e/' => undef,
         'etc/nginx/conf.d/b.conf' => "server {\n  root /srv/b\n  server_name b.test;\n}\n}\n",
@@ -201,9 +202,9 @@ END
         'error /etc/nginx/conf.d/f.conf: Cannot be read: No such file or directory (included by /etc/nginx/nginx.conf)',
         'warning /etc/nginx/conf.d/l.conf: Line 6: includes /etc/nginx/conf.d/l.conf, which includes itself',
     ], 'and every one is named' or diag explain $problems;
-}
+};
 
-{
+test 'Directories of the system are no roots' => sub {
     my ($sites, $problems) = sites_of("server { server_name all.test; root /; }\nserver { server_name up.test;\n"
         . "root /srv/link; location /x { root /srv/x; }\n}\n", 'srv/link' => \'..', 'srv/x/' => undef);
     is_deeply [map { $sites->{$_}{roots} } qw(all.test up.test)], [[], ['/srv/x']],
@@ -211,9 +212,9 @@ END
     is_deeply $problems, ['error all.test: Document root / is a folder of the system and is left out',
         'error up.test: Document root /srv/link is a folder of the system and is left out'],
             'but a problem says so';
-}
+};
 
-{
+test 'The directory of the main location is the document root' => sub {
     my ($sites, $problems) = sites_of(<<'END', map { ("$_/" => undef) } qw(srv/a srv/b srv/c usr/share/nginx/html));
 server { server_name a.test; location / { root /srv/a; index index.html; } location = /50x.html { root /usr/share/nginx/html; } }
 server { server_name b.test; location ^~ / { alias /srv/b/; } }
@@ -227,9 +228,9 @@ END
         'packaged.test' => [('/usr/share/nginx/html') x 2], 'part.test' => [undef, '/srv/c'],
     }, 'the folder of the location of everything is the document root' or diag explain \%found;
     is_deeply $problems, [], 'without a problem';
-}
+};
 
-{
+test 'Blocks that are not closed or not known are named' => sub {
     my ($sites, $problems) = sites_of("upstream x {\n server 127.0.0.1:1;\nserver { server_name a.test; root /srv/a; }\n",
         'etc/nginx/conf.d/mark.conf' => "\xef\xbb\xbfserver { server_name b.test; root /srv/a; }\n",
         'etc/nginx/conf.d/wrong.conf' => "serverr { server_name c.test; root /srv/a; }\ngeo \$x { default 1; }\n",
@@ -241,9 +242,9 @@ END
         'error /etc/nginx/conf.d/wrong.conf: Line 1: the block "serverr" is not known and is left out: correct its name'
             . ' and dump again',
     ], 'or a block that is left out is named' or diag explain $problems;
-}
+};
 
-{
+test 'Rules of access are taken over from "http"' => sub {
     my ($sites) = sites_of(<<'END', 'srv/a/' => undef);
 auth_basic "Closed"; auth_basic_user_file all; allow 10.0.0.0/8; deny all;
 server { server_name a.test; root /srv/a; }
@@ -254,9 +255,9 @@ END
     is_deeply [map { $_->{rule} } @{ $sites->{'b.test'}{access} }], ['auth_basic off', 'deny 10.0.0.1'],
         'unless it has its own';
     is_deeply $sites->{'a.test'}{files}, ['/etc/nginx/all'], 'with the file of passwords';
-}
+};
 
-{
+test 'A site may have several certificates' => sub {
     my ($sites) = sites_of(<<'END', 'srv/a/' => undef, 'srv/robots' => 'x', 'etc/nginx/ca.pem' => 'x');
 ssl_certificate of-all.pem; ssl_certificate_key of-all.key;
 server {
@@ -275,9 +276,9 @@ END
         ca.pem dh.pem passwords)], 'and it needs all of them, what goes with them, and single files';
     is_deeply $site->{roots}, ['/srv/a'], 'which are no roots';
     is $sites->{'b.test'}{tls}{key}, '/etc/nginx/of-all.key', 'a server without one has that of all';
-}
+};
 
-{
+test 'A block with the names of several sites is part of each' => sub {
     my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } qw(a b));
 server { listen 80; server_name a.test b.test c.test; proxy_pass x; location / { proxy_pass http://127.0.0.1:1; } }
 server { listen 443; server_name b.test; root /srv/b; return 301 https://x.test; location / { root /srv/b; } }
@@ -293,18 +294,18 @@ END
         'the block that serves several of them is part of each';
     is_deeply [map { $_->{port} } @{ $sites->{'b.test'}{listen} }], [444, 80, 443], 'with its addresses';
     is_deeply $sites->{'a.test'}{redirects}, [], 'redirects are of the site that has them';
-}
+};
 
-{
+test 'A system without nginx has no sites' => sub {
     my ($tree, $problems) = imitated('etc/passwd' => '');
     is_deeply [Linux::Nginx::sites($tree, $problems)], [], 'a system without nginx has no sites';
     is $problems->count, 0, 'and no problem';
     ($tree, $problems) = imitated('etc/nginx/nginx.conf/' => undef);
     is_deeply [Linux::Nginx::sites($tree, $problems)], [], 'a main file that cannot be read has none';
     is $problems->count('error'), 1, 'and a problem';
-}
+};
 
-{
+test 'What hands on connections is named and no site' => sub {
     my ($tree, $problems) = imitated('etc/nginx/nginx.conf' => <<'END', 'srv/a/' => undef);
 http { server { server_name a.test; root /srv/a; } }
 stream {
@@ -321,6 +322,6 @@ END
             . ' are described under web-configuration, and their files are in the archive of the settings: set them up on the'
             . ' new host by hand, with what stands behind them'
     } [2, 'stream', '5432, 127.0.0.1:6000'], [7, 'mail', '143']], 'and is named' or diag explain problem_texts($problems);
-}
+};
 
 done_testing;

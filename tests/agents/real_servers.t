@@ -5,6 +5,7 @@ use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Test::More;
+use Independent;
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
 use IO::Socket::INET;
@@ -76,7 +77,7 @@ sub written_for_apache {
     } @directives;
 }
 
-{
+test 'The sites of nginx are those that it serves' => sub {
     my $port = free_port();
     my $folder = folder_with(qw(a b-inner c/h1.test c/h2.test set/x/y mapped wild regex mass/m1.test mass/m2.test
         quoted/in default location alias));
@@ -135,9 +136,9 @@ END
                 'q.test' => "$folder/quoted/in", 'M1.TEST' => "$folder/mass/m1.test", 'e.test' => 'a "b" \\ \\d it\'s' });
         });
     }
-}
+};
 
-{
+test 'The sites of Apache are those that it serves' => sub {
     my $port = free_port();
     my $folder = folder_with('with blank',
         qw(a b main v/v1.test v/v2.test w/x/x.w.test conditional macro/one));
@@ -238,7 +239,7 @@ END
                 'x.test' => q(http://a.test/x\\y'z) });
         });
     }
-}
+};
 
 # The settings that PHP itself sees, asked from a script in the document root.
 sub php_settings {
@@ -263,7 +264,7 @@ sub settings_agree {
     return;
 }
 
-{
+test 'Apache runs PHP with the settings that a site has' => sub {
     my $port = free_port();
     my $folder = folder_with(qw(a.test b.test home/ann/public_html));
     my ($php) = glob '/etc/apache2/mods-available/php*.load';
@@ -334,9 +335,9 @@ END
         settings_agree($port, $folder, @sites);
     });
     is_deeply problem_texts($problems), [], 'without a problem' or diag explain problem_texts($problems);
-}
+};
 
-{
+test 'PHP-FPM runs with the settings that a site has' => sub {
     my ($port, $php_port) = (free_port(), free_port());
     my $folder = folder_with(qw(c.test));
     my ($program) = glob '/usr/sbin/php-fpm?.?';
@@ -391,6 +392,6 @@ END
             settings_agree($port, $folder, $site);
         });
     });
-}
+};
 
 done_testing;

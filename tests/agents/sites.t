@@ -4,14 +4,11 @@ use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Test::More;
-use Time::HiRes ();
-use Agent::Process qw(run);
+use Independent;
 use Imitated qw(imitated problem_texts);
 use Linux::Php;
-use Linux::Resellers;
 use Linux::Sites;
 use Linux::System;
-use Linux::Tls;
 use Linux::Users;
 
 my $PASSWD = <<'END';
@@ -33,7 +30,7 @@ sub sites_in {
     return (\%sites, problem_texts($problems), $tree);
 }
 
-{
+test 'Accounts have their facts' => sub {
     my ($tree) = imitated('etc/passwd' => $PASSWD, 'etc/group' => $GROUP);
     my $users = Linux::Users->new($tree);
     is_deeply [map { $_->{name} } $users->all], [qw(root www-data ann ann2 bob cid nobody)],
@@ -51,9 +48,9 @@ sub sites_in {
         'etc/login.defs' => "UID_MIN\t500\n");
     $users = Linux::Users->new($old);
     is $users->is_system($users->by_name('joe')), 0, 'old systems begin with lower numbers';
-}
+};
 
-{
+test 'Every site has an owner and its PHP' => sub {
     my ($sites, $problems) = sites_in(
         'etc/nginx/nginx.conf' => <<'END',
 http {
@@ -143,9 +140,9 @@ END
         'warning gone.test: Document root /home/bob/sites/gone does not exist',
         'error link.test: The file /etc/nginx/gone.passwd cannot be found: No such file or directory',
     ], 'what is missing is named' or diag explain $problems;
-}
+};
 
-{
+test 'The layout of the Red Hat family is known' => sub {
     my ($sites, $problems, $tree) = sites_in(
         'etc/os-release' => qq(NAME="Rocky Linux"\nVERSION_ID="8.9"\nID="rocky"\nID_LIKE="rhel centos fedora"\n),
         'etc/nginx/nginx.conf' => "http {\n include /etc/nginx/conf.d/*.conf;\n server {\n listen 80;\n server_name _;\n"
@@ -175,9 +172,9 @@ END
         { id => 'rocky', name => 'Rocky Linux', version => '8.9', family => 'redhat' },
             'the distribution is known');
     is_deeply [Linux::Php::versions($tree)], ['8.1'], 'versions of PHP are seen';
-}
+};
 
-{
+test 'Pools are found at all kinds of addresses' => sub {
     my ($sites, $problems) = sites_in(
         'etc/nginx/nginx.conf' => <<'END',
 http {
@@ -195,9 +192,9 @@ END
         'pools are found in the main file, in what it includes and at all kinds of addresses';
     is $sites->{'b.test'}{owner}, 'bob', 'with their accounts';
     is_deeply $problems, [], 'without a problem';
-}
+};
 
-{
+test 'The sites behind a block with all their names stay sites' => sub {
     my ($sites, $problems) = sites_in(
         'etc/nginx/nginx.conf' => <<'END',
 http {
@@ -241,9 +238,9 @@ END
     is_deeply [map {"$_->{directive}{name} $_->{directive}{line}"} @{ $sites->{'blog.test'}{blocks} }],
         ['server 3', 'server 2', 'virtualhost 13'], 'and no others';
     is_deeply $problems, [], 'without a problem';
-}
+};
 
-{
+test 'Settings of PHP come from pools, files and requests' => sub {
     my ($sites, $problems) = sites_in(
         'etc/nginx/nginx.conf' => <<'END',
 http {
@@ -279,22 +276,9 @@ END
     is_deeply $sites->{'b.test'}{config}, [map {"/etc/$_"} qw(nginx/nginx.conf php/8.2/fpm/pool.d/all.conf
         php/8.2/fpm/of-all.inc)], 'and the files that make it are those of the site';
     is_deeply $problems, [], 'without a problem';
-}
+};
 
-{
-    my ($centos) = imitated('etc/redhat-release' => "CentOS release 6.10 (Final)\n");
-    is_deeply(Linux::System::distribution($centos), { id => 'redhat', name => 'CentOS', version => '6.10',
-        family => 'redhat' },
-        'old members of the Red Hat family are known');
-    my ($ubuntu) = imitated('usr/lib/os-release' => "ID=ubuntu\nNAME='Ubuntu'\nVERSION_ID=22.04\nID_LIKE=debian\n");
-    is(Linux::System::distribution($ubuntu)->{family}, 'debian', 'Ubuntu is of the Debian family');
-    my ($debian) = imitated('etc/debian_version' => "6.0.10\n");
-    is(Linux::System::distribution($debian)->{version}, '6.0.10', 'old releases of Debian are known');
-    my ($other) = imitated('etc/os-release' => "ID=void\n");
-    is(Linux::System::distribution($other)->{family}, 'other', 'others are others');
-}
-
-{
+test 'A plain account finds what it may see, and the rest is named' => sub {
     my ($tree, $problems) = imitated('etc/passwd' => $PASSWD, 'etc/nginx/nginx.conf' => <<'END',
 http {
     include sites/*;
@@ -325,51 +309,9 @@ END
         'error a.test: Document root /home/ann/www cannot be read: Permission denied',
         'error a.test: The file /etc/nginx/a.key may not be read',
     ], 'what it may not see is named' or diag explain problem_texts($problems);
-}
+};
 
-my $facts = Linux::System::facts(Linux::Tree->new);
-ok $facts->{$_}, "the host has: $_" for qw(hostname kernel architecture processors perl);
-cmp_ok $facts->{memory}{total}, '>', 1 << 20, 'memory is given in bytes';
-ok((grep { $_->{mount} eq '/' && $_->{free} > 0 && $_->{bytes} >= $_->{free} } @{ $facts->{filesystems} })
-    || !run(['findmnt', '-n', '/'])->{out}, 'file systems have their free space')
-        or diag explain $facts->{filesystems};
-like $facts->{tools}{tar}, qr{/tar\z}, 'tools are found';
-
-{
-    my ($tree, $problems) = imitated('etc/sondrel/resellers' => <<'END');
-# who sells for whom
-big: ann, bob
-small: cid bob # one too many
-no colon
-END
-    is_deeply(Linux::Resellers::map_of($tree, $problems), { ann => 'big', bob => 'big', cid => 'small' },
-        'users have their resellers');
-    is_deeply problem_texts($problems), ['warning /etc/sondrel/resellers: Line 3: bob already belongs to big, and stays there',
-        'error /etc/sondrel/resellers: Line 4: expected "reseller: user ...", the line is left out'], 'mistakes are named';
-    ($tree, $problems) = imitated('etc/passwd' => '');
-    is_deeply(Linux::Resellers::map_of($tree, $problems), {}, 'without the file there are none');
-}
-
-{
-    my ($tree) = imitated('etc/ssl/bad.pem' => "no certificate\n", 'etc/ssl/here' => '');
-    my $made = run(['openssl', 'req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:prime256v1',
-        '-nodes',
-        '-keyout', '/dev/null', '-out', $tree->path('/etc/ssl/a.pem'), '-days', '30', '-subj',
-            '/O=A, B/CN=a.test',
-        '-addext', 'subjectAltName=DNS:a.test,DNS:*.a.test,IP:10.0.0.1']);
-    is $made->{status}, 0, 'a certificate is made' or diag $made->{err};
-    my $certificate = Linux::Tls::facts($tree, '/etc/ssl/a.pem');
-    is_deeply $certificate->{names}, ['a.test', '*.a.test', '10.0.0.1'], 'a certificate has its names';
-    is $certificate->{subject}, 'CN=a.test,O=A\, B', 'its subject';
-    is $certificate->{until} - $certificate->{from}, 30 * 86400, 'and its time';
-    cmp_ok abs($certificate->{from} - time), '<', 3600, 'in seconds since 1970';
-    is((Linux::Tls::facts($tree, '/etc/ssl/bad.pem'))[1], 'openssl cannot read it as a certificate',
-        'no certificate is named');
-    is((Linux::Tls::facts($tree, '/etc/ssl/gone'))[1], 'cannot be read: No such file or directory',
-        'a missing one, too');
-}
-
-{
+test 'Thousands of sites are found in a short time' => sub {
     my $many = join '', map {
         "server { listen 80; server_name n$_.test www.n$_.test; return 301 https://n$_.test; }\n"
             . "server { listen 443 ssl; server_name n$_.test; root /srv/n/$_; include snippet.conf; }\n"
@@ -389,9 +331,9 @@ END
     is scalar @sites, 2000, 'all of them';
     cmp_ok $breaths, '>=', 1, 'while other work is not kept waiting';
     is $problems->count, 0, 'without a problem';
-}
+};
 
-{
+test 'What .htaccess says and the record does not is named' => sub {
     my ($tree, $problems) = imitated(
         'etc/passwd' => "ann:x:4711:4711::/home/ann:/bin/sh\n",
         'etc/apache2/apache2.conf' => join('', map {"<VirtualHost *:80>\nServerName $_.test\n"
@@ -409,6 +351,6 @@ END
             . ' by hand',
     ], 'what .htaccess says and the record does not is named' or diag explain problem_texts($problems);
     is_deeply $site->{files}, [], 'and makes no other file a part of the site';
-}
+};
 
 done_testing;

@@ -4,6 +4,7 @@ use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Test::More;
+use Independent;
 use Agent::Process qw(run);
 use Agent::Xml qw(element document);
 use Imitated qw(imitated problem_texts);
@@ -37,7 +38,7 @@ sub uses_of {
         qq{string(//directive[\@id="$_"]/arg[1])}) } @ids;
 }
 
-{
+test 'The configuration of nginx is in the document as it is in force' => sub {
     my ($web, $problems) = described(
         'etc/nginx/nginx.conf' => <<'END',
 user www-data;
@@ -113,10 +114,10 @@ END
     is found('count(//web-configuration//directive[@name="server" and @block])'), 0,
         'the rest of the configuration is without the blocks of sites';
     is found('string(//web-configuration//directive[@name="gzip"]/arg)'), 'on', 'but whole';
-}
+};
 
 my $modules = join '', map {"LoadModule ${_}_module /usr/lib/apache2/modules/mod_$_.so\n"} qw(macro ssl);
-{
+test 'The configuration of Apache is in the document as it is in force' => sub {
     my ($web, $problems) = described(
         'etc/apache2/apache2.conf' => $modules . <<'END',
 Listen 80
@@ -188,6 +189,6 @@ END
     is found('count(//web-configuration//directive[@name="virtualhost" or @name="macro"])'), 0,
         'the rest is without virtual hosts';
     is found('string(//web-configuration/directive[@name="listen"]/arg)'), 80, 'but whole';
-}
+};
 
 done_testing;
