@@ -1,0 +1,112 @@
+# Dumps after another, at the same time, and such as do not end as they should.
+use strict;
+use warnings;
+use FindBin;
+use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use Test::More;
+use Independent;
+use Agent::Kept;
+use Agent::Problems;
+use Agent::Process qw(run);
+use DumpedHost;
+use Imitated qw(rest);
+use Linux::Content;
+use Linux::ContentList;
+use Linux::Dump;
+
+test 'A second dump makes what has changed or is gone' => sub {
+    rest();
+    dumped('', '--dump-all');
+    my $first = inodes();
+    open my $page, '>>', $tree->path('/home/alice/app/public/index.php') or die $!;
+    print $page 'changed';
+    close $page;
+    rest();
+    unlink "$dir/content/sites/c.test.tar.gz" or die $!;
+    dumped('', '--dump-all');
+    my $second = inodes();
+    my @made = grep { ($first->{$_} || '') ne $second->{$_} } sort keys %$second;
+    is_deeply \@made, [qw(content/sites/a.test.tar.gz content/sites/c.test.tar.gz)],
+        'a second dump makes what has changed or is gone';
+    is run(['tar', '-xOf', "$dir/content/sites/a.test.tar.gz", './home/alice/app/public/index.php'])->{out},
+        'indexchanged', 'as it is now';
+    open my $archive, '>>', "$dir/content/sites/b.test.tar.gz" or die $!;
+    print $archive 'x';
+    close $archive;
+    ok !eval { Linux::ContentList::text_of($private); 1 }, 'an archive that was touched is not listed as good';
+    dumped('', '--dump-all');
+    is run(['gzip', '-t', "$dir/content/sites/b.test.tar.gz"])->{status}, 0, 'and made again';
+};
+
+test 'A failure is a problem of its object whatever its text' => sub {
+    my $problems = Agent::Problems->new;
+    my $content = Linux::Content->new(problems => $problems);
+    ok eval { $content->attempt({ kind => 'site', label => 'a.test' }, sub { die "Ended by chance\n" }); 1 },
+        'a failure is a problem of its object whatever its text';
+    is $problems->count('error'), 1, 'which is named';
+};
+
+test 'The status is there before anything is looked at' => sub {
+    dumped('', '--no-content');
+    my ($before, $stage, $pid);
+    no warnings 'redefine';
+    my $look = \&Linux::Inventory::new;
+    local *Linux::Inventory::new = sub {
+        ($stage, $pid) = map { found("string(/dumping-status/\@$_)", "$dir/dumping-status.xml") } qw(stage pid);
+        $before = -e "$dir/dump.xml";
+        return $look->(@_);
+    };
+    unlink "$dir/dumping-status.xml" or die $!;
+    dumped('', '--dump-all', '--no-content');
+    is_deeply [$stage, $pid, $before], ['inventory', $$, undef],
+        'before anything is looked at the status is there, and the dump before is not';
+};
+
+test 'A second dump at the same time is refused' => sub {
+    my $lock = Linux::Dump::take_lock($private);
+    ok !eval { dumped('', '--dump-all'); 1 }, 'a second dump at the same time is refused';
+    ok !eval { Linux::ContentList::text_of($private); 1 }, 'so is the list of an unfinished one';
+};
+
+test 'There is no list of a dump that was not completed' => sub {
+    Agent::Kept->new($private)->begin;
+    ok !eval { Linux::ContentList::text_of($private); 1 }, 'there is no list of a dump that was not completed';
+    like $@, qr/no complete dump/, 'and it says so';
+};
+
+test 'A dump that is told to end leaves nothing half done' => sub {
+    # Without archives that could be taken over.
+    dumped('', '--no-content');
+    my $child = fork;
+    die $! if !defined $child;
+    if (!$child) {
+        $SIG{TERM} = sub { die $Agent::Status::ended = "Ended by SIGTERM\n" };
+        no warnings 'redefine';
+        my $pack = \&Agent::Tar::pack;
+        my $count = 0;
+        *Agent::Tar::pack = sub { kill TERM => $$ if ++$count == 3; eval { $pack->(@_); 1 } or die $@ };
+        eval { dumped('', '--dump-all'); };
+        require POSIX;
+        POSIX::_exit($@ =~ /\AEnded by SIGTERM/ ? 7 : 1);
+    }
+    waitpid $child, 0;
+    is $? >> 8, 7, 'a dump that is told to end does so';
+    is found('string(/dumping-status/@stage)', "$dir/dumping-status.xml"), 'failed', 'and says that it has failed';
+    is_deeply [grep {/\.new\z/} @{ files() }], [], 'without leaving half an archive';
+    ok !-e "$dir/dump.xml", 'or a dump';
+    my $kept = inodes();
+    rest();
+    dumped('', '--dump-all');
+    my $after = inodes();
+    is_deeply [grep { $after->{$_} ne $kept->{$_} } keys %$kept], [], 'the next one goes on from there';
+    is_deeply files(), \@EVERYTHING, 'to the end';
+};
+
+test 'No file of a dump is open to others' => sub {
+    dumped('', '--dump-all');
+    my @modes = map { sprintf '%o', (lstat)[2] & 07777 } map {"$dir/$_"} @{ files() }, 'dump.xml', 'dumping-status.xml',
+        'state', 'lock', 'key';
+    is_deeply [grep { $_ ne '600' } @modes], [], 'no file is open to others';
+};
+
+done_testing;
