@@ -19,7 +19,7 @@ from web_world import World, directive, ended, server, site
 
 LIVE = "/etc/letsencrypt/live/a.test"
 ARCHIVE = "/etc/letsencrypt/archive/a.test"
-TLS = f'<tls certificate="{LIVE}/fullchain.pem" key="{LIVE}/privkey.pem"/>'
+TLS = f'<tls certificate="{LIVE}/fullchain.pem" key="{LIVE}/privkey.pem"><renewal program="certbot" name="a.test"/></tls>'
 BLOCK = server(
     directive("listen", "443", "ssl"),
     directive("server_name", "a.test"),
@@ -101,7 +101,9 @@ def test_a_site_has_its_certificate_and_a_renewed_one_is_taken_over(world: World
     before = snapshot("/etc/nginx")
     certificate, key = pair()
     described(world, certificate, key)
-    assert [item.state for item in world.plan(Certificate, Nginx).items] == [State.MAKE, State.MAKE]
+    plan = world.plan(Certificate, Nginx)
+    assert [item.state for item in plan.items] == [State.MAKE, State.MAKE]
+    assert "renewal by certbot is not set up" in plan.items[0].says
     assert not world.apply(Certificate, Nginx).failed
     assert ask("127.0.0.1", Request("a.test", 443, True, "/")).title == "site a"
     assert served().strip() == certificate.decode().strip()

@@ -83,10 +83,11 @@ class Certificate(ConfigKind):
         if not files:
             return dataclasses.replace(base, files={f"{directory}/none": b""}, impossible=notes[0])
         why = _do_not_fit(restore.host, site, found)
-        notes += [why] if why else []
-        notes += [f"renewal by {renewal.get('program')} is not set up: see the archive, and run the program once here"
-                  for renewal in site.iterfind("tls/renewal")]
-        says = f"{len(files)} files of certificates, keys and passwords" + (f"; {why}" if why else "")
+        warnings = [why] if why else []
+        warnings += [f"renewal by {renewal.get('program')} is not set up: see the archive, and run the program once here"
+                     for renewal in site.iterfind("tls/renewal")]
+        notes += warnings
+        says = "; ".join([f"{len(files)} files of certificates, keys and passwords", *warnings])
         return dataclasses.replace(base, says=says, files=files, modes=modes, notes=tuple(notes),
                                    facts={"source": source, "here": here, "passwords": sorted(
                                        here[each.path] for each in named
