@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-/// True for a cipher that authenticates by itself.
+/// True for an authenticating cipher, which needs no separate sum of each packet.
 bool isGcmCipher(const std::string& cipher);
 
 /// Learns which ciphers a peer offers from the first that it says, as that comes in: its greeting
@@ -19,7 +19,7 @@ class CipherOffer {
   /// The same from the server to the client.
   const std::vector<std::string>& toClient() const { return toClient_; }
   /// True when a client that prefers the ciphers in this order, both ways, gets from this server
-  /// one that authenticates by itself for one way only.
+  /// an authenticating one for one direction only.
   bool makesMixedPairOf(const std::vector<std::string>& preferred) const;
 
  private:

@@ -25,8 +25,8 @@ struct HostKeyRules {
   std::string file;
 };
 
-/// Decides whether the server at the other end is the one it should be. To be asked
-/// before anything secret is sent to it.
+/// Decides whether the server at the other end is the one it should be. The caller must ask
+/// before it sends anything secret.
 class HostKeyCheck {
  public:
   /// Reads the file, if it is needed. Throws SshHostKeyRejected when it cannot.
@@ -34,7 +34,7 @@ class HostKeyCheck {
 
   /// The kinds of keys to ask the server for: those that it is known by. Empty for any.
   std::vector<std::string> types() const;
-  /// Returns for a key that is to be trusted, which is then in the file unless keys are
+  /// Returns for a trusted key, which is then in the file unless keys are
   /// ignored. Throws SshHostKeyRejected for any other one.
   void check(const HostKey& key);
 

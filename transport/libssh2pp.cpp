@@ -14,7 +14,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// The signal mask of the process, but with SIGALRM let in.
+/// The signal mask of the process, but with SIGALRM unblocked.
 sigset_t maskLettingAlarmIn() {
   sigset_t mask;
   sigprocmask(SIG_SETMASK, nullptr, &mask);
@@ -109,12 +109,12 @@ void Connection::waitForSocket(short events, int timeoutMs) {
   pollfd socket = {socket_, events, 0};
   const timespec limit = {timeoutMs / 1000, (timeoutMs % 1000) * 1000000L};
   const sigset_t mask = maskLettingAlarmIn();
-  // Whatever ends the wait, a signal included, the caller looks at what there is.
+  // The caller checks what there is, whatever ended the wait; a signal can, too.
   ppoll(&socket, 1, &limit, &mask);
 }
 
 void Connection::waitUntilReady() {
-  // Bounds what a wake-up costs that came while the channel was looked at.
+  // Limits the delay when the wake-up came while the caller checked the channel.
   constexpr int LIMIT_MS = 1000;
   waitForSocket(static_cast<short>(POLLIN | POLLRDHUP | (isSendPending() ? POLLOUT : 0)), LIMIT_MS);
 }

@@ -25,19 +25,18 @@ struct CallbackData {
   const std::string* promptAnswer = nullptr;
   /// Bytes that may still be received; beyond them it is as if nothing had come.
   std::size_t allowance = UNLIMITED;
-  /// Nothing more is to be received ever.
+  /// The connection is lost: no further byte is received.
   bool lost = false;
-  /// The ciphers that are preferred both ways, where one that authenticates by itself is among
-  /// them; else none.
+  /// The ciphers that are preferred in both directions, if an authenticating one is among them;
+  /// else none.
   std::vector<std::string> ciphers = {};
   CipherOffer offer = {};
-  /// The server would choose one that authenticates by itself for one way, and another one for the
-  /// other.
+  /// The server would choose an authenticating cipher for one direction only.
   bool isPairMixed = false;
 };
 
 constexpr unsigned int PACKET_BYTES = 16384;
-/// How long a farewell waits for the peer's.
+/// How long closing waits for the peer's close message.
 constexpr std::chrono::seconds FAREWELL_LIMIT{3};
 
 /// True when the library's last call failed because a signal interrupted its wait:
@@ -93,7 +92,7 @@ class Connection {
   /// Lets the session's calls take any time.
   void liftLimit();
 
-  /// What is known of the way to the server.
+  /// What is known of the network path to the server.
   ReceiveWindow& receiveWindow() { return receiveWindow_; }
   /// Another command is running, or has ended.
   void countChannel(int change);
@@ -102,19 +101,19 @@ class Connection {
 
   /// Waits for the socket, at most `timeoutMs`; `events` as for ppoll.
   void waitForSocket(short events, int timeoutMs);
-  /// Waits until the library, told to wait by LIBSSH2_ERROR_EAGAIN, may go on.
+  /// Waits until a call that returned LIBSSH2_ERROR_EAGAIN can be repeated.
   void waitUntilReady();
   /// True when the library still has bytes to send that the socket did not take.
   bool isSendPending() const;
   /// True when the peer has ended the connection.
   bool isPeerGone() const;
-  /// Marks the connection as lost: whatever would still be sent or awaited in a
-  /// polite farewell fails at once.
+  /// Marks the connection as lost: what closing would still send or await
+  /// fails at once.
   void abandon() noexcept;
   /// Marks it so and throws SshConnectionFault.
   [[noreturn]] void raiseLost();
   /// Throws SshConnectionFault when a packet has come damaged. The library drops it,
-  /// tells whoever called it last, and goes on as if nothing was missing.
+  /// reports it to the current call alone, and goes on as if nothing was missing.
   void requireIntact();
 
  private:

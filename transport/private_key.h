@@ -38,11 +38,11 @@ class PrivateKey {
   const std::string& text() const { return text_; }
   /// True when the key cannot be used without its passphrase.
   bool isEncrypted() const { return isEncrypted_; }
-  /// The kind of key as the protocol names it, "ssh-ed25519"; empty where the file does not
-  /// tell it outside of the key.
+  /// The kind of key as the protocol names it, "ssh-ed25519"; empty where the file has it
+  /// only inside of the encrypted key.
   const std::string& type() const { return type_; }
   /// The cipher that protects the key, as the protocol names it; empty where the file does not
-  /// tell it so.
+  /// name it so.
   const std::string& cipher() const { return cipher_; }
 
  private:

@@ -5,12 +5,12 @@
 
 /// How much more a server may send of a command's output, before it has to wait for us.
 ///
-/// On a long way a small window leaves the server waiting most of the time; on a short
-/// one a large window is memory for nothing. So the window begins small and doubles for
+/// With a long round trip a small window leaves the server waiting most of the time; with a
+/// short one a large window wastes memory. So the window begins small and doubles for
 /// as long as all of it comes in within a round trip. It is granted in small steps, as
 /// bytes come in: a server that is granted much at once reads that much ahead, and may
 /// be very slow at holding it. One object serves all commands of a connection, one
-/// after the other; what it has learnt of the way it keeps.
+/// after the other; it keeps what it has learnt of the network path.
 class ReceiveWindow {
  public:
   using Clock = std::chrono::steady_clock;
@@ -24,12 +24,12 @@ class ReceiveWindow {
   /// wait for something.
   void addRoundTrip(Clock::duration taken);
 
-  /// A command is about to talk, `window` bytes being granted already.
+  /// A command is about to send output; `window` bytes are granted already.
   void begin(std::size_t window, Clock::time_point now);
   /// How many bytes to grant now that `window` is what is left; 0 for none yet.
   std::size_t grant(std::size_t window, Clock::time_point now);
 
-  /// What the window is to grow to, in bytes.
+  /// The size that the window grows to, in bytes.
   std::size_t target() const { return target_; }
 
  private:

@@ -102,8 +102,8 @@ Channel::Channel(LIBSSH2_CHANNEL* channel, Connection& connection)
 Channel::~Channel() {
   channelLog.debug(std::string("Closed"));
   connection_.countChannel(-1);
-  // Freeing, which the handle does next, waits for the peer's farewell: for ever if it
-  // has none.
+  // Freeing, which the handle does next, waits for the peer's close message: for ever if
+  // none comes.
   connection_.limitCalls(Clock::now() + FAREWELL_LIMIT);
 }
 
@@ -139,7 +139,7 @@ int Channel::poll(int timeoutMs) {
   unsigned long events = 0;
   const int result = libraryPoll(events);
   const bool lost = (events & CONNECTION_LOST_MASK) == CONNECTION_LOST_MASK;
-  // A socket that the peer closed without a farewell is not reported there.
+  // A socket that the peer closed without a close message is not reported there.
   if (lost || (isIdle() && connection_.isPeerGone())) {
     connection_.raiseLost();
   }
@@ -151,13 +151,15 @@ bool Channel::awaitMore(int timeoutMs) {
   openWindow();
   readBufferedPackets();
   if (queuedBytes() > there) return true;
-  // The end of the output is not told before all of it is read, but a farewell is.
+  // The library reports the end of the output only after all of it is read, a close message at
+  // once.
   if (isClosed() || connection_.isPeerGone()) return false;
   connection_.waitForSocket(POLLIN | POLLRDHUP, timeoutMs);
   return true;
 }
 
-/// Takes in the packets that have arrived already; a read of nothing does just that.
+/// Makes the library read the packets that have arrived already; a read of no bytes does just
+/// that.
 void Channel::readBufferedPackets() const {
   const NonBlockingGuard nonBlocking(connection_.session());
   const ReceiveLimit limit(connection_.callbackData(), queueRoom());
@@ -178,7 +180,7 @@ bool Channel::atEof() const {
 
 std::size_t Channel::queuedBytes() const {
   // libssh2_poll_channel_read does not do: it fails for every channel once the server
-  // has sent a one-byte message, and does not tell the streams apart.
+  // has sent a one-byte message, and does not distinguish the streams.
   unsigned long queued = 0;
   libssh2_channel_window_read_ex(get(), &queued, nullptr);
   return queued;
@@ -195,7 +197,7 @@ bool Channel::isClosed() const {
     libraryPoll(events);
     return (events & CONNECTION_LOST_MASK) == LIBSSH2_POLLFD_CHANNEL_CLOSED;
   };
-  // A pass tells what was known before it, and then takes in what has arrived.
+  // libssh2_poll reports before it reads, so ask twice.
   return refused_ || reportsClosed() || reportsClosed();
 }
 
@@ -204,9 +206,9 @@ int Channel::libraryPoll(unsigned long& events) const {
   LIBSSH2_POLLFD descriptor{};
   descriptor.type = LIBSSH2_POLLFD_CHANNEL;
   descriptor.fd.channel = get();
-  // Without a wanted event it would not look at the channel at all.
+  // Without a wanted event it would not check the channel at all.
   descriptor.events = LIBSSH2_POLLFD_POLLIN;
-  // What it received it would take in without a word of what was wrong with it.
+  // It would read damaged packets without reporting them.
   readBufferedPackets();
   const ReceiveLimit nothing(connection_.callbackData(), 0);
   const int result = libssh2_poll(&descriptor, 1, 0);
@@ -274,7 +276,7 @@ int Channel::write(const char* bytes, std::size_t size, const std::function<void
       onStall();
       return 0;
     }
-    // Looking at the channel took in what had arrived; a wait would not see it.
+    // The check of the channel read what had arrived; a wait would not see that.
     if (!windowIsShut()) return 0;
   }
   if (connection_.isPeerGone()) {
@@ -306,7 +308,7 @@ int Channel::waitForExitStatus() {
   if (refused_ || retryInterrupted([&] { return libssh2_channel_wait_closed(get()); }) != 0) {
     connection_.raiseLost();
   }
-  // What was told behind a damaged packet may have been in the library's buffer.
+  // A status behind a damaged packet may have been in the library's buffer.
   connection_.requireIntact();
   const std::optional<std::string> signalName = exitSignalOf(get(), connection_.session());
   return signalName ? statusOfSignal(*signalName) : libssh2_channel_get_exit_status(get());

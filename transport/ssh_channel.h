@@ -61,9 +61,9 @@ class Channel : private CallDeadlineGuard,
   /// Lets the server send more of the command's output, if the time has come.
   void openWindow();
 
-  /// Waits until the command has something to say, ends, or the connection is lost,
-  /// at most `timeoutMs`; returns at once on a signal. SIGALRM is let in here even
-  /// when the caller holds it blocked. Throws SshConnectionFault.
+  /// Waits until the command has output or ends, or the connection is lost,
+  /// at most `timeoutMs`; returns at once on a signal. SIGALRM is unblocked here even
+  /// when the caller blocks it. Throws SshConnectionFault.
   int poll(int timeoutMs);
 
   /// Waits, at most `timeoutMs`, for more than what is there to be read already, and lets
@@ -71,7 +71,7 @@ class Channel : private CallDeadlineGuard,
   /// Throws SshConnectionFault.
   bool awaitMore(int timeoutMs);
 
-  /// True when the command will say nothing more and all it said was read.
+  /// True when the command has no more output and all of it was read.
   bool atEof() const;
   /// Bytes of both streams that have arrived and were not read.
   std::size_t queuedBytes() const;

@@ -168,7 +168,7 @@ void Session::noteRefusal(int result, const std::string& key, const std::string&
   }
 }
 
-/// Nothing when the server has had enough.
+/// None when the server allows no more attempts.
 void Session::refreshMethods(KeyLogin& attempt) {
   attempt.methods.clear();
   try {
@@ -212,7 +212,7 @@ bool Session::authorizeByPassword(const std::string& login, const std::string& p
     requireLoginTime(result);
     return false;
   }
-  // Not the same text as below; log readers tell the methods apart by it.
+  // Not the same text as below; readers of the log distinguish the methods by it.
   sessionLog.debug(std::string("Authenticated succesfully"));
   return true;
 }

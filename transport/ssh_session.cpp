@@ -17,7 +17,7 @@ log4cpp::Category& sessionLog = log4cpp::Category::getInstance("k.libssh2pp.Sess
 
 /// The library sends no more often than that; the least patient servers wait 3 s.
 constexpr unsigned int KEEP_ALIVE_SECONDS = 2;
-/// How long a server may take to clear a command away that has ended.
+/// How long to retry while the server cleans up the last command.
 constexpr std::chrono::seconds CLEARANCE_LIMIT{2};
 constexpr std::size_t WINDOW_BYTES = 65536;
 
@@ -55,7 +55,7 @@ Session::Session(int socket, bool disableEncryption, bool compatibility,
 }
 
 /// The others stay on offer behind them: a server whose key was replaced by one of
-/// another kind is better told apart by the key than by a failed key exchange.
+/// another kind is better recognised by its key than by a failed key exchange.
 void Session::preferHostKeys(const std::vector<std::string>& types) {
   std::vector<std::string> algorithms = supportedAlgorithms(LIBSSH2_METHOD_HOSTKEY);
   if (algorithms.empty()) return;
@@ -117,7 +117,7 @@ void Session::start() {
 
 void Session::reportStartFailure(const std::string& error) const {
   sessionLog.error("SSH session was not started: " + error);
-  // What the peer is tells more than "unable to exchange encryption keys".
+  // The peer's name helps more than "unable to exchange encryption keys".
   if (const char* banner = libssh2_session_banner_get(get())) {
     sessionLog.error(std::string("The remote host presents itself as ") + banner);
   }
@@ -141,7 +141,7 @@ std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Ch
   sessionLog.debug("Opening SSH channel for command '" + command + "'");
   libssh2_session_set_blocking(get(), 1);
   auto channel = std::make_unique<Channel>(openChannel(), connection());
-  // On a way that is known to be long the first bytes need not wait to be asked for more.
+  // With a long round trip, widen the window before the first bytes.
   if (connection().receiveWindow().target() > ReceiveWindow::SMALLEST) channel->openWindow();
   channel->startCommand(command, mode);
   return channel;
@@ -150,8 +150,8 @@ std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Ch
 LIBSSH2_CHANNEL* Session::openChannel() {
   constexpr int PAUSE_MS = 20;
   const Clock::time_point end = Clock::now() + CLEARANCE_LIMIT;
-  // A server that allows one command at a time may still be busy with the last one when
-  // it has said farewell to it.
+  // A server that allows one command at a time may still be busy with the last one
+  // after its close message.
   const bool mayWait = connection().isBetweenCommands();
   for (;;) {
     const Clock::time_point asked = Clock::now();
@@ -172,7 +172,7 @@ void Session::create_reserve_channel() {
 }
 
 void Session::keepAlive() {
-  // The library looks at whole seconds; asked between two of them it has nothing to do.
+  // The library counts whole seconds; between two of them it has nothing to do.
   const Clock::time_point now = Clock::now();
   if (now - lastKeepAlive_ < std::chrono::seconds(1)) return;
   lastKeepAlive_ = now;

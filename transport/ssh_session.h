@@ -54,8 +54,8 @@ class Session : private ConnectionOwner, public Handle<_LIBSSH2_SESSION, dtm_lib
   /// What handshake and authentication together may take.
   static constexpr std::chrono::milliseconds LOGIN_LIMIT = std::chrono::seconds(120);
 
-  /// Which ciphers are offered, where the library has some that authenticate by themselves and
-  /// does well with them. Its own order is kept where it has not.
+  /// Which ciphers are offered, if the library has authenticating ones and handles them well; else
+  /// its own order is kept.
   enum Ciphers { FASTEST_FIRST, WITHOUT_GCM };
 
   /// Starts the protocol on `socket`, which stays the caller's and must outlive the
@@ -70,11 +70,11 @@ class Session : private ConnectionOwner, public Handle<_LIBSSH2_SESSION, dtm_lib
   /// The key by which the server has proved who it is.
   HostKey hostKey() const;
   /// Throws SshAuthorizationFailed when no method that the server offers succeeds,
-  /// InvalidHandle when it does not tell its methods.
+  /// InvalidHandle when it does not list its methods.
   void authorize(const std::string& login, const std::string& password);
   /// The same, but by key first, and by the password, if there is one, where the server takes
   /// no key, does not take this one, or wants both. `key` is what the identity names; null for
-  /// the agent. Throws IdentityError when that does not let the login in, InvalidHandle as above.
+  /// the agent. Throws IdentityError when that does not log in, InvalidHandle as above.
   void authorize(const std::string& login, const std::string& password,
                  const LoginIdentity& identity, const PrivateKey* key);
   /// Fills `methods` with what the server allows for `login`. Throws InvalidHandle.
@@ -111,7 +111,7 @@ class Session : private ConnectionOwner, public Handle<_LIBSSH2_SESSION, dtm_lib
   void finishLogin();
   void requireLoginTime(int result);
 
-  /// What a login by key has come to.
+  /// The state of a login by key.
   struct KeyLogin;
   bool tryMethod(const std::string& method, KeyLogin& attempt);
   bool authorizeByFile(KeyLogin& attempt);
