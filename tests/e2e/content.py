@@ -3,7 +3,24 @@ import hashlib
 import os
 from xml.sax.saxutils import escape
 
+import pytest
+
 from world import deployed_agent
+
+
+def each_way(name, table, compared, slow=()):
+    """Parametrizes `name` with each value of a table: {id: value}.
+
+    Each is done as shipped, and those whose ids are in `compared` also with CONTENT_VERIFY (see the fixture
+    content_verify): for the others that would be the same run twice. Those in `slow` take long.
+    """
+    cases = [pytest.param(way, value, id=f"{way}-{key}", marks=[pytest.mark.slow] * (key in slow))
+             for key, value in table.items() for way in ("unverified", "verified")[:2 if key in compared else 1]]
+
+    def decorate(test):
+        parametrized = pytest.mark.parametrize(f"content_verify, {name}", cases, indirect=["content_verify"])
+        return pytest.mark.usefixtures("content_verify")(parametrized(test))
+    return decorate
 
 
 def md5(content):

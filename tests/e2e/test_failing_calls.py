@@ -6,7 +6,7 @@ import shutil
 
 import pytest
 
-from content import offered
+from content import each_way, offered
 from invariants import ARCHIVES, TEMPORARY, check, complete
 from system_faults import Fault, preload  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from world import ROOT, SESSION, Destination, Session, SourceHost
@@ -45,10 +45,13 @@ KINDS = {
 }
 
 
+# The comparison of content with the list makes, names and gives away no file, and the connection carries the same.
+COMPARED = {"write", "close", "fsync", "rename"}
+
+
 def each(kinds):
     """Some are called often."""
-    return pytest.mark.parametrize("kind", [
-        pytest.param(kind, marks=[pytest.mark.slow] * (kind in ("close", "recv", "send"))) for kind in kinds])
+    return each_way("kind", {kind: kind for kind in kinds}, COMPARED, slow={"close", "recv", "send"})
 
 
 @pytest.fixture(autouse=True)
@@ -114,7 +117,6 @@ def rerun_completes(source, leaves):
     assert outcome.code == 0
 
 
-@pytest.mark.usefixtures("content_verify")
 @each(KINDS)
 def test_one_that_fails_loses_nothing(source, preload, cases, kind):
     fewest, told, harmless = KINDS[kind]
@@ -135,7 +137,6 @@ def test_one_that_fails_in_a_batch_loses_nothing(source, preload, cases, kind):
     cases(number)
 
 
-@pytest.mark.usefixtures("content_verify")
 @each(["write", "mkstemp", "rename", "recv", "send"])
 def test_all_from_one_on_that_fail_lose_nothing(source, preload, cases, kind):
     fewest, told, harmless = KINDS[kind]

@@ -5,6 +5,7 @@ import time
 import pytest
 
 from fast_clock import fast_clock  # a fixture  # noqa: F401  # pylint: disable=unused-import
+from content import each_way
 from gates import offered_behind_gates
 from invariants import check, check_documents, check_nothing_lost
 from relay import Dialog, corrupt, delay, fin, one_byte, rst, stall, throttle
@@ -14,8 +15,8 @@ from world import Session, processor_ticks
 
 pytestmark = pytest.mark.matrix("network")
 
-# From the fault to the end of the run.
-LIMIT_SECONDS = 1
+# From the fault to the end of the run, on a busy machine too: no time limit of the program is as short.
+LIMIT_SECONDS = 10
 
 
 @pytest.fixture
@@ -26,7 +27,8 @@ def source():
 
 
 def each(table):
-    return pytest.mark.parametrize("point", table.values(), ids=table.keys())
+    """What ends at one of the early points has no content to compare with its list."""
+    return each_way("point", table, LATE)
 
 
 def check_idle(running):
@@ -63,8 +65,7 @@ def test_lost_connection_is_noticed_at_once(source, content_verify, way, point):
 
 # A session that does not start is tried once more; with a key exchange that this server does not know.
 @pytest.mark.parametrize("point, connections, stalls", zip(EARLY.values(), (2, 2, 1), (2, 1, 1)), ids=EARLY)
-def test_stall_before_the_login_is_done_ends_by_its_limit(source, content_verify, fast_clock, point, connections,
-                                                          stalls):
+def test_stall_before_the_login_is_done_ends_by_its_limit(source, fast_clock, point, connections, stalls):
     begin = time.monotonic()
     with struck_run(stall, point, environment=fast_clock) as (relay, running):
         outcome = running.finish()
@@ -73,7 +74,7 @@ def test_stall_before_the_login_is_done_ends_by_its_limit(source, content_verify
     check_failed(outcome, LOST if point.causes == NO_LOGIN else point.causes, Session())
     assert len(relay.links) == connections
     # 120 s for each that stalls, a hundredth of it here.
-    assert 1.1 * stalls < took < 1.3 * stalls + 2
+    assert 1.1 * stalls < took < 1.3 * stalls + LIMIT_SECONDS
     check_next_run(source)
 
 
@@ -87,7 +88,7 @@ def test_stall_after_the_login_is_waited_for_idly_and_ended_by_sigterm(source, c
 # The second file's end, or the third one, is still to come, and several answers with it.
 @pytest.mark.parametrize("way, at_least_seconds", [(delay, 0.5), (one_byte, 0), (throttle, 0.5)],
                          ids=["delayed", "byte by byte", "throttled"])
-@each(POINTS)
+@each_way("point", POINTS, POINTS)
 def test_slow_connection_brings_everything(source, content_verify, way, at_least_seconds, point):
     with struck_run(way, point) as (relay, running):
         outcome = running.finish()
@@ -100,8 +101,12 @@ def test_slow_connection_brings_everything(source, content_verify, way, at_least
 # --- corrupted bytes -------------------------------------------------------------------------
 
 # Behind the length, which is another matter: in the software's name, in the host's key, in what is encrypted.
-@pytest.mark.parametrize("point, offset", zip(POINTS.values(), (10, 60, 10, 10, 10, 10)), ids=POINTS)
-def test_corrupted_byte_is_found_out(source, content_verify, point, offset):
+OFFSETS = dict(zip(POINTS, (10, 60, 10, 10, 10, 10)))
+
+
+@each({name: (point, OFFSETS[name]) for name, point in POINTS.items()})
+def test_corrupted_byte_is_found_out(source, content_verify, point):
+    point, offset = point
     with struck_run(corrupt(offset), point, environment=NO_LEAK_CHECK) as (_, running):
         outcome = running.finish(15)
     check_failed(outcome, point.causes, Session())

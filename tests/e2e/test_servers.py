@@ -199,7 +199,7 @@ BY_PASSWORD, BY_QUESTIONS = "Accepted password", "Accepted keyboard-interactive/
     (["MaxAuthTries 1", "PasswordAuthentication no"], BY_QUESTIONS),
 ], ids=["password only", "questions only", "questions only, by methods", "both", "password at the only try",
         "questions at the only try"])
-def test_content_run_logs_in_by(options, accepted, content_verify):
+def test_content_run_logs_in_by(options, accepted):
     offered(ROOT, *FILES.items())
     with SourceHost(options=options, recording=False) as source:
         outcome = Destination().run("get-content")
@@ -208,7 +208,7 @@ def test_content_run_logs_in_by(options, accepted, content_verify):
     check(outcome, FILES)
 
 
-def test_content_run_logs_in_by_questions_after_its_password_was_refused(content_verify):
+def test_content_run_logs_in_by_questions_after_its_password_was_refused():
     offered(ROOT, *FILES.items())
     with ScriptedServer(Script(answer=executed, accepts=("keyboard-interactive",), prompts=(1, 3))) as server:
         outcome = Destination().run("get-content")

@@ -327,7 +327,7 @@ def executed(command):
 
 @pytest.mark.parametrize("point", ["connected", "version", "kexinit", "newkeys", "service-request", "userauth none",
                                    "userauth password", "channel-open", "channel-request", "channel-eof"])
-def test_stop_request_before_the_list_comes_leaves_everything_where_it_is(content_verify, point):
+def test_stop_request_before_the_list_comes_leaves_everything_where_it_is(point):
     offered(ROOT, *FILES.items())
     held = Held()
     with ScriptedServer(Script(answer=executed, at={point: held}), Script(answer=executed)) as server:
@@ -346,7 +346,7 @@ def test_stop_request_before_the_list_comes_leaves_everything_where_it_is(conten
     check(outcome, FILES)
 
 
-def test_stop_request_is_taken_from_the_first_moment_on(content_verify):
+def test_stop_request_is_taken_from_the_first_moment_on():
     offered(ROOT, *FILES.items())
     with ScriptedServer(Script(answer=executed)):
         running = Destination().start("get-content")
