@@ -23,6 +23,12 @@ def pytest_configure(config):
     config.addinivalue_line("markers", "release_only: replaces functions of the system, as a sanitizer does, or runs no sondrel")
 
 
+def pytest_sessionstart(session):
+    """Of a worker: its tests are forked from it."""
+    if hasattr(session.config, "workerinput"):
+        world.prepare_source_hosts()
+
+
 def sentence(item):
     """test_scout.py::test_stores_it[root login] -> "scout: stores it (root login)"."""
     topic = item.path.stem[len("test_"):]

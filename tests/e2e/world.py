@@ -7,6 +7,7 @@ import contextlib
 import ctypes
 import dataclasses
 import fcntl
+import functools
 import os
 import pwd
 import re
@@ -15,6 +16,7 @@ import signal
 import socket
 import struct
 import subprocess
+import tempfile
 import time
 import xml.etree.ElementTree
 
@@ -213,11 +215,43 @@ def set_password(login_name, password, shadow="/etc/shadow"):
             accounts.write(":".join(fields) + "\n")
 
 
+@functools.lru_cache(maxsize=None)
 def without_penalties():
     """Settings for a server that need not mind how many connections of ours fail: later ones refuse us then."""
     version = subprocess.run(["ssh", "-V"], check=True, stderr=subprocess.PIPE, text=True).stderr
     major, minor = map(int, re.match(r"OpenSSH_(\d+)\.(\d+)", version).groups())
     return ["PerSourcePenalties no"] if (major, minor) >= (9, 8) else []
+
+
+# {kind: [(private, public)...]}, as bytes
+_HOST_KEYS = {kind: [] for kind in ("ed25519", "ecdsa")}
+
+
+def prepare_source_hosts():
+    """Does for the tests that are forked from this process what is the same for each: keys for two servers of a test."""
+    without_penalties()
+    with tempfile.TemporaryDirectory() as folder:
+        for kind, keys in _HOST_KEYS.items():
+            for number in range(2):
+                path = f"{folder}/{kind}.{number}"
+                generate_key(kind, path)
+                keys.append((read(path), read(f"{path}.pub")))
+
+
+def generate_key(kind, path):
+    """A new key pair without a passphrase."""
+    subprocess.run(["ssh-keygen", "-q", "-t", kind, "-N", "", "-f", path], check=True)
+
+
+def make_host_key(kind, path):
+    """A key pair that no other server of this test has."""
+    if not _HOST_KEYS.get(kind):
+        generate_key(kind, path)
+        return
+    private, public = _HOST_KEYS[kind].pop()
+    with open(os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600), "wb") as out:
+        out.write(private)
+    write(f"{path}.pub", public)
 
 
 class SourceHost:
@@ -240,7 +274,7 @@ class SourceHost:
         os.makedirs(LOGS, exist_ok=True)
         for kind in host_keys:
             if not os.path.exists(self.key_file(kind)):
-                subprocess.run(["ssh-keygen", "-q", "-t", kind, "-N", "", "-f", self.key_file(kind)], check=True)
+                make_host_key(kind, self.key_file(kind))
         if recording:
             os.makedirs(self.records, exist_ok=True)
             os.chmod(self.records, 0o1777)
