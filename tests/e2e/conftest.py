@@ -14,6 +14,7 @@ FAILURES = os.environ.get("SONDREL_FAILURES", f"{os.path.dirname(world.TESTS)}/b
 def pytest_addoption(parser):
     parser.addoption("--sentence", metavar="REGEX", help="only tests whose sentence (see tests/README.md) matches")
     parser.addoption("--group", action="append", help="only tests of this group of the matrix; may be repeated")
+    parser.addoption("--one-of-each", action="store_true", help="of a test with several sets of parameters only one")
     parser.addoption("--show-sentences", action="store_true", help="with --collect-only: list them")
 
 
@@ -47,9 +48,11 @@ def pytest_collection_modifyitems(config, items):
         # The JUnit report has these.
         item.user_properties += [("sentence", name)] + [
             ("matrix", marker.args[0]) for marker in item.iter_markers("matrix")]
+    chosen = one_of_each(items) if config.getoption("one_of_each") else items
+    chosen = {id(item) for item in chosen}
     wanted, left_out = [], []
     for item in items:
-        (wanted if is_wanted(config, item) else left_out).append(item)
+        (wanted if id(item) in chosen and is_wanted(config, item) else left_out).append(item)
     config.hook.pytest_deselected(items=left_out)
     items[:] = wanted
     # Each worker is first given a row of neighbours: no worker may get most of the slow ones, or get them last.
@@ -59,6 +62,17 @@ def pytest_collection_modifyitems(config, items):
     items[:] = quick
     for number, item in enumerate(slow):
         items.insert(number * step, item)
+
+
+def one_of_each(items):
+    """Of the items of each test function one: of the first its first, of the second its second, and so on.
+
+    So each kind of login and each way to fetch content is among them.
+    """
+    functions = {}
+    for item in items:
+        functions.setdefault((item.path, item.originalname), []).append(item)
+    return [several[number % len(several)] for number, several in enumerate(functions.values())]
 
 
 def is_wanted(config, item):
