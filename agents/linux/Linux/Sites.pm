@@ -9,7 +9,7 @@ use Linux::Apache;
 use Linux::FolderRules;
 use Linux::Nginx;
 use Linux::Php;
-use Linux::Site qw(add_once below);
+use Linux::Site qw(add_once);
 use Linux::Users;
 use Linux::WebServers;
 

@@ -12,7 +12,6 @@ use Agent::Archive;
 use Agent::Manifest;
 use Agent::Process qw(stream);
 
-my $PIECE = 65536;
 # What was made in one go is fetched in one go.
 my $NO_FINGERPRINT = '-';
 
