@@ -19,7 +19,10 @@ from web_world import World, directive, ended, server, site
 
 LIVE = "/etc/letsencrypt/live/a.test"
 ARCHIVE = "/etc/letsencrypt/archive/a.test"
-TLS = f'<tls certificate="{LIVE}/fullchain.pem" key="{LIVE}/privkey.pem"><renewal program="certbot" name="a.test"/></tls>'
+TLS = (
+    f'<tls certificate="{LIVE}/fullchain.pem" key="{LIVE}/privkey.pem">'
+    '<renewal program="certbot" name="a.test"/></tls>'
+)
 BLOCK = server(
     directive("listen", "443", "ssl"),
     directive("server_name", "a.test"),

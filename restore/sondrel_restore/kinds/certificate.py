@@ -84,8 +84,8 @@ class Certificate(ConfigKind):
             return dataclasses.replace(base, files={f"{directory}/none": b""}, impossible=notes[0])
         why = _do_not_fit(restore.host, site, found)
         warnings = [why] if why else []
-        warnings += [f"renewal by {renewal.get('program')} is not set up: see the archive, and run the program once here"
-                     for renewal in site.iterfind("tls/renewal")]
+        warnings += [f"renewal by {each.get('program')} is not set up: see the archive, and run the program once here"
+                     for each in site.iterfind("tls/renewal")]
         notes += warnings
         says = "; ".join([f"{len(files)} files of certificates, keys and passwords", *warnings])
         return dataclasses.replace(base, says=says, files=files, modes=modes, notes=tuple(notes),
