@@ -242,7 +242,7 @@ class Bench:
     # --- the rest
 
     def memory(self):
-        """The largest file for which there is room; nobody else fetches it."""
+        """The largest file for which there is room; no peer fetches it."""
         available = int(next(line for line in open("/proc/meminfo", encoding="ascii")
                              if line.startswith("MemAvailable")).split()[1]) * KIB
         filesystem = os.statvfs("/mnt")
@@ -279,7 +279,7 @@ class Bench:
 
 
 def make_site(folder, files, size, owner):
-    """A site of so many files of random bytes, in folders of 100."""
+    """A site of so many files of random bytes, in directories of 100."""
     for number in range(files):
         path = f"{folder}/{number // 100:03d}/{number:06d}"
         os.makedirs(os.path.dirname(path), exist_ok=True)

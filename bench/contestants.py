@@ -167,7 +167,7 @@ def negotiated_algorithms():
 # --- files -----------------------------------------------------------------------------------
 
 def make_pristine(count, size, sparse=False):
-    """{name: MD5 sum} of new files, which lie in folders of 100."""
+    """{name: MD5 sum} of new files, which lie in directories of 100."""
     remove(PRISTINE)
     os.makedirs(PRISTINE)
     sums = {}
@@ -202,14 +202,14 @@ def catalogue(count, size):
 
 
 def link_files(target):
-    """Puts links to the pristine files below the folder, as if they had just been made there."""
+    """Puts links to the pristine files below the directory, as if they had just been made there."""
     remove(target)
     os.makedirs(os.path.dirname(target), exist_ok=True)
     subprocess.run(["cp", "-al", PRISTINE, target], check=True)
 
 
 def same(left, right):
-    """Ends the benchmark when the files of two folders differ."""
+    """Ends the benchmark when the files of two directories differ."""
     done = subprocess.run(["diff", "-rq", "--exclude=control", left, right], stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, check=False)
     if done.returncode != 0:

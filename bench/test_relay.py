@@ -130,7 +130,7 @@ def test_closes_one_end_when_the_other_is_reset():
         assert near.recv(1) == b""
 
 
-def test_closes_a_connection_that_nobody_accepts():
+def test_closes_a_connection_that_no_server_accepts():
     with socket.create_server((HOST, 0)) as listener:
         port = listener.getsockname()[1]
     with Link(target=port, relayed=True) as link, socket.create_connection((HOST, link.port), DEADLINE) as near:

@@ -1,4 +1,4 @@
-"""What an account may do that owns the content folder: a process with the rights of the service account."""
+"""What an account may do that owns the content directory: a process with the rights of the service account."""
 import ctypes
 import mmap
 import os

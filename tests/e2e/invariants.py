@@ -19,7 +19,7 @@ NAMES = {"dump-name": "dump.xml", "migration-result-name": "migration.result"}
 
 
 def temporaries(*folders):
-    """Paths of the temporary files that are left anywhere below the folders."""
+    """Paths of the temporary files that are left anywhere below the directories."""
     return sorted(os.path.join(parent, name) for folder in folders for parent, _, names in os.walk(folder)
                   for name in names if TEMPORARY.fullmatch(name))
 
@@ -32,7 +32,7 @@ def check_documents(session):
 
 
 def regular_files(folder):
-    """{path relative to the folder, as bytes: content}; a fifo or a device would be read for ever."""
+    """{path relative to the directory, as bytes: content}; a fifo or a device would be read for ever."""
     top = os.fsencode(folder)
     paths = [os.path.join(parent, name) for parent, _, names in os.walk(top) for name in names]
     return {os.path.relpath(path, top): read(path) for path in paths if stat.S_ISREG(os.lstat(path).st_mode)}

@@ -27,7 +27,7 @@ STAGE = "/mnt/stage"
 
 
 def install_linux_agent():
-    """The agent and the scout in the destination's product folder."""
+    """The agent and the scout in the destination's product directory."""
     for part in ("shared", "linux"):
         shutil.copytree(f"{SOURCES}/{part}", f"{AGENTS}/{part}", dirs_exist_ok=True)
     subprocess.run([f"{SOURCES}/bundle-scout", f"{DTM}/scout.pl"], check=True)
@@ -37,7 +37,7 @@ def install_linux_agent():
 
 @contextlib.contextmanager
 def web_host(storage=None):
-    """An empty host: folders, no database server, nginx and Apache laid out but not running."""
+    """An empty host: directories, no database server, nginx and Apache laid out but not running."""
     with source_services.own_folders(storage):
         source_databases.hide_installed()
         for servers in (source_databases.MariaDb, source_databases.PostgreSql):
@@ -169,7 +169,7 @@ def restored(archives, files):
 # --- the agent by itself ---------------------------------------------------------------------
 
 class Agent:
-    """The agent deployed by hand into a folder that belongs to `owner`."""
+    """The agent deployed by hand into a directory that belongs to `owner`."""
 
     def __init__(self, folder=AGENT_DIR, owner=(0, 0)):
         self.folder = folder
@@ -376,7 +376,7 @@ def difference(one, other):
 
 
 def assert_same_tree(original, copy):
-    """Both folders hold the same in every respect."""
+    """Both directories hold the same in every respect."""
     differing = difference(described(original), described(copy))
     assert not differing, differing
 

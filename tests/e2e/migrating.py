@@ -37,7 +37,7 @@ touch "$kept/complete"
 
 
 def in_place(login, *options, host=HOST, session=SESSION):
-    """The arguments of a migration from `host` by `login`; the agent's folder goes into the login's home.
+    """The arguments of a migration from `host` by `login`; the agent's directory goes into the login's home.
 
     It is final, so that all steps are made, unless --keep-agent is among the options.
     """

@@ -1,4 +1,4 @@
-"""Several machines in one test: each with a network, an address, processes and folders of its own."""
+"""Several machines in one test: each with a network, an address, processes and directories of its own."""
 import contextlib
 import ctypes
 import os
@@ -46,7 +46,7 @@ def close_all_but(*kept):
 class Node:
     """A machine; what runs in it ends with it.
 
-    Its folders begin empty, /etc as that of the private world. `furnish` is called inside, before
+    Its directories begin empty, /etc as that of the private world. `furnish` is called inside, before
     it is on the network.
     """
 
@@ -141,7 +141,7 @@ class Node:
 
     def _be_first(self, furnish, told, life):
         """Returns when the machine is to end."""
-        # By the numbers of whoever mounted it.
+        # By the numbers of the account that mounted it.
         pid = os.readlink("/proc/self")
         for path in OWN_FOLDERS:
             run("mount", "--bind", self.store + path, path)

@@ -58,7 +58,7 @@ class Command:
             message.add_string(text)
         self._send(common.cMSG_CHANNEL_EXTENDED_DATA, add)
 
-    def answer_nobodys_request(self):
+    def answer_without_request(self):
         """A message of a single byte, which belongs to no channel."""
         message = Message()
         message.add_byte(common.cMSG_REQUEST_SUCCESS)
@@ -313,7 +313,7 @@ class _Transport(paramiko.Transport):
         self.local_version = connection.script.version
         self.packetizer.read_message = functools.partial(self._read, self.packetizer.read_message)
         self.add_server_key(connection.server.key)
-        # Not through the library's checks: a name that nobody knows is welcome here.
+        # Not through the library's checks: unknown names are accepted here.
         self._preferred_kex = connection.script.kex or self._preferred_kex
         self._preferred_ciphers = connection.script.ciphers or self._preferred_ciphers
 

@@ -1,4 +1,4 @@
-"""What the file system holds outside the folders of a run, before it and after it."""
+"""What the file system holds outside the directories of a run, before it and after it."""
 import contextlib
 import hashlib
 import os
@@ -15,7 +15,7 @@ LEFT_OUT = ("/mnt/etc.orig", "/mnt/dev.orig", world.SHELL_FOLDER, world.LOGS, wo
 
 
 def entry(path):
-    """All that tells whether the entry of a folder was touched."""
+    """All that tells whether the entry of a directory was touched."""
     status = os.lstat(path)
     kind = stat.S_IFMT(status.st_mode)
     found = {"mode": oct(status.st_mode), "owner": (status.st_uid, status.st_gid), "inode": status.st_ino,

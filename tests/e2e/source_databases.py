@@ -4,7 +4,7 @@ For the tests that are not in Python:
 
     source_databases.py mariadb|postgresql FOLDER [SOCKETS]
 
-runs a server in the new folder FOLDER, prints "ready" and ends it when its own standard
+runs a server in the new directory FOLDER, prints "ready" and ends it when its own standard
 input ends. Without SOCKETS the server is where the clients look for it by default.
 """
 import contextlib
@@ -21,10 +21,10 @@ import world
 
 
 class DatabaseServer:
-    """A server with its data in a new folder; `with` starts and stops it. Restart with start()."""
+    """A server with its data in a new directory; `with` starts and stops it. Restart with start()."""
 
     ACCOUNT = None  # who runs it
-    SOCKETS = None  # the folder where clients look for the socket
+    SOCKETS = None  # the directory where clients look for the socket
     STOP = None
 
     def __init__(self, folder, sockets=None):
@@ -110,7 +110,7 @@ class MariaDb(DatabaseServer):
                 f"--pid-file={self.folder}/pid", "--skip-networking", "--innodb-buffer-pool-size=32M",
                 "--innodb-log-file-size=8M", "--innodb-flush-log-at-trx-commit=0", "--skip-log-bin",
                 "--event-scheduler=OFF", "--max-allowed-packet=64M",
-                # A server that starts removes the temporary tables of all that share the folder.
+                # A server that starts removes the temporary tables of all that share the directory.
                 f"--tmpdir={self.temporary}"]
 
     def _client(self, database):

@@ -13,7 +13,7 @@ import subprocess
 
 from world import read, wait_until, write
 
-# Folders of the machine that a host's data lies in: here they are ours.
+# Directories of the machine that a host's data lies in: here they are ours.
 FOLDERS = ("/home", "/srv", "/var/www", "/var/mail", "/var/spool", "/var/lib/nginx")
 ACCOUNT_FILES = ("/etc/passwd", "/etc/group", "/etc/shadow")
 CERTIFICATES = "/etc/letsencrypt"
@@ -22,7 +22,7 @@ FIRST_USER = 30001
 
 @contextlib.contextmanager
 def own_folders(storage=None):
-    """Empty folders in the place of the machine's, below `storage` where that is given.
+    """Empty directories in the place of the machine's, below `storage` where that is given.
 
     Accounts and certificates that are made meanwhile are gone afterwards.
     """
@@ -49,7 +49,7 @@ def own_folders(storage=None):
 
 
 def take_away(folder):
-    """The path of a folder in /etc, where nothing is afterwards: neither the machine's nor an earlier one."""
+    """The path of a directory in /etc, where nothing is afterwards: neither the machine's nor an earlier one."""
     path = f"/etc/{folder}"
     if os.path.islink(path):
         os.unlink(path)
@@ -58,7 +58,7 @@ def take_away(folder):
 
 
 def own_copy(folder):
-    """Puts a fresh copy of the machine's folder into /etc, to be changed at will."""
+    """Puts a fresh copy of the machine's directory into /etc, to be changed at will."""
     path = take_away(folder)
     # Links in it name /etc/..., and so lead into the copy.
     shutil.copytree(f"/mnt/etc.orig/{folder}", path, symlinks=True)
@@ -96,7 +96,7 @@ def add_user(name, home=None):
 
 
 def owned(path, content, owner, mode=0o644):
-    """A file of the owner, and so are the folders above it that are missing."""
+    """A file of the owner, and so are the directories above it that are missing."""
     missing = []
     parent = os.path.dirname(path)
     while not os.path.isdir(parent):
@@ -113,7 +113,7 @@ def add_crontab(user, text):
 
 
 def add_maildir(path, owner, messages=3):
-    """A Maildir with messages in its inbox and in one folder of its own."""
+    """A Maildir with messages in its inbox and in one directory of its own."""
     for folder in ("", ".Sent"):
         for part in ("cur", "new", "tmp"):
             os.makedirs(os.path.join(path, folder, part), mode=0o700)

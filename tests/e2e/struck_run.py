@@ -71,7 +71,7 @@ def commands_running():
                     os.readlink(f"/proc/{name}/ns/mnt") == os.readlink("/proc/self/ns/mnt")):
                 found.append(int(name))
         except (FileNotFoundError, ProcessLookupError, PermissionError):
-            pass  # it has ended since the folder was listed, or is not of our container
+            pass  # it has ended since the directory was listed, or is not of our container
     return found
 
 

@@ -45,7 +45,7 @@ class Terminal:
             return True
         try:
             got = os.read(self._terminal, 65536)
-        except OSError:  # nobody holds the other side any more
+        except OSError:  # no process has the other side open any more
             return False
         self.shown += got
         return bool(got)

@@ -230,7 +230,7 @@ def test_host_without_perl_fails_where_perl_is_needed():
 # --- input and output ------------------------------------------------------------------------
 
 def dump_of(names, script, files=None):
-    """Has an agent dump so many bytes of names; the agent finds its own folder in $here."""
+    """Has an agent dump so many bytes of names; the agent finds its own directory in $here."""
     deployed_agent(ROOT, f"here=${{0%/*}}\n{script}", files)
     with SourceHost(recording=False):
         return Destination().run("dump-selected", "--domains=-", stdin=names, environment=LEAKY)

@@ -88,7 +88,7 @@ def test_refused_connection_ends_with_11():
                   "No one listening on the remote address at host 127.0.0.1")
 
 
-def test_connection_that_nobody_answers_ends_with_12():
+def test_connection_without_an_answer_ends_with_12():
     with full_backlog():
         assert failed(Destination(PLAIN).run("send-scout"), 12, "ConnectionTimedOut",
                       "Timeout while attempting connection to host 127.0.0.1")

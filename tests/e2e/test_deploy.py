@@ -306,7 +306,7 @@ UNPACKING = ("tar --extract --file=- --directory={} --overwrite --dereference --
 
 
 def install_tree():
-    """An agent with names of all kinds; returns what is to be on the source host."""
+    """An agent with names of all kinds; returns what must be on the source host."""
     install_agent(SCRIPT)
     deep = "/".join(["d" * 200] * 3)
     for path, content in {"shared/both": "shared", "shared/control/hidden": "3", "sample/both": "agent's",

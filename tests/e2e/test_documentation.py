@@ -1,4 +1,4 @@
-"""Man pages, completion and usage text tell of the program as it is; commands of the documents can be run."""
+"""Man pages, completion and usage text describe the program as it is; commands of the documents can be run."""
 import errno
 import glob
 import os

@@ -307,7 +307,7 @@ def test_example_playbook_and_inventory_pass_the_syntax_check():
     assert_only_where_the_playbook_is(outcome)
 
 
-def test_a_migration_goes_on_without_whoever_began_it(imitated):
+def test_a_migration_goes_on_without_the_process_that_began_it(imitated):
     go_on = hold(imitated, "dump")
     assert begin(imitated)["changed"] is True
     wait_until(lambda: imitated.is_at("dump"), "the dump")
@@ -483,7 +483,7 @@ def test_role_by_its_short_name_hands_over_jump_host_and_key(imitated):
 
 
 @pytest.mark.slow
-def test_a_destination_out_of_reach_and_one_without_the_program_stop_nobody(imitated):
+def test_a_destination_out_of_reach_and_one_without_the_program_stop_no_other(imitated):
     local = {"ansible_connection": "local"}
     inventory({"here": local, "nowhere": {"ansible_host": HOST, "ansible_port": 9}},
               {"one": {"sondrel_migrate_destination": "nowhere"},

@@ -43,7 +43,7 @@ def is_valid(text, schema):
                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False).returncode == 0
 
 
-# --- the folder ------------------------------------------------------------------------------
+# --- the directory ------------------------------------------------------------------------------
 
 def test_every_schema_has_an_example_and_a_line_in_the_list():
     assert set(schemas()) == {schema_of(example) for example in examples()}
@@ -229,7 +229,7 @@ def test_result_with_a_warning_is_as_its_schema_says(source):
     os.mkfifo(f"{ROOT.agent_dir}/one")
     running = Destination().start("get-content")
     with open(f"{ROOT.agent_dir}/one", "wb") as pipe:
-        # The removal that follows finds a folder where the file was.
+        # The removal that follows finds a directory where the file was.
         os.unlink(f"{ROOT.agent_dir}/one")
         os.mkdir(f"{ROOT.agent_dir}/one")
         pipe.write(b"1")

@@ -77,7 +77,7 @@ def vanish(address):
 
 @dataclasses.dataclass(frozen=True)
 class NumberedRoot(Login):
-    """A login whose agent is in a folder of its own."""
+    """A login whose agent is in a directory of its own."""
     number: int = 0
 
     @property

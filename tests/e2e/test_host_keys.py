@@ -219,7 +219,7 @@ POLICY_MALFORMED = MALFORMED.format("SSH_HOST_KEY_POLICY")
         "policy behind a colon", "policy in small letters", "policy as in a script", "malformed file",
         "strict without a file", "accept-new without a file", "a folder",
         "no folder for the file", "a file in the home", "a relative file"])
-def test_settings_that_cannot_be_met_let_nobody_in(configure, lines, reason):
+def test_settings_that_cannot_be_met_let_no_host_in(configure, lines, reason):
     configure(*lines)
     with ScriptedServer(Script()) as server:
         outcome = Destination(PLAIN).run("send-scout")

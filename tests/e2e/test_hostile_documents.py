@@ -41,7 +41,7 @@ def run(action, *options):
 
 @pytest.fixture
 def nothing_is_fetched():
-    """A pipe, at which a reader would wait; and a port on which nobody calls."""
+    """A pipe, at which a reader would wait; and a port that must not be connected to."""
     os.mkfifo(PIPE)
     with socket.create_server(("127.0.0.1", PORT)) as server:
         server.setblocking(False)
@@ -75,7 +75,7 @@ def nested(depth, fanout):
 
 LARGE = f'<!ENTITY e "{"a" * 60_000}">'
 
-# These grow without measure, to more than 400 MB each, where somebody lets them.
+# These grow to more than 400 MB each, if nothing limits them.
 BOMBS = {
     "entity of itself": ('[<!ENTITY e "&f;"><!ENTITY f "&e;">]', "&e;"),
     "nested": (f"[{nested(9, 10)}]", "&e9;"), "nested twice": (f"[{nested(2, 10_000)}]", "&e2;"),

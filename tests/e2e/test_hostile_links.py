@@ -1,4 +1,4 @@
-"""Links and special files in the content folder, whose subfolders belong to the service account."""
+"""Links and special files in the content directory, whose subdirectories belong to the service account."""
 import contextlib
 import fcntl
 import os
@@ -27,7 +27,7 @@ SERVICE = (SERVICE_ACCOUNT, SERVICE_ACCOUNT)
 
 @pytest.fixture(autouse=True)
 def outside():
-    """What root must not write to: nobody else may."""
+    """What root must not write to, and no other account may."""
     write(f"{OUTSIDE}/file", b"kept")
     write(f"{OUTSIDE}/same", NEW)
     os.makedirs(f"{OUTSIDE}/three")
@@ -40,7 +40,7 @@ def outside():
 
 
 def own_folder(path):
-    """The folder, as root makes it for content: it and those above it, up to the target, are the account's."""
+    """The directory, as root makes it for content: it and those above it, up to the target, are the account's."""
     os.makedirs(path, exist_ok=True)
     own = path
     while own not in (ARCHIVES, os.path.dirname(DUMPS)):
@@ -154,7 +154,7 @@ def test_folders_of_the_dumps_folder_are_guarded_as_those_of_the_archives(source
     offer_and_meet("one/two/file", planted, link_to(OUTSIDE), DUMPS)
 
 
-def test_file_that_somebody_holds_a_lease_on_is_not_waited_for(source, content_verify):
+def test_file_with_a_lease_is_not_waited_for(source, content_verify):
     """The system would let a patient opener wait for 45 seconds."""
     path = write(f"{own_folder(f'{ARCHIVES}/sub')}/file", b"leased", owner=SERVICE)
     offered(ROOT, ("sub/file", NEW))

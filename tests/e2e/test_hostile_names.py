@@ -24,7 +24,7 @@ in_both_targets = pytest.mark.parametrize("target", TARGETS.values(), ids=TARGET
 
 @pytest.fixture(autouse=True)
 def outside():
-    """What a name could lead to: the folders of the target, the current one, and one beside."""
+    """What a name could lead to: the directories of the target, the current one, and one beside."""
     for folder in (SESSION, ARCHIVES, DUMPS, CURRENT, "/mnt/outside/folder"):
         os.makedirs(folder, exist_ok=True)
     for path in ("/mnt/outside/file", "/mnt/file", f"{CURRENT}/file"):
@@ -100,7 +100,7 @@ def test_name_that_no_document_may_hold_is_refused_with_the_document(source, lis
 
 # --- too long for the system -----------------------------------------------------------------
 
-# The name, and what is made for it: a path that the system cannot hold is of no use to anybody.
+# The name, and what is made for it: a path that the system cannot hold is useless.
 LONG = {"4096 bytes": ("/".join(["long" * 51] * 20)[:4096], []),
         "component of 256 bytes": ("folder/" + "c" * 256, ["folder"])}
 

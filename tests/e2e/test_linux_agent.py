@@ -65,7 +65,7 @@ def migrate(login=ROOT, *selection):
 
 
 def arrived(*folders):
-    """Each folder is the same on the source host and in what was unpacked."""
+    """Each directory is the same on the source host and in what was unpacked."""
     for folder in folders:
         assert_same_tree(folder, STAGE + folder)
 

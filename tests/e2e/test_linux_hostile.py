@@ -130,7 +130,7 @@ def test_reads_nothing_of_others_when_links_are_put_in_the_way_while_it_packs(ho
 
 
 def test_a_further_name_of_a_file_that_its_owner_alone_may_read_is_left_out(agent):
-    # On some kernels anybody can give one. Here root does, on the file system of the homes.
+    # On some kernels any account can give one. Here root does, on the file system of the homes.
     write("/home/root only/key", SECRET, 0o600)
     os.chmod("/home/root only", 0o700)
     os.link("/home/root only/key", "/home/alice/shop/mine")
@@ -161,7 +161,7 @@ def test_settings_of_an_owner_give_him_no_database_of_others(host, agent):
     with databases() as servers:
         servers.mysql.sql("CREATE DATABASE others; CREATE USER 'bob'@'localhost' IDENTIFIED BY 'bobs';"
                           "GRANT ALL ON others.* TO 'bob'@'localhost';")
-        # A guessed password, somebody else's database, and a login of his own.
+        # A guessed password, the database of another account, and a login of his own.
         for number, (name, user, word) in enumerate([("others", "bob", "guessed"), ("others", "shop", "shop-passphrase"),
                                                      ("mysql", "root", "")]):
             owned(f"/home/alice/shop/{number}/wp-config.php", WORDPRESS_LIKE.replace("'shop' ", f"'{name}' ", 1).replace(

@@ -1,4 +1,4 @@
-"""What becomes of a run when the destination's own disk, folders or accounts fail it."""
+"""What becomes of a run when the destination's own disk, directories or accounts fail it."""
 import dataclasses
 import os
 import resource
@@ -168,7 +168,7 @@ def test_session_on_a_full_disk_fails_until_all_has_room(cases, job):
 
 @each_job
 def test_session_without_inodes_fails_until_all_have_one(cases, job):
-    # One is the folder's and one the filler's.
+    # One is the directory's and one the filler's.
     failed = run_with_more_and_more_room(job, lambda number: f"size=10m,nr_inodes={number + 2}", 20)
     assert failed >= 3
     cases(failed)
@@ -250,7 +250,7 @@ def with_full_stream(number):
     return ["sh", "-c", f'exec "$@" {number}>/dev/full', "sh", BINARY]
 
 
-def test_farewell_that_nobody_can_read_is_still_a_farewell():
+def test_stop_whose_text_cannot_be_written_is_still_a_clean_stop():
     content()
     path = f"{ROOT.agent_dir}/first"
     os.unlink(path)
@@ -300,7 +300,7 @@ def test_document_on_a_full_device_is_told(document):
             assert set(left(ROOT)) | complete(ENTRIES, ARCHIVES) == set(ENTRIES)
 
 
-# --- folders ---------------------------------------------------------------------------------
+# --- directories ---------------------------------------------------------------------------------
 
 @each_job
 def test_session_that_is_read_only_lets_no_work_begin(job):
@@ -389,7 +389,7 @@ def test_folder_that_is_removed_under_way_keeps_the_content_on_the_source_host(v
         assert not Session().exists("dump-name")
 
 
-# --- a folder in a document's place ----------------------------------------------------------
+# --- a directory in a document's place ----------------------------------------------------------
 
 @pytest.mark.parametrize("job", [*JOBS.values(), Job("get-dumping-status", agent, {}),
                                  Job("remove-dumping-status", lambda: None, {})], ids=lambda job: job.action)

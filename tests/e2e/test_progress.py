@@ -344,7 +344,7 @@ def test_migration_on_a_terminal_has_one_line_of_progress():
 # --- as a person sees it ---------------------------------------------------------------------
 
 class Multiplexer:
-    """A terminal that knows what is to be seen on it at a time: one pane of tmux."""
+    """A terminal that reports its visible text: one pane of tmux."""
 
     def __init__(self, command, environment, columns=100):
         self._environment = {"PATH": "/usr/bin:/bin", "LC_ALL": "C.UTF-8", "TMUX_TMPDIR": "/mnt", **environment}
@@ -358,7 +358,7 @@ class Multiplexer:
                               stdout=subprocess.PIPE).stdout.decode()
 
     def rows(self):
-        """What is to be seen, without what is empty at the end."""
+        """The visible text, without empty lines at the end."""
         return self._tell("capture-pane", "-p").rstrip("\n").split("\n")
 
     def __enter__(self):

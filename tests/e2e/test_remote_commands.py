@@ -204,11 +204,11 @@ def test_data_of_streams_that_do_not_exist_is_dropped():
     assert (outcome.stderr, result()) == (scout_failure(1, "eeee"), b"oooo")
 
 
-def test_answer_to_a_request_that_nobody_made_hides_no_data():
+def test_answer_without_a_request_hides_no_data():
     def answer(command):
         command.take_input()
         for _ in range(3):
-            command.answer_nobodys_request()
+            command.answer_without_request()
             command.say(b"o" * MIB)
         command.end()
 
@@ -381,7 +381,7 @@ def test_waiting_for_a_silent_command_takes_no_processor_time(before):
     assert used <= 0.1
 
 
-def test_command_is_waited_for_longer_than_any_limit_of_login_or_farewell():
+def test_command_is_waited_for_longer_than_any_limit_of_login_or_close_message():
     def answer(command):
         if command.line.startswith("cat ") and "dumping-status" in command.line:
             ends(b"<status/>")(command)
@@ -393,7 +393,7 @@ def test_command_is_waited_for_longer_than_any_limit_of_login_or_farewell():
             runs[0].send(signal.SIGALRM)
             assert refreshed.wait(60)
             command.eof()
-            over.wait(3.5)  # longer than the 3 s that a farewell may take
+            over.wait(3.5)  # longer than the 3 s that a close message may take
             command.status(0)
             command.close()
 

@@ -15,7 +15,7 @@ from world import (AGENTS, BINARY, DTM, HERE, RECORDS, ROOT, RUNS, SUDOER, Desti
 
 pytestmark = pytest.mark.matrix("secrets")
 
-WORK = "/mnt/work"  # the caller's folder
+WORK = "/mnt/work"  # the caller's directory
 PROPERTIES = f"{DTM}/log4cpp.properties"
 SHIPPED = f"{os.path.dirname(os.path.dirname(HERE))}/sondrel/log4cpp.properties"
 MISTAKEN, MISTAKEN_FOR_SUDO = "mistaken-passphrase", "mistaken-sudo-passphrase"
@@ -27,7 +27,7 @@ OPTIONS = {"dump-all": ["--content-transport=rsync"], "dump-selected": ["--domai
 
 @pytest.fixture(autouse=True)
 def as_shipped():
-    """The log is set up as it is shipped, and the tool is run in a folder of its own."""
+    """The log is set up as it is shipped, and the tool is run in a directory of its own."""
     kept = read(PROPERTIES)
     shutil.copy(SHIPPED, PROPERTIES)
     shutil.rmtree(WORK, ignore_errors=True)
@@ -111,7 +111,7 @@ def test_no_file_holds_a_password_after_any_action(source, login, cases):
     assert source.lines()
 
 
-def test_no_file_holds_a_password_when_nobody_listens(login, cases):
+def test_no_file_holds_a_password_when_no_server_listens(login, cases):
     install_agent()
     write(f"{DTM}/scout.pl")
     for action in ACTIONS:
@@ -123,7 +123,7 @@ def test_no_file_holds_a_password_when_nobody_listens(login, cases):
 @pytest.mark.parametrize("arguments", [["--remove-dumping-status", "--session-path", Session().path], ["--help"], [],
                                        ["--nonsense"], ["--send-scout", "--session-path", Session().path]],
                          ids=["removal of the status", "help", "nothing", "nonsense", "no host"])
-def test_no_file_holds_a_password_that_nobody_needs(arguments):
+def test_no_file_holds_a_password_that_is_not_needed(arguments):
     outcome = sondrel(*arguments, password=MISTAKEN, sudo_password=MISTAKEN_FOR_SUDO, directory=WORK)
     assert outcome.code == (0 if arguments == ["--help"] else 1)
     check_nothing_told(MISTAKEN, MISTAKEN_FOR_SUDO)
@@ -218,7 +218,7 @@ def test_list_that_tells_the_passwords_is_masked(printed, code):
 
 # --- processes -------------------------------------------------------------------------------
 
-# Of other runs on this machine nobody is to know anything: these words are nobody else's.
+# Other runs on this machine must not interfere: no other process has these words.
 OWN = Login("sudoer", f"own-login-passphrase-{os.getpid()}", f"own-sudo-passphrase-{os.getpid()}")
 LOOK = """
 cat /proc/[0-9]*/cmdline /proc/[0-9]*/environ >> /mnt/seen 2> /dev/null

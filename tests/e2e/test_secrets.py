@@ -32,7 +32,7 @@ def test_running_process_shows_no_password(source, working):
             assert secret not in shown
 
 
-def test_sudo_password_that_nobody_asked_for_is_not_used_and_not_shown(source):
+def test_sudo_password_that_is_not_asked_for_is_not_used_and_not_shown(source):
     deployed_agent(PLAIN, "read line < \"${0%/*}/pipe\"; : > \"${0%/*}/dump.xml\"")
     os.mkfifo(f"{PLAIN.agent_dir}/pipe")
     running = Destination(PLAIN).start("dump-all", sudo_password="unasked-passphrase")
