@@ -2,7 +2,7 @@
 # The agent for plain Linux web hosts. It reads the host and writes only into the
 # folder that it lies in.
 #
-#   --get-status          tells that it is in place, what it can do and what it lacks
+#   --get-status          reports that it is in place, what it can do and what it lacks
 #   --migration-mode ...  makes a dump: dump.xml, and the archives below content/;
 #                         dumping-status.xml says how far it is
 #   --get-content-list    lists the files of the dump that are still here
@@ -55,5 +55,5 @@ sub fail {
 binmode $_ for *STDIN, *STDOUT;
 my $options = eval { Agent::Options::parse(\@ARGV, \*STDIN) } or fail(2, $@);
 eval { $action{ $options->{action} }->($options); 1 } or fail(1, $@);
-# Output that nobody got is not done.
+# Output that was not delivered is not done.
 close STDOUT or fail(1, "Cannot write the output: $!");

@@ -106,7 +106,7 @@ sub take_over {
     return;
 }
 
-# Tells if a condition of the start is met.
+# Whether a condition of the start is met.
 sub holds {
     my ($self, $directive) = @_;
     my ($test, @more) = @{ $directive->{args} };

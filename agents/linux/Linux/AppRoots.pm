@@ -70,7 +70,7 @@ sub kind_of {
     return undef;
 }
 
-# Tells if a directory holds many things, and is no application by itself.
+# Whether a directory holds many things, and is no application by itself.
 sub holds_many {
     my ($self, $directory) = @_;
     return is_of_system($directory) || $directory =~ $HOLDS_MANY || exists $self->{homes}{$directory};
@@ -105,7 +105,7 @@ sub of_root {
     return (@found, @included);
 }
 
-# Tells if what is above a root may be packed with it: it must be of the same account or of root, and
+# Whether what is above a root may be packed with it: it must be of the same account or of root, and
 # hold no site of others. Where it may not, that is an error.
 sub may_take {
     my ($self, $site, $root, $directory) = @_;

@@ -2,7 +2,7 @@
 # configuration to the process that listens there, its unit, its account and the directory that it
 # runs in. Where nothing listens, from the files that name the address.
 #
-# Anybody may listen at a free port. So what a process says of itself counts only for files of its own
+# Any account may listen at a free port. So what a process says of itself counts only for files of its own
 # account; what root's units and files say counts as it stands.
 package Linux::AppServers;
 
@@ -37,7 +37,7 @@ sub new {
 }
 
 # The application servers of a site: [{ address, unit, file, files, account, directory, kind, program,
-# version, runtime, package, found }]. `files` are to be packed with the site, `runtime` a directory
+# version, runtime, package, found }]. `files` must be packed with the site, `runtime` a directory
 # with the programs that run the application, `package` the id of the package that brings the unit.
 # What is not found is an error of the site.
 sub of_site {
@@ -227,7 +227,7 @@ sub is_of_account {
     return !$uid || $stat[4] == $uid || !$self->is_person($uid) && !$stat[4] && $stat[2] & S_IROTH;
 }
 
-# Tells if a path may be of an application, and not of the system.
+# Whether a path may be of an application, and not of the system.
 sub is_place {
     my ($self, $path) = @_;
     return "$path/" !~ $NO_PLACE && !is_of_system($path) && !$self->{roots}->holds_many($path);

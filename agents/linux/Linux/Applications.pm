@@ -239,7 +239,7 @@ sub values_in {
     return $self->{read}{$real} = $READERS{$ending}->($text);
 }
 
-# A link could lead to the settings of somebody else, and claim their databases. Root's does not.
+# A link could lead to the settings of another account, and claim their databases. Root's does not.
 sub is_own {
     my ($self, $site, $folder, $file) = @_;
     my $tree = $self->{tree};

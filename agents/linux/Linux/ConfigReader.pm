@@ -14,7 +14,7 @@ our $MOST_DEPTH = 20;
 our $INCLUDED = 'included file';
 
 # tree => Linux::Tree, problems => Agent::Problems, texts => { path => the text of a file
-# as the server itself tells it } or undef
+# as the server itself has it } or undef
 sub new {
     my ($class, %self) = @_;
     return bless { %self, parsed => {} }, $class;

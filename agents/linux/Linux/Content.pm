@@ -65,7 +65,7 @@ sub chain_of {
         signature => $signature);
 }
 
-# Tells if some of what was made follows earlier archives.
+# Whether some of what was made follows earlier archives.
 sub has_increments { return $_[0]{has_increments} }
 
 # [uid, gid] of all that was packed, each pair once.
@@ -99,7 +99,7 @@ sub make_one {
     return;
 }
 
-# A failure is a problem of the item, unless the agent is told to end.
+# A failure is a problem of the item, unless the agent was stopped by a signal.
 sub attempt {
     my ($self, $item, $step) = @_;
     return if eval { $step->(); 1 };
@@ -154,7 +154,7 @@ sub pack_item {
     return $chain->content;
 }
 
-# What has changed since the archives that there are; undef where all is to be packed anew.
+# What has changed since the archives that there are; undef where all must be packed anew.
 sub changes {
     my ($self, $item, $chain) = @_;
     return undef if !$chain->can_be_followed;
@@ -289,7 +289,7 @@ sub is_there {
     return 0;
 }
 
-# Tells what was found about an object's files: the first of them as problems of
+# Reports what was found about an object's files: the first of them as problems of
 # the dump, all the others in a list of its own.
 sub note {
     my ($self, $item, $notes, $severity, $path, $text) = @_;

@@ -7,14 +7,14 @@ use warnings;
 use Errno qw(ENOENT ENOTDIR);
 use Linux::Site qw(below);
 
-# Tells if a link leads into its archive by a way that has links itself.
+# Whether a link leads into its archive by a path that has links itself.
 sub is_inside {
     my ($self, $tar, $link) = @_;
     my $real = $self->{tree}->real($link);
     return defined $real && grep { below($real, $_) } $tar->starts;
 }
 
-# What a link of a site leads to, if it is to be packed with the site: not the system's, not what
+# What a link of a site leads to, if it must be packed with the site: not the system's, not what
 # holds many things, and of the account that made the link where that was not root.
 sub behind_link {
     my ($self, $item, $link) = @_;

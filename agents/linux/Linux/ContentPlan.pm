@@ -1,4 +1,4 @@
-# Which archives a dump has for what was selected, and what is in each. What nobody packs and a site
+# Which archives a dump has for what was selected, and what is in each. What no archive has and a site
 # may need is a problem.
 package Linux::ContentPlan;
 

@@ -15,7 +15,7 @@ our @EXPORT_OK = qw(one_line escaped trusted_sockets);
 my $TAIL_BYTES = 400;
 my $NAMED_SOCKETS = 3;
 
-# Tells which of the sockets (paths of the tree) count: ([{ path, owner => [uid, gid] }],
+# Which of the sockets (paths of the tree) count: ([{ path, owner => [uid, gid] }],
 # [paths of others], [{ path, why } of those that a server has left]). Those count at which
 # servers of root or of the named service accounts listen (see Linux::LocalSocket). The
 # servers of others become problems, one for each account. Options: tree, problems, product => what

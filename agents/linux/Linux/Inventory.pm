@@ -249,7 +249,7 @@ sub name_refused_links {
     return;
 }
 
-# What no object of the dump has is told.
+# What no object of the dump has is reported.
 sub name_those_left_over {
     my ($self) = @_;
     my %client = map { $_->{name} => 1 } $self->clients;

@@ -63,7 +63,7 @@ sub at_port {
     return grep { $_->{port} == $port } @{ $self->{tcp} };
 }
 
-# Tells if a host's name or address is this host.
+# Whether a host's name or address is this host.
 sub is_here {
     my ($self, $host) = @_;
     return 1 if $host =~ /\A(?:localhost|127(?:\.[0-9]+){3}|0\.0\.0\.0|\[?::1?\]?|\*|)\z/i;

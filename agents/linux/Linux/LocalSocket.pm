@@ -2,7 +2,7 @@
 # speak as a database server does; what it says would go into the dump, and what it asks
 # for could be the password of the host's administrator. So a server counts only when
 #
-# - the process that listens is root's or a service account's (the kernel tells whose),
+# - the process that listens is root's or a service account's (the kernel names it),
 # - its socket belongs to one of them, too, and
 # - nobody else can put another one in its place: every directory on the way belongs to
 #   one of them, and others may not write into it, or only as into /tmp, where they can
@@ -31,7 +31,7 @@ my $SECONDS = 2;
 #   'trusted'  and owner => [uid, gid] of the socket
 #   'foreign'  and uid => who is behind it, or could be; directory => the one that others
 #              may write into, where that is the only reason
-#   'none'     where nobody listens, and why => text; left_over => 1 where a server of an
+#   'none'     where nothing listens, and why => text; left_over => 1 where a server of an
 #              account that counts has left the socket
 sub look_at_socket {
     my ($path, @accounts) = @_;

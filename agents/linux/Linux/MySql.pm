@@ -41,7 +41,7 @@ sub found {
     return $self;
 }
 
-# What a list of servers tells about this one.
+# This server, as a list of servers describes it.
 sub description {
     my ($self) = @_;
     my $running = defined $self->{version} ? 1 : 0;

@@ -185,7 +185,7 @@ sub existing {
     } grep { /\A$matches\z/ && $self->{tree}->is_dir($_) } $self->{tree}->glob($pattern);
 }
 
-# Tells if the name of a folder is a host that reaches this server by an open name;
+# Whether the name of a folder is a host that reaches this server by an open name;
 # undef if the server's names exclude it.
 sub serves {
     my ($self, $host) = @_;

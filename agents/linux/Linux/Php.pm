@@ -134,7 +134,7 @@ sub versions {
 }
 
 # The names of the extensions that a version of PHP has where it is run in a way (fpm, module,
-# cgi, cli), sorted; none where nothing tells them. The program is asked; without one its
+# cgi, cli), sorted; none where nothing names them. The program is asked; without one its
 # files are read, which do not name what is built in.
 my %extensions;
 sub extensions {

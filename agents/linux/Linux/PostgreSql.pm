@@ -97,13 +97,13 @@ sub connect {
         ($self->{version}) = $rows->[0][0] =~ /\A(\S+)/ if $rows && @$rows;
     }
     return if !defined $error;
-    # One that somebody stopped on purpose is no fault.
+    # One that was stopped on purpose is no fault.
     my $severity = $self->{folder} || $self->{left} || $self->{automatic} ? 'error' : 'info';
     $self->problem($severity, undef, "The server cannot be asked: $error");
     return;
 }
 
-# What a list of servers tells about this one.
+# This server, as a list of servers describes it.
 sub description {
     my ($self) = @_;
     my $address = $self->{folder} ? "$self->{folder}/.s.PGSQL.$self->{port}" : undef;
@@ -111,7 +111,7 @@ sub description {
         version => $self->{version}, address => $address, running => defined $self->{version} ? 1 : 0 };
 }
 
-# Every database but the server's own: its templates, and the other one unless somebody uses it.
+# Every database but the server's own: its templates, and the other one unless it is in use.
 sub databases {
     my ($self) = @_;
     return if !defined $self->{version};

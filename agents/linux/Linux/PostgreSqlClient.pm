@@ -62,7 +62,7 @@ sub clients_know_peers {
     return $self->{knows_peers};
 }
 
-# Objects that somebody made in a database must not stand in for the system's own.
+# Objects that an account made in a database must not stand in for the system's own.
 sub environment {
     my %clean = map { $_ => undef } grep { /\APG/ } keys %ENV;
     return { %clean, PGCLIENTENCODING => 'UTF8', PGOPTIONS => '-c search_path=pg_catalog',

@@ -104,7 +104,7 @@ sub opens_all {
     return $role || (defined $self->{administrator} && $self->{administrator} eq $name);
 }
 
-# Whether a password is that of the role: 1, 0, or undef where this cannot be told.
+# Whether a password is that of the role: 1, 0, or undef where this is not known.
 sub password_matches {
     my ($self, $name, $password) = @_;
     my $role = first { $_->{name} eq $name } values %{ $self->roles };

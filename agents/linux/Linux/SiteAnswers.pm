@@ -112,7 +112,7 @@ sub get {
     return $answer;
 }
 
-# Where a site is to be asked, under which names: [{ name, address, family, port, tls }].
+# Where to ask a site, under which names: [{ name, address, family, port, tls }].
 sub targets {
     my ($self, $site) = @_;
     my (@targets, %seen);

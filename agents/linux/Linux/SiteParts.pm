@@ -217,7 +217,7 @@ sub brought_by_packages {
     return { map { $self->{brought}{$_} ? ($_ => 1) : () } @paths };
 }
 
-# Tells if a path may be of an application, and not of the system.
+# Whether a path may be of an application, and not of the system.
 sub is_place {
     my ($self, $path) = @_;
     return $self->{servers}->is_place($path);

@@ -2,7 +2,7 @@
 # Every path given and returned is one inside that system; symbolic links are
 # followed inside it and never lead out. Failures leave their reason in $!.
 #
-# Whoever owns a site can put links into it, and root would follow them anywhere. So a
+# The owner of a site can put links into it, and root would follow them anywhere. So a
 # link counts only if it is root's, or leads to what belongs to its owner or lies in a
 # folder of the owner. Others are as if they could not be read, and refused() has them.
 package Linux::Tree;
@@ -113,7 +113,7 @@ sub link_followed {
     return undef;
 }
 
-# Tells if the owner of a link may lead others to what it has led to.
+# Whether the owner of a link may lead others to what it has led to.
 sub may_follow {
     my ($self, $link, $done, $owners) = @_;
     return 1 if grep { $_ == $link->{owner} } @$owners;
@@ -170,7 +170,7 @@ sub is_of_root {
 }
 
 # True if what a file says may lead to another file: it is root's alone, or both have the same
-# owner. So nobody makes root pack what is another account's.
+# owner. So no account makes root pack what is another account's.
 sub may_name {
     my ($self, $file, $other) = @_;
     return 1 if $self->is_of_root($file);

@@ -115,13 +115,13 @@ sub memberships {
     return @{ $self->{memberships}{$name} || [] };
 }
 
-# Tells an account of the system or of a service from one of a person.
+# Distinguishes an account of the system or of a service from one of a person.
 sub is_system {
     my ($self, $account) = @_;
     return $account->{uid} < $self->{first_uid} || $account->{uid} == $NOBODY ? 1 : 0;
 }
 
-# Tells a group of persons from one of the system or of a service.
+# Distinguishes a group of persons from one of the system or of a service.
 sub is_of_persons {
     my ($self, $group) = @_;
     return $group->{gid} >= $self->{first_uid} && $group->{gid} != $NOBODY ? 1 : 0;

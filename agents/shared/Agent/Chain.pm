@@ -80,7 +80,7 @@ sub is_fetched {
     return !grep { $self->{private}->facts($_->{name}) } files_of($link);
 }
 
-# Tells if it is the object with that fingerprint: all of it is here, or was fetched if that is enough.
+# Whether it is the object with that fingerprint: all of it is here, or was fetched if that is enough.
 sub holds {
     my ($self, $fingerprint, $may_be_fetched) = @_;
     my @links = @{ $self->{links} };
@@ -92,7 +92,7 @@ sub holds {
     return 1;
 }
 
-# Takes away what was not fetched, from the first such archive on. Tells if the rest can be followed by an
+# Takes away what was not fetched, from the first such archive on. Returns whether the rest can be followed by an
 # increment.
 sub can_be_followed {
     my ($self) = @_;
@@ -125,7 +125,7 @@ sub weight {
     return $weight;
 }
 
-# Tells if an increment of these bytes is worth it.
+# Whether an increment of these bytes is worth it.
 sub is_worth {
     my ($self, $bytes) = @_;
     return $self->weight + $bytes < $self->{links}[0]{archive}{unpacked} / 2;

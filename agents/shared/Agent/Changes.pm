@@ -7,7 +7,7 @@ use warnings;
 use Agent::Manifest;
 
 # manifest => Agent::Manifest of now, earlier => what Agent::Manifest::kept() gave, private => Agent::Private,
-# worth => sub { ($bytes) }, which tells if an increment of so many bytes is worth it. Gives undef if it
+# worth => sub { ($bytes) }, which is true if an increment of so many bytes is worth it. Gives undef if it
 # is not.
 sub find {
     my ($class, %options) = @_;

@@ -31,7 +31,7 @@ sub new {
     return $self;
 }
 
-# Forgets all that it was told.
+# Forgets all that was added.
 sub restart {
     my ($self) = @_;
     delete @$self{qw(seen sorted)};
@@ -40,7 +40,7 @@ sub restart {
     return;
 }
 
-# A path was seen: its type as find tells it, facts that change with it, and the bytes that it takes in
+# A path was seen: its type as find names it, facts that change with it, and the bytes that it takes in
 # an archive.
 sub found {
     my ($self, $path, $type, $facts, $bytes) = @_;
@@ -67,7 +67,7 @@ sub leave_out {
     return;
 }
 
-# Nobody knows what is in the archive: nothing is to be kept.
+# What is in the archive is not known: nothing may be kept.
 sub spoil {
     my ($self) = @_;
     $self->{spoilt} = 1;

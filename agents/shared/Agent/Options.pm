@@ -29,7 +29,7 @@ my %DUMP = (
 
 my %OTHER = ('--get-status' => 'status', '--get-content-list' => 'content-list');
 
-# What is to be done: { action => 'status', 'content-list' or 'dump' } and for a dump
+# What to do: { action => 'status', 'content-list' or 'dump' } and for a dump
 # all, domains, clients, resellers (lists, or undef where not asked for), only
 # ('mail', 'hosting' or undef), compress, content, server, admin_info, license, transport
 # and increments. Reads from the handle what the options say is there. Dies for wrong use.

@@ -40,7 +40,7 @@ sub safe_name {
     return length $name ? $name : '=';
 }
 
-# Gives a folder to the owner of the agent directory, for nobody else to look into.
+# Gives a folder to the owner of the agent directory, closed to other accounts.
 sub take_folder {
     my ($self, $path) = @_;
     my @stat = lstat $path;

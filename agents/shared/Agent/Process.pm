@@ -169,7 +169,7 @@ sub finish {
     return $child->{status};
 }
 
-# Takes the status of a child that has ended, with flags for waitpid; tells if so.
+# Takes the status of a child that has ended, with flags for waitpid; true if it has.
 sub reap {
     my ($child, $flags) = @_;
     return 1 if defined $child->{status};

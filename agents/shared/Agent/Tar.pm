@@ -1,9 +1,9 @@
 # Packs files and folders of a system, named by their paths from its root, into an
 # archive whose members are "./" and those paths. scan() looks at everything first;
 # pack() reads it, and what changed meanwhile again. All that cannot be packed, or
-# that is not what it was, is told to `note`.
+# that is not what it was, goes to `note`.
 #
-# Whoever may change the files cannot make it read others: the programs begin in the
+# An account that may change the files cannot make it read others: the programs begin in the
 # folder that holds what they pack, and from there they follow no link.
 package Agent::Tar;
 
@@ -30,7 +30,7 @@ my $FACTS = '%D:%i %d %y %m %U %G %n %s %b %T@ %C@\0%l\0%p\0';
 # [paths in it without links on the way], exclude => [folders that are left out, as the
 # running system finds them], note => sub { ($severity, $object, $text) }, leads_out => sub {
 # ($link, $target) }, called by the first scan for links to what is not in the archive; manifest =>
-# Agent::Manifest, if wanted, which is told what is in the archive.
+# Agent::Manifest, if wanted, which gets what is in the archive.
 sub new {
     my ($class, %options) = @_;
     my $self = bless { exclude => [], note => sub { }, leads_out => sub { }, %options }, $class;
@@ -79,7 +79,7 @@ sub parts {
     return @parts;
 }
 
-# Tells if a folder and all above it are root's, and nobody else may write there.
+# Whether a folder and all above it are root's, and no other account may write there.
 sub is_fixed {
     my ($self, $folder) = @_;
     my $path = $self->{before};
