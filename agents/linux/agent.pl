@@ -1,6 +1,6 @@
 #!/usr/bin/perl
 # The agent for plain Linux web hosts. It reads the host and writes only into the
-# folder that it lies in.
+# directory that it lies in.
 #
 #   --get-status          reports that it is in place, what it can do and what it lacks
 #   --migration-mode ...  makes a dump: dump.xml, and the archives below content/;
@@ -12,7 +12,7 @@
 use strict;
 use warnings;
 
-# Before anything else: what finds the folder of the agent may be missing too.
+# Before anything else: what finds the directory of the agent may be missing too.
 BEGIN {
     my ($folder) = $0 =~ m{\A(.*)/}s;
     unshift @INC, defined $folder ? $folder : '.';

@@ -1,4 +1,4 @@
-# Lays out a system's files in a folder of its own that is gone after the test.
+# Lays out a system's files in a directory of its own that is gone after the test.
 package Imitated;
 
 use strict;
@@ -13,7 +13,7 @@ use Linux::Tree;
 
 our @EXPORT_OK = qw(imitated output_of problem_texts rest write_file);
 
-# A Linux::Tree of { path => text, "path/" => [uid, gid] or undef for a folder, path
+# A Linux::Tree of { path => text, "path/" => [uid, gid] or undef for a directory, path
 # => \target for a symbolic link }, and new problems.
 sub imitated {
     my %files = @_;

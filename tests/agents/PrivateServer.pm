@@ -10,7 +10,7 @@ use Test::More;
 
 our @EXPORT_OK = qw(dumped dump_while_written);
 
-# kind: mariadb or postgresql; sockets: the folder of its socket, the usual one if not given.
+# kind: mariadb or postgresql; sockets: the directory of its socket, the usual one if not given.
 sub new {
     my ($class, $kind, $folder, $sockets) = @_;
     $sockets = { mariadb => '/run/mysqld', postgresql => '/run/postgresql' }->{$kind} if !defined $sockets;

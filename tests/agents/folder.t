@@ -1,11 +1,11 @@
-# Going into a folder leads to the one that was meant, whatever others put in its way meanwhile.
+# Going into a directory leads to the one that was meant, whatever others put in its way meanwhile.
 use strict;
 use warnings;
 use FindBin;
 use lib map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Test::More;
 
-# Done once just before the program goes into a folder of this name.
+# Done once just before the program goes into a directory of this name.
 my (%before);
 
 BEGIN {

@@ -47,7 +47,7 @@ sub fill {
     return "$top/$path";
 }
 
-# Dumps the folder "site", and gives what dump.xml is made of.
+# Dumps the directory "site", and gives what dump.xml is made of.
 sub dumped {
     my (%options) = @_;
     $problems = Agent::Problems->new;
@@ -172,7 +172,7 @@ link "$top/site/linked", "$top/site/docs/linked too" or die $!;
 fill('site/alone', 'will have a second name');
 output_of('truncate', '-s', '30M', fill('site/sparse', 'begin'));
 fill('site/large', 'x' x 400_000);
-# What is packed from another folder than the root of the system, since that is not root's.
+# What is packed from another directory than the root of the system, since that is not root's.
 mkpath("$top/people/alice/app/code");
 fill("people/alice/app/$_", "of $_") for qw(page code/one code/two);
 output_of('chown', '-R', '1234:1234', "$top/people/alice");

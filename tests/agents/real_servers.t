@@ -1,5 +1,5 @@
 # What is found in a configuration is what the real server makes of it: every name
-# is asked for a file that tells the folder that it came from.
+# is asked for a file that tells the directory that it came from.
 use strict;
 use warnings;
 use FindBin;
@@ -18,7 +18,7 @@ use Linux::Nginx;
 use Linux::Php;
 use Linux::Tree;
 
-# A folder for a server with marked document roots below it.
+# A directory for a server with marked document roots below it.
 sub folder_with {
     my @roots = @_;
     my $folder = tempdir(CLEANUP => 1);

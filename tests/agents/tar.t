@@ -54,7 +54,7 @@ sub listing {
     my ($from) = @_;
     my $format = '%P %y %m %U %G %n %s %T@ %l\n';
     my @lines = sort split /\n/, output_of('find', $from, '-mindepth', '2', '-printf', $format);
-    # The size of a folder is the file system's affair.
+    # The size of a directory is the file system's affair.
     s/\A(.* d \d+ \d+ \d+) \d+ \d+ /$1 / for @lines;
     my @files = split /\0/, output_of('find', $from, '-type', 'f', '-print0');
     my %sums;
@@ -214,12 +214,12 @@ $copy = unpacked();
 cmp_ok -s "$copy/log/growing", '>=', 5_000_000, 'and packed nevertheless';
 is -s "$copy/log/quiet", 1, 'with all the others';
 
-# --- who has a folder makes nothing else be read ---
+# --- who has a directory makes nothing else be read ---
 
-# Tells if the secret is anywhere below a folder.
+# Tells if the secret is anywhere below a directory.
 sub seen { return run(['grep', '-rq', 'SECRET', $_[0]])->{status} == 0 }
 
-# Packs a folder of an account with something done before tar begins.
+# Packs a directory of an account with something done before tar begins.
 sub packed_while {
     my ($between, @paths) = @_;
     rest();
@@ -227,7 +227,7 @@ sub packed_while {
     return;
 }
 
-# Folders above what is packed are made by who unpacks it.
+# Directories above what is packed are made by who unpacks it.
 sub unpacked_app {
     my $app = unpacked() . '/home/*/app';
     ($app) = glob $app;

@@ -73,7 +73,7 @@ is $tree->read_file("/etc/passwd\0x"), undef, 'a name that cannot be is missing'
 
 my ($ALICE, $BOB) = (4711, 4712);
 
-# Lays out folders and files of somebody: { path => content, undef for a folder }.
+# Lays out directories and files of somebody: { path => content, undef for a directory }.
 sub lay_out {
     my ($owner, %paths) = @_;
     for my $path (sort keys %paths) {

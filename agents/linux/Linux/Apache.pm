@@ -181,7 +181,7 @@ sub listen_of {
     return { address => $address, port => $port, tls => $tls };
 }
 
-# The record of a virtual host, and of those that its folders make.
+# The record of a virtual host, and of those that its directories make.
 sub host_blocks {
     my ($self, $host) = @_;
     breathe();
@@ -277,7 +277,7 @@ sub add_tls {
     return;
 }
 
-# Rules for the site's own folders may stand outside of the virtual host.
+# Rules for the site's own directories may stand outside of the virtual host.
 sub add_global_access {
     my ($self) = @_;
     my $block = $self->{block};
@@ -318,7 +318,7 @@ sub note_user_folders {
     return;
 }
 
-# The words of a rule that name folders; it may also name users and other hosts.
+# The words of a rule that name directories; it may also name users and other hosts.
 sub user_folders {
     my ($rule) = @_;
     my @words = @{ $rule->{args} };

@@ -201,7 +201,7 @@ sub included {
     return $self->directives_of($directive, \@files, @stack);
 }
 
-# A folder stands for all the files in it and below.
+# A directory stands for all the files in it and below.
 sub included_files {
     my ($self, $word) = @_;
     return map { $self->{tree}->is_dir($_) ? $self->files_below($self->{tree}->tidy($_), 0) : $_ }

@@ -6,8 +6,8 @@ use strict;
 use warnings;
 use Linux::Site qw(add_once is_host_name);
 
-# One folder for each host: what they are for the names that are known, and a
-# record for each host that a folder shows.
+# One directory for each host: what they are for the names that are known, and a
+# record for each host that a directory shows.
 sub add_folders {
     my ($self, $pattern) = @_;
     my $block = $self->{block};
@@ -42,7 +42,7 @@ sub host_block {
     return { %$copy, names => [$host], root => $root, content => 1, roots => [] };
 }
 
-# Fills a folder pattern with a host: %0 all of it, %N its part N, %-N counted from
+# Fills a directory pattern with a host: %0 all of it, %N its part N, %-N counted from
 # the end, with "+" that part and all on that side of it; %N.M letter M of a part.
 sub host_folder {
     my ($pattern, $host) = @_;

@@ -173,7 +173,7 @@ sub targets {
     return sort keys %targets;
 }
 
-# Paths that PHP's text composes of the folder of its file.
+# Paths that PHP's text composes of the directory of its file.
 sub included_paths {
     my ($root, $text) = @_;
     my @paths;

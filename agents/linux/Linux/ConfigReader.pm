@@ -1,5 +1,5 @@
 # What reading the configuration of the web servers has in common: files by their
-# paths from a base folder, each parsed once, put in place where they are included.
+# paths from a base directory, each parsed once, put in place where they are included.
 # Those who derive from it give parse($file, $text) and expand(\@directives, @stack).
 package Linux::ConfigReader;
 
@@ -41,7 +41,7 @@ sub matching {
     return $self->{tree}->glob($pattern);
 }
 
-# A pattern finds nothing in a folder that this account may not read.
+# A pattern finds nothing in a directory that this account may not read.
 sub note_unreadable {
     my ($tree, $problems, $pattern) = @_;
     my ($folders) = $pattern =~ m{\A(.*)/};

@@ -238,7 +238,7 @@ sub tar_of {
         exclude => \@exclude, %options);
 }
 
-# File systems of the kernel below some folders, as a home that is a jail has: to read them
+# File systems of the kernel below some directories, as a home that is a jail has: to read them
 # may never end.
 sub of_kernel {
     my ($self, $item, @folders) = @_;
@@ -249,7 +249,7 @@ sub of_kernel {
     return @found;
 }
 
-# The real folders of all sites or mailboxes.
+# The real directories of all sites or mailboxes.
 sub folders_of {
     my ($self, $kind) = @_;
     my $folders = $self->{folders}{$kind} ||= [

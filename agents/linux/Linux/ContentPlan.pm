@@ -58,7 +58,7 @@ sub objects {
     return @plan;
 }
 
-# A name below the content folder that no other archive of this dump has.
+# A name below the content directory that no other archive of this dump has.
 sub name_for {
     my ($self, $folder, $text, $ending) = @_;
     my $base = "$self->{top}/$folder/" . Agent::Private::safe_name($text);

@@ -6,14 +6,14 @@ use strict;
 use warnings;
 use Linux::System;
 
-# Debian's and the Red Hat family's folder of the users' own tables.
+# Debian's and the Red Hat family's directory of the users' own tables.
 my @SPOOLS = qw(/var/spool/cron/crontabs /var/spool/cron);
 my @SPOOLS_OF_AT = qw(/var/spool/cron/atjobs /var/spool/at);
 my $JOB_OF_AT = qr/\A[a-zA-Z=][0-9a-f]{13}\z/;
 my $SYSTEM_TABLE  = '/etc/crontab';
 my $SYSTEM_FOLDER = '/etc/cron.d';
 
-# The names that cron reads in that folder: Debian's own, and that of the Red Hat family.
+# The names that cron reads in that directory: Debian's own, and that of the Red Hat family.
 my $DEBIAN_NAME  = qr/\A[A-Za-z0-9_-]+\z/;
 my $RED_HAT_NAME = qr/\A(?![.#]).*(?<!~)(?<!\.rpmsave)(?<!\.rpmorig)(?<!\.rpmnew)\z/s;
 

@@ -121,7 +121,7 @@ sub from_template {
     return;
 }
 
-# One part of a template: the folders it may mean, with what its letters stand for.
+# One part of a template: the directories it may mean, with what its letters stand for.
 sub matching {
     my ($self, $part, $at) = @_;
     return { %$at, path => "$at->{path}/$part" } if $part !~ /%/;

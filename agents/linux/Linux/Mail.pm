@@ -108,7 +108,7 @@ sub is_maildir {
     return $self->{tree}->is_dir("$path/cur") && $self->{tree}->is_dir("$path/new");
 }
 
-# The names of the folders in a folder; that it cannot be read is a problem.
+# The names of the directories in a directory; that it cannot be read is a problem.
 sub folders_in {
     my ($self, $folder) = @_;
     breathe();
@@ -181,7 +181,7 @@ sub from_spool {
     return;
 }
 
-# Maildirs at any depth of a folder; the first part of the path that looks like a
+# Maildirs at any depth of a directory; the first part of the path that looks like a
 # domain is one, the last part is the user.
 sub from_folder {
     my ($self, $top, $folder, $depth) = @_;

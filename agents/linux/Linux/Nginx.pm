@@ -140,7 +140,7 @@ sub simple_values {
     return %values;
 }
 
-# The folder that the location of everything has of its own, if any: it, and not that of
+# The directory that the location of everything has of its own, if any: it, and not that of
 # the server, is the document root then.
 sub main_folder {
     my @directives = @_;
@@ -232,8 +232,8 @@ sub collect_sets {
     return;
 }
 
-# Sets the document root from the folder of the main location, or from the root that counts
-# in the server, of which `own` are the server's own. With one folder for each host, gives
+# Sets the document root from the directory of the main location, or from the root that counts
+# in the server, of which `own` are the server's own. With one directory for each host, gives
 # a record for each.
 sub add_roots {
     my ($self, $main, $own, $root) = @_;
@@ -251,7 +251,7 @@ sub add_roots {
     return map { $self->host_block($_) } @hosts;
 }
 
-# A copy of the server's record for one of the hosts that a folder shows.
+# A copy of the server's record for one of the hosts that a directory shows.
 sub host_block {
     my ($self, $folder) = @_;
     my $block = $self->{block};

@@ -149,7 +149,7 @@ sub prefixed {
     return $self->{tree}->tidy($path =~ m{^/} ? $path : "$self->{prefix}/$path");
 }
 
-# The folders that a word means: { path, host }, host where the folder is named by
+# The directories that a word means: { path, host }, host where the directory is named by
 # a host that the server's names do not list.
 sub folders {
     my ($self, $word, $directive) = @_;
@@ -172,7 +172,7 @@ sub folders {
     return @found;
 }
 
-# Folders that fit a path in which the name of the host is open.
+# Directories that fit a path in which the name of the host is open.
 sub existing {
     my ($self, $path) = @_;
     (my $pattern = $path) =~ s/([*?\[\\])/\\$1/g;
@@ -185,7 +185,7 @@ sub existing {
     } grep { /\A$matches\z/ && $self->{tree}->is_dir($_) } $self->{tree}->glob($pattern);
 }
 
-# Whether the name of a folder is a host that reaches this server by an open name;
+# Whether the name of a directory is a host that reaches this server by an open name;
 # undef if the server's names exclude it.
 sub serves {
     my ($self, $host) = @_;

@@ -9,7 +9,7 @@ use Linux::ConfigReader;
 use Linux::HostProgram qw(answer_of program);
 use Linux::WebServers;
 
-# Folders of pool files, the file above them that may have pools too, and what tells the
+# Directories of pool files, the file above them that may have pools too, and what tells the
 # version in their paths.
 my @POOLS = (
     ['/etc/php/*/fpm/pool.d', '/etc/php/*/fpm/php-fpm.conf', qr{/php/([\d.]+)/}],
@@ -52,7 +52,7 @@ our @WAYS = sort keys %LOADED;
 # Settings of extensions below a directory of those above.
 my @INI = qw(php.ini php.d/*.ini conf.d/*.ini);
 
-# Installations without a pool show by their configuration folders.
+# Installations without a pool show by their configuration directories.
 my @VERSION_FOLDERS = (
     ['/etc/php/*', qr{/(\d+\.\d+)\z}],
     ['/etc/opt/remi/php*', qr{/php(\d+)\z}],

@@ -15,7 +15,7 @@ use Time::HiRes ();
 my $ACCOUNT = 'postgres';
 my @SOCKET_FOLDERS = qw(/run/postgresql /var/run/postgresql /tmp);
 
-# The folders with the settings of a server: those of Debian and of Red Hat.
+# The directories with the settings of a server: those of Debian and of Red Hat.
 my @CLUSTERS = qw(/etc/postgresql/*/* /var/lib/pgsql/data /var/lib/pgsql/*/data);
 my $DEFAULT_PORT = 5432;
 

@@ -14,7 +14,7 @@ my @PROGRAM_FOLDERS = qw(/usr/lib/postgresql/*/bin /usr/pgsql-*/bin);
 # Between fields and rows; all texts that others choose are asked for in hexadecimal.
 my ($FIELD, $ROW) = ("\x1f", "\x1e");
 
-# Becomes the account given by its ids before it runs the program. Its folder may be
+# Becomes the account given by its ids before it runs the program. Its directory may be
 # one that this account cannot enter.
 my $AS_ACCOUNT = 'my ($uid, $gid) = splice @ARGV, 0, 2; chdir "/"; $( = $gid; $) = "$gid $gid"; '
     . '($<, $>) = ($uid, $uid); exit 126 if $< != $uid || $> != $uid; exec { $ARGV[0] } @ARGV; exit 127';

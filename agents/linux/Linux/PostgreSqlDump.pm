@@ -44,7 +44,7 @@ sub dump_command {
         $self->connection_to($database->{name}));
 }
 
-# The folders of tablespaces are the host's: on another one there is but the default.
+# The directories of tablespaces are the host's: on another one there is but the default.
 sub name_tablespaces {
     my ($self, $database) = @_;
     my ($rows, $error) = $self->ask('SELECT ' . hex_of('spcname') . " FROM pg_tablespace WHERE oid IN

@@ -11,7 +11,7 @@ our @EXPORT_OK = qw(
     new_block source_of add_once is_host_name target_host join_blocks below is_packaged is_of_system
 );
 
-# Folders of installed packages; what is served from there is not of a site.
+# Directories of installed packages; what is served from there is not of a site.
 my $PACKAGED = qr{\A/usr/(?!local/)[^/]};
 
 # Directories that hold a whole system or what all of it shares, and file systems without files: no
@@ -74,7 +74,7 @@ sub target_host {
     return $to =~ m{\Ahttps?://([\w.-]+)(?:[:/\$?#]|\z)}i ? lc $1 : undef;
 }
 
-# True for a path inside a folder or the folder itself.
+# True for a path inside a directory or the directory itself.
 sub below {
     my ($path, $folder) = @_;
     return $path eq $folder || index($path, $folder eq '/' ? '/' : "$folder/") == 0;
@@ -260,7 +260,7 @@ sub default_name {
 }
 
 # Leaves the existing roots that are a site's and not inside another one; its own first. A
-# single file in the place of a folder is one that the site needs besides.
+# single file in the place of a directory is one that the site needs besides.
 sub finish_roots {
     my ($tree, $problems, $site) = @_;
     my (@kept, @real);

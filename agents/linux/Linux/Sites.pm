@@ -1,5 +1,5 @@
 # All sites of the host: those of the web servers, one record for each site even
-# if one server hands it on to another, with owner, PHP and shared folders.
+# if one server hands it on to another, with owner, PHP and shared directories.
 package Linux::Sites;
 
 use strict;
@@ -27,7 +27,7 @@ my $DEFAULT_NAME = qr/\Adefault(?:-\d+)?\z/;
 #   to, code, server, names, listen }], access => [{ path, rule }], logs, config, files,
 #   proxies, shares_root_with => [names],
 #   blocks => [{ configuration, directive, uses => [definitions of it], names }] }
-# `root` is the document root as it is configured; `roots` are all folders that
+# `root` is the document root as it is configured; `roots` are all directories that
 # there are, `files` those that the site needs besides, as password files.
 sub all { return @{ look(@_)->{sites} } }
 

@@ -111,7 +111,7 @@ sub file_systems {
     } grep { $_->{bytes} } df('-PTkl');
 }
 
-# The folders of the running system where the kernel shows things that are no files.
+# The directories of the running system where the kernel shows things that are no files.
 sub kernel_folders {
     my @mounts = map { [split / /] } Linux::Tree->new->read_lines('/proc/self/mounts');
     my @folders = map { $_->[1] } grep { $OF_KERNEL{ $_->[2] } } @mounts;

@@ -1,10 +1,10 @@
-# Read access to the files of a system whose root may be another folder than "/".
+# Read access to the files of a system whose root may be another directory than "/".
 # Every path given and returned is one inside that system; symbolic links are
 # followed inside it and never lead out. Failures leave their reason in $!.
 #
 # The owner of a site can put links into it, and root would follow them anywhere. So a
 # link counts only if it is root's, or leads to what belongs to its owner or lies in a
-# folder of the owner. Others are as if they could not be read, and refused() has them.
+# directory of the owner. Others are as if they could not be read, and refused() has them.
 package Linux::Tree;
 
 use strict;
@@ -26,7 +26,7 @@ sub new {
     return bless { root => $root, refused => {} }, $class;
 }
 
-# The folder that serves as "/".
+# The directory that serves as "/".
 sub root { return length $_[0]{root} ? $_[0]{root} : '/' }
 
 # The path without ".", "..", doubled and final slashes; links are not looked at.
@@ -228,7 +228,7 @@ sub read_lines {
     return defined $bytes ? split(/\r?\n/, $bytes) : ();
 }
 
-# The sorted names in a folder without "." and ".."; an empty list with $! set
+# The sorted names in a directory without "." and ".."; an empty list with $! set
 # where it cannot be read, with $! == 0 where there are none.
 sub list {
     my ($self, $path) = @_;

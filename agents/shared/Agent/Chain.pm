@@ -92,8 +92,8 @@ sub holds {
     return 1;
 }
 
-# Takes away what was not fetched, from the first such archive on. Returns whether the rest can be followed by an
-# increment.
+# Takes away what was not fetched, from the first such archive on. Returns whether the rest can be
+# followed by an increment.
 sub can_be_followed {
     my ($self) = @_;
     my $links = $self->{links};
@@ -167,7 +167,7 @@ sub append {
 }
 
 # Makes the list for the archive that comes next of a file with paths, each ended by a null byte: what
-# lies in a folder comes before it.
+# lies in a directory comes before it.
 sub make_gone_list {
     my ($self, $compress, $path) = @_;
     my $name = $self->gone_name_of(scalar @{ $self->{links} });

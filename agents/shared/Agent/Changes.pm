@@ -29,7 +29,7 @@ sub find {
 sub changed {
     my ($self, $path, $bytes) = @_;
     $self->{bytes} += $bytes;
-    # Each folder above must be gone through; where one is noted, those above it are, too.
+    # Each directory above must be gone through; where one is noted, those above it are, too.
     do { return if $self->{entered}{$path}++ } while $path =~ s{/[^/]*\z}{} && length $path;
     return;
 }

@@ -1,5 +1,5 @@
-# Goes into folders without ever following a symbolic link, also one that is put on the
-# way at that very moment: what is done in the folder is done in the one that was meant.
+# Goes into directories without ever following a symbolic link, also one that is put on the
+# way at that very moment: what is done in the directory is done in the one that was meant.
 package Agent::Folder;
 
 use strict;
@@ -10,7 +10,7 @@ use Fcntl qw(S_ISLNK);
 
 our @EXPORT_OK = qw(enter leave);
 
-# Makes a folder below $top the current one. Gives undef, with the reason in $!, where
+# Makes a directory below $top the current one. Gives undef, with the reason in $!, where
 # it is not there or its path leads through a link. leave() must follow either way.
 sub enter {
     my ($top, $folder) = @_;
@@ -28,7 +28,7 @@ sub enter {
     return 1;
 }
 
-# Paths of this program are absolute: it needs no folder of its own.
+# Paths of this program are absolute: it needs no directory of its own.
 sub leave {
     my $why = $!;
     chdir '/' or die "Cannot go to /: $!\n";

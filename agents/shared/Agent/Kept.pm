@@ -104,7 +104,7 @@ sub forget {
     return;
 }
 
-# Removes whatever is below the folder but these archives.
+# Removes whatever is below the directory but these archives.
 sub retain {
     my ($self, $folder, @names) = @_;
     my %wanted = map { $_ => 1 } @names;

@@ -1,9 +1,9 @@
-# What an archive has, by its names: a file of the agent that says of each whether it is a folder, and a
+# What an archive has, by its names: a file of the agent that says of each whether it is a directory, and a
 # digest of what can be seen of it without reading it. By it a later archive leaves out what has not
 # changed, and what has vanished is known. In constant memory: the host's sort brings the names together.
 #
 # tar's own listed-incremental format is not used: it takes what changed after a time, so that a change is
-# lost once the clock was set back; a folder that was renamed comes without its files; and it cannot be
+# lost once the clock was set back; a directory that was renamed comes without its files; and it cannot be
 # asked for what changed while it was read (--newer), as Agent::Tar does.
 package Agent::Manifest;
 
@@ -221,7 +221,7 @@ sub compare {
             my ($old_type, $old_digest) = facts_of($old);
             $old = $earlier->();
             next if $old_digest eq $digest && $old_digest ne $UNSURE;
-            # A folder is never replaced by what is none, nor the other way round.
+            # A directory is never replaced by what is none, nor the other way round.
             $options{vanished}->(path_of($record)) if ($old_type eq 'd') != ($type eq 'd');
         }
         $options{changed}->(path_of($record), $bytes);

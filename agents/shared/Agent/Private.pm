@@ -1,7 +1,7 @@
 # The agent directory and what is written into it. Whatever account the agent runs
-# as, its files belong to the owner of that directory with mode 0600, its folders
+# as, its files belong to the owner of that directory with mode 0600, its directories
 # with mode 0700. Nothing is written through a link: a file appears under its name
-# only when it is complete, and folders must be real ones.
+# only when it is complete, and directories must be real ones.
 package Agent::Private;
 
 use strict;
@@ -40,7 +40,7 @@ sub safe_name {
     return length $name ? $name : '=';
 }
 
-# Gives a folder to the owner of the agent directory, closed to other accounts.
+# Gives a directory to the owner of the agent directory, closed to other accounts.
 sub take_folder {
     my ($self, $path) = @_;
     my @stat = lstat $path;
@@ -51,7 +51,7 @@ sub take_folder {
     return;
 }
 
-# Makes the folders that the file's name asks for, below the agent directory.
+# Makes the directories that the file's name asks for, below the agent directory.
 sub make_folders {
     my ($self, $name) = @_;
     my $path = $self->{dir};
@@ -99,7 +99,7 @@ sub replace {
     return;
 }
 
-# Path of a file below real folders of the agent; dies where a link would lead out.
+# Path of a file below real directories of the agent; dies where a link would lead out.
 sub inner_path {
     my ($self, $name) = @_;
     my $folder = $self->{dir};
@@ -161,7 +161,7 @@ sub remove {
     return;
 }
 
-# The names of all that lies below a folder and is not a folder itself.
+# The names of all that lies below a directory and is not a directory itself.
 sub files_below {
     my ($self, $folder) = @_;
     opendir my $listing, $self->inner_path("$folder/.") or return ();

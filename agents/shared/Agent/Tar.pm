@@ -1,10 +1,10 @@
-# Packs files and folders of a system, named by their paths from its root, into an
+# Packs files and directories of a system, named by their paths from its root, into an
 # archive whose members are "./" and those paths. scan() looks at everything first;
 # pack() reads it, and what changed meanwhile again. All that cannot be packed, or
 # that is not what it was, goes to `note`.
 #
 # An account that may change the files cannot make it read others: the programs begin in the
-# folder that holds what they pack, and from there they follow no link.
+# directory that holds what they pack, and from there they follow no link.
 package Agent::Tar;
 
 use strict;
@@ -26,8 +26,8 @@ my $CLOCK_SECONDS = 0.05;
 
 my $FACTS = '%D:%i %d %y %m %U %G %n %s %b %T@ %C@\0%l\0%p\0';
 
-# private => Agent::Private, top => the folder that is the system's "/", paths =>
-# [paths in it without links on the way], exclude => [folders that are left out, as the
+# private => Agent::Private, top => the directory that is the system's "/", paths =>
+# [paths in it without links on the way], exclude => [directories that are left out, as the
 # running system finds them], note => sub { ($severity, $object, $text) }, leads_out => sub {
 # ($link, $target) }, called by the first scan for links to what is not in the archive; manifest =>
 # Agent::Manifest, if wanted, which gets what is in the archive.
@@ -79,7 +79,7 @@ sub parts {
     return @parts;
 }
 
-# Whether a folder and all above it are root's, and no other account may write there.
+# Whether a directory and all above it are root's, and no other account may write there.
 sub is_fixed {
     my ($self, $folder) = @_;
     my $path = $self->{before};
@@ -127,7 +127,7 @@ sub scan_part {
         my $result = stream([$self->find_command($part, $since)],
             errors => $lines, out => sub { $self->take_records($found, $_[0]); 1 });
         $lines->("\n");
-        # It ends with 1 after an unreadable folder, which it has named by then.
+        # It ends with 1 after an unreadable directory, which it has named by then.
         die "find has failed: $result->{err}\n" if $result->{status} > 1;
     });
     $part->{entries} = $found->{entries} - $before;
@@ -135,7 +135,7 @@ sub scan_part {
     return;
 }
 
-# Does something in the folder that a part is packed from, if that is there.
+# Does something in the directory that a part is packed from, if that is there.
 sub in_folder {
     my ($self, $part, $do) = @_;
     my $done = eval { enter($self->{top}, $part->{folder}) ? $do->() : $self->no_folder($part); 1 };
@@ -201,14 +201,14 @@ sub tell_manifest {
 
 sub least { return $_[0] < $_[1] ? $_[0] : $_[1] }
 
-# Who has a folder may have given a second name there to a file of somebody else that
+# Who has a directory may have given a second name there to a file of somebody else that
 # only its owner may read.
 sub note_foreign {
     my ($found, $is, $name) = @_;
     my ($owners, $depth) = ($found->{owners}, $is->{depth});
     $owners->[$depth + 1] = $is->{uid} if $is->{type} eq 'd';
     return if $is->{type} ne 'f' || $is->{links} == 1 || oct($is->{mode}) & 4;
-    # The folder of a name with more than one part, which only root could move.
+    # The directory of a name with more than one part, which only root could move.
     my $owner = !$depth && $found->{part}{folder} eq '' ? 0 : $owners->[$depth];
     return if $is->{uid} == $owner;
     my $file = $found->{foreign}{ $is->{file} } ||= { %$is, names => [] };
@@ -328,14 +328,14 @@ sub tar_command {
         (defined $since ? '--newer=' . time_text($since) : ()), @{ $part->{names} });
 }
 
-# Folders that are left out, as a part has them.
+# Directories that are left out, as a part has them.
 sub excluded {
     my ($self, $part) = @_;
     my $folder = "$self->{before}$part->{folder}/";
     return map { index($_, $folder) == 0 ? './' . substr $_, length $folder : () } @{ $self->{exclude} };
 }
 
-# Puts the folder that a part is packed from before its names.
+# Puts the directory that a part is packed from before its names.
 sub transform {
     my ($part) = @_;
     (my $folder = $part->{folder}) =~ s/([\\&,])/\\$1/g;
@@ -363,7 +363,7 @@ sub tar_has_said {
     return $self->{note}->('warning', $path, "changed each of the $PASSES times it was read");
 }
 
-# With --verbose tar names all that it packs, folders with a slash at the end.
+# With --verbose tar names all that it packs, directories with a slash at the end.
 sub has_packed {
     my ($self, $part, $quoted) = @_;
     my $path = $part->{folder} . unquoted($quoted);
