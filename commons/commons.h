@@ -12,7 +12,6 @@
 DECLARE_ERROR_TAG(CantCreateTempFile,
                   "Can not create temporary file with the template '%1%': %2%.");
 DECLARE_ERROR_TAG(CantStatFS, "Cannot stat filesystem containing %1%: %2%");
-DECLARE_ERROR_TAG(CantRenameFile, "Cannot rename %1% to %2%: %3%");
 
 /// Creates a new, empty temporary file, mode 0600, and returns its name, which
 /// begins with `prefix`. An empty `dir` means the configured directory for temporary
@@ -61,61 +60,3 @@ struct ServiceAccount {
 /// The service account "qrvadm", looked up once per process: every save of a
 /// status document asks.
 const ServiceAccount& serviceAccount();
-
-/// Replaces a file in one step: the caller writes a temporary file beside it, which is then
-/// given to the service account and moved over the target. Readers see the old
-/// content or the new, never a part.
-///
-///   AtomicReplacement replacement(target);
-///   write(replacement.temporaryName());
-///   replacement.commit();
-///
-/// Without `commit`, as when writing failed, the temporary file is removed. After a
-/// failed `commit` it is left in place, as evidence.
-class AtomicReplacement {
- public:
-  /// CRASH_SAFE: the new content and its entry in the directory are on the disk after `commit`.
-  /// CHEAP: for files replaced thousands of times in a run; may be empty after a crash of the
-  /// machine.
-  enum Price { CRASH_SAFE, CHEAP };
-
-  /// Creates the temporary file. Throws CantCreateTempFile.
-  explicit AtomicReplacement(const std::string& target, Price price = CRASH_SAFE);
-  ~AtomicReplacement();
-  AtomicReplacement(const AtomicReplacement&) = delete;
-  AtomicReplacement& operator=(const AtomicReplacement&) = delete;
-
-  const std::string& temporaryName() const { return temporaryName_; }
-  /// The temporary file, open for writing.
-  int descriptor() const { return temporary_.get(); }
-  /// For a CHEAP replacement. False with errno when what was written to the descriptor may be
-  /// lost.
-  bool close() { return temporary_.close() == 0; }
-
-  /// Throws CantTakeFileOwnership or CantRenameFile; the target is then untouched, or, if only
-  /// its directory could not be put on the disk, replaced.
-  void commit();
-
- private:
-  bool syncTemporary() const;
-  bool moveOverTarget() const;
-
-  std::string target_;
-  Price price_;
-  UniqueFd temporary_;
-  std::string temporaryName_;
-  bool removeTemporary_ = true;
-};
-
-/// Sets the process's file-creation mask and restores the old one, also when an
-/// exception passes.
-class UmaskGuard {
- public:
-  explicit UmaskGuard(mode_t mask);
-  ~UmaskGuard();
-  UmaskGuard(const UmaskGuard&) = delete;
-  UmaskGuard& operator=(const UmaskGuard&) = delete;
-
- private:
-  mode_t oldMask_;
-};

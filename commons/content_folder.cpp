@@ -12,10 +12,10 @@
 
 #include "commons/ExSystemError.h"
 #include "commons/commons.h"
+#include "commons/umask_guard.h"
 
 namespace {
 
-constexpr mode_t CONTENT_UMASK = 022;
 constexpr mode_t CONTENT_DIR_MODE = 0755;
 constexpr mode_t NEW_FILE_MODE = 0666;
 
@@ -47,7 +47,7 @@ OutputFile ContentFolder::create(const std::string& name) const {
   // One part after the other it could be made all the same, and then not be used by
   // anybody.
   if (pathOf(name).size() >= PATH_MAX) throwSystemError(pathOf(name), ENAMETOOLONG);
-  const UmaskGuard mask(CONTENT_UMASK);
+  const UmaskGuard mask(READABLE_BY_ALL_UMASK);
   UniqueFd folder = openParent(name, true);
   // O_NONBLOCK: a FIFO in the file's place must not stop the run. No O_TRUNC: it may be
   // somebody's hard link.
@@ -104,7 +104,7 @@ UniqueFd ContentFolder::openOrMakeFolder(int parent, const std::string& name,
 }
 
 int make_content_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
-  const UmaskGuard mask(CONTENT_UMASK);
+  const UmaskGuard mask(READABLE_BY_ALL_UMASK);
   return make_dir(path, owner, group, mode);
 }
 

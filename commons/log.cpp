@@ -11,6 +11,7 @@
 #include "commons/commons.h"
 #include "commons/files.h"
 #include "commons/session.h"
+#include "commons/umask_guard.h"
 #include "hostlib/messlog.h"
 
 namespace {

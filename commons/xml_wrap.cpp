@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "commons/atomic_replacement.h"
 #include "commons/commons.h"
 #include "commons/libxml.h"
 #include "commons/output_file.h"
@@ -162,7 +163,7 @@ void tXmlDocument::saveToFileAtomically(const std::string& target) const {
 }
 
 void tXmlDocument::saveOftenAtomically(const std::string& target) const {
-  AtomicReplacement replacement(target, AtomicReplacement::CHEAP);
+  AtomicReplacement replacement(target, Durability::CHEAP);
   if (!saveToDescriptor(replacement.descriptor()) || !replacement.close()) {
     throw Exc<&tError_SaveFile>(HERE) % replacement.temporaryName();
   }

@@ -56,7 +56,7 @@ class tXmlDocument {
   /// the service account. Throws what AtomicReplacement and saveToFile throw.
   void saveToFileAtomically(const std::string& target) const;
   /// The same, without saveToFile, for what is saved thousands of times in a run: see
-  /// AtomicReplacement::CHEAP.
+  /// Durability::CHEAP.
   void saveOftenAtomically(const std::string& target) const;
 
   /// The root element; none in an empty document.

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <vector>
 
-#include "commons/commons.h"
+#include "commons/atomic_replacement.h"
 #include "commons/xml_wrap.h"
 #include "migrate/documents.h"
 #include "migrate/errors.h"
@@ -47,7 +47,7 @@ bool EarlierDump::saysItsEnd() const {
 
 void EarlierDump::publish(const std::string& session) const {
   if (status_.empty()) return;
-  AtomicReplacement replacement(dumpingStatusIn(session), AtomicReplacement::CHEAP);
+  AtomicReplacement replacement(dumpingStatusIn(session), Durability::CHEAP);
   std::ofstream file(replacement.temporaryName(), std::ios::binary);
   if (!(file << status_ << std::flush)) {
     throw Exc<&MigrateImpossible>(HERE) %

@@ -1,14 +1,7 @@
 #include "sondrel/result_file.h"
 
-#include <sys/types.h>
-
-namespace {
-
-constexpr mode_t OUTPUT_UMASK = 022;
-
-}  // namespace
-
-ResultFile::ResultFile(const std::string& path) : ResultFile(path, UmaskGuard(OUTPUT_UMASK)) {}
+ResultFile::ResultFile(const std::string& path)
+    : ResultFile(path, UmaskGuard(READABLE_BY_ALL_UMASK)) {}
 
 ResultFile::ResultFile(const std::string& path, const UmaskGuard& /*mask*/) : OutputFile(path) {}
 

@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "commons/output_file.h"
+#include "commons/umask_guard.h"
 
 DECLARE_ERROR_TAG(FileWrite, "Error during %1% write: %2%");
 

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "commons/RecursiveDirIterator.h"
+#include "commons/commons.h"
 #include "commons/files.h"
 #include "commons/secrets.h"
 #include "commons/session.h"

@@ -6,8 +6,8 @@
 #include <sstream>
 
 #include "commons/collected_text.h"
-#include "commons/commons.h"
 #include "commons/sh_quoting.h"
+#include "commons/umask_guard.h"
 #include "commons/unbuffered_streambuf.h"
 #include "transport/remote_execution.h"
 
@@ -21,8 +21,6 @@ constexpr int POLL_LIMIT_MS = 5000;
 constexpr int WATCHED_POLL_LIMIT_MS = 1000;
 /// How much a command may say before its input is with it, where that is kept for its reader.
 constexpr std::size_t OUTPUT_AHEAD_BYTES = std::size_t{8} << 20;
-/// Downloaded files have mode 0644 whatever the mask of this process was.
-constexpr mode_t DOWNLOAD_UMASK = 022;
 
 /// Swallows everything. A stream without a buffer would count as failed.
 class NullStreamBuf : public UnbufferedStreamBuf {
@@ -244,7 +242,7 @@ int Ssh::get(OutputFile& localFile, std::ostream& err, const std::string& remote
 
 int Ssh::get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
              Counter& counter) {
-  const UmaskGuard mask(DOWNLOAD_UMASK);
+  const UmaskGuard mask(READABLE_BY_ALL_UMASK);
   OutputFile file(localPath);
   const bool opened = file.isOpen();
   const int status = get(file, err, remotePath, counter);

@@ -2,6 +2,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "commons/atomic_replacement.h"
 #include "commons/commons.h"
 #include "support.h"
 
@@ -56,7 +57,7 @@ TEST(AtomicReplacementTest, SyncsNothingWhenItIsCheap) {
   const ScopedTempDir dir;
   int syncs = 0;
   onSync = [&](const std::string& /*path*/) { ++syncs; };
-  AtomicReplacement(dir / "target", AtomicReplacement::CHEAP).commit();
+  AtomicReplacement(dir / "target", Durability::CHEAP).commit();
   onSync = nullptr;
   EXPECT_EQ(syncs, 0);
 }
@@ -113,7 +114,7 @@ TEST(AtomicReplacementTest, LeavesTheTemporaryFileWhenItCannotBeMovedOverTheTarg
 TEST(AtomicReplacementTest, ReplacesCheaplyWhetherThereIsATargetOrNot) {
   const ScopedTempDir dir;
   for (const std::string text : {"first", "second", "third"}) {
-    AtomicReplacement replacement(dir / "target", AtomicReplacement::CHEAP);
+    AtomicReplacement replacement(dir / "target", Durability::CHEAP);
     ASSERT_EQ(write(replacement.descriptor(), text.data(), text.size()),
               static_cast<ssize_t>(text.size()));
     EXPECT_TRUE(replacement.close());
@@ -128,7 +129,7 @@ TEST(AtomicReplacementTest, ReplacesALinkCheaplyAndNotWhatItLeadsTo) {
   const ScopedTempDir dir;
   writeFile(dir / "other", "old");
   ASSERT_EQ(symlink("other", (dir / "target").c_str()), 0);
-  AtomicReplacement(dir / "target", AtomicReplacement::CHEAP).commit();
+  AtomicReplacement(dir / "target", Durability::CHEAP).commit();
   EXPECT_EQ(readFile(dir / "other"), "old");
   EXPECT_EQ(readFile(dir / "target"), "");
   EXPECT_THAT(entriesOf(dir.path()), testing::UnorderedElementsAre("other", "target"));
@@ -139,7 +140,7 @@ TEST(AtomicReplacementTest, LeavesTheFolderThatCannotBeReplacedCheaplyInItsPlace
   ASSERT_EQ(mkdir((dir / "target").c_str(), 0755), 0);
   std::string temporary;
   {
-    AtomicReplacement replacement(dir / "target", AtomicReplacement::CHEAP);
+    AtomicReplacement replacement(dir / "target", Durability::CHEAP);
     temporary = replacement.temporaryName();
     EXPECT_EQ(whatOf<Exc<&CantRenameFile>>([&] { replacement.commit(); }),
               "Cannot rename " + temporary + " to " + (dir / "target") + ": Is a directory");

@@ -11,6 +11,7 @@
 
 #include "commons/ExSystemError.h"
 #include "commons/commons.h"
+#include "commons/umask_guard.h"
 #include "support.h"
 
 namespace {

@@ -1,5 +1,6 @@
 #include "commons/ExecCmd.h"
 #include "commons/agent_spec.h"
+#include "commons/atomic_replacement.h"
 #include "commons/checksum.h"
 #include "commons/commons.h"
 #include "commons/log.h"

@@ -1,3 +1,4 @@
+#include "commons/atomic_replacement.h"
 #include "commons/commons.h"
 #include "commons/formats.h"
 #include "commons/log.h"

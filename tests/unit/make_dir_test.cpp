@@ -5,6 +5,7 @@
 
 #include "commons/commons.h"
 #include "commons/content_folder.h"
+#include "commons/umask_guard.h"
 #include "support.h"
 
 TEST(MakeDirTest, MakesEveryMissingParentWithTheSameOwnerGroupAndMode) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "commons/commons.h"
+#include "commons/umask_guard.h"
 #include "support.h"
 
 namespace {

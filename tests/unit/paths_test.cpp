@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include "commons/commons.h"
+#include "commons/umask_guard.h"
 #include "support.h"
 
 TEST(CheckInputFileTest, AcceptsRegularFilesOnlyThroughSymbolicLinksAsWell) {

@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 
+#include "commons/atomic_replacement.h"
 #include "commons/log.h"
 #include "commons/session.h"
 #include "support.h"

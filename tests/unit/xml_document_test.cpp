@@ -8,6 +8,7 @@
 #include <optional>
 #include <sstream>
 
+#include "commons/atomic_replacement.h"
 #include "commons/commons.h"
 #include "commons/xml_wrap.h"
 #include "support.h"
