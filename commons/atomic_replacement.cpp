@@ -13,7 +13,7 @@ AtomicReplacement::AtomicReplacement(const std::string& target, Durability durab
     : target_(target),
       durability_(durability),
       temporaryName_(
-          DTM_getTempFileName(getFolderOf(target), getFileNameFromPath(target), temporary_)) {}
+          DTM_getTempFileName(getDirectoryOf(target), getFileNameFromPath(target), temporary_)) {}
 
 AtomicReplacement::~AtomicReplacement() {
   if (removeTemporary_) std::remove(temporaryName_.c_str());
@@ -27,7 +27,7 @@ void AtomicReplacement::commit() {
   }
   const bool crashSafe = durability_ == Durability::CRASH_SAFE;
   if ((crashSafe && !syncTemporary()) || !moveOverTarget() ||
-      (crashSafe && !syncFolderOf(target_))) {
+      (crashSafe && !syncDirectoryOf(target_))) {
     throw Exc<&CantRenameFile>(HERE) % temporaryName_ % target_ % std::strerror(errno);
   }
 }

@@ -27,15 +27,15 @@ std::string getTempBaseDir(const std::string& dir) {
 
 }  // namespace
 
-std::string getFolderOf(const std::string& path) {
+std::string getDirectoryOf(const std::string& path) {
   if (path.find('/') == std::string::npos) return ".";
-  const std::string folder = getPath(path);
-  return folder.empty() ? "/" : folder;
+  const std::string directory = getPath(path);
+  return directory.empty() ? "/" : directory;
 }
 
-bool syncFolderOf(const std::string& path) {
-  const UniqueFd folder(open(getFolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return folder && syncFolder(folder.get());
+bool syncDirectoryOf(const std::string& path) {
+  const UniqueFd directory(open(getDirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return directory && syncDirectory(directory.get());
 }
 
 void initTempName(std::vector<char>& buffer, const std::string& dir, const std::string& prefix) {
@@ -91,7 +91,7 @@ int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
   if (mkdir(path.c_str(), mode) != 0) {
     return errno == EEXIST && stat(path.c_str(), &status) == 0 ? 0 : -1;
   }
-  if (syncFolderOf(path) && chown(path.c_str(), owner, group) == 0) return 0;
+  if (syncDirectoryOf(path) && chown(path.c_str(), owner, group) == 0) return 0;
   // Left in place it would be taken for good by the next run.
   const int error = errno;
   rmdir(path.c_str());

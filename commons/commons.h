@@ -44,11 +44,11 @@ std::string getFileNameFromPath(const std::string& path);
 std::string getPath(const std::string& path);
 
 /// The directory in which `path` lies, as a name that can be used as one.
-std::string getFolderOf(const std::string& path);
+std::string getDirectoryOf(const std::string& path);
 
 /// Puts the entry `path` of its directory on the disk: a new directory's content is safe
 /// only when its own entry is. False with errno.
-bool syncFolderOf(const std::string& path);
+bool syncDirectoryOf(const std::string& path);
 
 /// The user and group that own what other programs are to read. 0 and 0 where the
 /// account does not exist.

@@ -75,7 +75,7 @@ void XmlMigrationStatus::setDeploy(const std::string& accounts, const std::strin
   completedDomains_ = domains;
 }
 
-void XmlMigrationStatus::setCurrentObject(const std::string& name, objectType type) {
+void XmlMigrationStatus::setCurrentObject(const std::string& name, ObjectType type) {
   currentObject_ = name;
   currentObjectType_ = type;
 }

@@ -12,7 +12,7 @@
 class MigrationStatus {
  public:
   enum agentOperation { DEPLOY_AGENT = 0, WAIT_FOR_AGENT = 1 };
-  enum objectType { ACCOUNT = 0, DOMAIN_OBJECT = 1 };
+  enum ObjectType { ACCOUNT = 0, DOMAIN_OBJECT = 1 };
 
   virtual ~MigrationStatus() = default;
   virtual void setIdle() = 0;
@@ -30,7 +30,7 @@ class MigrationStatus {
   virtual void setTransferCurrentFileSizeLeft(const std::string& size) = 0;
   virtual void setDeployTotals(const std::string& accounts, const std::string& domains) = 0;
   virtual void setDeploy(const std::string& accounts, const std::string& domains) = 0;
-  virtual void setCurrentObject(const std::string& name, objectType type) = 0;
+  virtual void setCurrentObject(const std::string& name, ObjectType type) = 0;
   virtual void setTranslate() = 0;
   /// Replaces the session's status document by the present state. Throws what
   /// tXmlDocument::saveToFileAtomically throws.
@@ -55,7 +55,7 @@ class XmlMigrationStatus : public tXmlDtmDocument, public MigrationStatus {
   void setTransferCurrentFileSizeLeft(const std::string& size) override;
   void setDeployTotals(const std::string& accounts, const std::string& domains) override;
   void setDeploy(const std::string& accounts, const std::string& domains) override;
-  void setCurrentObject(const std::string& name, objectType type) override;
+  void setCurrentObject(const std::string& name, ObjectType type) override;
   void setTranslate() override;
   void saveFile() override;
 
@@ -87,7 +87,7 @@ class XmlMigrationStatus : public tXmlDtmDocument, public MigrationStatus {
   std::string completedAccounts_;
   std::string completedDomains_;
   std::string currentObject_;
-  objectType currentObjectType_ = ACCOUNT;
+  ObjectType currentObjectType_ = ACCOUNT;
 };
 
 /// A new status with nothing in it yet; the caller owns it.

@@ -23,7 +23,7 @@ constexpr off_t WRITE_BEHIND_FROM_BYTES = 1 << 20;
 
 }  // namespace
 
-bool FdStreamBuf::finish() {
+bool FdStreamBuf::discardOldContent() {
   return sync() == 0 && truncate();
 }
 
@@ -104,14 +104,14 @@ OutputFile::OutputFile(const std::string& path)
     : OutputFile(path, UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
                  UniqueFd(), FdStreamBuf::PLAIN) {}
 
-OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd folder)
-    : OutputFile(path, std::move(file), std::move(folder), FdStreamBuf::CONTENT) {}
+OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd directory)
+    : OutputFile(path, std::move(file), std::move(directory), FdStreamBuf::CONTENT) {}
 
-OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd folder,
+OutputFile::OutputFile(const std::string& path, UniqueFd file, UniqueFd directory,
                        FdStreamBuf::Kind kind)
     : path_(path),
       file_(std::move(file)),
-      folder_(std::move(folder)),
+      directory_(std::move(directory)),
       error_(file_ ? 0 : errno),
       buffer_(file_.get(), kind),
       stream_(&buffer_) {
@@ -132,17 +132,17 @@ bool OutputFile::noteFailure() {
 bool OutputFile::close() {
   // Nothing is written any more when the descriptor goes.
   const bool isWritten = buffer_.pubsync() == 0;
-  const bool complete = file_ && stream_.good() && isWritten && buffer_.finish();
+  const bool complete = file_ && stream_.good() && isWritten && buffer_.discardOldContent();
   if (file_.close() != 0) return noteFailure();
   return complete;
 }
 
 bool OutputFile::syncAndClose() {
-  if (!buffer_.finish()) return false;
+  if (!buffer_.discardOldContent()) return false;
   // EINVAL: nothing on the way to a disk, as with a device.
   if (file_ && fdatasync(file_.get()) != 0 && errno != EINVAL) return noteFailure();
   if (!close()) return false;
-  if (folder_ && !syncFolder(folder_.get())) return noteFailure();
+  if (directory_ && !syncDirectory(directory_.get())) return noteFailure();
   return true;
 }
 
@@ -150,6 +150,6 @@ std::string OutputFile::errorText() const {
   return std::strerror(buffer_.error() ? buffer_.error() : error_);
 }
 
-bool syncFolder(int folder) {
-  return fsync(folder) == 0 || errno == EINVAL;
+bool syncDirectory(int directory) {
+  return fsync(directory) == 0 || errno == EINVAL;
 }

@@ -20,17 +20,18 @@ class FdStreamBuf : public UnbufferedStreamBuf {
   enum Kind {
     PLAIN,
     /// A file that will be synced: it is on its way to the disk while more is written.
-    /// The first write, or `finish` if there is none, truncates it.
+    /// The first write, or `discardOldContent` if there is none, truncates it.
     CONTENT
   };
   explicit FdStreamBuf(int fd, Kind kind = PLAIN)
       : fd_(fd), kind_(kind), replacing_(kind == CONTENT) {}
   /// From now on has a thread of its own write and sum what comes, beginning when enough has come
-  /// to be worth it. A write that fails is then seen at a later one, or by `pubsync` or `finish`,
+  /// to be worth it. A write that fails is then seen at a later one, or by `pubsync` or
+  /// `discardOldContent`,
   /// until which the sum must be left alone.
   void writeBehind() { isBehindWanted_ = true; }
   /// False when what the file held could not be truncated, or what was taken could not be written.
-  bool finish();
+  bool discardOldContent();
   /// From now on counts what was written; `sum` must outlive the buffer, or the next
   /// call, which may give null.
   void setSum(Md5Sum* sum) { sum_ = sum; }
@@ -92,10 +93,10 @@ class OutputFile {
  public:
   /// Creates or truncates `path`; a new file gets mode 0666 less the umask.
   explicit OutputFile(const std::string& path);
-  /// Takes over a file that the caller opened in `folder`. `path` is for messages. What
+  /// Takes over a file that the caller opened in `directory`. `path` is for messages. What
   /// the file holds is kept until the first byte comes, or until it is closed without
   /// one: an attempt that brings nothing destroys nothing.
-  OutputFile(const std::string& path, UniqueFd file, UniqueFd folder);
+  OutputFile(const std::string& path, UniqueFd file, UniqueFd directory);
 
   bool isOpen() const { return static_cast<bool>(file_); }
   const std::string& path() const { return path_; }
@@ -119,12 +120,12 @@ class OutputFile {
   std::string errorText() const;
 
  private:
-  OutputFile(const std::string& path, UniqueFd file, UniqueFd folder, FdStreamBuf::Kind kind);
+  OutputFile(const std::string& path, UniqueFd file, UniqueFd directory, FdStreamBuf::Kind kind);
   bool noteFailure();
 
   std::string path_;
   UniqueFd file_;
-  UniqueFd folder_;
+  UniqueFd directory_;
   int error_ = 0;
   FdStreamBuf buffer_;
   std::ostream stream_;
@@ -132,4 +133,4 @@ class OutputFile {
 
 /// Puts a directory's entries on the disk; false with errno when that fails. A file
 /// system that cannot sync directories at all (EINVAL) is no failure.
-bool syncFolder(int folder);
+bool syncDirectory(int directory);

@@ -4,7 +4,7 @@
 
 #include <boost/lexical_cast/try_lexical_convert.hpp>
 
-#include "commons/figures.h"
+#include "commons/human_readable.h"
 
 namespace {
 

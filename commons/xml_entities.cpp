@@ -59,7 +59,7 @@ class EntityWalk {
 
 }  // namespace
 
-bool doEntitiesStayBelow(xmlDocPtr document, std::size_t limit) {
+bool entitiesStayBelow(xmlDocPtr document, std::size_t limit) {
   const bool declaresAny = document->intSubset && document->intSubset->entities;
   return !declaresAny || EntityWalk(document, limit).walk(document->children, 0);
 }

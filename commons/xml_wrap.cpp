@@ -100,7 +100,7 @@ void tXmlDocument::readFromFile(const char* fileName) {
 }
 
 void tXmlDocument::refuseBomb(const char* fileName) const {
-  if (doEntitiesStayBelow(document(), ENTITY_TEXT_LIMIT)) return;
+  if (entitiesStayBelow(document(), ENTITY_TEXT_LIMIT)) return;
   throw Exc<&tError_ParseFile>(HERE) % fileName % "its entities grow without measure\n";
 }
 

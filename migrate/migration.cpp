@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "commons/commons.h"
-#include "commons/figures.h"
+#include "commons/human_readable.h"
 #include "commons/session.h"
 #include "commons/xml_wrap.h"
 #include "migrate/documents.h"

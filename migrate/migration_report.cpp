@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "commons/figures.h"
+#include "commons/human_readable.h"
 #include "migrate/documents.h"
 #include "migrate/exit_codes.h"
 #include "migrate/sondrel_command.h"

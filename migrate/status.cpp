@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "commons/figures.h"
+#include "commons/human_readable.h"
 #include "migrate/documents.h"
 #include "migrate/errors.h"
 #include "migrate/session_lock.h"

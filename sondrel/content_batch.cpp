@@ -18,17 +18,17 @@ constexpr std::size_t BATCH_FILES = 1000;
 /// Any server takes so much of a command's input before the command must read it.
 constexpr std::size_t BATCH_NAME_BYTES = std::size_t{60} << 10;
 /// What stands in front of each name in the archive.
-const std::string MEMBER_FOLDER = "./";
+const std::string MEMBER_DIRECTORY = "./";
 
 std::size_t nameBytesOf(const DumpFile& file) {
   // And the byte that ends it.
-  return MEMBER_FOLDER.size() + file.name.size() + 1;
+  return MEMBER_DIRECTORY.size() + file.name.size() + 1;
 }
 
 /// The name of the file that the member would be.
 std::string nameIn(const TarReader::Member& member) {
-  const bool isBelow = member.name.compare(0, MEMBER_FOLDER.size(), MEMBER_FOLDER) == 0;
-  return isBelow ? member.name.substr(MEMBER_FOLDER.size()) : member.name;
+  const bool isBelow = member.name.compare(0, MEMBER_DIRECTORY.size(), MEMBER_DIRECTORY) == 0;
+  return isBelow ? member.name.substr(MEMBER_DIRECTORY.size()) : member.name;
 }
 
 /// Why an archive came to a bad end.
@@ -84,11 +84,11 @@ bool BatchEnd::hasComplained() const {
 
 // --- BatchReceiver ---
 
-BatchReceiver::BatchReceiver(const ContentBatch& batch, const ContentFolder& folder,
+BatchReceiver::BatchReceiver(const ContentBatch& batch, const ContentDirectory& directory,
                              FileRetrievalProgressUpdater& progress)
-    : folder_(folder), progress_(progress) {
+    : directory_(directory), progress_(progress) {
   for (const DumpFile* file : batch.files()) {
-    places_.emplace(MEMBER_FOLDER + file->name, files_.size());
+    places_.emplace(MEMBER_DIRECTORY + file->name, files_.size());
     files_.emplace_back();
     files_.back().file = file;
   }
@@ -138,7 +138,7 @@ void BatchReceiver::store(TarReader& archive, BatchedFile& target) {
 
 void BatchReceiver::storeContent(TarReader& archive, BatchedFile& target) {
   Md5Sum sum;
-  OutputFile local = folder_.create(target.file->name);
+  OutputFile local = directory_.create(target.file->name);
   local.setSum(&sum);
   sync_.add(local.descriptor());
   for (std::string_view bytes = archive.content(); !bytes.empty(); bytes = archive.content()) {
@@ -165,7 +165,7 @@ const BatchedFile& BatchReceiver::current() const {
 bool BatchReceiver::sync() {
   if (!sync_.sync()) return false;
   for (BatchedFile& file : files_) {
-    if (!file.isStored || folder_.isInPlace(file.file->name, file.identity)) continue;
+    if (!file.isStored || directory_.isInPlace(file.file->name, file.identity)) continue;
     file.isStored = false;
     file.failure = "The file is no longer there";
   }

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "commons/content_folder.h"
+#include "commons/content_directory.h"
 #include "commons/formats.h"
 #include "commons/output_file.h"
 #include "commons/tar_archive.h"
@@ -80,7 +80,7 @@ struct BatchEnd {
 class BatchReceiver {
  public:
   /// All of them must outlive the receiver.
-  BatchReceiver(const ContentBatch& batch, const ContentFolder& folder,
+  BatchReceiver(const ContentBatch& batch, const ContentDirectory& directory,
                 FileRetrievalProgressUpdater& progress);
 
   /// Takes all members. Once a file cannot be stored here, no further one is. Throws
@@ -106,7 +106,7 @@ class BatchReceiver {
   void store(TarReader& archive, BatchedFile& target);
   void storeContent(TarReader& archive, BatchedFile& target);
 
-  const ContentFolder& folder_;
+  const ContentDirectory& directory_;
   FileRetrievalProgressUpdater& progress_;
   std::vector<BatchedFile> files_;
   /// For each expected name of a member, the index of its file.

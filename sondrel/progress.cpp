@@ -5,7 +5,7 @@
 #include <system_error>
 #include <utility>
 
-#include "commons/figures.h"
+#include "commons/human_readable.h"
 #include "commons/progress_text.h"
 
 namespace {
@@ -57,11 +57,11 @@ ProgressDisplay::ProgressDisplay(ProgressLine& line, Ssh& ssh,
       ssh_(ssh),
       describe_(std::move(describe)),
       endingSignals_([&line] { line.close(); }) {
-  ssh_.setOnlooker(this);
+  ssh_.setProgressObserver(this);
 }
 
 ProgressDisplay::~ProgressDisplay() {
-  ssh_.setOnlooker(nullptr);
+  ssh_.setProgressObserver(nullptr);
   line_.erase();
 }
 

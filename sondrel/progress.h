@@ -35,7 +35,7 @@ class ProgressLineController {
 
 /// While it lives, what `describe` says is on the line, and drawn over again while the
 /// connection is in use. A signal that ends the process erases it first.
-class ProgressDisplay : public Onlooker {
+class ProgressDisplay : public ProgressObserver {
  public:
   /// Null when there is no thread to be had for it. `ssh`, `line` and what `describe`
   /// uses, must outlive the display.
@@ -45,7 +45,7 @@ class ProgressDisplay : public Onlooker {
   ProgressDisplay(const ProgressDisplay&) = delete;
   ProgressDisplay& operator=(const ProgressDisplay&) = delete;
 
-  void look() override { line_.show(describe_); }
+  void tick() override { line_.show(describe_); }
 
  private:
   ProgressDisplay(ProgressLine& line, Ssh& ssh, std::function<std::string()> describe);

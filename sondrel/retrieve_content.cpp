@@ -89,7 +89,7 @@ void RetrieveContentAction::refuseUnsafeNames(const AgentFileList& list) {
     const std::string reason = whyUnsafeName(file.name);
     if (reason.empty()) continue;
     throw Exc<&CantRetrieveContentFile>(HERE) % remotePathOf(file.name) % getConfig().host %
-        contentFolder().pathOf(file.name) % reason;
+        contentDirectory().pathOf(file.name) % reason;
   }
 }
 
@@ -126,7 +126,7 @@ void RetrieveContentAction::retrieveAlone(const DumpFile& file, Ssh::Counter& co
 /// True when the file is here and may go there; false when it is not what the list says.
 bool RetrieveContentAction::download(const DumpFile& file, Ssh::Counter& counter) {
   const std::string remotePath = remotePathOf(file.name);
-  const std::string localPath = contentFolder().pathOf(file.name);
+  const std::string localPath = contentDirectory().pathOf(file.name);
   CollectedText err;
   std::optional<Md5Sum> sum;
   // Some login shells fetch, and would remove, other files than the one of that name.
@@ -147,7 +147,7 @@ bool RetrieveContentAction::download(const DumpFile& file, Ssh::Counter& counter
 Exc<&CantRetrieveContentFile> RetrieveContentAction::cantRetrieve(const std::string& name,
                                                                   const std::string& reason) const {
   return Exc<&CantRetrieveContentFile>(HERE) % remotePathOf(name) % getConfig().host %
-         contentFolder().pathOf(name) % reason;
+         contentDirectory().pathOf(name) % reason;
 }
 
 /// Nothing once the file is complete and on the disk, for then its remote copy goes;
@@ -156,13 +156,13 @@ std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file, 
                                                           Ssh::Counter& counter, Md5Sum* sum) {
   if (!makeDir(targetDir())) return std::strerror(errno);
   try {
-    OutputFile local = contentFolder().create(file.name);
+    OutputFile local = contentDirectory().create(file.name);
     local.setSum(sum);
     local.writeBehind();
     if (fetch(file, local, err, counter) != 0) return errorTextOf(err);
     const FileIdentity written = local.identity();
     if (!local.syncAndClose()) return local.errorText();
-    if (!contentFolder().isInPlace(file.name, written)) return "The file is no longer there";
+    if (!contentDirectory().isInPlace(file.name, written)) return "The file is no longer there";
   } catch (const SystemError& e) {
     return e.what();
   }
@@ -201,15 +201,15 @@ std::string RetrieveContentAction::targetDir() const {
   return getConfig().dumps_dir.empty() ? theSession->getCidFilesDir() : getConfig().dumps_dir;
 }
 
-ContentFolder RetrieveContentAction::contentFolder() const {
+ContentDirectory RetrieveContentAction::contentDirectory() const {
   const ServiceAccount& owner = serviceAccount();
-  return ContentFolder(targetDir(), owner.user, owner.group);
+  return ContentDirectory(targetDir(), owner.user, owner.group);
 }
 
 /// The MD5 sum of the local file; empty when it is not there.
 std::string RetrieveContentAction::localSum(const DumpFile& file) {
   constexpr std::size_t BUFFER_BYTES = 65536;
-  UniqueFd fd = contentFolder().openExisting(file.name);
+  UniqueFd fd = contentDirectory().openExisting(file.name);
   if (!fd) return {};
   __gnu_cxx::stdio_filebuf<char> buffer(fd.release(), std::ios::in | std::ios::binary,
                                         BUFFER_BYTES);

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "commons/content_folder.h"
+#include "commons/content_directory.h"
 #include "sondrel/action.h"
 #include "sondrel/content_batch.h"
 #include "sondrel/retrieval_progress.h"
@@ -77,7 +77,7 @@ class RetrieveContentAction : public Action {
   void tryRemoval(const std::vector<const DumpFile*>& files, const std::function<void()>& remove);
 
   std::string targetDir() const;
-  ContentFolder contentFolder() const;
+  ContentDirectory contentDirectory() const;
   std::string localSum(const DumpFile& file);
 
   /// Whether what arrives is compared with the list, which this host's configuration says.

@@ -17,8 +17,8 @@ log4cpp::Category& actionLog = log4cpp::Category::getInstance("k.Action");
 void RetrieveContentAction::retrieveBatch(FileRetrievalProgressUpdater& progress) {
   const ContentBatch batch = std::exchange(batch_, ContentBatch());
   if (batch.isEmpty()) return;
-  const ContentFolder folder = contentFolder();
-  BatchReceiver receiver(batch, folder, progress);
+  const ContentDirectory directory = contentDirectory();
+  BatchReceiver receiver(batch, directory, progress);
   const BatchEnd end = receiveBatch(batch, receiver);
   if (end.isUnableTo()) {
     actionLog.notice("Each file is fetched by itself, since tar cannot be used there: " +
@@ -45,7 +45,7 @@ BatchEnd RetrieveContentAction::receiveBatch(const ContentBatch& batch, BatchRec
   } catch (const ExTraceable& e) {
     const std::string& name = receiver.current().file->name;
     throw Exc<&CantRetrieveContentFile>(e, HERE) % remotePathOf(name) % getConfig().host %
-        contentFolder().pathOf(name) % errorTextOf(err);
+        contentDirectory().pathOf(name) % errorTextOf(err);
   }
 }
 
@@ -94,7 +94,7 @@ void RetrieveContentAction::finishBatch(BatchReceiver& receiver, const BatchEnd&
 Exc<&CantRetrieveContentFile> RetrieveContentAction::cantStore(const BatchedFile& file) const {
   const std::string& name = file.file->name;
   return Exc<&CantRetrieveContentFile>(Exc<&StreamWrite>(HERE), HERE) % remotePathOf(name) %
-         getConfig().host % contentFolder().pathOf(name) % file.failure;
+         getConfig().host % contentDirectory().pathOf(name) % file.failure;
 }
 
 /// Throws CantRetrieveContentFile for the first file that has failed; the result log has those

@@ -252,9 +252,9 @@ void KnownHosts::add(const HostKey& key) {
   const std::string before = endsInsideLine(file.get()) ? "\n" : "";
   appendDurably(file.get(), path_, before + name + " " + key.type() + " " + key.text() + "\n",
                 locked);
-  if (isNew && !syncFolderOf(path_)) {
+  if (isNew && !syncDirectoryOf(path_)) {
     const int error = errno;
-    throwSystemError(getFolderOf(path_), error);
+    throwSystemError(getDirectoryOf(path_), error);
   }
   own_.push_back({key.type(), key.text()});
 }

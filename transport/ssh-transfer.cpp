@@ -107,22 +107,22 @@ void Ssh::connect(const std::string& host, std::uint16_t port, bool disableEncry
 void Ssh::startSession(const std::string& host, std::uint16_t port, bool disableEncryption,
                        bool compatibility, const HostKeyCheck& hostKeyCheck,
                        libssh2pp::Session::Ciphers ciphers) {
-  auto way = jump_ ? std::make_unique<JumpWay>(*jump_, host, port) : nullptr;
+  auto jumped = jump_ ? std::make_unique<JumpConnection>(*jump_, host, port) : nullptr;
   auto socket = jump_ ? nullptr : std::make_unique<Socket>(host, port);
   try {
     // The session, if there is one, uses what carries it: it goes first.
     session_ = std::make_unique<libssh2pp::Session>(
-        way ? way->descriptor() : socket->descriptor(), disableEncryption, compatibility,
+        jumped ? jumped->descriptor() : socket->descriptor(), disableEncryption, compatibility,
         libssh2pp::Session::LOGIN_LIMIT, hostKeyCheck.types(), ciphers);
   } catch (const Exc<&UnableToStartSshSession>&) {
-    const std::string reason = way ? way->failure() : "";
+    const std::string reason = jumped ? jumped->failure() : "";
     if (reason.empty()) throw;
     throw Exc<&ConnectionFault>(HERE) % host %
         ("no way leads through the jump host " + jump_->host + ": " + reason +
          ". It is used by ssh, which must get there without a question, as by \"ssh -o "
          "BatchMode=yes\"");
   }
-  way_ = std::move(way);
+  jumpConnection_ = std::move(jumped);
   socket_ = std::move(socket);
 }
 
@@ -188,8 +188,8 @@ class Ssh::BatchOutput : public RemoteOutput {
 
 void Ssh::waitForOutput(libssh2pp::Channel& channel) {
   if (alarm_) alarm_->doAlarm();
-  if (onlooker_) onlooker_->look();
-  channel.poll(onlooker_ ? WATCHED_POLL_LIMIT_MS : POLL_LIMIT_MS);
+  if (observer_) observer_->tick();
+  channel.poll(observer_ ? WATCHED_POLL_LIMIT_MS : POLL_LIMIT_MS);
 }
 
 int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
@@ -268,31 +268,31 @@ int Ssh::upload(std::istream& in, const std::string& command, std::string& error
   return status;
 }
 
-std::unique_ptr<RemoteOutput> Ssh::getBatch(const std::string& folder,
+std::unique_ptr<RemoteOutput> Ssh::getBatch(const std::string& directory,
                                             const std::vector<std::string>& names,
                                             std::ostream& err) {
   // Nothing in a name means anything to tar behind "./" but a backslash, which it is told.
   const std::string command =
       (boost::format("tar --create --file=- --format=gnu --directory=%1% --null --no-unquote "
                      "--no-recursion --dereference --hard-dereference --files-from=-") %
-       sh_quote(folder))
+       sh_quote(directory))
           .str();
   std::string input;
   for (const std::string& name : names) {
-    sshLog.debugStream() << "Reading data from the remote file " << folder << "/" << name;
+    sshLog.debugStream() << "Reading data from the remote file " << directory << "/" << name;
     input.append("./").append(name).push_back('\0');
   }
   std::istringstream in(input);
   return std::make_unique<BatchOutput>(*this, command, in, err);
 }
 
-int Ssh::putBatch(std::istream& archive, const std::string& folder, std::string& errorText) {
-  sshLog.debug("Writing files to the remote folder " + folder);
+int Ssh::putBatch(std::istream& archive, const std::string& directory, std::string& errorText) {
+  sshLog.debug("Writing files to the remote folder " + directory);
   // As `cat >` would: through links, into files that stay the same ones, with new times.
   const std::string command =
       (boost::format("tar --extract --file=- --directory=%1% --overwrite --dereference --touch "
                      "--no-same-owner --no-same-permissions") %
-       sh_quote(folder))
+       sh_quote(directory))
           .str();
   return upload(archive, command, errorText);
 }
@@ -315,5 +315,5 @@ int Ssh::put(const std::string& localPath, const std::string& remotePath) {
 
 void Ssh::keepAlive() {
   session_->keepAlive();
-  if (onlooker_) onlooker_->look();
+  if (observer_) observer_->tick();
 }

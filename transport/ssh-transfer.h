@@ -12,7 +12,7 @@
 #include "commons/jump_host.h"
 #include "commons/output_file.h"
 #include "transport/host_key_check.h"
-#include "transport/jump_way.h"
+#include "transport/jump_connection.h"
 #include "transport/pump.h"
 #include "transport/socket.h"
 #include "transport/ssh_session.h"
@@ -36,10 +36,10 @@ class Alarm {
 
 /// Called once per turn while a remote command runs, at least once a second, and during
 /// long local work.
-class Onlooker {
+class ProgressObserver {
  public:
-  virtual ~Onlooker() = default;
-  virtual void look() = 0;
+  virtual ~ProgressObserver() = default;
+  virtual void tick() = 0;
 };
 
 /// The standard output of a remote command that is at work, taken part by part by the one who
@@ -82,8 +82,8 @@ class Ssh {
   /// is given, else by the password only. Throws the errors of Socket,
   /// UnableToStartSshSession, SshHostKeyRejected, InvalidHandle, SshInvalidCredentials;
   /// SshIdentityRejected in place of that one when there is an identity, and, before it
-  /// connects, for a key file that cannot be used. With `jump` the way leads through that host, to
-  /// which nothing of the rest applies, and ConnectionFault says why there is none.
+  /// connects, for a key file that cannot be used. With `jump` the connection leads through that
+  /// host, to which nothing of the rest applies, and ConnectionFault says why there is none.
   Ssh(const std::string& host, const std::string& login, const std::string& password,
       bool disableEncryption, std::uint16_t port, const HostKeyRules& hostKeyRules = {},
       const LoginIdentity& identity = {}, std::optional<JumpHost> jump = std::nullopt);
@@ -107,15 +107,15 @@ class Ssh {
   int get(OutputFile& localFile, std::ostream& err, const std::string& remotePath,
           Counter& counter);
 
-  /// Downloads several files below the remote `folder` as one tar archive, in which each has its
+  /// Downloads several files below the remote `directory` as one tar archive, in which each has its
   /// name behind "./". The names, at most 64 KiB of them, must not hold a zero byte; links are
   /// followed. `err` must outlive what is returned, and so must the connection.
-  std::unique_ptr<RemoteOutput> getBatch(const std::string& folder,
+  std::unique_ptr<RemoteOutput> getBatch(const std::string& directory,
                                          const std::vector<std::string>& names, std::ostream& err);
 
-  /// Uploads the files of a tar archive into the remote `folder`, over those that are there, as
+  /// Uploads the files of a tar archive into the remote `directory`, over those that are there, as
   /// the login user and with what the umask leaves of their modes.
-  int putBatch(std::istream& archive, const std::string& folder, std::string& errorText);
+  int putBatch(std::istream& archive, const std::string& directory, std::string& errorText);
 
   /// Uploads. A local file that cannot be read becomes an empty remote file.
   int put(std::istream& in, const std::string& remotePath);
@@ -127,9 +127,9 @@ class Ssh {
   void setAlarm(Alarm* alarm) { alarm_ = alarm; }
 
   /// Not owned; null for none.
-  void setOnlooker(Onlooker* onlooker) { onlooker_ = onlooker; }
+  void setProgressObserver(ProgressObserver* observer) { observer_ = observer; }
 
-  /// Shows life to the server, and the onlooker, during long local work.
+  /// Shows life to the server, and the observer, during long local work.
   void keepAlive();
 
  private:
@@ -142,7 +142,7 @@ class Ssh {
              const PrivateKey* key);
   int put(std::istream& in, const std::string& remotePath, std::string& errorText);
   int upload(std::istream& in, const std::string& command, std::string& errorText);
-  /// Waits for it a while, after the alarm and the onlooker had their turn.
+  /// Waits for it a while, after the alarm and the observer had their turn.
   void waitForOutput(libssh2pp::Channel& channel);
 
   class BatchOutput;
@@ -150,8 +150,8 @@ class Ssh {
   std::optional<JumpHost> jump_;
   /// One of both carries the session.
   std::unique_ptr<Socket> socket_;
-  std::unique_ptr<JumpWay> way_;
+  std::unique_ptr<JumpConnection> jumpConnection_;
   std::unique_ptr<libssh2pp::Session> session_;
   Alarm* alarm_ = nullptr;
-  Onlooker* onlooker_ = nullptr;
+  ProgressObserver* observer_ = nullptr;
 };

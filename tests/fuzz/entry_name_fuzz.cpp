@@ -1,6 +1,6 @@
 #include <boost/filesystem/path.hpp>
 
-#include "commons/content_folder.h"
+#include "commons/content_directory.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {

@@ -199,7 +199,7 @@ TEST_F(AgentSpecTest, IsKeptByTheCatalogueWhenItIsParsedAgain) {
   EXPECT_EQ(first->description(), "first");
 }
 
-TEST_F(AgentSpecTest, IsMissingWhenThereIsNoFileOrAFolderInItsPlace) {
+TEST_F(AgentSpecTest, IsMissingWhenThereIsNoFileOrADirectoryInItsPlace) {
   fs::create_directories(agents_ + "/no-control");
   fs::create_directories(agents_ + "/no-spec/control");
   fs::create_directories(specOf("folder"));

@@ -38,7 +38,7 @@ TEST(AtomicReplacementTest, ReplacesTheTargetByAPrivateFileOfTheServiceAccount) 
   EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("target"));
 }
 
-TEST(AtomicReplacementTest, PutsTheFileOnTheDiskBeforeAndItsFolderAfterItIsMoved) {
+TEST(AtomicReplacementTest, PutsTheFileOnTheDiskBeforeAndItsDirectoryAfterItIsMoved) {
   const ScopedTempDir dir;
   writeFile(dir / "target", "old");
   AtomicReplacement replacement(dir / "target");
@@ -135,7 +135,7 @@ TEST(AtomicReplacementTest, ReplacesALinkCheaplyAndNotWhatItLeadsTo) {
   EXPECT_THAT(entriesOf(dir.path()), testing::UnorderedElementsAre("other", "target"));
 }
 
-TEST(AtomicReplacementTest, LeavesTheFolderThatCannotBeReplacedCheaplyInItsPlace) {
+TEST(AtomicReplacementTest, LeavesTheDirectoryThatCannotBeReplacedCheaplyInItsPlace) {
   const ScopedTempDir dir;
   ASSERT_EQ(mkdir((dir / "target").c_str(), 0755), 0);
   std::string temporary;
@@ -149,13 +149,13 @@ TEST(AtomicReplacementTest, LeavesTheFolderThatCannotBeReplacedCheaplyInItsPlace
   EXPECT_EQ(ownerAndMode(dir / "target"), "0:0 755");
 }
 
-TEST(AtomicReplacementTest, FailsInAMissingFolderNamingTheTemplate) {
+TEST(AtomicReplacementTest, FailsInAMissingDirectoryNamingTheTemplate) {
   EXPECT_EQ(whatOf<Exc<&CantCreateTempFile>>([] { AtomicReplacement("/mnt/missing/target"); }),
             "Can not create temporary file with the template '/mnt/missing/targetXXXXXX': "
             "No such file or directory.");
 }
 
-TEST(AtomicReplacementTest, TakesANameWithoutAFolder) {
+TEST(AtomicReplacementTest, TakesANameWithoutADirectory) {
   const ScopedTempDir dir;
   inChild([&] {
     ASSERT_EQ(chdir(dir.path().c_str()), 0);

@@ -65,9 +65,9 @@ TEST(Md5SumTest, FailsWhenTheStreamBreaks) {
             "Cannot read data from the stream");
 }
 
-TEST(Md5SumTest, FailsForAFolder) {
-  std::ifstream folder("/mnt");
-  EXPECT_EQ(whatOf<Exc<&StreamRead>>([&] { countMd5Sum(folder); }),
+TEST(Md5SumTest, FailsForADirectory) {
+  std::ifstream directory("/mnt");
+  EXPECT_EQ(whatOf<Exc<&StreamRead>>([&] { countMd5Sum(directory); }),
             "Cannot read data from the stream");
 }
 

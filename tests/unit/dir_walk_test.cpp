@@ -9,12 +9,12 @@
 
 namespace {
 
-/// A tree with a file at the top, nested folders and odd names.
+/// A tree with a file at the top, nested directories and odd names.
 class DirWalkTest : public testing::Test {
  protected:
   DirWalkTest() {
-    for (const char* folder : {"tree", "tree/sub", "tree/sub/deep", "tree/empty", "elsewhere"}) {
-      mkdir((dir_ / folder).c_str(), 0755);
+    for (const char* directory : {"tree", "tree/sub", "tree/sub/deep", "tree/empty", "elsewhere"}) {
+      mkdir((dir_ / directory).c_str(), 0755);
     }
     for (const char* file :
          {"tree/top", "tree/sub/a b", "tree/sub/deep/\n\xC3\xA4'", "elsewhere/file"}) {
@@ -24,7 +24,7 @@ class DirWalkTest : public testing::Test {
   }
 
   /// Notes each pair, with the local path relative to the tree, and enters every
-  /// folder but those named `closed`.
+  /// directory but those named `closed`.
   DirVisitor noting(const std::string& closed = "") {
     return [this, closed](const boost::filesystem::path& local,
                           const boost::filesystem::path& remote) {
@@ -64,7 +64,7 @@ TEST_F(DirWalkTest, HasADotAsTheRemoteSideByDefault) {
                            "tree/sub/deep/\n\xC3\xA4' -> ./deep/\n\xC3\xA4'"));
 }
 
-TEST_F(DirWalkTest, DoesNotEnterAFolderThatTheVisitorRefuses) {
+TEST_F(DirWalkTest, DoesNotEnterADirectoryThatTheVisitorRefuses) {
   recursive_dir_walk_sync(tree_, "r", noting("sub"));
   EXPECT_THAT(visits_, testing::UnorderedElementsAre("tree -> r", "tree/top -> r/top",
                                                      "tree/sub -> r/sub", "tree/empty -> r/empty"));
@@ -73,22 +73,22 @@ TEST_F(DirWalkTest, DoesNotEnterAFolderThatTheVisitorRefuses) {
   EXPECT_THAT(visits_, testing::ElementsAre("tree -> r"));
 }
 
-TEST_F(DirWalkTest, VisitsOnlyTheStartWhenThatIsNoFolder) {
+TEST_F(DirWalkTest, VisitsOnlyTheStartWhenThatIsNoDirectory) {
   recursive_dir_walk_sync(tree_ + "/top", "r", noting());
   EXPECT_THAT(visits_, testing::ElementsAre("tree/top -> r"));
 }
 
-TEST_F(DirWalkTest, FollowsSymbolicLinksToFolders) {
+TEST_F(DirWalkTest, FollowsSymbolicLinksToDirectories) {
   ASSERT_EQ(symlink("../../elsewhere", (tree_ + "/empty/link").c_str()), 0);
   recursive_dir_walk_sync(tree_ + "/empty", "r", noting());
   EXPECT_THAT(visits_, testing::ElementsAre("tree/empty -> r", "tree/empty/link -> r/link",
                                             "tree/empty/link/file -> r/link/file"));
 }
 
-TEST_F(DirWalkTest, DoesNotFollowALinkThatLeadsBackToAFolderAboveIt) {
+TEST_F(DirWalkTest, DoesNotFollowALinkThatLeadsBackToADirectoryAboveIt) {
   ASSERT_EQ(symlink(".", (tree_ + "/sub/deep/again").c_str()), 0);
   ASSERT_EQ(symlink("../..", (tree_ + "/sub/deep/up").c_str()), 0);
-  // The same folder twice, and neither below the other.
+  // The same directory twice, and neither below the other.
   ASSERT_EQ(symlink("../empty", (tree_ + "/sub/beside").c_str()), 0);
   CategoryRecorder log("k.RecursiveDirIterator");
   recursive_dir_walk_sync(tree_, "r", noting());

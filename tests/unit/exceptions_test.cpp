@@ -182,7 +182,7 @@ TEST(ExceptionTest, NamesTheOwningClassInItsCode) {
   EXPECT_EQ(makeInner().code(), "InnerError");
 }
 
-TEST(ExceptionTest, NamesTheRaisingFunctionAndTheSourceFileWithoutItsFolders) {
+TEST(ExceptionTest, NamesTheRaisingFunctionAndTheSourceFileWithoutItsDirectories) {
   const Exc<&MiddleError> error(HERE);
   const std::string line = std::to_string(__LINE__ - 1);
   EXPECT_THAT(visit(error).calls,

@@ -298,7 +298,7 @@ TEST(ExecCmdTest, HandsDownNoDescriptorButTheThreeStandardOnes) {
   const UniqueFd low(open("/dev/null", O_RDONLY));
   const UniqueFd high(fcntl(low.get(), F_DUPFD, 200));
   ASSERT_TRUE(high);
-  // 3 is the folder that ls itself has opened.
+  // 3 is the directory that ls itself has opened.
   EXPECT_EQ(outputOf(ExecCmd("ls", {"ls", "/proc/self/fd"})), "0\n1\n2\n3\n");
 }
 

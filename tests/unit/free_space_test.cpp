@@ -9,7 +9,7 @@ TEST(FreeSpaceTest, IsCountedInBytesBeyond32Bits) {
   EXPECT_EQ(getFreeSpace(dir.path()), std::uint64_t{5} << 30);
 }
 
-TEST(FreeSpaceTest, IsThatOfTheFileSystemWhichHoldsTheFileOrFolder) {
+TEST(FreeSpaceTest, IsThatOfTheFileSystemWhichHoldsTheFileOrDirectory) {
   const ScopedTempDir dir;
   const ScopedTmpfs fileSystem(dir.path(), 1 << 20);
   EXPECT_EQ(getFreeSpace(dir.path()), 1u << 20);

@@ -4,7 +4,7 @@
 #include <cerrno>
 
 #include "commons/commons.h"
-#include "commons/content_folder.h"
+#include "commons/content_directory.h"
 #include "commons/umask_guard.h"
 #include "support.h"
 
@@ -76,7 +76,7 @@ TEST(MakeDirTest, FailsForASymbolicLinkThatLeadsNowhere) {
   EXPECT_EQ(entriesOf(dir.path()), std::vector<std::string>{"link"});
 }
 
-TEST(MakeDirTest, FailsWhenTheFolderCannotBeMadeOrGivenAway) {
+TEST(MakeDirTest, FailsWhenTheDirectoryCannotBeMadeOrGivenAway) {
   const ScopedTempDir dir;
   ASSERT_EQ(make_dir(dir / "closed", 0, 0, 0755), 0);
   inChild([&] {

@@ -148,11 +148,11 @@ TEST(OutputFileTest, ContinuesAShortWriteAndSeesTheLimitBehindIt) {
   EXPECT_EQ(readFile(dir / "file").size(), 50000u);
 }
 
-TEST(OutputFileTest, SyncsItselfAndItsFolder) {
+TEST(OutputFileTest, SyncsItselfAndItsDirectory) {
   const ScopedTempDir dir;
-  UniqueFd folder(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd directory(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   UniqueFd fd(open((dir / "file").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-  OutputFile file(dir / "file", std::move(fd), std::move(folder));
+  OutputFile file(dir / "file", std::move(fd), std::move(directory));
   file.stream() << "text";
   EXPECT_TRUE(file.syncAndClose());
   EXPECT_EQ(readFile(dir / "file"), "text");
@@ -164,12 +164,12 @@ TEST(OutputFileTest, NeedsNoDiskBehindIt) {
   EXPECT_TRUE(file.syncAndClose());
 }
 
-TEST(OutputFileTest, FailsWhenItsFolderCannotBeSynced) {
+TEST(OutputFileTest, FailsWhenItsDirectoryCannotBeSynced) {
   const ScopedTempDir dir;
   UniqueFd fd(open((dir / "file").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   // A descriptor that can be closed but not synced.
-  UniqueFd folder(open(dir.path().c_str(), O_PATH | O_CLOEXEC));
-  OutputFile file(dir / "file", std::move(fd), std::move(folder));
+  UniqueFd directory(open(dir.path().c_str(), O_PATH | O_CLOEXEC));
+  OutputFile file(dir / "file", std::move(fd), std::move(directory));
   EXPECT_FALSE(file.syncAndClose());
   EXPECT_EQ(file.errorText(), "Bad file descriptor");
 }
@@ -318,12 +318,12 @@ TEST(OutputFileTest, IsWrittenAsFarAsItCameWhenItIsDestroyed) {
   EXPECT_TRUE(readFile(dir / "file") == bytes);
 }
 
-TEST(SyncFolderTest, ForgivesAFileSystemThatCannotSyncFoldersOnly) {
+TEST(SyncDirectoryTest, ForgivesAFileSystemThatCannotSyncDirectoriesOnly) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
   const UniqueFd readEnd(ends[0]);
   const UniqueFd writeEnd(ends[1]);
-  EXPECT_TRUE(syncFolder(writeEnd.get()));
-  EXPECT_FALSE(syncFolder(-1));
+  EXPECT_TRUE(syncDirectory(writeEnd.get()));
+  EXPECT_FALSE(syncDirectory(-1));
   EXPECT_EQ(errno, EBADF);
 }

@@ -31,13 +31,13 @@ TEST(CheckInputFileTest, RefusesNoNameAtAll) {
 
 TEST(PathTest, IsSplitAtTheLastSlash) {
   struct Example {
-    std::string path, folder, name;
+    std::string path, directory, name;
   };
   const Example examples[] = {{"/a/b", "/a", "b"}, {"b", "", "b"},      {"/b", "", "b"},
                               {"a/b/", "a/b", ""}, {"a//b", "a/", "b"}, {"", "", ""}};
   for (const Example& example : examples) {
     SCOPED_TRACE(example.path);
-    EXPECT_EQ(getPath(example.path), example.folder);
+    EXPECT_EQ(getPath(example.path), example.directory);
     EXPECT_EQ(getFileNameFromPath(example.path), example.name);
   }
 }

@@ -109,8 +109,8 @@ TEST(ContentProgressTest, TellsWhatHasComeWhereTheSizesAreImpossible) {
 }
 
 TEST(DumpProgressTest, TellsHowLongItTakesAndTheStatusOfThisDump) {
-  const ScopedTempDir folder;
-  const std::string path = folder / "dumping-status.xml";
+  const ScopedTempDir directory;
+  const std::string path = directory / "dumping-status.xml";
   writeFile(path, "<dumping-status stage='finished'/>");
   const timespec old[2] = {{1000, 0}, {1000, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), old, 0), 0);

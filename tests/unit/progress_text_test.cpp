@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "commons/figures.h"
+#include "commons/human_readable.h"
 #include "support.h"
 
 namespace {
@@ -98,8 +98,8 @@ TEST(DescribeDumpTest, TellsWhatTheStatusOfAgentsHaveInCommon) {
 }
 
 TEST(ReadDocumentTest, ReadsWhatIsThereAndNew) {
-  const ScopedTempDir folder;
-  const std::string path = folder / "status";
+  const ScopedTempDir directory;
+  const std::string path = directory / "status";
   EXPECT_FALSE(readDocument(path, ""));
   writeFile(path, "<a/>");
   EXPECT_TRUE(readDocument(path, ""));
@@ -108,12 +108,12 @@ TEST(ReadDocumentTest, ReadsWhatIsThereAndNew) {
 }
 
 TEST(ReadDocumentTest, TakesNothingThatIsNoDocumentToBeShown) {
-  const ScopedTempDir folder;
-  const std::string path = folder / "status";
+  const ScopedTempDir directory;
+  const std::string path = directory / "status";
   for (const std::string& text : {std::string("<a>"), std::string(), std::string("text"),
                                   "<a>" + std::string(1 << 20, ' ') + "</a>"}) {
     writeFile(path, text);
     EXPECT_FALSE(readDocument(path, "")) << text.size();
   }
-  EXPECT_FALSE(readDocument(folder.path(), ""));
+  EXPECT_FALSE(readDocument(directory.path(), ""));
 }

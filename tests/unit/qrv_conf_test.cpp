@@ -196,7 +196,7 @@ TEST(QrvConfTest, IsUnreadableWhenItIsThereAndCannotBeRead) {
   EXPECT_FALSE(qrvConfIsUnreadable());
 }
 
-TEST(QrvConfTest, IsUnreadableWhenItsFolderLeadsNowhereOrIsClosed) {
+TEST(QrvConfTest, IsUnreadableWhenItsDirectoryLeadsNowhereOrIsClosed) {
   IN_FRESH_PROCESS();
   ASSERT_EQ(rename("/etc/qrv", "/etc/qrv.kept"), 0);
   EXPECT_FALSE(qrvConfIsUnreadable());
@@ -243,7 +243,7 @@ TEST(QrvConfTest, MissingGivesDefaultsAndIsLookedForAndReportedEachTime) {
   EXPECT_THAT(systemLog.lines(), testing::IsEmpty());
 }
 
-TEST(QrvConfTest, IsReportedAsUnreadableWhenAFolderIsInItsPlace) {
+TEST(QrvConfTest, IsReportedAsUnreadableWhenADirectoryIsInItsPlace) {
   IN_FRESH_PROCESS();
   const ScopedQrvConf file("");
   ASSERT_EQ(unlink(CONFIGURATION_FILE.c_str()), 0);

@@ -30,7 +30,7 @@ class NotedStatus : public MigrationStatus {
   void setTransferCurrentFileSizeLeft(const std::string& size) override { note("current " + size); }
   void setDeployTotals(const std::string&, const std::string&) override { note("deploy totals"); }
   void setDeploy(const std::string&, const std::string&) override { note("deploy"); }
-  void setCurrentObject(const std::string&, objectType) override { note("object"); }
+  void setCurrentObject(const std::string&, ObjectType) override { note("object"); }
   void setTranslate() override { note("translate"); }
   void saveFile() override { note("save"); }
 

@@ -18,7 +18,7 @@ const std::string NO_ARCHIVES =
 
 }  // namespace
 
-TEST(SessionFilesTest, MakesItsFoldersAndTheirParentsForRootAndTheServiceAccount) {
+TEST(SessionFilesTest, MakesItsDirectoriesAndTheirParentsForRootAndTheServiceAccount) {
   const ScopedTempDir dir;
   const SessionFiles session(dir / "parents/of/session");
   for (const char* name :
@@ -103,7 +103,7 @@ TEST(SessionFilesTest, AddsTheArchivesToAnExistingSession) {
   EXPECT_EQ(ownerAndMode(dir / "session/archives"), "0:20000 750");
 }
 
-TEST(SessionFilesTest, FollowsASymbolicLinkToAFolder) {
+TEST(SessionFilesTest, FollowsASymbolicLinkToADirectory) {
   const ScopedTempDir dir;
   ASSERT_EQ(make_dir(dir / "real", 0, 0, 0755), 0);
   ASSERT_EQ(symlink("real", (dir / "link").c_str()), 0);
@@ -111,7 +111,7 @@ TEST(SessionFilesTest, FollowsASymbolicLinkToAFolder) {
   EXPECT_EQ(ownerAndMode(dir / "real/archives"), "0:20000 750");
 }
 
-TEST(SessionFilesTest, RefusesAPlaceWhereNoFolderCanBe) {
+TEST(SessionFilesTest, RefusesAPlaceWhereNoDirectoryCanBe) {
   const ScopedTempDir dir;
   writeFile(dir / "file", "text");
   ASSERT_EQ(symlink("missing", (dir / "dangling").c_str()), 0);
@@ -124,7 +124,7 @@ TEST(SessionFilesTest, RefusesAPlaceWhereNoFolderCanBe) {
   EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("dangling", "file"));
 }
 
-TEST(SessionFilesTest, RefusesArchivesThatAreNoFolder) {
+TEST(SessionFilesTest, RefusesArchivesThatAreNoDirectory) {
   const ScopedTempDir dir;
   ASSERT_EQ(make_dir(dir / "session", 0, 0, 0755), 0);
   writeFile(dir / "session/archives", "text");
@@ -169,7 +169,7 @@ TEST(SessionFilesTest, RemovesItselfWithEverythingInIt) {
   session.remove();
 }
 
-TEST(SessionLifetimeControllerTest, PublishesTheSessionAndLeavesTheFolderBehind) {
+TEST(SessionLifetimeControllerTest, PublishesTheSessionAndLeavesTheDirectoryBehind) {
   const ScopedTempDir dir;
   ASSERT_EQ(theSession, nullptr);
   {

@@ -87,9 +87,9 @@ std::string readFile(const std::string& path) {
   return text.str();
 }
 
-std::vector<std::string> entriesOf(const std::string& folder) {
+std::vector<std::string> entriesOf(const std::string& directory) {
   std::vector<std::string> names;
-  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
     names.push_back(entry.path().filename().string());
   }
   std::sort(names.begin(), names.end());

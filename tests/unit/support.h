@@ -18,7 +18,7 @@
 
 // --- Files ---
 
-/// A new folder, open to every account; removed with everything in it.
+/// A new directory, open to every account; removed with everything in it.
 class ScopedTempDir {
  public:
   ScopedTempDir();
@@ -34,7 +34,7 @@ class ScopedTempDir {
   std::string path_;
 };
 
-/// A tmpfs of `sizeBytes` (whole pages) at the existing folder `path`, for as long
+/// A tmpfs of `sizeBytes` (whole pages) at the existing directory `path`, for as long
 /// as it lives.
 class ScopedTmpfs {
  public:
@@ -49,8 +49,8 @@ class ScopedTmpfs {
 
 void writeFile(const std::string& path, const std::string& text);
 std::string readFile(const std::string& path);
-/// The names in a folder, sorted.
-std::vector<std::string> entriesOf(const std::string& folder);
+/// The names in a directory, sorted.
+std::vector<std::string> entriesOf(const std::string& directory);
 bool exists(const std::string& path);
 /// Owner, group and permission bits in octal, as in "20000:20000 600"; symbolic
 /// links are not followed. The system's error text when there is nothing.

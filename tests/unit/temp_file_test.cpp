@@ -19,7 +19,7 @@ std::string terminated(const std::string& text) {
 
 }  // namespace
 
-TEST(TempNameTest, HasOneSlashBetweenFolderAndPrefix) {
+TEST(TempNameTest, HasOneSlashBetweenDirectoryAndPrefix) {
   EXPECT_EQ(templateFor("/dir", "name"), terminated("/dir/nameXXXXXX"));
   EXPECT_EQ(templateFor("/dir/", "name"), terminated("/dir/nameXXXXXX"));
   EXPECT_EQ(templateFor("/dir//", ""), terminated("/dir//XXXXXX"));
@@ -27,14 +27,14 @@ TEST(TempNameTest, HasOneSlashBetweenFolderAndPrefix) {
   EXPECT_EQ(templateFor("/", "name"), terminated("/nameXXXXXX"));
 }
 
-TEST(TempNameTest, LiesInTheFolderOfTheProductUnlessAnotherIsConfigured) {
+TEST(TempNameTest, LiesInTheDirectoryOfTheProductUnlessAnotherIsConfigured) {
   IN_FRESH_PROCESS();
   const ScopedFile configuration("/etc/qrv/qrv.conf", "PRODUCT_ROOT_D /srv/product\n");
   EXPECT_EQ(templateFor("", "name"), terminated("/srv/product/DTM/tmp/nameXXXXXX"));
   EXPECT_EQ(templateFor("/dir", "name"), terminated("/dir/nameXXXXXX"));
 }
 
-TEST(TempNameTest, LiesInTheConfiguredFolder) {
+TEST(TempNameTest, LiesInTheConfiguredDirectory) {
   IN_FRESH_PROCESS();
   const ScopedFile configuration("/etc/qrv/qrv.conf", "DUMP_TMP_D /srv/dumps/\n");
   EXPECT_EQ(templateFor("", "name"), terminated("/srv/dumps/nameXXXXXX"));
@@ -56,7 +56,7 @@ TEST(TempFileTest, IsNewEmptyAndPrivate) {
   }
 }
 
-TEST(TempFileTest, LiesInTheFolderOfTheProduct) {
+TEST(TempFileTest, LiesInTheDirectoryOfTheProduct) {
   const std::string name = DTM_getTempFileName("", "unit");
   EXPECT_THAT(name, testing::StartsWith("/mnt/product/DTM/tmp/unit"));
   EXPECT_EQ(ownerAndMode(name), "0:0 600");
@@ -71,7 +71,7 @@ TEST(TempFileTest, BelongsToTheRunningUser) {
   });
 }
 
-TEST(TempFileTest, CannotBeMadeInAFolderThatIsMissingOrClosed) {
+TEST(TempFileTest, CannotBeMadeInADirectoryThatIsMissingOrClosed) {
   EXPECT_EQ(whatOf<Exc<&CantCreateTempFile>>([] { DTM_getTempFileName("/mnt/missing/", "name"); }),
             "Can not create temporary file with the template '/mnt/missing/nameXXXXXX': "
             "No such file or directory.");

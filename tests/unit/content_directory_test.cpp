@@ -1,4 +1,4 @@
-#include "commons/content_folder.h"
+#include "commons/content_directory.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -16,24 +16,24 @@
 
 namespace {
 
-class ContentFolderTest : public testing::Test {
+class ContentDirectoryTest : public testing::Test {
  protected:
-  ContentFolderTest() { make_dir(dir_ / "content", QRVADM, QRVADM, 0755); }
+  ContentDirectoryTest() { make_dir(dir_ / "content", QRVADM, QRVADM, 0755); }
 
-  std::string path(const std::string& name) const { return folder_.pathOf(name); }
+  std::string path(const std::string& name) const { return directory_.pathOf(name); }
 
   /// Writes the file and says whether every byte arrived.
   bool write(const std::string& name, const std::string& text) const {
-    OutputFile file = folder_.create(name);
+    OutputFile file = directory_.create(name);
     file.stream() << text;
     return file.syncAndClose();
   }
   std::string failureOf(const std::string& name) const {
-    return whatOf<SystemError>([&] { folder_.create(name); });
+    return whatOf<SystemError>([&] { directory_.create(name); });
   }
   /// The content of the file, or "(none)" when it must not be opened.
   std::string read(const std::string& name) const {
-    const UniqueFd file = folder_.openExisting(name);
+    const UniqueFd file = directory_.openExisting(name);
     if (!file) return "(none)";
     char text[64];
     const ssize_t got = ::read(file.get(), text, sizeof text);
@@ -44,12 +44,12 @@ class ContentFolderTest : public testing::Test {
   }
 
   ScopedTempDir dir_;
-  ContentFolder folder_{dir_ / "content", QRVADM, QRVADM};
+  ContentDirectory directory_{dir_ / "content", QRVADM, QRVADM};
 };
 
 }  // namespace
 
-TEST_F(ContentFolderTest, MakesFilesAndTheirFoldersWhateverTheUmask) {
+TEST_F(ContentDirectoryTest, MakesFilesAndTheirDirectoriesWhateverTheUmask) {
   {
     const UmaskGuard mask(077);
     EXPECT_TRUE(write("a/b/file", "text"));
@@ -64,7 +64,7 @@ TEST_F(ContentFolderTest, MakesFilesAndTheirFoldersWhateverTheUmask) {
   EXPECT_EQ(ownerAndMode(path("top")), "0:0 644");
 }
 
-TEST_F(ContentFolderTest, LeavesOwnerAndModeOfWhatExists) {
+TEST_F(ContentDirectoryTest, LeavesOwnerAndModeOfWhatExists) {
   ASSERT_EQ(make_dir(path("a"), 20001, 20002, 0711), 0);
   ASSERT_TRUE(write("a/file", "a long old text"));
   ASSERT_EQ(chmod(path("a/file").c_str(), 0600), 0);
@@ -75,7 +75,7 @@ TEST_F(ContentFolderTest, LeavesOwnerAndModeOfWhatExists) {
   EXPECT_EQ(ownerAndMode(path("a")), "20001:20002 711");
 }
 
-TEST_F(ContentFolderTest, TakesNamesOfAnyCharacters) {
+TEST_F(ContentDirectoryTest, TakesNamesOfAnyCharacters) {
   const std::string deep = [] {
     std::string name;
     for (int i = 0; i < 50; ++i) name += "folder/";
@@ -90,21 +90,21 @@ TEST_F(ContentFolderTest, TakesNamesOfAnyCharacters) {
   }
 }
 
-TEST_F(ContentFolderTest, TakesSeveralSlashesForOne) {
+TEST_F(ContentDirectoryTest, TakesSeveralSlashesForOne) {
   ASSERT_NO_THROW(write("a//b", "text"));
   EXPECT_EQ(readFile(path("a/b")), "text");
   EXPECT_EQ(read("a//b"), "text");
 }
 
-TEST_F(ContentFolderTest, LeavesNoDescriptorOpen) {
+TEST_F(ContentDirectoryTest, LeavesNoDescriptorOpen) {
   const std::size_t before = entriesOf("/proc/self/fd").size();
   EXPECT_TRUE(write("a/b/c", "text"));
   EXPECT_EQ(read("a/b/c"), "text");
-  EXPECT_THROW(folder_.create("a/b/c/d"), SystemError);
+  EXPECT_THROW(directory_.create("a/b/c/d"), SystemError);
   EXPECT_EQ(entriesOf("/proc/self/fd").size(), before);
 }
 
-TEST_F(ContentFolderTest, OpensExistingRegularFilesOnly) {
+TEST_F(ContentDirectoryTest, OpensExistingRegularFilesOnly) {
   ASSERT_TRUE(write("a/file", "text"));
   EXPECT_EQ(read("a/file"), "text");
   EXPECT_EQ(read("a/missing"), "(none)");
@@ -114,7 +114,7 @@ TEST_F(ContentFolderTest, OpensExistingRegularFilesOnly) {
   EXPECT_FALSE(exists(path("missing")));
 }
 
-TEST_F(ContentFolderTest, OpensFilesWhoseSizeOrTimeIsBeyond32Bits) {
+TEST_F(ContentDirectoryTest, OpensFilesWhoseSizeOrTimeIsBeyond32Bits) {
   constexpr std::int64_t BEYOND = std::int64_t{5} << 30;
   ASSERT_TRUE(write("large", "text"));
   ASSERT_EQ(truncate(path("large").c_str(), static_cast<off_t>(BEYOND)), 0);
@@ -128,7 +128,7 @@ TEST_F(ContentFolderTest, OpensFilesWhoseSizeOrTimeIsBeyond32Bits) {
   EXPECT_TRUE(write("late", "new"));
 }
 
-TEST_F(ContentFolderTest, RefusesASymbolicLinkInTheFilesPlace) {
+TEST_F(ContentDirectoryTest, RefusesASymbolicLinkInTheFilesPlace) {
   writeFile(dir_ / "outside", "untouched");
   link("../outside", "link");
   link("../not-there", "dangling");
@@ -140,7 +140,7 @@ TEST_F(ContentFolderTest, RefusesASymbolicLinkInTheFilesPlace) {
   EXPECT_FALSE(exists(dir_ / "not-there"));
 }
 
-TEST_F(ContentFolderTest, RefusesASymbolicLinkAtEachLevelOfFolders) {
+TEST_F(ContentDirectoryTest, RefusesASymbolicLinkAtEachLevelOfDirectories) {
   ASSERT_EQ(make_dir(dir_ / "outside/b/c", 0, 0, 0755), 0);
   writeFile(dir_ / "outside/b/c/file", "untouched");
   ASSERT_EQ(make_dir(path("second"), 0, 0, 0755), 0);
@@ -149,21 +149,21 @@ TEST_F(ContentFolderTest, RefusesASymbolicLinkAtEachLevelOfFolders) {
   link("../../outside/b", "second/b");
   link("../../../outside/b/c", "third/b/c");
   link("../not-there", "dangling");
-  for (const char* folder : {"first", "second", "third"}) {
-    SCOPED_TRACE(folder);
-    const std::string name = std::string(folder) + "/b/c/file";
+  for (const char* directory : {"first", "second", "third"}) {
+    SCOPED_TRACE(directory);
+    const std::string name = std::string(directory) + "/b/c/file";
     EXPECT_EQ(readFile(path(name)), "untouched");
-    EXPECT_THROW(folder_.create(name), SystemError);
-    EXPECT_THROW(folder_.create(std::string(folder) + "/b/c/new"), SystemError);
+    EXPECT_THROW(directory_.create(name), SystemError);
+    EXPECT_THROW(directory_.create(std::string(directory) + "/b/c/new"), SystemError);
     EXPECT_EQ(read(name), "(none)");
   }
-  EXPECT_THROW(folder_.create("dangling/file"), SystemError);
+  EXPECT_THROW(directory_.create("dangling/file"), SystemError);
   EXPECT_THAT(entriesOf(dir_ / "outside/b/c"), testing::ElementsAre("file"));
   EXPECT_EQ(readFile(dir_ / "outside/b/c/file"), "untouched");
   EXPECT_FALSE(exists(dir_ / "not-there"));
 }
 
-TEST_F(ContentFolderTest, RefusesWhateverElseIsInTheFilesPlaceWithoutWaiting) {
+TEST_F(ContentDirectoryTest, RefusesWhateverElseIsInTheFilesPlaceWithoutWaiting) {
   ASSERT_EQ(mkfifo(path("fifo").c_str(), 0666), 0);
   ASSERT_EQ(mkdir(path("folder").c_str(), 0755), 0);
   const UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -181,7 +181,7 @@ TEST_F(ContentFolderTest, RefusesWhateverElseIsInTheFilesPlaceWithoutWaiting) {
   EXPECT_EQ(failureOf("fifo"), path("fifo") + ": Invalid argument");
 }
 
-TEST_F(ContentFolderTest, RefusesAFileThatHasAnotherNameToo) {
+TEST_F(ContentDirectoryTest, RefusesAFileThatHasAnotherNameToo) {
   writeFile(dir_ / "outside", "untouched");
   ASSERT_EQ(::link((dir_ / "outside").c_str(), path("hard").c_str()), 0);
   EXPECT_EQ(failureOf("hard"), path("hard") + ": Too many links");
@@ -190,7 +190,7 @@ TEST_F(ContentFolderTest, RefusesAFileThatHasAnotherNameToo) {
   EXPECT_EQ(read("hard"), "untouched");
 }
 
-TEST_F(ContentFolderTest, RefusesANameThatIsTooLongForTheSystemBeforeAnythingIsMade) {
+TEST_F(ContentDirectoryTest, RefusesANameThatIsTooLongForTheSystemBeforeAnythingIsMade) {
   std::string name = "first";
   while (path(name).size() < 4096) name += "/" + std::string(50, 'n');
   EXPECT_EQ(failureOf(name), path(name) + ": File name too long");
@@ -201,12 +201,12 @@ TEST_F(ContentFolderTest, RefusesANameThatIsTooLongForTheSystemBeforeAnythingIsM
   EXPECT_EQ(readFile(path(name)), "text");
 }
 
-TEST_F(ContentFolderTest, TruncatesAnOlderFileAtTheFirstByteOrWhenItIsClosed) {
+TEST_F(ContentDirectoryTest, TruncatesAnOlderFileAtTheFirstByteOrWhenItIsClosed) {
   ASSERT_TRUE(write("file", "a long old text"));
-  { const OutputFile abandoned = folder_.create("file"); }
+  { const OutputFile abandoned = directory_.create("file"); }
   EXPECT_EQ(readFile(path("file")), "a long old text");
   {
-    OutputFile begun = folder_.create("file");
+    OutputFile begun = directory_.create("file");
     begun.stream() << "new";
   }
   EXPECT_EQ(readFile(path("file")), "new");
@@ -214,14 +214,14 @@ TEST_F(ContentFolderTest, TruncatesAnOlderFileAtTheFirstByteOrWhenItIsClosed) {
   EXPECT_EQ(readFile(path("file")), "");
 }
 
-TEST_F(ContentFolderTest, KnowsAFileThatIsNoLongerInItsPlace) {
+TEST_F(ContentDirectoryTest, KnowsAFileThatIsNoLongerInItsPlace) {
   const auto isInPlaceAfter = [&](const std::function<void()>& change) {
-    OutputFile file = folder_.create("a/b/file");
+    OutputFile file = directory_.create("a/b/file");
     const FileIdentity written = file.identity();
     file.stream() << "text";
     change();
     EXPECT_TRUE(file.syncAndClose());
-    return folder_.isInPlace("a/b/file", written);
+    return directory_.isInPlace("a/b/file", written);
   };
   EXPECT_TRUE(isInPlaceAfter([] {}));
   EXPECT_FALSE(isInPlaceAfter([&] { unlink(path("a/b/file").c_str()); }));
@@ -232,37 +232,37 @@ TEST_F(ContentFolderTest, KnowsAFileThatIsNoLongerInItsPlace) {
   }));
 }
 
-TEST_F(ContentFolderTest, RefusesAFileInAFoldersPlace) {
+TEST_F(ContentDirectoryTest, RefusesAFileInADirectoriesPlace) {
   ASSERT_TRUE(write("a/file", "text"));
   EXPECT_EQ(failureOf("a/file/x"), "file: Not a directory");
   EXPECT_EQ(failureOf("a/file/x/y"), "file: Not a directory");
   EXPECT_EQ(readFile(path("a/file")), "text");
 }
 
-TEST_F(ContentFolderTest, NamesTheFolderThatIsMissingItself) {
-  const ContentFolder missing(dir_ / "missing", QRVADM, QRVADM);
+TEST_F(ContentDirectoryTest, NamesTheDirectoryThatIsMissingItself) {
+  const ContentDirectory missing(dir_ / "missing", QRVADM, QRVADM);
   EXPECT_EQ(whatOf<ExSystemError<ENOENT>>([&] { missing.create("file"); }),
             (dir_ / "missing") + ": No such file or directory");
   EXPECT_FALSE(missing.openExisting("file"));
 }
 
-TEST_F(ContentFolderTest, FailsWhenANewFolderCannotBeGivenAway) {
-  const ContentFolder open(dir_.path(), QRVADM, QRVADM);
+TEST_F(ContentDirectoryTest, FailsWhenANewDirectoryCannotBeGivenAway) {
+  const ContentDirectory open(dir_.path(), QRVADM, QRVADM);
   inChild([&] {
     becomePlainUser();
     EXPECT_EQ(whatOf<SystemError>([&] { open.create("mine/file"); }),
               "mine: Operation not permitted");
-    EXPECT_EQ(whatOf<SystemError>([&] { folder_.create("file"); }),
+    EXPECT_EQ(whatOf<SystemError>([&] { directory_.create("file"); }),
               path("file") + ": Permission denied");
   });
 }
 
-TEST_F(ContentFolderTest, SeesAFullDisk) {
+TEST_F(ContentDirectoryTest, SeesAFullDisk) {
   const ScopedTmpfs fileSystem(dir_ / "content", 65536);
   EXPECT_FALSE(write("file", std::string(100000, 'x')));
 }
 
-TEST(UnsafeNameTest, IsEmptyAbsoluteAFolderOrLeadsElsewhere) {
+TEST(UnsafeNameTest, IsEmptyAbsoluteADirectoryOrLeadsElsewhere) {
   const std::pair<std::string, std::string> names[] = {
       {"", "the name is empty"},
       {"/", "the name is absolute"},

@@ -13,10 +13,10 @@
 /// Everything below the directory is opened through descriptors that refuse symbolic
 /// links, so that no account that can write there can redirect a write. Names are
 /// relative and free of "." and ".." (see whyUnsafeName).
-class ContentFolder {
+class ContentDirectory {
  public:
   /// New directories get this owner and group and mode 0755.
-  ContentFolder(std::string path, uid_t owner, gid_t group);
+  ContentDirectory(std::string path, uid_t owner, gid_t group);
 
   /// Opens the file `name` for writing, with its missing directories made; a new file gets
   /// mode 0644, and what an older one holds is replaced as OutputFile says. One that has another
@@ -36,7 +36,7 @@ class ContentFolder {
 
  private:
   UniqueFd openParent(const std::string& name, bool makeMissing) const;
-  UniqueFd openOrMakeFolder(int parent, const std::string& name, bool makeMissing) const;
+  UniqueFd openOrMakeDirectory(int parent, const std::string& name, bool makeMissing) const;
 
   std::string path_;
   uid_t owner_;

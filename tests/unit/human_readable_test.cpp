@@ -1,4 +1,4 @@
-#include "commons/figures.h"
+#include "commons/human_readable.h"
 
 #include <limits>
 

@@ -14,14 +14,14 @@
 ///
 /// The child asks nothing. How it logs in there, and which host keys it takes, is what the
 /// configuration of ssh says for the account of this process.
-class JumpWay {
+class JumpConnection {
  public:
   /// Throws SystemError when there can be no child.
-  JumpWay(const JumpHost& jump, const std::string& host, std::uint16_t port);
+  JumpConnection(const JumpHost& jump, const std::string& host, std::uint16_t port);
   /// Ends the child.
-  ~JumpWay();
-  JumpWay(const JumpWay&) = delete;
-  JumpWay& operator=(const JumpWay&) = delete;
+  ~JumpConnection();
+  JumpConnection(const JumpConnection&) = delete;
+  JumpConnection& operator=(const JumpConnection&) = delete;
 
   int descriptor() const { return ours_.get(); }
   /// To be asked when nobody has answered on the other side: why there is no way, in the words of

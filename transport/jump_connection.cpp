@@ -1,4 +1,4 @@
-#include "transport/jump_way.h"
+#include "transport/jump_connection.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -65,7 +65,7 @@ std::string textIn(const UniqueFd& file) {
 
 }  // namespace
 
-JumpWay::JumpWay(const JumpHost& jump, const std::string& host, std::uint16_t port)
+JumpConnection::JumpConnection(const JumpHost& jump, const std::string& host, std::uint16_t port)
     : errors_(memfd_create("errors of ssh", MFD_CLOEXEC)) {
   if (!errors_) throwSystemError("memfd_create", errno);
   std::array<int, 2> ends{};
@@ -79,13 +79,13 @@ JumpWay::JumpWay(const JumpHost& jump, const std::string& host, std::uint16_t po
                           commandOf(jump, host, port), "", {});
 }
 
-JumpWay::~JumpWay() {
+JumpConnection::~JumpConnection() {
   if (child_ < 0) return;
   kill(child_, SIGTERM);
   reap(child_);
 }
 
-std::string JumpWay::failure() {
+std::string JumpConnection::failure() {
   if (child_ >= 0) {
     // While the other side is there, what is wrong is not the way.
     char byte;

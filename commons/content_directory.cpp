@@ -1,4 +1,4 @@
-#include "commons/content_folder.h"
+#include "commons/content_directory.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -31,7 +31,7 @@ bool isRegularFile(const UniqueFd& fd) {
 }
 
 /// 0, or the error number that says why root must not write into what was opened.
-int whyNotToBeWritten(const UniqueFd& fd) {
+int refusalToWrite(const UniqueFd& fd) {
   struct stat status;
   if (fstat(fd.get(), &status) != 0) return errno;
   if (!S_ISREG(status.st_mode)) return EINVAL;
@@ -40,29 +40,29 @@ int whyNotToBeWritten(const UniqueFd& fd) {
 
 }  // namespace
 
-ContentFolder::ContentFolder(std::string path, uid_t owner, gid_t group)
+ContentDirectory::ContentDirectory(std::string path, uid_t owner, gid_t group)
     : path_(std::move(path)), owner_(owner), group_(group) {}
 
-OutputFile ContentFolder::create(const std::string& name) const {
+OutputFile ContentDirectory::create(const std::string& name) const {
   // One part after the other it could be made all the same, and then not be used by
   // anybody.
   if (pathOf(name).size() >= PATH_MAX) throwSystemError(pathOf(name), ENAMETOOLONG);
   const UmaskGuard mask(READABLE_BY_ALL_UMASK);
-  UniqueFd folder = openParent(name, true);
+  UniqueFd directory = openParent(name, true);
   // O_NONBLOCK: a FIFO in the file's place must not stop the run. No O_TRUNC: it may be
   // somebody's hard link.
   const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  UniqueFd file(openat(folder.get(), getFileNameFromPath(name).c_str(), flags, NEW_FILE_MODE));
+  UniqueFd file(openat(directory.get(), getFileNameFromPath(name).c_str(), flags, NEW_FILE_MODE));
   if (!file) throwSystemError(pathOf(name), errno);
-  if (const int error = whyNotToBeWritten(file)) throwSystemError(pathOf(name), error);
-  return OutputFile(pathOf(name), std::move(file), std::move(folder));
+  if (const int error = refusalToWrite(file)) throwSystemError(pathOf(name), error);
+  return OutputFile(pathOf(name), std::move(file), std::move(directory));
 }
 
-UniqueFd ContentFolder::openExisting(const std::string& name) const {
+UniqueFd ContentDirectory::openExisting(const std::string& name) const {
   try {
-    const UniqueFd folder = openParent(name, false);
+    const UniqueFd directory = openParent(name, false);
     const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    UniqueFd file(openat(folder.get(), getFileNameFromPath(name).c_str(), flags));
+    UniqueFd file(openat(directory.get(), getFileNameFromPath(name).c_str(), flags));
     if (file && isRegularFile(file)) return file;
   } catch (const SystemError&) {
     // A missing directory is a missing file.
@@ -70,37 +70,37 @@ UniqueFd ContentFolder::openExisting(const std::string& name) const {
   return {};
 }
 
-bool ContentFolder::isInPlace(const std::string& name, const FileIdentity& written) const {
+bool ContentDirectory::isInPlace(const std::string& name, const FileIdentity& written) const {
   const UniqueFd file = openExisting(name);
   struct stat status;
   return file && fstat(file.get(), &status) == 0 && status.st_dev == written.device &&
          status.st_ino == written.inode;
 }
 
-UniqueFd ContentFolder::openParent(const std::string& name, bool makeMissing) const {
-  UniqueFd folder(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder) throwSystemError(path_, errno);
+UniqueFd ContentDirectory::openParent(const std::string& name, bool makeMissing) const {
+  UniqueFd directory(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory) throwSystemError(path_, errno);
   std::vector<std::string> components = splitPath(name);
   components.pop_back();
   for (const std::string& component : components) {
-    folder = openOrMakeFolder(folder.get(), component, makeMissing);
+    directory = openOrMakeDirectory(directory.get(), component, makeMissing);
   }
-  return folder;
+  return directory;
 }
 
-UniqueFd ContentFolder::openOrMakeFolder(int parent, const std::string& name,
-                                         bool makeMissing) const {
+UniqueFd ContentDirectory::openOrMakeDirectory(int parent, const std::string& name,
+                                               bool makeMissing) const {
   const bool made = makeMissing && mkdirat(parent, name.c_str(), CONTENT_DIR_MODE) == 0;
   if (makeMissing && !made && errno != EEXIST) throwSystemError(name, errno);
-  UniqueFd folder(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!folder) throwSystemError(name, errno);
-  if (made && (fchown(folder.get(), owner_, group_) != 0 || !syncFolder(parent))) {
+  UniqueFd directory(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory) throwSystemError(name, errno);
+  if (made && (fchown(directory.get(), owner_, group_) != 0 || !syncDirectory(parent))) {
     const int error = errno;
     // Left in place it would be taken for good by the next run.
     unlinkat(parent, name.c_str(), AT_REMOVEDIR);
     throwSystemError(name, error);
   }
-  return folder;
+  return directory;
 }
 
 int make_content_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
