@@ -7,10 +7,7 @@
 #include "commons/exceptions.h"
 #include "transport/handle.h"
 
-// The library's own names.
-// NOLINTBEGIN(bugprone-reserved-identifier)
 struct _LIBSSH2_CHANNEL;
-// NOLINTEND(bugprone-reserved-identifier)
 
 DECLARE_ERROR_TAG(SshConnectionFault, "Lost connection with the remote host");
 

@@ -12,12 +12,9 @@
 #include "transport/private_key.h"
 #include "transport/ssh_channel.h"
 
-// The library's own names.
-// NOLINTBEGIN(bugprone-reserved-identifier)
 struct _LIBSSH2_SESSION;
 struct _LIBSSH2_USERAUTH_KBDINT_PROMPT;
 struct _LIBSSH2_USERAUTH_KBDINT_RESPONSE;
-// NOLINTEND(bugprone-reserved-identifier)
 
 DECLARE_ERROR_TAG(UnableToStartSshSession, "Unable to start SSH session: %1%");
 DECLARE_ERROR_TAG(SshAuthorizationFailed, "No suitable username/password found");

@@ -88,7 +88,7 @@ TEST(ErrorTest, NamesTheSourceFileThatRaisedItAndTheFunction) {
       {[] { tXmlDocument{std::string("<")}; }, "xml_wrap.cpp", "tXmlDocument::tXmlDocument("},
       {[] { tXmlDocument("/mnt/missing"); }, "xml_wrap.cpp", "tXmlDocument::readFromFile("},
       {[] { tXmlDocument(""); }, "xml_wrap.cpp", "tXmlDocument::readFromFile("},
-      {[] { getXmlChild(nullptr, ""); }, "xml_parse.cpp", "getXmlChild("},
+      {[] { getXmlChild(XmlNodeRef(), ""); }, "xml_parse.cpp", "getXmlChild("},
   };
   for (const Example& example : examples) {
     SCOPED_TRACE(example.function);

@@ -193,7 +193,7 @@ TEST_F(ResultLogTest, ReportsToTheDebugLogThatItCannotBeSaved) {
   EXPECT_THAT(recorder.lines(),
               testing::ElementsAre(testing::AllOf(
                   testing::StartsWith("INFO k.log: CantRenameFile["),
-                  testing::HasSubstr(" to " + resultFile() + ": Is a directory [commons.cpp:"))));
+                  testing::HasSubstr(" to " + resultFile() + ": Is a directory [atomic_replacement.cpp:"))));
 }
 
 TEST_F(ResultLogTest, DoesNotEndTheProcessWhenItCannotBeSavedAndNobodyListens) {

@@ -10,6 +10,7 @@
 
 #include "commons/atomic_replacement.h"
 #include "commons/commons.h"
+#include "commons/libxml.h"
 #include "commons/xml_wrap.h"
 #include "support.h"
 
@@ -208,7 +209,7 @@ TEST(LibxmlErrorHandlerTest, AppendsMessagesOfAnyLengthFormatted) {
 TEST(XmlDtmDocumentTest, BindsToTheExpectedRoot) {
   tXmlDtmDocument document(std::string("<!-- first --><root><child/></root>"));
   EXPECT_EQ(document.initFileDoc("root"), 1);
-  EXPECT_EQ(fromXmlChar(document.root()->name), "root");
+  EXPECT_EQ(document.root().name(), "root");
 }
 
 TEST(XmlDtmDocumentTest, NamesBothRootsWhenTheDocumentHasAnother) {
