@@ -191,9 +191,10 @@ TEST_F(ResultLogTest, ReportsToTheDebugLogThatItCannotBeSaved) {
   { const XmlLog log(""); }
   theDebugLog = nullptr;
   EXPECT_THAT(recorder.lines(),
-              testing::ElementsAre(testing::AllOf(
-                  testing::StartsWith("INFO k.log: CantRenameFile["),
-                  testing::HasSubstr(" to " + resultFile() + ": Is a directory [atomic_replacement.cpp:"))));
+              testing::ElementsAre(
+                  testing::AllOf(testing::StartsWith("INFO k.log: CantRenameFile["),
+                                 testing::HasSubstr(" to " + resultFile() +
+                                                    ": Is a directory [atomic_replacement.cpp:"))));
 }
 
 TEST_F(ResultLogTest, DoesNotEndTheProcessWhenItCannotBeSavedAndNobodyListens) {
