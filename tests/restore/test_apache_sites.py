@@ -257,6 +257,27 @@ def test_php_without_its_module_is_a_missing_package_and_not_sent_as_text(world:
     )
 
 
+def test_files_that_the_php_here_cannot_compile_are_said(world: World) -> None:
+    (module,) = Path("/etc/apache2/mods-enabled").glob("php*.load")
+    version = module.stem.removeprefix("php")
+    for there, says in (("5.6", f"PHP {version} cannot compile 1 of 1 PHP files"), (version, "")):
+        world.describe(
+            site(
+                "a.test",
+                virtual_host(NAME, ROOT),
+                inside=f'<php handler="module" version="{there}"/>',
+                kind="apache",
+                configuration="apache1",
+                uses="d1",
+                contents=world.archive("a", {"/srv/a/index.php": b"<?php $a{0} = 1;"}),
+            ),
+            configuration=GRANT,
+            server_kind="apache",
+        )
+        item = world.plan(Apache).items[0]
+        assert item.state is State.MAKE and says in item.says and ("PHP" in item.says) == bool(says)
+
+
 def test_all_goes_in_where_the_configuration_is_trusted(world: World) -> None:
     described(
         world,

@@ -51,7 +51,9 @@ def _world(tmp_path: Path) -> Iterator[World]:
         yield world
 
 
-def described(world: World, inside: str, *, user: str = "alice", version: str = VERSION, name: str = "a") -> None:
+def described(
+    world: World, inside: str, *, user: str = "alice", version: str = VERSION, name: str = "a", contents: str = ""
+) -> None:
     """A site whose pool has these elements."""
     php = (
         f'<php version="{version}" handler="fpm" extensions="core json" pool="{name}" user="{user}"'
@@ -62,6 +64,7 @@ def described(world: World, inside: str, *, user: str = "alice", version: str = 
             "a.test",
             server(directive("listen", "80"), directive("server_name", "a.test"), directive("root", "/srv/a"), PHP),
             inside=php,
+            contents=contents,
         )
     )
 
@@ -165,6 +168,36 @@ def test_another_version_is_said(world: World) -> None:
     described(world, "", version="5.6")
     item = world.plan(Pool).items[0]
     assert item.state is State.MAKE and f"PHP {VERSION} as alice; it was PHP 5.6 there" in item.says
+
+
+def test_files_that_another_version_cannot_compile_are_said(world: World) -> None:
+    files = {
+        "/srv/a/index.php": b"<?php\n\nif (\n",
+        "/srv/a/old.php": b"<?php $a{0} = 1;",
+        "/srv/a/good.php": b"<?php file_put_contents('/tmp/sondrel-has-run', 'x'); exit;",
+        "/srv/a/same.php": b"<?php namespace A; function f() {} class B extends Gone {}",
+        "/srv/a/again.php": b"<?php namespace A; function f() {} class B {}",
+        "/srv/a/link.php": "/srv/a/index.php",
+        "/srv/a/page.html": b"<?php if (",
+        "/srv/a/large.php": b"<?php if (" + b" " * (1 << 20),
+        "/srv/a/empty.php": b"",
+    }
+    described(world, "", version="5.6", contents=world.archive("a", files))
+    item = world.plan(Pool).items[0]
+    assert item.state is State.MAKE and item.says.endswith(
+        f"it was PHP 5.6 there: PHP {VERSION} cannot compile 2 of 5 PHP files, the first is /srv/a/index.php, line 4: "
+        "Unclosed '(' on line 3"
+    )
+    assert not os.path.exists("/tmp/sondrel-has-run")
+    described(world, "", contents=world.archive("a", files))
+    assert world.plan(Pool).items[0].says == f"PHP {VERSION} as alice"
+
+
+@pytest.mark.parametrize("code", [b"<?php " + b"(" * 500_000, b"<?php $a = [" + b"1," * 500_000], ids=["deep", "long"])
+def test_files_that_wear_the_compiler_out_end_no_plan(world: World, code: bytes) -> None:
+    described(world, "", version="5.6", contents=world.archive("a", {"/srv/a/index.php": code}))
+    item = world.plan(Pool).items[0]
+    assert item.state is State.MAKE and "it was PHP 5.6 there" in item.says
 
 
 def test_missing_extensions_are_packages(world: World) -> None:

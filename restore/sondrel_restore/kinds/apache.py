@@ -1,6 +1,7 @@
 """Sites of Apache: a file of virtual hosts for each, with what they use, from the blocks of the description."""
 from __future__ import annotations
 
+import dataclasses
 import fnmatch
 import glob
 import os
@@ -18,6 +19,7 @@ from sondrel_restore.web.directives import Directive, apache_rest, for_apache, t
 from sondrel_restore.web.apache_ports import leave_ports, take_ports_back
 from sondrel_restore.web.judge import file_name, programs_at
 from sondrel_restore.web.own_sites import own_sites
+from sondrel_restore.web.php_compiling import OtherVersions
 from sondrel_restore.web.service import reload_service, running
 from sondrel_restore.web.site_data import Block, Site, is_chosen, listening_ports, sites_of
 
@@ -53,6 +55,7 @@ class Apache(site_kind.SiteKind):
         self._refusal = ""
         self._listens: frozenset[str] = frozenset()
         self._own_sites: list[str] = []
+        self._other_versions = OtherVersions()
 
     def look(self, restore: Restore) -> None:
         self._served, self._at, self._refusal, self._listens = {}, {}, "", frozenset()
@@ -105,7 +108,16 @@ class Apache(site_kind.SiteKind):
                 f"../conf-available/{os.path.basename(each)}")
         made_links.update(self._module_links(hosts))
         conflict, disables = self._conflict(restore, site, {path, link}, hosts)
-        return self.whole(site, judge, blocks, files, made_links, shown, conflict, disables, self._refusal)
+        candidate = self.whole(site, judge, blocks, files, made_links, shown, conflict, disables, self._refusal)
+        return dataclasses.replace(candidate, says=candidate.says + self._on_php(restore, site))
+
+    def _on_php(self, restore: Restore, site: Site) -> str:
+        php, modules = site.element.find("php"), _php_modules()
+        if _php_of(site) != "module" or php is None or not modules:
+            return ""
+        here = os.path.basename(modules[-1]).removeprefix("php").removesuffix(".load")
+        return self._other_versions.note(restore, f"{self.name}:{site.domain.name}", (site.domain,),
+                                         str(php.get("version") or ""), here)
 
     @staticmethod
     def meets(name: str, here: str) -> bool:

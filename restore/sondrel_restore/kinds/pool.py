@@ -21,6 +21,7 @@ from sondrel_restore.web.config_kind import Candidate, ConfigKind
 from sondrel_restore.web.directives import one_line, to_bytes
 from sondrel_restore.web.judge import Judge, Refused, Trees, normal_address
 from sondrel_restore.web.own_sites import own_sites
+from sondrel_restore.web.php_compiling import OtherVersions
 from sondrel_restore.web.php_settings import ADMIN, check_setting, check_variable, quoted
 from sondrel_restore.web.service import reload_service, wait_until
 from sondrel_restore.web.site_data import accounts_here
@@ -66,6 +67,7 @@ class Pool(ConfigKind):
         self._versions: list[str] = []
         self._trees = Trees(())
         self._accounts: frozenset[str] = frozenset()
+        self._other_versions = OtherVersions()
 
     def candidates(self, restore: Restore) -> Iterator[Candidate]:
         self._versions = versions()
@@ -91,7 +93,8 @@ class Pool(ConfigKind):
             beside = f"{_LEFT_OUT}/pool-{label}.txt"
             files[beside] = to_bytes("".join(f"{line}\n" for line in left))
             modes[beside] = 0o600
-        says = f"PHP {version} as {account}" + _on_version(pool.version, version)
+        says = f"PHP {version} as {account}" + self._other_versions.note(
+            restore, f"{self.name}:{_name(pool)}", pool.domains, pool.version, version)
         if left:
             says += f"; {len(left)} settings are left out, see {_LEFT_OUT}"
         return Candidate(
@@ -246,12 +249,6 @@ def _socket(label: str) -> str:
 def _group_of(account: str) -> str:
     here = account_of(account)
     return str(here.pw_gid) if here is not None else account
-
-
-def _on_version(there: str, here: str) -> str:
-    if not there or there == here:
-        return ""
-    return f"; it was PHP {there} there: try the application, and see what `php -l` says"
 
 
 def _text(judge: Judge, pool: _Pool, label: str, account: str, group: str, left: list[str]) -> str:
