@@ -1,6 +1,7 @@
 """Packages of this host, by dpkg and apt."""
 from __future__ import annotations
 
+import dataclasses
 import re
 from collections.abc import Collection
 
@@ -22,8 +23,16 @@ def installed_packages(restore: Restore) -> dict[str, str]:
     return {name: version for status, name, version in fields if status.startswith("ii")}
 
 
-def sections(restore: Restore, names: Collection[str]) -> dict[str, str]:
-    """The sections of the archive that those of the packages are in which apt knows here ("web", "php")."""
+@dataclasses.dataclass(frozen=True)
+class Offered:
+    """A package that apt knows here: the section of the archive that it is in ("web", "php"), and its version."""
+
+    section: str
+    version: str
+
+
+def offered_packages(restore: Restore, names: Collection[str]) -> dict[str, Offered]:
+    """Those of the packages that apt knows here, by name."""
     known = sorted(name for name in names if _NAME.fullmatch(name))
     if not known or not restore.host.has_program("apt-cache"):
         return {}
@@ -32,7 +41,7 @@ def sections(restore: Restore, names: Collection[str]) -> dict[str, str]:
     for paragraph in said.split("\n\n"):
         fields = dict(line.split(": ", 1) for line in paragraph.splitlines() if re.match(r"[A-Z][A-Za-z-]*: ", line))
         if "Package" in fields:
-            found[fields["Package"]] = fields.get("Section", "").rpartition("/")[2]
+            found[fields["Package"]] = Offered(fields.get("Section", "").rpartition("/")[2], fields.get("Version", ""))
     return found
 
 

@@ -95,6 +95,16 @@ def test_waits_for_its_package(session):
     assert not os.path.exists(SETTINGS)
 
 
+def test_servers_that_are_older_here_are_listed(session):
+    install()
+    facts = 'architecture="all" manager="dpkg" use="web"'
+    session.add(f'<server><package name="sample-wiki" version="2.2~rc1-1" {facts}/>'
+                f'<package name="dpkg" version="1.0" {facts}/><package name="not-here" version="9" {facts}/></server>')
+    plan = session.run("plan", check=0).stdout
+    assert "package:sample-wiki: 1:2.1-1 here is older than 2.2~rc1-1 on the source host" in plan
+    assert "package:dpkg" not in plan and "not-here" not in plan
+
+
 def test_does_not_overwrite_what_was_changed_here(session):
     install()
     add_wiki(session)

@@ -1,12 +1,15 @@
-"""Packages that this host lacks. They are not undone: what else may use them nobody knows."""
+"""Packages that this host lacks, and those of servers that are older here. They are not undone: what else may use them
+nobody knows.
+"""
 from __future__ import annotations
 
 from collections.abc import Iterator
 
 from sondrel_restore.journal import Entry
-from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing
-from sondrel_restore.packages import installed_packages, sections
+from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing, State
+from sondrel_restore.packages import installed_packages, offered_packages
 from sondrel_restore.restore import Restore
+from sondrel_restore.versions import older
 
 # Sections of packages that are applications of sites. Others may bring services that nobody asked for: a source
 # host that was broken into must not choose them.
@@ -19,7 +22,17 @@ class PackageKind(Kind):
     name = "package"
 
     def plan(self, restore: Restore) -> Iterator[Item]:
-        return iter(())
+        """Servers that are, or would be, older here than on the source host."""
+        there = {str(package.get("name")): str(package.get("version"))
+                 for package in restore.description.tree.iterfind("server/package") if package.get("manager") == "dpkg"}
+        here = installed_packages(restore) if there else {}
+        offered = offered_packages(restore, there.keys() - here.keys())
+        for name, version in there.items():
+            ours = here.get(name) or (offered[name].version if name in offered else "")
+            if older(ours, version):
+                yield Item(self.name, name, State.LISTED, (
+                    f"{ours} here is older than {version} on the source host: settings and data of the newer one may "
+                    "not work here"))
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
         wanted: dict[str, str] = {}
@@ -30,12 +43,12 @@ class PackageKind(Kind):
                 if package.get("manager") == "dpkg":
                     wanted.setdefault(package.get("name"), f"the application of {domain.name} is from it")
         lacking = set(wanted) - installed_packages(restore).keys() if wanted else set()
-        known = sections(restore, lacking)
+        known = offered_packages(restore, lacking)
         for name in sorted(lacking):
-            if known.get(name) in _OF_APPLICATIONS:
+            if name in known and known[name].section in _OF_APPLICATIONS:
                 yield Missing(name, wanted[name])
             elif not restore.decisions.skip(f"package:{name}"):
-                why = f"it is of the section {known[name]}" if name in known else "apt does not know it here"
+                why = f"it is of the section {known[name].section}" if name in known else "apt does not know it here"
                 yield Missing("", f"{wanted[name]}: {name}; {why}. Install it by hand, or leave it out by "
                               f"--skip=package:{name}")
 
