@@ -2,7 +2,7 @@
 from __future__ import annotations
 
 from collections.abc import Callable, Iterator, Mapping, Sequence
-from typing import TypeVar
+from typing import ClassVar, TypeVar
 
 from sondrel_restore.databases import Database, databases, some
 from sondrel_restore.journal import Entry
@@ -21,6 +21,9 @@ def database_of(item: Item) -> Database:
 
 class DatabaseKind(Kind):
     """A kind whose objects are the databases of one kind of server."""
+
+    # Where the server of Debian's package has them.
+    data_directory: ClassVar[str]
 
     def items(self, wanted: Sequence[Database], state_of: Callable[[Database], tuple[State, str]]) -> Iterator[Item]:
         """The items of a plan. Of databases of one name only the first can be made."""
@@ -41,7 +44,8 @@ class DatabaseKind(Kind):
 
     def _item(self, database: Database, state: State, says: str = "", decisions: tuple[str, ...] = ()) -> Item:
         return Item(self.name, database.name, state, says, decisions, frozenset(filter(None, [database.domain])),
-                    frozenset(filter(None, [database.client])), database)
+                    frozenset(filter(None, [database.client])), database,
+                    space=(self.data_directory, database.bytes()))
 
 
 def state_of_made(restore: Restore, entry: Entry, database: Database, fingerprint: Callable[[str], str],

@@ -95,6 +95,11 @@ class Database:
         """An attribute of the element; empty where it is missing."""
         return str(self.element.get(attribute, ""))
 
+    def bytes(self) -> int:
+        """What it took on the source host; 0 where that is not known."""
+        said = self.text("bytes")
+        return int(said) if said.isdecimal() else 0
+
     def sum(self) -> str:
         """Of all that the database is made from: equal as long as a later fetch brings nothing new."""
         made_from = [[content.get("md5sum") for content in self.contents],

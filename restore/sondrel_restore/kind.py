@@ -42,7 +42,8 @@ class Item:
     one of which resolves a conflict. `domains` and `clients` are those that it belongs to; a selection takes an
     object of which one is selected. One without any is taken where something that is selected asks for it.
     `data` is what the kind itself wants to find again in `apply`; the core does not look at it. `package` is one that
-    the object is a part of: where an apply installs it, what it brings may be overwritten.
+    the object is a part of: where an apply installs it, what it brings may be overwritten. `space` is what it takes
+    when it is made: a path and bytes.
     """
 
     kind: str
@@ -54,6 +55,7 @@ class Item:
     clients: frozenset[str] = frozenset()
     data: object = None
     package: str = ""
+    space: tuple[str, int] | None = None
 
     @property
     def identifier(self) -> str:

@@ -14,6 +14,7 @@ from sondrel_restore.kind import Finding, Item, Kind, Left, Missing, RestoreErro
 from sondrel_restore.progress import Progress
 from sondrel_restore.selection import Decisions, Selection
 from sondrel_restore.session import Session
+from sondrel_restore.space import missing_space
 
 
 # The source host does not have any more what was fetched once.
@@ -135,6 +136,7 @@ def make_plan(restore: Restore, kinds: Sequence[Kind]) -> Plan:
     for kind in kinds:
         items += plan_kind(restore, kind, known)
         missing += kind.missing(restore)
+    missing += missing_space(items, lambda identifier: restore.journal.entry(identifier) is not None)
     known |= {f"package:{each.package}" for each in missing}
     unknown = sorted((restore.decisions.replaced | restore.decisions.skipped) - known)
     if unknown:

@@ -12,6 +12,8 @@ from conftest import TOP
 from destination import snapshot
 from lxml import etree
 from made_session import MadeSession, made_of
+from sondrel_restore.kind import Item, State
+from sondrel_restore.space import missing_space
 from test_files import directory, file, site, usual
 
 
@@ -225,6 +227,19 @@ def test_says_before_that_there_is_no_room(session):
     assert "bytes free" in session.run("plan", check=3).stdout
     session.run("apply", check=3)
     assert os.listdir("/home") == []
+
+
+def test_room_is_needed_for_all_that_is_new_on_a_file_system():
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "own", "/home"], check=True)
+
+    def said(*spaces, state=State.MAKE, begun=""):
+        items = [Item("mysql", str(number), state, "", space=space) for number, space in enumerate(spaces)]
+        return [each.because for each in missing_space(items, lambda identifier: identifier == begun)]
+
+    half = ("/home/missing/mysql", 600_000)
+    assert not said(half) and not said(None) and not said(half, half, state=State.RENEW)
+    assert said(half, half) == ["the file system of /home has 1,048,576 bytes free, and the restore needs 1,200,000"]
+    assert not said(half, half, begun="mysql:1")
 
 
 def test_lets_only_one_run_change_things(session):

@@ -76,6 +76,14 @@ def postgresql():
         yield server
 
 
+def check_that_room_is_asked_for(session, place):
+    """The plan says where there is none for the databases."""
+    os.makedirs(place, exist_ok=True)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4k", "own", place], check=True)
+    assert f"the file system of {place} has " in session.run("plan", check=3).stdout
+    subprocess.run(["umount", place], check=True)
+
+
 def mysql_state(server):
     """Accounts, rights and databases, and the rows and definitions of those that no test restores."""
     return told(server, """
@@ -99,6 +107,7 @@ def test_makes_a_database_of_mariadb_with_accounts_and_rights(session, mariadb):
     server_dumps.dump_all(session)
     mariadb.sql(DROP_MYSQL)
     before = mysql_state(mariadb)
+    check_that_room_is_asked_for(session, "/var/lib/mysql")
     done = session.run("apply", check=0)
     assert told(mariadb, shown) == grants
     assert server_dumps.as_shop(mariadb, "SELECT v FROM t ORDER BY id").stdout == "a\\n'x),(\nNULL\ngrün\n"
@@ -125,6 +134,7 @@ def test_makes_a_database_of_postgresql_with_roles_and_rights(session, postgresq
     postgresql.sql(POSTGRESQL)
     server_dumps.dump_all(session)
     postgresql.sql(DROP_POSTGRESQL)
+    check_that_room_is_asked_for(session, "/var/lib/postgresql")
     connections = "SELECT sum(sessions) FROM pg_stat_database"
     before = int(told(postgresql, connections))
     done = session.run("apply", check=0)

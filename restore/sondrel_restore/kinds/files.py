@@ -6,10 +6,10 @@ import os
 import re
 from collections.abc import Iterator
 
-from sondrel_restore.accepted import existing_part, is_vacant, why_not, why_not_owners
+from sondrel_restore.accepted import is_vacant, why_not, why_not_owners
 from sondrel_restore.description import Element, archive_sum_of, is_below, unpacked_of
 from sondrel_restore.journal import Entry
-from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing, State
+from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, State
 from sondrel_restore.restore import Restore
 from sondrel_restore.unpacking import remove_unpacked, unpack, verify_unpacked
 
@@ -40,9 +40,6 @@ class FilesKind(Kind):
 
     name = "files"
 
-    def __init__(self) -> None:
-        self._planned: list[Item] = []
-
     def plan(self, restore: Restore) -> Iterator[Item]:
         found: dict[str, _Archived] = {}
         # A home comes before the sites in it.
@@ -51,37 +48,15 @@ class FilesKind(Kind):
             known.roots |= archived.roots
             known.clients |= archived.clients
             known.domains |= archived.domains
-        self._planned = []
         for archived in found.values():
             if archived.roots:
-                self._planned.append(self._item(restore, archived))
-                yield self._planned[-1]
-
-    def missing(self, restore: Restore) -> Iterator[Missing]:
-        """Space, by file system, for what the last plan has; what is renewed needs no more than it has."""
-        needed: dict[int, int] = {}
-        places: dict[int, str] = {}
-        for item in self._planned:
-            if item.state is not State.MAKE or not restore.selection.takes(item) or restore.decisions.skip(
-                    item.identifier):
-                continue
-            assert isinstance(item.data, _Archived)
-            place = existing_part(min(item.data.roots))
-            device = os.stat(place).st_dev
-            places.setdefault(device, place)
-            needed[device] = needed.get(device, 0) + unpacked_of(item.data.content)
-        for device, size in needed.items():
-            about = os.statvfs(places[device])
-            free = about.f_bavail * about.f_frsize
-            if free < size:
-                yield Missing("", f"the file system of {places[device]} has {free:,} bytes free, and the files need "
-                              f"{size:,}")
+                yield self._item(restore, archived)
 
     def _item(self, restore: Restore, archived: _Archived) -> Item:
         state, says, decisions = _state(restore, archived, f"{self.name}:{archived.name}")
         item = Item(self.name, archived.name, state, says, decisions, frozenset(archived.domains),
                     # With a domain comes its archive, with a client all of them.
-                    frozenset(archived.clients), archived)
+                    frozenset(archived.clients), archived, space=(min(archived.roots), unpacked_of(archived.content)))
         if state is not State.IMPOSSIBLE and restore.selection.takes(item) and not restore.decisions.skip(
                 item.identifier):
             for root in archived.roots:

@@ -13,7 +13,7 @@ import re
 from collections.abc import Iterator
 
 from sondrel_restore.accepted import why_not, why_not_owners
-from sondrel_restore.description import Domain, Element, archive_sum_of, is_below
+from sondrel_restore.description import Domain, Element, archive_sum_of, is_below, unpacked_of
 from sondrel_restore.host import account_of
 from sondrel_restore.hostfiles import components, open_directory
 from sondrel_restore.journal import Entry
@@ -103,7 +103,8 @@ def _mailbox_item(restore: Restore, name: str, element: Element) -> Item:
             quota_of(element.get("quota", ""))))
     decisions = (f"--replace=mailbox:{name}", f"--skip=mailbox:{name}") if state is State.CONFLICT else ()
     return Item("mailbox", name, state, says, decisions, frozenset(filter(None, [domain])),
-                frozenset(filter(None, [client])), box)
+                frozenset(filter(None, [client])), box, space=(box.roots[0], sum(
+                    unpacked_of(content) for content in restore.description.contents(element))) if box else None)
 
 
 def _mailbox_state(restore: Restore, identifier: str, element: Element) -> tuple[State, str, Box | None]:

@@ -56,6 +56,7 @@ class MySql(DatabaseKind):
     """Each database with its accounts and their rights."""
 
     name: ClassVar[str] = "mysql"
+    data_directory: ClassVar[str] = "/var/lib/mysql"
 
     def __init__(self) -> None:
         self._server: MySqlServer | None = None

@@ -64,6 +64,7 @@ class PostgreSql(DatabaseKind):
     """Each database with its roles and their rights."""
 
     name: ClassVar[str] = "postgresql"
+    data_directory: ClassVar[str] = "/var/lib/postgresql"
 
     def __init__(self) -> None:
         self._server: PostgreSqlServer | None = None
