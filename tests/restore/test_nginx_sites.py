@@ -284,6 +284,27 @@ def test_what_was_changed_here_stays(world: World) -> None:
     assert world.undo(Nginx).left[0].identifier == "nginx:a.test" and "# mine" in path.read_text(encoding="utf-8")
 
 
+LONG_NAMES = {length: ("a" * 60 + ".") * (length // 61) + "b" * (length % 61) for length in (46, 47, 70, 253)}
+
+
+@pytest.mark.parametrize("name", LONG_NAMES.values(), ids=LONG_NAMES)
+def test_a_long_name_is_served(world: World, name: str) -> None:
+    before = snapshot("/etc/nginx")
+    world.describe(site(name, server(LISTEN, directive("server_name", name), ROOT)))
+    assert not world.apply(Nginx).failed
+    assert get(name).title == "site a"
+    assert not world.apply(Nginx).changed
+    world.undo(Nginx)
+    assert snapshot("/etc/nginx") == before
+
+
+def test_room_for_long_names_that_is_here_stays(world: World) -> None:
+    Path("/etc/nginx/conf.d/mine.conf").write_text("server_names_hash_bucket_size 128;\n", encoding="utf-8")
+    world.describe(site("a.test", server(LISTEN, directive("server_name", LONG_NAMES[70]), ROOT)))
+    assert not world.apply(Nginx).failed
+    assert get(LONG_NAMES[70]).title == "site a"
+
+
 def test_a_name_that_is_served_here_needs_a_decision(world: World) -> None:
     Path("/etc/nginx/sites-available/mine").write_text(
         "server { listen 80; server_name other.test a.test; return 204; }"

@@ -146,7 +146,7 @@ def test_a_pool_runs_as_no_account_but_those_of_the_restore(world: World, user: 
     assert world.apply(Pool).changed == [] and snapshot("/etc/php") == before
 
 
-@pytest.mark.parametrize("name", ["../../../../tmp/x", "global", "a]&#10;user = root&#10;[b", "www"])
+@pytest.mark.parametrize("name", ["../../../../tmp/x", "global", "a]&#10;user = root&#10;[b", "www", "x" * 300])
 def test_the_name_of_a_pool_is_no_more_than_that(world: World, name: str) -> None:
     before = set(snapshot("/etc/php"))
     described(world, "", name=name)

@@ -15,13 +15,17 @@ from sondrel_restore.web import nginx_rules, site_kind
 from sondrel_restore.web.config_kind import Candidate
 from sondrel_restore.web.directives import Directive, for_nginx, to_bytes
 from sondrel_restore.web.judge import file_name
-from sondrel_restore.web.nginx_here import NginxHere, normal_listen, read_here
+from sondrel_restore.web.nginx_here import BUCKET_SIZE, NginxHere, normal_listen, read_here
 from sondrel_restore.web.nginx_rules import Names, NginxRules
 from sondrel_restore.web.service import reload_service
 from sondrel_restore.web.site_data import Block, Site
 
 _DIRECTORY = "/etc/nginx"
 _DEFINITIONS = f"{_DIRECTORY}/sondrel-definitions"
+
+# In bytes: what fits into a bucket of the usual 64, and a bucket that fits the longest name that there can be.
+_LONGEST_EXPECTED = 46
+_LARGE_BUCKET = 512
 
 # Beginnings of directives with the module that has them and its package.
 _MODULES = (
@@ -78,6 +82,7 @@ class Nginx(site_kind.SiteKind):
                            if (kept := rules.definition(use)) is not None}
         except RestoreError as error:
             return Candidate(site.domain.name, "", {path: b""}, impossible=str(error))
+        definitions.update(self._room_for_names(servers))
         shown = for_nginx(left.directive for left in judge.left_out)
         conflict, disables = self._conflict(site, servers, {path, link})
         links = {f"{_DIRECTORY}/conf.d/{os.path.basename(each)}": f"../{os.path.basename(_DEFINITIONS)}/"
@@ -99,6 +104,14 @@ class Nginx(site_kind.SiteKind):
                 file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
         taken = self.taken_address(_listens(servers), self._here.listens, own)
         return taken or self.port_conflict(nginx_rules.ports_of(servers)), frozenset()
+
+    def _room_for_names(self, servers: list[Directive]) -> dict[str, bytes]:
+        """nginx refuses all sites where a name is longer than it expects; another file here may say more already."""
+        path = f"{_DEFINITIONS}/sondrel-long-names.conf"
+        is_long = any(len(name) > _LONGEST_EXPECTED for name in _server_names(servers))
+        if not is_long or os.path.basename(self._here.once.get(BUCKET_SIZE, path)) != os.path.basename(path):
+            return {}
+        return {path: f"{BUCKET_SIZE} {_LARGE_BUCKET};\n".encode()}
 
     def _new_names(self, uses: Iterable[Directive]) -> Names:
         """New names for definitions whose names something else here has."""

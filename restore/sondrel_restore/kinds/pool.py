@@ -28,6 +28,8 @@ from sondrel_restore.web.site_data import accounts_here
 
 _WEB_ACCOUNT = "www-data"
 _LEFT_OUT = "/etc/sondrel-restore/left-out"
+# Of the path of a socket, which the label is a part of, the kernel takes 107 bytes.
+_LONGEST_LABEL = 60
 
 # Extensions by the package of Debian that has them, "php-" or "phpX.Y-" before it. Others are built in or unknown.
 _PACKAGES = {
@@ -239,7 +241,8 @@ def _label(pool: _Pool) -> str:
     """
     whole = f"{pool.name}-{pool.version}" if pool.version else pool.name
     safe = re.sub(r"[^A-Za-z0-9_.-]", "_", whole)
-    return safe if safe == whole else f"{safe}-{sum_of_bytes(to_bytes(whole))[:8]}"
+    short = safe[:_LONGEST_LABEL]
+    return whole if short == whole else f"{short}-{sum_of_bytes(to_bytes(whole))[:8]}"
 
 
 def _socket(label: str) -> str:

@@ -15,7 +15,7 @@ from collections.abc import Callable, Iterable, Iterator, Mapping
 from pathlib import Path
 
 from sondrel_restore.description import is_below
-from sondrel_restore.hostfiles import components
+from sondrel_restore.hostfiles import components, sum_of_bytes
 from sondrel_restore.kind import RestoreError
 from sondrel_restore.web.directives import Directive
 
@@ -25,6 +25,9 @@ _PACKAGED = ("/usr/share", "/usr/lib/cgi-bin")
 # Never served, even where something was restored there.
 _NEVER_SERVED = ("/boot", "/dev", "/etc", "/proc", "/root", "/run", "/sys", "/var/log", "/var/mail", "/var/run",
                  "/var/spool", "/var/lib/mysql", "/var/lib/postgresql")
+
+# Of a file's name; the sum, an ending and what is put before it still fit into 255 bytes.
+_LONGEST_NAME = 150
 
 _SAFE_NAME = re.compile(r"[A-Za-z0-9._=-]+")
 
@@ -274,7 +277,13 @@ def _name_of(uid: int) -> str:
 
 
 def file_name(name: str) -> str:
-    """The name of an object as a file's: bytes other than letters, digits, ".", "_" and "-" are "=XX"."""
+    """The name of an object as a file's: bytes other than letters, digits, ".", "_" and "-" are "=XX".
+
+    One that is too long for a file system ends with a sum of it.
+    """
     escaped = "".join(chr(byte) if re.fullmatch(rb"[A-Za-z0-9_.-]", bytes([byte])) else f"={byte:02X}"
                       for byte in name.encode("utf-8", "surrogateescape"))
-    return "=2E" + escaped[1:] if escaped.startswith(".") else escaped
+    escaped = "=2E" + escaped[1:] if escaped.startswith(".") else escaped
+    if len(escaped) <= _LONGEST_NAME:
+        return escaped
+    return f"{escaped[:_LONGEST_NAME]}-{sum_of_bytes(name.encode('utf-8', 'surrogateescape'))[:8]}"

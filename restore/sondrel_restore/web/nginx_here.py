@@ -5,6 +5,9 @@ import dataclasses
 import re
 from collections.abc import Iterator
 
+# How much room the table of names has for one of them.
+BUCKET_SIZE = "server_names_hash_bucket_size"
+
 _FILE = re.compile(r"^# configuration file (/.*):$", re.MULTILINE)
 _TOKEN = re.compile(r"""\s+|\#[^\n]*|(?P<mark>[;{}])|"(?P<double>(?:[^"\\]|\\.)*)"|'(?P<single>(?:[^'\\]|\\.)*)'"""
                     r"""|(?P<word>(?:\\.|\$\{|[^\s;{}"'\\])(?:\$\{[^}]*\}|\\.|[^\s;{}\\])*)""", re.DOTALL)
@@ -12,7 +15,9 @@ _TOKEN = re.compile(r"""\s+|\#[^\n]*|(?P<mark>[;{}])|"(?P<double>(?:[^"\\]|\\.)*
 
 @dataclasses.dataclass
 class NginxHere:
-    """Names with the file that has them. `defaults` are "address:port" of default servers, `listens` of all."""
+    """Names with the file that has them. `defaults` are "address:port" of default servers, `listens` of all, `once`
+    directives that a host can have once.
+    """
 
     served: dict[str, set[str]] = dataclasses.field(default_factory=dict)
     defaults: dict[str, set[str]] = dataclasses.field(default_factory=dict)
@@ -21,6 +26,7 @@ class NginxHere:
     variables: dict[str, str] = dataclasses.field(default_factory=dict)
     formats: dict[str, str] = dataclasses.field(default_factory=dict)
     zones: dict[str, str] = dataclasses.field(default_factory=dict)
+    once: dict[str, str] = dataclasses.field(default_factory=dict)
 
     def take(self, file: str, words: list[str]) -> None:
         """Takes a directive, or the beginning of a block."""
@@ -38,6 +44,8 @@ class NginxHere:
             self.formats[args[0]] = file
         elif name in ("map", "geo", "split_clients") and args:
             self.variables[args[-1].lstrip("$")] = file
+        elif name == BUCKET_SIZE:
+            self.once[name] = file
         for each in args:
             match = re.match(r"(?:zone|keys_zone)=([^:]+):", each)
             if match and (name.endswith("_zone") or name.endswith("_cache_path")):
