@@ -51,9 +51,9 @@ class PsqlSession:
 
     def close(self) -> None:
         """Ends the connection, and waits for that."""
-        with contextlib.suppress(BrokenPipeError):
-            # Closes the pipes, and waits.
-            self._process.__exit__(None, None, None)
+        # Leaving it closes the pipes, and waits.
+        with contextlib.suppress(BrokenPipeError), self._process:
+            pass
 
     def _exchange(self, script: bytes, mark: bytes, deadline: float) -> tuple[tuple[str, bool], tuple[str, bool]]:
         """Writes and reads at the same time; of both outputs the text, and whether the mark came."""

@@ -132,8 +132,10 @@ class OtherVersions:
         if not there or there == here:
             return ""
         if identifier not in self._said:
+            # A plan shows no other sites: their archives need not be read.
+            chosen = [domain for domain in domains if restore.selection.takes_domain(domain.name)]
             is_new = restore.journal.entry(identifier) is None
-            self._said[identifier] = uncompilable(restore, here, domains) if is_new else ""
+            self._said[identifier] = uncompilable(restore, here, chosen) if is_new and chosen else ""
         return f"; it was PHP {there} there: {self._said[identifier] or 'try the application'}"
 
 
