@@ -31,14 +31,8 @@ sub version {
 # { program, arguments }.
 sub all {
     my ($tree, $servers) = @_;
-    my (@found, %known);
-    my @running = $servers ? $servers->running('apache') : ();
-    my @programs = $tree->root eq '/' ? grep {defined} map { program($_) } @PROGRAMS : ();
-    for my $one (@running, map { { program => $_ } } @programs) {
-        my $instance = instance_of($one) or next;
-        my $is_there = $one->{arguments} || $tree->lstat($instance->{main});
-        push @found, $instance if $is_there && !$known{ $instance->{main} }++;
-    }
+    my @found = Linux::WebServers::instances($tree, $servers, 'apache', \@PROGRAMS, \&instance_of);
+    my %known = map { $_->{main} => 1 } @found;
     push @found, map { { main => $_ } }
         grep { !$known{$_} } Linux::ConfigReader::present($tree, @MAIN_FILES);
     return @found;

@@ -36,14 +36,8 @@ sub version {
 # { main, prefix } and, of one that runs, { program, arguments }.
 sub all {
     my ($tree, $servers) = @_;
-    my (@found, %known);
-    my @running = $servers ? $servers->running('nginx') : ();
-    my @programs = $tree->root eq '/' ? grep {defined} map { program($_) } @PROGRAMS : ();
-    for my $one (@running, map { { program => $_ } } @programs) {
-        my $instance = instance_of($one);
-        my $is_there = $one->{arguments} || $tree->lstat($instance->{main});
-        push @found, $instance if $is_there && !$known{ $instance->{main} }++;
-    }
+    my @found = Linux::WebServers::instances($tree, $servers, 'nginx', \@PROGRAMS, \&instance_of);
+    my %known = map { $_->{main} => 1 } @found;
     my ($share) = grep { $tree->is_dir($_) } @PREFIXES;
     for my $main (grep { !$known{$_} } Linux::ConfigReader::present($tree, @MAIN_FILES)) {
         my ($prefix) = $main =~ m{\A(.*)/conf/} ? $1 : defined $share ? $share : $PREFIXES[0];

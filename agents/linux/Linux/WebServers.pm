@@ -84,6 +84,17 @@ sub running {
         $self->first_of($server);
 }
 
+# The servers of a kind that run and those that are installed, each main file once: what $instance_of
+# gives for { program } and, of one that runs, { arguments }. $servers is undef where none is asked.
+sub instances {
+    my ($tree, $servers, $kind, $programs, $instance_of) = @_;
+    my %known;
+    my @running = $servers ? $servers->running($kind) : ();
+    my @installed = $tree->root eq '/' ? grep {defined} map { program($_) } @$programs : ();
+    return grep { ($_->{arguments} || $tree->lstat($_->{main})) && !$known{ $_->{main} }++ }
+        map { $instance_of->($_) } @running, map { { program => $_ } } @installed;
+}
+
 # The process managers of PHP that root has started from a program of root's, and the file
 # that each was started with: { pid, program, main }.
 sub process_managers {
