@@ -6,10 +6,10 @@ import dataclasses
 import os
 import selectors
 import signal
+import subprocess
 import tempfile
 import time
 from collections.abc import Iterable, Iterator
-from types import TracebackType
 
 from sondrel_restore.description import Domain
 from sondrel_restore.host import account_of
@@ -50,38 +50,43 @@ while (($path = fgets(STDIN)) !== false) {
 """
 
 
+@contextlib.contextmanager
+def _compiler(restore: Restore, version: str) -> Iterator[_Compiler]:
+    """A compiler that ends with the block; so does its directory."""
+    account = account_of(_ACCOUNT)
+    assert account is not None
+    with tempfile.TemporaryDirectory(prefix="sondrel-php-") as directory:
+        # Files of a site may have passwords: only root and that account can enter, and the names are random.
+        os.chown(directory, 0, account.pw_gid)
+        os.chmod(directory, 0o710)
+        with restore.host.start(
+                [f"php{version}", "-d", f"memory_limit={_MEMORY}", "-d", "opcache.enable_cli=1",
+                 "-d", "display_errors=0", "-d", "log_errors=0", "-r", _COMPILER], account=_ACCOUNT) as process:
+            assert process.stdin is not None
+            try:
+                yield _Compiler(process, directory, account.pw_gid)
+            finally:
+                with contextlib.suppress(ProcessLookupError):
+                    os.killpg(process.pid, signal.SIGKILL)
+                # A path that it has not read goes nowhere.
+                with contextlib.suppress(BrokenPipeError):
+                    process.stdin.close()
+
+
 class _Compiler:
     """A process that compiles one file after the other, as an account without rights."""
 
-    def __init__(self, restore: Restore, version: str) -> None:
-        self._process = restore.host.start(
-            [f"php{version}", "-d", f"memory_limit={_MEMORY}", "-d", "opcache.enable_cli=1", "-d", "display_errors=0",
-             "-d", "log_errors=0", "-r", _COMPILER], account=_ACCOUNT)
-        account = account_of(_ACCOUNT)
-        assert account is not None
-        # Files of a site may have passwords: only root and that account can enter, and the names are random.
-        self._directory = tempfile.TemporaryDirectory(prefix="sondrel-php-")
-        self._group = account.pw_gid
-        os.chown(self._directory.name, 0, self._group)
-        os.chmod(self._directory.name, 0o710)
+    def __init__(self, process: subprocess.Popen[bytes], directory: str, group: int) -> None:
+        self._process = process
+        self._directory = directory
+        self._group = group
         self._deadline = time.monotonic() + _TIME_LIMIT
         self.files = 0
-
-    def __enter__(self) -> _Compiler:
-        return self
-
-    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
-                 trace: TracebackType | None) -> None:
-        with contextlib.suppress(ProcessLookupError):
-            os.killpg(self._process.pid, signal.SIGKILL)
-        with contextlib.suppress(BrokenPipeError), self._process:
-            pass
-        self._directory.cleanup()
 
     def reason(self, code: bytes) -> str | None:
         """The line and why it cannot be compiled; empty where it can, None where the compiler does not answer."""
         # Each has a name of its own: the compiler may remember what it has seen.
-        path = f"{self._directory.name}/{self.files}"
+        path = f"{self._directory}/{self.files}"
         with open(path, "xb", opener=lambda name, flags: os.open(name, flags, 0o640)) as file:
             os.fchown(file.fileno(), 0, self._group)
             file.write(code)
@@ -147,7 +152,7 @@ def uncompilable(restore: Restore, version: str, domains: Iterable[Domain]) -> s
     if not restore.host.has_program(f"php{version}") or account_of(_ACCOUNT) is None:
         return ""
     found = _Found()
-    with _Compiler(restore, version) as compiler:
+    with _compiler(restore, version) as compiler:
         for path, code in _php_files(restore, domains):
             reason = compiler.reason(code)
             if reason is None:
