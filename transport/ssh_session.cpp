@@ -50,8 +50,18 @@ Session::Session(int socket, bool disableEncryption, bool compatibility,
   }
   if (!hostKeyTypes.empty()) preferHostKeys(hostKeyTypes);
   start();
+  keepCiphers();
   // The server may exchange keys again, and no more in plain text.
   connection().callbackData().ciphers.clear();
+}
+
+/// A server may list others when keys are exchanged again: of a pair that does not go together it
+/// would then make the library end the process.
+void Session::keepCiphers() {
+  for (const int kind : {LIBSSH2_METHOD_CRYPT_CS, LIBSSH2_METHOD_CRYPT_SC}) {
+    const char* const cipher = libssh2_session_methods(get(), kind);
+    if (cipher) libssh2_session_method_pref(get(), kind, std::string(cipher).c_str());
+  }
 }
 
 /// The others stay on offer behind them: a server whose key was replaced by one of

@@ -101,6 +101,7 @@ class Session : private ConnectionOwner, public Handle<_LIBSSH2_SESSION, dtm_lib
 
   void preferHostKeys(const std::vector<std::string>& types);
   void preferCiphers(Ciphers wanted);
+  void keepCiphers();
   void start();
   _LIBSSH2_CHANNEL* openChannel();
   bool authorizeByPassword(const std::string& login, const std::string& password);

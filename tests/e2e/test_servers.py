@@ -108,6 +108,17 @@ def test_input_and_output_come_through_many_changes_of_keys():
     assert Session().read("dump.xml") == names
 
 
+def test_keys_change_but_not_the_ciphers():
+    """A server with other lists in a later exchange could choose ciphers that the library cannot use together."""
+    offered(ROOT, *FILES.items())
+    with SourceHost(options=["RekeyLimit 1M", "LogLevel DEBUG2"], recording=False) as source:
+        assert Destination().run("get-content", environment=LEAKY) == DONE
+        log = read(source.log).decode()
+    client = re.findall(r"peer client KEXINIT proposal.*?ciphers ctos: (\S+).*?ciphers stoc: (\S+)", log, re.DOTALL)
+    used = re.findall(r"kex: client->server cipher: (\S+)", log)[0]
+    assert len(client) > 2 and set(client[1:]) == {(used, used)}
+
+
 # --- limits ----------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("sessions", [1, 2])
