@@ -29,6 +29,9 @@ DIRECTORY = re.compile(r" ?(?:DATA|INDEX) DIRECTORY ?= ?'((?:[^'\\]|\\.|'')*)'|'
 # What ends the connection, and with it the load; without a line: the login.
 _ENDING = re.compile(r"ERROR (?:[0-9]+(?: \(\w+\))?: |(?:1053|1153|1927|2[0-9]{3})\b)")
 
+# That the server could keep no more: what it says after that may be of tables that have no rows to be missed.
+_FULL = re.compile(r"ERROR (?:1021|1114)\b|No space left on device|\b(?:errno|Errcode|error):? (?:28|135)\b")
+
 OF_SERVER = re.compile(
     r"(?:|root|mysql|(?:mysql|mariadb)\..*|debian-sys-maint|public|none|current_user|current_role|" + LOADER + ".*)",
     re.I | re.S)
@@ -165,7 +168,7 @@ class MySqlServer:
     def load(self, host: Host, database: str, login: bytes, statements: Iterable[bytes]) -> list[str]:
         """Runs SQL in a database as the account of `make_loader`, in a program without rights here.
 
-        Returns the errors of single statements; the others were run.
+        Returns the errors of single statements; the others were run. RestoreError where the server had no room.
         """
         program = "mariadb" if host.has_program("mariadb") else "mysql"
         known = host.run([program, "--no-defaults", "--help"]).stdout
@@ -179,6 +182,9 @@ class MySqlServer:
         for error in errors:
             if _ENDING.match(error):
                 raise RestoreError(f"Loading ended: {error}")
+            if _FULL.search(error):
+                raise RestoreError("The database server has no room for it (No space left on device, or a limit of its"
+                                   f" own): {error}. Make room where its data lie, and apply again")
         return errors
 
 

@@ -68,13 +68,17 @@ def host_with_servers(session):
 
 
 @contextlib.contextmanager
-def databases(session, *kinds):
-    """Servers of these kinds, each with a database in the session; yields what tells its state."""
+def databases(session, *kinds, more=""):
+    """Servers of these kinds, each with a database in the session; yields what tells its state.
+
+    `more` is SQL for what the databases have besides.
+    """
     with contextlib.ExitStack() as stack:
         running = {kind: stack.enter_context(server_dumps.server(kind, f"/mnt/{kind}")) for kind in kinds}
         # Settings of mail servers are hidden with those of the databases, unless they are ours already.
         for kind, one in running.items():
             one.sql(DATABASES[kind][0])
+            one.sql(more)
         for element in list(server_dumps.dump_all(session).values()):
             assert element.get("name") in ("shop", "postgres")
         for element in session.tree.xpath("//unassigned/database[@name='postgres']"):
@@ -143,17 +147,30 @@ def test_tells_of_full_file_systems_of_each_kind_and_goes_on(host, places):
     ends_well(host, before)
 
 
-def test_tells_of_a_full_disk_of_a_database_server_and_goes_on(host):
-    os.makedirs("/mnt/postgresql")
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=150m,mode=755", "own", "/mnt/postgresql"], check=True)
-    with databases(host, "postgresql") as running:
+# Rows that do not fit into what is left for the server's data.
+ROWS = ("USE shop; CREATE TABLE big (id int, t text); INSERT INTO big SELECT seq, repeat('x', 4000) FROM seq_1_to_4000;")
+
+
+# Tables without rows: what is missing of them shows in no number of rows.
+TABLES = "USE shop; " + "".join(f"CREATE TABLE t{number} (id int);" for number in range(60))
+
+
+@pytest.mark.parametrize("kind, size, room, more", [
+    ("postgresql", 150, 2, ""), pytest.param("mysql", 250, 9, ROWS, id="rows"),
+    pytest.param("mysql", 250, 3, TABLES, id="tables")])
+def test_tells_of_a_full_disk_of_a_database_server_and_goes_on(host, kind, size, room, more):
+    """`size` and `room` in MiB: of its file system, and what is left there."""
+    place = f"/mnt/{kind}"
+    os.makedirs(place)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size}m,mode=755", "own", place], check=True)
+    with databases(host, kind, more=more) as running:
         before = state(running)
-        with open("/mnt/postgresql/ballast", "wb") as ballast:
-            about = os.statvfs("/mnt/postgresql")
-            ballast.write(bytes(about.f_bavail * about.f_frsize - (2 << 20)))
+        with open(f"{place}/ballast", "wb") as ballast:
+            about = os.statvfs(place)
+            ballast.write(bytes(about.f_bavail * about.f_frsize - (room << 20)))
         done = host.run("apply", check=1)
-        assert "postgresql:shop" in done.stderr and "No space left on device" in done.stderr
-        os.unlink("/mnt/postgresql/ballast")
+        assert f"{kind}:shop" in done.stderr and "No space left on device" in done.stderr
+        os.unlink(f"{place}/ballast")
         ends_well(host, before, running)
 
 
