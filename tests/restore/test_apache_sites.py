@@ -10,6 +10,7 @@ import pytest
 from destination import own_etc, snapshot
 from sondrel_restore.kind import State
 from sondrel_restore.kinds.apache import Apache
+from sondrel_restore.restore import apply_plan, make_plan
 from sondrel_restore.selection import Decisions
 from sondrel_restore.web.ask import Answer, Request, ask
 from web_world import World, directive, ended, site, virtual_host
@@ -224,6 +225,44 @@ def test_a_site_that_apache_refuses_is_put_back_and_the_others_go_in(world: Worl
     outcome = world.apply(Apache)
     assert len(outcome.failed) == 1 and "a.test" in outcome.failed[0][1]
     assert get(name="b.test").title == "site b" and not os.path.lexists("/etc/apache2/sites-enabled/a.test.conf")
+
+
+def test_a_refused_change_leaves_the_site_as_it_was(world: World) -> None:
+    described(world)
+    world.apply(Apache)
+    described(world, directive("limitrequestbody", "much"))
+    (failure,) = world.apply(Apache).failed
+    assert "a.test" in failure[1] and "LimitRequestBody" in failure[1]
+    assert get().title == "site a"
+    assert "much" not in Path("/etc/apache2/sites-enabled/a.test.conf").read_text(encoding="utf-8")
+    described(world, directive("limitrequestbody", "100000"))
+    assert not world.apply(Apache).failed
+    assert "100000" in Path("/etc/apache2/sites-enabled/a.test.conf").read_text(encoding="utf-8")
+
+
+def test_settings_of_this_host_that_apache_refuses_are_named_and_a_rerun_goes_on(world: World) -> None:
+    before = snapshot("/etc/apache2")
+    described(world)
+    broken = Path("/etc/apache2/conf-enabled/broken.conf")
+    broken.write_text("Nonsense on\n", encoding="ascii")
+    (item,) = world.plan(Apache).items
+    assert item.state is State.IMPOSSIBLE and str(broken) in item.says
+    world.apply(Apache)
+    broken.unlink()
+    assert snapshot("/etc/apache2") == before
+    assert not world.apply(Apache).failed and get().title == "site a"
+    # And where they break between the plan and the check.
+    world.undo(Apache)
+    restore = world.restore()
+    kind = Apache()
+    plan = make_plan(restore, [kind])
+    broken.write_text("Nonsense on\n", encoding="ascii")
+    with restore.journal.locked():
+        outcome = apply_plan(restore, [kind], plan)
+    assert any("a.test" in text and str(broken) in text for _, text in outcome.failed)
+    broken.unlink()
+    assert snapshot("/etc/apache2") == before
+    assert not world.apply(Apache).failed and get().title == "site a"
 
 
 def test_a_name_that_is_served_here_needs_a_decision(world: World) -> None:

@@ -148,7 +148,8 @@ def test_tells_of_full_file_systems_of_each_kind_and_goes_on(host, places):
 
 
 # Rows that do not fit into what is left for the server's data.
-ROWS = ("USE shop; CREATE TABLE big (id int, t text); INSERT INTO big SELECT seq, repeat('x', 4000) FROM seq_1_to_4000;")
+ROWS = ("USE shop; CREATE TABLE big (id int, t text);"
+        " INSERT INTO big SELECT seq, repeat('x', 4000) FROM seq_1_to_4000;")
 
 
 # Tables without rows: what is missing of them shows in no number of rows.

@@ -39,6 +39,9 @@ _MODULES = (
     (r"require +(group)", ("authz_groupfile",)), (r"(order|allow|deny|satisfy) ", ("access_compat",)),
 )
 
+# Of what Apache says when it refuses its configuration: warnings, and that it has failed.
+_ASIDE = re.compile(r"AH00558|^AH[0-9]+: Warning: |^Action '.*' failed|^The Apache error log may have")
+
 
 class Apache(site_kind.SiteKind):
     """The part of a site that Apache serves."""
@@ -267,7 +270,7 @@ def _listens_here() -> Iterator[str]:
 
 
 def _error_of(text: str) -> str:
-    lines = [line for line in text.splitlines() if line.strip() and "AH00558" not in line]
+    lines = [line for line in text.splitlines() if line.strip() and not _ASIDE.search(line)]
     return " ".join(lines[:2]) or "it says nothing"
 
 

@@ -175,7 +175,9 @@ class ConfigKind(Kind):
         entries = [entry for item in changed
                    if (entry := restore.journal.entry(item.identifier)) is not None and entry.state == "done"]
         failed = self._go_live(restore, entries)
-        self.reload(restore, [entry for entry in restore.journal.entries(self.name) if entry.state == "done"])
+        # Where this host's own configuration is refused, what runs goes on as it is.
+        if not failed or not self.check(restore):
+            self.reload(restore, [each for each in restore.journal.entries(self.name) if each.state == "done"])
         for entry in entries:
             remove_file(restore.journal.side_file(entry.identifier, "before"))
         if failed:
