@@ -12,8 +12,9 @@ from xml.sax.saxutils import escape
 
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, f"{TOP}/tests/e2e")
-from world import (AGENTS, BINARY, HOST, ROOT, SPEC, Destination, SourceHost, deployed_agent,  # noqa: E402
-                   die_with_parent, install_agent, read, write)
+from source_host import SPEC, SourceHost, deployed_agent, install_agent  # noqa: E402
+from tool import Destination  # noqa: E402
+from world import AGENTS, BINARY, HOST, ROOT, die_with_parent, read, write  # noqa: E402
 
 RELAY = os.environ["RELAY_BINARY"]
 PRISTINE = "/mnt/pristine/content"  # links to these files are fetched, and removed

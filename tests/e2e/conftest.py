@@ -6,6 +6,7 @@ import shutil
 
 import pytest
 
+import source_host
 import world
 
 FAILURES = os.environ.get("SONDREL_FAILURES", f"{os.path.dirname(world.TESTS)}/build/tests/failures")
@@ -27,7 +28,7 @@ def pytest_configure(config):
 def pytest_sessionstart(session):
     """Of a worker: its tests are forked from it."""
     if hasattr(session.config, "workerinput"):
-        world.prepare_source_hosts()
+        source_host.prepare_source_hosts()
 
 
 def sentence(item):
@@ -137,7 +138,7 @@ def clean_world():
 @pytest.fixture
 def source():
     """A source host that listens on port 22 and keeps every command that it is sent."""
-    with world.SourceHost() as host:
+    with source_host.SourceHost() as host:
         yield host
 
 

@@ -5,7 +5,7 @@ from xml.sax.saxutils import escape
 
 import pytest
 
-from world import deployed_agent
+from source_host import deployed_agent
 
 
 def each_way(name, table, compared, slow=()):

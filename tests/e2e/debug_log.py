@@ -3,7 +3,8 @@ import re
 
 import pytest
 
-from world import DTM, Session, read, write
+from tool import Session
+from world import DTM, read, write
 
 PROPERTIES = f"{DTM}/log4cpp.properties"
 

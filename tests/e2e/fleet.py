@@ -5,7 +5,8 @@ import re
 import threading
 
 from migrating import MIGRATE
-from world import TESTS, Running, SystemLog, read, write
+from tool import Running
+from world import TESTS, SystemLog, read, write
 
 COLLECTION = f"{os.path.dirname(TESTS)}/ansible"
 NAME = "sondrel.migration"

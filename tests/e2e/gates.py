@@ -4,7 +4,9 @@ import shutil
 import signal
 
 from content import content_list
-from world import ROOT, Destination, Session, SourceHost, deployed_agent, wait_until, write
+from source_host import SourceHost, deployed_agent
+from tool import Destination, Session
+from world import ROOT, wait_until, write
 
 FOLDER = "/mnt/gates"
 PROGRAMS = "/mnt/bin"

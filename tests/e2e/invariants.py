@@ -3,7 +3,8 @@ import os
 import re
 import stat
 
-from world import ROOT, Session, read
+from tool import Session
+from world import ROOT, read
 
 ARCHIVES = "/mnt/session/archives"
 # 0 to 2 and the failures of the connection; no other code, and no signal, ends a run by itself.

@@ -17,7 +17,7 @@ import xml.etree.ElementTree
 
 import source_databases
 import source_services
-from source_services import Apache, Nginx, add_crontab, add_maildir, add_user, fill_awkwardly, fill_root, owned
+from source_services import Apache, Nginx, add_crontab, add_maildir, add_user, fill_awkwardly, fill_root
 from world import AGENTS, DTM, TESTS, die_with_parent, read, wait_until, write
 
 SOURCES = f"{os.path.dirname(TESTS)}/agents"

@@ -3,7 +3,9 @@ import os
 import shutil
 import xml.etree.ElementTree
 
-from world import (BINARY, DTM, HOST, ROOT, SESSION, SOURCE_TREE, Running, install_sample_agent, read, write)
+from source_host import install_sample_agent
+from tool import Running
+from world import BINARY, DTM, HOST, ROOT, SESSION, SOURCE_TREE, read, write
 
 MIGRATE = f"{os.path.dirname(BINARY)}/sondrel-migrate"
 STEPS = ["scout", "deploy", "dump", "content", "remove"]

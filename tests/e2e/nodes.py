@@ -6,7 +6,8 @@ import shutil
 import signal
 import subprocess
 
-from world import LOGINS, PRODUCT, SHELL_FOLDER, SourceHost, die_with_parent, set_password
+from source_host import SourceHost, set_password
+from world import LOGINS, PRODUCT, SHELL_FOLDER, die_with_parent
 
 STORE = "/mnt/nodes"
 NETWORK = "10.77.0"

@@ -7,15 +7,12 @@ For the tests that are not in Python:
 runs a server in the new directory FOLDER, prints "ready" and ends it when its own standard
 input ends. Without SOCKETS the server is where the clients look for it by default.
 """
-import contextlib
 import glob
 import os
 import pwd
-import shutil
 import signal
 import subprocess
 import sys
-import time
 
 import world
 

@@ -5,10 +5,11 @@ import os
 import typing
 import xml.etree.ElementTree
 
-from gates import Gate, gated_host, offered_behind_gates
+from gates import Gate, gated_host
 from invariants import check, complete
 from relay import Dialog, Relay
-from world import ROOT, Destination, read, wait_until
+from tool import Destination
+from world import ROOT, read, wait_until
 
 SIZE = 100_000
 

@@ -3,7 +3,9 @@ import pytest
 
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from scripted_server import Script, ScriptedServer
-from world import DTM, PLAIN, Destination, Login, Session, install_agent, write
+from source_host import install_agent
+from tool import Destination, Session
+from world import DTM, PLAIN, Login, write
 
 pytestmark = pytest.mark.matrix("servers")
 

@@ -3,7 +3,9 @@ import re
 
 import pytest
 
-from world import DTM, HOST, PLAIN, ROOT, SESSION, Destination, Session, SourceHost, sondrel, write
+from source_host import SourceHost
+from tool import Destination, Session, sondrel
+from world import DTM, HOST, PLAIN, ROOT, SESSION, write
 
 USAGE = b"""\
 Usage: [QRV_PASSWORD=<password> | QRV_SUDO_PASSWORD = <sudo_password>] sondrel\x20

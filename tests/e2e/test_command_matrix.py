@@ -10,10 +10,11 @@ from content import left, offered
 from gates import gated_host, run_to
 from invariants import ARCHIVES, check, complete
 from scripted_server import Script, ScriptedServer
+from source_host import SourceHost, deployed_agent, install_agent, use_shell
 from test_remote_commands import LEAKY, MIB, SCOUT, peak_bytes, processor_time, result, scout_failure, sum_of
 from test_signal_matrix import SUM_OF_LARGE, executed
-from world import (PLAIN, ROOT, Destination, Outcome, Session, SourceHost, deployed_agent, files_below, install_agent,
-                   process_running, use_shell, wait_until, write)
+from tool import Destination, Outcome, Session
+from world import PLAIN, ROOT, files_below, process_running, wait_until, write
 
 pytestmark = pytest.mark.matrix("commands")
 

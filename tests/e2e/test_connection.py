@@ -10,7 +10,9 @@ import pytest
 from content import offered
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from scripted_server import Script, ScriptedServer, ends, fin
-from world import DTM, HOST, PLAIN, ROOT, Destination, Session, install_agent, read, write
+from source_host import install_agent
+from tool import Destination, Session
+from world import DTM, HOST, PLAIN, ROOT, read, write
 
 # Documentation addresses: nothing outside could ever answer, not that we could reach it.
 UNROUTED = "192.0.2.1"

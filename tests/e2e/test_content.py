@@ -5,9 +5,10 @@ import subprocess
 import pytest
 
 from content import left, md5, offered
-from world import (BINARY, HOST, PLAIN, ROOT, SOURCE_TREE, SUDOER, Destination, RemoteCommand, Session, SourceHost,
-                   deployed_agent, files_below, install_agent, install_sample_agent, owner_and_mode, read,
-                   root_command, sh_quote, sudo_check, user_line, wait_until, write)
+from source_host import (RemoteCommand, SourceHost, deployed_agent, install_agent, install_sample_agent, root_command,
+                         sh_quote, sudo_check, user_line)
+from tool import Destination, Session
+from world import BINARY, HOST, PLAIN, ROOT, SOURCE_TREE, SUDOER, files_below, owner_and_mode, read, wait_until, write
 
 ARCHIVES = "/mnt/session/archives"
 DUMPS = "/mnt/dumps"

@@ -9,9 +9,9 @@ import pytest
 import world
 from content import left, md5, offered
 from invariants import check
-from world import (CONFIGURATION, HOST, ROOT, SUDOER, Destination, Outcome, Session, SourceHost,
-                   files_below, owner_and_mode, read, root_command, sh_quote, sudo_check, user_line,
-                   use_shell, wait_until, write)
+from source_host import SourceHost, root_command, sh_quote, sudo_check, use_shell, user_line
+from tool import Destination, Outcome, Session
+from world import CONFIGURATION, HOST, ROOT, SUDOER, files_below, owner_and_mode, read, wait_until, write
 
 ARCHIVES = "/mnt/session/archives"
 PROGRAMS = "/mnt/bin"

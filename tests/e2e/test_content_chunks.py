@@ -4,8 +4,10 @@ import pytest
 from content import offered
 from invariants import ARCHIVES, check
 from relay import Relay, trickle
+from source_host import SourceHost
 from system_faults import Fault, preload  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from world import ROOT, SESSION, Destination, SourceHost
+from tool import Destination
+from world import ROOT, SESSION
 
 pytestmark = pytest.mark.release_only
 

@@ -6,8 +6,9 @@ import pytest
 
 from content import left, md5, offered
 from scripted_server import Script, ScriptedServer, ends
-from world import (CONFIGURATION, ROOT, SUDOER, Destination, Outcome, Session, SourceHost, files_below, install_agent,
-                   read, use_shell, wait_until, write)
+from source_host import SourceHost, install_agent, use_shell
+from tool import Destination, Outcome, Session
+from world import CONFIGURATION, ROOT, SUDOER, files_below, read, wait_until, write
 
 ARCHIVES = f"{Session().path}/archives"
 WRAPPING = "Error during dump retrieval"

@@ -4,9 +4,10 @@ import subprocess
 
 import pytest
 
-from world import (AGENTS, HOST, PLAIN, ROOT, SPEC, SUDOER, Destination, RemoteCommand, Session, SourceHost, files_below,
-                   install_agent, install_sample_agent, owner_and_mode, root_command, sh_quote, sudo_check,
-                   user_line, write)
+from source_host import (SPEC, RemoteCommand, SourceHost, install_agent, install_sample_agent, root_command, sh_quote,
+                         sudo_check, user_line)
+from tool import Destination, Session
+from world import AGENTS, HOST, PLAIN, ROOT, SUDOER, files_below, owner_and_mode, write
 
 SCRIPT = "echo \"$1 as $(id -un)\"\n"
 

@@ -11,8 +11,9 @@ import time
 
 import pytest
 
-from world import (BINARY, CONFIGURATION, PRODUCT, ROOT, SESSION, SOURCE_TREE, TESTS, Destination, Session, install_agent,
-                   install_sample_agent, read, sondrel, write)
+from source_host import install_agent, install_sample_agent
+from tool import Destination, Session, sondrel
+from world import BINARY, CONFIGURATION, PRODUCT, ROOT, SESSION, SOURCE_TREE, TESTS, read, write
 
 TOP = os.path.dirname(TESTS)
 MANUAL = f"{TOP}/docs/man"

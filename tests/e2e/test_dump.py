@@ -3,9 +3,10 @@ import os
 
 import pytest
 
-from world import (PLAIN, ROOT, SUDOER, Destination, RemoteCommand, Session, deployed_agent, install_agent,
-                   install_sample_agent, owner_and_mode, read, root_command, sudo_check, tree, user_line,
-                   wait_until, write, SOURCE_TREE)
+from source_host import (RemoteCommand, deployed_agent, install_agent, install_sample_agent, root_command, sudo_check,
+                         user_line)
+from tool import Destination, Session
+from world import PLAIN, ROOT, SOURCE_TREE, SUDOER, owner_and_mode, read, tree, wait_until, write
 
 WAITING = ("migration-status", [], "", [("agent", [("action", "wait")], "", [("host", [], "127.0.0.1", [])])])
 

@@ -1,8 +1,9 @@
 """What --dump-selected and --dump-all ask of the agent: its arguments and its standard input."""
 import pytest
 
-from world import (BINARY, PLAIN, ROOT, SELECTED, Destination, Session, as_root, deployed_agent, root_command,
-                   sh_quote, write)
+from source_host import as_root, deployed_agent, root_command, sh_quote
+from tool import Destination, Session
+from world import BINARY, PLAIN, ROOT, SELECTED, write
 
 # An agent that does nothing but leave a dump behind.
 AGENT = "cat > /dev/null; echo '<dump/>' > \"${0%/*}/dump.xml\"\n"

@@ -4,8 +4,9 @@ import signal
 
 import pytest
 
-from world import (BINARY, PLAIN, ROOT, SESSION, SUDOER, Destination, RemoteCommand, Running, Session,
-                   deployed_agent, process_running, root_command, sudo_check, user_line, wait_until, write)
+from source_host import RemoteCommand, deployed_agent, root_command, sudo_check, user_line
+from tool import Destination, Running, Session
+from world import BINARY, PLAIN, ROOT, SESSION, SUDOER, process_running, wait_until, write
 
 STATUS = "dumping-status.xml"
 

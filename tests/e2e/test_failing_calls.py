@@ -8,8 +8,10 @@ import pytest
 
 from content import each_way, offered
 from invariants import ARCHIVES, TEMPORARY, check, complete
+from source_host import SourceHost
 from system_faults import Fault, preload  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from world import ROOT, SESSION, Destination, Session, SourceHost
+from tool import Destination, Session
+from world import ROOT, SESSION
 
 pytestmark = [pytest.mark.matrix("calls"), pytest.mark.release_only]
 

@@ -11,15 +11,15 @@ import sys
 import pytest
 import yaml
 
-from fleet import (COLLECTION, CONTROLLER, LOG, NAME, PLAYBOOK, Watch, inventory, link_collection, module,
-                   play, start_ansible)
+from fleet import (COLLECTION, CONTROLLER, LOG, NAME, PLAYBOOK, Watch, inventory, link_collection, module, play,
+                   start_ansible)
 from linux_host import Dump, assert_same_tree, install_linux_agent, unpack, web_host
 from migrating import IMITATION, STEPS, ImitatedSondrel
 from nodes import SESSIONS, Node, cables
+from source_host import use_shell
 from source_services import add_user, fill_root
 from test_secret_matrix import check_nothing_told
-from world import DTM, HOST, ROOT, SESSION, SUDOER, processes, read, use_shell, wait_until, write
-
+from world import DTM, HOST, ROOT, SESSION, SUDOER, processes, read, wait_until, write
 
 sys.path.append(f"{COLLECTION}/plugins/filter")
 from sondrel_summary import sondrel_failure, sondrel_summary  # noqa: E402  it lies in the collection

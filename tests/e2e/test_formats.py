@@ -11,9 +11,10 @@ import pytest
 import gates
 from content import offered
 from linux_host import FORMATS, check_schema, install_linux_agent, populate, web_host
+from source_host import deployed_agent
 from test_dumping_status import IN_THROW_AWAY_ROOT, throw_away_root  # noqa: F401  a fixture
-from world import (BINARY, DTM, HOST, PLAIN, ROOT, SELECTED, SESSION, SUDOER, Destination, Running, Session,
-                   deployed_agent, read, write)
+from tool import Destination, Running, Session
+from world import BINARY, DTM, HOST, PLAIN, ROOT, SELECTED, SESSION, SUDOER, read, write
 
 EXAMPLES = f"{FORMATS}/examples"
 # The documents in a session directory, and the schema of each.

@@ -11,10 +11,11 @@ import time
 import pytest
 
 from gates import offered_behind_gates
-from struck_run import (FILES, LOST, NO_LEAK_CHECK, NO_LOGIN, NO_SESSION, POINTS, check_failed, check_next_run, source_host,
-                        struck_run)
+from struck_run import (FILES, LOST, NO_LEAK_CHECK, NO_LOGIN, NO_SESSION, POINTS, check_failed, check_next_run,
+                        source_host, struck_run)
 from test_connection import few_attempts
-from world import ROOT, SESSION, Destination, Login, content_verified, processor_ticks, wait_until
+from tool import Destination
+from world import ROOT, SESSION, Login, content_verified, processor_ticks, wait_until
 
 pytestmark = [pytest.mark.matrix("network"), pytest.mark.slow]
 

@@ -7,8 +7,9 @@ import pytest
 
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from scripted_server import Script, ScriptedServer
-from world import (CONFIGURATION, DTM, HOST, PLAIN, ROOT, Destination, Session, SourceHost, deployed_agent,
-                   install_sample_agent, read, write)
+from source_host import SourceHost, install_sample_agent
+from tool import Destination, Session
+from world import CONFIGURATION, DTM, HOST, PLAIN, read, write
 
 FILE = "/mnt/known_hosts"
 KEY_TYPES = {"ed25519": "ssh-ed25519", "ecdsa": "ecdsa-sha2-nistp256"}

@@ -8,7 +8,9 @@ import pytest
 
 import invariants
 from content import left
-from world import ROOT, SELECTED, Destination, Session, deployed_agent, files_below, write
+from source_host import deployed_agent
+from tool import Destination, Session
+from world import ROOT, SELECTED, files_below, write
 
 pytestmark = pytest.mark.matrix("documents")
 

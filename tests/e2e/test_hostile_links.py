@@ -13,8 +13,8 @@ import invariants
 from attacker import Attacker, exchange
 from content import left, offered
 from snapshot import entry, own_folders, unchanged  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from world import (ROOT, SERVICE_ACCOUNT, SESSION, Destination, Session, files_below, owner_and_mode, read,
-                   wait_until, write)
+from tool import Destination, Session
+from world import ROOT, SERVICE_ACCOUNT, SESSION, files_below, owner_and_mode, read, wait_until, write
 
 pytestmark = [pytest.mark.matrix("links"), pytest.mark.usefixtures("own_folders")]
 

@@ -7,7 +7,9 @@ import pytest
 import invariants
 from content import content_list, left
 from snapshot import own_folders, unchanged  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from world import ROOT, SESSION, Destination, Session, deployed_agent, files_below, sh_quote, write
+from source_host import deployed_agent, sh_quote
+from tool import Destination, Session
+from world import ROOT, SESSION, files_below, write
 
 pytestmark = [pytest.mark.matrix("names"), pytest.mark.usefixtures("own_folders")]
 

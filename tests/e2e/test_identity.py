@@ -9,10 +9,12 @@ import pytest
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from migrating import MIGRATE, in_place, migrate, sample_source
 from scripted_server import Script, ScriptedServer
-from test_servers import dropbear
+from source_host import SourceHost, deployed_agent
 from terminal import Terminal
-from world import (CONFIGURATION, DTM, HOST, ROOT, SESSION, SUDOER, Destination, Session, SourceHost, deployed_agent,
-                   die_with_parent, files_below, read, set_password, wait_until, write)
+from test_servers import dropbear
+from tool import Destination, Session
+from world import (CONFIGURATION, DTM, HOST, ROOT, SESSION, SUDOER, die_with_parent, files_below, read, wait_until,
+                   write)
 
 KEY = "/mnt/identity"
 PASSPHRASE = "the key's passphrase"

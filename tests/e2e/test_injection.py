@@ -9,7 +9,9 @@ import pytest
 from content import offered
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from snapshot import own_folders, unchanged  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from world import DTM, PLAIN, ROOT, SESSION, Destination, Session, deployed_agent, install_agent, wait_until, write
+from source_host import deployed_agent, install_agent
+from tool import Destination, Session
+from world import DTM, PLAIN, ROOT, SESSION, wait_until, write
 
 pytestmark = pytest.mark.matrix("injection")
 

@@ -6,8 +6,9 @@ import subprocess
 import pytest
 
 from migrating import State, in_place, migrate, sample_source
-from world import (CONFIGURATION, DTM, HOST, PLAIN, ROOT, Destination, Session, SourceHost, deployed_agent,
-                   processes, read, wait_until, write)
+from source_host import SourceHost, deployed_agent
+from tool import Destination, Session
+from world import CONFIGURATION, DTM, HOST, PLAIN, ROOT, processes, read, wait_until, write
 
 PORT = 2222
 JUMP = f"{PLAIN.name}@{HOST}:{PORT}"

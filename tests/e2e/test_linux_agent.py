@@ -8,14 +8,16 @@ import xml.etree.ElementTree
 
 import pytest
 
-from linux_host import (DATABASE_SECRETS, FULL_TREES, STAGE, TREES, Dump, Gate, assert_same_tree,
-                        check_schema, databases, entry, install_linux_agent, mysql_state, populate,
-                        populate_apache, postgresql_state, restored, unpack, web_host)
+from linux_host import (DATABASE_SECRETS, FULL_TREES, STAGE, TREES, Dump, Gate, assert_same_tree, check_schema,
+                        databases, entry, install_linux_agent, mysql_state, populate, populate_apache,
+                        postgresql_state, restored, unpack, web_host)
 from migrating import MIGRATE, State, start
+from source_host import SourceHost
 from source_services import add_user, owned
 from terminal import Terminal
-from world import (HOST, LOGIN_KINDS, PLAIN, ROOT, SESSION, SUDOER, Destination, Session, SourceHost, files_below,
-                   owner_and_mode, read, wait_until, write)
+from tool import Destination, Session
+from world import (HOST, LOGIN_KINDS, PLAIN, ROOT, SESSION, SUDOER, files_below, owner_and_mode, read, wait_until,
+                   write)
 
 # Configuration, certificate and key: what they lead to is taken along.
 LINKS = ["/etc/nginx/sites-enabled/a.test", "/etc/apache2/sites-enabled/b.test.conf",

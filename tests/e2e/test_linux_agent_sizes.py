@@ -10,8 +10,10 @@ import pytest
 
 from linux_host import (Dump, assert_same_tree, databases, fill_root, install_linux_agent, mysql_state,
                         postgresql_state, restored, unpack, web_host)
+from source_host import SourceHost
 from source_services import add_crontab, add_maildir, add_user, owned
-from world import ROOT, SESSION, Destination, Session, SourceHost, read, write
+from tool import Destination, Session
+from world import ROOT, SESSION, read, write
 
 PROGRAMS = "/mnt/programs"
 STAGE = "/mnt/stage"

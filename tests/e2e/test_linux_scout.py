@@ -12,7 +12,8 @@ from linux_host import (check_schema, databases, described, install_linux_agent,
                         populate_apache, web_host, without_perl_modules)
 from snapshot import own_folders  # noqa: F401  a fixture
 from source_services import FOLDERS, add_user, fill_root
-from world import DTM, PLAIN, SESSION, Destination, Session, write
+from tool import Destination, Session
+from world import DTM, PLAIN, SESSION, write
 
 
 @pytest.fixture

@@ -11,10 +11,11 @@ import typing
 import pytest
 
 from content import left, offered
-from invariants import ARCHIVES, EXIT_CODES, TERMINATED, check, check_documents, complete, temporaries
+from invariants import ARCHIVES, EXIT_CODES, check, check_documents, complete, temporaries
+from source_host import SourceHost, deployed_agent, install_agent
 from system_faults import Fault, preload  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from world import (BINARY, DTM, ROOT, SESSION, Destination, Session, SourceHost, deployed_agent, install_agent,
-                   owner_and_mode, read, sondrel, wait_until, write)
+from tool import Destination, Session, sondrel
+from world import BINARY, DTM, ROOT, SESSION, owner_and_mode, read, wait_until, write
 
 pytestmark = pytest.mark.matrix("local")
 

@@ -8,7 +8,9 @@ import pytest
 
 from fast_clock import fast_clock  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from scripted_server import Script, ScriptedServer, Stopped, disconnect, ends, fin, mute, rst
-from world import DTM, PLAIN, ROOT, Destination, Session, install_agent, write
+from source_host import install_agent
+from tool import Destination, Session
+from world import DTM, PLAIN, ROOT, write
 
 LOST = "Lost connection with the remote host"
 CREDENTIALS = "Unable to connect to host 127.0.0.1: you have specified incorrect username or password"

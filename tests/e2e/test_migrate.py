@@ -8,9 +8,10 @@ import pytest
 
 from gates import CAT, PROGRAMS, WAIT, Gate, gated_host
 from linux_host import check_schema
-from migrating import (MIGRATE, STEPS, State, in_place, migrate, progress_of, sample_source, start, status)
-from world import (DTM, HOST, LOGIN_KINDS, PLAIN, RECORDS, ROOT, SESSION, SOURCE_TREE, SUDOER, Destination, Running, Session,
-                   files_below, owner_and_mode, read, wait_until, write)
+from migrating import MIGRATE, STEPS, State, in_place, migrate, progress_of, sample_source, start, status
+from tool import Destination, Running, Session
+from world import (DTM, HOST, PLAIN, RECORDS, ROOT, SESSION, SOURCE_TREE, SUDOER, files_below, owner_and_mode, read,
+                   wait_until, write)
 
 FILES = {"domains/a.test/web/index": b"page", "domains/a.test/mail/1": b"letter", "clients/jo/web/x": b"x"}
 PAGES = {os.fsencode(f"content/{path}"): content for path, content in FILES.items()}

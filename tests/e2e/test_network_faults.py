@@ -4,14 +4,15 @@ import time
 
 import pytest
 
-from fast_clock import fast_clock  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from content import each_way
+from fast_clock import fast_clock  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from gates import offered_behind_gates
 from invariants import check, check_documents, check_nothing_lost
 from relay import Dialog, corrupt, delay, fin, one_byte, rst, stall, throttle
-from struck_run import (EARLY, FILES, LATE, LOST, NO_LEAK_CHECK, NO_LOGIN, POINTS, Point, check_failed, check_next_run,
-                        source_host, struck_run)
-from world import Session, processor_ticks
+from struck_run import (EARLY, FILES, LATE, LOST, NO_LEAK_CHECK, NO_LOGIN, POINTS, Point, check_failed,
+                        check_next_run, source_host, struck_run)
+from tool import Session
+from world import processor_ticks
 
 pytestmark = pytest.mark.matrix("network")
 

@@ -4,7 +4,8 @@ import os
 import pytest
 
 from content import left, offered
-from world import DTM, PLAIN, ROOT, Destination, Session, files_below, write
+from tool import Destination, Session
+from world import DTM, PLAIN, ROOT, files_below, write
 
 pytestmark = pytest.mark.matrix("documents")
 

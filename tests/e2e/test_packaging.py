@@ -5,7 +5,8 @@ import subprocess
 
 import pytest
 
-from world import CONFIGURATION, PRODUCT, SESSION, TESTS, Running, Session, read, write
+from tool import Running, Session
+from world import CONFIGURATION, PRODUCT, SESSION, TESTS, read, write
 
 TOP = os.path.dirname(TESTS)
 # What every build of a package has, and what is fetched with.

@@ -14,9 +14,10 @@ from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=un
 from gates import FOLDER, Gate, gated_host, offered_behind_gates, run_to
 from migrating import MIGRATE, in_place, sample_source
 from relay import Relay, throttle
+from source_host import SourceHost, as_root, deployed_agent, install_agent
 from terminal import Terminal
-from world import (AGENTS, BINARY, HOST, RECORDS, ROOT, SESSION, Destination, Session, SourceHost, as_root,
-                   deployed_agent, die_with_parent, files_below, install_agent, read, wait_until, write)
+from tool import Destination, Session
+from world import AGENTS, BINARY, HOST, RECORDS, ROOT, SESSION, die_with_parent, files_below, read, wait_until, write
 
 ERASED = b"\r\x1b[K"
 HALF = {"one": b"1" * 1_000_000, "two": b"2" * 1_000_000}

@@ -9,8 +9,9 @@ import pytest
 
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from scripted_server import Script, ScriptedServer, Stopped, ends
-from world import (BINARY, DTM, PLAIN, ROOT, SUDOER, Destination, Outcome, Session, SourceHost, deployed_agent,
-                   install_agent, process_running, processor_ticks, wait_until, write)
+from source_host import SourceHost, deployed_agent, install_agent
+from tool import Destination, Outcome, Session
+from world import BINARY, DTM, PLAIN, ROOT, SUDOER, process_running, processor_ticks, wait_until, write
 
 pytestmark = pytest.mark.matrix("commands")
 

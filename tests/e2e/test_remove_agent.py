@@ -3,8 +3,9 @@ import os
 
 import pytest
 
-from world import (ROOT, SUDOER, Destination, Login, RemoteCommand, Session, deployed_agent, root_command,
-                   sudo_check, write)
+from source_host import RemoteCommand, deployed_agent, root_command, sudo_check
+from tool import Destination, Session
+from world import ROOT, SUDOER, Login, write
 
 
 def succeeded(outcome):

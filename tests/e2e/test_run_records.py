@@ -5,8 +5,9 @@ import re
 import pytest
 
 from debug_log import PROPERTIES, debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from world import (BINARY, DTM, PLAIN, PRODUCT, ROOT, SESSION, SUDOER, Destination, Session, deployed_agent,
-                   owner_and_mode, sondrel, write)
+from source_host import deployed_agent
+from tool import Destination, Session, sondrel
+from world import BINARY, DTM, PLAIN, PRODUCT, ROOT, SESSION, SUDOER, owner_and_mode, write
 
 REMOVAL = ["--remove-dumping-status", "--session-path", SESSION]
 

@@ -1,8 +1,9 @@
 """--send-scout."""
 import pytest
 
-from world import (DTM, FREE_SUDOER, PLAIN, ROOT, SUDOER, Destination, Login, RemoteCommand, Session,
-                   owner_and_mode, root_command, sh_quote, sudo_check, write)
+from source_host import RemoteCommand, root_command, sh_quote, sudo_check
+from tool import Destination, Session
+from world import DTM, FREE_SUDOER, PLAIN, ROOT, SUDOER, Login, owner_and_mode, write
 
 SCOUT = f"{DTM}/scout.pl"
 AGENT_STATUS = ("migration-status", [], "", [("agent", [("action", "wait")], "", [("host", [], "127.0.0.1", [])])])

@@ -10,8 +10,9 @@ import pytest
 
 from content import content_list
 from scripted_server import Script, ScriptedServer
-from world import (AGENTS, BINARY, DTM, HERE, RECORDS, ROOT, RUNS, SUDOER, Destination, Login, Session, SourceHost,
-                   deployed_agent, install_agent, read, set_password, sondrel, write)
+from source_host import SourceHost, deployed_agent, install_agent, set_password
+from tool import Destination, Session, sondrel
+from world import AGENTS, BINARY, DTM, HERE, RECORDS, ROOT, RUNS, SUDOER, Login, read, write
 
 pytestmark = pytest.mark.matrix("secrets")
 

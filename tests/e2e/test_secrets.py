@@ -4,8 +4,9 @@ import resource
 
 import pytest
 
-from world import (DTM, PLAIN, ROOT, RUNS, SUDOER, Destination, Login, Session, deployed_agent, read, set_password,
-                   write)
+from source_host import deployed_agent, set_password
+from tool import Destination, Session
+from world import DTM, PLAIN, ROOT, RUNS, SUDOER, Login, read, write
 
 pytestmark = pytest.mark.matrix("secrets")
 

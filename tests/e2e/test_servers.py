@@ -14,13 +14,14 @@ import pytest
 from content import left, offered
 from invariants import ARCHIVES, check
 from scripted_server import Script, ScriptedServer
+from source_host import SourceHost, deployed_agent, install_sample_agent, set_password, use_shell
 from test_authentication import REFUSED
 from test_connection import START_FAILED
 from test_remote_commands import LEAKY, MIB
 from test_signal_matrix import executed, holds_open
-from world import (DTM, HOST, LOGS, PLAIN, ROOT, SOURCE_TREE, Destination, Login, Outcome, Session, SourceHost,
-                   deployed_agent, die_with_parent, files_below, install_sample_agent, read, set_password, use_shell,
-                   wait_until, write)
+from tool import Destination, Outcome, Session
+from world import (DTM, HOST, LOGS, PLAIN, ROOT, SOURCE_TREE, Login, die_with_parent, files_below, read, wait_until,
+                   write)
 
 pytestmark = pytest.mark.matrix("servers")
 

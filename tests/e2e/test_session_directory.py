@@ -3,7 +3,8 @@ import os
 
 import pytest
 
-from world import SESSION, Session, owner_and_mode, sondrel, write
+from tool import Session, sondrel
+from world import SESSION, owner_and_mode, write
 
 
 def run(path=SESSION):

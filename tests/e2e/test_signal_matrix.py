@@ -13,8 +13,10 @@ from content import offered
 from gates import gated_host, offered_behind_gates, run_to
 from invariants import ARCHIVES, TERMINATED, check, check_documents, check_nothing_lost, complete, temporaries
 from scripted_server import Held, Script, ScriptedServer, fin
+from source_host import deployed_agent, install_agent
 from test_signals import signals_of
-from world import HOST, ROOT, Destination, Outcome, Session, deployed_agent, install_agent, sondrel, wait_until
+from tool import Destination, Outcome, Session, sondrel
+from world import HOST, ROOT, wait_until
 
 pytestmark = pytest.mark.matrix("signals")
 

@@ -7,8 +7,9 @@ import threading
 import pytest
 
 from scripted_server import Held, Script, ScriptedServer, ends
-from world import (DTM, PLAIN, ROOT, Destination, Session, SourceHost, deployed_agent, install_agent,
-                   wait_until, write)
+from source_host import SourceHost, deployed_agent, install_agent
+from tool import Destination, Session
+from world import DTM, PLAIN, ROOT, wait_until, write
 
 pytestmark = pytest.mark.matrix("signals")
 

@@ -2,6 +2,7 @@
 import paramiko
 import pytest
 
+import source_host
 import world
 
 
@@ -30,8 +31,8 @@ def test_records_each_command_with_its_input(source, client, login):
         assert run(session, "cat; echo problem >&2; exit 3", b"\0in\nput") == (3, b"\0in\nput", b"problem\n")
         assert run(session, "true", b"unread") == (0, b"", b"")
     assert source.commands() == [
-        world.user_line(login, "cat; echo problem >&2; exit 3", b"\0in\nput"),
-        world.user_line(login, "true", b"unread")]
+        source_host.user_line(login, "cat; echo problem >&2; exit 3", b"\0in\nput"),
+        source_host.user_line(login, "true", b"unread")]
 
 
 def test_ends_as_its_command_was_ended_by_a_signal(client):

@@ -5,8 +5,9 @@ import signal
 import pytest
 
 from content import left, offered
-from world import (DTM, PLAIN, ROOT, Destination, Session, SourceHost, deployed_agent, files_below, wait_until,
-                   write)
+from source_host import SourceHost, deployed_agent
+from tool import Destination, Session
+from world import DTM, PLAIN, ROOT, files_below, wait_until, write
 
 pytestmark = pytest.mark.matrix("signals")
 
