@@ -3,6 +3,7 @@ import faulthandler
 import os
 import re
 import shutil
+import zlib
 
 import pytest
 
@@ -100,7 +101,7 @@ def pytest_runtest_setup(item):
         slow = item.get_closest_marker("slow")
         seconds = slow.kwargs.get("limit_seconds", 240) if slow else 120
         os.makedirs(FAILURES, exist_ok=True)
-        item.stash[TIME_LIMIT_FILE] = open(failure_path(item.name) + ".time-limit", "w", encoding="utf-8")
+        item.stash[TIME_LIMIT_FILE] = open(failure_path(item) + ".time-limit", "w", encoding="utf-8")
         faulthandler.dump_traceback_later(seconds, exit=True, file=item.stash[TIME_LIMIT_FILE])
 
 
@@ -180,16 +181,17 @@ def pytest_runtest_makereport(item, call):
         report.outcome = "failed"
         report.longrepr = f"{item.nodeid} was skipped, and no test may be: {report.longrepr}"
     if report.failed:
-        report.sections.append(("what is left of it", keep_evidence(item.name)))
+        report.sections.append(("what is left of it", keep_evidence(item)))
 
 
-def failure_path(name):
-    return f"{FAILURES}/{re.sub(r'[^A-Za-z0-9_.-]+', '_', name)}"
+def failure_path(item):
+    """Of this test alone: names of two that run at the same time may differ in one blank only."""
+    return f"{FAILURES}/{re.sub(r'[^A-Za-z0-9_.-]+', '_', item.name)}-{zlib.crc32(item.nodeid.encode()):08x}"
 
 
-def keep_evidence(name):
+def keep_evidence(item):
     """Copies the session, the logs and the records out of the private world, to be looked at."""
-    kept = failure_path(name)
+    kept = failure_path(item)
     shutil.rmtree(kept, ignore_errors=True)
     os.makedirs(kept)
     for folder in (world.SESSION, world.RECORDS, world.LOGS, world.RUNS):
