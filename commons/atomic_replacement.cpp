@@ -32,7 +32,7 @@ void AtomicReplacement::commit() {
   }
 }
 
-/// Puts on the disk what was written by whatever descriptor. False with errno.
+/// Syncs the file, also what was written through other descriptors. False with errno.
 bool AtomicReplacement::syncTemporary() const {
   return fsync(temporary_.get()) == 0 || errno == EINVAL;
 }

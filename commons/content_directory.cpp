@@ -44,13 +44,12 @@ ContentDirectory::ContentDirectory(std::string path, uid_t owner, gid_t group)
     : path_(std::move(path)), owner_(owner), group_(group) {}
 
 OutputFile ContentDirectory::create(const std::string& name) const {
-  // One part after the other it could be made all the same, and then not be used by
-  // anybody.
+  // Its directories could be made part by part, but no program could open the whole path.
   if (pathOf(name).size() >= PATH_MAX) throwSystemError(pathOf(name), ENAMETOOLONG);
   const UmaskGuard mask(READABLE_BY_ALL_UMASK);
   UniqueFd directory = openParent(name, true);
-  // O_NONBLOCK: a FIFO in the file's place must not stop the run. No O_TRUNC: it may be
-  // somebody's hard link.
+  // O_NONBLOCK: a FIFO in the file's place must not stop the run. No O_TRUNC: it may be a hard
+  // link to a file of another account.
   const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   UniqueFd file(openat(directory.get(), getFileNameFromPath(name).c_str(), flags, NEW_FILE_MODE));
   if (!file) throwSystemError(pathOf(name), errno);

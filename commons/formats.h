@@ -101,7 +101,7 @@ struct DumpFile {
   std::int64_t size;
   /// Lower-case hexadecimal; may be empty.
   std::string md5;
-  /// False where the list gives no size, and `size` is 0 for want of one.
+  /// False where the list gives no size; `size` is 0 then.
   bool sizeIsListed = true;
 };
 

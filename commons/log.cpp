@@ -55,7 +55,7 @@ void configureLog4Cpp() {
     log4cpp::PropertyConfigurator::configure(propertiesFile);
   } catch (const std::exception& e) {
     messlog2("unable to configure the log from " + propertiesFile + ": " + e.what());
-    // Half of the appenders may exist; none is better than some.
+    // Some of the appenders may exist. A log with gaps misleads more than no log.
     log4cpp::Category::shutdown();
   }
 }

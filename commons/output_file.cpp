@@ -56,7 +56,7 @@ void FdStreamBuf::startBehind() {
       return writeNow(bytes, count) == count;
     });
   } catch (const std::system_error& e) {
-    // It is as well written by this one, only slower.
+    // This thread can write as well, only slower.
     outputLog.debug(std::string("There is no second thread to write a file: ") + e.what());
   }
 }

@@ -25,10 +25,9 @@ class FdStreamBuf : public UnbufferedStreamBuf {
   };
   explicit FdStreamBuf(int fd, Kind kind = PLAIN)
       : fd_(fd), kind_(kind), replacing_(kind == CONTENT) {}
-  /// From now on has a thread of its own write and sum what comes, beginning when enough has come
-  /// to be worth it. A write that fails is then seen at a later one, or by `pubsync` or
-  /// `discardOldContent`,
-  /// until which the sum must be left alone.
+  /// From now on a second thread writes and sums the content. It starts when the content is large
+  /// enough. A failed write is reported by a later write, by `pubsync` or by `discardOldContent`;
+  /// the sum must not be used before one of the last two.
   void writeBehind() { isBehindWanted_ = true; }
   /// False when what the file held could not be truncated, or what was taken could not be written.
   bool discardOldContent();

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// What is taken at once: there is room again before all that waits is gone.
+/// The most that is written in one call: room is free again before the whole queue is written.
 constexpr std::size_t LARGEST_PIECE = std::size_t{256} << 10;
 
 }  // namespace

@@ -239,8 +239,8 @@ RunOutcome Migration::runAction(Step step) {
   return outcome;
 }
 
-/// True when a login by key has failed for want of a password, which a person at the terminal has
-/// given now. A signal at the question ends the step.
+/// True when a login by key failed because a password is missing, and a person at the terminal has
+/// entered it now. A signal during the question ends the step.
 bool Migration::askForWhatIsWanted(Step step, RunOutcome& outcome) {
   if (outcome.kind != RunOutcome::FAILED) return false;
   const std::string causes = joined(causesOf(request_.sessionPath, step, outcome));
@@ -256,8 +256,8 @@ bool Migration::askForWhatIsWanted(Step step, RunOutcome& outcome) {
   return false;
 }
 
-/// A removal ends with 0 whatever became of it, even when the connection was lost: asks afterwards.
-/// The dumping status lies in what was to be removed.
+/// A removal ends with 0 even when it failed or the connection was lost. So this asks for the
+/// dumping status afterwards: it lies in the directory that the removal removes.
 RunOutcome Migration::runRemoval() {
   RunOutcome removed = runAction(Step::REMOVE);
   if (removed.kind != RunOutcome::DONE) return removed;

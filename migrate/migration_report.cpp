@@ -76,7 +76,7 @@ int MigrationReport::finished(const std::string& introduction) {
   return EXIT_DONE;
 }
 
-/// What can be done with an agent that is still there, and what is not done by itself.
+/// Prints which commands use or remove an agent that is still there.
 void MigrationReport::explainKeptAgent() {
   if (isAgentRemoved(state_.settings)) return;
   // An earlier release removed it unless it was told otherwise.

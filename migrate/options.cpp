@@ -176,7 +176,7 @@ class Parser {
     request_.sessionPath = absolute(operands[1], "status");
   }
 
-  /// Only that of a migration that has begun: no directory is made for a mistake.
+  /// Accepts only the session of a migration that has begun: a mistyped name makes no directory.
   void takeSession(int count, const char* operand) {
     const std::string path = boost::filesystem::absolute(operand).string();
     if (count != 1 || !request_.sessionPath.empty() || !State::exists(path)) {

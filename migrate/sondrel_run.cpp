@@ -26,7 +26,7 @@ constexpr int CANNOT_EXECUTE = 127;
 constexpr int FIRST_STATUS_OF_A_SIGNAL = 128;
 /// Asks sondrel for the sizes that the line of progress needs.
 const char* const LISTED_SIZES_VARIABLE = "QRV_LISTED_SIZES";
-/// Ask sondrel to have small files travel together. Who has set one decides otherwise.
+/// Ask sondrel to transfer small files in batches. A value that is set already stays.
 const std::array<const char*, 2> BATCH_VARIABLES = {"SONDREL_CONTENT_BATCH",
                                                     "SONDREL_DEPLOY_BATCH"};
 /// Asks the agent for archives of what has changed since those that were fetched.

@@ -213,7 +213,7 @@ void Action::doAlarm() {
   } catch (const MigrationTerminatedException&) {
     throw;
   } catch (const std::exception&) {
-    // The dump is worth more than its status.
+    // A failed refresh of the status must not end the dump.
     return;
   }
   alarm(REFRESH_INTERVAL_S);

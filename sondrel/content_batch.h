@@ -18,8 +18,8 @@ class FileRetrievalProgressUpdater;
 /// Content files that travel together: one command brings them, another removes them.
 class ContentBatch {
  public:
-  /// True for a file that is worth it: one that is listed as small, and whose name stands for
-  /// that file alone.
+  /// True for a file that belongs into a batch: it is listed as small, and its name means that
+  /// file alone to tar.
   static bool isFor(const DumpFile& file);
 
   bool isEmpty() const { return files_.empty(); }
@@ -97,8 +97,8 @@ class BatchReceiver {
   /// Puts the stored files on the disk, and looks for each in its place. Those that are not there
   /// are not stored any more. False with errno when none may be on the disk.
   bool sync();
-  /// Gives those a failure that came to none, unless each is worth an attempt by itself: tar has
-  /// complained, and does not say about which.
+  /// Records a failure for each file that has no result yet. Not where tar has complained: it does
+  /// not say about which file, so each is fetched by a command of its own.
   void explainMissing(const BatchEnd& end);
 
  private:

@@ -39,7 +39,7 @@ void GetDumpingStatusAction::printStatus() {
 // --- RemoveDumpingStatusAction ---
 
 void RemoveDumpingStatusAction::execute() {
-  // On this host, whatever the name says; and whether there was one does not matter.
+  // On this host, despite the name. It is no error when there is none.
   unlink(remotePathOf(files::getRemoteDumpingStatusFileName()).c_str());
 }
 

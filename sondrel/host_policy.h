@@ -16,7 +16,7 @@ DECLARE_ERROR_TAG(ContentVerifyUnknown, "Cannot tell whether content must be ver
 bool isAskedFor(const char* variable);
 
 /// True when content files must be compared with the list as they arrive. It costs
-/// processor time, and a list with wrong figures then fails: hence not by itself. Fails
+/// processor time, and a list with wrong sums then fails; so it is off unless it is set. Fails
 /// closed: throws ContentVerifyUnknown when an operator's setting cannot be understood.
 bool isVerificationConfigured();
 

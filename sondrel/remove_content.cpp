@@ -41,7 +41,7 @@ void RetrieveContentAction::removeRemoteFile(const DumpFile& file) {
   });
 }
 
-/// The files are here: whatever goes wrong with a removal is recorded, and no more.
+/// The files are here, so a failed removal is recorded and the run goes on.
 void RetrieveContentAction::tryRemoval(const std::vector<const DumpFile*>& files,
                                        const std::function<void()>& remove) {
   const auto logFailure = [&](const std::string& reason) {

@@ -17,7 +17,7 @@ log4cpp::Category& sshLog = log4cpp::Category::getInstance("k.Ssh");
 
 /// How long the loop stays without looking at its alarm while a command is silent.
 constexpr int POLL_LIMIT_MS = 5000;
-/// The same where somebody looks on.
+/// The same where a progress observer wants a tick each second.
 constexpr int WATCHED_POLL_LIMIT_MS = 1000;
 /// How much a command may say before its input is with it, where that is kept for its reader.
 constexpr std::size_t OUTPUT_AHEAD_BYTES = std::size_t{8} << 20;
@@ -153,7 +153,7 @@ class Ssh::BatchOutput : public RemoteOutput {
 
   int status() override {
     while (!next().empty()) {
-      // What stands behind the end of an archive is nobody's.
+      // The bytes behind the end of an archive have no reader.
     }
     const int status = execution_.channel().waitForExitStatus();
     sshLog.debug("Execution finished with return code " + std::to_string(status));

@@ -108,7 +108,7 @@ Channel::~Channel() {
 }
 
 void Channel::startCommand(const std::string& command, Mode mode) {
-  // This flag is the whole session's, whatever its name says.
+  // Despite its name, this function sets the flag of the whole session.
   libssh2_channel_set_blocking(get(), mode);
   int result;
   while ((result = retryInterrupted([&] {

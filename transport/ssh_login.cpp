@@ -146,8 +146,8 @@ bool Session::authorizeByAgent(KeyLogin& attempt) {
   return false;
 }
 
-/// What the server has answered to a key of the type. A signature that was asked for and is not
-/// enough looks like a wrong one, but for what the server wants then.
+/// Notes how the server has answered to a key of this type. A correct signature after which the
+/// server wants a second method gives the same code as a wrong one; the list of methods differs.
 void Session::noteRefusal(int result, const std::string& key, const std::string& type,
                           KeyLogin& attempt) {
   if (result == LIBSSH2_ERROR_PUBLICKEY_UNVERIFIED) {

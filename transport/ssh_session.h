@@ -23,8 +23,8 @@ namespace libssh2pp {
 
 void dtm_libssh2_session_free(_LIBSSH2_SESSION* session) noexcept;
 
-/// The server's choice of ciphers would be one that the library cannot handle: it aborts the
-/// process. Without ciphers that authenticate by themselves there is none such.
+/// The key exchange with this server would choose a pair of ciphers with which the library aborts
+/// the process. It cannot happen when no AES-GCM cipher is offered.
 class MixedCipherPair : public std::exception {
  public:
   const char* what() const noexcept override { return "The ciphers of both ways are no pair"; }
