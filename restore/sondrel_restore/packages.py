@@ -2,9 +2,12 @@
 from __future__ import annotations
 
 import dataclasses
+import hashlib
 import re
 from collections.abc import Collection
 
+from sondrel_restore.host import Host
+from sondrel_restore.hostfiles import content_here
 from sondrel_restore.kind import RestoreError
 from sondrel_restore.restore import Restore
 
@@ -21,6 +24,14 @@ def installed_packages(restore: Restore) -> dict[str, str]:
     result = restore.host.run(["dpkg-query", "--show", "--showformat=${db:Status-Abbrev}\t${Package}\t${Version}\n"])
     fields = (line.split("\t") for line in result.stdout.splitlines())
     return {name: version for status, name, version in fields if status.startswith("ii")}
+
+
+def is_as_packaged(host: Host, package: str, path: str) -> bool:
+    """Whether a file of configuration is as its package, which is installed here, has brought it."""
+    content = content_here(path)
+    settings = host.run(["dpkg-query", "--show", "--showformat=${Conffiles}", package], check=False).stdout
+    known = dict(line.split()[:2] for line in settings.splitlines() if len(line.split()) >= 2)
+    return content is not None and known.get(path) == hashlib.md5(content).hexdigest()
 
 
 @dataclasses.dataclass(frozen=True)

@@ -69,6 +69,13 @@ def described(
     )
 
 
+def test_a_locale_that_a_pool_sets_and_this_host_lacks_is_named_with_the_remedy(world: World) -> None:
+    described(world, '<env name="LC_ALL">gv_GB.utf8</env><env name="LANG">C.UTF-8</env><env name="X">gd_GB</env>')
+    (lacking,) = [each for each in world.plan(Pool, Nginx).missing if "locale" in each.because]
+    assert "gv_GB.utf8" in lacking.because and "begins with gv_GB.UTF-8" in lacking.because
+    assert "/etc/locale.gen" in lacking.because and not lacking.package
+
+
 def test_php_runs_as_the_account_with_its_settings(world: World) -> None:
     before = snapshot("/etc/php", "/etc/nginx")
     described(

@@ -112,7 +112,15 @@ class Apache(site_kind.SiteKind):
         made_links.update(self._module_links(hosts))
         conflict, disables = self._conflict(restore, site, {path, link}, hosts)
         candidate = self.whole(site, judge, blocks, files, made_links, shown, conflict, disables, self._refusal)
-        return dataclasses.replace(candidate, says=candidate.says + self._on_php(restore, site))
+        later = self.ports_here.would_be_taken(_ports(hosts))
+        return dataclasses.replace(
+            candidate, says=candidate.says + self._on_php(restore, site) + (f"; {later}" if later else ""),
+            facts={**candidate.facts, "at": sorted({arg for host in hosts for arg in host.args})})
+
+    def planned(self, restore: Restore, candidate: Candidate) -> None:
+        addresses = candidate.facts.get("at")
+        for address in addresses if isinstance(addresses, list) else ():
+            restore.offer("apache-address", address, candidate.name)
 
     def _on_php(self, restore: Restore, site: Site) -> str:
         php, modules = site.element.find("php"), _php_modules()
@@ -140,7 +148,7 @@ class Apache(site_kind.SiteKind):
                 and not restore.decisions.trust_configuration:
             return ("its PHP runs as the web server, as this host's own sites do "
                     f"({', '.join(self._own_sites[:3])}), and could change them"), frozenset()
-        return self.port_conflict(_ports(hosts)), frozenset()
+        return self.ports_here.why_taken(_ports(hosts)), frozenset()
 
     def _listen_files(self, hosts: Iterable[Directive]) -> dict[str, bytes]:
         """A file for each port that Apache does not listen at yet; several sites may have one."""

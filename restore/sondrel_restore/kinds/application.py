@@ -66,12 +66,16 @@ class ApplicationKind(Kind):
 
     name = "application"
 
+    def __init__(self) -> None:
+        # Packages with their versions, as of the last plan.
+        self._installed: dict[str, str] = {}
+
     def plan(self, restore: Restore) -> Iterator[Item]:
         applications = _applications(restore)
-        installed = installed_packages(restore).keys() if applications else ()
+        self._installed = installed_packages(restore) if applications else {}
         for each in applications:
             here = ApplicationPackage(restore, each.package)
-            is_here = each.package in installed
+            is_here = each.package in self._installed
             if not is_here and restore.decisions.skip(f"package:{each.package}"):
                 continue
             if is_here and not here.directories and any(
@@ -118,7 +122,7 @@ class ApplicationKind(Kind):
         if roots:
             facts = unpack(restore, item.identifier, _archives(restore, application), roots, _WEB_ACCOUNT,
                            takes=_why_not_in_state, overwrites=item.state is State.MAKE)
-        version = installed_packages(restore).get(application.package, "")
+        version = self._installed.get(application.package, "")
         if older(application.version, version):
             restore.name(item.identifier, f"it is {version} here, newer than there ({application.version}): it may "
                          "have to update its database, as its pages or its README.Debian say, before it works")

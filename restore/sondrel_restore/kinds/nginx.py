@@ -3,6 +3,7 @@ blocks.
 """
 from __future__ import annotations
 
+import dataclasses
 import os
 import signal
 from collections.abc import Iterable, Iterator
@@ -10,6 +11,7 @@ from collections.abc import Iterable, Iterator
 from sondrel_restore.hostfiles import sum_of_bytes
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Missing, RestoreError
+from sondrel_restore.packages import is_as_packaged
 from sondrel_restore.restore import Restore
 from sondrel_restore.web import nginx_rules, site_kind
 from sondrel_restore.web.config_kind import Candidate
@@ -17,10 +19,12 @@ from sondrel_restore.web.directives import Directive, for_nginx, to_bytes
 from sondrel_restore.web.judge import file_name
 from sondrel_restore.web.nginx_here import BUCKET_SIZE, NginxHere, normal_listen, read_here
 from sondrel_restore.web.nginx_rules import Names, NginxRules
-from sondrel_restore.web.service import reload_service
+from sondrel_restore.web.ports_here import NGINX_DEFAULT, PortsHere, overlap, port_of
+from sondrel_restore.web.service import reload_service, running
 from sondrel_restore.web.site_data import Block, Site
 
 _DIRECTORY = "/etc/nginx"
+_PID_FILE = "/run/nginx.pid"
 _DEFINITIONS = f"{_DIRECTORY}/sondrel-definitions"
 
 # In bytes: what fits into a bucket of the usual 64, and a bucket that fits the longest name that there can be.
@@ -84,12 +88,20 @@ class Nginx(site_kind.SiteKind):
             return Candidate(site.domain.name, "", {path: b""}, impossible=str(error))
         definitions.update(self._room_for_names(servers))
         shown = for_nginx(left.directive for left in judge.left_out)
-        conflict, disables = self._conflict(site, servers, {path, link})
+        conflict, disables = self._conflict(restore, site, servers, {path, link})
         links = {f"{_DIRECTORY}/conf.d/{os.path.basename(each)}": f"../{os.path.basename(_DEFINITIONS)}/"
                  + os.path.basename(each) for each in definitions}
-        return self.whole(
+        candidate = self.whole(
             site, judge, blocks, {path: to_bytes(site_kind.heading(site) + text), **definitions},
             {**links, link: f"../sites-available/{os.path.basename(path)}"}, shown, conflict, disables, self._refusal)
+        return dataclasses.replace(candidate, says=candidate.says + self._on_ports(servers, disables))
+
+    def _on_ports(self, servers: list[Directive], disables: frozenset[str]) -> str:
+        """What a plan says of them."""
+        if NGINX_DEFAULT in disables:
+            return f"; {NGINX_DEFAULT} is switched off: Apache has its port"
+        later = self.ports_here.would_be_taken(nginx_rules.ports_of(servers))
+        return f"; {later}" if later else ""
 
     def _claimed(self, address: str, site: str, own: set[str]) -> bool:
         """Whether another file has the default server of an address; if not, this site has it from now on."""
@@ -97,13 +109,39 @@ class Nginx(site_kind.SiteKind):
             return True
         return self._defaults.setdefault(address, site) != site
 
-    def _conflict(self, site: Site, servers: list[Directive], own: set[str]) -> tuple[str, frozenset[str]]:
+    def _conflict(self, restore: Restore, site: Site, servers: list[Directive],
+                  own: set[str]) -> tuple[str, frozenset[str]]:
         name, others = self.taken_name((*site.names, *_server_names(servers)), self._here.served, own)
         if others:
             return f"{name} is served here already by {', '.join(sorted(others))}", frozenset(
                 file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
         taken = self.taken_address(_listens(servers), self._here.listens, own)
-        return taken or self.port_conflict(nginx_rules.ports_of(servers)), frozenset()
+        why = taken or _shared_with_apache(restore, servers) or self.ports_here.why_taken(
+            nginx_rules.ports_of(servers)) or self._why_not_started(restore)
+        return why, self._default_in_the_way(restore)
+
+    def _why_not_started(self, restore: Restore) -> str:
+        """Why nginx, which does not run, could not be started with what is configured here besides; empty if it can."""
+        for address, files in self._not_to_be_had(restore):
+            others = sorted(files - self.made - self._default_in_the_way(restore))
+            if others:
+                return f"Apache has {address}, at which {', '.join(others)} lets nginx listen: change it there"
+        return ""
+
+    def _default_in_the_way(self, restore: Restore) -> frozenset[str]:
+        """The default site of nginx's package, if nginx cannot start with it."""
+        if any(NGINX_DEFAULT in files for _, files in self._not_to_be_had(restore)) and os.path.islink(NGINX_DEFAULT) \
+                and is_as_packaged(restore.host, "nginx-common", os.path.realpath(NGINX_DEFAULT)):
+            return frozenset((NGINX_DEFAULT,))
+        return frozenset()
+
+    def _not_to_be_had(self, restore: Restore) -> list[tuple[str, set[str]]]:
+        """What is configured here for an nginx that does not run, at addresses that Apache has or will have."""
+        if running(_PID_FILE, "nginx") is not None:
+            return []
+        return [(address, files) for address, files in self._here.listens.items()
+                if _at_apache(restore, address) or any(
+                    each.startswith("apache2") for each in self.ports_here.programs(port_of(address)))]
 
     def _room_for_names(self, servers: list[Directive]) -> dict[str, bytes]:
         """nginx refuses all sites where a name is longer than it expects; another file here may say more already."""
@@ -145,7 +183,14 @@ class Nginx(site_kind.SiteKind):
 
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
         os.makedirs("/var/cache/nginx", mode=0o755, exist_ok=True)
-        reload_service(restore.host, "nginx", "/run/nginx.pid", "nginx", signal.SIGHUP)
+        here = read_here(restore.host.run(["nginx", "-T", "-q"], check=False).stdout) if not entries else NginxHere()
+        ports = PortsHere(restore.host, self.program)
+        if any(NGINX_DEFAULT in files and ports.why_taken([port_of(address)])
+               for address, files in here.listens.items()):
+            # As it was before: its default site, which is back, cannot have the port.
+            restore.host.run(["service", "nginx", "stop"], check=False)
+            return
+        reload_service(restore.host, "nginx", _PID_FILE, "nginx", signal.SIGHUP)
 
 
 def _server_names(servers: Iterable[Directive]) -> Iterator[str]:
@@ -165,6 +210,24 @@ def _listens(servers: Iterable[Directive]) -> Iterator[str]:
         for each in server.block or ():
             if each.name == "listen" and each.args:
                 yield normal_listen(each.args[0])
+
+
+def _at_apache(restore: Restore, address: str) -> str:
+    """The site of Apache in this restore that needs an address, too; empty if none does."""
+    host, _, port = address.rpartition(":")
+    for other, site in restore.offered("apache-address").items():
+        other_host, _, other_port = other.rpartition(":")
+        if port == other_port and overlap(host, other_host):
+            return str(site)
+    return ""
+
+
+def _shared_with_apache(restore: Restore, servers: Iterable[Directive]) -> str:
+    for address in _listens(servers):
+        site = _at_apache(restore, address)
+        if site:
+            return f"it needs {address}, as apache:{site} does: leave one of them out by --skip"
+    return ""
 
 
 def _zones(uses: Iterable[Directive]) -> Iterator[str]:

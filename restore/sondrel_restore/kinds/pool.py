@@ -9,13 +9,14 @@ import glob
 import os
 import re
 import signal
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 
 from sondrel_restore.description import Domain, Element
 from sondrel_restore.host import account_of
 from sondrel_restore.hostfiles import sum_of_bytes
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Finding, Item, Missing, RestoreError, State
+from sondrel_restore.locales import is_locale, locales_here, plain, remedy
 from sondrel_restore.restore import Restore
 from sondrel_restore.web.config_kind import Candidate, ConfigKind
 from sondrel_restore.web.directives import one_line, to_bytes
@@ -30,6 +31,7 @@ _WEB_ACCOUNT = "www-data"
 _LEFT_OUT = "/etc/sondrel-restore/left-out"
 # Of the path of a socket, which the label is a part of, the kernel takes 107 bytes.
 _LONGEST_LABEL = 60
+_OF_LOCALES = re.compile(r"LANG|LC_[A-Z]+")
 
 # Extensions by the package of Debian that has them, "php-" or "phpX.Y-" before it. Others are built in or unknown.
 _PACKAGES = {
@@ -154,6 +156,7 @@ class Pool(ConfigKind):
                 if package is not None:
                     prefix = f"php{version}-" if versions() and package not in _UNVERSIONED else "php-"
                     yield Missing(prefix + package, f"{_name(pool)} had the extension {extension}")
+        yield from _lacking_locales(restore, chosen)
 
     def check(self, restore: Restore) -> str:
         for version in versions():
@@ -280,6 +283,16 @@ def _text(judge: Judge, pool: _Pool, label: str, account: str, group: str, left:
         except Refused as refused:
             left.append(f"variable {one_line(name)}: {one_line(str(refused))}")
     return "\n".join(lines) + "\n"
+
+
+def _lacking_locales(restore: Restore, pools: Iterable[_Pool]) -> Iterator[Missing]:
+    """Those that pools say in their environment: programs that ask for one that is not here fall back to English."""
+    wanted = {str(each.text): pool.name for pool in pools for each in pool.element.iterfind("env")
+              if _OF_LOCALES.fullmatch(str(each.get("name"))) and is_locale(str(each.text or ""))}
+    here = locales_here(restore.host) if wanted else frozenset()
+    for locale, name in sorted(wanted.items()):
+        if plain(locale) not in here:
+            yield Missing("", f"the locale {locale}, which the pool {name} sets: {remedy(locale)}")
 
 
 def _extensions_here(restore: Restore, version: str) -> frozenset[str]:

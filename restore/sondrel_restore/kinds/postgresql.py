@@ -14,6 +14,7 @@ from sondrel_restore.databases import LOADER, Database, Grant, User, databases, 
 from sondrel_restore.host import Host
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Left, Missing, RestoreError, State
+from sondrel_restore.locales import locales_here, plain, remedy
 from sondrel_restore.postgresql_dump import PostgreSqlDump, Role
 from sondrel_restore.postgresql_server import OF_SERVER, OWN, PostgreSqlServer, identifier, literal
 from sondrel_restore.restore import Restore
@@ -33,7 +34,6 @@ _RIGHTS = {
     "large object": frozenset(("SELECT", "UPDATE")),
 }
 _HASH = re.compile(r"SCRAM-SHA-256\$[0-9]{1,9}:[A-Za-z0-9+/=]+\$[A-Za-z0-9+/=]+:[A-Za-z0-9+/=]+|md5[0-9a-f]{32}")
-_LOCALES_OF_ALL = frozenset(("", "c", "posix", "c.utf8"))
 # Kind, name as the description has it, and SQL.
 _OBJECTS = f"""
     SELECT 'schema' AS k, n.nspname::text AS n, 'SCHEMA ' || quote_ident(n.nspname) AS q FROM pg_namespace n WHERE {OWN}
@@ -101,8 +101,8 @@ class PostgreSql(DatabaseKind):
                 yield Missing("", f"the extension {extension} of PostgreSQL {self._about.server.major},"
                               f" which the database {database.name} has: install the package that brings it")
             for locale in _lacking_locales(self._about, database):
-                yield Missing("", f"the locale {locale}, which the database {database.name} has: make it by locale-gen,"
-                              " and restart PostgreSQL")
+                yield Missing("", f"the locale {locale}, which the database {database.name} has: {remedy(locale)};"
+                              " then restart PostgreSQL")
 
     def apply(self, restore: Restore, item: Item) -> Facts:
         with self._connected(restore) as server:
@@ -158,11 +158,7 @@ class _About:
         self.roles = server.roles()
         self.extensions = server.extensions()
         self.address = server.address()
-        self.locales = _LOCALES_OF_ALL | {_plain(line) for line in host.run(["locale", "-a"]).stdout.splitlines()}
-
-
-def _plain(locale: str) -> str:
-    return locale.strip().lower().replace("utf-8", "utf8")
+        self.locales = locales_here(host)
 
 
 def _roles_of(facts: Facts) -> dict[str, str]:
@@ -208,7 +204,7 @@ def _lacking_locales(about: _About, database: Database) -> list[str]:
     if (database.text("provider") or "libc") != "libc":
         return []
     return sorted({locale for locale in (database.text("collation"), database.text("ctype"))
-                   if _plain(locale) not in about.locales})
+                   if plain(locale) not in about.locales})
 
 
 def _impossible(about: _About, database: Database) -> str:
@@ -344,11 +340,11 @@ class _Making:
             self._set(f"ROLE {identifier(user.name)}", name, values, settable)
 
     def _set(self, whose: str, name: str, values: tuple[str, ...], settable: set[str]) -> None:
-        plain = name.replace('"', "").lower()
-        if plain not in settable:
-            self._name(f"the setting {plain} is left out: a role may not set it itself")
+        setting = name.replace('"', "").lower()
+        if setting not in settable:
+            self._name(f"the setting {setting} is left out: a role may not set it itself")
             return
-        self._try([f"ALTER {whose} SET {identifier(plain)} TO {', '.join(map(literal, values))};"], "postgres")
+        self._try([f"ALTER {whose} SET {identifier(setting)} TO {', '.join(map(literal, values))};"], "postgres")
 
     def _owner(self) -> str:
         """Who the database belongs to: a role of this session, that of the source host if it is one."""

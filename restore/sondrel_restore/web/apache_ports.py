@@ -1,12 +1,12 @@
 """Ports that Apache's package has it listen at, where another server of this host or of the restore has them."""
 from __future__ import annotations
 
-import hashlib
 import re
 from collections.abc import Collection
 
 from sondrel_restore.host import Host
 from sondrel_restore.hostfiles import atomic_write, content_here
+from sondrel_restore.packages import is_as_packaged
 
 _FILE = "/etc/apache2/ports.conf"
 _MARK = b"#switched-off-by-sondrel-restore: "
@@ -19,7 +19,7 @@ def leave_ports(host: Host, ports: Collection[int]) -> list[int]:
     A file that is not as the package has brought it stays as it is: Apache may not start then.
     """
     content = content_here(_FILE)
-    if content is None or not _is_as_it_came(host, content):
+    if content is None or not is_as_packaged(host, "apache2", _FILE):
         return []
     left = sorted({int(number) for number in _LISTEN.findall(content)} & set(ports))
     if left:
@@ -34,12 +34,6 @@ def take_ports_back() -> bool:
         return False
     _write(content.replace(_MARK, b""))
     return True
-
-
-def _is_as_it_came(host: Host, content: bytes) -> bool:
-    settings = host.run(["dpkg-query", "--show", "--showformat=${Conffiles}", "apache2"], check=False).stdout
-    known = dict(line.split()[:2] for line in settings.splitlines() if len(line.split()) >= 2)
-    return known.get(_FILE) == hashlib.md5(content).hexdigest()
 
 
 def _write(content: bytes) -> None:

@@ -149,6 +149,8 @@ class ConfigKind(Kind):
         before = entry.facts.get("disabled") if entry is not None else None
         disabled = dict(before) if isinstance(before, dict) else {}
         for link in sorted(candidate.disables):
+            if link in disabled or not os.path.lexists(link):
+                continue
             if not os.path.islink(link):
                 raise RestoreError(
                     f"{link} serves the name already and is no link that could be taken away: change it by hand")

@@ -14,8 +14,9 @@ from sondrel_restore.restore import Restore
 from sondrel_restore.web import ask
 from sondrel_restore.web.config_kind import Candidate, ConfigKind, links, sums
 from sondrel_restore.web.directives import one_line, to_bytes
-from sondrel_restore.web.judge import Judge, Trees, file_name, programs_at
+from sondrel_restore.web.judge import Judge, Trees, file_name
 from sondrel_restore.web.own_sites import OF_PACKAGES
+from sondrel_restore.web.ports_here import PortsHere
 from sondrel_restore.web.site_data import Block, Site, accounts_here, is_chosen, sites_of
 
 __all__ = ["SiteKind", "heading", "links", "sums"]
@@ -32,11 +33,11 @@ class SiteKind(ConfigKind):
 
     def __init__(self) -> None:
         super().__init__()
-        self._ports: dict[int, set[str]] = {}
         self._trees = Trees(())
         self._accounts: frozenset[str] = frozenset()
         self._site_ports: frozenset[int] = frozenset()
         self.addresses: frozenset[str] = frozenset()
+        self.ports_here: PortsHere
         # Files and links that earlier applies have made, as of the beginning of a plan.
         self.made: frozenset[str] = frozenset()
 
@@ -52,7 +53,8 @@ class SiteKind(ConfigKind):
         sites = list(sites_of(restore, self.name))
         if not sites:
             return
-        self._ports, self._trees = {}, Trees(restore.offered("tree"))
+        self.ports_here = PortsHere(restore.host, self.program)
+        self._trees = Trees(restore.offered("tree"))
         self._accounts, self._site_ports = accounts_here(restore), _ports_of_sites(restore)
         self.addresses = _own_addresses(restore)
         self.made = frozenset(path for entry in restore.journal.entries(self.name)
@@ -123,15 +125,6 @@ class SiteKind(ConfigKind):
             others = {file for file in files - own - self.made if os.path.basename(file) not in OF_PACKAGES}
             if others:
                 return f"at {listen} it would be asked before {', '.join(sorted(others))}"
-        return ""
-
-    def port_conflict(self, ports: frozenset[int]) -> str:
-        """Why the server cannot listen at one of the ports; empty where it can."""
-        for port in sorted(ports):
-            if port not in self._ports:
-                self._ports[port] = {each for each in programs_at(port) if not each.startswith(self.program)}
-            if self._ports[port]:
-                return f"{', '.join(sorted(self._ports[port]))} listens at port {port} here already"
         return ""
 
     def whole(self, site: Site, judge: Judge, blocks: tuple[Block, ...], files: Mapping[str, bytes],

@@ -1,0 +1,100 @@
+"""Who has a port that a restored web server needs: a program that runs, or a server that would take it at its start."""
+from __future__ import annotations
+
+import glob
+import os
+import re
+from collections.abc import Iterable
+
+from sondrel_restore.host import Host
+from sondrel_restore.web.judge import programs_at
+from sondrel_restore.web.nginx_here import read_here
+from sondrel_restore.web.service import running
+
+NGINX_DEFAULT = "/etc/nginx/sites-enabled/default"
+_APACHE_FILES = ("/etc/apache2/ports.conf", "/etc/apache2/conf-enabled/*.conf", "/etc/apache2/sites-enabled/*.conf")
+_LISTEN = re.compile(r"^[ \t]*Listen[ \t]+(?:\S+:)?([0-9]+)\b", re.MULTILINE | re.IGNORECASE)
+# Packages' names of the programs of web servers, with what they write their number into.
+_SERVERS = {"nginx": "/run/nginx.pid", "apache2": "/run/apache2/apache2.pid"}
+
+
+class PortsHere:
+    """What listens at ports of this host, but for one server. Each is looked at once."""
+
+    def __init__(self, host: Host, own: str) -> None:
+        """`own` is the beginning of what the processes of the server itself are called."""
+        self._host = host
+        self._own = own
+        self._programs: dict[int, list[str]] = {}
+        self._files: dict[str, dict[int, list[str]]] = {}
+
+    def programs(self, port: int) -> list[str]:
+        """The programs that listen there."""
+        if port not in self._programs:
+            self._programs[port] = sorted(each for each in programs_at(port) if not each.startswith(self._own))
+        return self._programs[port]
+
+    def why_taken(self, ports: Iterable[int]) -> str:
+        """Why the server cannot have one of the ports, with what to do; empty where it can."""
+        for port in sorted(ports):
+            programs = self.programs(port)
+            if programs:
+                return f"{', '.join(programs)} listens at port {port} here already{self._remedy(programs, port)}"
+        return ""
+
+    def would_be_taken(self, ports: Iterable[int]) -> str:
+        """What another server, which does not run, would take at its start, with what to do; empty for nothing."""
+        for port in sorted(ports):
+            for server, pid_file in _SERVERS.items():
+                if server != self._own and running(pid_file, server) is None and self.files(server, port):
+                    return f"{server}, which does not run, would take port {port} when it starts" + self._remedy(
+                        [server], port)
+        return ""
+
+    def _remedy(self, programs: Iterable[str], port: int) -> str:
+        for program in programs:
+            server = next((each for each in _SERVERS if program.startswith(each)), "")
+            files = self.files(server, port) if server else []
+            if server == "nginx" and files == [NGINX_DEFAULT]:
+                return f", for the default site of its package: rm {NGINX_DEFAULT}, and reload nginx"
+            if server and files:
+                return f", by {', '.join(files)}: give it another port there, or switch it off, and restart {server}"
+        return ""
+
+    def files(self, server: str, port: int) -> list[str]:
+        """The files that have a server listen at a port."""
+        if server not in self._files:
+            self._files[server] = self._of_nginx() if server == "nginx" else _of_apache()
+        return self._files[server].get(port, [])
+
+    def _of_nginx(self) -> dict[int, list[str]]:
+        found: dict[int, list[str]] = {}
+        if not self._host.has_program("nginx"):
+            return found
+        listens = read_here(self._host.run(["nginx", "-T", "-q"], check=False).stdout).listens
+        for address, files in listens.items():
+            port = port_of(address)
+            found[port] = sorted({*found.get(port, []), *files})
+        return found
+
+
+def _of_apache() -> dict[int, list[str]]:
+    found: dict[int, list[str]] = {}
+    for path in sorted(path for pattern in _APACHE_FILES for path in glob.glob(pattern)):
+        if not os.access("/usr/sbin/apache2", os.X_OK):
+            break
+        with open(path, encoding="utf-8", errors="replace") as file:
+            for port in sorted({int(number) for number in _LISTEN.findall(file.read())}):
+                found.setdefault(port, []).append(path)
+    return found
+
+
+def port_of(address: str) -> int:
+    """The port of "host:port"; 0 where it has none, as that of a socket in a file system."""
+    port = address.rpartition(":")[2]
+    return int(port) if port.isdigit() else 0
+
+
+def overlap(address: str, other: str) -> bool:
+    """Whether two programs cannot listen at these two addresses of one port ("*" and "[::]" for all)."""
+    return address == other or any(each in ("*", "[::]", "0.0.0.0", "_default_", "") for each in (address, other))
