@@ -59,8 +59,9 @@ _HOST_KEYS = {kind: [] for kind in ("ed25519", "ecdsa")}
 
 
 def prepare_source_hosts():
-    """Makes, for the tests that are forked from this process, the keys of two servers of a test."""
+    """Makes, for the tests that are forked from this process, the keys of two servers of a test, and the shell."""
     without_penalties()
+    recording_shell()
     with tempfile.TemporaryDirectory() as folder:
         for kind, keys in _HOST_KEYS.items():
             for number in range(2):
@@ -83,6 +84,16 @@ def make_host_key(kind, path):
     with open(os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600), "wb") as out:
         out.write(private)
     write(f"{path}.pub", public)
+
+
+@functools.lru_cache(maxsize=None)
+def recording_shell():
+    """The program that recording_shell.c makes."""
+    with tempfile.TemporaryDirectory() as folder:
+        program = f"{folder}/recording-shell"
+        subprocess.run(["cc", "-O1", "-Wall", "-Wextra", "-Werror", "-o", program, f"{HERE}/recording_shell.c"],
+                       check=True)
+        return read(program)
 
 
 class SourceHost:
@@ -110,7 +121,9 @@ class SourceHost:
             os.makedirs(self.records, exist_ok=True)
             os.chmod(self.records, 0o1777)
             shell = f"{SHELL_FOLDER}/recording-shell"
-            shutil.copy(f"{HERE}/recording-shell", own(shell))
+            # One that runs cannot be written.
+            if not os.path.exists(own(shell)):
+                write(own(shell), recording_shell(), mode=0o755)
         use_shell(shell if recording else "/bin/sh", own("/etc/passwd"))
         # sshd holds on to the first value of a keyword.
         lines = list(options) + [f"HostKey {self.key_file(kind)}" for kind in host_keys] + [
