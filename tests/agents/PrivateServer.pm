@@ -6,9 +6,18 @@ use warnings;
 use Agent::Process qw(run start);
 use Exporter 'import';
 use FindBin;
+use Scalar::Util qw(weaken);
 use Test::More;
 
 our @EXPORT_OK = qw(dumped dump_while_written);
+
+# Those that may still run when the file ends; stopped before the status of the file is known.
+my @started;
+
+END {
+    local $?;
+    $_->stop for grep {defined} @started;
+}
 
 # kind: mariadb or postgresql; sockets: the directory of its socket, the usual one if not given.
 sub new {
@@ -17,7 +26,10 @@ sub new {
     my $child = start(['/usr/bin/python3', "$FindBin::Bin/../e2e/source_databases.py", $kind, $folder, $sockets],
         stdin => 'pipe', stderr => \*STDERR);
     defined readline $child->{out} or die "The private $kind does not start\n";
-    return bless { kind => $kind, sockets => $sockets, child => $child }, $class;
+    my $self = bless { kind => $kind, sockets => $sockets, child => $child }, $class;
+    push @started, $self;
+    weaken($started[-1]);
+    return $self;
 }
 
 # What SQL prints, fields apart by tabs; dies when it fails.
@@ -63,6 +75,11 @@ sub stop {
     return;
 }
 
-sub DESTROY { $_[0]->stop }
+sub DESTROY {
+    my ($self) = @_;
+    local $?;
+    $self->stop;
+    return;
+}
 
 1;

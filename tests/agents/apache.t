@@ -393,4 +393,4 @@ END
     is_deeply $sites->{'c.test'}{module_settings}, { %of_all, memory_limit => '1M' }, 'and no others';
 };
 
-done_testing;
+run_tests;

@@ -64,4 +64,4 @@ test 'A system without Apache has no sites' => sub {
     is $problems->count, 0, 'and no problem';
 };
 
-done_testing;
+run_tests;

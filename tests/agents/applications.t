@@ -10,6 +10,7 @@ use Linux::Applications;
 use Linux::PhpText;
 use Linux::Tree;
 use Test::More;
+use Independent;
 
 my $system = '/mnt/system';
 
@@ -22,17 +23,21 @@ my $problems = Agent::Problems->new;
 
 sub settings_of {
     my ($root, %more) = @_;
-    my $applications = Linux::Applications->new(tree => Linux::Tree->new(root => $system), problems => $problems);
-    return $applications->settings({ name => 'a.test', owner => 'alice', root => $root, roots => [$root], %more });
+    my $applications = Linux::Applications->new(tree => Linux::Tree->new(root => $system),
+        problems => $problems);
+    return $applications->settings({ name => 'a.test', owner => 'alice', root => $root, roots => [$root],
+        %more });
 }
 
 sub told {
-    return join ' ', map { defined $_ ? $_ : '-' } @{ $_[0] }{qw(application kind name user password host port prefix)};
+    return join ' ', map { defined $_ ? $_
+        : '-' } @{ $_[0] }{qw(application kind name user password host port prefix)};
 }
 
 # --- PHP as text -----------------------------------------------------------------
 
-is_deeply Linux::PhpText::settings(<<'END'), {
+test 'Plain values of PHP are read as text' => sub {
+    is_deeply Linux::PhpText::settings(<<'END'), {
 it's HTML before <?php
 /* define('A', 'no'); */ # define('A', 'no');
 // $a = 'no';
@@ -57,15 +62,18 @@ $after = 'doc';
 if ($x == 'y') { $kept = 'either'; } else { $kept = 'way'; }
 return ['back' => ['again' => 'yes']];
 END
-    A => "it's \\ \\n", B => "tab\tandAA\$x", C => 5, G => 'g', h => 'h', 'i.j.k' => 'l', 'm.n.o' => 'p',
-    t => 't', u => 'u', V => 'v', x => 'x', '' => 'y', 'z.a' => 'b', 'z.c.0' => 'd', 'z.c.e.f' => 'g',
-    'z.c.e.n' => 'o', 'z.p' => 7, after => 'doc', kept => 'way', 'back.again' => 'yes',
-}, 'plain values are read, and what is computed is left out';
-is_deeply Linux::PhpText::settings(''), {}, 'nothing gives nothing';
-is_deeply Linux::PhpText::settings(q{<?php $a = 'b'; $c = 'open}), { a => 'b' }, 'a text may break off in a string';
-is_deeply Linux::PhpText::settings(q{<?php $a = ['b' => ['c' => 'd', }), { 'a.b.c' => 'd' }, 'a text may break off in an array';
-my $long = 'x\\\'' x 200_000;
-is length Linux::PhpText::settings("<?php \$a = '$long';")->{a}, 400_000, 'a long text is read whole';
+        A => "it's \\ \\n", B => "tab\tandAA\$x", C => 5, G => 'g', h => 'h', 'i.j.k' => 'l', 'm.n.o' => 'p',
+        t => 't', u => 'u', V => 'v', x => 'x', '' => 'y', 'z.a' => 'b', 'z.c.0' => 'd', 'z.c.e.f' => 'g',
+        'z.c.e.n' => 'o', 'z.p' => 7, after => 'doc', kept => 'way', 'back.again' => 'yes',
+    }, 'plain values are read, and what is computed is left out';
+    is_deeply Linux::PhpText::settings(''), {}, 'nothing gives nothing';
+    is_deeply Linux::PhpText::settings(q{<?php $a = 'b'; $c = 'open}), { a => 'b' },
+        'a text may break off in a string';
+    is_deeply Linux::PhpText::settings(q{<?php $a = ['b' => ['c' => 'd', }), { 'a.b.c' => 'd' },
+        'a text may break off in an array';
+    my $long = 'x\\\'' x 200_000;
+    is length Linux::PhpText::settings("<?php \$a = '$long';")->{a}, 400_000, 'a long text is read whole';
+};
 
 # --- what each application writes ------------------------------------------------
 
@@ -152,7 +160,8 @@ password = "\"x"
 dbname = "mt"
 tables_prefix = "mt_"
 END
-    ['Roundcube', 'config/config.inc.php', "<?php \$config = []; \$config['db_dsnw'] = 'pgsql://u:x\@localhost/rc?a=b';",
+    ['Roundcube', 'config/config.inc.php',
+        "<?php \$config = []; \$config['db_dsnw'] = 'pgsql://u:x\@localhost/rc?a=b';",
         'postgresql rc u x localhost - -'],
     ['SMF', 'Settings.php', "<?php \$db_type = 'mysql'; \$db_server = 'localhost'; \$db_name = 'smf'; \$db_user = 'u';
 \$db_passwd = 'x'; \$db_prefix = 'smf_';", 'mysql smf u x localhost - smf_'],
@@ -182,16 +191,21 @@ DB_USERNAME='u'
 DB_PASSWORD="x y" # comment
 END
     ['Craft CMS', '.env', "CRAFT_DB_DRIVER=mysql\nCRAFT_DB_SERVER=localhost\nCRAFT_DB_PORT=3306\n"
-        . "CRAFT_DB_DATABASE=craft\nCRAFT_DB_USER=u\nCRAFT_DB_PASSWORD=x\n", 'mysql craft u x localhost 3306 -'],
-    ['Symfony', '.env.local', "DATABASE_URL=\"postgresql://u:x\@127.0.0.1:5432/sf?serverVersion=15&charset=utf8\"\n",
+        . "CRAFT_DB_DATABASE=craft\nCRAFT_DB_USER=u\nCRAFT_DB_PASSWORD=x\n",
+        'mysql craft u x localhost 3306 -'],
+    ['Symfony', '.env.local',
+        "DATABASE_URL=\"postgresql://u:x\@127.0.0.1:5432/sf?serverVersion=15&charset=utf8\"\n",
         'postgresql sf u x 127.0.0.1 5432 -'],
 );
 my $number = 0;
 for my $case (@cases) {
     my ($application, $file, $text, $expected) = @$case;
     my $root = '/srv/case' . $number++;
-    put("$root/$file", $text);
-    is join('; ', map { told($_) } settings_of($root)), "$application $expected", "$application is understood: $file";
+    test "$application is understood by $file of case $number" => sub {
+        put("$root/$file", $text);
+        is join('; ', map { told($_) } settings_of($root)), "$application $expected",
+            'all of its settings are read';
+    };
 }
 
 # --- where they are found --------------------------------------------------------
@@ -202,48 +216,68 @@ sub wp {
     (my $text = $wp) =~ s/THIS/$name/;
     return $text;
 }
-put('/home/alice/public_html/wp-config.php', wp('in_root'));
-put('/home/alice/public_html/blog/wp-config.php', wp('below'));
-put('/home/alice/public_html/a/b/wp-config.php', wp('too_deep'));
-put('/home/alice/.env', "DB_DATABASE=above\n");
-is_deeply [map {"$_->{file} $_->{name}"} settings_of('/home/alice/public_html')],
-    ['/home/alice/public_html/wp-config.php in_root', '/home/alice/.env above',
-    '/home/alice/public_html/blog/wp-config.php below'], 'settings are found in the root, above and one folder below';
-is_deeply [@{ (settings_of('/home/alice/public_html'))[0] }{qw(site owner)}], ['a.test', 'alice'],
-    'settings tell their site and its owner';
-put('/srv/plain/wp-config.php', wp('up'));
-put('/srv/plain/site/wp-load.php', '<?php');
-is_deeply [map { $_->{name} } settings_of('/srv/plain/site')], ['up'], 'settings may be above where an application looks for them';
-put('/srv/plain/site/wp-config.php', wp('here'));
-is_deeply [map { $_->{name} } settings_of('/srv/plain/site')], ['here'], 'but only if there are none in its root';
-is_deeply [settings_of('/srv/missing')], [], 'a missing root has none';
-is_deeply [map { $_->{name} } settings_of('/srv/plain/site', roots => ['/srv/plain/site', '/home/alice/public_html/blog'])],
-    ['here', 'below'], 'all roots of a site are searched';
-put('/srv/lite/.env', "DB_CONNECTION=sqlite\nDB_DATABASE=/srv/lite/db\n");
-is_deeply [settings_of('/srv/lite')], [], 'a database in a file needs no server';
 
-# Others' settings cannot be borrowed.
-put('/home/bob/www/wp-config.php', wp('of_bob'));
-chown 1001, 1001, "$system/home/$_" or die $! for 'bob', 'bob/www', 'bob/www/wp-config.php';
-mkdir "$system/home/eve" or die $!;
-mkdir "$system/home/eve/www" or die $!;
-chown 1002, 1002, "$system/home/eve/www" or die $!;
-symlink '/home/bob/www/wp-config.php', "$system/home/eve/www/wp-config.php" or die $!;
-symlink '/home/bob/www', "$system/home/eve/www/blog" or die $!;
-is_deeply [settings_of('/home/eve/www')], [], 'a link to settings of others claims nothing';
-put('/home/eve/kept/wp-config.php', wp('of_eve'));
-chown 1002, 1002, "$system/home/eve/kept/wp-config.php" or die $!;
-unlink "$system/home/eve/www/wp-config.php" or die $!;
-symlink '../kept/wp-config.php', "$system/home/eve/www/wp-config.php" or die $!;
-is_deeply [map { $_->{name} } settings_of('/home/eve/www')], ['of_eve'], 'a link to own settings does';
-is $problems->count, 0, 'none of this is a problem';
+test 'Settings are found in the root, above it and one directory below' => sub {
+    put('/home/alice/public_html/wp-config.php', wp('in_root'));
+    put('/home/alice/public_html/blog/wp-config.php', wp('below'));
+    put('/home/alice/public_html/a/b/wp-config.php', wp('too_deep'));
+    put('/home/alice/.env', "DB_DATABASE=above\n");
+    is_deeply [map {"$_->{file} $_->{name}"} settings_of('/home/alice/public_html')],
+        ['/home/alice/public_html/wp-config.php in_root', '/home/alice/.env above',
+        '/home/alice/public_html/blog/wp-config.php below'],
+        'settings are found in the root, above and one directory below';
+    is_deeply [@{ (settings_of('/home/alice/public_html'))[0] }{qw(site owner)}], ['a.test', 'alice'],
+        'settings tell their site and its owner';
+};
 
-# A pipe in the place of a file does not block, a huge file is named.
-POSIX::mkfifo("$system/srv/lite/wp-config.php", 0600) or die $!;
-is_deeply [settings_of('/srv/lite')], [], 'a pipe is no file';
-put('/srv/big/wp-config.php', wp('big') . ' ' x (2 * 1024 * 1024));
-is_deeply [settings_of('/srv/big')], [], 'a file too large for settings is not read';
-is_deeply [map { $_->{text} } $problems->all],
-    ['The databases that /srv/big/wp-config.php names are not known: File too large'], 'and named';
+test 'Settings may be above where an application looks for them' => sub {
+    put('/home/alice/public_html/blog/wp-config.php', wp('below'));
+    put('/srv/plain/wp-config.php', wp('up'));
+    put('/srv/plain/site/wp-load.php', '<?php');
+    is_deeply [map { $_->{name} } settings_of('/srv/plain/site')], ['up'],
+        'settings may be above where an application looks for them';
+    put('/srv/plain/site/wp-config.php', wp('here'));
+    is_deeply [map { $_->{name} } settings_of('/srv/plain/site')], ['here'],
+        'but only if there are none in its root';
+    is_deeply [settings_of('/srv/missing')], [], 'a missing root has none';
+    is_deeply [map { $_->{name} } settings_of('/srv/plain/site',
+        roots => ['/srv/plain/site', '/home/alice/public_html/blog'])],
+        ['here', 'below'], 'all roots of a site are searched';
+};
 
-done_testing;
+test 'A database in a file needs no server' => sub {
+    put('/srv/lite/.env', "DB_CONNECTION=sqlite\nDB_DATABASE=/srv/lite/db\n");
+    is_deeply [settings_of('/srv/lite')], [], 'a database in a file needs no server';
+};
+
+test 'Settings of other accounts cannot be borrowed' => sub {
+    $problems = Agent::Problems->new;
+    put('/home/bob/www/wp-config.php', wp('of_bob'));
+    chown 1001, 1001, "$system/home/$_" or die $! for 'bob', 'bob/www', 'bob/www/wp-config.php';
+    mkdir "$system/home/eve" or die $!;
+    mkdir "$system/home/eve/www" or die $!;
+    chown 1002, 1002, "$system/home/eve/www" or die $!;
+    symlink '/home/bob/www/wp-config.php', "$system/home/eve/www/wp-config.php" or die $!;
+    symlink '/home/bob/www', "$system/home/eve/www/blog" or die $!;
+    is_deeply [settings_of('/home/eve/www')], [], 'a link to settings of others claims nothing';
+    put('/home/eve/kept/wp-config.php', wp('of_eve'));
+    chown 1002, 1002, "$system/home/eve/kept/wp-config.php" or die $!;
+    unlink "$system/home/eve/www/wp-config.php" or die $!;
+    symlink '../kept/wp-config.php', "$system/home/eve/www/wp-config.php" or die $!;
+    is_deeply [map { $_->{name} } settings_of('/home/eve/www')], ['of_eve'], 'a link to own settings does';
+    is $problems->count, 0, 'none of this is a problem';
+};
+
+# A pipe in the place of a file must not block.
+test 'What cannot be a file of settings is not read' => sub {
+    $problems = Agent::Problems->new;
+    put('/srv/pipe/index.php', '<?php');
+    POSIX::mkfifo("$system/srv/pipe/wp-config.php", 0600) or die $!;
+    is_deeply [settings_of('/srv/pipe')], [], 'a pipe is no file';
+    put('/srv/big/wp-config.php', wp('big') . ' ' x (2 * 1024 * 1024));
+    is_deeply [settings_of('/srv/big')], [], 'a file too large for settings is not read';
+    is_deeply [map { $_->{text} } $problems->all],
+        ['The databases that /srv/big/wp-config.php names are not known: File too large'], 'and named';
+};
+
+run_tests;

@@ -183,4 +183,4 @@ test 'A home of another account is left out' => sub {
     chown $BOB, $BOB, $tree->path('/home/bob') or die $!;
 };
 
-done_testing;
+run_tests;

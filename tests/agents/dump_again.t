@@ -109,4 +109,4 @@ test 'No file of a dump is open to others' => sub {
     is_deeply [grep { $_ ne '600' } @modes], [], 'no file is open to others';
 };
 
-done_testing;
+run_tests;

@@ -80,4 +80,4 @@ test 'Content by rsync is made into archives and its password is nowhere' => sub
     is run(['grep', '-r', 'secret word', $dir])->{status}, 1, 'the password is nowhere';
 };
 
-done_testing;
+run_tests;

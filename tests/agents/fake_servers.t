@@ -7,25 +7,36 @@ use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Agent::Problems;
 use Agent::Process qw(run);
 use FakeServer;
-use Imitated qw(problem_texts);
+use File::Path qw(rmtree);
+use Imitated qw(problem_texts write_file);
 use Linux::MySql;
 use Linux::PostgreSql;
 use Linux::Tree;
 use Test::More;
+use Independent;
 use Time::HiRes ();
 
 my $SECRET = 'the-word-of-root';
 my @LOOK = (limit => 3);
 
 # A /tmp of our own, and nothing of what the packages have left on this machine.
-run(['mount', '-t', 'tmpfs', '-o', 'mode=1777', 'own', $_])->{status} and die "Cannot mount $_\n" for '/tmp', '/var/lib/mysql';
+run(['mount', '-t', 'tmpfs', '-o', 'mode=1777', 'own', $_])->{status} and die "Cannot mount $_\n"
+    for '/tmp', '/var/lib/mysql';
 unlink '/etc/postgresql', '/etc/mysql';
-mkdir '/etc/sondrel' or die $!;
-open my $file, '>', '/etc/sondrel/mysql.cnf' or die $!;
-# Files that a server asks for are given, unless the agent says otherwise.
-print {$file} "[mysql]\nlocal-infile=1\n[client]\nuser=agent\npassword=$SECRET\n";
-close $file or die $!;
-chmod 0600, '/etc/sondrel/mysql.cnf' or die $!;
+mkdir $_ or die "$_: $!\n" for '/etc/sondrel', '/run/mysqld';
+chown((getpwnam 'mysql')[2, 3], '/run/mysqld') or die $!;
+
+# No server, and no settings but the agent's own: files that a server asks for are given, unless the agent
+# says otherwise.
+sub begin_anew {
+    my ($more_options) = @_;
+    rmtree(['/etc/mysql', '/etc/postgresql']);
+    unlink '/tmp/mysql.sock', '/tmp/other.sock', '/run/mysqld/mysqld.sock', glob '/tmp/.s.PGSQL.*';
+    write_file('/etc/sondrel/mysql.cnf', "[mysql]\nlocal-infile=1\n[client]\nuser=agent\npassword=$SECRET\n"
+        . ($more_options || ''));
+    chmod 0600, '/etc/sondrel/mysql.cnf' or die $!;
+    return;
+}
 
 sub look {
     my ($class) = @_;
@@ -61,14 +72,16 @@ sub mysql_server {
     my $abilities = 0x1 | 0x8 | 0x80 | 0x200 | 0x2000 | 0x8000 | 0x80000;
     return sub {
         my ($connection, $said) = @_;
-        send_packet($connection, 0, "\x0a" . "8.0.36\0" . pack('V', 1) . 'saltsalt' . "\0" . pack('v', $abilities & 0xffff)
+        send_packet($connection, 0, "\x0a" . "8.0.36\0" . pack('V', 1) . 'saltsalt' . "\0"
+            . pack('v', $abilities & 0xffff)
             . "\x21" . pack('v', 2) . pack('v', $abilities >> 16) . chr(21) . "\0" x 10 . "saltsaltsalt\0"
             . "mysql_native_password\0");
         my ($number, $login) = receive_packet($connection);
         return if !defined $login;
         syswrite $said, "login\n";
         if (defined $plugin) {
-            send_packet($connection, $number + 1, "\xfe$plugin\0" . ($plugin eq 'dialog' ? "\4Password: " : 'x' x 20 . "\0"));
+            send_packet($connection, $number + 1, "\xfe$plugin\0"
+                . ($plugin eq 'dialog' ? "\4Password: " : 'x' x 20 . "\0"));
             ($number, my $answer) = receive_packet($connection);
             syswrite $said, "answer: $answer\n" if defined $answer;
             return if !defined $answer;
@@ -91,67 +104,78 @@ sub mysql_server {
     };
 }
 
-my $OF_PLAIN = 'error plain: The account has a MySQL or MariaDB server of its own at /tmp/mysql.sock, which is not the'
-    . " host's and is not asked: its databases are not dumped. Dump those that are needed as this account, with mysqldump";
+my $OF_PLAIN = 'error plain: The account has a MySQL or MariaDB server of its own at /tmp/mysql.sock, which'
+    . ' is not the'
+    . " host's and is not asked: its databases are not dumped. Dump those that are needed as this account,"
+        . " with mysqldump";
 
 for my $plugin ('mysql_clear_password', 'dialog', 'mysql_native_password') {
-    my $fake = FakeServer->new(account => 'plain', path => '/tmp/mysql.sock', talk => mysql_server($plugin));
-    my ($problems, @servers) = look('Linux::MySql');
-    is $fake->said, '', "an account's server that asks by $plugin is not spoken to";
-    is_deeply [\@servers, problem_texts($problems)], [[], [$OF_PLAIN]], 'it is named, and no server of the host';
+    test "A server of an account that asks by $plugin is not spoken to" => sub {
+        begin_anew();
+        my $fake = FakeServer->new(account => 'plain', path => '/tmp/mysql.sock',
+            talk => mysql_server($plugin));
+        my ($problems, @servers) = look('Linux::MySql');
+        is $fake->said, '', "an account's server that asks by $plugin is not spoken to";
+        is_deeply [\@servers, problem_texts($problems)], [[], [$OF_PLAIN]],
+            'it is named, and no server of the host';
+    };
 }
-unlink '/tmp/mysql.sock';
 
-mkdir '/run/mysqld' or die $!;
-chown((getpwnam 'mysql')[2, 3], '/run/mysqld') or die $!;
 for my $plugin ('mysql_clear_password', 'dialog', 'caching_sha2_password', 'sha256_password') {
-    my $fake = FakeServer->new(account => 'mysql', path => '/run/mysqld/mysqld.sock', talk => mysql_server($plugin));
-    my ($problems) = look('Linux::MySql');
-    like $fake->said, qr/\Alogin\n/, "the service account's server that asks by $plugin is asked";
-    unlike $fake->said, qr/\Q$SECRET\E/, 'and does not learn the password as it is';
-    like join("\n", @{ problem_texts($problems) }), qr/\Aerror MariaDB: The server cannot be asked: .*\Q$plugin\E/,
-        'which is said';
+    test "A server of the service account that asks by $plugin does not learn the password" => sub {
+        begin_anew();
+        my $fake = FakeServer->new(account => 'mysql', path => '/run/mysqld/mysqld.sock',
+            talk => mysql_server($plugin));
+        my ($problems) = look('Linux::MySql');
+        like $fake->said, qr/\Alogin\n/, "the service account's server that asks by $plugin is asked";
+        unlike $fake->said, qr/\Q$SECRET\E/, 'and does not learn the password as it is';
+        like join("\n", @{ problem_texts($problems) }),
+            qr/\Aerror MariaDB: The server cannot be asked: .*\Q$plugin\E/,
+            'which is said';
+    };
 }
 
-{
+test 'A server that asks for a file gets none' => sub {
+    begin_anew();
     my $wanted = '/etc/sondrel/mysql.cnf';
-    my $fake = FakeServer->new(account => 'mysql', path => '/run/mysqld/mysqld.sock', talk => mysql_server(undef, $wanted));
+    my $fake = FakeServer->new(account => 'mysql', path => '/run/mysqld/mysqld.sock',
+        talk => mysql_server(undef, $wanted));
     look('Linux::MySql');
     like $fake->said, qr/\Alogin\n/, 'a server that asks for a file is asked';
     unlike $fake->said, qr/file:/, 'and gets none';
     my $server = bless { tree => Linux::Tree->new, problems => Agent::Problems->new, version => '8.0.36',
         dump => '/usr/bin/mariadb-dump', limit => 3,
-        login => ["--defaults-extra-file=$wanted", '--protocol=socket', '--socket=/run/mysqld/mysqld.sock'] }, 'Linux::MySql';
+        login => ["--defaults-extra-file=$wanted", '--protocol=socket',
+            '--socket=/run/mysqld/mysqld.sock'] }, 'Linux::MySql';
     $server->dump_tables({ name => 'shop' }, [], sub { });
     unlike $fake->said, qr/file:/, 'nor by a dump';
-}
+};
 
-# What option files of the host say about other servers does not lead the login there.
-{
+test 'Option files of the host do not lead the login to other servers' => sub {
+    begin_anew("host=127.0.0.1\nprotocol=tcp\nsocket=/tmp/other.sock\n");
     my $fake = FakeServer->new(account => 'mysql', path => '/run/mysqld/mysqld.sock', talk => mysql_server());
-    my $other = FakeServer->new(account => 'plain', path => '/tmp/other.sock', talk => mysql_server('mysql_clear_password'));
-    open $file, '>>', '/etc/sondrel/mysql.cnf' or die $!;
-    print {$file} "host=127.0.0.1\nprotocol=tcp\nsocket=/tmp/other.sock\n";
-    close $file or die $!;
+    my $other = FakeServer->new(account => 'plain', path => '/tmp/other.sock',
+        talk => mysql_server('mysql_clear_password'));
     my ($problems) = look('Linux::MySql');
     like $fake->said, qr/\Alogin\n/, "the host's server is asked";
     is $other->said, '', 'and no other that an option file names';
-    like join("\n", @{ problem_texts($problems) }), qr{^error plain: .* own at /tmp/other\.sock,}m, 'but that is named';
-}
+    like join("\n", @{ problem_texts($problems) }), qr{^error plain: .* own at /tmp/other\.sock,}m,
+        'but that is named';
+};
 
-# An account that clients log in as is no account that a server runs as.
-mkdir $_ or die $! for '/etc/mysql', '/etc/mysql/conf.d';
-open $file, '>', '/etc/mysql/conf.d/own.cnf' or die $!;
-print {$file} "[client]\nuser = plain\n[mysqld]\nuser = sudoer\n";
-close $file or die $!;
-for my $case ([plain => 0], [sudoer => 1]) {
-    my ($account, $counts) = @$case;
-    chmod 0777, '/run/mysqld' or die $!;
-    my $fake = FakeServer->new(account => $account, path => '/run/mysqld/mysqld.sock', talk => mysql_server('none'));
-    chmod 0755, '/run/mysqld' or die $!;
-    look('Linux::MySql');
-    is $fake->said =~ /\Alogin\n/ ? 1 : 0, $counts, "a server that runs as $account: $counts";
-}
+test 'An account that clients log in as is no account that a server runs as' => sub {
+    begin_anew();
+    write_file('/etc/mysql/conf.d/own.cnf', "[client]\nuser = plain\n[mysqld]\nuser = sudoer\n");
+    for my $case ([plain => 0], [sudoer => 1]) {
+        my ($account, $counts) = @$case;
+        chmod 0777, '/run/mysqld' or die $!;
+        my $fake = FakeServer->new(account => $account, path => '/run/mysqld/mysqld.sock',
+            talk => mysql_server('none'));
+        chmod 0755, '/run/mysqld' or die $!;
+        look('Linux::MySql');
+        is $fake->said =~ /\Alogin\n/ ? 1 : 0, $counts, "a server that runs as $account: $counts";
+    }
+};
 
 # --- what speaks as PostgreSQL ---
 
@@ -162,53 +186,60 @@ sub silent_server {
     };
 }
 
-{
-    my @fakes = map { FakeServer->new(account => 'plain', path => "/tmp/.s.PGSQL.$_", talk => silent_server()) } 5401 .. 5420;
-    my $began = Time::HiRes::time();
-    my ($problems, @servers) = look('Linux::PostgreSql');
-    cmp_ok Time::HiRes::time() - $began, '<', 2, 'twenty servers of an account cost no time';
-    is_deeply [join('', map { $_->said } @fakes), scalar @servers], ['', 0], 'none of them is spoken to';
-    is_deeply problem_texts($problems), ['error plain: The account has a PostgreSQL server of its own at /tmp/.s.PGSQL.5401,'
-        . " /tmp/.s.PGSQL.5402, /tmp/.s.PGSQL.5403 and 17 more, which is not the host's and is not asked: its databases are"
-        . ' not dumped. Dump those that are needed as this account, with pg_dump'], 'they are named once';
-}
-unlink glob '/tmp/.s.PGSQL.*';
+test 'Servers of an account cost no time and are named once' => sub {
+    begin_anew();
+        my @fakes = map { FakeServer->new(account => 'plain', path => "/tmp/.s.PGSQL.$_",
+            talk => silent_server()) } 5401 .. 5420;
+        my $began = Time::HiRes::time();
+        my ($problems, @servers) = look('Linux::PostgreSql');
+        cmp_ok Time::HiRes::time() - $began, '<', 2, 'twenty servers of an account cost no time';
+        is_deeply [join('', map { $_->said } @fakes), scalar @servers], ['', 0], 'none of them is spoken to';
+        is_deeply problem_texts($problems),
+            ['error plain: The account has a PostgreSQL server of its own at /tmp/.s.PGSQL.5401,'
+            . " /tmp/.s.PGSQL.5402, /tmp/.s.PGSQL.5403 and 17 more, which is not the host's and is not"
+                . " asked: its databases are"
+            . ' not dumped. Dump those that are needed as this account, with pg_dump'], 'they are named once';
+};
 
-# Servers of the service account that hang take together what one may take.
-{
-    my @fakes = map { FakeServer->new(account => 'postgres', path => "/tmp/.s.PGSQL.$_", talk => silent_server()) } 5401 .. 5406;
-    my $began = Time::HiRes::time();
-    my ($problems, @servers) = look('Linux::PostgreSql');
-    cmp_ok Time::HiRes::time() - $began, '<', 6, 'servers that hang take together what one may take';
-    is_deeply [map { /no answer within [\d.]+ seconds/ ? 'no answer within N seconds' : $_ } @{ problem_texts($problems) }],
-        [('no answer within N seconds') x 6], 'each is named';
-}
-unlink glob '/tmp/.s.PGSQL.*';
+test 'Servers of the service account that hang take together what one may take' => sub {
+    begin_anew();
+        my @fakes = map { FakeServer->new(account => 'postgres', path => "/tmp/.s.PGSQL.$_",
+            talk => silent_server()) } 5401 .. 5406;
+        my $began = Time::HiRes::time();
+        my ($problems, @servers) = look('Linux::PostgreSql');
+        cmp_ok Time::HiRes::time() - $began, '<', 6, 'servers that hang take together what one may take';
+        is_deeply [map { /no answer within [\d.]+ seconds/ ? 'no answer within N seconds'
+            : $_ } @{ problem_texts($problems) }],
+            [('no answer within N seconds') x 6], 'each is named';
+};
 
-# What the service account has left behind is a server that is down; what others have left is nothing.
-for my $case ([postgres => ['error PostgreSQL (port 5401): The server cannot be asked: it is not running'
-    . ' (/tmp/.s.PGSQL.5401: Connection refused)']], [plain => []]) {
-    FakeServer->new(account => $case->[0], path => '/tmp/.s.PGSQL.5401')->stop;
-    my ($problems) = look('Linux::PostgreSql');
-    is_deeply problem_texts($problems), $case->[1], "a socket that $case->[0] has left";
-    unlink '/tmp/.s.PGSQL.5401';
-}
+test 'A socket that the service account has left is a server that is down' => sub {
+    begin_anew();
+    # What the service account has left behind is a server that is down; what others have left is nothing.
+    for my $case ([postgres => ['error PostgreSQL (port 5401): The server cannot be asked: it is not running'
+        . ' (/tmp/.s.PGSQL.5401: Connection refused)']], [plain => []]) {
+        FakeServer->new(account => $case->[0], path => '/tmp/.s.PGSQL.5401')->stop;
+        my ($problems) = look('Linux::PostgreSql');
+        is_deeply problem_texts($problems), $case->[1], "a socket that $case->[0] has left";
+        unlink '/tmp/.s.PGSQL.5401';
+    }
+};
 
-# An account takes the port of a server that is down.
-mkdir $_ or die $! for '/etc/postgresql', '/etc/postgresql/15', '/etc/postgresql/15/main';
-open $file, '>', '/etc/postgresql/15/main/postgresql.conf' or die $!;
-print {$file} "port = 5432\n";
-close $file or die $!;
-my $squatter = FakeServer->new(account => 'plain', path => '/tmp/.s.PGSQL.5432', talk => silent_server());
-my ($problems, $server) = look('Linux::PostgreSql');
-is $squatter->said, '', 'who takes the place of a server that is down is not spoken to';
-is problem_texts($problems)->[-1], 'error PostgreSQL (port 5432): The server cannot be asked: it is not running, and the'
-    . " server at /tmp/.s.PGSQL.5432 is not the host's", 'the server is not running for all that';
+test 'An account that takes the port of a server that is down is not spoken to' => sub {
+    begin_anew();
+    write_file('/etc/postgresql/15/main/postgresql.conf', "port = 5432\n");
+    my $squatter = FakeServer->new(account => 'plain', path => '/tmp/.s.PGSQL.5432', talk => silent_server());
+    my ($problems, $server) = look('Linux::PostgreSql');
+    is $squatter->said, '', 'who takes the place of a server that is down is not spoken to';
+    is problem_texts($problems)->[-1],
+        'error PostgreSQL (port 5432): The server cannot be asked: it is not running, and the'
+        . " server at /tmp/.s.PGSQL.5432 is not the host's", 'the server is not running for all that';
 
-# And takes it after it was looked at.
-@$server{qw(folder owner)} = ('/tmp', [(getpwnam 'postgres')[2, 3]]);
-my (undef, $error) = $server->ask('SELECT 1');
-like $error, qr/requirepeer/, 'who takes it later is found out by the client';
-is $squatter->said, '', 'who says nothing to it';
+    # And takes it after it was looked at.
+    @$server{qw(folder owner)} = ('/tmp', [(getpwnam 'postgres')[2, 3]]);
+    my (undef, $error) = $server->ask('SELECT 1');
+    like $error, qr/requirepeer/, 'who takes it later is found out by the client';
+    is $squatter->said, '', 'who says nothing to it';
+};
 
-done_testing;
+run_tests;

@@ -4,6 +4,7 @@ use warnings;
 use FindBin;
 use lib map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Test::More;
+use Independent;
 
 # Done once just before the program goes into a directory of this name.
 my (%before);
@@ -23,33 +24,48 @@ use Errno qw(EACCES);
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
 
-my $top = tempdir(CLEANUP => 1);
-mkpath("$top/$_") for qw(site/public site/kept secret/public);
+# A new directory with the directories that are entered.
+sub laid_out {
+    my $top = tempdir(CLEANUP => 1);
+    mkpath("$top/$_") for qw(site/public site/kept secret/public);
+    return $top;
+}
 
-ok enter($top, '/site/public'), 'a folder below others is entered';
-is_deeply [(stat '.')[0, 1]], [(stat "$top/site/public")[0, 1]], 'which is the current one then';
-leave();
-ok !enter($top, '/site/absent'), 'one that is not there is not';
-leave();
-
-symlink 'site', "$top/link" or die $!;
-ok !enter($top, '/link/public') && $! == EACCES, 'a link on the way is refused';
-leave();
-
-$before{site} = sub {
-    rename "$top/site", "$top/moved" or die $!;
-    symlink 'secret', "$top/site" or die $!;
+test 'A directory is entered if it is there' => sub {
+    my $top = laid_out();
+    ok enter($top, '/site/public'), 'a folder below others is entered';
+    is_deeply [(stat '.')[0, 1]], [(stat "$top/site/public")[0, 1]], 'which is the current one then';
+    leave();
+    ok !enter($top, '/site/absent'), 'one that is not there is not';
+    leave();
 };
-ok !enter($top, '/site/public') && $! == EACCES, 'so is one that takes the place of a folder at that very moment';
-leave();
-unlink "$top/site" or die $!;
-rename "$top/moved", "$top/site" or die $!;
 
-$before{public} = sub {
-    rename "$top/site/public", "$top/site/old" or die $!;
-    rename "$top/secret/public", "$top/site/public" or die $!;
+test 'A link on the way is refused' => sub {
+    my $top = laid_out();
+    symlink 'site', "$top/link" or die $!;
+    ok !enter($top, '/link/public') && $! == EACCES, 'a link on the way is refused';
+    leave();
 };
-ok !enter($top, '/site/public') && $! == EACCES, 'and another folder in its place';
-leave();
 
-done_testing;
+test 'A link that takes the place of a directory at that very moment is refused' => sub {
+    my $top = laid_out();
+    $before{site} = sub {
+        rename "$top/site", "$top/moved" or die $!;
+        symlink 'secret', "$top/site" or die $!;
+    };
+    ok !enter($top, '/site/public') && $! == EACCES,
+        'so is one that takes the place of a folder at that very moment';
+    leave();
+};
+
+test 'Another directory that takes its place at that very moment is refused' => sub {
+    my $top = laid_out();
+    $before{public} = sub {
+        rename "$top/site/public", "$top/site/old" or die $!;
+        rename "$top/secret/public", "$top/site/public" or die $!;
+    };
+    ok !enter($top, '/site/public') && $! == EACCES, 'and another folder in its place';
+    leave();
+};
+
+run_tests;

@@ -6,7 +6,8 @@ use warnings;
 BEGIN {
     if (!$ENV{FURTHER_DATABASES_NETWORK}) {
         local $ENV{FURTHER_DATABASES_NETWORK} = 1;
-        exec 'unshare', '--net', 'sh', '-c', 'ip link set lo up && exec "$@"', 'sh', $^X, (map {"-I$_"} @INC), $0
+        exec 'unshare', '--net', 'sh', '-c', 'ip link set lo up && exec "$@"', 'sh', $^X,
+            (map {"-I$_"} @INC), $0
             or die "unshare: $!\n";
     }
 }
@@ -19,6 +20,7 @@ use Linux::Databases;
 use Linux::Tree;
 use PrivateServer;
 use Test::More;
+use Independent;
 
 sub noted {
     my ($tree, $problems) = (Linux::Tree->new, Agent::Problems->new);
@@ -27,23 +29,23 @@ sub noted {
     return problem_texts($problems);
 }
 
-my $first = PrivateServer->new('mariadb', '/mnt/first');
-my $usual = PrivateServer->new('postgresql', '/mnt/usual');
-is_deeply noted(), [], 'servers that are asked are not named' or diag explain noted();
+test 'Servers that are asked are not named and further ones are' => sub {
+    my $first = PrivateServer->new('mariadb', '/mnt/first');
+    my $usual = PrivateServer->new('postgresql', '/mnt/usual');
+    is_deeply noted(), [], 'servers that are asked are not named' or diag explain noted();
 
-my $second = PrivateServer->new('mariadb', '/mnt/second', '/mnt/second-socket');
-my $other = PrivateServer->new('postgresql', '/mnt/other', '/mnt/other-sockets');
-my $texts = join "\n", @{ noted() };
-like $texts, qr{^error MySQL or MariaDB: A further server, of the account mysql, listens at /mnt/second-socket/mysqld.sock and was not asked: its databases are not in the dump. Dump those that are needed by hand, with mysqldump$}m,
-    'a second instance is';
-like $texts, qr{^error PostgreSQL: A further server, of the account postgres, listens at /mnt/other-sockets/\.s\.PGSQL\.\d+ and was not asked}m,
-    'and a server in an unusual place';
-is scalar(split /\n/, $texts), 2, 'nothing else' or diag $texts;
+    my $second = PrivateServer->new('mariadb', '/mnt/second', '/mnt/second-socket');
+    my $other = PrivateServer->new('postgresql', '/mnt/other', '/mnt/other-sockets');
+    my $texts = join "\n", @{ noted() };
+    like $texts, qr{^error MySQL or MariaDB: A further server, of the account mysql, listens at /mnt/second-socket/mysqld.sock and was not asked: its databases are not in the dump. Dump those that are needed by hand, with mysqldump$}m,
+        'a second instance is';
+    like $texts, qr{^error PostgreSQL: A further server, of the account postgres, listens at /mnt/other-sockets/\.s\.PGSQL\.\d+ and was not asked}m,
+        'and a server in an unusual place';
+    is scalar(split /\n/, $texts), 2, 'nothing else' or diag $texts;
+};
 
-$first->stop;
-$second->stop;
-$usual->stop;
-$other->stop;
-is_deeply noted(), [], 'without servers there is nothing to say';
+test 'Without servers there is nothing to say' => sub {
+    is_deeply noted(), [], 'without servers there is nothing to say';
+};
 
-done_testing;
+run_tests;

@@ -69,4 +69,4 @@ test 'A certificate has its facts' => sub {
         'a missing one, too');
 };
 
-done_testing;
+run_tests;

@@ -7,6 +7,7 @@ use File::Path qw(mkpath);
 use Linux::HostProgram qw(answer_of program);
 use Linux::Tree;
 use Test::More;
+use Independent;
 use Imitated qw(imitated);
 
 my $tree = Linux::Tree->new;
@@ -21,41 +22,49 @@ chmod 0755, $program or die $!;
 
 sub asked { return answer_of($tree, [$program, @_]) }
 
-is asked(0, 'word'), "said 0 word\n", 'a program of root in directories of root is asked';
-is asked(1), undef, 'its answer does not count when it fails';
-is answer_of($tree, [$program, 1], partly => 1), "said 1\n", 'unless a part of it is enough';
-is answer_of((imitated())[0], [$program, 0]), undef, 'nothing is asked about a system that does not run';
-is answer_of($tree, ['/usr/bin/tail', '-f', '/dev/null'], limit => 0.2), undef, 'or when it does not end';
-is answer_of($tree, ['no-such-program-anywhere']), undef, 'a program may be missing';
-like program('sh'), qr{\A/(?:usr/)?bin/sh\z}, 'programs are found by their names';
+test 'A program of root is asked' => sub {
+    is asked(0, 'word'), "said 0 word\n", 'a program of root in directories of root is asked';
+    is asked(1), undef, 'its answer does not count when it fails';
+    is answer_of($tree, [$program, 1], partly => 1), "said 1\n", 'unless a part of it is enough';
+    is answer_of((imitated())[0], [$program, 0]), undef, 'nothing is asked about a system that does not run';
+    is answer_of($tree, ['/usr/bin/tail', '-f', '/dev/null'], limit => 0.2), undef, 'or when it does not end';
+    is answer_of($tree, ['no-such-program-anywhere']), undef, 'a program may be missing';
+    like program('sh'), qr{\A/(?:usr/)?bin/sh\z}, 'programs are found by their names';
+};
 
-{
-    local $ENV{PATH} = "$folder/bin";
-    is program('say'), undef, 'but not where the environment says';
-}
+test 'A program is not found where the environment says' => sub {
+        local $ENV{PATH} = "$folder/bin";
+        is program('say'), undef, 'but not where the environment says';
+};
 
 # Each of these lets another account put something else in the place of the program.
 my @ways = (
     ['another account owns it', sub { chown 1234, 0, $program }, sub { chown 0, 0, $program }],
     ['a group may write it', sub { chmod 0775, $program }, sub { chmod 0755, $program }],
     ['all may write it', sub { chmod 0757, $program }, sub { chmod 0755, $program }],
-    ['another account owns its directory', sub { chown 1234, 0, "$folder/bin" }, sub { chown 0, 0, "$folder/bin" }],
+    ['another account owns its directory', sub { chown 1234, 0, "$folder/bin" },
+        sub { chown 0, 0, "$folder/bin" }],
     ['all may write its directory', sub { chmod 01777, "$folder/bin" }, sub { chmod 0755, "$folder/bin" }],
     ['a group may write a directory above', sub { chmod 0775, $folder }, sub { chmod 0755, $folder }],
     ['it is not executable', sub { chmod 0644, $program }, sub { chmod 0755, $program }],
 );
 for my $way (@ways) {
     my ($what, $do, $undo) = @$way;
-    $do->() or die $!;
-    is asked(0), undef, "it is not asked where $what";
-    $undo->() or die $!;
+    test "A program is not asked where $what" => sub {
+        $do->() or die $!;
+        my $said = asked(0);
+        $undo->() or die $!;
+        is $said, undef, "it is not asked where $what";
+        is asked(0), "said 0\n", 'it is asked again when all is in order';
+    };
 }
-is asked(0), "said 0\n", 'it is asked again when all is in order';
 
-symlink "$folder/bin", "$folder/link" or die $!;
-is answer_of($tree, ["$folder/link/say", 0]), "said 0\n", 'a link of root may lead to it';
-system('chown', '-h', '1234', "$folder/link") == 0 or die 'chown';
-is answer_of($tree, ["$folder/link/say", 0]), undef, 'a link of another account may not';
-is program("$folder/bin"), undef, 'a directory is no program';
+test 'A link of root may lead to a program and one of another account may not' => sub {
+    symlink "$folder/bin", "$folder/link" or die $!;
+    is answer_of($tree, ["$folder/link/say", 0]), "said 0\n", 'a link of root may lead to it';
+    system('chown', '-h', '1234', "$folder/link") == 0 or die 'chown';
+    is answer_of($tree, ["$folder/link/say", 0]), undef, 'a link of another account may not';
+    is program("$folder/bin"), undef, 'a directory is no program';
+};
 
-done_testing;
+run_tests;

@@ -4,6 +4,7 @@ use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Test::More;
+use Independent;
 use Time::HiRes ();
 use Imitated qw(imitated problem_texts);
 use Linux::Applications;
@@ -50,51 +51,63 @@ sub in_time {
 }
 
 for my $what (sort keys %TEXTS) {
-    cmp_ok length $TEXTS{$what}, '<=', 256 * 1024, "$what: no longer than is read";
-    my @names = qw(wp-config.php .env config/config.ini.php app/etc/local.xml app/config/parameters.yml);
-    my ($tree, $problems) = imitated('srv/a/' => undef, map { ("srv/a/$_" => $TEXTS{$what}) } @names);
-    for my $name (@names) {
+    test "Settings are read in time that have $what" => sub {
+        cmp_ok length $TEXTS{$what}, '<=', 256 * 1024, "$what: no longer than is read";
+        my @names = qw(wp-config.php .env config/config.ini.php app/etc/local.xml app/config/parameters.yml);
+        my ($tree, $problems) = imitated('srv/a/' => undef, map { ("srv/a/$_" => $TEXTS{$what}) } @names);
+        for my $name (@names) {
+            my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
+            in_time(sub { $applications->values_of({ name => 'a.test' }, '/srv/a', "/srv/a/$name") },
+                "$what: $name is read in time");
+        }
+    };
+}
+
+test 'Files of long blanks are read in time' => sub {
+    my $site = "server { server_name a.test; root /srv/a; location ~ php { fastcgi_pass unix:/x; } }";
+    my $host = "<VirtualHost *:80>\nServerName a.test\nDocumentRoot /srv/a\nAddHandler php-script .php\n"
+        . "</VirtualHost>\n";
+    my %BLANKS = ('.user.ini' => "memory_limit=a" . ' ' x 900_000 . 'x', '.htaccess' => 'php_value a b'
+        . ' ' x 900_000 . 'x');
+    for my $case (['etc/nginx/nginx.conf', "http { $site }", '.user.ini'],
+        ['etc/apache2/apache2.conf', $host, '.htaccess']) {
+        my ($path, $text, $name) = @$case;
+        my ($tree, $problems) = imitated($path => $text, "srv/a/$name" => $BLANKS{$name} . "\n" . 'a='
+            . ';"' x 10_000);
+        in_time(sub { Linux::Sites::all($tree, $problems) }, "$name of blanks is read in time");
+    }
+};
+
+test 'The first ones of too many files of settings are read' => sub {
+        my $config = "<?php define('DB_NAME', 'own');\n" . '#' x 250_000;
+        my ($tree, $problems) = imitated(map { ("srv/a/$_/wp-config.php" => $config) } 1 .. 9);
         my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
-        in_time(sub { $applications->values_of({ name => 'a.test' }, '/srv/a', "/srv/a/$name") },
-            "$what: $name is read in time");
-    }
-}
+        my @found = $applications->settings({ name => 'a.test', owner => 'ann', root => '/srv/a',
+            roots => ['/srv/a'] });
+        cmp_ok scalar(@found), '<', 9, 'not all of too many files are read';
+        is_deeply [sort map {"$_->{name} $_->{file}"} @found],
+            [map {"own /srv/a/$_/wp-config.php"} 1 .. @found],
+            'but the first ones';
+        is scalar(grep {/not known: File too large/} @{ problem_texts($problems) }), 9 - @found,
+            'and the others are named';
+};
 
-my $site = "server { server_name a.test; root /srv/a; location ~ php { fastcgi_pass unix:/x; } }";
-my $host = "<VirtualHost *:80>\nServerName a.test\nDocumentRoot /srv/a\nAddHandler php-script .php\n</VirtualHost>\n";
-my %BLANKS = ('.user.ini' => "memory_limit=a" . ' ' x 900_000 . 'x', '.htaccess' => 'php_value a b' . ' ' x 900_000 . 'x');
-for my $case (['etc/nginx/nginx.conf', "http { $site }", '.user.ini'], ['etc/apache2/apache2.conf', $host, '.htaccess']) {
-    my ($path, $text, $name) = @$case;
-    my ($tree, $problems) = imitated($path => $text, "srv/a/$name" => $BLANKS{$name} . "\n" . 'a=' . ';"' x 10_000);
-    in_time(sub { Linux::Sites::all($tree, $problems) }, "$name of blanks is read in time");
-}
+test 'A second name of settings of another account says nothing' => sub {
+        my ($tree, $problems) = imitated('srv/a/' => [4711, 4711], 'srv/b/' => [4712, 4712]);
+        for my $name (qw(a b)) {
+            open my $file, '>', $tree->path("/srv/$name") . '/wp-config.php' or die $!;
+            print $file "<?php define('DB_NAME', 'of_$name');";
+            close $file;
+        }
+        my @config = map { $tree->path("/srv/$_") . '/wp-config.php' } qw(a b);
+        chown 4712, 4712, $config[1] or die $!;
+        unlink $config[0] or die $!;
+        link $config[1], $config[0] or die $!;
+        my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
+        my %found = map { my $name = $_; ($name => [map { $_->{name} } $applications->settings(
+            { name => $name, owner => $name, root => "/srv/$name", roots => ["/srv/$name"] })]) } qw(a b);
+        is_deeply \%found, { a => [], b => ['of_b'] },
+            "a second name of another account's settings says nothing";
+};
 
-{
-    my $config = "<?php define('DB_NAME', 'own');\n" . '#' x 250_000;
-    my ($tree, $problems) = imitated(map { ("srv/a/$_/wp-config.php" => $config) } 1 .. 9);
-    my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
-    my @found = $applications->settings({ name => 'a.test', owner => 'ann', root => '/srv/a', roots => ['/srv/a'] });
-    cmp_ok scalar(@found), '<', 9, 'not all of too many files are read';
-    is_deeply [sort map {"$_->{name} $_->{file}"} @found], [map {"own /srv/a/$_/wp-config.php"} 1 .. @found],
-        'but the first ones';
-    is scalar(grep {/not known: File too large/} @{ problem_texts($problems) }), 9 - @found, 'and the others are named';
-}
-
-{
-    my ($tree, $problems) = imitated('srv/a/' => [4711, 4711], 'srv/b/' => [4712, 4712]);
-    for my $name (qw(a b)) {
-        open my $file, '>', $tree->path("/srv/$name") . '/wp-config.php' or die $!;
-        print $file "<?php define('DB_NAME', 'of_$name');";
-        close $file;
-    }
-    my @config = map { $tree->path("/srv/$_") . '/wp-config.php' } qw(a b);
-    chown 4712, 4712, $config[1] or die $!;
-    unlink $config[0] or die $!;
-    link $config[1], $config[0] or die $!;
-    my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
-    my %found = map { my $name = $_; ($name => [map { $_->{name} } $applications->settings(
-        { name => $name, owner => $name, root => "/srv/$name", roots => ["/srv/$name"] })]) } qw(a b);
-    is_deeply \%found, { a => [], b => ['of_b'] }, "a second name of somebody else's settings says nothing";
-}
-
-done_testing;
+run_tests;

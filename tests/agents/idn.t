@@ -5,27 +5,39 @@ use FindBin;
 use lib map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Linux::Idn;
 use Test::More;
+use Independent;
 
-is_deeply [Linux::Idn::forms('Plain.Example')], ['plain.example'], 'a plain name is as it is, in lower case';
-is_deeply [Linux::Idn::forms('XN--BCHER-KVA.example')], ['xn--bcher-kva.example'], 'so is one that is converted already';
+test 'A name of ASCII is in lower case and else as it is' => sub {
+    is_deeply [Linux::Idn::forms('Plain.Example')], ['plain.example'],
+        'a plain name is as it is, in lower case';
+    is_deeply [Linux::Idn::forms('XN--BCHER-KVA.example')], ['xn--bcher-kva.example'],
+        'so is one that is converted already';
+};
 
-# The bytes that arrive are UTF-8.
-for my $pair (
-    ['bücher.example' => 'xn--bcher-kva.example'], ['BÜCHER.Example' => 'xn--bcher-kva.example'],
-    ["bu\xcc\x88cher.example" => 'xn--bcher-kva.example'], ['münchen.bücher.test' => 'xn--mnchen-3ya.xn--bcher-kva.test'],
-    ['ü' => 'xn--tda'], ['*.bücher.example' => '*.xn--bcher-kva.example'],
-    ['例え.テスト' => 'xn--r8jz45g.xn--zckzah'], ['例え。テスト' => 'xn--r8jz45g.xn--zckzah'],
-    ['почемужеонинеговорятпорусски' => 'xn--b1abfaaepdrnnbgefbadotcwatmq2g4l'],
-    ['3年b組金八先生' => 'xn--3b-ww4c5e180e575a65lsy2b'], ['😀.example' => 'xn--e28h.example'],
-    ["www.b\xef\xbd\x95cher.example" => 'www.bucher.example'],
-) {
-    my ($name, $expected) = @$pair;
-    is_deeply [Linux::Idn::forms($name)], [$expected], "$name is $expected";
-}
-is_deeply [Linux::Idn::forms('straße.example')], ['xn--strae-oqa.example', 'strasse.example'],
-    'what the older rules replace has a form by these, too';
-is_deeply [Linux::Idn::forms("b\xfccher.example")], ["b\xfccher.example"], 'what is no UTF-8 stays as it is';
-is_deeply [grep { utf8::is_utf8($_) && /[^\x00-\x7f]/ } map { Linux::Idn::forms($_) } 'bücher.example', 'plain.example'], [],
-    'what comes out are bytes';
+test 'A name in UTF-8 is converted' => sub {
+    for my $pair (
+        ['bücher.example' => 'xn--bcher-kva.example'], ['BÜCHER.Example' => 'xn--bcher-kva.example'],
+        ["bu\xcc\x88cher.example" => 'xn--bcher-kva.example'],
+        ['münchen.bücher.test' => 'xn--mnchen-3ya.xn--bcher-kva.test'],
+        ['ü' => 'xn--tda'], ['*.bücher.example' => '*.xn--bcher-kva.example'],
+        ['例え.テスト' => 'xn--r8jz45g.xn--zckzah'], ['例え。テスト' => 'xn--r8jz45g.xn--zckzah'],
+        ['почемужеонинеговорятпорусски' => 'xn--b1abfaaepdrnnbgefbadotcwatmq2g4l'],
+        ['3年b組金八先生' => 'xn--3b-ww4c5e180e575a65lsy2b'], ['😀.example' => 'xn--e28h.example'],
+        ["www.b\xef\xbd\x95cher.example" => 'www.bucher.example'],
+    ) {
+        my ($name, $expected) = @$pair;
+        is_deeply [Linux::Idn::forms($name)], [$expected], "$name is $expected";
+    }
+};
 
-done_testing;
+test 'Other forms of a name are given where the rules differ' => sub {
+    is_deeply [Linux::Idn::forms('straße.example')], ['xn--strae-oqa.example', 'strasse.example'],
+        'what the older rules replace has a form by these, too';
+    is_deeply [Linux::Idn::forms("b\xfccher.example")], ["b\xfccher.example"],
+        'what is no UTF-8 stays as it is';
+    is_deeply [grep { utf8::is_utf8($_) && /[^\x00-\x7f]/ } map { Linux::Idn::forms($_) } 'bücher.example',
+        'plain.example'], [],
+        'what comes out are bytes';
+};
+
+run_tests;

@@ -1,3 +1,4 @@
+# What the agent remembers from one dump to the next, and the status that it shows meanwhile.
 use strict;
 use warnings;
 use FindBin;
@@ -9,9 +10,16 @@ use Agent::Process qw(run);
 use Agent::Status;
 use File::Temp qw(tempdir);
 use Test::More;
+use Independent;
 
-my $dir = tempdir(CLEANUP => 1);
-my $private = Agent::Private->new($dir);
+my ($dir, $private);
+
+# A directory of an agent that has not dumped anything.
+sub begin_anew {
+    $dir = tempdir(CLEANUP => 1);
+    $private = Agent::Private->new($dir);
+    return;
+}
 
 sub made {
     my ($name, $bytes) = @_;
@@ -21,63 +29,87 @@ sub made {
 
 sub again { return Agent::Kept->new($private) }
 
-my $kept = again();
-ok !$kept->complete, 'nothing is complete at first';
-$kept->begin;
-$kept->add(made('content/a', 'aaa'), 'f1');
-$kept->add(made('content/b', 'bbb'), 'f2');
-is again()->find('content/a')->{fingerprint}, 'f1', 'an archive is remembered at once';
-ok !again()->complete, 'before the dump is complete';
-$kept->add(made('content/a', 'aaaa'), 'f3');
-is again()->find('content/a')->{fingerprint}, 'f3', 'the last word on it counts';
-ok !defined again()->find('content/c'), 'others are not known';
+# What is kept of a dump that has two archives and goes on.
+sub two_archives {
+    begin_anew();
+    my $kept = again();
+    $kept->begin;
+    $kept->add(made('content/a', 'aaa'), 'f1');
+    $kept->add(made('content/b', 'bbb'), 'f2');
+    return $kept;
+}
 
-open my $state, '>>', "$dir/state" or die $!;
-print $state "archive\tcontent/c\t3";
-close $state;
-$private->replace('content/c', 'ccc');
-is_deeply [map { $_->{name} } again()->all], [qw(content/a content/b)], 'half a line is no archive';
-$kept = again();
-$kept->begin;
-$kept->retain('content', 'content/a');
-is_deeply [$private->files_below('content')], ['content/a'], 'what is not wanted is removed';
-$kept->finish;
-ok again()->complete, 'a dump is complete when it says so';
-is_deeply [map { $_->{name} } again()->all], ['content/a'], 'with what is left';
-utime 1, 1, "$dir/content/a" or die $!;
-ok !defined again()->find('content/a'), 'an archive that was changed is not taken for the same';
-$kept->begin;
-ok !again()->complete, 'the next dump is not complete';
-$private->replace('state', "something else\ncomplete\n");
-ok !again()->complete, 'the state of another version says nothing';
+test 'Nothing is complete at first' => sub {
+    begin_anew();
+    ok !again()->complete, 'nothing is complete at first';
+};
 
-# --- the status, on a disk that is full for a while ---
+test 'An archive is remembered at once' => sub {
+    my $kept = two_archives();
+    is again()->find('content/a')->{fingerprint}, 'f1', 'an archive is remembered at once';
+    ok !again()->complete, 'before the dump is complete';
+    $kept->add(made('content/a', 'aaaa'), 'f3');
+    is again()->find('content/a')->{fingerprint}, 'f3', 'the last word on it counts';
+    ok !defined again()->find('content/c'), 'others are not known';
+};
 
-my $small = tempdir(CLEANUP => 1);
-is run(['mount', '-t', 'tmpfs', '-o', 'size=64k,mode=700', 'small', $small])->{status}, 0, 'a small disk is there';
-my $problems = Agent::Problems->new;
-my $status = Agent::Status->new(Agent::Private->new($small), $problems);
+test 'Half a line is no archive' => sub {
+    two_archives();
+    open my $state, '>>', "$dir/state" or die $!;
+    print $state "archive\tcontent/c\t3";
+    close $state;
+    $private->replace('content/c', 'ccc');
+    is_deeply [map { $_->{name} } again()->all], [qw(content/a content/b)], 'half a line is no archive';
+};
+
+test 'A dump is complete when it says so, until it changes or another begins' => sub {
+    my $kept = two_archives();
+    $kept->retain('content', 'content/a');
+    is_deeply [$private->files_below('content')], ['content/a'], 'what is not wanted is removed';
+    $kept->finish;
+    ok again()->complete, 'a dump is complete when it says so';
+    is_deeply [map { $_->{name} } again()->all], ['content/a'], 'with what is left';
+    utime 1, 1, "$dir/content/a" or die $!;
+    ok !defined again()->find('content/a'), 'an archive that was changed is not taken for the same';
+    $kept->begin;
+    ok !again()->complete, 'the next dump is not complete';
+    $private->replace('state', "something else\ncomplete\n");
+    ok !again()->complete, 'the state of another version says nothing';
+};
+
+sub on_small_disk {
+    my $small = tempdir(CLEANUP => 1);
+        my $mounted = run(['mount', '-t', 'tmpfs', '-o', 'size=64k,mode=700', 'small', $small]);
+        is $mounted->{status}, 0, 'a small disk is there';
+    my $problems = Agent::Problems->new;
+        return ($small, $problems, Agent::Status->new(Agent::Private->new($small), $problems));
+}
 
 sub shown {
-    my $result = run(['xmllint', '--xpath', "string(/*/\@$_[0])", "$small/dumping-status.xml"]);
+    my ($small, $attribute) = @_;
+    my $result = run(['xmllint', '--xpath', "string(/*/\@$attribute)", "$small/dumping-status.xml"]);
     chomp $result->{out};
     return $result->{out};
 }
 
-is shown('stage'), 'starting', 'a status is there from the beginning';
-$status->set(stage => 'content', total => 5);
-is shown('total'), 5, 'a new stage is shown at once';
-open my $filler, '>', "$small/filler" or die $!;
-1 while syswrite $filler, 'x' x 4096;
-$problems->add(severity => 'error', object => 'x', text => 'y');
-$status->set(stage => 'document', done => 5);
-is shown('stage'), 'content', 'the old status stays while the disk is full';
-ok !eval { $status->write; 1 }, 'and who must know is told';
-ok !-e "$small/dumping-status.xml.new", 'with nothing left behind';
-close $filler;
-unlink "$small/filler" or die $!;
-$status->write;
-is_deeply [map { shown($_) } qw(stage done problems pid)], ['document', 5, 1, $$], 'later it is true again';
-run(['umount', $small]);
+test 'The status stays as it was while the disk is full' => sub {
+    my ($small, $problems, $status) = on_small_disk();
+    is shown($small, 'stage'), 'starting', 'a status is there from the beginning';
+    $status->set(stage => 'content', total => 5);
+    is shown($small, 'total'), 5, 'a new stage is shown at once';
+    open my $filler, '>', "$small/filler" or die $!;
+    1 while syswrite $filler, 'x' x 4096;
+    $problems->add(severity => 'error', object => 'x', text => 'y');
+    $status->set(stage => 'document', done => 5);
+    is shown($small, 'stage'), 'content', 'the old status stays while the disk is full';
+    ok !eval { $status->write; 1 }, 'and who must know is told';
+    ok !-e "$small/dumping-status.xml.new", 'with nothing left behind';
+    close $filler;
+    unlink "$small/filler" or die $!;
+    $status->write;
+    is_deeply [map { shown($small, $_) } qw(stage done problems pid)], ['document', 5, 1, $$],
+        'later it is true again';
+    run(['umount', $small]);
+};
 
-done_testing;
+run_tests;

@@ -1,3 +1,4 @@
+# What belongs to a certificate: where the programs that renew certificates keep it, and their accounts.
 use strict;
 use warnings;
 use FindBin;
@@ -5,12 +6,14 @@ use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Imitated qw(imitated);
 use Linux::Lineage;
 use Test::More;
+use Independent;
 
 my ($tree) = imitated(
     (map { ("etc/letsencrypt/live/$_->[0]/$_->[1].pem" => \"../../archive/$_->[0]/$_->[1]2.pem",
         "etc/letsencrypt/archive/$_->[0]/$_->[1]2.pem" => 'x') } map { my $name = $_; map { [$name, $_] }
         qw(cert chain fullchain privkey) } qw(a.test other.test)),
-    'etc/letsencrypt/renewal/a.test.conf' => "version = 2.1.0\naccount = 0123abc\nserver = x\n[renewalparams]\n",
+    'etc/letsencrypt/renewal/a.test.conf' =>
+        "version = 2.1.0\naccount = 0123abc\nserver = x\n[renewalparams]\n",
     'etc/letsencrypt/accounts/acme.example/directory/0123abc/private_key.json' => 'x',
     'etc/letsencrypt/accounts/acme.example/directory/fff/private_key.json' => 'x',
     'etc/nginx/ssl/a.pem' => \'/etc/letsencrypt/live/a.test/fullchain.pem',
@@ -28,25 +31,42 @@ sub paths_of {
     return [map {@{ $_->{paths} }} Linux::Lineage->new($tree)->of(@_)];
 }
 
-my @of_a = ((map {"/etc/letsencrypt/$_"} qw(live/a.test archive/a.test renewal/a.test.conf)),
+my @OF_A = ((map {"/etc/letsencrypt/$_"} qw(live/a.test archive/a.test renewal/a.test.conf)),
     '/etc/letsencrypt/accounts/acme.example/directory/0123abc');
-is_deeply paths_of(map {"/etc/letsencrypt/live/a.test/$_.pem"} qw(fullchain privkey)), \@of_a,
-    'certbot keeps a certificate in several places, and an account; those of others are left out';
-is_deeply paths_of('/etc/nginx/ssl/a.pem'), \@of_a, 'a link may lead there';
-is_deeply [Linux::Lineage->new($tree)->of('/etc/letsencrypt/live/a.test/cert.pem')]->[0]{directories}, [
-    { path => '/etc/letsencrypt/live', mode => '0700', uid => 0, gid => 0 },
-    { path => '/etc/letsencrypt/archive', mode => '0700', uid => 0, gid => 0 },
-    { path => '/etc/letsencrypt/accounts', mode => '0755', uid => 0, gid => 0 },
-], 'the modes of the directories above are known';
-is_deeply paths_of('/etc/letsencrypt/live/other.test/cert.pem'), [], 'what is not renewed has no lineage';
-is_deeply paths_of('/etc/nginx/ssl/b.key'),
-    ['/root/.acme.sh/b.test_ecc', '/root/.acme.sh/account.conf', '/root/.acme.sh/ca'],
-    'acme.sh notes where it has copied a key to';
-is_deeply paths_of('/root/.acme.sh/c.test/c.test.conf')->[0], '/root/.acme.sh/c.test', 'or is asked for its own file';
-is_deeply paths_of('/var/lib/lego/certificates/d.test.crt'),
-    [(map {"/var/lib/lego/certificates/d.test.$_"} qw(crt json)), '/var/lib/lego/accounts'], 'lego is known';
-is_deeply paths_of('/var/lib/dehydrated/certs/f.test/fullchain.pem'),
-    ['/var/lib/dehydrated/certs/f.test', '/var/lib/dehydrated/accounts'], 'so is dehydrated';
-is_deeply paths_of('/etc/ssl/certs/plain.pem', undef, '/absent', 'relative'), [], 'other files have none';
 
-done_testing;
+test 'What certbot keeps of a certificate is found' => sub {
+    is_deeply paths_of(map {"/etc/letsencrypt/live/a.test/$_.pem"} qw(fullchain privkey)), \@OF_A,
+        'certbot keeps a certificate in several places, and an account; those of others are left out';
+    is_deeply paths_of('/etc/nginx/ssl/a.pem'), \@OF_A, 'a link may lead there';
+    is_deeply [Linux::Lineage->new($tree)->of('/etc/letsencrypt/live/a.test/cert.pem')]->[0]{directories}, [
+        { path => '/etc/letsencrypt/live', mode => '0700', uid => 0, gid => 0 },
+        { path => '/etc/letsencrypt/archive', mode => '0700', uid => 0, gid => 0 },
+        { path => '/etc/letsencrypt/accounts', mode => '0755', uid => 0, gid => 0 },
+    ], 'the modes of the directories above are known';
+    is_deeply paths_of('/etc/letsencrypt/live/other.test/cert.pem'), [], 'what is not renewed has no lineage';
+};
+
+test 'What acme.sh keeps of a certificate is found' => sub {
+    is_deeply paths_of('/etc/nginx/ssl/b.key'),
+        ['/root/.acme.sh/b.test_ecc', '/root/.acme.sh/account.conf', '/root/.acme.sh/ca'],
+        'acme.sh notes where it has copied a key to';
+    is_deeply paths_of('/root/.acme.sh/c.test/c.test.conf')->[0], '/root/.acme.sh/c.test',
+        'or is asked for its own file';
+};
+
+test 'What lego keeps of a certificate is found' => sub {
+    is_deeply paths_of('/var/lib/lego/certificates/d.test.crt'),
+        [(map {"/var/lib/lego/certificates/d.test.$_"} qw(crt json)), '/var/lib/lego/accounts'],
+        'lego is known';
+};
+
+test 'What dehydrated keeps of a certificate is found' => sub {
+    is_deeply paths_of('/var/lib/dehydrated/certs/f.test/fullchain.pem'),
+        ['/var/lib/dehydrated/certs/f.test', '/var/lib/dehydrated/accounts'], 'so is dehydrated';
+};
+
+test 'Other files have no lineage' => sub {
+    is_deeply paths_of('/etc/ssl/certs/plain.pem', undef, '/absent', 'relative'), [], 'other files have none';
+};
+
+run_tests;

@@ -7,6 +7,7 @@ use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use FakeServer;
 use Linux::LocalSocket qw(look_at_socket);
 use Test::More;
+use Independent;
 use Time::HiRes ();
 
 my @MYSQL = (getpwnam 'mysql')[2, 3];
@@ -28,37 +29,57 @@ sub look {
 }
 
 my %trusted = (state => 'trusted', owner => \@MYSQL);
-is_deeply look('mysql', \@MYSQL, 0755), \%trusted, 'a server of the service account in its own directory counts';
-is_deeply look('root', [0, 0], 0755), { state => 'trusted', owner => [0, 0] }, 'one of root does';
-is_deeply look('mysql', [0, 0], 01777), \%trusted, 'one in a directory as /tmp does, if the socket is the account\'s';
-is_deeply look('mysql', \@MYSQL, 02775), \%trusted, 'the group of the service account may write into the directory';
-is_deeply look('plain', [0, 0], 01777), { state => 'foreign', uid => $PLAIN[0] }, 'a server of another account does not count';
-is_deeply look('plain', [0, 0], 01777, sub { chown @MYSQL, $_[0] or die $! }), { state => 'foreign', uid => $PLAIN[0] },
-    'nor if its socket were given to the service account';
-is_deeply look('mysql', [0, 0], 01777, sub { chown @PLAIN, $_[0] or die $! }), { state => 'foreign', uid => $PLAIN[0] },
-    'nor one of the service account at the socket of another';
-is_deeply look('mysql', \@PLAIN, 0755), { state => 'foreign', uid => $PLAIN[0] }, 'nor one in a directory of another account';
-is_deeply look('mysql', [0, 0], 0777), { state => 'foreign', uid => 0, directory => "/mnt/case$number" },
-    'nor one in a directory that all may write into';
-is_deeply look('mysql', [0, $PLAIN[1]], 0775), { state => 'foreign', uid => 0, directory => "/mnt/case$number" },
-    'nor one in a directory that the group of others may write into';
 
-mkdir '/mnt/outer' or die $!;
-mkdir '/mnt/outer/inner' or die $!;
-chown @MYSQL, '/mnt/outer/inner' or die $!;
-my $inner = FakeServer->new(account => 'mysql', path => '/mnt/outer/inner/socket');
-is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL), \%trusted, 'all directories above are looked at';
-chown @PLAIN, '/mnt/outer' or die $!;
-is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL), { state => 'foreign', uid => $PLAIN[0] },
-    'and one of another account among them is enough';
-chown 0, 0, '/mnt/outer' or die $!;
-$inner->stop;
-is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL), { state => 'none', why => 'Connection refused',
-    left_over => 1 }, 'a socket that the service account has left is told from others';
-is_deeply look_at_socket('/mnt/outer/inner/missing', \@MYSQL), { state => 'none', why => 'No such file or directory' },
-    'neither is one that is missing';
-is_deeply look_at_socket('/mnt/outer', \@MYSQL), { state => 'none', why => 'it is no socket' }, 'nor what is no socket';
-is look_at_socket('/mnt/outer/' . 'x' x 200, \@MYSQL)->{state}, 'none', 'nor a path that is too long';
+test 'A server of root or of the service account counts' => sub {
+    is_deeply look('mysql', \@MYSQL, 0755), \%trusted,
+        'a server of the service account in its own directory counts';
+    is_deeply look('root', [0, 0], 0755), { state => 'trusted', owner => [0, 0] }, 'one of root does';
+    is_deeply look('mysql', [0, 0], 01777), \%trusted,
+        'one in a directory as /tmp does, if the socket is the account\'s';
+    is_deeply look('mysql', \@MYSQL, 02775), \%trusted,
+        'the group of the service account may write into the directory';
+};
+
+test 'A server of another account or in a place of others does not count' => sub {
+    is_deeply look('plain', [0, 0], 01777), { state => 'foreign', uid => $PLAIN[0] },
+        'a server of another account does not count';
+    is_deeply look('plain', [0, 0], 01777, sub { chown @MYSQL, $_[0] or die $! }),
+        { state => 'foreign', uid => $PLAIN[0] },
+        'nor if its socket were given to the service account';
+    is_deeply look('mysql', [0, 0], 01777, sub { chown @PLAIN, $_[0] or die $! }),
+        { state => 'foreign', uid => $PLAIN[0] },
+        'nor one of the service account at the socket of another';
+    is_deeply look('mysql', \@PLAIN, 0755), { state => 'foreign', uid => $PLAIN[0] },
+        'nor one in a directory of another account';
+    is_deeply look('mysql', [0, 0], 0777), { state => 'foreign', uid => 0, directory => "/mnt/case$number" },
+        'nor one in a directory that all may write into';
+    is_deeply look('mysql', [0, $PLAIN[1]], 0775),
+        { state => 'foreign', uid => 0, directory => "/mnt/case$number" },
+        'nor one in a directory that the group of others may write into';
+};
+
+test 'All directories above a socket are looked at' => sub {
+    mkdir '/mnt/outer' or die $!;
+    mkdir '/mnt/outer/inner' or die $!;
+    chown @MYSQL, '/mnt/outer/inner' or die $!;
+    my $inner = FakeServer->new(account => 'mysql', path => '/mnt/outer/inner/socket');
+    is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL), \%trusted,
+        'all directories above are looked at';
+    chown @PLAIN, '/mnt/outer' or die $!;
+    is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL), { state => 'foreign', uid => $PLAIN[0] },
+        'and one of another account among them is enough';
+    chown 0, 0, '/mnt/outer' or die $!;
+    $inner->stop;
+    is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL),
+        { state => 'none', why => 'Connection refused',
+        left_over => 1 }, 'a socket that the service account has left is told from others';
+    is_deeply look_at_socket('/mnt/outer/inner/missing', \@MYSQL),
+        { state => 'none', why => 'No such file or directory' },
+        'neither is one that is missing';
+    is_deeply look_at_socket('/mnt/outer', \@MYSQL), { state => 'none', why => 'it is no socket' },
+        'nor what is no socket';
+    is look_at_socket('/mnt/outer/' . 'x' x 200, \@MYSQL)->{state}, 'none', 'nor a path that is too long';
+};
 
 # Servers that take no connections cost no time when they are of others, and little otherwise.
 sub busy {
@@ -73,16 +94,20 @@ sub busy {
     }
     return [$server, @waiting];
 }
-mkdir '/mnt/busy' or die $!;
-chmod 01777, '/mnt/busy' or die $!;
-my @busy = map { busy('plain', "/mnt/busy/$_") } 1 .. 20;
-my $began = Time::HiRes::time();
-is_deeply look_at_socket("/mnt/busy/$_", \@MYSQL), { state => 'foreign', uid => $PLAIN[0] }, "busy server $_ of another account"
-    for 1 .. 20;
-cmp_ok Time::HiRes::time() - $began, '<', 1.5, 'nobody waits for them';
-push @busy, busy('mysql', '/mnt/busy/own');
-is_deeply look_at_socket('/mnt/busy/own', \@MYSQL), { state => 'none', why => 'it takes no connections',
-    left_over => 1 },
-    'one of the service account is waited for, not for ever';
 
-done_testing;
+test 'Servers that take no connections cost little time' => sub {
+    mkdir '/mnt/busy' or die $!;
+    chmod 01777, '/mnt/busy' or die $!;
+    my @busy = map { busy('plain', "/mnt/busy/$_") } 1 .. 20;
+    my $began = Time::HiRes::time();
+    is_deeply look_at_socket("/mnt/busy/$_", \@MYSQL), { state => 'foreign', uid => $PLAIN[0] },
+        "busy server $_ of another account"
+        for 1 .. 20;
+    cmp_ok Time::HiRes::time() - $began, '<', 1.5, 'nobody waits for them';
+    push @busy, busy('mysql', '/mnt/busy/own');
+    is_deeply look_at_socket('/mnt/busy/own', \@MYSQL), { state => 'none', why => 'it takes no connections',
+        left_over => 1 },
+        'one of the service account is waited for, not for ever';
+};
+
+run_tests;

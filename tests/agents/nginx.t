@@ -324,4 +324,4 @@ END
     } [2, 'stream', '5432, 127.0.0.1:6000'], [7, 'mail', '143']], 'and is named' or diag explain problem_texts($problems);
 };
 
-done_testing;
+run_tests;

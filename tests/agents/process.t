@@ -1,8 +1,10 @@
+# Programs that the agent runs: their input, output, errors, status, time limits and chains.
 use strict;
 use warnings;
 use FindBin;
 use lib map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Test::More;
+use Independent;
 use Time::HiRes ();
 use Agent::Process qw(run stream start finish which);
 
@@ -19,103 +21,128 @@ sub becomes_true {
     return 0;
 }
 
-is_deeply run(perl_code('print "out"; print STDERR "err"; exit 3')),
-    { status => 3, statuses => [3], out => 'out', err => 'err' }, 'run gives status, output and errors';
-is run(['printf', '%s|', '$HOME', '`id`', '*'])->{out}, '$HOME|`id`|*|', 'arguments meet no shell';
-is run(perl_code('print $ENV{LC_ALL}'))->{out}, 'C', 'programs speak plain English';
-{
-    local $ENV{GONE} = 'x';
-    is run(perl_code('print exists $ENV{GONE} ? 1 : 0, $ENV{NEW}'), env => { GONE => undef,
-        NEW => 'n' })->{out},
-        '0n', 'the environment can be changed for a program';
-    is $ENV{GONE}, 'x', 'the own environment stays';
-}
-my $missing = run(['no-such-program', 'x']);
-is $missing->{status}, 127, 'a missing program is status 127';
-is $missing->{err}, "no-such-program: not found\n", 'a missing program is named';
-is run(perl_code('kill 9, $$'))->{status}, 128 + 9, 'a signal is told by the status';
-
-my $text = join '', map {"line $_\n"} 1 .. 100_000;
-is run(perl_code('print while <STDIN>'), stdin => $text)->{out}, $text,
-    'long input and output flow both ways';
-is run(perl_code('print STDERR "x" x 500_000; print "done"'))->{out}, 'done',
-    'many errors do not block a program';
-is length run(perl_code('print STDERR "x" x 500_000'))->{err}, 16384, 'the last errors are kept';
-is run(perl_code('close STDIN; print "early"'), stdin => $text)->{out}, 'early',
-    'a program need not read its input';
-is run(perl_code('print "nothing" if !defined <STDIN>'))->{out}, 'nothing',
-    'input is empty where none is given';
-
-my $began = Time::HiRes::time();
-my $slow = run(perl_code('$| = 1; print "begun"; sleep 60'), limit => 0.5);
-is $slow->{why}, 'limit', 'a program over its time is ended';
-is $slow->{out}, 'begun', 'what it wrote before is kept';
-cmp_ok Time::HiRes::time() - $began, '<', 5, 'the limit is kept';
-is run(perl_code('close STDOUT; close STDERR; sleep 60'), limit => 0.5)->{why}, 'limit',
-    'the limit holds for a program that has closed its outputs';
-is run(perl_code('$SIG{TERM} = "IGNORE"; $| = 1; print "x"; sleep 60'), limit => 0.5)->{status}, 128 + 9,
-    'a program that ignores the request is killed';
-my $endless = run(['yes'], most => 1000);
-is $endless->{why}, 'most', 'a program that writes too much is ended';
-is length $endless->{out}, 1000, 'no more than asked for is kept';
-
-my ($got, $ticks) = ('', 0);
-my $piped = stream([perl_code('print "b\na\n"'), ['sort'], perl_code('print uc while <STDIN>')],
-    out => sub { $got .= $_[0]; 1 }, tick => sub { $ticks++ });
-is $got, "A\nB\n", 'programs are chained';
-is_deeply $piped->{statuses}, [0, 0, 0], 'each one has its status';
-cmp_ok $ticks, '>=', 1, 'the caller is called in between';
-is stream([perl_code('print "x"; exit 4'), ['cat']], out => sub {1})->{status}, 4,
-    'a failure at the beginning of a chain is seen';
-my $broken = stream([['yes'], perl_code('exit 5')], limit => 20);
-is_deeply [$broken->{statuses}, $broken->{why}], [[128 + 13, 5], undef],
-    'a chain ends when its last program does';
-
-my $pid_file_child;
-my $died = !eval {
-    stream(perl_code('$| = 1; print $$; sleep 60'), out => sub { $pid_file_child = $_[0]; die "stop\n" });
-    1;
+test 'A program gives its status, output and errors' => sub {
+    is_deeply run(perl_code('print "out"; print STDERR "err"; exit 3')),
+        { status => 3, statuses => [3], out => 'out', err => 'err' }, 'run gives status, output and errors';
+    is run(['printf', '%s|', '$HOME', '`id`', '*'])->{out}, '$HOME|`id`|*|', 'arguments meet no shell';
+    is run(perl_code('print $ENV{LC_ALL}'))->{out}, 'C', 'programs speak plain English';
+    {
+        local $ENV{GONE} = 'x';
+        is run(perl_code('print exists $ENV{GONE} ? 1 : 0, $ENV{NEW}'), env => { GONE => undef,
+            NEW => 'n' })->{out},
+            '0n', 'the environment can be changed for a program';
+        is $ENV{GONE}, 'x', 'the own environment stays';
+    }
+    my $missing = run(['no-such-program', 'x']);
+    is $missing->{status}, 127, 'a missing program is status 127';
+    is $missing->{err}, "no-such-program: not found\n", 'a missing program is named';
+    is run(perl_code('kill 9, $$'))->{status}, 128 + 9, 'a signal is told by the status';
 };
-ok $died, 'a callback that dies is heard';
-is $@, "stop\n", 'with its own words';
-ok !kill(0, $pid_file_child), 'and the program is gone';
 
-my $count = 0;
-stream(perl_code('$| = 1; for (1..20) { select undef, undef, undef, 0.1; print "." }'),
-    out => sub {1}, tick => sub { $count++ });
-cmp_ok $count, '>=', 3, 'ticks come at least every second';
+test 'Long input and output flow both ways' => sub {
+    my $text = join '', map {"line $_\n"} 1 .. 100_000;
+    is run(perl_code('print while <STDIN>'), stdin => $text)->{out}, $text,
+        'long input and output flow both ways';
+    is run(perl_code('print STDERR "x" x 500_000; print "done"'))->{out}, 'done',
+        'many errors do not block a program';
+    is length run(perl_code('print STDERR "x" x 500_000'))->{err}, 16384, 'the last errors are kept';
+    is run(perl_code('close STDIN; print "early"'), stdin => $text)->{out}, 'early',
+        'a program need not read its input';
+    is run(perl_code('print "nothing" if !defined <STDIN>'))->{out}, 'nothing',
+        'input is empty where none is given';
+};
 
-my $heard = '';
-stream([perl_code('print STDERR "a" x 40_000'), perl_code('print STDERR "b" x 40_000')],
-    errors => sub { $heard .= $_[0] });
-is_deeply [map { eval "\$heard =~ tr/$_//" } qw(a b)], [40_000, 40_000], 'all errors of a chain can be heard';
+test 'A program that takes too long or writes too much is ended' => sub {
+    my $began = Time::HiRes::time();
+    my $slow = run(perl_code('$| = 1; print "begun"; sleep 60'), limit => 0.5);
+    is $slow->{why}, 'limit', 'a program over its time is ended';
+    is $slow->{out}, 'begun', 'what it wrote before is kept';
+    cmp_ok Time::HiRes::time() - $began, '<', 5, 'the limit is kept';
+    is run(perl_code('close STDOUT; close STDERR; sleep 60'), limit => 0.5)->{why}, 'limit',
+        'the limit holds for a program that has closed its outputs';
+    is run(perl_code('$SIG{TERM} = "IGNORE"; $| = 1; print "x"; sleep 60'), limit => 0.5)->{status}, 128 + 9,
+        'a program that ignores the request is killed';
+    my $endless = run(['yes'], most => 1000);
+    is $endless->{why}, 'most', 'a program that writes too much is ended';
+    is length $endless->{out}, 1000, 'no more than asked for is kept';
+};
 
-{
-    my $waited = 0;
-    local $Agent::Process::while_waiting = sub { $waited++ };
-    run(perl_code('sleep 1'));
-    cmp_ok $waited, '>=', 2, 'short questions are waited for with what the caller wants done';
-}
+test 'Programs are chained' => sub {
+    my ($got, $ticks) = ('', 0);
+    my $piped = stream([perl_code('print "b\na\n"'), ['sort'], perl_code('print uc while <STDIN>')],
+        out => sub { $got .= $_[0]; 1 }, tick => sub { $ticks++ });
+    is $got, "A\nB\n", 'programs are chained';
+    is_deeply $piped->{statuses}, [0, 0, 0], 'each one has its status';
+    cmp_ok $ticks, '>=', 1, 'the caller is called in between';
+    is stream([perl_code('print "x"; exit 4'), ['cat']], out => sub {1})->{status}, 4,
+        'a failure at the beginning of a chain is seen';
+    my $broken = stream([['yes'], perl_code('exit 5')], limit => 20);
+    is_deeply [$broken->{statuses}, $broken->{why}], [[128 + 13, 5], undef],
+        'a chain ends when its last program does';
+};
 
-my $child = start(perl_code('print while <STDIN>; exit 6'), stdin => 'pipe');
-syswrite $child->{in}, 'hello';
-close delete $child->{in};
-is readline $child->{out}, 'hello', 'a started program has pipes';
-is finish($child), 6, 'and a status';
-is finish($child), 6, 'which can be asked for again';
+test 'A callback that dies ends the program' => sub {
+    my $pid_file_child;
+    my $died = !eval {
+        stream(perl_code('$| = 1; print $$; sleep 60'), out => sub { $pid_file_child = $_[0]; die "stop\n" });
+        1;
+    };
+    ok $died, 'a callback that dies is heard';
+    is $@, "stop\n", 'with its own words';
+    ok !kill(0, $pid_file_child), 'and the program is gone';
+};
 
-open my $input, '<', $0 or die $!;
-is run(['cat'], stdin => $input)->{out}, do { local @ARGV = $0; local $/; <> }, 'a handle serves as input';
+test 'A callback comes at least every second' => sub {
+    my $count = 0;
+    stream(perl_code('$| = 1; for (1..20) { select undef, undef, undef, 0.1; print "." }'),
+        out => sub {1}, tick => sub { $count++ });
+    cmp_ok $count, '>=', 3, 'ticks come at least every second';
+};
 
-like which('cat'), qr{^/.*/cat$}, 'programs are found';
-is which('no-such-program'), undef, 'or not';
-is which('/etc/passwd'), undef, 'a file that cannot be executed is no program';
-{
-    local $ENV{PATH} = '/nowhere';
-    ok which('chroot'), 'programs for the administrator are found without PATH';
-}
-is Agent::Process::lower_priority(), undef, 'priority can be lowered';
-is getpriority(0, 0), 15, 'and then is';
-is run(['ionice', '-p', $$])->{out}, "best-effort: prio 7\n", 'for disks too';
+test 'All errors of a chain can be heard' => sub {
+    my $heard = '';
+    stream([perl_code('print STDERR "a" x 40_000'), perl_code('print STDERR "b" x 40_000')],
+        errors => sub { $heard .= $_[0] });
+    is_deeply [map { eval "\$heard =~ tr/$_//" } qw(a b)], [40_000, 40_000],
+        'all errors of a chain can be heard';
+};
 
-done_testing;
+test 'The caller can do something while it waits for short questions' => sub {
+        my $waited = 0;
+        local $Agent::Process::while_waiting = sub { $waited++ };
+        run(perl_code('sleep 1'));
+        cmp_ok $waited, '>=', 2, 'short questions are waited for with what the caller wants done';
+};
+
+test 'A started program has pipes and a status' => sub {
+    my $child = start(perl_code('print while <STDIN>; exit 6'), stdin => 'pipe');
+    syswrite $child->{in}, 'hello';
+    close delete $child->{in};
+    is readline $child->{out}, 'hello', 'a started program has pipes';
+    is finish($child), 6, 'and a status';
+    is finish($child), 6, 'which can be asked for again';
+};
+
+test 'A handle serves as input' => sub {
+    open my $input, '<', $0 or die $!;
+    is run(['cat'], stdin => $input)->{out}, do { local @ARGV = $0; local $/; <> },
+        'a handle serves as input';
+};
+
+test 'Programs are found' => sub {
+    like which('cat'), qr{^/.*/cat$}, 'programs are found';
+    is which('no-such-program'), undef, 'or not';
+    is which('/etc/passwd'), undef, 'a file that cannot be executed is no program';
+    {
+        local $ENV{PATH} = '/nowhere';
+        ok which('chroot'), 'programs for the administrator are found without PATH';
+    }
+};
+
+test 'Priority can be lowered' => sub {
+    is Agent::Process::lower_priority(), undef, 'priority can be lowered';
+    is getpriority(0, 0), 15, 'and then is';
+    is run(['ionice', '-p', $$])->{out}, "best-effort: prio 7\n", 'for disks too';
+};
+
+run_tests;

@@ -394,4 +394,4 @@ END
     });
 };
 
-done_testing;
+run_tests;

@@ -7,18 +7,21 @@ use Dumped;
 use File::Temp qw(tempdir);
 use Imitated qw(imitated output_of write_file);
 use Test::More;
+use Independent;
 
-# Debian's rpm has its records in homes; those of systems that are made of its packages are here.
-my $home = $ENV{HOME} = tempdir(CLEANUP => 1);
-my ($tree) = imitated(
-    'etc/passwd' => "root:x:0:0:root:/root:/bin/sh\n",
-    'etc/nginx/nginx.conf' => "http { server { listen 80; server_name blog.test; root /usr/share/blog; } }\n",
-    'var/lib/rpm/' => undef,
-);
-(my $root = $tree->root) =~ s{/\z}{};
+sub lay_out {
+    # Debian's rpm has its records in homes; those of systems that are made of its packages are here.
+    my $home = $ENV{HOME} = tempdir(CLEANUP => 1);
+    my ($tree) = imitated(
+        'etc/passwd' => "root:x:0:0:root:/root:/bin/sh\n",
+        'etc/nginx/nginx.conf' =>
+            "http { server { listen 80; server_name blog.test; root /usr/share/blog; } }\n",
+        'var/lib/rpm/' => undef,
+    );
+    (my $root = $tree->root) =~ s{/\z}{};
 
-write_file("$home/.rpmmacros", "%_dbpath /var/lib/rpm\n%_topdir $home/build\n");
-write_file("$home/blog.spec", <<'END');
+    write_file("$home/.rpmmacros", "%_dbpath /var/lib/rpm\n%_topdir $home/build\n");
+    write_file("$home/blog.spec", <<'END');
 Name: blog
 Version: 1.2
 Release: 3
@@ -41,20 +44,28 @@ echo setting > %{buildroot}/etc/blog/blog.conf
 %dir /var/lib/blog
 %dir /var/lib/blog/cache
 END
-output_of('rpmbuild', '-bb', "$home/blog.spec");
-output_of('rpm', "--root=$root", '--initdb');
-output_of('rpm', "--root=$root", '--install', '--nodeps', '--noscripts', glob "$home/build/RPMS/noarch/*.rpm");
-write_file("$root/usr/share/blog/inner.php", 'changed');
-write_file("$root/etc/blog/local.conf", 'made');
-write_file("$root/var/lib/blog/posts/first", 'a post');
+    output_of('rpmbuild', '-bb', "$home/blog.spec");
+    output_of('rpm', "--root=$root", '--initdb');
+    output_of('rpm', "--root=$root", '--install', '--nodeps', '--noscripts',
+        glob "$home/build/RPMS/noarch/*.rpm");
+    write_file("$root/usr/share/blog/inner.php", 'changed');
+    write_file("$root/etc/blog/local.conf", 'made');
+    write_file("$root/var/lib/blog/posts/first", 'a post');
+    return $tree;
+}
 
-my $dump = Dumped->new($tree, '', '--dump-all');
-is $dump->errors, '', 'the description is valid';
-is_deeply [map { $dump->found("string(//site/package/\@$_)") } qw(name version architecture manager changed)],
-    ['blog', '1.2-3', 'noarch', 'rpm', 1], 'the package is named with its version and what was changed';
-is_deeply [grep { !/nginx/ } @{ $dump->members('blog.test') }],
-    [map {"./$_"} qw(etc/blog/blog.conf etc/blog/local.conf usr/share/blog/inner.php var/lib/blog/posts/first)],
-    'its configuration, its state and what was changed are packed, and nothing else of it';
-is_deeply [grep {/\Aerror/} @{ $dump->problems_of('blog.test') }], [], 'nothing is missing';
+test 'A site that a package of rpm has brought is named and packed without what installing brings' => sub {
+    my $tree = lay_out();
+    my $dump = Dumped->new($tree, '', '--dump-all');
+    is $dump->errors, '', 'the description is valid';
+    is_deeply [map { $dump->found("string(//site/package/\@$_)") } qw(name version architecture manager
+        changed)],
+        ['blog', '1.2-3', 'noarch', 'rpm', 1], 'the package is named with its version and what was changed';
+    is_deeply [grep { !/nginx/ } @{ $dump->members('blog.test') }],
+        [map {"./$_"} qw(etc/blog/blog.conf etc/blog/local.conf usr/share/blog/inner.php
+            var/lib/blog/posts/first)],
+        'its configuration, its state and what was changed are packed, and nothing else of it';
+    is_deeply [grep {/\Aerror/} @{ $dump->problems_of('blog.test') }], [], 'nothing is missing';
+};
 
-done_testing;
+run_tests;

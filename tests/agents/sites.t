@@ -353,4 +353,4 @@ test 'What .htaccess says and the record does not is named' => sub {
     is_deeply $site->{files}, [], 'and makes no other file a part of the site';
 };
 
-done_testing;
+run_tests;

@@ -191,4 +191,4 @@ END
     is found('string(//web-configuration/directive[@name="listen"]/arg)'), 80, 'but whole';
 };
 
-done_testing;
+run_tests;
