@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+#include "commons/xml_wrap.h"
+
+/// What the tests of reading and of saving XML documents share.
+
+inline const char* const NO_NAME = nullptr;
+
+/// A document with one child of the root.
+inline tXmlDtmDocument makeDocument(const std::string& text) {
+  tXmlDtmDocument document;
+  document.initNewDoc("root");
+  document.newTextChild(document.root(), "child", text);
+  return document;
+}
