@@ -1,6 +1,7 @@
 #include "commons/atomic_replacement.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,11 +10,29 @@
 
 #include "commons/commons.h"
 
+namespace {
+
+/// mkstemp gives this one.
+constexpr mode_t PRIVATE_MODE = 0600;
+
+FileAccess ofServiceAccount() {
+  const ServiceAccount& owner = serviceAccount();
+  return {owner.user, owner.group, PRIVATE_MODE};
+}
+
+}  // namespace
+
 AtomicReplacement::AtomicReplacement(const std::string& target, Durability durability)
+    : AtomicReplacement(target, getFileNameFromPath(target), ofServiceAccount()) {
+  durability_ = durability;
+}
+
+AtomicReplacement::AtomicReplacement(const std::string& target, const std::string& prefix,
+                                     const FileAccess& access)
     : target_(target),
-      durability_(durability),
-      temporaryName_(
-          DTM_getTempFileName(getDirectoryOf(target), getFileNameFromPath(target), temporary_)) {}
+      access_(access),
+      durability_(Durability::CRASH_SAFE),
+      temporaryName_(DTM_getTempFileName(getDirectoryOf(target), prefix, temporary_)) {}
 
 AtomicReplacement::~AtomicReplacement() {
   if (removeTemporary_) std::remove(temporaryName_.c_str());
@@ -21,15 +40,31 @@ AtomicReplacement::~AtomicReplacement() {
 
 void AtomicReplacement::commit() {
   removeTemporary_ = false;
-  const ServiceAccount& owner = serviceAccount();
-  if (chown(temporaryName_.c_str(), owner.user, owner.group) != 0) {
+  if (!giveAway()) {
     throw Exc<&CantTakeFileOwnership>(HERE) % temporaryName_ % std::strerror(errno);
   }
-  const bool crashSafe = durability_ == Durability::CRASH_SAFE;
-  if ((crashSafe && !syncTemporary()) || !moveOverTarget() ||
-      (crashSafe && !syncDirectoryOf(target_))) {
+  if (!replaceTarget()) {
     throw Exc<&CantRenameFile>(HERE) % temporaryName_ % target_ % std::strerror(errno);
   }
+}
+
+bool AtomicReplacement::tryCommit() {
+  removeTemporary_ = !(giveAway() && replaceTarget());
+  return !removeTemporary_;
+}
+
+/// False with errno.
+bool AtomicReplacement::giveAway() const {
+  const char* const name = temporaryName_.c_str();
+  return chown(name, access_.user, access_.group) == 0 &&
+         (access_.mode == PRIVATE_MODE || chmod(name, access_.mode) == 0);
+}
+
+/// False with errno.
+bool AtomicReplacement::replaceTarget() const {
+  const bool crashSafe = durability_ == Durability::CRASH_SAFE;
+  return (!crashSafe || syncTemporary()) && moveOverTarget() &&
+         (!crashSafe || syncDirectoryOf(target_));
 }
 
 /// Syncs the file, also what was written through other descriptors. False with errno.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "commons/exceptions.h"
@@ -15,21 +17,31 @@ enum class Durability {
   CHEAP
 };
 
+/// Whom a replaced file belongs to, and who may use it.
+struct FileAccess {
+  uid_t user;
+  gid_t group;
+  mode_t mode;
+};
+
 /// Replaces a file in one step: the caller writes a temporary file beside it, which is then
-/// given to the service account and moved over the target. Readers see the old
-/// content or the new, never a part.
+/// given to its owner and moved over the target. Readers see the old content or the new,
+/// never a part.
 ///
 ///   AtomicReplacement replacement(target);
 ///   write(replacement.temporaryName());
 ///   replacement.commit();
 ///
 /// Without `commit`, as when writing failed, the temporary file is removed. After a
-/// failed `commit` it is left in place, as evidence.
+/// failed `commit` it is left in place, as evidence; after a failed `tryCommit` it is removed.
 class AtomicReplacement {
  public:
-  /// Creates the temporary file. Throws CantCreateTempFile.
+  /// Creates the temporary file, for the service account alone. Throws CantCreateTempFile.
   explicit AtomicReplacement(const std::string& target,
                              Durability durability = Durability::CRASH_SAFE);
+  /// The same, CRASH_SAFE, for a file of another owner and mode. The name of the temporary file
+  /// is `prefix` and six characters.
+  AtomicReplacement(const std::string& target, const std::string& prefix, const FileAccess& access);
   ~AtomicReplacement();
   AtomicReplacement(const AtomicReplacement&) = delete;
   AtomicReplacement& operator=(const AtomicReplacement&) = delete;
@@ -44,12 +56,17 @@ class AtomicReplacement {
   /// Throws CantTakeFileOwnership or CantRenameFile; the target is then untouched, or, if only
   /// its directory could not be put on the disk, replaced.
   void commit();
+  /// The same for callers with error texts of their own: false with errno.
+  bool tryCommit();
 
  private:
+  bool giveAway() const;
+  bool replaceTarget() const;
   bool syncTemporary() const;
   bool moveOverTarget() const;
 
   std::string target_;
+  FileAccess access_;
   Durability durability_;
   UniqueFd temporary_;
   std::string temporaryName_;

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "commons/atomic_replacement.h"
 #include "commons/commons.h"
 #include "commons/output_file.h"
 #include "commons/xml_wrap.h"
@@ -85,30 +86,14 @@ void writeRecord(tXmlDtmDocument& document, Step step, const StepRecord& record)
   document.addAttribute(node, "exit-code", std::to_string(record.exitCode));
 }
 
-/// Removes a file that is still there when it goes.
-class TemporaryFile {
- public:
-  explicit TemporaryFile(std::string path) : path_(std::move(path)) {}
-  ~TemporaryFile() { std::remove(path_.c_str()); }
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-/// Replaces `target`. Not an AtomicReplacement: that gives its files to the service account.
-void replaceByRootsFile(const tXmlDocument& document, const std::string& target) {
-  const TemporaryFile temporary(DTM_getTempFileName(getPath(target), "state.xml."));
-  OutputFile file(temporary.path());
+/// A file of root's, which the service account can read.
+void replaceFile(const tXmlDocument& document, const std::string& target) {
+  AtomicReplacement replacement(target, "state.xml.",
+                                {geteuid(), serviceAccount().group, DOCUMENT_MODE});
+  OutputFile file(replacement.temporaryName());
   document.saveToStream(file.stream());
-  if (!file.syncAndClose()) fail(temporary.path() + ": " + file.errorText());
-  const std::string& path = temporary.path();
-  if (chown(path.c_str(), geteuid(), serviceAccount().group) != 0 ||
-      chmod(path.c_str(), DOCUMENT_MODE) != 0 || std::rename(path.c_str(), target.c_str()) != 0) {
-    failWithErrno(target);
-  }
+  if (!file.syncAndClose()) fail(replacement.temporaryName() + ": " + file.errorText());
+  if (!replacement.tryCommit()) failWithErrno(target);
 }
 
 }  // namespace
@@ -177,7 +162,7 @@ void State::save(const std::string& session) const {
                         of(step).progress != Progress::WAITING;
     if (isSaid) writeRecord(document, step, of(step));
   }
-  replaceByRootsFile(document, documentIn(session));
+  replaceFile(document, documentIn(session));
 }
 
 std::vector<Step> State::doneSteps() const {

@@ -177,6 +177,28 @@ TEST(AtomicReplacementTest, UsesTheGroupOfTheServiceAccount) {
   EXPECT_EQ(serviceAccount().group, 20006u);
 }
 
+TEST(AtomicReplacementTest, GivesTheFileToTheOwnerAndTheModeThatAreNamed) {
+  const ScopedTempDir dir;
+  AtomicReplacement replacement(dir / "target", "begin.", {20001, 20000, 0640});
+  EXPECT_THAT(replacement.temporaryName(), testing::StartsWith(dir / "begin."));
+  writeFile(replacement.temporaryName(), "new");
+  EXPECT_TRUE(replacement.tryCommit());
+  EXPECT_EQ(readFile(dir / "target"), "new");
+  EXPECT_EQ(ownerAndMode(dir / "target"), "20001:20000 640");
+  EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("target"));
+}
+
+TEST(AtomicReplacementTest, LeavesNothingOfAnAttemptThatFails) {
+  const ScopedTempDir dir;
+  ASSERT_EQ(mkdir((dir / "target").c_str(), 0755), 0);
+  {
+    AtomicReplacement replacement(dir / "target", "begin.", {0, 0, 0640});
+    EXPECT_FALSE(replacement.tryCommit());
+    EXPECT_EQ(errno, EISDIR);
+  }
+  EXPECT_THAT(entriesOf(dir.path()), testing::ElementsAre("target"));
+}
+
 TEST(ServiceAccountTest, IsRootWhereItDoesNotExist) {
   IN_FRESH_PROCESS();
   const ScopedFile passwd("/etc/passwd", "root:x:0:0::/:/bin/sh\n");
