@@ -6,20 +6,21 @@ import dataclasses
 import itertools
 import json
 import os
-import platform
 import socket
 import statistics
 import subprocess
 import sys
-import threading
 import time
 
 from contestants import (BINARY, CATALOGUED, ENVIRONMENT, HOST, OFFERED, PEER, PRISTINE, ROOT, TOP, BenchHost, Link,
                          catalogue, further_pass, link_files, make_pristine, measure,
                          negotiated_algorithms, offer, remove, rsync, same, scp, sondrel, ssh, ssh_cat, timed)
 from figure import Figure
-from linux_host import install_linux_agent, web_host
+from linux_agent import install_linux_agent
+from linux_host import web_host
+from link_speed import round_trips, seconds_to_send
 from publish import publish
+from report import as_json, machine, row
 from source_services import add_user
 from world import content_verified, enter_private_network, write
 
@@ -288,40 +289,6 @@ def make_site(folder, files, size, owner):
     subprocess.run(["chown", "-R", f"{owner[0]}:{owner[1]}", folder], check=True)
 
 
-def seconds_to_send(listener, port, size):
-    """Until the last byte has arrived."""
-    block = bytes(MIB)
-
-    def send():
-        with socket.create_connection((HOST, port)) as sender:
-            for begin in range(0, size, MIB):
-                sender.sendall(block[:size - begin])
-    start = time.perf_counter()
-    thread = threading.Thread(target=send)
-    thread.start()
-    with listener.accept()[0] as receiver:
-        buffer = bytearray(MIB)
-        received = 0
-        while count := receiver.recv_into(buffer):
-            received += count
-    thread.join()
-    assert received == size, f"{received} bytes have arrived, and not {size}"
-    return time.perf_counter() - start
-
-
-def round_trips(listener, port, count):
-    """Seconds for each of so many single bytes to come back."""
-    trips = []
-    with socket.create_connection((HOST, port)) as near, listener.accept()[0] as far:
-        for _ in range(count):
-            start = time.perf_counter()
-            near.sendall(b"!")
-            far.sendall(far.recv(1))
-            near.recv(1)
-            trips.append(time.perf_counter() - start)
-    return trips
-
-
 def distance(rtt_ms, least=None):
     return {f"rtt-{rtt_ms}": lambda bench: bench.one_file(256 * MIB, rtt_ms, least=least),
             f"rtt-{rtt_ms}-1gbit": lambda bench: bench.one_file(256 * MIB, rtt_ms, gbit=1, least=least)}
@@ -348,31 +315,6 @@ CASES = {
     "memory": Bench.memory,
     "help": Bench.usage_text,
 }
-
-
-# --- the report ------------------------------------------------------------------------------
-
-def machine():
-    def first_line(*command):
-        done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=True)
-        return done.stdout.splitlines()[0]
-    cpu = next(line for line in open("/proc/cpuinfo", encoding="utf-8") if line.startswith("model name"))
-    return {"cpu": cpu.split(":", 1)[1].strip(), "cores": os.cpu_count(), "kernel": platform.release(),
-            "memory_gib": os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE") / GIB,
-            "load_before": os.getloadavg()[0], "ssh": first_line("ssh", "-V"), "rsync": first_line("rsync", "--version"),
-            "libssh2": first_line("dpkg-query", "-W", "-f", "${Version}\n", "libssh2-1*")}
-
-
-def as_json(measured, figures):
-    return {"contestants": {name: {"median_seconds": runs.seconds, "median_cpu_seconds": runs.cpu_seconds,
-                                   "peak_mib": runs.peak_mib, "seconds": [run.seconds for run in runs]}
-                            for name, runs in measured.items()},
-            "figures": [{**dataclasses.asdict(figure), "met": figure.met()} for figure in figures]}
-
-
-def row(case, measured, figures):
-    medians = "; ".join(f"{name} {runs.seconds:.3f} s" for name, runs in measured.items())
-    return f"| {case} | {medians} | {'; '.join(map(str, figures))} |"
 
 
 def main():

@@ -33,8 +33,11 @@ def pytest_sessionstart(session):
 
 
 def sentence(item):
-    """test_scout.py::test_stores_it[root login] -> "scout: stores it (root login)"."""
-    topic = item.path.stem[len("test_"):]
+    """test_scout.py::test_stores_it[root login] -> "scout: stores it (root login)".
+
+    Several files have one subject: test_scout__faults.py has tests of "scout", too.
+    """
+    topic = item.path.stem[len("test_"):].partition("__")[0]
     name, _, variant = item.name[len("test_"):].partition("[")
     text = f"{topic}: {name}".replace("_", " ")
     return text + (f" ({variant[:-1]})" if variant else "")

@@ -1,7 +1,7 @@
 """A fixture for tests that let the agent "linux" work on a host of theirs."""
 import pytest
 
-from linux_host import Agent
+from linux_agent import Agent
 
 
 @pytest.fixture

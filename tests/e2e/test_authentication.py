@@ -2,7 +2,8 @@
 import pytest
 
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from scripted_server import Script, ScriptedServer
+from script import Script
+from scripted_server import ScriptedServer
 from source_host import install_agent
 from tool import Destination, Session
 from world import DTM, PLAIN, Login, write

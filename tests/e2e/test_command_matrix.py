@@ -9,9 +9,12 @@ import pytest
 from content import left, offered
 from gates import gated_host, run_to
 from invariants import ARCHIVES, check, complete
-from scripted_server import Script, ScriptedServer
+from remote_scout import MIB, SCOUT, result, scout_failure
+from script import Script
+from scripted_server import ScriptedServer
 from source_host import SourceHost, deployed_agent, install_agent, use_shell
-from test_remote_commands import LEAKY, MIB, SCOUT, peak_bytes, processor_time, result, scout_failure, sum_of
+from test_remote_commands__course import processor_time
+from test_remote_commands__data import LEAKY, peak_bytes, sum_of
 from test_signal_matrix import SUM_OF_LARGE, executed
 from tool import Destination, Outcome, Session
 from world import PLAIN, ROOT, files_below, process_running, wait_until, write

@@ -9,7 +9,8 @@ import pytest
 
 from content import offered
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from scripted_server import Script, ScriptedServer, ends, fin
+from script import Script, ends, fin
+from scripted_server import ScriptedServer
 from source_host import install_agent
 from tool import Destination, Session
 from world import DTM, HOST, PLAIN, ROOT, read, write

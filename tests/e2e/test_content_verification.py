@@ -5,7 +5,8 @@ import subprocess
 import pytest
 
 from content import left, md5, offered
-from scripted_server import Script, ScriptedServer, ends
+from script import Script, ends
+from scripted_server import ScriptedServer
 from source_host import SourceHost, install_agent, use_shell
 from tool import Destination, Outcome, Session
 from world import CONFIGURATION, ROOT, SUDOER, files_below, read, wait_until, write

@@ -10,7 +10,8 @@ import pytest
 
 import gates
 from content import offered
-from linux_host import FORMATS, check_schema, install_linux_agent, populate, web_host
+from linux_agent import FORMATS, check_schema, install_linux_agent
+from linux_host import populate, web_host
 from source_host import deployed_agent
 from test_dumping_status import IN_THROW_AWAY_ROOT, throw_away_root  # noqa: F401  a fixture
 from tool import Destination, Running, Session

@@ -6,7 +6,8 @@ import subprocess
 import pytest
 
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from scripted_server import Script, ScriptedServer
+from script import Script
+from scripted_server import ScriptedServer
 from source_host import SourceHost, install_sample_agent
 from tool import Destination, Session
 from world import CONFIGURATION, DTM, HOST, PLAIN, read, write

@@ -8,7 +8,8 @@ import pytest
 
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from migrating import MIGRATE, in_place, migrate, sample_source
-from scripted_server import Script, ScriptedServer
+from script import Script
+from scripted_server import ScriptedServer
 from source_host import SourceHost, deployed_agent
 from terminal import Terminal
 from test_servers import dropbear

@@ -6,9 +6,10 @@ import xml.etree.ElementTree
 
 import pytest
 
+from archives import STAGE, assert_same_tree, unpack
+from linux_agent import AGENT_DIR, Agent, Dump, Gate, check_schema, without_perl_modules
 from linux_fixtures import agent  # noqa: F401  a fixture
-from linux_host import (AGENT_DIR, STAGE, Agent, Dump, Gate, assert_same_tree, check_schema, databases, populate,
-                        populate_apache, unpack, web_host, without_perl_modules)
+from linux_host import databases, populate, populate_apache, web_host
 from source_services import add_user, fill_root, owned
 from world import PLAIN, die_with_parent, owner_and_mode, read, wait_until
 

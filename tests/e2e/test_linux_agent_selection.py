@@ -5,7 +5,8 @@ import shutil
 
 import pytest
 
-from linux_host import Agent, check_schema, databases, many_sites, populate, populate_apache, web_host
+from linux_agent import Agent, check_schema
+from linux_host import databases, many_sites, populate, populate_apache, web_host
 from source_services import add_crontab, add_user, fill_root
 from world import read, write
 

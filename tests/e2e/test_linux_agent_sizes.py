@@ -8,10 +8,11 @@ import time
 
 import pytest
 
-from linux_host import (Dump, assert_same_tree, databases, fill_root, install_linux_agent, mysql_state,
-                        postgresql_state, restored, unpack, web_host)
+from archives import assert_same_tree, unpack
+from linux_agent import Dump, install_linux_agent
+from linux_host import databases, mysql_state, postgresql_state, restored, web_host
 from source_host import SourceHost
-from source_services import add_crontab, add_maildir, add_user, owned
+from source_services import add_crontab, add_maildir, add_user, fill_root, owned
 from tool import Destination, Session
 from world import ROOT, SESSION, read, write
 

@@ -6,9 +6,10 @@ import time
 
 import pytest
 
+from archives import STAGE, unpack
+from linux_agent import Agent, Gate, check_schema
 from linux_fixtures import agent  # noqa: F401  a fixture
-from linux_host import (STAGE, Agent, Gate, WORDPRESS_LIKE, check_schema, databases, populate, unpack,
-                        web_host)
+from linux_host import WORDPRESS_LIKE, databases, populate, web_host
 from source_services import add_user, fill_root, owned
 from world import LOGINS, read, write
 

@@ -8,8 +8,9 @@ import xml.etree.ElementTree
 import pytest
 
 import snapshot
-from linux_host import (check_schema, databases, described, install_linux_agent, many_sites, populate,
-                        populate_apache, web_host, without_perl_modules)
+from archives import described
+from linux_agent import check_schema, install_linux_agent, without_perl_modules
+from linux_host import databases, many_sites, populate, populate_apache, web_host
 from snapshot import own_folders  # noqa: F401  a fixture
 from source_services import FOLDERS, add_user, fill_root
 from tool import Destination, Session

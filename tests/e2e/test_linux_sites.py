@@ -6,7 +6,9 @@ import ssl
 
 import pytest
 
-from linux_host import STAGE, Agent, check_schema, unpack, web_host
+from archives import STAGE, unpack
+from linux_agent import Agent, check_schema
+from linux_host import web_host
 from source_services import add_user, certificate, fill_root, owned, take_away
 from world import read, write
 

@@ -7,7 +7,8 @@ import time
 import pytest
 
 from fast_clock import fast_clock  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from scripted_server import Script, ScriptedServer, Stopped, disconnect, ends, fin, mute, rst
+from script import Script, disconnect, ends, fin, mute, rst
+from scripted_server import ScriptedServer, Stopped
 from source_host import install_agent
 from tool import Destination, Session
 from world import DTM, PLAIN, ROOT, write

@@ -7,7 +7,7 @@ import signal
 import pytest
 
 from gates import CAT, PROGRAMS, WAIT, Gate, gated_host
-from linux_host import check_schema
+from linux_agent import check_schema
 from migrating import MIGRATE, STEPS, State, in_place, migrate, progress_of, sample_source, start, status
 from tool import Destination, Running, Session
 from world import (DTM, HOST, PLAIN, RECORDS, ROOT, SESSION, SOURCE_TREE, SUDOER, files_below, owner_and_mode, read,

@@ -9,7 +9,8 @@ import signal
 import pytest
 
 from content import content_list
-from scripted_server import Script, ScriptedServer
+from script import Script
+from scripted_server import ScriptedServer
 from source_host import SourceHost, deployed_agent, install_agent, set_password
 from tool import Destination, Session, sondrel
 from world import AGENTS, BINARY, DTM, HERE, RECORDS, ROOT, RUNS, SUDOER, Login, read, write

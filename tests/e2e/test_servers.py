@@ -13,11 +13,13 @@ import pytest
 
 from content import left, offered
 from invariants import ARCHIVES, check
-from scripted_server import Script, ScriptedServer
+from remote_scout import MIB
+from script import Script
+from scripted_server import ScriptedServer
 from source_host import SourceHost, deployed_agent, install_sample_agent, set_password, use_shell
 from test_authentication import REFUSED
 from test_connection import START_FAILED
-from test_remote_commands import LEAKY, MIB
+from test_remote_commands__data import LEAKY
 from test_signal_matrix import executed, holds_open
 from tool import Destination, Outcome, Session
 from world import (DTM, HOST, LOGS, PLAIN, ROOT, SOURCE_TREE, Login, die_with_parent, files_below, read, wait_until,

@@ -12,7 +12,8 @@ import pytest
 from content import offered
 from gates import gated_host, offered_behind_gates, run_to
 from invariants import ARCHIVES, TERMINATED, check, check_documents, check_nothing_lost, complete, temporaries
-from scripted_server import Held, Script, ScriptedServer, fin
+from script import Held, Script, fin
+from scripted_server import ScriptedServer
 from source_host import deployed_agent, install_agent
 from test_signals import signals_of
 from tool import Destination, Outcome, Session, sondrel

@@ -6,7 +6,8 @@ import threading
 
 import pytest
 
-from scripted_server import Held, Script, ScriptedServer, ends
+from script import Held, Script, ends
+from scripted_server import ScriptedServer
 from source_host import SourceHost, deployed_agent, install_agent
 from tool import Destination, Session
 from world import DTM, PLAIN, ROOT, wait_until, write

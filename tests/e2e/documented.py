@@ -1,0 +1,37 @@
+"""What the documents describe: options of the programs, as these know them."""
+import glob
+import os
+import re
+import subprocess
+
+from migrating import MIGRATE
+from tool import sondrel
+from world import TESTS, read
+
+TOP = os.path.dirname(TESTS)
+
+
+def options_of_the_program():
+    """{option: whether it takes a value}, from the complaints of its option parser."""
+    names = re.findall(rb"'(--[a-z-]+)'", sondrel("--=").stderr)
+    assert len(names) > 30, names
+    return {name.decode(): b"doesn't allow" not in sondrel(name.decode() + "=").stderr if name != b"--help"
+            else False for name in names}
+
+
+def options_of_a_whole_migration():
+    """The same for the program of whole migrations, which makes its usage text of its table."""
+    shown = subprocess.run([MIGRATE, "--help"], capture_output=True, check=True, text=True).stdout
+    return {name: bool(value) for name, value in re.findall(r"^ +(--[a-z-]+)(=?)", shown, re.MULTILINE)}
+
+
+def text_of(pattern):
+    """All sources of that pattern, one behind the other."""
+    paths = sorted(glob.glob(f"{TOP}/{pattern}"))
+    assert paths, pattern
+    return "\n".join(read(path).decode() for path in paths)
+
+
+def sources():
+    return "\n".join(text_of(f"{folder}/*.{kind}") for folder in ("hostlib", "commons", "transport", "sondrel")
+                     for kind in ("h", "cpp"))
