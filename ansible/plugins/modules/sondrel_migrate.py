@@ -16,10 +16,6 @@ description:
   - The passwords reach C(sondrel-migrate) through a pipe. The module receives them among its arguments, so it
     refuses to run from a file; see I(password).
 options:
-  session:
-    description: The session directory; made if missing.
-    type: path
-    required: true
   settings:
     description: Settings of C(sondrel-migrate) by their names, such as C(host). Lists are joined by commas.
     type: dict
@@ -43,10 +39,7 @@ options:
     description: How many migrations run on the host at once. Further ones wait; 0 sets no limit.
     type: int
     default: 0
-  program:
-    description: Name or path of C(sondrel-migrate).
-    type: str
-    default: sondrel-migrate
+extends_documentation_fragment: sondrel.migration.session
 seealso:
   - module: sondrel.migration.sondrel_migrate_info
 """

@@ -12,18 +12,11 @@ author: sondrel maintainers (@sondrel)
 description:
   - Reads what C(sondrel-migrate) and C(sondrel) leave in a session directory, without disturbing a run.
 options:
-  session:
-    description: The session directory.
-    type: path
-    required: true
   wait_seconds:
     description: Waits for the end of a run that is at work, at most so many seconds.
     type: float
     default: 0
-  program:
-    description: Name or path of C(sondrel-migrate).
-    type: str
-    default: sondrel-migrate
+extends_documentation_fragment: sondrel.migration.session
 seealso:
   - module: sondrel.migration.sondrel_migrate
 """
