@@ -6,7 +6,7 @@ import subprocess
 import tarfile
 
 import pytest
-from destination import snapshot
+from destination import own_etc, snapshot
 from made_session import Member, made_of
 from sondrel_restore.accepted import why_not
 
@@ -44,6 +44,31 @@ def usual():
     return (directory("./home/alice/shop"), file("./home/alice/shop/index.php", b"<?php"),
             directory("./home/alice/shop/pictures", mode=0o2770), file("./home/alice/shop/pictures/a", b"a" * 3000),
             link("./home/alice/shop/pictures/b", "a"))
+
+
+@pytest.mark.parametrize("root, is_near", [
+    ("/srv/own/shop", True), ("/srv/own/aliased/x", True), ("/srv/apache/x", True), ("/srv/apache", True),
+    ("/srv", None), ("/srv/other", False)])
+def test_a_root_in_that_of_a_site_of_this_host_needs_a_decision(session, root, is_near):
+    """That site would serve, as its own account, what another one can write."""
+    for name in ("nginx", "apache2"):
+        own_etc(name)
+    for place in ("/srv/own", "/srv/apache", "/var/log/nginx"):
+        os.makedirs(place)
+    with open("/etc/nginx/sites-enabled/own", "w", encoding="ascii") as settings:
+        settings.write("server { listen 81; root /srv/own/public; location /a { alias /srv/own/aliased/; } }\n"
+                       "server { listen 82; root /srv/own; }\n")
+    with open("/etc/apache2/sites-enabled/own.conf", "w", encoding="ascii") as settings:
+        settings.write('<VirtualHost *:83>\n  DocumentRoot "/srv/apache/x/y"\n</VirtualHost>\n')
+    site(session, directory("." + root), file(f".{root}/index.html"), root=root)
+    done = session.run("plan")
+    assert ("of this host serves" in done.stdout) is bool(is_near), done.stdout
+    if is_near:
+        assert done.returncode == 3 and "/sites-enabled/own" in done.stdout
+    if root == "/srv/own/shop":
+        session.run("apply", "--replace=files:sites/shop.test", check=0)
+        assert os.path.exists(f"{root}/index.html")
+        session.run("plan", check=0)
 
 
 def test_needs_no_decision_for_what_is_here_already_and_the_same(session):

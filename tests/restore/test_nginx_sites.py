@@ -167,6 +167,46 @@ def test_leaves_out_what_could_harm_and_serves_the_rest(world: World, attack: st
     assert get("a.test", "/index.html").status in (200, 403, 503)
 
 
+def test_a_backend_by_name_goes_in_where_this_host_says_its_address(world: World) -> None:
+    """What the DNS says is the source host's owner's, who can change it after the check."""
+    own_etc("hosts")
+    with open("/etc/hosts", "a", encoding="ascii") as hosts:
+        hosts.write("192.0.32.8 known.test # ours\n127.0.0.1 cache.test\n")
+    world.describe(
+        site(
+            "a.test",
+            server(LISTEN, NAME, ROOT, *(
+                directive("location", f"/{number}/", block=[directive("proxy_pass", f"http://{address}/")])
+                for number, address in enumerate(("known.test", "elsewhere.test", "cache.test:11211"))
+            )),
+        )
+    )
+    rules = world.plan(Nginx).items[0].data
+    text = rules.files["/etc/nginx/sites-available/a.test.conf"].decode()
+    assert "http://known.test/" in text and "elsewhere.test" not in text and "cache.test" not in text
+    left = " ".join(rules.notes)
+    assert "elsewhere.test" in left and "/etc/hosts" in left and "11211" in left
+
+
+def test_no_way_to_a_pool_but_the_directive_that_is_for_pools(world: World) -> None:
+    """A site could put a link in the place of its socket later, or send the bytes of another protocol."""
+    os.symlink("/run/php/bob.sock", "/srv/a/link.sock")
+    group = directive("upstream", "group", block=[directive("server", "unix:/srv/a/later.sock")], identifier="u1")
+    world.describe(
+        site("a.test", server(
+            LISTEN, NAME, ROOT,
+            directive("location", "/1/", block=[directive("fastcgi_pass", "group")]),
+            directive("location", "/2/", block=[directive("proxy_pass", "http://unix:/srv/a/link.sock:/")]),
+            directive("location", "/3/", block=[directive("uwsgi_pass", "unix:/srv/a/later.sock"),
+                                                directive("uwsgi_modifier1", "1")]),
+        ), uses="u1"),
+        configuration=directive("http", block=[group]),
+    )
+    text = world.plan(Nginx).items[0].data.files["/etc/nginx/sites-available/a.test.conf"].decode()
+    assert "fastcgi_pass" not in text and "link.sock" not in text and "uwsgi_modifier1" not in text
+    assert "uwsgi_pass unix:/srv/a/later.sock" in text
+
+
 INJECTIONS = [
     "x; } server { listen 81; root /; }",
     'x"; root /; #',

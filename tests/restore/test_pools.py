@@ -8,12 +8,13 @@ from pathlib import Path
 
 import pytest
 from destination import own_etc
-from sondrel_restore.kind import State
+from sondrel_restore.kind import Kind, State
+from sondrel_restore.kinds.apache import Apache
 from sondrel_restore.kinds.nginx import Nginx
 from sondrel_restore.kinds.pool import Pool, versions
 from sondrel_restore.selection import Decisions
 from sondrel_restore.web.ask import Request, ask
-from web_world import World, directive, ended, server, site, snapshot
+from web_world import World, directive, ended, server, site, snapshot, virtual_host
 
 VERSION = versions()[-1]
 PHP = directive(
@@ -111,6 +112,32 @@ def test_php_sees_what_the_pool_has(world: World) -> None:
     )
     assert not world.apply(Pool, Nginx).failed
     assert ask("127.0.0.1", Request("a.test", 80, False, "/ask.php")).title == "1500 77M of ; [a] = b"
+
+
+@pytest.mark.parametrize("web_server", ["nginx", "apache"])
+@pytest.mark.parametrize("pool, is_taken", [("b", False), ("a", True)])
+def test_a_site_is_served_by_no_pool_of_another_client(
+    world: World, pool: str, is_taken: bool, web_server: str
+) -> None:
+    """Unless the source host says that it was, or the pool runs as the site's own account."""
+    of_bob = f'<php version="{VERSION}" handler="fpm" pool="b" user="bob" listen="unix:/run/php/b.sock"/>'
+    own = f'<php version="{VERSION}" handler="fpm" pool="{pool}" user="bob" listen="unix:/run/php/{pool}.sock"/>'
+    world.accounts["bob"] = "bob"
+    if web_server == "nginx":
+        kind: type[Kind] = Nginx
+        block = server(directive("listen", "80"), directive("server_name", "a.test"), directive("root", "/srv/a"),
+                       directive("location", "/x", block=[directive("fastcgi_pass", f"unix:/run/php/{pool}.sock")]))
+    else:
+        kind = Apache
+        block = virtual_host(directive("servername", "a.test"), directive("documentroot", "/srv/a"), directive(
+            "filesmatch", "php$", block=[directive("sethandler", f"proxy:unix:/run/php/{pool}.sock|fcgi://localhost")]))
+    world.describe(
+        site("a.test", block, configuration=f"{web_server}1", kind=web_server, inside=own if is_taken else ""),
+        site("b.test", inside=of_bob), server_kind=web_server)
+    found = [item.data for item in world.plan(Pool, kind).items if item.identifier == f"{web_server}:a.test"]
+    text = next(iter(found[0].files.values())).decode()
+    assert (f"/run/php/sondrel-{pool}-{VERSION}.sock" in text) is is_taken
+    assert bool(found[0].notes) is not is_taken
 
 
 SETTINGS = {

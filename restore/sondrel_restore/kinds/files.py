@@ -12,6 +12,7 @@ from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, State
 from sondrel_restore.restore import Restore
 from sondrel_restore.unpacking import remove_unpacked, unpack, verify_unpacked
+from sondrel_restore.web.own_roots import OwnRoots
 
 # Other kinds read these from the archives.
 _OF_OTHER_KINDS = ("/etc/cron.d", "/etc/systemd", "/var/spool/cron", "/etc/nginx", "/etc/apache2", "/etc/php",
@@ -41,6 +42,7 @@ class FilesKind(Kind):
     name = "files"
 
     def plan(self, restore: Restore) -> Iterator[Item]:
+        own_roots = OwnRoots(restore)
         found: dict[str, _Archived] = {}
         # A home comes before the sites in it.
         for archived in [*_of_clients(restore), *_of_sites(restore)]:
@@ -50,10 +52,10 @@ class FilesKind(Kind):
             known.domains |= archived.domains
         for archived in found.values():
             if archived.roots:
-                yield self._item(restore, archived)
+                yield self._item(restore, archived, own_roots)
 
-    def _item(self, restore: Restore, archived: _Archived) -> Item:
-        state, says, decisions = _state(restore, archived, f"{self.name}:{archived.name}")
+    def _item(self, restore: Restore, archived: _Archived, own_roots: OwnRoots) -> Item:
+        state, says, decisions = _state(restore, archived, f"{self.name}:{archived.name}", own_roots)
         item = Item(self.name, archived.name, state, says, decisions, frozenset(archived.domains),
                     # With a domain comes its archive, with a client all of them.
                     frozenset(archived.clients), archived, space=(min(archived.roots), unpacked_of(archived.content)))
@@ -136,7 +138,8 @@ def _take_roots(restore: Restore, archived: _Archived, paths: list[str], account
             archived.refused[path] = why
 
 
-def _state(restore: Restore, archived: _Archived, identifier: str) -> tuple[State, str, tuple[str, ...]]:
+def _state(restore: Restore, archived: _Archived, identifier: str,
+           own_roots: OwnRoots) -> tuple[State, str, tuple[str, ...]]:
     owner = restore.decisions.account_here(archived.owner)
     entry = restore.journal.entry(identifier)
     if archived.owner not in restore.offered("account"):
@@ -154,6 +157,11 @@ def _state(restore: Restore, archived: _Archived, identifier: str) -> tuple[Stat
     if occupied:
         return State.CONFLICT, f"{', '.join(occupied)} is here already and is not empty", (
             f"--replace={identifier}", f"--skip={identifier}")
+    near = [] if entry is not None else [
+        f"{root} is in one directory with {served}" for root in sorted(archived.roots)
+        if (served := own_roots.near(root))]
+    if near:
+        return State.CONFLICT, "; ".join(near), (f"--replace={identifier}", f"--skip={identifier}")
     left_out = "".join(f"; {path} is left out: {why}" for path, why in archived.refused.items())
     return State.MAKE, size + left_out, ()
 

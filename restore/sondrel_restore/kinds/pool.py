@@ -25,7 +25,7 @@ from sondrel_restore.web.own_sites import own_sites
 from sondrel_restore.web.php_compiling import OtherVersions
 from sondrel_restore.web.php_settings import ADMIN, check_setting, check_variable, quoted
 from sondrel_restore.web.service import reload_service, wait_until
-from sondrel_restore.web.site_data import accounts_here
+from sondrel_restore.web.site_data import PoolHere, accounts_here
 
 _WEB_ACCOUNT = "www-data"
 _LEFT_OUT = "/etc/sondrel-restore/left-out"
@@ -72,11 +72,14 @@ class Pool(ConfigKind):
         self._trees = Trees(())
         self._accounts: frozenset[str] = frozenset()
         self._other_versions = OtherVersions()
+        # By pool: who it runs as on the source host.
+        self._users: dict[str, str] = {}
 
     def candidates(self, restore: Restore) -> Iterator[Candidate]:
         self._versions = versions()
         self._trees, self._accounts = Trees(restore.offered("tree")), accounts_here(restore)
         for pool in _pools(restore):
+            self._users[_name(pool)] = pool.user
             yield self._candidate(restore, pool)
 
     def _candidate(self, restore: Restore, pool: _Pool) -> Candidate:
@@ -140,7 +143,8 @@ class Pool(ConfigKind):
         addresses = candidate.facts["addresses"]
         assert isinstance(addresses, list)
         for address in addresses:
-            restore.offer("php-socket", normal_address(str(address)), candidate.facts["socket"])
+            restore.offer("php-socket", normal_address(str(address)), PoolHere(
+                str(candidate.facts["socket"]), self._users[candidate.name], candidate.domains))
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
         chosen = [pool for pool in _pools(restore)

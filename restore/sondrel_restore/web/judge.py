@@ -5,12 +5,12 @@ sockets of other accounts, services of this host or of its network.
 """
 from __future__ import annotations
 
+import contextlib
 import dataclasses
 import ipaddress
 import os
 import pwd
 import re
-import socket
 from collections.abc import Callable, Iterable, Iterator, Mapping
 from pathlib import Path
 
@@ -25,6 +25,9 @@ _PACKAGED = ("/usr/share", "/usr/lib/cgi-bin")
 # Never served, even where something was restored there.
 _NEVER_SERVED = ("/boot", "/dev", "/etc", "/proc", "/root", "/run", "/sys", "/var/log", "/var/mail", "/var/run",
                  "/var/spool", "/var/lib/mysql", "/var/lib/postgresql")
+
+# Where pools of PHP listen; only sites that have one may ask it.
+_POOLS = "/run/php"
 
 # Of a file's name; the sum, an ending and what is put before it still fit into 255 bytes.
 _LONGEST_NAME = 150
@@ -88,7 +91,7 @@ class Judge:
     log_directory: str
     session: str = ""
     trust: bool = False
-    resolve: Callable[[str], list[str]] = dataclasses.field(default_factory=lambda: addresses_of)
+    resolve: Callable[[str], list[str]] = dataclasses.field(default_factory=lambda: addresses_here)
     left_out: list[LeftOut] = dataclasses.field(default_factory=list)
     changed: list[str] = dataclasses.field(default_factory=list)
     addresses: frozenset[str] = frozenset()
@@ -162,6 +165,8 @@ class Judge:
         path = address[len("unix:"):].rstrip(":")
         _check_absolute(path)
         real = os.path.realpath(path)
+        if any(is_below(each, _POOLS) for each in (path, real)):
+            raise Refused(f"{path} is the socket of a pool")
         if self.trees.have(real) and not any(is_below(real, never) for never in _NEVER_SERVED):
             return address
         try:
@@ -182,7 +187,8 @@ class Judge:
             raise Refused(f"\"{host}\" is no name of a host")
         found = ["127.0.0.1"] if host.lower() == "localhost" else self.resolve(host)
         if not found:
-            raise Refused(f"{host} has no address as seen from here, and the server would not start")
+            raise Refused(f"{host} is in no line of /etc/hosts, and what else says its address may say another one"
+                          " later: put the name with its address there, and apply again")
         yield from (ipaddress.ip_address(each.partition("%")[0]) for each in found)
 
     def _check_own_port(self, port: int, address: str) -> None:
@@ -225,12 +231,18 @@ def normal_address(address: str) -> str:
     return re.sub(r"\A(?:localhost|\[::1?\]|\*|0\.0\.0\.0)?:", "127.0.0.1:", address)
 
 
-def addresses_of(host: str) -> list[str]:
-    """The addresses of a name, as this host finds them; none where it finds none."""
-    try:
-        return [str(found[4][0]) for found in socket.getaddrinfo(host, None, type=socket.SOCK_STREAM)]
-    except (OSError, UnicodeError):
-        return []
+def addresses_here(host: str) -> list[str]:
+    """The addresses of a name that /etc/hosts has; none where it has none.
+
+    The DNS is not asked: it says what the owner of the name wants, who can want something else after the check.
+    """
+    found: list[str] = []
+    for line in Path("/etc/hosts").read_text(encoding="utf-8", errors="replace").splitlines():
+        address, *names = line.partition("#")[0].split() or [""]
+        if host.lower().rstrip(".") in map(str.lower, names):
+            with contextlib.suppress(ValueError):
+                found.append(str(ipaddress.ip_address(address.partition("%")[0])))
+    return found
 
 
 def listeners(port: int) -> set[int]:

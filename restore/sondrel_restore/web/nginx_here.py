@@ -15,13 +15,14 @@ _TOKEN = re.compile(r"""\s+|\#[^\n]*|(?P<mark>[;{}])|"(?P<double>(?:[^"\\]|\\.)*
 
 @dataclasses.dataclass
 class NginxHere:
-    """Names with the file that has them. `defaults` are "address:port" of default servers, `listens` of all, `once`
-    directives that a host can have once.
+    """Names with the file that has them. `defaults` are "address:port" of default servers, `listens` of all, `roots`
+    paths that are served, `once` directives that a host can have once.
     """
 
     served: dict[str, set[str]] = dataclasses.field(default_factory=dict)
     defaults: dict[str, set[str]] = dataclasses.field(default_factory=dict)
     listens: dict[str, set[str]] = dataclasses.field(default_factory=dict)
+    roots: dict[str, set[str]] = dataclasses.field(default_factory=dict)
     upstreams: dict[str, str] = dataclasses.field(default_factory=dict)
     variables: dict[str, str] = dataclasses.field(default_factory=dict)
     formats: dict[str, str] = dataclasses.field(default_factory=dict)
@@ -38,6 +39,8 @@ class NginxHere:
             self.listens.setdefault(normal_listen(args[0]), set()).add(file)
             if {"default_server", "default"} & set(args[1:]):
                 self.defaults.setdefault(normal_listen(args[0]), set()).add(file)
+        elif name in ("root", "alias") and args:
+            self.roots.setdefault(args[0], set()).add(file)
         elif name == "upstream" and args:
             self.upstreams[args[0]] = file
         elif name == "log_format" and args:

@@ -55,7 +55,7 @@ PLAIN = frozenset("""
     types_hash_max_size underscores_in_headers uninitialized_variable_warn userid userid_domain userid_expires
     userid_name userid_p3p userid_path userid_service uwsgi_buffer_size uwsgi_buffering uwsgi_buffers
     uwsgi_busy_buffers_size uwsgi_connect_timeout uwsgi_hide_header uwsgi_ignore_client_abort
-    uwsgi_intercept_errors uwsgi_max_temp_file_size uwsgi_modifier1 uwsgi_modifier2 uwsgi_next_upstream
+    uwsgi_intercept_errors uwsgi_max_temp_file_size uwsgi_next_upstream
     uwsgi_pass_header uwsgi_pass_request_body uwsgi_pass_request_headers uwsgi_read_timeout
     uwsgi_request_buffering uwsgi_send_timeout scgi_buffering scgi_connect_timeout scgi_hide_header
     scgi_pass_header scgi_read_timeout scgi_send_timeout uwsgi_param scgi_param grpc_connect_timeout
@@ -182,7 +182,10 @@ class NginxRules:
         try:
             if directive.name != "server" or not directive.args:
                 raise Refused("this directive is not among those that are taken")
-            return dataclasses.replace(directive, args=(self._address(directive.args[0]), *directive.args[1:]))
+            return dataclasses.replace(directive, args=(
+                self._address(directive.args[0]),
+                # A name would be looked up again and again, elsewhere than it was for the check.
+                *(arg for arg in directive.args[1:] if arg != "resolve" and not arg.startswith("service="))))
         except Refused as refused:
             self.judge.leave_out(directive, str(refused))
             # A group without a server would end nginx; one that is down answers 502.
@@ -344,6 +347,8 @@ class NginxRules:
         if name == "proxy_pass" and scheme not in ("http://", "https://"):
             raise Refused(f"\"{args[0]}\" is no address of HTTP")
         if target in self.upstreams:
+            if name == "fastcgi_pass":
+                self._check_pools(target)
             return (scheme + self.names.upstreams.get(target, target) + uri,)
         if name == "fastcgi_pass":
             here = self.judge.pool_socket(target)
@@ -352,6 +357,17 @@ class NginxRules:
             if target.startswith("unix:") or target.startswith("/"):
                 raise Refused(f"{target} is the socket of no restored pool")
         return (scheme + self.judge.backend(target) + uri,)
+
+    def _check_pools(self, group: str) -> None:
+        """Of the sockets in a group only those of the site's pools: others are in directories of accounts, which
+        could put a link to that of another pool in their places.
+        """
+        for definition in self.definitions:
+            if definition.name == "upstream" and definition.args[:1] == (group,):
+                for each in definition.block or ():
+                    address = each.args[0] if each.name == "server" and each.args else ""
+                    if address.startswith("unix:") and self.judge.pool_socket(address) is None:
+                        raise Refused(f"{address} is the socket of no restored pool of the site")
 
     def check_fastcgi_param(self, _name: str, args: tuple[str, ...], _prefix: str) -> tuple[str, ...]:
         if len(args) >= 2 and args[0].upper() in ("PHP_VALUE", "PHP_ADMIN_VALUE"):

@@ -104,6 +104,21 @@ def listening_ports(site: Site) -> frozenset[int]:
     return frozenset(found)
 
 
+@dataclasses.dataclass(frozen=True)
+class PoolHere:
+    """A restored pool: its socket here, who it runs as on the source host, and the sites that it served there."""
+
+    socket: str
+    user: str
+    domains: frozenset[str]
+
+    def serves(self, domain: Domain) -> bool:
+        """Whether a site may have it: programs in it could do all that the pool's account can."""
+        site = domain.element.find("site")
+        owners = {domain.client, "" if site is None else str(site.get("owner") or "")} - {""}
+        return domain.name in self.domains or self.user in owners
+
+
 def accounts_here(restore: Restore) -> frozenset[str]:
     """The names here of the accounts that this restore has made or matched; never root."""
     return frozenset(str(here) for here in restore.offered("account").values()) - {"root"}

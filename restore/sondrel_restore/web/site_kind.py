@@ -17,7 +17,7 @@ from sondrel_restore.web.directives import one_line, to_bytes
 from sondrel_restore.web.judge import Judge, Trees, file_name
 from sondrel_restore.web.own_sites import OF_PACKAGES
 from sondrel_restore.web.ports_here import PortsHere
-from sondrel_restore.web.site_data import Block, Site, accounts_here, is_chosen, sites_of
+from sondrel_restore.web.site_data import Block, PoolHere, Site, accounts_here, is_chosen, sites_of
 
 __all__ = ["SiteKind", "heading", "links", "sums"]
 
@@ -86,7 +86,7 @@ class SiteKind(ConfigKind):
         """The rules for a site's paths and addresses."""
         files = restore.offered("certificate-files").get(site.domain.name)
         return Judge(
-            site=site.domain.name, trees=self._trees, sockets=restore.offered("php-socket"),
+            site=site.domain.name, trees=self._trees, sockets=_sockets_of(restore, site),
             files=files if isinstance(files, dict) else {}, ports=self._site_ports, accounts=self._accounts,
             log_directory=self.log_directory,
             session=str(restore.session.directory), trust=restore.decisions.trust_configuration,
@@ -166,6 +166,12 @@ class SiteKind(ConfigKind):
 def heading(site: Site) -> str:
     """The first line of a site's file."""
     return f"# The site {one_line(site.domain.name)}, made by sondrel-restore. What is changed here stays.\n"
+
+
+def _sockets_of(restore: Restore, site: Site) -> dict[str, object]:
+    """By their addresses on the source host: the sockets here of the pools that a site may have."""
+    return {address: pool.socket for address, pool in restore.offered("php-socket").items()
+            if isinstance(pool, PoolHere) and pool.serves(site.domain)}
 
 
 def _own_addresses(restore: Restore) -> frozenset[str]:

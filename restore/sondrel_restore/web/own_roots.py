@@ -1,0 +1,63 @@
+"""Directories that sites of this host serve, which this session has not made.
+
+What another account can write there would be served as the site's own, and run where it runs programs.
+"""
+from __future__ import annotations
+
+import glob
+import os
+import re
+from collections.abc import Iterator
+
+from sondrel_restore.description import is_below
+from sondrel_restore.restore import Restore
+from sondrel_restore.web.config_kind import links
+from sondrel_restore.web.nginx_here import read_here
+from sondrel_restore.web.own_sites import OF_PACKAGES
+
+_APACHE_FILES = ("/etc/apache2/sites-enabled/*.conf", "/etc/apache2/conf-enabled/*.conf")
+_APACHE_PATHS = re.compile(
+    r'^[ \t]*(?:DocumentRoot|(?:Script)?Alias[ \t]+(?:"[^"\n]*"|\S+))[ \t]+(?:"(/[^"\n]*)"|(/\S*))',
+    re.MULTILINE | re.IGNORECASE)
+# Pages and programs of packages, which no restore writes to.
+_PACKAGED = ("/usr",)
+
+
+class OwnRoots:
+    """Looked up at the first question."""
+
+    def __init__(self, restore: Restore) -> None:
+        self._restore = restore
+        self._known: list[tuple[str, str]] | None = None
+
+    def near(self, path: str) -> str:
+        """What serves a directory in which `path` lies, or which lies in it, as a clause; empty if nothing does."""
+        if self._known is None:
+            self._known = list(self._found())
+        real = os.path.realpath(path)
+        for root, file in self._known:
+            if is_below(real, root) or is_below(root, real):
+                return f"{root}, which {file} of this host serves"
+        return ""
+
+    def _found(self) -> Iterator[tuple[str, str]]:
+        made = {link for kind in ("nginx", "apache") for entry in self._restore.journal.entries(kind)
+                for link in links(entry)}
+        for path, file in (*self._of_nginx(), *_of_apache()):
+            root = os.path.realpath(path.partition("$")[0] or "/")
+            if file not in made and os.path.basename(file) not in OF_PACKAGES and root != "/" and not any(
+                    is_below(root, packaged) for packaged in _PACKAGED):
+                yield root, file
+
+    def _of_nginx(self) -> Iterator[tuple[str, str]]:
+        if self._restore.host.has_program("nginx"):
+            roots = read_here(self._restore.host.run(["nginx", "-T", "-q"], check=False).stdout).roots
+            yield from ((root, file) for root, files in sorted(roots.items()) for file in sorted(files)
+                        if root.startswith("/"))
+
+
+def _of_apache() -> Iterator[tuple[str, str]]:
+    for file in sorted(path for pattern in _APACHE_FILES for path in glob.glob(pattern)):
+        with open(file, encoding="utf-8", errors="surrogateescape") as text:
+            for quoted, plain in _APACHE_PATHS.findall(text.read()):
+                yield quoted or plain, file
