@@ -13,13 +13,15 @@ use Linux::SiteParts;
 use Linux::Sites;
 use Linux::Users;
 use Test::More;
+use Independent;
 
 my $ARCHIVES = '/var/cache/sondrel-tests';
 my $WEB = 33;
 
 sub host {
     my ($name, $root, @more) = @_;
-    return join "\n", '<VirtualHost *:80>', "ServerName $name", "DocumentRoot $root", @more, '</VirtualHost>', '';
+    return join "\n", '<VirtualHost *:80>', "ServerName $name", "DocumentRoot $root", @more,
+        '</VirtualHost>', '';
 }
 
 my ($tree, $problems) = imitated(
@@ -49,19 +51,25 @@ sub put {
 # are the most of it, are left out as by an administrator who has no room for them.
 sub install {
     my ($name) = @_;
-    my ($archive) = glob "$ARCHIVES/${name}_*.deb" or die "No $name in $ARCHIVES: run scripts/install-packages\n";
-    my $unpack = 'dpkg-deb --fsys-tarfile "$1" | tar -xv -C "$2" --exclude="*/i18n/*" --exclude="*/languages/*"'
+    my ($archive) = glob "$ARCHIVES/${name}_*.deb"
+        or die "No $name in $ARCHIVES: run scripts/install-packages\n";
+    my $unpack = 'dpkg-deb --fsys-tarfile "$1" | tar -xv -C "$2" --exclude="*/i18n/*"'
+        . ' --exclude="*/languages/*"'
         . ' --exclude="./usr/share/doc/*" --exclude="*/lang/*" --exclude="*/localization/*"'
-        . ' --exclude="*/resources/*" --exclude="*/vendor/*" --exclude="*/modules/*" --exclude="*/skinStyles/*"';
-    my @paths = map {m{\A\./(.+?)/?\z} ? "/$1" : ()} split /\n/, output_of('sh', '-c', $unpack, 'sh', $archive, $root);
+        . ' --exclude="*/resources/*" --exclude="*/vendor/*" --exclude="*/modules/*"'
+            . ' --exclude="*/skinStyles/*"';
+    my @paths = map {m{\A\./(.+?)/?\z} ? "/$1" : ()} split /\n/,
+        output_of('sh', '-c', $unpack, 'sh', $archive, $root);
     my $control = "$root/control-of-$name";
     output_of('dpkg-deb', '-e', $archive, $control);
     put("/var/lib/dpkg/info/$name.list", join "\n", '/.', @paths, '');
     put("/var/lib/dpkg/info/$name.md5sums", output_of('cat', "$control/md5sums"));
-    my @settings = -e "$control/conffiles" ? grep {m{\A/}} split /\n/, output_of('cat', "$control/conffiles") : ();
+    my @settings = -e "$control/conffiles" ? grep {m{\A/}} split /\n/,
+        output_of('cat', "$control/conffiles") : ();
     my $fields = output_of('dpkg-deb', '-f', $archive);
     put('/var/lib/dpkg/status', "${fields}Status: install ok installed\n"
-        . (@settings ? "Conffiles:\n" . join '', map { ' ' . $_ . ' ' . md5_hex(bytes_of($_)) . "\n" } @settings : '')
+        . (@settings ? "Conffiles:\n" . join '', map { ' ' . $_ . ' ' . md5_hex(bytes_of($_))
+            . "\n" } @settings : '')
         . "\n", '>>');
     output_of('rm', '-r', $control);
     return;
@@ -69,57 +77,67 @@ sub install {
 
 sub bytes_of { return output_of('cat', "$root$_[0]") }
 
-put('/var/lib/dpkg/info/apache2.list', join "\n", '/.', '/etc', '/etc/apache2', '/etc/apache2/conf-available', '');
-put('/var/lib/dpkg/status', "Package: apache2\nStatus: install ok installed\nVersion: 2\nArchitecture: all\n\n");
-install($_) for qw(wordpress mediawiki dokuwiki roundcube-core);
+my $lay_out = once(sub {
+    put('/var/lib/dpkg/info/apache2.list', join "\n", '/.', '/etc', '/etc/apache2',
+        '/etc/apache2/conf-available', '');
+    put('/var/lib/dpkg/status',
+        "Package: apache2\nStatus: install ok installed\nVersion: 2\nArchitecture: all\n\n");
+    install($_) for qw(wordpress mediawiki dokuwiki roundcube-core);
 
-# What their scripts, an administrator and users do afterwards.
-put('/etc/wordpress/config-blog.test.php',
-    "<?php define('DB_NAME', 'blog'); define('DB_USER', 'writer'); define('DB_PASSWORD', 'x'); ?>\n");
-put('/usr/share/wordpress/wp-login.php', "// changed\n", '>>');
-put('/usr/share/wordpress/robots.txt', 'new');
-put('/var/lib/wordpress/wp-content/uploads/2026/photo.jpg', 'photo');
-put('/var/lib/wordpress/wp-content/plugins/mine/mine.php', '<?php');
-put('/etc/mediawiki/LocalSettings.php', "<?php \$wgDBtype = 'mysql'; \$wgDBserver = 'localhost';\n"
-    . "\$wgDBname = 'wiki'; \$wgDBuser = 'editor'; \$wgDBpassword = 'x';\n");
-put('/var/lib/mediawiki/images/a/map.png', 'map');
-put('/var/lib/mediawiki/extensions/Mine/extension.json', '{}');
-put('/etc/dokuwiki/local.php', '<?php');
-put('/var/lib/dokuwiki/data/pages/start.txt', 'first page');
-put('/var/lib/dokuwiki/data/pages/team/plan.txt', 'plan');
-put('/var/lib/dokuwiki/data/pages/wiki/welcome.txt', "changed\n", '>>');
-put('/var/lib/dokuwiki/acl/users.auth.php', 'admin:hash');
-put('/etc/roundcube/config.inc.php', "<?php include('/etc/roundcube/debian-db-roundcube.php');\n");
-put('/etc/roundcube/debian-db.php', "<?php \$dbname='roundcube';\n");
-put('/etc/dbconfig-common/roundcube.conf', "# of dbconfig\ndbc_dbtype='mysql'\ndbc_dbuser='cube'\ndbc_dbpass='x'\n"
-    . "dbc_dbserver='localhost'\ndbc_dbport='3306'\ndbc_dbname='roundcube'\n");
-put('/etc/dbconfig-common/other.conf', "dbc_dbname='other'\n");
-put('/var/lib/ucf/registry', "roundcube-core \t /etc/dbconfig-common/roundcube.conf\n"
-    . "other \t /etc/dbconfig-common/other.conf\n");
-put('/var/lib/roundcube/plugins/mine/mine.php', '<?php');
-put('/var/lib/unrelated/state', 'of another package');
+    # What their scripts, an administrator and users do afterwards.
+    put('/etc/wordpress/config-blog.test.php',
+        "<?php define('DB_NAME', 'blog'); define('DB_USER', 'writer'); define('DB_PASSWORD', 'x'); ?>\n");
+    put('/usr/share/wordpress/wp-login.php', "// changed\n", '>>');
+    put('/usr/share/wordpress/robots.txt', 'new');
+    put('/var/lib/wordpress/wp-content/uploads/2026/photo.jpg', 'photo');
+    put('/var/lib/wordpress/wp-content/plugins/mine/mine.php', '<?php');
+    put('/etc/mediawiki/LocalSettings.php', "<?php \$wgDBtype = 'mysql'; \$wgDBserver = 'localhost';\n"
+        . "\$wgDBname = 'wiki'; \$wgDBuser = 'editor'; \$wgDBpassword = 'x';\n");
+    put('/var/lib/mediawiki/images/a/map.png', 'map');
+    put('/var/lib/mediawiki/extensions/Mine/extension.json', '{}');
+    put('/etc/dokuwiki/local.php', '<?php');
+    put('/var/lib/dokuwiki/data/pages/start.txt', 'first page');
+    put('/var/lib/dokuwiki/data/pages/team/plan.txt', 'plan');
+    put('/var/lib/dokuwiki/data/pages/wiki/welcome.txt', "changed\n", '>>');
+    put('/var/lib/dokuwiki/acl/users.auth.php', 'admin:hash');
+    put('/etc/roundcube/config.inc.php', "<?php include('/etc/roundcube/debian-db-roundcube.php');\n");
+    put('/etc/roundcube/debian-db.php', "<?php \$dbname='roundcube';\n");
+    put('/etc/dbconfig-common/roundcube.conf',
+        "# of dbconfig\ndbc_dbtype='mysql'\ndbc_dbuser='cube'\ndbc_dbpass='x'\n"
+        . "dbc_dbserver='localhost'\ndbc_dbport='3306'\ndbc_dbname='roundcube'\n");
+    put('/etc/dbconfig-common/other.conf', "dbc_dbname='other'\n");
+    put('/var/lib/ucf/registry', "roundcube-core \t /etc/dbconfig-common/roundcube.conf\n"
+        . "other \t /etc/dbconfig-common/other.conf\n");
+    put('/var/lib/roundcube/plugins/mine/mine.php', '<?php');
+    put('/var/lib/unrelated/state', 'of another package');
+    return 1;
+});
 
-my $dump = Dumped->new($tree, '', '--dump-all');
-is $dump->errors, '', 'the description is valid';
+my $everything = once(sub {
+    $lay_out->();
+    return Dumped->new($tree, '', '--dump-all');
+});
 
 sub below_of {
-    my ($site, $directory) = @_;
-    return [map { m{\A\.\Q$directory\E/(.*)} ? $1 : () } @{ $dump->members($site) }];
+    my ($site, $directory, $dump) = @_;
+    return [map { m{\A\.\Q$directory\E/(.*)} ? $1 : () } @{ ($dump || $everything->())->members($site) }];
 }
 
 sub package_of {
     my ($site, $attribute) = @_;
-    return $dump->found(qq(string(//domain[\@name="$site"]/site/package/\@$attribute)));
+    return $everything->()->found(qq(string(//domain[\@name="$site"]/site/package/\@$attribute)));
 }
 
 my %EXPECTED = (
     'blog.test' => ['wordpress', {
         '/usr' => [qw(share/wordpress/robots.txt share/wordpress/wp-login.php)],
-        '/var' => [qw(lib/wordpress/wp-content/plugins/mine/mine.php lib/wordpress/wp-content/uploads/2026/photo.jpg)],
+        '/var' => [qw(lib/wordpress/wp-content/plugins/mine/mine.php
+            lib/wordpress/wp-content/uploads/2026/photo.jpg)],
         '/etc/wordpress' => [qw(config-blog.test.php htaccess)],
     }],
     'wiki.test' => ['mediawiki', {
-        '/usr' => [], '/var' => [qw(lib/mediawiki/extensions/Mine/extension.json lib/mediawiki/images/a/map.png)],
+        '/usr' => [], '/var' => [qw(lib/mediawiki/extensions/Mine/extension.json
+            lib/mediawiki/images/a/map.png)],
         '/etc/mediawiki' => ['LocalSettings.php'],
     }],
     'pages.test' => ['dokuwiki', {
@@ -132,48 +150,76 @@ my %EXPECTED = (
         '/etc/dbconfig-common' => ['roundcube.conf'],
     }],
 );
-for my $site (sort keys %EXPECTED) {
-    my ($name, $files) = @{ $EXPECTED{$site} };
-    is package_of($site, 'name'), $name, "$site: its package is named";
-    my $version = output_of('dpkg-deb', '-f', glob("$ARCHIVES/${name}_*.deb"), 'Version');
-    chomp $version;
-    is package_of($site, 'version'), $version, 'with its version';
-    is_deeply below_of($site, $_), $files->{$_}, "$site: of $_ it has what installing does not bring"
-        for sort keys %$files;
-    # There is no server of databases here.
-    is_deeply [grep { /\Aerror/ && !/names the database/ } @{ $dump->problems_of($site) }], [], 'nothing is missing';
+
+test 'A site of a package has what installing the package does not bring' => sub {
+    my $dump = $everything->();
+    is $dump->errors, '', 'the description is valid';
+    for my $site (sort keys %EXPECTED) {
+        my ($name, $files) = @{ $EXPECTED{$site} };
+        is package_of($site, 'name'), $name, "$site: its package is named";
+        my $version = output_of('dpkg-deb', '-f', glob("$ARCHIVES/${name}_*.deb"), 'Version');
+        chomp $version;
+        is package_of($site, 'version'), $version, 'with its version';
+        is_deeply below_of($site, $_), $files->{$_}, "$site: of $_ it has what installing does not bring"
+            for sort keys %$files;
+        # There is no server of databases here.
+        is_deeply [grep { /\Aerror/ && !/names the database/ } @{ $dump->problems_of($site) }], [],
+            'nothing is missing';
+    }
+};
+
+test 'A site of a package is described and has what scripts and the administrator made' => sub {
+    my $dump = $everything->();
+    is package_of('blog.test', 'changed'), 1, 'changed files are counted';
+    is_deeply [grep {/\A(?:config\.inc|debian-db\.php)/} @{ below_of('mail.test', '/etc/roundcube') }],
+        [qw(config.inc.php debian-db.php)], 'settings that scripts have made are packed';
+    is scalar(grep {/\Alocal\.php\z/} @{ below_of('pages.test', '/etc/dokuwiki') }), 1,
+        'so is what the administrator made';
+    is_deeply $dump->texts_of('//domain[@name="wiki.test"]/site/package/directory'),
+        [qw(/etc/mediawiki /usr/share/mediawiki /var/lib/mediawiki)],
+        'the directories of the application are named';
+    is_deeply $dump->values_of('//domain[@name="plain.test"]/site/package/@name'), [],
+        'a site of files has no package';
+    is_deeply [grep { @{ below_of($_, '/srv/common') } } sort(keys %EXPECTED), 'plain.test'], ['blog.test'],
+        'what all sites of a server show is packed with one of them';
+};
+
+test 'An alias for all sites leads to its package' => sub {
+    $lay_out->();
+    my @both = ("$root/etc/apache2/sites-enabled/pages.conf", "$root/etc/apache2/conf-enabled/dokuwiki.conf");
+    rename $both[0], $both[1] or die $!;
+    put('/etc/apache2/conf-enabled/dokuwiki.conf', "Alias /dokuwiki /usr/share/dokuwiki\n");
+    my $dump = Dumped->new($tree, 'plain.test', '--dump-domains=-');
+    unlink $both[1] or die $!;
+    put('/etc/apache2/sites-enabled/pages.conf', host('pages.test', '/usr/share/dokuwiki'));
+    is_deeply $dump->values_of('//site/package/@name'), ['dokuwiki'],
+        'an alias for all sites leads to its package';
+    is_deeply [grep {/pages/} @{ below_of('plain.test', '/var/lib/dokuwiki/data', $dump) }],
+        [qw(pages/start.txt pages/team/plan.txt pages/wiki/welcome.txt)],
+        'whose content comes with a single domain';
+};
+
+test 'The databases of packaged applications are found by their settings' => sub {
+    $lay_out->();
+    my $users = Linux::Users->new($tree);
+    my @sites = @{ Linux::Sites::look($tree, $problems)->{sites} };
+    Linux::SiteParts->new(tree => $tree, problems => $problems, users => $users, sites => \@sites);
+    my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
+    my %settings = map { my $site = $_; ($site->{name} =>
+        [map {"$_->{name} $_->{user} $_->{file}"} $applications->settings($site)]) }
+        @sites;
+    is_deeply $settings{'blog.test'}, ['blog writer /etc/wordpress/config-blog.test.php'],
+        'settings of the host that is asked for';
+    is_deeply $settings{'wiki.test'}, ['wiki editor /var/lib/mediawiki/LocalSettings.php'],
+        "those behind root's link";
+    is_deeply $settings{'mail.test'}, ['roundcube cube /etc/dbconfig-common/roundcube.conf'],
+        'those of the package manager';
+};
+
+END {
+    local $?;
+    # Much faster than perl's own way.
+    output_of('rm', '-r', "$root/usr") if -e "$root/usr";
 }
-is package_of('blog.test', 'changed'), 1, 'changed files are counted';
-is_deeply [grep {/\A(?:config\.inc|debian-db\.php)/} @{ below_of('mail.test', '/etc/roundcube') }],
-    [qw(config.inc.php debian-db.php)], 'settings that scripts have made are packed';
-is scalar(grep {/\Alocal\.php\z/} @{ below_of('pages.test', '/etc/dokuwiki') }), 1, 'so is what the administrator made';
-is_deeply $dump->texts_of('//domain[@name="wiki.test"]/site/package/directory'),
-    [qw(/etc/mediawiki /usr/share/mediawiki /var/lib/mediawiki)], 'the directories of the application are named';
-is_deeply $dump->values_of('//domain[@name="plain.test"]/site/package/@name'), [], 'a site of files has no package';
-is_deeply [grep { @{ below_of($_, '/srv/common') } } sort(keys %EXPECTED), 'plain.test'], ['blog.test'],
-    'what all sites of a server show is packed with one of them';
 
-# --- shown by all sites of the server, as the packages set it up ---
-
-rename "$root/etc/apache2/sites-enabled/pages.conf", "$root/etc/apache2/conf-enabled/dokuwiki.conf" or die $!;
-put('/etc/apache2/conf-enabled/dokuwiki.conf', "Alias /dokuwiki /usr/share/dokuwiki\n");
-$dump = Dumped->new($tree, 'plain.test', '--dump-domains=-');
-is_deeply $dump->values_of('//site/package/@name'), ['dokuwiki'], 'an alias for all sites leads to its package';
-is_deeply [grep {/pages/} @{ below_of('plain.test', '/var/lib/dokuwiki/data') }],
-    [qw(pages/start.txt pages/team/plan.txt pages/wiki/welcome.txt)], 'whose content comes with a single domain';
-
-# --- their databases ---
-
-my $users = Linux::Users->new($tree);
-my @sites = @{ Linux::Sites::look($tree, $problems)->{sites} };
-Linux::SiteParts->new(tree => $tree, problems => $problems, users => $users, sites => \@sites);
-my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
-my %settings = map { my $site = $_; ($site->{name} => [map {"$_->{name} $_->{user} $_->{file}"} $applications->settings($site)]) }
-    @sites;
-is_deeply $settings{'blog.test'}, ['blog writer /etc/wordpress/config-blog.test.php'], 'settings of the host that is asked for';
-is_deeply $settings{'wiki.test'}, ['wiki editor /var/lib/mediawiki/LocalSettings.php'], "those behind root's link";
-is_deeply $settings{'mail.test'}, ['roundcube cube /etc/dbconfig-common/roundcube.conf'], 'those of the package manager';
-
-# Much faster than perl's own way.
-output_of('rm', '-r', "$root/usr");
-done_testing;
+run_tests;

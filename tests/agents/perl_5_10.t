@@ -8,6 +8,7 @@ use Module::CoreList;
 use PPI;
 use Perl::MinimumVersion;
 use Test::More;
+use Independent;
 
 my $agents = "$FindBin::RealBin/../../agents";
 
@@ -113,15 +114,18 @@ sub newer_features {
     my ($document) = @_;
     my @found;
     for my $use (pieces($document, 'Statement::Include')) {
-        push @found, $use->content if $use->module eq 'feature' && $use->content !~ /['"( ](?:say|state|switch)\b/
-            || $use->module eq 'experimental' || ($use->version && $use->version !~ /^v?5\.0?(?:0[0-9]|10|8|6)/);
+        push @found, $use->content if $use->module eq 'feature'
+            && $use->content !~ /['"( ](?:say|state|switch)\b/
+            || $use->module eq 'experimental' || ($use->version
+                && $use->version !~ /^v?5\.0?(?:0[0-9]|10|8|6)/);
     }
     return @found;
 }
 
 sub signatures {
     my ($document) = @_;
-    return map { 'signature ' . $_->content } grep { $_->content =~ /\w/ } pieces($document, 'Token::Prototype');
+    return map { 'signature ' . $_->content } grep { $_->content =~ /\w/ } pieces($document,
+        'Token::Prototype');
 }
 
 sub all_newer {
@@ -140,39 +144,53 @@ my @newer = (
     'use strict; my @x = $r->@*;', 'my %h; my %s = %h{qw(a b)};', 'my @a; for my $i (keys @a) { }',
     'print <<~END;' . "\n  x\n  END\n", 'my $x = "a"; my $y = $x =~ s/a/b/r;', 'package Some { }',
     'sub f { ... }', 'use JSON::PP;', 'use HTTP::Tiny;', 'use DBI;', 'use File::Path qw(make_path);',
-    'use List::Util qw(any);', 'use List::Util (); List::Util::all(1);', '$out->autoflush(1);', 'use v5.12;', 'use 5.014;', "use feature 'fc';",
-    'sub f ($x, $y) { }', 'my $x = /\bx\b/a;', 'my $x = "\N{LATIN SMALL LETTER A}";', 'my %h; delete local $h{a};',
+    'use List::Util qw(any);', 'use List::Util (); List::Util::all(1);', '$out->autoflush(1);',
+    'use v5.12;', 'use 5.014;', "use feature 'fc';",
+    'sub f ($x, $y) { }', 'my $x = /\bx\b/a;', 'my $x = "\N{LATIN SMALL LETTER A}";',
+    'my %h; delete local $h{a};',
 );
 my @old_enough = (
     'use strict; use 5.010; use feature qw(say state); my $x = shift // 1; say $x;',
-    'use IO::Handle; STDOUT->autoflush(1);', 'my $n = 7 %$x; my @k = keys %{ $x->{y} }; my @s = @{$x}{qw(a b)};',
-    'sub f ($$) { } my $x = $h->{a}[1]; $x =~ s/(\w+)\n/$1/gmsx;', 'my ($x) = grep { defined } @$y; keys %$x;',
+    'use IO::Handle; STDOUT->autoflush(1);',
+    'my $n = 7 %$x; my @k = keys %{ $x->{y} }; my @s = @{$x}{qw(a b)};',
+    'sub f ($$) { } my $x = $h->{a}[1]; $x =~ s/(\w+)\n/$1/gmsx;',
+    'my ($x) = grep { defined } @$y; keys %$x;',
     'use List::Util qw(first sum); my @all = $x->all;',
 );
 for my $text (@newer) {
-    my @found = all_newer(PPI::Document->new(\$text));
-    ok(scalar(@found), "finds what is new in: $text");
+    test "Newer than perl 5.10 is: $text" => sub {
+        my @found = all_newer(PPI::Document->new(\$text));
+        ok(scalar(@found), "finds what is new in: $text");
+    };
 }
 for my $text (@old_enough) {
-    is_deeply([all_newer(PPI::Document->new(\$text))], [], "finds nothing new in: $text");
+    test "Not newer than perl 5.10 is: $text" => sub {
+        is_deeply([all_newer(PPI::Document->new(\$text))], [], "finds nothing new in: $text");
+    };
 }
 
-# What is missing on a host is told only if it is in the list of what is needed.
-my %used = map { used_modules(PPI::Document->new($_)) } files();
-require "$agents/shared/Agent/Perl.pm";
-is_deeply([sort grep { !/^(?:strict|warnings)\z/ } keys %used],
-    [sort @Agent::Perl::FOR_LOOKING, @Agent::Perl::FOR_DUMPS], 'the list of needed modules is complete');
+test 'The list of needed modules is complete' => sub {
+    # What is missing on a host is told only if it is in the list of what is needed.
+    my %used = map { used_modules(PPI::Document->new($_)) } files();
+    require "$agents/shared/Agent/Perl.pm";
+    is_deeply([sort grep { !/^(?:strict|warnings)\z/ } keys %used],
+        [sort @Agent::Perl::FOR_LOOKING, @Agent::Perl::FOR_DUMPS], 'the list of needed modules is complete');
+};
 
 for my $file (files()) {
     (my $name = $file) =~ s{^\Q$agents\E/}{};
-    my $document = PPI::Document->new($file);
-    ok($document, "$name can be parsed") or next;
-    my $output = `"$^X" -I"$agents/shared" -I"$agents/linux" -wc "$file" 2>&1`;
-    is($output, "$file syntax OK\n", "$name compiles without a warning");
-    is_deeply([all_newer($document)], [], "$name needs nothing newer than perl 5.10");
-    for my $strictness (qw(strict warnings)) {
-        ok(scalar(grep { $_->module eq $strictness } pieces($document, 'Statement::Include')), "$name uses $strictness");
-    }
-    is(scalar(grep { length > 110 } split /\n/, $document->content), 0, "$name has no line of more than 110 characters");
+    test "$name needs nothing but perl 5.10 with its own modules" => sub {
+        my $document = PPI::Document->new($file);
+        ok($document, "$name can be parsed") or return;
+        my $output = `"$^X" -I"$agents/shared" -I"$agents/linux" -wc "$file" 2>&1`;
+        is($output, "$file syntax OK\n", "$name compiles without a warning");
+        is_deeply([all_newer($document)], [], "$name needs nothing newer than perl 5.10");
+        for my $strictness (qw(strict warnings)) {
+            ok(scalar(grep { $_->module eq $strictness } pieces($document, 'Statement::Include')),
+                "$name uses $strictness");
+        }
+        is(scalar(grep { length > 110 } split /\n/, $document->content), 0,
+            "$name has no line of more than 110 characters");
+    };
 }
-done_testing();
+run_tests;

@@ -1,3 +1,6 @@
+# The directory of the agent: what it writes there is closed to others, and links that others put there are
+# not
+# followed.
 use strict;
 use warnings;
 use FindBin;
@@ -26,104 +29,135 @@ BEGIN {
 
 use File::Temp qw(tempdir);
 use Test::More;
+use Independent;
 use Agent::Private;
 
-my $dir = tempdir(CLEANUP => 1);
-my $owner = 4711;
-chown $owner, 4712, $dir or die $!;
-chmod 0755, $dir or die $!;
-my $private = Agent::Private->new($dir);
+my $OWNER = 4711;
+my ($dir, $private, $secret);
+
+# A new directory of the owner, and a file beside it that nothing may touch.
+sub begin_anew {
+    $dir = tempdir(CLEANUP => 1);
+    chown $OWNER, 4712, $dir or die $!;
+    chmod 0755, $dir or die $!;
+    $private = Agent::Private->new($dir);
+    $secret = tempdir(CLEANUP => 1);
+    open my $file, '>', "$secret/x" or die $!;
+    print $file 'secret';
+    close $file or die $!;
+    chmod 0644, "$secret/x" or die $!;
+    return;
+}
 
 sub of { my @stat = lstat $private->path($_[0]); return sprintf '%o %d:%d', $stat[2] & 07777, @stat[4, 5] }
 
 sub slurp { open my $file, '<', $_[0] or die $!; local $/; return scalar <$file> }
 
-is of('.'), "700 $owner:4712", 'the directory is closed to others';
-$private->replace('a/b/document', "one\n");
-is slurp("$dir/a/b/document"), "one\n", 'a document is written';
-is of('a/b/document'), "600 $owner:4712", 'a document belongs to the owner of the directory only';
-is of($_), "700 $owner:4712", "so does the folder $_" for qw(a a/b);
-{
-    my $old = umask 0;
-    $private->replace('open', '');
-    is of('open'), "600 $owner:4712", 'whatever the mask is';
-    umask $old;
-}
-$private->replace('a/b/document', 'two');
-is $private->read('a/b/document'), 'two', 'a document is replaced';
-ok !defined $private->read('absent'), 'an absent file has no bytes';
-is_deeply [$private->files_below('a')], ['a/b/document'], 'files are found in folders';
-is_deeply [$private->files_below('absent')], [], 'there is nothing in an absent folder';
+sub untouched { return is_deeply [glob "$secret/*"], ["$secret/x"], "$_[0]: nothing appears behind it" }
 
-my $secret = tempdir(CLEANUP => 1);
-sub untouched { is_deeply [glob "$secret/*"], ["$secret/x"], "$_[0]: nothing appears behind it" }
-open my $x, '>', "$secret/x" or die $!;
-print $x 'secret';
-close $x;
-chmod 0644, "$secret/x" or die $!;
-
-symlink $secret, "$dir/folder" or die $!;
-for my $step (
-    [replace => 'folder/x', 'y'], [remove => 'folder/x'], [facts => 'folder/x'], [read => 'folder/x'],
-    [open_append => 'folder/y'], [files_below => 'folder'],
-) {
-    my ($method, @arguments) = @$step;
-    ok !eval { $private->$method(@arguments); 1 }, "a link in place of a folder is refused: $method";
-}
-untouched('folder');
-symlink "$secret/x", "$dir/document" or die $!;
-$private->replace('document', 'new');
-ok !-l "$dir/document" && slurp("$secret/x") eq 'secret', 'a link in place of a file is replaced, not followed';
-symlink "$secret/y", "$dir/later.new" or die $!;
-$private->replace('later', 'new');
-untouched('later');
-unlink "$dir/document" or die $!;
-symlink "$secret/x", "$dir/document" or die $!;
-ok !eval { $private->read('document'); 1 }, 'a link is not read';
-ok !eval { $private->open_append('document'); 1 }, 'a link is not appended to';
-is slurp("$secret/x"), 'secret', 'and what it leads to stays';
-unlink "$dir/document" or die $!;
-link "$secret/x", "$dir/document" or die $!;
-ok !eval { $private->open_append('document'); 1 }, 'neither is a second name of a file';
-is sprintf('%o', (stat "$secret/x")[2] & 07777), '644', 'whose mode stays';
-
-{
-    my $old = umask 0;
-    @modes = ();
-    $private->replace('born', '');
-    is_deeply \@modes, ['600'], 'nor was it ever open to others';
-    umask $old;
-    for my $case (['link', sub { symlink "$secret/z", "$dir/new.new" or die $! }],
-        ['file', sub { open my $planted, '>', "$dir/new.new" or die $! }])
+test 'Documents are for the owner of the directory only' => sub {
+    begin_anew();
+    is of('.'), "700 $OWNER:4712", 'the directory is closed to others';
+    $private->replace('a/b/document', "one\n");
+    is slurp("$dir/a/b/document"), "one\n", 'a document is written';
+    is of('a/b/document'), "600 $OWNER:4712", 'a document belongs to the owner of the directory only';
+    is of($_), "700 $OWNER:4712", "so does the folder $_" for qw(a a/b);
     {
-        my ($what, $plant) = @$case;
-        $after_unlink = $plant;
-        ok !eval { $private->replace('new', 'secret'); 1 }, "a $what that others have just put there is not written to";
-        CORE::unlink("$dir/new.new");
+        my $old = umask 0;
+        $private->replace('open', '');
+        is of('open'), "600 $OWNER:4712", 'whatever the mask is';
+        umask $old;
     }
-    untouched('new');
-}
+    $private->replace('a/b/document', 'two');
+    is $private->read('a/b/document'), 'two', 'a document is replaced';
+    ok !defined $private->read('absent'), 'an absent file has no bytes';
+    is_deeply [$private->files_below('a')], ['a/b/document'], 'files are found in folders';
+    is_deeply [$private->files_below('absent')], [], 'there is nothing in an absent folder';
+};
 
-{
-    my $file = $private->create('half');
-    $file->write('x' x 100_000);
-    ok !-e "$dir/half", 'a file is not there before it is complete';
-    is of('half.new'), "600 $owner:4712", 'and closed to others from the start';
-}
-ok !-e "$dir/half.new", 'a file that is not kept leaves nothing';
+test 'A link in place of a directory is refused' => sub {
+    begin_anew();
+    symlink $secret, "$dir/folder" or die $!;
+    for my $step (
+        [replace => 'folder/x', 'y'], [remove => 'folder/x'], [facts => 'folder/x'], [read => 'folder/x'],
+        [open_append => 'folder/y'], [files_below => 'folder'],
+    ) {
+        my ($method, @arguments) = @$step;
+        ok !eval { $private->$method(@arguments); 1 }, "a link in place of a folder is refused: $method";
+    }
+    untouched('folder');
+};
 
-my %names = ('a.b-C_1' => 'a.b-C_1', '*.a.test' => '=2A.a.test', '-rf' => '=2Drf', '.' => '=2E', '..' => '=2E.',
-    'a/b' => 'a=2Fb', 'a=b' => 'a=3Db', '' => '=', "a\n\0" => 'a=0A=00', "\xc3\xa4" => '=C3=A4');
-is Agent::Private::safe_name($_), $names{$_}, 'a name is safe: ' . $names{$_} for sort keys %names;
-my %seen;
-$seen{ Agent::Private::safe_name($_) }++ for map { ('x' x 300) . $_, ('=' x 100) . $_ } 1 .. 50;
-is keys %seen, 100, 'long names stay different';
-is scalar(grep { length > 180 } keys %seen), 0, 'and become short enough for an ending';
+test 'A link in place of a file is replaced and not followed' => sub {
+    begin_anew();
+    symlink "$secret/x", "$dir/document" or die $!;
+    $private->replace('document', 'new');
+    ok !-l "$dir/document" && slurp("$secret/x") eq 'secret',
+        'a link in place of a file is replaced, not followed';
+    symlink "$secret/y", "$dir/later.new" or die $!;
+    $private->replace('later', 'new');
+    untouched('later');
+};
 
-my $closed = tempdir(CLEANUP => 1);
-chown 4711, 4711, $closed or die $!;
-my $refused = fork_as(4713, sub { Agent::Private->new($closed) });
-like $refused, qr/belongs to another account/, "another account's directory is refused";
+test 'A link or a second name of a file is not read or appended to' => sub {
+    begin_anew();
+    symlink "$secret/x", "$dir/document" or die $!;
+    ok !eval { $private->read('document'); 1 }, 'a link is not read';
+    ok !eval { $private->open_append('document'); 1 }, 'a link is not appended to';
+    is slurp("$secret/x"), 'secret', 'and what it leads to stays';
+    unlink "$dir/document" or die $!;
+    link "$secret/x", "$dir/document" or die $!;
+    ok !eval { $private->open_append('document'); 1 }, 'neither is a second name of a file';
+    is sprintf('%o', (stat "$secret/x")[2] & 07777), '644', 'whose mode stays';
+};
+
+test 'A new file is never open to others and never one that they have made' => sub {
+    begin_anew();
+        my $old = umask 0;
+        @modes = ();
+        $private->replace('born', '');
+        is_deeply \@modes, ['600'], 'nor was it ever open to others';
+        umask $old;
+        for my $case (['link', sub { symlink "$secret/z", "$dir/new.new" or die $! }],
+            ['file', sub { open my $planted, '>', "$dir/new.new" or die $! }])
+        {
+            my ($what, $plant) = @$case;
+            $after_unlink = $plant;
+            ok !eval { $private->replace('new', 'secret'); 1 },
+                "a $what that others have just put there is not written to";
+            CORE::unlink("$dir/new.new");
+        }
+        untouched('new');
+};
+
+test 'A file that is not kept leaves nothing' => sub {
+    begin_anew();
+    {
+        my $file = $private->create('half');
+        $file->write('x' x 100_000);
+        ok !-e "$dir/half", 'a file is not there before it is complete';
+        is of('half.new'), "600 $OWNER:4712", 'and closed to others from the start';
+    }
+    ok !-e "$dir/half.new", 'a file that is not kept leaves nothing';
+};
+
+test 'Names of objects become names of files that are safe and different' => sub {
+    my %names = ('a.b-C_1' => 'a.b-C_1', '*.a.test' => '=2A.a.test', '-rf' => '=2Drf', '.' => '=2E',
+        '..' => '=2E.',
+        'a/b' => 'a=2Fb', 'a=b' => 'a=3Db', '' => '=', "a\n\0" => 'a=0A=00', "\xc3\xa4" => '=C3=A4');
+    is Agent::Private::safe_name($_), $names{$_}, 'a name is safe: ' . $names{$_} for sort keys %names;
+    my %seen;
+    $seen{ Agent::Private::safe_name($_) }++ for map { ('x' x 300) . $_, ('=' x 100) . $_ } 1 .. 50;
+    is keys %seen, 100, 'long names stay different';
+    is scalar(grep { length > 180 } keys %seen), 0, 'and become short enough for an ending';
+};
+
+test 'A directory of another account is refused' => sub {
+    my $closed = tempdir(CLEANUP => 1);
+    chown 4711, 4711, $closed or die $!;
+    my $refused = fork_as(4713, sub { Agent::Private->new($closed) });
+    like $refused, qr/belongs to another account/, "another account's directory is refused";
+};
 
 # What the code dies with as that user.
 sub fork_as {
@@ -147,4 +181,4 @@ sub fork_as {
     return $said;
 }
 
-done_testing;
+run_tests;

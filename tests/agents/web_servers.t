@@ -14,6 +14,7 @@ BEGIN {
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Test::More;
+use Independent;
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
 use IO::Socket::INET;
@@ -31,7 +32,8 @@ use Linux::WebServers;
 sub looked {
     my ($look) = @_;
     my ($tree, $problems) = (Linux::Tree->new, Agent::Problems->new);
-    my $found = $look->($tree, $problems, servers => Linux::WebServers->new(tree => $tree, problems => $problems));
+    my $found = $look->($tree, $problems, servers => Linux::WebServers->new(tree => $tree,
+        problems => $problems));
     return ($found, problem_texts($problems));
 }
 
@@ -41,12 +43,14 @@ sub unread {
     return join "\n", @{ problem_texts($problems) };
 }
 
-my $folder = tempdir(CLEANUP => 1);
-chmod 0755, $folder;
-mkpath(["$folder/docs", "$folder/more", "$folder/run"]);
-write_file("$folder/docs/marker", 'x');
+# A new directory with the settings of an nginx and its site.
+sub laid_out {
+    my $folder = tempdir(CLEANUP => 1);
+    chmod 0755, $folder;
+    mkpath(["$folder/docs", "$folder/more", "$folder/run"]);
+    write_file("$folder/docs/marker", 'x');
 
-write_file("$folder/nginx.conf", <<"END");
+    write_file("$folder/nginx.conf", <<"END");
 pid $folder/pid; error_log $folder/error.log; user root;
 events { worker_connections 16; }
 http {
@@ -54,34 +58,50 @@ http {
     include more/*.conf;
 }
 END
-write_file("$folder/more/a.conf", "server { listen 127.0.0.1:8080; server_name a.test; root docs; }\n");
-with_server(8080, ['nginx', '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'], sub {
-    my ($found, $problems) = looked(\&Linux::Nginx::look);
-    my ($site) = grep { $_->{name} eq 'a.test' } @{ $found->{sites} };
-    is $site && $site->{root}, "$folder/docs", 'a server that runs is read with the files and paths it was started with';
-    is $found->{configurations}[0]{file}, "$folder/nginx.conf", 'before others';
-    is_deeply [grep {/\Q$folder\E/} @$problems], [], 'without a problem' or diag explain $problems;
-    is unread(), '', 'a server that is read is not named';
+    write_file("$folder/more/a.conf", "server { listen 127.0.0.1:8080; server_name a.test; root docs; }\n");
+    return $folder;
+}
 
-    no warnings qw(redefine once);
-    local *Linux::NginxConfig::matching = sub { return };
-    (undef, $problems) = looked(\&Linux::Nginx::look);
-    is_deeply [grep {m{/more/a.conf}} @$problems], ["error $folder/more/a.conf: nginx says that it reads this file, to"
-        . ' which no inclusion has led the agent: look whether sites in it are missing, and move them by hand'],
-        'a file that only the server knows is named' or diag explain $problems;
-});
+test 'An nginx that runs is read with what it was started with' => sub {
+    my $folder = laid_out();
+    with_server(8080, ['nginx', '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'], sub {
+        my ($found, $problems) = looked(\&Linux::Nginx::look);
+        my ($site) = grep { $_->{name} eq 'a.test' } @{ $found->{sites} };
+        is $site && $site->{root}, "$folder/docs",
+            'a server that runs is read with the files and paths it was started with';
+        is $found->{configurations}[0]{file}, "$folder/nginx.conf", 'before others';
+        is_deeply [grep {/\Q$folder\E/} @$problems], [], 'without a problem' or diag explain $problems;
+        is unread(), '', 'a server that is read is not named';
 
-with_server(8080, ['nginx', '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'], sub {
-    write_file("$folder/more/b.conf", "server { server_name b.test; root docs; wrong; }\n");
-    my ($found, $problems) = looked(\&Linux::Nginx::look);
-    is_deeply [map { $_->{name} } grep { $_->{name} =~ /test/ } @{ $found->{sites} }], [qw(a.test b.test)],
-        'files are read where the server does not answer';
-    like join("\n", @$problems), qr{^warning \Q$folder\E/nginx.conf: nginx runs, but would not start with its files.*: unknown directive "wrong" in }, 'and why is told';
-});
-unlink "$folder/more/b.conf";
+        no warnings qw(redefine once);
+        local *Linux::NginxConfig::matching = sub { return };
+        (undef, $problems) = looked(\&Linux::Nginx::look);
+        is_deeply [grep {m{/more/a.conf}} @$problems],
+            ["error $folder/more/a.conf: nginx says that it reads this file, to"
+            . ' which no inclusion has led the agent: look whether sites in it are missing, and move them by hand'],
+            'a file that only the server knows is named' or diag explain $problems;
+    });
+};
+
+test 'The files of nginx are read where it does not answer' => sub {
+    my $folder = laid_out();
+    with_server(8080, ['nginx', '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'], sub {
+        write_file("$folder/more/b.conf", "server { server_name b.test; root docs; wrong; }\n");
+        my ($found, $problems) = looked(\&Linux::Nginx::look);
+        is_deeply [map { $_->{name} } grep { $_->{name} =~ /test/ } @{ $found->{sites} }],
+            [qw(a.test b.test)],
+            'files are read where the server does not answer';
+        like join("\n", @$problems),
+            qr{^warning \Q$folder\E/nginx.conf: nginx runs, but would not start with its files.*: unknown directive "wrong" in }, 'and why is told';
+    });
+    unlink "$folder/more/b.conf";
+};
 
 my $modules = '/usr/lib/apache2/modules';
-write_file("$folder/web.conf", <<"END");
+
+sub apache_in {
+    my ($folder) = @_;
+    write_file("$folder/web.conf", <<"END");
 ServerName main.test
 Listen 127.0.0.1:8081
 PidFile $folder/run/pid
@@ -94,125 +114,177 @@ Include more/*.vhost
 </IfDefine>
 </IfModule>
 END
-write_file("$folder/more/a.vhost", "<VirtualHost *:8081>\nServerName a.test\nDocumentRoot docs\n</VirtualHost>\n");
-my @apache = ('/usr/sbin/apache2', '-X', '-d', $folder, '-f', 'web.conf', '-D', 'ASKED');
-with_server(8081, \@apache, sub {
-    my ($found, $problems) = looked(\&Linux::Apache::look);
-    my ($site) = grep { $_->{name} eq 'a.test' } @{ $found->{sites} };
-    is $site && $site->{root}, "$folder/docs", 'Apache is read with what it was started with, definitions too';
-    my %module = map { $_->{name} => $_->{file} } @{ $found->{configurations}[0]{modules} };
-    is_deeply [@module{qw(unixd_module mpm_event_module)}], [undef, "$modules/mod_mpm_event.so"],
-        'its modules are told, with those that are built in' or diag explain \%module;
-    ok exists $module{unixd_module}, 'as it says itself';
-    is_deeply [grep {/\Q$folder\E/} @$problems], [], 'without a problem' or diag explain $problems;
+    write_file("$folder/more/a.vhost",
+        "<VirtualHost *:8081>\nServerName a.test\nDocumentRoot docs\n</VirtualHost>\n");
+    return ('/usr/sbin/apache2', '-X', '-d', $folder, '-f', 'web.conf', '-D', 'ASKED');
+}
 
-    no warnings qw(redefine once);
-    local *Linux::ApacheConfig::matching = sub { return };
-    (undef, $problems) = looked(\&Linux::Apache::look);
-    like join("\n", @$problems), qr{^error \Q$folder\E/more/a.vhost: Apache says that it reads this file}m,
-        'a file that only the server knows is named';
-});
-with_server(8081, \@apache, sub {
-    write_file("$folder/more/b.vhost", "Wrong\n");
-    my ($found, $problems) = looked(\&Linux::Apache::look);
-    ok((grep { $_->{name} eq 'a.test' } @{ $found->{sites} }), 'files are read where Apache does not answer');
-    like join("\n", @$problems), qr{^warning \Q$folder\E/web.conf: Apache runs, but would not start with its files.*b\.vhost.*'Wrong'}, 'and why is told' or diag explain $problems;
-});
-unlink "$folder/more/b.vhost";
-
-{
-    my $fpm = "$folder/fpm.conf";
-    write_file($fpm, "[global]\nerror_log = $folder/fpm.log\ndaemonize = no\ninclude = $folder/pool?.conf\n");
-    write_file("$folder/pool1.conf", "[one]\nlisten = 127.0.0.1:9000\nuser = nobody\npm = static\npm.max_children = 1\n"
-        . "env[PLACE] = 'north; west'\ninclude = $folder/of-all\n");
-    write_file("$folder/of-all", "php_admin_value[memory_limit] = 3M\n");
-    my ($program) = glob '/usr/sbin/php-fpm?.?';
-    my ($version) = $program =~ /([\d.]+)\z/;
-    my @fpm = ($program, '-y', $fpm);
-    my $of_site = sub {
-        my ($tree, $problems) = (Linux::Tree->new, Agent::Problems->new);
-        my $servers = Linux::WebServers->new(tree => $tree, problems => $problems);
-        my $php = Linux::Php->new($tree, $problems, $servers);
-        return ($php->of_site({ php_addresses => ['localhost:9000'], php_settings => {}, php_admin => {} }),
-            [grep {/\Q$folder\E/} @{ problem_texts($problems) }]);
-    };
-    with_server(9000, \@fpm, sub {
-        my ($php, $problems) = $of_site->();
-        is_deeply [@$php{qw(pool pool_user version pool_file)}], ['one', 'nobody', $version, "$folder/pool1.conf"],
-            'a pool is found by the file that its process manager was started with' or diag explain $php;
-        is_deeply $php->{settings}, { memory_limit => '3M' }, 'with its settings';
-        is_deeply $php->{env}, { PLACE => 'north; west' }, 'and environment';
-        ok((grep { $_ eq 'opcache' } @{ $php->{extensions} }) && (grep { $_ eq 'cgi-fcgi' } @{ $php->{extensions} }),
-            'extensions are those that the program names') or diag explain $php->{extensions};
-        is_deeply $problems, [], 'without a problem' or diag explain $problems;
+test 'An Apache that runs is read with what it was started with' => sub {
+    my $folder = laid_out();
+    my @apache = apache_in($folder);
+    with_server(8081, \@apache, sub {
+        my ($found, $problems) = looked(\&Linux::Apache::look);
+        my ($site) = grep { $_->{name} eq 'a.test' } @{ $found->{sites} };
+        is $site && $site->{root}, "$folder/docs",
+            'Apache is read with what it was started with, definitions too';
+        my %module = map { $_->{name} => $_->{file} } @{ $found->{configurations}[0]{modules} };
+        is_deeply [@module{qw(unixd_module mpm_event_module)}], [undef, "$modules/mod_mpm_event.so"],
+            'its modules are told, with those that are built in' or diag explain \%module;
+        ok exists $module{unixd_module}, 'as it says itself';
+        is_deeply [grep {/\Q$folder\E/} @$problems], [], 'without a problem' or diag explain $problems;
 
         no warnings qw(redefine once);
-        local *Linux::Php::read_pool_file = sub { return };
-        ($php) = $of_site->();
-        is_deeply [@$php{qw(pool pool_user settings env)}],
-            ['one', 'nobody', { memory_limit => '3M' }, { PLACE => 'north; west' }],
-            'a pool that no file shows is the one that the process manager tells' or diag explain $php;
+        local *Linux::ApacheConfig::matching = sub { return };
+        (undef, $problems) = looked(\&Linux::Apache::look);
+        like join("\n", @$problems),
+            qr{^error \Q$folder\E/more/a.vhost: Apache says that it reads this file}m,
+            'a file that only the server knows is named';
     });
-    with_server(9000, \@fpm, sub {
-        write_file("$folder/of-all", "wrong = 1\n");
-        my ($php, $problems) = $of_site->();
-        is $php->{pool}, 'one', 'files are read where the process manager does not answer';
-        like "@$problems", qr{\Awarning \Q$fpm\E: PHP-FPM runs, but would not start with its files.*'wrong'}, 'and why is told';
+};
+
+test 'The files of Apache are read where it does not answer' => sub {
+    my $folder = laid_out();
+    my @apache = apache_in($folder);
+    with_server(8081, \@apache, sub {
+        write_file("$folder/more/b.vhost", "Wrong\n");
+        my ($found, $problems) = looked(\&Linux::Apache::look);
+        ok((grep { $_->{name} eq 'a.test' } @{ $found->{sites} }),
+            'files are read where Apache does not answer');
+        like join("\n", @$problems),
+            qr{^warning \Q$folder\E/web.conf: Apache runs, but would not start with its files.*b\.vhost.*'Wrong'}, 'and why is told' or diag explain $problems;
     });
+    unlink "$folder/more/b.vhost";
+};
+
+sub pool_in {
+    my ($folder) = @_;
+        my $fpm = "$folder/fpm.conf";
+        write_file($fpm, "[global]\nerror_log = $folder/fpm.log\ndaemonize = no\ninclude = $folder/pool?.conf\n");
+        write_file("$folder/pool1.conf",
+            "[one]\nlisten = 127.0.0.1:9000\nuser = nobody\npm = static\npm.max_children = 1\n"
+            . "env[PLACE] = 'north; west'\ninclude = $folder/of-all\n");
+        write_file("$folder/of-all", "php_admin_value[memory_limit] = 3M\n");
+        my ($program) = glob '/usr/sbin/php-fpm?.?';
+        my ($version) = $program =~ /([\d.]+)\z/;
+        my @fpm = ($program, '-y', $fpm);
+        my $of_site = sub {
+            my ($tree, $problems) = (Linux::Tree->new, Agent::Problems->new);
+            my $servers = Linux::WebServers->new(tree => $tree, problems => $problems);
+            my $php = Linux::Php->new($tree, $problems, $servers);
+            return ($php->of_site({ php_addresses => ['localhost:9000'], php_settings => {},
+                php_admin => {} }),
+                [grep {/\Q$folder\E/} @{ problem_texts($problems) }]);
+        };
+    return ($fpm, \@fpm, $of_site, $version);
 }
+
+test 'A pool is found by what its process manager was started with' => sub {
+    my $folder = laid_out();
+    my (undef, $fpm, $of_site, $version) = pool_in($folder);
+        with_server(9000, $fpm, sub {
+            my ($php, $problems) = $of_site->();
+            is_deeply [@$php{qw(pool pool_user version pool_file)}],
+                ['one', 'nobody', $version, "$folder/pool1.conf"],
+                'a pool is found by the file that its process manager was started with' or diag explain $php;
+            is_deeply $php->{settings}, { memory_limit => '3M' }, 'with its settings';
+            is_deeply $php->{env}, { PLACE => 'north; west' }, 'and environment';
+            ok((grep { $_ eq 'opcache' } @{ $php->{extensions} })
+                && (grep { $_ eq 'cgi-fcgi' } @{ $php->{extensions} }),
+                'extensions are those that the program names') or diag explain $php->{extensions};
+            is_deeply $problems, [], 'without a problem' or diag explain $problems;
+
+            no warnings qw(redefine once);
+            local *Linux::Php::read_pool_file = sub { return };
+            ($php) = $of_site->();
+            is_deeply [@$php{qw(pool pool_user settings env)}],
+                ['one', 'nobody', { memory_limit => '3M' }, { PLACE => 'north; west' }],
+                'a pool that no file shows is the one that the process manager tells' or diag explain $php;
+        });
+};
+
+test 'The files of pools are read where the process manager does not answer' => sub {
+    my $folder = laid_out();
+    my ($fpm_file, $fpm, $of_site) = pool_in($folder);
+        with_server(9000, $fpm, sub {
+            write_file("$folder/of-all", "wrong = 1\n");
+            my ($php, $problems) = $of_site->();
+            is $php->{pool}, 'one', 'files are read where the process manager does not answer';
+            like "@$problems", qr{\Awarning \Q$fpm_file\E: PHP-FPM runs, but would not start with its files.*'wrong'}, 'and why is told';
+        });
+};
 
 # Another program with the name of the server: what is looked at is who runs and listens.
-run(['cp', $^X, "$folder/lighttpd"]);
-my @listens = ('-MIO::Socket::INET', '-e',
-    'my $s = IO::Socket::INET->new(LocalAddr => "127.0.0.1", LocalPort => shift, ReuseAddr => 1, Listen => 5) or die; 1 while $s->accept');
-with_server(80, ["$folder/lighttpd", @listens, 80], sub {
-    is unread(), "error lighttpd: Runs (process $_[0]) and listens on port 80, but is not read by the agent: its sites are"
-        . ' in no archive. Move its configuration and its files by hand', 'a web server that is not read is an error';
-});
-with_server(8080, ["$folder/lighttpd", @listens, 8080], sub {
-    like unread(), qr{\Aerror lighttpd: Runs \(process $_[0]\), but is not read}, 'wherever it listens';
-});
-with_server(443, [$^X, @listens, 443], sub {
-    like unread(), qr/\Aerror perl[\d.]*: Runs \(process $_[0]\) and listens on port 443, but is no web server that the agent reads/,
-        'so is any program where browsers come';
-});
+my @LISTENS = ('-MIO::Socket::INET', '-e', 'my $s = IO::Socket::INET->new(LocalAddr => "127.0.0.1",'
+    . ' LocalPort => shift, ReuseAddr => 1, Listen => 5) or die; 1 while $s->accept');
 
-{
-    my $own = "$folder/own";
-    mkpath($own);
-    run(['cp', which('nginx'), "$own/nginx"]);
-    run(['chown', '-R', 'nobody', $own]);
-    with_server(8080, ["$own/nginx", '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'], sub {
-        my ($found) = looked(\&Linux::Nginx::look);
-        ok !(grep { $_->{name} eq 'a.test' } @{ $found->{sites} }), "an account's own program is not believed";
-        like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but is a program of an account other than root: its sites},
-            'but named';
+sub lighttpd_in {
+    my ($folder) = @_;
+    run(['cp', $^X, "$folder/lighttpd"]);
+    return "$folder/lighttpd";
+}
+
+test 'A web server that is not read is an error' => sub {
+    my $lighttpd = lighttpd_in(laid_out());
+    with_server(80, [$lighttpd, @LISTENS, 80], sub {
+        is unread(), "error lighttpd: Runs (process $_[0]) and listens on port 80, but is not read by the agent: its sites are"
+            . ' in no archive. Move its configuration and its files by hand',
+            'a web server that is not read is an error';
     });
-}
-
-{
-    my $own = "$folder/of-nobody";
-    mkpath("$own/docs");
-    write_file("$own/nginx.conf", "error_log stderr; pid $own/pid; events {}\nhttp { access_log off; client_body_temp_path t;\n"
-        . "proxy_temp_path t; fastcgi_temp_path t; uwsgi_temp_path t; scgi_temp_path t;\n"
-        . "server { listen 127.0.0.1:8080; server_name n.test; root docs; } }\n");
-    run(['chown', '-R', '65534:65534', $own]);
-    my @nobody = qw(setpriv --reuid=65534 --regid=65534 --clear-groups);
-    with_server(8080, [@nobody, which('nginx'), '-p', "$own/", '-c', "$own/nginx.conf", '-g', 'daemon off;'], sub {
-        my ($found) = looked(\&Linux::Nginx::look);
-        ok !(grep { $_->{name} eq 'n.test' } @{ $found->{sites} }), "what another account has started is not believed";
-        like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but was started by an account other than root: its sites},
-            'but named';
+    with_server(8080, [$lighttpd, @LISTENS, 8080], sub {
+        like unread(), qr{\Aerror lighttpd: Runs \(process $_[0]\), but is not read}, 'wherever it listens';
     });
-}
+    with_server(443, [$^X, @LISTENS, 443], sub {
+        like unread(), qr/\Aerror perl[\d.]*: Runs \(process $_[0]\) and listens on port 443, but is no web server that the agent reads/,
+            'so is any program where browsers come';
+    });
+};
 
-{
-    my ($tree, $problems) = imitated('usr/sbin/lighttpd' => '', 'etc/lighttpd/lighttpd.conf' => '', 'etc/caddy/x' => '',
-        'usr/bin/caddy/' => undef);
-    Linux::WebServers->new(tree => $tree, problems => $problems)->note_unread;
-    is_deeply problem_texts($problems), ['error lighttpd: Is installed (/usr/sbin/lighttpd) with a configuration in'
-        . ' /etc/lighttpd, but is not read by the agent: if it serves sites, its sites are in no archive. Move its'
-        . ' configuration and its files by hand'], 'one that is only installed is named too';
-}
+test 'A program of an account is not believed to be the web server' => sub {
+    my $folder = laid_out();
+        my $own = "$folder/own";
+        mkpath($own);
+        run(['cp', which('nginx'), "$own/nginx"]);
+        run(['chown', '-R', 'nobody', $own]);
+        with_server(8080, ["$own/nginx", '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'],
+            sub {
+            my ($found) = looked(\&Linux::Nginx::look);
+            ok !(grep { $_->{name} eq 'a.test' } @{ $found->{sites} }),
+                "an account's own program is not believed";
+            like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but is a program of an account other than root: its sites},
+                'but named';
+        });
+};
 
-done_testing;
+test 'A web server that another account has started is not believed' => sub {
+    my $folder = laid_out();
+        my $own = "$folder/of-nobody";
+        mkpath("$own/docs");
+        write_file("$own/nginx.conf",
+            "error_log stderr; pid $own/pid; events {}\nhttp { access_log off; client_body_temp_path t;\n"
+            . "proxy_temp_path t; fastcgi_temp_path t; uwsgi_temp_path t; scgi_temp_path t;\n"
+            . "server { listen 127.0.0.1:8080; server_name n.test; root docs; } }\n");
+        run(['chown', '-R', '65534:65534', $own]);
+        my @nobody = qw(setpriv --reuid=65534 --regid=65534 --clear-groups);
+        with_server(8080, [@nobody, which('nginx'), '-p', "$own/", '-c', "$own/nginx.conf", '-g',
+            'daemon off;'], sub {
+            my ($found) = looked(\&Linux::Nginx::look);
+            ok !(grep { $_->{name} eq 'n.test' } @{ $found->{sites} }),
+                "what another account has started is not believed";
+            like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but was started by an account other than root: its sites},
+                'but named';
+        });
+};
+
+test 'A web server that is only installed is named' => sub {
+        my ($tree, $problems) = imitated('usr/sbin/lighttpd' => '', 'etc/lighttpd/lighttpd.conf' => '',
+            'etc/caddy/x' => '',
+            'usr/bin/caddy/' => undef);
+        Linux::WebServers->new(tree => $tree, problems => $problems)->note_unread;
+        is_deeply problem_texts($problems),
+            ['error lighttpd: Is installed (/usr/sbin/lighttpd) with a configuration in'
+            . ' /etc/lighttpd, but is not read by the agent: if it serves sites, its sites are in no'
+                . ' archive. Move its'
+            . ' configuration and its files by hand'], 'one that is only installed is named too';
+};
+
+run_tests;
