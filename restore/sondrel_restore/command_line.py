@@ -12,7 +12,6 @@ from sondrel_restore import printing, verification
 from sondrel_restore.description import Description
 from sondrel_restore.kind import RestoreError
 from sondrel_restore.kinds import all_kinds
-from sondrel_restore.report import write_report
 from sondrel_restore.packages import install
 from sondrel_restore.restore import (Outcome, Restore, apply_plan, make_plan, undo_all, verify_items)
 from sondrel_restore.selection import Decisions, Selection
@@ -31,6 +30,9 @@ def main(arguments: Sequence[str] | None = None) -> int:
     restore = None
     try:
         if options.command == "report":
+            # Its engine of templates takes as long to load as all the rest, which alone serves the other commands.
+            from sondrel_restore.report import write_report  # pylint: disable=import-outside-toplevel
+
             print(printing.escaped(write_report(Session(options.session, options.archives))))
             return DONE
         restore = _restore(options)
