@@ -48,6 +48,7 @@ def test_example_playbook_and_inventory_pass_the_syntax_check():
     assert_only_where_the_playbook_is(outcome)
 
 
+@pytest.mark.slow
 def test_a_migration_goes_on_without_the_process_that_began_it(imitated):
     go_on = hold(imitated, "dump")
     assert begin(imitated)["changed"] is True
@@ -76,6 +77,7 @@ def test_a_login_by_key_has_its_passphrase_and_needs_no_password(imitated):
             "/root/key", None, "the key's", "sudo's"]
 
 
+@pytest.mark.slow
 def test_a_finished_migration_is_begun_again_only_for_other_settings_or_a_step_to_go_back_to(imitated):
     settings = {"host": "src.example", "login": "root", "domains": ["a.example", "b.example"], "server": False,
                 "final": True}
@@ -108,6 +110,7 @@ def test_says_why_nothing_was_begun(imitated, more, reason):
     assert reason in found["reason"] and imitated.runs() == []
 
 
+@pytest.mark.slow
 def test_what_was_killed_is_cut_short_and_is_gone_on_with(imitated):
     hold(imitated, "dump")
     begin(imitated)
@@ -168,6 +171,7 @@ def test_what_was_refused_and_then_made_by_hand_is_finished(imitated):
     assert (found["state"], found["exit_code"], found["reason"]) == ("finished", 0, "")
 
 
+@pytest.mark.slow
 def test_no_more_are_at_work_than_there_are_slots(imitated):
     go_on = hold(imitated, "scout")
     for number in range(3):

@@ -67,6 +67,7 @@ def unpack_in_order(dump):
             unpack(f"{ARCHIVES}/{increment.get('file')}")
 
 
+@pytest.mark.slow
 def test_a_further_pass_fetches_what_has_changed_and_all_in_order_is_what_is_there(source, host):
     run(ROOT, "deploy-agent")
     # An increment must be worth it.
