@@ -1,0 +1,66 @@
+"""The linter remembers a clean file where ccache has a cache, until something that decides changes."""
+import json
+import os
+import subprocess
+
+import pytest
+
+from world import TESTS, read, write
+
+SOURCE = "/mnt/checkout/a.cpp"
+HEADER = "/mnt/checkout/a.h"
+CACHE = "/mnt/ccache"
+LOOKED = "/mnt/looked"
+# Finds what its name says; notes each look.
+IMITATED = """#!/bin/sh
+case $1 in --version) echo 14; exit ;; esac
+for source; do :; done
+echo "$source" >> /mnt/looked
+! grep -q finding "$source"
+"""
+
+
+@pytest.fixture(autouse=True)
+def checkout():
+    """A source file with its header, and a linter that is quick."""
+    write("/mnt/programs/clang-tidy", IMITATED, mode=0o755)
+    write(HEADER, "inline int one() { return 1; }\n")
+    write(SOURCE, '#include "a.h"\nint two() { return one() + one(); }\n')
+    compiled("c++")
+
+
+def compiled(*words):
+    entry = {"directory": "/mnt/checkout", "file": SOURCE, "command": " ".join([*words, "-o", "a.o", "-c", SOURCE])}
+    write("/mnt/build/compile_commands.json", json.dumps([entry]))
+
+
+def looks(code=0, cache=CACHE):
+    """How many looks of the linter a run takes that ends with this code."""
+    write(LOOKED)
+    done = subprocess.run([f"{os.path.dirname(TESTS)}/scripts/tidy", "/mnt/build", SOURCE], check=False,
+                          env={"PATH": "/mnt/programs:/usr/bin:/bin", "CCACHE_DIR": cache})
+    assert done.returncode == code
+    return len(read(LOOKED).splitlines())
+
+
+@pytest.mark.release_only
+def test_looks_again_at_a_clean_file_when_the_file_its_header_or_its_command_has_changed():
+    os.mkdir(CACHE)
+    assert [looks(), looks()] == [1, 0]
+    write(HEADER, "inline int one() { return 1; }  // NOLINT\n")
+    assert [looks(), looks()] == [1, 0]
+    compiled("c++", "-DNDEBUG")
+    assert [looks(), looks()] == [1, 0]
+
+
+@pytest.mark.release_only
+def test_looks_at_a_file_with_findings_each_time():
+    os.mkdir(CACHE)
+    write(SOURCE, "int finding();\n")
+    assert [looks(code=1), looks(code=1)] == [1, 1]
+
+
+@pytest.mark.release_only
+def test_looks_at_every_file_where_nothing_is_remembered():
+    assert [looks(), looks()] == [1, 1]
+    assert not os.path.exists(CACHE)
