@@ -60,6 +60,7 @@ def test_a_root_in_that_of_a_site_of_this_host_needs_a_decision(session, root, i
                        "server { listen 82; root /srv/own; }\n")
     with open("/etc/apache2/sites-enabled/own.conf", "w", encoding="ascii") as settings:
         settings.write('<VirtualHost *:83>\n  DocumentRoot "/srv/apache/x/y"\n</VirtualHost>\n')
+    os.symlink("/srv/gone", "/etc/apache2/sites-enabled/gone.conf")
     site(session, directory("." + root), file(f".{root}/index.html"), root=root)
     done = session.run("plan")
     assert ("of this host serves" in done.stdout) is bool(is_near), done.stdout

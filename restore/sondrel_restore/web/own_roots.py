@@ -4,18 +4,17 @@ What another account can write there would be served as the site's own, and run 
 """
 from __future__ import annotations
 
-import glob
 import os
 import re
 from collections.abc import Iterator
 
 from sondrel_restore.description import is_below
 from sondrel_restore.restore import Restore
+from sondrel_restore.web.apache_here import files_here
 from sondrel_restore.web.config_kind import links
 from sondrel_restore.web.nginx_here import read_here
 from sondrel_restore.web.own_sites import OF_PACKAGES
 
-_APACHE_FILES = ("/etc/apache2/sites-enabled/*.conf", "/etc/apache2/conf-enabled/*.conf")
 _APACHE_PATHS = re.compile(
     r'^[ \t]*(?:DocumentRoot|(?:Script)?Alias[ \t]+(?:"[^"\n]*"|\S+))[ \t]+(?:"(/[^"\n]*)"|(/\S*))',
     re.MULTILINE | re.IGNORECASE)
@@ -57,7 +56,6 @@ class OwnRoots:
 
 
 def _of_apache() -> Iterator[tuple[str, str]]:
-    for file in sorted(path for pattern in _APACHE_FILES for path in glob.glob(pattern)):
-        with open(file, encoding="utf-8", errors="surrogateescape") as text:
-            for quoted, plain in _APACHE_PATHS.findall(text.read()):
-                yield quoted or plain, file
+    for file, text in files_here():
+        for quoted, plain in _APACHE_PATHS.findall(text):
+            yield quoted or plain, file

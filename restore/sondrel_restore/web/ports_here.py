@@ -1,18 +1,17 @@
 """Who has a port that a restored web server needs: a program that runs, or a server that would take it at its start."""
 from __future__ import annotations
 
-import glob
 import os
 import re
 from collections.abc import Iterable
 
 from sondrel_restore.host import Host
+from sondrel_restore.web.apache_here import files_here
 from sondrel_restore.web.judge import programs_at
 from sondrel_restore.web.nginx_here import read_here
 from sondrel_restore.web.service import running
 
 NGINX_DEFAULT = "/etc/nginx/sites-enabled/default"
-_APACHE_FILES = ("/etc/apache2/ports.conf", "/etc/apache2/conf-enabled/*.conf", "/etc/apache2/sites-enabled/*.conf")
 _LISTEN = re.compile(r"^[ \t]*Listen[ \t]+(?:\S+:)?([0-9]+)\b", re.MULTILINE | re.IGNORECASE)
 # Packages' names of the programs of web servers, with what they write their number into.
 _SERVERS = {"nginx": "/run/nginx.pid", "apache2": "/run/apache2/apache2.pid"}
@@ -80,11 +79,9 @@ class PortsHere:
 
 def _of_apache() -> dict[int, list[str]]:
     found: dict[int, list[str]] = {}
-    for path in sorted(path for pattern in _APACHE_FILES for path in glob.glob(pattern)):
-        if not os.access("/usr/sbin/apache2", os.X_OK):
-            break
-        with open(path, encoding="utf-8", errors="replace") as file:
-            for port in sorted({int(number) for number in _LISTEN.findall(file.read())}):
+    if os.access("/usr/sbin/apache2", os.X_OK):
+        for path, text in files_here("/etc/apache2/ports.conf"):
+            for port in sorted({int(number) for number in _LISTEN.findall(text)}):
                 found.setdefault(port, []).append(path)
     return found
 
