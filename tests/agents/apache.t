@@ -103,7 +103,7 @@ END
     is_deeply $site->{names}, ['a.test', 'www.a.test', '*.a.test'],
         'with all its names, over continued lines';
     is $site->{root}, '/srv/a', 'its document root';
-    is_deeply $site->{roots}, ['/srv/a', '/srv/media'], 'other folders, but not those of packages';
+    is_deeply $site->{roots}, ['/srv/a', '/srv/media'], 'other directories, but not those of packages';
     is_deeply $site->{listen}, [
         { address => '*', port => 443, tls => 1 }, { address => '[::1]', port => 8443, tls => 1 },
         { address => '*', port => 80, tls => 0 },
@@ -227,9 +227,9 @@ test 'VirtualDocumentRoot makes a site of each directory' => sub {
     VirtualDocumentRoot /srv/t/%1.1/%-2+.%-1
 </VirtualHost>
 END
-    is_deeply [sort keys %$sites], [qw(a.test b.test one.test)], 'a folder for each host makes sites';
+    is_deeply [sort keys %$sites], [qw(a.test b.test one.test)], 'a directory for each host makes sites';
     is_deeply $sites->{'a.test'}{roots}, ['/srv/v/a.test/www', '/srv/t/a/a.test'],
-        'parts of names lead to folders';
+        'parts of names lead to directories';
     is_deeply [map {/depends/ ? 1 : $_} @$problems], [1], 'what requests decide is a problem'
         or diag explain $problems;
 };
@@ -262,7 +262,7 @@ test 'A directory that all sites serve comes with each of them' => sub {
         "<VirtualHost *>\nServerName a.test\nDocumentRoot /srv/a\n</VirtualHost>\n";
     my ($sites, $problems) = sites_of($hosts, 'srv/all/page' => 'x', 'srv/a/in/page' => 'x', 'srv/empty/' => undef,
         'usr/share/apache2/icons/page' => 'x');
-    is_deeply $sites->{'a.test'}{roots}, ['/srv/a'], 'what all sites serve is no folder of one';
+    is_deeply $sites->{'a.test'}{roots}, ['/srv/a'], 'what all sites serve is no directory of one';
     is_deeply $sites->{'a.test'}{common}, ['/srv/all'], 'but one that it comes with';
     is_deeply $problems, [], 'without a problem' or diag explain $problems;
 };
@@ -292,9 +292,9 @@ test 'What an expression leads to is named' => sub {
 END
     is_deeply $sites->{'a.test'}{roots}, ['/srv/a'], 'what an expression leads to is no root';
     is_deeply $problems, [
-        (map {"error a.test: AliasMatch: $_; folders that an expression leads to are taken only where they lie"
+        (map {"error a.test: AliasMatch: $_; directories that an expression leads to are taken only where they lie"
             . ' in a document root: copy others by hand'} '^/m/(.*)$ leads to /srv/m/$1', '^/n/(.*) leads to /srv/n/$1'),
-        'error /etc/apache2/apache2.conf: 1 folders of users served as /~user are no sites and are left out; copy'
+        'error /etc/apache2/apache2.conf: 1 directories of users served as /~user are no sites and are left out; copy'
             . ' them by hand: /srv/u/ann',
     ], 'but named' or diag explain $problems;
 };

@@ -36,13 +36,13 @@ END
     my %sites = map { $_->{name} => $_ } Linux::Apache::sites($tree, $problems);
     is_deeply [sort keys %sites], [qw(default main.test v.test)],
         'the main server serves the ports that are left';
-    is $sites{'main.test'}{root}, '/var/www/html', 'from its own folder';
+    is $sites{'main.test'}{root}, '/var/www/html', 'from its own directory';
     is_deeply $sites{'main.test'}{roots}, ['/var/www/html', '/var/www/cgi-bin'], 'and others';
     is $sites{default}{root}, '/var/www/html', 'which hosts without one take over';
-    is $sites{'v.test'}{root}, '/srv/v', 'folders are included with all below';
+    is $sites{'v.test'}{root}, '/srv/v', 'directories are included with all below';
     is $sites{'v.test'}{php_module}, 1, 'PHP may be a module';
-    is_deeply problem_texts($problems), ['error /etc/httpd/conf/httpd.conf: 1 folders of users served as /~user'
-        . ' are no sites and are left out; copy them by hand: /home/ann/public_html'], 'folders of users are mentioned'
+    is_deeply problem_texts($problems), ['error /etc/httpd/conf/httpd.conf: 1 directories of users served as /~user'
+        . ' are no sites and are left out; copy them by hand: /home/ann/public_html'], 'directories of users are mentioned'
         or diag explain problem_texts($problems);
 };
 

@@ -104,7 +104,7 @@ test 'The accounts that must be there before anything is unpacked are described'
 
 test 'What is missing from a dump is named' => sub {
     is problem_of('missing.test', 'does not exist'), 'warning', 'a missing root is a problem';
-    is problem_of('whole.test', '/ is a folder of the system'), 'error', 'the system is not packed as a site';
+    is problem_of('whole.test', '/ is a directory of the system'), 'error', 'the system is not packed as a site';
     is problem_of('carol', 'cron jobs but no site'), 'warning', 'jobs of an account without a site are named';
     is problem_of('www-data', 'cron jobs but no site'), 'warning', 'so are those of a service';
     is problem_of('dave', 'units of systemd but no site: sync.service'), 'warning', 'units of an account without a site too';

@@ -33,7 +33,7 @@ sub laid_out {
 
 test 'A directory is entered if it is there' => sub {
     my $top = laid_out();
-    ok enter($top, '/site/public'), 'a folder below others is entered';
+    ok enter($top, '/site/public'), 'a directory below others is entered';
     is_deeply [(stat '.')[0, 1]], [(stat "$top/site/public")[0, 1]], 'which is the current one then';
     leave();
     ok !enter($top, '/site/absent'), 'one that is not there is not';
@@ -54,7 +54,7 @@ test 'A link that takes the place of a directory at that very moment is refused'
         symlink 'secret', "$top/site" or die $!;
     };
     ok !enter($top, '/site/public') && $! == EACCES,
-        'so is one that takes the place of a folder at that very moment';
+        'so is one that takes the place of a directory at that very moment';
     leave();
 };
 

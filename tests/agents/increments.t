@@ -211,7 +211,7 @@ for my $step (
         rename "$top/site/moves/one", "$top/site/moves/two" or die $!;
         rename "$top/site/docs/mode", "$top/site/docs/note" or die $!;
     }],
-    ['files, folders and links in the place of others', sub {
+    ['files, directories and links in the place of others', sub {
         rmtree("$top/site/turns/into-file");
         fill('site/turns/into-file', 'a file now');
         unlink "$top/site/turns/into-folder", "$top/site/turns/link-into-folder", "$top/site/docs/link";
@@ -224,7 +224,7 @@ for my $step (
         unlink "$top/site/linked";
         fill('site/linked', 'another file');
     }],
-    ['names taken away, a sparse file, and another folder', sub {
+    ['names taken away, a sparse file, and another directory', sub {
         unlink "$top/people/alice/app/code/one";
         fill('people/alice/app/code/two', 'changed');
         unlink "$top/site/docs/no longer alone";
@@ -242,18 +242,18 @@ for my $step (
 my $last = follows('at the end');
 is scalar @{ $last->{increments} }, 7, 'each dump has added one';
 is_deeply members($last->{increments}[0]), ['./site/', './site/docs/', './site/docs/page'],
-    'with what has changed, and the folders on the way';
+    'with what has changed, and the directories on the way';
 cmp_ok 512 * (stat restored($last) . '/site/sparse')[12], '<', 1_000_000, 'holes stay holes';
 ok !defined $last->{increments}[0]{gone}, 'without a list where nothing has vanished';
 
-# --- a change that leaves no newer time: a clock that was set back, or a file that came by a renamed folder ---
+# --- a change that leaves no newer time: a clock that was set back, or a file that came by a renamed directory ---
 
 mkpath("$top/elsewhere/old folder");
 fill('elsewhere/old folder/from before', 'x');
 rest();
 follows('before');
 rename "$top/elsewhere/old folder", "$top/site/old folder" or die $!;
-follows('a folder with older files');
+follows('a directory with older files');
 is_deeply [grep {/from before/} @{ members(follows('again')->{increments}[-1]) }], ['./site/old folder/from before'],
     'comes with them';
 

@@ -30,7 +30,7 @@ test 'A host without mail has no mailboxes' => sub {
 
 test 'An account has its usual directory' => sub {
     my ($mailboxes) = found(maildir('home/alice/Maildir'), maildir('home/bob/other'));
-    is_deeply $mailboxes, { alice => '/home/alice/Maildir' }, 'an account has its usual folder';
+    is_deeply $mailboxes, { alice => '/home/alice/Maildir' }, 'an account has its usual directory';
 };
 
 test 'The usual directories are searched' => sub {
@@ -43,7 +43,7 @@ test 'The usual directories are searched' => sub {
     is_deeply $mailboxes, {
         'info@a.test' => '/var/mail/vhosts/a.test/info', 'sales@b.test' => '/var/vmail/b.test/sales/Maildir',
         'user@c.test' => '/var/vmail/deep/c.test/x/y/user',
-    }, 'the usual folders are searched';
+    }, 'the usual directories are searched';
 };
 
 test 'A file that is named like an account is its mailbox' => sub {
@@ -84,7 +84,7 @@ test 'The directory of all mailboxes is searched for those that no map in a file
         maildir('data/a.test/info'),
     );
     is_deeply $mailboxes, { 'all@a.test' => '/data/a.test/catch-all', 'info@a.test' => '/data/a.test/info' },
-        'the folder of all mailboxes is searched for those that no map in a file names';
+        'the directory of all mailboxes is searched for those that no map in a file names';
 };
 
 test 'Mail servers whose settings or mailboxes are not read are named' => sub {
@@ -105,7 +105,7 @@ test 'Directories that lead back to themselves are searched once' => sub {
     ($mailboxes) = found(maildir('var/mail/eve/x/y'),
         map { ("var/mail/eve/$_" => \'.', "var/mail/eve/x/$_" => \'..') } 'a' .. 'm');
     is_deeply $mailboxes, { y => '/var/mail/eve/x/y' },
-        'folders that lead back to themselves are searched once';
+        'directories that lead back to themselves are searched once';
 };
 
 test 'Mail in a format that is not known is missing from the dump' => sub {
@@ -184,7 +184,7 @@ test 'Mailboxes are found where the settings of Dovecot say' => sub {
     }
     ($mailboxes) = found('etc/dovecot/dovecot.conf' => "mail_location = maildir:/data/%u\n",
         maildir('data/me@a.test'));
-    is_deeply $mailboxes, { 'me@a.test' => '/data/me@a.test' }, 'a whole address may be one folder';
+    is_deeply $mailboxes, { 'me@a.test' => '/data/me@a.test' }, 'a whole address may be one directory';
 };
 
 test 'Homes of mail users are found where the settings of Dovecot say' => sub {
@@ -382,7 +382,7 @@ test 'A mailbox belongs to whom its domain or its directory belongs' => sub {
     is_deeply [map { join ' ', map { defined $_ ? $_ : '-' } @$_{qw(client sure site)} } @mine],
         ['alice certain a.test', 'bob likely -', 'bob likely -', '- - -', 'alice certain -', '- - -',
             '- - -'],
-        'a mailbox belongs to whom its domain or its folder belongs';
+        'a mailbox belongs to whom its domain or its directory belongs';
 };
 
 run_tests;

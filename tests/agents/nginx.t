@@ -71,7 +71,7 @@ END
         { address => '[::]', port => 80, tls => 0 },
     ], 'all addresses are listed';
     is_deeply $site->{tls}, { certificate => '/etc/nginx/ssl/a.pem', key => '/etc/nginx/ssl/a.key' },
-        'certificate and key are found from the configuration folder';
+        'certificate and key are found from the configuration directory';
     my @of_second = (server => 'nginx', names => 'a.test', listen => '*:443 unix:/run/a.sock 127.0.0.1:8443');
     is_deeply $site->{redirects}, [
         { from => '^/old$', to => '/new', code => 301, @of_second },
@@ -140,24 +140,24 @@ END
     is_deeply $sites->{'s.test'}{php_addresses}, ['unix:/run/php-fpm/www.sock', '127.0.0.1:9001'],
         'groups of servers are looked up';
     is_deeply $sites->{'h1.test'}{roots}, ['/srv/hosts/h1.test', '/srv/hosts/h2.test'],
-        'each name may have its folder';
-    is $sites->{'m.test'}{root}, '/srv/mm', 'a map gives a folder to a name';
+        'each name may have its directory';
+    is $sites->{'m.test'}{root}, '/srv/mm', 'a map gives a directory to a name';
     is $sites->{'x.map.test'}{root}, '/srv/wild', 'or to an open name';
     is $sites->{'r1.test'}{root}, '/srv/regex', 'or to an expression';
     is $sites->{'o.test'}{root}, '/srv/other', 'or to all';
     is $sites->{'n.test'}{root}, '/srv/names/n.test', 'the first name is a variable';
     is_deeply $sites->{'p.test'}{proxies}, ['http://127.0.0.1:3000'],
         'a site may be served by another server';
-    is $sites->{'p.test'}{root}, undef, 'and has no folder then';
-    is_deeply $sites->{'mass.test'}{roots}, ['/srv/mass/mass.test/www'], 'the plain name has its own folder';
-    is $sites->{'two.mass.test'}{root}, '/srv/mass/two.mass.test/www', 'a folder for a host makes a site';
+    is $sites->{'p.test'}{root}, undef, 'and has no directory then';
+    is_deeply $sites->{'mass.test'}{roots}, ['/srv/mass/mass.test/www'], 'the plain name has its own directory';
+    is $sites->{'two.mass.test'}{root}, '/srv/mass/two.mass.test/www', 'a directory for a host makes a site';
     is_deeply [map { "$_->{directive}{name} $_->{directive}{line}" } @{ $sites->{'two.mass.test'}{blocks} }], ['server 12'],
         'of the block that serves it';
     ok !$sites->{'else.test'}, 'unless its name is of another server';
     is_deeply $sites->{'~^(?<who>.+)\.users\.test$'}{roots}, ['/srv/users/ann', '/srv/users/bob'],
-        'folders that an expression selects are all taken';
-    is_deeply $sites->{'u.test'}{roots}, [], 'a folder that only a request decides is not taken';
-    is_deeply $problems, ['error u.test: The folder /srv/$arg_x/y (/etc/nginx/sites-enabled/sites line 14)'
+        'directories that an expression selects are all taken';
+    is_deeply $sites->{'u.test'}{roots}, [], 'a directory that only a request decides is not taken';
+    is_deeply $problems, ['error u.test: The directory /srv/$arg_x/y (/etc/nginx/sites-enabled/sites line 14)'
         . ' depends on the request and was not found: copy by hand what is served from it'], 'but a problem' or diag explain $problems;
 };
 
@@ -175,7 +175,7 @@ END
         '~^a{1,2}\.test$'],
         'sites without a plain name get one';
     is $sites->{'default-8080'}{root}, '/usr/share/nginx/html',
-        'nginx serves its own folder where none is given';
+        'nginx serves its own directory where none is given';
     is_deeply $sites->{'wild.test'}{names}, ['wild.test', '*.wild.test'],
         'a point in front means the name and all below';
     is_deeply $sites->{'~^a{1,2}\.test$'}{roots}, [], 'a missing root is not taken';
@@ -209,8 +209,8 @@ test 'Directories of the system are no roots' => sub {
         . "root /srv/link; location /x { root /srv/x; }\n}\n", 'srv/link' => \'..', 'srv/x/' => undef);
     is_deeply [map { $sites->{$_}{roots} } qw(all.test up.test)], [[], ['/srv/x']],
         'no site takes the whole system along';
-    is_deeply $problems, ['error all.test: Document root / is a folder of the system and is left out',
-        'error up.test: Document root /srv/link is a folder of the system and is left out'],
+    is_deeply $problems, ['error all.test: Document root / is a directory of the system and is left out',
+        'error up.test: Document root /srv/link is a directory of the system and is left out'],
             'but a problem says so';
 };
 
@@ -226,7 +226,7 @@ END
     is_deeply \%found, {
         'a.test' => [('/srv/a') x 2], 'b.test' => [('/srv/b') x 2], 'both.test' => [qw(/srv/b /srv/b /srv/c /srv/a)],
         'packaged.test' => [('/usr/share/nginx/html') x 2], 'part.test' => [undef, '/srv/c'],
-    }, 'the folder of the location of everything is the document root' or diag explain \%found;
+    }, 'the directory of the location of everything is the document root' or diag explain \%found;
     is_deeply $problems, [], 'without a problem';
 };
 

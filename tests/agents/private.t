@@ -61,7 +61,7 @@ test 'Documents are for the owner of the directory only' => sub {
     $private->replace('a/b/document', "one\n");
     is slurp("$dir/a/b/document"), "one\n", 'a document is written';
     is of('a/b/document'), "600 $OWNER:4712", 'a document belongs to the owner of the directory only';
-    is of($_), "700 $OWNER:4712", "so does the folder $_" for qw(a a/b);
+    is of($_), "700 $OWNER:4712", "so does the directory $_" for qw(a a/b);
     {
         my $old = umask 0;
         $private->replace('open', '');
@@ -71,8 +71,8 @@ test 'Documents are for the owner of the directory only' => sub {
     $private->replace('a/b/document', 'two');
     is $private->read('a/b/document'), 'two', 'a document is replaced';
     ok !defined $private->read('absent'), 'an absent file has no bytes';
-    is_deeply [$private->files_below('a')], ['a/b/document'], 'files are found in folders';
-    is_deeply [$private->files_below('absent')], [], 'there is nothing in an absent folder';
+    is_deeply [$private->files_below('a')], ['a/b/document'], 'files are found in directories';
+    is_deeply [$private->files_below('absent')], [], 'there is nothing in an absent directory';
 };
 
 test 'A link in place of a directory is refused' => sub {
@@ -83,7 +83,7 @@ test 'A link in place of a directory is refused' => sub {
         [open_append => 'folder/y'], [files_below => 'folder'],
     ) {
         my ($method, @arguments) = @$step;
-        ok !eval { $private->$method(@arguments); 1 }, "a link in place of a folder is refused: $method";
+        ok !eval { $private->$method(@arguments); 1 }, "a link in place of a directory is refused: $method";
     }
     untouched('folder');
 };

@@ -124,14 +124,14 @@ END
         'PHP has its pool and settings' or diag explain $sites->{'ann.test'}{php};
     is $sites->{'number.test'}{php}{handler}, 'fastcgi', 'an address without a pool is another program';
     is_deeply $sites->{'both.test'}{php}{settings}, { upload_max_filesize => '9M', post_max_size => '10M' },
-        'the module reads the settings of the folder';
+        'the module reads the settings of the directory';
     is $sites->{'both.test'}{php}{version}, '8.2', 'and has a version';
     is_deeply $sites->{'both.test'}{servers}, [qw(nginx apache)], 'a site behind another server is one site';
     is_deeply $sites->{'both.test'}{names}, [qw(both.test www.both.test more.both.test)],
         'with the names of both';
     is $sites->{'both.test'}{root}, '/srv/both', 'and the root of the one that has it';
     is_deeply $sites->{default}{servers}, [qw(nginx apache)],
-        'a nameless site of the same folder is one, too';
+        'a nameless site of the same directory is one, too';
     is $sites->{'web.test'}{php}, undef, 'a site may be without PHP';
     is_deeply $sites->{'ann.test'}{shares_root_with}, ['link.test'], 'a shared root is seen through links';
     is_deeply $sites->{'pool.test'}{shares_root_with}, [], 'others share nothing';
@@ -346,7 +346,7 @@ test 'What .htaccess says and the record does not is named' => sub {
     my ($site) = Linux::Sites::all($tree, $problems);
     is_deeply problem_texts($problems), [
         'info a.test: /home/ann/a/.htaccess has rules of its own (authtype, require, rewriterule), which are in the'
-            . ' archive with it and not listed here; files of this name in the folders below are not looked into',
+            . ' archive with it and not listed here; files of this name in the directories below are not looked into',
         "error a.test: /home/ann/a/.htaccess names the file /etc/shadow, which is not in the site's archive: copy it"
             . ' by hand',
     ], 'what .htaccess says and the record does not is named' or diag explain problem_texts($problems);

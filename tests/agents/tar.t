@@ -247,7 +247,7 @@ chmod 0700, "$top/secret" or die $!;
 
 packed_while(sub { }, "$FOLDER/app/public");
 is_deeply listing(unpacked_app()), listing("$top$FOLDER/app"),
-    'a folder whose path is not only root\'s is packed at its place';
+    'a directory whose path is not only root\'s is packed at its place';
 packed(tar_of(["$FOLDER/app/public"], exclude => ["$top$FOLDER/app/public/sub"]), 0);
 ok !-e unpacked() . "$FOLDER/app/public/sub", 'without what is to be left out';
 packed_while(sub { fill("$FOLDER/app/public/page", 'newer') }, "$FOLDER/app/public");
@@ -258,7 +258,7 @@ packed_while(sub {
     rename "$top$FOLDER/app/public/sub", "$top$FOLDER/kept" or die $!;
     symlink "$top/secret/sub", "$top$FOLDER/app/public/sub" or die $!;
 }, "$FOLDER/app/public");
-ok -l unpacked() . "$FOLDER/app/public/sub", 'a link that takes the place of a folder is packed as a link';
+ok -l unpacked() . "$FOLDER/app/public/sub", 'a link that takes the place of a directory is packed as a link';
 ok !seen(unpacked()), 'and not what it leads to';
 unlink "$top$FOLDER/app/public/sub" or die $!;
 rename "$top$FOLDER/kept", "$top$FOLDER/app/public/sub" or die $!;
@@ -266,7 +266,7 @@ packed_while(sub {
     rename "$top$FOLDER/app", "$top$FOLDER/away" or die $!;
     symlink "$top/secret", "$top$FOLDER/app" or die $!;
 }, "$FOLDER/app/public");
-ok !seen(unpacked()), 'nor is it when it takes the place of a folder above';
+ok !seen(unpacked()), 'nor is it when it takes the place of a directory above';
 my %named = map { $_ => 1 } @notes;
 is_deeply [keys %named], ["error|$FOLDER/app/public|cannot be read: Permission denied"], 'which is named';
 unlink "$top$FOLDER/app" or die $!;

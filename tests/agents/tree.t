@@ -138,7 +138,7 @@ test 'Links of an account lead to what is its own only' => sub {
         ok !defined $tree->read_file("/home/alice/$path") && $!{EACCES}, "$path is not followed";
         ok !$tree->exists("/home/alice/$path"), "$path is as if nothing were there";
     }
-    is_deeply [$tree->list('/home/alice/folder')], [], 'no folder is listed through one';
+    is_deeply [$tree->list('/home/alice/folder')], [], 'no directory is listed through one';
     is_deeply [$tree->trail('/home/alice/folder/key')], ['/home/alice/folder'], 'a trail ends there';
     is_deeply [$tree->trail('/home/alice/current/link')],
         ['/home/alice/current', '/home/alice/app/link', '/home/alice/app/page'],
@@ -176,7 +176,7 @@ test 'A link in the place of a directory is not followed' => sub {
     ok !defined put_while($tree, '/home/alice/app/key', sub {
         rename "$root/home/alice/app", "$root/home/alice/away" or die $!;
         symlink "$root/root", "$root/home/alice/app" or die $!;
-    }), 'nor one in the place of a folder';
+    }), 'nor one in the place of a directory';
     unlink "$root/home/alice/app" or die $!;
 };
 

@@ -312,8 +312,8 @@ sub note_user_folders {
         my $number = @found;
         splice @found, $MOST_NAMED, @found, '...' if @found > $MOST_NAMED;
         $self->{problems}->add(severity => 'error', object => $self->{base_block}{file},
-            text => "$number folders of users served as /~user are no sites and are left out; copy them by"
-                . " hand: @found");
+            text => "$number directories of users served as /~user are no sites and are left out; copy them"
+                . " by hand: @found");
     }
     return;
 }

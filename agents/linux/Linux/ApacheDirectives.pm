@@ -88,7 +88,7 @@ sub note_alias_match {
     my $block = $self->{block};
     my $object = @{ $block->{names} } ? $block->{names}[0] : $block->{file};
     my $where = defined $to ? "$pattern leads to $to" : "$path leads to $pattern";
-    $self->{problems}->add(severity => 'error', object => $object, text => "AliasMatch: $where; folders"
+    $self->{problems}->add(severity => 'error', object => $object, text => "AliasMatch: $where; directories"
         . ' that an expression leads to are taken only where they lie in a document root: copy others by'
         . ' hand');
     return;

@@ -19,7 +19,7 @@ sub add_folders {
     my ($before, $after) = $pattern =~ /\A([^%]*)%0([^%]*)\z/;
     if (!defined $before) {
         my $object = defined $exact[0] ? $exact[0] : $block->{file};
-        my $text = "The folder $pattern ($block->{file}) depends on the request;"
+        my $text = "The directory $pattern ($block->{file}) depends on the request;"
             . ' only those of its names are taken: copy others by hand';
         $self->{problems}->add(severity => 'error', object => $object, text => $text);
         return;

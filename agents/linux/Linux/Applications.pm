@@ -252,7 +252,8 @@ sub is_own {
     return defined $owner && $owner != 0 && $owner == $file_owner;
 }
 
-# True if all links on the way from a folder to a file are root's, in folders that only root may change.
+# True if all links on the way from a directory to a file are root's, in directories that only root may
+# change.
 sub is_linked_by_root {
     my ($self, $folder, $way) = @_;
     my $tree = $self->{tree};

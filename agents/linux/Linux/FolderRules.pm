@@ -27,7 +27,7 @@ sub note {
     my %rules = map { $_ =~ $RULE ? (lc $1 => 1) : () } @lines;
     $problems->add(severity => 'info', object => $site->{name}, text => "$file has rules of its own ("
         . join(', ', sort keys %rules) . '), which are in the archive with it and not listed here; files of'
-        . ' this name in the folders below are not looked into') if %rules;
+        . ' this name in the directories below are not looked into') if %rules;
     for my $path (map { $_ =~ $FILE ? $1 : () } @lines) {
         my $real = $tree->real($path);
         next if defined $real && grep { below($real, $_) } map { $tree->real($_) || () } @{ $site->{roots} };

@@ -43,7 +43,7 @@ sub all {
     $self->from_postfix(@maps) if $self->{postfix};
     $self->from_dovecot_settings if $self->{dovecot};
     $self->note_other_servers;
-    $self->from_accounts('maildir', '~/Maildir', 'the usual folder in a home');
+    $self->from_accounts('maildir', '~/Maildir', 'the usual directory in a home');
     $self->from_folder($_, $_, 0) for grep { $tree->is_dir($_) } @USUAL_FOLDERS;
     my %seen;
     $self->from_spool($_)

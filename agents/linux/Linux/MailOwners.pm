@@ -24,7 +24,7 @@ sub assign {
         my ($owner, $sure, $reason) =
               !defined $domain   ? ($mailbox->{user}, 'certain', "it is that account's own")
             : $site              ? ($site->{owner}, 'certain', "the site $site->{name} has its domain")
-            : $person{$holder}   ? ($holder, 'likely', 'the folder belongs to that account')
+            : $person{$holder}   ? ($holder, 'likely', 'the directory belongs to that account')
             : $near              ? ($near->{owner}, 'likely', "the site $near->{name} is below its domain")
             :                      ();
         next if !defined $owner || !$client{$owner};

@@ -165,7 +165,7 @@ sub folders {
         push @found, @matches;
         next if @matches && $word =~ /\$/;
         my $object = @{ $block->{names} } ? $block->{names}[0] : $directive->{file};
-        my $text = "The folder $word ($directive->{file} line $directive->{line}) depends on the request"
+        my $text = "The directory $word ($directive->{file} line $directive->{line}) depends on the request"
             . ' and was not found: copy by hand what is served from it';
         $self->{problems}->add(severity => 'error', object => $object, text => $text);
     }

@@ -287,7 +287,7 @@ sub finish_roots {
         }
         if (is_of_system($real)) {
             $problems->add(severity => 'error', object => $site->{name},
-                text => "Document root $root is a folder of the system and is left out");
+                text => "Document root $root is a directory of the system and is left out");
             next;
         }
         push @kept, $root;

@@ -42,8 +42,8 @@ sub is_empty { return !%{ $_[0]{entered} } && !$_[0]{gone} }
 # The file with what has vanished, as Agent::Chain takes it; undef where nothing has.
 sub gone_path { return $_[0]{gone} ? $_[0]{gone}->temporary_path : undef }
 
-# For one run of tar that begins in a folder with these names: a file with what it leaves out, one name in a
-# line. undef where there is nothing to pack. Names that cannot be in such a file are packed again.
+# For one run of tar that begins in a directory with these names: a file with what it leaves out, one name
+# in a line. undef where there is nothing to pack. Names that cannot be in such a file are packed again.
 sub unchanged {
     my ($self, $folder, @names) = @_;
     my %start = map { $folder . substr($_, 1) => 1 } @names;

@@ -44,7 +44,7 @@ sub safe_name {
 sub take_folder {
     my ($self, $path) = @_;
     my @stat = lstat $path;
-    die "$path is not a folder of its own\n" if !@stat || !S_ISDIR($stat[2]);
+    die "$path is not a directory of its own\n" if !@stat || !S_ISDIR($stat[2]);
     my $owned = $stat[4] == $self->{uid} && $stat[5] == $self->{gid};
     $owned || $> || chown $self->{uid}, $self->{gid}, $path or die "Cannot change the owner of $path: $!\n";
     ($stat[2] & 07777) == 0700 || chmod 0700, $path or die "Cannot change the mode of $path: $!\n";
@@ -108,7 +108,7 @@ sub inner_path {
     for my $part (@parts) {
         $folder .= "/$part";
         my @stat = lstat $folder or last;
-        die "$folder is not a folder of its own\n" if !S_ISDIR($stat[2]);
+        die "$folder is not a directory of its own\n" if !S_ISDIR($stat[2]);
     }
     return $self->path($name);
 }
