@@ -88,6 +88,17 @@ sub answers_of {
     } @{ $site->{answers} }];
 }
 
+# The different requests in a log, once there are as many: nginx logs one when it has answered it.
+sub requests_in {
+    my ($log, $count) = @_;
+    my $deadline = Time::HiRes::time() + 20;
+    while (1) {
+        my $requests = run(['sort', '-u', $log])->{out};
+        return $requests if ($requests =~ tr/\n//) >= $count || Time::HiRes::time() > $deadline;
+        Time::HiRes::sleep(0.02);
+    }
+}
+
 # Runs nginx as long as the block does, which gets the sites of it by their names.
 sub with_nginx {
     my ($block) = @_;
@@ -120,7 +131,7 @@ test 'Sites are asked by their names as a browser asks' => sub {
             . " listens at its addresses: what it answers"
             . ' cannot be compared with the new host. Dump again while it runs if you want that'],
                 'which is told';
-        is run(['sort', '-u', "$folder/asked"])->{out}, <<'END', 'what was sent is what a browser sends';
+        is requests_in("$folder/asked", 6), <<'END', 'what was sent is what a browser sends';
 http - a.test:8080 GET / -
 http - a.test:8080 GET /b.html -
 http - b.test:8080 GET / -
