@@ -6,7 +6,6 @@
 #include <cstring>
 #include <istream>
 
-#include "commons/ExSystemError.h"
 #include "commons/ProgramTerminatedException.h"
 #include "commons/checksum.h"
 #include "commons/commons.h"
@@ -20,7 +19,6 @@
 
 namespace {
 
-constexpr mode_t CONTENT_DIR_MODE = 0755;
 /// More than a million entries.
 constexpr std::size_t CONTENT_LIST_LIMIT = std::size_t{256} << 20;
 
@@ -61,15 +59,9 @@ void RetrieveContentAction::retrieveContent() {
 
 void RetrieveContentAction::createContentDir() {
   const std::string dir = theSession->getCidFilesDir();
-  if (!makeDir(dir)) {
+  if (!makeContentDir(dir)) {
     throw Exc<&FileWrite>(HERE) % dir % std::strerror(errno);
   }
-}
-
-/// Makes the directory with its owner, if it is not there. False, with `errno`, when it cannot.
-bool RetrieveContentAction::makeDir(const std::string& dir) {
-  const ServiceAccount& owner = serviceAccount();
-  return make_content_dir(dir, owner.user, owner.group, CONTENT_DIR_MODE) == 0;
 }
 
 std::unique_ptr<AgentFileList> RetrieveContentAction::requestContentList() {
@@ -88,8 +80,7 @@ void RetrieveContentAction::refuseUnsafeNames(const AgentFileList& list) {
   for (const DumpFile& file : list.getFileList()) {
     const std::string reason = whyUnsafeName(file.name);
     if (reason.empty()) continue;
-    throw Exc<&CantRetrieveContentFile>(HERE) % remotePathOf(file.name) % getConfig().host %
-        contentDirectory().pathOf(file.name) % reason;
+    throw download().failure({HERE}, file.name, reason);
   }
 }
 
@@ -116,7 +107,7 @@ void RetrieveContentAction::retrieveEntry(const DumpFile& file,
 }
 
 void RetrieveContentAction::retrieveAlone(const DumpFile& file, Ssh::Counter& counter) {
-  if (download(file, counter)) {
+  if (isFetchedAsListed(file, counter)) {
     removeRemoteFile(file);
   } else {
     ++filesUnlikeTheList_;
@@ -124,61 +115,11 @@ void RetrieveContentAction::retrieveAlone(const DumpFile& file, Ssh::Counter& co
 }
 
 /// True when the file is here and may go there; false when it is not what the list says.
-bool RetrieveContentAction::download(const DumpFile& file, Ssh::Counter& counter) {
-  const std::string remotePath = remotePathOf(file.name);
-  const std::string localPath = contentDirectory().pathOf(file.name);
-  CollectedText err;
-  std::optional<Md5Sum> sum;
+bool RetrieveContentAction::isFetchedAsListed(const DumpFile& file, Ssh::Counter& counter) {
   // Some login shells fetch, and would remove, other files than the one of that name.
-  if (verify_ || hasBraceExpansion(file.name)) sum.emplace();
-  std::optional<std::string> failure;
-  try {
-    failure = receive(file, err, counter, sum ? &*sum : nullptr);
-  } catch (const ExTraceable& e) {
-    throw Exc<&CantRetrieveContentFile>(e, HERE) % remotePath % getConfig().host % localPath %
-        errorTextOf(err);
-  }
-  if (failure) throw cantRetrieve(file.name, *failure);
-  if (!sum) return true;
-  const std::int64_t receivedBytes = sum->size();
-  return isAsListed(file, receivedBytes, sum->finish());
-}
-
-Exc<&CantRetrieveContentFile> RetrieveContentAction::cantRetrieve(const std::string& name,
-                                                                  const std::string& reason) const {
-  return Exc<&CantRetrieveContentFile>(HERE) % remotePathOf(name) % getConfig().host %
-         contentDirectory().pathOf(name) % reason;
-}
-
-/// Nothing once the file is complete and on the disk, for then its remote copy goes;
-/// else what went wrong.
-std::optional<std::string> RetrieveContentAction::receive(const DumpFile& file, CollectedText& err,
-                                                          Ssh::Counter& counter, Md5Sum* sum) {
-  if (!makeDir(targetDir())) return std::strerror(errno);
-  try {
-    OutputFile local = contentDirectory().create(file.name);
-    local.setSum(sum);
-    local.writeBehind();
-    if (fetch(file, local, err, counter) != 0) return errorTextOf(err);
-    const FileIdentity written = local.identity();
-    if (!local.syncAndClose()) return local.errorText();
-    if (!contentDirectory().isInPlace(file.name, written)) return "The file is no longer there";
-  } catch (const SystemError& e) {
-    return e.what();
-  }
-  return std::nullopt;
-}
-
-/// The exit status of the remote command. When the local file cannot be written, the reason
-/// goes to `err` before the error is thrown.
-int RetrieveContentAction::fetch(const DumpFile& file, OutputFile& local, CollectedText& err,
-                                 Ssh::Counter& counter) {
-  try {
-    return getSsh().get(local, err, remotePathOf(file.name), counter);
-  } catch (const Exc<&StreamWrite>&) {
-    if (!local.stream()) err << local.errorText();
-    throw;
-  }
+  const bool isSummed = verify_ || hasBraceExpansion(file.name);
+  const auto received = download().fetch(file, counter, isSummed);
+  return !received || isAsListed(file, received->bytes, received->md5);
 }
 
 /// Records each difference in the result log.
@@ -201,15 +142,15 @@ std::string RetrieveContentAction::targetDir() const {
   return getConfig().dumps_dir.empty() ? theSession->getCidFilesDir() : getConfig().dumps_dir;
 }
 
-ContentDirectory RetrieveContentAction::contentDirectory() const {
-  const ServiceAccount& owner = serviceAccount();
-  return ContentDirectory(targetDir(), owner.user, owner.group);
+ContentDownload& RetrieveContentAction::download() {
+  if (!download_) download_.emplace(getSsh(), getConfig(), targetDir());
+  return *download_;
 }
 
 /// The MD5 sum of the local file; empty when it is not there.
 std::string RetrieveContentAction::localSum(const DumpFile& file) {
   constexpr std::size_t BUFFER_BYTES = 65536;
-  UniqueFd fd = contentDirectory().openExisting(file.name);
+  UniqueFd fd = download().directory().openExisting(file.name);
   if (!fd) return {};
   __gnu_cxx::stdio_filebuf<char> buffer(fd.release(), std::ios::in | std::ios::binary,
                                         BUFFER_BYTES);

@@ -7,16 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "commons/content_directory.h"
 #include "sondrel/action.h"
 #include "sondrel/content_batch.h"
+#include "sondrel/content_download.h"
 #include "sondrel/retrieval_progress.h"
 
 DECLARE_ERROR_TAG(CantRetrieveContentList, "Error during content list retrieval: %1%");
 DECLARE_ERROR_TAG(NotEnoughSpace,
                   "Selected filesystem has only %1% free space, but %2% is needed for operation");
-DECLARE_ERROR_TAG(CantRetrieveContentFile,
-                  "Failed to retrieve file '%1%' from '%2%' to '%3%': %4%");
 DECLARE_ERROR_TAG(UnableToRemoveRemoteFile, "Unable to remove remote file '%1%' from '%2%': %3%");
 DECLARE_ERROR_TAG(WrongMd5Sum,
                   "Problem during content retrieval: downloaded %1% has MD5 sum %2%, but it has to "
@@ -48,27 +46,21 @@ class RetrieveContentAction : public Action {
  private:
   void retrieveContent();
   void createContentDir();
-  static bool makeDir(const std::string& dir);
   std::unique_ptr<AgentFileList> requestContentList();
   void refuseUnsafeNames(const AgentFileList& list);
   void checkFreeSpace(const AgentFileList& list);
   void retrieveEntry(const DumpFile& file, FileRetrievalProgressUpdater& progress);
   void retrieveAlone(const DumpFile& file, Ssh::Counter& counter);
-  bool download(const DumpFile& file, Ssh::Counter& counter);
-  std::optional<std::string> receive(const DumpFile& file, CollectedText& err,
-                                     Ssh::Counter& counter, Md5Sum* sum);
-  int fetch(const DumpFile& file, OutputFile& local, CollectedText& err, Ssh::Counter& counter);
+  bool isFetchedAsListed(const DumpFile& file, Ssh::Counter& counter);
   static bool isAsListed(const DumpFile& file, std::int64_t receivedBytes, const std::string& sum);
   void removeRemoteFile(const DumpFile& file);
-  Exc<&CantRetrieveContentFile> cantRetrieve(const std::string& name,
-                                             const std::string& reason) const;
 
   void retrieveBatch(FileRetrievalProgressUpdater& progress);
   BatchEnd receiveBatch(const ContentBatch& batch, BatchReceiver& receiver);
   static BatchEnd takeArchive(RemoteOutput& output, BatchReceiver& receiver);
   void finishBatch(BatchReceiver& receiver, const BatchEnd& end);
-  Exc<&CantRetrieveContentFile> cantStore(const BatchedFile& file) const;
-  void failForBatch(const BatchReceiver& receiver) const;
+  Exc<&CantRetrieveContentFile> cantStore(const BatchedFile& file);
+  void failForBatch(const BatchReceiver& receiver);
   void retrieveEachAlone(const BatchReceiver& receiver, FileRetrievalProgressUpdater& progress);
   void removeRemoteFiles(const std::vector<const DumpFile*>& files);
   void logRemovals(const std::vector<const DumpFile*>& files, int exitStatus,
@@ -77,9 +69,11 @@ class RetrieveContentAction : public Action {
   void tryRemoval(const std::vector<const DumpFile*>& files, const std::function<void()>& remove);
 
   std::string targetDir() const;
-  ContentDirectory contentDirectory() const;
+  ContentDownload& download();
   std::string localSum(const DumpFile& file);
 
+  /// Made when it is needed first, with the connection.
+  std::optional<ContentDownload> download_;
   /// Whether what arrives is compared with the list, which this host's configuration says.
   bool verify_ = false;
   int filesUnlikeTheList_ = 0;

@@ -17,8 +17,7 @@ log4cpp::Category& actionLog = log4cpp::Category::getInstance("k.Action");
 void RetrieveContentAction::retrieveBatch(FileRetrievalProgressUpdater& progress) {
   const ContentBatch batch = std::exchange(batch_, ContentBatch());
   if (batch.isEmpty()) return;
-  const ContentDirectory directory = contentDirectory();
-  BatchReceiver receiver(batch, directory, progress);
+  BatchReceiver receiver(batch, download().directory(), progress);
   const BatchEnd end = receiveBatch(batch, receiver);
   if (end.isUnableTo()) {
     actionLog.notice("Each file is fetched by itself, since tar cannot be used there: " +
@@ -33,8 +32,8 @@ void RetrieveContentAction::retrieveBatch(FileRetrievalProgressUpdater& progress
 /// Throws CantRetrieveContentFile, for the file that was coming, when the connection fails or this
 /// host cannot go on.
 BatchEnd RetrieveContentAction::receiveBatch(const ContentBatch& batch, BatchReceiver& receiver) {
-  if (!makeDir(targetDir())) {
-    throw cantRetrieve(batch.files().front()->name, std::strerror(errno));
+  if (!download().makeDirectory()) {
+    throw download().failure({HERE}, batch.files().front()->name, std::strerror(errno));
   }
   CollectedText err;
   try {
@@ -44,8 +43,7 @@ BatchEnd RetrieveContentAction::receiveBatch(const ContentBatch& batch, BatchRec
     return end;
   } catch (const ExTraceable& e) {
     const std::string& name = receiver.current().file->name;
-    throw Exc<&CantRetrieveContentFile>(e, HERE) % remotePathOf(name) % getConfig().host %
-        contentDirectory().pathOf(name) % errorTextOf(err);
+    throw download().failure(e, {HERE}, name, errorTextOf(err));
   }
 }
 
@@ -72,7 +70,7 @@ BatchEnd RetrieveContentAction::takeArchive(RemoteOutput& output, BatchReceiver&
 /// has failed.
 void RetrieveContentAction::finishBatch(BatchReceiver& receiver, const BatchEnd& end) {
   if (!receiver.sync()) {
-    throw cantRetrieve(receiver.files().front().file->name, std::strerror(errno));
+    throw download().failure({HERE}, receiver.files().front().file->name, std::strerror(errno));
   }
   std::vector<const DumpFile*> removable;
   for (BatchedFile& file : receiver.files()) {
@@ -91,24 +89,23 @@ void RetrieveContentAction::finishBatch(BatchReceiver& receiver, const BatchEnd&
 }
 
 /// The error that a file of its own would end with.
-Exc<&CantRetrieveContentFile> RetrieveContentAction::cantStore(const BatchedFile& file) const {
-  const std::string& name = file.file->name;
-  return Exc<&CantRetrieveContentFile>(Exc<&StreamWrite>(HERE), HERE) % remotePathOf(name) %
-         getConfig().host % contentDirectory().pathOf(name) % file.failure;
+Exc<&CantRetrieveContentFile> RetrieveContentAction::cantStore(const BatchedFile& file) {
+  return download().failure(Exc<&StreamWrite>(HERE), {HERE}, file.file->name, file.failure);
 }
 
 /// Throws CantRetrieveContentFile for the first file that has failed; the result log has those
 /// behind it.
-void RetrieveContentAction::failForBatch(const BatchReceiver& receiver) const {
+void RetrieveContentAction::failForBatch(const BatchReceiver& receiver) {
   std::vector<Exc<&CantRetrieveContentFile>> failures;
   for (const BatchedFile& file : receiver.files()) {
     if (file.failure.empty()) continue;
-    failures.push_back(file.isUnwritable ? cantStore(file)
-                                         : cantRetrieve(file.file->name, file.failure));
+    failures.push_back(file.isUnwritable
+                           ? cantStore(file)
+                           : download().failure({HERE}, file.file->name, file.failure));
   }
   if (receiver.surplus()) {
-    failures.push_back(
-        cantRetrieve(*receiver.surplus(), "The archive has it, and nobody asked for it"));
+    failures.push_back(download().failure({HERE}, *receiver.surplus(),
+                                          "The archive has it, and nobody asked for it"));
   }
   for (std::size_t i = 1; i < failures.size(); ++i) theLog->log(failures[i]);
   if (!failures.empty()) throw Exc<&CantRetrieveContentFile>(failures.front());
