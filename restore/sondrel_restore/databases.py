@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import contextlib
 import dataclasses
+import fcntl
 import hashlib
 import json
 import os
@@ -25,6 +26,8 @@ LOADER = "sondrel_load_"
 _FIRST_NUMBER, _LAST_NUMBER = 61184, 65519
 _STALL_LIMIT = 4 * 3600.0
 _CHUNK = 1 << 18
+# What a pipe may have without a privilege.
+_PIPE = 1 << 20
 _LONGEST_LINE = 1 << 20
 _MOST_MESSAGES = 1000
 _LONGEST_MESSAGE = 300
@@ -246,6 +249,8 @@ def _feed(process: subprocess.Popen[bytes], pieces: Iterable[bytes]) -> list[str
     reader.start()
     assert process.stdin is not None
     os.set_blocking(process.stdin.fileno(), False)
+    # The client goes on with this much while the next piece is unpacked.
+    fcntl.fcntl(process.stdin.fileno(), fcntl.F_SETPIPE_SZ, _PIPE)
     is_whole = True
     with selectors.DefaultSelector() as selector:
         selector.register(process.stdin, selectors.EVENT_WRITE)
@@ -255,16 +260,26 @@ def _feed(process: subprocess.Popen[bytes], pieces: Iterable[bytes]) -> list[str
                 break
     with contextlib.suppress(BrokenPipeError):
         process.stdin.close()
-    try:
-        status = process.wait(_STALL_LIMIT)
-    except subprocess.TimeoutExpired as error:
-        raise _stalled() from error
+    _wait(process)
+    status = process.wait()
     # What the SQL has started as a program may keep the pipe open.
     reader.join(10)
     if not is_whole or status not in (0, 1, 3):
         said = some(messages[-3:]) or f"status {status}"
         raise RestoreError(f"The client of the database server ended before all was loaded: {said}")
     return messages
+
+
+def _wait(process: subprocess.Popen[bytes]) -> None:
+    """Until it has ended. RestoreError if it takes too long. That of subprocess looks every now and then."""
+    descriptor = os.pidfd_open(process.pid)
+    try:
+        with selectors.DefaultSelector() as selector:
+            selector.register(descriptor, selectors.EVENT_READ)
+            if not selector.select(_STALL_LIMIT):
+                raise _stalled()
+    finally:
+        os.close(descriptor)
 
 
 def _write(descriptor: int, piece: bytes, selector: selectors.BaseSelector) -> bool:

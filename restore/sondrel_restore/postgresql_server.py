@@ -35,6 +35,10 @@ _NO_EXTENSION = "NOT EXISTS (SELECT 1 FROM pg_depend d WHERE d.objid = c.oid AND
     " AND d.classid = 'pg_class'::regclass)"
 
 
+# Of tables: schema, name, rows, and a sum of the transactions that have written them.
+Counts = list[tuple[str, str, int, int]]
+
+
 def identifier(name: str) -> str:
     """A name in double quotes."""
     return '"' + name.replace('"', '""') + '"'
@@ -145,9 +149,9 @@ class PostgreSqlServer:
         """How many rows tables have. Nothing that the database's owner has made is run for it."""
         return {(schema, table): count for schema, table, count, _ in self._counted(database, sorted(tables))}
 
-    def _counted(self, database: str, tables: Sequence[tuple[str, str]]) -> list[tuple[str, str, int, int]]:
+    def _counted(self, database: str, tables: Sequence[tuple[str, str]]) -> Counts:
         """Besides the count, a sum of the transactions that have written the rows."""
-        found: list[tuple[str, str, int, int]] = []
+        found: Counts = []
         for start in range(0, len(tables), _TABLES_AT_ONCE):
             found += [(row["s"], row["t"], row["n"], row["x"]) for row in self.ask(" UNION ALL ".join(
                 f"SELECT {literal(schema)}::text AS s, {literal(table)}::text AS t, coalesce(sum(n), 0) AS n,"
@@ -159,6 +163,14 @@ class PostgreSqlServer:
 
     def fingerprint(self, database: str) -> str:
         """Of all rows, by who has written them, and of definitions: another one when somebody has changed something."""
+        return self.fingerprint_of(database, self.counted(database))
+
+    def counted(self, database: str) -> Counts:
+        """How many rows each table has, with a sum of the transactions that have written them."""
+        return self._counted(database, self.tables(database))
+
+    def fingerprint_of(self, database: str, counts: Counts) -> str:
+        """The same of a database whose rows were counted already, and are not changed meanwhile."""
         definitions = self.ask(
             "SELECT n.nspname AS s, c.relname AS t, c.relkind::text AS k, string_agg(concat_ws(' ', a.attname,"
             " a.atttypid, a.atttypmod, a.attnotnull), ',' ORDER BY a.attnum) AS v FROM pg_class c JOIN pg_namespace n"
@@ -171,7 +183,7 @@ class PostgreSqlServer:
             " UNION ALL SELECT n.nspname, c.relname, 't', g.tgname::text FROM pg_trigger g JOIN pg_class c"
             f" ON c.oid = g.tgrelid JOIN pg_namespace n ON n.oid = c.relnamespace WHERE NOT g.tgisinternal AND {OWN}"
             " ORDER BY 1, 2, 3, 4", database)
-        return hashlib.sha256(repr((self._counted(database, self.tables(database)), definitions)).encode()).hexdigest()
+        return hashlib.sha256(repr((counts, definitions)).encode()).hexdigest()
 
     def make_loader(self, name: str) -> bytes:
         """Makes a role that may log in and nothing else; returns its password file."""
@@ -218,7 +230,10 @@ class PostgreSqlServer:
         self.leave()
         client = [self._psql, "-X", "-q", "-A", "-t", "-w", "-v", "ON_ERROR_STOP=0", "-h", "127.0.0.1",
                   "-p", str(self.port), "-U", role, "-d", _connection(database, is_local=False), "-f", "-"]
-        messages = run_sql(client, login, {"PGPASSFILE": "{secret}", "PGCONNECT_TIMEOUT": "20"}, restricted())
+        messages = run_sql(client, login, {
+            "PGPASSFILE": "{secret}", "PGCONNECT_TIMEOUT": "20",
+            # Nothing leaves this host, so that encryption only takes time; where the server insists on it, it gets it.
+            "PGSSLMODE": "allow"}, restricted())
         ended = [message for message in messages if re.search(
             r"FATAL: |server closed the connection|connection to server .* failed|No space left", message)]
         if ended:

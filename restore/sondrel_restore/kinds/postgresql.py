@@ -16,7 +16,7 @@ from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Left, Missing, RestoreError, State
 from sondrel_restore.locales import locales_here, plain, remedy
 from sondrel_restore.postgresql_dump import PostgreSqlDump, Role
-from sondrel_restore.postgresql_server import OF_SERVER, OWN, PostgreSqlServer, identifier, literal
+from sondrel_restore.postgresql_server import OF_SERVER, OWN, Counts, PostgreSqlServer, identifier, literal
 from sondrel_restore.restore import Restore
 from sondrel_restore.versions import older
 
@@ -250,6 +250,16 @@ def _state(restore: Restore, about: _About, database: Database) -> tuple[State, 
     return State.MAKE, "loaded from the dump with its roles" + warning
 
 
+def _check_rows(counts: Counts, dump: PostgreSqlDump, left_out: list[str]) -> None:
+    """RestoreError if a table has fewer rows than the dump."""
+    here = {(schema, table): count for schema, table, count, _ in counts}
+    wrong = [f"{'.'.join(table)} has {here.get(table, 0)} rows and not {count}"
+             for table, count in sorted(dump.rows.items()) if here.get(table, 0) < count]
+    if wrong:
+        errors = f"; the server said: {some(left_out)}" if left_out else ""
+        raise RestoreError(f"Not all of the dump could be loaded: {some(wrong)}{errors}")
+
+
 class _Making:
     """One apply of one database."""
 
@@ -279,12 +289,13 @@ class _Making:
                 self._make_database(loader)
                 schemas = self._make_extensions(loader)
                 self._left_out += server.load(loader, loader, login, dump.statements(schemas))
-                self._check_rows(loader, dump)
+                counts = server.counted(loader)
+                _check_rows(counts, dump, self._left_out)
                 self._hand_over(loader, owner, dump)
                 self._give_rights(loader, dump)
                 server.remove_loader(loader, loader)
                 facts = {"sum": self._database.sum(), "left_out": self._left_out[:100],
-                         "fingerprint": server.fingerprint(loader)}
+                         "fingerprint": server.fingerprint_of(loader, counts)}
                 self._put_in_place(loader)
             finally:
                 _clear_away(server, {"loader": loader})
@@ -401,14 +412,6 @@ class _Making:
             if errors and "already exists" not in errors[-1]:
                 raise RestoreError(f"The extension {name} cannot be made: {some(errors)}")
         return frozenset(schemas)
-
-    def _check_rows(self, loader: str, dump: PostgreSqlDump) -> None:
-        here = self._server.rows(loader, set(self._server.tables(loader)) & set(dump.rows))
-        wrong = [f"{'.'.join(table)} has {here.get(table, 0)} rows and not {count}"
-                 for table, count in sorted(dump.rows.items()) if here.get(table, 0) < count]
-        if wrong:
-            errors = f"; the server said: {some(self._left_out)}" if self._left_out else ""
-            raise RestoreError(f"Not all of the dump could be loaded: {some(wrong)}{errors}")
 
     def _hand_over(self, loader: str, owner: str, dump: PostgreSqlDump) -> None:
         own = set(_own_roles(self._restore))
