@@ -21,9 +21,11 @@ from sondrel_restore.hostfiles import (atomic_write, content_here, make_director
                                        sum_of_bytes)
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, RestoreError, State
+from sondrel_restore.owners import Owners
 from sondrel_restore.packages import installed_packages
 from sondrel_restore.restore import Restore
-from sondrel_restore.unpacking import Owners, remove_unpacked, unpack, verify_unpacked
+from sondrel_restore.unpacked import remove_unpacked, verify_unpacked
+from sondrel_restore.unpacking import unpack
 from sondrel_restore.versions import older
 
 _WEB_ACCOUNT = "www-data"

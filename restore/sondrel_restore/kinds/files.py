@@ -11,7 +11,8 @@ from sondrel_restore.description import Element, archive_sum_of, is_below, unpac
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, State
 from sondrel_restore.restore import Restore
-from sondrel_restore.unpacking import remove_unpacked, unpack, verify_unpacked
+from sondrel_restore.unpacked import remove_unpacked, verify_unpacked
+from sondrel_restore.unpacking import unpack
 from sondrel_restore.web.own_roots import OwnRoots
 
 # Other kinds read these from the archives.

@@ -22,7 +22,8 @@ from sondrel_restore.mail_service import MailService, Tables, sum_of
 from sondrel_restore.mail_tables import (LARGEST_TABLE, PATH, Alias, User, hashes_in, objection_to_target,
                                          quota_of, split_address, targets_of)
 from sondrel_restore.restore import Restore
-from sondrel_restore.unpacking import remove_unpacked, unpack, verify_unpacked
+from sondrel_restore.unpacked import remove_unpacked, verify_unpacked
+from sondrel_restore.unpacking import unpack
 
 # Directories of virtual mailboxes. Elsewhere a mailbox lies in the home of its account.
 BASES = ("/var/mail", "/var/vmail", "/var/spool/vmail", "/var/lib/vmail", "/srv/vmail", "/srv/mail", "/home/vmail")
