@@ -249,8 +249,9 @@ def _feed(process: subprocess.Popen[bytes], pieces: Iterable[bytes]) -> list[str
     reader.start()
     assert process.stdin is not None
     os.set_blocking(process.stdin.fileno(), False)
-    # The client goes on with this much while the next piece is unpacked.
-    fcntl.fcntl(process.stdin.fileno(), fcntl.F_SETPIPE_SZ, _PIPE)
+    # The client goes on with this much while the next piece is unpacked; less where the host allows no more.
+    with contextlib.suppress(PermissionError):
+        fcntl.fcntl(process.stdin.fileno(), fcntl.F_SETPIPE_SZ, _PIPE)
     is_whole = True
     with selectors.DefaultSelector() as selector:
         selector.register(process.stdin, selectors.EVENT_WRITE)
