@@ -9,12 +9,12 @@ from world import read
 STAGE = "/mnt/stage"
 
 
-def unpack(archive, folder=STAGE):
+def unpack(archive, directory=STAGE):
     """What docs/linux-agent.md says: members are relative to the root of the source host."""
-    os.makedirs(folder, exist_ok=True)
+    os.makedirs(directory, exist_ok=True)
     subprocess.run(["tar", "-x", "-p", "--acls", "--xattrs", "--xattrs-include=*", "--numeric-owner", "-f", archive,
-                    "-C", folder], check=True)
-    return folder
+                    "-C", directory], check=True)
+    return directory
 
 
 def plain_text(archive):
@@ -28,8 +28,8 @@ def described(top):
     """{relative path, as bytes: all that an archive must keep of the entry} of a tree."""
     top = os.fsencode(top)
     found, inodes = {}, {}
-    for parent, folders, names in os.walk(top):
-        for name in [b".", *names, *(folder for folder in folders if os.path.islink(os.path.join(parent, folder)))]:
+    for parent, directories, names in os.walk(top):
+        for name in [b".", *names, *(directory for directory in directories if os.path.islink(os.path.join(parent, directory)))]:
             path = os.path.normpath(os.path.join(parent, name))
             key = os.path.relpath(path, top)
             found[key] = entry(path)

@@ -127,8 +127,8 @@ def private_world():
 @pytest.fixture(autouse=True)
 def clean_world():
     """Nothing of an earlier test is there, when several of them share a world."""
-    for folder in (world.SESSION, world.SOURCE_TREE, world.RECORDS, world.LOGS, world.RUNS, world.AGENTS):
-        shutil.rmtree(folder, ignore_errors=True)
+    for directory in (world.SESSION, world.SOURCE_TREE, world.RECORDS, world.LOGS, world.RUNS, world.AGENTS):
+        shutil.rmtree(directory, ignore_errors=True)
     for login in world.LOGINS:
         for entry in os.scandir(login.home):
             remove = shutil.rmtree if entry.is_dir(follow_symlinks=False) else os.unlink
@@ -197,10 +197,10 @@ def keep_evidence(item):
     kept = failure_path(item)
     shutil.rmtree(kept, ignore_errors=True)
     os.makedirs(kept)
-    for folder in (world.SESSION, world.RECORDS, world.LOGS, world.RUNS):
-        if os.path.isdir(folder):
+    for directory in (world.SESSION, world.RECORDS, world.LOGS, world.RUNS):
+        if os.path.isdir(directory):
             # Content files can be large, and fifos would block: those stay behind.
-            shutil.copytree(folder, f"{kept}/{os.path.basename(folder)}", symlinks=True,
+            shutil.copytree(directory, f"{kept}/{os.path.basename(directory)}", symlinks=True,
                             ignore=lambda parent, names: [n for n in names if unfit(os.path.join(parent, n))])
     return kept
 

@@ -33,5 +33,5 @@ def text_of(pattern):
 
 
 def sources():
-    return "\n".join(text_of(f"{folder}/*.{kind}") for folder in ("hostlib", "commons", "transport", "sondrel")
+    return "\n".join(text_of(f"{directory}/*.{kind}") for directory in ("hostlib", "commons", "transport", "sondrel")
                      for kind in ("h", "cpp"))

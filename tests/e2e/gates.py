@@ -8,15 +8,15 @@ from source_host import SourceHost, deployed_agent
 from tool import Destination, Session
 from world import ROOT, wait_until, write
 
-FOLDER = "/mnt/gates"
+DIRECTORY = "/mnt/gates"
 PROGRAMS = "/mnt/bin"
 
 # Waits at the gate of this name, where there is one, and says first who it is that waits.
 WAIT = f"""
 gate() {{
-  [ -p "{FOLDER}/$1" ] || return 0
-  echo $$ > "{FOLDER}/$1.pid"
-  read -r line < "{FOLDER}/$1"
+  [ -p "{DIRECTORY}/$1" ] || return 0
+  echo $$ > "{DIRECTORY}/$1.pid"
+  read -r line < "{DIRECTORY}/$1"
 }}
 """
 
@@ -78,8 +78,8 @@ class Gate:
     """A point, as "amid cat NAME", at which the next command to come there waits; its pid is known then."""
 
     def __init__(self, point):
-        os.makedirs(FOLDER, exist_ok=True)
-        self._path = f"{FOLDER}/{point}"
+        os.makedirs(DIRECTORY, exist_ok=True)
+        self._path = f"{DIRECTORY}/{point}"
         self._point = point
         self.pid = None
         os.mkfifo(self._path)

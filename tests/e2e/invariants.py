@@ -19,9 +19,9 @@ ROOTS = {"migration.status": "migration-status", "transfer.result": "execution-r
 NAMES = {"dump-name": "dump.xml", "migration-result-name": "migration.result"}
 
 
-def temporaries(*folders):
+def temporaries(*directories):
     """Paths of the temporary files that are left anywhere below the directories."""
-    return sorted(os.path.join(parent, name) for folder in folders for parent, _, names in os.walk(folder)
+    return sorted(os.path.join(parent, name) for directory in directories for parent, _, names in os.walk(directory)
                   for name in names if TEMPORARY.fullmatch(name))
 
 
@@ -32,9 +32,9 @@ def check_documents(session):
             assert session.tree(name)[0] == root, name
 
 
-def regular_files(folder):
+def regular_files(directory):
     """{path relative to the directory, as bytes: content}; a fifo or a device would be read for ever."""
-    top = os.fsencode(folder)
+    top = os.fsencode(directory)
     paths = [os.path.join(parent, name) for parent, _, names in os.walk(top) for name in names]
     return {os.path.relpath(path, top): read(path) for path in paths if stat.S_ISREG(os.lstat(path).st_mode)}
 

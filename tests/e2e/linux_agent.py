@@ -33,20 +33,20 @@ sys.exit(status)
 class Agent:
     """The agent deployed by hand into a directory that belongs to `owner`."""
 
-    def __init__(self, folder=AGENT_DIR, owner=(0, 0)):
-        self.folder = folder
+    def __init__(self, directory=AGENT_DIR, owner=(0, 0)):
+        self.directory = directory
         self._started = []
-        shutil.rmtree(folder, ignore_errors=True)
+        shutil.rmtree(directory, ignore_errors=True)
         for part in ("shared", "linux"):
-            shutil.copytree(f"{SOURCES}/{part}", folder, dirs_exist_ok=True, ignore=shutil.ignore_patterns("control"))
-        for parent, _, names in os.walk(folder):
+            shutil.copytree(f"{SOURCES}/{part}", directory, dirs_exist_ok=True, ignore=shutil.ignore_patterns("control"))
+        for parent, _, names in os.walk(directory):
             for name in [".", *names]:
                 os.chown(os.path.join(parent, name), *owner)
 
     def start(self, *arguments, given=b"", environment=None, user=0, through=()):
         with open(write("/mnt/agent.stdin", given), "rb") as stdin:
             self._started.append(subprocess.Popen(
-                [*through, "perl", f"{self.folder}/agent.pl", *arguments], stdin=stdin, stdout=subprocess.PIPE,
+                [*through, "perl", f"{self.directory}/agent.pl", *arguments], stdin=stdin, stdout=subprocess.PIPE,
                 stderr=subprocess.PIPE, cwd="/", user=user, group=user, extra_groups=[], preexec_fn=die_with_parent,
                 env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", **(environment or {})}))
         return self._started[-1]
@@ -75,15 +75,15 @@ class Agent:
         """A dump that must succeed."""
         result = self.run("--migration-mode", *arguments, **how)
         assert (result.returncode, result.stderr) == (0, b""), result
-        return Dump(read(f"{self.folder}/dump.xml"))
+        return Dump(read(f"{self.directory}/dump.xml"))
 
     def status(self):
-        return xml.etree.ElementTree.fromstring(read(f"{self.folder}/dumping-status.xml"))
+        return xml.etree.ElementTree.fromstring(read(f"{self.directory}/dumping-status.xml"))
 
     def content(self):
         """Paths of the finished content files, relative to the agent directory."""
-        return sorted(os.path.relpath(os.path.join(parent, name), self.folder)
-                      for parent, _, names in os.walk(f"{self.folder}/content") for name in names
+        return sorted(os.path.relpath(os.path.join(parent, name), self.directory)
+                      for parent, _, names in os.walk(f"{self.directory}/content") for name in names
                       if not name.endswith(".new"))
 
 

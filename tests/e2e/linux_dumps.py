@@ -54,13 +54,13 @@ def migrate(login=ROOT, *selection):
     return dump
 
 
-def arrived(*folders):
+def arrived(*directories):
     """Each directory is the same on the source host and in what was unpacked."""
-    for folder in folders:
-        assert_same_tree(folder, STAGE + folder)
+    for directory in directories:
+        assert_same_tree(directory, STAGE + directory)
 
 
 def entries(login):
     """{path relative to the agent directory: (owner, group, mode)}"""
     return {os.path.relpath(os.path.join(parent, name), login.agent_dir): owner_and_mode(os.path.join(parent, name))
-            for parent, folders, names in os.walk(login.agent_dir) for name in [*folders, *names]}
+            for parent, directories, names in os.walk(login.agent_dir) for name in [*directories, *names]}

@@ -19,13 +19,12 @@ from linux_agent import Dump
 from source_services import Apache, Nginx, add_crontab, add_maildir, add_user, fill_awkwardly, fill_root
 from world import read
 
-
 # --- the host --------------------------------------------------------------------------------
 
 @contextlib.contextmanager
 def web_host(storage=None):
     """An empty host: directories, no database server, nginx and Apache laid out but not running."""
-    with source_services.own_folders(storage):
+    with source_services.own_directories(storage):
         source_databases.hide_installed()
         for servers in (source_databases.MariaDb, source_databases.PostgreSql):
             shutil.rmtree(servers.SOCKETS, ignore_errors=True)
@@ -74,7 +73,7 @@ define( 'DB_HOST', 'localhost' );
 $table_prefix = 'wp_';
 """
 
-DATABASE_FOLDERS = ["/mnt/mariadb", "/mnt/postgresql"]
+DATABASE_DIRECTORIES = ["/mnt/mariadb", "/mnt/postgresql"]
 DATABASE_SECRETS = [b"shop-passphrase"]
 
 MYSQL_CONTENT = """
@@ -109,10 +108,10 @@ GRANT SELECT ON titles TO PUBLIC;
 @contextlib.contextmanager
 def databases():
     """Both database servers with one database each, of alice and of bob."""
-    for folder in DATABASE_FOLDERS:
-        shutil.rmtree(folder, ignore_errors=True)
-    with source_databases.MariaDb(DATABASE_FOLDERS[0]) as mysql, \
-            source_databases.PostgreSql(DATABASE_FOLDERS[1]) as postgresql:
+    for directory in DATABASE_DIRECTORIES:
+        shutil.rmtree(directory, ignore_errors=True)
+    with source_databases.MariaDb(DATABASE_DIRECTORIES[0]) as mysql, \
+            source_databases.PostgreSql(DATABASE_DIRECTORIES[1]) as postgresql:
         mysql.sql(MYSQL_CONTENT)
         postgresql.sql(POSTGRESQL_CONTENT)
         yield types.SimpleNamespace(mysql=mysql, postgresql=postgresql)
@@ -141,8 +140,8 @@ def postgresql_state(server, database):
 @contextlib.contextmanager
 def restored(archives, files):
     """Second servers, into which the database dumps among the archives were restored."""
-    for folder in ("/mnt/second-mariadb", "/mnt/second-postgresql"):
-        shutil.rmtree(folder, ignore_errors=True)
+    for directory in ("/mnt/second-mariadb", "/mnt/second-postgresql"):
+        shutil.rmtree(directory, ignore_errors=True)
     with source_databases.MariaDb("/mnt/second-mariadb", "/run/second-mariadb") as mysql, \
             source_databases.PostgreSql("/mnt/second-postgresql", "/run/second-postgresql") as postgresql:
         for name in files:
@@ -177,7 +176,7 @@ def compare(session, full):
         assert_same_tree(tree, STAGE + tree)
         print(f"   identical: {tree}")
     if full:
-        originals = source_databases.MariaDb(DATABASE_FOLDERS[0]), source_databases.PostgreSql(DATABASE_FOLDERS[1])
+        originals = source_databases.MariaDb(DATABASE_DIRECTORIES[0]), source_databases.PostgreSql(DATABASE_DIRECTORIES[1])
         with restored(f"{session}/archives", files) as second:
             assert mysql_state(originals[0], "shop") == mysql_state(second.mysql, "shop")
             print("   identical: database shop, restored")

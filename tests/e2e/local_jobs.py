@@ -32,18 +32,18 @@ def source():
 @pytest.fixture(autouse=True)
 def no_mounts():
     yield
-    for folder in (SESSION, DUMPS):
-        subprocess.run(["umount", "-q", folder], check=False, stderr=subprocess.DEVNULL)
-        shutil.rmtree(folder, ignore_errors=True)
+    for directory in (SESSION, DUMPS):
+        subprocess.run(["umount", "-q", directory], check=False, stderr=subprocess.DEVNULL)
+        shutil.rmtree(directory, ignore_errors=True)
 
 
-def mount(folder, options):
-    os.makedirs(folder, exist_ok=True)
-    subprocess.run(["mount", "-t", "tmpfs", "-o", f"mode=750,{options}", "small", folder], check=True)
+def mount(directory, options):
+    os.makedirs(directory, exist_ok=True)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"mode=750,{options}", "small", directory], check=True)
 
 
-def remount(folder, options):
-    subprocess.run(["mount", "-o", f"remount,{options}", folder], check=True)
+def remount(directory, options):
+    subprocess.run(["mount", "-o", f"remount,{options}", directory], check=True)
 
 
 def scout():

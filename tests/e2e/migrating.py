@@ -83,7 +83,7 @@ class State:
         root = xml.etree.ElementTree.fromstring(self.text)
         self.settings = {node.get("name"): node.text for node in root.iter("setting")}
         self.steps = {node.get("name"): node for node in root.iter("step")}
-        self.agent_folder = root.get("agent-folder")
+        self.agent_directory = root.get("agent-folder")
 
     def progress(self):
         return {name: node.get("state") for name, node in self.steps.items()}
@@ -95,20 +95,20 @@ def progress_of(*states, steps=tuple(STEPS)):
 
 
 class ImitatedSondrel:
-    """A folder with sondrel-migrate and an imitated sondrel beside it; without `beside` in a folder of its own."""
+    """A directory with sondrel-migrate and an imitated sondrel beside it; without `beside` in a directory of its own."""
 
     def __init__(self, beside=True):
         shutil.rmtree(IMITATION, ignore_errors=True)
         os.makedirs(f"{IMITATION}/runs")
         self.program = f"{IMITATION}/bin/sondrel-migrate"
-        self.folder = os.path.dirname(self.program) if beside else f"{IMITATION}/elsewhere"
+        self.directory = os.path.dirname(self.program) if beside else f"{IMITATION}/elsewhere"
         os.makedirs(os.path.dirname(self.program))
         shutil.copy(MIGRATE, self.program)
-        write(f"{self.folder}/sondrel", IMITATED_SONDREL, mode=0o755)
+        write(f"{self.directory}/sondrel", IMITATED_SONDREL, mode=0o755)
 
     def can_restore(self):
         """Puts an imitated sondrel-restore beside it, whose steps are steered in the same way."""
-        write(f"{self.folder}/sondrel-restore", IMITATED_SONDREL, mode=0o755)
+        write(f"{self.directory}/sondrel-restore", IMITATED_SONDREL, mode=0o755)
 
     def does(self, step, script):
         """What a step does from now on, as lines of shell."""

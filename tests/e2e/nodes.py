@@ -7,14 +7,14 @@ import signal
 import subprocess
 
 from source_host import SourceHost, set_password
-from world import LOGINS, PRODUCT, SHELL_FOLDER, die_with_parent
+from world import LOGINS, PRODUCT, SHELL_DIRECTORY, die_with_parent
 
 STORE = "/mnt/nodes"
 NETWORK = "10.77.0"
 SESSIONS = "/mnt/migrations"
 # What a machine has for itself lies in STORE/NAME, where the test can look at it.
-EMPTY_FOLDERS = ["/tmp", "/run", PRODUCT, SHELL_FOLDER, SESSIONS, *(login.home for login in LOGINS)]
-OWN_FOLDERS = ["/etc", *EMPTY_FOLDERS]
+EMPTY_DIRECTORIES = ["/tmp", "/run", PRODUCT, SHELL_DIRECTORY, SESSIONS, *(login.home for login in LOGINS)]
+OWN_DIRECTORIES = ["/etc", *EMPTY_DIRECTORIES]
 CLONE_NEWNS, CLONE_NEWPID, CLONE_NEWNET = 0x20000, 0x20000000, 0x40000000
 
 
@@ -25,8 +25,8 @@ def run(*words):
 @contextlib.contextmanager
 def cables():
     """What the machines are plugged into; the test itself has the first address."""
-    for folder in EMPTY_FOLDERS:
-        os.makedirs(folder, exist_ok=True)
+    for directory in EMPTY_DIRECTORIES:
+        os.makedirs(directory, exist_ok=True)
     run("ip", "link", "add", "name", "cables", "type", "bridge")
     run("ip", "address", "add", f"{NETWORK}.1/24", "dev", "cables")
     run("ip", "link", "set", "cables", "up")
@@ -55,7 +55,7 @@ class Node:
         self.name = name
         self.address = f"{NETWORK}.{number}"
         self.store = f"{STORE}/{name}"
-        self._make_folders()
+        self._make_directories()
         self._life, life_inside = os.pipe()[::-1]
         answer, told = os.pipe()
         self._child = os.fork()
@@ -78,7 +78,7 @@ class Node:
 
     def own(self, path):
         """Where the test finds a path of the machine."""
-        if any(path == folder or path.startswith(folder + "/") for folder in OWN_FOLDERS):
+        if any(path == directory or path.startswith(directory + "/") for directory in OWN_DIRECTORIES):
             return self.store + path
         return f"/proc/{self.pid}/root{path}"
 
@@ -99,10 +99,10 @@ class Node:
     def __exit__(self, *exception):
         self.stop()
 
-    def _make_folders(self):
+    def _make_directories(self):
         shutil.copytree("/etc", f"{self.store}/etc", symlinks=True)
-        for folder in EMPTY_FOLDERS:
-            os.makedirs(self.store + folder)
+        for directory in EMPTY_DIRECTORIES:
+            os.makedirs(self.store + directory)
         for login in LOGINS:
             os.chown(self.store + login.home, *login.ids)
         os.chmod(f"{self.store}/tmp", 0o1777)
@@ -144,7 +144,7 @@ class Node:
         """Returns when the machine is to end."""
         # By the numbers of the account that mounted it.
         pid = os.readlink("/proc/self")
-        for path in OWN_FOLDERS:
+        for path in OWN_DIRECTORIES:
             run("mount", "--bind", self.store + path, path)
         run("mount", "-t", "proc", "proc", "/proc")
         furnish()

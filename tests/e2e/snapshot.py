@@ -11,7 +11,7 @@ import world
 
 ROOTS = ("/mnt", "/etc", "/tmp", "/run", "/var/log", "/root", "/dev")
 # The machine's own entries, behind the links in /etc and /dev; and what the test itself writes.
-LEFT_OUT = ("/mnt/etc.orig", "/mnt/dev.orig", world.SHELL_FOLDER, world.LOGS, world.RUNS)
+LEFT_OUT = ("/mnt/etc.orig", "/mnt/dev.orig", world.SHELL_DIRECTORY, world.LOGS, world.RUNS)
 
 
 def entry(path):
@@ -61,13 +61,13 @@ def unchanged(*left_out):
 
 
 @pytest.fixture
-def own_folders():
+def own_directories():
     """/tmp and /root of our own, which no other process of the machine writes to."""
     program = (os.path.realpath(world.BINARY), world.TESTS)
-    folders = [folder for folder in ("/tmp", "/root")
-               if not any(path.startswith(folder + "/") for path in program)]
-    for folder in folders:
-        subprocess.run(["mount", "-t", "tmpfs", "own", folder], check=True)
+    directories = [directory for directory in ("/tmp", "/root")
+                   if not any(path.startswith(directory + "/") for path in program)]
+    for directory in directories:
+        subprocess.run(["mount", "-t", "tmpfs", "own", directory], check=True)
     yield
-    for folder in folders:
-        subprocess.run(["umount", "-l", folder], check=True)
+    for directory in directories:
+        subprocess.run(["umount", "-l", directory], check=True)

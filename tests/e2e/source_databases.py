@@ -2,9 +2,9 @@
 
 For the tests that are not in Python:
 
-    source_databases.py mariadb|postgresql FOLDER [SOCKETS]
+    source_databases.py mariadb|postgresql DIRECTORY [SOCKETS]
 
-runs a server in the new directory FOLDER, prints "ready" and ends it when its own standard
+runs a server in the new directory DIRECTORY, prints "ready" and ends it when its own standard
 input ends. Without SOCKETS the server is where the clients look for it by default.
 """
 import glob
@@ -24,16 +24,16 @@ class DatabaseServer:
     SOCKETS = None  # the directory where clients look for the socket
     STOP = None
 
-    def __init__(self, folder, sockets=None):
-        self.folder = folder
+    def __init__(self, directory, sockets=None):
+        self.directory = directory
         self.sockets = sockets or self.SOCKETS
-        self.data = f"{folder}/data"
-        self.log = f"{folder}/log"
+        self.data = f"{directory}/data"
+        self.log = f"{directory}/log"
         self.process = None
         account = pwd.getpwnam(self.ACCOUNT)
         self._ids = account.pw_uid, account.pw_gid
-        self.temporary = f"{folder}/tmp"
-        for path in folder, self.temporary, self.sockets:
+        self.temporary = f"{directory}/tmp"
+        for path in directory, self.temporary, self.sockets:
             os.makedirs(path, exist_ok=True)
             os.chown(path, *self._ids)
 
@@ -104,7 +104,7 @@ class MariaDb(DatabaseServer):
 
     def _command(self):
         return ["/usr/sbin/mariadbd", "--no-defaults", f"--datadir={self.data}", f"--socket={self.socket}",
-                f"--pid-file={self.folder}/pid", "--skip-networking", "--innodb-buffer-pool-size=32M",
+                f"--pid-file={self.directory}/pid", "--skip-networking", "--innodb-buffer-pool-size=32M",
                 "--innodb-log-file-size=8M", "--innodb-flush-log-at-trx-commit=0", "--skip-log-bin",
                 "--event-scheduler=OFF", "--max-allowed-packet=64M",
                 # A server that starts removes the temporary tables of all that share the directory.
@@ -123,8 +123,8 @@ class PostgreSql(DatabaseServer):
     SOCKETS = "/run/postgresql"
     STOP = signal.SIGINT
 
-    def __init__(self, folder, sockets=None, port=5432):
-        super().__init__(folder, sockets)
+    def __init__(self, directory, sockets=None, port=5432):
+        super().__init__(directory, sockets)
         self.port = port
         # The newest of the versions that are here.
         self.programs = max(glob.glob("/usr/lib/postgresql/*/bin"), key=lambda path: int(path.split("/")[-2]))
@@ -161,8 +161,8 @@ def hide_installed():
             os.unlink(path)
 
 
-def main(kind, folder, sockets=None):
-    with {"mariadb": MariaDb, "postgresql": PostgreSql}[kind](folder, sockets):
+def main(kind, directory, sockets=None):
+    with {"mariadb": MariaDb, "postgresql": PostgreSql}[kind](directory, sockets):
         print("ready", flush=True)
         sys.stdin.buffer.read()
 

@@ -7,7 +7,7 @@ import shutil
 import subprocess
 import tempfile
 
-from world import (AGENTS, HERE, HOST, LOGINS, LOGS, RECORDS, SHELL_FOLDER, SOURCE_TREE, TESTS, die_with_parent,
+from world import (AGENTS, HERE, HOST, LOGINS, LOGS, RECORDS, SHELL_DIRECTORY, SOURCE_TREE, TESTS, die_with_parent,
                    processes, read, wait_until, write)
 
 
@@ -62,10 +62,10 @@ def prepare_source_hosts():
     """Makes, for the tests that are forked from this process, the keys of two servers of a test, and the shell."""
     without_penalties()
     recording_shell()
-    with tempfile.TemporaryDirectory() as folder:
+    with tempfile.TemporaryDirectory() as directory:
         for kind, keys in _HOST_KEYS.items():
             for number in range(2):
-                path = f"{folder}/{kind}.{number}"
+                path = f"{directory}/{kind}.{number}"
                 generate_key(kind, path)
                 keys.append((read(path), read(f"{path}.pub")))
 
@@ -89,8 +89,8 @@ def make_host_key(kind, path):
 @functools.lru_cache(maxsize=None)
 def recording_shell():
     """The program that recording_shell.c makes."""
-    with tempfile.TemporaryDirectory() as folder:
-        program = f"{folder}/recording-shell"
+    with tempfile.TemporaryDirectory() as directory:
+        program = f"{directory}/recording-shell"
         subprocess.run(["cc", "-O1", "-Wall", "-Wextra", "-Werror", "-o", program, f"{HERE}/recording_shell.c"],
                        check=True)
         return read(program)
@@ -111,8 +111,8 @@ class SourceHost:
         own = node.own if node else str
         self.records = own(RECORDS)
         self._through = node.through if node else []
-        self._folder = f"/mnt/sshd.{name}"
-        os.makedirs(self._folder, mode=0o700, exist_ok=True)
+        self._directory = f"/mnt/sshd.{name}"
+        os.makedirs(self._directory, mode=0o700, exist_ok=True)
         os.makedirs(LOGS, exist_ok=True)
         for kind in host_keys:
             if not os.path.exists(self.key_file(kind)):
@@ -120,7 +120,7 @@ class SourceHost:
         if recording:
             os.makedirs(self.records, exist_ok=True)
             os.chmod(self.records, 0o1777)
-            shell = f"{SHELL_FOLDER}/recording-shell"
+            shell = f"{SHELL_DIRECTORY}/recording-shell"
             # One that runs cannot be written.
             if not os.path.exists(own(shell)):
                 write(own(shell), recording_shell(), mode=0o755)
@@ -130,11 +130,11 @@ class SourceHost:
             f"ListenAddress {address}:{port}", "PidFile none", "UsePAM yes", "PasswordAuthentication yes",
             "KbdInteractiveAuthentication yes", "PermitRootLogin yes", "UseDNS no", "LogLevel VERBOSE",
             "PrintMotd no", *without_penalties()]
-        self._config = write(f"{self._folder}/sshd_config", "\n".join(lines) + "\n")
+        self._config = write(f"{self._directory}/sshd_config", "\n".join(lines) + "\n")
         self._server = None
 
     def key_file(self, kind):
-        return f"{self._folder}/{kind}.key"
+        return f"{self._directory}/{kind}.key"
 
     def start(self):
         write(self.log)
@@ -227,7 +227,7 @@ SPEC = "Description: An agent of the tests\nEntryPoint: agent\nInterpreter: sh\n
 
 
 def install_agent(script="", name="sample", spec=SPEC):
-    """An agent of one shell script in the destination's catalogue, and an empty shared folder."""
+    """An agent of one shell script in the destination's catalogue, and an empty shared directory."""
     os.makedirs(f"{AGENTS}/shared", exist_ok=True)
     write(f"{AGENTS}/{name}/agent", script)
     if spec is not None:
@@ -247,11 +247,11 @@ def deployed_agent(login, script, files=None):
     directory; `files` ({relative path: content}) lie next to it.
     """
     install_agent(script)
-    folder = os.fsencode(login.agent_dir)
-    write(os.path.join(folder, b"agent"), script)
+    directory = os.fsencode(login.agent_dir)
+    write(os.path.join(directory, b"agent"), script)
     for name, content in (files or {}).items():
-        write(os.path.join(folder, os.fsencode(name)), content)
-    for parent, folders, names in os.walk(folder):
+        write(os.path.join(directory, os.fsencode(name)), content)
+    for parent, directories, names in os.walk(directory):
         os.chown(parent, *login.ids)
         for name in names:
             os.chown(os.path.join(parent, name), *login.ids)

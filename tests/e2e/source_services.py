@@ -14,54 +14,54 @@ import subprocess
 from world import read, wait_until, write
 
 # Directories of the machine that a host's data lies in: here they are ours.
-FOLDERS = ("/home", "/srv", "/var/www", "/var/mail", "/var/spool", "/var/lib/nginx")
+DIRECTORIES = ("/home", "/srv", "/var/www", "/var/mail", "/var/spool", "/var/lib/nginx")
 ACCOUNT_FILES = ("/etc/passwd", "/etc/group", "/etc/shadow")
 CERTIFICATES = "/etc/letsencrypt"
 FIRST_USER = 30001
 
 
 @contextlib.contextmanager
-def own_folders(storage=None):
+def own_directories(storage=None):
     """Empty directories in the place of the machine's, below `storage` where that is given.
 
     Accounts and certificates that are made meanwhile are gone afterwards.
     """
     kept = {path: read(path) for path in ACCOUNT_FILES}
-    for folder in FOLDERS:
+    for directory in DIRECTORIES:
         if storage is None:
-            subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", folder], check=True)
+            subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", directory], check=True)
         else:
-            os.makedirs(storage + folder, exist_ok=True)
-            subprocess.run(["mount", "--bind", storage + folder, folder], check=True)
+            os.makedirs(storage + directory, exist_ok=True)
+            subprocess.run(["mount", "--bind", storage + directory, directory], check=True)
     os.makedirs("/var/www/html")
     os.makedirs("/var/spool/cron/crontabs", mode=0o1730)
     try:
         yield
     finally:
-        for folder in reversed(FOLDERS):
-            subprocess.run(["umount", "-l", folder], check=True)
+        for directory in reversed(DIRECTORIES):
+            subprocess.run(["umount", "-l", directory], check=True)
             if storage is not None:
-                shutil.rmtree(storage + folder)
+                shutil.rmtree(storage + directory)
         for path, content in kept.items():
             with open(path, "wb") as file:
                 file.write(content)
         shutil.rmtree(CERTIFICATES, ignore_errors=True)
 
 
-def take_away(folder):
+def take_away(directory):
     """The path of a directory in /etc, where nothing is afterwards: neither the machine's nor an earlier one."""
-    path = f"/etc/{folder}"
+    path = f"/etc/{directory}"
     if os.path.islink(path):
         os.unlink(path)
     shutil.rmtree(path, ignore_errors=True)
     return path
 
 
-def own_copy(folder):
+def own_copy(directory):
     """Puts a fresh copy of the machine's directory into /etc, to be changed at will."""
-    path = take_away(folder)
+    path = take_away(directory)
     # Links in it name /etc/..., and so lead into the copy.
-    shutil.copytree(f"/mnt/etc.orig/{folder}", path, symlinks=True)
+    shutil.copytree(f"/mnt/etc.orig/{directory}", path, symlinks=True)
     return path
 
 
@@ -103,8 +103,8 @@ def owned(path, content, owner, mode=0o644):
         missing.append(parent)
         parent = os.path.dirname(parent)
     write(path, content, mode, owner)
-    for folder in missing:
-        os.chown(folder, *owner)
+    for directory in missing:
+        os.chown(directory, *owner)
     return path
 
 
@@ -114,13 +114,13 @@ def add_crontab(user, text):
 
 def add_maildir(path, owner, messages=3):
     """A Maildir with messages in its inbox and in one directory of its own."""
-    for folder in ("", ".Sent"):
+    for directory in ("", ".Sent"):
         for part in ("cur", "new", "tmp"):
-            os.makedirs(os.path.join(path, folder, part), mode=0o700)
+            os.makedirs(os.path.join(path, directory, part), mode=0o700)
         for number in range(messages):
             name = f"{1600000000 + number}.M{number}P1.host:2,S"
-            write(os.path.join(path, folder, "cur", name), f"Subject: {folder} {number}\n\n{path}\n", 0o600)
-    for parent, folders, names in os.walk(path):
+            write(os.path.join(path, directory, "cur", name), f"Subject: {directory} {number}\n\n{path}\n", 0o600)
+    for parent, directories, names in os.walk(path):
         for name in ["."] + names:
             os.lchown(os.path.join(parent, name), *owner)
     return path
@@ -163,8 +163,8 @@ def fill_awkwardly(root, owner):
     owned(f"{root}/of somebody", "x", owner)
     subprocess.run(["setfacl", "-m", "u:4711:rw-,g:4712:r--,m::rw-", f"{root}/of somebody"], check=True)
     subprocess.run(["setfacl", "-d", "-m", "u:4711:rwx", f"{root}/awkward"], check=True)
-    for folder in (f"{root}/awkward", root):
-        os.utime(folder, ns=(10**18, 15 * 10**17 + 987654321))
+    for directory in (f"{root}/awkward", root):
+        os.utime(directory, ns=(10**18, 15 * 10**17 + 987654321))
     return root
 
 
@@ -191,34 +191,34 @@ def end_with_parent():
 class Server:
     """A web server of ours in the foreground; as a context it runs, and must answer."""
 
-    def __init__(self, folder, port):
-        self.folder = own_copy(folder)
+    def __init__(self, directory, port):
+        self.directory = own_copy(directory)
         self.port = port
-        for name in (f"/var/log/{folder}", f"/run/{folder}", f"/run/lock/{folder}"):
+        for name in (f"/var/log/{directory}", f"/run/{directory}", f"/run/lock/{directory}"):
             os.makedirs(name, exist_ok=True)
         self._process = None
 
     def enable(self, name, text):
         """The site's file the Debian way: in sites-available, with a link to it."""
-        write(f"{self.folder}/sites-available/{name}", text)
-        link = f"{self.folder}/sites-enabled/{name}"
+        write(f"{self.directory}/sites-available/{name}", text)
+        link = f"{self.directory}/sites-enabled/{name}"
         if not os.path.lexists(link):
             os.symlink(f"../sites-available/{name}", link)
 
     def disable(self, name):
-        os.unlink(f"{self.folder}/sites-enabled/{name}")
+        os.unlink(f"{self.directory}/sites-enabled/{name}")
 
     def __enter__(self):
         # A session of its own: Apache with mod_php ends its whole process group, and so would end the test.
         self._process = subprocess.Popen(
             self.command, env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}, stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, preexec_fn=end_with_parent, start_new_session=True)
-        wait_until(self._answers, f"{self.folder} to answer")
+        wait_until(self._answers, f"{self.directory} to answer")
         return self
 
     def _answers(self):
         if self._process.poll() is not None:
-            raise AssertionError(f"{self.folder} has ended:\n{self._process.stderr.read().decode()}")
+            raise AssertionError(f"{self.directory} has ended:\n{self._process.stderr.read().decode()}")
         with socket.socket() as probe:
             return probe.connect_ex(("127.0.0.1", self.port)) == 0
 
@@ -262,8 +262,8 @@ class Apache(Server):
 
     def __init__(self, port=8080):
         super().__init__("apache2", port)
-        write(f"{self.folder}/ports.conf", f"Listen {port}\n")
-        write(f"{self.folder}/conf-enabled/zz-served.conf",
+        write(f"{self.directory}/ports.conf", f"Listen {port}\n")
+        write(f"{self.directory}/conf-enabled/zz-served.conf",
               "ServerName localhost\n<Directory /home>\n    Require all granted\n    AllowOverride All\n</Directory>\n")
         with contextlib.suppress(FileNotFoundError):
             self.disable("000-default.conf")

@@ -7,8 +7,8 @@ import pytest
 
 from world import HERE, read, write
 
-FOLDER = "/mnt/faults"
-REPORT = f"{FOLDER}/report"
+DIRECTORY = "/mnt/faults"
+REPORT = f"{DIRECTORY}/report"
 
 
 class Fault:
@@ -29,8 +29,8 @@ class Fault:
 @pytest.fixture
 def preload():
     """Path of the compiled fail_nth_call.c."""
-    library = f"{FOLDER}/fail_nth_call.so"
-    os.makedirs(FOLDER, exist_ok=True)
+    library = f"{DIRECTORY}/fail_nth_call.so"
+    os.makedirs(DIRECTORY, exist_ok=True)
     subprocess.run(["cc", "-shared", "-fPIC", "-o", library, f"{HERE}/fail_nth_call.c", "-ldl"], check=True)
     yield library
-    shutil.rmtree(FOLDER)
+    shutil.rmtree(DIRECTORY)

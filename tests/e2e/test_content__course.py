@@ -32,8 +32,8 @@ def test_brings_the_sample_source_over(source, login):
     get_content(login)
     expected = {os.fsencode(f"content/{name}"): data for name, data in content.items()}
     assert files_below(ARCHIVES) == {**expected, b"dump.xml": dump}
-    for parent, folders, names in os.walk(ARCHIVES):
-        for name in folders:
+    for parent, directories, names in os.walk(ARCHIVES):
+        for name in directories:
             assert owner_and_mode(f"{parent}/{name}") == (20000, 20000, 0o755), name
         for name in names:
             assert owner_and_mode(f"{parent}/{name}") == (0, 0, 0o644), name

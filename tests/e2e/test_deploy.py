@@ -34,8 +34,8 @@ def deployment(login, agent="sample", entry="agent", interpreter="sh"):
     """All RemoteCommands of a deployment that goes well."""
     remote = login.agent_dir
     script = f"cd {remote} && {interpreter} {remote}/{entry} --get-status"
-    commands = [command for folder in ("shared", agent)
-                for command in walk(login, f"{AGENTS}/{folder}", remote, f"{AGENTS}/{folder}")]
+    commands = [command for directory in ("shared", agent)
+                for command in walk(login, f"{AGENTS}/{directory}", remote, f"{AGENTS}/{directory}")]
     return sudo_check(login) + commands + [root_command(login, f"sh -c {sh_quote(script)}")]
 
 
@@ -50,8 +50,8 @@ def test_merges_the_shared_files_and_those_of_the_agent(source, login):
     assert files_below(login.agent_dir) == {
         b"agent": SCRIPT.encode(), b"shared": b"1", b"both": b"agent's", b"sub/deep/file": b"2",
         b"sub/other": bytes(range(256)), b"sub/control/kept": b"4", b"empty": b""}
-    for parent, folders, names in os.walk(login.agent_dir):
-        for name in folders + names:
+    for parent, directories, names in os.walk(login.agent_dir):
+        for name in directories + names:
             assert owner_and_mode(f"{parent}/{name}")[0] == login.ids[0], name
     assert source.commands() == deployment(login)
     runs_as = "root" if login.sudo_password is not None else login.name
@@ -275,13 +275,13 @@ def test_keeps_the_partial_status_of_an_agent_that_fails(source):
 
 def test_blank_in_the_agent_directory_is_quoted_but_not_for_the_status(source):
     install_agent(SCRIPT)
-    folder = f"{ROOT.home}/agent dir"
-    outcome = Destination(agent_dir=folder).run("deploy-agent")
+    directory = f"{ROOT.home}/agent dir"
+    outcome = Destination(agent_dir=directory).run("deploy-agent")
     assert outcome.code == 2
     assert Session().messages()[0][0] == "CantRequestAgentStatus"
     assert source.lines()[0] == (r"sh -c cd\ /mnt/home/root/agent\ dir\;\ mkdir\ -p\ /mnt/home/root/agent\\\ dir")
     assert r"cat > /mnt/home/root/agent\ dir/agent" in source.lines()
-    assert files_below(folder) == {b"agent": SCRIPT.encode()}
+    assert files_below(directory) == {b"agent": SCRIPT.encode()}
 
 
 def test_fails_when_sudo_refuses(source):
@@ -319,9 +319,9 @@ def install_tree():
             b"sub dir/-rf": b"", f"{deep}/file".encode(): b"deep", b"dangling": b""}
 
 
-def owners_and_modes(folder):
-    return {os.path.relpath(f"{parent}/{name}", folder): owner_and_mode(f"{parent}/{name}")
-            for parent, folders, names in os.walk(folder) for name in [*folders, *names]}
+def owners_and_modes(directory):
+    return {os.path.relpath(f"{parent}/{name}", directory): owner_and_mode(f"{parent}/{name}")
+            for parent, directories, names in os.walk(directory) for name in [*directories, *names]}
 
 
 def test_one_archive_brings_what_single_files_would(source, login):

@@ -34,7 +34,7 @@ KINDS = {
     # Nothing is lost with a descriptor that was only read from, or is closed before it is written to.
     "close": (30, {"tError_SaveFile", "CantRetrieveContentFile", "FileWrite"},
               f"(?!({CONTENT}|.*-name)$).*"),
-    # The session's own folder is synced for the result log alone once it is there.
+    # The session's own directory is synced for the result log alone once it is there.
     "fsync": (13, {"CantRetrieveContentFile", "FileWrite", "UnableToCreateSession"}, f"{SESSION}|{LOGS}"),
     "rename": (10, {"CantRenameFile"}, f".* -> {LOGS}"),
     "mkstemp": (10, {"CantCreateTempFile"}, LOGS),

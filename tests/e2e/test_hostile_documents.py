@@ -269,18 +269,18 @@ def test_status_and_result_show_any_host(source):
     assert any(in_xml(BYTES) in text for text in descriptions(Session().messages()))
 
 
-FOLDER = "/mnt/" + BYTES.replace("/", "")
+DIRECTORY = "/mnt/" + BYTES.replace("/", "")
 
 
 @pytest.mark.parametrize("options, text", [
     (["--agent-name", BYTES], f"Agent {in_xml(BYTES)} was not found"),
     (["--dumps-dir", BYTES], f"Cannot stat filesystem containing {in_xml(BYTES)}: "),
-    (["--agent-dir", FOLDER], "Error during content list retrieval: "),
-    (["--host", "127.0.0.1", "--session-path", FOLDER], f"Error during {in_xml(FOLDER)}/dump-name write: "),
+    (["--agent-dir", DIRECTORY], "Error during content list retrieval: "),
+    (["--host", "127.0.0.1", "--session-path", DIRECTORY], f"Error during {in_xml(DIRECTORY)}/dump-name write: "),
 ], ids=["agent", "dumps folder", "agent folder", "session"])
 def test_result_shows_any_option(source, options, text):
     offer("<contentlist/>")
-    session = Session(FOLDER if "--session-path" in options else "/mnt/session")
+    session = Session(DIRECTORY if "--session-path" in options else "/mnt/session")
     os.makedirs(session.file("dump-name"))
     outcome = Destination().run("get-content", *options)
     assert outcome.code == 2

@@ -12,11 +12,11 @@ import pytest
 import invariants
 from attacker import Attacker, exchange
 from content import left, offered
-from snapshot import entry, own_folders, unchanged  # a fixture  # noqa: F401  # pylint: disable=unused-import
+from snapshot import entry, own_directories, unchanged  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from tool import Destination, Session
 from world import ROOT, SERVICE_ACCOUNT, SESSION, files_below, owner_and_mode, read, wait_until, write
 
-pytestmark = [pytest.mark.matrix("links"), pytest.mark.usefixtures("own_folders")]
+pytestmark = [pytest.mark.matrix("links"), pytest.mark.usefixtures("own_directories")]
 
 ARCHIVES = f"{SESSION}/archives"
 DUMPS = "/mnt/dumps"
@@ -39,7 +39,7 @@ def outside():
     shutil.rmtree(DUMPS, ignore_errors=True)
 
 
-def own_folder(path):
+def own_directory(path):
     """The directory, as root makes it for content: it and those above it, up to the target, are the account's."""
     os.makedirs(path, exist_ok=True)
     own = path
@@ -106,7 +106,7 @@ IN_THE_FILES_PLACE = {
     "missing device": device(stat.S_IFBLK, 240, 0),
 }
 
-IN_A_FOLDERS_PLACE = {
+IN_A_DIRECTORY_S_PLACE = {
     "link to a folder": link_to(OUTSIDE), "link to nothing": link_to(f"{OUTSIDE}/made"),
     "link to the folder above": link_to("."), "pipe": os.mkfifo, "pipe with a reader": read_fifo,
     "socket": listening_socket, "null device": device(stat.S_IFCHR, 1, 3), "file": os.mknod,
@@ -115,9 +115,9 @@ IN_A_FOLDERS_PLACE = {
 
 def offer_and_meet(name, planted, plant, target=ARCHIVES):
     """A run that meets, at `planted` below the target, what `plant` puts there, on its way to `name`."""
-    folder = own_folder(os.path.dirname(f"{target}/{planted}"))
+    directory = own_directory(os.path.dirname(f"{target}/{planted}"))
     offered(ROOT, ("first", b"1"), (name, NEW), ("last", b"3"))
-    write(f"{folder}/ahead", b"ahead")
+    write(f"{directory}/ahead", b"ahead")
     path = f"{target}/{planted}"
     with plant(path) or contextlib.nullcontext():
         before = entry(path)
@@ -128,9 +128,9 @@ def offer_and_meet(name, planted, plant, target=ARCHIVES):
     assert left(ROOT) == sorted(["last", name])
     assert read(f"{target}/first") == b"1"
     assert not os.path.lexists(f"{target}/last")
-    assert sorted(os.listdir(folder)) == sorted({"ahead", os.path.basename(planted)}
-                                                | ({"first"} if folder == target else set()))
-    assert read(f"{folder}/ahead") == b"ahead"
+    assert sorted(os.listdir(directory)) == sorted({"ahead", os.path.basename(planted)}
+                                                   | ({"first"} if directory == target else set()))
+    assert read(f"{directory}/ahead") == b"ahead"
 
 
 @pytest.mark.parametrize("plant", IN_THE_FILES_PLACE.values(), ids=IN_THE_FILES_PLACE.keys())
@@ -138,7 +138,7 @@ def test_what_is_in_the_place_of_a_file_is_left_alone(source, plant, content_ver
     offer_and_meet("sub/file", "sub/file", plant)
 
 
-@pytest.mark.parametrize("plant", IN_A_FOLDERS_PLACE.values(), ids=IN_A_FOLDERS_PLACE.keys())
+@pytest.mark.parametrize("plant", IN_A_DIRECTORY_S_PLACE.values(), ids=IN_A_DIRECTORY_S_PLACE.keys())
 @pytest.mark.parametrize("planted", ["one", "one/two", "one/two/three"], ids=["first", "second", "third"])
 def test_what_is_in_the_place_of_a_folder_is_left_alone(source, planted, plant):
     offer_and_meet("one/two/three/file", planted, plant)
@@ -156,7 +156,7 @@ def test_folders_of_the_dumps_folder_are_guarded_as_those_of_the_archives(source
 
 def test_file_with_a_lease_is_not_waited_for(source, content_verify):
     """The system would let a patient opener wait for 45 seconds."""
-    path = write(f"{own_folder(f'{ARCHIVES}/sub')}/file", b"leased", owner=SERVICE)
+    path = write(f"{own_directory(f'{ARCHIVES}/sub')}/file", b"leased", owner=SERVICE)
     offered(ROOT, ("sub/file", NEW))
     held = []
 
@@ -193,7 +193,7 @@ def run_meanwhile(name, do):
 
 @pytest.mark.parametrize("swapped", ["sub", "sub/deeper", "sub/deeper/file"], ids=["folder", "folder below", "file"])
 def test_link_that_is_swapped_in_a_thousand_times_gets_nothing(source, swapped, content_verify):
-    path = f"{own_folder(f'{ARCHIVES}/account')}/{swapped}"
+    path = f"{own_directory(f'{ARCHIVES}/account')}/{swapped}"
     link = f"{path}.link"
 
     def there_and_back():
@@ -235,7 +235,7 @@ DONE = {"file is removed": ("file", os.unlink), "file is moved": ("file", move_a
 @pytest.mark.parametrize("what, do", DONE.values(), ids=DONE.keys())
 def test_file_that_was_taken_from_its_place_stays_on_the_source_host(source, what, do, content_verify):
     name = "account/sub/file"
-    own_folder(f"{ARCHIVES}/account")
+    own_directory(f"{ARCHIVES}/account")
     outcome = run_meanwhile(name, lambda: do(f"{ARCHIVES}/{name.partition(what)[0]}{what}"))
     check_refusal(outcome, name)
     assert left(ROOT) == [name, "last"]
@@ -245,7 +245,7 @@ def test_file_that_was_taken_from_its_place_stays_on_the_source_host(source, wha
 @pytest.mark.parametrize("swapped", ["account/sub", "account/sub/07"], ids=["folder", "file"])
 def test_links_that_come_and_go_during_whole_runs_are_never_followed(source, swapped, content_verify):
     """Each run does its work, or ends at the first link that it meets; none writes through one."""
-    own_folder(f"{ARCHIVES}/account/sub")
+    own_directory(f"{ARCHIVES}/account/sub")
     names = [f"account/sub/{number:02d}" for number in range(20)]
     path = f"{ARCHIVES}/{swapped}"
     link = f"{ARCHIVES}/account/link"
@@ -303,8 +303,8 @@ def test_service_account_can_change_nothing_in_the_session_and_its_archives(sour
     offered(ROOT, ("file", NEW))
     shutil.rmtree(SESSION)
     assert run().code == 0
-    for folder in (SESSION, ARCHIVES):
-        assert owner_and_mode(folder) == (0, SERVICE_ACCOUNT, 0o750)
+    for directory in (SESSION, ARCHIVES):
+        assert owner_and_mode(directory) == (0, SERVICE_ACCOUNT, 0o750)
     attempts = [lambda: os.mkdir(f"{SESSION}/new"), lambda: os.mkdir(f"{ARCHIVES}/new"),
                 lambda: os.symlink(OUTSIDE, f"{SESSION}/migration.log.new"), lambda: os.unlink(f"{ARCHIVES}/file"),
                 lambda: os.unlink(f"{SESSION}/migration.status"), lambda: open(f"{ARCHIVES}/file", "ab"),

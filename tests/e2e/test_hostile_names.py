@@ -6,12 +6,12 @@ import pytest
 
 import invariants
 from content import content_list, left
-from snapshot import own_folders, unchanged  # a fixture  # noqa: F401  # pylint: disable=unused-import
+from snapshot import own_directories, unchanged  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from source_host import deployed_agent, sh_quote
 from tool import Destination, Session
 from world import ROOT, SESSION, files_below, write
 
-pytestmark = [pytest.mark.matrix("names"), pytest.mark.usefixtures("own_folders")]
+pytestmark = [pytest.mark.matrix("names"), pytest.mark.usefixtures("own_directories")]
 
 ARCHIVES = f"{SESSION}/archives"
 DUMPS = "/mnt/dumps"
@@ -27,8 +27,8 @@ in_both_targets = pytest.mark.parametrize("target", TARGETS.values(), ids=TARGET
 @pytest.fixture(autouse=True)
 def outside():
     """What a name could lead to: the directories of the target, the current one, and one beside."""
-    for folder in (SESSION, ARCHIVES, DUMPS, CURRENT, "/mnt/outside/folder"):
-        os.makedirs(folder, exist_ok=True)
+    for directory in (SESSION, ARCHIVES, DUMPS, CURRENT, "/mnt/outside/folder"):
+        os.makedirs(directory, exist_ok=True)
     for path in ("/mnt/outside/file", "/mnt/file", f"{CURRENT}/file"):
         write(path, b"kept")
     yield

@@ -47,10 +47,10 @@ def make_key(kind="ed25519", path=KEY, passphrase="", options=()):
 
 
 def authorize(path=KEY, login=ROOT):
-    folder = f"{login.home}/.ssh"
-    os.makedirs(folder, mode=0o700, exist_ok=True)
-    os.chown(folder, *login.ids)
-    write(f"{folder}/authorized_keys", read(f"{path}.pub"), 0o600, login.ids)
+    directory = f"{login.home}/.ssh"
+    os.makedirs(directory, mode=0o700, exist_ok=True)
+    os.chown(directory, *login.ids)
+    write(f"{directory}/authorized_keys", read(f"{path}.pub"), 0o600, login.ids)
 
 
 def log_in(path=KEY, passphrase=None, password=None, login=ROOT, environment=None):

@@ -8,7 +8,7 @@ import pytest
 
 from content import offered
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from snapshot import own_folders, unchanged  # a fixture  # noqa: F401  # pylint: disable=unused-import
+from snapshot import own_directories, unchanged  # a fixture  # noqa: F401  # pylint: disable=unused-import
 from source_host import deployed_agent, install_agent
 from tool import Destination, Session
 from world import DTM, PLAIN, ROOT, SESSION, wait_until, write
@@ -209,7 +209,7 @@ PATHS = {
 }
 
 
-@pytest.mark.usefixtures("own_folders")
+@pytest.mark.usefixtures("own_directories")
 @pytest.mark.parametrize("name", PATHS.values(), ids=PATHS.keys())
 def test_log_and_documents_are_placed_by_any_session_path(source, name):
     write(f"{DTM}/scout.pl", "print 'scouted'")

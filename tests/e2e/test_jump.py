@@ -27,10 +27,10 @@ def make_jump(*options):
     host = SourceHost([*options, f"PermitOpen {HOST}:22"], port=PORT)
     if not os.path.exists(KEY):
         subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", KEY], check=True)
-    folder = f"{PLAIN.home}/.ssh"
-    os.makedirs(folder, mode=0o700, exist_ok=True)
-    os.chown(folder, *PLAIN.ids)
-    write(f"{folder}/authorized_keys", read(f"{KEY}.pub"), 0o600, PLAIN.ids)
+    directory = f"{PLAIN.home}/.ssh"
+    os.makedirs(directory, mode=0o700, exist_ok=True)
+    os.chown(directory, *PLAIN.ids)
+    write(f"{directory}/authorized_keys", read(f"{KEY}.pub"), 0o600, PLAIN.ids)
     os.makedirs(OWN, mode=0o700, exist_ok=True)
     write(f"{OWN}/config", f"IdentityFile {KEY}\nIdentitiesOnly yes\n", 0o600)
     write(f"{OWN}/known_hosts", f"[{HOST}]:{PORT} {public_key(host)}\n", 0o600)

@@ -40,8 +40,8 @@ def test_what_it_makes_is_for_its_owner_only(source, host, kind):
     made = {path: facts for path, facts in entries(login).items() if path not in deployed}
     assert "dump.xml" in made and "content/sites" in made
     for path, facts in made.items():
-        is_folder = os.path.isdir(f"{login.agent_dir}/{path}")
-        assert facts == (uid, gid, 0o700 if is_folder else 0o600), path
+        is_directory = os.path.isdir(f"{login.agent_dir}/{path}")
+        assert facts == (uid, gid, 0o700 if is_directory else 0o600), path
     stranger = subprocess.run(["cat", f"{SESSION}/dump.xml"], user=65534, group=65534, extra_groups=[], check=False,
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     assert (stranger.returncode, stranger.stdout) == (1, b"") and b"Permission denied" in stranger.stderr
@@ -216,7 +216,7 @@ def test_a_migration_waits_for_the_dump_of_an_interrupted_run(host, number):
         gate.wait()
         stopped.send(number)
         assert stopped.finish().code in (128 + number, -number)
-        agent_dir = f"{ROOT.home}/{State().agent_folder}"
+        agent_dir = f"{ROOT.home}/{State().agent_directory}"
         with Terminal([MIGRATE, *given], {"QRV_PASSWORD": ROOT.password}, columns=200) as again:
             again.shows(f"dump: a dump that an earlier run started is still at work on {HOST}".encode())
             again.shows(b"\r\x1b[Kdump: content, 1 of ")

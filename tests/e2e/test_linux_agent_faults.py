@@ -29,7 +29,7 @@ def finished(agent, process):
     stdout, stderr = process.communicate(timeout=60)
     assert (process.returncode, stdout, stderr) == (0, b"", b""), (process.returncode, stdout, stderr)
     assert agent.status().get("stage") == "finished"
-    text = read(f"{agent.folder}/dump.xml")
+    text = read(f"{agent.directory}/dump.xml")
     check_schema(text, "dump")
     return Dump(text)
 
@@ -44,7 +44,7 @@ def content_list(agent):
 
 
 def temporaries(agent):
-    return [name for _, _, names in os.walk(agent.folder) for name in names if name.endswith(".new")]
+    return [name for _, _, names in os.walk(agent.directory) for name in names if name.endswith(".new")]
 
 
 def test_a_killed_dump_leaves_no_dump_and_the_next_one_goes_on_from_there(agent):
@@ -52,22 +52,22 @@ def test_a_killed_dump_leaves_no_dump_and_the_next_one_goes_on_from_there(agent)
     process = agent.start("--migration-mode", "--dump-all", environment={"PATH": gate.path})
     gate.wait()
     first, = agent.content()
-    before = os.stat(f"{agent.folder}/{first}")
+    before = os.stat(f"{agent.directory}/{first}")
     wait_until(lambda: agent.status().get("done") == "1", "the status to tell of the first archive", 1.5)
     assert (agent.status().get("stage"), agent.status().get("pid")) == ("content", str(process.pid))
     process.kill()
     process.communicate()
     gate.open()
-    assert not os.path.exists(f"{agent.folder}/dump.xml")
+    assert not os.path.exists(f"{agent.directory}/dump.xml")
     assert agent.run("--get-content-list").returncode == 1
     dump = finished(agent, agent.start("--migration-mode", "--dump-all"))
     assert dump.losses() == []
-    after = os.stat(f"{agent.folder}/{first}")
+    after = os.stat(f"{agent.directory}/{first}")
     assert (before.st_ino, before.st_mtime_ns) == (after.st_ino, after.st_mtime_ns)
     assert temporaries(agent) == []
     assert set(content_list(agent)) == {*dump.files(), "dump.xml"} == {*agent.content(), "dump.xml"}
     for name in agent.content():
-        unpack(f"{agent.folder}/{name}")
+        unpack(f"{agent.directory}/{name}")
     assert_same_tree("/home/alice/a.test", f"{STAGE}/home/alice/a.test")
 
 
@@ -81,7 +81,7 @@ def test_a_dump_that_is_asked_to_end_says_so_and_leaves_nothing_half_done(agent,
     assert process.returncode not in (0, None) and stderr
     assert agent.status().get("stage") == "failed"
     assert agent.content() == temporaries(agent) == []
-    assert not os.path.exists(f"{agent.folder}/dump.xml")
+    assert not os.path.exists(f"{agent.directory}/dump.xml")
 
 
 def test_a_second_dump_does_not_disturb_one_that_runs(agent):
@@ -100,9 +100,9 @@ def test_the_status_is_renewed_every_second_while_one_archive_is_made(agent):
     process = agent.start("--migration-mode", "--dump-all", environment={"PATH": gate.path})
     gate.wait()
     for _ in range(3):
-        known = os.stat(f"{agent.folder}/dumping-status.xml").st_mtime_ns
-        wait_until(lambda: os.stat(f"{agent.folder}/dumping-status.xml").st_mtime_ns != known, "a newer status", 1.5)
-        check_schema(read(f"{agent.folder}/dumping-status.xml"), "dumping-status")
+        known = os.stat(f"{agent.directory}/dumping-status.xml").st_mtime_ns
+        wait_until(lambda: os.stat(f"{agent.directory}/dumping-status.xml").st_mtime_ns != known, "a newer status", 1.5)
+        check_schema(read(f"{agent.directory}/dumping-status.xml"), "dumping-status")
     gate.open()
     finished(agent, process)
 
@@ -119,14 +119,14 @@ def test_a_full_disk_leaves_out_what_has_no_room_and_says_so(host):
         errors = dict(dump.problems("error"))
         assert set(errors) == {"shop.a.test"} and "No room" in errors["shop.a.test"]
         assert [name for name in dump.files() if "shop" in name] == []
-        unpack(f"{agent.folder}/content/sites/a.test.tar.gz")
+        unpack(f"{agent.directory}/content/sites/a.test.tar.gz")
         assert_same_tree("/home/alice/a.test", f"{STAGE}/home/alice/a.test")
         assert temporaries(agent) == []
         # Once there is room the rest is made.
         subprocess.run(["mount", "-o", "remount,size=200m", AGENT_DIR], check=True)
         dump = finished(agent, agent.start("--migration-mode", "--dump-all"))
         assert dump.losses() == []
-        unpack(f"{agent.folder}/content/sites/shop.a.test.tar.gz")
+        unpack(f"{agent.directory}/content/sites/shop.a.test.tar.gz")
         assert_same_tree("/home/alice/shop", f"{STAGE}/home/alice/shop")
     finally:
         subprocess.run(["umount", "-l", AGENT_DIR], check=True)
@@ -143,7 +143,7 @@ def test_a_disk_without_any_room_fails_the_dump_with_a_message(host):
                     filler.write(bytes(4096))
         result = agent.run("--migration-mode", "--dump-all")
         assert result.returncode not in (0, None) and b"No space left on device" in result.stderr, result
-        assert not os.path.exists(f"{agent.folder}/dump.xml")
+        assert not os.path.exists(f"{agent.directory}/dump.xml")
     finally:
         subprocess.run(["umount", "-l", AGENT_DIR], check=True)
 
@@ -171,7 +171,7 @@ def test_a_database_server_that_ends_while_it_is_dumped_is_named(host, agent):
         locked.stdin.flush()
         assert locked.stdout.readline() == b"locked\n"
         process = agent.start("--migration-mode", "--dump-all")
-        wait_until(lambda: os.path.exists(f"{agent.folder}/dumping-status.xml")
+        wait_until(lambda: os.path.exists(f"{agent.directory}/dumping-status.xml")
                    and (agent.status().get("object") or "").startswith("mysql"), "the database's turn")
         servers.mysql.kill()
         dump = finished(agent, process)
@@ -196,9 +196,9 @@ def test_what_a_plain_login_may_not_read_is_named_and_the_rest_is_dumped(host):
     errors = dump.problems("error")
     assert any(name == "open.test" and "/home/bob/open/secret" in text for name, text in errors), errors
     assert any(name == "closed.test" and "/home/bob/closed" in text for name, text in errors), errors
-    unpack(f"{agent.folder}/content/sites/open.test.tar.gz")
+    unpack(f"{agent.directory}/content/sites/open.test.tar.gz")
     assert read(f"{STAGE}/home/bob/open/index.html") == read("/home/bob/open/index.html")
-    assert {owner_and_mode(f"{agent.folder}/{name}") for name in agent.content()} == {(*PLAIN.ids, 0o600)}
+    assert {owner_and_mode(f"{agent.directory}/{name}") for name in agent.content()} == {(*PLAIN.ids, 0o600)}
 
 
 BROKEN = {
@@ -218,7 +218,7 @@ def test_a_broken_file_of_nginx_is_named_and_the_other_sites_are_dumped(host, ag
     dump = finished(agent, agent.start("--migration-mode", "--dump-all"))
     assert {"a.test", "shop.a.test"} <= set(dump.names("domain"))
     assert any("broken.test" in object_ + text for object_, text in dump.problems()), dump.problems()
-    unpack(f"{agent.folder}/content/sites/a.test.tar.gz")
+    unpack(f"{agent.directory}/content/sites/a.test.tar.gz")
     assert_same_tree("/home/alice/a.test", f"{STAGE}/home/alice/a.test")
 
 
@@ -240,7 +240,7 @@ def test_a_missing_document_root_is_named(host, agent):
     dump = finished(agent, agent.start("--migration-mode", "--dump-all"))
     assert any(name == "shop.a.test" and "/home/alice/shop" in text for name, text in dump.problems())
     # Its configuration is there all the same.
-    unpack(f"{agent.folder}/content/sites/shop.a.test.tar.gz")
+    unpack(f"{agent.directory}/content/sites/shop.a.test.tar.gz")
     assert read(f"{STAGE}/etc/nginx/sites-available/shop.a.test") == read("/etc/nginx/sites-available/shop.a.test")
 
 
@@ -274,4 +274,4 @@ def test_says_which_modules_of_perl_are_missing(agent, arguments):
 def test_wrong_use_ends_with_2_and_a_message(agent, arguments, given):
     result = agent.run(*arguments, given=given)
     assert result.returncode == 2 and result.stdout == b"" and result.stderr, result
-    assert not os.path.exists(f"{agent.folder}/dump.xml")
+    assert not os.path.exists(f"{agent.directory}/dump.xml")

@@ -98,7 +98,7 @@ def check(agent, lists, options):
     assert {name.removeprefix("content/").removesuffix(ending).removesuffix(".tar").removesuffix(".sql")
             for name in names} == expected_files(objects, whole, only, options), arguments
     assert all(name.endswith((".tar" + ending, ".sql" + ending)) for name in names), arguments
-    for parent, _, found in os.walk(agent.folder):
+    for parent, _, found in os.walk(agent.directory):
         for name in found:
             assert b"secret of the transport" not in read(os.path.join(parent, name)), arguments
 

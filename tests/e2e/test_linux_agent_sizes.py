@@ -45,12 +45,12 @@ SIZES = (Sizes(sites=1000, users=250, large_site=2 << 30, files=100_000, rows=1_
 def host():
     """A web host whose files, archives and all that is made of them are on a disk, where there is one for it."""
     storage = os.environ.get("FULL_SIZES")
-    folders = [ROOT.home, SESSION, STAGE, "/mnt/mariadb", "/mnt/postgresql", "/mnt/second-mariadb",
-               "/mnt/second-postgresql"] if storage else []
-    for folder in folders:
-        os.makedirs(folder, exist_ok=True)
-        os.makedirs(storage + folder)
-        subprocess.run(["mount", "--bind", storage + folder, folder], check=True)
+    directories = [ROOT.home, SESSION, STAGE, "/mnt/mariadb", "/mnt/postgresql", "/mnt/second-mariadb",
+                   "/mnt/second-postgresql"] if storage else []
+    for directory in directories:
+        os.makedirs(directory, exist_ok=True)
+        os.makedirs(storage + directory)
+        subprocess.run(["mount", "--bind", storage + directory, directory], check=True)
     install_linux_agent()
     shutil.rmtree(STAGE, ignore_errors=True)
     write(f"{PROGRAMS}/perl", PERL, mode=0o755)
@@ -58,9 +58,9 @@ def host():
     path = f"{PROGRAMS}:/usr/sbin:/usr/bin:/sbin:/bin"
     with web_host(storage) as found, SourceHost(options=[f"SetEnv PATH={path}"], recording=False):
         yield found
-    for folder in folders:
-        subprocess.run(["umount", "-l", folder], check=True)
-        shutil.rmtree(storage + folder, ignore_errors=True)
+    for directory in directories:
+        subprocess.run(["umount", "-l", directory], check=True)
+        shutil.rmtree(storage + directory, ignore_errors=True)
 
 
 def run(action):
@@ -96,9 +96,9 @@ def test_every_one_of_many_sites_arrives_as_it_was(host):
     for index in range(SIZES.sites):
         user = f"user{index % SIZES.users:04d}"
         owner = add_user(user)
-        folder = f"/home/{user}/{index} {AWKWARD[index % len(AWKWARD)]}"
-        fill_root(folder, owner, {name: f"{index} {name}" for name in ("index.html", *AWKWARD)})
-        host.nginx.add_site(f"site{index:04d}.test", folder, [f"*.site{index:04d}.test"])
+        directory = f"/home/{user}/{index} {AWKWARD[index % len(AWKWARD)]}"
+        fill_root(directory, owner, {name: f"{index} {name}" for name in ("index.html", *AWKWARD)})
+        host.nginx.add_site(f"site{index:04d}.test", directory, [f"*.site{index:04d}.test"])
         if index < SIZES.users:
             add_maildir(f"/home/{user}/Maildir", owner)
             add_crontab(user, f"{index % 60} * * * * true\n")
@@ -132,9 +132,9 @@ def test_many_small_files_arrive_as_they_were(host):
     top = "/home/alice/small"
     for number in range(SIZES.files):
         if number % 1000 == 0:
-            folder = f"{top}/{number // 1000}"
-            owned(f"{folder}/index.html", "x", owner)
-        with open(f"{folder}/file {number}", "w", encoding="utf-8") as file:
+            directory = f"{top}/{number // 1000}"
+            owned(f"{directory}/index.html", "x", owner)
+        with open(f"{directory}/file {number}", "w", encoding="utf-8") as file:
             file.write(f"{number}\n")
     host.nginx.add_site("small.test", top)
     migrate()

@@ -36,7 +36,7 @@ def unpacked(agent):
     shutil.rmtree(STAGE, ignore_errors=True)
     for name in agent.content():
         if ".tar" in name:
-            unpack(f"{agent.folder}/{name}")
+            unpack(f"{agent.directory}/{name}")
     return STAGE
 
 
@@ -193,9 +193,9 @@ def test_writes_through_no_link_in_a_folder_of_another_account():
         populate(host)
         alice = add_user("alice")
         deployed = Agent("/srv/agent", owner=LOGINS[0].ids)
-        os.chmod(deployed.folder, 0o777)
+        os.chmod(deployed.directory, 0o777)
         for name in ("dumping-status.xml", "dumping-status.xml.new", "dump.xml", "dump.xml.new", "state", "lock", "key"):
-            subprocess.run(["ln", "-s", "/srv/written", f"{deployed.folder}/{name}"], check=True, user=alice[0],
+            subprocess.run(["ln", "-s", "/srv/written", f"{deployed.directory}/{name}"], check=True, user=alice[0],
                            group=alice[1], extra_groups=[])
         result = deployed.run("--migration-mode", "--dump-all")
         assert not os.path.exists("/srv/written")

@@ -11,8 +11,8 @@ import snapshot
 from archives import described
 from linux_agent import check_schema, install_linux_agent, without_perl_modules
 from linux_host import databases, many_sites, populate, populate_apache, web_host
-from snapshot import own_folders  # noqa: F401  a fixture
-from source_services import FOLDERS, add_user, fill_root
+from snapshot import own_directories  # noqa: F401  a fixture
+from source_services import DIRECTORIES, add_user, fill_root
 from tool import Destination, Session
 from world import DTM, PLAIN, SESSION, write
 
@@ -185,14 +185,14 @@ def test_warns_of_sites_that_belong_to_a_service(host):
 
 
 @pytest.mark.release_only
-def test_changes_nothing_on_the_host(host, own_folders):  # noqa: F811
+def test_changes_nothing_on_the_host(host, own_directories):  # noqa: F811
     populate(host)
     populate_apache(host)
-    before = [described(folder) for folder in FOLDERS]
+    before = [described(directory) for directory in DIRECTORIES]
     with snapshot.unchanged(SESSION):
         look()
         look(user=PLAIN.ids[0])
-    assert [described(folder) for folder in FOLDERS] == before
+    assert [described(directory) for directory in DIRECTORIES] == before
 
 
 @pytest.mark.release_only
@@ -208,10 +208,10 @@ def test_takes_less_than_five_seconds_for_a_thousand_sites(host):
 def test_stops_counting_the_files_of_a_large_host(host):
     populate(host)
     for number in range(300):
-        folder = f"/home/alice/shop/{number}"
-        os.mkdir(folder)
+        directory = f"/home/alice/shop/{number}"
+        os.mkdir(directory)
         for name in range(1000):
-            os.mkdir(f"{folder}/{name}")
+            os.mkdir(f"{directory}/{name}")
     with less_than_five_seconds():
         document = look()
     assert document.find("needs").get("complete") == "no"

@@ -111,14 +111,14 @@ def server(request):
         else:
             found, text, included = host.apache, APACHE, APACHE_INCLUDED
             for module in APACHE_MODULES:
-                os.symlink(f"../mods-available/{module}", f"{found.folder}/mods-enabled/{module}")
+                os.symlink(f"../mods-available/{module}", f"{found.directory}/mods-enabled/{module}")
         found.enable("full.test.conf", text % names)
         for name, content in included.items():
-            write(f"{found.folder}/{name}", content)
+            write(f"{found.directory}/{name}", content)
         with found:
             yield found
-        for folder in ("sites", "php"):
-            take_away(folder)
+        for directory in ("sites", "php"):
+            take_away(directory)
 
 
 def served_certificate():
@@ -172,7 +172,7 @@ def test_the_dump_says_of_a_site_what_the_real_server_does(server):
 
     # What is packed: every file that has to do with it, and the links on the way.
     for name in dump.files():
-        unpack(f"{agent.folder}/{name}")
+        unpack(f"{agent.directory}/{name}")
     packed = {os.path.relpath(os.path.join(parent, name), STAGE) for parent, _, names in os.walk(STAGE) for name in names}
     assert os.readlink(f"{STAGE}/home/alice/current") == "releases/2"
     for path in (*(config.text for config in site.iter("config")), tls.get("certificate"), tls.get("key"),

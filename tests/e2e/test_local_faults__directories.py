@@ -185,7 +185,7 @@ def test_service_account_that_is_not_there_leaves_all_to_root(system_log, job):
     outcome = job.run()
     assert (outcome.code, outcome.stdout, outcome.stderr) == (0, b"", b"")
     job.check(outcome)
-    for parent, folders, names in os.walk(SESSION):
-        for name in folders + names:
+    for parent, directories, names in os.walk(SESSION):
+        for name in directories + names:
             assert owner_and_mode(f"{parent}/{name}")[:2] == (0, 0), name
     assert "Unable to find uid for user qrvadm: no such account" in system_log.text()

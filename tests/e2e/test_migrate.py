@@ -50,7 +50,7 @@ def send_through(running, number):
     wait_until(lambda: not int(status_field(child_of(running), "ShdPnd"), 16) & pending, "sondrel to take the signal")
 
 
-def agent_folders(login):
+def agent_directories(login):
     return [name for name in os.listdir(login.home) if name.startswith("sondrel-agent-")]
 
 
@@ -64,7 +64,7 @@ def test_moves_everything_by_each_kind_of_login(source, login):
     outcome = migrate(*in_place(login, "--dump-all"), login=login)
     assert (outcome.code, outcome.stderr) == (0, b""), outcome
     assert archives() == PAGES
-    assert agent_folders(login) == []
+    assert agent_directories(login) == []
     assert State().progress() == progress_of(*["done"] * 5)
     assert Session().read("scout-result.xml") == b"<scout/>"
 
@@ -78,11 +78,11 @@ def test_an_agent_s_name_may_end_as_a_shell_completes_it(source):
 
 def test_says_what_it_does(source):
     lines = migrate(*in_place(ROOT, "--dump-all")).stdout.decode().splitlines()
-    folder = f"{ROOT.home}/{State().agent_folder}"
+    directory = f"{ROOT.home}/{State().agent_directory}"
     began = [line for line in lines if " done in 0:0" not in line]
     assert began == [f"Migration from {HOST}, session {SESSION}", f"scout: asking {HOST} what it is",
-                     f"deploy: copying the agent sample to {folder}", "dump: dumping everything",
-                     f"content: fetching files into {SESSION}/archives", f"remove: removing {folder}",
+                     f"deploy: copying the agent sample to {directory}", "dump: dumping everything",
+                     f"content: fetching files into {SESSION}/archives", f"remove: removing {directory}",
                      f"Finished. Dump: {SESSION}/dump.xml, content: {SESSION}/archives"]
     assert [line.partition(":")[0] for line in lines if " done in 0:0" in line] == STEPS
 
@@ -95,7 +95,7 @@ def test_dumps_what_a_settings_file_selects(source):
     outcome = migrate("--settings=/mnt/settings", f"--session-path={SESSION}", directory="/mnt")
     assert (outcome.code, outcome.stderr) == (0, b""), outcome
     assert set(files_below("/mnt/relative/folder")) == {b"content/domains/a.test/mail/1", b"dump.xml"}
-    assert agent_folders(ROOT) == [State().agent_folder]
+    assert agent_directories(ROOT) == [State().agent_directory]
     assert State().progress() == progress_of(*["done"] * 4)
     shutil.rmtree("/mnt/relative")
 
@@ -128,7 +128,7 @@ def test_goes_on_at_the_step_that_failed(source):
     assert State().progress() == progress_of("done", "done", "done", "failed")
     assert "no list today" in State().steps["content"].text
 
-    write(f"{ROOT.home}/{State().agent_folder}/sample-agent.pl", whole)
+    write(f"{ROOT.home}/{State().agent_directory}/sample-agent.pl", whole)
     before = len(source.lines())
     again = migrate(f"--session-path={SESSION}")
     assert (again.code, again.stderr) == (0, b""), again
@@ -141,9 +141,9 @@ def test_goes_on_at_the_step_that_failed(source):
 def test_says_how_an_agent_that_is_gone_is_copied_again(source):
     """As with a directory in the memory of a host that was restarted."""
     assert migrate(*in_place(ROOT, "--dump-all", "--keep-agent")).code == 0
-    shutil.rmtree(f"{ROOT.home}/{State().agent_folder}")
+    shutil.rmtree(f"{ROOT.home}/{State().agent_directory}")
     outcome = migrate(f"--session-path={SESSION}", "--from=dump")
-    remedy = (f"The agent is no longer in {ROOT.home}/{State().agent_folder} on {HOST}. "
+    remedy = (f"The agent is no longer in {ROOT.home}/{State().agent_directory} on {HOST}. "
               "Run this again with --from=deploy")
     assert outcome.code == 2 and remedy in outcome.stderr.decode().splitlines(), outcome
     assert migrate(f"--session-path={SESSION}", "--from=deploy").code == 0
@@ -303,7 +303,7 @@ def test_the_same_command_goes_on_after_every_interruption(step, cases):
             assert State().progress()[step] == state
             gate.forget()
             again = migrate(*command)
-            assert (again.code, archives(), agent_folders(ROOT)) == (0, PAGES, []), (name, again)
+            assert (again.code, archives(), agent_directories(ROOT)) == (0, PAGES, []), (name, again)
             assert State().progress() == progress_of(*["done"] * 5)
             gate.end()
     cases(len(INTERRUPTIONS))
@@ -318,7 +318,7 @@ def test_status_shows_a_migration_at_work_and_its_end():
         # Half of it was sent; how much of that has come is not known.
         shown = wait_until(lambda: " of 4.0 MB (" in status()["content"] and status(), "progress to show")
         assert shown["host"] == HOST
-        assert shown["agent"] == f"sample in {ROOT.home}/{State().agent_folder}"
+        assert shown["agent"] == f"sample in {ROOT.home}/{State().agent_directory}"
         assert shown["dump"].startswith("done, begun 20") and ", took 0:0" in shown["dump"]
         assert shown["content"].startswith("running, begun 20")
         assert "content/domains/a.test/web/large" in shown["content"]

@@ -42,7 +42,7 @@ def test_waits_for_an_earlier_dump_and_goes_on_with_it(imitated, step, result, e
     assert imitated.all_runs() == [*before, step, "status", step, "status", *STEPS[len(before):], "status"]
     assert outcome.stdout.decode().count(WAITING.format(step)) == 1
     assert imitated.arguments_of_status() == [f"--session-path={SESSION}", "--host=src.example", "--login=sudoer", "--sudo-password",
-                     f"--agent-dir=/home/sudoer/{State().agent_folder}", "--agent-name=linux", "--get-dumping-status"]
+                     f"--agent-dir=/home/sudoer/{State().agent_directory}", "--agent-name=linux", "--get-dumping-status"]
     assert State().progress() == progress_of(*["done"] * 5)
 
 

@@ -11,7 +11,6 @@ from imitated_runs import ALL, KEPT, PLACE, complaint
 from migrating import IMITATION, STEPS, State, progress_of, status
 from world import SESSION, owner_and_mode, read, write
 
-
 # --- the group of session directories --------------------------------------------------------
 
 @pytest.fixture
@@ -180,7 +179,7 @@ def test_a_finished_migration_tells_what_can_be_done_with_the_agent_that_is_kept
     told = (f"The agent stays on src.example, in /root/{{}}, until the migration is final. What has changed since is fetched "
             "with --from=dump; with --from=dump --final for the last time. --final alone removes the agent")
     first = imitated.run(*KEPT).stdout.decode().splitlines()
-    told = told.format(State().agent_folder)
+    told = told.format(State().agent_directory)
     assert told in first
     alone = imitated.run(SESSION)
     assert (alone.code, alone.stdout.decode().splitlines()) == (
@@ -247,7 +246,7 @@ def test_a_removal_that_cannot_be_seen_to_be_done_is_not_done(imitated, code):
 def test_an_agent_that_is_still_there_was_not_removed(imitated):
     imitated.does("status", "echo 'INFO k.log: log'; printf '%s' '<dumping-status version=\"1\"/>'")
     outcome = imitated.run(*ALL)
-    reason = f"/root/{State().agent_folder} is still there on src.example"
+    reason = f"/root/{State().agent_directory} is still there on src.example"
     assert (outcome.code, outcome.stderr.decode().splitlines()[0]) == (2, reason)
     assert State().steps["remove"].text == reason
     # With sudo it says so by its failure that there is nothing any more, and a log says nothing of it.

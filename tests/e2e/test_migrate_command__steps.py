@@ -13,19 +13,18 @@ from migrating import IMITATION, STEPS, ImitatedSondrel, State, progress_of, sta
 from system_faults import Fault, preload  # noqa: F401  a fixture
 from world import SESSION, SUDOER, read, wait_until, write
 
-
 # --- what sondrel is given -------------------------------------------------------------------
 
 def test_runs_the_five_steps_with_what_each_needs(imitated):
     assert imitated.run(*ALL).code == 0
-    agent_dir = f"--agent-dir=/root/{State().agent_folder}"
+    agent_dir = f"--agent-dir=/root/{State().agent_directory}"
     connection = [f"--session-path={SESSION}", "--host=src.example", "--login=root"]
     agent = [*connection, agent_dir, "--agent-name=linux"]
     assert imitated.runs() == STEPS
     assert [imitated.arguments(number) for number in range(5)] == [
         [*connection, "--send-scout"], [*agent, "--deploy-agent"], [*agent, "--dump-all"],
         [*agent, "--get-content"], [*agent, "--remove-agent"]]
-    assert re.fullmatch("sondrel-agent-[0-9a-f]{8}", State().agent_folder)
+    assert re.fullmatch("sondrel-agent-[0-9a-f]{8}", State().agent_directory)
 
 
 HANDED_ON = {
@@ -49,7 +48,7 @@ def test_hands_settings_on(imitated, case):
     given, number, expected = HANDED_ON[case]
     assert imitated.run(*PLACE, *given).code == 0
     common = {f"--session-path={SESSION}", "--host=src.example", "--login=root", "--agent-name=linux",
-              f"--agent-dir=/root/{State().agent_folder}"}
+              f"--agent-dir=/root/{State().agent_directory}"}
     assert [word for word in imitated.arguments(number) if word not in common] == expected
 
 
@@ -116,13 +115,13 @@ def test_wipes_the_passwords_from_its_own_environment(imitated):
 def test_takes_the_sondrel_in_path_where_none_is_beside_it():
     imitated = ImitatedSondrel(beside=False)
     assert complaint(imitated.run(*ALL)) == "sondrel is neither beside this program nor in PATH"
-    assert imitated.run(*ALL, environment={"PATH": f":/nonexistent:{imitated.folder}:/usr/bin:/bin"}).code == 0
+    assert imitated.run(*ALL, environment={"PATH": f":/nonexistent:{imitated.directory}:/usr/bin:/bin"}).code == 0
     assert imitated.runs() == STEPS
 
 
 def test_does_not_take_the_sondrel_of_the_present_folder():
     imitated = ImitatedSondrel(beside=False)
-    outcome = imitated.run(*ALL, environment={"PATH": ":/usr/bin:/bin:"}, directory=imitated.folder)
+    outcome = imitated.run(*ALL, environment={"PATH": ":/usr/bin:/bin:"}, directory=imitated.directory)
     assert complaint(outcome) == "sondrel is neither beside this program nor in PATH"
 
 
@@ -148,14 +147,14 @@ def test_a_signal_that_ended_sondrel_is_128_more(imitated):
 
 
 def test_a_sondrel_that_cannot_be_started_is_127(imitated):
-    write(f"{imitated.folder}/sondrel", b"\x7fELF", mode=0o755)
+    write(f"{imitated.directory}/sondrel", b"\x7fELF", mode=0o755)
     write(f"{SESSION}/migration.result",
           "<execution-result><message><description>failed</description><message><description>of another run"
           "</description></message></message></execution-result>")
     outcome = imitated.run(*ALL)
     assert outcome.code == 127
     assert outcome.stderr.decode().splitlines() == [
-        f"{imitated.folder}/sondrel: Exec format error",
+        f"{imitated.directory}/sondrel: Exec format error",
         f"scout: failed with exit code 127; {SESSION}/migration.log tells more. Run this again to go on"]
     assert State().progress() == progress_of("failed") and State().steps["scout"].text is None
 

@@ -114,6 +114,6 @@ def complaint(outcome):
 def test_refuses_what_cannot_be_restored_before_anything_is_begun(imitated):
     assert "exclude each other" in complaint(imitated.run(*ALL, "--restore", "--no-content"))
     assert "give both" in complaint(imitated.run(*ALL, "--restore-install"))
-    os.unlink(f"{imitated.folder}/sondrel-restore")
+    os.unlink(f"{imitated.directory}/sondrel-restore")
     assert "install the package sondrel-restore" in complaint(imitated.run(*ALL, "--restore"))
     assert imitated.runs() == []

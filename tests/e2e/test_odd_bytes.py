@@ -27,10 +27,10 @@ def test_result_log_can_be_read_whatever_a_command_printed(source, first):
 
 
 def test_result_log_names_a_file_in_a_folder_of_odd_name(source):
-    folder = os.fsdecode(b"/mnt/home/root/odd\1\xff\xc3\xa4")
+    directory = os.fsdecode(b"/mnt/home/root/odd\1\xff\xc3\xa4")
     offered(ROOT, ("file", None))
-    os.rename(ROOT.agent_dir, folder)
-    outcome = Destination(agent_dir=folder).run("get-content")
+    os.rename(ROOT.agent_dir, directory)
+    outcome = Destination(agent_dir=directory).run("get-content")
     assert outcome.code == 2
     (_, _, _, ((code, _, text, _),)), = Session().messages("transfer.result")
     assert code == "CantRetrieveContentFile"

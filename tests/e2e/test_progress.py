@@ -11,7 +11,7 @@ import pytest
 
 from content import content_list, offered
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
-from gates import FOLDER, Gate, gated_host, offered_behind_gates, run_to
+from gates import DIRECTORY, Gate, gated_host, offered_behind_gates, run_to
 from migrating import MIGRATE, in_place, sample_source
 from relay import Relay, throttle
 from source_host import SourceHost, as_root, deployed_agent, install_agent
@@ -43,7 +43,7 @@ def drawings(shown):
 def gated():
     with gated_host() as host:
         yield host
-    shutil.rmtree(FOLDER, ignore_errors=True)
+    shutil.rmtree(DIRECTORY, ignore_errors=True)
 
 
 @contextlib.contextmanager
@@ -298,8 +298,8 @@ def test_error_output_that_is_no_terminal_has_none(gated):
 
 def asked_and_left(run, actions):
     """What the source host was asked, and what the session holds, after these actions by run()."""
-    for folder in (SESSION, RECORDS):
-        shutil.rmtree(folder, ignore_errors=True)
+    for directory in (SESSION, RECORDS):
+        shutil.rmtree(directory, ignore_errors=True)
     os.makedirs(RECORDS)
     os.chmod(RECORDS, 0o1777)
     deployed_agent(ROOT, 'cd "${0%/*}"\ncase "$*" in\n'

@@ -41,8 +41,8 @@ def as_shipped():
 def written():
     """All files of the private world that the tool, its callers and its source host have written."""
     for top in ("/mnt", "/run", "/var/log", "/etc", "/dev"):
-        for parent, folders, names in os.walk(top):
-            folders[:] = [name for name in folders if name not in ("etc.orig", "dev.orig")]
+        for parent, directories, names in os.walk(top):
+            directories[:] = [name for name in directories if name not in ("etc.orig", "dev.orig")]
             for name in names:
                 path = os.path.join(parent, name)
                 # The input of a remote command is where the passwords belong.
@@ -154,8 +154,8 @@ def test_killed_run_leaves_no_password_and_no_core(source, login, cases):
             ended = os.waitid(os.P_PID, running.pid, os.WEXITED | os.WNOWAIT)
         assert (ended.si_code, ended.si_status) == (os.CLD_KILLED, number)  # and not CLD_DUMPED
         assert running.finish().code == -number
-        for folder in (WORK, Session().path):
-            assert [name for name in os.listdir(folder) if name.startswith("core")] == []
+        for directory in (WORK, Session().path):
+            assert [name for name in os.listdir(directory) if name.startswith("core")] == []
         check_nothing_told(login.password, login.sudo_password)
     assert source.lines()
 
@@ -240,12 +240,12 @@ def own_passwords():
 @pytest.fixture
 def watchful_host():
     """Every program of the source host looks at all processes before it does what it is for."""
-    folder = "/mnt/watchful"
+    directory = "/mnt/watchful"
     for name in ("cat", "rm", "mkdir", "chown", "perl", "sh", "true"):
-        write(f"{folder}/{name}", f'#!/bin/sh\nPATH=/usr/bin:/bin\n{LOOK}\nexec /usr/bin/{name} "$@"\n', mode=0o755)
+        write(f"{directory}/{name}", f'#!/bin/sh\nPATH=/usr/bin:/bin\n{LOOK}\nexec /usr/bin/{name} "$@"\n', mode=0o755)
     kept = read("/etc/sudoers")
-    write("/etc/sudoers", kept + f"Defaults secure_path={folder}:/usr/bin:/bin\n".encode(), mode=0o440)
-    with SourceHost(options=[f"SetEnv PATH={folder}:/usr/bin:/bin"]) as source:
+    write("/etc/sudoers", kept + f"Defaults secure_path={directory}:/usr/bin:/bin\n".encode(), mode=0o440)
+    with SourceHost(options=[f"SetEnv PATH={directory}:/usr/bin:/bin"]) as source:
         yield source
     write("/etc/sudoers", kept, mode=0o440)
 

@@ -57,8 +57,8 @@ def test_no_file_of_a_session_holds_a_password(source):
     for action in ("send-scout", "deploy-agent", "dump-all", "get-dumping-status", "get-content", "remove-agent"):
         destination.run(action, "--verbose")
     assert len(os.listdir(RUNS)) == 6 * 4
-    for folder in (Session().path, RUNS):
-        for parent, _, names in os.walk(folder):
+    for directory in (Session().path, RUNS):
+        for parent, _, names in os.walk(directory):
             for name in names:
                 for secret in SECRETS:
                     assert secret not in read(f"{parent}/{name}"), name

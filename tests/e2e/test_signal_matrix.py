@@ -259,11 +259,11 @@ def test_killed_content_run_is_completed_by_the_next(host, content_verify, cases
 
 def holds_open(running, path):
     """True while the run has the file open."""
-    folder = f"/proc/{running.pid}/fd"
+    directory = f"/proc/{running.pid}/fd"
     try:
-        return any(os.readlink(f"{folder}/{name}") == path for name in os.listdir(folder))
+        return any(os.readlink(f"{directory}/{name}") == path for name in os.listdir(directory))
     except FileNotFoundError:
-        return False  # one was closed since the folder was listed
+        return False  # one was closed since the directory was listed
 
 
 # A gibibyte of zero bytes takes a second and more to sum up, and no room as a file that is a single hole.

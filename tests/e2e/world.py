@@ -25,8 +25,8 @@ AGENTS = f"{DTM}/agents"
 SESSION = "/mnt/session"
 SOURCE_TREE = "/mnt/source"
 SELECTED = "/mnt/selected.xml"
-SHELL_FOLDER = "/mnt/shell"
-RECORDS = f"{SHELL_FOLDER}/records"
+SHELL_DIRECTORY = "/mnt/shell"
+RECORDS = f"{SHELL_DIRECTORY}/records"
 LOGS = "/mnt/logs"
 RUNS = "/mnt/runs"
 HOST = "127.0.0.1"
@@ -109,7 +109,7 @@ def processes():
             if os.readlink(f"/proc/{name}/ns/mnt") == here:
                 yield int(name), read(f"/proc/{name}/cmdline")
         except (FileNotFoundError, ProcessLookupError, PermissionError):
-            pass  # it has ended since the folder was listed, or is one that not even root may look into
+            pass  # it has ended since the directory was listed, or is one that not even root may look into
 
 
 def process_running(*arguments):
@@ -127,7 +127,7 @@ def processor_ticks(pid):
 # --- files -----------------------------------------------------------------------------------
 
 def write(path, content=b"", mode=0o644, owner=None):
-    """Makes the file, and the folders above it, and returns its path."""
+    """Makes the file, and the directories above it, and returns its path."""
     os.makedirs(os.path.dirname(path), exist_ok=True)
     with open(path, "wb") as out:
         out.write(os.fsencode(content))
@@ -159,9 +159,9 @@ def owner_and_mode(path):
     return status.st_uid, status.st_gid, status.st_mode & 0o7777
 
 
-def files_below(folder):
-    """{path relative to the folder, as bytes: content}"""
-    top = os.fsencode(folder)
+def files_below(directory):
+    """{path relative to the directory, as bytes: content}"""
+    top = os.fsencode(directory)
     return {os.path.relpath(os.path.join(parent, name), top): read(os.path.join(parent, name))
             for parent, _, names in os.walk(top) for name in names}
 
