@@ -19,14 +19,14 @@
 
 namespace {
 
-log4cpp::Category& jumpLog = log4cpp::Category::getInstance("k.JumpWay");
+log4cpp::Category& jumpLog = log4cpp::Category::getInstance("k.JumpConnection");
 
-/// What ssh may take to end when it has closed the way.
+/// How long ssh may take to end after it has closed the connection.
 constexpr int END_LIMIT_MS = 5000;
 constexpr std::size_t LONGEST_ERROR = 4096;
 
-/// Without questions, for nobody is there to answer them; and with a sign of life now and then, by
-/// which a jump host that is gone without a word is noticed after two minutes.
+/// In batch mode, because no person is there to answer questions. The keep-alive messages detect a
+/// jump host that has vanished, after two minutes.
 ArgList commandOf(const JumpHost& jump, const std::string& host, std::uint16_t port) {
   const bool hasColons = host.find(':') != std::string::npos;
   ArgList line = {
@@ -39,7 +39,7 @@ ArgList commandOf(const JumpHost& jump, const std::string& host, std::uint16_t p
   return line;
 }
 
-/// False when the child is still at work after the time.
+/// False when the child still runs after END_LIMIT_MS.
 bool awaitEnd(pid_t child) {
   const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
   if (!process) throwSystemError("pidfd_open", errno);
@@ -87,7 +87,7 @@ JumpConnection::~JumpConnection() {
 
 std::string JumpConnection::failure() {
   if (child_ >= 0) {
-    // While the other side is there, what is wrong is not the way.
+    // As long as the child keeps its socket open, the connection is not what failed.
     char byte;
     const ssize_t peeked = recv(ours_.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     const bool isThere = peeked > 0 || (peeked < 0 && (errno == EAGAIN || errno == EINTR));

@@ -8,12 +8,13 @@
 #include "commons/jump_host.h"
 #include "commons/unique_fd.h"
 
-/// A connection to a port of another host that leads through a jump host: by the `ssh` of this
-/// host, which is a child of this process and carries the bytes by a pair of sockets, so that
-/// nobody else can use the way. Whom it reaches it does not judge: that is for who speaks by it.
+/// A connection through a jump host to a port of another host. It runs `ssh -W` of this host as a
+/// child, which carries the bytes over a pair of sockets: no other process can use the connection.
+/// The host key of the host behind the jump host is not checked here; the caller's SSH session
+/// does.
 ///
-/// The child asks nothing. How it logs in there, and which host keys it takes, is what the
-/// configuration of ssh says for the account of this process.
+/// The child never asks questions. Its login and the host keys that it accepts are those of ssh's
+/// configuration for the account of this process.
 class JumpConnection {
  public:
   /// Throws SystemError when there can be no child.
@@ -24,15 +25,15 @@ class JumpConnection {
   JumpConnection& operator=(const JumpConnection&) = delete;
 
   int descriptor() const { return ours_.get(); }
-  /// To be asked when nobody has answered on the other side: why there is no way, in the words of
-  /// ssh; empty when there is one. Waits for a child that is about to end.
+  /// For a caller that got no answer: why there is no connection, in the words of ssh; empty when
+  /// there is one. Waits for a child that is about to end.
   std::string failure();
 
  private:
   UniqueFd ours_;
-  /// What the child says on its standard error.
+  /// The standard error of the child.
   UniqueFd errors_;
   pid_t child_ = -1;
-  /// Of the child, once it has ended.
+  /// The exit status of the child, once it has ended.
   int status_ = 0;
 };

@@ -73,7 +73,7 @@ bool matchesHash(const std::string& hashed, const std::string& name) {
 }
 
 /// '*' stands for anything, '?' for one character. Not fnmatch: brackets are a part of the
-/// names here. Takes no longer than both lengths multiplied, whatever the pattern.
+/// names here. The time is bounded by the product of both lengths, for any pattern.
 bool matchesPattern(const std::string& pattern, const std::string& name) {
   std::size_t p = 0;
   std::size_t n = 0;
@@ -113,7 +113,7 @@ bool matchesList(const std::string& list, const std::string& name) {
 
 /// The whole file; nothing when it is not there.
 std::optional<std::string> readWhole(const std::string& path) {
-  // Without waiting: whoever put a pipe there would hold the run for ever.
+  // O_NONBLOCK: opening a FIFO must not hang the run.
   const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) {
     if (errno == ENOENT) return std::nullopt;
@@ -161,7 +161,7 @@ void appendDurably(int file, const std::string& path, const std::string& text, b
   if (out && fsync(file) == 0) return;
   const int error = buffer.error() ? buffer.error() : errno;
   if (!locked || ftruncate(file, before.st_size) != 0) {
-    // The half line names this server and no key of it: it lets no server in.
+    // The unfinished line has the name of the server and no whole key, so it accepts no server.
     sshLog.warn("Unable to take an unfinished line out of " + path);
   }
   throwSystemError(path, error);

@@ -10,8 +10,8 @@ class HostKey {
   /// `blob` is what the server presents.
   explicit HostKey(const std::string& blob);
 
-  /// The kind of key as the protocol names it, "ssh-ed25519". It is the server's word:
-  /// anything may be in it.
+  /// The kind of key as the protocol names it, "ssh-ed25519". The server chooses this text: it may
+  /// contain anything.
   const std::string& type() const { return type_; }
   /// The blob in base64, which is how files of known hosts have it.
   const std::string& text() const { return text_; }
@@ -24,22 +24,22 @@ class HostKey {
   std::string fingerprint_;
 };
 
-/// What a file in the format of OpenSSH's known_hosts says of one server. Names may be
-/// lists, patterns or hashes, and [host]:port; certificate authorities are told to the log
-/// and left out.
+/// The keys of one server in a file in the format of OpenSSH's known_hosts. Names may be lists,
+/// patterns or hashes, and [host]:port. Certificate authorities are ignored, with a line in the
+/// log.
 class KnownHosts {
  public:
   enum Verdict {
     KNOWN,
-    /// The file does not speak of the server.
+    /// The file has no line for the server.
     UNKNOWN,
-    /// It speaks of the server, and not of this key.
+    /// It has lines for the server, none of them with this key.
     CHANGED,
-    /// It says that this key is not to be trusted any more.
+    /// It marks this key as revoked.
     REVOKED
   };
 
-  /// Reads the file; one that is not there says nothing. Throws std::runtime_error.
+  /// Reads the file; a missing one counts as empty. Throws std::runtime_error.
   KnownHosts(const std::string& path, const std::string& host, std::uint16_t port);
 
   Verdict judge(const HostKey& key) const;
@@ -58,8 +58,8 @@ class KnownHosts {
   void readLine(const std::string& line, int number);
 
   std::string path_;
-  /// The names under which the file may have the server: the first one is the server's
-  /// alone, the second, if there is one, stands for the host whatever the port.
+  /// The names under which the file may list the server: first the one with the port, then, if the
+  /// port is not the usual one, the host's name for any port.
   std::vector<std::string> names_;
   std::vector<Entry> own_;
   std::vector<Entry> anyPort_;

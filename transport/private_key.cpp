@@ -17,8 +17,8 @@ namespace {
 /// Much more than the longest key.
 constexpr std::size_t LARGEST_FILE_BYTES = 64 << 10;
 
-/// Takes apart what the format of OpenSSH says before the private part. Numbers are of four
-/// bytes, the highest first; a string is its length and its bytes.
+/// Parses the fields of the OpenSSH format in front of the private part. Numbers are four bytes,
+/// big-endian; a string is its length and its bytes.
 class Reader {
  public:
   explicit Reader(std::string_view bytes) : rest_(bytes) {}
@@ -48,7 +48,7 @@ class Reader {
 std::string typeOfPem(std::string_view label) {
   if (label == "RSA ") return "ssh-rsa";
   if (label == "DSA ") return "ssh-dss";
-  // Which curve, and what kind of key there is in PKCS #8, is said inside.
+  // The curve, and the kind of a key in PKCS #8, are inside of the encrypted part.
   return "";
 }
 
@@ -110,7 +110,7 @@ void PrivateKey::inspect() {
   isEncrypted_ = label == "ENCRYPTED " || text_.find("Proc-Type: 4,ENCRYPTED") != std::string::npos;
 }
 
-/// The kind of the key stands before the private part, in the public one.
+/// The kind of the key is part of the public key, which comes before the private part.
 void PrivateKey::inspectOpenSsh(std::size_t start) {
   constexpr std::size_t MAGIC_BYTES = 15;
   // A multiple of four, and enough for all names before the private part.

@@ -23,8 +23,8 @@ class IdentityError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// A file with a private key in the format of OpenSSH or in PEM, as it is: not deciphered.
-/// What it holds is wiped from memory when the object goes.
+/// A file with a private key in the format of OpenSSH or in PEM. It is not deciphered here.
+/// The destructor wipes its content from memory.
 class PrivateKey {
  public:
   /// Reads the file. Throws IdentityError for one that cannot be read, that others than its

@@ -40,10 +40,10 @@ void setOption(int fd, int level, int name, int value) {
 }
 
 void tuneConnection(int fd) {
-  // The protocol is made of small packets that are answered one by one; held back
-  // by Nagle's algorithm each command would take 40 ms longer.
+  // The protocol sends small packets and waits for the answer to each. With Nagle's algorithm each
+  // command would take 40 ms longer.
   setOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
-  // A peer that vanished without a word would never be noticed: after login this
+  // A peer that vanished without closing would never be noticed: after login this
   // program has no time limits of its own. First probe after 60 s of silence, four
   // probes 15 s apart; unacknowledged data may be 120 s old.
   setOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);

@@ -23,7 +23,7 @@ DECLARE_ERROR_TAG(
     "Unable to connect to host %1%: you have specified incorrect username or password");
 DECLARE_ERROR_TAG(SshIdentityRejected, "Unable to connect to host %1%: %2%");
 /// Kinds of failure that some transports can tell apart. This one reports both by
-/// the exit status of the command; who runs commands is prepared for them.
+/// the exit status of the command; callers handle both.
 DECLARE_ERROR_TAG(SshCommandNotFound, "Command was not found on the remote host");
 DECLARE_ERROR_TAG(SshUnknown, "Unknown SSH error");
 
@@ -42,8 +42,8 @@ class ProgressObserver {
   virtual void tick() = 0;
 };
 
-/// The standard output of a remote command that is at work, taken part by part by the one who
-/// reads it. When it goes before its end, the command loses its output.
+/// The standard output of a running remote command, for a caller that reads it part by part. When
+/// it is destroyed early, the rest of the output is lost.
 class RemoteOutput {
  public:
   RemoteOutput() = default;
@@ -129,7 +129,7 @@ class Ssh {
   /// Not owned; null for none.
   void setProgressObserver(ProgressObserver* observer) { observer_ = observer; }
 
-  /// Shows life to the server, and the observer, during long local work.
+  /// Sends a keep-alive message and a tick to the observer, during long local work.
   void keepAlive();
 
  private:
@@ -142,13 +142,13 @@ class Ssh {
              const PrivateKey* key);
   int put(std::istream& in, const std::string& remotePath, std::string& errorText);
   int upload(std::istream& in, const std::string& command, std::string& errorText);
-  /// Waits for it a while, after the alarm and the observer had their turn.
+  /// Handles the alarm and the observer, then waits for a while.
   void waitForOutput(libssh2pp::Channel& channel);
 
   class BatchOutput;
 
   std::optional<JumpHost> jump_;
-  /// One of both carries the session.
+  /// One of the two carries the session.
   std::unique_ptr<Socket> socket_;
   std::unique_ptr<JumpConnection> jumpConnection_;
   std::unique_ptr<libssh2pp::Session> session_;

@@ -55,8 +55,8 @@ Session::Session(int socket, bool disableEncryption, bool compatibility,
   connection().callbackData().ciphers.clear();
 }
 
-/// A server may list others when keys are exchanged again: of a pair that does not go together it
-/// would then make the library end the process.
+/// A server may list other ciphers in a later key exchange. If the exchange then chose AES-GCM for
+/// one direction only, the library would abort the process.
 void Session::keepCiphers() {
   for (const int kind : {LIBSSH2_METHOD_CRYPT_CS, LIBSSH2_METHOD_CRYPT_SC}) {
     const char* const cipher = libssh2_session_methods(get(), kind);
@@ -77,9 +77,9 @@ void Session::preferHostKeys(const std::vector<std::string>& types) {
   libssh2_session_method_pref(get(), LIBSSH2_METHOD_HOSTKEY, boost::join(algorithms, ",").c_str());
 }
 
-/// That library begins its own order with one that is slow everywhere. One that authenticates by
-/// itself needs no sum of each packet besides. Both ways alike: of one that does and one that does
-/// not the library makes no pair.
+/// The library's own order begins with a slow cipher. AES-GCM authenticates each packet itself and
+/// needs no MAC besides. The order is the same for both directions, because the library cannot use
+/// AES-GCM for one direction only.
 void Session::preferCiphers(Ciphers wanted) {
   std::vector<std::string> algorithms = supportedAlgorithms(LIBSSH2_METHOD_CRYPT_CS);
   const auto isCounterMode = [](const std::string& name) { return boost::ends_with(name, "-ctr"); };
@@ -94,7 +94,7 @@ void Session::preferCiphers(Ciphers wanted) {
   if (wanted == FASTEST_FIRST) connection().callbackData().ciphers = std::move(algorithms);
 }
 
-/// Those of the library, of a kind of method; empty when it does not tell them.
+/// The algorithms of the library for a kind of method; empty when it cannot list them.
 std::vector<std::string> Session::supportedAlgorithms(int kind) const {
   const char** supported = nullptr;
   const int count = libssh2_session_supported_algs(get(), kind, &supported);
