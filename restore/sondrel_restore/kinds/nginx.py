@@ -13,12 +13,15 @@ from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Missing, RestoreError
 from sondrel_restore.packages import is_as_packaged
 from sondrel_restore.restore import Restore
-from sondrel_restore.web import nginx_rules, site_kind
+from sondrel_restore.web import site_kind
 from sondrel_restore.web.config_kind import Candidate
 from sondrel_restore.web.directives import Directive, for_nginx, to_bytes
 from sondrel_restore.web.judge import file_name
+from sondrel_restore.web.nginx_arguments import NginxArguments
 from sondrel_restore.web.nginx_here import BUCKET_SIZE, NginxHere, normal_listen, read_here
-from sondrel_restore.web.nginx_rules import Names, NginxRules
+from sondrel_restore.web.nginx_listen import ports_of
+from sondrel_restore.web.nginx_names import Names
+from sondrel_restore.web.nginx_rules import NginxRules
 from sondrel_restore.web.ports_here import NGINX_DEFAULT, PortsHere, overlap, port_of
 from sondrel_restore.web.service import reload_service, running
 from sondrel_restore.web.site_data import Block, Site
@@ -72,12 +75,13 @@ class Nginx(site_kind.SiteKind):
         judge = self.judge(restore, site)
         uses = list(dict.fromkeys(use for block in blocks for use in block.uses))
         names = self._new_names(uses)
-        rules = NginxRules(
+        arguments = NginxArguments(
             judge, upstreams=frozenset(use.args[0] for use in uses if use.name == "upstream" and use.args),
             log_formats=frozenset(use.args[0] for use in uses if use.name == "log_format" and use.args) | {"combined"},
             zones=frozenset(_zones(uses)), addresses=self.addresses,
             has_default=lambda address: self._claimed(address, site.domain.name, {path, link}), names=names,
-            has_http2_directive=self._release >= (1, 25, 1), definitions=tuple(uses))
+            definitions=tuple(uses))
+        rules = NginxRules(arguments, has_http2_directive=self._release >= (1, 25, 1))
         try:
             servers = [rules.server(block.directive, _inherited(block)) for block in blocks
                        if block.directive is not None]
@@ -100,7 +104,7 @@ class Nginx(site_kind.SiteKind):
         """What a plan says of them."""
         if NGINX_DEFAULT in disables:
             return f"; {NGINX_DEFAULT} is switched off: Apache has its port"
-        later = self.ports_here.would_be_taken(nginx_rules.ports_of(servers))
+        later = self.ports_here.would_be_taken(ports_of(servers))
         return f"; {later}" if later else ""
 
     def _claimed(self, address: str, site: str, own: set[str]) -> bool:
@@ -117,7 +121,7 @@ class Nginx(site_kind.SiteKind):
                 file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
         taken = self.taken_address(_listens(servers), self._here.listens, own)
         why = taken or _shared_with_apache(restore, servers) or self.ports_here.why_taken(
-            nginx_rules.ports_of(servers)) or self._why_not_started(restore)
+            ports_of(servers)) or self._why_not_started(restore)
         return why, self._default_in_the_way(restore)
 
     def _why_not_started(self, restore: Restore) -> str:

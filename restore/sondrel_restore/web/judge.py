@@ -231,6 +231,14 @@ def normal_address(address: str) -> str:
     return re.sub(r"\A(?:localhost|\[::1?\]|\*|0\.0\.0\.0)?:", "127.0.0.1:", address)
 
 
+def is_loopback(host: str) -> bool:
+    """Whether only programs of this host reach what listens at this address or name."""
+    try:
+        return ipaddress.ip_address(host.strip("[]")).is_loopback
+    except ValueError:
+        return host == "localhost"
+
+
 def addresses_here(host: str) -> list[str]:
     """The addresses of a name that /etc/hosts has; none where it has none.
 
