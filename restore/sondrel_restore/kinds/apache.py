@@ -12,8 +12,9 @@ from collections.abc import Iterable, Iterator
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Item, Missing, RestoreError
 from sondrel_restore.restore import Restore
-from sondrel_restore.web import apache_rules, site_kind
-from sondrel_restore.web.apache_rules import ApacheRules
+from sondrel_restore.web import site_kind
+from sondrel_restore.web.apache_arguments import ApacheArguments
+from sondrel_restore.web.apache_rules import ApacheRules, roots_of
 from sondrel_restore.web.config_kind import Candidate
 from sondrel_restore.web.directives import Directive, apache_rest, for_apache, to_bytes
 from sondrel_restore.web.apache_ports import leave_ports, take_ports_back
@@ -92,11 +93,11 @@ class Apache(site_kind.SiteKind):
         try:
             for block in blocks:
                 if block.directive is not None:
-                    rules = ApacheRules(
-                        judge, roots=apache_rules.roots_of(judge, block.directive), addresses=self.addresses,
-                        balancers=frozenset(use.args[0].partition("//")[2] for use in block.uses
-                                            if use.name == "proxy" and use.args), has_php=bool(_php_modules()),
-                        php=_php_of(site))
+                    arguments = ApacheArguments(
+                        judge, balancers=frozenset(use.args[0].partition("//")[2] for use in block.uses
+                                                   if use.name == "proxy" and use.args), has_php=bool(_php_modules()))
+                    rules = ApacheRules(arguments, roots=roots_of(judge, block.directive), addresses=self.addresses,
+                                        php=_php_of(site))
                     hosts.append(rules.virtual_host(block.directive, block.uses))
             text = for_apache(hosts)
             shown = "".join(_shown(left.directive) for left in judge.left_out)

@@ -1,6 +1,6 @@
 """Which directives of nginx go into this host's configuration, by what is checked of them.
 
-What is not named here is left out. docs/restore.md has the list for administrators.
+What is not named here or in nginx_arguments is left out. docs/restore.md has the list for administrators.
 """
 from __future__ import annotations
 
