@@ -29,6 +29,7 @@ _OPTIONS = "-c search_path=pg_catalog -c standard_conforming_strings=on -c defau
 
 OF_SERVER = re.compile(r"(?:|pg_.*|public|none|postgres|current_user|current_role|session_user|" + LOADER + ".*)",
                        re.I | re.S)
+_LONGEST_NAME = 63  # bytes
 OWN = "n.nspname !~ '^pg_' AND n.nspname <> 'information_schema'"
 # Not what an extension has brought.
 _NO_EXTENSION = "NOT EXISTS (SELECT 1 FROM pg_depend d WHERE d.objid = c.oid AND d.deptype = 'e'" \
@@ -47,6 +48,12 @@ def identifier(name: str) -> str:
 def literal(text: str) -> str:
     """A text in quotes."""
     return "E'" + text.replace("\\", "\\\\").replace("'", "''") + "'"
+
+
+def is_allowed(name: str) -> bool:
+    """Whether a database or role of this name can be made here."""
+    return (OF_SERVER.fullmatch(name) is None and len(name.encode("utf-8", "surrogateescape")) <= _LONGEST_NAME
+            and not re.search(r"[\x00-\x1f\x7f]", name))
 
 
 class PostgreSqlServer:
