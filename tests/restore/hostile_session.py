@@ -8,7 +8,7 @@ from xml.sax.saxutils import quoteattr
 import test_apache_sites
 import test_files
 import test_hostile_databases
-import test_mail
+import test_hostile_mail
 import test_nginx_sites
 import test_pools
 from lxml import etree
@@ -321,7 +321,7 @@ def _mail(session):
     session.add_account("post", 30050)
     session.add('<domain name="a.mail.test"><name>a.test</name><name>new.test</name></domain>', client)
     domain = client[-1]
-    for number, (source, target) in enumerate(test_mail.HOSTILE_ALIASES):
+    for number, (source, target) in enumerate(test_hostile_mail.HOSTILE_ALIASES):
         alias = etree.SubElement(domain, "alias", {"from": source.replace("\n", " "), "file": "/etc/postfix/virtual"})
         alias.text = target
         if source != "root@new.test":

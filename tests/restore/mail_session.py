@@ -1,8 +1,11 @@
 """Sessions with mail and jobs, for the tests of these kinds."""
+import contextlib
 import hashlib
 import io
 import os
+import shutil
 import tarfile
+from pathlib import Path
 from xml.sax.saxutils import quoteattr
 
 from destination import own_etc
@@ -13,6 +16,9 @@ from sondrel_restore.selection import Decisions, Selection
 from sondrel_restore.session import Session
 
 ALICE, BOB, VMAIL = 30001, 30002, 30050
+BOX = "/var/mail/vhosts/a.test/info"
+MESSAGE = b"From: a@x.test\r\nTo: info@a.test\r\nSubject: hello\r\n\r\nThe text.\r\n"
+MAIN_CF = "compatibility_level = 3.6\nmyhostname = new.test\nmydestination = $myhostname, localhost\n"
 
 
 def make_world():
@@ -30,6 +36,23 @@ def make_world():
                 file.write(line + "\n")
         os.mkdir(f"/home/{name}", 0o711)
         os.chown(f"/home/{name}", uid, uid)
+
+
+@contextlib.contextmanager
+def mail_world():
+    """Mail servers as they are installed, without mail."""
+    make_world()
+    Path("/etc/postfix/main.cf").write_text(MAIN_CF, encoding="ascii")
+    yield
+    for place in ("/var/mail", "/var/lib/sondrel-restore", "/home/alice/Maildir", "/home/bob/Maildir"):
+        for path in [Path(place)] if place != "/var/mail" else list(Path(place).iterdir()):
+            if path.is_dir() and not path.is_symlink():
+                shutil.rmtree(path)
+            elif path.exists() or path.is_symlink():
+                path.unlink()
+    for directory in ("/etc/postfix", "/etc/dovecot", "/etc/dovecot/conf.d"):
+        for path in Path(directory).glob("*sondrel*"):
+            path.unlink()
 
 
 def archive(files, owner="alice", uid=ALICE):
@@ -100,6 +123,20 @@ class Fetched:
             f'{server}<accounts>{accounts}</accounts><client name="{client}" uid="{ALICE}" gid="{ALICE}" group="alice" '
             f'home="/home/alice" system="{system}" whole="yes">{"".join(self.client)}{domains}</client><problems/>'
             '</dump>\n', encoding="utf-8")
+
+
+def maildir(path, **messages):
+    """The members of a Maildir."""
+    return {path: None, **{f"{path}/{name}": None for name in ("cur", "new", "tmp")},
+            **{f"{path}/{name.replace('__', '/')}": content for name, content in messages.items()}}
+
+
+def fetched_with(tmp_path, messages=None, path=BOX, address="info@a.test", **more):
+    """A session with a mailbox of a.test."""
+    fetched = Fetched(tmp_path)
+    fetched.mailbox(address, path, maildir(path, **(messages or {"new__1.host": MESSAGE})), **more)
+    fetched.write()
+    return fetched
 
 
 class Run:

@@ -8,10 +8,9 @@ import pytest
 import server_dumps
 from destination import own_etc, snapshot
 from lxml import etree
-from mail_session import archive
+from mail_session import MAIN_CF, MESSAGE, archive, maildir
 from test_faults import killed_at
 from test_files import directory, file
-from test_mail import MAIN_CF, MESSAGE, maildir
 from test_pools import VERSION
 from test_sites_answer import CONFIGURATION, PHP
 from made_session import made_of

@@ -12,9 +12,9 @@ import server_dumps
 import world
 from destination import own_etc, snapshot
 from hostile_session import add_attacks
+from mail_session import MAIN_CF
 from test_hostile_databases import (MYSQL, MYSQL_ATTACKS, POSTGRESQL, POSTGRESQL_ATTACKS, prepare_folder,
                                     state_of_mysql, state_of_postgresql)
-from test_mail import MAIN_CF
 from test_pools import VERSION
 from web_world import ended
 
