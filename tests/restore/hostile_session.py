@@ -7,8 +7,9 @@ from xml.sax.saxutils import quoteattr
 
 import test_apache_sites
 import test_files
-import test_hostile_databases
 import test_hostile_mail
+import test_hostile_mysql
+import test_hostile_postgresql
 import test_nginx_sites
 import test_pools
 from lxml import etree
@@ -389,8 +390,8 @@ def _read(path):
 
 def statements():
     """What of the statements in the dumps are attacks: the others are there to see that SQL was read to the end."""
-    for kind, text in (("mysql", test_hostile_databases.MYSQL_ATTACKS),
-                       ("postgresql", test_hostile_databases.POSTGRESQL_ATTACKS)):
+    for kind, text in (("mysql", test_hostile_mysql.MYSQL_ATTACKS),
+                       ("postgresql", test_hostile_postgresql.POSTGRESQL_ATTACKS)):
         for line in text.strip().splitlines():
             if line and "reached" not in line and line not in (";", ";;", "7", r"\.") and not line.startswith("    "):
                 yield f"{kind}: {line}"

@@ -11,10 +11,11 @@ import pytest
 import server_dumps
 import world
 from destination import own_etc, snapshot
+from hostile_databases import prepare_folder
 from hostile_session import add_attacks
 from mail_session import MAIN_CF
-from test_hostile_databases import (MYSQL, MYSQL_ATTACKS, POSTGRESQL, POSTGRESQL_ATTACKS, prepare_folder,
-                                    state_of_mysql, state_of_postgresql)
+from test_hostile_mysql import MYSQL, MYSQL_ATTACKS, state_of_mysql
+from test_hostile_postgresql import POSTGRESQL, POSTGRESQL_ATTACKS, state_of_postgresql
 from test_pools import VERSION
 from web_world import ended
 
