@@ -6,13 +6,14 @@ import socket
 import subprocess
 from pathlib import Path
 
-import hostile_session
 import pytest
 import server_dumps
 import world
 from destination import own_etc, snapshot
+from hostile_accounts import ALLOWED_ACCOUNTS, remember_accounts
 from hostile_databases import prepare_folder
-from hostile_session import add_attacks
+from hostile_session import add_attacks, statements
+from hostile_sites import OWN_ADDRESS
 from mail_session import MAIN_CF
 from test_hostile_mysql import MYSQL, MYSQL_ATTACKS, state_of_mysql
 from test_hostile_postgresql import POSTGRESQL, POSTGRESQL_ATTACKS, state_of_postgresql
@@ -62,7 +63,7 @@ def prepare_host():
           "DocumentRoot /srv/www/mine\n<Directory /srv/www/mine>\nRequire all granted\n</Directory>\n</VirtualHost>\n")
     write("/etc/systemd/system/backup.service", "[Service]\nExecStart=/usr/local/bin/backup\n")
     Path("/etc/postfix/main.cf").write_text(MAIN_CF, encoding="ascii")
-    subprocess.run(["ip", "address", "add", f"{hostile_session.OWN_ADDRESS}/32", "dev", "lo"], check=True)
+    subprocess.run(["ip", "address", "add", f"{OWN_ADDRESS}/32", "dev", "lo"], check=True)
 
 
 @pytest.fixture(name="servers")
@@ -82,7 +83,7 @@ def running_servers():
         subprocess.run(["nginx"], check=True)
         subprocess.run(["apache2ctl", "start"], check=True, capture_output=True)
         listener = stack.enter_context(socket.socket())
-        listener.bind((hostile_session.OWN_ADDRESS, 9200))
+        listener.bind((OWN_ADDRESS, 9200))
         listener.listen()
         yield databases
 
@@ -126,7 +127,7 @@ def programs():
 def account_lines():
     """Lines of the files of accounts, without those of the session's own."""
     return [(name, line) for name in ACCOUNT_FILES for line in Path(f"/etc/{name}").read_text("utf-8").splitlines()
-            if line.split(":")[0] not in hostile_session.ALLOWED_ACCOUNTS]
+            if line.split(":")[0] not in ALLOWED_ACCOUNTS]
 
 
 def written():
@@ -159,9 +160,9 @@ def undecided(session):
 def test_all_attacks_at_once_make_nothing_but_what_the_hosts_own_account_may_have(session, servers):
     attacks = add_attacks(session, PORT)
     add_dumps(session, servers)
-    names = [attack.name for attack in attacks] + list(hostile_session.statements())
+    names = [attack.name for attack in attacks] + list(statements())
     assert len(attacks) >= 120 and len(names) >= 200, len(names)
-    hostile_session.remember_accounts()
+    remember_accounts()
     before = state(servers)
     skipped = undecided(session)
     assert state(servers) == before
