@@ -1,4 +1,4 @@
-"""Where this host lets restored files go. The paths are the source host's, which may be hostile."""
+"""Where restored files may go on this host. The paths come from the source host, which may be hostile."""
 from __future__ import annotations
 
 import contextlib
@@ -10,20 +10,20 @@ from collections.abc import Collection
 from sondrel_restore.hostfiles import components, open_directory
 from sondrel_restore.kind import RestoreError
 
-# Directories at the root that belong to the system; what else is there, or is not, is the administrator's.
+# Directories at the root that belong to the system. All others, present or not, are the administrator's.
 _SYSTEM = frozenset((
     "bin", "boot", "dev", "etc", "initrd", "lib", "lib32", "lib64", "libx32", "lost+found", "media", "mnt",
     "proc", "root", "run", "sbin", "sys", "tmp", "usr", "var"))
-# In /var: of the system; in the rest are sites and mailboxes.
+# The same in /var: all other directories there may have sites and mailboxes.
 _SYSTEM_IN_VAR = frozenset((
     "backups", "cache", "crash", "db", "empty", "games", "lib", "local", "lock", "log", "opt", "run", "spool",
     "tmp", "yp"))
-# These are themselves of the system, what lies below them is not.
+# These directories belong to the system, but what lies below them does not.
 _ONLY_BELOW = frozenset(("/home", "/srv", "/opt", "/var/mail"))
 
 
 def why_not(path: str) -> str:
-    """Why nothing that comes from a source host goes to this place; "" if it may."""
+    """Says why nothing from a source host may be put at this path; "" if it may."""
     try:
         parts = components(path)
     except RestoreError as error:
@@ -38,9 +38,10 @@ def why_not(path: str) -> str:
 
 
 def why_not_owners(path: str, accounts: Collection[str]) -> str:
-    """Why these accounts here may not have files at this place, by who owns what is there; "" if they may.
+    """Says why these accounts may not have files at this path; "" if they may.
 
-    What is there of the path and the directories above belongs to root or to one of them.
+    They may when each existing component of the path belongs to root or to one of them. A symbolic link among the
+    components must be root's. Accounts that this host does not have are ignored.
     """
     allowed = {0}
     for name in accounts:
@@ -66,7 +67,7 @@ def why_not_owners(path: str, accounts: Collection[str]) -> str:
 
 
 def is_vacant(path: str) -> bool:
-    """Whether nothing is there, or an empty directory."""
+    """Whether the path does not exist or is an empty directory."""
     try:
         with open_directory(path) as directory:
             with os.scandir(directory) as entries:
@@ -78,7 +79,7 @@ def is_vacant(path: str) -> bool:
 
 
 def existing_part(path: str) -> str:
-    """The path, or the nearest directory above it that is there."""
+    """The path if it is a directory, else the nearest existing directory above it."""
     place = path
     while not os.path.isdir(place):
         place = os.path.dirname(place)

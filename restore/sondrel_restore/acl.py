@@ -1,4 +1,4 @@
-"""Access control lists as GNU tar writes them, in the form that the kernel takes."""
+"""Converts access control lists from the text of GNU tar to the binary form that the kernel takes."""
 from __future__ import annotations
 
 import struct
@@ -14,11 +14,11 @@ Finder = Callable[[str], int | None]
 
 
 class AclError(Exception):
-    """A list that is none."""
+    """The text is not an access control list."""
 
 
 def encoded(text: str, user: Finder, group: Finder) -> tuple[bytes, str]:
-    """The list in binary, and the names of those that `user` or `group` do not find and that it is without."""
+    """The list in binary, and the names that it leaves out because `user` or `group` returned None. AclError."""
     entries: list[tuple[int, int, int]] = []
     dropped: list[str] = []
     for line in text.replace(",", "\n").split("\n"):
@@ -34,7 +34,7 @@ def encoded(text: str, user: Finder, group: Finder) -> tuple[bytes, str]:
             raise AclError(line)
         number: int | None = _NO_ID
         if name:
-            # tar adds the number, which is the source host's.
+            # tar adds the number that the account has on the source host; it means nothing here, so the name decides.
             number = (user if kind == "user" else group)(name)
         if number is None:
             dropped.append(name)

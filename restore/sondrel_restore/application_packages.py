@@ -1,7 +1,7 @@
-"""What this host says of a package that the description calls an application of a site.
+"""What this host knows of a package that the description calls an application of a site.
 
-The description comes from the source host. Only the records of dpkg here say which directories the package has for
-itself, and whether root runs anything of it.
+The description comes from the source host and is not trusted. Only the records of dpkg on this host decide which
+directories belong to the package alone, and whether root runs a file of it.
 """
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from collections.abc import Iterator
 from sondrel_restore.hostfiles import content_here
 from sondrel_restore.restore import Restore
 
-# What root or the system runs by itself, reads as its configuration, or may be asked to run.
+# Places from which root or the system runs files, by itself or on request, or reads its configuration.
 _OF_THE_SYSTEM = (
     "/bin/", "/boot/", "/etc/apt/", "/etc/dbus-1/", "/etc/dpkg/", "/etc/init.d/", "/etc/kernel/",
     "/etc/ld.so.conf.d/", "/etc/network/", "/etc/pam.d/", "/etc/php/", "/etc/postfix/", "/etc/profile.d/",
@@ -23,19 +23,20 @@ _OF_THE_SYSTEM = (
 )
 _UNITS = ("/lib/systemd/system/", "/usr/lib/systemd/system/")
 _SCRIPTS = ("/etc/cron.daily/", "/etc/cron.hourly/", "/etc/cron.monthly/", "/etc/cron.weekly/")
-# In a script of root: interpreters, programs of the package, and settings other than the administrator's.
+# What a script of root must not contain: interpreters, programs of the package, and reading of settings other than
+# those of the administrator in /etc/default.
 _RUNS = re.compile(
     rb"\b(?:php|perl|python|ruby|node|eval|exec|bash|source)\b|/usr/share/|(?:^|[;&|])\s*\.\s+(?!/etc/default/)",
     re.MULTILINE)
 _SECTION = "web"
 _USER_OF_UNIT = re.compile(rb"^User=(?!root\s*$|0\s*$)\S+\s*$", re.MULTILINE)
 _JOB = re.compile(r"^\s*[-0-9*@]")
-# (the directory above, how many names a directory of the package has)
+# (directory above, number of slashes in the path of a package's own directory)
 _PLACES = (("/etc/", 2), ("/var/lib/", 3))
 
 
 class ApplicationPackage:
-    """A package that is installed here, by the records of dpkg."""
+    """A package that is installed here, as dpkg records it."""
 
     def __init__(self, restore: Restore, name: str) -> None:
         self._restore = restore
@@ -43,12 +44,12 @@ class ApplicationPackage:
 
     @functools.cached_property
     def files(self) -> list[str]:
-        """The paths that it has brought."""
+        """The paths of the files and directories in the package."""
         result = self._restore.host.run(["dpkg-query", "--listfiles", self.name], check=False)
         return result.stdout.splitlines() if result.status == 0 else []
 
     def why_not(self) -> str:
-        """Why no files of a source host are put into its directories; "" if they may."""
+        """Says why no files of a source host may be put into its directories; "" if they may."""
         section = self._restore.host.run(
             ["dpkg-query", "--show", "--showformat=${Section}", self.name], check=False).stdout
         if section.rpartition("/")[2] != _SECTION:
@@ -67,7 +68,7 @@ class ApplicationPackage:
 
     @functools.cached_property
     def directories(self) -> list[str]:
-        """Its directories below /etc and /var/lib that no package of another source has, too."""
+        """Its directories below /etc and /var/lib, without those that a package of another source also has."""
         own = [path for path in self.files
                if any(path.startswith(above) and path.count("/") == depth for above, depth in _PLACES)
                and os.path.isdir(path) and not os.path.islink(path)]
@@ -85,7 +86,7 @@ class ApplicationPackage:
         return {name for name, source in sources.items() if source == sources.get(self.name)}
 
     def is_as_it_came(self, path: str) -> bool:
-        """Whether a file here is as the package, or its scripts by ucf, have made it."""
+        """Whether the file here is unchanged since the package, or its scripts with ucf, wrote it."""
         content = content_here(path)
         if content is None:
             return False
@@ -93,7 +94,7 @@ class ApplicationPackage:
 
     @functools.cached_property
     def _sums(self) -> dict[str, str]:
-        """MD5 sums by path: of files, of configuration files, and of those that ucf has put in place."""
+        """MD5 sums by path: of plain files, of configuration files, and of files that ucf wrote."""
         host = self._restore.host
         sums: dict[str, str] = {}
         for line in host.run(["dpkg-query", "--control-show", self.name, "md5sums"], check=False).stdout.splitlines():

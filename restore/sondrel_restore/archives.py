@@ -1,7 +1,7 @@
-"""Archives as the agent makes them (tar, pax format, with or without gzip), read in one pass and in constant memory.
+"""Reads the archives of the agent (tar, pax format, with or without gzip) in one pass and in constant memory.
 
-Nothing in an archive is believed: its size and sum are held against the description first, names are checked, and what
-steers the reading has limits.
+An archive is not trusted: its size and sum are compared with the description first, its names are checked, and its
+headers have a size limit.
 """
 from __future__ import annotations
 
@@ -21,9 +21,9 @@ from typing import IO
 from sondrel_restore.inflating import Inflated
 from sondrel_restore.kind import RestoreError
 
-# Of what describes one member: names, attributes, where the holes of a file are.
+# The most bytes that the headers of one member may have: names, attributes, the map of a sparse file.
 _LARGEST_HEADER = 8 << 20
-# Of a list of names.
+# The most bytes that a list of vanished names may have.
 _LARGEST_LIST = 1 << 30
 _CHUNK = 1 << 20
 _XATTR = "SCHILY.xattr."
@@ -32,10 +32,11 @@ _ACL_ACCESS, _ACL_DEFAULT = "SCHILY.acl.access", "SCHILY.acl.default"
 
 @dataclasses.dataclass(frozen=True)
 class Member:
-    """A member of an archive. `path` is absolute and has no `..`; empty if the name in the archive is none of these.
+    """A member of an archive. `path` is absolute and without `..`; empty if the name in the archive is not allowed.
 
     `kind` is "file", "directory", "link" (symbolic, to `target`), "hard link" (to the absolute path `target`, empty
-    if its name is not allowed), or what else it is. `uid` and `gid` are the source host's, `mtime` is in nanoseconds.
+    if its name is not allowed), "device" or "unknown member". `uid` and `gid` are those of the source host. `mtime` is
+    in nanoseconds. `extents` are the (offset, size) pairs of a sparse file's data; None for all other members.
     """
 
     path: str
@@ -59,7 +60,7 @@ class Archive:
     """An archive of the session."""
 
     def __init__(self, path: Path, size: int, md5sum: str, *, remedy: str = "fetch it again") -> None:
-        """`remedy` is what to do where it is not here as it should be."""
+        """`remedy` tells the person what to do if the file is missing or differs from the description."""
         self.path = path
         self.size = size
         self.md5sum = md5sum
@@ -67,15 +68,16 @@ class Archive:
         self._is_checked = False
 
     def check(self) -> None:
-        """RestoreError if it is not there, or not the one of the description by size and sum."""
+        """RestoreError if the file is missing, or its size or sum differs from the description."""
         if not self._is_checked:
             with self._opened() as file:
                 self._check(file)
 
     def members(self) -> Iterator[tuple[Member, Contents]]:
-        """Each member in turn, with the bytes of it, which can be read until the next one is asked for.
+        """Yields each member with its contents, which can be read until the next member is asked for.
 
-        Checks the sum before. Members that were packed again come again: the later one counts.
+        Checks the sum first. A path that was packed more than once comes more than once: the last one counts.
+        RestoreError if the archive is damaged.
         """
         with self._opened() as file:
             self._check(file)
@@ -86,16 +88,16 @@ class Archive:
         return {member.path for member, _ in self.members()} - {""}
 
     def read(self, path: str, *, limit: int = 16 << 20) -> bytes:
-        """The bytes of the regular file of that absolute path; RestoreError if there is none, or more than `limit`."""
+        """The bytes of the regular file at an absolute path. RestoreError if missing or above `limit` bytes."""
         found = self.read_all([path], limit=limit)
         if path not in found:
             raise RestoreError(f"{self.path} does not have {path}")
         return found[path]
 
     def read_all(self, paths: Iterable[str], *, limit: int = 16 << 20) -> dict[str, bytes]:
-        """The bytes of those of the regular files that are there, in one pass; each of at most `limit` bytes.
+        """The bytes of those of the regular files that the archive has, in one pass. RestoreError above `limit` bytes.
 
-        A link in the archive whose target is in it too is followed once, as of `live` to `archive` of certbot.
+        A link whose target is in the archive is followed once: certbot's `live` has links to `archive`.
         """
         wanted = set(paths)
         found, links = self._read_once(wanted, limit)
@@ -104,7 +106,7 @@ class Archive:
         return {**found, **{path: targets[target] for path, target in links.items() if target in targets}}
 
     def _read_once(self, wanted: set[str], limit: int) -> tuple[dict[str, bytes], dict[str, str]]:
-        """The bytes of files, and what links lead to."""
+        """The bytes of regular files, and the targets of links, both by path."""
         found: dict[str, bytes] = {}
         links: dict[str, str] = {}
         for member, contents in self.members():
@@ -122,7 +124,7 @@ class Archive:
 
     @contextlib.contextmanager
     def stream(self) -> Iterator[IO[bytes]]:
-        """What the file has without its compression, for one that is no tar archive. Checks the sum before."""
+        """The decompressed file, for one that is no tar archive. Checks the sum first."""
         with self._opened() as file:
             self._check(file)
             with _unpacked(file, self.path) as plain:
@@ -139,7 +141,7 @@ class Archive:
             yield file
 
     def _check(self, file: io.FileIO) -> None:
-        """Of the opened file, so that it cannot be exchanged between the check and the reading."""
+        """Checks the open file, so that no other file can take its place between check and reading."""
         about = os.fstat(file.fileno())
         if not stat.S_ISREG(about.st_mode):
             raise RestoreError(f"{self.path} is no regular file")
@@ -154,7 +156,7 @@ class Archive:
 
 
 class Increment(Archive):
-    """An archive of what is new or changed, with the list of what had vanished before it, if any."""
+    """An archive of new and changed files, with an optional list of the names that had vanished before."""
 
     def __init__(self, path: Path, size: int, md5sum: str, *, gone: Archive | None, remedy: str) -> None:
         super().__init__(path, size, md5sum, remedy=remedy)
@@ -166,7 +168,7 @@ class Increment(Archive):
             self._gone.check()
 
     def gone(self) -> Iterator[str]:
-        """The absolute paths that the list names; names that no member may have are left out."""
+        """The absolute paths in the list of vanished names. Names that no member may have are left out."""
         if self._gone is None:
             return
         with self._gone.stream() as file:
@@ -182,10 +184,10 @@ class Increment(Archive):
 
 
 class FollowedArchive(Archive):
-    """An archive and its increments, read as the one archive that they are together.
+    """An archive and its increments, read as one archive.
 
-    What a later one has again, or names as gone, is passed over in the earlier ones. So a list of names
-    removes nothing by itself: that what was made before has vanished shows by its absence, as ever.
+    A member of an earlier archive is skipped if a later increment has its path again or lists it as vanished. The list
+    itself removes nothing here: the caller notices that the path is missing, as with an archive without increments.
     """
 
     def __init__(self, base: Archive, increments: Sequence[Increment]) -> None:
@@ -199,7 +201,7 @@ class FollowedArchive(Archive):
             increment.check()
 
     def members(self) -> Iterator[tuple[Member, Contents]]:
-        # By path, the number of the last one that has it or names it as gone.
+        # By path: the number of the last increment that has it or lists it as vanished.
         last: dict[str, int] = {}
         for number, increment in enumerate(self._increments, 1):
             last.update(dict.fromkeys(increment.gone(), number))
@@ -211,7 +213,7 @@ class FollowedArchive(Archive):
 
 
 def _md5_of(file: io.FileIO) -> str:
-    # Told apart from a use that must be safe from forgery, which a host in FIPS mode forbids.
+    # The sum detects damage, not forgery. Without this flag, a host in FIPS mode refuses MD5.
     digest = hashlib.md5(usedforsecurity=False)
     buffer = bytearray(_CHUNK)
     view = memoryview(buffer)
@@ -221,14 +223,14 @@ def _md5_of(file: io.FileIO) -> str:
 
 
 class Contents:
-    """The bytes of the member that is read at the moment."""
+    """The bytes of the current member."""
 
     def __init__(self, stream: _Stream, size: int) -> None:
         self._stream = stream
         self._left = size
 
     def chunks(self, size: int = 0) -> Iterator[bytes]:
-        """The next `size` bytes, or all that are left, in pieces."""
+        """The next `size` bytes in pieces, or all remaining bytes if `size` is 0."""
         left = min(size, self._left) if size else self._left
         while left:
             chunk = self._stream.data(min(left, _CHUNK))
@@ -237,12 +239,12 @@ class Contents:
             yield chunk
 
     def read(self) -> bytes:
-        """All bytes that are left."""
+        """All remaining bytes."""
         return b"".join(self.chunks())
 
 
 class _Stream:
-    """What TarFile reads from: only forward; and headers have a limit."""
+    """The file object that TarFile reads: forward only, with a limit for headers."""
 
     def __init__(self, file: IO[bytes], name: Path) -> None:
         self._file = file
@@ -260,7 +262,7 @@ class _Stream:
             self.data(min(place - self._place, _CHUNK))
 
     def read(self, size: int) -> bytes:
-        """For TarFile, which reads headers only. At the end there are fewer bytes."""
+        """For TarFile, which reads headers only. Returns fewer bytes at the end of the file."""
         self._header_left -= size
         if self._header_left < 0 or size < 0:
             raise RestoreError(f"{self._name} describes a member in more than {_LARGEST_HEADER} bytes")
@@ -269,7 +271,7 @@ class _Stream:
         return content
 
     def data(self, size: int) -> bytes:
-        """Some of the next bytes, at least one."""
+        """At least one and at most `size` of the next bytes. RestoreError at the end of the file."""
         content = self._file.read(size)
         if not content:
             raise RestoreError(f"{self._name} ends in the middle")
@@ -291,19 +293,19 @@ def _members(file: io.FileIO, path: Path) -> Iterator[tuple[Member, Contents]]:
                     information = tar.next()
                     if information is None:
                         break
-                    # It would keep all of them.
+                    # TarFile would keep all members in memory.
                     tar.members = []  # type: ignore[attr-defined]
                     member = _member(information, path)
                     yield member, Contents(stream, _stored(member))
         except (tarfile.TarError, ValueError, EOFError) as error:
             raise RestoreError(f"{path} is damaged: {error}") from error
-        # What follows the end mark is read too: the sum of gzip tells whether all was right.
+        # Read what follows the end mark, too: gzip checks its sum at the end.
         while plain.read(_CHUNK):
             pass
 
 
 def _stored(member: Member) -> int:
-    """The bytes that a member has in the archive."""
+    """The number of bytes of a member in the archive: less than its size if it is sparse."""
     return member.size if member.extents is None else sum(size for _, size in member.extents)
 
 
@@ -356,7 +358,7 @@ def _check_extents(extents: Iterable[tuple[int, int]], information: tarfile.TarI
 
 
 def _absolute(name: str) -> str:
-    """`./a/b` as `/a/b`; empty for a name that is none of a member of the agent's."""
+    """`./a/b` as `/a/b`; empty for a name that the agent does not write."""
     parts = [part for part in name.split("/") if part not in ("", ".")]
     if name.startswith("/") or ".." in parts or "\0" in name:
         return ""
@@ -364,7 +366,7 @@ def _absolute(name: str) -> str:
 
 
 def _nanoseconds(exact: str | None, seconds: float) -> int:
-    """Without the rounding of a floating-point number."""
+    """Parses the exact text if there is one, to avoid the rounding of floating-point numbers."""
     if exact is None:
         return int(seconds) * 1_000_000_000
     whole, _, fraction = exact.partition(".")

@@ -1,4 +1,4 @@
-"""The options of `sondrel-restore`, and what runs its commands."""
+"""The command line of `sondrel-restore`: parses the options and runs the command."""
 from __future__ import annotations
 
 import argparse
@@ -23,14 +23,14 @@ _ACCOUNT = re.compile(r"[A-Za-z_][A-Za-z0-9_.-]{0,31}")
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
-    """Runs a command; returns the exit code."""
+    """Runs a command; returns its exit code. The parser exits by itself on wrong use."""
     signal.signal(signal.SIGTERM, _stop)
     signal.signal(signal.SIGHUP, _stop)
     options = _parser().parse_args(arguments)
     restore = None
     try:
         if options.command == "report":
-            # Its engine of templates takes as long to load as all the rest, which alone serves the other commands.
+            # Loading the template engine takes as long as all other modules together; only this command needs it.
             from sondrel_restore.report import write_report  # pylint: disable=import-outside-toplevel
 
             print(printing.escaped(write_report(Session(options.session, options.archives))))
@@ -75,7 +75,7 @@ def _run_plan(restore: Restore, options: argparse.Namespace) -> int:
 
 def _print(restore: Restore, options: argparse.Namespace, document: dict[str, object],
            print_text: Callable[[], None]) -> None:
-    """As --format asks for it."""
+    """Prints the document as JSON or the text, as --format says."""
     restore.progress.erase()
     if options.format == "json":
         json.dump(document, sys.stdout, indent=1)
@@ -89,9 +89,9 @@ def _run_apply(restore: Restore, _: argparse.Namespace) -> int:
     with restore.journal.locked():
         plan = make_plan(restore, kinds)
         names = {each.package for each in plan.missing} - {""}
-        # With a decision to be made nothing is changed.
+        # As long as a decision is missing, nothing is changed, so no package is installed either.
         if restore.decisions.install and names and not plan.undecided():
-            # What these packages bring nobody has changed.
+            # A journal entry says that the files of these new packages are unchanged, so apply may overwrite them.
             for item in plan.items:
                 if item.package in names:
                     restore.journal.begin(item)

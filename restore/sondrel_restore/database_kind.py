@@ -1,4 +1,4 @@
-"""What the kinds of databases have in common, whatever their server is."""
+"""What the kinds of databases have in common, for all servers."""
 from __future__ import annotations
 
 from collections.abc import Callable, Iterator, Mapping, Sequence
@@ -9,7 +9,7 @@ from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Finding, Item, Kind, Left, State
 from sondrel_restore.restore import Restore
 
-# A table as the server names it: by itself, or by its schema and itself.
+# A table as the server names it: its name, or schema and name.
 Table = TypeVar("Table", str, tuple[str, str])
 
 
@@ -22,11 +22,11 @@ def database_of(item: Item) -> Database:
 class DatabaseKind(Kind):
     """A kind whose objects are the databases of one kind of server."""
 
-    # Where the server of Debian's package has them.
+    # Where the server of Debian's package keeps its databases.
     data_directory: ClassVar[str]
 
     def items(self, wanted: Sequence[Database], state_of: Callable[[Database], tuple[State, str]]) -> Iterator[Item]:
-        """The items of a plan. Of databases of one name only the first can be made."""
+        """The items of a plan. If several databases have one name, only the first can be made."""
         seen: set[str] = set()
         for database in wanted:
             state, says = state_of(database)
@@ -37,7 +37,7 @@ class DatabaseKind(Kind):
             yield self._item(database, state, says, decisions if state in (State.CONFLICT, State.KEPT) else ())
 
     def selected(self, restore: Restore) -> list[Database]:
-        """The databases that are asked for and not skipped."""
+        """The databases that are selected and not skipped."""
         items = (self._item(database, State.MAKE) for database in databases(restore.description, self.name))
         return [database_of(item) for item in items
                 if restore.selection.takes(item) and not restore.decisions.skip(item.identifier)]
@@ -50,7 +50,7 @@ class DatabaseKind(Kind):
 
 def state_of_made(restore: Restore, entry: Entry, database: Database, fingerprint: Callable[[str], str],
                   renewal: str) -> tuple[State, str]:
-    """The state of a database that an apply has made or begun; `renewal` says what becomes of it by a later fetch."""
+    """The state of a database that an apply made or began; `renewal` says what a later fetch does to it."""
     if entry.state != "done":
         return State.MAKE, "was begun and broken off: loaded again from the beginning"
     if entry.facts.get("sum") == database.sum():
@@ -62,7 +62,7 @@ def state_of_made(restore: Restore, entry: Entry, database: Database, fingerprin
 
 def compared_rows(identifier: str, dump: Mapping[Table, int], here: Mapping[Table, int],
                   name_of: Callable[[Table], str]) -> Iterator[Finding]:
-    """Holds the numbers of rows here against those in the dump."""
+    """Compares the numbers of rows here with those in the dump."""
     missing = sorted(map(name_of, set(dump) - set(here)))
     if missing:
         yield Finding(identifier, "tables", False, f"missing here: {some(missing)}")
@@ -75,7 +75,7 @@ def compared_rows(identifier: str, dump: Mapping[Table, int], here: Mapping[Tabl
 
 
 def left_out_statements(restore: Restore, identifier: str) -> Iterator[Finding]:
-    """Names the statements of the dump that failed when it was loaded."""
+    """Reports the statements of the dump that failed when it was loaded."""
     entry = restore.journal.entry(identifier)
     left_out = entry.facts.get("left_out") if entry else None
     if isinstance(left_out, list) and left_out:
@@ -83,7 +83,7 @@ def left_out_statements(restore: Restore, identifier: str) -> Iterator[Finding]:
 
 
 def left_as_changed(entry: Entry, fingerprint: Callable[[str], str]) -> Left | None:
-    """What an undo says of a database that was changed here since it was made; None if it was not."""
+    """What undo reports of a database that was changed here since it was made; None if it was not changed."""
     if entry.state == "done" and fingerprint(entry.name) != entry.facts.get("fingerprint"):
         return Left(entry.identifier, "its rows or definitions were changed here since:"
                     " remove it yourself if you do not want it")

@@ -1,4 +1,4 @@
-"""What the kinds of databases have in common: what the description says of them, and SQL run without rights here."""
+"""What the kinds of databases have in common: their part of the description, and running SQL unprivileged."""
 from __future__ import annotations
 
 import contextlib
@@ -19,14 +19,14 @@ from sondrel_restore.description import Description, Element
 from sondrel_restore.host import PATH
 from sondrel_restore.kind import RestoreError
 
-# Accounts that load are called so, with a random end; no account of a description may be.
+# Prefix of the accounts that load a dump; a random suffix follows. No account of a description may have it.
 LOADER = "sondrel_load_"
 
-# Numbers that systemd keeps for accounts that come and go: no account of this host has one for good.
+# The range that systemd uses for dynamic accounts: no permanent account of this host is in it.
 _FIRST_NUMBER, _LAST_NUMBER = 61184, 65519
 _STALL_LIMIT = 4 * 3600.0
 _CHUNK = 1 << 18
-# What a pipe may have without a privilege.
+# The largest size of a pipe that needs no privilege.
 _PIPE = 1 << 20
 _LONGEST_LINE = 1 << 20
 _MOST_MESSAGES = 1000
@@ -36,7 +36,7 @@ _NAMED_MESSAGES = 10
 
 @dataclasses.dataclass(frozen=True)
 class User:
-    """An account or role of the source's server. `host` is empty for roles of MariaDB and for PostgreSQL."""
+    """An account or role of the source host's server. `host` is empty for roles of MariaDB and for PostgreSQL."""
 
     name: str
     host: str
@@ -45,7 +45,7 @@ class User:
 
 @dataclasses.dataclass(frozen=True)
 class Membership:
-    """Who is in which role."""
+    """An account or role that is a member of a role."""
 
     role: User
     member: User
@@ -55,7 +55,7 @@ class Membership:
 
 @dataclasses.dataclass(frozen=True)
 class Grant:
-    """What an account may do with what, as the description has it."""
+    """The rights of an account on an object, as the description has them."""
 
     grantee: str
     host: str
@@ -68,7 +68,7 @@ class Grant:
 
 @dataclasses.dataclass(frozen=True)
 class Definer:
-    """As whom a view, routine, trigger or event ran there."""
+    """The account with whose rights a view, routine, trigger or event ran on the source host."""
 
     name: str
     host: str
@@ -77,7 +77,7 @@ class Definer:
 
 
 class Database:
-    """A database of the description. All its texts are the source host's."""
+    """A database of the description. All its texts come from the source host and are not trusted."""
 
     def __init__(self, description: Description, element: Element) -> None:
         self.element = element
@@ -99,12 +99,12 @@ class Database:
         return str(self.element.get(attribute, ""))
 
     def bytes(self) -> int:
-        """What it took on the source host; 0 where that is not known."""
+        """Its size in bytes on the source host; 0 if the description does not say it."""
         said = self.text("bytes")
         return int(said) if said.isdecimal() else 0
 
     def sum(self) -> str:
-        """Of all that the database is made from: equal as long as a later fetch brings nothing new."""
+        """A sum of all that the database is made from: equal as long as a later fetch brings nothing new."""
         made_from = [[content.get("md5sum") for content in self.contents],
                      [self.text(name) for name in ("owner", "encoding", "collation", "ctype", "provider", "locale")],
                      [dataclasses.astuple(each)
@@ -138,13 +138,13 @@ def _grant(element: Element) -> Grant:
 
 
 def some(texts: Sequence[str]) -> str:
-    """The first few of many, for a sentence."""
+    """The first few texts and the number of the others, for a sentence."""
     more = f" and {len(texts) - _NAMED_MESSAGES} more" if len(texts) > _NAMED_MESSAGES else ""
     return "; ".join(texts[:_NAMED_MESSAGES]) + more
 
 
 class Lines:
-    """A stream of SQL in lines, and in pieces where its lines are many; in constant memory."""
+    """Reads a stream of SQL by lines, or in larger pieces up to a mark, in constant memory."""
 
     def __init__(self, file: IO[bytes]) -> None:
         self._file = file
@@ -152,7 +152,7 @@ class Lines:
         self._place = 0
 
     def line(self) -> bytes:
-        """The next line with its end; empty at the end of the stream. One of more than 1 MiB comes in parts."""
+        """The next line with its newline; empty at the end of the stream. A line longer than 1 MiB comes in parts."""
         start = self._place
         while True:
             end = self._buffer.find(b"\n", start)
@@ -166,7 +166,7 @@ class Lines:
             start = self._place + unread
 
     def until(self, mark: bytes) -> Iterator[bytes]:
-        """All up to a mark and with it, or up to the end of the stream, in pieces that do not cut the mark."""
+        """All bytes up to and including the mark, or up to the end of the stream. No piece ends within the mark."""
         while True:
             end = self._buffer.find(mark, self._place)
             if end >= 0:
@@ -180,7 +180,7 @@ class Lines:
                 return
 
     def step_back(self) -> None:
-        """Gives back the last byte that was taken."""
+        """The next read begins with the last byte of this one."""
         self._place -= 1
 
     def _take(self, end: int) -> bytes:
@@ -196,7 +196,7 @@ class Lines:
 
 
 def unused_number() -> int:
-    """A number that no account and no process of this host has."""
+    """A number that no account and no running process of this host has. RestoreError if all are used."""
     used = {int(line.split(":")[2]) for line in _lines_of("/etc/passwd") if line.count(":") >= 3}
     for entry in os.scandir("/proc"):
         if entry.name.isdigit():
@@ -214,11 +214,11 @@ def _lines_of(path: str) -> list[str]:
 
 
 def run_sql(client: Sequence[str], secret: bytes, variables: dict[str, str], pieces: Iterable[bytes]) -> list[str]:
-    """Gives SQL to a client program that runs without any rights on this host; returns what it complained of.
+    """Feeds SQL to a client program that runs without any rights on this host; returns its messages.
 
-    In `client` and `variables` "{secret}" stands for the path of a file with `secret`, which only this process can read
-    and which is gone with it. What the SQL prints is dropped. RestoreError if the program ends before it has
-    read all, or by an error of its own, or takes nothing for four hours.
+    In `client` and `variables` "{secret}" stands for the path of a file with `secret`, which only the client can read;
+    the file is in memory and vanishes with the client. The output of the SQL is discarded. RestoreError if the program
+    ends before it has read all, ends with an error of its own, or reads nothing for four hours.
     """
     number = unused_number()
     descriptor = os.memfd_create("login", os.MFD_CLOEXEC)
@@ -249,7 +249,7 @@ def _feed(process: subprocess.Popen[bytes], pieces: Iterable[bytes]) -> list[str
     reader.start()
     assert process.stdin is not None
     os.set_blocking(process.stdin.fileno(), False)
-    # The client goes on with this much while the next piece is unpacked; less where the host allows no more.
+    # The client reads from this buffer while the next piece is unpacked. Some hosts allow no larger pipe: then go on.
     with contextlib.suppress(PermissionError):
         fcntl.fcntl(process.stdin.fileno(), fcntl.F_SETPIPE_SZ, _PIPE)
     is_whole = True
@@ -263,7 +263,7 @@ def _feed(process: subprocess.Popen[bytes], pieces: Iterable[bytes]) -> list[str
         process.stdin.close()
     _wait(process)
     status = process.wait()
-    # What the SQL has started as a program may keep the pipe open.
+    # A program that the SQL started may keep the pipe open, so do not wait for its end.
     reader.join(10)
     if not is_whole or status not in (0, 1, 3):
         said = some(messages[-3:]) or f"status {status}"
@@ -272,7 +272,7 @@ def _feed(process: subprocess.Popen[bytes], pieces: Iterable[bytes]) -> list[str
 
 
 def _wait(process: subprocess.Popen[bytes]) -> None:
-    """Until it has ended. RestoreError if it takes too long. That of subprocess looks every now and then."""
+    """Waits for the end. RestoreError after _STALL_LIMIT. Popen.wait with a limit would poll instead."""
     descriptor = os.pidfd_open(process.pid)
     try:
         with selectors.DefaultSelector() as selector:
@@ -303,7 +303,7 @@ def _stalled() -> RestoreError:
 
 
 def _collect(file: IO[bytes], messages: list[str]) -> None:
-    """Keeps the first of the messages, and reads all, so that nobody waits."""
+    """Reads all messages, so that the client never blocks, and keeps the first ones."""
     with contextlib.suppress(ValueError, OSError):
         while True:
             line = file.readline(1 << 16)
@@ -315,7 +315,7 @@ def _collect(file: IO[bytes], messages: list[str]) -> None:
 
 
 def wait_until_gone(still_there: Iterator[bool], what: str) -> None:
-    """Waits until the next of `still_there` is false, at most for half a minute."""
+    """Waits until `still_there` yields False. RestoreError after half a minute."""
     deadline = time.monotonic() + 30
     for is_there in still_there:
         if not is_there:

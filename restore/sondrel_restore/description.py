@@ -1,4 +1,4 @@
-"""The description of the source host, `dump.xml`, held against its schema. All texts in it are the source host's."""
+"""Reads the source host's description, `dump.xml`, and checks it by its schema. Its texts are not trusted."""
 from __future__ import annotations
 
 import dataclasses
@@ -12,19 +12,19 @@ from lxml import etree
 from sondrel_restore.hostfiles import components, read_file
 from sondrel_restore.kind import RestoreError
 
-# An element of lxml, which has no types of its own in Debian.
+# An element of lxml. Debian has no type stubs for lxml.
 Element = Any
 
 LARGEST = 256 << 20
 LARGEST_DOCUMENT = 64 << 20
 _SCHEMA = "dump.xsd"
-# The second has increments.
+# Version 2.1 adds increments.
 _VERSIONS = ("2", "2.1")
 
 
 @dataclasses.dataclass(frozen=True)
 class Account:
-    """An account of the source host. `home` is empty where there is none."""
+    """An account of the source host. `home` is empty if it has none."""
 
     name: str
     uid: int
@@ -37,7 +37,7 @@ class Account:
 
 @dataclasses.dataclass(frozen=True)
 class Group:
-    """A group of the source host, with the names of those who are in it besides their own one."""
+    """A group of the source host. `members` does not name the accounts whose primary group it is."""
 
     name: str
     gid: int
@@ -54,7 +54,7 @@ class Client:
 
 @dataclasses.dataclass(frozen=True)
 class Domain:
-    """A site or a domain of mail. `client` is empty for one that nobody was found to own."""
+    """A site or a mail domain. `client` is empty if the agent found no owner."""
 
     name: str
     names: tuple[str, ...]
@@ -63,14 +63,14 @@ class Domain:
 
 
 def parse_document(content: bytes) -> Element:
-    """The root of an XML document, which may be hostile: nothing outside of it is read. etree.XMLSyntaxError."""
+    """The root of an XML document, which may be hostile: nothing outside of it is read. Raises etree.XMLSyntaxError."""
     return etree.fromstring(content, etree.XMLParser(
         resolve_entities=False, no_network=True, load_dtd=False, huge_tree=False, remove_comments=True,
         remove_pis=True))
 
 
 def read_document(path: Path) -> Element | None:
-    """The root of another document of the session; None if it is not there. RestoreError if it cannot be read."""
+    """The root of another document of the session; None if it is missing. RestoreError if it cannot be read."""
     try:
         return parse_document(read_file(str(path), limit=LARGEST_DOCUMENT))
     except (FileNotFoundError, NotADirectoryError):
@@ -80,10 +80,10 @@ def read_document(path: Path) -> Element | None:
 
 
 class Description:
-    """What the agent found, as a tree of lxml with helpers for what several kinds need."""
+    """What the agent found: the tree of lxml, with helpers that several kinds need."""
 
     def __init__(self, path: Path) -> None:
-        """RestoreError if it cannot be read, is another document, or does not follow its schema."""
+        """RestoreError if the file cannot be read, is another document, or does not follow its schema."""
         try:
             content = read_file(str(path), limit=LARGEST)
         except OSError as error:
@@ -98,36 +98,36 @@ class Description:
 
     @functools.cached_property
     def accounts(self) -> dict[str, Account]:
-        """The accounts with a name, by it."""
+        """The accounts that have a name, by name."""
         return {account.name: account for account in map(_account, self.tree.iterfind("accounts/account"))
                 if account.name}
 
     @functools.cached_property
     def groups(self) -> dict[str, Group]:
-        """The groups with a name, by it."""
+        """The groups that have a name, by name."""
         return {group.name: group for group in map(_group, self.tree.iterfind("accounts/group")) if group.name}
 
     def clients(self) -> list[Client]:
-        """All clients, those of resellers too."""
+        """All clients, also those of resellers."""
         return [Client(element.get("name"), element)
                 for element in self.tree.iterfind(".//client") if element.getparent().tag in ("dump", "reseller")]
 
     def domains(self) -> list[Domain]:
-        """All domains, those without a client last."""
+        """All domains; those without a client come last."""
         found = [domain for client in self.clients() for domain in _domains(client.element, client.name)]
         unassigned = self.tree.find("unassigned")
         return found if unassigned is None else found + list(_domains(unassigned, ""))
 
     def contents(self, of: Element) -> list[Element]:
-        """The elements `content` of an object, without lists of problems: the archives that it consists of."""
+        """The elements `content` of an object that are archives, so without the lists of problems."""
         return [content for content in of.iterfind("content") if content.get("kind") != "problems"]
 
     def client_of(self, element: Element) -> str:
-        """The client around an element; empty where there is none."""
+        """The name of the client that contains an element; empty if there is none."""
         return next((str(above.get("name")) for above in element.iterancestors("client")), "")
 
     def domain_of(self, element: Element) -> str:
-        """The domain around an element, or which it is itself; empty where there is none."""
+        """The name of the domain that contains the element, or that it is; empty if there is none."""
         around = [element, *element.iterancestors()]
         return next((str(above.get("name")) for above in around if above.tag == "domain"), "")
 
@@ -161,7 +161,7 @@ def _check(tree: Element, path: Path) -> None:
 
 def _schema() -> Element:
     above = Path(__file__).resolve().parent.parent
-    # Installed beside the modules; in a checkout among the documents.
+    # An installed schema lies next to the package; that of a source checkout is in docs/.
     for path in (above / _SCHEMA, above.parent / "docs" / "formats" / _SCHEMA):
         if path.exists():
             return etree.XMLSchema(etree.parse(str(path)))
@@ -169,7 +169,8 @@ def _schema() -> Element:
 
 
 def files_of(content: Element) -> list[Element]:
-    """The elements of all files of an archive: itself, and its increments in order, each after its list."""
+    """The elements of all files of an archive: itself, then its increments in order, each after its list of vanished
+    names."""
     files = [content]
     for increment in content.iterfind("increment"):
         files += [*increment.iterfind("gone"), increment]
@@ -177,15 +178,15 @@ def files_of(content: Element) -> list[Element]:
 
 
 def archive_sum_of(content: Element) -> str:
-    """A sum that is another one when the archive or its increments are."""
+    """A text that changes when the archive or one of its increments changes."""
     return "+".join(str(file.get("md5sum")) for file in files_of(content))
 
 
 def unpacked_of(content: Element) -> int:
-    """Bytes of an archive and its increments without compression."""
+    """The bytes of an archive and its increments without compression."""
     return sum(int(file.get("unpacked")) for file in files_of(content))
 
 
 def is_below(path: str, root: str) -> bool:
-    """Whether an absolute path is that root, or lies below it. RestoreError for one that is not absolute."""
+    """Whether an absolute path is `root` or lies below it. RestoreError for a path that is not absolute."""
     return components(path)[:len(components(root))] == components(root)

@@ -1,4 +1,4 @@
-"""Sizes, durations and moments as people read them: the same way as the other programs write them."""
+"""Sizes, durations and times for people, in the form that the other programs use."""
 from __future__ import annotations
 
 import datetime
@@ -12,7 +12,7 @@ def format_bytes(count: int) -> str:
     if count < 1000:
         return f"{count} B"
     unit, unit_bytes = 1, 1000
-    # What would be shown as 1000.0 belongs to the next unit.
+    # A value that would be shown as 1000.0 gets the next unit.
     while count >= unit_bytes // 20 * 19999 and unit + 1 < len(UNITS):
         unit, unit_bytes = unit + 1, unit_bytes * 1000
     return f"{count / unit_bytes:.1f} {UNITS[unit]}"
@@ -26,7 +26,7 @@ def format_duration(seconds: int) -> str:
 
 
 def parse_time(text: str) -> datetime.datetime | None:
-    """The moment of "2026-11-21T10:00:00Z"; None for a text that is not of this form."""
+    """The time of "2026-11-21T10:00:00Z"; None for a text of another form."""
     try:
         return datetime.datetime.strptime(text, TIME_FORMAT).replace(tzinfo=datetime.timezone.utc)
     except ValueError:
@@ -34,7 +34,7 @@ def parse_time(text: str) -> datetime.datetime | None:
 
 
 def seconds_between(earlier: str, later: str) -> int | None:
-    """The seconds between two such texts, 0 at least; None where one is not of that form."""
+    """The seconds between two such texts, never negative; None if one of them has another form."""
     begin, end = parse_time(earlier), parse_time(later)
     if begin is None or end is None:
         return None
@@ -42,5 +42,5 @@ def seconds_between(earlier: str, later: str) -> int | None:
 
 
 def now() -> str:
-    """This moment, in that form."""
+    """The present time, in that form."""
     return datetime.datetime.now(datetime.timezone.utc).strftime(TIME_FORMAT)

@@ -1,4 +1,4 @@
-"""This host: programs are run here, without a shell, and without anything of the caller's environment."""
+"""Runs programs on this host, without a shell and without the caller's environment."""
 from __future__ import annotations
 
 import dataclasses
@@ -15,16 +15,16 @@ from sondrel_restore.kind import RestoreError
 
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
-# In seconds. What loads a large database gives its own.
+# In seconds. Callers that load a large database give a longer one.
 USUAL_TIME_LIMIT = 600.0
 
-# Of what a program says in an error text.
+# In characters: how much of a program's output an error text quotes.
 LONGEST_QUOTE = 2000
 
 
 @dataclasses.dataclass(frozen=True)
 class Result:
-    """What a program printed and how it ended; bytes that are no UTF-8 are kept as surrogates."""
+    """The output and exit status of a program. Bytes that are no UTF-8 are kept as surrogates."""
 
     stdout: str
     stderr: str
@@ -35,7 +35,7 @@ class Host:
     """Runs programs here as root or as another account."""
 
     def has_program(self, name: str) -> bool:
-        """Whether a program of that name lies where programs of this host lie."""
+        """Whether a program of that name is in PATH."""
         return shutil.which(name, path=PATH) is not None
 
     def run(
@@ -49,12 +49,12 @@ class Host:
         env: Mapping[str, str] | None = None,
         time_limit: float = USUAL_TIME_LIMIT,
     ) -> Result:
-        """Runs a program to its end, in `/`, with the rights and groups of `account` if one is named.
+        """Runs a program to its end, in `/`, with the rights and groups of `account` if one is given.
 
-        It gets `input`, or reads `stdin`, or finds an empty input. `env` comes in addition to PATH and
-        LC_ALL; it and `argv` must hold no password. With `check` a status other than 0 is a RestoreError that
-        quotes what the program said. After `time_limit` seconds the program and what it started are killed,
-        which is a RestoreError too.
+        Its standard input is `input`, `stdin`, or empty. `env` is added to PATH and LC_ALL; neither `env` nor `argv`
+        may contain a password. With `check`, a status other than 0 raises a RestoreError that quotes the output.
+        After `time_limit` seconds the program and its children are killed, and RestoreError is raised. RestoreError
+        also if it cannot be started.
         """
         source = subprocess.PIPE if input is not None else stdin if stdin is not None else subprocess.DEVNULL
         process = _started(argv, source, account, env)
@@ -65,7 +65,7 @@ class Host:
 
     def start(self, argv: Sequence[str], *, account: str | None = None,
               env: Mapping[str, str] | None = None) -> subprocess.Popen[bytes]:
-        """Starts a program as `run` does, with pipes to all that it reads and writes. The caller ends it."""
+        """Starts a program as `run` does, with pipes to its input and outputs. The caller must end it."""
         return _started(argv, subprocess.PIPE, account, env)
 
 
@@ -121,7 +121,7 @@ def _said(result: Result) -> str:
 
 
 def account_of(name: str) -> pwd.struct_passwd | None:
-    """The account of that name here, if there is one."""
+    """The account of that name here, or None."""
     try:
         return pwd.getpwnam(name)
     except KeyError:
@@ -129,7 +129,7 @@ def account_of(name: str) -> pwd.struct_passwd | None:
 
 
 def group_of(name: str) -> grp.struct_group | None:
-    """The group of that name here, if there is one."""
+    """The group of that name here, or None."""
     try:
         return grp.getgrnam(name)
     except KeyError:

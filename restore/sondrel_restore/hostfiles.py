@@ -1,4 +1,4 @@
-"""Files of this host: opened component by component, never by a link that an account could have made."""
+"""Files of this host, opened component by component, so that no link of another account is followed."""
 from __future__ import annotations
 
 import contextlib
@@ -16,7 +16,7 @@ _MOST_LINKS = 40
 
 
 def components(path: str) -> list[str]:
-    """The names in an absolute path. A path that is not absolute, or has `..` or a NUL in it, is a RestoreError."""
+    """The names in an absolute path. RestoreError if the path is not absolute, or has `..` or a NUL in it."""
     parts = [part for part in path.split("/") if part not in ("", ".")]
     if not path.startswith("/") or ".." in parts or "\0" in path:
         raise RestoreError(f"{path} is no absolute path without \"..\"")
@@ -25,10 +25,10 @@ def components(path: str) -> list[str]:
 
 @contextlib.contextmanager
 def open_directory(path: str) -> Iterator[int]:
-    """A descriptor of the directory, for calls with `dir_fd`; closed at the end.
+    """A descriptor of the directory, for calls with `dir_fd`; closed when the block ends.
 
-    On the way a symbolic link is followed only if it is root's and lies in a directory of root's that no other
-    account may write into; any other one is a RestoreError. FileNotFoundError and NotADirectoryError as usual.
+    A symbolic link in the path is followed only if it is root's and lies in a directory of root that no other account
+    can write to. Any other link raises RestoreError. FileNotFoundError and NotADirectoryError as usual.
     """
     descriptor = _walk(path)
     try:
@@ -66,7 +66,7 @@ def _walk(path: str) -> int:
 
 
 def _trusted_link(directory: int, name: str, path: str) -> str | None:
-    """What the link leads to; None where there is none."""
+    """The target of a symbolic link; None if the name is no link. RestoreError if others than root may have made it."""
     about = os.stat(name, dir_fd=directory, follow_symlinks=False)
     if not stat.S_ISLNK(about.st_mode):
         return None
@@ -77,7 +77,7 @@ def _trusted_link(directory: int, name: str, path: str) -> str | None:
 
 
 def read_file(path: str, *, limit: int = 64 << 20) -> bytes:
-    """The bytes of a regular file, which no link leads to. More than `limit` of them are a RestoreError."""
+    """The bytes of a regular file. A link at `path` is not followed. RestoreError if it has more than `limit` bytes."""
     parent, name = os.path.split(path)
     with open_directory(parent) as directory:
         descriptor = os.open(name, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC, dir_fd=directory)
@@ -91,7 +91,7 @@ def read_file(path: str, *, limit: int = 64 << 20) -> bytes:
 
 
 def content_here(path: str) -> bytes | None:
-    """The same; None where there is no such file."""
+    """As `read_file`; None if there is no such file."""
     try:
         return read_file(path)
     except (FileNotFoundError, NotADirectoryError):
@@ -99,13 +99,13 @@ def content_here(path: str) -> bytes | None:
 
 
 def sum_of_bytes(content: bytes) -> str:
-    """The sum by which the content of a file is known again."""
+    """A sum that shows later whether the content of a file has changed."""
     return hashlib.sha256(content).hexdigest()
 
 
 @contextlib.contextmanager
 def _replacing(path: str) -> Iterator[tuple[int, str]]:
-    """A descriptor of the directory and a name in it; what was made under that takes the place of `path` at the end."""
+    """A directory's descriptor and a temporary name in it. At the end, what has that name is renamed to `path`."""
     parent, name = os.path.split(path)
     with open_directory(parent) as directory:
         temporary = f".{name[:100]}.{secrets.token_hex(6)}"
@@ -120,9 +120,9 @@ def _replacing(path: str) -> Iterator[tuple[int, str]]:
 
 
 def atomic_write(path: str, content: bytes, *, mode: int, uid: int, gid: int) -> None:
-    """Makes or replaces a file as a whole: whoever reads it, after a crash too, finds the old or the new one.
+    """Makes or replaces a file atomically: readers find the old or the new content, also after a crash.
 
-    The directory must be there. A link at `path` itself is replaced, not followed.
+    The directory must exist. A link at `path` itself is replaced, not followed.
     """
     with _replacing(path) as (directory, temporary):
         descriptor = os.open(
@@ -136,13 +136,13 @@ def atomic_write(path: str, content: bytes, *, mode: int, uid: int, gid: int) ->
 
 
 def make_link(path: str, target: str) -> None:
-    """Makes or replaces a symbolic link of root's, as a whole."""
+    """Makes or replaces a symbolic link of root, atomically."""
     with _replacing(path) as (directory, temporary):
         os.symlink(target, temporary, dir_fd=directory)
 
 
 def remove_file(path: str) -> None:
-    """Removes a file or a link, if it is there."""
+    """Removes a file or a link. Does nothing if it is missing."""
     parent, name = os.path.split(path)
     try:
         with open_directory(parent) as directory:
@@ -153,13 +153,13 @@ def remove_file(path: str) -> None:
 
 
 def down_to(path: str) -> list[str]:
-    """The directories above a path and the path itself, the uppermost first, without "/"."""
+    """The directories above a path and the path itself, from the top, without "/"."""
     parts = components(path)
     return ["/" + "/".join(parts[:number]) for number in range(1, len(parts) + 1)]
 
 
 def missing_directories(path: str) -> list[str]:
-    """Those of a directory and the ones above it that are not there, the uppermost first."""
+    """Those of a directory and its parents that are missing, from the top."""
     places = down_to(path)
     for number, place in enumerate(places):
         try:
@@ -171,10 +171,10 @@ def missing_directories(path: str) -> list[str]:
 
 
 def make_directories(path: str, *, mode: int, uid: int, gid: int, begun: Collection[str] = ()) -> list[str]:
-    """Makes a directory with those above it that are missing; returns the paths of the new ones, uppermost first.
+    """Makes a directory and its missing parents; returns the paths of the new ones, from the top.
 
-    All new ones get this mode and owner, and those of the paths `begun` that are there: a run that was killed
-    may have left them half made. What else is there stays as it is.
+    New directories get this mode and owner. So do existing ones that are in `begun`: a run that was killed may have
+    left them unfinished. Other existing directories stay as they are.
     """
     made: list[str] = []
     reached = ""

@@ -1,21 +1,21 @@
-"""Files that gzip has compressed, read in this process: no program is started for each of a thousand archives."""
+"""Decompresses gzip in this process: to start a program for each of a thousand archives would be slow."""
 from __future__ import annotations
 
 import io
 import zlib
 from typing import IO
 
-# Of what is read, and of what comes out of it at once: what the bytes inflate to is a source host's affair.
+# Bytes per read of the file. BufferedReader limits the output: the source host decides how far the data inflate.
 _CHUNK = 1 << 18
-# For zlib: with the head and the sum of gzip.
+# Value of zlib's wbits for the gzip format, with its header and checksum.
 _GZIP = 31
 
 
 class Inflated(io.RawIOBase):
-    """What a compressed file has, forward only; to be read by a buffered reader.
+    """The content of a compressed file, forward only; wrap it in a buffered reader.
 
-    Its parts follow each other, as gzip has it, and zeros may fill it up. zlib.error where it is damaged, EOFError
-    where it ends in the middle. The file stays the caller's.
+    As in gzip, the file may consist of several parts and be padded with zeros. Raises zlib.error if it is damaged and
+    EOFError if it is truncated. The caller closes the file.
     """
 
     def __init__(self, file: IO[bytes]) -> None:
@@ -38,7 +38,7 @@ class Inflated(io.RawIOBase):
         return 0
 
     def _has_more(self) -> bool:
-        """Takes more of the file where that is needed; False at its end."""
+        """Reads more of the file if needed; False at its end."""
         if self._inflate.eof and not self._next_part():
             return False
         if not self._given:
@@ -48,7 +48,7 @@ class Inflated(io.RawIOBase):
         return True
 
     def _next_part(self) -> bool:
-        """After the end of one; False where there is none."""
+        """Begins the next gzip part after the end of one; False if there is none."""
         while True:
             self._given = self._given.lstrip(b"\0") or self._file.read(_CHUNK)
             if not self._given:

@@ -1,7 +1,7 @@
-"""What apply has made: one line for each step, written to the disk before and after it.
+"""What apply has made: one line for each step, synced to the disk before and after it.
 
-The file only grows while a command runs; a line that a kill or a full disk has cut off at its end counts as not
-written. It is written anew, as a whole, when most of its lines are out of date.
+The file only grows while a command runs. An incomplete last line, cut off by a kill or a full disk, is ignored. The
+next run that takes the lock rewrites the file if most of its lines are out of date.
 """
 from __future__ import annotations
 
@@ -20,17 +20,17 @@ from sondrel_restore.kind import Facts, Item, RestoreError
 
 _FILE = "journal"
 _VERSION = 1
-# It is written anew when it has this many lines for each object, and more than a few.
+# It is rewritten when it has more than this many lines per object, and more than 100.
 _LINES_PER_ENTRY = 6
 
 
 @dataclasses.dataclass
 class Entry:
-    """The last that is known of an object that apply has begun to make.
+    """The last known state of an object that apply has begun to make.
 
-    `state` is "begun", when apply did not come to its end (`facts` are then those of the apply before, with
-    what `Journal.note` added), or "done". `source` is the sum or text that tells what it was made from. `at` is
-    in seconds since 1970.
+    `state` is "done", or "begun" when apply did not finish; `facts` are then those of the last finished apply and
+    those that `Journal.note` added. `source` is a sum or text that identifies what it was made from. `at` is in
+    seconds since 1970.
     """
 
     identifier: str
@@ -43,10 +43,10 @@ class Entry:
 
 
 class Journal:
-    """The journal of a session. Reading needs no lock; `locked` gives the right to write."""
+    """The journal of a session. Reading needs no lock; writing does (`locked`)."""
 
     def __init__(self, directory: Path) -> None:
-        """`directory` is made by `locked`; until then the journal is empty."""
+        """`locked` makes `directory`; until then the journal is empty."""
         self._directory = directory
         self._file: int | None = None
         self._entries: dict[str, Entry] = {}
@@ -56,25 +56,25 @@ class Journal:
         self._read()
 
     def entry(self, identifier: str) -> Entry | None:
-        """What is known of the object; None if apply has not made it, or undo has taken it back."""
+        """What is known of the object; None if apply has not made it, or undo has removed it."""
         return self._entries.get(identifier)
 
     def entries(self, kind: str | None = None) -> list[Entry]:
-        """All, or those of a kind, in the order in which they were first made."""
+        """All entries, or those of a kind, in the order in which the objects were first made."""
         return [entry for entry in self._entries.values() if kind in (None, entry.kind)]
 
     def finish_due(self, kind: str) -> frozenset[str]:
-        """The identifiers of what was made or taken back since `finish` of the kind last came to its end."""
+        """The identifiers of objects that were made or removed since `finish` of the kind last succeeded."""
         return frozenset(self._due.get(kind, ()))
 
     def side_file(self, identifier: str, suffix: str) -> str:
-        """The path of a file for facts of an object that are too many for the journal; the kind writes it."""
+        """The path of a file for an object's facts that are too large for the journal. The kind writes it."""
         name = hashlib.sha256(os.fsencode(identifier)).hexdigest()[:32]
         return str(self._directory / f"{name}.{suffix}")
 
     @contextlib.contextmanager
     def locked(self) -> Iterator[None]:
-        """Within it the journal can be written. RestoreError where another run has it."""
+        """Locks the journal for writing within the block. RestoreError if another run has the lock."""
         self._directory.mkdir(mode=0o700, exist_ok=True)
         path = self._directory / _FILE
         lock = os.open(self._directory / "lock", os.O_RDWR | os.O_CREAT | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600)
@@ -93,25 +93,25 @@ class Journal:
             os.close(lock)
 
     def begin(self, item: Item, source: str = "") -> None:
-        """For the core: apply of the object begins. The facts of an earlier apply stay."""
+        """For the core: records that apply of the object begins. The facts of an earlier apply stay."""
         self._write({"record": "begun", "identifier": item.identifier, "kind": item.kind, "name": item.name,
                      "source": source, "at": time.time()})
 
     def note(self, identifier: str, facts: Facts) -> None:
-        """Adds facts of an object whose apply has begun, before that comes to its end: what undo must know."""
+        """Adds facts that undo needs even if apply of the object, which has begun, does not finish."""
         self._write({"record": "noted", "identifier": identifier, "facts": facts})
 
     def done(self, item: Item, facts: Facts, source: str = "") -> None:
-        """For the core: apply of the object came to its end."""
+        """For the core: records that apply of the object has finished."""
         self._write({"record": "done", "identifier": item.identifier, "kind": item.kind, "name": item.name,
                      "facts": facts, "source": source, "at": time.time()})
 
     def undone(self, entry: Entry) -> None:
-        """For the core: the object is gone."""
+        """For the core: records that the object is removed."""
         self._write({"record": "undone", "identifier": entry.identifier, "kind": entry.kind})
 
     def finished(self, kind: str) -> None:
-        """For the core: `finish` of the kind came to its end."""
+        """For the core: records that `finish` of the kind has succeeded."""
         self._write({"record": "finished", "kind": kind})
 
     def _open(self, path: Path) -> None:
@@ -178,7 +178,7 @@ class Journal:
                 _write_all(self._file, line)
                 os.fdatasync(self._file)
             except OSError as error:
-                # The half of a line would make one damaged line with the next.
+                # A partial line would merge with the next line into a damaged one.
                 os.ftruncate(self._file, self._whole)
                 os.lseek(self._file, 0, os.SEEK_END)
                 raise RestoreError(f"The journal cannot be written: {error.strerror}") from error

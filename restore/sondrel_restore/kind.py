@@ -1,7 +1,7 @@
-"""What a kind of object is to the core: the verbs that every module of `kinds/` has.
+"""The interface between the core and the kinds of objects: the verbs that every module of `kinds/` implements.
 
-No module of `kinds/` imports another one. What one kind makes and another one needs (the account here of an
-account there, the socket of a pool, the directories that were restored) goes through `Restore.offer`.
+No module of `kinds/` imports another one. What one kind makes and another one needs (the name here of an account
+there, the socket of a pool, the restored directories) goes through `Restore.offer`.
 """
 from __future__ import annotations
 
@@ -15,20 +15,20 @@ if TYPE_CHECKING:
     from sondrel_restore.journal import Entry
     from sondrel_restore.restore import Restore
 
-# What the journal keeps: plain values that JSON can hold, and no password.
+# What the journal keeps: plain values for JSON, and never a password.
 Facts = dict[str, object]
 
 
 class State(enum.Enum):
-    """What an apply does with an object, as a plan says it."""
+    """What an apply does with an object, as a plan reports it."""
 
     MAKE = "make"  # it is not here
-    SAME = "same"  # it is here, as it should be: nothing to do
-    RENEW = "renew"  # an earlier apply made it, and the fetched one differs from that
-    CONFLICT = "conflict"  # something else of that name is here: needs a decision
-    KEPT = "kept"  # an earlier apply made it, and somebody changed it here: it stays, and is named
-    NEEDS_PACKAGE = "needs package"  # it is made when a package is here that `missing` names
-    LISTED = "listed"  # no restore makes it: it is the administrator's; `says` tells what to do
+    SAME = "same"  # it is here and as it should be: nothing to do
+    RENEW = "renew"  # an earlier apply made it, and the fetched one is newer
+    CONFLICT = "conflict"  # an object of that name is here that no apply made: needs a decision
+    KEPT = "kept"  # an earlier apply made it, and it was changed here since: it stays, and is reported
+    NEEDS_PACKAGE = "needs package"  # apply makes it once a package is here that `missing` names
+    LISTED = "listed"  # never restored, left to the administrator; `says` tells what to do
     IMPOSSIBLE = "impossible"  # this host cannot have it; `says` tells why, and what to do
 
 
@@ -36,14 +36,14 @@ class State(enum.Enum):
 class Item:
     """One object in a plan.
 
-    `kind` and `name` together are its identifier, "site:a.example", which `--replace` and `--skip` take, and
-    by which the journal knows it: it is the same for each run. `says` is one sentence for a person: what is
-    made, or what is in the way, or why it cannot be made. `decisions` are the options, ready to be copied,
-    one of which resolves a conflict. `domains` and `clients` are those that it belongs to; a selection takes an
-    object of which one is selected. One without any is taken where something that is selected asks for it.
-    `data` is what the kind itself wants to find again in `apply`; the core does not look at it. `package` is one that
-    the object is a part of: where an apply installs it, what it brings may be overwritten. `space` is what it takes
-    when it is made: a path and bytes.
+    `kind` and `name` together are its identifier, "site:a.example". `--replace`, `--skip` and the journal use it, so it
+    is the same in each run. `says` is one sentence for a person: what is made, what is in the way, or why it cannot be
+    made. `decisions` are options, ready to be copied; one of them resolves a conflict. `domains` and `clients` are
+    those that the object belongs to; a selection takes an object if it takes one of them. An object without any is
+    taken if a selected object needs it.
+    `data` belongs to the kind, for use in `apply`; the core does not look at it. `package` is the package that the
+    object is part of: if an apply installs that package, it may overwrite the package's files. `space` is what the
+    object needs when it is made: a path and bytes.
     """
 
     kind: str
@@ -64,7 +64,7 @@ class Item:
 
 @dataclasses.dataclass(frozen=True)
 class Missing:
-    """A package that this host lacks, or a note of something that no package brings (`package` empty)."""
+    """A package that this host lacks. If `package` is empty, no package provides what is missing."""
 
     package: str
     because: str
@@ -72,7 +72,7 @@ class Missing:
 
 @dataclasses.dataclass(frozen=True)
 class Finding:
-    """What `verify` says of one object or one of its parts: the same, or how it differs."""
+    """What `verify` reports of one object or a part of it: that it is the same, or how it differs."""
 
     identifier: str
     what: str
@@ -82,7 +82,7 @@ class Finding:
 
 @dataclasses.dataclass(frozen=True)
 class Left:
-    """What `undo` does not take back, and why."""
+    """What `undo` leaves in place, and why."""
 
     identifier: str
     says: str
@@ -91,40 +91,39 @@ class Left:
 class Kind(abc.ABC):
     """One kind of object. An instance lives for one run and holds no state that a rerun would need.
 
-    Errors that a person can do something about are `RestoreError`; the core names the object, goes on with what
-    does not need it, and ends with a failure.
+    A verb raises `RestoreError` for errors that a person can act on. The core reports the object and goes on with the
+    others; the run then ends with a failure.
     """
 
     name: ClassVar[str]
 
     @abc.abstractmethod
     def plan(self, restore: Restore) -> Iterator[Item]:
-        """Each object of this kind in the description, held against this host and the journal. Changes nothing."""
+        """Yields each object of this kind in the description, and its state on this host. Changes nothing."""
 
     def missing(self, restore: Restore) -> Iterator[Missing]:  # pylint: disable=unused-argument
-        """What this host needs for the selected objects and does not have. Changes nothing."""
+        """Yields what the selected objects need and this host lacks. Changes nothing."""
         return iter(())
 
     @abc.abstractmethod
     def apply(self, restore: Restore, item: Item) -> Facts:
-        """Makes or renews it; what was begun and broken off is finished or begun anew.
+        """Makes or renews the object. One that an interrupted run began is finished or made again.
 
-        Called for MAKE and RENEW, and for a CONFLICT that the person decided by `--replace`. The core has
-        journaled the beginning. Returns what `plan` and `undo` need in order to see whether somebody changed it
-        since: sums, numbers, names.
+        Called for MAKE and RENEW, and for a CONFLICT that `--replace` decided. The core has journaled the beginning.
+        Returns what `plan` and `undo` need to detect later changes: sums, numbers, names.
         """
 
     def finish(self, restore: Restore, changed: list[Item]) -> None:
-        """After all objects of this kind: checks of a server, reloads. Not called when nothing changed."""
+        """Runs after all objects of this kind: checks and reloads a server. Not called if nothing changed."""
 
     @abc.abstractmethod
     def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
-        """Holds what is here against what was fetched. Changes nothing."""
+        """Compares what is here with what was fetched. Changes nothing."""
 
     @abc.abstractmethod
     def undo(self, restore: Restore, entry: Entry) -> Left | None:
-        """Takes back what `apply` made, if nobody changed it since; None when it is gone."""
+        """Removes what `apply` made unless it was changed since. None when it is gone, else what stays and why."""
 
 
 class RestoreError(Exception):
-    """Something that went wrong, said for a person: what, with which file or command, and what to do."""
+    """An error for a person: what went wrong, with which file or command, and what to do."""

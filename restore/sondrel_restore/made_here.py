@@ -1,4 +1,4 @@
-"""What an apply has made on this host: found again by the directory that it lies in, without following links."""
+"""Finds, checks and removes what an apply made on this host, without following links."""
 from __future__ import annotations
 
 import contextlib
@@ -19,31 +19,31 @@ if TYPE_CHECKING:
 
 DIRECTORY = os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW | os.O_CLOEXEC
 TEMPORARY = ".sondrel-restore.new"
-# Of files while they are written; hardly one has it afterwards.
+# The mode of files while they are written; finished files hardly ever have it.
 HALF_MODE = 0o200
-# Of a kind of thing that is named, the first so many paths.
+# How many paths a note names for each kind of remark.
 _NAMED = 3
 
-# Why a member is left out; "" if it is not.
+# Says why a member is left out; "" if it is not.
 WhyNot = Callable[[Member], str]
 
 
 @dataclasses.dataclass
 class Notes:
-    """What is named at the end: kinds of things with how many, and the first paths."""
+    """Remarks for the end of a run, each with the number of its paths and the first of them."""
 
     found: dict[str, list[str]] = dataclasses.field(default_factory=dict)
     counts: dict[str, int] = dataclasses.field(default_factory=dict)
 
     def add(self, what: str, path: str) -> None:
-        """Counts a path of a kind of thing."""
+        """Counts a path under a remark."""
         self.counts[what] = self.counts.get(what, 0) + 1
         first = self.found.setdefault(what, [])
         if len(first) < _NAMED and path not in first:
             first.append(path)
 
     def texts(self) -> Iterator[str]:
-        """A text for each kind of thing."""
+        """One text for each remark."""
         for what, paths in self.found.items():
             count = self.counts[what]
             more = f" and {count - len(paths)} more" if count > len(paths) else ""
@@ -51,7 +51,7 @@ class Notes:
 
 
 def about_name(name: str, directory: int) -> os.stat_result | None:
-    """What a directory has under a name, without following a link; None where it has nothing."""
+    """The status of a directory's entry, without following a link; None if there is no such entry."""
     try:
         return os.stat(name, dir_fd=directory, follow_symlinks=False)
     except FileNotFoundError:
@@ -60,7 +60,7 @@ def about_name(name: str, directory: int) -> os.stat_result | None:
 
 @contextlib.contextmanager
 def directory_of(path: str) -> Iterator[int | None]:
-    """A descriptor of the directory above; None where it is gone, or a link leads there."""
+    """A descriptor of the parent directory; None if it is gone or reached through a link that is not trusted."""
     with contextlib.ExitStack() as stack:
         try:
             directory: int | None = stack.enter_context(open_directory(os.path.dirname(path)))
@@ -70,7 +70,7 @@ def directory_of(path: str) -> Iterator[int | None]:
 
 
 def is_same(made: Made, there: os.stat_result, target: str) -> bool:
-    """Whether what is there is what was made, by all that tells without reading it."""
+    """Whether what is there is what was made, as far as its status shows; the content is not read."""
     if made.kind == "l":
         return (stat.S_ISLNK(there.st_mode) and target == made.target
                 and (there.st_uid, there.st_gid) == (made.uid, made.gid))
@@ -82,7 +82,7 @@ def is_same(made: Made, there: os.stat_result, target: str) -> bool:
 
 
 def remove_made(made: Made, name: str, directory: int) -> str:
-    """Removes what was made; returns why it was not, "" if it is gone."""
+    """Removes what was made. Returns why it was not removed, or "" if it is gone."""
     there = about_name(name, directory)
     if there is None:
         return ""
@@ -104,6 +104,6 @@ def remove_made(made: Made, name: str, directory: int) -> str:
 
 
 def facts_of(restore: Restore, identifier: str) -> Facts:
-    """What the journal has of an object; empty where it has nothing."""
+    """The journal's facts of an object; empty if there are none."""
     entry = restore.journal.entry(identifier)
     return entry.facts if entry else {}

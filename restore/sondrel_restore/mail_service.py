@@ -1,7 +1,7 @@
-"""The tables of ours that Postfix and Dovecot read, and the few settings that make them read them.
+"""Writes our tables for Postfix and Dovecot, and the few settings that make the servers read them.
 
 `DIRECTORY` has one document for each domain; `write` makes all tables from them. A setting of Postfix is changed only
-if nobody has set it here; what it was is kept, for the day when the last domain goes.
+if this host has it at its default. It is set back when the last domain is removed.
 """
 from __future__ import annotations
 
@@ -27,14 +27,14 @@ POSTFIX = "/etc/postfix"
 USERS = "/etc/dovecot/sondrel-users"
 DOVECOT_SETTINGS = "/etc/dovecot/conf.d/99-sondrel-restore.conf"
 HEAD = "# Made by sondrel-restore. What is changed here by hand stays, and is not renewed any more.\n"
-# The settings of Postfix that are set, if they are at their default, with the table that each reads; of
-# virtual_mailbox_base the paths in ours begin at the root.
+# The settings of Postfix that are set if they are at their default, with the table that each reads. With "/" as
+# virtual_mailbox_base, the paths in our tables are absolute.
 SETTINGS = {
     "virtual_alias_maps": "virtual", "virtual_mailbox_domains": "domains", "virtual_mailbox_maps": "mailboxes",
     "virtual_uid_maps": "uids", "virtual_gid_maps": "gids", "virtual_mailbox_base": "",
 }
 WHERE_DOMAINS_ARE = ("mydestination", "virtual_mailbox_domains", "virtual_alias_domains", "relay_domains")
-# By release of Dovecot.
+# The settings by release of Dovecot.
 DOVECOT_TEXTS = {
     "2.3": """\
 passdb {
@@ -63,7 +63,7 @@ userdb sondrel-restore {
 
 @dataclasses.dataclass(frozen=True)
 class Tables:
-    """What a domain has in the tables; `refused` are sentences on what is left out."""
+    """The entries of a domain. `refused` has a sentence for each entry that is left out."""
 
     aliases: tuple[Alias, ...]
     users: tuple[User, ...]
@@ -71,7 +71,7 @@ class Tables:
 
 
 def sum_of(tables: Tables) -> str:
-    """Tells whether two fetches say the same of a domain."""
+    """A sum that is equal if two fetches have the same entries of a domain."""
     return hashlib.sha256(json.dumps(dataclasses.asdict(tables), sort_keys=True).encode()).hexdigest()
 
 
@@ -88,18 +88,18 @@ class MailService:
     # --- the documents of the domains ---
 
     def has(self, domain: str) -> bool:
-        """Whether the domain was kept."""
+        """Whether there is a document of the domain."""
         return os.path.lexists(_document(domain))
 
     def keep(self, domain: str, tables: Tables) -> None:
-        """Keeps what a domain has in the tables, for `write`. It holds hashes: it is root's alone."""
+        """Saves the entries of a domain for `write`. The file is for root only, because it has password hashes."""
         make_directories(DIRECTORY, mode=0o700, uid=0, gid=0)
         content = json.dumps({"aliases": [dataclasses.asdict(each) for each in tables.aliases],
                               "users": [dataclasses.asdict(each) for each in tables.users]}).encode()
         atomic_write(_document(domain), content, mode=0o600, uid=0, gid=0)
 
     def drop(self, domain: str) -> None:
-        """The domain is in no table any more after the next `write`."""
+        """Removes the document of the domain: the next `write` removes its entries from all tables."""
         remove_file(_document(domain))
 
     def _kept(self) -> tuple[list[Alias], list[User]]:
@@ -114,11 +114,11 @@ class MailService:
     # --- what this host has without us ---
 
     def is_set_up(self) -> bool:
-        """Whether Postfix is here with settings: its package makes none where it was told to."""
+        """Whether Postfix is configured here: its package may be installed without making settings."""
         return self._host.has_program("postconf") and os.path.exists(f"{POSTFIX}/main.cf")
 
     def taken(self, domain: str) -> str:
-        """The setting of Postfix by which this host has mail for the domain already; empty if there is none."""
+        """The setting of Postfix by which this host already handles mail for the domain; empty if there is none."""
         if self._domains_here is None:
             self._domains_here = self._values("-x", *WHERE_DOMAINS_ARE) if self.is_set_up() else {}
         for setting, value in self._domains_here.items():
@@ -128,7 +128,7 @@ class MailService:
         return ""
 
     def _values(self, *arguments: str) -> dict[str, str]:
-        """Settings of Postfix by name."""
+        """The settings of Postfix that postconf prints, by name."""
         lines = self._host.run(["postconf", *arguments]).stdout.splitlines()
         return {name.strip(): value.strip() for name, _, value in (line.partition("=") for line in lines)}
 
@@ -140,9 +140,9 @@ class MailService:
     # --- writing ---
 
     def write(self) -> None:
-        """Makes all tables from what is kept, and has the servers read them once they have checked them.
+        """Makes all tables from the saved documents; checks them and makes the servers reload.
 
-        A server that refuses gets back what it had, and a RestoreError says so.
+        If a server rejects the settings, its former settings are put back and a RestoreError says so.
         """
         aliases, users = self._kept()
         made = _Made()
@@ -171,7 +171,7 @@ class MailService:
             raise RestoreError(f"Postfix keeps the settings that it had: {error}") from error
         made.save()
         if os.path.exists(f"{self._values('queue_directory')['queue_directory']}/pid/master.pid"):
-            # A file that is left of a crash: there is nothing to reload then.
+            # The file may be left over from a crash; then Postfix does not run and there is nothing to reload.
             if self._host.run(["postfix", "status"], check=False).status == 0:
                 self._host.run(["postfix", "reload"])
 
@@ -227,7 +227,7 @@ class MailService:
     # --- asking ---
 
     def answers(self, tables: Tables) -> Iterator[tuple[str, bool, str]]:
-        """What the servers say of each alias and mailbox: what was asked, whether it is right, and the difference."""
+        """Asks the servers for each alias and mailbox. Yields the question, whether it is right, and the answer."""
         for alias in tables.aliases:
             found = self._host.run(
                 ["postmap", "-q", alias.source, self._table("virtual")], check=False).stdout.strip()
@@ -253,7 +253,7 @@ def _is_table(word: str) -> bool:
 
 
 class _Made:
-    """What was written before: sums of files, and settings, so that what somebody changed since can be told."""
+    """What an earlier run wrote: sums of files, and settings. They show what was changed here since."""
 
     def __init__(self) -> None:
         self._path = f"{DIRECTORY}/{MADE}"
@@ -265,7 +265,7 @@ class _Made:
         self.settings: dict[str, str] = document["settings"]
 
     def write(self, path: str, text: str, gid: int, mode: int) -> bool:
-        """Writes the file, or removes it if there is no text. False where somebody has changed it: then it stays."""
+        """Writes the file, or removes it if the text is empty. Returns False and leaves it if it was changed here."""
         here = content_here(path)
         content = (HEAD + text).encode()
         known = self.files.get(path, [])
@@ -275,7 +275,7 @@ class _Made:
             remove_file(path)
             self.files.pop(path, None)
         elif here != content or sum_of_bytes(content) not in known:
-            # Noted first: killed in between, the next run knows either text for its own.
+            # Record both sums first: after a kill in between, the next run recognizes the old and the new file as ours.
             self.files[path] = [sum_of_bytes(content)] if here is None else [sum_of_bytes(content), sum_of_bytes(here)]
             self.save()
             atomic_write(path, content, mode=mode, uid=0, gid=gid)
@@ -283,12 +283,12 @@ class _Made:
         return True
 
     def save(self) -> None:
-        """Keeps what was written."""
+        """Saves the record, or removes it if it is empty."""
         if not self.files and not self.settings:
             remove_file(self._path)
             for directory in (DIRECTORY, os.path.dirname(DIRECTORY)):
                 with contextlib.suppress(OSError):
-                    # Only if nothing else is in it.
+                    # Fails if the directory has other files; then it stays.
                     os.rmdir(directory)
             return
         make_directories(DIRECTORY, mode=0o700, uid=0, gid=0)

@@ -1,7 +1,7 @@
-"""What may go into the tables of Postfix and Dovecot here, and how it is written there.
+"""Checks what may go into the tables of Postfix and Dovecot here, and formats it.
 
-Addresses and hashes come from the source host, which may be hostile. A table of aliases can start commands, append
-to files and read lists of addresses: nothing but names and addresses goes in.
+Addresses and hashes come from the source host, which may be hostile. An alias table can start commands, append to
+files and include lists of addresses: so only names and addresses are let in.
 """
 from __future__ import annotations
 
@@ -11,11 +11,11 @@ from collections.abc import Collection, Iterator, Sequence
 
 DOMAIN = re.compile(r"(?=.{1,253}\Z)"
                     r"(?:[a-z0-9_](?:[a-z0-9_-]{0,61}[a-z0-9_])?\.)+[a-z0-9](?:[a-z0-9-]{0,61}[a-z0-9])?\Z")
-# Without quotes: what is in them may be a command, a file or an inclusion. No sign that begins one, or an option.
+# No quoted local parts: they may contain a command, a file or an include. No characters that begin one, or an option.
 LOCAL_PART = re.compile(r"(?!-)[A-Za-z0-9._+=~!#$%&'*?^{}-]{1,64}\Z")
 NAME = re.compile(r"[a-z0-9_][a-z0-9._+-]{0,63}\Z", re.IGNORECASE)
 PATH = re.compile(r"/[\w@.,+=~/-]+\Z", re.ASCII)
-# Hashes only. What others can read as a password is not moved.
+# Only hash schemes. A password that can be read in clear is not moved.
 SCHEMES = ("CRYPT", "DES-CRYPT", "MD5-CRYPT", "SHA256-CRYPT", "SHA512-CRYPT", "BLF-CRYPT", "ARGON2I", "ARGON2ID",
            "PBKDF2", "SCRAM-SHA-1", "SCRAM-SHA-256", "SSHA", "SSHA256", "SSHA512", "SMD5")
 HASH = re.compile(r"\{(" + "|".join(SCHEMES) + r")(?:\.(?:b64|hex))?\}[!-9;-~]{8,512}\Z", re.IGNORECASE)
@@ -26,7 +26,7 @@ LARGEST_TABLE = 16 << 20
 
 @dataclasses.dataclass(frozen=True)
 class Alias:
-    """Where mail to an address goes. `source` is an address, or "@" and a domain for all its other addresses."""
+    """Where mail to an address goes. `source` is an address, or "@" and a domain for all other addresses of it."""
 
     source: str
     targets: tuple[str, ...]
@@ -34,7 +34,7 @@ class Alias:
 
 @dataclasses.dataclass(frozen=True)
 class User:
-    """A mailbox of a domain, with numbers of this host. `password` is a hash with its scheme, empty if unknown."""
+    """A mailbox of a domain, with the numbers of this host. `password` is a hash with its scheme; empty if unknown."""
 
     address: str
     path: str
@@ -47,7 +47,7 @@ class User:
 
 
 def split_address(address: str) -> tuple[str, str] | None:
-    """Local part and domain, in lower case, of an address that may go in; None for any other text."""
+    """The local part, and the domain in lower case, of an address that is allowed; None for any other text."""
     local, at, domain = address.rpartition("@")
     domain = domain.lower()
     if not at or not DOMAIN.match(domain) or not LOCAL_PART.match(local) or ".." in local:
@@ -56,12 +56,12 @@ def split_address(address: str) -> tuple[str, str] | None:
 
 
 def targets_of(text: str) -> list[str]:
-    """The targets of an alias, as they stand between commas."""
+    """The targets of an alias, from a list with commas."""
     return [target.strip() for target in text.split(",") if target.strip()]
 
 
 def objection_to_target(target: str, names: Collection[str]) -> str:
-    """Why mail may not go there; empty if it may. `names` are the names without a domain that are allowed."""
+    """Says why mail may not go to the target; empty if it may. `names` are the allowed names without a domain."""
     if target.startswith(("|", "\"|", "\\|")):
         return "is a command"
     if target.startswith(("/", "\"/", "~")):
@@ -78,14 +78,14 @@ def objection_to_target(target: str, names: Collection[str]) -> str:
 
 
 def hash_of(text: str) -> str:
-    """The hash of a password with its scheme; empty for a password in clear, none, or anything else."""
+    """The hash of a password with its scheme; empty for anything else, such as a password in clear."""
     if HASH.match(text):
         return text
     return "{CRYPT}" + text if CRYPT.match(text) else ""
 
 
 def hashes_in(content: bytes) -> Iterator[tuple[str, str]]:
-    """Names and hashes (or "") of a file of users of Dovecot."""
+    """The names in a passwd-file of Dovecot, each with its hash or ""."""
     for line in content[:LARGEST_TABLE].decode("utf-8", "replace").split("\n"):
         name, is_entry, rest = line.partition(":")
         if is_entry and not name.startswith("#"):
@@ -93,12 +93,12 @@ def hashes_in(content: bytes) -> Iterator[tuple[str, str]]:
 
 
 def quota_of(text: str) -> str:
-    """A limit as Dovecot writes it; empty for any other text."""
+    """A quota rule as Dovecot writes it; empty for any other text."""
     return text if _QUOTA.match(text) else ""
 
 
 def line_of_dovecot(user: User, release: str) -> str:
-    """A line of a passwd-file of Dovecot "2.3" or "2.4". Without a hash no password opens it."""
+    """A line of a passwd-file for Dovecot "2.3" or "2.4". Without a hash, no password can log in."""
     more = _fields_of_2_3(user) if release == "2.3" else _fields_of_2_4(user)
     fields = " ".join(f"userdb_{name}={value}" for name, value in more.items())
     return f"{user.address}:{user.password or '{CRYPT}!'}:{user.uid}:{user.gid}::{user.home}::{fields}"
@@ -110,11 +110,11 @@ def _fields_of_2_3(user: User) -> dict[str, str]:
 
 
 def _fields_of_2_4(user: User) -> dict[str, str]:
-    # Debian's settings have INBOX elsewhere, as a file.
+    # Debian's default settings keep INBOX elsewhere, as an mbox file.
     fields = {"mail_driver": user.format, "mail_path": user.path, "mail_inbox_path": user.path}
     kind, _, limit = user.quota.removeprefix("*:").partition("=")
     if kind == "storage":
-        # A number alone was one of kilobytes, and is one of bytes now.
+        # A number without a unit means kilobytes in 2.3 and bytes in 2.4.
         fields["quota_storage_size"] = limit + "K" if limit.isdigit() else limit
     elif kind == "messages" and limit.isdigit():
         fields["quota_message_count"] = limit
@@ -122,7 +122,7 @@ def _fields_of_2_4(user: User) -> dict[str, str]:
 
 
 def maps_of_postfix(aliases: Sequence[Alias], users: Sequence[User]) -> dict[str, str]:
-    """The texts of the maps, by the name of each, from what was checked."""
+    """The texts of the maps by name. The caller has checked all entries."""
     lines: dict[str, list[str]] = {"virtual": [], "mailboxes": [], "uids": [], "gids": [], "domains": []}
     for alias in sorted(aliases, key=lambda each: each.source):
         lines["virtual"].append(f"{alias.source} {', '.join(alias.targets)}")

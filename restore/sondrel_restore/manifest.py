@@ -1,4 +1,4 @@
-"""What was unpacked of an archive, one line for each path; too much for the journal."""
+"""The list of what was unpacked from an archive, one line for each path. It is too long for the journal."""
 from __future__ import annotations
 
 import contextlib
@@ -9,7 +9,7 @@ import os
 
 @dataclasses.dataclass(frozen=True, slots=True)
 class Made:
-    """A path that was made. `kind` is "f", "d" or "l"; `mtime` is in nanoseconds; `target` is a symbolic link's."""
+    """A path that apply made. `kind` is "f", "d" or "l"; `mtime` is in nanoseconds; `target` is for symbolic links."""
 
     path: str
     kind: str
@@ -22,45 +22,45 @@ class Made:
 
     @staticmethod
     def directory(path: str) -> Made:
-        """Of a directory only that it was made counts."""
+        """The entry of a directory. Its attributes are not recorded: they do not matter for undo."""
         return Made(path, "d", 0, 0, 0, 0, 0, "")
 
 
 class Manifest:
-    """A manifest that grows: a line is handed to the kernel before the path that it names is made."""
+    """A manifest that is being written. Each line goes to the kernel before the path that it names is made."""
 
     def __init__(self, path: str, keep: dict[str, Made]) -> None:
-        """`keep` is what the file has from an apply that was broken off."""
+        """`keep` is what an interrupted apply left in the file."""
         self._path = path
         self._kept = keep
         self._file: int | None = None
         self.made: dict[str, Made] = {}
 
     def open(self) -> None:
-        """Opens the file, with what is kept."""
+        """Opens the file, and writes the kept entries to it again."""
         self._file = os.open(self._path, os.O_WRONLY | os.O_CREAT | os.O_NOFOLLOW | os.O_CLOEXEC | os.O_TRUNC, 0o600)
         for made in self._kept.values():
             self._write(made)
 
     def close(self) -> None:
-        """Closes the file; what was written stays for the next apply."""
+        """Closes the file. Its content stays for the next apply."""
         if self._file is not None:
             os.close(self._file)
             self._file = None
 
     def add(self, made: Made) -> None:
-        """Takes it in; a later line of a path counts."""
+        """Adds an entry. If a path has several lines, the last one counts."""
         if self.made.get(made.path) == made:
             return
         self.made[made.path] = made
         self._write(made)
 
     def drop(self, path: str) -> None:
-        """It was not made in the end; a kept line of it does no harm."""
+        """Removes an entry whose path was not made after all. Its line stays in the file, which does no harm."""
         self.made.pop(path, None)
 
     def replace(self, path: str) -> None:
-        """Writes what was made as the manifest `path`, as a whole, and ends this one."""
+        """Atomically writes the entries as the manifest `path`, then closes and removes this file."""
         temporary = path + ".new"
         with open(temporary, "w", encoding="ascii") as file:
             for made in self.made.values():
@@ -85,7 +85,7 @@ def _line(made: Made) -> str:
 
 
 def read_manifest(path: str, *, may_be_cut: bool = False) -> dict[str, Made]:
-    """What a manifest has, in its order; nothing if there is none. Its last line may be cut, if that is expected."""
+    """The entries of a manifest in its order; empty if the file is missing. `may_be_cut` allows a cut last line."""
     made: dict[str, Made] = {}
     try:
         file = open(path, encoding="ascii")

@@ -1,4 +1,4 @@
-"""Gives views, routines, triggers and events, which run with the rights of an account, to accounts of this restore."""
+"""Gives views, routines, triggers and events to accounts of this restore: they run with the rights of their definer."""
 from __future__ import annotations
 
 import re
@@ -8,7 +8,7 @@ from sondrel_restore.databases import Database, User, some
 from sondrel_restore.kind import RestoreError
 from sondrel_restore.mysql_server import MySqlServer, identifier
 
-# What has a definer: the question for all of a database, and where `SHOW CREATE` has sql_mode, zone and statement.
+# By type: the query for its objects, and the columns of `SHOW CREATE` with sql_mode, time zone and statement.
 _KINDS = {
     "view": ("SELECT table_name FROM information_schema.views WHERE table_schema = %s AND definer = %s ORDER BY 1",
              None, None, 1),
@@ -24,10 +24,10 @@ _KINDS = {
 
 
 def settle_definers(server: MySqlServer, database: Database, loader: str, own: list[User]) -> list[str]:
-    """Gives each object that `loader` has made to the account as which it ran there, if that is one of `own`.
+    """Makes the original definer of each object that `loader` made its definer again, if it is one of `own`.
 
-    Others run as the login of `own` with the most rights; where there is none they are removed. Returns
-    sentences on those.
+    Other objects get the login of `own` that has the most rights; without any login they are removed. Returns sentences
+    about these other objects, for a person.
     """
     logins = _by_rights(database, [user for user in own if not user.is_role])
     there = {(definer.kind, definer.object): (definer.name, definer.host) for definer in database.definers}
@@ -48,7 +48,7 @@ def settle_definers(server: MySqlServer, database: Database, loader: str, own: l
             if account is None:
                 account = logins[0]
                 moved.append(shown)
-            # The view stays where it is: others are made of it.
+            # A view is replaced in place: dropping it would break the views that use it.
             if kind != "view":
                 server.run(f"DROP {kind.upper()} IF EXISTS {identifier(name)}")
             make(account)
@@ -62,7 +62,7 @@ def settle_definers(server: MySqlServer, database: Database, loader: str, own: l
 
 
 def _by_rights(database: Database, users: list[User]) -> list[User]:
-    """Those that may do most in the database first."""
+    """The users, sorted by their number of rights in the database, most first."""
     count = {(user.name, user.host): 0 for user in users}
     for grant in database.grants:
         if grant.scope == "database" and (grant.grantee, grant.host) in count:

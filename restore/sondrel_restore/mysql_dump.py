@@ -1,6 +1,6 @@
-"""Dumps of MySQL and MariaDB as the agent writes them: its accounts, read strictly, and the SQL of the database.
+"""Reads the agent's dumps of MySQL and MariaDB: parses the accounts strictly, and passes on the SQL of the database.
 
-The reader is no guard: what it does not take out is run with the rights of the account that loads, whatever it is.
+The reader is no security filter: all SQL that it passes on runs with the rights of the account that loads the dump.
 """
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ _OPTION = re.compile(
     r"|WITH(?: MAX_(?:QUERIES_PER_HOUR|UPDATES_PER_HOUR|CONNECTIONS_PER_HOUR|USER_CONNECTIONS) [0-9]{1,9})+"
     r"|PASSWORD EXPIRE(?: NEVER| DEFAULT| INTERVAL [0-9]{1,5} DAY)?"
     r"|ACCOUNT (?:LOCK|UNLOCK)"
-    # What MySQL writes for each account.
+    # MySQL writes these for each account.
     r"|PASSWORD HISTORY DEFAULT|PASSWORD REUSE INTERVAL DEFAULT|PASSWORD REQUIRE CURRENT DEFAULT)")
 _OF_MYSQL = re.compile(r"PASSWORD (?:HISTORY|REUSE|REQUIRE)")
 
@@ -36,16 +36,16 @@ _DEFINER = rb"DEFINER=`(?:[^`]|``)*`(?:@`(?:[^`]|``)*`)? ?"
 _DEFINED = re.compile(
     rb"(?:(/\*!50013 )" + _DEFINER + rb"|(/\*!50003 CREATE\*/ )/\*!50017 " + _DEFINER + rb"\*/ "
     rb"|(/\*!50106 CREATE\*/ )/\*!50117 " + _DEFINER + rb"\*/ |(CREATE )" + _DEFINER + rb")")
-# Of a table; or a text, which may look like it.
+# A directory option of a table. A text is matched too, so that one that looks like an option is skipped.
 _DIRECTORY = re.compile(rb"( (?:DATA|INDEX) DIRECTORY='(?:[^'\\]|\\.|'')*')|'(?:[^'\\]|\\.|'')*'", re.S)
 _ROW = re.compile(rb"\((?:[^()']|'(?:[^'\\]|\\.|'')*')*\)", re.S)
 
 
 @dataclasses.dataclass(frozen=True)
 class Login:
-    """How an account proves who it is: plugins with their hash (empty: none), and options that are SQL as they stand.
+    """How an account logs in: its plugins, each with a hash or "", and options as SQL.
 
-    `left_out` is what of its statement was not understood.
+    `left_out` is the rest of its statement that was not understood.
     """
 
     methods: tuple[tuple[str, str], ...] = ()
@@ -54,18 +54,18 @@ class Login:
 
 
 class MySqlDump:
-    """Reads a dump once: first `logins`, then `statements`, then what was counted."""
+    """Reads a dump once. First call `logins`, then read all `statements`; after that `rows` is complete."""
 
     def __init__(self, file: IO[bytes]) -> None:
         self._lines = Lines(file)
         self._first = b""
         self._delimiter_before = False
         self._is_routine = False
-        # By table: how many rows the dump has.
+        # The number of rows in the dump, by table.
         self.rows: dict[str, int] = {}
 
     def logins(self) -> dict[tuple[str, str], Login]:
-        """The accounts and roles by name and host, whose statements are those that the agent writes."""
+        """The accounts and roles by name and host. Statements that the agent does not write are ignored."""
         found: dict[tuple[str, str], Login] = {}
         size = 0
         while True:
@@ -82,9 +82,9 @@ class MySqlDump:
                 found[unquoted(name), unquoted(host or "")] = _login(rest)
 
     def statements(self) -> Iterator[bytes]:
-        """The SQL of the database alone, in pieces, without the names of databases and definers.
+        """The SQL of the database alone, in pieces, without database names and definers.
 
-        RestoreError when the dump is not whole.
+        RestoreError if the dump is truncated.
         """
         line = self._first
         while line:
@@ -122,14 +122,14 @@ class MySqlDump:
         self.rows[table] = self.rows.get(table, 0) + count
 
     def _changed(self, line: bytes) -> bytes:
-        """A line as it is run; nothing for one that is left out."""
+        """The line as it is to run; empty if it is left out."""
         is_first = self._delimiter_before
         self._delimiter_before = False
         if line.startswith(b"DELIMITER "):
             self._is_routine = self._delimiter_before = line == b"DELIMITER ;;\n"
             return line
         if self._is_routine:
-            # The first lines, not what the body of a routine has; the others are settings of an event.
+            # Only the head of a routine is changed, not its body. An event has SET lines in front of its head.
             self._delimiter_before = is_first and line.startswith(b"/*!50003 SET ")
             return _without_definer(line) if is_first else line
         if _DROPPED.match(line):

@@ -1,4 +1,4 @@
-"""The MySQL or MariaDB server of this host, asked as its administrator."""
+"""The MySQL or MariaDB server of this host, as its administrator sees it."""
 from __future__ import annotations
 
 import hashlib
@@ -18,18 +18,19 @@ _SOCKETS = ("/run/mysqld/mysqld.sock", "/var/lib/mysql/mysql.sock")
 _OPTION_FILES = ("/root/.my.cnf", "/etc/mysql/debian.cnf")
 _LOCK_WAIT = 60  # seconds
 
-# Whose tables hold rows here: reading others would go to another host or file.
+# Engines that store their rows here. Reading tables of others would access another host or file.
 _ENGINES = ("InnoDB", "MyISAM", "Aria", "MEMORY", "ARCHIVE", "CSV", "ROCKSDB")
 _TABLES_AT_ONCE = 200
 
-# An option of a table, and what is passed over: texts and names, which may look like one.
+# A directory option of a table. Quoted texts and names are matched too, so that one that looks like it is skipped.
 DIRECTORY = re.compile(r" ?(?:DATA|INDEX) DIRECTORY ?= ?'((?:[^'\\]|\\.|'')*)'|'(?:[^'\\]|\\.|'')*'|`(?:[^`]|``)*`",
                        re.S)
 
-# What ends the connection, and with it the load; without a line: the login.
+# Errors that end the connection and so the load. Those without a line number are errors of the login.
 _ENDING = re.compile(r"ERROR (?:[0-9]+(?: \(\w+\))?: |(?:1053|1153|1927|2[0-9]{3})\b)")
 
-# That the server could keep no more: what it says after that may be of tables that have no rows to be missed.
+# The server is out of space. It must be an error: the statements that failed may be of tables whose missing rows
+# would not be noticed.
 _FULL = re.compile(r"ERROR (?:1021|1114)\b|No space left on device|\b(?:errno|Errcode|error):? (?:28|135)\b")
 
 OF_SERVER = re.compile(
@@ -39,17 +40,17 @@ SYSTEM_DATABASES = frozenset({"information_schema", "performance_schema", "mysql
 
 
 def identifier(name: str) -> str:
-    """A name in backticks."""
+    """The name in backticks."""
     return "`" + name.replace("`", "``") + "`"
 
 
 def pattern(name: str) -> str:
-    """A database for a grant, where % and _ would stand for others, too."""
+    """The name of a database for GRANT, where an unescaped % or _ would match other databases."""
     return identifier(re.sub(r"([\\%_])", r"\\\1", name))
 
 
 class MySqlServer:
-    """A connection to the server as its administrator. SQL goes to it one statement at a time."""
+    """A connection to the server as its administrator."""
 
     def __init__(self, connection: Any, socket: str) -> None:
         self._connection = connection
@@ -59,7 +60,7 @@ class MySqlServer:
         self.run(f"SET SESSION lock_wait_timeout = {_LOCK_WAIT}")
 
     def ask(self, sql: str, values: Sequence[object] | None = None) -> list[tuple[Any, ...]]:
-        """The rows that a statement gives. RestoreError with what the server says."""
+        """The rows that a statement returns. RestoreError with the server's message."""
         try:
             with self._connection.cursor() as cursor:
                 cursor.execute(sql, values)
@@ -68,11 +69,11 @@ class MySqlServer:
             raise RestoreError(f"The database server says: {_said(error)}") from error
 
     def run(self, sql: str, values: Sequence[object] | None = None) -> None:
-        """Runs a statement."""
+        """Runs a statement. RestoreError with the server's message."""
         self.ask(sql, values)
 
     def close(self) -> None:
-        """Ends the connection."""
+        """Closes the connection."""
         self._connection.close()
 
     def databases(self) -> set[str]:
@@ -80,11 +81,11 @@ class MySqlServer:
         return {row[0] for row in self.ask("SELECT schema_name FROM information_schema.schemata")}
 
     def accounts(self) -> set[tuple[str, str]]:
-        """All accounts and roles: name and host."""
+        """The name and host of all accounts and roles."""
         return {(row[0], row[1]) for row in self.ask("SELECT User, Host FROM mysql.user")}
 
     def collations(self) -> set[tuple[str, str]]:
-        """The character sets with their collations."""
+        """All pairs of character set and collation."""
         return {(row[0], row[1]) for row in self.ask("SELECT character_set_name, collation_name FROM"
                 " information_schema.collations WHERE character_set_name IS NOT NULL")} | {
             (row[0], row[1]) for row in (self.ask(
@@ -92,7 +93,7 @@ class MySqlServer:
                 " information_schema.collation_character_set_applicability") if self.is_mariadb else [])}
 
     def tables(self, database: str) -> list[str]:
-        """The tables that hold rows here."""
+        """The tables whose rows are stored here."""
         engines = ", ".join(["%s"] * len(_ENGINES))
         return [row[0] for row in self.ask(
             "SELECT table_name FROM information_schema.tables WHERE table_schema = %s AND table_type IN"
@@ -100,12 +101,12 @@ class MySqlServer:
             (database, *_ENGINES))]
 
     def rows(self, database: str, tables: Iterable[str]) -> dict[str, int]:
-        """How many rows tables have; those that a dump has, so with the old ones of versioned tables."""
+        """The number of rows by table, to compare with those of a dump."""
         return {table: int(self.ask(f"SELECT COUNT(*) FROM {identifier(database)}.{identifier(table)}")[0][0])
                 for table in tables}
 
     def fingerprint(self, database: str) -> str:
-        """Of all rows and definitions: another one when somebody has changed something."""
+        """A sum of all rows and definitions: it changes when one of them does."""
         sums = hashlib.sha256()
         tables = self.tables(database)
         for start in range(0, len(tables), _TABLES_AT_ONCE):
@@ -130,7 +131,7 @@ class MySqlServer:
         return sums.hexdigest()
 
     def directories(self, database: str) -> dict[str, list[str]]:
-        """By table: the directories outside of the server's own that its definition names."""
+        """The directories that the definitions of tables name, by table."""
         found: dict[str, list[str]] = {}
         for table in self.tables(database):
             definition = str(self.ask(f"SHOW CREATE TABLE {identifier(database)}.{identifier(table)}")[0][1])
@@ -140,10 +141,10 @@ class MySqlServer:
         return found
 
     def make_loader(self, name: str, database: str) -> bytes:
-        """Makes an account that may do all in that database and nothing else; returns its option file."""
+        """Makes an account with all rights in that database and no others; returns its option file."""
         password = secrets.token_hex(24)
         if self.is_mariadb:
-            # Its hash, so that no log of the server has the password.
+            # Send the hash, so that no log of the server gets the password.
             stored = "*" + hashlib.sha1(hashlib.sha1(password.encode()).digest()).hexdigest().upper()
             self.run("CREATE USER %s@'localhost' IDENTIFIED BY PASSWORD %s", (name, stored))
         else:
@@ -152,12 +153,12 @@ class MySqlServer:
         return f"[client]\nuser={name}\npassword={password}\n".encode()
 
     def remove_loader(self, name: str) -> None:
-        """Ends what the account still does, and removes it; also after a kill."""
+        """Kills the account's connections and removes it. Also works if an earlier run was killed."""
         for (number,) in self.ask("SELECT id FROM information_schema.processlist WHERE user = %s", (name,)):
             try:
                 self.run(f"KILL {int(number)}")
             except RestoreError:
-                continue  # it has just ended by itself; what has not is waited for below
+                continue  # it may have just ended; wait_until_gone finds those that have not
         wait_until_gone(self._connections(name), f"The connection of {name}")
         self.run("DROP USER IF EXISTS %s@'localhost'", (name,))
 
@@ -166,16 +167,17 @@ class MySqlServer:
             yield bool(self.ask("SELECT 1 FROM information_schema.processlist WHERE user = %s", (name,)))
 
     def load(self, host: Host, database: str, login: bytes, statements: Iterable[bytes]) -> list[str]:
-        """Runs SQL in a database as the account of `make_loader`, in a program without rights here.
+        """Runs SQL in a database as the account of `make_loader`, in a client without rights on this host.
 
-        Returns the errors of single statements; the others were run. RestoreError where the server had no room.
+        Returns the errors of statements that failed; all others were run. RestoreError if the connection ended or the
+        server had no room.
         """
         program = "mariadb" if host.has_program("mariadb") else "mysql"
         known = host.run([program, "--no-defaults", "--help"]).stdout
         client = [program, "--defaults-file={secret}", "--no-auto-rehash", "--batch", "--force",
                   "--protocol=socket", f"--socket={self.socket}", "--default-character-set=utf8mb4",
                   "--max-allowed-packet=1G", "--binary-mode", "--local-infile=0", "--plugin-dir=/dev/null"]
-        # What ends no statement of SQL is a command of the client, as "\!" for any program.
+        # Without --sandbox the client runs its own commands, such as "\!", which starts any program.
         client += ["--sandbox"] if "\n  --sandbox" in known else []
         messages = run_sql([*client, f"--database={database}"], login, {}, statements)
         errors = [message for message in messages if message.startswith("ERROR")]
@@ -189,7 +191,7 @@ class MySqlServer:
 
 
 def connect() -> MySqlServer:
-    """To the server of this host as root, or by an option file of root's. RestoreError with the reasons."""
+    """Connects to the server of this host as root, or with an option file of root. RestoreError with the reasons."""
     reasons: list[str] = []
     for socket in filter(os.path.exists, _SOCKETS):
         about = os.stat(os.path.dirname(os.path.realpath(socket)))

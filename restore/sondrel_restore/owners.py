@@ -1,4 +1,4 @@
-"""Whom files of an archive belong to here."""
+"""Maps the owners of files in an archive to accounts of this host."""
 from __future__ import annotations
 
 import contextlib
@@ -13,10 +13,10 @@ if TYPE_CHECKING:
 
 
 class Owners:
-    """Whom files belong to here: accounts and groups of this restore, and for all others the owner of the object."""
+    """Maps owners: accounts and groups of this restore to their numbers here, all others to the owner of the object."""
 
     def __init__(self, restore: Restore, fallback: str) -> None:
-        """`fallback` is the name of an account here. RestoreError if it is not there."""
+        """`fallback` is the name of an account here, the owner of the object. RestoreError if it does not exist."""
         try:
             entry = pwd.getpwnam(fallback)
         except KeyError as error:
@@ -36,7 +36,7 @@ class Owners:
         self._group_names = {group.gid: name for name, group in restore.description.groups.items()}
 
     def user(self, name: str, number: int) -> int:
-        """The number here of who was `name` or, without a name, `number` there."""
+        """The number here of the account `name` of the source host or, if that is empty, of its account `number`."""
         known = self._users.get(name or self._names.get(number, ""))
         if known is None:
             self.strangers.add(name or str(number))
@@ -44,7 +44,7 @@ class Owners:
         return known
 
     def group(self, name: str, number: int) -> int:
-        """The same for a group."""
+        """As `user`, for a group."""
         known = self._groups.get(name or self._group_names.get(number, ""))
         if known is None:
             self.strangers.add(f"group {name or number}")
@@ -52,9 +52,9 @@ class Owners:
         return known
 
     def known_user(self, name: str) -> int | None:
-        """For an access control list; None for who is not of this restore. `name` may be a number."""
+        """For access control lists: the number here, or None if the account is not restored. `name` may be a number."""
         return self._users.get(self._names.get(int(name), "") if name.isdecimal() else name)
 
     def known_group(self, name: str) -> int | None:
-        """The same for a group."""
+        """As `known_user`, for a group."""
         return self._groups.get(self._group_names.get(int(name), "") if name.isdecimal() else name)

@@ -1,4 +1,4 @@
-"""Packages of this host, by dpkg and apt."""
+"""Packages of this host, through dpkg and apt."""
 from __future__ import annotations
 
 import dataclasses
@@ -12,10 +12,10 @@ from sondrel_restore.kind import RestoreError
 from sondrel_restore.restore import Restore
 
 _NAME = re.compile(r"[a-z0-9][a-z0-9+.-]+")
-# What names of packages of one application end with.
+# Suffixes of the names of packages that are parts of one application.
 _PART = re.compile(r"-(?:common|core|mysql|pgsql|sqlite3)\Z")
 _WEB_SERVERS = ("apache2", "nginx")
-# In seconds: some are large, and networks are slow.
+# In seconds. Large packages over a slow network take long.
 _TIME_LIMIT = 3600.0
 
 
@@ -27,7 +27,7 @@ def installed_packages(restore: Restore) -> dict[str, str]:
 
 
 def is_as_packaged(host: Host, package: str, path: str) -> bool:
-    """Whether a file of configuration is as its package, which is installed here, has brought it."""
+    """Whether a configuration file is unchanged since its package, which is installed here, brought it."""
     content = content_here(path)
     settings = host.run(["dpkg-query", "--show", "--showformat=${Conffiles}", package], check=False).stdout
     known = dict(line.split()[:2] for line in settings.splitlines() if len(line.split()) >= 2)
@@ -36,14 +36,14 @@ def is_as_packaged(host: Host, package: str, path: str) -> bool:
 
 @dataclasses.dataclass(frozen=True)
 class Offered:
-    """A package that apt knows here: the section of the archive that it is in ("web", "php"), and its version."""
+    """A package that apt knows here: its section without the component ("web", "php"), and its version."""
 
     section: str
     version: str
 
 
 def offered_packages(restore: Restore, names: Collection[str]) -> dict[str, Offered]:
-    """Those of the packages that apt knows here, by name."""
+    """Those of the named packages that apt knows here, by name."""
     known = sorted(name for name in names if _NAME.fullmatch(name))
     if not known or not restore.host.has_program("apt-cache"):
         return {}
@@ -57,17 +57,17 @@ def offered_packages(restore: Restore, names: Collection[str]) -> dict[str, Offe
 
 
 def _leave_databases_to_restore(restore: Restore, names: Collection[str]) -> None:
-    """Scripts of applications would make an empty database, where the restored one goes."""
+    """Stops the packages' scripts from making an empty database where the restored one goes."""
     if not restore.host.has_program("debconf-set-selections"):
         return
-    # The question has the name of the source or of the package.
+    # The question is named after the source package or the package.
     asked = {(name, each) for name in names for each in (name, _PART.sub("", name))}
     answers = "".join(f"{name} {each}/dbconfig-install boolean false\n" for name, each in sorted(asked))
     restore.host.run(["debconf-set-selections"], input=answers.encode("ascii"))
 
 
 def install(restore: Restore, names: Collection[str]) -> None:
-    """Installs packages with what they depend on, by apt, without questions. RestoreError with what apt says."""
+    """Installs packages and their dependencies with apt, without questions. RestoreError with apt's message."""
     wrong = [name for name in names if not _NAME.fullmatch(name)]
     if wrong:
         raise RestoreError(f"{', '.join(sorted(wrong))} is no name of a package")
@@ -77,7 +77,7 @@ def install(restore: Restore, names: Collection[str]) -> None:
     new_servers = [name for name in _WEB_SERVERS if not restore.host.has_program(name)]
     restore.host.run(["apt-get", "install", *options, "--", *sorted(names)],
                      env={"DEBIAN_FRONTEND": "noninteractive"}, time_limit=_TIME_LIMIT)
-    # One of them has the port 80 now, whichever was first. They are started with their sites.
+    # The first one that apt started has port 80. Stop them all; they are started with their sites.
     for name in new_servers:
         if restore.host.has_program(name):
             restore.host.run(["service", name, "stop"], check=False)

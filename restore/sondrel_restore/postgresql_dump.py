@@ -1,6 +1,6 @@
-"""Dumps of PostgreSQL as the agent writes them: its roles, read strictly, and the SQL of the database.
+"""Reads the agent's dumps of PostgreSQL: parses the roles strictly, and passes on the SQL of the database.
 
-The reader is no guard: what it does not take out is run with the rights of the role that loads, whatever it is.
+The reader is no security filter: all SQL that it passes on runs with the rights of the role that loads the dump.
 """
 from __future__ import annotations
 
@@ -43,7 +43,7 @@ _CLOSED = re.compile(rb"REVOKE [A-Z,]+ ON DATABASE .* FROM PUBLIC;\n")
 
 @dataclasses.dataclass(frozen=True)
 class Role:
-    """A role as the dump makes it. `password` is a hash, or empty; `settings` are names with their values."""
+    """A role as the dump makes it. `password` is a hash or empty; `settings` are names with their values."""
 
     can_log_in: bool
     inherits: bool
@@ -54,25 +54,25 @@ class Role:
 
 
 class PostgreSqlDump:
-    """Reads a dump once: first `roles`, then `statements`, then what was read from these."""
+    """Reads a dump once. First call `roles`, then read all `statements`; after that the attributes are complete."""
 
     def __init__(self, file: IO[bytes]) -> None:
         self._lines = Lines(file)
         self._entry = b""
         self._dollars = b""
         self._schemas: frozenset[str] = frozenset()
-        # By schema and table: how many rows the dump has.
+        # The number of rows in the dump, by schema and table.
         self.rows: dict[tuple[str, str], int] = {}
-        # What belongs to whom, as SQL of a strict form, and the name of the owner.
+        # (object as SQL that was checked, name of its owner)
         self.owners: list[tuple[str, str]] = []
-        # Of the database: role (empty: all), name, values.
+        # Settings of the database: (role or "" for all roles, name, values).
         self.settings: list[tuple[str, str, tuple[str, ...]]] = []
         self.comment = ""
-        # Whether not everybody may connect.
+        # Whether CONNECT was revoked from PUBLIC.
         self.is_closed = False
 
     def roles(self) -> dict[str, Role]:
-        """The roles by name whose statements are those that the agent writes."""
+        """The roles by name. Statements that the agent does not write are ignored."""
         found: dict[str, Role] = {}
         size = 0
         while True:
@@ -90,9 +90,9 @@ class PostgreSqlDump:
                     tuple((one[1], _values(one[2])) for one in _SETTINGS.finditer(settings)))
 
     def statements(self, made_schemas: frozenset[str]) -> Iterator[bytes]:
-        """The SQL of the database alone, in pieces: without what names the database, owners, rights and extensions.
+        """The SQL of the database alone, in pieces, without what names the database, owners, rights and extensions.
 
-        `made_schemas` are there already. RestoreError when the dump is not whole.
+        `made_schemas` are the schemas that exist already. RestoreError if the dump is truncated.
         """
         self._schemas = made_schemas
         while True:
@@ -110,7 +110,7 @@ class PostgreSqlDump:
     def _rows(self, copy: re.Match[bytes], line: bytes) -> Iterator[bytes]:
         table = names(copy[1].decode("utf-8", "surrogateescape"))
         yield line[:-1]
-        # The end of the line is the beginning of the mark where there are no rows.
+        # If the table has no rows, this newline is also the first byte of the end mark.
         self._lines.step_back()
         ends = 0
         for piece in self._lines.until(b"\n\\.\n"):
@@ -119,7 +119,7 @@ class PostgreSqlDump:
         self.rows[table] = self.rows.get(table, 0) + ends - 2
 
     def _is_taken_out(self, line: bytes) -> bool:
-        """Notes what a line says that is not run."""
+        """Whether the line is not run. Records what it says if that is needed later."""
         if self._dollars:
             self._look_for_dollars(line)
             return False
@@ -171,7 +171,7 @@ class PostgreSqlDump:
         return self._entry == b"DATABASE" and text.startswith("CREATE DATABASE ")
 
     def _look_for_dollars(self, line: bytes) -> None:
-        """Whether a text in dollars goes on in the next line."""
+        """Records whether a dollar-quoted text goes on in the next line."""
         for tag in _DOLLARS.findall(line):
             if not self._dollars:
                 self._dollars = tag
@@ -184,18 +184,18 @@ def _values(text: str) -> tuple[str, ...]:
 
 
 def text_of(literal: str) -> str:
-    """What a text in quotes of SQL says."""
+    """The value of a quoted text of SQL."""
     if literal.startswith("E"):
         return literal[2:-1].replace("''", "'").replace("\\\\", "\\")
     return literal[1:-1].replace("''", "'")
 
 
 def unquoted(name: str) -> str:
-    """A name without its double quotes."""
+    """The name without its double quotes."""
     return name[1:-1].replace('""', '"') if name.startswith('"') else name
 
 
 def names(qualified: str) -> tuple[str, str]:
-    """Schema and name."""
+    """Schema and name of a qualified name."""
     parts = re.findall(rf"{_QUOTED}|[^\".]+", qualified)
     return unquoted(parts[0]), unquoted(parts[-1])

@@ -1,4 +1,4 @@
-"""The PostgreSQL server of this host, asked by its client as the account that runs it."""
+"""The PostgreSQL server of this host, queried with psql as the account that runs it."""
 from __future__ import annotations
 
 import base64
@@ -23,7 +23,7 @@ _DIRECTORY = "/run/postgresql"
 _TIME_LIMIT = 24 * 3600.0
 _ROUNDS = 4096
 _TABLES_AT_ONCE = 200
-# No setting that the owner of a database has made there changes what is asked here.
+# These override settings that the owner of a database may have made in it.
 _OPTIONS = "-c search_path=pg_catalog -c standard_conforming_strings=on -c default_transaction_read_only=off" \
     " -c row_security=off -c lock_timeout=60s -c statement_timeout=0 -c client_min_messages=warning"
 
@@ -31,22 +31,22 @@ OF_SERVER = re.compile(r"(?:|pg_.*|public|none|postgres|current_user|current_rol
                        re.I | re.S)
 _LONGEST_NAME = 63  # bytes
 OWN = "n.nspname !~ '^pg_' AND n.nspname <> 'information_schema'"
-# Not what an extension has brought.
+# Excludes tables that an extension made.
 _NO_EXTENSION = "NOT EXISTS (SELECT 1 FROM pg_depend d WHERE d.objid = c.oid AND d.deptype = 'e'" \
     " AND d.classid = 'pg_class'::regclass)"
 
 
-# Of tables: schema, name, rows, and a sum of the transactions that have written them.
+# For each table: schema, name, number of rows, and a sum of the transactions that wrote them.
 Counts = list[tuple[str, str, int, int]]
 
 
 def identifier(name: str) -> str:
-    """A name in double quotes."""
+    """The name in double quotes."""
     return '"' + name.replace('"', '""') + '"'
 
 
 def literal(text: str) -> str:
-    """A text in quotes."""
+    """The text as a literal of SQL."""
     return "E'" + text.replace("\\", "\\\\").replace("'", "''") + "'"
 
 
@@ -57,7 +57,7 @@ def is_allowed(name: str) -> bool:
 
 
 class PostgreSqlServer:
-    """The server with the lowest port, or the usual one. RestoreError if none answers."""
+    """The server with port 5432, else that with the lowest port. RestoreError if none answers."""
 
     def __init__(self, host: Host) -> None:
         self._host = host
@@ -79,16 +79,16 @@ class PostgreSqlServer:
         self.major = int(self.version.split(".")[0])
 
     def __enter__(self) -> PostgreSqlServer:
-        """At the end no connection to it is left open."""
+        """As a context manager it closes all connections at the end."""
         return self
 
     def __exit__(self, *_: object) -> None:
         self.leave()
 
     def script(self, sql: str, database: str = "postgres", *, check: bool = True) -> tuple[str, list[str]]:
-        """Runs SQL of ours, which ends with a semicolon: what it prints, and its errors.
+        """Runs our own SQL, which must end with a semicolon. Returns its output and its errors.
 
-        With `check` the first error is a RestoreError, and what follows it is not run.
+        With `check`, the first error stops the script and raises RestoreError.
         """
         result = self._session(database).run(sql, stops=check, time_limit=_TIME_LIMIT)
         errors = [re.sub(r"^psql:<stdin>:[0-9]+: ", "", line) for line in result.stderr.splitlines()
@@ -98,7 +98,7 @@ class PostgreSqlServer:
         return result.stdout, errors
 
     def _session(self, database: str) -> PsqlSession:
-        """Besides that with the database "postgres" there is one: a database that is connected cannot be renamed."""
+        """Keeps at most one session besides that of the database "postgres": one with connections cannot be renamed."""
         session = self._sessions.get(database)
         if session is not None and session.is_usable():
             return session
@@ -112,12 +112,12 @@ class PostgreSqlServer:
         return self._sessions[database]
 
     def leave(self) -> None:
-        """Ends all connections; the next script makes a new one."""
+        """Closes all connections; the next script opens a new one."""
         while self._sessions:
             self._sessions.popitem()[1].close()
 
     def ask(self, query: str, database: str = "postgres") -> list[dict[str, Any]]:
-        """The rows that a query gives, by the names of their columns."""
+        """The rows of a query, as dictionaries by column. RestoreError with the server's message."""
         out, _ = self.script(f"SELECT coalesce(json_agg(row_to_json(asked)), '[]') FROM ({query}) AS asked;", database)
         rows = json.loads(out)
         assert isinstance(rows, list)
@@ -132,17 +132,17 @@ class PostgreSqlServer:
         return {row["rolname"] for row in self.ask("SELECT rolname FROM pg_roles")}
 
     def extensions(self) -> set[str]:
-        """Those that this host could make in a database."""
+        """The extensions that this host can make in a database."""
         return {row["name"] for row in self.ask("SELECT name FROM pg_available_extensions")}
 
     def own_settings(self) -> set[str]:
-        """What any role may set for itself; without what loads code."""
+        """The settings that any role may set for itself, without those that load code."""
         return {row["name"] for row in self.ask(
             "SELECT lower(name) AS name FROM pg_settings WHERE context = 'user' AND name !~ 'preload_libraries'"
             " AND name NOT IN ('role', 'session_authorization', 'dynamic_library_path')")}
 
     def address(self) -> str:
-        """Where it takes a login by password on this host; empty if it does not."""
+        """The address where the server accepts logins by password on this host; empty if there is none."""
         listens = str(self.ask("SELECT current_setting('listen_addresses') AS a")[0]["a"]).replace(" ", "").split(",")
         return "127.0.0.1" if {"*", "localhost", "127.0.0.1", "0.0.0.0"} & set(listens) else ""
 
@@ -153,31 +153,31 @@ class PostgreSqlServer:
             f" WHERE c.relkind = 'r' AND {OWN} AND {_NO_EXTENSION} ORDER BY 1, 2", database)]
 
     def rows(self, database: str, tables: Iterable[tuple[str, str]]) -> dict[tuple[str, str], int]:
-        """How many rows tables have. Nothing that the database's owner has made is run for it."""
+        """The number of rows by table. Counting runs no code of the database's owner."""
         return {(schema, table): count for schema, table, count, _ in self._counted(database, sorted(tables))}
 
     def _counted(self, database: str, tables: Sequence[tuple[str, str]]) -> Counts:
-        """Besides the count, a sum of the transactions that have written the rows."""
+        """Counts the rows, and sums the transactions that wrote them."""
         found: Counts = []
         for start in range(0, len(tables), _TABLES_AT_ONCE):
             found += [(row["s"], row["t"], row["n"], row["x"]) for row in self.ask(" UNION ALL ".join(
                 f"SELECT {literal(schema)}::text AS s, {literal(table)}::text AS t, coalesce(sum(n), 0) AS n,"
-                # A number for each transaction and not for each row: so it takes a third of the time.
+                # Grouping by transaction instead of summing over each row takes a third of the time.
                 " coalesce(sum(n * xmin::text::numeric), 0) AS x FROM (SELECT xmin, count(*) AS n"
                 f" FROM ONLY {identifier(schema)}.{identifier(table)} GROUP BY xmin) AS written"
                 for schema, table in tables[start:start + _TABLES_AT_ONCE]), database)]
         return found
 
     def fingerprint(self, database: str) -> str:
-        """Of all rows, by who has written them, and of definitions: another one when somebody has changed something."""
+        """A sum of all definitions, and of the rows by their last transactions: it changes when one of them does."""
         return self.fingerprint_of(database, self.counted(database))
 
     def counted(self, database: str) -> Counts:
-        """How many rows each table has, with a sum of the transactions that have written them."""
+        """For each table its number of rows and a sum of the transactions that wrote them."""
         return self._counted(database, self.tables(database))
 
     def fingerprint_of(self, database: str, counts: Counts) -> str:
-        """The same of a database whose rows were counted already, and are not changed meanwhile."""
+        """The fingerprint of a database whose rows the caller has counted, and that has not changed since."""
         definitions = self.ask(
             "SELECT n.nspname AS s, c.relname AS t, c.relkind::text AS k, string_agg(concat_ws(' ', a.attname,"
             " a.atttypid, a.atttypmod, a.attnotnull), ',' ORDER BY a.attnum) AS v FROM pg_class c JOIN pg_namespace n"
@@ -193,13 +193,13 @@ class PostgreSqlServer:
         return hashlib.sha256(repr((counts, definitions)).encode()).hexdigest()
 
     def make_loader(self, name: str) -> bytes:
-        """Makes a role that may log in and nothing else; returns its password file."""
+        """Makes a role that can log in but has no other rights; returns its password file."""
         password = secrets.token_hex(24)
         self.script(f"CREATE ROLE {identifier(name)} LOGIN PASSWORD {literal(_verifier(password))};")
         return f"127.0.0.1:{self.port}:*:{name}:{password}\n".encode()
 
     def remove_loader(self, name: str, database: str = "") -> None:
-        """Ends what the role still does, and removes it with what it has in `database`; also after a kill."""
+        """Ends the role's connections and drops it with all that it owns in `database`. Also works after a kill."""
         if name not in self.roles():
             return
         role = identifier(name)
@@ -210,21 +210,21 @@ class PostgreSqlServer:
         self.script(f"DROP OWNED BY {role}; DROP ROLE {role};")
 
     def drop_database(self, name: str) -> None:
-        """Removes a database, with the connections to it."""
+        """Removes a database if it exists, and closes all connections to it."""
         self.leave()
         self.script(f"DROP DATABASE IF EXISTS {identifier(name)} WITH (FORCE);")
 
     def rename_database(self, name: str, new_name: str) -> None:
-        """Gives a database another name, which none has."""
+        """Renames a database. No other database may have the new name."""
         self.leave()
         self.script(f"ALTER DATABASE {identifier(name)} RENAME TO {identifier(new_name)};")
 
     def load(self, database: str, role: str, login: bytes, statements: Iterable[bytes]) -> list[str]:
-        """Runs SQL in a database as the role of `make_loader`, in a program without rights here.
+        """Runs SQL in a database as the role of `make_loader`, in a client without rights on this host.
 
-        Returns the errors of single statements; the others were run.
+        Returns the errors of statements that failed; all others were run. RestoreError if the connection ended.
         """
-        # After it the client takes no command but the end of it, by the same key.
+        # After \restrict psql runs no backslash command but \unrestrict with the same key, which no dump can guess.
         if "--restrict-key" not in self._host.run([f"{os.path.dirname(self._psql)}/pg_dump", "--help"]).stdout:
             raise RestoreError("psql here does not know \\restrict, without which no foreign SQL is run:"
                                " upgrade postgresql-client")
@@ -233,13 +233,13 @@ class PostgreSqlServer:
             yield f"\\restrict {secrets.token_hex(24)}\n".encode()
             yield from statements
 
-        # No connection of an administrator is in the database while its own SQL runs.
+        # No connection of an administrator may be open in the database while its own SQL runs.
         self.leave()
         client = [self._psql, "-X", "-q", "-A", "-t", "-w", "-v", "ON_ERROR_STOP=0", "-h", "127.0.0.1",
                   "-p", str(self.port), "-U", role, "-d", _connection(database, is_local=False), "-f", "-"]
         messages = run_sql(client, login, {
             "PGPASSFILE": "{secret}", "PGCONNECT_TIMEOUT": "20",
-            # Nothing leaves this host, so that encryption only takes time; where the server insists on it, it gets it.
+            # Encryption only costs time, since nothing leaves this host. "allow" uses it if the server insists.
             "PGSSLMODE": "allow"}, restricted())
         ended = [message for message in messages if re.search(
             r"FATAL: |server closed the connection|connection to server .* failed|No space left", message)]
@@ -255,7 +255,7 @@ def _connection(database: str, *, is_local: bool = True) -> str:
 
 
 def _verifier(password: str) -> str:
-    """What the server keeps of a password, so that no log of it has the password."""
+    """The SCRAM verifier of a password: with it, no log of the server gets the password."""
     salt = secrets.token_bytes(16)
     salted = hashlib.pbkdf2_hmac("sha256", password.encode(), salt, _ROUNDS)
     stored = hashlib.sha256(hmac.digest(salted, b"Client Key", "sha256")).digest()

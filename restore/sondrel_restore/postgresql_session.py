@@ -1,4 +1,4 @@
-"""A psql that stays connected: a database takes dozens of scripts, and to start one for each takes longer than they."""
+"""A psql that stays connected. A database needs dozens of scripts, and starting psql takes longer than a script."""
 from __future__ import annotations
 
 import contextlib
@@ -12,28 +12,28 @@ from sondrel_restore.host import Host, Result
 from sondrel_restore.kind import RestoreError
 
 _CHUNK = 1 << 16
-# In seconds. A server may end a connection that is idle for longer, and a setting of it takes effect in the next one.
+# In seconds. Longer idle connections are replaced: the server may close them, and new settings need a new connection.
 _LONGEST_IDLE = 5.0
 
 
 class PsqlSession:
-    """A psql of ours, which takes scripts from its standard input until it is closed."""
+    """A running psql, which reads scripts from its standard input until it is closed."""
 
     def __init__(self, host: Host, argv: Sequence[str], *, account: str, env: Mapping[str, str]) -> None:
-        """`argv` makes it read standard input. RestoreError if it cannot be started; not if it cannot connect."""
+        """`argv` must make psql read standard input. RestoreError if psql cannot be started, not if its login fails."""
         self._process = host.start(argv, account=account, env=env)
         self._used = time.monotonic()
         assert self._process.stdin is not None
         os.set_blocking(self._process.stdin.fileno(), False)
 
     def is_usable(self) -> bool:
-        """Whether it takes a further script."""
+        """Whether it can run another script."""
         return self._process.poll() is None and time.monotonic() - self._used < _LONGEST_IDLE
 
     def run(self, sql: str, *, stops: bool, time_limit: float) -> Result:
-        """What a script prints, which ends with a semicolon. With `stops` an error ends it and the session.
+        """Runs a script, which must end with a semicolon. With `stops`, an error ends the script and the session.
 
-        The status is 0, or that of a psql that has ended. RestoreError after `time_limit` seconds.
+        The status is 0, or that of psql if it ended. RestoreError after `time_limit` seconds.
         """
         mark = f"end-{secrets.token_hex(16)}"
         script = f"\\set ON_ERROR_STOP {int(stops)}\n{sql}\n\\echo {mark}\n\\warn {mark}\n"
@@ -45,18 +45,18 @@ class PsqlSession:
             self.close()
             raise
         self._used = time.monotonic()
-        # Without its mark it has ended, or is about to.
+        # If a mark is missing, psql has ended or is about to.
         status = 0 if out[1] and err[1] else self._process.wait(time_limit)
         return Result(out[0], err[0], status)
 
     def close(self) -> None:
-        """Ends the connection, and waits for that."""
-        # Leaving it closes the pipes, and waits.
+        """Closes the connection and waits for the end of psql."""
+        # Popen's `with` closes the pipes and waits.
         with contextlib.suppress(BrokenPipeError), self._process:
             pass
 
     def _exchange(self, script: bytes, mark: bytes, deadline: float) -> tuple[tuple[str, bool], tuple[str, bool]]:
-        """Writes and reads at the same time; of both outputs the text, and whether the mark came."""
+        """Writes and reads at the same time. Returns the text of each output, and whether the mark came."""
         process, unwritten = self._process, memoryview(script)
         assert process.stdin is not None and process.stdout is not None and process.stderr is not None
         read = {process.stdout.fileno(): b"", process.stderr.fileno(): b""}
@@ -83,7 +83,7 @@ class PsqlSession:
 
 
 def _written(descriptor: int, content: memoryview) -> int:
-    """How much the pipe took; all of it where nobody reads any more, which the outputs show."""
+    """How many bytes the pipe took. If psql reads no more, all count as taken: its outputs show the error."""
     try:
         return os.write(descriptor, content)
     except BlockingIOError:

@@ -1,4 +1,4 @@
-"""What a person is shown, and the documents for programs."""
+"""The output of the commands: texts for people, and documents for programs."""
 from __future__ import annotations
 
 import collections
@@ -26,7 +26,7 @@ _HEADINGS = (
 
 
 def plan_document(plan: Plan) -> dict[str, object]:
-    """As docs/formats/restore-plan.schema.json describes it."""
+    """The plan in the format of docs/formats/restore-plan.schema.json."""
     return {
         "version": _VERSION,
         "ready": plan.is_ready,
@@ -39,7 +39,7 @@ def plan_document(plan: Plan) -> dict[str, object]:
 
 
 def findings_document(findings: Sequence[Finding]) -> dict[str, object]:
-    """As docs/formats/restore-findings.schema.json describes it."""
+    """The findings in the format of docs/formats/restore-findings.schema.json."""
     return {
         "version": _VERSION,
         "same": all(finding.is_same for finding in findings),
@@ -49,7 +49,7 @@ def findings_document(findings: Sequence[Finding]) -> dict[str, object]:
 
 
 def print_plan(restore: Restore, plan: Plan) -> None:
-    """Each object under what will become of it, the missing packages, and whether it can be applied."""
+    """Prints each object under what will happen to it, the missing packages, and whether the plan can be applied."""
     say = restore.progress.say
     for state, heading in _HEADINGS:
         _print_items(restore, heading, [item for item in plan.items if item.state is state])
@@ -59,14 +59,14 @@ def print_plan(restore: Restore, plan: Plan) -> None:
 
 
 def print_undecided(restore: Restore, plan: Plan) -> None:
-    """Why nothing was applied."""
+    """Prints why nothing was applied."""
     _print_items(restore, "Needs a decision", plan.undecided())
     _print_missing(restore, plan.missing)
     restore.progress.complain("Nothing was changed: decide or install the above first.")
 
 
 def print_outcome(restore: Restore, plan: Plan, outcome: Outcome) -> None:
-    """What an apply did."""
+    """Prints what an apply did."""
     for identifier in outcome.changed:
         restore.progress.say(f"done: {identifier}")
     for state in (State.LISTED, State.KEPT):
@@ -84,7 +84,7 @@ def print_outcome(restore: Restore, plan: Plan, outcome: Outcome) -> None:
 
 
 def print_undone(restore: Restore, outcome: Outcome) -> None:
-    """What an undo did."""
+    """Prints what an undo did."""
     for left in outcome.left:
         restore.progress.say(f"left: {left.identifier}: {left.says}")
     _print_failures(restore, outcome)
@@ -92,7 +92,7 @@ def print_undone(restore: Restore, outcome: Outcome) -> None:
 
 
 def print_findings(restore: Restore, findings: Sequence[Finding]) -> None:
-    """The table of a verify."""
+    """Prints the findings of a verify as a table."""
     rows = [("same" if each.is_same else "DIFFERS", each.identifier, each.what, each.says) for each in findings]
     widths = [max((len(row[column]) for row in rows), default=0) for column in range(3)]
     for row in rows:

@@ -1,4 +1,4 @@
-"""Writes one page about a session: what moved, how long it took, what is missing, what answers here."""
+"""Writes one page about a session: what moved, how long it took, what is missing, what verify found."""
 from __future__ import annotations
 
 import base64
@@ -23,14 +23,14 @@ from sondrel_restore.verification import Verification, load
 
 TEMPLATES = Path(__file__).parent / "templates"
 FILE_NAME = "report.html"
-# Of each severity; the documents have them all. A page with more is of no use on a phone.
+# For each severity. More would make the page unusable on a phone; the documents of the session have them all.
 MOST_PROBLEMS = 500
 MOST_DIFFERENCES = 500
 
 
 @dataclasses.dataclass(frozen=True)
 class Checked:
-    """What verify has found of one object."""
+    """What verify found for one object."""
 
     identifier: str
     checks: int
@@ -38,7 +38,7 @@ class Checked:
 
 
 def render(facts: Facts, entries: Sequence[Entry], verification: Verification | None, now: str) -> bytes:
-    """The page, in UTF-8. It has no script, loads nothing and says so in a policy of its own."""
+    """The page, in UTF-8. It has no script and loads nothing; its content security policy enforces that."""
     environment = jinja2.Environment(
         loader=jinja2.FileSystemLoader(TEMPLATES),
         autoescape=True,
@@ -72,7 +72,7 @@ def render(facts: Facts, entries: Sequence[Entry], verification: Verification | 
 
 
 def write_report(session: Session) -> str:
-    """Writes the page into the session, for the caller alone, and returns its path. RestoreError if a document
+    """Writes the page into the session, readable by the caller only, and returns its path. RestoreError if a document
     is damaged."""
     facts = gather(session, Description(session.dump))
     entries = Journal(session.journal_directory).entries()
@@ -83,27 +83,27 @@ def write_report(session: Session) -> str:
 
 
 def _shown(value: object) -> object:
-    """Text of other hosts without what a person cannot see; what is markup already is ours."""
+    """Escapes invisible characters in texts of other hosts. Markup is our own and stays as it is."""
     if isinstance(value, str) and not isinstance(value, Markup):
         return "\n".join(map(escaped, value.split("\n")))
     return value
 
 
 def _share(part: int, whole: int) -> str:
-    """The length of a bar of 100; what is not nothing can be seen."""
+    """The length of a bar, of 100. Anything above 0 gets a visible length."""
     if part <= 0 or whole <= 0:
         return "0"
     return f"{max(0.5, min(100.0, 100 * part / whole)):.1f}"
 
 
 def _moment(text: str) -> str:
-    """A time for people; a text that is none stays as it is."""
+    """A time in a form for people; a text that is no time stays as it is."""
     moment = figures.parse_time(text)
     return moment.strftime("%Y-%m-%d %H:%M UTC") if moment else text
 
 
 def _checked(verification: Verification | None) -> list[Checked]:
-    """By object, those with differences first."""
+    """The findings by object, objects with differences first."""
     if verification is None:
         return []
     checks: Counter[str] = Counter()

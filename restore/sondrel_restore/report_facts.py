@@ -1,7 +1,7 @@
-"""What a session tells of its migration: gathered for the report from the documents that are there.
+"""Gathers the facts of a migration for the report, from the documents of the session.
 
-What they say comes from the source host, which may be hostile: no name in them is opened here. Archives are
-only asked for their size, below the directory that they were fetched to.
+Their texts come from the source host, which may be hostile: no path in them is opened. Archives are only checked
+for their size, below the directory that they were fetched to.
 """
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ class Step:
 
 @dataclasses.dataclass(frozen=True)
 class Moved:
-    """One object and what its archives hold. Sizes are bytes; `is_here` is None where nothing was packed."""
+    """One object and its archives. Sizes are bytes; `is_here` is None if nothing was packed."""
 
     kind: str
     name: str
@@ -44,7 +44,7 @@ class Moved:
 
 @dataclasses.dataclass(frozen=True)
 class Owner:
-    """A client, the host itself, or nobody, with the objects that belong to it."""
+    """A client, the host itself, or the owner of what belongs to no client, with its objects."""
 
     name: str
     objects: tuple[Moved, ...]
@@ -57,7 +57,7 @@ class Owner:
 
 @dataclasses.dataclass(frozen=True)
 class Problem:
-    """What the agent or a run of the tool has named."""
+    """A problem that the agent or a run of `sondrel` reported."""
 
     severity: str
     about: str
@@ -66,7 +66,7 @@ class Problem:
 
 @dataclasses.dataclass(frozen=True)
 class Facts:
-    """All that the report says of the migration itself."""
+    """All facts of the migration in the report."""
 
     host: str
     distribution: str
@@ -79,25 +79,25 @@ class Facts:
     archives: str
 
     def count(self, kind: str) -> int:
-        """The number of objects of that kind."""
+        """The number of objects of a kind."""
         return sum(each.kind == kind for owner in self.owners for each in owner.objects)
 
     def total(self, attribute: str) -> int:
-        """The bytes of all objects, "unpacked" or "packed"."""
+        """The bytes of all objects; `attribute` is "unpacked" or "packed"."""
         return sum(getattr(each, attribute) for owner in self.owners for each in owner.objects)
 
     @property
     def missing_archives(self) -> int:
-        """The number of objects whose archive is not where it was fetched to."""
+        """The number of objects with an archive that is missing or has another size."""
         return sum(each.is_here is False for owner in self.owners for each in owner.objects)
 
     def problems_of(self, severity: str) -> list[Problem]:
-        """Those of a severity, in the order of the documents."""
+        """The problems of a severity, in the order of the documents."""
         return [each for each in self.problems if each.severity == severity]
 
 
 def gather(session: Session, description: Description) -> Facts:
-    """Reads what else is in the session. RestoreError where a document is damaged."""
+    """Gathers the facts from the description and the other documents. RestoreError if one of these is damaged."""
     dump = description.tree
     has_content = dump.get("content") == "yes"
     return Facts(
@@ -120,7 +120,7 @@ def _distribution(server: Element | None) -> str:
 
 
 def _steps(session: Session) -> Iterator[Step]:
-    """Those of sondrel-migrate; of a session without it the dump alone, which has left its times."""
+    """The steps of sondrel-migrate. A session without it has only the dump, with the times of its status document."""
     if session.migration is None:
         status = read_document(session.directory / "dumping-status.xml")
         if status is not None:
@@ -172,20 +172,20 @@ def _data_of(parent: Element, maker: _Maker) -> Iterator[Moved]:
 
 
 def _names(domain: Element) -> str:
-    """The other names of a site: the first few, since some have hundreds."""
+    """The other names of a site: only the first few, because some sites have hundreds."""
     names = [name.text or "" for name in domain.iterfind("name") if name.text != domain.get("name")]
     more = f" and {len(names) - 5} more" if len(names) > 5 else ""
     return ", ".join(names[:5]) + more
 
 
 class _Maker:
-    """Makes rows of elements that have contents."""
+    """Makes a row for each element that may have archives."""
 
     def __init__(self, description: Description, archives: Path, has_content: bool) -> None:
         self.description = description
         self.archives = archives
         self.has_content = has_content
-        # An archive that several objects name counts with the first of them.
+        # An archive that several objects name is counted for the first one only.
         self.seen: Counter[str] = Counter()
 
     def moved(self, element: Element, kind: str, detail: str) -> Moved:
@@ -204,7 +204,7 @@ class _Maker:
         )
 
     def _is_here(self, content: Element) -> bool:
-        """Whether a file of the size that the description gives lies where the archives are fetched to."""
+        """Whether the file is in the directory of archives with the size that the description gives."""
         try:
             status = os.lstat(self.archives / content.get("file"))
         except OSError:
@@ -217,7 +217,7 @@ def _name_of(element: Element) -> str:
 
 
 def _number(text: str | None) -> int:
-    """A count of bytes; 0 for what is none. No host has a number of more digits than these."""
+    """A count of bytes; 0 for any other text. No real count has 19 digits or more."""
     return int(text) if text and text.isascii() and text.isdigit() and len(text) < 19 else 0
 
 
@@ -233,7 +233,7 @@ def _problems(session: Session, dump: Element) -> Iterator[Problem]:
             continue
         for message in result.iter("message"):
             parent = message.getparent()
-            # What caused another message is told with that one.
+            # A nested message is the cause of the one around it, and is reported with that.
             if parent is None or parent.tag == "message":
                 continue
             severity = "warning" if message.get("severity") == "warning" else "error"

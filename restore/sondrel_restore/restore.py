@@ -1,4 +1,4 @@
-"""What every verb of a kind is given, and the loops over all kinds: plan, apply, verify, undo."""
+"""The context that every verb of a kind gets, and the loops over all kinds: plan, apply, verify, undo."""
 from __future__ import annotations
 
 import contextlib
@@ -17,12 +17,12 @@ from sondrel_restore.session import Session
 from sondrel_restore.space import missing_space
 
 
-# The source host does not have any more what was fetched once.
+# For an archive that has increments: the source host no longer has a part that was fetched once.
 _REMEDY = "dump and fetch it whole (sondrel-migrate --from=dump --full)"
 
 
 class Restore:
-    """The context that every verb of a kind is given. Lives for one run."""
+    """The context that every verb of a kind gets. Lives for one run."""
 
     def __init__(self, session: Session, description: Description, selection: Selection,
                  decisions: Decisions, *, against: str = "") -> None:
@@ -30,7 +30,7 @@ class Restore:
         self.description = description
         self.selection = selection
         self.decisions = decisions
-        # The address of the live source host, for verify; empty where the description is what counts.
+        # The address of the live source host for verify. Empty: compare with the description.
         self.against = against
         self.host = Host()
         self.journal = Journal(session.journal_directory)
@@ -40,10 +40,10 @@ class Restore:
         self._named: list[tuple[str, str]] = []
 
     def offer(self, fact: str, key: str, value: object) -> None:
-        """For kinds after this one; in `plan`, so that their plans have it too: what is here, or will be.
+        """Offers a fact to later kinds. `plan` calls it, so that their plans know what is here or will be.
 
-        Facts of the core: "account" (name there -> name here), "group" (the same), "tree" (path -> name of the
-        account here whose it is): a directory that was or will be restored.
+        Facts of the core: "account" (name there -> name here), "group" (the same), "tree" (path of a directory that is
+        or will be restored -> name of the account here that owns it).
         """
         self._offers.setdefault(fact, {})[key] = value
 
@@ -52,19 +52,19 @@ class Restore:
         return self._offers.get(fact, {})
 
     def name(self, identifier: str, text: str) -> None:
-        """Something that a person must know of an object that is otherwise done: left out, dropped, kept.
+        """Notes what a person must know about an object that is otherwise finished: left out, dropped, kept.
 
-        Shown at the end of an apply, in the order of the calls.
+        The notes are shown at the end of an apply, in the order of the calls.
         """
         self._named.append((identifier, text))
 
     @property
     def named(self) -> Sequence[tuple[str, str]]:
-        """What was named so far: identifiers and texts."""
+        """The notes so far: identifiers and texts."""
         return self._named
 
     def archive(self, content: Element) -> Archive:
-        """The archive of an element `content`, with its increments. Sizes and sums are checked at the first reading."""
+        """The archive of an element `content`, with its increments. Size and sum are checked at the first reading."""
         file = str(content.get("file"))
         if file not in self._archives:
             increments = [self._increment(element) for element in content.iterfind("increment")]
@@ -86,36 +86,36 @@ class Restore:
 
 @dataclasses.dataclass
 class Plan:
-    """What a plan found: the objects in the order of apply, and what this host lacks."""
+    """The result of planning: the objects in the order of apply, and what this host lacks."""
 
     items: list[Item]
     missing: list[Missing]
 
     def undecided(self) -> list[Item]:
-        """Conflicts that no option decides."""
+        """The conflicts that no option has decided."""
         return [item for item in self.items if item.state is State.CONFLICT]
 
     @property
     def is_ready(self) -> bool:
-        """Whether it can be applied as it is."""
+        """Whether it can be applied without further decisions or packages."""
         return not self.undecided() and not self.missing
 
 
 @dataclasses.dataclass
 class Outcome:
-    """How an apply or an undo went: what was done, and what failed with the reason."""
+    """The result of an apply or undo: what was done, and what failed with the reason."""
 
     changed: list[str] = dataclasses.field(default_factory=list)
     failed: list[tuple[str, str]] = dataclasses.field(default_factory=list)
     left: list[Left] = dataclasses.field(default_factory=list)
-    # What this host cannot have, with the reason.
+    # What cannot be made here, with the reason.
     impossible: list[tuple[str, str]] = dataclasses.field(default_factory=list)
 
 
 def plan_kind(restore: Restore, kind: Kind, known: set[str] | None = None) -> Iterator[Item]:
-    """The selected objects of a kind; a conflict that is decided by --replace is to be made.
+    """Yields the selected objects of a kind. A conflict that --replace decided is changed to MAKE.
 
-    Adds to `known` the identifiers of all objects of the description, those that are left out too.
+    Adds to `known` the identifiers of all objects of the kind, also of those that are not selected.
     """
     for item in kind.plan(restore):
         if known is not None:
@@ -129,7 +129,7 @@ def plan_kind(restore: Restore, kind: Kind, known: set[str] | None = None) -> It
 
 
 def make_plan(restore: Restore, kinds: Sequence[Kind]) -> Plan:
-    """Asks all kinds. Changes nothing. RestoreError if an option names an object that there is not."""
+    """Plans all kinds. Changes nothing. RestoreError if an option names an unknown object."""
     items: list[Item] = []
     missing: list[Missing] = []
     known = {f"package:{package.get('name')}" for package in restore.description.tree.iterfind(".//site/package")}
@@ -145,12 +145,12 @@ def make_plan(restore: Restore, kinds: Sequence[Kind]) -> Plan:
 
 
 def apply_plan(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Outcome:
-    """Makes what the plan says. The journal must be locked. What fails is named, and the rest goes on."""
+    """Makes what the plan says. The journal must be locked. A failure is recorded, and the other objects go on."""
     outcome = Outcome()
     total = len(plan.items)
     number = 0
     for kind in kinds:
-        # What an earlier kind has made may have changed what this one finds.
+        # Plan again if an earlier kind made something: this kind may find another state now.
         items = list(plan_kind(restore, kind)) if outcome.changed else [
             item for item in plan.items if item.kind == kind.name]
         changed: list[Item] = []
@@ -190,7 +190,7 @@ def _failure_named(identifier: str, outcome: Outcome) -> Iterator[None]:
 
 
 def _finish(restore: Restore, kind: Kind, items: Sequence[Item], outcome: Outcome) -> None:
-    """Also for what an earlier run has made that was killed before this."""
+    """Calls `finish` if it is due, also for objects of an earlier run that was killed before it."""
     due = restore.journal.finish_due(kind.name)
     if not due:
         return
@@ -200,7 +200,7 @@ def _finish(restore: Restore, kind: Kind, items: Sequence[Item], outcome: Outcom
 
 
 def verify_items(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Iterator[Finding]:
-    """Holds each object of the plan against what was fetched."""
+    """Compares each object of the plan with what was fetched."""
     for kind in kinds:
         for item in plan.items:
             if item.kind != kind.name or item.state is State.LISTED:
@@ -220,20 +220,20 @@ def verify_items(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Iterato
 
 
 def _selected_entries(restore: Restore, kinds: Sequence[Kind]) -> set[str]:
-    """The identifiers of what is asked for as a whole."""
+    """The identifiers of the objects that are selected as a whole."""
     return {item.identifier for kind in kinds for item in plan_kind(restore, kind)
             if restore.selection.takes_whole(item)}
 
 
 def undo_all(restore: Restore, kinds: Sequence[Kind]) -> Outcome:
-    """Takes back what the journal has and is selected, the last kind first. The journal must be locked.
+    """Removes the selected objects of the journal, the last kind first. The journal must be locked.
 
-    With a selection what others have a part in stays, and what the description does not have any more.
+    With a selection, objects stay that also belong to what is not selected, or that the description no longer has.
     """
     outcome = Outcome()
     selected = None if restore.selection.is_all else _selected_entries(restore, kinds)
     for kind in reversed(kinds):
-        # Later kinds find out by plans what there is; those before them are asked as in an apply.
+        # The order is reversed: objects of later kinds use those of earlier ones.
         for entry in reversed(restore.journal.entries(kind.name)):
             if restore.decisions.skip(entry.identifier) or selected is not None and entry.identifier not in selected:
                 continue

@@ -1,4 +1,4 @@
-"""What is restored, and what the person has decided."""
+"""What to restore, and the decisions that the options make."""
 from __future__ import annotations
 
 import dataclasses
@@ -9,10 +9,10 @@ from sondrel_restore.kind import Item, RestoreError
 
 
 class Selection:
-    """Objects by the domains and clients that they belong to; everything if none was named."""
+    """Selects objects by the domains and clients that they belong to; all objects if none was named."""
 
     def __init__(self, description: Description, domains: frozenset[str], clients: frozenset[str]) -> None:
-        """A domain may be named by any of its names. RestoreError for one that the description does not have."""
+        """A domain may be given by any of its names. RestoreError for a name that the description does not have."""
         self._is_all = not domains and not clients
         self._clients = clients
         self._domains: set[str] = set()
@@ -30,31 +30,31 @@ class Selection:
 
     @property
     def is_all(self) -> bool:
-        """Whether nothing was selected, so that everything is taken."""
+        """Whether no domain or client was named, so that everything is selected."""
         return self._is_all
 
     def takes(self, item: Item) -> bool:
-        """Whether the object is asked for."""
+        """Whether the object is selected."""
         return self._is_all or not self._domains.isdisjoint(item.domains) or not self._clients.isdisjoint(item.clients)
 
     def takes_whole(self, item: Item) -> bool:
-        """Whether nothing has a part in the object that is not asked for, so that it can be taken back."""
+        """Whether all domains or clients that the object belongs to are selected, so that it can be removed."""
         if item.domains:
             return self._is_all or item.domains <= self._domains
         return self._is_all or bool(item.clients) and item.clients <= self._clients
 
     def takes_domain(self, name: str) -> bool:
-        """Whether the domain, by the name that it has in the description, is asked for."""
+        """Whether the domain is selected. `name` is its name in the description."""
         return self._is_all or name in self._domains
 
     def takes_client(self, name: str) -> bool:
-        """Whether the client is asked for as a whole."""
+        """Whether the client is selected as a whole."""
         return self._is_all or name in self._clients
 
 
 @dataclasses.dataclass(frozen=True)
 class Decisions:
-    """What the options say of objects that need a decision."""
+    """The decisions that the options make about objects."""
 
     replaced: frozenset[str] = frozenset()
     skipped: frozenset[str] = frozenset()
@@ -64,7 +64,7 @@ class Decisions:
     trust_configuration: bool = False
 
     def replace(self, identifier: str) -> bool:
-        """Whether what is here already may be overwritten."""
+        """Whether the object may overwrite what is here."""
         return identifier in self.replaced
 
     def skip(self, identifier: str) -> bool:

@@ -10,12 +10,12 @@ from sondrel_restore.kind import RestoreError
 
 
 class Session:
-    """Where the parts of a session lie. Only root may have been able to put them there."""
+    """The paths of a session. Only root must be able to write to them."""
 
     def __init__(self, directory: str, archives: str = "") -> None:
-        """The fetched files lie in `archives`; without it where sondrel-migrate put them, or in the session.
+        """The fetched files are in `archives`; by default where sondrel-migrate put them, or in the session.
 
-        RestoreError if it is no session, or one into which an account other than root's may write.
+        RestoreError if it is no session, or if an account other than root can write to it.
         """
         self.directory = Path(os.path.abspath(directory))
         self.journal_directory = self.directory / "restore"
@@ -26,7 +26,7 @@ class Session:
         migrate = self.directory / "migrate"
         for path in (self.directory, self.journal_directory, migrate):
             _check_private(path)
-        # What sondrel-migrate notes of itself; None in a session that other programs filled.
+        # The state document of sondrel-migrate; None if the session was made without it.
         self.migration: Element | None = read_document(migrate / "state.xml")
         self.archives = Path(os.path.abspath(archives)) if archives else self._archives()
         _check_private(self.archives)

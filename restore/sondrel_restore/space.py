@@ -1,4 +1,4 @@
-"""Room on the file systems of this host for what a plan makes."""
+"""Checks that the file systems of this host have room for what a plan makes."""
 from __future__ import annotations
 
 import os
@@ -9,9 +9,10 @@ from sondrel_restore.kind import Item, Missing, State
 
 
 def missing_space(items: Iterable[Item], begun: Callable[[str], bool]) -> Iterator[Missing]:
-    """Each file system that has less room than the objects that are new need.
+    """Yields each file system with less free space than the new objects on it need.
 
-    What is renewed needs what it has, and of what was begun by an earlier run a part is there.
+    Renewed objects are not counted, because they need about the space that they have. Nor are objects that an earlier
+    run began, because a part of them is already here.
     """
     needed: dict[int, int] = {}
     places: dict[int, str] = {}

@@ -1,9 +1,9 @@
-"""Trees of one object while they are made from archives.
+"""Makes the trees of one object from archives.
 
-Members go below the roots that the caller gives, each by a descriptor of its directory, which is opened component by
-component without following links: whoever changes the tree meanwhile leads nothing elsewhere. What is new belongs
-to root alone until it is complete. A manifest beside the journal has what was made, so that a later fetch
-is applied as a difference, and undo knows what was changed here.
+Members are made below the roots that the caller gives. Each directory is opened component by component without
+following links, so an account that changes the tree meanwhile cannot redirect a write. New files belong to root
+alone until they are complete. A manifest beside the journal lists what was made: by it a later fetch is applied as
+a difference, and undo detects what was changed here.
 """
 from __future__ import annotations
 
@@ -34,7 +34,7 @@ _DEEPEST = 200
 
 
 def outermost(roots: list[list[str]]) -> list[list[str]]:
-    """The roots that do not lie below another one."""
+    """The roots that are not below another root."""
     found: list[list[str]] = []
     for root in sorted(roots):
         if not any(root[:len(outer)] == outer for outer in found):
@@ -43,9 +43,9 @@ def outermost(roots: list[list[str]]) -> list[list[str]]:
 
 
 def make_above(above: list[str], begun: Collection[str]) -> None:
-    """Makes the directories above a root that are missing: within a home its owner's, else root's.
+    """Makes the missing directories above a root: within a home they belong to its owner, else to root.
 
-    `begun` are those that an apply that was killed may have left half made.
+    `begun` are directories that an apply that was killed may have left unfinished.
     """
     homes = {account.pw_dir: account for account in pwd.getpwall() if account.pw_dir.count("/") > 1}
     owner = (0, 0)
@@ -57,7 +57,7 @@ def make_above(above: list[str], begun: Collection[str]) -> None:
 
 
 class Tree:
-    """The trees of one object while they are made."""
+    """Makes the trees of one object. Use it as a context manager; call `take`, then `complete`."""
 
     def __init__(self, restore: Restore, identifier: str, roots: list[str], owners: Owners) -> None:
         self._restore = restore
@@ -65,11 +65,11 @@ class Tree:
         self._roots = outermost([components(root) for root in roots])
         self._owners = owners
         self._old = read_manifest(restore.journal.side_file(identifier, "manifest"))
-        # Of an apply that was broken off: what it had made so far.
+        # What an interrupted apply had made so far is in the file "begun".
         self._is_first = not os.path.exists(restore.journal.side_file(identifier, "manifest"))
         self._begun = read_manifest(restore.journal.side_file(identifier, "begun"), may_be_cut=True)
         self._new = Manifest(restore.journal.side_file(identifier, "begun"), keep=self._begun)
-        # The directory above a root, and those below it on the way to the present one, each with its descriptor.
+        # The descriptors of the open directories: first that above a root, then each one down to the current directory.
         before = facts_of(restore, identifier)["before"]
         assert isinstance(before, dict)
         self._new_above = [path for path, was in before.items() if was is None] if self._is_first else []
@@ -91,7 +91,7 @@ class Tree:
         self._new.close()
 
     def take(self, archive: Archive) -> None:
-        """All members below the roots."""
+        """Makes all members of an archive that are below the roots."""
         for member, contents in archive.members():
             if not member.path:
                 self.notes.add("left out, since its name leads outside", member.raw_name)
@@ -129,7 +129,7 @@ class Tree:
     # --- directories ---
 
     def _enter(self, parts: list[str], root: list[str]) -> int | None:
-        """A descriptor of the directory, which is made if it is missing; None where something else is in its place."""
+        """A descriptor of the directory, which is made if missing. None if something else is in its place and stays."""
         above = root[:-1]
         if self._base != above:
             self._leave(0)
@@ -147,14 +147,14 @@ class Tree:
         return self._trail[-1][1]
 
     def _leave(self, depth: int) -> None:
-        """Closes the descriptors below a depth."""
+        """Closes all descriptors deeper than `depth`."""
         while len(self._trail) > depth:
             os.close(self._trail.pop()[1])
         if not depth:
             self._base = None
 
     def _begin_at(self, above: list[str]) -> None:
-        """Opens the directory above a root, by links of root's only; it is made if it is missing."""
+        """Opens the directory above a root, and makes it if missing. Only root's links are followed."""
         make_above(above, self._new_above)
         with open_directory("/" + "/".join(above)) as directory:
             self._trail = [("", os.dup(directory))]
@@ -162,7 +162,7 @@ class Tree:
 
     def _enter_one(self, parts: list[str]) -> int | None:
         path, name, parent = "/" + "/".join(parts), parts[-1], self._trail[-1][1]
-        # Something else in its place goes, it is made, and then opened.
+        # Up to three attempts: what is in its place is removed, the directory is made, then opened.
         for _ in range(3):
             try:
                 descriptor = os.open(name, DIRECTORY, dir_fd=parent)
@@ -181,7 +181,7 @@ class Tree:
         raise RestoreError(f"{path} is changed by something else at the same time")
 
     def complete(self) -> None:
-        """Owners, modes and times of directories, what has vanished there, and the manifest."""
+        """Removes what has vanished from the archives, sets the attributes of directories, writes the manifest."""
         self._remove_vanished()
         for path, member in sorted(self._directories.items(), reverse=True):
             parts = components(path)
@@ -204,7 +204,7 @@ class Tree:
             return
         about = os.fstat(descriptor)
         if not self._is_made_by_us(path):
-            # What is in it may be another one's, who would lose it with the directory.
+            # Another account may own files in it, and must not lose access to them.
             self.notes.add("has the owner and mode that it had here", path)
             return
         uid = self._owners.user(member.user, member.uid)
@@ -256,11 +256,11 @@ class Tree:
         self.count += 1
 
     def _made(self, member: Member) -> Made | None:
-        """What it will be here; None, and named, where it cannot be."""
+        """The entry of the member for the manifest; None, with a note, if it cannot be made."""
         uid = self._owners.user(member.user, member.uid)
         gid = self._owners.group(member.group, member.gid)
         if member.kind == "link":
-            # Programs follow links of root's where they do not follow those of others.
+            # A link must not be root's: programs follow root's links where they do not follow those of other accounts.
             return Made(member.path, "l", 0, member.mtime, 0, uid or self._owners.uid, gid, member.target)
         if member.kind == "hard link":
             known = self._new.made.get(member.target)
@@ -274,7 +274,7 @@ class Tree:
         return Made(member.path, "f", member.size, member.mtime, member.mode & 0o1777, uid, gid, "")
 
     def _write(self, member: Member, made: Made, directory: int, name: str, contents: Contents) -> bool:
-        """Returns whether it was made."""
+        """Returns whether the file or link was made."""
         if member.kind == "link":
             os.symlink(member.target, name, dir_fd=directory)
             own_link(name, directory, made)
@@ -288,7 +288,7 @@ class Tree:
             os.utime(descriptor, ns=(member.mtime, member.mtime))
             os.fchown(descriptor, made.uid, made.gid)
             self._set_attributes(descriptor, member)
-            # The mode comes last: by it a rerun knows that the file is whole.
+            # Set the mode last: by it a rerun recognizes a complete file.
             os.fchmod(descriptor, made.mode)
         finally:
             os.close(descriptor)
@@ -307,7 +307,7 @@ class Tree:
     def _set_attributes(self, descriptor: int, member: Member) -> None:
         for name, value in member.attributes.items():
             if name.startswith("system.posix_acl_"):
-                # With numbers of the source host; the list comes as text, too.
+                # It has numbers of the source host. The archive also has the list as text, which is used below.
                 continue
             if not name.startswith("user."):
                 self.notes.add(f"without its attribute {name}", member.path)
@@ -333,13 +333,13 @@ class Tree:
         return self._begun.get(path) or self._old.get(path)
 
     def _is_up_to_date(self, made: Made, there: os.stat_result, name: str, directory: int) -> bool:
-        """Whether it is here as an apply of this or an earlier run made it, so that it need not be made again."""
+        """Whether an apply, this one or an earlier one, already made it and it is unchanged."""
         known = self._new.made.get(made.path) or self._known(made.path)
         target = os.readlink(name, dir_fd=directory) if stat.S_ISLNK(there.st_mode) else ""
         return known is not None and is_same(made, there, target)
 
     def _may_replace(self, path: str, name: str, directory: int) -> bool:
-        """Whether what is here was made by an apply, and nobody changed it since, or may be overwritten."""
+        """Whether what is here may be overwritten, since an apply made it and it is unchanged, or by an option."""
         there = about_name(name, directory)
         if there is None or path in self._new.made or self._begun.get(path) is not None:
             return there is None or not stat.S_ISDIR(there.st_mode)
@@ -354,14 +354,14 @@ class Tree:
         return True
 
     def _remove_directory(self, path: str) -> bool:
-        """Makes way for something else; False, and named, where somebody made files in it."""
+        """Removes a directory that is in the way. Returns False if it stays because it has files that no apply made."""
         self._remove_vanished(path)
         with directory_of(path) as directory:
             is_gone = directory is None or about_name(os.path.basename(path), directory) is None
         return is_gone
 
     def _remove_vanished(self, top: str = "") -> None:
-        """With `top`, of that path and what is below it only."""
+        """Removes what the archives no longer have; with `top`, only that path and what is below it."""
         for path, made in sorted(self._old.items(), reverse=True):
             if path in self._new.made or path in self._directories or not f"{path}/".startswith(f"{top}/"):
                 continue

@@ -1,7 +1,7 @@
-"""Whether a unit of systemd from another host may be installed here: what is in it, line by line.
+"""Checks line by line whether a systemd unit of the source host may be installed here.
 
-systemd reads units as root, and much of what a unit may say is done by root: a command with the prefix "+", files
-for output, directories that change their owner. Only what is listed here goes in.
+systemd reads units as root, and does much of what they say as root: commands with the prefix "+", files for output,
+directories that change their owner. So only the settings that are listed here are accepted.
 """
 from __future__ import annotations
 
@@ -10,17 +10,17 @@ import re
 NAME = re.compile(r"[A-Za-z0-9_][A-Za-z0-9_.-]*\.(?:service|timer)")
 LARGEST = 64 << 10
 
-# What systemd passes over around names and values. Other blanks of Unicode are part of a name that it does not know.
+# The characters that systemd strips from names and values. It takes other Unicode spaces as part of a name.
 _BLANKS = " \t"
 
 _TIME = r"[0-9A-Za-z .:,/*~-]+"
 _SPAN = r"[0-9]+(?:\.[0-9]+)? ?[a-z]*(?: [0-9]+ ?[a-z]+)*|infinity"
 _YES_OR_NO = r"yes|no|true|false|on|off|1|0"
-# A command with one of the prefixes "+" and "!" is run with the rights of root; "-" and "@" give none.
+# The prefixes "+" and "!" run a command with rights of root, so they are not accepted; "-" and "@" are harmless.
 _COMMAND = r"[-@]*/[^\s].*"
 _UNITS = r"(?:[A-Za-z0-9_.-]+\.(?:target|service|socket) ?)+"
 
-# What a section may say, and the form of the value. The account is checked besides.
+# The settings that each section may have, and the pattern of their values. User and Group are checked separately.
 ALLOWED: dict[str, dict[str, str]] = {
     "Unit": {"Description": ".*", "Documentation": ".*", "After": _UNITS, "Before": _UNITS,
              "Wants": r"network(?:-online)?\.target", "ConditionPathExists": r"!?/.*"},
@@ -43,7 +43,7 @@ ALLOWED: dict[str, dict[str, str]] = {
 
 
 def objection(name: str, content: bytes, account_there: str, group_there: str) -> str:
-    """Why the unit of that name may not be installed for the account; empty if it may."""
+    """Says why the unit may not be installed for the account; empty if it may."""
     if not NAME.fullmatch(name):
         return "its name is not that of a service or a timer"
     if len(content) > LARGEST:
@@ -52,7 +52,7 @@ def objection(name: str, content: bytes, account_there: str, group_there: str) -
         text = content.decode()
     except UnicodeDecodeError:
         return "it is no UTF-8"
-    # Some of them end a line for systemd, also within a comment.
+    # For systemd some control characters end a line, even within a comment.
     if any(character < " " and character not in "\t\n" or character == "\x7f" for character in text):
         return "it holds control characters"
     return _objection_to_lines(name, text, account_there, group_there)
@@ -106,6 +106,6 @@ def _against(section: str, line: str) -> str:
 
 
 def with_account(content: bytes, account_here: str, group_here: str) -> bytes:
-    """The text of a unit without objection, with the names that its account and group have here."""
+    """The content of an accepted unit, with the names that its account and group have here."""
     text = re.sub(r"(?m)^[ \t]*User[ \t]*=.*$", f"User={account_here}", content.decode())
     return re.sub(r"(?m)^[ \t]*Group[ \t]*=.*$", f"Group={group_here}", text).encode()

@@ -1,4 +1,4 @@
-"""Trees that were unpacked: taken back, and held against their archives."""
+"""Undoes and verifies trees that `unpack` made."""
 from __future__ import annotations
 
 import contextlib
@@ -20,7 +20,7 @@ if TYPE_CHECKING:
 
 
 def remove_unpacked(restore: Restore, entry: Entry) -> Left | None:
-    """Takes back what `unpack` made of an object, but for what was changed or added here since."""
+    """Removes what `unpack` made of an object. What was changed or added here since stays, and is reported."""
     journal = restore.journal
     before = dict(entry.facts.get("before") or {})  # type: ignore[call-overload]
     notes = Notes()
@@ -41,7 +41,7 @@ def remove_unpacked(restore: Restore, entry: Entry) -> Left | None:
 
 
 def _take_back(path: str, ways: list[Made], may_be_half: bool) -> str:
-    """Removes what was made in one of several ways; returns why it was not, "" if it is gone."""
+    """Removes a path if it is in one of the recorded states. Returns why it stays, or "" if it is gone."""
     with directory_of(path) as directory:
         if directory is None:
             return ""
@@ -60,15 +60,15 @@ def _take_back(path: str, ways: list[Made], may_be_half: bool) -> str:
 
 
 def _is_half(there: os.stat_result) -> bool:
-    """Whether it looks as files and links do while they are made."""
+    """Whether it looks like an unfinished file or link."""
     if stat.S_ISLNK(there.st_mode):
         return there.st_uid == 0
-    # An access control list changes the bits of the group.
+    # Ignore the bits of the group: an access control list changes them.
     return stat.S_ISREG(there.st_mode) and stat.S_IMODE(there.st_mode) & ~0o070 == HALF_MODE
 
 
 def _restore_roots(before: dict[str, object]) -> None:
-    """Directories above that were made go if they are empty; roots that were there get back what they had."""
+    """Removes the directories that were made above the roots if they are empty; resets roots that were there before."""
     for path, was in sorted(before.items(), reverse=True):
         with directory_of(path) as directory:
             if directory is None:
@@ -92,9 +92,10 @@ def _restore_roots(before: dict[str, object]) -> None:
 def verify_unpacked(
         restore: Restore, identifier: str, archives: Iterable[Archive], roots: Iterable[str], *,
         takes: WhyNot | None = None) -> Iterator[Finding]:
-    """Holds each file and link below the roots against the archives, byte for byte; directories must be there.
+    """Compares each file and link below the roots with the archives, byte for byte. Of directories only the existence
+    is checked.
 
-    What `takes` has a reason against is left out.
+    A member for which `takes` gives a reason is skipped.
     """
     wanted = [components(root) for root in set(roots)]
     differs = Notes()

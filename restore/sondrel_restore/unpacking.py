@@ -1,4 +1,4 @@
-"""Archives into trees of this host: for files of sites and clients, and for mailboxes."""
+"""Unpacks archives into trees of this host: files of sites and clients, and mailboxes."""
 from __future__ import annotations
 
 import os
@@ -18,13 +18,13 @@ if TYPE_CHECKING:
 
 def unpack(restore: Restore, identifier: str, archives: Iterable[Archive], roots: Iterable[str], owner: str, *,
            takes: WhyNot | None = None, overwrites: bool = False) -> Facts:
-    """Makes or renews the trees `roots` (absolute paths) from archives, for an object whose apply has begun.
+    """Makes or renews the trees `roots` (absolute paths) from archives. The object's apply must have begun.
 
-    Files belong to the accounts here that were offered as "account" for who they were there, else to the account
-    `owner` of this host. What an earlier apply made and the archives do not have any more is removed. What
-    somebody changed here since is kept and named, as is what is left out of an archive. Directories above
-    that are missing are made: in a home as its owner's, else as root's. `takes` says why a member is left out, ""
-    if it is not; with `overwrites` files that no apply has made are replaced. Returns facts for `remove_unpacked`.
+    An owner of the source host maps to the account here that was offered as "account"; all others map to the account
+    `owner` of this host. What an earlier apply made and the archives no longer have is removed. What was changed here
+    since is kept; it and what is left out of an archive are noted. Missing directories above the roots are made: within
+    a home for its owner, else for root. `takes` says why a member is left out, or "". With `overwrites`, files that no
+    apply made are replaced. Returns facts for `remove_unpacked`. RestoreError if an archive or a path cannot be used.
     """
     wanted = sorted(set(roots))
     owners = Owners(restore, owner)
@@ -47,7 +47,7 @@ def unpack(restore: Restore, identifier: str, archives: Iterable[Archive], roots
 
 
 def _note_roots(restore: Restore, identifier: str, roots: Iterable[str]) -> None:
-    """How each root was before the first apply, for undo: null, or mode, owner, group and time."""
+    """Notes for undo how each root was before the first apply: null, or mode, owner, group and time."""
     noted = dict(facts_of(restore, identifier).get("before") or {})  # type: ignore[call-overload]
     for root in roots:
         for path in down_to(root):

@@ -1,4 +1,4 @@
-"""What the last `verify` of a session has found, kept beside the journal for `report`."""
+"""Keeps the findings of the last `verify` of a session beside the journal, for `report`."""
 from __future__ import annotations
 
 import dataclasses
@@ -17,14 +17,14 @@ VERSION = 1
 
 @dataclasses.dataclass(frozen=True)
 class Verification:
-    """The findings of one run of `verify`, and its time as "2026-11-21T10:00:00Z"."""
+    """The findings of one `verify`, and its time as "2026-11-21T10:00:00Z"."""
 
     at: str
     findings: tuple[Finding, ...]
 
 
 def save(directory: Path, findings: Iterable[Finding]) -> None:
-    """Keeps the findings of a run of `verify`, in the place of those before, if an apply has made the directory."""
+    """Replaces the kept findings. Does nothing if no apply has made the directory."""
     document = {"version": VERSION, "at": now(), "findings": [dataclasses.asdict(each) for each in findings]}
     if directory.is_dir():
         atomic_write(str(directory / FILE_NAME), json.dumps(document, indent=0).encode("ascii") + b"\n",
@@ -32,7 +32,7 @@ def save(directory: Path, findings: Iterable[Finding]) -> None:
 
 
 def load(directory: Path) -> Verification | None:
-    """The last verification; None before the first one. A file that cannot be read is a RestoreError."""
+    """The last verification; None if there was none. RestoreError if the file cannot be read."""
     path = directory / FILE_NAME
     try:
         document = json.loads(path.read_bytes())

@@ -1,4 +1,4 @@
-"""Bytes, attributes and owners of what is written from an archive."""
+"""Writes contents, attributes and owners of files and links from an archive."""
 from __future__ import annotations
 
 import errno
@@ -11,13 +11,13 @@ from sondrel_restore.manifest import Made
 
 
 def own_link(name: str, directory: int, made: Made) -> None:
-    """Gives a link that was just made to its owner, who may have put something else in its place meanwhile."""
+    """Sets the owner of a link that was just made. RestoreError if something else has taken its place meanwhile."""
     descriptor = os.open(name, os.O_PATH | os.O_NOFOLLOW | os.O_CLOEXEC, dir_fd=directory)
     try:
         about = os.fstat(descriptor)
         if not stat.S_ISLNK(about.st_mode) or about.st_uid != os.geteuid():
             raise RestoreError(f"{made.path} is changed by something else at the same time")
-        # Not by its name: of the very link that was looked at.
+        # Not by name: this is the very link that was checked.
         os.chown(f"/proc/self/fd/{descriptor}", made.uid, made.gid)
     finally:
         os.close(descriptor)
@@ -42,7 +42,7 @@ def _write_all(descriptor: int, content: bytes) -> None:
 
 
 def set_attribute(descriptor: int, name: str, value: bytes) -> bool:
-    """False where the file system has no such attributes."""
+    """Sets an extended attribute. Returns False if the file system does not support them."""
     try:
         os.setxattr(descriptor, name, value)
     except OSError as error:
