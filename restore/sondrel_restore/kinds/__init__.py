@@ -1,6 +1,6 @@
-"""The kinds of objects, in the order in which they are applied; undone in the reverse one.
+"""The kinds of objects, in the order in which they are applied; undo uses the reverse order.
 
-A module of this package has `KINDS`, a tuple of classes of `Kind`.
+Each module of this package has `KINDS`, a tuple of classes of `Kind`.
 """
 from __future__ import annotations
 

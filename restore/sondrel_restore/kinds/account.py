@@ -1,4 +1,4 @@
-"""Accounts of persons, with a locked password. Those of the system and of services are matched by name only."""
+"""Accounts of persons, made with a locked password. Those of the system and of services are only matched by name."""
 from __future__ import annotations
 
 import glob
@@ -21,9 +21,9 @@ _NAME = re.compile(r"[A-Za-z_][A-Za-z0-9_.-]{0,31}")
 _FIRST, _LAST = 1000, 59999
 _NO_LOGIN = "/usr/sbin/nologin"
 _NO_HOME = "/nonexistent"
-# They let nobody in: they need not be in /etc/shells.
+# These shells allow no login, so they need not be in /etc/shells.
 _SHELLS_OF_NOBODY = ("/usr/sbin/nologin", "/sbin/nologin", "/bin/false", "/usr/bin/false")
-# Web servers enter it; others see nothing but what they know the name of.
+# Web servers can enter a home; other accounts only reach files in it whose names they know.
 _HOME_MODE = 0o711
 
 
@@ -38,7 +38,8 @@ class AccountKind(Kind):
         for account in restore.description.accounts.values():
             here = restore.decisions.account_here(account.name)
             if account.system or account.uid == 0:
-                # The description may call a person's account one of the system: it would be taken without a question.
+                # The description may claim that a person's account is one of the system, to get it without a question.
+                # So a person's account here is taken only if --map-account names it.
                 known = account_of(here)
                 if known and (not _FIRST <= known.pw_uid <= _LAST or account.name in restore.decisions.accounts):
                     restore.offer("account", account.name, here)
@@ -83,13 +84,13 @@ class AccountKind(Kind):
         for home in reversed(homes):
             if not _remove_empty(home):
                 return Left(entry.identifier, f"its home {home} is not empty")
-        # Only the account: its home is removed above, and its mail is somebody's.
+        # Without --remove: the home is removed above, and the mail may still be needed.
         restore.host.run(["userdel", name])
         return None
 
 
 def _domains_by_account(restore: Restore) -> dict[str, set[str]]:
-    """Whose files or programs a domain needs, besides its client's."""
+    """The domains that need files or programs of an account, by account. A domain needs its client's, too."""
     found: dict[str, set[str]] = {}
     for domain in restore.description.domains():
         names = {domain.client}
@@ -143,7 +144,7 @@ def _state(restore: Restore, account: Described, here: str) -> tuple[State, str,
 
 
 def _what_it_has(account: pwd.struct_passwd) -> str:
-    """What whoever runs programs as an account of this host would get; "" for one that has nothing yet."""
+    """What programs that run as this existing account would gain, as a clause; "" if it has nothing yet."""
     groups = [group.gr_name for group in grp.getgrall()
               if account.pw_name in group.gr_mem and group.gr_gid != account.pw_gid]
     if groups:
@@ -188,7 +189,7 @@ def _own_group(restore: Restore, account: Described, notes: list[str]) -> list[s
 
 
 def _home(account: Described, notes: list[str]) -> str:
-    # useradd writes it into a line of fields.
+    # useradd writes the home into a line of /etc/passwd, where ":" separates the fields.
     reason = "no home" if not account.home else why_not(account.home)
     if not reason and (":" in account.home or not account.home.isprintable()):
         reason = "its home has characters that cannot be in /etc/passwd"
@@ -212,13 +213,13 @@ def _shell(account: Described, notes: list[str]) -> str:
 
 
 def _join_groups(restore: Restore, account: Described, here: str) -> list[str]:
-    """Puts it into groups of persons; those of the system give rights here that nobody has given."""
+    """Adds the account to groups of persons. Groups of the system would give it rights that nobody granted."""
     joined = []
     for group in restore.description.groups.values():
         if account.name not in group.members:
             continue
         there = group_of(str(restore.offered("group").get(group.name, "")))
-        # What a group that was here before may do nobody has given to the source host.
+        # Nor did the administrator grant it the rights of a group that was here before the restore.
         if there is None or not _FIRST <= there.gr_gid <= _LAST or not _is_of_restore(restore, group.name):
             restore.name(f"account:{account.name}", f"is not in the group {group.name} here: add it, if it is to be,"
                          f" by usermod --append --groups {group.name} {here}")
@@ -233,7 +234,7 @@ def _is_of_restore(restore: Restore, group: str) -> bool:
 
 
 def _make_home(restore: Restore, identifier: str, account: pwd.struct_passwd) -> list[str]:
-    """The directories that are new. They are noted before: undo must know them after a kill, too."""
+    """Makes the home; returns its new directories. They are noted before, because undo needs them after a kill, too."""
     if account.pw_dir == _NO_HOME or why_not(account.pw_dir):
         return []
     entry = restore.journal.entry(identifier)

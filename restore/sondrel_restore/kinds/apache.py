@@ -1,4 +1,4 @@
-"""Sites of Apache: a file of virtual hosts for each, with what they use, from the blocks of the description."""
+"""Sites of Apache: makes a file of virtual hosts for each site, with the definitions that they use."""
 from __future__ import annotations
 
 import dataclasses
@@ -27,7 +27,7 @@ from sondrel_restore.web.site_data import Block, Site, is_chosen, listening_port
 _DIRECTORY = "/etc/apache2"
 _PID_FILE = "/run/apache2/apache2.pid"
 
-# Expressions for lines of a site, with the modules that they need.
+# Patterns for lines of a site, with the modules that such lines need.
 _MODULES = (
     (r"rewrite\w+ ", ("rewrite",)), (r"(request)?header ", ("headers",)), (r"expires\w+ ", ("expires",)),
     (r"ssl\w+ ", ("ssl", "socache_shmcb")), (r".*\bfcgi://", ("proxy", "proxy_fcgi")), (r".*\bhttps?://.*", ()),
@@ -40,7 +40,7 @@ _MODULES = (
     (r"require +(group)", ("authz_groupfile",)), (r"(order|allow|deny|satisfy) ", ("access_compat",)),
 )
 
-# Of what Apache says when it refuses its configuration: warnings, and that it has failed.
+# Lines of Apache's error output that do not say what is wrong: warnings, and that the command failed.
 _ASIDE = re.compile(r"AH00558|^AH[0-9]+: Warning: |^Action '.*' failed|^The Apache error log may have")
 
 
@@ -133,7 +133,7 @@ class Apache(site_kind.SiteKind):
 
     @staticmethod
     def meets(name: str, here: str) -> bool:
-        """Apache asks the first of its files that has a name or a pattern for it."""
+        """A pattern counts on either side: Apache uses the first of its files with a name or pattern that matches."""
         return fnmatch.fnmatchcase(here, name) or fnmatch.fnmatchcase(name, here)
 
     def _conflict(self, restore: Restore, site: Site, own: set[str],
@@ -152,7 +152,7 @@ class Apache(site_kind.SiteKind):
         return self.ports_here.why_taken(_ports(hosts)), frozenset()
 
     def _listen_files(self, hosts: Iterable[Directive]) -> dict[str, bytes]:
-        """A file for each port that Apache does not listen at yet; several sites may have one."""
+        """A file for each port that Apache does not listen at yet. Several sites may share such a file."""
         found: dict[str, bytes] = {}
         for port in sorted(_ports([*hosts])):
             path = f"{_DIRECTORY}/conf-available/sondrel-listen-{port}.conf"
@@ -162,7 +162,7 @@ class Apache(site_kind.SiteKind):
         return found
 
     def _module_links(self, hosts: Iterable[Directive]) -> dict[str, str]:
-        """Links that switch on modules, but for those that somebody else has switched on."""
+        """Links that enable the needed modules, without the modules that are already enabled here."""
         found: dict[str, str] = {}
         for module in sorted(_modules_of(hosts)):
             for suffix in ("load", "conf"):
@@ -193,7 +193,7 @@ class Apache(site_kind.SiteKind):
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
         if not entries:
             if take_ports_back() and any(_others_at(port) for port in map(int, _listens_here())):
-                # As it was before: it could not have the port.
+                # Stop it again: it did not run before, because another server has its port.
                 restore.host.run(["service", "apache2", "stop"], check=False)
                 return
         elif running(_PID_FILE, self.program) is None:
@@ -203,7 +203,7 @@ class Apache(site_kind.SiteKind):
         reload_service(restore.host, "apache2", _PID_FILE, self.program, signal.SIGUSR1)
 
     def _ports_of_others(self, restore: Restore) -> set[int]:
-        """Ports that other programs have or restored sites of nginx need, and no site of Apache."""
+        """Ports that other programs use or restored sites of nginx need, and that no site of Apache needs."""
         of_nginx: set[int] = set()
         of_apache: set[int] = set()
         for site in (*sites_of(restore, "nginx"), *self.chosen(restore)):
@@ -226,13 +226,13 @@ def _shown(directive: Directive) -> str:
 
 
 def _php_of(site: Site) -> str:
-    """How the site's PHP was run; empty where it had none."""
+    """The handler that ran the site's PHP; empty if it had no PHP."""
     php = site.element.find("php")
     return "" if php is None else str(php.get("handler") or "other")
 
 
 def _server_names(hosts: Iterable[Directive]) -> Iterator[str]:
-    """What the virtual hosts are for, which need not be what the description says."""
+    """The names that the virtual hosts serve. They may differ from the names in the description."""
     for host in hosts:
         for each in host.block or ():
             if each.name in ("servername", "serveralias"):
@@ -265,7 +265,7 @@ def _php_modules() -> list[str]:
 
 
 def _listens_here() -> Iterator[str]:
-    """Ports that Apache's file of ports names, as far as its modules are switched on."""
+    """The ports in Apache's ports.conf that it listens at, now or once ssl is enabled."""
     has_tls = os.path.exists(f"{_DIRECTORY}/mods-enabled/ssl.load")
     try:
         with open(f"{_DIRECTORY}/ports.conf", encoding="utf-8", errors="replace") as file:
@@ -273,7 +273,7 @@ def _listens_here() -> Iterator[str]:
     except OSError:
         return
     for port in re.findall(r"^\s*Listen\s+(?:\S+:)?([0-9]+)\b", text, re.MULTILINE | re.IGNORECASE):
-        # The package's file has it for the case that the module is there; switching it on is enough.
+        # The package's ports.conf has 443 for when ssl is enabled, so it needs no further Listen for it.
         if port != "443" or has_tls or os.path.exists(f"{_DIRECTORY}/mods-available/ssl.load"):
             yield port
 

@@ -1,6 +1,7 @@
-"""Applications from Debian packages: what an administrator and visitors made of them, below /etc and /var/lib.
+"""Applications from Debian packages: the files of administrators and visitors below /etc and /var/lib.
 
-The package is this host's. Files go only to directories that are this package's alone by the records of dpkg here.
+The package itself comes from this host's distribution. Files go only to directories that belong to this package
+alone, by the records of dpkg here.
 """
 from __future__ import annotations
 
@@ -29,7 +30,7 @@ from sondrel_restore.unpacking import unpack
 from sondrel_restore.versions import older
 
 _WEB_ACCOUNT = "www-data"
-# What is read as data or run as the web servers' account. Others are for web servers, cron or shells.
+# Files that are read as data or run as the web servers' account. Others may be read by servers, cron or shells.
 _TAKEN = (".css", ".html", ".ini", ".js", ".json", ".php", ".txt", ".xml", ".yaml", ".yml")
 _LARGEST_SETTING = 1 << 20
 _STATE = "/var/lib/"
@@ -38,10 +39,10 @@ _SETTINGS = "/etc/"
 
 @dataclasses.dataclass
 class _Application:
-    """A package that sites of the description are from, with the archives of these."""
+    """A package that sites of the description use, with the archives of these sites."""
 
     package: str
-    # Of the source host.
+    # The version on the source host.
     version: str = ""
     contents: dict[str, Element] = dataclasses.field(default_factory=dict)
     directories: list[str] = dataclasses.field(default_factory=list)
@@ -49,13 +50,13 @@ class _Application:
     clients: set[str] = dataclasses.field(default_factory=set)
 
     def source(self, here: ApplicationPackage) -> str:
-        """Tells what it is made from."""
+        """A text that changes when what the application is made from changes."""
         return " ".join([*sorted(content.get("md5sum") for content in self.contents.values()), *here.directories])
 
 
 @dataclasses.dataclass(frozen=True)
 class _Setting:
-    """A file below /etc."""
+    """The content and attributes of a file below /etc."""
 
     content: bytes
     mode: int
@@ -64,12 +65,12 @@ class _Setting:
 
 
 class ApplicationKind(Kind):
-    """Files of applications that packages have brought."""
+    """The files of applications that were installed from packages."""
 
     name = "application"
 
     def __init__(self) -> None:
-        # Packages with their versions, as of the last plan.
+        # Installed packages with their versions, as of the last plan.
         self._installed: dict[str, str] = {}
 
     def plan(self, restore: Restore) -> Iterator[Item]:
@@ -82,7 +83,7 @@ class ApplicationKind(Kind):
                 continue
             if is_here and not here.directories and any(
                     other.contents.keys() & each.contents.keys() for other in applications if other is not each):
-                # A part of another one, which has the directories.
+                # It is a part of the other package, which has the directories.
                 continue
             state, says = (self._state(restore, each, here) if is_here else
                            (State.NEEDS_PACKAGE, f"its settings and files go in place when {each.package} is here"))
@@ -132,7 +133,7 @@ class ApplicationKind(Kind):
 
     def _take_settings(self, restore: Restore, identifier: str, application: _Application,
                        here: ApplicationPackage) -> dict[str, str]:
-        """Puts the files below /etc in place; their sums by path."""
+        """Writes the files below /etc; returns their sums by path."""
         directories = [path for path in here.directories if path.startswith(_SETTINGS)]
         wanted, left_out = _settings(restore, application, directories)
         for path, why in left_out.items():
@@ -206,18 +207,18 @@ def _archives(restore: Restore, application: _Application) -> list[Archive]:
 
 
 def _is_in(path: str, directories: list[str]) -> bool:
-    """Whether it lies in one of them; an empty path, as of a name that leads outside, does not."""
+    """Whether the path is in one of the directories. False for an empty path: its name leads outside."""
     return bool(path) and any(is_below(path, directory) for directory in directories)
 
 
 def _why_not_in_state(member: Member) -> str:
-    """Scripts of packages change owners of what is there, and would follow links."""
+    """Leaves links out: the package's scripts change owners in its directories, and would follow them."""
     return "left out, since it is a link in the directory of a package" if member.kind in ("link", "hard link") else ""
 
 
 def _settings(restore: Restore, application: _Application,
               directories: list[str]) -> tuple[dict[str, _Setting], dict[str, str]]:
-    """The files below /etc that are put in place, and why others are not."""
+    """The files below /etc to write, and for each other one the reason why it is left out."""
     wanted: dict[str, _Setting] = {}
     left_out: dict[str, str] = {}
     owners = Owners(restore, _WEB_ACCOUNT)
@@ -249,9 +250,9 @@ def _why_not_setting(restore: Restore, member: Member) -> str:
 
 
 def _setting(owners: Owners, member: Member, contents: Contents) -> _Setting:
-    """Root's, readable by the web servers, unless it was a service's own.
+    """The file belongs to root and web servers can read it; it stays the web account's if it was that there.
 
-    The upgrade of a package may run settings in PHP: with the rights of whom they belong to, or of their group.
+    The upgrade of a package may run settings in PHP with the rights of their owner or group.
     """
     web = account_of(_WEB_ACCOUNT)
     gid = web.pw_gid if web is not None else grp.getgrnam(_WEB_ACCOUNT).gr_gid
@@ -262,7 +263,7 @@ def _setting(owners: Owners, member: Member, contents: Contents) -> _Setting:
 
 
 def _changed_here(restore: Restore, application: _Application, here: ApplicationPackage) -> list[str]:
-    """Files that would be overwritten, and are neither the same nor as the package has brought them."""
+    """The files that would be overwritten although they were changed here and differ from those in the archive."""
     changed = []
     for archive in _archives(restore, application):
         for member, contents in archive.members():
@@ -301,7 +302,7 @@ def _made_settings(entry: Entry | None) -> dict[str, str]:
 
 
 def _before(restore: Restore, identifier: str) -> dict[str, _Setting | None]:
-    """The files below /etc as they were before the first apply; None for those that were not there."""
+    """The files below /etc as they were before the first apply; None for a file that did not exist."""
     kept = content_here(restore.journal.side_file(identifier, "settings"))
     if kept is None:
         return {}
@@ -313,7 +314,7 @@ def _before(restore: Restore, identifier: str) -> dict[str, _Setting | None]:
 
 
 def _keep_before(restore: Restore, identifier: str, path: str, now: bytes | None) -> None:
-    """For undo: passwords are in it, so that it is no fact of the journal but root's own file beside it."""
+    """Saves the file for undo. It may have passwords, so it goes into a file for root only, not into the journal."""
     kept = _before(restore, identifier)
     if path in kept:
         return

@@ -1,8 +1,8 @@
 """Certificates with their keys, and other single files that the blocks of a site name.
 
-They go into a directory of this program, and not where they were: paths of the source host mean nothing here, and may
-lead through links. The kinds of web servers write the new paths into the blocks. What programs for certificates keep in
-order to renew them names programs that root would run: it is named, and stays in the archive.
+They go into a directory of this program, not to their old paths: those mean nothing here, and may lead through links.
+The kinds of web servers write the new paths into the blocks. The renewal settings of certificate programs name
+commands that root would run, so they are only reported and stay in the archive.
 """
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ from sondrel_restore.web.service import reload_web_servers
 _PLACE = "/etc/sondrel-restore/certificates"
 _LARGEST = 4 << 20
 
-# Directives, in lower case, by what their files are. Apache may have the key in the file of the certificate.
+# Directives in lower case, by the content of their files. Apache allows the key in the certificate's file.
 _CERTIFICATES = frozenset(("ssl_certificate", "sslcertificatefile", "proxy_ssl_certificate"))
 _KEYS = frozenset(("ssl_certificate_key", "sslcertificatekeyfile", "proxy_ssl_certificate_key"))
 _PUBLIC = frozenset(("ssl_trusted_certificate", "ssl_client_certificate", "ssl_crl", "ssl_dhparam",
@@ -36,14 +36,14 @@ _ALL = _CERTIFICATES | _KEYS | _PUBLIC | _PASSWORDS
 
 @dataclasses.dataclass(frozen=True)
 class _Named:
-    """A file that a site names, by the directive that does."""
+    """A file that a site names, and the directive that names it."""
 
     path: str
     directive: str
 
 
 class Certificate(ConfigKind):
-    """The certificates, keys and files of passwords of a site."""
+    """The certificates, keys and password files of a site."""
 
     name = "certificate"
 
@@ -94,7 +94,7 @@ class Certificate(ConfigKind):
                                        if each.directive in _PASSWORDS and each.path in here)})
 
     def _known(self, restore: Restore, base: Candidate, source: str) -> Candidate | None:
-        """What an earlier apply has made of the same archives: they may be large, and are not read again."""
+        """What an earlier apply made of the same archives, so that these, which may be large, are not read again."""
         entry = restore.journal.entry(f"{self.name}:{base.name}")
         if entry is None or entry.state != "done" or entry.facts.get("source") != source:
             return None
@@ -121,7 +121,7 @@ class Certificate(ConfigKind):
         readers = group_of("www-data")
         passwords = facts.get("passwords")
         for path in passwords if isinstance(passwords, list) and readers is not None else ():
-            # The web server asks for them as its account, at each request.
+            # The web server's processes read them at each request, as its own account.
             assert readers is not None
             os.chown(str(path), 0, readers.gr_gid, follow_symlinks=False)
         return facts
@@ -130,7 +130,7 @@ class Certificate(ConfigKind):
         return ""
 
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
-        """A renewed certificate needs no other blocks; servers that run already take it over here."""
+        """Reloads running web servers: a renewed certificate changes no blocks, so no other kind would reload them."""
         reload_web_servers(restore.host)
 
     def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
@@ -144,7 +144,7 @@ class Certificate(ConfigKind):
 
 
 def _named(site: Element) -> Iterator[_Named]:
-    """The files that the blocks of a site name, each once for each directive."""
+    """The files that the blocks of a site name, once for each directive."""
     seen: set[_Named] = set()
     for block in site.iterfind("block/directive"):
         for directive in read(block).within():
@@ -166,7 +166,7 @@ def _of_directive(directive: Directive) -> _Named | None:
 
 
 def _source(restore: Restore, domain: Domain, named: list[_Named]) -> str:
-    """A sum that is another one when the files may be others."""
+    """A sum that changes whenever the files may have changed."""
     archives = [f"{content.get('file')} {archive_sum_of(content)}"
                 for content in restore.description.contents(domain.element)]
     return sum_of_bytes(to_bytes("\n".join([*archives, *(f"{each.directive} {each.path}" for each in named)])))
@@ -182,7 +182,7 @@ def _contents(restore: Restore, domain: Domain, paths: Iterable[str]) -> dict[st
 
 
 def _short(path: str) -> str:
-    """A name that tells the file, and is another one for each path."""
+    """A readable name that is different for each path."""
     return f"{sum_of_bytes(to_bytes(path))[:8]}-{file_name(os.path.basename(path))}"
 
 
@@ -193,7 +193,7 @@ def _mode(directive: str, content: bytes) -> int:
 
 
 def _do_not_fit(host: Host, site: Element, found: dict[str, bytes]) -> str:
-    """Why the certificate and the key of a site are no pair, or the certificate is of no use any more."""
+    """Why the certificate and key of a site do not match or are of no use; empty if they are good."""
     tls = site.find("tls")
     if tls is None or not host.has_program("openssl"):
         return ""

@@ -1,4 +1,4 @@
-"""Files of clients and sites: one object for each archive, since several domains may share one."""
+"""Files of clients and sites. Each archive is one object, because several domains may share it."""
 from __future__ import annotations
 
 import dataclasses
@@ -15,37 +15,37 @@ from sondrel_restore.unpacked import remove_unpacked, verify_unpacked
 from sondrel_restore.unpacking import unpack
 from sondrel_restore.web.own_roots import OwnRoots
 
-# Other kinds read these from the archives.
+# Other kinds restore what is below these.
 _OF_OTHER_KINDS = ("/etc/cron.d", "/etc/systemd", "/var/spool/cron", "/etc/nginx", "/etc/apache2", "/etc/php",
                    "/etc/letsencrypt")
-# In bytes: a plan reads no more than this in order to find out that all of an archive is here.
+# In bytes. A plan does not compare a larger archive with the files here.
 _LARGEST_COMPARED = 64 << 20
 
 
 @dataclasses.dataclass
 class _Archived:
-    """An archive with what the description says of it."""
+    """An archive, with what the description says about it."""
 
     content: Element
     name: str
     owner: str
     roots: set[str] = dataclasses.field(default_factory=set)
-    # The clients and domains that it belongs to.
+    # The clients and domains that the archive belongs to.
     clients: set[str] = dataclasses.field(default_factory=set)
     domains: set[str] = dataclasses.field(default_factory=set)
-    # Paths that do not come here, with the reason.
+    # Paths that are not restored, with the reason.
     refused: dict[str, str] = dataclasses.field(default_factory=dict)
 
 
 class FilesKind(Kind):
-    """Unpacks the archives of clients and of sites."""
+    """Unpacks the archives of clients and sites."""
 
     name = "files"
 
     def plan(self, restore: Restore) -> Iterator[Item]:
         own_roots = OwnRoots(restore)
         found: dict[str, _Archived] = {}
-        # A home comes before the sites in it.
+        # A client's home comes before the sites in it.
         for archived in [*_of_clients(restore), *_of_sites(restore)]:
             known = found.setdefault(archived.name, archived)
             known.roots |= archived.roots
@@ -58,7 +58,7 @@ class FilesKind(Kind):
     def _item(self, restore: Restore, archived: _Archived, own_roots: OwnRoots) -> Item:
         state, says, decisions = _state(restore, archived, f"{self.name}:{archived.name}", own_roots)
         item = Item(self.name, archived.name, state, says, decisions, frozenset(archived.domains),
-                    # With a domain comes its archive, with a client all of them.
+                    # A selected domain takes its own archive; a selected client takes all its archives.
                     frozenset(archived.clients), archived, space=(min(archived.roots), unpacked_of(archived.content)))
         if state is not State.IMPOSSIBLE and restore.selection.takes(item) and not restore.decisions.skip(
                 item.identifier):
@@ -90,7 +90,7 @@ def _source(archived: _Archived, owner: str) -> str:
 
 
 def _name_of(content: Element) -> str:
-    """`sites/a.example` of `content/sites/a.example.tar.gz`."""
+    """The object's name: `sites/a.example` for `content/sites/a.example.tar.gz`."""
     name = re.sub(r"\.tar(\.gz)?\Z", "", str(content.get("file")).removeprefix("content/"))
     return re.sub("=([0-9A-Fa-f]{2})", lambda match: chr(int(match[1], 16)), name)
 
@@ -124,7 +124,7 @@ def _of_sites(restore: Restore) -> Iterator[_Archived]:
 
 
 def _is_below_one(path: str, roots: list[str]) -> bool:
-    """Whether it is one of the directories of packages, which another kind takes, or lies below one."""
+    """Whether the path is in a directory of a package; the kind "application" restores those."""
     return path.startswith("/") and any(top.startswith("/") and is_below(path, top) for top in roots)
 
 
@@ -168,9 +168,9 @@ def _state(restore: Restore, archived: _Archived, identifier: str,
 
 
 def _is_here(restore: Restore, archived: _Archived, identifier: str) -> bool:
-    """Whether all of it is here already and nothing else, as the pages that packages bring are on both hosts.
+    """Whether all of the archive is here already and nothing else, such as pages that a package installs on both hosts.
 
-    What else is there would become the site's, which could have it sent to visitors.
+    Other files in the roots would become part of the site, which could serve them to visitors.
     """
     if unpacked_of(archived.content) > _LARGEST_COMPARED:
         return False
@@ -184,7 +184,7 @@ def _is_here(restore: Restore, archived: _Archived, identifier: str) -> bool:
 
 
 def _is_ours(restore: Restore, root: str) -> bool:
-    """Whether an apply has made it, or all that is in it."""
+    """Whether an apply made the directory, or everything in it."""
     made: set[str] = set()
     for entry in restore.journal.entries("files"):
         before = entry.facts.get("before", {})

@@ -1,4 +1,4 @@
-"""Groups of persons. Those of the system and of services are matched by name and never made, changed or joined."""
+"""Groups of persons. Those of the system and of services are only matched by name: never made, changed or joined."""
 from __future__ import annotations
 
 import grp
@@ -12,12 +12,12 @@ from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, RestoreError,
 from sondrel_restore.restore import Restore
 
 _NAME = re.compile(r"[A-Za-z_][A-Za-z0-9_.-]{0,31}")
-# As login.defs of Debian has them; those above belong to services, containers and "nobody".
+# The range of Debian's login.defs. Higher numbers belong to services, containers and "nobody".
 FIRST, LAST = 1000, 59999
 
 
 class GroupKind(Kind):
-    """Makes groups; they get their members when the accounts are made."""
+    """Makes groups. Their members are added when the accounts are made."""
 
     name = "group"
 
@@ -69,7 +69,7 @@ class GroupKind(Kind):
 
 
 def _clients_by_group(restore: Restore) -> dict[str, set[str]]:
-    """Of which clients a group is the own one, or has them as members."""
+    """The clients that a group belongs to: it is their primary group, or they are members of it."""
     found: dict[str, set[str]] = {}
     for client in restore.description.clients():
         own = [client.element.get("group")] + [group.get("name") for group in client.element.iterfind("group")]

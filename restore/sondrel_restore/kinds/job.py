@@ -1,6 +1,6 @@
-"""Jobs: tables of cron of accounts, and services and timers that run as an account. Installed switched off.
+"""Jobs: crontabs of accounts, and services and timers that run as an account. They are installed switched off.
 
-What runs as root, or as an account of the system, is listed and never installed.
+Jobs that run as root or as an account of the system are listed and never installed.
 """
 from __future__ import annotations
 
@@ -20,20 +20,20 @@ from sondrel_restore.unit_files import objection, with_account
 
 SPOOLS = ("/var/spool/cron/crontabs/", "/var/spool/cron/")
 UNIT_DIRECTORY = "/etc/systemd/system"
-# Where else a unit of this name may lie: one in /etc would take its place.
+# Directories of systemd that may have a unit of the same name: one in /etc would override it.
 UNIT_DIRECTORIES = (UNIT_DIRECTORY, "/run/systemd/system", "/run/systemd/generator", "/run/systemd/generator.late",
                     "/usr/local/lib/systemd/system", "/usr/lib/systemd/system", "/lib/systemd/system")
-# Before each line of a table that is switched off.
+# Prefix of each line of a crontab that is switched off.
 OFF = "#switched-off-by-sondrel-restore: "
 LARGEST_TABLE = 256 << 10
-# What crontab(1) writes itself at the head of a table.
+# The comment lines that crontab(1) itself writes at the head of a table.
 HEAD = re.compile(r"# (?:DO NOT EDIT|\(.* installed on |\(Cron version )")
 COMMENT = re.compile(r"\s*(?:#.*)?")
 
 
 @dataclasses.dataclass(frozen=True)
 class Table:
-    """The own table of an account."""
+    """The crontab of an account."""
 
     account: str
     path: str
@@ -42,7 +42,7 @@ class Table:
 
 @dataclasses.dataclass(frozen=True)
 class Unit:
-    """A unit of systemd that runs as an account."""
+    """A systemd unit that runs as an account."""
 
     account: str
     name: str
@@ -52,7 +52,7 @@ class Unit:
 
 
 class Job(Kind):
-    """The jobs of the clients."""
+    """The jobs of clients."""
 
     name = "job"
 
@@ -118,7 +118,7 @@ def _is_of_system(client: Client) -> bool:
 
 
 def _state_of_refused(client: Client) -> State:
-    """Nobody expects jobs of the system to be installed; those of an account are missing then."""
+    """LISTED for jobs of the system, which are never installed; IMPOSSIBLE for those of an account."""
     return State.LISTED if _is_of_system(client) else State.IMPOSSIBLE
 
 
@@ -127,7 +127,7 @@ def _content_of(client: Client) -> Element | None:
 
 
 def _refused_account(restore: Restore, client: Client) -> str:
-    """Why no job may be installed for the client; empty if one may."""
+    """Says why no job may be installed for the client; empty if jobs may."""
     here = restore.offered("account").get(client.name)
     if here is None:
         return f"{client.name} is no account of this restore"
@@ -164,7 +164,7 @@ def _of_systemd(restore: Restore, client: Client) -> Iterator[Item]:
         content = _content_of(client)
         refused = _refused_account(restore, client)
         if path.startswith(f"{client.element.get('home')}/"):
-            # It comes with the home, and its owner may switch it on.
+            # A user's unit: it is restored with the home, and its owner may switch it on.
             continue
         if not refused and (content is None or element.get("drop-in") == "yes"
                             or path != f"{UNIT_DIRECTORY}/{element.get('name')}"):
@@ -195,7 +195,7 @@ def _refused_unit(restore: Restore, client: Client, element: Element, content: E
 
 
 def _refused_service(restore: Restore, client: Client, service: str, content: Element) -> str:
-    """Why a timer may not start the service: one of this host would run as root, at the time of the timer."""
+    """Says why a timer may not start the service, such as one of this host that runs as root; empty if it may."""
     found = next((other for other in client.element.iterfind("unit")
                   if other.get("name") == service and other.get("drop-in") == "no"
                   and other.get("file") == f"{UNIT_DIRECTORY}/{service}"), None)
@@ -262,7 +262,7 @@ def _table_here(restore: Restore, account: str) -> bytes | None:
 
 
 def _is_on(restore: Restore, identifier: str) -> bool:
-    """Whether the job is switched on: by this run, or by an earlier one, which this one does not take back."""
+    """Whether the job is switched on by this run or was by an earlier one, which this one does not reverse."""
     entry = restore.journal.entry(identifier)
     return restore.decisions.start_jobs or entry is not None and entry.facts.get("on") is True
 
@@ -279,7 +279,7 @@ def _wanted(restore: Restore, data: Table | Unit, is_on: bool) -> bytes:
 
 
 def switched(table: bytes, is_on: bool) -> bytes:
-    """The table without what crontab wrote at its head; if it is not on, each line that is no comment is one."""
+    """The crontab without crontab's own head. If `is_on` is false, each line that is no comment is switched off."""
     if b"\0" in table:
         raise RestoreError("The table of cron holds bytes that no table has")
     lines = table.decode("utf-8", "surrogateescape").split("\n")
@@ -287,7 +287,7 @@ def switched(table: bytes, is_on: bool) -> bytes:
     while lines and not lines[-1]:
         lines.pop()
     if not is_on:
-        # A carriage return does not end a line for cron, nor may it end a comment.
+        # The table is split at newlines only: for cron a carriage return ends neither a line nor a comment.
         lines = [line if COMMENT.fullmatch(line) else OFF + line for line in lines]
     return "".join(line + "\n" for line in lines).encode("utf-8", "surrogateescape")
 
@@ -297,7 +297,7 @@ def _apply_table(restore: Restore, item: Item, table: Table) -> Facts:
     wanted = _wanted(restore, table, is_on)
     here = _table_here(restore, table.account)
     before = _keep_before(restore, item, here)
-    # Noted first: killed in between, the next run knows what is its own.
+    # Noted before the change: after a kill in between, the next run recognizes its own table.
     restore.journal.note(item.identifier, {
         "account": table.account, "sum": _sum(wanted), "was": _sum(here), "before": before})
     restore.host.run(["crontab", "-u", table.account, "-"], input=wanted)
@@ -308,7 +308,7 @@ def _apply_table(restore: Restore, item: Item, table: Table) -> Facts:
 
 
 def _keep_before(restore: Restore, item: Item, here: bytes | None) -> bool:
-    """Keeps what was here before the first apply, for undo. Returns whether there was anything."""
+    """Saves for undo what was here before the first apply. Returns whether there was anything."""
     entry = restore.journal.entry(item.identifier)
     if entry is not None and "before" in entry.facts:
         return entry.facts["before"] is True

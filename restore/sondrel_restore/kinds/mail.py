@@ -1,8 +1,8 @@
-"""Mail: mailboxes from their archives, and the domains of mail with aliases and users.
+"""Mail: mailboxes from their archives, and mail domains with their aliases and users.
 
-Postfix and Dovecot read tables of ours beside their own; settings of theirs are changed only where they are at their
-default. What is in the tables is kept for each domain in a directory of root's, so that several sessions can
-add to them, and undo can take a domain away.
+Postfix and Dovecot read our own tables beside theirs; a setting of theirs is changed only if it is at its default.
+The entries of each domain are kept in a directory of root, so that several sessions can add domains and undo can
+remove one.
 """
 from __future__ import annotations
 
@@ -25,17 +25,17 @@ from sondrel_restore.restore import Restore
 from sondrel_restore.unpacked import remove_unpacked, verify_unpacked
 from sondrel_restore.unpacking import unpack
 
-# Directories of virtual mailboxes. Elsewhere a mailbox lies in the home of its account.
+# Directories of virtual mailboxes. All other mailboxes are in the home of their account.
 BASES = ("/var/mail", "/var/vmail", "/var/spool/vmail", "/var/lib/vmail", "/srv/vmail", "/srv/mail", "/home/vmail")
 SPOOLS = ("/var/mail", "/var/spool/mail")
-# Where homes of persons may lie, whatever the description says.
+# Where homes of persons may be. A home elsewhere in the description is ignored.
 HOMES = ("/home", "/srv", "/var/www", "/var/vmail", "/opt")
 FORMATS_WITH_INDEX = ("sdbox", "mdbox")
 
 
 @dataclasses.dataclass(frozen=True)
 class Box:
-    """A mailbox, with the account here that it belongs to and the places that are unpacked."""
+    """A mailbox, with the account here that owns it and the paths to unpack."""
 
     element: Element
     account: str
@@ -44,7 +44,7 @@ class Box:
 
 @dataclasses.dataclass(frozen=True)
 class Here:
-    """What a domain needs to know of a mailbox that is restored."""
+    """The facts of a restored mailbox that its domain needs."""
 
     path: str
     format: str
@@ -54,7 +54,7 @@ class Here:
 
 
 class Mailbox(Kind):
-    """The mailboxes, each from its archive."""
+    """The mailboxes; each has its own archive."""
 
     name = "mailbox"
 
@@ -139,13 +139,13 @@ def _mailbox_state(restore: Restore, identifier: str, element: Element) -> tuple
 
 
 def _is_accepted(restore: Restore, path: str, account: str) -> bool:
-    """Whether this host has mail of that account there: in its home, or in a directory for mailboxes."""
-    # What is there already of the way may be another one's, whose mail is to come there.
+    """Whether mail of the account may be at this path here: in its home, or in a directory for mailboxes."""
+    # An existing directory on the path may belong to another account, for mail of its own.
     if not PATH.match(path) or os.path.normpath(path) != path or why_not(path) or why_not_owners(path, [account]):
         return False
     spool, name = os.path.split(path)
     if spool in SPOOLS:
-        # The mail of an account is named like it; another name may be that of a directory for domains.
+        # A spool file is named after its account. Another name may be that of a directory for domains.
         return name == account
     if any(is_below(path, home) and path != home for home in _homes(restore, account)):
         return True
@@ -165,11 +165,11 @@ def _homes(restore: Restore, account: str) -> Iterator[str]:
 
 
 def _give_parents(facts: Facts, box: Box) -> None:
-    """The directories above a virtual mailbox that are new belong to its account: else nothing could be delivered."""
+    """Gives new directories above a virtual mailbox to its account; else no mail could be delivered."""
     before = facts.get("before")
     assert isinstance(before, dict)
     owner = pwd.getpwnam(box.account)
-    # Once: what somebody has set since stays.
+    # Only once, so that an owner that was set here later stays.
     given = list(facts.get("given") or ())  # type: ignore[call-overload]
     for path, was in before.items():
         if was is not None or path in given or path in box.roots or not any(is_below(path, base) for base in BASES):
@@ -191,7 +191,7 @@ def _is_message(name: str, path: str) -> bool:
 
 
 def _compared(identifier: str, path: str, there: set[str]) -> Finding:
-    """A message counts as here wherever its flags have led its name to."""
+    """Compares the messages by name without flags: a changed flag renames a message, also from `new` to `cur`."""
     def plain(name: str) -> str:
         folder, message = os.path.split(name)
         return f"{os.path.dirname(folder)}/{_FLAGS.sub('', message)}"
@@ -207,7 +207,7 @@ def _compared(identifier: str, path: str, there: set[str]) -> Finding:
 
 
 class MailDomain(Kind):
-    """The domains that have aliases or mailboxes, in tables of ours that Postfix and Dovecot read."""
+    """The domains with aliases or mailboxes, in our own tables that Postfix and Dovecot read."""
 
     name = "mail"
 
@@ -215,7 +215,7 @@ class MailDomain(Kind):
         self._hashes: dict[str, str] | None = None
 
     def _passwords(self, restore: Restore) -> dict[str, str]:
-        """Hashes by address; the archive of the settings is read once in a run."""
+        """The password hashes by address. The archive of the settings is read only once per run."""
         if self._hashes is None:
             addresses = {str(box.get("address")) for box in restore.description.tree.iter("mailbox")}
             self._hashes = _passwords(restore, addresses)
@@ -226,7 +226,7 @@ class MailDomain(Kind):
         try:
             passwords = self._passwords(restore)
         except RestoreError:
-            # An apply asks again, and fails where it needs them.
+            # Plan without them: apply reads them again, and fails if it needs them.
             passwords = {}
         for domain in restore.description.domains():
             if domain.element.find("alias") is None and domain.element.find("mailbox") is None:
@@ -301,7 +301,7 @@ def _domain_item(restore: Restore, service: MailService, domain: Domain, passwor
 
 
 def _tables(restore: Restore, service: MailService, domain: Domain, passwords: dict[str, str]) -> Tables:
-    """What of a domain may go in, and what is refused."""
+    """The entries of a domain that may be installed, and sentences about those that are refused."""
     refused: list[str] = []
     own = {domain.name.lower(), *(name.lower() for name in domain.names if not _is_mail_of_this_host(
         service, domain, name.lower()))}
@@ -330,7 +330,7 @@ def _tables(restore: Restore, service: MailService, domain: Domain, passwords: d
 
 
 def _is_mail_of_this_host(service: MailService, domain: Domain, name: str) -> bool:
-    """Whether the addresses of a further name, which the description may have of any domain, have mail here already."""
+    """Whether this host already handles mail for an additional name of a domain, and the domain has addresses of it."""
     has_addresses = any(str(element.get(attribute)).lower().endswith("@" + name) for path, attribute in (
         ("alias", "from"), ("mailbox", "address")) for element in domain.element.iterfind(path))
     return has_addresses and bool(service.taken(name))
@@ -358,7 +358,7 @@ def _with_numbers(user: User, restore: Restore) -> User:
 
 
 def _passwords(restore: Restore, addresses: set[str]) -> dict[str, str]:
-    """Hashes of the users, from the files of users in the archive of the settings."""
+    """The users' password hashes, from Dovecot's passwd-files in the archive of the settings."""
     server = restore.description.tree.find("server")
     found: dict[str, str] = {}
     if server is None or not addresses:
@@ -371,7 +371,7 @@ def _passwords(restore: Restore, addresses: set[str]) -> dict[str, str]:
 
 
 def _listed_maps(restore: Restore) -> Iterator[Item]:
-    """Maps of the whole host: they say what root's mail and programs do, and are for the administrator to look at."""
+    """Lists maps of the whole host, which also direct root's mail and mail to programs, for the administrator."""
     server = restore.description.tree.find("server")
     if server is None:
         return

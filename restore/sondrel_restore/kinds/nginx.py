@@ -1,6 +1,4 @@
-"""Sites of nginx: a file of server blocks for each, with the definitions that they use, from the description's
-blocks.
-"""
+"""Sites of nginx: makes a file of server blocks for each site, and files of the definitions that these use."""
 from __future__ import annotations
 
 import dataclasses
@@ -30,11 +28,11 @@ _DIRECTORY = "/etc/nginx"
 _PID_FILE = "/run/nginx.pid"
 _DEFINITIONS = f"{_DIRECTORY}/sondrel-definitions"
 
-# In bytes: what fits into a bucket of the usual 64, and a bucket that fits the longest name that there can be.
+# In bytes: the longest name that fits into nginx's usual bucket of 64, and a bucket for the longest possible name.
 _LONGEST_EXPECTED = 46
 _LARGE_BUCKET = 512
 
-# Beginnings of directives with the module that has them and its package.
+# (prefix of directives, module that has them, package of the module)
 _MODULES = (
     ("image_filter", "ngx_http_image_filter_module.so", "libnginx-mod-http-image-filter"),
     ("more_", "ngx_http_headers_more_filter_module.so", "libnginx-mod-http-headers-more-filter"),
@@ -101,14 +99,14 @@ class Nginx(site_kind.SiteKind):
         return dataclasses.replace(candidate, says=candidate.says + self._on_ports(servers, disables))
 
     def _on_ports(self, servers: list[Directive], disables: frozenset[str]) -> str:
-        """What a plan says of them."""
+        """What a plan says about the ports; empty if there is nothing to say."""
         if NGINX_DEFAULT in disables:
             return f"; {NGINX_DEFAULT} is switched off: Apache has its port"
         later = self.ports_here.would_be_taken(ports_of(servers))
         return f"; {later}" if later else ""
 
     def _claimed(self, address: str, site: str, own: set[str]) -> bool:
-        """Whether another file has the default server of an address; if not, this site has it from now on."""
+        """Whether another file has the default server of an address. If not, this site has it from now on."""
         if self._here.defaults.get(address, set()) - own:
             return True
         return self._defaults.setdefault(address, site) != site
@@ -125,7 +123,7 @@ class Nginx(site_kind.SiteKind):
         return why, self._default_in_the_way(restore)
 
     def _why_not_started(self, restore: Restore) -> str:
-        """Why nginx, which does not run, could not be started with what is configured here besides; empty if it can."""
+        """Why nginx, if it does not run, could not start with the rest of its configuration here; empty if it can."""
         for address, files in self._not_to_be_had(restore):
             others = sorted(files - self.made - self._default_in_the_way(restore))
             if others:
@@ -133,14 +131,14 @@ class Nginx(site_kind.SiteKind):
         return ""
 
     def _default_in_the_way(self, restore: Restore) -> frozenset[str]:
-        """The default site of nginx's package, if nginx cannot start with it."""
+        """The default site of nginx's package, if it keeps nginx from starting."""
         if any(NGINX_DEFAULT in files for _, files in self._not_to_be_had(restore)) and os.path.islink(NGINX_DEFAULT) \
                 and is_as_packaged(restore.host, "nginx-common", os.path.realpath(NGINX_DEFAULT)):
             return frozenset((NGINX_DEFAULT,))
         return frozenset()
 
     def _not_to_be_had(self, restore: Restore) -> list[tuple[str, set[str]]]:
-        """What is configured here for an nginx that does not run, at addresses that Apache has or will have."""
+        """If nginx does not run: its configured addresses that Apache uses or will use, with their files."""
         if running(_PID_FILE, "nginx") is not None:
             return []
         return [(address, files) for address, files in self._here.listens.items()
@@ -148,7 +146,10 @@ class Nginx(site_kind.SiteKind):
                     each.startswith("apache2") for each in self.ports_here.programs(port_of(address)))]
 
     def _room_for_names(self, servers: list[Directive]) -> dict[str, bytes]:
-        """nginx refuses all sites where a name is longer than it expects; another file here may say more already."""
+        """A file that enlarges nginx's buckets for names: nginx refuses all sites if a name is too long for them.
+
+        Empty if no name is long, or if another file here sets the size already.
+        """
         path = f"{_DEFINITIONS}/sondrel-long-names.conf"
         is_long = any(len(name) > _LONGEST_EXPECTED for name in _server_names(servers))
         if not is_long or os.path.basename(self._here.once.get(BUCKET_SIZE, path)) != os.path.basename(path):
@@ -156,7 +157,7 @@ class Nginx(site_kind.SiteKind):
         return {path: f"{BUCKET_SIZE} {_LARGE_BUCKET};\n".encode()}
 
     def _new_names(self, uses: Iterable[Directive]) -> Names:
-        """New names for definitions whose names something else here has."""
+        """New names for definitions, if the configuration here already uses their names."""
         names = Names({}, {}, {}, {})
         for use in uses:
             for taken, new, name in (
@@ -191,18 +192,18 @@ class Nginx(site_kind.SiteKind):
         ports = PortsHere(restore.host, self.program)
         if any(NGINX_DEFAULT in files and ports.why_taken([port_of(address)])
                for address, files in here.listens.items()):
-            # As it was before: its default site, which is back, cannot have the port.
+            # Stop it, as it was before: its default site is enabled again, and cannot have the port.
             restore.host.run(["service", "nginx", "stop"], check=False)
             return
         reload_service(restore.host, "nginx", _PID_FILE, "nginx", signal.SIGHUP)
 
 
 def _server_names(servers: Iterable[Directive]) -> Iterator[str]:
-    """What the blocks are for, which need not be what the description says."""
+    """The names that the blocks serve. They may differ from the names in the description."""
     for server in servers:
         for each in server.block or ():
             for name in each.args if each.name == "server_name" else ():
-                # As Debian's default server is called, and as several may be.
+                # Several servers may have these names; Debian's default server is called "_".
                 if name.lower() not in ("_", "", "localhost"):
                     yield name.lower()
                 if name.startswith("."):
@@ -217,7 +218,7 @@ def _listens(servers: Iterable[Directive]) -> Iterator[str]:
 
 
 def _at_apache(restore: Restore, address: str) -> str:
-    """The site of Apache in this restore that needs an address, too; empty if none does."""
+    """The site of Apache in this restore that also needs the address; empty if there is none."""
     host, _, port = address.rpartition(":")
     for other, site in restore.offered("apache-address").items():
         other_host, _, other_port = other.rpartition(":")
@@ -252,13 +253,13 @@ def _inherited(block: Block) -> Iterator[Directive]:
 
 
 def _definition_path(directive: Directive) -> str:
-    """The same for the same definition, whichever sites use it."""
+    """The path of a definition's file: equal definitions of several sites share it."""
     kind = directive.name.replace("_", "-")
     return f"{_DEFINITIONS}/sondrel-{kind}-{sum_of_bytes(to_bytes(for_nginx([directive])))[:12]}.conf"
 
 
 def _first_line(text: str) -> str:
-    """The line that tells what is wrong."""
+    """The line that says what is wrong."""
     lines = [line for line in text.splitlines() if "[emerg]" in line] or text.splitlines() or ["it says nothing"]
     return lines[0].replace("nginx: ", "").strip()
 

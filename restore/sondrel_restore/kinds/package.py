@@ -1,5 +1,5 @@
-"""Packages that this host lacks, and those of servers that are older here. They are not undone: what else may use them
-nobody knows.
+"""Packages that this host lacks, and servers that are older here than on the source host. Packages are not removed by
+undo, because other software may use them by then.
 """
 from __future__ import annotations
 
@@ -11,18 +11,18 @@ from sondrel_restore.packages import installed_packages, offered_packages
 from sondrel_restore.restore import Restore
 from sondrel_restore.versions import older
 
-# Sections of packages that are applications of sites. Others may bring services that nobody asked for: a source
-# host that was broken into must not choose them.
+# Sections with packages of site applications. Packages of other sections may bring services, and a source host under
+# the control of an attacker must not be able to choose those.
 _OF_APPLICATIONS = ("web", "php", "httpd", "fonts", "javascript")
 
 
 class PackageKind(Kind):
-    """Knows which packages the applications of sites are from. Other kinds name what they need by themselves."""
+    """Finds the packages of site applications that are missing. Other kinds report the packages that they need."""
 
     name = "package"
 
     def plan(self, restore: Restore) -> Iterator[Item]:
-        """Servers that are, or would be, older here than on the source host."""
+        """Lists packages of servers that are, or would be, older here than on the source host."""
         there = {str(package.get("name")): str(package.get("version"))
                  for package in restore.description.tree.iterfind("server/package") if package.get("manager") == "dpkg"}
         here = installed_packages(restore) if there else {}

@@ -1,5 +1,5 @@
-"""Pools of PHP-FPM: one file for each pool of the description, for the PHP that is here, run as the account of the
-pool.
+"""Pools of PHP-FPM: makes a file for each pool of the description, for the PHP of this host. Each runs as the pool's
+account.
 """
 from __future__ import annotations
 
@@ -29,11 +29,11 @@ from sondrel_restore.web.site_data import PoolHere, accounts_here
 
 _WEB_ACCOUNT = "www-data"
 _LEFT_OUT = "/etc/sondrel-restore/left-out"
-# Of the path of a socket, which the label is a part of, the kernel takes 107 bytes.
+# The kernel allows 107 bytes for the path of a socket, and the label is a part of that path.
 _LONGEST_LABEL = 60
 _OF_LOCALES = re.compile(r"LANG|LC_[A-Z]+")
 
-# Extensions by the package of Debian that has them, "php-" or "phpX.Y-" before it. Others are built in or unknown.
+# Extensions with the rest of their Debian package's name after "php-" or "phpX.Y-". Others are built in or unknown.
 _PACKAGES = {
     "apcu": "apcu", "bcmath": "bcmath", "bz2": "bz2", "curl": "curl", "dba": "dba", "dom": "xml", "enchant": "enchant",
     "gd": "gd", "gmp": "gmp", "igbinary": "igbinary", "imagick": "imagick", "imap": "imap", "interbase": "interbase",
@@ -44,13 +44,13 @@ _PACKAGES = {
     "uploadprogress", "xml": "xml", "xmlreader": "xml", "xmlrpc": "xmlrpc", "xmlwriter": "xml", "xsl": "xml",
     "zip": "zip",
 }
-# Packages of extensions that are no part of PHP have no version in their names.
+# Packages of extensions that are not part of PHP: their names have no version.
 _UNVERSIONED = frozenset(("apcu", "igbinary", "imagick", "memcached", "mongodb", "redis", "uploadprogress", "xmlrpc"))
 
 
 @dataclasses.dataclass(frozen=True)
 class _Pool:
-    """A pool of the description, with the sites that use it. `element` is that of the first one."""
+    """A pool of the description, with the sites that use it. `element` is the `php` of the first one."""
 
     name: str
     version: str
@@ -62,7 +62,7 @@ class _Pool:
 
 
 class Pool(ConfigKind):
-    """What runs the PHP of sites behind nginx, or behind Apache without its module."""
+    """Runs the PHP of sites behind nginx, or behind Apache if PHP is not its module."""
 
     name = "pool"
 
@@ -72,7 +72,7 @@ class Pool(ConfigKind):
         self._trees = Trees(())
         self._accounts: frozenset[str] = frozenset()
         self._other_versions = OtherVersions()
-        # By pool: who it runs as on the source host.
+        # The source host's account of each pool, by the pool's name.
         self._users: dict[str, str] = {}
 
     def candidates(self, restore: Restore) -> Iterator[Candidate]:
@@ -113,7 +113,7 @@ class Pool(ConfigKind):
             facts={"version": version, "socket": _socket(label), "addresses": sorted(pool.addresses)})
 
     def _version(self, pool: _Pool) -> str:
-        """The one of the source host if it is here; else the newest here, or the one that the distribution brings."""
+        """The source host's version if it is here, else the newest one here; if there is none, the distribution's."""
         if pool.version in self._versions or not self._versions:
             return pool.version if pool.version in self._versions else _debian_version()
         return self._versions[-1]
@@ -131,7 +131,7 @@ class Pool(ConfigKind):
         return "" if pool.addresses else "the description does not say where the web server reaches it"
 
     def _conflict(self, restore: Restore, account: str) -> str:
-        """Code of the source host as the web servers' account could do all that this host's own sites can."""
+        """Reports a pool that would run as the web servers' account: its code could change this host's own sites."""
         if account != _WEB_ACCOUNT or restore.decisions.trust_configuration:
             return ""
         own = own_sites(restore)
@@ -198,7 +198,7 @@ class Pool(ConfigKind):
 
 
 def versions() -> list[str]:
-    """The versions of PHP-FPM that are here, the oldest first."""
+    """The versions of PHP-FPM on this host, oldest first."""
     found = [match[1] for path in glob.glob("/usr/sbin/php-fpm*")
              if (match := re.fullmatch(r".*/php-fpm([0-9]+\.[0-9]+)", path))
              and os.path.isdir(f"/etc/php/{match[1]}/fpm/pool.d")]
@@ -210,7 +210,7 @@ def _numbers(version: str) -> tuple[int, ...]:
 
 
 def _debian_version() -> str:
-    """What the package php-fpm brings on the releases that this program knows."""
+    """The version that the package php-fpm brings on the Debian releases that are supported."""
     try:
         with open("/etc/debian_version", encoding="ascii") as file:
             return "8.4" if file.read().startswith(("13", "trixie")) else "8.2"
@@ -243,8 +243,8 @@ def _name(pool: _Pool) -> str:
 
 
 def _label(pool: _Pool) -> str:
-    """The name of the pool here; it tells the version of the source host, of which several may have a pool of one
-    name.
+    """The name of the pool here. It contains the source host's PHP version, because pools of several versions may have
+    one name there.
     """
     whole = f"{pool.name}-{pool.version}" if pool.version else pool.name
     safe = re.sub(r"[^A-Za-z0-9_.-]", "_", whole)
@@ -262,7 +262,7 @@ def _group_of(account: str) -> str:
 
 
 def _text(judge: Judge, pool: _Pool, label: str, account: str, group: str, left: list[str]) -> str:
-    """The file of the pool. How many processes it had is in no description: they come as they are needed."""
+    """The content of the pool's file. No description has its number of processes, so they are started on demand."""
     lines = [
         f"; The pool {label}, made by sondrel-restore. What is changed here stays.",
         f"[sondrel-{label}]", f"user = {account}", f"group = {group}", f"listen = {_socket(label)}",
@@ -290,7 +290,7 @@ def _text(judge: Judge, pool: _Pool, label: str, account: str, group: str, left:
 
 
 def _lacking_locales(restore: Restore, pools: Iterable[_Pool]) -> Iterator[Missing]:
-    """Those that pools say in their environment: programs that ask for one that is not here fall back to English."""
+    """The locales in the pools' environments that are missing here: programs would fall back to English."""
     wanted = {str(each.text): pool.name for pool in pools for each in pool.element.iterfind("env")
               if _OF_LOCALES.fullmatch(str(each.get("name"))) and is_locale(str(each.text or ""))}
     here = locales_here(restore.host) if wanted else frozenset()
