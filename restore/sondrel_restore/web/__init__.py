@@ -1,1 +1,1 @@
-"""What the kinds of web servers, pools and certificates have in common: directives, rules for them, asking a site."""
+"""What the kinds of web servers, pools and certificates share: directives, rules for them, and requests to a site."""

@@ -1,4 +1,4 @@
-"""Ports that Apache's package has it listen at, where another server of this host or of the restore has them."""
+"""Switches off ports of Apache's package that another server of this host or of the restore uses."""
 from __future__ import annotations
 
 import re
@@ -14,9 +14,9 @@ _LISTEN = re.compile(rb"^[ \t]*Listen[ \t]+(?:\S+:)?([0-9]+)\b.*$", re.MULTILINE
 
 
 def leave_ports(host: Host, ports: Collection[int]) -> list[int]:
-    """Switches off in the package's file what listens at one of these ports; returns the ports.
+    """Switches off the `Listen` lines of these ports in the package's ports.conf; returns the ports.
 
-    A file that is not as the package has brought it stays as it is: Apache may not start then.
+    A file that was changed since the package was installed stays as it is; then Apache may not start.
     """
     content = content_here(_FILE)
     if content is None or not is_as_packaged(host, "apache2", _FILE):
@@ -28,7 +28,7 @@ def leave_ports(host: Host, ports: Collection[int]) -> list[int]:
 
 
 def take_ports_back() -> bool:
-    """Undoes it; returns whether anything was switched off."""
+    """Undoes `leave_ports`; returns whether anything was switched off."""
     content = content_here(_FILE)
     if content is None or _MARK not in content:
         return False

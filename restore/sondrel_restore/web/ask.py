@@ -1,4 +1,4 @@
-"""Asks the sites of this host over loopback, and holds the answers against those of the source host."""
+"""Sends requests to the sites of this host over loopback, and compares the answers with those of the source host."""
 from __future__ import annotations
 
 import dataclasses
@@ -13,17 +13,17 @@ from sondrel_restore.kind import Finding
 from sondrel_restore.restore import Restore
 from sondrel_restore.web.site_data import Site
 
-# Of a body, as the agent reads it.
+# Of a body: the agent reads as much.
 _MOST_BYTES = 1_048_576
 _MOST_OF_TITLE = 200
 _TIME_LIMIT = 15.0
-# The agent asks for no other: patterns, and what serves all names that no site has.
+# The agent sends no requests for patterns, nor for servers that have no name of a site.
 _CAN_BE_ASKED = re.compile(r"[a-z0-9-]+(\.[a-z0-9-]+)+")
 
 
 @dataclasses.dataclass(frozen=True)
 class Request:
-    """A GET as a visitor sends it."""
+    """A GET request as a visitor would send it."""
 
     name: str
     port: int
@@ -39,7 +39,7 @@ class Request:
 
 @dataclasses.dataclass(frozen=True)
 class Answer:
-    """What came back; `trouble` alone where nothing did."""
+    """The answer to a request; only `trouble` is set if there was none."""
 
     status: int = 0
     location: str = ""
@@ -50,7 +50,7 @@ class Answer:
 
 
 class _Connection(http.client.HTTPConnection):
-    """To an address, with the name of the site in Host and SNI. Whose the certificate is does not matter here."""
+    """Connects to an address, with the site's name in Host and SNI. The certificate is not checked."""
 
     def __init__(self, address: str, request: Request) -> None:
         super().__init__(address, request.port, timeout=_TIME_LIMIT)
@@ -70,7 +70,7 @@ def _sni(name: str) -> str | None:
 
 
 def ask(address: str, request: Request) -> Answer:
-    """The answer of the server at an address. One that cannot be had has its trouble."""
+    """The answer of the server at an address. On failure `trouble` has the reason."""
     connection = _Connection(address, request)
     usual = 443 if request.tls else 80
     host = request.name if request.port == usual else f"{request.name}:{request.port}"
@@ -92,7 +92,7 @@ def ask(address: str, request: Request) -> Answer:
 
 
 def title_of(body: bytes) -> str:
-    """The text of the first element "title" of a page, with single blanks."""
+    """The text of the page's first element "title", with white space collapsed."""
     found = re.search(rb"<title(?:\s[^>]*)?>(.*?)</title\s*>", body, re.IGNORECASE | re.DOTALL)
     if not found:
         return ""
@@ -101,7 +101,7 @@ def title_of(body: bytes) -> str:
 
 
 def compare(restore: Restore, identifier: str, site: Site) -> Iterator[Finding]:
-    """Asks each name of the site here, and compares with what the source host answered, or answers."""
+    """Requests the pages of the site here, and compares the answers with those of the source host, recorded or live."""
     expected = _expected(restore, site)
     if not expected and not any(_CAN_BE_ASKED.fullmatch(name) for name in site.names):
         yield Finding(identifier, "/", True, "has no name that can be asked for")
@@ -141,7 +141,7 @@ def _without_answers(restore: Restore, site: Site) -> list[tuple[str, Request, A
 
 
 def judged(here: Answer, there: Answer) -> tuple[bool, str]:
-    """Whether two answers are the same for a visitor, and in words how far."""
+    """Whether two answers are the same for a visitor, and a text that says how they compare."""
     if there.trouble:
         return False, f"the source host does not answer: {there.trouble}"
     if here.trouble:

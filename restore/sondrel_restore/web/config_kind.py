@@ -1,7 +1,7 @@
-"""Kinds whose objects are files of a server's configuration.
+"""Kinds whose objects are configuration files of a server.
 
-They go live together, in `finish`: the new files are put in place, the server's own check is asked, and what it refuses
-is put back before the server reloads. Between `apply` and `finish` nothing is loaded by anybody.
+`finish` puts all of them into effect together: it makes the links, runs the server's own check, reverts what the check
+rejects, and reloads the server. `apply` alone changes nothing for a server, because no link leads to its files yet.
 """
 from __future__ import annotations
 
@@ -22,10 +22,10 @@ _OWN_DIRECTORIES = ("/etc/sondrel-restore", "/etc/nginx/sondrel-definitions")
 
 @dataclasses.dataclass(frozen=True)
 class Candidate:
-    """What an object would be here: files with their bytes and modes, and links to them.
+    """What an object would be here: files with their content and modes, and links to them.
 
-    `conflict` and `impossible` say why not; `disables` are links of other files that have to go for it. `shared`
-    are those of the files that other objects may have, too. `notes` are named when it is made.
+    `conflict` and `impossible` say why it cannot be made; `disables` are links of other files that must be removed for
+    it. `shared` are those of the files that other objects may use, too. `notes` are shown when the object is made.
     """
 
     name: str
@@ -44,26 +44,26 @@ class Candidate:
 
 
 class ConfigKind(Kind):
-    """Plan, apply, finish and undo for objects that are `Candidate`s."""
+    """Implements plan, apply, finish and undo for objects that are `Candidate`s."""
 
     def __init__(self) -> None:
-        # Those whose links are not in place while the refused ones are looked for.
+        # The objects whose links are removed while `_one_by_one` looks for the rejected ones.
         self._pending: set[str] = set()
 
     @abc.abstractmethod
     def candidates(self, restore: Restore) -> Iterator[Candidate]:
-        """What the objects of the description would be here. Changes nothing."""
+        """Yields what the objects of the description would be here. Changes nothing."""
 
     @abc.abstractmethod
     def check(self, restore: Restore) -> str:
-        """Why the server refuses its configuration as it is now; empty where it does not."""
+        """Why the server rejects its present configuration; empty if it accepts it."""
 
     @abc.abstractmethod
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
-        """Has the server take over its configuration; `entries` is all that this kind has made."""
+        """Makes the server reload its configuration; `entries` are all objects that this kind has made."""
 
     def planned(self, restore: Restore, candidate: Candidate) -> None:
-        """For offers to later kinds: the object is selected, and is or will be here."""
+        """Called in `plan` for each selected object that is or will be here, to make offers to later kinds."""
 
     def plan(self, restore: Restore) -> Iterator[Item]:
         for candidate in self.candidates(restore):
@@ -160,7 +160,7 @@ class ConfigKind(Kind):
         return disabled
 
     def _keep_before(self, restore: Restore, identifier: str, earlier: Mapping[str, str], candidate: Candidate) -> None:
-        """Keeps the main file as it was, for the case that the server refuses the new one."""
+        """Saves the main file as it was, in case the server rejects the new one."""
         main = next(iter(candidate.files))
         here = content_here(main)
         if here is None or here == candidate.files[main]:
@@ -177,7 +177,7 @@ class ConfigKind(Kind):
         entries = [entry for item in changed
                    if (entry := restore.journal.entry(item.identifier)) is not None and entry.state == "done"]
         failed = self._go_live(restore, entries)
-        # Where this host's own configuration is refused, what runs goes on as it is.
+        # If the check still fails, this host's own configuration is the reason: then the running server is left alone.
         if not failed or not self.check(restore):
             self.reload(restore, [each for each in restore.journal.entries(self.name) if each.state == "done"])
         for entry in entries:
@@ -187,7 +187,7 @@ class ConfigKind(Kind):
                 f"{identifier.partition(':')[2]} ({why})" for identifier, why in failed))
 
     def _go_live(self, restore: Restore, entries: list[Entry]) -> list[tuple[str, str]]:
-        """Puts the links in place; returns what the server refused, with its reason."""
+        """Makes the links; returns the objects that the server rejected, with its reasons, after reverting them."""
         for entry in entries:
             self._enable(entry)
         failed: list[tuple[str, str]] = []
@@ -202,7 +202,7 @@ class ConfigKind(Kind):
         return failed
 
     def _one_by_one(self, restore: Restore, entries: list[Entry], why: str) -> list[tuple[str, str]]:
-        """For a refusal that does not tell whose it is."""
+        """Finds the rejected objects by enabling one after the other, if the server's message does not name one."""
         self._pending = {entry.identifier for entry in entries}
         for entry in entries:
             self._disable_links(restore, entry)
@@ -229,7 +229,7 @@ class ConfigKind(Kind):
             make_link(link, target)
 
     def _disable_links(self, restore: Restore, entry: Entry) -> None:
-        """Those that no other object needs which is in place."""
+        """Removes the object's links, but for those that another enabled object needs."""
         others = [other for other in restore.journal.entries(self.name)
                   if other.identifier not in self._pending | {entry.identifier}]
         for link in links(entry):
@@ -237,7 +237,7 @@ class ConfigKind(Kind):
                 remove_file(link)
 
     def _put_back(self, restore: Restore, entry: Entry) -> None:
-        """The object as it was before this apply: an earlier version, what was replaced, or nothing."""
+        """Reverts the object to its state before this apply: an earlier version, the replaced file, or nothing."""
         before = content_here(restore.journal.side_file(entry.identifier, "before"))
         main = next(iter(sums(entry)))
         if before is not None:
@@ -273,7 +273,7 @@ class ConfigKind(Kind):
 
 
 def _remove_empty(directory: str) -> None:
-    """A directory that only this program makes files in, with those above it."""
+    """Removes a directory and its parents while they are empty and belong to this program."""
     while directory.startswith(_OWN_DIRECTORIES):
         try:
             os.rmdir(directory)
@@ -288,12 +288,12 @@ def _sum_here(path: str) -> str:
 
 
 def sums(entry: Entry) -> dict[str, str]:
-    """The files that an entry has made, with their sums; the main one first."""
+    """The files that an entry has made, with their sums. The main file comes first."""
     files = entry.facts.get("files")
     return {str(path): str(known) for path, known in files.items()} if isinstance(files, dict) else {}
 
 
 def links(entry: Entry) -> dict[str, str]:
-    """The links that an entry has made, with what they lead to."""
+    """The links that an entry has made, with their targets."""
     found = entry.facts.get("links")
     return {str(path): str(target) for path, target in found.items()} if isinstance(found, dict) else {}

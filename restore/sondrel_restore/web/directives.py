@@ -1,4 +1,4 @@
-"""Directives of web servers as the description has them, and as the servers read them back."""
+"""Reads web servers' directives from the description, and writes them for the servers."""
 from __future__ import annotations
 
 import dataclasses
@@ -9,10 +9,10 @@ from urllib.parse import unquote_to_bytes
 from sondrel_restore.description import Element
 from sondrel_restore.kind import RestoreError
 
-# What no server reads back as it was, or what would end a line.
+# Control characters: servers do not read them back unchanged, or end the line there.
 _CONTROLS = re.compile(r"[\x00-\x08\x0a-\x1f\x7f]")
 
-# Words that nginx reads without quotes as they are.
+# Words that nginx reads unchanged without quotes.
 _PLAIN_WORD = re.compile(r"[A-Za-z0-9_./:@*=,+$^~|?!()\[\]&%-]+")
 
 _NAME = re.compile(r"[A-Za-z][A-Za-z0-9_-]*")
@@ -20,7 +20,7 @@ _NAME = re.compile(r"[A-Za-z][A-Za-z0-9_-]*")
 
 @dataclasses.dataclass(frozen=True)
 class Directive:
-    """A directive; `block` is None where it has none. Bytes that are no UTF-8 are surrogates in the texts."""
+    """A directive; `block` is None if it has no block. Bytes that are no UTF-8 are surrogates in the texts."""
 
     name: str
     args: tuple[str, ...]
@@ -33,18 +33,18 @@ class Directive:
 
     @property
     def place(self) -> str:
-        """Where it stands on the source host."""
+        """Its file and line on the source host."""
         return f"{self.file}:{self.line}"
 
     def within(self) -> Iterator[Directive]:
-        """The directive itself and all that are in its block, at any depth."""
+        """The directive itself and all directives in its block, at any depth."""
         yield self
         for inner in self.block or ():
             yield from inner.within()
 
 
 def read(element: Element, above: str = "") -> Directive:
-    """A directive of the description; `above` is the file of what is around it."""
+    """A directive of the description; `above` is the file of the directive that contains it."""
     file = str(element.get("file") or above)
     children = tuple(read(child, file) for child in element.iterfind("directive"))
     return Directive(
@@ -71,17 +71,17 @@ def _exact(element: Element) -> str:
 
 
 def one_line(text: str) -> str:
-    """A text of the source host for a comment: it cannot end the line."""
+    """A text of the source host, made safe for a comment: without characters that end the line."""
     return re.sub(r"[\x00-\x1f\x7f]", "?", text)
 
 
 def to_bytes(text: str) -> bytes:
-    """A configuration as it is written to a file."""
+    """The bytes of a configuration text for a file."""
     return text.encode("utf-8", "surrogateescape")
 
 
 def for_nginx(directives: Iterable[Directive], indent: str = "") -> str:
-    """The directives as nginx reads them. RestoreError for one that cannot be written without doubt."""
+    """The directives in nginx's syntax. RestoreError if one cannot be written unambiguously."""
     return "".join(_nginx_lines(directive, indent) for directive in directives)
 
 
@@ -103,7 +103,7 @@ def _nginx_word(word: str) -> str:
 
 
 def for_apache(directives: Iterable[Directive], indent: str = "") -> str:
-    """The directives as Apache reads them. RestoreError for one that cannot be written without doubt."""
+    """The directives in Apache's syntax. RestoreError if one cannot be written unambiguously."""
     return "".join(_apache_lines(directive, indent) for directive in directives)
 
 
@@ -118,12 +118,12 @@ def _apache_lines(directive: Directive, indent: str) -> str:
 
 
 def apache_rest(directive: Directive) -> str:
-    """What follows the name of a directive on its line."""
+    """What follows the directive's name on its line."""
     return directive.raw if directive.raw is not None else " ".join(directive.args)
 
 
 def quoted_for_apache(word: str) -> str:
-    """A word that Apache reads back as it is."""
+    """The word, quoted if needed, so that Apache reads it back unchanged."""
     if re.fullmatch(r"[A-Za-z0-9_./:@*=,+^$|?!()\[\]{}%-]+", word):
         return word
     return '"' + word.replace("\\", "\\\\").replace('"', '\\"') + '"'

@@ -1,7 +1,7 @@
-"""Whether an argument of a directive may go into the configuration of this host: paths, logs, addresses.
+"""Decides whether an argument of a directive may go into the configuration of this host: paths, logs, addresses.
 
-A source host may have been broken into. What it says of a site must not reach files that were not restored,
-sockets of other accounts, services of this host or of its network.
+The source host may be under the control of an attacker. Its directives must not reach files that were not restored,
+sockets of other accounts, or services of this host or its network.
 """
 from __future__ import annotations
 
@@ -19,33 +19,33 @@ from sondrel_restore.hostfiles import components, sum_of_bytes
 from sondrel_restore.kind import RestoreError
 from sondrel_restore.web.directives import Directive
 
-# Of packages, readable by all.
+# Directories of packages, whose files every account may read.
 _PACKAGED = ("/usr/share", "/usr/lib/cgi-bin")
 
-# Never served, even where something was restored there.
+# Never served, even if something was restored there.
 _NEVER_SERVED = ("/boot", "/dev", "/etc", "/proc", "/root", "/run", "/sys", "/var/log", "/var/mail", "/var/run",
                  "/var/spool", "/var/lib/mysql", "/var/lib/postgresql")
 
-# Where pools of PHP listen; only sites that have one may ask it.
+# Where PHP pools listen. Only the sites that have a pool may use its socket.
 _POOLS = "/run/php"
 
-# Of a file's name; the sum, an ending and what is put before it still fit into 255 bytes.
+# For a file's name: a sum, a suffix and a prefix must still fit into 255 bytes.
 _LONGEST_NAME = 150
 
 _SAFE_NAME = re.compile(r"[A-Za-z0-9._=-]+")
 
-# What only this host's own programs are asked at: mail, databases, caches, management.
+# Ports of services for this host's own programs only: mail, databases, caches, management.
 _OWN_PORTS = frozenset((22, 25, 53, 110, 143, 389, 465, 587, 631, 636, 953, 993, 995, 2019, 2375, 2376, 3306, 4190,
                         5432, 6379, 6432, 8125, 9100, 11211, 11334, 27017, 33060))
 
 
 class Refused(Exception):
-    """Why a directive does not go in, as a clause for a person."""
+    """The directive is not allowed; the text is the reason, as a clause for a person."""
 
 
 @dataclasses.dataclass(frozen=True)
 class LeftOut:
-    """A directive that did not go in, with the reason."""
+    """A directive that was left out, with the reason."""
 
     directive: Directive
     why: str
@@ -56,14 +56,14 @@ class LeftOut:
 
 
 class Trees:
-    """The restored directories, for many questions whether a path lies in one of them."""
+    """The restored directories, prepared for many questions whether a path is in one of them."""
 
     def __init__(self, paths: Iterable[str]) -> None:
         given = [path for path in paths if components(path)]
         self._paths = {_joined(path) for path in given} | {os.path.realpath(path) for path in given}
 
     def have(self, path: str) -> bool:
-        """Whether an absolute path is one of the directories, or lies below one."""
+        """Whether an absolute path is one of the directories or is below one."""
         parts = components(path)
         return any("/" + "/".join(parts[:length]) in self._paths for length in range(1, len(parts) + 1))
 
@@ -76,10 +76,10 @@ def _joined(path: str) -> str:
 class Judge:
     """The rules for one site.
 
-    `sockets` are addresses of pools on the source host with the socket here, `files` certificates and other files
-    of the source host with the path here, `ports` those that restored sites listen at, `accounts` the accounts of
-    this restore here, `addresses` are this host's own. `left_out` collects what did not go in, `changed` what went in
-    otherwise than it was.
+    `sockets` maps addresses of pools on the source host to sockets here; `files` maps certificates and other files of
+    the source host to paths here. `ports` are those of restored sites, `accounts` the accounts here of this restore,
+    `addresses` this host's own addresses. `left_out` collects what was left out, `changed` what was installed in
+    another form.
     """
 
     site: str
@@ -97,11 +97,11 @@ class Judge:
     addresses: frozenset[str] = frozenset()
 
     def leave_out(self, directive: Directive, why: str) -> None:
-        """Remembers what does not go in."""
+        """Records a directive that is left out."""
         self.left_out.append(LeftOut(directive, why))
 
     def served_path(self, path: str) -> str:
-        """A directory or file that may be served: in a restored directory, or of a package."""
+        """Returns the path if it may be served: it is in a restored directory or of a package. Raises Refused."""
         if "$" in path:
             fixed = path[:path.index("$")]
             self.served_path(fixed if fixed.endswith("/") else os.path.dirname(fixed) or "/")
@@ -124,14 +124,14 @@ class Judge:
         return self.trees.have(path) or any(is_below(path, root) for root in _PACKAGED)
 
     def own_file(self, path: str) -> str:
-        """Where a certificate or another single file that a site needs lies here."""
+        """The path here of a certificate or another single file that a site needs. Raises Refused."""
         here = self.files.get(path)
         if not isinstance(here, str):
             raise Refused(f"{path} is not among the files that were restored for this site")
         return here
 
     def log(self, path: str) -> str:
-        """A log in the log directory: root opens it, so that it may lie nowhere where an account can put a link."""
+        """The path of a log in the log directory. Root opens logs, so no account may be able to put a link there."""
         name = os.path.basename(path)
         if "$" in path or not _SAFE_NAME.fullmatch(name) or name.startswith("."):
             raise Refused(f"{path} is no name for a log")
@@ -143,12 +143,12 @@ class Judge:
         return here
 
     def pool_socket(self, address: str) -> str | None:
-        """The socket here of a restored pool; None where the address is no restored pool's."""
+        """The socket here of a restored pool; None for any other address."""
         here = self.sockets.get(normal_address(address))
         return here if isinstance(here, str) else None
 
     def backend(self, address: str) -> str:
-        """An address that requests may be handed on to: "host", "host:port" or "unix:/path"."""
+        """Returns an address that may serve requests: "host", "host:port" or "unix:/path". Raises Refused."""
         if "$" in address:
             raise Refused(f"{address} depends on the request")
         if address.startswith("unix:"):
@@ -194,7 +194,7 @@ class Judge:
     def _check_own_port(self, port: int, address: str) -> None:
         if port in _OWN_PORTS:
             raise Refused(f"{address} is a service of this host that no visitor may reach")
-        # Root's are the web servers, where restored sites listen.
+        # Web servers run as root, so root may listen at the ports of restored sites.
         others = {uid for uid in listeners(port)
                   if (uid == 0 and port not in self.ports) or (uid != 0 and _name_of(uid) not in self.accounts)}
         if others:
@@ -222,7 +222,7 @@ def _split(address: str) -> tuple[str, int | None]:
 
 
 def normal_address(address: str) -> str:
-    """One way to write the address of a pool that servers write in several."""
+    """The one form of a pool's address, which servers write in several forms."""
     address = address.strip()
     address = address[len("unix:"):] if address.startswith("unix:") else address
     if address.isdigit():
@@ -240,9 +240,9 @@ def is_loopback(host: str) -> bool:
 
 
 def addresses_here(host: str) -> list[str]:
-    """The addresses of a name that /etc/hosts has; none where it has none.
+    """The addresses of a name in /etc/hosts; an empty list if there are none.
 
-    The DNS is not asked: it says what the owner of the name wants, who can want something else after the check.
+    The DNS is not asked: the owner of the name controls its answer and can change it after this check.
     """
     found: list[str] = []
     for line in Path("/etc/hosts").read_text(encoding="utf-8", errors="replace").splitlines():
@@ -254,12 +254,12 @@ def addresses_here(host: str) -> list[str]:
 
 
 def listeners(port: int) -> set[int]:
-    """The numbers of the accounts whose programs listen at a TCP port of this host."""
+    """The user numbers of the programs that listen at a TCP port of this host."""
     return {int(fields[7]) for fields in _listening(port)}
 
 
 def programs_at(port: int) -> set[str]:
-    """The names of the programs that listen at a TCP port of this host, as far as they can be seen."""
+    """The names of the programs that listen at a TCP port of this host, as far as /proc shows them."""
     inodes = set(_inodes(port))
     found: set[str] = set()
     if not inodes:
@@ -297,9 +297,9 @@ def _name_of(uid: int) -> str:
 
 
 def file_name(name: str) -> str:
-    """The name of an object as a file's: bytes other than letters, digits, ".", "_" and "-" are "=XX".
+    """The name of an object as the name of a file: all bytes but letters, digits, ".", "_" and "-" become "=XX".
 
-    One that is too long for a file system ends with a sum of it.
+    A name that is too long for a file system is cut and ends with a sum of the whole name.
     """
     escaped = "".join(chr(byte) if re.fullmatch(rb"[A-Za-z0-9_.-]", bytes([byte])) else f"={byte:02X}"
                       for byte in name.encode("utf-8", "surrogateescape"))

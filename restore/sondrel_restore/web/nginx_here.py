@@ -1,11 +1,11 @@
-"""What nginx of this host serves and has defined already, as it tells it itself (`nginx -T`)."""
+"""What nginx on this host already serves and defines, by its own output (`nginx -T`)."""
 from __future__ import annotations
 
 import dataclasses
 import re
 from collections.abc import Iterator
 
-# How much room the table of names has for one of them.
+# The room for each name in nginx's table of names.
 BUCKET_SIZE = "server_names_hash_bucket_size"
 
 _FILE = re.compile(r"^# configuration file (/.*):$", re.MULTILINE)
@@ -15,8 +15,8 @@ _TOKEN = re.compile(r"""\s+|\#[^\n]*|(?P<mark>[;{}])|"(?P<double>(?:[^"\\]|\\.)*
 
 @dataclasses.dataclass
 class NginxHere:
-    """Names with the file that has them. `defaults` are "address:port" of default servers, `listens` of all, `roots`
-    paths that are served, `once` directives that a host can have once.
+    """Names, each with the files that have them. `defaults` are "address:port" of default servers, `listens` those of
+    all servers, `roots` served paths, `once` directives that a configuration can have only once.
     """
 
     served: dict[str, set[str]] = dataclasses.field(default_factory=dict)
@@ -30,7 +30,7 @@ class NginxHere:
     once: dict[str, str] = dataclasses.field(default_factory=dict)
 
     def take(self, file: str, words: list[str]) -> None:
-        """Takes a directive, or the beginning of a block."""
+        """Records a directive, or the head of a block."""
         name, args = words[0], words[1:]
         if name == "server_name":
             for each in args:
@@ -56,7 +56,7 @@ class NginxHere:
 
 
 def read_here(output: str) -> NginxHere:
-    """What `nginx -T` has printed."""
+    """Parses the output of `nginx -T`."""
     here = NginxHere()
     parts = _FILE.split(output)
     for file, text in zip(parts[1::2], parts[2::2]):
@@ -77,7 +77,7 @@ def _statements(text: str) -> Iterator[list[str]]:
 
 
 def normal_listen(address: str) -> str:
-    """An address to listen at as "host:port"."""
+    """An address of `listen` in the form "host:port"."""
     if address.isdigit():
         return f"*:{address}"
     if re.fullmatch(r"\[.*\]|[^:]+", address):

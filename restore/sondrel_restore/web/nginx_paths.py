@@ -1,27 +1,27 @@
-"""Whether a path of nginx with variables in it could lead upwards.
+"""Decides whether a path of nginx with variables in it could lead upwards.
 
-nginx resolves ".." in what a visitor asks for, and nowhere else: not in a path that variables are put into, nor in what
-a rule has made. So each part of a path must be more than dots, whatever the variables hold.
+nginx resolves ".." only in the URL of a request, not in a path that contains variables, nor in the result of a rewrite.
+So each component of a path must have more than dots, whatever the values of the variables.
 """
 from __future__ import annotations
 
 import re
 from collections.abc import Iterator, Mapping
 
-# Whether the text that a group takes begins and ends where a part of the path does.
+# Whether the text that a group matches begins and ends at a slash or at an end of the path.
 Edges = Mapping[str, tuple[bool, bool]]
 
 _VARIABLE = re.compile(r"\$(?:\{(\w+)\}|(\w+))")
-# They begin with "/", and have no ".." as a part.
+# The values of these begin with "/" and have no ".." component.
 _WHOLE = re.compile(r"\$\{?(?:document_root|realpath_root|request_filename|uri|document_uri|fastcgi_\w+)\b\}?")
-# What a group may have that takes no dot.
+# Patterns that match no dot.
 _DOTLESS = re.compile(r"(?:\\[dws-]|\[(?!\^)[^\].\\]*(?:\\[dws-][^\].\\]*)*\]|[A-Za-z0-9_%~-]|[|+*?(){},])*")
 _NAME = re.compile(r"\?P?[<'](\w+)[>']")
 _TO_THE_END = (".*", ".+", "[^/]*", "[^/]+")
 
 
 def leads_upwards(path: str, edges: Edges) -> bool:
-    """Whether a part of the path may be ".." when the variables have their values. `edges` has those of groups."""
+    """Whether a component of the path may become "..". `edges` has the groups whose values are the variables."""
     for part in _WHOLE.sub("/v", path).split("/"):
         variables = list(_VARIABLE.finditer(part))
         if part == ".." or any(_is_loose(part, variable, edges) for variable in variables):
@@ -40,7 +40,7 @@ def _is_loose(part: str, variable: re.Match[str], edges: Edges) -> bool:
 
 
 def groups(expression: str) -> Iterator[tuple[str, tuple[bool, bool]]]:
-    """The groups of a regular expression for a path, by number and by name."""
+    """The groups of a regular expression for a path, by number and by name, with their edges."""
     number = 0
     for start in _openings(expression):
         name = _NAME.match(expression, start + 1)
@@ -80,7 +80,7 @@ def _closing(expression: str, start: int) -> int:
 
 
 def _marks(expression: str) -> Iterator[tuple[str, int]]:
-    """The brackets that are no text."""
+    """The parentheses that delimit groups: not escaped, and not in a bracket expression."""
     for match in re.finditer(r"\\.|\[\^?\]?(?:\\.|[^\]\\])*\]|[()]", expression, re.DOTALL):
         if match[0] in ("(", ")"):
             yield match[0], match.start()

@@ -1,6 +1,6 @@
-"""Directories that sites of this host serve, which this session has not made.
+"""The directories that this host's own sites serve, without those that this session made.
 
-What another account can write there would be served as the site's own, and run where it runs programs.
+An account that can write there could publish files as part of these sites, and run programs where they run them.
 """
 from __future__ import annotations
 
@@ -18,19 +18,19 @@ from sondrel_restore.web.own_sites import OF_PACKAGES
 _APACHE_PATHS = re.compile(
     r'^[ \t]*(?:DocumentRoot|(?:Script)?Alias[ \t]+(?:"[^"\n]*"|\S+))[ \t]+(?:"(/[^"\n]*)"|(/\S*))',
     re.MULTILINE | re.IGNORECASE)
-# Pages and programs of packages, which no restore writes to.
+# Pages and programs of packages. No restore writes there.
 _PACKAGED = ("/usr",)
 
 
 class OwnRoots:
-    """Looked up at the first question."""
+    """The directories, determined at the first call of `near`."""
 
     def __init__(self, restore: Restore) -> None:
         self._restore = restore
         self._known: list[tuple[str, str]] | None = None
 
     def near(self, path: str) -> str:
-        """What serves a directory in which `path` lies, or which lies in it, as a clause; empty if nothing does."""
+        """Which served directory contains `path` or is below it, as a clause; empty if there is none."""
         if self._known is None:
             self._known = list(self._found())
         real = os.path.realpath(path)

@@ -1,4 +1,4 @@
-"""PHP files of sites that the PHP of this host cannot compile, as `php -l` tells it of each; none of them runs."""
+"""Finds PHP files of sites that the PHP of this host cannot compile, as `php -l` would. It does not run them."""
 from __future__ import annotations
 
 import contextlib
@@ -18,15 +18,15 @@ from sondrel_restore.restore import Restore
 from sondrel_restore.web.directives import one_line
 
 _ENDINGS = (".php", ".phtml")
-# In bytes. What is larger is data in the form of PHP, and costs the compiler a hundred times its size in memory.
+# In bytes. A larger file is data in the form of PHP; compiling it needs a hundred times its size in memory.
 _LARGEST = 1 << 20
 _MEMORY = "512M"
-# In seconds, for the files of one object.
+# In seconds, for all files of one object.
 _TIME_LIMIT = 120.0
 _LONGEST_MESSAGE = 200
 _ACCOUNT = "nobody"
-# Gets a path in each line, and answers each by a line: empty, or the number of a line and what is wrong there. What
-# one file declares must not be there for the next one, and one may end its process.
+# Reads a path per line and answers each with a line: empty, or the number of the bad line and the message. Each file
+# is compiled in a process of its own, so that its declarations do not affect the next file, nor does a crash.
 _COMPILER = r"""
 set_error_handler(fn() => true);
 function reason($path) {
@@ -52,11 +52,11 @@ while (($path = fgets(STDIN)) !== false) {
 
 @contextlib.contextmanager
 def _compiler(restore: Restore, version: str) -> Iterator[_Compiler]:
-    """A compiler that ends with the block; so does its directory."""
+    """Runs a compiler process for the block. At the end the process and its directory are removed."""
     account = account_of(_ACCOUNT)
     assert account is not None
     with tempfile.TemporaryDirectory(prefix="sondrel-php-") as directory:
-        # Files of a site may have passwords: only root and that account can enter, and the names are random.
+        # Files of a site may have passwords: only root and the compiler's account can enter, and the name is random.
         os.chown(directory, 0, account.pw_gid)
         os.chmod(directory, 0o710)
         with restore.host.start(
@@ -68,7 +68,7 @@ def _compiler(restore: Restore, version: str) -> Iterator[_Compiler]:
             finally:
                 with contextlib.suppress(ProcessLookupError):
                     os.killpg(process.pid, signal.SIGKILL)
-                # A path that it has not read goes nowhere.
+                # The compiler may be gone before it has read a path.
                 with contextlib.suppress(BrokenPipeError):
                     process.stdin.close()
 
@@ -84,8 +84,8 @@ class _Compiler:
         self.files = 0
 
     def reason(self, code: bytes) -> str | None:
-        """The line and why it cannot be compiled; empty where it can, None where the compiler does not answer."""
-        # Each has a name of its own: the compiler may remember what it has seen.
+        """The line and the reason why the code does not compile; empty if it does; None if there is no answer."""
+        # Each file has a new name, because the compiler may cache results by name.
         path = f"{self._directory}/{self.files}"
         with open(path, "xb", opener=lambda name, flags: os.open(name, flags, 0o640)) as file:
             os.fchown(file.fileno(), 0, self._group)
@@ -115,7 +115,7 @@ class _Compiler:
 
 @dataclasses.dataclass
 class _Found:
-    """What the compiler said of the files."""
+    """The results of compiling a number of files."""
 
     failed: int = 0
     first: str = ""
@@ -123,21 +123,21 @@ class _Found:
 
 
 class OtherVersions:
-    """What it means for sites that the PHP here has another version than theirs. Lives for one run."""
+    """Reports what another PHP version here than on the source host means for sites. Lives for one run."""
 
     def __init__(self) -> None:
-        # What the compiler said: the files do not change in a run.
+        # The results by object: the files do not change during a run.
         self._said: dict[str, str] = {}
 
     def note(self, restore: Restore, identifier: str, domains: Iterable[Domain], there: str, here: str) -> str:
-        """A part of a sentence for the object's plan; empty where the versions are the same.
+        """A clause for the object's plan; empty if the versions are the same.
 
-        The files are compiled until the object was made once: then the application can be tried.
+        The files are compiled only until the object was made once: after that the application can be tried.
         """
         if not there or there == here:
             return ""
         if identifier not in self._said:
-            # A plan shows no other sites: their archives need not be read.
+            # The plan shows only selected sites, so do not read the archives of others.
             chosen = [domain for domain in domains if restore.selection.takes_domain(domain.name)]
             is_new = restore.journal.entry(identifier) is None
             self._said[identifier] = uncompilable(restore, here, chosen) if is_new and chosen else ""
@@ -147,7 +147,7 @@ class OtherVersions:
 def uncompilable(restore: Restore, version: str, domains: Iterable[Domain]) -> str:
     """Says how many files of these sites PHP `version` cannot compile, and what is wrong with the first.
 
-    Empty where there is none, and where that PHP has no program for the command line here. The files do not run.
+    Empty if there are none, or if that PHP has no command-line program here. The files are not run.
     """
     if not restore.host.has_program(f"php{version}") or account_of(_ACCOUNT) is None:
         return ""
@@ -167,7 +167,7 @@ def uncompilable(restore: Restore, version: str, domains: Iterable[Domain]) -> s
 
 
 def _php_files(restore: Restore, domains: Iterable[Domain]) -> Iterator[tuple[str, bytes]]:
-    """An archive that cannot be read is left out: the object that it belongs to reports that."""
+    """The PHP files of the sites. Skips an archive that cannot be read: the object that it belongs to reports that."""
     seen: set[str] = set()
     for domain in domains:
         for content in restore.description.contents(domain.element):

@@ -1,11 +1,11 @@
-"""Which settings and variables of a pool go in: a pool runs as its account, and its settings must leave it so."""
+"""Decides which settings and variables a pool may have: none may give it more rights than its account has."""
 from __future__ import annotations
 
 import re
 
 from sondrel_restore.web.judge import Judge, Refused
 
-# Settings whose values are numbers, words and lists: nothing that reaches a file or program.
+# Settings whose values are numbers, words and lists, so they reach no file or program.
 PLAIN = frozenset("""
     allow_url_fopen allow_url_include arg_separator.output asp_tags assert.active auto_detect_line_endings
     date.timezone default_charset default_mimetype default_socket_timeout disable_classes disable_functions
@@ -27,7 +27,7 @@ PLAIN = frozenset("""
     zlib.output_compression_level
 """.split())
 
-# Settings that a script must not be able to take back.
+# Settings that scripts must not be able to change.
 ADMIN = frozenset(("open_basedir", "disable_functions", "disable_classes", "allow_url_include", "enable_dl",
                    "allow_url_fopen", "file_uploads"))
 
@@ -36,7 +36,7 @@ _PATHS = frozenset(("auto_append_file", "auto_prepend_file", "browscap", "error_
 
 _SHARED = ("/tmp", "/var/tmp", "/var/lib/php/sessions", "/usr/share/php", "/dev/urandom")
 
-# Variables of the process manager that a pool may take over.
+# Variables of the process manager's environment that a pool may inherit.
 _TAKEN_OVER = frozenset(("$PATH", "$HOSTNAME", "$TMP", "$TMPDIR", "$TEMP", "$LANG"))
 
 _VARIABLE_NAME = re.compile(r"[A-Za-z_][A-Za-z0-9_]*")
@@ -46,7 +46,7 @@ _CONTROLS = re.compile(r"[\x00-\x1f\x7f]")
 
 
 def check_setting(judge: Judge, name: str, value: str) -> None:
-    """Refused where a setting of PHP does not go in."""
+    """Raises Refused if a setting of PHP is not allowed."""
     if _CONTROLS.search(value):
         raise Refused(f"{name} has a value with control characters")
     if name in PLAIN:
@@ -68,7 +68,7 @@ def _is_shared(path: str) -> bool:
 
 
 def check_variable(name: str, value: str) -> None:
-    """Refused where a variable of a pool's environment does not go in."""
+    """Raises Refused if a variable of a pool's environment is not allowed."""
     if not _VARIABLE_NAME.fullmatch(name) or _OF_THE_LOADER.fullmatch(name):
         raise Refused(f"the variable {name} is not among those that are taken")
     if value.startswith("$") and value not in _TAKEN_OVER:
@@ -76,7 +76,7 @@ def check_variable(name: str, value: str) -> None:
 
 
 def quoted(value: str) -> str:
-    """A value as the process manager reads it back. Refused for one that cannot be written without doubt."""
+    """The value in the syntax of PHP-FPM. Raises Refused if it cannot be written unambiguously."""
     if _CONTROLS.search(value):
         raise Refused("a value with control characters")
     is_word = value.lower() in ("on", "yes", "true", "off", "no", "false", "null", "none")

@@ -1,4 +1,4 @@
-"""Who has a port that a restored web server needs: a program that runs, or a server that would take it at its start."""
+"""Finds who has a port that a restored web server needs: a running program, or a server that takes it at start."""
 from __future__ import annotations
 
 import os
@@ -13,28 +13,28 @@ from sondrel_restore.web.service import running
 
 NGINX_DEFAULT = "/etc/nginx/sites-enabled/default"
 _LISTEN = re.compile(r"^[ \t]*Listen[ \t]+(?:\S+:)?([0-9]+)\b", re.MULTILINE | re.IGNORECASE)
-# Packages' names of the programs of web servers, with what they write their number into.
+# The web servers, with their files of process numbers.
 _SERVERS = {"nginx": "/run/nginx.pid", "apache2": "/run/apache2/apache2.pid"}
 
 
 class PortsHere:
-    """What listens at ports of this host, but for one server. Each is looked at once."""
+    """The ports that other programs and servers than `own` use. Each port and server is examined only once."""
 
     def __init__(self, host: Host, own: str) -> None:
-        """`own` is the beginning of what the processes of the server itself are called."""
+        """`own` is the prefix of the names of the server's own processes."""
         self._host = host
         self._own = own
         self._programs: dict[int, list[str]] = {}
         self._files: dict[str, dict[int, list[str]]] = {}
 
     def programs(self, port: int) -> list[str]:
-        """The programs that listen there."""
+        """The programs that listen at the port."""
         if port not in self._programs:
             self._programs[port] = sorted(each for each in programs_at(port) if not each.startswith(self._own))
         return self._programs[port]
 
     def why_taken(self, ports: Iterable[int]) -> str:
-        """Why the server cannot have one of the ports, with what to do; empty where it can."""
+        """Why the server cannot have one of the ports, and what to do; empty if it can have all."""
         for port in sorted(ports):
             programs = self.programs(port)
             if programs:
@@ -42,7 +42,7 @@ class PortsHere:
         return ""
 
     def would_be_taken(self, ports: Iterable[int]) -> str:
-        """What another server, which does not run, would take at its start, with what to do; empty for nothing."""
+        """Which stopped server would take one of the ports when it starts, and what to do; empty if there is none."""
         for port in sorted(ports):
             for server, pid_file in _SERVERS.items():
                 if server != self._own and running(pid_file, server) is None and self.files(server, port):
@@ -61,7 +61,7 @@ class PortsHere:
         return ""
 
     def files(self, server: str, port: int) -> list[str]:
-        """The files that have a server listen at a port."""
+        """The files that make a server listen at a port."""
         if server not in self._files:
             self._files[server] = self._of_nginx() if server == "nginx" else _of_apache()
         return self._files[server].get(port, [])
@@ -87,11 +87,11 @@ def _of_apache() -> dict[int, list[str]]:
 
 
 def port_of(address: str) -> int:
-    """The port of "host:port"; 0 where it has none, as that of a socket in a file system."""
+    """The port of "host:port"; 0 if there is none, as for a Unix socket."""
     port = address.rpartition(":")[2]
     return int(port) if port.isdigit() else 0
 
 
 def overlap(address: str, other: str) -> bool:
-    """Whether two programs cannot listen at these two addresses of one port ("*" and "[::]" for all)."""
+    """Whether two programs cannot both use these addresses with one port. "*" and "[::]" stand for all addresses."""
     return address == other or any(each in ("*", "[::]", "0.0.0.0", "_default_", "") for each in (address, other))

@@ -1,4 +1,4 @@
-"""Servers of this host that take over their configuration: by systemd where it runs, else by a signal of their own."""
+"""Makes servers of this host reload: with systemd where it runs, else with the server's own signal."""
 from __future__ import annotations
 
 import os
@@ -18,10 +18,10 @@ _PATIENCE = 20.0
 
 def reload_service(host: Host, name: str, pid_file: str, program: str, number: signal.Signals, *,
                    ends_workers: bool = False) -> None:
-    """Has the server `name` (a unit and an init script) read its configuration anew, or starts it if it does not run.
+    """Makes the server `name` (a unit and an init script) reload its configuration, or starts it if it does not run.
 
-    `program` is the beginning of the name that its process has. With `ends_workers` its earlier processes are gone
-    at the end: their accounts can be removed. RestoreError where that fails.
+    `program` is the prefix of its process name. With `ends_workers` it waits until the server's earlier workers are
+    gone, so that their accounts can be removed. RestoreError if that fails.
     """
     pid = running(pid_file, program)
     before = _children(pid) if pid is not None else set()
@@ -41,7 +41,7 @@ def reload_service(host: Host, name: str, pid_file: str, program: str, number: s
 
 
 def reload_web_servers(host: Host) -> None:
-    """Has nginx and Apache read their files anew, where they run and do not refuse their configuration."""
+    """Makes nginx and Apache reload their files, if they run and accept their configuration."""
     for name, pid_file, check, number in (
         ("nginx", "/run/nginx.pid", ["nginx", "-t", "-q"], signal.SIGHUP),
         ("apache2", "/run/apache2/apache2.pid", ["apache2ctl", "configtest"], signal.SIGUSR1),
@@ -51,7 +51,7 @@ def reload_web_servers(host: Host) -> None:
 
 
 def running(pid_file: str, program: str) -> int | None:
-    """The number of the process in the file, if it is one of that program."""
+    """The process number in the file, if that process runs and its name begins with `program`; else None."""
     try:
         pid = int(Path(pid_file).read_text(encoding="ascii").strip())
         comm = Path(f"/proc/{pid}/comm").read_text(encoding="utf-8", errors="replace")
@@ -61,12 +61,12 @@ def running(pid_file: str, program: str) -> int | None:
 
 
 def _serves_anew(pid: int | None, before: set[str], now: int | None) -> bool:
-    """PHP-FPM has another number after it has loaded itself anew."""
+    """Whether new workers serve, or the main process is a new one: PHP-FPM replaces itself when it reloads."""
     return now is not None and (now != pid or bool(_children(now) - before))
 
 
 def _children(pid: int) -> set[str]:
-    """The processes that a server has started to serve."""
+    """The worker processes of a server."""
     try:
         return set(Path(f"/proc/{pid}/task/{pid}/children").read_text(encoding="ascii").split())
     except OSError:
@@ -74,7 +74,7 @@ def _children(pid: int) -> set[str]:
 
 
 def wait_until(holds: Callable[[], bool], otherwise: str) -> None:
-    """Waits until something holds. RestoreError with `otherwise` where it does not come to it."""
+    """Waits until `holds` is true. RestoreError with `otherwise` if it is not within 20 seconds."""
     deadline = time.monotonic() + _PATIENCE
     while not holds():
         if time.monotonic() > deadline:

@@ -1,4 +1,4 @@
-"""The web servers' part of the description: configurations with their definitions, and the sites."""
+"""The web servers' part of the description: configurations with their definitions, and sites."""
 from __future__ import annotations
 
 import dataclasses
@@ -12,7 +12,7 @@ from sondrel_restore.web.directives import Directive, read
 
 @dataclasses.dataclass(frozen=True)
 class Configuration:
-    """What a main file of a web server says: directives outside of sites, and definitions by their identifiers."""
+    """A web server's main configuration: directives outside of sites, and definitions by identifier."""
 
     name: str
     server: str
@@ -24,7 +24,7 @@ class Configuration:
 
 @dataclasses.dataclass(frozen=True)
 class Block:
-    """A server block or virtual host of a site; `key` tells it from all others."""
+    """A server block or virtual host of a site. `key` identifies it."""
 
     key: str
     configuration: Configuration
@@ -34,7 +34,7 @@ class Block:
 
 @dataclasses.dataclass(frozen=True)
 class Site:
-    """A site of one web server, with the blocks of that server."""
+    """A site, with the blocks that one web server has for it."""
 
     domain: Domain
     element: Element
@@ -42,7 +42,7 @@ class Site:
 
     @property
     def is_first(self) -> bool:
-        """Whether the server of these blocks is the one that visitors reach."""
+        """Whether visitors reach this web server directly, not through another one."""
         server = self.blocks[0].configuration.server
         return str(self.element.get("server", "")).replace(",", " ").split()[:1] == [server]
 
@@ -52,7 +52,7 @@ class Site:
 
 
 def configurations(restore: Restore) -> dict[str, Configuration]:
-    """All configurations of the description, by their names."""
+    """All configurations of the description, by name."""
     return {element.get("name"): _configuration(element)
             for element in restore.description.tree.iterfind("web-configuration")}
 
@@ -66,7 +66,7 @@ def _configuration(element: Element) -> Configuration:
 
 
 def sites_of(restore: Restore, server: str) -> Iterator[Site]:
-    """The sites of the description that a server has blocks for."""
+    """The sites of the description that have blocks of a server."""
     known = configurations(restore)
     for domain in restore.description.domains():
         element = domain.element.find("site")
@@ -91,7 +91,7 @@ def _block(element: Element, known: dict[str, Configuration]) -> Block:
 
 
 def listening_ports(site: Site) -> frozenset[int]:
-    """The ports that the blocks of a site name."""
+    """The ports in the blocks of a site."""
     found: set[int] = set()
     for block in site.blocks:
         if block.directive is None:
@@ -106,24 +106,24 @@ def listening_ports(site: Site) -> frozenset[int]:
 
 @dataclasses.dataclass(frozen=True)
 class PoolHere:
-    """A restored pool: its socket here, who it runs as on the source host, and the sites that it served there."""
+    """A restored pool: its socket here, its account on the source host, and the sites that it served there."""
 
     socket: str
     user: str
     domains: frozenset[str]
 
     def serves(self, domain: Domain) -> bool:
-        """Whether a site may have it: programs in it could do all that the pool's account can."""
+        """Whether a site may use it: the site's programs could then do all that the pool's account can."""
         site = domain.element.find("site")
         owners = {domain.client, "" if site is None else str(site.get("owner") or "")} - {""}
         return domain.name in self.domains or self.user in owners
 
 
 def accounts_here(restore: Restore) -> frozenset[str]:
-    """The names here of the accounts that this restore has made or matched; never root."""
+    """The names of the accounts here that this restore made or matched, without root."""
     return frozenset(str(here) for here in restore.offered("account").values()) - {"root"}
 
 
 def is_chosen(restore: Restore, kind: str, domain: Domain) -> bool:
-    """Whether the object that a kind makes of a domain is selected and not skipped."""
+    """Whether a kind's object for the domain is selected and not skipped."""
     return restore.selection.takes_domain(domain.name) and not restore.decisions.skip(f"{kind}:{domain.name}")

@@ -1,5 +1,4 @@
-"""What the kinds nginx and apache have in common: which blocks a site brings, whose files it may name, what was left
-out.
+"""What the kinds nginx and apache share: which blocks a site brings, which files it may name, and what was left out.
 """
 from __future__ import annotations
 
@@ -25,7 +24,7 @@ _LEFT_OUT = "/etc/sondrel-restore/left-out"
 
 
 class SiteKind(ConfigKind):
-    """Sites of one web server. `program` is what its processes are called."""
+    """Sites of one web server. `program` is the prefix of its process names."""
 
     program: str
     package: str
@@ -38,16 +37,16 @@ class SiteKind(ConfigKind):
         self._site_ports: frozenset[int] = frozenset()
         self.addresses: frozenset[str] = frozenset()
         self.ports_here: PortsHere
-        # Files and links that earlier applies have made, as of the beginning of a plan.
+        # The files and links that earlier applies made, as of the beginning of a plan.
         self.made: frozenset[str] = frozenset()
 
     @abc.abstractmethod
     def look(self, restore: Restore) -> None:
-        """Looks at what the server has here, at the beginning of a plan."""
+        """Reads the server's present state on this host, at the beginning of a plan."""
 
     @abc.abstractmethod
     def candidate(self, restore: Restore, site: Site, blocks: tuple[Block, ...]) -> Candidate:
-        """What a site would be here. `blocks` are those that it brings: others brought the rest."""
+        """What a site would be here. `blocks` are those that it brings; other sites brought the rest."""
 
     def candidates(self, restore: Restore) -> Iterator[Candidate]:
         sites = list(sites_of(restore, self.name))
@@ -70,7 +69,7 @@ class SiteKind(ConfigKind):
         return [site for site in sites_of(restore, self.name) if is_chosen(restore, self.name, site.domain)]
 
     def _brought(self, restore: Restore, sites: list[Site]) -> dict[str, str]:
-        """Who brings a block that several sites have: the one that did, else the first that is selected."""
+        """Which site brings a block that several sites have: the one that already did, else the first selected one."""
         found: dict[str, str] = {}
         for entry in restore.journal.entries(self.name):
             blocks = entry.facts.get("blocks")
@@ -95,7 +94,7 @@ class SiteKind(ConfigKind):
     def taken_name(self, names: Iterable[str], served: Mapping[str, set[str]], own: set[str]) -> tuple[str, set[str]]:
         """The first of the names that other files here serve, with these files; ("", set()) if there is none.
 
-        A pattern of a site meets the names that it stands for, but for those of the files that packages bring.
+        A pattern matches the names that it stands for, but not those in the default files of packages.
         """
         for name in names:
             for here, files in served.items():
@@ -109,13 +108,14 @@ class SiteKind(ConfigKind):
 
     @staticmethod
     def meets(name: str, here: str) -> bool:
-        """Whether a name of a site gets requests for another name or pattern that is served here."""
+        """Whether a name of a site would get requests for a name or pattern that is served here already."""
         return "*" in here and fnmatch.fnmatchcase(name, here)
 
     def taken_address(self, listens: Iterable[str], here: Mapping[str, set[str]], own: set[str]) -> str:
         """Why a site may not listen at its addresses; empty if it may.
 
-        At the address itself a server is asked before those for all addresses of the port, whatever the name.
+        A server that listens at one address gets the requests to it before servers that listen at all addresses of the
+        port, whatever name they ask for.
         """
         for listen in listens:
             host, _, port = listen.rpartition(":")
@@ -130,7 +130,7 @@ class SiteKind(ConfigKind):
     def whole(self, site: Site, judge: Judge, blocks: tuple[Block, ...], files: Mapping[str, bytes],
               made_links: Mapping[str, str], left_out: str, conflict: str, disables: frozenset[str],
               refusal: str) -> Candidate:
-        """The candidate with what was left out beside it; `left_out` is that in the words of the server."""
+        """The candidate, with a file for what was left out; `left_out` is that in the server's syntax."""
         modes: dict[str, int] = {}
         notes = [f"{change}" for change in dict.fromkeys(judge.changed)]
         beside = dict(files)
@@ -169,7 +169,7 @@ def heading(site: Site) -> str:
 
 
 def _sockets_of(restore: Restore, site: Site) -> dict[str, object]:
-    """By their addresses on the source host: the sockets here of the pools that a site may have."""
+    """The sockets here of the pools that a site may use, by their addresses on the source host."""
     return {address: pool.socket for address, pool in restore.offered("php-socket").items()
             if isinstance(pool, PoolHere) and pool.serves(site.domain)}
 
