@@ -21,7 +21,7 @@ def counted(number, what):
 
 
 def problems_of(migration):
-    """The counts of problems of the dump and of the content, as parts of a line."""
+    """The problem counts of the dump and of the content, as parts of a line."""
     counts = [counted(migration[what + "s"], what) for what in ("error", "warning", "note")]
     messages = migration["problems"] - migration["errors"]
     return (counts if migration["counted"] else []) + (
@@ -38,13 +38,13 @@ def line_of(name, migration):
     parts.append("%s in %s files" % (size_text(migration["bytes"]), migration["files"]))
     parts += problems_of(migration)
     parts.append("%s:%s" % (migration["destination"], migration["session"]))
-    # An error of the source host may have several lines.
+    # An error message of the source host may have several lines.
     reason = " ".join(migration["reason"].split())
     return name + ": " + ", ".join(parts) + (": " + reason if reason else "")
 
 
 def sondrel_summary(hosts, hostvars):
-    """A line for each migration, and one for all of them."""
+    """A line for each migration, and a last one for all."""
     migrations = [(name, hostvars[name].get("sondrel_migration")) for name in hosts]
     finished = [found for _, found in migrations if found and found["state"] == "finished"]
     return [line_of(name, found) for name, found in migrations] + [
@@ -53,7 +53,7 @@ def sondrel_summary(hosts, hostvars):
 
 
 def sondrel_failure(migration):
-    """Why a migration is not finished, its state, and where its logs are."""
+    """Why a migration is not finished: its state, and where its logs are."""
     parts = [line_of(migration["destination"], migration)]
     if migration["state"] != "unknown":
         parts.append("See %s, and %s.log for what the runs said" % (migration["log"], migration["session"]))

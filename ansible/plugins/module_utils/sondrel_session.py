@@ -11,31 +11,31 @@ import signal
 import stat
 import xml.etree.ElementTree
 
-# sondrel writes no document longer than this.
+# sondrel writes no larger documents.
 LARGEST_DOCUMENT_BYTES = 1 << 20
 BEGUN, ENDED = "# begun ", "# ended "
 
 
 class SessionProblem(Exception):
-    """A file of the session is not as sondrel leaves it; the text is for the administrator."""
+    """A file of the session is not one that sondrel wrote. The text is for the administrator."""
 
 
 def log_of(session):
-    """The file with the output of the runs, beside the session directory, which sondrel-migrate makes itself.
+    """The path of the log with the output of the runs. It is beside the session directory: sondrel-migrate makes that.
 
-    The process that runs sondrel-migrate for the role holds a lock on it (flock) from before the
-    start of the run until the end of the run is noted there.
+    The process that runs sondrel-migrate for the role locks this file (flock). It holds the lock from before the run
+    until it has recorded the end of the run there.
     """
     return session + ".log"
 
 
 def is_at_work(session):
-    """Whether a run that the role began has not ended yet."""
+    """Whether a run that the role started has not ended yet."""
     return not wait_for_end(session, 0)
 
 
 def wait_for_end(session, seconds):
-    """True as soon as no run of the role is at work; false after that many seconds."""
+    """True as soon as no run of the role is active; False if one still is after that many seconds."""
     try:
         log = open(log_of(session), "rb")
     except FileNotFoundError:
@@ -54,7 +54,7 @@ def wait_for_end(session, seconds):
 
 @contextlib.contextmanager
 def alarm_after(seconds):
-    """Raises TimeoutError in a body that takes longer."""
+    """Raises TimeoutError in the body if it takes longer than that many seconds."""
     def raise_timeout(number, frame):
         raise TimeoutError
 
@@ -78,10 +78,10 @@ def status_of(module, program, session):
 
 
 def read_document(path):
-    """The root of an XML document; None if there is no such file.
+    """The root of an XML document; None if the file is missing.
 
-    Raises SessionProblem for a file that sondrel has not written: a special file, one that is too long,
-    one with a document type.
+    Raises SessionProblem for a file that sondrel did not write: a special file, one that is too long, or one with a
+    document type.
     """
     try:
         descriptor = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK)
@@ -101,6 +101,6 @@ def read_document(path):
 
 
 def recorded_settings(session):
-    """The settings that the migration was begun with, as {name: text}."""
+    """The settings with which the migration was started, as {name: text}."""
     state = read_document(session + "/migrate/state.xml")
     return {} if state is None else {node.get("name"): node.text or "" for node in state.iter("setting")}

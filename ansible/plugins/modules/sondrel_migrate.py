@@ -92,7 +92,7 @@ from ansible_collections.sondrel.migration.plugins.module_utils.sondrel_session 
 SLOTS = "/run/sondrel-migrate"
 SLOT_CHECK_SECONDS = 1
 CANNOT_EXECUTE = 127
-# A process that asks whether a run is at work holds the lock for a moment.
+# Another process may hold the lock for a moment to find out whether a run is active.
 LONGEST_QUERY_SECONDS = 2
 
 
@@ -105,7 +105,7 @@ def text_of(value):
 
 
 def refuse_files(module):
-    """Fails if the module was sent as a file: the passwords would be on the disk."""
+    """Fails if Ansible sent the module as a file: the passwords would be on the disk."""
     with open("/proc/self/cmdline", "rb") as words:
         if b"AnsiballZ" in words.read():
             module.fail_json(msg="Pipelining is off, or cannot be had (ANSIBLE_KEEP_REMOTE_FILES, becoming root by "
@@ -113,7 +113,7 @@ def refuse_files(module):
 
 
 def password_lines(module):
-    """The passwords, as sondrel-migrate reads them on its standard input."""
+    """The passwords as bytes for the standard input of sondrel-migrate."""
     lines = ""
     for name in ("password", "key_password", "sudo_password"):
         password = module.params[name] or ""
@@ -132,7 +132,7 @@ def command_of(params, program):
 
 
 def own_log(session):
-    """Opens and locks the log of the session; None if a run is at work."""
+    """Opens and locks the log of the session. None if a run is active."""
     os.makedirs(os.path.dirname(session), exist_ok=True)
     log = os.open(log_of(session), os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_NOFOLLOW, 0o600)
     try:
@@ -158,11 +158,11 @@ def slot_if_free(slots):
 
 
 def wait_for_slot(slots):
-    """Returns the descriptor that holds the slot. The kernel frees the slot when all its holders have ended."""
+    """Waits for a free slot; returns its descriptor. The slot is free again when all processes that have it end."""
     os.makedirs(SLOTS, 0o700, exist_ok=True)
     slot = slot_if_free(slots)
     while slot is None:
-        # A process can wait for one lock only, not for the first of several.
+        # A process cannot wait for the first of several locks, so it polls.
         time.sleep(SLOT_CHECK_SECONDS)
         slot = slot_if_free(slots)
     return slot
@@ -173,7 +173,7 @@ def note(kind, more=""):
 
 
 def run_logged(command, passwords, slots):
-    """Runs the command with the log as its output, and notes there how it ended."""
+    """Runs the command with the log as its output, and records in the log how it ended."""
     note(BEGUN)
     code = CANNOT_EXECUTE
     try:
@@ -182,7 +182,7 @@ def run_logged(command, passwords, slots):
         try:
             process.communicate(passwords)
         except BrokenPipeError:
-            pass  # it read none; its output says why
+            pass  # it read none of its input; its output says why
         code = process.returncode if process.returncode >= 0 else 128 - process.returncode
     except Exception as error:
         os.write(1, ("%s\n" % error).encode())
@@ -190,7 +190,7 @@ def run_logged(command, passwords, slots):
 
 
 def detach(work, log):
-    """Does the work in a process of its own, whose output is the log."""
+    """Runs `work` in a background process whose output is the log."""
     child = os.fork()
     if child:
         os.waitpid(child, 0)
@@ -204,7 +204,7 @@ def detach(work, log):
             nothing = os.open(os.devnull, os.O_RDONLY)
             for target, source in ((0, nothing), (1, log), (2, log)):
                 os.dup2(source, target)
-            # Ansible waits until the module's output is closed, and must not wait for this process.
+            # Ansible waits until the module's output is closed. It must not wait for this process.
             os.closerange(3, os.sysconf("SC_OPEN_MAX"))
             work()
         status = 0
@@ -215,20 +215,20 @@ def detach(work, log):
 # --- the module ---
 
 def has_settings(session, settings):
-    """Whether the migration was begun with these settings."""
+    """Whether the migration was started with these settings."""
     known = recorded_settings(session)
     return all(known.get(name) == text_of(value) for name, value in settings.items())
 
 
 def begin(module):
-    """Whether a run was begun, or would be."""
+    """Starts a run if one is needed. Returns whether it did or, in check mode, would have."""
     params = module.params
     program = module.get_bin_path(params["program"], required=True)
     passwords = password_lines(module)
-    # In this order: a run that ends in between has noted its end.
+    # In this order: a run that ends after the first call has written its end before the second one reads it.
     at_work = is_at_work(params["session"])
     state = status_of(module, program, params["session"]).get("state", "")
-    # An administrator may have started it by hand.
+    # An administrator may have started a run by hand: then only the state says so.
     if at_work or state.startswith("running"):
         if params["from_step"]:
             module.fail_json(msg="The migration is at work: it cannot go back to " + params["from_step"])
@@ -258,11 +258,11 @@ def main():
         supports_check_mode=True)
     refuse_files(module)
     if any("password" in name for name in module.params["settings"]):
-        # It would become an argument of the program.
+        # It would become an argument, which other accounts can see.
         module.fail_json(msg="A password is no setting")
     for name, value in module.params["settings"].items():
         if value is None:
-            # "domains:" with nothing behind it would name a domain "None".
+            # A "domains:" without a value would select a domain "None".
             module.fail_json(msg="The setting %s has no value" % name)
     module.params["session"] = os.path.abspath(module.params["session"])
     try:

@@ -119,15 +119,15 @@ from ansible_collections.sondrel.migration.plugins.module_utils.sondrel_session 
 LAST_LINES = 5
 POLL_SECONDS = 5
 LOG_TAIL_BYTES = 1 << 16
-# The settings were refused, another run was at work, the program is missing.
+# Exit codes of runs that changed nothing: settings refused, another run active, program missing.
 BEGUN_NOTHING = (1, 4, 127)
-# The ends of lines of `sondrel-migrate status`.
+# How lines of `sondrel-migrate status` end that report problems.
 DUMP_PROBLEMS = r", (\d+) errors?, (\d+) warnings?, (\d+) notes?\Z"
 CONTENT_PROBLEMS = r", problems in transfer\.result: (\d+)\Z"
 
 
 def last_run(session):
-    """(exit code, last lines) of the last run of the role; (None, []) if the log does not have them."""
+    """(exit code, last lines) of the last run of the role; (None, []) if the log has none."""
     try:
         with open(log_of(session), "rb") as log:
             log.seek(max(0, os.fstat(log.fileno()).st_size - LOG_TAIL_BYTES))
@@ -162,7 +162,7 @@ def size_of(directory):
 
 
 def problems_in(status):
-    """The problems of a dump and of a transfer that have succeeded otherwise."""
+    """The problem counts of a dump and of a transfer that succeeded otherwise."""
     in_dump = re.search(DUMP_PROBLEMS, status.get("dump", ""))
     errors, warnings, notes = map(int, in_dump.groups()) if in_dump else (0, 0, 0)
     in_content = re.search(CONTENT_PROBLEMS, status.get("content", ""))
@@ -189,7 +189,7 @@ def is_newer(path, other):
 
 
 def collected(module, program, session):
-    # In this order: a run that ends in between has noted its end.
+    # In this order: a run that ends after the first call has written its end before the second one reads it.
     at_work = is_at_work(session)
     status = status_of(module, program, session)
     state, step, code = standing(status.get("state", ""), at_work)
@@ -197,7 +197,7 @@ def collected(module, program, session):
     steps = steps_in(session)
     reason = steps.get(step, {}).get("reason", "")
     is_over = state not in ("running", "queued")
-    # An administrator may have continued by hand since the run of the role was refused.
+    # Since the role's run was refused, an administrator may have continued the migration by hand.
     if is_newer(session + "/migrate/state.xml", log_of(session)):
         run_code = None
     if is_over and run_code in BEGUN_NOTHING and code != run_code:
@@ -214,10 +214,10 @@ def collected(module, program, session):
 
 
 def wait(module, program, session, seconds):
-    """Returns when no run is at work, or after so many seconds."""
+    """Returns when no run is active, or after that many seconds."""
     end = time.monotonic() + seconds
     wait_for_end(session, seconds)
-    # A run that was started by hand is polled: waiting for its lock could get in the way of the next run.
+    # A run that was started by hand is polled: to wait for its lock could block the next run.
     while (status_of(module, program, session).get("state", "").startswith("running")
            and time.monotonic() + POLL_SECONDS < end):
         time.sleep(POLL_SECONDS)
