@@ -1,9 +1,9 @@
-"""Bar charts as SVG. They are text that only depends on the numbers, so that a test can compare them."""
+"""Bar charts as SVG text. The text depends on the numbers only, so a test can compare it."""
 from xml.sax.saxutils import escape
 
 WIDTH = 760
-LABELS = 170  # what is left of the bars
-VALUES = 70  # what is right of the longest one
+LABELS = 170  # left of the bars
+VALUES = 70  # right of the longest bar
 BAR, GAP, HEAD = 14, 12, 58
 COLOURS = {"sondrel": "#1f6fb4", "scp": "#9aa3ab", "rsync": "#e08a2e"}
 OTHER = "#6fae6f"
@@ -23,9 +23,9 @@ def _legend(names):
 
 
 def bar_chart(title, unit, groups):
-    """The chart as text: `groups` is {label: {name of a bar: value}}, drawn from top to bottom; values are positive.
+    """The chart as text. `groups` is {label: {name of a bar: value}}, drawn from top to bottom.
 
-    Each value stands behind its bar, with the unit. Raises ValueError where there is nothing to draw.
+    Values must be positive; each is printed after its bar, with the unit. ValueError if there is nothing to draw.
     """
     largest = max((value for bars in groups.values() for value in bars.values()), default=0)
     if largest <= 0:

@@ -32,7 +32,7 @@ SMALL = 8 * KIB
 
 
 def speed(measured, peers=("scp", "rsync"), least=None):
-    """How many times as fast as the fastest of the peers."""
+    """How many times as fast as the fastest peer the tool is."""
     fastest = min(peers, key=lambda peer: measured[peer].seconds)
     return Figure(f"speed, {fastest} = 1:", measured[fastest].seconds / measured["sondrel"].seconds, "", least=least)
 
@@ -42,7 +42,7 @@ def peak(measured):
 
 
 class Bench:
-    """What the cases are made of. A case returns what it measured ({contestant: Runs}) and its figures."""
+    """Runs the cases. Each case returns its measurements ({contestant: Runs}) and figures."""
 
     def __init__(self, pairs, scale):
         self._pairs = pairs
@@ -52,7 +52,7 @@ class Bench:
         return max(1, round(number * self._scale))
 
     def fetch(self, count, size, link, target=MEMORY, with_cat=False, removal=False):
-        """--get-content and its peers; with `removal` the peers remove what they have copied, as it does."""
+        """--get-content and its peers. With `removal` the peers remove what they have copied, as the tool does."""
         algorithms = negotiated_algorithms() if with_cat else None
         offer(make_pristine(count, size), size)
         here = f"{target}/archives"
@@ -69,7 +69,7 @@ class Bench:
             remove(target)
             os.makedirs(here)
             link_files(OFFERED)
-            os.sync()  # what another one has left to be written is not ours to wait for
+            os.sync()  # so that this run does not pay for another one's unwritten data
 
         def check(name):
             same(PRISTINE, f"{here}/content")
@@ -80,7 +80,7 @@ class Bench:
         return measure(contestants, self._pairs, prepare, check)
 
     def set_up(self, link, action="get-content"):
-        """Median seconds of a run that has no file to transfer."""
+        """The median seconds of a run that transfers no file."""
         if action == "get-content":
             offer({})
         else:
@@ -99,7 +99,7 @@ class Bench:
         return measured, figures
 
     def per_file(self, transfer, count, rtt_ms, action, most=None):
-        """Many small files: what each one costs beside the set-up, and how much of it is the link's."""
+        """Many small files: the time per file without the set-up, and how much of it is caused by the link."""
         count = self.scaled(count)
         costs = []
         for distance in sorted({rtt_ms, 0}):
@@ -122,8 +122,8 @@ class Bench:
     # --- what has changed since the first pass
 
     def changes(self, sites, files, size, changed, rtt_ms=0, most=None, most_beyond=None):
-        """A further pass over `sites` with `files` of `size` bytes each, of which `changed` have one changed file;
-        of a single site so many of its files."""
+        """A further pass over `sites` with `files` of `size` bytes each. In `changed` of them one file has changed;
+        of a single site `changed` of its files have."""
         files = self.scaled(files) if sites == 1 else files
         sites = self.scaled(sites)
         install_linux_agent()
@@ -146,7 +146,7 @@ class Bench:
                 def prepare():
                     number = next(passes)
                     for index in range(number * changed, (number + 1) * changed):
-                        # Not the same sites again and again: these would be packed whole some day.
+                        # Change other sites each time: the agent packs a site as a whole again after many increments.
                         site, file = (0, index % files) if sites == 1 else (index % sites, 0)
                         write(f"/home/alice/site{site:04d}.test/{file // 100:03d}/{file:06d}", f"changed {number}",
                               owner=owner)
@@ -166,7 +166,7 @@ class Bench:
     # --- small files in batches
 
     def fetch_batches(self, count, rtt_ms=0, most=None):
-        """--get-content in batches, and the peer that removes what it has copied as well."""
+        """--get-content in batches, and the peer that also removes what it has copied."""
         count = self.scaled(count)
         offer(make_pristine(count, SMALL), SMALL)
         here = f"{MEMORY}/archives"
@@ -215,7 +215,7 @@ class Bench:
     # --- files that are here already
 
     def hash_present(self, count, size):
-        """The tool and md5sum, for files that are all here already; and the tool's set-up."""
+        """The tool and md5sum on files that are already here, and the tool's set-up time."""
         sums = make_pristine(count, size)
         set_up = self.set_up(Link())
         offer(sums, size)
@@ -243,7 +243,7 @@ class Bench:
     # --- the rest
 
     def memory(self):
-        """The largest file for which there is room; no peer fetches it."""
+        """The largest file for which there is room. No peer fetches it."""
         available = int(next(line for line in open("/proc/meminfo", encoding="ascii")
                              if line.startswith("MemAvailable")).split()[1]) * KIB
         filesystem = os.statvfs("/mnt")
@@ -265,7 +265,7 @@ class Bench:
         return {}, [Figure("median of 21", statistics.median(seconds) * 1000, "ms", most=10)]
 
     def relay(self):
-        """What the relay itself adds, to judge the other cases by."""
+        """The throughput and delay of the relay itself, to judge the other cases by."""
         size = self.scaled(4 * GIB)
         rtt_ms = 50
         with socket.create_server((HOST, 0)) as echo:
@@ -280,7 +280,7 @@ class Bench:
 
 
 def make_site(folder, files, size, owner):
-    """A site of so many files of random bytes, in directories of 100."""
+    """Makes a site with that many files of random bytes, in directories of 100."""
     for number in range(files):
         path = f"{folder}/{number // 100:03d}/{number:06d}"
         os.makedirs(os.path.dirname(path), exist_ok=True)

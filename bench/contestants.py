@@ -1,4 +1,4 @@
-"""The programs that are compared, the link between them and the source host, and the stop-watch."""
+"""The compared programs, the source host and the link to it, and the time measurement."""
 import dataclasses
 import hashlib
 import os
@@ -17,12 +17,12 @@ from tool import Destination  # noqa: E402
 from world import AGENTS, BINARY, HOST, ROOT, die_with_parent, read, write  # noqa: E402
 
 RELAY = os.environ["RELAY_BINARY"]
-PRISTINE = "/mnt/pristine/content"  # links to these files are fetched, and removed
+PRISTINE = "/mnt/pristine/content"  # the runs fetch and remove hard links to these files
 OFFERED = f"{ROOT.agent_dir}/content"
 CATALOGUED = f"{AGENTS}/sample"
 PEER = f"{ROOT.name}@{HOST}"
 KEY = "/mnt/bench.key"
-# Nothing that the machine configures for ssh, and no question.
+# No ssh configuration of the machine, and no questions.
 SSH_OPTIONS = ["-F", "none", "-i", KEY, "-o", "IdentitiesOnly=yes", "-o", "BatchMode=yes", "-o", "LogLevel=ERROR",
                "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null"]
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C", "QRV_PASSWORD": ROOT.password}
@@ -32,21 +32,21 @@ def remove(*paths):
     subprocess.run(["rm", "-rf", "--", *paths], check=True)
 
 
-# --- the stop-watch --------------------------------------------------------------------------
+# --- time measurement ------------------------------------------------------------------------
 
 @dataclasses.dataclass
 class Run:
-    """One command, or several in a row."""
+    """The measurements of one command, or of several in a row."""
     seconds: float = 0.0
     cpu_seconds: float = 0.0
     peak_kib: int = 0
 
 
 def timed(*commands):
-    """The Run of the commands, none of which may fail."""
+    """Runs the commands and returns their Run. Ends the benchmark if one fails."""
     run = Run()
     for command in commands:
-        # What becomes the measured program must not be a copy of this one, whose memory would count.
+        # Started by time(1): a child forked from this process would begin with its memory, which would count.
         watched = ["time", "--quiet", "--output=/mnt/time", "--format=%M %U %S", *command]
         start = time.perf_counter()
         done = subprocess.run(watched, env=ENVIRONMENT, cwd="/", stdin=subprocess.DEVNULL,
@@ -61,7 +61,7 @@ def timed(*commands):
 
 
 class Runs(list):
-    """The Run objects of one contestant in one case."""
+    """The Runs of one contestant in one case."""
 
     @property
     def seconds(self):
@@ -77,7 +77,7 @@ class Runs(list):
 
 
 def measure(contestants, pairs, prepare=lambda: None, check=lambda name: None):
-    """{name: Runs} of the contestants ({name: commands}), by turns."""
+    """Runs the contestants ({name: commands}) in turns; returns {name: Runs}."""
     measured = {name: Runs() for name in contestants}
     for pair in range(pairs):
         for name, commands in contestants.items():
@@ -89,10 +89,10 @@ def measure(contestants, pairs, prepare=lambda: None, check=lambda name: None):
     return measured
 
 
-# --- the source host and the way there -------------------------------------------------------
+# --- the source host and the link to it ------------------------------------------------------
 
 class BenchHost(SourceHost):
-    """A source host with Debian's settings, which knows the key of the other programs."""
+    """A source host with Debian's settings that accepts the key of the other programs."""
 
     def __init__(self, *options, port=22):
         super().__init__([*options, "LogLevel INFO", "Subsystem sftp /usr/lib/openssh/sftp-server"], port=port,
@@ -103,7 +103,7 @@ class BenchHost(SourceHost):
 
 
 class Link:
-    """The way to a port of this host, direct when it has neither delay nor limit."""
+    """A connection to a port of this host; without a relay if it has neither delay nor limit."""
 
     def __init__(self, rtt_ms=0, gbit=None, target=22, relayed=None):
         self.port = target
@@ -123,7 +123,7 @@ class Link:
             self._relay.communicate()
 
 
-# --- the contestants: each function gives the commands ---------------------------------------
+# --- the contestants: each function returns the commands -------------------------------------
 
 def sondrel(link, session, action="get-content", batches=False, agent="sample"):
     asked = ["env", "SONDREL_CONTENT_BATCH=yes", "SONDREL_DEPLOY_BATCH=yes"] if batches else []
@@ -132,7 +132,7 @@ def sondrel(link, session, action="get-content", batches=False, agent="sample"):
 
 
 def further_pass(link, session):
-    """A dump of what has changed, and what comes with it, as sondrel-migrate has them made."""
+    """A dump of what has changed and the fetch of it, as sondrel-migrate runs them."""
     commands = [command for action in ("dump-all", "get-content")
                 for command in sondrel(link, session, action, batches=True, agent="linux")]
     return [[*command[:1], "SONDREL_DUMP_INCREMENTS=yes", *command[1:]] for command in commands]
@@ -151,14 +151,14 @@ def ssh(link, *command, options=()):
 
 
 def ssh_cat(link, source, target, cipher, mac):
-    # A cipher that authenticates by itself leaves no code to choose.
+    # A cipher with its own authentication needs no MAC.
     macs = [] if mac == "<implicit>" else ["-m", mac]
     command, = ssh(link, "cat", source, options=["-c", cipher, *macs])
     return [["sh", "-c", 'out=$1; shift; mkdir -p "${out%/*}" && exec "$@" > "$out"', "sh", target, *command]]
 
 
 def negotiated_algorithms():
-    """(cipher, MAC) that the tool and the source host agree on for what the tool receives."""
+    """The (cipher, MAC) that the tool and the source host negotiate for the data that the tool receives."""
     offer({})
     with BenchHost("LogLevel DEBUG1", port=2222) as host:
         timed(*sondrel(Link(target=host.port), "/mnt/session"))
@@ -168,7 +168,7 @@ def negotiated_algorithms():
 # --- files -----------------------------------------------------------------------------------
 
 def make_pristine(count, size, sparse=False):
-    """{name: MD5 sum} of new files, which lie in directories of 100."""
+    """Makes new files, in directories of 100; returns {name: MD5 sum}."""
     remove(PRISTINE)
     os.makedirs(PRISTINE)
     sums = {}
@@ -187,7 +187,7 @@ def make_pristine(count, size, sparse=False):
 
 
 def offer(sums, size=0):
-    """Has the agent on the source host list these files, all of one size."""
+    """Makes the agent on the source host list these files, each with `size` bytes."""
     files = "".join(f'<file size="{size}" md5sum="{md5}">{escape(name)}</file>' for name, md5 in sums.items())
     total = size * len(sums)
     deployed_agent(ROOT, f'cat "${{0%/*}}/list.xml"\n', {
@@ -195,7 +195,7 @@ def offer(sums, size=0):
 
 
 def catalogue(count, size):
-    """Puts an agent of so many files in the catalogue."""
+    """Puts an agent with that many files into the catalogue."""
     remove(CATALOGUED)
     install_agent("echo deployed\n", spec=SPEC)
     make_pristine(count, size)
@@ -203,14 +203,14 @@ def catalogue(count, size):
 
 
 def link_files(target):
-    """Puts links to the pristine files below the directory, as if they had just been made there."""
+    """Puts hard links to the pristine files below the directory, so that they look like new files there."""
     remove(target)
     os.makedirs(os.path.dirname(target), exist_ok=True)
     subprocess.run(["cp", "-al", PRISTINE, target], check=True)
 
 
 def same(left, right):
-    """Ends the benchmark when the files of two directories differ."""
+    """Ends the benchmark if the files of two directories differ."""
     done = subprocess.run(["diff", "-rq", "--exclude=control", left, right], stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, check=False)
     if done.returncode != 0:

@@ -1,10 +1,10 @@
-"""Numbers that a benchmark finds."""
+"""The numbers that a benchmark finds."""
 import dataclasses
 
 
 @dataclasses.dataclass
 class Figure:
-    """A number that was found, and its target: at least that, or at most."""
+    """A number that was measured, with its target: at least `least`, or at most `most`."""
     what: str
     value: float
     unit: str
@@ -12,7 +12,7 @@ class Figure:
     most: float = None
 
     def met(self):
-        """None without a target."""
+        """Whether the target is met; None without a target."""
         if self.least is not None:
             return self.value >= self.least
         return self.value <= self.most if self.most is not None else None

@@ -1,4 +1,4 @@
-"""What a link brings by itself: its throughput, and its round trips."""
+"""Measures a link itself: its throughput and its round-trip times."""
 import socket
 import threading
 import time
@@ -9,7 +9,7 @@ MIB = 1 << 20
 
 
 def seconds_to_send(listener, port, size):
-    """Until the last byte has arrived."""
+    """The seconds until the last byte has arrived."""
     block = bytes(MIB)
 
     def send():
@@ -30,7 +30,7 @@ def seconds_to_send(listener, port, size):
 
 
 def round_trips(listener, port, count):
-    """Seconds for each of so many single bytes to come back."""
+    """The seconds for each of `count` single bytes to be sent there and back."""
     trips = []
     with socket.create_connection((HOST, port)) as near, listener.accept()[0] as far:
         for _ in range(count):

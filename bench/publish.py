@@ -12,16 +12,16 @@ TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BEGIN = "<!-- begin: written by bench/publish.py -->"
 END = "<!-- end: written by bench/publish.py -->"
 COLUMNS = ("sondrel", "scp", "rsync")
-# The plots: the name of the file, the title, and the beginnings of the names of the cases.
+# The plots: file name, title, and prefixes of the names of the cases.
 PLOTS = [("performance-large.svg", "One large file: seconds, less is better", ("loopback-", "rtt-")),
          ("performance-small.svg", "Many small files: seconds, less is better", ("many-", "batch-", "deploy-")),
          ("performance-changes.svg", "What has changed since the last pass: seconds, less is better", ("changes-",))]
 
 
 def merged(published, run):
-    """The published results {"runs": [...]} with those of one more run, whose cases replace older ones.
+    """The published results {"runs": [...]} and one more run, whose cases replace older ones of the same name.
 
-    Raises ValueError for results that were measured at another scale, or are none.
+    Raises ValueError if the run was measured at another scale, or is no result of bench/run.
     """
     if not {"scale", "pairs", "machine", "cases"} <= set(run):
         raise ValueError("these are no results of bench/run")
@@ -61,7 +61,7 @@ def table(run):
 
 
 def plots(results):
-    """{name of a file: its text}; a plot that has no case is left out."""
+    """{file name: text}; a plot without cases is left out."""
     cases = {name: case["contestants"] for run in results["runs"] for name, case in run["cases"].items()}
     drawn = {}
     for file, title, beginnings in PLOTS:
@@ -74,18 +74,18 @@ def plots(results):
 
 
 def order(name):
-    """Numbers in names by their value: rtt-50 comes before rtt-100."""
+    """A sort key that compares numbers in names by value: rtt-50 comes before rtt-100."""
     return [part.zfill(6) if part.isdigit() else part for part in name.split("-")]
 
 
 def section(results):
-    """The text between the marks of the page."""
+    """The text for the page between its marks."""
     pictures = [f"![{title}](pictures/{file})" for file, title, _ in PLOTS if file in plots(results)]
     return "\n\n".join([*pictures, *map(table, results["runs"])])
 
 
 def page_with(page, text):
-    """The page with that text between its marks."""
+    """The page with `text` between its marks. Raises ValueError if it has no marks."""
     before, begin, rest = page.partition(BEGIN)
     _, end, after = rest.partition(END)
     if not begin or not end:
@@ -94,7 +94,7 @@ def page_with(page, text):
 
 
 def publish(run=None, results=f"{TOP}/bench/results.json", docs=f"{TOP}/docs"):
-    """Adds the run, if there is one, to the file of results, and writes page and plots from that file."""
+    """Adds the run, if one is given, to the results file, and writes the page and the plots from that file."""
     with open(results, encoding="utf-8") as file:
         published = json.load(file)
     if run:
@@ -102,7 +102,7 @@ def publish(run=None, results=f"{TOP}/bench/results.json", docs=f"{TOP}/docs"):
     path = f"{docs}/performance.md"
     with open(path, encoding="utf-8") as file:
         page = page_with(file.read(), section(published))
-    # Nothing is written before everything is made.
+    # Write nothing before all texts are made, so that an error leaves the files as they were.
     texts = {results: json.dumps(published, indent=1) + "\n", path: page,
              **{f"{docs}/pictures/{name}": text for name, text in plots(published).items()}}
     for name, text in texts.items():

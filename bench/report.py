@@ -1,4 +1,4 @@
-"""The results of bench/run: where they were measured, as JSON, and as rows of a table."""
+"""The results of bench/run: the machine, JSON, and rows of a table."""
 import dataclasses
 import os
 import platform

@@ -25,7 +25,7 @@ MOST_MEMORY = 150
 
 
 def timed(*command):
-    """Seconds and peak in MiB of a command that must succeed."""
+    """The seconds and the peak memory in MiB of a command, which must succeed."""
     started, peak = time.monotonic(), 0.0
     with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL) as process:
         while process.poll() is None:
@@ -38,7 +38,7 @@ def timed(*command):
 
 
 def _peak_of(pid):
-    """Of the program itself: what the kernel tells at its end has also what this one had when it started it."""
+    """The peak of the program itself. The kernel's number at its end would include this process before exec."""
     try:
         with open(f"/proc/{pid}/status", encoding="ascii") as status:
             return next((int(line.split()[1]) / 1024 for line in status if line.startswith("VmHWM:")), 0.0)
@@ -47,13 +47,13 @@ def _peak_of(pid):
 
 
 def restore(session, command, *options):
-    """Seconds and peak of a command of sondrel-restore."""
+    """The seconds and peak memory of a command of sondrel-restore."""
     session.write()
     return timed(PROGRAM, command, session.directory, *options)
 
 
 def fill(directory, count, size):
-    """Files of bytes that no compression makes smaller."""
+    """Makes files of bytes that cannot be compressed."""
     source = random.Random(size)
     for number in range(count):
         place = f"{directory}/{number // 200:03}"
@@ -64,7 +64,7 @@ def fill(directory, count, size):
 
 
 def of_alice(session, name, root, count, size):
-    """A site whose archive has files of this size; the path of the archive."""
+    """Adds a site whose archive has `count` files of `size` bytes; returns the path of the archive."""
     fill(root, count, size)
     for place, directories, files in os.walk(root):
         for each in [place, *(f"{place}/{one}" for one in directories + files)]:
@@ -78,7 +78,7 @@ def of_alice(session, name, root, count, size):
 
 
 def sites(session, scale):
-    """1000 sites of 20 files, 100 databases."""
+    """1000 sites of 20 files, and 100 databases."""
     for number in range(round(1000 * scale)):
         of_alice(session, f"site{number}.test", f"/srv/site{number}", 20, 4096)
     with server_dumps.server("mysql", "/mnt/mariadb") as server:
@@ -96,7 +96,7 @@ def sites(session, scale):
 
 
 def site(session, scale):
-    """2 GB in files of 1 MiB, beside tar."""
+    """2 GB in files of 1 MiB, compared with tar."""
     archive = of_alice(session, "large.test", "/srv/large", round(2000 * scale), 1 << 20)
     ours, theirs, peaks = [], [], []
     for _ in range(PAIRS):
@@ -115,7 +115,7 @@ def site(session, scale):
 
 
 def rows(session, scale):
-    """A table of a million rows, beside the server's own client with the same dump."""
+    """A table of a million rows, compared with the server's own client and the same dump."""
     count, figures = round(1_000_000 * scale), []
     for kind in ("mysql", "postgresql"):
         with server_dumps.server(kind, f"/mnt/{kind}") as server:
@@ -170,7 +170,7 @@ def _by_client(kind, server, stream):
 
 
 def files(session, scale):
-    """100,000 small files: memory."""
+    """The memory for 100,000 small files."""
     of_alice(session, "many.test", "/srv/many", round(100_000 * scale), 100)
     first, peak = restore(session, "apply")
     second, again = restore(session, "apply")
@@ -192,7 +192,7 @@ def main():
     found = {}
     print("| case | figures | load before |\n|---|---|---|")
     for name in options.cases or CASES:
-        # Each in a process and a world of its own, as a test has it.
+        # Each case runs in a process and a private world of its own, like a test.
         reader, writer = os.pipe()
         if not (child := os.fork()):
             os.close(reader)

@@ -1,4 +1,4 @@
-"""The benchmark itself, in small."""
+"""The benchmark itself, with small sizes."""
 import json
 import os
 import subprocess
@@ -42,7 +42,7 @@ def test_measures_every_kind_of_case():
         assert cases[name]["figures"][0]["value"] == min(seconds["scp"], seconds["rsync"]) / seconds["sondrel"]
     for name in "batch-50ms", "batch-deploy-50ms":
         assert contestants[name] == ["sondrel", "rsync"]
-    # Nothing gets to know of a file 50 ms away in less than that.
+    # The tool cannot learn of a file 50 ms away in less than 50 ms.
     figures = {figure["what"]: figure["value"] for figure in cases["many-50ms"]["figures"]}
     assert figures["per file at 50 ms"] > 50 and figures["round trips per file"] > 1
 

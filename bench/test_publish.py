@@ -30,7 +30,7 @@ RUN = {"date": "2026-01-02", "pairs": 5, "scale": 1,
 
 @pytest.fixture
 def place(tmp_path):
-    """A directory with what is published of no run yet."""
+    """A directory in which no run has been published yet."""
     (tmp_path / "pictures").mkdir()
     (tmp_path / "performance.md").write_text(f"before\n\n{BEGIN}\nold\n{END}\n\nafter\n")
     (tmp_path / "results.json").write_text('{"runs": []}')
@@ -46,7 +46,7 @@ def test_page_has_a_row_for_each_case_and_says_whose_the_targets_are(place):
     assert "| `help` |  |  |  |  | median 12.5 ms (at most 10: MISSED) |" in page
     assert "2026-01-02; medians of 5 turns. A <fast> one, 2 cores" in page
     assert "(pictures/performance-large.svg)" in page and "performance-small" not in page
-    # What was published is what the next run adds to.
+    # Without a new run the page stays the same: what was published is kept for the next run.
     publish(None, place / "results.json", place)
     assert (place / "performance.md").read_text() == page
 

@@ -1,4 +1,4 @@
-"""The relay, which the figures of the benchmark rest on."""
+"""The relay, on which the figures of the benchmark depend."""
 import contextlib
 import random
 import socket
@@ -17,7 +17,7 @@ DEADLINE = 60
 
 @contextlib.contextmanager
 def connection(**link):
-    """(near end, far end, seconds until the far end saw it) of a connection through the relay."""
+    """(near end, far end, seconds until the far end accepted) of a connection through the relay."""
     with socket.create_server((HOST, 0)) as listener, Link(target=listener.getsockname()[1], relayed=True, **link) as way:
         start = time.monotonic()
         with socket.create_connection((HOST, way.port), DEADLINE) as near, listener.accept()[0] as far:
@@ -26,7 +26,7 @@ def connection(**link):
 
 
 def send_all(end, data):
-    """Sends the data, and then its end, on a thread of its own."""
+    """Sends the data and then closes the direction, in a thread of its own."""
     def send():
         end.sendall(data)
         end.shutdown(socket.SHUT_WR)
@@ -84,7 +84,7 @@ def test_limits_the_bandwidth_of_each_direction(rtt_ms):
 
 @pytest.mark.parametrize("link", [{}, {"rtt_ms": 10}, {"rtt_ms": 10, "gbit": 1}], ids=["direct", "far", "far, narrow"])
 def test_carries_every_byte_unchanged_both_ways_at_once(link):
-    # More than the relay holds, and no multiple of what it reads.
+    # More than the relay's buffers hold, and no multiple of its read size.
     up, down = (random.Random(seed).randbytes(24 * MIB + seed) for seed in (1, 2))
     with connection(**link) as (near, far, _):
         threads = [send_all(near, up), send_all(far, down)]
