@@ -1,4 +1,4 @@
-"""Fixtures of the tests of sondrel-restore: a private destination, and a session that was made for the test."""
+"""Fixtures of the tests of sondrel-restore: a private destination, and a session made by hand."""
 import faulthandler
 import os
 import sys
@@ -16,22 +16,22 @@ from made_session import MadeSession  # noqa: E402  pylint: disable=wrong-import
 
 @pytest.hookimpl(tryfirst=True)
 def pytest_runtest_setup(item):
-    """A test that hangs ends by itself, and says where, and takes its servers along."""
+    """Makes a hanging test print where it hangs and end by itself, together with its servers."""
     if item.config.getoption("forked", False):
         os.setsid()
         world.die_with_parent()
-        # Long enough beside ten others; what waits for something has a deadline of its own.
+        # Long enough while ten other tests run. Waits for a condition have shorter limits of their own.
         faulthandler.dump_traceback_later(600, exit=True)
 
 
 @pytest.fixture(scope="session", autouse=True)
 def private_destination():
-    """The world of the tests, with directories in which a restore can write."""
+    """The private world of the tests, with directories that a restore can write to."""
     world.enter()
     destination.make()
 
 
 @pytest.fixture
 def session():
-    """A session directory with nothing in its description yet."""
+    """A session directory whose description has no objects yet."""
     return MadeSession("/mnt/session")

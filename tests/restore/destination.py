@@ -1,9 +1,9 @@
-"""This host as a destination, in a private world: what a restore writes goes to throw-away file systems.
+"""Makes this host a destination within a private world: a restore writes to temporary file systems.
 
 For scripts/demo:
 
-    destination.py run [--full]    makes it of the private world that this is called in, runs its database servers, and
-                                   ends all its servers when its standard input ends
+    destination.py run [--full]    makes a destination of the calling process's private world, runs its database
+                                   servers, and ends all its servers when its standard input ends
 """
 import contextlib
 import hashlib
@@ -14,12 +14,13 @@ import subprocess
 import sys
 
 FOLDERS = ("/home", "/srv", "/opt", "/var/www", "/var/mail", "/var/lib", "/var/spool", "/var/cache")
-# Packages have their state there, which programs read.
+# Programs read the state of their packages there, so its content stays visible.
 _WITH_CONTENT = ("/var/lib",)
 
 
 def make():
-    """Empty directories where sites and mailboxes go, and copies of those that programs need; accounts can be made."""
+    """Mounts file systems on the places of sites and mailboxes: empty ones, or an overlay if programs need the content.
+    Also makes /etc ready for new accounts."""
     for number, folder in enumerate(FOLDERS):
         os.makedirs(folder, exist_ok=True)
         if folder in _WITH_CONTENT:
@@ -32,7 +33,7 @@ def make():
         else:
             subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", folder], check=True)
     os.makedirs("/var/spool/cron/crontabs", mode=0o1730)
-    # What useradd and the like lock and write; links to the machine's, which are read-only, are in their way.
+    # Files that useradd and similar programs lock and write. The links to the machine's read-only files must go.
     for name in (".pwd.lock", "passwd-", "shadow-", "group-", "gshadow-", "subuid-", "subgid-"):
         if os.path.islink(f"/etc/{name}"):
             os.unlink(f"/etc/{name}")
@@ -41,7 +42,7 @@ def make():
 
 
 def own_etc(name):
-    """A copy of an entry of /etc, which can be changed; the machine's are read-only."""
+    """Replaces a link to an entry of the machine's /etc, which is read-only, by a copy."""
     path = f"/etc/{name}"
     if not os.path.islink(path):
         return
@@ -54,10 +55,11 @@ def own_etc(name):
 
 
 def snapshot(*roots):
-    """{path: what tells one state from another} of /etc and the places of sites and mailboxes, or of these roots.
+    """The files, links and directories below the given roots, by default /etc and the places of sites and mailboxes.
+    Returns {path: its kind, attributes and content}.
 
-    Without times, since taking something back changes those of the directory; without copies of account files that the
-    programs for accounts leave.
+    Times are left out, because undo changes those of a directory. So are the copies of account files that programs for
+    accounts leave.
     """
     found = {}
     for root in roots or ("/etc", *(folder for folder in FOLDERS if folder not in _WITH_CONTENT)):
@@ -80,8 +82,8 @@ def _entry(path):
 
 
 def run_host(full):
-    """A destination whose servers are installed and have nothing to do yet."""
-    # Only the tests put its directory in the way of Python's modules.
+    """Makes a destination with installed servers, which serve nothing yet; ends when standard input ends."""
+    # Without pytest, nothing has put this directory on Python's module path.
     sys.path.insert(0, f"{os.path.dirname(os.path.dirname(os.path.abspath(__file__)))}/e2e")
     make()
     for name in ("nginx", "apache2", "php", "postfix", "dovecot"):
@@ -89,11 +91,11 @@ def run_host(full):
     for place in ("/var/log/nginx", "/var/log/apache2", "/run/apache2", "/var/spool/postfix"):
         os.makedirs(place, exist_ok=True)
     if full and not os.path.exists("/etc/postfix/main.cf"):
-        # The package makes none if it was told to.
+        # The package makes no settings if it was configured without.
         with open("/etc/postfix/main.cf", "w", encoding="ascii") as settings:
             settings.write("compatibility_level = 3.6\nmyhostname = destination.test\nmydestination = $myhostname\n")
     if full:
-        # nginx has port 80, as on the source host.
+        # Port 80 is for nginx, as on the source host.
         with open("/etc/apache2/ports.conf", "w", encoding="ascii") as settings:
             settings.write("Listen 8080\n")
     with contextlib.ExitStack() as running:

@@ -1,4 +1,4 @@
-"""Sessions as `sondrel` leaves them, made by a test: archives by GNU tar or member by member, and the description."""
+"""Makes sessions as `sondrel` leaves them: archives by GNU tar or member by member, and the description."""
 import gzip
 import hashlib
 import io
@@ -17,7 +17,7 @@ _ATTRIBUTES = {"version": "2", "agent": "linux", "host": "source", "created": "2
 
 
 class MadeSession:
-    """A session directory. `tree` is the description, which is written before each run."""
+    """A session directory. `tree` is the description, which `run` writes first."""
 
     def __init__(self, directory):
         self.directory = directory
@@ -29,7 +29,7 @@ class MadeSession:
         self.problems = etree.SubElement(self.tree, "problems")
 
     def add(self, xml, parent=None):
-        """An element from its text, at the end of `parent`; without one at its place in the description."""
+        """Adds an element, given as text, at the end of `parent`, else at its place in the description; returns it."""
         element = etree.fromstring(xml)
         if parent is not None:
             parent.append(element)
@@ -43,7 +43,7 @@ class MadeSession:
         return element
 
     def add_account(self, name, uid, home=None, *, system="no", shell="/bin/sh", group=None, gid=None):
-        """An account with its group."""
+        """Adds an account with its group."""
         home, group, gid = home or f"/home/{name}", group or name, gid or uid
         self.add(f'<account name="{name}" uid="{uid}" gid="{gid}" group="{group}" home="{home}" shell="{shell}" '
                  f'system="{system}"/>')
@@ -51,21 +51,21 @@ class MadeSession:
             self.add(f'<group name="{group}" gid="{gid}"/>')
 
     def add_client(self, name, uid, home=None):
-        """A client with its account; the element."""
+        """Adds a client with its account; returns the client's element."""
         self.add_account(name, uid, home)
         home = home or f"/home/{name}"
         return self.add(f'<client name="{name}" uid="{uid}" gid="{uid}" group="{name}" home="{home}" '
                         f'shell="/bin/sh" system="no" whole="yes"/>')
 
     def add_site(self, client, name, root, archive, site=""):
-        """A domain with a site and its archive (see `content`) in a client; `site` is what else its element holds."""
+        """Adds a domain with a site and its archive (see `content`) to a client. `site` is more XML of the site."""
         owner = client.get("name")
         return self.add(f'<domain name="{name}"><name>{name}</name><site server="nginx" root="{root}" owner="{owner}" '
                         f'group="{owner}"><listen address="*" port="80" tls="0"/><root>{root}</root>{site}'
                         f'<packed>{root}</packed></site>{archive}</domain>', client)
 
     def content(self, kind, file, archive):
-        """Puts the bytes of an archive into the session; the text of the element `content` for it."""
+        """Writes an archive into the session; returns the text of the element `content` for it."""
         path = f"{self.directory}/archives/{file}"
         os.makedirs(os.path.dirname(path), exist_ok=True)
         with open(path, "wb") as out:
@@ -75,12 +75,12 @@ class MadeSession:
                 f'md5sum="{hashlib.md5(archive).hexdigest()}" unpacked="{unpacked}"/>')
 
     def write(self):
-        """The description as it is now."""
+        """Writes the description as it is now."""
         with open(f"{self.directory}/dump.xml", "wb") as file:
             file.write(etree.tostring(self.tree, xml_declaration=True, encoding="UTF-8"))
 
     def run(self, command, *options, check=None, **how):
-        """Runs sondrel-restore with this session; with `check` its exit code must be that."""
+        """Runs sondrel-restore with this session. If `check` is given, the exit code must be equal to it."""
         self.write()
         done = subprocess.run([PROGRAM, command, self.directory, *options], capture_output=True, text=True, check=False,
                               stdin=subprocess.DEVNULL, **how)
@@ -91,7 +91,7 @@ class MadeSession:
 
 
 def packed(*paths, top="/"):
-    """An archive of paths below `top`, as the agent makes it."""
+    """An archive of paths below `top`, packed like the agent's."""
     return subprocess.run(
         ["tar", "--create", "--gzip", "--file=-", "--format=posix", "--acls", "--xattrs", "--sparse",
          "--pax-option=delete=atime,delete=ctime", f"--directory={top}", *(f"./{path.lstrip('/')}" for path in paths)],
@@ -99,7 +99,7 @@ def packed(*paths, top="/"):
 
 
 class Member(tarfile.TarInfo):
-    """A member of an archive that is made by hand."""
+    """A member of an archive that a test makes itself."""
 
     def __init__(self, name, content=b"", **attributes):
         super().__init__(name)
@@ -112,7 +112,7 @@ class Member(tarfile.TarInfo):
 
 
 def made_of(*members):
-    """An archive of such members, hostile ones too."""
+    """An archive of these members, which may be hostile."""
     out = io.BytesIO()
     with tarfile.open(fileobj=out, mode="w:gz", format=tarfile.PAX_FORMAT) as tar:
         for member in members:

@@ -22,12 +22,12 @@ MAIN_CF = "compatibility_level = 3.6\nmyhostname = new.test\nmydestination = $my
 
 
 def make_world():
-    """Accounts, and settings of the servers that the tests may write; once for each process."""
+    """Makes accounts, and settings of servers that the tests may write; only once per process."""
     if os.path.isdir("/home/alice"):
         return
     for name in ("postfix", "dovecot", "systemd"):
         own_etc(name)
-    # Postfix makes what is in it.
+    # Postfix itself makes the directories in it.
     os.makedirs("/var/spool/postfix", exist_ok=True)
     for name, uid in (("alice", ALICE), ("bob", BOB), ("vmail", VMAIL)):
         for table, line in (("passwd", f"{name}:x:{uid}:{uid}::/home/{name}:/bin/sh"), ("group", f"{name}:x:{uid}:"),
@@ -56,7 +56,7 @@ def mail_world():
 
 
 def archive(files, owner="alice", uid=ALICE):
-    """The bytes of an archive: paths with bytes, None for a directory, or a TarInfo with its kind set."""
+    """The bytes of an archive. `files` maps paths to bytes, None for a directory, or a TarInfo with its type set."""
     buffer = io.BytesIO()
     with tarfile.open(fileobj=buffer, mode="w", format=tarfile.PAX_FORMAT) as tar:
         for path, content in files.items():
@@ -74,7 +74,7 @@ def archive(files, owner="alice", uid=ALICE):
 
 
 class Fetched:
-    """A session that is written to a directory: a description, and archives."""
+    """A session that is written to a directory: a description and archives."""
 
     def __init__(self, directory):
         self.directory = directory
@@ -85,7 +85,7 @@ class Fetched:
         self.server = []
 
     def content(self, kind, file, files, **owner):
-        """The element of an archive that is made of these files."""
+        """Writes an archive of these files; returns its element."""
         packed = archive(files, **owner)
         path = self.directory / "archives" / file
         path.parent.mkdir(mode=0o755, parents=True, exist_ok=True)
@@ -94,7 +94,7 @@ class Fetched:
                 f' unpacked="{len(packed)}"/>')
 
     def mailbox(self, address, path, files, domain="a.test", owner="vmail", uid=VMAIL, **more):
-        """A mailbox of a domain, with its archive."""
+        """Adds a mailbox of a domain, with its archive."""
         name = f"content/mailboxes/{hashlib.md5(address.encode()).hexdigest()}.tar"
         attributes = {"format": "maildir", **more}
         described = "".join(f" {name}={quoteattr(value)}" for name, value in attributes.items())
@@ -103,7 +103,7 @@ class Fetched:
             f'{self.content("mailbox", name, files, owner=owner, uid=uid)}</mailbox>')
 
     def alias(self, source, target, domain="a.test"):
-        """An alias of a domain."""
+        """Adds an alias of a domain."""
         self.domains.setdefault(domain, {"aliases": [], "mailboxes": []})["aliases"].append(
             f'<alias from={quoteattr(source)} file="/etc/postfix/virtual">'
             f'{target.replace("&", "&amp;").replace("<", "&lt;")}</alias>')
@@ -140,7 +140,7 @@ def fetched_with(tmp_path, messages=None, path=BOX, address="info@a.test", **mor
 
 
 class Run:
-    """One run of the program on a session, for some kinds."""
+    """One run on a session, for some kinds."""
 
     def __init__(self, fetched, kinds, **decisions):
         session = Session(str(fetched.directory))
@@ -154,11 +154,11 @@ class Run:
             self.restore.offer("group", name, name)
 
     def plan(self):
-        """States by identifier."""
+        """The items of the plan by identifier."""
         return {item.identifier: item for item in make_plan(self.restore, self.kinds).items}
 
     def apply(self):
-        """What was changed, and what failed."""
+        """Applies; returns what was changed and what failed."""
         with self.restore.journal.locked():
             return apply_plan(self.restore, self.kinds, make_plan(self.restore, self.kinds))
 
@@ -167,10 +167,10 @@ class Run:
         return list(verify_items(self.restore, self.kinds, make_plan(self.restore, self.kinds)))
 
     def undo(self):
-        """What was taken back, and what was left."""
+        """Undoes; returns what was removed and what was left."""
         with self.restore.journal.locked():
             return undo_all(self.restore, self.kinds)
 
     def named(self):
-        """All that was named, as one text."""
+        """All notes of the run as one text."""
         return "\n".join(f"{identifier}: {text}" for identifier, text in self.restore.named)

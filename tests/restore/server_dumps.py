@@ -1,4 +1,4 @@
-"""Databases for a session: dumped by the agent's own code from private servers, or written by hand."""
+"""Databases for a session: dumped by the agent's own code from private servers, or given as SQL."""
 import gzip
 import os
 import subprocess
@@ -11,7 +11,7 @@ SERVERS = {"mysql": source_databases.MariaDb, "postgresql": source_databases.Pos
 
 
 class LocalPostgreSql(source_databases.PostgreSql):
-    """As Debian sets it up: it takes logins by password at 127.0.0.1, too."""
+    """PostgreSQL as Debian configures it: it also accepts logins by password at 127.0.0.1."""
 
     def _initialization(self):
         return super()._initialization() + ["--auth-host=scram-sha-256"]
@@ -21,13 +21,13 @@ class LocalPostgreSql(source_databases.PostgreSql):
 
 
 def server(kind, folder):
-    """A server at its usual place, to be used by `with`."""
+    """A server with its socket at the usual place, as a context manager."""
     source_databases.hide_installed()
     return LocalPostgreSql(folder) if kind == "postgresql" else source_databases.MariaDb(folder)
 
 
 def dump_all(session, parent=None):
-    """Dumps what the servers at the usual places have into the session; the elements by name."""
+    """Dumps all databases of the running servers into the session; returns the elements by name."""
     folder = f"{session.directory}.sql"
     os.makedirs(folder, exist_ok=True)
     printed = subprocess.run(["perl", f"{HERE}/dump_databases.pl", folder], check=True, capture_output=True, text=True)
@@ -45,13 +45,13 @@ def dump_all(session, parent=None):
 
 
 def unassigned(session):
-    """Where databases of nobody are."""
+    """The element for databases that belong to no client."""
     element = session.tree.find("unassigned")
     return element if element is not None else session.add("<unassigned/>")
 
 
 def put(session, element, sql):
-    """Makes SQL the content of a database."""
+    """Makes SQL the content of a database in the session."""
     for content in element.findall("content"):
         element.remove(content)
     name = "".join(letter if letter.isalnum() else "_" for letter in element.get("name"))
@@ -60,13 +60,13 @@ def put(session, element, sql):
 
 
 def sql_of(session, element):
-    """The SQL of a database."""
+    """The SQL of a database in the session."""
     with gzip.open(f"{session.directory}/archives/{element.find('content').get('file')}") as file:
         return file.read()
 
 
 def as_shop(server, sql, database="shop"):
-    """Runs SQL as the account of the site, by its own password."""
+    """Runs SQL as the site's account, with its own password."""
     if server.ACCOUNT == "mysql":
         command = ["mariadb", "--no-defaults", f"--socket={server.socket}", "--skip-column-names", "--batch", "-ushop",
                    "-pright", database, "-e", sql]

@@ -1,4 +1,4 @@
-"""Sites of Apache from the description: what goes in serves, and what could harm this host stays out."""
+"""Sites of Apache from the description: what is accepted serves, and what could harm this host is left out."""
 from __future__ import annotations
 
 import os
@@ -40,7 +40,7 @@ GRANT = directive("directory", "/srv", block=[directive("require", "all", "grant
 
 
 def described(world: World, *inner: str, at: str = "*:80", configuration: str = GRANT, uses: str = "d1") -> None:
-    """A site of one virtual host."""
+    """Describes a site with one virtual host."""
     world.describe(
         site("a.test", virtual_host(NAME, ROOT, *inner, at=at), uses=uses, kind="apache", configuration="apache1"),
         configuration=configuration,
@@ -49,12 +49,12 @@ def described(world: World, *inner: str, at: str = "*:80", configuration: str = 
 
 
 def get(path: str = "/", name: str = "a.test", port: int = 80) -> Answer:
-    """What this host answers."""
+    """The answer of this host."""
     return ask("127.0.0.1", Request(name, port, False, path))
 
 
 def test_starts_where_another_server_has_the_port_of_its_package(world: World) -> None:
-    """As nginx has port 80, and the sites of Apache another one."""
+    """Such as when nginx has port 80 and the sites of Apache use another one."""
     before = snapshot("/etc/apache2")
     described(world, at="*:8080")
     with socketserver.TCPServer(("0.0.0.0", 80), socketserver.BaseRequestHandler):
@@ -66,7 +66,7 @@ def test_starts_where_another_server_has_the_port_of_its_package(world: World) -
 
 
 def both(world: World, *, apache: int, nginx: int) -> None:
-    """A site of Apache and one of nginx, at these ports."""
+    """Describes a site of Apache and one of nginx, at these ports."""
     own_etc("nginx")
     os.makedirs("/var/log/nginx", exist_ok=True)
     world.describe(
@@ -312,7 +312,7 @@ def test_settings_of_this_host_that_apache_refuses_are_named_and_a_rerun_goes_on
     broken.unlink()
     assert snapshot("/etc/apache2") == before
     assert not world.apply(Apache).failed and get().title == "site a"
-    # And where they break between the plan and the check.
+    # The same if other settings break between the plan and the check.
     world.undo(Apache)
     restore = world.restore()
     kind = Apache()

@@ -1,4 +1,4 @@
-"""Applications from packages: what was made of them goes into the directories that are the package's alone here."""
+"""Applications from packages: their files are restored only into directories that belong to the package alone here."""
 import grp
 import os
 import pwd
@@ -18,7 +18,7 @@ PASSWORD = b"<?php $password = 'old passphrase';\n"
 
 
 def install(name="sample-wiki", section="web", files=None):
-    """A package of this host, by dpkg."""
+    """Builds a package and installs it on this host with dpkg."""
     tree = f"/mnt/packages/{name}"
     for path, content in {f"{SETTINGS}/main.php": "<?php // as it came\n", f"{STATE}/data/first.txt": "as it came\n",
                           **(files or {})}.items():
@@ -32,7 +32,7 @@ def install(name="sample-wiki", section="web", files=None):
     with open(f"{tree}/DEBIAN/conffiles", "w", encoding="ascii") as file:
         file.write(f"{SETTINGS}/main.php\n")
     subprocess.run(["dpkg-deb", "--build", "--root-owner-group", tree, f"{tree}.deb"], check=True, capture_output=True)
-    # Its triggers would be those of the machine.
+    # Triggers would run the machine's programs.
     subprocess.run(["dpkg", "--install", "--no-triggers", "--force-unsafe-io", f"{tree}.deb"], check=True,
                    capture_output=True)
 
@@ -46,7 +46,7 @@ def members(*more):
 
 
 def add_wiki(session, archive=None, package="sample-wiki", directories=(SETTINGS, STATE)):
-    """A site of the application in the session."""
+    """Adds a site of the application to the session."""
     session.add_account(WEB, 33, "/var/www", system="yes", shell="/usr/sbin/nologin")
     content = session.content("site", "content/sites/wiki.test.tar.gz", archive or members())
     named = "".join(f"<directory>{directory}</directory>" for directory in directories)
@@ -132,7 +132,7 @@ def test_keeps_what_is_changed_here_after_the_apply(session):
     assert read(f"{STATE}/data/second.txt").endswith(b"changed here\n")
 
 
-# Files that a package brings by which root runs or reads what lies in its directories, and its section.
+# Packages with files by which root runs or reads what is in the package's directories, and their sections.
 OF_ROOT = {
     "server": ({"/usr/local/share/x": ""}, "httpd"),
     "job": ({"/etc/cron.d/sample-wiki": "* * * * * root /usr/share/sample-wiki/job\n"}, "web"),
@@ -164,7 +164,7 @@ def test_of_a_package_whose_job_only_cleans_up_is_put_in_place(session):
 
 
 def test_does_not_reach_directories_of_others(session):
-    """The description names directories; only those that the package has here count."""
+    """The description may name any directories; only those that the package has here count."""
     install()
     os.makedirs("/etc/other")
     os.makedirs("/var/lib/other")
@@ -187,7 +187,7 @@ def test_directory_of_two_packages_is_not_used(session):
 
 
 def install_beside():
-    """A package of another source that has a file in the same directory."""
+    """Installs a package of another source that has a file in the same directory."""
     tree = "/mnt/packages/sample-other"
     os.makedirs(f"{tree}/DEBIAN")
     os.makedirs(f"{tree}{SETTINGS}")
@@ -202,7 +202,7 @@ def install_beside():
 
 
 def test_settings_that_root_could_run_are_left_out(session):
-    """Links, what other servers read, and owners by which the upgrade of a package would run PHP as root."""
+    """Such as links, files that other servers read, and owners with whose rights a package's upgrade would run PHP."""
     install()
     os.symlink("/etc/cron.d", f"{SETTINGS}/behind")
     link = Member(f".{SETTINGS}/link.php", type=tarfile.SYMTYPE, linkname="/etc/shadow")

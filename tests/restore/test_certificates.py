@@ -1,4 +1,4 @@
-"""Certificates, keys and files of passwords: from the archive of the site, readable by those that need them."""
+"""Certificates, keys and password files: restored from the site's archive, readable only for those that need them."""
 from __future__ import annotations
 
 import grp
@@ -78,7 +78,7 @@ def described(
     members: dict[str, bytes | str] | None = None,
     block: str = BLOCK,
 ) -> None:
-    """A site with TLS whose files are as certbot keeps them."""
+    """Describes a site with TLS, with its files as certbot keeps them."""
     content = world.archive(
         "a.test",
         {
@@ -93,7 +93,7 @@ def described(
 
 
 def served() -> str:
-    """The certificate that visitors get."""
+    """The certificate that visitors get; empty without a TLS server."""
     try:
         return ssl.get_server_certificate(("127.0.0.1", 443))
     except OSError:

@@ -1,4 +1,4 @@
-"""The command line: exit codes, documents, decisions, packages, the lock, and what of a description is refused."""
+"""The command line: exit codes, documents, decisions, packages, the lock, and descriptions that are refused."""
 import contextlib
 import fcntl
 import json
@@ -51,7 +51,7 @@ def test_takes_back_what_is_selected(session):
 
 
 def test_ends_with_a_failure_that_says_what_cannot_be_made(session):
-    """As files of an account that there will not be."""
+    """Such as files of an account that is not restored."""
     site(session, *usual())
     session.accounts.clear()
     done = session.run("apply", check=1)
@@ -150,7 +150,7 @@ def test_refuses_decisions_about_what_there_is_not(session):
 
 
 def stub(name, text):
-    """A program that comes before this host's one."""
+    """Makes a program that is found before the one of this host."""
     path = f"/usr/local/sbin/{name}"
     with open(path, "w", encoding="ascii") as out:
         out.write(f"#!/bin/sh\n{text}\n")
@@ -158,7 +158,7 @@ def stub(name, text):
 
 
 def with_package(session, name):
-    """A site whose application was a package; apt knows `shop-application` only, of the section web."""
+    """A site whose application is a package. apt knows `shop-application` (web) and `sudo-everything` (admin)."""
     subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", "/usr/local/sbin"], check=True)
     stub("apt-cache", 'printf "Package: %s\\nSection: %s\\n\\n" shop-application web sudo-everything admin')
     stub("apt-get", 'echo "$@" >> /mnt/apt; touch /mnt/installed')

@@ -1,4 +1,4 @@
-"""Databases: loaded by accounts with rights on them alone, renewed, verified and taken back."""
+"""Databases: loaded by accounts that have rights on them alone, renewed, verified and undone."""
 import os
 import re
 import shutil
@@ -77,7 +77,7 @@ def postgresql():
 
 
 def check_that_room_is_asked_for(session, place):
-    """The plan says where there is none for the databases."""
+    """The plan reports if a file system has no room for the databases."""
     os.makedirs(place, exist_ok=True)
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4k", "own", place], check=True)
     assert f"the file system of {place} has " in session.run("plan", check=3).stdout
@@ -85,7 +85,7 @@ def check_that_room_is_asked_for(session, place):
 
 
 def mysql_state(server):
-    """Accounts, rights and databases, and the rows and definitions of those that no test restores."""
+    """Accounts, rights and databases, and the rows and definitions of databases that no test restores."""
     return told(server, """
         SELECT User, Host, plugin, authentication_string, is_role, default_role FROM mysql.user ORDER BY 1, 2;
         SELECT * FROM mysql.global_priv WHERE User NOT IN ('root', 'mariadb.sys') ORDER BY 1, 2;
@@ -155,7 +155,7 @@ def test_makes_a_database_of_postgresql_with_roles_and_rights(session, postgresq
             ORDER BY 1;
         SELECT setdatabase > 0, setrole > 0, setconfig FROM pg_db_role_setting ORDER BY 3;
         SELECT extname FROM pg_extension ORDER BY 1; SELECT lo_get(4711); SELECT count FROM mv"""
-    # From PostgreSQL 17 on an owner may also maintain a table.
+    # Since PostgreSQL 17 an owner also has the right MAINTAIN on a table.
     assert told(postgresql, rights, "shop").replace("arwdDxtm/", "arwdDxt/").split("\n") == [
         "shop|{shop=CTc/shop,=T/shop,readers=c/shop}",
         "{shop=arwdDxt/shop,readers=r/shop}", "{shop=X/shop,readers=X/shop}",
@@ -177,7 +177,7 @@ LEFT = {
 
 
 def renewal(session, server, kind, databases):
-    """Fetched again: renewed if nobody has changed it here, else kept and named until a person decides."""
+    """A later fetch renews what is unchanged here. What was changed here is kept, until --replace decides."""
     table, database = ("shop.t", None) if kind == "mysql" else ("t", "shop")
 
     def rows():
@@ -205,7 +205,7 @@ def renewal(session, server, kind, databases):
 
 
 def killed(session, server, kind, element):
-    """A kill in the middle of the load leaves nothing that runs, and the rerun completes."""
+    """After a kill in the middle of the load nothing is left running, and a rerun completes the load."""
     sql = server_dumps.sql_of(session, element)
     mark, gate, waiting = {
         "mysql": (b"UNLOCK TABLES;", b"SELECT SLEEP(1000);\n",
@@ -230,7 +230,7 @@ def killed(session, server, kind, element):
 
 
 def cut(session, server, element):
-    """A dump that ends in the middle, or is not the one of the description, is refused; nothing is left."""
+    """A truncated dump, or one with another sum than the description's, is refused, and nothing is left of it."""
     sql = server_dumps.sql_of(session, element)
     kind = element.get("kind")
     server_dumps.put(session, element, sql[:len(sql) // 2])
@@ -244,7 +244,7 @@ def cut(session, server, element):
         file.write(b"xxxx")
     failed = session.run("apply")
     assert failed.returncode == 1 and "by its sum" in failed.stderr + failed.stdout
-    # Nobody reads what follows its end.
+    # What follows the end mark of the dump is ignored.
     server_dumps.put(session, element, sql + b"-- behind the end\n" * 500_000)
     session.run("apply", check=0, timeout=300)
     session.run("undo", check=0)

@@ -1,4 +1,4 @@
-"""What can befall an apply: kills, full disks, cut journals; a rerun completes, and undo leaves what was before."""
+"""What can interrupt an apply: kills, full disks, truncated journals. A rerun completes, and undo restores all."""
 import os
 import signal
 import subprocess
@@ -10,7 +10,7 @@ from test_files import directory, file, link, site
 
 
 def large():
-    """A site of many files, one of them larger than what is written at once."""
+    """A site with many files, one of them larger than a single write."""
     members = [directory("./home/alice/shop")]
     for number in range(20):
         members += [directory(f"./home/alice/shop/{number}"), file(f"./home/alice/shop/{number}/a", b"a" * 5000),
@@ -19,7 +19,7 @@ def large():
 
 
 def killed_at(session, call, number):
-    """Runs apply, which is killed at the n-th of this system call; whether it came so far."""
+    """Runs apply and kills it at the n-th call of this system call. Returns whether there were that many."""
     session.write()
     done = subprocess.run(
         ["strace", "-qq", "-o", "/dev/null", "-e", f"trace={call}", "-e", f"inject={call}:signal=KILL:when={number}",
@@ -52,7 +52,7 @@ def test_tells_of_a_full_disk_and_goes_on_when_there_is_room(session, size):
     os.makedirs("/home/alice")
     subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size},mode=755", "own", "/home"], check=True)
     site(session, *large())
-    # The room was there when the plan was made: the description says too little.
+    # The description gives too small a size, so that the plan finds room.
     session.tree.find(".//domain/content").set("unpacked", "1000")
     done = session.run("apply", check=1)
     assert "No space left on device" in done.stderr and "Traceback" not in done.stderr

@@ -1,4 +1,4 @@
-"""What can befall an apply of all kinds: kills, full disks, servers that are down or refuse; and how it goes on."""
+"""What can interrupt an apply of all kinds: kills, full disks, servers that are down or refuse; and what follows."""
 import contextlib
 import os
 import subprocess
@@ -18,7 +18,7 @@ from web_world import directive, ended, server
 
 BOX = "/var/mail/vhosts/shop.test/info"
 TABLE = "/var/spool/cron/crontabs/alice"
-# Postfix makes what is in its queue, and the first apply what caches of nginx lie in; logs stay.
+# Not compared: Postfix's queue, which it fills itself; caches of nginx, whose directory the first apply makes; logs.
 PLACES = ("/etc", "/home", "/var/mail", "/var/spool/cron", "/var/lib/sondrel-restore")
 DATABASES = {
     "mysql": ("CREATE DATABASE shop; CREATE TABLE shop.t (id int); INSERT INTO shop.t VALUES (1), (2);"
@@ -34,14 +34,14 @@ DATABASES = {
 
 @pytest.fixture(name="host")
 def host_with_servers(session):
-    """This host with its servers, and a session with something of each kind but databases."""
+    """This host with its servers, and a session with an object of each kind but databases."""
     for name in ("nginx", "php", "postfix", "dovecot"):
         own_etc(name)
     for place in ("/var/log/nginx", "/var/spool/postfix", "/var/cache/nginx"):
         os.makedirs(place, exist_ok=True)
     Path("/etc/postfix/main.cf").write_text(MAIN_CF, encoding="ascii")
     session.add(CONFIGURATION.format("nginx", ""))
-    # userdel looks at processes of all worlds: no other test has this number.
+    # userdel looks at the processes of all private worlds, so no other test may have this number.
     alice = session.add_client("alice", 31000 + os.getpid() % 20000)
     session.add_account("post", 30050)
     alice.insert(0, etree.fromstring(session.content(
@@ -68,13 +68,13 @@ def host_with_servers(session):
 
 @contextlib.contextmanager
 def databases(session, *kinds, more=""):
-    """Servers of these kinds, each with a database in the session; yields what tells its state.
+    """Runs servers of these kinds, each with a database in the session; yields the servers by kind.
 
-    `more` is SQL for what the databases have besides.
+    `more` is additional SQL for the databases.
     """
     with contextlib.ExitStack() as stack:
         running = {kind: stack.enter_context(server_dumps.server(kind, f"/mnt/{kind}")) for kind in kinds}
-        # Settings of mail servers are hidden with those of the databases, unless they are ours already.
+        # The servers hide the settings of installed databases and of mail servers, unless the test has copied these.
         for kind, one in running.items():
             one.sql(DATABASES[kind][0])
             one.sql(more)
@@ -88,12 +88,12 @@ def databases(session, *kinds, more=""):
 
 
 def state(running=()):
-    """What is to be the same again after an undo."""
+    """What an undo must restore."""
     return snapshot(*PLACES), {kind: sorted(running[kind].sql(DATABASES[kind][2]).split()) for kind in running}
 
 
 def assert_is(before, running=()):
-    """That all is as it was, with what is not."""
+    """Fails with the paths that differ from `before`."""
     now = state(running)
     differing = {path: (before[0].get(path), now[0].get(path)) for path in before[0].keys() | now[0].keys()
                  if before[0].get(path) != now[0].get(path)}
@@ -101,7 +101,7 @@ def assert_is(before, running=()):
 
 
 def ends_well(session, before, running=()):
-    """The same command completes, all is as it was fetched, and can be taken back."""
+    """A rerun completes, all is as it was fetched, and undo restores the former state."""
     session.run("apply", check=0)
     session.run("verify")
     assert "0 changed" in session.run("apply", check=0).stdout
@@ -112,7 +112,7 @@ def ends_well(session, before, running=()):
 @pytest.mark.parametrize("call, numbers", [
     ("fdatasync", (5, 10, 12, 8, 5)), ("fork,vfork,clone,clone3", (8, 20, 32))])
 def test_goes_on_after_kills_in_all_kinds_and_can_be_taken_back(host, call, numbers):
-    """Killed further and further on, between steps and while programs run."""
+    """Kills at later and later points, between steps and while programs run."""
     with databases(host, "mysql", "postgresql") as running:
         before = state(running)
         hits = [killed_at(host, call, number) for number in numbers]
@@ -128,7 +128,7 @@ def test_goes_on_after_kills_in_all_kinds_and_can_be_taken_back(host, call, numb
     (f"/etc/php/{VERSION}/fpm/pool.d", "/var/lib/sondrel-restore"),
     ("/var/mail", "/var/spool/cron/crontabs")])
 def test_tells_of_full_file_systems_of_each_kind_and_goes_on(host, places):
-    """No file more can be made there."""
+    """On full file systems no more files can be made."""
     host.write()
     for place in places:
         content = snapshot(place) if os.path.isdir(place) else {}
@@ -146,12 +146,12 @@ def test_tells_of_full_file_systems_of_each_kind_and_goes_on(host, places):
     ends_well(host, before)
 
 
-# Rows that do not fit into what is left for the server's data.
+# Rows that do not fit into the room that is left for the server's data.
 ROWS = ("USE shop; CREATE TABLE big (id int, t text);"
         " INSERT INTO big SELECT seq, repeat('x', 4000) FROM seq_1_to_4000;")
 
 
-# Tables without rows: what is missing of them shows in no number of rows.
+# Tables without rows: comparing numbers of rows does not show that they are missing.
 TABLES = "USE shop; " + "".join(f"CREATE TABLE t{number} (id int);" for number in range(60))
 
 
@@ -159,7 +159,7 @@ TABLES = "USE shop; " + "".join(f"CREATE TABLE t{number} (id int);" for number i
     ("postgresql", 150, 2, ""), pytest.param("mysql", 250, 9, ROWS, id="rows"),
     pytest.param("mysql", 250, 3, TABLES, id="tables")])
 def test_tells_of_a_full_disk_of_a_database_server_and_goes_on(host, kind, size, room, more):
-    """`size` and `room` in MiB: of its file system, and what is left there."""
+    """`size` and `room` are in MiB: those of its file system, and what is left free there."""
     place = f"/mnt/{kind}"
     os.makedirs(place)
     subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size}m,mode=755", "own", place], check=True)
@@ -183,7 +183,7 @@ REFUSALS = {
 
 
 def test_names_each_server_whose_own_settings_are_refused_and_goes_on(host):
-    """What was broken before an apply stays this host's; the other kinds are made."""
+    """Settings that were broken before an apply stay as they are; the other kinds are made."""
     before = state()
     was = {path: Path(path).read_text(encoding="utf-8") if os.path.exists(path) else None for path in REFUSALS}
     for path, text in REFUSALS.items():

@@ -1,4 +1,4 @@
-"""Files of clients and sites: unpacked, renewed, verified and taken back."""
+"""Files of clients and sites: unpacked, renewed, verified and undone."""
 import os
 import pwd
 import stat
@@ -26,7 +26,7 @@ def link(name, target, kind=tarfile.SYMTYPE, **attributes):
 
 
 def site(session, *members, root="/home/alice/shop"):
-    """A session with one site of alice's that has these members."""
+    """A session with one site of alice that has these members."""
     alice = session.add_client("alice", 30001)
     session.add_site(alice, "shop.test", root, session.content(
         "site", "content/sites/shop.test.tar.gz", made_of(*members)))
@@ -34,7 +34,7 @@ def site(session, *members, root="/home/alice/shop"):
 
 
 def renewed(session, *members):
-    """The same site, fetched again."""
+    """The same site, fetched again with other members."""
     element = session.tree.find(".//domain/content")
     text = session.content("site", element.get("file"), made_of(*members))
     element.getparent().replace(element, session.add(text, element.getparent()))
@@ -50,7 +50,7 @@ def usual():
     ("/srv/own/shop", True), ("/srv/own/aliased/x", True), ("/srv/apache/x", True), ("/srv/apache", True),
     ("/srv", None), ("/srv/other", False)])
 def test_a_root_in_that_of_a_site_of_this_host_needs_a_decision(session, root, is_near):
-    """That site would serve, as its own account, what another one can write."""
+    """The site of this host would serve, as its own account, what another account can write."""
     for name in ("nginx", "apache2"):
         own_etc(name)
     for place in ("/srv/own", "/srv/apache", "/var/log/nginx"):
@@ -73,7 +73,7 @@ def test_a_root_in_that_of_a_site_of_this_host_needs_a_decision(session, root, i
 
 
 def test_needs_no_decision_for_what_is_here_already_and_the_same(session):
-    """A server brings a page of its own on both hosts."""
+    """A server installs the same default page on both hosts."""
     site(session, directory("./srv/page"), file("./srv/page/index.html", b"welcome"), root="/srv/page")
     os.mkdir("/srv/page")
     with open("/srv/page/index.html", "w", encoding="ascii") as page:
@@ -89,7 +89,7 @@ def test_needs_no_decision_for_what_is_here_already_and_the_same(session):
 
 
 def test_restores_a_list_of_who_may_use_a_file(session):
-    """GNU tar has the list twice, as text and as an attribute with numbers of the source host."""
+    """GNU tar stores the list twice: as text, and as an attribute with numbers of the source host."""
     session.add_account("bob", 30002)
     headers = {"SCHILY.acl.access": "user::rw-,user:bob:rw-,group::r--,mask::rw-,other::---",
                "SCHILY.xattr.system.posix_acl_access": "numbers"}
@@ -265,7 +265,7 @@ def test_knows_places_of_the_system():
 
 
 def test_a_later_fetch_takes_no_directory_of_this_host_over(session):
-    """A second site whose root is above that of the first, where there are others that no apply has made."""
+    """The root of a second site is above that of the first, and has directories that no apply made."""
     site(session, directory("./srv/www/alice"), file("./srv/www/alice/index.php"), root="/srv/www/alice")
     os.makedirs("/srv/www/here")
     session.run("apply", check=0)
@@ -278,7 +278,7 @@ def test_a_later_fetch_takes_no_directory_of_this_host_over(session):
 
 
 def test_what_is_here_of_a_site_is_not_the_sites_if_there_is_more(session):
-    """One page that is the same does not make a directory of this host one that may be served."""
+    """One equal page does not allow a site to serve a whole directory of this host."""
     os.makedirs("/srv/www/here")
     for name in ("index.html", "configuration.php"):
         with open(f"/srv/www/here/{name}", "w", encoding="ascii") as out:

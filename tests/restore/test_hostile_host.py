@@ -1,4 +1,4 @@
-"""A host that was broken into: what it sends makes nothing here but what its own accounts may have."""
+"""A source host under the control of an attacker: it can change here only what its own accounts may change."""
 import contextlib
 import json
 import os
@@ -21,7 +21,7 @@ from test_pools import VERSION
 from web_world import ended
 
 PORT = 8080
-# What is made for the hostile host's own account.
+# What apply makes for the hostile host's own accounts.
 OWN = ("/home/alice", "/srv/a", "/srv/b", "/home/carl", "/home/fred", "/home/post", "/var/spool/cron/crontabs/alice",
        "/etc/sondrel-restore", "/etc/nginx/sondrel-definitions", "/etc/postfix/main.cf",
        "/var/cache/nginx")
@@ -29,7 +29,7 @@ ACCOUNT_FILES = ("passwd", "shadow", "group", "gshadow", "subuid", "subgid")
 
 
 def write(path, text, owner=(0, 0), mode=0o644):
-    """A file of this host."""
+    """Writes a file of this host."""
     os.makedirs(os.path.dirname(path), exist_ok=True)
     Path(path).write_text(text, encoding="utf-8")
     os.chown(path, *owner)
@@ -37,12 +37,12 @@ def write(path, text, owner=(0, 0), mode=0o644):
 
 
 def prepare_host():
-    """Accounts, sites, jobs and mail of this host, which have nothing to do with the session."""
+    """Makes accounts, sites, jobs and mail of this host that have nothing to do with the session."""
     for name in ("nginx", "apache2", "php", "postfix", "dovecot", "systemd"):
         own_etc(name)
     for place in ("/var/log/nginx", "/var/log/apache2", "/run/apache2", "/run/lock", "/var/spool/postfix"):
         os.makedirs(place, exist_ok=True)
-    # An attack that succeeds is to leave the machine as it is.
+    # If an attack succeeds, it must not change the machine.
     for place in ("/usr/local/bin", "/root"):
         subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", place], check=True)
     with open("/etc/passwd", "a", encoding="ascii") as accounts:
@@ -68,13 +68,13 @@ def prepare_host():
 
 @pytest.fixture(name="servers")
 def running_servers():
-    """This host with its servers; the databases by kind."""
+    """This host with its servers; yields the databases' servers by kind."""
     prepare_host()
     prepare_folder()
     with contextlib.ExitStack() as stack:
         databases = {kind: stack.enter_context(server_dumps.server(kind, f"/mnt/{kind}"))
                      for kind in ("mysql", "postgresql")}
-        # The settings of mail are hidden with those of the databases.
+        # Hiding the settings of the installed databases hides those of mail, too.
         for name in ("postfix", "dovecot"):
             if not os.path.exists(f"/etc/{name}"):
                 subprocess.run(["cp", "-a", f"/mnt/etc.orig/{name}", f"/etc/{name}"], check=True)
@@ -89,7 +89,7 @@ def running_servers():
 
 
 def add_dumps(session, servers):
-    """The databases of the hostile host, whose SQL has the attacks at its end."""
+    """Adds the databases of the hostile host; the attacks are at the end of their SQL."""
     sources = {"mysql": (MYSQL, "DROP DATABASE shop; DROP USER shop@localhost", MYSQL_ATTACKS,
                          b"/*!40103 SET TIME_ZONE=@OLD_TIME_ZONE */;"),
                "postgresql": (POSTGRESQL, "DROP DATABASE shop; DROP ROLE shop", POSTGRESQL_ATTACKS,
@@ -109,14 +109,14 @@ def add_dumps(session, servers):
 
 
 def state(servers):
-    """All that must stay as it is."""
+    """All that an attack must not change."""
     return {"files": snapshot(), "mysql": state_of_mysql(servers["mysql"]),
             "postgresql": state_of_postgresql(servers["postgresql"]), "processes": programs(),
             "accounts": account_lines()}
 
 
 def programs():
-    """Which programs run here, and as whom."""
+    """The running programs with their accounts."""
     found = set()
     for pid, _ in world.processes():
         with contextlib.suppress(OSError):
@@ -125,13 +125,13 @@ def programs():
 
 
 def account_lines():
-    """Lines of the files of accounts, without those of the session's own."""
+    """The lines of the account files, without those of the session's own accounts."""
     return [(name, line) for name in ACCOUNT_FILES for line in Path(f"/etc/{name}").read_text("utf-8").splitlines()
             if line.split(":")[0] not in ALLOWED_ACCOUNTS]
 
 
 def written():
-    """What all files of configuration say that were made here."""
+    """The text of all configuration files that apply made here."""
     found = []
     for place in ("/etc/nginx", "/etc/apache2", f"/etc/php/{VERSION}/fpm/pool.d", "/etc/postfix", "/etc/dovecot"):
         for path in sorted(Path(place).rglob("*")):
@@ -142,7 +142,7 @@ def written():
 
 
 def changed(before, after):
-    """Paths that are others than before, without those that were made for the session's own account."""
+    """The paths that differ, without those that were made for the session's own accounts."""
     made = {path for path in before.keys() | after.keys() if before.get(path) != after.get(path)}
     return {path for path in made if not any(path == own or path.startswith(own + "/") for own in OWN)
             and not path.startswith(("/etc/postfix/sondrel-", "/var/spool/postfix"))
@@ -151,7 +151,7 @@ def changed(before, after):
 
 
 def undecided(session):
-    """The objects that need a decision, by the plan."""
+    """The objects that need a decision by the plan."""
     plan = session.run("plan", "--format=json")
     assert plan.returncode in (0, 3), plan.stderr
     return [each["object"] for each in json.loads(plan.stdout)["objects"] if each["state"] == "conflict"]
@@ -169,7 +169,7 @@ def test_all_attacks_at_once_make_nothing_but_what_the_hosts_own_account_may_hav
     done = session.run("apply", "--start-jobs", *(f"--skip={each}" for each in skipped))
     assert done.returncode in (0, 1) and "Traceback" not in done.stderr, done.stderr
     text = written()
-    # What is no attack is there: otherwise nothing was tried.
+    # The harmless part is there: otherwise the attacks were not even tried.
     assert "server_name a.test;" in text and "servername b.test" in text and "user = alice" in text, done.stderr
     assert os.path.exists("/home/alice/shop/index.php") and "precious" not in text
     assert "; ".join(attack.name for attack in attacks if attack.succeeded(text)) == ""
@@ -185,7 +185,7 @@ def test_all_attacks_at_once_make_nothing_but_what_the_hosts_own_account_may_hav
 
 
 def made_configuration(session):
-    """Files and links of web servers and pools that the journal has."""
+    """The files and links of web servers and pools in the journal."""
     found = set()
     for line in Path(session.directory, "restore/journal").read_text("ascii").splitlines():
         facts = json.loads(line).get("facts", {})

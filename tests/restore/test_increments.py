@@ -1,4 +1,4 @@
-"""Increments: what follows an archive is applied with it, and brings in nothing that the archive could not."""
+"""Increments: they are applied together with their archive, and must not do more than an archive could."""
 import gzip
 import os
 import tarfile
@@ -14,7 +14,7 @@ FILE = "content/sites/shop.test.tar.gz"
 
 
 def part(session, tag, name, content):
-    """The element for a file that is put into the session."""
+    """Puts a file into the session; returns its element."""
     element = etree.fromstring(session.content("site", name, content))
     element.tag = tag
     del element.attrib["kind"]
@@ -22,7 +22,7 @@ def part(session, tag, name, content):
 
 
 def followed(session, number, members, gone=()):
-    """The site's archive followed by one with these members; `gone` is the list of names before it."""
+    """Adds an increment with these members to the site's archive. `gone` is its list of vanished names."""
     content = session.tree.find(".//domain/content")
     increment = part(session, "increment", FILE.replace(".tar", f"=.{number}.tar"), made_of(*members))
     if gone:
@@ -33,7 +33,7 @@ def followed(session, number, members, gone=()):
 
 
 def first():
-    """Members of a whole archive."""
+    """The members of the whole archive."""
     return (directory(SHOP), directory(f"{SHOP}/old"), file(f"{SHOP}/old/a\nb"), file(f"{SHOP}/page", b"first"),
             file(f"{SHOP}/turns", b"a file"), directory(f"{SHOP}/becomes-a-link"),
             file(f"{SHOP}/becomes-a-link/inside"),
@@ -42,7 +42,7 @@ def first():
 
 
 def second(session):
-    """What followed: changes, a folder that is gone, other types, and a name more for a file."""
+    """A first increment: changes, a directory that is gone, other types, and one more name of a file."""
     followed(session, 1, [
         directory(SHOP, mtime=1700000100), file(f"{SHOP}/page", b"second"), directory(f"{SHOP}/turns"),
         file(f"{SHOP}/turns/inside", b"new"), link(f"{SHOP}/becomes-a-link", "turns"),
@@ -53,13 +53,13 @@ def second(session):
 
 
 def third(session):
-    """And once more: what was gone is back, something else is gone."""
+    """A second increment: what was gone is back, and another file is gone."""
     followed(session, 2, [directory(SHOP), directory(f"{SHOP}/old"), file(f"{SHOP}/old/again", b"again")],
              [os.fsencode(f"{SHOP}/page")])
 
 
 def contents():
-    """{name: content, target, or None for a directory} of the site here."""
+    """{path: content, target, or None for a directory} of the site here."""
     found = {}
     for place, directories, names in os.walk("/home/alice/shop"):
         for path in (f"{place}/{name}" for name in directories + names):

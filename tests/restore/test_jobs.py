@@ -1,4 +1,4 @@
-"""Jobs: what of tables of cron and units goes in, switched off, and what a hostile host does not get in."""
+"""Jobs: which crontabs and units are installed, switched off, and what a hostile host cannot install."""
 import os
 import subprocess
 from pathlib import Path
@@ -38,7 +38,7 @@ def world():
 
 
 def fetched_with(tmp_path, table=None, units=None, path=TABLE, **client):
-    """A session with a table of cron and units of a client."""
+    """A session with a crontab and units of a client."""
     fetched = Fetched(tmp_path)
     files, described = {}, []
     if table is not None:
@@ -54,13 +54,13 @@ def fetched_with(tmp_path, table=None, units=None, path=TABLE, **client):
 
 
 def table_of(account):
-    """The table of cron of an account here; None without one."""
+    """The crontab of an account here; None if it has none."""
     found = subprocess.run(["crontab", "-u", account, "-l"], check=False, capture_output=True, text=True)
     return found.stdout if found.returncode == 0 else None
 
 
 def units_here():
-    """All units that are the host's own, with their text."""
+    """All units of this host, with their content."""
     return {path: path.read_bytes() for path in Path(UNITS).rglob("*") if path.is_file()}
 
 
@@ -77,7 +77,7 @@ def test_installs_a_table_switched_off_and_the_option_switches_it_on(tmp_path):
     assert Run(fetched, [Job], start_jobs=True).apply().changed == ["job:cron:alice"]
     assert table_of("alice") == table
     assert all(finding.is_same for finding in Run(fetched, [Job], start_jobs=True).verify())
-    # A later apply without the option does not take it back.
+    # A later apply without the option leaves it switched on.
     assert Run(fetched, [Job]).apply().changed == [] and table_of("alice") == table
 
 

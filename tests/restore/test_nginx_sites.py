@@ -1,4 +1,4 @@
-"""Sites of nginx from the description: what goes in serves, and what could harm this host stays out."""
+"""Sites of nginx from the description: what is accepted serves, and what could harm this host is left out."""
 from __future__ import annotations
 
 import os
@@ -35,7 +35,7 @@ ROOT = directive("root", "/srv/a")
 
 
 def get(name: str, path: str = "/", port: int = 80) -> Answer:
-    """What this host answers."""
+    """The answer of this host."""
     return ask("127.0.0.1", Request(name, port, False, path))
 
 
@@ -168,7 +168,7 @@ def test_leaves_out_what_could_harm_and_serves_the_rest(world: World, attack: st
 
 
 def test_a_backend_by_name_goes_in_where_this_host_says_its_address(world: World) -> None:
-    """What the DNS says is the source host's owner's, who can change it after the check."""
+    """The source host's owner may control what the DNS says, and can change it after the check."""
     own_etc("hosts")
     with open("/etc/hosts", "a", encoding="ascii") as hosts:
         hosts.write("192.0.32.8 known.test # ours\n127.0.0.1 cache.test\n")
@@ -189,7 +189,7 @@ def test_a_backend_by_name_goes_in_where_this_host_says_its_address(world: World
 
 
 def test_no_way_to_a_pool_but_the_directive_that_is_for_pools(world: World) -> None:
-    """A site could put a link in the place of its socket later, or send the bytes of another protocol."""
+    """Another directive could send other protocols to a pool, or use a link that the site makes later at that path."""
     os.symlink("/run/php/bob.sock", "/srv/a/link.sock")
     group = directive("upstream", "group", block=[directive("server", "unix:/srv/a/later.sock")], identifier="u1")
     world.describe(

@@ -1,4 +1,4 @@
-"""Pools of PHP-FPM: sites run as their accounts with their settings, and nothing else."""
+"""Pools of PHP-FPM: sites run as their own accounts with their own settings, and with no more rights."""
 from __future__ import annotations
 
 import os
@@ -55,7 +55,7 @@ def _world(tmp_path: Path) -> Iterator[World]:
 def described(
     world: World, inside: str, *, user: str = "alice", version: str = VERSION, name: str = "a", contents: str = ""
 ) -> None:
-    """A site whose pool has these elements."""
+    """Describes a site whose pool has these elements."""
     php = (
         f'<php version="{version}" handler="fpm" extensions="core json" pool="{name}" user="{user}"'
         f' listen="unix:/var/run/php/a.sock">{inside}</php>'
@@ -119,7 +119,7 @@ def test_php_sees_what_the_pool_has(world: World) -> None:
 def test_a_site_is_served_by_no_pool_of_another_client(
     world: World, pool: str, is_taken: bool, web_server: str
 ) -> None:
-    """Unless the source host says that it was, or the pool runs as the site's own account."""
+    """Except a pool that served the site on the source host, or that runs as the site's own account."""
     of_bob = f'<php version="{VERSION}" handler="fpm" pool="b" user="bob" listen="unix:/run/php/b.sock"/>'
     own = f'<php version="{VERSION}" handler="fpm" pool="{pool}" user="bob" listen="unix:/run/php/{pool}.sock"/>'
     world.accounts["bob"] = "bob"

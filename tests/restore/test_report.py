@@ -1,4 +1,4 @@
-"""The page that `report` writes about a session: what it tells, what it withstands, how a browser shows it."""
+"""The page that `report` writes about a session: its content, its escaping, and how a browser shows it."""
 import os
 import re
 import shutil
@@ -19,7 +19,7 @@ ALLOWED_ELEMENTS = set("""html head meta title style body header main nav sectio
     a ul li dl div dt dd table caption thead tbody tr th td svg rect""".split())
 ALLOWED_ATTRIBUTES = set("""charset http-equiv content name lang class id href aria-label aria-labelledby
     aria-hidden scope viewbox preserveaspectratio width height""".split())
-# The elements that name a file: archives, increments, and lists of what vanished.
+# The elements that name a file: archives, increments, and lists of vanished names.
 FETCHED = ("content", "increment", "gone")
 HOSTILE = ("""<script>alert(1)</script><img src=x onerror=alert(2)>"'>{{ 7*7 }}{% raw %}</style></title>&amp;"""
            "\u202egpj")
@@ -27,7 +27,7 @@ HOSTILE = ("""<script>alert(1)</script><img src=x onerror=alert(2)>"'>{{ 7*7 }}{
 
 @pytest.fixture(name="session")
 def a_session(tmp_path):
-    """A session as sondrel-migrate leaves it, with the archives of the example in their sizes."""
+    """A session as sondrel-migrate leaves it, with files of the sizes in the example description."""
     tmp_path.chmod(0o700)
     (tmp_path / "migrate").mkdir(mode=0o700)
     shutil.copy(EXAMPLES / "dump.xml", tmp_path / "dump.xml")
@@ -181,7 +181,7 @@ def test_is_the_caller_s_alone_and_replaces_a_link(session):
 
 
 def hostile_session(session):
-    """All texts of the description that a page shows are an attacker's."""
+    """Makes all texts of the description that a page shows an attacker's."""
     for xpath in ("//domain", "//database", "//client", "//unassigned/database"):
         change(session, xpath, name=HOSTILE)
     change(session, "//mailbox", address=HOSTILE)
@@ -219,7 +219,7 @@ def test_reads_no_other_file_for_a_result(session):
 
 
 def contrast(one, other):
-    """The ratio of contrast of two colours, as the guidelines for accessible pages define it."""
+    """The contrast ratio of two colours, as the guidelines for accessible web pages define it."""
     def luminance(colour):
         parts = [int(colour[at:at + 2], 16) / 255 for at in (1, 3, 5)]
         linear = [part / 12.92 if part <= 0.04045 else ((part + 0.055) / 1.055) ** 2.4 for part in parts]
@@ -240,7 +240,7 @@ def test_can_be_read_in_all_its_colours():
 
 
 def browse(place, page, *options):
-    """What the browser makes of a page: its document after loading, and its complaints."""
+    """The browser's document after loading a page, and its error messages."""
     ran = subprocess.run(
         ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--no-first-run",
          "--disable-background-networking", "--allow-file-access-from-files", "--enable-logging=stderr",
@@ -251,7 +251,7 @@ def browse(place, page, *options):
     return ran.stdout, ran.stderr
 
 
-# Measures the page as a phone of 360 points shows it, and whether its own style holds.
+# Measures the page at the width of a phone, 360 points, and whether its own style is applied.
 MEASURE = """<!DOCTYPE html><body><iframe src="report.html" style="width:360px;height:640px;border:0"></iframe>
 <script>onload = () => {
   const page = document.querySelector("iframe").contentDocument, root = page.documentElement;
@@ -265,7 +265,7 @@ MEASURE = """<!DOCTYPE html><body><iframe src="report.html" style="width:360px;h
 def test_fits_a_phone_in_a_browser_and_runs_nothing_even_if_a_script_got_in(session, tmp_path):
     hostile_session(session)
     text = page_of(session)[0]
-    # As if one text had not been escaped: the policy alone must stop it.
+    # As if one text had not been escaped: the policy alone must block it.
     assert "</main>" in text
     (session / "report.html").write_text(
         text.replace("</main>", "<script>document.title = 'taken'</script><img src='x' onerror=\"document.title="

@@ -1,4 +1,4 @@
-"""Whole sites by the program: files, account, pool, web servers; then visitors' answers are compared."""
+"""Whole sites with the program: files, account, pool, web servers; then the answers to visitors are compared."""
 import hashlib
 import os
 import tarfile
@@ -41,7 +41,7 @@ def _host(session: MadeSession) -> Iterator[MadeSession]:
 def answer(
     path: str, body: bytes, *, status: int = 200, title: str = "", name: str = "shop.test", port: int = 80
 ) -> str:
-    """What the source host answered."""
+    """An answer of the source host, for the description."""
     title = f' title="{title}"' if title else ""
     return (
         f'<answer name="{name}" address="127.0.0.1" port="{port}" tls="no" path="{path}" status="{status}"{title}'
@@ -50,7 +50,7 @@ def answer(
 
 
 def add(session: MadeSession, block: str, configuration: str, answers: str, uses: str = "") -> None:
-    """The site shop.test of alice with a program in PHP."""
+    """Adds the site shop.test of alice, with a program in PHP."""
     files = made_of(
         Member("./home/alice", type=tarfile.DIRTYPE, **{**OWNER, "mode": 0o711}),
         Member("./home/alice/shop", type=tarfile.DIRTYPE, **OWNER),
@@ -74,7 +74,7 @@ def add(session: MadeSession, block: str, configuration: str, answers: str, uses
 
 
 def run_through(session: MadeSession) -> None:
-    """Plan, apply, verify, and all of it back again."""
+    """Plans, applies, verifies and undoes, and checks each result."""
     before = snapshot("/etc/nginx", "/etc/apache2", "/etc/php", "/home")
     session.run("plan", check=0)
     session.run("apply", check=0)

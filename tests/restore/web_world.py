@@ -1,4 +1,4 @@
-"""Descriptions of sites made by hand, and real web servers on loopback of a network of the test's own."""
+"""Descriptions of sites made by hand, and real web servers on loopback in the test's own network."""
 from __future__ import annotations
 
 import contextlib
@@ -29,7 +29,7 @@ def directive(
     file: str = "/etc/there.conf",
     line: int = 1,
 ) -> str:
-    """An element of the description."""
+    """A directive as an element of the description."""
     attributes = f' name={quoteattr(name)} file={quoteattr(file)} line="{line}"'
     attributes += f' id="{identifier}"' if identifier else ""
     attributes += ' block="yes"' if block is not None else ""
@@ -71,7 +71,7 @@ def site(
 
 
 class World:
-    """A session with a description, and what earlier kinds would have offered."""
+    """A session with a description, and the offers that earlier kinds would have made."""
 
     def __init__(self, directory: Path) -> None:
         self.session = directory
@@ -94,7 +94,7 @@ class World:
         )
 
     def archive(self, name: str, members: dict[str, bytes | str]) -> str:
-        """An archive of a site with files (bytes) and links (their targets); returns the element for it."""
+        """Packs files (bytes) and links (their targets) into an archive of a site; returns its element."""
         buffer = io.BytesIO()
         with tarfile.open(fileobj=buffer, mode="w:gz") as tar:
             for path, value in members.items():
@@ -129,11 +129,11 @@ class World:
         return restore
 
     def plan(self, *kinds: type[Kind], decisions: Decisions = Decisions()) -> Plan:
-        """What a plan says."""
+        """Plans with new instances of the kinds."""
         return make_plan(self.restore(decisions=decisions), [kind() for kind in kinds])
 
     def apply(self, *kinds: type[Kind], decisions: Decisions = Decisions()) -> Outcome:
-        """What an apply did; its notes are in `named`."""
+        """Applies with new instances of the kinds. The notes are in `named` afterwards."""
         restore = self.restore(decisions=decisions)
         made = [kind() for kind in kinds]
         plan = make_plan(restore, made)
@@ -143,14 +143,14 @@ class World:
         return outcome
 
     def undo(self, *kinds: type[Kind]) -> Outcome:
-        """What an undo did."""
+        """Undoes with new instances of the kinds."""
         restore = self.restore()
         with restore.journal.locked():
             return undo_all(restore, [kind() for kind in kinds])
 
 
 def snapshot(*directories: str) -> dict[str, str]:
-    """Every file and link below directories, with what it has."""
+    """All that is below the directories, by path: the sum of a file, the target of a link, or "directory"."""
     found: dict[str, str] = {}
     for top in directories:
         for path in sorted(Path(top).rglob("*")):
@@ -165,7 +165,7 @@ def snapshot(*directories: str) -> dict[str, str]:
 
 @contextlib.contextmanager
 def ended(*pid_files: str) -> Iterator[None]:
-    """Ends the servers of these files, which this world has started, at the end."""
+    """Ends servers after the block, by their files of process numbers. This world must have started them."""
     try:
         yield
     finally:
