@@ -24,7 +24,7 @@ class State(enum.Enum):
 
     MAKE = "make"  # it is not here
     SAME = "same"  # it is here and as it should be: nothing to do
-    RENEW = "renew"  # an earlier apply made it, and the fetched one is newer
+    RENEW = "renew"  # an earlier apply made it, and the fetched one differs from it
     CONFLICT = "conflict"  # an object of that name is here that no apply made: needs a decision
     KEPT = "kept"  # an earlier apply made it, and it was changed here since: it stays, and is reported
     NEEDS_PACKAGE = "needs package"  # apply makes it once a package is here that `missing` names

@@ -1,7 +1,7 @@
 """Writes our tables for Postfix and Dovecot, and the few settings that make the servers read them.
 
 `DIRECTORY` has one document for each domain; `write` makes all tables from them. A setting of Postfix is changed only
-if this host has it at its default. It is set back when the last domain is removed.
+if this host has it at its default. It is set back when no domain needs it any more.
 """
 from __future__ import annotations
 
@@ -28,7 +28,7 @@ USERS = "/etc/dovecot/sondrel-users"
 DOVECOT_SETTINGS = "/etc/dovecot/conf.d/99-sondrel-restore.conf"
 HEAD = "# Made by sondrel-restore. What is changed here by hand stays, and is not renewed any more.\n"
 # The settings of Postfix that are set if they are at their default, with the table that each reads. With "/" as
-# virtual_mailbox_base, the paths in our tables are absolute.
+# virtual_mailbox_base, the paths in our tables start at the root directory.
 SETTINGS = {
     "virtual_alias_maps": "virtual", "virtual_mailbox_domains": "domains", "virtual_mailbox_maps": "mailboxes",
     "virtual_uid_maps": "uids", "virtual_gid_maps": "gids", "virtual_mailbox_base": "",
@@ -227,7 +227,7 @@ class MailService:
     # --- asking ---
 
     def answers(self, tables: Tables) -> Iterator[tuple[str, bool, str]]:
-        """Asks the servers for each alias and mailbox. Yields the question, whether it is right, and the answer."""
+        """Asks Postfix for each alias and mailbox. Yields (what was asked, whether the answer is right, the answer)."""
         for alias in tables.aliases:
             found = self._host.run(
                 ["postmap", "-q", alias.source, self._table("virtual")], check=False).stdout.strip()

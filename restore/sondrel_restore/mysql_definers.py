@@ -24,7 +24,7 @@ _KINDS = {
 
 
 def settle_definers(server: MySqlServer, database: Database, loader: str, own: list[User]) -> list[str]:
-    """Makes the original definer of each object that `loader` made its definer again, if it is one of `own`.
+    """Makes the original definer of each object the definer again, if it is one of `own`. `loader` made the objects.
 
     Other objects get the login of `own` that has the most rights; without any login they are removed. Returns sentences
     about these other objects, for a person.

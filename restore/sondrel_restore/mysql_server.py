@@ -29,8 +29,8 @@ DIRECTORY = re.compile(r" ?(?:DATA|INDEX) DIRECTORY ?= ?'((?:[^'\\]|\\.|'')*)'|'
 # Errors that end the connection and so the load. Those without a line number are errors of the login.
 _ENDING = re.compile(r"ERROR (?:[0-9]+(?: \(\w+\))?: |(?:1053|1153|1927|2[0-9]{3})\b)")
 
-# The server is out of space. It must be an error: the statements that failed may be of tables whose missing rows
-# would not be noticed.
+# The server is out of space. This ends the load as a failure: a missing table without rows would not be noticed
+# when the numbers of rows are compared.
 _FULL = re.compile(r"ERROR (?:1021|1114)\b|No space left on device|\b(?:errno|Errcode|error):? (?:28|135)\b")
 
 OF_SERVER = re.compile(

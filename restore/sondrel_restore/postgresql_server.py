@@ -98,7 +98,7 @@ class PostgreSqlServer:
         return result.stdout, errors
 
     def _session(self, database: str) -> PsqlSession:
-        """Keeps at most one session besides that of the database "postgres": one with connections cannot be renamed."""
+        """Keeps at most one session besides that of "postgres": a database with connections cannot be renamed."""
         session = self._sessions.get(database)
         if session is not None and session.is_usable():
             return session

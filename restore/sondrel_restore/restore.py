@@ -232,8 +232,8 @@ def undo_all(restore: Restore, kinds: Sequence[Kind]) -> Outcome:
     """
     outcome = Outcome()
     selected = None if restore.selection.is_all else _selected_entries(restore, kinds)
+    # In reverse order, because objects of later kinds use those of earlier ones.
     for kind in reversed(kinds):
-        # The order is reversed: objects of later kinds use those of earlier ones.
         for entry in reversed(restore.journal.entries(kind.name)):
             if restore.decisions.skip(entry.identifier) or selected is not None and entry.identifier not in selected:
                 continue

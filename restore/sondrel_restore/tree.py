@@ -65,14 +65,14 @@ class Tree:
         self._roots = outermost([components(root) for root in roots])
         self._owners = owners
         self._old = read_manifest(restore.journal.side_file(identifier, "manifest"))
-        # What an interrupted apply had made so far is in the file "begun".
         self._is_first = not os.path.exists(restore.journal.side_file(identifier, "manifest"))
+        # What an interrupted apply had made so far is in the file "begun".
         self._begun = read_manifest(restore.journal.side_file(identifier, "begun"), may_be_cut=True)
         self._new = Manifest(restore.journal.side_file(identifier, "begun"), keep=self._begun)
-        # The descriptors of the open directories: first that above a root, then each one down to the current directory.
         before = facts_of(restore, identifier)["before"]
         assert isinstance(before, dict)
         self._new_above = [path for path, was in before.items() if was is None] if self._is_first else []
+        # The descriptors of the open directories: first that above a root, then each one down to the current directory.
         self._base: list[str] | None = None
         self._trail: list[tuple[str, int]] = []
         self._directories: dict[str, Member | None] = {}

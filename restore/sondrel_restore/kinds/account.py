@@ -213,7 +213,7 @@ def _shell(account: Described, notes: list[str]) -> str:
 
 
 def _join_groups(restore: Restore, account: Described, here: str) -> list[str]:
-    """Adds the account to groups of persons. Groups of the system would give it rights that nobody granted."""
+    """Adds the account to groups of persons. Groups of the system would give rights that no administrator granted."""
     joined = []
     for group in restore.description.groups.values():
         if account.name not in group.members:

@@ -17,7 +17,7 @@ from sondrel_restore.web.site_data import Site
 _MOST_BYTES = 1_048_576
 _MOST_OF_TITLE = 200
 _TIME_LIMIT = 15.0
-# The agent sends no requests for patterns, nor for servers that have no name of a site.
+# The agent asks only for such names: not for patterns, nor for names without a dot, as default servers have.
 _CAN_BE_ASKED = re.compile(r"[a-z0-9-]+(\.[a-z0-9-]+)+")
 
 

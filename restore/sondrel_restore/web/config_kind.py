@@ -1,7 +1,7 @@
 """Kinds whose objects are configuration files of a server.
 
 `finish` puts all of them into effect together: it makes the links, runs the server's own check, reverts what the check
-rejects, and reloads the server. `apply` alone changes nothing for a server, because no link leads to its files yet.
+rejects, and reloads the server. No server reloads between `apply` and `finish`.
 """
 from __future__ import annotations
 

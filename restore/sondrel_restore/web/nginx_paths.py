@@ -21,7 +21,7 @@ _TO_THE_END = (".*", ".+", "[^/]*", "[^/]+")
 
 
 def leads_upwards(path: str, edges: Edges) -> bool:
-    """Whether a component of the path may become "..". `edges` has the groups whose values are the variables."""
+    """Whether a component of the path may become "..". `edges` are those of the groups that its variables stand for."""
     for part in _WHOLE.sub("/v", path).split("/"):
         variables = list(_VARIABLE.finditer(part))
         if part == ".." or any(_is_loose(part, variable, edges) for variable in variables):
