@@ -103,15 +103,18 @@ class MySqlDump:
     def _rows(self, insert: re.Match[bytes], line: bytes) -> Iterator[bytes]:
         table = unquoted(insert[1].decode("utf-8", "surrogateescape"))
         if insert[2] == b" ":
-            pieces = [line]
-            while not line.endswith(b"\n"):
-                line = self._lines.line()
-                if not line:
-                    break
-                pieces.append(line)
-            values = b"".join(pieces)
-            self.rows[table] = self.rows.get(table, 0) + len(_ROW.findall(values, insert.end() - 1))
-            yield from pieces
+            # All rows in one line; with the history of a versioned table, one row in each.
+            start = insert.end() - 1
+            while line:
+                pieces = [line]
+                while not pieces[-1].endswith(b"\n") and (more := self._lines.line()):
+                    pieces.append(more)
+                values = b"".join(pieces)
+                self.rows[table] = self.rows.get(table, 0) + len(_ROW.findall(values, start))
+                yield from pieces
+                if values.endswith(b";\n"):
+                    return
+                line, start = self._lines.line(), 0
             return
         yield line
         count, last = 0, b"\n"

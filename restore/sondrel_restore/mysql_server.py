@@ -101,8 +101,12 @@ class MySqlServer:
             (database, *_ENGINES))]
 
     def rows(self, database: str, tables: Iterable[str]) -> dict[str, int]:
-        """The number of rows by table, to compare with those of a dump."""
-        return {table: int(self.ask(f"SELECT COUNT(*) FROM {identifier(database)}.{identifier(table)}")[0][0])
+        """The number of rows by table, to compare with those of a dump: with the old rows of versioned tables."""
+        versioned = {row[0] for row in self.ask(
+            "SELECT table_name FROM information_schema.tables WHERE table_schema = %s AND"
+            " table_type = 'SYSTEM VERSIONED'", (database,))}
+        return {table: int(self.ask(f"SELECT COUNT(*) FROM {identifier(database)}.{identifier(table)}"
+                                    f"{' FOR SYSTEM_TIME ALL' if table in versioned else ''}")[0][0])
                 for table in tables}
 
     def fingerprint(self, database: str) -> str:

@@ -264,6 +264,20 @@ def test_renews_a_database_of_mariadb(session, mariadb):
     assert mysql_state(mariadb) == before
 
 
+def test_old_rows_of_a_versioned_table_move_and_count(session, mariadb):
+    mariadb.sql("""CREATE DATABASE shop; CREATE TABLE shop.prices (id INT PRIMARY KEY, v INT) WITH SYSTEM VERSIONING;
+        INSERT INTO shop.prices VALUES (1, 10), (2, 20), (3, 30); UPDATE shop.prices SET v = 11 WHERE id = 1;
+        DELETE FROM shop.prices WHERE id = 2""")
+    history = "SELECT id, v, row_start, row_end FROM shop.prices FOR SYSTEM_TIME ALL ORDER BY 1, 2"
+    before = told(mariadb, history)
+    server_dumps.dump_all(session)
+    mariadb.sql("DROP DATABASE shop")
+    session.run("apply", check=0)
+    assert told(mariadb, history) == before
+    assert "1 tables, 4 rows" in session.run("verify", check=0).stdout
+    session.run("undo", check=0)
+
+
 def test_completes_a_database_of_mariadb_after_a_kill(session, mariadb):
     mariadb.sql(PLAIN_MYSQL)
     databases = server_dumps.dump_all(session)
