@@ -14,14 +14,15 @@ class ExecCmd : public CmdLine {
   /// A run that ended with a status other than 0.
   static ErrorTag ExFailed;
 
-  /// `program` is searched in PATH; `args` begins with the name that it is to see.
+  /// `program` is searched in PATH. The first of `args` is the name that the program gets as
+  /// argv[0].
   explicit ExecCmd(std::string program, ArgList args = {})
       : CmdLine(std::move(args)), program_(std::move(program)) {}
 
   void setInput(const std::string& input) { input_ = input; }
   /// Adds or replaces an environment variable for the child.
   void setEnv(const std::string& name, const std::string& value) { environment_[name] = value; }
-  /// The account to run as; empty, as at first, means the present user.
+  /// The account to run as. Empty, the default, means the present user.
   void setRunAs(const std::string& account) { account_ = account; }
 
   /// Runs the program. Throws ExFailed for a non-zero status (-1: ended by a

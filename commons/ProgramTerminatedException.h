@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-/// What a run says on standard output when it was stopped by an operator.
+/// The text that a run prints on standard output when an operator stopped it.
 extern const char* const TERMINATION_TEXT;
 
 /// Raised when an operator asked for a stop. Not an ExTraceable: it is no failure,

@@ -8,11 +8,10 @@
 using DirVisitor = boost::function<bool(const boost::filesystem::path& local,
                                         const boost::filesystem::path& remote)>;
 
-/// Walks a local tree: the visitor sees the starting node first, then, in the order
-/// of the directory listing, what is in it. Symbolic links are followed, but for one that
-/// leads back to a directory above it: it is not visited, which the log says. A link that
-/// leads nowhere is visited as a file. Throws boost::filesystem::filesystem_error, and
-/// boost::bad_function_call for an empty visitor.
+/// Walks a local tree. The visitor gets the starting node first, then its entries in the order of
+/// the directory listing. Symbolic links are followed, except one that leads back to a directory
+/// above it: that one is not visited, and the log says so. A dangling link is visited as a file.
+/// Throws boost::filesystem::filesystem_error, and boost::bad_function_call for an empty visitor.
 void recursive_dir_walk_sync(const boost::filesystem::path& localDir,
                              const boost::filesystem::path& remoteDir, const DirVisitor& visitor);
 

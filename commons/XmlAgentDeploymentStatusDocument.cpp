@@ -3,8 +3,8 @@
 #include <boost/filesystem.hpp>
 
 XmlAgentDeploymentStatusDocument::XmlAgentDeploymentStatusDocument(const std::string& fileName) {
-  // The parser refuses a file without a byte. An agent that printed nothing left
-  // one, and "the document is empty" is what there is to say of it.
+  // The parser refuses a file of 0 bytes, which an agent that printed nothing leaves behind. For
+  // such a file initFileDoc reports the better error, "the document is empty".
   boost::system::error_code error;
   const bool empty = boost::filesystem::file_size(fileName, error) == 0 && !error;
   if (!empty) readFromFile(fileName.c_str());

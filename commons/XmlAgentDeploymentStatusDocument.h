@@ -4,13 +4,12 @@
 
 #include "commons/xml_wrap.h"
 
-/// What a freshly deployed agent says of itself: the root "agentstatus" with a child
-/// "statusfile". The program stores the document as it comes; this reader is for
-/// those who want to look into it.
+/// The status that a freshly deployed agent reports: the root "agentstatus" with a child
+/// "statusfile". This program stores the document unread; the class is for programs that read it.
 class XmlAgentDeploymentStatusDocument : public tXmlDtmDocument {
  public:
-  /// Loads the file and checks its root. Throws what readFromFile and initFileDoc
-  /// throw; a file without a byte is an empty document.
+  /// Loads the file and checks its root. Throws what readFromFile and initFileDoc throw; a file of
+  /// 0 bytes counts as a document without a root.
   explicit XmlAgentDeploymentStatusDocument(const std::string& fileName);
 
   /// The text of "statusfile". Throws tError_WrongContent.

@@ -21,7 +21,7 @@ enum SpecSlot { DESCRIPTION, ENTRY_POINT, DOCUMENT_TYPE, STYLESHEET, INTERPRETER
 const std::array<const char*, 5> SPEC_KEYS = {"Description", "EntryPoint", "DocumentType",
                                               "Stylesheet", "Interpreter"};
 
-/// The value that a line gives to `key`; a reference into `values`.
+/// The element of `values` for `key`. Throws ParseFailed for an unknown key.
 std::string& findSlot(Agent::SpecValues& values, const std::string& specPath,
                       const std::string& key) {
   for (std::size_t slot = 0; slot < SPEC_KEYS.size(); ++slot) {
@@ -79,7 +79,7 @@ Agent::Agent(const std::string& name, const fs::path& specPath)
 }
 
 Agent::Agent(const std::string& name, const std::string& specPath) : Agent(name, parse(specPath)) {
-  // Without a blank: log readers know this line as it is.
+  // No blank between: programs that read the log expect this line as it is.
   agentLog.info("Agent" + name_);
   logContents();
 }
@@ -111,8 +111,8 @@ bool AgentsFactory::parseAgent(const std::string& name, const fs::path& agentDir
   try {
     agents_.insert({agentDir.filename().string(), boost::make_shared<const Agent>(name, specPath)});
   } catch (const Exc<&Agent::ParseFailed>&) {
-    // The placeholder stands as it is, and the path follows without a separator:
-    // log readers know this line so.
+    // The literal "%1%" and the missing separator stay: programs that read the log expect this
+    // line.
     factoryLog.warn(std::string("%1% is not a valid agent spec file") + specPath.string());
     return false;
   }
@@ -122,7 +122,7 @@ bool AgentsFactory::parseAgent(const std::string& name, const fs::path& agentDir
 bool AgentsFactory::parseAgent(const std::string& name) {
   factoryLog.info("Parsing " + name);
   const fs::path agentDir = fs::path(files::agents::getDir()) / name;
-  // A name may be one that no file can have.
+  // The name may be impossible for a file, for example too long: no exception for that.
   boost::system::error_code unusable;
   return fs::is_directory(agentDir, unusable) && parseAgent(name, agentDir);
 }
@@ -138,14 +138,14 @@ const AgentsFactory::Agents& AgentsFactory::getAllAgents() {
 }
 
 boost::shared_ptr<const Agent> AgentsFactory::getAgent(const std::string& name) {
-  // A shell that completes the name of a directory puts a slash behind it.
+  // A shell that completes the name of a directory appends a slash.
   const std::string plainName = boost::trim_right_copy_if(name, boost::is_any_of("/"));
   auto found = agents_.find(plainName);
   if (found == agents_.end()) {
     if (!parseAgent(plainName)) throw Exc<&AgentNotFound>(HERE) % name;
     found = agents_.find(plainName);
   }
-  // An agent name with a trailing "/." is a directory whose own name is another.
+  // An agent "a/." is stored under the last part of its path, ".", and not under its name.
   if (found == agents_.end()) throw Exc<&AgentNotFound>(HERE) % name;
   return found->second;
 }

@@ -8,7 +8,7 @@
 
 #include "commons/exceptions.h"
 
-/// A migration agent as its spec file describes it. Never changes.
+/// A migration agent as its spec file describes it. Immutable.
 class Agent {
  public:
   /// A spec line without a colon, or with an unknown key.
@@ -18,7 +18,7 @@ class Agent {
   /// Interpreter. What the file does not name is empty.
   using SpecValues = std::array<std::string, 5>;
 
-  /// Reads a spec file; one that cannot be opened has no values. Throws ParseFailed.
+  /// Reads a spec file; a file that cannot be opened gives no values. Throws ParseFailed.
   static SpecValues parse(const std::string& specPath);
 
   Agent(const std::string& name, const boost::filesystem::path& specPath);
@@ -65,7 +65,7 @@ class AgentsFactory {
   /// Throws boost::filesystem::filesystem_error when the agents directory cannot be
   /// listed.
   const Agents& getAllAgents();
-  /// The agent, loaded when it is asked for first; slashes behind the name do not matter.
+  /// The agent, loaded by the first call that names it; slashes at the end of `name` are ignored.
   /// Throws AgentNotFound; failures are not remembered.
   boost::shared_ptr<const Agent> getAgent(const std::string& name);
 

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// mkstemp gives this one.
+/// The mode of a file that mkstemp has made.
 constexpr mode_t PRIVATE_MODE = 0600;
 
 FileAccess ofServiceAccount() {
@@ -82,13 +82,14 @@ bool AtomicReplacement::moveOverTarget() const {
   if (durability_ == Durability::CRASH_SAFE) return std::rename(from, to) == 0;
   if (exchange()) {
     if (unlink(from) == 0) return true;
-    // A directory, which a rename would not have moved away either.
+    // The target is a directory, which unlink cannot remove. Undo the exchange: a plain rename
+    // would not have replaced the directory either.
     const int error = errno;
     exchange();
     errno = error;
     return false;
   }
-  // There is no target yet, or the file system knows nothing of exchanges.
+  // There is no target yet, or the file system does not support exchanges.
   const bool mayRename = errno == ENOENT || errno == EINVAL || errno == ENOSYS;
   return mayRename && std::rename(from, to) == 0;
 }

@@ -17,7 +17,7 @@ enum class Durability {
   CHEAP
 };
 
-/// Whom a replaced file belongs to, and who may use it.
+/// Owner, group and mode of the new file.
 struct FileAccess {
   uid_t user;
   gid_t group;
@@ -39,8 +39,8 @@ class AtomicReplacement {
   /// Creates the temporary file, for the service account alone. Throws CantCreateTempFile.
   explicit AtomicReplacement(const std::string& target,
                              Durability durability = Durability::CRASH_SAFE);
-  /// The same, CRASH_SAFE, for a file of another owner and mode. The name of the temporary file
-  /// is `prefix` and six characters.
+  /// The same, CRASH_SAFE, for a file of another owner and mode. The name of the temporary file is
+  /// `prefix` and six random characters.
   AtomicReplacement(const std::string& target, const std::string& prefix, const FileAccess& access);
   ~AtomicReplacement();
   AtomicReplacement(const AtomicReplacement&) = delete;

@@ -47,7 +47,7 @@ std::string countMd5Sum(std::istream& in, const std::function<void()>& betweenBl
   std::array<char, BLOCK_BYTES> block;
   do {
     in.read(block.data(), block.size());
-    // A stream that was never opened has failed without having come to an end.
+    // A stream that was never opened has failed without reaching an end.
     if (in.bad() || (in.fail() && !in.eof())) throw Exc<&StreamRead>(HERE);
     md5.add(block.data(), static_cast<std::size_t>(in.gcount()));
     if (betweenBlocks) betweenBlocks();

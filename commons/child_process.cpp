@@ -27,6 +27,6 @@ std::vector<char*> pointersTo(const ArgList& args) {
 
 void closeDescriptorsFrom(int first) {
   if (close_range(static_cast<unsigned>(first), ~0U, 0) == 0) return;
-  // A kernel or a filter of system calls that does not know it.
+  // The kernel, or a filter of system calls, does not support close_range.
   for (int fd = first; fd < getdtablesize(); ++fd) close(fd);
 }

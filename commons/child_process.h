@@ -5,9 +5,9 @@
 #include "commons/cmd_line.h"
 #include "commons/unique_fd.h"
 
-/// What every start of a program needs. What its streams are, which signals it gets and as which
-/// account it runs is decided by the functions that start one: forkexec.h for a program that is
-/// fed and read to its end, migrate/sondrel_run.h for sondrel.
+/// Helpers for every start of a program. The functions that start one choose its streams, signals
+/// and account: forkexec.h for a program that gets an input and whose output is read to its end,
+/// migrate/sondrel_run.h for sondrel.
 
 struct Pipe {
   UniqueFd readEnd;

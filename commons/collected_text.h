@@ -5,19 +5,19 @@
 
 #include "commons/unbuffered_streambuf.h"
 
-/// Keeps what a remote command writes, but no more than a limit: another host must not
-/// decide how much memory this one has left.
+/// Keeps what a remote command writes, up to a limit: another host must not use up the memory of
+/// this one.
 class CollectedText : public std::ostream {
  public:
-  /// What becomes of the bytes behind the limit.
+  /// What happens to the bytes beyond the limit.
   enum Excess {
-    /// They are left out, and `str` says how many.
+    /// They are left out; `str` says how many.
     LEAVE_OUT,
     /// The stream fails.
     REFUSE
   };
 
-  /// Enough for whatever a command has to complain about.
+  /// Enough for the error output of any command.
   static constexpr std::size_t DEFAULT_LIMIT = std::size_t{4} << 20;
 
   explicit CollectedText(std::size_t limit = DEFAULT_LIMIT, Excess excess = LEAVE_OUT);

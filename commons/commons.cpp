@@ -92,7 +92,7 @@ int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
     return errno == EEXIST && stat(path.c_str(), &status) == 0 ? 0 : -1;
   }
   if (syncDirectoryOf(path) && chown(path.c_str(), owner, group) == 0) return 0;
-  // Left in place it would be taken for good by the next run.
+  // If it stayed, the next run would use it although its owner or its entry on the disk is wrong.
   const int error = errno;
   rmdir(path.c_str());
   errno = error;

@@ -31,10 +31,10 @@ std::uint64_t getFreeSpace(const std::string& path);
 /// followed. `flag` is not used.
 bool check_input_file(const char* path, bool flag = false);
 
-/// Creates the directory `path` and every missing parent, each with this owner, group
-/// and mode (less the process's umask). Whatever exists already, directory or not,
-/// stays as it is. 0 on success, else non-zero with errno; a directory that could not be
-/// given to the owner does not stay.
+/// Creates the directory `path` and every missing parent, each with this owner, group and mode
+/// (less the process's umask). Existing files and directories are not changed. 0 on success, else
+/// non-zero with errno; a new directory that could not be synced or given to its owner is removed
+/// again.
 int make_dir(const std::string& path, uid_t owner, gid_t group, mode_t mode);
 
 /// The text after the last "/", or all of `path` when there is none.
@@ -43,20 +43,21 @@ std::string getFileNameFromPath(const std::string& path);
 /// The text before the last "/", or nothing when there is none.
 std::string getPath(const std::string& path);
 
-/// The directory in which `path` lies, as a name that can be used as one.
+/// The directory of `path`, in a form that system calls accept: "." for a bare name, "/" for an
+/// entry of the root directory.
 std::string getDirectoryOf(const std::string& path);
 
-/// Puts the entry `path` of its directory on the disk: a new directory's content is safe
-/// only when its own entry is. False with errno.
+/// Syncs the directory of `path`: the content of a new directory survives a crash only if its own
+/// entry does. False with errno.
 bool syncDirectoryOf(const std::string& path);
 
-/// The user and group that own what other programs are to read. 0 and 0 where the
-/// account does not exist.
+/// The user and group that own the files which other programs read. 0 and 0 where the account does
+/// not exist.
 struct ServiceAccount {
   uid_t user;
   gid_t group;
 };
 
-/// The service account "qrvadm", looked up once per process: every save of a
-/// status document asks.
+/// The service account "qrvadm". Looked up once per process, because every save of a status
+/// document needs it.
 const ServiceAccount& serviceAccount();

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// The second range are the controls that some terminals obey as they do those of ASCII.
+/// The second range has more control characters, which some terminals obey like those of ASCII.
 bool isControl(unsigned int code) {
   return (code < 0x20 && code != '\n' && code != '\t') || (code >= 0x7F && code <= 0x9F);
 }

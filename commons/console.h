@@ -5,12 +5,12 @@
 
 #include "commons/unbuffered_streambuf.h"
 
-/// `text` as it may be shown on a terminal: control characters, but for line ends and
-/// tabs, and bytes that are not UTF-8 become "\x" and two hexadecimal digits.
+/// `text` in a form that is safe on a terminal: control characters except line ends and tabs, and
+/// bytes that are not UTF-8, become "\x" and two hexadecimal digits.
 std::string escapeForTerminal(const std::string& text);
 
-/// Writes all of `text`, if the system takes it: a reader that went away is no reason to
-/// stop. Waits for a terminal that is stopped.
+/// Writes all of `text`; waits while the terminal is stopped. Errors are ignored: a reader that has
+/// gone must not stop the run.
 void writeAll(int descriptor, const std::string& text);
 
 class ProgressLine;
@@ -20,16 +20,15 @@ class ProgressLine;
 /// shows them. Other streams stay as they are, byte for byte.
 class TerminalGuard {
  public:
-  /// `stream` must outlive the guard, and so must `line`: the line of that terminal, which
-  /// makes way for each text, or null.
+  /// `line` is the progress line of that terminal, which is erased before each text; may be null.
+  /// `stream` and `line` must outlive the guard.
   TerminalGuard(std::ostream& stream, int descriptor, ProgressLine* line = nullptr);
   ~TerminalGuard();
   TerminalGuard(const TerminalGuard&) = delete;
   TerminalGuard& operator=(const TerminalGuard&) = delete;
 
  private:
-  /// Each write stands for itself: a character that comes in two of them is shown as
-  /// bytes.
+  /// Each write is escaped by itself: a character that is split over two writes is shown as bytes.
   class EscapingBuf : public UnbufferedStreamBuf {
    public:
     EscapingBuf(std::streambuf* target, ProgressLine* line) : target_(target), line_(line) {}

@@ -30,7 +30,7 @@ bool isRegularFile(const UniqueFd& fd) {
   return fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-/// 0, or the error number that says why root must not write into what was opened.
+/// 0, or the error number that says why root must not write into the opened file.
 int refusalToWrite(const UniqueFd& fd) {
   struct stat status;
   if (fstat(fd.get(), &status) != 0) return errno;
@@ -95,7 +95,7 @@ UniqueFd ContentDirectory::openOrMakeDirectory(int parent, const std::string& na
   if (!directory) throwSystemError(name, errno);
   if (made && (fchown(directory.get(), owner_, group_) != 0 || !syncDirectory(parent))) {
     const int error = errno;
-    // Left in place it would be taken for good by the next run.
+    // If it stayed, the next run would use it although its owner or its entry on the disk is wrong.
     unlinkat(parent, name.c_str(), AT_REMOVEDIR);
     throwSystemError(name, error);
   }

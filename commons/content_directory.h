@@ -18,18 +18,18 @@ class ContentDirectory {
   /// New directories get this owner and group and mode 0755.
   ContentDirectory(std::string path, uid_t owner, gid_t group);
 
-  /// Opens the file `name` for writing, with its missing directories made; a new file gets
-  /// mode 0644, and what an older one holds is replaced as OutputFile says. One that has another
-  /// name as well is refused, since what it holds is not this directory's alone. Throws
-  /// SystemError, naming the part that failed.
+  /// Opens the file `name` for writing and makes its missing directories. A new file gets mode
+  /// 0644; the content of an existing one is replaced as OutputFile says. A file with several hard
+  /// links is refused: another name of it may be outside of this directory. Throws SystemError,
+  /// naming the part of the path that failed.
   OutputFile create(const std::string& name) const;
 
-  /// True when `name` leads to that very file: what was written may have been removed
-  /// or moved since it was created.
+  /// True when `name` still leads to the file `written`: that may have been removed or moved since
+  /// it was created.
   bool isInPlace(const std::string& name, const FileIdentity& written) const;
 
-  /// Opens the file `name` for reading; no descriptor when it is not there, is no
-  /// regular file or lies behind a symbolic link.
+  /// Opens the file `name` for reading. No descriptor when the file does not exist, is no regular
+  /// file or is behind a symbolic link.
   UniqueFd openExisting(const std::string& name) const;
 
   std::string pathOf(const std::string& name) const { return path_ + "/" + name; }

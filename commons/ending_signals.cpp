@@ -61,7 +61,7 @@ EndingSignals::~EndingSignals() {
   // The counter is 0, so this write cannot block.
   [[maybe_unused]] const ssize_t written = write(over_.get(), &once, sizeof once);
   thread_.join();
-  // One that has arrived since ends the process here.
+  // A signal that has arrived since then ends the process here.
   pthread_sigmask(SIG_SETMASK, &originalMask_, nullptr);
 }
 

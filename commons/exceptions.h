@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <string>
 
-/// The model in which every failure travels: a code, a unique id, a message, the
-/// place where it was raised and, if something else caused it, that exception.
+/// The form of every error of this program: a code, a unique id, a message, the place where it was
+/// raised and, if another exception caused it, that exception.
 
 /// Can make a copy of itself that outlives the handler that caught it.
 class Cloneable {
@@ -27,7 +27,7 @@ class ExInfoVisitor {
   virtual void setContext(const std::string& context) = 0;
   virtual void setFile(const std::string& file) = 0;
   virtual void setLine(int line) = 0;
-  /// What follows belongs to the exception that caused the present one.
+  /// The calls that follow describe the exception that caused the present one.
   virtual void advanceToInnerException() = 0;
   virtual void setSeverity(int /*severity*/) {}
 };
@@ -49,10 +49,9 @@ class ExTraceable : public Cloneable, public ExVisitable, public std::runtime_er
   ExTraceable* clone() const override { return new ExTraceable(*this); }
   void accept(ExInfoVisitor& visitor) const override;
 
-  /// The message with its arguments. A message with an unbound placeholder cannot
-  /// be rendered; that is a bug of the raising site, and since nothing may leave
-  /// here it ends the process, after the code and the raw message format went to
-  /// standard error.
+  /// The message with its arguments. A message with an unbound placeholder cannot be rendered,
+  /// which is a bug at the place that raised it. Since no exception may leave this function, the
+  /// process then ends, after it has written the code and the raw message format to standard error.
   const char* what() const noexcept override;
 
   const std::string& code() const { return code_; }
@@ -91,8 +90,8 @@ class ExTaggedIncludable : public ExTraceable {
   std::shared_ptr<const ExTraceable> inner_;
 };
 
-/// A tag is one kind of error: a function that is declared and
-/// never defined, whose address makes a type of its own of Exc<&Tag>.
+/// A tag is one kind of error: a function that is declared and never defined. Its address makes
+/// Exc<&Tag> a type of its own.
 using ErrorTag = void();
 
 /// The code and the message format of a tag; made by DESCRIBE_ERROR_TAG.
@@ -181,8 +180,8 @@ class TextMsgFormatter : public ExInfoVisitor {
   void setSeverity(int severity) override { severity_ = severity; }
   void advanceToInnerException() override;
 
-  /// All blocks, without a line end after the last. To be called once, after the
-  /// exception has accepted this visitor.
+  /// All blocks, without a line end after the last. Must be called once, after the exception has
+  /// accepted this visitor.
   std::string finish();
 
  private:

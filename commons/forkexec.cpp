@@ -23,8 +23,7 @@ namespace {
 
 constexpr std::size_t READ_CHUNK_BYTES = 4096;
 
-/// A pipe, or two closed ends when there is none: the child then fails on them and
-/// says so.
+/// A pipe, or two closed ends when none can be made: the child then fails on them and reports that.
 Pipe openPipe() {
   Pipe pipe = makePipe();
   if (!pipe.readEnd) {
@@ -73,7 +72,7 @@ void readToString(UniqueFd& fd, std::string& text) {
   }
 }
 
-/// The descriptors that one turn of the pump waits for.
+/// The descriptors that one round of pumpPipes waits for.
 class SelectSet {
  public:
   SelectSet() { FD_ZERO(&set_); }
@@ -94,8 +93,8 @@ class SelectSet {
   int largest_ = -1;
 };
 
-/// Serves all three pipes until each is closed, so that a child that talks before
-/// it has listened to everything blocks neither side.
+/// Serves all three pipes until each is closed. So a child that writes much before it has read all
+/// its input blocks neither side.
 void pumpPipes(UniqueFd& in, std::string& input, UniqueFd& out, std::string& output, UniqueFd& err,
                std::string& errorOutput) {
   while (in || out || err) {
@@ -131,8 +130,8 @@ void dup2Custom(int from, int to) {
 }
 
 void wireStandardStreams(int in, int out, int err) {
-  // Out of the way of 0, 1 and 2 first, which may be among them when this process
-  // was started with closed standard streams.
+  // First move them away from 0, 1 and 2: they may have such a number when this process was started
+  // with closed standard streams.
   const int safeIn = fcntl(in, F_DUPFD, 3);
   const int safeOut = fcntl(out, F_DUPFD, 3);
   const int safeErr = fcntl(err, F_DUPFD, 3);
@@ -174,8 +173,8 @@ void extendEnvironment(const Environment& environment) {
 void execute(const std::string& program, const ArgList& args) {
   execvp(program.c_str(), pointersTo(args).data());
   messlog2(std::string("forkExecvPipes: execv() failed: ") + std::strerror(errno) + "\n");
-  // What callers have always seen of a program that cannot be executed; the reason
-  // is in the system log.
+  // Callers rely on this text for a program that cannot be executed. The real reason is in the
+  // system log.
   throwSystemError("forkExecvGetOutErr: select() failed", EBADF);
 }
 
@@ -191,11 +190,10 @@ void execute(const std::string& program, const ArgList& args) {
     execute(program, args);
   } catch (const std::exception& e) {
     const std::string report = std::string("Uncaught std::exception: ") + e.what() + "\n";
-    // No process is left that could read an error text; the exit status says it.
+    // A failure of this write cannot be reported; the exit status shows that the start failed.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, report.data(), report.size());
   }
-  // Not exit: this is a copy of the parent, and its buffers are not the child's to
-  // flush.
+  // _exit, not exit: the child is a copy of the parent and must not flush the parent's buffers.
   _exit(EXIT_FAILURE);
 }
 
@@ -218,8 +216,8 @@ int forkExecvGetInOutErrSuidEnv(std::string input, std::string& output, std::str
   try {
     pumpPipes(in.writeEnd, input, out.readEnd, output, err.readEnd, errorOutput);
   } catch (const SystemError&) {
-    // Cut off from its input or its readers, the child must not go on as if all were
-    // well, nor stay as a zombie.
+    // The child has lost its input or its readers. It must not go on as if all were well, nor stay
+    // as a zombie.
     kill(child, SIGKILL);
     waitForExitCode(child);
     throw;

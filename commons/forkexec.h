@@ -9,14 +9,14 @@
 
 using Environment = std::map<std::string, std::string>;
 
-/// Runs `program` (searched in PATH) with `args`, of which the first is the
-/// program's name as it sees it, feeds it `input` and collects its output and error
-/// output. With `account` named and known, runs as that account; `environment` is
-/// added to the environment of this process.
+/// Runs `program` (searched in PATH) with `args`, feeds it `input` and collects its output and
+/// error output. The first of `args` is the name that the program gets as argv[0]. If `account` is
+/// the name of an existing account, the program runs as that account. `environment` is added to the
+/// environment of this process.
 ///
-/// Returns the exit code, or -1 when the child was ended by a signal or could not
-/// be waited for. Throws SystemError when a system call fails; the child is ended then. SIGPIPE
-/// must be ignored by the caller: a child may end before it has read all its input.
+/// Returns the exit code, or -1 when a signal ended the child or it could not be waited for. Throws
+/// SystemError when a system call fails; the child is killed then. The caller must ignore SIGPIPE:
+/// a child may end before it has read all its input.
 int forkExecvGetInOutErrSuidEnv(std::string input, std::string& output, std::string& errorOutput,
                                 const std::string& program, const ArgList& args,
                                 const std::string& account, const Environment& environment);

@@ -98,8 +98,8 @@ void XmlMigrationStatus::saveFile() {
   saveOftenAtomically(theSession->getStatusFileName());
 }
 
-/// The root's own attributes stay: they keep the deployment's figures in sight when
-/// the state changes.
+/// The attributes of the root stay, so that readers still see the numbers of the deployment after
+/// the state has changed.
 void XmlMigrationStatus::removeRootChildren() {
   for (XmlNodeRef child : root().children()) child.remove();
 }

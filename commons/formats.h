@@ -7,8 +7,8 @@
 
 #include "commons/xml_wrap.h"
 
-/// How far a migration step is, for the callers that poll it. The setters only
-/// note; `saveFile` publishes. Numbers are decimal text.
+/// The progress of a migration step, for callers that poll it. The setters only change this object;
+/// `saveFile` writes the document. Numbers are decimal text.
 class MigrationStatus {
  public:
   enum agentOperation { DEPLOY_AGENT = 0, WAIT_FOR_AGENT = 1 };
@@ -23,8 +23,8 @@ class MigrationStatus {
   virtual void setTransferTotals(const std::string& files, const std::string& size) = 0;
   virtual void setTransferFilesLeft(const std::string& files) = 0;
   virtual void setTransferSizeLeft(const std::string& size) = 0;
-  /// The bytes that are listed for the transfer, and those of them that are still to come, for
-  /// readers who asked for them; a document need not have them.
+  /// The bytes that the content list gives in total, and those of them that have not arrived yet.
+  /// Only for readers who asked for them; an implementation may ignore them.
   virtual void setListedSizes(const std::string& /*total*/, const std::string& /*left*/) {}
   virtual void setCurrentFile(const std::string& name, const std::string& size) = 0;
   virtual void setTransferCurrentFileSizeLeft(const std::string& size) = 0;
@@ -109,8 +109,8 @@ struct DumpFile {
 class AgentFileList {
  public:
   virtual ~AgentFileList() = default;
-  /// Bytes to fetch, as the agent says; 0 when it does not say. Throws
-  /// boost::bad_lexical_cast for what is no number.
+  /// Bytes to fetch, as the agent says; 0 when it does not say. Throws boost::bad_lexical_cast for
+  /// a value that is no number.
   virtual std::int64_t getTotalSize() const = 0;
   /// Bytes that the content needs on the destination; otherwise as getTotalSize.
   virtual std::int64_t getUnpackedSize() const = 0;

@@ -22,8 +22,8 @@ std::string formatBytes(std::int64_t bytes) {
   if (bytes < 1000) return std::to_string(bytes) + " B";
   std::size_t unit = 1;
   std::int64_t unitBytes = 1000;
-  // What would be shown as 1000.0 belongs to the next unit. In whole numbers, for not
-  // every processor takes 999.95 for the same.
+  // A size that would be shown as 1000.0 takes the next unit. Compared in whole numbers, because
+  // 999.95 is not the same floating-point number on every processor.
   while (bytes >= unitBytes / 20 * 19999 && unit + 1 < UNITS.size()) {
     unitBytes *= 1000;
     ++unit;

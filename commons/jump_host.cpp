@@ -6,7 +6,7 @@ namespace {
 
 constexpr long LARGEST_PORT = 65535;
 
-/// Such text is one word for ssh and for its configuration, and no option.
+/// True when ssh and its configuration take `text` as one word, and not as an option.
 bool isPlainWord(const std::string& text) {
   constexpr const char* FORBIDDEN = "\"'`\\$;&<>|(){}*?!%,";
   return !text.empty() && text.front() != '-' &&
@@ -15,7 +15,7 @@ bool isPlainWord(const std::string& text) {
                      [](unsigned char byte) { return byte > ' ' && byte < 0x7f; });
 }
 
-/// 0 for what is no port.
+/// The port number in `text`; 0 when it is none.
 std::uint16_t portIn(const std::string& text) {
   constexpr std::size_t MOST_DIGITS = 5;
   if (text.empty() || text.size() > MOST_DIGITS) return 0;

@@ -4,15 +4,15 @@
 #include <optional>
 #include <string>
 
-/// A host that the way to another one leads through.
+/// A jump host: the connection to another host goes through it.
 struct JumpHost {
-  /// Empty for the one that ssh chooses.
+  /// Empty: ssh chooses the login.
   std::string login;
   std::string host;
-  /// 0 for the one that ssh chooses.
+  /// 0: ssh chooses the port.
   std::uint16_t port = 0;
 };
 
-/// Reads "[login@]host[:port]", where an address with colons is in brackets; nothing when `text` is
-/// not that, or could be taken for an option of ssh.
+/// Parses "[login@]host[:port]", where an address with colons is in brackets. Nothing when `text`
+/// has another form, or when ssh could take a part of it for an option.
 std::optional<JumpHost> parseJumpHost(const std::string& text);

@@ -23,7 +23,7 @@ void libxmlErrorHandler(void* context, const char* format, ...) {
   va_list measured;
   va_start(measured, format);
   va_list formatted;
-  // The first pass uses its list up.
+  // The first vsnprintf uses up its list.
   va_copy(formatted, measured);
   const int length = std::vsnprintf(nullptr, 0, format, measured);
   va_end(measured);

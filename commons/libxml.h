@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-/// The XML library as the files of commons use it; for them alone.
+/// Helpers for libxml2. Only files of commons may include this header.
 
 /// Frees text that libxml2 returned.
 void dtmFreeXmlChar(xmlChar* text) noexcept;
@@ -28,9 +28,9 @@ inline std::string fromXmlChar(const xmlChar* text) {
 /// True when the value exists and is not empty.
 bool is_xml_attr_set(const XmlText& value);
 
-/// While it lives, libxml2's complaints are collected here instead of being printed
-/// to standard error. The former error function comes back afterwards: the library
-/// keeps the pointer, and it must not point to a text that is gone.
+/// While it lives, libxml2's messages are collected here instead of being printed to standard
+/// error. The destructor restores the former error function: libxml2 keeps the pointer to the text,
+/// which must not be used afterwards.
 class LibxmlErrorCollector {
  public:
   LibxmlErrorCollector();
@@ -38,7 +38,7 @@ class LibxmlErrorCollector {
   LibxmlErrorCollector(const LibxmlErrorCollector&) = delete;
   LibxmlErrorCollector& operator=(const LibxmlErrorCollector&) = delete;
 
-  /// Everything so far, in the order of the complaints.
+  /// All messages so far, in order.
   const std::string& text() const { return text_; }
 
  private:

@@ -47,8 +47,8 @@ class EnvironmentVariableGuard {
 
 void configureLog4Cpp() {
   const std::string propertiesFile = files::getDtmLogConfigFileName();
-  // The library has no map of variables but looks into the environment first.
-  // Substituting the path in the text would let a line feed in it inject properties.
+  // log4cpp reads variables from the environment. Putting the path into the text of the file
+  // instead would let a line feed in the path add properties.
   const EnvironmentVariableGuard variable(LOG_FILE_VARIABLE, theSession->getLogFileName());
   const UmaskGuard mask(LOG_UMASK);
   try {
@@ -112,7 +112,7 @@ void XmlMsgFormatter::setCode(const std::string& code) {
 }
 
 void XmlMsgFormatter::setId(const std::string& id) {
-  // The id's own terminating zero byte has no place in XML.
+  // The id ends with a zero byte (see newUUID), which XML cannot hold.
   document_.addAttribute(element_, "id", id.substr(0, id.find('\0')));
 }
 

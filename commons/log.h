@@ -20,10 +20,10 @@ class Log {
   virtual ~Log() = default;
   virtual void setSuccess(bool success) = 0;
   virtual void log(const ExTraceable& error) = 0;
-  /// What is logged until the matching popObject concerns this object.
+  /// Errors that are logged before the matching popObject belong to this object.
   virtual void pushObject(const std::string& name, const std::string& type) = 0;
-  /// Leaves the object. One in which nothing went wrong leaves no trace. Throws
-  /// NoParentNode when none is open.
+  /// Leaves the object. An object without errors does not appear in the log. Throws NoParentNode
+  /// when none is open.
   virtual void popObject() = 0;
   /// The number of open elements, the root included.
   virtual std::size_t getDepth() const = 0;
@@ -94,7 +94,7 @@ class Log4cppDebugLog : public DebugLog {
   void log(const std::string& text) override;
   void log(const boost::format& text) override;
   void log(const ExTraceable& error) override;
-  // The names are crossed; callers rely on what each answers.
+  // The names do not match the members; callers rely on these results.
   bool isVerboseMode() const override { return debug_ && !verbose_; }
   bool isDebugMode() const override { return verbose_; }
 
@@ -107,7 +107,7 @@ class Log4cppDebugLog : public DebugLog {
 extern Log* theLog;
 extern DebugLog* theDebugLog;
 
-/// Makes theLog; when destroyed, takes it away, which writes the result file.
+/// Creates theLog. The destructor deletes it, which writes the result file.
 class LogLifetimeController {
  public:
   explicit LogLifetimeController(const std::string& name);
@@ -116,7 +116,7 @@ class LogLifetimeController {
   LogLifetimeController& operator=(const LogLifetimeController&) = delete;
 };
 
-/// Configures logging and makes theDebugLog; takes it away when destroyed.
+/// Configures logging and creates theDebugLog; the destructor deletes it.
 class DebugLogLifetimeController {
  public:
   DebugLogLifetimeController(bool debug, bool verbose);
@@ -125,10 +125,10 @@ class DebugLogLifetimeController {
   DebugLogLifetimeController& operator=(const DebugLogLifetimeController&) = delete;
 };
 
-/// Configures log4cpp from the product's properties file, once per process; in that
-/// file ${LOG_FILE_NAME} is the session's log. Without `verbose` the root category
-/// loses its appender "A2". theSession must exist. A missing or broken file goes to
-/// the system log, and the run goes on without appenders.
+/// Configures log4cpp from the product's properties file, once per process; in that file
+/// ${LOG_FILE_NAME} is the session's log. Without `verbose` the root category loses its appender
+/// "A2". theSession must exist. A missing or broken file is reported to the system log, and the run
+/// goes on without appenders.
 void initializeLog4Cpp(bool verbose);
 
 /// Writes the start record of a run to the debug log and, when destroyed, the end
@@ -141,7 +141,7 @@ class StartStopLogger {
   StartStopLogger& operator=(const StartStopLogger&) = delete;
 
   void setExitCode(int code) { exitCode_ = code; }
-  /// To run in the child after this process detached itself as a daemon.
+  /// Must be called in the child after this process has detached itself as a daemon.
   void daemonized();
 
  private:

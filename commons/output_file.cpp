@@ -16,9 +16,9 @@ namespace {
 
 log4cpp::Category& outputLog = log4cpp::Category::getInstance("k.OutputFile");
 
-/// How much a disk is given to write at a time, while more comes in.
+/// How many bytes are sent to the disk at a time while more arrive.
 constexpr off_t WRITE_OUT_BYTES = 8 << 20;
-/// A smaller file is written sooner than a thread is started.
+/// To write a smaller file takes less time than to start a thread.
 constexpr off_t WRITE_BEHIND_FROM_BYTES = 1 << 20;
 
 }  // namespace
@@ -78,7 +78,7 @@ std::streamsize FdStreamBuf::writeNow(const char* bytes, std::streamsize size) {
   return done;
 }
 
-/// Only begins to: what fails shows when the file is synced.
+/// Only starts the transfer to the disk; an error shows when the file is synced.
 void FdStreamBuf::writeOut() {
   sync_file_range(fd_, writtenOut_, written_ - writtenOut_, SYNC_FILE_RANGE_WRITE);
   writtenOut_ = written_;
@@ -130,7 +130,7 @@ bool OutputFile::noteFailure() {
 }
 
 bool OutputFile::close() {
-  // Nothing is written any more when the descriptor goes.
+  // The second thread must have finished before the descriptor is closed.
   const bool isWritten = buffer_.pubsync() == 0;
   const bool complete = file_ && stream_.good() && isWritten && buffer_.discardOldContent();
   if (file_.close() != 0) return noteFailure();
@@ -139,7 +139,7 @@ bool OutputFile::close() {
 
 bool OutputFile::syncAndClose() {
   if (!buffer_.discardOldContent()) return false;
-  // EINVAL: nothing on the way to a disk, as with a device.
+  // EINVAL: the file cannot be synced, as for example a device.
   if (file_ && fdatasync(file_.get()) != 0 && errno != EINVAL) return noteFailure();
   if (!close()) return false;
   if (directory_ && !syncDirectory(directory_.get())) return noteFailure();

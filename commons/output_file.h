@@ -19,8 +19,8 @@ class FdStreamBuf : public UnbufferedStreamBuf {
   /// Where the bytes go. The descriptor stays the caller's.
   enum Kind {
     PLAIN,
-    /// A file that will be synced: it is on its way to the disk while more is written.
-    /// The first write, or `discardOldContent` if there is none, truncates it.
+    /// A file that is synced at its end: parts of it are sent to the disk while more is written.
+    /// The first write truncates it, or `discardOldContent` if there is none.
     CONTENT
   };
   explicit FdStreamBuf(int fd, Kind kind = PLAIN)
@@ -29,10 +29,11 @@ class FdStreamBuf : public UnbufferedStreamBuf {
   /// enough. A failed write is reported by a later write, by `pubsync` or by `discardOldContent`;
   /// the sum must not be used before one of the last two.
   void writeBehind() { isBehindWanted_ = true; }
-  /// False when what the file held could not be truncated, or what was taken could not be written.
+  /// Truncates the file if nothing has been written yet. False when that failed, or when earlier
+  /// bytes could not be written.
   bool discardOldContent();
-  /// From now on counts what was written; `sum` must outlive the buffer, or the next
-  /// call, which may give null.
+  /// From now on adds every written byte to `sum`, which must outlive the buffer or be replaced by
+  /// the next call; null for none.
   void setSum(Md5Sum* sum) { sum_ = sum; }
   /// errno of the first write that failed, else 0.
   int error() const { return error_; }
@@ -55,24 +56,25 @@ class FdStreamBuf : public UnbufferedStreamBuf {
   int error_ = 0;
   Md5Sum* sum_ = nullptr;
   bool isBehindWanted_ = false;
-  /// Null before enough has come. While it is at work the members above are its thread's.
+  /// Null until enough bytes were written. While its thread works the members above belong to that
+  /// thread.
   std::unique_ptr<WriteBehind> behind_;
 };
 
-/// Which file it is, whatever its name.
+/// Identifies a file independently of its names.
 struct FileIdentity {
   dev_t device;
   ino_t inode;
 };
 
-/// Puts many files on the disk at once: cheaper than one after the other.
+/// Syncs many files at once, which is cheaper than one by one.
 class FileSystemSync {
  public:
-  /// Must be called before the first byte is written to the file, whose descriptor is copied: the
-  /// system reports a failure only to descriptors that were open before it. Throws SystemError.
+  /// Copies the descriptor. Must be called before the first byte is written to the file: the kernel
+  /// reports a write error only to descriptors that were open before it. Throws SystemError.
   void add(int descriptor);
-  /// Puts on the disk all that was written to the files' file systems, their directories included.
-  /// False with errno when a file may not be there.
+  /// Syncs the file systems of the files, directories included. False with errno when a file may
+  /// not be on the disk.
   bool sync();
 
  private:
@@ -85,16 +87,16 @@ class FileSystemSync {
 
 /// A local file that is being written.
 ///
-/// Opening may fail; the stream is then in a bad state from the start and every
-/// write to it fails. What was written is certain only after `close` or
-/// `syncAndClose` returned true; the destructor closes without asking.
+/// Opening may fail; the stream is then in a bad state from the start and every write to it fails.
+/// What was written is certain only after `close` or `syncAndClose` returned true; the destructor
+/// closes the file and ignores errors.
 class OutputFile {
  public:
   /// Creates or truncates `path`; a new file gets mode 0666 less the umask.
   explicit OutputFile(const std::string& path);
-  /// Takes over a file that the caller opened in `directory`. `path` is for messages. What
-  /// the file holds is kept until the first byte comes, or until it is closed without
-  /// one: an attempt that brings nothing destroys nothing.
+  /// Takes over a file that the caller opened in `directory`. `path` is for messages. The old
+  /// content is kept until the first byte is written, or until the file is closed without one. So
+  /// an attempt that fails before any byte arrives destroys nothing.
   OutputFile(const std::string& path, UniqueFd file, UniqueFd directory);
 
   bool isOpen() const { return static_cast<bool>(file_); }
@@ -102,20 +104,20 @@ class OutputFile {
   std::ostream& stream() { return stream_; }
   /// For FileSystemSync; -1 where the file could not be opened.
   int descriptor() const { return file_.get(); }
-  /// Must be asked before the file is closed.
+  /// Must be called before the file is closed.
   FileIdentity identity() const;
-  /// Counts from now on what goes into the file; `sum` must outlive it.
+  /// From now on adds every written byte to `sum`, which must outlive this object.
   void setSum(Md5Sum* sum) { buffer_.setSum(sum); }
-  /// Writes and sums a large file in a thread of its own while more of it comes. A flush of the
-  /// stream waits for all of it, and fails when that could not be written; before it, or after
-  /// closing, the sum must not be looked at.
+  /// Writes and sums a large file in a second thread while the caller produces more of it. A flush
+  /// of the stream waits until all is written, and fails when that was impossible. Read the sum
+  /// only after a flush or after closing.
   void writeBehind() { buffer_.writeBehind(); }
 
   /// True when every byte went to the system and closing reported no error.
   bool close();
-  /// The same, with the file and, if it is known, its directory on the disk as well.
+  /// The same, and syncs the file and, if it is known, its directory.
   bool syncAndClose();
-  /// The system's text for what failed first.
+  /// The system's text for the first failure.
   std::string errorText() const;
 
  private:
@@ -130,6 +132,6 @@ class OutputFile {
   std::ostream stream_;
 };
 
-/// Puts a directory's entries on the disk; false with errno when that fails. A file
-/// system that cannot sync directories at all (EINVAL) is no failure.
+/// Syncs a directory; false with errno when that fails. A file system that cannot sync directories
+/// at all (EINVAL) is no failure.
 bool syncDirectory(int directory);

@@ -9,8 +9,8 @@
 void occupyClosedStandardStreams() {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(stream, F_GETFD) >= 0) continue;
-    // The lowest free number is this one. Opened the wrong way round, so that using it
-    // still fails and is reported.
+    // open returns the lowest free number, which is this one. The access mode is the opposite of
+    // the stream's, so that using the stream still fails and is reported.
     open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
   }
 }

@@ -1,10 +1,10 @@
 #pragma once
 
-/// What a program of ours does first.
+/// What each program of this project does first.
 
-/// Fills closed standard streams: a connection or a document that got the number of one
-/// would receive what is meant for the console.
+/// Opens closed standard streams. Otherwise a connection or a document could get the number of one
+/// and receive text that is meant for the console.
 void occupyClosedStandardStreams();
 
-/// Passwords do not belong into a core file. What this process starts inherits it.
+/// Disables core files, which could contain passwords. Child processes inherit this.
 void forbidCoreFiles();

@@ -27,8 +27,8 @@ bool isSmart(int descriptor) {
 
 std::unique_ptr<ProgressLine> ProgressLine::on(int descriptor, Now now) {
   if (!isSmart(descriptor)) return nullptr;
-  // A process that shares the descriptor shares its flags: for writing without waiting it takes
-  // one of our own.
+  // Other processes that share the descriptor share its flags, so O_NONBLOCK needs a descriptor of
+  // our own.
   const std::string name = "/proc/self/fd/" + std::to_string(descriptor);
   UniqueFd terminal(open(name.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!terminal) return nullptr;
@@ -53,7 +53,7 @@ void ProgressLine::show(const std::function<std::string()>& describe) {
   const std::string drawing = ERASE_LINE + fitLine(text, columns() - 1);
   const std::lock_guard<std::mutex> lock(mutex_);
   if (isClosed_ || !mayWrite()) return;
-  // What is missing of it the next drawing brings.
+  // After a partial write the next drawing shows the whole line.
   if (write(drawing) > 0) isShown_ = true;
 }
 
@@ -77,7 +77,7 @@ void ProgressLine::close() {
   isClosed_ = true;
 }
 
-/// What cannot be erased now goes before the next text.
+/// A line that cannot be erased now is erased later, before the next text.
 void ProgressLine::eraseShown() {
   if (isShown_ && mayWrite()) isShown_ = write(ERASE_LINE) != ERASE_LINE.size();
 }
@@ -88,7 +88,8 @@ std::size_t ProgressLine::columns() const {
   return size.ws_col;
 }
 
-/// False in the background. A terminal that does not control this process has none.
+/// False in the background. tcgetpgrp fails for a terminal that does not control this process;
+/// writing to it is allowed.
 bool ProgressLine::mayWrite() const {
   const pid_t foreground = tcgetpgrp(terminal_.get());
   return foreground < 0 || foreground == getpgrp();

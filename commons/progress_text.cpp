@@ -8,7 +8,7 @@
 
 namespace {
 
-/// The agent writes its status as it likes; a longer one is none that a line could show.
+/// An agent may write any status; a larger one has nothing that a line could show.
 constexpr off_t LARGEST_DOCUMENT_BYTES = 1 << 20;
 
 std::string attributeOf(const tXmlDtmDocument& document, XmlNodeRef node, const char* name) {
@@ -81,8 +81,8 @@ std::string describeTransfer(const tXmlDtmDocument& migrationStatus) {
   figures.filesLeft = numberOf(migrationStatus, files, "left");
   figures.bytesTotal = numberOf(migrationStatus, files, "listed-total");
   figures.bytesLeft = numberOf(migrationStatus, files, "listed-left");
-  // These count what the content takes when it is unpacked, less what has come: only their
-  // difference is a number of transferred bytes.
+  // These begin with the unpacked size of the content and are reduced by the received bytes: only
+  // their difference is a number of transferred bytes.
   const auto unpacked = numberOf(migrationStatus, files, "size-total");
   const auto unpackedLeft = numberOf(migrationStatus, files, "size-left");
   std::int64_t received = 0;
@@ -91,7 +91,7 @@ std::string describeTransfer(const tXmlDtmDocument& migrationStatus) {
     figures.bytesReceived = received;
   }
   const auto speed = numberOf(migrationStatus, transfer, "speed");
-  // In the first second there is none.
+  // There is no speed in the first second.
   if (speed && *speed > 0) figures.rate = speed;
   if (const XmlNodeRef current = getXmlChild(files, "current-file")) {
     figures.file = migrationStatus.getNodeText(current);

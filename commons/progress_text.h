@@ -8,9 +8,10 @@
 
 #include "commons/xml_wrap.h"
 
-/// The progress of something that goes on, in one line for a person.
+/// Texts that describe the progress of an action in one line.
 
-/// How far a transfer of files is. The numbers of the source host need not fit each other.
+/// How far a transfer of files is. The numbers come from the source host and may contradict each
+/// other.
 struct TransferFigures {
   std::optional<std::int64_t> filesTotal;
   std::optional<std::int64_t> filesLeft;
@@ -24,18 +25,19 @@ struct TransferFigures {
   std::string file;
 };
 
-/// As "7 of 10 files left, 1.2 MB of 3.4 MB (35 %), 1.1 MB/s, 0:02 left, content/a", without
-/// what is not known or not possible. What may be cut off comes last.
+/// As "7 of 10 files left, 1.2 MB of 3.4 MB (35 %), 1.1 MB/s, 0:02 left, content/a". Unknown and
+/// impossible numbers are left out. The name of the file comes last, since the end of the line may
+/// be cut off.
 std::string describeTransfer(const TransferFigures& figures);
 
-/// What a migration status says of the transfer of files; empty while there is none. Sizes and
-/// the time left come from what is listed for the transfer, where the document has that.
+/// The same for the transfer of files in a migration status; empty while there is none. Sizes and
+/// the time left come from the listed sizes if the document has them.
 std::string describeTransfer(const tXmlDtmDocument& migrationStatus);
 
-/// What the agents' dumping status have in common, as "content, 2 of 5 done, 1.2 kB read,
-/// a.example". Each may have more, or nothing that is known here.
+/// Describes the dumping status of an agent, as "content, 2 of 5 done, 1.2 kB read, a.example".
+/// Uses what the documents of all agents have in common; other content is ignored.
 std::string describeDump(const tXmlDtmDocument& dumpingStatus);
 
-/// The document `path` when it is there, was written at `since` (as formatTime) or later and
-/// can be read: others write such documents, and at any time.
+/// Reads the document `path`. Nothing when it does not exist, was written before `since` (in the
+/// form of formatTime) or cannot be parsed: other programs write such documents, at any time.
 std::optional<tXmlDtmDocument> readDocument(const std::string& path, const std::string& since);

@@ -2,8 +2,8 @@
 
 #include <string>
 
-/// The passwords of this run, as far as text from outside is concerned: a remote
-/// command may repeat what it was fed, and what it prints ends up in error texts.
+/// Hides the passwords of this run in texts from outside: a remote command may repeat its input,
+/// and what it prints becomes a part of error texts.
 
 /// Remembers a password for maskSecrets. One of fewer than 8 characters is not
 /// remembered: it would be found in innocent text.

@@ -16,7 +16,7 @@ namespace {
 
 constexpr mode_t SESSION_DIR_MODE = 0750;
 constexpr mode_t GROUP_BITS = 070;
-/// To chown: leave it as it is.
+/// For chown: leave the owner or the group unchanged.
 constexpr uid_t SAME_OWNER = static_cast<uid_t>(-1);
 constexpr gid_t SAME_GROUP = static_cast<gid_t>(-1);
 
@@ -24,17 +24,17 @@ constexpr gid_t SAME_GROUP = static_cast<gid_t>(-1);
 bool provideDirectory(const fs::path& path) {
   boost::system::error_code ignored;
   if (!fs::exists(path, ignored)) {
-    // The number of the account's user serves as the group's.
+    // The group gets the number of the account's user.
     const int failed = make_dir(path.string(), 0, get_user_id("qrvadm"), SESSION_DIR_MODE);
-    // Where nothing can be given away, the session is this process's user's alone.
+    // Without the right to change owners the session belongs to the user of this process alone.
     const bool notGiven = failed != 0 && (errno == EPERM || errno == EINVAL);
     if (notGiven) make_dir(path.string(), SAME_OWNER, SAME_GROUP, SESSION_DIR_MODE);
   }
   return fs::is_directory(path, ignored);
 }
 
-/// To the system log: the caller asked for this directory, and cannot see in it that its group
-/// may be that of other accounts.
+/// Reports to the system log: the caller asked for this directory, and cannot see that its group
+/// may be a group of other accounts.
 void reportForeignGroup(const std::string& dir) {
   struct stat status;
   const ServiceAccount& account = serviceAccount();

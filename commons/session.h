@@ -9,10 +9,10 @@ DECLARE_ERROR_TAG(UnableToCreateSession, "Unable to create session: %1%");
 /// The session directory of a run and the names of everything in it.
 class SessionFiles {
  public:
-  /// Creates the directory `path` and its subdirectory "archives" unless they exist:
-  /// owner root, the service account's number as group, mode 0750. An existing
-  /// session is reused as it is. A directory that is open to the group of that number, which
-  /// is not the account's own, is reported to the system log. Throws UnableToCreateSession.
+  /// Creates the directory `path` and its subdirectory "archives" unless they exist: owner root,
+  /// mode 0750, and as group the number of the service account's user. An existing session is
+  /// reused unchanged. If that number is not the account's own group and the directory is open to
+  /// it, a line in the system log says so. Throws UnableToCreateSession.
   explicit SessionFiles(const std::string& path);
 
   std::string getDir() const { return dir_; }
@@ -39,7 +39,7 @@ class SessionFiles {
 /// The session of this run; null outside the life of its controller.
 extern SessionFiles* theSession;
 
-/// Makes theSession and, when destroyed, takes it away; the directory stays.
+/// Creates theSession. The destructor deletes the object; the directory stays.
 class SessionLifetimeController {
  public:
   explicit SessionLifetimeController(const std::string& path);

@@ -10,9 +10,9 @@ constexpr char PLAIN = '-';
 constexpr char SPECIAL = '*';
 constexpr char NEWLINE = 'n';
 
-/// The class of each byte value. Larger values are parts of UTF-8 characters and
-/// plain. So are, on purpose, the exclamation mark, braces, "=", "%", ",", "^",
-/// "@" and the carriage return.
+/// The class of each byte value. Values above the table are parts of UTF-8 characters and plain.
+/// Also plain, on purpose, are the exclamation mark, braces, "=", "%", ",", "^", "@" and the
+/// carriage return.
 constexpr std::array<char, 140> makeShellEscapeChars() {
   std::array<char, 140> classes{};
   for (char& c : classes) c = PLAIN;

@@ -5,12 +5,12 @@
 /// `text` as one word of a command line that a POSIX shell parses: special
 /// characters get a backslash, a line feed stands in single quotes.
 ///
-/// No quotes are put around the whole, so the empty string stays empty and would
-/// vanish from a command line; callers never pass it.
+/// The whole text gets no quotes, so the empty string stays empty and would vanish from a command
+/// line; callers never pass it.
 std::string sh_quote(const std::string& text);
 
-/// True for a word that a shell other than POSIX's may expand to several, for sh_quote
-/// leaves braces as they are: "{a,b}" or "{1..3}". In doubt true.
+/// True for a word that some shells expand to several words, such as "{a,b}" or "{1..3}": sh_quote
+/// leaves braces as they are, which is enough for POSIX shells only. True in doubtful cases.
 bool hasBraceExpansion(const std::string& text);
 
 /// Throws std::runtime_error unless every byte of `argument` may stand unquoted in

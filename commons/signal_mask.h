@@ -2,7 +2,7 @@
 
 #include <signal.h>
 
-/// Gives the thread that made it another signal mask.
+/// Changes the signal mask of the calling thread; the destructor restores it.
 class SignalMaskGuard {
  public:
   /// `how` as for pthread_sigmask.
@@ -15,8 +15,7 @@ class SignalMaskGuard {
   sigset_t original_;
 };
 
-/// What a thread inherits that is started to work aside: every signal is for the one that
-/// started it.
+/// The mask for starting a helper thread, which inherits it: all signals go to other threads.
 inline sigset_t allSignals() {
   sigset_t set;
   sigfillset(&set);

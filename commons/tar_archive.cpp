@@ -9,7 +9,7 @@
 
 namespace {
 
-/// What remains of it is for the umask of the login to say.
+/// tar reduces it by the umask of the login.
 constexpr mode_t MEMBER_MODE = 0666;
 
 /// The library's text for its last error.
@@ -47,7 +47,7 @@ TarReader::TarReader(Source source) : source_(std::move(source)), archive_(archi
 
 TarReader::~TarReader() = default;
 
-/// No exception may pass through the library: it is kept for the caller of the library.
+/// Called by the library, through which no exception may pass: `check` throws it later.
 std::ptrdiff_t TarReader::readSource(archive* handle, void* self, const void** buffer) {
   auto& reader = *static_cast<TarReader*>(self);
   try {
@@ -63,7 +63,7 @@ std::ptrdiff_t TarReader::readSource(archive* handle, void* self, const void** b
 
 bool TarReader::next() {
   if (!opened_) {
-    // Reads already: the source must not be asked before the caller asks.
+    // Opening reads from the source, so it is done here and not in the constructor.
     check(archive_read_open(archive_.get(), this, nullptr, readSource, nullptr) != ARCHIVE_OK);
     opened_ = true;
   }
@@ -124,7 +124,8 @@ TarWriter::TarWriter(std::ostream& out) : out_(out), archive_(archive_write_new(
 
 TarWriter::~TarWriter() = default;
 
-/// The library does not learn of failures: after one it never frees what it has of an open archive.
+/// Hides failures from the library, which would never free the memory of an open archive after one.
+/// `check` reports them.
 std::ptrdiff_t TarWriter::writeOut(archive*, void* self, const void* bytes, std::size_t size) {
   auto& writer = *static_cast<TarWriter*>(self);
   try {

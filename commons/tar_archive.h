@@ -23,14 +23,14 @@ DECLARE_ERROR_TAG(ArchiveNotMade, "The archive of several files cannot be made: 
 /// member with what it asked for, and decides where the content goes.
 class TarReader {
  public:
-  /// Gives the next bytes of the archive, which stay valid until the next call; none at its end.
-  /// What it throws passes through the reader's calls.
+  /// Returns the next bytes of the archive, which stay valid until the next call; empty at its end.
+  /// What it throws passes through the reader's functions.
   using Source = std::function<std::string_view()>;
 
   struct Member {
     /// As it is in the archive; may be anything.
     std::string name;
-    /// Why it is no regular file with all its content in one piece; empty when it is one.
+    /// Why the member is not a regular file with all its content; empty when it is one.
     std::string oddity;
     /// Bytes, as the archive says.
     std::int64_t size = 0;
@@ -42,13 +42,13 @@ class TarReader {
   TarReader(const TarReader&) = delete;
   TarReader& operator=(const TarReader&) = delete;
 
-  /// Goes on to the next member, past what is left of the present one; false at the end of the
-  /// archive, which may be missing. Throws ArchiveDamaged.
+  /// Moves to the next member and skips the rest of the present one. False at the end of the
+  /// archive, whether or not an end mark is there. Throws ArchiveDamaged.
   bool next();
   const Member& member() const { return member_; }
 
-  /// The next bytes of the member's content, valid until the next call; none at its end, which
-  /// is where its size says. Throws ArchiveDamaged.
+  /// The next bytes of the member's content, valid until the next call; empty after as many bytes
+  /// as its size says. Throws ArchiveDamaged.
   std::string_view content();
 
  private:
@@ -81,7 +81,8 @@ class TarWriter {
 
   /// Throws ArchiveNotMade.
   void add(const std::string& name, const std::string& content);
-  /// Writes the end of the archive; to be called once, after the last file. Throws ArchiveNotMade.
+  /// Writes the end of the archive. Must be called once, after the last file. Throws
+  /// ArchiveNotMade.
   void finish();
 
  private:

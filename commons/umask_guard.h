@@ -2,8 +2,8 @@
 
 #include <sys/stat.h>
 
-/// New files get mode 0644 and new directories 0755 under it, whatever the mask of the process is:
-/// those that other programs read.
+/// The mask for files that other programs read: new files get mode 0644 and new directories 0755,
+/// whatever the mask of the process is.
 constexpr mode_t READABLE_BY_ALL_UMASK = 022;
 
 /// Sets the process's file-creation mask and restores the old one, also when an

@@ -2,8 +2,8 @@
 
 #include <streambuf>
 
-/// A stream's target without a buffer: a derived class says in `xsputn` what happens to
-/// bytes; a single one takes the same path.
+/// Base of stream buffers that keep no bytes. A derived class handles the bytes in `xsputn`; single
+/// characters go there, too.
 class UnbufferedStreamBuf : public std::streambuf {
  protected:
   int_type overflow(int_type c) override {

@@ -4,8 +4,8 @@ namespace {
 
 constexpr Utf8Character NO_CHARACTER = {0, 0};
 
-/// What the first byte of a character says of it; a length of 0 for a byte that
-/// begins none.
+/// What the first byte of a character says about it. `length` is 0 for a byte that cannot be the
+/// first one.
 struct Lead {
   std::size_t length;
   unsigned int bits;

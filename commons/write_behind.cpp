@@ -51,7 +51,7 @@ bool WriteBehind::drain() {
   return succeeded();
 }
 
-/// With the mutex held.
+/// The caller must hold the mutex.
 bool WriteBehind::succeeded() {
   if (error_) std::rethrow_exception(std::exchange(error_, nullptr));
   return !hasFailed_;

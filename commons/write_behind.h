@@ -8,26 +8,26 @@
 #include <thread>
 #include <vector>
 
-/// Has a second thread take bytes, in their order, while more are brought by the thread that
-/// made it. No signal is handled on that thread.
+/// Passes bytes, in order, to a second thread, while the caller produces more. The second thread
+/// handles no signals.
 class WriteBehind {
  public:
-  /// How many bytes may wait to be taken.
+  /// How many bytes may be queued.
   static constexpr std::size_t CAPACITY = std::size_t{1} << 20;
   /// Takes bytes; false when it could not take all of them. Called on the second thread only.
   using Take = std::function<bool(const char* bytes, std::size_t size)>;
 
-  /// Throws std::system_error when there is no thread to be had.
+  /// Throws std::system_error when no thread can be started.
   explicit WriteBehind(Take take);
-  /// Waits until all that was brought is taken, or has failed to be.
+  /// Waits until the second thread has taken all queued bytes, or has failed to.
   ~WriteBehind();
   WriteBehind(const WriteBehind&) = delete;
   WriteBehind& operator=(const WriteBehind&) = delete;
 
-  /// Brings bytes, and waits for room for them. False once some could not be taken: what was
-  /// brought behind those is dropped. Throws what `take` has thrown, once.
+  /// Queues bytes; waits while the queue is full. False after the thread failed to take some: all
+  /// later bytes are dropped. Throws what `take` has thrown, once.
   bool put(const char* bytes, std::size_t size);
-  /// Waits until all that was brought is taken. False, and throws, as `put`.
+  /// Waits until all queued bytes are taken. Returns false and throws as `put` does.
   bool drain();
 
  private:
@@ -39,8 +39,8 @@ class WriteBehind {
   std::vector<char> ring_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  /// All below belongs to who holds the mutex; of the ring's bytes those that wait to the
-  /// second thread, and the others to the one that brings them.
+  /// The mutex guards the members below. In the ring, the queued bytes belong to the second thread
+  /// and the others to the thread that calls `put`.
   std::size_t begin_ = 0;
   std::size_t waiting_ = 0;
   bool hasFailed_ = false;

@@ -6,15 +6,15 @@
 
 namespace {
 
-/// Walks through a document as its readers do, into entities too, until the text of
-/// entities comes to the limit.
+/// Walks through a document like its readers, into entities too, until the text of the entities
+/// exceeds the limit.
 class EntityWalk {
  public:
   EntityWalk(xmlDocPtr document, std::size_t limit) : document_(document), left_(limit) {}
 
-  /// False when there was too much.
+  /// False when the limit is exceeded.
   bool walk(const xmlNode* first, int depth) {
-    // The parser refuses entities that contain themselves; this one is for the stack.
+    // The parser refuses entities that contain themselves; this limit protects the stack.
     constexpr int DEEPEST = 64;
     if (depth > DEEPEST) return false;
     for (const xmlNode* node = first; node; node = node->next) {
@@ -39,7 +39,7 @@ class EntityWalk {
   }
 
   bool enter(const xmlNode* reference, int depth) {
-    // Many references to an entity of nothing take their time, too.
+    // A reference counts as one byte: many references to an empty entity take time, too.
     if (left_ == 0) return false;
     --left_;
     const xmlEntity* entity = xmlGetDocEntity(document_, reference->name);

@@ -4,7 +4,6 @@
 
 #include <cstddef>
 
-/// True when no more than `limit` bytes of text come into `document` through entities
-/// that it declares. The parser itself puts no end to that: it keeps references, and
-/// each look at a text would write out all that they stand for.
+/// True when the entities that `document` declares add at most `limit` bytes of text to it. The
+/// parser has no such limit: it keeps references, and reading a text would expand all of them.
 bool entitiesStayBelow(xmlDocPtr document, std::size_t limit);

@@ -9,7 +9,7 @@ struct _xmlNode;
 class XmlNodeRef {
  public:
   XmlNodeRef() = default;
-  /// For commons alone, as `get`: other layers do not know the XML library.
+  /// This constructor and `get` are for commons alone: other layers do not know the XML library.
   explicit XmlNodeRef(_xmlNode* node) : node_(node) {}
   _xmlNode* get() const { return node_; }
 
@@ -17,7 +17,7 @@ class XmlNodeRef {
   bool operator==(const XmlNodeRef& other) const { return node_ == other.node_; }
   bool operator!=(const XmlNodeRef& other) const { return node_ != other.node_; }
 
-  // There must be a node for these.
+  // The functions below need a node; calling them on none is a bug.
 
   /// The name of the element; for other nodes what the XML library calls them, as "text".
   std::string name() const;
@@ -25,11 +25,11 @@ class XmlNodeRef {
   std::string content() const;
   /// The element around the node; none for the root.
   XmlNodeRef parentElement() const;
-  /// All children in order, of whatever kind.
+  /// All children in order, of any kind.
   std::vector<XmlNodeRef> children() const;
   /// The elements among the children, in order.
   std::vector<XmlNodeRef> elements() const;
-  /// Takes the node with all below it out of the document; it must not be used any more.
+  /// Removes the node and everything below it from the document. It must not be used afterwards.
   void remove();
 
  private:

@@ -12,8 +12,7 @@ tXPathExpr::tXPathExpr(const tXmlDocument& document, const std::string& expressi
 }
 
 void tXPathExpr::evalExpression(const tXmlDocument& document) {
-  // Complaints about an expression are not for the console; what is missing shows
-  // in the result.
+  // Keeps messages about the expression off the console; a failure shows in the result.
   const LibxmlErrorCollector complaints;
   context_.reset(xmlXPathNewContext(document.document()), [](xmlXPathContextPtr context) {
     if (context) xmlXPathFreeContext(context);

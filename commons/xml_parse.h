@@ -18,8 +18,8 @@ DECLARE_ERROR_TAG(tError_XmlInternal, "%1%");
 
 class tXmlDocument;
 
-/// One XPath expression evaluated against a document, at once. Copies share the
-/// result. The document must outlive them.
+/// One XPath expression, evaluated against a document by the constructor. Copies share the result.
+/// The document must outlive them.
 class tXPathExpr {
  public:
   /// With a context node, relative expressions start there. Throws AssertionFailed
@@ -29,7 +29,7 @@ class tXPathExpr {
 
   /// False when the expression could not be evaluated.
   bool isEvaluated() const { return result_ != nullptr; }
-  /// The nodes of the result; none, too, when the expression could not be evaluated. Throws
+  /// The nodes of the result; empty also when the expression could not be evaluated. Throws
   /// tError_XPath_TypesMismatch when the result is of another type.
   std::vector<XmlNodeRef> getNodeSet() const;
   /// The first node in document order. Throws as getNodeSet, and
@@ -62,7 +62,7 @@ class tXmlOperator {
   virtual void operator()(XmlNodeRef node) = 0;
 };
 
-/// Told of each failure that foreach_xmlnode absorbs.
+/// Called with each error that foreach_xmlnode catches.
 using tErrorFunc = void (*)(const ExTraceable& error);
 
 /// Calls the operator on each node of the result, in order. An ExTraceable thrown
@@ -71,6 +71,6 @@ using tErrorFunc = void (*)(const ExTraceable& error);
 /// `errorFunc`, when there was none. Throws tError_XPath_TypesMismatch.
 int foreach_xmlnode(const tXPathExpr& expression, tXmlOperator& visitor, tErrorFunc errorFunc);
 
-/// The first child of `node`, of whatever kind, with that name; none if there is none.
-/// Throws AssertionFailed for no node.
+/// The first child of `node`, of any kind, with that name; none if there is none. Throws
+/// AssertionFailed when `node` is none.
 XmlNodeRef getXmlChild(XmlNodeRef node, const std::string& name);

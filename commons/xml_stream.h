@@ -5,14 +5,14 @@
 
 struct _xmlTextReader;
 
-/// The element of a document at which a pass through it has arrived.
+/// The present element of a pass through a document.
 class XmlStreamElement {
  public:
   explicit XmlStreamElement(_xmlTextReader* reader) : reader_(reader) {}
 
   /// True for an element of that name at the depth; the root's depth is 0.
   bool isAt(int depth, const char* name) const;
-  /// The value of the attribute; empty, too, when the element does not have it.
+  /// The value of the attribute; empty also when the element does not have it.
   std::string attribute(const char* name) const;
   /// The text in the element.
   std::string text() const;
@@ -22,6 +22,6 @@ class XmlStreamElement {
 };
 
 /// Calls `visit` at each element of the XML document in an open file, in constant memory. The
-/// descriptor stays the caller's. False when it is no document, after the elements in front of what
-/// is wrong with it.
+/// descriptor stays the caller's. False when the file is not well-formed; the elements before the
+/// error have been visited then.
 bool forEachXmlElement(int descriptor, const std::function<void(const XmlStreamElement&)>& visit);

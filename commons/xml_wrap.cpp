@@ -20,7 +20,7 @@
 namespace {
 
 constexpr const char* REPLACEMENT_CHARACTER = "\xEF\xBF\xBD";
-/// For what entities add to a document. Legitimate documents use none.
+/// The most text that entities may add to a document. Legitimate documents use no entities.
 constexpr std::size_t ENTITY_TEXT_LIMIT = 1 << 20;
 constexpr mode_t NEW_FILE_MODE = 0666;
 
@@ -64,13 +64,13 @@ tXmlDocument::tXmlDocument(const char* fileName) {
 
 tXmlDocument::tXmlDocument(const std::string& content) {
   if (content.empty()) throw Exc<&AssertionFailed>(HERE) % "content.size()";
-  // The library counts in int; a larger text cannot be handed over.
+  // libxml2 takes the size as int, so a larger text cannot be passed.
   if (content.size() > INT_MAX) {
     throw Exc<&tError_ParseFile>(HERE) % "-" % "the text is larger than 2 GiB";
   }
   const LibxmlErrorCollector complaints;
   adopt(xmlParseMemory(content.data(), static_cast<int>(content.size())));
-  // The complaints quote the text, which a remote command may have printed.
+  // The messages quote the text, which a remote command may have printed.
   if (!document_) throw Exc<&tError_ParseFile>(HERE) % "-" % maskSecrets(complaints.text());
   refuseBomb("-");
 }
@@ -137,8 +137,8 @@ void tXmlDocument::saveToStream(std::ostream& stream) const {
                                        xmlFindCharEncodingHandler("UTF-8")));
 }
 
-/// False when any byte may be missing. The library's own way to write to a descriptor takes a
-/// short write for a whole one.
+/// False when any byte may be missing. The stream is needed because libxml2's own output to a
+/// descriptor takes a short write for a complete one.
 bool tXmlDocument::saveToDescriptor(int fd) const {
   FdStreamBuf file(fd);
   std::ostream stream(&file);
@@ -150,7 +150,7 @@ bool tXmlDocument::saveToDescriptor(int fd) const {
 
 void tXmlDocument::saveToFile(const char* fileName) const {
   requireFileName(fileName, __PRETTY_FUNCTION__, __LINE__);
-  // Opened here: the library takes a name for a URI, and "%41" in it for "A".
+  // Opened here, because libxml2 takes a name for a URI and reads "%41" in it as "A".
   UniqueFd file(open(fileName, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, NEW_FILE_MODE));
   const bool saved = file && saveToDescriptor(file.get());
   if (file.close() != 0 || !saved) throw Exc<&tError_SaveFile>(HERE) % fileName;
@@ -242,7 +242,7 @@ bool dumpElement(const std::string& fileName, XmlNodeRef node) {
   const LibxmlErrorCollector complaints;
   std::FILE* file = std::fopen(fileName.c_str(), "we");
   if (!file) return false;
-  // xmlElemDump reports nothing; the stream's state does.
+  // xmlElemDump returns no status; the state of the FILE shows errors.
   xmlElemDump(file, node.get()->doc, node.get());
   const bool written = std::fflush(file) == 0 && std::ferror(file) == 0;
   return std::fclose(file) == 0 && written;

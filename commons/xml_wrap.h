@@ -23,9 +23,9 @@ DECLARE_ERROR_TAG(tError_WrongDoc,
 DECLARE_ERROR_TAG(tError_WrongContent, "%1%");
 DECLARE_ERROR_TAG(NoSuchAttribute, "Node %1% does not have attribute %2%");
 
-/// `text` with U+FFFD in place of each byte that XML cannot hold: control characters
-/// and what is not UTF-8. File names from other hosts may have any bytes; left as
-/// they are they would make a text vanish or a saved document unreadable, silently.
+/// `text` with U+FFFD in place of each byte that XML cannot hold: control characters and what is
+/// not UTF-8. File names from other hosts may have any bytes; unchanged, they would silently drop a
+/// text or make a saved document unreadable.
 std::string toXmlSafeText(const std::string& text);
 
 /// An XML document, parsed or new. Copies share it.
@@ -52,10 +52,10 @@ class tXmlDocument {
   /// null buffer, tError_SaveFile.
   void saveToBuffer(_xmlOutputBuffer* buffer) const;
   void saveToStream(std::ostream& stream) const;
-  /// Replaces `target` in one step, for other programs to read: its owner becomes
-  /// the service account. Throws what AtomicReplacement and saveToFile throw.
+  /// Replaces `target` in one step, so that other programs can read it: its owner becomes the
+  /// service account. Throws what AtomicReplacement and saveToFile throw.
   void saveToFileAtomically(const std::string& target) const;
-  /// The same, without saveToFile, for what is saved thousands of times in a run: see
+  /// The same, without saveToFile, for documents that are saved thousands of times in a run: see
   /// Durability::CHEAP.
   void saveOftenAtomically(const std::string& target) const;
 
@@ -118,7 +118,7 @@ class XmlNode {
   void saveToFileAtomically(const std::string& target) const;
 
  private:
-  /// Keeps the node alive.
+  /// This copy keeps the node alive.
   tXmlDocument document_;
   XmlNodeRef node_;
 };

@@ -29,8 +29,8 @@ std::set<std::string> theMalformedKeys;
 /// Whether the file that was read last is there and could not be read.
 bool theFileIsUnreadable = false;
 
-/// A key of this program, and the values that it may have: certain words, or an absolute path
-/// where there are none, or where `orPath` says so.
+/// A key of this program and its allowed values: one of `words`, or an absolute path if there are
+/// no words or `orPath` is set.
 struct Key {
   std::string_view name;
   std::vector<std::string_view> words = {};
@@ -96,7 +96,7 @@ bool isKeyCharacter(char c) {
   return KEY_CHARACTERS.find(c) != std::string_view::npos;
 }
 
-/// Whether `text` has the key at `at`, in any case, and no longer word.
+/// True when the word at `at` in `text` is the key, in upper or lower case.
 bool hasWordAt(std::string_view text, std::size_t at, std::string_view key) {
   const std::size_t end = at + key.size();
   return end <= text.size() && strncasecmp(text.data() + at, key.data(), key.size()) == 0 &&
@@ -152,7 +152,7 @@ void parseLine(const char* path, const std::string& line, QrvConfValues& values)
 bool isInRange(const Key& key, const std::string& value) {
   const bool isPath = !value.empty() && value.front() == '/';
   if (key.words.empty() || (key.orPath && isPath)) return isPath;
-  // The readers of words drop the blanks at their end.
+  // The functions that read such words drop the blanks at the end.
   const std::string word = value.substr(0, value.find_last_not_of(WHITE_SPACE) + 1);
   return std::find(key.words.begin(), key.words.end(), word) != key.words.end();
 }
@@ -173,7 +173,7 @@ void reportValuesOutOfRange(const char* path, const QrvConfValues& values) {
   }
 }
 
-/// True when the path leads to nothing only because a symbolic link in it does.
+/// True when `path` does not exist only because a symbolic link in it is dangling.
 bool hasDanglingLink(const std::string& path) {
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string part = path.substr(0, end);

@@ -32,12 +32,12 @@ enum QrvConfVariable {
 
 using QrvConfValues = std::map<std::string, std::string>;
 
-/// Reads a file of that form. Null, with a line in the system log, when it cannot be
-/// read, which is kept for qrvConfIsUnreadable(); a malformed line is reported there, too,
-/// skipped, and kept for qrvConfIsMalformed().
+/// Reads a file of that form. When it cannot be read, returns null, writes a line to the system log
+/// and makes qrvConfIsUnreadable() true. A malformed line is skipped, reported to the system log
+/// and noted for qrvConfIsMalformed().
 std::unique_ptr<const QrvConfValues> readQrvConf(const char* path);
 
-/// Loads the file unless that was done; false when it could not be read.
+/// Loads the file unless it is loaded already; false when it could not be read.
 bool autoprepend();
 
 /// The value of `name` in the file; null when the file has none or cannot be read.
@@ -48,12 +48,12 @@ const char* qrvConfGet(const char* name);
 /// its case or its separator is wrong. An operator meant to set the key.
 bool qrvConfIsMalformed(const char* name);
 
-/// True when the file is there, as a symbolic link at least, and cannot be read: what it sets
-/// is unknown. A file that does not exist sets nothing.
+/// True when the file exists, even if only as a dangling symbolic link, and cannot be read: its
+/// settings are unknown then. A file that does not exist sets nothing.
 bool qrvConfIsUnreadable();
 
-/// The value in the file of the variable in slot `index`, cached per slot; null
-/// when the file has none, or when no variable of ours is in that slot.
+/// The value in the file of the variable in slot `index`, cached per slot; null when the file has
+/// none, or when the slot has no variable of this program.
 const char* qrvConfGetByIndex(int index);
 
 /// The same, or the compiled-in default when the file has no value.

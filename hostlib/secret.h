@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
-/// A password, or none; an empty one is one. Moves and never copies, and is wiped from memory
-/// when it goes. Never printed, never an argument.
+/// A password, or none; an empty password counts as one. It can be moved but not copied, and the
+/// destructor wipes it from memory. It must never be printed or become an argument.
 class Secret {
  public:
   Secret() = default;
@@ -12,17 +12,17 @@ class Secret {
   /// Wipes `text`.
   explicit Secret(std::string&& text);
   Secret(Secret&&) noexcept = default;
-  /// What was here before is wiped.
+  /// Wipes the old value first.
   Secret& operator=(Secret&& other) noexcept;
   ~Secret() { wipe(); }
 
   bool isGiven() const { return text_ != nullptr; }
-  /// True when there is none, too.
+  /// True also when there is no password.
   bool isEmpty() const { return reveal().empty(); }
   /// The password itself; empty when there is none.
   const std::string& reveal() const;
 
-  /// Forgets it, and leaves no trace of it in memory.
+  /// Overwrites the password in memory and forgets it.
   void wipe();
 
  private:
