@@ -24,7 +24,7 @@ void Console::makeWay() {
 }
 
 void Console::say(const std::string& line) {
-  // A file is no reason to wait for a terminal that is stopped.
+  // Only makeWay waits for a stopped terminal: a line that goes to a file must not.
   if (outIsTerminal_) {
     makeWay();
   } else {
@@ -41,7 +41,8 @@ void Console::complain(const std::string& line) {
 void Console::relay(const std::string& bytes) {
   if (bytes.empty()) return;
   if (errIsTerminal_) {
-    // A character may come in two parts, and progress must not be drawn into a line.
+    // Whole lines only: a character may arrive in two parts, and progress must not be drawn into an
+    // unfinished line.
     pending_ += bytes;
     const std::string::size_type end = pending_.rfind('\n');
     if (end == std::string::npos) return;

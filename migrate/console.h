@@ -8,9 +8,9 @@
 
 namespace migrate {
 
-/// What a person or a caller sees: reports on standard output, errors and, where that is a
-/// terminal, a line of progress on standard error. On a terminal control characters are
-/// shown as "\x1b" and the like, for much of the text comes from another host.
+/// The console of sondrel-migrate: reports go to standard output, errors and, on a terminal, a
+/// progress line to standard error. On a terminal control characters are shown as "\x1b" and the
+/// like, because much of the text comes from another host.
 class Console {
  public:
   Console();
@@ -18,17 +18,19 @@ class Console {
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
 
-  /// A line on standard output.
+  /// Writes a line to standard output.
   void say(const std::string& line);
-  /// A line on standard error.
+  /// Writes a line to standard error.
   void complain(const std::string& line);
-  /// What a child wrote to its standard error, as it comes; on a terminal a line at a time.
+  /// Writes to standard error what a child wrote to its own, as it arrives; on a terminal whole
+  /// lines only.
   void relay(const std::string& bytes);
-  /// Shows the rest of such a line, with an end. To be called when the child has ended.
+  /// Writes an unfinished line of `relay`, with a line end. Must be called when the child has
+  /// ended.
   void finishRelay();
 
   bool showsProgress() const { return line_ != nullptr; }
-  /// Shows what `describe` says on the line of progress, as ProgressLine has it. Nothing
+  /// Shows the text of `describe` on the progress line; see ProgressLine::show. Does nothing
   /// without a terminal.
   void showProgress(const std::function<std::string()>& describe);
   void eraseProgress();

@@ -27,7 +27,7 @@ constexpr off_t LARGEST_COUNTED_BYTES = 256 << 20;
 
 enum ReadResult { COMPLETE, MISSING, NOT_READABLE };
 
-/// Calls `visit` at each element of a document, as long as it is.
+/// Calls `visit` at each element of a document, in constant memory.
 ReadResult forEachElement(const std::string& path,
                           const std::function<void(const XmlStreamElement&)>& visit) {
   const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));

@@ -7,24 +7,24 @@
 
 namespace migrate {
 
-/// What the documents say that sondrel and the agent write into the session directory. They
-/// may be missing, in the middle of something or odd: then nothing is said.
+/// Reads the documents that sondrel and the agent write into the session directory. They may be
+/// missing, incomplete or malformed: the functions then return nothing, without an error.
 
-/// The descriptions of the last error of a step's result log, from what failed to what
-/// caused it.
+/// The texts of the last error in the result log of a step: the error itself first, then its
+/// causes.
 std::vector<std::string> readCauses(const std::string& session, Step step);
 
-/// How many problems the result log of a step holds; 0 for one of more than 256 MiB.
+/// The number of problems in the result log of a step; 0 when the log is larger than 256 MiB.
 int countProblems(const std::string& session, Step step);
 
-/// What the description of a dump says to be wrong with it, by severity. Agents of others may
-/// say it in another way, or not at all.
+/// The problems that dump.xml reports, by severity. Agents of other makers may report them in
+/// another form, or not at all.
 struct DumpProblems {
   enum Standing {
     /// There is no dump.xml, or it has no list of problems.
     NOT_SAID,
     COUNTED,
-    /// It is no document, or has more than 256 MiB.
+    /// It is not well-formed, or larger than 256 MiB.
     UNREADABLE
   };
 
@@ -37,7 +37,7 @@ struct DumpProblems {
 
   static constexpr std::size_t MOST_SHOWN = 10;
 
-  /// As "2 errors, 1 warning, 0 notes"; empty where nothing was said.
+  /// As "2 errors, 1 warning, 0 notes"; empty for NOT_SAID.
   std::string summary() const;
 };
 
@@ -51,9 +51,9 @@ std::string dumpingStatusIn(const std::string& session);
 /// The name of the step's result log in the session directory.
 const char* resultLogOf(Step step);
 
-/// How far the step is, in one line, as "3 of 10 files, 1.2 of 3.4 MB (35 %), 1.1 MB/s, 0:02
-/// left, content/a". Only what was written at `since` (as formatTime) or later counts: an
-/// older document is about another run. Empty when there is nothing to say.
+/// How far the step is, in one line: the text of describeDump for a dump and of describeTransfer
+/// for content, empty for other steps. Ignores a document that was written before `since` (in the
+/// form of formatTime): it is about another run.
 std::string describeProgress(const std::string& session, Step step, const std::string& since);
 
 }  // namespace migrate

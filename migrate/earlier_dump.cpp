@@ -40,7 +40,7 @@ bool EarlierDump::saysItsEnd() const {
     const std::string stage = root ? document.getAttribute(root, "stage") : "";
     return stage == "finished" || stage == "failed";
   } catch (const ExTraceable&) {
-    // No status, or none that is understood: silence decides.
+    // There is no status, or not one that this program knows: then `isSilent` decides.
     return false;
   }
 }

@@ -2,9 +2,9 @@
 
 #include "commons/exceptions.h"
 
-/// What is wrong with the command line or a settings file; the usage text helps.
+/// An error in the command line or a settings file, which the usage text helps to correct.
 DECLARE_ERROR_TAG(MigrateBadSettings, "%1%");
-/// Why nothing could be begun or gone on with.
+/// The migration cannot begin or go on; the text says why.
 DECLARE_ERROR_TAG(MigrateImpossible, "%1%");
-/// Another run is at work on the same session.
+/// Another run uses the same session.
 DECLARE_ERROR_TAG(MigrateSessionBusy, "%1%");

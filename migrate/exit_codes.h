@@ -2,7 +2,7 @@
 
 namespace migrate {
 
-/// The exit codes that are not those of a run of sondrel.
+/// The exit codes of this program. Other codes are those of a failed run of sondrel.
 enum ExitCode {
   EXIT_DONE = 0,
   EXIT_IMPOSSIBLE = 1,
@@ -16,7 +16,7 @@ enum ExitCode {
   EXIT_OF_FIRST_SIGNAL = 128
 };
 
-/// The exit code for a request to end; 0 stands for one that was made to sondrel itself.
+/// The exit code after a termination signal; 0 stands for one that was sent to sondrel itself.
 int exitCodeForRequest(int signal);
 
 }  // namespace migrate

@@ -26,19 +26,20 @@ constexpr mode_t FOLDER_MODE = 0750;
 /// Often enough for a line that is redrawn at most ten times a second.
 constexpr int PROGRESS_TICK_MS = 200;
 constexpr int NO_TICK = -1;
-/// Each look at an earlier dump is a login on the source host.
+/// Not shorter, because each query about an earlier dump is a login on the source host.
 constexpr std::chrono::seconds TIME_BETWEEN_LOOKS{5};
-/// Between the last word of a dump and the end of its process.
+/// From the last status of a dump to the end of its process.
 constexpr std::chrono::seconds TIME_TO_END{1};
 constexpr std::size_t LARGEST_HELD_BYTES = std::size_t{1} << 20;
-/// How long a sondrel may take to end by a signal.
+/// How long a sondrel may take to end after a signal.
 constexpr std::chrono::seconds ORPHAN_WAIT{10};
 constexpr int ORPHAN_TICK_MS = 50;
-/// The last line of what sondrel-restore says of a failure is kept, no more of it than this.
+/// How much of sondrel-restore's error output is kept; its last line becomes the reason of a
+/// failure.
 constexpr std::size_t LONGEST_REASON_BYTES = 2000;
 /// sondrel-restore's exit status when the administrator must decide.
 constexpr int EXIT_OF_NEEDED_DECISIONS = 3;
-/// A restore reaches no other host.
+/// For a restore, which connects to no other host.
 const Passwords NO_PASSWORDS;
 
 std::string now() {
@@ -51,7 +52,7 @@ std::string lastLineOf(const std::string& text) {
   return end == std::string::npos ? trimmed : trimmed.substr(end + 1);
 }
 
-/// `said` is the last line of its errors.
+/// Why a restore has failed. `said` is the last line of its error output.
 std::string reasonOfRestore(Step step, bool needsDecisions, const std::string& said) {
   if (needsDecisions) {
     return "The restore needs decisions or packages: sondrel-restore plan names them. Packages are "
@@ -88,7 +89,7 @@ int Migration::execute() {
 }
 
 void Migration::prepareSession() {
-  // Made as sondrel would make it.
+  // Creates the session directory as sondrel does.
   const SessionFiles session(request_.sessionPath);
   const std::string folder = State::folderIn(request_.sessionPath);
   if (make_dir(folder, geteuid(), serviceAccount().group, FOLDER_MODE) != 0) {
@@ -98,8 +99,8 @@ void Migration::prepareSession() {
   takeLock(folder);
 }
 
-/// A run that was killed may have left a sondrel that is just ending: that is no reason to be run
-/// a third time.
+/// Takes the lock. A sondrel of a killed run may just be ending: waits for it, so that the user
+/// need not start this program again.
 void Migration::takeLock(const std::string& folder) {
   const auto deadline = std::chrono::steady_clock::now() + ORPHAN_WAIT;
   while (SessionLock::isHeldByOrphan(folder) && std::chrono::steady_clock::now() < deadline) {
@@ -112,7 +113,8 @@ void Migration::takeLock(const std::string& folder) {
 
 void Migration::loadState() {
   if (State::exists(request_.sessionPath)) state_ = State::load(request_.sessionPath);
-  // What differs was not made, or is no longer as it was made: comparing alone would go on failing.
+  // A failed verify means that objects are missing or have changed. Verifying alone would fail
+  // again, so go back to the step that makes them.
   if (state_.of(Step::VERIFY).progress == Progress::FAILED) state_.goBackTo(Step::APPLY);
   if (request_.from) state_.goBackTo(*request_.from);
   if (request_.full && state_.isDone(Step::DUMP)) {
@@ -136,7 +138,7 @@ void Migration::takeSettings() {
   state_.save(request_.sessionPath);
 }
 
-/// A step that is named is made, whatever earlier runs left out.
+/// A step that the user names with --from is made even if earlier runs left it out.
 void Migration::planStepToGoBackTo(Settings& settings) const {
   if (request_.from == Step::REMOVE) planRemoval(settings);
   if (request_.from == Step::CONTENT && settings.isOn(setting::NO_CONTENT)) {
@@ -155,7 +157,7 @@ void Migration::planRemoval(Settings& settings) const {
   settings.set(setting::KEEP_AGENT, "no");
 }
 
-/// Of --final and --keep-agent the one that was given last counts.
+/// Of --final and --keep-agent the one that was given last, in this run or an earlier one, counts.
 void Migration::planEndOfAgent(Settings& settings) const {
   const bool isFinal = request_.settings.isOn(setting::FINAL);
   const bool isKept = request_.settings.isOn(setting::KEEP_AGENT);
@@ -166,7 +168,7 @@ void Migration::planEndOfAgent(Settings& settings) const {
   if (isKept) settings.set(setting::FINAL, "no");
 }
 
-/// A restore alone is made without a login.
+/// False when only steps of the restore are left: those need no login.
 bool Migration::needsSourceHost() const {
   const std::vector<Step> steps = state_.plan();
   return std::any_of(steps.begin(), steps.end(),
@@ -193,8 +195,8 @@ int Migration::makeStep(Step step) {
   return report_.stepEnded(step, outcome, signals_.requested());
 }
 
-/// What an earlier run began on the source host goes on there when that run is gone. It is waited
-/// for, and then gone on with.
+/// Makes the step. If a dump of an earlier run still runs on the source host, waits for its end and
+/// tries again.
 RunOutcome Migration::runStep(Step step) {
   if (step == Step::REMOVE) return runRemoval();
   if (isOfRestore(step)) return runRestore(step);
@@ -216,7 +218,8 @@ RunOutcome Migration::runStep(Step step) {
 
 RunOutcome Migration::runAction(Step step) {
   const Places places{request_.sessionPath, state_.agentDir()};
-  // An earlier dump makes these fail, which is no error then. A log must be seen as it comes.
+  // These steps fail while an earlier dump runs, which is no error then: their error output waits
+  // until the outcome is known. With --verbose it has the log, which must be seen at once.
   const bool isHeld =
       (step == Step::DUMP || step == Step::CONTENT) && !state_.settings.isOn(setting::VERBOSE);
   std::string held;
@@ -248,7 +251,7 @@ bool Migration::askForWhatIsWanted(Step step, RunOutcome& outcome) {
   try {
     return migrate::askForWhatIsWanted(causes, state_.settings, *passwords_, signals_);
   } catch (const Exc<&MigrateImpossible>& e) {
-    // Without a terminal the step has failed, and says why.
+    // There is no terminal to ask on: the step stays failed, for this reason.
     console_.complain(e.what());
   } catch (const Interrupted&) {
     outcome = {RunOutcome::STOPPED, exitCodeForRequest(signals_.requested())};
@@ -277,7 +280,8 @@ RunOutcome Migration::runRemoval() {
           state_.agentDir() + " is still there on " + state_.settings.get(setting::HOST)};
 }
 
-/// sondrel-restore needs decisions where a person must choose; all other ends of it are failures.
+/// Runs sondrel-restore. Its need for decisions gets an exit code of its own; all other failures
+/// have the same one.
 RunOutcome Migration::runRestore(Step step) {
   std::string said;
   RunOutcome outcome = run(
@@ -295,7 +299,8 @@ RunOutcome Migration::runRestore(Step step) {
   return outcome;
 }
 
-/// Nothing when the step can be tried again; else how the waiting ended.
+/// Waits for the end of an earlier dump. Nothing when the step can be tried again; else how the
+/// waiting ended.
 std::optional<RunOutcome> Migration::waitForEarlierDump(Step step) {
   EarlierDump dump(EarlierDump::Clock::now());
   for (;;) {
@@ -307,7 +312,7 @@ std::optional<RunOutcome> Migration::waitForEarlierDump(Step step) {
     dump.note(status, EarlierDump::Clock::now());
     dump.publish(request_.sessionPath);
     const bool isOver = dump.saysItsEnd() || dump.isSilent(EarlierDump::Clock::now());
-    // Its process may not have ended yet.
+    // The process of a finished dump may not have ended yet.
     if (!pause(step, isOver ? TIME_TO_END : TIME_BETWEEN_LOOKS)) {
       return RunOutcome{RunOutcome::STOPPED, exitCodeForRequest(signals_.requested())};
     }
@@ -323,7 +328,7 @@ RunOutcome Migration::fetchDumpingStatus(Step step, const TextSink& onError, std
              });
 }
 
-/// False when a signal asked for an end meanwhile.
+/// Waits for `time`. False when a termination signal arrived meanwhile.
 bool Migration::pause(Step step, std::chrono::milliseconds time) {
   const auto end = EarlierDump::Clock::now() + time;
   while (signals_.requested() == 0 && EarlierDump::Clock::now() < end) {

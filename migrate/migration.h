@@ -18,13 +18,13 @@
 
 namespace migrate {
 
-/// Gets a text as it comes.
+/// Receives a text piece by piece, as it arrives.
 using TextSink = std::function<void(const std::string&)>;
 
 /// One migration: begins it in its session directory, or goes on with it there.
 class Migration {
  public:
-  /// All must outlive it.
+  /// What is passed by reference must outlive the migration.
   Migration(const Request& request, Passwords environment, Console& console, Signals& signals);
 
   /// Makes the steps that are not done yet, up to the first that fails; returns the exit
@@ -66,7 +66,7 @@ class Migration {
   State state_ = State::fresh();
   MigrationReport report_;
   std::string program_;
-  /// Empty where no restore is asked for.
+  /// Empty when no restore is requested.
   std::string restoreProgram_;
 };
 

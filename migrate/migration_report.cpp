@@ -15,8 +15,8 @@ std::string joined(const std::vector<std::string>& texts) {
   return all;
 }
 
-/// Only the action phase writes them down: after another end the result log is that of an earlier
-/// run.
+/// Only a run that ended with one of these codes has written the result log; after other ends it is
+/// the log of an earlier run.
 std::vector<std::string> causesOf(const std::string& session, Step step,
                                   const RunOutcome& outcome) {
   if (!outcome.reason.empty()) return {outcome.reason};
@@ -49,7 +49,7 @@ int MigrationReport::stepEnded(Step step, const RunOutcome& outcome, int request
   return outcome.exitCode;
 }
 
-/// sondrel itself has printed the outermost error.
+/// Prints the causes from the second on: sondrel itself has printed the outermost error.
 void MigrationReport::stepFailed(Step step, const RunOutcome& outcome) {
   if (!outcome.reason.empty()) console_.complain(outcome.reason);
   const std::vector<std::string> causes = causesOf(session_, step, outcome);
@@ -79,7 +79,7 @@ int MigrationReport::finished(const std::string& introduction) {
 /// Prints which commands use or remove an agent that is still there.
 void MigrationReport::explainKeptAgent() {
   if (isAgentRemoved(state_.settings)) return;
-  // An earlier release removed it unless it was told otherwise.
+  // The agent has been removed: an earlier release did that unless --keep-agent was given.
   if (state_.of(Step::REMOVE).progress != Progress::WAITING) return;
   console_.say(
       "The agent stays on " + state_.settings.get(setting::HOST) + ", in " + state_.agentDir() +
@@ -87,7 +87,7 @@ void MigrationReport::explainKeptAgent() {
       "with --from=dump --final for the last time. --final alone removes the agent");
 }
 
-/// What dump.xml says to be wrong, in the order of weight: errors with their texts.
+/// Prints the number of problems in dump.xml, and the texts of the errors.
 void MigrationReport::listProblems() {
   const DumpProblems problems = readDumpProblems(session_);
   const std::string summary = problems.summary();
@@ -105,7 +105,7 @@ void MigrationReport::listProblems() {
   }
 }
 
-/// What to do about causes whose texts do not say it; empty for others.
+/// What the user can do about causes whose texts do not say so; empty for other causes.
 std::string MigrationReport::remedyFor(Step step, const std::string& causes) const {
   const auto tells = [&](const std::string& text) {
     return causes.find(text) != std::string::npos;
@@ -115,7 +115,8 @@ std::string MigrationReport::remedyFor(Step step, const std::string& causes) con
            ", name another directory by --dumps-dir, or do without the check by --no-check-space";
   }
   const bool needsAgent = step == Step::DUMP || step == Step::CONTENT;
-  // Of a shell that is to go there, and of the agent's interpreter.
+  // The first text is a shell's that cannot enter the directory, the second that of the agent's
+  // interpreter.
   if (needsAgent && tells(state_.agentDir()) &&
       (tells("can't cd to ") || tells("No such file or directory"))) {
     return "The agent is no longer in " + state_.agentDir() + " on " +

@@ -9,13 +9,13 @@
 
 namespace migrate {
 
-/// The errors of a step's run, the outermost first; empty where it has left none.
+/// The errors of a step's run, the outermost first; empty when it has recorded none.
 std::vector<std::string> causesOf(const std::string& session, Step step, const RunOutcome& outcome);
 
 /// The texts in one line.
 std::string joined(const std::vector<std::string>& texts);
 
-/// What a migration says of its steps and of its end, to the person or program that runs it.
+/// Reports the steps and the end of a migration on the console.
 class MigrationReport {
  public:
   /// `session` is the session directory. `state` and `console` must outlive it.
@@ -25,11 +25,11 @@ class MigrationReport {
   void stepIsDone(Step step);
   void stepBegins(Step step);
 
-  /// Says how a step has ended, which the state has recorded. Returns the exit code that this
-  /// means for the whole migration; `requestedSignal` is the signal that has stopped it, if any.
+  /// Reports how a step has ended; `state` must have recorded that. Returns the exit code that this
+  /// means for the whole migration; `requestedSignal` is the signal that stopped it, 0 for none.
   int stepEnded(Step step, const RunOutcome& outcome, int requestedSignal);
 
-  /// Says where the result is, what is missing from it and what can be done next. Returns the
+  /// Reports where the result is, what is missing from it and what can be done next. Returns the
   /// exit code.
   int finished(const std::string& introduction);
 

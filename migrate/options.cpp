@@ -15,8 +15,8 @@ namespace migrate {
 
 namespace {
 
-/// Codes of the options; settings have this one and their index more. All are larger than
-/// those of the letters of short options.
+/// The code of a setting is this number plus its index. All codes are larger than those of short
+/// options, which are letters.
 constexpr int FIRST_SETTING = 2000;
 
 enum OptionCode {
@@ -119,7 +119,7 @@ Step parseStep(const std::string& name) {
   return *step;
 }
 
-/// The option that the library complains of, as it was written, without its value.
+/// The option that getopt_long rejects, as it was written, without its value.
 std::string offender(char** argv) {
   const bool isShort = optopt > 0 && optopt < OPT_SESSION_PATH;
   if (isShort) return std::string("-") + static_cast<char>(optopt);
@@ -132,7 +132,7 @@ class Parser {
   Request parse(int argc, char** argv) {
     const std::vector<option> options = longOptions();
     optind = 0;
-    // The library's own complaints would repeat a value.
+    // The messages of getopt_long would repeat a value.
     opterr = 0;
     int code;
     while ((code = getopt_long(argc, argv, "+:h", options.data(), nullptr)) != -1) {

@@ -17,18 +17,18 @@ struct Request {
   std::string sessionPath;
   /// Those of the settings file, overridden by those of the command line.
   Settings settings;
-  /// Descriptors that passwords are read from.
+  /// The descriptors to read passwords from.
   std::optional<int> passwordFd;
   std::optional<int> sudoPasswordFd;
   std::optional<int> keyPasswordFd;
-  /// The step that is made again, with all that follow.
+  /// The step to make again, with all that follow it.
   std::optional<Step> from;
-  /// Whole archives, where increments would do.
+  /// Fetch whole archives even where increments would be enough.
   bool full = false;
 };
 
-/// Throws MigrateBadSettings. No error text repeats a value, for a user may have put a
-/// password where none belongs.
+/// Parses the command line. Throws MigrateBadSettings. No error text repeats a value, because a
+/// user may have put a password in the wrong place.
 Request parseOptions(int argc, char** argv);
 
 std::string usageText();

@@ -20,7 +20,7 @@ const char* const KEY_VARIABLE = "QRV_KEY_PASSWORD";
 
 namespace {
 
-/// sondrel cuts longer ones, and would then be refused by the source host.
+/// sondrel would cut a longer password, and the source host would refuse it.
 constexpr std::size_t MAX_PASSWORD_BYTES = 4096;
 
 [[noreturn]] void fail(const std::string& text) {
@@ -43,10 +43,11 @@ std::optional<char> readByte(int fd, const std::string& what, Signals& signals) 
   }
 }
 
-/// The next line without its end. Byte by byte: what follows belongs to another reader.
+/// The next line without its end. Reads byte by byte: what follows the line belongs to another
+/// reader.
 Secret readLine(int fd, const std::string& what, Signals& signals) {
   std::string text;
-  // In full at once, so that growing leaves no copies behind.
+  // Reserved at once: a growing string would leave copies of the password in memory.
   text.reserve(MAX_PASSWORD_BYTES + 1);
   while (const std::optional<char> byte = readByte(fd, what, signals)) {
     if (*byte == '\n') break;
@@ -65,7 +66,7 @@ class HiddenInput {
     termios hidden = original_;
     hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHOE | ECHOK | ECHONL);
     hidden.c_lflag |= ICANON;
-    // Suspended now, it would leave a shell that shows nothing.
+    // No suspending by Ctrl-Z meanwhile: the shell would get a terminal that shows no input.
     hidden.c_cc[VSUSP] = _POSIX_VDISABLE;
     if (tcsetattr(terminal_, TCSAFLUSH, &hidden) != 0) fail("the terminal cannot hide a password");
   }
@@ -102,8 +103,8 @@ Secret askOnTerminal(const std::string& what, const char* variable, const char* 
   }
 }
 
-/// One that this program opened itself, such as the lock's, has a flag that none of its caller's
-/// can have.
+/// False for a descriptor that this program opened itself, such as the lock's: it is close-on-exec,
+/// which no inherited descriptor can be.
 bool isOfCaller(int fd) {
   const int flags = fcntl(fd, F_GETFD);
   return flags >= 0 && (flags & FD_CLOEXEC) == 0;
@@ -114,7 +115,7 @@ Secret readDescriptor(int fd, const std::string& what, Signals& signals) {
   return readLine(fd, what, signals);
 }
 
-/// Where one of them comes from.
+/// Where one password may come from.
 struct Sources {
   std::string what;
   std::optional<int> fd;
@@ -129,7 +130,7 @@ Secret obtain(Sources sources, Signals& signals) {
   return askOnTerminal(sources.what, sources.variable, sources.option, signals);
 }
 
-/// Does not ask; an empty one is none.
+/// Does not ask a person. An empty password counts as none.
 Secret obtainIfGiven(Sources sources, Signals& signals) {
   Secret secret = sources.fd ? readDescriptor(*sources.fd, sources.what, signals)
                              : std::move(sources.fromEnvironment);
@@ -165,11 +166,11 @@ Passwords obtainPasswords(const Request& request, const Settings& settings, Pass
                   std::move(environment.login), LOGIN_VARIABLE};
   Secret login =
       isByKey ? obtainIfGiven(std::move(ofLogin), signals) : obtain(std::move(ofLogin), signals);
-  // No server takes an empty one, and sondrel refuses it.
+  // No server accepts an empty password, and sondrel refuses it.
   if (!isByKey && login.isEmpty()) {
     fail("the password of " + accountOf(settings) + " is empty");
   }
-  // Before that of sudo, which is not always read.
+  // Read before the password for sudo, which is not always needed.
   Secret key = obtainIfGiven({"passphrase of the key", request.keyPasswordFd, "--key-password-fd",
                               std::move(environment.key), KEY_VARIABLE},
                              signals);

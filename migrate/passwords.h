@@ -9,13 +9,13 @@
 
 namespace migrate {
 
-/// The environment variables that sondrel takes its passwords from, and this program too.
+/// The environment variables from which sondrel, and this program too, takes its passwords.
 extern const char* const LOGIN_VARIABLE;
 extern const char* const SUDO_VARIABLE;
 extern const char* const KEY_VARIABLE;
 
-/// What one migration needs; `sudo` is given when root is had by sudo, and is empty where
-/// sudo asks for none. With a login by key those of the login and of the key may be missing.
+/// The passwords of one migration. `sudo` is given when commands run as root through sudo, and is
+/// empty when sudo asks for no password. With a login by key `login` and `key` may be missing.
 struct Passwords {
   Secret login;
   Secret sudo;
@@ -26,17 +26,18 @@ struct Passwords {
 /// of /proc sees them there afterwards.
 Passwords takePasswordsFromEnvironment();
 
-/// Gets what `settings` need: from the descriptors of the request, one line each, in the order
-/// login, key, sudo, which are closed afterwards; else from the environment; else from a person at
-/// the terminal, who does not see what is typed. With a login by key the user is not asked for the
-/// password of the login, nor for the key's. Throws MigrateImpossible when there is no terminal to
-/// ask on, Interrupted when a signal ends the waiting.
+/// Gets the passwords that `settings` need: each from its descriptor in `request`, else from the
+/// environment, else from a person at the terminal, who does not see what is typed. The descriptors
+/// have one line each, are read in the order login, key, sudo, and are closed afterwards. With a
+/// login by key, a person is asked neither for the password of the login nor for that of the key.
+/// Throws MigrateImpossible when there is no terminal to ask on, Interrupted when a signal ends the
+/// waiting.
 Passwords obtainPasswords(const Request& request, const Settings& settings, Passwords environment,
                           Signals& signals);
 
-/// Asks a person at the terminal for what a login by key lacks, as the causes of its failure tell
-/// it: the password of the login or that of the key. False when they say nothing of the kind, or
-/// it was given. Throws as obtainPasswords.
+/// Asks a person at the terminal for the password that a login by key lacked, according to the
+/// causes of its failure: that of the login or that of the key. False when the causes name neither,
+/// or when that password was given already. Throws as obtainPasswords.
 bool askForWhatIsWanted(const std::string& causes, const Settings& settings, Passwords& passwords,
                         Signals& signals);
 

@@ -34,14 +34,15 @@ std::string nameOrNumberOf(gid_t number) {
   return entry ? entry->gr_name : std::to_string(number);
 }
 
-/// Run by a child, which does not come back from what it gives up.
+/// Must run in a child, because it gives up the rights of root for good.
 Answer tryToEnter(gid_t number, const char* path) {
   if (setgroups(1, &number) != 0 || setgid(number) != 0 || setuid(NOBODY) != 0) return UNKNOWN;
   if (access(path, X_OK) == 0) return MAY_ENTER;
   return errno == EACCES ? MAY_NOT_ENTER : UNKNOWN;
 }
 
-/// Asked of the kernel, which knows every directory on the path and their access lists.
+/// Leaves the decision to the kernel, which checks every directory on the path and their access
+/// lists.
 Answer mayGroupEnter(gid_t number, const std::string& path) {
   const pid_t child = fork();
   if (child < 0) fail(std::string("fork: ") + std::strerror(errno));

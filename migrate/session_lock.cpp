@@ -20,7 +20,7 @@ std::string lockFileIn(const std::string& folder) {
   return folder + "/lock";
 }
 
-/// The whole file, for writing.
+/// A write lock on the whole file.
 struct flock wholeFile() {
   struct flock lock {};
   lock.l_type = F_WRLCK;
@@ -57,7 +57,7 @@ SessionLock::SessionLock(const std::string& folder) {
   const std::string path = lockFileIn(folder);
   file_ = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640));
   if (!file_) failWithErrno(path);
-  // For the status that the service account may ask for.
+  // The service account may ask for the status, which reads this file.
   if (fchown(file_.get(), static_cast<uid_t>(-1), serviceAccount().group) != 0) {
     failWithErrno(path);
   }

@@ -10,24 +10,25 @@
 
 namespace migrate {
 
-/// Keeps two runs on one session apart, by "migrate/lock".
+/// Prevents two runs on one session at the same time, by the lock file "migrate/lock".
 ///
-/// The lock belongs to the open descriptor: a child that inherits it holds it as well, so
-/// that the session is busy as long as a sondrel is at work on it, even when the program that
-/// started it was killed.
+/// The lock belongs to the open descriptor: a child that inherits it holds it as well. So the
+/// session is busy as long as a sondrel works on it, even if the program that started it was
+/// killed.
 class SessionLock {
  public:
   /// `folder` must exist. Throws MigrateSessionBusy when another process holds the lock,
-  /// MigrateImpossible when it cannot be had at all.
+  /// MigrateImpossible when locking fails for another reason.
   explicit SessionLock(const std::string& folder);
 
   int descriptor() const { return file_.get(); }
 
-  /// Whether a process holds the lock of that directory; asking does not change it.
+  /// True when a process holds the lock of that directory; asking does not change it.
   static bool isHeld(const std::string& folder);
-  /// The same where the process that took the lock is gone: a sondrel that it started has it.
+  /// True when the lock is held although the process that took it has ended: a sondrel that it
+  /// started holds it.
   static bool isHeldByOrphan(const std::string& folder);
-  /// The process that took it last, as far as the file says.
+  /// The process that took the lock last, according to the file.
   static std::optional<pid_t> holder(const std::string& folder);
 
  private:

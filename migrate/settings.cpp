@@ -32,7 +32,8 @@ const SettingKind* findKind(const std::string& name) {
   return found == kinds.end() ? nullptr : &*found;
 }
 
-/// The directory is removed with everything in it, and its name reaches a shell as it is.
+/// Refuses risky paths: the agent's directory in it is removed with its whole content, and a shell
+/// gets the path unquoted.
 void checkAgentParent(const std::string& path) {
   const std::string parts = path + "/";
   const bool plain = path.find_first_not_of(
@@ -55,7 +56,7 @@ void checkNames(const std::string& name, const std::string& value) {
   if (value == "-") refuse("--" + name + " cannot be read from standard input");
 }
 
-/// Everything must come back from a document as it was.
+/// Refuses text that a document would not give back unchanged.
 void checkText(const std::string& name, const std::string& value) {
   if (value.empty()) refuse("--" + name + " needs a value");
   const bool oneLine = value.find_first_of("\r\n\t") == std::string::npos;
@@ -90,13 +91,14 @@ bool namesAgent(const std::string& name, const std::string& value) {
   return name == setting::IDENTITY && value == "agent";
 }
 
-/// One thing has one spelling, for that of a step that is done is compared with later ones.
+/// Gives equal values one spelling: the settings of a done step are compared with those of later
+/// runs.
 std::string plainValue(const std::string& name, const std::string& value) {
-  // The run that goes on may be made from another directory.
+  // The run that resumes may start in another directory.
   if (namesFile(name) && !namesAgent(name, value)) {
     return boost::filesystem::absolute(value).string();
   }
-  // A shell that completes the name of a directory puts a slash behind it.
+  // A shell that completes the name of a directory appends a slash.
   if (name != setting::AGENT_NAME) return value;
   const std::string plain = boost::trim_right_copy_if(value, boost::is_any_of("/"));
   return plain.empty() ? value : plain;

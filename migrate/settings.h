@@ -54,14 +54,14 @@ inline constexpr SettingName VERBOSE{"verbose"};
 
 }  // namespace setting
 
-/// What can be said about a migration: an option of the command line, a line of a
-/// settings file, and an entry of the state document. Passwords are none of these.
+/// One setting of a migration: an option of the command line, a line of a settings file, and an
+/// entry of the state document. Passwords are not settings.
 struct SettingKind {
   SettingName name;
   /// Stands for the value in the usage text; null for a switch, which is "yes" or "no".
   const char* argument;
-  /// The first step whose outcome it shapes: once that is done the setting stands. None
-  /// for what may change with every run.
+  /// The first step whose result depends on it: once that is done, the setting cannot change.
+  /// Nothing for a setting that may change with every run.
   std::optional<Step> shapes;
   const char* help;
 };
@@ -69,7 +69,7 @@ struct SettingKind {
 /// All kinds, in the order of the usage text.
 const std::vector<SettingKind>& settingKinds();
 
-/// The settings of one migration, or those of them that were given.
+/// The settings that were given for one migration.
 class Settings {
  public:
   /// Throws MigrateBadSettings for an unknown name and for a value that the setting cannot
@@ -83,10 +83,10 @@ class Settings {
   /// True for a switch that is "yes".
   bool isOn(SettingName name) const { return get(name) == "yes"; }
 
-  /// The value that holds: the default of one that was not set, empty where there is none.
+  /// The value, or the default if it was not set; empty if there is no default.
   std::string effectiveValue(SettingName name) const;
 
-  /// Takes over what `newer` has.
+  /// Sets every setting that `newer` has.
   void overrideBy(const Settings& newer);
 
   const std::map<std::string, std::string>& values() const { return values_; }
@@ -102,12 +102,12 @@ Settings readSettingsFile(const std::string& path);
 /// Throws MigrateBadSettings when something is missing, or two things exclude each other.
 void checkComplete(const Settings& settings);
 
-/// The first setting, by name, that `newer` has in another way and that a finished step
-/// was shaped by; nothing when all changes are allowed. A default that is given is no change.
+/// The first setting, in the order of names, that `newer` changes although the result of a done
+/// step depends on it; nothing when all changes are allowed. Giving a default is no change.
 std::optional<SettingName> findForbiddenChange(const Settings& older, const Settings& newer,
                                                const std::vector<Step>& doneSteps);
 
-/// True for an agent that knows increments; others may refuse an option that they do not know.
+/// True when the agent supports increments; other agents may refuse the option.
 bool knowsIncrements(const Settings& settings);
 /// True when the agent must not stay on the source host.
 bool isAgentRemoved(const Settings& settings);
@@ -116,7 +116,7 @@ std::string agentNameOf(const Settings& settings);
 /// The key that sondrel will log in by: that of the settings, of the environment or of the host's
 /// configuration; empty for a login by password.
 std::string identityOf(const Settings& settings);
-/// The directory on the source host in which the agent's own is made.
+/// The directory on the source host in which the agent's own directory is made.
 std::string agentParentOf(const Settings& settings);
 
 }  // namespace migrate

@@ -40,7 +40,7 @@ Signals::Signals() {
     if (isRequest && original.sa_handler == SIG_IGN) continue;
     struct sigaction action {};
     sigemptyset(&action.sa_mask);
-    // A reader that went away is a write error and not the end of this process.
+    // A reader that has gone must be a write error and not the end of this process.
     action.sa_handler = number == SIGPIPE ? SIG_IGN : note;
     sigaction(number, &action, nullptr);
   }

@@ -7,15 +7,15 @@
 
 namespace migrate {
 
-/// A signal asked this program to end while it waited for a person.
+/// A termination signal arrived while this program waited for a person.
 struct Interrupted {
   int signal;
 };
 
-/// The signals that ask for an end (SIGHUP, SIGINT, SIGQUIT, SIGTERM, and SIGUSR1 for a clean
-/// stop), and the one that reports a child's end. They are blocked except in the waits, so
-/// that nothing is cut short in the middle. What was ignored when the program was started
-/// stays ignored. One object at a time.
+/// Handles the termination signals (SIGHUP, SIGINT, SIGQUIT, SIGTERM, and SIGUSR1 for a clean stop)
+/// and SIGCHLD. They are blocked except in the waits, so that no operation is interrupted half way.
+/// A signal that was ignored when the program started stays ignored. Only one object may exist at a
+/// time.
 class Signals {
  public:
   Signals();
@@ -23,22 +23,22 @@ class Signals {
   Signals(const Signals&) = delete;
   Signals& operator=(const Signals&) = delete;
 
-  /// As poll(2), with a timeout of -1 for none; a signal ends it as well, with 0.
+  /// As poll(2), with a timeout of -1 for none. A signal ends the wait, too, with 0.
   int wait(std::vector<pollfd>& descriptors, int timeoutMs);
 
-  /// The requests that came since the last call, in the order of their numbers.
+  /// The termination signals that arrived since the last call, in the order of their numbers.
   std::vector<int> take();
 
-  /// The first request of all; 0 while there was none.
+  /// The first termination signal that arrived; 0 for none.
   int requested() const { return requested_; }
 
   /// Receives the pending signals.
   void letIn();
-  /// The same; throws Interrupted when an end was asked for, now or earlier.
+  /// The same; throws Interrupted when a termination signal has arrived, now or earlier.
   void check();
 
-  /// For a child: what this program found ignored stays so, and nothing is blocked, for what
-  /// is passed on must arrive.
+  /// For a child before its exec: restores the signal actions that this program found, and unblocks
+  /// all signals, because the child must get what is passed on to it.
   void prepareChild() const;
 
  private:

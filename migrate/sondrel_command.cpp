@@ -19,7 +19,7 @@ bool isProgram(const std::string& path) {
   return boost::filesystem::is_regular_file(path, ignored) && access(path.c_str(), X_OK) == 0;
 }
 
-/// Hands settings on under the names they have here, if they were given.
+/// Appends the settings of these names that were given, as options of the same names.
 void handOn(const Settings& settings, std::initializer_list<SettingName> names, ArgList& line) {
   for (const SettingName name : names) {
     if (settings.has(name))
@@ -83,7 +83,8 @@ ArgList restoreCommand(Step step, const Settings& settings, const Places& places
   return line;
 }
 
-/// One that lies beside this program, or else the first one in PATH; empty when there is none.
+/// The program in the directory of this one, or else the first one in PATH; empty when there is
+/// none.
 std::string findProgram(const std::string& name) {
   boost::system::error_code ignored;
   const boost::filesystem::path self = boost::filesystem::read_symlink("/proc/self/exe", ignored);

@@ -8,23 +8,23 @@
 
 namespace migrate {
 
-/// The sondrel that lies beside this program, or else the first one in PATH. Throws
+/// The sondrel in the directory of this program, or else the first one in PATH. Throws
 /// MigrateImpossible when there is none.
 std::string findSondrel();
 
-/// The sondrel-restore that lies beside this program, or else the first one in PATH. Throws
+/// The sondrel-restore in the directory of this program, or else the first one in PATH. Throws
 /// MigrateImpossible when there is none.
 std::string findSondrelRestore();
 
-/// Where things are in one migration.
+/// The directories of one migration.
 struct Places {
   std::string session;
   /// The agent's own directory on the source host.
   std::string agentDir;
 };
 
-/// The command line of the program that makes a step, the program's name first. Without passwords:
-/// those go into its environment.
+/// The command line of the program that makes a step, the program's name first. It has no
+/// passwords: those go into the program's environment.
 ArgList commandOf(Step step, const Settings& settings, const Places& places);
 
 /// The command line that prints the dumping status of the agent.

@@ -33,10 +33,10 @@ const std::array<const char*, 2> BATCH_VARIABLES = {"SONDREL_CONTENT_BATCH",
 const char* const INCREMENTS_VARIABLE = "SONDREL_DUMP_INCREMENTS";
 /// Tells sondrel the key to log in by.
 const char* const IDENTITY_VARIABLE = "SONDREL_IDENTITY";
-/// The same for the host that the way leads through.
+/// Tells sondrel the jump host.
 const char* const JUMP_VARIABLE = "SONDREL_JUMP";
 
-/// A pipe that a child can be given the end to write to; the other end never blocks.
+/// A pipe whose write end is for a child. Reading from the other end never blocks.
 Pipe openPipe() {
   Pipe pipe = makePipe();
   if (!pipe.readEnd) throwSystemError("pipe", errno);
@@ -44,7 +44,8 @@ Pipe openPipe() {
   return pipe;
 }
 
-/// The environment of this process with the passwords and the key to use; wiped when it goes.
+/// A copy of the environment of this process, with the passwords and the key to use. The destructor
+/// wipes it.
 class ChildEnvironment {
  public:
   explicit ChildEnvironment(const SondrelRun& run) {
@@ -109,7 +110,8 @@ bool wireDescriptors(int out, int err, int lock) {
   const int nothing = open("/dev/null", O_RDONLY);
   if (nothing < 0 || dup2(nothing, STDIN_FILENO) < 0) return false;
   if (dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0) return false;
-  // The lock alone comes along. It may be 3 itself, which dup2 would leave to be closed.
+  // Only the lock stays open, as descriptor 3. It may be 3 already, where dup2 would do nothing and
+  // leave it close-on-exec: hence the copy.
   const int spare = fcntl(lock, F_DUPFD, 4);
   if (spare < 0 || dup2(spare, 3) < 0) return false;
   closeDescriptorsFrom(4);
@@ -118,7 +120,7 @@ bool wireDescriptors(int out, int err, int lock) {
 
 [[noreturn]] void runChild(const SondrelRun& run, const Signals& signals, int out, int err,
                            pid_t parent, char** arguments, char** environment) {
-  // No process would read its output, nor keep the record of it.
+  // The child ends with its parent: no other process would read its output or record its result.
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   if (getppid() != parent) _exit(CANNOT_EXECUTE);
   signals.prepareChild();
@@ -126,7 +128,7 @@ bool wireDescriptors(int out, int err, int lock) {
     execve(run.program.c_str(), arguments, environment);
   }
   const std::string text = run.program + ": " + std::strerror(errno) + "\n";
-  // No process is left that could read an error text; the exit status says it.
+  // A failure of this write cannot be reported; the exit status shows that the start failed.
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
   _exit(CANNOT_EXECUTE);
 }
@@ -142,7 +144,7 @@ std::string readSome(UniqueFd& fd) {
   return {};
 }
 
-/// Makes whole lines of a text that comes in pieces.
+/// Splits a text that arrives in pieces into lines.
 class Lines {
  public:
   /// Calls `take` for each line that is complete now, without its end.
@@ -155,7 +157,7 @@ class Lines {
     // A line without an end must not fill the memory.
     if (rest_.size() > LONGEST_BYTES) finish(take);
   }
-  /// The same for what has no end.
+  /// Calls `take` for a last line that has no end.
   void finish(const std::function<void(const std::string&)>& take) {
     if (!rest_.empty()) take(std::exchange(rest_, ""));
   }
@@ -179,20 +181,21 @@ class Child {
       runChild(run, signals, out.writeEnd.get(), err.writeEnd.get(), parent, arguments.data(),
                environment.pointers());
     }
-    // From here on nothing may throw: without a destructor the child would be left alone.
+    // Nothing may throw from here on: the destructor would not run, and the child would go on
+    // alone.
     out_ = std::move(out.readEnd);
     err_ = std::move(err.readEnd);
   }
   ~Child() {
     if (hasEnded_) return;
-    // An exception passes: the child must not go on unwatched.
+    // An exception has been thrown: the child must not go on without its parent.
     kill(pid_, SIGTERM);
     waitpid(pid_, nullptr, 0);
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  /// To the end of the process. Other processes that inherited its pipes are not waited for.
+  /// Serves the child until it ends. Does not wait for other processes that inherited its pipes.
   void attend() {
     while (!hasEnded_) {
       turn();
@@ -200,17 +203,17 @@ class Child {
       if (run_.tickMs >= 0) run_.onTick();
       reap();
     }
-    // What it said last.
+    // The rest of the child's output.
     while (takeOutput() || takeErrors()) continue;
     lines_.finish([this](const std::string& line) { takeLine(line); });
-    // A terminal sends its signals to both: this one's may still wait.
+    // A terminal sends its signals to both processes: one for this process may still be pending.
     signals_.letIn();
   }
 
   RunOutcome outcome() const {
     if (WIFSIGNALED(status_)) {
       const int number = WTERMSIG(status_);
-      // The request for a clean stop may come before sondrel is ready for it.
+      // SIGUSR1 kills a sondrel that is not ready for it yet; that is a stop, too.
       const bool asked = number == SIGUSR1 || number == signals_.requested();
       return {asked ? RunOutcome::STOPPED : RunOutcome::FAILED, FIRST_STATUS_OF_A_SIGNAL + number};
     }
@@ -230,7 +233,7 @@ class Child {
     takeErrors();
   }
 
-  /// Both: false when nothing was there.
+  /// This and takeErrors return false when there was nothing to read.
   bool takeOutput() {
     const std::string text = out_ ? readSome(out_) : "";
     if (text.empty()) return false;
@@ -239,8 +242,8 @@ class Child {
   }
 
   void takeLine(const std::string& line) {
-    // A log on standard output comes there as well, and may go on behind the text, which has no
-    // line end of its own.
+    // A log on standard output arrives here, too. It may follow the text on the same line, because
+    // the text has no line end.
     if (line.compare(0, std::strlen(TERMINATION_TEXT), TERMINATION_TEXT) == 0) saidStopped_ = true;
     run_.onOutput(line);
   }
@@ -257,7 +260,7 @@ class Child {
   }
 
   void reap() {
-    // A SIGCHLD from now on is blocked, and ends the next wait at once.
+    // A SIGCHLD that arrives from now on stays pending, and ends the next wait at once.
     const pid_t reaped = waitpid(pid_, &status_, WNOHANG);
     if (reaped < 0) throwSystemError("waitpid", errno);
     hasEnded_ = reaped == pid_;

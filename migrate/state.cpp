@@ -41,14 +41,14 @@ constexpr std::array<const char*, ALL_PROGRESS.size()> PROGRESS_NAMES = {
 
 std::string randomFolderName() {
   std::uint32_t number = 0;
-  // So few bytes come whole or, before the kernel has any, not at all.
+  // getrandom never returns only a part of so few bytes.
   if (getrandom(&number, sizeof number, 0) != sizeof number) failWithErrno("no random number");
   char digits[9];
   std::snprintf(digits, sizeof digits, "%08x", number);
   return std::string(FOLDER_PREFIX) + digits;
 }
 
-/// Passwords go to the host that it names, so no other account may have written it.
+/// Passwords go to the host that the document names, so no other account may have written it.
 void refuseForeign(const std::string& path, mode_t kind) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0) failWithErrno(path);
@@ -86,7 +86,7 @@ void writeRecord(tXmlDtmDocument& document, Step step, const StepRecord& record)
   document.addAttribute(node, "exit-code", std::to_string(record.exitCode));
 }
 
-/// A file of root's, which the service account can read.
+/// Writes the document as a file of root's that the service account can read.
 void replaceFile(const tXmlDocument& document, const std::string& target) {
   AtomicReplacement replacement(target, "state.xml.",
                                 {geteuid(), serviceAccount().group, DOCUMENT_MODE});
@@ -157,7 +157,8 @@ void State::save(const std::string& session) const {
     document.addAttribute(node, "name", name);
   }
   for (const Step step : ALL_STEPS) {
-    // Programs that know migrations without a restore read this, too.
+    // The steps of a restore are left out if there is none: some programs that read this do not
+    // know them.
     const bool isSaid = !isOfRestore(step) || settings.isOn(setting::RESTORE) ||
                         of(step).progress != Progress::WAITING;
     if (isSaid) writeRecord(document, step, of(step));

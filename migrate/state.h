@@ -9,14 +9,14 @@
 
 namespace migrate {
 
-/// How far a step is. A running one without a process was interrupted.
+/// How far a step is. RUNNING without a process means that the run was interrupted.
 enum class Progress { WAITING, RUNNING, DONE, FAILED, STOPPED };
 
 const char* nameOf(Progress progress);
 
 struct StepRecord {
   Progress progress = Progress::WAITING;
-  /// UTC, as in "2026-11-21T10:00:00Z"; empty for what has not come.
+  /// UTC, as in "2026-11-21T10:00:00Z"; empty while it has not happened.
   std::string started;
   std::string ended;
   /// Of the last run; meaningful once it has ended.
@@ -25,10 +25,10 @@ struct StepRecord {
   std::string reason;
 };
 
-/// What a migration is and how far it is, kept in the document "migrate/state.xml" of the
+/// The settings and the progress of a migration, kept in the document "migrate/state.xml" of the
 /// session directory.
 ///
-/// It names the host that root sends a password to: the document and its directory belong to
+/// Root sends a password to the host that it names. So the document and its directory belong to
 /// root alone, and the service account may only read them.
 class State {
  public:
@@ -36,8 +36,8 @@ class State {
   static std::string folderIn(const std::string& session);
   static std::string documentIn(const std::string& session);
 
-  /// A migration that has not begun. Its directory on the source host gets a name that no other
-  /// migration has.
+  /// A migration that has not begun. Its directory on the source host gets a random name, which no
+  /// other migration has.
   static State fresh();
   /// Throws MigrateImpossible when the document is not what this program writes, or when
   /// another account may write it.
@@ -61,8 +61,8 @@ class State {
   /// True when all of them are done.
   bool isFinished() const;
 
-  /// Resets `step` and all later ones to WAITING. Once the agent is gone it has to
-  /// be deployed again for them, unless they need none.
+  /// Resets `step` and all later ones to WAITING. If these need the agent and it has been removed,
+  /// resets its deployment, too.
   void goBackTo(Step step);
 
   /// The agent's own directory on the source host.

@@ -18,7 +18,7 @@ std::string runningText(const std::string& session) {
   return pid ? "running, process " + std::to_string(*pid) : "running";
 }
 
-/// Where a migration stands that is neither finished nor at work.
+/// Describes a migration that is not running.
 std::string restingText(const State& state) {
   for (const Step step : state.plan()) {
     const std::string at = std::string(" at ") + nameOf(step);
@@ -34,7 +34,7 @@ std::string restingText(const State& state) {
   return "finished";
 }
 
-/// What a step that is done could not do.
+/// The problems of a step that is done.
 std::string problemsText(const std::string& session, Step step) {
   const std::string inDump = step == Step::DUMP ? readDumpProblems(session).summary() : "";
   if (!inDump.empty()) return ", " + inDump;
@@ -69,7 +69,7 @@ void showPlaces(const State& state, const std::string& session, Console& console
 }
 
 void showState(const std::string& session, Console& console) {
-  // The lock first: a run that ends in between has recorded its end.
+  // Asks for the lock before reading the state: a run that ends in between has recorded its end.
   const bool isRunning = SessionLock::isHeld(State::folderIn(session));
   const State state = State::load(session);
   console.say("host: " + state.settings.get(setting::HOST));

@@ -6,9 +6,9 @@
 
 namespace migrate {
 
-/// Shows how far the migration in a session directory is, from its documents; it may be at
-/// work, and is not disturbed. Steps that an administrator made by running sondrel directly show as
-/// the progress of the dump and of the content. Throws MigrateImpossible when there is none.
+/// Prints how far the migration in a session directory is, from its documents. A running migration
+/// is not disturbed. For a session in which an administrator ran sondrel directly, prints the
+/// progress of the dump and of the content. Throws MigrateImpossible when there is neither.
 void showStatus(const std::string& session, Console& console);
 
 }  // namespace migrate
