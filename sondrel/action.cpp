@@ -34,7 +34,7 @@ void handleAlarm() {
   sigaction(SIGALRM, &action, nullptr);
 }
 
-/// Removes a file when it goes, unless told to keep it.
+/// The destructor removes the file, unless the guard was told to keep it.
 class RemoveFileGuard {
  public:
   explicit RemoveFileGuard(std::string path) : path_(std::move(path)) {}
@@ -131,7 +131,7 @@ int Action::execRoot(const std::string& command, std::istream& in, std::ostream&
   }
   std::stringstream withPassword;
   withPassword << config_->sudo_password.reveal() << '\n' << in.rdbuf();
-  // Copying nothing counts as a failure.
+  // Copying nothing sets the stream's failure bit.
   withPassword.clear();
   return execUser(sudoCommand, withPassword, out, err, quietOutput, quietInput);
 }
@@ -200,8 +200,8 @@ void update_status(int /*signalNumber*/) {
 }
 
 void Action::requestAlarm() {
-  // The signal comes in only while the connection waits, so nothing else is at work
-  // on it; before there is one, the next alarm will do.
+  // The signal arrives only while the connection waits, so no other call is using it. Without a
+  // connection the next alarm will do.
   if (ssh_) ssh_->setAlarm(this);
 }
 
@@ -220,8 +220,8 @@ void Action::doAlarm() {
   pAction = refreshed;
 }
 
-/// Downloads the dumping status and moves it over the local copy, so that readers
-/// never see a part of it. False when the agent has none to offer.
+/// Downloads the dumping status and moves it over the local copy, so that readers never see a part
+/// of it. False when the agent has none.
 bool Action::refreshDumpingStatus() {
   const std::string target = theSession->getDumpingStatusFileName();
   const std::string temporary = target + ".tmp";

@@ -24,7 +24,7 @@ DECLARE_ERROR_TAG(SudoNotAllowed, "sudo is not allowed for user %1% on host %2%.
 /// A sink for what an action reports to its caller; no caller makes one yet.
 class Result;
 
-/// What a remote command wrote to its error output, for an error's text.
+/// What a remote command wrote to its error output, with passwords masked, for an error's text.
 std::string errorTextOf(const CollectedText& err);
 
 /// Builds a remote command line: each word quoted, one blank between words.
@@ -46,15 +46,13 @@ class ArgsBuilder {
 /// MigrationTerminatedException.
 class Action : public Alarm {
  public:
-  /// With `createStatus` the action keeps the session's migration status up to date,
-  /// beginning now.
+  /// With `createStatus` the action keeps the session's migration status up to date, from now on.
   explicit Action(bool createStatus);
   ~Action() override = default;
   Action(const Action&) = delete;
   Action& operator=(const Action&) = delete;
 
-  /// Refreshes the local copy of the dumping status. A failure is dropped and ends
-  /// the refreshing.
+  /// Refreshes the local copy of the dumping status. A failure is ignored, and ends the refreshing.
   void doAlarm() override;
   virtual void setConfig(const config* config) { config_ = config; }
   virtual void setResult(Result* result) { result_ = result; }
@@ -67,16 +65,17 @@ class Action : public Alarm {
   /// The connection; made by the first call. Throws what Ssh's constructor throws.
   Ssh& getSsh();
 
-  /// Shows a person what `describe` says, on the connection, which it makes if there is
-  /// none; null, with nothing done, where there is no observer. Throws as getSsh does.
+  /// Shows the text of `describe` to a progress observer while the connection is in use. Opens the
+  /// connection if there is none. Does nothing and returns null when there is no observer. Throws
+  /// as getSsh does.
   std::unique_ptr<ProgressDisplay> showProgress(std::function<std::string()> describe);
 
   /// Runs a command as the login user in the agent directory; returns its status.
   int execUser(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
                bool quietOutput, bool quietInput);
   int execUser(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput);
-  /// The same as root: through sudo when the run is to use it, else as it is, the
-  /// login being root's. Throws what checkSudoPresence throws.
+  /// The same as root: through sudo if the run uses it, else directly, because the login is root
+  /// then. Throws what checkSudoPresence throws.
   int execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
                bool quietOutput, bool quietInput);
   int execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput);
@@ -132,7 +131,7 @@ class AlarmSignalGuard {
 class StatusRefreshGuard {
  public:
   explicit StatusRefreshGuard(Action* action);
-  /// The alarm is left as it is: when it goes off it finds no action.
+  /// Does not cancel the alarm: when it goes off it finds no action.
   ~StatusRefreshGuard();
   StatusRefreshGuard(const StatusRefreshGuard&) = delete;
   StatusRefreshGuard& operator=(const StatusRefreshGuard&) = delete;

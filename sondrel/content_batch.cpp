@@ -10,28 +10,28 @@
 
 namespace {
 
-/// A larger file keeps the connection busy by itself.
+/// A larger file uses the whole connection by itself.
 constexpr std::int64_t LARGEST_FILE_BYTES = std::int64_t{4} << 20;
-/// What a lost connection has to bring again.
+/// The most that must be fetched again after a lost connection.
 constexpr std::int64_t BATCH_BYTES = std::int64_t{32} << 20;
 constexpr std::size_t BATCH_FILES = 1000;
-/// Any server takes so much of a command's input before the command must read it.
+/// Every server accepts this much input before the command reads any of it.
 constexpr std::size_t BATCH_NAME_BYTES = std::size_t{60} << 10;
-/// What stands in front of each name in the archive.
+/// The prefix of each name in the archive.
 const std::string MEMBER_DIRECTORY = "./";
 
 std::size_t nameBytesOf(const DumpFile& file) {
-  // And the byte that ends it.
+  // One byte ends the name.
   return MEMBER_DIRECTORY.size() + file.name.size() + 1;
 }
 
-/// The name of the file that the member would be.
+/// The member's name without the prefix.
 std::string nameIn(const TarReader::Member& member) {
   const bool isBelow = member.name.compare(0, MEMBER_DIRECTORY.size(), MEMBER_DIRECTORY) == 0;
   return isBelow ? member.name.substr(MEMBER_DIRECTORY.size()) : member.name;
 }
 
-/// Why an archive came to a bad end.
+/// Why an archive is not whole.
 std::string reasonOf(const BatchEnd& end) {
   if (!end.errorText.empty()) return end.errorText;
   if (!end.damage.empty()) return end.damage;
@@ -44,7 +44,8 @@ std::string reasonOf(const BatchEnd& end) {
 
 bool ContentBatch::isFor(const DumpFile& file) {
   const bool isSmall = file.sizeIsListed && file.size >= 0 && file.size <= LARGEST_FILE_BYTES;
-  // Two names of one file must not meet in a batch: one of them would be proof of the other.
+  // A batch must not have two names of one file, such as "a//b" and "a/b": what arrives as one of
+  // them would count for the other, too.
   const bool isOnlyName = file.name.find("//") == std::string::npos;
   return isSmall && isOnlyName && nameBytesOf(file) <= BATCH_NAME_BYTES &&
          !hasBraceExpansion(file.name);
@@ -104,7 +105,8 @@ void BatchReceiver::receive(TarReader& archive) {
   }
 }
 
-/// Null for a member that must not be stored; the reason is noted.
+/// The file of the batch for this member. Null for a member that must not be stored; the reason is
+/// noted.
 BatchedFile* BatchReceiver::find(const TarReader::Member& member) {
   const auto place = places_.find(member.name);
   if (place == places_.end()) {

@@ -15,7 +15,8 @@
 
 class FileRetrievalProgressUpdater;
 
-/// Content files that travel together: one command brings them, another removes them.
+/// Content files that are transferred together: one command fetches them, another removes them on
+/// the source host.
 class ContentBatch {
  public:
   /// True for a file that belongs into a batch: it is listed as small, and its name means that
@@ -38,14 +39,14 @@ class ContentBatch {
   std::size_t nameBytes_ = 0;
 };
 
-/// What became of one file of a batch.
+/// The result for one file of a batch.
 struct BatchedFile {
   const DumpFile* file = nullptr;
   /// Every byte of the member is stored and its file is closed.
   bool isStored = false;
-  /// Why it is not; empty, too, for a file that did not come.
+  /// Why it is not stored; empty also for a file that has not arrived.
   std::string failure;
-  /// Its content could not be written, which is the cause of the failure.
+  /// The failure is that its content could not be written here.
   bool isUnwritable = false;
   FileIdentity identity{};
   std::int64_t size = 0;
@@ -53,14 +54,14 @@ struct BatchedFile {
   /// The progress counts it as done.
   bool isCounted = false;
 
-  /// True when it is stored and is what the list says, sum included: nothing that went wrong
-  /// elsewhere in the archive matters then.
+  /// True when it is stored, with the size and the sum that the list gives. Errors elsewhere in the
+  /// archive do not matter for such a file.
   bool isProven() const;
 };
 
 /// How the archive of a batch ended.
 struct BatchEnd {
-  /// None where the command was not waited for.
+  /// Nothing if the end of the command was not awaited.
   std::optional<int> exitStatus;
   /// What is wrong with the archive itself; empty when it is whole.
   std::string damage;
@@ -69,36 +70,38 @@ struct BatchEnd {
   bool isEmpty = true;
 
   bool isWhole() const { return damage.empty() && exitStatus == 0; }
-  /// True when the command complained, and did not die of it.
+  /// True when the command ended by itself, with an error status.
   bool hasComplained() const;
-  /// True when there is no tar there that does what is asked of it.
+  /// True when the source host cannot make such an archive: the command failed without any output.
   bool isUnableTo() const { return isEmpty && hasComplained(); }
 };
 
-/// Stores the members of an archive as the files of a batch that they are asked to be. What is in
-/// the archive besides harms nothing, and is reported.
+/// Stores the members of an archive as the files of a batch. Members that were not requested are
+/// skipped and reported.
 class BatchReceiver {
  public:
   /// All of them must outlive the receiver.
   BatchReceiver(const ContentBatch& batch, const ContentDirectory& directory,
                 FileRetrievalProgressUpdater& progress);
 
-  /// Takes all members. Once a file cannot be stored here, no further one is. Throws
-  /// ArchiveDamaged, and what the source of the archive throws; `files` says then how far it came.
+  /// Reads all members. After one file could not be stored here, no other one is stored. Throws
+  /// ArchiveDamaged, and what the source of the archive throws; `files` then shows how far it came.
   void receive(TarReader& archive);
-  /// In the order of the batch.
+  /// The results, in the order of the batch.
   std::vector<BatchedFile>& files() { return files_; }
   const std::vector<BatchedFile>& files() const { return files_; }
-  /// The first member that was not asked for, if there is one.
+  /// The first member that was not requested, if there is one.
   const std::optional<std::string>& surplus() const { return surplus_; }
-  /// The file that was coming when `receive` threw; else the first that has not come, or the first
-  /// of all.
+  /// The file that was arriving when `receive` threw; else the first that has not arrived, or the
+  /// first of all.
   const BatchedFile& current() const;
-  /// Puts the stored files on the disk, and looks for each in its place. Those that are not there
-  /// are not stored any more. False with errno when none may be on the disk.
+  /// Syncs the stored files, and checks that each is in its place; one that is not counts as not
+  /// stored any more. False with errno when syncing failed: then any of them may be missing on the
+  /// disk.
   bool sync();
-  /// Records a failure for each file that has no result yet. Not where tar has complained: it does
-  /// not say about which file, so each is fetched by a command of its own.
+  /// After a whole archive, records a failure for each file that was not in it; after a damaged one
+  /// only for the file that was arriving. Records none when tar complained about a file: it does
+  /// not say which, so each missing file is fetched by a command of its own.
   void explainMissing(const BatchEnd& end);
 
  private:

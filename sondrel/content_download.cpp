@@ -47,7 +47,7 @@ std::optional<ContentDownload::Received> ContentDownload::fetch(const DumpFile& 
   return Received{bytes, sum->finish()};
 }
 
-/// When it returns, the file is complete and on the disk, for then its remote copy goes.
+/// When this returns, the file is complete and on the disk: its remote copy is removed after that.
 void ContentDownload::receive(const DumpFile& file, CollectedText& err, Ssh::Counter& counter,
                               Md5Sum* sum) const {
   if (!makeDirectory()) throw failure({HERE}, file.name, std::strerror(errno));
@@ -64,7 +64,7 @@ void ContentDownload::receive(const DumpFile& file, CollectedText& err, Ssh::Cou
   }
 }
 
-/// The exit status of the remote command. When the local file cannot be written, the reason
+/// Returns the exit status of the remote command. When the local file cannot be written, the reason
 /// goes to `err` before the error is thrown.
 int ContentDownload::runCommand(const DumpFile& file, OutputFile& local, CollectedText& err,
                                 Ssh::Counter& counter) const {

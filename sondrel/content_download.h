@@ -15,21 +15,21 @@ DECLARE_ERROR_TAG(CantRetrieveContentFile,
                   "Failed to retrieve file '%1%' from '%2%' to '%3%': %4%");
 
 /// Makes the directory for content with its missing parents, for the service account. False with
-/// errno when it cannot.
+/// errno on failure.
 bool makeContentDir(const std::string& dir);
 
 /// The download of the content files of one run: from one agent directory, through one connection,
 /// into one directory here. Every failure is a CantRetrieveContentFile, which names both paths.
 class ContentDownload {
  public:
-  /// The place of a caller, for an error that is raised in its name: `{HERE}`.
+  /// A place in the code of a caller, for errors that are raised for it: `{HERE}`.
   struct Place {
     const char* function;
     const char* file;
     int line;
   };
 
-  /// What came over the connection, counted while it was written.
+  /// Size and sum of what came over the connection, computed while it was written.
   struct Received {
     std::int64_t bytes;
     std::string md5;
@@ -38,15 +38,15 @@ class ContentDownload {
   /// Connection and configuration must outlive the download. `dir` is where the files go.
   ContentDownload(Ssh& ssh, const config& config, const std::string& dir);
 
-  /// Fetches one file. When this returns, the file is complete, on the disk and in its place. The
-  /// result has its sum if `isSummed`. Throws CantRetrieveContentFile.
+  /// Fetches one file. When this returns, the file is complete, on the disk and in its place.
+  /// Returns its size and sum if `isSummed`, else nothing. Throws CantRetrieveContentFile.
   std::optional<Received> fetch(const DumpFile& file, Ssh::Counter& counter, bool isSummed) const;
 
-  /// Makes the directory if it is not there; false with errno.
+  /// Makes the directory if it does not exist; false with errno on failure.
   bool makeDirectory() const { return makeContentDir(dir_); }
   const ContentDirectory& directory() const { return directory_; }
 
-  /// The error of this file, raised at the place of the caller.
+  /// An error for this file, with the place of the caller.
   Exc<&CantRetrieveContentFile> failure(const Place& place, const std::string& name,
                                         const std::string& reason) const;
   /// The same, with the error that caused it.

@@ -4,7 +4,7 @@
 
 namespace {
 
-/// The front end's error callback: what goes wrong with a single node.
+/// Error callback of foreach_xmlnode: logs the error of a single node.
 void reportXmlError(const ExTraceable& error) {
   theDebugLog->log(error);
 }
@@ -79,7 +79,7 @@ void parseSelectedObjectsFile(const std::string& path, std::string& domains, std
   if (file.matches("//admin-info")) admin_info = true;
   const std::string filter = file.stringValue("/*/parameters/@filter");
   if (filter == "only-mail") only_mode = ONLY_MAIL;
-  // Spelled so by everybody who writes these files.
+  // All programs that write these files spell it so.
   if (filter == "only-phosting") only_mode = ONLY_HOSTING;
   const std::string level = file.stringValue("/*/parameters/@compression-level");
   if (level == "do-not-compress") compression = NO_COMPRESSION;

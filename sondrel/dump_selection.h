@@ -6,8 +6,8 @@
 #include "commons/xml_wrap.h"
 #include "sondrel/options.h"
 
-/// Which objects the agent is to dump: from the selected-objects file and the
-/// command line, turned into the agent's arguments and its standard input.
+/// Which objects the agent must dump: reads the selected-objects file and the command line, and
+/// makes the agent's arguments and its standard input of them.
 
 /// Joins the contents of nodes, without the empty ones, with commas.
 class tPeriodSeparatedListOperator : public tXmlOperator {
@@ -21,8 +21,8 @@ class tPeriodSeparatedListOperator : public tXmlOperator {
   int count_ = 0;
 };
 
-/// Fills the selection from an XML file; what the file does not say stays. Throws
-/// the errors of the XML documents and queries.
+/// Fills the selection from an XML file; values that the file does not give stay. Throws the errors
+/// of the XML documents and queries.
 void parseSelectedObjectsFile(const std::string& path, std::string& domains, std::string& clients,
                               std::string& resellers, int& only_mode, int& compression,
                               bool& server, bool& admin_info, bool& no_license);

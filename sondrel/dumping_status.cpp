@@ -29,7 +29,7 @@ void GetDumpingStatusAction::printStatus() {
   takeFile(path);
   const int exitStatus = getSsh().get(std::cout, path);
   if (!std::cout.flush()) throw Exc<&StreamWrite>(HERE);
-  // Smaller ones are those of cat: the agent may not have written the file yet.
+  // A smaller exit status is that of cat: the agent may not have written the file yet.
   if (exitStatus >= libssh2pp::Channel::FIRST_SIGNAL_STATUS) {
     actionLog.error("Reading " + path + " ended with status " + std::to_string(exitStatus));
     throw Exc<&DumpStatusError>(HERE);

@@ -41,7 +41,8 @@ std::string configuredKnownHosts(const std::string& host, const std::string& pol
     rejectHostKeys(
         host, "SSH_HOST_KEY_POLICY is \"" + policy + "\", and SSH_KNOWN_HOSTS_F names no file");
   }
-  // Another account that can write to the current directory would decide whom to trust.
+  // A relative path would let an account that can write to the current directory choose the trusted
+  // keys.
   if (file.front() != '/') {
     rejectHostKeys(host, "SSH_KNOWN_HOSTS_F is \"" + file + "\", which is no absolute path");
   }

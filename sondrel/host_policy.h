@@ -20,22 +20,22 @@ bool isAskedFor(const char* variable);
 /// closed: throws ContentVerifyUnknown when an operator's setting cannot be understood.
 bool isVerificationConfigured();
 
-/// True when small content files must travel together. Only speed depends on it: what cannot be
-/// understood, which the system log names, is a no.
+/// True when small content files should be fetched in batches. Only speed depends on it, so a value
+/// that cannot be understood counts as "no", and is reported to the system log.
 bool areBatchesWanted();
 
-/// True when the caller wants to read in the migration status how far the transfer is by what
-/// is listed. Other callers know the document without that.
+/// True when the caller asks for the listed sizes in the migration status. Other callers get the
+/// document without them.
 bool areListedSizesWanted();
 
-/// What the host's configuration demands of the keys of source hosts. Fails closed: throws
+/// The rules of the host's configuration for the keys of source hosts. Fails closed: throws
 /// SshHostKeyRejected for a setting that cannot be met or read.
 HostKeyRules configuredHostKeyRules(const std::string& host);
 
-/// The key of the run. Throws SshIdentityRejected for a setting that cannot be met: a run that
-/// was to use a key does not go on without it.
+/// The key that the run logs in by. Throws SshIdentityRejected for a setting that cannot be met: a
+/// run that should use a key does not go on without it.
 LoginIdentity identityOf(const config& config);
 
-/// The host that the way to the source host leads through, if one is asked for. Throws
-/// ConnectionFault when what was asked for is none.
+/// The jump host for the source host, if one is requested. Throws ConnectionFault when the request
+/// is malformed.
 std::optional<JumpHost> jumpHostOf(const config& config);

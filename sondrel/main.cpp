@@ -28,8 +28,8 @@ void installSignalHandlers() {
   action.sa_flags = SA_RESTART;
   action.sa_handler = stopOnRequest;
   sigaction(SIGUSR1, &action, nullptr);
-  // A reader that went away is a write error, which is reported, and not the silent
-  // end of this process.
+  // A reader that has gone must be a write error, which is reported, and not the silent end of this
+  // process.
   action.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &action, nullptr);
 }

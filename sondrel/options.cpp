@@ -107,8 +107,8 @@ const char* const USAGE =
     "          | --remove-dumping-status --session-path <dir>\n"
     "          | --help | -h)\n";
 
-/// The number in `text`, which may go on behind it, if it is a port's; else the mark
-/// for a bad port.
+/// The number at the beginning of `text` if it is a port number, else BAD_PORT. Text behind the
+/// number is ignored.
 int parsePort(const char* text) {
   const long number = std::strtol(text, nullptr, 10);
   return number < 1 || number > LARGEST_PORT ? BAD_PORT : static_cast<int>(number);
@@ -125,14 +125,14 @@ void storeSudoPassword(config* config) {
   config->sudo_password = Secret(get_sudo_password());
 }
 
-/// A variable that is set and empty turns off what the host's configuration has.
+/// A variable that is set but empty overrides the host's configuration: the login uses no key.
 std::string chosenIdentity() {
   if (const char* const value = getenv("SONDREL_IDENTITY")) return value;
   const char* const configured = qrvConfGet("SSH_IDENTITY_F");
   return configured ? boost::trim_right_copy(std::string(configured)) : "";
 }
 
-/// None of them is left in the environment.
+/// Takes the passwords out of the environment.
 void storePasswords(config* config) {
   config->password = Secret(get_env_noncrypted_password());
   wipe_env_variable(SUDO_PASSWORD_VARIABLE);
@@ -178,8 +178,8 @@ void verifyContentOptions(const config& config) {
   if (config.no_content && !dumps) extra_option("no-content", "dump-*");
 }
 
-/// For actions that need no connection. The password counts although no option gives
-/// it: a caller that sets it expects a connection.
+/// Refuses the options of a connection for actions that need none. The password counts as one
+/// although no option gives it: a caller that sets it expects a connection.
 void verifyNoConnection(const config& config) {
   if (!config.host.empty()) invalid_option("host");
   if (config.port != PORT_NOT_GIVEN) invalid_option("port");
@@ -205,7 +205,7 @@ void verifyConnection(const config& config) {
 
 void verifyAgent(const config& config) {
   if (config.action == SEND_SCOUT) {
-    // The wording of the other actions' errors is shared on purpose.
+    // The other actions' errors have the same wording, on purpose.
     if (!config.agent_dir.empty()) invalid_option("agent directory");
     if (!config.agent_name.empty()) invalid_option("agent name");
     return;
@@ -237,7 +237,8 @@ bool isAction(int id) {
 
 bool parse_options(int argc, char** argv, config* config) {
   const bool isUnderstood = parseArguments(argc, argv, config);
-  // Also after a wrong argument: the reason is shown by a process that may be slow to end.
+  // Also after a wrong argument: this process may take time to end, and /proc shows its
+  // environment.
   storePasswords(config);
   if (!isUnderstood) return false;
   config->identity = chosenIdentity();

@@ -11,7 +11,7 @@ DECLARE_ERROR_TAG(OptParsingError, "Unable to parse command line: %1%");
 /// know it under this name, whichever file it is in.
 #define FRONT_END_HERE __PRETTY_FUNCTION__, "./sondrel.cpp", __LINE__
 
-/// What a run is to do.
+/// The action of a run.
 enum ActionId {
   MORE_THAN_ONE_ACTION = -2,
   NO_ACTION = -1,
@@ -26,17 +26,16 @@ enum ActionId {
   HELP = 8
 };
 
-/// True for the ids of actions; the two marks are none.
+/// True for the ids of actions; false for the two special values.
 bool isAction(int id);
 
 enum OnlyMode { ALL_DATA = 0, ONLY_MAIL = 1, ONLY_HOSTING = 2 };
 enum Compression { DEFAULT_COMPRESSION = 0, STANDARD_COMPRESSION = 1, NO_COMPRESSION = 2 };
 
-/// `port` of a config: none was given, or not a port's number.
+/// Special values of `config::port`: no port was given, or the value was not a port number.
 enum PortMark { PORT_NOT_GIVEN = 0, BAD_PORT = -1 };
 
-/// The run configuration: filled once from the command line and the environment,
-/// then read by everybody.
+/// The run configuration: filled once from the command line and the environment, then only read.
 struct config {
   int action = NO_ACTION;
   std::string resellers;
@@ -51,7 +50,7 @@ struct config {
   /// A private key file, or "agent"; empty for a login by password.
   std::string identity;
   Secret key_password;
-  /// The host that the way leads through, as "[login@]host[:port]"; empty for none.
+  /// The jump host, as "[login@]host[:port]"; empty for none.
   std::string jump;
   std::string agent_dir;
   std::string agent_name;
@@ -71,9 +70,9 @@ struct config {
   bool no_license = false;
 };
 
-/// Reads the command line, the passwords from the environment, where none of them is left
-/// afterwards in any case, and which key to log in by from the environment, else the host's
-/// configuration. False when the system's option parser has complained, on standard error.
+/// Reads the command line and the passwords of the environment; takes the key to log in by from the
+/// environment, else from the host's configuration. No password is left in the environment,
+/// whatever the result. False when getopt has reported an error on standard error.
 bool parse_options(int argc, char** argv, config* config);
 
 /// Throws OptParsingError for the first rule of the chosen action that is broken.

@@ -17,7 +17,7 @@ constexpr std::chrono::seconds RATE_WINDOW{5};
 /// Shorter samples measure buffering.
 constexpr std::chrono::milliseconds SHORTEST_MEASUREMENT{500};
 
-/// None when a size is impossible, or their sum is.
+/// Nothing when a size or the sum is impossible.
 std::optional<std::int64_t> sumOfSizes(const std::vector<DumpFile>& files) {
   std::int64_t sum = 0;
   for (const DumpFile& file : files) {
@@ -69,7 +69,7 @@ ProgressDisplay::~ProgressDisplay() {
 
 void RateMeter::note(Clock::time_point now, std::int64_t bytes) {
   samples_.push_back({now, bytes});
-  // One that is as old as the window, or older, stays: it is where the window begins.
+  // Keeps one sample that is as old as the window or older: the measurement begins there.
   while (samples_.size() > 2 && samples_[1].time <= now - RATE_WINDOW) samples_.pop_front();
 }
 
@@ -109,7 +109,7 @@ void ContentProgress::finishFile() {
 
 std::optional<std::int64_t> ContentProgress::bytesLeft() const {
   if (!bytesTotal_) return std::nullopt;
-  // A file that is not what the list says has no more bytes here than there.
+  // Of a file that is larger than listed only the listed size counts.
   return *bytesTotal_ - bytesOfDoneFiles_ - std::min(bytesOfFile_, sizeOfFile_);
 }
 

@@ -15,13 +15,12 @@
 #include "commons/progress_line.h"
 #include "transport/ssh-transfer.h"
 
-/// Progress display for interactive runs. Without a terminal
-/// nothing of it is made.
+/// Progress display for interactive runs. Without a terminal none of this is created.
 
-/// The line of progress of this process; null where there is no observer.
+/// The progress line of this process; null when there is no observer.
 extern ProgressLine* theProgressLine;
 
-/// Sets theProgressLine, to the line of a terminal, and takes it away again.
+/// Sets theProgressLine to the line of the terminal `descriptor`; the destructor resets it.
 class ProgressLineController {
  public:
   explicit ProgressLineController(int descriptor);
@@ -33,12 +32,12 @@ class ProgressLineController {
   std::unique_ptr<ProgressLine> line_;
 };
 
-/// While it lives, what `describe` says is on the line, and drawn over again while the
-/// connection is in use. A signal that ends the process erases it first.
+/// While it lives, the progress line shows the text of `describe`, redrawn while the connection is
+/// in use. A termination signal erases the line before it ends the process.
 class ProgressDisplay : public ProgressObserver {
  public:
-  /// Null when there is no thread to be had for it. `ssh`, `line` and what `describe`
-  /// uses, must outlive the display.
+  /// Null when its helper thread cannot be started. `ssh`, `line` and everything that `describe`
+  /// uses must outlive the display.
   static std::unique_ptr<ProgressDisplay> on(ProgressLine& line, Ssh& ssh,
                                              std::function<std::string()> describe);
   ~ProgressDisplay() override;
@@ -56,14 +55,14 @@ class ProgressDisplay : public ProgressObserver {
   EndingSignals endingSignals_;
 };
 
-/// How fast something is, as of the last seconds.
+/// The speed of a transfer over the last seconds.
 class RateMeter {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Takes down the number of bytes so far; at times that only grow.
+  /// Notes the number of bytes so far. `now` must not decrease.
   void note(Clock::time_point now, std::int64_t bytes);
-  /// Bytes in a second; none before some time has passed.
+  /// Bytes per second; nothing before enough time has passed.
   std::optional<std::int64_t> rate() const;
 
  private:
@@ -74,8 +73,8 @@ class RateMeter {
   std::deque<Sample> samples_;
 };
 
-/// How far a content run is. What is here already counts as done, unlike in the migration
-/// status, so that the time left is that of what is still to come.
+/// How far a content run is. Files that were here before count as done, unlike in the migration
+/// status, so that the time left is that of the missing files.
 class ContentProgress {
  public:
   explicit ContentProgress(const std::vector<DumpFile>& files);
@@ -85,15 +84,15 @@ class ContentProgress {
   void finishFile();
   std::string describe(RateMeter::Clock::time_point now);
 
-  /// The bytes that are listed, and those of them that are still to come; none where the list
-  /// has impossible sizes.
+  /// The bytes of the content list, and those of them that are missing; nothing when the list has
+  /// impossible sizes.
   std::optional<std::int64_t> bytesTotal() const { return bytesTotal_; }
   std::optional<std::int64_t> bytesLeft() const;
 
  private:
   std::int64_t filesTotal_;
   std::int64_t filesLeft_;
-  /// None where the list has impossible sizes.
+  /// Nothing when the list has impossible sizes.
   std::optional<std::int64_t> bytesTotal_;
   std::int64_t bytesOfDoneFiles_ = 0;
   std::int64_t bytesReceived_ = 0;
@@ -103,8 +102,8 @@ class ContentProgress {
   RateMeter rate_;
 };
 
-/// How far a dump is: how long it takes, and what the agent's status says, as the alarm
-/// fetches it. Nothing else is asked of the source host.
+/// How far a dump is: the time since it began, and the agent's dumping status as the alarm fetched
+/// it last. Sends no command of its own to the source host.
 class DumpProgress {
  public:
   explicit DumpProgress(std::string statusFile);

@@ -7,6 +7,6 @@ void RemoveAgentAction::execute() {
   try {
     execRoot(line.str(), out, err, false);
   } catch (const ExTraceable&) {
-    // Clean-up never fails a migration.
+    // Clean-up must not make a migration fail.
   }
 }

@@ -2,8 +2,8 @@
 
 #include "sondrel/action.h"
 
-/// Deletes the remote agent directory. Never fails for the remote side's sake, so
-/// that clean-up never fails a migration.
+/// Deletes the remote agent directory. Errors of the source host are ignored, so that clean-up
+/// never makes a migration fail.
 class RemoveAgentAction : public Action {
  public:
   using Action::Action;

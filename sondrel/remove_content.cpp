@@ -6,19 +6,19 @@
 #include "commons/secrets.h"
 #include "sondrel/retrieve_content.h"
 
-/// The part of RetrieveContentAction that removes on the source host what is here.
+/// The part of RetrieveContentAction that removes fetched files on the source host.
 
 namespace {
 
-/// The status of a shell for a program that is there and cannot be run; the next one is that of
-/// a program that is not there.
+/// A shell's exit status for a program that cannot be executed, and for one that does not exist.
 constexpr int NOT_EXECUTABLE_STATUS = 126;
 constexpr int NOT_FOUND_STATUS = 127;
 
-/// Removes the files whose names, each with a zero byte behind it, follow the first zero byte of
-/// its input. A name that was cut on its way could be that of another file: it is left out. Ends
-/// with SOME_NOT_REMOVED and prints then, behind a zero byte for each name, why it was not removed.
-/// Without braces: quoting leaves them as they are, and the login's shell may expand them.
+/// A Perl script that removes files. It ignores its input up to the first zero byte; then come the
+/// names, each with a zero byte behind it. A name without that byte may have been cut off and mean
+/// another file, so it is ignored. When a removal failed, the script prints for each name a zero
+/// byte and the reason, which is empty for a removed file, and ends with SOME_NOT_REMOVED. It has
+/// no braces: quoting leaves them as they are, and the login's shell may expand them.
 constexpr char REMOVE_FILES[] =
     R"($/ = "\0"; <STDIN>; )"
     R"(push @errors, unlink($_) ? "" : "$!" while defined($_ = <STDIN>) and chomp; )"
@@ -70,7 +70,7 @@ void RetrieveContentAction::logRemovalFailure(const DumpFile& file,
 
 void RetrieveContentAction::removeRemoteFiles(const std::vector<const DumpFile*>& files) {
   if (files.empty()) return;
-  // With a password that sudo does not want, it is in front of the first zero byte.
+  // A password that sudo does not read stays in front of the first zero byte, and is ignored.
   std::string names(1, '\0');
   for (const DumpFile* file : files) names.append(remotePathOf(file->name)).push_back('\0');
   const ArgsBuilder line = ArgsBuilder("perl") << "-e" << REMOVE_FILES;
@@ -88,14 +88,14 @@ void RetrieveContentAction::removeRemoteFiles(const std::vector<const DumpFile*>
   for (const DumpFile* file : files) removeRemoteFile(*file);
 }
 
-/// Records which of the removals failed, by what the command has printed.
+/// Records which of the removals failed, according to the script's output.
 void RetrieveContentAction::logRemovals(const std::vector<const DumpFile*>& files, int exitStatus,
                                         const std::string& told, const std::string& errorText) {
   std::vector<std::string> reasons;
   boost::split(reasons, told, [](char c) { return c == '\0'; });
   const bool isTold = exitStatus == SOME_NOT_REMOVED && reasons.size() > files.size();
   for (std::size_t i = 0; i < files.size(); ++i) {
-    // A login shell may have said something in front.
+    // A login shell may have printed text first: counted from the end.
     const std::string& reason = isTold ? reasons[reasons.size() - files.size() + i] : errorText;
     if (!isTold || !reason.empty()) logRemovalFailure(*files[i], maskSecrets(reason));
   }

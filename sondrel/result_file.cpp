@@ -6,7 +6,7 @@ ResultFile::ResultFile(const std::string& path)
 ResultFile::ResultFile(const std::string& path, const UmaskGuard& /*mask*/) : OutputFile(path) {}
 
 void ResultFile::finish() {
-  // The result, which is on the disk itself, may say that this document is there.
+  // Synced, because the result log is: after a crash it may say that this document exists.
   if (!syncAndClose()) throw Exc<&FileWrite>(HERE) % path() % errorText();
 }
 

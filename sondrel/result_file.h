@@ -8,13 +8,12 @@
 
 DECLARE_ERROR_TAG(FileWrite, "Error during %1% write: %2%");
 
-/// A file in which an action leaves its result: mode 0644 when new, whatever the
-/// process's umask is.
+/// The file for the result of an action: mode 0644 when new, whatever the process's umask is.
 class ResultFile : public OutputFile {
  public:
-  /// Creates or truncates the file. When that fails every write to it will.
+  /// Creates or truncates the file. If that fails, every write fails.
   explicit ResultFile(const std::string& path);
-  /// Ends the writing. Throws FileWrite when a byte may be missing, or the file.
+  /// Syncs and closes the file. Throws FileWrite when it may be incomplete or missing.
   void finish();
 
  private:

@@ -5,7 +5,7 @@
 
 namespace {
 
-/// The figure began with what another host has listed, which may be any number.
+/// Subtracts without overflow: the number comes from another host's list and may be any number.
 void countDown(std::int64_t& left, int bytes) {
   constexpr std::int64_t LEAST = std::numeric_limits<std::int64_t>::min();
   left = left < LEAST + bytes ? LEAST : left - bytes;

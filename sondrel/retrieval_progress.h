@@ -10,8 +10,8 @@
 /// Keeps the migration status up to date while content files come in.
 class FileRetrievalProgressUpdater : public Ssh::Counter {
  public:
-  /// `status` must outlive the updater, and so must `listed`, if it is given: the progress by
-  /// what is listed, which a person is shown. With `tellsListed` it goes into the status, too.
+  /// `listed`, if given, is the progress by the listed sizes, which an observer sees; with
+  /// `tellsListed` the status contains it, too. `status` and `listed` must outlive the updater.
   FileRetrievalProgressUpdater(MigrationStatus& status, std::int64_t totalBytes, int filesNumber,
                                ContentProgress* listed = nullptr, bool tellsListed = false);
 

@@ -19,7 +19,7 @@
 
 namespace {
 
-/// More than a million entries.
+/// Enough for more than a million entries.
 constexpr std::size_t CONTENT_LIST_LIMIT = std::size_t{256} << 20;
 
 }  // namespace
@@ -75,7 +75,7 @@ std::unique_ptr<AgentFileList> RetrieveContentAction::requestContentList() {
   return std::unique_ptr<AgentFileList>(getFileList(out.str()));
 }
 
-/// The names come from another host and are used by root here.
+/// The names come from another host, and root uses them here.
 void RetrieveContentAction::refuseUnsafeNames(const AgentFileList& list) {
   for (const DumpFile& file : list.getFileList()) {
     const std::string reason = whyUnsafeName(file.name);
@@ -92,7 +92,7 @@ void RetrieveContentAction::checkFreeSpace(const AgentFileList& list) {
 
 void RetrieveContentAction::retrieveEntry(const DumpFile& file,
                                           FileRetrievalProgressUpdater& progress) {
-  // The second of two entries of one name finds what the first has brought.
+  // An earlier entry has the same name: fetch its batch first, so that this one finds the file.
   if (batch_.has(file.name)) retrieveBatch(progress);
   progress.startFile(file);
   if (!checkMD5(file)) {
@@ -114,15 +114,15 @@ void RetrieveContentAction::retrieveAlone(const DumpFile& file, Ssh::Counter& co
   }
 }
 
-/// True when the file is here and may go there; false when it is not what the list says.
+/// Fetches the file. True when its remote copy may be removed; false when it differs from the list.
 bool RetrieveContentAction::isFetchedAsListed(const DumpFile& file, Ssh::Counter& counter) {
-  // Some login shells fetch, and would remove, other files than the one of that name.
+  // Some login shells expand braces, and would fetch and then remove other files.
   const bool isSummed = verify_ || hasBraceExpansion(file.name);
   const auto received = download().fetch(file, counter, isSummed);
   return !received || isAsListed(file, received->bytes, received->md5);
 }
 
-/// Records each difference in the result log.
+/// Compares what was received with the list; records each difference in the result log.
 bool RetrieveContentAction::isAsListed(const DumpFile& file, std::int64_t receivedBytes,
                                        const std::string& sum) {
   if (!file.sizeIsListed && file.md5.empty() && hasBraceExpansion(file.name)) {
@@ -155,7 +155,7 @@ std::string RetrieveContentAction::localSum(const DumpFile& file) {
   __gnu_cxx::stdio_filebuf<char> buffer(fd.release(), std::ios::in | std::ios::binary,
                                         BUFFER_BYTES);
   std::istream stream(&buffer);
-  // A large file takes minutes, in which the server must not take us for dead.
+  // A large file takes minutes: keep the connection alive meanwhile.
   return countMd5Sum(stream, [this] { getSsh().keepAlive(); });
 }
 
@@ -166,7 +166,7 @@ bool RetrieveContentAction::checkMD5(const DumpFile& file) {
 void RetrieveContentAction::checkFile(const DumpFile& file) {
   if (file.md5.empty()) return;
   const std::string sum = localSum(file);
-  // This record has the two sums the other way round, and its readers know it so.
+  // The two sums are swapped in this record; its readers expect that.
   if (sum != file.md5) theLog->log(Exc<&WrongMd5Sum>(HERE) % file.name % file.md5 % sum);
 }
 

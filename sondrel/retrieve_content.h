@@ -35,7 +35,7 @@ DECLARE_ERROR_TAG(ContentVerificationFailed,
 class RetrieveContentAction : public Action {
  public:
   using Action::Action;
-  /// Throws CantRetrieveDump around every error.
+  /// Throws CantRetrieveDump, with the error that caused it.
   void execute() override;
 
   /// True when the entry has a sum and the local file has the same.
@@ -74,10 +74,11 @@ class RetrieveContentAction : public Action {
 
   /// Made when it is needed first, with the connection.
   std::optional<ContentDownload> download_;
-  /// Whether what arrives is compared with the list, which this host's configuration says.
+  /// True when this host's configuration demands that received files are compared with the list.
   bool verify_ = false;
   int filesUnlikeTheList_ = 0;
-  /// Whether small files travel together; not any more once the source host turns out unable to.
+  /// True while small files are fetched in batches. Becomes false when the source host turns out to
+  /// be unable to make them.
   bool batching_ = false;
   ContentBatch batch_;
 };

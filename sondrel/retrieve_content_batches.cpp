@@ -29,8 +29,8 @@ void RetrieveContentAction::retrieveBatch(FileRetrievalProgressUpdater& progress
   retrieveEachAlone(receiver, progress);
 }
 
-/// Throws CantRetrieveContentFile, for the file that was coming, when the connection fails or this
-/// host cannot go on.
+/// Receives the archive of a batch. Throws CantRetrieveContentFile, for the file that was arriving,
+/// when the connection fails or this host cannot go on.
 BatchEnd RetrieveContentAction::receiveBatch(const ContentBatch& batch, BatchReceiver& receiver) {
   if (!download().makeDirectory()) {
     throw download().failure({HERE}, batch.files().front()->name, std::strerror(errno));
@@ -61,20 +61,22 @@ BatchEnd RetrieveContentAction::takeArchive(RemoteOutput& output, BatchReceiver&
   } catch (const Exc<&ArchiveDamaged>& e) {
     end.damage = e.what();
   }
-  // What is no archive may go on for ever.
+  // Not after other output than an archive: that may never end, and then the command does not end
+  // either.
   if (hasEnded) end.exitStatus = output.status();
   return end;
 }
 
-/// Removes there what is complete and on the disk here. Throws CantRetrieveContentFile when a file
-/// has failed.
+/// Syncs the files, and removes on the source host those that are complete here. Throws
+/// CantRetrieveContentFile when a file has failed.
 void RetrieveContentAction::finishBatch(BatchReceiver& receiver, const BatchEnd& end) {
   if (!receiver.sync()) {
     throw download().failure({HERE}, receiver.files().front().file->name, std::strerror(errno));
   }
   std::vector<const DumpFile*> removable;
   for (BatchedFile& file : receiver.files()) {
-    // A tar that complains fills up what it cannot read, and the archive does not show it.
+    // When tar cannot read all of a file it fills up the member. The archive does not show that,
+    // but the exit status does.
     file.isStored = file.isStored && (end.isWhole() || file.isProven());
     if (!file.isStored) continue;
     if (!verify_ || isAsListed(*file.file, file.size, file.md5)) {
@@ -88,13 +90,13 @@ void RetrieveContentAction::finishBatch(BatchReceiver& receiver, const BatchEnd&
   failForBatch(receiver);
 }
 
-/// The error that a file of its own would end with.
+/// The same error as for a file that is fetched alone.
 Exc<&CantRetrieveContentFile> RetrieveContentAction::cantStore(const BatchedFile& file) {
   return download().failure(Exc<&StreamWrite>(HERE), {HERE}, file.file->name, file.failure);
 }
 
-/// Throws CantRetrieveContentFile for the first file that has failed; the result log has those
-/// behind it.
+/// Throws CantRetrieveContentFile for the first file that has failed; the failures of later files
+/// go to the result log.
 void RetrieveContentAction::failForBatch(const BatchReceiver& receiver) {
   std::vector<Exc<&CantRetrieveContentFile>> failures;
   for (const BatchedFile& file : receiver.files()) {
@@ -111,8 +113,7 @@ void RetrieveContentAction::failForBatch(const BatchReceiver& receiver) {
   if (!failures.empty()) throw Exc<&CantRetrieveContentFile>(failures.front());
 }
 
-/// Those that are not here, after a batch that no file was to blame for: each is fetched alone and
-/// ends with its own error.
+/// Fetches the files that the batch has not brought: each alone, so that each gets its own error.
 void RetrieveContentAction::retrieveEachAlone(const BatchReceiver& receiver,
                                               FileRetrievalProgressUpdater& progress) {
   for (const BatchedFile& file : receiver.files()) {

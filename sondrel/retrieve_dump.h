@@ -10,14 +10,14 @@ DECLARE_ERROR_TAG(CantRetrieveDumpFile,
                   "Remote agent failed with the following stderr messages: %1%");
 DECLARE_ERROR_TAG(CantRetrieveDump, "Error during dump retrieval");
 
-/// Has the agent dump, and fetches the dump.
+/// Runs the agent to make a dump, and fetches the dump.
 class RetrieveDumpAction : public Action {
  public:
-  /// `agentArguments` follow the entry point; `agentInput`, if not empty, is what the
-  /// agent reads.
+  /// `agentArguments` follow the entry point on the command line; `agentInput` is the agent's
+  /// standard input, none if it is empty.
   RetrieveDumpAction(bool createStatus, std::vector<std::string> agentArguments,
                      std::string agentInput);
-  /// Throws CantRetrieveDump around every error.
+  /// Throws CantRetrieveDump, with the error that caused it.
   void execute() override;
 
  private:

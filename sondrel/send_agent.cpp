@@ -25,11 +25,11 @@ namespace {
 
 log4cpp::Category& sendAgentLog = log4cpp::Category::getInstance("k.SendAgentAction");
 
-/// A larger file keeps the connection busy by itself.
+/// A larger file uses the whole connection by itself.
 constexpr std::uintmax_t LARGEST_FILE_BYTES = std::uintmax_t{2} << 20;
-/// What is held in memory.
+/// The most that is kept in memory.
 constexpr std::size_t BATCH_BYTES = std::size_t{6} << 20;
-/// Far from what any system takes for a command.
+/// Far below every system's limit for a command line.
 constexpr std::size_t COMMAND_BYTES = std::size_t{16} << 10;
 
 bool isThere(const fs::path& path) {
@@ -37,13 +37,13 @@ bool isThere(const fs::path& path) {
   return fs::exists(path, unusable);
 }
 
-/// False, too, for what cannot be looked at, as a link that leads to itself.
+/// False also for a path that cannot be inspected, such as a link to itself.
 bool isDirectory(const fs::path& path) {
   boost::system::error_code unusable;
   return fs::is_directory(path, unusable);
 }
 
-/// What stays here of the tree that begins at `root`.
+/// True for the part of the tree at `root` that is not copied.
 bool isLeftOut(const fs::path& root, const fs::path& local) {
   return local.parent_path().string() == root.string() && local.filename() == AGENTS_CONTROL_DIR;
 }
@@ -58,8 +58,8 @@ int countFilesIn(const fs::path& root) {
   return files;
 }
 
-/// What a file holds that is small enough to travel with others; none for another one, and for
-/// what cannot be read.
+/// The content of a file that is small enough for a batch; nothing for other files, and for those
+/// that cannot be read.
 std::optional<std::string> contentToBatch(const fs::path& local) {
   boost::system::error_code unusable;
   if (!fs::is_regular_file(local, unusable)) return std::nullopt;
@@ -67,7 +67,7 @@ std::optional<std::string> contentToBatch(const fs::path& local) {
   if (unusable || size > LARGEST_FILE_BYTES) return std::nullopt;
   std::ifstream file(local.string(), std::ios::binary);
   std::ostringstream content;
-  // Copying nothing counts as a failure.
+  // Copying nothing sets the stream's failure bit.
   if (!file || (size > 0 && !(content << file.rdbuf()))) return std::nullopt;
   return content.str();
 }
@@ -142,7 +142,8 @@ bool SendAgentAction::sendFile(const fs::path& root, const fs::path& local,
   return true;
 }
 
-/// Keeps the node for the time when all are known; of two files of one name the second wins.
+/// Notes the node until all nodes are known. The second of two files with the same remote path
+/// replaces the first.
 bool SendAgentAction::note(const fs::path& root, const fs::path& local, const fs::path& remote) {
   if (isDirectory(local)) {
     if (isLeftOut(root, local)) return false;
@@ -172,7 +173,7 @@ void SendAgentAction::makeNotedDirs() {
 }
 
 void SendAgentAction::sendNotedFiles() {
-  // Files of one name were counted twice.
+  // Files with the same remote path were counted twice.
   if (batching_ && filesTotal_ > 0) filesTotal_ = static_cast<int>(notedFiles_.size());
   auto batch = std::make_unique<UploadBatch>();
   for (const Upload& file : notedFiles_) {
@@ -193,7 +194,7 @@ void SendAgentAction::sendNotedFiles() {
   uploadBatch(*batch);
 }
 
-/// The path relative to the agent directory.
+/// The member's name: the path relative to the agent directory.
 std::string SendAgentAction::memberNameOf(const std::string& remote) const {
   const std::string& dir = getConfig().agent_dir;
   return "." + std::string(dir.back() == '/' ? "/" : "") + remote.substr(dir.size());
@@ -211,7 +212,7 @@ void SendAgentAction::uploadBatch(UploadBatch& batch) {
   }
   sendAgentLog.notice("Each file is sent by itself, since tar ended with exit status " +
                       std::to_string(exitStatus) + ": " + maskSecrets(errorText));
-  // An error of one of them is reported for that one.
+  // So that an error is reported for the file that caused it.
   for (const Upload* file : batch.files) uploadFile(file->local, file->remote);
 }
 
@@ -245,8 +246,8 @@ void SendAgentAction::requestAgentStatus() {
   const boost::shared_ptr<const Agent> agent = getAgent();
   const std::string entryPath = remotePathOf(agent->entryPoint());
   ResultFile statusFile(theSession->getDeploymentStatusFileName());
-  // Trusted, and unquoted inside the script: the configuration and the spec file may
-  // rely on the shell here.
+  // The configuration and the spec file are trusted. Their values are unquoted in the script,
+  // because they may use shell syntax here.
   const std::string script = "cd " + getConfig().agent_dir + " && " +
                              agent->effectiveInterpreter() + " " + entryPath + " --get-status";
   const ArgsBuilder line = ArgsBuilder("sh") << "-c" << script;
@@ -255,8 +256,8 @@ void SendAgentAction::requestAgentStatus() {
     throw Exc<&CantRequestAgentStatus>(HERE) % entryPath % maskSecrets(err.str());
   }
   const ServiceAccount& owner = serviceAccount();
-  // Its readers may be this process's own user; best effort: readers running as root do not need
-  // it.
+  // Best effort: if this process may not change the owner, its readers are the user of this
+  // process, or root.
   [[maybe_unused]] const int ignored = chown(statusFile.path().c_str(), owner.user, owner.group);
   statusFile.finish();
 }

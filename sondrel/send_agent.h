@@ -17,19 +17,19 @@ DECLARE_ERROR_TAG(CantUploadAgentFile, "Can't upload agent file %1% to the remot
 DECLARE_ERROR_TAG(CantRequestAgentStatus,
                   "Cannot request remote agent status using command line %1%: %2%");
 
-/// Copies the shared files and the agent's own, which win, into the remote agent
-/// directory, and stores what the agent then says of itself. Nothing is rolled back
-/// on failure. Where SONDREL_DEPLOY_BATCH asks for it, the directories are made by one command and
-/// the files travel in one archive, with the same result.
+/// Copies the shared files and the agent's own to the remote agent directory, and stores the status
+/// that the agent then reports. The agent's own file replaces a shared one of the same name. After
+/// a failure the files that were copied stay. Where SONDREL_DEPLOY_BATCH asks for it, one command
+/// makes the directories and the files travel in archives, with the same result.
 class SendAgentAction : public Action {
  public:
   using Action::Action;
   /// Throws the tags above, AgentNotFound, FileWrite.
   void execute() override;
 
-  /// Makes one node of a walked tree on the source host: directories as root, given to
-  /// the login user, files as the login user. `root` is the top of the tree. False
-  /// for the top's control directory, which stays here. In batches, only notes the node.
+  /// Copies one node of a local tree to the source host: makes a directory as root and gives it to
+  /// the login user, uploads a file as the login user. `root` is the top of the tree. False for the
+  /// control directory of the top, which is not copied. With batches it only notes the node.
   bool sendFile(const boost::filesystem::path& root, const boost::filesystem::path& local,
                 const boost::filesystem::path& remote);
 
@@ -57,12 +57,12 @@ class SendAgentAction : public Action {
   void requestAgentStatus();
 
   int filesSent_ = 0;
-  /// 0 where there is no observer, or where they cannot be counted.
+  /// 0 when there is no observer, or when the files cannot be counted.
   int filesTotal_ = 0;
   std::string file_;
   bool batching_ = false;
   std::vector<std::string> notedDirs_;
   std::vector<Upload> notedFiles_;
-  /// Of each remote path, the place of its file.
+  /// The index in `notedFiles_` of each remote path.
   std::map<std::string, std::size_t> notedPlaces_;
 };

@@ -11,8 +11,8 @@ void SendScoutAction::execute() {
   status()->setAgentOperation(MigrationStatus::DEPLOY_AGENT);
   status()->saveFile();
   std::ifstream script(files::getScoutFileName(), std::ios::binary);
-  // Without its argument this error ends the process: an installation without a
-  // scout is broken.
+  // The missing argument of this error ends the process on purpose: an installation without a scout
+  // is broken.
   if (!script) throw Exc<&UnableToOpenScoutFile>(HERE);
   ResultFile result(theSession->getScoutResultFileName());
   CollectedText err;

@@ -51,15 +51,16 @@ int complain(const char* text) {
   return EXIT_USAGE;
 }
 
-/// One list of names at the most comes from standard input. An input that ends at once is an
-/// empty list; throws CantReadNames for one that cannot be read, or not to the end of its line.
+/// Reads the list of names that is given as "-" from standard input; there is at most one. An input
+/// that ends at once is an empty list. Throws CantReadNames when it cannot be read to the end of
+/// its line.
 void readNamesFromStandardInput(config& config) {
   for (std::string* names : {&config.resellers, &config.clients, &config.domains}) {
     if (*names != "-") continue;
     errno = 0;
     std::getline(std::cin, *names);
     const int error = errno;
-    // To a stream of C++ a failure is an end.
+    // std::cin takes a read error for the end of the input, so ask stdio.
     if (std::ferror(stdin) != 0) throw Exc<&CantReadNames>(HERE) % std::strerror(error);
     return;
   }
@@ -72,7 +73,7 @@ int reportFailure(const ExTraceable& error, ExitCode exitCode) {
   return exitCode;
 }
 
-/// An operator's stop is no failure.
+/// A stop by an operator is no failure.
 int reportTermination(const MigrationTerminatedException& termination) {
   theLog->setSuccess(true);
   theDebugLog->log(std::string(termination.what()));
@@ -80,7 +81,7 @@ int reportTermination(const MigrationTerminatedException& termination) {
   return EXIT_DONE;
 }
 
-/// The agent's arguments for a dump, and what it is to read.
+/// The agent's arguments for a dump, and its standard input.
 struct DumpRequest {
   std::vector<std::string> arguments;
   std::string input;

@@ -13,8 +13,8 @@ DECLARE_ERROR_TAG(UnknownAction,
                   "Unknown action passed to the function. Probably bug in the options parser");
 DECLARE_ERROR_TAG(CantReadNames, "Cannot read the names from standard input: %1%");
 
-/// The whole run; returns the exit code. Failures outside the action phase, but for
-/// option errors, are exceptions.
+/// The whole run; returns the exit code. Failures outside the action phase, except option errors,
+/// are exceptions.
 int real_main(int argc, char** argv);
 
 /// The action phase; returns the exit code. Every failure that the program knows is
@@ -24,7 +24,7 @@ int do_actions(config& config);
 /// The action for the configuration, which must outlive it. Throws UnknownAction and
 /// what building the dump arguments throws.
 std::unique_ptr<Action> getActionById(const config& config);
-/// The same without the configuration handed to it; the caller owns the result.
+/// The same, but the action has not received the configuration; the caller owns the result.
 Action* getActionByIdInternal(const config& config);
 
 /// The name of the result log in the session directory; empty for the default.
