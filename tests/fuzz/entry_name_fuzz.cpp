@@ -5,8 +5,8 @@
 
 namespace {
 
-/// Where the system would go with the name, as if nothing were a symbolic link; another
-/// reading of it than the check's own.
+/// True when the system would stay below the directory with this name, if there were no symbolic
+/// links. Computed in another way than by the check itself.
 bool staysBelow(const std::string& folder, const std::string& name) {
   const boost::filesystem::path below = boost::filesystem::path(folder) / name.c_str();
   const std::string reached = below.lexically_normal().string();

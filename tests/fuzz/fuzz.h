@@ -11,8 +11,8 @@
 #include "commons/exceptions.h"
 #include "commons/unique_fd.h"
 
-/// What the fuzz targets share. Each feeds arbitrary bytes to one reader of data that
-/// comes from elsewhere: the sanitizers watch, and what a reader promises is checked.
+/// Helpers for the fuzz targets. Each target feeds arbitrary bytes to one reader of data from
+/// elsewhere: the sanitizers watch it, and the target checks what the reader promises.
 
 /// The function that libFuzzer calls.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -21,7 +21,7 @@ inline std::string asText(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-/// Ends the process, which libFuzzer takes for a finding.
+/// Ends the process when a promise is broken; libFuzzer reports that as a finding.
 inline void require(bool kept) {
   if (!kept) std::abort();
 }
@@ -38,7 +38,7 @@ class MemoryFile {
   UniqueFd file_;
 };
 
-/// Runs a reader that may refuse what it is given, but only by the errors it promises.
+/// Runs a reader that may refuse its input, but only by the errors that it promises.
 template <class Read>
 void mayRefuse(Read read) {
   try {

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// The fuzzer sets an alarm for itself.
+/// libFuzzer sets an alarm, whose signal interrupts system calls.
 template <class Call>
 auto retryInterrupted(Call call) {
   for (;;) {
@@ -31,8 +31,8 @@ std::string readAll(int fd) {
   }
 }
 
-/// What a shell prints that is given the script as a remote host's would be: in an
-/// argument. It must end well.
+/// What a shell prints when it gets the script as an argument, like the shell of a remote host. It
+/// must end with status 0.
 std::string printedBy(std::vector<std::string> shell, const std::string& script) {
   std::array<int, 2> ends;
   require(pipe2(ends.data(), O_CLOEXEC) == 0);
@@ -57,8 +57,8 @@ std::string printedBy(std::vector<std::string> shell, const std::string& script)
   return printed;
 }
 
-/// A script that prints the number of words that the text makes, and the words, each
-/// with a zero byte behind it.
+/// A script that prints the number of words in the text and then the words, each with a zero byte
+/// behind it.
 std::string showWords(const std::string& text) {
   return "set -- " + text + "\nprintf '%s\\0' $# \"$@\"\n";
 }
@@ -71,7 +71,7 @@ std::string oneWord(const std::string& word) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string word = asText(data, size);
-  // An empty word vanishes, and no argument holds a zero byte.
+  // An empty word vanishes from a command line, and no argument can hold a zero byte.
   if (word.empty() || word.find('\0') != std::string::npos) return 0;
   const std::string quoted = sh_quote(word);
   // A word of a command may be a command line itself.
@@ -79,7 +79,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string script = showWords(quoted) + showWords(sh_quote(line));
   const std::string expected = oneWord(word) + oneWord(line);
   require(printedBy({"dash"}, script) == expected);
-  // Braces are left alone on purpose, and bash alone of the two expands them.
+  // sh_quote leaves braces unquoted on purpose; bash would expand them without +B.
   require(printedBy({"bash", "+B"}, script) == expected);
   return 0;
 }

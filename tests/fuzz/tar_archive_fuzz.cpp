@@ -16,7 +16,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
       std::size_t taken = 0;
       for (auto part = reader.content(); !part.empty(); part = reader.content()) {
         taken += part.size();
-        // Nothing is made up: no member is larger than the archive.
+        // No member may be larger than the archive.
         require(taken <= size);
       }
       require(taken == static_cast<std::size_t>(reader.member().size));

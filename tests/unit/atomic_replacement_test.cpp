@@ -8,12 +8,12 @@
 
 namespace {
 
-/// What is called with the path of each file before it is synced.
+/// Called with the path of each file before it is synced.
 std::function<void(const std::string& path)> onSync;
 
 }  // namespace
 
-/// In place of the C library's.
+/// Replaces the function of the C library.
 extern "C" int fsync(int fd) {
   char path[4096] = {};
   const std::string link = "/proc/self/fd/" + std::to_string(fd);

@@ -17,7 +17,7 @@ const std::pair<std::string, std::string> SUMS[] = {
     {std::string("\0", 1), "93b885adfe0da089cdf634904fd59f71"},
 };
 
-/// Gives one block and breaks when more is asked for.
+/// Gives one block, and fails when more is read.
 class BreakingBuffer : public std::stringbuf {
  public:
   BreakingBuffer() : std::stringbuf(std::string(100, 'x')) {}

@@ -28,7 +28,7 @@ std::string list(const std::string& names) {
   return number(names.size()) + names;
 }
 
-/// The message of a server that has these ciphers.
+/// The key exchange message of a server with these ciphers.
 std::string offerOf(const std::string& toServer, const std::string& toClient) {
   std::string message(1, '\x14');
   message.append(16, 'r');
@@ -47,7 +47,7 @@ CipherOffer offerIn(const std::string& bytes) {
   return offer;
 }
 
-/// Says what a server does that offers AES-GCM one way only, and hears what its clients offer.
+/// A server that offers AES-GCM for one direction only; records what its clients offer.
 class LopsidedServer {
  public:
   LopsidedServer() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -153,7 +153,8 @@ TEST(SshCiphersTest, AreAlikeBothWaysAndWithoutGcmForAServerThatHasItOneWayOnly)
     ASSERT_TRUE(client.isKnown());
     EXPECT_EQ(client.toServer(), client.toClient());
     withGcm.push_back(isGcmCipher(client.toClient().front()));
-    // The slow one that a library may have comes after those that processors have instructions for.
+    // Ciphers that processors have instructions for come before the slow one that a library may
+    // have.
     EXPECT_TRUE(withGcm.back() || client.toClient().front().find("-ctr") != std::string::npos);
   }
   // Each attempt, the second one in compatibility mode, begins with GCM where the library has it.

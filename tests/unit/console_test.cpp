@@ -17,7 +17,7 @@ TEST(EscapeForTerminalTest, KeepsTextLineEndsAndTabs) {
 TEST(EscapeForTerminalTest, ShowsControlCharactersAsBytes) {
   EXPECT_EQ(escapeForTerminal(std::string("\0a\x1b[2J\r\b\x7f", 9)),
             "\\x00a\\x1b[2J\\x0d\\x08\\x7f");
-  // U+0080, U+009B and U+009F, which begin sequences as ESC does.
+  // U+0080, U+009B and U+009F are control characters, which begin sequences as ESC does.
   EXPECT_EQ(escapeForTerminal("\xC2\x80 \xC2\x9B \xC2\x9F"), "\\xc2\\x80 \\xc2\\x9b \\xc2\\x9f");
 }
 

@@ -22,7 +22,7 @@ class ContentDirectoryTest : public testing::Test {
 
   std::string path(const std::string& name) const { return directory_.pathOf(name); }
 
-  /// Writes the file and says whether every byte arrived.
+  /// Writes the file; true when every byte arrived.
   bool write(const std::string& name, const std::string& text) const {
     OutputFile file = directory_.create(name);
     file.stream() << text;
@@ -186,7 +186,7 @@ TEST_F(ContentDirectoryTest, RefusesAFileThatHasAnotherNameToo) {
   ASSERT_EQ(::link((dir_ / "outside").c_str(), path("hard").c_str()), 0);
   EXPECT_EQ(failureOf("hard"), path("hard") + ": Too many links");
   EXPECT_EQ(readFile(dir_ / "outside"), "untouched");
-  // It may well be what an earlier run fetched.
+  // Reading it is allowed: an earlier run may have fetched it.
   EXPECT_EQ(read("hard"), "untouched");
 }
 
@@ -195,7 +195,7 @@ TEST_F(ContentDirectoryTest, RefusesANameThatIsTooLongForTheSystemBeforeAnything
   while (path(name).size() < 4096) name += "/" + std::string(50, 'n');
   EXPECT_EQ(failureOf(name), path(name) + ": File name too long");
   EXPECT_FALSE(exists(path("first")));
-  // The longest that can be: a path of 4095 bytes.
+  // The longest possible path has 4095 bytes.
   name.resize(name.size() - (path(name).size() - 4095));
   EXPECT_TRUE(write(name, "text"));
   EXPECT_EQ(readFile(path(name)), "text");

@@ -13,8 +13,8 @@ namespace {
 
 const std::string PROPERTIES_FILE = "/mnt/product/DTM/log4cpp.properties";
 
-/// A file appender A1 for the session's log and a console appender A2, at the root
-/// category and, with `more`, where else a test wants them.
+/// A file appender A1 for the session's log and a console appender A2, both at the root category,
+/// and the lines of `more`.
 std::string properties(const std::string& more = "") {
   return "log4cpp.rootCategory=INFO, A1, A2\n"
          "log4cpp.appender.A1=FileAppender\n"
@@ -28,7 +28,7 @@ std::string properties(const std::string& more = "") {
          more;
 }
 
-/// theDebugLog, with what is written to it.
+/// theDebugLog, and a record of what is written to it.
 class DebugLogTest : public testing::Test {
  protected:
   DebugLogTest() { theDebugLog = &debugLog_; }
@@ -248,7 +248,7 @@ TEST(InitializeLog4CppTest, GoesOnWithoutAppendersWhenThePropertiesAreBroken) {
   IN_FRESH_PROCESS();
   for (const char* broken :
        {"log4cpp.appender.A3=NoSuchAppender\n",
-        // Found out only after the root category has got its appenders.
+        // log4cpp finds this error only after the root category has got its appenders.
         "log4cpp.category.k.zzz=INFO, A9\n", "log4cpp.category.k.zzz=NOPRIORITY, A1\n"}) {
     SCOPED_TRACE(broken);
     inChild([&] {

@@ -88,7 +88,7 @@ TEST_F(DirWalkTest, FollowsSymbolicLinksToDirectories) {
 TEST_F(DirWalkTest, DoesNotFollowALinkThatLeadsBackToADirectoryAboveIt) {
   ASSERT_EQ(symlink(".", (tree_ + "/sub/deep/again").c_str()), 0);
   ASSERT_EQ(symlink("../..", (tree_ + "/sub/deep/up").c_str()), 0);
-  // The same directory twice, and neither below the other.
+  // The same directory is visited twice, because neither path is below the other.
   ASSERT_EQ(symlink("../empty", (tree_ + "/sub/beside").c_str()), 0);
   CategoryRecorder log("k.RecursiveDirIterator");
   recursive_dir_walk_sync(tree_, "r", noting());

@@ -39,7 +39,7 @@ Selection parsed(const std::string& root) {
   return selection;
 }
 
-/// The agent's arguments, and behind them what it reads in brackets.
+/// The agent's arguments, followed by its standard input in brackets.
 std::vector<std::string> prepared(config& config, const std::string& root = "") {
   const ScopedTempDir dir;
   if (!root.empty()) {
@@ -261,7 +261,7 @@ TEST(DumpOptionsTest, UnusableFileLeavesArgumentsAndInputAlone) {
 
 TEST(PeriodSeparatedListOperatorTest, PutsACommaBetweenNodesAndNoneAheadOfTheFirst) {
   const tXmlDocument document(std::string("<x><a>1</a><a/><a>2</a></x>"));
-  // What the list holds already is not separated: the operator counts its own nodes.
+  // No comma after the old content of the list: the operator counts its own nodes only.
   std::string list = "0";
   tPeriodSeparatedListOperator append(list);
   for (const XmlNodeRef node : document.rootElement().children()) {

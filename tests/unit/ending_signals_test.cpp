@@ -22,20 +22,20 @@ void sayFarewell() {
 
 void handleBySilence(int /*number*/) {}
 
-/// The mask of this thread.
+/// The signal mask of this thread.
 sigset_t presentMask() {
   sigset_t mask;
   pthread_sigmask(SIG_SETMASK, nullptr, &mask);
   return mask;
 }
 
-/// Sends itself the signal while it is at work, and does not look for it.
+/// Sends the signal to its own process while it works, without checking for signals.
 [[noreturn]] void workAndGet(int number, void (*handler)(int)) {
   handle(number, handler);
   {
     const EndingSignals watched(sayFarewell);
     kill(getpid(), number);
-    // As long as nothing ends it.
+    // Waits until the signal ends the process.
     if (handler == SIG_DFL) {
       for (;;) pause();
     }
@@ -78,7 +78,7 @@ TEST(EndingSignalsTest, LeaveOtherSignalsToTheThreadThatWorks) {
   handle(SIGUSR1, [](int) { here = pthread_equal(pthread_self(), worker) ? 1 : 2; });
   {
     const EndingSignals watched([] {});
-    // To the process: whichever thread lets it in may get it.
+    // Sent to the process: any thread that has not blocked it may get it.
     kill(getpid(), SIGUSR1);
     EXPECT_EQ(here, 1);
   }

@@ -49,8 +49,8 @@ const Tag TAGS[] = {
     TAG(tError_XmlInternal, "%1%"),
 };
 
-/// The text form of the error that `body` raises, from its message on: the zero
-/// byte of the id would end a regular expression's view of it.
+/// The text form of the error that `body` raises, without what comes before its message: a regular
+/// expression would stop at the zero byte of the id.
 std::string textOf(const std::function<void()>& body) {
   try {
     body();

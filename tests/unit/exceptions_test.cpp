@@ -24,7 +24,7 @@ Exc<&InnerError> makeInner() {
   return Exc<&InnerError>("void inner()", "inner.cpp", 3) % "one" % 2;
 }
 
-/// An exception with two causes, the objects of which are gone.
+/// An exception with two causes, whose own objects do not exist any more.
 Exc<&OuterError> makeChain() {
   try {
     try {

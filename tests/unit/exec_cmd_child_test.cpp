@@ -10,7 +10,7 @@
 #include "hostlib/env_password.h"
 #include "support.h"
 
-/// What ExecCmd makes of the process that runs the program: its arguments, environment, account,
+/// Tests of the process that runs the program of an ExecCmd: its arguments, environment, account,
 /// signals and descriptors.
 
 namespace {
@@ -114,8 +114,8 @@ TEST(ExecCmdTest, GivesTheProgramDefaultSignalDispositionsAndAnEmptyMask) {
     for (const int number : {SIGPIPE, SIGINT, SIGQUIT, SIGHUP, SIGUSR1}) {
       std::signal(number, SIG_IGN);
     }
-    // Two real-time signals are the C library's own: whoever starts us may have them ignored
-    // (as make does), and nobody can change that.
+    // Two real-time signals belong to the C library. The program that starts the tests may ignore
+    // them (make does), and no process can change that.
     EXPECT_THAT(outputOf(ExecCmd("grep", {"grep", "-E", "^Sig(Blk|Ign)", "/proc/self/status"})),
                 testing::AnyOf("SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n",
                                "SigBlk:\t0000000000000000\nSigIgn:\t0000000180000000\n"));
@@ -126,7 +126,7 @@ TEST(ExecCmdTest, HandsDownNoDescriptorButTheThreeStandardOnes) {
   const UniqueFd low(open("/dev/null", O_RDONLY));
   const UniqueFd high(fcntl(low.get(), F_DUPFD, 200));
   ASSERT_TRUE(high);
-  // 3 is the directory that ls itself has opened.
+  // ls itself has opened its directory as 3.
   EXPECT_EQ(outputOf(ExecCmd("ls", {"ls", "/proc/self/fd"})), "0\n1\n2\n3\n");
 }
 

@@ -5,13 +5,13 @@
 #include "commons/ExecCmd.h"
 #include "support.h"
 
-/// What the tests of running programs share.
+/// Helpers for the tests of running programs.
 
 inline ExecCmd shell(const std::string& script) {
   return ExecCmd("sh", {"sh", "-c", script});
 }
 
-/// What the program prints, for one that succeeds.
+/// Runs a program that must succeed; returns its output.
 inline std::string outputOf(ExecCmd cmd) {
   EXPECT_EQ(cmd.exec(std::nothrow), 0);
   EXPECT_EQ(cmd.errorOutput(), "");

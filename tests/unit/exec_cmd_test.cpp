@@ -239,14 +239,14 @@ TEST(ExecCmdTest, RefusesDescriptorsThatSelectCannotWaitFor) {
 TEST(ExecCmdTest, OnlyLogsPipesThatItCannotMake) {
   SystemLog systemLog;
   inChild([] {
-    // Run once before: the sanitizers need descriptors when they see a type first,
-    // and again in the child, which raises an exception.
+    // Run a command once before: the sanitizers need descriptors when they first see a type, and
+    // again in the child, which raises an exception.
     ExecCmd cmd("true", {"true"});
     cmd.exec();
     pthread_atfork(nullptr, nullptr, [] { setLimit(RLIMIT_NOFILE, 1024); });
     const CapturedStream errors(STDERR_FILENO);
     {
-      // One is left for the line in the system log; a pipe needs two.
+      // One descriptor is left, for the line in the system log; a pipe needs two.
       const int freeDescriptor = UniqueFd(dup(STDERR_FILENO)).get();
       const ScopedLimit limit(RLIMIT_NOFILE, static_cast<rlim_t>(freeDescriptor) + 1);
       cmd.exec(std::nothrow);

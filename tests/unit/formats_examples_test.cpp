@@ -5,8 +5,8 @@
 #include "commons/session.h"
 #include "support.h"
 
-/// The examples in docs/formats of states that no action is ever in, but that other
-/// programs may read, are what the classes write.
+/// Compares examples in docs/formats with what the classes write: those of states that no action
+/// ever has, but that other programs may read.
 
 namespace {
 

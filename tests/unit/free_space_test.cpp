@@ -19,11 +19,11 @@ TEST(FreeSpaceTest, IsThatOfTheFileSystemWhichHoldsTheFileOrDirectory) {
 }
 
 TEST(FreeSpaceTest, IsWhatAnUnprivilegedUserMayUse) {
-  // The root file system is the one that may keep blocks for root.
+  // Only the root file system may keep blocks for root here.
   struct statfs before;
   struct statfs after;
   std::uint64_t space;
-  // Others may write there meanwhile: measured until nothing changed around it.
+  // Other processes may write there: repeat until nothing has changed around the measurement.
   ASSERT_TRUE(eventually([&] {
     statfs("/", &before);
     space = getFreeSpace("/");

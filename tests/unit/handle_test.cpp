@@ -31,7 +31,7 @@ TEST(HandleTest, FreesItsHandleOnce) {
 }
 
 TEST(HandleTest, FreesTextThatCameFromMalloc) {
-  // The sanitizers complain unless it is freed with free.
+  // The sanitizers report an error unless it is freed with free.
   const Handle<char, DefaultDestructionFunc<char>> text(strdup("password,keyboard-interactive"));
   EXPECT_STREQ(text.get(), "password,keyboard-interactive");
 }

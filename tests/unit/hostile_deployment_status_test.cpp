@@ -3,8 +3,8 @@
 
 namespace {
 
-/// The status file's name in a document with these definitions and this text in the
-/// name's place; the code of the error when there is none.
+/// The status file's name in a document with these definitions, where `name` stands for the name;
+/// the code of the error when there is none.
 std::string statusFileIn(const std::string& definitions, const std::string& name) {
   const ScopedTempDir dir;
   writeFile(dir / "file", "<!DOCTYPE agentstatus " + definitions + "><agentstatus><statusfile>" +

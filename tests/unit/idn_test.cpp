@@ -4,7 +4,7 @@
 
 namespace {
 
-/// The code that `convert` fails with; 0 when it does not.
+/// The error code of `convert`; 0 when it succeeds.
 int failureCode(std::string (*convert)(const std::string&), const std::string& name) {
   try {
     convert(name);

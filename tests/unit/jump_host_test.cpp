@@ -4,7 +4,7 @@
 
 namespace {
 
-/// "login|host|port"; "none" for what is no jump host.
+/// The parsed parts as "login|host|port"; "none" when the text is refused.
 std::string parsed(const std::string& text) {
   const std::optional<JumpHost> jump = parseJumpHost(text);
   return jump ? jump->login + "|" + jump->host + "|" + std::to_string(jump->port) : "none";

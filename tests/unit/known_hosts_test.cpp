@@ -14,12 +14,12 @@
 
 namespace {
 
-/// What is called before a file is cut off.
+/// Called before a file is truncated.
 std::function<void()> onTruncate;
 
 }  // namespace
 
-/// In place of the C library's.
+/// Replaces the function of the C library.
 extern "C" int ftruncate(int fd, off_t size) noexcept {
   if (onTruncate) onTruncate();
   return static_cast<int>(syscall(SYS_ftruncate, fd, size));
@@ -31,7 +31,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-// Made by ssh-keygen for these tests; nobody has the other half.
+// Public keys that ssh-keygen made for these tests; the private keys were not kept.
 const std::string A = "AAAAC3NzaC1lZDI1NTE5AAAAINYYXKaoIaDPccpm2BDE6f+o4+P7P8DyfTpX0avsWPlY";
 const std::string A_FINGERPRINT = "SHA256:KwY0xrnUIks/YbHgG6xKpq9+yAiWbn+F65Pt186uvnQ";
 const std::string B = "AAAAC3NzaC1lZDI1NTE5AAAAIIWbhi3GTvtHsYgNap3NlcejxbVtPoGdOvKxvX5POEse";
@@ -41,7 +41,7 @@ const std::string C =
 const std::string A_LINE = " ssh-ed25519 " + A + "\n";
 const std::string B_LINE = " ssh-ed25519 " + B + "\n";
 const std::string C_LINE = " ecdsa-sha2-nistp256 " + C + "\n";
-/// By `ssh-keygen -H`: source.example, and [source.example]:2222.
+/// Made by `ssh-keygen -H` for source.example and [source.example]:2222.
 const std::string HASHED = "|1|zaT2MgNh7KGQYIj9ysmP33PwIWQ=|QWw5HQ3B6TMbOF/kgbuKQgjLrvU=";
 const std::string HASHED_PORT = "|1|OiQwm0Ii9FpQAM1skRyG8yMdLWU=|pQhJcHmrqb5UAVIZfN1Xl5RZun8=";
 
@@ -222,7 +222,7 @@ TEST_F(KnownHostsTest, DoesNotCutOffTheLineOfAnotherRunWhenTheDiskIsFull) {
   const std::string text = std::string(8150, '#') + "\n";
   writeFile(path, text);
   KnownHosts known(path, "source.example", 22);
-  // The other run does as this one does, once there is room.
+  // Stands for another run, which locks the file before it writes.
   const UniqueFd other(open(path.c_str(), O_WRONLY | O_APPEND));
   bool waits = false;
   onTruncate = [&] { waits = flock(other.get(), LOCK_EX | LOCK_NB) != 0; };
@@ -258,7 +258,7 @@ TEST_F(KnownHostsTest, AddsNoNameThatMeansSomethingElseInAFile) {
 
 class HostKeyCheckTest : public KnownHostsTest {
  protected:
-  /// Empty for a key that is trusted, else why it is not.
+  /// Empty for a trusted key, else the reason why it is not trusted.
   std::string check(HostKeyRules::Policy policy, const HostKey& key) {
     try {
       HostKeyCheck({policy, path_}, "source.example", 22).check(key);

@@ -88,7 +88,7 @@ TEST(MakeDirTest, FailsWhenTheDirectoryCannotBeMadeOrGivenAway) {
     EXPECT_EQ(make_dir(dir / "mine", PLAIN, PLAIN, 0755), 0);
   });
   EXPECT_THAT(entriesOf(dir / "closed"), testing::IsEmpty());
-  // Left in place it would be taken for good by the next run.
+  // If it stayed, the next run would use it with the wrong owner.
   EXPECT_FALSE(exists(dir / "not-mine"));
 }
 

@@ -13,7 +13,7 @@ using migrate::Step;
 
 namespace {
 
-/// A session directory with the folder of the state document.
+/// A session directory with the directory of the state document.
 class MigrateStateTest : public testing::Test {
  protected:
   MigrateStateTest() { mkdir(State::folderIn(session()).c_str(), 0750); }
@@ -170,7 +170,7 @@ TEST_F(MigrateStateTest, CountsWhatTheDumpSaysOfItself) {
   EXPECT_EQ(summary(), "2 errors, 1 warning, 0 notes");
   EXPECT_THAT(migrate::readDumpProblems(session()).firstErrors,
               testing::ElementsAre("a b", "x: c"));
-  // Of any size, as that of a host with thousands of sites.
+  // A document may be large, for example that of a host with thousands of sites.
   const std::string domain = "<domain name='a.test'>" + std::string(1000, 'x') + "</domain>";
   std::string large = "<dump>";
   for (int i = 0; i < 3000; ++i) large += domain;

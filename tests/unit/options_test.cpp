@@ -6,8 +6,8 @@
 
 namespace {
 
-/// The configuration that a command line gives. The parser's place in the arguments is
-/// the process's, so it is set back.
+/// The configuration of a command line. getopt keeps its position in a global variable, which is
+/// reset here.
 config parse(std::vector<std::string> arguments, bool* complete = nullptr) {
   arguments.insert(arguments.begin(), "sondrel");
   std::vector<char*> argv;
@@ -20,7 +20,7 @@ config parse(std::vector<std::string> arguments, bool* complete = nullptr) {
   return parsed;
 }
 
-/// Every field but the action, in their order.
+/// Every field except the action, in order.
 std::string describe(const config& c) {
   std::ostringstream out;
   out << c.resellers << '|' << c.clients << '|' << c.domains << '|' << c.no_content << '|'
@@ -228,7 +228,7 @@ TEST(VerifyOptionsTest, NamesTheFirstBrokenRule) {
     config c = valid(rule.action);
     rule.change(c);
     std::string text = rule.text;
-    // A quoted option's two dashes stand in the format, so the argument has them once.
+    // The message format has the two dashes of a quoted option; its argument must not repeat them.
     if (rule.action == GET_CONTENT) {
       text = "'--no-content' only may be specified when '--dump-*' is requested";
     }

@@ -24,10 +24,10 @@ struct Range {
   off_t size;
 };
 
-/// What was begun to be written out; see below.
+/// The ranges whose transfer to the disk was started; see below.
 std::vector<Range> writtenOut;
 
-/// Everything that comes out of a descriptor, read slowly enough that a pipe fills.
+/// Everything that arrives from a descriptor, read slowly enough that a pipe fills up.
 std::string readAll(int fd) {
   std::string text;
   char block[512];
@@ -39,7 +39,7 @@ std::string readAll(int fd) {
 
 }  // namespace
 
-/// In place of the system's, whose effect nobody can see.
+/// Replaces the function of the system, whose effect cannot be observed.
 extern "C" int sync_file_range(int /*fd*/, off64_t begin, off64_t size, unsigned int flags) {
   EXPECT_EQ(flags, static_cast<unsigned int>(SYNC_FILE_RANGE_WRITE));
   writtenOut.push_back({begin, size});
@@ -178,7 +178,8 @@ TEST(OutputFileTest, ReportsAnErrorOfClosing) {
   const ScopedTempDir dir;
   OutputFile file(dir / "file");
   const int fd = open("/dev/null", O_RDONLY);
-  // Closed behind its back: the nearest to a disk that loses data at close.
+  // Closes the descriptor without its knowledge. That comes closest to a disk that loses data at
+  // close.
   close(fd - 1);
   EXPECT_FALSE(file.close());
   EXPECT_EQ(file.errorText(), "Bad file descriptor");
@@ -206,7 +207,7 @@ TEST(FdStreamBufTest, RetriesInterruptedWrites) {
   sigset_t alarm;
   sigemptyset(&alarm);
   sigaddset(&alarm, SIGALRM);
-  // The reader inherits the mask: all signals are the writer's.
+  // The reader inherits the mask, so all signals go to the writer.
   pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
   std::thread reader([&] { received = readAll(ends[0]); });
   pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
@@ -288,7 +289,7 @@ TEST(OutputFileTest, SeesAFullDiskThatIsHitBehind) {
     for (std::size_t done = 0; done < size; done += chunk.size()) file.stream() << chunk;
   };
   {
-    // Not before all of it has been brought.
+    // The error may show only at the flush, after all bytes were passed on.
     OutputFile file(dir / "flushed");
     fill(file, ROOM + 65536);
     EXPECT_FALSE(file.stream().flush());

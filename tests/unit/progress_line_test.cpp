@@ -20,7 +20,7 @@ using std::chrono::milliseconds;
 
 const std::string ERASED = "\r\x1b[K";
 
-/// A terminal, and the side of it from which a person sees it.
+/// A terminal, and the other end of it, which shows what a person would see.
 class ScopedTerminal {
  public:
   ScopedTerminal() : eye_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {
@@ -41,15 +41,15 @@ class ScopedTerminal {
   void stop() { tcflow(side_.get(), TCOOFF); }
   void goOn() { tcflow(side_.get(), TCOON); }
   void hangUp() { eye_.close(); }
-  /// What it was sent since this was called last.
+  /// What the terminal was sent since the last call.
   std::string shown() {
-    // What is sent comes a little later; this, behind all of it.
+    // The text arrives with a delay: this mark comes after all of it.
     writeAll(side_.get(), END);
     while (arrived_.find(END) == std::string::npos && isMoreThere(10000)) readSome();
     const std::string all = std::exchange(arrived_, "");
     return all.substr(0, all.find(END));
   }
-  /// True when it is sent something within a moment.
+  /// True when something arrives within the time.
   bool isMoreThere(int patienceMs = 50) {
     pollfd waiting = {eye_.get(), POLLIN, 0};
     return poll(&waiting, 1, patienceMs) > 0;
@@ -69,7 +69,7 @@ class ScopedTerminal {
   std::string arrived_;
 };
 
-/// A line on a terminal, at a time that the test says.
+/// A progress line on a terminal, with a clock that the test sets.
 class ProgressLineTest : public testing::Test {
  protected:
   ProgressLineTest() {

@@ -74,7 +74,7 @@ TEST(DescribeTransferTest, ReadsThemFromAMigrationStatus) {
   EXPECT_EQ(transferIn("<migration-status><pid>1</pid><transfer speed='500000'><host>h</host>" +
                        files + "</transfer></migration-status>"),
             describeTransfer(usual()));
-  // What the content takes unpacked says nothing of how much is still to come.
+  // The unpacked size does not show how much is still to be transferred.
   EXPECT_EQ(transferIn("<migration-status><transfer speed='500000'><files total='10' left='7' "
                        "size-total='9001000' size-left='9000000'/></transfer></migration-status>"),
             "7 of 10 files left, 1.0 kB, 500.0 kB/s");

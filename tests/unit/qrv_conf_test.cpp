@@ -9,8 +9,8 @@ namespace {
 
 const std::string CONFIGURATION_FILE = "/etc/qrv/qrv.conf";
 
-/// The configuration file with this text while it lives. What was read of it stays:
-/// for tests in a fresh process.
+/// The configuration file, with this text while the object lives. Values that were read from it
+/// stay in the process, so tests use it in a fresh process.
 class ScopedQrvConf : public ScopedFile {
  public:
   explicit ScopedQrvConf(const std::string& text) : ScopedFile(CONFIGURATION_FILE, text) {}

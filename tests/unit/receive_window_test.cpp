@@ -15,8 +15,8 @@ using Seconds = std::chrono::duration<double>;
 constexpr std::size_t MIB = std::size_t{1} << 20;
 constexpr std::size_t PACKET = 16384;
 
-/// A server at the other end of a way that sends as much as it may, and what a download
-/// from it makes of the window.
+/// Simulates a server that sends as much as it may over a connection, and the window of a download
+/// from it.
 class Download {
  public:
   Download(Duration roundTrip, double bytesPerSecond)
@@ -26,7 +26,7 @@ class Download {
     start();
   }
 
-  /// Another command on the same connection.
+  /// Starts another command on the same connection.
   void start() {
     const std::size_t opened = 65536;
     left_ = opened;
@@ -34,12 +34,12 @@ class Download {
     window_.begin(opened, now_);
   }
 
-  /// Receives for as long as that; returns the bytes.
+  /// Receives for the time `length`; returns the number of bytes.
   std::size_t run(Duration length) {
     const Time end = now_ + length;
     std::size_t received = 0;
     while (now_ < end) {
-      // The next packet leaves when there is a grant for it, and one after the other.
+      // Packets leave one after the other, each when there is a grant for it.
       const Time granted = useGrant();
       sent_ = std::max(sent_ + packetTime_, granted + roundTrip_ / 2);
       now_ = std::max(now_, sent_ + roundTrip_ / 2);
@@ -93,7 +93,7 @@ TEST(ReceiveWindowTest, GrowsToItsLargestOnALongFastWay) {
 }
 
 TEST(ReceiveWindowTest, FillsASlowWayAndGrowsNoFurther) {
-  // 1 Gbit/s at 50 ms: 6 MB are under way.
+  // 1 Gbit/s at 50 ms: 6 MB are on the way at any time.
   Download download(50ms, 125e6);
   download.run(1s);
   EXPECT_GT(download.run(1s), 120u * 1000 * 1000);
@@ -115,7 +115,7 @@ TEST(ReceiveWindowTest, KeepsForTheNextCommandWhatItHasLearnt) {
   const std::size_t learnt = download.target();
   download.start();
   EXPECT_EQ(download.target(), learnt);
-  // Doubled with each round trip, and not learnt anew.
+  // It doubles with each round trip, without learning anew.
   download.run(800ms);
   EXPECT_GT(download.run(1s), 500 * MIB);
 }
@@ -126,7 +126,7 @@ TEST(ReceiveWindowTest, CountsTheShortestRoundTrip) {
     window.addRoundTrip(roundTrip);
   }
   window.begin(MIB, Time{});
-  // All of the window in ten round trips.
+  // The whole window takes ten round trips.
   EXPECT_EQ(window.grant(0, Time{} + 10ms), MIB);
   EXPECT_EQ(window.target(), ReceiveWindow::SMALLEST);
 }
@@ -137,7 +137,7 @@ TEST(ReceiveWindowTest, DoesNotGrowByWhatItCannotMeasure) {
   EXPECT_EQ(window.grant(0, Time{} + 1ms), MIB);
   EXPECT_EQ(window.target(), ReceiveWindow::SMALLEST);
   window.addRoundTrip(1s);
-  // A clock that stands still.
+  // The clock stands still.
   EXPECT_EQ(window.grant(0, Time{} + 1ms), MIB);
   EXPECT_EQ(window.target(), ReceiveWindow::SMALLEST);
 }

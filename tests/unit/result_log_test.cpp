@@ -14,7 +14,7 @@ class ResultLogTest : public testing::Test {
   std::string resultFile(const std::string& name = "migration.result") const {
     return dir_ / "session/" + name;
   }
-  /// Runs `body` on a result log and returns the document that it leaves.
+  /// Runs `body` on a result log and returns the document that the log writes.
   std::string resultOf(const std::function<void(XmlLog&)>& body) const {
     {
       XmlLog log("");
@@ -31,7 +31,7 @@ Exc<&LoggedError> makeError(const std::string& text = "text") {
   return Exc<&LoggedError>(HERE) % text;
 }
 
-/// The element that an error becomes; `causes` are the elements of its causes.
+/// The element for an error; `causes` are the elements of its causes.
 std::string message(const ExTraceable& error, const std::string& causes = "") {
   return "<message code=\"" + error.code() + "\" id=\"" + error.id().c_str() +
          "\" severity=\"error\"><description>" + error.what() + "</description>" + causes +

@@ -34,7 +34,7 @@ class NotedStatus : public MigrationStatus {
   void setTranslate() override { note("translate"); }
   void saveFile() override { note("save"); }
 
-  /// The calls since the last one.
+  /// The calls of setters since the last call of this function.
   std::vector<std::string> takeCalls() { return std::exchange(calls_, {}); }
 
  private:
@@ -52,7 +52,7 @@ TEST(ProgressTest, CountsDownFilesAndBytesPastTheEndOfInt) {
   EXPECT_THAT(status.takeCalls(), ElementsAre("totals 2 6000000000"));
   progress.startFile({"big", 5000000000, ""});
   EXPECT_THAT(status.takeCalls(), ElementsAre("file big 5000000000", "save"));
-  // In the second in which it began there is no rate yet; a slow machine may be past it.
+  // In its first second there is no rate yet; on a slow machine that second may be over.
   progress(65536);
   EXPECT_THAT(status.takeCalls(), ElementsAre(testing::AnyOf("speed 0", "speed 65536"),
                                               "size 5999934464", "current 4999934464", "save"));
@@ -63,7 +63,7 @@ TEST(ProgressTest, CountsDownFilesAndBytesPastTheEndOfInt) {
   progress(1);
   const std::vector<std::string> calls = status.takeCalls();
   EXPECT_EQ(calls[1], "size 5999934463");
-  // A file that is larger than announced shows it.
+  // For a file that is larger than announced the number becomes negative.
   EXPECT_EQ(calls[2], "current -1");
 }
 
@@ -78,7 +78,7 @@ TEST(ProgressTest, TellsWhatIsListedWhereItWasAskedFor) {
   EXPECT_THAT(status.takeCalls(), Contains("listed 150 120"));
   progress.finishFile();
   EXPECT_THAT(status.takeCalls(), Contains("listed 150 50"));
-  // It is here already.
+  // This file is here already.
   progress.startFile({"b", 50, ""});
   progress.finishFile();
   EXPECT_THAT(status.takeCalls(), Contains("listed 150 0"));
@@ -110,7 +110,7 @@ TEST(ProgressTest, RateIsWholeBytesPerWholeSecond) {
     progress(3);
     received += 3;
     const std::string speed = status.takeCalls().front();
-    // A second that ends between the two looks at the clock leaves two answers.
+    // If a second ends between the two readings of the clock, two values are possible: try again.
     const std::time_t now = std::time(nullptr);
     if (before != now || now == started) return false;
     EXPECT_THAT(speed,

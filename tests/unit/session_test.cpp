@@ -140,7 +140,7 @@ TEST(SessionFilesTest, CannotBeMadeWithoutTheRightTo) {
 
 TEST(SessionFilesTest, NamesItsFiles) {
   const ScopedTempDir dir;
-  // A trailing slash stays, and so doubles in all names but that of the archives.
+  // A trailing slash is kept, so all names except that of the archives have a double slash.
   for (const std::string& path : {dir / "session", dir / "session/"}) {
     SCOPED_TRACE(path);
     SessionFiles session(path);

@@ -10,15 +10,14 @@ namespace {
 
 const std::string SPECIAL_BYTES = " \t\"#$&'()*;<>?[\\`|~";
 
-/// Every byte but the zero byte, which no argument of a program can hold.
+/// Every byte except the zero byte, which no argument of a program can hold.
 std::string allBytes() {
   std::string bytes;
   for (int byte = 1; byte < 256; ++byte) bytes += static_cast<char>(byte);
   return bytes;
 }
 
-/// The number of words that `words` on a command line of /bin/sh make, and the
-/// first of them, as in "1/word".
+/// The number of words that /bin/sh finds in `words`, and the first of them, as in "1/word".
 std::string throughShell(const std::string& words) {
   struct Close {
     void operator()(std::FILE* file) const { pclose(file); }

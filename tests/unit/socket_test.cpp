@@ -25,7 +25,7 @@ class Listener {
     EXPECT_EQ(bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
     EXPECT_EQ(listen(fd_.get(), 1), 0);
     EXPECT_EQ(getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-    // The port is at the same place in both families.
+    // The port has the same offset in the addresses of both families.
     port_ = ntohs(reinterpret_cast<sockaddr_in&>(address).sin_port);
   }
   std::uint16_t port() const { return port_; }
@@ -36,7 +36,7 @@ class Listener {
   std::uint16_t port_ = 0;
 };
 
-/// While it lives this process can open nothing.
+/// While it lives, this process cannot open any descriptor.
 class NoMoreDescriptors {
  public:
   NoMoreDescriptors() {
@@ -114,7 +114,7 @@ TEST(SocketTest, NamesARefusedConnectionAndLogsIt) {
 
 TEST(SocketTest, FailsWithAPlainErrorWhenThereIsNoSocketToBeHad) {
   const Listener listener;
-  // The sanitizer needs descriptors for what it checks, once for each type.
+  // The sanitizer needs descriptors when it first checks a type, so make each one once before.
   Socket("127.0.0.1", listener.port());
   EXPECT_EQ(whatOf<std::runtime_error>([] {
               const NoMoreDescriptors limit;

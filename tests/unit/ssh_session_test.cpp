@@ -34,7 +34,7 @@ std::vector<std::string> answers(int prompts, std::string password) {
   return texts;
 }
 
-/// What the start of a session says to a peer that has sent `greeting` and gone.
+/// The error of starting a session with a peer that has sent `greeting` and closed the connection.
 std::string startError(const std::string& greeting, std::vector<std::string>& log) {
   int ends[2];
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);

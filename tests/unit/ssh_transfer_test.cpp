@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Takes at most `portion` bytes at a time, and none each second time.
+/// Takes at most `portion` bytes at a time, and none at every second call.
 class SlowWriteChannel : public IOWriteChannel {
  public:
   explicit SlowWriteChannel(int portion) : portion_(portion) {}
@@ -41,7 +41,7 @@ class FailingReadChannel : public IOReadChannel {
   int read(char* /*buffer*/, int /*size*/) override { return -1; }
 };
 
-/// Hands out pieces, and remembers how much it was asked for.
+/// Returns the pieces one by one, and records how many bytes were requested.
 class PiecewiseReadChannel : public IOReadChannel {
  public:
   explicit PiecewiseReadChannel(std::vector<std::string> pieces) : pieces_(std::move(pieces)) {}

@@ -28,7 +28,7 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-/// Set-up that fails is no result of a test.
+/// An exception and not a failed expectation: failing set-up says nothing about the tested code.
 void require(bool succeeded, const std::string& what) {
   if (!succeeded) throw std::runtime_error(what + ": " + std::strerror(errno));
 }

@@ -13,8 +13,8 @@
 
 #include "commons/unique_fd.h"
 
-/// What the unit tests share. They run as root in a private world (see
-/// tests/private-world): /mnt, /etc and /dev are throw-away.
+/// Helpers for the unit tests. These run as root in a private world (see tests/private-world):
+/// /mnt, /etc and /dev are throw-away.
 
 // --- Files ---
 
@@ -56,8 +56,8 @@ bool exists(const std::string& path);
 /// links are not followed. The system's error text when there is nothing.
 std::string ownerAndMode(const std::string& path);
 
-/// The bytes of a file of the product, or of the host's configuration, replaced for
-/// as long as it lives; the file need not exist.
+/// Replaces the content of a file of the product, or of the host's configuration, for as long as it
+/// lives. The file need not exist.
 class ScopedFile {
  public:
   ScopedFile(std::string path, const std::string& text);
@@ -78,16 +78,16 @@ constexpr uid_t QRVADM = 20000;
 /// An account without any privilege.
 constexpr uid_t PLAIN = 20001;
 
-/// Runs the rest of the test in a process that has touched no process-wide state
-/// yet: this program started anew for this one test, with `environment` (whole
-/// "NAME=value" entries) added in front. Its failures are this test's failures.
+/// Runs the rest of the test in a process whose process-wide state is still untouched: this
+/// program, started anew for this one test, with `environment` (whole "NAME=value" entries) added
+/// in front. Its failures are this test's failures.
 ///
 ///   TEST(...) {
 ///     IN_FRESH_PROCESS();
 ///     ...
 ///   }
 ///
-/// A fixture is set up in both processes, so it must hold nothing that exists once.
+/// A fixture is set up in both processes, so it must not use anything that can exist only once.
 #define IN_FRESH_PROCESS(...)                                             \
   do {                                                                    \
     if (ranInFreshProcess(std::vector<std::string>{__VA_ARGS__})) return; \
@@ -96,11 +96,11 @@ constexpr uid_t PLAIN = 20001;
 /// True after it ran the present test in a fresh process; false in that process.
 bool ranInFreshProcess(const std::vector<std::string>& environment);
 
-/// Runs `body` in a forked child, to spare this process what it does (give up
-/// privileges, break a stream); what fails there fails here.
+/// Runs `body` in a forked child, so that its effects do not touch this process: it may give up
+/// privileges or break a stream. Its failures are this test's failures.
 void inChild(const std::function<void()>& body);
 
-/// Gives up root for good. For `inChild`.
+/// Gives up the rights of root for good. Must be called inside `inChild`.
 void becomePlainUser();
 
 /// Waits until `condition` holds; false when that takes longer than ten seconds.
@@ -125,7 +125,7 @@ class CapturedStream {
   UniqueFd file_;
 };
 
-/// The system log as this world has it: nobody else listens at /dev/log.
+/// The system log of this world: no other program listens at /dev/log.
 class SystemLog {
  public:
   SystemLog();
@@ -162,8 +162,8 @@ class CategoryRecorder {
 
 // --- Errors ---
 
-/// What `body` throws, rendered by what(); a text that says so when it throws
-/// nothing or something else than an `Error`.
+/// The what() of the exception that `body` throws; another text when it throws nothing or something
+/// else than an `Error`.
 template <class Error>
 std::string whatOf(const std::function<void()>& body) {
   try {

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t BLOCK = 512;
 
-/// Gives a text in pieces of a size.
+/// A source that gives a text in pieces of `size` bytes.
 TarReader::Source piecesOf(const std::string& text, std::size_t size) {
   return [&text, size, given = std::size_t{0}]() mutable {
     const std::string_view piece = std::string_view(text).substr(given, size);
@@ -20,7 +20,7 @@ TarReader::Source piecesOf(const std::string& text, std::size_t size) {
   };
 }
 
-/// What a reader says of all members, "NAME=CONTENT" or "NAME: ODDITY", and of the end.
+/// What a reader reports: for each member "NAME=CONTENT" or "NAME: ODDITY", then the end.
 std::vector<std::string> read(const std::string& text, std::size_t pieceSize = 4096) {
   std::vector<std::string> told;
   TarReader reader(piecesOf(text, pieceSize));
@@ -88,7 +88,7 @@ TEST(TarArchiveTest, CutAnywhereItGivesNoMoreThanThereWas) {
   const std::vector<std::string> whole = read(text);
   for (std::size_t size = 0; size < text.size(); ++size) {
     const std::vector<std::string> told = read(text.substr(0, size));
-    // A member is complete, or the reader says that it is not.
+    // Each member is complete, or the reader reports the damage.
     for (std::size_t i = 0; i + 1 < told.size(); ++i) {
       EXPECT_TRUE(told[i] == whole[i] || told.back() == "damaged") << size;
     }
@@ -119,7 +119,7 @@ TEST(TarArchiveTest, TakesNoOtherFormat) {
 
 TEST(TarArchiveTest, EndsAtAMemberThatIsLargerThanTheArchive) {
   EXPECT_EQ(read(withField(SIZE_PLACE, "77777777777")).back(), "damaged");
-  // Numbers in base 256, the largest and a negative one.
+  // Numbers in base 256: the largest, and a negative one.
   EXPECT_EQ(
       read(withField(SIZE_PLACE, "\x80" + std::string(3, '\0') + "\x7f" + std::string(7, '\xff')))
           .back(),

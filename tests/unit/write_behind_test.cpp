@@ -9,7 +9,7 @@
 
 namespace {
 
-/// What a test has the second thread wait for.
+/// Blocks the second thread until the test opens it.
 class Gate {
  public:
   void open() { opened_.set_value(); }
@@ -66,7 +66,7 @@ TEST(WriteBehindTest, HasNoMoreWaitThanItsCapacity) {
   for (brought = 0; brought < WriteBehind::CAPACITY; brought += part.size()) {
     ASSERT_TRUE(putAll(behind, part));
   }
-  // There is no room for it before the gate is open.
+  // The queue has no room for it until the gate is open.
   std::promise<void> isPut;
   std::thread bringer([&] {
     putAll(behind, part);

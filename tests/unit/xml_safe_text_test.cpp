@@ -16,7 +16,7 @@ std::string oneByte(int byte) {
   return std::string(1, static_cast<char>(byte));
 }
 
-/// Texts that XML cannot hold as they are, and what becomes of them.
+/// Texts that XML cannot hold unchanged, and what they become.
 const std::vector<std::pair<std::string, std::string>> BROKEN = {
     {"\xC3", bad(1)},  // a character that is cut off
     {"\xE2\x98", bad(2)},

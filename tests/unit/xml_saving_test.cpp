@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Fails on every write; throws from within when it is set to.
+/// Fails on every write; throws then if `throwsFor` says so.
 class FullStream : public std::ostream {
  public:
   explicit FullStream(std::ios::iostate throwsFor) : std::ostream(&buffer_) {
@@ -26,7 +26,7 @@ class FullStream : public std::ostream {
   Buffer buffer_;
 };
 
-/// Notes the names it is saved to.
+/// Records the names under which it is saved.
 class NotingDocument : public tXmlDtmDocument {
  public:
   explicit NotingDocument(std::vector<std::string>& names) : names_(names) { initNewDoc("noted"); }

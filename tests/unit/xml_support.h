@@ -4,7 +4,7 @@
 
 #include "commons/xml_wrap.h"
 
-/// What the tests of reading and of saving XML documents share.
+/// Helpers for the tests of reading and of saving XML documents.
 
 inline const char* const NO_NAME = nullptr;
 

@@ -26,7 +26,7 @@ class XPathTest : public testing::Test {
   XmlNodeRef secondReseller() const { return expr("/root/reseller[2]").getNode(); }
 };
 
-/// Notes the names of the nodes; fails on one of them.
+/// Records the names of the nodes; throws for one of them.
 class NotingOperator : public tXmlOperator {
  public:
   enum Failure { NONE, OWN, FOREIGN };
