@@ -10,7 +10,7 @@ STAGE = "/mnt/stage"
 
 
 def unpack(archive, directory=STAGE):
-    """What docs/linux-agent.md says: members are relative to the root of the source host."""
+    """Unpacks archives as docs/linux-agent.md says: their members are relative to the root of the source host."""
     os.makedirs(directory, exist_ok=True)
     subprocess.run(["tar", "-x", "-p", "--acls", "--xattrs", "--xattrs-include=*", "--numeric-owner", "-f", archive,
                     "-C", directory], check=True)
@@ -18,14 +18,14 @@ def unpack(archive, directory=STAGE):
 
 
 def plain_text(archive):
-    """A database's dump."""
+    """The text of a database's dump."""
     if archive.endswith(".gz"):
         return subprocess.run(["gzip", "-cd", archive], check=True, stdout=subprocess.PIPE).stdout
     return read(archive)
 
 
 def described(top):
-    """{relative path, as bytes: all that an archive must keep of the entry} of a tree."""
+    """{relative path, as bytes: everything that an archive must keep of the entry} of a tree."""
     top = os.fsencode(top)
     found, inodes = {}, {}
     for parent, directories, names in os.walk(top):
@@ -61,12 +61,12 @@ def entry(path):
 
 
 def difference(one, other):
-    """What differs of two described trees, as text for a failed test; empty when nothing does."""
+    """The differences of two described trees, as text for a failed test; empty when there are none."""
     return "\n".join(f"{path!r}: {one.get(path)} {other.get(path)}" for path in sorted(one.keys() | other.keys())
                      if one.get(path) != other.get(path))
 
 
 def assert_same_tree(original, copy):
-    """Both directories hold the same in every respect."""
+    """Fails unless both directories have the same entries, in every respect."""
     differing = difference(described(original), described(copy))
     assert not differing, differing

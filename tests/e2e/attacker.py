@@ -1,4 +1,4 @@
-"""What an account may do that owns the content directory: a process with the rights of the service account."""
+"""Attacks by the account that owns the content directory: a process with the rights of the service account."""
 import ctypes
 import mmap
 import os
@@ -13,15 +13,15 @@ AT_FDCWD, RENAME_EXCHANGE = -100, 2
 
 
 def exchange(one, other):
-    """Gives each of two entries the name of the other, at once."""
+    """Swaps the names of two entries in one atomic step."""
     if LIBC.renameat2(AT_FDCWD, os.fsencode(one), AT_FDCWD, os.fsencode(other), RENAME_EXCHANGE) != 0:
         raise OSError(ctypes.get_errno(), f"exchange of {one} and {other}")
 
 
 class Attacker:
-    """Repeats `step` in a process of the service account, as often as it can, until the block is left.
+    """Repeats `step` in a process of the service account, as fast as possible, until the block ends.
 
-    `steps` counts the steps that are done. A step is never cut short; one that fails fails the test.
+    `steps` counts the finished steps. A step is never interrupted; one that fails fails the test.
     """
 
     def __init__(self, step):
@@ -44,7 +44,7 @@ class Attacker:
                 os.setgroups([])
                 os.setgid(SERVICE_ACCOUNT)
                 os.setuid(SERVICE_ACCOUNT)
-                # A broken lease is told by this signal.
+                # The kernel reports a broken lease by this signal.
                 signal.signal(signal.SIGIO, signal.SIG_IGN)
                 while not self._read(8):
                     self._step()

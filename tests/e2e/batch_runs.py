@@ -22,7 +22,9 @@ def get_content(login=ROOT, *options, environment=None):
 
 @pytest.fixture
 def program():
-    """Puts a program in front of those of the source host, and starts that; program(name, script)."""
+    """Installs a program that the source host finds before its own one of that name, and starts the host; program(name,
+    script).
+    """
     def put(name, script):
         write(f"{PROGRAMS}/{name}", "#!/bin/sh\n" + script, mode=0o755)
     with SourceHost(options=[f"SetEnv PATH={PROGRAMS}:/usr/bin:/bin"], recording=False):

@@ -27,7 +27,7 @@ def pytest_configure(config):
 
 
 def pytest_sessionstart(session):
-    """Of a worker: its tests are forked from it."""
+    """Runs in each worker before its tests, which are forked from it."""
     if hasattr(session.config, "workerinput"):
         source_host.prepare_source_hosts()
 
@@ -44,13 +44,13 @@ def sentence(item):
 
 
 def pytest_collection_modifyitems(config, items):
-    """Names the tests, takes those that were asked for, and spreads the slow ones over the first half."""
+    """Names the tests, selects the requested ones, and spreads the slow ones over the first half."""
     names = [sentence(item) for item in items]
     repeated = sorted({name for name in names if names.count(name) > 1})
     if repeated:
         raise pytest.UsageError(f"names given twice: {repeated}")
     for item, name in zip(items, names):
-        # The JUnit report has these.
+        # These appear in the JUnit report.
         item.user_properties += [("sentence", name)] + [
             ("matrix", marker.args[0]) for marker in item.iter_markers("matrix")]
     chosen = one_of_each(items) if config.getoption("one_of_each") else items
@@ -60,7 +60,8 @@ def pytest_collection_modifyitems(config, items):
         (wanted if id(item) in chosen and is_wanted(config, item) else left_out).append(item)
     config.hook.pytest_deselected(items=left_out)
     items[:] = wanted
-    # Each worker is first given a row of neighbours: no worker may get most of the slow ones, or get them last.
+    # Each worker first gets a sequence of neighbouring tests: no worker may get most of the slow ones, or get them
+    # last.
     slow = [item for item in items if item.get_closest_marker("slow")]
     quick = [item for item in items if not item.get_closest_marker("slow")]
     step = max(1, len(items) // (2 * len(slow))) if slow else 1
@@ -70,9 +71,9 @@ def pytest_collection_modifyitems(config, items):
 
 
 def one_of_each(items):
-    """Of the items of each test function one: of the first its first, of the second its second, and so on.
+    """One item of each test function: of the first function its first, of the second its second, and so on.
 
-    So each kind of login and each way to fetch content is among them.
+    So each kind of login and each way to fetch content is among the items.
     """
     functions = {}
     for item in items:
@@ -93,10 +94,10 @@ def pytest_collection_finish(session):
 
 @pytest.hookimpl(tryfirst=True)
 def pytest_runtest_setup(item):
-    """Keeps the process of one test (--forked) to itself.
+    """Isolates the process of one test (--forked).
 
-    Signals to its process group reach nothing else, and it ends with its worker. One that hangs ends, in a
-    system call too, and the time limit file says where.
+    Signals to its process group reach no other process, and it ends with its worker. A test that hangs is ended, even
+    in a system call, and the time limit file says where it was.
     """
     if item.config.getoption("forked", False):
         os.setsid()
@@ -111,7 +112,7 @@ def pytest_runtest_setup(item):
 @pytest.hookimpl(trylast=True)
 def pytest_runtest_teardown(item):
     if TIME_LIMIT_FILE in item.stash:
-        # Nothing of a test is torn down after this.
+        # This is the last step of a test's tear-down.
         faulthandler.cancel_dump_traceback_later()
         os.unlink(item.stash[TIME_LIMIT_FILE].name)
 
@@ -126,7 +127,7 @@ def private_world():
 
 @pytest.fixture(autouse=True)
 def clean_world():
-    """Nothing of an earlier test is there, when several of them share a world."""
+    """Removes what an earlier test left, when several tests share a world."""
     for directory in (world.SESSION, world.SOURCE_TREE, world.RECORDS, world.LOGS, world.RUNS, world.AGENTS):
         shutil.rmtree(directory, ignore_errors=True)
     for login in world.LOGINS:
@@ -141,7 +142,7 @@ def clean_world():
 
 @pytest.fixture
 def source():
-    """A source host that listens on port 22 and keeps every command that it is sent."""
+    """A source host that listens on port 22 and records every command that it gets."""
     with source_host.SourceHost() as host:
         yield host
 
@@ -163,7 +164,9 @@ CONTENT_VERIFY = {"unverified": "", "verified": "CONTENT_VERIFY yes\n"}
 
 @pytest.fixture(params=list(CONTENT_VERIFY))
 def content_verify(request):
-    """Once as shipped, and once with CONTENT_VERIFY in the host's configuration; true for that."""
+    """Runs the test with the shipped configuration, and again with CONTENT_VERIFY in the host's configuration; true for
+    the latter.
+    """
     kept = world.read(world.CONFIGURATION)
     world.write(world.CONFIGURATION, kept + CONTENT_VERIFY[request.param].encode())
     yield request.param == "verified"
@@ -172,7 +175,7 @@ def content_verify(request):
 
 @pytest.fixture
 def cases(record_property):
-    """For a test of many cases: cases(12) counts twelve of them. Without it a test is one case."""
+    """For a test with many cases: cases(12) counts as twelve. Without it a test is one case."""
     return lambda number: record_property("cases", number)
 
 
@@ -188,18 +191,18 @@ def pytest_runtest_makereport(item, call):
 
 
 def failure_path(item):
-    """Of this test alone: names of two that run at the same time may differ in one blank only."""
+    """A path for this test alone: the names of two tests that run at the same time may differ only in a blank."""
     return f"{FAILURES}/{re.sub(r'[^A-Za-z0-9_.-]+', '_', item.name)}-{zlib.crc32(item.nodeid.encode()):08x}"
 
 
 def keep_evidence(item):
-    """Copies the session, the logs and the records out of the private world, to be looked at."""
+    """Copies the session, the logs and the records out of the private world, for inspection."""
     kept = failure_path(item)
     shutil.rmtree(kept, ignore_errors=True)
     os.makedirs(kept)
     for directory in (world.SESSION, world.RECORDS, world.LOGS, world.RUNS):
         if os.path.isdir(directory):
-            # Content files can be large, and fifos would block: those stay behind.
+            # Not copied: content files, which can be large, and fifos, which would block.
             shutil.copytree(directory, f"{kept}/{os.path.basename(directory)}", symlinks=True,
                             ignore=lambda parent, names: [n for n in names if unfit(os.path.join(parent, n))])
     return kept

@@ -1,4 +1,4 @@
-"""An agent with a content list, for the tests of --get-content and of what can befall it."""
+"""An agent with a content list, for the tests of --get-content and its failures."""
 import hashlib
 import os
 from xml.sax.saxutils import escape
@@ -11,8 +11,9 @@ from source_host import deployed_agent
 def each_way(name, table, compared, slow=()):
     """Parametrizes `name` with each value of a table: {id: value}.
 
-    Each is done as shipped, and those whose ids are in `compared` also with CONTENT_VERIFY (see the fixture
-    content_verify): for the others that would be the same run twice. Those in `slow` take long.
+    Each value is tested with the shipped configuration. Those whose ids are in `compared` are tested again with
+    CONTENT_VERIFY (see the fixture content_verify): for the others that would be the same run twice. Those in `slow`
+    take long.
     """
     cases = [pytest.param(way, value, id=f"{way}-{key}", marks=[pytest.mark.slow] * (key in slow))
              for key, value in table.items() for way in ("unverified", "verified")[:2 if key in compared else 1]]
@@ -28,7 +29,7 @@ def md5(content):
 
 
 def content_list(entries, unpacked=None):
-    """The document for [(name, content or None, attributes)]; the attributes given here win."""
+    """The document for [(name, content or None, attributes)]; the given attributes replace the computed ones."""
     total = sum(len(content or b"") for _, content, _ in entries)
     files = []
     for name, content, attributes in entries:
@@ -40,9 +41,9 @@ def content_list(entries, unpacked=None):
 
 
 def offered(login, *entries, unpacked=None):
-    """Puts an agent on the source host that offers these entries: (name, content[, attributes]).
+    """Installs an agent on the source host that offers these entries: (name, content[, attributes]).
 
-    An entry whose content is None is listed, but not there.
+    An entry whose content is None is listed, but its file does not exist.
     """
     entries = [(*entry, {})[:3] for entry in entries]
     files = {name: content for name, content, _ in entries if content is not None}

@@ -26,7 +26,7 @@ def get_content(login=ROOT, *options):
 
 
 def cause_of_failure(*options, login=ROOT, agent="sample"):
-    """(code, text) of what is told inside the error that wraps every failure."""
+    """(code, text) of the error inside the one that wraps every failure."""
     outcome = Destination(login, agent=agent).run("get-content", *options)
     assert (outcome.code, outcome.stdout, outcome.stderr) == (2, b"", WRAPPING.encode())
     assert not Session().exists("migration.result")
@@ -39,7 +39,7 @@ def cause_of_failure(*options, login=ROOT, agent="sample"):
 
 
 def fetching(login, *names):
-    """The RemoteCommands of files that are fetched and removed."""
+    """The RemoteCommands that fetch and remove these files."""
     commands = []
     for name in names:
         path = sh_quote(f"{login.agent_dir}/{name}")

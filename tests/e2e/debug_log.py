@@ -1,4 +1,4 @@
-"""What the debug log says, for the tests that compare its lines."""
+"""The debug log, for the tests that compare its lines."""
 import re
 
 import pytest
@@ -11,7 +11,7 @@ PROPERTIES = f"{DTM}/log4cpp.properties"
 
 @pytest.fixture
 def debug_log():
-    """Everything is logged; gives the function that reads the lines of a category."""
+    """Turns on all log messages; returns the function that reads the lines of a category."""
     kept = read(PROPERTIES)
     write(PROPERTIES, kept.replace(b"rootCategory=INFO", b"rootCategory=DEBUG"))
     yield lines_of
@@ -19,6 +19,6 @@ def debug_log():
 
 
 def lines_of(category):
-    """["PRIORITY text"...] of the category, in order; of a text with several lines the first."""
+    """["PRIORITY text"...] of the category, in order; only the first line of a text with several lines."""
     found = re.findall(rf"^(\w+) +{re.escape(category)}: (.*)$", Session().log(), re.MULTILINE)
     return [f"{priority} {text}" for priority, text in found]

@@ -1,4 +1,4 @@
-"""What the documents describe: options of the programs, as these know them."""
+"""What the documents must describe: the options of the programs, as the programs know them."""
 import glob
 import os
 import re
@@ -12,7 +12,7 @@ TOP = os.path.dirname(TESTS)
 
 
 def options_of_the_program():
-    """{option: whether it takes a value}, from the complaints of its option parser."""
+    """{option: whether it takes a value}, from the error messages of the program's option parser."""
     names = re.findall(rb"'(--[a-z-]+)'", sondrel("--=").stderr)
     assert len(names) > 30, names
     return {name.decode(): b"doesn't allow" not in sondrel(name.decode() + "=").stderr if name != b"--help"
@@ -20,13 +20,13 @@ def options_of_the_program():
 
 
 def options_of_a_whole_migration():
-    """The same for the program of whole migrations, which makes its usage text of its table."""
+    """The same for sondrel-migrate, which makes its usage text from its table."""
     shown = subprocess.run([MIGRATE, "--help"], capture_output=True, check=True, text=True).stdout
     return {name: bool(value) for name, value in re.findall(r"^ +(--[a-z-]+)(=?)", shown, re.MULTILINE)}
 
 
 def text_of(pattern):
-    """All sources of that pattern, one behind the other."""
+    """The text of all sources that match the pattern, concatenated."""
     paths = sorted(glob.glob(f"{TOP}/{pattern}"))
     assert paths, pattern
     return "\n".join(read(path).decode() for path in paths)

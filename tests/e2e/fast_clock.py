@@ -1,11 +1,11 @@
-"""A fixture for what takes the tool minutes."""
+"""A fixture for tests of what takes the tool minutes."""
 import subprocess
 
 import pytest
 
 from world import write
 
-# One second of the clock that it shows is a hundredth of one.
+# One second of this clock takes a hundredth of a second.
 FAST_CLOCK = r"""
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -46,6 +46,6 @@ def fast_clock():
     """An environment in which time passes a hundred times as fast."""
     write("/mnt/clock/clock.c", FAST_CLOCK)
     subprocess.run(["cc", "-shared", "-fPIC", "-o", "/mnt/clock/clock.so", "/mnt/clock/clock.c", "-ldl"], check=True)
-    # A session that is freed amid its key exchange loses memory in the SSH library itself.
+    # When a session is freed in the middle of its key exchange, the SSH library itself leaks memory.
     return {"LD_PRELOAD": "/mnt/clock/clock.so",
             "ASAN_OPTIONS": "exitcode=99:detect_leaks=0:verify_asan_link_order=0"}

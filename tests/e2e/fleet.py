@@ -11,7 +11,7 @@ from world import TESTS, SystemLog, read, write
 COLLECTION = f"{os.path.dirname(TESTS)}/ansible"
 NAME = "sondrel.migration"
 PLAYBOOK = f"{NAME}.migrate"
-# Ansible finds a collection by the path that it lies at; here a link leads to the one of this checkout.
+# Ansible finds a collection by its path; a link at this path leads to the collection of the checkout.
 COLLECTIONS = "/mnt/collections"
 CONTROLLER = "/mnt/controller"
 LOG = f"{CONTROLLER}/ansible.log"
@@ -22,7 +22,7 @@ ENVIRONMENT = {"HOME": CONTROLLER, "LC_ALL": "C.UTF-8", "ANSIBLE_NOCOLOR": "1", 
 
 
 def inventory(destinations, migrations, common):
-    """Writes it, as JSON, which is YAML as well; {host: its variables}, and those of all migrations."""
+    """Writes the inventory as JSON, which is also YAML; {host: its variables}, and the variables of all migrations."""
     os.makedirs(CONTROLLER, exist_ok=True)
     return write(f"{CONTROLLER}/inventory.yml", json.dumps({"all": {"children": {
         "sondrel_destinations": {"hosts": destinations, "vars": {"ansible_python_interpreter": "/usr/bin/python3"}},
@@ -30,7 +30,7 @@ def inventory(destinations, migrations, common):
 
 
 def link_collection():
-    """Makes the collection of this checkout one that Ansible finds: its directory there."""
+    """Links the collection of this checkout into the directory where Ansible looks for it."""
     place = f"{COLLECTIONS}/ansible_collections/{NAME.replace('.', '/')}"
     if not os.path.lexists(place):
         os.makedirs(os.path.dirname(place))
@@ -46,7 +46,7 @@ def start_ansible(program, *arguments, environment=None, alone=True):
 
 
 def play(*arguments, playbook=PLAYBOOK, **how):
-    """Runs a playbook, else that of the collection, on the inventory that was written; returns its Play."""
+    """Runs a playbook, by default that of the collection, on the written inventory; returns its Play."""
     return Play(start_ansible("ansible-playbook", "-i", f"{CONTROLLER}/inventory.yml", *arguments, playbook,
                               **how).finish(150))
 
@@ -105,21 +105,21 @@ class Watch:
         while not self._over.wait(0.005):
             for name in filter(str.isdigit, os.listdir("/proc")):
                 self._read(f"/proc/{name}")
-            # A full one would block the programs that log.
+            # Emptied here: a full pipe would block the programs that log.
             self._log.text()
 
     def _read(self, process):
         try:
             words, variables = read(f"{process}/cmdline"), read(f"{process}/environ")
-            # While a process executes another program it has no words, or words of the one and
-            # variables of the other. The next round reads it as it is then.
+            # While a process executes another program, its command line is empty, or belongs to one program and the
+            # variables to the other. The next round reads it again.
             if not words or words != read(f"{process}/cmdline"):
                 return
         except (FileNotFoundError, ProcessLookupError, PermissionError):
             return
-        # An interpreter's script is the second word.
+        # The second word is the script of an interpreter.
         programs = [os.path.basename(word) for word in os.fsdecode(words).split("\0")[:2]]
         self.programs |= set(programs)
-        # sondrel itself gets the passwords by its variables, and wipes them.
+        # sondrel itself gets the passwords in variables, and wipes them.
         seen = words if programs[0] == "sondrel" else words + variables
         self.told |= {words for secret in self._secrets if secret in seen}

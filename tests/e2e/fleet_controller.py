@@ -1,4 +1,4 @@
-"""The controller of a fleet, as the tests of the collection have it."""
+"""The controller of a fleet, for the tests of the collection."""
 import shutil
 
 import pytest
@@ -8,12 +8,12 @@ from fleet import CONTROLLER, NAME
 
 @pytest.fixture(autouse=True)
 def new_controller():
-    """Nothing of another test's inventory is there."""
+    """Removes the inventory of an earlier test."""
     shutil.rmtree(CONTROLLER, ignore_errors=True)
 
 
 def assert_only_where_the_playbook_is(outcome):
-    """Ansible warns of a playbook that a collection brings, and of nothing else."""
+    """Fails unless the only warning is that the playbook comes from a collection."""
     warning = f"[WARNING]: running playbook inside collection {NAME}\n".encode()
     assert (outcome.code, outcome.stderr) == (0, warning), outcome
     assert b"playbook: " in outcome.stdout

@@ -1,4 +1,4 @@
-"""A source host on which the commands of a content run wait wherever a test has put a gate."""
+"""A source host on which the commands of a content run wait wherever a test has placed a gate."""
 import os
 import shutil
 import signal
@@ -11,7 +11,7 @@ from world import ROOT, wait_until, write
 DIRECTORY = "/mnt/gates"
 PROGRAMS = "/mnt/bin"
 
-# Waits at the gate of this name, where there is one, and says first who it is that waits.
+# Waits at the gate of this name, if there is one, after writing the number of the waiting process.
 WAIT = f"""
 gate() {{
   [ -p "{DIRECTORY}/$1" ] || return 0
@@ -51,14 +51,14 @@ tail -c +$((half + 1)) "$list"
 
 
 def gated_host(options=(), port=22):
-    """A SourceHost whose `cat` and `rm` know the gates."""
+    """A SourceHost whose `cat` and `rm` stop at the gates."""
     write(f"{PROGRAMS}/cat", CAT, mode=0o755)
     write(f"{PROGRAMS}/rm", RM, mode=0o755)
     return SourceHost(options=[*options, f"SetEnv PATH={PROGRAMS}:/usr/bin:/bin"], port=port)
 
 
 def offered_behind_gates(files, listed=()):
-    """An agent that offers the files ({name: content}) and lists them where `listed` does not say otherwise."""
+    """An agent that offers the files ({name: content}) and lists them, except where `listed` says otherwise."""
     shutil.rmtree(ROOT.agent_dir, ignore_errors=True)
     entries = listed or [(name, content, {}) for name, content in files.items()]
     deployed_agent(ROOT, AGENT, {"list.xml": content_list(entries), **files})
@@ -75,7 +75,7 @@ def run_to(point, files):
 
 
 class Gate:
-    """A point, as "amid cat NAME", at which the next command to come there waits; its pid is known then."""
+    """A point, such as "amid cat NAME", at which the next command that gets there waits; its pid is known then."""
 
     def __init__(self, point):
         os.makedirs(DIRECTORY, exist_ok=True)
@@ -99,7 +99,7 @@ class Gate:
         return os.path.exists(self._path)
 
     def open(self):
-        """Lets the command go on, and waits for its end; there is no gate here any more."""
+        """Lets the command go on, and waits for its end. Removes the gate."""
         with open(self._path, "wb") as pipe:
             os.unlink(self._path)
             os.unlink(f"{self._path}.pid")
@@ -107,13 +107,13 @@ class Gate:
         self._gone()
 
     def kill(self, number):
-        """Ends the command that waits, by this signal."""
+        """Ends the waiting command by this signal."""
         self.forget()
         os.kill(self.pid, number)
         self._gone()
 
     def forget(self):
-        """Leaves the command waiting; there is no gate here any more for others."""
+        """Leaves the command waiting, and removes the gate for other commands."""
         os.unlink(self._path)
         os.unlink(f"{self._path}.pid")
 

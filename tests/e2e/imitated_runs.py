@@ -17,7 +17,7 @@ def imitated():
 
 
 def complaint(outcome):
-    """The one line that tells why nothing was begun."""
+    """The one error line that says why the migration did not begin."""
     assert outcome.code == 1 and outcome.stdout == b"", outcome
     lines = outcome.stderr.decode().splitlines()
     assert len(lines) == 1 and lines[0].startswith("sondrel-migrate: "), lines

@@ -1,4 +1,4 @@
-"""What holds after every run of --get-content, whatever befell it."""
+"""Checks that must pass after every run of --get-content, whatever happened to it."""
 import os
 import re
 import stat
@@ -7,10 +7,10 @@ from tool import Session
 from world import ROOT, read
 
 ARCHIVES = "/mnt/session/archives"
-# 0 to 2 and the failures of the connection; no other code, and no signal, ends a run by itself.
+# 0 to 2 and the codes of connection failures. No run ends by itself with another code or a signal.
 EXIT_CODES = {0, 1, 2, 11, 12, 13, 14, 15, 16, 17, 18}
 TERMINATED = b"Migration has been terminated"
-# Names that are given to a document while it is written.
+# Temporary names of documents while they are written.
 TEMPORARY = re.compile(r"(migration\.status|transfer\.result|migration\.result)\w{6}"
                        r"|dumping-status\.xml\.tmp")
 # The documents of a session and the roots that they have.
@@ -20,13 +20,13 @@ NAMES = {"dump-name": "dump.xml", "migration-result-name": "migration.result"}
 
 
 def temporaries(*directories):
-    """Paths of the temporary files that are left anywhere below the directories."""
+    """Paths of the temporary files anywhere below the directories."""
     return sorted(os.path.join(parent, name) for directory in directories for parent, _, names in os.walk(directory)
                   for name in names if TEMPORARY.fullmatch(name))
 
 
 def check_documents(session):
-    """Whatever documents there are parse and have their root."""
+    """All documents that exist can be parsed and have their root."""
     for name, root in ROOTS.items():
         if session.exists(name) and os.path.isfile(session.file(name)):
             assert session.tree(name)[0] == root, name
@@ -40,7 +40,7 @@ def regular_files(directory):
 
 
 def complete(entries, target):
-    """Names of the entries that lie below the target as they were offered."""
+    """Names of the entries whose files below the target are as offered."""
     here = regular_files(target)
     return {name for name, content in entries.items() if here.get(os.fsencode(name)) == content}
 
@@ -56,10 +56,10 @@ def check_nothing_lost(entries, target=ARCHIVES, login=ROOT):
 def check(outcome, entries, target=ARCHIVES, login=ROOT, session=None, leaves=0, already=(), result_saved=True):
     """All that holds after a run over content files ({name: content}).
 
-    `leaves`: how many temporary files must be left, as by a failed change of owner or rename.
-    `already`: names of the files that were complete here before the run, so that it leaves them
-    on the source host. `result_saved` is false where the result log itself could not be saved:
-    what it would have told is not asked for then. A run that was killed leaves what it was at.
+    `leaves`: the number of temporary files that must be left, for example after a failed change of owner or rename.
+    `already`: names of the files that were complete here before the run, so that it leaves them on the source host.
+    `result_saved`: false when the result log itself could not be saved; it is not checked then. A killed run leaves its
+    work unfinished.
     """
     session = session or Session()
     killed = outcome.code in (-9, -15)
@@ -95,7 +95,7 @@ def check_result(outcome, terminated, session):
 
 
 def check_work_done(outcome, entries, target, session):
-    """All files are here, the names of documents too; files that stayed there are told."""
+    """All files and documents are here; files that stayed on the source host are reported."""
     missing = set(entries) - complete(entries, target)
     assert not missing, f"status 0, but not here: {missing}"
     assert outcome.stderr == b""
@@ -104,7 +104,7 @@ def check_work_done(outcome, entries, target, session):
 
 
 def check_work_not_claimed(outcome, session, result_saved):
-    """The names of documents are left by a run that did all its work, or fails at just these names."""
+    """Only a run that did all its work, or that failed at just these names, leaves the names of documents."""
     there = [name for name in NAMES if session.exists(name)]
     if there and result_saved:
         causes = [cause[0] for message in session.messages("transfer.result")[-1:] for cause in message[3]]

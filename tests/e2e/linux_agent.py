@@ -1,4 +1,4 @@
-"""The agent "linux" by itself: installed, deployed by hand, made to wait; and the dump that it makes."""
+"""The agent "linux" without the tool: installed, deployed by hand, stopped at gates; and its dump."""
 import contextlib
 import os
 import shutil
@@ -14,14 +14,14 @@ AGENT_DIR = "/mnt/agent"
 
 
 def install_linux_agent():
-    """The agent and the scout in the destination's product directory."""
+    """Installs the agent and the scout in the destination's product directory."""
     for part in ("shared", "linux"):
         shutil.copytree(f"{SOURCES}/{part}", f"{AGENTS}/{part}", dirs_exist_ok=True)
     subprocess.run([f"{SOURCES}/bundle-scout", f"{DTM}/scout.pl"], check=True)
 
 
-# Runs a program, and prints the KiB of its largest process. To the kernel the memory of a process is also what the one
-# that has started it had: this one is small.
+# Runs a program, and prints the KiB of its largest process. The kernel starts the count of a process with the
+# memory of the one that started it, so this starter is small.
 PEAK = """
 import resource, subprocess, sys
 status = subprocess.call(sys.argv[1:], stdout=sys.stderr)
@@ -52,7 +52,7 @@ class Agent:
         return self._started[-1]
 
     def end(self):
-        """Ends what a failed test has left running."""
+        """Ends the processes that a failed test has left."""
         for process in self._started:
             if process.poll() is None:
                 process.terminate()
@@ -65,7 +65,7 @@ class Agent:
         return subprocess.CompletedProcess(process.args, process.returncode, stdout, stderr)
 
     def peak_memory(self, *arguments):
-        """Bytes that the largest process of a run that succeeds had at most."""
+        """The most bytes that a process of a run had; the run must succeed."""
         process = self.start(*arguments, through=[sys.executable, "-c", PEAK])
         stdout, stderr = process.communicate(timeout=100)
         assert (process.returncode, stderr) == (0, b"")
@@ -89,7 +89,7 @@ class Agent:
 
 @contextlib.contextmanager
 def without_perl_modules(module):
-    """perl finds neither the module nor those beside it, as where their packages are missing."""
+    """Makes perl find neither this module nor those beside it, as on a host without their packages."""
     file = subprocess.run(["perl", f"-M{module}", "-e", "print $INC{$ARGV[0]}", f"{module.replace('::', '/')}.pm"],
                           check=True, stdout=subprocess.PIPE).stdout
     subprocess.run(["mount", "-t", "tmpfs", "empty", os.path.dirname(file)], check=True)
@@ -101,7 +101,7 @@ def without_perl_modules(module):
 
 PROGRAMS = "/mnt/programs"
 GATE = f"{PROGRAMS}/gate"
-# Waits when it is to make the archive of this number, counted from 1, and says that it does.
+# Waits before it makes the archive with this number, counted from 1, and reports that it waits.
 TAR = f"""#!/bin/sh
 case " $* " in
 *" --create "*)
@@ -116,7 +116,7 @@ exec /usr/bin/tar "$@"
 
 
 class Gate:
-    """Lets a dump wait just before it makes its archive of this number."""
+    """Makes a dump wait just before it makes the archive with this number."""
 
     def __init__(self, which):
         shutil.rmtree(PROGRAMS, ignore_errors=True)
@@ -171,6 +171,6 @@ class Dump:
                 if severity in (None, element.get("severity"))]
 
     def losses(self):
-        """The errors, but for the one about the shop's database on a host without its server."""
+        """The errors, except the one about the shop's database on a host without its server."""
         return [(object_, text) for object_, text in self.problems("error")
                 if object_ != "shop.a.test" or "names the database shop, for which no server was found" not in text]

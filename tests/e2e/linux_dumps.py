@@ -26,13 +26,13 @@ def host():
 
 
 def run(login, action, *options, **how):
-    """A run of the tool that must succeed without a word."""
+    """A run of the tool that must succeed without any output."""
     outcome = Destination(login, agent="linux").run(action, *options, **how)
     assert (outcome.code, outcome.stdout, outcome.stderr) == (0, b"", b""), (action, outcome)
 
 
 def dumped(login, action="dump-all", *options):
-    """The document of a dump by an agent that is deployed already."""
+    """Runs a dump by an agent that is deployed already; returns its document."""
     run(login, action, *options)
     text = Session().read("dump.xml")
     check_schema(text, "dump")
@@ -55,7 +55,7 @@ def migrate(login=ROOT, *selection):
 
 
 def arrived(*directories):
-    """Each directory is the same on the source host and in what was unpacked."""
+    """Checks that each directory is the same on the source host and in what was unpacked."""
     for directory in directories:
         assert_same_tree(directory, STAGE + directory)
 

@@ -52,7 +52,7 @@ def populate_apache(host):
 
 
 def many_sites(host, number, users):
-    """So many sites, each with one page, of so many users."""
+    """Makes this number of sites, each with one page, of as many users."""
     for index in range(number):
         user = f"u{index % users:04d}"
         owner = add_user(user)
@@ -118,7 +118,7 @@ def databases():
 
 
 def mysql_state(server, database):
-    """All that a restored database must have in common with the original."""
+    """Everything that a restored database must have in common with the original."""
     dump = subprocess.run(
         ["mariadb-dump", "--no-defaults", f"--socket={server.socket}", "--skip-comments", "--hex-blob", "--routines",
          "--events", "--triggers", "--databases", database], check=True, stdout=subprocess.PIPE).stdout
@@ -131,7 +131,7 @@ def postgresql_state(server, database):
     dump = subprocess.run(
         [f"{server.programs}/pg_dump", "-h", server.sockets, "-p", str(server.port), "--create", database], cwd="/",
         user=server.ACCOUNT, check=True, stdout=subprocess.PIPE).stdout
-    # The key of these two lines is another one every time.
+    # The key in these two lines is a new one in each dump.
     lines = [line for line in dump.splitlines() if not line.startswith((b"\\restrict ", b"\\unrestrict "))]
     roles = server.sql("SELECT rolname, rolcanlogin, rolsuper, rolpassword FROM pg_authid ORDER BY 1;")
     return lines, roles

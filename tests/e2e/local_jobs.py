@@ -1,4 +1,4 @@
-"""Jobs of the tool, each of which this host can fail."""
+"""Runs of the tool that can fail because of this host."""
 import dataclasses
 import os
 import resource
@@ -17,7 +17,7 @@ from world import DTM, ROOT, SESSION, write
 
 DUMPS = "/mnt/dumps"
 PAGE = resource.getpagesize()
-# More than two pages, and no whole number of them.
+# More than two pages, and not a whole number of them.
 TEXT = b"0123456789abcde\n" * (5 * PAGE // 16 + 5)
 ENTRIES = {"first": TEXT, "sub/second": b"22", "third": b""}
 STATUS = "dumping-status.xml"
@@ -64,7 +64,7 @@ def content():
 
 @dataclasses.dataclass
 class Job:
-    """A run of one action; `documents` is what a run that ends well has made."""
+    """A run of one action; `documents` are what a successful run makes."""
     action: str
     prepare: typing.Callable
     documents: dict
@@ -72,7 +72,7 @@ class Job:
     result: str = "migration.result"
 
     def run(self, **how):
-        """A run on a source host that has everything."""
+        """Runs it on a source host that has everything it needs."""
         shutil.rmtree(ROOT.agent_dir, ignore_errors=True)
         self.prepare()
         return self.start(**how).finish(20)
@@ -81,7 +81,7 @@ class Job:
         return Destination(ROOT).start(self.action, *self.options, **how)
 
     def check(self, outcome, leaves=0):
-        """Holds whatever became of the run; the result log may be what could not be saved."""
+        """Checks what must be true after every run. The result log may be missing if it could not be saved."""
         saved = os.path.isfile(Session().file(self.result))
         if self.action == "get-content":
             check(outcome, ENTRIES, leaves=leaves, result_saved=saved)
@@ -116,7 +116,7 @@ JOBS = {
 
 
 def each_job(test):
-    """Content is fetched in both ways; all else has only one."""
+    """Content is fetched in both ways; other actions have only one."""
     jobs = [pytest.param("unverified", job, id=name) for name, job in JOBS.items()]
     jobs.append(pytest.param("verified", CONTENT, id="verified content"))
     mark = pytest.mark.parametrize("content_verify, job", jobs, indirect=["content_verify"])
@@ -141,13 +141,13 @@ DOCUMENTS = {
     "name of the dump of a content run": (CONTENT, "dump-name", len(f"{ARCHIVES}/dump.xml"), "FileWrite"),
     "name of the result": (CONTENT, "migration-result-name", len(f"{ARCHIVES}/migration.result"), "FileWrite"),
     "status": (CONTENT, "migration.status", 100, "tError_SaveFile"),
-    # All the work is done without these two.
+    # The run does all its work without these two.
     "result log": (DUMP, "migration.result", 50, None),
     "debug log": (CONTENT, "migration.log", 100, None),
 }
 
 
 def full_device(name):
-    """Puts into the session a device on which there is never any room."""
+    """Puts a device that is always full into the session."""
     os.makedirs(os.path.dirname(Session().file(name)), exist_ok=True)
     os.mknod(Session().file(name), 0o666 | stat.S_IFCHR, os.makedev(1, 7))

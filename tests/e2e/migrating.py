@@ -1,4 +1,4 @@
-"""`sondrel-migrate` for its tests: with the sondrel beside it, or with an imitated one that a test can steer."""
+"""Runs of `sondrel-migrate`: with the real sondrel beside it, or with an imitated one that a test can control."""
 import os
 import shutil
 import xml.etree.ElementTree
@@ -13,7 +13,7 @@ RESTORE_STEPS = ["plan", "apply", "verify"]
 STEPS_AND_STATUS = [*STEPS, *RESTORE_STEPS, "status"]
 IMITATION = "/mnt/imitation"
 
-# Keeps what it was given, then does what the file of its step says, if there is one.
+# Records its arguments, environment and so on, then runs the file of its step, if there is one.
 IMITATED_SONDREL = f"""#!/bin/bash
 for word; do
   case $word in
@@ -41,7 +41,7 @@ touch "$kept/complete"
 def in_place(login, *options, host=HOST, session=SESSION):
     """The arguments of a migration from `host` by `login`; the agent's directory goes into the login's home.
 
-    It is final, so that all steps are made, unless --keep-agent is among the options.
+    It is final, so that all steps are made, unless --keep-agent is one of the options.
     """
     given = [f"--session-path={session}", f"--host={host}", f"--login={login.name}", "--agent-name=sample",
              f"--agent-parent={login.home}"]
@@ -107,11 +107,11 @@ class ImitatedSondrel:
         write(f"{self.directory}/sondrel", IMITATED_SONDREL, mode=0o755)
 
     def can_restore(self):
-        """Puts an imitated sondrel-restore beside it, whose steps are steered in the same way."""
+        """Puts an imitated sondrel-restore beside it, whose steps are controlled in the same way."""
         write(f"{self.directory}/sondrel-restore", IMITATED_SONDREL, mode=0o755)
 
     def does(self, step, script):
-        """What a step does from now on, as lines of shell."""
+        """Sets what a step does from now on, as lines of shell."""
         write(f"{IMITATION}/{step}", script + "\n")
 
     def start(self, *arguments, **how):
@@ -125,7 +125,7 @@ class ImitatedSondrel:
         return [name.partition(".")[2] for name in self._names()]
 
     def all_runs(self):
-        """The same, with "status" wherever the agent's dumping status was asked for."""
+        """The same, with "status" for each query of the agent's dumping status."""
         return [name.partition(".")[2] for name in self._names(STEPS_AND_STATUS)]
 
     def kept(self, index, what):
@@ -136,7 +136,7 @@ class ImitatedSondrel:
         return self.kept(index, "arguments").decode().splitlines()
 
     def arguments_of_status(self):
-        """Those of the last run that asked for the dumping status."""
+        """The arguments of the last run that asked for the dumping status."""
         return read(f"{IMITATION}/runs/{self._names(['status'])[-1]}/arguments").decode().splitlines()
 
     def environment(self, index):
@@ -144,7 +144,7 @@ class ImitatedSondrel:
         return dict(entry.decode().split("=", 1) for entry in entries if entry)
 
     def is_at(self, step):
-        """True while or after the last run is this step and has kept what it was given."""
+        """True when the last run is this step and has recorded what it was given; it may have ended."""
         names = self._names()
         return bool(names) and names[-1].endswith(step) and os.path.exists(
             f"{IMITATION}/runs/{names[-1]}/complete")

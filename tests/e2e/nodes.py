@@ -12,7 +12,7 @@ from world import LOGINS, PRODUCT, SHELL_DIRECTORY, die_with_parent
 STORE = "/mnt/nodes"
 NETWORK = "10.77.0"
 SESSIONS = "/mnt/migrations"
-# What a machine has for itself lies in STORE/NAME, where the test can look at it.
+# The machine's own directories are in STORE/NAME, where the test can read them.
 EMPTY_DIRECTORIES = ["/tmp", "/run", PRODUCT, SHELL_DIRECTORY, SESSIONS, *(login.home for login in LOGINS)]
 OWN_DIRECTORIES = ["/etc", *EMPTY_DIRECTORIES]
 CLONE_NEWNS, CLONE_NEWPID, CLONE_NEWNET = 0x20000, 0x20000000, 0x40000000
@@ -24,7 +24,7 @@ def run(*words):
 
 @contextlib.contextmanager
 def cables():
-    """What the machines are plugged into; the test itself has the first address."""
+    """The switch that connects the machines; the test itself has the first address."""
     for directory in EMPTY_DIRECTORIES:
         os.makedirs(directory, exist_ok=True)
     run("ip", "link", "add", "name", "cables", "type", "bridge")
@@ -36,19 +36,19 @@ def cables():
 
 
 def close_all_but(*kept):
-    """Of what the test has open a machine knows nothing but the standard streams."""
+    """Closes all descriptors except the standard streams: a machine must not have what the test has open."""
     for name in os.listdir("/proc/self/fd"):
         if int(name) > 2 and int(name) not in kept:
-            # That of the listing itself has gone.
+            # The descriptor of the listing itself is closed already.
             with contextlib.suppress(OSError):
                 os.close(int(name))
 
 
 class Node:
-    """A machine; what runs in it ends with it.
+    """A machine. Its processes end with it.
 
-    Its directories begin empty, /etc as that of the private world. `furnish` is called inside, before
-    it is on the network.
+    Its directories are empty at first; /etc is that of the private world. `furnish` is called inside, before the
+    machine is on the network.
     """
 
     def __init__(self, name, number, furnish=lambda: None):
@@ -69,15 +69,15 @@ class Node:
 
     @property
     def through(self):
-        """What a command is given to that is to run in it."""
-        # Its root, too: this may be a chroot, which is left with the namespace otherwise.
+        """The words in front of a command that runs it in the machine."""
+        # --root, because a chroot would be left with the namespace otherwise.
         return ["nsenter", "--target", str(self.pid), "--mount", "--net", "--pid", "--root", "--wd=/", "--"]
 
     def run(self, *words):
         run(*self.through, *words)
 
     def own(self, path):
-        """Where the test finds a path of the machine."""
+        """The path by which the test reaches a path of the machine."""
         if any(path == directory or path.startswith(directory + "/") for directory in OWN_DIRECTORIES):
             return self.store + path
         return f"/proc/{self.pid}/root{path}"
@@ -119,7 +119,7 @@ class Node:
     # --- inside ---
 
     def _live(self, furnish, told, life):
-        """Never returns. The machine's first process has to be a child of the one that makes it."""
+        """Never returns. The first process of the machine must be a child of the process that makes the namespace."""
         status = 1
         try:
             die_with_parent()
@@ -141,14 +141,14 @@ class Node:
             os._exit(status)
 
     def _be_first(self, furnish, told, life):
-        """Returns when the machine is to end."""
-        # By the numbers of the account that mounted it.
+        """Returns when the machine must end."""
+        # The process numbers here are those of the namespace that mounted /proc.
         pid = os.readlink("/proc/self")
         for path in OWN_DIRECTORIES:
             run("mount", "--bind", self.store + path, path)
         run("mount", "-t", "proc", "proc", "/proc")
         furnish()
-        # Orphans need no burial.
+        # The kernel reaps orphans then.
         signal.signal(signal.SIGCHLD, signal.SIG_IGN)
         os.write(told, pid.encode())
         os.close(told)

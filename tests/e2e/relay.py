@@ -1,7 +1,7 @@
-"""A relay between the tool and a server, which does harm to the connections that it carries.
+"""A relay between the tool and a server, which damages the connections that it carries.
 
-Where it does it is told by what was said or counted, never by the clock. A fault is a function of
-the Link, one connection; it changes what becomes of all that the relay takes in from then on.
+The place is chosen by messages or by a count of bytes, never by the clock. A fault is a function of the Link, one
+connection; it changes what happens to everything that the relay receives from then on.
 """
 import collections
 import errno
@@ -22,7 +22,7 @@ END = b""
 # --- faults ----------------------------------------------------------------------------------
 
 def fin(link):
-    """Both ends see the other one end in order; nothing is ever reset."""
+    """Each end sees the other one close the connection in order; nothing is ever reset."""
     link.fall_silent()
     for end in link.ends:
         end.shutdown(socket.SHUT_WR)
@@ -37,12 +37,12 @@ def rst(link):
 
 
 def stall(link):
-    """Nothing is carried any more; both ends stay open."""
+    """Nothing is forwarded any more; both ends stay open."""
     link.fall_silent()
 
 
 def delay(link):
-    """All bytes come 50 ms later, in each direction."""
+    """All bytes arrive 50 ms later, in each direction."""
     for way in link.ways:
         way.delay = 0.05
 
@@ -54,19 +54,19 @@ def one_byte(link):
 
 
 def throttle(link):
-    """128 KiB in a second."""
+    """Forwards 128 KiB per second."""
     for way in link.ways:
         way.piece, way.interval = 1024, 1 / 128
 
 
 def trickle(link):
-    """2 MiB in a second, by less than a packet at a time."""
+    """Forwards 2 MiB per second, in pieces smaller than a packet."""
     for way in link.ways:
         way.piece, way.interval = 8192, 1 / 256
 
 
 def corrupt(offset, mask=1):
-    """The fault that flips bits of one byte of those that the server sends next."""
+    """A fault that flips bits of one of the bytes that the server sends next."""
     def flip(link):
         link.down.flip = (offset, mask)
     return flip
@@ -75,7 +75,7 @@ def corrupt(offset, mask=1):
 # --- points ----------------------------------------------------------------------------------
 
 def after_bytes(count):
-    """Finds the place behind so many bytes."""
+    """Finds the place after this number of bytes."""
     def place(data):
         nonlocal count
         if len(data) < count:
@@ -86,8 +86,9 @@ def after_bytes(count):
 
 
 class Dialog:
-    """Follows what the client says, to find the place ahead of a message of the key exchange,
-    or of what it says when its turn comes for the nth time after that."""
+    """Follows what the client sends, to find the place before a message of the key exchange, or before what it sends in
+    its nth turn after that.
+    """
 
     def __init__(self, message=None, turn=None):
         self._message = message
@@ -113,7 +114,7 @@ class Dialog:
         return self._take_turn(rest) if self._encrypted and rest < len(data) else None
 
     def _messages(self):
-        """(offset, number) of each further message that has begun to come."""
+        """(offset, number) of each further message whose beginning has arrived."""
         if self._next == 0:
             self._next = self._text.find(b"\n") + 1  # the version
         while 0 < self._next and self._next + 6 <= len(self._text) and not self._encrypted:
@@ -213,7 +214,7 @@ class Link:
             relay.selector.register(end, selectors.EVENT_READ, lambda way=way: self._guarded(way.read))
 
     def _guarded(self, work):
-        """An end that is reset, or gone, ends both."""
+        """When one end is reset or closed, closes both."""
         try:
             work()
         except OSError as error:
@@ -223,7 +224,7 @@ class Link:
             self.close()
 
     def heard(self, way):
-        """Tells the dialog whose turn is over."""
+        """Tells the dialog which side's turn is over."""
         if self._dialog and way is self.down:
             self._dialog.server_speaks()
 
@@ -249,9 +250,9 @@ class Link:
 
 
 class Relay:
-    """Carries connections from port 22, or the listener, to port 2222 while it is entered. With a
-    fault, each of them is struck at the point: "connected", or where the Dialog that at() makes
-    finds it; or when the test says so."""
+    """While it is entered, carries connections from port 22, or the listener, to port 2222. A fault strikes each of
+    them at the point: "connected", or the place that the Dialog of at() finds; or when the test says so.
+    """
 
     def __init__(self, fault=None, at=None, listener=None):
         self.links = []
@@ -284,7 +285,7 @@ class Relay:
             raise self._error
 
     def strike(self, after=0):
-        """Strikes the last connection, at once or when the server has sent so many more bytes."""
+        """Strikes the last connection, at once or after the server has sent this many more bytes."""
         done = threading.Event()
 
         def place():
@@ -296,7 +297,7 @@ class Relay:
         self._post(place)
         assert done.wait(60), "the relay does not answer"
 
-    # On the relay's own thread from here.
+    # The functions below run on the relay's own thread.
 
     def struck(self, link):
         self.struck_at = time.monotonic()
@@ -319,7 +320,7 @@ class Relay:
                 due = [when for link in self.links for way in link.ways for when in way.due()]
                 patience = max(0, min(due) - time.monotonic()) if due else None
                 for key, _ in self.selector.select(patience):
-                    # An earlier one of these may have ended the link.
+                    # An earlier event of this round may have ended the link.
                     if key.fileobj.fileno() >= 0:
                         key.data()
                 for link in self.links:

@@ -1,4 +1,4 @@
-"""A command on the source host whose answer the test gives: that of --send-scout."""
+"""A command on the source host whose answer the test chooses: that of --send-scout."""
 import pytest
 
 from script import Script
@@ -16,7 +16,7 @@ def scout():
 
 
 def scouted(answer, **script):
-    """Runs the scout against a server that answers so; returns the outcome and the one command."""
+    """Runs the scout against a server with this answer; returns the outcome and the one command."""
     with ScriptedServer(Script(answer=answer, **script)) as server:
         outcome = Destination(PLAIN).run("send-scout")
     assert [command.line for command in server.commands] == [r"sh -c cd\ \;\ perl"]

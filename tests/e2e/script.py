@@ -1,4 +1,4 @@
-"""What a scripted server (scripted_server.py) is told to do: with a command, and to a connection."""
+"""What a scripted server (scripted_server.py) does with a command, and with a connection."""
 import dataclasses
 import socket
 import struct
@@ -42,7 +42,7 @@ class Command:
         self._channel.sendall_stderr(text)
 
     def say_on_stream(self, stream, text):
-        """Data of a stream that need not exist; 1 would be standard error."""
+        """Sends data of a stream that need not exist; 1 would be standard error."""
         def add(message):
             message.add_int(stream)
             message.add_string(text)
@@ -107,7 +107,7 @@ def ends(stdout=b"", stderr=b"", status=0):
 # --- what befalls a connection ---------------------------------------------------------------
 
 def fin(connection):
-    """Ends the connection in order, and is deaf from then on: nothing is ever reset."""
+    """Ends the connection in order, and reads nothing from then on: nothing is ever reset."""
     connection.kept = connection.socket.dup()
     connection.socket.shutdown(socket.SHUT_WR)
     connection.give_up()
@@ -121,7 +121,7 @@ def rst(connection):
 
 
 def disconnect(connection):
-    """Ends the connection as the protocol has it, with a message."""
+    """Ends the connection by the protocol's message for it."""
     message = Message()
     message.add_byte(common.cMSG_DISCONNECT)
     message.add_int(11)  # by application
@@ -132,13 +132,13 @@ def disconnect(connection):
 
 
 def mute(connection):
-    """Says nothing more, and keeps the connection open until the server stops."""
+    """Sends nothing more, and keeps the connection open until the server stops."""
     connection.server.stopping.wait()
     connection.give_up()
 
 
 class Held:
-    """Holds a connection at a point until release(); reached() waits for it to come there."""
+    """Stops a connection at a point until release(); reached() waits until it gets there."""
 
     def __init__(self):
         self._reached = threading.Event()

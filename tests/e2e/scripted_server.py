@@ -1,7 +1,7 @@
-"""An SSH server on loopback that does, at each step, what a test tells it to.
+"""An SSH server on loopback that does, at each step, what a test wants.
 
-For what a real server cannot be brought to do: refuse, fall silent, or lose the
-connection at a chosen point, and send any sequence of a channel's messages.
+For what a real server cannot be made to do: refuse, fall silent, or lose the connection at a chosen point, and send any
+sequence of a channel's messages.
 """
 import functools
 import os
@@ -22,7 +22,7 @@ class _GaveUp(EOFError):
 
 
 class Connection(paramiko.ServerInterface):
-    """One TCP connection and what was said on it."""
+    """One TCP connection and the messages on it."""
 
     def __init__(self, server, script, accepted):
         self.server = server
@@ -47,7 +47,7 @@ class Connection(paramiko.ServerInterface):
             pass
 
     def give_up(self):
-        """Has the library do nothing more for this connection."""
+        """Makes the library do nothing more for this connection."""
         self._gave_up = True
         if self.transport is None or threading.current_thread() is self.transport:
             raise _GaveUp
@@ -68,7 +68,7 @@ class Connection(paramiko.ServerInterface):
             action(self)
 
     def message_arrived(self, number, message):
-        # The library's name for this number is that of another method of logging in.
+        # The library calls this number by the name of a message of another login method.
         point = {common.MSG_USERAUTH_INFO_RESPONSE: "userauth-info-response"}.get(
             number, common.MSG_NAMES.get(number, str(number)))
         if point == "userauth-request":
@@ -79,12 +79,12 @@ class Connection(paramiko.ServerInterface):
     def before_reading(self):
         if self._gave_up:
             raise _GaveUp
-        # The answer to the request has been sent by now.
+        # The answer to the request has been sent at this point.
         for command in self._starting:
             self.server.run(command)
         self._starting = []
 
-    # Questions of the library.
+    # The library calls the functions below for decisions.
 
     def get_banner(self):
         return self.script.login_banner, "en"
@@ -132,7 +132,7 @@ class Connection(paramiko.ServerInterface):
 
 
 class _Transport(paramiko.Transport):
-    """The library's server side, which tells its Connection of each message."""
+    """The library's server side, which reports each message to its Connection."""
 
     def __init__(self, connection):
         super().__init__(connection.socket)
@@ -140,7 +140,7 @@ class _Transport(paramiko.Transport):
         self.local_version = connection.script.version
         self.packetizer.read_message = functools.partial(self._read, self.packetizer.read_message)
         self.add_server_key(connection.server.key)
-        # Not through the library's checks: unknown names are accepted here.
+        # Bypasses the library's checks: unknown names are accepted here.
         self._preferred_kex = connection.script.kex or self._preferred_kex
         self._preferred_ciphers = connection.script.ciphers or self._preferred_ciphers
 
@@ -228,7 +228,7 @@ class ScriptedServer:
 
 
 class Stopped:
-    """The run is stopped inside this block: what it is sent meanwhile it finds all at once."""
+    """The run is stopped inside this block, so that afterwards it finds everything that was sent meanwhile at once."""
 
     def __init__(self, running):
         self._pid = running.pid

@@ -1,4 +1,4 @@
-"""What the file system holds outside the directories of a run, before it and after it."""
+"""The content of the file system outside of a run's directories, before and after the run."""
 import contextlib
 import hashlib
 import os
@@ -10,12 +10,12 @@ import pytest
 import world
 
 ROOTS = ("/mnt", "/etc", "/tmp", "/run", "/var/log", "/root", "/dev")
-# The machine's own entries, behind the links in /etc and /dev; and what the test itself writes.
+# The machine's own entries, which the links in /etc and /dev lead to; and what the test itself writes.
 LEFT_OUT = ("/mnt/etc.orig", "/mnt/dev.orig", world.SHELL_DIRECTORY, world.LOGS, world.RUNS)
 
 
 def entry(path):
-    """All that tells whether the entry of a directory was touched."""
+    """Everything that shows whether a directory entry was touched."""
     status = os.lstat(path)
     kind = stat.S_IFMT(status.st_mode)
     found = {"mode": oct(status.st_mode), "owner": (status.st_uid, status.st_gid), "inode": status.st_ino,
@@ -51,7 +51,7 @@ def take(*left_out):
 
 @contextlib.contextmanager
 def unchanged(*left_out):
-    """Nothing may change meanwhile, but for these paths and what lies below them."""
+    """Fails if anything changes in the block, except these paths and what is below them."""
     before = take(*left_out)
     yield
     after = take(*left_out)
@@ -62,7 +62,7 @@ def unchanged(*left_out):
 
 @pytest.fixture
 def own_directories():
-    """/tmp and /root of our own, which no other process of the machine writes to."""
+    """Gives the test its own /tmp and /root, which no other process of the machine writes to."""
     program = (os.path.realpath(world.BINARY), world.TESTS)
     directories = [directory for directory in ("/tmp", "/root")
                    if not any(path.startswith(directory + "/") for path in program)]
