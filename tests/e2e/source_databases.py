@@ -1,6 +1,6 @@
 """Database servers of a source host: private ones that only listen on a socket.
 
-For the tests that are not in Python:
+For tests that are not written in Python:
 
     source_databases.py mariadb|postgresql DIRECTORY [SOCKETS]
 
@@ -18,7 +18,7 @@ import world
 
 
 class DatabaseServer:
-    """A server with its data in a new directory; `with` starts and stops it. Restart with start()."""
+    """A server with its data in a new directory; `with` starts and stops it, start() restarts it."""
 
     ACCOUNT = None  # who runs it
     SOCKETS = None  # the directory where clients look for the socket
@@ -64,7 +64,7 @@ class DatabaseServer:
             self.process = None
 
     def kill(self):
-        """The server dies without a word; its socket stays."""
+        """Kills the server without a shutdown; its socket stays."""
         self.process.kill()
         self.process.wait()
         self.process = None
@@ -75,7 +75,8 @@ class DatabaseServer:
 
     def _answers(self):
         assert self.process.poll() is None, f"ended with {self.process.returncode}"
-        # Whoever asks starts a program, again and again, which would hold up the server that is to start.
+        # Each query starts a program, and many of them would slow down the starting server: look for the socket
+        # first.
         if not os.path.exists(self.socket):
             return False
         return subprocess.run(self._client(None), input=b"SELECT 1;", cwd="/", user=self._client_user(),
@@ -107,7 +108,7 @@ class MariaDb(DatabaseServer):
                 f"--pid-file={self.directory}/pid", "--skip-networking", "--innodb-buffer-pool-size=32M",
                 "--innodb-log-file-size=8M", "--innodb-flush-log-at-trx-commit=0", "--skip-log-bin",
                 "--event-scheduler=OFF", "--max-allowed-packet=64M",
-                # A server that starts removes the temporary tables of all that share the directory.
+                # A starting server removes the temporary tables of all servers that share the directory.
                 f"--tmpdir={self.temporary}"]
 
     def _client(self, database):
@@ -126,7 +127,7 @@ class PostgreSql(DatabaseServer):
     def __init__(self, directory, sockets=None, port=5432):
         super().__init__(directory, sockets)
         self.port = port
-        # The newest of the versions that are here.
+        # The newest of the installed versions.
         self.programs = max(glob.glob("/usr/lib/postgresql/*/bin"), key=lambda path: int(path.split("/")[-2]))
 
     @property
@@ -152,7 +153,7 @@ class PostgreSql(DatabaseServer):
 
 
 def hide_installed():
-    """What the packages have put on this machine is not there for the private world."""
+    """Hides from the private world what the packages have installed on this machine."""
     for path in "/var/lib/mysql", "/var/lib/postgresql":
         if os.path.isdir(path):
             subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "hidden", path], check=True)

@@ -1,4 +1,4 @@
-"""The source host of the end-to-end tests: its SSH server, the commands that it is sent, and the agents on it."""
+"""The source host of the end-to-end tests: its SSH server, the commands that it gets, and the agents on it."""
 import dataclasses
 import functools
 import os
@@ -13,14 +13,14 @@ from world import (AGENTS, HERE, HOST, LOGINS, LOGS, RECORDS, SHELL_DIRECTORY, S
 
 @dataclasses.dataclass(frozen=True)
 class RemoteCommand:
-    """One command as the server saw it."""
+    """One command as the server received it."""
     login: str
     line: str
     stdin: bytes
 
 
 def use_shell(path, passwd="/etc/passwd"):
-    """Gives all logins this shell; the accounts are those of the private world."""
+    """Gives all logins of the private world this shell."""
     with open(passwd, encoding="utf-8") as accounts:
         lines = accounts.read().splitlines()
     names = {login.name for login in LOGINS}
@@ -33,7 +33,7 @@ def use_shell(path, passwd="/etc/passwd"):
 
 
 def set_password(login_name, password, shadow="/etc/shadow"):
-    """Another password for an account of the private world."""
+    """Changes the password of an account of the private world."""
     hashed = subprocess.run(["perl", "-e", "print crypt $ARGV[0], '$6$rounds=1000$other$'", password],
                             check=True, stdout=subprocess.PIPE, text=True).stdout
     with open(shadow, encoding="utf-8") as accounts:
@@ -48,7 +48,7 @@ def set_password(login_name, password, shadow="/etc/shadow"):
 
 @functools.lru_cache(maxsize=None)
 def without_penalties():
-    """Settings for a server that need not mind how many connections of ours fail: later ones refuse us then."""
+    """Settings for a server that must not care how many of our connections fail: others would refuse later ones."""
     version = subprocess.run(["ssh", "-V"], check=True, stderr=subprocess.PIPE, text=True).stderr
     major, minor = map(int, re.match(r"OpenSSH_(\d+)\.(\d+)", version).groups())
     return ["PerSourcePenalties no"] if (major, minor) >= (9, 8) else []
@@ -59,7 +59,7 @@ _HOST_KEYS = {kind: [] for kind in ("ed25519", "ecdsa")}
 
 
 def prepare_source_hosts():
-    """Makes, for the tests that are forked from this process, the keys of two servers of a test, and the shell."""
+    """Makes the host keys of two servers, and the shell, for the tests that are forked from this process."""
     without_penalties()
     recording_shell()
     with tempfile.TemporaryDirectory() as directory:
@@ -99,9 +99,8 @@ def recording_shell():
 class SourceHost:
     """An OpenSSH server for the logins of the private world.
 
-    `options` are lines of sshd_config and win over the defaults. With `recording`, the
-    logins' shell keeps every command and its standard input: see commands(). It runs in the
-    node (nodes.py) that is given, if one is.
+    `options` are lines of sshd_config, which override the defaults. With `recording`, the logins' shell records every
+    command and its standard input: see commands(). The server runs in `node` (nodes.py), if one is given.
     """
 
     def __init__(self, options=(), address=HOST, port=22, host_keys=("ed25519", "ecdsa"), recording=True, node=None):
@@ -121,11 +120,11 @@ class SourceHost:
             os.makedirs(self.records, exist_ok=True)
             os.chmod(self.records, 0o1777)
             shell = f"{SHELL_DIRECTORY}/recording-shell"
-            # One that runs cannot be written.
+            # A running program cannot be written.
             if not os.path.exists(own(shell)):
                 write(own(shell), recording_shell(), mode=0o755)
         use_shell(shell if recording else "/bin/sh", own("/etc/passwd"))
-        # sshd holds on to the first value of a keyword.
+        # sshd uses the first value of a keyword.
         lines = list(options) + [f"HostKey {self.key_file(kind)}" for kind in host_keys] + [
             f"ListenAddress {address}:{port}", "PidFile none", "UsePAM yes", "PasswordAuthentication yes",
             "KbdInteractiveAuthentication yes", "PermitRootLogin yes", "UseDNS no", "LogLevel VERBOSE",
@@ -149,15 +148,17 @@ class SourceHost:
         return b"Server listening on" in read(self.log)
 
     def connections(self):
-        """The processes of the server that are there for a connection each."""
+        """The processes of the server that serve one connection each."""
         return [int(pid) for pid in read(f"/proc/{self._server.pid}/task/{self._server.pid}/children").split()]
 
     def serves(self):
-        """True while a process of the server is there for a connection."""
+        """True while a process of the server serves a connection."""
         return self.connections() != []
 
     def wait_until_idle(self):
-        """A command goes on when its connection is lost; the next run is not to meet it."""
+        """Waits until no command runs: a command goes on when its connection is lost, and must not disturb the next
+        run.
+        """
         known = {os.getpid(), self._server.pid}
         wait_until(lambda: {pid for pid, _ in processes()} <= known, "the last remote command to end")
 
@@ -187,7 +188,7 @@ class SourceHost:
 
 
 def sh_quote(word):
-    """The tool's quoting of one word, after its table; bytes above 127 stay as they are."""
+    """Quotes one word as the tool does, by its table; bytes above 127 stay as they are."""
     return re.sub(r"\n", "'\n'", re.sub(r"([ \t\"#$&'()*;<>?\[\\`|~])", r"\\\1", word))
 
 
@@ -203,7 +204,7 @@ def as_root(login, command):
 
 
 def sudo_check(login):
-    """What goes before the first command for root: RemoteCommands."""
+    """The RemoteCommands before the first command for root."""
     if login.sudo_password is None:
         return []
     return [RemoteCommand(login.name, "sudo -V", b""),
@@ -211,7 +212,7 @@ def sudo_check(login):
 
 
 def root_command(login, command, stdin=b""):
-    """The RemoteCommand of a command for root: with sudo, its password goes ahead of the input."""
+    """The RemoteCommand of a command for root: with sudo, the password comes before the input."""
     password = f"{login.sudo_password}\n".encode() if login.sudo_password else b""
     return RemoteCommand(login.name, as_root(login, command), password + stdin)
 
@@ -227,7 +228,7 @@ SPEC = "Description: An agent of the tests\nEntryPoint: agent\nInterpreter: sh\n
 
 
 def install_agent(script="", name="sample", spec=SPEC):
-    """An agent of one shell script in the destination's catalogue, and an empty shared directory."""
+    """Installs an agent of one shell script in the destination's catalogue, and an empty shared directory."""
     os.makedirs(f"{AGENTS}/shared", exist_ok=True)
     write(f"{AGENTS}/{name}/agent", script)
     if spec is not None:
@@ -235,7 +236,7 @@ def install_agent(script="", name="sample", spec=SPEC):
 
 
 def install_sample_agent():
-    """The Perl sample agent in the destination's catalogue, with SOURCE_TREE for its source."""
+    """Installs the Perl sample agent in the destination's catalogue, with SOURCE_TREE as its source."""
     shutil.copytree(f"{TESTS}/sample-agent", AGENTS, dirs_exist_ok=True)
     write(f"{AGENTS}/sample/source-tree", SOURCE_TREE + "\n")
 
@@ -243,8 +244,8 @@ def install_sample_agent():
 def deployed_agent(login, script, files=None):
     """An agent of one shell script in the catalogue and already on the source host.
 
-    The script is run with the agent directory, which belongs to the login, as its working
-    directory; `files` ({relative path: content}) lie next to it.
+    The script runs in the agent directory, which belongs to the login; `files` ({relative path: content}) are beside
+    it.
     """
     install_agent(script)
     directory = os.fsencode(login.agent_dir)

@@ -1,7 +1,6 @@
 """A web host to migrate from: accounts, sites, nginx, Apache, Maildirs and cron tables.
 
-Everything is laid out as Debian lays it out, in a private world, so that an agent finds it
-where it finds it in life.
+Everything has Debian's layout, in a private world, so that an agent finds it where it is on real hosts.
 """
 import contextlib
 import ctypes
@@ -13,7 +12,7 @@ import subprocess
 
 from world import read, wait_until, write
 
-# Directories of the machine that a host's data lies in: here they are ours.
+# Directories for a host's data: the test replaces those of the machine by its own.
 DIRECTORIES = ("/home", "/srv", "/var/www", "/var/mail", "/var/spool", "/var/lib/nginx")
 ACCOUNT_FILES = ("/etc/passwd", "/etc/group", "/etc/shadow")
 CERTIFICATES = "/etc/letsencrypt"
@@ -22,9 +21,9 @@ FIRST_USER = 30001
 
 @contextlib.contextmanager
 def own_directories(storage=None):
-    """Empty directories in the place of the machine's, below `storage` where that is given.
+    """Puts empty directories in the place of the machine's, below `storage` if that is given.
 
-    Accounts and certificates that are made meanwhile are gone afterwards.
+    Accounts and certificates that are made in the block are gone after it.
     """
     kept = {path: read(path) for path in ACCOUNT_FILES}
     for directory in DIRECTORIES:
@@ -49,7 +48,7 @@ def own_directories(storage=None):
 
 
 def take_away(directory):
-    """The path of a directory in /etc, where nothing is afterwards: neither the machine's nor an earlier one."""
+    """Removes a directory of /etc, that of the machine or an earlier one; returns its path."""
     path = f"/etc/{directory}"
     if os.path.islink(path):
         os.unlink(path)
@@ -58,9 +57,9 @@ def take_away(directory):
 
 
 def own_copy(directory):
-    """Puts a fresh copy of the machine's directory into /etc, to be changed at will."""
+    """Puts a fresh copy of the machine's directory into /etc, which the test may change."""
     path = take_away(directory)
-    # Links in it name /etc/..., and so lead into the copy.
+    # Links in it name /etc/..., so they lead into the copy.
     shutil.copytree(f"/mnt/etc.orig/{directory}", path, symlinks=True)
     return path
 
@@ -79,7 +78,7 @@ def append(path, line):
 
 
 def add_user(name, home=None):
-    """Makes the account with a home of its own, or gives the one that is there; (uid, gid)."""
+    """Makes the account with a home of its own, unless it exists; returns (uid, gid)."""
     known = accounts()
     if name in known:
         return known[name]
@@ -96,7 +95,7 @@ def add_user(name, home=None):
 
 
 def owned(path, content, owner, mode=0o644):
-    """A file of the owner, and so are the directories above it that are missing."""
+    """Writes a file that belongs to the owner, and so do the missing directories above it."""
     missing = []
     parent = os.path.dirname(path)
     while not os.path.isdir(parent):
@@ -113,7 +112,7 @@ def add_crontab(user, text):
 
 
 def add_maildir(path, owner, messages=3):
-    """A Maildir with messages in its inbox and in one directory of its own."""
+    """Makes a Maildir with messages in its inbox and in one subdirectory."""
     for directory in ("", ".Sent"):
         for part in ("cur", "new", "tmp"):
             os.makedirs(os.path.join(path, directory, part), mode=0o700)
@@ -129,14 +128,14 @@ def add_maildir(path, owner, messages=3):
 # --- sites -----------------------------------------------------------------------------------
 
 def fill_root(root, owner, pages=None):
-    """The document root with what a plain site holds: {relative path: content}."""
+    """Fills the document root with a plain site: {relative path: content}."""
     for path, content in (pages or {"index.html": f"<h1>{root}</h1>\n"}).items():
         owned(os.path.join(root, path), content, owner)
     return root
 
 
 def fill_awkwardly(root, owner):
-    """Everything that an archive can get wrong, below the root."""
+    """Makes everything that an archive can get wrong, below the root."""
     fill_root(root, owner)
     names = ["with blanks", "two\nlines", "-rf", "quote\"'", "$HOME", "*", "back\\slash", "größe-Ω-日本",
              b"\xff\xfe not UTF-8", b"control\x01", "..hidden", "n" * 255, "=41", "a;b|c&d"]
@@ -169,7 +168,7 @@ def fill_awkwardly(root, owner):
 
 
 def certificate(name):
-    """A certificate for the name, and its key: their paths, which are links as they are in life."""
+    """Makes a certificate for the name, and its key; returns their paths, which are links as on real hosts."""
     live, archive = f"{CERTIFICATES}/live/{name}", f"{CERTIFICATES}/archive/{name}"
     if not os.path.isdir(live):
         os.makedirs(live)
@@ -184,12 +183,12 @@ def certificate(name):
 
 
 def end_with_parent():
-    """Run in a child: its own end, which the servers' workers see, when the test was killed."""
+    """Run in a child: it ends when the test was killed, which the servers' workers notice."""
     ctypes.CDLL(None).prctl(1, signal.SIGTERM)  # PR_SET_PDEATHSIG
 
 
 class Server:
-    """A web server of ours in the foreground; as a context it runs, and must answer."""
+    """A web server of the test in the foreground; as a context manager it runs, and must answer."""
 
     def __init__(self, directory, port):
         self.directory = own_copy(directory)
@@ -199,7 +198,7 @@ class Server:
         self._process = None
 
     def enable(self, name, text):
-        """The site's file the Debian way: in sites-available, with a link to it."""
+        """Enables the site's file in Debian's way: in sites-available, with a link to it."""
         write(f"{self.directory}/sites-available/{name}", text)
         link = f"{self.directory}/sites-enabled/{name}"
         if not os.path.lexists(link):
@@ -209,7 +208,7 @@ class Server:
         os.unlink(f"{self.directory}/sites-enabled/{name}")
 
     def __enter__(self):
-        # A session of its own: Apache with mod_php ends its whole process group, and so would end the test.
+        # A session of its own: Apache with mod_php ends its whole process group, which would include the test.
         self._process = subprocess.Popen(
             self.command, env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}, stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, preexec_fn=end_with_parent, start_new_session=True)

@@ -19,21 +19,22 @@ def numbered_lines(name):
     return b"".join(b"%s %06d\n" % (name.encode(), number) for number in range(SIZE // 10))[:SIZE]
 
 
-# What befalls a run strikes at the second one.
+# Faults strike at the second file.
 FILES = {name: numbered_lines(name) for name in ("one", "two", "three")}
 STRUCK = "two"
-# Packets of known sizes: the length goes ahead of the rest, all of it encrypted, and is not
-# authenticated by itself.
+# These methods give packets of known sizes: the length comes first, is encrypted, and is not authenticated by
+# itself.
 METHODS = ["KexAlgorithms curve25519-sha256,diffie-hellman-group14-sha256", "Ciphers aes256-ctr", "MACs hmac-sha2-256"]
-# A session that is freed amid its key exchange loses memory in the SSH library itself.
+# When a session is freed in the middle of its key exchange, the SSH library itself leaks memory.
 NO_LEAK_CHECK = {"ASAN_OPTIONS": "exitcode=99:detect_leaks=0"}
 KEX_INIT = 30  # the message by which the client begins the exchange itself
 
 
 @dataclasses.dataclass(frozen=True)
 class Point:
-    """Where a run is struck: by what is said; or at a gate of the second file, when so many bytes of
-    it were received, and `after` so many bytes more from the server."""
+    """Where a run is struck: by a message; or at a gate of the second file, when this many bytes of it were received,
+    and `after` more bytes from the server.
+    """
     causes: list  # tags of the errors inside the one that wraps every failure
     at: typing.Any = None
     gate: str = None
@@ -48,7 +49,7 @@ NO_FILE = ["CantRetrieveContentFile", "SshConnectionFault"]
 EARLY = {
     "before the banner": Point(NO_SESSION, at="connected"),
     "in the key exchange": Point(NO_SESSION, at=lambda: Dialog(message=KEX_INIT)),
-    # Its turns: the service, the question for the methods, the password.
+    # The client's turns: the service, the request for the methods, the password.
     "in authentication": Point(NO_LOGIN, at=lambda: Dialog(turn=3))}
 LATE = {
     "at the start of the command": Point(NO_FILE, gate="before cat"),
@@ -63,7 +64,7 @@ def source_host():
 
 
 def commands_running():
-    """Processes of this private world that are neither ours nor our children: what a login has started."""
+    """Processes of this private world that are neither this one nor its children: those that a login has started."""
     found = []
     for name in filter(str.isdigit, os.listdir("/proc")):
         try:
@@ -77,19 +78,19 @@ def commands_running():
 
 
 def chain(message):
-    """Tags of a message of the result log and of those inside it."""
+    """The tags of a message of the result log and of the messages inside it."""
     return [message[0]] + [tag for inner in message[3] for tag in chain(inner)]
 
 
 def check_failed(outcome, causes, session, login=ROOT):
-    """The run failed for these causes, one inside the other, and lost nothing."""
+    """Checks that the run failed for these causes, one inside the other, and lost nothing."""
     assert (outcome.code, outcome.stdout, outcome.stderr) == (2, b"", b"Error during dump retrieval")
     assert [chain(message) for message in session.messages("transfer.result")] == [["CantRetrieveDump", *causes]]
     check(outcome, FILES, f"{session.path}/archives", login, session)
 
 
 def check_next_run(source, destination=None):
-    """Without the fault the next run completes, and fetches nothing that is here already."""
+    """Checks that the next run, without the fault, completes, and fetches nothing that is here already."""
     destination = destination or Destination()
     target = f"{destination.session.path}/archives"
     wait_until(lambda: not commands_running(), "the end of what the source host still does")
@@ -104,7 +105,7 @@ def check_next_run(source, destination=None):
 
 
 def received(session):
-    """Bytes of the second file that the status tells; None before it is that one's turn."""
+    """The received bytes of the second file, according to the status; None before its turn."""
     if not session.exists("migration.status"):
         return None
     current = xml.etree.ElementTree.fromstring(session.read("migration.status")).find("transfer/files/current-file")

@@ -1,4 +1,4 @@
-"""Runs in which calls of the system fail, by a library that is preloaded into the tool."""
+"""Runs in which system calls fail, by a library that is preloaded into the tool."""
 import os
 import shutil
 import subprocess
@@ -12,7 +12,7 @@ REPORT = f"{DIRECTORY}/report"
 
 
 class Fault:
-    """What of fail_nth_call.c a run is to suffer; with `nth` 0 nothing, but each call counts as struck."""
+    """The fault of fail_nth_call.c for a run. With `nth` 0 nothing fails, but each call counts as struck."""
 
     def __init__(self, library, kind, nth, stays=False, path=None):
         self._kind = kind
@@ -22,7 +22,7 @@ class Fault:
         write(REPORT)
 
     def struck(self):
-        """On what each call was made that failed."""
+        """The object of each failed call."""
         return [line.removeprefix(f"{self._kind} ") for line in os.fsdecode(read(REPORT)).splitlines()]
 
 

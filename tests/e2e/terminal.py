@@ -17,7 +17,7 @@ def set_width(descriptor, columns):
 
 
 class Terminal:
-    """Runs a program as the leader of a session on a new terminal; keeps all that it shows."""
+    """Runs a program as the leader of a session on a new terminal; records all that the terminal shows."""
 
     def __init__(self, arguments, environment=None, columns=80, stdout=None):
         """With `stdout` the output goes to that file, and the terminal has the rest."""
@@ -40,7 +40,7 @@ class Terminal:
             os._exit(126)
 
     def read(self):
-        """Takes what has come; true while there may be more."""
+        """Reads what has arrived; true while there may be more."""
         if not select.select([self._terminal], [], [], 0.005)[0]:
             return True
         try:
@@ -51,7 +51,7 @@ class Terminal:
         return bool(got)
 
     def shows(self, text, deadline_seconds=30):
-        """Waits until this was shown; `text` is bytes, or a pattern for which one is enough."""
+        """Waits until this was shown; `text` is bytes, or a pattern, one match of which is enough."""
         def is_there():
             return text.search(self.shown) if isinstance(text, re.Pattern) else text in self.shown
         end = time.monotonic() + deadline_seconds
@@ -69,7 +69,7 @@ class Terminal:
         set_width(self._terminal, columns)
 
     def stop(self):
-        """Has it take nothing more, as a person does by Ctrl-S; returns all that it has shown."""
+        """Stops the terminal's output, as a person does by Ctrl-S; returns all that it has shown."""
         side = os.open(f"/proc/{self.pid}/fd/2", os.O_WRONLY | os.O_NOCTTY | os.O_NONBLOCK)
         self.type(b"\x13")
         wait_until(lambda: not select.select([], [side], [], 0)[1], "the terminal to stop")
@@ -82,7 +82,7 @@ class Terminal:
         self.type(b"\x11")
 
     def finish(self, deadline_seconds=60):
-        """The exit code, or minus the signal's number; everything was read then."""
+        """Waits for the end; returns the exit code, or minus the signal's number. Everything was read then."""
         end = time.monotonic() + deadline_seconds
         while self.read():
             assert time.monotonic() < end, f"no end within {deadline_seconds} s; shown: {self.shown!r}"

@@ -1,4 +1,4 @@
-"""Logging in: which methods are tried, with what, and what is said of it."""
+"""Logging in: which methods are tried, with what, and what is reported."""
 import pytest
 
 from debug_log import debug_log  # a fixture  # noqa: F401  # pylint: disable=unused-import
@@ -19,12 +19,12 @@ def scout():
 
 
 def attempts(connection):
-    """The authentication requests of a connection, in order, the one for the list left out."""
+    """The authentication requests of a connection, in order, without the request for the list of methods."""
     return [point.split()[1] for point in connection.points if point.startswith("userauth ")][1:]
 
 
 def login(script, code=0, user=PLAIN):
-    """Runs the scout against the script; returns the connection, of which there must be one only."""
+    """Runs the scout against the script; returns the connection, which must be the only one."""
     with ScriptedServer(script) as server:
         outcome = Destination(user).run("send-scout")
     assert (outcome.code, len(server.connections)) == (code, 1), outcome
@@ -37,7 +37,7 @@ def login(script, code=0, user=PLAIN):
 
 
 def session_lines(lines):
-    """What is logged between the start of the session and the first channel."""
+    """The log lines between the start of the session and the first channel."""
     begin = lines.index("DEBUG SSH session started successfully") + 1
     end = next((i for i, line in enumerate(lines) if line.startswith("DEBUG Opening")), len(lines))
     return [line for line in lines[begin:end] if line != "DEBUG SSH session finished"]

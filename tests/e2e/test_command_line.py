@@ -79,7 +79,7 @@ def test_session_path_is_required_for_each_action(arguments):
     assert (outcome.code, outcome.stdout, outcome.stderr) == (1, b"", b"--session-path is required.\n")
 
 
-# Options that satisfy every rule of an action that connects; a rule is broken by what a row adds.
+# Options that satisfy every rule of an action that connects; each row adds what breaks a rule.
 CONNECT = ["--host=" + HOST, "--login=plain"]
 AGENT = ["--agent-dir=agent", "--agent-name=sample"]
 EXTRA = "'--{}' only may be specified when '--{}' is requested"

@@ -1,4 +1,4 @@
-"""How commands of a source host can end, refuse, stall and babble, and what a run makes of it."""
+"""How commands of a source host can end, refuse, hang and print too much, and what a run does then."""
 import hashlib
 import os
 import signal
@@ -25,7 +25,7 @@ SIGNALS = [signal.SIGTERM, signal.SIGKILL, signal.SIGSEGV]
 
 
 def cause_in(outcome, log="migration.result"):
-    """(code, text) of what is told inside the error that a dump or a content run ends with."""
+    """(code, text) of the error inside the one that a dump or a content run ends with."""
     assert outcome == Outcome(2, b"", b"Error during dump retrieval")
     (_, _, _, ((code, _, text, _),)), = [message for message in Session().messages(log)
                                          if message[0] == "CantRetrieveDump"]
@@ -51,7 +51,7 @@ def test_signal_that_ends_a_real_command_is_told_as_a_status(number, recording):
     write(SCOUT, f"$| = 1; print 'half'; kill {int(number)}, $$; sleep 60")
     with SourceHost(recording=recording):
         outcome = Destination(PLAIN).run("send-scout")
-    # The shell may have a word for it.
+    # The shell may add a text about the signal.
     assert outcome.code == 2 and outcome.stderr.startswith(scout_failure(128 + number))
     assert result() == b"half"
 
@@ -68,7 +68,7 @@ def test_signal_that_ends_a_command_of_a_content_run_loses_nothing(content_verif
             outcome = run_with_a_death(point, number)
             code, _ = cause_in(outcome, "transfer.result")
             assert code == ("CantRetrieveContentList" if "list" in point else "CantRetrieveContentFile")
-            # A file whose reading failed is no complete one, however much of it came.
+            # A file whose reading failed is not complete, however much of it arrived.
             assert left(ROOT) == (sorted(FILES) if "list" in point else ["three", "two"])
             assert Destination().run("get-content") == Outcome(0, b"", b"")
 
@@ -87,7 +87,7 @@ def test_signal_that_ends_a_removal_is_told_and_loses_nothing(content_verify, ca
 
 
 def run_with_a_death(point, number):
-    """The outcome of a content run one command of which is ended by a signal."""
+    """The outcome of a content run in which a signal ends one command."""
     running, gate = run_to(point, FILES)
     gate.kill(number)
     outcome = running.finish()
@@ -142,7 +142,7 @@ def test_end_without_an_exit_status_passes_for_success_unless_the_content_is_com
         assert cause_in(outcome, "transfer.result")[0] == "ContentVerificationFailed"
         assert left(ROOT) == sorted(FILES)
     else:
-        # The library cannot tell it from a good end.
+        # The SSH library cannot distinguish it from a good end.
         assert outcome == Outcome(0, b"", b"")
         assert left(ROOT) == [] and complete(FILES, ARCHIVES) == set()
 
@@ -165,7 +165,7 @@ LAST_CHANGE, EXPIRES = 2, 7
 
 
 def every_action_fails(cases, printed, complaint, status=1):
-    """The host prints this in place of running anything; the run tells it, and succeeds in nothing."""
+    """Checks runs on a host that prints this instead of running a command: every action reports it and fails."""
     install_agent()
     write(SCOUT, "print 1")
     outcome = Destination(PLAIN).run("send-scout")
@@ -234,7 +234,7 @@ def test_host_without_perl_fails_where_perl_is_needed():
 # --- input and output ------------------------------------------------------------------------
 
 def dump_of(names, script, files=None):
-    """Has an agent dump so many bytes of names; the agent finds its own directory in $here."""
+    """Makes an agent dump this many bytes of names; the agent finds its own directory in $here."""
     deployed_agent(ROOT, f"here=${{0%/*}}\n{script}", files)
     with SourceHost(recording=False):
         return Destination().run("dump-selected", "--domains=-", stdin=names, environment=LEAKY)
@@ -278,7 +278,7 @@ def test_half_a_minute_of_error_output_alone_is_waited_through():
 def test_gibibyte_of_output_is_stored_in_little_memory():
     write(SCOUT, r"my $zeros = qq(\0) x 65536; print $zeros for 1 .. 16384")
     with SourceHost(recording=False):
-        # Freed memory goes back at once, where a sanitizer would keep it for a while.
+        # Freed memory is returned at once; a sanitizer would keep it for a while.
         running = Destination(PLAIN).start("send-scout", environment={
             "ASAN_OPTIONS": "exitcode=99:detect_leaks=0:quarantine_size_mb=1"})
         peak = peak_bytes(running)
@@ -303,7 +303,7 @@ def test_child_that_keeps_the_output_open_is_waited_for_at_rest(source):
 
 @pytest.fixture
 def chatty_host():
-    """A host whose shell says something ahead of every command; returns what sets that."""
+    """A host whose shell prints something before every command; returns the function that sets the text."""
     with SourceHost(recording=False) as source:
         use_shell("/bin/bash")
         yield lambda said: write(f"{ROOT.home}/.bashrc", said)

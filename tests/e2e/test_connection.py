@@ -15,7 +15,7 @@ from source_host import install_agent
 from tool import Destination, Session
 from world import DTM, HOST, PLAIN, ROOT, read, write
 
-# Documentation addresses: nothing outside could ever answer, not that we could reach it.
+# Documentation addresses: no host could ever answer there, even if the network were connected.
 UNROUTED = "192.0.2.1"
 ROUTED = "198.51.100.1"
 GROUP1 = ("diffie-hellman-group1-sha1",)
@@ -46,7 +46,7 @@ def route(*words):
 
 @contextlib.contextmanager
 def few_attempts():
-    """The system's time-out of a connection becomes as short as can be: 3 s, not minutes."""
+    """Makes the system's time-out of a connection as short as possible: 3 s instead of minutes."""
     setting = pathlib.Path("/proc/sys/net/ipv4/tcp_syn_retries")
     kept = setting.read_text()
     setting.write_text("1")
@@ -58,7 +58,7 @@ def few_attempts():
 
 @contextlib.contextmanager
 def full_backlog():
-    """A listener on port 22 that has as many connections waiting as it can hold."""
+    """A listener on port 22 whose queue of waiting connections is full."""
     with few_attempts(), contextlib.ExitStack() as stack:
         listener = stack.enter_context(socket.create_server((HOST, 22), backlog=0))
         queued = 0
@@ -66,7 +66,7 @@ def full_backlog():
             client = stack.enter_context(socket.socket())
             client.setblocking(False)
             client.connect_ex((HOST, 22))
-            # On loopback a connection that finds room is there at once.
+            # On loopback a connection is established at once if there is room for it.
             if client.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 1) != b"\1":
                 break
             queued += 1
@@ -75,7 +75,7 @@ def full_backlog():
 
 
 def failed(outcome, code, tag, text, stderr_before=""):
-    """The run failed with exactly this text on the console and this message in the result log."""
+    """Checks that the run failed with exactly this text on the console and this message in the result log."""
     assert (outcome.code, outcome.stdout) == (code, b"")
     assert outcome.stderr == (stderr_before + text).encode()
     assert Session().messages() == [(tag, "error", text, [])]
@@ -211,7 +211,7 @@ def test_session_without_encryption_is_encrypted_where_the_library_knows_no_othe
 # --- the start of the session ----------------------------------------------------------------
 
 def breaks_at_first(point="version", **later):
-    """The first connection breaks; what comes later is served."""
+    """The first connection breaks; later ones are served."""
     return Script(at={point: fin}), Script(**later)
 
 

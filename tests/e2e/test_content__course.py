@@ -1,4 +1,4 @@
-"""--get-content: what it brings, what it finds there already, what it shows."""
+"""--get-content: what it fetches, what is here already, what it reports."""
 import os
 
 import pytest
@@ -37,7 +37,7 @@ def test_brings_the_sample_source_over(source, login):
             assert owner_and_mode(f"{parent}/{name}") == (20000, 20000, 0o755), name
         for name in names:
             assert owner_and_mode(f"{parent}/{name}") == (0, 0, 0o644), name
-    # All that is left there is the agent itself.
+    # Only the agent itself is left on the source host.
     assert {name for name in left(login) if name.startswith("content/") or name == "dump.xml"} == set()
     assert Session().read("dump-name") == b"/mnt/session/archives/dump.xml"
     assert Session().read("migration-result-name") == b"/mnt/session/archives/migration.result"
@@ -83,7 +83,7 @@ def test_empty_list_leaves_the_folder_and_the_names_only(source):
     assert Session().read("dump-name") == b"/mnt/session/archives/dump.xml"
     assert Session().read("migration-result-name") == b"/mnt/session/archives/migration.result"
     assert source.commands() == listing(ROOT)
-    # Figures are told with the first file, and there is none.
+    # The status gets its numbers with the first file, and there is none.
     assert Session().status() == ("migration-status", [], "", [
         ("transfer", [], "", [("host", [], HOST, []), ("dumpfile", [], "", [])])])
 
@@ -123,7 +123,7 @@ def test_encryption_stays_where_the_library_cannot_do_without(source):
 
 
 def test_run_has_no_memory_error_and_leaks_nothing(source):
-    """Under valgrind, unless the tool watches its memory itself: see the check in Running.finish."""
+    """Runs under valgrind, unless the tool is built with sanitizers: see the check in Running.finish."""
     offered(SUDOER, *[(f"folder {number}/file", bytes([number]) * 100_000) for number in range(5)], ("there", b"1"))
     write(f"{ARCHIVES}/there", b"1")
     watched = b"__asan_init" in read(BINARY)
@@ -144,7 +144,7 @@ def test_file_that_is_complete_is_neither_fetched_nor_removed(source):
     assert left(ROOT) == ["sub/two"]
     assert files_below(ARCHIVES) == {b"one": b"1", b"sub/two": b"22", b"three": b"333"}
     (_, _, _, (_, files)), = Session().status()[3]
-    # The bytes of a file that was not fetched stay on the account; the file does not.
+    # The status still counts the bytes of a file that was not fetched, but not the file.
     assert files[1] == [("total", "3"), ("left", "0"), ("size-total", "6"), ("size-left", "2")]
 
 
@@ -214,7 +214,7 @@ def test_status_shows_how_far_a_file_has_come(source):
         assert name == "transfer"
         assert [key for key, _ in attributes] == ["speed"] and attributes[0][1].isdigit()
         assert host == ("host", [], HOST, [])
-        # The first file brought 5 bytes that the list, too, had counted.
+        # The list had counted the 5 bytes of the first file, too.
         assert files == ("files", [("total", "2"), ("left", "1"), ("size-total", "5"), ("size-left", "-1000")], "", [
             ("current-file", [("size", "3000"), ("size-left", "2000")], "sub/ä\n<&>", [])])
         pid = Session().tree("migration.status")[3][0][2]

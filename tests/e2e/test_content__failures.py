@@ -16,7 +16,7 @@ from world import PLAIN, ROOT, SUDOER, files_below, write
 
 @pytest.fixture
 def small_disk():
-    """DUMPS on a file system of its own; the bytes that are free on it."""
+    """Puts DUMPS on a file system of its own; returns the free bytes on it."""
     os.makedirs(DUMPS, exist_ok=True)
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "small", DUMPS], check=True)
     status = os.statvfs(DUMPS)
@@ -125,7 +125,7 @@ def test_file_that_is_not_there_ends_the_run(source):
 
 @pytest.mark.parametrize("attributes", [{"md5sum": ""}, {"md5sum": md5(b"another")}], ids=["no sum", "another sum"])
 def test_local_copy_is_left_alone_when_the_remote_one_has_gone(source, content_verify, attributes):
-    """It may be the only one: an earlier run has fetched the file and removed it there."""
+    """The local copy may be the only one: an earlier run has fetched the file and removed the remote one."""
     offered(ROOT, ("one", None, attributes))
     write(f"{ARCHIVES}/one", b"the only copy")
     assert cause_of_failure()[0] == "CantRetrieveContentFile"

@@ -1,4 +1,4 @@
-"""--get-content with small files in batches: what holds for single files holds for these."""
+"""--get-content with small files in batches: what is true for single files is true for these."""
 import os
 
 import pytest
@@ -47,7 +47,7 @@ def test_two_commands_bring_many_files_and_remove_them(source, login, content_ve
 
 @pytest.mark.parametrize("shell", ["/bin/dash", "/bin/bash"], ids=["dash", "bash"])
 def test_login_s_shell_reads_the_commands_as_they_are(shell):
-    """bash expands what other shells leave: braces with a comma between them, for one."""
+    """bash expands what other shells leave unchanged, for example braces with a comma between them."""
     with SourceHost(recording=False):
         use_shell(shell)
         offered(ROOT, *FILES.items())
@@ -142,7 +142,7 @@ def test_name_of_any_kind_comes_and_goes(source, name):
 
 
 def test_password_that_sudo_does_not_want_names_no_file(source):
-    # The login may use sudo without one, and is given one.
+    # The login needs no password for sudo, but gets one.
     offered(SUDOER, *FILES.items())
     with open("/etc/sudoers", "a", encoding="utf-8") as rules:
         rules.write("sudoer ALL=(ALL) NOPASSWD: ALL\n")

@@ -1,4 +1,4 @@
-"""--get-content with small files in batches: failures of single files, attacks, runs that break off."""
+"""--get-content with small files in batches: failures of single files, attacks, interrupted runs."""
 import os
 import re
 import signal
@@ -16,7 +16,9 @@ from world import CONFIGURATION, HOST, ROOT, files_below, read, wait_until, writ
 
 
 def failures():
-    """[(name, reason)] of the files that the result log has as not retrieved; the one that ended the run is the last."""
+    """[(name, reason)] of the files that could not be retrieved, according to the result log; the one that ended the
+    run is the last.
+    """
     *others, (code, _, _, inner) = Session().messages("transfer.result")
     assert code == "CantRetrieveDump"
     found = []
@@ -42,7 +44,7 @@ def test_missing_file_is_told_as_a_single_one_is_and_the_others_come(source):
 
 
 def test_files_that_are_not_proven_come_again_when_tar_complains(program, content_verify):
-    # What tar cannot read it fills up with zeros, and tells by its exit status alone.
+    # tar fills up with zeros what it cannot read, and only its exit status shows it.
     program("tar", "/bin/tar \"$@\" | sed s/precious/ssssssss/; exit 1")
     offered(ROOT, ("listed", b"precious 1"), ("sum", b"2"), ("unlisted", b"precious 3", {"md5sum": None}))
     assert get_content() == Outcome(0, b"", b"")
@@ -97,7 +99,7 @@ def test_file_unlike_the_list_stays_on_both_sides_and_the_next_ones_come(program
 
 # --- archives made to do harm ----------------------------------------------------------------
 
-# Python's tar makes what no tar would.
+# Python's tarfile can make archives that no tar would make.
 FORGED = """exec python3 -c '
 import io, sys, tarfile
 archive = tarfile.open(fileobj=sys.stdout.buffer, mode="w|", format=tarfile.GNU_FORMAT)
@@ -157,7 +159,7 @@ def test_member_that_is_not_what_was_asked_for_fails_that_file_alone(program, co
     assert left(ROOT) == sorted(blamed)
     assert read("/mnt/outside") == b"kept"
     assert set(files_below(ARCHIVES)) <= {b"one", b"two", b"three"}
-    # Without the attack the next run brings what is left.
+    # Without the attack the next run fetches what is left.
     program("tar", 'exec /bin/tar "$@"')
     assert get_content() == Outcome(0, b"", b"")
     os.unlink("/mnt/outside")
@@ -197,14 +199,14 @@ GATE = "/mnt/gate"
 
 @pytest.fixture
 def halfway(program):
-    """Starts a run over THREE_FILES, and gives it while the second file is half here and tar waits."""
+    """Starts a run over THREE_FILES; yields it while half of the second file is here and tar waits."""
     os.mkfifo(GATE)
     program("tar", f"/bin/tar \"$@\" > /mnt/archive; head -c 100000 /mnt/archive; read line < {GATE}; "
             "tail -c +100001 /mnt/archive")
     offered(ROOT, *THREE_FILES.items())
     running = Destination().start("get-content", environment=ASKED)
     with open(GATE, "wb") as pipe:  # returns when the command waits
-        # What came so far is 65536 bytes and a rest, behind which tar is silent.
+        # So far 65536 bytes and a rest have arrived; tar sends nothing more.
         wait_until(lambda: Session().exists("migration.status")
                    and b">two<" in Session().read("migration.status"), "the second file")
         yield running, pipe

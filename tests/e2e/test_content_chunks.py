@@ -1,4 +1,4 @@
-"""How --get-content takes in a file: chunk by chunk, whatever pieces the network brings it in."""
+"""How --get-content reads a file: chunk by chunk, whatever the pieces in which the network delivers it."""
 import pytest
 
 from content import offered
@@ -19,7 +19,9 @@ WHOLE_CHUNKS = len(FILES["large"]) // CHUNK + 1
 
 @pytest.fixture
 def way():
-    """To a source host, over a network that is faster than the files need to be complete in time."""
+    """A connection to a source host over a relay that delivers small pieces, fast enough that each chunk is complete in
+    time.
+    """
     with SourceHost(port=2222, recording=False):
         offered(ROOT, *FILES.items())
         with Relay(trickle, "connected"):
@@ -27,7 +29,7 @@ def way():
 
 
 def calls(preload, kind):
-    """On what the system was called so, in a run that gets everything."""
+    """The objects of all calls of this kind, in a run that fetches everything."""
     counted = Fault(preload, kind, 0)
     outcome = Destination(ROOT).start("get-content", environment=counted.environment).finish()
     assert outcome.code == 0
@@ -37,7 +39,7 @@ def calls(preload, kind):
 
 def test_small_pieces_are_written_as_whole_chunks(preload, way):
     written = [path for path in calls(preload, "write") if path == f"{ARCHIVES}/large"]
-    # A busy machine may be late for some.
+    # On a busy machine some chunks may not be complete in time.
     assert WHOLE_CHUNKS - 1 <= len(written) <= 2 * WHOLE_CHUNKS
 
 

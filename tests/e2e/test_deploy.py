@@ -17,7 +17,7 @@ def quoted(words):
 
 
 def walk(login, local, remote, top):
-    """The RemoteCommands of one local tree, in the order of the directory listings."""
+    """The RemoteCommands that copy one local tree, in the order of the directory listings."""
     if not os.path.isdir(local):
         content = open(local, "rb").read() if os.path.exists(local) else b""
         return [user_line(login, f"cat > {sh_quote(remote)}", content)]
@@ -31,7 +31,7 @@ def walk(login, local, remote, top):
 
 
 def deployment(login, agent="sample", entry="agent", interpreter="sh"):
-    """All RemoteCommands of a deployment that goes well."""
+    """All RemoteCommands of a successful deployment."""
     remote = login.agent_dir
     script = f"cd {remote} && {interpreter} {remote}/{entry} --get-status"
     commands = [command for directory in ("shared", agent)
@@ -193,7 +193,7 @@ def test_agent_without_interpreter_is_run_by_perl(source):
 
 
 def failed(outcome, code, text):
-    """The run failed with this error, on the console and in the result log; no more, no less."""
+    """Checks that the run failed with exactly this error, on the console and in the result log."""
     assert (outcome.code, outcome.stdout, os.fsdecode(outcome.stderr)) == (2, b"", text)
     assert Session().messages() == [(code, "error", text, [])]
     return True
@@ -307,7 +307,7 @@ UNPACKING = ("tar --extract --file=- --directory={} --overwrite --dereference --
 
 
 def install_tree():
-    """An agent with names of all kinds; returns what must be on the source host."""
+    """Installs an agent with file names of all kinds; returns what must be on the source host."""
     install_agent(SCRIPT)
     deep = "/".join(["d" * 200] * 3)
     for path, content in {"shared/both": "shared", "shared/control/hidden": "3", "sample/both": "agent's",
@@ -330,7 +330,7 @@ def test_one_archive_brings_what_single_files_would(source, login):
     assert files_below(login.agent_dir) == expected
     by_single_files = owners_and_modes(login.agent_dir)
     lines = len(source.lines())
-    # Over those that are there, and to where none is.
+    # Once over existing files, and once into an empty directory.
     for fresh in (False, True):
         if fresh:
             subprocess.run(["rm", "-r", login.agent_dir], check=True)
@@ -342,7 +342,7 @@ def test_one_archive_brings_what_single_files_would(source, login):
     script = f"cd {login.agent_dir} && sh {login.agent_dir}/agent --get-status"
     for line in (UNPACKING.format(login.agent_dir), root_command(login, f"sh -c {sh_quote(script)}").line):
         assert sent.count(line) == 2
-    # The sign of a link that leads nowhere: it is sent by itself, and empty.
+    # A dangling link is sent by itself, and arrives as an empty file.
     assert [line for line in sent if line.startswith("cat ")] == 2 * [f"cat > {login.agent_dir}/dangling"]
     assert len(sent) == 2 * (5 + len(sudo_check(login)))
     assert b" as " in Session().read("agent-deployment.status")

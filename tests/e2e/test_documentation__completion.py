@@ -18,8 +18,8 @@ COMPLETION = f"{TOP}/completion/sondrel"
 
 
 def completed(line):
-    """What the completion offers behind a line."""
-    # Readline takes "=" for a word.
+    """What the completion offers at the end of a line."""
+    # Readline treats "=" as a word of its own.
     words = [word for part in line.split(" ") for word in re.findall(r"=|[^=]+", part) or [""]]
     call = "_sondrel" if words[0] == "sondrel" else f"_sondrel_migrate {words[0]}"
     script = (f"source {COMPLETION}; compopt() {{ :; }}; COMP_WORDS=({' '.join(map(shlex.quote, words))}); "
@@ -30,7 +30,7 @@ def completed(line):
 
 
 def offered_options(line):
-    """{option: whether a value is to follow}"""
+    """{option: whether a value must follow}"""
     return {option.rstrip("="): option.endswith("=") for option in completed(line)}
 
 
@@ -142,7 +142,7 @@ def test_completion_completes_in_a_shell():
         expect(terminal, b"ready>")
         os.write(terminal, f"source {COMPLETION}\n".encode())
         expect(terminal, b"ready>")
-        # Tab behind each beginning; then the line is made one that prints itself.
+        # Presses Tab after each beginning; then makes the line one that prints itself.
         os.write(terminal, b"sondrel --depl\t--agent-n\tl\t\x01echo got: \n")
         expect(terminal, b"\r\ngot: sondrel --deploy-agent --agent-name=linux\r\n")
     finally:
@@ -151,7 +151,7 @@ def test_completion_completes_in_a_shell():
 
 
 def expect(terminal, text, deadline_seconds=20):
-    """Reads from the terminal until the text has come."""
+    """Reads from the terminal until the text has arrived."""
     end = time.monotonic() + deadline_seconds
     seen = b""
     while text not in seen:

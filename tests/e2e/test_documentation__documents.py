@@ -11,14 +11,14 @@ from documented import TOP
 from world import read
 
 DOCUMENTS = [path for path in sorted(glob.glob("**/*.md", root_dir=TOP, recursive=True)) if not path.startswith("build/")]
-# A slash does not go with the name of a test.
+# The name of a test cannot contain a slash.
 each_document = pytest.mark.parametrize("document", DOCUMENTS, ids=lambda path: path.replace("/", " "))
 SHOWN = {"text", "console"}
 RUN_HOW = {"online", "last", "long"}
 
 
 def blocks(document):
-    """[(words behind the fence, text)] of each fenced block, and the lines outside of them."""
+    """[(words after the fence, text)] of each fenced block, and the lines outside of the blocks."""
     found, outside, fence = [], [], None
     for line in read(f"{TOP}/{document}").decode().splitlines():
         mark = re.match(r"\s*```(.*)$", line)
@@ -53,7 +53,7 @@ def test_commands_of_a_document_are_words_of_a_shell(document):
 
 
 def anchors(document):
-    """What a link can name behind "#": the headings as a web view of the repository names them."""
+    """What a link can name after "#": the headings, in the form that a web view of the repository gives them."""
     headings = [line.lstrip("#") for line in blocks(document)[1] if line.startswith("#")]
     return {re.sub(r"[^\w -]", "", heading.strip().lower()).replace(" ", "-") for heading in headings}
 
@@ -93,7 +93,7 @@ def test_messages_that_the_troubleshooting_page_looks_up_are_those_of_the_progra
     rows = [line.split("|")[1] for line in blocks("docs/troubleshooting.md")[1] if line.startswith("| ")]
     sources = b"".join(read(path) for layer in ("commons", "hostlib", "transport", "sondrel", "migrate")
                        for path in glob.glob(f"{TOP}/{layer}/*.[ch]*")).decode()
-    # A text may go on in the next line.
+    # A text may continue in the next line.
     texts = re.sub(r'"\s*"', "", sources)
     messages = [message for row in rows for message in re.findall(r"`([A-Z][^`.]+ [^`]+?)`", row)
                 if message != os.strerror(errno.ENOSPC)]

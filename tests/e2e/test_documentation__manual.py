@@ -15,11 +15,11 @@ MANUAL = f"{TOP}/docs/man"
 
 PAGES = sorted(os.path.basename(path) for path in glob.glob(f"{MANUAL}/*.[1-9]"))
 
-# What no caller needs is not in the usage text.
+# Options that no caller needs are not in the usage text.
 NOT_IN_USAGE = {"--verbose", "--content-transport"}
 
-# Codes of errors that no caller ever reads in a result: they are caught, raised by nothing
-# that this program does, or end it before there is a result.
+# Codes of errors that no caller reads in a result: they are caught, or are never raised by what this program does,
+# or end it before there is a result.
 NOT_IN_RESULTS = {
     "Agent::ParseFailed", "ArchiveDamaged", "NoSuchAttribute", "SshAuthorizationFailed",
     "ExecCmd::ExFailed", "NoParentNode", "SudoNotFound", "SudoNotAllowed", "SshCommandNotFound", "SshUnknown",
@@ -40,13 +40,13 @@ def section(name, title):
 
 
 def items(name, title, macro):
-    """The words behind a macro in the heads of the section's list items."""
+    """The words after a macro in the heads of the section's list items."""
     heads = [line for line in section(name, title) if line.startswith(".It ")]
     return [word for head in heads for word in re.findall(rf"(?<= ){macro} (\S+)", head)]
 
 
 def options_in(lines):
-    """{option: whether a value is named} for the flags in these lines."""
+    """{option: whether a value is named} for the options in these lines."""
     return {"-" + name: bool(value) for line in lines
             for name, value in re.findall(r"\bFl (-\S+)( Ns = Ns )?", line)}
 
@@ -132,7 +132,7 @@ def test_man_page_is_shown_without_a_warning(name):
 
 @pytest.mark.parametrize("name", PAGES)
 def test_man_page_has_no_fault_that_a_checker_finds(name):
-    # Below warnings are matters of taste, and pages that are not installed yet.
+    # Lower levels than warnings are matters of taste, and links to pages that are not installed yet.
     checked = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", f"{MANUAL}/{name}"], capture_output=True,
                              text=True, check=False)
     assert (checked.returncode, checked.stdout) == (0, "")

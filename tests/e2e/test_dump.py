@@ -102,7 +102,7 @@ def test_keeps_both_slashes_of_a_session_path_with_one_behind(source):
 
 
 def failed(outcome, code, text):
-    """The dump failed for this reason, told inside the error that wraps them all."""
+    """Checks that the dump failed for this reason, inside the error that wraps all failures."""
     wrapping = "Error during dump retrieval"
     assert (outcome.code, outcome.stdout, outcome.stderr) == (2, b"", wrapping.encode())
     assert Session().messages() == [("CantRetrieveDump", "error", wrapping, [(code, "error", text, [])])]
@@ -127,7 +127,7 @@ def test_fails_with_what_the_agent_complained_about(source, script, text):
 def test_fails_when_a_signal_ended_the_agent(source):
     deployed_agent(PLAIN, "kill -KILL $$", {"dump.xml": "<dump/>"})
     assert Destination(PLAIN).run("dump-all").code == 2
-    # Whether the remote shell adds a word about the signal is its own affair.
+    # The remote shell may or may not add a text about the signal.
     (_, _, _, ((code, _, text, _),)), = Session().messages()
     assert code == "CantRetrieveDumpFile" and text.startswith(AGENT_FAILED)
 
@@ -189,7 +189,7 @@ STATUS = "dumping-status.xml"
 
 
 def go_on(name):
-    """An agent script waits for this file to be made: see waiting()."""
+    """The file for which an agent script waits: see waiting()."""
     write(f"/mnt/{name}")
 
 
@@ -235,7 +235,7 @@ def test_failed_refresh_is_the_last_and_leaves_the_old_status(source):
     line = f"cat {PLAIN.agent_dir}/{STATUS}"
     try:
         wait_until(lambda: line in source.lines(), "the refresh that finds no status")
-        # Its command is recorded before it runs; its temporary file goes when it has failed.
+        # The command is recorded before it runs; its temporary file is removed after it failed.
         wait_until(lambda: not Session().exists(STATUS + ".tmp"), "the end of that refresh")
     finally:
         go_on("sign-1")

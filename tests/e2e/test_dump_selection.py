@@ -1,11 +1,11 @@
-"""What --dump-selected and --dump-all ask of the agent: its arguments and its standard input."""
+"""What --dump-selected and --dump-all send to the agent: its arguments and its standard input."""
 import pytest
 
 from source_host import as_root, deployed_agent, root_command, sh_quote
 from tool import Destination, Session
 from world import BINARY, PLAIN, ROOT, SELECTED, write
 
-# An agent that does nothing but leave a dump behind.
+# An agent that only writes a dump.
 AGENT = "cat > /dev/null; echo '<dump/>' > \"${0%/*}/dump.xml\"\n"
 
 DOMAINS, CLIENTS, RESELLERS = "--dump-domains=-", "--dump-clients=-", "--dump-resellers=-"
@@ -19,7 +19,7 @@ def file_of(inside, parameters=""):
 NAMES = file_of("<group><domain><name>a.test</name></domain></group><domain><name>b.test</name></domain>"
                 "<client><name>jo</name></client><reseller><name>re</name></reseller>")
 
-# Options, selected-objects file, what the agent is told after --migration-mode, and its standard input.
+# Options, selected-objects file, the agent's arguments after --migration-mode, and its standard input.
 SELECTIONS = {
     "nothing": ([], None, [DISTRIB], b""),
     "clients": (["--clients=x"], None, [CLIENTS, DISTRIB], b"x"),
@@ -105,7 +105,7 @@ def test_dump_of_everything_without_content_has_one_more_word(source):
     assert source.lines()[0] == as_root(ROOT, "sh /mnt/home/root/agent/agent --migration-mode --dump-all --no-content")
 
 
-# Options, standard input of the tool, lists told to the agent, standard input of the agent.
+# Options, standard input of the tool, lists in the agent's arguments, standard input of the agent.
 LISTS_FROM_INPUT = {
     "resellers": (["--resellers=-"], b"one,two\nthree\n", [RESELLERS], b"one,two"),
     "clients": (["--clients=-"], b"one,two\n", [CLIENTS], b"one,two"),

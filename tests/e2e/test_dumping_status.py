@@ -98,7 +98,8 @@ def test_reader_that_has_gone_is_a_failure_and_no_signal(source):
     os.unlink("/mnt/gone")
 
 
-# Everything of the real root directory, mounted into another one; what is made in that is ours.
+# Mounts everything of the real root directory into another one: what is made in that directory itself is the test's
+# own.
 IN_THROW_AWAY_ROOT = ["unshare", "--mount", "--propagation", "private", "sh", "-euc", """
     root=$1; shift
     for folder in "$root"/*; do
@@ -120,7 +121,7 @@ def throw_away_root():
     yield root
     for name in os.listdir(root):
         path = f"{root}/{name}"
-        # The mounts are gone with their namespace: all directories are empty.
+        # The mounts ended with their namespace: all directories are empty.
         (os.rmdir if os.path.isdir(path) and not os.path.islink(path) else os.unlink)(path)
     os.rmdir(root)
 

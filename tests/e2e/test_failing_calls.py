@@ -1,4 +1,4 @@
-"""Each call of the system fails once, in a small run that fetches content."""
+"""Each system call fails once, in a small run that fetches content."""
 import os
 import re
 import resource
@@ -19,19 +19,21 @@ pytestmark = [pytest.mark.matrix("calls"), pytest.mark.release_only]
 ENTRIES = {"first": bytes(range(256)) * 400, "sub/second": b"22", "third": b""}
 LIMIT_SECONDS = 20
 CPU_LIMIT_SECONDS = 2
-# Of one kind in one run.
+# The most calls of one kind in one run.
 MOST_CALLS = 500
 
 CONTENT = f"{ARCHIVES}/(first|sub/second|third)"
-# The debug log is not the run's work; a result log that cannot be saved does not undo it.
+# A failure at these does no harm: the debug log is not part of the result, and a result log that cannot be saved
+# does not undo the work.
 LOGS = r"/mnt/session/(migration\.log|transfer\.result.*)"
-# How a lost connection is told, by how far the run has got.
+# The errors of a lost connection; which one depends on how far the run has got.
 LOST = {"UnableToStartSshSession", "SshInvalidCredentials", "InvalidHandle", "SshConnectionFault"}
 NEVER = "(?!)"
-# kind: (the fewest calls there are, what may be told in the end, on what a failure does no harm)
+# kind: (the minimum of calls, the errors that may be reported, the objects on which a failure does no harm)
 KINDS = {
     "write": (20, {"tError_SaveFile", "StreamWrite", "FileWrite"}, LOGS),
-    # Nothing is lost with a descriptor that was only read from, or is closed before it is written to.
+    # Nothing is lost when closing a descriptor fails that was only read, or that is closed before anything is
+    # written.
     "close": (30, {"tError_SaveFile", "CantRetrieveContentFile", "FileWrite"},
               f"(?!({CONTENT}|.*-name)$).*"),
     # The session's own directory is synced for the result log alone once it is there.
@@ -52,19 +54,19 @@ COMPARED = {"write", "close", "fsync", "rename"}
 
 
 def each(kinds):
-    """Some are called often."""
+    """Some of the calls are frequent."""
     return each_way("kind", {kind: kind for kind in kinds}, COMPARED, slow={"close", "recv", "send"})
 
 
 @pytest.fixture(autouse=True)
 def source():
-    # A short banner: it is received byte by byte.
+    # A short banner, because it is received byte by byte.
     with SourceHost(["DebianBanner no"], recording=False) as host:
         yield host
 
 
 def cpu_seconds():
-    """Of all runs that have ended."""
+    """Processor time of all runs that have ended."""
     used = resource.getrusage(resource.RUSAGE_CHILDREN)
     return used.ru_utime + used.ru_stime
 
@@ -88,7 +90,9 @@ def innermost_code(outcome):
 
 
 def try_each(source, library, kind, stays, told, harmless, asked=None):
-    """Lets the first call fail, then the second ... until there is none left; returns how many failed."""
+    """Makes the first call fail, then the second and so on, until a run has no such call left; returns how many
+    failed.
+    """
     for nth in range(1, MOST_CALLS):
         shutil.rmtree(SESSION, ignore_errors=True)
         offered(ROOT, *ENTRIES.items())

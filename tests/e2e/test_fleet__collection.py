@@ -17,19 +17,19 @@ from world import read
 @pytest.mark.slow
 @pytest.mark.release_only
 def test_collection_passes_ansible_lint():
-    # Its own rule is that a collection lies where Ansible finds it.
+    # ansible-lint demands that a collection is where Ansible finds it.
     place = f"{CONTROLLER}/lint/ansible_collections/{NAME.replace('.', '/')}"
     shutil.copytree(COLLECTION, place, ignore=shutil.ignore_patterns("__pycache__"))
     checked = subprocess.run(["ansible-lint", "--offline", "-p", "--nocolor"], cwd=place, text=True, capture_output=True,
                              check=False, env={"PATH": "/usr/bin:/bin", "HOME": CONTROLLER, "LC_ALL": "C.UTF-8",
                                                "ANSIBLE_COLLECTIONS_PATH": f"{CONTROLLER}/lint"})
     assert (checked.returncode, checked.stdout) == (0, ""), checked
-    # Without a list of files from git it finds them itself; nothing found would pass as well.
+    # Without a list of files from git it searches for them. Checked, because it would also succeed with none.
     assert int(re.search(r"on (\d+) files", checked.stderr)[1]) > 10, checked
 
 
 def test_collection_is_built_and_installed_with_what_its_playbook_needs():
-    """What is installed elsewhere has no file of the checkout behind it."""
+    """An installed collection has no files of the checkout beside it."""
     target = f"{CONTROLLER}/installed"
     for words in (["build", COLLECTION, "--output-path", target],
                   ["install", "--offline", f"{target}/{NAME.replace('.', '-')}-{version_of_program()}.tar.gz", "-p", target]):

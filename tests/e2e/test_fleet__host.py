@@ -15,7 +15,7 @@ from world import HOST, SESSION, processes, wait_until, write
 sys.path.append(f"{COLLECTION}/plugins/filter")
 from sondrel_summary import sondrel_failure, sondrel_summary  # noqa: E402  it lies in the collection
 
-# The log of a session lies beside it.
+# The log of a session is beside it.
 PLACE = f"{SESSION}/one"
 
 
@@ -37,7 +37,7 @@ def look(imitated, session=PLACE, **more):
 
 
 def hold(imitated, step):
-    """The step waits for what the returned function does."""
+    """Makes the step wait until the returned function is called."""
     imitated.does(step, f"while [ ! -e {IMITATION}/go ]; do sleep 0.01; done")
     return lambda: write(f"{IMITATION}/go")
 
@@ -55,7 +55,7 @@ def test_a_migration_goes_on_without_the_process_that_began_it(imitated):
     wait_until(lambda: imitated.is_at("dump"), "the dump")
     assert look(imitated)["state"] == "running"
     assert look(imitated, wait_seconds=0.2)["state"] == "running"
-    # Begun a second time it is left alone, and cannot go back.
+    # A second beginning leaves it alone, and cannot go back to an earlier step.
     assert begin(imitated)["changed"] is False
     assert "at work" in begin(imitated, from_step="scout")["msg"]
     go_on()
@@ -140,7 +140,7 @@ def test_a_run_begun_by_hand_is_waited_for_and_left_alone(imitated):
 def test_tells_of_problems_of_a_success(imitated):
     problems = "".join(f'<problem severity="{severity}"/>' for severity in ("error", "warning", "info", "warning"))
     imitated.does("dump", f"echo '<dump><problems>{problems}</problems></dump>' > {PLACE}/dump.xml")
-    # Longer than a document that the role itself would read.
+    # Longer than any document that the role itself would read.
     imitated.does("content", "echo \"<execution-result status='success'>$(yes '<message/>' | head -n 200000)"
                              f"</execution-result>\" > {PLACE}/transfer.result")
     begin(imitated)
@@ -208,7 +208,7 @@ def test_a_setting_without_a_value_names_nothing(imitated):
 
 
 def test_role_by_its_short_name_hands_over_jump_host_and_key(imitated):
-    # As the package links it, for playbooks that were written before the collection.
+    # Linked as the package links it, for playbooks that were written before the collection.
     roles = f"{CONTROLLER}/roles"
     os.makedirs(roles)
     os.symlink(f"{link_collection()}/roles/sondrel_migrate", f"{roles}/sondrel_migrate")
@@ -237,7 +237,7 @@ def test_a_destination_out_of_reach_and_one_without_the_program_stop_no_other(im
               {"sondrel_migrate_session": SESSION + "/{{ inventory_hostname }}",
                "sondrel_migrate_password": "a-passphrase", "sondrel_migrate_connection_attempts": 0,
                "sondrel_migrate_program": imitated.program})
-    # One batch after the other; the first two come to nothing.
+    # One batch after the other; the first two fail.
     found = play("-e", "batch=1")
     assert found.code == 2
     assert found.count("changed") == {"one": 0, "two": 0, "three": 1}

@@ -23,19 +23,19 @@ DESTINATIONS = {"new1": 11, "new2": 12, "new3": 13}
 # The source, its number, where its site goes, and the login that is used.
 SOURCES = {"old1": (21, "new1", ROOT), "old2": (22, "new1", ROOT), "old3": (23, "new2", SUDOER),
            "old4": (24, "new3", ROOT)}
-# What its archive step says must not be taken for a template of Ansible's.
+# Ansible must not take the output of its archive step for a template.
 BROKEN = "/mnt/shell/broken"
 COMPLAINT = "no {{ 6 * 7 }} today"
 CAT = f"""#!/bin/sh
 case "$*" in *.tar*) [ ! -e {BROKEN} ] || {{ echo '{COMPLAINT}' >&2; exit 1; }} ;; esac
 exec /bin/cat "$@"
 """
-# A tar that sends files would go past that.
+# A tar that sends files would bypass that `cat`, so it fails as well.
 TAR = f"""#!/bin/sh
 case "$*" in *--no-unquote*) [ ! -e {BROKEN} ] || exit 127 ;; esac
 exec /bin/tar "$@"
 """
-# root's shell at the destinations: it keeps the command lines that Ansible has run there.
+# root's shell at the destinations: it records the command lines that Ansible runs there.
 COMMAND_LINES = "/mnt/shell/command-lines"
 LISTING_SHELL = f"""#!/bin/sh
 printf '%s\\n' "$2" >> {COMMAND_LINES}
@@ -44,7 +44,7 @@ exec /bin/sh "$@"
 
 
 def furnish_web_host(name, running):
-    """A host with one site, whose name is that of the host."""
+    """Makes a host with one site, which has the name of the host."""
     host = running.enter_context(web_host())
     root = fill_root(f"/home/owner/{name}.test", add_user("owner"),
                      {"index.html": f"<h1>{name}</h1>", "picture": os.urandom(100_000).hex()})
@@ -81,7 +81,7 @@ class Fleet:
         return server
 
     def _give_passwords(self):
-        """Of these words other runs on this machine know nothing."""
+        """Sets passwords that no other run on this machine uses."""
         for name in SOURCES:
             self.passwords[name] = {login.name: f"own-{login.name}-passphrase-of-{name}-{os.getpid()}"
                                     for login in (ROOT, SUDOER)}
@@ -96,7 +96,7 @@ class Fleet:
         known = "".join(f"{self.nodes[name].address} {read(f'/mnt/sshd.{name}.22/ed25519.key.pub').decode()}"
                         for name in DESTINATIONS)
         write(f"{CONTROLLER}/known_hosts", known)
-        # What Ansible gives ssh for arguments.
+        # Records the arguments that Ansible gives to ssh.
         write(f"{CONTROLLER}/ssh", f'#!/bin/sh\nprintf "%s\\n" "$@" >> {CONTROLLER}/ssh-arguments\n'
                                    'exec /usr/bin/ssh "$@"\n', mode=0o755)
         inventory({name: {"ansible_host": self.nodes[name].address} for name in DESTINATIONS},
@@ -128,11 +128,11 @@ class Fleet:
             "ANSIBLE_SSH_COMMON_ARGS": f"-o UserKnownHostsFile={CONTROLLER}/known_hosts"})
 
     def session(self, name):
-        """Where the test finds the session of a source's migration."""
+        """The path by which the test reaches the session of a source's migration."""
         return self.nodes[SOURCES[name][1]].own(f"{SESSIONS}/{name}")
 
     def sent(self):
-        """{source: the commands that it was sent so far}"""
+        """{source: the commands that it has received so far}"""
         return {name: self.servers[name].lines() for name in SOURCES}
 
     def all_passwords(self):
@@ -192,7 +192,7 @@ def test_moves_four_hosts_to_three_goes_on_where_one_failed_and_then_changes_not
             assert_arrived(fleet, name)
         assert watch.told == set()
         assert {"ansible-playbook", "python3", "ssh", "sondrel-migrate", "sondrel"} <= watch.programs
-        # Every command line that Ansible had run at the destinations, and none brought a file.
+        # All command lines that Ansible ran at the destinations: none transferred a file.
         for name in DESTINATIONS:
             lines = read(fleet.nodes[name].own(COMMAND_LINES)).decode()
             assert "python3" in lines and "sftp" not in lines and "AnsiballZ" not in lines

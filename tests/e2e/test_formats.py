@@ -23,7 +23,7 @@ DOCUMENTS = {"migration.status": "migration-status", "migration.result": "execut
              "transfer.result": "execution-result", "scout-result.xml": "scout-result",
              "agent-deployment.status": "agent-deployment-status", "dump.xml": "dump",
              "dumping-status.xml": "dumping-status"}
-# What is no XML document there.
+# Files of a session that are not XML documents.
 OTHERS = {"migration.log", "dump-name", "migration-result-name"}
 
 
@@ -73,7 +73,7 @@ def test_example_is_refused_once_it_is_something_else(example):
 # --- what the tool writes --------------------------------------------------------------------
 
 def check_session(unfinished=()):
-    """All documents of the session are as their schemas say, but those unfinished; gives their names."""
+    """Checks all documents of the session, except unfinished ones, against their schemas; returns their names."""
     session = Session()
     found = {name for name in os.listdir(session.path) if os.path.isfile(session.file(name))}
     assert found <= DOCUMENTS.keys() | OTHERS, found
@@ -107,7 +107,7 @@ def test_every_document_of_a_migration_is_as_its_schema_says(source, host, login
     assert check_session() == base | {"scout-result.xml", "agent-deployment.status"}
     assert succeed(login, "dump-all") == b""
     dumped = base | {"scout-result.xml", "agent-deployment.status", "dump.xml"}
-    # There where the dump took more than five seconds.
+    # This document exists only if the dump took more than five seconds.
     dumped |= check_session() & {"dumping-status.xml"}
     assert check_session() == dumped
     check_schema(succeed(login, "get-dumping-status"), "dumping-status")
@@ -121,7 +121,7 @@ def test_every_document_of_a_migration_is_as_its_schema_says(source, host, login
 
 
 def content_list(login):
-    """What the agent prints when it is asked as the tool asks it."""
+    """The list that the agent prints when it is asked as the tool asks it."""
     user, group = login.ids if login is PLAIN else (0, 0)
     return subprocess.run(["perl", f"{login.agent_dir}/agent.pl", "--get-content-list"], check=True, cwd="/",
                           stdout=subprocess.PIPE, user=user, group=group, extra_groups=[],
@@ -144,7 +144,7 @@ def test_selected_objects_dumped_by_the_agent_have_the_form_of_a_dump(source, ho
                     "<domain><name>a.test</name></domain></selected-objects>")
     check_schema(read(SELECTED), "selected-objects")
     succeed(ROOT, "dump-selected", "--selected-objects-file", SELECTED)
-    # Fetched while the dump takes its time.
+    # Fetched while the dump still runs.
     assert check_session() - {"dumping-status.xml"} == {"migration.status", "migration.result",
                                                         "agent-deployment.status", "dump.xml"}
 
@@ -158,7 +158,7 @@ def test_removal_of_the_dumping_status_leaves_documents_of_the_form(throw_away_r
 # --- while it runs ---------------------------------------------------------------------------
 
 def anonymous(text):
-    """The text without what is another one in each run: the process and the host."""
+    """The text without what differs between runs: the process and the host."""
     text = re.sub(r"<pid>\d+</pid>", "<pid>1</pid>", text)
     return re.sub(r"<host>[^<]*</host>", "<host>source.example</host>", text)
 
@@ -219,7 +219,7 @@ def test_result_of_a_failure_is_as_its_schema_says(action):
         unused.bind((HOST, 0))
         outcome = Destination(agent="linux").run(action, "--port", str(unused.getsockname()[1]))
     assert outcome.code == (11 if action in ("send-scout", "deploy-agent") else 2)
-    # What the scout and the agent print goes right into these: they are there, and empty.
+    # What the scout and the agent print goes directly into these files: they exist, and are empty.
     check_session(unfinished=["scout-result.xml", "agent-deployment.status"])
     name = "transfer.result" if action == "get-content" else "migration.result"
     assert b' code="ConnectionRefused"' in Session().read(name)
@@ -241,7 +241,7 @@ def test_result_with_a_warning_is_as_its_schema_says(source):
 
 
 def test_deployment_status_that_another_agent_may_print_is_stored_all_the_same(source):
-    """The schemas say what the agents here print; the tool itself asks for less."""
+    """The schemas describe what the agents of this project print; the tool itself demands less."""
     deployed_agent(ROOT, "printf '<agentstatus><statusfile>x</statusfile><more/></agentstatus>'")
     assert Destination().run("deploy-agent").code == 0
     assert b"<more/>" in Session().read("agent-deployment.status")

@@ -1,4 +1,4 @@
-"""What becomes of runs of --get-content whose source host vanishes without a word."""
+"""What happens to runs of --get-content whose source host vanishes without closing the connection."""
 import contextlib
 import ctypes
 import dataclasses
@@ -19,12 +19,12 @@ from world import ROOT, SESSION, Login, content_verified, processor_ticks, wait_
 
 pytestmark = [pytest.mark.matrix("network"), pytest.mark.slow]
 
-# The other network, in which the relays listen, on an address for each run.
+# The other network, in which the relays listen, with an address for each run.
 FAR = "far"
 NEAR_ADDRESS, FAR_ADDRESS = "198.51.100.1", "198.51.100.2"
 MAC = {"near": "02:00:00:00:00:01", "far": "02:00:00:00:00:02"}
-# The first probe after 60 s of silence and four more, 15 s apart; or data that is 120 s old; or
-# the limit for logging in. Where the session did not start it is tried again, for 3 s here.
+# Keep-alive: the first probe after 60 s of silence and four more, 15 s apart; or data that is 120 s old; or the
+# limit for logging in. A session that did not start is tried again, for 3 s here.
 LEAST_SECONDS, MOST_SECONDS = 90, 150
 
 
@@ -34,7 +34,7 @@ def ip(*words):
 
 @contextlib.contextmanager
 def other_network():
-    """A network that is one cable away. Neighbours are known, so that no one asks who is there."""
+    """A network at the other end of one cable. Neighbours are configured, so that no host needs to ask for them."""
     ip("netns", "add", FAR)
     try:
         ip("link", "add", "near", "address", MAC["near"], "type", "veth",
@@ -42,7 +42,7 @@ def other_network():
         ip("address", "add", f"{NEAR_ADDRESS}/24", "dev", "near")
         ip("link", "set", "near", "up")
         ip("-n", FAR, "link", "set", "far", "up")
-        # It keeps this one: with its last address a device loses its routes.
+        # This address stays: a device that loses its last address loses its routes.
         ip("-n", FAR, "address", "add", f"{FAR_ADDRESS}/24", "dev", "far")
         ip("-n", FAR, "neighbour", "add", NEAR_ADDRESS, "lladdr", MAC["near"], "dev", "far", "nud", "permanent")
         yield
@@ -68,7 +68,7 @@ def far_listener(address):
 
 
 def vanish(address):
-    """The fault after which nothing that is sent to the address arrives, and nothing tells so."""
+    """A fault: nothing that is sent to the address arrives any more, and no error is returned."""
     def go(link):
         link.fall_silent()
         ip("-n", FAR, "address", "delete", f"{address}/32", "dev", "far")
@@ -88,8 +88,7 @@ class NumberedRoot(Login):
 
 @contextlib.contextmanager
 def struck_runs(first):
-    """[(point, destination, running)...]: a run for each point, numbered from the first on, that has
-    nobody at the other end any more."""
+    """[(point, destination, running)...]: a run for each point, numbered from `first` on, whose peer has vanished."""
     with contextlib.ExitStack() as stack:
         runs = []
         for number, point in enumerate(POINTS.values(), first):
@@ -104,7 +103,7 @@ def struck_runs(first):
 
 
 def test_peer_that_vanishes_is_given_up_after_two_minutes_at_each_step(cases):
-    """All at once, without and with content that is verified: each of them takes that long."""
+    """All runs at the same time, without and with content verification, because each takes that long."""
     with source_host() as source, other_network(), few_attempts():
         offered_behind_gates(FILES)
         os.mkdir(SESSION)
@@ -119,8 +118,8 @@ def test_peer_that_vanishes_is_given_up_after_two_minutes_at_each_step(cases):
                 assert running.ended() or processor_ticks(running.pid) - before <= 5, "a run is busy while it waits"
             outcomes = [running.finish(begin + MOST_SECONDS - time.monotonic()) for _, _, running in runs]
         for (point, destination, _), outcome in zip(runs, outcomes):
-            # The second attempt to start a session finds nobody; the limit of the login is over
-            # before the system gives the connection up.
+            # The second attempt to start a session gets no answer; the limit for logging in ends before the system
+            # gives the connection up.
             causes = {NO_SESSION[0]: ["ConnectionTimedOut"], NO_LOGIN[0]: LOST}.get(point.causes[0], point.causes)
             check_failed(outcome, causes, destination.session, destination.login)
             check_next_run(source, Destination(destination.login, session=destination.session.path))

@@ -1,4 +1,4 @@
-"""Whether the source host is the one it should be: SSH_HOST_KEY_POLICY and SSH_KNOWN_HOSTS_F."""
+"""Verifying the source host: SSH_HOST_KEY_POLICY and SSH_KNOWN_HOSTS_F."""
 import os
 import re
 import subprocess
@@ -37,7 +37,7 @@ def policy(configure):
 
 
 def public_key(host, kind):
-    """Type and base64."""
+    """The type of the key and its base64."""
     return " ".join(read(f"{host.key_file(kind)}.pub").decode().split()[:2])
 
 
@@ -48,12 +48,12 @@ def fingerprint(key):
 
 
 def key_of(server):
-    """A scripted server's."""
+    """The key of a scripted server."""
     return f"{server.key.get_name()} {server.key.get_base64()}"
 
 
 def rejected(outcome, code, reason):
-    """The run has ended because of the key, and says so."""
+    """Checks that the run has ended because of the key, and reports that."""
     message = f"Unable to connect to host {HOST}: {reason}"
     assert (outcome.code, outcome.stdout, outcome.stderr.decode()) == (code, b"", message)
     assert Session().messages() == [("SshHostKeyRejected", "error", message, [])]
@@ -83,7 +83,7 @@ def test_the_server_is_asked_for_the_kind_of_key_that_it_is_known_by(policy, kin
 
 
 def test_a_server_that_is_known_by_an_rsa_key_is_asked_for_that_one(policy):
-    """Its signatures have other names than the key."""
+    """The signatures of such a key have other names than the key."""
     policy("strict")
     signatures = "ssh-ed25519,ecdsa-sha2-nistp256,rsa-sha2-512,rsa-sha2-256,ssh-rsa"
     with SourceHost(["LogLevel DEBUG1", f"HostKeyAlgorithms {signatures}"], port=2222,
@@ -113,7 +113,7 @@ def test_another_key_than_the_known_one_ends_the_run_before_any_password(policy,
 
 
 def unharmed(server):
-    """Nobody tried to log in at the server, least of all with a password."""
+    """Fails if a client tried to log in at the server, above all with a password."""
     assert len(server.connections) == 1
     connection = server.connections[0]
     assert not [point for point in connection.points if point.startswith("userauth")]
@@ -156,7 +156,7 @@ def test_ssh_keyscan_and_ssh_keygen_make_files_that_are_understood(policy):
     with SourceHost(port=2222) as host:
         scan = subprocess.run(["ssh-keyscan", "-p", "2222", "-H", HOST], check=True, stdout=subprocess.PIPE,
                               stderr=subprocess.DEVNULL)
-        # Newer ones write comments to standard output, too.
+        # Newer versions write comments to standard output, too.
         assert b"\n|1|" in b"\n" + scan.stdout
         write(FILE, scan.stdout)
         assert Destination().run("send-scout", "--port=2222").code == 0
@@ -231,7 +231,7 @@ def test_settings_that_cannot_be_met_let_no_host_in(configure, lines, reason):
 
 @pytest.fixture
 def unreadable():
-    """Puts something in the place of the host's configuration that cannot be read."""
+    """Replaces the host's configuration by something that cannot be read."""
     kept = read(CONFIGURATION)
     os.unlink(CONFIGURATION)
     yield

@@ -1,4 +1,4 @@
-"""Documents of another host's making; and all bytes, in the texts and attributes of our own."""
+"""Hostile documents from another host; and every byte in the texts and attributes of our own documents."""
 import contextlib
 import os
 import resource
@@ -21,9 +21,10 @@ PORT = 8080
 
 @contextlib.contextmanager
 def bounded(seconds=5, mebibytes=300):
-    """No child may need more than this, of the processor or of memory.
+    """Fails if a child needs more processor time or memory than this.
 
-    The system keeps the largest of all children: one that is not larger than an earlier one was found out then.
+    The system keeps the memory of the largest child only: one that is smaller than an earlier one cannot be measured,
+    and need not be.
     """
     before = resource.getrusage(resource.RUSAGE_CHILDREN)
     yield
@@ -34,8 +35,8 @@ def bounded(seconds=5, mebibytes=300):
 
 
 def run(action, *options):
-    """The outcome of a run that is soon over and stays small."""
-    # A sanitizer would hold on to what has been freed.
+    """The outcome of a run that ends soon and needs little memory."""
+    # A sanitizer would keep freed memory.
     environment = {"ASAN_OPTIONS": "exitcode=99:quarantine_size_mb=1"}
     with bounded():
         return Destination().start(action, *options, environment=environment).finish(deadline_seconds=15)
@@ -43,7 +44,7 @@ def run(action, *options):
 
 @pytest.fixture
 def nothing_is_fetched():
-    """A pipe, at which a reader would wait; and a port that must not be connected to."""
+    """Makes a pipe, at which a reader would wait, and listens on a port to which nothing must connect."""
     os.mkfifo(PIPE)
     with socket.create_server(("127.0.0.1", PORT)) as server:
         server.setblocking(False)
@@ -55,7 +56,7 @@ def nothing_is_fetched():
 
 # --- definitions -----------------------------------------------------------------------------
 
-# A document type, and an entity that its definitions have or lack.
+# A document type, and an entity that it declares or does not declare.
 ELSEWHERE = {
     "entity in a file": (f'[<!ENTITY e SYSTEM "file://{PIPE}">]', "&e;"),
     "entity in a bare path": (f'[<!ENTITY e SYSTEM "{PIPE}">]', "&e;"),
@@ -70,7 +71,7 @@ ELSEWHERE = {
 
 
 def nested(depth, fanout):
-    """Definitions of e0 to e{depth}, each of which is the one before `fanout` times over."""
+    """Definitions of e0 to e{depth}, each of which has the one before `fanout` times."""
     return '<!ENTITY e0 "bombbombbomb">' + "".join(
         f'<!ENTITY e{level} "{f"&e{level - 1};" * fanout}">' for level in range(1, depth + 1))
 
@@ -92,12 +93,12 @@ def list_of(name="file", size="1", md5sum="", unpacked="1", root="contentlist", 
 
 
 def offer(document):
-    """An agent that prints this for its list, and has the one file."""
+    """Installs an agent that prints this as its list, and has the one file."""
     deployed_agent(ROOT, 'cat "${0%/*}/list.xml"\n', {"list.xml": document, "file": b"1"})
 
 
 def check_refusal(outcome, *codes):
-    """The run has fetched nothing, for one of these reasons."""
+    """Checks that the run has fetched nothing, for one of these reasons."""
     assert outcome.code == 2
     (_, _, _, ((code, _, _, _),)), = Session().messages("transfer.result")
     assert code in codes
@@ -244,12 +245,12 @@ def test_name_that_leads_elsewhere_is_known_in_any_form(source, document):
 
 # --- all bytes in our own documents ----------------------------------------------------------
 
-# But for NUL, which ends a text that is an argument or a message.
+# All bytes except NUL, which ends a text that is an argument or a message.
 BYTES = os.fsdecode(bytes(range(1, 256)))
 
 
 def in_xml(text):
-    """What a document shows for these bytes: a mark for each that XML does not have, and a CR as it is."""
+    """The text that a document has for these bytes: a mark for each byte that XML cannot hold, and a CR unchanged."""
     characters = os.fsencode(text).decode("utf-8", "surrogateescape")
     return "".join(c if c in "\t\n\r" or " " <= c < "\ud800" or c > "\udfff" else "\ufffd" for c in characters)
 

@@ -27,7 +27,7 @@ SERVICE = (SERVICE_ACCOUNT, SERVICE_ACCOUNT)
 
 @pytest.fixture(autouse=True)
 def outside():
-    """What root must not write to, and no other account may."""
+    """Files outside, which neither root nor another account may write to in these tests."""
     write(f"{OUTSIDE}/file", b"kept")
     write(f"{OUTSIDE}/same", NEW)
     os.makedirs(f"{OUTSIDE}/three")
@@ -40,7 +40,7 @@ def outside():
 
 
 def own_directory(path):
-    """The directory, as root makes it for content: it and those above it, up to the target, are the account's."""
+    """Makes the directory as root does for content: it and those above it, up to the target, belong to the account."""
     os.makedirs(path, exist_ok=True)
     own = path
     while own not in (ARCHIVES, os.path.dirname(DUMPS)):
@@ -54,7 +54,7 @@ def run(*options, deadline_seconds=30, **how):
 
 
 def check_refusal(outcome, name, target=ARCHIVES):
-    """The run ended at this entry, told so, and was not held up."""
+    """Checks that the run ended at this entry, reported it, and did not hang."""
     assert (outcome.code, outcome.stdout) == (2, b"")
     (wrapping, _, _, ((code, _, text, _),)), = Session().messages("transfer.result")
     assert (wrapping, code) == ("CantRetrieveDump", "CantRetrieveContentFile")
@@ -114,7 +114,7 @@ IN_A_DIRECTORY_S_PLACE = {
 
 
 def offer_and_meet(name, planted, plant, target=ARCHIVES):
-    """A run that meets, at `planted` below the target, what `plant` puts there, on its way to `name`."""
+    """A run that finds, at `planted` below the target, what `plant` puts there, on its way to `name`."""
     directory = own_directory(os.path.dirname(f"{target}/{planted}"))
     offered(ROOT, ("first", b"1"), (name, NEW), ("last", b"3"))
     write(f"{directory}/ahead", b"ahead")
@@ -155,7 +155,7 @@ def test_folders_of_the_dumps_folder_are_guarded_as_those_of_the_archives(source
 
 
 def test_file_with_a_lease_is_not_waited_for(source, content_verify):
-    """The system would let a patient opener wait for 45 seconds."""
+    """The system would make a blocking open wait for 45 seconds."""
     path = write(f"{own_directory(f'{ARCHIVES}/sub')}/file", b"leased", owner=SERVICE)
     offered(ROOT, ("sub/file", NEW))
     held = []
@@ -175,7 +175,7 @@ def test_file_with_a_lease_is_not_waited_for(source, content_verify):
 # --- done while a file arrives ---------------------------------------------------------------
 
 def run_meanwhile(name, do):
-    """The outcome of a run over this file and a last one; `do` is called when half of the file is here."""
+    """The outcome of a run over this file and a last one; `do` is called when half of the file has arrived."""
     offered(ROOT, (name, NEW), ("last", b"3"))
     path, local, half = f"{ROOT.agent_dir}/{name}", f"{ARCHIVES}/{name}", len(NEW) // 2
     os.unlink(path)
@@ -244,7 +244,7 @@ def test_file_that_was_taken_from_its_place_stays_on_the_source_host(source, wha
 @pytest.mark.slow
 @pytest.mark.parametrize("swapped", ["account/sub", "account/sub/07"], ids=["folder", "file"])
 def test_links_that_come_and_go_during_whole_runs_are_never_followed(source, swapped, content_verify):
-    """Each run does its work, or ends at the first link that it meets; none writes through one."""
+    """Each run does its work, or ends at the first link that it finds; none writes through a link."""
     own_directory(f"{ARCHIVES}/account/sub")
     names = [f"account/sub/{number:02d}" for number in range(20)]
     path = f"{ARCHIVES}/{swapped}"

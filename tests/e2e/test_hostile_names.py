@@ -1,4 +1,4 @@
-"""Names in the content list, which root uses here and which another host chose."""
+"""Names in the content list, which another host chooses and root uses here."""
 import os
 import subprocess
 
@@ -26,7 +26,7 @@ in_both_targets = pytest.mark.parametrize("target", TARGETS.values(), ids=TARGET
 
 @pytest.fixture(autouse=True)
 def outside():
-    """What a name could lead to: the directories of the target, the current one, and one beside."""
+    """What a name could lead to: the directories of the target, the current directory, and one beside it."""
     for directory in (SESSION, ARCHIVES, DUMPS, CURRENT, "/mnt/outside/folder"):
         os.makedirs(directory, exist_ok=True)
     for path in ("/mnt/outside/file", "/mnt/file", f"{CURRENT}/file"):
@@ -38,7 +38,7 @@ def outside():
 def run(target, elements, files, arrived, declared=b""):
     """The outcome of a run over `good` and these elements: the bytes between their tags.
 
-    `files` is what they offer, by the names that they mean; `arrived` is what the target holds then.
+    `files` are the offered files, by the names that the elements mean; `arrived` is what the target has afterwards.
     """
     stand_ins = [(f"NAME{number:03d}", CONTENT, {}) for number in range(len(elements))]
     document = content_list([("good", b"1", {}), *stand_ins]).encode()
@@ -56,7 +56,7 @@ def run(target, elements, files, arrived, declared=b""):
 
 
 def check_failure(code, text=""):
-    """The one failure, with its cause."""
+    """Checks the one failure and its cause."""
     (wrapping, _, _, ((cause, _, description, _),)), = Session().messages("transfer.result")
     assert (wrapping, cause) == ("CantRetrieveDump", code)
     assert text in description
@@ -85,7 +85,7 @@ def test_name_that_leads_elsewhere_is_refused_before_anything_is_done(source, na
     assert len(source.lines()) == 1
 
 
-# XML has no characters 0 and 27, and these bytes are none at all: such a document has no names.
+# XML has no characters 0 and 27, and some of these bytes are no characters at all: such a document has no names.
 UNREADABLE = {"NUL by reference": b"a&#0;b", "ESC by reference": b"a&#27;[2Jb", "ESC": b"a\x1b[2Jb",
               "invalid UTF-8": b"a\xff\xfeb", "byte 0x9b": b"a\x9bb", "half a character": b"a\xc3"}
 
@@ -102,7 +102,7 @@ def test_name_that_no_document_may_hold_is_refused_with_the_document(source, lis
 
 # --- too long for the system -----------------------------------------------------------------
 
-# The name, and what is made for it: a path that the system cannot hold is useless.
+# The name, and what is made for it: nothing for a path that is too long for the system.
 LONG = {"4096 bytes": ("/".join(["long" * 51] * 20)[:4096], []),
         "component of 256 bytes": ("folder/" + "c" * 256, ["folder"])}
 
@@ -120,7 +120,7 @@ def test_name_that_is_too_long_fails_by_the_system_and_removes_nothing(source, n
 
 # --- taken as they are -----------------------------------------------------------------------
 
-# What the list holds, and the name that it means.
+# The text in the list, and the name that it means.
 TAKEN = {
     b"a//b": "a/b", b"line\nfeed": "line\nfeed", b"a\nINFO k.log: forged": "a\nINFO k.log: forged",
     b"carriage&#13;return": "carriage\rreturn", b"C1&#x9b;2Jcontrol": "C1\u009b2Jcontrol", b"-rf": "-rf",

@@ -22,8 +22,8 @@ PASSPHRASE = "the key's passphrase"
 UNPROTECTED = "/mnt/unprotected"
 
 
-# What libssh2 forgets to free, a few bytes of each login, is not ours: parts of a key that it has signed with, and
-# the list of methods when it is asked for once more. Whole stacks tell that apart from our own.
+# libssh2 leaks a few bytes in each login: parts of a key that it has signed with, and the list of methods when it
+# is asked for again. Whole stacks distinguish these leaks from our own.
 SUPPRESSIONS = "/mnt/leaks-of-the-library"
 SANITIZER = {"ASAN_OPTIONS": "exitcode=99:fast_unwind_on_malloc=0",
              "LSAN_OPTIONS": f"suppressions={SUPPRESSIONS}:print_suppressions=0"}
@@ -36,7 +36,7 @@ def scout():
 
 
 def make_key(kind="ed25519", path=KEY, passphrase="", options=()):
-    """A new key pair; the path of the private one."""
+    """Makes a new key pair; returns the path of the private key."""
     for old in (path, f"{path}.pub"):
         if os.path.exists(old):
             os.unlink(old)
@@ -81,7 +81,7 @@ def library_version():
 
 LIBRARY = library_version()
 SIGNS_RSA_WITH_SHA2 = tuple(map(int, re.findall(r"\d+", LIBRARY)[:2])) >= (1, 11)
-# Old servers take SHA-1; a library that can do better does it.
+# A library without SHA-2 signatures needs a server that accepts SHA-1.
 RSA = [] if SIGNS_RSA_WITH_SHA2 else ["PubkeyAcceptedAlgorithms +ssh-rsa"]
 
 KINDS = ["ed25519", "ecdsa 256", "ecdsa 384", "ecdsa 521", "rsa 2048", "rsa 4096"]
@@ -169,7 +169,7 @@ def test_a_setting_that_cannot_be_met_ends_the_run_before_it_connects(configure,
 
 @pytest.fixture
 def agent():
-    """Adds keys to an agent, and has the environment that leads to it."""
+    """Adds keys to an SSH agent; returns the environment for using it."""
     path = "/mnt/agent.socket"
     if os.path.exists(path):
         os.unlink(path)

@@ -1,4 +1,4 @@
-"""Texts of another host, and odd session paths: what they may not do on the console and in the logs."""
+"""Texts of another host, and odd session paths: they must do no harm on the console and in the logs."""
 import os
 import socket
 import threading
@@ -16,13 +16,13 @@ from world import DTM, PLAIN, ROOT, SESSION, wait_until, write
 pytestmark = pytest.mark.matrix("injection")
 
 
-# Ahead of what the scout says on its standard error.
+# The text before the scout's standard error.
 FAILED = "Failed to execute scout. \nThe return code is 1\nThe output on STDERR is\n"
 ERASED = b"\r\x1b[K"
 
 
 def complaining_scout(text):
-    """A scout that says this on its standard error, and fails."""
+    """Installs a scout that writes this to its standard error, and fails."""
     listed = ",".join(map(str, text))
     write(f"{DTM}/scout.pl", f"binmode STDERR; print STDERR pack('C*', {listed}); exit 1")
 
@@ -52,7 +52,7 @@ def on_terminal(destination, action, *options):
 
 
 def escaped(text):
-    """The text as a terminal may have it: a control character, and a byte of no character, by its number."""
+    """The text as a terminal may show it: control characters, and bytes that are no characters, by their numbers."""
     def show(character):
         code = ord(character)
         if code >= 0x20 and not 0x7f <= code <= 0x9f and not 0xdc80 <= code <= 0xdcff or character in "\n\t":
@@ -87,7 +87,7 @@ def test_console_that_is_no_terminal_gets_the_bytes_as_they_are(source, cases):
 
 
 def harmless(shown):
-    """True when a terminal is sent nothing but text, and what erases the line of progress."""
+    """True when a terminal gets only text, and what erases the progress line."""
     text = shown.replace(ERASED, b"")
     return text == escaped(text)
 

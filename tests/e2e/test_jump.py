@@ -1,4 +1,4 @@
-"""The way through another host: SONDREL_JUMP, and --jump of sondrel-migrate."""
+"""Connections through a jump host: SONDREL_JUMP, and --jump of sondrel-migrate."""
 import os
 import signal
 import subprocess
@@ -23,7 +23,7 @@ def public_key(host):
 
 
 def make_jump(*options):
-    """A host that the key of this one's root lets in, and whose key its ssh knows."""
+    """Makes a jump host that accepts the key of this host's root, and whose host key is known to ssh here."""
     host = SourceHost([*options, f"PermitOpen {HOST}:22"], port=PORT)
     if not os.path.exists(KEY):
         subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", KEY], check=True)
@@ -171,7 +171,7 @@ def test_a_jump_host_that_goes_is_a_lost_connection(jump):
     running = Destination().start("dump-all", environment={"SONDREL_JUMP": JUMP})
     wait_until(lambda: os.path.exists("/mnt/begun"), "the agent to begin")
     for pid in jump.connections():
-        # The one that has the privileges, and the one that has the connection.
+        # sshd's privileged process, and the one that serves the connection.
         for part in [*children(pid), pid]:
             os.kill(part, signal.SIGKILL)
     outcome = running.finish(30)

@@ -1,4 +1,4 @@
-"""The linter remembers a clean file where ccache has a cache, until something that decides changes."""
+"""Where ccache has a cache, the linter skips a file that was clean, until something changes that matters."""
 import json
 import os
 import subprocess
@@ -11,7 +11,7 @@ SOURCE = "/mnt/checkout/a.cpp"
 HEADER = "/mnt/checkout/a.h"
 CACHE = "/mnt/ccache"
 LOOKED = "/mnt/looked"
-# Finds what its name says; notes each look.
+# An imitated linter: fails for a source that has the word "finding", and records each call.
 IMITATED = """#!/bin/sh
 case $1 in --version) echo 14; exit ;; esac
 for source; do :; done
@@ -22,7 +22,7 @@ echo "$source" >> /mnt/looked
 
 @pytest.fixture(autouse=True)
 def checkout():
-    """A source file with its header, and a linter that is quick."""
+    """A source file with its header, and a fast imitated linter."""
     write("/mnt/programs/clang-tidy", IMITATED, mode=0o755)
     write(HEADER, "inline int one() { return 1; }\n")
     write(SOURCE, '#include "a.h"\nint two() { return one() + one(); }\n')
@@ -35,7 +35,7 @@ def compiled(*words):
 
 
 def looks(code=0, cache=CACHE):
-    """How many looks of the linter a run takes that ends with this code."""
+    """How often a run, which must end with this code, calls the linter."""
     write(LOOKED)
     done = subprocess.run([f"{os.path.dirname(TESTS)}/scripts/tidy", "/mnt/build", SOURCE], check=False,
                           env={"PATH": "/mnt/programs:/usr/bin:/bin", "CCACHE_DIR": cache})

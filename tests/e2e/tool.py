@@ -29,7 +29,7 @@ class Session:
         return os.fsdecode(self.read("migration.log"))
 
     def status(self):
-        """migration.status without the process id, which is checked to be there."""
+        """migration.status without the process id; fails if that is missing."""
         name, attributes, text, children = self.tree("migration.status")
         assert children[0][0] == "pid" and children[0][2].isdigit(), children
         return name, attributes, text, children[1:]
@@ -46,7 +46,7 @@ UUID = re.compile(r"[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-8[0-9a-f]{3}-[0-9a-f]{1
 
 
 def messages_in(node):
-    """The message elements right below a node, each checked to have the form of all messages."""
+    """The message elements directly below a node; fails if one has not the form of all messages."""
     found = []
     for name, attributes, _, children in node[3]:
         if name != "message":
@@ -75,7 +75,7 @@ class Running:
 
     def __init__(self, arguments, password=None, sudo_password=None, stdin=b"", environment=None,
                  stdout=None, directory="/", through=(BINARY,), prepare=lambda: None):
-        """`through` is what the arguments are given to; `prepare` is called in the child.
+        """`through` is a command that gets the arguments; `prepare` is called in the child.
 
         With `stdout` the output goes to that file; False leaves the tool without an output.
         """
@@ -115,7 +115,7 @@ class Running:
         self._process.wait()
 
     def finish(self, deadline_seconds=60):
-        """The Outcome; a run that does not end in time is killed and fails the test."""
+        """Waits for the end; returns the Outcome. A run that does not end in time is killed and fails the test."""
         try:
             self._process.wait(deadline_seconds)
         except subprocess.TimeoutExpired:

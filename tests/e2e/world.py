@@ -1,6 +1,6 @@
 """The private world that each end-to-end test lives in: its accounts, paths, processes, files and system log.
 
-tests/private-world makes it, in a network namespace of the test's own (conftest.py), so a source host can have port 22.
+tests/private-world makes it. The test has its own network namespace (conftest.py), so a source host can have port 22.
 """
 import contextlib
 import ctypes
@@ -81,7 +81,7 @@ def die_with_parent():
 
 
 def enter():
-    """Moves this process into a private world and network of its own; one made by private-world is kept."""
+    """Moves this process into a private world and network of its own. A world that private-world has made is kept."""
     if not os.path.isdir("/mnt/etc.orig"):
         libc = ctypes.CDLL(None, use_errno=True)
         assert libc.unshare(0x20000) == 0, os.strerror(ctypes.get_errno())  # CLONE_NEWNS
@@ -92,7 +92,7 @@ def enter():
 
 
 def enter_private_network():
-    """Loopback of our own: port 22 is free, and nothing listens that we did not start."""
+    """Gives this process its own loopback: port 22 is free, and only what the test starts listens."""
     assert os.path.isdir("/mnt/etc.orig"), "run this through tests/private-world"
     libc = ctypes.CDLL(None, use_errno=True)
     assert libc.unshare(0x40000000) == 0, os.strerror(ctypes.get_errno())  # CLONE_NEWNET
@@ -127,7 +127,7 @@ def processor_ticks(pid):
 # --- files -----------------------------------------------------------------------------------
 
 def write(path, content=b"", mode=0o644, owner=None):
-    """Makes the file, and the directories above it, and returns its path."""
+    """Makes the file and the directories above it; returns its path."""
     os.makedirs(os.path.dirname(path), exist_ok=True)
     with open(path, "wb") as out:
         out.write(os.fsencode(content))
@@ -144,7 +144,7 @@ def read(path):
 
 @contextlib.contextmanager
 def content_verified():
-    """This host's configuration compares content with the list as it arrives."""
+    """Makes this host's configuration compare content with the list as it arrives."""
     kept = read(CONFIGURATION)
     write(CONFIGURATION, kept + b"CONTENT_VERIFY yes\n")
     try:
@@ -176,7 +176,7 @@ def tree(text):
 # --- system log ------------------------------------------------------------------------------
 
 class SystemLog:
-    """Stands where the system's logger would: /dev/log. Everything sent is kept in a file."""
+    """Takes the place of the system's logger at /dev/log. Everything that is sent is kept in a file."""
 
     def __enter__(self):
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -190,7 +190,7 @@ class SystemLog:
         os.unlink("/dev/log")
 
     def text(self):
-        """All text so far: a datagram that was sent is here, since nobody sends asynchronously."""
+        """All text so far. A datagram that was sent is here: sending is synchronous."""
         os.makedirs(LOGS, exist_ok=True)
         with open(f"{LOGS}/syslog", "ab") as kept:
             while True:
