@@ -14,7 +14,7 @@ from source_services import add_user, owned
 from tool import Session
 from world import LOGIN_KINDS, PLAIN, ROOT, SUDOER, files_below, write
 
-# Configuration, certificate and key: what they lead to is taken along.
+# Links to configuration, certificate and key: their targets are packed, too.
 LINKS = ["/etc/nginx/sites-enabled/a.test", "/etc/apache2/sites-enabled/b.test.conf",
          "/etc/letsencrypt/live/a.test/privkey.pem", "/etc/letsencrypt/live/a.test/fullchain.pem"]
 
@@ -31,7 +31,7 @@ def test_every_archive_unpacked_is_what_was_on_the_source_host(source, host, kin
     arrived(*TREES, *FULL_TREES)
     for path in (*LINKS, *map(os.path.realpath, LINKS), "/var/spool/cron/crontabs/alice", "/etc/passwd"):
         assert entry(STAGE + path) == entry(path), path
-    # Everything was taken away after it had arrived.
+    # Everything was removed from the source host after it had arrived.
     assert not os.path.exists(f"{login.agent_dir}/dump.xml")
     assert [name for name in entries(login) if name.startswith("content/") and "." in name] == []
     run(login, "remove-agent")
@@ -42,7 +42,7 @@ INCREMENTS = {"SONDREL_DUMP_INCREMENTS": "yes"}
 
 
 def fetched_pass():
-    """A dump with increments, fetched; and what came with it."""
+    """Makes a dump with increments and fetches it; returns what arrived."""
     before = {name: os.stat(f"{ARCHIVES}/{os.fsdecode(name)}").st_mtime_ns for name in files_below(ARCHIVES)}
     run(ROOT, "dump-all", environment=INCREMENTS)
     dump = Dump(Session().read("dump.xml"))
@@ -55,7 +55,7 @@ def fetched_pass():
 
 
 def unpack_in_order(dump):
-    """What docs/linux-agent.md says of increments."""
+    """Unpacks increments as docs/linux-agent.md says."""
     for content in dump.files().values():
         if ".tar" not in content.get("file"):
             continue
@@ -70,7 +70,7 @@ def unpack_in_order(dump):
 @pytest.mark.slow
 def test_a_further_pass_fetches_what_has_changed_and_all_in_order_is_what_is_there(source, host):
     run(ROOT, "deploy-agent")
-    # An increment must be worth it.
+    # An increment must be much smaller than the archive, or none is made.
     write("/home/alice/a.test/large", os.urandom(400000))
     first, _ = fetched_pass()
     assert (first.root.get("version"), list(first.root.iter("increment"))) == ("2", [])
@@ -90,7 +90,7 @@ def test_a_further_pass_fetches_what_has_changed_and_all_in_order_is_what_is_the
     assert came - {"dump.xml"} == {file.replace(".tar", "=.2.tar"), file.replace(".tar", "=.2.gone")}
     unpack_in_order(last)
     arrived(*TREES, *FULL_TREES)
-    # Who does not ask gets whole archives.
+    # A caller that does not ask for increments gets whole archives.
     write("/home/alice/a.test/note", b"changed once more")
     whole = dumped(ROOT)
     assert list(whole.root.iter("increment")) == []
@@ -101,7 +101,7 @@ def test_a_further_pass_fetches_what_has_changed_and_all_in_order_is_what_is_the
 
 
 def check_description(shop, wiki):
-    """What a program that makes the databases anew reads besides the dumps."""
+    """Checks what a program reads, besides the dumps, to create the databases."""
     assert (shop.get("encoding"), shop.get("collation")) == ("utf8mb4", "utf8mb4_general_ci")
     assert (wiki.get("owner"), wiki.get("encoding"), wiki.get("collation"), wiki.get("provider")) == (
         "bob", "UTF8", "C.UTF-8", "libc")
@@ -135,7 +135,7 @@ def test_restored_databases_are_what_they_were(source, host):
         with restored(ARCHIVES, dump.files()) as second:
             assert mysql_state(second.mysql, "shop") == mysql_state(original.mysql, "shop")
             assert postgresql_state(second.postgresql, "wiki") == postgresql_state(original.postgresql, "wiki")
-            # The application finds its database with the password that it has.
+            # The application reaches its database with its old password.
             second.mysql.sql("SET PASSWORD FOR root@localhost = PASSWORD('x');")
             assert subprocess.run(
                 ["mariadb", "--no-defaults", f"--socket={second.mysql.socket}", "-u", "shop",

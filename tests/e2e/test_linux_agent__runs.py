@@ -1,4 +1,4 @@
-"""The agent "linux" through the tool: what it is asked for, what it shows, and runs that were stopped."""
+"""The agent "linux" through the tool: its requests, its status, and runs that were stopped."""
 import os
 import re
 import shutil
@@ -123,7 +123,7 @@ def test_the_lines_of_another_transport_are_never_stored(source, host):
 
 
 def test_no_password_of_a_database_is_in_an_argument_or_the_environment(source, host):
-    # What every process of the dump was started with, from the kernel's own record of it.
+    # The command line of every process of the dump, as the kernel recorded it.
     seen = "/mnt/seen"
     write("/mnt/programs/mariadb-dump", f"""#!/bin/sh
 tr '\\0' '\\n' < /proc/$$/cmdline >> {seen}; tr '\\0' '\\n' < /proc/$PPID/environ >> {seen}
@@ -138,7 +138,7 @@ exec /usr/bin/mariadb-dump "$@"
             env={"PATH": "/mnt/programs:/usr/sbin:/usr/bin:/sbin:/bin"})
         hashed = servers.mysql.sql("SELECT authentication_string FROM mysql.user WHERE User = 'shop';").strip()
     assert result.stderr == b""
-    # Not even what was made of it is in the description.
+    # Not even the hash of the password is in the description.
     assert len(hashed) == 41 and hashed not in read(f"{ROOT.agent_dir}/dump.xml")
     assert b"shop" in read(seen)
     for secret in DATABASE_SECRETS:
@@ -193,7 +193,7 @@ def test_a_dump_whose_caller_is_gone_ends_by_itself_and_counts_for_the_next(host
         gate.wait()
         gone.send(9)
         gone.finish()
-        # Nothing is disturbed meanwhile.
+        # A second run must not disturb the first.
         outcome = Destination(ROOT, agent="linux").run("dump-all")
         cause, = Session().messages()[-1][3]
         assert outcome.code == 2 and "Another dump is still running" in cause[2], cause
@@ -225,7 +225,7 @@ def test_a_migration_waits_for_the_dump_of_an_interrupted_run(host, number):
             kept = os.open(made, os.O_RDONLY)
             gate.open()
             assert again.finish() == 0, again.shown
-        # Packed once: what was fetched is this file, and not another one of its name.
+        # Packed once: what was fetched is this file itself, not another one of its name.
         fetched = made.replace(agent_dir, ARCHIVES)
         assert os.fstat(kept).st_nlink == 0
         with os.fdopen(kept, "rb") as archive:

@@ -1,4 +1,4 @@
-"""What can go wrong while the agent "linux" dumps: it is named, the rest is dumped, the documents are true."""
+"""Failures while the agent "linux" dumps: it names them, dumps the rest, and its documents are true."""
 import os
 import shutil
 import subprocess
@@ -13,7 +13,7 @@ from linux_host import databases, populate, populate_apache, web_host
 from source_services import add_user, fill_root, owned
 from world import PLAIN, die_with_parent, owner_and_mode, read, wait_until
 
-# The agent alone.
+# These tests run the agent alone, which is the same in every build.
 pytestmark = pytest.mark.release_only
 
 
@@ -109,7 +109,7 @@ def test_the_status_is_renewed_every_second_while_one_archive_is_made(agent):
 
 def test_a_full_disk_leaves_out_what_has_no_room_and_says_so(host):
     owner = add_user("alice")
-    # Nothing that could be compressed.
+    # Random bytes, which cannot be compressed.
     owned("/home/alice/shop/large", os.urandom(40 << 20), owner)
     os.makedirs(AGENT_DIR, exist_ok=True)
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=20m,mode=700", "small", AGENT_DIR], check=True)
@@ -122,7 +122,7 @@ def test_a_full_disk_leaves_out_what_has_no_room_and_says_so(host):
         unpack(f"{agent.directory}/content/sites/a.test.tar.gz")
         assert_same_tree("/home/alice/a.test", f"{STAGE}/home/alice/a.test")
         assert temporaries(agent) == []
-        # Once there is room the rest is made.
+        # Once there is room the agent makes the rest.
         subprocess.run(["mount", "-o", "remount,size=200m", AGENT_DIR], check=True)
         dump = finished(agent, agent.start("--migration-mode", "--dump-all"))
         assert dump.losses() == []
@@ -163,7 +163,7 @@ def test_a_database_server_that_is_down_is_named_and_the_rest_is_dumped(host, ag
 def test_a_database_server_that_ends_while_it_is_dumped_is_named(host, agent):
     populate_apache(host)
     with databases() as servers:
-        # The dump waits for this lock until the server is gone.
+        # The dump waits for this lock until the server has been killed.
         locked = subprocess.Popen(
             ["mariadb", "--no-defaults", f"--socket={servers.mysql.socket}", "-N", "--unbuffered", "shop"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, preexec_fn=die_with_parent)
@@ -239,7 +239,7 @@ def test_a_missing_document_root_is_named(host, agent):
     shutil.rmtree("/home/alice/shop")
     dump = finished(agent, agent.start("--migration-mode", "--dump-all"))
     assert any(name == "shop.a.test" and "/home/alice/shop" in text for name, text in dump.problems())
-    # Its configuration is there all the same.
+    # Its configuration was packed all the same.
     unpack(f"{agent.directory}/content/sites/shop.a.test.tar.gz")
     assert read(f"{STAGE}/etc/nginx/sites-available/shop.a.test") == read("/etc/nginx/sites-available/shop.a.test")
 

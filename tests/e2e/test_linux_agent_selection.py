@@ -10,16 +10,16 @@ from linux_host import databases, many_sites, populate, populate_apache, web_hos
 from source_services import add_crontab, add_user, fill_root
 from world import read, write
 
-# The agent alone.
+# These tests run the agent alone, which is the same in every build.
 pytestmark = pytest.mark.release_only
 
-# What there is: whose it is, and in which domain.
+# The objects of the host, with their owners and domains.
 CLIENTS = {"alice": "agency", "bob": None, "carol": "agency"}
 DOMAINS = {"a.test": "alice", "shop.a.test": "alice", "b.test": "bob", "c.test": "carol"}
 DATABASES = {"shop": ("alice", "shop.a.test"), "wiki": ("bob", "b.test")}
 MAILBOXES = {"info@a.test": ("alice", "a.test"), "bob": ("bob", None)}
 
-# Each list of names as it is given, with what it names.
+# Each list of names as an option gives it, with the objects that it names.
 LISTS = {
     "domains": ("a.test,b.test", {"a.test", "b.test"}),
     "clients": ("carol", {"carol"}),
@@ -42,7 +42,7 @@ def agent():
 
 
 def expected_objects(lists, only):
-    """{kind: names} that a dump of these lists has; None stands for all."""
+    """{kind: names} that a dump of these lists must have; None stands for all."""
     if lists is None:
         clients, domains = set(CLIENTS), set(DOMAINS)
     else:
@@ -75,7 +75,7 @@ def expected_files(objects, whole, only, options):
 
 
 def check(agent, lists, options):
-    """One dump, compared with what it must have."""
+    """Makes one dump, and compares it with what it must have."""
     only = next((option for option in options if option.startswith("--only")), None)
     arguments = list(options) + ["--include-app-distrib"]
     given = CONNECTION if "--content-transport=rsync" in options else b""
@@ -120,7 +120,7 @@ def combinations(*switches):
 @pytest.mark.parametrize("lists", SUBSETS, ids=["all" if subset is None else " and ".join(subset) or "none"
                                                 for subset in SUBSETS])
 def test_has_exactly_what_was_asked_for(agent, cases, lists):
-    # All of the switches go through scripts/full-sizes.
+    # scripts/full-sizes tests all of the switches.
     switches = SWITCHES if os.environ.get("EVERY_COMBINATION") else ["--no-content", "--server"]
     chosen = list(combinations(*switches))
     cases(len(chosen))
@@ -141,7 +141,7 @@ def test_keeps_its_memory_small_with_many_sites():
         for number in range(50):
             add_crontab(f"u{number:04d}", "0 0 * * * true\n")
         agent = Agent()
-        # That this process is large must not count.
+        # The size of this process must not count for its children.
         ballast = b"x" * (150 << 20)
         assert agent.peak_memory("--migration-mode", "--dump-all", "--no-compress") < 100 << 20
         assert len(ballast) == 150 << 20 and len(agent.content()) == 300 + 50 + 1

@@ -19,7 +19,7 @@ from world import ROOT, SESSION, read, write
 PROGRAMS = "/mnt/programs"
 STAGE = "/mnt/stage"
 PEAKS = "/mnt/peaks"
-# Every perl of the source host notes what the largest of its processes took.
+# Every perl of the source host records the memory of the largest of its processes.
 PERL = f"""#!/bin/sh
 exec /usr/bin/time -a -o {PEAKS} -f %M /usr/bin/perl "$@"
 """
@@ -43,7 +43,7 @@ SIZES = (Sizes(sites=1000, users=250, large_site=2 << 30, files=100_000, rows=1_
 
 @pytest.fixture
 def host():
-    """A web host whose files, archives and all that is made of them are on a disk, where there is one for it."""
+    """A web host whose files and archives are on a disk, if there is one for it."""
     storage = os.environ.get("FULL_SIZES")
     directories = [ROOT.home, SESSION, STAGE, "/mnt/mariadb", "/mnt/postgresql", "/mnt/second-mariadb",
                    "/mnt/second-postgresql"] if storage else []
@@ -71,7 +71,7 @@ def run(action):
 
 
 def migrate():
-    """Moves everything, never with much memory, and unpacks it; gives the dump."""
+    """Moves everything, checks that no process needs much memory, and unpacks it; returns the dump."""
     run("deploy-agent")
     run("dump-all")
     run("get-content")
@@ -81,7 +81,7 @@ def migrate():
     assert Session().messages("transfer.result") == []
     dump = Dump(Session().read("dump.xml"))
     assert dump.problems("error") == dump.problems("warning") == []
-    # A home comes after what lies in it, so that its own times are the last to be set.
+    # A home comes after what is in it, so that its own times are set last.
     for name in sorted(filter(lambda name: ".tar" in name, dump.files()), key=lambda name: "/clients/" in name):
         unpack(f"{SESSION}/archives/{name}", STAGE)
     return dump

@@ -20,7 +20,7 @@ SECRET = b"only for root and bob"
 
 @pytest.fixture
 def host():
-    """alice wants what belongs to root and bob."""
+    """A host on which alice attacks: she wants files of root and bob."""
     shutil.rmtree(STAGE, ignore_errors=True)
     with web_host() as found:
         populate(found)
@@ -41,13 +41,13 @@ def unpacked(agent):
 
 
 def files_with_secret():
-    """Paths in the stage that have the secret."""
+    """Paths among the unpacked files that have the secret."""
     result = subprocess.run(["grep", "-rlF", SECRET.decode(), STAGE], stdout=subprocess.PIPE, check=False)
     return sorted(os.path.relpath(path, STAGE) for path in result.stdout.decode().splitlines())
 
 
 def as_alice(agent, *steps):
-    """What a dump of alice's has, after shell commands of hers."""
+    """What a dump of alice's site has, after these shell commands of hers."""
     uid, gid = add_user("alice")
     subprocess.run(["sh", "-ec", "\n".join(steps)], check=True, user=uid, group=gid, extra_groups=[], cwd="/home/alice")
     dump = agent.dump("--dump-clients=-", given=b"alice")
@@ -118,7 +118,7 @@ def test_reads_nothing_of_others_when_links_are_put_in_the_way_while_it_packs(ho
         process = deployed.start("--migration-mode", "--dump-domains=-", given=b"app.test",
                                  environment={"PATH": gate.path})
         gate.wait()
-        # tar is not begun yet, and all that is packed has been looked at.
+        # tar has not started yet, and the agent has inspected everything that it packs.
         subprocess.run(["sh", "-ec", "\n".join(steps)], check=True, user=alice[0], group=alice[1], extra_groups=[])
         gate.open()
         _, stderr = process.communicate(timeout=60)
@@ -131,7 +131,8 @@ def test_reads_nothing_of_others_when_links_are_put_in_the_way_while_it_packs(ho
 
 
 def test_a_further_name_of_a_file_that_its_owner_alone_may_read_is_left_out(agent):
-    # On some kernels any account can give one. Here root does, on the file system of the homes.
+    # On some kernels any account can make a hard link to a file of another. Here root makes it, on the file system
+    # of the homes.
     write("/home/root only/key", SECRET, 0o600)
     os.chmod("/home/root only", 0o700)
     os.link("/home/root only/key", "/home/alice/shop/mine")
@@ -162,7 +163,7 @@ def test_settings_of_an_owner_give_him_no_database_of_others(host, agent):
     with databases() as servers:
         servers.mysql.sql("CREATE DATABASE others; CREATE USER 'bob'@'localhost' IDENTIFIED BY 'bobs';"
                           "GRANT ALL ON others.* TO 'bob'@'localhost';")
-        # A guessed password, the database of another account, and a login of his own.
+        # A guessed password, the database of another account, and a database login of his own.
         for number, (name, user, word) in enumerate([("others", "bob", "guessed"), ("others", "shop", "shop-passphrase"),
                                                      ("mysql", "root", "")]):
             owned(f"/home/alice/shop/{number}/wp-config.php", WORDPRESS_LIKE.replace("'shop' ", f"'{name}' ", 1).replace(
@@ -199,5 +200,5 @@ def test_writes_through_no_link_in_a_folder_of_another_account():
                            group=alice[1], extra_groups=[])
         result = deployed.run("--migration-mode", "--dump-all")
         assert not os.path.exists("/srv/written")
-        # What cannot be done safely is not done.
+        # The agent refuses what it cannot do safely.
         assert result.returncode == 1 and result.stderr

@@ -1,4 +1,4 @@
-"""The scout: what it says of a web host, by itself and through the tool."""
+"""The scout: what it reports about a web host, by itself and through the tool."""
 import contextlib
 import os
 import resource
@@ -25,7 +25,7 @@ def host():
 
 
 def look(user=0, environment=None):
-    """The scout's document, after a run as the tool runs it."""
+    """Runs the scout as the tool runs it; returns its document."""
     with open(f"{DTM}/scout.pl", "rb") as script:
         result = subprocess.run(
             ["perl"], stdin=script, capture_output=True, cwd="/", user=user, group=user, extra_groups=[], check=False,
@@ -36,7 +36,7 @@ def look(user=0, environment=None):
 
 @contextlib.contextmanager
 def less_than_five_seconds():
-    """Of processor time, which is what it takes on a host that has nothing else to do."""
+    """Checks the processor time, which is what the scout takes on an idle host."""
     before = resource.getrusage(resource.RUSAGE_CHILDREN)
     yield
     after = resource.getrusage(resource.RUSAGE_CHILDREN)
@@ -71,7 +71,7 @@ def test_tells_what_there_is(source, host, login):
     assert document.find("login").get("uid") == ("0" if is_root else "20001")
     if is_root:
         assert counts(document) == {"alice": (2, 0, 1, 1), "bob": (1, 0, 1, 0)}
-        # The settings of that site name a database, and the host has no server.
+        # The settings of that site name a database, and the host has no database server.
         assert set(findings(document, "error")) == {"shop.a.test"}
         assert findings(document, "warning") == {}
         assert document.find("needs").get("complete") == "yes"
@@ -147,7 +147,7 @@ def test_names_a_configuration_that_is_broken_and_tells_the_rest(host):
 
 @pytest.mark.release_only
 def test_finds_that_a_needed_program_is_missing(host):
-    # No file that can be run is there, wherever one looks for it.
+    # No path leads to an executable tar any more.
     subprocess.run(["mount", "--bind", "/dev/null", "/usr/bin/tar"], check=True)
     try:
         assert findings(look(), "error") == {"tar": "No archives can be made without tar: install it"}

@@ -1,4 +1,4 @@
-"""The agent "linux": what its dump says of a site is what the real nginx and the real Apache do with it."""
+"""The agent "linux": what its dump says about a site is what the real nginx and the real Apache do with it."""
 import os
 import shutil
 import socket
@@ -86,7 +86,7 @@ APACHE_MODULES = ["ssl.load", "ssl.conf", "socache_shmcb.load"]
 
 
 def lay_out():
-    """What the sites serve, whatever the server."""
+    """Makes what the sites serve, the same for both servers."""
     alice = add_user("alice")
     fill_root(PAGE, alice, {"index.html": "page", "closed/index.html": "closed", "login/index.html": "login"})
     fill_root(MEDIA, alice, {"picture": "picture"})
@@ -101,7 +101,7 @@ def lay_out():
 @pytest.fixture(params=["nginx", "apache"])
 def server(request):
     shutil.rmtree(STAGE, ignore_errors=True)
-    # The pools of the machine, if it has PHP, are not this host's.
+    # If the machine has PHP, its pools do not belong to this host.
     take_away("php")
     with web_host() as host:
         lay_out()
@@ -166,11 +166,11 @@ def test_the_dump_says_of_a_site_what_the_real_server_does(server):
 
     php = site.find("php")
     assert (php.get("handler"), php.get("version"), php.get("user"), php.get("file")) == ("fpm", "8.9", "alice", POOL)
-    # What an administrator sets in the pool cannot be changed by the site.
+    # A site cannot change what an administrator sets in the pool.
     assert {setting.get("name"): setting.text for setting in php.iter("setting")} == {
         "memory_limit": "64M", "upload_max_filesize": "5M", "short_open_tag": "on"}
 
-    # What is packed: every file that has to do with it, and the links on the way.
+    # What must be packed: every file that belongs to the configuration, and the links on the way.
     for name in dump.files():
         unpack(f"{agent.directory}/{name}")
     packed = {os.path.relpath(os.path.join(parent, name), STAGE) for parent, _, names in os.walk(STAGE) for name in names}
@@ -178,6 +178,6 @@ def test_the_dump_says_of_a_site_what_the_real_server_does(server):
     for path in (*(config.text for config in site.iter("config")), tls.get("certificate"), tls.get("key"),
                  os.path.realpath(tls.get("key")), POOL, "/etc/sites/password", f"{PAGE}/index.html", f"{MEDIA}/picture"):
         assert path[1:] in packed, path
-    # Apache's also has the file of the host that lets it serve what is in homes.
+    # For Apache also the host's file that lets it serve homes.
     configured = [config.text for config in site.iter("config") if not config.text.endswith("/zz-served.conf")]
     assert len(configured) == 4 and POOL in configured, configured

@@ -1,4 +1,4 @@
-"""What becomes of a run when the destination's own directories or accounts fail it."""
+"""What a run does when directories or accounts of the destination itself fail."""
 import os
 import subprocess
 
@@ -117,7 +117,7 @@ def test_status_that_cannot_be_moved_into_its_place_ends_the_run(job):
     else:
         outcome = job.start().finish(20)
     left_over, = temporaries(SESSION)
-    # What the run had to say is all in it, for the service account.
+    # The temporary file is complete, and belongs to the service account.
     assert owner_and_mode(left_over) == (20000, 20000, 0o600)
     text = f"Cannot rename {left_over} to /mnt/session/migration.status: Is a directory"
     assert (outcome.code, outcome.stderr) == (2, text.encode())

@@ -1,4 +1,4 @@
-"""What becomes of a run when the destination's own disk is full."""
+"""What a run does when the destination's own disk is full."""
 import dataclasses
 import os
 import shutil
@@ -20,11 +20,11 @@ pytestmark = pytest.mark.matrix("local")
 
 
 def run_with_more_and_more_room(job, options_for, most):
-    """Runs on file systems of growing size, until one will do; returns how many would not."""
+    """Runs on file systems of growing size until one is large enough; returns how many were not."""
     failed = 0
     for amount in range(most):
         mount(SESSION, options_for(amount))
-        # What a file takes that is not there for the run.
+        # This file takes room that the run does not have.
         write(f"{SESSION}/filler", b"x" * PAGE)
         outcome = job.run()
         job.check(outcome)
@@ -49,7 +49,7 @@ def test_session_on_a_full_disk_fails_until_all_has_room(cases, job):
 
 @each_job
 def test_session_without_inodes_fails_until_all_have_one(cases, job):
-    # One is the directory's and one the filler's.
+    # One inode belongs to the directory and one to the filler.
     failed = run_with_more_and_more_room(job, lambda number: f"size=10m,nr_inodes={number + 2}", 20)
     assert failed >= 3
     cases(failed)
@@ -111,7 +111,7 @@ def test_document_that_finds_no_room_at_a_byte_is_told(preload, cases, document)
 
 
 def with_full_stream(number):
-    """What gives the tool a standard stream into which nothing goes."""
+    """The words in front of the tool's command that make a standard stream a full device."""
     return ["sh", "-c", f'exec "$@" {number}>/dev/full', "sh", BINARY]
 
 
@@ -133,7 +133,7 @@ def test_stop_whose_text_cannot_be_written_is_still_a_clean_stop():
 @pytest.mark.parametrize("script, code", [("exit 0", 0), ("exit 3", 2)], ids=["success", "failure"])
 def test_error_output_that_is_full_changes_no_exit_code(script, code):
     write(f"{DTM}/scout.pl", script)
-    # A verbose run writes its log there too.
+    # A verbose run writes its log to standard error, too.
     assert Destination(ROOT).run("send-scout", "--verbose", through=with_full_stream(2)).code == code
     assert Session().log().endswith(f"Exit code: {code}\n")
     assert Session().result()[1] == [("status", "error" if code else "success")]
@@ -144,14 +144,14 @@ def test_document_on_a_full_device_is_told(document):
     job, name, _, told = DOCUMENTS[document]
     full_device(name)
     outcome = job.run()
-    # A document that is replaced has nothing to do with what was in its place.
+    # A document that is replaced does not depend on what was in its place.
     replaced = name in ("migration.status", "migration.result")
     if replaced or not told:
         assert outcome.code == 0
         job.check_done()
         assert stat.S_ISCHR(os.lstat(Session().file(name)).st_mode) is not replaced
     else:
-        # A device is no place for content.
+        # The tool does not write content into a device.
         assert (outcome.code, innermost(job.result)) == (
             2, "CantRetrieveContentFile" if name.startswith("archives") else told)
         assert temporaries(SESSION) == []

@@ -1,4 +1,4 @@
-"""What becomes of a run whose connection is lost, or whose server falls silent."""
+"""What a run does when its connection is lost, or its server falls silent."""
 import re
 import signal
 import threading
@@ -16,7 +16,7 @@ from world import DTM, PLAIN, ROOT, write
 LOST = "Lost connection with the remote host"
 CREDENTIALS = "Unable to connect to host 127.0.0.1: you have specified incorrect username or password"
 MIB = 1 << 20
-# What the tool may take to notice, on a busy machine too: its limits are two minutes, or none.
+# The most time that the tool may take to notice, also on a busy machine: its own limits are two minutes, or none.
 LIMIT_SECONDS = 10
 
 
@@ -26,7 +26,7 @@ def scout():
 
 
 class Timed:
-    """Does something to a connection and keeps the time when it was last done."""
+    """Does something to a connection, and records the time when it did so last."""
 
     def __init__(self, action):
         self._action = action
@@ -38,7 +38,7 @@ class Timed:
 
 
 def run_until_lost(timed, script, action="send-scout", destination=None):
-    """The outcome of a run, which must come within the limit after the connection is lost."""
+    """The outcome of a run, which must end within the limit after the connection was lost."""
     with ScriptedServer(script):
         outcome = (destination or Destination(PLAIN)).run(action)
         ended = time.monotonic()
@@ -60,8 +60,8 @@ def test_loss_in_the_handshake_is_a_session_that_does_not_start(way, point):
     assert [message[0] for message in Session().messages()] == ["UnableToStartSshSession"]
 
 
-# A login that fails because the connection does is told like one that is refused: the
-# methods are tried one after the other, whatever became of the one before.
+# A login that fails with its connection is reported like one that is refused: the methods are tried one after the
+# other, whatever happened to the one before.
 @ways
 @pytest.mark.parametrize("point, methods, code, text", [
     ("userauth none", "password", 2, "Invalid handle passed"),
@@ -132,7 +132,7 @@ def test_loss_while_a_command_runs_ends_with_18(way, stage):
 
 
 def test_reset_behind_output_that_was_not_read_yet_ends_with_18():
-    """While the tool sends its input: what it can still read does not hide that it cannot write."""
+    """The tool is sending its input: output that it can still read must not hide that it cannot write."""
     def answer(command):
         command.take_input(MIB)
         assert began.wait(60)
@@ -214,7 +214,7 @@ def test_farewell_to_a_silent_server_takes_no_longer_than_its_limit():
         command.say(b"x")
 
     taken, asked = threading.Event(), threading.Event()
-    # The server takes note of the end and says nothing to it.
+    # The server receives the close message and does not answer it.
     with ScriptedServer(Script(answer=answer, at={"channel-close": mute})) as server:
         running = Destination(PLAIN).start("send-scout")
         assert taken.wait(60)
@@ -247,5 +247,5 @@ def test_server_that_falls_silent_before_the_login_is_done_is_given_up(fast_cloc
         took = time.monotonic() - begin
     assert outcome.code == code and re.fullmatch(text, outcome.stderr.decode(), re.DOTALL), outcome
     assert len(server.connections) == connections
-    # 120 s for each connection, a hundredth of it here, and what the run takes without waiting.
+    # 120 s for each connection, of which a hundredth passes here, and the time of the run itself.
     assert 1.1 * connections < took < 1.3 * connections + LIMIT_SECONDS

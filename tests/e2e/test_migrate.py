@@ -24,7 +24,7 @@ def archives():
 
 
 def gated_source():
-    """A source host whose `cat` waits at gates where it reads a file; uploads go straight on."""
+    """A source host whose `cat` waits at gates when it reads a file; uploads do not wait."""
     host = gated_host()
     interpreter, rest = CAT.split("\n", 1)
     write(f"{PROGRAMS}/cat", f"{interpreter}\n[ $# -gt 0 ] || exec /bin/cat\n{rest}", mode=0o755)
@@ -41,10 +41,10 @@ def child_of(running):
 
 
 def send_through(running, number):
-    """Sends a signal, and waits until sondrel has taken it."""
+    """Sends a signal, and waits until sondrel has received it."""
     waits = int(status_field(running.pid, "voluntary_ctxt_switches"))
     running.send(number)
-    # It waits again: it has passed the signal on.
+    # When it waits again, it has passed the signal on.
     wait_until(lambda: int(status_field(running.pid, "voluntary_ctxt_switches")) > waits, "the signal to be passed on")
     pending = 1 << (number - 1)
     wait_until(lambda: not int(status_field(child_of(running), "ShdPnd"), 16) & pending, "sondrel to take the signal")
@@ -139,7 +139,7 @@ def test_goes_on_at_the_step_that_failed(source):
 
 
 def test_says_how_an_agent_that_is_gone_is_copied_again(source):
-    """As with a directory in the memory of a host that was restarted."""
+    """For example after a restart of a host where the directory was in memory."""
     assert migrate(*in_place(ROOT, "--dump-all", "--keep-agent")).code == 0
     shutil.rmtree(f"{ROOT.home}/{State().agent_directory}")
     outcome = migrate(f"--session-path={SESSION}", "--from=dump")
@@ -174,7 +174,7 @@ def test_makes_steps_again_from_the_one_that_is_named(source):
     assert migrate(*in_place(ROOT, "--dump-all")).code == 0
     write(f"{SOURCE_TREE}/domains/new.test/web/index", "new")
     before = len(source.lines())
-    # The agent is gone: the dump needs it.
+    # The agent has been removed, and the dump needs it.
     outcome = migrate(f"--session-path={SESSION}", "--from=dump", "--dump-all=no", "--domains=new.test")
     assert (outcome.code, outcome.stderr) == (0, b""), outcome
     assert not any(line.endswith(r"perl") for line in source.lines()[before:])
@@ -250,13 +250,13 @@ def test_sondrel_does_not_outlive_it_and_the_next_run_goes_on():
     assert (again.code, archives()) == (0, PAGES)
 
 
-# Where a step is interrupted: the gate, and where the agent's own script has it, its place there.
+# Where each step is interrupted: the gate, or the place in the agent's own script.
 INTERRUPTED = {"scout": "scout", "deploy": "upload", "dump": "dumping", "content": "amid cat index",
                "remove": "before rm -rf"}
 
 
 def interrupted_source():
-    """A source host and an agent on which every step comes to a gate of its own."""
+    """A source host and an agent on which every step reaches a gate of its own."""
     host = gated_host()
     wait = write("/mnt/bin/wait-at", f'#!/bin/sh\n{WAIT}\ngate "$1"\n', mode=0o755)
     cat = read(f"{PROGRAMS}/cat").decode().split("\n", 1)[1]
@@ -269,19 +269,19 @@ def interrupted_source():
 
 
 def end_connections(host):
-    """The server's processes for connections vanish, as with the machine's network."""
+    """Kills the server's processes for connections, as when the machine loses its network."""
     for pid in host.connections():
         os.kill(pid, signal.SIGKILL)
 
 
-# The gates stand before the commands of single files.
+# The gates are in the commands for single files.
 SINGLE_FILES = {"SONDREL_CONTENT_BATCH": "no", "SONDREL_DEPLOY_BATCH": "no"}
 
 INTERRUPTIONS = {
     "Ctrl-C": (lambda running, host: running.send(signal.SIGINT), {128 + signal.SIGINT}, "stopped"),
     "SIGTERM": (lambda running, host: running.send(signal.SIGTERM), {128 + signal.SIGTERM}, "stopped"),
     "kill": (lambda running, host: running.send(signal.SIGKILL), {-signal.SIGKILL}, "running"),
-    # What of the connection is lost first decides between these two.
+    # Which part of the connection is lost first decides between these two.
     "connection": (lambda running, host: end_connections(host), {2, 18}, "failed"),
 }
 
@@ -289,7 +289,7 @@ INTERRUPTIONS = {
 @pytest.mark.slow
 @pytest.mark.parametrize("step", INTERRUPTED)
 def test_the_same_command_goes_on_after_every_interruption(step, cases):
-    """What was begun on the source host still runs there when the second run begins."""
+    """The command on the source host still runs there when the second run begins."""
     with interrupted_source() as host:
         for name, (interrupt, codes, state) in INTERRUPTIONS.items():
             shutil.rmtree(SESSION, ignore_errors=True)
@@ -315,7 +315,7 @@ def test_status_shows_a_migration_at_work_and_its_end():
         gate = Gate("amid cat large")
         running = start(*in_place(ROOT, "--dump-all"), environment=SINGLE_FILES)
         gate.reached()
-        # Half of it was sent; how much of that has come is not known.
+        # Half of it was sent; how much of that has arrived is unknown.
         shown = wait_until(lambda: " of 4.0 MB (" in status()["content"] and status(), "progress to show")
         assert shown["host"] == HOST
         assert shown["agent"] == f"sample in {ROOT.home}/{State().agent_directory}"
@@ -339,7 +339,7 @@ def test_progress_counts_what_is_listed_and_not_what_it_takes_unpacked():
         gates[1].reached()
         gates[1].open()
         gates[0].reached()
-        # The three files before it have come.
+        # The three files before it have arrived.
         assert "2 of 5 files left, 11 B of 4.0 MB (0 %)" in status()["content"]
         last = Gate("before cat dump.xml")
         gates[0].open()

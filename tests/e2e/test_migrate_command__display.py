@@ -10,7 +10,7 @@ from migrating import IMITATION, migrate, status
 from terminal import Terminal
 from world import SESSION, TESTS, read, wait_until, write
 
-# What is listed has a third of the size that the unpacked content has.
+# The listed size is a third of the unpacked size.
 TRANSFER = ('<migration-status><pid>1</pid><transfer speed="1000000"><host>h</host><files total="10" left="7" '
             'size-total="12000000" size-left="11000000" listed-total="4000000" listed-left="3000000"><current-file size="9" size-left="9">{name}</current-file>'
             "</files></transfer></migration-status>")
@@ -18,7 +18,7 @@ DUMPING = '<dumping-status version="1" stage="content" done="2" total="5" bytes=
 
 
 def held_at(imitated, step, name, text):
-    """The imitated step leaves this document and waits for `go`."""
+    """The imitated step writes this document and waits for `go`."""
     write(f"{IMITATION}/document", text)
     imitated.does(step, f"cp {IMITATION}/document {SESSION}/{name}\n"
                         f"while [ ! -e {IMITATION}/go ]; do sleep 0.01; done")
@@ -40,7 +40,7 @@ def test_shows_progress_on_a_terminal(imitated, step):
         assert status()[step].endswith(": " + expected.decode().partition(": ")[2])
         write(f"{IMITATION}/go")
         assert terminal.finish() == 0
-        # The line is gone where the next one begins.
+        # The progress line is erased before the next line begins.
         assert re.search(rb"\r\x1b\[K" + step.encode() + rb": done in 0:0\d\r\n", terminal.shown), terminal.shown
 
 
@@ -111,7 +111,7 @@ def test_counts_the_problems_of_the_content(imitated):
 
 
 def dump_with(problems):
-    """A script that leaves such a dump.xml; [(severity, object, text)]"""
+    """A script that writes such a dump.xml; [(severity, object, text)]"""
     listed = "".join(f'<problem severity="{severity}" object="{about}">{text}</problem>'
                      for severity, about, text in problems)
     write(f"{IMITATION}/dump.xml", f'<dump version="2"><later><problem/></later><problems>{listed}</problems></dump>')
@@ -119,7 +119,7 @@ def dump_with(problems):
 
 
 def ends_of(imitated, *more):
-    """What two runs say behind the removal, the second finding nothing to do."""
+    """What two runs print after the removal; the second finds nothing to do."""
     first = imitated.run(*ALL, *more).stdout.decode().partition("remove: done")[2].splitlines()[1:]
     second = imitated.run(*ALL, *more, password=None).stdout.decode().splitlines()
     assert [line.removeprefix("Finished already.") for line in second] == [

@@ -1,4 +1,4 @@
-"""sondrel-migrate with an imitated sondrel: a dump or a run that an earlier one left at work."""
+"""sondrel-migrate with an imitated sondrel: a dump or a run of an earlier call that still runs."""
 import os
 import signal
 
@@ -17,7 +17,7 @@ REFUSED = RESULT % ("stderr messages: Another dump is still running in this dire
 
 
 def refused_until(condition, result="migration.result"):
-    """An agent lets no dump in until the condition, in shell, is true."""
+    """An agent refuses a dump until the condition, in shell, is true."""
     return f"{condition} && exit 0\n{REFUSED % result}"
 
 
@@ -32,13 +32,13 @@ WAITING = "{0}: a dump that an earlier run started is still at work on src.examp
 @pytest.mark.parametrize("step, result", [("dump", "migration.result"), ("content", "transfer.result")])
 @pytest.mark.parametrize("end", ["finished", "failed"])
 def test_waits_for_an_earlier_dump_and_goes_on_with_it(imitated, step, result, end):
-    """The agent still refuses the step when its status says the end for the first time."""
+    """The agent still refuses the step when its status first says that the dump has ended."""
     imitated.does(step, refused_until(f"[ $(ls -d {IMITATION}/runs/*.status | wc -l) -ge 2 ]", result))
     imitated.does("status", f"[ -d {IMITATION}/runs/*.remove ] || printf '%s' '{standing(end, 5)}'")
     outcome = imitated.run(*SUDO_ALL, login=SUDOER)
     assert (outcome.code, outcome.stderr) == (0, b""), outcome
     before = STEPS[:STEPS.index(step)]
-    # The last one sees whether the agent is gone.
+    # The last query checks whether the agent has been removed.
     assert imitated.all_runs() == [*before, step, "status", step, "status", *STEPS[len(before):], "status"]
     assert outcome.stdout.decode().count(WAITING.format(step)) == 1
     assert imitated.arguments_of_status() == [f"--session-path={SESSION}", "--host=src.example", "--login=sudoer", "--sudo-password",
@@ -62,7 +62,7 @@ def test_shows_how_far_the_dump_is_that_it_waits_for(imitated):
 
 @pytest.mark.slow
 def test_asks_the_agent_again_when_the_status_of_a_dump_stays_as_it_was(imitated):
-    """As after kill -9, or when the host was restarted after the refusal."""
+    """As after kill -9, or when the host restarts after the refusal."""
     imitated.does("dump", refused_until(f"[ $(ls -d {IMITATION}/runs/*.dump | wc -l) -ge 2 ]"))
     imitated.does("status", f"[ -d {IMITATION}/runs/*.remove ] || printf '%s' '{standing('content', 2)}'")
     outcome = imitated.run(*ALL)
@@ -118,7 +118,7 @@ def test_what_sondrel_says_of_a_dump_is_seen_as_it_comes_with_verbose(imitated):
 
 
 def orphaned(imitated, after):
-    """The run is killed, and its sondrel goes on, without minding a signal, until `after` is there."""
+    """Kills a run whose sondrel goes on, ignoring signals, until the file `after` exists."""
     deaf = f"{IMITATION}/deaf"
     imitated.does("dump", f"trap '' TERM; touch {deaf}; while [ ! -e {after} ]; do sleep 0.01; done")
     running = imitated.start(*ALL)

@@ -73,7 +73,7 @@ WANTED = {
 
 
 def wants(variable, reason):
-    """Lines of shell: a step that fails, and says why, unless it has the variable."""
+    """Lines of shell: a step that fails with the reason unless it has the variable."""
     error = f"Unable to connect to host src.example: {reason}"
     return (f'[ -n "${variable}" ] || {{ cat > {SESSION}/migration.result << end\n<?xml version="1.0"?>\n'
             '<execution-result status="error"><message code="SshIdentityRejected" id="1" severity="error">'
@@ -126,7 +126,7 @@ def test_an_empty_password_for_sudo_is_one(imitated):
 
 @pytest.mark.parametrize("number", [3, 4, 99])
 def test_says_that_a_descriptor_is_not_open(imitated, number):
-    """Those that it has opened itself, such as the lock, hold no password."""
+    """Descriptors that it opened itself, such as the lock's, are no source of passwords."""
     outcome = imitated.run(*ALL, f"--password-fd={number}", password=None)
     assert complaint(outcome) == "the descriptor for the password of root@src.example is not open"
     assert imitated.runs() == []

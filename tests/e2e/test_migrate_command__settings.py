@@ -15,7 +15,7 @@ from world import SESSION, owner_and_mode, read, write
 
 @pytest.fixture
 def unequal_numbers():
-    """The account's number is that of the group `users`, to which ordinary accounts belong."""
+    """Makes the account's number that of the group `users`, to which ordinary accounts belong."""
     kept = {path: read(path) for path in ("/etc/passwd", "/etc/group")}
     write("/etc/passwd", kept["/etc/passwd"].replace(b"qrvadm:x:20000:20000:", b"qrvadm:x:100:101:"))
     groups = re.sub(rb"^(\w+:x:10[01]|users):.*\n", b"", kept["/etc/group"].replace(b"qrvadm:x:20000:", b""),
@@ -37,7 +37,7 @@ def may_be_read_by_users(path):
 
 
 def test_fetches_nothing_into_a_directory_that_a_foreign_group_may_enter(imitated, unequal_numbers):
-    # As sondrel fetches content.
+    # Content as sondrel fetches it.
     imitated.does("content", f"echo key > {SESSION}/archives/key")
     outcome = imitated.run(*ALL)
     said = outcome.stderr.decode().splitlines()
@@ -61,7 +61,7 @@ def test_a_directory_above_may_keep_a_foreign_group_out(imitated, unequal_number
     assert (outcome.code, outcome.stderr.decode().splitlines()) == (0, [FOREIGN])
     os.chmod("/mnt/closed", 0o711)
     assert imitated.run("--session-path=/mnt/closed/session", "--from=scout").code == 1
-    # What lets the group in may be an access list.
+    # An access list may let the group in, too.
     os.chmod("/mnt/closed", 0o700)
     subprocess.run(["setfacl", "-m", "g:users:x", "/mnt/closed"], check=True)
     assert imitated.run("--session-path=/mnt/closed/session", "--from=scout").code == 1
@@ -190,7 +190,7 @@ def test_a_finished_migration_tells_what_can_be_done_with_the_agent_that_is_kept
     assert last.code == 0 and told not in last.stdout.decode()
     assert imitated.runs() == [*STEPS[:4], "dump", "content", "remove"]
     assert status()["state"] == "finished"
-    # What comes after needs an agent again, and is final as well.
+    # The later steps need an agent again, and this run is final as well.
     assert imitated.run("--from=dump", SESSION).code == 0
     assert imitated.runs()[7:] == STEPS[1:]
 
@@ -225,7 +225,7 @@ def test_going_back_to_the_removal_removes_an_agent_that_was_kept(imitated):
     imitated.does("remove", "exit 2")
     assert imitated.run(f"--session-path={SESSION}", "--from=remove").code == 2
     os.unlink(f"{IMITATION}/remove")
-    # It is still wanted when the removal has failed.
+    # The removal is still requested after it has failed.
     assert imitated.run(f"--session-path={SESSION}").code == 0
     assert imitated.runs() == [*STEPS[:4], "remove", "remove"]
     assert status()["state"] == "finished"
@@ -233,7 +233,7 @@ def test_going_back_to_the_removal_removes_an_agent_that_was_kept(imitated):
 
 @pytest.mark.parametrize("code", [11, 18])
 def test_a_removal_that_cannot_be_seen_to_be_done_is_not_done(imitated, code):
-    """sondrel itself ends with 0 when it loses the connection there."""
+    """sondrel itself ends with 0 when it loses the connection during a removal."""
     imitated.does("status", f"printf 'gone' >&2; exit {code}")
     outcome = imitated.run(*ALL)
     assert (outcome.code, outcome.stderr.decode().splitlines()[0]) == (code, "gone")
@@ -249,7 +249,7 @@ def test_an_agent_that_is_still_there_was_not_removed(imitated):
     reason = f"/root/{State().agent_directory} is still there on src.example"
     assert (outcome.code, outcome.stderr.decode().splitlines()[0]) == (2, reason)
     assert State().steps["remove"].text == reason
-    # With sudo it says so by its failure that there is nothing any more, and a log says nothing of it.
+    # With sudo a failure means that nothing is left there; lines of a log do not change that.
     imitated.does("status", "echo 'INFO k.log: log'; printf 'Error during getting dumping status' >&2; exit 2")
     outcome = imitated.run(f"--session-path={SESSION}")
     assert (outcome.code, outcome.stderr) == (0, b"")

@@ -1,4 +1,4 @@
-"""sondrel-migrate with an imitated sondrel: what each step is given, and what comes of it."""
+"""sondrel-migrate with an imitated sondrel: the input of each step, and its results."""
 import ctypes
 import os
 import re
@@ -72,7 +72,7 @@ def test_gives_sondrel_nothing_to_read_and_no_descriptor_but_the_lock(imitated):
 
 def check_descriptors(imitated):
     targets = dict(re.findall(r" (\d+) -> (\S+)", imitated.kept(0, "descriptors").decode()))
-    # 255 is the imitation's own script.
+    # 255 is the script of the imitation itself.
     assert set(targets) - {"255"} == {"0", "1", "2", "3"}
     assert os.path.basename(targets["0"]) == "null"
     assert targets["3"] == f"{SESSION}/migrate/lock"
@@ -192,7 +192,7 @@ def test_takes_nothing_but_the_text_of_a_stop_for_one(imitated, case):
 @pytest.mark.release_only
 def test_a_failure_while_it_starts_sondrel_leaves_none_behind(imitated, preload):  # noqa: F811
     fault = Fault(preload, "setfl", 1)
-    # What is left without a parent becomes this process's.
+    # A process without a parent becomes a child of this one.
     assert ctypes.CDLL(None).prctl(36, 1) == 0  # PR_SET_CHILD_SUBREAPER
     try:
         outcome = imitated.run(*ALL, environment=fault.environment)
@@ -206,7 +206,7 @@ def test_a_failure_while_it_starts_sondrel_leaves_none_behind(imitated, preload)
 
 
 def test_a_request_between_steps_lets_the_next_one_wait(imitated):
-    # It comes while the step ends well, and so late that sondrel no longer minds.
+    # The signal arrives while the step succeeds, so late that sondrel ignores it.
     imitated.does("deploy", "trap '' USR1; kill -USR1 $PPID; sleep 0.1")
     outcome = imitated.run(*ALL)
     assert outcome.code == 3
@@ -232,11 +232,11 @@ def test_signals_that_its_caller_holds_back_come_through(imitated):
 
 
 def test_waits_without_using_the_processor(imitated):
-    # Its outputs have ended long before it does.
+    # Its outputs are closed long before it ends.
     imitated.does("deploy", "exec >&- 2>&-; sleep 2")
     outcome = imitated.run(*ALL, through=("/usr/bin/time", "-f", "%U %S", "-o", "/mnt/time", imitated.program))
     assert outcome.code == 0 and imitated.runs() == STEPS
-    # Half of it is more than the sanitizers need.
+    # Half of this time is more than the sanitizers need.
     assert sum(map(float, read("/mnt/time").split())) < 1
 
 

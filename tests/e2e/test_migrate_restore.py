@@ -82,7 +82,7 @@ def test_needed_decisions_are_told_from_failures(imitated, step):
     ("plan", b"The restore failed: nginx: broken"), ("apply", b"The restore failed: nginx: broken"),
     ("verify", b"What is here is not what was fetched: sondrel-restore verify names the differences")])
 def test_a_failure_of_the_restore_ends_the_run_and_is_tried_again(imitated, step, reason):
-    """What differs is applied again, and not only compared."""
+    """Differences are applied again, not only compared."""
     imitated.does(step, "printf 'first\\nnginx: broken\\n' >&2; exit 1")
     outcome = imitated.run(*ALL, "--restore")
     assert outcome.code == 6 and outcome.stderr.startswith(b"first\nnginx: broken\n" + reason), outcome
