@@ -1,4 +1,4 @@
-"""What the network does to a run of --get-content, at each of its steps."""
+"""Network faults in a run of --get-content, at each of its steps."""
 import signal
 import time
 
@@ -16,7 +16,8 @@ from world import processor_ticks
 
 pytestmark = pytest.mark.matrix("network")
 
-# From the fault to the end of the run, on a busy machine too: no time limit of the program is as short.
+# The most time from the fault to the end of the run, also on a busy machine: no time limit of the program is as
+# short.
 LIMIT_SECONDS = 10
 
 
@@ -28,12 +29,12 @@ def source():
 
 
 def each(table):
-    """What ends at one of the early points has no content to compare with its list."""
+    """A run that ends at one of the early points has no content to compare with its list."""
     return each_way("point", table, LATE)
 
 
 def check_idle(running):
-    """It does not busy itself while it waits; a tick is 10 ms."""
+    """Checks that the tool uses no processor time while it waits; a tick is 10 ms."""
     before = processor_ticks(running.pid)
     time.sleep(0.3)
     assert not running.ended()
@@ -41,7 +42,7 @@ def check_idle(running):
 
 
 def check_stalled(running):
-    """It waits idly, and SIGTERM ends it at once."""
+    """Checks that the tool waits idly, and that SIGTERM ends it at once."""
     check_idle(running)
     begin = time.monotonic()
     running.send(signal.SIGTERM)
@@ -64,17 +65,17 @@ def test_lost_connection_is_noticed_at_once(source, content_verify, way, point):
     check_next_run(source)
 
 
-# A session that does not start is tried once more; with a key exchange that this server does not know.
+# A session that does not start is tried once more, with a key exchange that this server does not know.
 @pytest.mark.parametrize("point, connections, stalls", zip(EARLY.values(), (2, 2, 1), (2, 1, 1)), ids=EARLY)
 def test_stall_before_the_login_is_done_ends_by_its_limit(source, fast_clock, point, connections, stalls):
     begin = time.monotonic()
     with struck_run(stall, point, environment=fast_clock) as (relay, running):
         outcome = running.finish()
         took = time.monotonic() - begin
-    # A server that says nothing has refused nothing.
+    # A silent server has not refused the login.
     check_failed(outcome, LOST if point.causes == NO_LOGIN else point.causes, Session())
     assert len(relay.links) == connections
-    # 120 s for each that stalls, a hundredth of it here.
+    # 120 s for each connection that stalls, of which a hundredth passes here.
     assert 1.1 * stalls < took < 1.3 * stalls + LIMIT_SECONDS
     check_next_run(source)
 
@@ -86,7 +87,7 @@ def test_stall_after_the_login_is_waited_for_idly_and_ended_by_sigterm(source, c
     check_next_run(source)
 
 
-# The second file's end, or the third one, is still to come, and several answers with it.
+# The end of the second file, or the third one, has not arrived yet, nor have several answers.
 @pytest.mark.parametrize("way, at_least_seconds", [(delay, 0.5), (one_byte, 0), (throttle, 0.5)],
                          ids=["delayed", "byte by byte", "throttled"])
 @each_way("point", POINTS, POINTS)
@@ -101,7 +102,7 @@ def test_slow_connection_brings_everything(source, content_verify, way, at_least
 
 # --- corrupted bytes -------------------------------------------------------------------------
 
-# Behind the length, which is another matter: in the software's name, in the host's key, in what is encrypted.
+# After the length, which has tests of its own: in the software's name, in the host's key, in encrypted data.
 OFFSETS = dict(zip(POINTS, (10, 60, 10, 10, 10, 10)))
 
 
@@ -114,7 +115,7 @@ def test_corrupted_byte_is_found_out(source, content_verify, point):
     check_next_run(source)
 
 
-# The client's turns from the login on: it opens a channel, and starts the command in it.
+# The client's turns after the login: it opens a channel, and starts the command in it.
 @pytest.mark.parametrize("turn", [4, 5], ids=["channel", "start"])
 def test_corrupted_answer_to_a_request_is_found_out(source, turn):
     with struck_run(corrupt(10), Point([], at=lambda: Dialog(turn=turn))) as (_, running):
@@ -124,8 +125,8 @@ def test_corrupted_answer_to_a_request_is_found_out(source, turn):
     check_next_run(source)
 
 
-# What a packet's length says is believed until all of it is there; in the key exchange and at the login
-# that has its limit.
+# The tool trusts the length of a packet until the whole packet has arrived; in the key exchange and during the
+# login their time limit ends that.
 @pytest.mark.parametrize("name, offset, mask", [
     ("before the banner", 0, 0x01),  # the version is taken for a line of text ahead of it
     ("in the key exchange", 3, 0x10),
@@ -144,7 +145,7 @@ def test_corrupted_length_is_found_out(source, fast_clock, name, offset, mask):
 
 
 def test_corrupted_length_that_waits_for_more_than_comes_is_a_stall(source):
-    """No one can tell: it is the last packet, and the server waits for an answer."""
+    """It cannot be detected: it is the last packet, and the server waits for an answer."""
     with struck_run(corrupt(2, 0x10), POINTS["between the last byte and the close"]) as (_, running):
         check_stalled(running)
     check_next_run(source)

@@ -12,7 +12,7 @@ pytestmark = pytest.mark.matrix("documents")
 
 @pytest.mark.parametrize("first", range(0, 256, 64))
 def test_result_log_can_be_read_whatever_a_command_printed(source, first):
-    # Never NUL and newline, which end a text and a line.
+    # Without NUL and newline, which end a text and a line.
     odd = bytes(byte for byte in range(first, first + 64) if byte not in b"\0\n\\'")
     write(f"{DTM}/scout.pl", b"print STDERR '<" + odd + b">'; exit 1")
     outcome = Destination(PLAIN).run("send-scout")

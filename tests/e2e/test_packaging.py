@@ -1,4 +1,4 @@
-"""The packages in debian/, as far as that can be seen without building them (scripts/packages does)."""
+"""The packages in debian/, as far as tests can check them without building (scripts/packages builds them)."""
 import os
 import re
 import subprocess
@@ -9,7 +9,7 @@ from tool import Running, Session
 from world import CONFIGURATION, PRODUCT, SESSION, TESTS, read, write
 
 TOP = os.path.dirname(TESTS)
-# What every build of a package has, and what is fetched with.
+# What every build of a package has, and what downloads need.
 ALWAYS_THERE = {"g++", "ca-certificates"}
 FOR_PACKAGES = {"debhelper-compat", "dh-sequence-installsysusers", "dh-sequence-python3"}
 
@@ -37,7 +37,7 @@ def test_source_package_names_what_the_tests_need():
 
 
 def test_building_installs_the_perl_that_has_the_core_modules():
-    # perl-base, which every Debian has, is without most of them: the scout is bundled with FindBin.
+    # perl-base, which every Debian has, lacks most of the modules: the scout is bundled by means of FindBin.
     assert "perl" in installed_for("build")
 
 
@@ -49,12 +49,12 @@ def test_release_preset_does_without_what_only_the_tests_need():
                    check=True, stdout=subprocess.DEVNULL)
     targets = subprocess.run(["ninja", "-C", build, "-t", "targets", "all"], check=True, stdout=subprocess.PIPE).stdout
     assert b"bin/sondrel:" in targets and b"unit_tests:" not in targets
-    # What editors read stays that of a preset in the checkout.
+    # The link for editors still leads to a preset of the checkout.
     assert (os.path.lexists(editors_link) and os.readlink(editors_link)) == before
 
 
 def test_version_of_the_packages_is_that_of_the_program():
-    # A build for a certain release of Debian says so behind it.
+    # A build for one release of Debian has that at the end of its version.
     package = re.match(r"sondrel \(([\d.]+)(?:\+deb\d+)?\)", read(f"{TOP}/debian/changelog").decode())[1]
     program = re.search(r"project\(sondrel VERSION ([\d.]+)", read(f"{TOP}/CMakeLists.txt").decode())[1]
     assert package == program
@@ -83,7 +83,7 @@ def test_package_can_be_removed_when_its_directory_for_temporary_files(directory
 
 @pytest.fixture
 def configuration():
-    """Writes the host's configuration; the one before comes back."""
+    """Writes the host's configuration; the old one is restored after the test."""
     kept = read(CONFIGURATION)
     yield lambda text: write(CONFIGURATION, text)
     write(CONFIGURATION, kept)

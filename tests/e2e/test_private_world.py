@@ -1,4 +1,4 @@
-"""The private world of a test leaves the machine's settings alone (tests/private-world)."""
+"""The private world of a test does not change the machine's settings (tests/private-world)."""
 import errno
 import os
 import subprocess
@@ -11,7 +11,9 @@ pytestmark = pytest.mark.release_only
 
 
 def in_a_world_in_this_one(command):
-    """The completed run of a shell command in a private world whose machine is this private world."""
+    """The completed run of a shell command in a private world that is made inside this one, as if this one were the
+    machine.
+    """
     return subprocess.run([f"{TESTS}/private-world", "sh", "-c", command], capture_output=True, text=True, check=False)
 
 

@@ -1,4 +1,4 @@
-"""The line of progress of a run whose standard error is a terminal, and that there is none without one."""
+"""The progress line of a run whose standard error is a terminal; there is none otherwise."""
 import contextlib
 import os
 import re
@@ -33,7 +33,7 @@ def on_terminal(action, *options, through=(), columns=100, **environment):
 
 
 def drawings(shown):
-    """The lines that were drawn, of what may hold nothing else."""
+    """The drawn lines; the text may hold nothing else."""
     parts = shown.split(ERASED)
     assert parts[0] == b"", shown
     return [part for part in parts if part]
@@ -134,7 +134,7 @@ def test_counts_what_is_here_already_as_done(gated):
 
 
 def waiting_dump(status):
-    """An agent that leaves this status and dumps when it is told."""
+    """An agent that writes this status, and dumps when the test tells it to."""
     write(f"{ROOT.agent_dir}/status", status)
     deployed_agent(ROOT, f'cd "${{0%/*}}"; cp status {STATUS}\n'
                          'while [ ! -e go ]; do sleep 0.01; done; : > dump.xml')
@@ -161,7 +161,7 @@ def test_dump_shows_the_time_where_there_is_no_status(source):
     write(f"{SESSION}/{STATUS}", '<dumping-status stage="finished"/>')
     os.utime(f"{SESSION}/{STATUS}", (1000, 1000))
     with on_terminal("dump-all") as terminal:
-        # Drawn about once a second: a second may have no drawing of its own.
+        # The line is drawn about once a second, so there may be no drawing for one of the seconds.
         terminal.shows(re.compile(rb"dump, 0:0[67]" + re.escape(ERASED)))
         write(f"{ROOT.agent_dir}/go")
         assert terminal.finish() == 0
@@ -197,7 +197,7 @@ def test_log_lines_begin_on_a_clean_line(gated):
     with held_at("amid cat two", AMID_TWO, "--verbose") as (terminal, gate):
         gate.open()
         assert terminal.finish() == 0
-    # A line of the log has an end; the line of progress has none, and is erased.
+    # A line of the log has a line end; the progress line has none, and is erased.
     for line in terminal.shown.split(b"\r\n"):
         *drawn, logged = line.split(ERASED)
         assert not any(b" k." in text for text in drawn), line
@@ -297,7 +297,7 @@ def test_error_output_that_is_no_terminal_has_none(gated):
 
 
 def asked_and_left(run, actions):
-    """What the source host was asked, and what the session holds, after these actions by run()."""
+    """The commands to the source host, and the files of the session, after these actions by run()."""
     for directory in (SESSION, RECORDS):
         shutil.rmtree(directory, ignore_errors=True)
     os.makedirs(RECORDS)
@@ -309,7 +309,7 @@ def asked_and_left(run, actions):
         run(action)
     left = files_below(SESSION)
     for name in (b"migration.log", b"migration.status"):
-        # Process ids and times; what else the status says is held by its own tests.
+        # These have process ids and times; other tests check the rest of the status.
         left.pop(name, None)
     return left
 

@@ -88,7 +88,7 @@ def test_refused_command_has_status_255(size):
 
 
 def test_refused_command_does_not_keep_the_next_one_from_running():
-    # The status may not be there: whatever `cat` says, sudo is asked first.
+    # `cat` may find no status, but the check of sudo comes first.
     answers = {"sudo -V": False, "sudo -k; sudo -S -p ' ' true": False}
     with ScriptedServer(Script(starts=lambda line: answers.get(line, True))) as server:
         assert Destination(SUDOER).run("send-scout").code == 0
@@ -126,7 +126,7 @@ def test_channel_is_closed_before_the_next_one_is_opened():
 # --- waiting ---------------------------------------------------------------------------------
 
 def processor_time(pid):
-    """Seconds, of the process and the system for it."""
+    """Seconds of processor time, of the process and of the system for it."""
     return processor_ticks(pid) / os.sysconf("SC_CLK_TCK")
 
 
@@ -154,7 +154,7 @@ def test_waiting_for_a_silent_command_takes_no_processor_time(before):
         used = processor_time(running.pid) - begin
         over.set()
         assert running.finish().code == 0
-    # What it does with what has just come is in it as well.
+    # This includes the work on output that has just arrived.
     assert used <= 0.1
 
 

@@ -242,7 +242,7 @@ def sum_of(path):
 
 
 def peak_bytes(running):
-    """Waits for the end of the run; returns the most memory that it was seen to hold."""
+    """Waits for the end of the run; returns the most memory that it was observed to use."""
     peak = 0
 
     def ended():
@@ -257,7 +257,7 @@ def peak_bytes(running):
 
 
 def printed_status(size, **how):
-    """Has the tool print a file of this size; returns its peak of memory."""
+    """Makes the tool print a file of this size; returns the peak of its memory."""
     write(f"{PLAIN.agent_dir}/dumping-status.xml")
     expected = large_file(f"{PLAIN.agent_dir}/dumping-status.xml", size)
     running = Destination(PLAIN).start("get-dumping-status", stdout="/mnt/printed", **how)
@@ -271,15 +271,14 @@ def printed_status(size, **how):
 @pytest.mark.slow
 def test_300_mb_arrive_whole_in_the_memory_of_one():
     with SourceHost(recording=False):
-        # Freed memory goes back at once, where a sanitizer would keep it for a while.
+        # Freed memory is returned at once; a sanitizer would keep it for a while.
         at_once = {"ASAN_OPTIONS": "exitcode=99:quarantine_size_mb=1"}
         small = printed_status(MIB, environment=at_once)
         large = printed_status(300 * 1000 * 1000, environment=at_once)
     assert large <= small + 8 * MIB
 
 
-# Some releases of the SSH library lose a hundred bytes with each change of keys, and keep
-# the rest: no leak of the tool.
+# Some releases of the SSH library leak a hundred bytes with each change of keys: no leak of the tool.
 LEAKY = {"ASAN_OPTIONS": "exitcode=99:detect_leaks=0"}
 
 

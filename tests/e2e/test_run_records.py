@@ -14,7 +14,7 @@ REMOVAL = ["--remove-dumping-status", "--session-path", SESSION]
 
 @pytest.fixture(autouse=True)
 def keeps_configuration():
-    """The product's log configuration and the host's are put back for the next test."""
+    """Restores the product's log configuration and the host's configuration for the next test."""
     files = [PROPERTIES, "/etc/qrv/qrv.conf"]
     kept = {path: open(path, "rb").read() for path in files}
     yield
@@ -104,7 +104,7 @@ def test_trouble_with_the_host_configuration_is_told_to_the_system_log_only(syst
     outcome = sondrel(*REMOVAL)
     assert (outcome.code, outcome.stdout, outcome.stderr) == (0, b"", b"")
     assert told in system_log.text()
-    # The good lines of a file with bad ones hold.
+    # The good lines of a file with bad ones are used.
     assert Session().exists("migration.log") == (content is not None)
 
 

@@ -12,7 +12,7 @@ AGENT = "/mnt/agent"
 
 @pytest.fixture
 def agent():
-    """Runs the agent with arguments and input; gives its output when it succeeds."""
+    """Runs the agent with arguments and input; it must succeed. Returns its output."""
     for part in ("shared", "sample"):
         shutil.copytree(f"{TESTS}/sample-agent/{part}", AGENT, dirs_exist_ok=True)
     write(f"{AGENT}/source-tree", SOURCE_TREE + "\n")

@@ -10,7 +10,7 @@ AGENT_STATUS = ("migration-status", [], "", [("agent", [("action", "wait")], "",
 
 
 def scout_command(login, script):
-    """The scout has no agent directory: its command runs in the login's home."""
+    """The command of the scout. It has no agent directory, so it runs in the login's home."""
     command = root_command(login, "perl", script)
     return RemoteCommand(login.name, command.line.replace(sh_quote(f"cd {login.agent_dir};"), sh_quote("cd ;")),
                          command.stdin)

@@ -1,4 +1,4 @@
-"""The passwords, after runs of every kind: where they are not."""
+"""After runs of every kind, the passwords are in no file and no message."""
 import itertools
 import os
 import re
@@ -21,7 +21,7 @@ WORK = "/mnt/work"  # the caller's directory
 PROPERTIES = f"{DTM}/log4cpp.properties"
 SHIPPED = f"{os.path.dirname(os.path.dirname(HERE))}/sondrel/log4cpp.properties"
 MISTAKEN, MISTAKEN_FOR_SUDO = "mistaken-passphrase", "mistaken-sudo-passphrase"
-# All that have a connection.
+# All actions with a connection.
 ACTIONS = ["send-scout", "deploy-agent", "dump-all", "dump-selected", "get-dumping-status", "get-content",
            "remove-agent"]
 OPTIONS = {"dump-all": ["--content-transport=rsync"], "dump-selected": ["--domains=a.test"]}
@@ -29,7 +29,7 @@ OPTIONS = {"dump-all": ["--content-transport=rsync"], "dump-selected": ["--domai
 
 @pytest.fixture(autouse=True)
 def as_shipped():
-    """The log is set up as it is shipped, and the tool is run in a directory of its own."""
+    """Sets up the log as it is shipped, and runs the tool in a directory of its own."""
     kept = read(PROPERTIES)
     shutil.copy(SHIPPED, PROPERTIES)
     shutil.rmtree(WORK, ignore_errors=True)
@@ -45,14 +45,14 @@ def written():
             directories[:] = [name for name in directories if name not in ("etc.orig", "dev.orig")]
             for name in names:
                 path = os.path.join(parent, name)
-                # The input of a remote command is where the passwords belong.
+                # Not the input of remote commands: passwords belong there.
                 if os.path.isfile(path) and not os.path.islink(path) and not (
                         os.path.basename(parent) == os.path.basename(RECORDS) and name.endswith(".stdin")):
                     yield path
 
 
 def check_nothing_told(*secrets):
-    """Neither in a name nor in the content of any file, console output included."""
+    """Checks that no password is in the name or the content of any file, console output included."""
     wanted = [os.fsencode(secret) for secret in secrets if secret]
     assert wanted
     looked_at = 0
@@ -77,7 +77,7 @@ FAILING = "echo 'no, thank you' >&2; exit 1\n"
 
 
 def offered_by(login, script=WORKING):
-    """An agent, on both sides, with everything that the actions ask for."""
+    """Installs an agent, on both hosts, with everything that the actions ask for."""
     shutil.rmtree(login.agent_dir, ignore_errors=True)
     deployed_agent(login, script, {"list.xml": content_list([("one", b"1", {})]), "one": b"1",
                                    "dumping-status.xml": "<status/>"})
@@ -88,12 +88,12 @@ def run(action, login):
     return Destination(login).run(action, "--verbose", *OPTIONS.get(action, []), directory=WORK)
 
 
-# What cannot fail, or does not ask the agent.
+# Actions that cannot fail, and actions that do not run the agent.
 NEVER_FAIL, WITHOUT_AGENT = {"remove-agent"}, {"remove-agent", "get-dumping-status"}
 
 
 def conditions(login):
-    """(name, the login that is used, the agent's script, the actions that succeed)"""
+    """(name, the login, the agent's script, the actions that succeed)"""
     yield "all is well", login, WORKING, set(ACTIONS)
     yield "the agent fails", login, FAILING, WITHOUT_AGENT
     yield "the password is wrong", Login(login.name, MISTAKEN, login.sudo_password), WORKING, NEVER_FAIL
@@ -133,7 +133,7 @@ def test_no_file_holds_a_password_that_is_not_needed(arguments):
 
 # --- runs that are killed --------------------------------------------------------------------
 
-# The sanitizers would take these signals for themselves, and forbid a core by themselves.
+# Without this the sanitizers would handle these signals, and forbid core files.
 AS_THEY_ARE = {"ASAN_OPTIONS": "exitcode=99:handle_segv=0:handle_abort=0:handle_sigbus=0:disable_coredump=0"}
 
 
@@ -150,7 +150,7 @@ def test_killed_run_leaves_no_password_and_no_core(source, login, cases):
                                            prepare=allow_cores)
         with open(f"{login.agent_dir}/pipe", "wb"):  # returns when the agent reads
             running.send(number)
-            # Not waited for yet, so that what the kernel has to say can be asked.
+            # Not reaped yet, so that the kernel's record can be read.
             ended = os.waitid(os.P_PID, running.pid, os.WEXITED | os.WNOWAIT)
         assert (ended.si_code, ended.si_status) == (os.CLD_KILLED, number)  # and not CLD_DUMPED
         assert running.finish().code == -number
@@ -166,7 +166,7 @@ TOLD = f"{SUDOER.password} and {SUDOER.sudo_password}"
 
 
 def betraying(number):
-    """Answers as the others do, but for one command, which fails and tells all that it was given."""
+    """A server that answers like the others, except to one command: that fails and prints all its input."""
     def answer(command):
         command.take_input()
         if command.connection.commands.index(command) == number:
@@ -220,7 +220,7 @@ def test_list_that_tells_the_passwords_is_masked(printed, code):
 
 # --- processes -------------------------------------------------------------------------------
 
-# Other runs on this machine must not interfere: no other process has these words.
+# Words that no other process has: other runs on this machine must not interfere.
 OWN = Login("sudoer", f"own-login-passphrase-{os.getpid()}", f"own-sudo-passphrase-{os.getpid()}")
 LOOK = """
 cat /proc/[0-9]*/cmdline /proc/[0-9]*/environ >> /mnt/seen 2> /dev/null
@@ -239,7 +239,7 @@ def own_passwords():
 
 @pytest.fixture
 def watchful_host():
-    """Every program of the source host looks at all processes before it does what it is for."""
+    """Every program of the source host first looks at all processes."""
     directory = "/mnt/watchful"
     for name in ("cat", "rm", "mkdir", "chown", "perl", "sh", "true"):
         write(f"{directory}/{name}", f'#!/bin/sh\nPATH=/usr/bin:/bin\n{LOOK}\nexec /usr/bin/{name} "$@"\n', mode=0o755)
@@ -259,7 +259,7 @@ def test_no_process_shows_a_password(own_passwords, watchful_host, action):
     assert os.fsencode(f"{BINARY}\0--{action}\0--host\0") in seen  # the run itself was looked at
     assert b"sudo\0-S\0-p\0 \0" in seen or action == "get-dumping-status"
     check_nothing_told(OWN.password, OWN.sudo_password)
-    # Both were used all the same, each where it belongs.
+    # Both were used, each where it belongs.
     given = b"".join(command.stdin for command in watchful_host.commands())
     assert OWN.sudo_password.encode() in given
     assert (OWN.password.encode() in given) == (action == "dump-all")
@@ -281,7 +281,7 @@ def records(text):
 def test_only_the_input_and_output_of_commands_hold_passwords_in_the_debug_log(source, action):
     shipped = read(PROPERTIES)
     write(PROPERTIES, shipped.replace(b"rootCategory=INFO", b"rootCategory=DEBUG").replace(b"=INFO", b"=DEBUG"))
-    # What the agent of a dump is given it prints.
+    # The agent of a dump prints its input.
     offered_by(SUDOER, f"cat\n{WORKING}" if action == "dump-all" else WORKING)
     outcome = run(action, SUDOER)
     assert outcome.code == 0

@@ -1,4 +1,4 @@
-"""Where the passwords do not go."""
+"""Passwords do not get where they do not belong."""
 import os
 import resource
 
@@ -46,7 +46,7 @@ def test_sudo_password_that_is_not_asked_for_is_not_used_and_not_shown(source):
 def test_running_process_leaves_no_core(source, working):
     limits = read(f"/proc/{working.pid}/limits").decode()
     line, = [line for line in limits.splitlines() if line.startswith("Max core file size")]
-    # A limit of 0 would still hand the core to a program, where the kernel is set up for that.
+    # With a limit of 0 the kernel would still pass the core to a program, if it is configured so.
     assert line.split()[4:6] == ["1", "1"]
 
 
@@ -65,7 +65,7 @@ def test_no_file_of_a_session_holds_a_password(source):
 
 
 def failing_scout(login, *words):
-    """The error output of a scout that prints the words as the run tells it."""
+    """The error output of a scout that prints the words, as the run reports it."""
     write(f"{DTM}/scout.pl", f"print STDERR '{' '.join(words)}'; exit 1")
     outcome = Destination(login).run("send-scout")
     assert outcome.code == 2
@@ -107,7 +107,7 @@ def test_password_in_what_an_agent_complains_about_becomes_asterisks(source):
 
 
 def test_fixed_parts_of_an_error_are_never_altered(source):
-    # A password that is a part of the message itself.
+    # A password that is also a part of the message itself.
     set_password("plain", "retrieving")
     try:
         deployed_agent(PLAIN, "echo retrieving >&2; exit 1")

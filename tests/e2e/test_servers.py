@@ -1,4 +1,4 @@
-"""SSH servers of every sort and setting: a migration goes through, or ends with a clear word."""
+"""SSH servers of many kinds and settings: a migration succeeds, or ends with a clear message."""
 import contextlib
 import ctypes
 import hashlib
@@ -51,7 +51,7 @@ def dropbear(*options):
 
 
 def listening():
-    """Something listens on port 22 of the private network; asked without connecting to it."""
+    """True when a process listens on port 22 of the private network; checked without a connection."""
     with open("/proc/net/tcp", encoding="utf-8") as table:
         return any(line.split()[1].endswith(":0016") and line.split()[3] == "0A" for line in list(table)[1:])
 
@@ -112,7 +112,9 @@ def test_input_and_output_come_through_many_changes_of_keys():
 
 
 def test_keys_change_but_not_the_ciphers():
-    """A server with other lists in a later exchange could choose ciphers that the library cannot use together."""
+    """A server with other lists in a later exchange could choose a combination of ciphers that the library
+    cannot use.
+    """
     offered(ROOT, *FILES.items())
     with SourceHost(options=["RekeyLimit 1M", "LogLevel DEBUG2"], recording=False) as source:
         assert Destination().run("get-content", environment=LEAKY) == DONE
@@ -164,7 +166,7 @@ def test_server_that_is_busy_with_other_logins_is_told_and_reached_later():
 
 @contextlib.contextmanager
 def asked_first(script):
-    """Logins are asked of this script, and of their password only where it ends with 0."""
+    """This script decides about logins; the password is checked only when it ends with 0."""
     kept = read(CONFIGURATION_OF_LOGINS)
     write("/mnt/asked", f"#!/bin/sh\n{script}\n", mode=0o755)
     write(CONFIGURATION_OF_LOGINS, b"auth requisite pam_exec.so /mnt/asked\n" + kept)
@@ -194,7 +196,7 @@ def test_login_may_take_as_long_as_its_work_does():
 # --- logging in ------------------------------------------------------------------------------
 
 def refused(outcome):
-    """The content run was told that its credentials are wrong."""
+    """Checks that the content run reports wrong credentials."""
     assert outcome == Outcome(2, b"", b"Error during dump retrieval")
     (_, _, _, cause), = Session().messages("transfer.result")
     assert cause == [("SshInvalidCredentials", "error", REFUSED, [])]
@@ -320,8 +322,8 @@ def openssh_alive(times):
     return SourceHost(options=["ClientAliveInterval 1", f"ClientAliveCountMax {times}"], recording=False)
 
 
-# The seconds after which a silent client has surely been given up: OpenSSH asks it once more than that, and for
-# each time takes up to two.
+# The seconds after which the server has surely given up a silent client: OpenSSH asks once more than configured,
+# and takes up to two seconds more each time.
 PATIENCE = {"OpenSSH, 2 s": (6, lambda: openssh_alive(2)), "OpenSSH, 3 s": (8, lambda: openssh_alive(3)),
             "Dropbear, 3 s": (5, lambda: dropbear("-K", "1"))}
 
@@ -329,7 +331,7 @@ impatient = pytest.mark.parametrize("seconds, server", PATIENCE.values(), ids=PA
 
 
 def bytes_summed_up_in(seconds):
-    """What takes this machine at least as long to compute the sum of."""
+    """Content whose sum takes this machine at least this long to compute."""
     begin = time.process_time()
     digest = hashlib.md5()
     for _ in range(64):

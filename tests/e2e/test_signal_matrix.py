@@ -1,4 +1,6 @@
-"""Signals at every step: alarms break none, a stop request is clean, and what is killed is taken up again."""
+"""Signals at every step: alarms disturb none, a stop request ends the run in order, and a later run continues a killed
+one.
+"""
 import os
 import shutil
 import signal
@@ -30,7 +32,7 @@ DUMP = b"<dump/>" * ALARMS
 
 
 class Alarmed:
-    """A dump that is sent alarms at steps of 10 ms while its server lets it wait."""
+    """A dump that gets alarms every 10 ms while its server lets it wait."""
 
     def __init__(self):
         install_agent()
@@ -44,7 +46,7 @@ class Alarmed:
         return self._running.finish()
 
     def ring(self, number=ALARMS):
-        """Sends so many; every one of them finds the dump at work, and expecting alarms."""
+        """Sends this many alarms; at each the dump runs and expects alarms."""
         assert self._started.wait(60)
         wait_until(lambda: signal.SIGALRM in signals_of(self._running.pid, "SigCgt"), "the alarm to be armed")
         for _ in range(number):
@@ -54,12 +56,12 @@ class Alarmed:
             time.sleep(STEP_SECONDS)
 
     def at(self, *points, of=ALARMS):
-        """For a Script: alarms at these points, the same number at each."""
+        """For a Script: the same number of alarms at each of these points."""
         return {point: lambda _: self.ring(of // len(points)) for point in points}
 
 
 def answered(command):
-    """The answer of a source host to a dump's commands."""
+    """Answers a dump's commands as a source host."""
     command.take_input()
     if "dumping-status" in command.line:
         command.say(b"<status/>")
@@ -69,7 +71,7 @@ def answered(command):
 
 
 def check_dump(outcome, alarmed, server, connections=1):
-    """The dump went as if nobody had rung."""
+    """Checks that the dump ran as if there had been no alarms."""
     assert outcome == Outcome(0, b"", b"")
     assert alarmed.sent == ALARMS
     assert len(server.connections) == connections
@@ -81,7 +83,9 @@ def check_dump(outcome, alarmed, server, connections=1):
 
 
 class LateServer(ScriptedServer):
-    """Accepts no connection before it is told to, and has room for one that waits; that place is taken."""
+    """Accepts connections only when the test says so. It has room for one waiting connection, and that place is
+    taken.
+    """
 
     def __enter__(self):
         self._accepting = threading.Event()
@@ -110,7 +114,7 @@ def test_alarms_while_the_host_is_connected_to_break_nothing():
         ringing.start()
         outcome = alarmed.run()
         ringing.join()
-    # The one that had taken the place is the first.
+    # The connection that had taken the place is the first.
     check_dump(outcome, alarmed, server, connections=2)
     assert server.connections[0].commands == []
 
@@ -139,7 +143,7 @@ def test_alarms_while_the_agent_starts_and_talks_break_nothing():
     script = Script(answer=answer, at=alarmed.at("channel-open 1", "channel-request 1", of=ALARMS // 2))
     with ScriptedServer(script) as server:
         check_dump(alarmed.run(), alarmed, server)
-    # A new refresh began whenever the one before it was over.
+    # A new refresh began each time the last one had ended.
     assert sum("dumping-status" in command.line for command in server.commands) > 1
     assert Session().read("dumping-status.xml") == b"<status/>"
 
@@ -179,12 +183,12 @@ def test_alarms_while_the_dump_is_fetched_break_nothing():
 
 def test_alarms_while_the_connection_is_taken_down_break_nothing():
     def answer(command):
-        # An old key exchange has a channel open that idles to the end: it does not end before it is closed.
+        # With an old key exchange an idle channel stays open to the end: it ends only when it is closed.
         if command.line != "cat":
             answered(command)
 
     alarmed = Alarmed()
-    # The channels that are closed before the idle one are those of the agent and of the dump.
+    # Before the idle channel, those of the agent and of the dump are closed.
     script = Script(kex=("diffie-hellman-group1-sha1",), answer=answer, at=alarmed.at("channel-close 3"))
     with ScriptedServer(Script(at={"version": fin}), script) as server:
         check_dump(alarmed.run(), alarmed, server, connections=2)
@@ -194,7 +198,7 @@ def test_alarms_while_the_connection_is_taken_down_break_nothing():
 # --- requests to stop, and deaths ------------------------------------------------------------
 
 FILES = {"one": b"1" * 3000, "sub/two": b"22" * 100_000, "three": b"333"}
-# Where a run can be caught: before, amid and after each of its commands, and between the files.
+# Where a run can be interrupted: before, during and after each of its commands, and between the files.
 LAST = ["before rm three", "after rm three"]
 POINTS = ["before the list", "amid the list", "before cat one", "amid cat one", "after cat one", "before rm one",
           "after rm one", "before cat two", "amid cat two", "before cat three", *LAST]
@@ -220,9 +224,9 @@ class Fetched:
 
 
 def complete_it(source, files=FILES):
-    """Runs once more, to the end: it fetches what is not complete, and nothing else."""
+    """Runs once more, to the end: the run fetches exactly what is not complete."""
     already = complete(files, ARCHIVES)
-    # A killed one may have left a file that was to replace another.
+    # A killed run may have left a temporary file that was to replace another one.
     left = temporaries(Session().path, ARCHIVES)
     fetched = Fetched(source)
     outcome = Destination().run("get-content")
@@ -266,14 +270,14 @@ def holds_open(running, path):
         return False  # one was closed since the directory was listed
 
 
-# A gibibyte of zero bytes takes a second and more to sum up, and no room as a file that is a single hole.
+# A gibibyte of zero bytes takes a second or more to sum up, and as a file that is one hole it needs no room.
 LARGE = 1 << 30
 SUM_OF_LARGE = "cd573cfaace07e7949bc0c46028904ff"
 
 
 @pytest.fixture
 def large_file(host):
-    """A local file that is what the list says, between two that are not here yet."""
+    """A local file that matches the list, between two files that are not here yet."""
     entries = [("one", FILES["one"], {}), ("large", None, {"size": LARGE, "md5sum": SUM_OF_LARGE}),
                ("three", FILES["three"], {})]
     files = {"one": FILES["one"], "three": FILES["three"]}
@@ -364,7 +368,7 @@ def test_stop_request_is_taken_from_the_first_moment_on():
 # --- an output that nobody reads any more ----------------------------------------------------
 
 def unread():
-    """A pipe whose reader has gone, to be written to."""
+    """The writing end of a pipe whose reader has gone."""
     reader, writer = os.pipe()
     os.close(reader)
     return writer

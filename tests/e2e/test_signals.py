@@ -1,4 +1,4 @@
-"""Signals that come while the connection is made or at work: no call fails because of them."""
+"""Signals that arrive while the connection is made or used: no call fails because of them."""
 import os
 import re
 import signal
@@ -33,7 +33,7 @@ def signals_of(pid, which):
 
 
 class Storm:
-    """Sends a signal again and again until the block is left or the run has ended."""
+    """Sends a signal again and again until the block or the run ends."""
 
     def __init__(self, running, number):
         self._running = running
@@ -67,7 +67,7 @@ def test_stop_request_lets_the_present_step_finish(point):
         outcome = running.finish()
     assert (outcome.code, outcome.stdout, outcome.stderr) == (0, STOPPED, b"")
     assert len(server.connections) == 1
-    # The first chunk would have been the script.
+    # The script would have been in the first chunk.
     assert [command.line for command in server.commands] == [r"sh -c cd\ \;\ perl"]
     assert server.commands[0].stdin == b""
     assert Session().result() == ("execution-result", [("status", "success")], "", [])
@@ -104,7 +104,7 @@ def test_stop_request_ends_a_long_upload_at_the_next_chunk():
     def answer(command):
         command.take_input(MIB)
         runs[0].send(signal.SIGUSR1)
-        # More than the window: the tool must come to another chunk.
+        # More than the window, so that the tool must send another chunk.
         command.take_input(8 * MIB)
 
     runs, taken = [], threading.Event()
@@ -132,7 +132,7 @@ def test_alarm_is_held_back_only_while_a_dump_has_it_armed():
             assert runs[0].finish().code == 0
     assert signal.SIGALRM not in masks[0][1] | masks[0][2]
     assert signal.SIGALRM in masks[1][2]
-    # All others are let in, in every wait.
+    # All other signals are unblocked in every wait.
     assert all(blocked <= {signal.SIGALRM} for _, blocked, _ in masks)
 
 

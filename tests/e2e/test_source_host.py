@@ -1,4 +1,4 @@
-"""The source host of these tests itself, seen through an SSH client that is not the tool."""
+"""Tests of the source host itself, with an SSH client that is not the tool."""
 import paramiko
 import pytest
 

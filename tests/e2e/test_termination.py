@@ -15,7 +15,7 @@ TEXT = b"Migration has been terminated"
 
 
 def stopped(outcome):
-    """The run was ended by a request to stop: that is no failure."""
+    """Checks that a stop request ended the run, which is no failure."""
     assert (outcome.code, outcome.stdout, outcome.stderr) == (0, TEXT, b"")
     assert "INFO k.log: Migration has been terminated\n" in Session().log()
     assert Session().log().endswith("INFO k.log: Sondrel finished. Exit code: 0\n")
@@ -108,7 +108,7 @@ def test_stop_request_after_the_last_chunk_changes_nothing(waiting_rm):
 def test_other_signals_end_the_process(source, number):
     offered(ROOT, ("one", None))
     path = fifo(ROOT, "one")
-    # A mask that the caller left blocked does not hold the signal back.
+    # A signal that the caller left blocked ends the run nevertheless.
     running = Destination().start("get-content", prepare=lambda: signal.pthread_sigmask(
         signal.SIG_BLOCK, {number}))
     with open(path, "wb"):
