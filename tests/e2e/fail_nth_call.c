@@ -1,16 +1,16 @@
-/* Preloaded into the tool: lets one call of the system fail, as if the system itself had.
+/* Preloaded into the tool: makes one system call fail, as if the system itself had failed.
  *
  * FAIL_KIND    write close fsync rename mkstemp chown mkdir statfs recv send setfl; or
- *              close_range, whose calls all fail; or full: the disk is, for each file whose path
- *              begins with FAIL_PATH, when FAIL_NTH bytes have been written
- * FAIL_NTH     which of these calls fails, counted from 1; with 0 none does, and all are told
- * FAIL_STAYS   set: what failed stays so, as with a disk that is full; a connection is closed
- * FAIL_REPORT  file that gets a line for each call that failed: its kind and on what
+ *              close_range, whose calls all fail; or full: the disk is full, for each file whose
+ *              path begins with FAIL_PATH, after FAIL_NTH bytes have been written
+ * FAIL_NTH     which of these calls fails, counted from 1; with 0 none fails, and all are reported
+ * FAIL_STAYS   set: later calls fail, too, as with a full disk; a connection is closed
+ * FAIL_REPORT  file that gets a line for each failed call: its kind and its object
  *
- * What the C library calls inside itself cannot be replaced. Of that only its buffered files
- * matter here, in which documents are saved: those that are opened for writing write and
- * close by way of this file. Out of reach are the console, the system log, the files of
- * accounts and names that the C library reads, and closing what was opened for reading.
+ * Calls that the C library makes itself cannot be replaced. Of these only its buffered files
+ * matter here, in which documents are saved: files that are opened for writing use the functions
+ * below to write and close. Out of reach are the console, the system log, the files of accounts
+ * and names that the C library reads, and closing files that were opened for reading.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -35,7 +35,7 @@ static long nth, count;
 static int stays;
 static pid_t tool;
 
-/* Programs that the tool starts are none of ours. */
+/* Only calls of the tool itself fail, not those of programs that it starts. */
 __attribute__((constructor)) static void begin(void) {
   const char* kind = getenv("FAIL_KIND");
   if (!kind) return;
@@ -92,7 +92,7 @@ static int fails_on_descriptor(const char* kind, int error, int fd) {
 
 #define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
 
-/* What of `size` bytes finds room; 0 for none. */
+/* How many of `size` bytes the disk has room for. */
 static size_t room(int fd, size_t size) {
   Path path;
   if (!is_kind("full") || !find_path(fd, path)) return size;
@@ -104,7 +104,7 @@ static size_t room(int fd, size_t size) {
   return 0;
 }
 
-/* A full disk. */
+/* Imitates a full disk. */
 ssize_t write(int fd, const void* bytes, size_t size) {
   const size_t fitting = room(fd, size);
   if (size > 0 && fitting == 0) {
@@ -133,7 +133,7 @@ int close(int fd) {
   return -1;
 }
 
-/* An old kernel, or a filter of system calls, also for what the tool starts: it calls this between
+/* Imitates an old kernel, or a filter of system calls. Also in children: they call this between
  * fork and exec. */
 int close_range(unsigned first, unsigned last, int flags) {
   if (strcmp(failing_kind, "close_range") != 0) return REAL(close_range)(first, last, flags);
@@ -142,7 +142,7 @@ int close_range(unsigned first, unsigned last, int flags) {
   return -1;
 }
 
-/* A medium that is broken. */
+/* Imitates a broken medium. */
 int fsync(int fd) { return fails_on_descriptor("fsync", EIO, fd) ? -1 : REAL(fsync)(fd); }
 int fdatasync(int fd) { return fails_on_descriptor("fsync", EIO, fd) ? -1 : REAL(fdatasync)(fd); }
 int syncfs(int fd) { return fails_on_descriptor("fsync", EIO, fd) ? -1 : REAL(syncfs)(fd); }
@@ -153,7 +153,7 @@ int statfs64(const char* path, struct statfs64* status) {
   return fails("statfs", EIO, path) ? -1 : REAL(statfs64)(path, status);
 }
 
-/* Flags of an open file that cannot be set; what else fcntl does is left alone. */
+/* Makes setting the flags of an open file fail; other uses of fcntl work. */
 static int control(const char* name, int fd, int command, void* argument) {
   if (command == F_SETFL && fails_on_descriptor("setfl", ENOMEM, fd)) return -1;
   return ((int (*)(int, int, ...))dlsym(RTLD_NEXT, name))(fd, command, argument);
@@ -173,7 +173,7 @@ int fcntl64(int fd, int command, ...) {
   return control("fcntl64", fd, command, argument);
 }
 
-/* A folder that cannot grow. */
+/* Imitates a directory that cannot grow. */
 static int fails_to_rename(const char* from, const char* to) {
   char both[8192];
   snprintf(both, sizeof both, "%s -> %s", from, to);
@@ -194,7 +194,7 @@ int mkdirat(int folder, const char* path, mode_t mode) {
   return fails("mkdir", ENOSPC, path) ? -1 : REAL(mkdirat)(folder, path, mode);
 }
 
-/* A file system on which root is nobody special, as over the network. */
+/* Imitates a file system on which root has no special rights, such as one over the network. */
 int chown(const char* path, uid_t user, gid_t group) {
   return fails("chown", EPERM, path) ? -1 : REAL(chown)(path, user, group);
 }
@@ -202,16 +202,16 @@ int fchown(int fd, uid_t user, gid_t group) {
   return fails_on_descriptor("chown", EPERM, fd) ? -1 : REAL(fchown)(fd, user, group);
 }
 
-/* A peer that is gone. A reset is reported once; what the system says to all later calls it
- * says by itself once the connection is shut. */
+/* Imitates a peer that has gone. A reset is reported once; once the connection is shut down, the
+ * system itself gives the errors of all later calls. */
 static int resets(const char* kind, int fd) {
   if (count >= nth || !fails_on_descriptor(kind, ECONNRESET, fd)) return 0;
   if (stays) shutdown(fd, SHUT_RDWR);
   errno = ECONNRESET;
   return 1;
 }
-/* A call that finds nothing to receive fails as it is, and how many of these there are is a
- * matter of speed: they are not counted. */
+/* Calls that find nothing to receive fail anyway, and their number depends on the speed: they are
+ * not counted. */
 ssize_t recv(int fd, void* bytes, size_t size, int flags) {
   char byte;
   const int kept = errno;
@@ -224,7 +224,7 @@ ssize_t send(int fd, const void* bytes, size_t size, int flags) {
   return resets("send", fd) ? -1 : REAL(send)(fd, bytes, size, flags);
 }
 
-/* Buffered files whose writing and closing come back to the functions above. */
+/* Buffered files whose writes and closes use the functions above. */
 static ssize_t write_file(void* fd, const char* bytes, size_t size) {
   size_t done = 0;
   while (done < size) {

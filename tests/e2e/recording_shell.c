@@ -1,11 +1,11 @@
 /* The login shell of the source host's accounts: `recording-shell -c COMMAND`.
 
-   Keeps the command line and its standard input, byte for byte and numbered in the order of their
-   starts, in the directory next to it:
+   Records the command line and its standard input, byte for byte and numbered in the order of the
+   starts, in the directory next to this program:
        records/0001.login  records/0001.command  records/0001.stdin
-   then runs the command with /bin/sh and ends as it ended, by the same signal if it was killed.
+   then runs the command with /bin/sh and ends like it, by the same signal if it was killed.
 
-   Every remote command of the tests begins with it: it is compiled, since a script took longer to
+   Every remote command of the tests starts it, so it is compiled: a script would take longer to
    start than most commands take. */
 #define _GNU_SOURCE
 #include <err.h>
@@ -58,7 +58,7 @@ static int open_records(void) {
   return records;
 }
 
-/* Keeps all but the input, and returns the file that the input goes to. */
+/* Records all but the input; returns the file for the input. */
 static int begin_record(const char* command) {
   int records = open_records();
   int number = 1;
@@ -73,7 +73,7 @@ static int begin_record(const char* command) {
   return input;
 }
 
-/* Gives the standard input to the command, and keeps a copy. */
+/* Passes the standard input to the command, and records a copy. */
 static void copy_input(int record, int to_command) {
   static char block[65536];
   int gone = 0;

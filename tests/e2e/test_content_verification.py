@@ -48,7 +48,7 @@ def wrong_size(name, received, expected):
 
 
 def unlike_the_list(login=ROOT, count=1):
-    """Runs into files that differ; returns what the result log says of each."""
+    """Runs --get-content, which must find files that differ; returns the result log's entry for each."""
     outcome = Destination(login).run("get-content")
     assert (outcome.code, outcome.stdout, outcome.stderr) == (2, b"", WRAPPING.encode())
     assert not Session().exists("dump-name") and not Session().exists("migration-result-name")
@@ -90,7 +90,7 @@ def test_file_beyond_32_bits_arrives_whole_and_is_known_again(verified, source):
     running = Destination().start("get-content", "--no-check-space")
 
     def ended():
-        # So that the copy, which is in memory here, need not fit there.
+        # Digs holes into the copy: it is on a file system in memory, where it would not fit.
         if os.path.exists(f"{ARCHIVES}/large"):
             subprocess.run(["fallocate", "--dig-holes", f"{ARCHIVES}/large"], check=True)
         return running.ended()
@@ -102,7 +102,7 @@ def test_file_beyond_32_bits_arrives_whole_and_is_known_again(verified, source):
     assert dict(files[1])["size-total"] == str(size) and dict(files[1])["size-left"] == "0"
     assert left(ROOT) == []
     before = len(source.lines())
-    # The sum takes a while, and is not of a file that is fetched.
+    # Nothing is fetched; the time is for the sum of the local file.
     assert Destination().start("get-content", "--no-check-space").finish(180) == Outcome(0, b"", b"")
     assert len(source.lines()) == before + 1
     os.unlink(f"{ARCHIVES}/large")  # too much to look into
@@ -185,7 +185,7 @@ def test_output_cut_without_an_exit_status_is_found_out(content_verify):
 
 @pytest.mark.parametrize("shell, code", [("/bin/dash", 0), ("/bin/bash", 2)], ids=["dash", "bash"])
 def test_name_that_some_login_shells_expand_is_always_compared(shell, code):
-    """As bash takes it, the first name means the other two files."""
+    """In bash the first name means the other two files."""
     with SourceHost(recording=False):
         use_shell(shell)
         offered(ROOT, ("{a,b}", b"braces"), ("a", b"1"), ("b", b"2"))
@@ -202,7 +202,7 @@ def test_name_that_some_login_shells_expand_is_always_compared(shell, code):
 
 @pytest.mark.parametrize("shell", ["/bin/dash", "/bin/bash"], ids=["dash", "bash"])
 def test_name_that_some_login_shells_expand_stays_when_there_is_nothing_to_compare(shell):
-    """By bash the first name fetches, and would remove, the other two files, which come later."""
+    """In bash the first name fetches, and would remove, the other two files, which come later."""
     nothing = {"size": None, "md5sum": None}
     with SourceHost(recording=False):
         use_shell(shell)
