@@ -1,6 +1,4 @@
-"""Signals at every step: alarms disturb none, a stop request ends the run in order, and a later run continues a killed
-one.
-"""
+"""Signals at every step: alarms disturb none, a stop request ends it in order, a killed run can be continued."""
 import os
 import shutil
 import signal
@@ -83,9 +81,7 @@ def check_dump(outcome, alarmed, server, connections=1):
 
 
 class LateServer(ScriptedServer):
-    """Accepts connections only when the test says so. It has room for one waiting connection, and that place is
-    taken.
-    """
+    """Accepts connections only when the test says so. Its only place for a waiting connection is taken."""
 
     def __enter__(self):
         self._accepting = threading.Event()

@@ -1,6 +1,6 @@
 """Attacks by sites of nginx and Apache, and by pools of PHP."""
 import test_apache_sites
-import test_nginx_sites
+import test_hostile_nginx
 import test_pools
 from hostile_proofs import Attack, goes_in, says
 from lxml import etree
@@ -17,7 +17,7 @@ def add_sites(session, port):
     """Puts a site of nginx and one of Apache into the session, in /srv/a, which is restored; yields the attacks."""
     definitions = []
     blocks = [directive("listen", "80"), directive("server_name", "a.test"), directive("root", "/srv/a")]
-    for name, xml in test_nginx_sites.ATTACKS.items():
+    for name, xml in test_hostile_nginx.ATTACKS.items():
         xml = xml.replace("<arg>/x/</arg>", f"<arg>/x{len(blocks)}/</arg>")
         blocks.append(xml)
         yield Attack(f"nginx: {name}", goes_in(xml))
