@@ -16,7 +16,7 @@ from sondrel_restore.web.config_kind import Candidate
 from sondrel_restore.web.directives import Directive, for_nginx, to_bytes
 from sondrel_restore.web.judge import file_name
 from sondrel_restore.web.nginx_arguments import NginxArguments
-from sondrel_restore.web.nginx_here import BUCKET_SIZE, NginxHere, normal_listen, read_here
+from sondrel_restore.web.nginx_here import BUCKET_SIZE, NginxHere, ask_here, normal_listen, read_here
 from sondrel_restore.web.nginx_listen import ports_of
 from sondrel_restore.web.nginx_names import Names
 from sondrel_restore.web.nginx_rules import NginxRules
@@ -54,15 +54,20 @@ class Nginx(site_kind.SiteKind):
         self._defaults: dict[str, str] = {}
         self._refusal = ""
         self._release = (0, 0, 0)
+        # The same for all sites of a plan: why nginx could not start here, and its default site if that is the reason.
+        self._why_not_started = ""
+        self._default_in_the_way: frozenset[str] = frozenset()
 
     def look(self, restore: Restore) -> None:
         self._here, self._defaults, self._refusal = NginxHere(), {}, ""
+        self._why_not_started, self._default_in_the_way = "", frozenset()
         if not restore.host.has_program("nginx"):
             return
         told = restore.host.run(["nginx", "-T", "-q"], check=False)
         if told.status != 0:
             self._refusal = f"nginx refuses the configuration that it has here: {_first_line(told.stderr)}"
         self._here = read_here(told.stdout)
+        self._look_at_start(restore)
         version = restore.host.run(["nginx", "-v"], check=False).stderr.rpartition("/")[2].split()
         numbers = [int(each) for each in (version[0] if version else "").split(".") if each.isdigit()]
         self._release = (numbers[0], numbers[1], numbers[2]) if len(numbers) == 3 else (0, 0, 0)
@@ -119,23 +124,21 @@ class Nginx(site_kind.SiteKind):
                 file for file in others if file.startswith(f"{_DIRECTORY}/sites-enabled/"))
         taken = self.taken_address(_listens(servers), self._here.listens, own)
         why = taken or _shared_with_apache(restore, servers) or self.ports_here.why_taken(
-            ports_of(servers)) or self._why_not_started(restore)
-        return why, self._default_in_the_way(restore)
+            ports_of(servers)) or self._why_not_started
+        return why, self._default_in_the_way
 
-    def _why_not_started(self, restore: Restore) -> str:
-        """Why nginx, if it does not run, could not start with the rest of its configuration here; empty if it can."""
-        for address, files in self._not_to_be_had(restore):
-            others = sorted(files - self.made - self._default_in_the_way(restore))
-            if others:
-                return f"Apache has {address}, at which {', '.join(others)} lets nginx listen: change it there"
-        return ""
-
-    def _default_in_the_way(self, restore: Restore) -> frozenset[str]:
-        """The default site of nginx's package, if it keeps nginx from starting."""
-        if any(NGINX_DEFAULT in files for _, files in self._not_to_be_had(restore)) and os.path.islink(NGINX_DEFAULT) \
+    def _look_at_start(self, restore: Restore) -> None:
+        """Whether nginx, if it does not run, could start with what is configured here."""
+        blocked = self._not_to_be_had(restore)
+        if any(NGINX_DEFAULT in files for _, files in blocked) and os.path.islink(NGINX_DEFAULT) \
                 and is_as_packaged(restore.host, "nginx-common", os.path.realpath(NGINX_DEFAULT)):
-            return frozenset((NGINX_DEFAULT,))
-        return frozenset()
+            self._default_in_the_way = frozenset((NGINX_DEFAULT,))
+        for address, files in blocked:
+            others = sorted(files - self.made - self._default_in_the_way)
+            if others:
+                self._why_not_started = (
+                    f"Apache has {address}, at which {', '.join(others)} lets nginx listen: change it there")
+                return
 
     def _not_to_be_had(self, restore: Restore) -> list[tuple[str, set[str]]]:
         """If nginx does not run: its configured addresses that Apache uses or will use, with their files."""
@@ -188,7 +191,7 @@ class Nginx(site_kind.SiteKind):
 
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
         os.makedirs("/var/cache/nginx", mode=0o755, exist_ok=True)
-        here = read_here(restore.host.run(["nginx", "-T", "-q"], check=False).stdout) if not entries else NginxHere()
+        here = ask_here(restore.host) if not entries else NginxHere()
         ports = PortsHere(restore.host, self.program)
         if any(NGINX_DEFAULT in files and ports.why_taken([port_of(address)])
                for address, files in here.listens.items()):

@@ -5,6 +5,8 @@ import dataclasses
 import re
 from collections.abc import Iterator
 
+from sondrel_restore.host import Host
+
 # The room for each name in nginx's table of names.
 BUCKET_SIZE = "server_names_hash_bucket_size"
 
@@ -53,6 +55,11 @@ class NginxHere:
             match = re.match(r"(?:zone|keys_zone)=([^:]+):", each)
             if match and (name.endswith("_zone") or name.endswith("_cache_path")):
                 self.zones[match[1]] = file
+
+
+def ask_here(host: Host) -> NginxHere:
+    """What nginx on this host says itself; nothing where it is not here or refuses its configuration."""
+    return read_here(host.run(["nginx", "-T", "-q"], check=False).stdout if host.has_program("nginx") else "")
 
 
 def read_here(output: str) -> NginxHere:

@@ -12,7 +12,7 @@ from sondrel_restore.description import is_below
 from sondrel_restore.restore import Restore
 from sondrel_restore.web.apache_here import files_here
 from sondrel_restore.web.config_kind import links
-from sondrel_restore.web.nginx_here import read_here
+from sondrel_restore.web.nginx_here import ask_here
 from sondrel_restore.web.own_sites import OF_PACKAGES
 
 _APACHE_PATHS = re.compile(
@@ -49,10 +49,8 @@ class OwnRoots:
                 yield root, file
 
     def _of_nginx(self) -> Iterator[tuple[str, str]]:
-        if self._restore.host.has_program("nginx"):
-            roots = read_here(self._restore.host.run(["nginx", "-T", "-q"], check=False).stdout).roots
-            yield from ((root, file) for root, files in sorted(roots.items()) for file in sorted(files)
-                        if root.startswith("/"))
+        yield from ((root, file) for root, files in sorted(ask_here(self._restore.host).roots.items())
+                    for file in sorted(files) if root.startswith("/"))
 
 
 def _of_apache() -> Iterator[tuple[str, str]]:

@@ -8,7 +8,7 @@ from collections.abc import Iterable
 from sondrel_restore.host import Host
 from sondrel_restore.web.apache_here import files_here
 from sondrel_restore.web.judge import programs_at
-from sondrel_restore.web.nginx_here import read_here
+from sondrel_restore.web.nginx_here import ask_here
 from sondrel_restore.web.service import running
 
 NGINX_DEFAULT = "/etc/nginx/sites-enabled/default"
@@ -68,10 +68,7 @@ class PortsHere:
 
     def _of_nginx(self) -> dict[int, list[str]]:
         found: dict[int, list[str]] = {}
-        if not self._host.has_program("nginx"):
-            return found
-        listens = read_here(self._host.run(["nginx", "-T", "-q"], check=False).stdout).listens
-        for address, files in listens.items():
+        for address, files in ask_here(self._host).listens.items():
             port = port_of(address)
             found[port] = sorted({*found.get(port, []), *files})
         return found
