@@ -33,7 +33,6 @@ class MySqlMaking:
         self._server = server
         self._accounts = Accounts(server, self._making)
         self._rights = Rights(server, self._making)
-        self._left_out: list[str] = []
 
     def apply(self) -> Facts:
         """Makes it from nothing, also where an earlier apply had come to its end or been broken off.
@@ -53,7 +52,7 @@ class MySqlMaking:
             self._make_database()
             try:
                 login = server.make_loader(loader, name)
-                self._left_out += server.load(self._making.restore.host, name, login, dump.statements())
+                self._making.left_out += server.load(self._making.restore.host, name, login, dump.statements())
                 self._drop_tables_elsewhere(dump.rows)
                 self._check_rows(dump.rows)
                 for text in settle_definers(server, self._making.database, loader, self._accounts.own()):
@@ -61,11 +60,9 @@ class MySqlMaking:
             finally:
                 server.remove_loader(loader)
         self._rights.give(self._accounts.own())
-        if self._left_out:
-            self._making.name(f"{len(self._left_out)} statements of the dump failed and are left out:"
-                              f" {some(self._left_out)}")
+        self._making.name_left_out()
         return {**self._making.facts, "loader": "", "made": True, "sum": self._making.database.sum(),
-                "left_out": self._left_out[:100], "fingerprint": server.fingerprint(name)}
+                "left_out": self._making.left_out[:100], "fingerprint": server.fingerprint(name)}
 
     def _make_database(self) -> None:
         # Removed and made again, and not filled beside the old one: no statement gives a database another name.
@@ -84,7 +81,7 @@ class MySqlMaking:
         for table, paths in self._server.directories(database).items():
             self._server.run(f"DROP TABLE {identifier(database)}.{identifier(table)}")
             rows.pop(table, None)
-            self._left_out.append(f"the table {table}, which would lie in {some(paths)}")
+            self._making.left_out.append(f"the table {table}, which would lie in {some(paths)}")
             for path in paths if re.fullmatch(r"\w+", database) else ():
                 with contextlib.suppress(OSError, RestoreError), open_directory(path) as directory:
                     # Only if nothing else is in it.
@@ -93,8 +90,4 @@ class MySqlMaking:
     def _check_rows(self, rows: dict[str, int]) -> None:
         database = self._making.database.name
         here = self._server.rows(database, set(self._server.tables(database)) & set(rows))
-        wrong = [f"{table} has {here.get(table, 0)} rows and not {count}" for table, count in sorted(rows.items())
-                 if here.get(table, 0) < count]
-        if wrong:
-            errors = f"; the server said: {some(self._left_out)}" if self._left_out else ""
-            raise RestoreError(f"Not all of the dump could be loaded: {some(wrong)}{errors}")
+        self._making.check_rows(rows, here, str)

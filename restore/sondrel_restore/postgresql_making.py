@@ -11,7 +11,7 @@ from sondrel_restore.postgresql_dump import PostgreSqlDump
 from sondrel_restore.postgresql_here import Here
 from sondrel_restore.postgresql_rights import Rights
 from sondrel_restore.postgresql_roles import Roles, own_roles
-from sondrel_restore.postgresql_server import Counts, PostgreSqlServer, identifier, literal
+from sondrel_restore.postgresql_server import PostgreSqlServer, identifier, literal
 from sondrel_restore.postgresql_statements import Statements
 from sondrel_restore.restore import Restore
 
@@ -36,7 +36,6 @@ class PostgreSqlMaking:
         self._statements = Statements(here.server, self._making)
         self._roles = Roles(here.server, self._making, self._statements)
         self._rights = Rights(here.server, self._making, self._statements)
-        self._left_out: list[str] = []
 
     def apply(self) -> Facts:
         """Loads it into a database of its own, which takes the name when it is complete; returns the facts on it."""
@@ -53,20 +52,19 @@ class PostgreSqlMaking:
             try:
                 self._make_database(loader)
                 schemas = self._make_extensions(loader)
-                self._left_out += server.load(loader, loader, login, dump.statements(schemas))
+                self._making.left_out += server.load(loader, loader, login, dump.statements(schemas))
                 counts = server.counted(loader)
-                _check_rows(counts, dump, self._left_out)
+                here = {(schema, table): count for schema, table, count, _ in counts}
+                self._making.check_rows(dump.rows, here, ".".join)
                 self._hand_over(loader, owner, dump)
                 self._rights.give(loader, dump)
                 server.remove_loader(loader, loader)
-                facts = {"sum": self._making.database.sum(), "left_out": self._left_out[:100],
+                facts = {"sum": self._making.database.sum(), "left_out": self._making.left_out[:100],
                          "fingerprint": server.fingerprint_of(loader, counts)}
                 self._put_in_place(loader)
             finally:
                 clear_away(server, {"loader": loader})
-        if self._left_out:
-            self._making.name(f"{len(self._left_out)} statements of the dump failed and are left out:"
-                              f" {some(self._left_out)}")
+        self._making.name_left_out()
         return {**self._making.facts, **facts, "loader": "", "made": True}
 
     def _make_database(self, loader: str) -> None:
@@ -129,13 +127,3 @@ class PostgreSqlMaking:
         # Not before: what was here until now is not this session's.
         self._making.note({"made": True})
         self._server.rename_database(loader, self._making.database.name)
-
-
-def _check_rows(counts: Counts, dump: PostgreSqlDump, left_out: list[str]) -> None:
-    """RestoreError if a table has fewer rows than the dump."""
-    here = {(schema, table): count for schema, table, count, _ in counts}
-    wrong = [f"{'.'.join(table)} has {here.get(table, 0)} rows and not {count}"
-             for table, count in sorted(dump.rows.items()) if here.get(table, 0) < count]
-    if wrong:
-        errors = f"; the server said: {some(left_out)}" if left_out else ""
-        raise RestoreError(f"Not all of the dump could be loaded: {some(wrong)}{errors}")
