@@ -12,7 +12,7 @@ from batch_runs import ARCHIVES, ASKED, FILES, REMOVER, get_content
 from content import left, md5, offered
 from invariants import check
 from tool import Destination, Outcome, Session
-from world import CONFIGURATION, HOST, ROOT, files_below, read, wait_until, write
+from world import CONFIGURATION, HOST, ROOT, files_below, kill_together, read, wait_until, write
 
 
 def failures():
@@ -238,9 +238,7 @@ def test_run_that_is_killed_amid_an_archive_loses_nothing(halfway, content_verif
 @pytest.mark.matrix("network")
 def test_connection_that_is_lost_amid_an_archive_loses_nothing(halfway, content_verify):
     running, _ = halfway
-    for pid, command in world.processes():
-        if command.startswith(b"sshd: "):
-            os.kill(pid, signal.SIGKILL)
+    kill_together([pid for pid, command in world.processes() if command.startswith(b"sshd: ")])
     outcome = running.finish()
     assert outcome == Outcome(2, b"", b"Error during dump retrieval")
     check(outcome, THREE_FILES)

@@ -10,7 +10,7 @@ from fleet import COLLECTION, CONTROLLER, PLAYBOOK, inventory, link_collection, 
 from fleet_controller import new_controller  # noqa: F401  # pylint: disable=unused-import
 from fleet_controller import assert_only_where_the_playbook_is
 from migrating import IMITATION, STEPS, ImitatedSondrel
-from world import HOST, SESSION, processes, wait_until, write
+from world import HOST, SESSION, kill_together, processes, wait_until, write
 
 sys.path.append(f"{COLLECTION}/plugins/filter")
 from sondrel_summary import sondrel_failure, sondrel_summary  # noqa: E402  it lies in the collection
@@ -115,9 +115,7 @@ def test_what_was_killed_is_cut_short_and_is_gone_on_with(imitated):
     hold(imitated, "dump")
     begin(imitated)
     wait_until(lambda: imitated.is_at("dump"), "the dump")
-    for pid, command in processes():
-        if command.startswith(os.fsencode(f"{imitated.program}\0")):
-            os.kill(pid, signal.SIGKILL)
+    kill_together([pid for pid, command in processes() if command.startswith(os.fsencode(f"{imitated.program}\0"))])
     found = look(imitated, wait_seconds=30)
     assert (found["state"], found["step"], found["exit_code"]) == ("cut short", "dump", 128 + signal.SIGKILL)
     os.unlink(f"{IMITATION}/dump")

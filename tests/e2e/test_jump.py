@@ -1,6 +1,5 @@
 """Connections through a jump host: SONDREL_JUMP, and --jump of sondrel-migrate."""
 import os
-import signal
 import subprocess
 
 import pytest
@@ -8,7 +7,7 @@ import pytest
 from migrating import State, in_place, migrate, sample_source
 from source_host import SourceHost, deployed_agent
 from tool import Destination, Session
-from world import CONFIGURATION, DTM, HOST, PLAIN, ROOT, processes, read, wait_until, write
+from world import CONFIGURATION, DTM, HOST, PLAIN, ROOT, kill_together, processes, read, wait_until, write
 
 PORT = 2222
 JUMP = f"{PLAIN.name}@{HOST}:{PORT}"
@@ -170,10 +169,8 @@ def test_a_jump_host_that_goes_is_a_lost_connection(jump):
     deployed_agent(ROOT, "touch /mnt/begun; exec sleep 1000\n")
     running = Destination().start("dump-all", environment={"SONDREL_JUMP": JUMP})
     wait_until(lambda: os.path.exists("/mnt/begun"), "the agent to begin")
-    for pid in jump.connections():
-        # sshd's privileged process, and the one that serves the connection.
-        for part in [*children(pid), pid]:
-            os.kill(part, signal.SIGKILL)
+    # sshd's privileged process, and the one that serves the connection.
+    kill_together([part for pid in jump.connections() for part in [*children(pid), pid]])
     outcome = running.finish(30)
     assert outcome.code == 2, outcome
     assert b"Lost connection with the remote host" in Session().read("migration.result")

@@ -10,8 +10,8 @@ from gates import CAT, PROGRAMS, WAIT, Gate, gated_host
 from linux_agent import check_schema
 from migrating import MIGRATE, STEPS, State, in_place, migrate, progress_of, sample_source, start, status
 from tool import Destination, Running, Session
-from world import (DTM, HOST, PLAIN, RECORDS, ROOT, SESSION, SOURCE_TREE, SUDOER, files_below, owner_and_mode, read,
-                   wait_until, write)
+from world import (DTM, HOST, PLAIN, RECORDS, ROOT, SESSION, SOURCE_TREE, SUDOER, files_below, kill_together, owner_and_mode,
+                   read, wait_until, write)
 
 FILES = {"domains/a.test/web/index": b"page", "domains/a.test/mail/1": b"letter", "clients/jo/web/x": b"x"}
 PAGES = {os.fsencode(f"content/{path}"): content for path, content in FILES.items()}
@@ -270,8 +270,7 @@ def interrupted_source():
 
 def end_connections(host):
     """Kills the server's processes for connections, as when the machine loses its network."""
-    for pid in host.connections():
-        os.kill(pid, signal.SIGKILL)
+    kill_together(host.connections())
 
 
 # The gates are in the commands for single files.

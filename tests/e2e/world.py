@@ -118,6 +118,16 @@ def process_running(*arguments):
     return next((pid for pid, command in processes() if command == wanted), None)
 
 
+def kill_together(pids):
+    """Kills these processes, one at least. One of them may end by itself because another one is gone."""
+    killed = 0
+    for pid in pids:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGKILL)
+            killed += 1
+    assert killed, "no process to kill"
+
+
 def processor_ticks(pid):
     """The processor time that a process and the system for it have used, in the system's ticks."""
     fields = read(f"/proc/{pid}/stat").rpartition(b")")[2].split()
