@@ -43,18 +43,21 @@ class Download {
       const Time granted = useGrant();
       sent_ = std::max(sent_ + packetTime_, granted + roundTrip_ / 2);
       now_ = std::max(now_, sent_ + roundTrip_ / 2);
+      grant();
       left_ -= PACKET;
       received += PACKET;
-      const std::size_t more = window_.grant(left_, now_);
-      largestGrant_ = std::max(largestGrant_, more);
-      left_ += more;
-      if (more > 0) grants_.emplace_back(now_, more);
+      grant();
     }
     return received;
   }
 
+  void sawRoundTrip(Duration taken) { window_.addRoundTrip(taken); }
+
   std::size_t target() const { return window_.target(); }
   std::size_t largestGrant() const { return largestGrant_; }
+  /// The most that the server was allowed to send at any time.
+  std::size_t largestWindow() const { return largestWindow_; }
+  void forgetLargest() { largestGrant_ = largestWindow_ = 0; }
 
  private:
   Time useGrant() {
@@ -67,6 +70,14 @@ class Download {
     return grants_.front().first;
   }
 
+  void grant() {
+    const std::size_t more = window_.grant(left_, now_);
+    largestGrant_ = std::max(largestGrant_, more);
+    left_ += more;
+    largestWindow_ = std::max(largestWindow_, left_);
+    if (more > 0) grants_.emplace_back(now_, more);
+  }
+
   ReceiveWindow window_;
   Duration roundTrip_;
   Duration packetTime_;
@@ -75,6 +86,7 @@ class Download {
   std::size_t left_ = 0;
   std::deque<std::pair<Time, std::size_t>> grants_;
   std::size_t largestGrant_ = 0;
+  std::size_t largestWindow_ = 0;
 };
 
 }  // namespace
@@ -85,9 +97,9 @@ TEST(ReceiveWindowTest, StaysSmallOnAShortWay) {
   EXPECT_EQ(download.target(), ReceiveWindow::SMALLEST);
 }
 
-TEST(ReceiveWindowTest, GrowsToItsLargestOnALongFastWay) {
+TEST(ReceiveWindowTest, GrowsToItsLargestInALongCommandOnALongFastWay) {
   Download download(200ms, 1e9);
-  download.run(3s);
+  download.run(400s);
   EXPECT_EQ(download.target(), ReceiveWindow::LARGEST);
   EXPECT_GT(download.run(1s), 300 * MIB);
 }
@@ -95,7 +107,7 @@ TEST(ReceiveWindowTest, GrowsToItsLargestOnALongFastWay) {
 TEST(ReceiveWindowTest, FillsASlowWayAndGrowsNoFurther) {
   // 1 Gbit/s at 50 ms: 6 MB are on the way at any time.
   Download download(50ms, 125e6);
-  download.run(1s);
+  download.run(4s);
   EXPECT_GT(download.run(1s), 120u * 1000 * 1000);
   EXPECT_LE(download.target(), 16 * MIB);
   Download slow(200ms, 1e6);
@@ -103,21 +115,49 @@ TEST(ReceiveWindowTest, FillsASlowWayAndGrowsNoFurther) {
   EXPECT_EQ(slow.target(), ReceiveWindow::SMALLEST);
 }
 
+TEST(ReceiveWindowTest, GrowsAlthoughMostRoundTripsTakeLongerThanTheShortest) {
+  // A busy machine answers later than it did once: the whole window comes in a burst, then nothing
+  // for 80 ms.
+  Download download(80ms, 1e9);
+  download.sawRoundTrip(50ms);
+  download.run(2s);
+  EXPECT_GE(download.target(), 4 * MIB);
+}
+
+TEST(ReceiveWindowTest, CostsAServerThatReadsAheadNoMoreThanTheCommandIsWorth) {
+  Download download(100ms, 1e9);
+  download.run(320ms);
+  EXPECT_LE(download.largestWindow(), 2 * MIB);
+  download.run(1s);
+  EXPECT_GE(download.largestWindow(), 3 * MIB);
+  EXPECT_LE(download.largestWindow(), 5 * MIB);
+  download.run(7s);
+  EXPECT_GE(download.largestWindow(), 9 * MIB);
+  EXPECT_LE(download.largestWindow(), 11 * MIB);
+}
+
 TEST(ReceiveWindowTest, IsGrantedInStepsThatFollowWhatHasCome) {
   Download download(200ms, 1e9);
-  download.run(3s);
   EXPECT_LE(download.largestGrant(), ReceiveWindow::SMALLEST);
+  download.run(300ms);
+  download.forgetLargest();
+  download.run(3s);
+  EXPECT_LE(download.largestGrant(), 2 * ReceiveWindow::STEP);
 }
 
 TEST(ReceiveWindowTest, KeepsForTheNextCommandWhatItHasLearnt) {
   Download download(100ms, 1e9);
-  download.run(3s);
+  download.run(10s);
   const std::size_t learnt = download.target();
+  EXPECT_GE(learnt, 8 * MIB);
   download.start();
+  download.forgetLargest();
   EXPECT_EQ(download.target(), learnt);
-  // It doubles with each round trip, without learning anew.
-  download.run(800ms);
-  EXPECT_GT(download.run(1s), 500 * MIB);
+  // A command of its own has to be worth a large window, too.
+  download.run(300ms);
+  EXPECT_LE(download.largestWindow(), 2 * MIB);
+  download.run(1s);
+  EXPECT_GE(download.largestWindow(), 3 * MIB);
 }
 
 TEST(ReceiveWindowTest, CountsTheShortestRoundTrip) {
@@ -136,10 +176,16 @@ TEST(ReceiveWindowTest, DoesNotGrowByWhatItCannotMeasure) {
   window.begin(MIB, Time{});
   EXPECT_EQ(window.grant(0, Time{} + 1ms), MIB);
   EXPECT_EQ(window.target(), ReceiveWindow::SMALLEST);
-  window.addRoundTrip(1s);
-  // The clock stands still.
-  EXPECT_EQ(window.grant(0, Time{} + 1ms), MIB);
-  EXPECT_EQ(window.target(), ReceiveWindow::SMALLEST);
+}
+
+TEST(ReceiveWindowTest, DoesNotCountThePauseBeforeTheFirstBytes) {
+  ReceiveWindow window;
+  window.addRoundTrip(10ms);
+  window.begin(MIB, Time{});
+  EXPECT_EQ(window.grant(MIB, Time{}), 0u);
+  EXPECT_EQ(window.grant(MIB, Time{} + 1s), 0u);
+  EXPECT_EQ(window.grant(0, Time{} + 1s + 5ms), 3 * MIB / 2);
+  EXPECT_EQ(window.target(), 2 * MIB);
 }
 
 TEST(ReceiveWindowTest, GrantsNothingThatIsNotWorthAMessage) {
@@ -147,4 +193,13 @@ TEST(ReceiveWindowTest, GrantsNothingThatIsNotWorthAMessage) {
   window.begin(MIB, Time{});
   EXPECT_EQ(window.grant(MIB - ReceiveWindow::STEP + 1, Time{}), 0u);
   EXPECT_EQ(window.grant(MIB - ReceiveWindow::STEP, Time{}), ReceiveWindow::STEP);
+}
+
+TEST(ReceiveWindowTest, GrantsNothingBeyondAWindowThatIsLargerThanAllowed) {
+  ReceiveWindow window;
+  window.begin(65536, Time{});
+  EXPECT_EQ(window.grant(4 * MIB, Time{}), 0u);
+  window.begin(4 * MIB, Time{});
+  EXPECT_EQ(window.grant(3 * MIB, Time{} + 1ms), 0u);
+  EXPECT_EQ(window.grant(5 * MIB, Time{} + 2ms), 0u);
 }
