@@ -22,7 +22,7 @@ namespace migrate {
 
 namespace {
 
-constexpr mode_t FOLDER_MODE = 0750;
+constexpr mode_t DIRECTORY_MODE = 0750;
 /// Often enough for a line that is redrawn at most ten times a second.
 constexpr int PROGRESS_TICK_MS = 200;
 constexpr int NO_TICK = -1;
@@ -91,24 +91,24 @@ int Migration::execute() {
 void Migration::prepareSession() {
   // Creates the session directory as sondrel does.
   const SessionFiles session(request_.sessionPath);
-  const std::string folder = State::folderIn(request_.sessionPath);
-  if (make_dir(folder, geteuid(), serviceAccount().group, FOLDER_MODE) != 0) {
-    throw Exc<&MigrateImpossible>(HERE) % (folder + ": " + std::strerror(errno));
+  const std::string directory = State::directoryIn(request_.sessionPath);
+  if (make_dir(directory, geteuid(), serviceAccount().group, DIRECTORY_MODE) != 0) {
+    throw Exc<&MigrateImpossible>(HERE) % (directory + ": " + std::strerror(errno));
   }
   refuseForeignGroup(request_.sessionPath, console_);
-  takeLock(folder);
+  takeLock(directory);
 }
 
 /// Takes the lock. A sondrel of a killed run may just be ending: waits for it, so that the user
 /// need not start this program again.
-void Migration::takeLock(const std::string& folder) {
+void Migration::takeLock(const std::string& directory) {
   const auto deadline = std::chrono::steady_clock::now() + ORPHAN_WAIT;
-  while (SessionLock::isHeldByOrphan(folder) && std::chrono::steady_clock::now() < deadline) {
+  while (SessionLock::isHeldByOrphan(directory) && std::chrono::steady_clock::now() < deadline) {
     std::vector<pollfd> nothing;
     signals_.wait(nothing, ORPHAN_TICK_MS);
     signals_.check();
   }
-  lock_.emplace(folder);
+  lock_.emplace(directory);
 }
 
 void Migration::loadState() {

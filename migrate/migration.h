@@ -34,7 +34,7 @@ class Migration {
 
  private:
   void prepareSession();
-  void takeLock(const std::string& folder);
+  void takeLock(const std::string& directory);
   void loadState();
   void takeSettings();
   void planStepToGoBackTo(Settings& settings) const;

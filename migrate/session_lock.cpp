@@ -16,8 +16,8 @@ namespace migrate {
 
 namespace {
 
-std::string lockFileIn(const std::string& folder) {
-  return folder + "/lock";
+std::string lockFileIn(const std::string& directory) {
+  return directory + "/lock";
 }
 
 /// A write lock on the whole file.
@@ -36,9 +36,9 @@ bool isGone(pid_t pid) {
   return kill(pid, 0) != 0 && errno == ESRCH;
 }
 
-[[noreturn]] void throwBusy(const std::string& folder) {
-  const std::string session = getPath(folder);
-  const std::optional<pid_t> pid = SessionLock::holder(folder);
+[[noreturn]] void throwBusy(const std::string& directory) {
+  const std::string session = getPath(directory);
+  const std::optional<pid_t> pid = SessionLock::holder(directory);
   const std::string process = pid ? " (process " + std::to_string(*pid) + ")" : "";
   if (pid && isGone(*pid)) {
     throw Exc<&MigrateSessionBusy>(HERE) %
@@ -53,8 +53,8 @@ bool isGone(pid_t pid) {
 
 }  // namespace
 
-SessionLock::SessionLock(const std::string& folder) {
-  const std::string path = lockFileIn(folder);
+SessionLock::SessionLock(const std::string& directory) {
+  const std::string path = lockFileIn(directory);
   file_ = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640));
   if (!file_) failWithErrno(path);
   // The service account may ask for the status, which reads this file.
@@ -63,7 +63,7 @@ SessionLock::SessionLock(const std::string& folder) {
   }
   struct flock lock = wholeFile();
   if (fcntl(file_.get(), F_OFD_SETLK, &lock) != 0) {
-    if (errno == EAGAIN || errno == EACCES) throwBusy(folder);
+    if (errno == EAGAIN || errno == EACCES) throwBusy(directory);
     failWithErrno(path);
   }
   const std::string text = std::to_string(getpid()) + "\n";
@@ -73,20 +73,20 @@ SessionLock::SessionLock(const std::string& folder) {
   }
 }
 
-bool SessionLock::isHeld(const std::string& folder) {
-  const UniqueFd file(open(lockFileIn(folder).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+bool SessionLock::isHeld(const std::string& directory) {
+  const UniqueFd file(open(lockFileIn(directory).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (!file) return false;
   struct flock lock = wholeFile();
   return fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-bool SessionLock::isHeldByOrphan(const std::string& folder) {
-  const std::optional<pid_t> pid = holder(folder);
-  return pid && isGone(*pid) && isHeld(folder);
+bool SessionLock::isHeldByOrphan(const std::string& directory) {
+  const std::optional<pid_t> pid = holder(directory);
+  return pid && isGone(*pid) && isHeld(directory);
 }
 
-std::optional<pid_t> SessionLock::holder(const std::string& folder) {
-  std::ifstream file(lockFileIn(folder));
+std::optional<pid_t> SessionLock::holder(const std::string& directory) {
+  std::ifstream file(lockFileIn(directory));
   pid_t pid = 0;
   if (!(file >> pid) || pid <= 0) return std::nullopt;
   return pid;

@@ -17,19 +17,19 @@ namespace migrate {
 /// killed.
 class SessionLock {
  public:
-  /// `folder` must exist. Throws MigrateSessionBusy when another process holds the lock,
+  /// `directory` must exist. Throws MigrateSessionBusy when another process holds the lock,
   /// MigrateImpossible when locking fails for another reason.
-  explicit SessionLock(const std::string& folder);
+  explicit SessionLock(const std::string& directory);
 
   int descriptor() const { return file_.get(); }
 
   /// True when a process holds the lock of that directory; asking does not change it.
-  static bool isHeld(const std::string& folder);
+  static bool isHeld(const std::string& directory);
   /// True when the lock is held although the process that took it has ended: a sondrel that it
   /// started holds it.
-  static bool isHeldByOrphan(const std::string& folder);
+  static bool isHeldByOrphan(const std::string& directory);
   /// The process that took the lock last, according to the file.
-  static std::optional<pid_t> holder(const std::string& folder);
+  static std::optional<pid_t> holder(const std::string& directory);
 
  private:
   UniqueFd file_;

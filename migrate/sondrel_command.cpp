@@ -91,11 +91,11 @@ std::string findProgram(const std::string& name) {
   std::string beside = (self.parent_path() / name).string();
   if (!self.empty() && isProgram(beside)) return beside;
   const char* const path = std::getenv("PATH");
-  std::istringstream folders(path ? path : "");
-  for (std::string folder; std::getline(folders, folder, ':');) {
+  std::istringstream directories(path ? path : "");
+  for (std::string directory; std::getline(directories, directory, ':');) {
     // An empty entry would mean the current directory, which any account may own.
-    if (folder.empty()) continue;
-    std::string program = folder.append("/").append(name);
+    if (directory.empty()) continue;
+    std::string program = directory.append("/").append(name);
     if (isProgram(program)) return program;
   }
   return "";

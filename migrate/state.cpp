@@ -23,7 +23,7 @@ namespace {
 
 const char* const ROOT = "sondrel-migration";
 const char* const VERSION = "1";
-const char* const FOLDER_PREFIX = "sondrel-agent-";
+const char* const DIRECTORY_PREFIX = "sondrel-agent-";
 constexpr mode_t DOCUMENT_MODE = 0640;
 
 constexpr std::array<Progress, 5> ALL_PROGRESS = {
@@ -39,13 +39,13 @@ constexpr std::array<const char*, ALL_PROGRESS.size()> PROGRESS_NAMES = {
   fail(what + ": " + std::strerror(errno));
 }
 
-std::string randomFolderName() {
+std::string randomDirectoryName() {
   std::uint32_t number = 0;
   // getrandom never returns only a part of so few bytes.
   if (getrandom(&number, sizeof number, 0) != sizeof number) failWithErrno("no random number");
   char digits[9];
   std::snprintf(digits, sizeof digits, "%08x", number);
-  return std::string(FOLDER_PREFIX) + digits;
+  return std::string(DIRECTORY_PREFIX) + digits;
 }
 
 /// Passwords go to the host that the document names, so no other account may have written it.
@@ -102,17 +102,17 @@ const char* nameOf(Progress progress) {
   return PROGRESS_NAMES[static_cast<std::size_t>(progress)];
 }
 
-std::string State::folderIn(const std::string& session) {
+std::string State::directoryIn(const std::string& session) {
   return session + "/migrate";
 }
 
 std::string State::documentIn(const std::string& session) {
-  return folderIn(session) + "/state.xml";
+  return directoryIn(session) + "/state.xml";
 }
 
 State State::fresh() {
   State state;
-  state.agentFolder_ = randomFolderName();
+  state.agentDirectoryName_ = randomDirectoryName();
   return state;
 }
 
@@ -123,14 +123,14 @@ bool State::exists(const std::string& session) {
 
 State State::load(const std::string& session) {
   const std::string path = documentIn(session);
-  refuseForeign(folderIn(session), S_IFDIR);
+  refuseForeign(directoryIn(session), S_IFDIR);
   refuseForeign(path, S_IFREG);
   try {
     tXmlDtmDocument document(path.c_str());
     document.initFileDoc(ROOT);
     if (document.getAttribute(document.root(), "version") != VERSION) fail("unknown version");
     State state;
-    state.agentFolder_ = document.getAttribute(document.root(), "agent-folder");
+    state.agentDirectoryName_ = document.getAttribute(document.root(), "agent-folder");
     for (const XmlNodeRef node : document.root().elements()) {
       const std::string name = document.getAttribute(node, "name");
       if (node.name() == "setting") {
@@ -151,7 +151,7 @@ void State::save(const std::string& session) const {
   tXmlDtmDocument document;
   document.initNewDoc(ROOT);
   document.addAttribute(document.root(), "version", VERSION);
-  document.addAttribute(document.root(), "agent-folder", agentFolder_);
+  document.addAttribute(document.root(), "agent-folder", agentDirectoryName_);
   for (const auto& [name, value] : settings.values()) {
     const XmlNodeRef node = document.newTextChild(document.root(), "setting", value);
     document.addAttribute(node, "name", name);
@@ -199,7 +199,7 @@ void State::goBackTo(Step step) {
 }
 
 std::string State::agentDir() const {
-  return agentParentOf(settings) + "/" + agentFolder_;
+  return agentParentOf(settings) + "/" + agentDirectoryName_;
 }
 
 }  // namespace migrate

@@ -33,7 +33,7 @@ struct StepRecord {
 class State {
  public:
   /// The directory of this program in a session directory.
-  static std::string folderIn(const std::string& session);
+  static std::string directoryIn(const std::string& session);
   static std::string documentIn(const std::string& session);
 
   /// A migration that has not begun. Its directory on the source host gets a random name, which no
@@ -70,7 +70,7 @@ class State {
 
  private:
   std::array<StepRecord, ALL_STEPS.size()> steps_;
-  std::string agentFolder_;
+  std::string agentDirectoryName_;
 };
 
 }  // namespace migrate

@@ -14,7 +14,7 @@ namespace migrate {
 namespace {
 
 std::string runningText(const std::string& session) {
-  const auto pid = SessionLock::holder(State::folderIn(session));
+  const auto pid = SessionLock::holder(State::directoryIn(session));
   return pid ? "running, process " + std::to_string(*pid) : "running";
 }
 
@@ -70,7 +70,7 @@ void showPlaces(const State& state, const std::string& session, Console& console
 
 void showState(const std::string& session, Console& console) {
   // Asks for the lock before reading the state: a run that ends in between has recorded its end.
-  const bool isRunning = SessionLock::isHeld(State::folderIn(session));
+  const bool isRunning = SessionLock::isHeld(State::directoryIn(session));
   const State state = State::load(session);
   console.say("host: " + state.settings.get(setting::HOST));
   console.say("agent: " + agentNameOf(state.settings) + " in " + state.agentDir());

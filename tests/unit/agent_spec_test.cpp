@@ -202,8 +202,8 @@ TEST_F(AgentSpecTest, IsKeptByTheCatalogueWhenItIsParsedAgain) {
 TEST_F(AgentSpecTest, IsMissingWhenThereIsNoFileOrADirectoryInItsPlace) {
   fs::create_directories(agents_ + "/no-control");
   fs::create_directories(agents_ + "/no-spec/control");
-  fs::create_directories(specOf("folder"));
-  for (const std::string name : {"no-control", "no-spec", "folder"}) {
+  fs::create_directories(specOf("directory"));
+  for (const std::string name : {"no-control", "no-spec", "directory"}) {
     SCOPED_TRACE(name);
     log_.lines();
     EXPECT_FALSE(factory_.parseAgent(name));

@@ -78,7 +78,7 @@ TEST_F(ContentDirectoryTest, LeavesOwnerAndModeOfWhatExists) {
 TEST_F(ContentDirectoryTest, TakesNamesOfAnyCharacters) {
   const std::string deep = [] {
     std::string name;
-    for (int i = 0; i < 50; ++i) name += "folder/";
+    for (int i = 0; i < 50; ++i) name += "directory/";
     return name + "file";
   }();
   for (const std::string& name : {std::string("a b/it's"), std::string("line\nfeed/\xC3\xA4\xFF"),
@@ -165,7 +165,7 @@ TEST_F(ContentDirectoryTest, RefusesASymbolicLinkAtEachLevelOfDirectories) {
 
 TEST_F(ContentDirectoryTest, RefusesWhateverElseIsInTheFilesPlaceWithoutWaiting) {
   ASSERT_EQ(mkfifo(path("fifo").c_str(), 0666), 0);
-  ASSERT_EQ(mkdir(path("folder").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(path("directory").c_str(), 0755), 0);
   const UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -173,9 +173,9 @@ TEST_F(ContentDirectoryTest, RefusesWhateverElseIsInTheFilesPlaceWithoutWaiting)
   ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
 
   EXPECT_EQ(failureOf("fifo"), path("fifo") + ": No such device or address");
-  EXPECT_EQ(failureOf("folder"), path("folder") + ": Is a directory");
+  EXPECT_EQ(failureOf("directory"), path("directory") + ": Is a directory");
   EXPECT_EQ(failureOf("socket"), path("socket") + ": No such device or address");
-  for (const char* name : {"fifo", "folder", "socket"}) EXPECT_EQ(read(name), "(none)") << name;
+  for (const char* name : {"fifo", "directory", "socket"}) EXPECT_EQ(read(name), "(none)") << name;
 
   const UniqueFd reader(open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK));
   EXPECT_EQ(failureOf("fifo"), path("fifo") + ": Invalid argument");

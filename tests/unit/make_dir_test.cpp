@@ -51,14 +51,14 @@ TEST(MakeDirTest, MakesARelativePath) {
 TEST(MakeDirTest, HeedsTheUmask) {
   const ScopedTempDir dir;
   const UmaskGuard mask(077);
-  EXPECT_EQ(make_dir(dir / "folder", 0, 0, 0755), 0);
-  EXPECT_EQ(ownerAndMode(dir / "folder"), "0:0 700");
+  EXPECT_EQ(make_dir(dir / "directory", 0, 0, 0755), 0);
+  EXPECT_EQ(ownerAndMode(dir / "directory"), "0:0 700");
 }
 
 TEST(MakeDirTest, FailsBelowAFile) {
   const ScopedTempDir dir;
   writeFile(dir / "file", "text");
-  EXPECT_NE(make_dir(dir / "file/folder", 0, 0, 0755), 0);
+  EXPECT_NE(make_dir(dir / "file/directory", 0, 0, 0755), 0);
   EXPECT_EQ(errno, ENOTDIR);
   EXPECT_NE(make_dir(dir / "file/a/b", 0, 0, 0755), 0);
   EXPECT_EQ(readFile(dir / "file"), "text");
@@ -72,7 +72,7 @@ TEST(MakeDirTest, FailsForASymbolicLinkThatLeadsNowhere) {
   const ScopedTempDir dir;
   ASSERT_EQ(symlink("missing", (dir / "link").c_str()), 0);
   EXPECT_NE(make_dir(dir / "link", 0, 0, 0755), 0);
-  EXPECT_NE(make_dir(dir / "link/folder", 0, 0, 0755), 0);
+  EXPECT_NE(make_dir(dir / "link/directory", 0, 0, 0755), 0);
   EXPECT_EQ(entriesOf(dir.path()), std::vector<std::string>{"link"});
 }
 
@@ -81,7 +81,7 @@ TEST(MakeDirTest, FailsWhenTheDirectoryCannotBeMadeOrGivenAway) {
   ASSERT_EQ(make_dir(dir / "closed", 0, 0, 0755), 0);
   inChild([&] {
     becomePlainUser();
-    EXPECT_NE(make_dir(dir / "closed/folder", PLAIN, PLAIN, 0755), 0);
+    EXPECT_NE(make_dir(dir / "closed/directory", PLAIN, PLAIN, 0755), 0);
     EXPECT_EQ(errno, EACCES);
     EXPECT_NE(make_dir(dir / "not-mine", 0, 0, 0755), 0);
     EXPECT_EQ(errno, EPERM);

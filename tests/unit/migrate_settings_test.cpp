@@ -44,13 +44,14 @@ TEST(MigrateSettingsTest, TakesEveryValueThatAPortCanHave) {
   }
 }
 
-TEST(MigrateSettingsTest, RefusesFoldersThatAShellOrARemovalWouldMistake) {
-  for (const char* const folder :
+TEST(MigrateSettingsTest, RefusesDirectoriesThatAShellOrARemovalWouldMistake) {
+  for (const char* const directory :
        {"agent", "/a b", "/a;b", "/$HOME", "/a/..", "/../a", "/{a,b}", "/a*", "/caf\xC3\xA9"}) {
-    EXPECT_NE(complaint([&] { Settings().set("agent-parent", folder); }), "no exception") << folder;
+    EXPECT_NE(complaint([&] { Settings().set("agent-parent", directory); }), "no exception")
+        << directory;
   }
-  for (const char* const folder : {"/root", "/home/a.b-c_d", "/", "/a..b", "/srv/"}) {
-    EXPECT_EQ(settingsOf({{"agent-parent", folder}}).get(setting::AGENT_PARENT), folder);
+  for (const char* const directory : {"/root", "/home/a.b-c_d", "/", "/a..b", "/srv/"}) {
+    EXPECT_EQ(settingsOf({{"agent-parent", directory}}).get(setting::AGENT_PARENT), directory);
   }
 }
 
@@ -67,17 +68,18 @@ TEST(MigrateSettingsTest, TakesTheValuesOfTheNewerOnes) {
 }
 
 TEST(MigrateSettingsTest, ReadsAFileWithCommentsBlanksAndEqualSigns) {
-  const ScopedTempDir folder;
-  writeFile(folder / "settings", "# c\n\n  host =  a=b  \r\nsudo\nlogin=jo\n  # d\nverbose = no");
-  EXPECT_EQ(migrate::readSettingsFile(folder / "settings").values(),
+  const ScopedTempDir directory;
+  writeFile(directory / "settings",
+            "# c\n\n  host =  a=b  \r\nsudo\nlogin=jo\n  # d\nverbose = no");
+  EXPECT_EQ(migrate::readSettingsFile(directory / "settings").values(),
             (std::map<std::string, std::string>{
                 {"host", "a=b"}, {"sudo", "yes"}, {"login", "jo"}, {"verbose", "no"}}));
 }
 
-TEST(MigrateSettingsTest, ComplainsOfAFolderInPlaceOfAFile) {
-  const ScopedTempDir folder;
-  EXPECT_EQ(complaint([&] { migrate::readSettingsFile(folder.path()); }),
-            folder.path() + " cannot be read: Is a directory");
+TEST(MigrateSettingsTest, ComplainsOfADirectoryInPlaceOfAFile) {
+  const ScopedTempDir directory;
+  EXPECT_EQ(complaint([&] { migrate::readSettingsFile(directory.path()); }),
+            directory.path() + " cannot be read: Is a directory");
 }
 
 TEST(MigrateSettingsTest, MayChangeWhatNoFinishedStepWasShapedBy) {

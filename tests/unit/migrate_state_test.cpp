@@ -16,12 +16,12 @@ namespace {
 /// A session directory with the directory of the state document.
 class MigrateStateTest : public testing::Test {
  protected:
-  MigrateStateTest() { mkdir(State::folderIn(session()).c_str(), 0750); }
+  MigrateStateTest() { mkdir(State::directoryIn(session()).c_str(), 0750); }
   std::string summary() const { return migrate::readDumpProblems(session()).summary(); }
-  const std::string& session() const { return folder_.path(); }
+  const std::string& session() const { return directory_.path(); }
 
  private:
-  ScopedTempDir folder_;
+  ScopedTempDir directory_;
 };
 
 State allDone() {
@@ -61,11 +61,11 @@ TEST_F(MigrateStateTest, LeavesNothingBesideTheDocument) {
   const State state = State::fresh();
   state.save(session());
   state.save(session());
-  EXPECT_EQ(entriesOf(State::folderIn(session())), std::vector<std::string>{"state.xml"});
+  EXPECT_EQ(entriesOf(State::directoryIn(session())), std::vector<std::string>{"state.xml"});
   EXPECT_EQ(ownerAndMode(State::documentIn(session())), "0:20000 640");
 }
 
-TEST_F(MigrateStateTest, EachMigrationHasAFolderOfItsOwn) {
+TEST_F(MigrateStateTest, EachMigrationHasADirectoryOfItsOwn) {
   EXPECT_NE(State::fresh().agentDir(), State::fresh().agentDir());
 }
 
@@ -116,25 +116,25 @@ TEST_F(MigrateStateTest, GoesBackToAStepOfTheRestoreWithoutTheAgent) {
 }
 
 TEST_F(MigrateStateTest, LockIsSeenByWhoeverAsksAndFreedWithItsOwner) {
-  const std::string folder = State::folderIn(session());
-  EXPECT_FALSE(SessionLock::isHeld(folder));
+  const std::string directory = State::directoryIn(session());
+  EXPECT_FALSE(SessionLock::isHeld(directory));
   {
-    const SessionLock lock(folder);
-    EXPECT_TRUE(SessionLock::isHeld(folder));
-    EXPECT_EQ(SessionLock::holder(folder), getpid());
-    EXPECT_EQ(whatOf<Exc<&MigrateSessionBusy>>([&] { const SessionLock second(folder); }),
+    const SessionLock lock(directory);
+    EXPECT_TRUE(SessionLock::isHeld(directory));
+    EXPECT_EQ(SessionLock::holder(directory), getpid());
+    EXPECT_EQ(whatOf<Exc<&MigrateSessionBusy>>([&] { const SessionLock second(directory); }),
               "Another run is at work on " + session() + " (process " + std::to_string(getpid()) +
                   "). \"sondrel-migrate status " + session() + "\" shows how far it is");
   }
-  EXPECT_FALSE(SessionLock::isHeld(folder));
-  const SessionLock again(folder);
+  EXPECT_FALSE(SessionLock::isHeld(directory));
+  const SessionLock again(directory);
 }
 
 TEST_F(MigrateStateTest, LockDoesNotFollowALink) {
-  const std::string folder = State::folderIn(session());
+  const std::string directory = State::directoryIn(session());
   writeFile(session() + "/precious", "kept");
-  ASSERT_EQ(symlink((session() + "/precious").c_str(), (folder + "/lock").c_str()), 0);
-  EXPECT_NE(whatOf<Exc<&MigrateImpossible>>([&] { const SessionLock lock(folder); }),
+  ASSERT_EQ(symlink((session() + "/precious").c_str(), (directory + "/lock").c_str()), 0);
+  EXPECT_NE(whatOf<Exc<&MigrateImpossible>>([&] { const SessionLock lock(directory); }),
             "no exception");
   EXPECT_EQ(readFile(session() + "/precious"), "kept");
 }

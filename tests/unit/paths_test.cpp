@@ -8,14 +8,14 @@
 TEST(CheckInputFileTest, AcceptsRegularFilesOnlyThroughSymbolicLinksAsWell) {
   const ScopedTempDir dir;
   writeFile(dir / "file", "text");
-  ASSERT_EQ(mkdir((dir / "folder").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((dir / "directory").c_str(), 0755), 0);
   ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
   ASSERT_EQ(symlink("file", (dir / "to-file").c_str()), 0);
-  ASSERT_EQ(symlink("folder", (dir / "to-folder").c_str()), 0);
+  ASSERT_EQ(symlink("directory", (dir / "to-directory").c_str()), 0);
   ASSERT_EQ(symlink("missing", (dir / "to-nothing").c_str()), 0);
   const std::pair<const char*, bool> names[] = {
-      {"file", true},        {"to-file", true},  {"folder", false},
-      {"fifo", false},       {"/../", false},    {"to-folder", false},
+      {"file", true},        {"to-file", true},  {"directory", false},
+      {"fifo", false},       {"/../", false},    {"to-directory", false},
       {"to-nothing", false}, {"missing", false}, {"file/x", false}};
   for (const auto& [name, accepted] : names) {
     SCOPED_TRACE(name);
