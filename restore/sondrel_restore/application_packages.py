@@ -35,12 +35,33 @@ _JOB = re.compile(r"^\s*[-0-9*@]")
 _PLACES = (("/etc/", 2), ("/var/lib/", 3))
 
 
+class ApplicationPackages:
+    """The packages of applications that are installed here. dpkg lists all packages only once for all of them."""
+
+    def __init__(self, restore: Restore) -> None:
+        self._restore = restore
+
+    def package(self, name: str) -> ApplicationPackage:
+        """The package of that name."""
+        return ApplicationPackage(self._restore, name, self)
+
+    def of_one_source(self, name: str) -> set[str]:
+        """The packages here that are made from the same source as the named one, with it."""
+        return {other for other, source in self._sources.items() if source == self._sources.get(name)}
+
+    @functools.cached_property
+    def _sources(self) -> dict[str, str]:
+        said = self._restore.host.run(["dpkg-query", "--show", "--showformat=${Package}\t${source:Package}\n"]).stdout
+        return dict(line.split("\t") for line in said.splitlines())
+
+
 class ApplicationPackage:
     """A package that is installed here, as dpkg records it."""
 
-    def __init__(self, restore: Restore, name: str) -> None:
+    def __init__(self, restore: Restore, name: str, packages: ApplicationPackages) -> None:
         self._restore = restore
         self.name = name
+        self._packages = packages
 
     @functools.cached_property
     def files(self) -> list[str]:
@@ -72,18 +93,12 @@ class ApplicationPackage:
         own = [path for path in self.files
                if any(path.startswith(above) and path.count("/") == depth for above, depth in _PLACES)
                and os.path.isdir(path) and not os.path.islink(path)]
-        return [path for path in own if self._owners(path) <= self._of_its_source]
+        return [path for path in own if self._owners(path) <= self._packages.of_one_source(self.name)]
 
     def _owners(self, path: str) -> set[str]:
         said = self._restore.host.run(["dpkg-query", "--search", path], check=False).stdout
         lines = (line.rpartition(": ") for line in said.splitlines())
         return {name.partition(":")[0].strip() for names, _, at in lines if at == path for name in names.split(",")}
-
-    @functools.cached_property
-    def _of_its_source(self) -> set[str]:
-        said = self._restore.host.run(["dpkg-query", "--show", "--showformat=${Package}\t${source:Package}\n"]).stdout
-        sources = dict(line.split("\t") for line in said.splitlines())
-        return {name for name, source in sources.items() if source == sources.get(self.name)}
 
     def is_as_it_came(self, path: str) -> bool:
         """Whether the file here is unchanged since the package, or its scripts with ucf, wrote it."""

@@ -1,4 +1,5 @@
 """Applications from packages: their files are restored only into directories that belong to the package alone here."""
+import copy
 import grp
 import os
 import pwd
@@ -7,7 +8,7 @@ import tarfile
 
 import destination
 import pytest
-from made_session import Member, made_of
+from made_session import PROGRAM, Member, made_of
 
 WEB = "www-data"
 WEB_GID = grp.getgrnam(WEB).gr_gid
@@ -20,8 +21,8 @@ PASSWORD = b"<?php $password = 'old passphrase';\n"
 def install(name="sample-wiki", section="web", files=None):
     """Builds a package and installs it on this host with dpkg."""
     tree = f"/mnt/packages/{name}"
-    for path, content in {f"{SETTINGS}/main.php": "<?php // as it came\n", f"{STATE}/data/first.txt": "as it came\n",
-                          **(files or {})}.items():
+    for path, content in {f"/etc/{name}/main.php": "<?php // as it came\n",
+                          f"/var/lib/{name}/data/first.txt": "as it came\n", **(files or {})}.items():
         os.makedirs(os.path.dirname(tree + path), exist_ok=True)
         with open(tree + path, "w", encoding="ascii") as file:
             file.write(content)
@@ -30,7 +31,7 @@ def install(name="sample-wiki", section="web", files=None):
         file.write(f"Package: {name}\nVersion: 1:2.1-1\nArchitecture: all\nSection: {section}\n"
                    "Maintainer: x <x@y.test>\nDescription: a sample\n")
     with open(f"{tree}/DEBIAN/conffiles", "w", encoding="ascii") as file:
-        file.write(f"{SETTINGS}/main.php\n")
+        file.write(f"/etc/{name}/main.php\n")
     subprocess.run(["dpkg-deb", "--build", "--root-owner-group", tree, f"{tree}.deb"], check=True, capture_output=True)
     # Triggers would run the machine's programs.
     subprocess.run(["dpkg", "--install", "--no-triggers", "--force-unsafe-io", f"{tree}.deb"], check=True,
@@ -86,6 +87,22 @@ def test_is_put_in_place_with_its_password_closed(session):
     session.run("undo", check=0)
     assert destination.snapshot(SETTINGS) == before
     assert not os.path.exists(f"{STATE}/data/second.txt")
+
+
+def test_all_packages_of_this_host_are_listed_once_for_several_applications(session):
+    install()
+    install("sample-blog")
+    add_wiki(session)
+    package = session.tree.find(".//site/package")
+    other = copy.deepcopy(package)
+    other.set("name", "sample-blog")
+    package.addnext(other)
+    session.write()
+    trace = subprocess.run(
+        ["strace", "-f", "-qq", "-s", "200", "-e", "trace=execve", PROGRAM, "plan", session.directory],
+        capture_output=True, text=True, check=False).stderr
+    lists = [line for line in trace.splitlines() if "${source:Package}" in line and " = 0" in line]
+    assert len(lists) == 1, trace
 
 
 def test_waits_for_its_package(session):

@@ -14,7 +14,7 @@ import os
 import stat
 from collections.abc import Iterator
 
-from sondrel_restore.application_packages import ApplicationPackage
+from sondrel_restore.application_packages import ApplicationPackage, ApplicationPackages
 from sondrel_restore.archives import Archive, Contents, Member
 from sondrel_restore.description import Element, is_below
 from sondrel_restore.host import account_of
@@ -72,12 +72,14 @@ class ApplicationKind(Kind):
     def __init__(self) -> None:
         # Installed packages with their versions, as of the last plan.
         self._installed: dict[str, str] = {}
+        self._packages: ApplicationPackages
 
     def plan(self, restore: Restore) -> Iterator[Item]:
         applications = _applications(restore)
         self._installed = installed_packages(restore) if applications else {}
+        self._packages = ApplicationPackages(restore)
         for each in applications:
-            here = ApplicationPackage(restore, each.package)
+            here = self._packages.package(each.package)
             is_here = each.package in self._installed
             if not is_here and restore.decisions.skip(f"package:{each.package}"):
                 continue
@@ -118,7 +120,7 @@ class ApplicationKind(Kind):
     def apply(self, restore: Restore, item: Item) -> Facts:
         application = item.data
         assert isinstance(application, _Application)
-        here = ApplicationPackage(restore, application.package)
+        here = self._packages.package(application.package)
         settings = self._take_settings(restore, item.identifier, application, here)
         roots = [path for path in here.directories if path.startswith(_STATE)]
         facts = dict(_facts(restore, item.identifier))
@@ -154,7 +156,7 @@ class ApplicationKind(Kind):
     def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
         application = item.data
         assert isinstance(application, _Application)
-        here = ApplicationPackage(restore, application.package)
+        here = self._packages.package(application.package)
         directories = [path for path in here.directories if path.startswith(_SETTINGS)]
         wanted, _ = _settings(restore, application, directories)
         differing = [path for path, setting in wanted.items() if content_here(path) != setting.content]
