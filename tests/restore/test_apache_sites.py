@@ -65,14 +65,18 @@ def test_starts_where_another_server_has_the_port_of_its_package(world: World) -
     assert snapshot("/etc/apache2") == before
 
 
-def both(world: World, *, apache: int, nginx: int) -> None:
-    """Describes a site of Apache and one of nginx, at these ports."""
+def of_nginx(name: str, port: int) -> str:
+    """A site of nginx with the page of /srv/b."""
+    return site(name, server(directive("listen", str(port)), directive("server_name", name),
+                             directive("root", "/srv/b"), line=port))
+
+
+def both(world: World, *more: str, apache: int, nginx: int) -> None:
+    """Describes a site of Apache and one of nginx, at these ports, and more sites."""
     own_etc("nginx")
-    os.makedirs("/var/log/nginx", exist_ok=True)
     world.describe(
         site("a.test", virtual_host(NAME, ROOT, at=f"*:{apache}"), uses="d1", kind="apache", configuration="apache1"),
-        site("b.test", server(directive("listen", str(nginx)), directive("server_name", "b.test"),
-                              directive("root", "/srv/b"))),
+        of_nginx("b.test", nginx), *more,
         configuration=f'{GRANT}</web-configuration><web-configuration name="nginx1" server="nginx" file="/etc/n.conf">',
         server_kind="apache",
     )
@@ -89,6 +93,26 @@ def test_nginx_starts_where_apache_has_the_port_of_its_default_site(world: World
         assert not world.apply(Apache, Nginx).failed
         assert get().title == "site a" and get(name="b.test", port=8080).title == "site b"
         assert all(item.state is State.SAME for item in world.plan(Apache, Nginx).items)
+        assert not world.undo(Apache, Nginx).failed
+        wait_until(lambda: running("/run/nginx.pid", "nginx") is None, "nginx runs without a site")
+    assert snapshot("/etc/apache2", "/etc/nginx") == before
+
+
+@pytest.mark.parametrize("is_later", [False, True])
+def test_the_default_site_of_nginx_stays_off_as_long_as_a_restored_site_needs_it(world: World, is_later: bool) -> None:
+    """Both sites of nginx were made together, or the second one by a later apply."""
+    third = of_nginx("c.test", 8081)
+    both(world, *(() if is_later else (third,)), apache=80, nginx=8080)
+    before = snapshot("/etc/apache2", "/etc/nginx")
+    default = "/etc/nginx/sites-enabled/default"
+    with ended("/run/nginx.pid"):
+        assert not world.apply(Apache, Nginx).failed
+        both(world, third, apache=80, nginx=8080)
+        assert not world.apply(Apache, Nginx).failed
+        undone = world.undo(Apache, Nginx, domains=frozenset(["b.test"]))
+        assert (undone.changed, undone.failed, undone.left) == (["nginx:b.test"], [], [])
+        assert not os.path.lexists(default)
+        assert get(name="c.test", port=8081).title == "site b"
         assert not world.undo(Apache, Nginx).failed
         wait_until(lambda: running("/run/nginx.pid", "nginx") is None, "nginx runs without a site")
     assert snapshot("/etc/apache2", "/etc/nginx") == before

@@ -142,9 +142,9 @@ class World:
         self.named = [text for _, text in restore.named]
         return outcome
 
-    def undo(self, *kinds: type[Kind]) -> Outcome:
-        """Undoes with new instances of the kinds."""
-        restore = self.restore()
+    def undo(self, *kinds: type[Kind], domains: frozenset[str] = frozenset()) -> Outcome:
+        """Undoes, with new instances of the kinds, all or only the objects of these domains."""
+        restore = self.restore(domains=domains)
         with restore.journal.locked():
             return undo_all(restore, [kind() for kind in kinds])
 

@@ -12,7 +12,7 @@ from sondrel_restore.kind import Missing, RestoreError
 from sondrel_restore.packages import is_as_packaged
 from sondrel_restore.restore import Restore
 from sondrel_restore.web import site_kind
-from sondrel_restore.web.config_kind import Candidate
+from sondrel_restore.web.config_kind import Candidate, switched_off
 from sondrel_restore.web.directives import Directive, for_nginx, to_bytes
 from sondrel_restore.web.judge import file_name
 from sondrel_restore.web.nginx_arguments import NginxArguments
@@ -130,7 +130,10 @@ class Nginx(site_kind.SiteKind):
     def _look_at_start(self, restore: Restore) -> None:
         """Whether nginx, if it does not run, could start with what is configured here."""
         blocked = self._not_to_be_had(restore)
-        if any(NGINX_DEFAULT in files for _, files in blocked) and os.path.islink(NGINX_DEFAULT) \
+        is_off = not os.path.lexists(NGINX_DEFAULT) and any(
+            NGINX_DEFAULT in switched_off(entry) for entry in restore.journal.entries(self.name))
+        # An earlier apply switched it off. All sites need that, so it stays off as long as one of them is here.
+        if is_off or any(NGINX_DEFAULT in files for _, files in blocked) and os.path.islink(NGINX_DEFAULT) \
                 and is_as_packaged(restore.host, "nginx-common", os.path.realpath(NGINX_DEFAULT)):
             self._default_in_the_way = frozenset((NGINX_DEFAULT,))
         for address, files in blocked:

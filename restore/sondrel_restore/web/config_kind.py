@@ -128,12 +128,12 @@ class ConfigKind(Kind):
         facts: Facts = {
             **candidate.facts, "files": {path: sum_of_bytes(content) for path, content in candidate.files.items()},
             "links": dict(candidate.links), "disabled": self._disable(restore, item.identifier, candidate),
-            "shared": sorted(candidate.shared),
+            "shared": sorted(candidate.shared), "needs_off": sorted(candidate.disables),
         }
         self._keep_before(restore, item.identifier, earlier, candidate)
         restore.journal.note(item.identifier, {
             "files": {**earlier, **{path: sum_of_bytes(content) for path, content in candidate.files.items()}},
-            "links": dict(candidate.links)})
+            "links": dict(candidate.links), "needs_off": sorted(candidate.disables)})
         for path, content in candidate.files.items():
             make_directories(os.path.dirname(path), mode=0o755, uid=0, gid=0)
             atomic_write(path, content, mode=candidate.modes.get(path, 0o644), uid=0, gid=0)
@@ -146,8 +146,7 @@ class ConfigKind(Kind):
 
     def _disable(self, restore: Restore, identifier: str, candidate: Candidate) -> dict[str, str]:
         entry = restore.journal.entry(identifier)
-        before = entry.facts.get("disabled") if entry is not None else None
-        disabled = dict(before) if isinstance(before, dict) else {}
+        disabled = switched_off(entry) if entry is not None else {}
         for link in sorted(candidate.disables):
             if link in disabled or not os.path.lexists(link):
                 continue
@@ -257,10 +256,21 @@ class ConfigKind(Kind):
         if replaced is not None:
             atomic_write(next(iter(sums(entry))), replaced, mode=0o644, uid=0, gid=0)
             remove_file(restore.journal.side_file(entry.identifier, "replaced"))
-        disabled = entry.facts.get("disabled")
-        for link, target in (disabled if isinstance(disabled, dict) else {}).items():
-            if not os.path.lexists(link):
+        for link, target in switched_off(entry).items():
+            other = self._other_that_needs_off(restore, entry, link)
+            if other is not None:
+                # The undo of that object makes the link again.
+                restore.journal.note(other.identifier, {"disabled": {**switched_off(other), link: target}})
+            elif not os.path.lexists(link):
                 make_link(link, target)
+
+    def _other_that_needs_off(self, restore: Restore, entry: Entry, link: str) -> Entry | None:
+        """Another object that could not be in effect with the link; None if there is none."""
+        for other in restore.journal.entries(self.name):
+            needed = other.facts.get("needs_off")
+            if other.identifier != entry.identifier and isinstance(needed, list) and link in needed:
+                return other
+        return None
 
     def undo(self, restore: Restore, entry: Entry) -> Left | None:
         changed = [path for path, known in sums(entry).items() if _sum_here(path) not in ("", known)]
@@ -289,11 +299,19 @@ def _sum_here(path: str) -> str:
 
 def sums(entry: Entry) -> dict[str, str]:
     """The files that an entry has made, with their sums. The main file comes first."""
-    files = entry.facts.get("files")
-    return {str(path): str(known) for path, known in files.items()} if isinstance(files, dict) else {}
+    return _paths(entry, "files")
 
 
 def links(entry: Entry) -> dict[str, str]:
     """The links that an entry has made, with their targets."""
-    found = entry.facts.get("links")
-    return {str(path): str(target) for path, target in found.items()} if isinstance(found, dict) else {}
+    return _paths(entry, "links")
+
+
+def switched_off(entry: Entry) -> dict[str, str]:
+    """The links of other files that were removed for an entry, with their targets."""
+    return _paths(entry, "disabled")
+
+
+def _paths(entry: Entry, fact: str) -> dict[str, str]:
+    found = entry.facts.get(fact)
+    return {str(path): str(text) for path, text in found.items()} if isinstance(found, dict) else {}
