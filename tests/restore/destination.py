@@ -33,6 +33,8 @@ def make():
         else:
             subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", folder], check=True)
     os.makedirs("/var/spool/cron/crontabs", mode=0o1730)
+    # Without its logs nginx refuses any configuration.
+    os.makedirs("/var/log/nginx", exist_ok=True)
     # Files that useradd and similar programs lock and write. The links to the machine's read-only files must go.
     for name in (".pwd.lock", "passwd-", "shadow-", "group-", "gshadow-", "subuid-", "subgid-"):
         if os.path.islink(f"/etc/{name}"):
@@ -88,7 +90,7 @@ def run_host(full):
     make()
     for name in ("nginx", "apache2", "php", "postfix", "dovecot"):
         own_etc(name)
-    for place in ("/var/log/nginx", "/var/log/apache2", "/run/apache2", "/var/spool/postfix"):
+    for place in ("/var/log/apache2", "/run/apache2", "/var/spool/postfix"):
         os.makedirs(place, exist_ok=True)
     if full and not os.path.exists("/etc/postfix/main.cf"):
         # The package makes no settings if it was configured without.

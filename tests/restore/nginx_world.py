@@ -19,7 +19,6 @@ ROOT = directive("root", "/srv/a")
 def nginx_world(directory: Path) -> Iterator[World]:
     """A world with nginx as its package leaves it, and a page in /srv/a and in /srv/b."""
     own_etc("nginx")
-    os.makedirs("/var/log/nginx")
     world = World(directory / "session")
     for name in ("a", "b"):
         os.makedirs(f"/srv/{name}")

@@ -35,7 +35,6 @@ BLOCK = server(
 @pytest.fixture(name="world")
 def _world(tmp_path: Path) -> Iterator[World]:
     own_etc("nginx")
-    os.makedirs("/var/log/nginx")
     os.makedirs("/srv/a")
     Path("/srv/a/index.html").write_text("<title>site a</title>", encoding="utf-8")
     world = World(tmp_path / "session")

@@ -53,7 +53,7 @@ def test_a_root_in_that_of_a_site_of_this_host_needs_a_decision(session, root, i
     """The site of this host would serve, as its own account, what another account can write."""
     for name in ("nginx", "apache2"):
         own_etc(name)
-    for place in ("/srv/own", "/srv/apache", "/var/log/nginx"):
+    for place in ("/srv/own", "/srv/apache"):
         os.makedirs(place)
     with open("/etc/nginx/sites-enabled/own", "w", encoding="ascii") as settings:
         settings.write("server { listen 81; root /srv/own/public; location /a { alias /srv/own/aliased/; } }\n"
@@ -70,6 +70,23 @@ def test_a_root_in_that_of_a_site_of_this_host_needs_a_decision(session, root, i
         session.run("apply", "--replace=files:sites/shop.test", check=0)
         assert os.path.exists(f"{root}/index.html")
         session.run("plan", check=0)
+
+
+def test_what_nginx_serves_is_unknown_where_it_refuses_its_configuration(session):
+    """A site of this host may serve the root of the new one."""
+    own_etc("nginx")
+    own = "/etc/nginx/sites-enabled/own"
+    with open(own, "w", encoding="ascii") as settings:
+        settings.write("server { listen 81; root /srv/own; nonsense; }\n")
+    root = "/srv/own/shop"
+    site(session, directory("." + root), file(f".{root}/index.html"), root=root)
+    refused = session.run("apply", check=3).stdout
+    assert f"files:sites/shop.test: whether a site of nginx on this host serves {root} is not known" in refused
+    assert 'unknown directive "nonsense"' in refused and "`nginx -t`" in refused
+    assert "--replace=files:sites/shop.test" in refused and not os.path.exists(root)
+    os.unlink(own)
+    session.run("apply", check=0)
+    assert os.path.exists(f"{root}/index.html")
 
 
 def test_needs_no_decision_for_what_is_here_already_and_the_same(session):

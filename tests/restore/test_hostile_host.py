@@ -40,7 +40,7 @@ def prepare_host():
     """Makes accounts, sites, jobs and mail of this host that have nothing to do with the session."""
     for name in ("nginx", "apache2", "php", "postfix", "dovecot", "systemd"):
         own_etc(name)
-    for place in ("/var/log/nginx", "/var/log/apache2", "/run/apache2", "/run/lock", "/var/spool/postfix"):
+    for place in ("/var/log/apache2", "/run/apache2", "/run/lock", "/var/spool/postfix"):
         os.makedirs(place, exist_ok=True)
     # If an attack succeeds, it must not change the machine.
     for place in ("/usr/local/bin", "/root"):

@@ -33,7 +33,6 @@ PHP = directive(
 def _world(tmp_path: Path) -> Iterator[World]:
     for name in ("nginx", "php"):
         own_etc(name)
-    os.makedirs("/var/log/nginx")
     for path in Path(f"/etc/php/{VERSION}/fpm/pool.d").glob("sondrel-*"):
         path.unlink()
     with open("/etc/passwd", "a", encoding="ascii") as accounts:

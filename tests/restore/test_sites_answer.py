@@ -32,7 +32,7 @@ CONFIGURATION = '<web-configuration name="{0}1" server="{0}" file="/etc/{0}/main
 def _host(session: MadeSession) -> Iterator[MadeSession]:
     for name in ("nginx", "apache2", "php"):
         own_etc(name)
-    for place in ("/var/log/nginx", "/var/log/apache2", "/run/apache2", "/run/lock"):
+    for place in ("/var/log/apache2", "/run/apache2", "/run/lock"):
         os.makedirs(place, exist_ok=True)
     with ended("/run/nginx.pid", "/run/apache2/apache2.pid", f"/run/php/php{VERSION}-fpm.pid"):
         yield session

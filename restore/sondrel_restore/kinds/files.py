@@ -161,6 +161,8 @@ def _state(restore: Restore, archived: _Archived, identifier: str,
     near = [] if entry is not None else [
         f"{root} is in one directory with {served}" for root in sorted(archived.roots)
         if (served := own_roots.near(root))]
+    if not near and entry is None and (why := own_roots.why_unknown()):
+        near = [f"whether a site of nginx on this host serves {', '.join(sorted(archived.roots))} is not known: {why}"]
     if near:
         return State.CONFLICT, "; ".join(near), (f"--replace={identifier}", f"--skip={identifier}")
     left_out = "".join(f"; {path} is left out: {why}" for path, why in archived.refused.items())

@@ -16,7 +16,7 @@ from sondrel_restore.web.config_kind import Candidate, switched_off
 from sondrel_restore.web.directives import Directive, for_nginx, to_bytes
 from sondrel_restore.web.judge import file_name
 from sondrel_restore.web.nginx_arguments import NginxArguments
-from sondrel_restore.web.nginx_here import BUCKET_SIZE, NginxHere, ask_here, normal_listen, read_here
+from sondrel_restore.web.nginx_here import BUCKET_SIZE, NginxHere, ask_here, first_error, normal_listen
 from sondrel_restore.web.nginx_listen import ports_of
 from sondrel_restore.web.nginx_names import Names
 from sondrel_restore.web.nginx_rules import NginxRules
@@ -52,21 +52,16 @@ class Nginx(site_kind.SiteKind):
         super().__init__()
         self._here = NginxHere()
         self._defaults: dict[str, str] = {}
-        self._refusal = ""
         self._release = (0, 0, 0)
         # The same for all sites of a plan: why nginx could not start here, and its default site if that is the reason.
         self._why_not_started = ""
         self._default_in_the_way: frozenset[str] = frozenset()
 
     def look(self, restore: Restore) -> None:
-        self._here, self._defaults, self._refusal = NginxHere(), {}, ""
+        self._here, self._defaults = ask_here(restore.host), {}
         self._why_not_started, self._default_in_the_way = "", frozenset()
         if not restore.host.has_program("nginx"):
             return
-        told = restore.host.run(["nginx", "-T", "-q"], check=False)
-        if told.status != 0:
-            self._refusal = f"nginx refuses the configuration that it has here: {_first_line(told.stderr)}"
-        self._here = read_here(told.stdout)
         self._look_at_start(restore)
         version = restore.host.run(["nginx", "-v"], check=False).stderr.rpartition("/")[2].split()
         numbers = [int(each) for each in (version[0] if version else "").split(".") if each.isdigit()]
@@ -100,7 +95,8 @@ class Nginx(site_kind.SiteKind):
                  + os.path.basename(each) for each in definitions}
         candidate = self.whole(
             site, judge, blocks, {path: to_bytes(site_kind.heading(site) + text), **definitions},
-            {**links, link: f"../sites-available/{os.path.basename(path)}"}, shown, conflict, disables, self._refusal)
+            {**links, link: f"../sites-available/{os.path.basename(path)}"}, shown, conflict, disables,
+            self._here.refusal)
         return dataclasses.replace(candidate, says=candidate.says + self._on_ports(servers, disables))
 
     def _on_ports(self, servers: list[Directive], disables: frozenset[str]) -> str:
@@ -190,7 +186,7 @@ class Nginx(site_kind.SiteKind):
 
     def check(self, restore: Restore) -> str:
         told = restore.host.run(["nginx", "-t", "-q"], check=False)
-        return "" if told.status == 0 else _first_line(told.stderr)
+        return "" if told.status == 0 else first_error(told.stderr)
 
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
         os.makedirs("/var/cache/nginx", mode=0o755, exist_ok=True)
@@ -262,12 +258,6 @@ def _definition_path(directive: Directive) -> str:
     """The path of a definition's file: equal definitions of several sites share it."""
     kind = directive.name.replace("_", "-")
     return f"{_DEFINITIONS}/sondrel-{kind}-{sum_of_bytes(to_bytes(for_nginx([directive])))[:12]}.conf"
-
-
-def _first_line(text: str) -> str:
-    """The line that says what is wrong."""
-    lines = [line for line in text.splitlines() if "[emerg]" in line] or text.splitlines() or ["it says nothing"]
-    return lines[0].replace("nginx: ", "").strip()
 
 
 KINDS = (Nginx,)

@@ -18,7 +18,8 @@ _TOKEN = re.compile(r"""\s+|\#[^\n]*|(?P<mark>[;{}])|"(?P<double>(?:[^"\\]|\\.)*
 @dataclasses.dataclass
 class NginxHere:
     """Names, each with the files that have them. `defaults` are "address:port" of default servers, `listens` those of
-    all servers, `roots` served paths, `once` directives that a configuration can have only once.
+    all servers, `roots` served paths, `once` directives that a configuration can have only once. If nginx refuses its
+    configuration, all of them are empty and `refusal` says why, and what to do.
     """
 
     served: dict[str, set[str]] = dataclasses.field(default_factory=dict)
@@ -30,6 +31,7 @@ class NginxHere:
     formats: dict[str, str] = dataclasses.field(default_factory=dict)
     zones: dict[str, str] = dataclasses.field(default_factory=dict)
     once: dict[str, str] = dataclasses.field(default_factory=dict)
+    refusal: str = ""
 
     def take(self, file: str, words: list[str]) -> None:
         """Records a directive, or the head of a block."""
@@ -58,8 +60,21 @@ class NginxHere:
 
 
 def ask_here(host: Host) -> NginxHere:
-    """What nginx on this host says itself; nothing where it is not here or refuses its configuration."""
-    return read_here(host.run(["nginx", "-T", "-q"], check=False).stdout if host.has_program("nginx") else "")
+    """What nginx on this host says itself; nothing where it is not here."""
+    if not host.has_program("nginx"):
+        return NginxHere()
+    told = host.run(["nginx", "-T", "-q"], check=False)
+    here = read_here(told.stdout)
+    if told.status != 0:
+        here.refusal = (f"nginx refuses the configuration that it has here: {first_error(told.stderr)}; correct it"
+                        " until `nginx -t` accepts it")
+    return here
+
+
+def first_error(text: str) -> str:
+    """The line of nginx's error output that says what is wrong."""
+    lines = [line for line in text.splitlines() if "[emerg]" in line] or text.splitlines() or ["it says nothing"]
+    return lines[0].replace("nginx: ", "").strip()
 
 
 def read_here(output: str) -> NginxHere:

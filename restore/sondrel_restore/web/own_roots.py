@@ -4,6 +4,7 @@ An account that can write there could publish files as part of these sites, and 
 """
 from __future__ import annotations
 
+import functools
 import os
 import re
 from collections.abc import Iterator
@@ -12,7 +13,7 @@ from sondrel_restore.description import is_below
 from sondrel_restore.restore import Restore
 from sondrel_restore.web.apache_here import files_here
 from sondrel_restore.web.config_kind import links
-from sondrel_restore.web.nginx_here import ask_here
+from sondrel_restore.web.nginx_here import NginxHere, ask_here
 from sondrel_restore.web.own_sites import OF_PACKAGES
 
 _APACHE_PATHS = re.compile(
@@ -23,21 +24,30 @@ _PACKAGED = ("/usr",)
 
 
 class OwnRoots:
-    """The directories, determined at the first call of `near`."""
+    """The directories, determined when they are first needed."""
 
     def __init__(self, restore: Restore) -> None:
         self._restore = restore
-        self._known: list[tuple[str, str]] | None = None
 
     def near(self, path: str) -> str:
         """Which served directory contains `path` or is below it, as a clause; empty if there is none."""
-        if self._known is None:
-            self._known = list(self._found())
         real = os.path.realpath(path)
         for root, file in self._known:
             if is_below(real, root) or is_below(root, real):
                 return f"{root}, which {file} of this host serves"
         return ""
+
+    def why_unknown(self) -> str:
+        """Why those that nginx serves are not known, and what to do, as a clause; empty if they are."""
+        return self._nginx.refusal
+
+    @functools.cached_property
+    def _nginx(self) -> NginxHere:
+        return ask_here(self._restore.host)
+
+    @functools.cached_property
+    def _known(self) -> list[tuple[str, str]]:
+        return list(self._found())
 
     def _found(self) -> Iterator[tuple[str, str]]:
         made = {link for kind in ("nginx", "apache") for entry in self._restore.journal.entries(kind)
@@ -49,7 +59,7 @@ class OwnRoots:
                 yield root, file
 
     def _of_nginx(self) -> Iterator[tuple[str, str]]:
-        yield from ((root, file) for root, files in sorted(ask_here(self._restore.host).roots.items())
+        yield from ((root, file) for root, files in sorted(self._nginx.roots.items())
                     for file in sorted(files) if root.startswith("/"))
 
 
