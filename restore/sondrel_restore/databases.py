@@ -314,12 +314,12 @@ def _collect(file: IO[bytes], messages: list[str]) -> None:
                 messages.append(text[:_LONGEST_MESSAGE])
 
 
-def wait_until_gone(still_there: Iterator[bool], what: str) -> None:
-    """Waits until `still_there` yields False. RestoreError after half a minute."""
+def wait_until_gone(still_there: Iterator[bool], what: str, *, pause: float = 0.05) -> None:
+    """Waits until `still_there` yields False; asks it every `pause` seconds. RestoreError after half a minute."""
     deadline = time.monotonic() + 30
     for is_there in still_there:
         if not is_there:
             return
         if time.monotonic() > deadline:
             raise RestoreError(f"{what} does not go away")
-        time.sleep(0.05)
+        time.sleep(pause)

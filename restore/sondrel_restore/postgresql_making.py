@@ -1,17 +1,18 @@
 """One apply of one database of PostgreSQL: loaded beside the old one, and then put in its place."""
 from __future__ import annotations
 
+import contextlib
 import re
 import secrets
+from collections.abc import Iterator
 
 from sondrel_restore.database_making import DatabaseMaking
 from sondrel_restore.databases import LOADER, some
 from sondrel_restore.kind import Facts, Item, RestoreError
 from sondrel_restore.postgresql_dump import PostgreSqlDump
-from sondrel_restore.postgresql_here import Here
 from sondrel_restore.postgresql_rights import Rights
 from sondrel_restore.postgresql_roles import Roles, own_roles
-from sondrel_restore.postgresql_server import PostgreSqlServer, identifier, literal
+from sondrel_restore.postgresql_server import Counts, PostgreSqlServer, identifier, literal
 from sondrel_restore.postgresql_statements import Statements
 from sondrel_restore.restore import Restore
 
@@ -30,12 +31,12 @@ def clear_away(server: PostgreSqlServer, facts: Facts) -> None:
 class PostgreSqlMaking:
     """Makes or renews one database with its roles and their rights."""
 
-    def __init__(self, restore: Restore, item: Item, here: Here) -> None:
+    def __init__(self, restore: Restore, item: Item, server: PostgreSqlServer) -> None:
         self._making = DatabaseMaking(restore, item)
-        self._server = here.server
-        self._statements = Statements(here.server, self._making)
-        self._roles = Roles(here.server, self._making, self._statements)
-        self._rights = Rights(here.server, self._making, self._statements)
+        self._server = server
+        self._statements = Statements(server, self._making)
+        self._roles = Roles(server, self._making, self._statements)
+        self._rights = Rights(server, self._making, self._statements)
 
     def apply(self) -> Facts:
         """Loads it into a database of its own, which takes the name when it is complete; returns the facts on it."""
@@ -48,24 +49,42 @@ class PostgreSqlMaking:
             dump = PostgreSqlDump(file)
             self._roles.make(dump.roles())
             owner = self._roles.owner()
-            login = server.make_loader(loader)
-            try:
-                self._make_database(loader)
-                schemas = self._make_extensions(loader)
-                self._making.left_out += server.load(loader, loader, login, dump.statements(schemas))
-                counts = server.counted(loader)
-                here = {(schema, table): count for schema, table, count, _ in counts}
-                self._making.check_rows(dump.rows, here, ".".join)
+            with self._cleared_on_failure(loader):
+                counts = self._load(loader, server.make_loader(loader), dump)
                 self._hand_over(loader, owner, dump)
                 self._rights.give(loader, dump)
                 server.remove_loader(loader, loader)
                 facts = {"sum": self._making.database.sum(), "left_out": self._making.left_out[:100],
                          "fingerprint": server.fingerprint_of(loader, counts)}
                 self._put_in_place(loader)
-            finally:
-                clear_away(server, {"loader": loader})
         self._making.name_left_out()
         return {**self._making.facts, **facts, "loader": "", "made": True}
+
+    @contextlib.contextmanager
+    def _cleared_on_failure(self, loader: str) -> Iterator[None]:
+        """Removes what the block has loaded if it fails. A RestoreError also says if the server had no room."""
+        try:
+            yield
+        except RestoreError as error:
+            # Before anything is removed, which makes room.
+            said = [str(error), *self._server.lack_of_room()]
+            try:
+                clear_away(self._server, {"loader": loader})
+            except RestoreError as second:
+                said.append(f"what was loaded is removed when it is applied again ({second})")
+            raise RestoreError("; ".join(said)) from error
+        except BaseException:
+            clear_away(self._server, {"loader": loader})
+            raise
+
+    def _load(self, loader: str, login: bytes, dump: PostgreSqlDump) -> Counts:
+        """Makes the database `loader`, fills it and counts its rows. RestoreError if it has less than the dump."""
+        self._make_database(loader)
+        schemas = self._make_extensions(loader)
+        self._making.left_out += self._server.load(loader, loader, login, dump.statements(schemas))
+        counts = self._server.counted(loader)
+        self._making.check_rows(dump.rows, {(schema, table): count for schema, table, count, _ in counts}, ".".join)
+        return counts
 
     def _make_database(self, loader: str) -> None:
         text = self._making.database.text

@@ -64,11 +64,10 @@ class Rights:
                 continue
             statements += self._grant(grant, objects)
         self._statements.attempt(statements, loader)
-        settable = self._server.own_settings()
         for role, name, values in dump.settings:
             if not role or role in own & users:
                 whose = f"ROLE {identifier(role)} IN " if role else ""
-                self._statements.set(f"{whose}DATABASE {identifier(loader)}", name, values, settable)
+                self._statements.set(f"{whose}DATABASE {identifier(loader)}", name, values)
         if dump.comment:
             self._statements.attempt([f"COMMENT ON DATABASE {identifier(loader)} IS {literal(dump.comment)};"], loader)
 

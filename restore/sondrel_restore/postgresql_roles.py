@@ -42,7 +42,6 @@ class Roles:
     def make(self, roles: dict[str, Role]) -> None:
         """Makes those that are not here, and renews those of this session; `roles` are what the dump says of them."""
         own, here = own_roles(self._making.restore), self._server.roles()
-        settable = self._server.own_settings()
         for user in self._making.database.users:
             digest = hashlib.sha256(repr(roles.get(user.name)).encode("utf-8", "surrogateescape")).hexdigest()
             if not is_allowed(user.name):
@@ -50,12 +49,12 @@ class Roles:
                     self._making.name(f"the role {user.name} is left out: its name is one of the server's own")
             elif user.name not in here:
                 self._claim(user.name, digest)
-                self._run_role("CREATE", user, roles.get(user.name), settable)
+                self._run_role("CREATE", user, roles.get(user.name))
             elif user.name not in own:
                 self._making.name(f"the role {user.name} was here before: it keeps its password and settings")
             elif own[user.name] != digest:
                 self._claim(user.name, digest)
-                self._run_role("ALTER", user, roles.get(user.name), settable)
+                self._run_role("ALTER", user, roles.get(user.name))
             else:
                 self._claim(user.name, digest)
 
@@ -78,7 +77,7 @@ class Roles:
     def _claim(self, name: str, digest: str) -> None:
         self._making.note({"roles": {**roles_of(self._making.facts), name: digest}})
 
-    def _run_role(self, verb: str, user: User, role: Role | None, settable: set[str]) -> None:
+    def _run_role(self, verb: str, user: User, role: Role | None) -> None:
         words = [verb, "ROLE", identifier(user.name), "NOLOGIN" if user.is_role else "LOGIN"]
         if role is None:
             self._making.name(f"the dump has no statement for the role {user.name}: set its password")
@@ -92,4 +91,4 @@ class Roles:
                 self._making.name(f"the password of the role {user.name} is left out, since it is no hash: set it")
         self._server.script(" ".join(words) + ";")
         for name, values in role.settings if role else ():
-            self._statements.set(f"ROLE {identifier(user.name)}", name, values, settable)
+            self._statements.set(f"ROLE {identifier(user.name)}", name, values)

@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import base64
+import functools
 import glob
 import hashlib
 import hmac
@@ -10,19 +11,23 @@ import os
 import pwd
 import re
 import secrets
-from collections.abc import Iterable, Sequence
+from collections.abc import Iterable, Iterator, Sequence
 from typing import Any
 
-from sondrel_restore.databases import LOADER, run_sql
+from sondrel_restore.databases import LOADER, run_sql, wait_until_gone
 from sondrel_restore.host import Host
 from sondrel_restore.kind import RestoreError
 from sondrel_restore.postgresql_session import PsqlSession
 
 _ACCOUNT = "postgres"
+# By which the server knows the administrator's connections of this program.
+_NAME = "sondrel-restore"
 _DIRECTORY = "/run/postgresql"
 _TIME_LIMIT = 24 * 3600.0
 _ROUNDS = 4096
 _TABLES_AT_ONCE = 200
+# A file system with less room than so many files of the server's log is nearly full.
+_LEAST_SEGMENTS = 4
 # These override settings that the owner of a database may have made in it.
 _OPTIONS = "-c search_path=pg_catalog -c standard_conforming_strings=on -c default_transaction_read_only=off" \
     " -c row_security=off -c lock_timeout=60s -c statement_timeout=0 -c client_min_messages=warning"
@@ -75,7 +80,11 @@ class PostgreSqlServer:
         about = os.stat(_DIRECTORY)
         if about.st_uid not in (0, pwd.getpwnam(_ACCOUNT).pw_uid):
             raise RestoreError(f"{_DIRECTORY} is not of the account {_ACCOUNT}")
-        self.version = str(self.ask("SELECT current_setting('server_version') AS version")[0]["version"]).split()[0]
+        about_it = self.ask("SELECT current_setting('server_version') AS version, current_setting('data_directory')"
+                            " AS directory, pg_size_bytes(current_setting('wal_segment_size')) AS segment")[0]
+        # Asked now: a server that has ended says nothing.
+        self._data, self._least_room = str(about_it["directory"]), _LEAST_SEGMENTS * int(about_it["segment"])
+        self.version = str(about_it["version"]).split()[0]
         self.major = int(self.version.split(".")[0])
 
     def __enter__(self) -> PostgreSqlServer:
@@ -108,13 +117,19 @@ class PostgreSqlServer:
             self._host, [self._psql, "-X", "-q", "-A", "-t", "-h", _DIRECTORY, "-p", str(self.port), "-U", _ACCOUNT,
                          "-d", _connection(database), "-f", "-"], account=_ACCOUNT,
             env={"PGCLIENTENCODING": "UTF8", "PGOPTIONS": _OPTIONS, "PGCONNECT_TIMEOUT": "20",
-                 "PGAPPNAME": "sondrel-restore"})
+                 "PGAPPNAME": _NAME})
         return self._sessions[database]
 
     def leave(self) -> None:
         """Closes all connections; the next script opens a new one."""
         while self._sessions:
             self._sessions.popitem()[1].close()
+
+    def _leave_database(self, name: str) -> None:
+        """Closes the connection to that database, if there is one."""
+        session = self._sessions.pop(name, None)
+        if session is not None:
+            session.close()
 
     def ask(self, query: str, database: str = "postgres") -> list[dict[str, Any]]:
         """The rows of a query, as dictionaries by column. RestoreError with the server's message."""
@@ -135,16 +150,30 @@ class PostgreSqlServer:
         """The extensions that this host can make in a database."""
         return {row["name"] for row in self.ask("SELECT name FROM pg_available_extensions")}
 
-    def own_settings(self) -> set[str]:
+    @functools.cached_property
+    def own_settings(self) -> frozenset[str]:
         """The settings that any role may set for itself, without those that load code."""
-        return {row["name"] for row in self.ask(
+        return frozenset(row["name"] for row in self.ask(
             "SELECT lower(name) AS name FROM pg_settings WHERE context = 'user' AND name !~ 'preload_libraries'"
-            " AND name NOT IN ('role', 'session_authorization', 'dynamic_library_path')")}
+            " AND name NOT IN ('role', 'session_authorization', 'dynamic_library_path')"))
 
     def address(self) -> str:
         """The address where the server accepts logins by password on this host; empty if there is none."""
         listens = str(self.ask("SELECT current_setting('listen_addresses') AS a")[0]["a"]).replace(" ", "").split(",")
         return "127.0.0.1" if {"*", "localhost", "127.0.0.1", "0.0.0.0"} & set(listens) else ""
+
+    def lack_of_room(self) -> list[str]:
+        """For each nearly full file system of the server's data a clause with its room and what to do.
+
+        The server may have ended: it does when it cannot write its log.
+        """
+        places = {os.stat(place).st_dev: place for place in (f"{self._data}/pg_wal", self._data)
+                  if os.path.isdir(place)}
+        rooms = {place: os.statvfs(place) for place in places.values()}
+        free = {place: about.f_bavail * about.f_frsize for place, about in rooms.items()}
+        return [f"the file system of {place} has {room:,} bytes free, and without room for its log (WAL) PostgreSQL"
+                " ends: make room there, start PostgreSQL if it does not run, and apply again"
+                for place, room in free.items() if room < self._least_room]
 
     def tables(self, database: str) -> list[tuple[str, str]]:
         """Schema and name of the tables that have rows of their own."""
@@ -211,13 +240,24 @@ class PostgreSqlServer:
 
     def drop_database(self, name: str) -> None:
         """Removes a database if it exists, and closes all connections to it."""
-        self.leave()
+        self._leave_database(name)
         self.script(f"DROP DATABASE IF EXISTS {identifier(name)} WITH (FORCE);")
 
     def rename_database(self, name: str, new_name: str) -> None:
         """Renames a database. No other database may have the new name."""
-        self.leave()
+        self._leave_database(name)
+        wait_until_gone(self._own_connections(name), f"The connection to {name}", pause=0.001)
         self.script(f"ALTER DATABASE {identifier(name)} RENAME TO {identifier(new_name)};")
+
+    @functools.cached_property
+    def _knows_restrict(self) -> bool:
+        return "--restrict-key" in self._host.run([f"{os.path.dirname(self._psql)}/pg_dump", "--help"]).stdout
+
+    def _own_connections(self, database: str) -> Iterator[bool]:
+        """Whether the server still ends a connection of ours. Until then it renames nothing, and looks each 0.1 s."""
+        while True:
+            yield bool(self.ask(f"SELECT 1 FROM pg_stat_activity WHERE datname = {literal(database)}"
+                                f" AND application_name = {literal(_NAME)}"))
 
     def load(self, database: str, role: str, login: bytes, statements: Iterable[bytes]) -> list[str]:
         """Runs SQL in a database as the role of `make_loader`, in a client without rights on this host.
@@ -225,7 +265,7 @@ class PostgreSqlServer:
         Returns the errors of statements that failed; all others were run. RestoreError if the connection ended.
         """
         # After \restrict psql runs no backslash command but \unrestrict with the same key, which no dump can guess.
-        if "--restrict-key" not in self._host.run([f"{os.path.dirname(self._psql)}/pg_dump", "--help"]).stdout:
+        if not self._knows_restrict:
             raise RestoreError("psql here does not know \\restrict, without which no foreign SQL is run:"
                                " upgrade postgresql-client")
 
@@ -234,7 +274,7 @@ class PostgreSqlServer:
             yield from statements
 
         # No connection of an administrator may be open in the database while its own SQL runs.
-        self.leave()
+        self._leave_database(database)
         client = [self._psql, "-X", "-q", "-A", "-t", "-w", "-v", "ON_ERROR_STOP=0", "-h", "127.0.0.1",
                   "-p", str(self.port), "-U", role, "-d", _connection(database, is_local=False), "-f", "-"]
         messages = run_sql(client, login, {

@@ -18,10 +18,10 @@ class Statements:
             for error in self._server.script("\n".join(statements), database, check=False)[1]:
                 self._making.name(error)
 
-    def set(self, whose: str, name: str, values: tuple[str, ...], settable: set[str]) -> None:
-        """Sets what a role or database (`whose`) is to begin with, if it is among the `settable`."""
+    def set(self, whose: str, name: str, values: tuple[str, ...]) -> None:
+        """Sets what a role or database (`whose`) is to begin with, if any role may set it for itself."""
         setting = name.replace('"', "").lower()
-        if setting not in settable:
+        if setting not in self._server.own_settings:
             self._making.name(f"the setting {setting} is left out: a role may not set it itself")
             return
         self.attempt([f"ALTER {whose} SET {identifier(setting)} TO {', '.join(map(literal, values))};"], "postgres")

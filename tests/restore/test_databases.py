@@ -139,7 +139,7 @@ def test_makes_a_database_of_postgresql_with_roles_and_rights(session, postgresq
     before = int(told(postgresql, connections))
     done = session.run("apply", check=0)
     made = int(told(postgresql, connections)) - before
-    assert made <= 12, f"{made} connections for one database, each of them by a program that is started"
+    assert made <= 6, f"{made} connections for one database, each of them by a program that is started"
     rows = server_dumps.as_shop(postgresql, "SELECT v FROM public.t ORDER BY id")
     assert rows.stdout == "x\\y\n1\nx\\y\n2\nx\\y\n3\n"
     assert told(postgresql, "SELECT f(1)", "shop") == "postgres shop"

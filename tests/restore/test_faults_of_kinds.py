@@ -1,6 +1,7 @@
 """What can interrupt an apply of all kinds: kills, full disks, servers that are down or refuse; and what follows."""
 import contextlib
 import os
+import re
 import subprocess
 from pathlib import Path
 
@@ -37,7 +38,7 @@ def host_with_servers(session):
     """This host with its servers, and a session with an object of each kind but databases."""
     for name in ("nginx", "php", "postfix", "dovecot"):
         own_etc(name)
-    for place in ("/var/log/nginx", "/var/spool/postfix", "/var/cache/nginx"):
+    for place in ("/var/spool/postfix", "/var/cache/nginx"):
         os.makedirs(place, exist_ok=True)
     Path("/etc/postfix/main.cf").write_text(MAIN_CF, encoding="ascii")
     session.add(CONFIGURATION.format("nginx", ""))
@@ -174,6 +175,33 @@ def test_tells_of_a_full_disk_of_a_database_server_and_goes_on(host, kind, size,
         ends_well(host, before, running)
 
 
+# More than the room for the server's log.
+LOG = "\\connect shop\nCREATE TABLE big AS SELECT g, repeat('x', 1000) AS t FROM generate_series(1, 30000) g;\n"
+
+
+def test_names_the_room_of_a_postgresql_that_ends_without_room_for_its_log_and_goes_on(host):
+    """The server ends, or breaks all connections off, and can say nothing about it."""
+    with databases(host, "postgresql", more=LOG) as running:
+        before, server = state(running), running["postgresql"]
+        server.stop()
+        owner = os.stat(server.data).st_uid
+        # Leaves one file of the log, of 16 MiB.
+        subprocess.run([f"{server.programs}/pg_resetwal", server.data], check=True, user=owner, cwd="/")
+        log = f"{server.data}/pg_wal"
+        os.rename(log, f"{log}.before")
+        os.mkdir(log)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size=24m,mode=700,uid={owner}", "own", log], check=True)
+        subprocess.run(["cp", "-a", f"{log}.before/.", log], check=True)
+        server.start()
+        done = host.run("apply", check=1)
+        assert "failed: postgresql:shop: " in done.stderr and "Traceback" not in done.stderr
+        assert re.search(rf"the file system of {log} has [0-9,]+ bytes free, .*: make room there", done.stderr)
+        subprocess.run(["mount", "-o", "remount,size=500m", log], check=True)
+        server.stop()
+        server.start()
+        ends_well(host, before, running)
+
+
 REFUSALS = {
     "/etc/nginx/conf.d/broken.conf": "nonsense;",
     f"/etc/php/{VERSION}/fpm/pool.d/broken.conf": "[broken]\nnonsense = 1\n",
@@ -188,7 +216,9 @@ def test_names_each_server_whose_own_settings_are_refused_and_goes_on(host):
     was = {path: Path(path).read_text(encoding="utf-8") if os.path.exists(path) else None for path in REFUSALS}
     for path, text in REFUSALS.items():
         Path(path).write_text(text, encoding="utf-8")
-    done = host.run("apply", check=1)
+    refused = host.run("apply", check=3)
+    assert "serves /home/alice/shop is not known: nginx refuses" in refused.stdout
+    done = host.run("apply", "--replace=files:clients/alice", "--replace=files:sites/shop.test", check=1)
     assert "Traceback" not in done.stderr
     assert os.path.exists("/home/alice/shop/index.html") and os.path.exists(TABLE)
     assert not os.path.lexists("/etc/nginx/sites-enabled/shop.test.conf")

@@ -73,7 +73,7 @@ class PostgreSql(DatabaseKind):
 
     def apply(self, restore: Restore, item: Item) -> Facts:
         with self._connected(restore) as server:
-            return PostgreSqlMaking(restore, item, Here(server, restore.host)).apply()
+            return PostgreSqlMaking(restore, item, server).apply()
 
     def verify(self, restore: Restore, item: Item) -> Iterator[Finding]:
         database = database_of(item)
