@@ -8,8 +8,6 @@ import secrets
 from collections.abc import Iterable, Iterator, Sequence
 from typing import Any
 
-import pymysql
-
 from sondrel_restore.databases import LOADER, run_sql, wait_until_gone
 from sondrel_restore.host import Host
 from sondrel_restore.kind import RestoreError
@@ -65,7 +63,7 @@ class MySqlServer:
             with self._connection.cursor() as cursor:
                 cursor.execute(sql, values)
                 return list(cursor.fetchall())
-        except pymysql.MySQLError as error:
+        except self._connection.Error as error:
             raise RestoreError(f"The database server says: {_said(error)}") from error
 
     def run(self, sql: str, values: Sequence[object] | None = None) -> None:
@@ -196,6 +194,9 @@ class MySqlServer:
 
 def connect() -> MySqlServer:
     """Connects to the server of this host as root, or with an option file of root. RestoreError with the reasons."""
+    # Only descriptions with such databases need it, and loading it takes as long as ten of our own modules.
+    import pymysql  # pylint: disable=import-outside-toplevel
+
     reasons: list[str] = []
     for socket in filter(os.path.exists, _SOCKETS):
         about = os.stat(os.path.dirname(os.path.realpath(socket)))

@@ -10,7 +10,6 @@ from collections.abc import Iterable, Iterator, Mapping
 
 from sondrel_restore.kind import Finding, Item, Missing, State
 from sondrel_restore.restore import Restore
-from sondrel_restore.web import ask
 from sondrel_restore.web.config_kind import Candidate, ConfigKind, links, sums
 from sondrel_restore.web.directives import one_line, to_bytes
 from sondrel_restore.web.judge import Judge, Trees, file_name
@@ -160,6 +159,9 @@ class SiteKind(ConfigKind):
         if item.state is not State.SAME:
             yield Finding(item.identifier, "configuration", False, item.says)
         if site.is_first:
+            # Only this command asks, and the modules for HTTP and TLS take long to load.
+            from sondrel_restore.web import ask  # pylint: disable=import-outside-toplevel
+
             yield from ask.compare(restore, item.identifier, site)
 
 
