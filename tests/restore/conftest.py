@@ -9,6 +9,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 TOP = os.path.dirname(os.path.dirname(HERE))
 sys.path[:0] = [f"{TOP}/restore", f"{TOP}/tests/e2e"]
 
+import copied_program  # noqa: E402  pylint: disable=wrong-import-position
 import destination  # noqa: E402  pylint: disable=wrong-import-position
 import world  # noqa: E402  pylint: disable=wrong-import-position
 from made_session import MadeSession  # noqa: E402  pylint: disable=wrong-import-position
@@ -33,5 +34,5 @@ def private_destination():
 
 @pytest.fixture
 def session():
-    """A session directory whose description has no objects yet."""
-    return MadeSession("/mnt/session")
+    """A session directory whose description has no objects yet. Its sondrel-restore is a copy of the test's process."""
+    return MadeSession("/mnt/session", copied_program.run)

@@ -16,11 +16,20 @@ _ATTRIBUTES = {"version": "2", "agent": "linux", "host": "source", "created": "2
                "content": "yes"}
 
 
-class MadeSession:
-    """A session directory. `tree` is the description, which `run` writes first."""
+def started(arguments):
+    """Starts sondrel-restore with these arguments and without input; returns what it ended with and printed."""
+    return subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, check=False, stdin=subprocess.DEVNULL)
 
-    def __init__(self, directory):
+
+class MadeSession:
+    """A session directory. `tree` is the description, which `run` writes first.
+
+    `execute` runs sondrel-restore: `started`, or a function that does the same with these arguments.
+    """
+
+    def __init__(self, directory, execute=started):
         self.directory = directory
+        self._execute = execute
         os.makedirs(f"{directory}/archives/content", mode=0o750)
         os.chmod(directory, 0o750)
         os.chmod(f"{directory}/archives", 0o750)
@@ -79,11 +88,10 @@ class MadeSession:
         with open(f"{self.directory}/dump.xml", "wb") as file:
             file.write(etree.tostring(self.tree, xml_declaration=True, encoding="UTF-8"))
 
-    def run(self, command, *options, check=None, **how):
+    def run(self, command, *options, check=None):
         """Runs sondrel-restore with this session. If `check` is given, the exit code must be equal to it."""
         self.write()
-        done = subprocess.run([PROGRAM, command, self.directory, *options], capture_output=True, text=True, check=False,
-                              stdin=subprocess.DEVNULL, **how)
+        done = self._execute([command, self.directory, *options])
         if check is not None and done.returncode != check:
             print(done.stdout, done.stderr, file=sys.stderr)
             raise AssertionError(f"{command} ended with {done.returncode} and not {check}:\n{done.stdout}{done.stderr}")

@@ -17,6 +17,12 @@ from sondrel_restore.space import missing_space
 from test_files import directory, file, site, usual
 
 
+@pytest.fixture
+def session():
+    """A session directory whose sondrel-restore is started as callers start it."""
+    return MadeSession("/mnt/session")
+
+
 def document(session, command, name, check):
     output = json.loads(session.run(command, "--format=json", check=check).stdout)
     with open(f"{TOP}/docs/formats/restore-{name}.schema.json", encoding="utf-8") as schema:

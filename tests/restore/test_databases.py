@@ -246,7 +246,7 @@ def cut(session, server, element):
     assert failed.returncode == 1 and "by its sum" in failed.stderr + failed.stdout
     # What follows the end mark of the dump is ignored.
     server_dumps.put(session, element, sql + b"-- behind the end\n" * 500_000)
-    session.run("apply", check=0, timeout=300)
+    session.run("apply", check=0)
     session.run("undo", check=0)
 
 
