@@ -7,14 +7,22 @@ For tests that are not written in Python:
 runs a server in the new directory DIRECTORY, prints "ready" and ends it when its own standard
 input ends. Without SOCKETS the server is where the clients look for it by default.
 """
+import fcntl
 import glob
+import hashlib
 import os
 import pwd
+import shutil
 import signal
 import subprocess
 import sys
 
 import world
+
+
+# Names a directory in which the data of new servers are kept from one test to the next: making them takes longer than
+# most of what a test has a server do. Without it each server makes its own.
+KEPT = "SONDREL_NEW_DATABASES"
 
 
 class DatabaseServer:
@@ -46,7 +54,7 @@ class DatabaseServer:
 
     def start(self):
         if not os.path.isdir(self.data):
-            self._run(self._initialization(), user=self._ids[0])
+            self._make_data()
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(self._command(), stdin=subprocess.DEVNULL, stdout=log, stderr=log,
                                             cwd="/", user=self._ids[0], group=self._ids[1], extra_groups=[],
@@ -56,6 +64,30 @@ class DatabaseServer:
         except BaseException as error:
             self.kill()
             raise RuntimeError(f"no database server: {world.read(self.log).decode(errors='replace')}") from error
+
+    def _make_data(self):
+        """Makes the data of a new server, or copies what an earlier test has made by the same programs."""
+        kept_in = os.environ.get(KEPT)
+        if not kept_in:
+            self._run(self._initialization(), user=self._ids[0])
+            return
+        kept = f"{kept_in}/{self._state_of_programs()}"
+        os.makedirs(kept_in, exist_ok=True)
+        with open(f"{kept}.lock", "wb") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            if not os.path.isdir(kept):
+                self._run(self._initialization(), user=self._ids[0])
+                shutil.rmtree(f"{kept}.new", ignore_errors=True)
+                _copy(self.data, f"{kept}.new")
+                os.rename(f"{kept}.new", kept)
+                return
+        _copy(kept, self.data)
+
+    def _state_of_programs(self):
+        """Tells one way to make the data, by one version of the server, from another; a part of a path."""
+        about = os.stat(self._command()[0])
+        words = [word.replace(self.directory, "") for word in self._initialization()]
+        return hashlib.sha256(repr((words, about.st_size, about.st_mtime_ns)).encode()).hexdigest()
 
     def stop(self):
         if self.process:
@@ -150,6 +182,10 @@ class PostgreSql(DatabaseServer):
 
     def _client_user(self):
         return self._ids[0]
+
+
+def _copy(directory, new):
+    subprocess.run(["cp", "--archive", "--no-target-directory", directory, new], check=True)
 
 
 def hide_installed():
