@@ -46,6 +46,12 @@ def make_key(kind="ed25519", path=KEY, passphrase="", options=()):
     return path
 
 
+def convert_key(passphrase, *options, path=KEY):
+    """Writes a private key in another format: much faster than making one, if it is a large one of RSA."""
+    subprocess.run(["ssh-keygen", "-q", "-p", "-P", passphrase, "-N", passphrase, "-f", path, *options], check=True,
+                   stdin=subprocess.DEVNULL)
+
+
 def authorize(path=KEY, login=ROOT):
     directory = f"{login.home}/.ssh"
     os.makedirs(directory, mode=0o700, exist_ok=True)
@@ -94,7 +100,10 @@ def test_a_key_of_each_kind_and_format_lets_the_login_in(passphrase, cases):
         kinds = [(kind, format_) for kind in KINDS for format_ in FORMATS if kind != "ed25519" or format_ == "OpenSSH"]
         cases(len(kinds))
         for kind, format_ in kinds:
-            authorize(make_key(kind, passphrase=passphrase, options=FORMATS[format_]))
+            if format_ == "OpenSSH":
+                authorize(make_key(kind, passphrase=passphrase))
+            else:
+                convert_key(passphrase, *FORMATS[format_])
             assert reached(log_in(passphrase=passphrase or None)), (kind, format_)
         assert len(re.findall("Accepted publickey for root", read(source.log).decode())) == len(kinds)
         assert "password" not in read(source.log).decode()
