@@ -185,7 +185,7 @@ TEST(ReceiveWindowTest, DoesNotCountThePauseBeforeTheFirstBytes) {
   EXPECT_EQ(window.grant(MIB, Time{}), 0u);
   EXPECT_EQ(window.grant(MIB, Time{} + 1s), 0u);
   EXPECT_EQ(window.grant(0, Time{} + 1s + 5ms), 3 * MIB / 2);
-  EXPECT_EQ(window.target(), 2 * MIB);
+  EXPECT_EQ(window.target(), 3 * MIB / 2);
 }
 
 TEST(ReceiveWindowTest, GrantsNothingThatIsNotWorthAMessage) {
