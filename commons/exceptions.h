@@ -124,6 +124,13 @@ constexpr const char* sourceFileName(const char* path) {
 /// The position arguments of Exc: where the error is raised.
 #define HERE __PRETTY_FUNCTION__, sourceFileName(__FILE__), __LINE__
 
+/// A place in the code of a caller, for errors that are raised for it: `{HERE}`.
+struct Place {
+  const char* function;
+  const char* file;
+  int line;
+};
+
 /// Every error that is thrown:
 ///
 ///   throw Exc<&HostNotFound>(HERE) % host % reason;
@@ -145,6 +152,9 @@ class Exc : public ExTaggedIncludable {
         context_(context),
         file_(file),
         line_(line) {}
+  explicit Exc(const Place& place) : Exc(place.function, place.file, place.line) {}
+  Exc(const ExTraceable& inner, const Place& place)
+      : Exc(inner, place.function, place.file, place.line) {}
 
   Exc* clone() const override { return new Exc(*this); }
 

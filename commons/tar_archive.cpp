@@ -41,8 +41,8 @@ void TarReader::Free::operator()(archive* handle) const noexcept {
 }
 
 TarReader::TarReader(Source source) : source_(std::move(source)), archive_(archive_read_new()) {
-  check(!archive_ || archive_read_support_filter_none(archive_.get()) != ARCHIVE_OK ||
-        archive_read_support_format_tar(archive_.get()) != ARCHIVE_OK);
+  check({HERE}, !archive_ || archive_read_support_filter_none(archive_.get()) != ARCHIVE_OK ||
+                    archive_read_support_format_tar(archive_.get()) != ARCHIVE_OK);
 }
 
 TarReader::~TarReader() = default;
@@ -64,12 +64,13 @@ std::ptrdiff_t TarReader::readSource(archive* handle, void* self, const void** b
 bool TarReader::next() {
   if (!opened_) {
     // Opening reads from the source, so it is done here and not in the constructor.
-    check(archive_read_open(archive_.get(), this, nullptr, readSource, nullptr) != ARCHIVE_OK);
+    check({HERE},
+          archive_read_open(archive_.get(), this, nullptr, readSource, nullptr) != ARCHIVE_OK);
     opened_ = true;
   }
   archive_entry* entry = nullptr;
   const int status = archive_read_next_header(archive_.get(), &entry);
-  check(status != ARCHIVE_OK && status != ARCHIVE_WARN && status != ARCHIVE_EOF);
+  check({HERE}, status != ARCHIVE_OK && status != ARCHIVE_WARN && status != ARCHIVE_EOF);
   if (status == ARCHIVE_EOF) return false;
   describeMember(entry, status == ARCHIVE_WARN);
   return true;
@@ -91,23 +92,23 @@ std::string_view TarReader::content() {
   do {
     status = archive_read_data_block(archive_.get(), &bytes, &size, &offset);
   } while (status == ARCHIVE_OK && size == 0);
-  check(status != ARCHIVE_OK && status != ARCHIVE_EOF);
+  check({HERE}, status != ARCHIVE_OK && status != ARCHIVE_EOF);
   if (status == ARCHIVE_EOF) {
-    if (taken_ != member_.size) damaged("a member is shorter than it says");
+    if (taken_ != member_.size) damaged({HERE}, "a member is shorter than it says");
     return {};
   }
-  if (offset != taken_) damaged("a member is not in one piece");
+  if (offset != taken_) damaged({HERE}, "a member is not in one piece");
   taken_ += static_cast<std::int64_t>(size);
   return {static_cast<const char*>(bytes), size};
 }
 
-void TarReader::check(bool failed) {
+void TarReader::check(const Place& place, bool failed) {
   if (sourceFailure_) std::rethrow_exception(std::exchange(sourceFailure_, nullptr));
-  if (failed) damaged(textOf(archive_.get()));
+  if (failed) damaged(place, textOf(archive_.get()));
 }
 
-void TarReader::damaged(const std::string& why) {
-  throw Exc<&ArchiveDamaged>(HERE) % why;
+void TarReader::damaged(const Place& place, const std::string& why) {
+  throw Exc<&ArchiveDamaged>(place) % why;
 }
 
 // --- TarWriter ---
@@ -117,9 +118,10 @@ void TarWriter::Free::operator()(archive* handle) const noexcept {
 }
 
 TarWriter::TarWriter(std::ostream& out) : out_(out), archive_(archive_write_new()) {
-  check(!archive_ || archive_write_set_format_gnutar(archive_.get()) != ARCHIVE_OK ||
-        archive_write_set_bytes_per_block(archive_.get(), 0) != ARCHIVE_OK ||
-        archive_write_open(archive_.get(), this, nullptr, writeOut, nullptr) != ARCHIVE_OK);
+  check({HERE},
+        !archive_ || archive_write_set_format_gnutar(archive_.get()) != ARCHIVE_OK ||
+            archive_write_set_bytes_per_block(archive_.get(), 0) != ARCHIVE_OK ||
+            archive_write_open(archive_.get(), this, nullptr, writeOut, nullptr) != ARCHIVE_OK);
 }
 
 TarWriter::~TarWriter() = default;
@@ -142,22 +144,22 @@ std::ptrdiff_t TarWriter::writeOut(archive*, void* self, const void* bytes, std:
 
 void TarWriter::add(const std::string& name, const std::string& content) {
   const std::unique_ptr<archive_entry, FreeEntry> entry(archive_entry_new());
-  check(!entry);
+  check({HERE}, !entry);
   archive_entry_set_pathname(entry.get(), name.c_str());
   archive_entry_set_filetype(entry.get(), AE_IFREG);
   archive_entry_set_perm(entry.get(), MEMBER_MODE);
   archive_entry_set_size(entry.get(), static_cast<la_int64_t>(content.size()));
   archive_entry_set_mtime(entry.get(), std::time(nullptr), 0);
-  check(archive_write_header(archive_.get(), entry.get()) != ARCHIVE_OK);
+  check({HERE}, archive_write_header(archive_.get(), entry.get()) != ARCHIVE_OK);
   const la_ssize_t written = archive_write_data(archive_.get(), content.data(), content.size());
-  check(written != static_cast<la_ssize_t>(content.size()));
+  check({HERE}, written != static_cast<la_ssize_t>(content.size()));
 }
 
 void TarWriter::finish() {
-  check(archive_write_close(archive_.get()) != ARCHIVE_OK);
+  check({HERE}, archive_write_close(archive_.get()) != ARCHIVE_OK);
 }
 
-void TarWriter::check(bool failed) {
-  if (outFailed_) throw Exc<&ArchiveNotMade>(HERE) % "it cannot be written";
-  if (failed) throw Exc<&ArchiveNotMade>(HERE) % textOf(archive_.get());
+void TarWriter::check(const Place& place, bool failed) {
+  if (outFailed_) throw Exc<&ArchiveNotMade>(place) % "it cannot be written";
+  if (failed) throw Exc<&ArchiveNotMade>(place) % textOf(archive_.get());
 }

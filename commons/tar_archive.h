@@ -59,8 +59,8 @@ class TarReader {
   static std::ptrdiff_t readSource(archive* handle, void* self, const void** buffer);
   void describeMember(archive_entry* entry, bool strange);
   /// Throws what the source threw, if it did, else ArchiveDamaged when `failed`.
-  void check(bool failed);
-  [[noreturn]] static void damaged(const std::string& why);
+  void check(const Place& place, bool failed);
+  [[noreturn]] static void damaged(const Place& place, const std::string& why);
 
   Source source_;
   std::exception_ptr sourceFailure_;
@@ -91,7 +91,7 @@ class TarWriter {
   };
 
   static std::ptrdiff_t writeOut(archive* handle, void* self, const void* bytes, std::size_t size);
-  void check(bool failed);
+  void check(const Place& place, bool failed);
 
   std::ostream& out_;
   bool outFailed_ = false;

@@ -173,7 +173,7 @@ void Action::takeFile(const std::string& path) {
 }
 
 std::string Action::remotePathOf(const std::string& name) const {
-  return config_->agent_dir + "/" + name;
+  return config_->remotePathOf(name);
 }
 
 boost::shared_ptr<const Agent> Action::getAgent() const {

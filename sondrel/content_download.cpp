@@ -69,26 +69,22 @@ void ContentDownload::receive(const DumpFile& file, CollectedText& err, Ssh::Cou
 int ContentDownload::runCommand(const DumpFile& file, OutputFile& local, CollectedText& err,
                                 Ssh::Counter& counter) const {
   try {
-    return ssh_.get(local, err, remotePathOf(file.name), counter);
+    return ssh_.get(local, err, config_.remotePathOf(file.name), counter);
   } catch (const Exc<&StreamWrite>&) {
     if (!local.stream()) err << local.errorText();
     throw;
   }
 }
 
-std::string ContentDownload::remotePathOf(const std::string& name) const {
-  return config_.agent_dir + "/" + name;
-}
-
 Exc<&CantRetrieveContentFile> ContentDownload::failure(const Place& place, const std::string& name,
                                                        const std::string& reason) const {
-  return Exc<&CantRetrieveContentFile>(place.function, place.file, place.line) %
-         remotePathOf(name) % config_.host % directory_.pathOf(name) % reason;
+  return Exc<&CantRetrieveContentFile>(place) % config_.remotePathOf(name) % config_.host %
+         directory_.pathOf(name) % reason;
 }
 
 Exc<&CantRetrieveContentFile> ContentDownload::failure(const ExTraceable& cause, const Place& place,
                                                        const std::string& name,
                                                        const std::string& reason) const {
-  return Exc<&CantRetrieveContentFile>(cause, place.function, place.file, place.line) %
-         remotePathOf(name) % config_.host % directory_.pathOf(name) % reason;
+  return Exc<&CantRetrieveContentFile>(cause, place) % config_.remotePathOf(name) % config_.host %
+         directory_.pathOf(name) % reason;
 }

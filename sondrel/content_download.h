@@ -22,13 +22,6 @@ bool makeContentDir(const std::string& dir);
 /// into one directory here. Every failure is a CantRetrieveContentFile, which names both paths.
 class ContentDownload {
  public:
-  /// A place in the code of a caller, for errors that are raised for it: `{HERE}`.
-  struct Place {
-    const char* function;
-    const char* file;
-    int line;
-  };
-
   /// Size and sum of what came over the connection, computed while it was written.
   struct Received {
     std::int64_t bytes;
@@ -54,7 +47,6 @@ class ContentDownload {
                                         const std::string& name, const std::string& reason) const;
 
  private:
-  std::string remotePathOf(const std::string& name) const;
   void receive(const DumpFile& file, CollectedText& err, Ssh::Counter& counter, Md5Sum* sum) const;
   int runCommand(const DumpFile& file, OutputFile& local, CollectedText& err,
                  Ssh::Counter& counter) const;

@@ -17,12 +17,13 @@ std::optional<std::string> configuredWord(const char* name) {
   return boost::trim_right_copy(std::string(configured));
 }
 
-[[noreturn]] void refuseVerification(const std::string& reason) {
-  throw Exc<&ContentVerifyUnknown>(HERE) % reason;
+[[noreturn]] void refuseVerification(const Place& place, const std::string& reason) {
+  throw Exc<&ContentVerifyUnknown>(place) % reason;
 }
 
-[[noreturn]] void rejectHostKeys(const std::string& host, const std::string& reason) {
-  throw Exc<&SshHostKeyRejected>(HERE) % host % reason;
+[[noreturn]] void rejectHostKeys(const Place& place, const std::string& host,
+                                 const std::string& reason) {
+  throw Exc<&SshHostKeyRejected>(place) % host % reason;
 }
 
 /// Throws SshHostKeyRejected when a line of the host's configuration is meant to set the key
@@ -30,7 +31,8 @@ std::optional<std::string> configuredWord(const char* name) {
 void requireWellFormed(const std::string& host, const char* key) {
   if (!qrvConfIsMalformed(key)) return;
   rejectHostKeys(
-      host, std::string("a line of the host's configuration names ") + key + " and sets nothing");
+      {HERE}, host,
+      std::string("a line of the host's configuration names ") + key + " and sets nothing");
 }
 
 /// SSH_KNOWN_HOSTS_F, for the policy of that name. Throws SshHostKeyRejected.
@@ -39,12 +41,14 @@ std::string configuredKnownHosts(const std::string& host, const std::string& pol
   std::string file = configuredWord("SSH_KNOWN_HOSTS_F").value_or("");
   if (file.empty()) {
     rejectHostKeys(
-        host, "SSH_HOST_KEY_POLICY is \"" + policy + "\", and SSH_KNOWN_HOSTS_F names no file");
+        {HERE}, host,
+        "SSH_HOST_KEY_POLICY is \"" + policy + "\", and SSH_KNOWN_HOSTS_F names no file");
   }
   // A relative path would let an account that can write to the current directory choose the trusted
   // keys.
   if (file.front() != '/') {
-    rejectHostKeys(host, "SSH_KNOWN_HOSTS_F is \"" + file + "\", which is no absolute path");
+    rejectHostKeys({HERE}, host,
+                   "SSH_KNOWN_HOSTS_F is \"" + file + "\", which is no absolute path");
   }
   return file;
 }
@@ -57,13 +61,14 @@ bool isAskedFor(const char* variable) {
 }
 
 bool isVerificationConfigured() {
-  if (qrvConfIsUnreadable()) refuseVerification("the host's configuration cannot be read");
+  if (qrvConfIsUnreadable()) refuseVerification({HERE}, "the host's configuration cannot be read");
   if (qrvConfIsMalformed("CONTENT_VERIFY")) {
-    refuseVerification("a line of the host's configuration names CONTENT_VERIFY and sets nothing");
+    refuseVerification({HERE},
+                       "a line of the host's configuration names CONTENT_VERIFY and sets nothing");
   }
   const std::string value = configuredWord("CONTENT_VERIFY").value_or("no");
   if (value != "yes" && value != "no") {
-    refuseVerification(R"(CONTENT_VERIFY is neither "yes" nor "no" but ")" + value + '"');
+    refuseVerification({HERE}, R"(CONTENT_VERIFY is neither "yes" nor "no" but ")" + value + '"');
   }
   return value == "yes";
 }
@@ -82,14 +87,16 @@ HostKeyRules configuredHostKeyRules(const std::string& host) {
       {"accept-new", HostKeyRules::ACCEPT_NEW},
       {"strict", HostKeyRules::STRICT}};
   if (qrvConfIsUnreadable()) {
-    rejectHostKeys(host, "the host's configuration, which may demand certain keys, cannot be read");
+    rejectHostKeys({HERE}, host,
+                   "the host's configuration, which may demand certain keys, cannot be read");
   }
   requireWellFormed(host, "SSH_HOST_KEY_POLICY");
   const std::string name = configuredWord("SSH_HOST_KEY_POLICY").value_or("ignore");
   const auto policy = policies.find(name);
   if (policy == policies.end()) {
-    rejectHostKeys(host, "SSH_HOST_KEY_POLICY is \"" + name +
-                             R"(", which is none of "ignore", "accept-new" and "strict")");
+    rejectHostKeys({HERE}, host,
+                   "SSH_HOST_KEY_POLICY is \"" + name +
+                       R"(", which is none of "ignore", "accept-new" and "strict")");
   }
   if (policy->second == HostKeyRules::IGNORE) return {};
   return {policy->second, configuredKnownHosts(host, name)};

@@ -68,6 +68,9 @@ struct config {
   bool server = false;
   bool admin_info = false;
   bool no_license = false;
+
+  /// The path of a file of the agent's directory on the source host.
+  std::string remotePathOf(const std::string& name) const { return agent_dir + "/" + name; }
 };
 
 /// Reads the command line and the passwords of the environment; takes the key to log in by from the

@@ -22,8 +22,9 @@ void useFile(Work work, Reject reject) {
 HostKeyCheck::HostKeyCheck(const HostKeyRules& rules, const std::string& host, std::uint16_t port)
     : rules_(rules), host_(host) {
   if (rules_.policy == HostKeyRules::IGNORE) return;
+  const Place here = {HERE};
   useFile([&] { known_.emplace(rules_.file, host, port); },
-          [this](const std::string& reason) { reject(reason); });
+          [&](const std::string& reason) { reject(here, reason); });
 }
 
 std::vector<std::string> HostKeyCheck::types() const {
@@ -36,24 +37,27 @@ void HostKeyCheck::check(const HostKey& key) {
       "the key that it presents, " + key.type() + " " + key.fingerprint() + ", ";
   switch (known_->judge(key)) {
     case KnownHosts::KNOWN: return;
-    case KnownHosts::REVOKED: reject(presented + "is revoked in " + rules_.file);
+    case KnownHosts::REVOKED: reject({HERE}, presented + "is revoked in " + rules_.file);
     case KnownHosts::CHANGED:
-      reject(presented + "is not the one that " + rules_.file +
-             " has for it. Either the key was changed, or somebody is between this host and it");
+      reject(
+          {HERE},
+          presented + "is not the one that " + rules_.file +
+              " has for it. Either the key was changed, or somebody is between this host and it");
     case KnownHosts::UNKNOWN: break;
   }
   if (rules_.policy == HostKeyRules::STRICT) {
-    reject(presented + "is not known: " + rules_.file + " has none for it");
+    reject({HERE}, presented + "is not known: " + rules_.file + " has none for it");
   }
   accept(key);
 }
 
 void HostKeyCheck::accept(const HostKey& key) {
-  useFile([&] { known_->add(key); }, [this](const std::string& reason) { reject(reason); });
+  const Place here = {HERE};
+  useFile([&] { known_->add(key); }, [&](const std::string& reason) { reject(here, reason); });
   sshLog.info("The host key of " + host_ + " is new and was added to " + rules_.file + ": " +
               key.type() + " " + key.fingerprint());
 }
 
-void HostKeyCheck::reject(const std::string& reason) const {
-  throw Exc<&SshHostKeyRejected>(HERE) % host_ % reason;
+void HostKeyCheck::reject(const Place& place, const std::string& reason) const {
+  throw Exc<&SshHostKeyRejected>(place) % host_ % reason;
 }

@@ -40,7 +40,7 @@ class HostKeyCheck {
 
  private:
   void accept(const HostKey& key);
-  [[noreturn]] void reject(const std::string& reason) const;
+  [[noreturn]] void reject(const Place& place, const std::string& reason) const;
 
   HostKeyRules rules_;
   std::string host_;

@@ -129,13 +129,13 @@ bool Connection::isPeerGone() const {
   return peeked == 0 || (peeked < 0 && errno != EAGAIN && errno != EINTR);
 }
 
-void Connection::raiseLost() {
+void Connection::raiseLost(const Place& place) {
   abandon();
-  throw Exc<&SshConnectionFault>(HERE);
+  throw Exc<&SshConnectionFault>(place);
 }
 
-void Connection::requireIntact() {
-  if (callbackData_.lost) raiseLost();
+void Connection::requireIntact(const Place& place) {
+  if (callbackData_.lost) raiseLost(place);
 }
 
 void Connection::abandon() noexcept {

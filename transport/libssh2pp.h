@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "commons/exceptions.h"
 #include "transport/cipher_offer.h"
 #include "transport/receive_window.h"
 
@@ -110,11 +111,11 @@ class Connection {
   /// Marks the connection as lost: what closing would still send or await
   /// fails at once.
   void abandon() noexcept;
-  /// Marks it so and throws SshConnectionFault.
-  [[noreturn]] void raiseLost();
-  /// Throws SshConnectionFault when a packet has come damaged. The library drops it,
-  /// reports it to the current call alone, and goes on as if nothing was missing.
-  void requireIntact();
+  /// Marks it so and throws SshConnectionFault, raised at `place`.
+  [[noreturn]] void raiseLost(const Place& place);
+  /// Throws SshConnectionFault, raised at `place`, when a packet has come damaged. The library
+  /// drops it, reports it to the current call alone, and goes on as if nothing was missing.
+  void requireIntact(const Place& place);
 
  private:
   int socket_;

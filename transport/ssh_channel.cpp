@@ -119,7 +119,7 @@ void Channel::startCommand(const std::string& command, Mode mode) {
   }
   libssh2_session_set_blocking(connection_.session(), 1);
   if (result == 0) return;
-  if (isSocketError(result)) connection_.raiseLost();
+  if (isSocketError(result)) connection_.raiseLost({HERE});
   // The server leaves a refused channel open for ever; closed from here, it looks as
   // if the command had ended at once.
   refused_ = true;
@@ -141,7 +141,7 @@ int Channel::poll(int timeoutMs) {
   const bool lost = (events & CONNECTION_LOST_MASK) == CONNECTION_LOST_MASK;
   // A socket that the peer closed without a close message is not reported there.
   if (lost || (isIdle() && connection_.isPeerGone())) {
-    connection_.raiseLost();
+    connection_.raiseLost({HERE});
   }
   return result;
 }
@@ -165,8 +165,8 @@ void Channel::readBufferedPackets() const {
   const ReceiveLimit limit(connection_.callbackData(), queueRoom());
   char nothing = 0;
   // A lost connection can wait until what has come before is read.
-  if (isDamage(libssh2_channel_read_ex(get(), 0, &nothing, 0))) connection_.raiseLost();
-  connection_.requireIntact();
+  if (isDamage(libssh2_channel_read_ex(get(), 0, &nothing, 0))) connection_.raiseLost({HERE});
+  connection_.requireIntact({HERE});
 }
 
 /// True when only the peer can bring anything new. A closed channel is at its end.
@@ -248,7 +248,7 @@ int Channel::read(int stream, char* buffer, std::size_t size) {
     if (got < 0) {
       // What was read before a loss stays good, and the loss comes again.
       if (done > 0 && isSocketError(got)) break;
-      connection_.raiseLost();
+      connection_.raiseLost({HERE});
     }
     done += static_cast<std::size_t>(got);
   }
@@ -266,7 +266,7 @@ int Channel::write(const char* bytes, std::size_t size, const std::function<void
   if (written < 0 && written != LIBSSH2_ERROR_EAGAIN) {
     // A reset does not show at the socket while there is something to be read.
     if (!isSocketError(written) && !connection_.isPeerGone()) return static_cast<int>(written);
-    connection_.raiseLost();
+    connection_.raiseLost({HERE});
   }
   const auto windowIsShut = [this] { return libssh2_channel_window_write_ex(get(), nullptr) == 0; };
   // A packet that was sent in part must be finished before anything else is done.
@@ -280,7 +280,7 @@ int Channel::write(const char* bytes, std::size_t size, const std::function<void
     if (!windowIsShut()) return 0;
   }
   if (connection_.isPeerGone()) {
-    connection_.raiseLost();
+    connection_.raiseLost({HERE});
   }
   connection_.waitUntilReady();
   return 0;
@@ -298,7 +298,7 @@ bool Channel::isStalled() const {
 int Channel::sendEof() {
   if (refused_) return 0;
   const int result = retryInterrupted([&] { return libssh2_channel_send_eof(get()); });
-  if (isSocketError(result)) connection_.raiseLost();
+  if (isSocketError(result)) connection_.raiseLost({HERE});
   return result;
 }
 
@@ -306,10 +306,10 @@ int Channel::waitForExitStatus() {
   if (refused_ && !connection_.isPeerGone()) return REFUSED_STATUS;
   // Without this a lost connection and a signal would both look like status 0.
   if (refused_ || retryInterrupted([&] { return libssh2_channel_wait_closed(get()); }) != 0) {
-    connection_.raiseLost();
+    connection_.raiseLost({HERE});
   }
   // A status behind a damaged packet may have been in the library's buffer.
-  connection_.requireIntact();
+  connection_.requireIntact({HERE});
   const std::optional<std::string> signalName = exitSignalOf(get(), connection_.session());
   return signalName ? statusOfSignal(*signalName) : libssh2_channel_get_exit_status(get());
 }

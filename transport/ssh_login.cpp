@@ -117,7 +117,7 @@ bool Session::authorizeByFile(KeyLogin& attempt) {
                                                  attempt.identity.passphrase.c_str());
   });
   if (result == 0) return true;
-  requireLoginTime(result);
+  requireLoginTime({HERE}, result);
   const bool isAnswer =
       result == LIBSSH2_ERROR_AUTHENTICATION_FAILED || result == LIBSSH2_ERROR_PUBLICKEY_UNVERIFIED;
   if (!isAnswer && !isSocketError(result) && !connection().isPeerGone()) refuseKey(key);
@@ -139,7 +139,7 @@ bool Session::authorizeByAgent(KeyLogin& attempt) {
       return libssh2_agent_userauth(agent.get(), attempt.login.c_str(), key);
     });
     if (result == 0) return true;
-    requireLoginTime(result);
+    requireLoginTime({HERE}, result);
     const std::string blob(reinterpret_cast<const char*>(key->blob), key->blob_len);
     noteRefusal(result, "any key of the agent at SSH_AUTH_SOCK", HostKey(blob).type(), attempt);
   }
@@ -174,7 +174,7 @@ void Session::refreshMethods(KeyLogin& attempt) {
   try {
     getAuthMethodsList(attempt.login, attempt.methods);
   } catch (const Exc<&InvalidHandle>&) {
-    requireLoginTime(libssh2_session_last_errno(get()));
+    requireLoginTime({HERE}, libssh2_session_last_errno(get()));
     sessionLog.debug(std::string("The server allows no more attempts"));
   }
 }
@@ -209,7 +209,7 @@ bool Session::authorizeByPassword(const std::string& login, const std::string& p
                                         nullptr);
   });
   if (result != 0) {
-    requireLoginTime(result);
+    requireLoginTime({HERE}, result);
     return false;
   }
   // Not the same text as below; readers of the log distinguish the methods by it.
@@ -227,7 +227,7 @@ bool Session::authorizeInteractively(const std::string& login, const std::string
   });
   connection().callbackData().promptAnswer = nullptr;
   if (result != 0) {
-    requireLoginTime(result);
+    requireLoginTime({HERE}, result);
     return false;
   }
   sessionLog.debug(std::string("Authenticated successfully"));
@@ -236,8 +236,9 @@ bool Session::authorizeInteractively(const std::string& login, const std::string
 
 /// A server that has not answered within the limit has refused nothing. The library counts whole
 /// seconds, so that its time-out may come up to one before the deadline.
-void Session::requireLoginTime(int result) {
-  if (result == LIBSSH2_ERROR_TIMEOUT || Clock::now() >= loginDeadline_) connection().raiseLost();
+void Session::requireLoginTime(const Place& place, int result) {
+  const bool isLate = result == LIBSSH2_ERROR_TIMEOUT || Clock::now() >= loginDeadline_;
+  if (isLate) connection().raiseLost(place);
 }
 
 void Session::getAuthMethodsList(const std::string& login, std::vector<std::string>& methods) {

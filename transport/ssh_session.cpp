@@ -60,7 +60,7 @@ Session::Session(int socket, bool disableEncryption, bool compatibility,
 void Session::keepCiphers() {
   for (const int kind : {LIBSSH2_METHOD_CRYPT_CS, LIBSSH2_METHOD_CRYPT_SC}) {
     const char* const cipher = libssh2_session_methods(get(), kind);
-    if (cipher) libssh2_session_method_pref(get(), kind, std::string(cipher).c_str());
+    if (cipher) libssh2_session_method_pref(get(), kind, cipher);
   }
 }
 

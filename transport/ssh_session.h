@@ -107,7 +107,7 @@ class Session : private ConnectionOwner, public Handle<_LIBSSH2_SESSION, dtm_lib
   bool authorizeByPassword(const std::string& login, const std::string& password);
   bool authorizeInteractively(const std::string& login, const std::string& password);
   void finishLogin();
-  void requireLoginTime(int result);
+  void requireLoginTime(const Place& place, int result);
 
   /// The state of a login by key.
   struct KeyLogin;

@@ -190,6 +190,17 @@ TEST(ExceptionTest, NamesTheRaisingFunctionAndTheSourceFileWithoutItsDirectories
                                      std::string("file exceptions_test.cpp"), "line " + line}));
 }
 
+TEST(ExceptionTest, NamesThePlaceOfACallerThatItIsRaisedFor) {
+  const Place place = {"void caller()", "caller.cpp", 7};
+  const auto isThere =
+      testing::IsSupersetOf({std::string("context void caller()"), std::string("file caller.cpp"),
+                             std::string("line 7")});
+  EXPECT_THAT(visit(Exc<&MiddleError>(place)).calls, isThere);
+  const RecordingVisitor caused = visit(Exc<&MiddleError>(makeInner(), place));
+  EXPECT_THAT(caused.calls, isThere);
+  EXPECT_THAT(caused.calls, testing::Contains("file inner.cpp"));
+}
+
 TEST(SourceFileNameTest, IsWhatFollowsTheLastSlash) {
   EXPECT_STREQ(sourceFileName("/build/dir/a.cpp"), "a.cpp");
   EXPECT_STREQ(sourceFileName("./a.cpp"), "a.cpp");
