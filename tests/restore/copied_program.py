@@ -1,5 +1,5 @@
-"""Runs sondrel-restore in a copy of the test's process, which has loaded its modules: starting Python takes longer
-than most of what the tests have it do.
+"""Runs sondrel-restore in a copy of the test's process, which has loaded its modules: starting Python takes
+longer than most of what the tests need of it.
 
 What the program's own start decides (its interpreter, its module path, signals from outside) is tested by `started` of
 made_session.
