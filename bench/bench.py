@@ -279,14 +279,14 @@ class Bench:
                     Figure("longest", max(trips) * 1000, "ms")]
 
 
-def make_site(folder, files, size, owner):
+def make_site(directory, files, size, owner):
     """Makes a site with that many files of random bytes, in directories of 100."""
     for number in range(files):
-        path = f"{folder}/{number // 100:03d}/{number:06d}"
+        path = f"{directory}/{number // 100:03d}/{number:06d}"
         os.makedirs(os.path.dirname(path), exist_ok=True)
         with open(path, "wb") as file:
             file.write(os.urandom(size))
-    subprocess.run(["chown", "-R", f"{owner[0]}:{owner[1]}", folder], check=True)
+    subprocess.run(["chown", "-R", f"{owner[0]}:{owner[1]}", directory], check=True)
 
 
 def distance(rtt_ms, least=None):

@@ -14,8 +14,8 @@ use warnings;
 
 # Before anything else: what finds the directory of the agent may be missing too.
 BEGIN {
-    my ($folder) = $0 =~ m{\A(.*)/}s;
-    unshift @INC, defined $folder ? $folder : '.';
+    my ($directory) = $0 =~ m{\A(.*)/}s;
+    unshift @INC, defined $directory ? $directory : '.';
     require Agent::Perl;
     Agent::Perl::demand(@Agent::Perl::FOR_LOOKING, @Agent::Perl::FOR_DUMPS);
 }

@@ -21,9 +21,9 @@ END {
 
 # kind: mariadb or postgresql; sockets: the directory of its socket, the usual one if not given.
 sub new {
-    my ($class, $kind, $folder, $sockets) = @_;
+    my ($class, $kind, $directory, $sockets) = @_;
     $sockets = { mariadb => '/run/mysqld', postgresql => '/run/postgresql' }->{$kind} if !defined $sockets;
-    my $child = start(['/usr/bin/python3', "$FindBin::Bin/../e2e/source_databases.py", $kind, $folder, $sockets],
+    my $child = start(['/usr/bin/python3', "$FindBin::Bin/../e2e/source_databases.py", $kind, $directory, $sockets],
         stdin => 'pipe', stderr => \*STDERR);
     defined readline $child->{out} or die "The private $kind does not start\n";
     my $self = bless { kind => $kind, sockets => $sockets, child => $child }, $class;

@@ -216,8 +216,8 @@ END
 };
 
 test 'VirtualDocumentRoot makes a site of each directory' => sub {
-    my @folders = ('one', 'v/a.test/www', 'v/b.test/www', 'v/plain/www', 't/a/a.test');
-    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } @folders);
+    my @directories = ('one', 'v/a.test/www', 'v/b.test/www', 'v/plain/www', 't/a/a.test');
+    my ($sites, $problems) = sites_of(<<'END', map { ("srv/$_/" => undef) } @directories);
 <VirtualHost *:80>
     ServerName one.test
     VirtualDocumentRoot /srv/v/%0/www

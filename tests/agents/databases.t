@@ -52,10 +52,10 @@ sub site {
     my ($name, $owner, %settings) = @_;
     my $root = "/mnt/sites/$name";
     push @sites, { name => $name, names => [$name], owner => $owner, root => $root, roots => [$root] };
-    for my $folder (keys %settings) {
-        File::Path::mkpath("$root/$folder");
-        my ($database, $user, $password, $host) = @{ $settings{$folder} };
-        open my $file, '>', "$root/$folder/wp-config.php" or die $!;
+    for my $directory (keys %settings) {
+        File::Path::mkpath("$root/$directory");
+        my ($database, $user, $password, $host) = @{ $settings{$directory} };
+        open my $file, '>', "$root/$directory/wp-config.php" or die $!;
         print {$file} "<?php define('DB_NAME', '$database'); define('DB_USER', '$user');",
             " define('DB_PASSWORD', '$password'); define('DB_HOST', '", $host || 'localhost', "');";
         close $file or die $!;

@@ -236,7 +236,7 @@ test 'An account that takes the port of a server that is down is not spoken to' 
         . " server at /tmp/.s.PGSQL.5432 is not the host's", 'the server is not running for all that';
 
     # And takes it after it was looked at.
-    @$server{qw(folder owner)} = ('/tmp', [(getpwnam 'postgres')[2, 3]]);
+    @$server{qw(directory owner)} = ('/tmp', [(getpwnam 'postgres')[2, 3]]);
     my (undef, $error) = $server->ask('SELECT 1');
     like $error, qr/requirepeer/, 'who takes it later is found out by the client';
     is $squatter->said, '', 'who says nothing to it';

@@ -12,9 +12,9 @@ use Imitated qw(imitated);
 
 my $tree = Linux::Tree->new;
 # Scratch space of the private world, of which every directory is root's.
-my $folder = '/mnt/programs';
-my $program = "$folder/bin/say";
-mkpath("$folder/bin");
+my $directory = '/mnt/programs';
+my $program = "$directory/bin/say";
+mkpath("$directory/bin");
 open my $file, '>', $program or die "$program: $!\n";
 print $file "#!/bin/sh\necho \"said \$*\"\nexit \$1\n";
 close $file or die "$program: $!\n";
@@ -33,7 +33,7 @@ test 'A program of root is asked' => sub {
 };
 
 test 'A program is not found where the environment says' => sub {
-        local $ENV{PATH} = "$folder/bin";
+        local $ENV{PATH} = "$directory/bin";
         is program('say'), undef, 'but not where the environment says';
 };
 
@@ -42,10 +42,11 @@ my @ways = (
     ['another account owns it', sub { chown 1234, 0, $program }, sub { chown 0, 0, $program }],
     ['a group may write it', sub { chmod 0775, $program }, sub { chmod 0755, $program }],
     ['all may write it', sub { chmod 0757, $program }, sub { chmod 0755, $program }],
-    ['another account owns its directory', sub { chown 1234, 0, "$folder/bin" },
-        sub { chown 0, 0, "$folder/bin" }],
-    ['all may write its directory', sub { chmod 01777, "$folder/bin" }, sub { chmod 0755, "$folder/bin" }],
-    ['a group may write a directory above', sub { chmod 0775, $folder }, sub { chmod 0755, $folder }],
+    ['another account owns its directory', sub { chown 1234, 0, "$directory/bin" },
+        sub { chown 0, 0, "$directory/bin" }],
+    ['all may write its directory', sub { chmod 01777, "$directory/bin" },
+        sub { chmod 0755, "$directory/bin" }],
+    ['a group may write a directory above', sub { chmod 0775, $directory }, sub { chmod 0755, $directory }],
     ['it is not executable', sub { chmod 0644, $program }, sub { chmod 0755, $program }],
 );
 for my $way (@ways) {
@@ -60,11 +61,11 @@ for my $way (@ways) {
 }
 
 test 'A link of root may lead to a program and one of another account may not' => sub {
-    symlink "$folder/bin", "$folder/link" or die $!;
-    is answer_of($tree, ["$folder/link/say", 0]), "said 0\n", 'a link of root may lead to it';
-    system('chown', '-h', '1234', "$folder/link") == 0 or die 'chown';
-    is answer_of($tree, ["$folder/link/say", 0]), undef, 'a link of another account may not';
-    is program("$folder/bin"), undef, 'a directory is no program';
+    symlink "$directory/bin", "$directory/link" or die $!;
+    is answer_of($tree, ["$directory/link/say", 0]), "said 0\n", 'a link of root may lead to it';
+    system('chown', '-h', '1234', "$directory/link") == 0 or die 'chown';
+    is answer_of($tree, ["$directory/link/say", 0]), undef, 'a link of another account may not';
+    is program("$directory/bin"), undef, 'a directory is no program';
 };
 
 run_tests;

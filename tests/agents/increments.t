@@ -69,8 +69,8 @@ sub fetch {
     my ($most) = @_;
     my @names = $private->files_below('content');
     for my $name (defined $most ? @names[0 .. $most - 1] : @names) {
-        my ($folder) = $name =~ m{\A(.*)/};
-        mkpath("$fetched/$folder");
+        my ($directory) = $name =~ m{\A(.*)/};
+        mkpath("$fetched/$directory");
         output_of('mv', "$dir/$name", "$fetched/$name");
     }
     return;
@@ -118,9 +118,9 @@ sub listing {
     my $script = <<'PYTHON';
 import hashlib, os, stat, sys
 top, files = os.fsencode(sys.argv[1]), {}
-for where, folders, names in os.walk(top):
-    folders.sort()
-    for name in sorted(folders + names):
+for where, directories, names in os.walk(top):
+    directories.sort()
+    for name in sorted(directories + names):
         path = os.path.join(where, name)
         it = os.lstat(path)
         what = [os.path.relpath(path, top), oct(it.st_mode), it.st_uid, it.st_gid, it.st_mtime_ns]
@@ -159,10 +159,10 @@ $_ =~ s{/}{:}g for @odd;
 fill("site/many/$_", "of $_") for @odd, map {"file$_"} 1 .. 300;
 fill("site/docs/$_", "content of $_\n" x 50) for qw(page old same.second set-back owner mode note acl);
 fill('site/docs/deep/file', 'deep');
-fill('site/turns/into-folder', 'file');
+fill('site/turns/into-directory', 'file');
 mkpath("$top/site/turns/into-file/with/files");
 fill('site/turns/into-file/with/files/inside', 'x');
-symlink '../docs', "$top/site/turns/link-into-folder" or die $!;
+symlink '../docs', "$top/site/turns/link-into-directory" or die $!;
 symlink 'page', "$top/site/docs/link" or die $!;
 mkdir "$top/site/moves/tree" or die $!;
 fill("site/moves/tree/$_", "moved $_") for 1 .. 3;
@@ -199,7 +199,7 @@ for my $step (
     }],
     ['new, vanished and odd names', sub {
         fill('site/new', 'new');
-        mkpath("$top/site/new folder/below");
+        mkpath("$top/site/new directory/below");
         unlink "$top/site/docs/old", "$top/site/docs/deep/file";
         rmdir "$top/site/docs/deep";
         rmdir "$top/site/empty";
@@ -214,9 +214,9 @@ for my $step (
     ['files, directories and links in the place of others', sub {
         rmtree("$top/site/turns/into-file");
         fill('site/turns/into-file', 'a file now');
-        unlink "$top/site/turns/into-folder", "$top/site/turns/link-into-folder", "$top/site/docs/link";
-        mkpath("$top/site/turns/$_/with") for qw(into-folder link-into-folder);
-        fill('site/turns/link-into-folder/page', 'x');
+        unlink "$top/site/turns/into-directory", "$top/site/turns/link-into-directory", "$top/site/docs/link";
+        mkpath("$top/site/turns/$_/with") for qw(into-directory link-into-directory);
+        fill('site/turns/link-into-directory/page', 'x');
         symlink 'owner', "$top/site/docs/link" or die $!;
     }],
     ['further names of files', sub {
@@ -248,13 +248,13 @@ ok !defined $last->{increments}[0]{gone}, 'without a list where nothing has vani
 
 # --- a change that leaves no newer time: a clock that was set back, or a file that came by a renamed directory ---
 
-mkpath("$top/elsewhere/old folder");
-fill('elsewhere/old folder/from before', 'x');
+mkpath("$top/elsewhere/old directory");
+fill('elsewhere/old directory/from before', 'x');
 rest();
 follows('before');
-rename "$top/elsewhere/old folder", "$top/site/old folder" or die $!;
+rename "$top/elsewhere/old directory", "$top/site/old directory" or die $!;
 follows('a directory with older files');
-is_deeply [grep {/from before/} @{ members(follows('again')->{increments}[-1]) }], ['./site/old folder/from before'],
+is_deeply [grep {/from before/} @{ members(follows('again')->{increments}[-1]) }], ['./site/old directory/from before'],
     'comes with them';
 
 # --- what changes within the moment of the dump ---

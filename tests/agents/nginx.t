@@ -64,7 +64,7 @@ END
     is_deeply $site->{names}, ['a.test', 'www.a.test'], 'names are in lower case and without the last point';
     is $site->{root}, '/srv/a', 'the document root is tidy';
     is_deeply $site->{roots}, ['/srv/a', '/srv/media'],
-        'folders inside the root, of packages and for certificate challenges are no further roots';
+        'directories inside the root, of packages and for certificate challenges are no further roots';
     is_deeply $site->{listen}, [
         { address => '*', port => 443, tls => 1 }, { address => 'unix:/run/a.sock', port => undef, tls => 0 },
         { address => '127.0.0.1', port => 8443, tls => 1 }, { address => '*', port => 80, tls => 0 },
@@ -117,15 +117,15 @@ END
 
 test 'Variables are followed where the configuration decides them' => sub {
     my ($sites, $problems) = sites_of(<<'END',
-map $host $folder { hostnames; default none; m.test mm; *.map.test wild; ~^r(.)\.test$ regex; }
+map $host $directory { hostnames; default none; m.test mm; *.map.test wild; ~^r(.)\.test$ regex; }
 map $http_host $other { default /srv/other; }
 upstream php { server unix:/run/php-fpm/www.sock; server 127.0.0.1:9001 backup; }
 upstream app { server 127.0.0.1:3000; }
 server { server_name s.test; set $base /srv/sites; set $sub s; root ${base}/$sub/htdocs; location ~ \.php { fastcgi_pass php; } }
 server { server_name h1.test h2.test; root /srv/hosts/$host; }
-server { server_name m.test; root /srv/$folder; }
-server { server_name x.map.test; root /srv/$folder; }
-server { server_name r1.test; root /srv/$folder; }
+server { server_name m.test; root /srv/$directory; }
+server { server_name x.map.test; root /srv/$directory; }
+server { server_name r1.test; root /srv/$directory; }
 server { server_name n.test; root /srv/names/$server_name; }
 server { server_name p.test; location / { proxy_pass http://app/x; } }
 server { server_name *.mass.test mass.test; root /srv/mass/$host/www; }
@@ -162,8 +162,8 @@ END
 };
 
 test 'A server without a name or a root has those of nginx' => sub {
-    my @folders = ('usr/share/nginx/html/' => undef, 'var/www/html/' => undef, 'srv/o/' => undef);
-    my ($sites, $problems) = sites_of(<<'END', @folders);
+    my @directories = ('usr/share/nginx/html/' => undef, 'var/www/html/' => undef, 'srv/o/' => undef);
+    my ($sites, $problems) = sites_of(<<'END', @directories);
 server { listen 80 default_server; server_name _; root /var/www/html; }
 server { listen 443 ssl default_server; root /var/www/html; }
 server { listen 8080; }

@@ -77,15 +77,16 @@ test 'Documents are for the owner of the directory only' => sub {
 
 test 'A link in place of a directory is refused' => sub {
     begin_anew();
-    symlink $secret, "$dir/folder" or die $!;
+    symlink $secret, "$dir/directory" or die $!;
     for my $step (
-        [replace => 'folder/x', 'y'], [remove => 'folder/x'], [facts => 'folder/x'], [read => 'folder/x'],
-        [open_append => 'folder/y'], [files_below => 'folder'],
+        [replace => 'directory/x', 'y'], [remove => 'directory/x'], [facts => 'directory/x'],
+        [read => 'directory/x'],
+        [open_append => 'directory/y'], [files_below => 'directory'],
     ) {
         my ($method, @arguments) = @$step;
         ok !eval { $private->$method(@arguments); 1 }, "a link in place of a directory is refused: $method";
     }
-    untouched('folder');
+    untouched('directory');
 };
 
 test 'A link in place of a file is replaced and not followed' => sub {

@@ -19,15 +19,15 @@ use Linux::Php;
 use Linux::Tree;
 
 # A directory for a server with marked document roots below it.
-sub folder_with {
+sub directory_with {
     my @roots = @_;
-    my $folder = tempdir(CLEANUP => 1);
-    chmod 0755, $folder;
-    for my $root (map {"$folder/$_"} @roots) {
+    my $dir = tempdir(CLEANUP => 1);
+    chmod 0755, $dir;
+    for my $root (map {"$dir/$_"} @roots) {
         mkpath($root);
         write_file("$root/marker", $root);
     }
-    return $folder;
+    return $dir;
 }
 
 # The body that a server gives to a host for /marker, or its redirect.
@@ -79,79 +79,79 @@ sub written_for_apache {
 
 test 'The sites of nginx are those that it serves' => sub {
     my $port = free_port();
-    my $folder = folder_with(qw(a b-inner c/h1.test c/h2.test set/x/y mapped wild regex mass/m1.test mass/m2.test
+    my $dir = directory_with(qw(a b-inner c/h1.test c/h2.test set/x/y mapped wild regex mass/m1.test mass/m2.test
         quoted/in default location alias));
     my @logs = map {"$_ off;"} 'access_log';
-    write_file("$folder/nginx.conf", <<"END");
-daemon off; pid $folder/pid; error_log $folder/error.log;
+    write_file("$dir/nginx.conf", <<"END");
+daemon off; pid $dir/pid; error_log $dir/error.log;
 user root;
 events {}
 http {
     @logs
-    client_body_temp_path $folder/t; proxy_temp_path $folder/t; fastcgi_temp_path $folder/t; uwsgi_temp_path $folder/t;
-    scgi_temp_path $folder/t;
+    client_body_temp_path $dir/t; proxy_temp_path $dir/t; fastcgi_temp_path $dir/t; uwsgi_temp_path $dir/t;
+    scgi_temp_path $dir/t;
     server_names_hash_bucket_size 128;
-    root $folder/default;
+    root $dir/default;
     map \$host \$mapped { hostnames; default none; m.test mapped; *.map.test wild; ~^r\\d\\.test\$ regex; }
     include sites/*.conf; # comes first
     server { listen 127.0.0.1:$port default_server; }
 }
 END
-    mkpath("$folder/sites");
-    write_file("$folder/sites/a.conf", <<"END");
-server{listen 127.0.0.1:$port;server_name a.test www.a.test;root $folder/a;}
+    mkpath("$dir/sites");
+    write_file("$dir/sites/a.conf", <<"END");
+server{listen 127.0.0.1:$port;server_name a.test www.a.test;root $dir/a;}
 server { listen 127.0.0.1:$port; server_name "b.test"; set \$inner b-inner;
     include sites/snippet; }
 server {
     listen 127.0.0.1:$port; # a comment; with } marks {
     server_name h1.test
         h2.test;
-    root "$folder/c/\${host}";
+    root "$dir/c/\${host}";
 }
-server { listen 127.0.0.1:$port; server_name set.test; set \$one x; set \$both \$one/y; root $folder/set/\$both; }
-server { listen 127.0.0.1:$port; server_name m.test; root $folder/\$mapped; }
-server { listen 127.0.0.1:$port; server_name x.map.test; root $folder/\$mapped; }
-server { listen 127.0.0.1:$port; server_name r7.test; root $folder/\$mapped; }
-server { listen 127.0.0.1:$port; server_name *.test; root $folder/mass/\$host; }
+server { listen 127.0.0.1:$port; server_name set.test; set \$one x; set \$both \$one/y; root $dir/set/\$both; }
+server { listen 127.0.0.1:$port; server_name m.test; root $dir/\$mapped; }
+server { listen 127.0.0.1:$port; server_name x.map.test; root $dir/\$mapped; }
+server { listen 127.0.0.1:$port; server_name r7.test; root $dir/\$mapped; }
+server { listen 127.0.0.1:$port; server_name *.test; root $dir/mass/\$host; }
 server { listen 127.0.0.1:$port; server_name inherits.test; }
 server { listen 127.0.0.1:$port; server_name old.test; return 301 http://a.test\$request_uri; }
-server { listen 127.0.0.1:$port; server_name l.test; root $folder; location / { root $folder/location; } }
-server { listen 127.0.0.1:$port; server_name s.test; location ^~ / { alias $folder/alias/; } }
+server { listen 127.0.0.1:$port; server_name l.test; root $dir; location / { root $dir/location; } }
+server { listen 127.0.0.1:$port; server_name s.test; location ^~ / { alias $dir/alias/; } }
 server { listen 127.0.0.1:$port; server_name e.test; location ~ ^/mark[e]r\$ { return 200 'a "b" \\\\ \\d it\\'s'; }
-    if (\$http_x ~ "^a b{2}\$") { return 403; } location /x { root $folder/a; } }
-server { listen 127.0.0.1:$port; server_name q.test; location ~ "^/(?!x{2,3}).*" { root '$folder/quoted/in'; } root $folder; }
+    if (\$http_x ~ "^a b{2}\$") { return 403; } location /x { root $dir/a; } }
+server { listen 127.0.0.1:$port; server_name q.test; location ~ "^/(?!x{2,3}).*" { root '$dir/quoted/in'; } root $dir; }
 END
-    write_file("$folder/sites/snippet", "root $folder/\$inner;\n");
+    write_file("$dir/sites/snippet", "root $dir/\$inner;\n");
     my $problems = Agent::Problems->new;
-    my $found = Linux::Nginx::look(Linux::Tree->new, $problems, instances => [{ main => "$folder/nginx.conf", prefix => $folder }]);
+    my $found = Linux::Nginx::look(Linux::Tree->new, $problems, instances => [{ main => "$dir/nginx.conf", prefix => $dir }]);
     my @sites = @{ $found->{sites} };
     is_deeply [sort map { $_->{name} } @sites], [sort "default-$port",
         map {"$_.test"} qw(a b h1 set m x.map r7 inherits q l s e m1 m2)],
         'nginx has its sites' or diag explain [map { $_->{name} } @sites];
     is_deeply problem_texts($problems), [], 'without a problem';
-    write_file("$folder/again.conf", written_for_nginx(@{ $found->{configurations}[0]{directives} }));
+    write_file("$dir/again.conf", written_for_nginx(@{ $found->{configurations}[0]{directives} }));
     for my $main ('nginx.conf', 'again.conf') {
-        with_server($port, ['nginx', '-p', $folder, '-c', "$folder/$main"], sub {
-            agrees($port, \@sites, { 'h2.test' => "$folder/c/h2.test", 'old.test' => 'http://a.test/marker',
-                'q.test' => "$folder/quoted/in", 'M1.TEST' => "$folder/mass/m1.test", 'e.test' => 'a "b" \\ \\d it\'s' });
+        with_server($port, ['nginx', '-p', $dir, '-c', "$dir/$main"], sub {
+            agrees($port, \@sites, { 'h2.test' => "$dir/c/h2.test", 'old.test' => 'http://a.test/marker',
+                'q.test' => "$dir/quoted/in", 'M1.TEST' => "$dir/mass/m1.test", 'e.test' => 'a "b" \\ \\d it\'s' });
         });
     }
 };
 
 test 'The sites of Apache are those that it serves' => sub {
     my $port = free_port();
-    my $folder = folder_with('with blank',
+    my $dir = directory_with('with blank',
         qw(a b main v/v1.test v/v2.test w/x/x.w.test conditional macro/one));
     my $modules = '/usr/lib/apache2/modules';
     my $loaded = join '', map {"LoadModule ${_}_module $modules/mod_$_.so\n"}
         qw(mpm_event authz_core vhost_alias macro alias rewrite);
-    write_file("$folder/apache2.conf", <<"END");
-ServerRoot "$folder"
+    write_file("$dir/apache2.conf", <<"END");
+ServerRoot "$dir"
 ServerName main.test
 Listen 127.0.0.1:$port
-PidFile $folder/pid
-ErrorLog $folder/error.log
-Define TOP $folder
+PidFile $dir/pid
+ErrorLog $dir/error.log
+Define TOP $dir
 $loaded
 User nobody
 Group nogroup
@@ -159,8 +159,8 @@ DocumentRoot \${TOP}/main
 Include hosts
 IncludeOptional none/*.conf
 END
-    mkpath("$folder/hosts/deep");
-    write_file("$folder/hosts/a.conf", <<"END");
+    mkpath("$dir/hosts/deep");
+    write_file("$dir/hosts/a.conf", <<"END");
 <virtualhost 127.0.0.1:$port>
   SERVERNAME a.test
   ServerAlias www.a.test \\
@@ -176,7 +176,7 @@ END
 </VirtualHost>
 <VirtualHost 127.0.0.1:$port>
   ServerName blank.test
-  DocumentRoot '$folder/with blank'
+  DocumentRoot '$dir/with blank'
 </VirtualHost>
 <VirtualHost 127.0.0.1:$port>
   ServerName nothing.test
@@ -209,12 +209,12 @@ END
 </IfModule>
 </IfModule>
 END
-    write_file("$folder/hosts/deep/m.conf", <<"END");
-<Macro Site \$name \$names \$folder>
+    write_file("$dir/hosts/deep/m.conf", <<"END");
+<Macro Site \$name \$names \$dir>
   <VirtualHost 127.0.0.1:$port>
     ServerName \$name
     ServerAlias \$names
-    DocumentRoot \${TOP}/\$folder/one
+    DocumentRoot \${TOP}/\$dir/one
   </VirtualHost>
 </Macro>
 Use Site macro.test www.macro.test macro
@@ -225,16 +225,16 @@ Use Site macro.test www.macro.test macro
 </VirtualHost>
 END
     my $problems = Agent::Problems->new;
-    my $found = Linux::Apache::look(Linux::Tree->new, $problems, instances => [{ main => "$folder/apache2.conf" }]);
+    my $found = Linux::Apache::look(Linux::Tree->new, $problems, instances => [{ main => "$dir/apache2.conf" }]);
     my @sites = @{ $found->{sites} };
     is_deeply [sort map { $_->{name} } @sites],
         [sort 'v.invalid', map {"$_.test"} qw(a b blank nothing x.w conditional macro v1 v2)],
         'Apache has its sites' or diag explain [map { $_->{name} } @sites];
     is_deeply [grep { !/depends on the request/ } @{ problem_texts($problems) }], [], 'without a problem';
     my $apache = which('apache2');
-    write_file("$folder/again.conf", written_for_apache(@{ $found->{configurations}[0]{directives} }));
+    write_file("$dir/again.conf", written_for_apache(@{ $found->{configurations}[0]{directives} }));
     for my $main ('apache2.conf', 'again.conf') {
-        with_server($port, [$apache, '-X', '-f', "$folder/$main"], sub {
+        with_server($port, [$apache, '-X', '-f', "$dir/$main"], sub {
             agrees($port, [grep { $_->{name} ne 'v.invalid' } @sites], { 'old.test' => 'http://a.test/marker',
                 'x.test' => q(http://a.test/x\\y'z) });
         });
@@ -243,8 +243,8 @@ END
 
 # The settings that PHP itself sees, asked from a script in the document root.
 sub php_settings {
-    my ($port, $host, $folder, @names) = @_;
-    write_file("$folder/$host/ask.php", '<?php foreach (explode(",", $_GET["n"]) as $n) { echo $n, "=", ini_get($n), "\n"; }');
+    my ($port, $host, $dir, @names) = @_;
+    write_file("$dir/$host/ask.php", '<?php foreach (explode(",", $_GET["n"]) as $n) { echo $n, "=", ini_get($n), "\n"; }');
     my $socket = IO::Socket::INET->new(PeerAddr => '127.0.0.1', PeerPort => $port, Timeout => 10) or return;
     print $socket 'GET /ask.php?n=', join(',', @names), " HTTP/1.0\r\nHost: $host\r\n\r\n";
     my $answer = do { local $/; <$socket> };
@@ -254,11 +254,11 @@ sub php_settings {
 
 # Compares the settings that a site is said to have with what PHP says.
 sub settings_agree {
-    my ($port, $folder, @sites) = @_;
+    my ($port, $dir, @sites) = @_;
     for my $site (grep { $_->{php} } @sites) {
         my $settings = { %{ $site->{php}{settings} } };
         s/\Aoff\z/0/ for values %$settings;
-        is_deeply php_settings($port, $site->{name}, $folder, keys %$settings), $settings,
+        is_deeply php_settings($port, $site->{name}, $dir, keys %$settings), $settings,
             "PHP has the settings that $site->{name} is said to have" or diag explain $site->{php};
     }
     return;
@@ -266,16 +266,16 @@ sub settings_agree {
 
 test 'Apache runs PHP with the settings that a site has' => sub {
     my $port = free_port();
-    my $folder = folder_with(qw(a.test b.test home/ann/public_html));
+    my $dir = directory_with(qw(a.test b.test home/ann/public_html));
     my ($php) = glob '/etc/apache2/mods-available/php*.load';
     (my $of_php = $php) =~ s/\.load\z/.conf/;
     my $modules = '/usr/lib/apache2/modules';
-    write_file("$folder/apache2.conf", join '', <<"END", <<'END', <<"END");
-ServerRoot $folder
+    write_file("$dir/apache2.conf", join '', <<"END", <<'END', <<"END");
+ServerRoot $dir
 ServerName main.test
 Listen 127.0.0.1:$port
-PidFile $folder/pid
-ErrorLog $folder/error.log
+PidFile $dir/pid
+ErrorLog $dir/error.log
 User nobody
 Group nogroup
 LoadModule mpm_prefork_module $modules/mod_mpm_prefork.so
@@ -285,7 +285,7 @@ LoadModule userdir_module $modules/mod_userdir.so
 TypesConfig /dev/null
 Include $php
 Include $of_php
-Define TOP $folder
+Define TOP $dir
 Define PORT $port
 END
 php_admin_value memory_limit 131M
@@ -320,30 +320,30 @@ php_value default_charset latin1
 END
 <VirtualHost 127.0.0.1:$port>
     ServerName b.test
-    DocumentRoot $folder/b.test
+    DocumentRoot $dir/b.test
 </VirtualHost>
 END
-    write_file("$folder/b.test/.htaccess", "php_value user_agent of-folder\nphp_value memory_limit 2M\n");
+    write_file("$dir/b.test/.htaccess", "php_value user_agent of-directory\nphp_value memory_limit 2M\n");
     my $problems = Agent::Problems->new;
-    my $found = Linux::Apache::look(Linux::Tree->new, $problems, instances => [{ main => "$folder/apache2.conf" }]);
+    my $found = Linux::Apache::look(Linux::Tree->new, $problems, instances => [{ main => "$dir/apache2.conf" }]);
     my @sites = @{ $found->{sites} };
     my $reader = Linux::Php->new(Linux::Tree->new, $problems);
     $_->{php} = $reader->of_site($_) for @sites;
     is_deeply [map { "$_->{name} $_->{php}{handler}" } @sites], ['a.test module', 'b.test module'],
         'PHP is a module of the server';
-    with_server($port, [which('apache2'), '-X', '-f', "$folder/apache2.conf"], sub {
-        settings_agree($port, $folder, @sites);
+    with_server($port, [which('apache2'), '-X', '-f', "$dir/apache2.conf"], sub {
+        settings_agree($port, $dir, @sites);
     });
     is_deeply problem_texts($problems), [], 'without a problem' or diag explain problem_texts($problems);
 };
 
 test 'PHP-FPM runs with the settings that a site has' => sub {
     my ($port, $php_port) = (free_port(), free_port());
-    my $folder = folder_with(qw(c.test));
+    my $dir = directory_with(qw(c.test));
     my ($program) = glob '/usr/sbin/php-fpm?.?';
-    write_file("$folder/fpm.conf", <<"END");
+    write_file("$dir/fpm.conf", <<"END");
 [global]
-error_log = $folder/fpm.log
+error_log = $dir/fpm.log
 daemonize = no
 [c]
 listen = 127.0.0.1:$php_port
@@ -355,16 +355,16 @@ php_value[user_agent] = of-pool
 php_value[default_charset] = latin1
 php_admin_flag[html_errors] = off
 END
-    write_file("$folder/c.test/.user.ini", "user_agent = of-folder\nmemory_limit = 2M\nsendmail_from = of-folder\n"
-        . "error_prepend_string = of-folder\nerror_append_string = of-folder\n");
-    write_file("$folder/nginx.conf", <<"END");
-daemon off; pid $folder/pid; error_log $folder/error.log; user root;
+    write_file("$dir/c.test/.user.ini", "user_agent = of-directory\nmemory_limit = 2M\nsendmail_from = of-directory\n"
+        . "error_prepend_string = of-directory\nerror_append_string = of-directory\n");
+    write_file("$dir/nginx.conf", <<"END");
+daemon off; pid $dir/pid; error_log $dir/error.log; user root;
 events {}
 http {
     access_log off;
-    client_body_temp_path $folder/t; proxy_temp_path $folder/t; fastcgi_temp_path $folder/t; uwsgi_temp_path $folder/t;
-    scgi_temp_path $folder/t;
-    server { listen 127.0.0.1:$port; server_name c.test; root $folder/c.test;
+    client_body_temp_path $dir/t; proxy_temp_path $dir/t; fastcgi_temp_path $dir/t; uwsgi_temp_path $dir/t;
+    scgi_temp_path $dir/t;
+    server { listen 127.0.0.1:$port; server_name c.test; root $dir/c.test;
         location ~ \.php\$ {
             fastcgi_pass 127.0.0.1:$php_port;
             fastcgi_param SCRIPT_FILENAME \$document_root\$fastcgi_script_name;
@@ -380,16 +380,16 @@ error_prepend_string=of-request";
 }
 END
     my $problems = Agent::Problems->new;
-    my $found = Linux::Nginx::look(Linux::Tree->new, $problems, instances => [{ main => "$folder/nginx.conf", prefix => $folder }]);
+    my $found = Linux::Nginx::look(Linux::Tree->new, $problems, instances => [{ main => "$dir/nginx.conf", prefix => $dir }]);
     my ($site) = @{ $found->{sites} };
     my $reader = Linux::Php->new(Linux::Tree->new, $problems);
-    $reader->read_pool_file("$folder/fpm.conf", '8.2');
+    $reader->read_pool_file("$dir/fpm.conf", '8.2');
     $reader->index_pools;
     $site->{php} = $reader->of_site($site);
     is $site->{php}{pool}, 'c', 'PHP has its pool';
-    with_server($php_port, [$program, '-y', "$folder/fpm.conf"], sub {
-        with_server($port, ['nginx', '-p', $folder, '-c', "$folder/nginx.conf"], sub {
-            settings_agree($port, $folder, $site);
+    with_server($php_port, [$program, '-y', "$dir/fpm.conf"], sub {
+        with_server($port, ['nginx', '-p', $dir, '-c', "$dir/nginx.conf"], sub {
+            settings_agree($port, $dir, $site);
         });
     });
 };

@@ -41,27 +41,27 @@ my $HOME = '<html><head><title>Garden</title></head><a href="/b.html">b</a>'
     . '<a href="http://a.test:8080/logout">o</a>' . "\n";
 my $SIZE = length $HOME;
 
-my $folder_of_servers = once(sub {
-    my $folder = tempdir(CLEANUP => 1);
-    chmod 0755, $folder;
-    mkpath(["$folder/docs", "$folder/run"]);
-    write_file("$folder/docs/index.html", $HOME);
-    write_file("$folder/docs/b.html", '<title>Prices</title>');
-    run([qw(openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=a.test -keyout), "$folder/key", '-out',
-        "$folder/cert"])->{status} and die;
-    write_file("$folder/nginx.conf", <<"END");
-pid $folder/pid; error_log $folder/error.log; user root;
+my $directory_of_servers = once(sub {
+    my $dir = tempdir(CLEANUP => 1);
+    chmod 0755, $dir;
+    mkpath(["$dir/docs", "$dir/run"]);
+    write_file("$dir/docs/index.html", $HOME);
+    write_file("$dir/docs/b.html", '<title>Prices</title>');
+    run([qw(openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=a.test -keyout), "$dir/key", '-out',
+        "$dir/cert"])->{status} and die;
+    write_file("$dir/nginx.conf", <<"END");
+pid $dir/pid; error_log $dir/error.log; user root;
 events { worker_connections 16; }
 http {
-    log_format asked '\$scheme \$ssl_server_name \$http_host \$request_method \$request_uri \$http_cookie'; access_log $folder/asked asked;
+    log_format asked '\$scheme \$ssl_server_name \$http_host \$request_method \$request_uri \$http_cookie'; access_log $dir/asked asked;
     types { text/html html; }
-    client_body_temp_path $folder/t; proxy_temp_path $folder/t; fastcgi_temp_path $folder/t; uwsgi_temp_path $folder/t; scgi_temp_path $folder/t;
-    server { listen 8080; server_name a.test *.a.test ~^x\\d+\\.test\$; root $folder/docs; }
-    server { listen [::]:8080; listen 192.0.2.1:8443 ssl; server_name b.test; root $folder/docs; ssl_certificate cert; ssl_certificate_key key; }
+    client_body_temp_path $dir/t; proxy_temp_path $dir/t; fastcgi_temp_path $dir/t; uwsgi_temp_path $dir/t; scgi_temp_path $dir/t;
+    server { listen 8080; server_name a.test *.a.test ~^x\\d+\\.test\$; root $dir/docs; }
+    server { listen [::]:8080; listen 192.0.2.1:8443 ssl; server_name b.test; root $dir/docs; ssl_certificate cert; ssl_certificate_key key; }
     server { listen 8080; server_name old.test; return 301 http://a.test:8080\$request_uri; }
 }
 END
-    return $folder;
+    return $dir;
 });
 
 sub sites_of {
@@ -102,16 +102,16 @@ sub requests_in {
 # Runs nginx as long as the block does, which gets the sites of it by their names.
 sub with_nginx {
     my ($block) = @_;
-    my $folder = $folder_of_servers->();
+    my $dir = $directory_of_servers->();
     # What was asked is of this test.
-    write_file("$folder/asked", '');
-    my @nginx = ('nginx', '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;');
+    write_file("$dir/asked", '');
+    my @nginx = ('nginx', '-p', "$dir/", '-c', "$dir/nginx.conf", '-g', 'daemon off;');
     with_server(8080, \@nginx, sub { $block->({ map { $_->{name} => $_ } sites_of(\&Linux::Nginx::look) }) });
     return;
 }
 
 test 'Sites are asked by their names as a browser asks' => sub {
-    my $folder = $folder_of_servers->();
+    my $dir = $directory_of_servers->();
     with_nginx(sub {
         my %site = %{ $_[0] };
         $site{'gone.test'} = site(8090, 'gone.test');
@@ -131,7 +131,7 @@ test 'Sites are asked by their names as a browser asks' => sub {
             . " listens at its addresses: what it answers"
             . ' cannot be compared with the new host. Dump again while it runs if you want that'],
                 'which is told';
-        is requests_in("$folder/asked", 6), <<'END', 'what was sent is what a browser sends';
+        is requests_in("$dir/asked", 6), <<'END', 'what was sent is what a browser sends';
 http - a.test:8080 GET / -
 http - a.test:8080 GET /b.html -
 http - b.test:8080 GET / -
@@ -185,13 +185,13 @@ test 'The settings of the agent say whether sites are asked' => sub {
 
 sub with_apache {
     my ($block) = @_;
-    my $folder = $folder_of_servers->();
+    my $dir = $directory_of_servers->();
     my $modules = '/usr/lib/apache2/modules';
-    write_file("$folder/web.conf", <<"END");
+    write_file("$dir/web.conf", <<"END");
 ServerName main.test
 Listen 192.0.2.1:8081
-PidFile $folder/run/pid
-ErrorLog $folder/error.log
+PidFile $dir/run/pid
+ErrorLog $dir/error.log
 LoadModule mpm_event_module $modules/mod_mpm_event.so
 LoadModule authz_core_module $modules/mod_authz_core.so
 LoadModule dir_module $modules/mod_dir.so
@@ -199,12 +199,12 @@ LoadModule mime_module $modules/mod_mime.so
 TypesConfig /etc/mime.types
 <VirtualHost *>
 ServerName c.test
-DocumentRoot $folder/docs
+DocumentRoot $dir/docs
 </VirtualHost>
 END
     my $front = IO::Socket::INET->new(LocalAddr => '127.0.0.1', LocalPort => 8081, Listen => 5)
         or die "listen: $!";
-    with_server(8081, ['/usr/sbin/apache2', '-X', '-d', $folder, '-f', 'web.conf'], sub {
+    with_server(8081, ['/usr/sbin/apache2', '-X', '-d', $dir, '-f', 'web.conf'], sub {
         my $deadline = Time::HiRes::time() + 20;
         Time::HiRes::sleep(0.02) until IO::Socket::INET->new(PeerAddr => '192.0.2.1', PeerPort => 8081)
             || Time::HiRes::time() > $deadline;

@@ -184,8 +184,8 @@ my $slow = bless tar_of(['/live'], between => [sub {
     fill('live/changed', 'new');
     fill('live/added', 'added');
     rename "$top/live/renamed", "$top/live/under another name";
-    mkdir "$top/live/folder";
-    fill('live/folder/added', 'added');
+    mkdir "$top/live/directory";
+    fill('live/directory/added', 'added');
 }, sub { fill('live/changed', 'newer still') }]), 'Slow';
 packed($slow, 0);
 $copy = unpacked();
@@ -235,55 +235,56 @@ sub unpacked_app {
     return $app;
 }
 
-my $FOLDER = "/home/ali\nce \\& ,x";
-mkpath("$top$FOLDER/app/public/sub");
+my $DIRECTORY = "/home/ali\nce \\& ,x";
+mkpath("$top$DIRECTORY/app/public/sub");
 mkpath("$top/secret/$_") for qw(public sub);
 fill("secret/$_/key", 'SECRET') for qw(public sub);
-fill("$FOLDER/app/public/$_", 'own') for qw(page sub/key);
-link "$top$FOLDER/app/public/page", "$top$FOLDER/app/public/page too" or die $!;
-symlink 'page', "$top$FOLDER/app/public/link" or die $!;
-output_of('chown', '-R', '1234:1234', "$top$FOLDER");
+fill("$DIRECTORY/app/public/$_", 'own') for qw(page sub/key);
+link "$top$DIRECTORY/app/public/page", "$top$DIRECTORY/app/public/page too" or die $!;
+symlink 'page', "$top$DIRECTORY/app/public/link" or die $!;
+output_of('chown', '-R', '1234:1234', "$top$DIRECTORY");
 chmod 0700, "$top/secret" or die $!;
 
-packed_while(sub { }, "$FOLDER/app/public");
-is_deeply listing(unpacked_app()), listing("$top$FOLDER/app"),
+packed_while(sub { }, "$DIRECTORY/app/public");
+is_deeply listing(unpacked_app()), listing("$top$DIRECTORY/app"),
     'a directory whose path is not only root\'s is packed at its place';
-packed(tar_of(["$FOLDER/app/public"], exclude => ["$top$FOLDER/app/public/sub"]), 0);
-ok !-e unpacked() . "$FOLDER/app/public/sub", 'without what is to be left out';
-packed_while(sub { fill("$FOLDER/app/public/page", 'newer') }, "$FOLDER/app/public");
-is_deeply listing(unpacked_app()), listing("$top$FOLDER/app"), 'and read again when it changes';
+packed(tar_of(["$DIRECTORY/app/public"], exclude => ["$top$DIRECTORY/app/public/sub"]), 0);
+ok !-e unpacked() . "$DIRECTORY/app/public/sub", 'without what is to be left out';
+packed_while(sub { fill("$DIRECTORY/app/public/page", 'newer') }, "$DIRECTORY/app/public");
+is_deeply listing(unpacked_app()), listing("$top$DIRECTORY/app"), 'and read again when it changes';
 is_deeply \@notes, [], 'without a word';
 
 packed_while(sub {
-    rename "$top$FOLDER/app/public/sub", "$top$FOLDER/kept" or die $!;
-    symlink "$top/secret/sub", "$top$FOLDER/app/public/sub" or die $!;
-}, "$FOLDER/app/public");
-ok -l unpacked() . "$FOLDER/app/public/sub", 'a link that takes the place of a directory is packed as a link';
+    rename "$top$DIRECTORY/app/public/sub", "$top$DIRECTORY/kept" or die $!;
+    symlink "$top/secret/sub", "$top$DIRECTORY/app/public/sub" or die $!;
+}, "$DIRECTORY/app/public");
+ok -l unpacked() . "$DIRECTORY/app/public/sub",
+    'a link that takes the place of a directory is packed as a link';
 ok !seen(unpacked()), 'and not what it leads to';
-unlink "$top$FOLDER/app/public/sub" or die $!;
-rename "$top$FOLDER/kept", "$top$FOLDER/app/public/sub" or die $!;
+unlink "$top$DIRECTORY/app/public/sub" or die $!;
+rename "$top$DIRECTORY/kept", "$top$DIRECTORY/app/public/sub" or die $!;
 packed_while(sub {
-    rename "$top$FOLDER/app", "$top$FOLDER/away" or die $!;
-    symlink "$top/secret", "$top$FOLDER/app" or die $!;
-}, "$FOLDER/app/public");
+    rename "$top$DIRECTORY/app", "$top$DIRECTORY/away" or die $!;
+    symlink "$top/secret", "$top$DIRECTORY/app" or die $!;
+}, "$DIRECTORY/app/public");
 ok !seen(unpacked()), 'nor is it when it takes the place of a directory above';
 my %named = map { $_ => 1 } @notes;
-is_deeply [keys %named], ["error|$FOLDER/app/public|cannot be read: Permission denied"], 'which is named';
-unlink "$top$FOLDER/app" or die $!;
-rename "$top$FOLDER/away", "$top$FOLDER/app" or die $!;
+is_deeply [keys %named], ["error|$DIRECTORY/app/public|cannot be read: Permission denied"], 'which is named';
+unlink "$top$DIRECTORY/app" or die $!;
+rename "$top$DIRECTORY/away", "$top$DIRECTORY/app" or die $!;
 
-link "$top/secret/sub/key", "$top$FOLDER/app/public/stolen" or die $!;
+link "$top/secret/sub/key", "$top$DIRECTORY/app/public/stolen" or die $!;
 fill('secret/open', 'open to all');
-link "$top/secret/open", "$top$FOLDER/app/public/open" or die $!;
+link "$top/secret/open", "$top$DIRECTORY/app/public/open" or die $!;
 chmod 0600, "$top/secret/sub/key" or die $!;
-packed_while(sub { }, "$FOLDER/app/public");
+packed_while(sub { }, "$DIRECTORY/app/public");
 my $stolen = unpacked();
 ok !seen($stolen), 'a second name of a file of somebody else is left out';
-ok -e "$stolen$FOLDER/app/public/open", 'unless everybody may read it';
-is_deeply \@notes, ["error|$FOLDER/app/public/stolen|is left out: it is a further name of a file of another"
-    . ' account (0) that lies elsewhere too'], 'and named';
-unlink "$top$FOLDER/app/public/stolen" or die $!;
-packed(tar_of(["$FOLDER/app/public", '/secret']), 0);
+ok -e "$stolen$DIRECTORY/app/public/open", 'unless everybody may read it';
+is_deeply \@notes, ["error|$DIRECTORY/app/public/stolen|is left out: it is a further name of a file of"
+    . ' another account (0) that lies elsewhere too'], 'and named';
+unlink "$top$DIRECTORY/app/public/stolen" or die $!;
+packed(tar_of(["$DIRECTORY/app/public", '/secret']), 0);
 is_deeply listing(unpacked() . '/secret/sub'), listing("$top/secret/sub"), 'root has its own';
 
 # --- what cannot be read ---
@@ -296,8 +297,8 @@ sub as_nobody {
 
 mkdir "$top/private" or die $!;
 fill("private/$_", $_) for qw(open closed);
-mkdir "$top/private/folder", 0700 or die $!;
-fill('private/folder/inside', 'x');
+mkdir "$top/private/directory", 0700 or die $!;
+fill('private/directory/inside', 'x');
 chmod 0600, "$top/private/closed" or die $!;
 chmod 0755, $top or die $!;
 rest();
@@ -313,7 +314,7 @@ as_nobody(sub {
 });
 my %said = map { $_ => 1 } @notes;
 is_deeply [sort keys %said], ['error|/private/closed|cannot be read: Permission denied',
-    'error|/private/folder|cannot be read: Permission denied'], 'what cannot be read is named';
+    'error|/private/directory|cannot be read: Permission denied'], 'what cannot be read is named';
 is_deeply [sort split /\n/, output_of('tar', '-tf', "$own/x.tar")], ['./private/', './private/open'],
     'the rest is packed';
 

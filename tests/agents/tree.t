@@ -119,9 +119,10 @@ sub system_of_accounts {
         '/home/alice/app/page' => 'own',
         '/home/alice/app/link' => \'page', '/home/alice/current' => \'app',
         '/home/alice/stolen' => \'/root/key',
-        '/home/alice/folder' => \'/root', '/home/alice/config' => \'../bob/config.php',
+        '/home/alice/directory' => \'/root', '/home/alice/config' => \'../bob/config.php',
         '/home/alice/all' => \'/',
-        '/home/alice/long' => \'current/../../alice/../bob/config.php', '/home/alice/again' => \'folder/key',
+        '/home/alice/long' => \'current/../../alice/../bob/config.php',
+        '/home/alice/again' => \'directory/key',
         '/home/alice/ghost' => \'/root/absent', '/home/alice/uploads' => \'app/of php');
     lay_out($root, 33, '/home/alice/app/of php' => undef, '/home/alice/app/of php/picture' => 'picture');
     lay_out($root, 0, '/home/alice/app/shared' => \'/root');
@@ -134,17 +135,17 @@ test 'Links of an account lead to what is its own only' => sub {
     is $tree->read_file("/home/alice/$_->[0]"), $_->[1],
         "$_->[0] is followed: it is root's, or leads to one's own"
         for ['current/link', 'own'], ['uploads/picture', 'picture'], ['app/shared/key', 'secret'];
-    for my $path (qw(stolen folder/key config all/root/key long again)) {
+    for my $path (qw(stolen directory/key config all/root/key long again)) {
         ok !defined $tree->read_file("/home/alice/$path") && $!{EACCES}, "$path is not followed";
         ok !$tree->exists("/home/alice/$path"), "$path is as if nothing were there";
     }
-    is_deeply [$tree->list('/home/alice/folder')], [], 'no directory is listed through one';
-    is_deeply [$tree->trail('/home/alice/folder/key')], ['/home/alice/folder'], 'a trail ends there';
+    is_deeply [$tree->list('/home/alice/directory')], [], 'no directory is listed through one';
+    is_deeply [$tree->trail('/home/alice/directory/key')], ['/home/alice/directory'], 'a trail ends there';
     is_deeply [$tree->trail('/home/alice/current/link')],
         ['/home/alice/current', '/home/alice/app/link', '/home/alice/app/page'],
         'it has all that may be followed';
     is_deeply [map {"$_->{path} $_->{owner} $_->{target}"} $tree->refused], [map {"/home/alice/$_"}
-        "all $ALICE /", "config $ALICE ../bob/config.php", "folder $ALICE /root",
+        "all $ALICE /", "config $ALICE ../bob/config.php", "directory $ALICE /root",
         "long $ALICE current/../../alice/../bob/config.php", "stolen $ALICE /root/key"],
         'all of them are told'
         or diag explain [$tree->refused];

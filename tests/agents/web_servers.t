@@ -45,67 +45,67 @@ sub unread {
 
 # A new directory with the settings of an nginx and its site.
 sub laid_out {
-    my $folder = tempdir(CLEANUP => 1);
-    chmod 0755, $folder;
-    mkpath(["$folder/docs", "$folder/more", "$folder/run"]);
-    write_file("$folder/docs/marker", 'x');
+    my $dir = tempdir(CLEANUP => 1);
+    chmod 0755, $dir;
+    mkpath(["$dir/docs", "$dir/more", "$dir/run"]);
+    write_file("$dir/docs/marker", 'x');
 
-    write_file("$folder/nginx.conf", <<"END");
-pid $folder/pid; error_log $folder/error.log; user root;
+    write_file("$dir/nginx.conf", <<"END");
+pid $dir/pid; error_log $dir/error.log; user root;
 events { worker_connections 16; }
 http {
     access_log off; client_body_temp_path t; proxy_temp_path t; fastcgi_temp_path t; uwsgi_temp_path t; scgi_temp_path t;
     include more/*.conf;
 }
 END
-    write_file("$folder/more/a.conf", "server { listen 127.0.0.1:8080; server_name a.test; root docs; }\n");
-    return $folder;
+    write_file("$dir/more/a.conf", "server { listen 127.0.0.1:8080; server_name a.test; root docs; }\n");
+    return $dir;
 }
 
 test 'An nginx that runs is read with what it was started with' => sub {
-    my $folder = laid_out();
-    with_server(8080, ['nginx', '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'], sub {
+    my $dir = laid_out();
+    with_server(8080, ['nginx', '-p', "$dir/", '-c', "$dir/nginx.conf", '-g', 'daemon off;'], sub {
         my ($found, $problems) = looked(\&Linux::Nginx::look);
         my ($site) = grep { $_->{name} eq 'a.test' } @{ $found->{sites} };
-        is $site && $site->{root}, "$folder/docs",
+        is $site && $site->{root}, "$dir/docs",
             'a server that runs is read with the files and paths it was started with';
-        is $found->{configurations}[0]{file}, "$folder/nginx.conf", 'before others';
-        is_deeply [grep {/\Q$folder\E/} @$problems], [], 'without a problem' or diag explain $problems;
+        is $found->{configurations}[0]{file}, "$dir/nginx.conf", 'before others';
+        is_deeply [grep {/\Q$dir\E/} @$problems], [], 'without a problem' or diag explain $problems;
         is unread(), '', 'a server that is read is not named';
 
         no warnings qw(redefine once);
         local *Linux::NginxConfig::matching = sub { return };
         (undef, $problems) = looked(\&Linux::Nginx::look);
         is_deeply [grep {m{/more/a.conf}} @$problems],
-            ["error $folder/more/a.conf: nginx says that it reads this file, to"
+            ["error $dir/more/a.conf: nginx says that it reads this file, to"
             . ' which no inclusion has led the agent: look whether sites in it are missing, and move them by hand'],
             'a file that only the server knows is named' or diag explain $problems;
     });
 };
 
 test 'The files of nginx are read where it does not answer' => sub {
-    my $folder = laid_out();
-    with_server(8080, ['nginx', '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'], sub {
-        write_file("$folder/more/b.conf", "server { server_name b.test; root docs; wrong; }\n");
+    my $dir = laid_out();
+    with_server(8080, ['nginx', '-p', "$dir/", '-c', "$dir/nginx.conf", '-g', 'daemon off;'], sub {
+        write_file("$dir/more/b.conf", "server { server_name b.test; root docs; wrong; }\n");
         my ($found, $problems) = looked(\&Linux::Nginx::look);
         is_deeply [map { $_->{name} } grep { $_->{name} =~ /test/ } @{ $found->{sites} }],
             [qw(a.test b.test)],
             'files are read where the server does not answer';
         like join("\n", @$problems),
-            qr{^warning \Q$folder\E/nginx.conf: nginx runs, but would not start with its files.*: unknown directive "wrong" in }, 'and why is told';
+            qr{^warning \Q$dir\E/nginx.conf: nginx runs, but would not start with its files.*: unknown directive "wrong" in }, 'and why is told';
     });
-    unlink "$folder/more/b.conf";
+    unlink "$dir/more/b.conf";
 };
 
 my $modules = '/usr/lib/apache2/modules';
 
 sub apache_in {
-    my ($folder) = @_;
-    write_file("$folder/web.conf", <<"END");
+    my ($dir) = @_;
+    write_file("$dir/web.conf", <<"END");
 ServerName main.test
 Listen 127.0.0.1:8081
-PidFile $folder/run/pid
-ErrorLog $folder/error.log
+PidFile $dir/run/pid
+ErrorLog $dir/error.log
 LoadModule mpm_event_module $modules/mod_mpm_event.so
 LoadModule authz_core_module $modules/mod_authz_core.so
 <IfModule mod_unixd.c>
@@ -114,56 +114,56 @@ Include more/*.vhost
 </IfDefine>
 </IfModule>
 END
-    write_file("$folder/more/a.vhost",
+    write_file("$dir/more/a.vhost",
         "<VirtualHost *:8081>\nServerName a.test\nDocumentRoot docs\n</VirtualHost>\n");
-    return ('/usr/sbin/apache2', '-X', '-d', $folder, '-f', 'web.conf', '-D', 'ASKED');
+    return ('/usr/sbin/apache2', '-X', '-d', $dir, '-f', 'web.conf', '-D', 'ASKED');
 }
 
 test 'An Apache that runs is read with what it was started with' => sub {
-    my $folder = laid_out();
-    my @apache = apache_in($folder);
+    my $dir = laid_out();
+    my @apache = apache_in($dir);
     with_server(8081, \@apache, sub {
         my ($found, $problems) = looked(\&Linux::Apache::look);
         my ($site) = grep { $_->{name} eq 'a.test' } @{ $found->{sites} };
-        is $site && $site->{root}, "$folder/docs",
+        is $site && $site->{root}, "$dir/docs",
             'Apache is read with what it was started with, definitions too';
         my %module = map { $_->{name} => $_->{file} } @{ $found->{configurations}[0]{modules} };
         is_deeply [@module{qw(unixd_module mpm_event_module)}], [undef, "$modules/mod_mpm_event.so"],
             'its modules are told, with those that are built in' or diag explain \%module;
         ok exists $module{unixd_module}, 'as it says itself';
-        is_deeply [grep {/\Q$folder\E/} @$problems], [], 'without a problem' or diag explain $problems;
+        is_deeply [grep {/\Q$dir\E/} @$problems], [], 'without a problem' or diag explain $problems;
 
         no warnings qw(redefine once);
         local *Linux::ApacheConfig::matching = sub { return };
         (undef, $problems) = looked(\&Linux::Apache::look);
         like join("\n", @$problems),
-            qr{^error \Q$folder\E/more/a.vhost: Apache says that it reads this file}m,
+            qr{^error \Q$dir\E/more/a.vhost: Apache says that it reads this file}m,
             'a file that only the server knows is named';
     });
 };
 
 test 'The files of Apache are read where it does not answer' => sub {
-    my $folder = laid_out();
-    my @apache = apache_in($folder);
+    my $dir = laid_out();
+    my @apache = apache_in($dir);
     with_server(8081, \@apache, sub {
-        write_file("$folder/more/b.vhost", "Wrong\n");
+        write_file("$dir/more/b.vhost", "Wrong\n");
         my ($found, $problems) = looked(\&Linux::Apache::look);
         ok((grep { $_->{name} eq 'a.test' } @{ $found->{sites} }),
             'files are read where Apache does not answer');
         like join("\n", @$problems),
-            qr{^warning \Q$folder\E/web.conf: Apache runs, but would not start with its files.*b\.vhost.*'Wrong'}, 'and why is told' or diag explain $problems;
+            qr{^warning \Q$dir\E/web.conf: Apache runs, but would not start with its files.*b\.vhost.*'Wrong'}, 'and why is told' or diag explain $problems;
     });
-    unlink "$folder/more/b.vhost";
+    unlink "$dir/more/b.vhost";
 };
 
 sub pool_in {
-    my ($folder) = @_;
-        my $fpm = "$folder/fpm.conf";
-        write_file($fpm, "[global]\nerror_log = $folder/fpm.log\ndaemonize = no\ninclude = $folder/pool?.conf\n");
-        write_file("$folder/pool1.conf",
+    my ($dir) = @_;
+        my $fpm = "$dir/fpm.conf";
+        write_file($fpm, "[global]\nerror_log = $dir/fpm.log\ndaemonize = no\ninclude = $dir/pool?.conf\n");
+        write_file("$dir/pool1.conf",
             "[one]\nlisten = 127.0.0.1:9000\nuser = nobody\npm = static\npm.max_children = 1\n"
-            . "env[PLACE] = 'north; west'\ninclude = $folder/of-all\n");
-        write_file("$folder/of-all", "php_admin_value[memory_limit] = 3M\n");
+            . "env[PLACE] = 'north; west'\ninclude = $dir/of-all\n");
+        write_file("$dir/of-all", "php_admin_value[memory_limit] = 3M\n");
         my ($program) = glob '/usr/sbin/php-fpm?.?';
         my ($version) = $program =~ /([\d.]+)\z/;
         my @fpm = ($program, '-y', $fpm);
@@ -173,18 +173,18 @@ sub pool_in {
             my $php = Linux::Php->new($tree, $problems, $servers);
             return ($php->of_site({ php_addresses => ['localhost:9000'], php_settings => {},
                 php_admin => {} }),
-                [grep {/\Q$folder\E/} @{ problem_texts($problems) }]);
+                [grep {/\Q$dir\E/} @{ problem_texts($problems) }]);
         };
     return ($fpm, \@fpm, $of_site, $version);
 }
 
 test 'A pool is found by what its process manager was started with' => sub {
-    my $folder = laid_out();
-    my (undef, $fpm, $of_site, $version) = pool_in($folder);
+    my $dir = laid_out();
+    my (undef, $fpm, $of_site, $version) = pool_in($dir);
         with_server(9000, $fpm, sub {
             my ($php, $problems) = $of_site->();
             is_deeply [@$php{qw(pool pool_user version pool_file)}],
-                ['one', 'nobody', $version, "$folder/pool1.conf"],
+                ['one', 'nobody', $version, "$dir/pool1.conf"],
                 'a pool is found by the file that its process manager was started with' or diag explain $php;
             is_deeply $php->{settings}, { memory_limit => '3M' }, 'with its settings';
             is_deeply $php->{env}, { PLACE => 'north; west' }, 'and environment';
@@ -203,10 +203,10 @@ test 'A pool is found by what its process manager was started with' => sub {
 };
 
 test 'The files of pools are read where the process manager does not answer' => sub {
-    my $folder = laid_out();
-    my ($fpm_file, $fpm, $of_site) = pool_in($folder);
+    my $dir = laid_out();
+    my ($fpm_file, $fpm, $of_site) = pool_in($dir);
         with_server(9000, $fpm, sub {
-            write_file("$folder/of-all", "wrong = 1\n");
+            write_file("$dir/of-all", "wrong = 1\n");
             my ($php, $problems) = $of_site->();
             is $php->{pool}, 'one', 'files are read where the process manager does not answer';
             like "@$problems", qr{\Awarning \Q$fpm_file\E: PHP-FPM runs, but would not start with its files.*'wrong'}, 'and why is told';
@@ -218,9 +218,9 @@ my @LISTENS = ('-MIO::Socket::INET', '-e', 'my $s = IO::Socket::INET->new(LocalA
     . ' LocalPort => shift, ReuseAddr => 1, Listen => 5) or die; 1 while $s->accept');
 
 sub lighttpd_in {
-    my ($folder) = @_;
-    run(['cp', $^X, "$folder/lighttpd"]);
-    return "$folder/lighttpd";
+    my ($dir) = @_;
+    run(['cp', $^X, "$dir/lighttpd"]);
+    return "$dir/lighttpd";
 }
 
 test 'A web server that is not read is an error' => sub {
@@ -240,12 +240,12 @@ test 'A web server that is not read is an error' => sub {
 };
 
 test 'A program of an account is not believed to be the web server' => sub {
-    my $folder = laid_out();
-        my $own = "$folder/own";
+    my $dir = laid_out();
+        my $own = "$dir/own";
         mkpath($own);
         run(['cp', which('nginx'), "$own/nginx"]);
         run(['chown', '-R', 'nobody', $own]);
-        with_server(8080, ["$own/nginx", '-p', "$folder/", '-c', "$folder/nginx.conf", '-g', 'daemon off;'],
+        with_server(8080, ["$own/nginx", '-p', "$dir/", '-c', "$dir/nginx.conf", '-g', 'daemon off;'],
             sub {
             my ($found) = looked(\&Linux::Nginx::look);
             ok !(grep { $_->{name} eq 'a.test' } @{ $found->{sites} }),
@@ -256,8 +256,8 @@ test 'A program of an account is not believed to be the web server' => sub {
 };
 
 test 'A web server that another account has started is not believed' => sub {
-    my $folder = laid_out();
-        my $own = "$folder/of-nobody";
+    my $dir = laid_out();
+        my $own = "$dir/of-nobody";
         mkpath("$own/docs");
         write_file("$own/nginx.conf",
             "error_log stderr; pid $own/pid; events {}\nhttp { access_log off; client_body_temp_path t;\n"

@@ -182,16 +182,16 @@ static int fails_to_rename(const char* from, const char* to) {
 int rename(const char* from, const char* to) {
   return fails_to_rename(from, to) ? -1 : REAL(rename)(from, to);
 }
-int renameat2(int folder, const char* from, int other, const char* to, unsigned flags) {
-  return fails_to_rename(from, to) ? -1 : REAL(renameat2)(folder, from, other, to, flags);
+int renameat2(int directory, const char* from, int other, const char* to, unsigned flags) {
+  return fails_to_rename(from, to) ? -1 : REAL(renameat2)(directory, from, other, to, flags);
 }
 int mkstemp(char* name) { return fails("mkstemp", ENOSPC, name) ? -1 : REAL(mkstemp)(name); }
 int mkstemp64(char* name) { return fails("mkstemp", ENOSPC, name) ? -1 : REAL(mkstemp64)(name); }
 int mkdir(const char* path, mode_t mode) {
   return fails("mkdir", ENOSPC, path) ? -1 : REAL(mkdir)(path, mode);
 }
-int mkdirat(int folder, const char* path, mode_t mode) {
-  return fails("mkdir", ENOSPC, path) ? -1 : REAL(mkdirat)(folder, path, mode);
+int mkdirat(int directory, const char* path, mode_t mode) {
+  return fails("mkdir", ENOSPC, path) ? -1 : REAL(mkdirat)(directory, path, mode);
 }
 
 /* Imitates a file system on which root has no special rights, such as one over the network. */

@@ -76,7 +76,7 @@ def test_sends_these_very_lines_through_sudo(source):
         RemoteCommand("sudoer", sudo + r"rm\ /mnt/home/sudoer/agent/a", b"root-passphrase\n")]
 
 
-def test_empty_list_leaves_the_folder_and_the_names_only(source):
+def test_empty_list_leaves_the_directory_and_the_names_only(source):
     offered(ROOT)
     get_content()
     assert os.listdir(ARCHIVES) == []
@@ -88,7 +88,7 @@ def test_empty_list_leaves_the_folder_and_the_names_only(source):
         ("transfer", [], "", [("host", [], HOST, []), ("dumpfile", [], "", [])])])
 
 
-def test_content_goes_to_the_dumps_folder_where_one_is_given(source):
+def test_content_goes_to_the_dumps_directory_where_one_is_given(source):
     offered(ROOT, ("sub/new", b"1"), ("there", b"22"))
     write(f"{DUMPS}/there", b"22")
     get_content(ROOT, "--dumps-dir", DUMPS)
@@ -108,7 +108,7 @@ def test_names_of_an_earlier_run_are_replaced(source):
     assert Session().read("migration-result-name") == b"/mnt/session/archives/migration.result"
 
 
-def test_files_and_folders_are_readable_whatever_the_mask_of_the_caller(source):
+def test_files_and_directories_are_readable_whatever_the_mask_of_the_caller(source):
     offered(ROOT, ("sub/file", b"1"))
     running = Destination().start("get-content", prepare=lambda: os.umask(0o077))
     assert running.finish().code == 0
@@ -124,7 +124,7 @@ def test_encryption_stays_where_the_library_cannot_do_without(source):
 
 def test_run_has_no_memory_error_and_leaks_nothing(source):
     """Runs under valgrind, unless the tool is built with sanitizers: see the check in Running.finish."""
-    offered(SUDOER, *[(f"folder {number}/file", bytes([number]) * 100_000) for number in range(5)], ("there", b"1"))
+    offered(SUDOER, *[(f"directory {number}/file", bytes([number]) * 100_000) for number in range(5)], ("there", b"1"))
     write(f"{ARCHIVES}/there", b"1")
     watched = b"__asan_init" in read(BINARY)
     valgrind = ["valgrind", "-q", "--error-exitcode=99", "--leak-check=full",

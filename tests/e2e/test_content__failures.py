@@ -48,7 +48,7 @@ def test_unpacked_size_may_be_any_whole_number(source, unpacked):
     get_content()
 
 
-def test_dumps_folder_that_is_not_there_has_no_room_to_measure(source):
+def test_dumps_directory_that_is_not_there_has_no_room_to_measure(source):
     offered(ROOT, ("one", b"1"))
     assert cause_of_failure("--dumps-dir", DUMPS) == (
         "CantStatFS", f"Cannot stat filesystem containing {DUMPS}: No such file or directory")

@@ -199,14 +199,14 @@ def failed(outcome, code, text):
     return True
 
 
-def test_needs_the_shared_folder(source):
+def test_needs_the_shared_directory(source):
     install_agent(SCRIPT)
     os.rmdir(f"{AGENTS}/shared")
     assert failed(Destination().run("deploy-agent"), "NoSharedAgentsDirectory", "'shared' agents directory not found")
     assert source.commands() == []
 
 
-def test_needs_the_folder_of_the_agent_after_the_shared_files_are_sent(source):
+def test_needs_the_directory_of_the_agent_after_the_shared_files_are_sent(source):
     install_agent(SCRIPT)
     write(f"{AGENTS}/shared/first", "1")
     assert failed(Destination(agent="absent").run("deploy-agent"), "NoAgentDirectory",
@@ -234,12 +234,12 @@ def test_copies_before_it_finds_the_spec_unusable(source, spec, warned):
 
 def test_sends_a_plain_file_called_control(source):
     install_agent(SCRIPT, spec=None)
-    write(f"{AGENTS}/sample/control", "no folder")
+    write(f"{AGENTS}/sample/control", "no directory")
     assert Destination().run("deploy-agent").code == 2
-    assert files_below(ROOT.agent_dir)[b"control"] == b"no folder"
+    assert files_below(ROOT.agent_dir)[b"control"] == b"no directory"
 
 
-def test_fails_when_a_remote_folder_cannot_be_made(source):
+def test_fails_when_a_remote_directory_cannot_be_made(source):
     install_agent(SCRIPT)
     write(ROOT.agent_dir, "a file")
     outcome = Destination().run("deploy-agent")
@@ -250,7 +250,7 @@ def test_fails_when_a_remote_folder_cannot_be_made(source):
                   .replace("’", "'"))
 
 
-def test_fails_when_a_remote_folder_cannot_be_handed_over(source):
+def test_fails_when_a_remote_directory_cannot_be_handed_over(source):
     install_agent(SCRIPT)
     os.mkdir(PLAIN.agent_dir)
     assert failed(Destination(PLAIN).run("deploy-agent"), "CantCreateAgentDirectory",
@@ -382,7 +382,7 @@ def test_file_that_cannot_be_written_is_told_by_name(source):
     assert "Is a directory" in text
 
 
-def test_folder_that_cannot_be_made_is_told_by_name(source):
+def test_directory_that_cannot_be_made_is_told_by_name(source):
     install_tree()
     write(f"{PLAIN.agent_dir}/sub dir", "a file", owner=PLAIN.ids)
     os.chown(PLAIN.agent_dir, *PLAIN.ids)

@@ -86,11 +86,11 @@ def test_completion_looks_for_agents_where_the_product_is():
 
 
 @pytest.mark.parametrize("option, expected", [
-    ("--session-path", ["/mnt/complete/folder"]), ("--dumps-dir", ["/mnt/complete/folder"]),
-    ("--selected-objects-file", ["/mnt/complete/file", "/mnt/complete/folder"]),
+    ("--session-path", ["/mnt/complete/first"]), ("--dumps-dir", ["/mnt/complete/first"]),
+    ("--selected-objects-file", ["/mnt/complete/file", "/mnt/complete/first"]),
 ], ids=["the session", "the dumps", "selected objects"])
 def test_completion_offers_paths_for(option, expected):
-    os.makedirs("/mnt/complete/folder", exist_ok=True)
+    os.makedirs("/mnt/complete/first", exist_ok=True)
     write("/mnt/complete/file")
     assert sorted(completed(f"sondrel {option}=/mnt/complete/f")) == expected
 
@@ -118,10 +118,10 @@ def test_completion_offers_what_a_whole_migration_takes():
 
 def test_completion_offers_values_for_a_whole_migration():
     install_agent(name="one")
-    os.makedirs("/mnt/complete/folder", exist_ok=True)
+    os.makedirs("/mnt/complete/first", exist_ok=True)
     assert completed(f"{MIGRATE} --agent-name=") == ["one"]
     assert completed(f"{MIGRATE} --from=de") == ["deploy"]
-    assert completed(f"{MIGRATE} status /mnt/complete/fo") == ["/mnt/complete/folder"]
+    assert completed(f"{MIGRATE} status /mnt/complete/fir") == ["/mnt/complete/first"]
     assert completed(f"{MIGRATE} --domains=") == []
 
 

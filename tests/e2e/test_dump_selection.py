@@ -128,7 +128,7 @@ def test_dash_stands_for_one_line_of_standard_input(source, options, given, list
 
 
 @pytest.mark.parametrize("given, reason", [("<&-", b"Bad file descriptor"), ("</", b"Is a directory")],
-                         ids=["closed", "a folder"])
+                         ids=["closed", "a directory"])
 def test_standard_input_that_cannot_be_read_ends_the_dump_before_it_begins(source, given, reason):
     deployed_agent(ROOT, AGENT)
     outcome = Destination().run("dump-selected", "--domains=-", through=["sh", "-c", f'exec "$@" {given}', "sh", BINARY])

@@ -102,8 +102,8 @@ def test_reader_that_has_gone_is_a_failure_and_no_signal(source):
 # own.
 IN_THROW_AWAY_ROOT = ["unshare", "--mount", "--propagation", "private", "sh", "-euc", """
     root=$1; shift
-    for folder in "$root"/*; do
-      [ -L "$folder" ] || [ ! -d "$folder" ] || mount --rbind "/${folder##*/}" "$folder"
+    for directory in "$root"/*; do
+      [ -L "$directory" ] || [ ! -d "$directory" ] || mount --rbind "/${directory##*/}" "$directory"
     done
     exec chroot "$root" "$@"
     """, "sh"]

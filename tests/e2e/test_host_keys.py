@@ -219,8 +219,8 @@ POLICY_MALFORMED = MALFORMED.format("SSH_HOST_KEY_POLICY")
      'SSH_KNOWN_HOSTS_F is "mnt/known_hosts", which is no absolute path'),
 ], ids=["unknown policy", "empty policy", "policy without a blank", "policy behind an equals sign",
         "policy behind a colon", "policy in small letters", "policy as in a script", "malformed file",
-        "strict without a file", "accept-new without a file", "a folder",
-        "no folder for the file", "a file in the home", "a relative file"])
+        "strict without a file", "accept-new without a file", "a directory",
+        "no directory for the file", "a file in the home", "a relative file"])
 def test_settings_that_cannot_be_met_let_no_host_in(configure, lines, reason):
     configure(*lines)
     with ScriptedServer(Script()) as server:

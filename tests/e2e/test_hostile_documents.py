@@ -278,7 +278,7 @@ DIRECTORY = "/mnt/" + BYTES.replace("/", "")
     (["--dumps-dir", BYTES], f"Cannot stat filesystem containing {in_xml(BYTES)}: "),
     (["--agent-dir", DIRECTORY], "Error during content list retrieval: "),
     (["--host", "127.0.0.1", "--session-path", DIRECTORY], f"Error during {in_xml(DIRECTORY)}/dump-name write: "),
-], ids=["agent", "dumps folder", "agent folder", "session"])
+], ids=["agent", "dumps directory", "agent directory", "session"])
 def test_result_shows_any_option(source, options, text):
     offer("<contentlist/>")
     session = Session(DIRECTORY if "--session-path" in options else "/mnt/session")

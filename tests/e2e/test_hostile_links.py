@@ -96,19 +96,19 @@ def device(kind, major, minor):
 IN_THE_FILES_PLACE = {
     "link to a file": link_to(f"{OUTSIDE}/file"), "link to a file of that content": link_to(f"{OUTSIDE}/same"),
     "relative link": link_to("../" * 9 + f"{OUTSIDE[1:]}/file"), "link to nothing": link_to(f"{OUTSIDE}/made"),
-    "link to a folder": link_to(OUTSIDE), "link to a device": link_to(f"{OUTSIDE}/null"),
+    "link to a directory": link_to(OUTSIDE), "link to a device": link_to(f"{OUTSIDE}/null"),
     "link to itself": lambda path: os.symlink(os.path.basename(path), path),
     "link to another entry": link_to("ahead"),
     "hard link to a file of root": hard_link_to(f"{OUTSIDE}/file"),
     "hard link to another entry": hard_link_to("ahead"),
-    "pipe": os.mkfifo, "pipe with a reader": read_fifo, "socket": listening_socket, "folder": os.mkdir,
+    "pipe": os.mkfifo, "pipe with a reader": read_fifo, "socket": listening_socket, "directory": os.mkdir,
     "null device": device(stat.S_IFCHR, 1, 3), "endless device": device(stat.S_IFCHR, 1, 5),
     "missing device": device(stat.S_IFBLK, 240, 0),
 }
 
 IN_A_DIRECTORY_S_PLACE = {
-    "link to a folder": link_to(OUTSIDE), "link to nothing": link_to(f"{OUTSIDE}/made"),
-    "link to the folder above": link_to("."), "pipe": os.mkfifo, "pipe with a reader": read_fifo,
+    "link to a directory": link_to(OUTSIDE), "link to nothing": link_to(f"{OUTSIDE}/made"),
+    "link to the directory above": link_to("."), "pipe": os.mkfifo, "pipe with a reader": read_fifo,
     "socket": listening_socket, "null device": device(stat.S_IFCHR, 1, 3), "file": os.mknod,
 }
 
@@ -140,17 +140,17 @@ def test_what_is_in_the_place_of_a_file_is_left_alone(source, plant, content_ver
 
 @pytest.mark.parametrize("plant", IN_A_DIRECTORY_S_PLACE.values(), ids=IN_A_DIRECTORY_S_PLACE.keys())
 @pytest.mark.parametrize("planted", ["one", "one/two", "one/two/three"], ids=["first", "second", "third"])
-def test_what_is_in_the_place_of_a_folder_is_left_alone(source, planted, plant):
+def test_what_is_in_the_place_of_a_directory_is_left_alone(source, planted, plant):
     offer_and_meet("one/two/three/file", planted, plant)
 
 
 @pytest.mark.parametrize("kind", ["link to a file", "link to nothing", "hard link to a file of root", "pipe"])
-def test_dumps_folder_is_guarded_as_the_archives_are(source, kind, content_verify):
+def test_dumps_directory_is_guarded_as_the_archives_are(source, kind, content_verify):
     offer_and_meet("file", "file", IN_THE_FILES_PLACE[kind], DUMPS)
 
 
 @pytest.mark.parametrize("planted", ["one", "one/two"], ids=["first", "second"])
-def test_folders_of_the_dumps_folder_are_guarded_as_those_of_the_archives(source, planted, content_verify):
+def test_directories_of_the_dumps_directory_are_guarded_as_those_of_the_archives(source, planted, content_verify):
     offer_and_meet("one/two/file", planted, link_to(OUTSIDE), DUMPS)
 
 
@@ -191,7 +191,8 @@ def run_meanwhile(name, do):
         return running.finish(deadline_seconds=30)
 
 
-@pytest.mark.parametrize("swapped", ["sub", "sub/deeper", "sub/deeper/file"], ids=["folder", "folder below", "file"])
+@pytest.mark.parametrize("swapped", ["sub", "sub/deeper", "sub/deeper/file"],
+                         ids=["directory", "directory below", "file"])
 def test_link_that_is_swapped_in_a_thousand_times_gets_nothing(source, swapped, content_verify):
     path = f"{own_directory(f'{ARCHIVES}/account')}/{swapped}"
     link = f"{path}.link"
@@ -228,8 +229,8 @@ def put_another(path):
 
 DONE = {"file is removed": ("file", os.unlink), "file is moved": ("file", move_away),
         "link to a file": ("file", put_link), "another file": ("file", put_another),
-        "folder is removed": ("sub", shutil.rmtree), "folder is moved": ("sub", move_away),
-        "link to a folder": ("sub", put_link)}
+        "directory is removed": ("sub", shutil.rmtree), "directory is moved": ("sub", move_away),
+        "link to a directory": ("sub", put_link)}
 
 
 @pytest.mark.parametrize("what, do", DONE.values(), ids=DONE.keys())
@@ -242,7 +243,7 @@ def test_file_that_was_taken_from_its_place_stays_on_the_source_host(source, wha
 
 
 @pytest.mark.slow
-@pytest.mark.parametrize("swapped", ["account/sub", "account/sub/07"], ids=["folder", "file"])
+@pytest.mark.parametrize("swapped", ["account/sub", "account/sub/07"], ids=["directory", "file"])
 def test_links_that_come_and_go_during_whole_runs_are_never_followed(source, swapped, content_verify):
     """Each run does its work, or ends at the first link that it finds; none writes through a link."""
     own_directory(f"{ARCHIVES}/account/sub")
@@ -279,7 +280,7 @@ def test_links_that_come_and_go_during_whole_runs_are_never_followed(source, swa
     (SESSION, []), (ARCHIVES, []), ("/mnt/above", ["--session-path", "/mnt/above/session"]),
     (DUMPS, ["--dumps-dir", DUMPS]),
     ("/mnt/above", ["--dumps-dir", "/mnt/above/dumps"]),
-], ids=["session", "archives", "folder above the session", "dumps folder", "folder above the dumps folder"])
+], ids=["session", "archives", "directory above the session", "dumps directory", "directory above the dumps directory"])
 def test_target_is_reached_through_a_link_of_the_operator(source, linked, options, content_verify):
     offered(ROOT, ("sub/file", NEW))
     shutil.rmtree(linked, ignore_errors=True)

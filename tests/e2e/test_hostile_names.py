@@ -16,7 +16,7 @@ pytestmark = [pytest.mark.matrix("names"), pytest.mark.usefixtures("own_director
 ARCHIVES = f"{SESSION}/archives"
 DUMPS = "/mnt/dumps"
 CURRENT = "/mnt/current"
-TARGETS = {"in the session": ARCHIVES, "in the dumps folder": DUMPS}
+TARGETS = {"in the session": ARCHIVES, "in the dumps directory": DUMPS}
 DOCUMENTS = {"archives", "migration.log", "migration.status", "transfer.result"}
 NAMES = {"dump-name", "migration-result-name"}
 CONTENT = b"content of the file"
@@ -27,7 +27,7 @@ in_both_targets = pytest.mark.parametrize("target", TARGETS.values(), ids=TARGET
 @pytest.fixture(autouse=True)
 def outside():
     """What a name could lead to: the directories of the target, the current directory, and one beside it."""
-    for directory in (SESSION, ARCHIVES, DUMPS, CURRENT, "/mnt/outside/folder"):
+    for directory in (SESSION, ARCHIVES, DUMPS, CURRENT, "/mnt/outside/directory"):
         os.makedirs(directory, exist_ok=True)
     for path in ("/mnt/outside/file", "/mnt/file", f"{CURRENT}/file"):
         write(path, b"kept")
@@ -69,10 +69,10 @@ def removals(source):
 
 # --- refused before anything is done ---------------------------------------------------------
 
-UNSAFE = {"two dots": "..", "two dots ahead": "../outside/file", "two dots to the current folder": "../current/file",
+UNSAFE = {"two dots": "..", "two dots ahead": "../outside/file", "two dots to the current directory": "../current/file",
           "two dots inside": "a/../../outside/file", "two dots that stay": "a/../b", "two dots behind": "a/b/..",
           "absolute": "/mnt/outside/file", "two slashes ahead": "//mnt/outside/file", "empty": "", "dot": ".",
-          "dot ahead": "./a", "dot inside": "a/./b", "dot behind": "a/.", "slash behind": "folder/"}
+          "dot ahead": "./a", "dot inside": "a/./b", "dot behind": "a/.", "slash behind": "directory/"}
 
 
 @in_both_targets
@@ -104,7 +104,7 @@ def test_name_that_no_document_may_hold_is_refused_with_the_document(source, lis
 
 # The name, and what is made for it: nothing for a path that is too long for the system.
 LONG = {"4096 bytes": ("/".join(["long" * 51] * 20)[:4096], []),
-        "component of 256 bytes": ("folder/" + "c" * 256, ["folder"])}
+        "component of 256 bytes": ("directory/" + "c" * 256, ["directory"])}
 
 
 @in_both_targets

@@ -58,8 +58,8 @@ def as_alice(agent, *steps):
 
 
 LINKS = {
-    "document root to a folder of root": ["mv shop kept", "ln -s /srv/keys shop"],
-    "document root to a folder of another client": ["mv shop kept", "ln -s /home/bob/www shop"],
+    "document root to a directory of root": ["mv shop kept", "ln -s /srv/keys shop"],
+    "document root to a directory of another client": ["mv shop kept", "ln -s /home/bob/www shop"],
     "document root to everything": ["mv shop kept", "ln -s / shop"],
     "document root over a link of her own": ["mv shop kept", "ln -s /srv/keys other", "ln -s other shop"],
     "in the document root": ["ln -s /srv/keys shop/keys", "ln -s /home/bob/www/private/config.php shop/page"],
@@ -76,7 +76,7 @@ def test_follows_no_link_of_an_owner_to_what_is_others(agent, steps):
 
 
 @pytest.mark.parametrize("link, target", [("shop", "/srv/keys"), ("shop", "/home/bob/www")],
-                         ids=["to a folder of root", "to a folder of another client"])
+                         ids=["to a directory of root", "to a directory of another client"])
 def test_names_a_link_that_it_does_not_follow(agent, link, target):
     dump = as_alice(agent, f"mv {link} kept", f"ln -s {target} {link}")
     errors = dict(dump.problems("error"))
@@ -107,7 +107,7 @@ def test_takes_no_file_of_others_in_the_place_of_one_that_a_site_needs(host, age
     ["mv /home/alice/app /home/alice/kept", "ln -s /srv /home/alice/app"],
     ["mv /home/alice/app/keys/key.pem /home/alice/kept", "ln -s /srv/keys/key.pem /home/alice/app/keys/key.pem"],
     ["mv /home/alice/app/keys/in /home/alice/kept", "ln -s /srv/keys /home/alice/app/keys/in"],
-], ids=["a folder above the root", "a file", "a folder"])
+], ids=["a directory above the root", "a file", "a directory"])
 def test_reads_nothing_of_others_when_links_are_put_in_the_way_while_it_packs(host, steps):
     alice = add_user("alice")
     fill_root("/home/alice/app/keys", alice, {"key.pem": "own", "in/key.pem": "own", "index.html": "x"})
@@ -189,7 +189,7 @@ def test_an_endless_configuration_file_is_named_and_the_rest_is_dumped(host, age
         assert path in named, named
 
 
-def test_writes_through_no_link_in_a_folder_of_another_account():
+def test_writes_through_no_link_in_a_directory_of_another_account():
     with web_host() as host:
         populate(host)
         alice = add_user("alice")

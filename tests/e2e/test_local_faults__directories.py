@@ -70,7 +70,7 @@ def test_disk_that_is_full_for_a_content_file_is_named():
         "CantRetrieveContentFile", "StreamWrite", "No space left on device")
 
 
-def test_folder_that_finds_no_inode_is_told_with_the_reason():
+def test_directory_that_finds_no_inode_is_told_with_the_reason():
     mount(DUMPS, "size=1m,nr_inodes=1")
     entries = {"sub/second": b"22"}
     offered(ROOT, *entries.items())
@@ -82,8 +82,8 @@ def test_folder_that_finds_no_inode_is_told_with_the_reason():
 
 @pytest.mark.usefixtures("content_verify")
 @pytest.mark.parametrize("victim", [DUMPS, f"{DUMPS}/sub", f"{DUMPS}/sub/second", SESSION],
-                         ids=["target folder", "folder of the file", "file", "session"])
-def test_folder_that_is_removed_under_way_keeps_the_content_on_the_source_host(victim):
+                         ids=["target directory", "directory of the file", "file", "session"])
+def test_directory_that_is_removed_under_way_keeps_the_content_on_the_source_host(victim):
     entries = [("first", b"1"), ("sub/second", None, {"size": 2000, "md5sum": ""}), ("third", b"3")]
     offered(ROOT, *entries)
     os.makedirs(f"{ROOT.agent_dir}/sub")
@@ -138,7 +138,7 @@ def test_result_log_that_cannot_be_moved_into_its_place_is_told_to_the_debug_log
 
 
 @pytest.mark.parametrize("document", ["scout result", "deployment status"])
-def test_folder_in_the_place_of_a_document_is_no_success(document):
+def test_directory_in_the_place_of_a_document_is_no_success(document):
     job, name, _, told = DOCUMENTS[document]
     os.makedirs(Session().file(name))
     outcome = job.run()
@@ -148,7 +148,7 @@ def test_folder_in_the_place_of_a_document_is_no_success(document):
 
 @pytest.mark.parametrize("put_obstacle", [lambda: os.makedirs(Session().file(STATUS)),
                                           lambda: full_device(f"{STATUS}.tmp")],
-                         ids=["folder in its place", "full device"])
+                         ids=["directory in its place", "full device"])
 def test_refresh_that_fails_here_is_the_last_and_leaves_no_temporary_file(put_obstacle):
     pipes = [f"{ROOT.agent_dir}/go-on", f"{ROOT.agent_dir}/{STATUS}"]
     deployed_agent(ROOT, f"read line < {pipes[0]}; :\n", {"dump.xml": TEXT})

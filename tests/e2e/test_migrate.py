@@ -90,11 +90,11 @@ def test_says_what_it_does(source):
 def test_dumps_what_a_settings_file_selects(source):
     write("/mnt/settings", "\n".join([
         "# a migration", "", f"host = {HOST}", "login=root", "agent-name = sample", f"agent-parent = {ROOT.home}",
-        "domains = a.test", "only-mail", "keep-agent = yes", "dumps-dir = relative/folder"]))
-    os.makedirs("/mnt/relative/folder")
+        "domains = a.test", "only-mail", "keep-agent = yes", "dumps-dir = relative/directory"]))
+    os.makedirs("/mnt/relative/directory")
     outcome = migrate("--settings=/mnt/settings", f"--session-path={SESSION}", directory="/mnt")
     assert (outcome.code, outcome.stderr) == (0, b""), outcome
-    assert set(files_below("/mnt/relative/folder")) == {b"content/domains/a.test/mail/1", b"dump.xml"}
+    assert set(files_below("/mnt/relative/directory")) == {b"content/domains/a.test/mail/1", b"dump.xml"}
     assert agent_directories(ROOT) == [State().agent_directory]
     assert State().progress() == progress_of(*["done"] * 4)
     shutil.rmtree("/mnt/relative")
@@ -357,7 +357,7 @@ def test_status_shows_steps_that_another_program_makes(source):
     assert status()["content"].startswith("0 of 4 files left, ")
 
 
-def test_status_of_a_folder_without_a_migration_fails():
+def test_status_of_a_directory_without_a_migration_fails():
     os.makedirs(SESSION)
     outcome = Running(["status", SESSION], through=(MIGRATE,)).finish()
     assert (outcome.code, outcome.stdout) == (1, b"")

@@ -145,7 +145,7 @@ def test_goes_on_with_the_settings_it_had_and_takes_new_ones(imitated):
 @pytest.mark.parametrize("option, name, old", [
     ("--host=other", "host", "src.example"), ("--agent-name=other", "agent-name", "linux"),
     ("--agent-parent=/srv", "agent-parent", "/root"),
-], ids=["host", "agent", "folder"])
+], ids=["host", "agent", "directory"])
 def test_refuses_another_setting_for_a_step_that_is_done(imitated, option, name, old):
     imitated.does("dump", "exit 2")
     assert imitated.run(*ALL).code == 2
@@ -274,7 +274,7 @@ def test_session_path_may_be_relative(imitated):
     lambda: os.chown(State().path, 20000, 20000), lambda: os.chmod(State().path, 0o660),
     lambda: os.chown(f"{SESSION}/migrate", 20000, 20000), lambda: os.chmod(f"{SESSION}/migrate", 0o777),
     lambda: (os.rename(State().path, "/mnt/kept.xml"), os.symlink("/mnt/kept.xml", f"{SESSION}/migrate/state.xml")),
-], ids=["owner", "mode", "owner of the folder", "mode of the folder", "link"])
+], ids=["owner", "mode", "owner of the directory", "mode of the directory", "link"])
 def test_does_not_believe_a_record_that_others_may_write(imitated, make_foreign):
     imitated.does("dump", "exit 2")
     assert imitated.run(*ALL).code == 2

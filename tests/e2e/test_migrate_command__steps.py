@@ -119,7 +119,7 @@ def test_takes_the_sondrel_in_path_where_none_is_beside_it():
     assert imitated.runs() == STEPS
 
 
-def test_does_not_take_the_sondrel_of_the_present_folder():
+def test_does_not_take_the_sondrel_of_the_present_directory():
     imitated = ImitatedSondrel(beside=False)
     outcome = imitated.run(*ALL, environment={"PATH": ":/usr/bin:/bin:"}, directory=imitated.directory)
     assert complaint(outcome) == "sondrel is neither beside this program nor in PATH"

@@ -26,7 +26,7 @@ def test_result_log_can_be_read_whatever_a_command_printed(source, first):
     assert shown.count("\ufffd") == sum(1 for byte in odd if byte not in b"\t\r" and not 0x20 <= byte < 0x80)
 
 
-def test_result_log_names_a_file_in_a_folder_of_odd_name(source):
+def test_result_log_names_a_file_in_a_directory_of_odd_name(source):
     directory = os.fsdecode(b"/mnt/home/root/odd\1\xff\xc3\xa4")
     offered(ROOT, ("file", None))
     os.rename(ROOT.agent_dir, directory)

@@ -15,8 +15,8 @@ def succeeded(outcome):
     return True
 
 
-def test_removes_the_whole_folder_and_nothing_else(source, login):
-    deployed_agent(login, "", {"sub/folder/file": "1", "it's odd\n": "2"})
+def test_removes_the_whole_directory_and_nothing_else(source, login):
+    deployed_agent(login, "", {"sub/directory/file": "1", "it's odd\n": "2"})
     write(f"{login.home}/other", "kept")
     assert succeeded(Destination(login).run("remove-agent"))
     assert os.listdir(login.home) == ["other"]
@@ -29,7 +29,7 @@ def test_sends_this_very_line(source):
         "root", r"sh -c cd\ /mnt/home/root/agent\;\ rm\ -rf\ /mnt/home/root/agent", b"")]
 
 
-def test_quotes_the_folder_for_the_removal(source):
+def test_quotes_the_directory_for_the_removal(source):
     write(f"{ROOT.home}/agent dir/file", "1")
     write(f"{ROOT.home}/dir/file", "kept")
     assert succeeded(Destination(agent_dir=f"{ROOT.home}/agent dir").run("remove-agent"))
@@ -38,11 +38,11 @@ def test_quotes_the_folder_for_the_removal(source):
         r"sh -c cd\ /mnt/home/root/agent\ dir\;\ rm\ -rf\ /mnt/home/root/agent\\\ dir"]
 
 
-def test_succeeds_when_there_is_no_folder(source, login):
+def test_succeeds_when_there_is_no_directory(source, login):
     assert succeeded(Destination(login).run("remove-agent"))
 
 
-def test_succeeds_when_the_folder_cannot_be_removed(source):
+def test_succeeds_when_the_directory_cannot_be_removed(source):
     deployed_agent(ROOT, "")
     os.chmod(ROOT.home, 0o755)
     login = Login("plain", "plain-passphrase")

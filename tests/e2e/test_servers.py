@@ -87,7 +87,7 @@ def test_migration_goes_through_with(server, content_verify):
     assert os.listdir(ROOT.home) == []
 
 
-FILES = {f"folder/{number}": bytes([number]) * 100_003 * number for number in range(8)}
+FILES = {f"directory/{number}": bytes([number]) * 100_003 * number for number in range(8)}
 
 
 @pytest.mark.parametrize("option", [

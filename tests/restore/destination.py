@@ -13,7 +13,7 @@ import stat
 import subprocess
 import sys
 
-FOLDERS = ("/home", "/srv", "/opt", "/var/www", "/var/mail", "/var/lib", "/var/spool", "/var/cache")
+DIRECTORIES = ("/home", "/srv", "/opt", "/var/www", "/var/mail", "/var/lib", "/var/spool", "/var/cache")
 # Programs read the state of their packages there, so its content stays visible.
 _WITH_CONTENT = ("/var/lib",)
 
@@ -21,17 +21,17 @@ _WITH_CONTENT = ("/var/lib",)
 def make():
     """Mounts file systems on the places of sites and mailboxes: empty ones, or an overlay if programs need the content.
     Also makes /etc ready for new accounts."""
-    for number, folder in enumerate(FOLDERS):
-        os.makedirs(folder, exist_ok=True)
-        if folder in _WITH_CONTENT:
+    for number, directory in enumerate(DIRECTORIES):
+        os.makedirs(directory, exist_ok=True)
+        if directory in _WITH_CONTENT:
             layers = f"/mnt/layers/{number}"
             os.makedirs(layers, exist_ok=True)
             os.makedirs(f"{layers}/upper")
             os.makedirs(f"{layers}/work")
-            where = f"lowerdir={folder},upperdir={layers}/upper,workdir={layers}/work"
-            subprocess.run(["mount", "-t", "overlay", "-o", where, "own", folder], check=True)
+            where = f"lowerdir={directory},upperdir={layers}/upper,workdir={layers}/work"
+            subprocess.run(["mount", "-t", "overlay", "-o", where, "own", directory], check=True)
         else:
-            subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", folder], check=True)
+            subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", directory], check=True)
     os.makedirs("/var/spool/cron/crontabs", mode=0o1730)
     # Without its logs nginx refuses any configuration.
     os.makedirs("/var/log/nginx", exist_ok=True)
@@ -64,7 +64,7 @@ def snapshot(*roots):
     accounts leave.
     """
     found = {}
-    for root in roots or ("/etc", *(folder for folder in FOLDERS if folder not in _WITH_CONTENT)):
+    for root in roots or ("/etc", *(directory for directory in DIRECTORIES if directory not in _WITH_CONTENT)):
         for place, directories, files in os.walk(root):
             for name in directories + files:
                 if not (place == "/etc" and (name.endswith("-") or name == ".pwd.lock")):

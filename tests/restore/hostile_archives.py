@@ -5,13 +5,12 @@ import tarfile
 import test_files
 from hostile_proofs import Attack, exists
 from made_session import Member, made_of
-from test_files import directory as folder
-from test_files import file, link
+from test_files import directory, file, link
 
 
 def add_archives(session):
     """Puts members below the home of alice's into the session, with those that lead elsewhere; yields the attacks."""
-    members = [folder("./home/alice"), folder("./home/alice/shop"), file("./home/alice/shop/index.php")]
+    members = [directory("./home/alice"), directory("./home/alice/shop"), file("./home/alice/shop/index.php")]
     for number, (name, attack) in enumerate(test_files.ATTACKS.items()):
         # Each with names of its own, so that none stands in another's way.
         for member in attack:
@@ -47,7 +46,7 @@ def add_archives(session):
         ("keys beside the site", file("./home/bob/.ssh/authorized_keys"), exists("/home/bob/.ssh")),
         ("root's own files", file("./root/.profile.d/x"), exists("/root/.profile.d")),
     ):
-        above = [folder(f"./{root}/\u2025"), folder(f"./{root}/\u2025/\uff0e\uff0e")] if "dots" in name else []
+        above = [directory(f"./{root}/\u2025"), directory(f"./{root}/\u2025/\uff0e\uff0e")] if "dots" in name else []
         members += [*above, member]
         yield Attack(f"archive: {name}", succeeded)
     client = session.add_client("alice", 30001)

@@ -10,7 +10,7 @@ def files():
     return sorted(os.listdir("/mnt/open"))
 
 
-def prepare_folder():
+def prepare_directory():
     """Makes /mnt/open, into which any server may write, with a file of SQL."""
     os.makedirs("/mnt/open")
     os.chmod("/mnt/open", 0o777)

@@ -5,8 +5,7 @@ import test_pools
 from hostile_proofs import Attack, goes_in, says
 from lxml import etree
 from made_session import made_of
-from test_files import directory as folder
-from test_files import file, link
+from test_files import directory, file, link
 from web_world import directive, server, virtual_host
 
 # An address of this host that is a public one, with a service of its own.
@@ -60,7 +59,7 @@ def add_sites(session, port):
         blocks.append(xml)
         yield Attack(f"nginx: {name}", goes_in(xml))
     _configuration(session, "nginx", directive("http", block=definitions))
-    files = made_of(folder("./srv/a"), file("./srv/a/index.html", b"<title>hostile</title>"),
+    files = made_of(directory("./srv/a"), file("./srv/a/index.html", b"<title>hostile</title>"),
                     link("./srv/a/link", "/etc"), file("./srv/a/who.php", b"<?php echo '<title>', 6 * 7, '</title>';"))
     content = session.content("site", "content/sites/a.test.tar.gz", files)
     _site(session, "a.test", "/srv/a", content, _block("nginx1", server(*blocks), "n1 n2 n3 n4 n5 n6"))
@@ -118,7 +117,7 @@ def _apache(session, port):
         yield Attack(f"apache: {name}", goes_in(xml))
     _configuration(session, "apache", directive(
         "directory", "/srv", block=[directive("require", "all", "granted")], identifier="a1"))
-    root = session.content("site", "content/sites/b.test.tar.gz", made_of(folder("./srv/b")))
+    root = session.content("site", "content/sites/b.test.tar.gz", made_of(directory("./srv/b")))
     _site(session, "b.test", "/srv/b", root, _block(
         "apache1", virtual_host(*own, *attacks.values(), at=f"*:{port}"), "a1"))
 

@@ -20,24 +20,25 @@ class LocalPostgreSql(source_databases.PostgreSql):
         return super()._command() + ["-c", "listen_addresses=127.0.0.1"]
 
 
-def server(kind, folder):
+def server(kind, directory):
     """A server with its socket at the usual place, as a context manager."""
     source_databases.hide_installed()
-    return LocalPostgreSql(folder) if kind == "postgresql" else source_databases.MariaDb(folder)
+    return LocalPostgreSql(directory) if kind == "postgresql" else source_databases.MariaDb(directory)
 
 
 def dump_all(session, parent=None):
     """Dumps all databases of the running servers into the session; returns the elements by name."""
-    folder = f"{session.directory}.sql"
-    os.makedirs(folder, exist_ok=True)
-    printed = subprocess.run(["perl", f"{HERE}/dump_databases.pl", folder], check=True, capture_output=True, text=True)
+    directory = f"{session.directory}.sql"
+    os.makedirs(directory, exist_ok=True)
+    printed = subprocess.run(["perl", f"{HERE}/dump_databases.pl", directory], check=True, capture_output=True,
+                             text=True)
     parent = parent if parent is not None else unassigned(session)
     found = {}
     for text in printed.stdout.split("\n</database>\n"):
         if not text.strip():
             continue
         element = etree.fromstring(text if text.rstrip().endswith("/>") else text + "</database>")
-        with open(f"{folder}/{element.get('kind')}-{element.get('name')}.sql", "rb") as file:
+        with open(f"{directory}/{element.get('kind')}-{element.get('name')}.sql", "rb") as file:
             put(session, element, file.read())
         parent.append(element)
         found[element.get("name")] = element

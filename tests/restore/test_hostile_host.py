@@ -11,7 +11,7 @@ import server_dumps
 import world
 from destination import own_etc, snapshot
 from hostile_accounts import ALLOWED_ACCOUNTS, remember_accounts
-from hostile_databases import prepare_folder
+from hostile_databases import prepare_directory
 from hostile_session import add_attacks, statements
 from hostile_sites import OWN_ADDRESS
 from mail_session import MAIN_CF
@@ -70,7 +70,7 @@ def prepare_host():
 def running_servers():
     """This host with its servers; yields the databases' servers by kind."""
     prepare_host()
-    prepare_folder()
+    prepare_directory()
     with contextlib.ExitStack() as stack:
         databases = {kind: stack.enter_context(server_dumps.server(kind, f"/mnt/{kind}"))
                      for kind in ("mysql", "postgresql")}

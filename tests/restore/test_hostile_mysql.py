@@ -1,7 +1,7 @@
 """Hostile databases of MySQL: accounts, rights, other databases and files of this host stay as they were."""
 import pytest
 import server_dumps
-from hostile_databases import files, place, prepare_folder, taken_over
+from hostile_databases import files, place, prepare_directory, taken_over
 
 MYSQL = """
 CREATE DATABASE victim; CREATE TABLE victim.t (v varchar(20)); INSERT INTO victim.t VALUES ('precious');
@@ -87,7 +87,7 @@ def state_of_mysql(server):
 
 @pytest.fixture
 def mariadb():
-    prepare_folder()
+    prepare_directory()
     with server_dumps.server("mysql", "/mnt/mariadb") as server:
         server.sql(MYSQL)
         yield server

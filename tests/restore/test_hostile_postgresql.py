@@ -1,7 +1,7 @@
 """Hostile databases of PostgreSQL: accounts, rights, other databases and files of this host stay as they were."""
 import pytest
 import server_dumps
-from hostile_databases import files, place, prepare_folder, taken_over
+from hostile_databases import files, place, prepare_directory, taken_over
 
 POSTGRESQL = """
 CREATE ROLE bob LOGIN PASSWORD 'bobs'; CREATE DATABASE victim OWNER bob;
@@ -100,7 +100,7 @@ def state_of_postgresql(server):
 
 @pytest.fixture
 def postgresql():
-    prepare_folder()
+    prepare_directory()
     with server_dumps.server("postgresql", "/mnt/postgresql") as server:
         server.sql(POSTGRESQL)
         yield server

@@ -48,14 +48,14 @@ sub sites_of_one {
     my @blocks = map { $self->host_blocks($_) } @hosts;
     if ($self->main_serves(@hosts)) {
         my $block = $self->{block} = $self->{base_block};
-        $block->{roots} = $self->{folders_of_all};
+        $block->{roots} = $self->{directories_of_all};
         my @uses = $self->{sections}->around($block->{root}, @{ $block->{roots} });
         $block->{blocks} = [source_of($block, $self->{configuration}, undef, @uses)];
         push @blocks, $block;
     }
-    $self->note_user_folders(@hosts);
+    $self->note_user_directories(@hosts);
     my @sites = join_blocks($tree, $problems, @blocks);
-    $self->add_folders_of_all(@sites);
+    $self->add_directories_of_all(@sites);
     return @sites;
 }
 
@@ -79,7 +79,7 @@ sub definitions {
     my $sections = $self->{sections} = Linux::ApacheSections->new;
     for my $section (grep { $_->{block} && @{ $_->{args} } } @others) {
         next if $section->{name} !~ /\Adirectory(?:match)?\z/;
-        $sections->add($definitions->add($section), $self->folder($section->{args}[0]));
+        $sections->add($definitions->add($section), $self->directory($section->{args}[0]));
     }
     return $definitions;
 }
@@ -112,14 +112,14 @@ sub add_source {
 }
 
 # An alias outside of the virtual hosts is in all of them: its directory is of each site.
-sub add_folders_of_all {
+sub add_directories_of_all {
     my ($self, @sites) = @_;
     my $tree = $self->{tree};
     my @roots = grep {defined} map { $tree->real($_) } map { @{ $_->{roots} } } @sites;
-    for my $folder (grep { $tree->list($_) } @{ $self->{folders_of_all} }) {
-        my $real = $tree->real($folder);
+    for my $directory (grep { $tree->list($_) } @{ $self->{directories_of_all} }) {
+        my $real = $tree->real($directory);
         next if grep { below($real, $_) } @roots;
-        add_once($_->{ is_packaged($folder) ? 'packaged' : 'common' }, $folder) for @sites;
+        add_once($_->{ is_packaged($directory) ? 'packaged' : 'common' }, $directory) for @sites;
     }
     return;
 }
@@ -143,7 +143,7 @@ sub main_block {
     }
     $self->collect($self->{global}, '/');
     $block->{root} = $self->document_root(@plain);
-    $self->{folders_of_all} = $block->{roots};
+    $self->{directories_of_all} = $block->{roots};
     $block->{roots} = [];
     $block->{content} = defined $block->{root};
     set_php($block, @{ $block->{php_rules} });
@@ -199,7 +199,8 @@ sub host_blocks {
     $block->{php_addresses} = $base->{php_addresses} if !@{ $block->{php_addresses} };
     $block->{php_module} = $base->{php_module} if $base->{php_module};
     my $own = $self->document_root(@plain);
-    my @own_hosts = defined $last{virtualdocumentroot} ? $self->add_folders($last{virtualdocumentroot}) : ();
+    my $pattern = $last{virtualdocumentroot};
+    my @own_hosts = defined $pattern ? $self->add_directories($pattern) : ();
     my $forwards = @{ $block->{redirects} } || @{ $block->{proxies} } || @{ $block->{programs} };
     $own = $base->{root} if !defined $own && !$forwards && !@{ $block->{roots} };
     $block->{root} = $own if defined $own;
@@ -252,7 +253,7 @@ sub add_names {
 sub document_root {
     my ($self, @directives) = @_;
     my @roots = map { $_->{args}[0] } grep { $_->{name} eq 'documentroot' && @{ $_->{args} } } @directives;
-    return @roots ? $self->folder($roots[-1]) : undef;
+    return @roots ? $self->directory($roots[-1]) : undef;
 }
 
 # The files that directives name, { certificate, key, chain => [...] }; undef without a
@@ -283,16 +284,16 @@ sub add_global_access {
     my $block = $self->{block};
     my $root = $block->{root};
     return if !defined $root || defined $self->{base_block}{root} && $root eq $self->{base_block}{root};
-    $self->{outside} ||= { rules => by_folder(@{ $self->{base_block}{access} }),
-        needed => by_folder(@{ $self->{needed} }) };
+    $self->{outside} ||= { rules => by_directory(@{ $self->{base_block}{access} }),
+        needed => by_directory(@{ $self->{needed} }) };
     my ($rules, $needed) = @{ $self->{outside} }{qw(rules needed)};
     push @{ $block->{access} }, @{ $rules->{$root} || [] };
     add_once($block->{files}, map { $_->{file} } @{ $needed->{$root} || [] });
     return;
 }
 
-# { folder => [those of some records whose path is the folder or lies in it] }
-sub by_folder {
+# { directory => [those of some records whose path is the directory or lies in it] }
+sub by_directory {
     my %found;
     for my $record (@_) {
         for (my $path = $record->{path}; $path =~ m{\A/.}; $path =~ s{/[^/]*\z}{}) {
@@ -302,11 +303,11 @@ sub by_folder {
     return \%found;
 }
 
-sub note_user_folders {
+sub note_user_directories {
     my ($self, @hosts) = @_;
     my @rules = grep { $_->{name} eq 'userdir' } flat(@{ $self->{global} }, @hosts);
     my %seen;
-    for my $word (grep { !$seen{$_}++ } map { user_folders($_) } @rules) {
+    for my $word (grep { !$seen{$_}++ } map { user_directories($_) } @rules) {
         my $pattern = $word =~ m{\A/} ? $word =~ /\*/ ? $word : "$word/*" : "/home/*/$word";
         my @found = grep { $self->{tree}->is_dir($_) } $self->{tree}->glob($pattern) or next;
         my $number = @found;
@@ -319,7 +320,7 @@ sub note_user_folders {
 }
 
 # The words of a rule that name directories; it may also name users and other hosts.
-sub user_folders {
+sub user_directories {
     my ($rule) = @_;
     my @words = @{ $rule->{args} };
     return if @words && $words[0] =~ /\A(?:disabled|enabled)\z/i;

@@ -32,7 +32,7 @@ my %ACCESS = map { $_ => 1 } qw(
     sslrequiressl
 );
 
-sub folder {
+sub directory {
     my ($self, $path) = @_;
     return $self->{tree}->tidy($self->{config}->absolute($path));
 }
@@ -79,7 +79,7 @@ sub add_alias {
     my ($self, $path, $from, $to) = @_;
     # Inside of a section that names the place the target stands alone.
     $to = $from if !defined $to;
-    $self->add_root_folder($from, $to);
+    $self->add_root_directory($from, $to);
     return;
 }
 
@@ -94,18 +94,18 @@ sub note_alias_match {
     return;
 }
 
-sub add_root_folder {
+sub add_root_directory {
     my ($self, $from, $to) = @_;
     return if $from =~ m{\A/\.well-known/acme-challenge};
-    my $folder = $self->folder($to);
+    my $directory = $self->directory($to);
     # One that this account may not look at is there all the same.
-    add_once($self->{block}{roots}, $folder) if $self->{tree}->exists($folder) || $! == EACCES;
+    add_once($self->{block}{roots}, $directory) if $self->{tree}->exists($directory) || $! == EACCES;
     return;
 }
 
 sub add_log {
     my ($self, $path, $where) = @_;
-    add_once($self->{block}{logs}, $self->folder($where)) if $where =~ m{/} && $where !~ /\A\||\$|\%/;
+    add_once($self->{block}{logs}, $self->directory($where)) if $where =~ m{/} && $where !~ /\A\||\$|\%/;
     return;
 }
 
@@ -228,7 +228,7 @@ sub add_daemon {
 
 sub add_program {
     my ($self, $path, $program) = @_;
-    add_once($self->{block}{programs}, $self->folder($program));
+    add_once($self->{block}{programs}, $self->directory($program));
     return;
 }
 

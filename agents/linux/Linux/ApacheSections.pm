@@ -27,13 +27,13 @@ sub add {
 # The definitions of the sections that may count for some directories: those of them, above and
 # below them, also by patterns. Each once; undef stands for no directory.
 sub around {
-    my ($self, @folders) = @_;
-    @folders = grep {defined} @folders;
-    my @found = grep { my $section = $_->{directive}; grep { may_touch($section, $_) } @folders }
+    my ($self, @directories) = @_;
+    @directories = grep {defined} @directories;
+    my @found = grep { my $section = $_->{directive}; grep { may_touch($section, $_) } @directories }
         @{ $self->{open} };
-    for my $folder (@folders) {
-        push @found, @{ $self->{below}{$folder} || [] };
-        for (my $path = $folder; length $path; $path =~ s{/[^/]*\z}{}) {
+    for my $directory (@directories) {
+        push @found, @{ $self->{below}{$directory} || [] };
+        for (my $path = $directory; length $path; $path =~ s{/[^/]*\z}{}) {
             push @found, @{ $self->{above}{$path} || [] };
         }
         push @found, @{ $self->{above}{'/'} || [] };
@@ -45,11 +45,11 @@ sub around {
 # Whether a section with a pattern may hold for a directory, what is above it or what is in
 # it; with an expression it may always.
 sub may_touch {
-    my ($section, $folder) = @_;
+    my ($section, $directory) = @_;
     my $pattern = $section->{args}[0];
     return 1 if $section->{name} eq 'directorymatch' || $pattern =~ /\A~/;
     my @patterns = grep {length} split m{/}, $pattern;
-    my @parts    = grep {length} split m{/}, $folder;
+    my @parts    = grep {length} split m{/}, $directory;
     my $last = @patterns < @parts ? $#patterns : $#parts;
     return !grep { $parts[$_] !~ Linux::Tree::pattern($patterns[$_]) } 0 .. $last;
 }

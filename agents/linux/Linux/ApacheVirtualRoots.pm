@@ -8,11 +8,12 @@ use Linux::Site qw(add_once is_host_name);
 
 # One directory for each host: what they are for the names that are known, and a
 # record for each host that a directory shows.
-sub add_folders {
+sub add_directories {
     my ($self, $pattern) = @_;
     my $block = $self->{block};
     my @exact = grep { is_host_name($_) } @{ $block->{names} };
-    my @known = grep { $self->{tree}->is_dir($_) } map { $self->folder(host_folder($pattern, $_)) } @exact;
+    my @known = grep { $self->{tree}->is_dir($_) }
+        map { $self->directory(host_directory($pattern, $_)) } @exact;
     $block->{root} = $known[0];
     add_once($block->{roots}, @known);
     my %taken = map { $_ => 1 } @known;
@@ -24,13 +25,13 @@ sub add_folders {
         $self->{problems}->add(severity => 'error', object => $object, text => $text);
         return;
     }
-    (my $glob = $self->folder("$before\x01$after")) =~ s/([*?\[\\])/\\$1/g;
+    (my $glob = $self->directory("$before\x01$after")) =~ s/([*?\[\\])/\\$1/g;
     $glob =~ s/\x01/*/;
-    my $matches = join '([^/]+)', map { quotemeta } split /\x01/, $self->folder("$before\x01$after"), -1;
+    my $matches = join '([^/]+)', map { quotemeta } split /\x01/, $self->directory("$before\x01$after"), -1;
     my @hosts;
-    for my $folder (grep { !$taken{$_} && $self->{tree}->is_dir($_) } $self->{tree}->glob($glob)) {
-        my ($host) = $folder =~ /\A$matches\z/ or next;
-        push @hosts, $self->host_block(lc $host, $folder) if is_host_name($host) && $host =~ /\./;
+    for my $directory (grep { !$taken{$_} && $self->{tree}->is_dir($_) } $self->{tree}->glob($glob)) {
+        my ($host) = $directory =~ /\A$matches\z/ or next;
+        push @hosts, $self->host_block(lc $host, $directory) if is_host_name($host) && $host =~ /\./;
     }
     return @hosts;
 }
@@ -44,7 +45,7 @@ sub host_block {
 
 # Fills a directory pattern with a host: %0 all of it, %N its part N, %-N counted from
 # the end, with "+" that part and all on that side of it; %N.M letter M of a part.
-sub host_folder {
+sub host_directory {
     my ($pattern, $host) = @_;
     my @parts = split /\./, $host;
     $pattern =~ s{%(?:(-?\d+)(\+?)(?:\.(-?\d+)(\+?))?|(%))}

@@ -142,11 +142,11 @@ sub included {
     my ($self, $site, $root) = @_;
     my (@found, %seen);
     for my $target ($self->targets($root)) {
-        (my $folder = $target) =~ s{/[^/]*\z}{};
-        my ($directory, $kind) = $self->nearest($folder);
+        (my $above = $target) =~ s{/[^/]*\z}{};
+        my ($directory, $kind) = $self->nearest($above);
         if (!defined $directory) {
-            $self->beside($site, $folder, "$root has programs that read $target")
-                if !$self->is_packaged($folder);
+            $self->beside($site, $above, "$root has programs that read $target")
+                if !$self->is_packaged($above);
         }
         elsif (!$seen{$directory}++ && !below($root, $directory) && $self->may_take($site, $root,
             $directory)) {

@@ -9,7 +9,7 @@ use Errno qw(EFBIG);
 use Fcntl qw(S_IWGRP S_IWOTH);
 use Linux::PhpText;
 
-my $MOST_FOLDERS = 200;
+my $MOST_DIRECTORIES = 200;
 # Of one file, and of all those of a site.
 my $MOST_BYTES = 256 * 1024;
 my $MOST_BYTES_OF_SITE = 1024 * 1024;
@@ -131,13 +131,14 @@ sub settings {
     my ($self, $site) = @_;
     my (@found, %seen);
     @$self{qw(read bytes)} = ({}, 0);
-    for my $folder ($self->folders($site)) {
-        my %parts = map { $_ => 1 } $self->{tree}->list($folder);
+    for my $directory ($self->directories($site)) {
+        my %parts = map { $_ => 1 } $self->{tree}->list($directory);
         for my $case (map { @{ $BY_FIRST_PART{$_} } } grep { $parts{$_} } sort keys %BY_FIRST_PART) {
             my ($application, $pattern) = @$case;
-            for my $file ($pattern =~ /\*/ ? $self->{tree}->glob("$folder/$pattern") : "$folder/$pattern") {
+            my $path = "$directory/$pattern";
+            for my $file ($pattern =~ /\*/ ? $self->{tree}->glob($path) : $path) {
                 push @found, grep { !$seen{"$file\0$_->{kind}\0$_->{name}"}++ }
-                    $self->settings_of($application, $site, $folder, $file);
+                    $self->settings_of($application, $site, $directory, $file);
             }
         }
     }
@@ -150,20 +151,20 @@ sub settings {
 
 # Where applications of a site may be: in its roots, one directory below and, where only
 # a part of the application is public, above.
-sub folders {
+sub directories {
     my ($self, $site) = @_;
     my $tree = $self->{tree};
-    my (@folders, %seen);
+    my (@directories, %seen);
     for my $root (grep { defined && $tree->is_dir($_) } $site->{root}, @{ $site->{roots} || [] }) {
         my ($above, $last) = $root =~ m{\A(.*)/([^/]+)/*\z};
         next if !defined $last;
         my $here = $tree->path($root);
         my @below = grep { lstat "$here/$_" and -d _ } $tree->list($root);
-        @below = @below[0 .. $MOST_FOLDERS - 1] if @below > $MOST_FOLDERS;
-        push @folders, $root, (length $above && $self->is_inner($root, $last) ? $above : ()),
+        @below = @below[0 .. $MOST_DIRECTORIES - 1] if @below > $MOST_DIRECTORIES;
+        push @directories, $root, (length $above && $self->is_inner($root, $last) ? $above : ()),
             map {"$root/$_"} @below;
     }
-    return grep { !$seen{$_}++ } @folders;
+    return grep { !$seen{$_}++ } @directories;
 }
 
 # Whether the application may begin above its root.
@@ -174,8 +175,8 @@ sub is_inner {
 }
 
 sub settings_of {
-    my ($self, $application, $site, $folder, $file) = @_;
-    my $values = $self->values_of($site, $folder, $file) or return;
+    my ($self, $application, $site, $directory, $file) = @_;
+    my $values = $self->values_of($site, $directory, $file) or return;
     my @of_hosts = $self->files_of_hosts($application, $site, $file);
     return map { records($application, { %$values, %{ $self->values_in($site, $_) || {} } }, $site,
         $_) } @of_hosts
@@ -212,8 +213,8 @@ sub files_of_hosts {
 
 # All settings of a file of a site by their keys, or undef.
 sub values_of {
-    my ($self, $site, $folder, $file) = @_;
-    return if !$self->{tree}->is_file($file) || !$self->is_own($site, $folder, $file);
+    my ($self, $site, $directory, $file) = @_;
+    return if !$self->{tree}->is_file($file) || !$self->is_own($site, $directory, $file);
     return $self->values_in($site, $file);
 }
 
@@ -241,23 +242,23 @@ sub values_in {
 
 # A link could lead to the settings of another account, and claim their databases. Root's does not.
 sub is_own {
-    my ($self, $site, $folder, $file) = @_;
+    my ($self, $site, $directory, $file) = @_;
     my $tree = $self->{tree};
-    my ($real, $home) = map { $tree->real($_) } $file, $folder;
-    my ($owner) = ($tree->stat($folder))[4];
+    my ($real, $home) = map { $tree->real($_) } $file, $directory;
+    my ($owner) = ($tree->stat($directory))[4];
     my ($links, $file_owner) = ($tree->stat($file))[3, 4];
     # So could a second name of the file itself.
     return 1 if $links == 1 && defined $home && index($real, $home eq '/' ? '/' : "$home/") == 0;
-    return 1 if $self->is_linked_by_root($home, substr $file, length $folder);
+    return 1 if $self->is_linked_by_root($home, substr $file, length $directory);
     return defined $owner && $owner != 0 && $owner == $file_owner;
 }
 
 # True if all links on the way from a directory to a file are root's, in directories that only root may
 # change.
 sub is_linked_by_root {
-    my ($self, $folder, $way) = @_;
+    my ($self, $directory, $way) = @_;
     my $tree = $self->{tree};
-    my ($file, @links) = reverse $tree->trail("$folder$way");
+    my ($file, @links) = reverse $tree->trail("$directory$way");
     return 0 if !@links || ($tree->stat($file))[3] != 1;
     return !grep {
         (my $above = $_) =~ s{/[^/]*\z}{};

@@ -44,10 +44,11 @@ sub matching {
 # A pattern finds nothing in a directory that this account may not read.
 sub note_unreadable {
     my ($tree, $problems, $pattern) = @_;
-    my ($folders) = $pattern =~ m{\A(.*)/};
-    for my $folder ($tree->glob($folders)) {
-        $tree->list($folder);
-        $problems->add(severity => 'error', object => $folder, text => "Cannot be read: $!") if $! == EACCES;
+    my ($directories) = $pattern =~ m{\A(.*)/};
+    for my $directory ($tree->glob($directories)) {
+        $tree->list($directory);
+        $problems->add(severity => 'error', object => $directory, text => "Cannot be read: $!")
+            if $! == EACCES;
     }
     return;
 }

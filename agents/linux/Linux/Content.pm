@@ -18,7 +18,7 @@ use Linux::ContentPlan;
 use Linux::Site qw(below);
 use Linux::System;
 
-our $FOLDER = 'content';
+our $DIRECTORY = 'content';
 
 my $MOST_NOTES   = 50;
 my $NOT_REUSABLE = '-';
@@ -34,7 +34,7 @@ sub new {
 # What make() takes for a Linux::Selection, see Linux::ContentPlan.
 sub plan {
     my ($self, $selection, $server) = @_;
-    my $plan = Linux::ContentPlan->new(top => $FOLDER,
+    my $plan = Linux::ContentPlan->new(top => $DIRECTORY,
         map { $_ => $self->{$_} } qw(tree problems inventory options packed));
     return $plan->all($selection, $server);
 }
@@ -44,7 +44,7 @@ sub make {
     my ($self, @plan) = @_;
     my ($status, $kept) = @$self{qw(status kept)};
     # What is not asked for any more makes room first.
-    $kept->retain($FOLDER, map { $self->chain_of($_)->names } @plan);
+    $kept->retain($DIRECTORY, map { $self->chain_of($_)->names } @plan);
     $status->set(done => 0, total => scalar @plan);
     for my $item (@plan) {
         $status->set(object => $item->{label});
@@ -53,9 +53,9 @@ sub make {
         delete $self->{archive};
         $status->set(done => $status->{done} + 1, bytes => $self->{bytes});
     }
-    $kept->retain($FOLDER, keys %{ $self->{made} });
+    $kept->retain($DIRECTORY, keys %{ $self->{made} });
     $self->{private}->remove($_)
-        for grep { !$self->{manifests}{$_} } $self->{private}->files_below($Agent::Manifest::FOLDER);
+        for grep { !$self->{manifests}{$_} } $self->{private}->files_below($Agent::Manifest::DIRECTORY);
     return;
 }
 
@@ -230,10 +230,11 @@ sub tar_of {
     my $tree = $self->{tree};
     my %seen;
     my @paths = grep { !$seen{$_}++ } map { $tree->trail($_) } @$paths;
-    my @folders = grep { $tree->is_dir($_) } @paths;
-    my @inside = map { my $kind = $_; map { $self->folders_inside($kind, $_) } @folders }
+    my @directories = grep { $tree->is_dir($_) } @paths;
+    my @inside = map { my $kind = $_; map { $self->directories_inside($kind, $_) } @directories }
         @{ $item->{left_out} || [] };
-    my @exclude = ($self->{private}->dir, $self->of_kernel($item, @folders), map { $tree->path($_) } @inside);
+    my @exclude = ($self->{private}->dir, $self->of_kernel($item, @directories),
+        map { $tree->path($_) } @inside);
     return Agent::Tar->new(private => $self->{private}, top => $tree->root, paths => \@paths,
         exclude => \@exclude, %options);
 }
@@ -241,31 +242,31 @@ sub tar_of {
 # File systems of the kernel below some directories, as a home that is a jail has: to read them
 # may never end.
 sub of_kernel {
-    my ($self, $item, @folders) = @_;
-    $self->{of_kernel} ||= [Linux::System::kernel_folders()];
-    my @tops = map { $self->{tree}->path($_) } @folders;
-    my @found = grep { my $folder = $_; grep { below($folder, $_) } @tops } @{ $self->{of_kernel} };
+    my ($self, $item, @directories) = @_;
+    $self->{of_kernel} ||= [Linux::System::kernel_directories()];
+    my @tops = map { $self->{tree}->path($_) } @directories;
+    my @found = grep { my $directory = $_; grep { below($directory, $_) } @tops } @{ $self->{of_kernel} };
     $self->problem('info', $item->{label}, "$_ is a file system of the kernel and is left out") for @found;
     return @found;
 }
 
 # The real directories of all sites or mailboxes.
-sub folders_of {
+sub directories_of {
     my ($self, $kind) = @_;
-    my $folders = $self->{folders}{$kind} ||= [
+    my $directories = $self->{directories}{$kind} ||= [
         grep {defined} map { $self->{tree}->real($_) }
             map { $kind eq 'sites' ? $self->{inventory}->parts->directories_of($_) : $_->{path} }
                 $self->{inventory}->$kind
     ];
-    return @$folders;
+    return @$directories;
 }
 
-# Those of folders_of() that lie in a folder. There may be thousands of both: with the sorted list no folder
-# is compared with each of them.
-sub folders_inside {
-    my ($self, $kind, $folder) = @_;
-    my $sorted = $self->{sorted}{$kind} ||= [sort map {"$_/"} $self->folders_of($kind)];
-    my $start = $folder eq '/' ? '/' : "$folder/";
+# Those of directories_of() that lie in a directory. There may be thousands of both: with the sorted list no
+# directory is compared with each of them.
+sub directories_inside {
+    my ($self, $kind, $directory) = @_;
+    my $sorted = $self->{sorted}{$kind} ||= [sort map {"$_/"} $self->directories_of($kind)];
+    my $start = $directory eq '/' ? '/' : "$directory/";
     my ($next, $end) = (0, scalar @$sorted);
     while ($next < $end) {
         my $middle = int(($next + $end) / 2);
@@ -298,10 +299,10 @@ sub note {
         return $self->problem($severity, $item->{label}, length $path ? "$path $text" : $text);
     }
     if (!$notes->{archive}) {
-        (my $name = $item->{name}) =~ s{\A\Q$FOLDER\E/}{};
+        (my $name = $item->{name}) =~ s{\A\Q$DIRECTORY\E/}{};
         $name =~ s{/}{-}g;
         my $gz = $name =~ s/\.gz\z// ? '.gz' : '';
-        my $list = "$FOLDER/problems/$name.txt$gz";
+        my $list = "$DIRECTORY/problems/$name.txt$gz";
         $notes->{archive} = $self->new_archive($list, 0);
         $self->problem('warning', $item->{label}, "More of its problems are listed in $list");
     }

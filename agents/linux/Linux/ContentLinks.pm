@@ -60,7 +60,7 @@ sub of_link {
     return ('info', 'is in the archive of the client') if defined $home && below($real, $home);
     return ('info', 'is of a site and in its archive') if grep { below($real, $_) } keys %{ $self->{packed} };
     return ('error', 'is of a site that is not in this dump: dump that site, too')
-        if grep { below($real, $_) } $self->folders_of('sites');
+        if grep { below($real, $_) } $self->directories_of('sites');
     # Such as "..": it is there when the link is.
     return ('warning', 'is above it: only those parts of it are packed that belong to what was asked for')
         if below($path, $real);

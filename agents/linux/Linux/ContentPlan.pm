@@ -60,8 +60,8 @@ sub objects {
 
 # A name below the content directory that no other archive of this dump has.
 sub name_for {
-    my ($self, $folder, $text, $ending) = @_;
-    my $base = "$self->{top}/$folder/" . Agent::Private::safe_name($text);
+    my ($self, $directory, $text, $ending) = @_;
+    my $base = "$self->{top}/$directory/" . Agent::Private::safe_name($text);
     my $name = $base;
     my $number = 2;
     # Nothing else makes this sign before a digit and a dash.
@@ -176,8 +176,9 @@ sub database {
     my ($self, $database) = @_;
     my ($kind, $server, $name) = @$database{qw(kind server name)};
     my %servers = map { $_->{server} => 1 } grep { $_->{kind} eq $kind } $self->{inventory}->databases;
-    my $folder = 'databases' . (keys %servers > 1 ? '/' . Agent::Private::safe_name($server) : '');
-    return $self->item('database', "$kind $name", $database, $self->name_for($folder, "$kind-$name", '.sql'),
+    my $directory = 'databases' . (keys %servers > 1 ? '/' . Agent::Private::safe_name($server) : '');
+    return $self->item('database', "$kind $name", $database,
+        $self->name_for($directory, "$kind-$name", '.sql'),
         database => $database);
 }
 

@@ -11,7 +11,7 @@ my @SPOOLS = qw(/var/spool/cron/crontabs /var/spool/cron);
 my @SPOOLS_OF_AT = qw(/var/spool/cron/atjobs /var/spool/at);
 my $JOB_OF_AT = qr/\A[a-zA-Z=][0-9a-f]{13}\z/;
 my $SYSTEM_TABLE  = '/etc/crontab';
-my $SYSTEM_FOLDER = '/etc/cron.d';
+my $SYSTEM_DIRECTORY = '/etc/cron.d';
 
 # The names that cron reads in that directory: Debian's own, and that of the Red Hat family.
 my $DEBIAN_NAME  = qr/\A[A-Za-z0-9_-]+\z/;
@@ -53,15 +53,15 @@ sub system_tables {
     my ($tree, $problems) = @_;
     my $is_red_hat = Linux::System::distribution($tree)->{family} eq 'redhat';
     my $read = $is_red_hat ? $RED_HAT_NAME : $DEBIAN_NAME;
-    my @names = grep { $_ =~ $read } names_in($tree, $problems, $SYSTEM_FOLDER);
-    return grep { $tree->is_file($_) } $SYSTEM_TABLE, map {"$SYSTEM_FOLDER/$_"} @names;
+    my @names = grep { $_ =~ $read } names_in($tree, $problems, $SYSTEM_DIRECTORY);
+    return grep { $tree->is_file($_) } $SYSTEM_TABLE, map {"$SYSTEM_DIRECTORY/$_"} @names;
 }
 
 sub names_in {
-    my ($tree, $problems, $folder) = @_;
-    return if !$tree->is_dir($folder);
-    my @names = $tree->list($folder);
-    $problems->add(severity => 'error', object => $folder, text => unreadable("$!")) if !@names && $!;
+    my ($tree, $problems, $directory) = @_;
+    return if !$tree->is_dir($directory);
+    my @names = $tree->list($directory);
+    $problems->add(severity => 'error', object => $directory, text => unreadable("$!")) if !@names && $!;
     return @names;
 }
 

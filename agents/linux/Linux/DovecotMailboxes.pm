@@ -128,7 +128,7 @@ sub matching {
     my @letters = $part =~ /%([und])/g;
     my $pattern = join '(.+)', map {quotemeta} split /%[und]/, $part, -1;
     my @found;
-    for my $name ($self->folders_in($at->{path} eq '' ? '/' : $at->{path})) {
+    for my $name ($self->directories_in($at->{path} eq '' ? '/' : $at->{path})) {
         my @values = $name =~ /\A$pattern\z/s or next;
         my %next = (%$at, path => "$at->{path}/$name");
         @next{@letters} = @values;

@@ -13,8 +13,8 @@ use Linux::MailMaps;
 use Linux::Postfix;
 use Linux::Site qw(below);
 
-my @USUAL_FOLDERS = qw(/var/mail/vhosts /var/vmail /home/vmail /srv/vmail /var/spool/vmail /var/mail/virtual
-    /var/lib/vmail /srv/mail);
+my @USUAL_DIRECTORIES = qw(/var/mail/vhosts /var/vmail /home/vmail /srv/vmail /var/spool/vmail
+    /var/mail/virtual /var/lib/vmail /srv/mail);
 my @SPOOLS = qw(/var/mail /var/spool/mail);
 # Settings of other mail servers.
 my @NOT_READ = qw(/etc/exim4 /etc/exim /etc/courier);
@@ -34,7 +34,7 @@ my @IN_HOME = qw(.dovecot.sieve .dovecot.svbin .dovecot.lda-dupes sieve .sieve .
 sub all {
     my ($tree, $problems, $users) = @_;
     my $self = bless {
-        tree => $tree, problems => $problems, users => $users, found => [], seen => {}, folders => {},
+        tree => $tree, problems => $problems, users => $users, found => [], seen => {}, directories => {},
     }, __PACKAGE__;
     $self->{postfix} = Linux::Postfix->new($tree, $problems);
     $self->{dovecot} = Linux::Dovecot->new($tree, $problems);
@@ -44,7 +44,7 @@ sub all {
     $self->from_dovecot_settings if $self->{dovecot};
     $self->note_other_servers;
     $self->from_accounts('maildir', '~/Maildir', 'the usual directory in a home');
-    $self->from_folder($_, $_, 0) for grep { $tree->is_dir($_) } @USUAL_FOLDERS;
+    $self->from_directory($_, $_, 0) for grep { $tree->is_dir($_) } @USUAL_DIRECTORIES;
     my %seen;
     $self->from_spool($_)
         for grep { $tree->is_dir($_) && !$seen{ $tree->real($_) }++ } @SPOOLS, $self->{own_spool} || ();
@@ -109,15 +109,15 @@ sub is_maildir {
 }
 
 # The names of the directories in a directory; that it cannot be read is a problem.
-sub folders_in {
-    my ($self, $folder) = @_;
+sub directories_in {
+    my ($self, $directory) = @_;
     breathe();
-    return @{ $self->{folders}{$folder} } if $self->{folders}{$folder};
+    return @{ $self->{directories}{$directory} } if $self->{directories}{$directory};
     my $tree = $self->{tree};
-    my @names = $tree->list($folder);
-    $self->problem('error', $folder, "Cannot be read, mailboxes in it are not found: $!")
+    my @names = $tree->list($directory);
+    $self->problem('error', $directory, "Cannot be read, mailboxes in it are not found: $!")
         if !@names && $! && $! != ENOENT && $! != ENOTDIR;
-    return @{ $self->{folders}{$folder} = [grep { $tree->is_dir("$folder/$_") } @names] };
+    return @{ $self->{directories}{$directory} = [grep { $tree->is_dir("$directory/$_") } @names] };
 }
 
 sub accounts_with_home {
@@ -166,7 +166,7 @@ sub from_spool {
     for my $name ($tree->list($spool)) {
         my $path = "$spool/$name";
         if ($tree->is_dir($path)) {
-            $self->from_folder($spool, $path, 1);
+            $self->from_directory($spool, $path, 1);
             next;
         }
         next if !$tree->is_file($path) || !($tree->stat($path))[7];
@@ -183,25 +183,25 @@ sub from_spool {
 
 # Maildirs at any depth of a directory; the first part of the path that looks like a
 # domain is one, the last part is the user.
-sub from_folder {
-    my ($self, $top, $folder, $depth) = @_;
+sub from_directory {
+    my ($self, $top, $directory, $depth) = @_;
     # Links may lead here again, and again.
-    my $real = $self->{tree}->real($folder);
+    my $real = $self->{tree}->real($directory);
     return if !defined $real || $self->{searched}{$real}++;
-    if ($depth && $self->is_maildir($folder)) {
-        my @parts = split m{/}, substr $folder, 1 + length $top;
+    if ($depth && $self->is_maildir($directory)) {
+        my @parts = split m{/}, substr $directory, 1 + length $top;
         my ($domain) = grep {/\.[^.]/} @parts;
         pop @parts if @parts > 1 && $parts[-1] =~ /\A(?:Maildir|maildir|mail|\.maildir)\z/;
         my $user = $parts[-1];
         $user =~ s/@.*//s;
         $domain = undef if defined $domain && $domain eq $user;
-        return $self->take('maildir', $folder, $user, $domain, "found in $top");
+        return $self->take('maildir', $directory, $user, $domain, "found in $top");
     }
     if ($depth > $DEEPEST) {
-        return $self->problem('error', $folder,
+        return $self->problem('error', $directory,
             'Is not searched for mailboxes any deeper: copy those in it by hand');
     }
-    $self->from_folder($top, "$folder/$_", $depth + 1) for $self->folders_in($folder);
+    $self->from_directory($top, "$directory/$_", $depth + 1) for $self->directories_in($directory);
     return;
 }
 
@@ -215,7 +215,7 @@ sub from_postfix {
     for my $map (grep { $_->{kind} eq 'virtual-mailbox' } @maps) {
         $self->from_virtual_mailbox($base, $map->{file}, $_) for @{ $map->{entries} };
     }
-    $self->from_folder($base, $base, 0) if $base =~ m{\A/.} && $tree->is_dir($base);
+    $self->from_directory($base, $base, 0) if $base =~ m{\A/.} && $tree->is_dir($base);
     my $home_mailbox = $postfix->value('home_mailbox');
     return if $home_mailbox eq '';
     my $format = $home_mailbox =~ s{/+\z}{} ? 'maildir' : 'mbox';

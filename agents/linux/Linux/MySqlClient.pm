@@ -29,8 +29,8 @@ sub installed {
     my ($self) = @_;
     my $tree = $self->{tree};
     return if !grep { $tree->exists($_) } @SERVER_PROGRAMS;
-    for my $folder ('/var/lib/mysql', $self->set('datadir')) {
-        return 1 if $tree->is_dir("$folder/mysql") || $! == EACCES;
+    for my $directory ('/var/lib/mysql', $self->set('datadir')) {
+        return 1 if $tree->is_dir("$directory/mysql") || $! == EACCES;
     }
     return 0;
 }

@@ -142,12 +142,12 @@ sub simple_values {
 
 # The directory that the location of everything has of its own, if any: it, and not that of
 # the server, is the document root then.
-sub main_folder {
+sub main_directory {
     my @directives = @_;
     for my $location (named('location', @directives)) {
         next if join(' ', @{ $location->{args} }) !~ m{\A(?:\^~ )?/\z};
-        my ($folder) = grep { $_->{name} =~ /\A(?:root|alias)\z/ && @{ $_->{args} } } @{ $location->{block} };
-        return $folder if $folder;
+        my ($found) = grep { $_->{name} =~ /\A(?:root|alias)\z/ && @{ $_->{args} } } @{ $location->{block} };
+        return $found if $found;
     }
     return undef;
 }
@@ -170,7 +170,7 @@ sub server_blocks {
     $self->collect(\@directives, '/');
     $self->add_tls(\%scope);
     my @own_hosts = $returns ? ()
-        : $self->add_roots(scalar main_folder(@directives), $own{root}, $scope{root});
+        : $self->add_roots(scalar main_directory(@directives), $own{root}, $scope{root});
     $block->{content} = !$returns && (defined $block->{root} || @{ $block->{roots} } || @{ $block->{proxies} }
             || @{ $block->{php_addresses} }) ? 1 : 0;
     my @uses = $self->{configuration}{definitions}->used_by(@directives);
@@ -243,21 +243,21 @@ sub add_roots {
         $block->{root} = "$self->{prefix}/html" if !grep {@$_} @$block{qw(roots proxies redirects)};
         return;
     }
-    my @folders = map { $self->folders($_->{args}[0], $_) } @directives;
-    my @hosts = grep { defined $_->{host} } @folders;
-    @folders = grep { !defined $_->{host} } @folders;
-    $block->{root} = $folders[0]{path} if @folders;
-    add_once($block->{roots}, map { $_->{path} } @folders);
+    my @directories = map { $self->directories($_->{args}[0], $_) } @directives;
+    my @hosts = grep { defined $_->{host} } @directories;
+    @directories = grep { !defined $_->{host} } @directories;
+    $block->{root} = $directories[0]{path} if @directories;
+    add_once($block->{roots}, map { $_->{path} } @directories);
     return map { $self->host_block($_) } @hosts;
 }
 
 # A copy of the server's record for one of the hosts that a directory shows.
 sub host_block {
-    my ($self, $folder) = @_;
+    my ($self, $directory) = @_;
     my $block = $self->{block};
     my $copy = Linux::Site::copy_of($block);
-    return { %$copy, names => [$folder->{host}], root => $folder->{path}, content => 1,
-        roots => [grep { $_ ne $folder->{path} } @{ $copy->{roots} }] };
+    return { %$copy, names => [$directory->{host}], root => $directory->{path}, content => 1,
+        roots => [grep { $_ ne $directory->{path} } @{ $copy->{roots} }] };
 }
 
 1;

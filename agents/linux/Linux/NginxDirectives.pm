@@ -59,7 +59,7 @@ sub collect {
         }
         elsif ($name eq 'fastcgi_param' && @$args > 1) { $self->add_php(@$args) }
         elsif ($name =~ /\A(?:root|alias)\z/ && $path ne '/' && $path !~ m{/\.well-known/acme-challenge}) {
-            add_once($block->{roots}, map { $_->{path} } $self->folders($args->[0], $directive));
+            add_once($block->{roots}, map { $_->{path} } $self->directories($args->[0], $directive));
         }
     }
     return;
@@ -151,7 +151,7 @@ sub prefixed {
 
 # The directories that a word means: { path, host }, host where the directory is named by
 # a host that the server's names do not list.
-sub folders {
+sub directories {
     my ($self, $word, $directive) = @_;
     my $block = $self->{block};
     my @found;

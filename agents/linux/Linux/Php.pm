@@ -53,7 +53,7 @@ our @WAYS = sort keys %LOADED;
 my @INI = qw(php.ini php.d/*.ini conf.d/*.ini);
 
 # Installations without a pool show by their configuration directories.
-my @VERSION_FOLDERS = (
+my @VERSION_DIRECTORIES = (
     ['/etc/php/*', qr{/(\d+\.\d+)\z}],
     ['/etc/opt/remi/php*', qr{/php(\d+)\z}],
     ['/opt/rh/rh-php*', qr{/rh-php(\d+)\z}],
@@ -124,7 +124,7 @@ sub new_pool {
 sub versions {
     my ($tree) = @_;
     my %found;
-    for my $place (@VERSION_FOLDERS) {
+    for my $place (@VERSION_DIRECTORIES) {
         my ($pattern, $version) = @$place;
         $_ =~ $version and $found{ dotted($1) } = 1 for $tree->glob($pattern);
     }
@@ -210,9 +210,9 @@ sub read_pools {
     my ($self) = @_;
     my $tree = $self->{tree};
     for my $place (@POOLS) {
-        my ($folder, $main, $version) = @$place;
-        Linux::ConfigReader::note_unreadable($tree, $self->{problems}, "$folder/*.conf");
-        for my $file (map { $tree->glob($_) } "$folder/*.conf", $main) {
+        my ($directory, $main, $version) = @$place;
+        Linux::ConfigReader::note_unreadable($tree, $self->{problems}, "$directory/*.conf");
+        for my $file (map { $tree->glob($_) } "$directory/*.conf", $main) {
             my $of_file = $version && $file =~ $version ? dotted($1) : default_version($tree);
             $self->read_pool_file($file, $of_file);
         }
@@ -319,18 +319,18 @@ sub run_of_site {
 # has set, the file in the document root what is not an administrator's.
 sub pool_settings {
     my ($self, $site, $pool) = @_;
-    my %of_folder = $self->user_settings($site);
-    delete @of_folder{ keys %{ $pool->{admin} }, keys %{ $site->{php_admin} } };
-    return { %{ $pool->{settings} }, %{ $site->{php_settings} }, %of_folder };
+    my %of_directory = $self->user_settings($site);
+    delete @of_directory{ keys %{ $pool->{admin} }, keys %{ $site->{php_admin} } };
+    return { %{ $pool->{settings} }, %{ $site->{php_settings} }, %of_directory };
 }
 
 # The settings of the module, where the file in the document root changes what is not an
 # administrator's.
 sub module_settings {
     my ($self, $site) = @_;
-    my %of_folder = $self->folder_settings($site);
-    delete @of_folder{ keys %{ $site->{module_admin} } };
-    return { %{ $site->{module_settings} }, %of_folder };
+    my %of_directory = $self->directory_settings($site);
+    delete @of_directory{ keys %{ $site->{module_admin} } };
+    return { %{ $site->{module_settings} }, %of_directory };
 }
 
 sub pool_of {
@@ -347,7 +347,7 @@ sub user_settings {
     return $self->file_settings($site, '.user.ini', qr/\A\s*([\w.]+)\s*=\s*(.*)\z/s, qr/;.*/s);
 }
 
-sub folder_settings {
+sub directory_settings {
     my ($self, $site) = @_;
     return $self->file_settings($site, '.htaccess', qr/\A\s*php_(?:value|flag)\s+([\w.]+)\s+(.*)\z/is);
 }

@@ -13,7 +13,7 @@ use List::Util qw(first);
 use Time::HiRes ();
 
 my $ACCOUNT = 'postgres';
-my @SOCKET_FOLDERS = qw(/run/postgresql /var/run/postgresql /tmp);
+my @SOCKET_DIRECTORIES = qw(/run/postgresql /var/run/postgresql /tmp);
 
 # The directories with the settings of a server: those of Debian and of Red Hat.
 my @CLUSTERS = qw(/etc/postgresql/*/* /var/lib/pgsql/data /var/lib/pgsql/*/data);
@@ -28,17 +28,17 @@ sub found {
     my ($sockets, $foreign, $left) = trusted_sockets({ %options, product => 'PostgreSQL',
         accounts => [$ACCOUNT], dump => 'pg_dump' }, sockets($tree));
     for my $socket (@$sockets) {
-        my ($folder, $port) = folder_and_port($socket->{path});
-        $by_port{$port} ||= { folder => $folder, owner => $socket->{owner} };
+        my ($directory, $port) = directory_and_port($socket->{path});
+        $by_port{$port} ||= { directory => $directory, owner => $socket->{owner} };
     }
     $by_port{ $_->{port} }{automatic} ||= $_->{automatic} for clusters($tree);
     for my $socket (@$left) {
-        my (undef, $port) = folder_and_port($socket->{path});
-        $by_port{$port}{left} = "$socket->{path}: $socket->{why}" if !$by_port{$port}{folder};
+        my (undef, $port) = directory_and_port($socket->{path});
+        $by_port{$port}{left} = "$socket->{path}: $socket->{why}" if !$by_port{$port}{directory};
     }
     for my $path (@$foreign) {
-        my ($folder, $port) = folder_and_port($path);
-        $by_port{$port}{foreign} = $path if $by_port{$port} && !$by_port{$port}{folder};
+        my ($directory, $port) = directory_and_port($path);
+        $by_port{$port}{foreign} = $path if $by_port{$port} && !$by_port{$port}{directory};
     }
     my @servers = map { bless { limit => 60, lock_milliseconds => 60_000, product => 'PostgreSQL',
         label => "PostgreSQL (port $_)", port => $_, %options, %{ $by_port{$_} } }, $class }
@@ -51,12 +51,12 @@ sub found {
 sub sockets {
     my ($tree) = @_;
     return map {
-        my $folder = $_;
-        map {"$folder/$_"} grep {/\A\.s\.PGSQL\.[0-9]{1,5}\z/} $tree->list($folder)
-    } @SOCKET_FOLDERS;
+        my $directory = $_;
+        map {"$directory/$_"} grep {/\A\.s\.PGSQL\.[0-9]{1,5}\z/} $tree->list($directory)
+    } @SOCKET_DIRECTORIES;
 }
 
-sub folder_and_port { return $_[0] =~ m{\A(.*)/[^/]*\.([0-9]+)\z} }
+sub directory_and_port { return $_[0] =~ m{\A(.*)/[^/]*\.([0-9]+)\z} }
 
 # Those that do not answer take together no longer than one that does not.
 sub connect_all {
@@ -74,11 +74,11 @@ sub connect_all {
 sub clusters {
     my ($tree) = @_;
     my @found;
-    for my $folder (map { $tree->glob($_) } @CLUSTERS) {
-        my @lines = $tree->read_lines("$folder/postgresql.conf");
-        next if !@lines && !$tree->exists("$folder/postgresql.conf") && $! != EACCES;
+    for my $directory (map { $tree->glob($_) } @CLUSTERS) {
+        my @lines = $tree->read_lines("$directory/postgresql.conf");
+        next if !@lines && !$tree->exists("$directory/postgresql.conf") && $! != EACCES;
         my ($port) = map { /^\s*port\s*=?\s*'?([0-9]+)/ ? $1 : () } reverse @lines;
-        my $start = first { /^\w/ } $tree->read_lines("$folder/start.conf");
+        my $start = first { /^\w/ } $tree->read_lines("$directory/start.conf");
         push @found, { port => $port || $DEFAULT_PORT,
             automatic => !defined $start || $start =~ /^auto/ ? 1 : 0 };
     }
@@ -90,7 +90,7 @@ sub connect {
     my $error = 'it is not running';
     $error .= " ($self->{left})" if defined $self->{left};
     $error .= ", and the server at $self->{foreign} is not the host's" if defined $self->{foreign};
-    if ($self->{folder}) {
+    if ($self->{directory}) {
         my $rows;
         ($rows, $error) = $self->choose_program('psql') ? $self->ask('SHOW server_version')
             : (undef, 'its client program is not installed');
@@ -98,7 +98,7 @@ sub connect {
     }
     return if !defined $error;
     # One that was stopped on purpose is no fault.
-    my $severity = $self->{folder} || $self->{left} || $self->{automatic} ? 'error' : 'info';
+    my $severity = $self->{directory} || $self->{left} || $self->{automatic} ? 'error' : 'info';
     $self->problem($severity, undef, "The server cannot be asked: $error");
     return;
 }
@@ -106,7 +106,7 @@ sub connect {
 # This server, as a list of servers describes it.
 sub description {
     my ($self) = @_;
-    my $address = $self->{folder} ? "$self->{folder}/.s.PGSQL.$self->{port}" : undef;
+    my $address = $self->{directory} ? "$self->{directory}/.s.PGSQL.$self->{port}" : undef;
     return { kind => 'postgresql', label => $self->{label}, product => 'PostgreSQL',
         version => $self->{version}, address => $address, running => defined $self->{version} ? 1 : 0 };
 }

@@ -1,5 +1,5 @@
 # How a server of PostgreSQL is asked, by its own client programs as the account that runs it:
-# methods of Linux::PostgreSql, which has { tree, limit, port, folder => of its socket, owner => [uid, gid]
+# methods of Linux::PostgreSql, which has { tree, limit, port, directory => of its socket, owner => [uid, gid]
 # of it, version, once it is known }.
 package Linux::PostgreSqlClient;
 
@@ -9,7 +9,7 @@ use base 'Linux::DatabaseServer';
 use Agent::Process qw(run which);
 use Linux::DatabaseServer qw(escaped);
 
-my @PROGRAM_FOLDERS = qw(/usr/lib/postgresql/*/bin /usr/pgsql-*/bin);
+my @PROGRAM_DIRECTORIES = qw(/usr/lib/postgresql/*/bin /usr/pgsql-*/bin);
 
 # Between fields and rows; all texts that others choose are asked for in hexadecimal.
 my ($FIELD, $ROW) = ("\x1f", "\x1e");
@@ -23,7 +23,7 @@ my $AS_ACCOUNT = 'my ($uid, $gid) = splice @ARGV, 0, 2; chdir "/"; $( = $gid; $)
 sub choose_program {
     my ($self, $name) = @_;
     my @programs = grep { -x && -f _ } map { $self->{tree}->path($_) . "/$name" }
-        map { $self->{tree}->glob($_) } @PROGRAM_FOLDERS;
+        map { $self->{tree}->glob($_) } @PROGRAM_DIRECTORIES;
     my ($major) = defined $self->{version} ? $self->{version} =~ /\A([0-9]{2}|[0-9]\.[0-9]+)/ : ();
     my ($same) = defined $major ? grep { m{[/-]\Q$major\E/bin/} } @programs : ();
     my ($newest) = sort { number($b) <=> number($a) } @programs;
@@ -37,7 +37,7 @@ sub number { return $_[0] =~ m{([0-9.]+)/bin/} ? $1 : 0 }
 sub command {
     my ($self, $program, @arguments) = @_;
     my ($uid, $gid) = @{ $self->{owner} };
-    my @to = ('--host', $self->{tree}->path($self->{folder}), '--port', $self->{port}, '--no-password');
+    my @to = ('--host', $self->{tree}->path($self->{directory}), '--port', $self->{port}, '--no-password');
     return [$program, @to, @arguments] if $> || !$uid;
     my $name = getpwuid $uid;
     push @to, '--username', $name if defined $name;

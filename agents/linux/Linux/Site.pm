@@ -76,8 +76,8 @@ sub target_host {
 
 # True for a path inside a directory or the directory itself.
 sub below {
-    my ($path, $folder) = @_;
-    return $path eq $folder || index($path, $folder eq '/' ? '/' : "$folder/") == 0;
+    my ($path, $directory) = @_;
+    return $path eq $directory || index($path, $directory eq '/' ? '/' : "$directory/") == 0;
 }
 
 sub is_packaged { return $_[0] =~ $PACKAGED }

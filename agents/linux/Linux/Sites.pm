@@ -6,7 +6,7 @@ use strict;
 use warnings;
 use Agent::Process qw(breathe);
 use Linux::Apache;
-use Linux::FolderRules;
+use Linux::DirectoryRules;
 use Linux::Nginx;
 use Linux::Php;
 use Linux::Site qw(add_once);
@@ -51,7 +51,7 @@ sub look {
         add_once($site->{config}, @{ $site->{php}{pool_files} || [] }) if $site->{php};
         set_owner($tree, $users, $homes, $site);
         check_files($tree, $problems, $site);
-        Linux::FolderRules::note($tree, $problems, $site) if grep { $_ eq 'apache' } @{ $site->{servers} };
+        Linux::DirectoryRules::note($tree, $problems, $site) if grep { $_ eq 'apache' } @{ $site->{servers} };
         delete @$site{@INNER};
     }
     mark_shared($tree, @sites);

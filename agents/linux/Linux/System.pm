@@ -112,11 +112,11 @@ sub file_systems {
 }
 
 # The directories of the running system where the kernel shows things that are no files.
-sub kernel_folders {
+sub kernel_directories {
     my @mounts = map { [split / /] } Linux::Tree->new->read_lines('/proc/self/mounts');
-    my @folders = map { $_->[1] } grep { $OF_KERNEL{ $_->[2] } } @mounts;
-    s/\\([0-7]{3})/chr oct $1/ge for @folders;
-    return @folders;
+    my @directories = map { $_->[1] } grep { $OF_KERNEL{ $_->[2] } } @mounts;
+    s/\\([0-7]{3})/chr oct $1/ge for @directories;
+    return @directories;
 }
 
 sub df {

@@ -9,7 +9,7 @@ package Linux::Tree;
 
 use strict;
 use warnings;
-use Agent::Folder qw(enter leave);
+use Agent::Directory qw(enter leave);
 use Errno qw(EACCES ELOOP EINVAL EFBIG ENOENT);
 use Fcntl qw(O_RDONLY O_NOFOLLOW O_NONBLOCK S_ISDIR S_ISREG S_ISLNK S_IWGRP S_IWOTH);
 
@@ -206,9 +206,9 @@ sub open_file {
     my ($self, $path) = @_;
     my $real = $self->real($path);
     return undef if !defined $real;
-    my ($folder, $name) = $real =~ m{\A(.*)/([^/]*)\z}s;
+    my ($directory, $name) = $real =~ m{\A(.*)/([^/]*)\z}s;
     my $file;
-    my $opened = enter($self->root, $folder) && is_regular(CORE::lstat $name)
+    my $opened = enter($self->root, $directory) && is_regular(CORE::lstat $name)
         && sysopen($file, $name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK) && is_regular(CORE::stat $file);
     leave();
     return $opened ? $file : undef;

@@ -49,7 +49,7 @@ sub gone_name_of {
 
 sub manifest_name_of {
     my ($self, $number) = @_;
-    (my $name = $self->name_of($number)) =~ s{\A[^/]*}{$Agent::Manifest::FOLDER};
+    (my $name = $self->name_of($number)) =~ s{\A[^/]*}{$Agent::Manifest::DIRECTORY};
     return $name;
 }
 

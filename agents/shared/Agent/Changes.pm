@@ -14,7 +14,7 @@ sub find {
     my $self = bless { %options, bytes => 0, files => 0, entered => {}, gone => undef }, $class;
     my $buffer = '';
     my $not_worth = "no\n";
-    my $gone = $self->{private}->create("$Agent::Manifest::FOLDER/gone");
+    my $gone = $self->{private}->create("$Agent::Manifest::DIRECTORY/gone");
     my $done = eval {
         $self->{manifest}->compare($self->{earlier},
             changed => sub { $self->changed(@_); $self->{worth}->($self->{bytes}) or die $not_worth },
@@ -45,17 +45,17 @@ sub gone_path { return $_[0]{gone} ? $_[0]{gone}->temporary_path : undef }
 # For one run of tar that begins in a directory with these names: a file with what it leaves out, one name
 # in a line. undef where there is nothing to pack. Names that cannot be in such a file are packed again.
 sub unchanged {
-    my ($self, $folder, @names) = @_;
-    my %start = map { $folder . substr($_, 1) => 1 } @names;
+    my ($self, $directory, @names) = @_;
+    my %start = map { $directory . substr($_, 1) => 1 } @names;
     return if !grep { $self->{entered}{$_} } keys %start;
-    my $file = $self->{private}->create("$Agent::Manifest::FOLDER/unchanged" . $self->{files}++);
+    my $file = $self->{private}->create("$Agent::Manifest::DIRECTORY/unchanged" . $self->{files}++);
     my $records = $self->{manifest}->records_again;
     while (defined(my $record = $records->())) {
         my $path = Agent::Manifest::path_of($record);
         next if $self->{entered}{$path};
         (my $above = $path) =~ s{/[^/]*\z}{};
-        next if !$start{$path} && !$self->{entered}{$above} || index($path, "$folder/") != 0;
-        $file->write('.' . substr($path, length $folder) . "\n") if $path !~ /\n|\s\z/;
+        next if !$start{$path} && !$self->{entered}{$above} || index($path, "$directory/") != 0;
+        $file->write('.' . substr($path, length $directory) . "\n") if $path !~ /\n|\s\z/;
     }
     return $file;
 }

@@ -106,10 +106,10 @@ sub forget {
 
 # Removes whatever is below the directory but these archives.
 sub retain {
-    my ($self, $folder, @names) = @_;
+    my ($self, $directory, @names) = @_;
     my %wanted = map { $_ => 1 } @names;
     $self->forget(grep { !$wanted{$_} } sort keys %{ $self->{archives} });
-    $self->{private}->remove($_) for grep { !$wanted{$_} } $self->{private}->files_below($folder);
+    $self->{private}->remove($_) for grep { !$wanted{$_} } $self->{private}->files_below($directory);
     return;
 }
 

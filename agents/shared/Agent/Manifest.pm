@@ -14,7 +14,7 @@ use Agent::Process qw(stream);
 use Digest::MD5 qw(md5_base64);
 use Fcntl qw(O_RDONLY);
 
-our $FOLDER = 'known';
+our $DIRECTORY = 'known';
 
 my $HEADER = 'manifest 1';
 my $END    = '//end';
@@ -36,7 +36,7 @@ sub restart {
     my ($self) = @_;
     delete @$self{qw(seen sorted)};
     @$self{qw(buffer without)} = ('', {});
-    $self->{seen} = $self->{private}->create("$FOLDER/seen");
+    $self->{seen} = $self->{private}->create("$DIRECTORY/seen");
     return;
 }
 
@@ -97,7 +97,7 @@ sub records {
     $self->write_buffer;
     # One that goes takes its file with it.
     delete $self->{sorted};
-    my $sorted = $self->{sorted} = $self->{private}->create("$FOLDER/sorted");
+    my $sorted = $self->{sorted} = $self->{private}->create("$DIRECTORY/sorted");
     my $dir = $self->{private}->dir;
     my $result = stream(['sort', '-z', '-S', '16M', '-T', $dir, $self->{seen}->temporary_path],
         out => sub { $sorted->write($_[0]); 1 });

@@ -20,7 +20,7 @@ sub new {
     my @stat = lstat $dir or die "Cannot find the agent directory $dir: $!\n";
     @$self{qw(uid gid)} = @stat[4, 5];
     die "The agent directory $dir belongs to another account\n" if $> && $> != $self->{uid};
-    $self->take_folder($dir);
+    $self->take_directory($dir);
     return $self;
 }
 
@@ -41,7 +41,7 @@ sub safe_name {
 }
 
 # Gives a directory to the owner of the agent directory, closed to other accounts.
-sub take_folder {
+sub take_directory {
     my ($self, $path) = @_;
     my @stat = lstat $path;
     die "$path is not a directory of its own\n" if !@stat || !S_ISDIR($stat[2]);
@@ -52,7 +52,7 @@ sub take_folder {
 }
 
 # Makes the directories that the file's name asks for, below the agent directory.
-sub make_folders {
+sub make_directories {
     my ($self, $name) = @_;
     my $path = $self->{dir};
     my @parts = split m{/}, $name;
@@ -61,7 +61,7 @@ sub make_folders {
         $path .= "/$part";
         next if $self->{safe}{$path};
         mkdir $path, 0700 or lstat $path or die "Cannot make $path: $!\n";
-        $self->take_folder($path);
+        $self->take_directory($path);
         $self->{safe}{$path} = 1;
     }
     return;
@@ -70,7 +70,7 @@ sub make_folders {
 # A new file: write() to it, then keep() it under its name or drop() it.
 sub create {
     my ($self, $name) = @_;
-    $self->make_folders($name);
+    $self->make_directories($name);
     my $path = $self->path($name);
     unlink "$path.new" or $! == ENOENT or die "Cannot remove $path.new: $!\n";
     # With O_EXCL nothing that is there is opened, and no link followed.
@@ -102,13 +102,13 @@ sub replace {
 # Path of a file below real directories of the agent; dies where a link would lead out.
 sub inner_path {
     my ($self, $name) = @_;
-    my $folder = $self->{dir};
+    my $directory = $self->{dir};
     my @parts = split m{/}, $name;
     pop @parts;
     for my $part (@parts) {
-        $folder .= "/$part";
-        my @stat = lstat $folder or last;
-        die "$folder is not a directory of its own\n" if !S_ISDIR($stat[2]);
+        $directory .= "/$part";
+        my @stat = lstat $directory or last;
+        die "$directory is not a directory of its own\n" if !S_ISDIR($stat[2]);
     }
     return $self->path($name);
 }
@@ -163,12 +163,12 @@ sub remove {
 
 # The names of all that lies below a directory and is not a directory itself.
 sub files_below {
-    my ($self, $folder) = @_;
-    opendir my $listing, $self->inner_path("$folder/.") or return ();
+    my ($self, $directory) = @_;
+    opendir my $listing, $self->inner_path("$directory/.") or return ();
     my @names = grep { !/\A\.\.?\z/ } readdir $listing;
     closedir $listing;
     return map {
-        my $name = "$folder/$_";
+        my $name = "$directory/$_";
         my @stat = lstat $self->path($name);
         @stat && S_ISDIR($stat[2]) ? $self->files_below($name) : $name;
     } sort @names;

@@ -9,7 +9,7 @@ package Agent::Tar;
 
 use strict;
 use warnings;
-use Agent::Folder qw(enter leave);
+use Agent::Directory qw(enter leave);
 use Agent::Process qw(run stream);
 use Agent::TarMessages qw(find_message line_reader tar_message unquoted);
 use Digest::MD5 qw(md5 md5_hex);
@@ -62,17 +62,17 @@ sub outermost {
     return @kept;
 }
 
-# What is packed by one run from one folder: { folder, names => [as the programs are given them] }.
+# What is packed by one run from one directory: { directory, names => [as the programs are given them] }.
 # All that only root could move is packed from the root of the system.
 sub parts {
     my ($self) = @_;
     my (@parts, %part);
     for my $start (@{ $self->{starts} }) {
-        my ($folder, $name) = $start =~ m{\A(.*)/([^/]*)\z}s;
-        ($folder, $name) = ('', substr $start, 1) if $self->is_fixed($folder);
-        my $part = $part{$folder};
+        my ($directory, $name) = $start =~ m{\A(.*)/([^/]*)\z}s;
+        ($directory, $name) = ('', substr $start, 1) if $self->is_fixed($directory);
+        my $part = $part{$directory};
         # The arguments of a program have a limit.
-        push @parts, $part = $part{$folder} = { folder => $folder, names => [] }
+        push @parts, $part = $part{$directory} = { directory => $directory, names => [] }
             if !$part || @{ $part->{names} } >= $MOST_NAMES;
         push @{ $part->{names} }, "./$name";
     }
@@ -81,9 +81,9 @@ sub parts {
 
 # Whether a directory and all above it are root's, and no other account may write there.
 sub is_fixed {
-    my ($self, $folder) = @_;
+    my ($self, $directory) = @_;
     my $path = $self->{before};
-    for my $part (grep {length} split m{/}, $folder) {
+    for my $part (grep {length} split m{/}, $directory) {
         $path .= "/$part";
         if (!exists $self->{fixed}{$path}) {
             my @stat = lstat $path;
@@ -120,7 +120,7 @@ sub scan_part {
     my ($self, $part, $found, $since) = @_;
     my $before = $found->{entries};
     @$found{qw(part buffer owners foreign)} = ($part, '', [], {});
-    $self->in_folder($part, sub {
+    $self->in_directory($part, sub {
         my @stat = lstat '.';
         $found->{owners} = [$stat[4]];
         my $lines = line_reader(sub { $self->find_has_said($part, $_[0]) });
@@ -136,19 +136,20 @@ sub scan_part {
 }
 
 # Does something in the directory that a part is packed from, if that is there.
-sub in_folder {
+sub in_directory {
     my ($self, $part, $do) = @_;
-    my $done = eval { enter($self->{top}, $part->{folder}) ? $do->() : $self->no_folder($part); 1 };
+    my $done = eval { enter($self->{top}, $part->{directory}) ? $do->() : $self->no_directory($part); 1 };
     my $error = $@;
     leave();
     die $error if !$done;
     return;
 }
 
-sub no_folder {
+sub no_directory {
     my ($self, $part) = @_;
     my $why = "$!";
-    $self->{note}->('error', $part->{folder} . substr($_, 1), "cannot be read: $why") for @{ $part->{names} };
+    $self->{note}->('error', $part->{directory} . substr($_, 1), "cannot be read: $why")
+        for @{ $part->{names} };
     return;
 }
 
@@ -172,7 +173,7 @@ sub take_records {
         $taken = pos $found->{buffer};
         my %is;
         @is{qw(file depth type mode uid gid links size blocks modified changed)} = split / /, $facts;
-        my $path = $found->{part}{folder} . substr $name, 1;
+        my $path = $found->{part}{directory} . substr $name, 1;
         $found->{entries}++;
         $found->{ids}{"$is{uid} $is{gid}"} = 1;
         # Headers of a member; names and attributes of unusual length take more.
@@ -209,7 +210,7 @@ sub note_foreign {
     $owners->[$depth + 1] = $is->{uid} if $is->{type} eq 'd';
     return if $is->{type} ne 'f' || $is->{links} == 1 || oct($is->{mode}) & 4;
     # The directory of a name with more than one part, which only root could move.
-    my $owner = !$depth && $found->{part}{folder} eq '' ? 0 : $owners->[$depth];
+    my $owner = !$depth && $found->{part}{directory} eq '' ? 0 : $owners->[$depth];
     return if $is->{uid} == $owner;
     my $file = $found->{foreign}{ $is->{file} } ||= { %$is, names => [] };
     push @{ $file->{names} }, $name;
@@ -223,7 +224,7 @@ sub leave_out_foreign {
     for my $file (map { $found->{foreign}{$_} } sort keys %{ $found->{foreign} }) {
         next if @{ $file->{names} } == $file->{links};
         push @{ $part->{without} }, @{ $file->{names} };
-        my @paths = map { $part->{folder} . substr $_, 1 } @{ $file->{names} };
+        my @paths = map { $part->{directory} . substr $_, 1 } @{ $file->{names} };
         $self->{manifest} && $self->{manifest}->leave_out($_) for @paths;
         my $text = "is left out: it is a further name of a file of another account ($file->{uid})"
             . ' that lies elsewhere too';
@@ -235,9 +236,9 @@ sub leave_out_foreign {
 # Calls back when what a link points to is not in the archive.
 sub check_link {
     my ($self, $path, $target) = @_;
-    my ($folder) = $path =~ m{\A(.*)/}s;
+    my ($directory) = $path =~ m{\A(.*)/}s;
     my @parts;
-    for my $part (split m{/+}, $target =~ m{\A/} ? $target : "$folder/$target") {
+    for my $part (split m{/+}, $target =~ m{\A/} ? $target : "$directory/$target") {
         next if $part eq '' || $part eq '.';
         if ($part eq '..') { pop @parts }
         else               { push @parts, $part }
@@ -254,8 +255,8 @@ sub find_has_said {
     my ($self, $part, $line) = @_;
     my ($path, $why) = find_message($line);
     return $self->{note}->('warning', '', $line) if !defined $path;
-    return $self->gone($part->{folder} . $path) if $why eq 'No such file or directory';
-    return $self->{note}->('error', $part->{folder} . $path, "cannot be read: $why");
+    return $self->gone($part->{directory} . $path) if $why eq 'No such file or directory';
+    return $self->{note}->('error', $part->{directory} . $path, "cannot be read: $why");
 }
 
 sub gone {
@@ -270,7 +271,7 @@ sub pack {
     my $since;
     my @parts = @{ $self->{parts} };
     if ($changes) {
-        $_->{unchanged} = $changes->unchanged($_->{folder}, @{ $_->{names} }) for @parts;
+        $_->{unchanged} = $changes->unchanged($_->{directory}, @{ $_->{names} }) for @parts;
         @parts = grep { $_->{unchanged} } @parts;
     }
     for my $pass (1 .. $PASSES) {
@@ -288,7 +289,7 @@ sub pack {
 # $since it packs what has changed after that time.
 sub run_tar {
     my ($self, $archive, $part, $since, $last) = @_;
-    $self->in_folder($part, sub {
+    $self->in_directory($part, sub {
         my $held = '';
         my $lines = line_reader(sub { $self->tar_has_said($part, $_[0], $last) });
         my $result = stream([$self->tar_command($part, $since)], errors => $lines, out => sub {
@@ -331,15 +332,15 @@ sub tar_command {
 # Directories that are left out, as a part has them.
 sub excluded {
     my ($self, $part) = @_;
-    my $folder = "$self->{before}$part->{folder}/";
-    return map { index($_, $folder) == 0 ? './' . substr $_, length $folder : () } @{ $self->{exclude} };
+    my $start = "$self->{before}$part->{directory}/";
+    return map { index($_, $start) == 0 ? './' . substr $_, length $start : () } @{ $self->{exclude} };
 }
 
 # Puts the directory that a part is packed from before its names.
 sub transform {
     my ($part) = @_;
-    (my $folder = $part->{folder}) =~ s/([\\&,])/\\$1/g;
-    return length $folder ? "--transform=flags=rhS;s,^\\.,.$folder," : ();
+    (my $directory = $part->{directory}) =~ s/([\\&,])/\\$1/g;
+    return length $directory ? "--transform=flags=rhS;s,^\\.,.$directory," : ();
 }
 
 sub tar_has_said {
@@ -355,8 +356,8 @@ sub tar_has_said {
         $self->{manifest}->spoil if $self->{manifest};
         return $self->{note}->('warning', '', $line);
     }
-    $self->{manifest}->unsure($part->{folder} . unquoted($path), '?', 0) if $self->{manifest};
-    $path = $part->{folder} . $path;
+    $self->{manifest}->unsure($part->{directory} . unquoted($path), '?', 0) if $self->{manifest};
+    $path = $part->{directory} . $path;
     return $self->gone($path) if $what eq 'gone';
     return $self->{note}->($what, $path, $text) if $what ne 'changed';
     return if !$last;
@@ -366,7 +367,7 @@ sub tar_has_said {
 # With --verbose tar names all that it packs, directories with a slash at the end.
 sub has_packed {
     my ($self, $part, $quoted) = @_;
-    my $path = $part->{folder} . unquoted($quoted);
+    my $path = $part->{directory} . unquoted($quoted);
     my $type = $path =~ s{/\z}{} ? 'd' : 'f';
     return $self->{manifest}->packed($path, $type);
 }

@@ -177,8 +177,8 @@ def _is_here(restore: Restore, archived: _Archived, identifier: str) -> bool:
     if unpacked_of(archived.content) > _LARGEST_COMPARED:
         return False
     archive = restore.archive(archived.content)
-    here = {f"{place}/{name}" for root in archived.roots for place, folders, files in os.walk(root)
-            for name in folders + files}
+    here = {f"{place}/{name}" for root in archived.roots for place, directories, files in os.walk(root)
+            for name in directories + files}
     if not here <= archive.names():
         return False
     findings = verify_unpacked(restore, identifier, [archive], archived.roots)

@@ -193,11 +193,11 @@ def _is_message(name: str, path: str) -> bool:
 def _compared(identifier: str, path: str, there: set[str]) -> Finding:
     """Compares the messages by name without flags: a changed flag renames a message, also from `new` to `cur`."""
     def plain(name: str) -> str:
-        folder, message = os.path.split(name)
-        return f"{os.path.dirname(folder)}/{_FLAGS.sub('', message)}"
+        directory, message = os.path.split(name)
+        return f"{os.path.dirname(directory)}/{_FLAGS.sub('', message)}"
 
-    here = {plain(f"{folder}/{name}") for folder, _, names in os.walk(path) for name in names
-            if _is_message(f"{folder}/{name}", path)}
+    here = {plain(f"{directory}/{name}") for directory, _, names in os.walk(path) for name in names
+            if _is_message(f"{directory}/{name}", path)}
     wanted = {plain(name) for name in there if not name.endswith("/")}
     missing = wanted - here
     says = f"{len(here)} here, {len(wanted)} fetched"

@@ -1,10 +1,10 @@
 #!/usr/bin/perl
-# A migration agent for a source that is nothing but a tree of folders:
+# A migration agent for a source that is nothing but a tree of directories:
 #
 #     SOURCE/domains/NAME/...   SOURCE/clients/NAME/...   SOURCE/resellers/NAME/...
 #
 # SOURCE is the first line of the file "source-tree" next to this script. Mail
-# is what lies in an object's folder "mail"; everything else is hosting.
+# is what lies in an object's directory "mail"; everything else is hosting.
 #
 #   --get-status          says that the agent is in place
 #   --migration-mode      dumps nothing, unless objects are asked for:
@@ -39,24 +39,24 @@ sub first_line {
     return $line;
 }
 
-# Paths, relative to the folder, of all plain files below it.
+# Paths, relative to the directory, of all plain files below it.
 sub files_below {
-    my ($folder) = @_;
+    my ($directory) = @_;
     my @found;
-    return () unless -d $folder;
+    return () unless -d $directory;
     File::Find::find({
         no_chdir => 1,
         wanted => sub {
-            push @found, substr $_, 1 + length $folder if -f $_ && !-l $_;
+            push @found, substr $_, 1 + length $directory if -f $_ && !-l $_;
         },
-    }, $folder);
+    }, $directory);
     return sort @found;
 }
 
-sub folders_in {
-    my ($folder) = @_;
-    opendir my $listing, $folder or return ();
-    return sort grep { !/^\.\.?$/ && -d "$folder/$_" } readdir $listing;
+sub directories_in {
+    my ($directory) = @_;
+    opendir my $listing, $directory or return ();
+    return sort grep { !/^\.\.?$/ && -d "$directory/$_" } readdir $listing;
 }
 
 sub input_line {
@@ -68,7 +68,7 @@ sub input_line {
 # Names of the objects to dump, by kind.
 sub selection {
     my ($source, %given) = @_;
-    return map { $_ => [folders_in("$source/$_")] } @kinds if $given{'--dump-all'};
+    return map { $_ => [directories_in("$source/$_")] } @kinds if $given{'--dump-all'};
     # The lists come in this order, whichever of them are there.
     my %names = map { $_ => $given{"--dump-$_=-"} ? [split /,/, input_line()] : [] } @kinds;
     for my $kind (@kinds) {

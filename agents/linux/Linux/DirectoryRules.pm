@@ -1,7 +1,7 @@
 # What the .htaccess file of a document root says that the record of a site does not
 # have: redirects, access rules and files of passwords. It is only named. What the
 # file's author writes must not decide which other files of the host are packed.
-package Linux::FolderRules;
+package Linux::DirectoryRules;
 
 use strict;
 use warnings;

@@ -1,6 +1,6 @@
 # Goes into directories without ever following a symbolic link, also one that is put on the
 # way at that very moment: what is done in the directory is done in the one that was meant.
-package Agent::Folder;
+package Agent::Directory;
 
 use strict;
 use warnings;
@@ -13,9 +13,9 @@ our @EXPORT_OK = qw(enter leave);
 # Makes a directory below $top the current one. Gives undef, with the reason in $!, where
 # it is not there or its path leads through a link. leave() must follow either way.
 sub enter {
-    my ($top, $folder) = @_;
+    my ($top, $directory) = @_;
     chdir $top or return undef;
-    for my $part (grep {length} split m{/}, $folder) {
+    for my $part (grep {length} split m{/}, $directory) {
         my @named = lstat $part or return undef;
         if (!S_ISLNK($named[2])) {
             chdir $part or return undef;

@@ -12,14 +12,14 @@ my (%before);
 BEGIN {
     no warnings 'once';
     *CORE::GLOBAL::chdir = sub {
-        my ($folder) = @_;
-        my $step = delete $before{$folder};
+        my ($directory) = @_;
+        my $step = delete $before{$directory};
         $step->() if $step;
-        return CORE::chdir($folder);
+        return CORE::chdir($directory);
     };
 }
 
-use Agent::Folder qw(enter leave);
+use Agent::Directory qw(enter leave);
 use Errno qw(EACCES);
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);
@@ -64,7 +64,7 @@ test 'Another directory that takes its place at that very moment is refused' => 
         rename "$top/site/public", "$top/site/old" or die $!;
         rename "$top/secret/public", "$top/site/public" or die $!;
     };
-    ok !enter($top, '/site/public') && $! == EACCES, 'and another folder in its place';
+    ok !enter($top, '/site/public') && $! == EACCES, 'and another directory in its place';
     leave();
 };
 
