@@ -63,6 +63,12 @@ sub members {
     return [sort keys %members];
 }
 
+# Those of them that lie below a directory, without its path.
+sub members_below {
+    my ($self, $site, $directory) = @_;
+    return [map { m{\A\.\Q$directory\E/(.*)} ? $1 : () } @{ $self->members($site) }];
+}
+
 sub archive { return "$_[0]{dir}/content/sites/$_[1].tar.gz" }
 
 # The bytes of a member.

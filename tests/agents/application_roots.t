@@ -86,12 +86,6 @@ my ($tree) = imitated(
         . "4 * * * * www-data /usr/bin/other\n",
 );
 
-# What the archive of a site has below a directory.
-sub below_of {
-    my ($dump, $site, $directory) = @_;
-    return [map { m{\A\.\Q$directory\E/(.*)} ? $1 : () } @{ $dump->members($site) }];
-}
-
 my $everything = once(sub { Dumped->new($tree, '', '--dump-all') });
 
 test 'An application is packed whole and described by its kind' => sub {
@@ -114,7 +108,7 @@ test 'An application is packed whole and described by its kind' => sub {
     );
     for my $name (sort keys %WHOLE) {
         my ($directory, $files, $kind) = @{ $WHOLE{$name} };
-        is_deeply below_of($dump, $name, $directory), $files, "$name: all of $directory is packed";
+        is_deeply $dump->members_below($name, $directory), $files, "$name: all of $directory is packed";
         is $dump->found(qq(string(//domain[\@name="$name"]/site/application[\@directory="$directory"]/\@kind))), $kind,
             "$name: and described as $kind";
     }
@@ -122,7 +116,7 @@ test 'An application is packed whole and described by its kind' => sub {
 
 test 'What links of an application lead to is packed unless it is of the system' => sub {
     my $dump = $everything->();
-    is_deeply below_of($dump, 'laravel.test', '/srv/uploads'), ['photo'], 'with what its links lead to';
+    is_deeply $dump->members_below('laravel.test', '/srv/uploads'), ['photo'], 'with what its links lead to';
     is_deeply $dump->problems_of('laravel.test'),
         ['info: /srv/shop/gone is a symbolic link to /srv/gone, which is not there',
         'warning: /srv/shop/lib is a symbolic link to /usr/share/library, which is not packed: install there'
@@ -136,11 +130,11 @@ test 'What links of an application lead to is packed unless it is of the system'
 
 test 'An archive has what an application needs and nothing beside it' => sub {
     my $dump = $everything->();
-    is_deeply below_of($dump, 'rails.test', '/srv/rails'),
+    is_deeply $dump->members_below('rails.test', '/srv/rails'),
         [qw(current releases/7/config.ru releases/7/config/application.rb
         releases/7/config/master.key releases/7/public/index.html shared/master.key)],
         'a release comes with what it shares with others, and without these';
-    is_deeply below_of($dump, 'symfony.test', '/var/www/other'), [],
+    is_deeply $dump->members_below('symfony.test', '/var/www/other'), [],
         'what lies beside an application is not of it';
     is_deeply $dump->texts_of('//domain[@name="laravel.test"]/site/packed'), [qw(/srv/shop /srv/uploads)],
         'the description names what is packed';
@@ -148,7 +142,7 @@ test 'An archive has what an application needs and nothing beside it' => sub {
 
 test 'An application that sites share is packed once' => sub {
     my $dump = $everything->();
-    is_deeply below_of($dump, 'shared.test', '/srv/shop'), [],
+    is_deeply $dump->members_below('shared.test', '/srv/shop'), [],
         'an application that sites share is packed once';
     is_deeply $dump->values_of('//domain[@name="shared.test"]/content/@file'),
         ['content/sites/laravel.test.tar.gz', 'content/sites/shared.test.tar.gz'],
@@ -158,13 +152,13 @@ test 'An application that sites share is packed once' => sub {
 
 test 'What belongs to other accounts is not taken with an application' => sub {
     my $dump = $everything->();
-    is_deeply below_of($dump, 'others.test', '/srv/mixed'), ['public/index.php'],
+    is_deeply $dump->members_below('others.test', '/srv/mixed'), ['public/index.php'],
         'what holds sites of other accounts is not taken with one of them';
     is_deeply $dump->problems_of('others.test'),
         ['error: Its application begins above the document root, in /srv/mixed,'
         . ' which holds sites of other accounts and is not packed: copy what it needs by hand'],
         'which is an error';
-    is_deeply below_of($dump, 'foreign.test', '/srv/foreign'), ['public/index.php'],
+    is_deeply $dump->members_below('foreign.test', '/srv/foreign'), ['public/index.php'],
         'nor is a directory of another account';
     like $dump->problems_of('foreign.test')->[0], qr/\Aerror: .*\/srv\/foreign, which belongs to bob/,
         'which is an error, too';
@@ -187,12 +181,12 @@ test 'Files beside a document root are an error where no archive has them' => su
 
 test 'A domain comes with all of its application' => sub {
     my $moved = Dumped->new($tree, 'moved.test', '--dump-domains=-');
-    is_deeply below_of($moved, 'moved.test', '/home/alice'),
+    is_deeply $moved->members_below('moved.test', '/home/alice'),
         [qw(laravel/.env laravel/artisan laravel/vendor/autoload.php
         public_html/index.php)], 'a domain comes with all of its application';
     is_deeply $moved->texts_of('//client/cron'), ['php /home/alice/laravel/artisan run'],
         "and with the account's jobs, without those of its other domains";
-    is_deeply below_of($moved, 'moved.test', '/var/spool'), ['cron/crontabs/alice'], 'whose table is packed';
+    is_deeply $moved->members_below('moved.test', '/var/spool'), ['cron/crontabs/alice'], 'whose table is packed';
 };
 
 test 'Jobs of a service come with the domain whose files they name' => sub {

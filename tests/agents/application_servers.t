@@ -183,10 +183,8 @@ sub troubles {
     return [grep { !/\Ainfo: Was not asked for its pages/ } @{ $everything->()->problems_of($_[0]) }];
 }
 
-sub below_of {
-    my ($site, $directory, $dump) = @_;
-    return [map { m{\A\.\Q$directory\E/(.*)} ? $1 : () } @{ ($dump || $everything->())->members($site) }];
-}
+# Of the dump of everything: see Dumped.
+sub members_below { return $everything->()->members_below(@_) }
 
 sub service {
     my ($site, $attribute) = @_;
@@ -201,10 +199,10 @@ test 'A description is valid and has no argument or variable of a process' => su
 
 test 'An application of gunicorn at a socket is packed with its unit' => sub {
     my $dump = $everything->();
-    is_deeply [grep { !/__pycache__/ } @{ below_of('flask.test', '/home/alice') }],
+    is_deeply [grep { !/__pycache__/ } @{ members_below('flask.test', '/home/alice') }],
         [qw(flask/data/app.db flask/wsgi.py)],
         'gunicorn at a socket: its application is packed';
-    is_deeply below_of('flask.test', '/etc'), [qw(flask.env nginx/sites/flask.test
+    is_deeply members_below('flask.test', '/etc'), [qw(flask.env nginx/sites/flask.test
         systemd/system/flask.service
         systemd/system/flask.service.d/more.conf)], 'with its unit and its environment';
     is_deeply [map { service('flask.test', $_) } qw(unit file account directory address)],
@@ -219,9 +217,9 @@ test 'An application of gunicorn at a socket is packed with its unit' => sub {
 
 test 'An application of uWSGI at a port is packed with the file that starts it' => sub {
     my $dump = $everything->();
-    is_deeply below_of('django.test', '/srv'), [qw(django/manage.py django/project/wsgi.py)],
+    is_deeply members_below('django.test', '/srv'), [qw(django/manage.py django/project/wsgi.py)],
         'uWSGI at a port: so is its';
-    is_deeply below_of('django.test', '/etc'), [qw(nginx/sites/django.test nginx/uwsgi_params
+    is_deeply members_below('django.test', '/etc'), [qw(nginx/sites/django.test nginx/uwsgi_params
         uwsgi/apps-enabled/django.ini)],
         'with the file that starts it';
     is $dump->found('string(//domain[@name="django.test"]/site/application/@kind)'), 'Django', 'and its kind';
@@ -229,17 +227,17 @@ test 'An application of uWSGI at a port is packed with the file that starts it' 
 };
 
 test 'An application of Node at a port is packed with its settings in supervisor' => sub {
-    is_deeply below_of('node.test', '/srv'), [qw(node/node_modules/left/index.js node/package.json
+    is_deeply members_below('node.test', '/srv'), [qw(node/node_modules/left/index.js node/package.json
         node/server.js)],
         'Node at a port: so is its';
-    is_deeply below_of('node.test', '/etc'), [qw(nginx/sites/node.test supervisor/conf.d/node.conf)],
+    is_deeply members_below('node.test', '/etc'), [qw(nginx/sites/node.test supervisor/conf.d/node.conf)],
         'with that of supervisor';
     is_deeply troubles('node.test'), [], 'without a problem';
 };
 
 test 'What an account runs in its own directory is packed and does not make it the owner' => sub {
     my $dump = $everything->();
-    is_deeply below_of('squat.test', '/home/eve'), ['fake/app.py'],
+    is_deeply members_below('squat.test', '/home/eve'), ['fake/app.py'],
         'what an account runs in its own directory is packed';
     like $dump->problems_of('squat.test')->[0],
         qr/\Awarning: .* where a process of eve answers that nothing of root's has started/,
@@ -250,7 +248,7 @@ test 'What an account runs in its own directory is packed and does not make it t
 
 test 'A directory of others is not packed because an account runs there or names it' => sub {
     my $dump = $everything->();
-    is_deeply below_of('thief.test', '/srv'), [],
+    is_deeply members_below('thief.test', '/srv'), [],
         'a directory of others is not packed because an account runs there';
     is_deeply [grep {/alice/} @{ $dump->members('thief.test') }], [], 'nor because it names it';
     like $dump->problems_of('thief.test')->[0],
@@ -259,7 +257,7 @@ test 'A directory of others is not packed because an account runs there or names
 
 test 'An application that is down is found by its unit' => sub {
     my $dump = $everything->();
-    is_deeply below_of('down.test', '/srv'), ['down/Gemfile'],
+    is_deeply members_below('down.test', '/srv'), ['down/Gemfile'],
         'an application that is down is found by its unit';
     like $dump->problems_of('down.test')->[0], qr/\Awarning: .* nothing listens now; \/srv\/down is packed/,
         'and named';
@@ -296,10 +294,10 @@ test 'A program that the web server runs leads to its application' => sub {
         'srv/wiki/venv/pyvenv.cfg' => 'x', 'srv/wiki/media/photo' => 'x',
     );
     my $dump = Dumped->new($tree, 'wsgi.test', '--dump-domains=-');
-    is_deeply below_of('wsgi.test', '/srv', $dump),
+    is_deeply $dump->members_below('wsgi.test', '/srv'),
         [map {"wiki/$_"} qw(manage.py media/photo venv/pyvenv.cfg wiki/wsgi.py)],
         'a program of WSGIScriptAlias leads to its application';
-    is_deeply below_of('wsgi.test', '/var', $dump), [], "and not to the server's document root";
+    is_deeply $dump->members_below('wsgi.test', '/var'), [], "and not to the server's document root";
 };
 
 run_tests;

@@ -8,6 +8,7 @@ use Agent::Problems;
 use Agent::Process qw(run);
 use FakeServer;
 use File::Path qw(rmtree);
+use FoundDatabases qw(found_servers);
 use Imitated qw(problem_texts write_file);
 use Linux::MySql;
 use Linux::PostgreSql;
@@ -17,7 +18,6 @@ use Independent;
 use Time::HiRes ();
 
 my $SECRET = 'the-word-of-root';
-my @LOOK = (limit => 3);
 
 # A /tmp of our own, and nothing of what the packages have left on this machine.
 run(['mount', '-t', 'tmpfs', '-o', 'mode=1777', 'own', $_])->{status} and die "Cannot mount $_\n"
@@ -38,12 +38,7 @@ sub begin_anew {
     return;
 }
 
-sub look {
-    my ($class) = @_;
-    my $problems = Agent::Problems->new;
-    my @servers = $class->found(tree => Linux::Tree->new, problems => $problems, @LOOK);
-    return ($problems, @servers);
-}
+sub look { return found_servers($_[0], limit => 3) }
 
 # --- what speaks as MySQL ---
 

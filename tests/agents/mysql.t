@@ -3,7 +3,7 @@ use strict;
 use warnings;
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
-use Agent::Problems;
+use FoundDatabases qw(dumps_of found_servers with_databases);
 use Imitated qw(output_of problem_texts);
 use Linux::MySql;
 use Linux::Tree;
@@ -11,11 +11,8 @@ use PrivateServer qw(dumped dump_while_written);
 use Test::More;
 use Independent;
 
-sub look {
-    my $problems = Agent::Problems->new;
-    my ($server) = Linux::MySql->found(tree => Linux::Tree->new(@_), problems => $problems, limit => 20);
-    return ($server, $problems);
-}
+sub look { return found_servers('Linux::MySql', @_) }
+sub looked { return with_databases(look()) }
 
 my $source_server = once(sub {
     my $source = PrivateServer->new('mariadb', '/mnt/source-server');
@@ -71,23 +68,14 @@ END
     return $source;
 });
 
-# The server, its databases by their names, and the problems of looking at it.
-sub looked {
-    my ($server, $problems) = look();
-    return ($server, { map { $_->{name} => $_ } $server->databases }, $problems);
-}
-
-# Dumps of all databases by their names, and the problems of making them.
 my $dumps = once(sub {
     $source_server->();
-    my ($server, $databases, $problems) = looked();
-    return { sql => { map { $_ => dumped($server, $databases->{$_}) } sort keys %$databases },
-        problems => $problems };
+    return dumps_of(looked());
 });
 
 test 'The databases of a server are found with their accounts' => sub {
     my $source = $source_server->();
-    my ($server, $problems) = look();
+    my ($problems, $server) = look();
     is_deeply $server->description, { kind => 'mysql', label => 'MariaDB', product => 'MariaDB', running => 1,
         version => (split /\n/, $source->sql('SELECT VERSION()'))[0], address => '/run/mysqld/mysqld.sock' },
         'the server is described';
@@ -109,7 +97,7 @@ test 'The databases of a server are found with their accounts' => sub {
 
 test 'Passwords of accounts are compared' => sub {
     $source_server->();
-    my ($server) = look();
+    my ($server) = looked();
     is $server->password_matches('shop', "pa'ss"), 1, 'a password is known to be right';
     is $server->password_matches('shop', 'pass'), 0, 'a password is known to be wrong';
     is $server->password_matches('nobody', 'pass'), undef, 'nothing is known of a missing account';
@@ -177,7 +165,7 @@ test 'What does not come along with a dump is named' => sub {
     ], 'what does not come along is named';
     my ($server, $databases) = looked();
     my $sql = dumped($server, $databases->{shop});
-    is dumped((look())[0], $databases->{shop}), $sql, 'a second dump is equal';
+    is dumped((look())[1], $databases->{shop}), $sql, 'a second dump is equal';
     like $sql, qr/^-- This view could not be read:\n-- CREATE .* VIEW `shop`\.`broken` AS/m,
         'a broken view is kept as a comment';
 };
@@ -255,7 +243,7 @@ test 'A password is in a file or nowhere' => sub {
     $source->sql("CREATE USER 'agent'\@'localhost' IDENTIFIED BY 'secret-word';"
         . " GRANT ALL ON *.* TO 'agent'\@'localhost' WITH GRANT OPTION;"
         . " ALTER USER 'root'\@'localhost' IDENTIFIED BY 'other-word'");
-    my ($server, $problems) = look();
+    my ($problems, $server) = look();
     is $server->description->{running}, 0, 'a server that refuses us counts as one that cannot be asked';
     like join("\n", @{ problem_texts($problems) }),
         qr/\Aerror MariaDB: The server cannot be asked: ERROR 1045 .*Access denied/,
@@ -265,7 +253,7 @@ test 'A password is in a file or nowhere' => sub {
     print {$file} "[client]\nuser=agent\npassword=secret-word\n";
     close $file or die $!;
     chmod 0600, '/etc/sondrel/mysql.cnf' or die $!;
-    ($server, $problems) = look();
+    ($problems, $server) = look();
     is_deeply [map { $_->{name} } $server->databases], [sort keys %databases],
         'an option file of the host opens the server';
     is_deeply problem_texts($problems),
@@ -286,8 +274,7 @@ test 'A server that does not answer is asked once' => sub {
     open my $file, '<', '/mnt/source-server/pid' or die $!;
     chomp(my $pid = readline $file);
     kill STOP => $pid or die $!;
-    my $problems = Agent::Problems->new;
-    Linux::MySql->found(tree => Linux::Tree->new, problems => $problems, limit => 1);
+    my ($problems) = look(limit => 1);
     kill CONT => $pid or die $!;
     is_deeply problem_texts($problems),
         ['error MariaDB: The server cannot be asked: no answer within 1 seconds'],
@@ -345,7 +332,7 @@ test 'A server that is down is named and a program without data is no server' =>
     mkdir $_ or die "$_: $!"
         for map {"/mnt/system$_"} '', qw(/usr /usr/sbin /var /var/lib /var/lib/mysql /var/lib/mysql/mysql);
     open my $file, '>', '/mnt/system/usr/sbin/mysqld' or die $!;
-    my ($server, $problems) = look(root => '/mnt/system');
+    my ($problems, $server) = look(tree => Linux::Tree->new(root => '/mnt/system'));
     is_deeply $server->description,
         { kind => 'mysql', label => 'MySQL', product => 'MySQL', running => 0, version => undef,
             address => undef },
@@ -356,8 +343,8 @@ test 'A server that is down is named and a program without data is no server' =>
         . ' any of its sockets'],
         'a server that is down is named';
     rmdir '/mnt/system/var/lib/mysql/mysql' or die $!;
-    is_deeply [Linux::MySql->found(tree => Linux::Tree->new(root => '/mnt/system'), problems => $problems)],
-        [],
+    my (undef, @servers) = look(tree => Linux::Tree->new(root => '/mnt/system'));
+    is_deeply \@servers, [],
         'a program without data is no server';
 };
 

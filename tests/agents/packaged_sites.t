@@ -118,10 +118,8 @@ my $everything = once(sub {
     return Dumped->new($tree, '', '--dump-all');
 });
 
-sub below_of {
-    my ($site, $directory, $dump) = @_;
-    return [map { m{\A\.\Q$directory\E/(.*)} ? $1 : () } @{ ($dump || $everything->())->members($site) }];
-}
+# Of the dump of everything: see Dumped.
+sub members_below { return $everything->()->members_below(@_) }
 
 sub package_of {
     my ($site, $attribute) = @_;
@@ -160,7 +158,7 @@ test 'A site of a package has what installing the package does not bring' => sub
         my $version = output_of('dpkg-deb', '-f', glob("$ARCHIVES/${name}_*.deb"), 'Version');
         chomp $version;
         is package_of($site, 'version'), $version, 'with its version';
-        is_deeply below_of($site, $_), $files->{$_}, "$site: of $_ it has what installing does not bring"
+        is_deeply members_below($site, $_), $files->{$_}, "$site: of $_ it has what installing does not bring"
             for sort keys %$files;
         # There is no server of databases here.
         is_deeply [grep { /\Aerror/ && !/names the database/ } @{ $dump->problems_of($site) }], [],
@@ -171,16 +169,16 @@ test 'A site of a package has what installing the package does not bring' => sub
 test 'A site of a package is described and has what scripts and the administrator made' => sub {
     my $dump = $everything->();
     is package_of('blog.test', 'changed'), 1, 'changed files are counted';
-    is_deeply [grep {/\A(?:config\.inc|debian-db\.php)/} @{ below_of('mail.test', '/etc/roundcube') }],
+    is_deeply [grep {/\A(?:config\.inc|debian-db\.php)/} @{ members_below('mail.test', '/etc/roundcube') }],
         [qw(config.inc.php debian-db.php)], 'settings that scripts have made are packed';
-    is scalar(grep {/\Alocal\.php\z/} @{ below_of('pages.test', '/etc/dokuwiki') }), 1,
+    is scalar(grep {/\Alocal\.php\z/} @{ members_below('pages.test', '/etc/dokuwiki') }), 1,
         'so is what the administrator made';
     is_deeply $dump->texts_of('//domain[@name="wiki.test"]/site/package/directory'),
         [qw(/etc/mediawiki /usr/share/mediawiki /var/lib/mediawiki)],
         'the directories of the application are named';
     is_deeply $dump->values_of('//domain[@name="plain.test"]/site/package/@name'), [],
         'a site of files has no package';
-    is_deeply [grep { @{ below_of($_, '/srv/common') } } sort(keys %EXPECTED), 'plain.test'], ['blog.test'],
+    is_deeply [grep { @{ members_below($_, '/srv/common') } } sort(keys %EXPECTED), 'plain.test'], ['blog.test'],
         'what all sites of a server show is packed with one of them';
 };
 
@@ -194,7 +192,7 @@ test 'An alias for all sites leads to its package' => sub {
     put('/etc/apache2/sites-enabled/pages.conf', host('pages.test', '/usr/share/dokuwiki'));
     is_deeply $dump->values_of('//site/package/@name'), ['dokuwiki'],
         'an alias for all sites leads to its package';
-    is_deeply [grep {/pages/} @{ below_of('plain.test', '/var/lib/dokuwiki/data', $dump) }],
+    is_deeply [grep {/pages/} @{ $dump->members_below('plain.test', '/var/lib/dokuwiki/data') }],
         [qw(pages/start.txt pages/team/plan.txt pages/wiki/welcome.txt)],
         'whose content comes with a single domain';
 };

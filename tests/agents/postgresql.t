@@ -5,6 +5,7 @@ use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
 use Agent::Problems;
 use File::Path qw(rmtree);
+use FoundDatabases qw(dumps_of found_servers with_databases);
 use Imitated qw(problem_texts);
 use Linux::PostgreSql;
 use Linux::Tree;
@@ -14,12 +15,9 @@ use Independent;
 
 # The settings that the package has left on this machine are not those of the test.
 unlink '/etc/postgresql';
-my @look = (limit => 20, restrict_key => 'akeyoftheagent');
 
-sub look {
-    my $problems = Agent::Problems->new;
-    return ($problems, Linux::PostgreSql->found(tree => Linux::Tree->new, problems => $problems, @look));
-}
+sub look { return found_servers('Linux::PostgreSql', restrict_key => 'akeyoftheagent') }
+sub looked { return with_databases(look()) }
 
 my $awkward = q{-x dbname='q' "é\\};
 my $source_server = once(sub {
@@ -80,18 +78,9 @@ END
     return $source;
 });
 
-# The server, its databases by their names, and the problems of looking at it.
-sub looked {
-    my ($problems, $server) = look();
-    return ($server, { map { $_->{name} => $_ } $server->databases }, $problems);
-}
-
-# Dumps of the databases by their names, and the problems of making them.
 my $dumps = once(sub {
     $source_server->();
-    my ($server, $databases, $problems) = looked();
-    my @names = ($awkward, qw(german latin pattern raw shop));
-    return { sql => { map { $_ => dumped($server, $databases->{$_}) } @names }, problems => $problems };
+    return dumps_of(looked(), $awkward, qw(german latin pattern raw shop));
 });
 
 # A second server, which gets the dumps.

@@ -51,14 +51,19 @@ sub take_directory {
     return;
 }
 
-# Makes the directories that the file's name asks for, below the agent directory.
-sub make_directories {
+# The directories below the agent directory that a file's name asks for, from the outermost on.
+sub directories_above {
     my ($self, $name) = @_;
     my $path = $self->{dir};
     my @parts = split m{/}, $name;
     pop @parts;
-    for my $part (@parts) {
-        $path .= "/$part";
+    return map { $path .= "/$_"; "$path" } @parts;
+}
+
+# Makes the directories that the file's name asks for, below the agent directory.
+sub make_directories {
+    my ($self, $name) = @_;
+    for my $path ($self->directories_above($name)) {
         next if $self->{safe}{$path};
         mkdir $path, 0700 or lstat $path or die "Cannot make $path: $!\n";
         $self->take_directory($path);
@@ -102,11 +107,7 @@ sub replace {
 # Path of a file below real directories of the agent; dies where a link would lead out.
 sub inner_path {
     my ($self, $name) = @_;
-    my $directory = $self->{dir};
-    my @parts = split m{/}, $name;
-    pop @parts;
-    for my $part (@parts) {
-        $directory .= "/$part";
+    for my $directory ($self->directories_above($name)) {
         my @stat = lstat $directory or last;
         die "$directory is not a directory of its own\n" if !S_ISDIR($stat[2]);
     }
