@@ -12,19 +12,19 @@ use Linux::Dump;
 
 my $SCHEMA = "$FindBin::Bin/../../docs/formats/dump.xsd";
 
-# Dumps what the arguments of the agent ask for, with these lines as its input.
+# Dumps with these arguments of the agent and these lines on its standard input.
 sub new {
     my ($class, $tree, $input, @arguments) = @_;
     my $dir = tempdir(CLEANUP => 1);
     open my $lines, '<', \$input or die $!;
     my $options = Agent::Options::parse(['--migration-mode', @arguments], $lines);
     Linux::Dump::run(tree => $tree, private => Agent::Private->new($dir), options => $options);
-    # A dump lets everything else go first; the test does not.
+    # A dump lowers its priority; the test does not.
     setpriority 0, 0, 0;
     return bless { dir => $dir }, $class;
 }
 
-# What xmllint prints for an expression; nothing where it finds nothing.
+# What xmllint prints for an expression; empty if it finds nothing.
 sub found {
     my ($self, $xpath) = @_;
     my $result = run(['xmllint', '--xpath', $xpath, "$self->{dir}/dump.xml"]);
@@ -46,7 +46,7 @@ sub texts_of {
     return [sort map {/>(.*)</} split /\n/, $self->found($xpath)];
 }
 
-# What is wrong with the document; nothing if it is valid.
+# The errors of the document; empty if it is valid.
 sub errors {
     my ($self) = @_;
     my $result = run(['xmllint', '--noout', '--schema', $SCHEMA, "$self->{dir}/dump.xml"]);

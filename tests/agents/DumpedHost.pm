@@ -94,7 +94,7 @@ sub dumped {
     return "$dir/dump.xml";
 }
 
-# What xmllint prints for an expression about the document, or another file; nothing where it finds nothing.
+# What xmllint prints for an expression about the document, or another file; empty if it finds nothing.
 sub found {
     my ($xpath, $file) = @_;
     my $result = run(['xmllint', '--xpath', $xpath, $file || "$dir/dump.xml"]);
@@ -138,10 +138,10 @@ our @EVERYTHING = qw(content/clients/alice.tar.gz content/clients/bob.tar.gz con
 # The severity of a problem of an object with a text in it; nothing without one.
 sub problem_of { return found(qq(string(//problem[\@object="$_[0]" and contains(., "$_[1]")]/\@severity))) }
 
-# What shows that an archive was made anew: { name => text }.
+# What shows whether an archive was rebuilt: { name => text }.
 sub inodes { return { map { $_ => join q( ), (Time::HiRes::stat("$dir/$_"))[1, 9] } @{ files() } } }
 
-# What was laid out in this very moment counts as changing.
+# A file that was just written counts as changing.
 rest();
 
 1;

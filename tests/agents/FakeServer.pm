@@ -11,7 +11,7 @@ use Socket qw(SOMAXCONN);
 # account => its name; path => where it listens; socket_of => whose the socket is, if not
 # the account's; queue => how many connections wait before others are refused; talk =>
 # sub { ($connection, $said) }, called for each connection in a process of its own, with
-# the open file for what it is sent. Without it nobody takes the connections.
+# the open file for what it is sent. Without it no connection is accepted.
 sub new {
     my ($class, %given) = @_;
     my ($uid, $gid) = (getpwnam $given{account})[2, 3];
@@ -48,7 +48,7 @@ sub become {
 
 sub serve {
     my ($listener, $said, $talk) = @_;
-    # Who only looks goes away at once.
+    # The agent closes a connection at once that only tests the socket.
     local $SIG{PIPE} = 'IGNORE';
     while (1) {
         if (!$talk) {
@@ -62,7 +62,7 @@ sub serve {
     return;
 }
 
-# All that was sent to it so far.
+# All that it was sent so far.
 sub said {
     my ($self) = @_;
     seek $self->{said}, 0, 0;

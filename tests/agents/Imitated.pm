@@ -45,10 +45,10 @@ sub write_file {
     return;
 }
 
-# Lets what was done become older than what may change again without a trace.
+# Waits until another change of a file just written must change its times.
 sub rest { return select undef, undef, undef, 0.1 }
 
-# What a program prints that must not fail.
+# What a program prints; dies if it fails.
 sub output_of {
     my (@argv) = @_;
     my $result = run(\@argv);

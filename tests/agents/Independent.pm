@@ -10,8 +10,8 @@ our @EXPORT = qw(once run_tests test);
 
 my @tests;
 
-# Adds a test with a sentence for its name, which `run_tests` runs as a subtest. What dies in it fails this
-# subtest, and the others run.
+# Adds a test with a sentence for its name, which `run_tests` runs as a subtest. A test that dies
+# fails, and the others run.
 sub test {
     my ($sentence, $code) = @_;
     push @tests, [$sentence, $code];

@@ -11,14 +11,14 @@ use Agent::Process qw(start finish);
 
 our @EXPORT_OK = qw(free_port with_server);
 
-# One of the loopback that nothing listened at a moment ago.
+# A port of the loopback at which nothing listened a moment ago.
 sub free_port {
     my $socket = IO::Socket::INET->new(LocalAddr => '127.0.0.1', Listen => 1) or die "No port: $!\n";
     return $socket->sockport;
 }
 
-# Runs a program that listens at a port as long as the block does, which gets its process id. A test of its
-# own says whether it came up.
+# Runs a program that listens at a port until the block ends, which gets its process id. An assertion
+# of its own expects that it starts.
 sub with_server {
     my ($port, $argv, $block) = @_;
     my $server = start($argv);

@@ -32,7 +32,7 @@ sub new {
     return $self;
 }
 
-# What SQL prints, fields apart by tabs; dies when it fails.
+# What SQL prints, with tabs between fields; dies if it fails.
 sub sql {
     my ($self, $sql, $database) = @_;
     my @client = $self->{kind} eq 'mariadb'
@@ -45,7 +45,7 @@ sub sql {
     return $result->{out};
 }
 
-# Dumps a database by the agent's object of the server: the dump, which has to succeed.
+# Dumps a database by the agent's object of the server: the dump, which must succeed.
 sub dumped {
     my ($server, $database) = @_;
     my $sql = '';

@@ -114,7 +114,7 @@ END
     is_deeply $site->{logs}, ['/var/log/apache2/a.log'], 'its log by the variables of the start script';
     is_deeply [map {"$_->{code} $_->{from} $_->{to}"} @{ $site->{redirects} }],
         ['301 /old /new', '301 ^/(.*)$ https://a.test/$1', '301 / https://a.test/'],
-        'its redirects under the conditions that hold';
+        'its redirects with the conditions that apply';
     is_deeply $site->{access}, [
         { path => '/srv/a/in', rule => 'authtype Basic' }, { path => '/srv/a/in',
             rule => 'authname Only us' },
@@ -167,7 +167,7 @@ END
         'an unknown macro is a problem' or diag explain $problems;
 };
 
-test 'What is handed on leads to the servers behind it' => sub {
+test 'What is forwarded leads to the servers behind it' => sub {
     my ($sites, $problems) = sites_of(<<'END');
 <Proxy balancer://app>
     BalancerMember unix:/run/app1.sock|http://localhost/ loadfactor=2
@@ -210,7 +210,7 @@ END
     is_deeply $sites->{'rewritten.test'}{proxies}, ['ws://127.0.0.1:3003/', 'http://127.0.0.1:3004/',
         'unix:/run/app1.sock|http://localhost/', 'http://127.0.0.1:3001'], 'rules that hand on are no redirects'
         or diag explain $sites->{'rewritten.test'};
-    is_deeply $sites->{'rewritten.test'}{redirects}, [], 'and are not told as such';
+    is_deeply $sites->{'rewritten.test'}{redirects}, [], 'and are not listed as redirects';
     is_deeply $sites->{'handled.test'}{proxies}, ['unix:/run/app2.sock|http://localhost'], 'a handler hands on, too';
     is_deeply $problems, [], 'without a problem' or diag explain $problems;
 };
@@ -234,7 +234,7 @@ END
         or diag explain $problems;
 };
 
-test 'Mistakes cost no site and are named' => sub {
+test 'A mistake in the configuration is named and loses no site' => sub {
     my ($sites, $problems) = sites_of("<VirtualHost *:80>\nServerName ok.test\nDocumentRoot /srv/ok\n</VirtualHost>\n",
         'srv/ok/' => undef, 'srv/b/' => undef, 'srv/c/' => undef,
         'etc/apache2/sites-enabled/b.conf' => "<VirtualHost *:80>\n<Directory /x>\nServerName b.test\nDocumentRoot /srv/b\n"
@@ -267,7 +267,7 @@ test 'A directory that all sites serve comes with each of them' => sub {
     is_deeply $problems, [], 'without a problem' or diag explain $problems;
 };
 
-test 'Sections for modules and versions count as the server takes them' => sub {
+test 'Sections for modules and versions apply as in the server' => sub {
     my @cases = ('IfModule mod_version.c', 'IfModule log_config_module', 'IfModule !mod_ssl.c', 'IfVersion >= 2.4.6',
         'IfVersion < 2.4.6');
     my $hosts = join '', map {"<$cases[$_]>\n<VirtualHost *:80>\nServerName $_.test\nDocumentRoot /srv/a\n</VirtualHost>\n</"
@@ -388,7 +388,7 @@ php_admin_value open_basedir /srv
 END
     my %of_all = (open_basedir => '/srv', of_pattern => 1, of_scripts => 1, of_all => 1);
     is_deeply $sites->{'a.test'}{module_settings}, { %of_all, memory_limit => '3M', of_expression => 1 },
-        'a site has the settings of the sections that hold for all of its directory, as they win'
+        'a site has the settings of the sections that apply to all of its directory, the last one wins'
         or diag explain $sites->{'a.test'}{module_settings};
     is_deeply $sites->{'c.test'}{module_settings}, { %of_all, memory_limit => '1M' }, 'and no others';
 };

@@ -1,4 +1,4 @@
-# An application is dumped as a whole, wherever in it its document root lies, and never more than it.
+# An application is dumped whole, wherever its document root is in it, and nothing beside it.
 use strict;
 use warnings;
 use FindBin;
@@ -128,7 +128,7 @@ test 'What links of an application lead to is packed unless it is of the system'
     is_deeply $dump->problems_of('server'), [], 'links of enabled units are nothing to do for anyone';
 };
 
-test 'An archive has what an application needs and nothing beside it' => sub {
+test 'An archive has what an application needs and no other files' => sub {
     my $dump = $everything->();
     is_deeply $dump->members_below('rails.test', '/srv/rails'),
         [qw(current releases/7/config.ru releases/7/config/application.rb

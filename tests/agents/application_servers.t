@@ -1,4 +1,4 @@
-# The applications behind sites that hand requests on: real servers of Python, uWSGI and Node, found from
+# The applications behind sites that forward requests: real servers of Python, uWSGI and Node, found from
 # the address in nginx's configuration to the directory that they run in.
 use strict;
 use warnings;
@@ -64,7 +64,7 @@ sub at_port {
     return sub { IO::Socket::INET->new(PeerAddr => '127.0.0.1', PeerPort => $port) };
 }
 
-# What the kernel of a host with systemd says of a process.
+# What the kernel of a host with systemd reports of a process.
 sub in_group {
     my ($server, $group) = @_;
     put("/mnt/groups/$server->{pid}", "0::$group\n");

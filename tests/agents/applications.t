@@ -29,7 +29,7 @@ sub settings_of {
         %more });
 }
 
-sub told {
+sub text_of {
     return join ' ', map { defined $_ ? $_
         : '-' } @{ $_[0] }{qw(application kind name user password host port prefix)};
 }
@@ -203,7 +203,7 @@ for my $case (@cases) {
     my $root = '/srv/case' . $number++;
     test "$application is understood by $file of case $number" => sub {
         put("$root/$file", $text);
-        is join('; ', map { told($_) } settings_of($root)), "$application $expected",
+        is join('; ', map { text_of($_) } settings_of($root)), "$application $expected",
             'all of its settings are read';
     };
 }
@@ -227,10 +227,10 @@ test 'Settings are found in the root, above it and one directory below' => sub {
         '/home/alice/public_html/blog/wp-config.php below'],
         'settings are found in the root, above and one directory below';
     is_deeply [@{ (settings_of('/home/alice/public_html'))[0] }{qw(site owner)}], ['a.test', 'alice'],
-        'settings tell their site and its owner';
+        'settings name their site and its owner';
 };
 
-test 'Settings may be above where an application looks for them' => sub {
+test 'Settings may be above the directory where an application expects them' => sub {
     put('/home/alice/public_html/blog/wp-config.php', wp('below'));
     put('/srv/plain/wp-config.php', wp('up'));
     put('/srv/plain/site/wp-load.php', '<?php');
@@ -250,7 +250,7 @@ test 'A database in a file needs no server' => sub {
     is_deeply [settings_of('/srv/lite')], [], 'a database in a file needs no server';
 };
 
-test 'Settings of other accounts cannot be borrowed' => sub {
+test 'Settings of other accounts are not used' => sub {
     $problems = Agent::Problems->new;
     put('/home/bob/www/wp-config.php', wp('of_bob'));
     chown 1001, 1001, "$system/home/$_" or die $! for 'bob', 'bob/www', 'bob/www/wp-config.php';

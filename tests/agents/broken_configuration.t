@@ -1,5 +1,5 @@
-# Whatever damage a configuration has, it is read to its end, without a warning of
-# perl, and quickly.
+# A configuration with any damage is read to its end, quickly and without a warning of
+# perl.
 use strict;
 use warnings;
 use FindBin;
@@ -74,7 +74,7 @@ sub trouble_with {
     return @trouble;
 }
 
-# Every place is cut at; the other damages are done to every fifth, each to others.
+# The text is cut at each place; each of the other changes is made at every fifth, at different places.
 my $STEP = 5;
 
 my @DAMAGES = (

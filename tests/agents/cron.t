@@ -43,7 +43,7 @@ test 'Cron of the Red Hat family reads other names too' => sub {
         'cron of the Red Hat family reads other names too';
 };
 
-test 'What at runs once is named' => sub {
+test 'Jobs that at runs once are named' => sub {
     my ($at, $named) = imitated(map { ("var/spool/cron/atjobs/$_" => 'x') } qw(a0000101b2c3d4 .SEQ
         =0000101b2c3d5 notes));
     Linux::Cron::all($at, $named);

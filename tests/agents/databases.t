@@ -1,5 +1,5 @@
-# Whose the databases of a host are: what the settings of sites open, then what the
-# accounts and the names of the databases say.
+# Who owns the databases of a host: first by the settings of sites that open them, then by
+# their accounts and names.
 use strict;
 use warnings;
 use FindBin;
@@ -91,7 +91,7 @@ my $assignment = once(sub {
     return { databases => $databases, problems => $problems, of => \%assigned };
 });
 
-sub told {
+sub owner_of {
     my ($name) = @_;
     return join ' ', map { defined $_ ? $_ : '-' } @{ $assignment->()->{of}{$name} }{qw(client sure site)};
 }
@@ -106,31 +106,31 @@ test 'All servers are listed' => sub {
         'all servers are listed';
 };
 
-test 'Databases belong to those whose settings, accounts or names say so' => sub {
+test 'The owner of a database is found by settings, accounts or names' => sub {
     my %assigned = %{ $assignment->()->{of} };
     my %expected = (
         'mysql alice_shop' => 'alice certain shop.test',     # the settings open it
         'mysql second'     => 'alice likely -',              # the same user
         'mysql stale'      => '- - -',                       # settings with a wrong password
         'mysql foreign'    => '- - -',                       # settings whose user may not use it
-        'mysql loose'      => 'alice guess shop.test',       # settings, and nobody has grants
+        'mysql loose'      => 'alice guess shop.test',       # settings, without grants
         'mysql unread'     => 'alice likely shop.test',      # settings whose password cannot be checked
         'mysql named'      => 'bob likely solo.test',        # the user is called as the client
         'mysql bob_things' => 'bob guess solo.test',         # the name is like that of the client
         'mysql solo_test'  => 'bob guess solo.test',         # the name is like that of the site
         'mysql both'       => 'carol likely big-shop.test',  # two clients open it
         'mysql by_admin'   => 'alice certain shop.test',     # settings with an account of the whole server
-        'mysql lost'       => '- - -',                       # nothing tells
+        'mysql lost'       => '- - -',                       # nothing indicates it
         'mysql victim'     => 'carol likely big-shop.test',  # others' settings with a guessed password
         'mysql big-shop.test'   => 'carol guess big-shop.test',
         'postgresql forum'      => 'dave certain forum.test',
         'postgresql alice_shop' => 'alice guess -',          # of the same name on another server
     );
-    is told($_), $expected{$_}, "$_ belongs to: $expected{$_}" for sort keys %expected;
+    is owner_of($_), $expected{$_}, "$_ belongs to: $expected{$_}" for sort keys %expected;
     is_deeply [sort keys %assigned], [sort keys %expected], 'there are no other databases';
     is $assigned{'mysql alice_shop'}{because},
         '/mnt/sites/shop.test/wp-config.php (WordPress) of shop.test names it,'
-        . ' and the user and the password there open it', 'the assignment tells why';
+        . ' and the user and the password there open it', 'the assignment gives the reason';
 };
 
 test 'What is doubtful about a database is named' => sub {

@@ -1,4 +1,4 @@
-# Going into a directory leads to the one that was meant, whatever others put in its way meanwhile.
+# The directory that is entered is the one that was named, whatever other accounts put in its place meanwhile.
 use strict;
 use warnings;
 use FindBin;
@@ -40,10 +40,10 @@ test 'A directory is entered if it is there' => sub {
     leave();
 };
 
-test 'A link on the way is refused' => sub {
+test 'A link in the path is refused' => sub {
     my $top = laid_out();
     symlink 'site', "$top/link" or die $!;
-    ok !enter($top, '/link/public') && $! == EACCES, 'a link on the way is refused';
+    ok !enter($top, '/link/public') && $! == EACCES, 'a link in the path is refused';
     leave();
 };
 

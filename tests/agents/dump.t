@@ -21,18 +21,18 @@ test 'A dump of everything describes all that there is' => sub {
     is found('string(/dumping-status/@done)', "$dir/dumping-status.xml"), scalar @EVERYTHING, 'with all of them';
     is_deeply values_of('//client/@name'), [qw(alice bob root)], 'all owners of sites are clients';
     is found('string(//domain[@name="whole.test"]/site/php/@listen)'), 'unix:/var/run/php/whole.sock',
-        'a site with PHP tells where its web server reaches it';
+        'a site with PHP says at which address its web server reaches PHP';
     is_deeply values_of('/dump/reseller[@name="big"]/client/@name'), ['bob'], 'one of them in its reseller';
     is_deeply values_of('//client[@name="alice"]/domain/@name'), [qw(a.test b.test)], 'with their domains';
     is_deeply values_of('//domain[@name="a.test"]/mailbox/@address'), ['info@a.test'], 'which have their mailboxes';
     is_deeply values_of('//client[@name="bob"]/mailbox/@address'), ['bob'], "an account's own mail is the client's";
     is_deeply values_of('/dump/unassigned/domain/mailbox/@address'), ['x@only-mail.test'],
-        "mail of nobody's domain is not lost";
+        'mail of a domain without an owner is not lost';
     is found('count(//site[block/directive[@name="server"]/directive[@name="root"]])'), found('count(//site)'),
         'sites have the blocks that they are made of';
     is found('string(/dump/web-configuration[@name="nginx"]/@file)'), '/etc/nginx/nginx.conf', 'and the host has the rest';
-    is found('string(//admin-info/@mail)'), 'admin@a.test', 'the administrator is told';
-    is found('string(//client[@name="alice"]/cron)'), 'run this', 'jobs are told';
+    is found('string(//admin-info/@mail)'), 'admin@a.test', 'the administrator is named';
+    is found('string(//client[@name="alice"]/cron)'), 'run this', 'jobs are listed';
     is found('string(//client[@name="bob"]/cron/@when)'), '@daily', "so are those of the system's tables";
 };
 
@@ -56,7 +56,7 @@ test 'Each archive has what belongs to its object' => sub {
         [qw(content/sites/a.test.tar.gz content/sites/b.test.tar.gz)], 'and both have it';
     is_deeply members('content/sites/c.test.tar.gz'),
         [qw(./etc/nginx/sites-available/c ./etc/nginx/sites-enabled/c ./srv/current ./srv/releases/5/web/index.html)],
-        'links on the way are packed with what they lead to';
+        'links in the path are packed with what they lead to';
     is_deeply members('content/clients/alice.tar.gz'),
         [qw(./etc/systemd/system/shop.service ./etc/systemd/system/shop.timer ./home/alice/app/config.php
             ./var/spool/cron/crontabs/alice)],
@@ -97,7 +97,7 @@ test 'The accounts that must be there before anything is unpacked are described'
     is_deeply values_of('//client[@name="alice"]/group/@name'), [qw(adm team)], 'clients have their further groups';
     is_deeply values_of('/dump/accounts/group/@name'), [qw(adm alice bob root team)],
         'groups of files, of accounts and of persons are described';
-    is problem_of('accounts', 'Passwords of alice, root are in no archive'), 'info', 'whose passwords are not moved is told';
+    is problem_of('accounts', 'Passwords of alice, root are in no archive'), 'info', 'accounts whose passwords are not moved are named';
     is found('string(/dump/accounts/group[@name="team"]/@gid)'), 32000, 'with their numbers';
     is found('string(/dump/accounts/group[@name="team"]/member[2])'), 'bob', 'and members';
 };
@@ -178,7 +178,7 @@ test 'A file system of the kernel in a home is left out' => sub {
 test 'A home of another account is left out' => sub {
     chown 0, 0, $tree->path('/home/bob') or die $!;
     dumped('bob', '--dump-clients=-');
-    is_deeply members('content/clients/bob.tar.gz'), ['./etc/cron.d/app'], "a home that is somebody else's is not packed";
+    is_deeply members('content/clients/bob.tar.gz'), ['./etc/cron.d/app'], 'a home that another account owns is not packed';
     is problem_of('bob', 'The home /home/bob belongs to root'), 'error', 'and named';
     chown $BOB, $BOB, $tree->path('/home/bob') or die $!;
 };

@@ -1,4 +1,4 @@
-# Dumps after another, at the same time, and such as do not end as they should.
+# Dumps one after the other, at the same time, and dumps that are interrupted.
 use strict;
 use warnings;
 use FindBin;
@@ -71,11 +71,11 @@ test 'A second dump at the same time is refused' => sub {
 test 'There is no list of a dump that was not completed' => sub {
     Agent::Kept->new($private)->begin;
     ok !eval { Linux::ContentList::text_of($private); 1 }, 'there is no list of a dump that was not completed';
-    like $@, qr/no complete dump/, 'and it says so';
+    like $@, qr/no complete dump/, 'the error says this';
 };
 
-test 'A dump that is told to end leaves nothing half done' => sub {
-    # Without archives that could be taken over.
+test 'A dump that gets a termination signal leaves nothing incomplete' => sub {
+    # Without archives that could be reused.
     dumped('', '--no-content');
     my $child = fork;
     die $! if !defined $child;
@@ -90,7 +90,7 @@ test 'A dump that is told to end leaves nothing half done' => sub {
         POSIX::_exit($@ =~ /\AEnded by SIGTERM/ ? 7 : 1);
     }
     waitpid $child, 0;
-    is $? >> 8, 7, 'a dump that is told to end does so';
+    is $? >> 8, 7, 'a dump ends on a termination signal';
     is found('string(/dumping-status/@stage)', "$dir/dumping-status.xml"), 'failed', 'and says that it has failed';
     is_deeply [grep {/\.new\z/} @{ files() }], [], 'without leaving half an archive';
     ok !-e "$dir/dump.xml", 'or a dump';

@@ -61,10 +61,10 @@ test 'A site whose root was shared has it when it is dumped alone' => sub {
 
 test 'Only mail or only hosting leaves out the other' => sub {
     dumped('bob', '--dump-clients=-', '--only-mail');
-    is found('count(//site)'), 0, 'only mail tells nothing of sites';
+    is found('count(//site)'), 0, 'only mail has no sites';
     dumped('bob', '--dump-clients=-', '--only-hosting');
-    is found('count(//mailbox)'), 0, 'only hosting tells nothing of mailboxes';
-    is found('count(/dump/server | /dump/admin-info)'), 0, 'the host is told of only when asked for';
+    is found('count(//mailbox)'), 0, 'only hosting has no mailboxes';
+    is found('count(/dump/server | /dump/admin-info)'), 0, 'the host is described only when asked for';
 };
 
 test 'Archives can be without compression' => sub {

@@ -1,5 +1,5 @@
-# What others than root and the service accounts put where database servers are looked
-# for: it hides nothing, learns nothing and is not believed.
+# What other accounts than root and the service accounts put where the agent looks for database
+# servers: it hides no server, gets no secret and its answers are not used.
 use strict;
 use warnings;
 use FindBin;
@@ -19,15 +19,15 @@ use Time::HiRes ();
 
 my $SECRET = 'the-word-of-root';
 
-# A /tmp of our own, and nothing of what the packages have left on this machine.
+# A /tmp of the test's own, and none of the files that the packages have left on this machine.
 run(['mount', '-t', 'tmpfs', '-o', 'mode=1777', 'own', $_])->{status} and die "Cannot mount $_\n"
     for '/tmp', '/var/lib/mysql';
 unlink '/etc/postgresql', '/etc/mysql';
 mkdir $_ or die "$_: $!\n" for '/etc/sondrel', '/run/mysqld';
 chown((getpwnam 'mysql')[2, 3], '/run/mysqld') or die $!;
 
-# No server, and no settings but the agent's own: files that a server asks for are given, unless the agent
-# says otherwise.
+# No server, and no settings but the agent's own: files that a server asks for are sent, unless the agent
+# forbids it.
 sub begin_anew {
     my ($more_options) = @_;
     rmtree(['/etc/mysql', '/etc/postgresql']);
@@ -181,13 +181,13 @@ sub silent_server {
     };
 }
 
-test 'Servers of an account cost no time and are named once' => sub {
+test 'Servers of an account take no time and are named once' => sub {
     begin_anew();
         my @fakes = map { FakeServer->new(account => 'plain', path => "/tmp/.s.PGSQL.$_",
             talk => silent_server()) } 5401 .. 5420;
         my $began = Time::HiRes::time();
         my ($problems, @servers) = look('Linux::PostgreSql');
-        cmp_ok Time::HiRes::time() - $began, '<', 2, 'twenty servers of an account cost no time';
+        cmp_ok Time::HiRes::time() - $began, '<', 2, 'twenty servers of an account take no time';
         is_deeply [join('', map { $_->said } @fakes), scalar @servers], ['', 0], 'none of them is spoken to';
         is_deeply problem_texts($problems),
             ['error plain: The account has a PostgreSQL server of its own at /tmp/.s.PGSQL.5401,'
@@ -196,13 +196,13 @@ test 'Servers of an account cost no time and are named once' => sub {
             . ' not dumped. Dump those that are needed as this account, with pg_dump'], 'they are named once';
 };
 
-test 'Servers of the service account that hang take together what one may take' => sub {
+test 'Several servers of the service account that hang take no longer than one may' => sub {
     begin_anew();
         my @fakes = map { FakeServer->new(account => 'postgres', path => "/tmp/.s.PGSQL.$_",
             talk => silent_server()) } 5401 .. 5406;
         my $began = Time::HiRes::time();
         my ($problems, @servers) = look('Linux::PostgreSql');
-        cmp_ok Time::HiRes::time() - $began, '<', 6, 'servers that hang take together what one may take';
+        cmp_ok Time::HiRes::time() - $began, '<', 6, 'they take no longer together than one may';
         is_deeply [map { /no answer within [\d.]+ seconds/ ? 'no answer within N seconds'
             : $_ } @{ problem_texts($problems) }],
             [('no answer within N seconds') x 6], 'each is named';
@@ -230,7 +230,7 @@ test 'An account that takes the port of a server that is down is not spoken to' 
         'error PostgreSQL (port 5432): The server cannot be asked: it is not running, and the'
         . " server at /tmp/.s.PGSQL.5432 is not the host's", 'the server is not running for all that';
 
-    # And takes it after it was looked at.
+    # The other case: it takes the socket after the agent has looked at it.
     @$server{qw(directory owner)} = ('/tmp', [(getpwnam 'postgres')[2, 3]]);
     my (undef, $error) = $server->ask('SELECT 1');
     like $error, qr/requirepeer/, 'who takes it later is found out by the client';

@@ -1,4 +1,4 @@
-# What the name server, the signing of mail and FTP servers have.
+# The files of the name server, of the keys that sign mail, and of FTP servers.
 use strict;
 use warnings;
 use FindBin;

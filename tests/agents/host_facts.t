@@ -1,4 +1,4 @@
-# What is known of a host besides its sites: its facts, distribution, resellers and certificates.
+# What the agent finds on a host besides its sites: its facts, distribution, resellers and certificates.
 use strict;
 use warnings;
 use FindBin;
@@ -12,7 +12,7 @@ use Linux::System;
 use Linux::Tls;
 use Linux::Tree;
 
-test 'The host has its facts' => sub {
+test 'The facts of the host are found' => sub {
     my $facts = Linux::System::facts(Linux::Tree->new);
     ok $facts->{$_}, "the host has: $_" for qw(hostname kernel architecture processors perl);
     cmp_ok $facts->{memory}{total}, '>', 1 << 20, 'memory is given in bytes';
@@ -35,7 +35,7 @@ test 'Distributions are known, also old ones' => sub {
     is(Linux::System::distribution($other)->{family}, 'other', 'others are others');
 };
 
-test 'Accounts have their resellers' => sub {
+test 'The resellers of accounts are found' => sub {
     my ($tree, $problems) = imitated('etc/sondrel/resellers' => <<'END');
 # who sells for whom
 big: ann, bob
@@ -50,7 +50,7 @@ END
     is_deeply(Linux::Resellers::map_of($tree, $problems), {}, 'without the file there are none');
 };
 
-test 'A certificate has its facts' => sub {
+test 'The facts of a certificate are found' => sub {
     my ($tree) = imitated('etc/ssl/bad.pem' => "no certificate\n", 'etc/ssl/here' => '');
     my $made = run(['openssl', 'req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:prime256v1',
         '-nodes',

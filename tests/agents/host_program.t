@@ -1,4 +1,4 @@
-# Which programs of the host are asked: only those that no other account than root can change.
+# Which programs of the host the agent runs: only those that no other account than root can change.
 use strict;
 use warnings;
 use FindBin;
@@ -32,13 +32,13 @@ test 'A program of root is asked' => sub {
     like program('sh'), qr{\A/(?:usr/)?bin/sh\z}, 'programs are found by their names';
 };
 
-test 'A program is not found where the environment says' => sub {
+test 'The environment does not decide where programs are found' => sub {
         local $ENV{PATH} = "$directory/bin";
         is program('say'), undef, 'but not where the environment says';
 };
 
-# Each of these lets another account put something else in the place of the program.
-my @ways = (
+# Each of these lets another account replace the program.
+my @cases = (
     ['another account owns it', sub { chown 1234, 0, $program }, sub { chown 0, 0, $program }],
     ['a group may write it', sub { chmod 0775, $program }, sub { chmod 0755, $program }],
     ['all may write it', sub { chmod 0757, $program }, sub { chmod 0755, $program }],
@@ -49,8 +49,8 @@ my @ways = (
     ['a group may write a directory above', sub { chmod 0775, $directory }, sub { chmod 0755, $directory }],
     ['it is not executable', sub { chmod 0644, $program }, sub { chmod 0755, $program }],
 );
-for my $way (@ways) {
-    my ($what, $do, $undo) = @$way;
+for my $case (@cases) {
+    my ($what, $do, $undo) = @$case;
     test "A program is not asked where $what" => sub {
         $do->() or die $!;
         my $said = asked(0);

@@ -1,4 +1,4 @@
-# Files that the owners of sites write take no long time to read, whatever is in them.
+# Files that the owners of sites write are read in a short time, whatever is in them.
 use strict;
 use warnings;
 use FindBin;
@@ -10,9 +10,9 @@ use Imitated qw(imitated problem_texts);
 use Linux::Applications;
 use Linux::Sites;
 
-# As long as a file of settings may be.
+# The most bytes that a file of settings may have.
 my $LONG = 262_000;
-# Seconds of the processor, however busy the machine is. Patterns that go back and forth would take minutes.
+# Seconds of the processor, however busy the machine is. Patterns that backtrack would take minutes.
 my $MOST_SECONDS = 20;
 
 my %TEXTS = (
@@ -34,7 +34,7 @@ my %TEXTS = (
     'keys without end' => '<?php $a' . '["x"]' x ($LONG / 5) . '=1;',
 );
 
-# Calls in a process of its own, which must not take longer and say nothing.
+# Calls in a process of its own, which must not take longer and must print nothing.
 sub in_time {
     my ($code, $what) = @_;
     my $pid = fork;

@@ -32,9 +32,9 @@ test 'An answer is read in pieces of any size' => sub {
         ['a body of a length', "${ok}Content-Length: 5\r\n\r\nhello, and more", told(1, 'hello')],
         ['one to the end', "HTTP/1.0 200\r\n\r\nhello", told(1, 'hello')],
         ['one in chunks', "${ok}Transfer-Encoding: chunked\r\n\r\n3;x=y\r\nhel\r\n002\r\nlo\r\n0\r\nTrailer: x\r\n\r\n", told(1, 'hello')],
-        ['a word before it', "HTTP/1.1 103 Early\r\nLink: x\r\n\r\n${ok}Content-Length: 1\r\n\r\nx",
+        ['an interim one before it', "HTTP/1.1 103 Early\r\nLink: x\r\n\r\n${ok}Content-Length: 1\r\n\r\nx",
             told(1, 'x')],
-        ['lines that end otherwise', "HTTP/1.1 200 OK\nContent-Length: 1\n\nx", told(1, 'x')],
+        ['lines that end without a carriage return', "HTTP/1.1 200 OK\nContent-Length: 1\n\nx", told(1, 'x')],
         ['none at all', "HTTP/1.1 204 No\r\n\r\n", '204 1 0 ' . md5_hex('')],
         ['one that is cut', "${ok}Content-Length: 9\r\n\r\nhello", told(0, 'hello')],
         ['chunks that are cut', "${ok}Transfer-Encoding: chunked\r\n\r\n9\r\nhello", told(0, 'hello')],
@@ -58,13 +58,13 @@ test 'An answer is read in pieces of any size' => sub {
     is read_as(65536, "${ok}Content-Length: " . 2 * $MOST . "\r\n\r\n" . 'x' x (2 * $MOST)),
         told(0, 'x' x $MOST), 'whatever its length';
     is read_as(65536, "$ok\r\n" . 'x' x $MOST), told(1, 'x' x $MOST), 'one of just that length is whole';
-    is read_as(65536, "$ok\r\nhel", 0), told(0, 'hel'), 'one that did not come to its end is not';
+    is read_as(65536, "$ok\r\nhel", 0), told(0, 'hel'), 'one without its end is not';
     {
         my $answer = Linux::HttpAnswer->new;
         my ($sent, $enough) = (0, 0);
         $enough = $answer->take("HTTP/1.1 100 Go on\r\nX: " . 'y' x 1000 . "\r\n\r\n") while !$enough
             && $sent++ < 20_000;
-        cmp_ok $sent, '<', 20_000, 'words before an answer have an end';
+        cmp_ok $sent, '<', 20_000, 'headers before an answer are limited';
     }
 };
 

@@ -7,7 +7,7 @@ use Linux::Idn;
 use Test::More;
 use Independent;
 
-test 'A name of ASCII is in lower case and else as it is' => sub {
+test 'A name of ASCII is changed to lower case only' => sub {
     is_deeply [Linux::Idn::forms('Plain.Example')], ['plain.example'],
         'a plain name is as it is, in lower case';
     is_deeply [Linux::Idn::forms('XN--BCHER-KVA.example')], ['xn--bcher-kva.example'],

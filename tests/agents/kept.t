@@ -29,7 +29,7 @@ sub made {
 
 sub again { return Agent::Kept->new($private) }
 
-# What is kept of a dump that has two archives and goes on.
+# The record of a dump that runs and has made two archives.
 sub two_archives {
     begin_anew();
     my $kept = again();
@@ -49,25 +49,26 @@ test 'An archive is remembered at once' => sub {
     is again()->find('content/a')->{fingerprint}, 'f1', 'an archive is remembered at once';
     ok !again()->complete, 'before the dump is complete';
     $kept->add(made('content/a', 'aaaa'), 'f3');
-    is again()->find('content/a')->{fingerprint}, 'f3', 'the last word on it counts';
+    is again()->find('content/a')->{fingerprint}, 'f3', 'the last record of it counts';
     ok !defined again()->find('content/c'), 'others are not known';
 };
 
-test 'Half a line is no archive' => sub {
+test 'An incomplete line is not taken for an archive' => sub {
     two_archives();
     open my $state, '>>', "$dir/state" or die $!;
     print $state "archive\tcontent/c\t3";
     close $state;
     $private->replace('content/c', 'ccc');
-    is_deeply [map { $_->{name} } again()->all], [qw(content/a content/b)], 'half a line is no archive';
+    is_deeply [map { $_->{name} } again()->all], [qw(content/a content/b)],
+        'an incomplete line is not taken for an archive';
 };
 
-test 'A dump is complete when it says so, until it changes or another begins' => sub {
+test 'A dump is complete once it is finished, until it changes or another begins' => sub {
     my $kept = two_archives();
     $kept->retain('content', 'content/a');
     is_deeply [$private->files_below('content')], ['content/a'], 'what is not wanted is removed';
     $kept->finish;
-    ok again()->complete, 'a dump is complete when it says so';
+    ok again()->complete, 'a dump is complete once it is finished';
     is_deeply [map { $_->{name} } again()->all], ['content/a'], 'with what is left';
     utime 1, 1, "$dir/content/a" or die $!;
     ok !defined again()->find('content/a'), 'an archive that was changed is not taken for the same';
@@ -102,7 +103,7 @@ test 'The status stays as it was while the disk is full' => sub {
     $problems->add(severity => 'error', object => 'x', text => 'y');
     $status->set(stage => 'document', done => 5);
     is shown($small, 'stage'), 'content', 'the old status stays while the disk is full';
-    ok !eval { $status->write; 1 }, 'and who must know is told';
+    ok !eval { $status->write; 1 }, 'and the caller gets an error';
     ok !-e "$small/dumping-status.xml.new", 'with nothing left behind';
     close $filler;
     unlink "$small/filler" or die $!;

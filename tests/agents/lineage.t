@@ -65,7 +65,7 @@ test 'What dehydrated keeps of a certificate is found' => sub {
         ['/var/lib/dehydrated/certs/f.test', '/var/lib/dehydrated/accounts'], 'so is dehydrated';
 };
 
-test 'Other files have no lineage' => sub {
+test 'Other files belong to no such program' => sub {
     is_deeply paths_of('/etc/ssl/certs/plain.pem', undef, '/absent', 'relative'), [], 'other files have none';
 };
 

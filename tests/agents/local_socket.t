@@ -1,5 +1,5 @@
-# Which servers behind a socket count: those that nobody but root and a service account
-# could have put there.
+# Which servers behind a socket count: those that only root or a service account could have
+# put there.
 use strict;
 use warnings;
 use FindBin;
@@ -14,12 +14,12 @@ my @MYSQL = (getpwnam 'mysql')[2, 3];
 my @PLAIN = (getpwnam 'plain')[2, 3];
 my $number = 0;
 
-# What is said of a server of an account, in a directory of an owner with a mode.
+# What is found of a server of an account, in a directory with this owner and mode.
 sub look {
     my ($account, $owner, $mode, $change) = @_;
     my $directory = '/mnt/case' . ++$number;
     mkdir $directory or die $!;
-    # While the server makes its socket, it may write there.
+    # The server may write there until it has made its socket.
     chmod 0777, $directory or die $!;
     my $server = FakeServer->new(account => $account, path => "$directory/socket");
     chown @$owner, $directory or die $!;
@@ -72,7 +72,7 @@ test 'All directories above a socket are looked at' => sub {
     $inner->stop;
     is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL),
         { state => 'none', why => 'Connection refused',
-        left_over => 1 }, 'a socket that the service account has left is told from others';
+        left_over => 1 }, 'a socket that the service account has left is distinguished from others';
     is_deeply look_at_socket('/mnt/outer/inner/missing', \@MYSQL),
         { state => 'none', why => 'No such file or directory' },
         'neither is one that is missing';
@@ -81,7 +81,7 @@ test 'All directories above a socket are looked at' => sub {
     is look_at_socket('/mnt/outer/' . 'x' x 200, \@MYSQL)->{state}, 'none', 'nor a path that is too long';
 };
 
-# Servers that take no connections cost no time when they are of others, and little otherwise.
+# Servers that accept no connections take no time if they are of other accounts, and little otherwise.
 sub busy {
     my ($account, $path) = @_;
     my $server = FakeServer->new(account => $account, path => $path, queue => 1);
@@ -95,7 +95,7 @@ sub busy {
     return [$server, @waiting];
 }
 
-test 'Servers that take no connections cost little time' => sub {
+test 'Servers that accept no connections take little time' => sub {
     mkdir '/mnt/busy' or die $!;
     chmod 01777, '/mnt/busy' or die $!;
     my @busy = map { busy('plain', "/mnt/busy/$_") } 1 .. 20;
@@ -103,7 +103,7 @@ test 'Servers that take no connections cost little time' => sub {
     is_deeply look_at_socket("/mnt/busy/$_", \@MYSQL), { state => 'foreign', uid => $PLAIN[0] },
         "busy server $_ of another account"
         for 1 .. 20;
-    cmp_ok Time::HiRes::time() - $began, '<', 1.5, 'nobody waits for them';
+    cmp_ok Time::HiRes::time() - $began, '<', 1.5, 'the agent does not wait for them';
     push @busy, busy('mysql', '/mnt/busy/own');
     is_deeply look_at_socket('/mnt/busy/own', \@MYSQL), { state => 'none', why => 'it takes no connections',
         left_over => 1 },

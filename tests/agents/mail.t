@@ -72,7 +72,7 @@ test 'Maildirs may be where the files of accounts are' => sub {
         'error /var/mail/stranger: Is named like no account and is not in the dump: copy it by hand if it is'
             . ' a mailbox that'
             . ' is still needed',
-    ], 'what is nobody\'s is told' or diag explain $problems;
+    ], 'a mailbox without an owner is named' or diag explain $problems;
 };
 
 test 'The directory of all mailboxes is searched for those that no map in a file names' => sub {
@@ -224,7 +224,7 @@ test 'No mailbox is found twice' => sub {
     is_deeply $same, { 'info@a.test' => '/var/vmail/a.test/info' }, 'no mailbox is found twice';
 };
 
-# { address => what lies beside it }
+# { address => the files beside it }
 sub besides {
     my (undef, undef, @found) = found(@_);
     return { map { $_->{address} => [sort @{ $_->{besides} }] } @found };
@@ -238,7 +238,7 @@ test 'Scripts in the home of an account belong to its mail' => sub {
         'scripts in the home of an account belong to its mail, and nothing else there';
 };
 
-test 'The home of a user that has it for mail only belongs to the mail' => sub {
+test 'A home that a user has only for mail belongs to the mailbox' => sub {
     is_deeply besides(maildir('var/vmail/a.test/info/Maildir'), 'var/vmail/a.test/info/.dovecot.sieve' => 'x',
         maildir('var/vmail/a.test/sales')), { 'info@a.test' => ['/var/vmail/a.test/info'],
         'sales@a.test' => [] },
@@ -260,7 +260,7 @@ test 'Lists and scripts may have places of their own' => sub {
         'lists and scripts may have places of their own';
 };
 
-# Settings as Dovecot 2.4 writes them.
+# Settings in the syntax of Dovecot 2.4.
 my $NEW = <<'END';
 dovecot_config_version = 2.4.0
 mail_driver = maildir
@@ -331,7 +331,7 @@ test 'NIS is a problem only where there is one' => sub {
         'but is where there is';
 };
 
-test 'Virtual aliases that are asked elsewhere are named' => sub {
+test 'Virtual aliases that another server is asked for are named' => sub {
     my $problems;
     for my $case (['mysql', 'warning'], ['ldap', 'error'], ['socketmap', 'error']) {
         my ($type, $severity) = @$case;
@@ -368,7 +368,7 @@ test 'Users that only a running Dovecot knows are named' => sub {
         'and users that only a running Dovecot knows';
 };
 
-test 'A mailbox belongs to whom its domain or its directory belongs' => sub {
+test 'A mailbox belongs to the owner of its domain or of its directory' => sub {
     my @sites = ({ name => 'a.test', names => ['www.a.test', 'A.test'], owner => 'alice' },
         { name => 'shop.b.test', names => ['shop.b.test'], owner => 'bob' },
         { name => 'root.test', names => ['root.test'], owner => undef });

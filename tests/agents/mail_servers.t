@@ -1,5 +1,5 @@
-# Mail servers as they are installed: what is found is what Postfix and Dovecot say, and what is
-# packed is mail that Dovecot reads again.
+# Mail servers as installed: the agent finds what Postfix and Dovecot report, and packs mail that
+# Dovecot can read after it was unpacked.
 use strict;
 use warnings;
 use FindBin;
@@ -45,7 +45,7 @@ sub own_directories {
         unlink "/etc/$server" or die "/etc/$server: $!\n";
         ran(['cp', '-a', "/mnt/etc.orig/$server", "/etc/$server"]);
     }
-    # Nothing of the machine's mail is looked at.
+    # The machine's own mail is not read.
     ran(['mount', '-t', 'tmpfs', 'own', $_]) for qw(/var/mail /home);
     open my $accounts, '>>', '/etc/passwd' or die $!;
     print $accounts "vmail:x:${VMAIL}:${VMAIL}::/mnt/mail:/bin/false\nalice:x:31001:31001::/home/alice:/bin/sh\n";
@@ -170,7 +170,7 @@ my $set_up = once(sub {
     return 1;
 });
 
-# What is known of the mail while Dovecot runs, and a dump of it.
+# What the agent finds of the mail while Dovecot runs, and a dump of it.
 my $dumped = once(sub {
     $set_up->();
     my ($mail, $problems);
@@ -259,7 +259,7 @@ test 'A description of mail has what a new host needs and no password' => sub {
 
 test 'Unpacked mail is read by Dovecot' => sub {
     my $private = $dumped->()->{private};
-    # Over what is there, for as long as this test.
+    # Mounted over the files that are there, until this test ends.
     my @places = qw(/mnt/mail /mnt/control /mnt/index);
     ran(['mount', '-t', 'tmpfs', '-o', 'mode=755', 'own', $_]) for @places;
     chown $VMAIL, $VMAIL, '/mnt/mail' or die $!;

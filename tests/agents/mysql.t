@@ -1,4 +1,4 @@
-# The MariaDB server of a host: what it holds is listed, dumped whole and made anew.
+# The MariaDB server of a host: its databases are listed, dumped whole and restored.
 use strict;
 use warnings;
 use FindBin;
@@ -143,10 +143,11 @@ test 'A database is described with what a restore needs to know' => sub {
     is_deeply [map {"$_->{kind} $_->{object} $_->{name}\@$_->{host} $_->{known}"} @{ $details->{definers} }], [
         'event daily root@localhost 0', 'function of_admin admin@% 0', 'function twice root@localhost 0',
         'procedure count_them shop@% 1', 'trigger mark root@localhost 0', 'view broken root@localhost 0',
-        'view cheap root@localhost 0', 'view seen_by_admin admin@% 0'], 'what runs as which account is told';
+        'view cheap root@localhost 0', 'view seen_by_admin admin@% 0'],
+        'it is listed what runs as which account';
 };
 
-test 'What does not come along with a dump is named' => sub {
+test 'What is not in a dump is named' => sub {
     my $problems = $dumps->()->{problems};
     is_deeply problem_texts($problems), [
         'warning MariaDB database shop: The view broken cannot be read and stays out: ERROR 1356 (HY000) at'
@@ -162,7 +163,7 @@ test 'What does not come along with a dump is named' => sub {
         'warning MariaDB database shop: The account `shop`@`%` loses its server-wide rights. Give it those'
             . ' anew that it needs:'
             . ' FILE',
-    ], 'what does not come along is named';
+    ], 'what is not in the dump is named';
     my ($server, $databases) = looked();
     my $sql = dumped($server, $databases->{shop});
     is dumped((look())[1], $databases->{shop}), $sql, 'a second dump is equal';
@@ -199,7 +200,7 @@ test 'A second server with the dumps answers as the first one' => sub {
     );
     is $target->sql("$_;"), $source->sql("$_;"), "equal: $_" for @questions;
     (my $without = $source->sql("SHOW GRANTS FOR 'shop'\@'%'")) =~ s/GRANT FILE/GRANT USAGE/;
-    is $target->sql("SHOW GRANTS FOR 'shop'\@'%'"), $without, 'server-wide rights stay behind';
+    is $target->sql("SHOW GRANTS FOR 'shop'\@'%'"), $without, 'server-wide rights are not restored';
     $target->stop;
 };
 
@@ -214,13 +215,13 @@ test 'What is written while a dump runs is not in it' => sub {
     my ($error, $dumped, $written) = dump_while_written($server, \%long, qr/row-1\b/,
         sub { $source->sql('DELETE FROM a; INSERT INTO z VALUES ("row-too-late")', 'long') });
     is $error, undef, 'a long dump is whole';
-    is $written, 1, 'somebody wrote while it ran';
+    is $written, 1, 'rows were written while it ran';
     is scalar(() = $dumped =~ /row-[0-9]+/g), $rows, 'the rows of a dump are those of its beginning';
     unlike $dumped, qr/row-too-late/, 'in all tables';
     $source->sql('DROP DATABASE `long`');
 };
 
-test 'A damaged table is named and the others are dumped all the same' => sub {
+test 'A damaged table is named and the others are dumped' => sub {
     my $source = $source_server->();
     $source->sql("CREATE DATABASE harmed; USE harmed; CREATE TABLE orders (id INT); INSERT INTO orders"
         . " VALUES (1);"
@@ -306,7 +307,7 @@ END
         'it dumps its database with its grants';
     like $result->{out}, qr/^CREATE USER IF NOT EXISTS `shop`\@`%` IDENTIFIED/m,
         'its own account is in the dump';
-    is $result->{err}, '', 'without a word about what it may not do';
+    is $result->{err}, '', 'without an error about what it may not do';
 };
 
 test 'A dump that is cut off is no dump' => sub {

@@ -1,6 +1,6 @@
-# What is particular to MySQL 8: roles are accounts, and those that are on from the login
-# stand in the statement that makes an account. Debian has no such server, so programs that
-# answer as its documentation says take the place of its clients.
+# What differs in MySQL 8: roles are accounts, and the default roles are in the statement that
+# creates an account. Debian has no such server, so programs that answer as its documentation
+# says replace its clients.
 use strict;
 use warnings;
 use FindBin;
@@ -84,7 +84,7 @@ my %answers = (
     'SHOW GLOBAL VARIABLES' => ["lower_case_table_names\t0",
         "sql_mode\tONLY_FULL_GROUP_BY,STRICT_TRANS_TABLES"],
 );
-# As lines of hexadecimal words, which no quoting can spoil.
+# As lines of hexadecimal words, which need no quoting.
 sub write_answers {
     open my $file, '>', '/mnt/answers' or die $!;
     print {$file} map { join(' ', map { unpack 'H*', $_ } $_, map {"$_\n"} @{ $answers{$_} })
@@ -135,7 +135,7 @@ test 'Databases have the accounts of their roles' => sub {
         . ' `backup`@`localhost`. Make those on the new host that something logs in as'], 'accounts of the whole server are named';
 };
 
-test 'Roles are made and then given and then on from the login' => sub {
+test 'Roles are created, then granted, then made default roles' => sub {
     my ($server, $problems, %databases) = (@{ $looked->() }{qw(server problems)}, %{ $looked->()->{databases} });
     is dumped($server, $databases{shop}), <<'EOF', 'roles are made, then given, then on from the login';
 -- Accounts of the database shop
@@ -156,11 +156,11 @@ EOF
         . ' those anew that it needs: BACKUP_ADMIN' } @{ problem_texts($problems) }), 1, 'rights on the whole server are named';
 };
 
-test 'An account whose grants the server does not tell is missing' => sub {
+test 'An account whose grants the server does not show is missing' => sub {
     my ($server, $problems, %databases) = (@{ $looked->() }{qw(server problems)}, %{ $looked->()->{databases} });
     dumped($server, $databases{stock});
     like join("\n", @{ problem_texts($problems) }), qr/^error MySQL database stock: The account `audit`\@`%` and its grants are/m,
-        'an account whose grants the server does not tell is missing';
+        'an account whose grants the server does not show is missing';
 };
 
 test 'An account that is given to others is a role' => sub {
@@ -171,17 +171,18 @@ test 'An account that is given to others is a role' => sub {
         { name => 'shop_rw', host => '%', kind => 'role', authentication => undef }], 'an account that is given to others is a role';
     is_deeply $details->{memberships}, [{ role => 'shop_rw', 'role-host' => '%', to => 'app', host => 'localhost', grantable => 0,
         default => 1 }, { role => 'shop_rw', 'role-host' => '%', to => 'boss', host => '%', grantable => 1, default => 0 }],
-        'who is in it is told';
+        'its members are listed';
 };
 
-test 'Each command leads to the socket and gives nothing away' => sub {
+test 'Each command connects to the socket and sends no password or file' => sub {
     my ($server, %databases) = ($looked->()->{server}, %{ $looked->()->{databases} });
     dumped($server, $databases{shop});
     open my $file, '<', '/mnt/arguments' or die $!;
     my @commands = readline $file;
     my $to = '--protocol=socket --host=localhost --socket=/run/mysqld/mysqld.sock --plugin-dir=/dev/null'
         . ' --skip-enable-cleartext-plugin --local-infile=0 ';
-    is_deeply [grep { index($_, " $to") < 0 } @commands], [], 'each command leads to the socket, and gives nothing away';
+    is_deeply [grep { index($_, " $to") < 0 } @commands], [],
+        'each command connects to the socket and sends no password or file';
     cmp_ok scalar @commands, '>', 15, 'they are many';
     like join('', grep {/mariadb-dump/} @commands), qr/ --set-gtid-purged=OFF --column-statistics=0 /,
         'the program that dumps gets what MySQL 8 needs';

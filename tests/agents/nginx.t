@@ -182,7 +182,7 @@ END
     is_deeply $problems, ['warning ~^a{1,2}\.test$: Document root /srv/missing does not exist'], 'but named';
 };
 
-test 'Mistakes cost no site and are named' => sub {
+test 'A mistake in the configuration is named and loses no site' => sub {
     my ($sites, $problems) = sites_of("server { server_name ok.test; root /srv/ok; }\n", 'srv/ok/' => undef,
         'srv/b/' => undef, 'srv/c/' => undef, 'srv/d/' => undef, 'srv/e/' => undef,
         'etc/nginx/conf.d/b.conf' => "server {\n  root /srv/b\n  server_name b.test;\n}\n}\n",
@@ -211,7 +211,7 @@ test 'Directories of the system are no roots' => sub {
         'no site takes the whole system along';
     is_deeply $problems, ['error all.test: Document root / is a directory of the system and is left out',
         'error up.test: Document root /srv/link is a directory of the system and is left out'],
-            'but a problem says so';
+            'but a problem names it';
 };
 
 test 'The directory of the main location is the document root' => sub {
@@ -288,7 +288,7 @@ server { listen 443; server_name www.a.test a.test; location / { proxy_pass http
 END
     is_deeply { map { $_ => $sites->{$_}{names} } keys %$sites },
         { 'a.test' => ['a.test'], 'b.test' => ['b.test'], 'c.test' => ['c.test'], 'www.a.test' => ['www.a.test'] },
-        'names of one block are sites of their own where other blocks serve something else for them'
+        'names of one block are sites of their own if other blocks serve other files for them'
         or diag explain [map { $_->{names} } values %$sites];
     is_deeply [map { $_->{directive}{line} } @{ $sites->{'c.test'}{blocks} }], [4, 1],
         'the block that serves several of them is part of each';
@@ -305,7 +305,7 @@ test 'A system without nginx has no sites' => sub {
     is $problems->count('error'), 1, 'and a problem';
 };
 
-test 'What hands on connections is named and no site' => sub {
+test 'Servers that forward connections are named and are no sites' => sub {
     my ($tree, $problems) = imitated('etc/nginx/nginx.conf' => <<'END', 'srv/a/' => undef);
 http { server { server_name a.test; root /srv/a; } }
 stream {

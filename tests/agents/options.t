@@ -18,7 +18,7 @@ sub parse {
 sub refused {
     my ($why, $input, @arguments) = @_;
     ok !eval { parse($input, @arguments); 1 }, "refused: $why" or return;
-    unlike $@, qr/secret/, "$why: the input is not told";
+    unlike $@, qr/secret/, "$why: the input is not in the error";
 }
 
 test 'The status and the content list are asked for' => sub {

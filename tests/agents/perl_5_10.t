@@ -197,7 +197,7 @@ for my $file (files()) {
 }
 
 test 'The list of needed modules is complete' => sub {
-    # What is missing on a host is told only if it is in the list of what is needed.
+    # The agent reports a missing module only if the list of needed modules has it.
     my %used = map { modules_used_by($_) } files();
     require "$agents/shared/Agent/Perl.pm";
     is_deeply([sort grep { !/^(?:strict|warnings)\z/ } keys %used],

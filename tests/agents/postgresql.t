@@ -1,4 +1,4 @@
-# The PostgreSQL servers of a host: what they hold is listed, dumped whole and made anew.
+# The PostgreSQL servers of a host: their databases are listed, dumped whole and restored.
 use strict;
 use warnings;
 use FindBin;
@@ -104,7 +104,7 @@ test 'The databases of a server are found with their roles' => sub {
     my %databases = map { $_->{name} => $_ } $server->databases;
     is_deeply [sort keys %databases], [$awkward, qw(closed german latin pattern raw shop)],
         'all databases are found but its own';
-    is $databases{shop}{server}, 'PostgreSQL (port 5432)', 'a database tells its server';
+    is $databases{shop}{server}, 'PostgreSQL (port 5432)', 'a database names its server';
     cmp_ok $databases{shop}{bytes}, '>', 1_000_000, 'the size of a database is known';
     is_deeply [map { $_->{name} } @{ $databases{shop}{users} }],
         ['member', 'old "quoted" $role$', 'shop', 'team'],
@@ -124,7 +124,7 @@ test 'Passwords of roles are compared' => sub {
         . 'A' x 43
         . q{=' WHERE rolname = 'member'});
     is +(look())[1]->password_matches('member', 'pass'), undef,
-        'nobody counts to a number of rounds that is made up';
+        'a number of rounds that a role has made up is not used';
     $source->sql(q{UPDATE pg_authid SET rolpassword = NULL WHERE rolname = 'member'});
     is $server->password_matches('nobody', 'pass'), undef, 'nothing is known of a missing role';
 };
@@ -165,7 +165,7 @@ test 'A database is described with what a restore needs to know' => sub {
     ], 'rights are in parts, without those of owners';
     is_deeply $details->{definers}, [{ name => 'shop', kind => 'routine', object => 'public.as_shop',
         known => 1 }],
-        'what runs with the rights of its owner is told';
+        'what runs with the rights of its owner is listed';
     my %setting = map {@$_} @{ $details->{settings} };
     is_deeply [@setting{qw(TimeZone standard_conforming_strings)}], ['Asia/Tokyo', 'on'],
         'settings are those of the database';
@@ -174,7 +174,7 @@ test 'A database is described with what a restore needs to know' => sub {
         [qw(encoding owner)], 'what is closed is described from outside';
 };
 
-test 'What does not come along with a dump is named' => sub {
+test 'What is not in a dump is named' => sub {
     my $problems = $dumps->()->{problems};
     my ($server, $databases) = looked();
     my $loses = 'loses its server-wide rights. Give it those anew that it needs:';
@@ -247,13 +247,13 @@ test 'What is written while a dump runs is not in it' => sub {
     my ($error, $dumped, $written) = dump_while_written($server, \%long, qr/row-1\b/,
         sub { $source->sql('DELETE FROM a; INSERT INTO z VALUES ($$row-too-late$$)', 'long') });
     is $error, undef, 'a long dump is whole';
-    is $written, 1, 'somebody wrote while it ran';
+    is $written, 1, 'rows were written while it ran';
     is scalar(() = $dumped =~ /row-[0-9]+/g), $rows, 'the rows of a dump are those of its beginning';
     unlike $dumped, qr/row-too-late/, 'in all tables';
     $source->sql('DROP DATABASE long');
 };
 
-test 'A locked table holds a dump up for a limited time only' => sub {
+test 'A locked table delays a dump for a limited time only' => sub {
     $source_server->();
     my (undef, $databases) = looked();
         my @locked = (limit => 20, lock_milliseconds => 300);
@@ -266,7 +266,7 @@ test 'A locked table holds a dump up for a limited time only' => sub {
         $client->{in}->flush;
         is readline $client->{out}, "locked\n", 'a table is locked';
         my $until = time + 15;
-        # It would come to its end once the lock has gone.
+        # It would end once the lock is released.
     my $error = $patient->dump($databases->{shop}, sub { }, tick => sub { close delete $client->{in}
             if $client->{in} && time > $until });
         like $error, qr/timeout/, 'a dump does not wait for it for ever';
@@ -361,7 +361,7 @@ test 'A plain account asks as itself' => sub {
         'my $p = Agent::Problems->new; my ($s) = Linux::PostgreSql->found('
             . 'tree => Linux::Tree->new, problems => $p, limit => 20); print $_->{text}, "\n" for $p->all']);
     like $result->{out}, qr/\AThe server cannot be asked: .*role "nobody" does not exist/,
-        'a plain account is told what it misses';
+        'a plain account gets the reason';
 
     $source->sql('CREATE ROLE nobody LOGIN; GRANT shop TO nobody');
     $result = Agent::Process::run(['runuser', '-u', 'nobody', '--', $^X, (map {"-I$_"} @INC),

@@ -1,6 +1,5 @@
-# The directory of the agent: what it writes there is closed to others, and links that others put there are
-# not
-# followed.
+# The directory of the agent: what it writes there is closed to others, and links that others put there
+# are not followed.
 use strict;
 use warnings;
 use FindBin;
@@ -160,7 +159,7 @@ test 'A directory of another account is refused' => sub {
     like $refused, qr/belongs to another account/, "another account's directory is refused";
 };
 
-# What the code dies with as that user.
+# The error that the code dies with as that user.
 sub fork_as {
     my ($uid, $code) = @_;
     pipe my $from, my $to or die $!;

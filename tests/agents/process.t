@@ -10,7 +10,7 @@ use Agent::Process qw(run stream start finish which);
 
 sub perl_code { return [$^X, '-e', @_] }
 
-# Deadline instead of a fixed wait: true as soon as the condition holds.
+# Waits for a condition with a deadline: true as soon as it is met.
 sub becomes_true {
     my ($condition) = @_;
     my $deadline = Time::HiRes::time() + 10;
@@ -36,7 +36,7 @@ test 'A program gives its status, output and errors' => sub {
     my $missing = run(['no-such-program', 'x']);
     is $missing->{status}, 127, 'a missing program is status 127';
     is $missing->{err}, "no-such-program: not found\n", 'a missing program is named';
-    is run(perl_code('kill 9, $$'))->{status}, 128 + 9, 'a signal is told by the status';
+    is run(perl_code('kill 9, $$'))->{status}, 128 + 9, 'the status shows a signal';
 };
 
 test 'Long input and output flow both ways' => sub {
@@ -88,7 +88,7 @@ test 'A callback that dies ends the program' => sub {
         1;
     };
     ok $died, 'a callback that dies is heard';
-    is $@, "stop\n", 'with its own words';
+    is $@, "stop\n", 'with its own error';
     ok !kill(0, $pid_file_child), 'and the program is gone';
 };
 
@@ -99,7 +99,7 @@ test 'A callback comes at least every second' => sub {
     cmp_ok $count, '>=', 3, 'ticks come at least every second';
 };
 
-test 'All errors of a chain can be heard' => sub {
+test 'The errors of all programs of a chain are read' => sub {
     my $heard = '';
     stream([perl_code('print STDERR "a" x 40_000'), perl_code('print STDERR "b" x 40_000')],
         errors => sub { $heard .= $_[0] });

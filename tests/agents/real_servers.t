@@ -1,5 +1,5 @@
 # What is found in a configuration is what the real server makes of it: every name
-# is asked for a file that tells the directory that it came from.
+# is asked for a file that names the directory that it came from.
 use strict;
 use warnings;
 use FindBin;
@@ -252,7 +252,7 @@ sub php_settings {
     return { map { /\A(.*?)=(.*)\z/ ? ($1 => $2) : () } split /\n/, $answer };
 }
 
-# Compares the settings that a site is said to have with what PHP says.
+# Compares the settings that the agent has found for a site with those of PHP.
 sub settings_agree {
     my ($port, $dir, @sites) = @_;
     for my $site (grep { $_->{php} } @sites) {

@@ -10,7 +10,7 @@ use Test::More;
 use Independent;
 
 sub lay_out {
-    # Debian's rpm has its records in homes; those of systems that are made of its packages are here.
+    # Debian's rpm keeps its records in homes; systems that are made of its packages keep them here.
     my $home = $ENV{HOME} = tempdir(CLEANUP => 1);
     my ($tree) = imitated(
         'etc/passwd' => "root:x:0:0:root:/root:/bin/sh\n",

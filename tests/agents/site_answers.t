@@ -1,5 +1,5 @@
 # What the agent asks the web servers of its host for, and what it keeps of their answers: real servers, and
-# some that do anything but answer. All of it in a network of its own.
+# some that do not answer as they should. All of it in a network of its own.
 use strict;
 use warnings;
 
@@ -103,7 +103,7 @@ sub requests_in {
 sub with_nginx {
     my ($block) = @_;
     my $dir = $directory_of_servers->();
-    # What was asked is of this test.
+    # The log has the requests of this test only.
     write_file("$dir/asked", '');
     my @nginx = ('nginx', '-p', "$dir/", '-c', "$dir/nginx.conf", '-g', 'daemon off;');
     with_server(8080, \@nginx, sub { $block->({ map { $_->{name} => $_ } sites_of(\&Linux::Nginx::look) }) });
@@ -130,7 +130,7 @@ test 'Sites are asked by their names as a browser asks' => sub {
         is_deeply $problems, ["info gone.test: Was not asked for its pages, since no server of root's"
             . " listens at its addresses: what it answers"
             . ' cannot be compared with the new host. Dump again while it runs if you want that'],
-                'which is told';
+                'which is a problem';
         is requests_in("$dir/asked", 6), <<'END', 'what was sent is what a browser sends';
 http - a.test:8080 GET / -
 http - a.test:8080 GET /b.html -
@@ -170,7 +170,7 @@ test 'The settings of the agent say whether sites are asked' => sub {
             is @{ $site{'a.test'}{answers} || [] } ? 1 : 0, $expected, "$text is followed";
             like join('', @$problems),
                 length $problem ? qr{\Awarning /etc/sondrel/agent.conf: \Q$problem\E} : qr/\A\z/,
-                'with the right word about it';
+                'with the right problem';
         }
         write_file('/etc/sondrel/agent.conf', "ask-sites yes\n");
         chown +(getpwnam 'nobody')[2], -1, '/etc/sondrel/agent.conf';
@@ -267,7 +267,7 @@ sub flood {
     return;
 }
 
-# Until the other side goes away.
+# Until the other side closes the connection.
 sub listen_only {
     my ($connection) = @_;
     my $heard;
@@ -302,7 +302,8 @@ for my $case (
             like $answer ? join ' ', @$answer{qw(status whole size)} : 'none', $expected,
                 'what is kept of it is bounded';
             my $named = qr/\Awarning a.test: Asked for its pages, a.test at 127.0.0.1, port 8082, $problem.*: what it/;
-            like join('', @$problems), length $problem ? $named : qr/\A\z/, 'and what is wrong is told';
+            like join('', @$problems), length $problem ? $named : qr/\A\z/,
+                'and the problem names what is wrong';
         });
     };
 }
@@ -313,7 +314,7 @@ test 'A server of an ordinary account is not asked' => sub {
         like join('', @{ asked($site) }),
             qr/\Ainfo a.test: Was not asked for its pages, since no server of root's/,
             'a server of an ordinary account is not asked';
-        is_deeply $site->{answers}, [], 'and has no say';
+        is_deeply $site->{answers}, [], 'and gives no answers';
     });
 };
 
@@ -324,13 +325,13 @@ test 'No other host is asked and nothing is asked without time' => sub {
             'no address of another host is asked';
         $site = site(8082, "a.test\r\nX: y");
         is_deeply asked($site), [], 'a name that is none is not asked for';
-        is_deeply $site->{answers}, [], 'and is sent to nobody';
+        is_deeply $site->{answers}, [], 'and is sent to no server';
         local $Linux::SiteAnswers::LIMIT{all} = 0;
         is_deeply asked(map { site(8082, "$_.test") } 1 .. 5),
             ['info web servers: After 0 seconds 5 sites were not asked, or not for all of their pages,'
             . ' so that their answers cannot be compared with the new host: 1.test, 2.test, 3.test and 2'
                 . ' more'],
-                'what there was no time for is told';
+                'what there was no time for is named';
     }, '0.0.0.0');
 };
 

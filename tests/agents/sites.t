@@ -30,7 +30,7 @@ sub sites_in {
     return (\%sites, problem_texts($problems), $tree);
 }
 
-test 'Accounts have their facts' => sub {
+test 'The facts of accounts are found' => sub {
     my ($tree) = imitated('etc/passwd' => $PASSWD, 'etc/group' => $GROUP);
     my $users = Linux::Users->new($tree);
     is_deeply [map { $_->{name} } $users->all], [qw(root www-data ann ann2 bob cid nobody)],
@@ -43,7 +43,7 @@ test 'Accounts have their facts' => sub {
     is $users->name_of(4999), 4999, 'a number without an account stays';
     is_deeply [map { $users->is_system($_) } map { $users->by_name($_) } qw(root www-data nobody ann)], [1,
         1, 1, 0],
-        'accounts of services are told from those of persons';
+        'accounts of services are distinguished from those of persons';
     my ($old) = imitated('etc/passwd' => "joe:x:501:501::/home/joe:/bin/bash\n",
         'etc/login.defs' => "UID_MIN\t500\n");
     $users = Linux::Users->new($old);
@@ -271,14 +271,15 @@ END
     is_deeply [map { $_->{pool_user} } @php], [qw(ann ann)], 'a file that pools include is part of each of them';
     is_deeply $php[0]{settings}, { from_file => 1, by_admin => 2, by_request => 2, of_request => 1 },
         'requests change settings of the pool, a file in the document root what is not an administrator\'s' or diag explain $php[0]{settings};
-    is_deeply $php[0]{extensions}, [qw(curl gd opcache)], 'the extensions are those of the way that runs it';
+    is_deeply $php[0]{extensions}, [qw(curl gd opcache)],
+        'the extensions are those of the program that runs PHP';
     is_deeply $php[0]{env}, { PLACE => 'north; west', TMPDIR => '/tmp' }, 'the environment of a pool is known';
     is_deeply $sites->{'b.test'}{config}, [map {"/etc/$_"} qw(nginx/nginx.conf php/8.2/fpm/pool.d/all.conf
         php/8.2/fpm/of-all.inc)], 'and the files that make it are those of the site';
     is_deeply $problems, [], 'without a problem';
 };
 
-test 'A plain account finds what it may see, and the rest is named' => sub {
+test 'A plain account finds what it may read, and the rest is named' => sub {
     my ($tree, $problems) = imitated('etc/passwd' => $PASSWD, 'etc/nginx/nginx.conf' => <<'END',
 http {
     include sites/*;
@@ -333,7 +334,7 @@ test 'Thousands of sites are found in a short time' => sub {
     is $problems->count, 0, 'without a problem';
 };
 
-test 'What .htaccess says and the record does not is named' => sub {
+test 'What only .htaccess says is named' => sub {
     my ($tree, $problems) = imitated(
         'etc/passwd' => "ann:x:4711:4711::/home/ann:/bin/sh\n",
         'etc/apache2/apache2.conf' => join('', map {"<VirtualHost *:80>\nServerName $_.test\n"

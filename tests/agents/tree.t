@@ -1,5 +1,5 @@
-# The files of a system below a directory that takes the place of its root: links stay inside, and what
-# accounts put in the way is not followed.
+# The files of a system below a directory that serves as its root: links do not lead out of it, and links
+# that accounts put in a path are not followed.
 use strict;
 use warnings;
 use FindBin;
@@ -65,13 +65,14 @@ test 'Files and directories are read inside the root' => sub {
     cmp_ok $! + 0, '!=', 0, 'but an error';
 };
 
-test 'Files, directories and links are told apart' => sub {
+test 'Files, directories and links are distinguished' => sub {
     my (undef, $tree) = plain_system();
     ok $tree->exists('/srv/up'), 'what a link leads to exists';
     ok !$tree->exists('/srv/dangling'), 'what is not there does not';
     ok $tree->is_link('/srv/dangling'), 'a link is seen';
     is $tree->link_target('/srv/up'), '../../../../../../etc/passwd', 'its text is given';
-    ok $tree->is_dir('/srv/absolute') && !$tree->is_file('/srv/absolute'), 'directories are told from files';
+    ok $tree->is_dir('/srv/absolute') && !$tree->is_file('/srv/absolute'),
+        'directories are distinguished from files';
     ok $tree->is_file('/srv/chain') && !$tree->is_dir('/srv/chain'), 'and files from directories';
 };
 
@@ -147,13 +148,13 @@ test 'Links of an account lead to what is its own only' => sub {
     is_deeply [map {"$_->{path} $_->{owner} $_->{target}"} $tree->refused], [map {"/home/alice/$_"}
         "all $ALICE /", "config $ALICE ../bob/config.php", "directory $ALICE /root",
         "long $ALICE current/../../alice/../bob/config.php", "stolen $ALICE /root/key"],
-        'all of them are told'
+        'all of them are listed'
         or diag explain [$tree->refused];
     link "$root/srv/of-root", "$root/home/alice/second" or die $!;
     ok !defined $tree->read_file('/home/alice/second/key'), "a second name of root's link is of who made it";
 };
 
-# --- what is put in the way at the last moment ---
+# --- what is put in a path at the last moment ---
 
 sub put_while {
     my ($tree, $path, $change) = @_;

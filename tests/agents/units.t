@@ -85,7 +85,7 @@ test 'Each unit runs as an account and timers as what they start' => sub {
     }, 'each runs as an account, timers as what they start';
 };
 
-test 'It is known when timers run and which units are enabled or changed' => sub {
+test 'The times of timers and the changes of units are found' => sub {
     my ($units) = host_with_units();
     is_deeply $units->{'/etc/systemd/system/tidy.timer'}{when}, ['OnCalendar=daily', 'OnBootSec=5min'],
         'a timer says when; an empty value takes back those before it';
@@ -96,7 +96,7 @@ test 'It is known when timers run and which units are enabled or changed' => sub
         "a change of a package's unit counts";
 };
 
-test 'Only what root alone can write names further files to be packed' => sub {
+test 'Only files that root alone can write name further files to be packed' => sub {
         my $text = "[Service]\nEnvironmentFile=/etc/shadow\n";
         my ($tree, $problems) = imitated('etc/passwd' => $ACCOUNTS,
             map { ("etc/systemd/system/$_.service" => $text) }

@@ -87,7 +87,7 @@ END
     is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
     is uses_of('a.test'), 'log_format=of_a map=$source map=$http_x split_clients=$remote_addr'
         . ' limit_req_zone=$binary_remote_addr proxy_cache_path=/var/cache/a upstream=app',
-        'a server block comes with what it uses of "http", also by way of others';
+        'a server block comes with what it uses of "http", also through others';
     is uses_of('b.test'), '', 'and with nothing else';
     is found('string(//web-configuration/@uses)'), found('string(//directive[arg="main" and @name="log_format"]/@id)'),
         'what holds for all sites says what it uses';
@@ -100,11 +100,11 @@ END
     is found(qq{string(($in_a\[\@name="add_header"])[1]/arg[2])}), 'a "b" \ $variant', 'quotes are taken away';
     is found(qq{string($in_a\[\@name="return"]/arg[2])}), "it\"s\\ a\t", 'and backslashes where the server does it';
     is found(qq{string(($in_a\[\@name="add_header"])[2]/arg[2][\@encoded="percent"])}), '50%25 caf%E9',
-        'bytes that XML cannot hold are written by their numbers';
+        'bytes that XML does not allow are written as numbers';
     is found(qq{string($in_a\[\@name="content_by_lua_block"]/text)}),
         qq(\n        ngx.say("}") -- }\n        local x = [[ } ]] --[=[ } ]=]\n    ), 'another language is not touched';
-    is found(qq{string($in_a\[\@name="if"]/arg[3])}), 'a b', 'conditions have their words';
-    is found(qq{string($in_a\[\@name="if"]/directive/\@name)}), 'return', 'and what they hold';
+    is found(qq{string($in_a\[\@name="if"]/arg[3])}), 'a b', 'conditions have their arguments';
+    is found(qq{string($in_a\[\@name="if"]/directive/\@name)}), 'return', 'and the directives in them';
     is found(qq{string($in_a\[\@name="location" and arg="/empty"]/\@block)}), 'yes', 'an empty block is one';
     is found(qq{string($in_a\[\@name="server"]/\@file)}), '/etc/nginx/sites/a', 'a block has its file';
     is found(qq{string($in_a\[\@name="location" and arg="/login"]/\@line)}), 6, 'and line';
@@ -180,7 +180,8 @@ END
     is found(qq{string($in_a\[\@name="servername"]/arg)}), 'a.test', 'macros are filled in';
     is found(qq{string($in_a\[\@name="documentroot"]/raw)}), '"/srv/a"', 'and definitions, with the quotes kept';
     is found(qq{string($in_a\[\@name="header"]/raw)}), 'set X "a \"b\" c\d"', 'a line is what it was';
-    is found(qq{string($in_a\[\@name="header"]/arg[3])}), 'a "b" c\d', 'its words are those of the server';
+    is found(qq{string($in_a\[\@name="header"]/arg[3])}), 'a "b" c\d',
+        'its arguments are those of the server';
     is found(qq{string($in_a\[\@name="if"]/raw)}), q{"%{HTTP_HOST} == 'x' && -z reqenv('Y')"},
         'what a request decides stands as it is';
     is found(qq{string($in_a\[\@name="rewriterule"]/arg[1])}), '^/a\ b$', 'expressions have their blanks';

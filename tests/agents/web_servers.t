@@ -1,6 +1,6 @@
 # The web servers that run: what they were started with counts, their own answers are used,
 # and those that the agent cannot read are named. All of it in a network of its own, where
-# nobody else's servers are seen.
+# no other test's servers are seen.
 use strict;
 use warnings;
 
@@ -92,7 +92,7 @@ test 'The files of nginx are read where it does not answer' => sub {
             [qw(a.test b.test)],
             'files are read where the server does not answer';
         like join("\n", @$problems),
-            qr{^warning \Q$dir\E/nginx.conf: nginx runs, but would not start with its files.*: unknown directive "wrong" in }, 'and why is told';
+            qr{^warning \Q$dir\E/nginx.conf: nginx runs, but would not start with its files.*: unknown directive "wrong" in }, 'with the reason';
     });
     unlink "$dir/more/b.conf";
 };
@@ -129,7 +129,7 @@ test 'An Apache that runs is read with what it was started with' => sub {
             'Apache is read with what it was started with, definitions too';
         my %module = map { $_->{name} => $_->{file} } @{ $found->{configurations}[0]{modules} };
         is_deeply [@module{qw(unixd_module mpm_event_module)}], [undef, "$modules/mod_mpm_event.so"],
-            'its modules are told, with those that are built in' or diag explain \%module;
+            'its modules are listed, with those that are built in' or diag explain \%module;
         ok exists $module{unixd_module}, 'as it says itself';
         is_deeply [grep {/\Q$dir\E/} @$problems], [], 'without a problem' or diag explain $problems;
 
@@ -151,7 +151,7 @@ test 'The files of Apache are read where it does not answer' => sub {
         ok((grep { $_->{name} eq 'a.test' } @{ $found->{sites} }),
             'files are read where Apache does not answer');
         like join("\n", @$problems),
-            qr{^warning \Q$dir\E/web.conf: Apache runs, but would not start with its files.*b\.vhost.*'Wrong'}, 'and why is told' or diag explain $problems;
+            qr{^warning \Q$dir\E/web.conf: Apache runs, but would not start with its files.*b\.vhost.*'Wrong'}, 'with the reason' or diag explain $problems;
     });
     unlink "$dir/more/b.vhost";
 };
@@ -198,7 +198,7 @@ test 'A pool is found by what its process manager was started with' => sub {
             ($php) = $of_site->();
             is_deeply [@$php{qw(pool pool_user settings env)}],
                 ['one', 'nobody', { memory_limit => '3M' }, { PLACE => 'north; west' }],
-                'a pool that no file shows is the one that the process manager tells' or diag explain $php;
+                'a pool that is in no file is found by the process manager' or diag explain $php;
         });
 };
 
@@ -209,11 +209,11 @@ test 'The files of pools are read where the process manager does not answer' => 
             write_file("$dir/of-all", "wrong = 1\n");
             my ($php, $problems) = $of_site->();
             is $php->{pool}, 'one', 'files are read where the process manager does not answer';
-            like "@$problems", qr{\Awarning \Q$fpm_file\E: PHP-FPM runs, but would not start with its files.*'wrong'}, 'and why is told';
+            like "@$problems", qr{\Awarning \Q$fpm_file\E: PHP-FPM runs, but would not start with its files.*'wrong'}, 'with the reason';
         });
 };
 
-# Another program with the name of the server: what is looked at is who runs and listens.
+# Another program with the name of the server: the agent looks at which program runs and listens.
 my @LISTENS = ('-MIO::Socket::INET', '-e', 'my $s = IO::Socket::INET->new(LocalAddr => "127.0.0.1",'
     . ' LocalPort => shift, ReuseAddr => 1, Listen => 5) or die; 1 while $s->accept');
 
@@ -239,7 +239,7 @@ test 'A web server that is not read is an error' => sub {
     });
 };
 
-test 'A program of an account is not believed to be the web server' => sub {
+test 'A program of an account does not count as the web server' => sub {
     my $dir = laid_out();
         my $own = "$dir/own";
         mkpath($own);
@@ -249,13 +249,13 @@ test 'A program of an account is not believed to be the web server' => sub {
             sub {
             my ($found) = looked(\&Linux::Nginx::look);
             ok !(grep { $_->{name} eq 'a.test' } @{ $found->{sites} }),
-                "an account's own program is not believed";
+                "an account's own program is not used";
             like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but is a program of an account other than root: its sites},
                 'but named';
         });
 };
 
-test 'A web server that another account has started is not believed' => sub {
+test 'A web server that another account has started is not used' => sub {
     my $dir = laid_out();
         my $own = "$dir/of-nobody";
         mkpath("$own/docs");
@@ -269,7 +269,7 @@ test 'A web server that another account has started is not believed' => sub {
             'daemon off;'], sub {
             my ($found) = looked(\&Linux::Nginx::look);
             ok !(grep { $_->{name} eq 'n.test' } @{ $found->{sites} }),
-                "what another account has started is not believed";
+                "what another account has started is not used";
             like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but was started by an account other than root: its sites},
                 'but named';
         });
