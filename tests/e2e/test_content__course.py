@@ -122,6 +122,7 @@ def test_encryption_stays_where_the_library_cannot_do_without(source):
     assert files_below(ARCHIVES) == {b"one": b"1"}
 
 
+@pytest.mark.slow
 def test_run_has_no_memory_error_and_leaks_nothing(source):
     """Runs under valgrind, unless the tool is built with sanitizers: see the check in Running.finish."""
     offered(SUDOER, *[(f"directory {number}/file", bytes([number]) * 100_000) for number in range(5)], ("there", b"1"))

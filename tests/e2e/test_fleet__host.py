@@ -123,6 +123,7 @@ def test_what_was_killed_is_cut_short_and_is_gone_on_with(imitated):
     assert look(imitated, wait_seconds=30)["state"] == "finished"
 
 
+@pytest.mark.slow
 def test_a_run_begun_by_hand_is_waited_for_and_left_alone(imitated):
     go_on = hold(imitated, "dump")
     running = imitated.start(f"--session-path={PLACE}", "--host=src.example", "--login=root", "--dump-all",
@@ -160,6 +161,7 @@ def test_a_failure_says_what_is_known_and_where_to_look(imitated):
                                       f"new:{PLACE}. See {PLACE}/migration.log, and {PLACE}.log for what the runs said")
 
 
+@pytest.mark.slow
 def test_what_was_refused_and_then_made_by_hand_is_finished(imitated):
     begin(imitated, password="")
     assert look(imitated, wait_seconds=30)["state"] == "refused"

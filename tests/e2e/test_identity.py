@@ -94,6 +94,7 @@ KINDS = ["ed25519", "ecdsa 256", "ecdsa 384", "ecdsa 521", "rsa 2048", "rsa 4096
 FORMATS = {"OpenSSH": (), "PEM": ("-m", "PEM"), "PKCS8": ("-m", "PKCS8")}
 
 
+@pytest.mark.slow
 @pytest.mark.parametrize("passphrase", ["", PASSPHRASE], ids=["plain", "protected"])
 def test_a_key_of_each_kind_and_format_lets_the_login_in(passphrase, cases):
     with SourceHost(RSA, recording=False) as source:

@@ -143,6 +143,7 @@ def test_restored_databases_are_what_they_were(source, host):
                 check=True, stdout=subprocess.PIPE).stdout.split() == [b"3", b"3"]
 
 
+@pytest.mark.slow
 def test_sites_that_share_a_root_are_packed_once(source, host):
     host.nginx.add_site("other.test", "/home/alice/shop")
     dump = migrate()

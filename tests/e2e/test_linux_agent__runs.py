@@ -96,6 +96,7 @@ def test_only_a_kind_of_content_is_dumped_when_asked_for(source, host, option, k
     assert bool(dump.names("mailbox")) == (option == "--only-mail")
 
 
+@pytest.mark.slow
 def test_content_is_not_compressed_when_asked_for(source, host):
     dump = migrate(ROOT, "dump-selected", "--clients=alice,bob", "--no-compress")
     assert dump.files() and not [name for name in dump.files() if name.endswith(".gz")]
@@ -145,6 +146,7 @@ exec /usr/bin/mariadb-dump "$@"
         assert secret not in read(seen)
 
 
+@pytest.mark.slow
 def test_a_second_dump_makes_only_what_has_changed(source, host):
     run(ROOT, "deploy-agent")
 
@@ -166,6 +168,7 @@ def test_a_second_dump_makes_only_what_has_changed(source, host):
     arrived("/home/alice/shop", "/home/bob/public html")
 
 
+@pytest.mark.slow
 def test_a_fetch_that_was_stopped_goes_on_where_it_was(source, host):
     owned("/home/alice/shop/large", os.urandom(30 << 20), add_user("alice"))
     run(ROOT, "deploy-agent")
@@ -185,6 +188,7 @@ def test_a_fetch_that_was_stopped_goes_on_where_it_was(source, host):
     assert read(f"{ARCHIVES}/dump.xml") == dump.text
 
 
+@pytest.mark.slow
 def test_a_dump_whose_caller_is_gone_ends_by_itself_and_counts_for_the_next(host):
     gate = Gate(2)
     with SourceHost(options=[f"SetEnv PATH={gate.path}"]):

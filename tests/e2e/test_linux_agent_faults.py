@@ -107,6 +107,7 @@ def test_the_status_is_renewed_every_second_while_one_archive_is_made(agent):
     finished(agent, process)
 
 
+@pytest.mark.slow
 def test_a_full_disk_leaves_out_what_has_no_room_and_says_so(host):
     owner = add_user("alice")
     # Random bytes, which cannot be compressed.
@@ -148,6 +149,7 @@ def test_a_disk_without_any_room_fails_the_dump_with_a_message(host):
         subprocess.run(["umount", "-l", AGENT_DIR], check=True)
 
 
+@pytest.mark.slow
 def test_a_database_server_that_is_down_is_named_and_the_rest_is_dumped(host, agent):
     populate_apache(host)
     with databases() as servers:

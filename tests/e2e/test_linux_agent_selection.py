@@ -128,6 +128,7 @@ def test_has_exactly_what_was_asked_for(agent, cases, lists):
         check(agent, lists, options)
 
 
+@pytest.mark.slow
 def test_each_switch_does_what_it_says_by_itself(agent, cases):
     cases(len(SWITCHES))
     for switch in SWITCHES:

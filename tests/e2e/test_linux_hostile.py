@@ -156,6 +156,7 @@ def test_neither_pipes_nor_devices_nor_odd_names_hold_it_up(agent):
     assert os.path.exists(f"{STAGE}/home/alice/shop/--checkpoint-action=exec=false")
 
 
+@pytest.mark.slow
 def test_settings_of_an_owner_give_him_no_database_of_others(host, agent):
     fill_root("/home/bob/wiki", add_user("bob"))
     host.nginx.add_site("wiki.test", "/home/bob/wiki")

@@ -195,6 +195,7 @@ def test_changes_nothing_on_the_host(host, own_directories):  # noqa: F811
     assert [described(directory) for directory in DIRECTORIES] == before
 
 
+@pytest.mark.slow
 @pytest.mark.release_only
 def test_takes_less_than_five_seconds_for_a_thousand_sites(host):
     many_sites(host, 1000, 200)
@@ -204,6 +205,7 @@ def test_takes_less_than_five_seconds_for_a_thousand_sites(host):
     assert len(counts(document)) == 200 and set(counts(document).values()) == {(5, 0, 0, 0)}
 
 
+@pytest.mark.slow
 @pytest.mark.release_only
 def test_stops_counting_the_files_of_a_large_host(host):
     populate(host)
