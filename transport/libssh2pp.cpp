@@ -14,6 +14,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+/// As often as ssh asks the jump host for a sign of life.
+constexpr std::chrono::seconds LONGEST_SILENCE{30};
+
+bool isWritable(int socket) {
+  pollfd writable = {socket, POLLOUT, 0};
+  return poll(&writable, 1, 0) == 1;
+}
+
 /// The signal mask of the process, but with SIGALRM unblocked.
 sigset_t maskLettingAlarmIn() {
   sigset_t mask;
@@ -105,7 +113,23 @@ void Connection::countChannel(int change) {
   if (change < 0) hasClosedChannel_ = true;
 }
 
+void Connection::keepAlive(std::chrono::seconds interval) {
+  // The library counts whole seconds; between two of them it has nothing to do.
+  const auto now = Clock::now();
+  if (now - lastKeepAlive_ < std::chrono::seconds(1)) return;
+  // A message that the socket does not take at once would block the one after it.
+  if (isSendPending() || !isWritable(socket_)) return;
+  lastKeepAlive_ = now;
+  // An interval that stayed set would end every blocking call after that time.
+  libssh2_keepalive_config(session_, 0, static_cast<unsigned int>(interval.count()));
+  int secondsToNext = 0;
+  // A failure means a lost connection, which the next command reports.
+  libssh2_keepalive_send(session_, &secondsToNext);
+  libssh2_keepalive_config(session_, 0, 0);
+}
+
 void Connection::waitForSocket(short events, int timeoutMs) {
+  if (keepsAliveInWaits_) keepAlive(LONGEST_SILENCE);
   pollfd socket = {socket_, events, 0};
   const timespec limit = {timeoutMs / 1000, (timeoutMs % 1000) * 1000000L};
   const sigset_t mask = maskLettingAlarmIn();

@@ -100,6 +100,14 @@ class Connection {
   /// True when a command has ended and no other one is running.
   bool isBetweenCommands() const { return hasClosedChannel_ && openChannels_ == 0; }
 
+  /// Sends a message that needs no answer, unless one was sent within the last `interval`: shows
+  /// life to a server that would drop a silent client.
+  void keepAlive(std::chrono::seconds interval);
+  /// From now on the waits of waitForSocket() do that, too. The system gives up a direct connection
+  /// whose peer has vanished; one that is relayed ends only if the relay has something to deliver.
+  void keepAliveInWaits() { keepsAliveInWaits_ = true; }
+  bool keepsAliveInWaits() const { return keepsAliveInWaits_; }
+
   /// Waits for the socket, at most `timeoutMs`; `events` as for ppoll.
   void waitForSocket(short events, int timeoutMs);
   /// Waits until a call that returned LIBSSH2_ERROR_EAGAIN can be repeated.
@@ -124,6 +132,8 @@ class Connection {
   ReceiveWindow receiveWindow_;
   int openChannels_ = 0;
   bool hasClosedChannel_ = false;
+  bool keepsAliveInWaits_ = false;
+  std::chrono::steady_clock::time_point lastKeepAlive_;
 };
 
 }  // namespace libssh2pp

@@ -122,6 +122,7 @@ void Ssh::startSession(const std::string& host, std::uint16_t port, bool disable
          ". It is used by ssh, which must get there without a question, as by \"ssh -o "
          "BatchMode=yes\"");
   }
+  if (jumped) session_->keepAliveInWaits();
   jumpConnection_ = std::move(jumped);
   socket_ = std::move(socket);
 }

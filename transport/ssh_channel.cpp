@@ -304,6 +304,10 @@ int Channel::sendEof() {
 
 int Channel::waitForExitStatus() {
   if (refused_ && !connection_.isPeerGone()) return REFUSED_STATUS;
+  // The library sends nothing while it waits.
+  while (connection_.keepsAliveInWaits() && !isClosed() && !connection_.isPeerGone()) {
+    connection_.waitUntilReady();
+  }
   // Without this a lost connection and a signal would both look like status 0.
   if (refused_ || retryInterrupted([&] { return libssh2_channel_wait_closed(get()); }) != 0) {
     connection_.raiseLost({HERE});

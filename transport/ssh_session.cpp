@@ -16,7 +16,7 @@ namespace {
 log4cpp::Category& sessionLog = log4cpp::Category::getInstance("k.libssh2pp.Session");
 
 /// The library sends no more often than that; the least patient servers wait 3 s.
-constexpr unsigned int KEEP_ALIVE_SECONDS = 2;
+constexpr std::chrono::seconds KEEP_ALIVE_INTERVAL{2};
 /// How long to retry while the server cleans up the last command.
 constexpr std::chrono::seconds CLEARANCE_LIMIT{2};
 constexpr std::size_t WINDOW_BYTES = 65536;
@@ -182,16 +182,11 @@ void Session::create_reserve_channel() {
 }
 
 void Session::keepAlive() {
-  // The library counts whole seconds; between two of them it has nothing to do.
-  const Clock::time_point now = Clock::now();
-  if (now - lastKeepAlive_ < std::chrono::seconds(1)) return;
-  lastKeepAlive_ = now;
-  // An interval that stayed set would end every blocking call after that time.
-  libssh2_keepalive_config(get(), 0, KEEP_ALIVE_SECONDS);
-  int secondsToNext = 0;
-  // A failure means a lost connection, which the next command reports.
-  libssh2_keepalive_send(get(), &secondsToNext);
-  libssh2_keepalive_config(get(), 0, 0);
+  connection().keepAlive(KEEP_ALIVE_INTERVAL);
+}
+
+void Session::keepAliveInWaits() {
+  connection().keepAliveInWaits();
 }
 
 std::string Session::lastError() const {

@@ -92,6 +92,8 @@ class Session : private ConnectionOwner, public Handle<_LIBSSH2_SESSION, dtm_lib
   /// Sends a message that needs no answer, every 2 s at most: shows life during long
   /// local work to a server that would drop a silent client.
   void keepAlive();
+  /// Shows life in every wait for the server from now on, for a connection that is relayed.
+  void keepAliveInWaits();
 
   /// The library's text for its last error.
   std::string lastError() const;
@@ -124,7 +126,6 @@ class Session : private ConnectionOwner, public Handle<_LIBSSH2_SESSION, dtm_lib
   bool compatibility_;
   std::unique_ptr<Channel> reserveChannel_;
   Clock::time_point loginDeadline_;
-  Clock::time_point lastKeepAlive_;
 };
 
 }  // namespace libssh2pp

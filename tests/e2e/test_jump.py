@@ -21,18 +21,23 @@ def public_key(host):
     return " ".join(read(f"{host.key_file('ed25519')}.pub").decode().split()[:2])
 
 
+def let_in(login, home, known_hosts):
+    """Lets this host's root log in by key where the login has that home; `known_hosts` are the host keys for ssh."""
+    if not os.path.exists(KEY):
+        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", KEY], check=True)
+    directory = f"{home}/.ssh"
+    os.makedirs(directory, mode=0o700, exist_ok=True)
+    os.chown(directory, *login.ids)
+    write(f"{directory}/authorized_keys", read(f"{KEY}.pub"), 0o600, login.ids)
+    os.makedirs(OWN, mode=0o700, exist_ok=True)
+    write(f"{OWN}/config", f"IdentityFile {KEY}\nIdentitiesOnly yes\n", 0o600)
+    write(f"{OWN}/known_hosts", known_hosts, 0o600)
+
+
 def make_jump(*options):
     """Makes a jump host that accepts the key of this host's root, and whose host key is known to ssh here."""
     host = SourceHost([*options, f"PermitOpen {HOST}:22"], port=PORT)
-    if not os.path.exists(KEY):
-        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", KEY], check=True)
-    directory = f"{PLAIN.home}/.ssh"
-    os.makedirs(directory, mode=0o700, exist_ok=True)
-    os.chown(directory, *PLAIN.ids)
-    write(f"{directory}/authorized_keys", read(f"{KEY}.pub"), 0o600, PLAIN.ids)
-    os.makedirs(OWN, mode=0o700, exist_ok=True)
-    write(f"{OWN}/config", f"IdentityFile {KEY}\nIdentitiesOnly yes\n", 0o600)
-    write(f"{OWN}/known_hosts", f"[{HOST}]:{PORT} {public_key(host)}\n", 0o600)
+    let_in(PLAIN, PLAIN.home, f"[{HOST}]:{PORT} {public_key(host)}\n")
     return host
 
 
