@@ -1,5 +1,5 @@
 """Attacks by sites of nginx and Apache, and by pools of PHP."""
-import test_apache_sites
+import test_hostile_apache
 import test_hostile_nginx
 import test_pools
 from hostile_proofs import Attack, goes_in, says
@@ -110,7 +110,7 @@ def _setting_is_taken(xml):
 
 def _apache(session, port):
     own = [directive("servername", "b.test"), directive("documentroot", "/srv/a")]
-    attacks = {**test_apache_sites.ATTACKS, "a path in the place of an address": directive(
+    attacks = {**test_hostile_apache.ATTACKS, "a path in the place of an address": directive(
         "proxypassmatch", "http://8.8.8.8/|^/y/(.*)$", "http://169.254.169.254/$1"),
         "settings of PHP by an expression": directive("setenvifexpr", "true", "PHP_ADMIN_VALUE=x")}
     for name, xml in attacks.items():
