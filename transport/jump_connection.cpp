@@ -39,10 +39,12 @@ ArgList commandOf(const JumpHost& jump, const std::string& host, std::uint16_t p
   return line;
 }
 
-/// False when the child still runs after END_LIMIT_MS.
-bool awaitEnd(pid_t child) {
-  const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-  if (!process) throwSystemError("pidfd_open", errno);
+UniqueFd processOf(pid_t child) {
+  return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+}
+
+/// False when the process still runs after END_LIMIT_MS.
+bool awaitEnd(const UniqueFd& process) {
   pollfd ended = {process.get(), POLLIN, 0};
   int result;
   do {
@@ -81,7 +83,11 @@ JumpConnection::JumpConnection(const JumpHost& jump, const std::string& host, st
 
 JumpConnection::~JumpConnection() {
   if (child_ < 0) return;
+  const UniqueFd process = processOf(child_);
+  // For ssh the end of the connection is enough; what runs in its place may ignore both.
+  ours_.close();
   kill(child_, SIGTERM);
+  if (!process || !awaitEnd(process)) kill(child_, SIGKILL);
   reap(child_);
 }
 
@@ -91,7 +97,10 @@ std::string JumpConnection::failure() {
     char byte;
     const ssize_t peeked = recv(ours_.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     const bool isThere = peeked > 0 || (peeked < 0 && (errno == EAGAIN || errno == EINTR));
-    if (isThere || !awaitEnd(child_)) return "";
+    if (isThere) return "";
+    const UniqueFd process = processOf(child_);
+    if (!process) throwSystemError("pidfd_open", errno);
+    if (!awaitEnd(process)) return "";
     status_ = reap(child_);
     child_ = -1;
   }

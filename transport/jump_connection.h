@@ -19,7 +19,7 @@ class JumpConnection {
  public:
   /// Throws SystemError when there can be no child.
   JumpConnection(const JumpHost& jump, const std::string& host, std::uint16_t port);
-  /// Ends the child.
+  /// Ends the child, which may take a few seconds.
   ~JumpConnection();
   JumpConnection(const JumpConnection&) = delete;
   JumpConnection& operator=(const JumpConnection&) = delete;

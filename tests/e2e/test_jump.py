@@ -170,6 +170,18 @@ def test_ssh_gets_no_password(jump):
     assert b"Accepted" in read(jump.log)
 
 
+def test_an_ssh_that_does_not_end_is_killed(jump):
+    """Such as a script in its place that goes on after it."""
+    os.makedirs(PROGRAMS, exist_ok=True)
+    write(f"{PROGRAMS}/ssh", "#!/bin/sh\ntrap '' TERM\n/usr/bin/ssh \"$@\"\n"
+                             f"echo $$ > {PROGRAMS}/number\nwhile :; do sleep 1; done\n", 0o755)
+    outcome = run(path=f"{PROGRAMS}:/usr/bin:/bin")
+    assert (outcome.code, outcome.stdout, outcome.stderr) == (0, b"", b""), outcome
+    assert not os.path.exists(f"/proc/{read(f'{PROGRAMS}/number').decode().strip()}")
+    assert b"Accepted" in read(jump.log)
+    no_ssh_is_left()
+
+
 def test_a_jump_host_that_goes_is_a_lost_connection(jump):
     deployed_agent(ROOT, "touch /mnt/begun; exec sleep 1000\n")
     running = Destination().start("dump-all", environment={"SONDREL_JUMP": JUMP})
