@@ -139,7 +139,7 @@ sub follows {
     rest();
     my $content = $self->dumped;
     $self->fetch;
-    $self->is_tree($content, "$what: base and increments are the tree");
+    $self->is_tree($content, "$what: base and increments are the tree when they are unpacked");
     return $content;
 }
 

@@ -31,7 +31,7 @@ sub with_server {
     kill 'TERM', $server->{pid};
     my $said = $up ? '' : readline $server->{err};
     finish($server);
-    ok $up, "$argv->[0] runs" or diag $said;
+    ok $up, "$argv->[0] listens at port $port" or diag $said;
     return;
 }
 

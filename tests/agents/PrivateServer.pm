@@ -49,7 +49,7 @@ sub sql {
 sub dumped {
     my ($server, $database) = @_;
     my $sql = '';
-    is $server->dump($database, sub { $sql .= $_[0] }), undef, "$database->{name} is dumped";
+    is $server->dump($database, sub { $sql .= $_[0] }), undef, "the dump of $database->{name} succeeds";
     return $sql;
 }
 

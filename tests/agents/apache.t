@@ -56,37 +56,41 @@ test 'A virtual host is described with all that it has' => sub {
     SuexecUserGroup ann ann
 </VirtualHost>
 END
-    is_deeply [keys %$sites], ['a.test'], 'hosts of the same name are one site';
+    is_deeply [keys %$sites], ['a.test'], 'virtual hosts of the same name are one site';
     my $site = $sites->{'a.test'};
     is_deeply $site->{names}, ['a.test', 'www.a.test', '*.a.test'],
-        'with all its names, over continued lines';
-    is $site->{root}, '/srv/a', 'its document root';
-    is_deeply $site->{roots}, ['/srv/a', '/srv/media'], 'other directories, but not those of packages';
+        'the site has the names of all its hosts, also those on continued lines';
+    is $site->{root}, '/srv/a', 'the document root is found';
+    is_deeply $site->{roots}, ['/srv/a', '/srv/media'],
+        'directories of aliases are further roots, unless they are of packages';
     is_deeply $site->{listen}, [
         { address => '*', port => 443, tls => 1 }, { address => '[::1]', port => 8443, tls => 1 },
         { address => '*', port => 80, tls => 0 },
-    ], 'addresses';
+    ], 'the addresses and ports of all hosts are listed';
     is_deeply $site->{tls}, { certificate => '/etc/ssl/a.pem', key => '/etc/ssl/a.key',
         chain => '/etc/apache2/ssl/chain.pem' },
-        'certificate, key and chain';
-    is_deeply $site->{logs}, ['/var/log/apache2/a.log'], 'its log by the variables of the start script';
+        'certificate, key and chain are found';
+    is_deeply $site->{logs}, ['/var/log/apache2/a.log'],
+        'the log is found by the variables of the start script';
     is_deeply [map {"$_->{code} $_->{from} $_->{to}"} @{ $site->{redirects} }],
         ['301 /old /new', '301 ^/(.*)$ https://a.test/$1', '301 / https://a.test/'],
-        'its redirects with the conditions that apply';
+        'the redirects whose conditions apply are listed';
     is_deeply $site->{access}, [
         { path => '/srv/a/in', rule => 'authtype Basic' }, { path => '/srv/a/in',
             rule => 'authname Only us' },
         { path => '/srv/a/in', rule => 'require valid-user' },
         { path => '/srv/a/private', rule => 'require ip 10.0.0.0/8' },
-    ], 'its access rules, also those outside of the host' or diag explain $site->{access};
+    ], 'access rules are listed, also those outside of the host' or diag explain $site->{access};
     is_deeply $site->{files}, [qw(/etc/apache2/a.htpasswd /etc/ssl/a.pem /etc/ssl/a.key /etc/apache2/ssl/chain.pem
         /etc/apache2/groups)],
-        'files that belong to it';
-    is_deeply $site->{php_addresses}, ['unix:/run/php/a.sock'], 'what runs its PHP';
-    is_deeply $site->{module_settings}, { open_basedir => '/srv/a:/tmp' }, 'with its values';
-    is $site->{php_user}, 'ann', 'and account';
-    is_deeply $site->{config}, ['/etc/apache2/sites-enabled/sites.conf'], 'and its configuration';
-    is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
+        'the files that its settings name belong to the site';
+    is_deeply $site->{php_addresses}, ['unix:/run/php/a.sock'],
+        'the address of the program that runs PHP is found';
+    is_deeply $site->{module_settings}, { open_basedir => '/srv/a:/tmp' }, 'the settings of PHP are found';
+    is $site->{php_user}, 'ann', 'the account that runs scripts is found';
+    is_deeply $site->{config}, ['/etc/apache2/sites-enabled/sites.conf'],
+        'the file of its configuration belongs to the site';
+    is_deeply $problems, [], 'no problem is named' or diag explain $problems;
 };
 
 test 'Macros and definitions are worked out' => sub {
@@ -117,12 +121,14 @@ UnDefine BASE
 </VirtualHost>
 </IfDefine>
 END
-    is_deeply [sort keys %$sites], [qw(d.test m1.test m2.test)], 'macros and definitions are worked out';
-    is $sites->{'m2.test'}{root}, '/srv/m2', 'with their values';
-    is_deeply $sites->{'d.test'}{proxies}, ['http://127.0.0.1:3000/'], 'what is handed on';
-    is_deeply $sites->{'d.test'}{php_addresses}, ['127.0.0.1:9000'], 'or to PHP';
+    is_deeply [sort keys %$sites], [qw(d.test m1.test m2.test)],
+        'virtual hosts of macros and of definitions that are set are sites';
+    is $sites->{'m2.test'}{root}, '/srv/m2', 'values of a macro and of a definition are filled in';
+    is_deeply $sites->{'d.test'}{proxies}, ['http://127.0.0.1:3000/'], 'the server behind ProxyPass is found';
+    is_deeply $sites->{'d.test'}{php_addresses}, ['127.0.0.1:9000'],
+        'the server of PHP behind ProxyPassMatch is found';
     is_deeply $problems, ['error /etc/apache2/sites-enabled/sites.conf: Line 10: uses the macro Missing, which is not defined'],
-        'an unknown macro is a problem' or diag explain $problems;
+        'the use of an unknown macro is an error' or diag explain $problems;
 };
 
 test 'What is forwarded leads to the servers behind it' => sub {
@@ -162,15 +168,20 @@ test 'What is forwarded leads to the servers behind it' => sub {
 </VirtualHost>
 END
     is_deeply $sites->{'balanced.test'}{proxies}, ['unix:/run/app1.sock|http://localhost/', 'http://127.0.0.1:3001',
-        'http://127.0.0.1:3002', 'balancer://none/'], 'a group of servers is what is in it'
+        'http://127.0.0.1:3002', 'balancer://none/'],
+        'a balancer stands for its members, one without members for itself'
         or diag explain $sites->{'balanced.test'}{proxies};
-    is_deeply $sites->{'balanced.test'}{php_addresses}, ['127.0.0.1:9001'], 'one for PHP, too';
+    is_deeply $sites->{'balanced.test'}{php_addresses}, ['127.0.0.1:9001'],
+        'a balancer for PHP stands for its members';
     is_deeply $sites->{'rewritten.test'}{proxies}, ['ws://127.0.0.1:3003/', 'http://127.0.0.1:3004/',
-        'unix:/run/app1.sock|http://localhost/', 'http://127.0.0.1:3001'], 'rules that hand on are no redirects'
+        'unix:/run/app1.sock|http://localhost/', 'http://127.0.0.1:3001'],
+        'the servers behind rewrite rules that forward are found'
         or diag explain $sites->{'rewritten.test'};
-    is_deeply $sites->{'rewritten.test'}{redirects}, [], 'and are not listed as redirects';
-    is_deeply $sites->{'handled.test'}{proxies}, ['unix:/run/app2.sock|http://localhost'], 'a handler hands on, too';
-    is_deeply $problems, [], 'without a problem' or diag explain $problems;
+    is_deeply $sites->{'rewritten.test'}{redirects}, [],
+        'rewrite rules that forward are not listed as redirects';
+    is_deeply $sites->{'handled.test'}{proxies}, ['unix:/run/app2.sock|http://localhost'],
+        'the server behind a handler is found';
+    is_deeply $problems, [], 'no problem is named' or diag explain $problems;
 };
 
 test 'VirtualDocumentRoot makes a site of each directory' => sub {
@@ -185,10 +196,11 @@ test 'VirtualDocumentRoot makes a site of each directory' => sub {
     VirtualDocumentRoot /srv/t/%1.1/%-2+.%-1
 </VirtualHost>
 END
-    is_deeply [sort keys %$sites], [qw(a.test b.test one.test)], 'a directory for each host makes sites';
+    is_deeply [sort keys %$sites], [qw(a.test b.test one.test)],
+        'each directory that is named like a host is a site';
     is_deeply $sites->{'a.test'}{roots}, ['/srv/v/a.test/www', '/srv/t/a/a.test'],
-        'parts of names lead to directories';
-    is_deeply [map {/depends/ ? 1 : $_} @$problems], [1], 'what requests decide is a problem'
+        'parts of its names lead to the directories of a site';
+    is_deeply [map {/depends/ ? 1 : $_} @$problems], [1], 'a directory that only requests decide is a problem'
         or diag explain $problems;
 };
 
@@ -201,7 +213,8 @@ test 'A mistake in the configuration is named and loses no site' => sub {
             . "<VirtualHost *:80>\nServerName e.test\nDocumentRoot /srv/e\n</VirtualHost>\n<Odd>\n</Odd>\n",
         'etc/apache2/sites-enabled/f.conf' => \'/nowhere',
             'etc/apache2/sites-enabled/g.conf' => "Include gone.conf\n");
-    is_deeply [sort keys %$sites], [qw(b.test c.test e.test ok.test)], 'mistakes cost no site';
+    is_deeply [sort keys %$sites], [qw(b.test c.test e.test ok.test)],
+        'all sites are found in spite of mistakes';
     is_deeply $problems, [
         'error /etc/apache2/sites-enabled/b.conf: Line 2: the section <directory> is not closed',
         'error /etc/apache2/sites-enabled/b.conf: Line 6: </directory> closes nothing',
@@ -212,7 +225,7 @@ test 'A mistake in the configuration is named and loses no site' => sub {
         'error /etc/apache2/sites-enabled/f.conf: Cannot be read: No such file or directory (included by /etc/apache2/apache2.conf)',
         'error /etc/apache2/gone.conf: Cannot be read: No such file or directory (included by /etc/apache2/sites-enabled/g.conf)',
         'warning e.test: Document root /srv/e does not exist',
-    ], 'and every one is named' or diag explain $problems;
+    ], 'each mistake is named with its place' or diag explain $problems;
 };
 
 test 'A directory that all sites serve comes with each of them' => sub {
@@ -220,9 +233,11 @@ test 'A directory that all sites serve comes with each of them' => sub {
         "<VirtualHost *>\nServerName a.test\nDocumentRoot /srv/a\n</VirtualHost>\n";
     my ($sites, $problems) = sites_of($hosts, 'srv/all/page' => 'x', 'srv/a/in/page' => 'x', 'srv/empty/' => undef,
         'usr/share/apache2/icons/page' => 'x');
-    is_deeply $sites->{'a.test'}{roots}, ['/srv/a'], 'what all sites serve is no directory of one';
-    is_deeply $sites->{'a.test'}{common}, ['/srv/all'], 'but one that it comes with';
-    is_deeply $problems, [], 'without a problem' or diag explain $problems;
+    is_deeply $sites->{'a.test'}{roots}, ['/srv/a'],
+        'a directory that all sites serve is not a root of a site';
+    is_deeply $sites->{'a.test'}{common}, ['/srv/all'],
+        'a directory with content that all sites serve comes with a site';
+    is_deeply $problems, [], 'no problem is named' or diag explain $problems;
 };
 
 test 'Sections for modules and versions apply as in the server' => sub {
@@ -231,8 +246,9 @@ test 'Sections for modules and versions apply as in the server' => sub {
     my $hosts = join '', map {"<$cases[$_]>\n<VirtualHost *:80>\nServerName $_.test\nDocumentRoot /srv/a\n</VirtualHost>\n</"
         . (split ' ', $cases[$_])[0] . ">\n"} 0 .. $#cases;
     my ($sites, $problems) = sites_of($hosts, 'srv/a/' => undef);
-    is_deeply [sort keys %$sites], [qw(0.test 1.test 3.test)], 'modules that are built in and late releases count';
-    is_deeply $problems, [], 'without a problem';
+    is_deeply [sort keys %$sites], [qw(0.test 1.test 3.test)],
+        'sections for loaded and built-in modules and for this release apply, others do not';
+    is_deeply $problems, [], 'no problem is named';
 };
 
 test 'What an expression leads to is named' => sub {
@@ -248,13 +264,13 @@ test 'What an expression leads to is named' => sub {
     UserDir /srv/u https://elsewhere.test/
 </VirtualHost>
 END
-    is_deeply $sites->{'a.test'}{roots}, ['/srv/a'], 'what an expression leads to is no root';
+    is_deeply $sites->{'a.test'}{roots}, ['/srv/a'], 'a directory that an expression leads to is not a root';
     is_deeply $problems, [
         (map {"error a.test: AliasMatch: $_; directories that an expression leads to are taken only where they lie"
             . ' in a document root: copy others by hand'} '^/m/(.*)$ leads to /srv/m/$1', '^/n/(.*) leads to /srv/n/$1'),
         'error /etc/apache2/apache2.conf: 1 directories of users served as /~user are no sites and are left out; copy'
             . ' them by hand: /srv/u/ann',
-    ], 'but named' or diag explain $problems;
+    ], 'directories behind expressions and those of users are named' or diag explain $problems;
 };
 
 test 'Hosts of one name may differ in root and certificates' => sub {
@@ -288,15 +304,17 @@ test 'Hosts of one name may differ in root and certificates' => sub {
 SSLCertificateFile ssl/all.pem
 END
     my $site = $sites->{'a.test'};
-    is_deeply $site->{roots}, ['/srv/a', '/srv/b'], 'hosts of one name may have several document roots';
-    is_deeply $sites->{'moved.test'}{roots}, ['/srv/a'], 'one that nothing is served from is none';
+    is_deeply $site->{roots}, ['/srv/a', '/srv/b'], 'a site has the document roots of all its hosts';
+    is_deeply $sites->{'moved.test'}{roots}, ['/srv/a'],
+        'the document root of a host that only redirects is left out';
     is_deeply $site->{tls}, { certificate => '/etc/apache2/ssl/rsa.pem', key => '/etc/apache2/ssl/rsa.key' },
         'the first of several certificates is that of the site';
     is_deeply [sort @{ $site->{files} }], [sort '/srv/robots', map {"/etc/apache2/$_"} 'groups',
-        map {"ssl/$_"} qw(rsa.pem rsa.key ec.pem ec.key ca.pem)], 'and it needs all of them, and single files';
+        map {"ssl/$_"} qw(rsa.pem rsa.key ec.pem ec.key ca.pem)],
+        'the site needs all certificates and keys, and single files of aliases';
     is_deeply $sites->{'moved.test'}{tls}, { map { $_ => '/etc/apache2/ssl/all.pem' } qw(certificate key) },
-        'a host without a certificate has that of all';
-    is_deeply $problems, [], 'without a problem';
+        'a host without a certificate has that of the whole server';
+    is_deeply $problems, [], 'no problem is named';
 };
 
 test 'Settings of PHP are those of the sections that cover the document root' => sub {
@@ -348,7 +366,8 @@ END
     is_deeply $sites->{'a.test'}{module_settings}, { %of_all, memory_limit => '3M', of_expression => 1 },
         'a site has the settings of the sections that apply to all of its directory, the last one wins'
         or diag explain $sites->{'a.test'}{module_settings};
-    is_deeply $sites->{'c.test'}{module_settings}, { %of_all, memory_limit => '1M' }, 'and no others';
+    is_deeply $sites->{'c.test'}{module_settings}, { %of_all, memory_limit => '1M' },
+        'a site has no settings of sections for other directories';
 };
 
 run_tests;

@@ -35,14 +35,17 @@ END
     );
     my %sites = map { $_->{name} => $_ } Linux::Apache::sites($tree, $problems);
     is_deeply [sort keys %sites], [qw(default main.test v.test)],
-        'the main server serves the ports that are left';
-    is $sites{'main.test'}{root}, '/var/www/html', 'from its own directory';
-    is_deeply $sites{'main.test'}{roots}, ['/var/www/html', '/var/www/cgi-bin'], 'and others';
-    is $sites{default}{root}, '/var/www/html', 'which hosts without one take over';
-    is $sites{'v.test'}{root}, '/srv/v', 'directories are included with all below';
-    is $sites{'v.test'}{php_module}, 1, 'PHP may be a module';
+        'the main server, a host without a name and one with a name are sites';
+    is $sites{'main.test'}{root}, '/var/www/html', 'the main server has its own document root';
+    is_deeply $sites{'main.test'}{roots}, ['/var/www/html', '/var/www/cgi-bin'],
+        'the directory of its script alias is a further root of the main server';
+    is $sites{default}{root}, '/var/www/html',
+        'a host without a document root takes over that of the main server';
+    is $sites{'v.test'}{root}, '/srv/v', 'an included directory is read with the directories below it';
+    is $sites{'v.test'}{php_module}, 1, 'PHP as a module of the server is found';
     is_deeply problem_texts($problems), ['error /etc/httpd/conf/httpd.conf: 1 directories of users served as /~user'
-        . ' are no sites and are left out; copy them by hand: /home/ann/public_html'], 'directories of users are mentioned'
+        . ' are no sites and are left out; copy them by hand: /home/ann/public_html'],
+        'directories of users are named'
         or diag explain problem_texts($problems);
 };
 
@@ -55,13 +58,13 @@ test 'Relative paths start at ServerRoot' => sub {
     my @sites = Linux::Apache::sites($tree, $problems);
     is_deeply [map {"$_->{name} $_->{root} $_->{listen}[0]{address}"} @sites], ['r.test /opt/web/r *'],
         'relative paths start at ServerRoot, and _default_ takes what comes to any address' or diag explain \@sites;
-    is_deeply problem_texts($problems), [], 'without a problem';
+    is_deeply problem_texts($problems), [], 'no problem is named';
 };
 
 test 'A system without Apache has no sites' => sub {
     my ($tree, $problems) = imitated('etc/passwd' => '');
     is_deeply [Linux::Apache::sites($tree, $problems)], [], 'a system without Apache has no sites';
-    is $problems->count, 0, 'and no problem';
+    is $problems->count, 0, 'a system without Apache has no problems';
 };
 
 run_tests;

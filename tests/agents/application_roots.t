@@ -110,13 +110,14 @@ test 'An application is packed whole and described by its kind' => sub {
         my ($directory, $files, $kind) = @{ $WHOLE{$name} };
         is_deeply $dump->members_below($name, $directory), $files, "$name: all of $directory is packed";
         is $dump->found(qq(string(//domain[\@name="$name"]/site/application[\@directory="$directory"]/\@kind))), $kind,
-            "$name: and described as $kind";
+            "$name: the application is described as $kind";
     }
 };
 
 test 'What links of an application lead to is packed unless it is of the system' => sub {
     my $dump = $everything->();
-    is_deeply $dump->members_below('laravel.test', '/srv/uploads'), ['photo'], 'with what its links lead to';
+    is_deeply $dump->members_below('laravel.test', '/srv/uploads'), ['photo'],
+        'what a link of the application leads to is packed';
     is_deeply $dump->problems_of('laravel.test'),
         ['info: /srv/shop/gone is a symbolic link to /srv/gone, which is not there',
         'warning: /srv/shop/lib is a symbolic link to /usr/share/library, which is not packed: install there'
@@ -124,8 +125,8 @@ test 'What links of an application lead to is packed unless it is of the system'
         'error: /srv/shop/own is a symbolic link to /usr/share/own, which is not packed: copy it by hand',
         'warning: /srv/shop/unit is a symbolic link to /lib/systemd/system/web.service, which is not packed:'
             . ' install there what it belongs to'],
-        'but not what is of the system, which is named';
-    is_deeply $dump->problems_of('server'), [], 'links of enabled units are nothing to do for anyone';
+        'links that lead to the system or to nothing are named';
+    is_deeply $dump->problems_of('server'), [], 'links that enable units are not named';
 };
 
 test 'An archive has what an application needs and no other files' => sub {
@@ -133,37 +134,38 @@ test 'An archive has what an application needs and no other files' => sub {
     is_deeply $dump->members_below('rails.test', '/srv/rails'),
         [qw(current releases/7/config.ru releases/7/config/application.rb
         releases/7/config/master.key releases/7/public/index.html shared/master.key)],
-        'a release comes with what it shares with others, and without these';
+        'a release is packed with what it shares with others, and without the others';
     is_deeply $dump->members_below('symfony.test', '/var/www/other'), [],
-        'what lies beside an application is not of it';
+        'a directory beside an application is not packed with it';
     is_deeply $dump->texts_of('//domain[@name="laravel.test"]/site/packed'), [qw(/srv/shop /srv/uploads)],
-        'the description names what is packed';
+        'the description names the directories that are packed';
 };
 
 test 'An application that sites share is packed once' => sub {
     my $dump = $everything->();
     is_deeply $dump->members_below('shared.test', '/srv/shop'), [],
-        'an application that sites share is packed once';
+        'the second site that shares an application does not pack it again';
     is_deeply $dump->values_of('//domain[@name="shared.test"]/content/@file'),
         ['content/sites/laravel.test.tar.gz', 'content/sites/shared.test.tar.gz'],
-        'and both name its archive';
-    like join(' ', @{ $dump->members('composer.test') }), qr{\A(?!.*notes)}, 'a home is no application';
+        'the second site that shares an application names the archive of the first one too';
+    like join(' ', @{ $dump->members('composer.test') }), qr{\A(?!.*notes)},
+        'other files of a home are not packed with an application in it';
 };
 
 test 'What belongs to other accounts is not taken with an application' => sub {
     my $dump = $everything->();
     is_deeply $dump->members_below('others.test', '/srv/mixed'), ['public/index.php'],
-        'what holds sites of other accounts is not taken with one of them';
+        'a directory with sites of other accounts is not packed with one of them';
     is_deeply $dump->problems_of('others.test'),
         ['error: Its application begins above the document root, in /srv/mixed,'
         . ' which holds sites of other accounts and is not packed: copy what it needs by hand'],
-        'which is an error';
+        'an application that is not packed because of sites of other accounts is an error';
     is_deeply $dump->members_below('foreign.test', '/srv/foreign'), ['public/index.php'],
-        'nor is a directory of another account';
+        'an application in a directory of another account is not packed';
     like $dump->problems_of('foreign.test')->[0], qr/\Aerror: .*\/srv\/foreign, which belongs to bob/,
-        'which is an error, too';
+        'an application in a directory of another account is an error';
     is_deeply $dump->problems_of('plain.test'), [],
-        'what the archive of the home has is not named as missing';
+        'files that the archive of the home has are not named as missing';
 };
 
 test 'Files beside a document root are an error where no archive has them' => sub {
@@ -173,26 +175,27 @@ test 'Files beside a document root are an error where no archive has them' => su
         . ' /home/bob/site/htdocs and config.inc.php: copy what the site needs by hand, or dump the whole'
             . ' client if it is'
         . " in the client's home"],
-        'files beside a root that may be of it are an error where no archive has them';
+        'files beside a document root that no archive has are an error';
     like $plain->problems_of('home.test')->[0],
         qr{\Aerror: /home/bob is not packed, though .*application \(Composer\)},
-        'so is an application whose directory is a home';
+        'an application whose directory is a home is an error';
 };
 
 test 'A domain comes with all of its application' => sub {
     my $moved = Dumped->new($tree, 'moved.test', '--dump-domains=-');
     is_deeply $moved->members_below('moved.test', '/home/alice'),
         [qw(laravel/.env laravel/artisan laravel/vendor/autoload.php
-        public_html/index.php)], 'a domain comes with all of its application';
+        public_html/index.php)], 'the application is packed whole, with the document root beside it';
     is_deeply $moved->texts_of('//client/cron'), ['php /home/alice/laravel/artisan run'],
-        "and with the account's jobs, without those of its other domains";
-    is_deeply $moved->members_below('moved.test', '/var/spool'), ['cron/crontabs/alice'], 'whose table is packed';
+        "the account's jobs for this domain are described, without those for others";
+    is_deeply $moved->members_below('moved.test', '/var/spool'), ['cron/crontabs/alice'],
+        "the table of the account's jobs is packed";
 };
 
 test 'Jobs of a service come with the domain whose files they name' => sub {
     my $shop = Dumped->new($tree, 'laravel.test', '--dump-domains=-');
     is_deeply $shop->texts_of('//client/cron'), ['php /srv/shop/artisan schedule:run'],
-        'jobs of a service come with the domain whose files they name';
+        'the job that names files of the domain is described, and no other';
 };
 
 run_tests;

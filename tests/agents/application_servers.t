@@ -201,78 +201,82 @@ test 'An application of gunicorn at a socket is packed with its unit' => sub {
     my $dump = $everything->();
     is_deeply [grep { !/__pycache__/ } @{ members_below('flask.test', '/home/alice') }],
         [qw(flask/data/app.db flask/wsgi.py)],
-        'gunicorn at a socket: its application is packed';
+        'all files of the application are packed';
     is_deeply members_below('flask.test', '/etc'), [qw(flask.env nginx/sites/flask.test
         systemd/system/flask.service
-        systemd/system/flask.service.d/more.conf)], 'with its unit and its environment';
+        systemd/system/flask.service.d/more.conf)],
+        'the unit of the application and its file of variables are packed';
     is_deeply [map { service('flask.test', $_) } qw(unit file account directory address)],
         [qw(flask.service /etc/systemd/system/flask.service alice /home/alice/flask
             http://unix:/run/flask/flask.sock:/)],
-        'which are described';
-    like service('flask.test', 'version'), qr/\Apython 3\.\d+/, 'with the version of what runs it';
+        'unit, file, account, directory and address of the service are described';
+    like service('flask.test', 'version'), qr/\Apython 3\.\d+/, 'the version of Python is described';
     is $dump->found('string(//domain[@name="flask.test"]/site/@owner)'), 'alice',
         'the account of the application owns the site';
-    is_deeply troubles('flask.test'), [], 'without a problem';
+    is_deeply troubles('flask.test'), [], 'no problem is named';
 };
 
 test 'An application of uWSGI at a port is packed with the file that starts it' => sub {
     my $dump = $everything->();
     is_deeply members_below('django.test', '/srv'), [qw(django/manage.py django/project/wsgi.py)],
-        'uWSGI at a port: so is its';
+        'all files of the application are packed';
     is_deeply members_below('django.test', '/etc'), [qw(nginx/sites/django.test nginx/uwsgi_params
         uwsgi/apps-enabled/django.ini)],
-        'with the file that starts it';
-    is $dump->found('string(//domain[@name="django.test"]/site/application/@kind)'), 'Django', 'and its kind';
-    is_deeply troubles('django.test'), [], 'without a problem';
+        'the file that starts the application is packed';
+    is $dump->found('string(//domain[@name="django.test"]/site/application/@kind)'), 'Django',
+        'the application is described as Django';
+    is_deeply troubles('django.test'), [], 'no problem is named';
 };
 
 test 'An application of Node at a port is packed with its settings in supervisor' => sub {
     is_deeply members_below('node.test', '/srv'), [qw(node/node_modules/left/index.js node/package.json
         node/server.js)],
-        'Node at a port: so is its';
+        'all files of the application are packed';
     is_deeply members_below('node.test', '/etc'), [qw(nginx/sites/node.test supervisor/conf.d/node.conf)],
-        'with that of supervisor';
-    is_deeply troubles('node.test'), [], 'without a problem';
+        'the file of supervisor that starts the application is packed';
+    is_deeply troubles('node.test'), [], 'no problem is named';
 };
 
 test 'What an account runs in its own directory is packed and does not make it the owner' => sub {
     my $dump = $everything->();
     is_deeply members_below('squat.test', '/home/eve'), ['fake/app.py'],
-        'what an account runs in its own directory is packed';
+        'files that an account runs in its own directory are packed';
     like $dump->problems_of('squat.test')->[0],
         qr/\Awarning: .* where a process of eve answers that nothing of root's has started/,
-        'and named';
+        "a process that nothing of root's has started is a warning";
     is $dump->found('string(//domain[@name="squat.test"]/site/@owner)'), 'root',
-        'but makes the account no owner of the site';
+        'an account is not the owner of a site because it runs a process for it';
 };
 
 test 'A directory of others is not packed because an account runs there or names it' => sub {
     my $dump = $everything->();
     is_deeply members_below('thief.test', '/srv'), [],
         'a directory of others is not packed because an account runs there';
-    is_deeply [grep {/alice/} @{ $dump->members('thief.test') }], [], 'nor because it names it';
+    is_deeply [grep {/alice/} @{ $dump->members('thief.test') }], [],
+        'files of others are not packed because a process of an account names them';
     like $dump->problems_of('thief.test')->[0],
-        qr/\Aerror: .* a process of eve answers whose application was not found/, 'but an error';
+        qr/\Aerror: .* a process of eve answers whose application was not found/,
+        'an application that was not found is an error';
 };
 
 test 'An application that is down is found by its unit' => sub {
     my $dump = $everything->();
     is_deeply members_below('down.test', '/srv'), ['down/Gemfile'],
-        'an application that is down is found by its unit';
+        'the files of an application that is down are packed';
     like $dump->problems_of('down.test')->[0], qr/\Awarning: .* nothing listens now; \/srv\/down is packed/,
-        'and named';
-    is service('down.test', 'unit'), 'down.service', 'with the unit';
+        'an address at which nothing listens is a warning';
+    is service('down.test', 'unit'), 'down.service', 'the unit that names the address is described';
 };
 
 test 'An application that is not on this host or not known is an error' => sub {
     my $dump = $everything->();
     like $dump->problems_of('lost.test')->[0],
         qr/\Aerror: .* nothing listens, .*: start what shall answer there and dump again/,
-        'one that nothing names is an error';
+        'an address that nothing listens at and no unit names is an error';
     like $dump->problems_of('away.test')->[0], qr{\Aerror: .*//192\.0\.2\.7:80, which is another host},
-        'so is one on another host';
+        'an application on another host is an error';
     like $dump->problems_of('box.test')->[0], qr/\Aerror: .* a container answers: .*export/,
-        'and one in a container';
+        'an application in a container is an error';
 };
 
 test 'A domain comes with its application' => sub {
@@ -280,7 +284,7 @@ test 'A domain comes with its application' => sub {
     my $only = Dumped->new(Linux::Tree->new, 'node.test', '--dump-domains=-');
     is_deeply [grep {m{/srv/}} @{ $only->members('node.test') }],
         [map {"./srv/node/$_"} qw(node_modules/left/index.js package.json server.js)],
-        'a domain comes with its application';
+        'the application is packed when only its domain is dumped';
 };
 
 test 'A program that the web server runs leads to its application' => sub {
@@ -297,7 +301,8 @@ test 'A program that the web server runs leads to its application' => sub {
     is_deeply $dump->members_below('wsgi.test', '/srv'),
         [map {"wiki/$_"} qw(manage.py media/photo venv/pyvenv.cfg wiki/wsgi.py)],
         'a program of WSGIScriptAlias leads to its application';
-    is_deeply $dump->members_below('wsgi.test', '/var'), [], "and not to the server's document root";
+    is_deeply $dump->members_below('wsgi.test', '/var'), [],
+        'the document root of the main server is not packed with the application';
 };
 
 run_tests;

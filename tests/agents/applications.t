@@ -66,11 +66,11 @@ END
         t => 't', u => 'u', V => 'v', x => 'x', '' => 'y', 'z.a' => 'b', 'z.c.0' => 'd', 'z.c.e.f' => 'g',
         'z.c.e.n' => 'o', 'z.p' => 7, after => 'doc', kept => 'way', 'back.again' => 'yes',
     }, 'plain values are read, and what is computed is left out';
-    is_deeply Linux::PhpText::settings(''), {}, 'nothing gives nothing';
+    is_deeply Linux::PhpText::settings(''), {}, 'an empty text has no settings';
     is_deeply Linux::PhpText::settings(q{<?php $a = 'b'; $c = 'open}), { a => 'b' },
-        'a text may break off in a string';
+        'settings before a string that breaks off are read';
     is_deeply Linux::PhpText::settings(q{<?php $a = ['b' => ['c' => 'd', }), { 'a.b.c' => 'd' },
-        'a text may break off in an array';
+        'settings in an array that breaks off are read';
     my $long = 'x\\\'' x 200_000;
     is length Linux::PhpText::settings("<?php \$a = '$long';")->{a}, 400_000, 'a long text is read whole';
 };
@@ -201,10 +201,10 @@ my $number = 0;
 for my $case (@cases) {
     my ($application, $file, $text, $expected) = @$case;
     my $root = '/srv/case' . $number++;
-    test "$application is understood by $file of case $number" => sub {
+    test "Settings of $application are read from $file of case $number" => sub {
         put("$root/$file", $text);
         is join('; ', map { text_of($_) } settings_of($root)), "$application $expected",
-            'all of its settings are read';
+            'kind, name, login, address and prefix of the database are read';
     };
 }
 
@@ -235,11 +235,11 @@ test 'Settings may be above the directory where an application expects them' => 
     put('/srv/plain/wp-config.php', wp('up'));
     put('/srv/plain/site/wp-load.php', '<?php');
     is_deeply [map { $_->{name} } settings_of('/srv/plain/site')], ['up'],
-        'settings may be above where an application looks for them';
+        'settings above the root are used if the root has none';
     put('/srv/plain/site/wp-config.php', wp('here'));
     is_deeply [map { $_->{name} } settings_of('/srv/plain/site')], ['here'],
-        'but only if there are none in its root';
-    is_deeply [settings_of('/srv/missing')], [], 'a missing root has none';
+        'settings in the root are used instead of those above it';
+    is_deeply [settings_of('/srv/missing')], [], 'a missing root has no settings';
     is_deeply [map { $_->{name} } settings_of('/srv/plain/site',
         roots => ['/srv/plain/site', '/home/alice/public_html/blog'])],
         ['here', 'below'], 'all roots of a site are searched';
@@ -247,7 +247,7 @@ test 'Settings may be above the directory where an application expects them' => 
 
 test 'A database in a file needs no server' => sub {
     put('/srv/lite/.env', "DB_CONNECTION=sqlite\nDB_DATABASE=/srv/lite/db\n");
-    is_deeply [settings_of('/srv/lite')], [], 'a database in a file needs no server';
+    is_deeply [settings_of('/srv/lite')], [], 'settings of a database in a file are left out';
 };
 
 test 'Settings of other accounts are not used' => sub {
@@ -259,13 +259,14 @@ test 'Settings of other accounts are not used' => sub {
     chown 1002, 1002, "$system/home/eve/www" or die $!;
     symlink '/home/bob/www/wp-config.php', "$system/home/eve/www/wp-config.php" or die $!;
     symlink '/home/bob/www', "$system/home/eve/www/blog" or die $!;
-    is_deeply [settings_of('/home/eve/www')], [], 'a link to settings of others claims nothing';
+    is_deeply [settings_of('/home/eve/www')], [], 'links to settings of another account are not used';
     put('/home/eve/kept/wp-config.php', wp('of_eve'));
     chown 1002, 1002, "$system/home/eve/kept/wp-config.php" or die $!;
     unlink "$system/home/eve/www/wp-config.php" or die $!;
     symlink '../kept/wp-config.php', "$system/home/eve/www/wp-config.php" or die $!;
-    is_deeply [map { $_->{name} } settings_of('/home/eve/www')], ['of_eve'], 'a link to own settings does';
-    is $problems->count, 0, 'none of this is a problem';
+    is_deeply [map { $_->{name} } settings_of('/home/eve/www')], ['of_eve'],
+        'a link to settings of the same account is used';
+    is $problems->count, 0, 'links that are not used are no problem';
 };
 
 # A pipe in the place of a file must not block.
@@ -273,11 +274,12 @@ test 'What cannot be a file of settings is not read' => sub {
     $problems = Agent::Problems->new;
     put('/srv/pipe/index.php', '<?php');
     POSIX::mkfifo("$system/srv/pipe/wp-config.php", 0600) or die $!;
-    is_deeply [settings_of('/srv/pipe')], [], 'a pipe is no file';
+    is_deeply [settings_of('/srv/pipe')], [], 'a pipe is not read';
     put('/srv/big/wp-config.php', wp('big') . ' ' x (2 * 1024 * 1024));
     is_deeply [settings_of('/srv/big')], [], 'a file too large for settings is not read';
     is_deeply [map { $_->{text} } $problems->all],
-        ['The databases that /srv/big/wp-config.php names are not known: File too large'], 'and named';
+        ['The databases that /srv/big/wp-config.php names are not known: File too large'],
+        'a file that is too large is named';
 };
 
 run_tests;

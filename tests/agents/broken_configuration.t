@@ -91,13 +91,13 @@ my @DAMAGES = (
 for my $file (sort keys %whole) {
     for my $number (0 .. $#DAMAGES) {
         my ($name, $change) = @{ $DAMAGES[$number] };
-        test "$file $name is read without trouble" => sub {
+        test "$file $name is read in time and without trouble" => sub {
             my @trouble;
             for my $at (grep { !$number || ($_ + $number) % $STEP == 0 } 0 .. length($whole{$file}) - 1) {
                 push @trouble, map {"at $at: $_"} trouble_with($file, $change->($whole{$file}, $at));
             }
             write_damaged($file, $whole{$file});
-            is_deeply \@trouble, [], "$file $name is read";
+            is_deeply \@trouble, [], "$file $name is read in time, without an error or a warning";
         };
     }
 }

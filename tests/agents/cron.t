@@ -30,7 +30,7 @@ for my $spool ('var/spool/cron/crontabs', 'var/spool/cron') {
             root => { crontab => undef, files => ['/etc/crontab'],
                 jobs => [{ when => '17 * * * *', command => 'cd / && run-parts', file => '/etc/crontab' }] },
         }, 'each account has its jobs';
-        is_deeply problem_texts($problems), [], 'without a problem';
+        is_deeply problem_texts($problems), [], 'no problem is named';
     };
 }
 
@@ -40,7 +40,7 @@ test 'Cron of the Red Hat family reads other names too' => sub {
         '#old', qw(shop.example 0hourly .hidden copy~ a.rpmsave a.rpmnew a.rpmorig));
     is_deeply [map { $_->{command} } @{ Linux::Cron::all($red_hat, $none)->{bob}{jobs} }],
         [qw(0hourly shop.example)],
-        'cron of the Red Hat family reads other names too';
+        'names with a point are read, hidden files and copies are not';
 };
 
 test 'Jobs that at runs once are named' => sub {
@@ -49,7 +49,7 @@ test 'Jobs that at runs once are named' => sub {
     Linux::Cron::all($at, $named);
     is_deeply problem_texts($named),
         ['error /var/spool/cron/atjobs: 2 jobs of "at" are not in the dump: give them to the new'
-        . ' host by hand'], 'what at runs once is named';
+        . ' host by hand'], 'the jobs of "at" are counted and named';
 };
 
 test 'Tables that a plain user cannot read are a problem' => sub {
@@ -58,11 +58,12 @@ test 'Tables that a plain user cannot read are a problem' => sub {
     chmod 0700, $tree->path('/var/spool/cron/crontabs') or die $!;
     {
         local ($), $>) = ('65534 65534', 65534);
-        is_deeply Linux::Cron::all($tree, $problems), {}, 'a plain user may see no tables';
+        is_deeply Linux::Cron::all($tree, $problems), {},
+            'a plain user finds no jobs in tables that it cannot read';
     }
     is_deeply problem_texts($problems), ['error /var/spool/cron/crontabs: Cannot be read: Permission denied;'
         . ' the jobs in it are not in the dump, copy them by hand'],
-        'and that is a problem';
+        'tables that cannot be read are an error';
 };
 
 run_tests;

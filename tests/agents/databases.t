@@ -103,7 +103,7 @@ my $elsewhere = 'It may be in a container, or the server of another account, or 
 test 'All servers are listed' => sub {
     is_deeply [map {"$_->{kind} $_->{running}"} $assignment->()->{databases}->servers],
         ['mysql 1', 'postgresql 1'],
-        'all servers are listed';
+        'both servers are listed and run';
 };
 
 test 'The owner of a database is found by settings, accounts or names' => sub {
@@ -127,7 +127,7 @@ test 'The owner of a database is found by settings, accounts or names' => sub {
         'postgresql alice_shop' => 'alice guess -',          # of the same name on another server
     );
     is owner_of($_), $expected{$_}, "$_ belongs to: $expected{$_}" for sort keys %expected;
-    is_deeply [sort keys %assigned], [sort keys %expected], 'there are no other databases';
+    is_deeply [sort keys %assigned], [sort keys %expected], 'no other databases are found';
     is $assigned{'mysql alice_shop'}{because},
         '/mnt/sites/shop.test/wp-config.php (WordPress) of shop.test names it,'
         . ' and the user and the password there open it', 'the assignment gives the reason';
@@ -169,16 +169,16 @@ test 'What is doubtful about a database is named' => sub {
             . ' open it',
         (map {"warning MariaDB database $_: Belongs to no client: no settings of a site name it, and neither does its own"
             . ' name'} qw(foreign lost stale)),
-    ], 'what is doubtful is named';
+    ], 'each doubtful database, account and file of settings is named';
 };
 
 test 'A database is dumped by its own server' => sub {
     for my $name ('mysql alice_shop', 'postgresql forum') {
         my $sql = '';
         is $assignment->()->{databases}->dump($assignment->()->{of}{$name}, sub { $sql .= $_[0] }), undef,
-            "$name is dumped by its own server";
+            "$name: the dump succeeds";
         like $sql, $name =~ /^mysql/ ? qr/^-- MariaDB dump/m : qr/^-- PostgreSQL database dump/m,
-            "$name: the right kind of dump";
+            "$name: the program of its own server has made the dump";
     }
 };
 
@@ -190,7 +190,8 @@ test 'A database without a server is named' => sub {
                 roots => ['/srv/a'] }]);
         is_deeply problem_texts($told),
             ['error a.test: /srv/a/wp-config.php names the database inner, for which no server was'
-            . " found on this host. $elsewhere"], 'a database without a server is named';
+            . " found on this host. $elsewhere"],
+            'settings that name a database without a server are an error';
 };
 
 run_tests;

@@ -42,9 +42,10 @@ sub is_refused {
 test 'A directory is entered if it is there' => sub {
     my $top = laid_out();
     ok enter($top, '/site/public'), 'a directory below others is entered';
-    is_deeply [(stat '.')[0, 1]], [(stat "$top/site/public")[0, 1]], 'which is the current one then';
+    is_deeply [(stat '.')[0, 1]], [(stat "$top/site/public")[0, 1]],
+        'the directory that was entered is the current one';
     leave();
-    ok !enter($top, '/site/absent'), 'one that is not there is not';
+    ok !enter($top, '/site/absent'), 'a directory that is not there is not entered';
     leave();
 };
 

@@ -27,23 +27,25 @@ test 'A second dump makes what has changed or is gone' => sub {
     my $second = inodes();
     my @made = grep { ($first->{$_} || '') ne $second->{$_} } sort keys %$second;
     is_deeply \@made, [qw(content/sites/a.test.tar.gz content/sites/c.test.tar.gz)],
-        'a second dump makes what has changed or is gone';
+        'only the archives that have changed or are gone are made';
     is run(['tar', '-xOf', "$dir/content/sites/a.test.tar.gz", './home/alice/app/public/index.php'])->{out},
-        'indexchanged', 'as it is now';
+        'indexchanged', 'the new archive has the new content';
     open my $archive, '>>', "$dir/content/sites/b.test.tar.gz" or die $!;
     print $archive 'x';
     close $archive;
-    ok !eval { Linux::ContentList::text_of($private); 1 }, 'an archive that was touched is not listed as good';
+    ok !eval { Linux::ContentList::text_of($private); 1 },
+        'there is no content list while an archive is not as it was made';
     dumped('', '--dump-all');
-    is run(['gzip', '-t', "$dir/content/sites/b.test.tar.gz"])->{status}, 0, 'and made again';
+    is run(['gzip', '-t', "$dir/content/sites/b.test.tar.gz"])->{status}, 0,
+        'an archive that was touched is made again';
 };
 
 test 'A failure is a problem of its object whatever its text' => sub {
     my $problems = Agent::Problems->new;
     my $content = Linux::Content->new(problems => $problems);
     ok eval { $content->attempt({ kind => 'site', label => 'a.test' }, sub { die "Ended by chance\n" }); 1 },
-        'a failure is a problem of its object whatever its text';
-    is $problems->count('error'), 1, 'which is named';
+        'a failure whose text is like that of a signal does not end the dump';
+    is $problems->count('error'), 1, 'the failure is an error';
 };
 
 test 'The status is there before anything is looked at' => sub {
@@ -59,19 +61,20 @@ test 'The status is there before anything is looked at' => sub {
     unlink "$dir/dumping-status.xml" or die $!;
     dumped('', '--dump-all', '--no-content');
     is_deeply [$stage, $pid, $before], ['inventory', $$, undef],
-        'before anything is looked at the status is there, and the dump before is not';
+        'the status has its stage and its process, and the description of the last dump is gone';
 };
 
 test 'A second dump at the same time is refused' => sub {
     my $lock = Linux::Dump::take_lock($private);
-    ok !eval { dumped('', '--dump-all'); 1 }, 'a second dump at the same time is refused';
-    ok !eval { Linux::ContentList::text_of($private); 1 }, 'so is the list of an unfinished one';
+    ok !eval { dumped('', '--dump-all'); 1 }, 'a dump is refused while another one runs';
+    ok !eval { Linux::ContentList::text_of($private); 1 }, 'a content list is refused while a dump runs';
 };
 
 test 'There is no list of a dump that was not completed' => sub {
     Agent::Kept->new($private)->begin;
-    ok !eval { Linux::ContentList::text_of($private); 1 }, 'there is no list of a dump that was not completed';
-    like $@, qr/no complete dump/, 'the error says this';
+    ok !eval { Linux::ContentList::text_of($private); 1 },
+        'the content list of a dump that was not completed is refused';
+    like $@, qr/no complete dump/, 'the error says that there is no complete dump';
 };
 
 test 'A dump that gets a termination signal leaves nothing incomplete' => sub {
@@ -91,22 +94,24 @@ test 'A dump that gets a termination signal leaves nothing incomplete' => sub {
     }
     waitpid $child, 0;
     is $? >> 8, 7, 'a dump ends on a termination signal';
-    is found('string(/dumping-status/@stage)', "$dir/dumping-status.xml"), 'failed', 'and says that it has failed';
-    is_deeply [grep {/\.new\z/} @{ files() }], [], 'without leaving half an archive';
-    ok !-e "$dir/dump.xml", 'or a dump';
+    is found('string(/dumping-status/@stage)', "$dir/dumping-status.xml"), 'failed',
+        'the status says that the dump has failed';
+    is_deeply [grep {/\.new\z/} @{ files() }], [], 'no incomplete archive stays';
+    ok !-e "$dir/dump.xml", 'there is no description of the dump';
     my $kept = inodes();
     rest();
     dumped('', '--dump-all');
     my $after = inodes();
-    is_deeply [grep { $after->{$_} ne $kept->{$_} } keys %$kept], [], 'the next one goes on from there';
-    is_deeply files(), \@EVERYTHING, 'to the end';
+    is_deeply [grep { $after->{$_} ne $kept->{$_} } keys %$kept], [],
+        'the next dump keeps the archives that were complete';
+    is_deeply files(), \@EVERYTHING, 'the next dump makes all other archives';
 };
 
 test 'No file of a dump is open to others' => sub {
     dumped('', '--dump-all');
     my @modes = map { sprintf '%o', (lstat)[2] & 07777 } map {"$dir/$_"} @{ files() }, 'dump.xml', 'dumping-status.xml',
         'state', 'lock', 'key';
-    is_deeply [grep { $_ ne '600' } @modes], [], 'no file is open to others';
+    is_deeply [grep { $_ ne '600' } @modes], [], 'the mode of each file is 0600';
 };
 
 run_tests;

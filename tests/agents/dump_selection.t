@@ -35,49 +35,54 @@ for my $what (sort keys %SELECTED) {
         dumped($input, @$arguments);
         is_deeply files(), [sort map {"content/$_.tar.gz"} @$expected], "$what: exactly its archives are there";
         my %named = map { $_ => 1 } @{ values_of('//content/@file') };
-        is_deeply [sort keys %named], files(), "$what: and in the document";
-        valid('dump', $private->read('dump.xml'), "$what: which is valid");
-        like Linux::ContentList::text_of($private), qr/dump\.xml/, "$what: the list is right";
+        is_deeply [sort keys %named], files(), "$what: the description names exactly these archives";
+        valid('dump', $private->read('dump.xml'), "$what: the description is valid");
+        like Linux::ContentList::text_of($private), qr/dump\.xml/,
+            "$what: the content list has the description";
     };
 }
 
 test 'What no archive has is named unless the host is dumped too' => sub {
     dumped('only-mail.test', '--dump-domains=-');
-    is problem_of('only-mail.test', 'zone only-mail.test; dump with --server too'), 'error', 'what no archive has is named';
+    is problem_of('only-mail.test', 'zone only-mail.test; dump with --server too'), 'error',
+        'a zone that is in no archive is an error of its domain';
     dumped('bob', '--dump-clients=-');
-    is problem_of('bob', 'FTP account shop; dump with --server too'), 'error', 'also that of a client';
+    is problem_of('bob', 'FTP account shop; dump with --server too'), 'error',
+        'an FTP account that is in no archive is an error of its client';
     dumped('bob', '--dump-clients=-', '--server');
-    is problem_of('bob', 'FTP account'), '', 'but not where the archive of the settings has it';
+    is problem_of('bob', 'FTP account'), '', 'an FTP account in the archive of the settings is no problem';
 };
 
 test 'A site whose root was shared has it when it is dumped alone' => sub {
     dumped('absent,b.test', '--dump-domains=-');
-    is problem_of('absent', 'no such domain'), 'error', 'an unknown name is a problem';
+    is problem_of('absent', 'no such domain'), 'error', 'an unknown name is an error';
     is_deeply members('content/sites/b.test.tar.gz'),
         [qw(./etc/nginx/sites-enabled/b ./etc/systemd/system/shop.service ./etc/systemd/system/shop.timer
             ./home/alice/app/public/index.php ./var/spool/cron/crontabs/alice)],
-        'a site whose root was shared has it when it is dumped alone';
+        'the archive has the shared root, and the units and jobs that belong to it';
 };
 
 test 'Only mail or only hosting leaves out the other' => sub {
     dumped('bob', '--dump-clients=-', '--only-mail');
-    is found('count(//site)'), 0, 'only mail has no sites';
+    is found('count(//site)'), 0, 'a dump of only mail has no sites';
     dumped('bob', '--dump-clients=-', '--only-hosting');
-    is found('count(//mailbox)'), 0, 'only hosting has no mailboxes';
+    is found('count(//mailbox)'), 0, 'a dump of only hosting has no mailboxes';
     is found('count(/dump/server | /dump/admin-info)'), 0, 'the host is described only when asked for';
 };
 
 test 'Archives can be without compression' => sub {
     dumped('bob', '--dump-clients=-', '--no-compress');
-    is_deeply files(), [map {"content/$_.tar"} qw(clients/bob mailboxes/bob sites/c.test)], 'without compression';
-    is members('content/sites/c.test.tar')->[-1], './srv/releases/5/web/index.html', 'they are plain archives';
+    is_deeply files(), [map {"content/$_.tar"} qw(clients/bob mailboxes/bob sites/c.test)],
+        'the archives have names without the ending of a compressed file';
+    is members('content/sites/c.test.tar')->[-1], './srv/releases/5/web/index.html',
+        'tar reads an archive without compression';
 };
 
 test 'Content by rsync is made into archives and its password is nowhere' => sub {
     dumped("host\nlogin\nsecret word\n0\nbob", '--content-transport=rsync', '--dump-clients=-');
     is found('string(/dumping-status/transport/@used)', "$dir/dumping-status.xml"), 'archives',
         'the status says that content is archives';
-    is run(['grep', '-r', 'secret word', $dir])->{status}, 1, 'the password is nowhere';
+    is run(['grep', '-r', 'secret word', $dir])->{status}, 1, 'no file of the dump has the password';
 };
 
 run_tests;

@@ -110,9 +110,9 @@ for my $plugin ('mysql_clear_password', 'dialog', 'mysql_native_password') {
         my $fake = FakeServer->new(account => 'plain', path => '/tmp/mysql.sock',
             talk => mysql_server($plugin));
         my ($problems, @servers) = look('Linux::MySql');
-        is $fake->said, '', "an account's server that asks by $plugin is not spoken to";
+        is $fake->said, '', 'the server is sent nothing';
         is_deeply [\@servers, problem_texts($problems)], [[], [$OF_PLAIN]],
-            'it is named, and no server of the host';
+            'the server is named and is not taken for one of the host';
     };
 }
 
@@ -122,11 +122,11 @@ for my $plugin ('mysql_clear_password', 'dialog', 'caching_sha2_password', 'sha2
         my $fake = FakeServer->new(account => 'mysql', path => '/run/mysqld/mysqld.sock',
             talk => mysql_server($plugin));
         my ($problems) = look('Linux::MySql');
-        like $fake->said, qr/\Alogin\n/, "the service account's server that asks by $plugin is asked";
-        unlike $fake->said, qr/\Q$SECRET\E/, 'and does not learn the password as it is';
+        like $fake->said, qr/\Alogin\n/, 'the server gets a login';
+        unlike $fake->said, qr/\Q$SECRET\E/, 'the server does not get the password in clear text';
         like join("\n", @{ problem_texts($problems) }),
             qr/\Aerror MariaDB: The server cannot be asked: .*\Q$plugin\E/,
-            'which is said';
+            'the error names the plugin';
     };
 }
 
@@ -136,14 +136,14 @@ test 'A server that asks for a file gets none' => sub {
     my $fake = FakeServer->new(account => 'mysql', path => '/run/mysqld/mysqld.sock',
         talk => mysql_server(undef, $wanted));
     look('Linux::MySql');
-    like $fake->said, qr/\Alogin\n/, 'a server that asks for a file is asked';
-    unlike $fake->said, qr/file:/, 'and gets none';
+    like $fake->said, qr/\Alogin\n/, 'the server gets a login';
+    unlike $fake->said, qr/file:/, 'the client sends no file';
     my $server = bless { tree => Linux::Tree->new, problems => Agent::Problems->new, version => '8.0.36',
         dump => '/usr/bin/mariadb-dump', limit => 3,
         login => ["--defaults-extra-file=$wanted", '--protocol=socket',
             '--socket=/run/mysqld/mysqld.sock'] }, 'Linux::MySql';
     $server->dump_tables({ name => 'shop' }, [], sub { });
-    unlike $fake->said, qr/file:/, 'nor by a dump';
+    unlike $fake->said, qr/file:/, 'the program that dumps sends no file';
 };
 
 test 'Option files of the host do not lead the login to other servers' => sub {
@@ -152,23 +152,23 @@ test 'Option files of the host do not lead the login to other servers' => sub {
     my $other = FakeServer->new(account => 'plain', path => '/tmp/other.sock',
         talk => mysql_server('mysql_clear_password'));
     my ($problems) = look('Linux::MySql');
-    like $fake->said, qr/\Alogin\n/, "the host's server is asked";
-    is $other->said, '', 'and no other that an option file names';
+    like $fake->said, qr/\Alogin\n/, 'the server of the host gets a login';
+    is $other->said, '', 'the server that an option file names is sent nothing';
     like join("\n", @{ problem_texts($problems) }), qr{^error plain: .* own at /tmp/other\.sock,}m,
-        'but that is named';
+        'the server that an option file names is named';
 };
 
 test 'An account that clients log in as is no account that a server runs as' => sub {
     begin_anew();
     write_file('/etc/mysql/conf.d/own.cnf', "[client]\nuser = plain\n[mysqld]\nuser = sudoer\n");
-    for my $case ([plain => 0], [sudoer => 1]) {
-        my ($account, $counts) = @$case;
+    for my $case ([plain => 0, 'no login'], [sudoer => 1, 'a login']) {
+        my ($account, $counts, $gets) = @$case;
         chmod 0777, '/run/mysqld' or die $!;
         my $fake = FakeServer->new(account => $account, path => '/run/mysqld/mysqld.sock',
             talk => mysql_server('none'));
         chmod 0755, '/run/mysqld' or die $!;
         look('Linux::MySql');
-        is $fake->said =~ /\Alogin\n/ ? 1 : 0, $counts, "a server that runs as $account: $counts";
+        is $fake->said =~ /\Alogin\n/ ? 1 : 0, $counts, "a server that runs as $account gets $gets";
     }
 };
 
@@ -187,13 +187,16 @@ test 'Servers of an account take no time and are named once' => sub {
             talk => silent_server()) } 5401 .. 5420;
         my $began = Time::HiRes::time();
         my ($problems, @servers) = look('Linux::PostgreSql');
-        cmp_ok Time::HiRes::time() - $began, '<', 2, 'twenty servers of an account take no time';
-        is_deeply [join('', map { $_->said } @fakes), scalar @servers], ['', 0], 'none of them is spoken to';
+        cmp_ok Time::HiRes::time() - $began, '<', 2,
+            'the agent does not wait for twenty servers of an account';
+        is_deeply [join('', map { $_->said } @fakes), scalar @servers], ['', 0],
+            'no server of the account is sent anything or taken for one of the host';
         is_deeply problem_texts($problems),
             ['error plain: The account has a PostgreSQL server of its own at /tmp/.s.PGSQL.5401,'
             . " /tmp/.s.PGSQL.5402, /tmp/.s.PGSQL.5403 and 17 more, which is not the host's and is not"
                 . " asked: its databases are"
-            . ' not dumped. Dump those that are needed as this account, with pg_dump'], 'they are named once';
+            . ' not dumped. Dump those that are needed as this account, with pg_dump'],
+            'all servers of the account are named in one problem';
 };
 
 test 'Several servers of the service account that hang take no longer than one may' => sub {
@@ -202,20 +205,25 @@ test 'Several servers of the service account that hang take no longer than one m
             talk => silent_server()) } 5401 .. 5406;
         my $began = Time::HiRes::time();
         my ($problems, @servers) = look('Linux::PostgreSql');
-        cmp_ok Time::HiRes::time() - $began, '<', 6, 'they take no longer together than one may';
+        cmp_ok Time::HiRes::time() - $began, '<', 6, 'all servers together take about the time of one';
         is_deeply [map { /no answer within [\d.]+ seconds/ ? 'no answer within N seconds'
             : $_ } @{ problem_texts($problems) }],
-            [('no answer within N seconds') x 6], 'each is named';
+            [('no answer within N seconds') x 6], 'each server that does not answer is named';
 };
 
 test 'A socket that the service account has left is a server that is down' => sub {
     begin_anew();
     # What the service account has left behind is a server that is down; what others have left is nothing.
-    for my $case ([postgres => ['error PostgreSQL (port 5401): The server cannot be asked: it is not running'
-        . ' (/tmp/.s.PGSQL.5401: Connection refused)']], [plain => []]) {
-        FakeServer->new(account => $case->[0], path => '/tmp/.s.PGSQL.5401')->stop;
+    for my $case (
+        [postgres => 'is a server that is down',
+            'error PostgreSQL (port 5401): The server cannot be asked: it is'
+            . ' not running (/tmp/.s.PGSQL.5401: Connection refused)'],
+        [plain => 'is not named'],
+    ) {
+        my ($account, $what, @expected) = @$case;
+        FakeServer->new(account => $account, path => '/tmp/.s.PGSQL.5401')->stop;
         my ($problems) = look('Linux::PostgreSql');
-        is_deeply problem_texts($problems), $case->[1], "a socket that $case->[0] has left";
+        is_deeply problem_texts($problems), \@expected, "a socket that $account has left $what";
         unlink '/tmp/.s.PGSQL.5401';
     }
 };
@@ -225,16 +233,17 @@ test 'An account that takes the port of a server that is down is not spoken to' 
     write_file('/etc/postgresql/15/main/postgresql.conf', "port = 5432\n");
     my $squatter = FakeServer->new(account => 'plain', path => '/tmp/.s.PGSQL.5432', talk => silent_server());
     my ($problems, $server) = look('Linux::PostgreSql');
-    is $squatter->said, '', 'who takes the place of a server that is down is not spoken to';
+    is $squatter->said, '', 'the account is sent nothing';
     is problem_texts($problems)->[-1],
         'error PostgreSQL (port 5432): The server cannot be asked: it is not running, and the'
-        . " server at /tmp/.s.PGSQL.5432 is not the host's", 'the server is not running for all that';
+        . " server at /tmp/.s.PGSQL.5432 is not the host's",
+        'the server of the host is named as one that does not run';
 
     # The other case: it takes the socket after the agent has looked at it.
     @$server{qw(directory owner)} = ('/tmp', [(getpwnam 'postgres')[2, 3]]);
     my (undef, $error) = $server->ask('SELECT 1');
-    like $error, qr/requirepeer/, 'who takes it later is found out by the client';
-    is $squatter->said, '', 'who says nothing to it';
+    like $error, qr/requirepeer/, 'the client refuses a socket that the account takes later';
+    is $squatter->said, '', 'the client sends the account nothing';
 };
 
 run_tests;

@@ -38,14 +38,14 @@ test 'Servers that are asked are not named and further ones are' => sub {
     my $other = PrivateServer->new('postgresql', '/mnt/other', '/mnt/other-sockets');
     my $texts = join "\n", @{ noted() };
     like $texts, qr{^error MySQL or MariaDB: A further server, of the account mysql, listens at /mnt/second-socket/mysqld.sock and was not asked: its databases are not in the dump. Dump those that are needed by hand, with mysqldump$}m,
-        'a second instance is';
+        'a second instance is an error';
     like $texts, qr{^error PostgreSQL: A further server, of the account postgres, listens at /mnt/other-sockets/\.s\.PGSQL\.\d+ and was not asked}m,
-        'and a server in an unusual place';
-    is scalar(split /\n/, $texts), 2, 'nothing else' or diag $texts;
+        'a server in an unusual directory is an error';
+    is scalar(split /\n/, $texts), 2, 'nothing else is named' or diag $texts;
 };
 
-test 'Without servers there is nothing to say' => sub {
-    is_deeply noted(), [], 'without servers there is nothing to say';
+test 'Nothing is named without servers' => sub {
+    is_deeply noted(), [], 'nothing is named without servers';
 };
 
 run_tests;

@@ -36,11 +36,11 @@ test 'The zones of the name server are found with their files' => sub {
             files => ['/var/cache/bind/db.b', '/var/cache/bind/db.b.jnl'] },
         { name => 'c.test', type => 'secondary', file => '/var/cache/bind/db.c', files => [] },
         { name => 'gone.test', type => 'primary', file => '/var/cache/bind/gone', files => [] },
-    ], 'the zones of the name server are found with their files';
+    ], 'each zone has its type, its file and the files beside it';
     is_deeply problem_texts($problems),
         ['error gone.test: Is a zone of the name server whose file is not there:'
-        . ' /var/cache/bind/gone; copy the zone by hand'], 'a missing one is an error';
-    is_deeply [Linux::Zones::all(imitated())], [], 'a host without a name server has none';
+        . ' /var/cache/bind/gone; copy the zone by hand'], 'a zone whose file is missing is an error';
+    is_deeply [Linux::Zones::all(imitated())], [], 'a host without a name server has no zones';
 };
 
 test 'Keys that sign mail are found' => sub {
@@ -65,10 +65,11 @@ test 'Keys that sign mail are found' => sub {
             'opendkim a.test mail /etc/opendkim/a.private',
         'rspamd own.test s1 /etc/own.key', 'rspamd usual.test mail /var/lib/rspamd/dkim/usual.test.mail.key',
         'rspamd d.test s2 /var/keys/s2/d.test.key', 'amavis e.test sel /etc/e.pem',
-    ], 'keys that sign mail are found';
+    ], 'the keys of opendkim, rspamd and amavis are found';
     is_deeply problem_texts($problems),
         ['error b.test: The key /etc/opendkim/absent by which opendkim signs its mail is not'
-        . ' there: make a new one on the new host, with its record in the zone'], 'a missing one is an error';
+        . ' there: make a new one on the new host, with its record in the zone'],
+        'a key that is missing is an error';
 };
 
 test 'What another account writes leads to files of its own only' => sub {
@@ -78,9 +79,9 @@ test 'What another account writes leads to files of its own only' => sub {
         'etc/shadow' => 'x');
     chown 120, 120, map { $tree->path($_) } '/etc/opendkim/keys', '/etc/opendkim/own.key' or die $!;
     is_deeply [map { $_->{file} } Linux::DkimKeys::all($tree, $problems)], ['/etc/opendkim/own.key'],
-        'what another account writes leads to files of its own only';
+        'a key file of the account itself is found, and no other';
     like problem_texts($problems)->[0], qr{\Aerror b.test: The key /etc/shadow .* is not of who names it},
-        'which is named';
+        'a key file of another account is named';
 };
 
 test 'Virtual users of FTP servers are found' => sub {
@@ -101,7 +102,7 @@ test 'Virtual users of FTP servers are found' => sub {
     ], 'virtual users of FTP servers are found, without passwords';
     is_deeply [map {/\A(\w+ \S+:)/} @{ problem_texts($problems) }],
         ['warning /etc/pure-ftpd/auth/30mysql:', 'warning /etc/vsftpd.conf:'],
-        'those that are not read are named';
+        'settings of FTP servers that are not read are named';
 };
 
 run_tests;

@@ -14,12 +14,12 @@ use Linux::Tree;
 
 test 'The facts of the host are found' => sub {
     my $facts = Linux::System::facts(Linux::Tree->new);
-    ok $facts->{$_}, "the host has: $_" for qw(hostname kernel architecture processors perl);
+    ok $facts->{$_}, "the facts of the host have: $_" for qw(hostname kernel architecture processors perl);
     cmp_ok $facts->{memory}{total}, '>', 1 << 20, 'memory is given in bytes';
     ok((grep { $_->{mount} eq '/' && $_->{free} > 0 && $_->{bytes} >= $_->{free} } @{ $facts->{filesystems} })
         || !run(['findmnt', '-n', '/'])->{out}, 'file systems have their free space')
             or diag explain $facts->{filesystems};
-    like $facts->{tools}{tar}, qr{/tar\z}, 'tools are found';
+    like $facts->{tools}{tar}, qr{/tar\z}, 'the path of a tool is found';
 };
 
 test 'Distributions are known, also old ones' => sub {
@@ -32,7 +32,8 @@ test 'Distributions are known, also old ones' => sub {
     my ($debian) = imitated('etc/debian_version' => "6.0.10\n");
     is(Linux::System::distribution($debian)->{version}, '6.0.10', 'old releases of Debian are known');
     my ($other) = imitated('etc/os-release' => "ID=void\n");
-    is(Linux::System::distribution($other)->{family}, 'other', 'others are others');
+    is(Linux::System::distribution($other)->{family}, 'other',
+        'another distribution is of the family "other"');
 };
 
 test 'The resellers of accounts are found' => sub {
@@ -45,9 +46,10 @@ END
     is_deeply(Linux::Resellers::map_of($tree, $problems), { ann => 'big', bob => 'big', cid => 'small' },
         'users have their resellers');
     is_deeply problem_texts($problems), ['warning /etc/sondrel/resellers: Line 3: bob already belongs to big, and stays there',
-        'error /etc/sondrel/resellers: Line 4: expected "reseller: user ...", the line is left out'], 'mistakes are named';
+        'error /etc/sondrel/resellers: Line 4: expected "reseller: user ...", the line is left out'],
+        'each mistake is named with its line';
     ($tree, $problems) = imitated('etc/passwd' => '');
-    is_deeply(Linux::Resellers::map_of($tree, $problems), {}, 'without the file there are none');
+    is_deeply(Linux::Resellers::map_of($tree, $problems), {}, 'there are no resellers without the file');
 };
 
 test 'The facts of a certificate are found' => sub {
@@ -60,13 +62,15 @@ test 'The facts of a certificate are found' => sub {
     is $made->{status}, 0, 'a certificate is made' or diag $made->{err};
     my $certificate = Linux::Tls::facts($tree, '/etc/ssl/a.pem');
     is_deeply $certificate->{names}, ['a.test', '*.a.test', '10.0.0.1'], 'a certificate has its names';
-    is $certificate->{subject}, 'CN=a.test,O=A\, B', 'its subject';
-    is $certificate->{until} - $certificate->{from}, 30 * 86400, 'and its time';
-    cmp_ok abs($certificate->{from} - time), '<', 3600, 'in seconds since 1970';
+    is $certificate->{subject}, 'CN=a.test,O=A\, B', 'the subject of a certificate is found';
+    is $certificate->{until} - $certificate->{from}, 30 * 86400,
+        'the time for which a certificate is valid is found';
+    cmp_ok abs($certificate->{from} - time), '<', 3600,
+        'the beginning of the time for which a certificate is valid is in seconds since 1970';
     is((Linux::Tls::facts($tree, '/etc/ssl/bad.pem'))[1], 'openssl cannot read it as a certificate',
-        'no certificate is named');
+        'the error of a file without a certificate gives the reason');
     is((Linux::Tls::facts($tree, '/etc/ssl/gone'))[1], 'cannot be read: No such file or directory',
-        'a missing one, too');
+        'the error of a missing file gives the reason');
 };
 
 run_tests;

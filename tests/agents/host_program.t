@@ -24,17 +24,20 @@ sub asked { return answer_of($tree, [$program, @_]) }
 
 test 'A program of root is asked' => sub {
     is asked(0, 'word'), "said 0 word\n", 'a program of root in directories of root is asked';
-    is asked(1), undef, 'its answer does not count when it fails';
-    is answer_of($tree, [$program, 1], partly => 1), "said 1\n", 'unless a part of it is enough';
-    is answer_of((imitated())[0], [$program, 0]), undef, 'nothing is asked about a system that does not run';
-    is answer_of($tree, ['/usr/bin/tail', '-f', '/dev/null'], limit => 0.2), undef, 'or when it does not end';
-    is answer_of($tree, ['no-such-program-anywhere']), undef, 'a program may be missing';
+    is asked(1), undef, 'the answer of a program that fails does not count';
+    is answer_of($tree, [$program, 1], partly => 1), "said 1\n",
+        'the answer of a program that fails counts where a part of it is enough';
+    is answer_of((imitated())[0], [$program, 0]), undef,
+        'no program is asked about a system that does not run';
+    is answer_of($tree, ['/usr/bin/tail', '-f', '/dev/null'], limit => 0.2), undef,
+        'a program that does not end has no answer';
+    is answer_of($tree, ['no-such-program-anywhere']), undef, 'a missing program has no answer';
     like program('sh'), qr{\A/(?:usr/)?bin/sh\z}, 'programs are found by their names';
 };
 
 test 'The environment does not decide where programs are found' => sub {
         local $ENV{PATH} = "$directory/bin";
-        is program('say'), undef, 'but not where the environment says';
+        is program('say'), undef, 'a program in a directory of PATH is not found';
 };
 
 # Each of these lets another account replace the program.
@@ -55,16 +58,17 @@ for my $case (@cases) {
         $do->() or die $!;
         my $said = asked(0);
         $undo->() or die $!;
-        is $said, undef, "it is not asked where $what";
-        is asked(0), "said 0\n", 'it is asked again when all is in order';
+        is $said, undef, "the program is not asked where $what";
+        is asked(0), "said 0\n", 'the program is asked again when all is in order';
     };
 }
 
 test 'A link of root may lead to a program and one of another account may not' => sub {
     symlink "$directory/bin", "$directory/link" or die $!;
-    is answer_of($tree, ["$directory/link/say", 0]), "said 0\n", 'a link of root may lead to it';
+    is answer_of($tree, ["$directory/link/say", 0]), "said 0\n",
+        'a link of root to the directory of a program is followed';
     system('chown', '-h', '1234', "$directory/link") == 0 or die 'chown';
-    is answer_of($tree, ["$directory/link/say", 0]), undef, 'a link of another account may not';
+    is answer_of($tree, ["$directory/link/say", 0]), undef, 'a link of another account is not followed';
     is program("$directory/bin"), undef, 'a directory is no program';
 };
 

@@ -51,8 +51,9 @@ sub in_time {
 }
 
 for my $what (sort keys %TEXTS) {
-    test "Settings are read in time that have $what" => sub {
-        cmp_ok length $TEXTS{$what}, '<=', 256 * 1024, "$what: no longer than is read";
+    test "Settings with $what are read in time" => sub {
+        cmp_ok length $TEXTS{$what}, '<=', 256 * 1024,
+            "$what: the text is not longer than a file that is read";
         my @names = qw(wp-config.php .env config/config.ini.php app/etc/local.xml app/config/parameters.yml);
         my ($tree, $problems) = imitated('srv/a/' => undef, map { ("srv/a/$_" => $TEXTS{$what}) } @names);
         for my $name (@names) {
@@ -87,12 +88,12 @@ test 'The first ones of too many files of settings are read' => sub {
         cmp_ok scalar(@found), '<', 9, 'not all of too many files are read';
         is_deeply [sort map {"$_->{name} $_->{file}"} @found],
             [map {"own /srv/a/$_/wp-config.php"} 1 .. @found],
-            'but the first ones';
+            'the files that are read are the first ones';
         is scalar(grep {/not known: File too large/} @{ problem_texts($problems) }), 9 - @found,
-            'and the others are named';
+            'each file that is not read is named';
 };
 
-test 'A second name of settings of another account says nothing' => sub {
+test "Settings at a second name of another account's file are not used" => sub {
         my ($tree, $problems) = imitated('srv/a/' => [4711, 4711], 'srv/b/' => [4712, 4712]);
         for my $name (qw(a b)) {
             open my $file, '>', $tree->path("/srv/$name") . '/wp-config.php' or die $!;
@@ -107,7 +108,7 @@ test 'A second name of settings of another account says nothing' => sub {
         my %found = map { my $name = $_; ($name => [map { $_->{name} } $applications->settings(
             { name => $name, owner => $name, root => "/srv/$name", roots => ["/srv/$name"] })]) } qw(a b);
         is_deeply \%found, { a => [], b => ['of_b'] },
-            "a second name of another account's settings says nothing";
+            "only the owner's own name of the file leads to its settings";
 };
 
 run_tests;

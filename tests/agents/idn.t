@@ -9,9 +9,9 @@ use Independent;
 
 test 'A name of ASCII is changed to lower case only' => sub {
     is_deeply [Linux::Idn::forms('Plain.Example')], ['plain.example'],
-        'a plain name is as it is, in lower case';
+        'a plain name is only written in lower case';
     is_deeply [Linux::Idn::forms('XN--BCHER-KVA.example')], ['xn--bcher-kva.example'],
-        'so is one that is converted already';
+        'a name that is converted already is only written in lower case';
 };
 
 test 'A name in UTF-8 is converted' => sub {
@@ -32,12 +32,12 @@ test 'A name in UTF-8 is converted' => sub {
 
 test 'Other forms of a name are given where the rules differ' => sub {
     is_deeply [Linux::Idn::forms('straße.example')], ['xn--strae-oqa.example', 'strasse.example'],
-        'what the older rules replace has a form by these, too';
+        'a name with a letter that the older rules replace has a form by these too';
     is_deeply [Linux::Idn::forms("b\xfccher.example")], ["b\xfccher.example"],
-        'what is no UTF-8 stays as it is';
+        'a name that is no UTF-8 stays as it is';
     is_deeply [grep { utf8::is_utf8($_) && /[^\x00-\x7f]/ } map { Linux::Idn::forms($_) } 'bücher.example',
         'plain.example'], [],
-        'what comes out are bytes';
+        'the forms are bytes';
 };
 
 run_tests;

@@ -128,18 +128,18 @@ test 'A base and its increments are the tree after each kind of change' => sub {
     my $base = $tree->dumped;
     is_deeply $base->{increments}, [], 'the first archive is whole';
     $tree->fetch;
-    $tree->is_tree($base, 'the first archive is the tree');
+    $tree->is_tree($base, 'the first archive is the tree when it is unpacked');
     for my $step (@STEPS) {
         my ($what, $change) = @$step;
         $change->($tree);
         is $tree->follows($what)->{md5}, $base->{md5}, "$what: the base stays";
     }
-    my $last = $tree->follows('at the end');
+    my $last = $tree->follows('after all changes');
     my $first = $last->{increments}[0];
     is scalar @{ $last->{increments} }, 7, 'each dump after a change has added an increment';
     is_deeply $tree->members($first), ['./site/', './site/docs/', './site/docs/page'],
         'an increment has what has changed, and the directories above it';
-    ok !defined $first->{gone}, 'it has no list of vanished names if none has vanished';
+    ok !defined $first->{gone}, 'an increment has no list of vanished names if none has vanished';
     cmp_ok 512 * (stat $tree->restored($last) . '/site/sparse')[12], '<', 1_000_000,
         'a sparse file stays sparse';
 };
@@ -148,19 +148,21 @@ test 'What has not changed since it was fetched is not made again' => sub {
     my $tree = IncrementalDumps->begun;
     my ($one, $other) = map { $tree->dumped } 1, 2;
     is_deeply [$other->{md5}, $other->{increments}, [$tree->private->files_below('content')]],
-        [$one->{md5}, [], []], 'no file is made';
+        [$one->{md5}, [], []],
+        'the second dump names the same archive, without increments, and makes no file';
 };
 
 test 'Files without a newer time are packed with the directory that was renamed' => sub {
     my $tree = IncrementalDumps->begun;
     my $top = $tree->top;
     $tree->fill('elsewhere/old directory/from before', 'x');
-    $tree->follows('before');
+    $tree->follows('before the directory is renamed');
     rename "$top/elsewhere/old directory", "$top/site/old directory" or die $!;
     my $content = $tree->follows('a directory with older files');
     is_deeply [grep {/from before/} @{ $tree->members($content->{increments}[-1]) }],
-        ['./site/old directory/from before'], 'they are in the increment';
-    is_deeply $tree->follows('again')->{increments}, $content->{increments}, 'the next dump adds nothing';
+        ['./site/old directory/from before'], 'the files of the renamed directory are in the increment';
+    is_deeply $tree->follows('without a further change')->{increments}, $content->{increments},
+        'a dump without a further change adds no increment';
 };
 
 test 'A change at the time of the dump is in the next increment' => sub {
@@ -191,7 +193,8 @@ test 'A file that is there only while tar reads is removed by the next increment
         $content = $tree->dumped_after('site/docs/page', 'changed with it');
     }
     $tree->fetch;
-    ok +(grep {m{/brief/file}} @{ $tree->members($content->{increments}[-1]) }), 'it is in the archive';
+    ok +(grep {m{/brief/file}} @{ $tree->members($content->{increments}[-1]) }),
+        'the file is in the increment that was made meanwhile';
     rmtree("$top/site/brief");
     $tree->follows('a file that was there while tar read');
 };

@@ -22,7 +22,7 @@ my $PAGE = 'site/docs/page';
 test 'An archive is whole if no increments are asked for' => sub {
     my $tree = IncrementalDumps->begun;
     my $content = $tree->dumped_after($PAGE, 'an increment');
-    is scalar @{ $content->{increments} }, 1, 'there is an increment';
+    is scalar @{ $content->{increments} }, 1, 'a change makes an increment';
     $tree->fetch;
     $tree->fill($PAGE, 'once more');
     $tree->is_whole($tree->dumped(increments => 0), 'the archive is whole');
@@ -30,7 +30,7 @@ test 'An archive is whole if no increments are asked for' => sub {
         'no file of the increments stays';
     $tree->fetch;
     $tree->is_whole($tree->dumped_after($PAGE, 'and once more'),
-        'so is the next one, which could not follow it');
+        'the next archive is whole, since it has nothing to follow');
 };
 
 test 'An archive is whole if the one before was not fetched' => sub {
@@ -49,9 +49,9 @@ test 'An increment that was not fetched is replaced by one that has its changes'
         'an increment follows what was fetched';
     unlink $tree->top . '/site/vanishes' or die $!;
     my $second = $tree->dumped_after('site/docs/other', 'a second one');
-    is scalar @{ $second->{increments} }, 1, 'it is replaced';
+    is scalar @{ $second->{increments} }, 1, 'the increment that was not fetched is replaced by one other';
     $tree->fetch;
-    $tree->is_tree($second, 'nothing is missing');
+    $tree->is_tree($second, 'base and increment are the tree');
 };
 
 test 'An archive is whole if increments reach half of the base' => sub {
@@ -103,20 +103,21 @@ test 'An archive is whole if there was no room for the record of the one before'
         $content = $tree->dumped_after($PAGE, 'with a full disk');
     }
     is scalar @{ $content->{increments} || [] }, 1, 'an increment is made that cannot be followed';
-    like join('', $tree->problems->elements), qr/next dump.*whole.*No room is left/s, 'a problem names this';
+    like join('', $tree->problems->elements), qr/next dump.*whole.*No room is left/s,
+        'a problem says that the next dump will be whole, and why';
     $tree->fetch;
     $tree->is_tree($content, 'base and increment are the tree');
     is_deeply [grep {/\.new\z/} $tree->private->files_below('known')], [], 'no incomplete record stays';
     $tree->is_whole($tree->dumped_after($PAGE, 'after a full disk'), 'the next archive is whole');
 };
 
-test 'Only its owner may read what is kept for increments' => sub {
+test 'Only their owner may read the records that are kept for increments' => sub {
     my $tree = IncrementalDumps->begun;
     $tree->dumped_after($PAGE, 'an increment');
     my @records = $tree->private->files_below('known');
     is scalar @records, 2, 'there is a record of each archive';
     is_deeply [grep { (lstat $tree->private->dir . "/$_")[2] & 0177 } @records], [],
-        'other accounts have no right to it';
+        'other accounts have no right to a record';
 };
 
 test 'A dump of a database has no increments' => sub {
@@ -129,9 +130,10 @@ test 'A dump of a database has no increments' => sub {
     $private->replace($name, 'rows');
     $kept->add({ name => $name, size => 4, md5 => '0' x 32, unpacked => 4 }, '-');
     my $chain = Agent::Chain->new(kept => $kept, private => $private, name => $name);
-    is_deeply [[$chain->names], \@warnings], [[$name], []], 'the dump is all that there is';
+    is_deeply [[$chain->names], \@warnings], [[$name], []],
+        'the dump is the only file of its chain, and nothing warns';
     $chain->drop_from(0);
-    is_deeply [$chain->names, $private->files_below('content')], [], 'it is removed once';
+    is_deeply [$chain->names, $private->files_below('content')], [], 'the dump is removed';
 };
 
 run_tests;

@@ -41,16 +41,16 @@ sub two_archives {
 
 test 'Nothing is complete at first' => sub {
     begin_anew();
-    ok !again()->complete, 'nothing is complete at first';
+    ok !again()->complete, 'the dump of a new directory is not complete';
 };
 
 test 'An archive is remembered at once' => sub {
     my $kept = two_archives();
     is again()->find('content/a')->{fingerprint}, 'f1', 'an archive is remembered at once';
-    ok !again()->complete, 'before the dump is complete';
+    ok !again()->complete, 'the dump is not complete yet';
     $kept->add(made('content/a', 'aaaa'), 'f3');
-    is again()->find('content/a')->{fingerprint}, 'f3', 'the last record of it counts';
-    ok !defined again()->find('content/c'), 'others are not known';
+    is again()->find('content/a')->{fingerprint}, 'f3', 'the last record of an archive counts';
+    ok !defined again()->find('content/c'), 'an archive without a record is not known';
 };
 
 test 'An incomplete line is not taken for an archive' => sub {
@@ -66,22 +66,23 @@ test 'An incomplete line is not taken for an archive' => sub {
 test 'A dump is complete once it is finished, until it changes or another begins' => sub {
     my $kept = two_archives();
     $kept->retain('content', 'content/a');
-    is_deeply [$private->files_below('content')], ['content/a'], 'what is not wanted is removed';
+    is_deeply [$private->files_below('content')], ['content/a'], 'an archive that is not retained is removed';
     $kept->finish;
     ok again()->complete, 'a dump is complete once it is finished';
-    is_deeply [map { $_->{name} } again()->all], ['content/a'], 'with what is left';
+    is_deeply [map { $_->{name} } again()->all], ['content/a'],
+        'a finished dump has the archives that were retained';
     utime 1, 1, "$dir/content/a" or die $!;
     ok !defined again()->find('content/a'), 'an archive that was changed is not taken for the same';
     $kept->begin;
-    ok !again()->complete, 'the next dump is not complete';
+    ok !again()->complete, 'the next dump is not complete when it begins';
     $private->replace('state', "something else\ncomplete\n");
-    ok !again()->complete, 'the state of another version says nothing';
+    ok !again()->complete, 'a dump is not complete by the state of another version';
 };
 
 sub on_small_disk {
     my $small = tempdir(CLEANUP => 1);
         my $mounted = run(['mount', '-t', 'tmpfs', '-o', 'size=64k,mode=700', 'small', $small]);
-        is $mounted->{status}, 0, 'a small disk is there';
+        is $mounted->{status}, 0, 'a small disk is mounted';
     my $problems = Agent::Problems->new;
         return ($small, $problems, Agent::Status->new(Agent::Private->new($small), $problems));
 }
@@ -97,19 +98,19 @@ test 'The status stays as it was while the disk is full' => sub {
     my ($small, $problems, $status) = on_small_disk();
     is shown($small, 'stage'), 'starting', 'a status is there from the beginning';
     $status->set(stage => 'content', total => 5);
-    is shown($small, 'total'), 5, 'a new stage is shown at once';
+    is shown($small, 'total'), 5, 'the total of a new stage is shown at once';
     open my $filler, '>', "$small/filler" or die $!;
     1 while syswrite $filler, 'x' x 4096;
     $problems->add(severity => 'error', object => 'x', text => 'y');
     $status->set(stage => 'document', done => 5);
     is shown($small, 'stage'), 'content', 'the old status stays while the disk is full';
-    ok !eval { $status->write; 1 }, 'and the caller gets an error';
-    ok !-e "$small/dumping-status.xml.new", 'with nothing left behind';
+    ok !eval { $status->write; 1 }, 'the caller gets an error while the disk is full';
+    ok !-e "$small/dumping-status.xml.new", 'no incomplete status stays';
     close $filler;
     unlink "$small/filler" or die $!;
     $status->write;
     is_deeply [map { shown($small, $_) } qw(stage done problems pid)], ['document', 5, 1, $$],
-        'later it is true again';
+        'the status is up to date once there is room';
     run(['umount', $small]);
 };
 

@@ -36,37 +36,41 @@ my @OF_A = ((map {"/etc/letsencrypt/$_"} qw(live/a.test archive/a.test renewal/a
 
 test 'What certbot keeps of a certificate is found' => sub {
     is_deeply paths_of(map {"/etc/letsencrypt/live/a.test/$_.pem"} qw(fullchain privkey)), \@OF_A,
-        'certbot keeps a certificate in several places, and an account; those of others are left out';
-    is_deeply paths_of('/etc/nginx/ssl/a.pem'), \@OF_A, 'a link may lead there';
+        'the directories, the settings and the account of a certificate are found, and none of others';
+    is_deeply paths_of('/etc/nginx/ssl/a.pem'), \@OF_A,
+        'the same paths are found by a link to the certificate';
     is_deeply [Linux::Lineage->new($tree)->of('/etc/letsencrypt/live/a.test/cert.pem')]->[0]{directories}, [
         { path => '/etc/letsencrypt/live', mode => '0700', uid => 0, gid => 0 },
         { path => '/etc/letsencrypt/archive', mode => '0700', uid => 0, gid => 0 },
         { path => '/etc/letsencrypt/accounts', mode => '0755', uid => 0, gid => 0 },
-    ], 'the modes of the directories above are known';
-    is_deeply paths_of('/etc/letsencrypt/live/other.test/cert.pem'), [], 'what is not renewed has no lineage';
+    ], 'the owners and modes of the directories above are known';
+    is_deeply paths_of('/etc/letsencrypt/live/other.test/cert.pem'), [],
+        'a certificate that is not renewed has no lineage';
 };
 
 test 'What acme.sh keeps of a certificate is found' => sub {
     is_deeply paths_of('/etc/nginx/ssl/b.key'),
         ['/root/.acme.sh/b.test_ecc', '/root/.acme.sh/account.conf', '/root/.acme.sh/ca'],
-        'acme.sh notes where it has copied a key to';
+        'the directory of acme.sh is found by the place to which it has copied a key';
     is_deeply paths_of('/root/.acme.sh/c.test/c.test.conf')->[0], '/root/.acme.sh/c.test',
-        'or is asked for its own file';
+        'the directory of acme.sh is found by a file in it';
 };
 
 test 'What lego keeps of a certificate is found' => sub {
     is_deeply paths_of('/var/lib/lego/certificates/d.test.crt'),
         [(map {"/var/lib/lego/certificates/d.test.$_"} qw(crt json)), '/var/lib/lego/accounts'],
-        'lego is known';
+        'the files of a certificate and the accounts of lego are found';
 };
 
 test 'What dehydrated keeps of a certificate is found' => sub {
     is_deeply paths_of('/var/lib/dehydrated/certs/f.test/fullchain.pem'),
-        ['/var/lib/dehydrated/certs/f.test', '/var/lib/dehydrated/accounts'], 'so is dehydrated';
+        ['/var/lib/dehydrated/certs/f.test', '/var/lib/dehydrated/accounts'],
+        'the directory of a certificate and the accounts of dehydrated are found';
 };
 
 test 'Other files belong to no such program' => sub {
-    is_deeply paths_of('/etc/ssl/certs/plain.pem', undef, '/absent', 'relative'), [], 'other files have none';
+    is_deeply paths_of('/etc/ssl/certs/plain.pem', undef, '/absent', 'relative'), [],
+        'other files have no lineage';
 };
 
 run_tests;

@@ -33,11 +33,11 @@ my %trusted = (state => 'trusted', owner => \@MYSQL);
 test 'A server of root or of the service account counts' => sub {
     is_deeply look('mysql', \@MYSQL, 0755), \%trusted,
         'a server of the service account in its own directory counts';
-    is_deeply look('root', [0, 0], 0755), { state => 'trusted', owner => [0, 0] }, 'one of root does';
+    is_deeply look('root', [0, 0], 0755), { state => 'trusted', owner => [0, 0] }, 'a server of root counts';
     is_deeply look('mysql', [0, 0], 01777), \%trusted,
-        'one in a directory as /tmp does, if the socket is the account\'s';
+        'a server in a directory as /tmp counts if the service account owns its socket';
     is_deeply look('mysql', \@MYSQL, 02775), \%trusted,
-        'the group of the service account may write into the directory';
+        'a server in a directory that the group of the service account may write into counts';
 };
 
 test 'A server of another account or in a place of others does not count' => sub {
@@ -45,17 +45,17 @@ test 'A server of another account or in a place of others does not count' => sub
         'a server of another account does not count';
     is_deeply look('plain', [0, 0], 01777, sub { chown @MYSQL, $_[0] or die $! }),
         { state => 'foreign', uid => $PLAIN[0] },
-        'nor if its socket were given to the service account';
+        'a server of another account does not count at a socket of the service account';
     is_deeply look('mysql', [0, 0], 01777, sub { chown @PLAIN, $_[0] or die $! }),
         { state => 'foreign', uid => $PLAIN[0] },
-        'nor one of the service account at the socket of another';
+        'a server of the service account does not count at a socket of another account';
     is_deeply look('mysql', \@PLAIN, 0755), { state => 'foreign', uid => $PLAIN[0] },
-        'nor one in a directory of another account';
+        'a server in a directory of another account does not count';
     is_deeply look('mysql', [0, 0], 0777), { state => 'foreign', uid => 0, directory => "/mnt/case$number" },
-        'nor one in a directory that all may write into';
+        'a server in a directory that all may write into does not count';
     is_deeply look('mysql', [0, $PLAIN[1]], 0775),
         { state => 'foreign', uid => 0, directory => "/mnt/case$number" },
-        'nor one in a directory that the group of others may write into';
+        'a server in a directory that the group of others may write into does not count';
 };
 
 test 'All directories above a socket are looked at' => sub {
@@ -64,21 +64,22 @@ test 'All directories above a socket are looked at' => sub {
     chown @MYSQL, '/mnt/outer/inner' or die $!;
     my $inner = FakeServer->new(account => 'mysql', path => '/mnt/outer/inner/socket');
     is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL), \%trusted,
-        'all directories above are looked at';
+        'a server below directories of root and of the service account counts';
     chown @PLAIN, '/mnt/outer' or die $!;
     is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL), { state => 'foreign', uid => $PLAIN[0] },
-        'and one of another account among them is enough';
+        'a server below a directory of another account does not count';
     chown 0, 0, '/mnt/outer' or die $!;
     $inner->stop;
     is_deeply look_at_socket('/mnt/outer/inner/socket', \@MYSQL),
         { state => 'none', why => 'Connection refused',
-        left_over => 1 }, 'a socket that the service account has left is distinguished from others';
+        left_over => 1 }, 'a socket that the service account has left is known as left over';
     is_deeply look_at_socket('/mnt/outer/inner/missing', \@MYSQL),
         { state => 'none', why => 'No such file or directory' },
-        'neither is one that is missing';
+        'a missing socket is no server';
     is_deeply look_at_socket('/mnt/outer', \@MYSQL), { state => 'none', why => 'it is no socket' },
-        'nor what is no socket';
-    is look_at_socket('/mnt/outer/' . 'x' x 200, \@MYSQL)->{state}, 'none', 'nor a path that is too long';
+        'a directory is no server';
+    is look_at_socket('/mnt/outer/' . 'x' x 200, \@MYSQL)->{state}, 'none',
+        'a path that is too long is no server';
 };
 
 # Servers that accept no connections take no time if they are of other accounts, and little otherwise.
@@ -101,13 +102,14 @@ test 'Servers that accept no connections take little time' => sub {
     my @busy = map { busy('plain', "/mnt/busy/$_") } 1 .. 20;
     my $began = Time::HiRes::time();
     is_deeply look_at_socket("/mnt/busy/$_", \@MYSQL), { state => 'foreign', uid => $PLAIN[0] },
-        "busy server $_ of another account"
+        "busy server $_ of another account does not count"
         for 1 .. 20;
-    cmp_ok Time::HiRes::time() - $began, '<', 1.5, 'the agent does not wait for them';
+    cmp_ok Time::HiRes::time() - $began, '<', 1.5,
+        'the agent does not wait for busy servers of another account';
     push @busy, busy('mysql', '/mnt/busy/own');
     is_deeply look_at_socket('/mnt/busy/own', \@MYSQL), { state => 'none', why => 'it takes no connections',
         left_over => 1 },
-        'one of the service account is waited for, not for ever';
+        'the agent does not wait for ever for a busy server of the service account';
 };
 
 run_tests;

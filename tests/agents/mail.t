@@ -25,12 +25,13 @@ sub found {
 }
 
 test 'A host without mail has no mailboxes' => sub {
-    is_deeply [found()], [{}, []], 'a host without mail has no mailboxes';
+    is_deeply [found()], [{}, []], 'a host without mail has no mailboxes and no problems';
 };
 
 test 'An account has its usual directory' => sub {
     my ($mailboxes) = found(maildir('home/alice/Maildir'), maildir('home/bob/other'));
-    is_deeply $mailboxes, { alice => '/home/alice/Maildir' }, 'an account has its usual directory';
+    is_deeply $mailboxes, { alice => '/home/alice/Maildir' },
+        'the usual directory of an account is its mailbox, and no other';
 };
 
 test 'The usual directories are searched' => sub {
@@ -43,7 +44,7 @@ test 'The usual directories are searched' => sub {
     is_deeply $mailboxes, {
         'info@a.test' => '/var/mail/vhosts/a.test/info', 'sales@b.test' => '/var/vmail/b.test/sales/Maildir',
         'user@c.test' => '/var/vmail/deep/c.test/x/y/user',
-    }, 'the usual directories are searched';
+    }, 'mailboxes at all depths of the usual directories are found';
 };
 
 test 'A file that is named like an account is its mailbox' => sub {
@@ -64,7 +65,7 @@ test 'Maildirs may be where the files of accounts are' => sub {
     );
     is_deeply $mailboxes, { alice => '/var/mail/alice', 'info@c.test' => '/var/mail/c.test/info',
         bob => '/data/spool/bob' },
-        'Maildirs may be where the files of the accounts are, and that is where the mail server says';
+        'Maildirs are found where the files of accounts usually are and where the mail server has them';
     is_deeply $problems, [
         'warning /etc/postfix/none: The map of virtual mailboxes is named in the settings, but is not there:'
             . ' see whether it'
@@ -72,7 +73,7 @@ test 'Maildirs may be where the files of accounts are' => sub {
         'error /var/mail/stranger: Is named like no account and is not in the dump: copy it by hand if it is'
             . ' a mailbox that'
             . ' is still needed',
-    ], 'a mailbox without an owner is named' or diag explain $problems;
+    ], 'a missing map and a mailbox without an account are named' or diag explain $problems;
 };
 
 test 'The directory of all mailboxes is searched for those that no map in a file names' => sub {
@@ -84,7 +85,7 @@ test 'The directory of all mailboxes is searched for those that no map in a file
         maildir('data/a.test/info'),
     );
     is_deeply $mailboxes, { 'all@a.test' => '/data/a.test/catch-all', 'info@a.test' => '/data/a.test/info' },
-        'the directory of all mailboxes is searched for those that no map in a file names';
+        'mailboxes that a map names and others in the directory of all are found';
 };
 
 test 'Mail servers whose settings or mailboxes are not read are named' => sub {
@@ -93,11 +94,11 @@ test 'Mail servers whose settings or mailboxes are not read are named' => sub {
     is_deeply $problems, ['warning /etc/exim4: Is not read; mailboxes are searched for in the usual'
         . ' directories only: compare'
         . ' them with those that the server delivers to'],
-        'mail servers whose settings are not read are named';
+        'a mail server whose settings are not read is a warning';
     (undef, $problems) = found('etc/imapd.conf' => 'x');
     is_deeply $problems, ['error /etc/imapd.conf: The mailboxes of Cyrus are not in the dump: copy them by'
         . ' IMAP'],
-        'so are mailboxes that are not read';
+        'a mail server whose mailboxes are not read is an error';
 };
 
 test 'Directories that lead back to themselves are searched once' => sub {
@@ -105,7 +106,7 @@ test 'Directories that lead back to themselves are searched once' => sub {
     ($mailboxes) = found(maildir('var/mail/eve/x/y'),
         map { ("var/mail/eve/$_" => \'.', "var/mail/eve/x/$_" => \'..') } 'a' .. 'm');
     is_deeply $mailboxes, { y => '/var/mail/eve/x/y' },
-        'directories that lead back to themselves are searched once';
+        'the mailbox in directories that lead back to themselves is found once';
 };
 
 test 'Mail in a format that is not known is missing from the dump' => sub {
@@ -114,11 +115,11 @@ test 'Mail in a format that is not known is missing from the dump' => sub {
     is_deeply $problems, ['error /etc/dovecot/dovecot.conf: Mail at /data/%d/%n is in the format cydir and'
         . ' is not in the dump'
         . ' as mailboxes: copy it by doveadm backup'],
-        'mail in a format that is not known is missing from the dump';
+        'mail in a format that is not known is an error';
     (undef, $problems) = found('etc/dovecot/dovecot.conf' => "!include conf.d/*.conf\n",
         'etc/dovecot/conf.d/1.conf' => "mail_location = cydir:/data/%d/%n\n",
         'etc/dovecot/conf.d/2.conf' => "mail_location = maildir:/data/%d/%n\n");
-    is_deeply $problems, [], 'what a later setting overrides is none';
+    is_deeply $problems, [], 'a format that a later setting overrides is no problem';
 };
 
 test 'Mail in each format of Dovecot is found' => sub {
@@ -139,12 +140,12 @@ test 'Mail in each format of Dovecot is found' => sub {
             'inboxes/alice' => 'From x', 'var/control/alice/' => undef);
         is_deeply [map { [@$_{qw(format path besides)}] } @found], [[$format, $path, $besides]],
             "mail in $format is found";
-        is_deeply $problems, [], 'and is no problem';
+        is_deeply $problems, [], "mail in $format is no problem";
     }
     (undef, $problems, my @both) = found(maildir('data/me/all'), maildir('data/me/in'),
         'etc/dovecot/dovecot.conf' => "mail_location = maildir:/data/%n/all:INBOX=/data/%n/in\n");
     is_deeply [map { ($_->{path}, @{ $_->{besides} }) } @both], ['/data/me/all', '/data/me/in'],
-        'an inbox may have a place of its own';
+        'an inbox with a place of its own is found with the rest of the mail';
     is_deeply $problems, [], 'Maildirs are no problem';
 };
 
@@ -163,11 +164,11 @@ test 'The maps of Postfix are read' => sub {
         'Info@a.test' => '/data/mail/a/info', 'file@a.test' => '/data/mail/a/file',
             '*@b.test' => '/data/mail/b/all',
         bob => '/home/bob/.mail',
-    }, "the mail server's maps are read";
+    }, 'mailboxes that the maps name are found';
     is_deeply $problems, ['warning /etc/postfix/sql.cf: The virtual mailboxes are in a mysql database and'
         . ' not described: see'
         . ' that the dump has that database, and that the mail server of the new host reaches it'],
-        'what is in a database is named';
+        'a map in a database is named';
 };
 
 test 'Mailboxes are found where the settings of Dovecot say' => sub {
@@ -184,7 +185,8 @@ test 'Mailboxes are found where the settings of Dovecot say' => sub {
     }
     ($mailboxes) = found('etc/dovecot/dovecot.conf' => "mail_location = maildir:/data/%u\n",
         maildir('data/me@a.test'));
-    is_deeply $mailboxes, { 'me@a.test' => '/data/me@a.test' }, 'a whole address may be one directory';
+    is_deeply $mailboxes, { 'me@a.test' => '/data/me@a.test' },
+        'a mailbox whose directory has the whole address for its name is found';
 };
 
 test 'Homes of mail users are found where the settings of Dovecot say' => sub {
@@ -195,7 +197,7 @@ test 'Homes of mail users are found where the settings of Dovecot say' => sub {
         maildir('data/a.test/info/box'), maildir('home/alice/box'),
     );
     is_deeply $mailboxes, { 'info@a.test' => '/data/a.test/info/box', alice => '/home/alice/box' },
-        'homes may have a place for all users';
+        'mail in homes at one place for all users is found, and that of accounts';
     ($mailboxes) = found(
         'etc/dovecot/dovecot.conf' =>
             "mail_location = maildir:~/box\npassdb {\n  driver = passwd-file\n"
@@ -203,14 +205,15 @@ test 'Homes of mail users are found where the settings of Dovecot say' => sub {
         'etc/dovecot/users' => "info\@A.test:{X}secret:5000:5000::/data/one::\nno-home\@a.test:x\n",
         maildir('data/one/box'),
     );
-    is_deeply $mailboxes, { 'info@a.test' => '/data/one/box' }, 'or one of its own in a file of passwords';
+    is_deeply $mailboxes, { 'info@a.test' => '/data/one/box' },
+        'mail in a home that a file of passwords names is found';
 };
 
 test 'Settings of Dovecot that lead nowhere are named or left out' => sub {
     my ($mailboxes, $problems);
     ($mailboxes, $problems) = found('etc/dovecot/dovecot.conf' => "mail_location = maildir:/data/%1n/%n\n");
     like $problems->[0], qr{\Aerror .*/data/%1n/%n are searched for},
-        'a place that is not understood is named';
+        'a place that is not understood is an error';
     ($mailboxes) = found('etc/dovecot/dovecot.conf' => "!include dovecot.conf\nmail_location = mbox:~/x\n");
     is_deeply $mailboxes, {}, 'a file that includes itself is read once';
 };
@@ -221,7 +224,8 @@ test 'No mailbox is found twice' => sub {
             maildir('var/vmail/a.test/info'),
         'srv/mail' => \'../var/vmail',
     );
-    is_deeply $same, { 'info@a.test' => '/var/vmail/a.test/info' }, 'no mailbox is found twice';
+    is_deeply $same, { 'info@a.test' => '/var/vmail/a.test/info' },
+        'a mailbox that two paths lead to is found once';
 };
 
 # { address => the files beside it }
@@ -235,19 +239,19 @@ test 'Scripts in the home of an account belong to its mail' => sub {
         'home/alice/sieve/a' => 'x',
         'home/alice/.forward' => 'x', 'home/alice/private' => 'x'),
         { alice => [map {"/home/alice/$_"} qw(.dovecot.sieve .forward sieve)] },
-        'scripts in the home of an account belong to its mail, and nothing else there';
+        'scripts in the home are beside the mailbox, and nothing else there is';
 };
 
 test 'A home that a user has only for mail belongs to the mailbox' => sub {
     is_deeply besides(maildir('var/vmail/a.test/info/Maildir'), 'var/vmail/a.test/info/.dovecot.sieve' => 'x',
         maildir('var/vmail/a.test/sales')), { 'info@a.test' => ['/var/vmail/a.test/info'],
         'sales@a.test' => [] },
-        'the home of a user that has it for mail only belongs to the mail';
+        'a home that a user has only for mail is beside the mailbox';
     my $STATIC = "mail_location = maildir:/var/vmail/%d/%n\nuserdb {\n  driver = static\n"
         . "  args = uid=5000 home=/data/homes/%d\n}\n";
     is_deeply besides('etc/dovecot/dovecot.conf' => $STATIC, 'data/homes/a.test/x' => 'x',
         map { maildir("var/vmail/a.test/$_") } qw(info sales)), { 'info@a.test' => [], 'sales@a.test' => [] },
-        'but not one that several share';
+        'a home that several users share is beside none of their mailboxes';
 };
 
 test 'Lists and scripts may have places of their own' => sub {
@@ -257,7 +261,7 @@ test 'Lists and scripts may have places of their own' => sub {
         'control/a.test/info/' => undef, 'scripts/info@a.test/x' => 'x',
         'scripts/info@a.test.active' => \'info@a.test/x'),
         { 'info@a.test' => ['/control/a.test/info', '/scripts/info@a.test', '/scripts/info@a.test.active'] },
-        'lists and scripts may have places of their own';
+        'lists and scripts at places of their own are beside the mailbox';
 };
 
 # Settings in the syntax of Dovecot 2.4.
@@ -298,10 +302,11 @@ test 'Settings of Dovecot 2.4 are understood' => sub {
     is_deeply $new, { 'info@a.test' => '/data/homes/a.test/info/mail',
         'x@b.test' => '/data/other/b.test/x/mail',
         'own@c.test' => '/data/one/mail', 'namespace shared' => '/data/public' },
-        'settings of Dovecot 2.4 are understood';
-    is_deeply $said, [], 'without a problem';
+        'the mailboxes of the settings of Dovecot 2.4 are found';
+    is_deeply $said, [], 'no problem is named';
     is_deeply [map { @{ $_->{besides} } } grep { $_->{address} eq 'info@a.test' } @new],
-        ['/control/info@a.test', '/data/homes/a.test/info'], 'also what lies beside mail';
+        ['/control/info@a.test', '/data/homes/a.test/info'],
+        'lists and the home are beside the mailbox of the settings of Dovecot 2.4';
 };
 
 # The files that maps need, and the problems.
@@ -315,20 +320,20 @@ sub needs_of_maps {
 
 test 'Aliases of root name further files and those of others do not' => sub {
     my @ALIASES = ('etc/aliases' => "team: :include:/etc/shadow\n", 'etc/shadow' => 'x');
-    is_deeply needs_of_maps(0, @ALIASES), ['/etc/shadow'], 'aliases of root name further files';
+    is_deeply needs_of_maps(0, @ALIASES), ['/etc/shadow'], 'the file that aliases of root include is needed';
     is_deeply needs_of_maps(1001, @ALIASES), [],
-        'those of another account do not make root pack what is not its own';
+        'the file that aliases of another account include is not needed';
 };
 
-test 'NIS is a problem only where there is one' => sub {
+test 'Maps in NIS are a problem only where there is NIS' => sub {
     my $problems;
     my @NIS = ('etc/postfix/main.cf' => "alias_maps = hash:/etc/aliases, nis:mail.aliases\n",
         'etc/aliases' => '');
     (undef, $problems) = found(@NIS);
-    is_deeply $problems, [], 'Postfix asks NIS by itself, which is no problem where there is none';
+    is_deeply $problems, [], 'a map in NIS is no problem where there is no NIS';
     (undef, $problems) = found(@NIS, 'etc/yp.conf' => 'x');
     like $problems->[0], qr{\Aerror /etc/postfix/main.cf: The aliases are asked from nis},
-        'but is where there is';
+        'a map in NIS is an error where there is NIS';
 };
 
 test 'Virtual aliases that another server is asked for are named' => sub {
@@ -338,13 +343,13 @@ test 'Virtual aliases that another server is asked for are named' => sub {
         (undef, $problems) = found('etc/postfix/main.cf' =>
             "virtual_alias_maps = proxy:$type:/etc/postfix/x.cf\n");
         like $problems->[0], qr{\A$severity /etc/postfix/x.cf: The virtual aliases },
-            "virtual aliases in $type are named";
+            "virtual aliases in $type are a problem of severity $severity";
     }
     (undef, $problems) = found('etc/postfix/main.cf' =>
         "virtual_alias_maps = ldap:people inline:{a=b} static:x\n");
-    is @$problems, 1, 'maps whose settings are in the main file';
+    is @$problems, 1, 'only the map that another server is asked for is a problem';
     like $problems->[0], qr{\Aerror /etc/postfix/main.cf: The virtual aliases are asked from ldap },
-        'are named, too';
+        'the map whose settings are in the main file is named with that file';
 };
 
 test 'Maps of maps are read and maps without a text are named' => sub {
@@ -353,11 +358,11 @@ test 'Maps of maps are read and maps without a text are named' => sub {
         . "virtual_mailbox_maps = unionmap:{hash:/etc/postfix/boxes, proxy:mysql:/etc/postfix/sql.cf}\n",
         'etc/postfix/boxes' => "a\@a.test a/\n", maildir('data/a'));
     is_deeply [$mailboxes, scalar @$problems], [{ 'a@a.test' => '/data/a' }, 1],
-        'maps that are made of maps are read';
+        'the map in a file is read, and only the one in a database is a problem';
     (undef, $problems) = found('etc/postfix/main.cf' => "alias_maps = hash:/etc/postfix/a\n",
         'etc/postfix/a.db' => 'x');
     like $problems->[0], qr{\Aerror /etc/postfix/a: The map is there as /etc/postfix/a.db only},
-        'so is a map without its text';
+        'a map without its text is an error';
 };
 
 test 'Users that only a running Dovecot knows are named' => sub {
@@ -365,7 +370,7 @@ test 'Users that only a running Dovecot knows are named' => sub {
     (undef, $problems) = found('etc/dovecot/dovecot.conf' =>
         "userdb {\n  driver = sql\n  args = /etc/dovecot/sql.ext\n}\n");
     like $problems->[0], qr{\Aerror /etc/dovecot/sql.ext: Dovecot's users are asked from sql, and doveadm does not name them},
-        'and users that only a running Dovecot knows';
+        'users that only a running Dovecot knows are an error';
 };
 
 test 'A mailbox belongs to the owner of its domain or of its directory' => sub {
@@ -382,7 +387,7 @@ test 'A mailbox belongs to the owner of its domain or of its directory' => sub {
     is_deeply [map { join ' ', map { defined $_ ? $_ : '-' } @$_{qw(client sure site)} } @mine],
         ['alice certain a.test', 'bob likely -', 'bob likely -', '- - -', 'alice certain -', '- - -',
             '- - -'],
-        'a mailbox belongs to whom its domain or its directory belongs';
+        'each mailbox has the client, the certainty and the site of its domain or directory';
 };
 
 run_tests;

@@ -140,7 +140,7 @@ sub with_dovecot {
     finish($server);
     diag ran(['cat', '/mnt/dovecot.log']) if !$done;
     die $error if $is_up && !$done;
-    ok $is_up, 'Dovecot runs';
+    ok $is_up, 'Dovecot answers questions about users';
     return;
 }
 
@@ -194,12 +194,13 @@ test 'A running Dovecot names the mailboxes' => sub {
     is_deeply [@{ $mailbox{'info@a.test'} }{qw(path format home quota uid owner)}],
         ['/mnt/mail/a.test/info/Maildir', 'maildir', '/mnt/mail/a.test/info', '*:storage=5M', $VMAIL,
             'vmail'],
-        'with what Dovecot knows of them';
-    is $mailbox{'big@a.test'}{format}, 'mdbox', 'a user may have another format';
-    is $mailbox{'info@a.test'}{because}, 'Dovecot names the user', 'Dovecot was asked for them';
+        'a mailbox has the path, format, home, quota and account that Dovecot names';
+    is $mailbox{'big@a.test'}{format}, 'mdbox', 'a user with a format of its own has it';
+    is $mailbox{'info@a.test'}{because}, 'Dovecot names the user',
+        'the reason says that Dovecot names the user';
     is_deeply [map {"$_->{path} $_->{format}"} $mailbox{'box@a.test'}], ['/mnt/mail/virtual/a/box maildir'],
-        'settings of Postfix that only its program understands are understood';
-    is_deeply problem_texts($problems), [], 'without a problem';
+        'a mailbox behind settings that only Postfix understands is found';
+    is_deeply problem_texts($problems), [], 'no problem is named';
 };
 
 test 'The maps of Postfix are described also where a text is gone' => sub {
@@ -226,7 +227,7 @@ test 'The maps of Postfix are described also where a text is gone' => sub {
         chomp(my $answer = ran(['postmap', '-q', $key, "hash:/etc/postfix/$map"]));
         (my $described = $value) =~ s/\s+/ /g;
         $answer =~ s/\s+/ /g;
-        is $described, $answer, "as Postfix has $key";
+        is $described, $answer, "Postfix itself finds the same for $key";
     }
 };
 
@@ -254,7 +255,7 @@ test 'A description of mail has what a new host needs and no password' => sub {
     my $document = $dumped->()->{private}->read('dump.xml');
     unlike $document, qr/relay-passphrase|\Q$SECRET/, 'no password is in the document';
     like $document, qr{<setting name="virtual_mailbox_base">/mnt/mail/virtual</setting>},
-        'but what a new host needs to know';
+        'a setting that a new host needs is in the document';
 };
 
 test 'Unpacked mail is read by Dovecot' => sub {
@@ -266,7 +267,7 @@ test 'Unpacked mail is read by Dovecot' => sub {
     my $done = eval {
         ran(['tar', '-xpf', $private->dir . "/$ARCHIVE{$_}", '-C', '/']) for sort keys %ARCHIVE;
         ok -f '/mnt/mail/a.test/info/.dovecot.sieve', 'a script beside the mail is in the archive';
-        ok -d '/mnt/control/info@a.test', 'so are lists that lie elsewhere';
+        ok -d '/mnt/control/info@a.test', 'lists at a place of their own are in the archive';
         with_dovecot(sub {
             for my $user (sort keys %ARCHIVE) {
                 like ran(['doveadm', 'fetch', '-u', $user, 'hdr.subject', 'all']),

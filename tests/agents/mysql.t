@@ -115,7 +115,7 @@ test 'A database is described with what a restore needs to know' => sub {
         $source->sql(q{SHOW GLOBAL VARIABLES WHERE Variable_name IN
         ('sql_mode', 'lower_case_table_names', 'character_set_server', 'collation_server')});
     is_deeply [map { [$_, $setting{$_}] } map { $_->[0] } @expected_settings], \@expected_settings,
-        'and what its SQL means with this server';
+        'a database has the settings of its server that decide what its SQL means';
     my %plain = (host => 'localhost', authentication => 'mysql_native_password');
     is_deeply $details->{users}, [{ name => 'buyers', host => undef, kind => 'role',
         authentication => undef },
@@ -125,7 +125,7 @@ test 'A database is described with what a restore needs to know' => sub {
             'accounts are described without a hash';
     is_deeply $details->{memberships}, [{ role => 'buyers', 'role-host' => undef, to => 'reader',
         host => '10.0.0.%',
-        grantable => 0, default => 1 }], 'so is who is in which role';
+        grantable => 0, default => 1 }], 'the members of roles are described';
     my %right = (host => 'localhost', object => 'orders', column => undef, grantable => 0);
     my @grants = sort { "$a->{to} $a->{on}" cmp "$b->{to} $b->{on}" } grep { $_->{to} ne 'shop' } @{ $details->{grants} };
     is_deeply \@grants, [
@@ -133,18 +133,18 @@ test 'A database is described with what a restore needs to know' => sub {
         { %right, to => "o'brien", on => 'column', column => 'item', rights => ['SELECT'] },
         { %right, to => "o'brien", on => 'column', column => 'price', rights => ['UPDATE'] },
         { %right, to => 'stranger', on => 'procedure', object => 'count_them', rights => ['EXECUTE'] },
-    ], 'rights are in parts';
+    ], 'each right is described with its account, its object and its column';
     my ($all) = grep { $_->{to} eq 'shop' } @{ $details->{grants} };
-    cmp_ok scalar @{ $all->{rights} }, '>', 15, 'all rights are many';
+    cmp_ok scalar @{ $all->{rights} }, '>', 15, 'all rights on a database are described one by one';
     is_deeply [map { $_->{grantable} } @{ $server->details($databases{'-x `é'})->{grants} }], [1],
-        'rights may be given on';
+        'a right that may be granted to others is described as such';
     is_deeply [map { "$_->{object} $_->{rights}[0]" } @{ $server->details($databases{client_a})->{grants} }],
         ['client\_% SELECT'], 'rights on many databases keep their pattern';
     is_deeply [map {"$_->{kind} $_->{object} $_->{name}\@$_->{host} $_->{known}"} @{ $details->{definers} }], [
         'event daily root@localhost 0', 'function of_admin admin@% 0', 'function twice root@localhost 0',
         'procedure count_them shop@% 1', 'trigger mark root@localhost 0', 'view broken root@localhost 0',
         'view cheap root@localhost 0', 'view seen_by_admin admin@% 0'],
-        'it is listed what runs as which account';
+        'views, routines, triggers and events are listed with the accounts they run as';
 };
 
 test 'What is not in a dump is named' => sub {
@@ -163,7 +163,7 @@ test 'What is not in a dump is named' => sub {
         'warning MariaDB database shop: The account `shop`@`%` loses its server-wide rights. Give it those'
             . ' anew that it needs:'
             . ' FILE',
-    ], 'what is not in the dump is named';
+    ], 'each thing that is not in the dump is named';
     my ($server, $databases) = looked();
     my $sql = dumped($server, $databases->{shop});
     is dumped((look())[1], $databases->{shop}), $sql, 'a second dump is equal';
@@ -198,7 +198,7 @@ test 'A second server with the dumps answers as the first one' => sub {
         q{SELECT User, Host, default_role, authentication_string FROM mysql.user WHERE User <> 'admin' ORDER BY 1, 2},
         'SELECT NEXTVAL(shop.numbers)',
     );
-    is $target->sql("$_;"), $source->sql("$_;"), "equal: $_" for @questions;
+    is $target->sql("$_;"), $source->sql("$_;"), "both servers answer the same to: $_" for @questions;
     (my $without = $source->sql("SHOW GRANTS FOR 'shop'\@'%'")) =~ s/GRANT FILE/GRANT USAGE/;
     is $target->sql("SHOW GRANTS FOR 'shop'\@'%'"), $without, 'server-wide rights are not restored';
     $target->stop;
@@ -214,10 +214,10 @@ test 'What is written while a dump runs is not in it' => sub {
     my %long = (%{ $databases->{shop} }, name => 'long', users => []);
     my ($error, $dumped, $written) = dump_while_written($server, \%long, qr/row-1\b/,
         sub { $source->sql('DELETE FROM a; INSERT INTO z VALUES ("row-too-late")', 'long') });
-    is $error, undef, 'a long dump is whole';
+    is $error, undef, 'the dump succeeds';
     is $written, 1, 'rows were written while it ran';
     is scalar(() = $dumped =~ /row-[0-9]+/g), $rows, 'the rows of a dump are those of its beginning';
-    unlike $dumped, qr/row-too-late/, 'in all tables';
+    unlike $dumped, qr/row-too-late/, 'a row that is written meanwhile is not in the dump of a later table';
     $source->sql('DROP DATABASE `long`');
 };
 
@@ -234,7 +234,7 @@ test 'A damaged table is named and the others are dumped' => sub {
     like $sql, qr/INSERT INTO `orders`/, 'the rest of a damaged database is dumped';
     like join("\n", @{ problem_texts($problems) }),
         qr/^error MariaDB database harmed: Not in the dump: .*\blog\b/m,
-        'a damaged table is named';
+        'the damaged table is an error';
 };
 
 test 'A password is in a file or nowhere' => sub {
@@ -248,7 +248,7 @@ test 'A password is in a file or nowhere' => sub {
     is $server->description->{running}, 0, 'a server that refuses us counts as one that cannot be asked';
     like join("\n", @{ problem_texts($problems) }),
         qr/\Aerror MariaDB: The server cannot be asked: ERROR 1045 .*Access denied/,
-        'a refusal is named';
+        'a login that is refused is an error';
     mkdir '/etc/sondrel' or die $!;
     open my $file, '>', '/etc/sondrel/mysql.cnf' or die $!;
     print {$file} "[client]\nuser=agent\npassword=secret-word\n";
@@ -256,14 +256,15 @@ test 'A password is in a file or nowhere' => sub {
     chmod 0600, '/etc/sondrel/mysql.cnf' or die $!;
     ($problems, $server) = look();
     is_deeply [map { $_->{name} } $server->databases], [sort keys %databases],
-        'an option file of the host opens the server';
+        'all databases are found by the login of an option file';
     is_deeply problem_texts($problems),
         ['warning MariaDB: These accounts have rights on the whole server only and are in no'
         . ' dump: `agent`@`localhost`. Make those on the new host that something logs in as'],
-        'a login that another one replaces is no problem, and accounts of the whole server are named';
-    ok $server->opens_all('agent'), 'such an account opens every database';
-    ok !$server->opens_all($_), "$_ does not" for 'shop', 'admin';
-    like dumped($server, $databases{client_a}), qr/CREATE DATABASE/, 'the file opens it for a dump too';
+        'only the account with rights on the whole server is named';
+    ok $server->opens_all('agent'), 'an account with rights on the whole server opens every database';
+    ok !$server->opens_all($_), "$_ does not open every database" for 'shop', 'admin';
+    like dumped($server, $databases{client_a}), qr/CREATE DATABASE/,
+        'a dump is made by the login of the option file';
     output_of('mariadb', '--defaults-file=/etc/sondrel/mysql.cnf', '--socket=/run/mysqld/mysqld.sock', '-e',
         q{ALTER USER root@localhost IDENTIFIED VIA mysql_native_password USING 'invalid' OR unix_socket});
     $source->sql("DROP USER 'agent'\@'localhost'");
@@ -279,7 +280,7 @@ test 'A server that does not answer is asked once' => sub {
     kill CONT => $pid or die $!;
     is_deeply problem_texts($problems),
         ['error MariaDB: The server cannot be asked: no answer within 1 seconds'],
-        'a server that does not answer is asked once';
+        'a server that does not answer is named once';
 };
 
 test 'A plain account takes what its own login may see' => sub {
@@ -302,12 +303,12 @@ END
     my $result = Agent::Process::run(['runuser', '-u', 'nobody', '--', 'env', 'HOME=/mnt/plain', $^X,
         (map {"-I$_"} @INC), '-e', $code]);
     like $result->{out}, qr/^database shop$/m, 'a plain account sees its own database';
-    unlike $result->{out}, qr/^database client/m, 'and no others';
+    unlike $result->{out}, qr/^database client/m, 'a plain account sees no databases of others';
     like $result->{out}, qr/^INSERT INTO `orders`.*^GRANT ALL PRIVILEGES ON `shop`\.\* TO `shop`\@`%`;\n.*^whole$/ms,
-        'it dumps its database with its grants';
+        'a plain account dumps its database with its grants';
     like $result->{out}, qr/^CREATE USER IF NOT EXISTS `shop`\@`%` IDENTIFIED/m,
-        'its own account is in the dump';
-    is $result->{err}, '', 'without an error about what it may not do';
+        'the account of a plain login is in the dump';
+    is $result->{err}, '', 'nothing is written to standard error';
 };
 
 test 'A dump that is cut off is no dump' => sub {
@@ -337,12 +338,12 @@ test 'A server that is down is named and a program without data is no server' =>
     is_deeply $server->description,
         { kind => 'mysql', label => 'MySQL', product => 'MySQL', running => 0, version => undef,
             address => undef },
-        'a server that is down is there';
+        'a server that is down is described as one that does not run';
     is_deeply [$server->databases], [], 'a server that is down lists nothing';
     is_deeply problem_texts($problems),
         ['error MySQL: The server cannot be asked: no server of the host listens at'
         . ' any of its sockets'],
-        'a server that is down is named';
+        'a server that is down is an error';
     rmdir '/mnt/system/var/lib/mysql/mysql' or die $!;
     my (undef, @servers) = look(tree => Linux::Tree->new(root => '/mnt/system'));
     is_deeply \@servers, [],

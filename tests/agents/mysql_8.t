@@ -128,16 +128,17 @@ test 'Databases have the accounts of their roles' => sub {
     my ($server, $problems) = @{ $looked->() }{qw(server problems)};
     is $server->description->{product}, 'MySQL', 'the server is one of MySQL';
     my %databases = map { $_->{name} => $_ } $server->databases;
-    is_deeply [sort keys %databases], [qw(shop stock)], 'its own databases are left out';
+    is_deeply [sort keys %databases], [qw(shop stock)], 'the databases of the server itself are left out';
     is_deeply [map {"$_->{name}\@$_->{host}"} @{ $databases{shop}{users} }], ['app@localhost', 'boss@%', 'shop_rw@%'],
         'a database has the accounts of its roles';
     is_deeply [grep {/server only/} @{ problem_texts($problems) }], ['warning MySQL: These accounts have rights on the whole server only and are in no dump:'
-        . ' `backup`@`localhost`. Make those on the new host that something logs in as'], 'accounts of the whole server are named';
+        . ' `backup`@`localhost`. Make those on the new host that something logs in as'],
+        'an account with rights on the whole server only is named';
 };
 
 test 'Roles are created, then granted, then made default roles' => sub {
     my ($server, $problems, %databases) = (@{ $looked->() }{qw(server problems)}, %{ $looked->()->{databases} });
-    is dumped($server, $databases{shop}), <<'EOF', 'roles are made, then given, then on from the login';
+    is dumped($server, $databases{shop}), <<'EOF', 'roles are created, granted, and made default roles';
 -- Accounts of the database shop
 CREATE USER IF NOT EXISTS `app`@`localhost` IDENTIFIED WITH 'caching_sha2_password' AS 0x24412430303524 REQUIRE NONE PASSWORD EXPIRE DEFAULT ACCOUNT UNLOCK;
 CREATE USER IF NOT EXISTS `boss`@`%` IDENTIFIED WITH 'caching_sha2_password' AS 0x24 REQUIRE NONE ACCOUNT UNLOCK ATTRIBUTE '{"comment": "it''s DEFAULT ROLE `x`@`%` here"}';
@@ -153,25 +154,27 @@ GRANT SELECT, INSERT ON `shop`.* TO `shop_rw`@`%`;
 SET DEFAULT ROLE `shop_rw`@`%` TO `app`@`localhost`;
 EOF
     is scalar(grep { $_ eq 'warning MySQL database shop: The account `boss`@`%` loses its server-wide rights. Give it'
-        . ' those anew that it needs: BACKUP_ADMIN' } @{ problem_texts($problems) }), 1, 'rights on the whole server are named';
+        . ' those anew that it needs: BACKUP_ADMIN' } @{ problem_texts($problems) }), 1,
+        'an account that loses rights on the whole server is named';
 };
 
 test 'An account whose grants the server does not show is missing' => sub {
     my ($server, $problems, %databases) = (@{ $looked->() }{qw(server problems)}, %{ $looked->()->{databases} });
     dumped($server, $databases{stock});
     like join("\n", @{ problem_texts($problems) }), qr/^error MySQL database stock: The account `audit`\@`%` and its grants are/m,
-        'an account whose grants the server does not show is missing';
+        'an account whose grants are not shown is an error of its database';
 };
 
-test 'An account that is given to others is a role' => sub {
+test 'An account that is granted to others is a role' => sub {
     my ($server, %databases) = ($looked->()->{server}, %{ $looked->()->{databases} });
     my $details = $server->details($databases{shop});
     is_deeply $details->{users}, [{ name => 'app', host => 'localhost', kind => 'login', authentication => 'caching_sha2_password' },
         { name => 'boss', host => '%', kind => 'login', authentication => 'caching_sha2_password' },
-        { name => 'shop_rw', host => '%', kind => 'role', authentication => undef }], 'an account that is given to others is a role';
+        { name => 'shop_rw', host => '%', kind => 'role', authentication => undef }],
+        'an account that is granted to others is described as a role';
     is_deeply $details->{memberships}, [{ role => 'shop_rw', 'role-host' => '%', to => 'app', host => 'localhost', grantable => 0,
         default => 1 }, { role => 'shop_rw', 'role-host' => '%', to => 'boss', host => '%', grantable => 1, default => 0 }],
-        'its members are listed';
+        'the members of a role are described';
 };
 
 test 'Each command connects to the socket and sends no password or file' => sub {
@@ -182,8 +185,8 @@ test 'Each command connects to the socket and sends no password or file' => sub 
     my $to = '--protocol=socket --host=localhost --socket=/run/mysqld/mysqld.sock --plugin-dir=/dev/null'
         . ' --skip-enable-cleartext-plugin --local-infile=0 ';
     is_deeply [grep { index($_, " $to") < 0 } @commands], [],
-        'each command connects to the socket and sends no password or file';
-    cmp_ok scalar @commands, '>', 15, 'they are many';
+        'each command has the options for the socket and against sending a password or a file';
+    cmp_ok scalar @commands, '>', 15, 'more than 15 commands were run';
     like join('', grep {/mariadb-dump/} @commands), qr/ --set-gtid-purged=OFF --column-statistics=0 /,
         'the program that dumps gets what MySQL 8 needs';
 };

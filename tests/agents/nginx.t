@@ -81,15 +81,16 @@ END
     ], 'redirects are listed, with the names and addresses that they are for' or diag explain $site->{redirects};
     is_deeply $site->{access}, [
         { path => '/media', rule => 'auth_basic Only { us }; ok' }, { path => '~ /\.ht', rule => 'deny all' },
-    ], 'access rules have their place';
+    ], 'access rules are listed with their locations';
     is_deeply $site->{files}, [map {"/etc/nginx/$_"} 'htpasswd', 'ssl/a.pem', 'ssl/a.key'],
-        'files that belong to it';
-    is_deeply $site->{php_addresses}, ['unix:/run/php/a.sock'], 'PHP is where it is sent';
+        'the files that its settings name belong to the site';
+    is_deeply $site->{php_addresses}, ['unix:/run/php/a.sock'], 'the address of PHP is found';
     is_deeply $site->{php_settings}, { memory_limit => '64M', upload_max_filesize => '8M' },
-        'with its values';
-    is_deeply $site->{logs}, ['/var/log/nginx/a.error'], 'logs of its own';
-    is_deeply $site->{config}, ['/etc/nginx/sites-enabled/sites'], 'and configuration';
-    is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
+        'the settings that are sent to PHP are found';
+    is_deeply $site->{logs}, ['/var/log/nginx/a.error'], 'the log of the site is found, and not that of all';
+    is_deeply $site->{config}, ['/etc/nginx/sites-enabled/sites'],
+        'the file of its configuration belongs to the site';
+    is_deeply $problems, [], 'no problem is named' or diag explain $problems;
 };
 
 test 'Blocks of a site are joined by their names' => sub {
@@ -108,11 +109,11 @@ END
     is_deeply [sort keys %$sites], [qw(a.test away.test b.test c.test x.test x2.test)],
         'one redirect for many sites does not make them one';
     is_deeply $sites->{'b.test'}{names}, ['b.test', 'www.b.test', 'old.test'],
-        'names that lead to a site are its names';
+        'names that are redirected to a site are its names';
     is_deeply $sites->{'c.test'}{roots}, ['/srv/c', '/srv/d'], 'a site may have several roots';
-    is $sites->{'away.test'}{root}, undef, 'a site may be only a redirect';
+    is $sites->{'away.test'}{root}, undef, 'a site that is only a redirect has no root';
     is_deeply $problems, ['info /etc/nginx/sites-enabled/sites: Line 10: has neither a name nor content and is left out'],
-        'a server that refuses is mentioned' or diag explain $problems;
+        'a server that refuses requests is named for information' or diag explain $problems;
 };
 
 test 'Variables are followed where the configuration decides them' => sub {
@@ -138,27 +139,29 @@ END
             users/ann users/bob)));
     is $sites->{'s.test'}{root}, '/srv/sites/s/htdocs', 'variables that are set are followed';
     is_deeply $sites->{'s.test'}{php_addresses}, ['unix:/run/php-fpm/www.sock', '127.0.0.1:9001'],
-        'groups of servers are looked up';
+        'a group of servers stands for its members';
     is_deeply $sites->{'h1.test'}{roots}, ['/srv/hosts/h1.test', '/srv/hosts/h2.test'],
-        'each name may have its directory';
+        'each name of a block has its own directory';
     is $sites->{'m.test'}{root}, '/srv/mm', 'a map gives a directory to a name';
-    is $sites->{'x.map.test'}{root}, '/srv/wild', 'or to an open name';
-    is $sites->{'r1.test'}{root}, '/srv/regex', 'or to an expression';
-    is $sites->{'o.test'}{root}, '/srv/other', 'or to all';
-    is $sites->{'n.test'}{root}, '/srv/names/n.test', 'the first name is a variable';
+    is $sites->{'x.map.test'}{root}, '/srv/wild', 'a map gives a directory to a name with a wildcard';
+    is $sites->{'r1.test'}{root}, '/srv/regex',
+        'a map gives a directory to a name that an expression matches';
+    is $sites->{'o.test'}{root}, '/srv/other', 'a map gives its default directory to all other names';
+    is $sites->{'n.test'}{root}, '/srv/names/n.test', 'the variable for the first name is followed';
     is_deeply $sites->{'p.test'}{proxies}, ['http://127.0.0.1:3000'],
-        'a site may be served by another server';
-    is $sites->{'p.test'}{root}, undef, 'and has no directory then';
+        'the server behind a site is found';
+    is $sites->{'p.test'}{root}, undef, 'a site that another server serves has no root';
     is_deeply $sites->{'mass.test'}{roots}, ['/srv/mass/mass.test/www'], 'the plain name has its own directory';
     is $sites->{'two.mass.test'}{root}, '/srv/mass/two.mass.test/www', 'a directory for a host makes a site';
     is_deeply [map { "$_->{directive}{name} $_->{directive}{line}" } @{ $sites->{'two.mass.test'}{blocks} }], ['server 12'],
-        'of the block that serves it';
-    ok !$sites->{'else.test'}, 'unless its name is of another server';
+        'a site of a directory for a host has the block that serves it';
+    ok !$sites->{'else.test'}, 'a directory whose name the block does not serve is no site';
     is_deeply $sites->{'~^(?<who>.+)\.users\.test$'}{roots}, ['/srv/users/ann', '/srv/users/bob'],
         'directories that an expression selects are all taken';
     is_deeply $sites->{'u.test'}{roots}, [], 'a directory that only a request decides is not taken';
     is_deeply $problems, ['error u.test: The directory /srv/$arg_x/y (/etc/nginx/sites-enabled/sites line 14)'
-        . ' depends on the request and was not found: copy by hand what is served from it'], 'but a problem' or diag explain $problems;
+        . ' depends on the request and was not found: copy by hand what is served from it'],
+        'a directory that only a request decides is an error' or diag explain $problems;
 };
 
 test 'A server without a name or a root has those of nginx' => sub {
@@ -179,7 +182,8 @@ END
     is_deeply $sites->{'wild.test'}{names}, ['wild.test', '*.wild.test'],
         'a point in front means the name and all below';
     is_deeply $sites->{'~^a{1,2}\.test$'}{roots}, [], 'a missing root is not taken';
-    is_deeply $problems, ['warning ~^a{1,2}\.test$: Document root /srv/missing does not exist'], 'but named';
+    is_deeply $problems, ['warning ~^a{1,2}\.test$: Document root /srv/missing does not exist'],
+        'a missing root is a warning';
 };
 
 test 'A mistake in the configuration is named and loses no site' => sub {
@@ -191,8 +195,10 @@ test 'A mistake in the configuration is named and loses no site' => sub {
         'etc/nginx/conf.d/e.conf' => qq(server { server_name e.test;\n root /srv/e;\n index "x;\n include gone.conf;\n}\n),
         'etc/nginx/conf.d/f.conf' => \'/etc/nginx/nowhere.conf',
         'etc/nginx/conf.d/l.conf' => "init_by_lua_block {\n -- }\n local s = '}' {\n }\n}\ninclude conf.d/l.conf;\n");
-    is_deeply [sort keys %$sites], [map {"$_.test"} qw(b c d e ok)], 'mistakes cost no site';
-    is_deeply [map { $sites->{"$_.test"}{root} } qw(b c d e)], [map {"/srv/$_"} qw(b c d e)], 'nor its root';
+    is_deeply [sort keys %$sites], [map {"$_.test"} qw(b c d e ok)],
+        'all sites are found in spite of mistakes';
+    is_deeply [map { $sites->{"$_.test"}{root} } qw(b c d e)], [map {"/srv/$_"} qw(b c d e)],
+        'all sites have their roots in spite of mistakes';
     is_deeply $problems, [
         'error /etc/nginx/conf.d/b.conf: Line 2: "root" is not ended by ";" before line 3',
         'error /etc/nginx/conf.d/b.conf: Line 5: unexpected "}"',
@@ -201,17 +207,17 @@ test 'A mistake in the configuration is named and loses no site' => sub {
         'error /etc/nginx/gone.conf: Cannot be read: No such file or directory (included by /etc/nginx/conf.d/e.conf)',
         'error /etc/nginx/conf.d/f.conf: Cannot be read: No such file or directory (included by /etc/nginx/nginx.conf)',
         'warning /etc/nginx/conf.d/l.conf: Line 6: includes /etc/nginx/conf.d/l.conf, which includes itself',
-    ], 'and every one is named' or diag explain $problems;
+    ], 'each mistake is named with its place' or diag explain $problems;
 };
 
 test 'Directories of the system are no roots' => sub {
     my ($sites, $problems) = sites_of("server { server_name all.test; root /; }\nserver { server_name up.test;\n"
         . "root /srv/link; location /x { root /srv/x; }\n}\n", 'srv/link' => \'..', 'srv/x/' => undef);
     is_deeply [map { $sites->{$_}{roots} } qw(all.test up.test)], [[], ['/srv/x']],
-        'no site takes the whole system along';
+        'a directory of the system is not a root of a site';
     is_deeply $problems, ['error all.test: Document root / is a directory of the system and is left out',
         'error up.test: Document root /srv/link is a directory of the system and is left out'],
-            'but a problem names it';
+            'a document root that is a directory of the system is an error';
 };
 
 test 'The directory of the main location is the document root' => sub {
@@ -226,8 +232,8 @@ END
     is_deeply \%found, {
         'a.test' => [('/srv/a') x 2], 'b.test' => [('/srv/b') x 2], 'both.test' => [qw(/srv/b /srv/b /srv/c /srv/a)],
         'packaged.test' => [('/usr/share/nginx/html') x 2], 'part.test' => [undef, '/srv/c'],
-    }, 'the directory of the location of everything is the document root' or diag explain \%found;
-    is_deeply $problems, [], 'without a problem';
+    }, 'the directory of the location "/" is the document root' or diag explain \%found;
+    is_deeply $problems, [], 'no problem is named';
 };
 
 test 'Blocks that are not closed or not known are named' => sub {
@@ -235,13 +241,14 @@ test 'Blocks that are not closed or not known are named' => sub {
         'etc/nginx/conf.d/mark.conf' => "\xef\xbb\xbfserver { server_name b.test; root /srv/a; }\n",
         'etc/nginx/conf.d/wrong.conf' => "serverr { server_name c.test; root /srv/a; }\ngeo \$x { default 1; }\n",
         'srv/a/' => undef);
-    is_deeply [sort keys %$sites], [qw(a.test b.test)], 'other mistakes cost no site either';
+    is_deeply [sort keys %$sites], [qw(a.test b.test)],
+        'sites in a block that is not closed and after a byte order mark are found';
     is_deeply $problems, [
         'error /etc/nginx/conf.d/mark.conf: Line 1: begins with a byte order mark',
         'error /etc/nginx/sites-enabled/sites: Line 1: "upstream" opens a block that is not closed',
         'error /etc/nginx/conf.d/wrong.conf: Line 1: the block "serverr" is not known and is left out: correct its name'
             . ' and dump again',
-    ], 'or a block that is left out is named' or diag explain $problems;
+    ], 'each mistake and each block that is left out is named' or diag explain $problems;
 };
 
 test 'Rules of access are taken over from "http"' => sub {
@@ -251,10 +258,11 @@ server { server_name a.test; root /srv/a; }
 server { server_name b.test; root /srv/a; auth_basic off; deny 10.0.0.1; }
 END
     is_deeply [map { $_->{rule} } @{ $sites->{'a.test'}{access} }], ['auth_basic Closed', 'allow 10.0.0.0/8', 'deny all'],
-        'a server has the access rules of all';
+        'a server without access rules has those of "http"';
     is_deeply [map { $_->{rule} } @{ $sites->{'b.test'}{access} }], ['auth_basic off', 'deny 10.0.0.1'],
-        'unless it has its own';
-    is_deeply $sites->{'a.test'}{files}, ['/etc/nginx/all'], 'with the file of passwords';
+        'a server with access rules has only its own';
+    is_deeply $sites->{'a.test'}{files}, ['/etc/nginx/all'],
+        'the file of passwords of "http" belongs to a server that has its rules';
 };
 
 test 'A site may have several certificates' => sub {
@@ -273,9 +281,10 @@ END
     is_deeply $site->{tls}, { certificate => '/etc/nginx/rsa.pem', key => '/etc/nginx/rsa.key' },
         'the first of several certificates is that of the site';
     is_deeply [sort @{ $site->{files} }], [sort '/srv/robots', map {"/etc/nginx/$_"} qw(rsa.pem rsa.key ec.pem ec.key
-        ca.pem dh.pem passwords)], 'and it needs all of them, what goes with them, and single files';
-    is_deeply $site->{roots}, ['/srv/a'], 'which are no roots';
-    is $sites->{'b.test'}{tls}{key}, '/etc/nginx/of-all.key', 'a server without one has that of all';
+        ca.pem dh.pem passwords)], 'the site needs all certificates, what goes with them, and single files';
+    is_deeply $site->{roots}, ['/srv/a'], 'single files are no roots';
+    is $sites->{'b.test'}{tls}{key}, '/etc/nginx/of-all.key',
+        'a server without a certificate has that of "http"';
 };
 
 test 'A block with the names of several sites is part of each' => sub {
@@ -292,17 +301,18 @@ END
         or diag explain [map { $_->{names} } values %$sites];
     is_deeply [map { $_->{directive}{line} } @{ $sites->{'c.test'}{blocks} }], [4, 1],
         'the block that serves several of them is part of each';
-    is_deeply [map { $_->{port} } @{ $sites->{'b.test'}{listen} }], [444, 80, 443], 'with its addresses';
-    is_deeply $sites->{'a.test'}{redirects}, [], 'redirects are of the site that has them';
+    is_deeply [map { $_->{port} } @{ $sites->{'b.test'}{listen} }], [444, 80, 443],
+        'a site has the addresses of all its blocks';
+    is_deeply $sites->{'a.test'}{redirects}, [], 'a site has no redirects of blocks for other names';
 };
 
 test 'A system without nginx has no sites' => sub {
     my ($tree, $problems) = imitated('etc/passwd' => '');
     is_deeply [Linux::Nginx::sites($tree, $problems)], [], 'a system without nginx has no sites';
-    is $problems->count, 0, 'and no problem';
+    is $problems->count, 0, 'a system without nginx has no problems';
     ($tree, $problems) = imitated('etc/nginx/nginx.conf/' => undef);
-    is_deeply [Linux::Nginx::sites($tree, $problems)], [], 'a main file that cannot be read has none';
-    is $problems->count('error'), 1, 'and a problem';
+    is_deeply [Linux::Nginx::sites($tree, $problems)], [], 'a main file that cannot be read has no sites';
+    is $problems->count('error'), 1, 'a main file that cannot be read is an error';
 };
 
 test 'Servers that forward connections are named and are no sites' => sub {
@@ -316,12 +326,14 @@ stream {
 mail { server { listen 143; protocol imap; } }
 events { }
 END
-    is_deeply [map { $_->{name} } Linux::Nginx::sites($tree, $problems)], ['a.test'], 'what hands on connections is no site';
+    is_deeply [map { $_->{name} } Linux::Nginx::sites($tree, $problems)], ['a.test'],
+        'a server that forwards connections is no site';
     is_deeply problem_texts($problems), [map {
         "warning /etc/nginx/nginx.conf: Line $_->[0]: the servers of the block \"$_->[1]\" (listen $_->[2]) belong to no site. They"
             . ' are described under web-configuration, and their files are in the archive of the settings: set them up on the'
             . ' new host by hand, with what stands behind them'
-    } [2, 'stream', '5432, 127.0.0.1:6000'], [7, 'mail', '143']], 'and is named' or diag explain problem_texts($problems);
+    } [2, 'stream', '5432, 127.0.0.1:6000'], [7, 'mail', '143']],
+        'each block of servers that forward connections is named' or diag explain problem_texts($problems);
 };
 
 run_tests;

@@ -30,7 +30,8 @@ my %NOTHING = (action => 'dump', all => 0, compress => 1, content => 1, license 
     admin_info => 0);
 
 test 'A dump has the settings of its options' => sub {
-    is_deeply parse('', '--migration-mode', '--include-app-distrib'), \%NOTHING, 'a dump of nothing';
+    is_deeply parse('', '--migration-mode', '--include-app-distrib'), \%NOTHING,
+        'a dump without further options has the usual settings';
     is_deeply parse('left over', '--migration-mode', '--dump-all'),
         { %NOTHING, all => 1, server => 1, admin_info => 1 },
         'a dump of everything takes the host itself along, and reads nothing';
@@ -46,7 +47,7 @@ test 'The lists have an order of their own and names are taken once' => sub {
     is_deeply parse("d\nc\nr", '--migration-mode', '--dump-resellers=-', '--dump-clients=-',
         '--dump-domains=-'),
         { %NOTHING, domains => ['d'], clients => ['c'], resellers => ['r'] },
-        'the lists have an order of their own';
+        'the lists are read in their own order, not in that of the options';
     is_deeply parse("a,,b,a, b\n", '--migration-mode', '--dump-clients=-')->{clients}, ['a', 'b', ' b'],
         'names are taken once and as they are';
 };
@@ -57,7 +58,7 @@ test 'The lines of a connection are not kept' => sub {
         { %NOTHING, domains => ['a.test'], transport => 'rsync' }, 'the lines of a connection are not kept';
     is_deeply parse("host\nlogin\nsecret\n0\n", '--content-transport=rsync', '--migration-mode',
         '--dump-all')->{all}, 1,
-        'everything with a connection';
+        'a dump of everything can have a connection';
 };
 
 test 'Arguments that do not fit together are refused' => sub {
@@ -77,9 +78,9 @@ test 'Arguments that do not fit together are refused' => sub {
 test 'A password that sudo did not read is not taken for a name' => sub {
     local $ENV{SUDO_UID} = 1000;
     is_deeply parse("secret\na.test", '--migration-mode', '--dump-domains=-')->{domains}, ['a.test'],
-        'a password that sudo did not want is not taken for a name';
+        'a line in front of the list is not taken for its names';
     is_deeply parse("a.test\n", '--migration-mode', '--dump-domains=-')->{domains}, ['a.test'],
-        'nor a name for one';
+        'a list without a line in front of it is read';
     refused('two lines too many', "secret\nsecret\na", '--migration-mode', '--dump-domains=-');
 };
 

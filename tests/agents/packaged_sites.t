@@ -157,12 +157,12 @@ test 'A site of a package has what installing the package does not bring' => sub
         is package_of($site, 'name'), $name, "$site: its package is named";
         my $version = output_of('dpkg-deb', '-f', glob("$ARCHIVES/${name}_*.deb"), 'Version');
         chomp $version;
-        is package_of($site, 'version'), $version, 'with its version';
+        is package_of($site, 'version'), $version, "$site: the version of its package is named";
         is_deeply members_below($site, $_), $files->{$_}, "$site: of $_ it has what installing does not bring"
             for sort keys %$files;
         # There is no server of databases here.
         is_deeply [grep { /\Aerror/ && !/names the database/ } @{ $dump->problems_of($site) }], [],
-            'nothing is missing';
+            "$site: no error is named";
     }
 };
 
@@ -172,7 +172,7 @@ test 'A site of a package is described and has what scripts and the administrato
     is_deeply [grep {/\A(?:config\.inc|debian-db\.php)/} @{ members_below('mail.test', '/etc/roundcube') }],
         [qw(config.inc.php debian-db.php)], 'settings that scripts have made are packed';
     is scalar(grep {/\Alocal\.php\z/} @{ members_below('pages.test', '/etc/dokuwiki') }), 1,
-        'so is what the administrator made';
+        'a file that the administrator made is packed';
     is_deeply $dump->texts_of('//domain[@name="wiki.test"]/site/package/directory'),
         [qw(/etc/mediawiki /usr/share/mediawiki /var/lib/mediawiki)],
         'the directories of the application are named';
@@ -191,10 +191,10 @@ test 'An alias for all sites leads to its package' => sub {
     unlink $both[1] or die $!;
     put('/etc/apache2/sites-enabled/pages.conf', host('pages.test', '/usr/share/dokuwiki'));
     is_deeply $dump->values_of('//site/package/@name'), ['dokuwiki'],
-        'an alias for all sites leads to its package';
+        'the package behind an alias for all sites is named';
     is_deeply [grep {/pages/} @{ $dump->members_below('plain.test', '/var/lib/dokuwiki/data') }],
         [qw(pages/start.txt pages/team/plan.txt pages/wiki/welcome.txt)],
-        'whose content comes with a single domain';
+        'the content behind an alias for all sites comes with a single domain';
 };
 
 test 'The databases of packaged applications are found by their settings' => sub {
@@ -207,11 +207,11 @@ test 'The databases of packaged applications are found by their settings' => sub
         [map {"$_->{name} $_->{user} $_->{file}"} $applications->settings($site)]) }
         @sites;
     is_deeply $settings{'blog.test'}, ['blog writer /etc/wordpress/config-blog.test.php'],
-        'settings of the host that is asked for';
+        'settings for the name of the host are found';
     is_deeply $settings{'wiki.test'}, ['wiki editor /var/lib/mediawiki/LocalSettings.php'],
-        "those behind root's link";
+        'settings behind a link of root are found';
     is_deeply $settings{'mail.test'}, ['roundcube cube /etc/dbconfig-common/roundcube.conf'],
-        'those of the package manager';
+        'settings that the package manager has made are found';
 };
 
 END {

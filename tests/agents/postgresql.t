@@ -109,7 +109,7 @@ test 'The databases of a server are found with their roles' => sub {
     is_deeply [map { $_->{name} } @{ $databases{shop}{users} }],
         ['member', 'old "quoted" $role$', 'shop', 'team'],
         'the roles of a database are found by ownership, grants and membership';
-    is_deeply $databases{$awkward}{users}, [], 'the role that every server has is none of them';
+    is_deeply $databases{$awkward}{users}, [], 'the role that every server has is no role of a database';
 };
 
 test 'Passwords of roles are compared' => sub {
@@ -117,8 +117,10 @@ test 'Passwords of roles are compared' => sub {
     my ($server) = looked();
     is $server->password_matches('shop', "pa'ss"), 1, 'a password is known to be right';
     is $server->password_matches('shop', 'pass'), 0, 'a password is known to be wrong';
-    is $server->password_matches('old "quoted" $role$', 'old'), 1, 'an old kind of hash is known to be right';
-    is $server->password_matches('old "quoted" $role$', 'new'), 0, 'an old kind of hash is known to be wrong';
+    is $server->password_matches('old "quoted" $role$', 'old'), 1,
+        'a password with an old kind of hash is known to be right';
+    is $server->password_matches('old "quoted" $role$', 'new'), 0,
+        'a password with an old kind of hash is known to be wrong';
     # Every role may set such a hash for itself, which takes the server as long; here it is put there at once.
     $source->sql(q{UPDATE pg_authid SET rolpassword = 'SCRAM-SHA-256$900000000:c2FsdA==$} . 'A' x 43 . '=:'
         . 'A' x 43
@@ -139,22 +141,22 @@ test 'A database is described with what a restore needs to know' => sub {
         [$version, 'shop', 'UTF8', 'C.UTF-8', 'C.UTF-8', 'libc', undef],
         'a database has its owner and its locale';
     is_deeply [@{ $server->details($databases{latin}) }{qw(encoding collation)}], ['LATIN1', 'C'],
-        'each has its own';
+        'another database has an encoding and a collation of its own';
     is_deeply [@{ $server->details($databases{german}) }{qw(provider locale)}], ['icu', 'de-DE'],
-        'also one of ICU';
+        'a database with a locale of ICU has it';
     is_deeply $details->{extensions}, [map { my ($name, $its, $schema) = split /\t/; { name => $name,
         version => $its,
         schema => $schema } } split /\n/,
         $source->sql('SELECT extname, extversion, extnamespace::regnamespace FROM pg_extension'
         . ' ORDER BY 1', 'shop')], 'extensions have version and schema';
     is_deeply [map { $_->{name} } @{ $details->{extensions} }], ['citext', 'plpgsql'],
-        'all of them are there';
+        'all extensions are described';
     is_deeply $details->{users}, [map { { name => $_->[0], kind => $_->[1], authentication => $_->[2] } }
         ['member', 'login', undef], ['old "quoted" $role$', 'login', 'md5'],
             ['shop', 'login', 'scram-sha-256'],
         ['team', 'role', undef]], 'roles are described without a hash';
     is_deeply $details->{memberships}, [{ role => 'team', to => 'member', grantable => 1 }],
-        'so is who is in which role';
+        'the members of roles are described';
     my @told = map { join ' ', $_->{to}, $_->{on}, $_->{object}, defined $_->{column} ? $_->{column} : '-',
         $_->{grantable},
         join ',', @{ $_->{rights} } } @{ $details->{grants} };
@@ -162,7 +164,7 @@ test 'A database is described with what a restore needs to know' => sub {
         'PUBLIC database shop - 0 TEMPORARY', 'old "quoted" $role$ database shop - 1 CONNECT',
         'PUBLIC schema public - 0 USAGE', 'PUBLIC view public.cheap - 0 SELECT',
         'team column public.orders item 0 SELECT',
-    ], 'rights are in parts, without those of owners';
+    ], 'each right is described with its role, object and column, but not those of owners';
     is_deeply $details->{definers}, [{ name => 'shop', kind => 'routine', object => 'public.as_shop',
         known => 1 }],
         'what runs with the rights of its owner is listed';
@@ -171,7 +173,7 @@ test 'A database is described with what a restore needs to know' => sub {
         'settings are those of the database';
     is_deeply [sort grep { defined $server->details($databases{closed})->{$_} } qw(encoding owner grants
         extensions)],
-        [qw(encoding owner)], 'what is closed is described from outside';
+        [qw(encoding owner)], 'a database that takes no connections is described by its encoding and owner';
 };
 
 test 'What is not in a dump is named' => sub {
@@ -182,7 +184,7 @@ test 'What is not in a dump is named' => sub {
         ['info PostgreSQL database raw: What lies in these tablespaces comes into the default one:'
         . ' fast "one"', map {"warning PostgreSQL database shop: The role $_"} "shop $loses pg_monitor",
         "team $loses CREATEDB, BYPASSRLS, REPLICATION"],
-        'what does not come along is named';
+        'each thing that is not in the dump is named';
     my $sql = dumped($server, $databases->{shop});
     is dumped((look())[1], $databases->{shop}), $sql, 'a second dump is equal';
     is $server->dump($databases->{closed}, sub { }), 'it takes no connections',
@@ -192,7 +194,7 @@ test 'What is not in a dump is named' => sub {
 test 'Settings and rights of a database are known that older programs leave out' => sub {
     $source_server->();
     my ($server, $databases) = looked();
-    is $server->database_statements($databases->{shop}), <<'END', 'settings and rights of the database are known too';
+    is $server->database_statements($databases->{shop}), <<'END', 'settings and rights have statements';
 SET client_encoding = 'UTF8';
 ALTER DATABASE "shop" SET "work_mem" TO '5MB';
 ALTER DATABASE "shop" SET "TimeZone" TO 'Asia/Tokyo';
@@ -229,10 +231,11 @@ test 'A second server with the dumps answers as the first one' => sub {
         ['SELECT setrole::regrole, (SELECT datname FROM pg_database d WHERE d.oid = setdatabase), setconfig'
             . ' FROM pg_db_role_setting ORDER BY 1::text, 2'],
     );
-    is $target->sql(@$_), $source->sql(@$_), "equal: $_->[0]" for @questions;
+    is $target->sql(@$_), $source->sql(@$_), "both servers answer the same to: $_->[0]" for @questions;
     is $target->sql("SELECT rolcreatedb FROM pg_roles WHERE rolname = 'team'"), "f\n",
-        'server-wide rights stay behind';
-    is $target->sql("SELECT 1 FROM pg_roles WHERE rolname = 'stranger'"), '', 'strangers stay behind';
+        'server-wide rights are not restored';
+    is $target->sql("SELECT 1 FROM pg_roles WHERE rolname = 'stranger'"), '',
+        'a role that no database needs is not restored';
 };
 
 test 'What is written while a dump runs is not in it' => sub {
@@ -246,10 +249,10 @@ test 'What is written while a dump runs is not in it' => sub {
     my %long = (%{ $databases->{shop} }, name => 'long', users => []);
     my ($error, $dumped, $written) = dump_while_written($server, \%long, qr/row-1\b/,
         sub { $source->sql('DELETE FROM a; INSERT INTO z VALUES ($$row-too-late$$)', 'long') });
-    is $error, undef, 'a long dump is whole';
+    is $error, undef, 'the dump succeeds';
     is $written, 1, 'rows were written while it ran';
     is scalar(() = $dumped =~ /row-[0-9]+/g), $rows, 'the rows of a dump are those of its beginning';
-    unlike $dumped, qr/row-too-late/, 'in all tables';
+    unlike $dumped, qr/row-too-late/, 'a row that is written meanwhile is not in the dump of a later table';
     $source->sql('DROP DATABASE long');
 };
 
@@ -269,8 +272,8 @@ test 'A locked table delays a dump for a limited time only' => sub {
         # It would end once the lock is released.
     my $error = $patient->dump($databases->{shop}, sub { }, tick => sub { close delete $client->{in}
             if $client->{in} && time > $until });
-        like $error, qr/timeout/, 'a dump does not wait for it for ever';
-        ok $client->{in}, 'nor until it has gone';
+        like $error, qr/timeout/, 'the dump of a locked table ends with an error';
+        ok $client->{in}, 'the dump ends while the table is still locked';
         Agent::Process::finish($client);
 };
 
@@ -292,8 +295,8 @@ test 'What a server makes up does not go into SQL' => sub {
         my $database = { name => 'shop', id => 1, users => [{ name => 'eve', id => 16999 }] };
         my $sql = $lying->role_statements($database) . $lying->database_statements($database);
         like $sql, qr/CREATE ROLE "eve" LOGIN CONNECTION LIMIT -1.*GRANT CONNECT ON DATABASE "shop" TO PUBLIC;/s,
-            'what is as it must be goes into the dump';
-        unlike $sql, qr/SUPERUSER|DROP/, 'what a server makes up does not';
+            'what is well-formed goes into the SQL';
+        unlike $sql, qr/SUPERUSER|DROP/, 'what a server makes up does not go into the SQL';
 };
 
 test 'The database of the server itself counts once it is used' => sub {
@@ -305,7 +308,8 @@ test 'The database of the server itself counts once it is used' => sub {
     $source->sql('INSERT INTO mine VALUES (7); ALTER DATABASE postgres SET work_mem TO $$7MB$$');
     my ($of_server) = grep { $_->{name} eq 'postgres' } (look())[1]->databases;
     $target->sql(dumped($server, $of_server));
-    is $target->sql($_), $source->sql($_), "equal: $_" for 'SELECT * FROM mine', 'SHOW work_mem';
+    is $target->sql($_), $source->sql($_),
+        "both servers answer the same to: $_" for 'SELECT * FROM mine', 'SHOW work_mem';
 
     $source->sql(<<'END', 'postgres');
 CREATE FUNCTION public.textsend(text) RETURNS bytea LANGUAGE sql AS 'SELECT ''\x66616b65''::bytea';
@@ -313,7 +317,7 @@ ALTER DATABASE postgres SET search_path TO public, pg_catalog;
 END
     is_deeply [map { $_->{name} } (look())[1]->databases],
     [$awkward, qw(closed german latin pattern postgres raw shop)],
-        'functions that others made are not called';
+        'databases are found although a function of others has the name of a system function';
     $source->sql('DROP FUNCTION public.textsend(text)');
     $_->sql('DROP TABLE mine; ALTER DATABASE postgres RESET ALL') for $source, $target;
 };
@@ -349,7 +353,7 @@ test 'Servers are found by sockets and by settings' => sub {
     is_deeply problem_texts($problems),
         ['error PostgreSQL (port 5434): The server cannot be asked: it is not running',
         'info PostgreSQL (port 5435): The server cannot be asked: it is not running'],
-        'servers that are down are named';
+        'servers that are down are named with their ports';
     rmtree('/etc/postgresql');
 };
 
@@ -361,7 +365,7 @@ test 'A plain account asks as itself' => sub {
         'my $p = Agent::Problems->new; my ($s) = Linux::PostgreSql->found('
             . 'tree => Linux::Tree->new, problems => $p, limit => 20); print $_->{text}, "\n" for $p->all']);
     like $result->{out}, qr/\AThe server cannot be asked: .*role "nobody" does not exist/,
-        'a plain account gets the reason';
+        'a plain account without a role gets the reason';
 
     $source->sql('CREATE ROLE nobody LOGIN; GRANT shop TO nobody');
     $result = Agent::Process::run(['runuser', '-u', 'nobody', '--', $^X, (map {"-I$_"} @INC),
@@ -372,7 +376,7 @@ test 'A plain account asks as itself' => sub {
                 . ' "shop" } $s->databases;'
             . '$s->dump($shop, sub { }); print "$_->{severity} $_->{text}\n" for $p->all']);
     like $result->{out}, qr/^error The password of the role shop is not in the dump, since only administrators may read it\. Dump as/m,
-        'what only administrators may read is missing';
+        'a password that only administrators may read is an error';
     $source->sql('DROP ROLE nobody');
 };
 

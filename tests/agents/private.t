@@ -52,19 +52,20 @@ sub of { my @stat = lstat $private->path($_[0]); return sprintf '%o %d:%d', $sta
 
 sub slurp { open my $file, '<', $_[0] or die $!; local $/; return scalar <$file> }
 
-sub untouched { return is_deeply [glob "$secret/*"], ["$secret/x"], "$_[0]: nothing appears behind it" }
+sub untouched { return is_deeply [glob "$secret/*"], ["$secret/x"], 'no file appears behind a link' }
 
 test 'Documents are for the owner of the directory only' => sub {
     begin_anew();
     is of('.'), "700 $OWNER:4712", 'the directory is closed to others';
     $private->replace('a/b/document', "one\n");
     is slurp("$dir/a/b/document"), "one\n", 'a document is written';
-    is of('a/b/document'), "600 $OWNER:4712", 'a document belongs to the owner of the directory only';
-    is of($_), "700 $OWNER:4712", "so does the directory $_" for qw(a a/b);
+    is of('a/b/document'), "600 $OWNER:4712",
+        'a document belongs to the owner of the directory, with mode 0600';
+    is of($_), "700 $OWNER:4712", "the directory $_ belongs to the same owner, with mode 0700" for qw(a a/b);
     {
         my $old = umask 0;
         $private->replace('open', '');
-        is of('open'), "600 $OWNER:4712", 'whatever the mask is';
+        is of('open'), "600 $OWNER:4712", 'a document has mode 0600 whatever the umask is';
         umask $old;
     }
     $private->replace('a/b/document', 'two');
@@ -85,7 +86,7 @@ test 'A link in place of a directory is refused' => sub {
         my ($method, @arguments) = @$step;
         ok !eval { $private->$method(@arguments); 1 }, "a link in place of a directory is refused: $method";
     }
-    untouched('directory');
+    untouched();
 };
 
 test 'A link in place of a file is replaced and not followed' => sub {
@@ -96,7 +97,7 @@ test 'A link in place of a file is replaced and not followed' => sub {
         'a link in place of a file is replaced, not followed';
     symlink "$secret/y", "$dir/later.new" or die $!;
     $private->replace('later', 'new');
-    untouched('later');
+    untouched();
 };
 
 test 'A link or a second name of a file is not read or appended to' => sub {
@@ -104,11 +105,12 @@ test 'A link or a second name of a file is not read or appended to' => sub {
     symlink "$secret/x", "$dir/document" or die $!;
     ok !eval { $private->read('document'); 1 }, 'a link is not read';
     ok !eval { $private->open_append('document'); 1 }, 'a link is not appended to';
-    is slurp("$secret/x"), 'secret', 'and what it leads to stays';
+    is slurp("$secret/x"), 'secret', 'the file behind a link stays as it was';
     unlink "$dir/document" or die $!;
     link "$secret/x", "$dir/document" or die $!;
-    ok !eval { $private->open_append('document'); 1 }, 'neither is a second name of a file';
-    is sprintf('%o', (stat "$secret/x")[2] & 07777), '644', 'whose mode stays';
+    ok !eval { $private->open_append('document'); 1 }, 'a second name of a file is not appended to';
+    is sprintf('%o', (stat "$secret/x")[2] & 07777), '644',
+        'the mode of a file with a second name stays as it was';
 };
 
 test 'A new file is never open to others and never one that they have made' => sub {
@@ -116,7 +118,7 @@ test 'A new file is never open to others and never one that they have made' => s
         my $old = umask 0;
         @modes = ();
         $private->replace('born', '');
-        is_deeply \@modes, ['600'], 'nor was it ever open to others';
+        is_deeply \@modes, ['600'], 'a new file has mode 0600 before its mode is set';
         umask $old;
         for my $case (['link', sub { symlink "$secret/z", "$dir/new.new" or die $! }],
             ['file', sub { open my $planted, '>', "$dir/new.new" or die $! }])
@@ -127,7 +129,7 @@ test 'A new file is never open to others and never one that they have made' => s
                 "a $what that others have just put there is not written to";
             CORE::unlink("$dir/new.new");
         }
-        untouched('new');
+        untouched();
 };
 
 test 'A file that is not kept leaves nothing' => sub {
@@ -136,7 +138,7 @@ test 'A file that is not kept leaves nothing' => sub {
         my $file = $private->create('half');
         $file->write('x' x 100_000);
         ok !-e "$dir/half", 'a file is not there before it is complete';
-        is of('half.new'), "600 $OWNER:4712", 'and closed to others from the start';
+        is of('half.new'), "600 $OWNER:4712", 'a file that is not complete is closed to others';
     }
     ok !-e "$dir/half.new", 'a file that is not kept leaves nothing';
 };
@@ -149,7 +151,7 @@ test 'Names of objects become names of files that are safe and different' => sub
     my %seen;
     $seen{ Agent::Private::safe_name($_) }++ for map { ('x' x 300) . $_, ('=' x 100) . $_ } 1 .. 50;
     is keys %seen, 100, 'long names stay different';
-    is scalar(grep { length > 180 } keys %seen), 0, 'and become short enough for an ending';
+    is scalar(grep { length > 180 } keys %seen), 0, 'long names become short enough for an ending';
 };
 
 test 'A directory of another account is refused' => sub {

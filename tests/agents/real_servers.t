@@ -49,7 +49,7 @@ sub agrees {
         $expected{$_} = $site->{root} for grep { !exists $expected{$_} } @names;
     }
     is_deeply { map { $_ => ask($port, $_) } keys %expected }, \%expected,
-        'names lead where the server leads them'
+        'each name has the directory that the server serves for it'
         or diag explain [map { [$_->{name}, $_->{names}, $_->{root}] } @$sites];
     return;
 }
@@ -127,8 +127,8 @@ END
     my @sites = @{ $found->{sites} };
     is_deeply [sort map { $_->{name} } @sites], [sort "default-$port",
         map {"$_.test"} qw(a b h1 set m x.map r7 inherits q l s e m1 m2)],
-        'nginx has its sites' or diag explain [map { $_->{name} } @sites];
-    is_deeply problem_texts($problems), [], 'without a problem';
+        'all sites of nginx are found' or diag explain [map { $_->{name} } @sites];
+    is_deeply problem_texts($problems), [], 'no problem is named';
     write_file("$dir/again.conf", written_for_nginx(@{ $found->{configurations}[0]{directives} }));
     for my $main ('nginx.conf', 'again.conf') {
         with_server($port, ['nginx', '-p', $dir, '-c', "$dir/$main"], sub {
@@ -229,8 +229,8 @@ END
     my @sites = @{ $found->{sites} };
     is_deeply [sort map { $_->{name} } @sites],
         [sort 'v.invalid', map {"$_.test"} qw(a b blank nothing x.w conditional macro v1 v2)],
-        'Apache has its sites' or diag explain [map { $_->{name} } @sites];
-    is_deeply [grep { !/depends on the request/ } @{ problem_texts($problems) }], [], 'without a problem';
+        'all sites of Apache are found' or diag explain [map { $_->{name} } @sites];
+    is_deeply [grep { !/depends on the request/ } @{ problem_texts($problems) }], [], 'no problem is named';
     my $apache = which('apache2');
     write_file("$dir/again.conf", written_for_apache(@{ $found->{configurations}[0]{directives} }));
     for my $main ('apache2.conf', 'again.conf') {
@@ -259,7 +259,7 @@ sub settings_agree {
         my $settings = { %{ $site->{php}{settings} } };
         s/\Aoff\z/0/ for values %$settings;
         is_deeply php_settings($port, $site->{name}, $dir, keys %$settings), $settings,
-            "PHP has the settings that $site->{name} is said to have" or diag explain $site->{php};
+            "PHP of $site->{name} has the settings that are found" or diag explain $site->{php};
     }
     return;
 }
@@ -330,11 +330,11 @@ END
     my $reader = Linux::Php->new(Linux::Tree->new, $problems);
     $_->{php} = $reader->of_site($_) for @sites;
     is_deeply [map { "$_->{name} $_->{php}{handler}" } @sites], ['a.test module', 'b.test module'],
-        'PHP is a module of the server';
+        'PHP of both sites is a module of the server';
     with_server($port, [which('apache2'), '-X', '-f', "$dir/apache2.conf"], sub {
         settings_agree($port, $dir, @sites);
     });
-    is_deeply problem_texts($problems), [], 'without a problem' or diag explain problem_texts($problems);
+    is_deeply problem_texts($problems), [], 'no problem is named' or diag explain problem_texts($problems);
 };
 
 test 'PHP-FPM runs with the settings that a site has' => sub {
@@ -386,7 +386,7 @@ END
     $reader->read_pool_file("$dir/fpm.conf", '8.2');
     $reader->index_pools;
     $site->{php} = $reader->of_site($site);
-    is $site->{php}{pool}, 'c', 'PHP has its pool';
+    is $site->{php}{pool}, 'c', 'the pool of the site is found';
     with_server($php_port, [$program, '-y', "$dir/fpm.conf"], sub {
         with_server($port, ['nginx', '-p', $dir, '-c', "$dir/nginx.conf"], sub {
             settings_agree($port, $dir, $site);

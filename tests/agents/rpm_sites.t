@@ -64,8 +64,8 @@ test 'A site that a package of rpm has brought is named and packed without what 
     is_deeply [grep { !/nginx/ } @{ $dump->members('blog.test') }],
         [map {"./$_"} qw(etc/blog/blog.conf etc/blog/local.conf usr/share/blog/inner.php
             var/lib/blog/posts/first)],
-        'its configuration, its state and what was changed are packed, and nothing else of it';
-    is_deeply [grep {/\Aerror/} @{ $dump->problems_of('blog.test') }], [], 'nothing is missing';
+        'configuration, state and what was changed are packed, and nothing else of the package';
+    is_deeply [grep {/\Aerror/} @{ $dump->problems_of('blog.test') }], [], 'no error is named';
 };
 
 run_tests;

@@ -31,12 +31,13 @@ test 'Each package is as dpkg has it' => sub {
         my $said = run(['dpkg-query', '-W', '-f', '${Version} ${Architecture}', $package->{id}])->{out};
         is "$package->{version} $package->{architecture}", $said, "$package->{id} is as dpkg has it";
     }
-    ok !grep({ $_->{name} =~ /\A(?:libc6|bash|cmake)\z/ } @packages), 'others are left out';
+    ok !grep({ $_->{name} =~ /\A(?:libc6|bash|cmake)\z/ } @packages),
+        'packages of other programs are left out';
 };
 
 test 'What no package has brought has none' => sub {
     is_deeply [Linux::ServerPackages::all((imitated('usr/sbin/nginx' => 'x'))[0])], [],
-        'what no package has brought has none';
+        'a program that no package has brought has no package';
 };
 
 run_tests;

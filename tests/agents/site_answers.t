@@ -119,19 +119,20 @@ test 'Sites are asked by their names as a browser asks' => sub {
         is_deeply answers_of($site{'a.test'}), ["a.test 127.0.0.1 8080 0 / 200 - Garden $SIZE 1",
             'old.test 127.0.0.1 8080 0 / 301 http://a.test:8080/ '
             . '301 Moved Permanently 169 1', 'a.test 127.0.0.1 8080 0 /b.html 200 - Prices 21 1'],
-                'names, a redirect and a page of a site'
+                'a site has answers for its front page, a redirect and a page behind a link'
             or diag explain $site{'a.test'}{answers};
-        is $site{'a.test'}{answers}[0]{sum}, md5_hex($HOME), 'with their sums';
+        is $site{'a.test'}{answers}[0]{sum}, md5_hex($HOME), 'an answer has the sum of its body';
         is_deeply answers_of($site{'b.test'}), ["b.test ::1 8080 0 / 200 - Garden $SIZE 1",
             "b.test 192.0.2.1 8443 1 / 200 - Garden $SIZE 1",
             'b.test 192.0.2.1 8443 1 /b.html 200 - Prices 21 1'],
-                'by IPv6, at an address of the host and by TLS' or diag explain $site{'b.test'}{answers};
-        is_deeply $site{'gone.test'}{answers}, [], 'where nothing listens nothing is asked';
+                'a site has answers by IPv6, at an address of the host and by TLS'
+                or diag explain $site{'b.test'}{answers};
+        is_deeply $site{'gone.test'}{answers}, [], 'a site has no answers where nothing listens';
         is_deeply $problems, ["info gone.test: Was not asked for its pages, since no server of root's"
             . " listens at its addresses: what it answers"
             . ' cannot be compared with the new host. Dump again while it runs if you want that'],
-                'which is a problem';
-        is requests_in("$dir/asked", 6), <<'END', 'what was sent is what a browser sends';
+                'a site that was not asked is named';
+        is requests_in("$dir/asked", 6), <<'END', 'each request has what a browser sends';
 http - a.test:8080 GET / -
 http - a.test:8080 GET /b.html -
 http - b.test:8080 GET / -
@@ -148,11 +149,12 @@ test 'Sites with TLS are asked by curl where there is no openssl' => sub {
         my $before = $site->{answers};
         no warnings 'redefine';
         local *Linux::Http::which = sub { return $_[0] eq 'curl' ? '/usr/bin/curl' : undef };
-        is_deeply asked($site), [], 'by curl where there is no openssl';
-        is_deeply $site->{answers}, $before, 'the same';
+        is_deeply asked($site), [], 'no problem is named where curl asks in the place of openssl';
+        is_deeply $site->{answers}, $before, 'curl gets the same answers as openssl';
         local *Linux::Http::which = sub { return undef };
         asked($site);
-        is_deeply [map { $_->{tls} } @{ $site->{answers} }], [0, 0], 'and without TLS where there is neither';
+        is_deeply [map { $_->{tls} } @{ $site->{answers} }], [0, 0],
+            'only addresses without TLS are asked where there is neither';
     });
 };
 
@@ -164,21 +166,23 @@ test 'The settings of the agent say whether sites are asked' => sub {
             ["ask-sites maybe\n", 0, 'Line 1 is not understood'],
             ["ask-site no\n", 0, 'Line 1 is not understood']) {
             my ($text, $expected, $problem) = @$case;
+            my $lines = join ', ', split /\n+/, $text;
             write_file('/etc/sondrel/agent.conf', $text);
             delete $site{'a.test'}{answers};
             my $problems = asked($site{'a.test'});
-            is @{ $site{'a.test'}{answers} || [] } ? 1 : 0, $expected, "$text is followed";
+            is @{ $site{'a.test'}{answers} || [] } ? 1 : 0, $expected,
+                "whether the site is asked follows from the setting: $lines";
             like join('', @$problems),
                 length $problem ? qr{\Awarning /etc/sondrel/agent.conf: \Q$problem\E} : qr/\A\z/,
-                'with the right problem';
+                "a setting is a problem where it is not understood: $lines";
         }
         write_file('/etc/sondrel/agent.conf', "ask-sites yes\n");
         chown +(getpwnam 'nobody')[2], -1, '/etc/sondrel/agent.conf';
         delete $site{'a.test'}{answers};
         like join('', @{ asked($site{'a.test'}) }),
             qr/\Awarning .*others than root may change it; what the file may forbid is not done/,
-            'a file of another account does not count';
-        is $site{'a.test'}{answers}, undef, 'and nothing is asked';
+            'a file of settings that another account may change is named';
+        is $site{'a.test'}{answers}, undef, 'nothing is asked where the file of settings does not count';
         unlink '/etc/sondrel/agent.conf';
     });
 };
@@ -217,10 +221,10 @@ END
 test 'Apache is asked where only the server says at which port' => sub {
     with_apache(sub {
         my ($site) = sites_of(\&Linux::Apache::look);
-        is_deeply asked($site), [], 'Apache answers';
+        is_deeply asked($site), [], 'no problem is named';
         is_deeply answers_of($site), ["c.test 192.0.2.1 8081 0 / 200 - Garden $SIZE 1",
             'c.test 192.0.2.1 8081 0 /b.html 200 - Prices 21 1'],
-            'also where only the server says at which port' or diag explain $site->{answers};
+            'the site is asked at the port that only the server names' or diag explain $site->{answers};
     });
 };
 
@@ -247,7 +251,7 @@ sub with_talker {
         POSIX::_exit(0);
     }
     sysread $ready, my ($word), 100;
-    is $word, 'x', "a server of $account listens";
+    is $word, 'x', "a server that runs as $account listens";
     $block->();
     kill 'KILL', $pid;
     waitpid $pid, 0;
@@ -297,13 +301,13 @@ for my $case (
         with_talker(8082, 'root', $talk, sub {
             my $begun = Time::HiRes::time();
             my $problems = asked($site);
-            cmp_ok Time::HiRes::time() - $begun, '<', 10, "$what: asked within a limit";
+            cmp_ok Time::HiRes::time() - $begun, '<', 10, "$what: the site is asked within a limit of time";
             my ($answer) = @{ $site->{answers} };
             like $answer ? join ' ', @$answer{qw(status whole size)} : 'none', $expected,
-                'what is kept of it is bounded';
+                "$what: what is kept of the answer is bounded";
             my $named = qr/\Awarning a.test: Asked for its pages, a.test at 127.0.0.1, port 8082, $problem.*: what it/;
             like join('', @$problems), length $problem ? $named : qr/\A\z/,
-                'and the problem names what is wrong';
+                "$what: the problem names what is wrong";
         });
     };
 }
@@ -313,25 +317,25 @@ test 'A server of an ordinary account is not asked' => sub {
         my $site = site(8082, 'a.test');
         like join('', @{ asked($site) }),
             qr/\Ainfo a.test: Was not asked for its pages, since no server of root's/,
-            'a server of an ordinary account is not asked';
-        is_deeply $site->{answers}, [], 'and gives no answers';
+            'a site whose server runs as an ordinary account is named as one that was not asked';
+        is_deeply $site->{answers}, [], 'a site whose server runs as an ordinary account has no answers';
     });
 };
 
-test 'No other host is asked and nothing is asked without time' => sub {
+test 'Other hosts and impossible names are not asked, nor is anything without time' => sub {
     with_talker(8082, 'root', sub { syswrite $_[0], "$html\r\n" }, sub {
         my $site = site(8082, 'a.test', address => '192.0.2.77');
         like join('', @{ asked($site) }), qr/\Ainfo a.test: Was not asked/,
-            'no address of another host is asked';
+            'a site at an address of another host is named as one that was not asked';
         $site = site(8082, "a.test\r\nX: y");
-        is_deeply asked($site), [], 'a name that is none is not asked for';
-        is_deeply $site->{answers}, [], 'and is sent to no server';
+        is_deeply asked($site), [], 'a name that cannot be one of a host is no problem';
+        is_deeply $site->{answers}, [], 'a name that cannot be one of a host has no answers';
         local $Linux::SiteAnswers::LIMIT{all} = 0;
         is_deeply asked(map { site(8082, "$_.test") } 1 .. 5),
             ['info web servers: After 0 seconds 5 sites were not asked, or not for all of their pages,'
             . ' so that their answers cannot be compared with the new host: 1.test, 2.test, 3.test and 2'
                 . ' more'],
-                'what there was no time for is named';
+                'sites that there was no time for are named';
     }, '0.0.0.0');
 };
 
@@ -343,8 +347,8 @@ test 'A site with many names that do not answer takes the time of one site' => s
         $site->{names} = $site->{blocks}[0]{names} = [map {"$_.test"} 1 .. 100];
         my $begun = Time::HiRes::time();
         like join('', @{ asked($site) }), qr/does not answer in time.* and 97 more/,
-            'a site with many names that do not answer';
-        cmp_ok Time::HiRes::time() - $begun, '<', 10, 'takes the time of one site';
+            'names of a site that do not answer are named together';
+        cmp_ok Time::HiRes::time() - $begun, '<', 10, 'all names of a site take no longer than one site may';
     });
 };
 

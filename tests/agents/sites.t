@@ -115,7 +115,8 @@ END
             'default' => 'root',
         'default-8081' => 'root', 'suexec.test' => 'cid' }, 'every site has an owner' or diag explain \%owner;
     is $sites->{'ann.test'}{group}, 'www-data', 'the group is that of the document root';
-    is $sites->{'pool.test'}{owner_because}, 'account that runs PHP', 'with a reason';
+    is $sites->{'pool.test'}{owner_because}, 'account that runs PHP',
+        'the reason why an account owns a site is given';
     is_deeply $sites->{'ann.test'}{php}, { version => '8.2', handler => 'fpm', pool => 'ann',
         pool_user => 'ann',
         pool_file => '/etc/php/8.2/fpm/pool.d/ann.conf', listen => 'unix:/var/run/php/ann.sock',
@@ -125,21 +126,23 @@ END
     is $sites->{'number.test'}{php}{handler}, 'fastcgi', 'an address without a pool is another program';
     is_deeply $sites->{'both.test'}{php}{settings}, { upload_max_filesize => '9M', post_max_size => '10M' },
         'the module reads the settings of the directory';
-    is $sites->{'both.test'}{php}{version}, '8.2', 'and has a version';
+    is $sites->{'both.test'}{php}{version}, '8.2', 'the version of the module is known';
     is_deeply $sites->{'both.test'}{servers}, [qw(nginx apache)], 'a site behind another server is one site';
     is_deeply $sites->{'both.test'}{names}, [qw(both.test www.both.test more.both.test)],
-        'with the names of both';
-    is $sites->{'both.test'}{root}, '/srv/both', 'and the root of the one that has it';
+        'a site behind another server has the names of both';
+    is $sites->{'both.test'}{root}, '/srv/both',
+        'a site behind another server has the root of the one that has it';
     is_deeply $sites->{default}{servers}, [qw(nginx apache)],
-        'a nameless site of the same directory is one, too';
+        'sites without a name with the same directory are one site';
     is $sites->{'web.test'}{php}, undef, 'a site may be without PHP';
     is_deeply $sites->{'ann.test'}{shares_root_with}, ['link.test'], 'a shared root is seen through links';
-    is_deeply $sites->{'pool.test'}{shares_root_with}, [], 'others share nothing';
+    is_deeply $sites->{'pool.test'}{shares_root_with}, [],
+        'a site with a root of its own shares it with no other';
     ok !exists $sites->{'ann.test'}{php_addresses}, 'no inner facts are left';
     is_deeply $problems, [
         'warning gone.test: Document root /home/bob/sites/gone does not exist',
         'error link.test: The file /etc/nginx/gone.passwd cannot be found: No such file or directory',
-    ], 'what is missing is named' or diag explain $problems;
+    ], 'a missing root and a missing file are named' or diag explain $problems;
 };
 
 test 'The layout of the Red Hat family is known' => sub {
@@ -162,16 +165,17 @@ test 'The layout of the Red Hat family is known' => sub {
         (map { ("var/www/$_/" => [48, 48]) } qw(n h i html)), 'usr/share/nginx/html/' => undef,
     );
     is_deeply [sort keys %$sites], [qw(default h.test i.test n.test)],
-        'the layout of the Red Hat family is known';
+        'the sites of both servers are found';
     is_deeply [map { my $php = $sites->{$_}{php}; $php ? $php->{pool} : undef } qw(default h.test i.test n.test)],
-        [qw(www h www www)], 'with its pools';
-    is $sites->{'h.test'}{php}{version}, '8.1', 'and further versions of PHP';
-    is $sites->{'h.test'}{owner}, 'bob', 'whose account owns a site of the server';
-    is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
+        [qw(www h www www)], 'each site has its pool';
+    is $sites->{'h.test'}{php}{version}, '8.1', 'the version of a further PHP is found';
+    is $sites->{'h.test'}{owner}, 'bob',
+        'the account of a pool owns a site whose directory is of the web server';
+    is_deeply $problems, [], 'no problem is named' or diag explain $problems;
     is_deeply(Linux::System::distribution($tree),
         { id => 'rocky', name => 'Rocky Linux', version => '8.9', family => 'redhat' },
             'the distribution is known');
-    is_deeply [Linux::Php::versions($tree)], ['8.1'], 'versions of PHP are seen';
+    is_deeply [Linux::Php::versions($tree)], ['8.1'], 'further versions of PHP are found';
 };
 
 test 'Pools are found at all kinds of addresses' => sub {
@@ -190,8 +194,8 @@ END
     );
     is_deeply [map { $_->{php}{pool} } @$sites{qw(a.test b.test c.test d.test)}], [qw(a b c), undef],
         'pools are found in the main file, in what it includes and at all kinds of addresses';
-    is $sites->{'b.test'}{owner}, 'bob', 'with their accounts';
-    is_deeply $problems, [], 'without a problem';
+    is $sites->{'b.test'}{owner}, 'bob', 'the account of a pool owns its site';
+    is_deeply $problems, [], 'no problem is named';
 };
 
 test 'The sites behind a block with all their names stay sites' => sub {
@@ -226,18 +230,21 @@ END
     );
     is_deeply { map { $_ => $sites->{$_}{names} } keys %$sites }, { 'shop.test' => ['shop.test', 'www.shop.test'],
         'wiki.test' => ['wiki.test'], 'blog.test' => ['blog.test'], 'other.test' => ['other.test'] },
-        'the sites behind a block with all their names stay sites' or diag explain [values %$sites];
+        'each site behind the block has its own names' or diag explain [values %$sites];
     is_deeply [map { $sites->{$_}{root} } qw(shop.test wiki.test blog.test other.test)],
-        ['/srv/shop', '/srv/wiki', '/srv/blog', undef], 'with their document roots';
-    is_deeply $sites->{'wiki.test'}{servers}, [qw(nginx apache)], 'and both servers';
+        ['/srv/shop', '/srv/wiki', '/srv/blog', undef],
+        'each site behind the block has its own document root';
+    is_deeply $sites->{'wiki.test'}{servers}, [qw(nginx apache)], 'a site behind the block has both servers';
     is_deeply [map {"$_->{server} $_->{listen} $_->{from} $_->{to}"} @{ $sites->{'wiki.test'}{redirects} }],
-        ['nginx *:80 / https://$host$request_uri', 'apache *:8080 /a /b'], 'and their own redirects'
+        ['nginx *:80 / https://$host$request_uri', 'apache *:8080 /a /b'],
+        'a site behind the block has the redirects of both servers'
         or diag explain $sites->{'wiki.test'}{redirects};
     is_deeply [map {"$_->{directive}{name} $_->{directive}{line}"} @{ $sites->{'wiki.test'}{blocks} }],
-        ['server 3', 'server 5', 'server 2', 'virtualhost 8'], 'and all blocks that serve it';
+        ['server 3', 'server 5', 'server 2', 'virtualhost 8'],
+        'a site behind the block has all blocks that serve it';
     is_deeply [map {"$_->{directive}{name} $_->{directive}{line}"} @{ $sites->{'blog.test'}{blocks} }],
-        ['server 3', 'server 2', 'virtualhost 13'], 'and no others';
-    is_deeply $problems, [], 'without a problem';
+        ['server 3', 'server 2', 'virtualhost 13'], 'a site behind the block has no blocks of other sites';
+    is_deeply $problems, [], 'no problem is named';
 };
 
 test 'Settings of PHP come from pools, files and requests' => sub {
@@ -275,8 +282,8 @@ END
         'the extensions are those of the program that runs PHP';
     is_deeply $php[0]{env}, { PLACE => 'north; west', TMPDIR => '/tmp' }, 'the environment of a pool is known';
     is_deeply $sites->{'b.test'}{config}, [map {"/etc/$_"} qw(nginx/nginx.conf php/8.2/fpm/pool.d/all.conf
-        php/8.2/fpm/of-all.inc)], 'and the files that make it are those of the site';
-    is_deeply $problems, [], 'without a problem';
+        php/8.2/fpm/of-all.inc)], 'the files that make a pool belong to its site';
+    is_deeply $problems, [], 'no problem is named';
 };
 
 test 'A plain account finds what it may read, and the rest is named' => sub {
@@ -301,7 +308,7 @@ END
         @sites = Linux::Sites::all($tree, $problems);
     }
     is_deeply [map {"$_->{name} $_->{owner} @{ $_->{roots} }"} @sites], ['a.test ann /home/ann/www'],
-        'a plain account finds what it may see, and names the rest of a site';
+        'a plain account finds a site whose files it may not read, with its root';
     is_deeply [sort @{ problem_texts($problems) }], [
         'error /etc/apache2/apache2.conf: Cannot be read: Permission denied',
         'error /etc/nginx/closed: Cannot be read: Permission denied',
@@ -309,7 +316,7 @@ END
         'error /etc/php/8.2/fpm/pool.d: Cannot be read: Permission denied',
         'error a.test: Document root /home/ann/www cannot be read: Permission denied',
         'error a.test: The file /etc/nginx/a.key may not be read',
-    ], 'what it may not see is named' or diag explain problem_texts($problems);
+    ], 'each path that a plain account may not read is an error' or diag explain problem_texts($problems);
 };
 
 test 'Thousands of sites are found in a short time' => sub {
@@ -328,10 +335,10 @@ test 'Thousands of sites are found in a short time' => sub {
     my $breaths = 0;
     local $Agent::Process::while_waiting = sub { $breaths++ };
     my @sites = Linux::Sites::all($tree, $problems);
-    cmp_ok((times)[0] - $before, '<', 3, 'many sites are found in a short time');
-    is scalar @sites, 2000, 'all of them';
-    cmp_ok $breaths, '>=', 1, 'while other work is not kept waiting';
-    is $problems->count, 0, 'without a problem';
+    cmp_ok((times)[0] - $before, '<', 3, 'two thousand sites take less than three seconds of the processor');
+    is scalar @sites, 2000, 'all sites are found';
+    cmp_ok $breaths, '>=', 1, 'the caller is called while sites are found';
+    is $problems->count, 0, 'no problem is named';
 };
 
 test 'What only .htaccess says is named' => sub {
@@ -350,8 +357,8 @@ test 'What only .htaccess says is named' => sub {
             . ' archive with it and not listed here; files of this name in the directories below are not looked into',
         "error a.test: /home/ann/a/.htaccess names the file /etc/shadow, which is not in the site's archive: copy it"
             . ' by hand',
-    ], 'what .htaccess says and the record does not is named' or diag explain problem_texts($problems);
-    is_deeply $site->{files}, [], 'and makes no other file a part of the site';
+    ], 'rules and files that only .htaccess names are named' or diag explain problem_texts($problems);
+    is_deeply $site->{files}, [], '.htaccess makes no other file a part of the site';
 };
 
 run_tests;

@@ -70,9 +70,10 @@ test 'A copy has all that the tree has' => sub {
         'the copy has names, owners, modes, times, links, ACLs, attributes and content';
     cmp_ok 512 * (stat "$copy/site/sparse")[12], '<', 1_000_000, 'a sparse file stays sparse';
     cmp_ok $result->{size}, '<', $result->{bytes} + 10_000, 'the scan says how large an archive may become';
-    is $result->{size}, -s $tree->archive, 'the size is right';
-    is $result->{unpacked}, $result->{size}, 'the size without compression is the same';
-    is $result->{md5}, md5_of($tree->archive), 'the sum is right';
+    is $result->{size}, -s $tree->archive, 'the size of the archive is right';
+    is $result->{unpacked}, $result->{size},
+        'the unpacked size of an archive without compression is its size';
+    is $result->{md5}, md5_of($tree->archive), 'the sum of the archive is right';
 };
 
 test 'A compressed archive has the same in it' => sub {
@@ -80,7 +81,8 @@ test 'A compressed archive has the same in it' => sub {
     my $plain = $tree->packed($tree->tar_of(['/site']), 0);
     my $compressed = $tree->packed($tree->tar_of(['/site']), 1);
     is $compressed->{md5}, md5_of($tree->archive), 'the sum of a compressed archive is right';
-    is $compressed->{unpacked}, $plain->{size}, 'the size without compression is right';
+    is $compressed->{unpacked}, $plain->{size},
+        'the unpacked size of a compressed archive is that of the one without compression';
     is_deeply listing($tree->unpacked . '/site'), listing($tree->top . '/site'),
         'the copy has all that the tree has';
 };
@@ -88,7 +90,7 @@ test 'A compressed archive has the same in it' => sub {
 test 'The same sources make the same archive' => sub {
     my $tree = $shared_tree->();
     my ($one, $other) = map { $tree->packed($tree->tar_of(['/site/deep']), 1)->{md5} } 1, 2;
-    is $one, $other, 'the sums are the same';
+    is $one, $other, 'the sums of two archives of the same sources are the same';
 };
 
 test 'The fingerprint changes with all that is packed' => sub {
@@ -114,7 +116,8 @@ test 'The fingerprint changes with all that is packed' => sub {
         isnt $now, $before, "$change->[0]: the fingerprint changes";
         $before = $now;
     }
-    isnt $fingerprint->(exclude => ["$top/site/deep"]), $before, 'it changes when something is left out';
+    isnt $fingerprint->(exclude => ["$top/site/deep"]), $before,
+        'the fingerprint changes when something is left out';
 };
 
 test 'What is excluded is left out, and nothing else' => sub {
@@ -136,7 +139,8 @@ test 'A socket is named' => sub {
     my $socket = IO::Socket::UNIX->new(Local => $tree->top . '/site/socket', Listen => 1) or die $!;
     rest();
     $tree->packed($tree->tar_of(['/site/socket', '/site/file']), 0);
-    is_deeply $tree->notes, ['info|/site/socket|is a socket, which cannot be packed'], 'a socket is named';
+    is_deeply $tree->notes, ['info|/site/socket|is a socket, which cannot be packed'],
+        'a socket is named as one that cannot be packed';
 };
 
 run_tests;

@@ -38,7 +38,8 @@ test 'What changed after the scan is read again' => sub {
     }, sub { $tree->fill('live/changed', 'newer still') }]), 0);
     my $copy = $tree->unpacked . '/live';
     is content_of($copy), content_of($live), 'the copy has the new content';
-    is_deeply [map { (stat "$copy/$_")[3] } 'changed', 'changed too'], [2, 2], 'what was linked stays linked';
+    is_deeply [map { (stat "$copy/$_")[3] } 'changed', 'changed too'], [2, 2],
+        'two names of one file are so in the copy';
     is_deeply $tree->notes, [], 'nothing is said of a file that was removed before it was read';
 };
 
@@ -62,10 +63,11 @@ test 'A file that changes each time it is read is named and packed' => sub {
     $tree->packed($tree->tar_of(['/log']), 0);
     kill 'KILL', $child;
     waitpid $child, 0;
-    is_deeply $tree->notes, ['warning|/log/growing|changed each of the 3 times it was read'], 'it is named';
+    is_deeply $tree->notes, ['warning|/log/growing|changed each of the 3 times it was read'],
+        'the file that changes is named';
     my $copy = $tree->unpacked;
-    cmp_ok -s "$copy/log/growing", '>=', 5_000_000, 'it is packed';
-    is -s "$copy/log/quiet", 1, 'so are the others';
+    cmp_ok -s "$copy/log/growing", '>=', 5_000_000, 'the file that changes is packed';
+    is -s "$copy/log/quiet", 1, 'the other file is packed';
 };
 
 # --- the owner of a directory cannot make the agent read something else ---
@@ -95,14 +97,16 @@ test 'A directory below one that is not root\'s is packed at its place' => sub {
     my ($top, @said) = ($tree->top);
     $tree->packed_while(sub { }, $PUBLIC);
     push @said, @{ $tree->notes };
-    is_deeply listing($tree->unpacked . $PUBLIC), listing("$top$PUBLIC"), 'the copy has all that it has';
+    is_deeply listing($tree->unpacked . $PUBLIC), listing("$top$PUBLIC"),
+        'the copy has all that the directory has';
     $tree->packed($tree->tar_of([$PUBLIC], exclude => ["$top$PUBLIC/sub"]), 0);
     push @said, @{ $tree->notes };
-    ok !-e $tree->unpacked . "$PUBLIC/sub", 'what is excluded is left out';
+    ok !-e $tree->unpacked . "$PUBLIC/sub", 'a directory that is excluded is left out';
     $tree->packed_while(sub { $tree->fill("$PUBLIC/page", 'newer') }, $PUBLIC);
     push @said, @{ $tree->notes };
-    is_deeply listing($tree->unpacked . $PUBLIC), listing("$top$PUBLIC"), 'what changes is read again';
-    is_deeply \@said, [], 'without a problem';
+    is_deeply listing($tree->unpacked . $PUBLIC), listing("$top$PUBLIC"),
+        'a file that changes after the scan is read again';
+    is_deeply \@said, [], 'no problem is named';
 };
 
 test 'A link that takes the place of a directory is packed as a link' => sub {
@@ -114,7 +118,7 @@ test 'A link that takes the place of a directory is packed as a link' => sub {
     }, $PUBLIC);
     my $copy = $tree->unpacked;
     ok -l "$copy$PUBLIC/sub", 'the link is in the archive';
-    ok !has_secret($copy), 'what it leads to is not';
+    ok !has_secret($copy), 'the file that the link leads to is not in the archive';
 };
 
 test 'A link that takes the place of a directory above is not followed' => sub {
@@ -124,9 +128,10 @@ test 'A link that takes the place of a directory above is not followed' => sub {
         rename "$top$HOME/app", "$top$HOME/away" or die $!;
         symlink "$top/secret", "$top$HOME/app" or die $!;
     }, $PUBLIC);
-    ok !has_secret($tree->unpacked), 'what it leads to is not in the archive';
+    ok !has_secret($tree->unpacked), 'the file that the link leads to is not in the archive';
     my %named = map { $_ => 1 } @{ $tree->notes };
-    is_deeply [keys %named], ["error|$PUBLIC|cannot be read: Permission denied"], 'the directory is named';
+    is_deeply [keys %named], ["error|$PUBLIC|cannot be read: Permission denied"],
+        'the directory that cannot be reached is named';
 };
 
 test 'A second name of a file of another account is left out' => sub {
@@ -140,11 +145,11 @@ test 'A second name of a file of another account is left out' => sub {
     ok !has_secret($copy), 'a file that only its owner may read is left out';
     ok -e "$copy$PUBLIC/open", 'a file that all may read is packed';
     is_deeply $tree->notes, ["error|$PUBLIC/stolen|is left out: it is a further name of a file of another"
-        . ' account (0) that lies elsewhere too'], 'what is left out is named';
+        . ' account (0) that lies elsewhere too'], 'only the name that is left out is named';
     unlink "$top$PUBLIC/stolen" or die $!;
     $tree->packed($tree->tar_of([$PUBLIC, '/secret']), 0);
     is_deeply listing($tree->unpacked . '/secret/sub'), listing("$top/secret/sub"),
-        'root\'s own files are packed';
+        "a file of root with a further name is packed with root's own directory";
 };
 
 # --- what cannot be read ---
@@ -173,9 +178,10 @@ test 'What cannot be read is named and the rest is packed' => sub {
     });
     my %said = map { $_ => 1 } @{ $tree->notes };
     is_deeply [sort keys %said], ['error|/private/closed|cannot be read: Permission denied',
-        'error|/private/directory|cannot be read: Permission denied'], 'what cannot be read is named';
+        'error|/private/directory|cannot be read: Permission denied'],
+        'the file and the directory that cannot be read are named';
     is_deeply [sort split /\n/, output_of('tar', '-tf', "$own/x.tar")], ['./private/', './private/open'],
-        'the rest is packed';
+        'the directory and the file that can be read are packed';
 };
 
 # --- the disk ---
@@ -194,9 +200,9 @@ test 'A large archive is written to the disk in pieces' => sub {
     };
     my $archive = Agent::Archive->new(private => $private, name => 'content/large', compress => 0);
     $archive->put('x' x 1_000_000) for 1 .. 100;
-    is $archive->complete->{size}, 100_000_000, 'a large archive is whole';
-    is $settled, 100_000_000, 'all of it is on the disk';
-    cmp_ok $most, '<', 35_000_000, 'it came there in pieces';
+    is $archive->complete->{size}, 100_000_000, 'the archive has all bytes';
+    is $settled, 100_000_000, 'all bytes are on the disk at the end';
+    cmp_ok $most, '<', 35_000_000, 'no more than a piece of the archive ever waits for the disk';
 };
 
 test 'A full disk ends an archive and nothing of it stays' => sub {
@@ -209,7 +215,7 @@ test 'A full disk ends an archive and nothing of it stays' => sub {
         my $tar = $tree->tar_of(['/log'], private => $private);
         my $need = $tar->scan->{bytes};
         ok !eval { Agent::Archive->new(private => $private, name => 'x', bytes => $need, compress => 1); 1 },
-            'space is asked for first';
+            'an archive for which there is no space is refused at once';
         like $@, qr/\ANo room: $need bytes are needed and \d+ may be used\n\z/,
             'the error says how much is missing';
         for my $compress (0, 1) {
@@ -217,7 +223,7 @@ test 'A full disk ends an archive and nothing of it stays' => sub {
             ok !eval { $tar->pack($archive); 1 }, 'a full disk ends the archive';
             like $@, qr/\ACannot write .*: No space left on device\n\z/, 'the error gives the reason';
             undef $archive;
-            is_deeply [grep { !/list\.new/ } glob "$small/*"], [], 'nothing of it stays';
+            is_deeply [grep { !/list\.new/ } glob "$small/*"], [], 'no file of the archive stays';
             $tar->scan;
         }
     }

@@ -46,34 +46,37 @@ test 'Links are followed inside the root' => sub {
     is $tree->real('/srv/dangling'), undef, 'a link to nothing is missing';
     is $tree->real('/'), '/', 'the root is itself';
     is $tree->path('/srv/up'), "$root/etc/passwd", 'the path on the running system is given';
-    is $tree->path('/no/such/../file'), "$root/no/file", 'also for what is missing';
+    is $tree->path('/no/such/../file'), "$root/no/file",
+        'the path of a missing file on the running system is given';
 };
 
 test 'Files and directories are read inside the root' => sub {
     my (undef, $tree) = plain_system();
-    is $tree->read_file('/srv/up'), 'inside', 'files are read inside';
+    is $tree->read_file('/srv/up'), 'inside', 'a file is read through a link inside the root';
     is_deeply [$tree->read_lines('/etc/conf.d/a.conf')], [qw(one two three)], 'lines come without their ends';
     is $tree->read_file('/srv/pipe'), undef, 'a pipe is not waited for';
     is $tree->read_file('/etc'), undef, 'a directory is no file';
     is $tree->read_file('/etc/passwd', 3), undef, 'a file that is too large is not read';
-    is $tree->read_file('/etc/passwd', 6), 'inside', 'one that is just small enough is';
-    is $tree->read_file("/etc/passwd\0x"), undef, 'a name that cannot be is missing';
+    is $tree->read_file('/etc/passwd', 6), 'inside', 'a file that is just small enough is read';
+    is $tree->read_file("/etc/passwd\0x"), undef, 'a name with a zero byte is missing';
     is_deeply [$tree->list('/srv/absolute')], [sort '.c.conf', '.hidden.d', 'a.conf', 'b.conf', 'x[1].conf'],
-        'names are sorted';
+        'the names of a directory are sorted';
     is $! + 0, 0, 'a directory that was read leaves no error';
     is_deeply [$tree->list('/nowhere')], [], 'a missing directory has no names';
-    cmp_ok $! + 0, '!=', 0, 'but an error';
+    cmp_ok $! + 0, '!=', 0, 'a missing directory leaves an error';
 };
 
 test 'Files, directories and links are distinguished' => sub {
     my (undef, $tree) = plain_system();
     ok $tree->exists('/srv/up'), 'what a link leads to exists';
-    ok !$tree->exists('/srv/dangling'), 'what is not there does not';
+    ok !$tree->exists('/srv/dangling'), 'a link to nothing does not exist';
     ok $tree->is_link('/srv/dangling'), 'a link is seen';
-    is $tree->link_target('/srv/up'), '../../../../../../etc/passwd', 'its text is given';
+    is $tree->link_target('/srv/up'), '../../../../../../etc/passwd',
+        'the target of a link is given as it is written';
     ok $tree->is_dir('/srv/absolute') && !$tree->is_file('/srv/absolute'),
         'directories are distinguished from files';
-    ok $tree->is_file('/srv/chain') && !$tree->is_dir('/srv/chain'), 'and files from directories';
+    ok $tree->is_file('/srv/chain') && !$tree->is_dir('/srv/chain'),
+        'files are distinguished from directories';
 };
 
 test 'Patterns find names and reach through links' => sub {
@@ -87,7 +90,8 @@ test 'Patterns find names and reach through links' => sub {
     is_deeply [$tree->glob('/etc/?asswd'), $tree->glob('/etc/none')], ['/etc/passwd'],
         'what is missing is not found';
 
-    is_deeply [$tree->glob('/etc/conf.d/[b-a].conf')], [], 'a class that is none is no mistake of ours';
+    is_deeply [$tree->glob('/etc/conf.d/[b-a].conf')], [],
+        'a class without characters finds nothing, without an error';
 };
 
 # --- links of those who own sites ---
@@ -134,24 +138,27 @@ sub system_of_accounts {
 test 'Links of an account lead to what is its own only' => sub {
     my ($root, $tree) = system_of_accounts();
     is $tree->read_file("/home/alice/$_->[0]"), $_->[1],
-        "$_->[0] is followed: it is root's, or leads to one's own"
+        "$_->[0] is followed: root has made it, or it leads to a file of its owner"
         for ['current/link', 'own'], ['uploads/picture', 'picture'], ['app/shared/key', 'secret'];
     for my $path (qw(stolen directory/key config all/root/key long again)) {
         ok !defined $tree->read_file("/home/alice/$path") && $!{EACCES}, "$path is not followed";
-        ok !$tree->exists("/home/alice/$path"), "$path is as if nothing were there";
+        ok !$tree->exists("/home/alice/$path"), "$path does not exist for the agent";
     }
-    is_deeply [$tree->list('/home/alice/directory')], [], 'no directory is listed through one';
-    is_deeply [$tree->trail('/home/alice/directory/key')], ['/home/alice/directory'], 'a trail ends there';
+    is_deeply [$tree->list('/home/alice/directory')], [],
+        'no directory is listed through a link that is not followed';
+    is_deeply [$tree->trail('/home/alice/directory/key')], ['/home/alice/directory'],
+        'a trail ends at a link that is not followed';
     is_deeply [$tree->trail('/home/alice/current/link')],
         ['/home/alice/current', '/home/alice/app/link', '/home/alice/app/page'],
-        'it has all that may be followed';
+        'a trail has all links that may be followed';
     is_deeply [map {"$_->{path} $_->{owner} $_->{target}"} $tree->refused], [map {"/home/alice/$_"}
         "all $ALICE /", "config $ALICE ../bob/config.php", "directory $ALICE /root",
         "long $ALICE current/../../alice/../bob/config.php", "stolen $ALICE /root/key"],
-        'all of them are listed'
+        'all links that were not followed are listed'
         or diag explain [$tree->refused];
     link "$root/srv/of-root", "$root/home/alice/second" or die $!;
-    ok !defined $tree->read_file('/home/alice/second/key'), "a second name of root's link is of who made it";
+    ok !defined $tree->read_file('/home/alice/second/key'),
+        'a second name of a link of root in a directory of an account is not followed';
 };
 
 # --- what is put in a path at the last moment ---
@@ -178,7 +185,7 @@ test 'A link in the place of a directory is not followed' => sub {
     ok !defined put_while($tree, '/home/alice/app/key', sub {
         rename "$root/home/alice/app", "$root/home/alice/away" or die $!;
         symlink "$root/root", "$root/home/alice/app" or die $!;
-    }), 'nor one in the place of a directory';
+    }), 'a link in the place of a directory is not followed';
     unlink "$root/home/alice/app" or die $!;
 };
 

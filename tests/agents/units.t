@@ -20,7 +20,7 @@ sub found {
 }
 
 test 'A host may have no units of its own' => sub {
-    is_deeply [found()], [{}, []], 'a host may have none of its own';
+    is_deeply [found()], [{}, []], 'a host without units of its own has none, and no problems';
 };
 
 sub host_with_units {
@@ -53,7 +53,7 @@ sub host_with_units {
 
 test 'Units of an administrator or of an account are found and none of packages' => sub {
     my ($units, $problems) = host_with_units();
-    is_deeply $problems, [], 'reading them is no problem';
+    is_deeply $problems, [], 'no problem is named';
     is_deeply [sort keys %$units], [
         (map {"/etc/systemd/system/$_"} qw(linked.service nginx.service.d/limits.conf own.service own.timer
             plain.service
@@ -82,18 +82,18 @@ test 'Each unit runs as an account and timers as what they start' => sub {
         'plain.service' => 'root', 'nginx.service' => 'root', 'linked.service' => 'bob',
         'local.service' => 'bob',
         'mine.service' => 'bob',
-    }, 'each runs as an account, timers as what they start';
+    }, 'each unit has its account, and a timer that of what it starts';
 };
 
 test 'The times of timers and the changes of units are found' => sub {
     my ($units) = host_with_units();
     is_deeply $units->{'/etc/systemd/system/tidy.timer'}{when}, ['OnCalendar=daily', 'OnBootSec=5min'],
-        'a timer says when; an empty value takes back those before it';
+        'a timer has its times, without those that an empty value takes back';
     is_deeply [sort map { $_->{name} } grep { $_->{enabled} } values %$units],
         [qw(mine.service shop.service)],
-        'those that others want are enabled';
+        'units that a target wants are enabled';
     is $units->{'/etc/systemd/system/nginx.service.d/limits.conf'}{drop_in}, 1,
-        "a change of a package's unit counts";
+        'a file that changes a unit of a package is a drop-in';
 };
 
 test 'Only files that root alone can write name further files to be packed' => sub {
@@ -107,7 +107,7 @@ test 'Only files that root alone can write name further files to be packed' => s
             Linux::Users->new($tree));
         is_deeply \%needs, { 'of-alice.service' => [], 'of-root.service' => ['/etc/shadow'],
             'open.service' => [] },
-            'only what root alone can write names further files to be packed';
+            'only a unit that root alone can write needs the file that it names';
 };
 
 test 'A unit that cannot be read is an error' => sub {
@@ -119,7 +119,7 @@ test 'A unit that cannot be read is an error' => sub {
         Linux::Units::all($tree, $problems, $users);
         is_deeply problem_texts($problems),
             ['error /etc/systemd/system/a.service: Cannot be read: Permission denied'],
-            'one that cannot be read is an error';
+            'a unit that cannot be read is an error';
 };
 
 run_tests;

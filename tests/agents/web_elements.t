@@ -84,13 +84,13 @@ END
         'etc/nginx/sites/b' => "server { server_name b.test; root /srv/b; include snippet; }\n",
         'etc/nginx/snippet' => "index index.html;\n", 'srv/a/' => undef, 'srv/b/' => undef,
     );
-    is_deeply $problems, [], 'nothing is wrong' or diag explain $problems;
+    is_deeply $problems, [], 'no problem is named' or diag explain $problems;
     is uses_of('a.test'), 'log_format=of_a map=$source map=$http_x split_clients=$remote_addr'
         . ' limit_req_zone=$binary_remote_addr proxy_cache_path=/var/cache/a upstream=app',
         'a server block comes with what it uses of "http", also through others';
-    is uses_of('b.test'), '', 'and with nothing else';
+    is uses_of('b.test'), '', 'a server block that uses nothing of "http" comes with nothing of it';
     is found('string(//web-configuration/@uses)'), found('string(//directive[arg="main" and @name="log_format"]/@id)'),
-        'what holds for all sites says what it uses';
+        'the configuration of all sites names the definition that it uses';
     my ($a) = grep { $_->{name} eq 'a.test' } @{ $web->{sites} };
     is_deeply $a->{config}, [map {"/etc/nginx/$_"} qw(sites/a conf.d/maps.conf conf.d/zones.conf)],
         'the files of definitions go with the site, but not the main file of the host';
@@ -98,22 +98,25 @@ END
     my $in_a = '//site[@name="a.test"]//directive';
     is found(qq{string($in_a\[\@name="location"][1]/arg[2])}), '^/(?<x>\d{2})\.html$', 'expressions stay as they are';
     is found(qq{string(($in_a\[\@name="add_header"])[1]/arg[2])}), 'a "b" \ $variant', 'quotes are taken away';
-    is found(qq{string($in_a\[\@name="return"]/arg[2])}), "it\"s\\ a\t", 'and backslashes where the server does it';
+    is found(qq{string($in_a\[\@name="return"]/arg[2])}), "it\"s\\ a\t",
+        'backslashes are taken away where the server does it';
     is found(qq{string(($in_a\[\@name="add_header"])[2]/arg[2][\@encoded="percent"])}), '50%25 caf%E9',
         'bytes that XML does not allow are written as numbers';
     is found(qq{string($in_a\[\@name="content_by_lua_block"]/text)}),
         qq(\n        ngx.say("}") -- }\n        local x = [[ } ]] --[=[ } ]=]\n    ), 'another language is not touched';
     is found(qq{string($in_a\[\@name="if"]/arg[3])}), 'a b', 'conditions have their arguments';
-    is found(qq{string($in_a\[\@name="if"]/directive/\@name)}), 'return', 'and the directives in them';
-    is found(qq{string($in_a\[\@name="location" and arg="/empty"]/\@block)}), 'yes', 'an empty block is one';
+    is found(qq{string($in_a\[\@name="if"]/directive/\@name)}), 'return', 'conditions have their directives';
+    is found(qq{string($in_a\[\@name="location" and arg="/empty"]/\@block)}), 'yes',
+        'an empty block is described as a block';
     is found(qq{string($in_a\[\@name="server"]/\@file)}), '/etc/nginx/sites/a', 'a block has its file';
-    is found(qq{string($in_a\[\@name="location" and arg="/login"]/\@line)}), 6, 'and line';
+    is found(qq{string($in_a\[\@name="location" and arg="/login"]/\@line)}), 6, 'a block has its line';
     is found('string(//site[@name="b.test"]//directive[@name="index"]/@file)'), '/etc/nginx/snippet',
-        'so has what is included in it';
+        'a directive that is included has the file that it is from';
     is found('count(//directive[@name="include" or @name="included file"])'), 0, 'no inclusion is left';
     is found('count(//web-configuration//directive[@name="server" and @block])'), 0,
         'the rest of the configuration is without the blocks of sites';
-    is found('string(//web-configuration//directive[@name="gzip"]/arg)'), 'on', 'but whole';
+    is found('string(//web-configuration//directive[@name="gzip"]/arg)'), 'on',
+        'the rest of the configuration has its own directives';
 };
 
 my $modules = join '', map {"LoadModule ${_}_module /usr/lib/apache2/modules/mod_$_.so\n"} qw(macro ssl);
@@ -170,26 +173,31 @@ END
 Use Site a.test a
 END
         'srv/a/' => undef);
-    is_deeply $problems, [], 'nothing is wrong with Apache' or diag explain $problems;
+    is_deeply $problems, [], 'no problem is named' or diag explain $problems;
     is uses_of('a.test'), 'logformat=%h "%r" proxy=balancer://pool rewritemap=upper directory=/ directory=/srv/a'
         . ' directory=/srv/*/* directorymatch=/\.git', 'a virtual host comes with what it uses, and the sections for its directories'
         or diag uses_of('a.test');
     my ($a) = grep { $_->{name} eq 'a.test' } @{ $web->{sites} };
-    is_deeply $a->{config}, [map {"/etc/apache2/$_"} qw(sites/a more.conf)], 'and with their files';
+    is_deeply $a->{config}, [map {"/etc/apache2/$_"} qw(sites/a more.conf)],
+        'the files of what a site uses go with the site';
     my $in_a = '//site[@name="a.test"]//directive';
     is found(qq{string($in_a\[\@name="servername"]/arg)}), 'a.test', 'macros are filled in';
-    is found(qq{string($in_a\[\@name="documentroot"]/raw)}), '"/srv/a"', 'and definitions, with the quotes kept';
-    is found(qq{string($in_a\[\@name="header"]/raw)}), 'set X "a \"b\" c\d"', 'a line is what it was';
+    is found(qq{string($in_a\[\@name="documentroot"]/raw)}), '"/srv/a"',
+        'definitions are filled in, and quotes are kept';
+    is found(qq{string($in_a\[\@name="header"]/raw)}), 'set X "a \"b\" c\d"',
+        'a line is kept as it was written';
     is found(qq{string($in_a\[\@name="header"]/arg[3])}), 'a "b" c\d',
-        'its arguments are those of the server';
+        'the arguments of a line are those of the server';
     is found(qq{string($in_a\[\@name="if"]/raw)}), q{"%{HTTP_HOST} == 'x' && -z reqenv('Y')"},
         'what a request decides stands as it is';
     is found(qq{string($in_a\[\@name="rewriterule"]/arg[1])}), '^/a\ b$', 'expressions have their blanks';
     is found(qq{count($in_a\[\@name="ifmodule" or \@name="use"])}), 0, 'what the start decides is worked out';
-    is found(qq{string($in_a\[\@name="location"]/\@block)}), 'yes', 'an empty section is one';
+    is found(qq{string($in_a\[\@name="location"]/\@block)}), 'yes',
+        'an empty section is described as a section';
     is found('count(//web-configuration//directive[@name="virtualhost" or @name="macro"])'), 0,
-        'the rest is without virtual hosts';
-    is found('string(//web-configuration/directive[@name="listen"]/arg)'), 80, 'but whole';
+        'the rest of the configuration is without virtual hosts';
+    is found('string(//web-configuration/directive[@name="listen"]/arg)'), 80,
+        'the rest of the configuration has its own directives';
 };
 
 run_tests;

@@ -69,8 +69,9 @@ test 'An nginx that runs is read with what it was started with' => sub {
         my ($site) = grep { $_->{name} eq 'a.test' } @{ $found->{sites} };
         is $site && $site->{root}, "$dir/docs",
             'a server that runs is read with the files and paths it was started with';
-        is $found->{configurations}[0]{file}, "$dir/nginx.conf", 'before others';
-        is_deeply [grep {/\Q$dir\E/} @$problems], [], 'without a problem' or diag explain $problems;
+        is $found->{configurations}[0]{file}, "$dir/nginx.conf",
+            'the configuration that the server was started with is the first one';
+        is_deeply [grep {/\Q$dir\E/} @$problems], [], 'no problem is named' or diag explain $problems;
         is unread(), '', 'a server that is read is not named';
 
         no warnings qw(redefine once);
@@ -92,7 +93,8 @@ test 'The files of nginx are read where it does not answer' => sub {
             [qw(a.test b.test)],
             'files are read where the server does not answer';
         like join("\n", @$problems),
-            qr{^warning \Q$dir\E/nginx.conf: nginx runs, but would not start with its files.*: unknown directive "wrong" in }, 'with the reason';
+            qr{^warning \Q$dir\E/nginx.conf: nginx runs, but would not start with its files.*: unknown directive "wrong" in },
+            'the reason why nginx would not start is named';
     });
     unlink "$dir/more/b.conf";
 };
@@ -129,9 +131,9 @@ test 'An Apache that runs is read with what it was started with' => sub {
             'Apache is read with what it was started with, definitions too';
         my %module = map { $_->{name} => $_->{file} } @{ $found->{configurations}[0]{modules} };
         is_deeply [@module{qw(unixd_module mpm_event_module)}], [undef, "$modules/mod_mpm_event.so"],
-            'its modules are listed, with those that are built in' or diag explain \%module;
-        ok exists $module{unixd_module}, 'as it says itself';
-        is_deeply [grep {/\Q$dir\E/} @$problems], [], 'without a problem' or diag explain $problems;
+            'the modules of Apache are listed, with those that are built in' or diag explain \%module;
+        ok exists $module{unixd_module}, 'a module that is built in is listed';
+        is_deeply [grep {/\Q$dir\E/} @$problems], [], 'no problem is named' or diag explain $problems;
 
         no warnings qw(redefine once);
         local *Linux::ApacheConfig::matching = sub { return };
@@ -151,7 +153,8 @@ test 'The files of Apache are read where it does not answer' => sub {
         ok((grep { $_->{name} eq 'a.test' } @{ $found->{sites} }),
             'files are read where Apache does not answer');
         like join("\n", @$problems),
-            qr{^warning \Q$dir\E/web.conf: Apache runs, but would not start with its files.*b\.vhost.*'Wrong'}, 'with the reason' or diag explain $problems;
+            qr{^warning \Q$dir\E/web.conf: Apache runs, but would not start with its files.*b\.vhost.*'Wrong'},
+            'the reason why Apache would not start is named' or diag explain $problems;
     });
     unlink "$dir/more/b.vhost";
 };
@@ -186,12 +189,12 @@ test 'A pool is found by what its process manager was started with' => sub {
             is_deeply [@$php{qw(pool pool_user version pool_file)}],
                 ['one', 'nobody', $version, "$dir/pool1.conf"],
                 'a pool is found by the file that its process manager was started with' or diag explain $php;
-            is_deeply $php->{settings}, { memory_limit => '3M' }, 'with its settings';
-            is_deeply $php->{env}, { PLACE => 'north; west' }, 'and environment';
+            is_deeply $php->{settings}, { memory_limit => '3M' }, 'a pool has its settings';
+            is_deeply $php->{env}, { PLACE => 'north; west' }, 'a pool has its environment';
             ok((grep { $_ eq 'opcache' } @{ $php->{extensions} })
                 && (grep { $_ eq 'cgi-fcgi' } @{ $php->{extensions} }),
                 'extensions are those that the program names') or diag explain $php->{extensions};
-            is_deeply $problems, [], 'without a problem' or diag explain $problems;
+            is_deeply $problems, [], 'no problem is named' or diag explain $problems;
 
             no warnings qw(redefine once);
             local *Linux::Php::read_pool_file = sub { return };
@@ -209,7 +212,8 @@ test 'The files of pools are read where the process manager does not answer' => 
             write_file("$dir/of-all", "wrong = 1\n");
             my ($php, $problems) = $of_site->();
             is $php->{pool}, 'one', 'files are read where the process manager does not answer';
-            like "@$problems", qr{\Awarning \Q$fpm_file\E: PHP-FPM runs, but would not start with its files.*'wrong'}, 'with the reason';
+            like "@$problems", qr{\Awarning \Q$fpm_file\E: PHP-FPM runs, but would not start with its files.*'wrong'},
+                'the reason why PHP-FPM would not start is named';
         });
 };
 
@@ -228,14 +232,15 @@ test 'A web server that is not read is an error' => sub {
     with_server(80, [$lighttpd, @LISTENS, 80], sub {
         is unread(), "error lighttpd: Runs (process $_[0]) and listens on port 80, but is not read by the agent: its sites are"
             . ' in no archive. Move its configuration and its files by hand',
-            'a web server that is not read is an error';
+            'a web server at port 80 that is not read is an error';
     });
     with_server(8080, [$lighttpd, @LISTENS, 8080], sub {
-        like unread(), qr{\Aerror lighttpd: Runs \(process $_[0]\), but is not read}, 'wherever it listens';
+        like unread(), qr{\Aerror lighttpd: Runs \(process $_[0]\), but is not read},
+            'a web server at another port that is not read is an error';
     });
     with_server(443, [$^X, @LISTENS, 443], sub {
         like unread(), qr/\Aerror perl[\d.]*: Runs \(process $_[0]\) and listens on port 443, but is no web server that the agent reads/,
-            'so is any program where browsers come';
+            'any program at port 443 that is not read is an error';
     });
 };
 
@@ -251,7 +256,7 @@ test 'A program of an account does not count as the web server' => sub {
             ok !(grep { $_->{name} eq 'a.test' } @{ $found->{sites} }),
                 "an account's own program is not used";
             like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but is a program of an account other than root: its sites},
-                'but named';
+                "an account's own program is an error";
         });
 };
 
@@ -269,9 +274,9 @@ test 'A web server that another account has started is not used' => sub {
             'daemon off;'], sub {
             my ($found) = looked(\&Linux::Nginx::look);
             ok !(grep { $_->{name} eq 'n.test' } @{ $found->{sites} }),
-                "what another account has started is not used";
+                'a server that another account has started is not used';
             like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but was started by an account other than root: its sites},
-                'but named';
+                'a web server that another account has started is an error';
         });
 };
 
@@ -284,7 +289,8 @@ test 'A web server that is only installed is named' => sub {
             ['error lighttpd: Is installed (/usr/sbin/lighttpd) with a configuration in'
             . ' /etc/lighttpd, but is not read by the agent: if it serves sites, its sites are in no'
                 . ' archive. Move its'
-            . ' configuration and its files by hand'], 'one that is only installed is named too';
+            . ' configuration and its files by hand'],
+            'a web server that is installed with a configuration is an error';
 };
 
 run_tests;

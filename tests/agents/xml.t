@@ -17,7 +17,8 @@ test 'Elements and attributes are written' => sub {
     is element('a', undef, text("x <&> \r\n")), "<a>x &lt;&amp;&gt; &#13;\n</a>", 'text is escaped';
     is element('a', [], element('b'), element('c')), "<a>\n<b/>\n<c/>\n</a>",
         'elements stand on their own lines';
-    is element('a', [], text(''), undef), '<a/>', 'nothing inside is no content';
+    is element('a', [], text(''), undef), '<a/>',
+        'an element with an empty text and without elements has no content';
 };
 
 test 'Text is written as UTF-8 that XML allows' => sub {
