@@ -109,26 +109,28 @@ test 'A directory below one that is not root\'s is packed at its place' => sub {
     is_deeply \@said, [], 'no problem is named';
 };
 
-test 'A link that takes the place of a directory is packed as a link' => sub {
-    my $tree = tree_of_account();
+# A copy of the public directory, packed while a link to the target takes the place of a directory. Expects
+# that the secret behind the link is not in it.
+sub copy_with_link {
+    my ($tree, $directory, $target) = @_;
     my $top = $tree->top;
     $tree->packed_while(sub {
-        rename "$top$PUBLIC/sub", "$top$HOME/kept" or die $!;
-        symlink "$top/secret/sub", "$top$PUBLIC/sub" or die $!;
+        rename "$top$directory", "$top$HOME/moved away" or die $!;
+        symlink "$top$target", "$top$directory" or die $!;
     }, $PUBLIC);
     my $copy = $tree->unpacked;
-    ok -l "$copy$PUBLIC/sub", 'the link is in the archive';
     ok !has_secret($copy), 'the file that the link leads to is not in the archive';
+    return $copy;
+}
+
+test 'A link that takes the place of a directory is packed as a link' => sub {
+    my $copy = copy_with_link(tree_of_account(), "$PUBLIC/sub", '/secret/sub');
+    ok -l "$copy$PUBLIC/sub", 'the link is in the archive';
 };
 
 test 'A link that takes the place of a directory above is not followed' => sub {
     my $tree = tree_of_account();
-    my $top = $tree->top;
-    $tree->packed_while(sub {
-        rename "$top$HOME/app", "$top$HOME/away" or die $!;
-        symlink "$top/secret", "$top$HOME/app" or die $!;
-    }, $PUBLIC);
-    ok !has_secret($tree->unpacked), 'the file that the link leads to is not in the archive';
+    copy_with_link($tree, "$HOME/app", '/secret');
     my %named = map { $_ => 1 } @{ $tree->notes };
     is_deeply [keys %named], ["error|$PUBLIC|cannot be read: Permission denied"],
         'the directory that cannot be reached is named';
