@@ -6,7 +6,7 @@ use warnings;
 use Exporter 'import';
 use Test::More ();
 
-our @EXPORT = qw(once run_tests test);
+our @EXPORT = qw(error_of once run_tests test);
 
 my @tests;
 
@@ -27,6 +27,12 @@ sub once {
         @made = $make->() if !@made;
         return wantarray ? @made : $made[0];
     };
+}
+
+# The error that the code dies with; empty if it does not die.
+sub error_of {
+    my ($code) = @_;
+    return eval { $code->(); 1 } ? '' : $@;
 }
 
 # Runs the tests that were added and ends the file. AGENT_TESTS in the environment is a pattern for the

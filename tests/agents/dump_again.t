@@ -33,7 +33,8 @@ test 'A second dump makes what has changed or is gone' => sub {
     open my $archive, '>>', "$dir/content/sites/b.test.tar.gz" or die $!;
     print $archive 'x';
     close $archive;
-    ok !eval { Linux::ContentList::text_of($private); 1 },
+    is error_of(sub { Linux::ContentList::text_of($private) }),
+        "content/sites/b.test.tar.gz has changed since: make a new dump\n",
         'there is no content list while an archive is not as it was made';
     dumped('', '--dump-all');
     is run(['gzip', '-t', "$dir/content/sites/b.test.tar.gz"])->{status}, 0,
@@ -66,8 +67,10 @@ test 'The status is there before anything is looked at' => sub {
 
 test 'A second dump at the same time is refused' => sub {
     my $lock = Linux::Dump::take_lock($private);
-    ok !eval { dumped('', '--dump-all'); 1 }, 'a dump is refused while another one runs';
-    ok !eval { Linux::ContentList::text_of($private); 1 }, 'a content list is refused while a dump runs';
+    my $refusal = "Another dump is still running in this directory\n";
+    is error_of(sub { dumped('', '--dump-all') }), $refusal, 'a dump is refused while another one runs';
+    is error_of(sub { Linux::ContentList::text_of($private) }), $refusal,
+        'a content list is refused while a dump runs';
 };
 
 test 'There is no list of a dump that was not completed' => sub {

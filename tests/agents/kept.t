@@ -104,7 +104,8 @@ test 'The status stays as it was while the disk is full' => sub {
     $problems->add(severity => 'error', object => 'x', text => 'y');
     $status->set(stage => 'document', done => 5);
     is shown($small, 'stage'), 'content', 'the old status stays while the disk is full';
-    ok !eval { $status->write; 1 }, 'the caller gets an error while the disk is full';
+    like error_of(sub { $status->write }), qr/: No space left on device\n\z/,
+        'the caller gets an error while the disk is full';
     ok !-e "$small/dumping-status.xml.new", 'no incomplete status stays';
     close $filler;
     unlink "$small/filler" or die $!;

@@ -9,16 +9,21 @@ use Agent::Options;
 
 delete $ENV{SUDO_UID};
 
+my $LINES = 'lines are needed on standard input';
+
 sub parse {
     my ($input, @arguments) = @_;
     open my $handle, '<', \$input or die $!;
     return Agent::Options::parse(\@arguments, $handle);
 }
 
+# Expects that the arguments are refused with an error that begins so.
 sub refused {
-    my ($why, $input, @arguments) = @_;
-    ok !eval { parse($input, @arguments); 1 }, "refused: $why" or return;
-    unlike $@, qr/secret/, "$why: the input is not in the error";
+    my ($why, $expected, $input, @arguments) = @_;
+    my $error = error_of(sub { parse($input, @arguments) });
+    like $error, qr/\A\Q$expected\E/, "refused: $why";
+    unlike $error, qr/secret/, "$why: the input is not in the error";
+    return;
 }
 
 test 'The status and the content list are asked for' => sub {
@@ -62,17 +67,23 @@ test 'The lines of a connection are not kept' => sub {
 };
 
 test 'Arguments that do not fit together are refused' => sub {
-    refused('nothing to do', '');
-    refused('unknown option', '', '--migration-mode', '--verbose');
-    refused('no mode', 'a', '--dump-domains=-');
-    refused('a list that is not on the input', '', '--migration-mode', '--dump-domains=a');
-    refused('status and more', '', '--get-status', '--dump-all');
-    refused('everything and a list', 'a', '--migration-mode', '--dump-all', '--dump-clients=-');
-    refused('only mail and only hosting', '', '--migration-mode', '--only-mail', '--only-hosting');
-    refused('a missing list', 'secret', '--migration-mode', '--dump-domains=-', '--dump-clients=-');
-    refused('no list', '', '--migration-mode', '--dump-domains=-');
-    refused('a line too many', "secret\na", '--migration-mode', '--dump-domains=-');
-    refused('a short connection', "secret\na", '--migration-mode', '--dump-all', '--content-transport=rsync');
+    my $no_action = 'One of --get-content-list, --get-status or --migration-mode is needed';
+    refused('nothing to do', $no_action, '');
+    refused('unknown option', 'Unknown option: --verbose', '', '--migration-mode', '--verbose');
+    refused('no mode', $no_action, 'a', '--dump-domains=-');
+    refused('a list that is not on the input', 'Unknown option: --dump-domains=a', '', '--migration-mode',
+        '--dump-domains=a');
+    refused('status and more', '--get-status goes with no other option', '', '--get-status', '--dump-all');
+    refused('everything and a list', '--dump-all goes with no list of names', 'a', '--migration-mode',
+        '--dump-all', '--dump-clients=-');
+    refused('only mail and only hosting', '--only-mail and --only-hosting exclude each other', '',
+        '--migration-mode', '--only-mail', '--only-hosting');
+    refused('a missing list', "2 $LINES, there are 1", 'secret', '--migration-mode', '--dump-domains=-',
+        '--dump-clients=-');
+    refused('no list', "1 $LINES, there are 0", '', '--migration-mode', '--dump-domains=-');
+    refused('a line too many', "1 $LINES, there are 2", "secret\na", '--migration-mode', '--dump-domains=-');
+    refused('a short connection', "4 $LINES, there are 2", "secret\na", '--migration-mode', '--dump-all',
+        '--content-transport=rsync');
 };
 
 test 'A password that sudo did not read is not taken for a name' => sub {
@@ -81,7 +92,8 @@ test 'A password that sudo did not read is not taken for a name' => sub {
         'a line in front of the list is not taken for its names';
     is_deeply parse("a.test\n", '--migration-mode', '--dump-domains=-')->{domains}, ['a.test'],
         'a list without a line in front of it is read';
-    refused('two lines too many', "secret\nsecret\na", '--migration-mode', '--dump-domains=-');
+    refused('two lines too many', "1 $LINES, there are 3", "secret\nsecret\na", '--migration-mode',
+        '--dump-domains=-');
 };
 
 run_tests;

@@ -50,7 +50,8 @@ test 'Problems are kept once and written as elements' => sub {
     is_deeply [$problems->elements],
         ['<problem severity="error" object="a &quot;b&quot;">cannot &lt; read</problem>',
         '<problem severity="info" object="">x</problem>'], 'problems are written as elements';
-    ok !eval { $problems->add(severity => 'fatal', text => 'x'); 1 }, 'an unknown severity is refused';
+    is error_of(sub { $problems->add(severity => 'fatal', text => 'x') }),
+        "Unknown severity of a problem: fatal\n", 'an unknown severity is refused';
 };
 
 run_tests;
