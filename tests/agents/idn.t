@@ -35,9 +35,8 @@ test 'Other forms of a name are given where the rules differ' => sub {
         'a name with a letter that the older rules replace has a form by these too';
     is_deeply [Linux::Idn::forms("b\xfccher.example")], ["b\xfccher.example"],
         'a name that is no UTF-8 stays as it is';
-    is_deeply [grep { utf8::is_utf8($_) && /[^\x00-\x7f]/ } map { Linux::Idn::forms($_) } 'bücher.example',
-        'plain.example'], [],
-        'the forms are bytes';
+    is_deeply [grep { utf8::is_utf8($_) } map { Linux::Idn::forms($_) } 'bücher.example', 'plain.example'], [],
+        'the forms are strings of bytes';
 };
 
 run_tests;
