@@ -30,10 +30,10 @@ sub found {
     return $asked->{status} ? "none: $asked->{err}" : $asked->{out};
 }
 
-# The names of the definitions that a site uses: the first argument of each.
+# The definitions that an element uses, each with its first argument.
 sub uses_of {
-    my ($site) = @_;
-    my @ids = split ' ', found(qq{string(//site[\@name="$site"]/block/\@uses)});
+    my ($element) = @_;
+    my @ids = split ' ', found("string($element/\@uses)");
     return join ' ', map { found(qq{string(//directive[\@id="$_"]/\@name)}) . '=' . found(
         qq{string(//directive[\@id="$_"]/arg[1])}) } @ids;
 }
@@ -85,11 +85,13 @@ END
         'etc/nginx/snippet' => "index index.html;\n", 'srv/a/' => undef, 'srv/b/' => undef,
     );
     is_deeply $problems, [], 'no problem is named' or diag explain $problems;
-    is uses_of('a.test'), 'log_format=of_a map=$source map=$http_x split_clients=$remote_addr'
+    is uses_of('//site[@name="a.test"]/block'),
+        'log_format=of_a map=$source map=$http_x split_clients=$remote_addr'
         . ' limit_req_zone=$binary_remote_addr proxy_cache_path=/var/cache/a upstream=app',
         'a server block comes with what it uses of "http", also through others';
-    is uses_of('b.test'), '', 'a server block that uses nothing of "http" comes with nothing of it';
-    is found('string(//web-configuration/@uses)'), found('string(//directive[arg="main" and @name="log_format"]/@id)'),
+    is uses_of('//site[@name="b.test"]/block'), '',
+        'a server block that uses nothing of "http" comes with nothing of it';
+    is uses_of('//web-configuration'), 'log_format=main',
         'the configuration of all sites names the definition that it uses';
     my ($a) = grep { $_->{name} eq 'a.test' } @{ $web->{sites} };
     is_deeply $a->{config}, [map {"/etc/nginx/$_"} qw(sites/a conf.d/maps.conf conf.d/zones.conf)],
@@ -174,9 +176,10 @@ Use Site a.test a
 END
         'srv/a/' => undef);
     is_deeply $problems, [], 'no problem is named' or diag explain $problems;
-    is uses_of('a.test'), 'logformat=%h "%r" proxy=balancer://pool rewritemap=upper directory=/ directory=/srv/a'
+    is uses_of('//site[@name="a.test"]/block'),
+        'logformat=%h "%r" proxy=balancer://pool rewritemap=upper directory=/ directory=/srv/a'
         . ' directory=/srv/*/* directorymatch=/\.git', 'a virtual host comes with what it uses, and the sections for its directories'
-        or diag uses_of('a.test');
+        or diag uses_of('//site[@name="a.test"]/block');
     my ($a) = grep { $_->{name} eq 'a.test' } @{ $web->{sites} };
     is_deeply $a->{config}, [map {"/etc/apache2/$_"} qw(sites/a more.conf)],
         'the files of what a site uses go with the site';
