@@ -10,17 +10,6 @@ use Agent::Process qw(run stream start finish which);
 
 sub perl_code { return [$^X, '-e', @_] }
 
-# Waits for a condition with a deadline: true as soon as it is met.
-sub becomes_true {
-    my ($condition) = @_;
-    my $deadline = Time::HiRes::time() + 10;
-    while (Time::HiRes::time() < $deadline) {
-        return 1 if $condition->();
-        Time::HiRes::sleep(0.01);
-    }
-    return 0;
-}
-
 test 'A program gives its status, output and errors' => sub {
     is_deeply run(perl_code('print "out"; print STDERR "err"; exit 3')),
         { status => 3, statuses => [3], out => 'out', err => 'err' }, 'run gives status, output and errors';
