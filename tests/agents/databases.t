@@ -183,15 +183,15 @@ test 'A database is dumped by its own server' => sub {
 };
 
 test 'A database without a server is named' => sub {
-        my ($tree, $told) = imitated('srv/a/wp-config.php' =>
-            "<?php define('DB_NAME', 'inner'); define('DB_HOST', '127.0.0.1:3307');");
-        Linux::Databases->new(tree => $tree, problems => $told)->assign([],
-            [{ name => 'a.test', names => ['a.test'], owner => 'alice', root => '/srv/a',
-                roots => ['/srv/a'] }]);
-        is_deeply problem_texts($told),
-            ['error a.test: /srv/a/wp-config.php names the database inner, for which no server was'
-            . " found on this host. $elsewhere"],
-            'settings that name a database without a server are an error';
+    my ($tree, $told) = imitated('srv/a/wp-config.php' =>
+        "<?php define('DB_NAME', 'inner'); define('DB_HOST', '127.0.0.1:3307');");
+    Linux::Databases->new(tree => $tree, problems => $told)->assign([],
+        [{ name => 'a.test', names => ['a.test'], owner => 'alice', root => '/srv/a',
+            roots => ['/srv/a'] }]);
+    is_deeply problem_texts($told),
+        ['error a.test: /srv/a/wp-config.php names the database inner, for which no server was'
+        . " found on this host. $elsewhere"],
+        'settings that name a database without a server are an error';
 };
 
 run_tests;

@@ -184,32 +184,32 @@ sub silent_server {
 
 test 'Servers of an account take no time and are named once' => sub {
     begin_anew();
-        my @fakes = map { FakeServer->new(account => 'plain', path => "/tmp/.s.PGSQL.$_",
-            talk => silent_server()) } 5401 .. 5420;
-        my $began = Time::HiRes::time();
-        my ($problems, @servers) = look('Linux::PostgreSql');
-        cmp_ok Time::HiRes::time() - $began, '<', 2,
-            'the agent does not wait for twenty servers of an account';
-        is_deeply [join('', map { $_->said } @fakes), scalar @servers], ['', 0],
-            'no server of the account is sent anything or taken for one of the host';
-        is_deeply problem_texts($problems),
-            ['error plain: The account has a PostgreSQL server of its own at /tmp/.s.PGSQL.5401,'
-            . " /tmp/.s.PGSQL.5402, /tmp/.s.PGSQL.5403 and 17 more, which is not the host's and is not"
-                . " asked: its databases are"
-            . ' not dumped. Dump those that are needed as this account, with pg_dump'],
-            'all servers of the account are named in one problem';
+    my @fakes = map { FakeServer->new(account => 'plain', path => "/tmp/.s.PGSQL.$_",
+        talk => silent_server()) } 5401 .. 5420;
+    my $began = Time::HiRes::time();
+    my ($problems, @servers) = look('Linux::PostgreSql');
+    cmp_ok Time::HiRes::time() - $began, '<', 2,
+        'the agent does not wait for twenty servers of an account';
+    is_deeply [join('', map { $_->said } @fakes), scalar @servers], ['', 0],
+        'no server of the account is sent anything or taken for one of the host';
+    is_deeply problem_texts($problems),
+        ['error plain: The account has a PostgreSQL server of its own at /tmp/.s.PGSQL.5401,'
+        . " /tmp/.s.PGSQL.5402, /tmp/.s.PGSQL.5403 and 17 more, which is not the host's and is not"
+            . " asked: its databases are"
+        . ' not dumped. Dump those that are needed as this account, with pg_dump'],
+        'all servers of the account are named in one problem';
 };
 
 test 'Several servers of the service account that hang take no longer than one may' => sub {
     begin_anew();
-        my @fakes = map { FakeServer->new(account => 'postgres', path => "/tmp/.s.PGSQL.$_",
-            talk => silent_server()) } 5401 .. 5406;
-        my $began = Time::HiRes::time();
-        my ($problems, @servers) = look('Linux::PostgreSql');
-        cmp_ok Time::HiRes::time() - $began, '<', 6, 'all servers together take about the time of one';
-        is_deeply [map { /no answer within [\d.]+ seconds/ ? 'no answer within N seconds'
-            : $_ } @{ problem_texts($problems) }],
-            [('no answer within N seconds') x 6], 'each server that does not answer is named';
+    my @fakes = map { FakeServer->new(account => 'postgres', path => "/tmp/.s.PGSQL.$_",
+        talk => silent_server()) } 5401 .. 5406;
+    my $began = Time::HiRes::time();
+    my ($problems, @servers) = look('Linux::PostgreSql');
+    cmp_ok Time::HiRes::time() - $began, '<', 6, 'all servers together take about the time of one';
+    is_deeply [map { /no answer within [\d.]+ seconds/ ? 'no answer within N seconds'
+        : $_ } @{ problem_texts($problems) }],
+        [('no answer within N seconds') x 6], 'each server that does not answer is named';
 };
 
 test 'A socket that the service account has left is a server that is down' => sub {

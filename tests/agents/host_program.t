@@ -36,8 +36,8 @@ test 'A program of root is asked' => sub {
 };
 
 test 'The environment does not decide where programs are found' => sub {
-        local $ENV{PATH} = "$directory/bin";
-        is program('say'), undef, 'a program in a directory of PATH is not found';
+    local $ENV{PATH} = "$directory/bin";
+    is program('say'), undef, 'a program in a directory of PATH is not found';
 };
 
 # Each of these lets another account replace the program.

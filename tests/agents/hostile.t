@@ -80,35 +80,35 @@ test 'Files of long blanks are read in time' => sub {
 };
 
 test 'The first ones of too many files of settings are read' => sub {
-        my $config = "<?php define('DB_NAME', 'own');\n" . '#' x 250_000;
-        my ($tree, $problems) = imitated(map { ("srv/a/$_/wp-config.php" => $config) } 1 .. 9);
-        my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
-        my @found = $applications->settings({ name => 'a.test', owner => 'ann', root => '/srv/a',
-            roots => ['/srv/a'] });
-        cmp_ok scalar(@found), '<', 9, 'not all of too many files are read';
-        is_deeply [sort map {"$_->{name} $_->{file}"} @found],
-            [map {"own /srv/a/$_/wp-config.php"} 1 .. @found],
-            'the files that are read are the first ones';
-        is scalar(grep {/not known: File too large/} @{ problem_texts($problems) }), 9 - @found,
-            'each file that is not read is named';
+    my $config = "<?php define('DB_NAME', 'own');\n" . '#' x 250_000;
+    my ($tree, $problems) = imitated(map { ("srv/a/$_/wp-config.php" => $config) } 1 .. 9);
+    my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
+    my @found = $applications->settings({ name => 'a.test', owner => 'ann', root => '/srv/a',
+        roots => ['/srv/a'] });
+    cmp_ok scalar(@found), '<', 9, 'not all of too many files are read';
+    is_deeply [sort map {"$_->{name} $_->{file}"} @found],
+        [map {"own /srv/a/$_/wp-config.php"} 1 .. @found],
+        'the files that are read are the first ones';
+    is scalar(grep {/not known: File too large/} @{ problem_texts($problems) }), 9 - @found,
+        'each file that is not read is named';
 };
 
 test "Settings at a second name of another account's file are not used" => sub {
-        my ($tree, $problems) = imitated('srv/a/' => [4711, 4711], 'srv/b/' => [4712, 4712]);
-        for my $name (qw(a b)) {
-            open my $file, '>', $tree->path("/srv/$name") . '/wp-config.php' or die $!;
-            print $file "<?php define('DB_NAME', 'of_$name');";
-            close $file;
-        }
-        my @config = map { $tree->path("/srv/$_") . '/wp-config.php' } qw(a b);
-        chown 4712, 4712, $config[1] or die $!;
-        unlink $config[0] or die $!;
-        link $config[1], $config[0] or die $!;
-        my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
-        my %found = map { my $name = $_; ($name => [map { $_->{name} } $applications->settings(
-            { name => $name, owner => $name, root => "/srv/$name", roots => ["/srv/$name"] })]) } qw(a b);
-        is_deeply \%found, { a => [], b => ['of_b'] },
-            "only the owner's own name of the file leads to its settings";
+    my ($tree, $problems) = imitated('srv/a/' => [4711, 4711], 'srv/b/' => [4712, 4712]);
+    for my $name (qw(a b)) {
+        open my $file, '>', $tree->path("/srv/$name") . '/wp-config.php' or die $!;
+        print $file "<?php define('DB_NAME', 'of_$name');";
+        close $file;
+    }
+    my @config = map { $tree->path("/srv/$_") . '/wp-config.php' } qw(a b);
+    chown 4712, 4712, $config[1] or die $!;
+    unlink $config[0] or die $!;
+    link $config[1], $config[0] or die $!;
+    my $applications = Linux::Applications->new(tree => $tree, problems => $problems);
+    my %found = map { my $name = $_; ($name => [map { $_->{name} } $applications->settings(
+        { name => $name, owner => $name, root => "/srv/$name", roots => ["/srv/$name"] })]) } qw(a b);
+    is_deeply \%found, { a => [], b => ['of_b'] },
+        "only the owner's own name of the file leads to its settings";
 };
 
 run_tests;

@@ -81,10 +81,10 @@ test 'A dump is complete once it is finished, until it changes or another begins
 
 sub on_small_disk {
     my $small = tempdir(CLEANUP => 1);
-        my $mounted = run(['mount', '-t', 'tmpfs', '-o', 'size=64k,mode=700', 'small', $small]);
-        is $mounted->{status}, 0, 'a small disk is mounted';
+    my $mounted = run(['mount', '-t', 'tmpfs', '-o', 'size=64k,mode=700', 'small', $small]);
+    is $mounted->{status}, 0, 'a small disk is mounted';
     my $problems = Agent::Problems->new;
-        return ($small, $problems, Agent::Status->new(Agent::Private->new($small), $problems));
+    return ($small, $problems, Agent::Status->new(Agent::Private->new($small), $problems));
 }
 
 sub shown {

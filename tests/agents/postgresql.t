@@ -259,44 +259,44 @@ test 'What is written while a dump runs is not in it' => sub {
 test 'A locked table delays a dump for a limited time only' => sub {
     $source_server->();
     my (undef, $databases) = looked();
-        my @locked = (limit => 20, lock_milliseconds => 300);
-        my ($patient) = Linux::PostgreSql->found(tree => Linux::Tree->new, problems => Agent::Problems->new,
-            @locked);
-        my $client = Agent::Process::start([qw(runuser -u postgres -- psql -X -q -A -t -h /run/postgresql -d
-            shop)],
-            stdin => 'pipe');
-        print {$client->{in}} "BEGIN; LOCK TABLE orders; SELECT 'locked';\n";
-        $client->{in}->flush;
-        is readline $client->{out}, "locked\n", 'a table is locked';
-        my $until = time + 15;
-        # It would end once the lock is released.
+    my @locked = (limit => 20, lock_milliseconds => 300);
+    my ($patient) = Linux::PostgreSql->found(tree => Linux::Tree->new, problems => Agent::Problems->new,
+        @locked);
+    my $client = Agent::Process::start([qw(runuser -u postgres -- psql -X -q -A -t -h /run/postgresql -d
+        shop)],
+        stdin => 'pipe');
+    print {$client->{in}} "BEGIN; LOCK TABLE orders; SELECT 'locked';\n";
+    $client->{in}->flush;
+    is readline $client->{out}, "locked\n", 'a table is locked';
+    my $until = time + 15;
+    # It would end once the lock is released.
     my $error = $patient->dump($databases->{shop}, sub { }, tick => sub { close delete $client->{in}
-            if $client->{in} && time > $until });
-        like $error, qr/timeout/, 'the dump of a locked table ends with an error';
-        ok $client->{in}, 'the dump ends while the table is still locked';
-        Agent::Process::finish($client);
+        if $client->{in} && time > $until });
+    like $error, qr/timeout/, 'the dump of a locked table ends with an error';
+    ok $client->{in}, 'the dump ends while the table is still locked';
+    Agent::Process::finish($client);
 };
 
 test 'What a server makes up does not go into SQL' => sub {
     $source_server->();
     my ($server) = looked();
-        my $evil = '1 SUPERUSER; DROP ROLE shop; --';
-        my $lying = bless { %$server, roles => undef, involved => undef, memberships => undef },
-            'Linux::PostgreSql';
-        my $hex = unpack 'H*', 'eve';
-        no warnings 'redefine';
-        local *Linux::PostgreSqlClient::ask = sub {
-            my (undef, $sql) = @_;
-            return [['16999', $hex, 't', 't', $evil, '', '', '']], undef if $sql =~ /FROM pg_authid/;
-            return [['16999', "ALL ON DATABASE shop TO eve; $evil", 'f'], ['0', 'CONNECT', 'f']], undef
-                if $sql =~ /aclexplode/;
-            return [], undef;
-        };
-        my $database = { name => 'shop', id => 1, users => [{ name => 'eve', id => 16999 }] };
-        my $sql = $lying->role_statements($database) . $lying->database_statements($database);
-        like $sql, qr/CREATE ROLE "eve" LOGIN CONNECTION LIMIT -1.*GRANT CONNECT ON DATABASE "shop" TO PUBLIC;/s,
-            'what is well-formed goes into the SQL';
-        unlike $sql, qr/SUPERUSER|DROP/, 'what a server makes up does not go into the SQL';
+    my $evil = '1 SUPERUSER; DROP ROLE shop; --';
+    my $lying = bless { %$server, roles => undef, involved => undef, memberships => undef },
+        'Linux::PostgreSql';
+    my $hex = unpack 'H*', 'eve';
+    no warnings 'redefine';
+    local *Linux::PostgreSqlClient::ask = sub {
+        my (undef, $sql) = @_;
+        return [['16999', $hex, 't', 't', $evil, '', '', '']], undef if $sql =~ /FROM pg_authid/;
+        return [['16999', "ALL ON DATABASE shop TO eve; $evil", 'f'], ['0', 'CONNECT', 'f']], undef
+            if $sql =~ /aclexplode/;
+        return [], undef;
+    };
+    my $database = { name => 'shop', id => 1, users => [{ name => 'eve', id => 16999 }] };
+    my $sql = $lying->role_statements($database) . $lying->database_statements($database);
+    like $sql, qr/CREATE ROLE "eve" LOGIN CONNECTION LIMIT -1.*GRANT CONNECT ON DATABASE "shop" TO PUBLIC;/s,
+        'what is well-formed goes into the SQL';
+    unlike $sql, qr/SUPERUSER|DROP/, 'what a server makes up does not go into the SQL';
 };
 
 test 'The database of the server itself counts once it is used' => sub {

@@ -118,22 +118,22 @@ test 'A link or a second name of a file is not read or appended to' => sub {
 
 test 'A new file is never open to others and never one that they have made' => sub {
     begin_anew();
-        my $old = umask 0;
-        @modes = ();
-        $private->replace('born', '');
-        is_deeply \@modes, ['600'], 'a new file has mode 0600 before its mode is set';
-        umask $old;
-        for my $case (['link', sub { symlink "$secret/z", "$dir/new.new" or die $! }],
-            ['file', sub { open my $planted, '>', "$dir/new.new" or die $! }])
-        {
-            my ($what, $plant) = @$case;
-            $after_unlink = $plant;
-            is error_of(sub { $private->replace('new', 'secret') }),
-                "Cannot make $dir/new.new: File exists\n",
-                "a $what that others have just put there is not written to";
-            CORE::unlink("$dir/new.new");
-        }
-        untouched();
+    my $old = umask 0;
+    @modes = ();
+    $private->replace('born', '');
+    is_deeply \@modes, ['600'], 'a new file has mode 0600 before its mode is set';
+    umask $old;
+    for my $case (['link', sub { symlink "$secret/z", "$dir/new.new" or die $! }],
+        ['file', sub { open my $planted, '>', "$dir/new.new" or die $! }])
+    {
+        my ($what, $plant) = @$case;
+        $after_unlink = $plant;
+        is error_of(sub { $private->replace('new', 'secret') }),
+            "Cannot make $dir/new.new: File exists\n",
+            "a $what that others have just put there is not written to";
+        CORE::unlink("$dir/new.new");
+    }
+    untouched();
 };
 
 test 'A file that is not kept leaves nothing' => sub {

@@ -97,10 +97,10 @@ test 'The errors of all programs of a chain are read' => sub {
 };
 
 test 'The caller is called while it waits for a program' => sub {
-        my $waited = 0;
-        local $Agent::Process::while_waiting = sub { $waited++ };
-        run(perl_code('sleep 1'));
-        cmp_ok $waited, '>=', 2, 'the caller is called at least twice while a program runs for a second';
+    my $waited = 0;
+    local $Agent::Process::while_waiting = sub { $waited++ };
+    run(perl_code('sleep 1'));
+    cmp_ok $waited, '>=', 2, 'the caller is called at least twice while a program runs for a second';
 };
 
 test 'A started program has pipes and a status' => sub {

@@ -24,7 +24,7 @@ test 'A host may have no units of its own' => sub {
 };
 
 sub host_with_units {
-        return found(
+    return found(
         'lib/systemd/system/nginx.service' => "[Service]\nExecStart=/usr/sbin/nginx\n",
         'etc/systemd/system/multi-user.target.wants/nginx.service' => \'/lib/systemd/system/nginx.service',
         'etc/systemd/system/sshd.service' => \'/usr/lib/systemd/system/ssh.service',
@@ -97,29 +97,29 @@ test 'The times of timers and the changes of units are found' => sub {
 };
 
 test 'Only files that root alone can write name further files to be packed' => sub {
-        my $text = "[Service]\nEnvironmentFile=/etc/shadow\n";
-        my ($tree, $problems) = imitated('etc/passwd' => $ACCOUNTS,
-            map { ("etc/systemd/system/$_.service" => $text) }
-            qw(of-alice of-root open));
-        chown 1001, 1001, $tree->path('/etc/systemd/system/of-alice.service') or die $!;
-        chmod 0666, $tree->path('/etc/systemd/system/open.service') or die $!;
-        my %needs = map { $_->{name} => $_->{needs} } Linux::Units::all($tree, $problems,
-            Linux::Users->new($tree));
-        is_deeply \%needs, { 'of-alice.service' => [], 'of-root.service' => ['/etc/shadow'],
-            'open.service' => [] },
-            'only a unit that root alone can write needs the file that it names';
+    my $text = "[Service]\nEnvironmentFile=/etc/shadow\n";
+    my ($tree, $problems) = imitated('etc/passwd' => $ACCOUNTS,
+        map { ("etc/systemd/system/$_.service" => $text) }
+        qw(of-alice of-root open));
+    chown 1001, 1001, $tree->path('/etc/systemd/system/of-alice.service') or die $!;
+    chmod 0666, $tree->path('/etc/systemd/system/open.service') or die $!;
+    my %needs = map { $_->{name} => $_->{needs} } Linux::Units::all($tree, $problems,
+        Linux::Users->new($tree));
+    is_deeply \%needs, { 'of-alice.service' => [], 'of-root.service' => ['/etc/shadow'],
+        'open.service' => [] },
+        'only a unit that root alone can write needs the file that it names';
 };
 
 test 'A unit that cannot be read is an error' => sub {
-        my ($tree, $problems) = imitated('etc/passwd' => $ACCOUNTS, 'etc/systemd/system/a.service' => 'x');
-        chmod 0711, $tree->root or die $!;
-        chmod 0600, $tree->path('/etc/systemd/system/a.service') or die $!;
-        my $users = Linux::Users->new($tree);
-        local ($), $>) = ('65534 65534', 65534);
-        Linux::Units::all($tree, $problems, $users);
-        is_deeply problem_texts($problems),
-            ['error /etc/systemd/system/a.service: Cannot be read: Permission denied'],
-            'a unit that cannot be read is an error';
+    my ($tree, $problems) = imitated('etc/passwd' => $ACCOUNTS, 'etc/systemd/system/a.service' => 'x');
+    chmod 0711, $tree->root or die $!;
+    chmod 0600, $tree->path('/etc/systemd/system/a.service') or die $!;
+    my $users = Linux::Users->new($tree);
+    local ($), $>) = ('65534 65534', 65534);
+    Linux::Units::all($tree, $problems, $users);
+    is_deeply problem_texts($problems),
+        ['error /etc/systemd/system/a.service: Cannot be read: Permission denied'],
+        'a unit that cannot be read is an error';
 };
 
 run_tests;

@@ -161,60 +161,60 @@ test 'The files of Apache are read where it does not answer' => sub {
 
 sub pool_in {
     my ($dir) = @_;
-        my $fpm = "$dir/fpm.conf";
-        write_file($fpm, "[global]\nerror_log = $dir/fpm.log\ndaemonize = no\ninclude = $dir/pool?.conf\n");
-        write_file("$dir/pool1.conf",
-            "[one]\nlisten = 127.0.0.1:9000\nuser = nobody\npm = static\npm.max_children = 1\n"
-            . "env[PLACE] = 'north; west'\ninclude = $dir/of-all\n");
-        write_file("$dir/of-all", "php_admin_value[memory_limit] = 3M\n");
-        my ($program) = glob '/usr/sbin/php-fpm?.?';
-        my ($version) = $program =~ /([\d.]+)\z/;
-        my @fpm = ($program, '-y', $fpm);
-        my $of_site = sub {
-            my ($tree, $problems) = (Linux::Tree->new, Agent::Problems->new);
-            my $servers = Linux::WebServers->new(tree => $tree, problems => $problems);
-            my $php = Linux::Php->new($tree, $problems, $servers);
-            return ($php->of_site({ php_addresses => ['localhost:9000'], php_settings => {},
-                php_admin => {} }),
-                [grep {/\Q$dir\E/} @{ problem_texts($problems) }]);
-        };
+    my $fpm = "$dir/fpm.conf";
+    write_file($fpm, "[global]\nerror_log = $dir/fpm.log\ndaemonize = no\ninclude = $dir/pool?.conf\n");
+    write_file("$dir/pool1.conf",
+        "[one]\nlisten = 127.0.0.1:9000\nuser = nobody\npm = static\npm.max_children = 1\n"
+        . "env[PLACE] = 'north; west'\ninclude = $dir/of-all\n");
+    write_file("$dir/of-all", "php_admin_value[memory_limit] = 3M\n");
+    my ($program) = glob '/usr/sbin/php-fpm?.?';
+    my ($version) = $program =~ /([\d.]+)\z/;
+    my @fpm = ($program, '-y', $fpm);
+    my $of_site = sub {
+        my ($tree, $problems) = (Linux::Tree->new, Agent::Problems->new);
+        my $servers = Linux::WebServers->new(tree => $tree, problems => $problems);
+        my $php = Linux::Php->new($tree, $problems, $servers);
+        return ($php->of_site({ php_addresses => ['localhost:9000'], php_settings => {},
+            php_admin => {} }),
+            [grep {/\Q$dir\E/} @{ problem_texts($problems) }]);
+    };
     return ($fpm, \@fpm, $of_site, $version);
 }
 
 test 'A pool is found by what its process manager was started with' => sub {
     my $dir = laid_out();
     my (undef, $fpm, $of_site, $version) = pool_in($dir);
-        with_server(9000, $fpm, sub {
-            my ($php, $problems) = $of_site->();
-            is_deeply [@$php{qw(pool pool_user version pool_file)}],
-                ['one', 'nobody', $version, "$dir/pool1.conf"],
-                'a pool is found by the file that its process manager was started with' or diag explain $php;
-            is_deeply $php->{settings}, { memory_limit => '3M' }, 'a pool has its settings';
-            is_deeply $php->{env}, { PLACE => 'north; west' }, 'a pool has its environment';
-            ok((grep { $_ eq 'opcache' } @{ $php->{extensions} })
-                && (grep { $_ eq 'cgi-fcgi' } @{ $php->{extensions} }),
-                'extensions are those that the program names') or diag explain $php->{extensions};
-            is_deeply $problems, [], 'no problem is named' or diag explain $problems;
+    with_server(9000, $fpm, sub {
+        my ($php, $problems) = $of_site->();
+        is_deeply [@$php{qw(pool pool_user version pool_file)}],
+            ['one', 'nobody', $version, "$dir/pool1.conf"],
+            'a pool is found by the file that its process manager was started with' or diag explain $php;
+        is_deeply $php->{settings}, { memory_limit => '3M' }, 'a pool has its settings';
+        is_deeply $php->{env}, { PLACE => 'north; west' }, 'a pool has its environment';
+        ok((grep { $_ eq 'opcache' } @{ $php->{extensions} })
+            && (grep { $_ eq 'cgi-fcgi' } @{ $php->{extensions} }),
+            'extensions are those that the program names') or diag explain $php->{extensions};
+        is_deeply $problems, [], 'no problem is named' or diag explain $problems;
 
-            no warnings qw(redefine once);
-            local *Linux::Php::read_pool_file = sub { return };
-            ($php) = $of_site->();
-            is_deeply [@$php{qw(pool pool_user settings env)}],
-                ['one', 'nobody', { memory_limit => '3M' }, { PLACE => 'north; west' }],
-                'a pool that is in no file is found by the process manager' or diag explain $php;
-        });
+        no warnings qw(redefine once);
+        local *Linux::Php::read_pool_file = sub { return };
+        ($php) = $of_site->();
+        is_deeply [@$php{qw(pool pool_user settings env)}],
+            ['one', 'nobody', { memory_limit => '3M' }, { PLACE => 'north; west' }],
+            'a pool that is in no file is found by the process manager' or diag explain $php;
+    });
 };
 
 test 'The files of pools are read where the process manager does not answer' => sub {
     my $dir = laid_out();
     my ($fpm_file, $fpm, $of_site) = pool_in($dir);
-        with_server(9000, $fpm, sub {
-            write_file("$dir/of-all", "wrong = 1\n");
-            my ($php, $problems) = $of_site->();
-            is $php->{pool}, 'one', 'files are read where the process manager does not answer';
-            like "@$problems", qr{\Awarning \Q$fpm_file\E: PHP-FPM runs, but would not start with its files.*'wrong'},
-                'the reason why PHP-FPM would not start is named';
-        });
+    with_server(9000, $fpm, sub {
+        write_file("$dir/of-all", "wrong = 1\n");
+        my ($php, $problems) = $of_site->();
+        is $php->{pool}, 'one', 'files are read where the process manager does not answer';
+        like "@$problems", qr{\Awarning \Q$fpm_file\E: PHP-FPM runs, but would not start with its files.*'wrong'},
+            'the reason why PHP-FPM would not start is named';
+    });
 };
 
 # Another program with the name of the server: the agent looks at which program runs and listens.
@@ -246,51 +246,51 @@ test 'A web server that is not read is an error' => sub {
 
 test 'A program of an account does not count as the web server' => sub {
     my $dir = laid_out();
-        my $own = "$dir/own";
-        mkpath($own);
-        run(['cp', which('nginx'), "$own/nginx"]);
-        run(['chown', '-R', 'nobody', $own]);
-        with_server(8080, ["$own/nginx", '-p', "$dir/", '-c', "$dir/nginx.conf", '-g', 'daemon off;'],
-            sub {
-            my ($found) = looked(\&Linux::Nginx::look);
-            ok !(grep { $_->{name} eq 'a.test' } @{ $found->{sites} }),
-                "an account's own program is not used";
-            like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but is a program of an account other than root: its sites},
-                "an account's own program is an error";
-        });
+    my $own = "$dir/own";
+    mkpath($own);
+    run(['cp', which('nginx'), "$own/nginx"]);
+    run(['chown', '-R', 'nobody', $own]);
+    my @nginx = ("$own/nginx", '-p', "$dir/", '-c', "$dir/nginx.conf", '-g', 'daemon off;');
+    with_server(8080, \@nginx, sub {
+        my ($found) = looked(\&Linux::Nginx::look);
+        ok !(grep { $_->{name} eq 'a.test' } @{ $found->{sites} }),
+            "an account's own program is not used";
+        like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but is a program of an account other than root: its sites},
+            "an account's own program is an error";
+    });
 };
 
 test 'A web server that another account has started is not used' => sub {
     my $dir = laid_out();
-        my $own = "$dir/of-nobody";
-        mkpath("$own/docs");
-        write_file("$own/nginx.conf",
-            "error_log stderr; pid $own/pid; events {}\nhttp { access_log off; client_body_temp_path t;\n"
-            . "proxy_temp_path t; fastcgi_temp_path t; uwsgi_temp_path t; scgi_temp_path t;\n"
-            . "server { listen 127.0.0.1:8080; server_name n.test; root docs; } }\n");
-        run(['chown', '-R', '65534:65534', $own]);
-        my @nobody = qw(setpriv --reuid=65534 --regid=65534 --clear-groups);
-        with_server(8080, [@nobody, which('nginx'), '-p', "$own/", '-c', "$own/nginx.conf", '-g',
-            'daemon off;'], sub {
-            my ($found) = looked(\&Linux::Nginx::look);
-            ok !(grep { $_->{name} eq 'n.test' } @{ $found->{sites} }),
-                'a server that another account has started is not used';
-            like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but was started by an account other than root: its sites},
-                'a web server that another account has started is an error';
-        });
+    my $own = "$dir/of-nobody";
+    mkpath("$own/docs");
+    write_file("$own/nginx.conf",
+        "error_log stderr; pid $own/pid; events {}\nhttp { access_log off; client_body_temp_path t;\n"
+        . "proxy_temp_path t; fastcgi_temp_path t; uwsgi_temp_path t; scgi_temp_path t;\n"
+        . "server { listen 127.0.0.1:8080; server_name n.test; root docs; } }\n");
+    run(['chown', '-R', '65534:65534', $own]);
+    my @nobody = qw(setpriv --reuid=65534 --regid=65534 --clear-groups);
+    my @nginx = (@nobody, which('nginx'), '-p', "$own/", '-c', "$own/nginx.conf", '-g', 'daemon off;');
+    with_server(8080, \@nginx, sub {
+        my ($found) = looked(\&Linux::Nginx::look);
+        ok !(grep { $_->{name} eq 'n.test' } @{ $found->{sites} }),
+            'a server that another account has started is not used';
+        like unread(), qr{\Aerror nginx: Runs \(process $_[0]\), but was started by an account other than root: its sites},
+            'a web server that another account has started is an error';
+    });
 };
 
 test 'A web server that is only installed is named' => sub {
-        my ($tree, $problems) = imitated('usr/sbin/lighttpd' => '', 'etc/lighttpd/lighttpd.conf' => '',
-            'etc/caddy/x' => '',
-            'usr/bin/caddy/' => undef);
-        Linux::WebServers->new(tree => $tree, problems => $problems)->note_unread;
-        is_deeply problem_texts($problems),
-            ['error lighttpd: Is installed (/usr/sbin/lighttpd) with a configuration in'
-            . ' /etc/lighttpd, but is not read by the agent: if it serves sites, its sites are in no'
-                . ' archive. Move its'
-            . ' configuration and its files by hand'],
-            'a web server that is installed with a configuration is an error';
+    my ($tree, $problems) = imitated('usr/sbin/lighttpd' => '', 'etc/lighttpd/lighttpd.conf' => '',
+        'etc/caddy/x' => '',
+        'usr/bin/caddy/' => undef);
+    Linux::WebServers->new(tree => $tree, problems => $problems)->note_unread;
+    is_deeply problem_texts($problems),
+        ['error lighttpd: Is installed (/usr/sbin/lighttpd) with a configuration in'
+        . ' /etc/lighttpd, but is not read by the agent: if it serves sites, its sites are in no'
+            . ' archive. Move its'
+        . ' configuration and its files by hand'],
+        'a web server that is installed with a configuration is an error';
 };
 
 run_tests;
