@@ -132,7 +132,7 @@ test 'A base and its increments are the tree after each kind of change' => sub {
     for my $step (@STEPS) {
         my ($what, $change) = @$step;
         $change->($tree);
-        is $tree->follows($what)->{md5}, $base->{md5}, "$what: the base stays";
+        is $tree->follows($what)->{md5}, $base->{md5}, "$what: the base stays as it was";
     }
     my $last = $tree->follows('after all changes');
     my $first = $last->{increments}[0];

@@ -35,7 +35,7 @@ test 'A server of root or of the service account counts' => sub {
         'a server of the service account in its own directory counts';
     is_deeply look('root', [0, 0], 0755), { state => 'trusted', owner => [0, 0] }, 'a server of root counts';
     is_deeply look('mysql', [0, 0], 01777), \%trusted,
-        'a server in a directory as /tmp counts if the service account owns its socket';
+        'a server in a directory like /tmp counts if the service account owns its socket';
     is_deeply look('mysql', \@MYSQL, 02775), \%trusted,
         'a server in a directory that the group of the service account may write into counts';
 };

@@ -89,10 +89,12 @@ test 'The databases of a server are found with their accounts' => sub {
         ['buyers@', 'o\'brien@localhost', 'reader@10.0.0.%', 'shop@%', 'stranger@localhost'],
         'the accounts of a database are found by all kinds of grants and by roles';
     is_deeply [map { $_->{name} } @{ $databases{client_a}{users} }], ['stranger'],
-        'a grant may have wildcards';
-    is_deeply [map { $_->{name} } @{ $databases{'-x `é'}{users} }], ['ba``ck``'], 'a name may have backticks';
-    is_deeply $databases{clientba}{users}, [], 'an escaped wildcard is a plain character';
-    is_deeply $databases{'sh%p'}{users}, [], 'a name like a pattern is no pattern';
+        'the account of a grant with a wildcard is found';
+    is_deeply [map { $_->{name} } @{ $databases{'-x `é'}{users} }], ['ba``ck``'],
+        'the account of a database with a backtick in its name is found';
+    is_deeply $databases{clientba}{users}, [], 'an escaped wildcard of a grant stands for itself';
+    is_deeply $databases{'sh%p'}{users}, [],
+        'a database with a name like a pattern has no accounts of others';
 };
 
 test 'Passwords of accounts are compared' => sub {
@@ -215,7 +217,7 @@ test 'What is written while a dump runs is not in it' => sub {
     my ($error, $dumped, $written) = dump_while_written($server, \%long, qr/row-1\b/,
         sub { $source->sql('DELETE FROM a; INSERT INTO z VALUES ("row-too-late")', 'long') });
     is $error, undef, 'the dump succeeds';
-    is $written, 1, 'rows were written while it ran';
+    is $written, 1, 'rows are written while the dump runs';
     is scalar(() = $dumped =~ /row-[0-9]+/g), $rows, 'the rows of a dump are those of its beginning';
     unlike $dumped, qr/row-too-late/, 'a row that is written meanwhile is not in the dump of a later table';
     $source->sql('DROP DATABASE `long`');
@@ -231,7 +233,7 @@ test 'A damaged table is named and the others are dumped' => sub {
     my ($server, $databases, $problems) = looked();
     my $sql = dumped($server, $databases->{harmed});
     $source->sql('DROP DATABASE harmed');
-    like $sql, qr/INSERT INTO `orders`/, 'the rest of a damaged database is dumped';
+    like $sql, qr/INSERT INTO `orders`/, 'the other table of a damaged database is dumped';
     like join("\n", @{ problem_texts($problems) }),
         qr/^error MariaDB database harmed: Not in the dump: .*\blog\b/m,
         'the damaged table is an error';
@@ -245,7 +247,7 @@ test 'A password is in a file or nowhere' => sub {
         . " GRANT ALL ON *.* TO 'agent'\@'localhost' WITH GRANT OPTION;"
         . " ALTER USER 'root'\@'localhost' IDENTIFIED BY 'other-word'");
     my ($problems, $server) = look();
-    is $server->description->{running}, 0, 'a server that refuses us counts as one that cannot be asked';
+    is $server->description->{running}, 0, 'a server that refuses the login counts as one that does not run';
     like join("\n", @{ problem_texts($problems) }),
         qr/\Aerror MariaDB: The server cannot be asked: ERROR 1045 .*Access denied/,
         'a login that is refused is an error';
@@ -316,8 +318,8 @@ test 'A dump that is cut off is no dump' => sub {
     my ($server, $databases) = looked();
     my $pieces = 0;
     ok !eval { $server->dump($databases->{shop}, sub { die "disk full\n" if $pieces++ }); 1 },
-        'a sink that dies ends the dump';
-    is $@, "disk full\n", 'the reason of the sink is kept';
+        'a receiver of the dump that dies ends it';
+    is $@, "disk full\n", 'the error of the receiver is kept';
 };
 
 test 'A dump from a server that went away fails' => sub {

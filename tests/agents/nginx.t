@@ -62,7 +62,7 @@ END
     is_deeply [keys %$sites], ['a.test'], 'blocks with the same name are one site';
     my $site = $sites->{'a.test'};
     is_deeply $site->{names}, ['a.test', 'www.a.test'], 'names are in lower case and without the last point';
-    is $site->{root}, '/srv/a', 'the document root is tidy';
+    is $site->{root}, '/srv/a', 'the document root has no superfluous parts';
     is_deeply $site->{roots}, ['/srv/a', '/srv/media'],
         'directories inside the root, of packages and for certificate challenges are no further roots';
     is_deeply $site->{listen}, [
@@ -176,11 +176,11 @@ server { server_name "~^a{1,2}\.test$"; root /srv/missing; }
 END
     is_deeply [sort keys %$sites], [sort 'default', 'default-8080', 'wild.test', '*.only.test',
         '~^a{1,2}\.test$'],
-        'sites without a plain name get one';
+        'each site without a plain name gets one';
     is $sites->{'default-8080'}{root}, '/usr/share/nginx/html',
         'nginx serves its own directory where none is given';
     is_deeply $sites->{'wild.test'}{names}, ['wild.test', '*.wild.test'],
-        'a point in front means the name and all below';
+        'a name with a point in front stands for itself and all names below';
     is_deeply $sites->{'~^a{1,2}\.test$'}{roots}, [], 'a missing root is not taken';
     is_deeply $problems, ['warning ~^a{1,2}\.test$: Document root /srv/missing does not exist'],
         'a missing root is a warning';

@@ -27,8 +27,9 @@ sub refused {
 }
 
 test 'The status and the content list are asked for' => sub {
-    is_deeply parse('', '--get-status'), { action => 'status' }, 'the status is asked for';
-    is_deeply parse('', '--get-content-list'), { action => 'content-list' }, 'the content list is asked for';
+    is_deeply parse('', '--get-status'), { action => 'status' }, '--get-status asks for the status';
+    is_deeply parse('', '--get-content-list'), { action => 'content-list' },
+        '--get-content-list asks for the content list';
 };
 
 my %NOTHING = (action => 'dump', all => 0, compress => 1, content => 1, license => 1, server => 0,
@@ -39,7 +40,7 @@ test 'A dump has the settings of its options' => sub {
         'a dump without further options has the usual settings';
     is_deeply parse('left over', '--migration-mode', '--dump-all'),
         { %NOTHING, all => 1, server => 1, admin_info => 1 },
-        'a dump of everything takes the host itself along, and reads nothing';
+        'a dump of everything has the host itself, and reads no list';
     is_deeply parse("a.test,b.test\nc", '--migration-mode', '--dump-domains=-', '--dump-resellers=-',
         '--only-mail',
         '--no-compress', '--server', '--admin-info', '--no-license', '--no-content'),

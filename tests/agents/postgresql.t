@@ -250,7 +250,7 @@ test 'What is written while a dump runs is not in it' => sub {
     my ($error, $dumped, $written) = dump_while_written($server, \%long, qr/row-1\b/,
         sub { $source->sql('DELETE FROM a; INSERT INTO z VALUES ($$row-too-late$$)', 'long') });
     is $error, undef, 'the dump succeeds';
-    is $written, 1, 'rows were written while it ran';
+    is $written, 1, 'rows are written while the dump runs';
     is scalar(() = $dumped =~ /row-[0-9]+/g), $rows, 'the rows of a dump are those of its beginning';
     unlike $dumped, qr/row-too-late/, 'a row that is written meanwhile is not in the dump of a later table';
     $source->sql('DROP DATABASE long');
@@ -327,8 +327,8 @@ test 'A dump that is cut off is no dump' => sub {
     my ($server, $databases) = looked();
     my $pieces = 0;
     ok !eval { $server->dump($databases->{shop}, sub { die "disk full\n" if $pieces++ }); 1 },
-        'a sink that dies ends the dump';
-    is $@, "disk full\n", 'the reason of the sink is kept';
+        'a receiver of the dump that dies ends it';
+    is $@, "disk full\n", 'the error of the receiver is kept';
 };
 
 test 'Servers are found by sockets and by settings' => sub {

@@ -13,14 +13,14 @@ sub perl_code { return [$^X, '-e', @_] }
 test 'A program gives its status, output and errors' => sub {
     is_deeply run(perl_code('print "out"; print STDERR "err"; exit 3')),
         { status => 3, statuses => [3], out => 'out', err => 'err' }, 'run gives status, output and errors';
-    is run(['printf', '%s|', '$HOME', '`id`', '*'])->{out}, '$HOME|`id`|*|', 'arguments meet no shell';
+    is run(['printf', '%s|', '$HOME', '`id`', '*'])->{out}, '$HOME|`id`|*|', 'no shell reads the arguments';
     is run(perl_code('print $ENV{LC_ALL}'))->{out}, 'C', 'programs run in the locale C';
     {
         local $ENV{GONE} = 'x';
         is run(perl_code('print exists $ENV{GONE} ? 1 : 0, $ENV{NEW}'), env => { GONE => undef,
             NEW => 'n' })->{out},
             '0n', 'the environment can be changed for a program';
-        is $ENV{GONE}, 'x', 'the own environment stays';
+        is $ENV{GONE}, 'x', 'the environment of the caller stays as it was';
     }
     my $missing = run(['no-such-program', 'x']);
     is $missing->{status}, 127, 'a missing program is status 127';
@@ -33,10 +33,11 @@ test 'Long input and output flow both ways' => sub {
     is run(perl_code('print while <STDIN>'), stdin => $text)->{out}, $text,
         'long input and output flow both ways';
     is run(perl_code('print STDERR "x" x 500_000; print "done"'))->{out}, 'done',
-        'many errors do not block a program';
-    is length run(perl_code('print STDERR "x" x 500_000'))->{err}, 16384, 'the last errors are kept';
+        'a program that writes many errors is not blocked';
+    is length run(perl_code('print STDERR "x" x 500_000'))->{err}, 16384,
+        'the last 16384 bytes of the errors are kept';
     is run(perl_code('close STDIN; print "early"'), stdin => $text)->{out}, 'early',
-        'a program need not read its input';
+        'a program that does not read its input gives its output';
     is run(perl_code('print "nothing" if !defined <STDIN>'))->{out}, 'nothing',
         'input is empty where none is given';
 };

@@ -39,15 +39,16 @@ test 'The facts of accounts are found' => sub {
         { name => 'bob', uid => 4102, gid => 4100, group => 'clients', home => '/home/bob',
             shell => '/bin/sh' },
         'an account has its facts';
-    is $users->name_of(4101), 'ann', 'the first of two accounts has the number';
-    is $users->name_of(4999), 4999, 'a number without an account stays';
+    is $users->name_of(4101), 'ann', 'a number that two accounts have stands for the first of them';
+    is $users->name_of(4999), 4999, 'a number without an account stands for itself';
     is_deeply [map { $users->is_system($_) } map { $users->by_name($_) } qw(root www-data nobody ann)], [1,
         1, 1, 0],
         'accounts of services are distinguished from those of persons';
     my ($old) = imitated('etc/passwd' => "joe:x:501:501::/home/joe:/bin/bash\n",
         'etc/login.defs' => "UID_MIN\t500\n");
     $users = Linux::Users->new($old);
-    is $users->is_system($users->by_name('joe')), 0, 'old systems begin with lower numbers';
+    is $users->is_system($users->by_name('joe')), 0,
+        'accounts of persons begin at the number that the system has set';
 };
 
 test 'Every site has an owner and its PHP' => sub {
@@ -123,7 +124,8 @@ END
         pool_files => ['/etc/php/8.2/fpm/pool.d/ann.conf'], env => {}, extensions => [],
         settings => { open_basedir => '/home/ann:/tmp', memory_limit => '256M', display_errors => 'on' } },
         'PHP has its pool and settings' or diag explain $sites->{'ann.test'}{php};
-    is $sites->{'number.test'}{php}{handler}, 'fastcgi', 'an address without a pool is another program';
+    is $sites->{'number.test'}{php}{handler}, 'fastcgi',
+        'another program runs PHP at an address without a pool';
     is_deeply $sites->{'both.test'}{php}{settings}, { upload_max_filesize => '9M', post_max_size => '10M' },
         'the module reads the settings of the directory';
     is $sites->{'both.test'}{php}{version}, '8.2', 'the version of the module is known';
@@ -138,7 +140,8 @@ END
     is_deeply $sites->{'ann.test'}{shares_root_with}, ['link.test'], 'a shared root is seen through links';
     is_deeply $sites->{'pool.test'}{shares_root_with}, [],
         'a site with a root of its own shares it with no other';
-    ok !exists $sites->{'ann.test'}{php_addresses}, 'no inner facts are left';
+    ok !exists $sites->{'ann.test'}{php_addresses},
+        'a site does not keep the addresses by which its PHP was found';
     is_deeply $problems, [
         'warning gone.test: Document root /home/bob/sites/gone does not exist',
         'error link.test: The file /etc/nginx/gone.passwd cannot be found: No such file or directory',
@@ -277,7 +280,8 @@ END
     my @php = map { $sites->{$_}{php} } qw(a.test b.test);
     is_deeply [map { $_->{pool_user} } @php], [qw(ann ann)], 'a file that pools include is part of each of them';
     is_deeply $php[0]{settings}, { from_file => 1, by_admin => 2, by_request => 2, of_request => 1 },
-        'requests change settings of the pool, a file in the document root what is not an administrator\'s' or diag explain $php[0]{settings};
+        'requests change settings of the pool, and a file in the root those of no administrator'
+        or diag explain $php[0]{settings};
     is_deeply $php[0]{extensions}, [qw(curl gd opcache)],
         'the extensions are those of the program that runs PHP';
     is_deeply $php[0]{env}, { PLACE => 'north; west', TMPDIR => '/tmp' }, 'the environment of a pool is known';

@@ -101,7 +101,7 @@ test 'The fingerprint changes with all that is packed' => sub {
     my $fingerprint = sub { $tree->tar_of(['/site'], @_)->scan->{fingerprint} };
     rest();
     my $before = $fingerprint->();
-    is $fingerprint->(), $before, 'the fingerprint of the same is the same';
+    is $fingerprint->(), $before, 'the fingerprint of an unchanged tree is the same';
     for my $change (
         ['content', sub { $tree->fill('site/file', 'other') }], ['mode', sub { chmod 0600, $file }],
         ['owner', sub { chown 5, 5, $file }], ['time', sub { utime 1, 1, $file }],

@@ -40,7 +40,7 @@ test 'What changed after the scan is read again' => sub {
     is content_of($copy), content_of($live), 'the copy has the new content';
     is_deeply [map { (stat "$copy/$_")[3] } 'changed', 'changed too'], [2, 2],
         'two names of one file are so in the copy';
-    is_deeply $tree->notes, [], 'nothing is said of a file that was removed before it was read';
+    is_deeply $tree->notes, [], 'no problem is named for a file that was removed before it was read';
 };
 
 # Starts a process that appends to a file until it is killed or the test has ended.

@@ -36,15 +36,15 @@ sub plain_system {
 test 'Links are followed inside the root' => sub {
     my ($root, $tree) = plain_system();
     is $tree->root, $root, 'the root is kept without its slash';
-    is(Linux::Tree->new->root, '/', 'the root is "/" in life');
-    is(Linux::Tree->new->path('/etc/../etc/passwd'), '/etc/passwd', 'paths of a live system are its own');
+    is(Linux::Tree->new->root, '/', 'the root of a running system is "/"');
+    is(Linux::Tree->new->path('/etc/../etc/passwd'), '/etc/passwd', 'a path of a running system is resolved');
     is $tree->real('/srv/absolute'), '/etc/conf.d', 'an absolute link is followed inside';
     is $tree->real('/srv/up'), '/etc/passwd', 'a link cannot lead out';
     is $tree->real('/srv/absolute/../passwd'), '/etc/passwd', 'two points after a link go up from its target';
     is $tree->real('/srv/chain'), '/etc/conf.d/a.conf', 'chains of links are followed';
     is $tree->real('/srv/round'), undef, 'a link to itself is missing';
     is $tree->real('/srv/dangling'), undef, 'a link to nothing is missing';
-    is $tree->real('/'), '/', 'the root is itself';
+    is $tree->real('/'), '/', 'the path of the root is "/"';
     is $tree->path('/srv/up'), "$root/etc/passwd", 'the path on the running system is given';
     is $tree->path('/no/such/../file'), "$root/no/file",
         'the path of a missing file on the running system is given';
@@ -55,7 +55,7 @@ test 'Files and directories are read inside the root' => sub {
     is $tree->read_file('/srv/up'), 'inside', 'a file is read through a link inside the root';
     is_deeply [$tree->read_lines('/etc/conf.d/a.conf')], [qw(one two three)], 'lines come without their ends';
     is $tree->read_file('/srv/pipe'), undef, 'a pipe is not waited for';
-    is $tree->read_file('/etc'), undef, 'a directory is no file';
+    is $tree->read_file('/etc'), undef, 'a directory is not read as a file';
     is $tree->read_file('/etc/passwd', 3), undef, 'a file that is too large is not read';
     is $tree->read_file('/etc/passwd', 6), 'inside', 'a file that is just small enough is read';
     is $tree->read_file("/etc/passwd\0x"), undef, 'a name with a zero byte is missing';
@@ -70,7 +70,7 @@ test 'Files, directories and links are distinguished' => sub {
     my (undef, $tree) = plain_system();
     ok $tree->exists('/srv/up'), 'what a link leads to exists';
     ok !$tree->exists('/srv/dangling'), 'a link to nothing does not exist';
-    ok $tree->is_link('/srv/dangling'), 'a link is seen';
+    ok $tree->is_link('/srv/dangling'), 'a link is known as one';
     is $tree->link_target('/srv/up'), '../../../../../../etc/passwd',
         'the target of a link is given as it is written';
     ok $tree->is_dir('/srv/absolute') && !$tree->is_file('/srv/absolute'),
@@ -85,7 +85,7 @@ test 'Patterns find names and reach through links' => sub {
         'patterns leave hidden names out';
     is_deeply [$tree->glob('/srv/*/[!b-z].conf')], ['/srv/absolute/a.conf'], 'patterns reach through links';
     is_deeply [$tree->glob('/etc/conf.d/x\[1\].conf')], ['/etc/conf.d/x[1].conf'],
-        'a backslash takes the meaning away';
+        'a character after a backslash stands for itself';
     is_deeply [$tree->glob('/etc/conf.d/.*.conf')], ['/etc/conf.d/.c.conf'], 'hidden names can be asked for';
     is_deeply [$tree->glob('/etc/?asswd'), $tree->glob('/etc/none')], ['/etc/passwd'],
         'what is missing is not found';

@@ -98,14 +98,16 @@ END
         'the files of definitions go with the site, but not the main file of the host';
 
     my $in_a = '//site[@name="a.test"]//directive';
-    is found(qq{string($in_a\[\@name="location"][1]/arg[2])}), '^/(?<x>\d{2})\.html$', 'expressions stay as they are';
+    is found(qq{string($in_a\[\@name="location"][1]/arg[2])}), '^/(?<x>\d{2})\.html$',
+        'an expression is kept as it is';
     is found(qq{string(($in_a\[\@name="add_header"])[1]/arg[2])}), 'a "b" \ $variant', 'quotes are taken away';
     is found(qq{string($in_a\[\@name="return"]/arg[2])}), "it\"s\\ a\t",
         'backslashes are taken away where the server does it';
     is found(qq{string(($in_a\[\@name="add_header"])[2]/arg[2][\@encoded="percent"])}), '50%25 caf%E9',
         'bytes that XML does not allow are written as numbers';
     is found(qq{string($in_a\[\@name="content_by_lua_block"]/text)}),
-        qq(\n        ngx.say("}") -- }\n        local x = [[ } ]] --[=[ } ]=]\n    ), 'another language is not touched';
+        qq(\n        ngx.say("}") -- }\n        local x = [[ } ]] --[=[ } ]=]\n    ),
+            'a block in another language is kept as it is';
     is found(qq{string($in_a\[\@name="if"]/arg[3])}), 'a b', 'conditions have their arguments';
     is found(qq{string($in_a\[\@name="if"]/directive/\@name)}), 'return', 'conditions have their directives';
     is found(qq{string($in_a\[\@name="location" and arg="/empty"]/\@block)}), 'yes',
@@ -192,9 +194,10 @@ END
     is found(qq{string($in_a\[\@name="header"]/arg[3])}), 'a "b" c\d',
         'the arguments of a line are those of the server';
     is found(qq{string($in_a\[\@name="if"]/raw)}), q{"%{HTTP_HOST} == 'x' && -z reqenv('Y')"},
-        'what a request decides stands as it is';
-    is found(qq{string($in_a\[\@name="rewriterule"]/arg[1])}), '^/a\ b$', 'expressions have their blanks';
-    is found(qq{count($in_a\[\@name="ifmodule" or \@name="use"])}), 0, 'what the start decides is worked out';
+        'a condition that a request decides is kept as it is';
+    is found(qq{string($in_a\[\@name="rewriterule"]/arg[1])}), '^/a\ b$', 'an expression keeps its blanks';
+    is found(qq{count($in_a\[\@name="ifmodule" or \@name="use"])}), 0,
+        'sections and macros that the start decides are worked out';
     is found(qq{string($in_a\[\@name="location"]/\@block)}), 'yes',
         'an empty section is described as a section';
     is found('count(//web-configuration//directive[@name="virtualhost" or @name="macro"])'), 0,
