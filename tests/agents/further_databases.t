@@ -2,17 +2,9 @@
 # test's servers are seen.
 use strict;
 use warnings;
-
-BEGIN {
-    if (!$ENV{FURTHER_DATABASES_NETWORK}) {
-        local $ENV{FURTHER_DATABASES_NETWORK} = 1;
-        exec 'unshare', '--net', 'sh', '-c', 'ip link set lo up && exec "$@"', 'sh', $^X,
-            (map {"-I$_"} @INC), $0
-            or die "unshare: $!\n";
-    }
-}
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use OwnNetwork;
 use Agent::Problems;
 use Imitated qw(problem_texts);
 use Linux::DatabaseProcesses;

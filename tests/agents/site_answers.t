@@ -2,17 +2,9 @@
 # some that do not answer as they should. All of it in a network of its own.
 use strict;
 use warnings;
-
-BEGIN {
-    if (!$ENV{SITE_ANSWERS_NETWORK}) {
-        local $ENV{SITE_ANSWERS_NETWORK} = 1;
-        exec 'unshare', '--net', 'sh', '-c',
-            'ip link set lo up && ip address add 192.0.2.1/32 dev lo && exec "$@"',
-            'sh', $^X, (map {"-I$_"} @INC), $0 or die "unshare: $!\n";
-    }
-}
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use OwnNetwork qw(192.0.2.1);
 use Digest::MD5 qw(md5_hex);
 use File::Path qw(mkpath);
 use File::Temp qw(tempdir);

@@ -3,16 +3,9 @@
 # no other test's servers are seen.
 use strict;
 use warnings;
-
-BEGIN {
-    if (!$ENV{WEB_SERVERS_NETWORK}) {
-        local $ENV{WEB_SERVERS_NETWORK} = 1;
-        exec 'unshare', '--net', 'sh', '-c', 'ip link set lo up && exec "$@"', 'sh', $^X,
-            (map {"-I$_"} @INC), $0 or die "unshare: $!\n";
-    }
-}
 use FindBin;
 use lib $FindBin::Bin, map {"$FindBin::Bin/../../agents/$_"} qw(shared linux);
+use OwnNetwork;
 use Test::More;
 use Independent;
 use File::Path qw(mkpath);
