@@ -197,7 +197,7 @@ TEST_F(KnownHostsTest, AddsAServerSoThatItIsKnownNextTime) {
   EXPECT_EQ(KnownHosts(path_, "::1", 2222).judge(KEY_C), KnownHosts::KNOWN);
 }
 
-TEST_F(KnownHostsTest, EndsTheLineOfSomebodyElseFirst) {
+TEST_F(KnownHostsTest, EndsAnUnfinishedLineFirst) {
   KnownHosts others = read("# no line end");
   others.add(KEY_A);
   EXPECT_EQ(readFile(path_), "# no line end\nsource.example" + A_LINE);

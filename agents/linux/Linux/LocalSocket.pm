@@ -52,8 +52,8 @@ sub look_at_socket {
     return { state => 'trusted', owner => [@stat[4, 5]] };
 }
 
-# The number of the account that listens; (undef, why, whether somebody listens who is
-# busy) where that is not known. The seconds are how long to wait for one that is busy.
+# The number of the account that listens; (undef, why, whether the listener is busy)
+# where that is not known. The seconds are how long to wait for one that is busy.
 sub listener {
     my ($path, $seconds) = @_;
     my $address = eval { pack_sockaddr_un($path) };

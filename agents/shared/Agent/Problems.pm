@@ -16,8 +16,8 @@ sub new {
     return bless { all => [], seen => {} }, $class;
 }
 
-# severity: error (something is missing from the result), warning (somebody
-# should look at it), info; object: what it is about, as the reader knows it.
+# severity: error (something is missing from the result), warning (an
+# administrator should look at it), info; object: what it is about, as the reader knows it.
 sub add {
     my ($self, %problem) = @_;
     my ($severity, $object, $text) = @problem{qw(severity object text)};

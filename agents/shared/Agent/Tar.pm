@@ -202,8 +202,8 @@ sub tell_manifest {
 
 sub least { return $_[0] < $_[1] ? $_[0] : $_[1] }
 
-# Who has a directory may have given a second name there to a file of somebody else that
-# only its owner may read.
+# The owner of a directory may have given a second name there to another account's file
+# that only that account may read.
 sub note_foreign {
     my ($found, $is, $name) = @_;
     my ($owners, $depth) = ($found->{owners}, $is->{depth});
