@@ -55,6 +55,8 @@ class MySqlServer:
         self.socket = socket
         self.version = str(self.ask("SELECT VERSION()")[0][0])
         self.is_mariadb = "mariadb" in self.version.lower()
+        # What the client says about its options; None before it was asked.
+        self._client_help: str | None = None
         self.run(f"SET SESSION lock_wait_timeout = {_LOCK_WAIT}")
 
     def ask(self, sql: str, values: Sequence[object] | None = None) -> list[tuple[Any, ...]]:
@@ -175,12 +177,13 @@ class MySqlServer:
         server had no room.
         """
         program = "mariadb" if host.has_program("mariadb") else "mysql"
-        known = host.run([program, "--no-defaults", "--help"]).stdout
+        if self._client_help is None:
+            self._client_help = host.run([program, "--no-defaults", "--help"]).stdout
         client = [program, "--defaults-file={secret}", "--no-auto-rehash", "--batch", "--force",
                   "--protocol=socket", f"--socket={self.socket}", "--default-character-set=utf8mb4",
                   "--max-allowed-packet=1G", "--binary-mode", "--local-infile=0", "--plugin-dir=/dev/null"]
         # Without --sandbox the client runs its own commands, such as "\!", which starts any program.
-        client += ["--sandbox"] if "\n  --sandbox" in known else []
+        client += ["--sandbox"] if "\n  --sandbox" in self._client_help else []
         messages = run_sql([*client, f"--database={database}"], login, {}, statements)
         errors = [message for message in messages if message.startswith("ERROR")]
         for error in errors:

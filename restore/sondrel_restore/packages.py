@@ -19,9 +19,9 @@ _WEB_SERVERS = ("apache2", "nginx")
 _TIME_LIMIT = 3600.0
 
 
-def installed_packages(restore: Restore) -> dict[str, str]:
+def installed_packages(host: Host) -> dict[str, str]:
     """The packages that are installed here, with their versions."""
-    result = restore.host.run(["dpkg-query", "--show", "--showformat=${db:Status-Abbrev}\t${Package}\t${Version}\n"])
+    result = host.run(["dpkg-query", "--show", "--showformat=${db:Status-Abbrev}\t${Package}\t${Version}\n"])
     fields = (line.split("\t") for line in result.stdout.splitlines())
     return {name: version for status, name, version in fields if status.startswith("ii")}
 
@@ -42,12 +42,12 @@ class Offered:
     version: str
 
 
-def offered_packages(restore: Restore, names: Collection[str]) -> dict[str, Offered]:
+def offered_packages(host: Host, names: Collection[str]) -> dict[str, Offered]:
     """Those of the named packages that apt knows here, by name."""
     known = sorted(name for name in names if _NAME.fullmatch(name))
-    if not known or not restore.host.has_program("apt-cache"):
+    if not known or not host.has_program("apt-cache"):
         return {}
-    said = restore.host.run(["apt-cache", "show", "--no-all-versions", "--", *known], check=False).stdout
+    said = host.run(["apt-cache", "show", "--no-all-versions", "--", *known], check=False).stdout
     found = {}
     for paragraph in said.split("\n\n"):
         fields = dict(line.split(": ", 1) for line in paragraph.splitlines() if re.match(r"[A-Z][A-Za-z-]*: ", line))
@@ -77,6 +77,7 @@ def install(restore: Restore, names: Collection[str]) -> None:
     new_servers = [name for name in _WEB_SERVERS if not restore.host.has_program(name)]
     restore.host.run(["apt-get", "install", *options, "--", *sorted(names)],
                      env={"DEBIAN_FRONTEND": "noninteractive"}, time_limit=_TIME_LIMIT)
+    restore.forget_answers()
     # The first one that apt started has port 80. Stop them all; they are started with their sites.
     for name in new_servers:
         if restore.host.has_program(name):

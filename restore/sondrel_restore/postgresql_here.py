@@ -2,21 +2,21 @@
 from __future__ import annotations
 
 from sondrel_restore.databases import Database, some
-from sondrel_restore.host import Host
 from sondrel_restore.locales import locales_here, plain
 from sondrel_restore.postgresql_server import OF_SERVER, PostgreSqlServer, is_allowed
+from sondrel_restore.restore import Restore
 
 
 class Here:
     """What the server here has, asked once."""
 
-    def __init__(self, server: PostgreSqlServer, host: Host) -> None:
+    def __init__(self, server: PostgreSqlServer, restore: Restore) -> None:
         self.server = server
         self.databases = server.databases()
         self.roles = server.roles()
         self.extensions = server.extensions()
         self.address = server.address()
-        self.locales = locales_here(host)
+        self.locales = restore.answer(locales_here)
 
 
 def lacking_extensions(here: Here, database: Database) -> list[str]:

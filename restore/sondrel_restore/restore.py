@@ -3,8 +3,9 @@ from __future__ import annotations
 
 import contextlib
 import dataclasses
-from collections.abc import Iterator, Mapping, Sequence
+from collections.abc import Callable, Hashable, Iterator, Mapping, Sequence
 from pathlib import Path
+from typing import TypeVar, cast
 
 from sondrel_restore.archives import Archive, FollowedArchive, Increment
 from sondrel_restore.description import Description, Element
@@ -19,6 +20,8 @@ from sondrel_restore.space import missing_space
 
 # For an archive that has increments: the source host no longer has a part that was fetched once.
 _REMEDY = "dump and fetch it whole (sondrel-migrate --from=dump --full)"
+
+Answer = TypeVar("Answer")
 
 
 class Restore:
@@ -35,9 +38,24 @@ class Restore:
         self.host = Host()
         self.journal = Journal(session.journal_directory)
         self.progress = Progress()
+        self._answers: dict[tuple[Hashable, ...], object] = {}
         self._offers: dict[str, dict[str, object]] = {}
         self._archives: dict[str, Archive] = {}
         self._named: list[tuple[str, str]] = []
+
+    def answer(self, ask: Callable[..., Answer], *about: Hashable) -> Answer:
+        """What `ask(host, *about)` finds on this host, for all kinds. Callers must not change it.
+
+        It is asked once, and again only after something was made or removed here.
+        """
+        question = (ask, *about)
+        if question not in self._answers:
+            self._answers[question] = ask(self.host, *about)
+        return cast(Answer, self._answers[question])
+
+    def forget_answers(self) -> None:
+        """For what changes this host: the next `answer` asks again."""
+        self._answers.clear()
 
     def offer(self, fact: str, key: str, value: object) -> None:
         """Offers a fact to later kinds. `plan` calls it, so that their plans know what is here or will be.
@@ -170,7 +188,7 @@ def apply_plan(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Outcome:
 
 def _apply_item(restore: Restore, kind: Kind, item: Item, outcome: Outcome) -> bool:
     restore.journal.begin(item)
-    with _failure_named(item.identifier, outcome):
+    with _changing(restore, item.identifier, outcome):
         facts = kind.apply(restore, item)
         restore.journal.done(item, facts)
         outcome.changed.append(item.identifier)
@@ -179,14 +197,23 @@ def _apply_item(restore: Restore, kind: Kind, item: Item, outcome: Outcome) -> b
 
 
 @contextlib.contextmanager
-def _failure_named(identifier: str, outcome: Outcome) -> Iterator[None]:
+def text_of(error: OSError) -> str:
+    """The path and the reason of an error of the system, for a person."""
+    place = f"{error.filename}: " if error.filename else ""
+    return f"{place}{error.strerror or error}"
+
+
+def _changing(restore: Restore, identifier: str, outcome: Outcome) -> Iterator[None]:
+    """For a change of this host: its earlier answers count no longer, and a failure is recorded."""
+    restore.forget_answers()
     try:
         yield
     except RestoreError as error:
         outcome.failed.append((identifier, str(error)))
     except OSError as error:
-        place = f"{error.filename}: " if error.filename else ""
-        outcome.failed.append((identifier, f"{place}{error.strerror or error}"))
+        outcome.failed.append((identifier, text_of(error)))
+    finally:
+        restore.forget_answers()
 
 
 def _finish(restore: Restore, kind: Kind, items: Sequence[Item], outcome: Outcome) -> None:
@@ -194,7 +221,7 @@ def _finish(restore: Restore, kind: Kind, items: Sequence[Item], outcome: Outcom
     due = restore.journal.finish_due(kind.name)
     if not due:
         return
-    with _failure_named(kind.name, outcome):
+    with _changing(restore, kind.name, outcome):
         kind.finish(restore, [item for item in items if item.identifier in due])
         restore.journal.finished(kind.name)
 
@@ -216,7 +243,7 @@ def verify_items(restore: Restore, kinds: Sequence[Kind], plan: Plan) -> Iterato
             except RestoreError as error:
                 yield Finding(item.identifier, "here", False, str(error))
             except OSError as error:
-                yield Finding(item.identifier, "here", False, f"{error.filename}: {error.strerror}")
+                yield Finding(item.identifier, "here", False, text_of(error))
 
 
 def _selected_entries(restore: Restore, kinds: Sequence[Kind]) -> set[str]:
@@ -238,7 +265,7 @@ def undo_all(restore: Restore, kinds: Sequence[Kind]) -> Outcome:
             if restore.decisions.skip(entry.identifier) or selected is not None and entry.identifier not in selected:
                 continue
             restore.progress.show(f"taking back {entry.kind} {entry.name}")
-            with _failure_named(entry.identifier, outcome):
+            with _changing(restore, entry.identifier, outcome):
                 left = kind.undo(restore, entry)
                 if left is None:
                     restore.journal.undone(entry)

@@ -76,7 +76,7 @@ class ApplicationKind(Kind):
 
     def plan(self, restore: Restore) -> Iterator[Item]:
         applications = _applications(restore)
-        self._installed = installed_packages(restore) if applications else {}
+        self._installed = restore.answer(installed_packages) if applications else {}
         self._packages = ApplicationPackages(restore)
         for each in applications:
             here = self._packages.package(each.package)

@@ -11,7 +11,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 from sondrel_restore.description import Client, Element
-from sondrel_restore.host import account_of
+from sondrel_restore.host import Host, account_of
 from sondrel_restore.hostfiles import atomic_write, content_here, read_file, remove_file, sum_of_bytes
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing, RestoreError, State
@@ -273,9 +273,13 @@ def _wanted(restore: Restore, data: Table | Unit, is_on: bool) -> bytes:
         account = account_of(data.account)
         if account is None:
             raise RestoreError(f"There is no account {data.account} here: {data.path} cannot run as it")
-        group = restore.host.run(["id", "-gn", data.account]).stdout.strip()
-        return with_account(archive.read(data.path), data.account, group)
+        return with_account(archive.read(data.path), data.account, restore.answer(_group_of, data.account))
     return switched(archive.read(data.path, limit=LARGEST_TABLE), is_on)
+
+
+def _group_of(host: Host, account: str) -> str:
+    """The name of the account's own group here."""
+    return host.run(["id", "-gn", account]).stdout.strip()
 
 
 def switched(table: bytes, is_on: bool) -> bytes:

@@ -58,7 +58,7 @@ class Nginx(site_kind.SiteKind):
         self._default_in_the_way: frozenset[str] = frozenset()
 
     def look(self, restore: Restore) -> None:
-        self._here, self._defaults = ask_here(restore.host), {}
+        self._here, self._defaults = restore.answer(ask_here), {}
         self._why_not_started, self._default_in_the_way = "", frozenset()
         if not restore.host.has_program("nginx"):
             return
@@ -190,8 +190,8 @@ class Nginx(site_kind.SiteKind):
 
     def reload(self, restore: Restore, entries: list[Entry]) -> None:
         os.makedirs("/var/cache/nginx", mode=0o755, exist_ok=True)
-        here = ask_here(restore.host) if not entries else NginxHere()
-        ports = PortsHere(restore.host, self.program)
+        here = restore.answer(ask_here) if not entries else NginxHere()
+        ports = PortsHere(restore, self.program)
         if any(NGINX_DEFAULT in files and ports.why_taken([port_of(address)])
                for address, files in here.listens.items()):
             # Stop it, as it was before: its default site is enabled again, and cannot have the port.

@@ -7,7 +7,7 @@ from collections.abc import Iterator
 
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Facts, Finding, Item, Kind, Left, Missing, State
-from sondrel_restore.packages import installed_packages, offered_packages
+from sondrel_restore.packages import Offered, installed_packages, offered_packages
 from sondrel_restore.restore import Restore
 from sondrel_restore.versions import older
 
@@ -23,10 +23,10 @@ class PackageKind(Kind):
 
     def plan(self, restore: Restore) -> Iterator[Item]:
         """Lists packages of servers that are, or would be, older here than on the source host."""
-        there = {str(package.get("name")): str(package.get("version"))
-                 for package in restore.description.tree.iterfind("server/package") if package.get("manager") == "dpkg"}
-        here = installed_packages(restore) if there else {}
-        offered = offered_packages(restore, there.keys() - here.keys())
+        there = _of_servers(restore)
+        if not there:
+            return
+        here, offered = _here_and_offered(restore)
         for name, version in there.items():
             ours = here.get(name) or (offered[name].version if name in offered else "")
             if older(ours, version):
@@ -36,15 +36,13 @@ class PackageKind(Kind):
 
     def missing(self, restore: Restore) -> Iterator[Missing]:
         wanted: dict[str, str] = {}
-        for domain in restore.description.domains():
-            if not restore.selection.takes_domain(domain.name):
-                continue
-            for package in domain.element.iterfind("site/package"):
-                if package.get("manager") == "dpkg":
-                    wanted.setdefault(package.get("name"), f"the application of {domain.name} is from it")
-        lacking = set(wanted) - installed_packages(restore).keys() if wanted else set()
-        known = offered_packages(restore, lacking)
-        for name in sorted(lacking):
+        for name, domain in _of_applications(restore):
+            if restore.selection.takes_domain(domain):
+                wanted.setdefault(name, f"the application of {domain} is from it")
+        if not wanted:
+            return
+        here, known = _here_and_offered(restore)
+        for name in sorted(wanted.keys() - here.keys()):
             if name in known and known[name].section in _OF_APPLICATIONS:
                 yield Missing(name, wanted[name])
             elif not restore.decisions.skip(f"package:{name}"):
@@ -60,6 +58,30 @@ class PackageKind(Kind):
 
     def undo(self, restore: Restore, entry: Entry) -> Left | None:
         return None
+
+
+def _of_servers(restore: Restore) -> dict[str, str]:
+    """The packages of servers on the source host, with their versions there."""
+    return {str(package.get("name")): str(package.get("version"))
+            for package in restore.description.tree.iterfind("server/package") if package.get("manager") == "dpkg"}
+
+
+def _of_applications(restore: Restore) -> Iterator[tuple[str, str]]:
+    """The packages of applications, each with a domain that uses it."""
+    for domain in restore.description.domains():
+        for package in domain.element.iterfind("site/package"):
+            if package.get("manager") == "dpkg":
+                yield str(package.get("name")), domain.name
+
+
+def _here_and_offered(restore: Restore) -> tuple[dict[str, str], dict[str, Offered]]:
+    """The packages here with their versions, and what apt knows of all others that the description names.
+
+    apt needs a good part of a second for its answer, so it is asked about all of them together.
+    """
+    here = restore.answer(installed_packages)
+    named = {*_of_servers(restore), *(name for name, _ in _of_applications(restore))}
+    return here, restore.answer(offered_packages, frozenset(named - here.keys()))
 
 
 KINDS = (PackageKind,)

@@ -12,7 +12,7 @@ import signal
 from collections.abc import Iterable, Iterator
 
 from sondrel_restore.description import Domain, Element
-from sondrel_restore.host import account_of
+from sondrel_restore.host import Host, account_of
 from sondrel_restore.hostfiles import sum_of_bytes
 from sondrel_restore.journal import Entry
 from sondrel_restore.kind import Finding, Item, Missing, RestoreError, State
@@ -154,7 +154,7 @@ class Pool(ConfigKind):
             yield Missing("php-fpm", "sites use pools of PHP")
         for pool in chosen:
             version = self._version(pool)
-            here = _extensions_here(restore, version)
+            here = restore.answer(_extensions_here, version)
             for extension in sorted(pool.extensions - here):
                 package = _PACKAGES.get(extension)
                 if package is not None:
@@ -293,16 +293,17 @@ def _lacking_locales(restore: Restore, pools: Iterable[_Pool]) -> Iterator[Missi
     """The locales in the pools' environments that are missing here: programs would fall back to English."""
     wanted = {str(each.text): pool.name for pool in pools for each in pool.element.iterfind("env")
               if _OF_LOCALES.fullmatch(str(each.get("name"))) and is_locale(str(each.text or ""))}
-    here = locales_here(restore.host) if wanted else frozenset()
+    here = restore.answer(locales_here) if wanted else frozenset()
     for locale, name in sorted(wanted.items()):
         if plain(locale) not in here:
             yield Missing("", f"the locale {locale}, which the pool {name} sets: {remedy(locale)}")
 
 
-def _extensions_here(restore: Restore, version: str) -> frozenset[str]:
+def _extensions_here(host: Host, version: str) -> frozenset[str]:
+    """The extensions of that PHP-FPM here, in lower case."""
     if version not in versions():
         return frozenset()
-    told = restore.host.run([f"php-fpm{version}", "-m"], check=False).stdout
+    told = host.run([f"php-fpm{version}", "-m"], check=False).stdout
     return frozenset(line.lower().removeprefix("zend ") for line in told.splitlines() if line[:1].isalpha())
 
 

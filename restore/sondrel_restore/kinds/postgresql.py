@@ -45,7 +45,7 @@ class PostgreSql(DatabaseKind):
         otherwise = State.NEEDS_PACKAGE, f"it is loaded when {_PACKAGE} is here"
         if _is_installed():
             try:
-                here = Here(self._connected(restore), restore.host)
+                here = Here(self._connected(restore), restore)
             except (RestoreError, KeyError) as error:
                 otherwise = State.IMPOSSIBLE, str(error)
         self._here = here

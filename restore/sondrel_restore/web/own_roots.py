@@ -43,7 +43,7 @@ class OwnRoots:
 
     @functools.cached_property
     def _nginx(self) -> NginxHere:
-        return ask_here(self._restore.host)
+        return self._restore.answer(ask_here)
 
     @functools.cached_property
     def _known(self) -> list[tuple[str, str]]:

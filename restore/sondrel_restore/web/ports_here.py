@@ -5,7 +5,7 @@ import os
 import re
 from collections.abc import Iterable
 
-from sondrel_restore.host import Host
+from sondrel_restore.restore import Restore
 from sondrel_restore.web.apache_here import files_here
 from sondrel_restore.web.judge import programs_at
 from sondrel_restore.web.nginx_here import ask_here
@@ -20,9 +20,9 @@ _SERVERS = {"nginx": "/run/nginx.pid", "apache2": "/run/apache2/apache2.pid"}
 class PortsHere:
     """The ports that other programs and servers than `own` use. Each port and server is examined only once."""
 
-    def __init__(self, host: Host, own: str) -> None:
+    def __init__(self, restore: Restore, own: str) -> None:
         """`own` is the prefix of the names of the server's own processes."""
-        self._host = host
+        self._restore = restore
         self._own = own
         self._programs: dict[int, list[str]] = {}
         self._files: dict[str, dict[int, list[str]]] = {}
@@ -68,7 +68,7 @@ class PortsHere:
 
     def _of_nginx(self) -> dict[int, list[str]]:
         found: dict[int, list[str]] = {}
-        for address, files in ask_here(self._host).listens.items():
+        for address, files in self._restore.answer(ask_here).listens.items():
             port = port_of(address)
             found[port] = sorted({*found.get(port, []), *files})
         return found

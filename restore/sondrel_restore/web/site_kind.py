@@ -8,6 +8,7 @@ import os
 import re
 from collections.abc import Iterable, Iterator, Mapping
 
+from sondrel_restore.host import Host
 from sondrel_restore.kind import Finding, Item, Missing, State
 from sondrel_restore.restore import Restore
 from sondrel_restore.web.config_kind import Candidate, ConfigKind, links, sums
@@ -51,10 +52,10 @@ class SiteKind(ConfigKind):
         sites = list(sites_of(restore, self.name))
         if not sites:
             return
-        self.ports_here = PortsHere(restore.host, self.program)
+        self.ports_here = PortsHere(restore, self.program)
         self._trees = Trees(restore.offered("tree"))
         self._accounts, self._site_ports = accounts_here(restore), _ports_of_sites(restore)
-        self.addresses = _own_addresses(restore)
+        self.addresses = restore.answer(_own_addresses)
         self.made = frozenset(path for entry in restore.journal.entries(self.name)
                               for path in (*links(entry), *sums(entry)))
         self.look(restore)
@@ -176,9 +177,9 @@ def _sockets_of(restore: Restore, site: Site) -> dict[str, object]:
             if isinstance(pool, PoolHere) and pool.serves(site.domain)}
 
 
-def _own_addresses(restore: Restore) -> frozenset[str]:
+def _own_addresses(host: Host) -> frozenset[str]:
     """The addresses of this host's network interfaces."""
-    told = restore.host.run(["ip", "-o", "address"], check=False).stdout if restore.host.has_program("ip") else ""
+    told = host.run(["ip", "-o", "address"], check=False).stdout if host.has_program("ip") else ""
     return frozenset(re.findall(r"inet6? ([0-9A-Fa-f:.]+)", told))
 
 
