@@ -23,6 +23,7 @@ from sondrel_restore.restore import Restore
 
 DIRECTORY = "/var/lib/sondrel-restore/mail"
 MADE = "made.json"
+_ENDING = ".domain"
 POSTFIX = "/etc/postfix"
 USERS = "/etc/dovecot/sondrel-users"
 DOVECOT_SETTINGS = "/etc/dovecot/conf.d/99-sondrel-restore.conf"
@@ -34,6 +35,16 @@ SETTINGS = {
     "virtual_uid_maps": "uids", "virtual_gid_maps": "gids", "virtual_mailbox_base": "",
 }
 WHERE_DOMAINS_ARE = ("mydestination", "virtual_mailbox_domains", "virtual_alias_domains", "relay_domains")
+# The one of them that has the domains below its own, too.
+_WITH_SUBDOMAINS = "relay_domains"
+# A word of a list of Postfix: braces, which may be nested once, keep commas and spaces together.
+_WORD = re.compile(r"(?:[^\s,{}]|\{(?:[^{}]|\{[^{}]*\})*\})+")
+_TABLE = re.compile(r"[a-z]+:")
+_OWN_TABLE = re.compile(rf"(?:proxy:)?[a-z]+:{POSTFIX}/sondrel-[a-z]+")
+_FAILED = re.compile(r"\b(?:fatal|panic|error): ")
+_LONGEST_QUOTE = 300
+# How deep files of patterns may name one another.
+_DEEPEST = 10
 # The settings by release of Dovecot.
 DOVECOT_TEXTS = {
     "2.3": """\
@@ -83,7 +94,6 @@ class MailService:
     def __init__(self, restore: Restore) -> None:
         self._restore = restore
         self._host: Host = restore.host
-        self._domains_here: dict[str, str] | None = None
 
     # --- the documents of the domains ---
 
@@ -105,7 +115,7 @@ class MailService:
     def _kept(self) -> tuple[list[Alias], list[User]]:
         aliases: list[Alias] = []
         users: list[User] = []
-        for path in sorted(Path(DIRECTORY).glob("*.domain")):
+        for path in sorted(Path(DIRECTORY).glob(f"*{_ENDING}")):
             document = json.loads(read_file(str(path)))
             aliases += [Alias(each["source"], tuple(each["targets"])) for each in document["aliases"]]
             users += [User(**each) for each in document["users"]]
@@ -118,24 +128,41 @@ class MailService:
         return self._host.has_program("postconf") and os.path.exists(f"{POSTFIX}/main.cf")
 
     def taken(self, domain: str) -> str:
-        """The setting of Postfix by which this host already handles mail for the domain; empty if there is none."""
-        if self._domains_here is None:
-            self._domains_here = self._values("-x", *WHERE_DOMAINS_ARE) if self.is_set_up() else {}
-        for setting, value in self._domains_here.items():
-            for word in re.split(r"[\s,]+", value):
-                if word.lower() == domain.lower() or _is_table(word) and self._found(word, domain):
-                    return setting
+        """By what this host already handles mail for the domain, as a clause; empty if it does not.
+
+        A setting that gives no answer may have the domain, so there is a clause on it, too.
+        """
+        settings = self._restore.answer(_values, "-x", *WHERE_DOMAINS_ARE) if self.is_set_up() else {}
+        for setting, value in settings.items():
+            names = [domain.lower()]
+            if setting == _WITH_SUBDOMAINS:
+                names += [f"{dot}{parent}" for parent in _parents(domain.lower()) for dot in ("", ".")]
+            try:
+                if any(self._lists(value, name) for name in names):
+                    return f"{setting} has mail for {domain} already"
+            except RestoreError as error:
+                return f"it is not known whether {setting} has mail for {domain} already: {error}"
+        for name, addressed in self._restore.answer(_domains_in_documents).items():
+            if domain.lower() in addressed and self._restore.journal.entry(f"mail:{name}") is None:
+                return f"another session has restored mail for {domain} with {name}"
         return ""
 
-    def _values(self, *arguments: str) -> dict[str, str]:
-        """The settings of Postfix that postconf prints, by name."""
-        lines = self._host.run(["postconf", *arguments]).stdout.splitlines()
-        return {name.strip(): value.strip() for name, _, value in (line.partition("=") for line in lines)}
+    def _lists(self, patterns: str, name: str, depth: int = 0) -> bool:
+        """Whether one of Postfix's lists has the name: as a word, in a file, or in a table. The first match counts.
 
-    def _found(self, table: str, key: str) -> bool:
-        if f"{POSTFIX}/sondrel-" in table:
-            return False
-        return self._host.run(["postmap", "-q", key, table], check=False).status == 0
+        RestoreError if a table gives no answer. Our own tables do not count.
+        """
+        for word in _WORD.findall(patterns):
+            pattern = word.lstrip("!")
+            if pattern.startswith("/"):
+                is_match = depth < _DEEPEST and self._lists(_text_of(pattern), name, depth + 1)
+            elif _TABLE.match(pattern):
+                is_match = not _OWN_TABLE.fullmatch(pattern) and self._restore.answer(_found, pattern, name)
+            else:
+                is_match = pattern.lower() == name
+            if is_match:
+                return not word.startswith("!")
+        return False
 
     # --- writing ---
 
@@ -156,7 +183,7 @@ class MailService:
             self._restore.name("mail", "Dovecot is not here: its users are made by an apply after its installation")
 
     def _write_postfix(self, aliases: list[Alias], users: list[User], made: _Made) -> None:
-        kind = self._host.run(["postconf", "-h", "default_database_type"]).stdout.strip()
+        kind = self._restore.answer(_kind_of_tables)
         main = read_file(f"{POSTFIX}/main.cf")
         texts = maps_of_postfix(aliases, users)
         wanted = {setting: f"{kind}:{POSTFIX}/sondrel-{table}" if table else "/"
@@ -170,7 +197,7 @@ class MailService:
             atomic_write(f"{POSTFIX}/main.cf", main, mode=0o644, uid=0, gid=0)
             raise RestoreError(f"Postfix keeps the settings that it had: {error}") from error
         made.save()
-        if os.path.exists(f"{self._values('queue_directory')['queue_directory']}/pid/master.pid"):
+        if os.path.exists(f"{_values(self._host, 'queue_directory')['queue_directory']}/pid/master.pid"):
             # The file may be left over from a crash; then Postfix does not run and there is nothing to reload.
             if self._host.run(["postfix", "status"], check=False).status == 0:
                 self._host.run(["postfix", "reload"])
@@ -186,7 +213,7 @@ class MailService:
                 remove_file(f"{path}.{ending}")
 
     def _set(self, wanted: dict[str, str], made: _Made) -> None:
-        current, set_here = self._values(*SETTINGS), self._values("-n", *SETTINGS)
+        current, set_here = _values(self._host, *SETTINGS), _values(self._host, "-n", *SETTINGS)
         for setting, now in current.items():
             value, ours = wanted.get(setting), made.settings.get(setting)
             if value is None:
@@ -238,18 +265,59 @@ class MailService:
             yield f"delivery to {user.address}", found.strip("/") == user.path.strip("/"), f"{found or 'none'} here"
 
     def _table(self, name: str) -> str:
-        kind = self._host.run(["postconf", "-h", "default_database_type"]).stdout.strip()
-        return f"{kind}:{POSTFIX}/sondrel-{name}"
+        return f"{self._restore.answer(_kind_of_tables)}:{POSTFIX}/sondrel-{name}"
 
 
 def _document(domain: str) -> str:
     if not re.fullmatch(r"[a-z0-9_.-]+", domain) or domain.startswith("."):
         raise RestoreError(f"{domain} is no domain that mail can have")
-    return f"{DIRECTORY}/{domain}.domain"
+    return f"{DIRECTORY}/{domain}{_ENDING}"
 
 
-def _is_table(word: str) -> bool:
-    return re.match(r"(?:hash|btree|lmdb|cdb|texthash|regexp|pcre|cidr):/", word) is not None
+def _domains_in_documents(_: Host) -> dict[str, set[str]]:
+    """The domains of the addresses in each document, by the name of its domain."""
+    found = {}
+    for path in Path(DIRECTORY).glob(f"*{_ENDING}"):
+        document = json.loads(read_file(str(path)))
+        addresses = [each["source"] for each in document["aliases"]] + [each["address"] for each in document["users"]]
+        name = path.name.removesuffix(_ENDING)
+        found[name] = {name, *(address.rpartition("@")[2].lower() for address in addresses)}
+    return found
+
+
+def _values(host: Host, *arguments: str) -> dict[str, str]:
+    """The settings of Postfix that postconf prints, by name."""
+    lines = host.run(["postconf", *arguments]).stdout.splitlines()
+    return {name.strip(): value.strip() for name, _, value in (line.partition("=") for line in lines)}
+
+
+def _kind_of_tables(host: Host) -> str:
+    return host.run(["postconf", "-h", "default_database_type"]).stdout.strip()
+
+
+def _found(host: Host, table: str, key: str) -> bool:
+    """Whether a table of Postfix has the key. RestoreError if it gives no answer."""
+    # "proxy:" only lets several processes of a running Postfix share the table behind it.
+    asked = host.run(["postmap", "-q", key, table.removeprefix("proxy:")], check=False)
+    failed = [line for line in asked.stderr.splitlines() if _FAILED.search(line)]
+    if asked.status != 0 and failed:
+        raise RestoreError(f"{table} cannot be asked ({failed[0].strip()[:_LONGEST_QUOTE]})")
+    return asked.status == 0
+
+
+def _text_of(path: str) -> str:
+    """The text of an administrator's file; empty if it is missing."""
+    try:
+        return Path(path).read_text(encoding="utf-8", errors="replace")
+    except FileNotFoundError:
+        return ""
+
+
+def _parents(domain: str) -> Iterator[str]:
+    """The domains above it, the nearest first."""
+    while "." in domain:
+        domain = domain.partition(".")[2]
+        yield domain
 
 
 class _Made:

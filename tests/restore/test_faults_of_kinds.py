@@ -1,4 +1,7 @@
-"""What can interrupt an apply of all kinds: kills, full disks, servers that are down or refuse; and what follows."""
+"""What can interrupt an apply of all kinds: kills, full disks, servers that are down or refuse; and what follows.
+And that a plan of all kinds asks no program twice.
+"""
+import collections
 import contextlib
 import os
 import re
@@ -14,8 +17,8 @@ from test_faults import killed_at
 from test_files import directory, file
 from test_pools import VERSION
 from test_sites_answer import CONFIGURATION, PHP
-from made_session import made_of
-from web_world import directive, ended, server
+from made_session import PROGRAM, made_of
+from web_world import directive, ended, server, virtual_host
 
 BOX = "/var/mail/vhosts/shop.test/info"
 TABLE = "/var/spool/cron/crontabs/alice"
@@ -241,3 +244,54 @@ def test_names_servers_that_are_down_and_goes_on_when_they_are_up(host):
         for one in running.values():
             one.start()
         ends_well(host, before, running)
+
+
+def add_blog(session):
+    """Adds what several kinds ask the same about: a site of Apache with a pool, a locale, an application and mail."""
+    session.tree.find("client").addprevious(etree.fromstring(CONFIGURATION.format("apache", "")))
+    session.add('<server><package name="dpkg" version="1.0" manager="dpkg" use="runtime"/>'
+                '<package name="no-server" version="1.0" manager="dpkg" use="runtime"/></server>')
+    session.add_site(session.tree.find("client"), "blog.test", "/home/alice/blog", session.content(
+        "site", "content/sites/blog.test.tar.gz", made_of(directory("./home/alice/blog"))))
+    domain = session.tree.find(".//domain[@name='blog.test']")
+    domain.append(etree.fromstring('<alias from="me@blog.test" file="/etc/postfix/virtual">info@shop.test</alias>'))
+    site = domain.find("site")
+    site.set("server", "apache")
+    pools = session.tree.findall(".//php")
+    site.insert(0, etree.fromstring(PHP.replace('pool="alice"', 'pool="blog" extensions="core curl"').replace(
+        "</php>", '<env name="LANG">de_DE.UTF-8</env></php>')))
+    pools[0].set("extensions", "core gd")
+    site.find("packed").addprevious(etree.fromstring(
+        '<package name="no-application" version="1" architecture="all" manager="dpkg" because="x" changed="0"/>'))
+    session.add('<block configuration="apache1">' + virtual_host(
+        directive("servername", "blog.test"), directive("documentroot", "/home/alice/blog"), at="*:8080") + "</block>",
+        site)
+
+
+def started_by(command):
+    """How often a command starts each program itself, by the program's arguments."""
+    done = subprocess.run(["strace", "-ff", "-qq", "-s", "300", "-o", "/mnt/trace", "-e",
+                           "trace=execve,fork,vfork,clone,clone3", *command], check=False, capture_output=True)
+    assert done.returncode in (0, 3), done.stderr
+    traces = {path.suffix[1:]: path.read_text(encoding="utf-8") for path in Path("/mnt").glob("trace.*")}
+    own = next(text for text in traces.values() if text.startswith(f'execve("{command[0]}"'))
+    children = re.findall(r"^(?:v?fork|clone3?)\(.* = ([0-9]+)$", own, re.MULTILINE)
+    return collections.Counter(found[1] for child in children if (found := re.search(
+        r"^execve\([^[]*(\[.*\]), .* = 0$", traces[child], re.MULTILINE)))
+
+
+def test_a_plan_asks_no_program_the_same_twice(host):
+    own_etc("apache2")
+    for place in ("/var/log/apache2", "/run/apache2"):
+        os.makedirs(place, exist_ok=True)
+    with open("/etc/postfix/main.cf", "a", encoding="ascii") as settings:
+        settings.write("relay_domains = inline:{other.test=x}\n")
+    add_blog(host)
+    with databases(host, "postgresql"):
+        host.write()
+        asked = started_by([PROGRAM, "plan", host.directory])
+    for program in ("nginx", "apache2ctl", "dpkg-query", "apt-cache", f"php-fpm{VERSION}", "ip", "locale", "postconf",
+                    "postmap"):
+        assert any(f'["{program}"' in each for each in asked), (program, asked)
+    # psql is connected anew if it was idle for some seconds.
+    assert {each: times for each, times in asked.items() if times > 1 and "psql" not in each} == {}

@@ -88,6 +88,34 @@ def test_refuses_a_domain_that_is_none(tmp_path, domain):
     assert snapshot("/etc/postfix") == before
 
 
+def test_takes_no_domain_that_another_session_has_restored(tmp_path):
+    """Such as that of another source host, whose mail it would redirect."""
+    for name in ("first", "second"):
+        (tmp_path / name).mkdir()
+    first = fetched_with(tmp_path / "first")
+    first.alias("boss@a.test", "info@a.test")
+    first.write()
+    assert Run(first, KINDS).apply().failed == []
+    table = Path("/etc/postfix/sondrel-virtual").read_text(encoding="ascii")
+    second = Fetched(tmp_path / "second")
+    second.alias("boss@a.test", "evil@far.test")
+    second.alias("boss@a.test", "evil@far.test", domain="z.test")
+    second.write()
+    description = second.directory / "dump.xml"
+    description.write_text(description.read_text("utf-8").replace(
+        "<name>z.test</name>", "<name>z.test</name><name>a.test</name>"), "utf-8")
+    run = Run(second, KINDS, skipped=frozenset(["mail:a.test"]))
+    run.apply()
+    assert "the alias boss@a.test is left out: it is an address of another domain" in run.named()
+    run = Run(second, KINDS)
+    assert run.plan()["mail:a.test"].state is State.CONFLICT
+    assert "another session has restored mail for a.test" in run.plan()["mail:a.test"].says
+    run.apply()
+    assert Path("/etc/postfix/sondrel-virtual").read_text(encoding="ascii") == table
+    # A second apply of the first session finds its own mail.
+    assert Run(first, KINDS).plan()["mail:a.test"].state is State.SAME
+
+
 @pytest.mark.parametrize("text, expected", [
     ("{SHA512-CRYPT}$6$salt$" + "x" * 86, True), ("{BLF-CRYPT}$2y$05$" + "x" * 53, True),
     ("{ARGON2ID}$argon2id$v=19$m=65536,t=3,p=1$abc$def", True), ("{SSHA256}" + "A" * 48 + "==", True),

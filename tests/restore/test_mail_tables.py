@@ -56,6 +56,8 @@ def test_gives_postfix_aliases_and_mailboxes_and_takes_them_back(tmp_path):
 def test_leaves_a_setting_that_the_administrator_has_made_and_names_it(tmp_path):
     with open("/etc/postfix/main.cf", "a", encoding="ascii") as file:
         file.write("virtual_alias_maps = hash:/etc/postfix/mine\n")
+    Path("/etc/postfix/mine").write_text("sales@other.test info\n", encoding="ascii")
+    subprocess.run(["postmap", "hash:/etc/postfix/mine"], check=True)
     fetched = fetched_with(tmp_path)
     fetched.alias("sales@a.test", "info@a.test")
     fetched.write()
@@ -133,12 +135,29 @@ def test_goes_on_with_what_was_fetched_again_wherever_it_was_killed(tmp_path, mo
     assert list(Path("/etc/postfix").glob("sondrel*")) == list(Path("/etc/dovecot").rglob("*sondrel*")) == []
 
 
-def test_asks_before_it_takes_a_domain_that_is_served_here(tmp_path):
+# Ways of Postfix to name domains, and what the plan says; the file "mine" has other.test and a.test.
+SERVED_HERE = {
+    "virtual_mailbox_domains = other.test, a.test": "virtual_mailbox_domains has mail for a.test already",
+    "mydestination = $myhostname, /etc/postfix/mine": "mydestination has mail for a.test already",
+    "virtual_alias_maps = proxy:texthash:/etc/postfix/mine": "virtual_alias_domains has mail for a.test already",
+    "relay_domains = inline:{other.test=x, a.test=y}": "relay_domains has mail for a.test already",
+    "relay_domains = other.test unionmap:{inline:{b=x}, static:all}": "relay_domains has mail for a.test already",
+    "relay_domains = test": "relay_domains has mail for a.test already",
+    "virtual_mailbox_domains = mysql:/etc/postfix/domains.cf":
+        "not known whether virtual_mailbox_domains has mail for a.test already: mysql:/etc/postfix/domains.cf cannot",
+    "mydestination = !a.test, static:all": "",
+    "relay_domains = b.a.test, /etc/postfix/none, inline:{other.test=x}": "",
+}
+
+
+@pytest.mark.parametrize("line, says", SERVED_HERE.items())
+def test_asks_before_it_takes_a_domain_that_is_served_here(tmp_path, line, says):
+    Path("/etc/postfix/mine").write_text("other.test x\na.test x\n", encoding="ascii")
     with open("/etc/postfix/main.cf", "a", encoding="ascii") as file:
-        file.write("virtual_mailbox_domains = other.test, a.test\n")
+        file.write(line + "\n")
     run = Run(fetched_with(tmp_path), KINDS)
     item = run.plan()["mail:a.test"]
-    assert item.state is State.CONFLICT and "virtual_mailbox_domains has mail for a.test already" in item.says
+    assert item.state is (State.CONFLICT if says else State.MAKE) and says in item.says
 
 
 def test_says_what_is_missing_here(tmp_path, monkeypatch):

@@ -290,8 +290,7 @@ def _domain_item(restore: Restore, service: MailService, domain: Domain, passwor
     if not split_address(f"a@{domain.name}"):
         state, says = State.IMPOSSIBLE, f"{domain.name} is no domain that mail can have"
     elif entry is None and taken:
-        state, says, decisions = State.CONFLICT, f"{taken} has mail for {domain.name} already", (
-            f"--replace={identifier}", f"--skip={identifier}")
+        state, says, decisions = State.CONFLICT, taken, (f"--replace={identifier}", f"--skip={identifier}")
     elif entry is not None and entry.state == "done" and service.has(domain.name):
         is_same = entry.facts.get("sum") == sum_of(tables)
         state, says = (State.SAME, f"mail for {domain.name} is here") if is_same else (
