@@ -59,11 +59,15 @@ class Member:
 class Archive:
     """An archive of the session."""
 
-    def __init__(self, path: Path, size: int, md5sum: str, *, remedy: str = "fetch it again") -> None:
-        """`remedy` tells the person what to do if the file is missing or differs from the description."""
+    def __init__(self, path: Path, size: int, md5sum: str, unpacked: int, *, remedy: str = "fetch it again") -> None:
+        """`unpacked` are its bytes without compression, by which a plan has found room for it.
+
+        `remedy` tells the person what to do if the file is missing or differs from the description.
+        """
         self.path = path
         self.size = size
         self.md5sum = md5sum
+        self.unpacked = unpacked
         self._remedy = remedy
         self._is_checked = False
 
@@ -81,7 +85,7 @@ class Archive:
         """
         with self._opened() as file:
             self._check(file)
-            yield from _members(file, self.path)
+            yield from _members(file, self.path, self.unpacked)
 
     def names(self) -> set[str]:
         """The absolute paths of all members."""
@@ -127,7 +131,7 @@ class Archive:
         """The decompressed file, for one that is no tar archive. Checks the sum first."""
         with self._opened() as file:
             self._check(file)
-            with _unpacked(file, self.path) as plain:
+            with _unpacked(file, self.path, self.unpacked) as plain:
                 yield plain
 
     @contextlib.contextmanager
@@ -148,6 +152,9 @@ class Archive:
         if about.st_size != self.size:
             raise RestoreError(
                 f"{self.path} has {about.st_size} bytes and not {self.size}, as the description says: {self._remedy}")
+        if not _is_compressed(self.path) and self.unpacked < self.size:
+            raise RestoreError(f"{self.path} has more than the {self.unpacked:,} bytes that the description names for"
+                               " its content: do not restore it before you know why")
         if not self._is_checked:
             if _md5_of(file) != self.md5sum:
                 raise RestoreError(f"{self.path} is not what the description says, by its sum: {self._remedy}")
@@ -158,8 +165,9 @@ class Archive:
 class Increment(Archive):
     """An archive of new and changed files, with an optional list of the names that had vanished before."""
 
-    def __init__(self, path: Path, size: int, md5sum: str, *, gone: Archive | None, remedy: str) -> None:
-        super().__init__(path, size, md5sum, remedy=remedy)
+    def __init__(self, path: Path, size: int, md5sum: str, unpacked: int, *, gone: Archive | None,
+                 remedy: str) -> None:
+        super().__init__(path, size, md5sum, unpacked, remedy=remedy)
         self._gone = gone
 
     def check(self) -> None:
@@ -191,7 +199,7 @@ class FollowedArchive(Archive):
     """
 
     def __init__(self, base: Archive, increments: Sequence[Increment]) -> None:
-        super().__init__(base.path, base.size, base.md5sum)
+        super().__init__(base.path, base.size, base.md5sum, base.unpacked)
         self._base = base
         self._increments = increments
 
@@ -282,8 +290,8 @@ class _Stream:
         self._header_left = _LARGEST_HEADER
 
 
-def _members(file: io.FileIO, path: Path) -> Iterator[tuple[Member, Contents]]:
-    with _unpacked(file, path) as plain:
+def _members(file: io.FileIO, path: Path, unpacked: int) -> Iterator[tuple[Member, Contents]]:
+    with _unpacked(file, path, unpacked) as plain:
         stream = _Stream(plain, path)
         try:
             with tarfile.TarFile(fileobj=stream, mode="r", encoding="utf-8",  # type: ignore[arg-type]
@@ -309,9 +317,13 @@ def _stored(member: Member) -> int:
     return member.size if member.extents is None else sum(size for _, size in member.extents)
 
 
+def _is_compressed(path: Path) -> bool:
+    return path.suffix == ".gz"
+
+
 @contextlib.contextmanager
-def _unpacked(file: io.FileIO, path: Path) -> Iterator[IO[bytes]]:
-    raw = Inflated(file) if path.suffix == ".gz" else open(os.dup(file.fileno()), "rb", buffering=0)
+def _unpacked(file: io.FileIO, path: Path, most: int) -> Iterator[IO[bytes]]:
+    raw = Inflated(file, most) if _is_compressed(path) else open(os.dup(file.fileno()), "rb", buffering=0)
     with io.BufferedReader(raw, _CHUNK) as plain:
         try:
             yield plain

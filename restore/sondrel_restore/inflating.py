@@ -14,13 +14,15 @@ _GZIP = 31
 class Inflated(io.RawIOBase):
     """The content of a compressed file, forward only; wrap it in a buffered reader.
 
-    As in gzip, the file may consist of several parts and be padded with zeros. Raises zlib.error if it is damaged and
-    EOFError if it is truncated. The caller closes the file.
+    As in gzip, the file may consist of several parts and be padded with zeros. Raises zlib.error if it is damaged or
+    has more than `most` bytes, and EOFError if it is truncated. The caller closes the file.
     """
 
-    def __init__(self, file: IO[bytes]) -> None:
+    def __init__(self, file: IO[bytes], most: int) -> None:
         super().__init__()
         self._file = file
+        self._most = most
+        self._left = most
         self._inflate = zlib.decompressobj(_GZIP)
         self._given = b""
 
@@ -33,6 +35,10 @@ class Inflated(io.RawIOBase):
             plain = self._inflate.decompress(self._given, len(buffer))
             self._given = self._inflate.unconsumed_tail or self._inflate.unused_data
             if plain:
+                self._left -= len(plain)
+                if self._left < 0:
+                    raise zlib.error(f"it has more than the {self._most:,} bytes that the description names for its"
+                                     " content")
                 buffer[:len(plain)] = plain
                 return len(plain)
         return 0

@@ -98,8 +98,9 @@ class Restore:
         return Increment(*self._facts_of(element), remedy=_REMEDY,
                          gone=None if gone is None else Archive(*self._facts_of(gone), remedy=_REMEDY))
 
-    def _facts_of(self, element: Element) -> tuple[Path, int, str]:
-        return self.session.archives / str(element.get("file")), int(element.get("size")), str(element.get("md5sum"))
+    def _facts_of(self, element: Element) -> tuple[Path, int, str, int]:
+        return (self.session.archives / str(element.get("file")), int(element.get("size")),
+                str(element.get("md5sum")), int(element.get("unpacked")))
 
 
 @dataclasses.dataclass
@@ -196,13 +197,13 @@ def _apply_item(restore: Restore, kind: Kind, item: Item, outcome: Outcome) -> b
     return False
 
 
-@contextlib.contextmanager
 def text_of(error: OSError) -> str:
     """The path and the reason of an error of the system, for a person."""
     place = f"{error.filename}: " if error.filename else ""
     return f"{place}{error.strerror or error}"
 
 
+@contextlib.contextmanager
 def _changing(restore: Restore, identifier: str, outcome: Outcome) -> Iterator[None]:
     """For a change of this host: its earlier answers count no longer, and a failure is recorded."""
     restore.forget_answers()

@@ -50,10 +50,11 @@ def test_goes_on_after_a_kill_and_can_be_taken_back(session, call, numbers):
 @pytest.mark.parametrize("size", ["100k", "400k", "1m", "2m", "3m"])
 def test_tells_of_a_full_disk_and_goes_on_when_there_is_room(session, size):
     os.makedirs("/home/alice")
-    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size},mode=755", "own", "/home"], check=True)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=100m,mode=755", "own", "/home"], check=True)
     site(session, *large())
-    # The description gives too small a size, so that the plan finds room.
-    session.tree.find(".//domain/content").set("unpacked", "1000")
+    # The disk becomes full after the plan has found room.
+    assert killed_at(session, "mkdirat", 2)
+    subprocess.run(["mount", "-o", f"remount,size={size}", "/home"], check=True)
     done = session.run("apply", check=1)
     assert "No space left on device" in done.stderr and "Traceback" not in done.stderr
     subprocess.run(["mount", "-o", "remount,size=100m", "/home"], check=True)

@@ -1,4 +1,5 @@
 """Files of clients and sites: unpacked, renewed, verified and undone."""
+import gzip
 import os
 import pwd
 import stat
@@ -239,6 +240,34 @@ def test_keeps_inside_of_the_tree(session, attack):
     assert kinds <= {stat.S_IFDIR, stat.S_IFREG, stat.S_IFLNK}
     assert not any(os.stat(f"{place}/{name}", follow_symlinks=False).st_nlink > 1
                    for place, _, files in os.walk("/home/alice") for name in files)
+
+
+@pytest.mark.parametrize("name", ["shop.tar.gz", "shop.tar"])
+def test_unpacks_no_more_than_the_description_names(session, name):
+    """The plan has found room for no more."""
+    archive = made_of(directory("./home/alice/shop"), file("./home/alice/shop/zeros", bytes(32 << 20)))
+    archive = archive if name.endswith(".gz") else gzip.decompress(archive)
+    content = session.content("site", f"content/sites/{name}", archive)
+    session.add_site(session.add_client("alice", 30001), "shop.test", "/home/alice/shop", content)
+    session.tree.find(".//domain/content").set("unpacked", "10000")
+    session.run("plan", check=0)
+    done = session.run("apply", check=1)
+    assert "more than the 10,000 bytes that the description names" in done.stderr and "Traceback" not in done.stderr
+    used = os.statvfs("/home")
+    assert (used.f_blocks - used.f_bfree) * used.f_frsize < 4 << 20
+
+
+@pytest.mark.parametrize("root", ["/home/alice/shop", "/srv/shop"])
+def test_a_file_in_the_place_of_a_root_needs_a_decision(session, root):
+    os.makedirs(os.path.dirname(root), exist_ok=True)
+    with open(root, "w", encoding="ascii") as out:
+        out.write("of this host")
+    site(session, directory(f".{root}"), file(f".{root}/index.php"), root=root)
+    done = session.run("plan", check=3)
+    assert f"{root} is here already" in done.stdout and "Traceback" not in done.stderr
+    session.run("apply", check=3)
+    with open(root, encoding="ascii") as kept:
+        assert kept.read() == "of this host"
 
 
 def test_drops_and_names_rights_beyond_those_of_an_owner(session):

@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import contextlib
+import gzip
 import hashlib
 import io
 import os
@@ -96,7 +97,7 @@ class World:
     def archive(self, name: str, members: dict[str, bytes | str]) -> str:
         """Packs files (bytes) and links (their targets) into an archive of a site; returns its element."""
         buffer = io.BytesIO()
-        with tarfile.open(fileobj=buffer, mode="w:gz") as tar:
+        with tarfile.open(fileobj=buffer, mode="w") as tar:
             for path, value in members.items():
                 about = tarfile.TarInfo("." + path)
                 about.mode = 0o600
@@ -106,12 +107,12 @@ class World:
                 else:
                     about.size = len(value)
                     tar.addfile(about, io.BytesIO(value))
-        content = buffer.getvalue()
+        content = gzip.compress(buffer.getvalue())
         file = f"content/sites/{name}.tar.gz"
         (self.session / "archives" / file).write_bytes(content)
         return (
             f'<content kind="site" file="{file}" size="{len(content)}" md5sum="{hashlib.md5(content).hexdigest()}"'
-            f' unpacked="{sum(len(value) for value in members.values())}"/>'
+            f' unpacked="{len(buffer.getvalue())}"/>'
         )
 
     def restore(self, *, decisions: Decisions = Decisions(), domains: frozenset[str] = frozenset()) -> Restore:

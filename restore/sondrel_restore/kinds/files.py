@@ -192,7 +192,8 @@ def _is_ours(restore: Restore, root: str) -> bool:
         before = entry.facts.get("before", {})
         assert isinstance(before, dict)
         made |= {path for path, was in before.items() if was is None}
-    return any(is_below(root, place) for place in made) or {f"{root}/{name}" for name in os.listdir(root)} <= made
+    return any(is_below(root, place) for place in made) or os.path.isdir(root) and {
+        f"{root}/{name}" for name in os.listdir(root)} <= made
 
 
 KINDS = (FilesKind,)
