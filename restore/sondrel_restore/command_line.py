@@ -13,7 +13,7 @@ from sondrel_restore.description import Description
 from sondrel_restore.kind import RestoreError
 from sondrel_restore.kinds import all_kinds
 from sondrel_restore.packages import install
-from sondrel_restore.restore import (Outcome, Restore, apply_plan, make_plan, undo_all, verify_items)
+from sondrel_restore.restore import (Outcome, Restore, apply_plan, make_plan, text_of, undo_all, verify_items)
 from sondrel_restore.selection import Decisions, Selection
 from sondrel_restore.session import Session
 
@@ -38,10 +38,11 @@ def main(arguments: Sequence[str] | None = None) -> int:
         restore = _restore(options)
         command: Callable[[Restore, argparse.Namespace], int] = options.run
         return command(restore, options)
-    except RestoreError as error:
+    except (RestoreError, OSError) as error:
         if restore is not None:
             restore.progress.erase()
-        print(f"sondrel-restore: {printing.escaped(str(error))}", file=sys.stderr)
+        said = text_of(error) if isinstance(error, OSError) else str(error)
+        print(f"sondrel-restore: {printing.escaped(said)}", file=sys.stderr)
         return FAILED
     except KeyboardInterrupt:
         print("sondrel-restore: stopped; the same command goes on", file=sys.stderr)

@@ -77,10 +77,15 @@ def _trusted_link(directory: int, name: str, path: str) -> str | None:
 
 
 def read_file(path: str, *, limit: int = 64 << 20) -> bytes:
-    """The bytes of a regular file. A link at `path` is not followed. RestoreError if it has more than `limit` bytes."""
+    """The bytes of a regular file. RestoreError for anything else, such as a link, and for more than `limit` bytes."""
     parent, name = os.path.split(path)
     with open_directory(parent) as directory:
-        descriptor = os.open(name, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC, dir_fd=directory)
+        try:
+            descriptor = os.open(name, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC, dir_fd=directory)
+        except OSError as error:
+            if error.errno == errno.ELOOP:
+                raise RestoreError(f"{path} is a symbolic link here") from error
+            raise
         with open(descriptor, "rb") as file:
             if not stat.S_ISREG(os.fstat(descriptor).st_mode):
                 raise RestoreError(f"{path} is no regular file")

@@ -22,7 +22,8 @@ _UNITS = r"(?:[A-Za-z0-9_.-]+\.(?:target|service|socket) ?)+"
 
 # The settings that each section may have, and the pattern of their values. User and Group are checked separately.
 ALLOWED: dict[str, dict[str, str]] = {
-    "Unit": {"Description": ".*", "Documentation": ".*", "After": _UNITS, "Before": _UNITS,
+    # Without Before: at each boot a job that does not end would keep other services of this host from starting.
+    "Unit": {"Description": ".*", "Documentation": ".*", "After": _UNITS,
              "Wants": r"network(?:-online)?\.target", "ConditionPathExists": r"!?/.*"},
     "Service": {
         "Type": "simple|exec|oneshot|notify", "User": ".*", "Group": ".*", "WorkingDirectory": r"/[^%]*",

@@ -272,6 +272,13 @@ def test_refuses_a_description_that_is_none(document_text):
     assert "dump.xml" in done.stderr and "Traceback" not in done.stderr
 
 
+def test_names_a_path_here_that_cannot_be_read(session):
+    os.symlink("/srv/shop", "/srv/shop")
+    site(session, directory("./srv/shop"), root="/srv/shop")
+    done = session.run("plan", check=1)
+    assert done.stderr == "sondrel-restore: /srv/shop: Too many levels of symbolic links\n"
+
+
 def test_refuses_a_session_that_others_may_write(session):
     site(session, *usual())
     os.chmod(session.directory, 0o770)

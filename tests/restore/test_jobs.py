@@ -190,6 +190,7 @@ REFUSED_UNITS = {
     "wanted at every login": SERVICE + "[Install]\nWantedBy=sshd.service\n",
     "starts another unit": SERVICE.replace("After=network.target", "OnFailure=reboot.target"),
     "section of a socket": SERVICE + "[Socket]\nListenStream=22\n",
+    "order before a service of this host": SERVICE.replace("After=network.target", "Before=ssh.service"),
 }
 
 
@@ -216,6 +217,17 @@ def test_lists_a_unit_in_the_place_of_one_of_this_host(tmp_path):
     run = Run(fetched_with(tmp_path, units={name: SERVICE}), [Job])
     assert "already" in run.plan()[f"job:unit:{UNITS}{name}"].says
     assert run.apply().changed == [] and not os.path.exists(UNITS + name)
+
+
+def test_plans_where_the_administrator_has_masked_a_unit(tmp_path):
+    os.symlink("/dev/null", UNITS + "import.service")
+    run = Run(fetched_with(tmp_path, table="@daily x\n", units={"import.service": SERVICE}), [Job])
+    plan = run.plan()
+    assert plan[f"job:unit:{UNITS}import.service"].state is State.IMPOSSIBLE
+    assert "is a symbolic link here" in plan[f"job:unit:{UNITS}import.service"].says
+    assert plan["job:cron:alice"].state is State.MAKE
+    run.apply()
+    assert os.readlink(UNITS + "import.service") == "/dev/null"
 
 
 @pytest.mark.parametrize("path, client", [

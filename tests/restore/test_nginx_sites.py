@@ -166,6 +166,16 @@ def test_a_file_that_apply_has_not_made_needs_a_decision(world: World) -> None:
     assert Path("/etc/nginx/sites-available/a.test.conf").read_text(encoding="utf-8") == "# mine"
 
 
+def test_a_link_in_the_place_of_a_sites_file_is_named(world: World) -> None:
+    Path("/etc/nginx/mine.conf").write_text("# mine", encoding="utf-8")
+    os.symlink("../mine.conf", "/etc/nginx/sites-available/a.test.conf")
+    world.describe(site("a.test", server(LISTEN, NAME, ROOT)), site("b.test", server(LISTEN, directive(
+        "server_name", "b.test"), ROOT)))
+    items = world.plan(Nginx).items
+    assert [item.state for item in items] == [State.IMPOSSIBLE, State.MAKE]
+    assert "/etc/nginx/sites-available/a.test.conf is a symbolic link here" in items[0].says
+
+
 def test_a_definition_whose_name_is_taken_gets_another(world: World) -> None:
     Path("/etc/nginx/conf.d/mine.conf").write_text(
         "upstream app { server 127.0.0.1:1; } map $host $mapped { default mine; } log_format of_a mine;",
