@@ -153,6 +153,17 @@ def test_an_argument_stays_an_argument(world: World, text: str) -> None:
     assert "listen 81" not in told.replace('"x; } server { listen 81; root /; }"', "")
 
 
+@pytest.mark.parametrize("name, log, written", [
+    ("access", "access.log", "access-access.log"), ("a", "access.log", "a-access.log"),
+    ("here", "here.test.log", "here-here.test.log"), ("a.test", "a.test.com.log", "a.test.com.log"),
+    ("a.test", "a.testing.log", "a.test-a.testing.log"), ("a.test", "a.test-access.log", "a.test-access.log")])
+def test_a_site_has_logs_of_its_own(world: World, name: str, log: str, written: str) -> None:
+    """Whatever its name is the beginning of, such as of the log of all sites."""
+    world.describe(site(name, server(LISTEN, NAME, ROOT, directive("access_log", f"/var/log/nginx/{log}"))))
+    files = world.plan(Nginx).items[0].data.files
+    assert f"access_log /var/log/nginx/{written};" in files[f"/etc/nginx/sites-available/{name}.conf"].decode()
+
+
 def test_a_name_of_a_directive_is_no_more_than_that(world: World) -> None:
     world.describe(site("a.test", server(LISTEN, NAME, ROOT, directive("gzip on; root", "/"))))
     assert not world.apply(Nginx).failed

@@ -1,7 +1,10 @@
 """Whole sites with the program: files, account, pool, web servers; then the answers to visitors are compared."""
+import contextlib
 import hashlib
 import os
+import socket
 import tarfile
+import threading
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -14,7 +17,8 @@ from sondrel_restore.kinds.pool import versions
 from sondrel_restore.restore import Restore
 from sondrel_restore.selection import Decisions, Selection
 from sondrel_restore.session import Session
-from sondrel_restore.web.ask import Answer, compare, judged
+from sondrel_restore.web import ask as asking
+from sondrel_restore.web.ask import Answer, Request, compare, judged
 from sondrel_restore.web.site_data import Site
 from web_world import directive, ended, server, virtual_host
 
@@ -171,3 +175,24 @@ def test_a_site_that_has_no_name_is_not_missed_among_the_answers(
     element = etree.fromstring('<site server="nginx"/>')
     site = Site(Domain(name, (name,), "alice", element), element, ())
     assert [finding.is_same for finding in compare(restore, f"nginx:{name}", site)] == [is_same]
+
+
+@pytest.mark.parametrize("head", [b"", b"HTTP/1.1 200 OK\r\n\r\n", b"HTTP/1.1 200 OK\r\nContent-Length: 99999\r\n\r\n"])
+def test_a_page_that_never_ends_is_given_up(head: bytes, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(asking, "_WHOLE_LIMIT", 0.5)
+    is_over = threading.Event()
+
+    def trickle(listener: socket.socket) -> None:
+        client, _ = listener.accept()
+        with client, contextlib.suppress(OSError):
+            client.sendall(head)
+            while not is_over.wait(0.05):
+                client.sendall(b"x")
+
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        server_thread = threading.Thread(target=trickle, args=(listener,))
+        server_thread.start()
+        answered = asking.ask("127.0.0.1", Request("shop.test", listener.getsockname()[1], False, "/"))
+        is_over.set()
+        server_thread.join()
+    assert "it has not ended within" in answered.trouble

@@ -1,12 +1,14 @@
 """Sends requests to the sites of this host over loopback, and compares the answers with those of the source host."""
 from __future__ import annotations
 
+import contextlib
 import dataclasses
 import hashlib
 import http.client
 import re
 import socket
 import ssl
+import threading
 from collections.abc import Iterator
 
 from sondrel_restore.kind import Finding
@@ -16,7 +18,9 @@ from sondrel_restore.web.site_data import Site
 # Of a body: the agent reads as much.
 _MOST_BYTES = 1_048_576
 _MOST_OF_TITLE = 200
+# In seconds: for a step of the exchange, and for all of it. A page may send a byte now and then, and never end.
 _TIME_LIMIT = 15.0
+_WHOLE_LIMIT = 60.0
 # The agent asks only for such names: not for patterns, nor for names without a dot, as default servers have.
 _CAN_BE_ASKED = re.compile(r"[a-z0-9-]+(\.[a-z0-9-]+)+")
 
@@ -55,6 +59,37 @@ class _Connection(http.client.HTTPConnection):
     def __init__(self, address: str, request: Request) -> None:
         super().__init__(address, request.port, timeout=_TIME_LIMIT)
         self._request = request
+        # `sock` is None as soon as the head of an answer says that the connection is closed behind it.
+        self._stream: socket.socket | None = None
+        self._is_given_up = threading.Event()
+
+    @contextlib.contextmanager
+    def limited(self) -> Iterator[None]:
+        """Ends the exchange when _WHOLE_LIMIT is over."""
+        watch = threading.Timer(_WHOLE_LIMIT, self._give_up)
+        watch.daemon = True
+        watch.start()
+        try:
+            yield
+        finally:
+            watch.cancel()
+
+    def _give_up(self) -> None:
+        self._is_given_up.set()
+        if self._stream is not None:
+            with contextlib.suppress(OSError):
+                self._stream.shutdown(socket.SHUT_RDWR)
+
+    def check_whole(self) -> None:
+        """TimeoutError if the exchange was ended: without a length, a body that was cut off looks whole."""
+        if self._is_given_up.is_set():
+            raise TimeoutError
+
+    def trouble(self, error: Exception) -> str:
+        """The reason of a failure, for a person."""
+        if self._is_given_up.is_set():
+            return f"it has not ended within {_WHOLE_LIMIT:.0f} seconds"
+        return str(error) or type(error).__name__
 
     def connect(self) -> None:
         self.sock = socket.create_connection((self.host, self.port), self.timeout)
@@ -63,6 +98,7 @@ class _Connection(http.client.HTTPConnection):
             context.check_hostname = False
             context.verify_mode = ssl.CERT_NONE
             self.sock = context.wrap_socket(self.sock, server_hostname=_sni(self._request.name))
+        self._stream = self.sock
 
 
 def _sni(name: str) -> str | None:
@@ -75,15 +111,17 @@ def ask(address: str, request: Request) -> Answer:
     usual = 443 if request.tls else 80
     host = request.name if request.port == usual else f"{request.name}:{request.port}"
     try:
-        connection.putrequest("GET", request.path, skip_host=True, skip_accept_encoding=True)
-        for name, value in (("Host", host), ("Accept-Encoding", "identity"), ("Accept", "text/html,*/*;q=0.8"),
-                            ("User-Agent", "Mozilla/5.0 (sondrel)"), ("Connection", "close")):
-            connection.putheader(name, value)
-        connection.endheaders()
-        response = connection.getresponse()
-        body = response.read(_MOST_BYTES)
+        with connection.limited():
+            connection.putrequest("GET", request.path, skip_host=True, skip_accept_encoding=True)
+            for name, value in (("Host", host), ("Accept-Encoding", "identity"), ("Accept", "text/html,*/*;q=0.8"),
+                                ("User-Agent", "Mozilla/5.0 (sondrel)"), ("Connection", "close")):
+                connection.putheader(name, value)
+            connection.endheaders()
+            response = connection.getresponse()
+            body = response.read(_MOST_BYTES)
+        connection.check_whole()
     except (OSError, http.client.HTTPException, ValueError) as error:
-        return Answer(trouble=str(error) or type(error).__name__)
+        return Answer(trouble=connection.trouble(error))
     finally:
         connection.close()
     html = "html" in (response.getheader("Content-Type") or "")
