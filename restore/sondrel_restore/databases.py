@@ -4,6 +4,7 @@ from __future__ import annotations
 import contextlib
 import dataclasses
 import fcntl
+import functools
 import hashlib
 import json
 import os
@@ -12,7 +13,7 @@ import selectors
 import subprocess
 import threading
 import time
-from collections.abc import Iterable, Iterator, Sequence
+from collections.abc import Callable, Iterable, Iterator, Sequence
 from typing import IO
 
 from sondrel_restore.description import Description, Element
@@ -213,12 +214,14 @@ def _lines_of(path: str) -> list[str]:
         return file.read().splitlines()
 
 
-def run_sql(client: Sequence[str], secret: bytes, variables: dict[str, str], pieces: Iterable[bytes]) -> list[str]:
+def run_sql(client: Sequence[str], secret: bytes, variables: dict[str, str], pieces: Iterable[bytes],
+            printed: Callable[[bytes], None] | None = None) -> list[str]:
     """Feeds SQL to a client program that runs without any rights on this host; returns its messages.
 
     In `client` and `variables` "{secret}" stands for the path of a file with `secret`, which only the client can read;
-    the file is in memory and vanishes with the client. The output of the SQL is discarded. RestoreError if the program
-    ends before it has read all, ends with an error of its own, or reads nothing for four hours.
+    the file is in memory and vanishes with the client. What the client prints goes to `printed` line by line, from
+    another thread, if there is one. RestoreError if the program ends before it has read all, ends with an error of its
+    own, or reads nothing for four hours.
     """
     number = unused_number()
     descriptor = os.memfd_create("login", os.MFD_CLOEXEC)
@@ -233,9 +236,10 @@ def run_sql(client: Sequence[str], secret: bytes, variables: dict[str, str], pie
                        **{name: value.replace("{secret}", path) for name, value in variables.items()}}
         with subprocess.Popen(identity + [word.replace("{secret}", path) for word in client], cwd="/",
                               env=environment, pass_fds=[descriptor], stdin=subprocess.PIPE, start_new_session=True,
-                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE) as process:
+                              stdout=subprocess.PIPE if printed else subprocess.DEVNULL,
+                              stderr=subprocess.PIPE) as process:
             try:
-                return _feed(process, pieces)
+                return _feed(process, pieces, printed)
             finally:
                 if process.poll() is None:
                     process.kill()
@@ -243,10 +247,14 @@ def run_sql(client: Sequence[str], secret: bytes, variables: dict[str, str], pie
         os.close(descriptor)
 
 
-def _feed(process: subprocess.Popen[bytes], pieces: Iterable[bytes]) -> list[str]:
+def _feed(process: subprocess.Popen[bytes], pieces: Iterable[bytes],
+          printed: Callable[[bytes], None] | None) -> list[str]:
     messages: list[str] = []
-    reader = threading.Thread(target=_collect, args=(process.stderr, messages), daemon=True)
-    reader.start()
+    readers = [threading.Thread(target=_read, args=(process.stderr, functools.partial(_keep, messages)), daemon=True)]
+    if printed is not None:
+        readers.append(threading.Thread(target=_read, args=(process.stdout, printed), daemon=True))
+    for reader in readers:
+        reader.start()
     assert process.stdin is not None
     os.set_blocking(process.stdin.fileno(), False)
     # The client reads from this buffer while the next piece is unpacked. Some hosts allow no larger pipe: then go on.
@@ -264,7 +272,8 @@ def _feed(process: subprocess.Popen[bytes], pieces: Iterable[bytes]) -> list[str
     _wait(process)
     status = process.wait()
     # A program that the SQL started may keep the pipe open, so do not wait for its end.
-    reader.join(10)
+    for reader in readers:
+        reader.join(10)
     if not is_whole or status not in (0, 1, 3):
         said = some(messages[-3:]) or f"status {status}"
         raise RestoreError(f"The client of the database server ended before all was loaded: {said}")
@@ -302,16 +311,18 @@ def _stalled() -> RestoreError:
         f"The database server has taken nothing for {_STALL_LIMIT / 3600:.0f} hours: loading was given up")
 
 
-def _collect(file: IO[bytes], messages: list[str]) -> None:
-    """Reads all messages, so that the client never blocks, and keeps the first ones."""
+def _read(file: IO[bytes], take: Callable[[bytes], None]) -> None:
+    """Reads all lines, so that the client never blocks. A line of more than 64 KiB comes in parts."""
     with contextlib.suppress(ValueError, OSError):
-        while True:
-            line = file.readline(1 << 16)
-            if not line:
-                return
-            text = line.decode("utf-8", "replace").strip()
-            if text and len(messages) < _MOST_MESSAGES:
-                messages.append(text[:_LONGEST_MESSAGE])
+        while line := file.readline(1 << 16):
+            take(line)
+
+
+def _keep(messages: list[str], line: bytes) -> None:
+    """Keeps the first messages."""
+    text = line.decode("utf-8", "replace").strip()
+    if text and len(messages) < _MOST_MESSAGES:
+        messages.append(text[:_LONGEST_MESSAGE])
 
 
 def wait_until_gone(still_there: Iterator[bool], what: str, *, pause: float = 0.05) -> None:

@@ -63,6 +63,8 @@ class PostgreSqlDump:
         self._schemas: frozenset[str] = frozenset()
         # The number of rows in the dump, by schema and table.
         self.rows: dict[tuple[str, str], int] = {}
+        # The tables in the order of their COPY statements.
+        self.copies: list[tuple[str, str]] = []
         # (object as SQL that was checked, name of its owner)
         self.owners: list[tuple[str, str]] = []
         # Settings of the database: (role or "" for all roles, name, values).
@@ -117,6 +119,7 @@ class PostgreSqlDump:
             ends += piece.count(b"\n")
             yield piece
         self.rows[table] = self.rows.get(table, 0) + ends - 2
+        self.copies.append(table)
 
     def _is_taken_out(self, line: bytes) -> bool:
         """Whether the line is not run. Records what it says if that is needed later."""

@@ -11,7 +11,7 @@ import os
 import pwd
 import re
 import secrets
-from collections.abc import Iterable, Iterator, Sequence
+from collections.abc import Iterable, Iterator, Mapping, Sequence
 from typing import Any
 
 from sondrel_restore.databases import LOADER, run_sql, wait_until_gone
@@ -40,6 +40,10 @@ OWN = "n.nspname !~ '^pg_' AND n.nspname <> 'information_schema'"
 _NO_EXTENSION = "NOT EXISTS (SELECT 1 FROM pg_depend d WHERE d.objid = c.oid AND d.deptype = 'e'" \
     " AND d.classid = 'pg_class'::regclass)"
 
+
+_COPIED = re.compile(rb"COPY ([0-9]{1,18})\n")
+# A hostile dump may print any number of such lines.
+_MOST_COPIES = 100_000
 
 # For each table: schema, name, number of rows, and a sum of the transactions that wrote them.
 Counts = list[tuple[str, str, int, int]]
@@ -183,27 +187,29 @@ class PostgreSqlServer:
 
     def rows(self, database: str, tables: Iterable[tuple[str, str]]) -> dict[tuple[str, str], int]:
         """The number of rows by table. Counting runs no code of the database's owner."""
-        return {(schema, table): count for schema, table, count, _ in self._counted(database, sorted(tables))}
+        return {(schema, table): count for schema, table, count, _ in self._counted(database, sorted(tables), {})}
 
-    def _counted(self, database: str, tables: Sequence[tuple[str, str]]) -> Counts:
-        """Counts the rows, and sums the transactions that wrote them."""
+    def _counted(self, database: str, tables: Sequence[tuple[str, str]],
+                 known: Mapping[tuple[str, str], int]) -> Counts:
+        """Counts the rows, and sums the transactions that wrote them; of a table in `known`, one has written all."""
         found: Counts = []
         for start in range(0, len(tables), _TABLES_AT_ONCE):
             found += [(row["s"], row["t"], row["n"], row["x"]) for row in self.ask(" UNION ALL ".join(
-                f"SELECT {literal(schema)}::text AS s, {literal(table)}::text AS t, coalesce(sum(n), 0) AS n,"
-                # Grouping by transaction instead of summing over each row takes a third of the time.
-                " coalesce(sum(n * xmin::text::numeric), 0) AS x FROM (SELECT xmin, count(*) AS n"
-                f" FROM ONLY {identifier(schema)}.{identifier(table)} GROUP BY xmin) AS written"
-                for schema, table in tables[start:start + _TABLES_AT_ONCE]), database)]
+                f"SELECT {literal(table[0])}::text AS s, {literal(table[1])}::text AS t, coalesce(sum(n), 0) AS n,"
+                f" coalesce(sum(n * xmin::text::numeric), 0) AS x FROM ({_written(table, known.get(table))}) AS written"
+                for table in tables[start:start + _TABLES_AT_ONCE]), database)]
         return found
 
     def fingerprint(self, database: str) -> str:
         """A sum of all definitions, and of the rows by their last transactions: it changes when one of them does."""
         return self.fingerprint_of(database, self.counted(database))
 
-    def counted(self, database: str) -> Counts:
-        """For each table its number of rows and a sum of the transactions that wrote them."""
-        return self._counted(database, self.tables(database))
+    def counted(self, database: str, known: Mapping[tuple[str, str], int] | None = None) -> Counts:
+        """For each table its number of rows and a sum of the transactions that wrote them.
+
+        `known` are the numbers of rows of tables that one transaction has filled: they are not read again.
+        """
+        return self._counted(database, self.tables(database), known or {})
 
     def fingerprint_of(self, database: str, counts: Counts) -> str:
         """The fingerprint of a database whose rows the caller has counted, and that has not changed since."""
@@ -251,7 +257,11 @@ class PostgreSqlServer:
 
     @functools.cached_property
     def _knows_restrict(self) -> bool:
-        return "--restrict-key" in self._host.run([f"{os.path.dirname(self._psql)}/pg_dump", "--help"]).stdout
+        """Whether psql has the command that keeps a dump from commands of psql: it says so of one that it has not."""
+        key = secrets.token_hex(24)
+        said = self._session("postgres").run(
+            f"\\restrict {key}\n\\unrestrict {key}", stops=False, time_limit=_TIME_LIMIT)
+        return said.status == 0 and not said.stderr
 
     def _own_connections(self, database: str) -> Iterator[bool]:
         """Whether the server still ends a connection of ours. Until then it renames nothing, and looks each 0.1 s."""
@@ -259,10 +269,11 @@ class PostgreSqlServer:
             yield bool(self.ask(f"SELECT 1 FROM pg_stat_activity WHERE datname = {literal(database)}"
                                 f" AND application_name = {literal(_NAME)}"))
 
-    def load(self, database: str, role: str, login: bytes, statements: Iterable[bytes]) -> list[str]:
+    def load(self, database: str, role: str, login: bytes, statements: Iterable[bytes]) -> tuple[list[str], list[int]]:
         """Runs SQL in a database as the role of `make_loader`, in a client without rights on this host.
 
-        Returns the errors of statements that failed; all others were run. RestoreError if the connection ended.
+        Returns the errors of statements that failed, while all others were run; and for each line by which a statement
+        COPY says how many rows it has copied, their number. RestoreError if the connection ended.
         """
         # After \restrict psql runs no backslash command but \unrestrict with the same key, which no dump can guess.
         if not self._knows_restrict:
@@ -275,18 +286,34 @@ class PostgreSqlServer:
 
         # No connection of an administrator may be open in the database while its own SQL runs.
         self._leave_database(database)
-        client = [self._psql, "-X", "-q", "-A", "-t", "-w", "-v", "ON_ERROR_STOP=0", "-h", "127.0.0.1",
+        client = [self._psql, "-X", "-A", "-t", "-w", "-v", "ON_ERROR_STOP=0", "-h", "127.0.0.1",
                   "-p", str(self.port), "-U", role, "-d", _connection(database, is_local=False), "-f", "-"]
+        copied: list[int] = []
+
+        def take(line: bytes) -> None:
+            said = _COPIED.fullmatch(line)
+            if said and len(copied) < _MOST_COPIES:
+                copied.append(int(said[1]))
+
         messages = run_sql(client, login, {
             "PGPASSFILE": "{secret}", "PGCONNECT_TIMEOUT": "20",
             # Encryption only costs time, since nothing leaves this host. "allow" uses it if the server insists.
-            "PGSSLMODE": "allow"}, restricted())
+            "PGSSLMODE": "allow"}, restricted(), take)
         ended = [message for message in messages if re.search(
             r"FATAL: |server closed the connection|connection to server .* failed|No space left", message)]
         if ended:
             raise RestoreError(f"Loading ended: {'; '.join(ended[:3])}")
         return [re.sub(r"^psql:<stdin>:[0-9]+: ", "", message) for message in messages
-                if re.search(r"ERROR: |backslash commands are restricted|error: ", message)]
+                if re.search(r"ERROR: |backslash commands are restricted|error: ", message)], copied
+
+
+def _written(table: tuple[str, str], count: int | None) -> str:
+    """SQL for the transactions that wrote the rows of a table, and how many each; `count` if one wrote so many."""
+    place = ".".join(map(identifier, table))
+    if count is not None:
+        return f"(SELECT xmin, {count}::bigint AS n FROM ONLY {place} LIMIT 1)"
+    # Grouping by transaction instead of summing over each row takes a third of the time.
+    return f"SELECT xmin, count(*) AS n FROM ONLY {place} GROUP BY xmin"
 
 
 def _connection(database: str, *, is_local: bool = True) -> str:

@@ -31,7 +31,9 @@ class PsqlSession:
         return self._process.poll() is None and time.monotonic() - self._used < _LONGEST_IDLE
 
     def run(self, sql: str, *, stops: bool, time_limit: float) -> Result:
-        """Runs a script, which must end with a semicolon. With `stops`, an error ends the script and the session.
+        """Runs a script, which must end with a semicolon or a command of psql.
+
+        With `stops`, an error ends the script and the session.
 
         The status is 0, or that of psql if it ended. RestoreError after `time_limit` seconds.
         """

@@ -1,4 +1,5 @@
 """Databases: loaded by accounts that have rights on them alone, renewed, verified and undone."""
+import contextlib
 import os
 import re
 import shutil
@@ -303,3 +304,37 @@ def test_completes_a_database_of_postgresql_after_a_kill(session, postgresql):
     killed(session, postgresql, "postgresql", databases["shop"])
     cut(session, postgresql, databases["shop"])
     assert told(postgresql, ALL_OF_POSTGRESQL).split("\n") == ["postgres", "postgres", "template0", "template1"]
+
+
+@contextlib.contextmanager
+def psql_of_before(server):
+    """Puts a psql without \\restrict in the place of this host's."""
+    place = f"{server.programs}/psql"
+    shutil.copy2(place, "/mnt/psql")
+    with open("/mnt/psql-of-before", "w", encoding="ascii") as script:
+        script.write("#!/bin/sh\nsed -u 's/^.restrict/\\\\nonsense/' | /mnt/psql \"$@\"\n")
+    os.chmod("/mnt/psql-of-before", 0o755)
+    subprocess.run(["mount", "--bind", "/mnt/psql-of-before", place], check=True)
+    yield
+    subprocess.run(["umount", place], check=True)
+
+
+def test_does_not_read_again_what_postgresql_says_that_it_has_copied(session, postgresql):
+    """If the dump prints what looks like a count, the rows are counted."""
+    postgresql.sql("CREATE ROLE shop LOGIN;\nCREATE DATABASE shop OWNER shop;\n\\connect shop\n"
+                   "CREATE TABLE none (i int); CREATE TABLE t AS SELECT i FROM generate_series(1, 1000) i;"
+                   "ALTER TABLE none OWNER TO shop; ALTER TABLE t OWNER TO shop;")
+    element = server_dumps.dump_all(session)["shop"]
+    sql, end = server_dumps.sql_of(session, element), b"--\n-- PostgreSQL database dump complete"
+    assert sql.count(end) == 1
+    postgresql.sql("DROP DATABASE shop; DROP ROLE shop;")
+    with psql_of_before(postgresql):
+        assert "psql here does not know \\restrict" in session.run("apply", check=1).stderr
+    assert told(postgresql, LEFT["postgresql"]) == ""
+    for more, least, most in ((b"", 0, 1), (b"SELECT 'COPY 7';\n", 1000, 1000), (b"-- the same\n", 0, 1)):
+        server_dumps.put(session, element, sql.replace(end, more + end))
+        # The earlier one is found unchanged, whatever way its rows were counted.
+        assert "1 changed" in session.run("apply", check=0).stdout
+        read = int(told(postgresql, "SELECT seq_tup_read FROM pg_stat_user_tables WHERE relname = 't'", "shop"))
+        assert least <= read <= most
+    assert "2 tables, 1000 rows" in session.run("verify", check=0).stdout
