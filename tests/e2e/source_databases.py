@@ -17,6 +17,7 @@ import signal
 import subprocess
 import sys
 
+import private_world
 import world
 
 
@@ -192,7 +193,7 @@ def hide_installed():
     """Hides from the private world what the packages have installed on this machine."""
     for path in "/var/lib/mysql", "/var/lib/postgresql":
         if os.path.isdir(path):
-            subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "hidden", path], check=True)
+            private_world.mount(path)
     for path in "/etc/mysql", "/etc/postgresql", "/etc/postfix", "/etc/dovecot":
         if os.path.islink(path):
             os.unlink(path)

@@ -10,6 +10,7 @@ import signal
 import socket
 import subprocess
 
+from private_world import MS_BIND, mount, unmount
 from world import read, wait_until, write
 
 # Directories for a host's data: the test replaces those of the machine by its own.
@@ -28,17 +29,17 @@ def own_directories(storage=None):
     kept = {path: read(path) for path in ACCOUNT_FILES}
     for directory in DIRECTORIES:
         if storage is None:
-            subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", directory], check=True)
+            mount(directory)
         else:
             os.makedirs(storage + directory, exist_ok=True)
-            subprocess.run(["mount", "--bind", storage + directory, directory], check=True)
+            mount(directory, storage + directory, None, MS_BIND, None)
     os.makedirs("/var/www/html")
     os.makedirs("/var/spool/cron/crontabs", mode=0o1730)
     try:
         yield
     finally:
         for directory in reversed(DIRECTORIES):
-            subprocess.run(["umount", "-l", directory], check=True)
+            unmount(directory)
             if storage is not None:
                 shutil.rmtree(storage + directory)
         for path, content in kept.items():

@@ -11,9 +11,10 @@ import pwd
 import signal
 import socket
 import struct
-import subprocess
 import time
 import xml.etree.ElementTree
+
+import private_world
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TESTS = os.path.dirname(HERE)
@@ -87,7 +88,7 @@ def enter():
         assert libc.unshare(0x20000) == 0, os.strerror(ctypes.get_errno())  # CLONE_NEWNS
         # MS_REC | MS_PRIVATE: the worlds of other tests do not see these mounts.
         assert libc.mount(None, b"/", None, 0x4000 | 0x40000, None) == 0, os.strerror(ctypes.get_errno())
-        subprocess.run([f"{TESTS}/private-world", "--inside", "true"], check=True, stdin=subprocess.DEVNULL)
+        private_world.make()
     enter_private_network()
 
 

@@ -10,7 +10,6 @@ import hashlib
 import os
 import shutil
 import stat
-import subprocess
 import sys
 
 DIRECTORIES = ("/home", "/srv", "/opt", "/var/www", "/var/mail", "/var/lib", "/var/spool", "/var/cache")
@@ -21,6 +20,8 @@ _WITH_CONTENT = ("/var/lib",)
 def make():
     """Mounts file systems on the places of sites and mailboxes: empty ones, or an overlay if programs need the content.
     Also makes /etc ready for new accounts."""
+    # Not above: nothing has put the directory of this module on Python's path yet when this is run as a program.
+    from private_world import mount  # pylint: disable=import-outside-toplevel
     for number, directory in enumerate(DIRECTORIES):
         os.makedirs(directory, exist_ok=True)
         if directory in _WITH_CONTENT:
@@ -28,10 +29,10 @@ def make():
             os.makedirs(layers, exist_ok=True)
             os.makedirs(f"{layers}/upper")
             os.makedirs(f"{layers}/work")
-            where = f"lowerdir={directory},upperdir={layers}/upper,workdir={layers}/work"
-            subprocess.run(["mount", "-t", "overlay", "-o", where, "own", directory], check=True)
+            mount(directory, "own", "overlay",
+                  options=f"lowerdir={directory},upperdir={layers}/upper,workdir={layers}/work")
         else:
-            subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "own", directory], check=True)
+            mount(directory)
     os.makedirs("/var/spool/cron/crontabs", mode=0o1730)
     # Without its logs nginx refuses any configuration.
     os.makedirs("/var/log/nginx", exist_ok=True)
