@@ -9,6 +9,7 @@ import pytest
 
 import source_host
 import world
+from own_processes import OwnProcesses
 
 FAILURES = os.environ.get("SONDREL_FAILURES", f"{os.path.dirname(world.TESTS)}/build/tests/failures")
 
@@ -18,18 +19,20 @@ def pytest_addoption(parser):
     parser.addoption("--group", action="append", help="only tests of this group of the matrix; may be repeated")
     parser.addoption("--one-of-each", action="store_true", help="of a test with several sets of parameters only one")
     parser.addoption("--show-sentences", action="store_true", help="with --collect-only: list them")
+    parser.addoption("--own-processes", action="store_true", help="run each test in a process and a world of its own")
+    parser.addoption("--at-a-time", metavar="NUMBER", type=int,
+                     help="with --own-processes: run so many at a time, and not as many as keep the processors busy")
 
 
 def pytest_configure(config):
+    if config.getoption("own_processes"):
+        number = config.getoption("at_a_time")
+        if number is not None and number < 1:
+            raise pytest.UsageError(f"so many tests cannot run at a time: {number}")
+        config.pluginmanager.register(OwnProcesses(number))
     config.addinivalue_line("markers", "slow(limit_seconds=240): takes long; left out of the quick run")
     config.addinivalue_line("markers", "matrix(group): a case of the fault and attack matrix, see scripts/matrix")
     config.addinivalue_line("markers", "release_only: replaces functions of the system, as a sanitizer does, or runs no sondrel")
-
-
-def pytest_sessionstart(session):
-    """Runs in each worker before its tests, which are forked from it."""
-    if hasattr(session.config, "workerinput"):
-        source_host.prepare_source_hosts()
 
 
 def sentence(item):
@@ -60,8 +63,7 @@ def pytest_collection_modifyitems(config, items):
         (wanted if id(item) in chosen and is_wanted(config, item) else left_out).append(item)
     config.hook.pytest_deselected(items=left_out)
     items[:] = wanted
-    # Each worker first gets a sequence of neighbouring tests: no worker may get most of the slow ones, or get them
-    # last.
+    # The slow ones begin early, so that the last tests are quick ones, and not all beside each other.
     slow = [item for item in items if item.get_closest_marker("slow")]
     quick = [item for item in items if not item.get_closest_marker("slow")]
     step = max(1, len(items) // (2 * len(slow))) if slow else 1
@@ -90,16 +92,18 @@ def is_wanted(config, item):
 def pytest_collection_finish(session):
     if session.config.getoption("show_sentences"):
         print("\n".join(sentence(item) for item in session.items))
+    if session.config.getoption("own_processes") and not session.config.option.collectonly:
+        source_host.prepare_source_hosts()
 
 
 @pytest.hookimpl(tryfirst=True)
 def pytest_runtest_setup(item):
-    """Isolates the process of one test (--forked).
+    """Isolates the process of one test (--own-processes).
 
-    Signals to its process group reach no other process, and it ends with its worker. A test that hangs is ended, even
+    Signals to its process group reach no other process, and it ends with pytest. A test that hangs is ended, even
     in a system call, and the time limit file says where it was.
     """
-    if item.config.getoption("forked", False):
+    if item.config.getoption("own_processes"):
         os.setsid()
         world.die_with_parent()
         slow = item.get_closest_marker("slow")

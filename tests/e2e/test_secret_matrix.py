@@ -220,8 +220,6 @@ def test_list_that_tells_the_passwords_is_masked(printed, code):
 
 # --- processes -------------------------------------------------------------------------------
 
-# Words that no other process has: other runs on this machine must not interfere.
-OWN = Login("sudoer", f"own-login-passphrase-{os.getpid()}", f"own-sudo-passphrase-{os.getpid()}")
 LOOK = """
 cat /proc/[0-9]*/cmdline /proc/[0-9]*/environ >> /mnt/seen 2> /dev/null
 ps axwwe >> /mnt/seen
@@ -229,10 +227,14 @@ ps axwwe >> /mnt/seen
 
 
 @pytest.fixture
-def own_passwords():
-    set_password("sudoer", OWN.password)
-    set_password("root", OWN.sudo_password)
-    yield
+def own():
+    """An account whose passwords no other process has: other runs on this machine, and tests beside this one, must not
+    interfere.
+    """
+    login = Login("sudoer", f"own-login-passphrase-{os.getpid()}", f"own-sudo-passphrase-{os.getpid()}")
+    set_password("sudoer", login.password)
+    set_password("root", login.sudo_password)
+    yield login
     set_password("sudoer", SUDOER.password)
     set_password("root", ROOT.password)
 
@@ -251,18 +253,18 @@ def watchful_host():
 
 
 @pytest.mark.parametrize("action", ACTIONS)
-def test_no_process_shows_a_password(own_passwords, watchful_host, action):
-    offered_by(OWN)
+def test_no_process_shows_a_password(own, watchful_host, action):
+    offered_by(own)
     write("/mnt/seen", mode=0o666)
-    assert run(action, OWN).code == 0
+    assert run(action, own).code == 0
     seen = read("/mnt/seen")
     assert os.fsencode(f"{BINARY}\0--{action}\0--host\0") in seen  # the run itself was looked at
     assert b"sudo\0-S\0-p\0 \0" in seen or action == "get-dumping-status"
-    check_nothing_told(OWN.password, OWN.sudo_password)
+    check_nothing_told(own.password, own.sudo_password)
     # Both were used, each where it belongs.
     given = b"".join(command.stdin for command in watchful_host.commands())
-    assert OWN.sudo_password.encode() in given
-    assert (OWN.password.encode() in given) == (action == "dump-all")
+    assert own.sudo_password.encode() in given
+    assert (own.password.encode() in given) == (action == "dump-all")
 
 
 # --- the log at its most talkative -----------------------------------------------------------
