@@ -11,6 +11,7 @@ use File::Temp qw(tempdir);
 use POSIX qw(mkfifo);
 use Agent::Process qw(run);
 use Errno;
+use Imitated qw(write_file);
 use Linux::Tree;
 
 sub plain_system {
@@ -159,6 +160,24 @@ test 'Links of an account lead to what is its own only' => sub {
     link "$root/srv/of-root", "$root/home/alice/second" or die $!;
     ok !defined $tree->read_file('/home/alice/second/key'),
         'a second name of a link of root in a directory of an account is not followed';
+};
+
+test 'Each file of a directory that fits a pattern is read as it is by itself' => sub {
+    my ($root, $tree) = plain_system();
+    # More than are open at the same time.
+    my %text = map { sprintf('%03d.list', $_) => "text $_\n" } 1 .. 150;
+    mkdir "$root/srv/lists" or die $!;
+    write_file("$root/srv/lists/$_", $text{$_}) for keys %text;
+    write_file("$root/srv/lists/other", "text\n");
+    write_file("$root/srv/lists/large.list", 'x' x 101);
+    mkfifo("$root/srv/lists/pipe.list", 0600);
+    symlink '001.list', "$root/srv/lists/link.list" or die $!;
+    symlink 'absent', "$root/srv/lists/absent.list" or die $!;
+    my %read;
+    $tree->read_each($_, qr/\.list\z/, 100, sub { $read{ $_[0] } = ${ $_[1] } })
+        for '/srv/lists', '/srv/absent';
+    is_deeply \%read, { %text, 'link.list' => "text 1\n" },
+        'files and what links lead to are read, but no file that is too large, and no pipe';
 };
 
 # --- what is put in a path at the last moment ---

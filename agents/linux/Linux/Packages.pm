@@ -117,13 +117,11 @@ sub each_list {
     my ($self, $do) = @_;
     return if !defined $self->{manager};
     return $self->each_list_of_rpm($do) if $self->{manager} eq 'rpm';
-    my $tree = $self->{tree};
-    for my $name ($tree->list($INFO)) {
-        my ($id) = $name =~ /\A(.+)\.list\z/ or next;
+    $self->{tree}->read_each($INFO, qr/.\.list\z/s, $MOST_BYTES, sub {
+        my ($name, $text) = @_;
         breathe();
-        my $text = $tree->read_file("$INFO/$name", $MOST_BYTES);
-        $do->($id, \$text) if defined $text;
-    }
+        $do->(substr($name, 0, -length '.list'), $text);
+    });
     return;
 }
 
@@ -162,6 +160,7 @@ sub all_facts {
 sub facts_of_dpkg {
     my ($self) = @_;
     my $text = $self->{tree}->read_file($STATUS, $MOST_BYTES);
+    my %has_list = map { $_ => 1 } $self->{tree}->list($INFO);
     my %facts;
     for my $paragraph (split /\n\n+/, defined $text ? $text : '') {
         my %entry = map { /\A([\w-]+):\s*(.*)\z/s ? ($1 => $2) : () } split /\n(?! )/, $paragraph;
@@ -174,7 +173,7 @@ sub facts_of_dpkg {
             settings => { map { /\A\s*(\S+)\s+([0-9a-f]{32})/ ? ($1 => $2) : () }
                 split /\n/, $entry{Conffiles} || '' } };
         # Packages that may be there for several architectures have it in the names of their records.
-        my ($id) = grep { $self->{tree}->lstat("$INFO/$_.list") } $name, "$name:$architecture" or next;
+        my ($id) = grep { $has_list{"$_.list"} } $name, "$name:$architecture" or next;
         $facts{$id} = { %$facts, id => $id };
     }
     return \%facts;

@@ -18,6 +18,8 @@ no warnings 'newline';
 
 my $MOST_LINKS = 40;
 my $MOST_BYTES = 16 * 1024 * 1024;
+# The most files of a directory that are open at the same time.
+my $AT_A_TIME = 64;
 
 sub new {
     my ($class, %options) = @_;
@@ -189,9 +191,29 @@ sub link_target {
 # for anything else, so that a pipe or a device in its place never blocks.
 sub read_file {
     my ($self, $path, $most) = @_;
-    $most = $MOST_BYTES if !defined $most;
-    my $file = $self->open_file($path);
+    return bytes_of($self->open_file($path), $most);
+}
+
+# Calls back with the name of each file of a directory that fits the pattern, and a reference to its
+# bytes; the rest as read_file. For many files: the directory is looked for once for several of them.
+sub read_each {
+    my ($self, $directory, $pattern, $most, $do) = @_;
+    my @names = grep { $_ =~ $pattern } $self->list($directory);
+    while (my @some = splice @names, 0, $AT_A_TIME) {
+        my %open = $self->open_some($directory, @some);
+        for my $name (@some) {
+            # A link leads elsewhere.
+            my $bytes = bytes_of(delete $open{$name} || $self->open_file("$directory/$name"), $most);
+            $do->($name, \$bytes) if defined $bytes;
+        }
+    }
+    return;
+}
+
+sub bytes_of {
+    my ($file, $most) = @_;
     return undef if !defined $file;
+    $most = $MOST_BYTES if !defined $most;
     my $bytes = '';
     while (my $got = sysread $file, $bytes, 65536, length $bytes) {
         next if length $bytes <= $most;
@@ -207,10 +229,33 @@ sub open_file {
     my $real = $self->real($path);
     return undef if !defined $real;
     my ($directory, $name) = $real =~ m{\A(.*)/([^/]*)\z}s;
-    my $file;
-    my $opened = enter($self->root, $directory) && is_regular(CORE::lstat $name)
-        && sysopen($file, $name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK) && is_regular(CORE::stat $file);
+    my $file = enter($self->root, $directory) ? open_here($name) : undef;
     leave();
+    return $file;
+}
+
+# { name => file } for those of the names in the directory that are regular files.
+sub open_some {
+    my ($self, $directory, @names) = @_;
+    my $real = $self->real($directory);
+    return if !defined $real;
+    my %open;
+    if (enter($self->root, $real)) {
+        for my $name (@names) {
+            my $file = open_here($name);
+            $open{$name} = $file if defined $file;
+        }
+    }
+    leave();
+    return %open;
+}
+
+# Opens a regular file of the current directory.
+sub open_here {
+    my ($name) = @_;
+    my $file;
+    my $opened = is_regular(CORE::lstat $name) && sysopen($file, $name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK)
+        && is_regular(CORE::stat $file);
     return $opened ? $file : undef;
 }
 
