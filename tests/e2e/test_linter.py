@@ -26,12 +26,17 @@ def checkout():
     write("/mnt/programs/clang-tidy", IMITATED, mode=0o755)
     write(HEADER, "inline int one() { return 1; }\n")
     write(SOURCE, '#include "a.h"\nint two() { return one() + one(); }\n')
-    compiled("c++")
+    compiled()
 
 
-def compiled(*words):
-    entry = {"directory": "/mnt/checkout", "file": SOURCE, "command": " ".join([*words, "-o", "a.o", "-c", SOURCE])}
+def compiled(*options):
+    """Compiles it by these options of the compiler with ninja, which notes what the compiler has read."""
+    command = " ".join(["c++", *options, "-MD", "-MF", "a.o.d", "-o", "a.o", "-c", SOURCE])
+    write("/mnt/build/build.ninja", f"rule compile\n  command = {command}\n  deps = gcc\n  depfile = a.o.d\n"
+                                    f"build a.o: compile {SOURCE}\n")
+    entry = {"directory": "/mnt/build", "file": SOURCE, "command": command}
     write("/mnt/build/compile_commands.json", json.dumps([entry]))
+    subprocess.run(["ninja", "-C", "/mnt/build"], check=True)
 
 
 def looks(code=0, cache=CACHE):
@@ -48,9 +53,18 @@ def test_looks_again_at_a_clean_file_when_the_file_its_header_or_its_command_has
     os.mkdir(CACHE)
     assert [looks(), looks()] == [1, 0]
     write(HEADER, "inline int one() { return 1; }  // NOLINT\n")
+    compiled()
     assert [looks(), looks()] == [1, 0]
-    compiled("c++", "-DNDEBUG")
+    compiled("-DNDEBUG")
     assert [looks(), looks()] == [1, 0]
+
+
+@pytest.mark.release_only
+def test_looks_each_time_at_a_file_that_has_changed_since_it_was_compiled():
+    os.mkdir(CACHE)
+    write(HEADER, '#include "b.h"\ninline int one() { return 1; }\n')
+    write("/mnt/checkout/b.h")
+    assert [looks(), looks()] == [1, 1]
 
 
 @pytest.mark.release_only
